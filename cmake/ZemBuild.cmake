@@ -1,0 +1,99 @@
+# Compiler settings of the whole tree, and the helpers by which folders declare their targets.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+set(ZEM_SANITIZER "" CACHE STRING "asan, tsan or fuzz")
+
+find_program(ZEM_CCACHE ccache)
+if(ZEM_CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${ZEM_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${ZEM_CCACHE})
+endif()
+find_program(ZEM_MOLD mold)
+if(ZEM_MOLD)
+  add_link_options(-fuse-ld=mold)
+endif()
+
+# Enough for a stack trace; full debug information doubles the build's time and size.
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1")
+set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O2 -g1")
+set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g1 -fno-omit-frame-pointer")
+set(CMAKE_C_FLAGS_DEBUG "-O1 -g1 -fno-omit-frame-pointer")
+
+if(ZEM_SANITIZER STREQUAL "asan")
+  set(zem_sanitize -fsanitize=address,undefined -fno-sanitize-recover=undefined)
+elseif(ZEM_SANITIZER STREQUAL "tsan")
+  set(zem_sanitize -fsanitize=thread)
+elseif(ZEM_SANITIZER STREQUAL "fuzz")
+  set(zem_sanitize -fsanitize=fuzzer-no-link,address,undefined)
+endif()
+add_compile_options(${zem_sanitize})
+add_link_options(${zem_sanitize})
+
+find_package(Threads REQUIRED)
+find_package(Boost 1.74 REQUIRED COMPONENTS thread system filesystem chrono date_time regex)
+find_package(OpenSSL REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(BSON REQUIRED IMPORTED_TARGET libbson-1.0)
+pkg_check_modules(CJSON REQUIRED IMPORTED_TARGET libcjson)
+find_package(GTest REQUIRED)
+find_package(benchmark REQUIRED)
+
+add_library(zem_options INTERFACE)
+target_include_directories(zem_options INTERFACE ${CMAKE_SOURCE_DIR} ${CMAKE_BINARY_DIR})
+target_compile_options(zem_options INTERFACE -Wall -Wextra -Wpedantic -Werror -Wno-missing-field-initializers)
+target_compile_definitions(zem_options INTERFACE
+  BOOST_BIND_GLOBAL_PLACEHOLDERS BOOST_ASIO_NO_DEPRECATED BOOST_ASIO_SEPARATE_COMPILATION)
+target_link_libraries(zem_options INTERFACE Threads::Threads)
+
+# zem_library(name SOURCES ... LINK ...): a folder's static library.
+function(zem_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK;PRIVATE_LINK" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC zem_options ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK})
+endfunction()
+
+# zem_executable(name SOURCES ... LINK ...)
+function(zem_executable name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE zem_options ${ARG_LINK})
+endfunction()
+
+# zem_test(name LABEL unit|e2e SOURCES ... LINK ...): a GoogleTest program; each case is a CTest of its own.
+include(GoogleTest)
+function(zem_test name)
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "SOURCES;LINK" ${ARGN})
+  if(ZEM_SANITIZER STREQUAL "fuzz")
+    return()
+  endif()
+  if(NOT ARG_LABEL)
+    set(ARG_LABEL unit)
+  endif()
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE zem_options ${ARG_LINK} GTest::gmock GTest::gtest GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT})
+endfunction()
+
+# zem_fuzz(name SOURCE file CORPUS folder LINK ...): a libFuzzer program in the fuzz preset; in the others a test that
+# feeds the corpus to the same function.
+function(zem_fuzz name)
+  cmake_parse_arguments(ARG "" "SOURCE;CORPUS" "LINK" ${ARGN})
+  if(ZEM_SANITIZER STREQUAL "fuzz")
+    add_executable(${name} ${ARG_SOURCE})
+    target_link_libraries(${name} PRIVATE zem_options ${ARG_LINK} -fsanitize=fuzzer)
+  else()
+    add_executable(${name} ${ARG_SOURCE} ${CMAKE_SOURCE_DIR}/tests/support/corpus_main.cc)
+    target_link_libraries(${name} PRIVATE zem_options ${ARG_LINK})
+    add_test(NAME ${name}.Corpus COMMAND ${name} ${ARG_CORPUS})
+    set_tests_properties(${name}.Corpus PROPERTIES LABELS unit TIMEOUT 120)
+  endif()
+endfunction()

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace zem {
+
+using Duration = std::chrono::nanoseconds;
+using TimePoint = std::chrono::steady_clock::time_point;
+using WallTime = std::chrono::system_clock::time_point;
+
+/// The one source of time.  Everything that waits, times out or stamps asks the clock of its process, so that a
+/// test can hold time in its hand.
+///
+/// Threads: all operations from any thread.
+class Clock {
+ public:
+  using AlarmFunction = std::function<void()>;
+  using AlarmId = uint64_t;
+
+  virtual ~Clock() = default;
+
+  /// The process's clock: the real one unless a VirtualClock exists.
+  static Clock& Process();
+
+  virtual TimePoint Now() const = 0;
+  virtual WallTime WallNow() const = 0;
+
+  /// True when time moves only while everybody waits.  The operations below then have an effect; on the real
+  /// clock they do nothing, because the operating system wakes the waiters.
+  virtual bool IsVirtual() const { return false; }
+
+  /// Calls `function` once when time has reached `due`.  It runs on a foreign thread's stack and may only take
+  /// leaf locks: wake somebody, post something.
+  virtual AlarmId SetAlarm(TimePoint due, AlarmFunction function);
+
+  /// False when the alarm has run or is running.
+  virtual bool CancelAlarm(AlarmId id);
+
+  /// Work that is under way or on its way to a thread; time stands still while there is any.
+  virtual void BeginWork() {}
+  virtual void EndWork() {}
+
+ protected:
+  static void Install(Clock* clock);
+};
+
+/// Makes the process's virtual clock hold still for its lifetime.  Nothing on the real clock.
+class WorkToken {
+ public:
+  WorkToken();
+  ~WorkToken();
+  WorkToken(WorkToken&& other) noexcept;
+  WorkToken& operator=(WorkToken&&) = delete;
+  WorkToken(const WorkToken&) = delete;
+  WorkToken& operator=(const WorkToken&) = delete;
+
+ private:
+  Clock* clock_;
+};
+
+}  // namespace zem

@@ -1,0 +1,86 @@
+#include "platform/core/virtual_clock.h"
+
+#include <cassert>
+
+#include "platform/core/condition.h"
+
+namespace zem {
+namespace {
+
+// An hour past the steady clock's origin, so that "now minus something" is never before it.
+constexpr Duration kStart = std::chrono::hours(1);
+// 2026-01-01T00:00:00Z.
+constexpr std::chrono::seconds kWallStart{1767225600};
+
+}  // namespace
+
+VirtualClock::VirtualClock() : now_ns_(kStart.count()) { Install(this); }
+
+VirtualClock::~VirtualClock() { Install(nullptr); }
+
+TimePoint VirtualClock::Now() const { return TimePoint(Duration(now_ns_.load(std::memory_order_acquire))); }
+
+WallTime VirtualClock::WallNow() const {
+  return WallTime(
+      std::chrono::duration_cast<WallTime::duration>(kWallStart + (Now().time_since_epoch() - kStart)));
+}
+
+Clock::AlarmId VirtualClock::SetAlarm(TimePoint due, AlarmFunction function) {
+  std::lock_guard lock(mutex_);
+  const AlarmId id = ++last_id_;
+  alarms_.emplace(std::pair(due, id), std::move(function));
+  due_.emplace(id, due);
+  return id;
+}
+
+bool VirtualClock::CancelAlarm(AlarmId id) {
+  std::lock_guard lock(mutex_);
+  const auto due = due_.find(id);
+  if (due == due_.end()) return false;
+  alarms_.erase(std::pair(due->second, id));
+  due_.erase(due);
+  return true;
+}
+
+void VirtualClock::BeginWork() {
+  std::lock_guard lock(mutex_);
+  ++busy_;
+}
+
+void VirtualClock::EndWork() {
+  std::unique_lock lock(mutex_);
+  assert(busy_ > 0);
+  if (--busy_ == 0) AdvanceWhileIdle(lock);
+}
+
+void VirtualClock::AdvanceWhileIdle(std::unique_lock<std::mutex>& lock) {
+  while (busy_ == 0 && !alarms_.empty()) {
+    auto first = alarms_.extract(alarms_.begin());
+    due_.erase(first.key().second);
+    const int64_t due = first.key().first.time_since_epoch().count();
+    if (due > now_ns_.load(std::memory_order_relaxed)) now_ns_.store(due, std::memory_order_release);
+    ++busy_;
+    lock.unlock();
+    first.mapped()();
+    lock.lock();
+    --busy_;
+  }
+}
+
+void VirtualClock::RunFor(Duration duration) {
+  // The alarm of this wait is younger than every alarm that is due at the same moment, so those run first.  What
+  // they start may again fall due now: the second round, with a younger alarm, lets that run as well.
+  const TimePoint end = Now() + duration;
+  std::mutex mutex;
+  std::unique_lock lock(mutex);
+  Condition never;
+  never.WaitUntil(lock, end, [] { return false; });
+  never.WaitUntil(lock, end, [] { return false; });
+}
+
+int64_t VirtualClock::busy() const {
+  std::lock_guard lock(mutex_);
+  return busy_;
+}
+
+}  // namespace zem
