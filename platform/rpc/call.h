@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,6 +31,9 @@ class CallHandleBase {
   /// Ends the call with "cancelled" on both sides.  Nothing when it has ended.
   void Cancel();
 
+  /// How the call ended; nothing while it runs, and for a handle without a call.
+  std::optional<Status> FinalStatus() const;
+
  protected:
   bool WriteMessage(const google::protobuf::MessageLite& message, bool last);
   bool CloseWith(const Status& status);
@@ -37,17 +41,18 @@ class CallHandleBase {
   std::shared_ptr<CallState> state_;
 };
 
-/// A call that answers with `Response`.  On the client side it serves to cancel; on the server side to answer.
+/// A call that answers with `Response`.  On the client side it serves to cancel; on the server side to
+/// answer.
 ///
-/// A server's handle whose last copy goes without an answer forgets the call and sends nothing: the caller runs into
-/// its own time-out.
+/// A server's handle whose last copy goes without an answer forgets the call and sends nothing: the caller
+/// runs into its own time-out.
 template <class Response>
 class CallHandle : public CallHandleBase {
  public:
   using CallHandleBase::CallHandleBase;
 
-  /// Server: one message of a streaming answer; of a unary call it is the final one.  False when the call has ended
-  /// or the connection's unsent bytes are over the limit (see `SetOnWritable`).
+  /// Server: one message of a streaming answer; of a unary call it is the final one.  False when the call has
+  /// ended or the connection's unsent bytes are over the limit (see `SetOnWritable`).
   bool Write(const Response& message) { return WriteMessage(message, false); }
 
   /// Server: the final message with status OK.  False when the call has ended.
@@ -71,7 +76,8 @@ class StreamHandle : public CallHandle<Response> {
   bool FinishRequests() { return this->CloseWith(Status()); }
 };
 
-/// What a server knows of one call; shared by all who hold it, valid after the handler has returned.
+/// What a server knows of one call.  Copies share it and stay valid after the handler has returned and after
+/// the end of the call; the object that the handler is given lives only during the handler.
 ///
 /// Threads: the getters from any thread once the handler runs.
 class ServerContext {
@@ -86,7 +92,8 @@ class ServerContext {
   /// TimePoint::max() when there is none.
   TimePoint deadline() const;
 
-  /// Runs once when the call ends by whatever side: final status, cancel, deadline, loss.  On the connection's strand.
+  /// Runs once when the call ends by whatever side: final status, cancel, deadline, loss.  On the
+  /// connection's strand.
   void SetOnClose(std::function<void(const Status&)> hook);
 
   /// Runs when the unsent bytes have fallen below half of the limit after a refused `Write`.

@@ -4,6 +4,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -29,7 +30,9 @@ class ClientContext {
   void set_timeout(Duration timeout) { timeout_ = timeout; }
   Duration timeout() const { return timeout_; }
 
-  void AddHeader(std::string key, std::string value) { headers_.emplace_back(std::move(key), std::move(value)); }
+  void AddHeader(std::string key, std::string value) {
+    headers_.emplace_back(std::move(key), std::move(value));
+  }
   const std::vector<std::pair<std::string, std::string>>& headers() const { return headers_; }
 
  private:
@@ -41,9 +44,9 @@ class ClientContext {
 /// Receives one call's answers.  Made with `new` by the caller of a stub's method, not owned by the library;
 /// the usual observer deletes itself at the end of `CallStatus`.
 ///
-/// Threads: all operations of all observers of one connection run on one strand, in the order of the wire, never
-/// in the stack of the call that made them.  `CallStatus` comes exactly once, last; inside it the observer may delete
-/// itself, start calls, drop its stub or its client.
+/// Threads: all operations of all observers of one connection run on one strand, in the order of the wire,
+/// never in the stack of the call that made them.  `CallStatus` comes exactly once, last; inside it the
+/// observer may delete itself, start calls, drop its stub or its client.
 template <class Response>
 class CallObserver {
  public:
@@ -56,15 +59,15 @@ class CallObserver {
 
 class Channel;
 
-/// The base of generated stubs: a shared channel to one service of one target.  Copies share the channel; the last
-/// one gone closes it, without calling its hook.
+/// The base of generated stubs: a shared channel to one service of one target.  Copies share the channel; the
+/// last one gone closes it, without calling its hook.
 class StubBase {
  public:
   StubBase() = default;
   explicit StubBase(std::shared_ptr<Channel> channel) : channel_(std::move(channel)) {}
 
-  /// Called once when the channel ends for any reason but the drop of its last stub, after the status of each of its
-  /// calls; posted at once when it is down already.
+  /// Called once when the channel ends for any reason but the drop of its last stub, after the status of each
+  /// of its calls; posted at once when it is down already.
   void SetOnStreamDown(std::function<void(CloseReason)> hook);
 
   const std::shared_ptr<Channel>& channel() const { return channel_; }
@@ -75,26 +78,30 @@ class StubBase {
 
 namespace client {
 
+// A derived observer and a braced list convert: the types follow from the method alone.
+
 /// Starts a call of one request.  The handle may be dropped: that does not cancel.
 template <class Request, class Response, MethodKind kKind>
-CallHandle<Response> Call(const std::shared_ptr<Channel>& channel, const Method<Request, Response, kKind>& method,
-                          const ClientContext& context, const Request& request,
-                          CallObserver<Response>* observer);
+CallHandle<Response> Call(const std::shared_ptr<Channel>& channel,
+                          const Method<Request, Response, kKind>& method, const ClientContext& context,
+                          const std::type_identity_t<Request>& request,
+                          std::type_identity_t<CallObserver<Response>>* observer);
 
-/// Sends every request of the list as one message of one client-streaming call.  The list is kept, not copied, and
-/// serialized in slices as the socket drains.
+/// Sends every request of the list as one message of one client-streaming call.  The list is kept, not
+/// copied, and serialized in slices as the socket drains.
 template <class Request, class Response>
 CallHandle<Response> AsyncBatchCall(const std::shared_ptr<Channel>& channel,
                                     const Method<Request, Response, MethodKind::kClientStream>& method,
                                     const ClientContext& context,
-                                    std::shared_ptr<const std::list<Request>> requests,
-                                    CallObserver<Response>* observer);
+                                    std::shared_ptr<const std::list<std::type_identity_t<Request>>> requests,
+                                    std::type_identity_t<CallObserver<Response>>* observer);
 
 /// A call whose requests are written one by one, answered by a stream (or by one message).
 template <class Request, class Response, MethodKind kKind>
 StreamHandle<Request, Response> OpenStream(const std::shared_ptr<Channel>& channel,
                                            const Method<Request, Response, kKind>& method,
-                                           const ClientContext& context, CallObserver<Response>* observer);
+                                           const ClientContext& context,
+                                           std::type_identity_t<CallObserver<Response>>* observer);
 
 }  // namespace client
 }  // namespace zem::rpc

@@ -23,7 +23,8 @@ struct ConnectionInfo {
 };
 
 struct RpcConnectionOptions {
-  /// The peer may open channels to any local endpoint id of this transport, not only to those of a listening server.
+  /// The peer may open channels to any local endpoint id of this transport, not only to those of a listening
+  /// server.
   bool inbound = false;
   /// Targets without a direct route ("zem://ID") go over this connection.
   bool forward = false;
@@ -65,12 +66,12 @@ class ConnectionManager {
   explicit ConnectionManager(Transport& transport);
   ~ConnectionManager();
 
-  /// Starts to connect and does not wait.  False when the endpoint has a connection or a request already; the params
-  /// are then ignored.
+  /// Starts to connect and does not wait.  False when the endpoint has a connection or a request already; the
+  /// params are then ignored.
   bool RequestConnection(const net::Endpoint& endpoint, ConnectionParams params);
 
-  /// Forgets the endpoint at once and closes its connection behind the caller's back: channels end with kLocalClose,
-  /// then the closed callback runs once.  False when there is none.
+  /// Forgets the endpoint at once and closes its connection behind the caller's back: channels end with
+  /// kLocalClose, then the closed callback runs once.  False when there is none.
   bool TeardownConnection(const net::Endpoint& endpoint);
 
  private:

@@ -5,8 +5,8 @@
 
 namespace zem::net {
 
-/// "tcp://ADDRESS:PORT" (literal addresses only) or "zem://ID", an id behind a gateway connection or one that a
-/// peer announced.
+/// "tcp://ADDRESS:PORT" (literal addresses only) or "zem://ID", an id behind a gateway connection or one that
+/// a peer announced.
 class Endpoint {
  public:
   enum class Kind { kInvalid, kTcp, kId };

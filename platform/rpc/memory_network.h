@@ -5,9 +5,9 @@
 
 namespace zem::rpc {
 
-/// While one exists, "tcp://" endpoints of every transport in the process meet in memory instead of in the operating
-/// system: connecting to a listener of the same text makes a pair of byte pipes.  Bytes travel as posted work, so a
-/// virtual clock sees them.  For tests.
+/// While one exists, "tcp://" endpoints of every transport in the process meet in memory instead of in the
+/// operating system: connecting to a listener of the same text makes a pair of byte pipes.  Bytes travel as
+/// posted work, so a virtual clock sees them.  For tests.
 ///
 /// Threads: all operations from any thread.
 class MemoryNetwork {

@@ -6,8 +6,9 @@ namespace zem::rpc {
 
 enum class MethodKind { kUnary, kServerStream, kClientStream, kBidirectional };
 
-/// One service as both sides compiled it.  The fingerprint is made of the names and types of its methods; a channel
-/// opens only between equal ones, so files of different versions fail at stub creation, not in a call.
+/// One service as both sides compiled it.  The fingerprint is made of the names and types of its methods; a
+/// channel opens only between equal ones, so files of different versions fail at stub creation, not in a
+/// call.
 struct ServiceInfo {
   const char* name;
   uint16_t methods;

@@ -12,7 +12,8 @@ namespace zem::rpc {
 
 class Transport;
 
-/// Receives the further requests of a client-streaming or two-way call.  Owned by the library until `End` has returned.
+/// Receives the further requests of a client-streaming or two-way call.  Owned by the library until `End` has
+/// returned.
 template <class Request>
 class RequestObserver {
  public:
@@ -22,15 +23,15 @@ class RequestObserver {
   virtual void End(const Status& status) = 0;
 };
 
-/// The base of generated services.  Each method's handler runs on the connection's strand and must not block; it may keep
-/// the handle and answer later from any thread.
+/// The base of generated services.  Each method's handler runs on the connection's strand and must not block;
+/// it may keep the handle and answer later from any thread.
 class ServiceBase {
  public:
   virtual ~ServiceBase() = default;
   virtual const ServiceInfo& info() const = 0;
 
-  /// Generated: parses and calls the handler of method `index`; an INVALID message closes the call.  Part of the
-  /// library's inner side.
+  /// Generated: parses and calls the handler of method `index`; an INVALID message closes the call.  Part of
+  /// the library's inner side.
   virtual void Dispatch(uint16_t index, const std::shared_ptr<CallState>& call, const char* data, size_t size,
                         bool last) = 0;
 };

@@ -18,7 +18,8 @@ class Transport;
 struct StubRequest {
   std::string source_id;
   net::Endpoint target;
-  /// Tries after the first; the default gives up after three, so that the caller's own policy and log take over.
+  /// Tries after the first; the default gives up after three, so that the caller's own policy and log take
+  /// over.
   RetryPolicy policy{1000, 1000, 1.0, 2};
   /// 0 or less is without limit.
   int64_t timeout_ms = 0;
@@ -39,8 +40,8 @@ class StubFactory {
 
   virtual ~StubFactory() = default;
 
-  /// `done` runs once on the dispatcher: with the stub and status 0, or with none and status 1.  A channel that
-  /// arrives after the time-out or a cancel is closed.
+  /// `done` runs once on the dispatcher: with the stub and status 0, or with none and status 1.  A channel
+  /// that arrives after the time-out or a cancel is closed.
   template <class Stub>
   std::shared_ptr<StubCreatorBase> create(StubRequest request,
                                           std::function<void(std::optional<Stub>, const Status&)> done) {

@@ -25,7 +25,8 @@ class Transport {
   virtual AsioZemProvider& provider() = 0;
   virtual StubFactory& stubs() = 0;
 
-  /// Every connection of the transport, made or accepted; `up` after the introduction, `down` after its channels.
+  /// Every connection of the transport, made or accepted; `up` after the introduction, `down` after its
+  /// channels.
   virtual void SetConnectionHooks(std::function<void(const ConnectionInfo&)> up,
                                   std::function<void(const ConnectionInfo&, CloseReason)> down) = 0;
 
