@@ -1,6 +1,7 @@
-// The app-init handshake of the manager client.  Whatever makes a running handshake void takes a new sequence number;
-// answers and timers carry the number they belong to and do nothing when it is no longer the last one.  That is why
-// no timer and no call has to be found and stopped for correctness: cancelling only saves work.
+// The app-init handshake of the manager client.  Whatever makes a running handshake void takes a new sequence
+// number; answers and timers carry the number they belong to and do nothing when it is no longer the last
+// one.  That is why no timer and no call has to be found and stopped for correctness: cancelling only saves
+// work.
 
 #include "framework/log.h"
 #include "mpaclient/mpa_client.h"
@@ -116,11 +117,12 @@ bool MpaClient::CompleteAppInitHandshake(uint32_t sequence, bool success) {
   std::lock_guard lock(app_init_mutex_);
   if (app_init_completed_) return false;
   if (!IsCurrent(sequence)) {
-    ZLOG_WARN("[%s] CompleteAppInitHanshake : AppInit Sequence number has moved ahead seq (%d), current (%d)", name,
-              static_cast<int>(sequence), static_cast<int>(app_init_seq_num_.load()));
+    ZLOG_WARN("[%s] CompleteAppInitHanshake : AppInit Sequence number has moved ahead seq (%d), current (%d)",
+              name, static_cast<int>(sequence), static_cast<int>(app_init_seq_num_.load()));
     return false;
   }
-  ZLOG_DEBUG("[%s] CompleteAppInitHanshake : Completed successfully seq (%d)", name, static_cast<int>(sequence));
+  ZLOG_DEBUG("[%s] CompleteAppInitHanshake : Completed successfully seq (%d)", name,
+             static_cast<int>(sequence));
   if (app_init_timer_) app_init_timer_->Cancel();
   app_init_timer_.reset();
   if (!success) {

@@ -96,14 +96,16 @@ constexpr std::array kRows = {
     Row{VerticalId::kIda, &Make<ida::IdaMpService, IdaHostService>, &MakeSpecific<MpaClientIda>},
     Row{VerticalId::kControllerMgmt, &Make<config::CtrlMgmtMpService, CtrlMgmtHostService>,
         &MakeSpecific<MpaClientControllerMgmt>},
-    Row{VerticalId::kSwitching, &Make<messaging::L2MpService, l2HostService>, &MakeSpecific<MpaClientSwitching>},
+    Row{VerticalId::kSwitching, &Make<messaging::L2MpService, l2HostService>,
+        &MakeSpecific<MpaClientSwitching>},
     Row{VerticalId::kAlarmsProvider, &Make<monitoring::CollectorMpService, CollectorHostService>,
         &MakeSpecific<MpaClientCollector>},
     Row{VerticalId::kLivetrace, &Make<livetrace::LivetraceMpService, LivetraceHostService>,
         &MakeSpecific<MpaClientLivetrace>},
     Row{VerticalId::kIpReputation, &Make<firewall::IpReputationEventNotificationRpc, NoHostService>,
         &MakeSpecific<MpaClientIpReputation>},
-    Row{VerticalId::kIdfw, &Make<context::idfw::IdfwMpService, IdfwHostService>, &MakeSpecific<MpaClientIdfw>},
+    Row{VerticalId::kIdfw, &Make<context::idfw::IdfwMpService, IdfwHostService>,
+        &MakeSpecific<MpaClientIdfw>},
     Row{VerticalId::kContextHealth, &Make<context::OuviMpService, CtxHealthHostService>,
         &MakeSpecific<MpaClientContextHealth>},
     Row{VerticalId::kIds, &Make<context::ids::IdsMpService, NoHostService>, &MakeSpecific<MpaClientIds>},
@@ -118,13 +120,16 @@ static_assert(kRows.size() == static_cast<size_t>(VerticalId::kCount));
 
 std::shared_ptr<MpaClient> MakeMpaClient(MpaClientArguments arguments) {
   // The bus carries every vertical alike.
-  const Vertical* const vertical = arguments.port != MpaClient::kBusPort ? FindVertical(arguments.name) : nullptr;
-  if (vertical != nullptr) return kRows[static_cast<size_t>(vertical->id)].client(std::move(arguments), *vertical);
+  const Vertical* const vertical =
+      arguments.port != MpaClient::kBusPort ? FindVertical(arguments.name) : nullptr;
+  if (vertical != nullptr)
+    return kRows[static_cast<size_t>(vertical->id)].client(std::move(arguments), *vertical);
   if (arguments.name != "MpaClientTest" && FindVertical(arguments.name) == nullptr) {
     ZLOG_WARN("Unknown app type %s", arguments.name.c_str());
   }
-  return std::make_shared<MpaClient>(arguments.provider, std::move(arguments.callback), std::move(arguments.name),
-                                     std::move(arguments.id), arguments.client_type, arguments.port);
+  return std::make_shared<MpaClient>(arguments.provider, std::move(arguments.callback),
+                                     std::move(arguments.name), std::move(arguments.id),
+                                     arguments.client_type, arguments.port);
 }
 
 std::shared_ptr<MpaClientAppSpecific> MakeAppSpecificInstance(const Vertical& vertical,

@@ -26,10 +26,29 @@ constexpr size_t kMaxDumpedBytes = 4096;
 
 // On the bus a connection of these stands only once the ACK has come.
 constexpr const char* kVerticalsThatWaitForAck[] = {
-    "SwitchingVertical", "ControllerMgmtVertical", "SimpleL2Vertical", "HostNodeStatusVertical", "FabricStats",
-    "AggSvc-Routing", "AggSvc-L2-Switching", "AggSvc-L2-Bridging", "DFWRuleStats", "AggSvc-L4L7", "AggSvc-Lb",
-    "AggSvc-Vpn", "TransportNodeStatusVertical", "PBRStats", "SERVICE_FABRIC_APPLICATION", "Context-Health",
-    "EdgeVertical", "HealthCheck", "INVENTORY_DISCOVERY_APPLICATION", "Traceflow", "CustomerVertical", "VMCD", "L3UD",
+    "SwitchingVertical",
+    "ControllerMgmtVertical",
+    "SimpleL2Vertical",
+    "HostNodeStatusVertical",
+    "FabricStats",
+    "AggSvc-Routing",
+    "AggSvc-L2-Switching",
+    "AggSvc-L2-Bridging",
+    "DFWRuleStats",
+    "AggSvc-L4L7",
+    "AggSvc-Lb",
+    "AggSvc-Vpn",
+    "TransportNodeStatusVertical",
+    "PBRStats",
+    "SERVICE_FABRIC_APPLICATION",
+    "Context-Health",
+    "EdgeVertical",
+    "HealthCheck",
+    "INVENTORY_DISCOVERY_APPLICATION",
+    "Traceflow",
+    "CustomerVertical",
+    "VMCD",
+    "L3UD",
 };
 
 bool WaitsForAck(const std::string& name) {
@@ -62,6 +81,8 @@ uint64_t RetryTimeoutUs(const std::string& name) {
   const auto found = TheRegistry().retry_timeouts_us.find(name);
   return found != TheRegistry().retry_timeouts_us.end() ? found->second : 5000000;
 }
+
+void DeliverFromBus(void*, rmqClientMessage* message) { MpaClient::Deliver(message); }
 
 void DumpPayload(const rmqClientMessage& message) {
   static constexpr char kDigits[] = "0123456789abcdef";
@@ -253,7 +274,8 @@ int MpaClient::SendMsgViaTnProxy(rmqClientMessage*, const std::string&) {
   return -1;
 }
 
-int MpaClient::MsgHandler(const GenericUnifiedMsg&, const std::string&, rpc::CallObserver<VoidMsg>* observer) {
+int MpaClient::MsgHandler(const GenericUnifiedMsg&, const std::string&,
+                          rpc::CallObserver<VoidMsg>* observer) {
   delete observer;
   ZLOG_INFO("Not Implemented");
   return -1;
@@ -288,7 +310,7 @@ void MpaClient::HandleMessage(rmqClientMessage* message) {
   ZLOG_DEBUG("[%s] Received Message from MPA [%d]\n", name, static_cast<int>(message->msg_type));
   received_.Mark();
   switch (message->msg_type) {
-    case RMQ_CLIENT_CLOSE:
+    case kRmqClientClose:
       if (!HandleBusClose(*message)) return;
       break;
     default:
@@ -304,7 +326,7 @@ void MpaClient::HandleMessage(rmqClientMessage* message) {
       }
   }
   switch (message->msg_type) {
-    case RMQ_CLIENT_REGISTRATION_ACK: {
+    case kRmqClientRegistrationAck: {
       ZLOG_INFO("Received client registration ACK from MPA, sending/receiving messages is enabled\n");
       std::lock_guard lock(connection_mutex_);
       SetThreadName("ops:Active");
@@ -312,18 +334,19 @@ void MpaClient::HandleMessage(rmqClientMessage* message) {
       connection_state_ = kConnected;
       break;
     }
-    case RMQ_CLIENT_PAYLOAD:
-    case RMQ_CLIENT_CLOSE:
-    case RMQ_MP_RPC_REQUEST:
-    case RMQ_MP_RPC_RESPONSE:
-    case RMQ_CLIENT_RPC_RESPONSE:
-    case RMQ_MP_PUBLISH:
+    case kRmqClientPayload:
+    case kRmqClientClose:
+    case kRmqMpRpcRequest:
+    case kRmqMpRpcResponse:
+    case kRmqClientRpcResponse:
+    case kRmqMpPublish:
       break;
     default:
-      ZLOG_ERROR("00104",
-                 "[%s] Unrecognized RMQ messageType [%d] from MPA. Disconnect from mpa due to unrecognized message. "
-                 "CookieId :%d\n",
-                 name, static_cast<int>(message->msg_type), message->cookie);
+      ZLOG_ERROR(
+          "00104",
+          "[%s] Unrecognized RMQ messageType [%d] from MPA. Disconnect from mpa due to unrecognized message. "
+          "CookieId :%d\n",
+          name, static_cast<int>(message->msg_type), message->cookie);
       return;
   }
   if (!receive_callback_) return;
@@ -341,8 +364,8 @@ bool MpaClient::HandleBusClose(const rmqClientMessage& message) {
   {
     std::lock_guard lock(connection_mutex_);
     if (message.cookie != cookie_) {
-      ZLOG_ERROR("00101", "[%s] Message's cookieId [%d] does not match with [%d], ignored\n", name, message.cookie,
-                 cookie_);
+      ZLOG_ERROR("00101", "[%s] Message's cookieId [%d] does not match with [%d], ignored\n", name,
+                 message.cookie, cookie_);
       return false;
     }
     ZLOG_INFO("[%s] Got CLIENT CLOSE Message for cookie:[%d], disconnected from MPA\n", name, cookie_);
@@ -372,7 +395,8 @@ void MpaClient::ConnectMpaStateTrans() {
         return;
       }
       if (cookie_ > 0) {
-        ZLOG_DEBUG("[%s] Already conncted to [%d] but didn't receive RMQ_CLIENT_REGISTRATION_ACK. \n", name, cookie_);
+        ZLOG_DEBUG("[%s] Already conncted to [%d] but didn't receive RMQ_CLIENT_REGISTRATION_ACK. \n", name,
+                   cookie_);
         connection_state_ = kDisconnected;
         std::swap(stale, cookie_);
       }
@@ -382,9 +406,9 @@ void MpaClient::ConnectMpaStateTrans() {
   if (stale > 0) bus_client_->CloseClient(stale);
   ZLOG_DEBUG("[%s] Connecting to mpa...\n", name);
   const int32_t cookie = bus_client_->InitNETClient(app_id_.c_str(), app_type_.c_str(),
-                                                    static_cast<int>(client_type_), &MpaClient::Deliver);
+                                                    static_cast<int>(client_type_), &DeliverFromBus);
   if (cookie < 0) {
-    ZLOG_WARN("[%s] connecting to mpa return cookie [%s]\n", name, RmqErrorName(cookie));
+    ZLOG_WARN("[%s] connecting to mpa return cookie [%s]\n", name, BusErrorName(cookie));
     ScheduleTimer(RetryTimeoutUs(app_type_));
     return;
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <boost/intrusive_ptr.hpp>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -34,10 +35,12 @@ class Frequency;
 
 /// The client of the manager for one vertical: sends its records, calls it back with what arrives.
 ///
-/// This base works over the bus (port 6666) and carries what both roads share; MpaClientPrivate is the RPC road.
+/// This base works over the bus (port 6666) and carries what both roads share; MpaClientPrivate is the RPC
+/// road.
 ///
-/// Threads: `SendMessage` and the getters from any thread.  The receive callback runs on the forwarding provider's
-/// thread with no lock held; it hands over to a queue of its own quickly.  Clients are always held by shared pointers.
+/// Threads: `SendMessage` and the getters from any thread.  The receive callback runs on the forwarding
+/// provider's thread with no lock held; it hands over to a queue of its own quickly.  Clients are always held
+/// by shared pointers.
 class MpaClient {
  public:
   using GenericUnifiedMsg = orlane::zem::messaging::GenericUnifiedMsg;
@@ -120,8 +123,8 @@ class MpaClient {
   void HandleClose();
   void SetConnectionState(ConnectionState state);
 
-  // The handshake's part that runs with the app-init lock held; true when the registration ACK is due, to be delivered
-  // after the lock.
+  // The handshake's part that runs with the app-init lock held; true when the registration ACK is due, to be
+  // delivered after the lock.
   virtual bool AppInitHandshakeLocked() { return false; }
   virtual void SendRegistrationAck() {}
   virtual AsioZemProvider& timer_provider() { return provider_; }

@@ -20,7 +20,7 @@ constexpr Duration kStaleCall = std::chrono::seconds(300);
 constexpr const char* kFailedText = "AppInit Handshake failed!";
 
 bool IsPublish(const rmqClientMessage& record) {
-  return record.msg_type == RMQ_VSM_PAYLOAD || record.msg_type == RMQ_CLIENT_PUBLISH;
+  return record.msg_type == kRmqVsmPayload || record.msg_type == kRmqClientPublish;
 }
 
 const char* PublishText(bool publish) { return publish ? "Publish," : ""; }
@@ -30,23 +30,22 @@ std::string TrackingIdText(const MpaClient::GenericUnifiedMsg& message) {
 }
 
 // The type of the record in which an answer to a record of `request` travels; 0 when it cannot have one.
-uint32_t AnswerType(uint32_t request) {
+int32_t AnswerType(int32_t request) {
   switch (request) {
-    case RMQ_CLIENT_RPC_REQUEST:
-      return RMQ_MP_RPC_RESPONSE;
-    case RMQ_VSM_PAYLOAD:
-    case RMQ_CLIENT_PUBLISH:
-      return RMQ_CLIENT_PUBLISH;
-    case RMQ_MP_RPC_REQUEST:
-      return RMQ_CLIENT_RPC_RESPONSE;
+    case kRmqClientRpcRequest:
+      return kRmqMpRpcResponse;
+    case kRmqVsmPayload:
+    case kRmqClientPublish:
+      return kRmqClientPublish;
+    case kRmqMpRpcRequest:
+      return kRmqClientRpcResponse;
     default:
       return 0;
   }
 }
 
-std::string HeaderText(const rmqClientMessage& record, const char* key) {
-  return ReadHeaderText(record, key).value_or("");
-}
+// A header that is missing or malformed has no keys.
+BusHeader HeaderOf(const rmqClientMessage& record) { return BusHeader::Of(record).value_or(BusHeader()); }
 
 }  // namespace
 
@@ -69,20 +68,24 @@ void MpaClientAppSpecific::ReleaseClient() {
   dropped.swap(client_);
 }
 
-bool MpaClientAppSpecific::UsesRoutingKeyAsAph(const rmqClientMessage&) const { return vertical_.routing_key_as_aph; }
+bool MpaClientAppSpecific::UsesRoutingKeyAsAph(const rmqClientMessage&) const {
+  return vertical_.routing_key_as_aph;
+}
 
-std::unique_ptr<google::protobuf::Message> MpaClientAppSpecific::GetMpUnifiedMsg(const std::string& type_name) const {
+std::unique_ptr<google::protobuf::Message> MpaClientAppSpecific::GetMpUnifiedMsg(
+    const std::string& type_name) const {
   return layout_.NewMp(type_name);
 }
 
-google::protobuf::Message* MpaClientAppSpecific::GetMsgPayload(Message* unified, const std::string& type_name) const {
+google::protobuf::Message* MpaClientAppSpecific::GetMsgPayload(Message* unified,
+                                                               const std::string& type_name) const {
   return layout_.MutableMpMember(unified, type_name);
 }
 
 std::unique_ptr<ServiceObserver> MpaClientAppSpecific::GetRpcCallObserver(const rmqClientMessage* record,
                                                                           uint32_t sequence) {
   auto observer = std::make_unique<ServiceObserver>(weak_from_this(), vertical_.observer_class, sequence);
-  if (sequence == 0 && (record == nullptr || !PopulateObserverRmqMsg(&observer->response(), *record))) {
+  if (sequence == 0 && (record == nullptr || !PopulateObserver(observer.get(), *record))) {
     ZLOG_INFO("[%s] %s::GetRpcCallObserver Failed to Fill in Observer Rmq msg", app_type_.c_str(),
               vertical_.client_class);
     return nullptr;
@@ -105,7 +108,8 @@ bool MpaClientAppSpecific::GetAppInitUnifiedMsg(GenericUnifiedMsg* out) const {
   const auto unified = GetMpUnifiedMsg(kAppInitType);
   if (!BuildAppInitMsg(GetMsgPayload(unified.get(), kAppInitType)) ||
       !unified->SerializeToString(out->mutable_payload())) {
-    ZLOG_INFO("[%s] MpaClientAppSpecific::GetAppInitUnifiedMsg: Could not serialize to string.", app_type_.c_str());
+    ZLOG_INFO("[%s] MpaClientAppSpecific::GetAppInitUnifiedMsg: Could not serialize to string.",
+              app_type_.c_str());
     return false;
   }
   return true;
@@ -141,45 +145,52 @@ bool MpaClientAppSpecific::FinishInitHandshake(uint32_t sequence, bool success) 
 }
 
 void MpaClientAppSpecific::SendRegistrationAckToVertical(int flag) {
-  SendStateToVertical(RMQ_CLIENT_REGISTRATION_ACK, flag);
+  SendStateToVertical(kRmqClientRegistrationAck, flag);
 }
 
 void MpaClientAppSpecific::SendCloseToVertical(int flag) {
   ZLOG_INFO("[%s] Send Close Msg to Vertical", app_type_.c_str());
-  SendStateToVertical(RMQ_CLIENT_CLOSE, flag);
+  SendStateToVertical(kRmqClientClose, flag);
 }
 
-void MpaClientAppSpecific::SendStateToVertical(uint32_t msg_type, int flag) {
+void MpaClientAppSpecific::SendStateToVertical(BusMessageType msg_type, int flag) {
+  BusHeader header;
+  header.msg_type = msg_type;
+  header.app_type = app_type_;
+  header.app_id = "zem";
   BusRecord record(msg_type);
-  record.set_app_type(app_type_);
-  record.header().AppendInt64("msg_type", msg_type);
-  record.header().Append("app_type", app_type_);
-  record.header().Append("app_id", "zem");
+  record.SetApp(app_type_, "").SetHeader(header);
   if (flag == 0) {
     const auto proxy = TnProxyClientCommon::getInstance();
     uint32_t major = 0;
     uint32_t minor = 0;
     if (proxy && proxy->GetMpVersion(&major, &minor)) {
-      record.set_mp_version(major, minor);
+      record.SetManagerVersion(major, minor);
       ZLOG_INFO(
-          "[%s] MpaClientAppSpecific SendRegistrationAckToVertical mp_major_version is (%d) mp_minor_version is (%d)",
+          "[%s] MpaClientAppSpecific SendRegistrationAckToVertical mp_major_version is (%d) mp_minor_version "
+          "is (%d)",
           app_type_.c_str(), static_cast<int>(major), static_cast<int>(minor));
     } else {
       ZLOG_INFO(
-          "[%s] MpaClientAppSpecific SendRegistrationAckToVertical major and minor version numbers not yet received",
+          "[%s] MpaClientAppSpecific SendRegistrationAckToVertical major and minor version numbers not yet "
+          "received",
           app_type_.c_str());
     }
   }
-  SendMsgToVertical(record.Finish(), flag);
+  SendMsgToVertical(record, flag);
 }
 
-void MpaClientAppSpecific::SendMsgToVertical(rmqClientMessage* record, int) { MpaClient::Deliver(record); }
+void MpaClientAppSpecific::SendMsgToVertical(const BusRecord& record, int) {
+  rmqClientMessage message = record.message();
+  MpaClient::Deliver(&message);
+}
 
 bool MpaClientAppSpecific::IsCorelationIdInCallHandleMap(const std::string& correlation_id) const {
   return calls_.Contains(correlation_id);
 }
 
-bool MpaClientAppSpecific::AddToCallHandleMap(const std::string& correlation_id, CallHandleMap::Handle handle) {
+bool MpaClientAppSpecific::AddToCallHandleMap(const std::string& correlation_id,
+                                              CallHandleMap::Handle handle) {
   if (calls_.Add(correlation_id, std::move(handle))) return true;
   ZLOG_INFO("[%s] MpaClientAppSpecific AddToCallHandleMap Handle with corelationId (%s) already present",
             app_type_.c_str(), correlation_id.c_str());
@@ -198,8 +209,9 @@ CallHandleMap::Handle MpaClientAppSpecific::GetFromSeqToCallHandleMap(uint32_t s
   std::lock_guard lock(sequence_mutex_);
   const auto found = sequences_.find(sequence);
   if (found != sequences_.end()) return found->second;
-  ZLOG_INFO("[%s] MpaClientAppSpecific GetFromSeqToCallHandleMap: call_handle corresponding to seq %d not found",
-            app_type_.c_str(), static_cast<int>(sequence));
+  ZLOG_INFO(
+      "[%s] MpaClientAppSpecific GetFromSeqToCallHandleMap: call_handle corresponding to seq %d not found",
+      app_type_.c_str(), static_cast<int>(sequence));
   return {};
 }
 
@@ -232,30 +244,32 @@ rpc::Status MpaClientAppSpecific::last_call_status() const {
 }
 
 bool MpaClientAppSpecific::GetGenericUnifiedMsg(GenericUnifiedMsg* out, const rmqClientMessage& record,
-                                                const std::string* correlation_id, std::string* type_out) const {
+                                                const std::string* correlation_id,
+                                                std::string* type_out) const {
   const char* const name = app_type_.c_str();
-  const auto type = ReadHeaderText(record, "__TypeId__");
-  if (!type) {
+  const BusHeader header = HeaderOf(record);
+  const std::string& type = header.type_id;
+  if (type.empty()) {
     ZLOG_INFO("[%s] MpaClientAppSpecific::GetGenericUnifiedMsg: Failed to get object type from bson", name);
     return false;
   }
-  *type_out = *type;
-  const auto unified = GetMpUnifiedMsg(*type);
+  *type_out = type;
+  const auto unified = GetMpUnifiedMsg(type);
   if (!unified) {
     ZLOG_WARN("[%s] MpaClientAppSpecific::GetGenericUnifiedMsg Unable to get MpUnifiedMsg", name);
     return false;
   }
-  Message* const message = GetMsgPayload(unified.get(), *type);
+  Message* const message = GetMsgPayload(unified.get(), type);
   if (message == nullptr) {
-    ZLOG_INFO("[%s] MpaClientAppSpecific::GetGenericUnifiedMsg msg NULL for type %s", name, type->c_str());
+    ZLOG_INFO("[%s] MpaClientAppSpecific::GetGenericUnifiedMsg msg NULL for type %s", name, type.c_str());
     return false;
   }
   const size_t size = record.payload != nullptr ? record.payload_len : 0;
   if (auto* const raw = dynamic_cast<RawPayloadMsg*>(message)) {
     raw->set_payload(record.payload, size);
   } else if (size > INT32_MAX || !message->ParseFromArray(record.payload, static_cast<int>(size))) {
-    ZLOG_INFO("[%s] MpaClientAppSpecific::GetGenericUnifiedMsg Failed to parse protobuf msg for type %s", name,
-              type->c_str());
+    ZLOG_INFO("[%s] MpaClientAppSpecific::GetGenericUnifiedMsg Failed to parse protobuf msg for type %s",
+              name, type.c_str());
     return false;
   }
   if (!unified->SerializeToString(out->mutable_payload())) {
@@ -276,34 +290,36 @@ int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::strin
   const auto owner = client();
   if (!owner) return -1;
   std::string target = aph;
-  if (target.empty() && record->routing_key != nullptr && UsesRoutingKeyAsAph(*record)) target = record->routing_key;
+  if (target.empty() && record->routing_key != nullptr && UsesRoutingKeyAsAph(*record))
+    target = record->routing_key;
   const bool publish = IsPublish(*record);
-  const auto correlation_id = ReadHeaderText(*record, "amqp_correlationId");
+  const std::string id = HeaderOf(*record).correlation_id;
   GenericUnifiedMsg message;
   std::string type;
-  if (!GetGenericUnifiedMsg(&message, *record, correlation_id ? &*correlation_id : nullptr, &type)) return -1;
+  if (!GetGenericUnifiedMsg(&message, *record, id.empty() ? nullptr : &id, &type)) return -1;
   int result = -1;
   if (publish) {
     result = owner->MsgHandler(message, target, GetVoidMsgObserver().release());
   } else if (auto observer = GetRpcCallObserver(record, 0)) {
     result = owner->RpcMsgHandler(message, target, observer.release(), 0);
   }
-  const std::string id = correlation_id.value_or("");
   const std::string tracking = TrackingIdText(message);
   if (result == 0 && target.empty()) {
-    ZLOG_INFO("[%s] SendRequest: To Master APH, %s type (%s) correlationId (%s) trackingIdStr (%s) Success.", name,
-              PublishText(publish), type.c_str(), id.c_str(), tracking.c_str());
+    ZLOG_INFO("[%s] SendRequest: To Master APH, %s type (%s) correlationId (%s) trackingIdStr (%s) Success.",
+              name, PublishText(publish), type.c_str(), id.c_str(), tracking.c_str());
   } else if (result == 0) {
-    ZLOG_INFO("[%s] SendRequest: To APH (%s), %s type (%s), correlationId (%s) trackingIdStr (%s) Success.", name,
-              target.c_str(), PublishText(publish), type.c_str(), id.c_str(), tracking.c_str());
+    ZLOG_INFO("[%s] SendRequest: To APH (%s), %s type (%s), correlationId (%s) trackingIdStr (%s) Success.",
+              name, target.c_str(), PublishText(publish), type.c_str(), id.c_str(), tracking.c_str());
   } else if (target.empty()) {
     ZLOG_INFO(
-        "[%s] SendRequest: Failed to send msg Master APH, %s type (%s), correlationId (%s), trackingIdStr (%s), ret "
+        "[%s] SendRequest: Failed to send msg Master APH, %s type (%s), correlationId (%s), trackingIdStr "
+        "(%s), ret "
         "(%d)",
         name, PublishText(publish), type.c_str(), id.c_str(), tracking.c_str(), result);
   } else {
     ZLOG_INFO(
-        "[%s] SendRequest: Failed to send msg to APH (%s), %s type (%s), correlationId (%s), trackingIdStr (%s), ret "
+        "[%s] SendRequest: Failed to send msg to APH (%s), %s type (%s), correlationId (%s), trackingIdStr "
+        "(%s), ret "
         "(%d)",
         name, target.c_str(), PublishText(publish), type.c_str(), id.c_str(), tracking.c_str(), result);
   }
@@ -312,7 +328,7 @@ int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::strin
 
 int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record) {
   const char* const name = app_type_.c_str();
-  const std::string id = HeaderText(*record, "amqp_correlationId");
+  const std::string id = HeaderOf(*record).correlation_id;
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg corelationId (%s)", name, id.c_str());
   GenericUnifiedMsg message;
   std::string type;
@@ -324,22 +340,23 @@ int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record) {
     const bool built = GetGenericUnifiedMsg(&message, *record, &id, &type);
     const std::string tracking = TrackingIdText(message);
     if (!built || !handle->Finish(message)) {
-      ZLOG_INFO("[%s] RespondMsg : Failed to send response with type (%s) corelationId (%s) trackingId (%s).", name,
-                type.c_str(), id.c_str(), tracking.c_str());
+      ZLOG_INFO("[%s] RespondMsg : Failed to send response with type (%s) corelationId (%s) trackingId (%s).",
+                name, type.c_str(), id.c_str(), tracking.c_str());
       return -1;
     }
-    ZLOG_INFO("[%s] RespondMsg : Sent response with type (%s) corelationId (%s) trackingId (%s)", name, type.c_str(),
-              id.c_str(), tracking.c_str());
+    ZLOG_INFO("[%s] RespondMsg : Sent response with type (%s) corelationId (%s) trackingId (%s)", name,
+              type.c_str(), id.c_str(), tracking.c_str());
     return 0;
   }
   const bool has_key = record->routing_key != nullptr && record->routing_key[0] != '\0';
   if (vertical_.routing_key_as_aph && has_key) {
     // The call is gone with its proxy; the answer still finds its asker as a message of its own.
     const std::string aph = record->routing_key;
-    ZLOG_INFO("[%s] RespondMsg : Sending response as a request to APH (%s), corelationId (%s)", name, aph.c_str(),
-              id.c_str());
+    ZLOG_INFO("[%s] RespondMsg : Sending response as a request to APH (%s), corelationId (%s)", name,
+              aph.c_str(), id.c_str());
     const auto owner = client();
-    if (!owner || !GetGenericUnifiedMsg(&message, *record, KeepAphForResponse() ? &id : nullptr, &type)) return -1;
+    if (!owner || !GetGenericUnifiedMsg(&message, *record, KeepAphForResponse() ? &id : nullptr, &type))
+      return -1;
     return owner->MsgHandler(message, aph, GetVoidMsgObserver().release());
   }
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg Invalid corealtionId (%s) and empty amqpRoutingKey", name,
@@ -347,24 +364,26 @@ int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record) {
   return -1;
 }
 
-bool MpaClientAppSpecific::PopulateObserverRmqMsg(BusRecord* response, const rmqClientMessage& request) const {
-  const uint32_t type = AnswerType(request.msg_type);
+bool MpaClientAppSpecific::PopulateObserver(ServiceObserver* observer,
+                                            const rmqClientMessage& request) const {
+  const int32_t type = AnswerType(request.msg_type);
   if (type == 0) {
-    ZLOG_INFO("[%s] MpaClientAppSpecific::PopulateObserverRmqMsg Unknown Message type: (%d)", app_type_.c_str(),
-              static_cast<int>(request.msg_type));
+    ZLOG_INFO("[%s] MpaClientAppSpecific::PopulateObserverRmqMsg Unknown Message type: (%d)",
+              app_type_.c_str(), static_cast<int>(request.msg_type));
     return false;
   }
-  response->set_msg_type(type);
-  response->set_cookie(request.cookie);
-  response->set_app_type(app_type_);
-  response->set_app_id("unused");
-  if (request.header == nullptr) return true;
-  const auto id = ReadHeaderText(request, "amqp_correlationId");
-  if (!id) {
-    ZLOG_WARN("[%s] MpaClientAppSpecific::PopulateObserverRmqMsg Failed to get Correlation ID", app_type_.c_str());
-    return false;
+  BusRecord response(static_cast<BusMessageType>(type));
+  response.SetCookie(request.cookie).SetApp(app_type_, "unused");
+  BusHeader header;
+  if (request.header != nullptr) {
+    header.correlation_id = HeaderOf(request).correlation_id;
+    if (header.correlation_id.empty()) {
+      ZLOG_WARN("[%s] MpaClientAppSpecific::PopulateObserverRmqMsg Failed to get Correlation ID",
+                app_type_.c_str());
+      return false;
+    }
   }
-  response->header().Append("amqp_correlationId", *id);
+  observer->PrepareResponse(std::move(response), std::move(header));
   return true;
 }
 
@@ -410,14 +429,17 @@ void MpaClientAppSpecific::HandleMpResponse(const rpc::Status& status, const Gen
               layout_.HostType(*unified).c_str());
     return;
   }
+  BusHeader header = observer->response_header();
+  header.type_id = layout_.HostType(*unified);
   BusRecord& response = observer->response();
-  response.header().Append("__TypeId__", layout_.HostType(*unified));
-  const auto* const raw = dynamic_cast<const RawPayloadMsg*>(message);
-  if (raw != nullptr ? !response.SetPayload(raw->payload()) : !response.SetPayload(*message)) {
+  std::string payload;
+  if (const auto* const raw = dynamic_cast<const RawPayloadMsg*>(message)) {
+    payload = raw->payload();
+  } else if (!message->SerializeToString(&payload)) {
     ZLOG_WARN("[%s] HandleMpResponse Failed to serialize protobuf msg to array", name);
     return;
   }
-  SendMsgToVertical(response.Finish(), 0);
+  SendMsgToVertical(response.SetHeader(header).SetPayload(std::move(payload)), 0);
 }
 
 }  // namespace zem

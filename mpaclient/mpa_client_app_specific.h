@@ -21,9 +21,9 @@ class ServiceObserver;
 
 /// Turns one vertical's records into the messages of the RPC road and back, and keeps its open calls.
 ///
-/// What a vertical has of its own stands in its row of the vertical table; the classes derived from this one override
-/// where a row says so.
-/// Threads: all operations from any thread; delivery to the vertical happens in the caller's.
+/// What a vertical has of its own stands in its row of the vertical table; the classes derived from this one
+/// override where a row says so. Threads: all operations from any thread; delivery to the vertical happens in
+/// the caller's.
 class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpecific> {
  public:
   using GenericUnifiedMsg = MpaClient::GenericUnifiedMsg;
@@ -42,7 +42,8 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   virtual std::unique_ptr<Message> GetMpUnifiedMsg(const std::string& type_name) const;
   virtual Message* GetMsgPayload(Message* unified, const std::string& type_name) const;
   /// Null when the record does not say what its answer needs.  `record` may be null for a handshake.
-  virtual std::unique_ptr<ServiceObserver> GetRpcCallObserver(const rmqClientMessage* record, uint32_t sequence);
+  virtual std::unique_ptr<ServiceObserver> GetRpcCallObserver(const rmqClientMessage* record,
+                                                              uint32_t sequence);
   virtual std::unique_ptr<rpc::CallObserver<VoidMsg>> GetVoidMsgObserver();
   virtual bool NeedsAppInit() const { return vertical_.needs_app_init; }
   virtual void HandleMpResponse(const rpc::Status& status, const GenericUnifiedMsg& answer,
@@ -54,7 +55,7 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   /// With `flag` 0 the manager's version goes along.
   void SendRegistrationAckToVertical(int flag);
   void SendCloseToVertical(int flag);
-  void SendMsgToVertical(rmqClientMessage* record, int flag);
+  void SendMsgToVertical(const BusRecord& record, int flag);
 
   /// The serialized answer to the manager's unasked app-init config; false when it cannot be serialized.
   bool BuildAppInitCfgAckMsg(GenericUnifiedMsg* answer, bool success) const;
@@ -71,7 +72,8 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   void SetLastCallStatus(const rpc::Status& status);
   rpc::Status last_call_status() const;
 
-  /// Held around the start of a call and around the note of its end, so that the end finds what the start has stored.
+  /// Held around the start of a call and around the note of its end, so that the end finds what the start has
+  /// stored.
   std::mutex& call_mutex() { return call_mutex_; }
 
   const Vertical& vertical() const { return vertical_; }
@@ -82,12 +84,12 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   void ReleaseClient();
 
  private:
-  bool GetGenericUnifiedMsg(GenericUnifiedMsg* out, const rmqClientMessage& record, const std::string* correlation_id,
-                            std::string* type_out) const;
+  bool GetGenericUnifiedMsg(GenericUnifiedMsg* out, const rmqClientMessage& record,
+                            const std::string* correlation_id, std::string* type_out) const;
   bool GetAppInitUnifiedMsg(GenericUnifiedMsg* out) const;
   bool BuildAppInitMsg(Message* message) const;
-  bool PopulateObserverRmqMsg(BusRecord* response, const rmqClientMessage& request) const;
-  void SendStateToVertical(uint32_t msg_type, int flag);
+  bool PopulateObserver(ServiceObserver* observer, const rmqClientMessage& request) const;
+  void SendStateToVertical(BusMessageType msg_type, int flag);
   std::shared_ptr<MpaClient> client() const;
 
   const Vertical& vertical_;
@@ -113,7 +115,8 @@ std::shared_ptr<MpaClientAppSpecific> MakeAppSpecificInstance(const Vertical& ve
 template <VerticalId kId>
 class MpaClientOf final : public MpaClientAppSpecific {
  public:
-  explicit MpaClientOf(std::shared_ptr<MpaClient> client) : MpaClientAppSpecific(GetVertical(kId), std::move(client)) {}
+  explicit MpaClientOf(std::shared_ptr<MpaClient> client)
+      : MpaClientAppSpecific(GetVertical(kId), std::move(client)) {}
 };
 
 using MpaClientPktcap = MpaClientOf<VerticalId::kPacketCapture>;

@@ -17,8 +17,8 @@ using orlane::zem::messaging::RawPayloadMsg;
 
 constexpr LogSource kLog{"mpa-client"};
 
-constexpr std::array<std::string_view, 3> kOldNameVerticals = {"INVENTORY_DISCOVERY_APPLICATION", "FileMonitor",
-                                                               "SERVICE_FABRIC_APPLICATION"};
+constexpr std::array<std::string_view, 3> kOldNameVerticals = {"INVENTORY_DISCOVERY_APPLICATION",
+                                                               "FileMonitor", "SERVICE_FABRIC_APPLICATION"};
 
 struct Renamed {
   std::string_view now;
@@ -43,8 +43,8 @@ MpaClientHostService::MpaClientHostService(std::shared_ptr<MpaClientAppSpecific>
 
 MpaClientHostService::~MpaClientHostService() = default;
 
-std::unique_ptr<google::protobuf::Message> MpaClientHostService::GetHostUnifiedMsg(const GenericUnifiedMsg& generic,
-                                                                                   std::string* type_out) const {
+std::unique_ptr<google::protobuf::Message> MpaClientHostService::GetHostUnifiedMsg(
+    const GenericUnifiedMsg& generic, std::string* type_out) const {
   auto unified = instance_->layout().NewHost();
   if (!unified->ParseFromString(generic.payload())) return nullptr;
   std::string type = instance_->layout().HostType(*unified);
@@ -113,11 +113,12 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
   }
   GenericUnifiedMsg answer;
   if (!instance_->BuildAppInitCfgAckMsg(&answer, true)) {
-    ZLOG_INFO("[%s] %s::RpcMsgHandler Could not serialize %s to string.", vertical_.name, vertical_.host_class,
-              vertical_.mp_unified_class);
+    ZLOG_INFO("[%s] %s::RpcMsgHandler Could not serialize %s to string.", vertical_.name,
+              vertical_.host_class, vertical_.mp_unified_class);
     return;
   }
-  if (handle.Finish(answer)) ZLOG_INFO("%s::RpcMsgHandler Responded with AppInitConfigAckMsg", vertical_.host_class);
+  if (handle.Finish(answer))
+    ZLOG_INFO("%s::RpcMsgHandler Responded with AppInitConfigAckMsg", vertical_.host_class);
 }
 
 void MpaClientHostService::MpaRpcMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
@@ -139,7 +140,7 @@ void MpaClientHostService::Receive(rpc::ServerContext& context, const GenericUni
                                    const std::string& correlation_id,
                                    const rpc::CallHandle<GenericUnifiedMsg>* handle) {
   const bool publish = handle == nullptr;
-  BusRecord record(publish ? RMQ_MP_PUBLISH : RMQ_MP_RPC_REQUEST);
+  BusRecord record(publish ? kRmqMpPublish : kRmqMpRpcRequest);
   std::string app_type;
   if (!BuildRmqClientMessage(generic, context, correlation_id, publish, &record, &app_type)) {
     ZLOG_INFO("[%s] MpaClientHostService::MsgHandler: corelationId (%s), %sFailed to Build Client Message ",
@@ -160,12 +161,13 @@ void MpaClientHostService::Receive(rpc::ServerContext& context, const GenericUni
     }
     client->AddToCallHandleMap(correlation_id, *handle);
   }
-  client->SendMsgToVertical(record.Finish(), 0);
+  client->SendMsgToVertical(record, 0);
 }
 
-bool MpaClientHostService::BuildRmqClientMessage(const GenericUnifiedMsg& generic, const rpc::ServerContext& context,
-                                                 const std::string& correlation_id, bool publish, BusRecord* record,
-                                                 std::string* app_type_out) const {
+bool MpaClientHostService::BuildRmqClientMessage(const GenericUnifiedMsg& generic,
+                                                 const rpc::ServerContext& context,
+                                                 const std::string& correlation_id, bool publish,
+                                                 BusRecord* record, std::string* app_type_out) const {
   const char* const name = vertical_.name;
   // A secret's content is told by its size.
   if (ZLOG_WANTS(kLogDebug)) {
@@ -187,19 +189,21 @@ bool MpaClientHostService::BuildRmqClientMessage(const GenericUnifiedMsg& generi
   if (UsesOldNames(*app_type_out)) {
     std::string old_name = ConvertObjTypeToOldName(type);
     if (!old_name.empty()) {
-      ZLOG_INFO("[%s] MpaClientHostService: converted obj_type (%s) -> (%s)", name, type.c_str(), old_name.c_str());
+      ZLOG_INFO("[%s] MpaClientHostService: converted obj_type (%s) -> (%s)", name, type.c_str(),
+                old_name.c_str());
       type = std::move(old_name);
     }
   }
   const std::string& aph = context.client_id();
-  ZLOG_DEBUG("[%s] MpaClientHostService::BuildRmqClientMessage: aph_uuid=(%s), corelationId=(%s)", name, aph.c_str(),
-             correlation_id.c_str());
-  record->header().Append("__TypeId__", type);
+  ZLOG_DEBUG("[%s] MpaClientHostService::BuildRmqClientMessage: aph_uuid=(%s), corelationId=(%s)", name,
+             aph.c_str(), correlation_id.c_str());
+  BusHeader header;
+  header.type_id = type;
   if (!publish) {
-    record->header().Append("amqp_correlationId", correlation_id);
-    record->header().Append("amqp_replyTo", aph);
+    header.correlation_id = correlation_id;
+    header.reply_to = aph;
   }
-  record->set_app_type(*app_type_out);
+  record->SetHeader(header).SetApp(*app_type_out, "");
   const Message* const message = GetRequestMsg(*unified);
   if (message == nullptr) {
     ZLOG_WARN("[%s] MpaClientHostService::BuildRmqClientMessage: fail to derive message", name);
@@ -212,22 +216,26 @@ bool MpaClientHostService::BuildRmqClientMessage(const GenericUnifiedMsg& generi
       ZLOG_WARN("MpaClientHostService::BuildRmqClientMessage: [%s] Invalid raw message", name);
       return false;
     }
-    if (!record->SetPayload(raw->payload())) {
-      ZLOG_INFO("MpaClientHostService::BuildRmqClientMessage: [%s] Unable to allocate memory for payload", name);
+    record->SetPayload(raw->payload());
+  } else {
+    std::string payload;
+    if (!message->SerializeToString(&payload)) {
+      ZLOG_INFO("MpaClientHostService::BuildRmqClientMessage: [%s] Unable to serialize message", name);
       return false;
     }
-  } else if (!record->SetPayload(*message)) {
-    ZLOG_INFO("MpaClientHostService::BuildRmqClientMessage: [%s] Unable to serialize message", name);
-    return false;
+    record->SetPayload(std::move(payload));
   }
   if (!ZLOG_WANTS(kLogInfo)) return true;
   const std::string tracking = UuidText(generic.cookies().tracking_id());
   if (publish) {
-    ZLOG_INFO("[%s] MpaClientHostService Received: Publish msg, type (%s) corelationId (%s) trackingId (%s) from APH (%s)",
-              name, type.c_str(), correlation_id.c_str(), tracking.c_str(), aph.c_str());
+    ZLOG_INFO(
+        "[%s] MpaClientHostService Received: Publish msg, type (%s) corelationId (%s) trackingId (%s) from "
+        "APH (%s)",
+        name, type.c_str(), correlation_id.c_str(), tracking.c_str(), aph.c_str());
   } else {
-    ZLOG_INFO("[%s] MpaClientHostService Received: Msg type (%s)corelationId (%s) trackingId (%s) from APH (%s)", name,
-              type.c_str(), correlation_id.c_str(), tracking.c_str(), aph.c_str());
+    ZLOG_INFO(
+        "[%s] MpaClientHostService Received: Msg type (%s)corelationId (%s) trackingId (%s) from APH (%s)",
+        name, type.c_str(), correlation_id.c_str(), tracking.c_str(), aph.c_str());
   }
   return true;
 }

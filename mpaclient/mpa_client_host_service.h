@@ -9,8 +9,8 @@
 
 namespace zem {
 
-/// Turns the manager's calls of one vertical into records and delivers them; the base of every host service, beside the
-/// generated service.
+/// Turns the manager's calls of one vertical into records and delivers them; the base of every host service,
+/// beside the generated service.
 ///
 /// Threads: called on the forwarding provider; the vertical's receive callback runs inside.
 class MpaClientHostService {
@@ -23,14 +23,16 @@ class MpaClientHostService {
   virtual ~MpaClientHostService();
 
   /// The vertical's message out of field 1, with its type if it tells one; null when it does not parse.
-  virtual std::unique_ptr<Message> GetHostUnifiedMsg(const GenericUnifiedMsg& generic, std::string* type_out) const;
+  virtual std::unique_ptr<Message> GetHostUnifiedMsg(const GenericUnifiedMsg& generic,
+                                                     std::string* type_out) const;
   /// The member that is set.
   virtual const Message* GetRequestMsg(const Message& host_unified) const;
   virtual std::string GetAppType(const Message& host_unified) const;
   virtual std::shared_ptr<MpaClientAppSpecific> GetClient(const std::string& app_id) const;
 
   /// A publish of the manager; answered at once.
-  void MpaMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic, rpc::CallHandle<VoidMsg> handle);
+  void MpaMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
+                     rpc::CallHandle<VoidMsg> handle);
   /// A request; answered when the vertical does.
   void MpaRpcMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
                         rpc::CallHandle<GenericUnifiedMsg> handle);
@@ -45,8 +47,8 @@ class MpaClientHostService {
   bool BuildRmqClientMessage(const GenericUnifiedMsg& generic, const rpc::ServerContext& context,
                              const std::string& correlation_id, bool publish, BusRecord* record,
                              std::string* app_type_out) const;
-  void Receive(rpc::ServerContext& context, const GenericUnifiedMsg& generic, const std::string& correlation_id,
-               const rpc::CallHandle<GenericUnifiedMsg>* handle);
+  void Receive(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
+               const std::string& correlation_id, const rpc::CallHandle<GenericUnifiedMsg>* handle);
 
   const std::shared_ptr<MpaClientAppSpecific> instance_;
   const Vertical& vertical_;

@@ -289,21 +289,22 @@ void MpaClientPrivateBase::ScheduleStubCreation(const std::string& aph, int64_t 
 }
 
 void MpaClientPrivateBase::ScheduleStubCreationWithLock(const std::string& aph, int64_t delay_ms) {
-  ZLOG_INFO("[%s] ScheduleStubCreationWithLock : delay (%lld)", app_type_.c_str(), static_cast<long long>(delay_ms));
+  ZLOG_INFO("[%s] ScheduleStubCreationWithLock : delay (%lld)", app_type_.c_str(),
+            static_cast<long long>(delay_ms));
   AddStubTimer(aph, delay_ms);
 }
 
 void MpaClientPrivateBase::AddStubTimer(const std::string& aph, int64_t delay_ms) {
   auto& timer = timer_map_[aph];
   if (timer) timer->Cancel();
-  timer = forwarding_provider_->timers().Schedule(std::chrono::milliseconds(delay_ms),
-                                                  [weak = weak_from_this(), aph] {
-                                                    if (const auto self = weak.lock()) {
-                                                      self->GetStubFromTimer(aph);
-                                                    } else {
-                                                      ZLOG_WARN("MpaClientPrivate has been destroyed already");
-                                                    }
-                                                  });
+  timer = forwarding_provider_->timers().Schedule(
+      std::chrono::milliseconds(delay_ms), [weak = weak_from_this(), aph] {
+        if (const auto self = weak.lock()) {
+          self->GetStubFromTimer(aph);
+        } else {
+          ZLOG_WARN("MpaClientPrivate has been destroyed already");
+        }
+      });
 }
 
 bool MpaClientPrivateBase::proxy_connected() const {
@@ -354,14 +355,16 @@ void MpaClientPrivateBase::GetStub(const std::string& aph) {
                   ZLOG_WARN("StubCreateDone: MpaClientPrivate has been destroyed already (%s)", aph.c_str());
                 }
               });
-  ZLOG_DEBUG("[%s] MpaClientPrivate GetStub: Stub creation scheduled for APH (%s)", app_type_.c_str(), aph.c_str());
+  ZLOG_DEBUG("[%s] MpaClientPrivate GetStub: Stub creation scheduled for APH (%s)", app_type_.c_str(),
+             aph.c_str());
 }
 
 void MpaClientPrivateBase::StubCreateFailed(const std::string& aph) {
   const char* const name = app_type_.c_str();
   ZLOG_INFO("[%s] MpaClientPrivate::StubCreateDone_: Stub creation failed for aph (%s)", name, aph.c_str());
   if (!proxy_client_->connected_for_forwarding() || !proxy_connected()) {
-    ZLOG_INFO("[%s] Not connected with TnProxy. Not re-trying stub creation for APH (%s).", name, aph.c_str());
+    ZLOG_INFO("[%s] Not connected with TnProxy. Not re-trying stub creation for APH (%s).", name,
+              aph.c_str());
     std::lock_guard lock(stub_mutex_);
     in_flight_.erase(aph);
     return;
@@ -401,7 +404,8 @@ void MpaClientPrivateBase::StubCreateDone(const std::string& aph, std::unique_pt
     StubCreateFailed(aph);
     return;
   }
-  ZLOG_INFO("[%s] MpaClientPrivate::StubCreateDone_: Stub creation successful for aph (%s)", name, aph.c_str());
+  ZLOG_INFO("[%s] MpaClientPrivate::StubCreateDone_: Stub creation successful for aph (%s)", name,
+            aph.c_str());
   const bool is_master = IsMaster(aph);
   std::shared_ptr<MpStub> stub = std::move(created);
   {
@@ -574,13 +578,14 @@ int MpaClientPrivateBase::RpcMsgHandler(const GenericUnifiedMsg& message, const 
 
 int MpaClientPrivateBase::SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph) {
   const char* const name = app_type_.c_str();
-  ZLOG_DEBUG("[%s] SendMsgViaTnProxy: APH (%s) Message (%d)", name, aph.c_str(), static_cast<int>(message->msg_type));
+  ZLOG_DEBUG("[%s] SendMsgViaTnProxy: APH (%s) Message (%d)", name, aph.c_str(),
+             static_cast<int>(message->msg_type));
   switch (message->msg_type) {
-    case RMQ_VSM_PAYLOAD:
-    case RMQ_CLIENT_PUBLISH:
-    case RMQ_CLIENT_RPC_REQUEST:
+    case kRmqVsmPayload:
+    case kRmqClientPublish:
+    case kRmqClientRpcRequest:
       return app_specific_->SendRequest(message, aph);
-    case RMQ_CLIENT_RPC_RESPONSE:
+    case kRmqClientRpcResponse:
       return app_specific_->RespondMsg(message);
     default:
       ZLOG_INFO("[%s] MpaClientPrivate SendMsgViaTnProxy: Unsupported message (%d)", name,

@@ -21,6 +21,7 @@ namespace zem {
 class MpaClientHostService;
 namespace rpc {
 class Server;
+class ServiceBase;
 }
 
 /// The two calls that every manager-side service has, whichever service it is.
@@ -32,22 +33,22 @@ class MpStub {
   virtual ~MpStub() = default;
   virtual void MsgHandler(const rpc::ClientContext& context, const GenericUnifiedMsg& message,
                           rpc::CallObserver<VoidMsg>* observer) = 0;
-  virtual rpc::CallHandle<GenericUnifiedMsg> RpcMsgHandler(const rpc::ClientContext& context,
-                                                           const GenericUnifiedMsg& message,
-                                                           rpc::CallObserver<GenericUnifiedMsg>* observer) = 0;
+  virtual rpc::CallHandle<GenericUnifiedMsg> RpcMsgHandler(
+      const rpc::ClientContext& context, const GenericUnifiedMsg& message,
+      rpc::CallObserver<GenericUnifiedMsg>* observer) = 0;
   virtual void SetOnStreamDown(std::function<void(rpc::CloseReason)> hook) = 0;
 };
 
-/// The RPC road of one vertical: a stub for each APH, made with spread-out delays and retries, following the list of
-/// APHs and the master.
+/// The RPC road of one vertical: a stub for each APH, made with spread-out delays and retries, following the
+/// list of APHs and the master.
 ///
-/// A running stub creation and a change of the list meet at the in-flight set: while a change is pending, a stub that
-/// arrives is dropped, and the change waits, looking again every 500 ms, until no creation is under way.  So no stub
-/// of an old list survives into the new one, and no APH is forgotten between the two.
+/// A running stub creation and a change of the list meet at the in-flight set: while a change is pending, a
+/// stub that arrives is dropped, and the change waits, looking again every 500 ms, until no creation is under
+/// way.  So no stub of an old list survives into the new one, and no APH is forgotten between the two.
 ///
 /// Threads: as MpaClient; callbacks and timers run on the forwarding provider.
-/// Locks: update mutex, then app-init lock or stub lock, then APH map lock.  No lock is held while a vertical is
-/// called.
+/// Locks: update mutex, then app-init lock or stub lock, then APH map lock.  No lock is held while a vertical
+/// is called.
 class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_this<MpaClientPrivateBase> {
  public:
   MpaClientPrivateBase(MpaClientArguments arguments, const Vertical& vertical);
@@ -87,7 +88,8 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
   /// Asks the library for a stub of the vertical's service.
   virtual void RequestStub(rpc::StubRequest request, StubDone done) = 0;
   /// Null for a vertical that serves no calls of the manager.
-  virtual std::shared_ptr<rpc::ServiceBase> MakeHostService(std::shared_ptr<MpaClientAppSpecific> instance) = 0;
+  virtual std::shared_ptr<rpc::ServiceBase> MakeHostService(
+      std::shared_ptr<MpaClientAppSpecific> instance) = 0;
 
   bool AppInitHandshakeLocked() override;
   void SendRegistrationAck() override;

@@ -8,8 +8,14 @@ namespace {
 constexpr LogSource kLog{"mpa-client"};
 }  // namespace
 
-ServiceObserver::ServiceObserver(std::weak_ptr<MpaClientAppSpecific> client, const char* name, uint32_t sequence)
+ServiceObserver::ServiceObserver(std::weak_ptr<MpaClientAppSpecific> client, const char* name,
+                                 uint32_t sequence)
     : client_(std::move(client)), name_(name), sequence_(sequence) {}
+
+void ServiceObserver::PrepareResponse(BusRecord response, BusHeader header) {
+  response_ = std::move(response);
+  response_header_ = std::move(header);
+}
 
 void ServiceObserver::Next(const orlane::zem::messaging::GenericUnifiedMsg& message) {
   ZLOG_DEBUG("%s::Next Begin", name_);
@@ -29,7 +35,8 @@ void ServiceObserver::CallStatus(const rpc::Status& status) {
     ZLOG_WARN("MpaClient has been destroyed already.");
     return;
   }
-  // The mutex covers the notes of this call only: the vertical that gets the answer may well send the next request.
+  // The mutex covers the notes of this call only: the vertical that gets the answer may well send the next
+  // request.
   client->SetLastCallStatus(status);
   client->HandleMpResponse(status, answer_, this);
   if (sequence_ != 0) client->DeleteFromSeqToCallHandleMap(sequence_);

@@ -22,14 +22,17 @@ class ServiceObserver final : public rpc::CallObserver<orlane::zem::messaging::G
   void CallStatus(const rpc::Status& status) override;
 
   uint32_t sequence() const { return sequence_; }
-  /// The record that the answer will travel in to the vertical.
+  /// The record that the answer will travel in to the vertical, and its header so far.
+  void PrepareResponse(BusRecord response, BusHeader header);
   BusRecord& response() { return response_; }
+  const BusHeader& response_header() const { return response_header_; }
 
  private:
   const std::weak_ptr<MpaClientAppSpecific> client_;
   const char* const name_;
   const uint32_t sequence_;
-  BusRecord response_;
+  BusRecord response_{kRmqMpRpcResponse};
+  BusHeader response_header_;
   orlane::zem::messaging::GenericUnifiedMsg answer_;
 };
 

@@ -7,8 +7,9 @@
 
 namespace zem {
 
-/// Spreads the hosts of a fabric over time, so that they do not all reach for a returning proxy at the same instant:
-/// the same for all clients of one id on one host, another on every host.  Milliseconds, 1000 to 999 + `range_ms`.
+/// Spreads the hosts of a fabric over time, so that they do not all reach for a returning proxy at the same
+/// instant: the same for all clients of one id on one host, another on every host.  Milliseconds, 1000 to 999
+/// + `range_ms`.
 inline int64_t SpreadDelayMs(const std::string& tn_uuid, const std::string& app_id, uint64_t range_ms) {
   constexpr int64_t kLeastMs = 1000;
   return static_cast<int64_t>(std::hash<std::string>{}(tn_uuid + app_id) % range_ms) + kLeastMs;

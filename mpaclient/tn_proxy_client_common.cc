@@ -84,7 +84,8 @@ void TnProxyClientCommon::Release() {
   dropped.swap(Instance());
 }
 
-TnProxyClientCommon::TnProxyClientCommon(std::string client_id, std::string endpoint, std::string stubs_endpoint)
+TnProxyClientCommon::TnProxyClientCommon(std::string client_id, std::string endpoint,
+                                         std::string stubs_endpoint)
     : client_id_(std::move(client_id)),
       endpoint_(std::move(endpoint)),
       stubs_endpoint_(std::move(stubs_endpoint)),
@@ -162,7 +163,8 @@ void TnProxyClientCommon::GetStub() {
   request.policy = RetryPolicy(kStubTimeoutMs, kStubTimeoutMs, 1.0, 0);
   request.timeout_ms = kStubTimeoutMs;
   info_provider_.rpc().stubs().create<ApplProxyInfoService::Stub>(
-      std::move(request), [weak = weak_from_this()](std::optional<ApplProxyInfoService::Stub> stub, const rpc::Status&) {
+      std::move(request),
+      [weak = weak_from_this()](std::optional<ApplProxyInfoService::Stub> stub, const rpc::Status&) {
         const auto self = weak.lock();
         if (!self) return;
         self->StubCreateDone(stub ? std::make_unique<InfoStub>(InfoStub{std::move(*stub)}) : nullptr);
@@ -184,7 +186,8 @@ void TnProxyClientCommon::StubCreateDone(std::unique_ptr<InfoStub> stub) {
     stub_.swap(stub);
     subscribed_ = true;
   }
-  subscriber.Subscribe(rpc::ClientContext(client_id_), ApplProxyInfoReqMsg(), new ApplProxyInfoObserver(weak_from_this()));
+  subscriber.Subscribe(rpc::ClientContext(client_id_), ApplProxyInfoReqMsg(),
+                       new ApplProxyInfoObserver(weak_from_this()));
   ZLOG_INFO("ApplProxyInfoService: Subscribed.");
 }
 

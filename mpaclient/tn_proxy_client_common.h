@@ -22,15 +22,16 @@ namespace zem {
 
 class Timer;
 
-/// The client of the local proxy process: keeps the two connections to it, knows the manager-side proxies (APHs), the
-/// master among them, the transport node's id and the manager's version, and tells the registered clients.
+/// The client of the local proxy process: keeps the two connections to it, knows the manager-side proxies
+/// (APHs), the master among them, the transport node's id and the manager's version, and tells the registered
+/// clients.
 ///
-/// It works on two providers of its own with one thread each.  On the forwarding provider everything of the manager
-/// channel runs: stubs, host services, their timers.  Stub work starts once both the forwarding connection is up and a
-/// list of APHs has arrived; whichever comes second triggers it.
+/// It works on two providers of its own with one thread each.  On the forwarding provider everything of the
+/// manager channel runs: stubs, host services, their timers.  Stub work starts once both the forwarding
+/// connection is up and a list of APHs has arrived; whichever comes second triggers it.
 ///
-/// Threads: all operations from any thread.  Connection callbacks run on the provider of their connection with no lock
-/// held; update-stubs callbacks are posted to the forwarding provider.
+/// Threads: all operations from any thread.  Connection callbacks run on the provider of their connection
+/// with no lock held; update-stubs callbacks are posted to the forwarding provider.
 class TnProxyClientCommon : public std::enable_shared_from_this<TnProxyClientCommon> {
  public:
   using ConnectionUp = std::function<void()>;
@@ -39,7 +40,8 @@ class TnProxyClientCommon : public std::enable_shared_from_this<TnProxyClientCom
   using AphMap = std::map<std::string, bool>;  // APH id to "is master"
 
   /// Makes the process's instance unless there is one.
-  static void Init(const std::string& client_id, const std::string& endpoint, const std::string& stubs_endpoint);
+  static void Init(const std::string& client_id, const std::string& endpoint,
+                   const std::string& stubs_endpoint);
   /// Null before Init.
   static std::shared_ptr<TnProxyClientCommon> getInstance();
   /// Drops the process's instance; it goes when its last holder lets go.

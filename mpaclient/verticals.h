@@ -88,7 +88,8 @@ class UnifiedLayout {
   std::unique_ptr<google::protobuf::Message> NewHost() const;
 
   /// The member for `type_name` of a message made by NewMp; null for a type the vertical does not have.
-  google::protobuf::Message* MutableMpMember(google::protobuf::Message* unified, std::string_view type_name) const;
+  google::protobuf::Message* MutableMpMember(google::protobuf::Message* unified,
+                                             std::string_view type_name) const;
 
   /// The set member that comes first; null when none is set.
   const google::protobuf::Message* HostMember(const google::protobuf::Message& unified) const;
