@@ -88,6 +88,7 @@ TEST_F(DpLinkTest, BrokenStreamsAreLeftAndReopened) {
   test::UnixPeer agent(directory_.Path("link"));
   const std::string path = directory_.Path("link");
   Start();
+  agent.Accept();
   struct Case {
     std::string bytes;
     std::string line;
@@ -105,7 +106,6 @@ TEST_F(DpLinkTest, BrokenStreamsAreLeftAndReopened) {
            Case{Frame(0x81, 1, "x"), "recv error, invalid DpMsg header, fragment: 1, type: 1, size: 7"},
        }) {
     capture_.Clear();
-    agent.Accept();
     agent.Send(c.bytes);
     if (c.line.find("0 byte") != std::string::npos) agent.Close();
     agent.Accept();
@@ -113,6 +113,7 @@ TEST_F(DpLinkTest, BrokenStreamsAreLeftAndReopened) {
     agent.Send(Frame(0, 1, "works"));
     EXPECT_EQ(Received(), Frame(0, 1, "works"));
     agent.Close();
+    agent.Accept();
   }
 }
 
