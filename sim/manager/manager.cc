@@ -1,5 +1,6 @@
 #include "sim/manager/manager.h"
 
+#include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
 
@@ -17,7 +18,7 @@ constexpr size_t kMaxRemembered = 100000;
 
 class ErrorText final : public google::protobuf::io::ErrorCollector {
  public:
-  void AddError(int line, int column, const std::string& message) override {
+  void AddError(int line, google::protobuf::io::ColumnNumber column, const std::string& message) override {
     if (text_.empty()) text_ = std::to_string(line + 1) + ":" + std::to_string(column + 1) + ": " + message;
   }
   const std::string& text() const { return text_; }
@@ -240,7 +241,7 @@ void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnified
       answer.set_payload(unified->SerializeAsString());
       break;
   }
-  const auto send = [this, vertical, app_init, rule, answer, call, id = aph->id()]() mutable {
+  auto send = [this, vertical, app_init, rule, answer, call, id = aph->id()]() mutable {
     if (rule.kind == AnswerRule::Kind::kStatus) {
       call.Close(rule.status, "refused by the scenario");
       return;
