@@ -30,7 +30,8 @@ constexpr int kUsageError = 2;
 
 constexpr const char* kUsage =
     "usage: zem-node run [OPTIONS]              runs a node until it is stopped\n"
-    "       zem-node ctl [--dir DIR] COMMAND    sends one command, prints its JSON answer; \"ctl help\" lists them\n"
+    "       zem-node ctl [--dir DIR] COMMAND    sends one command, prints its JSON answer; \"ctl help\" "
+    "lists them\n"
     "       zem-node scenario [--dir DIR] FILE  runs the commands and expectations of a file\n"
     "options of run:\n"
     "  --dir DIR        the node's folder: control socket and daemon output (/tmp/zem-node)\n"

@@ -126,7 +126,9 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
     line = Trim(line);
     if (line.empty() || line[0] == '#') continue;
     if (Line(line)) continue;
-    out_ << "\n" << name << ":" << number << ": " << line << "\n  did not hold: " << problem_ << "\n" << std::flush;
+    out_ << "\n"
+         << name << ":" << number << ": " << line << "\n  did not hold: " << problem_ << "\n"
+         << std::flush;
     return false;
   }
   EndStep();
@@ -173,7 +175,8 @@ bool Scenario::Command(const std::string& line, bool has_to_fail) {
 
 bool Scenario::Show(const std::string& path) {
   const Json parsed{cJSON_Parse(last_answer_.c_str())};
-  out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), "result." + path))) << "\n" << std::flush;
+  out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), "result." + path))) << "\n"
+       << std::flush;
   return true;
 }
 
@@ -181,8 +184,7 @@ bool Scenario::Expect(const std::string& text) {
   std::string rest = text;
   const bool none = TakePrefix(&rest, "no log ~ ");
   if (none) {
-    const std::string answer =
-        node_.Execute("log/find " + Quote(rest) + " 1 " + std::to_string(step_log_));
+    const std::string answer = node_.Execute("log/find " + Quote(rest) + " 1 " + std::to_string(step_log_));
     const Json parsed{cJSON_Parse(answer.c_str())};
     const cJSON* const line = Find(parsed.get(), "result.lines[0].text");
     if (IsOk(answer) && line == nullptr) return true;
@@ -196,8 +198,9 @@ bool Scenario::Expect(const std::string& text) {
     return false;
   }
   if (condition->path == "log" && condition->operation == "~") {
-    const std::string answer = node_.Execute("log/wait " + Quote(condition->value) + " " +
-                                             std::to_string(condition->within) + " " + std::to_string(step_log_));
+    const std::string answer =
+        node_.Execute("log/wait " + Quote(condition->value) + " " + std::to_string(condition->within) + " " +
+                      std::to_string(step_log_));
     const Json parsed{cJSON_Parse(answer.c_str())};
     if (IsOk(answer)) {
       out_ << "     log: " << Shorten(Text(Find(parsed.get(), "result.text"))) << "\n" << std::flush;
@@ -208,8 +211,7 @@ bool Scenario::Expect(const std::string& text) {
   }
   const std::string again = file ? "file/read " + Quote(condition->path) : last_command_;
   const std::string path = file ? "result.text" : "result." + condition->path;
-  const TimePoint deadline =
-      Clock::Process().Now() + Duration(static_cast<int64_t>(condition->within * 1e9));
+  const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(condition->within * 1e9));
   std::string answer = file ? node_.Execute(again) : last_answer_;
   for (;;) {
     const Json parsed{cJSON_Parse(answer.c_str())};

@@ -14,11 +14,10 @@ class ControlClient;
 ///     manager state                  a command: has to be answered "ok"
 ///     fails manager master nobody    a command that has to be refused
 ///     expect PATH == VALUE           on the last answer; PATH is dotted, "[N]" an element
-///     expect PATH ~ PATTERN [within SECONDS]     also != >= <=; "within" repeats the last command until it holds
-///     expect log ~ PATTERN [within SECONDS]      a line of the node's log since the step began
-///     expect no log ~ PATTERN                    none since the step began
-///     expect file PATH ~ PATTERN [within SECONDS]
-///     show PATH                      prints a part of the last answer
+///     expect PATH ~ PATTERN [within SECONDS]     also != >= <=; "within" repeats the last command until it
+///     holds expect log ~ PATTERN [within SECONDS]      a line of the node's log since the step began expect
+///     no log ~ PATTERN                    none since the step began expect file PATH ~ PATTERN [within
+///     SECONDS] show PATH                      prints a part of the last answer
 ///
 /// Stops at the first line that does not hold and tells which it was and what was there instead.
 class Scenario {
