@@ -19,6 +19,7 @@
 #include "agent/start_watchdog.h"
 #include "app/probe/probe.h"
 #include "covedbclient/covedb_client.h"
+#include "framework/builtin_commands.h"
 #include "framework/cli_server.h"
 #include "framework/lcp_adapter.h"
 #include "framework/log.h"
@@ -218,6 +219,7 @@ void Agent::Impl::StartStore() {
   }
   update_service_ = std::make_shared<upm::UPMService>(store_client_);
   cli_server_ = new CliServer(framework_group_);
+  cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
 }

@@ -91,16 +91,14 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
   const std::string error =
       manager.Send(request, [wait, reply, begin, vertical, id](const HostAnswer& answer) {
         if (!wait) return;
+        if (!answer.status.ok()) return reply.Fail(answer.status.ToString());
         Json result = JsonObject();
         AddMember(result.get(), "correlation_id", id);
         AddMember(result.get(), "status", answer.status.code());
-        AddMember(result.get(), "status_text", answer.status.ToString());
         const auto took = Clock::Process().Now() - begin;
         AddMember(result.get(), "took_us",
                   static_cast<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(took).count()));
-        if (answer.status.ok()) {
-          AddMember(result.get(), "answer", Json(cJSON_Parse(Manager::AnswerJson(vertical, answer).c_str())));
-        }
+        AddMember(result.get(), "answer", Json(cJSON_Parse(Manager::AnswerJson(vertical, answer).c_str())));
         reply.Ok(std::move(result));
       });
   if (!error.empty()) return reply.Fail(error);

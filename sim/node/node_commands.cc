@@ -16,6 +16,7 @@
 
 #include "framework/child_process.h"
 #include "platform/core/thread.h"
+#include "platform/core/timer.h"
 #include "sim/node/node.h"
 #include "sim/node/sandbox.h"
 
@@ -24,6 +25,7 @@ namespace {
 
 constexpr const char* kCliSocket = "/run/orlane/zem-tarvik/tarvik-cli";
 constexpr const char* kCliClient = "/usr/bin/ovs-appctl";
+constexpr auto kFarewell = std::chrono::milliseconds(100);
 constexpr auto kCliPatience = std::chrono::seconds(20);
 constexpr size_t kMaxFile = 1024 * 1024;
 
@@ -258,7 +260,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   [](const Arguments& arguments, Reply reply) { Cli(arguments, reply); }});
   table.Register({"stop", "", "Ends the node.", 0, 0, [n](const Arguments&, Reply reply) {
                     reply.Ok();
-                    n->control_provider_.Stop();
+                    // After the answer has left.
+                    n->control_provider_.timers().Schedule(kFarewell, [n] { n->control_provider_.Stop(); });
                   }});
 }
 

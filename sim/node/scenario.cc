@@ -152,6 +152,7 @@ bool Scenario::Line(const std::string& line) {
   if (TakePrefix(&rest, "expect ")) return Expect(rest);
   if (TakePrefix(&rest, "show ")) return Show(rest);
   if (TakePrefix(&rest, "fails ")) return Command(rest, true);
+  if (TakePrefix(&rest, "await ")) return Await(rest);
   return Command(line, false);
 }
 
@@ -171,6 +172,19 @@ bool Scenario::Command(const std::string& line, bool has_to_fail) {
   if (IsOk(last_answer_) != has_to_fail) return true;
   problem_ = Shorten(last_answer_);
   return false;
+}
+
+bool Scenario::Await(const std::string& text) {
+  double seconds = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  if (error != std::errc()) {
+    problem_ = "not a number of seconds";
+    return false;
+  }
+  const std::string command = Trim(text.substr(static_cast<size_t>(end - text.data())));
+  const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(seconds * 1e9));
+  while (!IsOk(node_.Execute(command)) && Clock::Process().Now() < deadline) SleepFor(kPollInterval);
+  return Command(command, false);
 }
 
 bool Scenario::Show(const std::string& path) {
@@ -210,7 +224,8 @@ bool Scenario::Expect(const std::string& text) {
     return false;
   }
   const std::string again = file ? "file/read " + Quote(condition->path) : last_command_;
-  const std::string path = file ? "result.text" : "result." + condition->path;
+  const bool refusal = condition->path == "error";
+  const std::string path = file ? "result.text" : (refusal ? "" : "result.") + condition->path;
   const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(condition->within * 1e9));
   std::string answer = file ? node_.Execute(again) : last_answer_;
   for (;;) {
