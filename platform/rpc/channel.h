@@ -45,6 +45,7 @@ class ClientCall : public CallState {
   uint32_t id_ = 0;
   bool ended_ = false;
   bool requests_done_ = false;
+  const google::protobuf::MessageLite* next_request_ = nullptr;  // of a batch, not yet sent
   std::optional<Status> final_status_;
 };
 

@@ -61,6 +61,7 @@ struct ConnectionParams {
 /// Keeps connections by endpoint: connects, connects again, tells.
 ///
 /// Threads: all operations from any thread; callbacks on the provider's threads, never in the caller's stack.
+/// Its end tears down what it has requested.
 class ConnectionManager {
  public:
   explicit ConnectionManager(Transport& transport);
@@ -75,7 +76,8 @@ class ConnectionManager {
   bool TeardownConnection(const net::Endpoint& endpoint);
 
  private:
-  Transport& transport_;
+  class Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace zem::rpc

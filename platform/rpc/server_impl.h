@@ -39,7 +39,8 @@ class ObservedRequests final : public RequestSink {
 };
 
 /// The call as its handler holds it: when the last copy goes without an answer, the call is forgotten.
-std::shared_ptr<CallState> AnswerHandle(const std::shared_ptr<CallState>& call);
+/// With `single_answer` its first message is the final one.
+std::shared_ptr<CallState> AnswerHandle(const std::shared_ptr<CallState>& call, bool single_answer);
 
 /// Further requests go to `sink`; `data` is the first, or null.
 void AttachRequests(const std::shared_ptr<CallState>& call, std::unique_ptr<RequestSink> sink,
@@ -48,7 +49,7 @@ void AttachRequests(const std::shared_ptr<CallState>& call, std::unique_ptr<Requ
 void RefuseMalformed(const std::shared_ptr<CallState>& call);
 void RefuseUnknownMethod(const std::shared_ptr<CallState>& call);
 
-template <class Service, class Request, class Response>
+template <bool kSingleAnswer, class Service, class Request, class Response>
 void DispatchOne(Service& service,
                  void (Service::*handler)(ServerContext&, const Request&, CallHandle<Response>),
                  const std::shared_ptr<CallState>& call, const char* data, size_t size, bool last) {
@@ -58,17 +59,17 @@ void DispatchOne(Service& service,
     return;
   }
   ServerContext context(call);
-  (service.*handler)(context, request, CallHandle<Response>(AnswerHandle(call)));
+  (service.*handler)(context, request, CallHandle<Response>(AnswerHandle(call, kSingleAnswer)));
 }
 
-template <class Service, class Request, class Response>
+template <bool kSingleAnswer, class Service, class Request, class Response>
 void DispatchStream(Service& service,
                     std::unique_ptr<RequestObserver<Request>> (Service::*handler)(ServerContext&,
                                                                                   CallHandle<Response>),
                     const std::shared_ptr<CallState>& call, const char* data, size_t size, bool last) {
   ServerContext context(call);
   std::unique_ptr<RequestObserver<Request>> observer =
-      (service.*handler)(context, CallHandle<Response>(AnswerHandle(call)));
+      (service.*handler)(context, CallHandle<Response>(AnswerHandle(call, kSingleAnswer)));
   std::unique_ptr<RequestSink> sink;
   if (observer) sink = std::make_unique<ObservedRequests<Request>>(std::move(observer));
   AttachRequests(call, std::move(sink), data, size, last);

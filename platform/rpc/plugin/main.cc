@@ -135,9 +135,11 @@ void PrintService(const ServiceDescriptor& service, Printer& out) {
     const MethodDescriptor& method = *service.method(i);
     Variables variables = MethodVariables(method);
     variables["dispatch"] = method.client_streaming() ? "DispatchStream" : "DispatchOne";
+    variables["single"] = method.server_streaming() ? "false" : "true";
     out.Print(variables,
               "        case $index$:\n"
-              "          return ::zem::rpc::server::$dispatch$(*this, &Service::$name$, call, data, size, "
+              "          return ::zem::rpc::server::$dispatch$<$single$>(*this, &Service::$name$, call, "
+              "data, size, "
               "last);\n");
   }
   out.Print(

@@ -1,0 +1,142 @@
+#include "platform/rpc/stub_creator.h"
+
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "platform/core/lib_log.h"
+#include "platform/core/provider.h"
+#include "platform/core/timer.h"
+#include "platform/rpc/transport_impl.h"
+
+namespace zem::rpc {
+namespace {
+
+// The service's own name, without its package.
+std::string ShortName(const ServiceInfo& service) {
+  const std::string full = service.name;
+  return full.substr(full.rfind('.') + 1);
+}
+
+std::string TargetName(const net::Endpoint& target) {
+  return target.kind() == net::Endpoint::Kind::kId ? target.id() : target.text();
+}
+
+class StubCreator final : public StubCreatorBase, public std::enable_shared_from_this<StubCreator> {
+ public:
+  StubCreator(TransportImpl& transport, const ServiceInfo& service, StubRequest request,
+              StubFactory::ChannelDone done)
+      : transport_(transport),
+        service_(service),
+        request_(std::move(request)),
+        name_("RpcStubCreator[" + ShortName(service) + ", " + request_.source_id + ", " +
+              TargetName(request_.target) + "]"),
+        done_(std::move(done)) {}
+
+  const std::string& name() const override { return name_; }
+
+  void Start() {
+    const uint64_t hook = transport_.AddStopHook(
+        [self = shared_from_this()] { self->Finish(nullptr, "the transport stopped"); });
+    {
+      std::lock_guard lock(mutex_);
+      stop_hook_ = hook;
+      if (request_.timeout_ms > 0) {
+        timeout_ = transport_.provider().timers().Schedule(
+            std::chrono::milliseconds(request_.timeout_ms),
+            [self = shared_from_this()] { self->Finish(nullptr, "timed out"); });
+      }
+    }
+    if (hook == 0) {
+      Finish(nullptr, "the transport stopped");
+    } else {
+      Try();
+    }
+  }
+
+  void Cancel() override { static_cast<void>(TakeDone()); }
+
+ private:
+  void Try() {
+    transport_.OpenChannel(
+        request_.source_id, request_.target, service_,
+        [self = shared_from_this()](std::shared_ptr<ClientChannel> channel, const Status& status) {
+          self->OnResult(std::move(channel), status);
+        });
+  }
+
+  void OnResult(std::shared_ptr<ClientChannel> opened, const Status& status) {
+    if (opened) {
+      auto channel = std::make_shared<Channel>(std::move(opened));  // too late for us: its end closes it
+      Finish(std::move(channel), "");
+      return;
+    }
+    int64_t delay_ms = -1;
+    {
+      std::lock_guard lock(mutex_);
+      if (!done_) return;
+      delay_ms = request_.policy.NextDelay();
+      ZEM_LIB_LOG(Library::kRpc, kLogDebug, "%s: %s, next try in %ld ms", name_.c_str(),
+                  status.ToString().c_str(), static_cast<long>(delay_ms));
+      if (delay_ms >= 0) {
+        retry_ = transport_.provider().timers().Schedule(std::chrono::milliseconds(delay_ms),
+                                                         [self = shared_from_this()] {
+                                                           {
+                                                             std::lock_guard again(self->mutex_);
+                                                             if (!self->done_) return;
+                                                           }
+                                                           self->Try();
+                                                         });
+      }
+    }
+    if (delay_ms < 0) Finish(nullptr, status.ToString());
+  }
+
+  void Finish(std::shared_ptr<Channel> channel, const std::string& why) {
+    auto done = TakeDone();
+    if (!done) return;
+    const Status status = channel ? Status() : Status(StatusCode::kFailed, why);
+    if (!channel) ZEM_LIB_LOG(Library::kRpc, kLogInfo, "%s: %s", name_.c_str(), why.c_str());
+    transport_.provider().dispatcher().Post([done = std::move(done), channel = std::move(channel),
+                                             status]() mutable { done(std::move(channel), status); });
+  }
+
+  StubFactory::ChannelDone TakeDone() {
+    StubFactory::ChannelDone done;
+    std::shared_ptr<Timer> timeout;
+    std::shared_ptr<Timer> retry;
+    uint64_t hook = 0;
+    {
+      std::lock_guard lock(mutex_);
+      done.swap(done_);
+      timeout.swap(timeout_);
+      retry.swap(retry_);
+      hook = std::exchange(stop_hook_, 0);
+    }
+    if (timeout) timeout->Cancel();
+    if (retry) retry->Cancel();
+    if (hook != 0) transport_.RemoveStopHook(hook);
+    return done;
+  }
+
+  TransportImpl& transport_;
+  const ServiceInfo& service_;
+  StubRequest request_;  // its policy is guarded by mutex_
+  const std::string name_;
+  std::mutex mutex_;  // guards all below
+  StubFactory::ChannelDone done_;
+  std::shared_ptr<Timer> timeout_;
+  std::shared_ptr<Timer> retry_;
+  uint64_t stop_hook_ = 0;
+};
+
+}  // namespace
+
+std::shared_ptr<StubCreatorBase> StubFactoryImpl::CreateChannel(const ServiceInfo& service,
+                                                                StubRequest request, ChannelDone done) {
+  auto creator = std::make_shared<StubCreator>(transport_, service, std::move(request), std::move(done));
+  creator->Start();
+  return creator;
+}
+
+}  // namespace zem::rpc
