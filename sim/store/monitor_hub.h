@@ -40,7 +40,8 @@ struct MonitorInfo {
 /// that is more than 8 MiB behind ends with RESYNC_REQUIRED. Threads: none of its own; the owner guards it.
 class MonitorHub {
  public:
-  static constexpr size_t kMaxUpdates = 500;
+  static constexpr int kMaxUpdates = 500;
+  static constexpr size_t kMaxPieceBytes = size_t{1} << 20;
   static constexpr size_t kMaxBehindBytes = size_t{8} << 20;
 
   MonitorHub(const ObjectRegistry& registry, const ObjectStore& objects);
