@@ -37,7 +37,9 @@ struct MonitorInfo {
 ///
 /// A new stream, or a type added to one, is first sent the objects that match, as sets; later each batch's
 /// changes. Both go in pieces of at most 500 updates of which the last carries the barrier mark.  A stream
-/// that is more than 8 MiB behind ends with RESYNC_REQUIRED. Threads: none of its own; the owner guards it.
+/// that is more than 8 MiB behind ends with RESYNC_REQUIRED.
+///
+/// Threads: none of its own; the owner guards it.
 class MonitorHub {
  public:
   static constexpr int kMaxUpdates = 500;
