@@ -191,6 +191,18 @@ TEST_F(SchemaCheckTest, EachConnectionChecksAnewAndOnce) {
   EXPECT_EQ(Calls("GetSchema"), 2u);
 }
 
+// The version alone does not help here, so the client has to go on waiting for the schema.
+TEST_F(SchemaCheckTest, ALateSchemaIsStillAnAnswer) {
+  StartStore();
+  daemon->faults().SetDelay("GetSchema", 10min);
+  client->StartAsync();
+  clock.RunFor(9min);
+  EXPECT_TRUE(log.Contains("Timeout on GetServerSchema request"));
+  EXPECT_THAT(TakeEvents(), IsEmpty());
+  clock.RunFor(2min);
+  EXPECT_THAT(TakeEvents(), ElementsAre("up"));
+}
+
 TEST_F(SchemaCheckTest, AFailedCallIsNoAnswer) {
   StartStore();
   daemon->faults().SetStatus("GetSchema", 1, 1);
