@@ -114,13 +114,16 @@ class ControlServer::Impl : public std::enable_shared_from_this<ControlServer::I
       input_.erase(0, end + 1);
       const std::shared_ptr<Impl> server = server_.lock();
       if (!server || server->closed_) return Close();
-      server->table_.Execute(line, Reply([weak = weak_from_this(), strand = strand_](Json answer) {
+      server->table_.Execute(line, Reply([weak = weak_from_this()](Json answer) {
+                               const std::shared_ptr<Client> client = weak.lock();
+                               if (!client) return;
                                // A handler may answer in its own stack or from another thread; both go over
                                // the strand, so that a client who sends many lines at once does not nest
                                // them.
-                               asio::post(strand, [weak, shared = std::shared_ptr<cJSON>(std::move(answer))] {
-                                 if (const auto self = weak.lock()) self->Write(*shared);
-                               });
+                               asio::post(client->strand_,
+                                          [weak, shared = std::shared_ptr<cJSON>(std::move(answer))] {
+                                            if (const auto self = weak.lock()) self->Write(*shared);
+                                          });
                              }));
     }
 
