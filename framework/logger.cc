@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <boost/algorithm/string.hpp>
 #include <charconv>
@@ -41,6 +42,7 @@ constexpr uint32_t kMaxLevel = kLevels.size() - 1;
 
 constexpr size_t kFirstTextBuffer = 2048;
 constexpr size_t kMaxText = 2 * 1024 * 1024;
+constexpr size_t kHeadRoom = 256;       // what stands before the text
 constexpr size_t kMaxLine = 64 * 1024;  // above it no local syslog socket takes the datagram
 constexpr size_t kEnvironmentWord = 10;
 constexpr size_t kMaxShortLine = 256;
@@ -77,7 +79,11 @@ __attribute__((format(printf, 2, 3))) void WriteFormatted(int priority, const ch
 
 // A value must not be able to break the line in two.
 void AppendValue(std::string_view value, std::string* out) {
-  for (const char c : value) out->push_back(static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '_' : c);
+  const size_t start = out->size();
+  out->append(value);
+  std::replace_if(
+      out->begin() + static_cast<std::ptrdiff_t>(start), out->end(),
+      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '_');
 }
 
 void AppendField(std::string_view key, std::string_view value, std::string* out) {
@@ -88,10 +94,18 @@ void AppendField(std::string_view key, std::string_view value, std::string* out)
   out->push_back('"');
 }
 
-void AppendNumberField(std::string_view key, int number, std::string* out) {
+void AppendNumber(int number, std::string* out) {
   char digits[16];
   const auto end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
-  AppendField(key, std::string_view(digits, static_cast<size_t>(end - digits)), out);
+  out->append(digits, static_cast<size_t>(end - digits));
+}
+
+void AppendNumberField(std::string_view key, int number, std::string* out) {
+  out->push_back(' ');
+  out->append(key);
+  out->append("=\"");
+  AppendNumber(number, out);
+  out->push_back('"');
 }
 
 // False when the tag is not one of the permitted.
@@ -123,6 +137,15 @@ std::string Timestamp() {
   const size_t length = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &utc);
   std::snprintf(text + length, sizeof(text) - length, ".%03dZ", static_cast<int>(milliseconds % 1000));
   return text;
+}
+
+void CopyToConsole(std::string_view data_and_text) {
+  std::string line = Timestamp();
+  line.push_back(' ');
+  line.append(data_and_text);
+  line.push_back('\n');
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fflush(stdout);
 }
 
 // Calls `take` for each line that is not a comment, cut to `limit`.
@@ -273,21 +296,18 @@ Logger& Logger::vput(const char* format, va_list arguments) {
   return *this;
 }
 
-std::string Logger::StructuredData() const {
-  std::string data;
-  data.reserve(192);
-  data.append("[zem@7741");
-  AppendField("comp", State().comp, &data);
-  AppendField("subcomp", subcomp_.empty() ? std::string_view("tarvik") : std::string_view(subcomp_), &data);
-  if (s2comp_ != nullptr) AppendField("s2comp", s2comp_, &data);
-  if (!entid_.empty()) AppendField("entId", entid_, &data);
-  AppendNumberField("tid", ThreadId(), &data);
-  AppendField("level", kLevels[level_].line_word, &data);
+void Logger::AppendStructuredData(std::string* line) const {
+  line->append("[zem@7741");
+  AppendField("comp", State().comp, line);
+  AppendField("subcomp", subcomp_.empty() ? std::string_view("tarvik") : std::string_view(subcomp_), line);
+  if (s2comp_ != nullptr) AppendField("s2comp", s2comp_, line);
+  if (!entid_.empty()) AppendField("entId", entid_, line);
+  AppendNumberField("tid", ThreadId(), line);
+  AppendField("level", kLevels[level_].line_word, line);
   bool valid = msgid_ != "*";
-  for (const std::string& tag : tags_) valid = AppendTag(tag, &data) && valid;
-  if (!valid) data.append(" invalid=\"true\"");
-  data.push_back(']');
-  return data;
+  for (const std::string& tag : tags_) valid = AppendTag(tag, line) && valid;
+  if (!valid) line->append(" invalid=\"true\"");
+  line->push_back(']');
 }
 
 void Logger::Emit() {
@@ -298,35 +318,25 @@ void Logger::Emit() {
   const bool emitted = level_ <= logLevel.load(std::memory_order_relaxed);
   const bool copied = State().console.load(std::memory_order_relaxed);
   if (!emitted && !copied) return;
-  const std::string data = StructuredData();
   const std::string_view text = stream_->view();
-  if (emitted) {
-    std::string line;
-    line.reserve(data.size() + text.size() + 24);
-    line.append("ZEM ");
-    line.append(std::to_string(::getpid()));
-    line.push_back(' ');
-    line.append(msgid_.empty() || msgid_ == "*" ? std::string_view("-") : std::string_view(msgid_));
-    line.push_back(' ');
-    line.append(data);
-    line.push_back(' ');
-    line.append(text);
-    if (line.size() > kMaxLine) {
-      line.resize(kMaxLine - 3);
-      line.append("...");
-    }
-    Write(LOG_LOCAL6 | kLevels[level_].severity, line);
+  std::string line;
+  line.reserve(kHeadRoom + text.size());
+  line.append("ZEM ");
+  AppendNumber(::getpid(), &line);
+  line.push_back(' ');
+  line.append(msgid_.empty() || msgid_ == "*" ? std::string_view("-") : std::string_view(msgid_));
+  line.push_back(' ');
+  const size_t data_start = line.size();
+  AppendStructuredData(&line);
+  line.push_back(' ');
+  line.append(text);
+  if (copied) CopyToConsole(std::string_view(line).substr(data_start));
+  if (!emitted) return;
+  if (line.size() > kMaxLine) {
+    line.resize(kMaxLine - 3);
+    line.append("...");
   }
-  if (copied) {
-    std::string line = Timestamp();
-    line.push_back(' ');
-    line.append(data);
-    line.push_back(' ');
-    line.append(text);
-    line.push_back('\n');
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fflush(stdout);
-  }
+  Write(LOG_LOCAL6 | kLevels[level_].severity, line);
 }
 
 void Logger::SetConsoleCopy(bool on) { State().console.store(on, std::memory_order_relaxed); }

@@ -62,7 +62,7 @@ class Logger {
 
  private:
   void Emit();
-  std::string StructuredData() const;
+  void AppendStructuredData(std::string* line) const;
 
   const uint32_t level_;
   std::string msgid_;

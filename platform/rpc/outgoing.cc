@@ -161,11 +161,9 @@ void TransportImpl::OnDown(const Entry& entry, WireConnection& connection, Close
   {
     std::lock_guard lock(mutex_);
     if (entry->managed && entry->was_up && introduced) closed = entry->params.on_closed;
-    if (CurrentLocked(entry)) {
-      FailWaitersLocked(*entry, "the connection was lost");
-      entry->phase = Outgoing::Phase::kWaiting;
-      entry->connection = nullptr;
-    }
+    FailWaitersLocked(*entry, "the connection was lost");
+    entry->phase = Outgoing::Phase::kWaiting;
+    entry->connection = nullptr;
   }
   if (closed) closed(reason);
   std::lock_guard lock(mutex_);

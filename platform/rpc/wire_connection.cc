@@ -100,11 +100,11 @@ void WireConnection::CloseNow(CloseReason reason) {
   {
     Lock lock(mutex_);
     if (phase_ == Phase::kClosed) return;
-    if (reason == CloseReason::kLocalClose)
-      Flush(lock);  // what was said before the end still goes, if it can
+    // What was said before the end still goes, if it can.
+    if (reason == CloseReason::kLocalClose || reason == CloseReason::kProtocolError) Flush(lock);
     phase_ = Phase::kClosed;
     introduced = introduced_;
-    stream = stream_;
+    stream.swap(stream_);
     if (timer_) timer_->Cancel();
     ++arming_;
     const CloseReason channel_reason =
@@ -145,10 +145,8 @@ void WireConnection::DetachLoop() {
   // last.
   for (int round = 0; round < 16; ++round) TellEnded();
   strand_->Detach();
-  std::shared_ptr<ByteStream> stream;
   Lock lock(mutex_);
   transport_ = nullptr;
-  stream.swap(stream_);
   timer_.reset();
 }
 

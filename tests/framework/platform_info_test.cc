@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "framework/shutdown_pipe.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -29,7 +30,7 @@ constexpr char k608[] = "6.7.1-x";
 
 class PlatformInfoTest : public ::testing::Test {
  protected:
-  PlatformInfoTest() : before_(SetHostIdentity(HostIdentity())) {}
+  PlatformInfoTest() : before_(SetHostIdentity(HostIdentity())) { EXPECT_TRUE(OpenShutdownPipe()); }
   ~PlatformInfoTest() override { SetHostIdentity(before_); }
 
   int Load(const std::string& issue, int (*uname)(utsname*) = &FakeUname<kOther, k650>,
