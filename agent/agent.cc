@@ -1,0 +1,304 @@
+#include "agent/agent.h"
+
+#include <sys/resource.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <boost/intrusive_ptr.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+#include "agent/build_info.h"
+#include "agent/combined_message.h"
+#include "agent/manager_commands.h"
+#include "agent/start_watchdog.h"
+#include "covedbclient/covedb_client.h"
+#include "framework/cli_server.h"
+#include "framework/lcp_adapter.h"
+#include "framework/log.h"
+#include "framework/options.h"
+#include "framework/platform_info.h"
+#include "framework/shutdown_pipe.h"
+#include "mpaclient/tn_proxy_client_common.h"
+#include "platform/core/metrics.h"
+#include "platform/core/metrics_collector.h"
+#include "platform/core/provider.h"
+#include "platform/core/thread_name.h"
+#include "platform/core/work_group.h"
+#include "platform/daemonhealth/daemon_health_service.h"
+#include "platform/rpc/server.h"
+#include "platform/rpc/transport.h"
+#include "platform/sha/sha_pm_client.h"
+#include "platform/upm/upm_service.h"
+#include "platform/wft/workflow_util.h"
+
+namespace zem::Tarvik {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "framework"};
+constexpr LogSource kMpaLog{"mpa-client"};
+
+constexpr const char* kProcessName = "zem-tarvik";
+constexpr const char* kMainThreadName = "tarvik";
+
+constexpr const char* kProxyClientId = "tarvik";
+constexpr const char* kProxyEndpoint = "tcp://127.0.0.1:9004";
+constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
+constexpr const char* kStoreClientId = "tarvik-agent";
+constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
+constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
+constexpr const char* kAgentLink = "/var/run/orlane/zem-agent/zema_link";
+constexpr const char* kGatewayLink = "/var/run/orlane/gw-controller/gw_link";
+
+constexpr uint32_t kHealthMajor = 2;
+constexpr uint32_t kHealthMinor = 3;
+constexpr uint32_t kMetricIntervalS = 20;
+constexpr uint32_t kHeartbeatS = 5;
+constexpr uint32_t kHeartbeatStaleS = 30;
+constexpr int kTarvikThreads = 4;
+constexpr int kFrameworkThreads = 10;
+constexpr int kProviderThreads = 5;
+
+// Nodes that have a local store.
+constexpr uint32_t kStoreNodes = kNodeQub | kNodeKvm | kNodeBareMetalServer | kNodeBareMetalContainer;
+
+void EnableCoreDumps() {
+  const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+  if (::setrlimit(RLIMIT_CORE, &unlimited) == 0) {
+    ZLOG_DEBUG("Enable core dump");
+  } else {
+    ZLOG_ERROR("OPS00303", "Failed to enable core dump: %s", std::strerror(errno));
+  }
+}
+
+// A peer that closes its socket must not end the process.  Children get the default back.
+void IgnoreBrokenPipes() {
+  struct sigaction action {};
+  action.sa_handler = SIG_IGN;
+  ::sigaction(SIGPIPE, &action, nullptr);
+}
+
+void ExitAtOnce(int) { ::_Exit(0); }
+
+void InstallExitHandlers() {
+  struct sigaction action {};
+  action.sa_handler = &ExitAtOnce;
+  ::sigfillset(&action.sa_mask);
+  ::sigaction(SIGTERM, &action, nullptr);
+  ::sigaction(SIGINT, &action, nullptr);
+}
+
+bool IsOn(Mode mode) {
+  uint8_t on = 0;
+  GetMode(mode, &on);
+  return on != 0;
+}
+
+}  // namespace
+
+Agent::Settings::Settings() : options_path(kOptionsPath) {}
+
+class Agent::Impl {
+ public:
+  explicit Impl(Settings settings) : settings_(settings) {}
+
+  int Start();
+  void Serve();
+  void Stop();
+  void Interrupt() {
+    if (provider_) provider_->Stop();
+  }
+
+ private:
+  bool LoadConfiguration();
+  void StartFrame();
+  void StartStore();
+  void StartHealthService();
+  void StartApplications();
+  void Serving();
+
+  const Settings settings_;
+  std::optional<StartWatchdog> watchdog_;
+  bool host_role_ = false;
+
+  // In order of creation; destroyed in the reverse one by Stop.
+  std::unique_ptr<AsioZemProvider> provider_;
+  boost::intrusive_ptr<WorkGroup> tarvik_group_;
+  boost::intrusive_ptr<LcpAdapter> lcp_adapter_;
+  std::unique_ptr<metrics::MetricsCollector> metrics_collector_;
+  boost::intrusive_ptr<WorkGroup> framework_group_;
+  std::unique_ptr<sha::ShaPmClient> health_client_;
+  std::shared_ptr<covedb::CoveDbClient> store_client_;
+  std::shared_ptr<upm::UPMService> update_service_;
+  boost::intrusive_ptr<CliServer> cli_server_;
+  std::unique_ptr<rpc::Server> health_server_;
+};
+
+int Agent::Impl::Start() {
+  IgnoreBrokenPipes();
+  InstallLibraryLogBridge();
+  if (LoadPlatformInfo() != 0) {
+    std::fputs("Error: Failed to load platform information.\n", stdout);
+    std::fflush(stdout);
+    return -1;
+  }
+  if (!LoadConfiguration()) return -1;
+  watchdog_.emplace();
+  StartFrame();
+  if (!OpenShutdownPipe()) {
+    std::fputs("Error: Initializing Shutdown Pipe.\n", stdout);
+    std::fflush(stdout);
+    return -1;
+  }
+  StartStore();
+  StartHealthService();
+  StartApplications();
+  Serving();
+  return 0;
+}
+
+bool Agent::Impl::LoadConfiguration() {
+  const char* const path = settings_.options_path;
+  ZLOG_DEBUG("Try loading config file: %s", path);
+  if (!LoadOptions(path)) {
+    std::printf("Error: ZEM Tarvik failed to start.\nConfiguration file %s is invalid.\n", path);
+    std::fflush(stdout);
+    return false;
+  }
+  ApplyLoggingOptions();
+  ::openlog(kProcessName, LOG_PID, LOG_DAEMON);
+  ::setlogmask(255);
+  ZLOG_INFO("Build Number: %s", BuildInfo::c_str());
+  ApplyTracingOptions();
+  ApplyModeOptions();
+  EnableCoreDumps();
+  return true;
+}
+
+// The provider, the role, and what every node has.
+void Agent::Impl::StartFrame() {
+  watchdog_->Enter("event provider");
+  OptionsTree().put("provider.stop_on_signals", false);
+  provider_ = std::make_unique<AsioZemProvider>(OptionsTree(), "");
+  host_role_ = !IsZemManager() && !IsZemController() && !IsUnifiedAppliance();
+  if (host_role_) {
+    const bool gateway = IsPublicCloudGateway();
+    tarvik_group_ = new WorkGroup("tarvik", provider_->metrics(), WorkGroup::kUnbounded);
+    tarvik_group_->Start(kTarvikThreads);
+    lcp_adapter_ = new LcpAdapter(tarvik_group_, gateway ? kGatewayLink : kAgentLink);
+    lcp_adapter_->Start(*provider_);
+  }
+  if (const auto collector = OptionsTree().get_child_optional("metrics.collector")) {
+    metrics_collector_ = std::make_unique<metrics::MetricsCollector>(*provider_, *collector);
+  }
+}
+
+void Agent::Impl::StartStore() {
+  watchdog_->Enter("framework work group");
+  framework_group_ = new WorkGroup("framework", provider_->metrics(), WorkGroup::kUnbounded);
+  framework_group_->Start(kFrameworkThreads);
+
+  health_client_ = std::make_unique<sha::ShaPmClient>(kProcessName);
+  health_client_->Start();
+  health_client_->RegisterCombinedMessageMetricCollection("combined.message", &BuildCombinedMessage, nullptr,
+                                                          kMetricIntervalS);
+  health_client_->StartMetricCollection();
+  health_client_->StartProcessHeartbeat(kHeartbeatS, kHeartbeatStaleS);
+
+  ZLOG_TO(kMpaLog, kLogInfo, "Starting MPA client event loop thread...");
+  TnProxyClientCommon::Init(kProxyClientId, kProxyEndpoint, kProxyStubsEndpoint);
+
+  watchdog_->Enter("store client");
+  ZLOG_DEBUG(":Connecting to Covedb on Host end point %s ", kStoreEndpoint);
+  if ((GetNodeType() & kStoreNodes) != 0 || IsEdgeOrPcg()) {
+    store_client_ = std::make_shared<covedb::CoveDbClient>(kStoreClientId, kStoreEndpoint, *provider_, nullptr, true,
+                                                           true, false);
+    store_client_->StartAsync();
+  }
+  update_service_ = std::make_shared<upm::UPMService>(store_client_);
+  cli_server_ = new CliServer(framework_group_);
+  cli_server_->Register(ManagerCommands());
+  if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
+}
+
+void Agent::Impl::StartHealthService() {
+  watchdog_->Enter("health service");
+  orlane::zem::ProductVersionMsg version;
+  version.set_major(kHealthMajor);
+  version.set_minor(kHealthMinor);
+  rpc::ServerBuilder builder(provider_->rpc());
+  builder.AddListeningEndpoint(net::Endpoint(kHealthEndpoint));
+  builder.AddLocalEndpointId(kProcessName);
+  builder.RegisterService(std::make_shared<DaemonHealthService>(version));
+  health_server_ = builder.BuildStarted();
+}
+
+// Applications that this build does not have yet are not started and not announced.
+void Agent::Impl::StartApplications() {
+  if (host_role_) {
+    watchdog_->Enter("command server");
+    ZLOG_INFO("CliServer Start...");
+    cli_server_->Start();
+  }
+  update_service_->Start();
+}
+
+void Agent::Impl::Serving() {
+  watchdog_->Enter("proxy client");
+  // Last of all, so that every vertical is registered when the connection comes up.
+  TnProxyClientCommon::getInstance()->Start();
+  SetThreadName(kMainThreadName);
+  if (settings_.handle_signals) InstallExitHandlers();
+  watchdog_.reset();
+}
+
+void Agent::Impl::Serve() { provider_->Run(kProviderThreads); }
+
+void Agent::Impl::Stop() {
+  CloseShutdownPipe();
+  ZLOG_TO(kMpaLog, kLogInfo, "Stopping MPA client event loop thread...");
+  if (const auto proxy = TnProxyClientCommon::getInstance()) proxy->Stop();
+  update_service_->Stop();
+  if (host_role_) {
+    cli_server_->Stop();
+    lcp_adapter_->Stop();
+    lcp_adapter_.reset();
+    tarvik_group_->Stop();
+  }
+  framework_group_->Stop();
+  health_client_->StopMetricCollection();
+  health_client_->UnregisterMetricCollectionAll();
+  health_client_->StopProcessHeartbeat();
+  health_client_->Stop();
+  ZLOG_INFO("ZEM Tarvik stop...");
+
+  health_server_.reset();
+  cli_server_.reset();
+  update_service_.reset();
+  store_client_.reset();
+  health_client_.reset();
+  metrics_collector_.reset();
+  framework_group_.reset();
+  tarvik_group_.reset();
+  TnProxyClientCommon::Release();
+  provider_.reset();
+}
+
+Agent::Agent(Settings settings) : impl_(std::make_unique<Impl>(settings)) {}
+
+Agent::~Agent() = default;
+
+int Agent::Start() { return impl_->Start(); }
+
+void Agent::Serve() { impl_->Serve(); }
+
+void Agent::Stop() { impl_->Stop(); }
+
+void Agent::Interrupt() { impl_->Interrupt(); }
+
+}  // namespace zem::Tarvik

@@ -1,0 +1,184 @@
+#include "app/probe/probe.h"
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <charconv>
+#include <cinttypes>
+#include <optional>
+
+#include "covedbclient/covedb_client_interface.h"
+#include "covedbclient/statements.h"
+#include "framework/bus_record.h"
+#include "framework/cli_server.h"
+#include "framework/log.h"
+#include "mpaclient/mpa_client.h"
+#include "platform/core/uuid.h"
+#include "proto/covedb/covedb.pb.h"
+
+namespace zem::Tarvik {
+namespace {
+
+using orlane::zem::covedb::MonitorUpdateMsg;
+using orlane::zem::covedb::ObjectType;
+
+constexpr LogSource kLog{"tarvik", "probe"};
+
+constexpr uint32_t kModuleId = 9000;
+constexpr uint32_t kClientType = 1;
+constexpr uint16_t kPort = 9002;
+constexpr uint64_t kAckTimeoutUs = 30000000;
+constexpr uint64_t kRetryTimeoutUs = 5000000;
+constexpr uint64_t kSwitchingRetryTimeoutUs = 1000000;
+
+std::vector<std::string> SplitList(const std::string& text) {
+  std::vector<std::string> words;
+  boost::split(words, text, boost::is_any_of(", "), boost::token_compress_on);
+  std::erase(words, "");
+  return words;
+}
+
+std::optional<std::string> FromHex(const std::string& hex) {
+  if (hex.size() % 2 != 0) return std::nullopt;
+  std::string bytes;
+  for (size_t i = 0; i < hex.size(); i += 2) {
+    unsigned value = 0;
+    const auto [end, error] = std::from_chars(hex.data() + i, hex.data() + i + 2, value, 16);
+    if (error != std::errc() || end != hex.data() + i + 2) return std::nullopt;
+    bytes.push_back(static_cast<char>(value));
+  }
+  return bytes;
+}
+
+}  // namespace
+
+class Probe::Impl : public std::enable_shared_from_this<Impl> {
+ public:
+  Impl(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
+       const boost::property_tree::ptree& options)
+      : provider_(provider),
+        store_(std::move(store)),
+        verticals_(SplitList(options.get("verticals", ""))),
+        object_types_(SplitList(options.get("objectTypes", ""))) {}
+
+  void Start() {
+    for (const std::string& name : verticals_) StartVertical(name);
+    StartMonitor();
+  }
+
+  void Stop() {
+    for (const std::string& name : verticals_) {
+      if (const auto client = MpaClient::Get(name)) client->Stop();
+      MpaClient::Unregister(name);
+    }
+  }
+
+  // Empty when it was handed over, else what is wrong.
+  std::string Send(const std::string& vertical, const std::string& kind, const std::string& type,
+                   const std::string& hex) {
+    const auto client = MpaClient::Get(vertical);
+    if (!client) return "No such vertical: " + vertical;
+    if (kind != "request" && kind != "publish") return "Bad kind: " + kind + " Expected: <request|publish>";
+    auto payload = FromHex(hex);
+    if (!payload) return "Bad payload: not hexadecimal";
+    BusHeader header;
+    header.type_id = type;
+    header.correlation_id = RandomUuidText();
+    BusRecord record(kind == "request" ? kRmqClientRpcRequest : kRmqClientPublish);
+    record.SetApp(vertical, "probe")
+        .SetHeader(header)
+        .SetContentType(kProtobufContent)
+        .SetPayload(std::move(*payload));
+    rmqClientMessage message = record.message();
+    return client->SendMessage(&message) == 0 ? "" : "Not sent: the manager cannot be reached";
+  }
+
+ private:
+  void StartVertical(const std::string& name) {
+    MpaClient::Register(
+        provider_,
+        [weak = weak_from_this(), name](rmqClientMessage* message) {
+          if (const auto self = weak.lock()) self->Receive(name, *message);
+        },
+        name, "unused", kClientType, kPort, kAckTimeoutUs,
+        name == "SwitchingVertical" ? kSwitchingRetryTimeoutUs : kRetryTimeoutUs);
+    if (const auto client = MpaClient::Get(name)) client->Start(nullptr);
+  }
+
+  void StartMonitor() {
+    if (!store_ || object_types_.empty()) return;
+    if (!store_->RegisterMonitorCallback(
+            kModuleId, [](const MonitorUpdateMsg& update) { LogUpdate(update); },
+            [] { ZLOG_INFO("Store barrier"); }, covedb::kDefaultVDb)) {
+      return;
+    }
+    std::list<covedb::MonitorStatementMsg> statements;
+    for (const std::string& text : object_types_) {
+      int number = 0;
+      const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+      if (error != std::errc() || end != text.data() + text.size() ||
+          !orlane::zem::covedb::ObjectType_IsValid(number)) {
+        ZLOG_WARN("Not an object type: %s", text.c_str());
+        continue;
+      }
+      statements.push_back(covedb::MonitorStatementFor(static_cast<ObjectType>(number)));
+    }
+    if (!store_->ConfigureMonitor(statements, {}, kModuleId, covedb::kDefaultVDb)) {
+      ZLOG_WARN("The store client refused the monitor");
+    }
+  }
+
+  static void LogUpdate(const MonitorUpdateMsg& update) {
+    ZLOG_INFO("Store update: %s", update.ShortDebugString().c_str());
+  }
+
+  void Receive(const std::string& name, const rmqClientMessage& message) {
+    const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+    ZLOG_INFO("[%s] Received %s type (%s) correlationId (%s), %" PRIu64 " bytes", name.c_str(),
+              BusMessageTypeName(message.msg_type), header.type_id.c_str(), header.correlation_id.c_str(),
+              static_cast<uint64_t>(message.payload_len));
+    if (message.msg_type != kRmqMpRpcRequest) return;
+    BusHeader answer_header;
+    answer_header.type_id = header.type_id;
+    answer_header.correlation_id = header.correlation_id;
+    BusRecord answer(kRmqClientRpcResponse);
+    answer.SetApp(name, "probe")
+        .SetHeader(answer_header)
+        .SetRoutingKey(header.reply_to)
+        .SetContentType(kProtobufContent)
+        .SetPayload(std::string(reinterpret_cast<const char*>(message.payload), message.payload_len));
+    rmqClientMessage record = answer.message();
+    const auto client = MpaClient::Get(name);
+    if (!client || client->SendMessage(&record) != 0) ZLOG_WARN("[%s] The answer was not sent", name.c_str());
+  }
+
+  AsioZemProvider& provider_;
+  const std::shared_ptr<covedb::CoveDbClientInterface> store_;
+  const std::vector<std::string> verticals_;
+  const std::vector<std::string> object_types_;
+};
+
+Probe::Probe(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
+             const boost::property_tree::ptree& options)
+    : impl_(std::make_shared<Impl>(provider, std::move(store), options)) {}
+
+Probe::~Probe() = default;
+
+void Probe::Start() { impl_->Start(); }
+
+void Probe::Stop() { impl_->Stop(); }
+
+void Probe::RegisterCommands(CliServer* server) {
+  server->Register({CliCommand{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
+                               [impl = impl_](const std::vector<std::string>& arguments, CliReply reply) {
+                                 const std::string error =
+                                     impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]);
+                                 if (error.empty()) {
+                                   reply.Ok("Sent");
+                                 } else {
+                                   reply.Error(error);
+                                 }
+                               }}});
+}
+
+}  // namespace zem::Tarvik

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <boost/property_tree/ptree_fwd.hpp>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace zem {
+class AsioZemProvider;
+namespace covedb {
+class CoveDbClientInterface;
+}
+}  // namespace zem
+
+namespace zem::Tarvik {
+
+class CliServer;
+
+/// Stands in for verticals and store users on a node that is being brought up: it registers the verticals that the
+/// options name, answers each request of the manager with the message that came, and logs what it receives and what
+/// the store's monitor tells.  Off unless the options have a `probe` element:
+///
+///     <probe><verticals>SwitchingVertical,Traceflow</verticals><objectTypes>1,114</objectTypes></probe>
+///
+/// Threads: start and stop by the main thread.
+class Probe {
+ public:
+  /// `store` may be null.
+  Probe(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
+        const boost::property_tree::ptree& options);
+  ~Probe();
+
+  void Start();
+  void Stop();
+
+  /// "probe/send VERTICAL KIND TYPE HEX": sends a record of the given kind ("request" or "publish") to the manager.
+  void RegisterCommands(CliServer* server);
+
+ private:
+  class Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace zem::Tarvik

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <atomic>
+#include <ctime>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "app/zema/common/thread.h"
+
+namespace zem::zema {
+
+/// A worker: one thread that runs the tasks of its FIFO in order.  What a task throws is logged and ends with
+/// it.
+///
+/// Threads: AddTask, AddLowPriorityTask, Stop and Clear from any thread.
+/// Ownership: tasks are its own from the moment they are offered.
+class TaskThread : public Thread {
+ public:
+  explicit TaskThread(std::string name);
+  ~TaskThread() override;
+
+  /// Queues the task; a stopped worker destroys it.  `log_it` controls the log lines only.
+  void AddTask(std::unique_ptr<Runnable> task, bool log_it = true);
+
+  /// Keeps one task for a moment when the queue is empty, `delay_seconds` from now or later; replaces the one
+  /// before. False when it was refused.
+  bool AddLowPriorityTask(std::unique_ptr<Runnable> task, int delay_seconds);
+
+  /// The worker ends after the task that runs now.
+  void Stop() override;
+
+  /// Destroys all waiting tasks.
+  void Clear();
+
+  void Run() override;
+
+  const std::string& name() const { return name_; }
+  size_t queue_length();
+
+ protected:
+  bool stopped() const { return stopped_ != 0; }
+
+  using TaskList = std::list<std::unique_ptr<Runnable>>;
+  /// Guarded by the monitor.
+  TaskList queue_;
+
+ private:
+  enum class Round { kTasks, kLowPriority, kStop };
+
+  Round TakeWork(TaskList* tasks);
+  void RunTask(std::unique_ptr<Runnable> task, Round round);
+
+  const std::string name_;
+  std::atomic<int> stopped_{0};                  // written under the monitor
+  std::unique_ptr<Runnable> low_priority_task_;  // guarded by the monitor
+  std::time_t low_priority_due_ = 0;             // seconds since the epoch; guarded by the monitor
+};
+
+/// Holds a thread's monitor for a scope.
+class MonitorLock {
+ public:
+  explicit MonitorLock(Thread& thread) : thread_(thread) { thread_.Lock(); }
+  ~MonitorLock() { thread_.Unlock(); }
+  MonitorLock(const MonitorLock&) = delete;
+  MonitorLock& operator=(const MonitorLock&) = delete;
+
+ private:
+  Thread& thread_;
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,151 @@
+// Monitor sessions against the store: one long stream per virtual database.
+
+#include <utility>
+
+#include "covedbclient/client_log.h"
+#include "covedbclient/covedb_client.h"
+#include "covedbclient/response_observer.h"
+#include "platform/core/uuid.h"
+
+namespace zem::covedb {
+namespace {
+
+namespace proto = orlane::zem::covedb;
+using proto::MonitorResponseMsg;
+using rpc::StatusCode;
+
+}  // namespace
+
+// Lives as long as its stream; deletes itself with the stream's status.
+class CoveDbClient::MonitorResponseObserver final : public rpc::CallObserver<MonitorResponseMsg> {
+ public:
+  MonitorResponseObserver(std::weak_ptr<CoveDbClient> client, uint16_t vdb_id)
+      : client_(std::move(client)), vdb_id_(vdb_id) {}
+
+  void Next(const MonitorResponseMsg& response) override {
+    const std::shared_ptr<CoveDbClient> client = client_.lock();
+    if (!client) {
+      ZLOG_DEBUG("MonitorResponseObserver: CoveDbClient is already destroyed");
+      return;
+    }
+    const ObserverLock lock(*client);
+    ZLOG_DEBUG("Received a monitor response: %s", response.ShortDebugString().c_str());
+    for (const MonitorUpdateMsg& update : response.update()) client->monitors_.NotifyModules(update, vdb_id_);
+    if (response.mark().barrier()) client->monitors_.NotifyBarrier(vdb_id_);
+  }
+
+  void CallStatus(const rpc::Status& status) override {
+    const std::unique_ptr<MonitorResponseObserver> self(this);
+    if (const std::shared_ptr<CoveDbClient> client = client_.lock()) {
+      client->OnMonitorStatus(vdb_id_, status);
+    } else {
+      ZLOG_DEBUG("MonitorResponseObserver: CoveDbClient is already destroyed");
+    }
+  }
+
+ private:
+  const std::weak_ptr<CoveDbClient> client_;
+  const uint16_t vdb_id_;
+};
+
+bool CoveDbClient::RegisterMonitorCallback(uint32_t module_id, UpdateCallback update, BarrierCallback barrier,
+                                           uint16_t vdb_id) {
+  const StateLock lock(*state_mutex_);
+  return monitors_.Register(module_id, std::move(update), std::move(barrier), vdb_id);
+}
+
+bool CoveDbClient::AddMonitorSession(uint16_t vdb_id) {
+  const StateLock lock(*state_mutex_);
+  if (!monitors_.AddSession(vdb_id)) return false;
+  if (covedb_stub_) SetupMonitor(vdb_id, monitors_.sessions().at(vdb_id));
+  return true;
+}
+
+bool CoveDbClient::RemoveMonitorSession(uint16_t vdb_id) {
+  const StateLock lock(*state_mutex_);
+  return monitors_.RemoveSession(vdb_id);
+}
+
+bool CoveDbClient::EnableMonitorSessionCreation() {
+  const StateLock lock(*state_mutex_);
+  if (HasAllStubs()) {
+    monitor_session_creation_enabled_ = true;
+    SetupMonitors();
+  }
+  return monitor_session_creation_enabled_;
+}
+
+bool CoveDbClient::ConfigureMonitor(const std::list<MonitorStatementMsg>& to_add,
+                                    const std::list<MonitorStatementMsg>& to_remove, uint32_t module_id,
+                                    uint16_t vdb_id) {
+  const StateLock lock(*state_mutex_);
+  proto::ConfigureMonitorRequestMsg request;
+  if (!monitors_.Configure(to_add, to_remove, module_id, vdb_id, request)) return false;
+  const bool changed = request.statement_to_add_size() > 0 || request.statement_to_remove_size() > 0;
+  if (changed && monitor_session_creation_enabled_) SendConfigureMonitor(vdb_id, request);
+  return true;
+}
+
+bool CoveDbClient::UpdateMonitor(const std::list<MonitorStatementUpdateMsg>& updates, uint16_t vdb_id) {
+  const StateLock lock(*state_mutex_);
+  proto::ConfigureMonitorRequestMsg request;
+  if (!monitors_.Update(updates, vdb_id, request)) return false;
+  SendConfigureMonitor(vdb_id, request);
+  return true;
+}
+
+// Without a stream to change, the tables alone remember; the next stream begins with all of them.
+void CoveDbClient::SendConfigureMonitor(uint16_t vdb_id, proto::ConfigureMonitorRequestMsg& request) {
+  const auto session = monitors_.sessions().find(vdb_id);
+  if (!HasAllStubs() || session == monitors_.sessions().end()) return;
+  request.set_monitor_request_id(UuidText(session->second));
+  request.set_vdb_id(vdb_id);
+  struct Nothing {};
+  covedb_stub_->ConfigureMonitor(context_, request,
+                                 new ResponseObserver<proto::ConfigureMonitorResponseMsg, Nothing>(
+                                     nullptr,
+                                     [](const proto::ConfigureMonitorResponseMsg& response, Nothing&) {
+                                       ZLOG_DEBUG("Object types and ids currently monitored by CoveDB: %s",
+                                                  response.ShortDebugString().c_str());
+                                     },
+                                     nullptr));
+}
+
+void CoveDbClient::SetupMonitors() {
+  if (monitors_.sessions().empty() && create_default_monitor_session_) monitors_.RenewSession(kDefaultVDb);
+  // A session keeps its id over reconnects; the store then takes the new stream for the old one's successor.
+  for (const auto& [vdb_id, monitor_id] : monitors_.sessions()) SetupMonitor(vdb_id, monitor_id);
+}
+
+void CoveDbClient::SetupMonitor(uint16_t vdb_id, const MonitorTables::SessionId& monitor_id) {
+  if (!covedb_stub_) return;
+  proto::MonitorRequestMsg request;
+  request.set_monitor_id(UuidText(monitor_id));
+  request.set_vdb_id(vdb_id);
+  monitors_.AddStatements(
+      vdb_id,
+      [this](ObjectType type) { return !schema_check_ || server_schema_.IsObjectInServerSchema(type); },
+      request);
+  covedb_stub_->Monitor(context_, request, new MonitorResponseObserver(weak_from_this(), vdb_id));
+}
+
+void CoveDbClient::OnMonitorStatus(uint16_t vdb_id, const rpc::Status& status) {
+  const ObserverLock lock(*this);
+  switch (static_cast<StatusCode>(status.code())) {
+    case StatusCode::kInvalidArgument:  // the id is somebody else's
+      if (monitors_.HasSession(vdb_id)) SetupMonitor(vdb_id, monitors_.RenewSession(vdb_id));
+      return;
+    case StatusCode::kVdbGone:
+      RemoveMonitorSession(vdb_id);
+      return;
+    case StatusCode::kResyncRequired:  // updates were lost: everybody rebuilds
+      NotifyChannelStatus(false);
+      NotifyChannelStatus(true);
+      if (monitors_.HasSession(vdb_id)) SetupMonitor(vdb_id, monitors_.RenewSession(vdb_id));
+      return;
+    default:
+      return;  // a lost connection is handled where the stub's end is told
+  }
+}
+
+}  // namespace zem::covedb

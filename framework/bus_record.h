@@ -1,0 +1,106 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/busclient/rmqclient.h"
+
+namespace zem {
+
+/// What a record is for; the direction is the vertical's.
+enum BusMessageType : int32_t {
+  kRmqClientRegistrationRequest = 1,
+  kRmqClientRegistrationAck = 2,  ///< in
+  kRmqClientPayload = 3,          ///< in
+  kRmqVsmPayload = 4,             ///< out
+  kRmqClientClose = 5,            ///< in
+  kRmqHostClientRegistrationRequest = 6,
+  kRmqHostPayload = 7,
+  kRmqMpRpcRequest = 8,        ///< in
+  kRmqMpRpcResponse = 9,       ///< in
+  kRmqClientRpcRequest = 10,   ///< out, expects a response
+  kRmqClientRpcResponse = 11,  ///< out, answers an 8; also accepted in
+  kRmqClientPublish = 12,      ///< out
+  kRmqMpPublish = 13,          ///< in
+};
+
+/// "RMQ_CLIENT_PUBLISH" and so on; "UNKNOWN_RMQ_CLIENT_MESSAGE_TYPE" for others.
+const char* BusMessageTypeName(int32_t type);
+
+inline constexpr int kBusNoSession = -2001;
+inline constexpr int kBusInvalidCookie = -2002;
+inline constexpr int kBusConnectFail = -2008;
+
+/// "CONNECT_FAIL" and so on; "UNKNOWN" for others.
+const char* BusErrorName(int error);
+
+inline constexpr const char* kProtobufContent = "application/protobuf";
+
+/// The header document of a record.  An empty text is an absent key.
+struct BusHeader {
+  std::string type_id;              ///< "__TypeId__", the full dotted message name
+  std::string correlation_id;       ///< "amqp_correlationId"
+  std::string reply_to;             ///< "amqp_replyTo"
+  std::string app_type;             ///< "app_type"
+  std::string app_id;               ///< "app_id"
+  std::optional<int64_t> msg_type;  ///< "msg_type"
+
+  /// The BSON bytes.
+  std::vector<uint8_t> Encode() const;
+
+  /// Nothing when the bytes are not one well-formed document that ends within them.  Keys of no interest and
+  /// values of another type are skipped.
+  static std::optional<BusHeader> Decode(std::span<const uint8_t> bytes);
+
+  /// The header of a record; nothing when it has none, or one that is malformed or longer than 64 KiB.
+  static std::optional<BusHeader> Of(const rmqClientMessage& message);
+};
+
+/// Owns the buffers of a record.  `message()` is the plain record that points into them.
+class BusRecord {
+ public:
+  explicit BusRecord(BusMessageType type) : type_(type) {}
+  ~BusRecord();
+  BusRecord(BusRecord&& other) noexcept;
+  BusRecord& operator=(BusRecord&& other) noexcept;
+  BusRecord(const BusRecord&) = delete;
+  BusRecord& operator=(const BusRecord&) = delete;
+
+  BusRecord& SetApp(std::string app_type, std::string app_id);
+  BusRecord& SetCookie(int32_t cookie);
+  BusRecord& SetManagerVersion(uint32_t major, uint32_t minor);
+  BusRecord& SetHeader(const BusHeader& header);
+  BusRecord& SetRoutingKey(std::string key);
+  BusRecord& SetContentType(std::string type);
+  BusRecord& SetPayload(std::string payload);
+  /// From malloc; freed with the record unless taken back.
+  BusRecord& SetFreeBlock(void* block);
+
+  BusMessageType type() const { return type_; }
+  const std::string& payload() const { return payload_; }
+
+  /// Valid until the record is changed, moved or destroyed.  Absent parts are null.
+  rmqClientMessage message() const;
+
+  /// Copies everything that `message` points to, apart from its free block.
+  static BusRecord Copy(const rmqClientMessage& message);
+
+ private:
+  BusMessageType type_;
+  int32_t cookie_ = -1;
+  uint32_t mp_major_version_ = 0;
+  uint32_t mp_minor_version_ = 0;
+  std::optional<std::string> app_type_;
+  std::optional<std::string> app_id_;
+  std::optional<std::string> routing_key_;
+  std::optional<std::string> content_type_;
+  std::vector<uint8_t> header_;
+  std::string payload_;
+  void* free_block_ = nullptr;
+};
+
+}  // namespace zem

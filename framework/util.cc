@@ -1,0 +1,273 @@
+#include "framework/util.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "framework/child_process.h"
+#include "framework/log.h"
+#include "framework/shutdown_pipe.h"
+#include "platform/core/poll.h"
+#include "platform/core/unix_socket.h"
+#include "platform/knluser/knluser.h"
+
+namespace zem::Tarvik {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "framework"};
+
+constexpr int kConnectRetries = 60;
+constexpr int kInterruptWaitSeconds = 10;
+constexpr size_t kReadPiece = 1023;
+constexpr size_t kMaxCommandOutput = 16 * 1024 * 1024;
+
+// After an interrupt: true when the caller shall go on.
+bool GoesOnAfterInterrupt() {
+  bool shutdown = false;
+  return Util::IsReadyToBeRead(-1, &shutdown, kInterruptWaitSeconds) >= 0 && !shutdown;
+}
+
+// What ends the reading of a command's output before its end.
+enum class ReadEnd { kWhole, kShutdown, kTooMuch, kFailed };
+
+ReadEnd ReadToEnd(int fd, std::string* output) {
+  const size_t limit = output->size() + kMaxCommandOutput;
+  char piece[kReadPiece];
+  for (;;) {
+    bool shutdown = false;
+    const int ready = Util::IsReadyToBeRead(fd, &shutdown, 1);
+    if (shutdown) return ReadEnd::kShutdown;
+    if (ready < 0) return ReadEnd::kFailed;
+    if (ready == 0) continue;
+    const ssize_t got = ::read(fd, piece, sizeof(piece));
+    if (got == 0) return ReadEnd::kWhole;
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return ReadEnd::kFailed;
+    if (output->size() + static_cast<size_t>(got) > limit) return ReadEnd::kTooMuch;
+    output->append(piece, static_cast<size_t>(got));
+  }
+}
+
+}  // namespace
+
+int ConnectToUnixSocket(const std::string& path, bool retry) {
+  if (path.size() > kMaxUnixPath) {
+    ZLOG_ERROR("ERR_SOCK_PATH_TOO_LONG", "[%s] path [%s] is longer than %lud\n", __func__, path.c_str(),
+               static_cast<unsigned long>(kMaxUnixPath));
+    return -1;
+  }
+  UniqueFd fd = OpenUnixStream();
+  if (!fd) {
+    ZLOG_ERROR("OPS00201", "[%s] Creating socket failed: [%s]\n", __func__, std::strerror(errno));
+    return -1;
+  }
+  int retries = 0;
+  int result = ConnectUnix(fd.get(), path);
+  while (result != 0 && retry && retries < kConnectRetries) {
+    ++retries;
+    ZLOG_DEBUG("[%s] Retrying connecting: rc=[%d] [%s]\n", __func__, -1, std::strerror(result));
+    bool shutdown = false;
+    if (Util::IsReadyToBeRead(-1, &shutdown, 1) < 0 || shutdown) break;
+    result = ConnectUnix(fd.get(), path);
+  }
+  if (result != 0) {
+    ZLOG_ERROR("OPS00202", "[%s] Connecting failed after [%d] retry: [%s]\n", __func__, retries,
+               std::strerror(result));
+    return -1;
+  }
+  ZLOG_DEBUG("[%s] Connected to unix socket [%s]\n", __func__, path.c_str());
+  return fd.Release();
+}
+
+int ReadData(int fd, void* buffer, size_t length, int* got) {
+  size_t total = 0;
+  *got = 0;
+  while (total < length) {
+    const ssize_t part = ::read(fd, static_cast<char*>(buffer) + total, length - total);
+    if (part > 0) {
+      total += static_cast<size_t>(part);
+      continue;
+    }
+    const int error = errno;
+    ZLOG_DEBUG("[%s] fd [%d] totalByteRead = %d err =  [ %s : %d]\n", __func__, fd, static_cast<int>(total),
+               std::strerror(error), error);
+    if (part == 0) break;
+    if (error != EINTR) {
+      *got = static_cast<int>(total);
+      return -1;
+    }
+    if (!GoesOnAfterInterrupt()) break;
+  }
+  *got = static_cast<int>(total);
+  ZLOG_TRACE("[%s] fd [%d] byteRead [%d]\n", __func__, fd, *got);
+  return 0;
+}
+
+int ExecuteCmd(const std::vector<std::string>& argv, std::string input, const std::atomic<bool>* stop) {
+  std::fflush(stdin);
+  std::fflush(stdout);
+  std::fflush(stderr);
+  ChildProcess::Options options;
+  options.argv = argv;
+  options.environment = std::vector<std::string>{"PYTHONIOENCODING=utf-8"};
+  options.input = std::move(input);
+  options.stop = stop;
+  ChildProcess child(std::move(options));
+  const ChildResult result = child.Run();
+  switch (result.end) {
+    case ChildEnd::kNoPipe:
+      ZLOG_ERROR("OPS60010", "%s: Pipe failed to open: %s", __func__, std::strerror(result.value));
+      return -1;
+    case ChildEnd::kNotStarted:
+      ZLOG_ERROR("OPS60010", "KnluserCompat_ForkExec fails: errno=%d", result.value);
+      return -1;
+    case ChildEnd::kGone:
+      ZLOG_INFO("%s: child process %d terminated already", __func__, static_cast<int>(result.pid));
+      return -1;
+    default:
+      break;
+  }
+  if (result.input_error != 0) {
+    ZLOG_ERROR("OPS60010", "Write to stdin of parent process failed: %s", std::strerror(result.input_error));
+    return -1;
+  }
+  if (result.end != ChildEnd::kExited) return -1;
+  if (result.value != 0) {
+    ZLOG_INFO("%s: child process %d exited abnormally, ret=%d", __func__, static_cast<int>(result.pid),
+              result.value);
+    ZLOG_DEBUG("%s: child process %d printed last: %s%s", __func__, static_cast<int>(result.pid),
+               result.output.c_str(), result.errors.c_str());
+  }
+  return result.value;
+}
+
+void Panic(const char* format, ...) {
+  std::fputs("Panic: ", stderr);
+  va_list arguments;
+  va_start(arguments, format);
+  std::vfprintf(stderr, format, arguments);
+  va_end(arguments);
+  std::abort();
+}
+
+namespace Util {
+
+int IsReadyToBeRead(int fd, bool* shutdown, int timeout_seconds) {
+  if (fd < 0) {
+    *shutdown = WaitForShutdown(std::chrono::seconds(timeout_seconds));
+    return 0;
+  }
+  pollfd waits[2] = {{fd, POLLIN, 0}, {fdShutdown[0], POLLIN, 0}};
+  const int ready = PollIdle(waits, 2, timeout_seconds * 1000);
+  if (ready < 0) {
+    ZLOG_ERROR("OPS00403", "[%s] select failed: [%s]\n", __func__, std::strerror(errno));
+    return -1;
+  }
+  if (waits[1].revents != 0) *shutdown = true;
+  return waits[0].revents != 0 ? 1 : 0;
+}
+
+ssize_t WriteData(int fd, const void* buffer, size_t length) {
+  size_t written = 0;
+  while (written < length) {
+    const ssize_t part = ::write(fd, static_cast<const char*>(buffer) + written, length - written);
+    if (part >= 0) {
+      written += static_cast<size_t>(part);
+      continue;
+    }
+    const int error = errno;
+    ZLOG_ERROR("OPS00404", "[%s] writing to fd [%d] failed with error [ %s : %d]\n", __func__, fd,
+               std::strerror(error), error);
+    if (error != EINTR) return -1;
+    if (!GoesOnAfterInterrupt()) break;
+  }
+  ZLOG_TRACE("[%s] fd [%d] byteWrite [%d]\n", __func__, fd, static_cast<int>(written));
+  return static_cast<ssize_t>(written);
+}
+
+int ClosePipeQub(KnluserCompat_Pipe* handle, std::string* error) {
+  ::close(handle->fd);
+  ZLOG_DEBUG("[%s] closed QUB pipe [%d]\n", __func__, handle->fd);
+  handle->fd = -1;
+  int status = 0;
+  pid_t waited = -1;
+  do {
+    waited = ::waitpid(handle->pid, &status, 0);
+  } while (waited < 0 && errno == EINTR);
+  const int wait_error = errno;
+  ZLOG_DEBUG("[%s] waitpid returned [%d]\n", __func__, static_cast<int>(waited));
+  if (waited < 0) {
+    *error = "waitpid failed: " + GetErrMsg(wait_error);
+    return -1;
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  *error = "terminated by signal " + std::to_string(WTERMSIG(status));
+  return -1;
+}
+
+int ExecuteCmd(const std::string& command, std::string_view input, std::string* error) {
+  std::fflush(stdin);
+  KnluserCompat_Pipe handle{-1, -1};
+  if (const int result = KnluserCompat_POpen(command.c_str(), "w", &handle); result != 0) {
+    ZLOG_ERROR("OPS00401", "KnluserCompat_POpen failed with error [%d] for cmd [%s]", result,
+               command.c_str());
+    *error = "KnluserCompat_POpen failed";
+    return -1;
+  }
+  const ssize_t written = WriteData(handle.fd, input.data(), input.size());
+  if (written < 0) {
+    const std::string message = GetErrMsg(errno);
+    ZLOG_ERROR("OPS00402", "[%s] failed to write cmd [%s], error [%s]", __func__, command.c_str(),
+               message.c_str());
+    *error = "write failed: " + message;
+    std::string ignored;
+    ClosePipeQub(&handle, &ignored);
+    return -1;
+  }
+  return ClosePipeQub(&handle, error);
+}
+
+int ReadCmdOutput(const std::string& command, std::string* output, std::string* error) {
+  std::fflush(stdout);
+  KnluserCompat_Pipe handle{-1, -1};
+  if (const int result = KnluserCompat_POpen(command.c_str(), "r", &handle); result != 0) {
+    ZLOG_ERROR("ERR_QUB_POPEN_FAIL", "KnluserCompat_POpen failed with error [%d] for cmd [%s]", result,
+               command.c_str());
+    *error = "KnluserCompat_POpen failed";
+    return -1;
+  }
+  const ReadEnd end = ReadToEnd(handle.fd, output);
+  if (end != ReadEnd::kWhole) ::kill(handle.pid, end == ReadEnd::kShutdown ? SIGTERM : SIGKILL);
+  const int status = ClosePipeQub(&handle, error);
+  if (status < 0) {
+    ZLOG_ERROR("ERR_QUB_PCLOSE_FAIL", "ClosePipeQub failed %s: %s", command.c_str(), error->c_str());
+  }
+  switch (end) {
+    case ReadEnd::kWhole:
+      return status;
+    case ReadEnd::kShutdown:
+      *error = "stopped by the shutdown";
+      return -1;
+    case ReadEnd::kTooMuch:
+      *error = "output is longer than 16 MiB";
+      return -1;
+    case ReadEnd::kFailed:
+      *error = "read failed";
+      return -1;
+  }
+  return -1;
+}
+
+std::string GetErrMsg(int error) {
+  char buffer[256];
+  return ::strerror_r(error, buffer, sizeof(buffer));
+}
+
+}  // namespace Util
+}  // namespace zem::Tarvik

@@ -1,0 +1,140 @@
+#include "mpaclient/client_factory.h"
+
+#include <array>
+#include <string>
+#include <utility>
+
+#include "framework/log.h"
+#include "mpaclient/host_services.h"
+#include "mpaclient/mpa_client_private.h"
+#include "mpaclient/tn_proxy_client_common.h"
+#include "platform/core/provider.h"
+#include "platform/rpc/stub_factory.h"
+#include "platform/rpc/transport.h"
+
+namespace zem {
+namespace {
+
+constexpr LogSource kLog{"mpa-client"};
+
+template <class Service>
+class MpStubOf final : public MpStub {
+ public:
+  explicit MpStubOf(typename Service::Stub stub) : stub_(std::move(stub)) {}
+
+  void MsgHandler(const rpc::ClientContext& context, const GenericUnifiedMsg& message,
+                  rpc::CallObserver<VoidMsg>* observer) override {
+    stub_.MsgHandler(context, message, observer);
+  }
+  rpc::CallHandle<GenericUnifiedMsg> RpcMsgHandler(const rpc::ClientContext& context,
+                                                   const GenericUnifiedMsg& message,
+                                                   rpc::CallObserver<GenericUnifiedMsg>* observer) override {
+    return stub_.RpcMsgHandler(context, message, observer);
+  }
+  void SetOnStreamDown(std::function<void(rpc::CloseReason)> hook) override {
+    stub_.SetOnStreamDown(std::move(hook));
+  }
+
+ private:
+  typename Service::Stub stub_;
+};
+
+struct NoHostService {};
+
+}  // namespace
+
+/// The RPC road of one vertical, whose manager-side service is `MpService` and whose own is `HostService`.
+template <class MpService, class HostService>
+class MpaClientPrivate final : public MpaClientPrivateBase {
+ public:
+  using MpaClientPrivateBase::MpaClientPrivateBase;
+
+ protected:
+  void RequestStub(rpc::StubRequest request, StubDone done) override {
+    using Stub = typename MpService::Stub;
+    timer_provider().rpc().stubs().template create<Stub>(
+        std::move(request), [done = std::move(done)](std::optional<Stub> stub, const rpc::Status& status) {
+          done(stub ? std::make_unique<MpStubOf<MpService>>(std::move(*stub)) : nullptr, status);
+        });
+  }
+
+  std::shared_ptr<rpc::ServiceBase> MakeHostService(std::shared_ptr<MpaClientAppSpecific> instance) override {
+    if constexpr (std::is_same_v<HostService, NoHostService>) {
+      return nullptr;
+    } else {
+      return std::make_shared<HostService>(std::move(instance));
+    }
+  }
+};
+
+namespace {
+
+template <class MpService, class HostService>
+std::shared_ptr<MpaClient> Make(MpaClientArguments arguments, const Vertical& vertical) {
+  return std::make_shared<MpaClientPrivate<MpService, HostService>>(std::move(arguments), vertical);
+}
+
+template <class AppSpecific>
+std::shared_ptr<MpaClientAppSpecific> MakeSpecific(std::shared_ptr<MpaClient> client) {
+  return std::make_shared<AppSpecific>(std::move(client));
+}
+
+struct Row {
+  VerticalId id;
+  std::shared_ptr<MpaClient> (*client)(MpaClientArguments, const Vertical&);
+  std::shared_ptr<MpaClientAppSpecific> (*app_specific)(std::shared_ptr<MpaClient>);
+};
+
+constexpr std::array kRows = {
+    Row{VerticalId::kPacketCapture, &Make<packetcapture::PckCapMpService, PktcapHostService>,
+        &MakeSpecific<MpaClientPktcap>},
+    Row{VerticalId::kTraceflow, &Make<traceflow::TraceflowMpService, TraceflowHostService>,
+        &MakeSpecific<MpaClientTraceflow>},
+    Row{VerticalId::kLldp, &Make<lldp::LldpMpService, LldpHostService>, &MakeSpecific<MpaClientLldp>},
+    Row{VerticalId::kSupportBundle, &Make<support_bundle::BundleMpService, SupportBundleHostService>,
+        &MakeSpecific<MpaClientSupportBundle>},
+    Row{VerticalId::kIda, &Make<ida::IdaMpService, IdaHostService>, &MakeSpecific<MpaClientIda>},
+    Row{VerticalId::kControllerMgmt, &Make<config::CtrlMgmtMpService, CtrlMgmtHostService>,
+        &MakeSpecific<MpaClientControllerMgmt>},
+    Row{VerticalId::kSwitching, &Make<messaging::L2MpService, l2HostService>,
+        &MakeSpecific<MpaClientSwitching>},
+    Row{VerticalId::kAlarmsProvider, &Make<monitoring::CollectorMpService, CollectorHostService>,
+        &MakeSpecific<MpaClientCollector>},
+    Row{VerticalId::kLivetrace, &Make<livetrace::LivetraceMpService, LivetraceHostService>,
+        &MakeSpecific<MpaClientLivetrace>},
+    Row{VerticalId::kIpReputation, &Make<firewall::IpReputationEventNotificationRpc, NoHostService>,
+        &MakeSpecific<MpaClientIpReputation>},
+    Row{VerticalId::kIdfw, &Make<context::idfw::IdfwMpService, IdfwHostService>,
+        &MakeSpecific<MpaClientIdfw>},
+    Row{VerticalId::kContextHealth, &Make<context::OuviMpService, CtxHealthHostService>,
+        &MakeSpecific<MpaClientContextHealth>},
+    Row{VerticalId::kIds, &Make<context::ids::IdsMpService, NoHostService>, &MakeSpecific<MpaClientIds>},
+    Row{VerticalId::kIdsPcap, &Make<context::ids::IdsPcapSecurityDataService, NoHostService>,
+        &MakeSpecific<MpaClientIdsPcap>},
+    Row{VerticalId::kHealthCheck, &Make<healthcheck::HealthCheckMpService, HealthCheckHostService>,
+        &MakeSpecific<MpaClientHealthCheck>},
+};
+static_assert(kRows.size() == static_cast<size_t>(VerticalId::kCount));
+
+}  // namespace
+
+std::shared_ptr<MpaClient> MakeMpaClient(MpaClientArguments arguments) {
+  // The bus carries every vertical alike.
+  const Vertical* const vertical =
+      arguments.port != MpaClient::kBusPort ? FindVertical(arguments.name) : nullptr;
+  if (vertical != nullptr)
+    return kRows[static_cast<size_t>(vertical->id)].client(std::move(arguments), *vertical);
+  if (arguments.name != "MpaClientTest" && FindVertical(arguments.name) == nullptr) {
+    ZLOG_WARN("Unknown app type %s", arguments.name.c_str());
+  }
+  return std::make_shared<MpaClient>(arguments.provider, std::move(arguments.callback),
+                                     std::move(arguments.name), std::move(arguments.id),
+                                     arguments.client_type, arguments.port);
+}
+
+std::shared_ptr<MpaClientAppSpecific> MakeAppSpecificInstance(const Vertical& vertical,
+                                                              std::shared_ptr<MpaClient> client) {
+  return kRows[static_cast<size_t>(vertical.id)].app_specific(std::move(client));
+}
+
+}  // namespace zem

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "framework/bus_record.h"
+#include "mpaclient/mpa_client_app_specific.h"
+#include "platform/rpc/call.h"
+
+namespace zem {
+
+/// Turns the manager's calls of one vertical into records and delivers them; the base of every host service,
+/// beside the generated service.
+///
+/// Threads: called on the forwarding provider; the vertical's receive callback runs inside.
+class MpaClientHostService {
+ public:
+  using GenericUnifiedMsg = MpaClient::GenericUnifiedMsg;
+  using VoidMsg = MpaClient::VoidMsg;
+  using Message = google::protobuf::Message;
+
+  explicit MpaClientHostService(std::shared_ptr<MpaClientAppSpecific> instance);
+  virtual ~MpaClientHostService();
+
+  /// The vertical's message out of field 1, with its type if it tells one; null when it does not parse.
+  virtual std::unique_ptr<Message> GetHostUnifiedMsg(const GenericUnifiedMsg& generic,
+                                                     std::string* type_out) const;
+  /// The member that is set.
+  virtual const Message* GetRequestMsg(const Message& host_unified) const;
+  virtual std::string GetAppType(const Message& host_unified) const;
+  virtual std::shared_ptr<MpaClientAppSpecific> GetClient(const std::string& app_id) const;
+
+  /// A publish of the manager; answered at once.
+  void MpaMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
+                     rpc::CallHandle<VoidMsg> handle);
+  /// A request; answered when the vertical does.
+  void MpaRpcMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
+                        rpc::CallHandle<GenericUnifiedMsg> handle);
+  /// What the service's request method does: answers an unasked app-init config itself.
+  void HandleRequest(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
+                     rpc::CallHandle<GenericUnifiedMsg> handle);
+
+  /// Empty when the name has no old form.
+  std::string ConvertObjTypeToOldName(const std::string& type_name) const;
+
+ private:
+  bool BuildRmqClientMessage(const GenericUnifiedMsg& generic, const rpc::ServerContext& context,
+                             const std::string& correlation_id, bool publish, BusRecord* record,
+                             std::string* app_type_out) const;
+  void Receive(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
+               const std::string& correlation_id, const rpc::CallHandle<GenericUnifiedMsg>* handle);
+
+  const std::shared_ptr<MpaClientAppSpecific> instance_;
+  const Vertical& vertical_;
+};
+
+/// A host service of the generated service class `Service`.
+template <class Service>
+class HostServiceOf final : public Service, public MpaClientHostService {
+ public:
+  using MpaClientHostService::MpaClientHostService;
+
+  void MsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& request,
+                  rpc::CallHandle<VoidMsg> handle) override {
+    MpaMsgHandler(context, request, std::move(handle));
+  }
+  void RpcMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& request,
+                     rpc::CallHandle<GenericUnifiedMsg> handle) override {
+    HandleRequest(context, request, std::move(handle));
+  }
+};
+
+}  // namespace zem

@@ -1,0 +1,54 @@
+#include "mpaclient/service_observer.h"
+
+#include "framework/log.h"
+#include "mpaclient/mpa_client_app_specific.h"
+
+namespace zem {
+namespace {
+constexpr LogSource kLog{"mpa-client"};
+}  // namespace
+
+ServiceObserver::ServiceObserver(std::weak_ptr<MpaClientAppSpecific> client, const char* name,
+                                 uint32_t sequence)
+    : client_(std::move(client)), name_(name), sequence_(sequence) {}
+
+void ServiceObserver::PrepareResponse(BusRecord response, BusHeader header) {
+  response_ = std::move(response);
+  response_header_ = std::move(header);
+}
+
+void ServiceObserver::Next(const orlane::zem::messaging::GenericUnifiedMsg& message) {
+  ZLOG_DEBUG("%s::Next Begin", name_);
+  if (client_.expired()) {
+    ZLOG_WARN("MpaClient has been destroyed already.");
+    return;
+  }
+  answer_ = message;
+  ZLOG_DEBUG("%s::Next End", name_);
+}
+
+void ServiceObserver::CallStatus(const rpc::Status& status) {
+  const std::unique_ptr<ServiceObserver> self(this);
+  if (!status.ok()) ZLOG_INFO("%s::CallStatus (%s)", name_, status.ToString().c_str());
+  const auto client = client_.lock();
+  if (!client) {
+    ZLOG_WARN("MpaClient has been destroyed already.");
+    return;
+  }
+  // The mutex covers the notes of this call only: the vertical that gets the answer may well send the next
+  // request.
+  client->SetLastCallStatus(status);
+  client->HandleMpResponse(status, answer_, this);
+  if (sequence_ != 0) client->DeleteFromSeqToCallHandleMap(sequence_);
+}
+
+void VoidMsgObserver::Next(const orlane::zem::VoidMsg&) { ZLOG_DEBUG("VoidMsgObserver::Next"); }
+
+void VoidMsgObserver::CallStatus(const rpc::Status& status) {
+  const std::unique_ptr<VoidMsgObserver> self(this);
+  if (!status.ok()) {
+    ZLOG_INFO("[%s] VoidMsgObserver::CallStatus (%s)", app_type_.c_str(), status.ToString().c_str());
+  }
+}
+
+}  // namespace zem

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace zem {
+class AsioZemProvider;
+}
+
+namespace zem::sim {
+
+class CommandTable;
+
+/// Serves a command table on an AF_UNIX stream socket: one command per line, one JSON line per answer.  The
+/// commands of one client run one after the other, each after the answer of the one before; any number of
+/// clients at once.
+///
+/// Threads: the commands run on the provider's threads.  Ownership: `table` has to outlive the server.
+/// Limits: a line of more than 1 MiB is answered with an error and ends its client.
+class ControlServer {
+ public:
+  static constexpr size_t kMaxLine = size_t{1} << 20;
+
+  /// Listens at `path`.  A socket that is left from a process which is gone is replaced; one that somebody
+  /// serves, or a file of another kind, throws std::system_error.
+  ControlServer(AsioZemProvider& provider, const CommandTable& table, const std::string& path);
+  /// Closes all clients and removes the socket.
+  ~ControlServer();
+  ControlServer(const ControlServer&) = delete;
+  ControlServer& operator=(const ControlServer&) = delete;
+
+ private:
+  class Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace zem::sim

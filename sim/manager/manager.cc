@@ -1,0 +1,314 @@
+#include "sim/manager/manager.h"
+
+#include <google/protobuf/io/tokenizer.h>
+#include <google/protobuf/text_format.h>
+#include <google/protobuf/util/json_util.h>
+
+#include "platform/core/timer.h"
+#include "platform/core/uuid.h"
+#include "proto/messaging/appinit.pb.h"
+
+namespace zem::sim {
+namespace {
+
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
+
+constexpr size_t kMaxRemembered = 100000;
+
+class ErrorText final : public google::protobuf::io::ErrorCollector {
+ public:
+  void AddError(int line, google::protobuf::io::ColumnNumber column, const std::string& message) override {
+    if (text_.empty()) text_ = std::to_string(line + 1) + ":" + std::to_string(column + 1) + ": " + message;
+  }
+  const std::string& text() const { return text_; }
+
+ private:
+  std::string text_;
+};
+
+// Empty when `text` is a `message` in text format, else what is wrong with it.
+std::string ParseText(const std::string& text, Message* message) {
+  ErrorText errors;
+  google::protobuf::TextFormat::Parser parser;
+  parser.RecordErrorsTo(&errors);
+  return parser.ParseFromString(text, message) ? "" : errors.text();
+}
+
+std::string ToJson(const Message& message) {
+  std::string json;
+  google::protobuf::util::JsonPrintOptions options;
+  options.preserve_proto_field_names = true;
+  const auto status = google::protobuf::util::MessageToJsonString(message, &json, options);
+  return status.ok() ? json : "{}";
+}
+
+std::unique_ptr<Message> New(const Message& prototype) { return std::unique_ptr<Message>(prototype.New()); }
+
+}  // namespace
+
+// What one APH's services receive goes to the manager, with the APH's name on it.
+class Manager::Sink final : public MpSink {
+ public:
+  Sink(Manager* manager, Aph* aph) : manager_(manager), aph_(aph) {}
+
+  void OnPublish(const std::string& vertical, const std::string& host, const GenericUnifiedMsg& message) override {
+    bool app_init = false;
+    manager_->Receive(*aph_, vertical, host, message, true, &app_init);
+  }
+  void OnRequest(const std::string& vertical, const std::string& host, const GenericUnifiedMsg& message,
+                 rpc::CallHandle<GenericUnifiedMsg> call) override {
+    bool app_init = false;
+    manager_->Receive(*aph_, vertical, host, message, false, &app_init);
+    manager_->Answer(aph_, vertical, message, app_init, std::move(call));
+  }
+
+ private:
+  Manager* const manager_;
+  Aph* const aph_;
+};
+
+Manager::Manager(Options options) : options_(std::move(options)) {}
+
+Manager::~Manager() {
+  std::map<std::string, std::unique_ptr<Aph>> ended;
+  {
+    std::lock_guard lock(mutex_);
+    ended.swap(aphs_);
+  }
+}
+
+void Manager::StartProxy() {
+  if (proxy_) return;
+  proxy_ = std::make_unique<Proxy>(options_.info_endpoint, options_.forwarding_endpoint);
+  std::lock_guard lock(mutex_);
+  PublishLocked();
+}
+
+void Manager::StopProxy() { proxy_.reset(); }
+
+bool Manager::proxy_running() const { return proxy_ != nullptr; }
+
+void Manager::PublishLocked() {
+  if (!proxy_) return;
+  ProxyInfo info;
+  info.transport_node_id = options_.transport_node_id;
+  info.version = options_.version;
+  for (const auto& [id, master] : listed_) info.aphs.push_back({id, master});
+  proxy_->Publish(std::move(info));
+}
+
+void Manager::PublishRaw(ProxyInfo info) {
+  if (proxy_) proxy_->Publish(std::move(info));
+}
+
+void Manager::AddAph(const std::string& id, bool master) {
+  auto aph = std::make_unique<Aph>(id, options_.forwarding_endpoint,
+                                   [this](Aph* self) { return std::make_unique<Sink>(this, self); });
+  std::lock_guard lock(mutex_);
+  aphs_[id] = std::move(aph);
+  if (master) {
+    for (auto& [other, flag] : listed_) flag = false;
+    served_.clear();
+  }
+  listed_[id] = master;
+  PublishLocked();
+}
+
+bool Manager::RemoveAph(const std::string& id, bool keep_listed) {
+  std::unique_ptr<Aph> ended;
+  {
+    std::lock_guard lock(mutex_);
+    const auto found = aphs_.find(id);
+    if (found == aphs_.end()) return false;
+    ended = std::move(found->second);
+    aphs_.erase(found);
+    if (!keep_listed) {
+      listed_.erase(id);
+      PublishLocked();
+    }
+  }
+  ended.reset();
+  return true;
+}
+
+bool Manager::SetMaster(const std::string& id) {
+  std::lock_guard lock(mutex_);
+  if (!id.empty() && listed_.count(id) == 0) return false;
+  for (auto& [aph, master] : listed_) master = aph == id;
+  served_.clear();
+  PublishLocked();
+  return true;
+}
+
+std::vector<std::pair<std::string, bool>> Manager::Aphs() const {
+  std::lock_guard lock(mutex_);
+  return {listed_.begin(), listed_.end()};
+}
+
+std::string Manager::Master() const {
+  std::lock_guard lock(mutex_);
+  for (const auto& [id, master] : listed_) {
+    if (master) return id;
+  }
+  return {};
+}
+
+void Manager::SetRule(const std::string& vertical, bool app_init, AnswerRule rule) {
+  std::lock_guard lock(mutex_);
+  rules_[{vertical, app_init}] = std::move(rule);
+}
+
+AnswerRule Manager::TakeRule(const std::string& vertical, bool app_init) {
+  std::lock_guard lock(mutex_);
+  for (const std::string& name : {vertical, std::string()}) {
+    const auto found = rules_.find({name, app_init});
+    if (found == rules_.end()) continue;
+    AnswerRule rule = found->second;
+    if (found->second.count > 0 && --found->second.count == 0) rules_.erase(found);
+    return rule;
+  }
+  return {};
+}
+
+void Manager::Receive(const Aph& aph, const std::string& vertical, const std::string& host,
+                      const GenericUnifiedMsg& message, bool publish, bool* app_init) {
+  Received received;
+  received.aph = aph.id();
+  received.vertical = vertical;
+  received.host = host;
+  received.publish = publish;
+  received.correlation_id = message.ctrl_header().correlation_id();
+  received.tracking_id = UuidText(message.cookies().tracking_id());
+  const ManagerVertical* const known = FindManagerVertical(vertical);
+  const auto unified = New(known->mp_prototype());
+  if (unified->ParseFromString(message.payload())) {
+    received.type = TypeOf(*unified);
+    received.json = ToJson(*unified);
+    const Message* const member = SetMember(*unified);
+    *app_init = dynamic_cast<const orlane::zem::messaging::appinit::AppInitMsg*>(member) != nullptr;
+  } else {
+    received.type = "unparsable";
+    received.json = "{}";
+  }
+  std::lock_guard lock(mutex_);
+  received.number = ++last_number_;
+  received_.push_back(std::move(received));
+  if (received_.size() > kMaxRemembered) received_.pop_front();
+}
+
+void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnifiedMsg& request, bool app_init,
+                     rpc::CallHandle<GenericUnifiedMsg> call) {
+  const AnswerRule rule = TakeRule(vertical, app_init);
+  const ManagerVertical* const known = FindManagerVertical(vertical);
+  GenericUnifiedMsg answer;
+  *answer.mutable_ctrl_header() = request.ctrl_header();
+  *answer.mutable_cookies() = request.cookies();
+  const auto unified = New(known->host_prototype());
+  switch (rule.kind) {
+    case AnswerRule::Kind::kNever:
+      return;
+    case AnswerRule::Kind::kStatus:
+      break;
+    case AnswerRule::Kind::kGarbage:
+      answer.set_payload("\x0a\xff\xff\xff\xff garbage");
+      break;
+    case AnswerRule::Kind::kWrongType:
+      answer.set_payload("");
+      break;
+    case AnswerRule::Kind::kText:
+      if (!ParseText(rule.text, unified.get()).empty()) return;
+      answer.set_payload(unified->SerializeAsString());
+      break;
+    case AnswerRule::Kind::kServe:
+      if (app_init) {
+        const FieldDescriptor* const field = FindMember(*unified, "app_init_config");
+        if (field == nullptr) return;
+        auto* const config = static_cast<orlane::zem::messaging::appinit::AppInitConfigMsg*>(
+            unified->GetReflection()->MutableMessage(unified.get(), field));
+        config->set_sender(aph->id());
+        SetType(unified.get(), WireTypeName(*field->message_type()));
+      } else {
+        const auto asked = New(known->mp_prototype());
+        if (!asked->ParseFromString(request.payload())) return;
+        const Message* const member = SetMember(*asked);
+        const FieldDescriptor* const field =
+            member != nullptr ? FindMember(*unified, member->GetDescriptor()->name()) : nullptr;
+        if (field == nullptr) return;
+        unified->GetReflection()->MutableMessage(unified.get(), field)->CopyFrom(*member);
+        SetType(unified.get(), TypeOf(*asked));
+      }
+      answer.set_payload(unified->SerializeAsString());
+      break;
+  }
+  auto send = [this, vertical, app_init, rule, answer, call, id = aph->id()]() mutable {
+    if (rule.kind == AnswerRule::Kind::kStatus) {
+      call.Close(rule.status, "refused by the scenario");
+      return;
+    }
+    const bool sent = call.Finish(answer);
+    if (!sent || !app_init || rule.kind != AnswerRule::Kind::kServe) return;
+    std::lock_guard lock(mutex_);
+    const auto listed = listed_.find(id);
+    if (listed != listed_.end() && listed->second) ++served_[vertical];
+  };
+  if (rule.delay > Duration::zero()) {
+    aph->provider().timers().Schedule(rule.delay, send);
+  } else {
+    send();
+  }
+}
+
+std::string Manager::Send(const SendRequest& request, std::function<void(HostAnswer)> done) {
+  const ManagerVertical* const vertical = FindManagerVertical(request.vertical);
+  if (vertical == nullptr) return "no vertical " + request.vertical;
+  if (vertical->make_stub == nullptr) return request.vertical + " serves no calls";
+  const auto unified = New(vertical->host_prototype());
+  const FieldDescriptor* const field = FindMember(*unified, request.member);
+  if (field == nullptr) return "no message " + request.member + " in " + unified->GetTypeName();
+  Message* const member = unified->GetReflection()->MutableMessage(unified.get(), field);
+  const std::string error = ParseText(request.text, member);
+  if (!error.empty()) return member->GetTypeName() + " " + error;
+  SetType(unified.get(), WireTypeName(*field->message_type()));
+  GenericUnifiedMsg message;
+  message.set_payload(unified->SerializeAsString());
+  const std::string id = request.correlation_id.value_or(RandomUuidText());
+  if (request.with_header) message.mutable_ctrl_header()->set_correlation_id(id);
+  const auto tracking = ParseUuid(id);
+  SetUuid(tracking ? *tracking : RandomUuid(), message.mutable_cookies()->mutable_tracking_id());
+
+  const std::string target = request.aph.empty() ? Master() : request.aph;
+  std::lock_guard lock(mutex_);
+  const auto aph = aphs_.find(target);
+  if (aph == aphs_.end()) return target.empty() ? "there is no master" : "no APH " + target;
+  aph->second->Call(*vertical, message, request.publish, request.timeout, std::move(done));
+  return {};
+}
+
+std::string Manager::AnswerJson(const std::string& vertical, const HostAnswer& answer) {
+  const ManagerVertical* const known = FindManagerVertical(vertical);
+  const auto unified = New(known->mp_prototype());
+  if (!unified->ParseFromString(answer.message.payload())) return "{}";
+  return ToJson(*unified);
+}
+
+std::vector<Received> Manager::ReceivedFrom(const std::string& vertical, uint64_t after) const {
+  std::vector<Received> matching;
+  std::lock_guard lock(mutex_);
+  for (const Received& each : received_) {
+    if (each.number > after && (vertical.empty() || each.vertical == vertical)) matching.push_back(each);
+  }
+  return matching;
+}
+
+uint64_t Manager::received_count() const {
+  std::lock_guard lock(mutex_);
+  return last_number_;
+}
+
+std::map<std::string, uint64_t> Manager::served_app_inits() const {
+  std::lock_guard lock(mutex_);
+  return served_;
+}
+
+}  // namespace zem::sim

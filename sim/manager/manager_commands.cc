@@ -1,0 +1,292 @@
+#include "sim/manager/manager_commands.h"
+
+#include <charconv>
+#include <optional>
+
+#include "platform/core/uuid.h"
+#include "sim/control/command_table.h"
+#include "sim/manager/manager.h"
+
+namespace zem::sim {
+namespace {
+
+std::optional<int64_t> Number(const std::string& text) {
+  int64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
+}
+
+// "--name value" and "--name" words in front of the positional ones.
+class Options {
+ public:
+  Options(const Arguments& arguments, std::initializer_list<const char*> with_value,
+          std::initializer_list<const char*> flags) {
+    for (size_t i = 0; i < arguments.size(); ++i) {
+      const std::string& word = arguments[i];
+      if (word.rfind("--", 0) != 0) {
+        positional_.push_back(word);
+      } else if (Contains(with_value, word) && i + 1 < arguments.size()) {
+        values_[word] = arguments[++i];
+      } else if (Contains(flags, word)) {
+        values_[word] = "";
+      } else {
+        error_ = "unknown option " + word;
+      }
+    }
+  }
+
+  const std::string& error() const { return error_; }
+  const Arguments& positional() const { return positional_; }
+  bool Has(const char* name) const { return values_.count(name) != 0; }
+  std::optional<std::string> Value(const char* name) const {
+    const auto found = values_.find(name);
+    if (found == values_.end()) return std::nullopt;
+    return found->second;
+  }
+
+ private:
+  static bool Contains(std::initializer_list<const char*> names, const std::string& word) {
+    for (const char* name : names) {
+      if (word == name) return true;
+    }
+    return false;
+  }
+
+  std::string error_;
+  Arguments positional_;
+  std::map<std::string, std::string> values_;
+};
+
+Json AphJson(const std::string& id, bool master) {
+  Json item = JsonObject();
+  AddMember(item.get(), "id", id);
+  AddMember(item.get(), "master", master);
+  return item;
+}
+
+void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
+  const Options options(arguments, {"--aph", "--correlation", "--timeout"}, {"--publish", "--no-wait", "--no-header"});
+  if (!options.error().empty()) return reply.Fail(options.error());
+  const Arguments& words = options.positional();
+  if (words.size() < 2) return reply.Fail("usage: send [OPTIONS] VERTICAL MESSAGE [TEXT]");
+  Manager::SendRequest request;
+  request.vertical = words[0];
+  request.member = words[1];
+  for (size_t i = 2; i < words.size(); ++i) request.text += words[i] + " ";
+  request.aph = options.Value("--aph").value_or("");
+  request.correlation_id = options.Value("--correlation").value_or(RandomUuidText());
+  request.with_header = !options.Has("--no-header");
+  request.publish = options.Has("--publish");
+  if (const auto timeout = options.Value("--timeout")) {
+    const auto seconds = Number(*timeout);
+    if (!seconds || *seconds <= 0) return reply.Fail("not a number of seconds: " + *timeout);
+    request.timeout = std::chrono::seconds(*seconds);
+  }
+  const bool wait = !options.Has("--no-wait");
+  const TimePoint begin = Clock::Process().Now();
+  const std::string vertical = request.vertical;
+  const std::string id = *request.correlation_id;
+  const std::string error = manager.Send(request, [wait, reply, begin, vertical, id](const HostAnswer& answer) {
+    if (!wait) return;
+    Json result = JsonObject();
+    AddMember(result.get(), "correlation_id", id);
+    AddMember(result.get(), "status", answer.status.code());
+    AddMember(result.get(), "status_text", answer.status.ToString());
+    const auto took = Clock::Process().Now() - begin;
+    AddMember(result.get(), "took_us",
+              static_cast<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(took).count()));
+    if (answer.status.ok()) {
+      AddMember(result.get(), "answer", Json(cJSON_Parse(Manager::AnswerJson(vertical, answer).c_str())));
+    }
+    reply.Ok(std::move(result));
+  });
+  if (!error.empty()) return reply.Fail(error);
+  if (wait) return;
+  Json result = JsonObject();
+  AddMember(result.get(), "correlation_id", id);
+  reply.Ok(std::move(result));
+}
+
+void ReceivedCommand(const Manager& manager, const Arguments& arguments, const Reply& reply) {
+  const std::string vertical = !arguments.empty() && arguments[0] != "all" ? arguments[0] : "";
+  uint64_t after = 0;
+  if (arguments.size() > 1) {
+    const auto number = Number(arguments[1]);
+    if (!number || *number < 0) return reply.Fail("not a number: " + arguments[1]);
+    after = static_cast<uint64_t>(*number);
+  }
+  Json messages = JsonArray();
+  for (const Received& each : manager.ReceivedFrom(vertical, after)) {
+    Json item = JsonObject();
+    AddMember(item.get(), "number", each.number);
+    AddMember(item.get(), "aph", each.aph);
+    AddMember(item.get(), "vertical", each.vertical);
+    AddMember(item.get(), "host", each.host);
+    AddMember(item.get(), "kind", each.publish ? "publish" : "request");
+    AddMember(item.get(), "type", each.type);
+    AddMember(item.get(), "correlation_id", each.correlation_id);
+    AddMember(item.get(), "tracking_id", each.tracking_id);
+    AddMember(item.get(), "message", Json(cJSON_Parse(each.json.c_str())));
+    AddItem(messages.get(), std::move(item));
+  }
+  Json result = JsonObject();
+  AddMember(result.get(), "count", static_cast<int64_t>(cJSON_GetArraySize(messages.get())));
+  AddMember(result.get(), "messages", std::move(messages));
+  reply.Ok(std::move(result));
+}
+
+void Answer(Manager& manager, const Arguments& arguments, const Reply& reply) {
+  const Options options(arguments, {"--count", "--delay-ms"}, {});
+  if (!options.error().empty()) return reply.Fail(options.error());
+  const Arguments& words = options.positional();
+  if (words.size() < 3 || (words[1] != "app-init" && words[1] != "request")) {
+    return reply.Fail("usage: answer [--count N] [--delay-ms N] VERTICAL|all app-init|request KIND [STATUS|TEXT]");
+  }
+  AnswerRule rule;
+  const std::string& kind = words[2];
+  if (kind == "serve") {
+    rule.kind = AnswerRule::Kind::kServe;
+  } else if (kind == "status") {
+    const auto status = words.size() > 3 ? Number(words[3]) : std::nullopt;
+    if (!status || *status == 0) return reply.Fail("a status other than 0 is needed");
+    rule.kind = AnswerRule::Kind::kStatus;
+    rule.status = static_cast<int>(*status);
+  } else if (kind == "never") {
+    rule.kind = AnswerRule::Kind::kNever;
+  } else if (kind == "garbage") {
+    rule.kind = AnswerRule::Kind::kGarbage;
+  } else if (kind == "wrong-type") {
+    rule.kind = AnswerRule::Kind::kWrongType;
+  } else if (kind == "text") {
+    rule.kind = AnswerRule::Kind::kText;
+    for (size_t i = 3; i < words.size(); ++i) rule.text += words[i] + " ";
+  } else {
+    return reply.Fail("unknown kind " + kind + "; one of serve, status, never, garbage, wrong-type, text");
+  }
+  if (const auto count = options.Value("--count")) rule.count = static_cast<int>(Number(*count).value_or(1));
+  if (const auto delay = options.Value("--delay-ms")) {
+    rule.delay = std::chrono::milliseconds(Number(*delay).value_or(0));
+  }
+  if (words[0] != "all" && FindManagerVertical(words[0]) == nullptr) return reply.Fail("no vertical " + words[0]);
+  manager.SetRule(words[0] == "all" ? "" : words[0], words[1] == "app-init", rule);
+  reply.Ok();
+}
+
+// "ID:master", "ID:other", ":master" (no id), "ID:" (no flag).
+std::optional<ProxyInfo::Entry> ParseEntry(const std::string& word) {
+  const size_t colon = word.find(':');
+  if (colon == std::string::npos) return std::nullopt;
+  ProxyInfo::Entry entry;
+  const std::string id = word.substr(0, colon);
+  const std::string role = word.substr(colon + 1);
+  if (!id.empty()) {
+    if (!ParseUuid(id)) return std::nullopt;
+    entry.id = id;
+  }
+  if (role == "master" || role == "other") {
+    entry.master = role == "master";
+  } else if (!role.empty()) {
+    return std::nullopt;
+  }
+  return entry;
+}
+
+void PublishRaw(Manager& manager, const Arguments& arguments, const Reply& reply) {
+  ProxyInfo info;
+  for (const std::string& word : arguments) {
+    const auto entry = ParseEntry(word);
+    if (!entry) return reply.Fail("not ID:master, ID:other, :master or ID: " + word);
+    info.aphs.push_back(*entry);
+  }
+  manager.PublishRaw(std::move(info));
+  reply.Ok();
+}
+
+Json State(Manager& manager) {
+  Json result = JsonObject();
+  AddMember(result.get(), "proxy", manager.proxy_running() ? "running" : "stopped");
+  AddMember(result.get(), "master", manager.Master());
+  Json aphs = JsonArray();
+  for (const auto& [id, master] : manager.Aphs()) AddItem(aphs.get(), AphJson(id, master));
+  AddMember(result.get(), "aphs", std::move(aphs));
+  Json served = JsonObject();
+  for (const auto& [vertical, count] : manager.served_app_inits()) AddMember(served.get(), vertical.c_str(), count);
+  AddMember(result.get(), "served_app_inits", std::move(served));
+  AddMember(result.get(), "received", manager.received_count());
+  if (Proxy* const proxy = manager.proxy()) {
+    AddMember(result.get(), "subscribers", static_cast<uint64_t>(proxy->subscribers()));
+    Json ids = JsonArray();
+    for (const std::string& id : proxy->PeerIds()) AddItem(ids.get(), id);
+    AddMember(result.get(), "peer_ids", std::move(ids));
+  }
+  return result;
+}
+
+}  // namespace
+
+void RegisterManagerCommands(CommandTable& table, Manager& manager) {
+  constexpr size_t kMany = 1000;
+  Manager* const m = &manager;
+  table.Register({"state", "", "Shows proxy, APHs, master, served app-inits and announced ids.", 0, 0,
+                  [m](const Arguments&, Reply reply) { reply.Ok(State(*m)); }});
+  table.Register({"send", "[--aph ID] [--correlation ID] [--timeout SECONDS] [--publish] [--no-wait] [--no-header] "
+                          "VERTICAL MESSAGE [TEXT]",
+                  "Sends a message (text format) to a vertical of the host, as the master unless an APH is named, and "
+                  "shows the answer.",
+                  2, kMany, [m](const Arguments& arguments, Reply reply) { Send(*m, arguments, reply); }});
+  table.Register({"received", "[VERTICAL|all] [AFTER]", "Shows what hosts have sent, after a number if given.", 0, 2,
+                  [m](const Arguments& arguments, Reply reply) { ReceivedCommand(*m, arguments, reply); }});
+  table.Register({"answer", "[--count N] [--delay-ms N] VERTICAL|all app-init|request KIND [STATUS|TEXT]",
+                  "Says how requests of hosts are answered: serve, status, never, garbage, wrong-type, text.", 3, kMany,
+                  [m](const Arguments& arguments, Reply reply) { Answer(*m, arguments, reply); }});
+  table.Register({"master", "[ID]", "Makes an APH the master, or nobody.", 0, 1,
+                  [m](const Arguments& arguments, Reply reply) {
+                    const std::string id = arguments.empty() ? "" : arguments[0];
+                    if (!m->SetMaster(id)) return reply.Fail("no APH " + id);
+                    reply.Ok();
+                  }});
+  table.Register({"aph/add", "ID", "Starts an APH and lists it.", 1, 1,
+                  [m](const Arguments& arguments, Reply reply) {
+                    if (!ParseUuid(arguments[0])) return reply.Fail("not a uuid: " + arguments[0]);
+                    m->AddAph(arguments[0], false);
+                    reply.Ok();
+                  }});
+  table.Register({"aph/lose", "ID [listed]", "Ends an APH; with \"listed\" the proxy goes on naming it.", 1, 2,
+                  [m](const Arguments& arguments, Reply reply) {
+                    const bool listed = arguments.size() > 1 && arguments[1] == "listed";
+                    if (!m->RemoveAph(arguments[0], listed)) return reply.Fail("no APH " + arguments[0]);
+                    reply.Ok();
+                  }});
+  table.Register({"aph/tell", "[ENTRY...]",
+                  "Tells the agent this list once instead of the true one; ENTRY is ID:master, ID:other, :master or "
+                  "ID:.",
+                  0, kMany, [m](const Arguments& arguments, Reply reply) { PublishRaw(*m, arguments, reply); }});
+  table.Register({"proxy/kill", "", "Ends the proxy process.", 0, 0, [m](const Arguments&, Reply reply) {
+                    if (!m->proxy_running()) return reply.Fail("the proxy does not run");
+                    m->StopProxy();
+                    reply.Ok();
+                  }});
+  table.Register({"proxy/start", "", "Starts the proxy process again.", 0, 0, [m](const Arguments&, Reply reply) {
+                    if (m->proxy_running()) return reply.Fail("the proxy runs");
+                    m->StartProxy();
+                    reply.Ok();
+                  }});
+  table.Register({"proxy/end-subscriptions", "STATUS", "Ends the subscriptions to the list of APHs.", 1, 1,
+                  [m](const Arguments& arguments, Reply reply) {
+                    const auto status = Number(arguments[0]);
+                    if (!status || m->proxy() == nullptr) return reply.Fail("no status, or no proxy");
+                    m->proxy()->EndSubscriptions(static_cast<int>(*status));
+                    reply.Ok();
+                  }});
+  table.Register({"proxy/refuse-subscriptions", "STATUS|off", "Refuses subscriptions with a status.", 1, 1,
+                  [m](const Arguments& arguments, Reply reply) {
+                    if (m->proxy() == nullptr) return reply.Fail("the proxy does not run");
+                    std::optional<int> status;
+                    if (arguments[0] != "off") status = static_cast<int>(Number(arguments[0]).value_or(13));
+                    m->proxy()->RefuseSubscriptions(status);
+                    reply.Ok();
+                  }});
+}
+
+}  // namespace zem::sim

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "platform/core/unique_fd.h"
+
+namespace zem::sim {
+
+/// A connection to a node's control socket: one command out, one line of JSON back.
+///
+/// Threads: one.
+class ControlClient {
+ public:
+  /// Throws std::system_error when nobody serves the socket.
+  explicit ControlClient(const std::string& path);
+
+  /// Throws std::system_error when the node has gone.
+  std::string Execute(std::string_view command);
+
+ private:
+  UniqueFd socket_;
+  std::string received_;
+};
+
+}  // namespace zem::sim

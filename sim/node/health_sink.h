@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "platform/core/clock.h"
+#include "platform/core/thread.h"
+#include "platform/core/unique_fd.h"
+
+namespace zem::sim {
+
+/// The node's health service: takes the reports of agents and calls an agent stale when it has been silent for as long
+/// as its own heartbeat says.
+///
+/// Threads: all operations from any thread.
+class HealthSink {
+ public:
+  explicit HealthSink(const std::string& path);
+  ~HealthSink();
+
+  struct Health {
+    bool known = false;
+    bool stale = false;
+    std::string agent;
+    uint32_t pid = 0;
+    uint64_t heartbeats = 0;
+    uint64_t metrics = 0;
+    uint64_t missed = 0;      // gaps in the sequence
+    uint64_t unparsable = 0;  // datagrams that were none
+    std::string proxy_status;  // "up", "down", or empty before the first metric
+  };
+  Health health() const;
+
+ private:
+  void Receive();
+  void Take(const char* data, size_t size);
+
+  const std::string path_;
+  UniqueFd socket_;
+  UniqueFd stop_read_;
+  UniqueFd stop_write_;
+
+  mutable std::mutex mutex_;  // guards what follows
+  Health health_;
+  uint64_t last_sequence_ = 0;
+  TimePoint last_heard_;
+  Duration stale_after_{};
+  Thread thread_;
+};
+
+}  // namespace zem::sim

@@ -1,0 +1,164 @@
+// zem-node: runs a simulated node, sends it commands, runs scenarios on it.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/core/thread.h"
+#include "sim/control/json.h"
+#include "sim/node/control_client.h"
+#include "sim/node/node.h"
+#include "sim/node/sandbox.h"
+#include "sim/node/scenario.h"
+
+namespace {
+
+using zem::sim::ControlClient;
+
+constexpr const char* kDefaultDirectory = "/tmp/zem-node";
+constexpr int kUsageError = 2;
+
+constexpr const char* kUsage =
+    "usage: zem-node run [OPTIONS]              runs a node until it is stopped\n"
+    "       zem-node ctl [--dir DIR] COMMAND    sends one command, prints its JSON answer; \"ctl help\" lists them\n"
+    "       zem-node scenario [--dir DIR] FILE  runs the commands and expectations of a file\n"
+    "options of run:\n"
+    "  --dir DIR        the node's folder: control socket and daemon output (/tmp/zem-node)\n"
+    "  --daemon FILE    the daemon's program (zem-tarvik beside this one)\n"
+    "  --options FILE   the daemon's XML options\n"
+    "  --issue TEXT     the identity file's text; \"\" leaves it away\n"
+    "  --no-daemon      the daemon is started by \"daemon/start\"\n"
+    "  --follow         prints the daemon's log\n"
+    "exit code: 0 only when what was asked was done\n";
+
+struct Words {
+  std::vector<std::string> all;
+  size_t next = 0;
+
+  bool empty() const { return next >= all.size(); }
+  std::string Take() { return empty() ? std::string() : all[next++]; }
+};
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw std::runtime_error(path + ": " + std::strerror(errno));
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string DaemonBeside(const char* program) {
+  std::string path(4096, '\0');
+  const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
+  path = size > 0 ? path.substr(0, static_cast<size_t>(size)) : program;
+  const std::string here = path.substr(0, path.rfind('/'));
+  for (const std::string& candidate : {here + "/zem-tarvik", here + "/../../agent/zem-tarvik"}) {
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return here + "/zem-tarvik";
+}
+
+int RunNode(Words words, const char* program) {
+  zem::sim::SandboxOptions sandbox{kDefaultDirectory, DaemonBeside(program)};
+  zem::sim::NodeOptions node;
+  while (!words.empty()) {
+    const std::string option = words.Take();
+    if (option == "--dir") {
+      sandbox.directory = words.Take();
+    } else if (option == "--daemon") {
+      sandbox.daemon = words.Take();
+    } else if (option == "--options") {
+      node.daemon_options = ReadFile(words.Take());
+    } else if (option == "--issue") {
+      node.issue = words.Take();
+    } else if (option == "--no-daemon") {
+      node.start_daemon = false;
+    } else if (option == "--follow") {
+      node.follow_log = true;
+    } else {
+      std::fputs(kUsage, stderr);
+      return kUsageError;
+    }
+  }
+  if (::mkdir(sandbox.directory.c_str(), 0700) < 0 && errno != EEXIST) {
+    throw std::runtime_error(sandbox.directory + ": " + std::strerror(errno));
+  }
+  return zem::sim::RunInSandbox(sandbox, [&node] { return zem::sim::Node(node).Run(); });
+}
+
+std::string Directory(Words* words) {
+  if (!words->empty() && words->all[words->next] == "--dir") {
+    words->Take();
+    return words->Take();
+  }
+  return kDefaultDirectory;
+}
+
+// Words that the shell has already taken apart are quoted again.
+std::string Join(Words words) {
+  std::string line;
+  while (!words.empty()) {
+    const std::string word = words.Take();
+    if (!line.empty()) line += " ";
+    if (!word.empty() && word.find_first_of(" \t'\"\\") == std::string::npos) {
+      line += word;
+      continue;
+    }
+    line += "\"";
+    for (const char c : word) {
+      if (c == '"' || c == '\\') line.push_back('\\');
+      line.push_back(c);
+    }
+    line += "\"";
+  }
+  return line;
+}
+
+int Control(Words words) {
+  const std::string directory = Directory(&words);
+  if (words.empty()) {
+    std::fputs(kUsage, stderr);
+    return kUsageError;
+  }
+  ControlClient node(directory + "/control");
+  const std::string answer = node.Execute(Join(words));
+  std::puts(answer.c_str());
+  const zem::sim::Json parsed{cJSON_Parse(answer.c_str())};
+  return parsed && cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(parsed.get(), "ok")) ? 0 : 1;
+}
+
+int RunScenario(Words words) {
+  const std::string directory = Directory(&words);
+  const std::string file = words.Take();
+  std::ifstream lines(file);
+  if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
+  ControlClient node(directory + "/control");
+  return zem::sim::Scenario(node, std::cout).Run(lines, file) ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Words words{{argv + 1, argv + argc}};
+  try {
+    const std::string verb = words.Take();
+    if (verb == "run") return RunNode(words, argv[0]);
+    if (verb == "ctl") return Control(words);
+    if (verb == "scenario") return RunScenario(words);
+    std::fputs(kUsage, verb == "help" || verb == "--help" ? stdout : stderr);
+    return verb == "help" || verb == "--help" ? 0 : kUsageError;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "zem-node: %s\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,91 @@
+#include "sim/node/node.h"
+
+#include <unistd.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+
+#include "sim/control/control_server.h"
+#include "sim/manager/manager_commands.h"
+#include "sim/node/sandbox.h"
+
+namespace zem::sim {
+namespace {
+
+constexpr const char* kLogSocket = "/dev/log";
+constexpr const char* kHealthSocket = "/run/orlane/zem-sha/agents";
+constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
+constexpr const char* kIssueFile = "/etc/zem_issue";
+constexpr const char* kOptionsFile = "/etc/orlane/zem-tarvik/zem-tarvik.xml";
+
+void Write(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::trunc);
+  out << text;
+  out.close();
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+void PrintLine(const LogLine& line) {
+  if (line.identity != "zem-tarvik") return;
+  std::printf("%s\n", line.text.c_str());
+  std::fflush(stdout);
+}
+
+Manager::Options ManagerOptions(const NodeOptions& node) {
+  Manager::Options options;
+  options.transport_node_id = node.transport_node_id;
+  return options;
+}
+
+}  // namespace
+
+Node::Node(NodeOptions options) : options_(std::move(options)) {
+  WriteFiles();
+  log_ = std::make_unique<LogSink>(kLogSocket, options_.follow_log ? &PrintLine : nullptr);
+  health_ = std::make_unique<HealthSink>(kHealthSocket);
+  store_ = std::make_unique<StoreDaemon>(store_provider_, kStoreEndpoint, registry_);
+  store_provider_.RunAsync(1);
+  manager_ = std::make_unique<Manager>(ManagerOptions(options_));
+  manager_->StartProxy();
+  bool master = true;
+  for (const std::string& aph : options_.aphs) {
+    manager_->AddAph(aph, master);
+    master = false;
+  }
+  daemon_ = std::make_unique<DaemonProcess>(kDaemonPath, std::string(kNodeDirectory) + "/daemon.out");
+
+  RegisterStoreCommands(store_commands_, *store_, registry_);
+  RegisterManagerCommands(manager_commands_, *manager_);
+  RegisterNodeCommands(commands_, *this);
+  control_ = std::make_unique<ControlServer>(control_provider_, commands_, std::string(kNodeDirectory) + "/control");
+  if (options_.start_daemon) daemon_->Start();
+}
+
+Node::~Node() {
+  daemon_.reset();
+  control_provider_.StopAndWait(true);
+  control_.reset();
+  manager_.reset();
+  store_provider_.StopAndWait(true);
+  store_.reset();
+}
+
+void Node::WriteFiles() {
+  if (!options_.issue.empty()) Write(kIssueFile, options_.issue);
+  if (!options_.daemon_options.empty()) Write(kOptionsFile, options_.daemon_options);
+}
+
+int Node::Run() {
+  boost::asio::signal_set signals(control_provider_.io(), SIGINT, SIGTERM);
+  signals.async_wait([this](const boost::system::error_code& error, int) {
+    if (!error) control_provider_.Stop();
+  });
+  control_provider_.Run(2);
+  return 0;
+}
+
+}  // namespace zem::sim

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/core/provider.h"
+#include "sim/control/command_table.h"
+#include "sim/manager/manager.h"
+#include "sim/node/daemon_process.h"
+#include "sim/node/health_sink.h"
+#include "sim/node/log_sink.h"
+#include "sim/store/store_daemon.h"
+
+namespace zem::sim {
+
+class ControlServer;
+class DataplaneAgent;
+
+/// What a node starts with.
+struct NodeOptions {
+  /// Written into "/etc/zem_issue" as it stands; empty leaves the file away.
+  std::string issue = "node-type: zem-qub\n";
+  /// The daemon's options file; empty leaves it away.
+  std::string daemon_options;
+  std::string transport_node_id = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
+  /// The first is the master.
+  std::vector<std::string> aphs = {"0a000000-0000-4000-8000-000000000001", "0a000000-0000-4000-8000-000000000002",
+                                   "0a000000-0000-4000-8000-000000000003"};
+  bool start_daemon = true;
+  /// Copies the daemon's log to standard output.
+  bool follow_log = false;
+};
+
+/// The simulated node: every other process, library and tool that the daemon meets, and the daemon itself.  Lives in a
+/// sandbox, where the real paths and ports are the node's own.
+///
+/// Threads: made and ended by one; commands come from the control socket.
+class Node {
+ public:
+  explicit Node(NodeOptions options);
+  ~Node();
+
+  /// Serves commands at the control socket until "stop" or a signal; gives the exit code.
+  int Run();
+
+  CommandTable& commands() { return commands_; }
+
+ private:
+  friend void RegisterNodeCommands(CommandTable& table, Node& node);
+
+  void WriteFiles();
+
+  const NodeOptions options_;
+  AsioZemProvider control_provider_;
+  AsioZemProvider store_provider_;
+
+  std::unique_ptr<LogSink> log_;
+  std::unique_ptr<HealthSink> health_;
+  ObjectRegistry registry_;
+  std::unique_ptr<StoreDaemon> store_;
+  std::unique_ptr<Manager> manager_;
+  std::unique_ptr<DaemonProcess> daemon_;
+
+  CommandTable store_commands_;
+  CommandTable manager_commands_;
+  CommandTable commands_;
+  std::unique_ptr<ControlServer> control_;
+};
+
+void RegisterNodeCommands(CommandTable& table, Node& node);
+
+}  // namespace zem::sim

@@ -1,0 +1,233 @@
+#include "sim/node/scenario.h"
+
+#include <cjson/cJSON.h>
+
+#include <charconv>
+#include <iomanip>
+#include <istream>
+#include <optional>
+#include <ostream>
+#include <regex>
+
+#include "platform/core/clock.h"
+#include "platform/core/thread.h"
+#include "sim/control/json.h"
+#include "sim/node/control_client.h"
+
+namespace zem::sim {
+namespace {
+
+constexpr auto kPollInterval = std::chrono::milliseconds(100);
+constexpr size_t kMaxShown = 2000;
+
+long long NowNs() { return Clock::Process().Now().time_since_epoch().count(); }
+
+std::string Trim(const std::string& text) {
+  const size_t begin = text.find_first_not_of(" \t\r");
+  if (begin == std::string::npos) return {};
+  return text.substr(begin, text.find_last_not_of(" \t\r") - begin + 1);
+}
+
+bool TakePrefix(std::string* text, std::string_view prefix) {
+  if (text->rfind(prefix, 0) != 0) return false;
+  *text = Trim(text->substr(prefix.size()));
+  return true;
+}
+
+// "a.b[2].c"
+const cJSON* Find(const cJSON* value, const std::string& path) {
+  size_t begin = 0;
+  while (value != nullptr && begin < path.size()) {
+    if (path[begin] == '.') {
+      ++begin;
+      continue;
+    }
+    if (path[begin] == '[') {
+      const size_t end = path.find(']', begin);
+      if (end == std::string::npos) return nullptr;
+      int index = -1;
+      std::from_chars(path.data() + begin + 1, path.data() + end, index);
+      value = index >= 0 ? cJSON_GetArrayItem(value, index) : nullptr;
+      begin = end + 1;
+      continue;
+    }
+    const size_t end = std::min(path.find_first_of(".[", begin), path.size());
+    value = cJSON_GetObjectItemCaseSensitive(value, path.substr(begin, end - begin).c_str());
+    begin = end;
+  }
+  return value;
+}
+
+std::string Text(const cJSON* value) {
+  if (value == nullptr) return "(nothing)";
+  if (cJSON_IsString(value)) return value->valuestring;
+  return JsonText(value);
+}
+
+std::string Shorten(const std::string& text) {
+  return text.size() <= kMaxShown ? text : text.substr(0, kMaxShown) + "...";
+}
+
+struct Condition {
+  std::string path;
+  std::string operation;
+  std::string value;
+  double within = 0;
+};
+
+std::optional<Condition> ParseCondition(const std::string& text) {
+  static const std::regex form(R"(^(\S+)\s+(==|!=|>=|<=|~)\s+(.*?)(?:\s+within\s+([0-9.]+))?$)");
+  std::smatch parts;
+  if (!std::regex_match(text, parts, form)) return std::nullopt;
+  Condition condition;
+  condition.path = parts[1];
+  condition.operation = parts[2];
+  condition.value = parts[3];
+  if (condition.value.size() >= 2 && condition.value.front() == '"' && condition.value.back() == '"') {
+    condition.value = condition.value.substr(1, condition.value.size() - 2);
+  }
+  if (parts[4].matched) condition.within = std::stod(parts[4]);
+  return condition;
+}
+
+bool Holds(const std::string& found, const std::string& operation, const std::string& wanted) {
+  if (operation == "==") return found == wanted;
+  if (operation == "!=") return found != wanted;
+  if (operation == "~") return std::regex_search(found, std::regex(wanted));
+  double left = 0;
+  double right = 0;
+  if (std::from_chars(found.data(), found.data() + found.size(), left).ec != std::errc()) return false;
+  if (std::from_chars(wanted.data(), wanted.data() + wanted.size(), right).ec != std::errc()) return false;
+  return operation == ">=" ? left >= right : left <= right;
+}
+
+std::string Quote(const std::string& text) {
+  std::string quoted = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') quoted.push_back('\\');
+    quoted.push_back(c);
+  }
+  return quoted + "\"";
+}
+
+bool IsOk(const std::string& answer) {
+  const Json parsed{cJSON_Parse(answer.c_str())};
+  return parsed && cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(parsed.get(), "ok"));
+}
+
+}  // namespace
+
+Scenario::Scenario(ControlClient& node, std::ostream& out) : node_(node), out_(out) {}
+
+bool Scenario::Run(std::istream& lines, const std::string& name) {
+  int number = 0;
+  for (std::string line; std::getline(lines, line);) {
+    ++number;
+    line = Trim(line);
+    if (line.empty() || line[0] == '#') continue;
+    if (Line(line)) continue;
+    out_ << "\n" << name << ":" << number << ": " << line << "\n  did not hold: " << problem_ << "\n" << std::flush;
+    return false;
+  }
+  EndStep();
+  out_ << name << ": every line held\n" << std::flush;
+  return true;
+}
+
+bool Scenario::Line(const std::string& line) {
+  std::string rest = line;
+  if (TakePrefix(&rest, "step ")) {
+    EndStep();
+    step_ = rest;
+    step_begin_ns_ = NowNs();
+    const std::string answer = node_.Execute("log/find . 1");
+    const Json parsed{cJSON_Parse(answer.c_str())};
+    const cJSON* const last = Find(parsed.get(), "result.last_number");
+    step_log_ = cJSON_IsNumber(last) ? static_cast<unsigned long long>(last->valuedouble) : 0;
+    out_ << "\n== " << step_ << "\n" << std::flush;
+    return true;
+  }
+  if (TakePrefix(&rest, "expect ")) return Expect(rest);
+  if (TakePrefix(&rest, "show ")) return Show(rest);
+  if (TakePrefix(&rest, "fails ")) return Command(rest, true);
+  return Command(line, false);
+}
+
+void Scenario::EndStep() {
+  if (step_.empty()) return;
+  const double ms = static_cast<double>(NowNs() - step_begin_ns_) / 1e6;
+  out_ << "   done in " << std::fixed << std::setprecision(1) << ms << " ms\n" << std::flush;
+  step_.clear();
+}
+
+bool Scenario::Command(const std::string& line, bool has_to_fail) {
+  last_command_ = line;
+  const long long begin = NowNs();
+  last_answer_ = node_.Execute(line);
+  const double ms = static_cast<double>(NowNs() - begin) / 1e6;
+  out_ << "   > " << line << "   (" << std::fixed << std::setprecision(1) << ms << " ms)\n" << std::flush;
+  if (IsOk(last_answer_) != has_to_fail) return true;
+  problem_ = Shorten(last_answer_);
+  return false;
+}
+
+bool Scenario::Show(const std::string& path) {
+  const Json parsed{cJSON_Parse(last_answer_.c_str())};
+  out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), "result." + path))) << "\n" << std::flush;
+  return true;
+}
+
+bool Scenario::Expect(const std::string& text) {
+  std::string rest = text;
+  const bool none = TakePrefix(&rest, "no log ~ ");
+  if (none) {
+    const std::string answer =
+        node_.Execute("log/find " + Quote(rest) + " 1 " + std::to_string(step_log_));
+    const Json parsed{cJSON_Parse(answer.c_str())};
+    const cJSON* const line = Find(parsed.get(), "result.lines[0].text");
+    if (IsOk(answer) && line == nullptr) return true;
+    problem_ = Shorten(Text(line));
+    return false;
+  }
+  const bool file = TakePrefix(&rest, "file ");
+  const auto condition = ParseCondition(rest);
+  if (!condition) {
+    problem_ = "not a condition";
+    return false;
+  }
+  if (condition->path == "log" && condition->operation == "~") {
+    const std::string answer = node_.Execute("log/wait " + Quote(condition->value) + " " +
+                                             std::to_string(condition->within) + " " + std::to_string(step_log_));
+    const Json parsed{cJSON_Parse(answer.c_str())};
+    if (IsOk(answer)) {
+      out_ << "     log: " << Shorten(Text(Find(parsed.get(), "result.text"))) << "\n" << std::flush;
+      return true;
+    }
+    problem_ = "no such line since the step began";
+    return false;
+  }
+  const std::string again = file ? "file/read " + Quote(condition->path) : last_command_;
+  const std::string path = file ? "result.text" : "result." + condition->path;
+  const TimePoint deadline =
+      Clock::Process().Now() + Duration(static_cast<int64_t>(condition->within * 1e9));
+  std::string answer = file ? node_.Execute(again) : last_answer_;
+  for (;;) {
+    const Json parsed{cJSON_Parse(answer.c_str())};
+    const std::string found = Text(Find(parsed.get(), path));
+    if (Holds(found, condition->operation, condition->value)) {
+      if (!file) {
+        last_answer_ = answer;
+        out_ << "     " << condition->path << ": " << Shorten(found) << "\n" << std::flush;
+      }
+      return true;
+    }
+    if (Clock::Process().Now() >= deadline) {
+      problem_ = "found " + Shorten(found) + "\n  in " + Shorten(answer);
+      return false;
+    }
+    SleepFor(kPollInterval);
+    answer = node_.Execute(again);
+  }
+}
+
+}  // namespace zem::sim

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <iosfwd>
+#include <string>
+
+namespace zem::sim {
+
+class ControlClient;
+
+/// Runs the commands of a file on a node and checks what comes back.
+///
+///     # a comment
+///     step The proxy dies            prints a headline; the time of each step is told
+///     manager state                  a command: has to be answered "ok"
+///     fails manager master nobody    a command that has to be refused
+///     expect PATH == VALUE           on the last answer; PATH is dotted, "[N]" an element
+///     expect PATH ~ PATTERN [within SECONDS]     also != >= <=; "within" repeats the last command until it holds
+///     expect log ~ PATTERN [within SECONDS]      a line of the node's log since the step began
+///     expect no log ~ PATTERN                    none since the step began
+///     expect file PATH ~ PATTERN [within SECONDS]
+///     show PATH                      prints a part of the last answer
+///
+/// Stops at the first line that does not hold and tells which it was and what was there instead.
+class Scenario {
+ public:
+  Scenario(ControlClient& node, std::ostream& out);
+
+  /// True when every line held.
+  bool Run(std::istream& lines, const std::string& name);
+
+ private:
+  bool Line(const std::string& line);
+  bool Command(const std::string& line, bool has_to_fail);
+  bool Expect(const std::string& condition);
+  bool Show(const std::string& path);
+  void EndStep();
+
+  ControlClient& node_;
+  std::ostream& out_;
+  std::string last_command_;
+  std::string last_answer_;
+  std::string problem_;
+  std::string step_;
+  long long step_begin_ns_ = 0;
+  unsigned long long step_log_ = 0;
+};
+
+}  // namespace zem::sim

@@ -1,0 +1,150 @@
+#include "sim/store/object_registry.h"
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/io/tokenizer.h>
+#include <google/protobuf/text_format.h>
+
+#include <charconv>
+#include <stdexcept>
+
+#include "proto/covedb/scenario.pb.h"
+
+namespace zem::sim {
+namespace {
+
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
+using rpc::Status;
+using rpc::StatusCode;
+
+constexpr std::string_view kHex = "hex:";
+constexpr std::string_view kText = "text:";
+
+// The field's own bytes, so that any type of field can be a key.
+std::string KeyBytes(const Message& message, const FieldDescriptor& field) {
+  const google::protobuf::Reflection& reflection = *message.GetReflection();
+  if (field.cpp_type() == FieldDescriptor::CPPTYPE_STRING) return reflection.GetString(message, &field);
+  if (field.cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) {
+    return reflection.GetMessage(message, &field).SerializeAsString();
+  }
+  std::string text;
+  google::protobuf::TextFormat::PrintFieldValueToString(message, &field, -1, &text);
+  return text;
+}
+
+std::string ToHex(std::string_view bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text(kHex);
+  for (const char c : bytes) {
+    text += kDigits[static_cast<unsigned char>(c) >> 4];
+    text += kDigits[static_cast<unsigned char>(c) & 15];
+  }
+  return text;
+}
+
+std::optional<std::string> FromHex(std::string_view digits) {
+  if (digits.size() % 2 != 0) return std::nullopt;
+  std::string bytes;
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    unsigned value = 0;
+    const auto [end, error] = std::from_chars(digits.data() + i, digits.data() + i + 2, value, 16);
+    if (error != std::errc() || end != digits.data() + i + 2) return std::nullopt;
+    bytes += static_cast<char>(value);
+  }
+  return bytes;
+}
+
+class FirstError final : public google::protobuf::io::ErrorCollector {
+ public:
+  void AddError(int line, int column, const std::string& message) override {
+    if (text.empty()) {
+      text = "line " + std::to_string(line + 1) + ", column " + std::to_string(column + 1) + ": " + message;
+    }
+  }
+  std::string text;
+};
+
+}  // namespace
+
+ObjectRegistry::ObjectRegistry() {
+  Register(ObjectType::SCENARIO_OBJECT, orlane::zem::covedb::ScenarioObjectMsg::default_instance(), "id");
+}
+
+void ObjectRegistry::Register(ObjectType type, const Message& prototype, const std::string& key_field) {
+  const FieldDescriptor* key = nullptr;
+  if (!key_field.empty()) {
+    key = prototype.GetDescriptor()->FindFieldByName(key_field);
+    if (key == nullptr || key->is_repeated()) {
+      throw std::invalid_argument(prototype.GetTypeName() + " has no single field " + key_field);
+    }
+  }
+  entries_[type] = Entry{&prototype, key};
+}
+
+std::unique_ptr<Message> ObjectRegistry::New(ObjectType type) const {
+  const auto entry = entries_.find(type);
+  return entry == entries_.end() ? nullptr : std::unique_ptr<Message>(entry->second.prototype->New());
+}
+
+Status ObjectRegistry::Key(ObjectType type, const std::string& object, std::string* key) const {
+  const auto entry = entries_.find(type);
+  if (entry == entries_.end()) {
+    *key = object;
+    return Status();
+  }
+  const std::unique_ptr<Message> message = New(type);
+  if (!message->ParsePartialFromString(object)) {
+    return Status(StatusCode::kBadValue, "the object is no " + message->GetTypeName());
+  }
+  const FieldDescriptor* const field = entry->second.key;
+  if (field == nullptr) {
+    key->clear();
+    return Status();
+  }
+  if (!message->GetReflection()->HasField(*message, field)) {
+    return Status(StatusCode::kInvalidArgument, "the object has no key \"" + field->name() + "\"");
+  }
+  *key = KeyBytes(*message, *field);
+  return Status();
+}
+
+std::optional<std::string> ObjectRegistry::FromText(ObjectType type, std::string_view text,
+                                                    std::string* error) const {
+  if (text.substr(0, kText.size()) == kText) return std::string(text.substr(kText.size()));
+  if (text.substr(0, kHex.size()) == kHex) {
+    std::optional<std::string> bytes = FromHex(text.substr(kHex.size()));
+    if (!bytes) *error = "hex: wants pairs of hexadecimal digits";
+    return bytes;
+  }
+  const std::unique_ptr<Message> message = New(type);
+  if (!message) {
+    *error = "the type is not registered: the object has to begin with hex: or text:";
+    return std::nullopt;
+  }
+  FirstError collector;
+  google::protobuf::TextFormat::Parser parser;
+  parser.RecordErrorsTo(&collector);
+  if (!parser.ParseFromString(std::string(text), message.get())) {
+    *error = collector.text;
+    return std::nullopt;
+  }
+  return message->SerializeAsString();
+}
+
+std::string ObjectRegistry::ToText(ObjectType type, const std::string& object) const {
+  const std::unique_ptr<Message> message = New(type);
+  if (!message || !message->ParsePartialFromString(object)) return ToHex(object);
+  return message->ShortDebugString();
+}
+
+std::optional<ObjectType> ParseObjectType(const std::string& text) {
+  ObjectType type;
+  if (orlane::zem::covedb::ObjectType_Parse(text, &type)) return type;
+  int number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (!orlane::zem::covedb::ObjectType_IsValid(number)) return std::nullopt;
+  return static_cast<ObjectType>(number);
+}
+
+}  // namespace zem::sim

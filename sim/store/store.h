@@ -1,0 +1,72 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/rpc/status.h"
+#include "proto/covedb/covedb.pb.h"
+#include "sim/store/monitor_hub.h"
+#include "sim/store/object_registry.h"
+#include "sim/store/object_store.h"
+
+namespace zem::sim {
+
+/// The store behind its calls and commands: objects, and the streams that are told of each change.
+///
+/// Threads: all operations from any thread.  `registry` has to outlive it.
+class Store {
+ public:
+  explicit Store(const ObjectRegistry& registry);
+
+  /// All changes of the batch, told to the streams as one, or none.
+  rpc::Status Modify(const std::vector<orlane::zem::covedb::ModifyRequestMsg>& batch);
+  rpc::Status Get(const orlane::zem::covedb::GetRequestMsg& request,
+                  orlane::zem::covedb::GetResponseMsg* response) const;
+  rpc::Status Query(const orlane::zem::covedb::QueryRequestMsg& request,
+                    orlane::zem::covedb::QueryResponseMsg* response) const;
+
+  rpc::Status CreateVDb(const std::string& name, uint16_t* vdb_id);
+  /// Its streams end with VDB_GONE.
+  rpc::Status DeleteVDb(const std::string& name);
+  std::vector<std::pair<uint16_t, std::string>> VDbs() const;
+
+  void Monitor(const std::string& client_id, const orlane::zem::covedb::MonitorRequestMsg& request,
+               std::shared_ptr<MonitorSink> sink);
+  rpc::Status ConfigureMonitor(const std::string& client_id,
+                               const orlane::zem::covedb::ConfigureMonitorRequestMsg& request,
+                               orlane::zem::covedb::ConfigureMonitorResponseMsg* response);
+  void StreamEnded(const MonitorSink& sink);
+  void StreamWritable(const MonitorSink& sink);
+
+  size_t SendBarrier(uint16_t vdb_id);
+  /// An empty id ends all.
+  size_t EndStreams(const std::string& monitor_id, const rpc::Status& status);
+  std::vector<MonitorInfo> Streams() const;
+  void SetUpdateGarbage(int count);
+
+  struct TypeCount {
+    uint16_t vdb_id;
+    ObjectType type;
+    size_t objects;
+  };
+  std::vector<TypeCount> Counts() const;
+
+  /// What the schema calls tell, and, by `last_type`, which types exist.
+  void SetSchema(std::string version, ObjectType last_type);
+  std::string SchemaVersion() const;
+  std::string Schema() const;
+
+ private:
+  mutable std::mutex mutex_;  // guards all below
+  const ObjectRegistry& registry_;
+  ObjectStore objects_;
+  MonitorHub monitors_;
+  std::string schema_version_ = "3.2.1";
+};
+
+}  // namespace zem::sim

@@ -1,0 +1,120 @@
+#include "sim/store/store_faults.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include "platform/core/provider.h"
+#include "platform/core/timer.h"
+
+namespace zem::sim {
+namespace {
+
+void CheckMethod(const std::string& method) {
+  if (std::find(kStoreCalls.begin(), kStoreCalls.end(), method) == kStoreCalls.end()) {
+    throw std::invalid_argument("the store has no call \"" + method + "\"");
+  }
+}
+
+}  // namespace
+
+StoreFaults::StoreFaults(AsioZemProvider& provider) : provider_(provider), state_(std::make_shared<State>()) {
+  for (const std::string_view method : kStoreCalls) state_->faults[std::string(method)];
+}
+
+void StoreFaults::SetStatus(const std::string& method, int code, int count) {
+  CheckMethod(method);
+  const std::lock_guard lock(state_->mutex);
+  state_->faults[method].code = code;
+  state_->faults[method].count = code == 0 ? 0 : count;
+}
+
+void StoreFaults::SetDelay(const std::string& method, Duration delay) {
+  CheckMethod(method);
+  const std::lock_guard lock(state_->mutex);
+  state_->faults[method].delay = delay;
+}
+
+void StoreFaults::SetGarbage(const std::string& method, int count) {
+  CheckMethod(method);
+  const std::lock_guard lock(state_->mutex);
+  state_->faults[method].garbage = count;
+}
+
+void StoreFaults::SetFrozen(bool frozen) {
+  std::vector<std::function<void()>> waiting;
+  {
+    const std::lock_guard lock(state_->mutex);
+    state_->frozen = frozen;
+    if (!frozen) waiting.swap(state_->waiting);
+  }
+  for (auto& call : waiting) provider_.dispatcher().Post(std::move(call));
+}
+
+void StoreFaults::Clear() {
+  {
+    const std::lock_guard lock(state_->mutex);
+    for (auto& [method, fault] : state_->faults) {
+      const Fault seen = std::exchange(fault, Fault());
+      fault.calls = seen.calls;
+      fault.failed = seen.failed;
+    }
+  }
+  SetFrozen(false);
+}
+
+bool StoreFaults::PassAtOnce(std::string_view method) {
+  const std::lock_guard lock(state_->mutex);
+  Fault& fault = state_->faults.find(method)->second;
+  if (state_->frozen || fault.delay > Duration::zero() || fault.count != 0) return false;
+  ++fault.calls;
+  return true;
+}
+
+void StoreFaults::Pass(std::string_view method, std::function<void(int)> serve) {
+  Duration delay{};
+  {
+    const std::lock_guard lock(state_->mutex);
+    delay = state_->faults.find(method)->second.delay;
+  }
+  if (delay <= Duration::zero()) return Enter(state_, std::string(method), std::move(serve));
+  provider_.timers().Schedule(delay, [state = state_, method = std::string(method),
+                                      serve = std::move(serve)] { Enter(state, method, serve); });
+}
+
+void StoreFaults::Enter(const std::shared_ptr<State>& state, const std::string& method,
+                        std::function<void(int)> serve) {
+  int code = 0;
+  {
+    const std::lock_guard lock(state->mutex);
+    if (state->frozen) {
+      state->waiting.push_back([state, method, serve = std::move(serve)] { Enter(state, method, serve); });
+      return;
+    }
+    Fault& fault = state->faults[method];
+    ++fault.calls;
+    if (fault.count != 0) {
+      code = fault.code;
+      ++fault.failed;
+      if (fault.count > 0) --fault.count;
+    }
+  }
+  serve(code);
+}
+
+bool StoreFaults::TakeGarbage(std::string_view method) {
+  const std::lock_guard lock(state_->mutex);
+  Fault& fault = state_->faults.find(method)->second;
+  if (fault.garbage <= 0) return false;
+  --fault.garbage;
+  return true;
+}
+
+std::vector<StoreFaults::Seen> StoreFaults::Calls() const {
+  const std::lock_guard lock(state_->mutex);
+  std::vector<Seen> seen;
+  for (const auto& [method, fault] : state_->faults) seen.push_back({method, fault.calls, fault.failed});
+  return seen;
+}
+
+}  // namespace zem::sim
