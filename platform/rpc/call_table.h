@@ -36,7 +36,7 @@ class CallTable {
     // What follows in the same run moves up, so that no lookup stops early at the hole.
     const size_t mask = slots_.size() - 1;
     for (size_t at = (hole + 1) & mask; slots_[at].id != 0; at = (at + 1) & mask) {
-      const size_t home = slots_[at].id & mask;
+      const size_t home = Home(slots_[at].id);
       if (((at - home) & mask) >= ((at - hole) & mask)) {
         slots_[hole] = std::move(slots_[at]);
         hole = at;
@@ -70,10 +70,12 @@ class CallTable {
   };
   static constexpr size_t kNone = SIZE_MAX;
 
+  size_t Home(uint32_t id) const { return (id * 0x9E3779B1U >> 8) & (slots_.size() - 1); }
+
   size_t Locate(uint32_t id) const {
     if (size_ == 0) return kNone;
     const size_t mask = slots_.size() - 1;
-    for (size_t at = id & mask; slots_[at].id != 0; at = (at + 1) & mask) {
+    for (size_t at = Home(id); slots_[at].id != 0; at = (at + 1) & mask) {
       if (slots_[at].id == id) return at;
     }
     return kNone;
@@ -81,7 +83,7 @@ class CallTable {
 
   void Place(uint32_t id, std::shared_ptr<Call> call) {
     const size_t mask = slots_.size() - 1;
-    size_t at = id & mask;
+    size_t at = Home(id);
     while (slots_[at].id != 0) at = (at + 1) & mask;
     slots_[at].id = id;
     slots_[at].call = std::move(call);

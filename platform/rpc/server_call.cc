@@ -69,6 +69,7 @@ void ServerCall::SetOnWritable(std::function<void()> hook) {
 }
 
 void ServerCall::HandleDropped() {
+  if (ended_) return;
   std::shared_ptr<ServerCall> taken;
   std::lock_guard lock(channel_->connection->mutex_);
   if (ended_) return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -76,7 +77,7 @@ class ServerCall final : public CallState {
   std::unique_ptr<server::RequestSink> sink_;  // strand
   bool requests_done_ = false;                 // strand
   // Guarded by the connection's mutex:
-  bool ended_ = false;
+  std::atomic<bool> ended_{false};  // written under the mutex; true for good
   bool dispatching_ = false;
   bool forgotten_ = false;
   bool tell_end_ = false;  // there is a sink or a hook

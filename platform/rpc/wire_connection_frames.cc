@@ -305,6 +305,7 @@ void WireConnection::HandleCall(const Slot& slot, const FrameHeader& header, con
                 channel->service->info().name, error.what());
     call->Close(Status(StatusCode::kInternal, error.what()));
   }
+  if (call->ended_) return;
   std::shared_ptr<ServerCall> taken;
   Lock lock(mutex_);
   call->dispatching_ = false;

@@ -24,8 +24,8 @@ inline constexpr const char* kTn = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
 inline constexpr const char* kAph1 = "0a000000-0000-4000-8000-000000000001";
 inline constexpr const char* kAph2 = "0a000000-0000-4000-8000-000000000002";
 
-/// The manager channel whole, in one process and in memory: the agent's clients on one side, proxy, APHs and manager
-/// on the other.
+/// The manager channel whole, in one process and in memory: the agent's clients on one side, proxy, APHs and
+/// manager on the other.
 class ChannelTest : public ::testing::Test {
  protected:
   /// A record as a vertical saw it.
@@ -72,7 +72,8 @@ class ChannelTest : public ::testing::Test {
   void Take(const std::string& name, const rmqClientMessage& message) {
     Seen one{message.msg_type, BusHeader::Of(message).value_or(BusHeader()), "", message.mp_major_version,
              clock.Now()};
-    if (message.payload != nullptr) one.payload.assign(reinterpret_cast<char*>(message.payload), message.payload_len);
+    if (message.payload != nullptr)
+      one.payload.assign(reinterpret_cast<char*>(message.payload), message.payload_len);
     std::function<void(const Seen&)> hook;
     {
       std::lock_guard lock(mutex);

@@ -18,8 +18,8 @@ constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg"
 // Spread of the first stubs is 1 to 5 seconds.
 constexpr seconds kReady{6};
 
-// Everything at its right time: stubs after the host's own delay, the handshake with the master, one ACK with the
-// manager's version.
+// Everything at its right time: stubs after the host's own delay, the handshake with the master, one ACK with
+// the manager's version.
 TEST_F(ChannelTest, VerticalsBecomeReady) {
   StartManager();
   Register(kSwitching);
@@ -183,8 +183,8 @@ TEST_F(ChannelTest, OneRecordToEachAph) {
   Register(kLldp);
   proxy_client->Start();
   clock.RunFor(kReady);
-  EXPECT_THAT(MpaClient::Get(kLldp)->Aphs(), ::testing::UnorderedElementsAre(::testing::Pair(kAph1, true),
-                                                                             ::testing::Pair(kAph2, false)));
+  EXPECT_THAT(MpaClient::Get(kLldp)->Aphs(),
+              ::testing::UnorderedElementsAre(::testing::Pair(kAph1, true), ::testing::Pair(kAph2, false)));
   BusHeader header;
   header.type_id = "t";
   BusRecord record(kRmqClientPublish);
@@ -217,7 +217,8 @@ TEST_F(ChannelTest, MasterChangeToAKnownAphShakesHandsAtOnce) {
   EXPECT_EQ(SeenBy(kSwitching).size(), 2u);
 }
 
-// The loss of an APH has two outcomes: the master's takes the vertical down at once, another's only loses a stub.
+// The loss of an APH has two outcomes: the master's takes the vertical down at once, another's only loses a
+// stub.
 TEST_F(ChannelTest, LostAphs) {
   StartManager();
   Register(kSwitching);
@@ -271,9 +272,9 @@ TEST_F(ChannelTest, ProxyDiesAndComesBack) {
     manager->StartProxy();
     clock.RunFor(seconds(25));
   }
-  const std::vector<int32_t> expected = {kRmqClientRegistrationAck, kRmqClientClose, kRmqClientRegistrationAck,
-                                         kRmqClientClose, kRmqClientRegistrationAck, kRmqClientClose,
-                                         kRmqClientRegistrationAck};
+  const std::vector<int32_t> expected = {
+      kRmqClientRegistrationAck, kRmqClientClose, kRmqClientRegistrationAck, kRmqClientClose,
+      kRmqClientRegistrationAck, kRmqClientClose, kRmqClientRegistrationAck};
   EXPECT_EQ(TypesSeenBy(kSwitching), expected);
   EXPECT_EQ(TypesSeenBy(kLldp), expected);
 }

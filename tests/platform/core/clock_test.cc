@@ -1,0 +1,203 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <vector>
+
+#include "platform/core/bounded_queue.h"
+#include "platform/core/condition.h"
+#include "platform/core/retry_policy.h"
+#include "platform/core/stop_signal.h"
+#include "platform/core/thread.h"
+#include "platform/core/virtual_clock.h"
+
+namespace zem {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using ::testing::ElementsAre;
+
+// Real threads under a clock in hand: their order is the order of their deadlines, run after run.
+TEST(VirtualClockTest, SleepersWakeInOrderAndTimeDoesNotRunAhead) {
+  VirtualClock clock;
+  const TimePoint begin = clock.Now();
+  std::mutex mutex;
+  std::vector<int64_t> woken;
+  std::vector<Thread> threads;
+  for (const int s : {30, 10, 20, 10}) {
+    threads.emplace_back([&, s] {
+      for (int i = 0; i < 2; ++i) {
+        SleepFor(seconds(s));
+        std::lock_guard lock(mutex);
+        woken.push_back((clock.Now() - begin) / seconds(1));
+      }
+    });
+  }
+  clock.RunFor(seconds(25));
+  {
+    std::lock_guard lock(mutex);
+    EXPECT_THAT(woken, ElementsAre(10, 10, 20, 20, 20));
+  }
+  EXPECT_EQ(clock.Now() - begin, seconds(25));
+  clock.RunFor(hours(1));
+  EXPECT_THAT(woken, ElementsAre(10, 10, 20, 20, 20, 30, 40, 60));
+}
+
+// Between a notification and the waking of its waiter no deadline may slip by.
+TEST(VirtualClockTest, ANotificationCountsAsWork) {
+  VirtualClock clock;
+  std::mutex mutex;
+  Condition changed;
+  bool ready = false;
+  bool timed_out = false;
+  Thread waiter([&] {
+    std::unique_lock lock(mutex);
+    timed_out = !changed.WaitFor(lock, seconds(10), [&] { return ready; });
+  });
+  Thread notifier([&] {
+    SleepFor(seconds(10) - milliseconds(1));
+    std::lock_guard lock(mutex);
+    ready = true;
+    changed.NotifyOne();
+  });
+  clock.RunFor(seconds(60));
+  EXPECT_FALSE(timed_out);
+}
+
+TEST(ConditionTest, NotifyOneWakesOneAndAllWakesAll) {
+  VirtualClock clock;
+  std::mutex mutex;
+  Condition changed;
+  int tokens = 0;
+  std::atomic<int> through = 0;
+  std::vector<Thread> threads;
+  for (int i = 0; i < 5; ++i) {
+    threads.emplace_back([&] {
+      std::unique_lock lock(mutex);
+      changed.Wait(lock, [&] { return tokens > 0; });
+      --tokens;
+      ++through;
+    });
+  }
+  clock.Settle();
+  const auto give = [&](int n) {
+    std::lock_guard lock(mutex);
+    tokens = n;
+    n == 1 ? changed.NotifyOne() : changed.NotifyAll();
+  };
+  give(1);
+  clock.Settle();
+  EXPECT_EQ(through, 1);
+  give(4);
+  clock.Settle();
+  EXPECT_EQ(through, 5);
+}
+
+// A cancelled waiter unwinds with its lock held and leaves nothing behind that a later notification could be
+// lost to.
+TEST(ThreadTest, CancelUnwindsAWaiterOnBothClocks) {
+  for (const bool on_virtual_clock : {false, true}) {
+    std::optional<VirtualClock> clock;
+    if (on_virtual_clock) clock.emplace();
+    std::mutex mutex;
+    Condition changed;
+    std::atomic<bool> waiting = false;
+    bool unwound_with_lock = false;
+    bool ready = false;
+    Thread cancelled([&] {
+      struct Unwinding {
+        std::mutex& mutex;
+        bool& held;
+        ~Unwinding() { held = !mutex.try_lock(); }
+      } unwinding{mutex, unwound_with_lock};
+      mutex.lock();
+      struct Unlock {
+        std::mutex& mutex;
+        ~Unlock() {}
+      } unlock{mutex};
+      waiting = true;
+      changed.Wait(mutex, [&] { return false; });
+    });
+    if (clock) {
+      clock->Settle();
+    } else {
+      while (!waiting) ::sched_yield();
+    }
+    EXPECT_EQ(cancelled.Cancel(), 0);
+    cancelled.Join();
+    EXPECT_TRUE(unwound_with_lock);
+    mutex.unlock();
+
+    Thread other([&] {
+      std::unique_lock lock(mutex);
+      changed.Wait(lock, [&] { return ready; });
+    });
+    {
+      std::lock_guard lock(mutex);
+      ready = true;
+      changed.NotifyOne();
+    }
+    other.Join();
+  }
+}
+
+TEST(StopSignalTest, EndsASleepEarly) {
+  VirtualClock clock;
+  StopSignal stop;
+  bool stopped = false;
+  TimePoint ended{};
+  const TimePoint begin = clock.Now();
+  Thread sleeper([&] {
+    EXPECT_FALSE(stop.WaitFor(seconds(5)));
+    stopped = stop.WaitFor(hours(1));
+    ended = clock.Now();
+  });
+  clock.RunFor(seconds(8));
+  stop.Stop();
+  clock.Settle();
+  sleeper.Join();
+  EXPECT_TRUE(stopped);
+  EXPECT_EQ(ended - begin, seconds(8));
+}
+
+TEST(BoundedQueueTest, FullRefusesClosedWakesAndFrontGoesFirst) {
+  VirtualClock clock;
+  BoundedQueue<int> queue(2);
+  EXPECT_TRUE(queue.TryPush(1));
+  EXPECT_TRUE(queue.TryPush(2));
+  EXPECT_FALSE(queue.TryPush(3));
+  EXPECT_EQ(queue.dropped(), 1u);
+  queue.PushFront(0);
+  EXPECT_EQ(queue.Pop(), 0);
+  bool pushed = true;
+  Thread writer([&] { pushed = queue.Push(4); });
+  clock.Settle();
+  queue.Close();
+  clock.Settle();
+  writer.Join();
+  EXPECT_FALSE(pushed);
+  EXPECT_EQ(queue.Pop(), std::nullopt);
+}
+
+TEST(RetryPolicyTest, DelaysGrowToTheMaximumAndEnd) {
+  struct Case {
+    RetryPolicy policy;
+    std::vector<int64_t> delays;
+  };
+  for (Case c :
+       {Case{RetryPolicy(1000, 5000, 2.0, -1), {1000, 2000, 4000, 5000, 5000}},
+        Case{RetryPolicy(1000, 1000, 1.0, 2), {1000, 1000, -1, -1}},
+        Case{RetryPolicy(1000000, 10000000, 2.0, 0), {-1}}, Case{RetryPolicy(5000), {5000, 5000, 5000}},
+        Case{RetryPolicy(10000, 30000, 2.0, -1), {10000, 20000, 30000, 30000}}}) {
+    for (int round = 0; round < 2; ++round) {
+      for (const int64_t delay : c.delays) EXPECT_EQ(c.policy.NextDelay(), delay);
+      c.policy.Reset();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zem
