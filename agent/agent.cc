@@ -17,7 +17,9 @@
 #include "agent/combined_message.h"
 #include "agent/manager_commands.h"
 #include "agent/start_watchdog.h"
+#include "app/probe/probe.h"
 #include "covedbclient/covedb_client.h"
+#include "framework/builtin_commands.h"
 #include "framework/cli_server.h"
 #include "framework/lcp_adapter.h"
 #include "framework/log.h"
@@ -93,12 +95,6 @@ void InstallExitHandlers() {
   ::sigaction(SIGINT, &action, nullptr);
 }
 
-bool IsOn(Mode mode) {
-  uint8_t on = 0;
-  GetMode(mode, &on);
-  return on != 0;
-}
-
 }  // namespace
 
 Agent::Settings::Settings() : options_path(kOptionsPath) {}
@@ -136,6 +132,7 @@ class Agent::Impl {
   std::shared_ptr<covedb::CoveDbClient> store_client_;
   std::shared_ptr<upm::UPMService> update_service_;
   boost::intrusive_ptr<CliServer> cli_server_;
+  std::unique_ptr<Probe> probe_;
   std::unique_ptr<rpc::Server> health_server_;
 };
 
@@ -216,13 +213,14 @@ void Agent::Impl::StartStore() {
   watchdog_->Enter("store client");
   ZLOG_DEBUG(":Connecting to Covedb on Host end point %s ", kStoreEndpoint);
   if ((GetNodeType() & kStoreNodes) != 0 || IsEdgeOrPcg()) {
-    store_client_ = std::make_shared<covedb::CoveDbClient>(kStoreClientId, kStoreEndpoint, *provider_, nullptr, true,
-                                                           true, false);
+    store_client_ = std::make_shared<covedb::CoveDbClient>(kStoreClientId, kStoreEndpoint, *provider_,
+                                                           nullptr, true, true, false);
     store_client_->StartAsync();
   }
   update_service_ = std::make_shared<upm::UPMService>(store_client_);
   cli_server_ = new CliServer(framework_group_);
-  cli_server_->Register(ManagerCommands());
+  cli_server_->AddCommands(BuiltinCommands());
+  cli_server_->AddCommands(ManagerCommands());
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
 }
 
@@ -245,6 +243,11 @@ void Agent::Impl::StartApplications() {
     ZLOG_INFO("CliServer Start...");
     cli_server_->Start();
   }
+  if (const auto options = OptionsTree().get_child_optional("probe")) {
+    probe_ = std::make_unique<Probe>(*provider_, store_client_, *options);
+    probe_->RegisterCommands(cli_server_.get());
+    probe_->Start();
+  }
   update_service_->Start();
 }
 
@@ -266,6 +269,7 @@ void Agent::Impl::Stop() {
   update_service_->Stop();
   if (host_role_) {
     cli_server_->Stop();
+    if (probe_) probe_->Stop();
     lcp_adapter_->Stop();
     lcp_adapter_.reset();
     tarvik_group_->Stop();
@@ -278,8 +282,10 @@ void Agent::Impl::Stop() {
   ZLOG_INFO("ZEM Tarvik stop...");
 
   health_server_.reset();
+  probe_.reset();
   cli_server_.reset();
   update_service_.reset();
+  wft::WorkflowUtil::Init(nullptr, "");
   store_client_.reset();
   health_client_.reset();
   metrics_collector_.reset();

@@ -8,8 +8,8 @@
 
 namespace zem::Tarvik {
 
-/// Tells, every 30 seconds, which step of the start is taking so long.  A start that hangs is silent otherwise: no
-/// timer of the event loop runs before its last step.
+/// Tells, every 30 seconds, which step of the start is taking so long.  A start that hangs is silent
+/// otherwise: no timer of the event loop runs before its last step.
 ///
 /// Threads: one owner.
 class StartWatchdog {

@@ -215,6 +215,7 @@ void CoveDbClient::EnterDisconnected() {
   // What was asked of the lost stubs is not waited for any longer; the next connection asks anew.
   schema_call_allowed_ = true;
   schema_version_call_allowed_ = true;
+  server_schema_.Restart();
   for (std::shared_ptr<Timer>* timer : {&schema_timer_, &schema_version_timer_}) {
     if (*timer) (*timer)->Cancel();
     timer->reset();

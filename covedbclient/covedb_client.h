@@ -29,7 +29,9 @@ namespace zem::covedb {
 /// queues writes and renews monitors.  It tries for as long as it lives; there is no stop.
 ///
 /// Ownership: always held by a shared pointer, since calls and timers under way keep only a weak one.  The
-/// provider has to outlive it. Locks: the monitor mutex comes before the state mutex.  Both are recursive,
+/// provider has to outlive it.
+///
+/// Locks: the monitor mutex comes before the state mutex.  Both are recursive,
 /// because callbacks that run under them may call the client.
 class CoveDbClient final : public CoveDbClientInterface, public std::enable_shared_from_this<CoveDbClient> {
  public:

@@ -16,6 +16,11 @@ namespace {
 namespace proto = orlane::zem::covedb;
 using CallState = ServerSchema::CallState;
 
+void StopTimer(std::shared_ptr<Timer>& timer) {
+  if (timer) timer->Cancel();
+  timer.reset();
+}
+
 template <class Response>
 void GatherObjects(const Response& response, std::list<TypedObjectMsg>& objects) {
   objects.insert(objects.end(), response.object().begin(), response.object().end());
@@ -224,11 +229,10 @@ void CoveDbClient::GetServerSchemaAndVersion() {
 // A call that failed says nothing of the schema; what is decided without an answer is decided by its timer.
 void CoveDbClient::CoveDbServerSchemaResponseHandler(const std::string& schema, const rpc::Status& status) {
   const ObserverLock lock(*this);
-  if (!status.ok() || !schema_timer_) return;
+  if (!status.ok()) return;
   ZLOG_INFO("Got CoveDbSchema Response");
   server_schema_.SetSchemaState(CallState::kAnswered);
-  schema_timer_->Cancel();
-  schema_timer_.reset();
+  StopTimer(schema_timer_);
   if (server_schema_.checked()) return;
   server_schema_.SetSchema(schema);
   CheckSchemaAndGoOn();
@@ -237,17 +241,16 @@ void CoveDbClient::CoveDbServerSchemaResponseHandler(const std::string& schema, 
 void CoveDbClient::CoveDbServerSchemaVersionResponseHandler(const std::string& version,
                                                             const rpc::Status& status) {
   const ObserverLock lock(*this);
-  if (!status.ok() || !schema_version_timer_) return;
+  if (!status.ok()) return;
   ZLOG_INFO("Got CoveDb Server schema version %s", version.c_str());
   server_schema_.SetVersionState(CallState::kAnswered);
   server_schema_.SetVersion(version);
-  schema_version_timer_->Cancel();
-  schema_version_timer_.reset();
+  StopTimer(schema_version_timer_);
   CheckSchemaAndGoOn();
 }
 
 void CoveDbClient::GetServerSchemaTimeoutHandler() {
-  if (server_schema_.schema_state() != CallState::kWaiting || !schema_timer_) return;
+  if (server_schema_.schema_state() != CallState::kWaiting) return;
   ZLOG_INFO("Timeout on GetServerSchema request");
   schema_timer_.reset();
   server_schema_.SetSchemaState(CallState::kTimedOut);
@@ -255,7 +258,7 @@ void CoveDbClient::GetServerSchemaTimeoutHandler() {
 }
 
 void CoveDbClient::GetServerSchemaVersionTimeoutHandler() {
-  if (server_schema_.version_state() != CallState::kWaiting || !schema_version_timer_) return;
+  if (server_schema_.version_state() != CallState::kWaiting) return;
   ZLOG_INFO("Timeout on server schema version request");
   schema_version_timer_.reset();
   server_schema_.SetVersionState(CallState::kTimedOut);

@@ -22,7 +22,9 @@ using orlane::zem::covedb::ObjectType;
 /// each type, and their callbacks.  Outlives connections; knows nothing of them.
 ///
 /// A refusal is logged with its tag.  Callbacks may come back and change the tables while an update is handed
-/// out. Threads: none of its own; the owner guards it.
+/// out.
+///
+/// Threads: none of its own; the owner guards it.
 class MonitorTables {
  public:
   using SessionId = boost::uuids::uuid;

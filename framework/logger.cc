@@ -53,6 +53,8 @@ void ToSyslog(int priority, const char* line) { ::syslog(priority, "%s", line); 
 // All static state is made at first use: constructors of other sources may log before this one's have run.
 struct StaticState {
   const char* comp = "zem-qub";
+  // All that `comp` was: lines under way may still read one of before.
+  std::unordered_set<std::string> components;
   std::unordered_set<std::string> messageIds;
   std::unordered_map<std::string, std::unordered_set<std::string>> structuredData;
   std::atomic<bool> console{false};
@@ -190,7 +192,7 @@ void ReadComponent(const std::string& path) {
     if (fields.size() != 2 || fields[0] != "node-type") return;
     boost::trim(fields[1]);
     const std::string word = fields[1].substr(0, fields[1].find(' '));
-    State().comp = strdup(word.c_str());  // lines under way may still read the one before
+    State().comp = State().components.insert(word).first->c_str();
   });
 }
 

@@ -44,7 +44,8 @@ struct TnProxyClientCommon::InfoStub {
 // One subscription; ends with its call.
 class TnProxyClientCommon::ApplProxyInfoObserver final : public rpc::CallObserver<ApplProxyInfoRspMsg> {
  public:
-  explicit ApplProxyInfoObserver(std::weak_ptr<TnProxyClientCommon> client) : client_(std::move(client)) {}
+  ApplProxyInfoObserver(std::weak_ptr<TnProxyClientCommon> client, uint64_t subscription)
+      : client_(std::move(client)), subscription_(subscription) {}
 
   void Next(const ApplProxyInfoRspMsg& message) override {
     if (const auto client = client_.lock()) {
@@ -56,12 +57,13 @@ class TnProxyClientCommon::ApplProxyInfoObserver final : public rpc::CallObserve
 
   void CallStatus(const rpc::Status& status) override {
     ZLOG_INFO("TnProxyClientCommon received status (%s)", status.ToString().c_str());
-    if (const auto client = client_.lock()) client->SubscriptionEnded();
+    if (const auto client = client_.lock()) client->SubscriptionEnded(subscription_);
     delete this;
   }
 
  private:
-  std::weak_ptr<TnProxyClientCommon> client_;
+  const std::weak_ptr<TnProxyClientCommon> client_;
+  const uint64_t subscription_;
 };
 
 void TnProxyClientCommon::Init(const std::string& client_id, const std::string& endpoint,
@@ -140,8 +142,11 @@ void TnProxyClientCommon::OnConnectionUp(const rpc::ConnectionInfo& info) {
   ZLOG_DEBUG("TnProxyClientCommon connected with (%s)", info.text.c_str());
   {
     std::lock_guard lock(state_mutex_);
+    info_connected_ = true;
     subscribed_ = false;
     retry_countdown_.Reset();
+    if (retry_timer_) retry_timer_->Cancel();
+    retry_timer_.reset();
   }
   GetStub();
 }
@@ -150,6 +155,7 @@ void TnProxyClientCommon::OnConnectionDown(rpc::CloseReason reason) {
   ZLOG_INFO("Connection closed with TnProxy, reason: %s", rpc::CloseReasonToCStr(reason));
   std::unique_ptr<InfoStub> dropped;
   std::lock_guard lock(state_mutex_);
+  info_connected_ = false;
   subscribed_ = false;
   stub_creation_enabled_ = false;
   dropped.swap(stub_);
@@ -181,13 +187,15 @@ void TnProxyClientCommon::StubCreateDone(std::unique_ptr<InfoStub> stub) {
   ZLOG_INFO("TnProxyClientCommon::StubCreateDone_: Stub creation successful");
   ZLOG_INFO("Stub created for applProxyInfoService.");
   ApplProxyInfoService::Stub subscriber = stub->stub;
+  uint64_t subscription = 0;
   {
     std::lock_guard lock(state_mutex_);
     stub_.swap(stub);
     subscribed_ = true;
+    subscription = ++subscription_;
   }
   subscriber.Subscribe(rpc::ClientContext(client_id_), ApplProxyInfoReqMsg(),
-                       new ApplProxyInfoObserver(weak_from_this()));
+                       new ApplProxyInfoObserver(weak_from_this(), subscription));
   ZLOG_INFO("ApplProxyInfoService: Subscribed.");
 }
 
@@ -214,14 +222,19 @@ void TnProxyClientCommon::RetryStubLater() {
   if (stopped_) retry_timer_->Cancel();
 }
 
-// A connection that is lost brings its own new subscription; one that ended by itself is renewed here.
-void TnProxyClientCommon::SubscriptionEnded() {
-  {
-    std::lock_guard lock(state_mutex_);
-    if (!subscribed_ || stopped_) return;
-    subscribed_ = false;
-  }
-  RetryStubLater();
+// A connection that is lost brings its own new subscription; one that ended by itself, while the connection lives, is
+// renewed here.  Which of the two it is shows only after the channels of a lost connection are through.
+void TnProxyClientCommon::SubscriptionEnded(uint64_t subscription) {
+  info_provider_.dispatcher().Post([weak = weak_from_this(), subscription] {
+    const auto self = weak.lock();
+    if (!self) return;
+    {
+      std::lock_guard lock(self->state_mutex_);
+      if (subscription != self->subscription_ || !self->info_connected_ || !self->subscribed_) return;
+      self->subscribed_ = false;
+    }
+    self->RetryStubLater();
+  });
 }
 
 void TnProxyClientCommon::HandleProxyInfo(const ApplProxyInfoRspMsg& message) {

@@ -78,7 +78,7 @@ class TnProxyClientCommon : public std::enable_shared_from_this<TnProxyClientCom
   void StubCreateDone(std::unique_ptr<InfoStub> stub);
   void RetryStubLater();
   void HandleProxyInfo(const orlane::zem::messaging::ApplProxyInfoRspMsg& message);
-  void SubscriptionEnded();
+  void SubscriptionEnded(uint64_t subscription);
 
   void ConnectForForwarding();
   void OnForwardingConnectionUp(const rpc::ConnectionInfo& info);
@@ -99,6 +99,8 @@ class TnProxyClientCommon : public std::enable_shared_from_this<TnProxyClientCom
   bool stopped_ = true;
   bool started_ = false;
   bool subscribed_ = false;
+  bool info_connected_ = false;
+  uint64_t subscription_ = 0;  // of the last stub
   bool connected_for_forwarding_ = false;
   std::unique_ptr<InfoStub> stub_;
   std::shared_ptr<Timer> retry_timer_;

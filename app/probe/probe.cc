@@ -169,16 +169,16 @@ void Probe::Start() { impl_->Start(); }
 void Probe::Stop() { impl_->Stop(); }
 
 void Probe::RegisterCommands(CliServer* server) {
-  server->Register({CliCommand{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
-                               [impl = impl_](const std::vector<std::string>& arguments, CliReply reply) {
-                                 const std::string error =
-                                     impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]);
-                                 if (error.empty()) {
-                                   reply.Ok("Sent");
-                                 } else {
-                                   reply.Error(error);
-                                 }
-                               }}});
+  server->AddCommands({{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
+                        [impl = impl_](const CliArguments& arguments, CliReply reply) {
+                          std::string error =
+                              impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]);
+                          if (error.empty()) {
+                            reply.Ok("Sent");
+                          } else {
+                            reply.Error(std::move(error));
+                          }
+                        }}});
 }
 
 }  // namespace zem::Tarvik

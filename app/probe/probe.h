@@ -16,9 +16,9 @@ namespace zem::Tarvik {
 
 class CliServer;
 
-/// Stands in for verticals and store users on a node that is being brought up: it registers the verticals that the
-/// options name, answers each request of the manager with the message that came, and logs what it receives and what
-/// the store's monitor tells.  Off unless the options have a `probe` element:
+/// Stands in for verticals and store users on a node that is being brought up: it registers the verticals
+/// that the options name, answers each request of the manager with the message that came, and logs what it
+/// receives and what the store's monitor tells.  Off unless the options have a `probe` element:
 ///
 ///     <probe><verticals>SwitchingVertical,Traceflow</verticals><objectTypes>1,114</objectTypes></probe>
 ///
@@ -33,7 +33,8 @@ class Probe {
   void Start();
   void Stop();
 
-  /// "probe/send VERTICAL KIND TYPE HEX": sends a record of the given kind ("request" or "publish") to the manager.
+  /// "probe/send VERTICAL KIND TYPE HEX": sends a record of the given kind ("request" or "publish") to the
+  /// manager.
   void RegisterCommands(CliServer* server);
 
  private:

@@ -49,8 +49,8 @@ void ShaPmClient::Stop() {
   joined.Join();
 }
 
-void ShaPmClient::RegisterCombinedMessageMetricCollection(const std::string& metric, Builder builder, Completion done,
-                                                          uint32_t interval_s) {
+void ShaPmClient::RegisterCombinedMessageMetricCollection(const std::string& metric, Builder builder,
+                                                          Completion done, uint32_t interval_s) {
   std::lock_guard lock(mutex_);
   const TimePoint due = Clock::Process().Now() + std::chrono::seconds(interval_s);
   metrics_[metric] = Metric{std::move(builder), std::move(done), interval_s, due};
@@ -168,7 +168,8 @@ void ShaPmClient::Send(AgentReportMsg* report) {
   report->set_pid(static_cast<uint32_t>(::getpid()));
   const std::string body = report->SerializeAsString();
   std::string datagram(4, '\0');
-  boost::endian::store_big_u32(reinterpret_cast<unsigned char*>(datagram.data()), static_cast<uint32_t>(body.size()));
+  boost::endian::store_big_u32(reinterpret_cast<unsigned char*>(datagram.data()),
+                               static_cast<uint32_t>(body.size()));
   datagram += body;
 
   sockaddr_un address{};

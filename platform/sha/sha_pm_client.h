@@ -33,7 +33,8 @@ class ShaPmClient {
   void Start();
   void Stop();
 
-  /// `builder` fills one message every `interval_s` while collection runs; `done`, which may be null, runs after each.
+  /// `builder` fills one message every `interval_s` while collection runs; `done`, which may be null, runs
+  /// after each.
   void RegisterCombinedMessageMetricCollection(const std::string& metric, Builder builder, Completion done,
                                                uint32_t interval_s);
   void UnregisterMetricCollectionAll();

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
@@ -58,7 +59,7 @@ class ControlServer::Impl : public std::enable_shared_from_this<ControlServer::I
         strand_, [self = shared_from_this()](boost::system::error_code error, Local::socket socket) {
           if (self->closed_) return;
           if (!error) {
-            auto client = std::make_shared<Client>(self, std::move(socket));
+            auto client = std::make_shared<Client>(*self, std::move(socket));
             self->clients_.insert(client);
             client->Read();
           }
@@ -68,8 +69,8 @@ class ControlServer::Impl : public std::enable_shared_from_this<ControlServer::I
 
   void Close() {
     ::unlink(path_.c_str());
+    closed_ = true;
     asio::post(strand_, [self = shared_from_this()] {
-      self->closed_ = true;
       boost::system::error_code ignored;
       self->acceptor_.close(ignored);
       for (const auto& client : std::exchange(self->clients_, {})) client->Close();
@@ -79,8 +80,8 @@ class ControlServer::Impl : public std::enable_shared_from_this<ControlServer::I
  private:
   class Client : public std::enable_shared_from_this<Client> {
    public:
-    Client(std::shared_ptr<Impl> server, Local::socket socket)
-        : server_(std::move(server)), socket_(std::move(socket)) {}
+    Client(Impl& server, Local::socket socket)
+        : server_(server.weak_from_this()), strand_(server.strand_), socket_(std::move(socket)) {}
 
     void Read() {
       socket_.async_read_some(asio::buffer(chunk_),
@@ -111,15 +112,19 @@ class ControlServer::Impl : public std::enable_shared_from_this<ControlServer::I
       }
       const std::string line = input_.substr(0, end);
       input_.erase(0, end + 1);
-      server_->table_.Execute(line, Reply([weak = weak_from_this(), strand = server_->strand_](Json answer) {
-                                // A handler may answer in its own stack or from another thread; both go over
-                                // the strand, so that a client who sends many lines at once does not nest
-                                // them.
-                                asio::post(strand,
-                                           [weak, shared = std::shared_ptr<cJSON>(std::move(answer))] {
-                                             if (const auto self = weak.lock()) self->Write(*shared);
-                                           });
-                              }));
+      const std::shared_ptr<Impl> server = server_.lock();
+      if (!server || server->closed_) return Close();
+      server->table_.Execute(line, Reply([weak = weak_from_this()](Json answer) {
+                               const std::shared_ptr<Client> client = weak.lock();
+                               if (!client) return;
+                               // A handler may answer in its own stack or from another thread; both go over
+                               // the strand, so that a client who sends many lines at once does not nest
+                               // them.
+                               asio::post(client->strand_,
+                                          [weak, shared = std::shared_ptr<cJSON>(std::move(answer))] {
+                                            if (const auto self = weak.lock()) self->Write(*shared);
+                                          });
+                             }));
     }
 
     void Write(const cJSON& answer) {
@@ -140,10 +145,11 @@ class ControlServer::Impl : public std::enable_shared_from_this<ControlServer::I
 
     void Leave() {
       Close();
-      server_->clients_.erase(shared_from_this());
+      if (const auto server = server_.lock()) server->clients_.erase(shared_from_this());
     }
 
-    std::shared_ptr<Impl> server_;
+    const std::weak_ptr<Impl> server_;  // which holds this
+    Strand strand_;
     Local::socket socket_;
     std::array<char, 4096> chunk_{};
     std::string input_;
@@ -157,7 +163,7 @@ class ControlServer::Impl : public std::enable_shared_from_this<ControlServer::I
   Strand strand_;
   Local::acceptor acceptor_;
   std::set<std::shared_ptr<Client>> clients_;
-  bool closed_ = false;
+  std::atomic<bool> closed_{false};
 };
 
 ControlServer::ControlServer(AsioZemProvider& provider, const CommandTable& table, const std::string& path)

@@ -16,7 +16,10 @@ class CommandTable;
 /// commands of one client run one after the other, each after the answer of the one before; any number of
 /// clients at once.
 ///
-/// Threads: the commands run on the provider's threads.  Ownership: `table` has to outlive the server.
+/// Threads: the commands run on the provider's threads.
+/// Ownership: `table` and the provider have to outlive the server; destroy it on the provider's one thread or
+/// after its loop has ended, so that no command is running.
+///
 /// Limits: a line of more than 1 MiB is answered with an error and ends its client.
 class ControlServer {
  public:

@@ -64,8 +64,8 @@ bool Aph::connected() const {
   return connected_;
 }
 
-void Aph::Call(const ManagerVertical& vertical, const GenericUnifiedMsg& message, bool publish, Duration timeout,
-               std::function<void(HostAnswer)> done) {
+void Aph::Call(const ManagerVertical& vertical, const GenericUnifiedMsg& message, bool publish,
+               Duration timeout, std::function<void(HostAnswer)> done) {
   Pending pending{message, publish, timeout, std::move(done)};
   std::shared_ptr<HostStub> stub;
   {

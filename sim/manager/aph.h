@@ -22,13 +22,15 @@ struct HostAnswer {
   GenericUnifiedMsg message;  // empty for a publish
 };
 
-/// One manager-side proxy: serves every vertical's manager side under its own id, and calls the hosts' services.
+/// One manager-side proxy: serves every vertical's manager side under its own id, and calls the hosts'
+/// services.
 ///
 /// Threads: all operations from any thread but its own.
 class Aph {
  public:
   /// `sink` outlives it.  Connects to the node's proxy and goes on trying.
-  Aph(std::string id, const std::string& forwarding_endpoint, std::function<std::unique_ptr<MpSink>(Aph*)> make_sink);
+  Aph(std::string id, const std::string& forwarding_endpoint,
+      std::function<std::unique_ptr<MpSink>(Aph*)> make_sink);
   ~Aph();
 
   const std::string& id() const { return id_; }

@@ -52,7 +52,8 @@ class Manager::Sink final : public MpSink {
  public:
   Sink(Manager* manager, Aph* aph) : manager_(manager), aph_(aph) {}
 
-  void OnPublish(const std::string& vertical, const std::string& host, const GenericUnifiedMsg& message) override {
+  void OnPublish(const std::string& vertical, const std::string& host,
+                 const GenericUnifiedMsg& message) override {
     bool app_init = false;
     manager_->Receive(*aph_, vertical, host, message, true, &app_init);
   }

@@ -45,8 +45,8 @@ struct Received {
   std::string json;
 };
 
-/// The central manager behind one node's proxy, with its APHs: keeps who is master, remembers what hosts send, answers
-/// by rules, and calls the hosts.
+/// The central manager behind one node's proxy, with its APHs: keeps who is master, remembers what hosts
+/// send, answers by rules, and calls the hosts.
 ///
 /// Threads: all operations from any thread but the peers' own.
 class Manager {
@@ -105,8 +105,8 @@ class Manager {
  private:
   class Sink;
 
-  void Receive(const Aph& aph, const std::string& vertical, const std::string& host, const GenericUnifiedMsg& message,
-               bool publish, bool* app_init);
+  void Receive(const Aph& aph, const std::string& vertical, const std::string& host,
+               const GenericUnifiedMsg& message, bool publish, bool* app_init);
   void Answer(Aph* aph, const std::string& vertical, const GenericUnifiedMsg& request, bool app_init,
               rpc::CallHandle<GenericUnifiedMsg> call);
   void PublishLocked();

@@ -66,7 +66,8 @@ Json AphJson(const std::string& id, bool master) {
 }
 
 void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
-  const Options options(arguments, {"--aph", "--correlation", "--timeout"}, {"--publish", "--no-wait", "--no-header"});
+  const Options options(arguments, {"--aph", "--correlation", "--timeout"},
+                        {"--publish", "--no-wait", "--no-header"});
   if (!options.error().empty()) return reply.Fail(options.error());
   const Arguments& words = options.positional();
   if (words.size() < 2) return reply.Fail("usage: send [OPTIONS] VERTICAL MESSAGE [TEXT]");
@@ -87,20 +88,19 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
   const TimePoint begin = Clock::Process().Now();
   const std::string vertical = request.vertical;
   const std::string id = *request.correlation_id;
-  const std::string error = manager.Send(request, [wait, reply, begin, vertical, id](const HostAnswer& answer) {
-    if (!wait) return;
-    Json result = JsonObject();
-    AddMember(result.get(), "correlation_id", id);
-    AddMember(result.get(), "status", answer.status.code());
-    AddMember(result.get(), "status_text", answer.status.ToString());
-    const auto took = Clock::Process().Now() - begin;
-    AddMember(result.get(), "took_us",
-              static_cast<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(took).count()));
-    if (answer.status.ok()) {
-      AddMember(result.get(), "answer", Json(cJSON_Parse(Manager::AnswerJson(vertical, answer).c_str())));
-    }
-    reply.Ok(std::move(result));
-  });
+  const std::string error =
+      manager.Send(request, [wait, reply, begin, vertical, id](const HostAnswer& answer) {
+        if (!wait) return;
+        if (!answer.status.ok()) return reply.Fail(answer.status.ToString());
+        Json result = JsonObject();
+        AddMember(result.get(), "correlation_id", id);
+        AddMember(result.get(), "status", answer.status.code());
+        const auto took = Clock::Process().Now() - begin;
+        AddMember(result.get(), "took_us",
+                  static_cast<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(took).count()));
+        AddMember(result.get(), "answer", Json(cJSON_Parse(Manager::AnswerJson(vertical, answer).c_str())));
+        reply.Ok(std::move(result));
+      });
   if (!error.empty()) return reply.Fail(error);
   if (wait) return;
   Json result = JsonObject();
@@ -141,7 +141,8 @@ void Answer(Manager& manager, const Arguments& arguments, const Reply& reply) {
   if (!options.error().empty()) return reply.Fail(options.error());
   const Arguments& words = options.positional();
   if (words.size() < 3 || (words[1] != "app-init" && words[1] != "request")) {
-    return reply.Fail("usage: answer [--count N] [--delay-ms N] VERTICAL|all app-init|request KIND [STATUS|TEXT]");
+    return reply.Fail(
+        "usage: answer [--count N] [--delay-ms N] VERTICAL|all app-init|request KIND [STATUS|TEXT]");
   }
   AnswerRule rule;
   const std::string& kind = words[2];
@@ -168,7 +169,8 @@ void Answer(Manager& manager, const Arguments& arguments, const Reply& reply) {
   if (const auto delay = options.Value("--delay-ms")) {
     rule.delay = std::chrono::milliseconds(Number(*delay).value_or(0));
   }
-  if (words[0] != "all" && FindManagerVertical(words[0]) == nullptr) return reply.Fail("no vertical " + words[0]);
+  if (words[0] != "all" && FindManagerVertical(words[0]) == nullptr)
+    return reply.Fail("no vertical " + words[0]);
   manager.SetRule(words[0] == "all" ? "" : words[0], words[1] == "app-init", rule);
   reply.Ok();
 }
@@ -211,7 +213,8 @@ Json State(Manager& manager) {
   for (const auto& [id, master] : manager.Aphs()) AddItem(aphs.get(), AphJson(id, master));
   AddMember(result.get(), "aphs", std::move(aphs));
   Json served = JsonObject();
-  for (const auto& [vertical, count] : manager.served_app_inits()) AddMember(served.get(), vertical.c_str(), count);
+  for (const auto& [vertical, count] : manager.served_app_inits())
+    AddMember(served.get(), vertical.c_str(), count);
   AddMember(result.get(), "served_app_inits", std::move(served));
   AddMember(result.get(), "received", manager.received_count());
   if (Proxy* const proxy = manager.proxy()) {
@@ -230,48 +233,53 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
   Manager* const m = &manager;
   table.Register({"state", "", "Shows proxy, APHs, master, served app-inits and announced ids.", 0, 0,
                   [m](const Arguments&, Reply reply) { reply.Ok(State(*m)); }});
-  table.Register({"send", "[--aph ID] [--correlation ID] [--timeout SECONDS] [--publish] [--no-wait] [--no-header] "
-                          "VERTICAL MESSAGE [TEXT]",
-                  "Sends a message (text format) to a vertical of the host, as the master unless an APH is named, and "
-                  "shows the answer.",
-                  2, kMany, [m](const Arguments& arguments, Reply reply) { Send(*m, arguments, reply); }});
-  table.Register({"received", "[VERTICAL|all] [AFTER]", "Shows what hosts have sent, after a number if given.", 0, 2,
+  table.Register(
+      {"send",
+       "[--aph ID] [--correlation ID] [--timeout SECONDS] [--publish] [--no-wait] [--no-header] "
+       "VERTICAL MESSAGE [TEXT]",
+       "Sends a message (text format) to a vertical of the host, as the master unless an APH is named, and "
+       "shows the answer.",
+       2, kMany, [m](const Arguments& arguments, Reply reply) { Send(*m, arguments, reply); }});
+  table.Register({"received", "[VERTICAL|all] [AFTER]",
+                  "Shows what hosts have sent, after a number if given.", 0, 2,
                   [m](const Arguments& arguments, Reply reply) { ReceivedCommand(*m, arguments, reply); }});
   table.Register({"answer", "[--count N] [--delay-ms N] VERTICAL|all app-init|request KIND [STATUS|TEXT]",
-                  "Says how requests of hosts are answered: serve, status, never, garbage, wrong-type, text.", 3, kMany,
-                  [m](const Arguments& arguments, Reply reply) { Answer(*m, arguments, reply); }});
+                  "Says how requests of hosts are answered: serve, status, never, garbage, wrong-type, text.",
+                  3, kMany, [m](const Arguments& arguments, Reply reply) { Answer(*m, arguments, reply); }});
   table.Register({"master", "[ID]", "Makes an APH the master, or nobody.", 0, 1,
                   [m](const Arguments& arguments, Reply reply) {
                     const std::string id = arguments.empty() ? "" : arguments[0];
                     if (!m->SetMaster(id)) return reply.Fail("no APH " + id);
                     reply.Ok();
                   }});
-  table.Register({"aph/add", "ID", "Starts an APH and lists it.", 1, 1,
-                  [m](const Arguments& arguments, Reply reply) {
-                    if (!ParseUuid(arguments[0])) return reply.Fail("not a uuid: " + arguments[0]);
-                    m->AddAph(arguments[0], false);
-                    reply.Ok();
-                  }});
-  table.Register({"aph/lose", "ID [listed]", "Ends an APH; with \"listed\" the proxy goes on naming it.", 1, 2,
-                  [m](const Arguments& arguments, Reply reply) {
+  table.Register(
+      {"aph/add", "ID", "Starts an APH and lists it.", 1, 1, [m](const Arguments& arguments, Reply reply) {
+         if (!ParseUuid(arguments[0])) return reply.Fail("not a uuid: " + arguments[0]);
+         m->AddAph(arguments[0], false);
+         reply.Ok();
+       }});
+  table.Register({"aph/lose", "ID [listed]", "Ends an APH; with \"listed\" the proxy goes on naming it.", 1,
+                  2, [m](const Arguments& arguments, Reply reply) {
                     const bool listed = arguments.size() > 1 && arguments[1] == "listed";
                     if (!m->RemoveAph(arguments[0], listed)) return reply.Fail("no APH " + arguments[0]);
                     reply.Ok();
                   }});
-  table.Register({"aph/tell", "[ENTRY...]",
-                  "Tells the agent this list once instead of the true one; ENTRY is ID:master, ID:other, :master or "
-                  "ID:.",
-                  0, kMany, [m](const Arguments& arguments, Reply reply) { PublishRaw(*m, arguments, reply); }});
+  table.Register(
+      {"aph/tell", "[ENTRY...]",
+       "Tells the agent this list once instead of the true one; ENTRY is ID:master, ID:other, :master or "
+       "ID:.",
+       0, kMany, [m](const Arguments& arguments, Reply reply) { PublishRaw(*m, arguments, reply); }});
   table.Register({"proxy/kill", "", "Ends the proxy process.", 0, 0, [m](const Arguments&, Reply reply) {
                     if (!m->proxy_running()) return reply.Fail("the proxy does not run");
                     m->StopProxy();
                     reply.Ok();
                   }});
-  table.Register({"proxy/start", "", "Starts the proxy process again.", 0, 0, [m](const Arguments&, Reply reply) {
-                    if (m->proxy_running()) return reply.Fail("the proxy runs");
-                    m->StartProxy();
-                    reply.Ok();
-                  }});
+  table.Register(
+      {"proxy/start", "", "Starts the proxy process again.", 0, 0, [m](const Arguments&, Reply reply) {
+         if (m->proxy_running()) return reply.Fail("the proxy runs");
+         m->StartProxy();
+         reply.Ok();
+       }});
   table.Register({"proxy/end-subscriptions", "STATUS", "Ends the subscriptions to the list of APHs.", 1, 1,
                   [m](const Arguments& arguments, Reply reply) {
                     const auto status = Number(arguments[0]);

@@ -15,7 +15,8 @@ using orlane::zem::messaging::ApplProxyInfoService;
 ApplProxyInfoRspMsg ToMessage(const ProxyInfo& info) {
   ApplProxyInfoRspMsg message;
   if (info.transport_node_id) {
-    if (const auto uuid = ParseUuid(*info.transport_node_id)) SetUuid(*uuid, message.mutable_transport_node_id());
+    if (const auto uuid = ParseUuid(*info.transport_node_id))
+      SetUuid(*uuid, message.mutable_transport_node_id());
   }
   if (info.version) {
     message.mutable_product_version()->set_major(info.version->first);

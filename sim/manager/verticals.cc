@@ -65,7 +65,8 @@ class HostStubOf final : public HostStub {
                rpc::CallObserver<VoidMsg>* observer) override {
     stub_.MsgHandler(context, message, observer);
   }
-  rpc::CallHandle<GenericUnifiedMsg> Request(const rpc::ClientContext& context, const GenericUnifiedMsg& message,
+  rpc::CallHandle<GenericUnifiedMsg> Request(const rpc::ClientContext& context,
+                                             const GenericUnifiedMsg& message,
                                              rpc::CallObserver<GenericUnifiedMsg>* observer) override {
     return stub_.RpcMsgHandler(context, message, observer);
   }
@@ -113,7 +114,8 @@ std::vector<ManagerVertical> MakeTable() {
       {"LldpVertical", ZEM_PROTOTYPES(lldp, Lldp), ZEM_SERVICES(lldp, LldpMpService, LldpHostService)},
       {"SupportBundle", ZEM_PROTOTYPES(support_bundle, SupportBundle),
        ZEM_SERVICES(support_bundle, BundleMpService, BundleHostService)},
-      {"INVENTORY_DISCOVERY_APPLICATION", ZEM_PROTOTYPES(ida, Ida), ZEM_SERVICES(ida, IdaMpService, IdaHostService)},
+      {"INVENTORY_DISCOVERY_APPLICATION", ZEM_PROTOTYPES(ida, Ida),
+       ZEM_SERVICES(ida, IdaMpService, IdaHostService)},
       {"ControllerMgmtVertical", ZEM_PROTOTYPES(config, CtrlMgmt),
        ZEM_SERVICES(config, CtrlMgmtMpService, CtrlMgmtHostService)},
       {"SwitchingVertical", ZEM_PROTOTYPES(switching, Switching),
@@ -126,7 +128,8 @@ std::vector<ManagerVertical> MakeTable() {
        ZEM_SERVICE(firewall, IpReputationEventNotificationRpc)},
       {"IDFW-Vertical", ZEM_PROTOTYPES(context::idfw, Idfw),
        ZEM_SERVICES(context::idfw, IdfwMpService, IdfwHostService)},
-      {"Context-Health", ZEM_PROTOTYPES(context, Ouvi), ZEM_SERVICES(context, OuviMpService, OuviHostService)},
+      {"Context-Health", ZEM_PROTOTYPES(context, Ouvi),
+       ZEM_SERVICES(context, OuviMpService, OuviHostService)},
       {"ZEM-IntrusionServices", ZEM_PROTOTYPES(context::ids, Ids), ZEM_SERVICE(context::ids, IdsMpService)},
       {"ZEM-IdsPcapService", ZEM_PROTOTYPES(context::ids, IdsPcap),
        ZEM_SERVICE(context::ids, IdsPcapSecurityDataService)},
@@ -139,7 +142,9 @@ std::vector<ManagerVertical> MakeTable() {
 #undef ZEM_SERVICES
 #undef ZEM_SERVICE
 
-const FieldDescriptor* TypeField(const Message& unified) { return unified.GetDescriptor()->FindFieldByName("type"); }
+const FieldDescriptor* TypeField(const Message& unified) {
+  return unified.GetDescriptor()->FindFieldByName("type");
+}
 
 }  // namespace
 

@@ -21,9 +21,10 @@ using orlane::zem::messaging::GenericUnifiedMsg;
 class MpSink {
  public:
   virtual ~MpSink() = default;
-  virtual void OnPublish(const std::string& vertical, const std::string& host, const GenericUnifiedMsg& message) = 0;
-  virtual void OnRequest(const std::string& vertical, const std::string& host, const GenericUnifiedMsg& message,
-                         rpc::CallHandle<GenericUnifiedMsg> call) = 0;
+  virtual void OnPublish(const std::string& vertical, const std::string& host,
+                         const GenericUnifiedMsg& message) = 0;
+  virtual void OnRequest(const std::string& vertical, const std::string& host,
+                         const GenericUnifiedMsg& message, rpc::CallHandle<GenericUnifiedMsg> call) = 0;
 };
 
 /// The two calls towards a vertical of a host, whichever service it is.
@@ -60,8 +61,10 @@ std::string WireTypeName(const google::protobuf::Descriptor& message);
 /// The first set member that is a message; null when there is none.
 const google::protobuf::Message* SetMember(const google::protobuf::Message& unified);
 
-/// The member of `unified` whose field name, message name or wire type name is `name`; null when there is none.
-const google::protobuf::FieldDescriptor* FindMember(const google::protobuf::Message& unified, std::string_view name);
+/// The member of `unified` whose field name, message name or wire type name is `name`; null when there is
+/// none.
+const google::protobuf::FieldDescriptor* FindMember(const google::protobuf::Message& unified,
+                                                    std::string_view name);
 
 std::string TypeOf(const google::protobuf::Message& unified);
 void SetType(google::protobuf::Message* unified, const std::string& type);

@@ -22,7 +22,8 @@ ControlClient::ControlClient(const std::string& path) {
   if (path.size() >= sizeof(address.sun_path)) Fail(path, ENAMETOOLONG);
   std::memcpy(address.sun_path, path.data(), path.size());
   socket_.Reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) Fail(path, errno);
+  if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0)
+    Fail(path, errno);
 }
 
 std::string ControlClient::Execute(std::string_view command) {

@@ -26,7 +26,8 @@ constexpr int kUp = 1;
 HealthSink::HealthSink(const std::string& path) : path_(path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path)) throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
+  if (path.size() >= sizeof(address.sun_path))
+    throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
   std::memcpy(address.sun_path, path.data(), path.size());
   socket_.Reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ::unlink(path.c_str());
@@ -62,8 +63,9 @@ void HealthSink::Receive() {
 
 void HealthSink::Take(const char* data, size_t size) {
   orlane::zem::sha::AgentReportMsg report;
-  const bool whole = size >= kLengthSize && boost::endian::load_big_u32(reinterpret_cast<const unsigned char*>(data)) ==
-                                                size - kLengthSize;
+  const bool whole =
+      size >= kLengthSize &&
+      boost::endian::load_big_u32(reinterpret_cast<const unsigned char*>(data)) == size - kLengthSize;
   std::lock_guard lock(mutex_);
   if (!whole || !report.ParseFromArray(data + kLengthSize, static_cast<int>(size - kLengthSize))) {
     ++health_.unparsable;

@@ -10,8 +10,8 @@
 
 namespace zem::sim {
 
-/// The node's health service: takes the reports of agents and calls an agent stale when it has been silent for as long
-/// as its own heartbeat says.
+/// The node's health service: takes the reports of agents and calls an agent stale when it has been silent
+/// for as long as its own heartbeat says.
 ///
 /// Threads: all operations from any thread.
 class HealthSink {
@@ -26,8 +26,8 @@ class HealthSink {
     uint32_t pid = 0;
     uint64_t heartbeats = 0;
     uint64_t metrics = 0;
-    uint64_t missed = 0;      // gaps in the sequence
-    uint64_t unparsable = 0;  // datagrams that were none
+    uint64_t missed = 0;       // gaps in the sequence
+    uint64_t unparsable = 0;   // datagrams that were none
     std::string proxy_status;  // "up", "down", or empty before the first metric
   };
   Health health() const;

@@ -54,7 +54,8 @@ LogSink::LogSink(const std::string& path, std::function<void(const LogLine&)> fo
     : path_(path), follow_(std::move(follow)) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path)) throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
+  if (path.size() >= sizeof(address.sun_path))
+    throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
   std::memcpy(address.sun_path, path.data(), path.size());
   socket_.Reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ::unlink(path.c_str());

@@ -1,13 +1,17 @@
 // zem-node: runs a simulated node, sends it commands, runs scenarios on it.
 
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -27,12 +31,15 @@ using zem::sim::ControlClient;
 
 constexpr const char* kDefaultDirectory = "/tmp/zem-node";
 constexpr int kUsageError = 2;
+constexpr auto kNodeStart = std::chrono::seconds(20);
 
 constexpr const char* kUsage =
     "usage: zem-node run [OPTIONS]              runs a node until it is stopped\n"
-    "       zem-node ctl [--dir DIR] COMMAND    sends one command, prints its JSON answer; \"ctl help\" lists them\n"
+    "       zem-node ctl [--dir DIR] COMMAND    sends one command, prints its JSON answer; \"ctl help\" "
+    "lists them\n"
     "       zem-node scenario [--dir DIR] FILE  runs the commands and expectations of a file\n"
-    "options of run:\n"
+    "       zem-node check FILE [OPTIONS]       runs a scenario on a node of its own\n"
+    "options of run and check:\n"
     "  --dir DIR        the node's folder: control socket and daemon output (/tmp/zem-node)\n"
     "  --daemon FILE    the daemon's program (zem-tarvik beside this one)\n"
     "  --options FILE   the daemon's XML options\n"
@@ -96,6 +103,48 @@ int RunNode(Words words, const char* program) {
   return zem::sim::RunInSandbox(sandbox, [&node] { return zem::sim::Node(node).Run(); });
 }
 
+// A node that lives for one scenario, in a folder of its own.
+int Check(Words words, const char* program) {
+  const std::string file = words.Take();
+  std::ifstream lines(file);
+  if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
+  char directory[] = "/tmp/zem-check.XXXXXX";
+  if (::mkdtemp(directory) == nullptr)
+    throw std::runtime_error(std::string(directory) + ": " + std::strerror(errno));
+  const std::string control = std::string(directory) + "/control";
+  words.all.insert(words.all.end(), {"--dir", directory});
+  const pid_t node = ::fork();
+  if (node < 0) throw std::runtime_error(std::strerror(errno));
+  if (node == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    int code = 1;
+    try {
+      code = RunNode(words, program);
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "zem-node: %s\n", error.what());
+    }
+    ::_exit(code);
+  }
+  bool held = false;
+  const zem::TimePoint deadline = zem::Clock::Process().Now() + kNodeStart;
+  while (::access(control.c_str(), F_OK) != 0 && zem::Clock::Process().Now() < deadline) {
+    zem::SleepFor(std::chrono::milliseconds(20));
+  }
+  try {
+    ControlClient client(control);
+    held = zem::sim::Scenario(client, std::cout).Run(lines, file);
+    client.Execute("stop");
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "zem-node: %s\n", error.what());
+  }
+  if (!held) ::kill(node, SIGTERM);
+  int status = 0;
+  ::waitpid(node, &status, 0);
+  std::error_code ignored;
+  std::filesystem::remove_all(directory, ignored);
+  return held ? 0 : 1;
+}
+
 std::string Directory(Words* words) {
   if (!words->empty() && words->all[words->next] == "--dir") {
     words->Take();
@@ -153,6 +202,7 @@ int main(int argc, char** argv) {
   try {
     const std::string verb = words.Take();
     if (verb == "run") return RunNode(words, argv[0]);
+    if (verb == "check") return Check(words, argv[0]);
     if (verb == "ctl") return Control(words);
     if (verb == "scenario") return RunScenario(words);
     std::fputs(kUsage, verb == "help" || verb == "--help" ? stdout : stderr);

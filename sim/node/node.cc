@@ -61,7 +61,8 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
   RegisterStoreCommands(store_commands_, *store_, registry_);
   RegisterManagerCommands(manager_commands_, *manager_);
   RegisterNodeCommands(commands_, *this);
-  control_ = std::make_unique<ControlServer>(control_provider_, commands_, std::string(kNodeDirectory) + "/control");
+  control_ =
+      std::make_unique<ControlServer>(control_provider_, commands_, std::string(kNodeDirectory) + "/control");
   if (options_.start_daemon) daemon_->Start();
 }
 

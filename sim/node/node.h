@@ -24,15 +24,16 @@ struct NodeOptions {
   std::string daemon_options;
   std::string transport_node_id = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
   /// The first is the master.
-  std::vector<std::string> aphs = {"0a000000-0000-4000-8000-000000000001", "0a000000-0000-4000-8000-000000000002",
+  std::vector<std::string> aphs = {"0a000000-0000-4000-8000-000000000001",
+                                   "0a000000-0000-4000-8000-000000000002",
                                    "0a000000-0000-4000-8000-000000000003"};
   bool start_daemon = true;
   /// Copies the daemon's log to standard output.
   bool follow_log = false;
 };
 
-/// The simulated node: every other process, library and tool that the daemon meets, and the daemon itself.  Lives in a
-/// sandbox, where the real paths and ports are the node's own.
+/// The simulated node: every other process, library and tool that the daemon meets, and the daemon itself.
+/// Lives in a sandbox, where the real paths and ports are the node's own.
 ///
 /// Threads: made and ended by one; commands come from the control socket.
 class Node {

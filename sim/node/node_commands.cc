@@ -1,4 +1,5 @@
-// The node's own commands: the daemon, its log, its health, its files, its command socket, and the ways to the peers.
+// The node's own commands: the daemon, its log, its health, its files, its command socket, and the ways to
+// the peers.
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 
 #include "framework/child_process.h"
 #include "platform/core/thread.h"
+#include "platform/core/timer.h"
 #include "sim/node/node.h"
 #include "sim/node/sandbox.h"
 
@@ -23,6 +25,7 @@ namespace {
 
 constexpr const char* kCliSocket = "/run/orlane/zem-tarvik/tarvik-cli";
 constexpr const char* kCliClient = "/usr/bin/ovs-appctl";
+constexpr auto kFarewell = std::chrono::milliseconds(100);
 constexpr auto kCliPatience = std::chrono::seconds(20);
 constexpr size_t kMaxFile = 1024 * 1024;
 
@@ -39,8 +42,9 @@ struct SignalName {
   const char* name;
   int number;
 };
-constexpr std::array kSignals = {SignalName{"TERM", SIGTERM}, SignalName{"INT", SIGINT},   SignalName{"KILL", SIGKILL},
-                                 SignalName{"STOP", SIGSTOP}, SignalName{"CONT", SIGCONT}, SignalName{"ABRT", SIGABRT}};
+constexpr std::array kSignals = {SignalName{"TERM", SIGTERM}, SignalName{"INT", SIGINT},
+                                 SignalName{"KILL", SIGKILL}, SignalName{"STOP", SIGSTOP},
+                                 SignalName{"CONT", SIGCONT}, SignalName{"ABRT", SIGABRT}};
 
 std::optional<int> ParseSignal(const std::string& word) {
   for (const SignalName& signal : kSignals) {
@@ -189,7 +193,8 @@ void Cli(const Arguments& arguments, const Reply& reply) {
     while (!text.empty() && text.back() == '\n') text.pop_back();
     Json result = JsonObject();
     AddMember(result.get(), "text", text);
-    if (Json parsed{cJSON_Parse(text.c_str())}; parsed && (cJSON_IsArray(parsed.get()) || cJSON_IsObject(parsed.get()))) {
+    if (Json parsed{cJSON_Parse(text.c_str())};
+        parsed && (cJSON_IsArray(parsed.get()) || cJSON_IsObject(parsed.get()))) {
       AddMember(result.get(), "json", std::move(parsed));
     }
     reply.Ok(std::move(result));
@@ -215,7 +220,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
   constexpr size_t kMany = 100;
   Node* const n = &node;
   Forward(table, "store", "The store daemon; \"store help\" lists its commands.", n->store_commands_);
-  Forward(table, "manager", "Proxy, APHs and manager; \"manager help\" lists their commands.", n->manager_commands_);
+  Forward(table, "manager", "Proxy, APHs and manager; \"manager help\" lists their commands.",
+          n->manager_commands_);
   table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, Reply reply) {
                     if (!n->daemon_->Start()) return reply.Fail("the daemon runs");
                     reply.Ok(DaemonJson(*n->daemon_));
@@ -227,14 +233,17 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                     if (!n->daemon_->Kill(*signal)) return reply.Fail("the daemon does not run");
                     reply.Ok();
                   }});
-  table.Register({"daemon/wait", "[SECONDS]", "Waits for the daemon's end and tells how it ended.", 0, 1,
-                  [n](const Arguments& arguments, Reply reply) { WaitForEnd(*n->daemon_, arguments, reply); }});
+  table.Register(
+      {"daemon/wait", "[SECONDS]", "Waits for the daemon's end and tells how it ended.", 0, 1,
+       [n](const Arguments& arguments, Reply reply) { WaitForEnd(*n->daemon_, arguments, reply); }});
   table.Register({"daemon/state", "", "Shows whether the daemon runs, its size and threads.", 0, 0,
                   [n](const Arguments&, Reply reply) { reply.Ok(DaemonJson(*n->daemon_)); }});
   table.Register({"log/wait", "PATTERN [SECONDS [AFTER]]",
-                  "Waits for a line of the node's log that matches (10 seconds), after line number AFTER.", 1, 3,
+                  "Waits for a line of the node's log that matches (10 seconds), after line number AFTER.", 1,
+                  3,
                   [n](const Arguments& arguments, Reply reply) { WaitForLog(*n->log_, arguments, reply); }});
-  table.Register({"log/find", "[PATTERN [LIMIT [AFTER]]]", "Shows the newest lines of the node's log that match.", 0, 3,
+  table.Register({"log/find", "[PATTERN [LIMIT [AFTER]]]",
+                  "Shows the newest lines of the node's log that match.", 0, 3,
                   [n](const Arguments& arguments, Reply reply) { FindLog(*n->log_, arguments, reply); }});
   table.Register({"health", "", "Shows what the daemon reports to the node's health service.", 0, 0,
                   [n](const Arguments&, Reply reply) { reply.Ok(HealthJson(n->health_->health())); }});
@@ -251,7 +260,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   [](const Arguments& arguments, Reply reply) { Cli(arguments, reply); }});
   table.Register({"stop", "", "Ends the node.", 0, 0, [n](const Arguments&, Reply reply) {
                     reply.Ok();
-                    n->control_provider_.Stop();
+                    // After the answer has left.
+                    n->control_provider_.timers().Schedule(kFarewell, [n] { n->control_provider_.Stop(); });
                   }});
 }
 

@@ -40,7 +40,8 @@ void MakeDirectories(const std::string& path, mode_t mode = 0755) {
   }
 }
 
-void Mount(const char* source, const std::string& target, const char* type, unsigned long flags, const char* data) {
+void Mount(const char* source, const std::string& target, const char* type, unsigned long flags,
+           const char* data) {
   Check(::mount(source, target.c_str(), type, flags, data), "mount " + target);
 }
 
@@ -111,8 +112,8 @@ void MakeMounts(const SandboxOptions& options) {
   Bind("/proc/self/fd/" + std::to_string(directory.get()), kNodeDirectory);
   for (const char* path :
        {"/etc/orlane/zem-tarvik", "/etc/orlane/zema", "/etc/orlane/zem", "/run/orlane/zem-tarvik",
-        "/run/orlane/zem-agent", "/run/orlane/gw-controller", "/run/orlane/zem-sha", "/opt/orlane/zem-tarvik/bin",
-        "/opt/orlane/zem-tarvik/libexec"}) {
+        "/run/orlane/zem-agent", "/run/orlane/gw-controller", "/run/orlane/zem-sha",
+        "/opt/orlane/zem-tarvik/bin", "/opt/orlane/zem-tarvik/libexec"}) {
     MakeDirectories(path);
   }
   WriteFile(kDaemonPath, "");
@@ -138,7 +139,8 @@ int InitProcess(const SandboxOptions& options, const std::function<int()>& body)
 }  // namespace
 
 int RunInSandbox(const SandboxOptions& options, const std::function<int()>& body) {
-  Check(::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWIPC), "new namespaces (this takes root)");
+  Check(::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWIPC),
+        "new namespaces (this takes root)");
   const pid_t child = ::fork();
   Check(child, "fork");
   if (child == 0) ::_exit(InitProcess(options, body));

@@ -5,12 +5,12 @@
 
 namespace zem::sim {
 
-/// A node's own view of the machine: mounts, network, processes.  Nothing of the machine is changed, and nothing stays
-/// behind when the sandbox ends, however it ends.
+/// A node's own view of the machine: mounts, network, processes.  Nothing of the machine is changed, and
+/// nothing stays behind when the sandbox ends, however it ends.
 ///
-/// Inside: "/etc", "/opt", "/usr/local" are the machine's with the node's changes over them; "/run", "/tmp", "/var/log"
-/// and "/dev" are the node's own; loopback is up and alone; "/proc" shows the node's processes only.  `directory` is
-/// seen at kNodeDirectory too, whatever the new mounts hide.
+/// Inside: "/etc", "/opt", "/usr/local" are the machine's with the node's changes over them; "/run", "/tmp",
+/// "/var/log" and "/dev" are the node's own; loopback is up and alone; "/proc" shows the node's processes
+/// only.  `directory` is seen at kNodeDirectory too, whatever the new mounts hide.
 struct SandboxOptions {
   /// Existing folder on the machine; sockets and files that outsiders use live there.
   std::string directory;
@@ -21,9 +21,9 @@ struct SandboxOptions {
 inline constexpr const char* kNodeDirectory = "/run/zem-node";
 inline constexpr const char* kDaemonPath = "/opt/orlane/zem-tarvik/bin/zem-tarvik";
 
-/// Runs `body` as the first process of a new sandbox and gives its exit code; the code is 128 and the signal's number
-/// when it died by one.  The sandbox ends with the first of the body, this process, and the caller's parent.
-/// Throws std::system_error when the system does not give a sandbox (it takes root).
+/// Runs `body` as the first process of a new sandbox and gives its exit code; the code is 128 and the
+/// signal's number when it died by one.  The sandbox ends with the first of the body, this process, and the
+/// caller's parent. Throws std::system_error when the system does not give a sandbox (it takes root).
 int RunInSandbox(const SandboxOptions& options, const std::function<int()>& body);
 
 }  // namespace zem::sim

@@ -126,7 +126,9 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
     line = Trim(line);
     if (line.empty() || line[0] == '#') continue;
     if (Line(line)) continue;
-    out_ << "\n" << name << ":" << number << ": " << line << "\n  did not hold: " << problem_ << "\n" << std::flush;
+    out_ << "\n"
+         << name << ":" << number << ": " << line << "\n  did not hold: " << problem_ << "\n"
+         << std::flush;
     return false;
   }
   EndStep();
@@ -150,6 +152,7 @@ bool Scenario::Line(const std::string& line) {
   if (TakePrefix(&rest, "expect ")) return Expect(rest);
   if (TakePrefix(&rest, "show ")) return Show(rest);
   if (TakePrefix(&rest, "fails ")) return Command(rest, true);
+  if (TakePrefix(&rest, "await ")) return Await(rest);
   return Command(line, false);
 }
 
@@ -171,9 +174,23 @@ bool Scenario::Command(const std::string& line, bool has_to_fail) {
   return false;
 }
 
+bool Scenario::Await(const std::string& text) {
+  double seconds = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  if (error != std::errc()) {
+    problem_ = "not a number of seconds";
+    return false;
+  }
+  const std::string command = Trim(text.substr(static_cast<size_t>(end - text.data())));
+  const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(seconds * 1e9));
+  while (!IsOk(node_.Execute(command)) && Clock::Process().Now() < deadline) SleepFor(kPollInterval);
+  return Command(command, false);
+}
+
 bool Scenario::Show(const std::string& path) {
   const Json parsed{cJSON_Parse(last_answer_.c_str())};
-  out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), "result." + path))) << "\n" << std::flush;
+  out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), "result." + path))) << "\n"
+       << std::flush;
   return true;
 }
 
@@ -181,8 +198,7 @@ bool Scenario::Expect(const std::string& text) {
   std::string rest = text;
   const bool none = TakePrefix(&rest, "no log ~ ");
   if (none) {
-    const std::string answer =
-        node_.Execute("log/find " + Quote(rest) + " 1 " + std::to_string(step_log_));
+    const std::string answer = node_.Execute("log/find " + Quote(rest) + " 1 " + std::to_string(step_log_));
     const Json parsed{cJSON_Parse(answer.c_str())};
     const cJSON* const line = Find(parsed.get(), "result.lines[0].text");
     if (IsOk(answer) && line == nullptr) return true;
@@ -196,8 +212,9 @@ bool Scenario::Expect(const std::string& text) {
     return false;
   }
   if (condition->path == "log" && condition->operation == "~") {
-    const std::string answer = node_.Execute("log/wait " + Quote(condition->value) + " " +
-                                             std::to_string(condition->within) + " " + std::to_string(step_log_));
+    const std::string answer =
+        node_.Execute("log/wait " + Quote(condition->value) + " " + std::to_string(condition->within) + " " +
+                      std::to_string(step_log_));
     const Json parsed{cJSON_Parse(answer.c_str())};
     if (IsOk(answer)) {
       out_ << "     log: " << Shorten(Text(Find(parsed.get(), "result.text"))) << "\n" << std::flush;
@@ -207,9 +224,9 @@ bool Scenario::Expect(const std::string& text) {
     return false;
   }
   const std::string again = file ? "file/read " + Quote(condition->path) : last_command_;
-  const std::string path = file ? "result.text" : "result." + condition->path;
-  const TimePoint deadline =
-      Clock::Process().Now() + Duration(static_cast<int64_t>(condition->within * 1e9));
+  const bool refusal = condition->path == "error";
+  const std::string path = file ? "result.text" : (refusal ? "" : "result.") + condition->path;
+  const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(condition->within * 1e9));
   std::string answer = file ? node_.Execute(again) : last_answer_;
   for (;;) {
     const Json parsed{cJSON_Parse(answer.c_str())};

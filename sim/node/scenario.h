@@ -13,12 +13,12 @@ class ControlClient;
 ///     step The proxy dies            prints a headline; the time of each step is told
 ///     manager state                  a command: has to be answered "ok"
 ///     fails manager master nobody    a command that has to be refused
-///     expect PATH == VALUE           on the last answer; PATH is dotted, "[N]" an element
-///     expect PATH ~ PATTERN [within SECONDS]     also != >= <=; "within" repeats the last command until it holds
-///     expect log ~ PATTERN [within SECONDS]      a line of the node's log since the step began
-///     expect no log ~ PATTERN                    none since the step began
-///     expect file PATH ~ PATTERN [within SECONDS]
-///     show PATH                      prints a part of the last answer
+///     await SECONDS daemon/state     a command that has to be answered "ok" within a time
+///     expect PATH == VALUE           on the last answer; PATH is dotted, "[N]" an element, "error" a refusal
+///     expect PATH ~ PATTERN [within SECONDS]     also != >= <=; "within" repeats the last command until it
+///     holds expect log ~ PATTERN [within SECONDS]      a line of the node's log since the step began expect
+///     no log ~ PATTERN                    none since the step began expect file PATH ~ PATTERN [within
+///     SECONDS] show PATH                      prints a part of the last answer
 ///
 /// Stops at the first line that does not hold and tells which it was and what was there instead.
 class Scenario {
@@ -32,6 +32,7 @@ class Scenario {
   bool Line(const std::string& line);
   bool Command(const std::string& line, bool has_to_fail);
   bool Expect(const std::string& condition);
+  bool Await(const std::string& text);
   bool Show(const std::string& path);
   void EndStep();
 

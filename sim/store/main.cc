@@ -1,7 +1,9 @@
 // The store daemon as a process.
 
+#include <boost/property_tree/ptree.hpp>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "platform/core/provider.h"
@@ -34,7 +36,7 @@ int main(int argc, char** argv) {
   }
   try {
     const zem::sim::ObjectRegistry registry;
-    zem::AsioZemProvider provider;
+    zem::AsioZemProvider provider(boost::property_tree::ptree(), "store");
     zem::sim::StoreDaemon daemon(provider, listen, registry);
     zem::sim::CommandTable commands;
     zem::sim::RegisterStoreCommands(commands, daemon, registry);

@@ -208,12 +208,15 @@ void MonitorHub::Send(Stream& stream, Updates& updates, bool mark_alone) {
   size_t next = 0;
   do {
     proto::MonitorResponseMsg piece;
-    for (; next < updates.size() && piece.update_size() < static_cast<int>(kMaxUpdates); ++next) {
+    size_t bytes = 0;
+    while (next < updates.size() && piece.update_size() < kMaxUpdates && bytes < kMaxPieceBytes) {
+      proto::MonitorUpdateMsg& update = updates[next++];
       if (garbage_ > 0) {
         --garbage_;
-        updates[next].set_object(kGarbage);
+        update.set_object(kGarbage);
       }
-      *piece.add_update() = std::move(updates[next]);
+      bytes += update.ByteSizeLong();
+      *piece.add_update() = std::move(update);
     }
     if (next == updates.size()) piece.mutable_mark()->set_barrier(true);
     Write(stream, std::move(piece));

@@ -37,10 +37,13 @@ struct MonitorInfo {
 ///
 /// A new stream, or a type added to one, is first sent the objects that match, as sets; later each batch's
 /// changes. Both go in pieces of at most 500 updates of which the last carries the barrier mark.  A stream
-/// that is more than 8 MiB behind ends with RESYNC_REQUIRED. Threads: none of its own; the owner guards it.
+/// that is more than 8 MiB behind ends with RESYNC_REQUIRED.
+///
+/// Threads: none of its own; the owner guards it.
 class MonitorHub {
  public:
-  static constexpr size_t kMaxUpdates = 500;
+  static constexpr int kMaxUpdates = 500;
+  static constexpr size_t kMaxPieceBytes = size_t{1} << 20;
   static constexpr size_t kMaxBehindBytes = size_t{8} << 20;
 
   MonitorHub(const ObjectRegistry& registry, const ObjectStore& objects);

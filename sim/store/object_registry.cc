@@ -121,13 +121,7 @@ std::optional<std::string> ObjectRegistry::FromText(ObjectType type, std::string
     *error = "the type is not registered: the object has to begin with hex: or text:";
     return std::nullopt;
   }
-  FirstError collector;
-  google::protobuf::TextFormat::Parser parser;
-  parser.RecordErrorsTo(&collector);
-  if (!parser.ParseFromString(std::string(text), message.get())) {
-    *error = collector.text;
-    return std::nullopt;
-  }
+  if (!ParseMessageText(text, message.get(), error)) return std::nullopt;
   return message->SerializeAsString();
 }
 
@@ -135,6 +129,15 @@ std::string ObjectRegistry::ToText(ObjectType type, const std::string& object) c
   const std::unique_ptr<Message> message = New(type);
   if (!message || !message->ParsePartialFromString(object)) return ToHex(object);
   return message->ShortDebugString();
+}
+
+bool ParseMessageText(std::string_view text, Message* message, std::string* error) {
+  FirstError collector;
+  google::protobuf::TextFormat::Parser parser;
+  parser.RecordErrorsTo(&collector);
+  if (parser.ParseFromString(std::string(text), message)) return true;
+  *error = collector.text;
+  return false;
 }
 
 std::optional<ObjectType> ParseObjectType(const std::string& text) {

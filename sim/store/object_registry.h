@@ -49,6 +49,9 @@ class ObjectRegistry {
   std::map<ObjectType, Entry> entries_;
 };
 
+/// Reads protobuf text format.  False, and `error` with the place and the cause, when it does not read so.
+bool ParseMessageText(std::string_view text, google::protobuf::Message* message, std::string* error);
+
 /// A name or number of the ObjectType enum.
 std::optional<ObjectType> ParseObjectType(const std::string& text);
 

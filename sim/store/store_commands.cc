@@ -1,7 +1,5 @@
 // The store's command table.  Types are names or numbers, "@VDB" behind one names a vdb other than 1.
 
-#include <google/protobuf/text_format.h>
-
 #include <charconv>
 #include <chrono>
 #include <stdexcept>
@@ -102,9 +100,8 @@ class StoreCommands {
 
   void Modify(const Arguments& arguments, const Reply& reply) const {
     proto::ModifyRequestMsg request;
-    if (!google::protobuf::TextFormat::ParseFromString(arguments[0], &request)) {
-      Refuse("the text is no ModifyRequestMsg");
-    }
+    std::string error;
+    if (!ParseMessageText(arguments[0], &request, &error)) Refuse("no ModifyRequestMsg: " + error);
     Answer(reply, daemon_.store().Modify({request}));
   }
 

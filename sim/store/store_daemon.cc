@@ -17,7 +17,8 @@ StoreDaemon::StoreDaemon(AsioZemProvider& provider, const std::string& endpoint,
   Listen();
 }
 
-StoreDaemon::~StoreDaemon() = default;
+// What waits holds the faults that hold it.
+StoreDaemon::~StoreDaemon() { faults_->DropWaiting(); }
 
 void StoreDaemon::Listen() {
   if (server_) return;

@@ -42,13 +42,22 @@ void StoreFaults::SetGarbage(const std::string& method, int count) {
 }
 
 void StoreFaults::SetFrozen(bool frozen) {
-  std::vector<std::function<void()>> waiting;
+  std::vector<Waiting> waiting;
   {
     const std::lock_guard lock(state_->mutex);
     state_->frozen = frozen;
     if (!frozen) waiting.swap(state_->waiting);
   }
-  for (auto& call : waiting) provider_.dispatcher().Post(std::move(call));
+  for (Waiting& call : waiting) {
+    provider_.dispatcher().Post(
+        [state = state_, call = std::move(call)] { Enter(state, call.method, call.serve); });
+  }
+}
+
+void StoreFaults::DropWaiting() {
+  std::vector<Waiting> waiting;  // goes after the lock
+  const std::lock_guard lock(state_->mutex);
+  waiting.swap(state_->waiting);
 }
 
 void StoreFaults::Clear() {
@@ -88,7 +97,7 @@ void StoreFaults::Enter(const std::shared_ptr<State>& state, const std::string& 
   {
     const std::lock_guard lock(state->mutex);
     if (state->frozen) {
-      state->waiting.push_back([state, method, serve = std::move(serve)] { Enter(state, method, serve); });
+      state->waiting.push_back({method, std::move(serve)});
       return;
     }
     Fault& fault = state->faults[method];

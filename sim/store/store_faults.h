@@ -38,6 +38,8 @@ class StoreFaults {
   void SetGarbage(const std::string& method, int count);
   /// While frozen, calls are taken and not served; they are when it ends.
   void SetFrozen(bool frozen);
+  /// Forgets the calls that wait while frozen; they get no answer.
+  void DropWaiting();
   /// Nothing goes wrong any longer.
   void Clear();
 
@@ -66,11 +68,15 @@ class StoreFaults {
     uint64_t calls = 0;
     uint64_t failed = 0;
   };
+  struct Waiting {
+    std::string method;
+    std::function<void(int)> serve;
+  };
   struct State {
     std::mutex mutex;  // guards all below
     std::map<std::string, Fault, std::less<>> faults;
     bool frozen = false;
-    std::vector<std::function<void()>> waiting;
+    std::vector<Waiting> waiting;
   };
   static void Enter(const std::shared_ptr<State>& state, const std::string& method,
                     std::function<void(int)> serve);

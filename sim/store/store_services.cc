@@ -87,8 +87,10 @@ class CoveDbService final : public proto::CoveDb::Service {
   }
 
   std::unique_ptr<rpc::RequestObserver<proto::ModifyRequestMsg>> Modify(
-      ServerContext&, CallHandle<proto::ModifyResponseMsg> call) override {
-    return std::make_unique<Batch>(store_, faults_, std::move(call));
+      ServerContext& context, CallHandle<proto::ModifyResponseMsg> call) override {
+    const auto ended = std::make_shared<std::atomic<bool>>(false);
+    context.SetOnClose([ended](const Status&) { *ended = true; });
+    return std::make_unique<Batch>(store_, faults_, std::move(call), ended);
   }
 
   void CreateVDb(ServerContext&, const proto::CreateVDbRequestMsg& request,
@@ -160,16 +162,21 @@ class CoveDbService final : public proto::CoveDb::Service {
   class Batch final : public rpc::RequestObserver<proto::ModifyRequestMsg> {
    public:
     Batch(std::shared_ptr<Store> store, std::shared_ptr<StoreFaults> faults,
-          CallHandle<proto::ModifyResponseMsg> call)
-        : store_(std::move(store)), faults_(std::move(faults)), call_(std::move(call)) {}
+          CallHandle<proto::ModifyResponseMsg> call, std::shared_ptr<std::atomic<bool>> ended)
+        : store_(std::move(store)),
+          faults_(std::move(faults)),
+          call_(std::move(call)),
+          ended_(std::move(ended)) {}
 
     void Next(const proto::ModifyRequestMsg& message) override { batch_.push_back(message); }
 
     void End(const Status& status) override {
       if (!status.ok()) return;  // the client broke off: nothing of the batch counts
-      faults_->Pass("Modify", [store = store_, call = call_,
-                               batch = std::make_shared<std::vector<proto::ModifyRequestMsg>>(
-                                   std::move(batch_))](int code) mutable {
+      auto batch = std::make_shared<std::vector<proto::ModifyRequestMsg>>(std::move(batch_));
+      faults_->Pass("Modify", [store = store_, call = call_, ended = ended_, batch](int code) mutable {
+        // Its client has sent it again by another connection, perhaps with later writes: too late for this
+        // one.
+        if (*ended) return;
         const Status result = code == 0 ? store->Modify(*batch) : Status(code, "as the fault says");
         Answer(call, result, proto::ModifyResponseMsg());
       });
@@ -179,6 +186,7 @@ class CoveDbService final : public proto::CoveDb::Service {
     const std::shared_ptr<Store> store_;
     const std::shared_ptr<StoreFaults> faults_;
     CallHandle<proto::ModifyResponseMsg> call_;
+    const std::shared_ptr<std::atomic<bool>> ended_;
     std::vector<proto::ModifyRequestMsg> batch_;
   };
 

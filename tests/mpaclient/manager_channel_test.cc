@@ -1,0 +1,419 @@
+#include "proto/switching/switching.pb.h"
+#include "proto/switching/switching_unified.pb.h"
+#include "tests/mpaclient/channel_fixture.h"
+
+namespace zem {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+constexpr const char* kSwitching = "SwitchingVertical";
+constexpr const char* kLldp = "LldpVertical";
+constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg";
+// Spread of the first stubs is 1 to 5 seconds.
+constexpr seconds kReady{6};
+
+// Everything at its right time: stubs after the host's own delay, the handshake with the master, one ACK with
+// the manager's version.
+TEST_F(ChannelTest, VerticalsBecomeReady) {
+  StartManager();
+  Register(kSwitching);
+  Register(kLldp);
+  Register("SupportBundle");
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
+  EXPECT_THAT(TypesSeenBy(kLldp), ElementsAre(kRmqClientRegistrationAck));
+  EXPECT_EQ(SeenBy(kSwitching)[0].major, 4u);
+  EXPECT_EQ(SeenBy(kSwitching)[0].header.msg_type, kRmqClientRegistrationAck);
+  EXPECT_EQ(SeenBy(kSwitching)[0].header.app_id, "zem");
+  EXPECT_EQ(MpaClient::Get(kSwitching)->connection_state(), MpaClient::kConnected);
+  EXPECT_TRUE(MpaClient::Get(kSwitching)->IsConnected());
+  EXPECT_THAT(Snapshot(kSwitching).stubs, UnorderedElementsAre(kAph1, kAph2));
+  EXPECT_FALSE(MpaClient::Get(kSwitching)->IsMasterStubMissing());
+  // Without an update callback it gets no stubs and serves only.
+  EXPECT_THAT(Snapshot("SupportBundle").stubs, IsEmpty());
+  EXPECT_EQ(MpaClient::Get("SupportBundle")->connection_state(), MpaClient::kDisconnected);
+  EXPECT_EQ(manager->served_app_inits()[kSwitching], 1u);
+  EXPECT_EQ(manager->served_app_inits().count(kLldp), 0u);
+}
+
+TEST_F(ChannelTest, RequestOfTheManagerIsAnsweredOnItsCall) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  on_record = [this](const Seen& record) {
+    if (record.type != kRmqMpRpcRequest) return;
+    BusHeader header;
+    header.type_id = kHostConfigType;
+    header.correlation_id = record.header.correlation_id;
+    EXPECT_EQ(Send(kSwitching, kRmqClientRpcResponse, header, record.payload), 0);
+    // The call is gone; without a routing key there is nowhere else to go.
+    EXPECT_EQ(Send(kSwitching, kRmqClientRpcResponse, header, record.payload), -1);
+  };
+  sim::Manager::SendRequest request;
+  request.vertical = kSwitching;
+  request.member = "HostConfigMsg";
+  request.text = "revision: \"7\"";
+  request.correlation_id = "c-1";
+  sim::HostAnswer answer;
+  answer.status = rpc::Status(99);
+  ASSERT_EQ(manager->Send(request, [&](const sim::HostAnswer& a) { answer = a; }), "");
+  clock.RunFor(milliseconds(10));
+  ASSERT_TRUE(answer.status.ok()) << answer.status.ToString();
+  EXPECT_THAT(sim::Manager::AnswerJson(kSwitching, answer), ::testing::HasSubstr("\"revision\":\"7\""));
+  EXPECT_EQ(answer.message.ctrl_header().correlation_id(), "c-1");
+  const Seen record = SeenBy(kSwitching).back();
+  EXPECT_EQ(record.header.type_id, kHostConfigType);
+  EXPECT_EQ(record.header.reply_to, kAph1);
+  orlane::zem::switching::HostConfigMsg config;
+  ASSERT_TRUE(config.ParseFromString(record.payload));
+  EXPECT_EQ(config.revision(), "7");
+}
+
+// What goes wrong on the way in drops the message, and only that.
+TEST_F(ChannelTest, InboundRules) {
+  StartManager();
+  Register(kSwitching);
+  Register(kLldp);
+  Register("INVENTORY_DISCOVERY_APPLICATION");
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  const auto send = [this](const std::string& vertical, const std::string& member, const std::string& text,
+                           const std::string& id, bool publish, bool header) {
+    sim::Manager::SendRequest request;
+    request.vertical = vertical;
+    request.member = member;
+    request.text = text;
+    request.correlation_id = id;
+    request.publish = publish;
+    request.with_header = header;
+    auto status = std::make_shared<int>(-1);
+    EXPECT_EQ(manager->Send(request, [status](const sim::HostAnswer& a) { *status = a.status.code(); }), "");
+    clock.RunFor(milliseconds(10));
+    return *status;
+  };
+  // A publish is answered at once, and again when its delivery fails.
+  EXPECT_EQ(send(kSwitching, "ChecksumMsg", "checksum: \"a\"", "p-1", true, true), 0);
+  EXPECT_EQ(SeenBy(kSwitching).back().type, kRmqMpPublish);
+  EXPECT_EQ(SeenBy(kSwitching).back().header.correlation_id, "");
+  EXPECT_EQ(send(kLldp, "RawPayloadMsg", "", "p-2", true, true), 0);
+  EXPECT_TRUE(log.Contains("[LldpVertical] Invalid raw message"));
+  EXPECT_THAT(TypesSeenBy(kLldp), ElementsAre(kRmqClientRegistrationAck));
+  // A request without a header gets an id of its own.
+  EXPECT_EQ(send(kSwitching, "ChecksumMsg", "", "", false, false), -1);
+  EXPECT_EQ(SeenBy(kSwitching).back().header.correlation_id.size(), 36u);
+  // A second request with an id that is open is dropped, and leaves the first one open.
+  EXPECT_EQ(send(kSwitching, "ChecksumMsg", "", "r-1", false, true), -1);
+  const size_t before = SeenBy(kSwitching).size();
+  EXPECT_EQ(send(kSwitching, "ChecksumMsg", "", "r-1", false, true), -1);
+  EXPECT_EQ(SeenBy(kSwitching).size(), before);
+  BusHeader answer;
+  answer.type_id = "com.orlane.zem.switching.ChecksumMsg";
+  answer.correlation_id = "r-1";
+  EXPECT_EQ(Send(kSwitching, kRmqClientRpcResponse, answer, ""), 0);
+  // New names become the old ones for those who know only these.
+  send("INVENTORY_DISCOVERY_APPLICATION", "IdaMsg", "command: 1", "i-1", false, true);
+  EXPECT_EQ(SeenBy("INVENTORY_DISCOVERY_APPLICATION").back().header.type_id, "com.orlane.zem.ida.IdaMsg");
+  // The manager's own app-init config is answered by the channel; the vertical does not see it.
+  const size_t switching = SeenBy(kSwitching).size();
+  EXPECT_EQ(send(kSwitching, "app_init_config", "sender: \"mp\"", "a-1", false, true), 0);
+  EXPECT_EQ(SeenBy(kSwitching).size(), switching);
+  EXPECT_TRUE(log.Contains("l2HostService::RpcMsgHandler Responded with AppInitConfigAckMsg"));
+}
+
+TEST_F(ChannelTest, OutboundRoads) {
+  StartManager();
+  Register(kSwitching);
+  Register(kLldp);
+  proxy_client->Start();
+  BusHeader header;
+  header.type_id = "com.orlane.zem.switching.VifMsg";
+  header.correlation_id = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7aff";
+  EXPECT_EQ(Send(kSwitching, kRmqClientRpcRequest, header, ""), -1) << "no stub yet";
+  clock.RunFor(kReady);
+  orlane::zem::switching::VifMsg vif;
+  vif.set_operation(3);
+  ASSERT_EQ(Send(kSwitching, kRmqClientRpcRequest, header, vif.SerializeAsString()), 0);
+  clock.RunFor(milliseconds(10));
+  const Seen answer = SeenBy(kSwitching).back();
+  EXPECT_EQ(answer.type, kRmqMpRpcResponse);
+  EXPECT_EQ(answer.header.correlation_id, header.correlation_id);
+  EXPECT_EQ(answer.header.type_id, header.type_id);
+  EXPECT_EQ(answer.payload, vif.SerializeAsString());
+  const sim::Received received = manager->ReceivedFrom(kSwitching, 0).back();
+  EXPECT_EQ(received.aph, kAph1);
+  EXPECT_EQ(received.host, kTn);
+  EXPECT_EQ(received.tracking_id, header.correlation_id);
+
+  // A routing key names the APH for this vertical only; for others it means nothing.
+  ASSERT_EQ(Send(kSwitching, kRmqClientPublish, header, "", kAph2), 0);
+  header.type_id = "com.orlane.zem.lldp.LldpInterfacesMsg";
+  header.correlation_id = "not a uuid";
+  ASSERT_EQ(Send(kLldp, kRmqClientPublish, header, "raw bytes", kAph2), 0);
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(manager->ReceivedFrom(kSwitching, 0).back().aph, kAph2);
+  EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).back().aph, kAph1);
+  EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).back().tracking_id.size(), 36u);
+
+  // An answer whose call is gone still finds its asker as a publish, from this vertical only.
+  header.type_id = kHostConfigType;
+  header.correlation_id = "gone";
+  EXPECT_EQ(Send(kSwitching, kRmqClientRpcResponse, header, "", kAph2), 0);
+  EXPECT_EQ(Send(kLldp, kRmqClientRpcResponse, header, "", kAph2), -1);
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(manager->ReceivedFrom(kSwitching, 0).back().correlation_id, "gone");
+
+  // What cannot be sent says so.
+  header.type_id = "com.orlane.zem.switching.Nonsense";
+  EXPECT_EQ(Send(kSwitching, kRmqClientPublish, header, ""), -1);
+  header.type_id = "com.orlane.zem.switching.VifMsg";
+  EXPECT_EQ(Send(kSwitching, kRmqClientPublish, header, "\xff\xff"), -1);
+  EXPECT_EQ(Send(kSwitching, kRmqMpPublish, header, ""), -1);
+}
+
+TEST_F(ChannelTest, OneRecordToEachAph) {
+  StartManager();
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  EXPECT_THAT(MpaClient::Get(kLldp)->Aphs(),
+              ::testing::UnorderedElementsAre(::testing::Pair(kAph1, true), ::testing::Pair(kAph2, false)));
+  BusHeader header;
+  header.type_id = "t";
+  BusRecord record(kRmqClientPublish);
+  record.SetApp(kLldp, "test").SetHeader(header).SetPayload("x");
+  for (const auto& [aph, master] : MpaClient::Get(kLldp)->Aphs()) {
+    rmqClientMessage message = record.message();
+    EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, aph), 0);
+  }
+  rmqClientMessage message = record.message();
+  EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, "nobody"), -1);
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).size(), 2u);
+}
+
+// A master change to an APH that has a stub needs no new stub, only a handshake.
+TEST_F(ChannelTest, MasterChangeToAKnownAphShakesHandsAtOnce) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  ASSERT_TRUE(manager->SetMaster(kAph2));
+  clock.RunFor(milliseconds(100));
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck, kRmqClientRegistrationAck));
+  EXPECT_FALSE(MpaClient::Get(kSwitching)->IsMasterStubMissing());
+  EXPECT_EQ(manager->served_app_inits()[kSwitching], 1u);
+  // The same list again changes nothing.
+  ASSERT_TRUE(manager->SetMaster(kAph2));
+  clock.RunFor(seconds(1));
+  EXPECT_TRUE(log.Contains("No Mastership change."));
+  EXPECT_EQ(SeenBy(kSwitching).size(), 2u);
+}
+
+// The loss of an APH has two outcomes: the master's takes the vertical down at once, another's only loses a
+// stub.
+TEST_F(ChannelTest, LostAphs) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  ASSERT_TRUE(manager->RemoveAph(kAph2, true));
+  clock.RunFor(milliseconds(100));
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
+  EXPECT_THAT(Snapshot(kSwitching).stubs, ElementsAre(kAph1));
+  EXPECT_EQ(Snapshot(kSwitching).timers, 1u) << "it is still listed, so it is tried again";
+
+  ASSERT_TRUE(manager->RemoveAph(kAph1, true));
+  clock.RunFor(milliseconds(100));
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck, kRmqClientClose));
+  EXPECT_TRUE(MpaClient::Get(kSwitching)->IsMasterStubMissing());
+  EXPECT_EQ(MpaClient::Get(kSwitching)->connection_state(), MpaClient::kDisconnected);
+  EXPECT_FALSE(MpaClient::Get(kSwitching)->IsConnected());
+
+  manager->AddAph(kAph1, true);
+  clock.RunFor(seconds(30));
+  EXPECT_THAT(TypesSeenBy(kSwitching),
+              ElementsAre(kRmqClientRegistrationAck, kRmqClientClose, kRmqClientRegistrationAck));
+}
+
+// An APH that leaves the list for good is not tried again.
+TEST_F(ChannelTest, RemovedAphIsForgotten) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  ASSERT_TRUE(manager->RemoveAph(kAph2, false));
+  clock.RunFor(seconds(20));
+  EXPECT_THAT(Snapshot(kSwitching).stubs, ElementsAre(kAph1));
+  EXPECT_EQ(Snapshot(kSwitching).timers, 0u);
+  EXPECT_EQ(Snapshot(kSwitching).in_flight, 0u);
+  EXPECT_EQ(MpaClient::Get(kSwitching)->Aphs().size(), 1u);
+}
+
+// One outage is one CLOSE and, when the proxy is back, one ACK, for verticals with and without a handshake.
+TEST_F(ChannelTest, ProxyDiesAndComesBack) {
+  StartManager();
+  Register(kSwitching);
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  for (int i = 0; i < 3; ++i) {
+    manager->StopProxy();
+    clock.RunFor(seconds(7));
+    EXPECT_THAT(Snapshot(kSwitching).stubs, IsEmpty());
+    EXPECT_EQ(Snapshot(kSwitching).timers, 0u);
+    manager->StartProxy();
+    clock.RunFor(seconds(25));
+  }
+  const std::vector<int32_t> expected = {
+      kRmqClientRegistrationAck, kRmqClientClose, kRmqClientRegistrationAck, kRmqClientClose,
+      kRmqClientRegistrationAck, kRmqClientClose, kRmqClientRegistrationAck};
+  EXPECT_EQ(TypesSeenBy(kSwitching), expected);
+  EXPECT_EQ(TypesSeenBy(kLldp), expected);
+}
+
+// A handshake that fails is tried after 10, 20, 30, 30 seconds without end; a success resets the delay.
+TEST_F(ChannelTest, RefusedAppInitIsRetried) {
+  StartManager();
+  sim::AnswerRule refuse;
+  refuse.kind = sim::AnswerRule::Kind::kStatus;
+  refuse.count = 4;
+  manager->SetRule(kSwitching, true, refuse);
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  const auto requests = [this] { return manager->ReceivedFrom(kSwitching, 0).size(); };
+  ASSERT_EQ(requests(), 1u);
+  // The first request came within the spread of up to 5 of these 6 seconds.
+  size_t expected = 1;
+  for (const seconds delay : {seconds(10), seconds(20), seconds(30), seconds(30)}) {
+    clock.RunFor(delay - kReady);
+    EXPECT_EQ(requests(), expected) << delay.count();
+    clock.RunFor(kReady);
+    EXPECT_EQ(requests(), ++expected) << delay.count();
+  }
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
+  manager->SetRule(kSwitching, true, refuse);
+  manager->SetMaster(kAph2);
+  clock.RunFor(seconds(9));
+  EXPECT_EQ(requests(), expected + 1);
+  clock.RunFor(seconds(2));
+  EXPECT_EQ(requests(), expected + 2) << "the delay began again at 10 s";
+}
+
+// No answer for 30 s: the call is given up and a new one made; a late answer to the old one changes nothing.
+TEST_F(ChannelTest, SilentAppInitStartsOver) {
+  StartManager();
+  sim::AnswerRule late;
+  late.delay = seconds(40);
+  late.count = 1;
+  manager->SetRule(kSwitching, true, late);
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady + seconds(30));
+  EXPECT_TRUE(log.Contains("[SwitchingVertical] Cancelling last RPC call handle for seq"));
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
+  clock.RunFor(seconds(60));
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
+}
+
+// Answers that are none are failures of the handshake, not of the client.
+TEST_F(ChannelTest, GarbageAppInitAnswersAreRetried) {
+  StartManager();
+  for (const auto kind : {sim::AnswerRule::Kind::kGarbage, sim::AnswerRule::Kind::kWrongType}) {
+    sim::AnswerRule rule;
+    rule.kind = kind;
+    rule.count = 1;
+    manager->SetRule(kSwitching, true, rule);
+    if (verticals.empty()) {
+      Register(kSwitching);
+      proxy_client->Start();
+    } else {
+      manager->SetMaster(kAph2);
+    }
+    clock.RunFor(kReady);
+    const size_t before = SeenBy(kSwitching).size();
+    clock.RunFor(seconds(11));
+    EXPECT_EQ(SeenBy(kSwitching).size(), before + 1);
+  }
+}
+
+// A request that nobody answers is forgotten after 300 s; the answer then has no call any more.
+TEST_F(ChannelTest, StaleCallsArePurged) {
+  StartManager();
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  sim::Manager::SendRequest request;
+  request.vertical = kLldp;
+  request.member = "RawPayloadMsg";
+  request.text = "payload: \"x\"";
+  request.correlation_id = "old";
+  request.timeout = std::chrono::hours(1);
+  ASSERT_EQ(manager->Send(request, [](const sim::HostAnswer&) {}), "");
+  clock.RunFor(seconds(299));
+  EXPECT_FALSE(log.Contains("Removing call handle, corelationId (old)"));
+  clock.RunFor(seconds(310));
+  EXPECT_TRUE(log.Contains("Removing call handle, corelationId (old)"));
+  BusHeader header;
+  header.type_id = "t";
+  header.correlation_id = "old";
+  EXPECT_EQ(Send(kLldp, kRmqClientRpcResponse, header, "x"), -1);
+}
+
+// A stub that lands while a new list is being taken over belongs to the old list.
+TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  // Frozen bytes keep the creations in flight.
+  clock.RunFor(milliseconds(900));
+  network.Freeze("tcp://127.0.0.1:4096", true);
+  clock.RunFor(kReady);
+  ASSERT_GT(Snapshot(kSwitching).in_flight, 0u);
+  MpaClient::Get(kSwitching)->updateStubMap();
+  EXPECT_TRUE(Snapshot(kSwitching).update_pending);
+  MpaClient::Get(kSwitching)->updateStubMap();
+  EXPECT_TRUE(log.Contains("updateStubMap: Already Pending"));
+  network.Freeze("tcp://127.0.0.1:4096", false);
+  clock.RunFor(milliseconds(600));
+  EXPECT_TRUE(log.Contains("update stub is pending."));
+  EXPECT_FALSE(Snapshot(kSwitching).update_pending);
+  clock.RunFor(kReady);
+  EXPECT_THAT(Snapshot(kSwitching).stubs, UnorderedElementsAre(kAph1, kAph2));
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
+}
+
+// Context engine verticals come from a thread of their own, when everything is up already.
+TEST_F(ChannelTest, LateVerticalCatchesUp) {
+  StartManager();
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  Register("Context-Health");
+  clock.RunFor(kReady);
+  EXPECT_THAT(TypesSeenBy("Context-Health"), ElementsAre(kRmqClientRegistrationAck));
+}
+
+TEST_F(ChannelTest, UnregisteredVerticalLeavesNothingBehind) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  std::weak_ptr<MpaClient> weak = MpaClient::Get(kSwitching);
+  MpaClient::Unregister(kSwitching);
+  clock.RunFor(seconds(1));
+  EXPECT_TRUE(weak.expired());
+  manager->SetMaster(kAph2);
+  clock.RunFor(seconds(1));
+  EXPECT_EQ(SeenBy(kSwitching).size(), 1u);
+}
+
+}  // namespace
+}  // namespace zem
