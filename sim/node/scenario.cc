@@ -136,16 +136,20 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
   return true;
 }
 
+unsigned long long Scenario::LastLogNumber() {
+  const Json parsed{cJSON_Parse(node_.Execute("log/find . 1").c_str())};
+  const cJSON* const last = Find(parsed.get(), "result.last_number");
+  return cJSON_IsNumber(last) ? static_cast<unsigned long long>(last->valuedouble) : 0;
+}
+
 bool Scenario::Line(const std::string& line) {
   std::string rest = line;
   if (TakePrefix(&rest, "step ")) {
     EndStep();
     step_ = rest;
     step_begin_ns_ = NowNs();
-    const std::string answer = node_.Execute("log/find . 1");
-    const Json parsed{cJSON_Parse(answer.c_str())};
-    const cJSON* const last = Find(parsed.get(), "result.last_number");
-    step_log_ = cJSON_IsNumber(last) ? static_cast<unsigned long long>(last->valuedouble) : 0;
+    step_log_ = first_step_ ? 0 : LastLogNumber();
+    first_step_ = false;
     out_ << "\n== " << step_ << "\n" << std::flush;
     return true;
   }

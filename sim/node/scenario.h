@@ -16,7 +16,8 @@ class ControlClient;
 ///     await SECONDS daemon/state     a command that has to be answered "ok" within a time
 ///     expect PATH == VALUE           on the last answer; PATH is dotted, "[N]" an element, "error" a refusal
 ///     expect PATH ~ PATTERN [within SECONDS]     also != >= <=; "within" repeats the last command until it
-///     holds expect log ~ PATTERN [within SECONDS]      a line of the node's log since the step began expect
+///     holds expect log ~ PATTERN [within SECONDS]      a line of the node's log since the step began
+///                                            (in the first step: since the node's start) expect
 ///     no log ~ PATTERN                    none since the step began expect file PATH ~ PATTERN [within
 ///     SECONDS] show PATH                      prints a part of the last answer
 ///
@@ -35,6 +36,7 @@ class Scenario {
   bool Await(const std::string& text);
   bool Show(const std::string& path);
   void EndStep();
+  unsigned long long LastLogNumber();
 
   ControlClient& node_;
   std::ostream& out_;
@@ -43,6 +45,8 @@ class Scenario {
   std::string problem_;
   std::string step_;
   long long step_begin_ns_ = 0;
+  // The first step sees the log from the node's start.
+  bool first_step_ = true;
   unsigned long long step_log_ = 0;
 };
 
