@@ -43,7 +43,7 @@ class LcpAdapter : public RefCounted<LcpAdapter, IRefCountable> {
   void Stop();
 
   /// Queues the message; waits while the link's queue is full, so never call it on a provider's thread.
-  /// False, with a line, when it was not queued.
+  /// False when it was not queued: it is above 16 MiB, not complete, or the link was stopped.
   [[nodiscard]] bool Send(uint8_t frame_type, const orlane::zem::lcp::LcpDpMsg& message);
 
   /// The handler of the sub-messages with the protobuf type `type_name`; replaces one of the same type. Stays

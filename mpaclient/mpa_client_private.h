@@ -22,7 +22,7 @@ class MpaClientHostService;
 namespace rpc {
 class Server;
 class ServiceBase;
-}
+}  // namespace rpc
 
 /// The two calls that every manager-side service has, whichever service it is.
 class MpStub {

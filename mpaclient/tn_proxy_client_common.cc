@@ -222,8 +222,9 @@ void TnProxyClientCommon::RetryStubLater() {
   if (stopped_) retry_timer_->Cancel();
 }
 
-// A connection that is lost brings its own new subscription; one that ended by itself, while the connection lives, is
-// renewed here.  Which of the two it is shows only after the channels of a lost connection are through.
+// A connection that is lost brings its own new subscription; one that ended by itself, while the connection
+// lives, is renewed here.  Which of the two it is shows only after the channels of a lost connection are
+// through.
 void TnProxyClientCommon::SubscriptionEnded(uint64_t subscription) {
   info_provider_.dispatcher().Post([weak = weak_from_this(), subscription] {
     const auto self = weak.lock();
