@@ -53,6 +53,14 @@ std::optional<std::string> FromHex(const std::string& hex) {
   return bytes;
 }
 
+std::optional<ObjectType> ParseType(const std::string& text) {
+  int number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (!orlane::zem::covedb::ObjectType_IsValid(number)) return std::nullopt;
+  return static_cast<ObjectType>(number);
+}
+
 }  // namespace
 
 class Probe::Impl : public std::enable_shared_from_this<Impl> {
@@ -105,6 +113,19 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
     return client->SendMessage(&message) == 0 ? "" : "Not sent: the manager cannot be reached";
   }
 
+  std::string Put(const std::string& type_text, const std::string& object) {
+    const auto type = ParseType(type_text);
+    if (!type) return "Not an object type: " + type_text;
+    if (!store_) return "No store on this node";
+    covedb::ModifyRequestMsg request;
+    auto& put = *request.add_modify_msg()->mutable_put_msg();
+    put.set_object_type(*type);
+    put.set_object(object);
+    put.add_vdb_id(covedb::kDefaultVDb);
+    store_->Modify({request}, [object] { ZLOG_INFO("The store has taken: %s", object.c_str()); });
+    return "";
+  }
+
   std::string SendToDataplane(const std::string& hex) {
     const auto bytes = FromHex(hex);
     orlane::zem::lcp::LcpDpMsg message;
@@ -134,14 +155,11 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
     }
     std::list<covedb::MonitorStatementMsg> statements;
     for (const std::string& text : object_types_) {
-      int number = 0;
-      const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-      if (error != std::errc() || end != text.data() + text.size() ||
-          !orlane::zem::covedb::ObjectType_IsValid(number)) {
+      if (const auto type = ParseType(text)) {
+        statements.push_back(covedb::MonitorStatementFor(*type));
+      } else {
         ZLOG_WARN("Not an object type: %s", text.c_str());
-        continue;
       }
-      statements.push_back(covedb::MonitorStatementFor(static_cast<ObjectType>(number)));
     }
     if (!store_->ConfigureMonitor(statements, {}, kModuleId, covedb::kDefaultVDb)) {
       ZLOG_WARN("The store client refused the monitor");

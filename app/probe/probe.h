@@ -37,7 +37,8 @@ class Probe {
   void Stop();
 
   /// "probe/send VERTICAL KIND TYPE HEX": sends a record of the given kind ("request" or "publish") to the
-  /// manager.  "probe/lcp HEX": sends an LcpDpMsg to the dataplane agent.
+  /// manager.  "probe/lcp HEX": sends an LcpDpMsg to the dataplane agent.  "probe/put TYPE TEXT": puts an
+  /// object into the store and logs when the store has taken it.
   void RegisterCommands(CliServer* server);
 
  private:

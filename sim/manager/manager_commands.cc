@@ -239,6 +239,14 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
          m->StartProxy();
          reply.Ok();
        }});
+  table.Register({"proxy/forwarding", "on|off",
+                  "While off, the proxy tells of APHs but nobody reaches its forwarding endpoint.", 1, 1,
+                  [m](const Arguments& arguments, Reply reply) {
+                    if (arguments[0] != "on" && arguments[0] != "off") return reply.Fail("on or off");
+                    if (m->proxy() == nullptr) return reply.Fail("the proxy does not run");
+                    m->proxy()->SetForwarding(arguments[0] == "on");
+                    reply.Ok();
+                  }});
   table.Register({"proxy/end-subscriptions", "STATUS", "Ends the subscriptions to the list of APHs.", 1, 1,
                   [m](const Arguments& arguments, Reply reply) {
                     const auto status = Number(arguments[0]);

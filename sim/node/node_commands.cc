@@ -129,7 +129,7 @@ void ReadNodeFile(const Arguments& arguments, const Reply& reply) {
 
 void WriteNodeFile(const Arguments& arguments, const Reply& reply) {
   std::ofstream out(arguments[0], std::ios::binary | std::ios::trunc);
-  out << (arguments.size() > 1 ? arguments[1] : "");
+  for (size_t i = 1; i < arguments.size(); ++i) out << (i > 1 ? "\n" : "") << arguments[i];
   out.close();
   if (!out) return reply.Fail(arguments[0] + ": " + std::strerror(errno));
   reply.Ok();
@@ -301,7 +301,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   0, 0, [n](const Arguments&, Reply reply) { ShowRaw(*n->listeners_, reply); }});
   table.Register({"file/read", "PATH", "Shows a file as the node sees it.", 1, 1,
                   [](const Arguments& arguments, Reply reply) { ReadNodeFile(arguments, reply); }});
-  table.Register({"file/write", "PATH [TEXT]", "Writes a file of the node.", 1, 2,
+  table.Register({"file/write", "PATH [LINE...]",
+                  "Writes a file of the node; there is no newline behind the last line.", 1, kMany,
                   [](const Arguments& arguments, Reply reply) { WriteNodeFile(arguments, reply); }});
   table.Register({"file/remove", "PATH", "Removes a file of the node.", 1, 1,
                   [](const Arguments& arguments, Reply reply) {
