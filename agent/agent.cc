@@ -244,7 +244,7 @@ void Agent::Impl::StartApplications() {
     cli_server_->Start();
   }
   if (const auto options = OptionsTree().get_child_optional("probe")) {
-    probe_ = std::make_unique<Probe>(*provider_, store_client_, *options);
+    probe_ = std::make_unique<Probe>(*provider_, store_client_, lcp_adapter_, *options);
     probe_->RegisterCommands(cli_server_.get());
     probe_->Start();
   }
