@@ -18,6 +18,7 @@ namespace zem::sim {
 namespace {
 
 constexpr auto kPollInterval = std::chrono::milliseconds(100);
+constexpr double kLogPatience = 2;  // seconds; the log comes by a road of its own
 constexpr size_t kMaxShown = 2000;
 
 long long NowNs() { return Clock::Process().Now().time_since_epoch().count(); }
@@ -212,9 +213,9 @@ bool Scenario::Expect(const std::string& text) {
     return false;
   }
   if (condition->path == "log" && condition->operation == "~") {
-    const std::string answer =
-        node_.Execute("log/wait " + Quote(condition->value) + " " + std::to_string(condition->within) + " " +
-                      std::to_string(step_log_));
+    const double within = std::max(condition->within, kLogPatience);
+    const std::string answer = node_.Execute("log/wait " + Quote(condition->value) + " " +
+                                             std::to_string(within) + " " + std::to_string(step_log_));
     const Json parsed{cJSON_Parse(answer.c_str())};
     if (IsOk(answer)) {
       out_ << "     log: " << Shorten(Text(Find(parsed.get(), "result.text"))) << "\n" << std::flush;

@@ -10,15 +10,18 @@ class ControlClient;
 /// Runs the commands of a file on a node and checks what comes back.
 ///
 ///     # a comment
-///     step The proxy dies            prints a headline; the time of each step is told
-///     manager state                  a command: has to be answered "ok"
-///     fails manager master nobody    a command that has to be refused
-///     await SECONDS daemon/state     a command that has to be answered "ok" within a time
-///     expect PATH == VALUE           on the last answer; PATH is dotted, "[N]" an element, "error" a refusal
-///     expect PATH ~ PATTERN [within SECONDS]     also != >= <=; "within" repeats the last command until it
-///     holds expect log ~ PATTERN [within SECONDS]      a line of the node's log since the step began expect
-///     no log ~ PATTERN                    none since the step began expect file PATH ~ PATTERN [within
-///     SECONDS] show PATH                      prints a part of the last answer
+///     step The proxy dies                 prints a headline; the time of each step is told
+///     manager state                       a command: has to be answered "ok"
+///     fails manager master nobody         a command that has to be refused
+///     await SECONDS daemon/state          a command that has to be answered "ok" within a time
+///     expect PATH == VALUE                on the last answer; PATH is dotted, "[N]" an element, "error" a
+///                                         refusal; also != >= <= and ~ PATTERN
+///     expect PATH == VALUE within SECONDS repeats the last command until it holds
+///     expect log ~ PATTERN [within SECONDS]        a line of the node's log since the step began; 2 seconds
+///                                                  unless told otherwise
+///     expect no log ~ PATTERN             none since the step began
+///     expect file PATH ~ PATTERN [within SECONDS]
+///     show PATH                           prints a part of the last answer
 ///
 /// Stops at the first line that does not hold and tells which it was and what was there instead.
 class Scenario {
