@@ -1,5 +1,7 @@
 #include "sim/manager/proxy.h"
 
+#include <algorithm>
+
 #include "platform/core/uuid.h"
 #include "platform/rpc/server.h"
 #include "platform/rpc/transport.h"
@@ -69,7 +71,8 @@ class Proxy::InfoService final : public ApplProxyInfoService::Service {
 
   size_t subscribers() const {
     std::lock_guard lock(mutex_);
-    return subscribers_.size();
+    return static_cast<size_t>(std::count_if(subscribers_.begin(), subscribers_.end(),
+                                             [](const auto& call) { return !call.FinalStatus(); }));
   }
 
  private:

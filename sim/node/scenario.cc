@@ -137,7 +137,14 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
   return true;
 }
 
-bool Scenario::Line(const std::string& line) {
+bool Scenario::Line(const std::string& text) {
+  std::string line = text;
+  for (const auto& [name, value] : kept_) {
+    const std::string word = "${" + name + "}";
+    for (size_t at = line.find(word); at != std::string::npos; at = line.find(word, at + value.size())) {
+      line.replace(at, word.size(), value);
+    }
+  }
   std::string rest = line;
   if (TakePrefix(&rest, "step ")) {
     EndStep();
@@ -152,9 +159,11 @@ bool Scenario::Line(const std::string& line) {
   }
   if (TakePrefix(&rest, "expect ")) return Expect(rest);
   if (TakePrefix(&rest, "show ")) return Show(rest);
-  if (TakePrefix(&rest, "fails ")) return Command(rest, true);
+  if (TakePrefix(&rest, "keep ")) return Keep(rest);
+  if (TakePrefix(&rest, "fails ")) return Command(rest, Outcome::kRefusal);
+  if (TakePrefix(&rest, "try ")) return Command(rest, Outcome::kAny);
   if (TakePrefix(&rest, "await ")) return Await(rest);
-  return Command(line, false);
+  return Command(line, Outcome::kOk);
 }
 
 void Scenario::EndStep() {
@@ -164,13 +173,13 @@ void Scenario::EndStep() {
   step_.clear();
 }
 
-bool Scenario::Command(const std::string& line, bool has_to_fail) {
+bool Scenario::Command(const std::string& line, Outcome wanted) {
   last_command_ = line;
   const long long begin = NowNs();
   last_answer_ = node_.Execute(line);
   const double ms = static_cast<double>(NowNs() - begin) / 1e6;
   out_ << "   > " << line << "   (" << std::fixed << std::setprecision(1) << ms << " ms)\n" << std::flush;
-  if (IsOk(last_answer_) != has_to_fail) return true;
+  if (wanted == Outcome::kAny || IsOk(last_answer_) == (wanted == Outcome::kOk)) return true;
   problem_ = Shorten(last_answer_);
   return false;
 }
@@ -184,14 +193,30 @@ bool Scenario::Await(const std::string& text) {
   }
   const std::string command = Trim(text.substr(static_cast<size_t>(end - text.data())));
   const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(seconds * 1e9));
-  while (!IsOk(node_.Execute(command)) && Clock::Process().Now() < deadline) SleepFor(kPollInterval);
-  return Command(command, false);
+  for (;;) {
+    if (Command(command, Outcome::kOk)) return true;
+    if (Clock::Process().Now() >= deadline) return false;
+    SleepFor(kPollInterval);
+  }
 }
 
 bool Scenario::Show(const std::string& path) {
   const Json parsed{cJSON_Parse(last_answer_.c_str())};
   out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), "result." + path))) << "\n"
        << std::flush;
+  return true;
+}
+
+bool Scenario::Keep(const std::string& text) {
+  const size_t end = text.find(' ');
+  const std::string path = end == std::string::npos ? "" : Trim(text.substr(end));
+  const Json parsed{cJSON_Parse(last_answer_.c_str())};
+  const cJSON* const value = path.empty() ? nullptr : Find(parsed.get(), "result." + path);
+  if (value == nullptr) {
+    problem_ = "nothing to keep in " + Shorten(last_answer_);
+    return false;
+  }
+  kept_[text.substr(0, end)] = Text(value);
   return true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <map>
 #include <string>
 
 namespace zem::sim {
@@ -13,6 +14,7 @@ class ControlClient;
 ///     step The proxy dies                 prints a headline; the time of each step is told
 ///     manager state                       a command: has to be answered "ok"
 ///     fails manager master nobody         a command that has to be refused
+///     try cli set/loglevel info           a command that may be refused, or answered by nobody
 ///     await SECONDS daemon/state          a command that has to be answered "ok" within a time
 ///     expect PATH == VALUE                on the last answer; PATH is dotted, "[N]" an element, "error" a
 ///                                         refusal; also != >= <= and ~ PATTERN
@@ -22,6 +24,8 @@ class ControlClient;
 ///     expect no log ~ PATTERN             none since the step began
 ///     expect file PATH ~ PATTERN [within SECONDS]
 ///     show PATH                           prints a part of the last answer
+///     keep NAME PATH                      keeps a part of the last answer; ${NAME} stands for it from here
+///     on
 ///
 /// Stops at the first line that does not hold and tells which it was and what was there instead.
 class Scenario {
@@ -32,15 +36,18 @@ class Scenario {
   bool Run(std::istream& lines, const std::string& name);
 
  private:
-  bool Line(const std::string& line);
-  bool Command(const std::string& line, bool has_to_fail);
+  bool Line(const std::string& text);
+  enum class Outcome { kOk, kRefusal, kAny };
+  bool Command(const std::string& line, Outcome wanted);
   bool Expect(const std::string& condition);
   bool Await(const std::string& text);
   bool Show(const std::string& path);
+  bool Keep(const std::string& text);
   void EndStep();
 
   ControlClient& node_;
   std::ostream& out_;
+  std::map<std::string, std::string> kept_;
   std::string last_command_;
   std::string last_answer_;
   std::string problem_;
