@@ -147,7 +147,9 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
   }
 
   void StartMonitor() {
-    if (!store_ || object_types_.empty()) return;
+    if (!store_) return;
+    store_->AddChannelStatusCallback([](bool up) { ZLOG_INFO("Store channel: %s", up ? "up" : "down"); });
+    if (object_types_.empty()) return;
     if (!store_->RegisterMonitorCallback(
             kModuleId, [](const MonitorUpdateMsg& update) { LogUpdate(update); },
             [] { ZLOG_INFO("Store barrier"); }, covedb::kDefaultVDb)) {
@@ -215,14 +217,19 @@ void Probe::RegisterCommands(CliServer* server) {
       reply.Error(std::move(error));
     }
   };
-  server->AddCommands(
-      {{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
-        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
-          answer(std::move(reply), impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]));
-        }},
-       {"probe/lcp", "<hex>", 1, 1, [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
-          answer(std::move(reply), impl->SendToDataplane(arguments[0]));
-        }}});
+  server->AddCommands({{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
+                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
+                          answer(std::move(reply),
+                                 impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]));
+                        }},
+                       {"probe/lcp", "<hex>", 1, 1,
+                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
+                          answer(std::move(reply), impl->SendToDataplane(arguments[0]));
+                        }},
+                       {"probe/put", "<type> <text>", 2, 2,
+                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
+                          answer(std::move(reply), impl->Put(arguments[0], arguments[1]));
+                        }}});
 }
 
 }  // namespace zem::Tarvik

@@ -1,7 +1,6 @@
 #include "sim/manager/proxy.h"
 
 #include <algorithm>
-#include <atomic>
 
 #include "platform/core/uuid.h"
 #include "platform/rpc/server.h"
@@ -39,7 +38,7 @@ ApplProxyInfoRspMsg ToMessage(const ProxyInfo& info) {
 
 class Proxy::InfoService final : public ApplProxyInfoService::Service {
  public:
-  void Subscribe(rpc::ServerContext& context, const ApplProxyInfoReqMsg&,
+  void Subscribe(rpc::ServerContext&, const ApplProxyInfoReqMsg&,
                  rpc::CallHandle<ApplProxyInfoRspMsg> call) override {
     std::lock_guard lock(mutex_);
     if (refuse_) {
@@ -47,24 +46,22 @@ class Proxy::InfoService final : public ApplProxyInfoService::Service {
       return;
     }
     if (info_) call.Write(*info_);
-    const auto open = std::make_shared<std::atomic<bool>>(true);
-    context.SetOnClose([open](const rpc::Status&) { *open = false; });
-    subscribers_.push_back({std::move(call), open});
+    subscribers_.push_back(std::move(call));
   }
 
   void Publish(const ApplProxyInfoRspMsg& info) {
     std::lock_guard lock(mutex_);
     info_ = info;
-    std::erase_if(subscribers_, [&info](Subscriber& each) { return !*each.open || !each.call.Write(info); });
+    std::erase_if(subscribers_, [&info](auto& call) { return !call.Write(info); });
   }
 
   void End(int status) {
-    std::vector<Subscriber> ended;
+    std::vector<rpc::CallHandle<ApplProxyInfoRspMsg>> ended;
     {
       std::lock_guard lock(mutex_);
       ended.swap(subscribers_);
     }
-    for (Subscriber& each : ended) each.call.Close(status, "ended by the scenario");
+    for (auto& call : ended) call.Close(status, "ended by the scenario");
   }
 
   void Refuse(std::optional<int> status) {
@@ -75,19 +72,14 @@ class Proxy::InfoService final : public ApplProxyInfoService::Service {
   size_t subscribers() const {
     std::lock_guard lock(mutex_);
     return static_cast<size_t>(std::count_if(subscribers_.begin(), subscribers_.end(),
-                                             [](const Subscriber& each) { return each.open->load(); }));
+                                             [](const auto& call) { return !call.FinalStatus(); }));
   }
 
  private:
-  struct Subscriber {
-    rpc::CallHandle<ApplProxyInfoRspMsg> call;
-    std::shared_ptr<std::atomic<bool>> open;
-  };
-
   mutable std::mutex mutex_;  // guards all below
   std::optional<ApplProxyInfoRspMsg> info_;
   std::optional<int> refuse_;
-  std::vector<Subscriber> subscribers_;
+  std::vector<rpc::CallHandle<ApplProxyInfoRspMsg>> subscribers_;
 };
 
 Proxy::Proxy(const std::string& info_endpoint, const std::string& forwarding_endpoint)

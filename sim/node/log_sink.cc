@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -17,6 +18,8 @@ namespace {
 
 constexpr int kReceiveBuffer = 8 * 1024 * 1024;
 constexpr size_t kMaxDatagram = 1024 * 1024;
+constexpr auto kWritten = std::chrono::seconds(2);
+constexpr auto kLook = std::chrono::milliseconds(1);
 
 }  // namespace
 
@@ -85,10 +88,11 @@ void LogSink::Receive() {
     pollfd fds[] = {{socket_.get(), POLLIN, 0}, {stop_read_.get(), POLLIN, 0}};
     if (::poll(fds, 2, -1) < 0 && errno != EINTR) return;
     if (fds[1].revents != 0) return;
+    // Under the lock, so that a line is either still in the socket or to be found.
+    std::lock_guard lock(mutex_);
     const ssize_t size = ::recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (size <= 0) continue;
     LogLine line = ParseLogLine(std::string_view(buffer.data(), static_cast<size_t>(size)));
-    std::lock_guard lock(mutex_);
     line.number = ++last_number_;
     if (follow_) follow_(line);
     lines_.push_back(std::move(line));
@@ -97,7 +101,16 @@ void LogSink::Receive() {
   }
 }
 
+void LogSink::AwaitWritten() const {
+  const TimePoint deadline = Clock::Process().Now() + kWritten;
+  for (int unread = 1; unread > 0 && Clock::Process().Now() < deadline;) {
+    if (::ioctl(socket_.get(), FIONREAD, &unread) < 0) return;
+    if (unread > 0) SleepFor(kLook);
+  }
+}
+
 uint64_t LogSink::last_number() const {
+  AwaitWritten();
   std::lock_guard lock(mutex_);
   return last_number_;
 }
@@ -105,6 +118,7 @@ uint64_t LogSink::last_number() const {
 std::vector<LogLine> LogSink::Find(const std::string& pattern, uint64_t after, size_t limit) const {
   const std::regex expression(pattern);
   std::deque<LogLine> found;
+  AwaitWritten();
   std::lock_guard lock(mutex_);
   for (auto line = lines_.rbegin(); line != lines_.rend() && found.size() < limit; ++line) {
     if (line->number <= after) break;

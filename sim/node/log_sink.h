@@ -26,6 +26,8 @@ struct LogLine {
 
 /// The node's system log: takes datagrams at a socket such as "/dev/log" and keeps the last lines.
 ///
+/// What was written before a call of `last_number` or `Find` began is seen by it.
+///
 /// Threads: all operations from any thread.
 class LogSink {
  public:
@@ -43,6 +45,7 @@ class LogSink {
 
  private:
   void Receive();
+  void AwaitWritten() const;
 
   const std::string path_;
   const std::function<void(const LogLine&)> follow_;
