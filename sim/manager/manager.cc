@@ -80,15 +80,25 @@ Manager::~Manager() {
 }
 
 void Manager::StartProxy() {
-  if (proxy_) return;
-  proxy_ = std::make_unique<Proxy>(options_.info_endpoint, options_.forwarding_endpoint);
   std::lock_guard lock(mutex_);
+  if (proxy_) return;
+  proxy_ = std::make_shared<Proxy>(options_.info_endpoint, options_.forwarding_endpoint);
   PublishLocked();
 }
 
-void Manager::StopProxy() { proxy_.reset(); }
+// Its end waits for its thread, so it comes after the lock.
+void Manager::StopProxy() {
+  std::shared_ptr<Proxy> ended;
+  std::lock_guard lock(mutex_);
+  ended.swap(proxy_);
+}
 
-bool Manager::proxy_running() const { return proxy_ != nullptr; }
+bool Manager::proxy_running() const { return proxy() != nullptr; }
+
+std::shared_ptr<Proxy> Manager::proxy() const {
+  std::lock_guard lock(mutex_);
+  return proxy_;
+}
 
 void Manager::PublishLocked() {
   if (!proxy_) return;
@@ -100,7 +110,7 @@ void Manager::PublishLocked() {
 }
 
 void Manager::PublishRaw(ProxyInfo info) {
-  if (proxy_) proxy_->Publish(std::move(info));
+  if (const auto running = proxy()) running->Publish(std::move(info));
 }
 
 void Manager::AddAph(const std::string& id, bool master) {
