@@ -14,8 +14,6 @@ namespace {
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 
-constexpr size_t kMaxRemembered = 100000;
-
 class ErrorText final : public google::protobuf::io::ErrorCollector {
  public:
   void AddError(int line, google::protobuf::io::ColumnNumber column, const std::string& message) override {
@@ -205,7 +203,7 @@ void Manager::Receive(const Aph& aph, const std::string& vertical, const std::st
   std::lock_guard lock(mutex_);
   received.number = ++last_number_;
   received_.push_back(std::move(received));
-  if (received_.size() > kMaxRemembered) received_.pop_front();
+  if (received_.size() > options_.remembered) received_.pop_front();
 }
 
 void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnifiedMsg& request, bool app_init,

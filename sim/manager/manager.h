@@ -56,6 +56,8 @@ class Manager {
     std::string forwarding_endpoint = "tcp://127.0.0.1:4096";
     std::string transport_node_id;
     std::optional<std::pair<uint32_t, uint32_t>> version{{4, 2}};
+    /// Messages of hosts that are kept; older ones are forgotten.
+    size_t remembered = 100000;
   };
 
   explicit Manager(Options options);
