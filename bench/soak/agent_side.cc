@@ -79,21 +79,15 @@ bool AgentSide::Ready(const Vertical& vertical) const {
   return client->IsConnected() && client->app_init_completed() && !client->IsMasterStubMissing();
 }
 
-bool Answer(const Vertical& vertical, const std::string& type, const std::string& correlation_id,
-            std::string payload) {
+bool Send(const Vertical& vertical, BusMessageType kind, const std::string& type,
+          const std::string& correlation_id, std::string payload) {
   BusHeader header;
   header.type_id = type;
   header.correlation_id = correlation_id;
-  BusRecord record(kRmqClientRpcResponse);
+  BusRecord record(kind);
   record.SetApp(vertical.name, "bench").SetHeader(header).SetPayload(std::move(payload));
   rmqClientMessage message = record.message();
   return MpaClient::Get(vertical.name)->SendMessage(&message) == 0;
-}
-
-bool AnswerWithRequest(const Vertical& vertical, const rmqClientMessage& request) {
-  const BusHeader header = BusHeader::Of(request).value_or(BusHeader());
-  return Answer(vertical, header.type_id, header.correlation_id,
-                std::string(reinterpret_cast<const char*>(request.payload), request.payload_len));
 }
 
 }  // namespace zem::bench

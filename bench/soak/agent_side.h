@@ -53,9 +53,8 @@ class AgentSide {
   std::shared_ptr<TnProxyClientCommon> proxy_client_;
 };
 
-/// Gives the manager its request back as the answer.  False when there is no call any more.
-bool AnswerWithRequest(const Vertical& vertical, const rmqClientMessage& request);
-bool Answer(const Vertical& vertical, const std::string& type, const std::string& correlation_id,
-            std::string payload);
+/// Sends a record of a vertical to the manager.  False when it found no road.
+bool Send(const Vertical& vertical, BusMessageType kind, const std::string& type,
+          const std::string& correlation_id, std::string payload);
 
 }  // namespace zem::bench

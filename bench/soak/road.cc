@@ -165,8 +165,11 @@ bool RunRoad() {
                                                   &GetVertical(VerticalId::kSwitching)};
   const AgentSide agent(endpoints, verticals, [](const Vertical& vertical, const rmqClientMessage& message) {
     if (message.msg_type != kRmqMpRpcRequest) return;
-    if (!AnswerWithRequest(vertical, message))
-      std::fprintf(stderr, "an answer of %s was lost\n", vertical.name);
+    const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+    const std::string payload(reinterpret_cast<const char*>(message.payload), message.payload_len);
+    if (!Send(vertical, kRmqClientRpcResponse, header.type_id, header.correlation_id, payload)) {
+      std::fprintf(stderr, "bench_soak: an answer of %s found no call\n", vertical.name);
+    }
   });
   const Instant end = Now() + kReadyWithin;
   while (proxy.PeerIds().size() < verticals.size() + 2 && Now() < end)
