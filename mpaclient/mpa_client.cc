@@ -209,10 +209,7 @@ void MpaClient::Stop() {
 void MpaClient::HandleClose() {
   ZLOG_DEBUG("[%s] HandleClose", app_type_.c_str());
   std::lock_guard lock(app_init_mutex_);
-  if (wait_tn_proxy_timer_) wait_tn_proxy_timer_->Cancel();
-  if (app_init_timer_) app_init_timer_->Cancel();
-  wait_tn_proxy_timer_.reset();
-  app_init_timer_.reset();
+  CancelAppInitTimersLocked();
   app_init_completed_ = false;
 }
 

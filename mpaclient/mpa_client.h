@@ -123,6 +123,7 @@ class MpaClient {
   void HandleAppInitSuccess();
   void WaitTnProxyTimeout(uint32_t sequence);
   void WaitAppInitTimeout(uint32_t sequence);
+  void CancelAppInitTimersLocked();
   void HandleClose();
   void SetConnectionState(ConnectionState state);
 

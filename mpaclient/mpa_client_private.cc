@@ -109,10 +109,7 @@ void MpaClientPrivateBase::HandleTnProxyConnected() {
   ZLOG_INFO("[%s] TnProxy Connected.", app_type_.c_str());
   std::lock_guard lock(app_init_mutex_);
   proxy_connected_ = true;
-  if (wait_tn_proxy_timer_) wait_tn_proxy_timer_->Cancel();
-  if (app_init_timer_) app_init_timer_->Cancel();
-  wait_tn_proxy_timer_.reset();
-  app_init_timer_.reset();
+  CancelAppInitTimersLocked();
 }
 
 void MpaClientPrivateBase::HandleTnProxyDisconnected(rpc::CloseReason reason) {
@@ -121,10 +118,7 @@ void MpaClientPrivateBase::HandleTnProxyDisconnected(rpc::CloseReason reason) {
   std::lock_guard lock(app_init_mutex_);
   proxy_connected_ = false;
   app_init_completed_ = false;
-  if (wait_tn_proxy_timer_) wait_tn_proxy_timer_->Cancel();
-  if (app_init_timer_) app_init_timer_->Cancel();
-  wait_tn_proxy_timer_.reset();
-  app_init_timer_.reset();
+  CancelAppInitTimersLocked();
   CleanUpForStubs();
   GetNewAppInitSequenceNumber();
 }

@@ -23,7 +23,15 @@ constexpr int64_t kConnectTimeoutMs = 2000;
 constexpr int64_t kStubTimeoutMs = 10000;
 constexpr Duration kStubRetry = std::chrono::seconds(1);
 
-RetryPolicy ConnectPolicy() { return RetryPolicy(1000, 5000, 2.0, -1); }
+// Both connections come back by the same rules.
+rpc::ConnectionParams ToProxy() {
+  const RetryPolicy policy(1000, 5000, 2.0, -1);
+  rpc::ConnectionParams params;
+  params.retry = policy;
+  params.reconnect = rpc::ReconnectPolicy(rpc::ReconnectPolicy::kAlways, policy);
+  params.options.timeout_ms = kConnectTimeoutMs;
+  return params;
+}
 
 std::shared_ptr<TnProxyClientCommon>& Instance() {
   static std::shared_ptr<TnProxyClientCommon> instance;
@@ -117,10 +125,7 @@ void TnProxyClientCommon::Start() {
 
 void TnProxyClientCommon::ConnectAndSubscribeForAphInfo() {
   ZLOG_DEBUG("connectAndSubscribeForAphInfo Enter");
-  rpc::ConnectionParams params;
-  params.retry = ConnectPolicy();
-  params.reconnect = rpc::ReconnectPolicy(rpc::ReconnectPolicy::kAlways, ConnectPolicy());
-  params.options.timeout_ms = kConnectTimeoutMs;
+  rpc::ConnectionParams params = ToProxy();
   params.on_connected = [weak = weak_from_this()](const rpc::ConnectionInfo& info) {
     if (const auto self = weak.lock()) self->OnConnectionUp(info);
   };
@@ -291,10 +296,7 @@ void TnProxyClientCommon::HandleProxyInfo(const ApplProxyInfoRspMsg& message) {
 }
 
 void TnProxyClientCommon::ConnectForForwarding() {
-  rpc::ConnectionParams params;
-  params.retry = ConnectPolicy();
-  params.reconnect = rpc::ReconnectPolicy(rpc::ReconnectPolicy::kAlways, ConnectPolicy());
-  params.options.timeout_ms = kConnectTimeoutMs;
+  rpc::ConnectionParams params = ToProxy();
   params.options.rpc = rpc::RpcConnectionOptions::Gateway(true, true);
   params.on_connected = [weak = weak_from_this()](const rpc::ConnectionInfo& info) {
     if (const auto self = weak.lock()) self->OnForwardingConnectionUp(info);

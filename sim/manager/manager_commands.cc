@@ -176,7 +176,7 @@ Json State(Manager& manager) {
     AddMember(served.get(), vertical.c_str(), count);
   AddMember(result.get(), "served_app_inits", std::move(served));
   AddMember(result.get(), "received", manager.received_count());
-  if (Proxy* const proxy = manager.proxy()) {
+  if (const auto proxy = manager.proxy()) {
     AddMember(result.get(), "subscribers", static_cast<uint64_t>(proxy->subscribers()));
     Json ids = JsonArray();
     for (const std::string& id : proxy->PeerIds()) AddItem(ids.get(), id);
@@ -250,16 +250,18 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
   table.Register({"proxy/end-subscriptions", "STATUS", "Ends the subscriptions to the list of APHs.", 1, 1,
                   [m](const Arguments& arguments, Reply reply) {
                     const auto status = Number(arguments[0]);
-                    if (!status || m->proxy() == nullptr) return reply.Fail("no status, or no proxy");
-                    m->proxy()->EndSubscriptions(static_cast<int>(*status));
+                    const auto proxy = m->proxy();
+                    if (!status || !proxy) return reply.Fail("no status, or no proxy");
+                    proxy->EndSubscriptions(static_cast<int>(*status));
                     reply.Ok();
                   }});
   table.Register({"proxy/refuse-subscriptions", "STATUS|off", "Refuses subscriptions with a status.", 1, 1,
                   [m](const Arguments& arguments, Reply reply) {
-                    if (m->proxy() == nullptr) return reply.Fail("the proxy does not run");
+                    const auto proxy = m->proxy();
+                    if (!proxy) return reply.Fail("the proxy does not run");
                     std::optional<int> status;
                     if (arguments[0] != "off") status = static_cast<int>(Number(arguments[0]).value_or(13));
-                    m->proxy()->RefuseSubscriptions(status);
+                    proxy->RefuseSubscriptions(status);
                     reply.Ok();
                   }});
 }
