@@ -117,7 +117,7 @@ Proxy::Proxy(const std::string& info_endpoint, const std::string& forwarding_end
 
 Proxy::~Proxy() { provider_.StopAndWait(true); }
 
-void Proxy::Publish(ProxyInfo info) { info_service_->Publish(ToMessage(info)); }
+void Proxy::Publish(const ProxyInfo& info) { info_service_->Publish(ToMessage(info)); }
 
 void Proxy::EndSubscriptions(int status) { info_service_->End(status); }
 
