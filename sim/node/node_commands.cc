@@ -27,7 +27,7 @@ constexpr const char* kCliSocket = "/run/orlane/zem-tarvik/tarvik-cli";
 constexpr const char* kCliClient = "/usr/bin/ovs-appctl";
 constexpr auto kFarewell = std::chrono::milliseconds(100);
 constexpr auto kCliPatience = std::chrono::seconds(20);
-constexpr size_t kMaxFile = 1024 * 1024;
+constexpr size_t kMaxFile = size_t{1024} * 1024;
 
 std::optional<double> Seconds(const std::string& text) {
   double number = 0;
@@ -210,7 +210,9 @@ void Forward(CommandTable& table, const char* name, const char* help, const Comm
   command.min_arguments = 1;
   command.max_arguments = 1;
   command.rest_of_line = true;
-  command.handler = [&to](const Arguments& arguments, Reply reply) { to.Execute(arguments[0], reply); };
+  command.handler = [&to](const Arguments& arguments, const Reply& reply) {
+    to.Execute(arguments[0], reply);
+  };
   table.Register(std::move(command));
 }
 
@@ -222,12 +224,12 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
   Forward(table, "store", "The store daemon; \"store help\" lists its commands.", n->store_commands_);
   Forward(table, "manager", "Proxy, APHs and manager; \"manager help\" lists their commands.",
           n->manager_commands_);
-  table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, Reply reply) {
+  table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     if (!n->daemon_->Start()) return reply.Fail("the daemon runs");
                     reply.Ok(DaemonJson(*n->daemon_));
                   }});
   table.Register({"daemon/kill", "[TERM|INT|KILL|STOP|CONT|ABRT]", "Sends the daemon a signal (TERM).", 0, 1,
-                  [n](const Arguments& arguments, Reply reply) {
+                  [n](const Arguments& arguments, const Reply& reply) {
                     const auto signal = arguments.empty() ? SIGTERM : ParseSignal(arguments[0]);
                     if (!signal) return reply.Fail("no signal " + arguments[0]);
                     if (!n->daemon_->Kill(*signal)) return reply.Fail("the daemon does not run");
@@ -235,30 +237,30 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   }});
   table.Register(
       {"daemon/wait", "[SECONDS]", "Waits for the daemon's end and tells how it ended.", 0, 1,
-       [n](const Arguments& arguments, Reply reply) { WaitForEnd(*n->daemon_, arguments, reply); }});
+       [n](const Arguments& arguments, const Reply& reply) { WaitForEnd(*n->daemon_, arguments, reply); }});
   table.Register({"daemon/state", "", "Shows whether the daemon runs, its size and threads.", 0, 0,
-                  [n](const Arguments&, Reply reply) { reply.Ok(DaemonJson(*n->daemon_)); }});
-  table.Register({"log/wait", "PATTERN [SECONDS [AFTER]]",
-                  "Waits for a line of the node's log that matches (10 seconds), after line number AFTER.", 1,
-                  3,
-                  [n](const Arguments& arguments, Reply reply) { WaitForLog(*n->log_, arguments, reply); }});
-  table.Register({"log/find", "[PATTERN [LIMIT [AFTER]]]",
-                  "Shows the newest lines of the node's log that match.", 0, 3,
-                  [n](const Arguments& arguments, Reply reply) { FindLog(*n->log_, arguments, reply); }});
+                  [n](const Arguments&, const Reply& reply) { reply.Ok(DaemonJson(*n->daemon_)); }});
+  table.Register(
+      {"log/wait", "PATTERN [SECONDS [AFTER]]",
+       "Waits for a line of the node's log that matches (10 seconds), after line number AFTER.", 1, 3,
+       [n](const Arguments& arguments, const Reply& reply) { WaitForLog(*n->log_, arguments, reply); }});
+  table.Register(
+      {"log/find", "[PATTERN [LIMIT [AFTER]]]", "Shows the newest lines of the node's log that match.", 0, 3,
+       [n](const Arguments& arguments, const Reply& reply) { FindLog(*n->log_, arguments, reply); }});
   table.Register({"health", "", "Shows what the daemon reports to the node's health service.", 0, 0,
-                  [n](const Arguments&, Reply reply) { reply.Ok(HealthJson(n->health_->health())); }});
+                  [n](const Arguments&, const Reply& reply) { reply.Ok(HealthJson(n->health_->health())); }});
   table.Register({"file/read", "PATH", "Shows a file as the node sees it.", 1, 1,
-                  [](const Arguments& arguments, Reply reply) { ReadNodeFile(arguments, reply); }});
+                  [](const Arguments& arguments, const Reply& reply) { ReadNodeFile(arguments, reply); }});
   table.Register({"file/write", "PATH [TEXT]", "Writes a file of the node.", 1, 2,
-                  [](const Arguments& arguments, Reply reply) { WriteNodeFile(arguments, reply); }});
+                  [](const Arguments& arguments, const Reply& reply) { WriteNodeFile(arguments, reply); }});
   table.Register({"file/remove", "PATH", "Removes a file of the node.", 1, 1,
-                  [](const Arguments& arguments, Reply reply) {
+                  [](const Arguments& arguments, const Reply& reply) {
                     if (::unlink(arguments[0].c_str()) < 0) return reply.Fail(std::strerror(errno));
                     reply.Ok();
                   }});
   table.Register({"cli", "COMMAND [ARGUMENT...]", "Runs a command on the daemon's command socket.", 1, kMany,
-                  [](const Arguments& arguments, Reply reply) { Cli(arguments, reply); }});
-  table.Register({"stop", "", "Ends the node.", 0, 0, [n](const Arguments&, Reply reply) {
+                  [](const Arguments& arguments, const Reply& reply) { Cli(arguments, reply); }});
+  table.Register({"stop", "", "Ends the node.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     reply.Ok();
                     // After the answer has left.
                     n->control_provider_.timers().Schedule(kFarewell, [n] { n->control_provider_.Stop(); });
