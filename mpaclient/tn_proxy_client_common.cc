@@ -391,9 +391,12 @@ void TnProxyClientCommon::Stop() {
 
 void TnProxyClientCommon::SetTnProxyConnectionUp(const std::string& name, ConnectionUp callback) {
   ZLOG_INFO("[%s] TnProxyClientCommon SetTnProxyConnectionUp", name.c_str());
-  if (connected_for_forwarding()) forwarding_provider_.dispatcher().Post(callback);
-  std::lock_guard lock(clients_mutex_);
-  connection_up_[name] = std::move(callback);
+  // Entered first: a connection that comes up meanwhile is then told by one of the two, or by both.
+  {
+    std::lock_guard lock(clients_mutex_);
+    connection_up_[name] = callback;
+  }
+  if (connected_for_forwarding()) forwarding_provider_.dispatcher().Post(std::move(callback));
 }
 
 void TnProxyClientCommon::SetTnProxyConnectionDown(const std::string& name, ConnectionDown callback) {
@@ -404,14 +407,16 @@ void TnProxyClientCommon::SetTnProxyConnectionDown(const std::string& name, Conn
 
 void TnProxyClientCommon::SetUpdateStubs(const std::string& name, UpdateStubs callback) {
   ZLOG_INFO("[%s] TnProxyClientCommon SetUpdateStubs", name.c_str());
+  {
+    std::lock_guard lock(clients_mutex_);
+    update_stubs_[name] = callback;
+  }
   bool missed = false;
   {
     std::shared_lock lock(state_mutex_);
     missed = connected_for_forwarding_ && stub_creation_enabled_;
   }
-  if (missed) forwarding_provider_.dispatcher().Post(callback);
-  std::lock_guard lock(clients_mutex_);
-  update_stubs_[name] = std::move(callback);
+  if (missed) forwarding_provider_.dispatcher().Post(std::move(callback));
 }
 
 void TnProxyClientCommon::RemoveClient(const std::string& name) {

@@ -184,6 +184,7 @@ const Vertical& GetVertical(VerticalId id) { return kVerticals[static_cast<size_
 const UnifiedLayout& UnifiedLayout::Of(const Vertical& vertical) {
   static const auto layouts = [] {
     std::vector<UnifiedLayout> all;
+    all.reserve(kVerticals.size());
     for (const Vertical& each : kVerticals) all.emplace_back(each);
     return all;
   }();

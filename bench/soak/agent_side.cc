@@ -9,9 +9,11 @@
 #include <utility>
 
 #include "mpaclient/mpa_client.h"
+#include "mpaclient/spread_delay.h"
 #include "mpaclient/tn_proxy_client_common.h"
 #include "mpaclient/verticals.h"
 #include "platform/core/unique_fd.h"
+#include "platform/core/uuid.h"
 
 namespace zem::bench {
 namespace {
@@ -30,7 +32,18 @@ std::pair<UniqueFd, std::string> BindFreePort() {
   return {std::move(fd), "tcp://127.0.0.1:" + std::to_string(ntohs(address.sin_port))};
 }
 
+// Under this name every vertical registers.
+constexpr const char* kAppId = "unused";
+constexpr int64_t kEarlyMs = 1500;
+
 }  // namespace
+
+std::string EarlyTransportNode() {
+  for (;;) {
+    std::string id = RandomUuidText();
+    if (SpreadDelayMs(id, kAppId, kFirstStubSpreadMs) <= kEarlyMs) return id;
+  }
+}
 
 Endpoints FreeEndpoints() {
   const auto info = BindFreePort();
@@ -59,7 +72,7 @@ AgentSide::AgentSide(const Endpoints& endpoints, const std::vector<const Vertica
   for (const Vertical* vertical : verticals_) {
     MpaClient::Register(
         provider_, [vertical, receive](rmqClientMessage* message) { receive(*vertical, *message); },
-        vertical->name, "unused", 1, 9002, 30000000, 5000000);
+        vertical->name, kAppId, 1, 9002, 30000000, 5000000);
     MpaClient::Get(vertical->name)->Start(nullptr);
   }
   proxy_client_->Start();

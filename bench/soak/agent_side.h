@@ -15,10 +15,12 @@ struct Vertical;
 
 namespace zem::bench {
 
-inline constexpr const char* kTransportNode = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
 inline constexpr const char* kAphs[] = {"0a000000-0000-4000-8000-000000000001",
                                         "0a000000-0000-4000-8000-000000000002",
                                         "0a000000-0000-4000-8000-000000000003"};
+
+/// The id of a host whose turn to come back to its manager is early: what a host waits follows from its id.
+std::string EarlyTransportNode();
 
 /// The two endpoints of a proxy, on ports of the loopback that were free a moment ago.
 struct Endpoints {

@@ -14,6 +14,9 @@
 namespace zem::bench {
 namespace {
 
+// As small as a figure is printed.
+constexpr double kLeast = 0.01;
+
 std::atomic<uint64_t> log_lines{0};
 std::atomic<uint64_t> log_bad_lines{0};
 
@@ -52,7 +55,7 @@ double Quantile(std::vector<double> values, double share) {
 void PrintLine(const char* benchmark, const std::string& name, const std::string& metric, double ours,
                double peer) {
   std::printf("%s %s %s ours=%.2f peer=%.2f ratio=%.2f\n", benchmark, name.c_str(), metric.c_str(), ours,
-              peer, peer > 0 && ours > 0 ? peer / ours : 1.0);
+              peer, peer > 0 ? peer / std::max(ours, kLeast) : 1.0);
   std::fflush(stdout);
 }
 

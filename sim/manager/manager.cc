@@ -104,11 +104,11 @@ void Manager::PublishLocked() {
   info.transport_node_id = options_.transport_node_id;
   info.version = options_.version;
   for (const auto& [id, master] : listed_) info.aphs.push_back({id, master});
-  proxy_->Publish(std::move(info));
+  proxy_->Publish(info);
 }
 
-void Manager::PublishRaw(ProxyInfo info) {
-  if (const auto running = proxy()) running->Publish(std::move(info));
+void Manager::PublishRaw(const ProxyInfo& info) {
+  if (const auto running = proxy()) running->Publish(info);
 }
 
 void Manager::AddAph(const std::string& id, bool master) {

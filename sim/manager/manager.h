@@ -77,7 +77,7 @@ class Manager {
   /// Empty: nobody is.
   bool SetMaster(const std::string& id);
   /// Tells this instead of the true list until the next change.
-  void PublishRaw(ProxyInfo info);
+  void PublishRaw(const ProxyInfo& info);
   std::vector<std::pair<std::string, bool>> Aphs() const;
   std::string Master() const;
 

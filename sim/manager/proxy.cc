@@ -115,7 +115,7 @@ void Proxy::SetForwarding(bool on) {
   forwarding_server_ = builder.BuildStarted();
 }
 
-void Proxy::Publish(ProxyInfo info) { info_service_->Publish(ToMessage(info)); }
+void Proxy::Publish(const ProxyInfo& info) { info_service_->Publish(ToMessage(info)); }
 
 void Proxy::EndSubscriptions(int status) { info_service_->End(status); }
 

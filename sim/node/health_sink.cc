@@ -7,7 +7,7 @@
 namespace zem::sim {
 namespace {
 
-constexpr size_t kMaxDatagram = 64 * 1024;
+constexpr size_t kMaxDatagram = size_t{64} * 1024;
 constexpr size_t kLengthSize = 4;
 constexpr int kUp = 1;
 

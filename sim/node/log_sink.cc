@@ -7,7 +7,7 @@ namespace zem::sim {
 namespace {
 
 constexpr int kReceiveBuffer = 8 * 1024 * 1024;
-constexpr size_t kMaxDatagram = 1024 * 1024;
+constexpr size_t kMaxDatagram = size_t{1024} * 1024;
 constexpr auto kWritten = std::chrono::seconds(2);
 constexpr auto kLook = std::chrono::milliseconds(1);
 
