@@ -96,11 +96,20 @@ Json DaemonJson(const DaemonProcess& daemon) {
   for (std::string line; std::getline(status, line);) {
     std::istringstream words(line);
     std::string key;
+    words >> key;
+    if (key == "State:") {
+      words >> key;
+      AddMember(result.get(), "state", key);
+    }
     int64_t value = 0;
-    words >> key >> value;
+    words >> value;
     if (key == "VmRSS:") AddMember(result.get(), "resident_kib", value);
     if (key == "Threads:") AddMember(result.get(), "threads", value);
   }
+  std::error_code error;
+  const std::filesystem::directory_iterator descriptors(proc + "/fd", error);
+  AddMember(result.get(), "descriptors",
+            static_cast<int64_t>(std::distance(begin(descriptors), end(descriptors))));
   return result;
 }
 
@@ -272,8 +281,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
   table.Register(
       {"daemon/wait", "[SECONDS]", "Waits for the daemon's end and tells how it ended.", 0, 1,
        [n](const Arguments& arguments, const Reply& reply) { WaitForEnd(*n->daemon_, arguments, reply); }});
-  table.Register({"daemon/state", "", "Shows whether the daemon runs, its size and threads.", 0, 0,
-                  [n](const Arguments&, const Reply& reply) { reply.Ok(DaemonJson(*n->daemon_)); }});
+  table.Register({"daemon/state", "", "Shows whether the daemon runs, its size, threads and open files.", 0,
+                  0, [n](const Arguments&, const Reply& reply) { reply.Ok(DaemonJson(*n->daemon_)); }});
   table.Register({"daemon/threads", "", "Shows the names of the daemon's threads and how many bear each.", 0,
                   0, [n](const Arguments&, const Reply& reply) { ShowThreads(*n->daemon_, reply); }});
   table.Register({"daemon/environment", "NAME [VALUE]", "Sets a variable for the daemon's next start.", 1, 2,
