@@ -161,7 +161,6 @@ int Agent::Impl::Start() {
 
 bool Agent::Impl::LoadConfiguration() {
   const char* const path = settings_.options_path;
-  ZLOG_DEBUG("Try loading config file: %s", path);
   if (!LoadOptions(path)) {
     std::printf("Error: ZEM Tarvik failed to start.\nConfiguration file %s is invalid.\n", path);
     std::fflush(stdout);
@@ -244,7 +243,7 @@ void Agent::Impl::StartApplications() {
     cli_server_->Start();
   }
   if (const auto options = OptionsTree().get_child_optional("probe")) {
-    probe_ = std::make_unique<Probe>(*provider_, store_client_, *options);
+    probe_ = std::make_unique<Probe>(*provider_, store_client_, lcp_adapter_, *options);
     probe_->RegisterCommands(cli_server_.get());
     probe_->Start();
   }

@@ -69,7 +69,7 @@ constexpr std::array kLivetraceTypes = {
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceInvalidationMsg", "invalidation"},
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceBarrierMsg", "barrier"},
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceOnboardMsg", "onboard"},
-    VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceRequestMsg", "request"},
+    VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceMsg", "request"},
 };
 
 // One message under the three names that are in use for it.

@@ -11,10 +11,12 @@
 #include "covedbclient/statements.h"
 #include "framework/bus_record.h"
 #include "framework/cli_server.h"
+#include "framework/lcp_adapter.h"
 #include "framework/log.h"
 #include "mpaclient/mpa_client.h"
 #include "platform/core/uuid.h"
 #include "proto/covedb/covedb.pb.h"
+#include "proto/lcp/lcp.pb.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -30,6 +32,7 @@ constexpr uint16_t kPort = 9002;
 constexpr uint64_t kAckTimeoutUs = 30000000;
 constexpr uint64_t kRetryTimeoutUs = 5000000;
 constexpr uint64_t kSwitchingRetryTimeoutUs = 1000000;
+constexpr uint8_t kLcpMessageFrame = 1;
 
 std::vector<std::string> SplitList(const std::string& text) {
   std::vector<std::string> words;
@@ -50,20 +53,37 @@ std::optional<std::string> FromHex(const std::string& hex) {
   return bytes;
 }
 
+std::optional<ObjectType> ParseType(const std::string& text) {
+  int number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (!orlane::zem::covedb::ObjectType_IsValid(number)) return std::nullopt;
+  return static_cast<ObjectType>(number);
+}
+
 }  // namespace
 
 class Probe::Impl : public std::enable_shared_from_this<Impl> {
  public:
   Impl(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
-       const boost::property_tree::ptree& options)
+       boost::intrusive_ptr<LcpAdapter> lcp_adapter, const boost::property_tree::ptree& options)
       : provider_(provider),
         store_(std::move(store)),
+        lcp_adapter_(std::move(lcp_adapter)),
         verticals_(SplitList(options.get("verticals", ""))),
         object_types_(SplitList(options.get("objectTypes", ""))) {}
 
   void Start() {
     for (const std::string& name : verticals_) StartVertical(name);
     StartMonitor();
+    if (lcp_adapter_ == nullptr) return;
+    for (const auto* type : {orlane::zem::traceflow::TraceflowMsg::descriptor(),
+                             orlane::zem::livetrace::LivetraceMsg::descriptor()}) {
+      lcp_adapter_->RegisterHandler(type->full_name(), [](const google::protobuf::Message& message) {
+        ZLOG_INFO("Dataplane agent: %s %s", message.GetTypeName().c_str(),
+                  message.ShortDebugString().c_str());
+      });
+    }
   }
 
   void Stop() {
@@ -93,6 +113,27 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
     return client->SendMessage(&message) == 0 ? "" : "Not sent: the manager cannot be reached";
   }
 
+  std::string Put(const std::string& type_text, const std::string& object) {
+    const auto type = ParseType(type_text);
+    if (!type) return "Not an object type: " + type_text;
+    if (!store_) return "No store on this node";
+    covedb::ModifyRequestMsg request;
+    auto& put = *request.add_modify_msg()->mutable_put_msg();
+    put.set_object_type(*type);
+    put.set_object(object);
+    put.add_vdb_id(covedb::kDefaultVDb);
+    store_->Modify({request}, [object] { ZLOG_INFO("The store has taken: %s", object.c_str()); });
+    return "";
+  }
+
+  std::string SendToDataplane(const std::string& hex) {
+    const auto bytes = FromHex(hex);
+    orlane::zem::lcp::LcpDpMsg message;
+    if (!bytes || !message.ParseFromString(*bytes)) return "Bad message: not an LcpDpMsg in hexadecimal";
+    if (lcp_adapter_ == nullptr) return "No dataplane link on this node";
+    return lcp_adapter_->Send(kLcpMessageFrame, message) ? "" : "Not sent: the link does not take it";
+  }
+
  private:
   void StartVertical(const std::string& name) {
     MpaClient::Register(
@@ -106,7 +147,9 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
   }
 
   void StartMonitor() {
-    if (!store_ || object_types_.empty()) return;
+    if (!store_) return;
+    store_->AddChannelStatusCallback([](bool up) { ZLOG_INFO("Store channel: %s", up ? "up" : "down"); });
+    if (object_types_.empty()) return;
     if (!store_->RegisterMonitorCallback(
             kModuleId, [](const MonitorUpdateMsg& update) { LogUpdate(update); },
             [] { ZLOG_INFO("Store barrier"); }, covedb::kDefaultVDb)) {
@@ -114,14 +157,11 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
     }
     std::list<covedb::MonitorStatementMsg> statements;
     for (const std::string& text : object_types_) {
-      int number = 0;
-      const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-      if (error != std::errc() || end != text.data() + text.size() ||
-          !orlane::zem::covedb::ObjectType_IsValid(number)) {
+      if (const auto type = ParseType(text)) {
+        statements.push_back(covedb::MonitorStatementFor(*type));
+      } else {
         ZLOG_WARN("Not an object type: %s", text.c_str());
-        continue;
       }
-      statements.push_back(covedb::MonitorStatementFor(static_cast<ObjectType>(number)));
     }
     if (!store_->ConfigureMonitor(statements, {}, kModuleId, covedb::kDefaultVDb)) {
       ZLOG_WARN("The store client refused the monitor");
@@ -154,13 +194,14 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
 
   AsioZemProvider& provider_;
   const std::shared_ptr<covedb::CoveDbClientInterface> store_;
+  const boost::intrusive_ptr<LcpAdapter> lcp_adapter_;
   const std::vector<std::string> verticals_;
   const std::vector<std::string> object_types_;
 };
 
 Probe::Probe(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
-             const boost::property_tree::ptree& options)
-    : impl_(std::make_shared<Impl>(provider, std::move(store), options)) {}
+             boost::intrusive_ptr<LcpAdapter> lcp_adapter, const boost::property_tree::ptree& options)
+    : impl_(std::make_shared<Impl>(provider, std::move(store), std::move(lcp_adapter), options)) {}
 
 Probe::~Probe() = default;
 
@@ -169,15 +210,25 @@ void Probe::Start() { impl_->Start(); }
 void Probe::Stop() { impl_->Stop(); }
 
 void Probe::RegisterCommands(CliServer* server) {
+  const auto answer = [](CliReply reply, std::string error) {
+    if (error.empty()) {
+      reply.Ok("Sent");
+    } else {
+      reply.Error(std::move(error));
+    }
+  };
   server->AddCommands({{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
-                        [impl = impl_](const CliArguments& arguments, CliReply reply) {
-                          std::string error =
-                              impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]);
-                          if (error.empty()) {
-                            reply.Ok("Sent");
-                          } else {
-                            reply.Error(std::move(error));
-                          }
+                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
+                          answer(std::move(reply),
+                                 impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]));
+                        }},
+                       {"probe/lcp", "<hex>", 1, 1,
+                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
+                          answer(std::move(reply), impl->SendToDataplane(arguments[0]));
+                        }},
+                       {"probe/put", "<type> <text>", 2, 2,
+                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
+                          answer(std::move(reply), impl->Put(arguments[0], arguments[1]));
                         }}});
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <boost/intrusive_ptr.hpp>
 #include <boost/property_tree/ptree_fwd.hpp>
 #include <memory>
 #include <string>
@@ -15,26 +16,29 @@ class CoveDbClientInterface;
 namespace zem::Tarvik {
 
 class CliServer;
+class LcpAdapter;
 
 /// Stands in for verticals and store users on a node that is being brought up: it registers the verticals
 /// that the options name, answers each request of the manager with the message that came, and logs what it
-/// receives and what the store's monitor tells.  Off unless the options have a `probe` element:
+/// receives, what the store's monitor tells, and what the dataplane agent sends.  Off unless the options have
+/// a `probe` element:
 ///
 ///     <probe><verticals>SwitchingVertical,Traceflow</verticals><objectTypes>1,114</objectTypes></probe>
 ///
 /// Threads: start and stop by the main thread.
 class Probe {
  public:
-  /// `store` may be null.
+  /// `store` and `lcp_adapter` may be null.
   Probe(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
-        const boost::property_tree::ptree& options);
+        boost::intrusive_ptr<LcpAdapter> lcp_adapter, const boost::property_tree::ptree& options);
   ~Probe();
 
   void Start();
   void Stop();
 
   /// "probe/send VERTICAL KIND TYPE HEX": sends a record of the given kind ("request" or "publish") to the
-  /// manager.
+  /// manager.  "probe/lcp HEX": sends an LcpDpMsg to the dataplane agent.  "probe/put TYPE TEXT": puts an
+  /// object into the store and logs when the store has taken it.
   void RegisterCommands(CliServer* server);
 
  private:

@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "platform/core/uuid.h"
-#include "sim/control/command_table.h"
+#include "sim/control/command_options.h"
 #include "sim/manager/manager.h"
 
 namespace zem::sim {
@@ -17,47 +17,6 @@ std::optional<int64_t> Number(const std::string& text) {
   return number;
 }
 
-// "--name value" and "--name" words in front of the positional ones.
-class Options {
- public:
-  Options(const Arguments& arguments, std::initializer_list<const char*> with_value,
-          std::initializer_list<const char*> flags) {
-    for (size_t i = 0; i < arguments.size(); ++i) {
-      const std::string& word = arguments[i];
-      if (word.rfind("--", 0) != 0) {
-        positional_.push_back(word);
-      } else if (Contains(with_value, word) && i + 1 < arguments.size()) {
-        values_[word] = arguments[++i];
-      } else if (Contains(flags, word)) {
-        values_[word] = "";
-      } else {
-        error_ = "unknown option " + word;
-      }
-    }
-  }
-
-  const std::string& error() const { return error_; }
-  const Arguments& positional() const { return positional_; }
-  bool Has(const char* name) const { return values_.count(name) != 0; }
-  std::optional<std::string> Value(const char* name) const {
-    const auto found = values_.find(name);
-    if (found == values_.end()) return std::nullopt;
-    return found->second;
-  }
-
- private:
-  static bool Contains(std::initializer_list<const char*> names, const std::string& word) {
-    for (const char* name : names) {
-      if (word == name) return true;
-    }
-    return false;
-  }
-
-  std::string error_;
-  Arguments positional_;
-  std::map<std::string, std::string> values_;
-};
-
 Json AphJson(const std::string& id, bool master) {
   Json item = JsonObject();
   AddMember(item.get(), "id", id);
@@ -66,15 +25,15 @@ Json AphJson(const std::string& id, bool master) {
 }
 
 void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
-  const Options options(arguments, {"--aph", "--correlation", "--timeout"},
-                        {"--publish", "--no-wait", "--no-header"});
+  const CommandOptions options(arguments, {"--aph", "--correlation", "--timeout"},
+                               {"--publish", "--no-wait", "--no-header"});
   if (!options.error().empty()) return reply.Fail(options.error());
   const Arguments& words = options.positional();
   if (words.size() < 2) return reply.Fail("usage: send [OPTIONS] VERTICAL MESSAGE [TEXT]");
   Manager::SendRequest request;
   request.vertical = words[0];
   request.member = words[1];
-  for (size_t i = 2; i < words.size(); ++i) request.text += words[i] + " ";
+  request.text = options.Rest(2);
   request.aph = options.Value("--aph").value_or("");
   request.correlation_id = options.Value("--correlation").value_or(RandomUuidText());
   request.with_header = !options.Has("--no-header");
@@ -137,7 +96,7 @@ void ReceivedCommand(const Manager& manager, const Arguments& arguments, const R
 }
 
 void Answer(Manager& manager, const Arguments& arguments, const Reply& reply) {
-  const Options options(arguments, {"--count", "--delay-ms"}, {});
+  const CommandOptions options(arguments, {"--count", "--delay-ms"}, {});
   if (!options.error().empty()) return reply.Fail(options.error());
   const Arguments& words = options.positional();
   if (words.size() < 3 || (words[1] != "app-init" && words[1] != "request")) {
@@ -161,7 +120,7 @@ void Answer(Manager& manager, const Arguments& arguments, const Reply& reply) {
     rule.kind = AnswerRule::Kind::kWrongType;
   } else if (kind == "text") {
     rule.kind = AnswerRule::Kind::kText;
-    for (size_t i = 3; i < words.size(); ++i) rule.text += words[i] + " ";
+    rule.text = options.Rest(3);
   } else {
     return reply.Fail("unknown kind " + kind + "; one of serve, status, never, garbage, wrong-type, text");
   }
@@ -282,6 +241,14 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
          m->StartProxy();
          reply.Ok();
        }});
+  table.Register({"proxy/forwarding", "on|off",
+                  "While off, the proxy tells of APHs but nobody reaches its forwarding endpoint.", 1, 1,
+                  [m](const Arguments& arguments, Reply reply) {
+                    if (arguments[0] != "on" && arguments[0] != "off") return reply.Fail("on or off");
+                    if (m->proxy() == nullptr) return reply.Fail("the proxy does not run");
+                    m->proxy()->SetForwarding(arguments[0] == "on");
+                    reply.Ok();
+                  }});
   table.Register({"proxy/end-subscriptions", "STATUS", "Ends the subscriptions to the list of APHs.", 1, 1,
                   [m](const Arguments& arguments, const Reply& reply) {
                     const auto status = Number(arguments[0]);

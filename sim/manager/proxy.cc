@@ -99,7 +99,7 @@ class Proxy::InfoService final : public ApplProxyInfoService::Service,
 };
 
 Proxy::Proxy(const std::string& info_endpoint, const std::string& forwarding_endpoint)
-    : info_service_(std::make_shared<InfoService>()) {
+    : forwarding_endpoint_(forwarding_endpoint), info_service_(std::make_shared<InfoService>()) {
   provider_.rpc().EnableForwarding();
   provider_.rpc().SetConnectionHooks(
       [this](const rpc::ConnectionInfo& info) {
@@ -115,15 +115,21 @@ Proxy::Proxy(const std::string& info_endpoint, const std::string& forwarding_end
   info_builder.RegisterService(info_service_);
   info_server_ = info_builder.BuildStarted();
 
-  rpc::ConnectionOptions options;
-  options.rpc = rpc::RpcConnectionOptions::Gateway(true, false);
-  rpc::ServerBuilder forwarding_builder(provider_.rpc());
-  forwarding_builder.AddListeningEndpoint(net::Endpoint(forwarding_endpoint), options);
-  forwarding_server_ = forwarding_builder.BuildStarted();
+  SetForwarding(true);
   provider_.RunAsync(1);
 }
 
 Proxy::~Proxy() { provider_.StopAndWait(true); }
+
+void Proxy::SetForwarding(bool on) {
+  forwarding_server_.reset();
+  if (!on) return;
+  rpc::ConnectionOptions options;
+  options.rpc = rpc::RpcConnectionOptions::Gateway(true, false);
+  rpc::ServerBuilder builder(provider_.rpc());
+  builder.AddListeningEndpoint(net::Endpoint(forwarding_endpoint_), options);
+  forwarding_server_ = builder.BuildStarted();
+}
 
 void Proxy::Publish(const ProxyInfo& info) { info_service_->Publish(ToMessage(info)); }
 

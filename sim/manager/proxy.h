@@ -47,6 +47,9 @@ class Proxy {
   /// While on, subscriptions are refused with `status`.
   void RefuseSubscriptions(std::optional<int> status);
 
+  /// While off, the forwarding endpoint is closed; agent and APHs lose their connections to it.
+  void SetForwarding(bool on);
+
   size_t subscribers() const;
 
   /// Ids that peers of the forwarding endpoint have announced, by peer.
@@ -55,6 +58,7 @@ class Proxy {
  private:
   class InfoService;
 
+  const std::string forwarding_endpoint_;
   AsioZemProvider provider_;
   std::shared_ptr<InfoService> info_service_;
   std::unique_ptr<rpc::Server> info_server_;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -45,12 +46,19 @@ DatagramSink::~DatagramSink() {
   ::unlink(options_.path.c_str());
 }
 
+bool DatagramSink::Drained() const {
+  std::lock_guard lock(hand_over_);
+  int unread = 0;
+  return ::ioctl(socket_.get(), FIONREAD, &unread) < 0 || unread == 0;
+}
+
 void DatagramSink::Receive() {
   std::vector<char> buffer(options_.max_datagram);
   for (;;) {
     pollfd fds[] = {{socket_.get(), POLLIN, 0}, {stop_read_.get(), POLLIN, 0}};
     if (::poll(fds, 2, -1) < 0 && errno != EINTR) return;
     if (fds[1].revents != 0) return;
+    std::lock_guard lock(hand_over_);
     const ssize_t size = ::recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (size > 0) take_({buffer.data(), static_cast<size_t>(size)});
   }

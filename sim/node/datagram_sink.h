@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -29,11 +30,17 @@ class DatagramSink {
   DatagramSink(const DatagramSink&) = delete;
   DatagramSink& operator=(const DatagramSink&) = delete;
 
+  /// True when everything that was sent before this call has been handed over.  From any thread.
+  bool Drained() const;
+
  private:
   void Receive();
 
   const Options options_;
   const std::function<void(std::string_view)> take_;
+  // Held from the reading of a datagram until it has been handed over, so that it is always in one of the two
+  // places.
+  mutable std::mutex hand_over_;
   UniqueFd socket_;
   UniqueFd stop_read_;
   UniqueFd stop_write_;

@@ -8,6 +8,8 @@ namespace {
 
 constexpr int kReceiveBuffer = 8 * 1024 * 1024;
 constexpr size_t kMaxDatagram = size_t{1024} * 1024;
+constexpr auto kWritten = std::chrono::seconds(2);
+constexpr auto kLook = std::chrono::milliseconds(1);
 
 }  // namespace
 
@@ -58,7 +60,13 @@ void LogSink::Take(LogLine line) {
   added_.NotifyAll();
 }
 
+void LogSink::AwaitWritten() const {
+  const TimePoint deadline = Clock::Process().Now() + kWritten;
+  while (!socket_.Drained() && Clock::Process().Now() < deadline) SleepFor(kLook);
+}
+
 uint64_t LogSink::last_number() const {
+  AwaitWritten();
   std::lock_guard lock(mutex_);
   return last_number_;
 }
@@ -66,6 +74,7 @@ uint64_t LogSink::last_number() const {
 std::vector<LogLine> LogSink::Find(const std::string& pattern, uint64_t after, size_t limit) const {
   const std::regex expression(pattern);
   std::deque<LogLine> found;
+  AwaitWritten();
   std::lock_guard lock(mutex_);
   for (auto line = lines_.rbegin(); line != lines_.rend() && found.size() < limit; ++line) {
     if (line->number <= after) break;

@@ -25,6 +25,8 @@ struct LogLine {
 
 /// The node's system log: takes datagrams at a socket such as "/dev/log" and keeps the last lines.
 ///
+/// What was written before a call of `last_number` or `Find` began is seen by it.
+///
 /// Threads: all operations from any thread.
 class LogSink {
  public:
@@ -41,6 +43,7 @@ class LogSink {
 
  private:
   void Take(LogLine line);
+  void AwaitWritten() const;
 
   const std::function<void(const LogLine&)> follow_;
 

@@ -10,7 +10,10 @@
 #include <stdexcept>
 
 #include "sim/control/control_server.h"
+#include "sim/dataplane/dataplane_agent.h"
+#include "sim/dataplane/dataplane_commands.h"
 #include "sim/manager/manager_commands.h"
+#include "sim/node/raw_sockets.h"
 #include "sim/node/sandbox.h"
 
 namespace zem::sim {
@@ -19,6 +22,7 @@ namespace {
 constexpr const char* kLogSocket = "/dev/log";
 constexpr const char* kHealthSocket = "/run/orlane/zem-sha/agents";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
+constexpr const char* kAgentLink = "/run/orlane/zem-agent/zema_link";
 constexpr const char* kIssueFile = "/etc/zem_issue";
 constexpr const char* kOptionsFile = "/etc/orlane/zem-tarvik/zem-tarvik.xml";
 
@@ -56,10 +60,13 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
     manager_->AddAph(aph, master);
     master = false;
   }
+  dataplane_ = std::make_unique<DataplaneAgent>(kAgentLink);
+  listeners_ = std::make_unique<RawListeners>(control_provider_.io());
   daemon_ = std::make_unique<DaemonProcess>(kDaemonPath, std::string(kNodeDirectory) + "/daemon.out");
 
   RegisterStoreCommands(store_commands_, *store_, registry_);
   RegisterManagerCommands(manager_commands_, *manager_);
+  RegisterDataplaneCommands(dataplane_commands_, *dataplane_);
   RegisterNodeCommands(commands_, *this);
   control_ =
       std::make_unique<ControlServer>(control_provider_, commands_, std::string(kNodeDirectory) + "/control");

@@ -15,6 +15,7 @@ namespace zem::sim {
 
 class ControlServer;
 class DataplaneAgent;
+class RawListeners;
 
 /// What a node starts with.
 struct NodeOptions {
@@ -60,10 +61,13 @@ class Node {
   ObjectRegistry registry_;
   std::unique_ptr<StoreDaemon> store_;
   std::unique_ptr<Manager> manager_;
+  std::unique_ptr<DataplaneAgent> dataplane_;
+  std::unique_ptr<RawListeners> listeners_;
   std::unique_ptr<DaemonProcess> daemon_;
 
   CommandTable store_commands_;
   CommandTable manager_commands_;
+  CommandTable dataplane_commands_;
   CommandTable commands_;
   std::unique_ptr<ControlServer> control_;
 };

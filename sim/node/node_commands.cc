@@ -9,15 +9,21 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
-#include <regex>
 #include <sstream>
 
 #include "framework/child_process.h"
 #include "platform/core/thread.h"
 #include "platform/core/timer.h"
+#include "sim/control/command_options.h"
+#include "sim/control/hex.h"
+#include "sim/node/health_caller.h"
+#include "sim/node/log_commands.h"
 #include "sim/node/node.h"
+#include "sim/node/raw_sockets.h"
 #include "sim/node/sandbox.h"
 
 namespace zem::sim {
@@ -53,59 +59,11 @@ std::optional<int> ParseSignal(const std::string& word) {
   return std::nullopt;
 }
 
-Json LineJson(const LogLine& line) {
-  Json item = JsonObject();
-  AddMember(item.get(), "number", line.number);
-  AddMember(item.get(), "facility", line.facility);
-  AddMember(item.get(), "severity", line.severity);
-  AddMember(item.get(), "identity", line.identity);
-  AddMember(item.get(), "pid", line.pid);
-  AddMember(item.get(), "text", line.text);
-  return item;
-}
-
 // Waits away from the control thread; a scenario may break things meanwhile.
 void InBackground(std::function<void()> work) {
   Thread::Options options;
   options.detached = true;
   const Thread started(std::move(options), std::move(work));
-}
-
-bool ValidPattern(const std::string& pattern, const Reply& reply) {
-  try {
-    const std::regex expression(pattern);
-    return true;
-  } catch (const std::regex_error& error) {
-    reply.Fail("bad pattern " + pattern + ": " + error.what());
-    return false;
-  }
-}
-
-void WaitForLog(const LogSink& log, const Arguments& arguments, const Reply& reply) {
-  const double seconds = arguments.size() > 1 ? Seconds(arguments[1]).value_or(10) : 10;
-  const uint64_t after = arguments.size() > 2 ? static_cast<uint64_t>(Seconds(arguments[2]).value_or(0)) : 0;
-  if (!ValidPattern(arguments[0], reply)) return;
-  InBackground([&log, pattern = arguments[0], seconds, after, reply] {
-    if (const auto line = log.Wait(pattern, after, ToDuration(seconds))) {
-      reply.Ok(LineJson(*line));
-    } else {
-      reply.Fail("no log line matches " + pattern);
-    }
-  });
-}
-
-void FindLog(const LogSink& log, const Arguments& arguments, const Reply& reply) {
-  const std::string pattern = arguments.empty() ? "" : arguments[0];
-  const size_t limit = arguments.size() > 1 ? static_cast<size_t>(Seconds(arguments[1]).value_or(20)) : 20;
-  const uint64_t after = arguments.size() > 2 ? static_cast<uint64_t>(Seconds(arguments[2]).value_or(0)) : 0;
-  if (!ValidPattern(pattern, reply)) return;
-  Json lines = JsonArray();
-  for (const LogLine& line : log.Find(pattern, after, limit)) AddItem(lines.get(), LineJson(line));
-  Json result = JsonObject();
-  AddMember(result.get(), "count", static_cast<int64_t>(cJSON_GetArraySize(lines.get())));
-  AddMember(result.get(), "last_number", log.last_number());
-  AddMember(result.get(), "lines", std::move(lines));
-  reply.Ok(std::move(result));
 }
 
 Json HealthJson(const HealthSink::Health& health) {
@@ -138,11 +96,20 @@ Json DaemonJson(const DaemonProcess& daemon) {
   for (std::string line; std::getline(status, line);) {
     std::istringstream words(line);
     std::string key;
+    words >> key;
+    if (key == "State:") {
+      words >> key;
+      AddMember(result.get(), "state", key);
+    }
     int64_t value = 0;
-    words >> key >> value;
+    words >> value;
     if (key == "VmRSS:") AddMember(result.get(), "resident_kib", value);
     if (key == "Threads:") AddMember(result.get(), "threads", value);
   }
+  std::error_code error;
+  const std::filesystem::directory_iterator descriptors(proc + "/fd", error);
+  AddMember(result.get(), "descriptors",
+            static_cast<int64_t>(std::distance(begin(descriptors), end(descriptors))));
   return result;
 }
 
@@ -171,7 +138,7 @@ void ReadNodeFile(const Arguments& arguments, const Reply& reply) {
 
 void WriteNodeFile(const Arguments& arguments, const Reply& reply) {
   std::ofstream out(arguments[0], std::ios::binary | std::ios::trunc);
-  out << (arguments.size() > 1 ? arguments[1] : "");
+  for (size_t i = 1; i < arguments.size(); ++i) out << (i > 1 ? "\n" : "") << arguments[i];
   out.close();
   if (!out) return reply.Fail(arguments[0] + ": " + std::strerror(errno));
   reply.Ok();
@@ -201,6 +168,80 @@ void Cli(const Arguments& arguments, const Reply& reply) {
   });
 }
 
+// Names of the daemon's threads, each with how many there are.
+void ShowThreads(const DaemonProcess& daemon, const Reply& reply) {
+  const pid_t pid = daemon.pid();
+  if (pid == 0) return reply.Fail("the daemon does not run");
+  std::map<std::string, int> names;
+  std::error_code error;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+    std::ifstream comm(task.path() / "comm");
+    std::string name;
+    if (std::getline(comm, name)) ++names[name];
+  }
+  Json result = JsonObject();
+  for (const auto& [name, count] : names) AddMember(result.get(), name.c_str(), count);
+  reply.Ok(std::move(result));
+}
+
+void Echo(AsioZemProvider& provider, const Arguments& arguments, const Reply& reply) {
+  CallHealthEcho(provider, arguments.empty() ? "" : arguments[0], [reply](const HealthEcho& echo) {
+    if (echo.status != 0) return reply.Fail("no echo: status " + std::to_string(echo.status));
+    Json result = JsonObject();
+    AddMember(result.get(), "text", echo.text);
+    reply.Ok(std::move(result));
+  });
+}
+
+void SendRaw(const Arguments& arguments, const Reply& reply) {
+  const CommandOptions options(arguments, {"--within"}, {"--leave"});
+  if (!options.error().empty()) return reply.Fail(options.error());
+  if (options.positional().size() != 2)
+    return reply.Fail("a port or path, and hexadecimal digits are needed");
+  const auto bytes = FromHex(options.positional()[1]);
+  const auto seconds = Seconds(options.Value("--within").value_or("5"));
+  if (!bytes || !seconds) return reply.Fail("not hexadecimal, or not a number of seconds");
+  InBackground([target = options.positional()[0], bytes = *bytes, leave = options.Has("--leave"),
+                timeout = ToDuration(*seconds), reply] {
+    const RawExchange exchange = ExchangeRaw(target, bytes, leave, timeout);
+    if (!exchange.error.empty()) return reply.Fail(exchange.error);
+    Json result = JsonObject();
+    AddMember(result.get(), "closed", exchange.closed);
+    AddMember(result.get(), "received", ToHex(exchange.received));
+    reply.Ok(std::move(result));
+  });
+}
+
+std::optional<uint16_t> Port(const std::string& text) {
+  uint16_t port = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  if (error != std::errc() || end != text.data() + text.size() || port == 0) return std::nullopt;
+  return port;
+}
+
+void ListenRaw(RawListeners& listeners, const Arguments& arguments, const Reply& reply) {
+  const auto port = Port(arguments[0]);
+  const auto greeting = FromHex(arguments.size() > 1 ? arguments[1] : "");
+  if (!port || !greeting) return reply.Fail("a port and hexadecimal digits are needed");
+  listeners.Listen(*port, *greeting);
+  reply.Ok();
+}
+
+void CloseRaw(RawListeners& listeners, const Arguments& arguments, const Reply& reply) {
+  const auto port = Port(arguments[0]);
+  if (!port || !listeners.Close(*port)) return reply.Fail("nobody listens raw at " + arguments[0]);
+  reply.Ok();
+}
+
+void ShowRaw(const RawListeners& listeners, const Reply& reply) {
+  Json result = JsonObject();
+  for (const auto& [port, connections] : listeners.Connections()) {
+    AddMember(result.get(), std::to_string(port).c_str(), connections);
+  }
+  reply.Ok(std::move(result));
+}
+
 // A peer's table under one word.
 void Forward(CommandTable& table, const char* name, const char* help, const CommandTable& to) {
   Command command;
@@ -224,6 +265,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
   Forward(table, "store", "The store daemon; \"store help\" lists its commands.", n->store_commands_);
   Forward(table, "manager", "Proxy, APHs and manager; \"manager help\" lists their commands.",
           n->manager_commands_);
+  Forward(table, "dataplane", "The dataplane agent; \"dataplane help\" lists its commands.",
+          n->dataplane_commands_);
   table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     if (!n->daemon_->Start()) return reply.Fail("the daemon runs");
                     reply.Ok(DaemonJson(*n->daemon_));
@@ -238,20 +281,41 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
   table.Register(
       {"daemon/wait", "[SECONDS]", "Waits for the daemon's end and tells how it ended.", 0, 1,
        [n](const Arguments& arguments, const Reply& reply) { WaitForEnd(*n->daemon_, arguments, reply); }});
-  table.Register({"daemon/state", "", "Shows whether the daemon runs, its size and threads.", 0, 0,
-                  [n](const Arguments&, const Reply& reply) { reply.Ok(DaemonJson(*n->daemon_)); }});
-  table.Register(
-      {"log/wait", "PATTERN [SECONDS [AFTER]]",
-       "Waits for a line of the node's log that matches (10 seconds), after line number AFTER.", 1, 3,
-       [n](const Arguments& arguments, const Reply& reply) { WaitForLog(*n->log_, arguments, reply); }});
-  table.Register(
-      {"log/find", "[PATTERN [LIMIT [AFTER]]]", "Shows the newest lines of the node's log that match.", 0, 3,
-       [n](const Arguments& arguments, const Reply& reply) { FindLog(*n->log_, arguments, reply); }});
+  table.Register({"daemon/state", "", "Shows whether the daemon runs, its size, threads and open files.", 0,
+                  0, [n](const Arguments&, const Reply& reply) { reply.Ok(DaemonJson(*n->daemon_)); }});
+  table.Register({"daemon/threads", "", "Shows the names of the daemon's threads and how many bear each.", 0,
+                  0, [n](const Arguments&, const Reply& reply) { ShowThreads(*n->daemon_, reply); }});
+  table.Register({"daemon/environment", "NAME [VALUE]", "Sets a variable for the daemon's next start.", 1, 2,
+                  [n](const Arguments& arguments, const Reply& reply) {
+                    n->daemon_->SetEnvironment(arguments[0], arguments.size() > 1 ? arguments[1] : "");
+                    reply.Ok();
+                  }});
+  RegisterLogCommands(table, *n->log_);
   table.Register({"health", "", "Shows what the daemon reports to the node's health service.", 0, 0,
                   [n](const Arguments&, const Reply& reply) { reply.Ok(HealthJson(n->health_->health())); }});
+  table.Register({"health/echo", "[TEXT]",
+                  "Calls the daemon's own health service; it has to repeat the text.", 0, 1,
+                  [n](const Arguments& arguments, const Reply& reply) {
+                    Echo(n->control_provider_, arguments, reply);
+                  }});
+  table.Register(
+      {"socket/send", "[--leave] [--within SECONDS] PORT|PATH HEX",
+       "Sends bytes to a local port or stream socket and reads until the other side closes (5 seconds), "
+       "or leaves at once.",
+       2, 5, [](const Arguments& arguments, const Reply& reply) { SendRaw(arguments, reply); }});
+  table.Register(
+      {"socket/listen", "PORT [HEX]",
+       "Takes a local port and sends bytes to whoever connects, in the place of a real server.", 1, 2,
+       [n](const Arguments& arguments, const Reply& reply) { ListenRaw(*n->listeners_, arguments, reply); }});
+  table.Register(
+      {"socket/close", "PORT", "Gives a port of \"socket/listen\" back.", 1, 1,
+       [n](const Arguments& arguments, const Reply& reply) { CloseRaw(*n->listeners_, arguments, reply); }});
+  table.Register({"socket/state", "", "Shows how many connections each port of \"socket/listen\" has taken.",
+                  0, 0, [n](const Arguments&, const Reply& reply) { ShowRaw(*n->listeners_, reply); }});
   table.Register({"file/read", "PATH", "Shows a file as the node sees it.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) { ReadNodeFile(arguments, reply); }});
-  table.Register({"file/write", "PATH [TEXT]", "Writes a file of the node.", 1, 2,
+  table.Register({"file/write", "PATH [LINE...]",
+                  "Writes a file of the node; there is no newline behind the last line.", 1, kMany,
                   [](const Arguments& arguments, const Reply& reply) { WriteNodeFile(arguments, reply); }});
   table.Register({"file/remove", "PATH", "Removes a file of the node.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) {

@@ -18,6 +18,7 @@ namespace zem::sim {
 namespace {
 
 constexpr auto kPollInterval = std::chrono::milliseconds(100);
+constexpr double kLogPatience = 2;  // seconds; the log comes by a road of its own
 constexpr size_t kMaxShown = 2000;
 
 long long NowNs() { return Clock::Process().Now().time_since_epoch().count(); }
@@ -136,24 +137,37 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
   return true;
 }
 
-bool Scenario::Line(const std::string& line) {
+unsigned long long Scenario::LastLogNumber() {
+  const Json parsed{cJSON_Parse(node_.Execute("log/find . 1").c_str())};
+  const cJSON* const last = Find(parsed.get(), "result.last_number");
+  return cJSON_IsNumber(last) ? static_cast<unsigned long long>(last->valuedouble) : 0;
+}
+
+bool Scenario::Line(const std::string& text) {
+  std::string line = text;
+  for (const auto& [name, value] : kept_) {
+    const std::string word = "${" + name + "}";
+    for (size_t at = line.find(word); at != std::string::npos; at = line.find(word, at + value.size())) {
+      line.replace(at, word.size(), value);
+    }
+  }
   std::string rest = line;
   if (TakePrefix(&rest, "step ")) {
     EndStep();
     step_ = rest;
     step_begin_ns_ = NowNs();
-    const std::string answer = node_.Execute("log/find . 1");
-    const Json parsed{cJSON_Parse(answer.c_str())};
-    const cJSON* const last = Find(parsed.get(), "result.last_number");
-    step_log_ = cJSON_IsNumber(last) ? static_cast<unsigned long long>(last->valuedouble) : 0;
+    step_log_ = first_step_ ? 0 : LastLogNumber();
+    first_step_ = false;
     out_ << "\n== " << step_ << "\n" << std::flush;
     return true;
   }
   if (TakePrefix(&rest, "expect ")) return Expect(rest);
   if (TakePrefix(&rest, "show ")) return Show(rest);
-  if (TakePrefix(&rest, "fails ")) return Command(rest, true);
+  if (TakePrefix(&rest, "keep ")) return Keep(rest);
+  if (TakePrefix(&rest, "fails ")) return Command(rest, Outcome::kRefusal);
+  if (TakePrefix(&rest, "try ")) return Command(rest, Outcome::kAny);
   if (TakePrefix(&rest, "await ")) return Await(rest);
-  return Command(line, false);
+  return Command(line, Outcome::kOk);
 }
 
 void Scenario::EndStep() {
@@ -163,13 +177,13 @@ void Scenario::EndStep() {
   step_.clear();
 }
 
-bool Scenario::Command(const std::string& line, bool has_to_fail) {
+bool Scenario::Command(const std::string& line, Outcome wanted) {
   last_command_ = line;
   const long long begin = NowNs();
   last_answer_ = node_.Execute(line);
   const double ms = static_cast<double>(NowNs() - begin) / 1e6;
   out_ << "   > " << line << "   (" << std::fixed << std::setprecision(1) << ms << " ms)\n" << std::flush;
-  if (IsOk(last_answer_) != has_to_fail) return true;
+  if (wanted == Outcome::kAny || IsOk(last_answer_) == (wanted == Outcome::kOk)) return true;
   problem_ = Shorten(last_answer_);
   return false;
 }
@@ -183,14 +197,30 @@ bool Scenario::Await(const std::string& text) {
   }
   const std::string command = Trim(text.substr(static_cast<size_t>(end - text.data())));
   const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(seconds * 1e9));
-  while (!IsOk(node_.Execute(command)) && Clock::Process().Now() < deadline) SleepFor(kPollInterval);
-  return Command(command, false);
+  for (;;) {
+    if (Command(command, Outcome::kOk)) return true;
+    if (Clock::Process().Now() >= deadline) return false;
+    SleepFor(kPollInterval);
+  }
 }
 
 bool Scenario::Show(const std::string& path) {
   const Json parsed{cJSON_Parse(last_answer_.c_str())};
   out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), "result." + path))) << "\n"
        << std::flush;
+  return true;
+}
+
+bool Scenario::Keep(const std::string& text) {
+  const size_t end = text.find(' ');
+  const std::string path = end == std::string::npos ? "" : Trim(text.substr(end));
+  const Json parsed{cJSON_Parse(last_answer_.c_str())};
+  const cJSON* const value = path.empty() ? nullptr : Find(parsed.get(), "result." + path);
+  if (value == nullptr) {
+    problem_ = "nothing to keep in " + Shorten(last_answer_);
+    return false;
+  }
+  kept_[text.substr(0, end)] = Text(value);
   return true;
 }
 
@@ -212,9 +242,9 @@ bool Scenario::Expect(const std::string& text) {
     return false;
   }
   if (condition->path == "log" && condition->operation == "~") {
-    const std::string answer =
-        node_.Execute("log/wait " + Quote(condition->value) + " " + std::to_string(condition->within) + " " +
-                      std::to_string(step_log_));
+    const double within = std::max(condition->within, kLogPatience);
+    const std::string answer = node_.Execute("log/wait " + Quote(condition->value) + " " +
+                                             std::to_string(within) + " " + std::to_string(step_log_));
     const Json parsed{cJSON_Parse(answer.c_str())};
     if (IsOk(answer)) {
       out_ << "     log: " << Shorten(Text(Find(parsed.get(), "result.text"))) << "\n" << std::flush;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <map>
 #include <string>
 
 namespace zem::sim {
@@ -10,15 +11,22 @@ class ControlClient;
 /// Runs the commands of a file on a node and checks what comes back.
 ///
 ///     # a comment
-///     step The proxy dies            prints a headline; the time of each step is told
-///     manager state                  a command: has to be answered "ok"
-///     fails manager master nobody    a command that has to be refused
-///     await SECONDS daemon/state     a command that has to be answered "ok" within a time
-///     expect PATH == VALUE           on the last answer; PATH is dotted, "[N]" an element, "error" a refusal
-///     expect PATH ~ PATTERN [within SECONDS]     also != >= <=; "within" repeats the last command until it
-///     holds expect log ~ PATTERN [within SECONDS]      a line of the node's log since the step began expect
-///     no log ~ PATTERN                    none since the step began expect file PATH ~ PATTERN [within
-///     SECONDS] show PATH                      prints a part of the last answer
+///     step The proxy dies                 prints a headline; the time of each step is told
+///     manager state                       a command: has to be answered "ok"
+///     fails manager master nobody         a command that has to be refused
+///     try cli set/loglevel info           a command that may be refused, or answered by nobody
+///     await SECONDS daemon/state          a command that has to be answered "ok" within a time
+///     expect PATH == VALUE                on the last answer; PATH is dotted, "[N]" an element, "error" a
+///                                         refusal; also != >= <= and ~ PATTERN
+///     expect PATH == VALUE within SECONDS repeats the last command until it holds
+///     expect log ~ PATTERN [within SECONDS]        a line of the node's log since the step began (in the
+///                                                  first: since the node's start); 2 seconds unless told
+///                                                  otherwise
+///     expect no log ~ PATTERN             none since the step began
+///     expect file PATH ~ PATTERN [within SECONDS]
+///     show PATH                           prints a part of the last answer
+///     keep NAME PATH                      keeps a part of the last answer; ${NAME} stands for it from here
+///     on
 ///
 /// Stops at the first line that does not hold and tells which it was and what was there instead.
 class Scenario {
@@ -29,20 +37,26 @@ class Scenario {
   bool Run(std::istream& lines, const std::string& name);
 
  private:
-  bool Line(const std::string& line);
-  bool Command(const std::string& line, bool has_to_fail);
+  bool Line(const std::string& text);
+  enum class Outcome { kOk, kRefusal, kAny };
+  bool Command(const std::string& line, Outcome wanted);
   bool Expect(const std::string& condition);
   bool Await(const std::string& text);
   bool Show(const std::string& path);
+  bool Keep(const std::string& text);
   void EndStep();
+  unsigned long long LastLogNumber();
 
   ControlClient& node_;
   std::ostream& out_;
+  std::map<std::string, std::string> kept_;
   std::string last_command_;
   std::string last_answer_;
   std::string problem_;
   std::string step_;
   long long step_begin_ns_ = 0;
+  // The first step sees the log from the node's start.
+  bool first_step_ = true;
   unsigned long long step_log_ = 0;
 };
 

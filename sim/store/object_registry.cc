@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "proto/covedb/scenario.pb.h"
+#include "sim/control/hex.h"
 
 namespace zem::sim {
 namespace {
@@ -30,28 +31,6 @@ std::string KeyBytes(const Message& message, const FieldDescriptor& field) {
   std::string text;
   google::protobuf::TextFormat::PrintFieldValueToString(message, &field, -1, &text);
   return text;
-}
-
-std::string ToHex(std::string_view bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text(kHex);
-  for (const char c : bytes) {
-    text += kDigits[static_cast<unsigned char>(c) >> 4];
-    text += kDigits[static_cast<unsigned char>(c) & 15];
-  }
-  return text;
-}
-
-std::optional<std::string> FromHex(std::string_view digits) {
-  if (digits.size() % 2 != 0) return std::nullopt;
-  std::string bytes;
-  for (size_t i = 0; i < digits.size(); i += 2) {
-    unsigned value = 0;
-    const auto [end, error] = std::from_chars(digits.data() + i, digits.data() + i + 2, value, 16);
-    if (error != std::errc() || end != digits.data() + i + 2) return std::nullopt;
-    bytes += static_cast<char>(value);
-  }
-  return bytes;
 }
 
 class FirstError final : public google::protobuf::io::ErrorCollector {
@@ -127,7 +106,7 @@ std::optional<std::string> ObjectRegistry::FromText(ObjectType type, std::string
 
 std::string ObjectRegistry::ToText(ObjectType type, const std::string& object) const {
   const std::unique_ptr<Message> message = New(type);
-  if (!message || !message->ParsePartialFromString(object)) return ToHex(object);
+  if (!message || !message->ParsePartialFromString(object)) return std::string(kHex) + ToHex(object);
   return message->ShortDebugString();
 }
 

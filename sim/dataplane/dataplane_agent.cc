@@ -1,0 +1,251 @@
+#include "sim/dataplane/dataplane_agent.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+#include "platform/core/poll.h"
+#include "platform/core/unix_socket.h"
+
+// One thread waits for the listener and the client together.  Commands write to the client from their own
+// threads: they hold a share of its socket, so that its end cannot give the number to another file.
+
+namespace zem::sim {
+namespace {
+
+constexpr timeval kSendPatience{5, 0};
+
+[[noreturn]] void Fail(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+DataplaneHeader ReadHeader(std::string_view bytes) {
+  const auto byte = [&](size_t i) { return static_cast<uint8_t>(bytes[i]); };
+  DataplaneHeader header;
+  header.bits = byte(0);
+  header.type = byte(1);
+  header.length = 0;
+  for (size_t i = 2; i < DataplaneHeader::kSize; ++i) header.length = header.length << 8 | byte(i);
+  return header;
+}
+
+}  // namespace
+
+std::string DataplaneHeader::Bytes() const {
+  std::string bytes{static_cast<char>(bits), static_cast<char>(type)};
+  for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(length >> shift & 0xff);
+  return bytes;
+}
+
+DataplaneAgent::DataplaneAgent(std::string path) : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wake_) Fail("eventfd");
+  Listen(path);
+  Thread::Options options;
+  options.name = "dataplane";
+  thread_ = Thread(std::move(options), [this] { Serve(); });
+}
+
+DataplaneAgent::~DataplaneAgent() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  Die();
+  thread_.Join();
+  ::unlink(path_.c_str());
+}
+
+void DataplaneAgent::Listen(const std::string& path) {
+  if (path.empty() || path.size() > kMaxUnixPath)
+    throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
+  UniqueFd fd = OpenUnixStream(SOCK_NONBLOCK);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  ::unlink(path.c_str());
+  if (!fd || ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 ||
+      ::listen(fd.get(), 8) < 0) {
+    Fail("listen at " + path);
+  }
+  std::lock_guard lock(mutex_);
+  path_ = path;
+  listener_ = std::make_shared<SharedSocket>(std::move(fd));
+}
+
+void DataplaneAgent::Die() {
+  CloseClient();
+  {
+    std::lock_guard lock(mutex_);
+    // Those that wait to be taken are refused together with it.
+    if (listener_ != nullptr) listener_->Shutdown();
+    listener_ = nullptr;
+  }
+  Wake();
+}
+
+bool DataplaneAgent::Return(const std::string& path) {
+  std::string where;
+  {
+    std::lock_guard lock(mutex_);
+    if (listener_ != nullptr) return false;
+    where = path.empty() ? path_ : path;
+    reading_ = true;
+  }
+  Listen(where);
+  Wake();
+  return true;
+}
+
+std::string DataplaneAgent::Send(std::string_view bytes, bool byte_by_byte) {
+  Client client;
+  {
+    std::lock_guard lock(mutex_);
+    client = client_;
+  }
+  if (client == nullptr) return "nobody is connected";
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    const size_t size = byte_by_byte ? 1 : bytes.size() - sent;
+    const ssize_t n = ::send(client->fd(), bytes.data() + sent, size, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return "after " + std::to_string(sent) + " bytes: " + std::strerror(errno);
+    sent += static_cast<size_t>(n);
+  }
+  return {};
+}
+
+bool DataplaneAgent::CloseClient() {
+  Client client;
+  {
+    std::lock_guard lock(mutex_);
+    client = client_;
+  }
+  if (client == nullptr) return false;
+  EndClient(client, "closed by the agent");
+  Wake();
+  return true;
+}
+
+void DataplaneAgent::SetReading(bool on) {
+  {
+    std::lock_guard lock(mutex_);
+    reading_ = on;
+  }
+  Wake();
+}
+
+DataplaneAgent::State DataplaneAgent::state() const {
+  std::lock_guard lock(mutex_);
+  return {path_, listener_ != nullptr, client_ != nullptr, reading_, connections_, last_number_, last_end_};
+}
+
+std::vector<DataplaneAgent::Frame> DataplaneAgent::Received(uint64_t after) const {
+  std::lock_guard lock(mutex_);
+  std::vector<Frame> frames;
+  for (const Frame& frame : frames_) {
+    if (frame.number > after) frames.push_back(frame);
+  }
+  return frames;
+}
+
+void DataplaneAgent::Wake() {
+  const uint64_t one = 1;
+  // A counter at its limit wakes as well.
+  if (::write(wake_.get(), &one, sizeof(one)) < 0 && errno != EAGAIN) Fail("wake");
+}
+
+void DataplaneAgent::Serve() {
+  for (;;) {
+    Client client;
+    std::shared_ptr<SharedSocket> listener;
+    bool reading;
+    {
+      std::lock_guard lock(mutex_);
+      if (stopping_) return;
+      client = client_;
+      listener = listener_;
+      reading = reading_;
+    }
+    // The next client waits until this one has gone.
+    std::array<pollfd, 2> fds{{{wake_.get(), POLLIN, 0}, {-1, POLLIN, 0}}};
+    if (client != nullptr) {
+      fds[1].fd = client->fd();
+      if (!reading) fds[1].events = 0;
+    } else if (listener != nullptr) {
+      fds[1].fd = listener->fd();
+    }
+    if (PollIdle(fds.data(), fds.size(), -1) < 0) {
+      if (errno == EINTR) continue;
+      Fail("poll");
+    }
+    uint64_t woken;
+    if (fds[0].revents != 0 && ::read(wake_.get(), &woken, sizeof(woken)) < 0 && errno != EAGAIN)
+      Fail("wake");
+    if (fds[1].revents == 0) continue;
+    if (client != nullptr) {
+      Read(client);
+    } else {
+      Accept();
+    }
+  }
+}
+
+void DataplaneAgent::Accept() {
+  std::lock_guard lock(mutex_);
+  if (listener_ == nullptr) return;
+  UniqueFd fd(::accept4(listener_->fd(), nullptr, nullptr, SOCK_CLOEXEC));
+  if (!fd) return;
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kSendPatience, sizeof(kSendPatience));
+  unread_.clear();
+  client_ = std::make_shared<SharedSocket>(std::move(fd));
+  ++connections_;
+}
+
+void DataplaneAgent::Read(const Client& client) {
+  std::array<char, 64 * 1024> bytes;
+  const ssize_t got = ::recv(client->fd(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+  if (got < 0 && (errno == EINTR || errno == EAGAIN)) return;
+  if (got <= 0) return EndClient(client, got == 0 ? "closed by the client" : std::strerror(errno));
+  bool sound;
+  {
+    std::lock_guard lock(mutex_);
+    if (client_ != client) return;
+    unread_.append(bytes.data(), static_cast<size_t>(got));
+    sound = TakeFrames();
+  }
+  if (!sound) EndClient(client, "the client sent a bad frame");
+}
+
+bool DataplaneAgent::TakeFrames() {
+  size_t taken = 0;
+  while (unread_.size() - taken >= DataplaneHeader::kSize) {
+    const std::string_view rest = std::string_view(unread_).substr(taken);
+    const DataplaneHeader header = ReadHeader(rest);
+    if (header.length < DataplaneHeader::kSize || header.length > kMaxFrame) return false;
+    if (rest.size() < header.length) break;
+    const std::string_view body = rest.substr(DataplaneHeader::kSize, header.length - DataplaneHeader::kSize);
+    if (frames_.size() == kMaxKept) frames_.erase(frames_.begin());
+    frames_.push_back({++last_number_, header, std::string(body)});
+    taken += header.length;
+  }
+  unread_.erase(0, taken);
+  return true;
+}
+
+void DataplaneAgent::EndClient(const Client& client, const std::string& why) {
+  std::lock_guard lock(mutex_);
+  if (client_ != client) return;
+  client->Shutdown();
+  client_ = nullptr;
+  last_end_ = why;
+}
+
+}  // namespace zem::sim
