@@ -132,7 +132,7 @@ int Check(Words words, const char* program) {
   }
   try {
     ControlClient client(control);
-    held = zem::sim::Scenario(client, std::cout).Run(lines, file);
+    held = zem::sim::Scenario(client, std::cout, true).Run(lines, file);
     client.Execute("stop");
   } catch (const std::exception& error) {
     std::fprintf(stderr, "zem-node: %s\n", error.what());
@@ -192,7 +192,7 @@ int RunScenario(Words words) {
   std::ifstream lines(file);
   if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
   ControlClient node(directory + "/control");
-  return zem::sim::Scenario(node, std::cout).Run(lines, file) ? 0 : 1;
+  return zem::sim::Scenario(node, std::cout, false).Run(lines, file) ? 0 : 1;
 }
 
 }  // namespace

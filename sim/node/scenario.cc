@@ -8,6 +8,7 @@
 #include <optional>
 #include <ostream>
 #include <regex>
+#include <utility>
 
 #include "platform/core/clock.h"
 #include "platform/core/thread.h"
@@ -118,7 +119,8 @@ bool IsOk(const std::string& answer) {
 
 }  // namespace
 
-Scenario::Scenario(ControlClient& node, std::ostream& out) : node_(node), out_(out) {}
+Scenario::Scenario(ControlClient& node, std::ostream& out, bool new_node)
+    : node_(node), out_(out), log_from_start_(new_node) {}
 
 bool Scenario::Run(std::istream& lines, const std::string& name) {
   int number = 0;
@@ -150,10 +152,7 @@ bool Scenario::Line(const std::string& text) {
     EndStep();
     step_ = rest;
     step_begin_ns_ = NowNs();
-    const std::string answer = node_.Execute("log/find . 1");
-    const Json parsed{cJSON_Parse(answer.c_str())};
-    const cJSON* const last = Find(parsed.get(), "result.last_number");
-    step_log_ = cJSON_IsNumber(last) ? static_cast<unsigned long long>(last->valuedouble) : 0;
+    step_log_ = std::exchange(log_from_start_, false) ? 0 : LastLogNumber();
     out_ << "\n== " << step_ << "\n" << std::flush;
     return true;
   }
@@ -164,6 +163,13 @@ bool Scenario::Line(const std::string& text) {
   if (TakePrefix(&rest, "try ")) return Command(rest, Outcome::kAny);
   if (TakePrefix(&rest, "await ")) return Await(rest);
   return Command(line, Outcome::kOk);
+}
+
+unsigned long long Scenario::LastLogNumber() {
+  const std::string answer = node_.Execute("log/find . 1");
+  const Json parsed{cJSON_Parse(answer.c_str())};
+  const cJSON* const last = Find(parsed.get(), "result.last_number");
+  return cJSON_IsNumber(last) ? static_cast<unsigned long long>(last->valuedouble) : 0;
 }
 
 void Scenario::EndStep() {

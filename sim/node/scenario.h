@@ -30,7 +30,9 @@ class ControlClient;
 /// Stops at the first line that does not hold and tells which it was and what was there instead.
 class Scenario {
  public:
-  Scenario(ControlClient& node, std::ostream& out);
+  /// On a `new_node` the first step is taken to have begun with the node, whose daemon may have been quicker
+  /// than the scenario.
+  Scenario(ControlClient& node, std::ostream& out, bool new_node);
 
   /// True when every line held.
   bool Run(std::istream& lines, const std::string& name);
@@ -43,10 +45,12 @@ class Scenario {
   bool Await(const std::string& text);
   bool Show(const std::string& path);
   bool Keep(const std::string& text);
+  unsigned long long LastLogNumber();
   void EndStep();
 
   ControlClient& node_;
   std::ostream& out_;
+  bool log_from_start_;
   std::map<std::string, std::string> kept_;
   std::string last_command_;
   std::string last_answer_;
