@@ -161,7 +161,6 @@ int Agent::Impl::Start() {
 
 bool Agent::Impl::LoadConfiguration() {
   const char* const path = settings_.options_path;
-  ZLOG_DEBUG("Try loading config file: %s", path);
   if (!LoadOptions(path)) {
     std::printf("Error: ZEM Tarvik failed to start.\nConfiguration file %s is invalid.\n", path);
     std::fflush(stdout);

@@ -184,7 +184,10 @@ ssize_t WriteData(int fd, const void* buffer, size_t length) {
     const int error = errno;
     ZLOG_ERROR("OPS00404", "[%s] writing to fd [%d] failed with error [ %s : %d]\n", __func__, fd,
                std::strerror(error), error);
-    if (error != EINTR) return -1;
+    if (error != EINTR) {
+      errno = error;  // the caller tells it; logging may have changed it
+      return -1;
+    }
     if (!GoesOnAfterInterrupt()) break;
   }
   ZLOG_TRACE("[%s] fd [%d] byteWrite [%d]\n", __func__, fd, static_cast<int>(written));

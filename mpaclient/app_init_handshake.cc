@@ -134,6 +134,14 @@ bool MpaClient::CompleteAppInitHandshake(uint32_t sequence, bool success) {
 }
 
 // With the app-init lock held.
+void MpaClient::CancelAppInitTimersLocked() {
+  if (wait_tn_proxy_timer_) wait_tn_proxy_timer_->Cancel();
+  if (app_init_timer_) app_init_timer_->Cancel();
+  wait_tn_proxy_timer_.reset();
+  app_init_timer_.reset();
+}
+
+// With the app-init lock held.
 void MpaClient::HandleAppInitSuccess() {
   ZLOG_INFO("[%s] HandleAppInitSuccess", app_type_.c_str());
   app_init_completed_ = true;

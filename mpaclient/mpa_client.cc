@@ -82,6 +82,11 @@ uint64_t RetryTimeoutUs(const std::string& name) {
   return found != TheRegistry().retry_timeouts_us.end() ? found->second : 5000000;
 }
 
+std::function<boost::intrusive_ptr<RmqClientInterface>()>& BusFactory() {
+  static std::function<boost::intrusive_ptr<RmqClientInterface>()> factory;
+  return factory;
+}
+
 void DeliverFromBus(void*, rmqClientMessage* message) { MpaClient::Deliver(message); }
 
 void DumpPayload(const rmqClientMessage& message) {
@@ -204,10 +209,7 @@ void MpaClient::Stop() {
 void MpaClient::HandleClose() {
   ZLOG_DEBUG("[%s] HandleClose", app_type_.c_str());
   std::lock_guard lock(app_init_mutex_);
-  if (wait_tn_proxy_timer_) wait_tn_proxy_timer_->Cancel();
-  if (app_init_timer_) app_init_timer_->Cancel();
-  wait_tn_proxy_timer_.reset();
-  app_init_timer_.reset();
+  CancelAppInitTimersLocked();
   app_init_completed_ = false;
 }
 
@@ -288,9 +290,11 @@ int MpaClient::RpcMsgHandler(const GenericUnifiedMsg&, const std::string&,
   return -1;
 }
 
-boost::intrusive_ptr<RmqClientInterface> MpaClient::MakeBusClient() { return new RmqClient; }
+void MpaClient::SetBusForTest(std::function<boost::intrusive_ptr<RmqClientInterface>()> make) {
+  BusFactory() = std::move(make);
+}
 
-void MpaClient::CreateBusClient() { bus_client_ = MakeBusClient(); }
+void MpaClient::CreateBusClient() { bus_client_ = BusFactory() ? BusFactory()() : new RmqClient; }
 
 void MpaClient::ReleaseBusClient() { bus_client_.reset(); }
 

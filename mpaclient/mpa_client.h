@@ -67,6 +67,9 @@ class MpaClient {
   /// Delivers a record to the vertical that its `app_type` names and frees its `free_block`.
   static void Deliver(rmqClientMessage* message);
 
+  /// What clients get instead of the bus library; null puts the library back.
+  static void SetBusForTest(std::function<boost::intrusive_ptr<RmqClientInterface>()> make);
+
   MpaClient(AsioZemProvider& provider, ReceiveCallback callback, std::string name, std::string id,
             uint32_t client_type, uint16_t port);
   virtual ~MpaClient();
@@ -120,6 +123,7 @@ class MpaClient {
   void HandleAppInitSuccess();
   void WaitTnProxyTimeout(uint32_t sequence);
   void WaitAppInitTimeout(uint32_t sequence);
+  void CancelAppInitTimersLocked();
   void HandleClose();
   void SetConnectionState(ConnectionState state);
 
@@ -128,9 +132,6 @@ class MpaClient {
   virtual bool AppInitHandshakeLocked() { return false; }
   virtual void SendRegistrationAck() {}
   virtual AsioZemProvider& timer_provider() { return provider_; }
-
-  /// For the test double of the bus.
-  virtual boost::intrusive_ptr<RmqClientInterface> MakeBusClient();
 
   void HandleMessage(rmqClientMessage* message);
   bool HandleBusClose(const rmqClientMessage& message);

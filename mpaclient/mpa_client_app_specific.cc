@@ -197,9 +197,9 @@ bool MpaClientAppSpecific::AddToCallHandleMap(const std::string& correlation_id,
   return false;
 }
 
-void MpaClientAppSpecific::AddToSeqToCallHandleMap(uint32_t sequence, CallHandleMap::Handle handle) {
+void MpaClientAppSpecific::AddToSeqToCallHandleMap(uint32_t sequence, const CallHandleMap::Handle& handle) {
   std::lock_guard lock(sequence_mutex_);
-  if (!sequences_.try_emplace(sequence, std::move(handle)).second) {
+  if (!sequences_.try_emplace(sequence, handle).second) {
     ZLOG_INFO("[%s] MpaClientAppSpecific AddToSeqCallHandleMap Handle with seq (%d) already present",
               app_type_.c_str(), static_cast<int>(sequence));
   }

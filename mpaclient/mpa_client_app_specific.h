@@ -62,7 +62,7 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
 
   bool IsCorelationIdInCallHandleMap(const std::string& correlation_id) const;
   bool AddToCallHandleMap(const std::string& correlation_id, CallHandleMap::Handle handle);
-  void AddToSeqToCallHandleMap(uint32_t sequence, CallHandleMap::Handle handle);
+  void AddToSeqToCallHandleMap(uint32_t sequence, const CallHandleMap::Handle& handle);
   CallHandleMap::Handle GetFromSeqToCallHandleMap(uint32_t sequence);
   void DeleteFromSeqToCallHandleMap(uint32_t sequence);
   void PurgeCallHandleMap();

@@ -101,7 +101,7 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
   const auto unified = GetHostUnifiedMsg(generic, &type);
   if (!unified) ZLOG_WARN("%s::RpcMsgHandler Unable to get HostUnifiedMsg", vertical_.host_class);
   if (type != kAppInitConfigType) {
-    MpaRpcMsgHandler(context, generic, std::move(handle));
+    MpaRpcMsgHandler(context, generic, handle);
     return;
   }
   ZLOG_INFO("%s::RpcMsgHandler Received AppInitConfigMsg", vertical_.host_class);
@@ -122,7 +122,7 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
 }
 
 void MpaClientHostService::MpaRpcMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
-                                            rpc::CallHandle<GenericUnifiedMsg> handle) {
+                                            const rpc::CallHandle<GenericUnifiedMsg>& handle) {
   std::string correlation_id;
   if (generic.has_ctrl_header()) {
     correlation_id = generic.ctrl_header().correlation_id();

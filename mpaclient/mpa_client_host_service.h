@@ -35,7 +35,7 @@ class MpaClientHostService {
                      rpc::CallHandle<VoidMsg> handle);
   /// A request; answered when the vertical does.
   void MpaRpcMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
-                        rpc::CallHandle<GenericUnifiedMsg> handle);
+                        const rpc::CallHandle<GenericUnifiedMsg>& handle);
   /// What the service's request method does: answers an unasked app-init config itself.
   void HandleRequest(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
                      rpc::CallHandle<GenericUnifiedMsg> handle);

@@ -22,7 +22,7 @@ class MpaClientHostService;
 namespace rpc {
 class Server;
 class ServiceBase;
-}
+}  // namespace rpc
 
 /// The two calls that every manager-side service has, whichever service it is.
 class MpStub {
@@ -113,6 +113,8 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
   void StubCreateDone(const std::string& aph, std::unique_ptr<MpStub> stub, const rpc::Status& status);
   void StubCreateFailed(const std::string& aph);
   void OnStreamDown(const std::string& aph, rpc::CloseReason reason);
+  /// The first in map order; empty when nobody is.
+  static std::string FirstMaster(const std::map<std::string, bool>& aphs);
   std::string MasterAph() const;
   bool IsMaster(const std::string& aph) const;
   std::shared_ptr<MpStub> FindStub(const std::string& aph);

@@ -23,7 +23,15 @@ constexpr int64_t kConnectTimeoutMs = 2000;
 constexpr int64_t kStubTimeoutMs = 10000;
 constexpr Duration kStubRetry = std::chrono::seconds(1);
 
-RetryPolicy ConnectPolicy() { return RetryPolicy(1000, 5000, 2.0, -1); }
+// Both connections come back by the same rules.
+rpc::ConnectionParams ToProxy() {
+  const RetryPolicy policy(1000, 5000, 2.0, -1);
+  rpc::ConnectionParams params;
+  params.retry = policy;
+  params.reconnect = rpc::ReconnectPolicy(rpc::ReconnectPolicy::kAlways, policy);
+  params.options.timeout_ms = kConnectTimeoutMs;
+  return params;
+}
 
 std::shared_ptr<TnProxyClientCommon>& Instance() {
   static std::shared_ptr<TnProxyClientCommon> instance;
@@ -117,10 +125,7 @@ void TnProxyClientCommon::Start() {
 
 void TnProxyClientCommon::ConnectAndSubscribeForAphInfo() {
   ZLOG_DEBUG("connectAndSubscribeForAphInfo Enter");
-  rpc::ConnectionParams params;
-  params.retry = ConnectPolicy();
-  params.reconnect = rpc::ReconnectPolicy(rpc::ReconnectPolicy::kAlways, ConnectPolicy());
-  params.options.timeout_ms = kConnectTimeoutMs;
+  rpc::ConnectionParams params = ToProxy();
   params.on_connected = [weak = weak_from_this()](const rpc::ConnectionInfo& info) {
     if (const auto self = weak.lock()) self->OnConnectionUp(info);
   };
@@ -222,8 +227,9 @@ void TnProxyClientCommon::RetryStubLater() {
   if (stopped_) retry_timer_->Cancel();
 }
 
-// A connection that is lost brings its own new subscription; one that ended by itself, while the connection lives, is
-// renewed here.  Which of the two it is shows only after the channels of a lost connection are through.
+// A connection that is lost brings its own new subscription; one that ended by itself, while the connection
+// lives, is renewed here.  Which of the two it is shows only after the channels of a lost connection are
+// through.
 void TnProxyClientCommon::SubscriptionEnded(uint64_t subscription) {
   info_provider_.dispatcher().Post([weak = weak_from_this(), subscription] {
     const auto self = weak.lock();
@@ -290,10 +296,7 @@ void TnProxyClientCommon::HandleProxyInfo(const ApplProxyInfoRspMsg& message) {
 }
 
 void TnProxyClientCommon::ConnectForForwarding() {
-  rpc::ConnectionParams params;
-  params.retry = ConnectPolicy();
-  params.reconnect = rpc::ReconnectPolicy(rpc::ReconnectPolicy::kAlways, ConnectPolicy());
-  params.options.timeout_ms = kConnectTimeoutMs;
+  rpc::ConnectionParams params = ToProxy();
   params.options.rpc = rpc::RpcConnectionOptions::Gateway(true, true);
   params.on_connected = [weak = weak_from_this()](const rpc::ConnectionInfo& info) {
     if (const auto self = weak.lock()) self->OnForwardingConnectionUp(info);
@@ -388,9 +391,12 @@ void TnProxyClientCommon::Stop() {
 
 void TnProxyClientCommon::SetTnProxyConnectionUp(const std::string& name, ConnectionUp callback) {
   ZLOG_INFO("[%s] TnProxyClientCommon SetTnProxyConnectionUp", name.c_str());
-  if (connected_for_forwarding()) forwarding_provider_.dispatcher().Post(callback);
-  std::lock_guard lock(clients_mutex_);
-  connection_up_[name] = std::move(callback);
+  // Entered first: a connection that comes up meanwhile is then told by one of the two, or by both.
+  {
+    std::lock_guard lock(clients_mutex_);
+    connection_up_[name] = callback;
+  }
+  if (connected_for_forwarding()) forwarding_provider_.dispatcher().Post(std::move(callback));
 }
 
 void TnProxyClientCommon::SetTnProxyConnectionDown(const std::string& name, ConnectionDown callback) {
@@ -401,14 +407,16 @@ void TnProxyClientCommon::SetTnProxyConnectionDown(const std::string& name, Conn
 
 void TnProxyClientCommon::SetUpdateStubs(const std::string& name, UpdateStubs callback) {
   ZLOG_INFO("[%s] TnProxyClientCommon SetUpdateStubs", name.c_str());
+  {
+    std::lock_guard lock(clients_mutex_);
+    update_stubs_[name] = callback;
+  }
   bool missed = false;
   {
     std::shared_lock lock(state_mutex_);
     missed = connected_for_forwarding_ && stub_creation_enabled_;
   }
-  if (missed) forwarding_provider_.dispatcher().Post(callback);
-  std::lock_guard lock(clients_mutex_);
-  update_stubs_[name] = std::move(callback);
+  if (missed) forwarding_provider_.dispatcher().Post(std::move(callback));
 }
 
 void TnProxyClientCommon::RemoveClient(const std::string& name) {

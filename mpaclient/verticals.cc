@@ -69,7 +69,7 @@ constexpr std::array kLivetraceTypes = {
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceInvalidationMsg", "invalidation"},
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceBarrierMsg", "barrier"},
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceOnboardMsg", "onboard"},
-    VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceRequestMsg", "request"},
+    VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceMsg", "request"},
 };
 
 // One message under the three names that are in use for it.
@@ -184,6 +184,7 @@ const Vertical& GetVertical(VerticalId id) { return kVerticals[static_cast<size_
 const UnifiedLayout& UnifiedLayout::Of(const Vertical& vertical) {
   static const auto layouts = [] {
     std::vector<UnifiedLayout> all;
+    all.reserve(kVerticals.size());
     for (const Vertical& each : kVerticals) all.emplace_back(each);
     return all;
   }();

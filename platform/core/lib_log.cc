@@ -20,13 +20,13 @@ std::atomic<LibraryLogSink>& Sink() {
   return sink;
 }
 
-constexpr size_t kMaxText = 64 * 1024;
+constexpr size_t kMaxText = size_t{64} * 1024;
 
 }  // namespace
 
 std::atomic<int>& LibraryLevel(Library library) {
-  static std::array<std::atomic<int>, static_cast<size_t>(Library::kCount)> levels{kLogInfo, kLogInfo, kLogInfo,
-                                                                                   kLogInfo, kLogInfo};
+  static std::array<std::atomic<int>, static_cast<size_t>(Library::kCount)> levels{
+      kLogInfo, kLogInfo, kLogInfo, kLogInfo, kLogInfo};
   return levels[static_cast<size_t>(library)];
 }
 

@@ -5,13 +5,14 @@
 
 namespace zem {
 
-/// Answers whoever asks whether this process lives.  It lives when it answers: the answers come from the main event
-/// loop and from nowhere else.
+/// Answers whoever asks whether this process lives.  It lives when it answers: the answers come from the main
+/// event loop and from nowhere else.
 class DaemonHealthService final : public daemon::DaemonHealth::Service {
  public:
   explicit DaemonHealthService(orlane::zem::ProductVersionMsg version) : version_(std::move(version)) {}
 
-  void Echo(rpc::ServerContext&, const daemon::EchoMsg& request, rpc::CallHandle<daemon::EchoMsg> call) override {
+  void Echo(rpc::ServerContext&, const daemon::EchoMsg& request,
+            rpc::CallHandle<daemon::EchoMsg> call) override {
     call.Finish(request);
   }
 

@@ -35,23 +35,6 @@ static_assert(RulesStandInOrder());
 
 }  // namespace
 
-void PutU16(char* out, uint16_t value) {
-  out[0] = static_cast<char>(value >> 8);
-  out[1] = static_cast<char>(value);
-}
-
-void PutU32(char* out, uint32_t value) {
-  PutU16(out, static_cast<uint16_t>(value >> 16));
-  PutU16(out + 2, static_cast<uint16_t>(value));
-}
-
-uint16_t GetU16(const char* data) {
-  return static_cast<uint16_t>(static_cast<unsigned char>(data[0]) << 8 |
-                               static_cast<unsigned char>(data[1]));
-}
-
-uint32_t GetU32(const char* data) { return static_cast<uint32_t>(GetU16(data)) << 16 | GetU16(data + 2); }
-
 void EncodeFrameHeader(const FrameHeader& header, char* out) {
   PutU32(out, header.length);
   out[4] = static_cast<char>(header.type);

@@ -55,10 +55,21 @@ struct FrameHeader {
   uint32_t call = 0;
 };
 
-void PutU16(char* out, uint16_t value);
-void PutU32(char* out, uint32_t value);
-uint16_t GetU16(const char* data);
-uint32_t GetU32(const char* data);
+inline void PutU16(char* out, uint16_t value) {
+  out[0] = static_cast<char>(value >> 8);
+  out[1] = static_cast<char>(value);
+}
+inline void PutU32(char* out, uint32_t value) {
+  PutU16(out, static_cast<uint16_t>(value >> 16));
+  PutU16(out + 2, static_cast<uint16_t>(value));
+}
+inline uint16_t GetU16(const char* data) {
+  return static_cast<uint16_t>(static_cast<unsigned char>(data[0]) << 8 |
+                               static_cast<unsigned char>(data[1]));
+}
+inline uint32_t GetU32(const char* data) {
+  return static_cast<uint32_t>(GetU16(data)) << 16 | GetU16(data + 2);
+}
 
 /// Writes kFrameHeaderSize bytes.
 void EncodeFrameHeader(const FrameHeader& header, char* out);

@@ -145,6 +145,10 @@ struct Network {
     for (const auto& pair : pairs) {
       std::lock_guard lock(pair->mutex);
       function(*pair);
+    }
+    // Only now does anybody hear of it: a process dies with all its connections at once.
+    for (const auto& pair : pairs) {
+      std::lock_guard lock(pair->mutex);
       pair->Move();
     }
   }

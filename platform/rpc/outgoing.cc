@@ -34,12 +34,13 @@ bool TransportImpl::Request(const net::Endpoint& endpoint, ConnectionParams para
 }
 
 bool TransportImpl::Teardown(const net::Endpoint& endpoint) {
+  Entry entry;  // destroyed after the lock: it owns the caller's callbacks
   std::shared_ptr<WireConnection> connection;
   {
     std::lock_guard lock(mutex_);
     const auto found = outgoing_.find(endpoint.text());
     if (found == outgoing_.end() || !found->second->managed) return false;
-    const Entry entry = found->second;
+    entry = found->second;
     outgoing_.erase(found);
     if (entry->timer) entry->timer->Cancel();
     if (entry->attempt) entry->attempt->Cancel();

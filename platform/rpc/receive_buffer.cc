@@ -13,8 +13,12 @@ char* ReceiveBuffer::space() {
 void ReceiveBuffer::MakeRoom() {
   const size_t held = end_ - begin_;
   size_t capacity = capacity_;
-  if (capacity == 0 || (held == 0 && capacity > kUsual)) {
+  if (capacity == 0 || (held == 0 && capacity > kUsual && last_read_ < capacity / 8)) {
     capacity = kUsual;
+  } else if (held == 0 && capacity > kBusy) {
+    capacity = kBusy;
+  } else if (end_ == capacity && last_read_ > capacity / 2 && capacity < kBusy) {
+    capacity *= 2;
   } else if (wanted_ > capacity && held > capacity / 2) {
     capacity = std::min(capacity * 2, std::max(wanted_, kUsual));
   }

@@ -18,7 +18,10 @@ class ReceiveBuffer {
   /// Room for the next read.
   char* space();
   size_t space_size() const { return capacity_ - end_; }
-  void Commit(size_t size) { end_ += size; }
+  void Commit(size_t size) {
+    end_ += size;
+    last_read_ = size;
+  }
 
   /// The next whole frame; `payload` is valid until the next `space`.  After kBad nothing more can be read.
   Result Next(FrameHeader* header, const char** payload);
@@ -27,7 +30,8 @@ class ReceiveBuffer {
   const char* error() const { return error_; }
 
  private:
-  static constexpr size_t kUsual = 64 << 10;
+  static constexpr size_t kUsual = 32 << 10;
+  static constexpr size_t kBusy = 256 << 10;
 
   void MakeRoom();
 
@@ -35,6 +39,7 @@ class ReceiveBuffer {
   size_t capacity_ = 0;
   size_t begin_ = 0;
   size_t end_ = 0;
+  size_t last_read_ = 0;
   size_t wanted_ = kFrameHeaderSize;  // bytes of the frame at begin_
   const char* error_ = nullptr;
 };

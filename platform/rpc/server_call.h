@@ -28,9 +28,10 @@ struct ServerChannel {
   const std::shared_ptr<WireConnection> connection;
   const std::string source;
   const std::string target;
-  std::shared_ptr<ServiceBase> service;
   const ServerParts* server = nullptr;  // whose stop closes the channel; compared only
   // Guarded by the connection's mutex:
+  // Null when the channel has ended: a service may keep handles of its calls, and with them this channel.
+  std::shared_ptr<ServiceBase> service;
   uint32_t id = 0;
   uint32_t last_call = 0;
   CallTable<ServerCall> calls;

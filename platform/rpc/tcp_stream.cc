@@ -6,6 +6,7 @@
 #include "platform/rpc/memory_streams.h"
 #include "platform/rpc/strand.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -88,6 +89,9 @@ class TcpStream final : public ByteStream, public std::enable_shared_from_this<T
   bool closed_ = false;  // strand
 };
 
+// A child that inherits a listener keeps its port taken after this process has closed it.
+void KeepFromChildren(int fd) { ::fcntl(fd, F_SETFD, FD_CLOEXEC); }
+
 class TcpConnect final : public ConnectAttempt, public std::enable_shared_from_this<TcpConnect> {
  public:
   TcpConnect(AsioZemProvider& provider, StreamDone done)
@@ -99,6 +103,7 @@ class TcpConnect final : public ConnectAttempt, public std::enable_shared_from_t
     const tcp::endpoint address(boost::asio::ip::make_address(endpoint.address()), endpoint.port());
     ErrorCode error;
     socket_.open(address.protocol(), error);
+    if (!error) KeepFromChildren(socket_.native_handle());
     socket_.async_connect(address, [self = shared_from_this()](const ErrorCode& failed) {
       const WorkToken token;
       self->Finish(failed ? failed.message() : "");
@@ -152,6 +157,7 @@ class TcpListener final : public StreamListener {
     const tcp::endpoint address(boost::asio::ip::make_address(endpoint.address()), endpoint.port());
     try {
       state_->acceptor.open(address.protocol());
+      KeepFromChildren(state_->acceptor.native_handle());
       state_->acceptor.set_option(tcp::acceptor::reuse_address(true));
       state_->acceptor.bind(address);
       state_->acceptor.listen();
@@ -189,6 +195,7 @@ class TcpListener final : public StreamListener {
     state->acceptor.async_accept([state](const ErrorCode& error, tcp::socket socket) {
       const WorkToken token;
       if (!error) {
+        KeepFromChildren(socket.native_handle());
         auto strand = std::make_shared<Strand>(state->provider.io());
         auto stream = std::make_shared<TcpStream>(std::move(socket), strand);
         state->accepted(std::move(stream), std::move(strand));

@@ -19,7 +19,9 @@ TransportImpl::~TransportImpl() {
   std::vector<std::shared_ptr<ServerParts>> servers;
   {
     std::lock_guard lock(mutex_);
-    connections = ConnectionsLocked();
+    for (const auto& weak : living_) {
+      if (auto connection = weak.lock()) connections.push_back(std::move(connection));
+    }
     servers = servers_;
   }
   for (const auto& connection : connections) connection->DetachLoop();
@@ -159,6 +161,13 @@ void TransportImpl::OpenChannel(const std::string& source, const net::Endpoint& 
 
 void TransportImpl::AddConnectionLocked(const std::shared_ptr<WireConnection>& connection) {
   connections_.emplace(connection.get(), connection);
+  if (living_.size() >= prune_living_at_) {
+    living_.erase(
+        std::remove_if(living_.begin(), living_.end(), [](const auto& weak) { return weak.expired(); }),
+        living_.end());
+    prune_living_at_ = std::max<size_t>(64, 2 * living_.size());
+  }
+  living_.push_back(connection);
 }
 
 void TransportImpl::OnAccepted(const std::weak_ptr<ServerParts>& weak, const ConnectionOptions& options,

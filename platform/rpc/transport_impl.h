@@ -137,6 +137,9 @@ class TransportImpl final : public Transport, public std::enable_shared_from_thi
   ForwardRouter router_;
   std::map<std::string, Entry> outgoing_;  // by endpoint text
   std::map<WireConnection*, std::shared_ptr<WireConnection>> connections_;
+  // Those closed too while anybody holds them: something may still wait on their strands when the loop ends.
+  std::vector<std::weak_ptr<WireConnection>> living_;
+  size_t prune_living_at_ = 64;
   std::map<std::string, std::vector<WireConnection*>>
       routes_;                             // id -> whose peer announced it, the newest last
   std::vector<WireConnection*> gateways_;  // up, with the forward option

@@ -93,6 +93,7 @@ void WireConnection::CloseWhenWritten(CloseReason reason) {
 void WireConnection::CloseNow(CloseReason reason) {
   std::vector<std::shared_ptr<Forwarded>> forwarded;
   std::vector<std::shared_ptr<ServerCall>> taken;
+  std::vector<std::shared_ptr<ServiceBase>> services;
   std::map<uint32_t, Slot> slots;  // destroyed after the lock
   std::shared_ptr<ByteStream> stream;
   std::vector<std::weak_ptr<WireConnection>> waiting_forwarders;
@@ -113,6 +114,7 @@ void WireConnection::CloseNow(CloseReason reason) {
     for (auto& [id, slot] : slots) {
       if (slot.client) EndClientChannel(*slot.client, channel_reason);
       if (slot.server) {
+        services.push_back(std::move(slot.server->service));
         for (const auto& call : slot.server->calls.TakeAll()) {
           --calls_;
           taken.push_back(EndServerCall(*call, Status(StatusCode::kChannelDown, "the connection ended")));
@@ -196,6 +198,7 @@ void WireConnection::OpenChannel(const std::string& source, const std::string& t
 void WireConnection::CloseServerChannels(const ServerParts* server, bool close_connection) {
   std::vector<std::shared_ptr<ServerCall>> taken;
   std::vector<std::shared_ptr<ServerChannel>> channels;
+  std::vector<std::shared_ptr<ServiceBase>> services;
   Lock lock(mutex_);
   for (auto at = slots_.begin(); at != slots_.end();) {
     const auto channel = at->second.server;
@@ -205,6 +208,7 @@ void WireConnection::CloseServerChannels(const ServerParts* server, bool close_c
     }
     at = slots_.erase(at);
     channels.push_back(channel);
+    services.push_back(std::move(channel->service));
     for (const auto& call : channel->calls.TakeAll()) {
       --calls_;
       taken.push_back(EndServerCall(*call, Status(StatusCode::kChannelDown, "the server stopped")));

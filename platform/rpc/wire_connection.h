@@ -43,7 +43,7 @@ class WireConnection final : public ByteStreamReader, public std::enable_shared_
     ConnectionOptions options;
     std::vector<std::string> announced;
     /// Whose listener accepted it; null for a connection made by this side.
-    std::shared_ptr<ServerParts> server;
+    std::weak_ptr<ServerParts> server;
     /// When connecting and introduction must be through.
     TimePoint introduction_deadline;
     std::function<void(WireConnection&)> on_up;
@@ -74,10 +74,10 @@ class WireConnection final : public ByteStreamReader, public std::enable_shared_
   bool up() const;
   bool unused() const;
   bool may_announce(const ServerParts* server) const {
-    return settings_.options.rpc.inbound || (server != nullptr && server == settings_.server.get());
+    return settings_.options.rpc.inbound || (server != nullptr && server == settings_.server.lock().get());
   }
   const ConnectionOptions& options() const { return settings_.options; }
-  const std::shared_ptr<ServerParts>& server() const { return settings_.server; }
+  std::shared_ptr<ServerParts> server() const { return settings_.server.lock(); }
   const std::shared_ptr<Strand>& strand() const { return strand_; }
 
   /// Forwarding: takes an id for a channel whose frames go to `channel` of `peer`; 0 when there is no room.

@@ -236,6 +236,7 @@ void WireConnection::HandleOpened(const Slot& slot, const FrameHeader& header) {
 
 void WireConnection::HandleClose(const Slot& slot, const FrameHeader& header) {
   std::vector<std::shared_ptr<ServerCall>> taken;
+  std::shared_ptr<ServiceBase> service;
   {
     Lock lock(mutex_);
     if (slots_.count(header.channel) == 0) return;
@@ -244,6 +245,7 @@ void WireConnection::HandleClose(const Slot& slot, const FrameHeader& header) {
       EndClientChannel(*slot.client, known ? CloseReason::kTargetUnreachable : CloseReason::kRemoteClose);
     } else {
       slots_.erase(header.channel);
+      service = std::move(slot.server->service);
       for (const auto& call : slot.server->calls.TakeAll()) {
         --calls_;
         taken.push_back(
@@ -271,12 +273,14 @@ void WireConnection::HandleCall(const Slot& slot, const FrameHeader& header, con
   if (!sound || (empty && at != header.length)) return Malformed("unsound CALL", header);
 
   const std::shared_ptr<ServerChannel>& channel = slot.server;
+  std::shared_ptr<ServiceBase> service;
   std::shared_ptr<ServerCall> call;
   {
     Lock lock(mutex_);
     if (channel && slots_.count(header.channel) == 0) return;
     if (channel && header.call > channel->last_call) {
       channel->last_call = header.call;
+      service = channel->service;
       call = std::make_shared<ServerCall>(channel, header.call);
       if (calls_ >= kCallsLimit) {
         AppendEnd(header.channel, header.call, Status(StatusCode::kResourceExhausted, "too many calls"));
@@ -299,10 +303,10 @@ void WireConnection::HandleCall(const Slot& slot, const FrameHeader& header, con
   if (!call) return Malformed("CALL out of order", header);
   const char* const data = empty ? nullptr : payload + at;
   try {
-    channel->service->Dispatch(header.code, call, data, header.length - at, (header.flags & kFlagLast) != 0);
+    service->Dispatch(header.code, call, data, header.length - at, (header.flags & kFlagLast) != 0);
   } catch (const std::exception& error) {
     ZEM_LIB_LOG(Library::kRpc, kLogError, "%s: method %u of %s threw: %s", text_.c_str(), header.code,
-                channel->service->info().name, error.what());
+                service->info().name, error.what());
     call->Close(Status(StatusCode::kInternal, error.what()));
   }
   if (call->ended_) return;

@@ -19,7 +19,7 @@ namespace {
 
 using orlane::zem::sha::AgentReportMsg;
 
-constexpr size_t kMaxReport = 64 * 1024;
+constexpr size_t kMaxReport = size_t{64} * 1024;
 
 }  // namespace
 

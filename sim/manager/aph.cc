@@ -32,7 +32,7 @@ class CallObserver final : public rpc::CallObserver<Message> {
 }  // namespace
 
 Aph::Aph(std::string id, const std::string& forwarding_endpoint,
-         std::function<std::unique_ptr<MpSink>(Aph*)> make_sink)
+         const std::function<std::unique_ptr<MpSink>(Aph*)>& make_sink)
     : id_(std::move(id)), sink_(make_sink(this)), connections_(provider_.rpc()) {
   rpc::ServerBuilder builder(provider_.rpc());
   builder.AddLocalEndpointId(id_);
@@ -85,8 +85,8 @@ void Aph::Call(const ManagerVertical& vertical, const GenericUnifiedMsg& message
   const std::string name = vertical.name;
   vertical.make_stub(
       provider_.rpc().stubs(), std::move(request),
-      [this, name, pending = std::make_shared<Pending>(std::move(pending))](std::shared_ptr<HostStub> made,
-                                                                            const rpc::Status& status) {
+      [this, name, pending = std::make_shared<Pending>(std::move(pending))](
+          const std::shared_ptr<HostStub>& made, const rpc::Status& status) {
         if (!made) {
           pending->done({rpc::Status(status.code(), "the host cannot be reached"), {}});
           return;

@@ -30,7 +30,7 @@ class Aph {
  public:
   /// `sink` outlives it.  Connects to the node's proxy and goes on trying.
   Aph(std::string id, const std::string& forwarding_endpoint,
-      std::function<std::unique_ptr<MpSink>(Aph*)> make_sink);
+      const std::function<std::unique_ptr<MpSink>(Aph*)>& make_sink);
   ~Aph();
 
   const std::string& id() const { return id_; }

@@ -14,8 +14,6 @@ namespace {
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 
-constexpr size_t kMaxRemembered = 100000;
-
 class ErrorText final : public google::protobuf::io::ErrorCollector {
  public:
   void AddError(int line, google::protobuf::io::ColumnNumber column, const std::string& message) override {
@@ -80,15 +78,25 @@ Manager::~Manager() {
 }
 
 void Manager::StartProxy() {
-  if (proxy_) return;
-  proxy_ = std::make_unique<Proxy>(options_.info_endpoint, options_.forwarding_endpoint);
   std::lock_guard lock(mutex_);
+  if (proxy_) return;
+  proxy_ = std::make_shared<Proxy>(options_.info_endpoint, options_.forwarding_endpoint);
   PublishLocked();
 }
 
-void Manager::StopProxy() { proxy_.reset(); }
+// Its end waits for its thread, so it comes after the lock.
+void Manager::StopProxy() {
+  std::shared_ptr<Proxy> ended;
+  std::lock_guard lock(mutex_);
+  ended.swap(proxy_);
+}
 
-bool Manager::proxy_running() const { return proxy_ != nullptr; }
+bool Manager::proxy_running() const { return proxy() != nullptr; }
+
+std::shared_ptr<Proxy> Manager::proxy() const {
+  std::lock_guard lock(mutex_);
+  return proxy_;
+}
 
 void Manager::PublishLocked() {
   if (!proxy_) return;
@@ -96,11 +104,11 @@ void Manager::PublishLocked() {
   info.transport_node_id = options_.transport_node_id;
   info.version = options_.version;
   for (const auto& [id, master] : listed_) info.aphs.push_back({id, master});
-  proxy_->Publish(std::move(info));
+  proxy_->Publish(info);
 }
 
-void Manager::PublishRaw(ProxyInfo info) {
-  if (proxy_) proxy_->Publish(std::move(info));
+void Manager::PublishRaw(const ProxyInfo& info) {
+  if (const auto running = proxy()) running->Publish(info);
 }
 
 void Manager::AddAph(const std::string& id, bool master) {
@@ -195,7 +203,7 @@ void Manager::Receive(const Aph& aph, const std::string& vertical, const std::st
   std::lock_guard lock(mutex_);
   received.number = ++last_number_;
   received_.push_back(std::move(received));
-  if (received_.size() > kMaxRemembered) received_.pop_front();
+  if (received_.size() > options_.remembered) received_.pop_front();
 }
 
 void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnifiedMsg& request, bool app_init,

@@ -56,6 +56,8 @@ class Manager {
     std::string forwarding_endpoint = "tcp://127.0.0.1:4096";
     std::string transport_node_id;
     std::optional<std::pair<uint32_t, uint32_t>> version{{4, 2}};
+    /// Messages of hosts that are kept; older ones are forgotten.
+    size_t remembered = 100000;
   };
 
   explicit Manager(Options options);
@@ -66,7 +68,7 @@ class Manager {
   void StopProxy();
   bool proxy_running() const;
   /// Null while the proxy is stopped.
-  Proxy* proxy() { return proxy_.get(); }
+  std::shared_ptr<Proxy> proxy() const;
 
   // The APHs.  Each change is told to the subscribers.
   void AddAph(const std::string& id, bool master);
@@ -75,7 +77,7 @@ class Manager {
   /// Empty: nobody is.
   bool SetMaster(const std::string& id);
   /// Tells this instead of the true list until the next change.
-  void PublishRaw(ProxyInfo info);
+  void PublishRaw(const ProxyInfo& info);
   std::vector<std::pair<std::string, bool>> Aphs() const;
   std::string Master() const;
 
@@ -113,9 +115,9 @@ class Manager {
   AnswerRule TakeRule(const std::string& vertical, bool app_init);
 
   const Options options_;
-  std::unique_ptr<Proxy> proxy_;
 
   mutable std::mutex mutex_;  // guards all below
+  std::shared_ptr<Proxy> proxy_;
   std::map<std::string, std::unique_ptr<Aph>> aphs_;
   std::map<std::string, bool> listed_;
   std::map<std::pair<std::string, bool>, AnswerRule> rules_;

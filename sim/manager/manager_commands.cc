@@ -160,7 +160,7 @@ void PublishRaw(Manager& manager, const Arguments& arguments, const Reply& reply
     if (!entry) return reply.Fail("not ID:master, ID:other, :master or ID: " + word);
     info.aphs.push_back(*entry);
   }
-  manager.PublishRaw(std::move(info));
+  manager.PublishRaw(info);
   reply.Ok();
 }
 
@@ -176,7 +176,7 @@ Json State(Manager& manager) {
     AddMember(served.get(), vertical.c_str(), count);
   AddMember(result.get(), "served_app_inits", std::move(served));
   AddMember(result.get(), "received", manager.received_count());
-  if (Proxy* const proxy = manager.proxy()) {
+  if (const auto proxy = manager.proxy()) {
     AddMember(result.get(), "subscribers", static_cast<uint64_t>(proxy->subscribers()));
     Json ids = JsonArray();
     for (const std::string& id : proxy->PeerIds()) AddItem(ids.get(), id);
@@ -191,34 +191,35 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
   constexpr size_t kMany = 1000;
   Manager* const m = &manager;
   table.Register({"state", "", "Shows proxy, APHs, master, served app-inits and announced ids.", 0, 0,
-                  [m](const Arguments&, Reply reply) { reply.Ok(State(*m)); }});
+                  [m](const Arguments&, const Reply& reply) { reply.Ok(State(*m)); }});
   table.Register(
       {"send",
        "[--aph ID] [--correlation ID] [--timeout SECONDS] [--publish] [--no-wait] [--no-header] "
        "VERTICAL MESSAGE [TEXT]",
        "Sends a message (text format) to a vertical of the host, as the master unless an APH is named, and "
        "shows the answer.",
-       2, kMany, [m](const Arguments& arguments, Reply reply) { Send(*m, arguments, reply); }});
-  table.Register({"received", "[VERTICAL|all] [AFTER]",
-                  "Shows what hosts have sent, after a number if given.", 0, 2,
-                  [m](const Arguments& arguments, Reply reply) { ReceivedCommand(*m, arguments, reply); }});
+       2, kMany, [m](const Arguments& arguments, const Reply& reply) { Send(*m, arguments, reply); }});
+  table.Register(
+      {"received", "[VERTICAL|all] [AFTER]", "Shows what hosts have sent, after a number if given.", 0, 2,
+       [m](const Arguments& arguments, const Reply& reply) { ReceivedCommand(*m, arguments, reply); }});
   table.Register({"answer", "[--count N] [--delay-ms N] VERTICAL|all app-init|request KIND [STATUS|TEXT]",
                   "Says how requests of hosts are answered: serve, status, never, garbage, wrong-type, text.",
-                  3, kMany, [m](const Arguments& arguments, Reply reply) { Answer(*m, arguments, reply); }});
+                  3, kMany,
+                  [m](const Arguments& arguments, const Reply& reply) { Answer(*m, arguments, reply); }});
   table.Register({"master", "[ID]", "Makes an APH the master, or nobody.", 0, 1,
-                  [m](const Arguments& arguments, Reply reply) {
+                  [m](const Arguments& arguments, const Reply& reply) {
                     const std::string id = arguments.empty() ? "" : arguments[0];
                     if (!m->SetMaster(id)) return reply.Fail("no APH " + id);
                     reply.Ok();
                   }});
-  table.Register(
-      {"aph/add", "ID", "Starts an APH and lists it.", 1, 1, [m](const Arguments& arguments, Reply reply) {
-         if (!ParseUuid(arguments[0])) return reply.Fail("not a uuid: " + arguments[0]);
-         m->AddAph(arguments[0], false);
-         reply.Ok();
-       }});
+  table.Register({"aph/add", "ID", "Starts an APH and lists it.", 1, 1,
+                  [m](const Arguments& arguments, const Reply& reply) {
+                    if (!ParseUuid(arguments[0])) return reply.Fail("not a uuid: " + arguments[0]);
+                    m->AddAph(arguments[0], false);
+                    reply.Ok();
+                  }});
   table.Register({"aph/lose", "ID [listed]", "Ends an APH; with \"listed\" the proxy goes on naming it.", 1,
-                  2, [m](const Arguments& arguments, Reply reply) {
+                  2, [m](const Arguments& arguments, const Reply& reply) {
                     const bool listed = arguments.size() > 1 && arguments[1] == "listed";
                     if (!m->RemoveAph(arguments[0], listed)) return reply.Fail("no APH " + arguments[0]);
                     reply.Ok();
@@ -227,14 +228,15 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
       {"aph/tell", "[ENTRY...]",
        "Tells the agent this list once instead of the true one; ENTRY is ID:master, ID:other, :master or "
        "ID:.",
-       0, kMany, [m](const Arguments& arguments, Reply reply) { PublishRaw(*m, arguments, reply); }});
-  table.Register({"proxy/kill", "", "Ends the proxy process.", 0, 0, [m](const Arguments&, Reply reply) {
-                    if (!m->proxy_running()) return reply.Fail("the proxy does not run");
-                    m->StopProxy();
-                    reply.Ok();
-                  }});
+       0, kMany, [m](const Arguments& arguments, const Reply& reply) { PublishRaw(*m, arguments, reply); }});
   table.Register(
-      {"proxy/start", "", "Starts the proxy process again.", 0, 0, [m](const Arguments&, Reply reply) {
+      {"proxy/kill", "", "Ends the proxy process.", 0, 0, [m](const Arguments&, const Reply& reply) {
+         if (!m->proxy_running()) return reply.Fail("the proxy does not run");
+         m->StopProxy();
+         reply.Ok();
+       }});
+  table.Register(
+      {"proxy/start", "", "Starts the proxy process again.", 0, 0, [m](const Arguments&, const Reply& reply) {
          if (m->proxy_running()) return reply.Fail("the proxy runs");
          m->StartProxy();
          reply.Ok();
@@ -248,18 +250,20 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
                     reply.Ok();
                   }});
   table.Register({"proxy/end-subscriptions", "STATUS", "Ends the subscriptions to the list of APHs.", 1, 1,
-                  [m](const Arguments& arguments, Reply reply) {
+                  [m](const Arguments& arguments, const Reply& reply) {
                     const auto status = Number(arguments[0]);
-                    if (!status || m->proxy() == nullptr) return reply.Fail("no status, or no proxy");
-                    m->proxy()->EndSubscriptions(static_cast<int>(*status));
+                    const auto proxy = m->proxy();
+                    if (!status || !proxy) return reply.Fail("no status, or no proxy");
+                    proxy->EndSubscriptions(static_cast<int>(*status));
                     reply.Ok();
                   }});
   table.Register({"proxy/refuse-subscriptions", "STATUS|off", "Refuses subscriptions with a status.", 1, 1,
-                  [m](const Arguments& arguments, Reply reply) {
-                    if (m->proxy() == nullptr) return reply.Fail("the proxy does not run");
+                  [m](const Arguments& arguments, const Reply& reply) {
+                    const auto proxy = m->proxy();
+                    if (!proxy) return reply.Fail("the proxy does not run");
                     std::optional<int> status;
                     if (arguments[0] != "off") status = static_cast<int>(Number(arguments[0]).value_or(13));
-                    m->proxy()->RefuseSubscriptions(status);
+                    proxy->RefuseSubscriptions(status);
                     reply.Ok();
                   }});
 }

@@ -1,7 +1,5 @@
 #include "sim/manager/proxy.h"
 
-#include <algorithm>
-
 #include "platform/core/uuid.h"
 #include "platform/rpc/server.h"
 #include "platform/rpc/transport.h"
@@ -36,32 +34,42 @@ ApplProxyInfoRspMsg ToMessage(const ProxyInfo& info) {
 
 }  // namespace
 
-class Proxy::InfoService final : public ApplProxyInfoService::Service {
+// A subscription is forgotten when it ends: its handle keeps its connection, and by that this service.
+class Proxy::InfoService final : public ApplProxyInfoService::Service,
+                                 public std::enable_shared_from_this<InfoService> {
  public:
-  void Subscribe(rpc::ServerContext&, const ApplProxyInfoReqMsg&,
+  void Subscribe(rpc::ServerContext& context, const ApplProxyInfoReqMsg&,
                  rpc::CallHandle<ApplProxyInfoRspMsg> call) override {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     if (refuse_) {
       call.Close(*refuse_, "refused by the scenario");
       return;
     }
     if (info_) call.Write(*info_);
-    subscribers_.push_back(std::move(call));
+    const uint64_t number = ++last_number_;
+    subscribers_.emplace(number, std::move(call));
+    lock.unlock();
+    context.SetOnClose([weak = weak_from_this(), number](const rpc::Status&) {
+      if (const auto self = weak.lock()) self->Forget(number);
+    });
   }
 
   void Publish(const ApplProxyInfoRspMsg& info) {
     std::lock_guard lock(mutex_);
     info_ = info;
-    std::erase_if(subscribers_, [&info](auto& call) { return !call.Write(info); });
+    for (auto& [number, call] : subscribers_) {
+      // One that reads too slowly for the list starts over.
+      if (!call.Write(info)) call.Cancel();
+    }
   }
 
   void End(int status) {
-    std::vector<rpc::CallHandle<ApplProxyInfoRspMsg>> ended;
+    Subscribers ended;
     {
       std::lock_guard lock(mutex_);
       ended.swap(subscribers_);
     }
-    for (auto& call : ended) call.Close(status, "ended by the scenario");
+    for (auto& [number, call] : ended) call.Close(status, "ended by the scenario");
   }
 
   void Refuse(std::optional<int> status) {
@@ -71,15 +79,23 @@ class Proxy::InfoService final : public ApplProxyInfoService::Service {
 
   size_t subscribers() const {
     std::lock_guard lock(mutex_);
-    return static_cast<size_t>(std::count_if(subscribers_.begin(), subscribers_.end(),
-                                             [](const auto& call) { return !call.FinalStatus(); }));
+    return subscribers_.size();
   }
 
  private:
+  using Subscribers = std::map<uint64_t, rpc::CallHandle<ApplProxyInfoRspMsg>>;
+
+  void Forget(uint64_t number) {
+    Subscribers::node_type dropped;  // after the lock
+    std::lock_guard lock(mutex_);
+    dropped = subscribers_.extract(number);
+  }
+
   mutable std::mutex mutex_;  // guards all below
   std::optional<ApplProxyInfoRspMsg> info_;
   std::optional<int> refuse_;
-  std::vector<rpc::CallHandle<ApplProxyInfoRspMsg>> subscribers_;
+  uint64_t last_number_ = 0;
+  Subscribers subscribers_;
 };
 
 Proxy::Proxy(const std::string& info_endpoint, const std::string& forwarding_endpoint)
@@ -115,7 +131,7 @@ void Proxy::SetForwarding(bool on) {
   forwarding_server_ = builder.BuildStarted();
 }
 
-void Proxy::Publish(ProxyInfo info) { info_service_->Publish(ToMessage(info)); }
+void Proxy::Publish(const ProxyInfo& info) { info_service_->Publish(ToMessage(info)); }
 
 void Proxy::EndSubscriptions(int status) { info_service_->End(status); }
 

@@ -39,7 +39,7 @@ class Proxy {
   ~Proxy();
 
   /// To every subscriber now and to each that comes later.
-  void Publish(ProxyInfo info);
+  void Publish(const ProxyInfo& info);
 
   /// Ends every subscription with a status; new ones are taken.
   void EndSubscriptions(int status);

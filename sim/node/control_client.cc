@@ -7,8 +7,12 @@
 #include <cstring>
 #include <system_error>
 
+#include "platform/core/thread.h"
+
 namespace zem::sim {
 namespace {
+
+constexpr auto kLook = std::chrono::milliseconds(20);
 
 [[noreturn]] void Fail(const std::string& what, int error) {
   throw std::system_error(error, std::generic_category(), what);
@@ -16,14 +20,20 @@ namespace {
 
 }  // namespace
 
-ControlClient::ControlClient(const std::string& path) {
+ControlClient::ControlClient(const std::string& path, Duration patience) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof(address.sun_path)) Fail(path, ENAMETOOLONG);
   std::memcpy(address.sun_path, path.data(), path.size());
-  socket_.Reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0)
-    Fail(path, errno);
+  const TimePoint deadline = Clock::Process().Now() + patience;
+  for (;;) {
+    socket_.Reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) return;
+    const int error = errno;
+    // A node that starts has no socket at first, and then one that is not served yet.
+    if ((error != ENOENT && error != ECONNREFUSED) || Clock::Process().Now() >= deadline) Fail(path, error);
+    SleepFor(kLook);
+  }
 }
 
 std::string ControlClient::Execute(std::string_view command) {

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/core/clock.h"
 #include "platform/core/unique_fd.h"
 
 namespace zem::sim {
@@ -12,8 +13,8 @@ namespace zem::sim {
 /// Threads: one.
 class ControlClient {
  public:
-  /// Throws std::system_error when nobody serves the socket.
-  explicit ControlClient(const std::string& path);
+  /// Throws std::system_error when nobody serves the socket within `patience`.
+  explicit ControlClient(const std::string& path, Duration patience = Duration::zero());
 
   /// Throws std::system_error when the node has gone.
   std::string Execute(std::string_view command);

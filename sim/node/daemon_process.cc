@@ -49,8 +49,13 @@ bool DaemonProcess::Start() {
   posix_spawnattr_setsigdefault(&attributes, &all);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   std::vector<std::string> variables;
-  for (const auto& [name, value] : environment_) variables.push_back(name + "=" + value);
+  variables.reserve(environment_.size());
+  for (const auto& [name, value] : environment_) {
+    variables.push_back(name);
+    variables.back().append("=").append(value);
+  }
   std::vector<char*> environment;
+  environment.reserve(variables.size() + 1);
   for (std::string& variable : variables) environment.push_back(variable.data());
   environment.push_back(nullptr);
   std::string program = path_;

@@ -5,8 +5,7 @@
 #include <string>
 
 #include "platform/core/clock.h"
-#include "platform/core/thread.h"
-#include "platform/core/unique_fd.h"
+#include "sim/node/datagram_sink.h"
 
 namespace zem::sim {
 
@@ -17,7 +16,6 @@ namespace zem::sim {
 class HealthSink {
  public:
   explicit HealthSink(const std::string& path);
-  ~HealthSink();
 
   struct Health {
     bool known = false;
@@ -33,20 +31,15 @@ class HealthSink {
   Health health() const;
 
  private:
-  void Receive();
   void Take(const char* data, size_t size);
-
-  const std::string path_;
-  UniqueFd socket_;
-  UniqueFd stop_read_;
-  UniqueFd stop_write_;
 
   mutable std::mutex mutex_;  // guards what follows
   Health health_;
   uint64_t last_sequence_ = 0;
   TimePoint last_heard_;
   Duration stale_after_{};
-  Thread thread_;
+
+  DatagramSink socket_;  // ends first: it calls back
 };
 
 }  // namespace zem::sim

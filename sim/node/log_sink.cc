@@ -1,23 +1,13 @@
 #include "sim/node/log_sink.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <regex>
-#include <system_error>
 
 namespace zem::sim {
 namespace {
 
 constexpr int kReceiveBuffer = 8 * 1024 * 1024;
-constexpr size_t kMaxDatagram = 1024 * 1024;
+constexpr size_t kMaxDatagram = size_t{1024} * 1024;
 constexpr auto kWritten = std::chrono::seconds(2);
 constexpr auto kLook = std::chrono::milliseconds(1);
 
@@ -54,59 +44,25 @@ LogLine ParseLogLine(std::string_view datagram) {
 }
 
 LogSink::LogSink(const std::string& path, std::function<void(const LogLine&)> follow)
-    : path_(path), follow_(std::move(follow)) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path))
-    throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
-  std::memcpy(address.sun_path, path.data(), path.size());
-  socket_.Reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  ::unlink(path.c_str());
-  if (::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) {
-    throw std::system_error(errno, std::generic_category(), "bind " + path);
-  }
-  ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof(kReceiveBuffer));
-  int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) < 0) throw std::system_error(errno, std::generic_category(), "pipe");
-  stop_read_.Reset(ends[0]);
-  stop_write_.Reset(ends[1]);
-  Thread::Options options;
-  options.name = "log-sink";
-  options.counts_as_work = false;
-  thread_ = Thread(std::move(options), [this] { Receive(); });
-}
+    : follow_(std::move(follow)),
+      socket_({.path = path,
+               .thread_name = "log-sink",
+               .max_datagram = kMaxDatagram,
+               .receive_buffer = kReceiveBuffer},
+              [this](std::string_view datagram) { Take(ParseLogLine(datagram)); }) {}
 
-LogSink::~LogSink() {
-  stop_write_.Reset();
-  thread_.Join();
-  ::unlink(path_.c_str());
-}
-
-void LogSink::Receive() {
-  std::vector<char> buffer(kMaxDatagram);
-  for (;;) {
-    pollfd fds[] = {{socket_.get(), POLLIN, 0}, {stop_read_.get(), POLLIN, 0}};
-    if (::poll(fds, 2, -1) < 0 && errno != EINTR) return;
-    if (fds[1].revents != 0) return;
-    // Under the lock, so that a line is either still in the socket or to be found.
-    std::lock_guard lock(mutex_);
-    const ssize_t size = ::recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (size <= 0) continue;
-    LogLine line = ParseLogLine(std::string_view(buffer.data(), static_cast<size_t>(size)));
-    line.number = ++last_number_;
-    if (follow_) follow_(line);
-    lines_.push_back(std::move(line));
-    if (lines_.size() > kMaxLines) lines_.pop_front();
-    added_.NotifyAll();
-  }
+void LogSink::Take(LogLine line) {
+  std::lock_guard lock(mutex_);
+  line.number = ++last_number_;
+  if (follow_) follow_(line);
+  lines_.push_back(std::move(line));
+  if (lines_.size() > kMaxLines) lines_.pop_front();
+  added_.NotifyAll();
 }
 
 void LogSink::AwaitWritten() const {
   const TimePoint deadline = Clock::Process().Now() + kWritten;
-  for (int unread = 1; unread > 0 && Clock::Process().Now() < deadline;) {
-    if (::ioctl(socket_.get(), FIONREAD, &unread) < 0) return;
-    if (unread > 0) SleepFor(kLook);
-  }
+  while (!socket_.Drained() && Clock::Process().Now() < deadline) SleepFor(kLook);
 }
 
 uint64_t LogSink::last_number() const {

@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "platform/core/condition.h"
-#include "platform/core/thread.h"
-#include "platform/core/unique_fd.h"
+#include "sim/node/datagram_sink.h"
 
 namespace zem::sim {
 
@@ -35,7 +34,6 @@ class LogSink {
 
   /// Throws std::system_error when the socket cannot be bound.
   explicit LogSink(const std::string& path, std::function<void(const LogLine&)> follow = nullptr);
-  ~LogSink();
 
   uint64_t last_number() const;
   /// Lines after `after` whose text matches the pattern (ECMAScript), at most `limit`, the newest ones.
@@ -44,20 +42,17 @@ class LogSink {
   std::optional<LogLine> Wait(const std::string& pattern, uint64_t after, Duration timeout) const;
 
  private:
-  void Receive();
+  void Take(LogLine line);
   void AwaitWritten() const;
 
-  const std::string path_;
   const std::function<void(const LogLine&)> follow_;
-  UniqueFd socket_;
-  UniqueFd stop_read_;
-  UniqueFd stop_write_;
 
   mutable std::mutex mutex_;  // guards what follows
   mutable Condition added_;
   std::deque<LogLine> lines_;
   uint64_t last_number_ = 0;
-  Thread thread_;
+
+  DatagramSink socket_;  // ends first: it calls back
 };
 
 /// "<PRI>Mmm dd hh:mm:ss identity[pid]: text"; a datagram of another form is kept whole as text.

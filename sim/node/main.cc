@@ -126,13 +126,9 @@ int Check(Words words, const char* program) {
     ::_exit(code);
   }
   bool held = false;
-  const zem::TimePoint deadline = zem::Clock::Process().Now() + kNodeStart;
-  while (::access(control.c_str(), F_OK) != 0 && zem::Clock::Process().Now() < deadline) {
-    zem::SleepFor(std::chrono::milliseconds(20));
-  }
   try {
-    ControlClient client(control);
-    held = zem::sim::Scenario(client, std::cout, true).Run(lines, file);
+    ControlClient client(control, kNodeStart);
+    held = zem::sim::Scenario(client, std::cout).Run(lines, file);
     client.Execute("stop");
   } catch (const std::exception& error) {
     std::fprintf(stderr, "zem-node: %s\n", error.what());
@@ -191,8 +187,8 @@ int RunScenario(Words words) {
   const std::string file = words.Take();
   std::ifstream lines(file);
   if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
-  ControlClient node(directory + "/control");
-  return zem::sim::Scenario(node, std::cout, false).Run(lines, file) ? 0 : 1;
+  ControlClient node(directory + "/control", kNodeStart);
+  return zem::sim::Scenario(node, std::cout).Run(lines, file) ? 0 : 1;
 }
 
 }  // namespace

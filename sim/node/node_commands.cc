@@ -33,7 +33,7 @@ constexpr const char* kCliSocket = "/run/orlane/zem-tarvik/tarvik-cli";
 constexpr const char* kCliClient = "/usr/bin/ovs-appctl";
 constexpr auto kFarewell = std::chrono::milliseconds(100);
 constexpr auto kCliPatience = std::chrono::seconds(20);
-constexpr size_t kMaxFile = 1024 * 1024;
+constexpr size_t kMaxFile = size_t{1024} * 1024;
 
 std::optional<double> Seconds(const std::string& text) {
   double number = 0;
@@ -251,7 +251,9 @@ void Forward(CommandTable& table, const char* name, const char* help, const Comm
   command.min_arguments = 1;
   command.max_arguments = 1;
   command.rest_of_line = true;
-  command.handler = [&to](const Arguments& arguments, Reply reply) { to.Execute(arguments[0], reply); };
+  command.handler = [&to](const Arguments& arguments, const Reply& reply) {
+    to.Execute(arguments[0], reply);
+  };
   table.Register(std::move(command));
 }
 
@@ -265,12 +267,12 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
           n->manager_commands_);
   Forward(table, "dataplane", "The dataplane agent; \"dataplane help\" lists its commands.",
           n->dataplane_commands_);
-  table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, Reply reply) {
+  table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     if (!n->daemon_->Start()) return reply.Fail("the daemon runs");
                     reply.Ok(DaemonJson(*n->daemon_));
                   }});
   table.Register({"daemon/kill", "[TERM|INT|KILL|STOP|CONT|ABRT]", "Sends the daemon a signal (TERM).", 0, 1,
-                  [n](const Arguments& arguments, Reply reply) {
+                  [n](const Arguments& arguments, const Reply& reply) {
                     const auto signal = arguments.empty() ? SIGTERM : ParseSignal(arguments[0]);
                     if (!signal) return reply.Fail("no signal " + arguments[0]);
                     if (!n->daemon_->Kill(*signal)) return reply.Fail("the daemon does not run");
@@ -278,49 +280,51 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   }});
   table.Register(
       {"daemon/wait", "[SECONDS]", "Waits for the daemon's end and tells how it ended.", 0, 1,
-       [n](const Arguments& arguments, Reply reply) { WaitForEnd(*n->daemon_, arguments, reply); }});
+       [n](const Arguments& arguments, const Reply& reply) { WaitForEnd(*n->daemon_, arguments, reply); }});
   table.Register({"daemon/state", "", "Shows whether the daemon runs, its size, threads and open files.", 0,
-                  0, [n](const Arguments&, Reply reply) { reply.Ok(DaemonJson(*n->daemon_)); }});
+                  0, [n](const Arguments&, const Reply& reply) { reply.Ok(DaemonJson(*n->daemon_)); }});
   table.Register({"daemon/threads", "", "Shows the names of the daemon's threads and how many bear each.", 0,
-                  0, [n](const Arguments&, Reply reply) { ShowThreads(*n->daemon_, reply); }});
+                  0, [n](const Arguments&, const Reply& reply) { ShowThreads(*n->daemon_, reply); }});
   table.Register({"daemon/environment", "NAME [VALUE]", "Sets a variable for the daemon's next start.", 1, 2,
-                  [n](const Arguments& arguments, Reply reply) {
+                  [n](const Arguments& arguments, const Reply& reply) {
                     n->daemon_->SetEnvironment(arguments[0], arguments.size() > 1 ? arguments[1] : "");
                     reply.Ok();
                   }});
   RegisterLogCommands(table, *n->log_);
   table.Register({"health", "", "Shows what the daemon reports to the node's health service.", 0, 0,
-                  [n](const Arguments&, Reply reply) { reply.Ok(HealthJson(n->health_->health())); }});
-  table.Register(
-      {"health/echo", "[TEXT]", "Calls the daemon's own health service; it has to repeat the text.", 0, 1,
-       [n](const Arguments& arguments, Reply reply) { Echo(n->control_provider_, arguments, reply); }});
+                  [n](const Arguments&, const Reply& reply) { reply.Ok(HealthJson(n->health_->health())); }});
+  table.Register({"health/echo", "[TEXT]",
+                  "Calls the daemon's own health service; it has to repeat the text.", 0, 1,
+                  [n](const Arguments& arguments, const Reply& reply) {
+                    Echo(n->control_provider_, arguments, reply);
+                  }});
   table.Register(
       {"socket/send", "[--leave] [--within SECONDS] PORT|PATH HEX",
        "Sends bytes to a local port or stream socket and reads until the other side closes (5 seconds), "
        "or leaves at once.",
-       2, 5, [](const Arguments& arguments, Reply reply) { SendRaw(arguments, reply); }});
+       2, 5, [](const Arguments& arguments, const Reply& reply) { SendRaw(arguments, reply); }});
   table.Register(
       {"socket/listen", "PORT [HEX]",
        "Takes a local port and sends bytes to whoever connects, in the place of a real server.", 1, 2,
-       [n](const Arguments& arguments, Reply reply) { ListenRaw(*n->listeners_, arguments, reply); }});
+       [n](const Arguments& arguments, const Reply& reply) { ListenRaw(*n->listeners_, arguments, reply); }});
   table.Register(
       {"socket/close", "PORT", "Gives a port of \"socket/listen\" back.", 1, 1,
-       [n](const Arguments& arguments, Reply reply) { CloseRaw(*n->listeners_, arguments, reply); }});
+       [n](const Arguments& arguments, const Reply& reply) { CloseRaw(*n->listeners_, arguments, reply); }});
   table.Register({"socket/state", "", "Shows how many connections each port of \"socket/listen\" has taken.",
-                  0, 0, [n](const Arguments&, Reply reply) { ShowRaw(*n->listeners_, reply); }});
+                  0, 0, [n](const Arguments&, const Reply& reply) { ShowRaw(*n->listeners_, reply); }});
   table.Register({"file/read", "PATH", "Shows a file as the node sees it.", 1, 1,
-                  [](const Arguments& arguments, Reply reply) { ReadNodeFile(arguments, reply); }});
+                  [](const Arguments& arguments, const Reply& reply) { ReadNodeFile(arguments, reply); }});
   table.Register({"file/write", "PATH [LINE...]",
                   "Writes a file of the node; there is no newline behind the last line.", 1, kMany,
-                  [](const Arguments& arguments, Reply reply) { WriteNodeFile(arguments, reply); }});
+                  [](const Arguments& arguments, const Reply& reply) { WriteNodeFile(arguments, reply); }});
   table.Register({"file/remove", "PATH", "Removes a file of the node.", 1, 1,
-                  [](const Arguments& arguments, Reply reply) {
+                  [](const Arguments& arguments, const Reply& reply) {
                     if (::unlink(arguments[0].c_str()) < 0) return reply.Fail(std::strerror(errno));
                     reply.Ok();
                   }});
   table.Register({"cli", "COMMAND [ARGUMENT...]", "Runs a command on the daemon's command socket.", 1, kMany,
-                  [](const Arguments& arguments, Reply reply) { Cli(arguments, reply); }});
-  table.Register({"stop", "", "Ends the node.", 0, 0, [n](const Arguments&, Reply reply) {
+                  [](const Arguments& arguments, const Reply& reply) { Cli(arguments, reply); }});
+  table.Register({"stop", "", "Ends the node.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     reply.Ok();
                     // After the answer has left.
                     n->control_provider_.timers().Schedule(kFarewell, [n] { n->control_provider_.Stop(); });

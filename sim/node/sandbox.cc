@@ -136,19 +136,34 @@ int InitProcess(const SandboxOptions& options, const std::function<int()>& body)
   }
 }
 
-}  // namespace
-
-int RunInSandbox(const SandboxOptions& options, const std::function<int()>& body) {
-  Check(::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWIPC),
-        "new namespaces (this takes root)");
-  const pid_t child = ::fork();
-  Check(child, "fork");
-  if (child == 0) ::_exit(InitProcess(options, body));
+int WaitForEnd(pid_t child) {
   int status = 0;
   while (::waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) Fail("waitpid");
   }
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+// Only its children live in new namespaces of processes, so one process stays between the caller and the
+// sandbox's first.
+int EnterNamespaces(const SandboxOptions& options, const std::function<int()>& body) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWIPC) < 0) {
+    std::fprintf(stderr, "zem-node: new namespaces (this takes root): %s\n", std::strerror(errno));
+    return 1;
+  }
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(InitProcess(options, body));
+  return child > 0 ? WaitForEnd(child) : 1;
+}
+
+}  // namespace
+
+int RunInSandbox(const SandboxOptions& options, const std::function<int()>& body) {
+  const pid_t child = ::fork();
+  Check(child, "fork");
+  if (child == 0) ::_exit(EnterNamespaces(options, body));
+  return WaitForEnd(child);
 }
 
 }  // namespace zem::sim

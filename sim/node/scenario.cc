@@ -8,7 +8,6 @@
 #include <optional>
 #include <ostream>
 #include <regex>
-#include <utility>
 
 #include "platform/core/clock.h"
 #include "platform/core/thread.h"
@@ -119,8 +118,7 @@ bool IsOk(const std::string& answer) {
 
 }  // namespace
 
-Scenario::Scenario(ControlClient& node, std::ostream& out, bool new_node)
-    : node_(node), out_(out), log_from_start_(new_node) {}
+Scenario::Scenario(ControlClient& node, std::ostream& out) : node_(node), out_(out) {}
 
 bool Scenario::Run(std::istream& lines, const std::string& name) {
   int number = 0;
@@ -139,6 +137,12 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
   return true;
 }
 
+unsigned long long Scenario::LastLogNumber() {
+  const Json parsed{cJSON_Parse(node_.Execute("log/find . 1").c_str())};
+  const cJSON* const last = Find(parsed.get(), "result.last_number");
+  return cJSON_IsNumber(last) ? static_cast<unsigned long long>(last->valuedouble) : 0;
+}
+
 bool Scenario::Line(const std::string& text) {
   std::string line = text;
   for (const auto& [name, value] : kept_) {
@@ -152,7 +156,8 @@ bool Scenario::Line(const std::string& text) {
     EndStep();
     step_ = rest;
     step_begin_ns_ = NowNs();
-    step_log_ = std::exchange(log_from_start_, false) ? 0 : LastLogNumber();
+    step_log_ = first_step_ ? 0 : LastLogNumber();
+    first_step_ = false;
     out_ << "\n== " << step_ << "\n" << std::flush;
     return true;
   }
@@ -163,13 +168,6 @@ bool Scenario::Line(const std::string& text) {
   if (TakePrefix(&rest, "try ")) return Command(rest, Outcome::kAny);
   if (TakePrefix(&rest, "await ")) return Await(rest);
   return Command(line, Outcome::kOk);
-}
-
-unsigned long long Scenario::LastLogNumber() {
-  const std::string answer = node_.Execute("log/find . 1");
-  const Json parsed{cJSON_Parse(answer.c_str())};
-  const cJSON* const last = Find(parsed.get(), "result.last_number");
-  return cJSON_IsNumber(last) ? static_cast<unsigned long long>(last->valuedouble) : 0;
 }
 
 void Scenario::EndStep() {

@@ -19,8 +19,9 @@ class ControlClient;
 ///     expect PATH == VALUE                on the last answer; PATH is dotted, "[N]" an element, "error" a
 ///                                         refusal; also != >= <= and ~ PATTERN
 ///     expect PATH == VALUE within SECONDS repeats the last command until it holds
-///     expect log ~ PATTERN [within SECONDS]        a line of the node's log since the step began; 2 seconds
-///                                                  unless told otherwise
+///     expect log ~ PATTERN [within SECONDS]        a line of the node's log since the step began (in the
+///                                                  first: since the node's start); 2 seconds unless told
+///                                                  otherwise
 ///     expect no log ~ PATTERN             none since the step began
 ///     expect file PATH ~ PATTERN [within SECONDS]
 ///     show PATH                           prints a part of the last answer
@@ -30,9 +31,7 @@ class ControlClient;
 /// Stops at the first line that does not hold and tells which it was and what was there instead.
 class Scenario {
  public:
-  /// On a `new_node` the first step is taken to have begun with the node, whose daemon may have been quicker
-  /// than the scenario.
-  Scenario(ControlClient& node, std::ostream& out, bool new_node);
+  Scenario(ControlClient& node, std::ostream& out);
 
   /// True when every line held.
   bool Run(std::istream& lines, const std::string& name);
@@ -45,18 +44,19 @@ class Scenario {
   bool Await(const std::string& text);
   bool Show(const std::string& path);
   bool Keep(const std::string& text);
-  unsigned long long LastLogNumber();
   void EndStep();
+  unsigned long long LastLogNumber();
 
   ControlClient& node_;
   std::ostream& out_;
-  bool log_from_start_;
   std::map<std::string, std::string> kept_;
   std::string last_command_;
   std::string last_answer_;
   std::string problem_;
   std::string step_;
   long long step_begin_ns_ = 0;
+  // The first step sees the log from the node's start.
+  bool first_step_ = true;
   unsigned long long step_log_ = 0;
 };
 

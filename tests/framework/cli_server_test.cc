@@ -50,10 +50,12 @@ class CliServerTest : public ::testing::Test {
     return text;
   }
 
-  // The server answers once its socket is there.
+  // The server answers once it listens, which is a moment after its socket is there.
   void StartAndWait() {
     server_->Start();
-    while (!std::filesystem::exists(directory_.Path("cli"))) SleepFor(std::chrono::milliseconds(1));
+    while (ConnectUnix(OpenUnixStream().get(), directory_.Path("cli")) != 0) {
+      SleepFor(std::chrono::milliseconds(1));
+    }
   }
 
   test::LogCapture capture_{kLogDebug};

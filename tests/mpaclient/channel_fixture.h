@@ -13,8 +13,11 @@
 #include "mpaclient/mpa_client_private.h"
 #include "mpaclient/tn_proxy_client_common.h"
 #include "platform/core/provider.h"
+#include "platform/core/thread.h"
 #include "platform/core/virtual_clock.h"
 #include "platform/rpc/memory_network.h"
+#include "platform/rpc/server.h"
+#include "platform/rpc/transport.h"
 #include "sim/manager/manager.h"
 #include "tests/support/log_capture.h"
 

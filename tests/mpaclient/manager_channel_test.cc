@@ -368,6 +368,27 @@ TEST_F(ChannelTest, StaleCallsArePurged) {
   EXPECT_EQ(Send(kLldp, kRmqClientRpcResponse, header, "x"), -1);
 }
 
+// Bundles carry passwords; their content never reaches the log, at any level and on neither road.
+TEST_F(ChannelTest, SecretsAreLoggedBySize) {
+  StartManager();
+  Register("SupportBundle");
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  for (const char* vertical : {"SupportBundle", kLldp}) {
+    sim::Manager::SendRequest request;
+    request.vertical = vertical;
+    request.member = "RawPayloadMsg";
+    request.text = "payload: \"pass-word-1\"";
+    ASSERT_EQ(manager->Send(request, [](const sim::HostAnswer&) {}), "");
+    clock.RunFor(milliseconds(10));
+    EXPECT_EQ(SeenBy(vertical).back().payload, "pass-word-1");
+    const bool secret = vertical != kLldp;
+    EXPECT_EQ(log.Contains("pass-word-1"), !secret) << vertical;
+    EXPECT_EQ(log.Contains("70 61 73 73 2d 77 6f 72 64"), !secret) << vertical;
+  }
+}
+
 // A stub that lands while a new list is being taken over belongs to the old list.
 TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
   StartManager();

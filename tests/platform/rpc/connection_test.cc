@@ -1,5 +1,7 @@
 #include "platform/rpc/connection.h"
 
+#include "platform/core/thread.h"
+
 #include "tests/platform/rpc/rpc_fixture.h"
 
 namespace zem::rpc {
@@ -12,6 +14,7 @@ using ::testing::UnorderedElementsAre;
 class ConnectionTest : public RpcTest {
  protected:
   ConnectionTest() : manager_(std::make_unique<ConnectionManager>(client_provider_.rpc())) {}
+  ~ConnectionTest() override { Shutdown(); }  // what is told at the end is told to this fixture
 
   // The endpoint is managed by `manager_`; up, down and their times go to the journal.
   bool Request(RpcConnectionOptions rpc = {}) {
@@ -125,6 +128,20 @@ TEST_F(ConnectionTest, HeartbeatTellsADeadPeerFromAnIdleOne) {
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_THAT(lines[0], ::testing::EndsWith("down HEARTBEAT_TIMEOUT"));
   EXPECT_THAT(std::stoi(lines[0]), ::testing::AllOf(::testing::Ge(10000), ::testing::Le(15000)));
+}
+
+// An observer that takes its time is not a dead peer, on neither side: nothing is read meanwhile, but
+// heartbeats go.
+TEST_F(ConnectionTest, ASlowObserverKeepsItsConnection) {
+  client_provider_.RunAsync(1);  // a second thread
+  Serve();
+  Request();
+  auto stub = *MakeStub(client_provider_, kEndpoint, nullptr, 100);
+  stub.Echo(ClientContext(), Text("a"), Observe("a", [](const Status&) { SleepFor(seconds(60)); }));
+  stub.Echo(ClientContext(), Text("b"), Observe("b"));
+  clock_.RunFor(seconds(120));
+  EXPECT_THAT(journal_.Take(),
+              ElementsAre("0 up Alarms", "a next store:a", "a status 0", "b next store:b", "b status 0"));
 }
 
 // Connecting succeeds but nobody introduces himself.

@@ -1,0 +1,115 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "app/zema/common/synchronizable.h"
+#include "app/zema/common/thread.h"
+#include "app/zema/core/port_attached.h"
+
+namespace zem::zema {
+
+/// Takes VIF messages to the manager.  False when one could not be handed over; it may take long to say so.
+class VifSender {
+ public:
+  virtual ~VifSender() = default;
+
+  struct Attachment {
+    bool attach;
+    std::string rpc_id;
+    std::string vif_id;
+    std::string switch_id;
+    std::string port_id;
+    std::string host_id;
+    std::string gcf_path;
+  };
+  virtual bool SendVIFAttachmentInfo(const Attachment& attachment, std::string* message_id) = 0;
+
+  struct Update {
+    std::string rpc_id;
+    std::string vif_id;
+    std::string switch_id;
+    std::string port_id;
+    std::string host_id;
+    /// Name and value of each.
+    std::list<std::pair<std::string, std::string>> site_configs;
+  };
+  virtual bool SendVIFUpdate(const Update& update) = 0;
+};
+
+/// Makes blocking calls of the manager's asynchronous answers about VIFs.
+///
+/// A caller waits on its own monitor, which it holds when it calls: so an answer that comes before the wait
+/// has begun blocks on that monitor until it has, and cannot be lost.  The table's lock is never held while a
+/// monitor is taken.
+///
+/// Threads: the MP_ operations on port handler threads, SetResultToPendingRPC on the receive thread.
+class ZemManager : public Synchronizable {
+ public:
+  struct Settings {
+    /// The transport node's id; nothing while this host is not set up for operation.
+    std::function<std::optional<std::string>()> host_id;
+    /// `mp.vifOperationTimeout`, in seconds.
+    std::function<int()> vif_operation_timeout;
+  };
+
+  /// These two texts, and no others, tell a failure of the road from a refusal of the manager.
+  static constexpr const char* kSendFailed =
+      "Failed to send VIF RPC request. Please check if the connectivity between Host and ZEM Manager is up.";
+  static constexpr const char* kTimedOut =
+      "RPC call to ZEM management plane timeout. Please check if the connectivity between Host and ZEM "
+      "Manager is up.";
+
+  /// `sender` has to outlive the manager.
+  ZemManager(VifSender& sender, Settings settings);
+
+  /// The caller holds the monitor of `waiter`.  What went wrong is in `out->error`.
+  void MP_AddVnicAttachment(const std::string& op_id, const std::string& vif_id, const std::string& switch_id,
+                            const std::string& port_id_hint, const std::string& gcf_path, Thread* waiter,
+                            bool wait, PortAttached* out);
+  void MP_RemoveVnicAttachment(const std::string& op_id, const std::string& vif_id,
+                               const std::string& switch_id, const std::string& port_id,
+                               const std::string& gcf_path, Thread* waiter, bool wait, PortAttached* out);
+  /// Does not wait for an answer.  False with the reason in `error`.
+  bool MP_UpdateVnicAttachment(const std::string& op_id, const std::string& vif_id,
+                               const std::string& switch_id, const std::string& port_id,
+                               std::list<std::pair<std::string, std::string>> site_configs,
+                               std::string* error);
+
+  /// An answer to a call that waits no longer is dropped.
+  void SetResultToPendingRPC(const std::string& rpc_id, std::unique_ptr<PortAttached> result);
+
+  /// A copy of the answer: a second one may replace it at any time.  Nothing while there is none.
+  std::optional<PortAttached> GetResultOfPendingRPC(const std::string& rpc_id);
+
+  void SetMaintenanceMode(bool on);
+  bool InMaintenanceMode();
+
+  size_t pending();
+
+ private:
+  struct Pending {
+    Thread* waiter;
+    std::unique_ptr<PortAttached> result;
+  };
+  struct Texts;
+
+  std::string RegisterRpc(const std::string& op_id, Thread* waiter, bool wait);
+  void Forget(const std::string& rpc_id);
+  void Call(const Texts& texts, VifSender::Attachment attachment, const std::string& op_id, Thread* waiter,
+            bool wait, PortAttached* out);
+
+  VifSender& sender_;
+  const Settings settings_;
+  // The object's own lock guards what follows.
+  bool maintenance_mode_ = false;
+  std::map<std::string, Pending> pending_;
+};
+
+}  // namespace zem::zema

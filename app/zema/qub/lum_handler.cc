@@ -1,0 +1,378 @@
+#include "app/zema/qub/lum_handler.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <boost/algorithm/string/trim.hpp>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "framework/log.h"
+#include "framework/shutdown_pipe.h"
+#include "framework/util.h"
+#include "platform/wft/workflow_util.h"
+
+namespace zem::zema {
+namespace {
+
+using Tarvik::Util::ClosePipeQub;
+using Tarvik::Util::GetErrMsg;
+using Tarvik::Util::IsReadyToBeRead;
+using Tarvik::Util::ReadCmdOutput;
+using Tarvik::Util::WriteData;
+using wft::WorkflowUtil;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr int kKillTries = 3;
+constexpr int kReadyTries = 120;
+constexpr uint32_t kWireVersion = 1;
+// Far above any list of ports or switches of one host.
+constexpr uint32_t kMaxReply = 64 * 1024 * 1024;
+constexpr size_t kMaxChildOutput = 1024;
+
+constexpr const char* kNoProcess = "no process found";
+constexpr const char* kNotInitialized = "LumHandler not initialized";
+constexpr const char* kOk = "ok";
+constexpr const char* kPing = "ping";
+constexpr const char* kUninitialized = "Uninitialized";
+constexpr const char* kReady = "ready";
+
+// On the wire in the host's byte order: both ends are on one machine.
+struct RequestHeader {
+  uint32_t version;
+  uint32_t length;
+  uint32_t operation;
+};
+struct ReplyHeader {
+  uint32_t status;
+  uint32_t length;
+};
+
+// The output of a shell command; a command that cannot be run printed nothing.
+std::string Shell(const std::string& command) {
+  std::string output;
+  std::string error;
+  if (ReadCmdOutput(command, &output, &error) < 0) ZLOG_DEBUG("[%s] %s", __func__, error.c_str());
+  return output;
+}
+
+}  // namespace
+
+LumHandler::LumHandler(LumSettings settings) : settings_(std::move(settings)) {}
+
+LumHandler::~LumHandler() {
+  CloseSocket();
+  ClosePipe();
+}
+
+bool LumHandler::Pause(Duration duration) const {
+  return !Tarvik::WaitForShutdown(duration) && !settings_.shutting_down();
+}
+
+int LumHandler::SetUp(std::string user, std::string third) {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  user_ = std::move(user);
+  third_ = std::move(third);
+  return SpawnPyLumInternal();
+}
+
+int LumHandler::InvokeCommand(const std::string& command, const std::string& expected, std::string* out) {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  return InvokeCommandInternal(command, expected, out);
+}
+
+int LumHandler::InvokeRPC(LumOperation operation, std::string_view data, std::string* out) {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  return InvokeRPCInternal(operation, data, out);
+}
+
+int LumHandler::InvokeCommandInternal(const std::string& command, const std::string& expected,
+                                      std::string* out) {
+  const auto span = WorkflowUtil::StartChildSpan("Lumhandler.InvokeCommandInternal", wft::kTraceDebug);
+  WorkflowUtil::SetCurSpanTag("command", command);
+  if (!socket_) {
+    ZLOG_ERROR("42065", "[%s] LumHandler not initialized", __func__);
+    *out = kNotInitialized;
+    SpawnPyLumInternal();
+    return kFailed;
+  }
+  return Ask(command, expected, out);
+}
+
+int LumHandler::Ask(const std::string& command, const std::string& expected, std::string* out) {
+  ZLOG_TRACE("[%s] size of header: [%lu] data length = [%d] ", __func__,
+             static_cast<unsigned long>(sizeof(RequestHeader)), static_cast<int>(command.size()));
+  const Sent sent = Send(LumOperation::kTextCommand, command);
+  WorkflowUtil::SetCurSpanTag("command.header.return.code", sent == Sent::kNoHeader ? "-1" : "0");
+  WorkflowUtil::SetCurSpanTag("command.return.code", sent == Sent::kWhole ? "0" : "-1");
+  if (sent == Sent::kNoHeader) {
+    ZLOG_ERROR("42058", "[%s] Failed send header: command [%s]", __func__, command.c_str());
+  } else if (sent == Sent::kNoData) {
+    ZLOG_ERROR("42057", "[%s] Failed send command [%s]. Restarting python process..", __func__,
+               command.c_str());
+  }
+  if (sent != Sent::kWhole) {
+    *out = "socket write failed";
+    CloseSocket();
+    return kFailed;
+  }
+  uint32_t status = 0;
+  if (!GetLine(&status, out)) {
+    ZLOG_ERROR("42061", "[%s] Reading reply from socket failed. Restarting python process..", __func__);
+    *out = "socket read failed";
+    CloseSocket();
+    return kFailed;
+  }
+  if (!expected.empty() && *out != expected) {
+    ZLOG_ERROR("42056", "Command : %s | Expected reply : %s | Reply : %s", command.c_str(), expected.c_str(),
+               out->c_str());
+    return kFailed;
+  }
+  ZLOG_TRACE("Command : %s | Expected reply : %s | Reply : %s", command.c_str(), expected.c_str(),
+             out->c_str());
+  return kSucceeded;
+}
+
+int LumHandler::InvokeRPCInternal(LumOperation operation, std::string_view data, std::string* out) {
+  const auto span = WorkflowUtil::StartChildSpan("LumHandler.InvokeRPCInternal", wft::kTraceDebug);
+  WorkflowUtil::SetCurSpanTag("function", std::to_string(static_cast<uint32_t>(operation)));
+  if (!socket_) {
+    ZLOG_ERROR("42065", "[%s] LumHandler not initialized", __func__);
+    *out = kNotInitialized;
+    SpawnPyLumInternal();
+    return kRpcSocketFailure;
+  }
+  const Sent sent = Send(operation, data);
+  if (sent != Sent::kWhole) {
+    if (sent == Sent::kNoHeader) {
+      ZLOG_ERROR("42058", "[%s] Failed send header.", __func__);
+    } else {
+      ZLOG_ERROR("42057", "[%s] Failed send command. Restarting python process..", __func__);
+    }
+    *out = "Internal Socket error in sending data.";
+    CloseSocket();
+    SpawnPyLumInternal();
+    return kRpcSocketFailure;
+  }
+  uint32_t status = 0;
+  if (!GetLine(&status, out)) {
+    ZLOG_ERROR("42056", "[%s] Failed read Result. Restarting python process..", __func__);
+    *out = "Internal Socket error in reading data.";
+    CloseSocket();
+    SpawnPyLumInternal();
+    return kRpcSocketFailure;
+  }
+  return static_cast<int>(status);
+}
+
+LumHandler::Sent LumHandler::Send(LumOperation operation, std::string_view data) {
+  const RequestHeader header{kWireVersion, static_cast<uint32_t>(data.size()),
+                             static_cast<uint32_t>(operation)};
+  if (WriteData(socket_.get(), &header, sizeof(header)) != static_cast<ssize_t>(sizeof(header))) {
+    return Sent::kNoHeader;
+  }
+  if (WriteData(socket_.get(), data.data(), data.size()) != static_cast<ssize_t>(data.size()))
+    return Sent::kNoData;
+  return Sent::kWhole;
+}
+
+bool LumHandler::GetLine(uint32_t* status, std::string* out) {
+  if (!socket_) {
+    ZLOG_ERROR("42065", "[%s] LumHandler not initialized", __func__);
+    return false;
+  }
+  out->clear();
+  ReplyHeader header{};
+  if (!ReadWhole(&header, sizeof(header))) return false;
+  *status = header.status;
+  if (static_cast<int32_t>(header.length) < 1) return true;
+  if (header.length > kMaxReply) {
+    ZLOG_ERROR("42061", "[%s] a reply of %u bytes is longer than %u", __func__, header.length, kMaxReply);
+    return false;
+  }
+  out->resize(header.length);
+  if (!ReadWhole(out->data(), out->size())) return false;
+  // Taken as text: what follows a zero is not part of it.
+  out->resize(std::strlen(out->c_str()));
+  return true;
+}
+
+bool LumHandler::ReadWhole(void* buffer, size_t length) {
+  size_t done = 0;
+  while (done < length) {
+    bool shutdown = false;
+    const int ready = IsReadyToBeRead(socket_.get(), &shutdown, 1);
+    if (ready < 0 || shutdown || settings_.shutting_down()) return false;
+    if (ready == 0) continue;
+    const ssize_t got = ::read(socket_.get(), static_cast<char*>(buffer) + done, length - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    done += static_cast<size_t>(got);
+  }
+  return true;
+}
+
+void LumHandler::CloseSocket() { socket_.Reset(); }
+
+void LumHandler::ClosePipe() {
+  if (pipe_.pid <= 0) return;
+  // Also one that hung before it took its name, and was not found by it.
+  ::kill(pipe_.pid, SIGKILL);
+  std::string error;
+  if (ClosePipeQub(&pipe_, &error) < 0) ZLOG_DEBUG("[%s] %s", __func__, error.c_str());
+  pipe_ = {-1, -1};
+}
+
+std::string LumHandler::KillByName() {
+  std::string joined;
+  for (const char* list : {"ps -c", "ps -C"}) {
+    const std::string command =
+        "pid=`" + std::string(list) + " | grep " + settings_.process_name +
+        " | grep -v grep | cut -d ' ' -f 1`; if [ -z \"$pid\" ]; then echo \"" + kNoProcess +
+        "\"; else kill -9 $pid; echo \"$(date) process [\" $pid \"] killed\"| tee -a " + settings_.kill_log +
+        "; fi";
+    joined += Shell(command);
+  }
+  return joined;
+}
+
+bool LumHandler::KillPrior() {
+  for (int i = 0; i < kKillTries; ++i) {
+    if (i > 0 && !Pause(settings_.kill_pause)) return false;
+    const std::string reply = KillByName();
+    if (reply.find(kNoProcess) == std::string::npos) continue;
+    ZLOG_INFO("[%s] terminated prior zemaLum.py process: [%s]", __func__, reply.c_str());
+    return true;
+  }
+  ZLOG_ERROR("42062", "[%s] Failed to terminate prior zemaLum.py process.", __func__);
+  return false;
+}
+
+bool LumHandler::Spawn() {
+  const std::string command = "python " + settings_.script + " 1 2> " + settings_.error_file;
+  ZLOG_INFO("[%s] Spawning %s", __func__, command.c_str());
+  if (const int result = KnluserCompat_POpen(command.c_str(), "r", &pipe_); result != 0) {
+    pipe_ = {-1, -1};
+    ZLOG_ERROR("42062", "[%s] Spawn %s failed: [%s]", __func__, command.c_str(), GetErrMsg(result).c_str());
+    return false;
+  }
+  return true;
+}
+
+bool LumHandler::FindPid() {
+  const std::string command = "ps -C | grep " + settings_.process_name + " | cut -d ' ' -f 1";
+  for (int left = settings_.pid_tries; left > 0; --left) {
+    std::string output = Shell(command);
+    boost::trim(output);
+    if (!output.empty()) {
+      pid_ = output;
+      ZLOG_INFO("[%s] zemaLum.py process id: [%s] lumSockFd: [%d]", __func__, pid_.c_str(), socket_.get());
+      return true;
+    }
+    ZLOG_INFO("[%s] zemaLum.py pid is empty. lumSockFd: [%d] Retries left: [%d]", __func__, socket_.get(),
+              left - 1);
+    if (!Pause(settings_.pid_pause)) return false;
+  }
+  ZLOG_ERROR("42062", "Empty pid in process list for zemaLum.py. lumSockFd: [%d] Handle pid: [%d]",
+             socket_.get(), static_cast<int>(pipe_.pid));
+  return false;
+}
+
+bool LumHandler::Connect() {
+  socket_.Reset(Tarvik::ConnectToUnixSocket(settings_.socket, true));
+  if (socket_) return true;
+  const std::string reason = GetErrMsg(errno);
+  ZLOG_ERROR("42059", "[%s] failed to connect unix socket, error: [%s]", __func__, reason.c_str());
+  // What the script printed often says why.
+  const int flags = ::fcntl(pipe_.fd, F_GETFL);
+  if (flags < 0 || ::fcntl(pipe_.fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+    ZLOG_ERROR("42060", "[%s] failed to set non-block flag, error: [%s]", __func__, GetErrMsg(errno).c_str());
+    return false;
+  }
+  char printed[kMaxChildOutput];
+  const ssize_t size = ::read(pipe_.fd, printed, sizeof(printed));
+  const std::string text = size > 0 ? std::string(printed, static_cast<size_t>(size)) : reason;
+  ZLOG_ERROR("42055", "[%s] Create %s socket failed, error: [%s]", __func__, settings_.socket.c_str(),
+             text.c_str());
+  return false;
+}
+
+int LumHandler::SpawnPyLumInternal() {
+  const auto span = WorkflowUtil::StartChildSpan("LumHandler.SpawnPyLumInternal", wft::kTraceDebug);
+  settings_.set_ready(false);
+  CloseSocket();
+  pid_.clear();
+  if (!KillPrior()) return kFailed;
+  ClosePipe();
+  const bool goes_on = Pause(settings_.spawn_pause);
+  if (!goes_on) {
+    ZLOG_ERROR("42062", "[%s] zema is shutting down, cancelling attempt to respawn zemaLum.", __func__);
+    return kFailed;
+  }
+  if (!Spawn()) return kFailed;
+  if (!FindPid()) {
+    KillByName();
+    ClosePipe();
+    return kFailed;
+  }
+  if (!Connect()) return kFailed;
+  if (Login() != kSucceeded || WaitReady() != kSucceeded) {
+    CloseSocket();
+    return kFailed;
+  }
+  return kSucceeded;
+}
+
+int LumHandler::Login() {
+  std::string reply;
+  if (settings_.log_level != "info" && Ask("loglevel=" + settings_.log_level, kOk, &reply) != kSucceeded) {
+    ZLOG_INFO("[%s] failed to set zemaLum.py log level to [%s]: [%s]", __func__, settings_.log_level.c_str(),
+              reply.c_str());
+  }
+  constexpr const char* kNoVxlan = "no-vxlan-stack";
+  if (socket_ && settings_.no_vxlan_stack &&
+      Ask(std::string("option=") + kNoVxlan, kOk, &reply) != kSucceeded) {
+    ZLOG_INFO("[%s] failed to set zemaLum.py option [%s]: [%s]", __func__, kNoVxlan, reply.c_str());
+  }
+  if (!socket_) return kFailed;
+  // A script that is logged in already answers something else, and that is fine.
+  if (Ask(kPing, kUninitialized, &reply) != kSucceeded) return socket_ ? kSucceeded : kFailed;
+  ZLOG_INFO("[%s] Setting login in %s...", __func__, settings_.script.c_str());
+  const std::string login = "login=" + settings_.host_version + "|" + user_ + "|" + third_;
+  if (Ask(login, kOk, &reply) == kSucceeded) return kSucceeded;
+  ZLOG_ERROR("42064", "[%s] Unexpected reply for username command: %s", __func__, reply.c_str());
+  return kFailed;
+}
+
+int LumHandler::WaitReady() {
+  std::string reply;
+  for (int i = 0; i < kReadyTries && socket_; ++i) {
+    if (Ask(kPing, kReady, &reply) == kSucceeded) {
+      ZLOG_INFO("[%s] %s is ready ...", __func__, settings_.script.c_str());
+      settings_.set_ready(true);
+      return kSucceeded;
+    }
+    ZLOG_INFO("[%s] waiting for %s to be ready: status:[%s], retrying...", __func__, settings_.script.c_str(),
+              reply.c_str());
+    if (!Pause(settings_.ready_pause)) return kFailed;
+  }
+  ZLOG_ERROR("42063", "[%s] Timeout in waiting for %s to be ready: current status:[%s]", __func__,
+             settings_.script.c_str(), reply.c_str());
+  return kFailed;
+}
+
+void LumHandler::TerminateZemaLumPy() {
+  if (!pid_.empty()) {
+    const std::string output = Shell("kill -9 " + pid_);
+    ZLOG_INFO("[%s] terminating zemaLum.py process [%s]: [%s]", __func__, pid_.c_str(), output.c_str());
+    return;
+  }
+  const std::string output = KillByName();
+  ZLOG_INFO("[%s] no zemaLum.py pid, terminating zemaLum.py process by grepping name: [%s]", __func__,
+            output.c_str());
+}
+
+}  // namespace zem::zema

@@ -1,0 +1,123 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "app/zema/common/synchronizable.h"
+#include "platform/core/clock.h"
+#include "platform/core/unique_fd.h"
+#include "platform/knluser/knluser.h"
+
+namespace zem::zema {
+
+/// Numbers of the calls to the management proxy; a text command is one of them.
+enum class LumOperation : uint32_t {
+  kTextCommand = 10,
+  kApplyLogicalSwitches = 11,
+  kReadEndpointAddresses = 12,
+  kHostProfile = 14,
+  kSetTransportNodeId = 15,
+  kVmPathOfVif = 17,
+  kVmsOnPortGroups = 18,
+  kInstallPreCheck = 19,
+  kDisableRuntimeUpdates = 22,
+};
+
+/// What the handler needs of the rest, and what tests change.
+struct LumSettings {
+  std::string script = "/usr/lib64/orlane/zem-tarvik/pylum/zema/zemaLum.py";
+  std::string socket = "/etc/orlane/zemaLum";
+  std::string error_file = "/var/log/zemaLum.err";
+  std::string kill_log = "/var/log/zemaLum.ps";
+  std::string process_name = "zemaLum_py";
+
+  Duration kill_pause = std::chrono::milliseconds(500);
+  Duration spawn_pause = std::chrono::seconds(2);
+  Duration pid_pause = std::chrono::seconds(2);
+  Duration ready_pause = std::chrono::seconds(1);
+
+  /// Tries to find the child's process id (`lum.maxRetryZemaLumReady`).
+  int pid_tries = 60;
+  /// "info" keeps the script's own level (`zema.logLevel`).
+  std::string log_level = "info";
+  bool no_vxlan_stack = false;
+  std::string host_version;
+
+  std::function<bool()> shutting_down = [] { return false; };
+  /// Told at each change; the health record takes it from there.
+  std::function<void(bool)> set_ready = [](bool) {};
+};
+
+/// The host's management API: owns the script that speaks to it and the socket to that script.
+///
+/// All calls are serial under the object's own lock, from the first byte out to the last byte in, and a new
+/// start of the script, which may take minutes, runs under it as well.  Nothing here may be called from a
+/// provider's thread.
+///
+/// Errors: a command never throws and never ends the process; what went wrong is in `out`.  A socket failure
+/// closes the socket; the script is started again by the next text command, or at once by a binary call.
+class LumHandler : public Synchronizable {
+ public:
+  static constexpr int kSucceeded = 0;
+  static constexpr int kFailed = -1;
+  /// Results of binary calls: the script's own status, or this.
+  static constexpr int kRpcSucceeded = 1;
+  static constexpr int kRpcSocketFailure = 2;
+
+  explicit LumHandler(LumSettings settings);
+  virtual ~LumHandler();
+  LumHandler(const LumHandler&) = delete;
+  LumHandler& operator=(const LumHandler&) = delete;
+
+  /// Starts the script and logs in as `user`.  0, or -1.
+  [[nodiscard]] int SetUp(std::string user, std::string third);
+
+  /// 0 when the reply is `expected`, or whatever it is when `expected` is empty; else -1.
+  int InvokeCommand(const std::string& command, const std::string& expected, std::string* out);
+
+  /// The script's status (1: success), or 2 when the socket failed.
+  int InvokeRPC(LumOperation operation, std::string_view data, std::string* out);
+
+  void TerminateZemaLumPy();
+
+  bool connected() const { return static_cast<bool>(socket_); }
+  const std::string& pid() const { return pid_; }
+
+ protected:
+  virtual int InvokeRPCInternal(LumOperation operation, std::string_view data, std::string* out);
+  virtual int InvokeCommandInternal(const std::string& command, const std::string& expected,
+                                    std::string* out);
+
+ private:
+  enum class Sent { kWhole, kNoHeader, kNoData };
+
+  int SpawnPyLumInternal();
+  bool KillPrior();
+  std::string KillByName();
+  bool Spawn();
+  bool FindPid();
+  bool Connect();
+  int Login();
+  int WaitReady();
+  /// One exchange on the open socket, without any new start: what the start itself uses.
+  int Ask(const std::string& command, const std::string& expected, std::string* out);
+  Sent Send(LumOperation operation, std::string_view data);
+  /// False when no whole reply came.
+  bool GetLine(uint32_t* status, std::string* out);
+  bool ReadWhole(void* buffer, size_t length);
+  void CloseSocket();
+  void ClosePipe();
+  /// False when the daemon is stopping.
+  bool Pause(Duration duration) const;
+
+  const LumSettings settings_;
+  std::string user_;
+  std::string third_;
+  KnluserCompat_Pipe pipe_{-1, -1};
+  UniqueFd socket_;
+  std::string pid_;
+};
+
+}  // namespace zem::zema

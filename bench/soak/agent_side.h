@@ -1,0 +1,62 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "framework/bus_record.h"
+#include "platform/core/provider.h"
+
+namespace zem {
+class TnProxyClientCommon;
+struct Vertical;
+}  // namespace zem
+
+namespace zem::bench {
+
+inline constexpr const char* kAphs[] = {"0a000000-0000-4000-8000-000000000001",
+                                        "0a000000-0000-4000-8000-000000000002",
+                                        "0a000000-0000-4000-8000-000000000003"};
+
+/// The id of a host whose turn to come back to its manager is early: what a host waits follows from its id.
+std::string EarlyTransportNode();
+
+/// The two endpoints of a proxy, on ports of the loopback that were free a moment ago.
+struct Endpoints {
+  std::string info;
+  std::string forwarding;
+};
+Endpoints FreeEndpoints();
+
+/// Every vertical that has a road of its own to the manager.
+std::vector<const Vertical*> AllVerticals();
+bool ServesCalls(const Vertical& vertical);
+/// False for the one that serves the manager's calls only, and so is never told that the manager is there.
+bool AsksTheManager(const Vertical& vertical);
+
+/// The agent's clients of the manager, whole, in this process, for the given verticals.
+class AgentSide {
+ public:
+  /// Runs on the forwarding provider's thread.
+  using Receive = std::function<void(const Vertical&, const rmqClientMessage&)>;
+
+  AgentSide(const Endpoints& endpoints, const std::vector<const Vertical*>& verticals, Receive receive);
+  ~AgentSide();
+  AgentSide(const AgentSide&) = delete;
+  AgentSide& operator=(const AgentSide&) = delete;
+
+  /// Whether the vertical is served by the manager now.
+  bool Ready(const Vertical& vertical) const;
+
+ private:
+  AsioZemProvider provider_;
+  const std::vector<const Vertical*> verticals_;
+  std::shared_ptr<TnProxyClientCommon> proxy_client_;
+};
+
+/// Sends a record of a vertical to the manager.  False when it found no road.
+bool Send(const Vertical& vertical, BusMessageType kind, const std::string& type,
+          const std::string& correlation_id, std::string payload);
+
+}  // namespace zem::bench

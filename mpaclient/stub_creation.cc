@@ -1,0 +1,396 @@
+// The stubs of one vertical's client: how a new list of APHs takes the place of the old one, and how stubs
+// are made, lost and made again.
+
+#include "framework/log.h"
+#include "mpaclient/mpa_client_app_specific.h"
+#include "mpaclient/mpa_client_private.h"
+#include "mpaclient/tn_proxy_client_common.h"
+#include "platform/core/provider.h"
+#include "platform/core/timer.h"
+
+namespace zem {
+namespace {
+
+constexpr LogSource kLog{"mpa-client"};
+
+constexpr int64_t kRescheduleMs = 500;
+constexpr int64_t kStubTimeoutMs = 10000;
+
+RetryPolicy StubRetryPolicy() { return RetryPolicy(1000, 10000, 2.0, -1); }
+
+// The library tries once; the client's own policy decides on further tries.
+RetryPolicy SingleTry() { return RetryPolicy(1000000, 10000000, 2.0, 0); }
+
+}  // namespace
+
+void MpaClientPrivateBase::CleanUpForStubs() {
+  ZLOG_INFO("[%s] CleanUpForStubs", app_type_.c_str());
+  StubMap dropped;  // closed after the lock
+  {
+    std::lock_guard lock(stub_mutex_);
+    master_stub_ = false;
+    ClearTimerMap();
+    dropped.swap(stub_map_);
+    retry_countdown_.Reset();
+  }
+  if (app_specific_) app_specific_->PurgeCallHandleMap();
+  ZLOG_INFO("[%s] CleanUpForStubs Done", app_type_.c_str());
+}
+
+// With the stub lock held.
+void MpaClientPrivateBase::ClearTimerMap() {
+  ZLOG_INFO("[%s] ClearTimerMap (%lu)", app_type_.c_str(), static_cast<unsigned long>(timer_map_.size()));
+  for (const auto& [aph, timer] : timer_map_) {
+    timer->Cancel();
+    in_flight_.erase(aph);
+  }
+  timer_map_.clear();
+}
+
+void MpaClientPrivateBase::updateStubMap() {
+  const char* const name = app_type_.c_str();
+  std::unique_lock update_lock(update_mutex_);
+  ZLOG_DEBUG("[%s] updateStubMap", name);
+  {
+    std::lock_guard lock(stub_mutex_);
+    if (update_stub_pending_) {
+      ZLOG_INFO("[%s] updateStubMap: Already Pending", name);
+      return;
+    }
+    ZLOG_INFO("[%s] cleaning up for stubs", name);
+    update_stub_pending_ = true;
+    ClearTimerMap();
+    retry_countdown_.Reset();
+  }
+  if (uuid_callback_ && proxy_client_) uuid_callback_(proxy_client_->getTnUuidStr());
+  PerformUpdateStubMap();
+}
+
+bool MpaClientPrivateBase::WaitForInfightStubCreateRequest() {
+  const char* const name = app_type_.c_str();
+  ZLOG_INFO("[%s] WaitForInfightStubCreateRequest", name);
+  std::shared_lock lock(stub_mutex_);
+  if (in_flight_.empty()) return false;
+  ZLOG_INFO("[%s] Waiting for (%lu) stub creation request(s) to finish.", name,
+            static_cast<unsigned long>(in_flight_.size()));
+  for (const std::string& aph : in_flight_) {
+    ZLOG_INFO("[%s] stub-creation pending for APH (%s)", name, aph.c_str());
+  }
+  return true;
+}
+
+// With the update mutex held.
+void MpaClientPrivateBase::PerformUpdateStubMap() {
+  const char* const name = app_type_.c_str();
+  if (WaitForInfightStubCreateRequest()) {
+    ZLOG_INFO("[%s] performUpdateStubMap: Re-scheduling self on provider thread", name);
+    auto timer = forwarding_provider_->timers().Schedule(
+        std::chrono::milliseconds(kRescheduleMs), [weak = weak_from_this()] {
+          const auto self = weak.lock();
+          if (!self) {
+            ZLOG_WARN("performUpdateStubMapCb: MpaClientPrivate has been destroyed already");
+            return;
+          }
+          std::lock_guard update_lock(self->update_mutex_);
+          self->PerformUpdateStubMap();
+        });
+    std::lock_guard lock(stub_mutex_);
+    reschedule_timer_ = std::move(timer);
+    return;
+  }
+  {
+    std::lock_guard lock(stub_mutex_);
+    update_stub_pending_ = false;
+  }
+  const auto new_map = proxy_client_ ? proxy_client_->aphs() : std::map<std::string, bool>();
+  std::map<std::string, bool> old_map;
+  {
+    std::lock_guard lock(aph_mutex_);
+    old_map = std::exchange(aph_map_, new_map);
+  }
+  ApplyNewMaps(old_map, new_map);
+  ZLOG_DEBUG("[%s] performUpdateStubMap End", name);
+}
+
+void MpaClientPrivateBase::NewMaster(const std::string& aph) {
+  ZLOG_INFO("[%s] performUpdateStubMap: New Master APH (%s)", app_type_.c_str(), aph.c_str());
+  GetNewAppInitSequenceNumber();
+  {
+    std::lock_guard lock(app_init_mutex_);
+    app_init_completed_ = false;
+  }
+  std::lock_guard lock(stub_mutex_);
+  master_stub_ = false;
+}
+
+void MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_map,
+                                        const std::map<std::string, bool>& new_map) {
+  const char* const name = app_type_.c_str();
+  for (const auto& [aph, was_master] : old_map) {
+    if (new_map.count(aph) != 0) continue;
+    std::shared_ptr<MpStub> dropped;
+    std::lock_guard lock(stub_mutex_);
+    const auto stub = stub_map_.find(aph);
+    if (stub != stub_map_.end()) {
+      ZLOG_INFO("[%s] performUpdateStubMap: Removing stub for APH (%s)", name, aph.c_str());
+      dropped = std::move(stub->second);
+      stub_map_.erase(stub);
+      if (was_master) master_stub_ = false;
+    }
+    retry_policies_.erase(aph);
+  }
+  const std::string master = MasterAph();
+  const std::string old_master = FirstMaster(old_map);
+  bool handshake = false;
+  for (const auto& [aph, flag] : new_map) {
+    const bool is_master = aph == master;
+    bool has_stub = false;
+    {
+      std::shared_lock lock(stub_mutex_);
+      has_stub = stub_map_.count(aph) != 0;
+    }
+    if (!has_stub) {
+      if (is_master) NewMaster(aph);
+      const int64_t delay_ms = SpreadDelay(kFirstStubSpreadMs);
+      std::lock_guard lock(stub_mutex_);
+      retry_policies_.try_emplace(aph, StubRetryPolicy());
+      ZLOG_INFO("[%s] performUpdateStubMap: scheduling Stub creation for APH (%s) with delay (%lld)", name,
+                aph.c_str(), static_cast<long long>(delay_ms));
+      ScheduleStubCreationWithLock(aph, delay_ms);
+    } else if (is_master) {
+      if (aph != old_master) {
+        NewMaster(aph);
+        handshake = true;
+      } else {
+        ZLOG_INFO("[%s] performUpdateStubMap: No Mastership change.", name);
+      }
+    }
+  }
+  if (!handshake) return;
+  {
+    // The new master's stub exists already, so nobody else will set this.
+    std::lock_guard lock(stub_mutex_);
+    master_stub_ = true;
+  }
+  SetConnectionState(kConnected);
+  AppInitHandshake();
+}
+
+void MpaClientPrivateBase::ScheduleStubCreation(const std::string& aph, int64_t delay_ms) {
+  ZLOG_INFO("[%s] ScheduleStubCreation : delay (%lld)", app_type_.c_str(), static_cast<long long>(delay_ms));
+  std::lock_guard lock(stub_mutex_);
+  AddStubTimer(aph, delay_ms);
+}
+
+void MpaClientPrivateBase::ScheduleStubCreationWithLock(const std::string& aph, int64_t delay_ms) {
+  ZLOG_INFO("[%s] ScheduleStubCreationWithLock : delay (%lld)", app_type_.c_str(),
+            static_cast<long long>(delay_ms));
+  AddStubTimer(aph, delay_ms);
+}
+
+void MpaClientPrivateBase::AddStubTimer(const std::string& aph, int64_t delay_ms) {
+  auto& timer = timer_map_[aph];
+  if (timer) timer->Cancel();
+  timer = forwarding_provider_->timers().Schedule(
+      std::chrono::milliseconds(delay_ms), [weak = weak_from_this(), aph] {
+        if (const auto self = weak.lock()) {
+          self->GetStubFromTimer(aph);
+        } else {
+          ZLOG_WARN("MpaClientPrivate has been destroyed already");
+        }
+      });
+}
+
+bool MpaClientPrivateBase::proxy_connected() const {
+  std::shared_lock lock(app_init_mutex_);
+  return proxy_connected_;
+}
+
+void MpaClientPrivateBase::GetStubFromTimer(const std::string& aph) {
+  const char* const name = app_type_.c_str();
+  ZLOG_DEBUG("[%s] GetStub_ for APH (%s).", name, aph.c_str());
+  const bool connected = proxy_connected();
+  {
+    std::lock_guard lock(stub_mutex_);
+    if (timer_map_.erase(aph) == 0) {
+      // Cancelled in the moment it fired: whoever cancelled it has taken over.
+      ZLOG_INFO("[%s] GetStub_ Timer for (%s) is not present in timer_map_", name, aph.c_str());
+      return;
+    }
+    if (!connected) {
+      ZLOG_INFO("[%s] GetStub_ APH (%s), not connected to tnProxy.", name, aph.c_str());
+      in_flight_.erase(aph);
+      return;
+    }
+    if (update_stub_pending_) {
+      ZLOG_INFO("[%s] GetStub_ APH (%s), update stub pending.", name, aph.c_str());
+      in_flight_.erase(aph);
+      return;
+    }
+  }
+  GetStub(aph);
+}
+
+void MpaClientPrivateBase::GetStub(const std::string& aph) {
+  {
+    std::lock_guard lock(stub_mutex_);
+    in_flight_.insert(aph);
+  }
+  rpc::StubRequest request;
+  request.source_id = proxy_client_->getTnUuidStr();
+  request.target = net::Endpoint("zem://" + aph);
+  request.policy = SingleTry();
+  request.timeout_ms = kStubTimeoutMs;
+  RequestStub(std::move(request),
+              [weak = weak_from_this(), aph](std::unique_ptr<MpStub> stub, const rpc::Status& status) {
+                if (const auto self = weak.lock()) {
+                  self->StubCreateDone(aph, std::move(stub), status);
+                } else {
+                  ZLOG_WARN("StubCreateDone: MpaClientPrivate has been destroyed already (%s)", aph.c_str());
+                }
+              });
+  ZLOG_DEBUG("[%s] MpaClientPrivate GetStub: Stub creation scheduled for APH (%s)", app_type_.c_str(),
+             aph.c_str());
+}
+
+void MpaClientPrivateBase::StubCreateFailed(const std::string& aph) {
+  const char* const name = app_type_.c_str();
+  ZLOG_INFO("[%s] MpaClientPrivate::StubCreateDone_: Stub creation failed for aph (%s)", name, aph.c_str());
+  if (!proxy_client_->connected_for_forwarding() || !proxy_connected()) {
+    ZLOG_INFO("[%s] Not connected with TnProxy. Not re-trying stub creation for APH (%s).", name,
+              aph.c_str());
+    std::lock_guard lock(stub_mutex_);
+    in_flight_.erase(aph);
+    return;
+  }
+  bool fresh_start = false;
+  {
+    std::lock_guard lock(stub_mutex_);
+    fresh_start = retry_countdown_.Failed();
+  }
+  if (fresh_start) {
+    ScheduleStubCreation(aph, SpreadDelay(kRetryStubSpreadMs));
+    return;
+  }
+  std::lock_guard lock(stub_mutex_);
+  if (in_flight_.count(aph) == 0) {
+    ZLOG_INFO("[%s] Not re-trying Stub creation for APH (%s), uuid not in in-flight set.", name, aph.c_str());
+    return;
+  }
+  if (update_stub_pending_) {
+    ZLOG_INFO("[%s] Not re-trying Stub creation for APH (%s), update stub is pending.", name, aph.c_str());
+    in_flight_.erase(aph);
+    return;
+  }
+  if (timer_map_.count(aph) != 0) {
+    ZLOG_INFO("[%s] Timer for (%s) already present in timer_map_", name, aph.c_str());
+    return;
+  }
+  ZLOG_INFO("[%s] MpaClientPrivate::StubCreateDone_: Starting timer for retry. APH (%s)", name, aph.c_str());
+  auto& policy = retry_policies_.try_emplace(aph, StubRetryPolicy()).first->second;
+  ScheduleStubCreationWithLock(aph, policy.NextDelay());
+}
+
+void MpaClientPrivateBase::StubCreateDone(const std::string& aph, std::unique_ptr<MpStub> created,
+                                          const rpc::Status& status) {
+  const char* const name = app_type_.c_str();
+  if (!status.ok() || !created) {
+    StubCreateFailed(aph);
+    return;
+  }
+  ZLOG_INFO("[%s] MpaClientPrivate::StubCreateDone_: Stub creation successful for aph (%s)", name,
+            aph.c_str());
+  const bool is_master = IsMaster(aph);
+  std::shared_ptr<MpStub> stub = std::move(created);
+  {
+    std::lock_guard lock(stub_mutex_);
+    retry_policies_.try_emplace(aph, StubRetryPolicy()).first->second.Reset();
+    ZLOG_INFO("[%s] Stub created for APH (%s).", name, aph.c_str());
+    if (in_flight_.count(aph) == 0) {
+      ZLOG_INFO("[%s] Dropping Stub for APH (%s), uuid not in in-flight set.", name, aph.c_str());
+      return;
+    }
+    in_flight_.erase(aph);
+    if (update_stub_pending_) {
+      ZLOG_INFO("[%s] Dropping Stub for APH (%s), update stub is pending.", name, aph.c_str());
+      return;
+    }
+    stub_map_[aph] = stub;
+    if (is_master) {
+      ZLOG_INFO("[%s] Stub created for Master APH (%s).", name, aph.c_str());
+      master_stub_ = true;
+    }
+  }
+  stub->SetOnStreamDown([weak = weak_from_this(), aph](rpc::CloseReason reason) {
+    if (const auto self = weak.lock()) {
+      self->OnStreamDown(aph, reason);
+    } else {
+      ZLOG_WARN("OnStreamDown_: MpaClientPrivate has been destroyed already");
+    }
+  });
+  if (!is_master) return;
+  SetConnectionState(kConnected);
+  AppInitHandshake();
+}
+
+void MpaClientPrivateBase::OnStreamDown(const std::string& aph, rpc::CloseReason reason) {
+  const char* const name = app_type_.c_str();
+  const char* const reason_text = rpc::CloseReasonToCStr(reason);
+  ZLOG_INFO("[%s] OnStreamDown for APH (%s), reason (%s)", name, aph.c_str(), reason_text);
+  const bool is_master = IsMaster(aph);
+  if (is_master) {
+    GetNewAppInitSequenceNumber();
+    SetConnectionState(kDisconnected);
+    app_specific_->SendCloseToVertical(0);
+    std::lock_guard lock(app_init_mutex_);
+    app_init_completed_ = false;
+    if (wait_tn_proxy_timer_) wait_tn_proxy_timer_->Cancel();
+    wait_tn_proxy_timer_.reset();
+  }
+  std::shared_ptr<MpStub> dropped;
+  {
+    std::lock_guard lock(stub_mutex_);
+    const auto timer = timer_map_.find(aph);
+    if (timer != timer_map_.end()) {
+      timer->second->Cancel();
+      timer_map_.erase(timer);
+    }
+    const auto stub = stub_map_.find(aph);
+    if (stub != stub_map_.end()) {
+      dropped = std::move(stub->second);
+      stub_map_.erase(stub);
+    }
+    retry_countdown_.Reset();
+    if (is_master) master_stub_ = false;
+    if (update_stub_pending_) {
+      ZLOG_INFO("[%s] OnStreamDown APH (%s), not re-trying : updateStubMap pending.", name, aph.c_str());
+      return;
+    }
+  }
+  if (reason == rpc::CloseReason::kConnectionLost || reason == rpc::CloseReason::kLocalClose) {
+    ZLOG_INFO("[%s] OnStreamDown for APH (%s), reason (%s): Nothing to do for stream down", name, aph.c_str(),
+              reason_text);
+    return;
+  }
+  bool listed = false;
+  {
+    std::shared_lock lock(aph_mutex_);
+    listed = aph_map_.count(aph) != 0;
+  }
+  if (!listed && reason == rpc::CloseReason::kTargetUnreachable) {
+    ZLOG_INFO("[%s] OnStreamDown for APH (%s), reason (%s): APH was removed from cluster", name, aph.c_str(),
+              reason_text);
+    return;
+  }
+  if (proxy_client_->connected_for_forwarding() && proxy_connected()) {
+    ScheduleStubCreation(aph, SpreadDelay(kRetryStubSpreadMs));
+  } else {
+    ZLOG_INFO("[%s] OnStreamDown APH (%s), not connected to tnProxy.", name, aph.c_str());
+  }
+}
+
+int64_t MpaClientPrivateBase::SpreadDelay(uint64_t range_ms) const {
+  return SpreadDelayMs(proxy_client_->getTnUuidStr(), app_id_, range_ms);
+}
+
+}  // namespace zem

@@ -1,0 +1,155 @@
+// The daemon's whole start and stop order, in a sandbox of its own where the real paths and ports are free.
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "agent/agent.h"
+#include "framework/options.h"
+#include "platform/core/stop_signal.h"
+#include "platform/core/thread.h"
+#include "sim/manager/manager.h"
+#include "sim/node/sandbox.h"
+#include "sim/store/store_daemon.h"
+#include "tests/support/log_capture.h"
+
+namespace zem {
+namespace {
+
+using namespace std::chrono_literals;
+
+void WriteFile(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+size_t OpenDescriptors() {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                           std::filesystem::directory_iterator()));
+}
+
+// Runs in a forked child, where GoogleTest cannot report; the first expectation that does not hold is printed
+// and ends it.
+#define SANDBOX_EXPECT(condition)                                            \
+  do {                                                                       \
+    if (!(condition)) {                                                      \
+      std::cerr << __FILE__ << ":" << __LINE__ << ": " #condition << "\n";   \
+      for (const std::string& text : log.Texts()) std::cerr << text << "\n"; \
+      return 1;                                                              \
+    }                                                                        \
+  } while (false)
+
+class AgentLifecycleTest : public ::testing::Test {
+ protected:
+  AgentLifecycleTest() { ::mkdtemp(directory_); }
+  ~AgentLifecycleTest() override { std::filesystem::remove_all(directory_); }
+
+  int Run(const std::function<int()>& body) { return sim::RunInSandbox({directory_, "/bin/true"}, body); }
+
+ private:
+  char directory_[64] = "/tmp/zem-agent-test.XXXXXX";
+};
+
+bool WaitFor(const test::LogCapture& log, const std::string& text) {
+  for (int i = 0; i < 1000; ++i) {
+    if (log.Contains(text)) return true;
+    SleepFor(10ms);
+  }
+  return false;
+}
+
+// The peers live in the same process, and log what they see of the agent's end.
+size_t OwnLines(const test::LogCapture& log) { return log.Lines().size() - log.Count("subcomp=\"zem-"); }
+
+bool InOrder(const test::LogCapture& log, const std::vector<std::string>& parts) {
+  const std::vector<std::string> texts = log.Texts();
+  auto from = texts.begin();
+  for (const std::string& part : parts) {
+    from = std::find_if(from, texts.end(), [&part](const std::string& text) { return text.find(part) == 0; });
+    if (from == texts.end()) {
+      std::cerr << "not in its place: " << part << "\n";
+      return false;
+    }
+  }
+  return true;
+}
+
+// Every life goes through the whole order and leaves nothing behind: no thread that still logs, no
+// descriptor, no listener that would keep the next one from its ports.
+TEST_F(AgentLifecycleTest, StartsServesAndStopsInOrder) {
+  EXPECT_EQ(
+      Run([] {
+        test::LogCapture log;
+        WriteFile("/etc/zem_issue", "node-type: zem-qub\n");
+        WriteFile(Tarvik::kOptionsPath,
+                  "<config><tarvik><log><level>6</level></log><metrics><collector><file>/tmp/m.json</file>"
+                  "<intervalSec>1</intervalSec></collector></metrics><probe><verticals>SwitchingVertical"
+                  "</verticals><objectTypes>221</objectTypes></probe></tarvik></config>");
+        AsioZemProvider store_provider;
+        sim::ObjectRegistry registry;
+        sim::StoreDaemon store(store_provider, "tcp://127.0.0.1:2480", registry);
+        store_provider.RunAsync(1);
+        sim::Manager::Options options;
+        options.transport_node_id = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
+        sim::Manager manager(options);
+        manager.StartProxy();
+        manager.AddAph("0a000000-0000-4000-8000-000000000001", true);
+        size_t descriptors = 0;
+        for (int life = 0; life < 3; ++life) {
+          log.Clear();
+          Tarvik::Agent::Settings settings;
+          settings.handle_signals = false;
+          Tarvik::Agent agent(settings);
+          SANDBOX_EXPECT(agent.Start() == 0);
+          Thread serving([&agent] { agent.Serve(); });
+          SANDBOX_EXPECT(WaitFor(log, "CoveDbClient is connected"));
+          SANDBOX_EXPECT(WaitFor(log, "ApplProxyInfoObserver: Processed applProxyInfo Response."));
+          agent.Interrupt();
+          serving.Join();
+          agent.Stop();
+          SANDBOX_EXPECT(InOrder(
+              log,
+              {"Running on QUB node, version 0.0.0.", "Try loading config file: ", "SetLogLevel set tarvik",
+               "Build Number: ", "SetHealthCheckMode: true", "Enable core dump",
+               "Starting MPA client event loop thread...", "TnProxyClientCommon Init",
+               ":Connecting to Covedb on Host end point tcp://127.0.0.1:2480 ", "CliServer Start...",
+               "TnProxyClientCommon Start", "Stopping MPA client event loop thread...",
+               "TnProxyClientCommon Stop, End", "ZEM Tarvik stop..."}));
+          const size_t lines = OwnLines(log);
+          SleepFor(200ms);
+          SANDBOX_EXPECT(OwnLines(log) == lines);
+          // The first life leaves what the libraries keep for the process.
+          if (life == 0) descriptors = OpenDescriptors();
+          SANDBOX_EXPECT(OpenDescriptors() <= descriptors);
+        }
+        return 0;
+      }),
+      0);
+}
+
+// What fails early is told and gives -1, with nothing started.
+TEST_F(AgentLifecycleTest, EarlyFailures) {
+  EXPECT_EQ(Run([] {
+              test::LogCapture log;
+              Tarvik::Agent::Settings settings;
+              SANDBOX_EXPECT(Tarvik::Agent(settings).Start() == -1);
+              SANDBOX_EXPECT(log.Contains("Running on unknown node."));
+              WriteFile("/etc/zem_issue", "node-type: zem-qub\n");
+              for (const char* text : {"<config/>", "<config><tarvik>", ""}) {
+                log.Clear();
+                WriteFile(Tarvik::kOptionsPath, text);
+                SANDBOX_EXPECT(Tarvik::Agent(settings).Start() == -1);
+                SANDBOX_EXPECT(log.Contains("errorCode=\"OPS00001\""));
+              }
+              return 0;
+            }),
+            0);
+}
+
+}  // namespace
+}  // namespace zem

@@ -1,0 +1,231 @@
+// The handler against the host's script itself, in a sandbox where both have their real names.
+
+#include "app/zema/qub/lum_handler.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <sstream>
+
+#include "framework/shutdown_pipe.h"
+#include "platform/core/thread.h"
+#include "sim/node/sandbox.h"
+#include "tests/support/log_capture.h"
+
+namespace zem::zema {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kHost = "/var/lib/zem-host";
+
+#define SANDBOX_EXPECT(condition)                                            \
+  do {                                                                       \
+    if (!(condition)) {                                                      \
+      std::cerr << __FILE__ << ":" << __LINE__ << ": " #condition << "\n";   \
+      for (const std::string& text : log.Texts()) std::cerr << text << "\n"; \
+      return 1;                                                              \
+    }                                                                        \
+  } while (false)
+
+void Write(const std::string& name, const std::string& text) {
+  std::filesystem::create_directories(kHost);
+  std::ofstream(std::string(kHost) + "/" + name) << text;
+}
+
+std::string Frames() {
+  std::ostringstream text;
+  text << std::ifstream(std::string(kHost) + "/frames.log").rdbuf();
+  return text.str();
+}
+
+size_t OpenDescriptors() {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                           std::filesystem::directory_iterator()));
+}
+
+size_t Count(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
+class LumHandlerTest : public ::testing::Test {
+ protected:
+  // Into the folder that the sandbox sees wherever the source stands.
+  LumHandlerTest() {
+    ::mkdtemp(directory_);
+    for (const char* file : {"zemaLum.py", "ps"}) {
+      std::filesystem::copy(std::string(ZEM_SOURCE "/sim/host/") + file,
+                            std::string(directory_) + "/" + file);
+    }
+  }
+  ~LumHandlerTest() override { std::filesystem::remove_all(directory_); }
+
+  // The body's log and the ready words the handler has told go along.
+  int Run(const std::function<int(test::LogCapture&, LumSettings, std::string*)>& body) {
+    return sim::RunInSandbox({directory_, "/bin/true"}, [&body] {
+      test::LogCapture log;
+      std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/ps", "/usr/local/bin/ps");
+      ::setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
+      if (!Tarvik::OpenShutdownPipe()) return 1;
+      std::string told;
+      LumSettings settings;
+      settings.script = std::string(sim::kNodeDirectory) + "/zemaLum.py";
+      settings.kill_pause = 20ms;
+      settings.spawn_pause = 20ms;
+      settings.pid_pause = 20ms;
+      settings.ready_pause = 20ms;
+      settings.host_version = "7.0.3";
+      settings.set_ready = [&told](bool ready) { told += ready ? "up " : "down "; };
+      return body(log, settings, &told);
+    });
+  }
+
+ private:
+  char directory_[64] = "/tmp/zem-lum-test.XXXXXX";
+};
+
+TEST_F(LumHandlerTest, LogsInAndAnswers) {
+  EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
+              settings.log_level = "debug";
+              settings.no_vxlan_stack = true;
+              Write("lum.ready", "3");
+              LumHandler handler(settings);
+              SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
+              SANDBOX_EXPECT(*told == "down up ");
+              SANDBOX_EXPECT(!handler.pid().empty());
+              const std::string frames = Frames();
+              const size_t level = frames.find("loglevel=debug");
+              const size_t option = frames.find("option=no-vxlan-stack");
+              const size_t login = frames.find("login=7.0.3|user|");
+              SANDBOX_EXPECT(level < option && option < login && login != std::string::npos);
+              SANDBOX_EXPECT(Count(frames, "initializing") == 3);
+              // The whole reply counts, nothing less.
+              std::string out;
+              Write("lum.rules", "^query\t0\t1\treply\tok|a\n^list\t0\t9\treply\t\n");
+              SANDBOX_EXPECT(handler.InvokeCommand("query()", "ok", &out) == -1);
+              SANDBOX_EXPECT(out == "ok|a");
+              SANDBOX_EXPECT(handler.InvokeCommand("list()", "", &out) == 0 && out.empty());
+              SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kHostProfile, "data", &out) == 0);
+              SANDBOX_EXPECT(out == "unknown operation 14");
+              SANDBOX_EXPECT(*told == "down up ");
+              handler.TerminateZemaLumPy();
+              SANDBOX_EXPECT(log.Contains("terminating zemaLum.py process ["));
+              return 0;
+            }),
+            0);
+}
+
+TEST_F(LumHandlerTest, AScriptThatIsLoggedInIsNotAskedAgain) {
+  EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
+              Write("lum.start", "ready");
+              LumHandler handler(settings);
+              SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
+              SANDBOX_EXPECT(*told == "down up ");
+              SANDBOX_EXPECT(Frames().find("login=") == std::string::npos);
+              return 0;
+            }),
+            0);
+}
+
+// Each way in which an exchange breaks: a text command fails and the next one starts the script anew; a
+// binary call starts it at once.
+TEST_F(LumHandlerTest, BrokenExchanges) {
+  EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
+              LumHandler handler(settings);
+              SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
+              std::string out;
+              for (const char* action : {"close", "exit", "half-header", "half-text", "too-long"}) {
+                Write("lum.rules", std::string("^break\t0\t1\t") + action + "\n");
+                told->clear();
+                SANDBOX_EXPECT(handler.InvokeCommand("break " + std::string(action), "", &out) == -1);
+                SANDBOX_EXPECT(out == "socket read failed");
+                SANDBOX_EXPECT(!handler.connected() && told->empty());
+                SANDBOX_EXPECT(handler.InvokeCommand("next", "", &out) == -1);
+                SANDBOX_EXPECT(out == "LumHandler not initialized");
+                SANDBOX_EXPECT(*told == "down up ");
+                SANDBOX_EXPECT(handler.InvokeCommand("next", "", &out) == 0);
+
+                Write("lum.rules", std::string("^op 22\t0\t1\t") + action + "\n");
+                told->clear();
+                SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &out) == 2);
+                SANDBOX_EXPECT(out == "Internal Socket error in reading data.");
+                SANDBOX_EXPECT(*told == "down up " && handler.connected());
+              }
+              return 0;
+            }),
+            0);
+}
+
+// A script that does not come up leaves the handler failing fast, with each call trying again.
+TEST_F(LumHandlerTest, FailedStarts) {
+  EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
+              settings.pid_tries = 5;
+              std::string out;
+              {
+                LumSettings missing = settings;
+                missing.script = "/nowhere.py";
+                LumHandler handler(missing);
+                SANDBOX_EXPECT(handler.SetUp("user", "") == -1);
+                SANDBOX_EXPECT(log.Contains("Empty pid in process list for zemaLum.py."));
+              }
+              Write("lum.rules", "^login\t0\t1\treply\tno\n");
+              LumHandler handler(settings);
+              SANDBOX_EXPECT(handler.SetUp("user", "") == -1);
+              SANDBOX_EXPECT(log.Contains("Unexpected reply for username command: no"));
+              SANDBOX_EXPECT(told->find("up") == std::string::npos);
+              SANDBOX_EXPECT(handler.InvokeCommand("x", "", &out) == -1);
+              SANDBOX_EXPECT(out == "LumHandler not initialized");
+              // The rule of the new script counts from the start again.
+              Write("lum.rules", "");
+              SANDBOX_EXPECT(handler.InvokeCommand("x", "", &out) == -1);
+              SANDBOX_EXPECT(handler.InvokeCommand("x", "", &out) == 0);
+              return 0;
+            }),
+            0);
+}
+
+// A stop in the middle of a start ends it.
+TEST_F(LumHandlerTest, ShutdownEndsAStart) {
+  EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
+              settings.spawn_pause = 1h;
+              zem::Thread stopper([] {
+                SleepFor(100ms);
+                Tarvik::CloseShutdownPipe();
+              });
+              LumHandler handler(settings);
+              SANDBOX_EXPECT(handler.SetUp("user", "") == -1);
+              SANDBOX_EXPECT(log.Contains("zema is shutting down, cancelling attempt to respawn zemaLum."));
+              return 0;
+            }),
+            0);
+}
+
+// New starts leave no process and no descriptor.
+TEST_F(LumHandlerTest, RespawnsLeaveNothingBehind) {
+  EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
+              settings.spawn_pause = 1ms;
+              Write("lum.start", "ready");
+              LumHandler handler(settings);
+              SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
+              const size_t descriptors = OpenDescriptors();
+              std::string out;
+              for (int i = 0; i < 10; ++i) {
+                Write("lum.rules", "^op 22\t0\t1\texit\n");
+                SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &out) == 2);
+                SANDBOX_EXPECT(handler.connected());
+              }
+              SANDBOX_EXPECT(OpenDescriptors() == descriptors);
+              return 0;
+            }),
+            0);
+}
+
+}  // namespace
+}  // namespace zem::zema

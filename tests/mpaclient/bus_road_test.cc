@@ -1,0 +1,134 @@
+#include <cstdlib>
+#include <deque>
+
+#include "mpaclient/mpa_client.h"
+#include "tests/mpaclient/channel_fixture.h"
+
+namespace zem {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using ::testing::ElementsAre;
+
+// The bus as a scenario wants it.
+class ScriptedBus final : public RmqClientInterface {
+ public:
+  int NETEventLoop(int) override { return 0; }
+  int InitNETClient(const char* app_id, const char* app_type, int, rmqClientCallback callback) override {
+    asked.emplace_back(std::string(app_type) + "/" + app_id);
+    deliver = callback;
+    if (cookies.empty()) return kBusConnectFail;
+    const int cookie = cookies.front();
+    cookies.pop_front();
+    return cookie;
+  }
+  int CloseClient(int cookie) override {
+    closed.push_back(cookie);
+    return 0;
+  }
+  int SendToVSM(rmqClientMessage*) override { return send_result; }
+  int InitNETClient_Custom(const char*, const char*, int, void*, rmqClientCallback,
+                           const rmqClientSettings*) override {
+    return kBusConnectFail;
+  }
+  int StopNETEventLoop() override { return 0; }
+
+  std::vector<std::string> asked;
+  std::deque<int> cookies;
+  std::vector<int> closed;
+  int send_result = 0;
+  rmqClientCallback deliver = nullptr;
+};
+
+class BusRoadTest : public ChannelTest {
+ protected:
+  ~BusRoadTest() override { MpaClient::SetBusForTest(nullptr); }
+
+  void Start(const std::string& name) {
+    MpaClient::SetBusForTest([this] { return bus; });
+    verticals.push_back(name);
+    MpaClient::Register(
+        provider, [this, name](rmqClientMessage* message) { Take(name, *message); }, name, "id-1", 1,
+        MpaClient::kBusPort, 30000000, 5000000);
+    MpaClient::Get(name)->Start(nullptr);
+  }
+
+  void Deliver(const std::string& name, BusMessageType type, int cookie) {
+    BusRecord record(type);
+    record.SetApp(name, "id-1").SetCookie(cookie);
+    rmqClientMessage message = record.message();
+    message.free_block = std::malloc(16);
+    bus->deliver(nullptr, &message);
+    EXPECT_EQ(message.free_block, nullptr);
+  }
+
+  boost::intrusive_ptr<ScriptedBus> bus{new ScriptedBus};
+};
+
+// A broker that is away is tried every retry time; the ACK makes the connection stand, its absence undoes it.
+TEST_F(BusRoadTest, ConnectsRetriesAndWaitsForTheAck) {
+  Start("SwitchingVertical");
+  EXPECT_TRUE(log.Contains("connecting to mpa return cookie [CONNECT_FAIL]"));
+  bus->cookies = {7, 8};
+  clock.RunFor(seconds(5));
+  EXPECT_EQ(bus->asked.size(), 2u);
+  EXPECT_EQ(bus->asked.back(), "SwitchingVertical/id-1");
+  EXPECT_EQ(MpaClient::Get("SwitchingVertical")->cookie(), 7);
+  EXPECT_FALSE(MpaClient::Get("SwitchingVertical")->IsConnected());
+  clock.RunFor(seconds(30));
+  EXPECT_THAT(bus->closed, ElementsAre(7)) << "no ACK came in time";
+  EXPECT_EQ(MpaClient::Get("SwitchingVertical")->cookie(), 8);
+  Deliver("SwitchingVertical", kRmqClientRegistrationAck, 8);
+  EXPECT_TRUE(MpaClient::Get("SwitchingVertical")->IsConnected());
+  clock.RunFor(seconds(60));
+  EXPECT_THAT(bus->closed, ElementsAre(7));
+  EXPECT_EQ(bus->asked.size(), 3u);
+}
+
+TEST_F(BusRoadTest, CloseCountsOnlyWithItsOwnCookie) {
+  bus->cookies = {7, 9};
+  Start("SomeVertical");
+  EXPECT_TRUE(log.Contains("Unknown app type SomeVertical"));
+  Deliver("SomeVertical", kRmqClientRegistrationAck, 7);
+  Deliver("SomeVertical", kRmqClientClose, 6);
+  EXPECT_TRUE(log.Contains("Message's cookieId [6] does not match with [7], ignored"));
+  EXPECT_TRUE(MpaClient::Get("SomeVertical")->IsConnected());
+  Deliver("SomeVertical", kRmqClientClose, 7);
+  EXPECT_FALSE(MpaClient::Get("SomeVertical")->IsConnected());
+  EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), -1);
+  clock.RunFor(seconds(1));
+  EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), 9);
+  EXPECT_THAT(TypesSeenBy("SomeVertical"), ElementsAre(kRmqClientRegistrationAck, kRmqClientClose));
+}
+
+TEST_F(BusRoadTest, WhatIsDeliveredAndSent) {
+  bus->cookies = {7};
+  Start("SomeVertical");
+  for (const BusMessageType type :
+       {kRmqClientPayload, kRmqMpRpcRequest, kRmqMpRpcResponse, kRmqClientRpcResponse, kRmqMpPublish}) {
+    Deliver("SomeVertical", type, 7);
+  }
+  EXPECT_EQ(SeenBy("SomeVertical").size(), 5u);
+  Deliver("SomeVertical", kRmqHostPayload, 7);
+  EXPECT_EQ(SeenBy("SomeVertical").size(), 5u);
+  EXPECT_TRUE(log.Contains("Unrecognized RMQ messageType [7] from MPA."));
+  Deliver("Nobody", kRmqClientPayload, 7);
+  EXPECT_TRUE(log.Contains("No callback function for app type Nobody"));
+  EXPECT_EQ(Send("SomeVertical", kRmqClientPublish, {}, "x"), 0);
+  bus->send_result = kBusNoSession;
+  EXPECT_EQ(Send("SomeVertical", kRmqClientPublish, {}, "x"), kBusNoSession);
+  EXPECT_TRUE(log.Contains("SomeVertical failed to send message to MPA"));
+}
+
+// A vertical that holds up the delivering thread is named.
+TEST_F(BusRoadTest, SlowCallbackIsTold) {
+  bus->cookies = {7};
+  Start("SomeVertical");
+  on_record = [](const Seen&) { SleepFor(milliseconds(400)); };
+  Deliver("SomeVertical", kRmqClientPayload, 7);
+  EXPECT_TRUE(log.Contains("Vertical (SomeVertical) rx-callback took (400) msecs"));
+}
+
+}  // namespace
+}  // namespace zem
