@@ -11,8 +11,8 @@ using Duration = std::chrono::nanoseconds;
 using TimePoint = std::chrono::steady_clock::time_point;
 using WallTime = std::chrono::system_clock::time_point;
 
-/// The one source of time.  Everything that waits, times out or stamps asks the clock of its process, so that a
-/// test can hold time in its hand.
+/// The one source of time.  Everything that waits, times out or stamps asks the clock of its process, so that
+/// a test can hold time in its hand.
 ///
 /// Threads: all operations from any thread.
 class Clock {
@@ -32,8 +32,8 @@ class Clock {
   /// clock they do nothing, because the operating system wakes the waiters.
   virtual bool IsVirtual() const { return false; }
 
-  /// Calls `function` once when time has reached `due`.  It runs on a foreign thread's stack and may only take
-  /// leaf locks: wake somebody, post something.
+  /// Calls `function` once when time has reached `due`.  It runs on a foreign thread's stack and may only
+  /// take leaf locks: wake somebody, post something.
   virtual AlarmId SetAlarm(TimePoint due, AlarmFunction function);
 
   /// False when the alarm has run or is running.

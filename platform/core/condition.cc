@@ -15,8 +15,8 @@ timespec ToTimespec(TimePoint when) {
 
 }  // namespace
 
-// One per waiting thread, on its stack.  A condition per waiter instead of one for all lets a notification choose
-// whom it wakes, which is what lets it count as that waiter's work at once.
+// One per waiting thread, on its stack.  A condition per waiter instead of one for all lets a notification
+// choose whom it wakes, which is what lets it count as that waiter's work at once.
 struct Condition::Waiter {
   Waiter() {
     pthread_condattr_t attributes;
@@ -75,8 +75,8 @@ bool Condition::Block(UserLock& user, const TimePoint* deadline) {
     waiter = std::shared_ptr<Waiter>(std::shared_ptr<void>(), &on_stack.emplace());
   }
 
-  // Leaves in the same state by return and by cancellation: off the list, no alarm, counted as working, user's
-  // lock held.
+  // Leaves in the same state by return and by cancellation: off the list, no alarm, counted as working,
+  // user's lock held.
   struct Leave {
     Waiting& waiting;
     UserLock& user;
@@ -128,8 +128,7 @@ bool Condition::Block(UserLock& user, const TimePoint* deadline) {
       continue;
     }
     const timespec until = ToTimespec(*deadline);
-    const int result =
-        pthread_cond_timedwait(&waiter->wake, waiting->mutex.native_handle(), &until);
+    const int result = pthread_cond_timedwait(&waiter->wake, waiting->mutex.native_handle(), &until);
     if (result == ETIMEDOUT && !waiter->woken) return false;
   }
   return !waiter->timed_out;

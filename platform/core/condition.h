@@ -10,9 +10,9 @@ namespace zem {
 
 /// A condition variable over the process's clock; works with any lock that has `lock` and `unlock`.
 ///
-/// A waiting thread is known to a virtual clock; a notification counts as work from the moment it is given, so time
-/// cannot slip by between the notification and the waiter's waking.  A wait is a cancellation point: a cancelled
-/// waiter holds its lock again while it unwinds.
+/// A waiting thread is known to a virtual clock; a notification counts as work from the moment it is given,
+/// so time cannot slip by between the notification and the waiter's waking.  A wait is a cancellation point:
+/// a cancelled waiter holds its lock again while it unwinds.
 class Condition {
  public:
   Condition();

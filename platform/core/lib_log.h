@@ -23,8 +23,8 @@ enum class Library { kMetrics, kNet, kRpc, kSha, kWorkflow, kCount };
 /// The level word of `library`; lines above it are not built.  Plain loads and stores from any thread.
 std::atomic<int>& LibraryLevel(Library library);
 
-/// Where the libraries' lines go.  The default writes warnings and worse to standard error; the daemon sets its
-/// logger before it starts threads.
+/// Where the libraries' lines go.  The default writes warnings and worse to standard error; the daemon sets
+/// its logger before it starts threads.
 using LibraryLogSink = void (*)(LibraryLogLevel level, const char* subcomponent, std::string_view text);
 void SetLibraryLogSink(LibraryLogSink sink);
 
@@ -34,8 +34,8 @@ void LibraryLog(Library library, LibraryLogLevel level, const char* format, ...)
 }  // namespace zem
 
 /// One load and one compare when the line is not wanted; the arguments are then not evaluated.
-#define ZEM_LIB_LOG(library, level, ...)                                                       \
-  do {                                                                                         \
-    if (::zem::LibraryLevel(library).load(std::memory_order_relaxed) >= (level))               \
-      ::zem::LibraryLog(library, level, __VA_ARGS__);                                          \
+#define ZEM_LIB_LOG(library, level, ...)                                         \
+  do {                                                                           \
+    if (::zem::LibraryLevel(library).load(std::memory_order_relaxed) >= (level)) \
+      ::zem::LibraryLog(library, level, __VA_ARGS__);                            \
   } while (false)

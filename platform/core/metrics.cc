@@ -39,7 +39,9 @@ Gauge& Registry::gauge(std::string_view name, std::string_view tag) { return Fin
 Frequency& Registry::frequency(std::string_view name, std::string_view tag) {
   return Find(frequencies_, name, tag);
 }
-Latency& Registry::latency(std::string_view name, std::string_view tag) { return Find(latencies_, name, tag); }
+Latency& Registry::latency(std::string_view name, std::string_view tag) {
+  return Find(latencies_, name, tag);
+}
 
 std::vector<Sample> Registry::Read() const {
   std::vector<Sample> samples;

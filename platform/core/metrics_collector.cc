@@ -71,12 +71,14 @@ class MetricsCollector::Impl {
       out += numbers;
       if (std::strcmp(sample.kind, "frequency") == 0) {
         uint64_t& last = last_counts[sample.name + "/" + sample.tag];
-        std::snprintf(numbers, sizeof(numbers), ",\"perSecond\":%.6g", double(sample.count - last) / interval_s);
+        std::snprintf(numbers, sizeof(numbers), ",\"perSecond\":%.6g",
+                      double(sample.count - last) / interval_s);
         out += numbers;
         last = sample.count;
       } else if (std::strcmp(sample.kind, "latency") == 0) {
         std::snprintf(numbers, sizeof(numbers), ",\"maxUs\":%llu,\"p99Us\":%llu",
-                      static_cast<unsigned long long>(sample.max), static_cast<unsigned long long>(sample.p99));
+                      static_cast<unsigned long long>(sample.max),
+                      static_cast<unsigned long long>(sample.p99));
         out += numbers;
       }
       out.push_back('}');

@@ -13,8 +13,8 @@ namespace zem::metrics {
 
 /// Writes all metrics of a provider as one JSON object per interval.
 ///
-/// Options: `file` (default "/var/run/orlane/zem-tarvik/metrics.json"), `intervalSec` (default 60, at least 1).
-/// The file is replaced as a whole: a reader sees the old or the new one.
+/// Options: `file` (default "/var/run/orlane/zem-tarvik/metrics.json"), `intervalSec` (default 60, at least
+/// 1). The file is replaced as a whole: a reader sees the old or the new one.
 class MetricsCollector {
  public:
   MetricsCollector(AsioZemProvider& provider, const boost::property_tree::ptree& options);

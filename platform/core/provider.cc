@@ -1,11 +1,11 @@
 #include "platform/core/provider.h"
 
+#include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/property_tree/ptree.hpp>
-#include <atomic>
 #include <csignal>
 #include <mutex>
 #include <optional>
@@ -29,8 +29,8 @@ class IoDispatcher final : public Dispatcher {
 
   void Post(std::function<void()> function) override {
     if (Clock::Process().IsVirtual()) {
-      boost::asio::post(io_,
-                        [function = std::move(function), token = std::make_shared<WorkToken>()] { function(); });
+      boost::asio::post(
+          io_, [function = std::move(function), token = std::make_shared<WorkToken>()] { function(); });
     } else {
       boost::asio::post(io_, std::move(function));
     }
@@ -83,8 +83,8 @@ class AsioZemProvider::Impl {
     if (stop) stop();
   }
 
-  // What was posted runs, and what that posted in turn, for some rounds: closing sockets and ending calls takes a
-  // few.  A loop that feeds itself for ever does not keep the process.
+  // What was posted runs, and what that posted in turn, for some rounds: closing sockets and ending calls
+  // takes a few.  A loop that feeds itself for ever does not keep the process.
   void StopAfterPosted(int rounds) {
     boost::asio::post(io, [this, rounds] {
       if (rounds > 0) {

@@ -24,7 +24,8 @@ class Transport;
 /// The event loop: timers, posted functions, and the RPC library's sockets and callbacks run on its threads.
 ///
 /// A function that throws is logged with the exception's text; the loop goes on.
-/// Threads: all operations from any thread, `StopAndWait` from any but its own (there it only stops, and logs).
+/// Threads: all operations from any thread, `StopAndWait` from any but its own (there it only stops, and
+/// logs).
 class AsioZemProvider {
  public:
   /// `options` may hold `provider.stop_on_signals` (default true): SIGINT and SIGTERM then stop the loop.
@@ -43,7 +44,8 @@ class AsioZemProvider {
   /// Ends the loop once what is running has returned.
   void Stop();
 
-  /// Shuts the RPC transport down, lets what is posted run when `run_posted`, ends the loop and joins its threads.
+  /// Shuts the RPC transport down, lets what is posted run when `run_posted`, ends the loop and joins its
+  /// threads.
   void StopAndWait(bool run_posted);
 
   bool stopped() const;
@@ -59,8 +61,8 @@ class AsioZemProvider {
   boost::asio::io_context& io();
   const std::string& name() const;
 
-  /// What another library keeps with this provider (the RPC transport): destroyed before the loop, after `stop`
-  /// has run at the start of `Stop` and `StopAndWait`.
+  /// What another library keeps with this provider (the RPC transport): destroyed before the loop, after
+  /// `stop` has run at the start of `Stop` and `StopAndWait`.
   struct Attachment {
     std::shared_ptr<void> object;
     std::function<void()> stop;

@@ -12,7 +12,8 @@ class IRefCountable {
   virtual void Release() const = 0;
 };
 
-/// Counts the references to a `T`; the last release deletes it.  A new object has none until somebody takes it.
+/// Counts the references to a `T`; the last release deletes it.  A new object has none until somebody takes
+/// it.
 template <class T, class Interface = IRefCountable>
 class RefCounted : public Interface {
  public:

@@ -4,7 +4,8 @@
 
 namespace zem {
 
-/// The delays between tries, in milliseconds: `initial`, then each `factor` times the one before, at most `maximum`.
+/// The delays between tries, in milliseconds: `initial`, then each `factor` times the one before, at most
+/// `maximum`.
 ///
 /// Threads: none of its own; the owner guards it.
 class RetryPolicy {

@@ -10,8 +10,8 @@
 
 namespace zem {
 
-/// A thread of this process, known to the clock.  Joins in its destructor unless it was joined, detached or never
-/// started.
+/// A thread of this process, known to the clock.  Joins in its destructor unless it was joined, detached or
+/// never started.
 ///
 /// Threads: one owner; `Cancel` and `id` also from others while the owner keeps the object.
 class Thread {

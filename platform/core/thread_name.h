@@ -5,8 +5,8 @@
 
 namespace zem {
 
-/// Names the calling thread for the operating system, cut to the 15 bytes that it keeps.  Threads made later by
-/// this thread inherit the name until they take their own.  The main thread's name is also the process's.
+/// Names the calling thread for the operating system, cut to the 15 bytes that it keeps.  Threads made later
+/// by this thread inherit the name until they take their own.  The main thread's name is also the process's.
 void SetThreadName(std::string_view name);
 
 std::string ThreadName();

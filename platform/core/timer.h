@@ -30,14 +30,14 @@ class TimerFactory {
 
   virtual std::shared_ptr<Timer> Schedule(Duration delay, std::function<void()> function) = 0;
 
-  /// Each next call is due a period after the one before was due, so the pace does not drift; a call that could
-  /// not run in time swallows those that fell due meanwhile.  Calls of one timer never overlap.
+  /// Each next call is due a period after the one before was due, so the pace does not drift; a call that
+  /// could not run in time swallows those that fell due meanwhile.  Calls of one timer never overlap.
   virtual std::shared_ptr<Timer> ScheduleRepeated(Duration period, std::function<void()> function,
                                                   const TimerOptions& options) = 0;
 };
 
-/// Runs functions on a provider's threads in the order of posting (on a provider of one thread also in that order
-/// one after the other).
+/// Runs functions on a provider's threads in the order of posting (on a provider of one thread also in that
+/// order one after the other).
 class Dispatcher {
  public:
   virtual ~Dispatcher() = default;

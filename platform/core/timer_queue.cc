@@ -123,7 +123,8 @@ void TimerQueue::Expire() {
       due->function = nullptr;
     }
     if (!entries_.empty() && entries_.begin()->first.first <= now) {
-      boost::asio::post(io_, [self = shared_from_this(), token = std::make_shared<WorkToken>()] { self->Expire(); });
+      boost::asio::post(
+          io_, [self = shared_from_this(), token = std::make_shared<WorkToken>()] { self->Expire(); });
     } else {
       Arm();
     }

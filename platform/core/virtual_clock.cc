@@ -68,8 +68,8 @@ void VirtualClock::AdvanceWhileIdle(std::unique_lock<std::mutex>& lock) {
 }
 
 void VirtualClock::RunFor(Duration duration) {
-  // The alarm of this wait is younger than every alarm that is due at the same moment, so those run first.  What
-  // they start may again fall due now: the second round, with a younger alarm, lets that run as well.
+  // The alarm of this wait is younger than every alarm that is due at the same moment, so those run first.
+  // What they start may again fall due now: the second round, with a younger alarm, lets that run as well.
   const TimePoint end = Now() + duration;
   std::mutex mutex;
   std::unique_lock lock(mutex);

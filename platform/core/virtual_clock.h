@@ -11,11 +11,11 @@ namespace zem {
 
 /// Time for tests: it stands still while anybody works and jumps to the next deadline when everybody waits.
 ///
-/// The thread that makes the clock counts as working.  It therefore holds time in its hand: nothing moves until
-/// it waits, by `RunFor`, `Settle` or any wait of this library.  Every other thread is one of `zem::Thread` (its
-/// whole life counts as work, its waits do not) or of a provider (only what was posted counts).  Deadlines fire
-/// one at a time in order of time, then of setting, each only after all work of the one before has ended; with the
-/// same input the run is the same.
+/// The thread that makes the clock counts as working.  It therefore holds time in its hand: nothing moves
+/// until it waits, by `RunFor`, `Settle` or any wait of this library.  Every other thread is one of
+/// `zem::Thread` (its whole life counts as work, its waits do not) or of a provider (only what was posted
+/// counts).  Deadlines fire one at a time in order of time, then of setting, each only after all work of the
+/// one before has ended; with the same input the run is the same.
 ///
 /// Only one exists at a time; it is the process's clock from construction to destruction.
 class VirtualClock final : public Clock {
