@@ -147,4 +147,14 @@ std::string ApplyDvsesCommand(const std::vector<std::string>& records) {
   return "applyDvses(" + boost::join(records, ";") + ")";
 }
 
+std::vector<TzDvs> TzToDvsOf(const HostConfigMsg& config) {
+  std::vector<TzDvs> mapping;
+  for (const HostSwitchMsg& host_switch : config.host_switches()) {
+    for (const std::string& zone : host_switch.transport_zone_id()) {
+      mapping.push_back({zone, host_switch.id(), std::string(SwitchKind(host_switch))});
+    }
+  }
+  return mapping;
+}
+
 }  // namespace zem::zema

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "app/zema/qub/lum_reply.h"
+
 namespace orlane::zem::switching {
 class HostConfigMsg;
 class HostSwitchMsg;
@@ -33,6 +35,9 @@ std::optional<std::vector<std::string>> BuildSwitchRecords(
 
 /// The command over all of `records`.
 std::string ApplyDvsesCommand(const std::vector<std::string>& records);
+
+/// Which switch realizes which transport zone, in the message's order.
+std::vector<TzDvs> TzToDvsOf(const orlane::zem::switching::HostConfigMsg& config);
 
 /// False, and the reason in `error`, when `value` holds one of `separators`; `field` names it there.
 [[nodiscard]] bool FreeOfSeparators(std::string_view field, std::string_view value,

@@ -99,6 +99,14 @@ TEST(SwitchRecordTest, TheFirstPhaseHasNoRecords) {
   EXPECT_EQ(BuildSwitchRecords(config, &migrated, &error)->size(), 2U);
 }
 
+TEST(SwitchRecordTest, ZonesNameTheirSwitch) {
+  HostConfigMsg config;
+  *config.add_host_switches() = Switch("id: 'a' type: 2 transport_zone_id: 'z1' transport_zone_id: 'z2'");
+  *config.add_host_switches() = Switch("id: 'b' transport_zone_id: 'z3'");
+  EXPECT_THAT(TzToDvsOf(config),
+              ElementsAre(TzDvs{"z1", "a", "KLN"}, TzDvs{"z2", "a", "KLN"}, TzDvs{"z3", "b", "NVS"}));
+}
+
 TEST(SwitchIdTest, Conversion) {
   const struct {
     const char* id;
