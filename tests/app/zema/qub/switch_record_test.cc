@@ -8,6 +8,7 @@
 
 #include "app/zema/qub/lum_reply.h"
 #include "app/zema/qub/switch_id.h"
+#include "app/zema/qub/switch_teaming.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {
@@ -105,6 +106,16 @@ TEST(SwitchRecordTest, ZonesNameTheirSwitch) {
   *config.add_host_switches() = Switch("id: 'b' transport_zone_id: 'z3'");
   EXPECT_THAT(TzToDvsOf(config),
               ElementsAre(TzDvs{"z1", "a", "KLN"}, TzDvs{"z2", "a", "KLN"}, TzDvs{"z3", "b", "NVS"}));
+}
+
+TEST(SwitchTeamingTest, OwnAndNamed) {
+  const HostSwitchMsg message = Switch(R"(profiles {
+    uplink_profile { teaming_policy: TEAMING_POLICY_2 active_uplink { name: "u1" } active_uplink { name: "u2" }
+                     standby_uplink { name: "u3" } rolling_order: 1 }
+    named_uplink_profile { name: "t" uplink_profile { standby_uplink { name: "u4" } } } })");
+  EXPECT_EQ(TeamingOf(message), (SwitchTeaming{"", 2, {"u1", "u2"}, {"u3"}, 1}));
+  EXPECT_THAT(NamedTeamingsOf(message), ElementsAre(SwitchTeaming{"t", 0, {}, {"u4"}, 0}));
+  EXPECT_EQ(TeamingOf({}), SwitchTeaming{});
 }
 
 TEST(SwitchIdTest, Conversion) {
