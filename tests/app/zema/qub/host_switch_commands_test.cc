@@ -203,7 +203,7 @@ class DvsConfigurationTest : public ::testing::Test {
     DvsConfigurationSettings settings;
     settings.stateless = stateless;
     settings.migrate_nvs_knls = migrate_;
-    settings.ready_timeout = 12s;
+    settings.ready_timeout = 10s;
     settings.pause = [this](Duration duration) {
       waited_ += duration;
       return !stopping_;
@@ -256,6 +256,8 @@ TEST_F(DvsConfigurationTest, AStatelessHostWaitsForItsProfile) {
   EXPECT_THAT(lum_.commands, ElementsAre(kPost, kOpaqueFlag, kRequired, kReady, kReady, kReady, kClear));
   EXPECT_EQ(waited_, 10s);
   EXPECT_EQ(applied_.size(), 2U);
+  EXPECT_EQ(Configure("qub_if_migration {}"), 0);
+  EXPECT_THAT(lum_.commands, ElementsAre(kPost, kOpaqueFlag));
   migrate_ = true;
   EXPECT_EQ(Configure("qub_if_migration {}"), 0);
   EXPECT_THAT(lum_.commands, ElementsAre(kPost, kOpaqueFlag, kInstallFlag));
@@ -306,7 +308,7 @@ TEST_F(DvsConfigurationTest, NothingIsAppliedBeforeTheProfile) {
     EXPECT_EQ(errors_.code(), 8700U);
     EXPECT_THAT(applied_, IsEmpty());
   }
-  EXPECT_EQ(waited_, 15s);
+  EXPECT_EQ(waited_, 10s);
   stopping_ = true;
   EXPECT_EQ(Configure(kTwoSwitches), -1);
   EXPECT_EQ(waited_, 5s);

@@ -27,7 +27,7 @@ HostSwitchMsg Switch(const std::string& text) {
 }
 
 constexpr const char* kFull = R"(
-  id: "50 2e" name: "sw one" type: 2 mtu: 1700 overlay: true vif_collection_status: 2 snic_offload: true
+  id: "50 2e" name: "sw one" type: 2 mtu: 1700 overlay: true vif_collection_status: 1 snic_offload: true
   transport_zone_id: "z1" transport_zone_id: "z2" transport_zone_profile_id: "p1"
   pnic { device_name: "vmnic1" uplink_name: "u1" } pnic { device_name: "vmnic2" uplink_name: "u2" }
   profiles {
