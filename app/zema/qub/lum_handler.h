@@ -6,24 +6,12 @@
 #include <string_view>
 
 #include "app/zema/common/synchronizable.h"
+#include "app/zema/qub/lum_commands.h"
 #include "platform/core/clock.h"
 #include "platform/core/unique_fd.h"
 #include "platform/knluser/knluser.h"
 
 namespace zem::zema {
-
-/// Numbers of the calls to the management proxy; a text command is one of them.
-enum class LumOperation : uint32_t {
-  kTextCommand = 10,
-  kApplyLogicalSwitches = 11,
-  kReadEndpointAddresses = 12,
-  kHostProfile = 14,
-  kSetTransportNodeId = 15,
-  kVmPathOfVif = 17,
-  kVmsOnPortGroups = 18,
-  kInstallPreCheck = 19,
-  kDisableRuntimeUpdates = 22,
-};
 
 /// What the handler needs of the rest, and what tests change.
 struct LumSettings {
@@ -58,27 +46,18 @@ struct LumSettings {
 ///
 /// Errors: a command never throws and never ends the process; what went wrong is in `out`.  A socket failure
 /// closes the socket; the script is started again by the next text command, or at once by a binary call.
-class LumHandler : public Synchronizable {
+class LumHandler : public Synchronizable, public LumCommands {
  public:
-  static constexpr int kSucceeded = 0;
-  static constexpr int kFailed = -1;
-  /// Results of binary calls: the script's own status, or this.
-  static constexpr int kRpcSucceeded = 1;
-  static constexpr int kRpcSocketFailure = 2;
-
   explicit LumHandler(LumSettings settings);
-  virtual ~LumHandler();
+  ~LumHandler() override;
   LumHandler(const LumHandler&) = delete;
   LumHandler& operator=(const LumHandler&) = delete;
 
   /// Starts the script and logs in as `user`.  0, or -1.
   [[nodiscard]] int SetUp(std::string user, std::string third);
 
-  /// 0 when the reply is `expected`, or whatever it is when `expected` is empty; else -1.
-  int InvokeCommand(const std::string& command, const std::string& expected, std::string* out);
-
-  /// The script's status (1: success), or 2 when the socket failed.
-  int InvokeRPC(LumOperation operation, std::string_view data, std::string* out);
+  int InvokeCommand(const std::string& command, const std::string& expected, std::string* out) override;
+  int InvokeRPC(LumOperation operation, std::string_view data, std::string* out) override;
 
   void TerminateZemaLumPy();
 

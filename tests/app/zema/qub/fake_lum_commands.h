@@ -1,0 +1,44 @@
+#pragma once
+
+#include <deque>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/zema/qub/lum_commands.h"
+
+namespace zem::zema {
+
+/// Records the commands and gives scripted replies, the last of a command's again and again; what is not
+/// scripted is answered "ok".  Compares with the expected reply as the real one does.
+class FakeLumCommands : public LumCommands {
+ public:
+  void Script(const std::string& command, std::deque<std::string> replies) {
+    replies_[command] = std::move(replies);
+  }
+
+  int InvokeCommand(const std::string& command, const std::string& expected, std::string* out) override {
+    commands.push_back(command);
+    *out = "ok";
+    const auto found = replies_.find(command);
+    if (found != replies_.end()) {
+      *out = found->second.front();
+      if (found->second.size() > 1) found->second.pop_front();
+    }
+    return expected.empty() || *out == expected ? kSucceeded : kFailed;
+  }
+
+  int InvokeRPC(LumOperation operation, std::string_view data, std::string*) override {
+    commands.push_back(std::to_string(static_cast<uint32_t>(operation)) + ":" + std::string(data));
+    return rpc_status;
+  }
+
+  std::vector<std::string> commands;
+  int rpc_status = kRpcSucceeded;
+
+ private:
+  std::map<std::string, std::deque<std::string>> replies_;
+};
+
+}  // namespace zem::zema
