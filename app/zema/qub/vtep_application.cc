@@ -49,6 +49,10 @@ std::string Named(const VtepEntryReply& entry) {
   return "VTEP [" + entry.device + "," + entry.ipv4 + "," + entry.ipv6 + "]";
 }
 
+std::string NotApplied(const char* setting, const std::string& value, const std::string& status) {
+  return std::string(setting) + " [" + value + "] failed to be applied: " + status;
+}
+
 }  // namespace
 
 VtepApplication::VtepApplication(LumCommands& lum, ErrorSink& errors, EndpointIdOf endpoint_id_of,
@@ -135,7 +139,7 @@ bool VtepApplication::TakeSettings(const VtepReply& reply, HostSwitchMsg* host_s
     }
     ZLOG_ERROR("42013", "[%s] failed to update %s from [%s] to [%s]:\n %s", __func__, row.log_name,
                (host_switch->*row.get)().c_str(), value.c_str(), status.c_str());
-    good = Refuse(std::string(row.text_name) + " [" + value + "] failed to be applied: " + status);
+    good = Refuse(NotApplied(row.text_name, value, status));
   }
   return good;
 }
