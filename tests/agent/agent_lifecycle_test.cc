@@ -17,9 +17,9 @@
 #include "platform/core/stop_signal.h"
 #include "platform/core/thread.h"
 #include "sim/manager/manager.h"
-#include "sim/node/sandbox.h"
 #include "sim/store/store_daemon.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/sandbox_test.h"
 
 namespace zem {
 namespace {
@@ -28,32 +28,7 @@ using namespace std::chrono_literals;
 
 void WriteFile(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
-size_t OpenDescriptors() {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                                           std::filesystem::directory_iterator()));
-}
-
-// Runs in a forked child, where GoogleTest cannot report; the first expectation that does not hold is printed
-// and ends it.
-#define SANDBOX_EXPECT(condition)                                            \
-  do {                                                                       \
-    if (!(condition)) {                                                      \
-      std::cerr << __FILE__ << ":" << __LINE__ << ": " #condition << "\n";   \
-      for (const std::string& text : log.Texts()) std::cerr << text << "\n"; \
-      return 1;                                                              \
-    }                                                                        \
-  } while (false)
-
-class AgentLifecycleTest : public ::testing::Test {
- protected:
-  AgentLifecycleTest() { ::mkdtemp(directory_); }
-  ~AgentLifecycleTest() override { std::filesystem::remove_all(directory_); }
-
-  int Run(const std::function<int()>& body) { return sim::RunInSandbox({directory_, "/bin/true"}, body); }
-
- private:
-  char directory_[64] = "/tmp/zem-agent-test.XXXXXX";
-};
+class AgentLifecycleTest : public test::SandboxTest {};
 
 bool WaitFor(const test::LogCapture& log, const std::string& text) {
   for (int i = 0; i < 1000; ++i) {
@@ -124,8 +99,8 @@ TEST_F(AgentLifecycleTest, StartsServesAndStopsInOrder) {
           SleepFor(200ms);
           SANDBOX_EXPECT(OwnLines(log) == lines);
           // The first life leaves what the libraries keep for the process.
-          if (life == 0) descriptors = OpenDescriptors();
-          SANDBOX_EXPECT(OpenDescriptors() <= descriptors);
+          if (life == 0) descriptors = test::OpenDescriptors();
+          SANDBOX_EXPECT(test::OpenDescriptors() <= descriptors);
         }
         return 0;
       }),

@@ -25,6 +25,7 @@ class TempDir {
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
+  std::string Path() const { return path_; }
   std::string Path(const std::string& name) const { return path_ / name; }
 
   /// Writes a file and gives its path.

@@ -1,9 +1,8 @@
 #include "platform/sha/sha_pm_client.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <sched.h>
 
-#include <filesystem>
 #include <stdexcept>
 
 #include "platform/core/thread.h"
@@ -11,6 +10,7 @@
 #include "proto/sha/sha.pb.h"
 #include "sim/node/health_sink.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 
 namespace zem {
 namespace {
@@ -20,10 +20,7 @@ using namespace std::chrono_literals;
 // The client on a clock in hand against the node's real sink, which reads its socket in real time.
 class ShaPmClientTest : public ::testing::Test {
  protected:
-  ShaPmClientTest() { ::mkdtemp(directory); }
-  ~ShaPmClientTest() override { std::filesystem::remove_all(directory); }
-
-  std::string path() const { return std::string(directory) + "/agents"; }
+  std::string path() const { return directory.Path("agents"); }
 
   // The sink's thread is not the clock's; it has what it was sent within moments.
   template <class Predicate>
@@ -35,7 +32,7 @@ class ShaPmClientTest : public ::testing::Test {
     return holds();
   }
 
-  char directory[64] = "/tmp/zem-sha-test.XXXXXX";
+  test::TempDir directory;
   test::LogCapture log;
   VirtualClock clock;
 };

@@ -16,6 +16,7 @@
 #include "platform/core/thread.h"
 #include "sim/node/sandbox.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/sandbox_test.h"
 
 namespace zem::zema {
 namespace {
@@ -23,15 +24,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr const char* kHost = "/var/lib/zem-host";
-
-#define SANDBOX_EXPECT(condition)                                            \
-  do {                                                                       \
-    if (!(condition)) {                                                      \
-      std::cerr << __FILE__ << ":" << __LINE__ << ": " #condition << "\n";   \
-      for (const std::string& text : log.Texts()) std::cerr << text << "\n"; \
-      return 1;                                                              \
-    }                                                                        \
-  } while (false)
 
 void Write(const std::string& name, const std::string& text) {
   std::filesystem::create_directories(kHost);
@@ -44,32 +36,24 @@ std::string Frames() {
   return text.str();
 }
 
-size_t OpenDescriptors() {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                                           std::filesystem::directory_iterator()));
-}
-
 size_t Count(const std::string& text, const std::string& part) {
   size_t count = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
   return count;
 }
 
-class LumHandlerTest : public ::testing::Test {
+class LumHandlerTest : public test::SandboxTest {
  protected:
   // Into the folder that the sandbox sees wherever the source stands.
   LumHandlerTest() {
-    ::mkdtemp(directory_);
     for (const char* file : {"zemaLum.py", "ps"}) {
-      std::filesystem::copy(std::string(ZEM_SOURCE "/sim/host/") + file,
-                            std::string(directory_) + "/" + file);
+      std::filesystem::copy(std::string(ZEM_SOURCE "/sim/host/") + file, directory_.Path(file));
     }
   }
-  ~LumHandlerTest() override { std::filesystem::remove_all(directory_); }
 
   // The body's log and the ready words the handler has told go along.
   int Run(const std::function<int(test::LogCapture&, LumSettings, std::string*)>& body) {
-    return sim::RunInSandbox({directory_, "/bin/true"}, [&body] {
+    return SandboxTest::Run([&body] {
       test::LogCapture log;
       std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/ps", "/usr/local/bin/ps");
       ::setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
@@ -86,9 +70,6 @@ class LumHandlerTest : public ::testing::Test {
       return body(log, settings, &told);
     });
   }
-
- private:
-  char directory_[64] = "/tmp/zem-lum-test.XXXXXX";
 };
 
 TEST_F(LumHandlerTest, LogsInAndAnswers) {
@@ -214,14 +195,14 @@ TEST_F(LumHandlerTest, RespawnsLeaveNothingBehind) {
               Write("lum.start", "ready");
               LumHandler handler(settings);
               SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
-              const size_t descriptors = OpenDescriptors();
+              const size_t descriptors = test::OpenDescriptors();
               std::string out;
               for (int i = 0; i < 10; ++i) {
                 Write("lum.rules", "^op 22\t0\t1\texit\n");
                 SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &out) == 2);
                 SANDBOX_EXPECT(handler.connected());
               }
-              SANDBOX_EXPECT(OpenDescriptors() == descriptors);
+              SANDBOX_EXPECT(test::OpenDescriptors() == descriptors);
               return 0;
             }),
             0);
