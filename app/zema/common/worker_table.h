@@ -74,7 +74,8 @@ class WorkerTable {
   void SetZemaShutDown() { shut_down_ = true; }
   bool IsZemaShutDown() const { return shut_down_; }
 
-  /// Gives the task to the worker; false, with the task destroyed, when there is none or it was stopped.
+  /// Gives the task to the worker; false, with the task destroyed, when there is none or when it is a stopped
+  /// one that batches.  The others, once stopped, take a task and destroy it.
   bool AddTask(Worker worker, std::unique_ptr<Runnable> task);
 
   // The tasks whose worker may be missing: a line is logged and the task destroyed.  `error` may be null.
