@@ -60,7 +60,8 @@ constexpr std::array kTraceflowTypes = {
     VerticalType{"com.orlane.zem.traceflow.Traceflow.TraceflowPacketInRequestMsg", "packet_in_request"},
     VerticalType{"com.orlane.zem.traceflow.Traceflow.TraceflowPacketOutRequestStatusMsg",
                  "packet_out_request_status"},
-    VerticalType{"com.orlane.zem.traceflow.Traceflow.TraceflowPacketOutRequestMsg", "packet_out_request"},
+    VerticalType{"com.orlane.zem.traceflow.Traceflow.TraceflowPacketOutRequestMsg", "packet_out_request",
+                 true},
 };
 
 constexpr std::array kLivetraceTypes = {
@@ -69,7 +70,7 @@ constexpr std::array kLivetraceTypes = {
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceInvalidationMsg", "invalidation"},
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceBarrierMsg", "barrier"},
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceOnboardMsg", "onboard"},
-    VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceMsg", "request"},
+    VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceMsg", "request", true},
 };
 
 // One message under the three names that are in use for it.
@@ -196,13 +197,15 @@ UnifiedLayout::UnifiedLayout(const Vertical& vertical) : vertical_(vertical) {
   const Message& host = vertical.host_prototype();
   mp_type_ = Required(mp, "type");
   host_type_ = Required(host, "type");
-  mp_app_init_ = vertical.needs_app_init ? Required(mp, "app_init") : nullptr;
+  // One vertical that does no handshake can carry the message all the same.
+  mp_app_init_ = vertical.needs_app_init ? Required(mp, "app_init") : Optional(mp, "app_init");
   mp_app_init_config_ack_ = vertical.needs_app_init ? Required(mp, "app_init_config_ack") : nullptr;
   host_app_init_config_ = vertical.needs_app_init ? Required(host, "app_init_config") : nullptr;
   mp_raw_ = vertical.types.empty() ? Required(mp, "raw_payload") : nullptr;
   host_raw_ = vertical.types.empty() ? Required(host, "raw_payload") : nullptr;
   for (const VerticalType& type : vertical.types) {
-    members_.push_back({type.type_name, Required(mp, type.member), Required(host, type.member)});
+    members_.push_back({type.type_name, type.inbound_only ? nullptr : Required(mp, type.member),
+                        Required(host, type.member)});
   }
 }
 
@@ -218,11 +221,13 @@ std::unique_ptr<Message> UnifiedLayout::NewHost() const {
 
 Message* UnifiedLayout::MutableMpMember(Message* unified, std::string_view type_name) const {
   const FieldDescriptor* field = mp_raw_;
-  if (type_name == kAppInitType) {
+  if (field != nullptr) {
+    // Whatever it is, it goes as bytes.
+  } else if (type_name == kAppInitType) {
     field = mp_app_init_;
   } else if (type_name == kAppInitConfigAckType) {
     field = mp_app_init_config_ack_;
-  } else if (field == nullptr) {
+  } else {
     for (const Member& member : members_) {
       if (member.type_name == type_name) field = member.mp;
     }

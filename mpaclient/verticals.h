@@ -39,6 +39,8 @@ enum class VerticalId {
 struct VerticalType {
   const char* type_name;
   const char* member;
+  /// Only ever comes from the manager.
+  bool inbound_only = false;
 };
 
 /// What is different between two verticals.
