@@ -153,13 +153,11 @@ void MpaClientHostService::Receive(rpc::ServerContext& context, const GenericUni
               correlation_id.c_str());
     return;
   }
-  if (!publish) {
-    if (client->IsCorelationIdInCallHandleMap(correlation_id)) {
-      ZLOG_WARN("MpaClientHostService::MsgHandler: [%s] corelationId (%s) already present in call handle map",
-                vertical_.name, correlation_id.c_str());
-      return;
-    }
-    client->AddToCallHandleMap(correlation_id, *handle);
+  // Asked for and added in one step: of two requests with one id only one may get through.
+  if (!publish && !client->AddToCallHandleMap(correlation_id, *handle)) {
+    ZLOG_WARN("MpaClientHostService::MsgHandler: [%s] corelationId (%s) already present in call handle map",
+              vertical_.name, correlation_id.c_str());
+    return;
   }
   client->SendMsgToVertical(record, 0);
 }
