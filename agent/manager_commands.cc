@@ -1,33 +1,21 @@
 #include "agent/manager_commands.h"
 
-#include "framework/json_writer.h"
-#include "framework/log.h"
+#include "framework/builtin_commands.h"
 #include "mpaclient/mpa_client.h"
 
 namespace zem::Tarvik {
 namespace {
 
-constexpr LogSource kLog{"tarvik", "framework"};
-
-void GetMpaClient(CliReply reply) {
-  JsonValue rows = JsonValue::Array();
+std::vector<MpaClientRow> Rows() {
+  std::vector<MpaClientRow> rows;
   for (const auto& [name, client] : MpaClient::All()) {
-    JsonValue row = JsonValue::Object();
-    row.Add("APP", name)
-        .Add("STATUS", ConnectionStateName(client->connection_state()))
-        .Add("COOKIEID", client->cookie());
-    rows.Append(std::move(row));
+    rows.push_back({name, static_cast<int>(client->connection_state()), client->cookie()});
   }
-  const std::string text = rows.Text();
-  ZLOG_INFO("CliServer: getting mpa connection %s", text.c_str());
-  reply.Ok(text);
+  return rows;
 }
 
 }  // namespace
 
-std::vector<CliCommand> ManagerCommands() {
-  return {{"get/mpaclient", "", 0, 0,
-           [](const CliArguments&, CliReply reply) { GetMpaClient(std::move(reply)); }}};
-}
+std::vector<CliCommand> ManagerCommands() { return {MpaClientCommand(&Rows)}; }
 
 }  // namespace zem::Tarvik

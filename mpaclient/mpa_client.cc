@@ -104,17 +104,6 @@ void DumpPayload(const rmqClientMessage& message) {
 
 }  // namespace
 
-const char* ConnectionStateName(uint32_t state) {
-  switch (state) {
-    case MpaClient::kDisconnected:
-      return "DOWN";
-    case MpaClient::kConnected:
-      return "UP";
-    default:
-      return "UNKNOWN";
-  }
-}
-
 void MpaClient::Register(AsioZemProvider& provider, ReceiveCallback callback, const std::string& name,
                          const std::string& id, uint32_t client_type, uint16_t port, uint64_t ack_timeout_us,
                          uint64_t retry_timeout_us) {

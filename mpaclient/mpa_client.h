@@ -174,7 +174,4 @@ class MpaClient {
   std::mutex connect_mutex_;  // one attempt at the bus at a time
 };
 
-/// "UP" and so on for the number of MpaClient::ConnectionState.
-const char* ConnectionStateName(uint32_t state);
-
 }  // namespace zem
