@@ -43,6 +43,7 @@ ReadEnd ReadToEnd(int fd, std::string* output) {
     bool shutdown = false;
     const int ready = Util::IsReadyToBeRead(fd, &shutdown, 1);
     if (shutdown) return ReadEnd::kShutdown;
+    if (ready < 0 && errno == EINTR) continue;
     if (ready < 0) return ReadEnd::kFailed;
     if (ready == 0) continue;
     const ssize_t got = ::read(fd, piece, sizeof(piece));
@@ -160,13 +161,15 @@ namespace Util {
 
 int IsReadyToBeRead(int fd, bool* shutdown, int timeout_seconds) {
   if (fd < 0) {
-    *shutdown = WaitForShutdown(std::chrono::seconds(timeout_seconds));
+    if (WaitForShutdown(std::chrono::seconds(timeout_seconds))) *shutdown = true;
     return 0;
   }
   pollfd waits[2] = {{fd, POLLIN, 0}, {fdShutdown[0], POLLIN, 0}};
   const int ready = PollIdle(waits, 2, timeout_seconds * 1000);
   if (ready < 0) {
-    ZLOG_ERROR("OPS00403", "[%s] select failed: [%s]\n", __func__, std::strerror(errno));
+    const int error = errno;
+    ZLOG_ERROR("OPS00403", "[%s] select failed: [%s]\n", __func__, std::strerror(error));
+    errno = error;
     return -1;
   }
   if (waits[1].revents != 0) *shutdown = true;
