@@ -268,12 +268,15 @@ void Agent::Impl::Stop() {
   update_service_->Stop();
   if (host_role_) {
     cli_server_->Stop();
-    if (probe_) probe_->Stop();
+  }
+  if (probe_) probe_->Stop();
+  if (host_role_) {
     lcp_adapter_->Stop();
     lcp_adapter_.reset();
     tarvik_group_->Stop();
   }
   framework_group_->Stop();
+  framework_group_.reset();
   health_client_->StopMetricCollection();
   health_client_->UnregisterMetricCollectionAll();
   health_client_->StopProcessHeartbeat();
@@ -288,7 +291,6 @@ void Agent::Impl::Stop() {
   store_client_.reset();
   health_client_.reset();
   metrics_collector_.reset();
-  framework_group_.reset();
   tarvik_group_.reset();
   TnProxyClientCommon::Release();
   provider_.reset();

@@ -36,6 +36,7 @@ WorkGroup::~WorkGroup() { Stop(); }
 void WorkGroup::Start(int threads) {
   std::lock_guard lock(mutex_);
   running_ = true;
+  stopped_ = false;
   for (int i = 0; i < threads; ++i) threads_.emplace_back([this] { Work(); });
 }
 
