@@ -43,7 +43,7 @@ std::optional<std::vector<HostKnl>> ParseKnls(std::string_view reply);
 /// The rules over what the host said; parts of the operation above.
 [[nodiscard]] bool ValidateInterfaces(const std::vector<HostKnl>& knls,
                                       orlane::zem::switching::HostConfigMsg* config, ErrorSink& errors);
-[[nodiscard]] bool ValidateTeaming(const std::vector<HostKnl>& knls,
+[[nodiscard]] bool ValidateTeaming(const std::vector<HostKnl>& knls, const std::string& types,
                                    const orlane::zem::switching::HostConfigMsg& config, ErrorSink& errors);
 
 }  // namespace zem::zema
