@@ -1,0 +1,32 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "app/zema/common/synchronizable.h"
+
+namespace zem::zema {
+
+/// The transport node id.  A host without one is not set up for operation, and that is what every refusal
+/// for this reason looks at.
+///
+/// Threads: all operations from any thread.
+class HostIdentity {
+ public:
+  void SetHostId(const std::string& id);
+  void UnsetHostId();
+  /// False, with `out` as it was, while the host has none.
+  bool GetHostId(std::string* out);
+  std::optional<std::string> id();
+
+ private:
+  static constexpr const char* kUninitialized = "uninitialized";
+
+  Synchronizable lock_;  // guards id_
+  std::string id_ = kUninitialized;
+};
+
+/// The process's.
+HostIdentity& Host();
+
+}  // namespace zem::zema
