@@ -15,6 +15,7 @@
 #include "framework/shutdown_pipe.h"
 #include "platform/core/thread.h"
 #include "sim/node/sandbox.h"
+#include "tests/app/zema/qub/lum_sandbox.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox_test.h"
 
@@ -23,55 +24,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kHost = "/var/run/orlane/sim/host";
-
-void Write(const std::string& name, const std::string& text) {
-  std::filesystem::create_directories(kHost);
-  std::ofstream(std::string(kHost) + "/" + name) << text;
-}
-
-std::string Frames() {
-  std::ostringstream text;
-  text << std::ifstream(std::string(kHost) + "/frames.log").rdbuf();
-  return text.str();
-}
-
 size_t Count(const std::string& text, const std::string& part) {
   size_t count = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
   return count;
 }
 
-class LumHandlerTest : public test::SandboxTest {
- protected:
-  // Into the folder that the sandbox sees wherever the source stands.
-  LumHandlerTest() {
-    for (const auto& file : std::filesystem::directory_iterator(ZEM_SOURCE "/sim/host")) {
-      if (!file.is_regular_file()) continue;
-      std::filesystem::copy(file.path(), directory_.Path(file.path().filename().string()));
-    }
-  }
-
-  // The body's log and the ready words the handler has told go along.
-  int Run(const std::function<int(test::LogCapture&, LumSettings, std::string*)>& body) {
-    return SandboxTest::Run([&body] {
-      test::LogCapture log;
-      std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/ps", "/usr/local/bin/ps");
-      ::setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
-      if (!Tarvik::OpenShutdownPipe()) return 1;
-      std::string told;
-      LumSettings settings;
-      settings.script = std::string(sim::kNodeDirectory) + "/zemaLum.py";
-      settings.kill_pause = 20ms;
-      settings.spawn_pause = 20ms;
-      settings.pid_pause = 20ms;
-      settings.ready_pause = 20ms;
-      settings.host_version = "7.0.3";
-      settings.set_ready = [&told](bool ready) { told += ready ? "up " : "down "; };
-      return body(log, settings, &told);
-    });
-  }
-};
+using LumHandlerTest = test::LumSandbox;
+using test::Frames;
+using test::Write;
 
 TEST_F(LumHandlerTest, LogsInAndAnswers) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
