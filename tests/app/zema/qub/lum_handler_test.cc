@@ -149,22 +149,47 @@ TEST_F(LumHandlerTest, ShutdownEndsAStart) {
             0);
 }
 
-// New starts leave no process and no descriptor.
+size_t Processes() {
+  size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    if (std::isdigit(static_cast<unsigned char>(entry.path().filename().string()[0])) != 0) ++count;
+  }
+  return count;
+}
+
+int RespawnTimes(int times, test::LogCapture& log, LumSettings settings) {
+  settings.spawn_pause = 1ms;
+  LumHandler handler(settings);
+  SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
+  const size_t descriptors = test::OpenDescriptors();
+  const size_t processes = Processes();
+  std::string out;
+  for (int i = 0; i < times; ++i) {
+    SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &out) == 2);
+    SANDBOX_EXPECT(handler.connected());
+    log.Clear();
+  }
+  SANDBOX_EXPECT(test::OpenDescriptors() == descriptors);
+  SANDBOX_EXPECT(Processes() == processes);
+  return 0;
+}
+
+// New starts leave no process, dead or alive, and no descriptor.
 TEST_F(LumHandlerTest, RespawnsLeaveNothingBehind) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
-              settings.spawn_pause = 1ms;
               Write("lum.start", "ready");
-              LumHandler handler(settings);
-              SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
-              const size_t descriptors = test::OpenDescriptors();
-              std::string out;
-              for (int i = 0; i < 10; ++i) {
-                Write("faults", "^op 22\t0\t1\texit\n");
-                SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &out) == 2);
-                SANDBOX_EXPECT(handler.connected());
-              }
-              SANDBOX_EXPECT(test::OpenDescriptors() == descriptors);
-              return 0;
+              Write("faults", "^op 22$\t0\t1000\texit\n");
+              return RespawnTimes(50, log, settings);
+            }),
+            0);
+}
+
+TEST_F(LumHandlerTest, AThousandRespawnsLeaveNothingBehind) {
+  EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
+              std::filesystem::remove("/usr/local/bin/python");
+              std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/stand_in",
+                                              "/usr/local/bin/python");
+              return RespawnTimes(1000, log, settings);
             }),
             0);
 }

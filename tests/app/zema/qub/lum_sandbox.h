@@ -17,8 +17,6 @@
 
 namespace zem::test {
 
-using namespace std::chrono_literals;
-
 inline constexpr const char* kHost = "/var/run/orlane/sim/host";
 
 inline void Write(const std::string& name, const std::string& text) {
@@ -37,6 +35,7 @@ class LumSandbox : public SandboxTest {
  protected:
   // Into the folder that the sandbox sees wherever the source stands.
   LumSandbox() {
+    std::filesystem::copy(LUM_STAND_IN, directory_.Path("stand_in"));
     for (const auto& file : std::filesystem::directory_iterator(ZEM_SOURCE "/sim/host")) {
       if (!file.is_regular_file()) continue;
       std::filesystem::copy(file.path(), directory_.Path(file.path().filename().string()));
@@ -53,10 +52,10 @@ class LumSandbox : public SandboxTest {
       std::string told;
       zema::LumSettings settings;
       settings.script = std::string(sim::kNodeDirectory) + "/zemaLum.py";
-      settings.kill_pause = 20ms;
-      settings.spawn_pause = 20ms;
-      settings.pid_pause = 20ms;
-      settings.ready_pause = 20ms;
+      settings.kill_pause = std::chrono::milliseconds(20);
+      settings.spawn_pause = std::chrono::milliseconds(20);
+      settings.pid_pause = std::chrono::milliseconds(20);
+      settings.ready_pause = std::chrono::milliseconds(20);
       settings.host_version = "7.0.3";
       settings.set_ready = [&told](bool ready) { told += ready ? "up " : "down "; };
       return body(log, settings, &told);
