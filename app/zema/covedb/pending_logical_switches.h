@@ -1,7 +1,7 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,14 +20,21 @@ class PendingLogicalSwitches {
 
   void AddPendingLs(const std::string& uuid, Update update);
   void RemovePendingLs(const std::string& uuid);
+  /// The switch is realized up to `revision`, or removed with -1: forgets it unless a later update has come.
+  void RemoveRealized(const std::string& uuid, int32_t revision);
   std::vector<std::string> GetPendingLsKeys();
   std::map<std::string, Update> Copy();
   void ClearPendingLs();
   size_t size();
 
  private:
-  Synchronizable lock_;  // guards updates_
-  std::map<std::string, Update> updates_;
+  struct Entry {
+    Update update;
+    int32_t revision;  // -1: a removal
+  };
+
+  Synchronizable lock_;  // guards entries_
+  std::map<std::string, Entry> entries_;
 };
 
 }  // namespace zem::zema

@@ -12,7 +12,8 @@
 
 namespace orlane::zem::switching {
 class LogicalSwitchBulkMsg;
-}
+class LogicalSwitchMsg;
+}  // namespace orlane::zem::switching
 
 namespace zem::zema {
 
@@ -56,6 +57,8 @@ class DbSvcTaskThread final : public TaskThread {
 
   void ProcessLogicalSwitchMsg(uint64_t barrier);
   bool HandleOpaqueLogSwitchMsg(const Update& update, uint64_t barrier, bool remember);
+  bool QueueLogicalSwitch(const orlane::zem::switching::LogicalSwitchMsg& message, const std::string& uuid,
+                          uint64_t barrier);
   void ProcessLogicalSwitchFullSyncMsg(uint64_t barrier);
   std::vector<FullSyncEntry> FullSyncEntries(std::vector<std::string>* uuids);
   bool SendFullSync(const std::vector<FullSyncEntry>& entries, std::string* error);

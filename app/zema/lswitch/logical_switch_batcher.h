@@ -40,6 +40,7 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   struct Chunk {
     std::string reply_to;
     bool is_apply = false;
+    bool full = false;
     std::string payload;
     size_t entries = 0;
     std::vector<Ack> acks;
@@ -49,8 +50,10 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   void TakeBarrier(uint64_t barrier, uint64_t epoch);
   void DeleteLsInCorvd(const std::string& reply_to, const std::set<std::string>& uuids);
   void ApplyLsInCorvd(const std::string& reply_to, const Zones& zones);
-  bool AddToChunk(const std::string& zone, const std::string& uuid, const Record& record, Chunk* chunk);
-  void RefuseLs(const std::string& reply_to, const std::string& uuid);
+  void RunLocked();
+  void AddToChunk(const std::string& zone, bool kln, const std::string& uuid, const Record& record,
+                  Chunk* chunk);
+  void RefuseLs(const std::string& reply_to, const std::string& uuid, const std::string& field);
   void CloseChunk(Chunk* chunk, size_t limit);
   void Send(const Chunk& chunk, bool last_of_store);
   bool CallLumOpaqueNetwork(bool is_apply, const std::string& payload, std::string* error);
