@@ -300,8 +300,8 @@ void DbSvcTaskThread::RealizeVifState(const Update& update) {
   }
   const std::string vif = UUID_ToString(state.vif_id());
   if (op.operation() == ObjectOpMsg::DELETE) {
-    context_->vif_states.RemoveVif(vif);
-  } else if (context_->vif_states.ProcessVif(vif)) {
+    context_->vif_states->RemoveVif(vif);
+  } else if (context_->vif_states->ProcessVif(vif)) {
     ZLOG_INFO("Enqueued a task to CorvdHandler to process VifStateMsg for VIF [%s]", vif.c_str());
   } else {
     ZLOG_INFO("VifRequest does not exist for VIF [%s]. Skipping to process VifStateMsg", vif.c_str());

@@ -153,7 +153,7 @@ void LogicalSwitchMsgTask::Batcher::ApplyLsInCorvd(const std::string& reply_to, 
   const auto limit = static_cast<size_t>(context_->options().opaque_network_apply_max);
   Chunk chunk{reply_to, true};
   for (const auto& [zone, switches] : zones) {
-    const bool kln = context_->kinds.IsKln(zone);
+    const bool kln = context_->kinds->IsKln(zone);
     for (const auto& [uuid, record] : switches) {
       AddToChunk(zone, kln, uuid, record, &chunk);
       CloseChunk(&chunk, limit);

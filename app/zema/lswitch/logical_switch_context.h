@@ -44,8 +44,9 @@ struct LogicalSwitchContext {
   LumCommands& lum;
   /// Null on a host without store.
   std::shared_ptr<CoveDbHandler> store;
-  ZoneSwitchKinds& kinds = ZoneSwitchKinds::None();
-  VifStateRealizer& vif_states = VifStateRealizer::None();
+  // Never null; have to outlive the context.
+  ZoneSwitchKinds* kinds = &ZoneSwitchKinds::None();
+  VifStateRealizer* vif_states = &VifStateRealizer::None();
   /// For configurations that come back from the store; null while there is no manager to tell.
   MpaMessageSender* sender = nullptr;
 
