@@ -4,13 +4,16 @@ The daemon starts it with the argument 1 and speaks to it over a local socket: r
 length, operation) and data, replies of two (status, length) and text, all in the host's byte order.  It takes one
 client at a time and one request after the other, and logs every frame, so that a scenario sees their order.
 
-Folder ZEM_HOST (default /var/lib/zem-host):
-  lum.rules    faults, read at each request: PATTERN SKIP COUNT ACTION [VALUE], divided by tabs.  PATTERN is a regular
-               expression over the command or "op N"; the first row that matches counts.  ACTION: reply TEXT,
-               status N, delay SECONDS, close, half-header, half-text, too-long, exit, hang
+Files in "<root>/host" (simstate.py says where that is), beside the host's state:
+  faults       read at each request: PATTERN SKIP COUNT ACTION [VALUE], divided by tabs.  PATTERN is a regular
+               expression over the command or "op N"; the first row that matches counts, and is used up by it.
+               ACTION: reply TEXT, status N, delay SECONDS, close, half-header, half-text, too-long, exit, die (the
+               command is carried out, the answer is not given), hang
   lum.start    the first answer to "ping": Uninitialized (default) or ready; or "never", which does not bind at all
-  lum.ready    how often "ping" answers "initializing" after the login (default 1)
+  lum.ready    how often "ping" answers "initializing" after the login (default 0)
   frames.log   one JSON object for each request
+
+Socket: ZEM_LUM_SOCKET, default /etc/orlane/zemaLum.
 """
 
 import ctypes
@@ -23,88 +26,259 @@ import struct
 import sys
 import time
 
+import endpoints
+import messages
+import migrations
+import networks
+import simstate
+import switches
+from simstate import Refused
+
 TEXT_COMMAND = 10
 MAX_REQUEST = 64 * 1024 * 1024
+MAX_LOGGED = 4096
 SUCCESS = 1
+FAILURE = 0
+
+OK = "ok"
+NOT_SET = "notset"
 
 
 class Closed(Exception):
     """The client, or a fault, has ended the connection."""
 
 
+def version_of(state):
+    return tuple(int(part) for part in re.findall(r"\d+", state.host["version"]))
+
+
+def at_least(*version):
+    return lambda state, _: OK if version_of(state) >= version else "no"
+
+
+def is_set(flag):
+    return lambda state, _: OK if state.host["flags"][flag] else NOT_SET
+
+
+def assign(flag, value):
+    def command(state, _):
+        state.host["flags"][flag] = value
+        return OK
+
+    return command
+
+
+def dvs_ready(state, _):
+    """The host's profile makes its switches some time after the start."""
+    polls = state.host["flags"].get("dvsReadyPolls", 0)
+    if polls > 0:
+        state.host["flags"]["dvsReadyPolls"] = polls - 1
+        if polls == 1:
+            state.host["flags"]["dvsReady"] = True
+        return NOT_SET
+    return OK if state.host["flags"]["dvsReady"] else NOT_SET
+
+
+def clear_stateless(state, _):
+    state.host["flags"].update({"zemDvsConfigRequired": False, "dvsReady": False})
+    return OK
+
+
+def post_install_event(state, _):
+    state.host["flags"]["installEvents"] += 1
+    return OK
+
+
+def hot_swap(state, _):
+    if not state.host["flags"]["unusedCkln"]:
+        return "no unused CKLN"
+    state.host["flags"]["unusedCkln"] = False
+    return OK
+
+
+def version_and_ckln(state, _):
+    return "ok|%d,%d" % (version_of(state) >= (7, 0), state.host["flags"]["unusedCkln"])
+
+
+def maintenance(state, _):
+    return "true" if state.host["maintenance"] else "false"
+
+
+COMMANDS = {
+    **switches.COMMANDS,
+    **endpoints.COMMANDS,
+    **migrations.COMMANDS,
+    **networks.COMMANDS,
+    "IsQUBiVersionGreaterThanEqual80": at_least(8, 0),
+    "IsQUBiVersionGreaterThanEqual801": at_least(8, 0, 1),
+    "CheckQUBiVersion70AndUnusedCkln": version_and_ckln,
+    "HotSwapUnusedCkln": hot_swap,
+    "IsZemInstallStatusSet": is_set("zemInstallStatus"),
+    "IsZemInstallStatusOpaqueSwitchSet": is_set("zemInstallOpaqueSwitchStatus"),
+    "IsZemDvsConfigRequiredSet": is_set("zemDvsConfigRequired"),
+    "IsDvsReadySet": dvs_ready,
+    "CheckAndClearZemInstallStatusFlag": assign("zemInstallStatus", False),
+    "CheckAndClearZemInstallOpaqueSwitchStatusFlag": assign("zemInstallOpaqueSwitchStatus", False),
+    "ClearStatelessQubDvsFlags": clear_stateless,
+    "PostZemInstallSuccessEvent": post_install_event,
+    "createSpfPorts": assign("spfPorts", True),
+    "EnableTraceflow": assign("traceflow", True),
+    "fetchMMode": maintenance,
+}
+
+
+def set_node_id(state, data):
+    state.host["transportNodeId"] = data.decode()
+    return ""
+
+
+def host_profile(state, data):
+    state.host["profile"] = data.hex()
+    return ""
+
+
+def pre_check(state, data):
+    """The agent is not installed under running VMs."""
+    for _ in messages.fields(data):
+        pass
+    for uuid, machine in state.host["vms"].items():
+        if machine.get("power") == "on" and not state.host["maintenance"]:
+            raise Refused("VM [%s] is running" % uuid)
+    return ""
+
+
+def disable_runtime_updates(state, _):
+    """ "disabled" the first time: what the updates have left on the ports is then to be removed. """
+    before = state.host["flags"]["runtimeUpdates"]
+    state.host["flags"]["runtimeUpdates"] = False
+    return "disabled" if before else "unchanged"
+
+
+OPERATIONS = {
+    11: networks.apply_bulk,
+    12: lambda state, data: endpoints.read_addresses(state, data.decode()),
+    14: host_profile,
+    15: set_node_id,
+    17: lambda state, data: migrations.path_of_vif(state, data.decode()),
+    18: lambda state, data: migrations.vms_on_port_groups(state),
+    19: pre_check,
+    22: disable_runtime_updates,
+}
+
+
 class Host:
-    """The script's state and its files."""
+    """The dialogue with the client; what it does to the host is in the tables."""
 
     def __init__(self):
-        self.root = os.environ.get("ZEM_HOST", "/var/lib/zem-host")
+        self.state = simstate.State()
         self.path = os.environ.get("ZEM_LUM_SOCKET", "/etc/orlane/zemaLum")
-        os.makedirs(self.root, exist_ok=True)
-        self.state = self.setting("lum.start", "Uninitialized")
-        self.polls = int(self.setting("lum.ready", "1"))
+        self.stage = self.setting("lum.start", "Uninitialized")
+        self.polls = int(self.setting("lum.ready", "0"))
         self.log_level = "info"
-        self.options = []
-        self.login = None
-        self.used = {}
+        self.frames = open(os.path.join(self.state.host_dir, "frames.log"), "a", encoding="utf-8")
 
     def setting(self, name, default):
         try:
-            with open(os.path.join(self.root, name), encoding="utf-8") as file:
+            with open(os.path.join(self.state.host_dir, name), encoding="utf-8") as file:
                 return file.read().strip()
         except FileNotFoundError:
             return default
 
     def fault(self, what):
-        """The action of the first rule that matches and is not used up."""
-        for row in self.setting("lum.rules", "").splitlines():
+        """The action of the first rule that matches; a rule that has been used as often as it says goes."""
+        path = os.path.join(self.state.host_dir, "faults")
+        if not os.path.exists(path):
+            return None, ""
+        rows = self.setting("faults", "").splitlines()
+        for i, row in enumerate(rows):
             fields = row.split("\t")
             if len(fields) < 4 or not re.search(fields[0], what):
                 continue
-            used = self.used.get(row, 0)
-            self.used[row] = used + 1
             skip, count = int(fields[1]), int(fields[2])
-            if skip <= used < skip + count:
-                return fields[3], fields[4] if len(fields) > 4 else ""
-            return None, ""
+            if skip > 0:
+                fields[1] = str(skip - 1)
+                rows[i] = "\t".join(fields)
+            elif count > 1:
+                fields[2] = str(count - 1)
+                rows[i] = "\t".join(fields)
+            else:
+                del rows[i]
+            simstate.write_file(path, "".join(row + "\n" for row in rows).encode())
+            if skip > 0:
+                return None, ""
+            return fields[3], fields[4] if len(fields) > 4 else ""
         return None, ""
 
-    def log(self, operation, data, status, text):
-        entry = {"time": time.time(), "operation": operation, "data": data, "status": status, "reply": text}
-        with open(os.path.join(self.root, "frames.log"), "a", encoding="utf-8") as file:
-            file.write(json.dumps(entry) + "\n")
+    def log(self, started, operation, data, status, text):
+        entry = {
+            "in": started,
+            "out": time.monotonic(),
+            "operation": operation,
+            "length": len(data),
+            "data": data[:MAX_LOGGED],
+            "status": status,
+            "reply": text[:MAX_LOGGED],
+        }
+        self.frames.write(json.dumps(entry) + "\n")
+        self.frames.flush()
+
+    def carry_out(self, function, data):
+        with self.state.locked():
+            return function(self.state, data)
 
     def command(self, text):
         if text == "ping":
-            if self.state == "initializing":
+            if self.stage == "initializing":
                 if self.polls <= 0:
-                    self.state = "ready"
+                    self.stage = "ready"
                 self.polls -= 1
-            return self.state
-        if text.startswith("login="):
-            fields = text[len("login="):].split("|")
-            if len(fields) != 3:
+            return self.stage
+        key, equals, value = text.partition("=")
+        if equals and key == "login":
+            if value.count("|") != 2:
                 return "login takes three fields"
-            self.login = fields
-            self.state = "initializing"
-            return "ok"
-        if text.startswith("loglevel="):
-            self.log_level = text[len("loglevel="):]
-            return "ok"
-        if text.startswith("option="):
-            self.options.append(text[len("option="):])
-            return "ok"
-        if self.state != "ready":
+            self.stage = "initializing"
+            return OK
+        if equals and key == "loglevel":
+            self.log_level = value
+            return OK
+        if equals and key == "option":
+            return OK if value == "no-vxlan-stack" else "unknown option " + value
+        if self.stage != "ready":
             return "not ready"
-        return "unknown command " + text.split("(")[0]
+        name, bracket, rest = text.partition("(")
+        function = COMMANDS.get(name)
+        if function is None or not bracket or not rest.endswith(")"):
+            return "unknown command " + name
+        try:
+            return self.carry_out(function, rest[:-1])
+        except Refused as refused:
+            return str(refused)
+        except (ValueError, KeyError, IndexError) as error:
+            return "%s: malformed arguments: %r" % (name, error)
+
+    def call(self, operation, data):
+        if self.stage != "ready":
+            return FAILURE, "not ready"
+        function = OPERATIONS.get(operation)
+        if function is None:
+            return FAILURE, "unknown operation %d" % operation
+        try:
+            return SUCCESS, self.carry_out(function, data)
+        except Refused as refused:
+            return FAILURE, str(refused)
+        except (ValueError, KeyError, IndexError) as error:
+            return FAILURE, "operation %d: malformed data: %r" % (operation, error)
 
 
 def read_whole(client, size):
-    data = b""
+    data = bytearray()
     while len(data) < size:
-        part = client.recv(size - len(data))
+        part = client.recv(min(size - len(data), 1 << 20))
         if not part:
             raise Closed
         data += part
-    return data
+    return bytes(data)
 
 
 def send(client, status, text, action):
@@ -128,6 +302,7 @@ def serve(host, client):
         if version != 1 or length > MAX_REQUEST:
             raise Closed
         data = read_whole(client, length)
+        started = time.monotonic()
         text = data.decode(errors="replace")
         action, value = host.fault(text if operation == TEXT_COMMAND else "op %d" % operation)
         if action == "delay":
@@ -138,27 +313,29 @@ def serve(host, client):
             os._exit(1)
         if action == "close":
             raise Closed
-        if operation == TEXT_COMMAND:
+        if action == "reply":
+            status, reply = SUCCESS, value
+        elif action == "status":
+            status, reply = int(value), "as the fault says"
+        elif operation == TEXT_COMMAND:
             status, reply = SUCCESS, host.command(text)
         else:
-            status, reply = 0, "unknown operation %d" % operation
-        if action == "reply":
-            reply = value
-        if action == "status":
-            status = int(value)
-        host.log(operation, text, status, reply)
+            status, reply = host.call(operation, data)
+        host.log(started, operation, text, status, reply)
+        if action == "die":
+            os._exit(1)
         send(client, status, reply, action)
 
 
 def main():
     ctypes.CDLL(None).prctl(15, b"zemaLum_py", 0, 0, 0)  # PR_SET_NAME: the daemon looks for it by this name
     host = Host()
-    lock = open(os.path.join(host.root, "lum.lock"), "w", encoding="utf-8")
+    lock = open(os.path.join(host.state.host_dir, "lum.lock"), "w", encoding="utf-8")
     try:
         fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
     except BlockingIOError:
         sys.exit("zemaLum.py: another one runs")
-    if host.state == "never":
+    if host.stage == "never":
         time.sleep(3600)
     if os.path.exists(host.path):
         os.unlink(host.path)

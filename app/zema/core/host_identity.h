@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -19,11 +20,16 @@ class HostIdentity {
   bool GetHostId(std::string* out);
   std::optional<std::string> id();
 
+  /// The host's management has taken an id, or that there is none, from this process.
+  void SetToldToHost() { told_to_host_ = true; }
+  bool told_to_host() const { return told_to_host_; }
+
  private:
   static constexpr const char* kUninitialized = "uninitialized";
 
   Synchronizable lock_;  // guards id_
   std::string id_ = kUninitialized;
+  std::atomic<bool> told_to_host_ = false;
 };
 
 /// The process's.

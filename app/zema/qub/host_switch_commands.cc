@@ -1,8 +1,10 @@
 #include "app/zema/qub/host_switch_commands.h"
 
+#include <algorithm>
 #include <boost/algorithm/string/join.hpp>
 #include <optional>
 
+#include "app/zema/core/host_identity.h"
 #include "app/zema/qub/error_sink.h"
 #include "app/zema/qub/host_switch_lists.h"
 #include "app/zema/qub/lum_commands.h"
@@ -20,6 +22,8 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kOk = "ok";
 constexpr const char* kPnicUsed = "zem.PnicUsedByMgmtInterfaceException-ApplyDvs(";
+
+constexpr uint32_t kVtepRemoved = 5;
 
 // How the host calls the ways of forwarding.
 constexpr const char* kEns = "true";
@@ -132,7 +136,9 @@ bool HostSwitchCommands::ApplyGuestLane(const HostSwitchMsg& host_switch) {
   std::string name = "GetGuestLaneKnl";
   if (lum_.InvokeCommand(name + "(" + host_switch.id() + ")", "", &reply) == LumCommands::kSucceeded)
     lane = ParseGuestLane(reply);
-  const bool wanted = !host_switch.vteps().empty();
+  // Endpoints that the host has just removed are in the message as well.
+  const bool wanted = std::any_of(host_switch.vteps().begin(), host_switch.vteps().end(),
+                                  [](const VtepMsg& vtep) { return vtep.state() != kVtepRemoved; });
   if (lane == (wanted ? GuestLane::kFound : GuestLane::kNotFound)) return true;
   if (lane != GuestLane::kUnreadable) {
     name = wanted ? "CreateGuestLaneInterface" : "DeleteGuestLaneInterface";
@@ -159,8 +165,10 @@ bool HostSwitchCommands::AddGuestLaneInterface(const std::string& device, const 
 bool HostSwitchCommands::UpdateTnIdToCorvd(const std::string& id) {
   ZLOG_INFO("Updating Transport Node id to Corvd...");
   std::string reply;
-  if (lum_.InvokeRPC(LumOperation::kSetTransportNodeId, id, &reply) == LumCommands::kRpcSucceeded)
+  if (lum_.InvokeRPC(LumOperation::kSetTransportNodeId, id, &reply) == LumCommands::kRpcSucceeded) {
+    Host().SetToldToHost();
     return true;
+  }
   ZLOG_ERROR("44086", "[%s] Failed to set tnID into corvd.", __func__);
   errors_.Add(ErrorSink::kTransportNodeIdNotSet, "Failed to update transport node id to corvd.");
   return false;

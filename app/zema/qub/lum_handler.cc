@@ -215,6 +215,16 @@ bool LumHandler::ReadWhole(void* buffer, size_t length) {
   return true;
 }
 
+std::string LumHandler::pid() const {
+  const std::lock_guard lock(pid_mutex_);
+  return pid_;
+}
+
+void LumHandler::SetPid(std::string pid) {
+  const std::lock_guard lock(pid_mutex_);
+  pid_ = std::move(pid);
+}
+
 void LumHandler::CloseSocket() { socket_.Reset(); }
 
 void LumHandler::ClosePipe() {
@@ -268,8 +278,8 @@ bool LumHandler::FindPid() {
     std::string output = Shell(command);
     boost::trim(output);
     if (!output.empty()) {
-      pid_ = output;
-      ZLOG_INFO("[%s] zemaLum.py process id: [%s] lumSockFd: [%d]", __func__, pid_.c_str(), socket_.get());
+      ZLOG_INFO("[%s] zemaLum.py process id: [%s] lumSockFd: [%d]", __func__, output.c_str(), socket_.get());
+      SetPid(std::move(output));
       return true;
     }
     ZLOG_INFO("[%s] zemaLum.py pid is empty. lumSockFd: [%d] Retries left: [%d]", __func__, socket_.get(),
@@ -304,7 +314,7 @@ int LumHandler::SpawnPyLumInternal() {
   const auto span = WorkflowUtil::StartChildSpan("LumHandler.SpawnPyLumInternal", wft::kTraceDebug);
   settings_.set_ready(false);
   CloseSocket();
-  pid_.clear();
+  SetPid({});
   if (!KillPrior()) return kFailed;
   ClosePipe();
   const bool goes_on = Pause(settings_.spawn_pause);
@@ -328,8 +338,10 @@ int LumHandler::SpawnPyLumInternal() {
 
 int LumHandler::Login() {
   std::string reply;
-  if (settings_.log_level != "info" && Ask("loglevel=" + settings_.log_level, kOk, &reply) != kSucceeded) {
-    ZLOG_INFO("[%s] failed to set zemaLum.py log level to [%s]: [%s]", __func__, settings_.log_level.c_str(),
+  const std::string& level = settings_.log_level;
+  const bool own_level = level.empty() || level == "info" || level == "unset";
+  if (!own_level && Ask("loglevel=" + level, kOk, &reply) != kSucceeded) {
+    ZLOG_INFO("[%s] failed to set zemaLum.py log level to [%s]: [%s]", __func__, level.c_str(),
               reply.c_str());
   }
   constexpr const char* kNoVxlan = "no-vxlan-stack";
@@ -365,9 +377,9 @@ int LumHandler::WaitReady() {
 }
 
 void LumHandler::TerminateZemaLumPy() {
-  if (!pid_.empty()) {
-    const std::string output = Shell("kill -9 " + pid_);
-    ZLOG_INFO("[%s] terminating zemaLum.py process [%s]: [%s]", __func__, pid_.c_str(), output.c_str());
+  if (const std::string known = pid(); !known.empty()) {
+    const std::string output = Shell("kill -9 " + known);
+    ZLOG_INFO("[%s] terminating zemaLum.py process [%s]: [%s]", __func__, known.c_str(), output.c_str());
     return;
   }
   const std::string output = KillByName();

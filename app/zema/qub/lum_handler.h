@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -28,7 +29,7 @@ struct LumSettings {
 
   /// Tries to find the child's process id (`lum.maxRetryZemaLumReady`).
   int pid_tries = 60;
-  /// "info" keeps the script's own level (`zema.logLevel`).
+  /// `zema.logLevel`; "info", "unset" and nothing keep the script's own level.
   std::string log_level = "info";
   bool no_vxlan_stack = false;
   std::string host_version;
@@ -59,10 +60,13 @@ class LumHandler : public Synchronizable, public LumCommands {
   int InvokeCommand(const std::string& command, const std::string& expected, std::string* out) override;
   int InvokeRPC(LumOperation operation, std::string_view data, std::string* out) override;
 
+  /// Does not wait for a running call, which ends by it.
   void TerminateZemaLumPy();
 
+  /// For the thread that calls, or a test: not while another one calls.
   bool connected() const { return static_cast<bool>(socket_); }
-  const std::string& pid() const { return pid_; }
+  /// The script's process id; empty while unknown.
+  std::string pid() const;
 
  protected:
   virtual int InvokeRPCInternal(LumOperation operation, std::string_view data, std::string* out);
@@ -86,6 +90,7 @@ class LumHandler : public Synchronizable, public LumCommands {
   /// False when no whole reply came.
   bool GetLine(uint32_t* status, std::string* out);
   bool ReadWhole(void* buffer, size_t length);
+  void SetPid(std::string pid);
   void CloseSocket();
   void ClosePipe();
   /// False when the daemon is stopping.
@@ -96,6 +101,7 @@ class LumHandler : public Synchronizable, public LumCommands {
   std::string third_;
   KnluserCompat_Pipe pipe_{-1, -1};
   UniqueFd socket_;
+  mutable std::mutex pid_mutex_;  // guards pid_, which is wanted while a call holds the object
   std::string pid_;
 };
 

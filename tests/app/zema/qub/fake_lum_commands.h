@@ -29,13 +29,15 @@ class FakeLumCommands : public LumCommands {
     return expected.empty() || *out == expected ? kSucceeded : kFailed;
   }
 
-  int InvokeRPC(LumOperation operation, std::string_view data, std::string*) override {
+  int InvokeRPC(LumOperation operation, std::string_view data, std::string* out) override {
     commands.push_back(std::to_string(static_cast<uint32_t>(operation)) + ":" + std::string(data));
+    *out = rpc_reply;
     return rpc_status;
   }
 
   std::vector<std::string> commands;
   int rpc_status = kRpcSucceeded;
+  std::string rpc_reply;
 
  private:
   std::map<std::string, std::deque<std::string>> replies_;

@@ -23,7 +23,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kHost = "/var/lib/zem-host";
+constexpr const char* kHost = "/var/run/orlane/sim/host";
 
 void Write(const std::string& name, const std::string& text) {
   std::filesystem::create_directories(kHost);
@@ -46,8 +46,9 @@ class LumHandlerTest : public test::SandboxTest {
  protected:
   // Into the folder that the sandbox sees wherever the source stands.
   LumHandlerTest() {
-    for (const char* file : {"zemaLum.py", "ps"}) {
-      std::filesystem::copy(std::string(ZEM_SOURCE "/sim/host/") + file, directory_.Path(file));
+    for (const auto& file : std::filesystem::directory_iterator(ZEM_SOURCE "/sim/host")) {
+      if (!file.is_regular_file()) continue;
+      std::filesystem::copy(file.path(), directory_.Path(file.path().filename().string()));
     }
   }
 
@@ -89,12 +90,13 @@ TEST_F(LumHandlerTest, LogsInAndAnswers) {
               SANDBOX_EXPECT(Count(frames, "initializing") == 3);
               // The whole reply counts, nothing less.
               std::string out;
-              Write("lum.rules", "^query\t0\t1\treply\tok|a\n^list\t0\t9\treply\t\n");
+              Write("faults", "^query\t0\t1\treply\tok|a\n^list\t0\t9\treply\t\n");
               SANDBOX_EXPECT(handler.InvokeCommand("query()", "ok", &out) == -1);
               SANDBOX_EXPECT(out == "ok|a");
               SANDBOX_EXPECT(handler.InvokeCommand("list()", "", &out) == 0 && out.empty());
-              SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kHostProfile, "data", &out) == 0);
-              SANDBOX_EXPECT(out == "unknown operation 14");
+              SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kHostProfile, "data", &out) == 1 && out.empty());
+              SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kVmPathOfVif, "vifId=v", &out) == 0);
+              SANDBOX_EXPECT(out == "no VM has VIF [v]");
               SANDBOX_EXPECT(*told == "down up ");
               handler.TerminateZemaLumPy();
               SANDBOX_EXPECT(log.Contains("terminating zemaLum.py process ["));
@@ -123,7 +125,7 @@ TEST_F(LumHandlerTest, BrokenExchanges) {
               SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
               std::string out;
               for (const char* action : {"close", "exit", "half-header", "half-text", "too-long"}) {
-                Write("lum.rules", std::string("^break\t0\t1\t") + action + "\n");
+                Write("faults", std::string("^break\t0\t1\t") + action + "\n");
                 told->clear();
                 SANDBOX_EXPECT(handler.InvokeCommand("break " + std::string(action), "", &out) == -1);
                 SANDBOX_EXPECT(out == "socket read failed");
@@ -133,7 +135,7 @@ TEST_F(LumHandlerTest, BrokenExchanges) {
                 SANDBOX_EXPECT(*told == "down up ");
                 SANDBOX_EXPECT(handler.InvokeCommand("next", "", &out) == 0);
 
-                Write("lum.rules", std::string("^op 22\t0\t1\t") + action + "\n");
+                Write("faults", std::string("^op 22\t0\t1\t") + action + "\n");
                 told->clear();
                 SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &out) == 2);
                 SANDBOX_EXPECT(out == "Internal Socket error in reading data.");
@@ -156,15 +158,13 @@ TEST_F(LumHandlerTest, FailedStarts) {
                 SANDBOX_EXPECT(handler.SetUp("user", "") == -1);
                 SANDBOX_EXPECT(log.Contains("Empty pid in process list for zemaLum.py."));
               }
-              Write("lum.rules", "^login\t0\t1\treply\tno\n");
+              Write("faults", "^login\t0\t2\treply\tno\n");
               LumHandler handler(settings);
               SANDBOX_EXPECT(handler.SetUp("user", "") == -1);
               SANDBOX_EXPECT(log.Contains("Unexpected reply for username command: no"));
               SANDBOX_EXPECT(told->find("up") == std::string::npos);
               SANDBOX_EXPECT(handler.InvokeCommand("x", "", &out) == -1);
               SANDBOX_EXPECT(out == "LumHandler not initialized");
-              // The rule of the new script counts from the start again.
-              Write("lum.rules", "");
               SANDBOX_EXPECT(handler.InvokeCommand("x", "", &out) == -1);
               SANDBOX_EXPECT(handler.InvokeCommand("x", "", &out) == 0);
               return 0;
@@ -198,7 +198,7 @@ TEST_F(LumHandlerTest, RespawnsLeaveNothingBehind) {
               const size_t descriptors = test::OpenDescriptors();
               std::string out;
               for (int i = 0; i < 10; ++i) {
-                Write("lum.rules", "^op 22\t0\t1\texit\n");
+                Write("faults", "^op 22\t0\t1\texit\n");
                 SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &out) == 2);
                 SANDBOX_EXPECT(handler.connected());
               }

@@ -1,0 +1,226 @@
+#include "app/zema/qub/interface_migration.h"
+
+#include <algorithm>
+#include <boost/algorithm/string/join.hpp>
+#include <set>
+#include <utility>
+
+#include "app/zema/qub/error_sink.h"
+#include "app/zema/qub/knl_validation.h"
+#include "app/zema/qub/lum_commands.h"
+#include "app/zema/qub/lum_reply.h"
+#include "app/zema/qub/migration_command.h"
+#include "app/zema/qub/migration_record.h"
+#include "framework/log.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::zema {
+namespace {
+
+using namespace orlane::zem::switching;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr const char* kOk = "ok";
+
+const char* Word(bool value) { return value ? "true" : "false"; }
+
+bool IsVnic(const QubMgmtIfToLogicSwitchMsg& entry) { return entry.device().find(':') != std::string::npos; }
+
+void RemoveVtepsFailedToMigrate(const std::vector<std::string>& failed, HostSwitchMsg* host_switch) {
+  auto& vteps = *host_switch->mutable_vteps();
+  const auto end = std::remove_if(vteps.begin(), vteps.end(), [&](const VtepMsg& vtep) {
+    return std::find(failed.begin(), failed.end(), vtep.device_name()) != failed.end();
+  });
+  const int removed = static_cast<int>(vteps.end() - end);
+  vteps.erase(end, vteps.end());
+  ZLOG_INFO("[%s] removed [%d] VTEPs that were not migrated\n", __func__, removed);
+}
+
+}  // namespace
+
+InterfaceMigration::InterfaceMigration(LumCommands& lum, ErrorSink& errors, MigrationRecord& record,
+                                       InterfaceMigrationSettings settings)
+    : lum_(lum), errors_(errors), record_(record), settings_(std::move(settings)) {}
+
+bool InterfaceMigration::ValidateHostConfigMsgForMigration(bool reset) {
+  if (!reset) return true;
+  ZLOG_INFO("[%s] zemcli -c del zem run on host. Validating the host state for del zem.\n", __func__);
+  std::string reply;
+  if (lum_.InvokeCommand("validateHostForDelZem()", kOk, &reply) != LumCommands::kSucceeded) {
+    const std::string text = "ValidateHostForDelZem() failed: [" + reply + "]";
+    ZLOG_ERROR("42018", "[%s] %s\n", __func__, text.c_str());
+    errors_.Add(ErrorSink::kGeneral, text);
+    return false;
+  }
+  ZLOG_INFO("%s ValidateHostForDelZem() completed successfully\n", __func__);
+  return true;
+}
+
+bool InterfaceMigration::PrepareAndMigrate(Config* config, KnlMigrationMap* map, bool* migrate_nvs_knls,
+                                           bool reset) {
+  const bool has_migration = config->has_qub_if_migration();
+  ZLOG_INFO("Processing qub_if_migration migrateNvsKnls = %s, HostConfigMsg hasMigrationSpec = %s",
+            Word(*migrate_nvs_knls), Word(has_migration));
+  if (config->has_phase() && config->phase() == HostConfigMsg::PHASE2_COMBINED &&
+      !ValidateKnls(lum_, settings_.knl_types, config, errors_)) {
+    return false;
+  }
+  if (has_migration) {
+    const bool moves_in = config->qub_if_migration().to_lswitches_size() != 0;
+    if (moves_in && !*migrate_nvs_knls) map->clear();
+    *migrate_nvs_knls = *migrate_nvs_knls && moves_in;
+    const bool moves_out = config->qub_if_migration().to_vsw_or_psw_size() != 0;
+    ZLOG_INFO("[%s] migrateToPLN = %s", __func__, Word(moves_out));
+    if (moves_out && !MigrateToPLN(*config, *map)) return false;
+  }
+  return !reset || MigrateResourcesForDelZem();
+}
+
+bool InterfaceMigration::MigrateResourcesForDelZem() {
+  ZLOG_INFO(
+      "[%s] zemcli -c del zem run on host. Migrating any resources necessary before removing host "
+      "switches.\n",
+      __func__);
+  settings_.set_del_zem_running(true);
+  settings_.flush_desired_config();
+  ZLOG_INFO("%s FlushDesiredConfig() completed successfully for del zem\n", __func__);
+  std::string reply;
+  if (lum_.InvokeCommand("migrateResourcesForDelZem()", kOk, &reply) == LumCommands::kSucceeded) {
+    ZLOG_INFO("%s MigrateResourcesForDelZem() completed successfully\n", __func__);
+    return true;
+  }
+  settings_.set_del_zem_running(false);
+  return Refuse("42018", "MigrateResourcesForDelZem() failed: [" + reply + "]");
+}
+
+bool InterfaceMigration::MigrateToPLN(const Config& config, const KnlMigrationMap& map) {
+  for (const auto& [id, migration] : map) {
+    if (migration.to_pln.empty()) continue;
+    const auto& switches = config.host_switches();
+    const auto found = std::find_if(switches.begin(), switches.end(),
+                                    [&id = id](const HostSwitch& candidate) { return candidate.id() == id; });
+    if (!MigrateOut(found == switches.end() ? nullptr : &*found, id, migration)) return false;
+  }
+  return true;
+}
+
+bool InterfaceMigration::MigrateOut(const HostSwitch* host_switch, const std::string& id,
+                                    const KnlMigration& migration) {
+  std::string error;
+  std::string reply;
+  const auto parts = BuildMigrateToPln(host_switch, migration, &error);
+  if (!parts) return Refuse("42018", "MigrateOutofLS(" + id + ") failed: [" + error + "]");
+  ZLOG_INFO("[%s] QubMgmtIfToPlnMsg host_switch_id=[%s] pnicsToSetInDvs=[%s] knls=[%s] uplinks=[%s]\n",
+            "MigrateToPLN", id.c_str(), parts->pnics_to_set.c_str(), parts->entries.c_str(),
+            parts->options.c_str());
+  int result = LumCommands::kFailed;
+  {
+    const MigrationRecord::Scope running(record_, MigrationRecord::Kind::kToPln);
+    result =
+        lum_.InvokeCommand(parts->Command(id, running.op_id(), settings_.knl_ping_try_times), kOk, &reply);
+  }
+  if (result != LumCommands::kSucceeded)
+    return Refuse("42018", "MigrateOutofLS(" + id + ") failed: [" + reply + "]");
+  ZLOG_INFO("%s knls out of dvs [%s] completed successfully\n", "MigrateToPLN", id.c_str());
+  return true;
+}
+
+bool InterfaceMigration::CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration) {
+  int created = 0;
+  for (const ToLogicalSwitch* entry : migration.to_logical_switch) {
+    if (entry->is_vtep()) continue;
+    const std::string zone = entry->has_transport_zone_id()              ? entry->transport_zone_id()
+                             : host_switch.transport_zone_id_size() != 0 ? host_switch.transport_zone_id(0)
+                                                                         : std::string();
+    std::string error;
+    if (!settings_.create_port(*entry, zone, &error)) {
+      const std::string text = "MigrateToLS(" + host_switch.id() + ") failed to create port: [" + error + "]";
+      ZLOG_ERROR("42010", "[%s] %s, cmd=[%s]\n", "MigrateToLogicalSwitch", text.c_str(),
+                 entry->ShortDebugString().c_str());
+      errors_.Add(ErrorSink::kGeneral, text);
+      return false;
+    }
+    ZLOG_INFO("[%s] created dvport [%s] on DVS [%s] attached to vif [%s]", "MigrateToLogicalSwitch",
+              entry->logical_port_id().c_str(), host_switch.id().c_str(), entry->vif_id().c_str());
+    ++created;
+  }
+  if (created > 0) {
+    ZLOG_INFO("%s %d ports created in dvs [%s]\n", "MigrateToLogicalSwitch", created,
+              host_switch.id().c_str());
+  } else {
+    ZLOG_INFO("%s No port to create in dvs [%s]\n", "MigrateToLogicalSwitch", host_switch.id().c_str());
+  }
+  return true;
+}
+
+bool InterfaceMigration::MigrateToLogicalSwitch(HostSwitch* host_switch, std::string_view kind,
+                                                const KnlMigration& migration,
+                                                const std::vector<std::string>& pairs,
+                                                std::vector<std::string>* migrated_vteps) {
+  const std::string& id = host_switch->id();
+  ZLOG_DEBUG("[%s] into [%s], a %s", __func__, id.c_str(), std::string(kind).c_str());
+  std::string error;
+  const auto parts = BuildMigrateToLs(migration, pairs, &error);
+  if (!parts) return Refuse("42017", "MigrateToLS(" + id + ") failed: [" + error + "]");
+  if (!CreatePorts(*host_switch, migration)) return false;
+  std::string reply;
+  int result = LumCommands::kFailed;
+  {
+    const MigrationRecord::Scope running(record_, MigrationRecord::Kind::kToLogicalSwitch);
+    // What follows the "ok" is data, so that no reply is expected here.
+    result =
+        lum_.InvokeCommand(parts->Command(id, running.op_id(), settings_.knl_ping_try_times), "", &reply);
+  }
+  if (result != LumCommands::kSucceeded) {
+    return Refuse("42017", "MigrateToLS(" + id + ") failed: [" + reply + "]");
+  }
+  if (!reply.starts_with(kOk)) {
+    TakeFailure(reply, host_switch);
+    return false;
+  }
+  TakeMigrated(reply, id, migration);
+  *migrated_vteps = parts->vteps;
+  return true;
+}
+
+void InterfaceMigration::TakeMigrated(const std::string& reply, const std::string& id,
+                                      const KnlMigration& migration) {
+  ZLOG_INFO("%s knls/vm into dvs [%s] completed. Reply:%s\n", "MigrateToLogicalSwitch", id.c_str(),
+            reply.c_str());
+  const size_t colon = reply.find(':');
+  const std::string path = colon == std::string::npos ? std::string() : reply.substr(colon + 1);
+  for (ToLogicalSwitch* entry : migration.to_logical_switch) {
+    if (entry->is_vtep()) continue;
+    entry->set_previous_logical_port_id(entry->logical_port_id());
+    entry->set_previous_vif_id(entry->vif_id());
+    if (IsVnic(*entry) && !path.empty()) {
+      ZLOG_INFO("%s GCF Path is:%s\n", "MigrateToLogicalSwitch", path.c_str());
+      entry->set_gcf_path(path);
+    }
+  }
+}
+
+void InterfaceMigration::TakeFailure(const std::string& reply, HostSwitch* host_switch) {
+  const MigrateToLsFailure failure = ParseMigrateToLsFailure(reply);
+  if (!failure.vteps.empty()) {
+    ZLOG_ERROR("42017", "[%s] failed to migrate VTEPs %s", "MigrateToLogicalSwitch",
+               boost::join(failure.vteps, ",").c_str());
+    RemoveVtepsFailedToMigrate(failure.vteps, host_switch);
+  }
+  Refuse("42017", "MigrateToLS(" + host_switch->id() + ") failed: [" + failure.error + "]");
+}
+
+bool InterfaceMigration::Refuse(const char* tag, const std::string& text) {
+  ZLOG_ERROR(tag, "[%s] %s\n", __func__, text.c_str());
+  errors_.Add(ErrorSink::kGeneral, text);
+  return false;
+}
+
+MigratedPnics MigratedPnicsOf(const KnlMigrationMap& map) {
+  MigratedPnics pnics;
+  for (const auto& [id, migration] : map) pnics[id];
+  return pnics;
+}
+
+}  // namespace zem::zema

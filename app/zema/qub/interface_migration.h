@@ -1,0 +1,83 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/zema/qub/migration_message.h"
+#include "app/zema/qub/switch_record.h"
+
+namespace zem::zema {
+
+class ErrorSink;
+class LumCommands;
+class MigrationRecord;
+
+struct InterfaceMigrationSettings {
+  /// Words of the host, by commas (`hostConfig.knlTypesToCheckOnRemovingPnic`).
+  std::string knl_types = "management";
+  /// How often the host pings after a move before it takes it back (`lum.knlPingTryTimes`).
+  int knl_ping_try_times = 4;
+  /// Told before and, when it failed, after the host's clean-up for its own removal of the agent.
+  std::function<void(bool)> set_del_zem_running = [](bool) {};
+  std::function<void()> flush_desired_config = [] {};
+  /// Makes the port that `entry` names on the switch of `zone`; false with the reason in `error`.
+  std::function<bool(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
+                     std::string* error)>
+      create_port;
+};
+
+/// Moves the host's kernel interfaces, vNICs and physical NICs between its own switches and the host
+/// switches. An operation that fails has told it in the errors, and changes nothing that comes after it.
+///
+/// Threads: one, which is not a provider's: each operation waits for the host.
+/// Ownership: holds all by reference.
+class InterfaceMigration {
+ public:
+  using Config = orlane::zem::switching::HostConfigMsg;
+  using HostSwitch = orlane::zem::switching::HostSwitchMsg;
+
+  InterfaceMigration(LumCommands& lum, ErrorSink& errors, MigrationRecord& record,
+                     InterfaceMigrationSettings settings);
+
+  /// Whether the host can do without the agent, when the host itself asks for its removal (`reset`).
+  [[nodiscard]] bool ValidateHostConfigMsgForMigration(bool reset);
+
+  /// The checks that need the host, the moves out, and with `reset` whatever else keeps the host from losing
+  /// its switches.  `migrate_nvs_knls` becomes whether there are moves in; when the host's profile has made
+  /// them (it came false), `map` loses them.
+  [[nodiscard]] bool PrepareAndMigrate(Config* config, KnlMigrationMap* map, bool* migrate_nvs_knls,
+                                       bool reset);
+
+  /// The moves out of all switches; ends at the first that fails.
+  [[nodiscard]] bool MigrateToPLN(const Config& config, const KnlMigrationMap& map);
+
+  /// The moves into `host_switch`, whose kind is `kind`, with its ports made before.  `pairs` are its
+  /// physical NICs, "pnic~uplink".  `migrated_vteps` are the devices that have become endpoints.  What did
+  /// not become one is taken out of `host_switch`.
+  [[nodiscard]] bool MigrateToLogicalSwitch(HostSwitch* host_switch, std::string_view kind,
+                                            const KnlMigration& migration,
+                                            const std::vector<std::string>& pairs,
+                                            std::vector<std::string>* migrated_vteps);
+
+ private:
+  using ToLogicalSwitch = orlane::zem::switching::QubMgmtIfToLogicSwitchMsg;
+
+  bool MigrateOut(const HostSwitch* host_switch, const std::string& id, const KnlMigration& migration);
+  bool CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration);
+  void TakeMigrated(const std::string& reply, const std::string& id, const KnlMigration& migration);
+  void TakeFailure(const std::string& reply, HostSwitch* host_switch);
+  bool MigrateResourcesForDelZem();
+  bool Refuse(const char* tag, const std::string& text);
+
+  LumCommands& lum_;
+  ErrorSink& errors_;
+  MigrationRecord& record_;
+  const InterfaceMigrationSettings settings_;
+};
+
+/// The switches of `map`, for the records of which the physical NICs go with the migration.
+MigratedPnics MigratedPnicsOf(const KnlMigrationMap& map);
+
+}  // namespace zem::zema

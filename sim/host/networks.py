@@ -1,0 +1,81 @@
+"""The opaque networks of the simulated host: one for each logical switch that a host switch of kind "NVS" carries."""
+
+import hashlib
+
+import messages
+from simstate import Refused
+
+
+def entry_values(entry):
+    return dict(part.partition("=")[::2] for part in entry.split("|"))
+
+
+def create(state, arguments):
+    """ "uuid=..|name=..|path=..|zone=..|revision=..,..."; all or none. """
+    changes = []
+    # A name may hold commas: an entry ends where the next begins.
+    for entry in arguments.split(",uuid="):
+        values = entry_values(entry if entry.startswith("uuid=") else "uuid=" + entry)
+        if not values.get("uuid") or "revision" not in values:
+            raise Refused("malformed opaque network [%s]" % entry)
+        changes.append(
+            {
+                "op": "set",
+                "uuid": values["uuid"],
+                "name": values.get("name", ""),
+                "path": values.get("path", ""),
+                "zone": values.get("zone", ""),
+                "revision": int(values["revision"]),
+            }
+        )
+    state.networks.refresh()
+    state.networks.add(changes)
+    return "ok"
+
+
+def delete(state, arguments):
+    changes = []
+    for entry in arguments.split(","):
+        uuid = entry_values(entry).get("uuid")
+        if not uuid:
+            raise Refused("malformed opaque network [%s]" % entry)
+        # One that is not there is gone already.
+        changes.append({"op": "delete", "uuid": uuid})
+    state.networks.refresh()
+    state.networks.add(changes)
+    return "ok"
+
+
+def apply_bulk(state, data):
+    """Operation 11: a piece of the whole list; the first piece forgets what was."""
+    flag, switches = messages.logical_switch_bulk(data)
+    kinds = {}
+    for switch in state.switch_ids():
+        meta = state.meta(switch)
+        kinds.update({zone: meta["kind"] for zone in meta["zones"]})
+    changes = [{"op": "clear"}] if flag == 0 else []
+    for switch in switches:
+        if not switch["uuid"]:
+            raise Refused("a logical switch without uuid")
+        if kinds.get(switch["zone"]) != "KLN":
+            changes.append({"op": "set", **switch})
+    state.networks.refresh()
+    state.networks.add(changes)
+    return ""
+
+
+def checksum(state, _):
+    state.networks.refresh()
+    if not state.networks.networks:
+        return ""
+    digest = hashlib.md5()
+    for uuid, network in sorted(state.networks.networks.items()):
+        digest.update(("%s:%d;" % (uuid, network["revision"])).encode())
+    return digest.hexdigest()
+
+
+COMMANDS = {
+    "createOpaqueNetwork": create,
+    "deleteOpaqueNetwork": delete,
+    "getAllOpaqueNetworkChecksum": checksum,
+}

@@ -1,0 +1,356 @@
+"""The state of the simulated host: one file tree, which the switch libraries and the node's commands share.
+
+Root: ZEM_SIM_ROOT (default /var/run/orlane/sim).  "switch" below it is the kernel's part (switches, ports, endpoints),
+"host" is what the host's management knows: its physical NICs, interfaces, VMs, flags, opaque networks.  Every change
+is made under a lock on "<root>/lock"; a file is written under another name and renamed, so that a reader never sees
+half of one, and whoever dies in the middle leaves the state before.
+
+As a program it makes a host:  simstate.py init [--pnics vmnic0,vmnic1] [--ifs knl0=management,knl1=other]
+"""
+
+import argparse
+import contextlib
+import fcntl
+import json
+import os
+import shutil
+import struct
+import time
+
+DEFAULT_ROOT = "/var/run/orlane/sim"
+# The flag that every property of a switch or a port is set with.
+PROPERTY_FLAG = 16
+
+VSWITCH_STATUS = "com.orlane.common.opaqueDvs.status.component.vswitch"
+SECURITY_ENABLED = "com.orlane.zem.klnSecurity.enabled"
+EXTERNAL_ID = "com.orlane.port.extraConfig.vnic.external.id"
+OPAQUE_NETWORK = "com.orlane.port.extraConfig.opaqueNetwork.id"
+LOGICAL_PORT = "com.orlane.port.extraConfig.logicalPort.id"
+ATTACHMENT_STATE = "com.orlane.port.extraConfig.attachment.state"
+
+
+class Refused(Exception):
+    """What the host says to a command that it does not carry out."""
+
+
+def write_file(path, data):
+    temporary = "%s.%d.tmp" % (path, os.getpid())
+    with open(temporary, "wb") as file:
+        file.write(data)
+    os.rename(temporary, path)
+
+
+def write_json(path, value):
+    write_file(path, (json.dumps(value, indent=1) + "\n").encode())
+
+
+def read_json(path, default=None):
+    try:
+        with open(path, encoding="utf-8") as file:
+            return json.load(file)
+    except FileNotFoundError:
+        return default
+
+
+def read_property(path):
+    """The value of a property as text, without the zero that ends it; None when there is none."""
+    try:
+        with open(path, "rb") as file:
+            return file.read()[4:].split(b"\0")[0].decode(errors="replace")
+    except FileNotFoundError:
+        return None
+
+
+class Journal:
+    """The opaque networks.
+
+    A host may have 10,000 of them and get one more every few milliseconds, so each change is a line at the end of
+    one file; the file is written anew when it has grown far beyond what it says.
+    """
+
+    def __init__(self, path):
+        self.path = path
+        self.networks = {}
+        self.seen = None
+        self.lines = 0
+
+    def refresh(self):
+        """Reads what another process has written."""
+        try:
+            stat = os.stat(self.path)
+        except FileNotFoundError:
+            self.networks, self.seen, self.lines = {}, None, 0
+            return
+        seen = (stat.st_ino, stat.st_size)
+        if seen == self.seen:
+            return
+        self.networks = {}
+        self.lines = 0
+        with open(self.path, encoding="utf-8") as file:
+            for line in file:
+                # A line that its writer did not finish says nothing.
+                if line.endswith("\n"):
+                    self.take(json.loads(line))
+                    self.lines += 1
+        self.seen = seen
+
+    def take(self, change):
+        if change["op"] == "clear":
+            self.networks = {}
+        elif change["op"] == "set":
+            self.networks[change["uuid"]] = change
+        else:
+            self.networks.pop(change["uuid"], None)
+
+    def add(self, changes):
+        for change in changes:
+            self.take(change)
+        self.lines += len(changes)
+        if self.lines > 1000 + 4 * len(self.networks):
+            changes = list(self.networks.values())
+            self.lines = len(changes)
+            write_file(self.path, "".join(json.dumps(change) + "\n" for change in changes).encode())
+        else:
+            text = "".join(json.dumps(change) + "\n" for change in changes)
+            with open(self.path, "ab") as file:
+                file.write(text.encode())
+        stat = os.stat(self.path)
+        self.seen = (stat.st_ino, stat.st_size)
+
+
+class State:
+    def __init__(self, root=None):
+        self.root = root or os.environ.get("ZEM_SIM_ROOT", DEFAULT_ROOT)
+        self.host_dir = os.path.join(self.root, "host")
+        self.switches_dir = os.path.join(self.root, "switch", "switches")
+        self.knlnics_dir = os.path.join(self.root, "switch", "knlnics")
+        self.vdr_dir = os.path.join(self.root, "switch", "vdr")
+        for directory in (self.host_dir, self.switches_dir, self.knlnics_dir, self.vdr_dir):
+            os.makedirs(directory, exist_ok=True)
+        self.host_path = os.path.join(self.host_dir, "host.json")
+        self.networks = Journal(os.path.join(self.host_dir, "opaque_networks.log"))
+        self.host = {}
+        self.host_seen = None
+        self.lock_file = open(os.path.join(self.root, "lock"), "w", encoding="utf-8")
+
+    @contextlib.contextmanager
+    def locked(self):
+        """Nobody else changes anything meanwhile; `host` is as it stands and is written when it was changed."""
+        fcntl.flock(self.lock_file, fcntl.LOCK_EX)
+        try:
+            self.refresh_host()
+            before = json.dumps(self.host, sort_keys=True)
+            yield self
+            if json.dumps(self.host, sort_keys=True) != before:
+                write_json(self.host_path, self.host)
+                self.host_seen = self.host_stamp()
+        except BaseException:
+            # What was changed in memory only has not happened.
+            self.host_seen = None
+            raise
+        finally:
+            fcntl.flock(self.lock_file, fcntl.LOCK_UN)
+
+    def host_stamp(self):
+        try:
+            stat = os.stat(self.host_path)
+        except FileNotFoundError:
+            return ()
+        return (stat.st_ino, stat.st_mtime_ns, stat.st_size)
+
+    def refresh_host(self):
+        stamp = self.host_stamp()
+        if stamp != self.host_seen:
+            self.host = read_json(self.host_path) or new_host(["vmnic0"], {"knl0": "management"})
+            self.host_seen = stamp
+
+    # --- switches
+
+    def switch_ids(self):
+        return sorted(name for name in os.listdir(self.switches_dir) if not name.startswith("."))
+
+    def switch_path(self, switch, *parts):
+        if "/" in switch or switch.startswith(".") or not switch:
+            raise Refused("no host-switch [%s]" % switch)
+        return os.path.join(self.switches_dir, switch, *parts)
+
+    def meta(self, switch):
+        value = read_json(self.switch_path(switch, "meta.json"))
+        if value is None:
+            raise Refused("host-switch [%s] is not found" % switch)
+        return value
+
+    def has_switch(self, switch):
+        return os.path.exists(self.switch_path(switch, "meta.json"))
+
+    def write_meta(self, meta):
+        directory = self.switch_path(meta["id"])
+        for part in ("global", "host", "ports"):
+            os.makedirs(os.path.join(directory, part), exist_ok=True)
+        write_json(os.path.join(directory, "meta.json"), meta)
+
+    def remove_switch(self, switch):
+        gone = os.path.join(self.switches_dir, ".%d.%d.gone" % (os.getpid(), time.monotonic_ns()))
+        os.rename(self.switch_path(switch), gone)
+        shutil.rmtree(gone)
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(os.path.join(self.vdr_dir, switch + ".json"))
+
+    def host_prop(self, switch, name):
+        return read_property(self.switch_path(switch, "host", name))
+
+    def set_host_prop(self, switch, name, text):
+        write_file(self.switch_path(switch, "host", name), struct.pack("<I", PROPERTY_FLAG) + text.encode() + b"\0")
+
+    # --- ports
+
+    def port_keys(self, switch):
+        try:
+            return sorted(name for name in os.listdir(self.switch_path(switch, "ports")) if not name.startswith("."))
+        except FileNotFoundError:
+            return []
+
+    def port_prop(self, switch, port, name):
+        return read_property(self.switch_path(switch, "ports", port, "p", name))
+
+    def port_of(self, switch, vif, logical_switch):
+        """The port that holds the VIF in the logical switch, which somebody must have made."""
+        for port in self.port_keys(switch):
+            if self.port_prop(switch, port, EXTERNAL_ID) == vif and (
+                self.port_prop(switch, port, OPAQUE_NETWORK) == logical_switch
+            ):
+                return port
+        return None
+
+    def plug(self, switch, port, vnic):
+        """Connects a port with what uses it, or with nothing."""
+        path = self.switch_path(switch, "ports", port, "state.json")
+        state = read_json(path, {})
+        state["connectedVnic"] = vnic
+        state["linkUp"] = bool(vnic)
+        write_json(path, state)
+
+    # --- endpoints
+
+    def endpoints(self):
+        """Endpoints by device."""
+        found = {}
+        for name in sorted(os.listdir(self.knlnics_dir)):
+            if name.endswith(".json"):
+                endpoint = read_json(os.path.join(self.knlnics_dir, name))
+                if endpoint:
+                    found[endpoint["device"]] = endpoint
+        return found
+
+    def write_endpoint(self, endpoint):
+        if "/" in endpoint["device"]:
+            raise Refused("no device [%s]" % endpoint["device"])
+        write_json(os.path.join(self.knlnics_dir, endpoint["device"] + ".json"), endpoint)
+
+    def remove_endpoint(self, device):
+        os.unlink(os.path.join(self.knlnics_dir, device + ".json"))
+
+    # --- physical NICs: their owner is {"kind": "standard", "switch": name}, {"kind": "switch", "switch": id,
+    # "uplink": name} or None
+
+    def pnics_of(self, kind, switch):
+        return [
+            name
+            for name, pnic in sorted(self.host["pnics"].items())
+            if pnic["owner"] and pnic["owner"]["kind"] == kind and pnic["owner"]["switch"] == switch
+        ]
+
+    def give_pnics(self, switch, pairs):
+        """Makes the physical NICs of a host switch those of `pairs`, (name, uplink)."""
+        for name, _ in pairs:
+            pnic = self.host["pnics"].get(name)
+            if pnic is None:
+                raise Refused("physical NIC [%s] is not found" % name)
+            owner = pnic["owner"]
+            if owner and owner["kind"] == "switch" and owner["switch"] != switch:
+                raise Refused("physical NIC [%s] is in use by host-switch [%s]" % (name, owner["switch"]))
+        for name in self.pnics_of("switch", switch):
+            self.host["pnics"][name]["owner"] = None
+        for name, uplink in pairs:
+            self.host["pnics"][name]["owner"] = {"kind": "switch", "switch": switch, "uplink": uplink}
+        meta = self.meta(switch)
+        meta["pnics"] = [{"dev": name, "uplink": uplink} for name, uplink in pairs]
+        self.write_meta(meta)
+
+    def interfaces_on(self, kind, switch):
+        """Interfaces, by device, whose place is a switch of this kind."""
+        return {
+            device: knl
+            for device, knl in sorted(self.host["interfaces"].items())
+            if knl["where"]["kind"] == kind and knl["where"]["switch"] == switch
+        }
+
+
+def new_host(pnics, interfaces):
+    """A host with one standard switch on its first physical NIC, where all its interfaces are."""
+    return {
+        "version": "8.0.1",
+        "maintenance": False,
+        "transportNodeId": "",
+        "profile": "",
+        "flags": {
+            "zemInstallStatus": False,
+            "zemInstallOpaqueSwitchStatus": True,
+            "zemDvsConfigRequired": False,
+            "dvsReady": False,
+            "unusedCkln": False,
+            "runtimeUpdates": True,
+            "spfPorts": False,
+            "traceflow": False,
+            "installEvents": 0,
+        },
+        "pnics": {
+            name: {
+                "mac": "02:50:00:00:00:%02x" % i,
+                "link": "up",
+                "owner": {"kind": "standard", "switch": "vSwitch0"} if i == 0 else None,
+            }
+            for i, name in enumerate(pnics)
+        },
+        "standardSwitches": {"vSwitch0": {"portGroups": ["Management Network", "Host Network"]}},
+        "interfaces": {
+            device: {
+                "type": kind,
+                "mac": "02:51:00:00:00:%02x" % i,
+                "macOf": pnics[0] if i == 0 and pnics else "",
+                "ip": "192.168.10.%d" % (10 + i),
+                "where": {
+                    "kind": "standard",
+                    "switch": "vSwitch0",
+                    "portGroup": "Management Network" if kind == "management" else "Host Network",
+                },
+            }
+            for i, (device, kind) in enumerate(interfaces.items())
+        },
+        "vms": {},
+        "guestLane": {"interface": None, "switches": []},
+        # Addresses that endpoints get when nobody gives them one: the next, and how many questions come first.
+        "dhcp": {"prefix": "192.168.50.", "next": 10, "prefix6": "fd00:50::", "polls": 0},
+        "endpointIds": {"next": 1},
+    }
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Makes the simulated host, unless there is one.")
+    parser.add_argument("action", choices=["init"])
+    parser.add_argument("--pnics", default="vmnic0,vmnic1,vmnic2,vmnic3")
+    parser.add_argument("--ifs", default="knl0=management,knl1=other", help="DEVICE=TYPE by commas")
+    parser.add_argument("--version", default="8.0.1")
+    parser.add_argument("--force", action="store_true", help="also when there is one")
+    options = parser.parse_args()
+    state = State()
+    if os.path.exists(state.host_path) and not options.force:
+        return
+    host = new_host(options.pnics.split(","), dict(pair.split("=", 1) for pair in options.ifs.split(",") if pair))
+    host["version"] = options.version
+    with state.locked():
+        state.host = host
+
+
+if __name__ == "__main__":
+    main()
