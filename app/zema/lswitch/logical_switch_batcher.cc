@@ -21,10 +21,15 @@ using wft::WorkflowUtil;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr int32_t kRemovedRevision = -1;
-// The payload's own signs; no field may hold one.
-constexpr const char* kSigns = ",|";
+// The list of a command is read by these: a field ends with the one, an entry with the other.
+constexpr const char* kFieldEnd = "|";
+constexpr const char* kEntryEnd = ",uuid=";
 
 bool IsStore(const std::string& reply_to) { return reply_to == CoveDbHandler::kReplyTo; }
+
+bool IsListable(const std::string& field) {
+  return field.find(kFieldEnd) == std::string::npos && field.find(kEntryEnd) == std::string::npos;
+}
 
 template <class Acks>
 std::vector<std::string> Uuids(const Acks& acks) {
@@ -139,6 +144,10 @@ void LogicalSwitchMsgTask::Batcher::DeleteLsInCorvd(const std::string& reply_to,
   const auto limit = static_cast<size_t>(context_->options().opaque_network_delete_max);
   Chunk chunk{reply_to, false};
   for (const std::string& uuid : uuids) {
+    if (uuid.find(',') != std::string::npos || !IsListable(uuid)) {
+      RefuseLs(reply_to, uuid, uuid);
+      continue;
+    }
     deleted_in_batch_.insert(uuid);
     if (!chunk.payload.empty()) chunk.payload += ',';
     chunk.payload += "uuid=" + uuid;
@@ -176,7 +185,7 @@ void LogicalSwitchMsgTask::Batcher::AddToChunk(const std::string& zone, bool kln
     return;
   }
   for (const std::string* field : {&uuid, &record.name, &record.path, &zone}) {
-    if (field->find_first_of(kSigns) != std::string::npos) return RefuseLs(chunk->reply_to, uuid, *field);
+    if (!IsListable(*field)) return RefuseLs(chunk->reply_to, uuid, *field);
   }
   ZLOG_DEBUG("[%s] adding LS [%s:%d] to corvd...\n", "ApplyLsInCorvd", uuid.c_str(), record.revision);
   std::string& payload = chunk->payload;
@@ -192,7 +201,7 @@ void LogicalSwitchMsgTask::Batcher::AddToChunk(const std::string& zone, bool kln
 void LogicalSwitchMsgTask::Batcher::RefuseLs(const std::string& reply_to, const std::string& uuid,
                                              const std::string& field) {
   const std::string error = "logical switch " + uuid + " cannot be told to the host: '" + field +
-                            "' holds a sign of the list, ',' or '|'";
+                            "' would end its place in the list";
   ZLOG_ERROR("42033", "[%s] %s\n", __func__, error.c_str());
   if (!context_->store || !IsStore(reply_to)) return;
   context_->store->pending().RemovePendingLs(uuid);

@@ -279,16 +279,20 @@ TEST_F(BatcherTest, WhatFailsIsTheStoresToReadAgainAndNotAcknowledged) {
 }
 
 // Such a name would make another list of the command.
-TEST_F(BatcherTest, ANameThatHoldsASignOfTheListIsRefusedAlone) {
+TEST_F(BatcherTest, ANameThatWouldEndItsPlaceInTheListIsRefusedAlone) {
   LogicalSwitchMsg message = Message(kA, 2);
   message.mutable_logical_switch_info(0)->set_name("x,uuid=" + kC);
   Add(message, "covedb", 9);
   Run();
   EXPECT_THAT(host.TakeCalls(), IsEmpty());
-  EXPECT_THAT(Stored(ObjectType::RUNTIME_STATUS), ElementsAre(HasSubstr("holds a sign of the list")));
+  EXPECT_THAT(Stored(ObjectType::RUNTIME_STATUS), ElementsAre(HasSubstr("would end its place in the list")));
   EXPECT_THAT(Barriers(), ElementsAre("value: 9"));
   Add(message, "covedb", 10);
+  message.mutable_logical_switch_info(0)->set_name("a|b");
+  message.mutable_logical_switch_info(0)->set_logical_switch_id(kC);
+  Add(message, "covedb", 10);
   Add(Message(kB, 2), "covedb", 10);
+  Add(Message(kB + ",uuid=" + kC, 2, kClear), "mp");
   Run();
   EXPECT_THAT(host.TakeCalls(), ElementsAre("createOpaqueNetwork(" + Create(kB, 2) + ")"));
 }
