@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+
+namespace zem::zema {
+
+/// Takes what a library allocated with malloc, and frees it.
+class LibraryBuffer {
+ public:
+  LibraryBuffer() = default;
+  ~LibraryBuffer() { std::free(data_); }
+  LibraryBuffer(LibraryBuffer&& other) noexcept : data_(other.data_), length_(other.length_) {
+    other.data_ = nullptr;
+    other.length_ = 0;
+  }
+  LibraryBuffer& operator=(LibraryBuffer&&) = delete;
+  LibraryBuffer(const LibraryBuffer&) = delete;
+  LibraryBuffer& operator=(const LibraryBuffer&) = delete;
+
+  /// Where the library puts them; once.
+  void** data() { return &data_; }
+  uint32_t* length() { return &length_; }
+
+  std::string_view bytes() const {
+    return data_ == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(data_), length_);
+  }
+  /// Without the zero that ends a text, and what follows it.
+  std::string_view text() const { return bytes().substr(0, bytes().find('\0')); }
+
+ private:
+  void* data_ = nullptr;
+  uint32_t length_ = 0;
+};
+
+}  // namespace zem::zema

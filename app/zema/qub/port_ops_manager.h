@@ -1,0 +1,167 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "app/zema/qub/copy_on_write_map.h"
+#include "app/zema/qub/lum_reply.h"
+
+namespace zem::zema {
+
+class DvsData;
+class LumCommands;
+class SwitchLibrary;
+struct PortConfigSpec;
+struct VifRequest;
+
+/// A switch as a transport zone has it; empty texts for none.
+struct HostSwitchInfo {
+  std::string dvs;
+  /// "KLN" or "NVS".
+  std::string kind;
+};
+
+/// Where a port is.
+struct PortLocation {
+  std::string dvs;
+  std::string port;
+};
+
+/// The ports of the host's switches: made, found, cleared, brought back from the files beside their VMs; and
+/// which switch a transport zone is on this host.
+///
+/// Threads: all operations from any thread; those that need the library or files may block, so none from a
+/// provider's.  Sequences of changes to one port are kept apart by their callers.
+/// Ownership: holds both by reference.
+/// Errors: -1 with the reason in `error`, which may be null where it has a default.  Nothing throws for a
+/// failure of the switch.
+class PortOpsManager {
+ public:
+  PortOpsManager(SwitchLibrary& library, LumCommands& lum);
+  ~PortOpsManager();
+  PortOpsManager(const PortOpsManager&) = delete;
+  PortOpsManager& operator=(const PortOpsManager&) = delete;
+
+  // --- zones
+
+  /// Asks the host.  What was known stays when it does not answer.
+  void CacheTzToDvsMapping();
+  void SetTzToDvsCache(const std::vector<TzDvs>& list);
+  /// Empty for an unknown zone.
+  std::string GetDvsIdForTz(const std::string& zone) const;
+  HostSwitchInfo GetHostSwitchInfoForTz(const std::string& zone) const;
+
+  // --- VIFs whose site configuration the manager waits for
+
+  /// Asks the host at start.
+  void GetVifsForSiteConfig();
+  void AddVifForSiteConfig(const std::string& vif, std::shared_ptr<VifRequest> request);
+  void RemoveVifForSiteConfig(const std::string& vif);
+  /// Null for none.
+  std::shared_ptr<VifRequest> LookupVifRequest(const std::string& vif) const;
+  std::shared_ptr<const std::map<std::string, std::shared_ptr<VifRequest>>> VifsForSiteConfig() const;
+
+  // --- whole ports
+
+  /// Makes the port, or brings an existing one up to date, and saves its file.  `gcf_path` is that of the
+  /// VM's configuration file, or a word without "/" for a port without VM ("knlnic").  0, or not.
+  int CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path, bool block,
+                 std::string* error);
+
+  /// Looks for the VIF's port on the switches, then in the files of the VM, whose ports then are on their
+  /// switches again.  An empty `gcf_path` becomes the directory of the VM whose port it is.
+  int FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
+                        PortLocation* found, std::string* error);
+
+  /// Looks for the port that the VIF had before, for what is written on it, in the files of the VM alone;
+  /// puts it on the switch of `new_zone` if it is not there.
+  int FindPortToFetchVMTags(const std::string& vif, const std::string& ls, const std::string& gcf_path,
+                            const std::string& new_zone, PortLocation* found, std::string* error);
+
+  /// Takes the VIF off the port when the port belongs to the logical switch.  With `force_find` all switches
+  /// are searched when the zone, the port or its state cannot be had.  0 also when there was nothing to do.
+  int ClearVifFromPort(const std::string& zone, const std::string& port, const std::string& ls,
+                       const std::string& vif, bool force_find, std::string* error);
+  /// On whatever switch it is.
+  int FindAndClearExistingPortWithVifId(const std::string& ls, const std::string& vif, std::string* error);
+  /// Takes the VIF off every port but `port`.
+  int ClearVifFromPortOtherThan(const std::string& port, const std::string& vif, std::string* error);
+
+  /// The VM's configuration file is somewhere else now.
+  int UpdateGcfPath(const std::string& zone, const std::string& port, const std::string& new_gcf_path,
+                    std::string* error);
+
+  /// With `rpc_done` "false" notes on the port that `rpc_op` could not be told to the manager; with "true"
+  /// forgets the same note.
+  int UpdateDvportRpcOp(const std::string& dvs, const std::string& port, const std::string& rpc_op,
+                        const std::string& rpc_done, std::string* error);
+
+  /// Takes the port from its switch, and its file.  `vm_leaves`: the files of all ports of the VM.
+  int DeletePort(const std::string& dvs, const std::string& port, bool vm_leaves, std::string* error);
+
+  // --- single properties
+
+  int SetPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
+                         const std::string& value, std::string* error = nullptr);
+  /// 0, 1 when the port did not have it, or -1 after three tries.
+  int ClearPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
+                           std::string* error = nullptr);
+  /// The library's code.
+  uint32_t GetPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
+                              std::string* value);
+  /// What ties the port to a VIF.
+  int ClearPortOpaqueData(const std::string& dvs, const std::string& port);
+  /// From all ports of the switch.
+  int ClearAllPortOpaqueData(const std::string& dvs);
+  int SetVlanPolicy(const std::string& dvs, const std::string& port, int32_t vlan,
+                    const std::vector<std::pair<uint32_t, uint32_t>>& ranges, std::string* error);
+  int SetUplinkTeamingName(const std::string& dvs, const std::string& port, const std::string& teaming,
+                           std::string* error);
+  /// A property of the switch on this host; the library's code.
+  uint32_t GetHostConfigProp(const std::string& dvs, const std::string& property, std::string* value);
+
+  // --- port files
+
+  /// Writes what the port is into the file.  0; -1 without path or without state, -2 when it cannot be
+  /// written.
+  int SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port);
+  /// Changes one property in the file of a port that need not be on a switch; nothing removes it.
+  int UpdateExtraConfigInPortDataFile(const std::string& path, const std::string& key,
+                                      const std::string* value);
+
+ private:
+  /// The switches of all zones, each once.
+  std::vector<std::string> Switches() const;
+  int CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec, const std::string& block,
+                bool unblock, std::string* error);
+  /// What an existing port's block setting is becomes `block`; it gets a new cookie.
+  void RefreshExisting(const std::string& dvs, const std::string& port, std::string* block);
+  int SetPortConfig(const std::string& dvs, const PortConfigSpec& spec, const std::string& vif,
+                    const std::string& gcf_path, std::string* error);
+  int PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
+                  const std::map<std::string, std::string>& extra_configs, std::string* error);
+  /// Empty when the port has no file.
+  std::string PersistPath(const std::string& dvs, const std::string& port) const;
+  /// Saves it where it is saved already; nothing for a port without file.
+  int SaveAgain(const char* operation, const std::string& dvs, const std::string& port);
+  bool FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found) const;
+  bool RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,
+                        PortLocation* found);
+  bool RestorePort(const std::string& dvs, const std::string& port, const std::string& file);
+  /// The port belongs to the logical switch and holds the VIF.
+  bool Matches(const PortLocation& at, const std::string& vif, const std::string& ls) const;
+  int ClearExternalId(const std::string& dvs, const std::string& port, std::string* error);
+
+  SwitchLibrary& library_;
+  LumCommands& lum_;
+  CopyOnWriteMap<std::string, HostSwitchInfo> tz_to_dvs_;
+  CopyOnWriteMap<std::string, std::shared_ptr<VifRequest>> vifs_to_fetch_site_config_;
+};
+
+}  // namespace zem::zema
