@@ -141,10 +141,12 @@ def migrate_to_pln(state, arguments):
     if target not in state.host["standardSwitches"]:
         raise Refused("standard switch [%s] is not found" % target)
     current = [(pair["dev"], pair["uplink"]) for pair in meta["pnics"]]
-    keep = [pair for pair in (pairs or current) if pair[1] in stay]
+    keep = [pair for pair in pairs if pair[1] in stay]
+    going = [name for name, _ in current if name not in {name for name, _ in keep}]
+    if moves and not going and not state.pnics_of("standard", target):
+        raise Refused("standard switch [%s] would have no physical NIC" % target)
     for move in moves:
         move()
-    going = [name for name, _ in current if name not in {name for name, _ in keep}]
     state.give_pnics(switch, keep)
     for name in going:
         state.host["pnics"][name]["owner"] = {"kind": "standard", "switch": target}

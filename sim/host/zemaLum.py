@@ -189,24 +189,27 @@ class Host:
         path = os.path.join(self.state.host_dir, "faults")
         if not os.path.exists(path):
             return None, ""
-        rows = self.setting("faults", "").splitlines()
-        for i, row in enumerate(rows):
-            fields = row.split("\t")
-            if len(fields) < 4 or not re.search(fields[0], what):
-                continue
-            skip, count = int(fields[1]), int(fields[2])
-            if skip > 0:
-                fields[1] = str(skip - 1)
+        with self.state.locked():
+            rows = self.setting("faults", "").splitlines()
+            for i, row in enumerate(rows):
+                fields = row.split("\t")
+                if len(fields) < 4 or not re.search(fields[0], what):
+                    continue
+                skip, count = int(fields[1]), int(fields[2])
+                if skip > 0:
+                    fields[1] = str(skip - 1)
+                else:
+                    fields[2] = str(count - 1)
                 rows[i] = "\t".join(fields)
-            elif count > 1:
-                fields[2] = str(count - 1)
-                rows[i] = "\t".join(fields)
-            else:
-                del rows[i]
-            simstate.write_file(path, "".join(row + "\n" for row in rows).encode())
-            if skip > 0:
-                return None, ""
-            return fields[3], fields[4] if len(fields) > 4 else ""
+                if fields[2] == "0":
+                    del rows[i]
+                if rows:
+                    simstate.write_file(path, "".join(row + "\n" for row in rows).encode())
+                else:
+                    os.unlink(path)
+                if skip == 0:
+                    return fields[3], fields[4] if len(fields) > 4 else ""
+                break
         return None, ""
 
     def log(self, started, operation, data, status, text):

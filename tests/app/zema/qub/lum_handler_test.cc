@@ -15,6 +15,7 @@
 #include "framework/shutdown_pipe.h"
 #include "platform/core/thread.h"
 #include "sim/node/sandbox.h"
+#include "tests/app/zema/qub/lum_sandbox.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox_test.h"
 
@@ -23,55 +24,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kHost = "/var/run/orlane/sim/host";
-
-void Write(const std::string& name, const std::string& text) {
-  std::filesystem::create_directories(kHost);
-  std::ofstream(std::string(kHost) + "/" + name) << text;
-}
-
-std::string Frames() {
-  std::ostringstream text;
-  text << std::ifstream(std::string(kHost) + "/frames.log").rdbuf();
-  return text.str();
-}
-
 size_t Count(const std::string& text, const std::string& part) {
   size_t count = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
   return count;
 }
 
-class LumHandlerTest : public test::SandboxTest {
- protected:
-  // Into the folder that the sandbox sees wherever the source stands.
-  LumHandlerTest() {
-    for (const auto& file : std::filesystem::directory_iterator(ZEM_SOURCE "/sim/host")) {
-      if (!file.is_regular_file()) continue;
-      std::filesystem::copy(file.path(), directory_.Path(file.path().filename().string()));
-    }
-  }
-
-  // The body's log and the ready words the handler has told go along.
-  int Run(const std::function<int(test::LogCapture&, LumSettings, std::string*)>& body) {
-    return SandboxTest::Run([&body] {
-      test::LogCapture log;
-      std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/ps", "/usr/local/bin/ps");
-      ::setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
-      if (!Tarvik::OpenShutdownPipe()) return 1;
-      std::string told;
-      LumSettings settings;
-      settings.script = std::string(sim::kNodeDirectory) + "/zemaLum.py";
-      settings.kill_pause = 20ms;
-      settings.spawn_pause = 20ms;
-      settings.pid_pause = 20ms;
-      settings.ready_pause = 20ms;
-      settings.host_version = "7.0.3";
-      settings.set_ready = [&told](bool ready) { told += ready ? "up " : "down "; };
-      return body(log, settings, &told);
-    });
-  }
-};
+using LumHandlerTest = test::LumSandbox;
+using test::Frames;
+using test::Write;
 
 TEST_F(LumHandlerTest, LogsInAndAnswers) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
@@ -188,22 +149,47 @@ TEST_F(LumHandlerTest, ShutdownEndsAStart) {
             0);
 }
 
-// New starts leave no process and no descriptor.
+size_t Processes() {
+  size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    if (std::isdigit(static_cast<unsigned char>(entry.path().filename().string()[0])) != 0) ++count;
+  }
+  return count;
+}
+
+int RespawnTimes(int times, test::LogCapture& log, LumSettings settings) {
+  settings.spawn_pause = 1ms;
+  LumHandler handler(settings);
+  SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
+  const size_t descriptors = test::OpenDescriptors();
+  const size_t processes = Processes();
+  std::string out;
+  for (int i = 0; i < times; ++i) {
+    SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &out) == 2);
+    SANDBOX_EXPECT(handler.connected());
+    log.Clear();
+  }
+  SANDBOX_EXPECT(test::OpenDescriptors() == descriptors);
+  SANDBOX_EXPECT(Processes() == processes);
+  return 0;
+}
+
+// New starts leave no process, dead or alive, and no descriptor.
 TEST_F(LumHandlerTest, RespawnsLeaveNothingBehind) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
-              settings.spawn_pause = 1ms;
               Write("lum.start", "ready");
-              LumHandler handler(settings);
-              SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
-              const size_t descriptors = test::OpenDescriptors();
-              std::string out;
-              for (int i = 0; i < 10; ++i) {
-                Write("faults", "^op 22\t0\t1\texit\n");
-                SANDBOX_EXPECT(handler.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &out) == 2);
-                SANDBOX_EXPECT(handler.connected());
-              }
-              SANDBOX_EXPECT(test::OpenDescriptors() == descriptors);
-              return 0;
+              Write("faults", "^op 22$\t0\t1000\texit\n");
+              return RespawnTimes(50, log, settings);
+            }),
+            0);
+}
+
+TEST_F(LumHandlerTest, AThousandRespawnsLeaveNothingBehind) {
+  EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
+              std::filesystem::remove("/usr/local/bin/python");
+              std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/stand_in",
+                                              "/usr/local/bin/python");
+              return RespawnTimes(1000, log, settings);
             }),
             0);
 }

@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "app/zema/qub/knl_validation.h"
 #include "app/zema/qub/lum_reply.h"
+#include "app/zema/qub/migration_command.h"
 #include "app/zema/qub/vtep_reply.h"
 
 namespace {
@@ -34,5 +36,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto mac = zem::zema::ParseMac(text);
   Require(!mac || *mac >> 48 == 0);
   static_cast<void>(zem::zema::ParseGuestLane(text));
+
+  const auto knls = zem::zema::ParseKnls(text);
+  for (const auto& knl : knls.value_or(std::vector<zem::zema::HostKnl>())) Require(!knl.device.empty());
+  // Whatever the host says is told to somebody: nothing but the prefix and the separators goes.
+  const auto failure = zem::zema::ParseMigrateToLsFailure(text);
+  size_t told = failure.error.size();
+  for (const auto& device : failure.vteps) told += device.size();
+  Require(failure.vteps.empty() ? told <= text.size() : told + 14 <= text.size());
   return 0;
 }

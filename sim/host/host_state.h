@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "sim/control/json.h"
+
+namespace zem::sim {
+
+/// The simulated host's state, as its management script keeps it: a file tree that both change under one
+/// lock. Its form is told by simstate.py.
+///
+/// Threads: all operations from any thread.  Errors: std::runtime_error with a text for people.
+class HostState {
+ public:
+  /// The environment's ZEM_SIM_ROOT, or where it is without.
+  static std::string DefaultRoot();
+
+  explicit HostState(std::string root) : root_(std::move(root)) {}
+
+  /// The host without its opaque networks.
+  Json Read() const;
+  /// Puts `value` at a path of member names with dots between; the members on the way must be there.
+  void Set(const std::string& path, const std::string& value) const;
+
+  /// The opaque networks by uuid, each an object.
+  Json Networks() const;
+
+  /// The faults' rows.
+  std::vector<std::string> Faults() const;
+  void AddFault(const std::string& row) const;
+  void ClearFaults() const;
+
+  /// How the next start of the script begins: the first answer to "ping", or "never"; and how often it is
+  /// still "initializing" after the login.
+  void SetStart(const std::string& word, int polls) const;
+
+  /// The last `count` frames that hold `part`, in their order.
+  Json Frames(size_t count, const std::string& part) const;
+
+ private:
+  std::string Path(const char* name) const { return root_ + "/host/" + name; }
+  void Locked(const std::function<void()>& change) const;
+
+  const std::string root_;
+};
+
+}  // namespace zem::sim
