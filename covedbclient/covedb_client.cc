@@ -212,6 +212,10 @@ void CoveDbClient::EnterDisconnected() {
   covedb_stub_.reset();
   ops_stub_.reset();
   daemon_health_stub_.reset();
+  for (auto& [vdb_id, refused] : monitor_refusals_) {
+    if (refused.timer) refused.timer->Cancel();
+  }
+  monitor_refusals_.clear();
   // What was asked of the lost stubs is not waited for any longer; the next connection asks anew.
   schema_call_allowed_ = true;
   schema_version_call_allowed_ = true;

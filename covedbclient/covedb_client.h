@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -139,6 +140,7 @@ class CoveDbClient final : public CoveDbClientInterface, public std::enable_shar
   void SetupMonitor(uint16_t vdb_id, const MonitorTables::SessionId& monitor_id);
   void SendConfigureMonitor(uint16_t vdb_id, orlane::zem::covedb::ConfigureMonitorRequestMsg& request);
   void OnMonitorStatus(uint16_t vdb_id, const rpc::Status& status);
+  void OnMonitorRefused(uint16_t vdb_id, const rpc::Status& status);
 
   void GetServerSchemaAndVersion();
   void CoveDbServerSchemaResponseHandler(const std::string& schema, const rpc::Status& status);
@@ -158,6 +160,13 @@ class CoveDbClient final : public CoveDbClientInterface, public std::enable_shar
   std::shared_ptr<Timer> retry_timer_;
   RetryPolicy retry_policy_;
   MonitorTables monitors_;
+  // A stream that the store refuses again and again, until one is answered.
+  struct Refusals {
+    int count = 0;
+    RetryPolicy delays;
+    std::shared_ptr<Timer> timer;
+  };
+  std::map<uint16_t, Refusals> monitor_refusals_;  // by vdb
   std::vector<ChannelStatusCallback> channel_status_callbacks_;
   ModifyQueue modify_queue_;
   const std::shared_ptr<std::recursive_mutex> state_mutex_;  // guards all but the constants

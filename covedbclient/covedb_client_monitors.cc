@@ -5,7 +5,10 @@
 #include "covedbclient/client_log.h"
 #include "covedbclient/covedb_client.h"
 #include "covedbclient/response_observer.h"
+#include "platform/core/provider.h"
+#include "platform/core/timer.h"
 #include "platform/core/uuid.h"
+#include "platform/core/weak_call.h"
 
 namespace zem::covedb {
 namespace {
@@ -13,6 +16,12 @@ namespace {
 namespace proto = orlane::zem::covedb;
 using proto::MonitorResponseMsg;
 using rpc::StatusCode;
+
+// A monitor id that is taken is cured by another one at once.  What is refused after that, a statement that
+// the store cannot serve, stays refused until the store changes.
+constexpr int kRefusalsAtOnce = 2;
+constexpr int64_t kFirstRefusalDelayMs = 1000;
+constexpr int64_t kLastRefusalDelayMs = 60000;
 
 }  // namespace
 
@@ -30,6 +39,7 @@ class CoveDbClient::MonitorResponseObserver final : public rpc::CallObserver<Mon
     }
     const ObserverLock lock(*client);
     ZLOG_DEBUG("Received a monitor response: %s", response.ShortDebugString().c_str());
+    client->monitor_refusals_.erase(vdb_id_);
     for (const MonitorUpdateMsg& update : response.update()) client->monitors_.NotifyModules(update, vdb_id_);
     if (response.mark().barrier()) client->monitors_.NotifyBarrier(vdb_id_);
   }
@@ -119,6 +129,11 @@ void CoveDbClient::SetupMonitors() {
 
 void CoveDbClient::SetupMonitor(uint16_t vdb_id, const MonitorTables::SessionId& monitor_id) {
   if (!covedb_stub_) return;
+  if (const auto refused = monitor_refusals_.find(vdb_id);
+      refused != monitor_refusals_.end() && refused->second.timer) {
+    refused->second.timer->Cancel();
+    refused->second.timer.reset();
+  }
   proto::MonitorRequestMsg request;
   request.set_monitor_id(UuidText(monitor_id));
   request.set_vdb_id(vdb_id);
@@ -132,8 +147,8 @@ void CoveDbClient::SetupMonitor(uint16_t vdb_id, const MonitorTables::SessionId&
 void CoveDbClient::OnMonitorStatus(uint16_t vdb_id, const rpc::Status& status) {
   const ObserverLock lock(*this);
   switch (static_cast<StatusCode>(status.code())) {
-    case StatusCode::kInvalidArgument:  // the id is somebody else's
-      if (monitors_.HasSession(vdb_id)) SetupMonitor(vdb_id, monitors_.RenewSession(vdb_id));
+    case StatusCode::kInvalidArgument:  // the id is somebody else's, or a statement cannot be served
+      if (monitors_.HasSession(vdb_id)) OnMonitorRefused(vdb_id, status);
       return;
     case StatusCode::kVdbGone:
       RemoveMonitorSession(vdb_id);
@@ -146,6 +161,36 @@ void CoveDbClient::OnMonitorStatus(uint16_t vdb_id, const rpc::Status& status) {
     default:
       return;  // a lost connection is handled where the stub's end is told
   }
+}
+
+void CoveDbClient::OnMonitorRefused(uint16_t vdb_id, const rpc::Status& status) {
+  Refusals& refused =
+      monitor_refusals_
+          .try_emplace(vdb_id,
+                       Refusals{0, RetryPolicy(kFirstRefusalDelayMs, kLastRefusalDelayMs, 2, -1), nullptr})
+          .first->second;
+  if (++refused.count <= kRefusalsAtOnce) return SetupMonitor(vdb_id, monitors_.RenewSession(vdb_id));
+  const int64_t delay_ms = refused.delays.NextDelay();
+  ZLOG_WARN("CoveDbClient: the store refuses the monitor of vdb_id %u (%s), trying again in %li ms...",
+            static_cast<unsigned>(vdb_id), status.ToString().c_str(), static_cast<long>(delay_ms));
+  if (refused.timer) refused.timer->Cancel();
+  refused.timer =
+      provider_.timers().Schedule(std::chrono::milliseconds(delay_ms),
+                                  WeakCall(
+                                      weak_from_this(),
+                                      [vdb_id](CoveDbClient& client) {
+                                        const StateLock lock(*client.state_mutex_);
+                                        const auto entry = client.monitor_refusals_.find(vdb_id);
+                                        // None: the stream was opened another way while this was on its way
+                                        // here.
+                                        if (entry == client.monitor_refusals_.end() || !entry->second.timer)
+                                          return;
+                                        entry->second.timer.reset();
+                                        if (client.monitors_.HasSession(vdb_id)) {
+                                          client.SetupMonitor(vdb_id, client.monitors_.RenewSession(vdb_id));
+                                        }
+                                      },
+                                      [] { ZLOG_DEBUG("CoveDbClient is already destroyed"); }));
 }
 
 }  // namespace zem::covedb

@@ -7,7 +7,9 @@
 #include <charconv>
 #include <stdexcept>
 
+#include "proto/covedb/runtime_objects.pb.h"
 #include "proto/covedb/scenario.pb.h"
+#include "proto/covedb/switching_objects.pb.h"
 #include "sim/control/hex.h"
 
 namespace zem::sim {
@@ -46,10 +48,23 @@ class FirstError final : public google::protobuf::io::ErrorCollector {
 }  // namespace
 
 ObjectRegistry::ObjectRegistry() {
-  Register(ObjectType::SCENARIO_OBJECT, orlane::zem::covedb::ScenarioObjectMsg::default_instance(), "id");
+  namespace proto = orlane::zem::covedb;
+  Register(ObjectType::SCENARIO_OBJECT, proto::ScenarioObjectMsg::default_instance(), "id");
+  Register(ObjectType::TRANSPORT_NODE_CONFIG, proto::TransportNodeConfigMsg::default_instance(), "id");
+  Register(ObjectType::VIF_STATE, proto::VifStateMsg::default_instance(), "vif_id");
+  Register(ObjectType::BARRIER, proto::BarrierMsg::default_instance(), "");
+  Register(ObjectType::PROCESSED_BARRIER, proto::ProcessedBarrierMsg::default_instance(), "component",
+           KeyRule::kOptional);
+  Register(ObjectType::HOST_CONFIG, proto::HostConfigMsg::default_instance(), "id");
+  Register(ObjectType::CONTROLLER_INFO, proto::ControllerInfoMsg::default_instance(), "uuid");
+  Register(ObjectType::MAINTENANCE_MODE_CONFIG, proto::MaintenanceModeConfigMsg::default_instance(), "id");
+  Register(ObjectType::REALIZED_HOST_CONFIG, proto::RealizedHostConfigMsg::default_instance(), "id");
+  Register(ObjectType::RUNTIME_STATUS, proto::RuntimeStatusMsg::default_instance(), "");
+  Register(ObjectType::OPAQUE_LOG_SWITCH_CONFIG, proto::OpaqueLogSwitchConfigMsg::default_instance(), "id");
 }
 
-void ObjectRegistry::Register(ObjectType type, const Message& prototype, const std::string& key_field) {
+void ObjectRegistry::Register(ObjectType type, const Message& prototype, const std::string& key_field,
+                              KeyRule rule) {
   const FieldDescriptor* key = nullptr;
   if (!key_field.empty()) {
     key = prototype.GetDescriptor()->FindFieldByName(key_field);
@@ -57,7 +72,7 @@ void ObjectRegistry::Register(ObjectType type, const Message& prototype, const s
       throw std::invalid_argument(prototype.GetTypeName() + " has no single field " + key_field);
     }
   }
-  entries_[type] = Entry{&prototype, key};
+  entries_[type] = Entry{&prototype, key, rule};
 }
 
 std::unique_ptr<Message> ObjectRegistry::New(ObjectType type) const {
@@ -81,6 +96,10 @@ Status ObjectRegistry::Key(ObjectType type, const std::string& object, std::stri
     return Status();
   }
   if (!message->GetReflection()->HasField(*message, field)) {
+    if (entry->second.rule == KeyRule::kOptional) {
+      key->clear();
+      return Status();
+    }
     return Status(StatusCode::kInvalidArgument, "the object has no key \"" + field->name() + "\"");
   }
   *key = KeyBytes(*message, *field);

@@ -21,12 +21,16 @@ using orlane::zem::covedb::ObjectType;
 /// Threads: register first, by one thread; then all operations from any.
 class ObjectRegistry {
  public:
-  /// Knows ScenarioObjectMsg.
+  /// Knows ScenarioObjectMsg and what the realization reads and writes.
   ObjectRegistry();
+
+  /// Whether an object without its key field is refused, or is the one object that has none.
+  enum class KeyRule { kRequired, kOptional };
 
   /// `prototype` lives forever.  An empty `key_field` means that there is one object of the type.  A field
   /// that the message does not have, or a repeated one, throws std::invalid_argument.
-  void Register(ObjectType type, const google::protobuf::Message& prototype, const std::string& key_field);
+  void Register(ObjectType type, const google::protobuf::Message& prototype, const std::string& key_field,
+                KeyRule rule = KeyRule::kRequired);
 
   /// Null for a type that is not registered.
   std::unique_ptr<google::protobuf::Message> New(ObjectType type) const;
@@ -45,6 +49,7 @@ class ObjectRegistry {
   struct Entry {
     const google::protobuf::Message* prototype;
     const google::protobuf::FieldDescriptor* key;  // null: one object
+    KeyRule rule;
   };
   std::map<ObjectType, Entry> entries_;
 };

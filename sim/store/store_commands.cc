@@ -6,7 +6,9 @@
 #include <string>
 #include <utility>
 
+#include "proto/covedb/runtime_objects.pb.h"
 #include "sim/control/command_table.h"
+#include "sim/store/logical_switches.h"
 #include "sim/store/store_daemon.h"
 
 namespace zem::sim {
@@ -103,6 +105,51 @@ class StoreCommands {
     std::string error;
     if (!ParseMessageText(arguments[0], &request, &error)) Refuse("no ModifyRequestMsg: " + error);
     Answer(reply, daemon_.store().Modify({request}));
+  }
+
+  // An object and the controller's barrier behind it, as one transaction.
+  void Transaction(const Arguments& arguments, const Reply& reply) const {
+    proto::ModifyRequestMsg request;
+    const auto add = [&request](ObjectType type, std::string object) {
+      proto::PutMsg& put = *request.add_modify_msg()->mutable_put_msg();
+      put.set_object_type(type);
+      put.set_object(std::move(object));
+    };
+    proto::BarrierMsg barrier;
+    barrier.set_value(static_cast<uint64_t>(ParseNumber(arguments[0], 0, INT64_MAX)));
+    if (arguments.size() == 2) Refuse("an object needs its type and its text");
+    if (arguments.size() > 2) {
+      const ObjectType type = ParseType(arguments[1]);
+      add(type, Object(type, arguments[2]));
+    }
+    add(ObjectType::BARRIER, barrier.SerializeAsString());
+    Answer(reply, daemon_.store().Modify({request}));
+  }
+
+  static SwitchRange ParseRange(const Arguments& arguments) {
+    SwitchRange range;
+    const auto number = [&arguments](size_t i, uint32_t otherwise, int64_t least) {
+      return arguments.size() > i ? static_cast<uint32_t>(ParseNumber(arguments[i], least, 1'000'000))
+                                  : otherwise;
+    };
+    range.count = number(0, 0, 1);
+    range.first = number(2, range.first, 1);
+    range.zones = number(3, range.zones, 1);
+    range.revision = static_cast<int32_t>(number(4, 1, 0));
+    return range;
+  }
+  static uint64_t ParseBarrier(const Arguments& arguments) {
+    return static_cast<uint64_t>(ParseNumber(arguments[1], 0, INT64_MAX));
+  }
+
+  void PutSwitches(const Arguments& arguments, const Reply& reply) const {
+    Answer(reply, daemon_.store().Modify(
+                      {PutLogicalSwitches(ParseRange(arguments), ParseBarrier(arguments), true)}));
+  }
+
+  void DeleteSwitches(const Arguments& arguments, const Reply& reply) const {
+    Answer(reply,
+           daemon_.store().Modify({DeleteLogicalSwitches(ParseRange(arguments), ParseBarrier(arguments))}));
   }
 
   void Get(const Arguments& arguments, const Reply& reply) const {
@@ -309,6 +356,18 @@ void RegisterStoreCommands(CommandTable& table, StoreDaemon& daemon, const Objec
                   [c](A a, R r) { c.Copy(a, r); }, true});
   table.Register({"modify", "REQUEST", "Makes the changes of a ModifyRequestMsg (text format) as one batch.",
                   1, 1, [c](A a, R r) { c.Modify(a, r); }, true});
+  table.Register(
+      {"transaction", "BARRIER [TYPE OBJECT]",
+       "Sets an object and the controller's barrier as one batch; PROCESSED_BARRIER then tells how far the "
+       "agent has come.",
+       1, 3, [c](A a, R r) { c.Transaction(a, r); }, true});
+  table.Register(
+      {"switches/put", "COUNT BARRIER [FIRST [ZONES [REVISION]]]",
+       "Sets the transport node, so many logical switches (\"ls-FIRST\" and on) and a barrier as one batch.",
+       2, 5, [c](A a, R r) { c.PutSwitches(a, r); }});
+  table.Register({"switches/delete", "COUNT BARRIER [FIRST]",
+                  "Removes logical switches that switches/put has set, with a barrier, as one batch.", 2, 3,
+                  [c](A a, R r) { c.DeleteSwitches(a, r); }});
   table.Register({"get", "TYPE[@VDB] [OBJECT]",
                   "Shows all objects of a type, or the one that has the key of OBJECT.", 1, 2,
                   [c](A a, R r) { c.Get(a, r); }, true});

@@ -109,6 +109,27 @@ TEST_F(ClientMonitorsTest, AnIdThatSomebodyElseHoldsIsReplaced) {
   EXPECT_EQ(Calls("Monitor"), 3u);
 }
 
+// A statement that the store cannot serve is refused under every id; asking at once each time would be a busy
+// loop.
+TEST_F(ClientMonitorsTest, AMonitorThatIsRefusedAgainAndAgainIsTriedSlowly) {
+  WatchType(4);
+  StartStore();
+  daemon->faults().SetStatus("Monitor", 2, -1);
+  PutAtStore("a");
+  client->StartAsync();
+  clock.RunFor(10min);
+  EXPECT_GE(Calls("Monitor"), 12u);
+  EXPECT_LE(Calls("Monitor"), 20u);
+  const uint64_t before = Calls("Monitor");
+  LoseConnection();
+  EXPECT_EQ(Calls("Monitor"), before + 6) << "a new connection asks afresh";
+  daemon->faults().SetStatus("Monitor", 0, 0);
+  clock.RunFor(1min);
+  EXPECT_THAT(TakeEvents(), ElementsAre("4:7a", "4|"));
+  clock.RunFor(10min);
+  EXPECT_THAT(TakeEvents(), IsEmpty()) << "and stays";
+}
+
 TEST_F(ClientMonitorsTest, AVDbIsWatchedUntilItIsDeleted) {
   Connect();
   uint32_t vdb = 0;

@@ -178,6 +178,11 @@ bool WorkerTable::AddTask(Worker worker, std::unique_ptr<Runnable> task) {
   }
 }
 
+void WorkerTable::ClearTasks(Worker worker) {
+  const Synchronizer lock(table_lock_, __FILE__, __LINE__);
+  if (TaskThread* const thread = Slot(worker).get()) thread->Clear();
+}
+
 bool WorkerTable::Offer(Worker worker, std::unique_ptr<Runnable> task, const char* kind, const char* thread) {
   const void* const address = task.get();
   if (AddTask(worker, std::move(task))) return true;

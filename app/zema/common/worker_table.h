@@ -78,6 +78,9 @@ class WorkerTable {
   /// one that batches.  The others, once stopped, take a task and destroy it.
   bool AddTask(Worker worker, std::unique_ptr<Runnable> task);
 
+  /// Destroys what waits in the worker's queue; nothing when there is no such worker.
+  void ClearTasks(Worker worker);
+
   // The tasks whose worker may be missing: a line is logged and the task destroyed.  `error` may be null.
   bool AddHostConfigTask(std::unique_ptr<Runnable> task, std::string* error);
   bool AddVtepRecoveryTask(std::unique_ptr<Runnable> task);

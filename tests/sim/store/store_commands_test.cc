@@ -30,7 +30,7 @@ TEST_F(StoreCommandsTest, EachCommandDoesWhatItSaysOrTellsWhyNot) {
   const std::pair<const char*, const char*> session[] = {
       {R"(put SCENARIO_OBJECT id: "a b" number: 1)", R"({"ok":true})"},
       {R"(patch 221 id: "a b" text: "t")", R"({"ok":true})"},
-      {"put VIF_STATE hex:0102", R"({"ok":true})"},
+      {"put RULE hex:0102", R"({"ok":true})"},
       {"get SCENARIO_OBJECT",
        R"({"ok":true,"result":[{"type":221,"name":"SCENARIO_OBJECT","object":"id: \"a b\" text: \"t\" number: 1"}]})"},
       {"get SCENARIO_OBJECT id: 'never'", R"({"ok":true,"result":[]})"},
@@ -38,21 +38,21 @@ TEST_F(StoreCommandsTest, EachCommandDoesWhatItSaysOrTellsWhyNot) {
       {"vdb/create second", R"({"ok":true,"result":{"vdb":2}})"},
       {"copy SCENARIO_OBJECT 2", R"({"ok":true})"},
       {"flush SCENARIO_OBJECT", R"({"ok":true})"},
-      {"list", R"({"ok":true,"result":[{"vdb":1,"type":24,"name":"VIF_STATE","objects":1},)"
+      {"list", R"({"ok":true,"result":[{"vdb":1,"type":29,"name":"RULE","objects":1},)"
                R"({"vdb":2,"type":221,"name":"SCENARIO_OBJECT","objects":1}]})"},
       {"query SCENARIO_OBJECT@2 id PREFIX a",
        R"({"ok":true,"result":[{"type":221,"name":"SCENARIO_OBJECT","object":"id: \"a b\" text: \"t\" number: 1"}]})"},
       {R"(delete SCENARIO_OBJECT@2 id: "a b")", R"({"ok":true})"},
       {"vdb/list", R"({"ok":true,"result":[{"vdb":1,"name":"default"},{"vdb":2,"name":"second"}]})"},
       {"vdb/delete second", R"({"ok":true})"},
-      {"modify modify_msg { flush_msg { object_type: VIF_STATE } }", R"({"ok":true})"},
+      {"modify modify_msg { flush_msg { object_type: RULE } }", R"({"ok":true})"},
       {"list", R"({"ok":true,"result":[]})"},
       {"monitors", R"({"ok":true,"result":[]})"},
       {"barrier", R"({"ok":true,"result":{"streams":0}})"},
       {"schema 3.0.0 TN_DESIRED_CONFIG_1",
        R"({"ok":true,"result":{"version":"3.0.0","schema":"enum ObjectType {\n  OBJECT_TYPE_NONE = 0;\n)"
        R"(  TN_DESIRED_CONFIG_1 = 1;\n}\n"}})"},
-      {"put VIF_STATE hex:00", R"({"ok":false,"error":"UNKNOWN_TYPE (5): the schema has no type 24"})"},
+      {"put RULE hex:00", R"({"ok":false,"error":"UNKNOWN_TYPE (5): the schema has no type 29"})"},
       {"put NONSENSE hex:00", R"({"ok":false,"error":"no object type \"NONSENSE\""})"},
       {"put SCENARIO_OBJECT@0 id: 'a'", R"({"ok":false,"error":"\"0\" is no number from 1 to 65535"})"},
       {"put SCENARIO_OBJECT id: a",
@@ -72,6 +72,35 @@ TEST_F(StoreCommandsTest, EachCommandDoesWhatItSaysOrTellsWhyNot) {
   };
   for (const auto& [line, answer] : session) EXPECT_EQ(Run(line), answer) << line;
   EXPECT_TRUE(daemon.faults().PassAtOnce("Modify")) << "no fault is left";
+}
+
+// What a controller does and what the agent answers, as a person sees it.
+TEST_F(StoreCommandsTest, ATransactionIsItsObjectsAndTheBarrier) {
+  const std::pair<const char*, const char*> session[] = {
+      {"switches/put 500 8", R"({"ok":true})"},
+      {"switches/put 10 9 491 3 2", R"({"ok":true})"},
+      {"switches/delete 490 10", R"({"ok":true})"},
+      {R"(transaction 11 OPAQUE_LOG_SWITCH_CONFIG id { first: 1 second: 2 } revision: 4 name: "a b")",
+       R"({"ok":true})"},
+      {"list", R"({"ok":true,"result":[{"vdb":1,"type":5,"name":"TRANSPORT_NODE_CONFIG","objects":1},)"
+               R"({"vdb":1,"type":110,"name":"BARRIER","objects":1},)"
+               R"({"vdb":1,"type":127,"name":"OPAQUE_LOG_SWITCH_CONFIG","objects":11}]})"},
+      {"get BARRIER", R"({"ok":true,"result":[{"type":110,"name":"BARRIER","object":"value: 11"}]})"},
+      {"query OPAQUE_LOG_SWITCH_CONFIG revision GREATER 3",
+       R"({"ok":true,"result":[{"type":127,"name":"OPAQUE_LOG_SWITCH_CONFIG",)"
+       R"("object":"id { first: 1 second: 2 } revision: 4 name: \"a b\""}]})"},
+      {"put PROCESSED_BARRIER value: 7", R"({"ok":true})"},
+      {"put PROCESSED_BARRIER component: 13 value: 8", R"({"ok":true})"},
+      {"put PROCESSED_BARRIER value: 9", R"({"ok":true})"},
+      {"get PROCESSED_BARRIER",
+       R"({"ok":true,"result":[{"type":112,"name":"PROCESSED_BARRIER","object":"value: 9"},)"
+       R"({"type":112,"name":"PROCESSED_BARRIER","object":"component: 13 value: 8"}]})"},
+      {"put OPAQUE_LOG_SWITCH_CONFIG name: 'no key'",
+       R"({"ok":false,"error":"INVALID_ARGUMENT (2): the object has no key \"id\""})"},
+      {"transaction 12 VIF_STATE", R"({"ok":false,"error":"an object needs its type and its text"})"},
+      {"switches/put 0 1", R"({"ok":false,"error":"\"0\" is no number from 1 to 1000000"})"},
+  };
+  for (const auto& [line, answer] : session) EXPECT_EQ(Run(line), answer) << line;
 }
 
 }  // namespace

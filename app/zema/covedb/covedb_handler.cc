@@ -1,0 +1,515 @@
+#include "app/zema/covedb/covedb_handler.h"
+
+#include <algorithm>
+#include <ctime>
+#include <optional>
+#include <utility>
+
+#include "app/zema/covedb/address_codec.h"
+#include "app/zema/covedb/edge_codec.h"
+#include "app/zema/covedb/host_config_codec.h"
+#include "covedbclient/statements.h"
+#include "framework/log.h"
+#include "platform/core/timer.h"
+#include "platform/core/weak_call.h"
+#include "platform/rpc/status.h"
+#include "proto/config/config.pb.h"
+#include "proto/covedb/covedb.pb.h"
+#include "proto/covedb/runtime_objects.pb.h"
+#include "proto/covedb/switching_objects.pb.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::zema {
+namespace {
+
+namespace store = orlane::zem::covedb;
+using covedb::ModifyRequestMsg;
+using covedb::MonitorUpdateMsg;
+using store::ObjectType;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr auto kMonitored = {ObjectType::OPAQUE_LOG_SWITCH_CONFIG, ObjectType::TRANSPORT_NODE_CONFIG,
+                             ObjectType::BARRIER, ObjectType::VIF_STATE};
+constexpr auto kDesiredConfig = {ObjectType::TN_DESIRED_CONFIG_1,   ObjectType::TN_DESIRED_CONFIG_2,
+                                 ObjectType::TRANSPORT_NODE_CONFIG, ObjectType::TN_DESIRED_CONFIG_22,
+                                 ObjectType::TN_DESIRED_CONFIG_23,  ObjectType::OPAQUE_LOG_SWITCH_CONFIG};
+constexpr auto kFullSync = {ObjectType::OPAQUE_LOG_SWITCH_CONFIG, ObjectType::TRANSPORT_NODE_CONFIG,
+                            ObjectType::BARRIER};
+
+constexpr uint32_t kRuntimeStatus = 5;
+constexpr uint32_t kBarrierSize = 8;
+// A complete reading that is scheduled again and again waits no longer than this many intervals.
+constexpr int kMaxIntervals = 4;
+
+constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg";
+constexpr const char* kMmodeType = "com.orlane.zem.switching.MaintenanceModeConfigMsg";
+constexpr const char* kControllersType = "com.orlane.zem.config.MpLcpMsg";
+
+template <class Object>
+store::PutMsg* AddPut(ModifyRequestMsg* request, ObjectType type, const Object& object) {
+  store::PutMsg* const put = request->add_modify_msg()->mutable_put_msg();
+  put->set_object_type(type);
+  put->set_object(object.SerializeAsString());
+  return put;
+}
+
+void AddFlush(ModifyRequestMsg* request, ObjectType type) {
+  request->add_modify_msg()->mutable_flush_msg()->set_object_type(type);
+}
+
+void AddBarrier(ModifyRequestMsg* request, uint64_t barrier) {
+  store::ProcessedBarrierMsg processed;
+  processed.set_value(barrier);
+  AddPut(request, ObjectType::PROCESSED_BARRIER, processed)->set_size(kBarrierSize);
+}
+
+// The type and the keys of an object that is asked for, or all of the type without one.
+store::ObjectRequestMsg Wanted(ObjectType type) {
+  store::ObjectRequestMsg wanted;
+  wanted.set_object_type(type);
+  return wanted;
+}
+
+template <class Uuids>
+void AddError(const std::string& text, const Uuids& uuids, store::RuntimeStatusMsg* status) {
+  store::RealizationErrorMsg* const error = status->add_realization_error();
+  error->set_error_text(text);
+  for (const std::string& uuid : uuids) {
+    if (!UUID_FromString(uuid, error->add_entity())) error->mutable_entity()->RemoveLast();
+  }
+}
+
+// What "ctime" prints, its newline included.
+std::string WriteTime() {
+  const std::time_t now = std::chrono::system_clock::to_time_t(Clock::Process().WallNow());
+  char text[32];
+  return ::ctime_r(&now, text) == nullptr ? std::string() : std::string(text);
+}
+
+// --- The requests by which an edge stores a message; nothing when it cannot be stored.
+
+using Requests = std::list<ModifyRequestMsg>;
+
+std::optional<Requests> HostConfigRequests(const RawBusMessage& message) {
+  orlane::zem::switching::HostConfigMsg config;
+  if (!config.ParseFromString(message.payload)) {
+    ZLOG_ERROR("41512", "Failed to parse HostConfigMsg message");
+    return std::nullopt;
+  }
+  store::RealizedHostConfigMsg stored;
+  if (EncodeHostConfigMsg(config, &stored) != 0) {
+    ZLOG_ERROR("44091", "Error Encoding Host Config Message into db format");
+    return std::nullopt;
+  }
+  stored.mutable_amqp_header()->set_header(message.header);
+  stored.set_write_time(WriteTime());
+  Requests requests(1);
+  AddFlush(&requests.back(), ObjectType::HOST_CONFIG);
+  AddPut(&requests.back(), ObjectType::HOST_CONFIG, stored);
+  return requests;
+}
+
+std::optional<Requests> MmodeRequests(const RawBusMessage& message) {
+  orlane::zem::switching::MaintenanceModeConfigMsg config;
+  if (!config.ParseFromString(message.payload)) {
+    ZLOG_ERROR("41512", "Failed to parse maintenance mode config message");
+    return std::nullopt;
+  }
+  store::MaintenanceModeConfigMsg stored;
+  if (EncodeMaintenanceModeConfigMsg(config, &stored) != 0) {
+    ZLOG_ERROR("44091", "Error Encoding Maintainence Mode Config Message into db format");
+    return std::nullopt;
+  }
+  stored.mutable_amqp_header()->set_header(message.header);
+  stored.set_write_time(WriteTime());
+  Requests requests(1);
+  AddFlush(&requests.back(), ObjectType::MAINTENANCE_MODE_CONFIG);
+  AddPut(&requests.back(), ObjectType::MAINTENANCE_MODE_CONFIG, stored);
+  return requests;
+}
+
+std::optional<Requests> ControllerRequests(const RawBusMessage& message) {
+  orlane::zem::config::MpLcpMsg controllers;
+  if (!controllers.ParseFromString(message.payload)) {
+    ZLOG_ERROR("ERR_MSG_CONTROLLER_LIST_PARSE_FAIL", "Failed to parse ControllerList message");
+    return std::nullopt;
+  }
+  std::list<store::ControllerInfoMsg> stored;
+  if (EncodeControllerInfoMsgs(controllers, &stored) != 0) {
+    ZLOG_ERROR("44091", "Error Encoding Controller List Message into db format");
+    return std::nullopt;
+  }
+  Requests requests(1);
+  AddFlush(&requests.back(), ObjectType::CONTROLLER_INFO);
+  for (const store::ControllerInfoMsg& controller : stored) {
+    AddPut(&requests.back(), ObjectType::CONTROLLER_INFO, controller);
+  }
+  return requests;
+}
+
+constexpr std::pair<const char*, std::optional<Requests> (*)(const RawBusMessage&)> kStoredTypes[] = {
+    {kHostConfigType, HostConfigRequests},
+    {kMmodeType, MmodeRequests},
+    {kControllersType, ControllerRequests},
+};
+
+}  // namespace
+
+CoveDbHandler::CoveDbHandler(Settings settings) : settings_(std::move(settings)) {}
+
+CoveDbHandler::~CoveDbHandler() {
+  if (timer_) timer_->Cancel();
+}
+
+bool CoveDbHandler::channel_up() {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  return channel_up_;
+}
+
+bool CoveDbHandler::initial_sync_done() {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  return initial_sync_done_;
+}
+
+void CoveDbHandler::SetLsRealizationViaCcp(bool on) {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  ls_realization_via_ccp_ = on;
+}
+
+// --- Monitors.
+
+void CoveDbHandler::RegisterChannelStatus() {
+  settings_.client->AddChannelStatusCallback(WeakCall(
+      weak_from_this(), [](CoveDbHandler& handler, bool up) { handler.OnChannelStatus(up); }, [] {}));
+}
+
+bool CoveDbHandler::Configure(bool add) {
+  std::list<covedb::MonitorStatementMsg> statements = covedb::MonitorStatementsFor(kMonitored);
+  const std::list<covedb::MonitorStatementMsg> none;
+  return settings_.client->ConfigureMonitor(add ? statements : none, add ? none : statements, kModuleId,
+                                            covedb::kDefaultVDb);
+}
+
+void CoveDbHandler::ConfigureMonitors() {
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    // Enabling the client again would have the store send everything again.
+    if (monitored_) return;
+    monitored_ = true;
+  }
+  covedb::CoveDbClientInterface& client = *settings_.client;
+  // Registered before the streams begin, so that no update meets a module without callback.  A registration
+  // lasts as long as the client; after a removal of the monitors the one of before is still good.
+  (void)client.RegisterMonitorCallback(
+      kModuleId,
+      WeakCall(
+          weak_from_this(),
+          [](CoveDbHandler& handler, const MonitorUpdateMsg& update) { handler.OnUpdate(update); }, [] {}),
+      WeakCall(
+          weak_from_this(), [](CoveDbHandler& handler) { handler.OnBarrier(); }, [] {}),
+      covedb::kDefaultVDb);
+  (void)client.EnableMonitorSessionCreation();  // while the store is away the next connection does it
+  if (Configure(true)) {
+    ZLOG_INFO("Successfully Configured Monitor");
+    return;
+  }
+  ZLOG_ERROR("44096", "Error Configuring Monitor");
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  monitored_ = false;
+}
+
+void CoveDbHandler::RemoveMonitors() {
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    monitored_ = false;
+  }
+  if (Configure(false)) {
+    ZLOG_INFO("Successfully Un-monitored objects");
+  } else {
+    ZLOG_ERROR("44096", "Error removing Monitor on objects");
+  }
+}
+
+void CoveDbHandler::OnChannelStatus(bool up) {
+  ZLOG_INFO("Channel Status changed to %s", up ? "up" : "down");
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    const bool rises = up && !channel_up_;
+    channel_up_ = up;
+    if (!up) initial_sync_done_ = false;
+    if (!rises) return;
+  }
+  // A store that lost its state counts its barriers anew: what was known of them is void until it says more.
+  MonitorUpdateMsg no_barrier;
+  no_barrier.set_object_type(ObjectType::BARRIER);
+  no_barrier.set_object(std::string());
+  settings_.enqueue(CovedbUpdateKind::kObject, std::move(no_barrier), true);
+}
+
+void CoveDbHandler::OnUpdate(const MonitorUpdateMsg& update) {
+  ZLOG_DEBUG("Monitor Callback invoked");
+  if (update.object_type() == ObjectType::OBJECT_TYPE_NONE) {
+    ZLOG_ERROR("44096", "Error in Monitor Callback: %s", "Invalid Object");
+    return;
+  }
+  if (!update.has_object()) {
+    ZLOG_ERROR("44096", "Error in Monitor Callback: %s", "Empty value");
+    return;
+  }
+  bool full_sync = false;
+  bool via_ccp = false;
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    full_sync = !initial_sync_done_;
+    via_ccp = ls_realization_via_ccp_;
+  }
+  switch (update.object_type()) {
+    case ObjectType::TRANSPORT_NODE_CONFIG:
+    case ObjectType::BARRIER:
+    case ObjectType::OPAQUE_LOG_SWITCH_CONFIG:
+      if (!via_ccp) {
+        ZLOG_DEBUG("LS Realization Via CCP Disabled");
+        return;
+      }
+      settings_.enqueue(CovedbUpdateKind::kObject, update, full_sync);
+      return;
+    case ObjectType::REALIZED_HOST_CONFIG:
+      settings_.enqueue(CovedbUpdateKind::kObject, update, full_sync);
+      return;
+    case ObjectType::VIF_STATE:
+      settings_.enqueue(CovedbUpdateKind::kVifState, update, full_sync);
+      return;
+    default:
+      ZLOG_ERROR("44096", "Invalid object type");
+  }
+}
+
+void CoveDbHandler::OnBarrier() {
+  ZLOG_DEBUG("Monitor Barrier Callback invoked");
+  bool full_sync = false;
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    full_sync = !initial_sync_done_;
+    if (channel_up_) initial_sync_done_ = true;
+  }
+  settings_.enqueue(CovedbUpdateKind::kEndOfTransaction, MonitorUpdateMsg(), full_sync);
+}
+
+// --- Writes.
+
+void CoveDbHandler::Modify(std::list<ModifyRequestMsg> requests) {
+  settings_.client->Modify(std::move(requests), [keep_alive = settings_.keep_alive] {});
+}
+
+void CoveDbHandler::Modify(ModifyRequestMsg request) {
+  std::list<ModifyRequestMsg> requests;
+  requests.push_back(std::move(request));
+  Modify(std::move(requests));
+}
+
+void CoveDbHandler::FlushDesiredConfig() {
+  ZLOG_INFO("Flushing transport node desired config from covedb.");
+  Requests requests;
+  for (const ObjectType type : kDesiredConfig) AddFlush(&requests.emplace_back(), type);
+  // What is flushed must not come back as removals to be realized.
+  RemoveMonitors();
+  Modify(std::move(requests));
+}
+
+int CoveDbHandler::SaveMessage(const RawBusMessage* message) {
+  if (message == nullptr) {
+    ZLOG_ERROR("41519", "Client Message is NULL");
+    return -1;
+  }
+  if (message->payload.empty()) {
+    ZLOG_ERROR("41519", "Invalid/Empty payload received of length [%ld]",
+               static_cast<long>(message->payload.size()));
+    return -1;
+  }
+  Requests requests;
+  for (const auto& [type, make] : kStoredTypes) {
+    if (message->type != type) continue;
+    std::optional<Requests> made = make(*message);
+    if (!made) return -1;
+    requests = std::move(*made);
+  }
+  if (requests.empty()) {
+    ZLOG_DEBUG("Size of Modify Request List is 0");
+    return 0;
+  }
+  Modify(std::move(requests));
+  return 0;
+}
+
+void CoveDbHandler::WriteProcessedBarrier(uint64_t barrier) {
+  ModifyRequestMsg request;
+  AddBarrier(&request, barrier);
+  Modify(std::move(request));
+}
+
+void CoveDbHandler::WriteRealized(uint64_t barrier) { WriteFullSyncResult(nullptr, {}, barrier); }
+
+void CoveDbHandler::WriteRealizationError(const std::string& text, const std::vector<std::string>& uuids,
+                                          uint64_t barrier) {
+  std::set<std::string> all(uuids.begin(), uuids.end());
+  for (std::string& uuid : pending_.GetPendingLsKeys()) all.insert(std::move(uuid));
+  WriteFullSyncResult(&text, {all.begin(), all.end()}, barrier);
+}
+
+void CoveDbHandler::WriteFullSyncResult(const std::string* error, const std::vector<std::string>& uuids,
+                                        uint64_t barrier) {
+  store::RuntimeStatusMsg status;
+  status.set_status(kRuntimeStatus);
+  if (error != nullptr) AddError(*error, uuids, &status);
+  ModifyRequestMsg request;
+  AddPut(&request, ObjectType::RUNTIME_STATUS, status);
+  if (barrier != 0) AddBarrier(&request, barrier);
+  Modify(std::move(request));
+}
+
+// --- Reads again.
+
+void CoveDbHandler::ScheduleFullSyncRead() {
+  const int seconds = settings_.retry_interval();
+  const TimePoint now = Clock::Process().Now();
+  Duration delay = std::chrono::seconds(seconds);
+  ZLOG_INFO("Schedule Logical Switch full-sync read after [%d] seconds", seconds);
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  if (scheduled_ != Read::kAll) {
+    full_sync_limit_ = now + kMaxIntervals * delay;
+  } else {
+    delay = std::clamp(full_sync_limit_ - now, Duration::zero(), delay);
+  }
+  Schedule(Read::kAll, delay);
+}
+
+void CoveDbHandler::ScheduleLsRead(const std::vector<std::string>& uuids) {
+  const int seconds = settings_.retry_interval();
+  ZLOG_INFO("Schedule Logical Switch read from db after [%d] seconds", seconds);
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  uuids_to_read_.insert(uuids.begin(), uuids.end());
+  if (scheduled_ == Read::kAll) {
+    ZLOG_DEBUG("[%s] a full-sync read is scheduled, which holds these", __func__);
+    return;
+  }
+  Schedule(Read::kPending, std::chrono::seconds(seconds));
+}
+
+// With the lock held.
+void CoveDbHandler::Schedule(Read read, Duration delay) {
+  if (timer_) timer_->Cancel();
+  scheduled_ = read;
+  timer_ = settings_.timers->Schedule(
+      delay, WeakCall(
+                 weak_from_this(),
+                 [schedule = ++schedule_](CoveDbHandler& handler) { handler.OnTimer(schedule); }, [] {}));
+}
+
+void CoveDbHandler::OnTimer(uint64_t schedule) {
+  Read read = Read::kNone;
+  std::set<std::string> uuids;
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    if (schedule != schedule_) return;
+    timer_.reset();
+    read = std::exchange(scheduled_, Read::kNone);
+    uuids.swap(uuids_to_read_);
+  }
+  if (read == Read::kAll) ReadAll();
+  if (read == Read::kPending) ReadPending(uuids);
+}
+
+void CoveDbHandler::ReadAll() {
+  std::list<covedb::ObjectRequestMsg> wanted;
+  for (const ObjectType type : kFullSync) wanted.push_back(Wanted(type));
+  const bool asked = settings_.client->Get(
+      wanted,
+      WeakCall(
+          weak_from_this(),
+          [](CoveDbHandler& handler, const Objects& objects, const rpc::Status& status) {
+            handler.HandleFullSyncCallback(objects, status);
+          },
+          [] {}),
+      covedb::kDefaultVDb);
+  // The store is away: the next connection begins with everything anyway.
+  if (!asked) ZLOG_WARN("Get OpaqueLogSwitchMsg Failed with status %s", "store is away");
+}
+
+void CoveDbHandler::HandleFullSyncCallback(const Objects& objects, const rpc::Status& status) {
+  if (!status.ok()) {
+    ZLOG_WARN("Get OpaqueLogSwitchMsg Failed with status %s", status.ToString().c_str());
+    if (channel_up()) ScheduleFullSyncRead();
+    return;
+  }
+  if (objects.empty()) {
+    ZLOG_INFO("Empty read from db for LogicalSwitch full-sync message retry");
+    return;
+  }
+  for (const store::TypedObjectMsg& object : objects) {
+    if (!object.has_object()) continue;
+    MonitorUpdateMsg update;
+    update.set_object_type(object.object_type());
+    store::ObjectOpMsg op;
+    op.set_operation(store::ObjectOpMsg::SET);
+    update.set_operation(op.SerializeAsString());
+    update.set_object(object.object());
+    settings_.enqueue(CovedbUpdateKind::kObject, std::move(update), true);
+  }
+  settings_.enqueue(CovedbUpdateKind::kEndOfTransaction, MonitorUpdateMsg(), true);
+  ZLOG_INFO("[%s] Logical Switch Full Sync Retry scheduled", __func__);
+}
+
+void CoveDbHandler::ReadPending(const std::set<std::string>& uuids) {
+  std::set<std::string> all = uuids;
+  for (std::string& uuid : pending_.GetPendingLsKeys()) all.insert(std::move(uuid));
+  std::list<covedb::ObjectRequestMsg> wanted;
+  for (const std::string& uuid : all) {
+    store::OpaqueLogSwitchConfigMsg key;
+    if (!UUID_FromString(uuid, key.mutable_id())) continue;
+    covedb::ObjectRequestMsg& request = wanted.emplace_back(Wanted(ObjectType::OPAQUE_LOG_SWITCH_CONFIG));
+    request.set_object(key.SerializeAsString());
+  }
+  if (wanted.empty()) return;
+  const bool asked = settings_.client->Get(
+      wanted,
+      WeakCall(
+          weak_from_this(),
+          [](CoveDbHandler& handler, const Objects& objects, const rpc::Status& status) {
+            handler.HandleLogicalSwitchMsgCallback(objects, status);
+          },
+          [] {}),
+      covedb::kDefaultVDb);
+  if (!asked) ZLOG_WARN("Get OpaqueLogSwitchMsg Failed with status %s", "store is away");
+}
+
+void CoveDbHandler::HandleLogicalSwitchMsgCallback(const Objects& objects, const rpc::Status& status) {
+  if (!status.ok()) {
+    ZLOG_WARN("Get OpaqueLogSwitchMsg Failed with status %s", status.ToString().c_str());
+    if (channel_up()) ScheduleLsRead({});
+    return;
+  }
+  size_t entities = 0;
+  for (const store::TypedObjectMsg& object : objects) {
+    store::OpaqueLogSwitchConfigMsg config;
+    if (!object.has_object() || !config.ParseFromString(object.object()) || !config.has_id()) continue;
+    MonitorUpdateMsg update;
+    update.set_object_type(ObjectType::OPAQUE_LOG_SWITCH_CONFIG);
+    store::ObjectOpMsg op;
+    op.set_operation(store::ObjectOpMsg::SET);
+    update.set_operation(op.SerializeAsString());
+    update.set_object(object.object());
+    pending_.AddPendingLs(UUID_ToString(config.id()), std::move(update));
+    ++entities;
+  }
+  if (entities == 0) ZLOG_INFO("Empty read from db for LogicalSwitch retry");
+  // A removal that failed is pending as well, and the store holds nothing of it any longer.
+  if (entities == 0 && pending_.size() == 0) return;
+  settings_.enqueue(CovedbUpdateKind::kSyncPending, MonitorUpdateMsg(), false);
+  if (entities > 0) {
+    ZLOG_INFO("[%s] Logical Switch Batch Retry scheduled for [%lu] entities", __func__,
+              static_cast<unsigned long>(entities));
+  }
+}
+
+}  // namespace zem::zema

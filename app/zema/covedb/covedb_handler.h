@@ -1,0 +1,129 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "app/zema/common/synchronizable.h"
+#include "app/zema/covedb/pending_logical_switches.h"
+#include "app/zema/covedb/raw_bus_message.h"
+#include "covedbclient/covedb_client_interface.h"
+#include "platform/core/clock.h"
+
+namespace zem {
+class Timer;
+class TimerFactory;
+}  // namespace zem
+
+namespace zem::zema {
+
+/// What an update of the store asks of the realization.
+enum class CovedbUpdateKind {
+  kEndOfTransaction = 1,  // what was gathered is complete
+  kObject = 2,            // one object
+  kSyncPending = 3,       // realize again what is pending
+  kProcessedBarrier = 4,  // tell the store how far the realization has come
+  kVifState = 5,          // the state of a VIF
+};
+
+/// All that the realization asks of the store client.
+///
+/// The monitors' callbacks, the timer and the answers to reads only make tasks and hand them to `enqueue`.
+/// While the channel is down writes wait in the client and reads are refused; the full sync after the next
+/// connection heals what was missed.
+///
+/// Ownership: always held by a shared pointer; the client's callbacks hold a weak one, since the client knows
+/// no way back from a registration.
+///
+/// Threads: all operations from any thread; the object's own lock is never held over a call of the client.
+class CoveDbHandler final : public Synchronizable, public std::enable_shared_from_this<CoveDbHandler> {
+ public:
+  /// The realization's number among the modules that watch the store.
+  static constexpr uint32_t kModuleId = 2;
+  /// Whose logical switches come from the store, and where their acknowledgements go.
+  static constexpr const char* kReplyTo = "covedb";
+
+  struct Settings {
+    std::shared_ptr<covedb::CoveDbClientInterface> client;
+    /// Has to outlive the client's callbacks.
+    TimerFactory* timers = nullptr;
+    /// `mp.lsDbRetryInterval`, in seconds; asked at each scheduling.
+    std::function<int()> retry_interval;
+    /// Makes a task of it for the database handler's queue; must not block.  `full_sync` tells whether the
+    /// update belongs to a complete reading.
+    std::function<void(CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync)> enqueue;
+    /// What has to live until a write is done; may be null.
+    std::shared_ptr<void> keep_alive;
+  };
+
+  explicit CoveDbHandler(Settings settings);
+  ~CoveDbHandler();
+
+  void RegisterChannelStatus();
+  /// Again is harmless.
+  void ConfigureMonitors();
+  void RemoveMonitors();
+
+  /// Removes what the store holds for this transport node.
+  void FlushDesiredConfig();
+
+  /// What an edge or gateway stores of a message.  0, also for a message that is not stored; -1 otherwise.
+  [[nodiscard]] int SaveMessage(const RawBusMessage* message);
+
+  void WriteProcessedBarrier(uint64_t barrier);
+  /// Status without errors, and the barrier unless it is 0, which stands for none.
+  void WriteRealized(uint64_t barrier);
+  /// The error of `uuids` and all that is pending; the barrier as above.
+  void WriteRealizationError(const std::string& text, const std::vector<std::string>& uuids,
+                             uint64_t barrier);
+  /// The end of a full sync: without `error` all is well; `uuids` go out in their order.
+  void WriteFullSyncResult(const std::string* error, const std::vector<std::string>& uuids, uint64_t barrier);
+
+  /// Reads everything again after the retry interval.  Of both schedules one timer runs at most: a complete
+  /// reading holds what the other would read, so it is never given up for it.
+  void ScheduleFullSyncRead();
+  void ScheduleLsRead(const std::vector<std::string>& uuids);
+
+  /// While false, updates of logical switches and barriers are dropped.
+  void SetLsRealizationViaCcp(bool on);
+
+  PendingLogicalSwitches& pending() { return pending_; }
+  bool channel_up();
+  bool initial_sync_done();
+
+ private:
+  using Objects = std::list<covedb::TypedObjectMsg>;
+  enum class Read { kNone, kPending, kAll };
+
+  void OnChannelStatus(bool up);
+  void OnUpdate(const covedb::MonitorUpdateMsg& update);
+  void OnBarrier();
+  bool Configure(bool add);
+  void Schedule(Read read, Duration delay);
+  void OnTimer(uint64_t schedule);
+  void ReadAll();
+  void ReadPending(const std::set<std::string>& uuids);
+  void HandleFullSyncCallback(const Objects& objects, const rpc::Status& status);
+  void HandleLogicalSwitchMsgCallback(const Objects& objects, const rpc::Status& status);
+  void Modify(covedb::ModifyRequestMsg request);
+  void Modify(std::list<covedb::ModifyRequestMsg> requests);
+
+  const Settings settings_;
+  PendingLogicalSwitches pending_;
+  // The object's own lock guards what follows.
+  bool channel_up_ = false;
+  bool initial_sync_done_ = false;
+  bool ls_realization_via_ccp_ = true;
+  bool monitored_ = false;
+  std::shared_ptr<Timer> timer_;
+  Read scheduled_ = Read::kNone;
+  uint64_t schedule_ = 0;      // a timer that fires too late finds another number
+  TimePoint full_sync_limit_;  // no later than this, however often it is scheduled again
+  std::set<std::string> uuids_to_read_;
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "app/zema/common/synchronizable.h"
+#include "proto/covedb/covedb.pb.h"
+
+namespace zem::zema {
+
+/// The logical switches that the store told of and that are not realized yet, by uuid text, each with the
+/// last update of it.  What fails is realized again from here.
+///
+/// Threads: all operations from any thread.
+class PendingLogicalSwitches {
+ public:
+  using Update = orlane::zem::covedb::MonitorUpdateMsg;
+
+  void AddPendingLs(const std::string& uuid, Update update);
+  void RemovePendingLs(const std::string& uuid);
+  /// The switch is realized up to `revision`, or removed with -1: forgets it unless a later update has come.
+  void RemoveRealized(const std::string& uuid, int32_t revision);
+  std::vector<std::string> GetPendingLsKeys();
+  std::map<std::string, Update> Copy();
+  void ClearPendingLs();
+  size_t size();
+
+ private:
+  struct Entry {
+    Update update;
+    int32_t revision;  // -1: a removal
+  };
+
+  Synchronizable lock_;  // guards entries_
+  std::map<std::string, Entry> entries_;
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,87 @@
+#include "app/zema/lswitch/covedb_update_task.h"
+
+#include <utility>
+
+#include "app/zema/common/worker_table.h"
+#include "app/zema/lswitch/db_svc_task_thread.h"
+#include "framework/log.h"
+#include "platform/core/thread_name.h"
+#include "proto/covedb/runtime_objects.pb.h"
+
+namespace zem::zema {
+namespace {
+
+using orlane::zem::covedb::ObjectType;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+}  // namespace
+
+CovedbUpdateTask::CovedbUpdateTask(CovedbUpdateKind kind, Update update, bool full_sync)
+    : MpaMessageTask(nullptr, "", "", std::move(update)), kind_(kind), full_sync_(full_sync) {}
+
+CovedbUpdateTask::CovedbUpdateTask(std::shared_ptr<CoveDbHandler> store, uint64_t barrier, uint64_t epoch)
+    : MpaMessageTask(nullptr, "", "", Update()),
+      kind_(CovedbUpdateKind::kProcessedBarrier),
+      full_sync_(false),
+      store_(std::move(store)),
+      barrier_(barrier),
+      epoch_(epoch) {}
+
+void CovedbUpdateTask::Run() {
+  SetThreadName("zema:dbUpdateTask");
+  if (kind_ == CovedbUpdateKind::kProcessedBarrier) {
+    if (store_ && barrier_ != 0) store_->WriteProcessedBarrier(barrier_);
+    return;
+  }
+  DbSvcTaskThread* const thread = DbSvcTaskThread::Current();
+  if (thread == nullptr) {
+    ZLOG_ERROR("44098", "[%s] kind %d of CovedbUpdate belongs to databaseHandlerThread", __func__,
+               static_cast<int>(kind_));
+    return;
+  }
+  switch (kind_) {
+    case CovedbUpdateKind::kEndOfTransaction:
+      return thread->RealizeLogicalSwitch(full_sync_);
+    case CovedbUpdateKind::kSyncPending:
+      return thread->SyncPending();
+    case CovedbUpdateKind::kObject:
+    case CovedbUpdateKind::kVifState:
+      return RunObject(*thread);
+    case CovedbUpdateKind::kProcessedBarrier:
+      break;
+  }
+}
+
+void CovedbUpdateTask::RunObject(DbSvcTaskThread& thread) {
+  switch (message_.object_type()) {
+    case ObjectType::TRANSPORT_NODE_CONFIG:
+      if (!full_sync_) return;
+      ZLOG_DEBUG("[%s] Adding a TN Config message to cache", "Run");
+      return thread.AddToCache(std::move(message_));
+    case ObjectType::OPAQUE_LOG_SWITCH_CONFIG:
+      return thread.AddToCache(std::move(message_));
+    case ObjectType::VIF_STATE:
+      return thread.RealizeVifState(message_);
+    case ObjectType::REALIZED_HOST_CONFIG:
+      return thread.ReplyRealizedHostConfig(message_);
+    case ObjectType::BARRIER: {
+      orlane::zem::covedb::BarrierMsg barrier;
+      const bool valid = barrier.ParseFromString(message_.object()) && barrier.has_value();
+      return thread.SetLastBarrier(valid ? barrier.value() : 0);
+    }
+    default:
+      ZLOG_ERROR("44096", "Invalid object type");
+  }
+}
+
+void EnqueueCovedbUpdate(WorkerTable& workers, CovedbUpdateKind kind, CovedbUpdateTask::Update update,
+                         bool full_sync) {
+  const int type = update.object_type();
+  if (!workers.AddTask(Worker::kDatabaseHandler,
+                       std::make_unique<CovedbUpdateTask>(kind, std::move(update), full_sync))) {
+    ZLOG_WARN("[%s] an update of type %d is dropped because of no databaseHandlerThread", __func__, type);
+  }
+}
+
+}  // namespace zem::zema

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "app/zema/common/mpa_message_task.h"
+#include "app/zema/covedb/covedb_handler.h"
+#include "proto/covedb/covedb.pb.h"
+
+namespace zem::zema {
+
+class DbSvcTaskThread;
+class WorkerTable;
+
+/// One step of the store's stream.  All kinds run on the database handler, apart from the processed barrier,
+/// which keeps its place among the logical switch worker's tasks.
+class CovedbUpdateTask final : public MpaMessageTask<orlane::zem::covedb::MonitorUpdateMsg> {
+ public:
+  using Update = orlane::zem::covedb::MonitorUpdateMsg;
+
+  /// `full_sync`: the update belongs to a complete reading, or ends one.
+  CovedbUpdateTask(CovedbUpdateKind kind, Update update, bool full_sync);
+  /// The processed barrier.
+  CovedbUpdateTask(std::shared_ptr<CoveDbHandler> store, uint64_t barrier, uint64_t epoch);
+
+  bool IsBatchable() const override { return false; }
+  void Run() override;
+
+  CovedbUpdateKind kind() const { return kind_; }
+  uint64_t barrier() const { return barrier_; }
+  /// The store's counting that the barrier belongs to.
+  uint64_t epoch() const { return epoch_; }
+
+ private:
+  void RunObject(DbSvcTaskThread& thread);
+
+  const CovedbUpdateKind kind_;
+  const bool full_sync_;
+  const std::shared_ptr<CoveDbHandler> store_;
+  const uint64_t barrier_ = 0;
+  const uint64_t epoch_ = 0;
+};
+
+/// For `CoveDbHandler::Settings::enqueue`: gives the update to the table's database handler.
+void EnqueueCovedbUpdate(WorkerTable& workers, CovedbUpdateKind kind,
+                         orlane::zem::covedb::MonitorUpdateMsg update, bool full_sync);
+
+}  // namespace zem::zema

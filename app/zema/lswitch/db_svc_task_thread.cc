@@ -1,0 +1,338 @@
+#include "app/zema/lswitch/db_svc_task_thread.h"
+
+#include <algorithm>
+#include <exception>
+#include <map>
+#include <tuple>
+#include <utility>
+
+#include "app/zema/core/mpa_message_sender.h"
+#include "app/zema/covedb/address_codec.h"
+#include "app/zema/covedb/covedb_handler.h"
+#include "app/zema/covedb/host_config_codec.h"
+#include "app/zema/covedb/logical_switch_codec.h"
+#include "app/zema/lswitch/covedb_update_task.h"
+#include "app/zema/lswitch/logical_switch_msg_task.h"
+#include "app/zema/qub/lum_commands.h"
+#include "framework/log.h"
+#include "platform/wft/workflow_util.h"
+#include "proto/covedb/switching_objects.pb.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::zema {
+namespace {
+
+namespace store = orlane::zem::covedb;
+using orlane::zem::switching::LogicalSwitchBulkMsg;
+using orlane::zem::switching::LogicalSwitchesOfTZMsg;
+using store::ObjectOpMsg;
+using store::ObjectType;
+using store::OpaqueLogSwitchConfigMsg;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr size_t kFullSyncChunk = 100;
+constexpr uint32_t kBegin = 0;
+constexpr uint32_t kContinue = 1;
+
+thread_local DbSvcTaskThread* current = nullptr;
+
+int OperationOf(const DbSvcTaskThread::Update& update) {
+  ObjectOpMsg op;
+  return op.ParseFromString(update.operation()) ? op.operation() : 0;
+}
+
+}  // namespace
+
+// One cached object on its way to the host.
+struct DbSvcTaskThread::FullSyncEntry {
+  const char* skipped;  // why it does not go; null: it does
+  OpaqueLogSwitchConfigMsg config;
+
+  std::pair<uint64_t, uint64_t> zone() const {
+    return {config.transport_zone_id().first(), config.transport_zone_id().second()};
+  }
+};
+
+DbSvcTaskThread::DbSvcTaskThread(std::string name, std::shared_ptr<LogicalSwitchContext> context)
+    : TaskThread(std::move(name)), context_(std::move(context)) {}
+
+DbSvcTaskThread::~DbSvcTaskThread() { StopAndJoin(); }
+
+void DbSvcTaskThread::Run() {
+  current = this;
+  TaskThread::Run();
+  current = nullptr;
+}
+
+DbSvcTaskThread* DbSvcTaskThread::Current() { return current; }
+
+void DbSvcTaskThread::AddPendingLs(const std::string& uuid, Update update) {
+  context_->store->pending().AddPendingLs(uuid, std::move(update));
+}
+
+void DbSvcTaskThread::RemovePendingLs(const std::string& uuid) {
+  context_->store->pending().RemovePendingLs(uuid);
+}
+
+std::vector<std::string> DbSvcTaskThread::GetPendingLsKeys() {
+  return context_->store->pending().GetPendingLsKeys();
+}
+
+void DbSvcTaskThread::ClearPendingLs() { context_->store->pending().ClearPendingLs(); }
+
+void DbSvcTaskThread::AddToCache(Update update) { tx_cache_.push_back(std::move(update)); }
+
+void DbSvcTaskThread::SetLastBarrier(uint64_t barrier) {
+  if (barrier < last_barrier_) context_->fence.RestartBarriers();
+  last_barrier_ = barrier;
+}
+
+// Behind the switch tasks that are queued already: the barrier says that they are done.
+void DbSvcTaskThread::AddBarrierTask() {
+  (void)context_->add_logical_switch_task(
+      std::make_unique<CovedbUpdateTask>(context_->store, last_barrier_, context_->fence.epoch()));
+}
+
+void DbSvcTaskThread::RealizeLogicalSwitch(bool full_sync) {
+  if (tx_cache_.empty()) {
+    ZLOG_DEBUG("Transaction cache is empty, no-op.");
+    AddBarrierTask();
+    return;
+  }
+  try {
+    if (full_sync) {
+      full_sync_pending_ = true;
+      ProcessLogicalSwitchFullSyncMsg(last_barrier_);
+    } else if (full_sync_pending_) {
+      ZLOG_INFO("Re-scheduling Logical Switch Full sync with override");
+      context_->store->ScheduleFullSyncRead();
+    } else {
+      ProcessLogicalSwitchMsg(last_barrier_);
+    }
+    ZLOG_INFO("[%s] Logical Switch Realization completed for barrier: [%llu] Entities processed: [%lu]",
+              __func__, static_cast<unsigned long long>(last_barrier_),
+              static_cast<unsigned long>(tx_cache_.size()));
+    tx_cache_.clear();
+  } catch (const std::exception& e) {
+    full_sync_pending_ = true;
+    tx_cache_.clear();
+    context_->store->ScheduleFullSyncRead();
+    ZLOG_ERROR("44098",
+               "[%s] : Failed to process Logical Switches, scheduling full-sync: caught exception [%s]",
+               __func__, e.what());
+  }
+}
+
+void DbSvcTaskThread::ProcessLogicalSwitchMsg(uint64_t barrier) {
+  bool queued = false;
+  for (const Update& update : tx_cache_) {
+    if (update.object_type() != ObjectType::OPAQUE_LOG_SWITCH_CONFIG) continue;
+    queued = HandleOpaqueLogSwitchMsg(update, barrier, true) || queued;
+  }
+  // Nothing of the transaction is for this host; it is done with all the same.
+  if (!queued) AddBarrierTask();
+}
+
+bool DbSvcTaskThread::HandleOpaqueLogSwitchMsg(const Update& update, uint64_t barrier, bool remember) {
+  OpaqueLogSwitchConfigMsg config;
+  store::OpaqueLogSwitchConfigOpMsg op;
+  OpaqueLogSwitchConfigMsg before;
+  if (!config.ParseFromString(update.object()) || !op.ParseFromString(update.operation()) ||
+      !before.ParseFromString(update.old_object())) {
+    ZLOG_ERROR("44096", "[%s] an object of type 127 does not parse, skipped", __func__);
+    return false;
+  }
+  orlane::zem::switching::LogicalSwitchMsg message;
+  DecodeOpaqueLogSwitchMsg(config, op, before, &message);
+  const std::string& uuid = message.logical_switch_info(0).logical_switch_id();
+  if (remember) AddPendingLs(uuid, update);
+  if (!update.has_trace_context()) {
+    ZLOG_TRACE("Workflow tracing information not found");
+    return QueueLogicalSwitch(message, uuid, barrier);
+  }
+  const store::TraceContextMsg& trace = update.trace_context();
+  const auto span =
+      wft::WorkflowUtil::StartChildSpan("DbSvcTaskThread.HandleOpaqueLogSwitchMsg", wft::kTraceInfo,
+                                        wft::TraceContext{trace.trace_id_low(), trace.span_id()});
+  return QueueLogicalSwitch(message, uuid, barrier);
+}
+
+bool DbSvcTaskThread::QueueLogicalSwitch(const orlane::zem::switching::LogicalSwitchMsg& message,
+                                         const std::string& uuid, uint64_t barrier) {
+  auto task = LogicalSwitchMsgTask::CreateTask(*context_, message, nullptr, CoveDbHandler::kReplyTo, barrier);
+  if (task == nullptr) {
+    ZLOG_WARN("[%s] Error creating Logical Switch processing task", "HandleOpaqueLogSwitchMsg");
+    // It never will be realized, so it is not waited for.
+    RemovePendingLs(uuid);
+    return false;
+  }
+  return context_->add_logical_switch_task(std::move(task));
+}
+
+void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier) {
+  std::vector<std::string> uuids;
+  const std::vector<FullSyncEntry> entries = FullSyncEntries(&uuids);
+  std::string error;
+  bool done = false;
+  {
+    // A batch that runs is waited for: what it still creates must not come back after this.
+    const Synchronizer lock(context_->fence, __FILE__, __LINE__);
+    ClearPendingLs();
+    context_->clear_logical_switch_tasks();
+    context_->fence.Supersede();
+    done = SendFullSync(entries, &error);
+  }
+  if (done) {
+    full_sync_pending_ = false;
+  } else {
+    ZLOG_INFO("Schedule Logical Switch Full sync");
+    context_->store->ScheduleFullSyncRead();
+  }
+  context_->store->WriteFullSyncResult(done ? nullptr : &error, uuids, barrier);
+  ZLOG_INFO("[%s] Logical Switch Full Sync complete", __func__);
+}
+
+// The switches by zone; `uuids` gets the transport node first, then every switch in the cache's order.
+std::vector<DbSvcTaskThread::FullSyncEntry> DbSvcTaskThread::FullSyncEntries(
+    std::vector<std::string>* uuids) {
+  std::vector<FullSyncEntry> entries;
+  entries.reserve(tx_cache_.size());
+  // A transaction may change a switch more than once, or remove it again: the last word holds.
+  std::map<std::string, size_t> last;
+  bool has_node = false;
+  for (const Update& update : tx_cache_) {
+    if (update.object_type() == ObjectType::TRANSPORT_NODE_CONFIG) {
+      store::TransportNodeConfigMsg node;
+      if (!has_node && node.ParseFromString(update.object()) && node.has_id()) {
+        uuids->insert(uuids->begin(), UUID_ToString(node.id()));
+        has_node = true;
+      }
+      continue;
+    }
+    FullSyncEntry entry{nullptr, {}};
+    if (update.object_type() != ObjectType::OPAQUE_LOG_SWITCH_CONFIG) {
+      entry.skipped = "Object is not of type OpaqueLogSwitch";
+    } else if (!update.has_object() || update.object().empty()) {
+      entry.skipped = "Object has empty body";
+    } else if (!entry.config.ParseFromString(update.object()) || !entry.config.has_id()) {
+      entry.skipped = "Object does not parse";
+    } else {
+      const std::string uuid = UUID_ToString(entry.config.id());
+      const auto [present, added] = last.try_emplace(uuid, entries.size());
+      if (!added) entries[std::exchange(present->second, entries.size())].skipped = "Object is replaced";
+      if (OperationOf(update) == ObjectOpMsg::DELETE) {
+        entry.skipped = "Object is removed";
+      } else if (added) {
+        uuids->push_back(uuid);
+      }
+    }
+    entries.push_back(std::move(entry));
+  }
+  std::stable_sort(entries.begin(), entries.end(),
+                   [](const FullSyncEntry& a, const FullSyncEntry& b) { return a.zone() < b.zone(); });
+  return entries;
+}
+
+bool DbSvcTaskThread::SendFullSync(const std::vector<FullSyncEntry>& entries, std::string* error) {
+  if (entries.empty()) {
+    ZLOG_INFO("[%s] Received TN Config Msg with Zero Logical Switches", "ProcessLogicalSwitchFullSyncMsg");
+    LogicalSwitchBulkMsg none;
+    none.set_continuation_flag(kBegin);
+    return SendBulk(none, error);
+  }
+  for (size_t begin = 0; begin < entries.size(); begin += kFullSyncChunk) {
+    LogicalSwitchBulkMsg bulk;
+    bulk.set_continuation_flag(begin == 0 ? kBegin : kContinue);
+    LogicalSwitchesOfTZMsg* zone = nullptr;
+    std::pair<uint64_t, uint64_t> zone_id;
+    const size_t end = std::min(begin + kFullSyncChunk, entries.size());
+    for (size_t i = begin; i < end; ++i) {
+      const FullSyncEntry& entry = entries[i];
+      if (entry.skipped != nullptr) {
+        ZLOG_INFO("Skip processing object in Full-sync. Reason: [%s]", entry.skipped);
+        continue;
+      }
+      if (zone == nullptr || zone_id != entry.zone()) {
+        zone = bulk.add_logical_switches_of_tz();
+        zone_id = entry.zone();
+        zone->set_transport_zone_id(UUID_ToString(entry.config.transport_zone_id()));
+      }
+      auto* const info = zone->add_logical_switch_info();
+      info->set_logical_switch_id(UUID_ToString(entry.config.id()));
+      info->set_name(entry.config.name());
+      info->set_path(entry.config.segment_path());
+      info->set_revision(entry.config.revision());
+    }
+    if (!SendBulk(bulk, error)) return false;
+  }
+  return true;
+}
+
+bool DbSvcTaskThread::SendBulk(const LogicalSwitchBulkMsg& bulk, std::string* error) {
+  std::string out;
+  if (context_->lum.InvokeRPC(LumOperation::kApplyLogicalSwitches, bulk.SerializeAsString(), &out) ==
+      LumCommands::kRpcSucceeded) {
+    return true;
+  }
+  *error = out;
+  ZLOG_ERROR("42033", "Logical Switch Full Sync call to zemaLum failed: %s", out.c_str());
+  return false;
+}
+
+void DbSvcTaskThread::SyncPending() {
+  if (full_sync_pending_) {
+    ZLOG_INFO("Re-scheduling Logical Switch Full sync");
+    context_->store->ScheduleFullSyncRead();
+  }
+  for (const auto& [uuid, update] : context_->store->pending().Copy()) {
+    HandleOpaqueLogSwitchMsg(update, last_barrier_, false);
+  }
+}
+
+void DbSvcTaskThread::RealizeVifState(const Update& update) {
+  store::VifStateMsg state;
+  store::VifStateOpMsg op;
+  if (!state.ParseFromString(update.object()) || !op.ParseFromString(update.operation()) ||
+      !state.has_vif_id() || !op.has_operation()) {
+    ZLOG_WARN("Invalid VifStateMsg received. Skipping");
+    return;
+  }
+  const std::string vif = UUID_ToString(state.vif_id());
+  if (op.operation() == ObjectOpMsg::DELETE) {
+    context_->vif_states->RemoveVif(vif);
+  } else if (context_->vif_states->ProcessVif(vif)) {
+    ZLOG_INFO("Enqueued a task to CorvdHandler to process VifStateMsg for VIF [%s]", vif.c_str());
+  } else {
+    ZLOG_INFO("VifRequest does not exist for VIF [%s]. Skipping to process VifStateMsg", vif.c_str());
+  }
+}
+
+void DbSvcTaskThread::ReplyRealizedHostConfig(const Update& update) {
+  store::RealizedHostConfigOpMsg op;
+  if (!update.has_operation() || !op.ParseFromString(update.operation()) || !op.has_operation()) {
+    ZLOG_WARN("Received RealizedHostConfigMsg with invalid OpMsg");
+    return;
+  }
+  if (op.operation() == ObjectOpMsg::DELETE) {
+    store::RealizedHostConfigMsg before;
+    std::string uuid;
+    if (before.ParseFromString(update.old_object()) && before.has_id()) uuid = UUID_ToString(before.id());
+    ZLOG_INFO("Skipping Delete Monitor Cb of RealizedHostConfigMsg, old uuid: [%s]", uuid.c_str());
+    return;
+  }
+  store::RealizedHostConfigMsg stored;
+  orlane::zem::switching::HostConfigMsg config;
+  std::string correlation_id;
+  std::string reply_to;
+  if (!stored.ParseFromString(update.object()) ||
+      DecodeHostConfigMsg(stored, &config, &correlation_id, &reply_to) != 0) {
+    ZLOG_WARN("[%s] a RealizedHostConfigMsg cannot be answered", __func__);
+    return;
+  }
+  if (context_->sender == nullptr || !context_->sender->HostConfigReply(correlation_id, reply_to, config)) {
+    ZLOG_WARN("[%s] the host config [%s] was not answered", __func__, config.id().c_str());
+  }
+}
+
+}  // namespace zem::zema

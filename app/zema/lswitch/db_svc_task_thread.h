@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/zema/common/task_thread.h"
+#include "app/zema/lswitch/logical_switch_context.h"
+#include "proto/covedb/covedb.pb.h"
+
+namespace orlane::zem::switching {
+class LogicalSwitchBulkMsg;
+class LogicalSwitchMsg;
+}  // namespace orlane::zem::switching
+
+namespace zem::zema {
+
+/// The worker that realizes the store's updates: gathers those of a transaction and, at its end, makes
+/// logical switch tasks of them, or tells the host all switches at once.
+///
+/// The single queue and the store's promise that everything up to a mark has been delivered are what orders a
+/// transaction.  While a full sync has failed, increments are given up: the next complete reading holds them.
+class DbSvcTaskThread final : public TaskThread {
+ public:
+  using Update = orlane::zem::covedb::MonitorUpdateMsg;
+
+  DbSvcTaskThread(std::string name, std::shared_ptr<LogicalSwitchContext> context);
+  ~DbSvcTaskThread() override;
+
+  void Run() override;
+
+  /// The worker whose task the calling thread runs; null elsewhere.
+  static DbSvcTaskThread* Current();
+
+  // From any thread; what is pending belongs to the store handler and outlives the worker.
+  void AddPendingLs(const std::string& uuid, Update update);
+  void RemovePendingLs(const std::string& uuid);
+  std::vector<std::string> GetPendingLsKeys();
+  void ClearPendingLs();
+
+  // By the worker's own thread, from its tasks.
+  void AddToCache(Update update);
+  void SetLastBarrier(uint64_t barrier);
+  void RealizeLogicalSwitch(bool full_sync);
+  void SyncPending();
+  void RealizeVifState(const Update& update);
+  void ReplyRealizedHostConfig(const Update& update);
+
+  // For the same thread, and for tests while it waits.
+  uint64_t last_barrier() const { return last_barrier_; }
+  bool full_sync_pending() const { return full_sync_pending_; }
+
+ private:
+  struct FullSyncEntry;
+
+  void ProcessLogicalSwitchMsg(uint64_t barrier);
+  bool HandleOpaqueLogSwitchMsg(const Update& update, uint64_t barrier, bool remember);
+  bool QueueLogicalSwitch(const orlane::zem::switching::LogicalSwitchMsg& message, const std::string& uuid,
+                          uint64_t barrier);
+  void ProcessLogicalSwitchFullSyncMsg(uint64_t barrier);
+  std::vector<FullSyncEntry> FullSyncEntries(std::vector<std::string>* uuids);
+  bool SendFullSync(const std::vector<FullSyncEntry>& entries, std::string* error);
+  bool SendBulk(const orlane::zem::switching::LogicalSwitchBulkMsg& bulk, std::string* error);
+  void AddBarrierTask();
+
+  const std::shared_ptr<LogicalSwitchContext> context_;
+  std::list<Update> tx_cache_;
+  uint64_t last_barrier_ = 0;
+  bool full_sync_pending_ = false;
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "app/zema/common/runnable.h"
+#include "app/zema/lswitch/logical_switch_context.h"
+#include "platform/wft/workflow_util.h"
+#include "proto/switching/logical_switch.pb.h"
+
+namespace zem::zema {
+
+class MpaMessageSender;
+
+/// One message about logical switches; data for the batcher, nothing to run.
+class LogicalSwitchMsgTask final : public Runnable {
+ public:
+  using Info = orlane::zem::switching::LogicalSwitchMsg::LogicalSwitchInfoMsg;
+
+  struct Record {
+    std::string name;
+    std::string path;
+    int32_t revision = 0;
+  };
+  using Switches = std::map<std::string, Record>;  // by uuid
+  using Zones = std::map<std::string, Switches>;   // by transport zone
+
+  class Batcher;
+
+  /// Null when the message holds nothing for this host; a line has said why.  `sender` is null, and
+  /// `reply_to` "covedb", for what the store told; it has to outlive the task otherwise.
+  static std::unique_ptr<LogicalSwitchMsgTask> CreateTask(
+      const LogicalSwitchContext& context, const orlane::zem::switching::LogicalSwitchMsg& message,
+      MpaMessageSender* sender, const std::string& reply_to, uint64_t barrier);
+
+  /// Nothing.
+  void Run() override {}
+
+ private:
+  LogicalSwitchMsgTask(const LogicalSwitchContext& context, MpaMessageSender* sender, std::string reply_to,
+                       uint64_t barrier);
+
+  static bool AddLogicalSwitchUpdate(const LogicalSwitchContext& context, LogicalSwitchMsgTask* task,
+                                     const Info& info);
+
+  Zones apply_;
+  std::set<std::string> deletes_;
+  const std::string reply_to_;
+  MpaMessageSender* const sender_;
+  wft::TraceContext trace_info_;
+  const uint64_t barrier_;
+  const uint64_t generation_;
+  const uint64_t epoch_;
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,20 @@
+#include "app/zema/lswitch/port_adapters.h"
+
+#include "app/zema/qub/port_ops_manager.h"
+
+namespace zem::zema {
+
+bool PortZoneKinds::IsKln(const std::string& transport_zone_id) {
+  return ports_.GetHostSwitchInfoForTz(transport_zone_id).kind == "KLN";
+}
+
+void PortVifStates::RemoveVif(const std::string& vif_id) { ports_.RemoveVifForSiteConfig(vif_id); }
+
+bool PortVifStates::ProcessVif(const std::string& vif_id) {
+  std::shared_ptr<VifRequest> request = ports_.LookupVifRequest(vif_id);
+  if (request == nullptr) return false;
+  handle_(std::move(request));
+  return true;
+}
+
+}  // namespace zem::zema
