@@ -34,7 +34,9 @@ class Refused(Exception):
 
 
 def write_file(path, data):
-    temporary = "%s.%d.tmp" % (path, os.getpid())
+    # Hidden, so that nobody takes it for a property or a port.
+    folder, name = os.path.split(path)
+    temporary = os.path.join(folder, ".%s.%d.tmp" % (name, os.getpid()))
     with open(temporary, "wb") as file:
         file.write(data)
     os.rename(temporary, path)
@@ -86,13 +88,17 @@ class Journal:
             return
         self.networks = {}
         self.lines = 0
-        with open(self.path, encoding="utf-8") as file:
+        with open(self.path, "r+b") as file:
+            whole = 0
             for line in file:
-                # A line that its writer did not finish says nothing.
-                if line.endswith("\n"):
-                    self.take(json.loads(line))
-                    self.lines += 1
-        self.seen = seen
+                # A line that its writer did not finish says nothing, and must not run into the next.
+                if not line.endswith(b"\n"):
+                    file.truncate(whole)
+                    break
+                self.take(json.loads(line))
+                self.lines += 1
+                whole += len(line)
+        self.seen = (stat.st_ino, whole)
 
     def take(self, change):
         if change["op"] == "clear":
@@ -131,6 +137,9 @@ class State:
         self.networks = Journal(os.path.join(self.host_dir, "opaque_networks.log"))
         self.host = {}
         self.host_seen = None
+        # What is to be written of switches after the host: who dies in between leaves an interface on a switch that
+        # does not have its physical NIC yet, and not one that nobody has.
+        self.metas = {}
         self.lock_file = open(os.path.join(self.root, "lock"), "w", encoding="utf-8")
 
     @contextlib.contextmanager
@@ -144,11 +153,14 @@ class State:
             if json.dumps(self.host, sort_keys=True) != before:
                 write_json(self.host_path, self.host)
                 self.host_seen = self.host_stamp()
+            for meta in self.metas.values():
+                self.write_meta(meta)
         except BaseException:
             # What was changed in memory only has not happened.
             self.host_seen = None
             raise
         finally:
+            self.metas = {}
             fcntl.flock(self.lock_file, fcntl.LOCK_UN)
 
     def host_stamp(self):
@@ -164,10 +176,29 @@ class State:
             self.host = read_json(self.host_path) or new_host(["vmnic0"], {"knl0": "management"})
             self.host_seen = stamp
 
+    def heal(self):
+        """Finishes what somebody who died in the middle began: what the kernel's part says holds."""
+        for pnic in self.host["pnics"].values():
+            if pnic["owner"] and pnic["owner"]["kind"] == "switch":
+                pnic["owner"] = None
+        switches = set(self.switch_ids())
+        for switch in switches:
+            for pair in self.meta(switch)["pnics"]:
+                owner = {"kind": "switch", "switch": switch, "uplink": pair["uplink"]}
+                self.host["pnics"][pair["dev"]]["owner"] = owner
+        for device, endpoint in self.endpoints().items():
+            if endpoint["switchId"] not in switches:
+                self.remove_endpoint(device)
+        for device, knl in list(self.host["interfaces"].items()):
+            if knl["where"]["kind"] == "endpoint" and knl["where"]["switch"] not in switches:
+                del self.host["interfaces"][device]
+        lane = self.host["guestLane"]
+        lane["switches"] = [switch for switch in lane["switches"] if switch in switches]
+
     # --- switches
 
     def switch_ids(self):
-        return sorted(name for name in os.listdir(self.switches_dir) if not name.startswith("."))
+        return sorted(name for name in os.listdir(self.switches_dir) if self.has_switch(name))
 
     def switch_path(self, switch, *parts):
         if "/" in switch or switch.startswith(".") or not switch:
@@ -175,13 +206,13 @@ class State:
         return os.path.join(self.switches_dir, switch, *parts)
 
     def meta(self, switch):
-        value = read_json(self.switch_path(switch, "meta.json"))
+        value = self.metas.get(switch) or read_json(self.switch_path(switch, "meta.json"))
         if value is None:
             raise Refused("host-switch [%s] is not found" % switch)
         return value
 
     def has_switch(self, switch):
-        return os.path.exists(self.switch_path(switch, "meta.json"))
+        return not switch.startswith(".") and os.path.exists(self.switch_path(switch, "meta.json"))
 
     def write_meta(self, meta):
         directory = self.switch_path(meta["id"])
@@ -190,6 +221,7 @@ class State:
         write_json(os.path.join(directory, "meta.json"), meta)
 
     def remove_switch(self, switch):
+        self.metas.pop(switch, None)
         gone = os.path.join(self.switches_dir, ".%d.%d.gone" % (os.getpid(), time.monotonic_ns()))
         os.rename(self.switch_path(switch), gone)
         shutil.rmtree(gone)
@@ -275,7 +307,7 @@ class State:
             self.host["pnics"][name]["owner"] = {"kind": "switch", "switch": switch, "uplink": uplink}
         meta = self.meta(switch)
         meta["pnics"] = [{"dev": name, "uplink": uplink} for name, uplink in pairs]
-        self.write_meta(meta)
+        self.metas[switch] = meta
 
     def interfaces_on(self, kind, switch):
         """Interfaces, by device, whose place is a switch of this kind."""

@@ -338,6 +338,8 @@ def main():
         fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
     except BlockingIOError:
         sys.exit("zemaLum.py: another one runs")
+    with host.state.locked():
+        host.state.heal()
     if host.stage == "never":
         time.sleep(3600)
     if os.path.exists(host.path):
