@@ -32,7 +32,8 @@ class ConfigOpsManager {
   /// True also when there was none.
   [[nodiscard]] bool ClearTeaming(const std::string& dvs, std::string* error);
   [[nodiscard]] bool ClearNamedTeaming(const std::string& dvs, std::string* error);
-  /// The number of the policy, and the uplinks: the active ones, then those on standby.
+  /// The number of the policy, and the uplinks: the active ones, then those on standby.  0 and none where the
+  /// switch has no teaming.
   [[nodiscard]] bool GetTeaming(const std::string& dvs, uint32_t* team_type,
                                 std::vector<std::string>* uplinks, std::string* error);
   /// The names of link aggregation groups; none is no failure.

@@ -16,6 +16,12 @@ class DynamicLibrary {
     void** address;
   };
 
+  /// `function` is a pointer to a function, of the type that the library's has.
+  template <class Function>
+  static Symbol Of(const char* name, Function* function) {
+    return {name, reinterpret_cast<void**>(function)};
+  }
+
   explicit DynamicLibrary(std::string file) : file_(std::move(file)) {}
   ~DynamicLibrary() { Close({}); }
   DynamicLibrary(const DynamicLibrary&) = delete;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 namespace zem::zema {
 
@@ -15,7 +16,11 @@ class LibraryBuffer {
     other.data_ = nullptr;
     other.length_ = 0;
   }
-  LibraryBuffer& operator=(LibraryBuffer&&) = delete;
+  LibraryBuffer& operator=(LibraryBuffer&& other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(length_, other.length_);
+    return *this;
+  }
   LibraryBuffer(const LibraryBuffer&) = delete;
   LibraryBuffer& operator=(const LibraryBuffer&) = delete;
 

@@ -31,8 +31,8 @@ class RouterPorts {
   [[nodiscard]] bool GetDvsIdsChangingVdrMac(const Macs& macs, std::vector<std::string>* changing,
                                              std::string* error);
 
-  /// Takes the router off the switch: the library's code.
-  uint32_t UnPlumb(const std::string& dvs) { return library_.UnPlumbVdrConnection(dvs); }
+  /// Takes the router off the switch: the library's code, 0 also when no router was on it.
+  uint32_t UnPlumb(const std::string& dvs);
 
   /// Takes the routers off the switches that `before` has and `after` has not, in order of the ids.  Ends at
   /// the first that fails: its id is added to `failed`, and the result is false.

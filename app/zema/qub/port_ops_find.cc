@@ -1,0 +1,167 @@
+#include "app/zema/qub/dvs_data.h"
+#include "app/zema/qub/port_file.h"
+#include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/qub/port_props.h"
+#include "app/zema/qub/port_walk.h"
+#include "app/zema/qub/switch_library.h"
+#include "framework/log.h"
+#include "platform/wft/workflow_util.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+enum class Same { kYes, kNo, kUnknown };
+
+// Whether a text property of the port has the value; kUnknown when it is not there or cannot be read.
+Same Compare(const SwitchLibrary& library, const std::string& dvs, const std::string& port,
+             const char* property, const std::string& value) {
+  LibraryBuffer bytes;
+  const uint32_t result = library.PortDataGet(dvs, port, property, &bytes);
+  if (result == 0) return bytes.text() == value ? Same::kYes : Same::kNo;
+  if (result == kSwitchNotFound) {
+    ZLOG_DEBUG("[PortOp] Property [%s] is not found on port [%s]", property, port.c_str());
+  } else {
+    ZLOG_ERROR("44207", "[PortOp] Failed to get property [%s] of port [%s], error code [%s]", property,
+               port.c_str(), SwitchErrorText(result).c_str());
+  }
+  return Same::kUnknown;
+}
+
+}  // namespace
+
+bool PortOpsManager::Matches(const PortLocation& at, const std::string& vif, const std::string& ls) const {
+  if (Compare(library_, at.dvs, at.port, port_props::kOpaqueNetworkId, ls) != Same::kYes) return false;
+  ZLOG_INFO("[PortOp] Port [%s] on switch [%s] matched.", at.port.c_str(), at.dvs.c_str());
+  return Compare(library_, at.dvs, at.port, port_props::kExternalId, vif) == Same::kYes;
+}
+
+bool PortOpsManager::FindOnSwitches(const std::string& vif, const std::string& ls,
+                                    PortLocation* found) const {
+  PortLocation at;
+  const bool hit = PortWalk(library_, Switches()).Visit([&](const std::string& dvs, const std::string& port) {
+    at.dvs = dvs;
+    at.port = port;
+    return Matches(at, vif, ls);
+  });
+  if (hit) *found = std::move(at);
+  return hit;
+}
+
+int PortOpsManager::FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
+                                      PortLocation* found, std::string* error) {
+  const auto span = wft::WorkflowUtil::StartChildSpan("PortOpsManager.FindPortByVifUuid", wft::kTraceInfo);
+  wft::WorkflowUtil::SetCurSpanTag(wft::tags::kVif, vif);
+  wft::WorkflowUtil::SetCurSpanTag(wft::tags::kLogicalSwitch, ls);
+  wft::WorkflowUtil::SetCurSpanTag("gcfPath", *gcf_path);
+  if (vif.empty() || ls.empty()) {
+    *error = "No VIF or logical switch given to find a port by";
+    return -1;
+  }
+  if (FindOnSwitches(vif, ls, found)) {
+    // A port without file has no directory to compare.
+    const auto memory = VmDirectoryOfPortFile(PersistPath(found->dvs, found->port));
+    const auto wanted = VmDirectoryOf(*gcf_path);
+    if (memory && wanted && *memory != *wanted) {
+      *error = "Failed to find required port. GCF path [" + *gcf_path +
+               "] specified for the port is different from the gcf path [" + *memory + "] in memory";
+      ZLOG_ERROR("44207", "[PortOp] %s", error->c_str());
+      return -1;
+    }
+    if (memory && gcf_path->empty()) *gcf_path = *memory;
+    ZLOG_INFO("[PortOp] Found required port. VIF[%s] PortKey:[%s] GCF Dir Path: [%s]", vif.c_str(),
+              found->port.c_str(), memory.value_or("").c_str());
+    return 0;
+  }
+  if (!gcf_path->empty()) {
+    ZLOG_INFO("[PortOp] Searching through gcf dir");
+    const auto directory = VmDirectoryOf(*gcf_path);
+    if (!directory) {
+      ZLOG_INFO(
+          "[PortOp] Ignoring port [%s] restore from portData file for knl and crx ports with gcfPath: [%s]",
+          vif.c_str(), gcf_path->c_str());
+      *error = "Could not find port with VIF " + vif;
+      return -1;
+    }
+    if (RestoreFromFiles(vif, ls, *directory, found)) return 0;
+  }
+  ZLOG_INFO("[PortOp] Could not find port/vif");
+  *error = "Could not find port with VIF " + vif;
+  return -1;
+}
+
+// The ports before the match stay on their switches, too: they are the VM's as well.
+bool PortOpsManager::RestoreFromFiles(const std::string& vif, const std::string& ls,
+                                      const std::string& directory, PortLocation* found) {
+  for (const PortFileEntry& file : PortFilesOf(directory)) {
+    ZLOG_INFO("[PortOp] Deleting port:[%s]", file.port.c_str());
+    if (const uint32_t removed = library_.PortRemove(file.dvs, file.port);
+        removed != 0 && removed != kSwitchNotFound) {
+      ZLOG_INFO("[PortOp] Port [%s] was not removed, error code [%s]", file.port.c_str(),
+                SwitchErrorText(removed).c_str());
+    }
+    if (!RestorePort(file.dvs, file.port, file.path)) continue;
+    if (!Matches({file.dvs, file.port}, vif, ls)) continue;
+    ZLOG_INFO("[PortOp] Found required port. VIF[%s] PortKey:[%s]", vif.c_str(), file.port.c_str());
+    *found = {file.dvs, file.port};
+    return true;
+  }
+  return false;
+}
+
+bool PortOpsManager::RestorePort(const std::string& dvs, const std::string& port, const std::string& file) {
+  ZLOG_INFO("[PortOp] Reading portfile:[%s]", file.c_str());
+  std::string bytes;
+  if (const int failed = ReadPortFile(file, &bytes); failed != 0) {
+    ZLOG_ERROR("44206", "[PortOp] Port [%s] file read failed:%d", port.c_str(), failed);
+    return false;
+  }
+  if (const uint32_t result = library_.PortAdd(dvs, port, bytes); result != 0) {
+    ZLOG_ERROR("44204", "[PortOp] Port add operation failed, error code [%s]",
+               SwitchErrorText(result).c_str());
+    return false;
+  }
+  ZLOG_INFO("[PortOp] Setting port persistence path:[%s]", file.c_str());
+  // A failure is logged; the port is back in any case.
+  static_cast<void>(SetPortExtraConfig(dvs, port, port_props::kPersistPath, file));
+  return true;
+}
+
+// The port is wanted for what is written on it.  It may come from a switch that this host has not, so all
+// files are tried on the switch of the zone; what is not the port, and was not there before, goes again.
+int PortOpsManager::FindPortToFetchVMTags(const std::string& vif, const std::string& ls,
+                                          const std::string& gcf_path, const std::string& new_zone,
+                                          PortLocation* found, std::string* error) {
+  ZLOG_INFO("[PortOp] FindPortToFetchVMTags: VIF[%s] LS[%s] GCF[%s] newTZ[%s]", vif.c_str(), ls.c_str(),
+            gcf_path.c_str(), new_zone.c_str());
+  const std::string dvs = GetDvsIdForTz(new_zone);
+  const auto directory = VmDirectoryOf(gcf_path);
+  if (vif.empty() || ls.empty() || dvs.empty() || !directory) {
+    *error = "Could not look for the prior port of VIF " + vif + ": its files or the switch are not known";
+    return -1;
+  }
+  for (const PortFileEntry& file : PortFilesOf(*directory)) {
+    const bool there = library_.PortFind(dvs, file.port) == 0;
+    if (!there && !RestorePort(dvs, file.port, file.path)) continue;
+    const Same network = Compare(library_, dvs, file.port, port_props::kOpaqueNetworkId, ls);
+    const Same id = Compare(library_, dvs, file.port, port_props::kExternalId, vif);
+    if (network == Same::kYes && id == Same::kYes) {
+      *found = {dvs, file.port};
+      return 0;
+    }
+    if (network == Same::kUnknown || id == Same::kUnknown) {
+      ZLOG_ERROR("44207", "[PortOp] Failed to lookup networkId/vifId of port [%s]. Unloading it from memory",
+                 file.port.c_str());
+    }
+    if (there) continue;
+    if (const uint32_t removed = library_.PortRemove(dvs, file.port); removed != 0) {
+      ZLOG_WARN("[PortOp] Port [%s] was not removed, error code [%s]", file.port.c_str(),
+                SwitchErrorText(removed).c_str());
+    }
+  }
+  *error = "Could not find the prior port of VIF " + vif;
+  return -1;
+}
+
+}  // namespace zem::zema
