@@ -18,6 +18,8 @@
 #include "agent/manager_commands.h"
 #include "agent/start_watchdog.h"
 #include "app/probe/probe.h"
+#include "app/zema/app/zema_app.h"
+#include "app/zema/app/zema_commands.h"
 #include "covedbclient/covedb_client.h"
 #include "framework/builtin_commands.h"
 #include "framework/cli_server.h"
@@ -47,6 +49,7 @@ constexpr LogSource kMpaLog{"mpa-client"};
 
 constexpr const char* kProcessName = "zem-tarvik";
 constexpr const char* kMainThreadName = "tarvik";
+constexpr const char* kZemaThreadName = "Main:zema_st";
 
 constexpr const char* kProxyClientId = "tarvik";
 constexpr const char* kProxyEndpoint = "tcp://127.0.0.1:9004";
@@ -115,7 +118,10 @@ class Agent::Impl {
   void StartFrame();
   void StartStore();
   void StartHealthService();
+  void StartZema();
   void StartApplications();
+  void WaitForApplications();
+  bool Enabled(Mode mode) const;
   void Serving();
 
   const Settings settings_;
@@ -132,6 +138,7 @@ class Agent::Impl {
   std::shared_ptr<covedb::CoveDbClient> store_client_;
   std::shared_ptr<upm::UPMService> update_service_;
   boost::intrusive_ptr<CliServer> cli_server_;
+  std::unique_ptr<ZemaApp> zema_;
   std::unique_ptr<Probe> probe_;
   std::unique_ptr<rpc::Server> health_server_;
 };
@@ -154,7 +161,9 @@ int Agent::Impl::Start() {
   }
   StartStore();
   StartHealthService();
+  StartZema();
   StartApplications();
+  WaitForApplications();
   Serving();
   return 0;
 }
@@ -235,6 +244,29 @@ void Agent::Impl::StartHealthService() {
   health_server_ = builder.BuildStarted();
 }
 
+bool Agent::Impl::Enabled(Mode mode) const {
+  uint8_t on = 0;
+  GetMode(mode, &on);
+  return on != 0;
+}
+
+void Agent::Impl::StartZema() {
+  zema_ = std::make_unique<ZemaApp>(*provider_, nullptr, store_client_);
+  cli_server_->AddCommands(ZemaCommands(*zema_));
+  if (!host_role_ || !Enabled(Mode::kZemaApp)) return;
+  watchdog_->Enter("realization");
+  SetThreadName(kZemaThreadName);
+  ZLOG_INFO("Zema Start...");
+  zema_->Start(Enabled(Mode::kOvsDpdk), Enabled(Mode::kOvsDpdkCreateVif), Enabled(Mode::kLacpBonding));
+}
+
+void Agent::Impl::WaitForApplications() {
+  if (!host_role_ || !Enabled(Mode::kZemaApp)) return;
+  watchdog_->Enter("controller list");
+  ZLOG_INFO("Waiting for Controller List app start...");
+  zema_->WaitStarted();
+}
+
 // Applications that this build does not have yet are not started and not announced.
 void Agent::Impl::StartApplications() {
   if (host_role_) {
@@ -270,6 +302,7 @@ void Agent::Impl::Stop() {
     cli_server_->Stop();
   }
   if (probe_) probe_->Stop();
+  if (host_role_ && Enabled(Mode::kZemaApp)) zema_->Stop(0);
   if (host_role_) {
     lcp_adapter_->Stop();
     lcp_adapter_.reset();
@@ -285,6 +318,7 @@ void Agent::Impl::Stop() {
 
   health_server_.reset();
   probe_.reset();
+  zema_.reset();
   cli_server_.reset();
   update_service_.reset();
   wft::WorkflowUtil::Init(nullptr, "");

@@ -47,6 +47,8 @@ struct BusHeader {
   std::string reply_to;             ///< "amqp_replyTo"
   std::string app_type;             ///< "app_type"
   std::string app_id;               ///< "app_id"
+  std::string session_id;           ///< "session-id"
+  std::string message_id;           ///< "amqp-message-id"
   std::optional<int64_t> msg_type;  ///< "msg_type"
 
   /// The BSON bytes.

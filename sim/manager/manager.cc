@@ -43,6 +43,9 @@ std::string ToJson(const Message& message) {
 
 std::unique_ptr<Message> New(const Message& prototype) { return std::unique_ptr<Message>(prototype.New()); }
 
+// Of each kind; enough to see which one a host has realized.
+constexpr size_t kSentRemembered = 8;
+
 }  // namespace
 
 // What one APH's services receive goes to the manager, with the APH's name on it.
@@ -290,8 +293,18 @@ std::string Manager::Send(const SendRequest& request, std::function<void(HostAns
   std::lock_guard lock(mutex_);
   const auto aph = aphs_.find(target);
   if (aph == aphs_.end()) return target.empty() ? "there is no master" : "no APH " + target;
+  std::deque<std::string>& sent = last_sent_[request.member];
+  sent.push_front(member->SerializeAsString());
+  if (sent.size() > kSentRemembered) sent.pop_back();
   aph->second->Call(*vertical, message, request.publish, request.timeout, std::move(done));
   return {};
+}
+
+std::optional<std::string> Manager::LastSent(const std::string& member, size_t back) const {
+  std::lock_guard lock(mutex_);
+  const auto found = last_sent_.find(member);
+  if (found == last_sent_.end() || back >= found->second.size()) return std::nullopt;
+  return found->second[back];
 }
 
 std::string Manager::AnswerJson(const std::string& vertical, const HostAnswer& answer) {

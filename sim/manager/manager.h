@@ -96,6 +96,9 @@ class Manager {
   };
   /// Calls a host.  The text of what is wrong with the request, or empty when it is on its way.
   std::string Send(const SendRequest& request, std::function<void(HostAnswer)> done);
+  /// The bytes of the last message of a kind that was sent, by its short name, or of the `back`th before it;
+  /// nothing when it was never sent or is forgotten.
+  std::optional<std::string> LastSent(const std::string& member, size_t back = 0) const;
   /// The answer's unified message as JSON.
   static std::string AnswerJson(const std::string& vertical, const HostAnswer& answer);
 
@@ -124,6 +127,7 @@ class Manager {
   std::deque<Received> received_;
   uint64_t last_number_ = 0;
   std::map<std::string, uint64_t> served_;
+  std::map<std::string, std::deque<std::string>> last_sent_;  // by member, newest first
 };
 
 }  // namespace zem::sim

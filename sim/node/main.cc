@@ -24,6 +24,7 @@
 #include "sim/node/node.h"
 #include "sim/node/sandbox.h"
 #include "sim/node/scenario.h"
+#include "sim/switch/library_folder.h"
 
 namespace {
 
@@ -43,6 +44,7 @@ constexpr const char* kUsage =
     "  --dir DIR        the node's folder: control socket and daemon output (/tmp/zem-node)\n"
     "  --daemon FILE    the daemon's program (zem-tarvik beside this one)\n"
     "  --options FILE   the daemon's XML options\n"
+    "  --zema FILE      the realization's JSON options\n"
     "  --issue TEXT     the identity file's text; \"\" leaves it away\n"
     "  --no-daemon      the daemon is started by \"daemon/start\"\n"
     "  --follow         prints the daemon's log\n"
@@ -76,7 +78,8 @@ std::string DaemonBeside(const char* program) {
 }
 
 int RunNode(Words words, const char* program) {
-  zem::sim::SandboxOptions sandbox{kDefaultDirectory, DaemonBeside(program)};
+  zem::sim::SandboxOptions sandbox{kDefaultDirectory, DaemonBeside(program), ZEM_SIM_HOST,
+                                   zem::sim::LibraryFolder::Built()};
   zem::sim::NodeOptions node;
   while (!words.empty()) {
     const std::string option = words.Take();
@@ -86,6 +89,8 @@ int RunNode(Words words, const char* program) {
       sandbox.daemon = words.Take();
     } else if (option == "--options") {
       node.daemon_options = ReadFile(words.Take());
+    } else if (option == "--zema") {
+      node.realization_options = ReadFile(words.Take());
     } else if (option == "--issue") {
       node.issue = words.Take();
     } else if (option == "--no-daemon") {

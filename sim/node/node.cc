@@ -12,9 +12,11 @@
 #include "sim/control/control_server.h"
 #include "sim/dataplane/dataplane_agent.h"
 #include "sim/dataplane/dataplane_commands.h"
+#include "sim/host/host_commands.h"
 #include "sim/manager/manager_commands.h"
 #include "sim/node/raw_sockets.h"
 #include "sim/node/sandbox.h"
+#include "sim/switch/switch_commands.h"
 
 namespace zem::sim {
 namespace {
@@ -25,6 +27,7 @@ constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kAgentLink = "/run/orlane/zem-agent/zema_link";
 constexpr const char* kIssueFile = "/etc/zem_issue";
 constexpr const char* kOptionsFile = "/etc/orlane/zem-tarvik/zem-tarvik.xml";
+constexpr const char* kRealizationFile = "/etc/orlane/zem-tarvik/zema.json";
 
 void Write(const std::string& path, const std::string& text) {
   std::ofstream out(path, std::ios::trunc);
@@ -62,11 +65,15 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
   }
   dataplane_ = std::make_unique<DataplaneAgent>(kAgentLink);
   listeners_ = std::make_unique<RawListeners>(control_provider_.io());
+  host_management_ = std::make_unique<HostManagement>();
   daemon_ = std::make_unique<DaemonProcess>(kDaemonPath, std::string(kNodeDirectory) + "/daemon.out");
+  daemon_->SetEnvironment("LD_LIBRARY_PATH", kLoadedLibraries);
 
   RegisterStoreCommands(store_commands_, *store_, registry_);
   RegisterManagerCommands(manager_commands_, *manager_);
   RegisterDataplaneCommands(dataplane_commands_, *dataplane_);
+  RegisterHostCommands(host_commands_, host_state_);
+  RegisterSwitchCommands(commands_, switch_state_, libraries_);
   RegisterNodeCommands(commands_, *this);
   control_ =
       std::make_unique<ControlServer>(control_provider_, commands_, std::string(kNodeDirectory) + "/control");
@@ -85,6 +92,9 @@ Node::~Node() {
 void Node::WriteFiles() {
   if (!options_.issue.empty()) Write(kIssueFile, options_.issue);
   if (!options_.daemon_options.empty()) Write(kOptionsFile, options_.daemon_options);
+  if (!options_.realization_options.empty()) Write(kRealizationFile, options_.realization_options);
+  SetUpHost(options_.host);
+  if (std::string error; !libraries_.Install(&error)) throw std::runtime_error(error);
 }
 
 int Node::Run() {

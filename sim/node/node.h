@@ -5,11 +5,16 @@
 
 #include "platform/core/provider.h"
 #include "sim/control/command_table.h"
+#include "sim/host/host_state.h"
 #include "sim/manager/manager.h"
 #include "sim/node/daemon_process.h"
 #include "sim/node/health_sink.h"
+#include "sim/node/host_management.h"
+#include "sim/node/host_setup.h"
 #include "sim/node/log_sink.h"
 #include "sim/store/store_daemon.h"
+#include "sim/switch/library_folder.h"
+#include "sim/switch/sim_state.h"
 
 namespace zem::sim {
 
@@ -17,12 +22,22 @@ class ControlServer;
 class DataplaneAgent;
 class RawListeners;
 
+/// Where the daemon's loader finds the host's libraries.
+inline constexpr const char* kLoadedLibraries = "/run/zem-libraries";
+
 /// What a node starts with.
 struct NodeOptions {
+  /// Batches close soon enough for somebody who watches.
+  static constexpr const char* kRealizationOptions =
+      "{\"mp\": {\"lsMsgBatchInterval\": 4, \"lsMsgIncomingWaitInBatch\": 1}}\n";
+
   /// Written into "/etc/zem_issue" as it stands; empty leaves the file away.
   std::string issue = "node-type: zem-qub\n";
   /// The daemon's options file; empty leaves it away.
   std::string daemon_options;
+  /// The realization's options file; empty leaves it away.
+  std::string realization_options = kRealizationOptions;
+  HostSetup host;
   std::string transport_node_id = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
   /// The first is the master.
   std::vector<std::string> aphs = {"0a000000-0000-4000-8000-000000000001",
@@ -58,16 +73,21 @@ class Node {
 
   std::unique_ptr<LogSink> log_;
   std::unique_ptr<HealthSink> health_;
+  SwitchState switch_state_;
+  LibraryFolder libraries_{kLoadedLibraries};
+  HostState host_state_{HostState::DefaultRoot()};
   ObjectRegistry registry_;
   std::unique_ptr<StoreDaemon> store_;
   std::unique_ptr<Manager> manager_;
   std::unique_ptr<DataplaneAgent> dataplane_;
   std::unique_ptr<RawListeners> listeners_;
+  std::unique_ptr<HostManagement> host_management_;
   std::unique_ptr<DaemonProcess> daemon_;
 
   CommandTable store_commands_;
   CommandTable manager_commands_;
   CommandTable dataplane_commands_;
+  CommandTable host_commands_;
   CommandTable commands_;
   std::unique_ptr<ControlServer> control_;
 };

@@ -18,9 +18,11 @@
 #include "framework/child_process.h"
 #include "platform/core/thread.h"
 #include "platform/core/timer.h"
+#include "proto/switching/switching.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/hex.h"
 #include "sim/node/health_caller.h"
+#include "sim/node/host_diff.h"
 #include "sim/node/log_commands.h"
 #include "sim/node/node.h"
 #include "sim/node/raw_sockets.h"
@@ -242,6 +244,28 @@ void ShowRaw(const RawListeners& listeners, const Reply& reply) {
   reply.Ok(std::move(result));
 }
 
+// A configuration that the manager sent against what the host has.
+void ShowDiff(const Manager& manager, const HostState& host, const Arguments& arguments, const Reply& reply) {
+  size_t back = 0;
+  if (!arguments.empty()) back = static_cast<size_t>(Seconds(arguments[0]).value_or(0));
+  const auto sent = manager.LastSent("HostConfigMsg", back);
+  if (!sent) return reply.Fail("the manager has sent no such HostConfigMsg");
+  orlane::zem::switching::HostConfigMsg config;
+  if (!config.ParseFromString(*sent)) return reply.Fail("the last HostConfigMsg does not parse");
+  const Json state = host.Read();
+  const cJSON* const id = cJSON_GetObjectItemCaseSensitive(state.get(), "transportNodeId");
+  Json lines = JsonArray();
+  for (const std::string& line : DiffHost(config, cJSON_IsString(id) ? id->valuestring : "")) {
+    AddItem(lines.get(), line);
+  }
+  Json result = JsonObject();
+  AddMember(result.get(), "id", config.id());
+  AddMember(result.get(), "revision", config.revision());
+  AddMember(result.get(), "count", cJSON_GetArraySize(lines.get()));
+  AddMember(result.get(), "lines", std::move(lines));
+  reply.Ok(std::move(result));
+}
+
 // A peer's table under one word.
 void Forward(CommandTable& table, const char* name, const char* help, const CommandTable& to) {
   Command command;
@@ -267,6 +291,31 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
           n->manager_commands_);
   Forward(table, "dataplane", "The dataplane agent; \"dataplane help\" lists its commands.",
           n->dataplane_commands_);
+  Forward(table, "host", "The host and its management script; \"host help\" lists its commands.",
+          n->host_commands_);
+  table.Register(
+      {"diff", "[BACK]",
+       "Shows what the host lacks or has too much against the manager's last HostConfigMsg, or the "
+       "BACKth before it.",
+       0, 1, [n](const Arguments& arguments, const Reply& reply) {
+         ShowDiff(*n->manager_, n->host_state_, arguments, reply);
+       }});
+  table.Register({"host-management", "[start|stop]",
+                  "The host management daemon's socket: shows, opens, closes it.", 0, 1,
+                  [n](const Arguments& arguments, const Reply& reply) {
+                    if (!arguments.empty() && arguments[0] != "start" && arguments[0] != "stop") {
+                      return reply.Fail("start or stop");
+                    }
+                    if (!arguments.empty()) {
+                      arguments[0] == "start" ? n->host_management_->Start() : n->host_management_->Stop();
+                    }
+                    const HostManagement::State state = n->host_management_->state();
+                    Json result = JsonObject();
+                    AddMember(result.get(), "listening", state.listening);
+                    AddMember(result.get(), "connected", state.connected);
+                    AddMember(result.get(), "connections", state.connections);
+                    reply.Ok(std::move(result));
+                  }});
   table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     if (!n->daemon_->Start()) return reply.Fail("the daemon runs");
                     reply.Ok(DaemonJson(*n->daemon_));

@@ -92,6 +92,20 @@ void RaiseLoopback() {
   Check(::ioctl(socket.get(), SIOCSIFFLAGS, &request), "loopback");
 }
 
+// Nothing for an empty name.
+UniqueFd OpenFolder(const std::string& path) {
+  if (path.empty()) return UniqueFd();
+  UniqueFd folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!folder) Fail("open " + path);
+  return folder;
+}
+
+void BindFolder(const UniqueFd& folder, const std::string& target) {
+  if (!folder) return;
+  MakeDirectories(target);
+  Bind("/proc/self/fd/" + std::to_string(folder.get()), target);
+}
+
 void MakeMounts(const SandboxOptions& options) {
   // Held open before the new mounts hide them.
   const UniqueFd directory(::open(options.directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -99,11 +113,15 @@ void MakeMounts(const SandboxOptions& options) {
   const UniqueFd daemon(::open(options.daemon.c_str(), O_PATH | O_CLOEXEC));
   if (!daemon) Fail("open " + options.daemon);
 
+  const UniqueFd scripts = OpenFolder(options.host_scripts);
+  const UniqueFd libraries = OpenFolder(options.libraries);
+
   Check(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "private mounts");
   Mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
   Mount("tmpfs", "/run", "tmpfs", MS_NOSUID, "mode=755");
   MakeDirectories("/run/zem-layers");
-  for (const char* path : {"/etc", "/opt", "/usr/local", "/var"}) Overlay("/run/zem-layers", path);
+  for (const char* path : {"/etc", "/opt", "/usr/local", "/usr/lib64", "/var"})
+    Overlay("/run/zem-layers", path);
   Mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID, "mode=1777");
   Mount("tmpfs", "/var/log", "tmpfs", MS_NOSUID, "mode=755");
   MakeDevices();
@@ -118,6 +136,8 @@ void MakeMounts(const SandboxOptions& options) {
   }
   WriteFile(kDaemonPath, "");
   Bind("/proc/self/fd/" + std::to_string(daemon.get()), kDaemonPath);
+  BindFolder(scripts, kHostScripts);
+  BindFolder(libraries, options.libraries);
   MakeDirectories("/usr/local/bin");
   if (::access("/usr/bin/python3", X_OK) == 0 && ::access("/usr/local/bin/python", F_OK) != 0) {
     Check(::symlink("/usr/bin/python3", "/usr/local/bin/python"), "python");

@@ -8,7 +8,8 @@ namespace zem::sim {
 /// A node's own view of the machine: mounts, network, processes.  Nothing of the machine is changed, and
 /// nothing stays behind when the sandbox ends, however it ends.
 ///
-/// Inside: "/etc", "/opt", "/usr/local" are the machine's with the node's changes over them; "/run", "/tmp",
+/// Inside: "/etc", "/opt", "/usr/local", "/usr/lib64" are the machine's with the node's changes over them;
+/// "/run", "/tmp",
 /// "/var/log" and "/dev" are the node's own; loopback is up and alone; "/proc" shows the node's processes
 /// only.  `directory` is seen at kNodeDirectory too, whatever the new mounts hide.
 struct SandboxOptions {
@@ -16,9 +17,14 @@ struct SandboxOptions {
   std::string directory;
   /// The program that becomes kDaemonPath.
   std::string daemon;
+  /// Folder that is seen at kHostScripts; empty leaves it away.
+  std::string host_scripts = "";
+  /// Folder that is seen at its own path, whatever the new mounts hide; or empty.
+  std::string libraries = "";
 };
 
 inline constexpr const char* kNodeDirectory = "/run/zem-node";
+inline constexpr const char* kHostScripts = "/usr/lib64/orlane/zem-tarvik/pylum/zema";
 inline constexpr const char* kDaemonPath = "/opt/orlane/zem-tarvik/bin/zem-tarvik";
 
 /// Runs `body` as the first process of a new sandbox and gives its exit code; the code is 128 and the

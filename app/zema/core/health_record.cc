@@ -158,4 +158,14 @@ bool HealthRecord::in_tn_mmode() const {
   return tn_mmode_;
 }
 
+bool HealthRecord::lum_ready() const {
+  std::lock_guard lock(mutex_);
+  return lum_ready_;
+}
+
+std::map<std::string, HealthRecord::RouterMac> HealthRecord::dvs_vdr_macs() const {
+  std::lock_guard lock(mutex_);
+  return router_macs_;
+}
+
 }  // namespace zem::zema

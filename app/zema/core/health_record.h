@@ -48,6 +48,8 @@ class HealthRecord {
   void enterTnMmode();
   void exitTnMmode();
   void setShuttingDown();
+  /// The switches whose status the record publishes, by id, with their routers' addresses.  Publishes nothing
+  /// by itself.
   void setDvsNameVdrMacs(std::map<std::string, RouterMac> macs);
   /// Gets a byte each time the manager has been connected; the descriptor is the record's from now on.
   void setResyncFd(int fd);
@@ -60,6 +62,8 @@ class HealthRecord {
   bool shutting_down() const;
   bool mpa_connected() const;
   bool in_tn_mmode() const;
+  bool lum_ready() const;
+  std::map<std::string, RouterMac> dvs_vdr_macs() const;
 
  private:
   void Rise(bool HealthRecord::*part, bool value);

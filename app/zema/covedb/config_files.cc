@@ -91,6 +91,25 @@ bool ConfigFiles::RetrieveHostConfigMsgFromFile(HostConfigMsg* message, std::str
   return true;
 }
 
+bool ConfigFiles::BeginApply() {
+  const std::lock_guard lock(mutex_);
+  std::string reason;
+  if (WriteFileWhole(ApplyMark(), "applying\n", &reason) == FileWrite::kDone) return true;
+  ZLOG_ERROR("44062", "[%s] Failed to write to the host config file [%s], error [%s].\n", __func__,
+             ApplyMark().c_str(), reason.c_str());
+  return false;
+}
+
+void ConfigFiles::EndApply() {
+  const std::lock_guard lock(mutex_);
+  if (const int reason = RemoveFile(ApplyMark()); reason != 0) {
+    ZLOG_ERROR("44065", "[%s] Failed to delete host config file [%s]: %s\n", __func__, ApplyMark().c_str(),
+               GetErrMsg(reason).c_str());
+  }
+}
+
+bool ConfigFiles::ApplyUnfinished() const { return ::access(ApplyMark().c_str(), F_OK) == 0; }
+
 bool ConfigFiles::HasHostConfigFile() const { return ::access(paths_.host_config.c_str(), F_OK) == 0; }
 
 int ConfigFiles::PersistMmodeCfgToFile(const MaintenanceModeConfigMsg& message) {

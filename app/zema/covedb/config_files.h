@@ -38,6 +38,12 @@ class ConfigFiles {
                                                    std::string* error);
   bool HasHostConfigFile() const;
 
+  /// Between the two the host's switches are neither those of one configuration nor those of the next: a
+  /// start that finds it so has to apply the stored one again.  False when that cannot be written down.
+  bool BeginApply();
+  void EndApply();
+  bool ApplyUnfinished() const;
+
   [[nodiscard]] int PersistMmodeCfgToFile(const orlane::zem::switching::MaintenanceModeConfigMsg& message);
   [[nodiscard]] bool RetrieveMmodeCfgMsgFromFile(orlane::zem::switching::MaintenanceModeConfigMsg* message,
                                                  std::string* error);
@@ -53,6 +59,8 @@ class ConfigFiles {
 
  private:
   bool Read(const std::string& path, google::protobuf::MessageLite* message, std::string* error);
+
+  std::string ApplyMark() const { return paths_.host_config + ".applying"; }
 
   const Paths paths_;
   std::mutex mutex_;  // one writer at a time: a removal must not meet a write half done

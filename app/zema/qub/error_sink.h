@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,10 +18,32 @@ class ErrorSink {
   static constexpr uint32_t kGeneral = 8700;
   static constexpr uint32_t kPnicUsedByManagement = 8701;
   static constexpr uint32_t kTransportNodeIdNotSet = 8702;
+  /// A router port stayed connected.
+  static constexpr uint32_t kRouterPort = 8703;
+  /// A switch did not tell its state.
+  static constexpr uint32_t kSwitchStatus = 44302;
 
   void Add(uint32_t code, std::string text) {
     if (code > code_) code_ = code;
     texts_.push_back(std::move(text));
+  }
+
+  /// Takes the texts out that contain `part`; `told` gets each.
+  template <class Told>
+  void RemoveTextsWith(std::string_view part, Told told) {
+    std::erase_if(texts_, [&](const std::string& text) {
+      if (text.find(part) == std::string::npos) return false;
+      told(text);
+      return true;
+    });
+  }
+
+  /// The one case in which the code goes down: a router port that stayed is no error once its switch is gone
+  /// and nothing else went wrong.  True when it was so.
+  bool ForgiveRouterPort() {
+    if (!texts_.empty() || code_ != kRouterPort) return false;
+    code_ = 0;
+    return true;
   }
 
   uint32_t code() const { return code_; }

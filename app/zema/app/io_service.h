@@ -1,0 +1,34 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace zem::zema {
+
+class TaskThread;
+
+/// Runs what must leave the receive callback at once and yet may wait for the manager, in order, on a thread
+/// of its own ("IOServiceThread") that comes with the first piece of work.
+///
+/// Threads: Post from any; Stop by the owner.
+class IOService {
+ public:
+  IOService();
+  ~IOService();
+  IOService(const IOService&) = delete;
+  IOService& operator=(const IOService&) = delete;
+
+  /// After Stop the work is destroyed unrun.
+  void Post(std::function<void()> work);
+
+  /// Ends after the piece that runs at that moment.
+  void Stop();
+
+ private:
+  std::mutex mutex_;  // guards what follows
+  std::unique_ptr<TaskThread> thread_;
+  bool stopped_ = false;
+};
+
+}  // namespace zem::zema

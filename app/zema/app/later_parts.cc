@@ -1,0 +1,47 @@
+#include "app/zema/app/later_parts.h"
+
+#include "framework/log.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+void NotServed(const char* what) { ZLOG_DEBUG("Not served on this host: %s", what); }
+
+}  // namespace
+
+void VifRequestSink::Detach(const orlane::zem::switching::VifAttachmentMsg&) { NotServed("detach of a VIF"); }
+
+void VifRequestSink::Restore(const orlane::zem::switching::VifAttachmentMsg&) {
+  NotServed("restore of a VIF");
+}
+
+std::unique_ptr<Runnable> EndpointTasks::MakeVtepRecoveryTask(
+    const RequestOrigin&, const orlane::zem::switching::VTEPRecoveryRequestMsg&) {
+  NotServed("endpoint recovery");
+  return nullptr;
+}
+
+std::unique_ptr<Runnable> EndpointTasks::MakeVtepAdminStateTask(
+    const RequestOrigin&, const orlane::zem::switching::VTEPAdminStateMgmtRequestMsg&) {
+  NotServed("endpoint administrative state");
+  return nullptr;
+}
+
+void EndpointTasks::SyncVtepAddresses(const RequestOrigin&, const orlane::zem::switching::VtepIPSyncMsg&) {
+  NotServed("endpoint address synchronisation");
+}
+
+std::unique_ptr<Runnable> MaintenanceTasks::MakeMmodeConfigTask(
+    const RequestOrigin&, const orlane::zem::switching::MaintenanceModeConfigMsg&) {
+  NotServed("maintenance mode");
+  return nullptr;
+}
+
+void MaintenanceTasks::Restore() { NotServed("maintenance mode of the run before"); }
+
+void ControllerListStarter::Start() { NotServed("controller list"); }
+
+}  // namespace zem::zema

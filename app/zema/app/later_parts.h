@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/zema/common/runnable.h"
+#include "app/zema/core/mpa_message_sender.h"
+
+namespace orlane::zem::switching {
+class HostConfigMsg;
+class MaintenanceModeConfigMsg;
+class VTEPAdminStateMgmtRequestMsg;
+class VTEPRecoveryRequestMsg;
+class VifAttachmentMsg;
+class VtepIPSyncMsg;
+}  // namespace orlane::zem::switching
+
+namespace zem::zema {
+
+/// Where a request of the manager came from, and goes back to.
+struct RequestOrigin {
+  MpaMessageSender* sender = nullptr;
+  std::string correlation_id;
+  std::string reply_to;
+};
+
+/// The host's side of VIFs: what the manager asks of single ports.  This default takes nothing.
+///
+/// Threads: the receive thread; nothing here may wait.
+class VifRequestSink {
+ public:
+  virtual ~VifRequestSink() = default;
+
+  /// The manager has removed the attachment.
+  virtual void Detach(const orlane::zem::switching::VifAttachmentMsg& vif);
+  /// The manager wants the port back that the VIF had.
+  virtual void Restore(const orlane::zem::switching::VifAttachmentMsg& vif);
+};
+
+/// What the manager asks of tunnel endpoints.  Null where a task cannot be made; this default makes none.
+class EndpointTasks {
+ public:
+  virtual ~EndpointTasks() = default;
+
+  virtual std::unique_ptr<Runnable> MakeVtepRecoveryTask(
+      const RequestOrigin& origin, const orlane::zem::switching::VTEPRecoveryRequestMsg& request);
+  virtual std::unique_ptr<Runnable> MakeVtepAdminStateTask(
+      const RequestOrigin& origin, const orlane::zem::switching::VTEPAdminStateMgmtRequestMsg& request);
+  /// Runs on the receive thread, so it must not wait: it makes its own tasks.
+  virtual void SyncVtepAddresses(const RequestOrigin& origin,
+                                 const orlane::zem::switching::VtepIPSyncMsg& request);
+};
+
+/// Maintenance mode.  Null where a task cannot be made; this default makes none.
+class MaintenanceTasks {
+ public:
+  virtual ~MaintenanceTasks() = default;
+
+  virtual std::unique_ptr<Runnable> MakeMmodeConfigTask(
+      const RequestOrigin& origin, const orlane::zem::switching::MaintenanceModeConfigMsg& request);
+  /// The mode that was in force when the daemon ended, after the set-up.
+  virtual void Restore();
+};
+
+/// The list of controllers.  This default has none.
+class ControllerListStarter {
+ public:
+  virtual ~ControllerListStarter() = default;
+  virtual void Start();
+};
+
+/// What comes with the host's other services; each may be replaced before the start, none is null.
+struct LaterParts {
+  std::shared_ptr<VifRequestSink> vif_requests = std::make_shared<VifRequestSink>();
+  std::shared_ptr<EndpointTasks> endpoints = std::make_shared<EndpointTasks>();
+  std::shared_ptr<MaintenanceTasks> maintenance = std::make_shared<MaintenanceTasks>();
+  std::shared_ptr<ControllerListStarter> controller_list = std::make_shared<ControllerListStarter>();
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,166 @@
+#include "app/zema/app/message_dispatch.h"
+
+#include <iterator>
+
+#include "app/zema/common/worker_table.h"
+#include "framework/log.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::zema {
+namespace {
+
+namespace switching = orlane::zem::switching;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+constexpr const char* kTag = "ProcessReceiveMessages";
+constexpr std::string_view kPrefix = "com.orlane.zem.switching.";
+
+bool Parse(std::string_view payload, google::protobuf::Message* message) {
+  return message->ParseFromArray(payload.data(), static_cast<int>(payload.size()));
+}
+
+}  // namespace
+
+const MessageDispatch::Row MessageDispatch::kRows[] = {
+    {"LogicalSwitchMsg", &MessageDispatch::TakeLogicalSwitch},
+    {"LogicalSwitchBulkMsg", &MessageDispatch::TakeLogicalSwitchBulk},
+    {"VifMsg", &MessageDispatch::TakeVif},
+    {"HostConfigMsg", &MessageDispatch::TakeHostConfig},
+    {"MaintenanceModeConfigMsg", &MessageDispatch::TakeMaintenanceMode},
+    {"ChecksumMsg", &MessageDispatch::TakeChecksum},
+    {"HostProfileMsg", &MessageDispatch::TakeHostProfile},
+    {"TransportNodeHostSwitchesMigrationMsg", &MessageDispatch::RefuseMigrationToKln},
+    {"VTEPRecoveryRequestMsg", &MessageDispatch::TakeVtepRecovery},
+    {"VTEPAdminStateMgmtRequestMsg", &MessageDispatch::TakeVtepAdminState},
+    {"VtepIPSyncMsg", &MessageDispatch::TakeVtepIpSync},
+};
+
+MessageDispatch::MessageDispatch(Settings settings) : settings_(std::move(settings)) {}
+
+void MessageDispatch::ProcessReceiveMessages(const std::string& message_key, const std::string& type,
+                                             std::string_view payload, const std::string& correlation_id,
+                                             const std::string& reply_to) {
+  if (payload.empty()) {
+    ZLOG_ERROR("41519", "[%s] NULL/empty payload of length [%d]\n", kTag, 0);
+    return;
+  }
+  if (std::string_view(type).substr(0, kPrefix.size()) == kPrefix) {
+    for (const Row& row : kRows) {
+      if (std::string_view(type).substr(kPrefix.size()) != row.type) continue;
+      (this->*row.take)({message_key, payload, {settings_.sender, correlation_id, reply_to}});
+      return;
+    }
+  }
+  ZLOG_ERROR("41521", "[%s] Unsupported message type [%s] from MPA\n", kTag, type.c_str());
+}
+
+void MessageDispatch::TakeLogicalSwitch(const Incoming& message) {
+  switching::LogicalSwitchMsg parsed;
+  if (!Parse(message.payload, &parsed)) {
+    ZLOG_ERROR("41513", "[%s] Failed to parse logical switch message\n", kTag);
+    return;
+  }
+  if (auto task = settings_.logical_switch(message.origin, parsed)) {
+    settings_.workers->AddTask(Worker::kLogicalSwitch, std::move(task));
+  }
+}
+
+// Only the task parses it: it may hold thousands of switches.
+void MessageDispatch::TakeLogicalSwitchBulk(const Incoming& message) {
+  settings_.workers->AddTask(
+      Worker::kHostSync, settings_.logical_switch_full_sync(message.origin, std::string(message.payload)));
+}
+
+void MessageDispatch::TakeHostConfig(const Incoming& message) {
+  switching::HostConfigMsg parsed;
+  if (!Parse(message.payload, &parsed)) {
+    ZLOG_ERROR("41512", "[%s] Failed to parse HostConfigMsg message\n", kTag);
+    return;
+  }
+  switching::HostConfigAckMsg ack;
+  if (parsed.has_transport_node_id()) ack.set_transport_node_id(parsed.transport_node_id());
+  if (parsed.has_id()) ack.set_id(parsed.id());
+  if (parsed.has_revision()) ack.set_revision(parsed.revision());
+  settings_.send_host_config_ack(message.origin.reply_to, ack);
+  std::string error;
+  settings_.workers->AddHostConfigTask(
+      settings_.host_config(message.origin, std::move(parsed), std::string(message.payload)), &error);
+}
+
+void MessageDispatch::TakeMaintenanceMode(const Incoming& message) {
+  switching::MaintenanceModeConfigMsg parsed;
+  if (!Parse(message.payload, &parsed)) {
+    ZLOG_ERROR("41512", "[%s] Failed to parse maintenance mode config message\n", kTag);
+    return;
+  }
+  if (auto task = settings_.later.maintenance->MakeMmodeConfigTask(message.origin, parsed)) {
+    settings_.workers->AddTask(Worker::kHostSync, std::move(task));
+  }
+}
+
+void MessageDispatch::TakeChecksum(const Incoming& message) {
+  switching::ChecksumMsg parsed;
+  if (!Parse(message.payload, &parsed)) {
+    ZLOG_ERROR("ERR_MSG_RESTORE_CHECKSUM_PARSE_FAIL", "[%s] Failed to parse CheckSum message\n", kTag);
+    return;
+  }
+  settings_.workers->AddTask(Worker::kPostHostSync, settings_.restore(message.origin, parsed));
+}
+
+void MessageDispatch::TakeHostProfile(const Incoming& message) {
+  switching::HostProfileMsg parsed;
+  if (!Parse(message.payload, &parsed)) {
+    ZLOG_ERROR("41545", "[%s] Failed to parse Host Profile message\n", kTag);
+    settings_.refuse_host_profile(message.origin, "Failed to parse Host Profile message");
+    return;
+  }
+  auto task = settings_.host_profile(message.origin, parsed);
+  if (task == nullptr) {
+    settings_.refuse_host_profile(message.origin, "Error creating HostProfile task");
+    return;
+  }
+  settings_.workers->AddTask(Worker::kHostSync, std::move(task));
+}
+
+void MessageDispatch::RefuseMigrationToKln(const Incoming&) {
+  ZLOG_ERROR("44413", "Migrate to CKLN feature is not enabled");
+}
+
+void MessageDispatch::TakeVtepRecovery(const Incoming& message) {
+  switching::VTEPRecoveryRequestMsg parsed;
+  if (!Parse(message.payload, &parsed)) {
+    ZLOG_ERROR("41512", "[%s] Failed to parse Vtep Recovery message\n", kTag);
+    return;
+  }
+  auto task = settings_.later.endpoints->MakeVtepRecoveryTask(message.origin, parsed);
+  if (task == nullptr) {
+    ZLOG_ERROR("44411", "Failed to create VtepRecoveryTask");
+    return;
+  }
+  settings_.workers->AddVtepRecoveryTask(std::move(task));
+}
+
+void MessageDispatch::TakeVtepAdminState(const Incoming& message) {
+  switching::VTEPAdminStateMgmtRequestMsg parsed;
+  if (!Parse(message.payload, &parsed)) {
+    ZLOG_ERROR("41512", "[%s] Failed to parse Vtep Admin State message\n", kTag);
+    return;
+  }
+  auto task = settings_.later.endpoints->MakeVtepAdminStateTask(message.origin, parsed);
+  if (task == nullptr) {
+    ZLOG_ERROR("44411", "Failed to create vtepAdminStateTask");
+    return;
+  }
+  settings_.workers->AddVtepAdminStateTask(std::move(task));
+}
+
+void MessageDispatch::TakeVtepIpSync(const Incoming& message) {
+  switching::VtepIPSyncMsg parsed;
+  if (!Parse(message.payload, &parsed)) {
+    ZLOG_ERROR("41512", "[%s] Failed to parse vtepIPSyncMsg message\n", kTag);
+    return;
+  }
+  settings_.later.endpoints->SyncVtepAddresses(message.origin, parsed);
+}
+
+}  // namespace zem::zema

@@ -1,0 +1,379 @@
+#include "app/zema/app/realization.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+#include "app/zema/app/corvd_handler.h"
+#include "app/zema/app/follow_ups.h"
+#include "app/zema/common/thread_log_context.h"
+#include "app/zema/common/worker_table.h"
+#include "app/zema/core/health_record.h"
+#include "app/zema/core/host_identity.h"
+#include "app/zema/core/manager_sender.h"
+#include "app/zema/core/version_info.h"
+#include "app/zema/core/zem_manager.h"
+#include "app/zema/covedb/config_files.h"
+#include "app/zema/hostconfig/host_config_context.h"
+#include "app/zema/hostconfig/host_config_state.h"
+#include "app/zema/hostconfig/host_config_task_qub.h"
+#include "app/zema/hostconfig/router_reconnection.h"
+#include "app/zema/lswitch/db_svc_task_thread.h"
+#include "app/zema/lswitch/logical_switch_ack_task.h"
+#include "app/zema/lswitch/logical_switch_batcher.h"
+#include "app/zema/lswitch/logical_switch_context.h"
+#include "app/zema/lswitch/logical_switch_full_sync_task.h"
+#include "app/zema/qub/config_ops_manager.h"
+#include "app/zema/qub/endpoint_library.h"
+#include "app/zema/qub/high_performance_profile.h"
+#include "app/zema/qub/host_switch_lists.h"
+#include "app/zema/qub/library_settings.h"
+#include "app/zema/qub/lum_handler.h"
+#include "app/zema/qub/migration_record.h"
+#include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/qub/router_library.h"
+#include "app/zema/qub/router_ports.h"
+#include "app/zema/qub/switch_health_publisher.h"
+#include "app/zema/qub/switch_library.h"
+#include "app/zema/qub/vtep_ha_profile.h"
+#include "framework/log.h"
+#include "framework/shutdown_pipe.h"
+#include "framework/util.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::zema {
+namespace {
+
+namespace switching = orlane::zem::switching;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr const char* kUser = "zemuser";
+constexpr const char* kRemovePermission =
+    "python /usr/lib64/orlane/zem-tarvik/pylum/zema/setZemUserPermission.py --remove";
+constexpr const char* kDeleteUser = "/usr/lib/orlane/auth/bin/deluser ";
+
+void InstallSignalDispositions() {
+  for (const int number : {SIGPIPE, SIGHUP, SIGTSTP, SIGCONT, SIGUSR2, SIGUSR1}) std::signal(number, SIG_IGN);
+  std::signal(SIGCHLD, SIG_DFL);
+}
+
+bool ReadWholeFile(const std::string& path, std::string* bytes) {
+  std::ifstream in(path, std::ios::in | std::ios::binary);
+  if (!in) return false;
+  bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return !in.bad();
+}
+
+// Which kind of switch carries a zone, as the port manager knows it.
+class KindsOfZones final : public ZoneSwitchKinds {
+ public:
+  explicit KindsOfZones(PortOpsManager& ports) : ports_(ports) {}
+  bool IsKln(const std::string& zone) override { return ports_.GetHostSwitchInfoForTz(zone).kind == "KLN"; }
+
+ private:
+  PortOpsManager& ports_;
+};
+
+}  // namespace
+
+class Realization::Impl {
+ public:
+  explicit Impl(Settings settings) : settings_(std::move(settings)) {}
+  ~Impl();
+
+  Result SetUp();
+  void Stop(int reason);
+  std::string CleanUpSwitches(bool force);
+
+  const Settings settings_;
+  VersionInfo version_;
+  MigrationRecord migration_;
+
+  // In order of creation.
+  std::unique_ptr<SwitchLibrary> library_;
+  std::unique_ptr<EndpointLibrary> endpoints_;
+  std::unique_ptr<RouterLibrary> router_library_;
+  std::unique_ptr<PortOpsManager> ports_;
+  std::unique_ptr<ConfigOpsManager> switches_;
+  std::unique_ptr<RouterPorts> routers_;
+  std::unique_ptr<SwitchHealthPublisher> publisher_;
+  std::unique_ptr<HealthRecord> health_;
+  std::shared_ptr<ZemManager> manager_;
+  std::unique_ptr<LumHandler> lum_;
+  std::unique_ptr<HighPerformanceProfile> high_performance_;
+  std::unique_ptr<FollowUps> follow_ups_;
+  std::unique_ptr<KindsOfZones> kinds_;
+  std::shared_ptr<HostConfigContext> host_config_;
+  std::shared_ptr<LogicalSwitchContext> logical_switches_;
+
+ private:
+  bool OpenLibraries();
+  void MakeManagers();
+  LumSettings LumSettingsOf(const RealizationOptions& options);
+  void CleanUp();
+  WorkerFactory Factory();
+  void PrepareHost();
+  void RestoreHostSwitch();
+  void ReadStoredConfig();
+};
+
+Realization::Impl::~Impl() = default;
+
+Realization::Result Realization::Impl::SetUp() {
+  SetThreadLogContext("MainThread");
+  if (!InitVersionInfo(&RunShell, &version_)) return kHostUnknown;
+  if (settings_.options->Parse({}, version_.host) != 0) {
+    ZLOG_ERROR("41006", "zemaApp failed to initialize configuration...");
+    return kBadOptions;
+  }
+  if (!OpenLibraries()) return kNoSwitchLibrary;
+  MakeManagers();
+  const RealizationOptions options = settings_.options->Snapshot();
+  if (options.clear) {
+    CleanUp();
+    return kClearMode;
+  }
+  if (lum_->SetUp(kUser, options.group) != 0) {
+    ZLOG_ERROR("41504", "[%s] failed to start lumHandler", __func__);
+    return kNoProxy;
+  }
+  InstallSignalDispositions();
+  settings_.workers->SetFactory(Factory());
+  if (settings_.workers->StartSwitchHandler() != 0) return kNoSwitchHandler;
+  if (settings_.workers->StartTaskThreads() != 0) return kNoWorkers;
+  PrepareHost();
+  RestoreHostSwitch();
+  FinishHostConfig(host_config_);
+  health_->mpaDisconnected();
+  ReadStoredConfig();
+  settings_.later.maintenance->Restore();
+  return kDone;
+}
+
+bool Realization::Impl::OpenLibraries() {
+  ZLOG_INFO("Initializing ops manager");
+  library_ = std::make_unique<SwitchLibrary>();
+  endpoints_ = std::make_unique<EndpointLibrary>();
+  router_library_ = std::make_unique<RouterLibrary>();
+  ZLOG_INFO("Initializing ops manager handle to libkln");
+  std::string error;
+  if (!library_->Open(&error)) {
+    ZLOG_ERROR("44201", "Error in opening switch library [%s]", error.c_str());
+    return false;
+  }
+  // Endpoints and routers are not on every host: what needs them says so when it is asked.
+  if (!endpoints_->Open(&error)) ZLOG_WARN("Error in opening endpoint library [%s]", error.c_str());
+  if (!router_library_->Open(&error)) ZLOG_WARN("Error in opening router library [%s]", error.c_str());
+  return true;
+}
+
+void Realization::Impl::MakeManagers() {
+  OptionsStore* const options = settings_.options;
+  switches_ = std::make_unique<ConfigOpsManager>(*library_);
+  publisher_ = std::make_unique<SwitchHealthPublisher>(*switches_);
+  // Nothing tells of a smart NIC yet.
+  health_ = std::make_unique<HealthRecord>(*publisher_, false);
+  manager_ = std::make_shared<ZemManager>(
+      *settings_.vif_sender,
+      ZemManager::Settings{[] { return Host().id(); },
+                           [options] { return options->Snapshot().vif_operation_timeout; }});
+  lum_ = std::make_unique<LumHandler>(LumSettingsOf(options->Snapshot()));
+  ports_ = std::make_unique<PortOpsManager>(*library_, *lum_);
+  routers_ = std::make_unique<RouterPorts>(*router_library_);
+  high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
+  follow_ups_ = std::make_unique<FollowUps>();
+  host_config_ = std::make_shared<HostConfigContext>(HostConfigContext{
+      *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
+      Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
+      settings_.applied, [](Duration duration) { return !Tarvik::WaitForShutdown(duration); }});
+  kinds_ = std::make_unique<KindsOfZones>(*ports_);
+  logical_switches_ = std::make_shared<LogicalSwitchContext>(*lum_, settings_.store);
+  logical_switches_->kinds = kinds_.get();
+  logical_switches_->sender = settings_.sender;
+  logical_switches_->options = [options] { return options->Snapshot(); };
+  logical_switches_->del_zem_running = [state = settings_.state] { return state->del_zem_running.load(); };
+}
+
+LumSettings Realization::Impl::LumSettingsOf(const RealizationOptions& options) {
+  LumSettings lum;
+  lum.pid_tries = options.max_retry_zema_lum_ready;
+  if (options.log_level != RealizationOptions::kUnset) lum.log_level = options.log_level;
+  lum.no_vxlan_stack = options.no_vxlan_stack == "true";
+  lum.host_version = version_.host.version;
+  lum.shutting_down = [] { return Tarvik::ShutdownRequested(); };
+  lum.set_ready = [health = health_.get()](bool ready) {
+    ready ? health->setZemaLumReady() : health->setZemaLumNotReady();
+  };
+  return lum;
+}
+
+WorkerFactory Realization::Impl::Factory() {
+  WorkerFactory factory;
+  factory.options = [options = settings_.options] {
+    const RealizationOptions all = options->Snapshot();
+    return WorkerOptions{all.ls_ack_batch_interval, all.ls_incoming_wait_in_batch, all.ls_msg_batch_interval,
+                         all.ls_msg_incoming_wait_in_batch,
+                         all.scale_simulation_state == "enabled" && all.scale_simulation_num_lp >= 1 &&
+                             !all.scale_simulation_ls_list.empty()};
+  };
+  factory.ls_ack_batcher = [] { return std::make_unique<LogicalSwitchBatchMsgTask>(); };
+  factory.ls_batcher = [context = logical_switches_] {
+    return std::make_unique<LogicalSwitchMsgTask::Batcher>(context);
+  };
+  factory.database_handler = [context = logical_switches_](const std::string& name) {
+    return std::make_unique<DbSvcTaskThread>(name, context);
+  };
+  factory.switch_handler = [this] {
+    auto handler = std::make_unique<CorvdHandler>(*health_);
+    follow_ups_->SetHostManagement(handler.get());
+    return handler;
+  };
+  return factory;
+}
+
+// What the host has is learned before anything is asked of it.
+void Realization::Impl::PrepareHost() {
+  ports_->CacheTzToDvsMapping();
+  ports_->GetVifsForSiteConfig();
+  UpdateCacheMap(*host_config_);
+  std::string error;
+  const auto switches = GetDvsUuids(*lum_, false, DvsStatus(*switches_), &error);
+  if (switches) {
+    ReconnectRoutersAtStart(*host_config_, *switches);
+  } else {
+    ZLOG_ERROR("42009", "[%s] %s", __func__, error.c_str());
+  }
+  std::string reply;
+  if (lum_->InvokeCommand("createSpfPorts()", "ok", &reply) != LumCommands::kSucceeded) {
+    ZLOG_ERROR("42009", "Create spf port failed, reply = [%s]", reply.c_str());
+  }
+  if (lum_->InvokeCommand("EnableTraceflow()", "ok", &reply) != LumCommands::kSucceeded) {
+    ZLOG_ERROR("42009", "Enable traceflow failed, reply = [%s]", reply.c_str());
+  }
+}
+
+void Realization::Impl::RestoreHostSwitch() {
+  std::string bytes;
+  if (!ReadWholeFile(settings_.backup_file, &bytes)) {
+    ZLOG_INFO("Could not find backup host config - not an upgrade");
+    return;
+  }
+  switching::HostConfigMsg backup;
+  if (!backup.ParseFromString(bytes)) {
+    ZLOG_INFO("Error: Could not parse backup host config");
+    return;
+  }
+  const std::string text = backup.ShortDebugString();
+  if (text.empty()) {
+    ZLOG_ERROR("41531", "[%s] HostConfigMsg retrieved from backup is empty", __func__);
+    return;
+  }
+  ZLOG_INFO("Upgrading - restoring backup HostConfigMsg [%s]", text.c_str());
+  try {
+    HostConfigTaskQub task(host_config_, nullptr, "", "", std::move(backup), "");
+    task.ApplyHostConfig(true, false);
+  } catch (const std::exception&) {
+    ZLOG_ERROR("41531", "[%s] ApplyHostConfig caught exception", __func__);
+  }
+  std::remove(settings_.backup_saved.c_str());
+  if (std::rename(settings_.backup_file.c_str(), settings_.backup_saved.c_str()) != 0) {
+    ZLOG_WARN("[%s] The backup host config stays in place: %s", __func__, std::strerror(errno));
+  }
+}
+
+void Realization::Impl::ReadStoredConfig() {
+  if (!settings_.files->HasHostConfigFile()) {
+    ZLOG_INFO("No HostConfigMsg found on disk during startup\n");
+    return;
+  }
+  switching::HostConfigMsg stored;
+  std::string error;
+  if (!settings_.files->RetrieveHostConfigMsgFromFile(&stored, &error)) {
+    ZLOG_INFO("HostConfigMsg could not be read from disk during startup: [%s]\n", error.c_str());
+    return;
+  }
+  ZLOG_INFO("HostConfigMsg found on disk during startup: [%s]\n", stored.ShortDebugString().c_str());
+  ProcessVtepHAProfileAndIgnoreErrors(*endpoints_, stored);
+}
+
+// The agent leaves this host: its switches, and its user.
+void Realization::Impl::CleanUp() {
+  if (lum_->SetUp(kUser, settings_.options->Snapshot().group) != 0) {
+    ZLOG_ERROR("42074", "[%s] Failed to cleanup HostSwitches on host: %s", __func__,
+               "failed to start lumHandler");
+  } else {
+    CleanUpSwitches(true);
+  }
+  std::string error;
+  if (Tarvik::Util::ExecuteCmd(kRemovePermission, "", &error) != 0) {
+    ZLOG_ERROR("42052", "[%s] remove permission failed: cmd = [%s] error = [%s]\n", __func__,
+               kRemovePermission, error.c_str());
+  } else {
+    ZLOG_INFO("[%s] remove permission \n", __func__);
+  }
+  if (Tarvik::Util::ExecuteCmd(std::string(kDeleteUser) + kUser, "", &error) != 0) {
+    ZLOG_ERROR("42050", "[%s] delete user [%s] failed: [%s]\n", __func__, kUser, error.c_str());
+  } else {
+    ZLOG_INFO("[%s] deleted user [%s]\n", __func__, kUser);
+  }
+}
+
+std::string Realization::Impl::CleanUpSwitches(bool force) {
+  const std::string error = RemoveHostSwitches(host_config_);
+  if (!error.empty()) {
+    ZLOG_ERROR("42074", "[%s] Failed to cleanup HostSwitches on host: %s", "HostSwitchAndLSCleanup",
+               error.c_str());
+    return error;
+  }
+  return force ? MP_RemoveAllLogicalSwitches(logical_switches_) : std::string();
+}
+
+void Realization::Impl::Stop(int reason) {
+  if (reason == kDone) settings_.workers->SetZemaShutDown();
+  if (health_) health_->setShuttingDown();
+  if (follow_ups_) follow_ups_->SetHostManagement(nullptr);
+  switch (reason) {
+    case kHostUnknown:
+    case kBadOptions:
+    case kNoProxy:
+    case kNoSwitchLibrary:
+      ZLOG_INFO("[%s] Skip stopping HostHandler and Task threads", __func__);
+      break;
+    case kNoSwitchHandler:
+      settings_.workers->StopSwitchHandler();
+      ZLOG_INFO("[%s] Skip stopping Task threads", __func__);
+      break;
+    default:
+      settings_.workers->StopSwitchHandler();
+      settings_.workers->StopTaskThreads();
+  }
+  if (lum_) {
+    ZLOG_INFO("[%s] terminating zemaLum.py...", __func__);
+    lum_->TerminateZemaLumPy();
+  }
+}
+
+Realization::Realization(Settings settings) : impl_(std::make_unique<Impl>(std::move(settings))) {}
+
+Realization::~Realization() = default;
+
+Realization::Result Realization::SetUp() { return impl_->SetUp(); }
+
+void Realization::Stop(int reason) { impl_->Stop(reason); }
+
+HealthRecord* Realization::health() { return impl_->health_.get(); }
+
+std::shared_ptr<HostConfigContext> Realization::host_config() { return impl_->host_config_; }
+
+std::shared_ptr<LogicalSwitchContext> Realization::logical_switches() { return impl_->logical_switches_; }
+
+void Realization::SetVifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
+  if (impl_->manager_) impl_->manager_->SetResultToPendingRPC(rpc_id, std::move(result));
+}
+
+std::string Realization::HostSwitchAndLSCleanup(bool force) { return impl_->CleanUpSwitches(force); }
+
+}  // namespace zem::zema

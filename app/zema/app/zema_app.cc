@@ -1,0 +1,577 @@
+#include "app/zema/app/zema_app.h"
+
+#include <cinttypes>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+
+#include "app/zema/app/io_service.h"
+#include "app/zema/app/message_dispatch.h"
+#include "app/zema/app/realization.h"
+#include "app/zema/common/function_task.h"
+#include "app/zema/common/thread.h"
+#include "app/zema/common/worker_table.h"
+#include "app/zema/core/health_record.h"
+#include "app/zema/core/host_identity.h"
+#include "app/zema/core/manager_sender.h"
+#include "app/zema/core/realization_options.h"
+#include "app/zema/covedb/config_files.h"
+#include "app/zema/covedb/covedb_handler.h"
+#include "app/zema/covedb/covedb_op_task.h"
+#include "app/zema/hostconfig/host_config_context.h"
+#include "app/zema/hostconfig/host_config_state.h"
+#include "app/zema/hostconfig/host_config_task_qub.h"
+#include "app/zema/lswitch/covedb_update_task.h"
+#include "app/zema/lswitch/host_profile_task.h"
+#include "app/zema/lswitch/logical_switch_context.h"
+#include "app/zema/lswitch/logical_switch_full_sync_task.h"
+#include "app/zema/lswitch/logical_switch_msg_task.h"
+#include "app/zema/lswitch/restore_task.h"
+#include "framework/bus_record.h"
+#include "framework/log.h"
+#include "framework/platform_info.h"
+#include "framework/shutdown_pipe.h"
+#include "mpaclient/mpa_client.h"
+#include "platform/core/condition.h"
+#include "platform/core/provider.h"
+#include "platform/core/work_group.h"
+#include "proto/covedb/covedb.pb.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::Tarvik {
+namespace {
+
+namespace switching = orlane::zem::switching;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr const char* kVertical = "SwitchingVertical";
+constexpr const char* kSecondName = "unused";
+constexpr uint32_t kVersionField = 1;
+constexpr uint16_t kTypeCode = 9002;
+constexpr uint64_t kTimeoutUs = 30'000'000;
+constexpr uint64_t kIntervalUs = 1'000'000;
+
+constexpr uint32_t kHostNodes = kNodeQub | kNodeKvm | kNodeBareMetalServer | kNodeBareMetalContainer;
+constexpr uint32_t kEdgeNodes = kNodeEdge | kNodePublicCloudGateway;
+
+constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg";
+constexpr const char* kHostConfigAckType = "com.orlane.zem.switching.HostConfigAckMsg";
+constexpr const char* kLogicalSwitchAck = "LogicalSwitchACK";
+
+constexpr int kFirstRetryDelay = 30;  // seconds; doubled each time
+constexpr int kHostProfileFailed = 2;
+
+// Managers from 2.5 on keep logical switches in the store.
+bool KeepsLogicalSwitchesInStore(uint32_t major, uint32_t minor) {
+  return major >= 3 || (major == 2 && minor > 4);
+}
+
+}  // namespace
+
+class ZemaApp::Impl {
+ public:
+  Impl(ZemaApp& app, AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store);
+
+  void Register();
+  void StartHost();
+  void StartEdge();
+  void WaitStarted();
+  void Stop(int reason);
+  bool Send(const char* operation, const char* type, const google::protobuf::MessageLite& message,
+            const std::string& correlation_id, const std::string& reply_to);
+  void Reset(std::function<void(std::string)> done);
+  std::string ReloadOptions();
+
+  ZemaApp& app_;
+  AsioZemProvider& provider_;
+  const std::shared_ptr<covedb::CoveDbClientInterface> store_client_;
+
+  mutable std::mutex mutex_;  // guards what follows up to the blank line
+  Condition changed_;
+  bool started_ = false;
+  std::map<uint32_t, HostConfigCallback> callbacks_;
+  std::shared_ptr<zema::Realization> realization_;
+  std::shared_ptr<zema::MessageDispatch> dispatch_;
+
+ private:
+  void StartUp();
+  std::shared_ptr<zema::Realization> MakeRealization();
+  std::shared_ptr<zema::Realization> realization() const;
+  void MakeDispatch(const std::shared_ptr<zema::Realization>& realization);
+  void SetStarted();
+  std::shared_ptr<MpaClient> client() const { return MpaClient::Get(kVertical); }
+  std::shared_ptr<zema::CoveDbHandler> GetCoveDbHandler();
+  void SendHostConfigAckMsg(const std::string& reply_to, const switching::HostConfigAckMsg& ack);
+  void CallHostConfigCallbacks(const switching::HostConfigMsg& config);
+
+  // The receive callback.
+  void ZemaAppRxCallback(const rmqClientMessage& message);
+  void TakeClose(const rmqClientMessage& message);
+  void TakeAck(const rmqClientMessage& message);
+  void TakePayload(const rmqClientMessage& message);
+  void TakeOnEdge(const rmqClientMessage& message);
+
+  zema::OptionsStore options_;
+  zema::ConfigFiles files_;
+  zema::HostConfigState state_;
+  zema::LaterParts later_;
+  zema::IOService io_;
+  zema::ManagerSender sender_;
+  std::mutex store_mutex_;  // guards the handler's first use
+  std::shared_ptr<zema::CoveDbHandler> store_;
+  std::unique_ptr<zema::Thread> start_up_;
+  bool edge_ = false;
+};
+
+ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
+                    std::shared_ptr<covedb::CoveDbClientInterface> store)
+    : app_(app),
+      provider_(provider),
+      store_client_(std::move(store)),
+      sender_({[this] { return client(); }, [this] { return options_.Snapshot().vif_operation_timeout; },
+               [] { return ShutdownRequested(); }}) {}
+
+void ZemaApp::Impl::Register() {
+  try {
+    MpaClient::Register(
+        provider_, [this](rmqClientMessage* message) { ZemaAppRxCallback(*message); }, kVertical, kSecondName,
+        kVersionField, kTypeCode, kTimeoutUs, kIntervalUs);
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("41500", "[%s] Error Registering %s to MPA: %s", "Start", kVertical, e.what());
+    throw;
+  }
+  if (client() == nullptr) {
+    ZLOG_ERROR("41500", "[%s] Invalid MPA Client Stub", "Start");
+    throw std::runtime_error("Invalid MPA Client Stub");
+  }
+  GetCoveDbHandler();
+}
+
+std::shared_ptr<zema::CoveDbHandler> ZemaApp::Impl::GetCoveDbHandler() {
+  const std::lock_guard lock(store_mutex_);
+  if (store_ == nullptr && store_client_ != nullptr) {
+    ZLOG_INFO("Db handler is empty, creating a new one");
+    zema::CoveDbHandler::Settings settings;
+    settings.client = store_client_;
+    settings.timers = &provider_.timers();
+    settings.retry_interval = [this] { return options_.Snapshot().ls_db_retry_interval; };
+    settings.enqueue = [](zema::CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync) {
+      zema::EnqueueCovedbUpdate(zema::Workers(), kind, std::move(update), full_sync);
+    };
+    store_ = std::make_shared<zema::CoveDbHandler>(std::move(settings));
+  }
+  return store_;
+}
+
+void ZemaApp::Impl::StartHost() {
+  start_up_ =
+      std::make_unique<zema::Thread>(true, std::make_unique<zema::FunctionTask>([this] { StartUp(); }), 0);
+  start_up_->Start();
+}
+
+void ZemaApp::Impl::StartEdge() {
+  edge_ = true;
+  if (options_.Parse({}, {}) != 0) ZLOG_WARN("ParseOptions failed before starting ControllerListApp");
+  if (zema::StartControllerTaskThread() != 0 || zema::StartHostSyncTaskThread() != 0) {
+    throw std::runtime_error("failed to start the threads of the controller list");
+  }
+  if (const auto store = GetCoveDbHandler()) store->ConfigureMonitors();
+  client()->Start(nullptr);
+  later_.controller_list->Start();
+  SetStarted();
+}
+
+std::shared_ptr<zema::Realization> ZemaApp::Impl::MakeRealization() {
+  zema::Realization::Settings settings;
+  settings.sender = &app_;
+  settings.vif_sender = &sender_;
+  settings.options = &options_;
+  settings.files = &files_;
+  settings.state = &state_;
+  settings.workers = &zema::Workers();
+  settings.store = GetCoveDbHandler();
+  settings.later = later_;
+  settings.applied = [this](const switching::HostConfigMsg& config) { CallHostConfigCallbacks(config); };
+  return std::make_shared<zema::Realization>(std::move(settings));
+}
+
+std::shared_ptr<zema::Realization> ZemaApp::Impl::realization() const {
+  const std::lock_guard lock(mutex_);
+  return realization_;
+}
+
+// The set-up, again and again until it holds or the daemon stops.
+void ZemaApp::Impl::StartUp() {
+  for (int delay = kFirstRetryDelay;; delay *= 2) {
+    auto realization = MakeRealization();
+    {
+      const std::lock_guard lock(mutex_);
+      realization_ = realization;
+    }
+    const int result = realization->SetUp();
+    if (ShutdownRequested()) {
+      ZLOG_INFO("[%s] Agent is shutting down, abort zemaApp start ", "StartUpTask");
+      return;
+    }
+    if (result == zema::Realization::kDone) {
+      MakeDispatch(realization);
+      break;
+    }
+    ZLOG_WARN("[%s] Zema App start failed, retrying in %d seconds...", "StartUpTask", delay);
+    realization->Stop(result);
+    zema::DeleteTaskThreadObjects();
+    {
+      const std::lock_guard lock(mutex_);
+      realization_.reset();
+    }
+    realization.reset();
+    if (WaitForShutdown(std::chrono::seconds(delay))) return;
+  }
+  if (const auto store = GetCoveDbHandler()) store->RegisterChannelStatus();
+  client()->Start(nullptr);
+  later_.controller_list->Start();
+  SetStarted();
+}
+
+void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& realization) {
+  const auto host_config = realization->host_config();
+  const auto logical_switches = realization->logical_switches();
+  zema::MessageDispatch::Settings settings;
+  settings.sender = &app_;
+  settings.workers = &zema::Workers();
+  settings.host_config = [host_config](const zema::RequestOrigin& origin, switching::HostConfigMsg message,
+                                       std::string payload) -> std::unique_ptr<zema::Runnable> {
+    return std::make_unique<zema::HostConfigTaskQub>(host_config, origin.sender, origin.correlation_id,
+                                                     origin.reply_to, std::move(message), std::move(payload));
+  };
+  settings.logical_switch =
+      [logical_switches](const zema::RequestOrigin& origin,
+                         const switching::LogicalSwitchMsg& message) -> std::unique_ptr<zema::Runnable> {
+    return zema::LogicalSwitchMsgTask::CreateTask(*logical_switches, message, origin.sender, origin.reply_to,
+                                                  0);
+  };
+  settings.logical_switch_full_sync = [logical_switches](
+                                          const zema::RequestOrigin& origin,
+                                          std::string bytes) -> std::unique_ptr<zema::Runnable> {
+    return std::make_unique<zema::LogicalSwitchFullSyncTask>(
+        logical_switches, origin.sender, origin.correlation_id, origin.reply_to, std::move(bytes));
+  };
+  settings.restore = [this, host_config](
+                         const zema::RequestOrigin& origin,
+                         const switching::ChecksumMsg& message) -> std::unique_ptr<zema::Runnable> {
+    return std::make_unique<zema::RestoreTask>(files_, host_config->lum, origin.sender, origin.correlation_id,
+                                               origin.reply_to, message);
+  };
+  settings.host_profile = [host_config](
+                              const zema::RequestOrigin& origin,
+                              const switching::HostProfileMsg& message) -> std::unique_ptr<zema::Runnable> {
+    return std::make_unique<zema::HostProfileTask>(host_config->lum, origin.sender, origin.correlation_id,
+                                                   origin.reply_to, message);
+  };
+  settings.send_host_config_ack = [this](const std::string& reply_to,
+                                         const switching::HostConfigAckMsg& ack) {
+    io_.Post([this, reply_to, ack] { SendHostConfigAckMsg(reply_to, ack); });
+  };
+  settings.refuse_host_profile = [this](const zema::RequestOrigin& origin, const std::string& error) {
+    switching::HostProfileMsg reply;
+    reply.set_status(kHostProfileFailed);
+    reply.set_error_text(error);
+    io_.Post([this, origin, reply] { app_.HostProfileReply(origin.correlation_id, origin.reply_to, reply); });
+  };
+  settings.vif_result = [weak = std::weak_ptr(realization)](const std::string& rpc_id,
+                                                            std::unique_ptr<zema::PortAttached> result) {
+    if (const auto live = weak.lock()) live->SetVifResult(rpc_id, std::move(result));
+  };
+  settings.later = later_;
+  auto dispatch = std::make_shared<zema::MessageDispatch>(std::move(settings));
+  const std::lock_guard lock(mutex_);
+  dispatch_ = std::move(dispatch);
+}
+
+void ZemaApp::Impl::SetStarted() {
+  const std::lock_guard lock(mutex_);
+  started_ = true;
+  changed_.NotifyAll();
+}
+
+void ZemaApp::Impl::WaitStarted() {
+  // The shutdown has no way to notify, so it is looked for.
+  std::unique_lock lock(mutex_);
+  while (!started_ && !ShutdownRequested())
+    changed_.WaitFor(lock, std::chrono::seconds(1), [this] { return started_; });
+}
+
+void ZemaApp::Impl::Stop(int reason) {
+  // A set-up under way ends by itself at the shutdown.
+  if (start_up_ != nullptr) start_up_->Join();
+  if (const auto current = realization()) {
+    current->Stop(reason);
+  } else {
+    zema::SetZemaShutDown();
+    if (edge_) zema::StopTaskThreads();
+  }
+  if (reason == 0) io_.Stop();
+  if (const auto stub = client()) stub->Stop();
+  MpaClient::Unregister(kVertical);
+  {
+    const std::lock_guard lock(mutex_);
+    dispatch_.reset();
+  }
+  zema::DeleteTaskThreadObjects();
+}
+
+// --- Out.
+
+bool ZemaApp::Impl::Send(const char* operation, const char* type,
+                         const google::protobuf::MessageLite& message, const std::string& correlation_id,
+                         const std::string& reply_to) {
+  ZLOG_INFO("[%s] sending %s, correlationId [%s], replyTo [%s]", operation, type, correlation_id.c_str(),
+            reply_to.c_str());
+  std::string message_id;
+  if (!sender_.SendMsg(type, message.SerializeAsString(), correlation_id, reply_to, &message_id)) {
+    ZLOG_ERROR("00103", "[%s] %s was not sent", operation, type);
+    return false;
+  }
+  ZLOG_INFO("[%s] sent %s, message id [%s]", operation, type, message_id.c_str());
+  return true;
+}
+
+void ZemaApp::Impl::SendHostConfigAckMsg(const std::string& reply_to,
+                                         const switching::HostConfigAckMsg& ack) {
+  Send(__func__, kHostConfigAckType, ack, "", reply_to);
+}
+
+void ZemaApp::Impl::CallHostConfigCallbacks(const switching::HostConfigMsg& config) {
+  std::map<uint32_t, HostConfigCallback> callbacks;
+  {
+    const std::lock_guard lock(mutex_);
+    callbacks = callbacks_;
+  }
+  for (const auto& [module, callback] : callbacks) callback(config);
+}
+
+// --- In.
+
+void ZemaApp::Impl::ZemaAppRxCallback(const rmqClientMessage& message) {
+  if (message.msg_type == kRmqClientClose) {
+    TakeClose(message);
+    return;
+  }
+  if (edge_) {
+    TakeOnEdge(message);
+    return;
+  }
+  switch (message.msg_type) {
+    case kRmqClientRegistrationAck:
+      TakeAck(message);
+      return;
+    case kRmqClientPayload:
+    case kRmqMpRpcRequest:
+    case kRmqMpRpcResponse:
+    case kRmqClientRpcResponse:
+    case kRmqMpPublish:
+      TakePayload(message);
+      return;
+    default: {
+      std::string name = BusMessageTypeName(message.msg_type);
+      if (name.rfind("UNKNOWN", 0) == 0) name += " " + std::to_string(message.msg_type);
+      ZLOG_ERROR("41520",
+                 "[%s] Unrecognized RMQ messageType [%s] from MPA. Disconnect from mpa due to unrecognized "
+                 "message, cookieId [%d]",
+                 __func__, name.c_str(), message.cookie);
+    }
+  }
+}
+
+void ZemaApp::Impl::TakeClose(const rmqClientMessage& message) {
+  if (const auto current = realization(); current && current->health() != nullptr) {
+    current->health()->mpaDisconnected();
+  }
+  const auto stub = client();
+  const int32_t cookie = stub ? stub->cookie() : -1;
+  if (message.cookie == cookie) {
+    ZLOG_INFO("[%s] Got CLIENT CLOSE Message for cookie:[%d], disconnected from MPA\n", "ZemaAppRxCallback",
+              cookie);
+  } else {
+    ZLOG_ERROR("41516", "[%s] Message's cookieId [%d] does not match with [%d], ignored\n",
+               "ZemaAppRxCallback", message.cookie, cookie);
+  }
+}
+
+void ZemaApp::Impl::TakeAck(const rmqClientMessage& message) {
+  ZLOG_INFO(
+      "Received client registration ACK from MPA, sending/receiving messages is enabled using cookie [%d]",
+      message.cookie);
+  if (const auto current = realization(); current && current->health() != nullptr) {
+    current->health()->mpaConnected();
+  }
+  const uint32_t major = message.mp_major_version;
+  const uint32_t minor = message.mp_minor_version;
+  if (!KeepsLogicalSwitchesInStore(major, minor)) {
+    ZLOG_INFO("[%s] Skip registering for Db events, Appliance version [%u].[%u]", "ZemaAppRxCallback", major,
+              minor);
+    return;
+  }
+  ZLOG_INFO("[%s] Registering for Db events. Appliance version [%u].[%u]", "ZemaAppRxCallback", major, minor);
+  if (const auto store = GetCoveDbHandler()) store->ConfigureMonitors();
+}
+
+void ZemaApp::Impl::TakePayload(const rmqClientMessage& message) {
+  std::shared_ptr<zema::MessageDispatch> dispatch;
+  {
+    const std::lock_guard lock(mutex_);
+    dispatch = dispatch_;
+  }
+  if (dispatch == nullptr) return;
+  const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+  dispatch->ProcessReceiveMessages(
+      header.session_id + ":" + header.message_id, header.type_id,
+      {reinterpret_cast<const char*>(message.payload), message.payload == nullptr ? 0 : message.payload_len},
+      header.correlation_id, header.reply_to);
+}
+
+// An edge stores what it is told; others read it there.
+void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
+  const auto store = GetCoveDbHandler();
+  if (message.payload == nullptr || store == nullptr) return;
+  const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+  zema::RawBusMessage raw;
+  raw.type = header.type_id;
+  const std::vector<uint8_t> bytes = header.Encode();
+  raw.header.assign(bytes.begin(), bytes.end());
+  raw.payload.assign(reinterpret_cast<const char*>(message.payload), message.payload_len);
+  raw.correlation_id = header.correlation_id;
+  raw.reply_to = header.reply_to;
+  const std::string payload = raw.payload;
+  zema::Workers().AddTask(zema::Worker::kHostSync,
+                          std::make_unique<zema::CoveDbOpTask>(store, std::move(raw)));
+  if (header.type_id != kHostConfigType) return;
+  switching::HostConfigMsg config;
+  if (!config.ParseFromString(payload)) {
+    ZLOG_ERROR("41512", "[%s] Failed to parse HostConfigMsg message\n", __func__);
+    return;
+  }
+  switching::HostConfigAckMsg ack;
+  ack.set_transport_node_id(config.transport_node_id());
+  ack.set_id(config.id());
+  ack.set_revision(config.revision());
+  ZLOG_INFO("Sending host config reply for EDGE platform [%s]", ack.ShortDebugString().c_str());
+  io_.Post([this, reply_to = header.reply_to, ack] { SendHostConfigAckMsg(reply_to, ack); });
+  if (config.has_transport_node_id()) zema::Host().SetHostId(config.transport_node_id());
+  CallHostConfigCallbacks(config);
+}
+
+// --- What operators ask.
+
+void ZemaApp::Impl::Reset(std::function<void(std::string)> done) {
+  const auto current = realization();
+  {
+    const std::lock_guard lock(mutex_);
+    if (current == nullptr || !started_) {
+      done("The realization has not started yet");
+      return;
+    }
+  }
+  zema::Workers().AddTask(zema::Worker::kHostSync,
+                          std::make_unique<zema::FunctionTask>([current, done = std::move(done)] {
+                            done(current->HostSwitchAndLSCleanup(true));
+                          }));
+}
+
+std::string ZemaApp::Impl::ReloadOptions() { return options_.Reload({}); }
+
+ZemaApp::ZemaApp(AsioZemProvider& provider, boost::intrusive_ptr<WorkGroup>,
+                 std::shared_ptr<covedb::CoveDbClientInterface> store)
+    : impl_(std::make_unique<Impl>(*this, provider, std::move(store))) {}
+
+ZemaApp::~ZemaApp() = default;
+
+int ZemaApp::Start(bool, bool, bool) {
+  impl_->Register();
+  const uint32_t node = GetNodeType();
+  if ((node & kHostNodes) != 0) {
+    impl_->StartHost();
+  } else if ((node & kEdgeNodes) != 0) {
+    impl_->StartEdge();
+  } else {
+    ZLOG_INFO("[%s] Unknown Platform", __func__);
+  }
+  return 0;
+}
+
+void ZemaApp::WaitStarted() { impl_->WaitStarted(); }
+
+bool ZemaApp::started() const {
+  const std::lock_guard lock(impl_->mutex_);
+  return impl_->started_;
+}
+
+void ZemaApp::Stop(int reason) { impl_->Stop(reason); }
+
+void ZemaApp::RegisterHostCfgMsgCallBack(uint32_t module_id, HostConfigCallback callback) {
+  const std::lock_guard lock(impl_->mutex_);
+  if (!impl_->callbacks_.emplace(module_id, std::move(callback)).second) {
+    ZLOG_INFO("[%s] Module_id %u has registered HostCfgMsg callback\n", __func__, module_id);
+  }
+}
+
+void ZemaApp::Reset(std::function<void(std::string)> done) { impl_->Reset(std::move(done)); }
+
+std::string ZemaApp::ReloadOptions() { return impl_->ReloadOptions(); }
+
+bool ZemaApp::HostConfigReply(const std::string& correlation_id, const std::string& reply_to,
+                              const switching::HostConfigMsg& reply) {
+  return impl_->Send(__func__, kHostConfigType, reply, correlation_id, reply_to);
+}
+
+bool ZemaApp::TnMmodeConfigReply(const std::string& correlation_id, const std::string& reply_to,
+                                 const switching::MaintenanceModeConfigResultMsg& reply) {
+  return impl_->Send(__func__, "com.orlane.zem.switching.MaintenanceModeConfigResultMsg", reply,
+                     correlation_id, reply_to);
+}
+
+bool ZemaApp::VtepRecoveryReply(const std::string& correlation_id, const std::string& reply_to,
+                                const switching::VTEPRecoveryResultMsg& reply) {
+  return impl_->Send(__func__, "com.orlane.zem.switching.VTEPRecoveryResultMsg", reply, correlation_id,
+                     reply_to);
+}
+
+bool ZemaApp::VtepAdminStateReply(const std::string& correlation_id, const std::string& reply_to,
+                                  const switching::VTEPAdminStateMgmtResultMsg& reply) {
+  return impl_->Send(__func__, "com.orlane.zem.switching.VTEPAdminStateMgmtResultMsg", reply, correlation_id,
+                     reply_to);
+}
+
+bool ZemaApp::LogicalSwitchReply(const std::string& reply_to, const switching::LogicalSwitchMsg& reply) {
+  return impl_->Send(__func__, "com.orlane.zem.switching.LogicalSwitchMsg", reply, kLogicalSwitchAck,
+                     reply_to);
+}
+
+bool ZemaApp::LogicalSwitchFullSyncReply(const std::string& correlation_id, const std::string& reply_to,
+                                         const switching::LogicalSwitchBulkMsg& reply) {
+  return impl_->Send(__func__, "com.orlane.zem.switching.LogicalSwitchBulkMsg", reply, correlation_id,
+                     reply_to);
+}
+
+bool ZemaApp::SendTransportNodeEventMsg(const std::string& reply_to,
+                                        const switching::TransportNodeEventMsg& event) {
+  return impl_->Send(__func__, "com.orlane.zem.switching.TransportNodeEventMsg", event, "", reply_to);
+}
+
+bool ZemaApp::SendRestoreReplyMsg(const std::string& reply_to, const switching::ChecksumMsg& checksum) {
+  return impl_->Send(__func__, "com.orlane.zem.switching.ChecksumMsg", checksum, "", reply_to);
+}
+
+bool ZemaApp::HostProfileReply(const std::string& correlation_id, const std::string& reply_to,
+                               const switching::HostProfileMsg& reply) {
+  return impl_->Send(__func__, "com.orlane.zem.switching.HostProfileMsg", reply, correlation_id, reply_to);
+}
+
+bool ZemaApp::HostSwitchMigrationToKlnReply(const std::string& correlation_id, const std::string& reply_to,
+                                            const switching::TransportNodeHostSwitchesMigrationMsg& reply) {
+  return impl_->Send(__func__, "com.orlane.zem.switching.TransportNodeHostSwitchesMigrationMsg", reply,
+                     correlation_id, reply_to);
+}
+
+}  // namespace zem::Tarvik

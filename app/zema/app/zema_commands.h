@@ -1,0 +1,15 @@
+#pragma once
+
+#include <vector>
+
+#include "framework/cli_command.h"
+
+namespace zem::Tarvik {
+
+class ZemaApp;
+
+/// What operators may ask of the realization: "zema/reset", "zema/reload_options".  `app` outlives the
+/// server.
+std::vector<CliCommand> ZemaCommands(ZemaApp& app);
+
+}  // namespace zem::Tarvik

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "app/zema/covedb/raw_bus_message.h"
+#include "platform/core/clock.h"
+
+namespace orlane::zem::switching {
+class HostConfigMsg;
+}
+
+namespace zem::zema {
+
+class ConfigFiles;
+class ConfigOpsManager;
+class CoveDbHandler;
+class EndpointLibrary;
+class FollowUpTasks;
+class HealthRecord;
+class HighPerformanceProfile;
+class HostIdentity;
+class LumCommands;
+class MigrationRecord;
+class OptionsStore;
+class PortOpsManager;
+class RouterPorts;
+class SwitchLibrary;
+struct HostConfigState;
+
+/// What the application of a host configuration works on.  Everything outlives the tasks.
+struct HostConfigContext {
+  LumCommands& lum;
+  SwitchLibrary& library;
+  PortOpsManager& ports;
+  ConfigOpsManager& switches;
+  RouterPorts& routers;
+  EndpointLibrary& endpoints;
+  HighPerformanceProfile& high_performance;
+  MigrationRecord& migration;
+  HealthRecord& health;
+  HostIdentity& host;
+  OptionsStore& options;
+  ConfigFiles& files;
+  /// Null on a host without store.
+  CoveDbHandler* store;
+  HostConfigState& state;
+  FollowUpTasks& follow_ups;
+  /// Told of each configuration once it has been applied.
+  std::function<void(const orlane::zem::switching::HostConfigMsg&)> applied;
+  /// Waits; false when the daemon is stopping.
+  std::function<bool(Duration)> pause;
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+
+#include "app/zema/common/mpa_message_task.h"
+#include "app/zema/qub/error_sink.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::zema {
+
+/// Makes the node what one message of the manager says, and tells the manager what became of it.
+///
+/// Threads: one, which is not a provider's.
+class HostConfigTask : public MpaMessageTask<orlane::zem::switching::HostConfigMsg> {
+ public:
+  using HostConfigMsg = orlane::zem::switching::HostConfigMsg;
+  using MpaMessageTask::MpaMessageTask;
+
+  void Run() override;
+  bool IsBatchable() const override { return false; }
+
+  /// `upgrade`: the message is the one that an upgrade of the agent has left.  `reset`: the host itself
+  /// removes its switches; the message is empty.
+  virtual void ApplyHostConfig(bool upgrade, bool reset) = 0;
+
+  /// The message as it has become, with the errors and the endpoints' ids.
+  virtual HostConfigMsg BuildReply();
+
+ protected:
+  ErrorSink errors_;
+  std::set<uint32_t> endpoint_ids_;
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,355 @@
+#include "app/zema/hostconfig/host_config_task_qub.h"
+
+#include <algorithm>
+#include <set>
+
+#include "app/zema/common/task_thread.h"
+#include "app/zema/core/health_record.h"
+#include "app/zema/core/host_identity.h"
+#include "app/zema/covedb/config_files.h"
+#include "app/zema/covedb/covedb_handler.h"
+#include "app/zema/hostconfig/follow_up_tasks.h"
+#include "app/zema/hostconfig/host_config_context.h"
+#include "app/zema/hostconfig/host_config_state.h"
+#include "app/zema/hostconfig/host_switch_preparation.h"
+#include "app/zema/hostconfig/port_opaque_data.h"
+#include "app/zema/hostconfig/router_reconnection.h"
+#include "app/zema/qub/config_ops_manager.h"
+#include "app/zema/qub/dvs_configuration.h"
+#include "app/zema/qub/endpoint_library.h"
+#include "app/zema/qub/host_switch_application.h"
+#include "app/zema/qub/host_switch_commands.h"
+#include "app/zema/qub/interface_migration.h"
+#include "app/zema/qub/library_settings.h"
+#include "app/zema/qub/lum_commands.h"
+#include "app/zema/qub/port_ops_manager.h"
+#include "framework/log.h"
+#include "platform/core/thread_name.h"
+
+namespace zem::zema {
+namespace {
+
+namespace switching = orlane::zem::switching;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr const char* kThreadName = "zema:HstCfg";
+constexpr const char* kTypeName = "com.orlane.zem.switching.HostConfigMsg";
+constexpr int kAddressRetries = 20;
+
+}  // namespace
+
+HostConfigTaskQub::HostConfigTaskQub(std::shared_ptr<HostConfigContext> context, MpaMessageSender* sender,
+                                     std::string correlation_id, std::string reply_to, HostConfigMsg message,
+                                     std::string payload)
+    : HostConfigTask(sender, std::move(correlation_id), std::move(reply_to), std::move(message)),
+      context_(std::move(context)),
+      payload_(std::move(payload)) {}
+
+HostConfigTaskQub::~HostConfigTaskQub() = default;
+
+void HostConfigTaskQub::Run() {
+  HostConfigTask::Run();
+  SetThreadName(kThreadName);
+  context_->ports.CacheTzToDvsMapping();
+  ScheduleFollowUps();
+}
+
+void HostConfigTaskQub::ScheduleFollowUps() {
+  const FollowUpTasks::Origin origin{correlation_id_, reply_to_, message_.id(), message_.transport_node_id(),
+                                     message_.revision()};
+  if (!vteps_.dhcp_devices.empty()) {
+    context_->follow_ups.FetchAddresses(origin, vteps_.dhcp_devices, kAddressRetries);
+  }
+  if (!vteps_.ipv6_kinds.empty()) {
+    context_->follow_ups.FetchIpv6Addresses(origin, vteps_.ipv6_kinds, kAddressRetries);
+  }
+  if (hot_swap_) {
+    context_->follow_ups.HotSwapUnusedCkln(options_.ckln_hot_swap_init_delay,
+                                           options_.ckln_hot_swap_retry_interval);
+  }
+}
+
+HostConfigTask::HostConfigMsg HostConfigTaskQub::BuildReply() {
+  endpoint_ids_ = vteps_.endpoint_ids;
+  HostConfigMsg reply = HostConfigTask::BuildReply();
+  if (errors_.code() == 0 && message_.host_switches_size() > 0) {
+    context_->follow_ups.WaitForHostManagement(options_.vif_operation_timeout);
+  }
+  return reply;
+}
+
+void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
+  ZLOG_INFO(" In %s with upgradeCase : %d, reset : %d \n", __func__, upgrade, reset);
+  bool extra_config = false;
+  {
+    const MonitorLock lock(monitor_);
+    TakeHealth();
+    if (!IsRemoval() && !reset) {
+      HostSwitchPreparation preparation(*context_);
+      if (!context_->host.id()) {
+        preparation.PrepareFirst(&message_);
+      } else {
+        extra_config = !upgrade;
+        ZLOG_INFO("[%s] apply extra-config on discovered ports: %s", __func__,
+                  extra_config ? "true" : "false");
+        preparation.PrepareNext(&message_);
+      }
+    }
+    if (upgrade) context_->state.first_iteration_post_upgrade = true;
+    options_ = context_->options.Snapshot();
+  }
+  if (!PreCheck(upgrade, reset)) return;
+  const MonitorLock lock(monitor_);
+  if (!ConvertDvsUuidsAndPopulateKnlMigrationMap(&message_, &migration_map_, errors_)) return;
+  Switches switches = Switches::kNotReached;
+  {
+    InterfaceMigration check(context_->lum, errors_, context_->migration, {});
+    if (!check.ValidateHostConfigMsgForMigration(reset)) return;
+  }
+  CreateGuestLaneInterface();
+  routers_before_ = RouterMacTexts(context_->health.dvs_vdr_macs());
+  // What cannot be written down is told with the configuration's own file.
+  context_->files.BeginApply();
+  Persist();
+  switches = ConfigureSwitches(upgrade, reset, extra_config);
+  if (switches != Switches::kFailed) {
+    HostSwitchCommands commands(context_->lum, errors_);
+    // The failure has been told.
+    static_cast<void>(commands.UpdateTnIdToCorvd(message_.transport_node_id()));
+  }
+  context_->files.EndApply();
+  context_->applied(message_);
+}
+
+void HostConfigTaskQub::TakeHealth() {
+  if (message_.zem_down()) {
+    ZLOG_INFO("Updating zema health to DOWN as per zem_down = %d", message_.zem_down());
+    context_->health.setZemaStatusDown();
+  } else {
+    ZLOG_INFO("Updating zema health to UP");
+    context_->health.setZemaStatusUp();
+  }
+}
+
+bool HostConfigTaskQub::PreCheck(bool upgrade, bool reset) {
+  if (!options_.pre_check_health) return true;
+  ZLOG_INFO("[%s] Running health pre-checks.", __func__);
+  if (!context_->health.lum_ready()) {
+    ZLOG_ERROR("42019", "[%s] ZEMA Lum not ready", __func__);
+    errors_.Add(ErrorSink::kGeneral, "ZEMA Lum not ready");
+    return false;
+  }
+  if (reset || upgrade || IsRemoval() || context_->host.id()) return true;
+  std::string reply;
+  if (context_->lum.InvokeRPC(LumOperation::kInstallPreCheck, message_.SerializeAsString(), &reply) ==
+      LumCommands::kRpcSucceeded) {
+    return true;
+  }
+  ZLOG_ERROR("42083", "[%s] %s", __func__, reply.c_str());
+  errors_.Add(
+      ErrorSink::kGeneral,
+      "Cannot perform install due to an existing VM on the host. Please put QUB in the maintenance mode "
+      "and retry.");
+  return false;
+}
+
+void HostConfigTaskQub::CreateGuestLaneInterface() {
+  ZLOG_INFO("[%s] create GuestLane interface.", __func__);
+  if (options_.guest_lane_device_name.empty()) return;
+  HostSwitchCommands commands(context_->lum, errors_);
+  // The failure has been told.
+  static_cast<void>(commands.AddGuestLaneInterface(options_.guest_lane_device_name, options_.guest_lane_ip,
+                                                   options_.guest_lane_netmask));
+}
+
+void HostConfigTaskQub::Persist() {
+  if (context_->files.PersistHostConfigToFile(message_) != 0) {
+    errors_.Add(ErrorSink::kGeneral, "Failed to persist host config.");
+  }
+  if (context_->store != nullptr && !payload_.empty()) {
+    RawBusMessage raw;
+    raw.type = kTypeName;
+    raw.payload = payload_;
+    raw.correlation_id = correlation_id_;
+    raw.reply_to = reply_to_;
+    if (context_->store->SaveMessage(&raw) != 0) {
+      ZLOG_ERROR("44092", "Error persisting configuration Messages to DB");
+    }
+  }
+  if (message_.has_transport_node_id()) {
+    context_->host.SetHostId(message_.transport_node_id());
+    context_->follow_ups.UpdateTnUuidInFile(message_.transport_node_id());
+  } else {
+    RemoveNode();
+  }
+}
+
+void HostConfigTaskQub::RemoveNode() {
+  if (context_->store != nullptr) context_->store->FlushDesiredConfig();
+  switching::LogicalSwitchBulkMsg none;
+  none.set_continuation_flag(0);
+  const std::string data = none.SerializeAsString();
+  std::string reply;
+  if (context_->lum.InvokeRPC(LumOperation::kApplyLogicalSwitches, data, &reply) !=
+      LumCommands::kRpcSucceeded) {
+    ZLOG_ERROR("42033", "Data : %s, ErrorStr : %s", none.ShortDebugString().c_str(), reply.c_str());
+    errors_.Add(ErrorSink::kGeneral, reply);
+    return;
+  }
+  ZLOG_INFO("Cleared all Opaque LogicalSwitches during TN delete");
+  context_->host.UnsetHostId();
+  if (context_->files.DeleteConfigFiles() != 0) {
+    errors_.Add(ErrorSink::kGeneral, "Failed to delete the stored configuration.");
+  }
+}
+
+HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, bool reset,
+                                                                 bool extra_config) {
+  if (!CheckQUBiVersion70AndUnusedCkln(context_->lum, errors_)) return Switches::kNotReached;
+  StatelessHost stateless;
+  if (!CheckStatelessQubRebootFlags(context_->lum, message_.is_mp_host_profile_enabled(), &stateless,
+                                    errors_)) {
+    return Switches::kNotReached;
+  }
+  InterfaceMigrationSettings settings = MigrationSettings(context_->ports, options_);
+  settings.set_del_zem_running = [this](bool on) { context_->state.del_zem_running = on; };
+  settings.flush_desired_config = [this] {
+    if (context_->store != nullptr) context_->store->FlushDesiredConfig();
+  };
+  InterfaceMigration migration(context_->lum, errors_, context_->migration, std::move(settings));
+  // What the host itself asks for has no moves of its own, but resources to bring to safety.
+  if ((reset || !IsSecurityOnlyMigration(message_)) &&
+      !migration.PrepareAndMigrate(&message_, &migration_map_, &stateless.migrate_nvs_knls, reset)) {
+    return Switches::kNotReached;
+  }
+  std::vector<HostDvs> existing;
+  if (!ReadSwitches(reset, &existing)) return Switches::kNotReached;
+  LeavingSwitches leaving(*context_, errors_);
+  leaving.ClearTeaming(message_, existing);
+  RouterReconnection routers(*context_, errors_);
+  routers.ReadTeaming(existing);
+  if (leaving.DisconnectVdrPortsAndResetHostSwitches(message_, reset, upgrade, existing, routers_before_,
+                                                     &hot_swap_)) {
+    return Switches::kNotReached;
+  }
+  const bool configured = ConfigureDvses(upgrade, migration, stateless);
+  if (configured) {
+    if (extra_config) ApplyOpaqueDataOnPorts(*context_, message_, errors_);
+    ForgiveRoutersOfLeft(existing);
+  }
+  if (!reset && !IsRemoval()) {
+    routers.ReconnectVdrPorts(message_, routers_before_, upgrade);
+  } else {
+    ZLOG_INFO("Skipping ReconnectVdrPorts()...reason, TN Delete case %d, del zem cli case %d", IsRemoval(),
+              reset);
+    context_->health.setDvsNameVdrMacs({});
+  }
+  return configured ? Switches::kConfigured : Switches::kFailed;
+}
+
+bool HostConfigTaskQub::ConfigureDvses(bool upgrade, InterfaceMigration& migration,
+                                       const StatelessHost& stateless) {
+  MigratedPnics migrated = MigratedPnicsOf(migration_map_);
+  HostSwitchApplicationSettings application_settings =
+      ApplicationSettings(context_->ports, context_->switches, context_->endpoints, options_, upgrade);
+  application_settings.allow_resync = [this](bool allowed) { context_->follow_ups.AllowResync(allowed); };
+  application_settings.schedule_high_performance = [this] {
+    context_->follow_ups.ApplyHighPerformanceProfile();
+  };
+  HostSwitchApplication application(context_->lum, errors_, migration, context_->endpoints,
+                                    context_->high_performance, std::move(application_settings));
+  DvsConfigurationSettings settings;
+  settings.stateless = stateless.process_network_plugin;
+  settings.migrate_nvs_knls = stateless.migrate_nvs_knls;
+  settings.ready_timeout = std::chrono::seconds(options_.dvs_ready_poll_timeout);
+  settings.pause = context_->pause;
+  settings.apply = [&](const std::vector<std::string>& records) {
+    return application.InvokeApplyHostSwitch(records, &message_, migration_map_, migrated, vteps_);
+  };
+  DvsConfiguration configuration(context_->lum, errors_, std::move(settings));
+  return configuration.ConfigureDvses(message_, &migrated) == 0;
+}
+
+bool HostConfigTaskQub::ReadSwitches(bool reset, std::vector<HostDvs>* switches) {
+  std::string error;
+  auto found = GetDvsUuids(context_->lum, reset, DvsStatus(context_->switches), &error);
+  if (!found) {
+    errors_.Add(ErrorSink::kGeneral, error);
+    return false;
+  }
+  *switches = std::move(*found);
+  return true;
+}
+
+// A router port that could not be disconnected has gone with its switch.
+void HostConfigTaskQub::ForgiveRoutersOfLeft(const std::vector<HostDvs>& before) {
+  if (errors_.texts().empty()) return;
+  std::string error;
+  const auto now = GetDvsUuids(context_->lum, true, DvsStatus(context_->switches), &error);
+  if (!now) {
+    ZLOG_ERROR("42009", "[%s] %s", __func__, error.c_str());
+    return;
+  }
+  const bool left = std::any_of(before.begin(), before.end(), [&](const HostDvs& dvs) {
+    return std::none_of(now->begin(), now->end(), [&](const HostDvs& there) { return there.id == dvs.id; });
+  });
+  if (left) {
+    errors_.RemoveTextsWith("vdr port disconnect for host switch [", [](const std::string& text) {
+      ZLOG_INFO("HostSwitch delete/hotswap successful, Removing benign DisconnectVdrPort error %s",
+                text.c_str());
+    });
+  }
+  if (errors_.ForgiveRouterPort()) {
+    ZLOG_INFO("Clearing EC_HOST_CFG_VDR_ERRO and setting errorCode as EC_SUCCESS");
+  }
+}
+
+std::string RemoveHostSwitches(const std::shared_ptr<HostConfigContext>& context) {
+  ZLOG_INFO("[%s] clearing HostConfig...\n", "REST_RemoveHostSwitch");
+  HostConfigTaskQub task(context, nullptr, "", "", {}, "");
+  task.ApplyHostConfig(false, true);
+  const auto reply = task.BuildReply();
+  if (reply.error_code() == 0) return "";
+  ZLOG_ERROR("41531", "[%s] ApplyHostConfig error, Error: %s", "REST_RemoveHostSwitch",
+             reply.error_text().c_str());
+  return reply.error_text();
+}
+
+void FinishHostConfig(const std::shared_ptr<HostConfigContext>& context) {
+  if (!context->files.ApplyUnfinished()) return;
+  switching::HostConfigMsg stored;
+  std::string error;
+  if (!context->files.RetrieveHostConfigMsgFromFile(&stored, &error)) {
+    ZLOG_ERROR("41531", "[%s] the configuration that was under way cannot be finished: %s", __func__,
+               error.c_str());
+    context->files.EndApply();
+    return;
+  }
+  ZLOG_INFO("[%s] HostConfigMsg [%s] revision [%s] was under way when the agent ended, applying it again",
+            __func__, stored.id().c_str(), stored.revision().c_str());
+  HostConfigTaskQub task(context, nullptr, "", "", std::move(stored), "");
+  task.ApplyHostConfig(false, false);
+  const auto reply = task.BuildReply();
+  if (reply.error_code() == 0) return;
+  ZLOG_ERROR("41531", "[%s] ApplyHostConfig error, Error: %s", __func__, reply.error_text().c_str());
+}
+
+void UpdateCacheMap(HostConfigContext& context) {
+  switching::HostConfigMsg stored;
+  std::string error;
+  if (!context.files.HasHostConfigFile() || !context.files.RetrieveHostConfigMsgFromFile(&stored, &error)) {
+    ZLOG_DEBUG("No host config of an earlier run: %s", error.c_str());
+    return;
+  }
+  if (stored.has_transport_node_id()) context.host.SetHostId(stored.transport_node_id());
+  context.health.setDvsNameVdrMacs(RouterMacsOfHealth(stored));
+  if (stored.zem_down()) {
+    ZLOG_INFO("Updating zema health to down as oldHostConfigMsg.zema_down is true");
+    context.health.setZemaStatusDown();
+  } else {
+    context.health.setZemaStatusUp();
+  }
+}
+
+}  // namespace zem::zema

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/zema/common/thread.h"
+#include "app/zema/core/realization_options.h"
+#include "app/zema/hostconfig/host_config_task.h"
+#include "app/zema/hostconfig/leaving_switches.h"
+#include "app/zema/hostconfig/stateless_host.h"
+#include "app/zema/qub/dvs_config_info.h"
+#include "app/zema/qub/migration_message.h"
+#include "app/zema/qub/switch_record.h"
+#include "app/zema/qub/vtep_application.h"
+
+namespace zem::zema {
+
+struct HostConfigContext;
+class InterfaceMigration;
+
+/// A host configuration on a hypervisor.
+///
+/// The configuration is stored before the first change of the host: what ends the daemon after that is healed
+/// by the manager, which sees by the checksum what was asked last.  What fails from then on adds its text and
+/// raises the code; the answer always goes out.
+///
+/// Threads: one, which is not a provider's.
+class HostConfigTaskQub final : public HostConfigTask {
+ public:
+  /// `sender` may be null: nobody is answered then.  `payload` is the message as it came, empty when it did
+  /// not come from the manager.
+  HostConfigTaskQub(std::shared_ptr<HostConfigContext> context, MpaMessageSender* sender,
+                    std::string correlation_id, std::string reply_to, HostConfigMsg message,
+                    std::string payload);
+  ~HostConfigTaskQub() override;
+
+  void Run() override;
+  void ApplyHostConfig(bool upgrade, bool reset) override;
+  HostConfigMsg BuildReply() override;
+
+  uint32_t error_code() const { return errors_.code(); }
+
+ private:
+  /// How far the way to the switches went.
+  enum class Switches { kConfigured, kFailed, kNotReached };
+
+  void TakeHealth();
+  bool PreCheck(bool upgrade, bool reset);
+  void CreateGuestLaneInterface();
+  void Persist();
+  void RemoveNode();
+  Switches ConfigureSwitches(bool upgrade, bool reset, bool extra_config);
+  bool ConfigureDvses(bool upgrade, InterfaceMigration& migration, const StatelessHost& stateless);
+  bool ReadSwitches(bool reset, std::vector<HostDvs>* switches);
+  void ForgiveRoutersOfLeft(const std::vector<HostDvs>& before);
+  void ScheduleFollowUps();
+  bool IsRemoval() const { return message_.revision() == kRemovalRevision; }
+
+  static constexpr const char* kRemovalRevision = "-1";
+
+  const std::shared_ptr<HostConfigContext> context_;
+  const std::string payload_;
+  Thread monitor_{true, nullptr, 0};
+  RealizationOptions options_;
+  KnlMigrationMap migration_map_;
+  LeavingSwitches::RouterMacs routers_before_;
+  VtepOutcome vteps_;
+  bool hot_swap_ = false;
+};
+
+/// Empty when the host's switches are gone, else what went wrong: a host configuration without anything, on
+/// the host's own demand.
+std::string RemoveHostSwitches(const std::shared_ptr<HostConfigContext>& context);
+
+/// Applies the stored configuration again when the agent ended in the middle of it: neither the host nor the
+/// manager, who sees it stored, would heal that.
+void FinishHostConfig(const std::shared_ptr<HostConfigContext>& context);
+
+/// What a restart needs of the configuration in force: the host's id, the switches whose health is published,
+/// and whether the manager wants the node down.
+void UpdateCacheMap(HostConfigContext& context);
+
+}  // namespace zem::zema

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "app/zema/qub/host_switch_lists.h"
+
+namespace orlane::zem::switching {
+class HostConfigMsg;
+}
+
+namespace zem::zema {
+
+class ErrorSink;
+struct HostConfigContext;
+
+/// Takes the switches down that a configuration does not have any more, and the router ports that change.
+///
+/// Threads: the host configuration's.
+class LeavingSwitches {
+ public:
+  using Config = orlane::zem::switching::HostConfigMsg;
+  /// Text of the router's MAC address by switch id; empty: none.
+  using RouterMacs = std::map<std::string, std::string>;
+
+  LeavingSwitches(HostConfigContext& context, ErrorSink& errors) : context_(context), errors_(errors) {}
+
+  /// The switches that leave forget their teaming.
+  void ClearTeaming(const Config& config, const std::vector<HostDvs>& existing);
+
+  /// True ends the configuration's way to the switches: it has told its error.  `before` has the router
+  /// addresses of the configuration in force.
+  [[nodiscard]] bool DisconnectVdrPortsAndResetHostSwitches(const Config& config, bool reset, bool upgrade,
+                                                            const std::vector<HostDvs>& existing,
+                                                            const RouterMacs& before, bool* hot_swap);
+
+  static RouterMacs RouterMacsOf(const Config& config);
+
+ private:
+  void DisconnectVdrPorts(const RouterMacs& before, const RouterMacs& after);
+  void UnsetSpf(const Config& config, const std::vector<HostDvs>& existing);
+  void UnsetSecurity(const Config& config, const std::vector<HostDvs>& existing);
+  bool ApplyDvsList(const std::string& list, const std::string& names, bool* hot_swap);
+  bool UnloadRouters(const RouterMacs& after);
+
+  HostConfigContext& context_;
+  ErrorSink& errors_;
+};
+
+}  // namespace zem::zema

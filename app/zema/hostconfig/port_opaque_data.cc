@@ -1,0 +1,79 @@
+#include "app/zema/hostconfig/port_opaque_data.h"
+
+#include "app/zema/hostconfig/host_config_context.h"
+#include "app/zema/qub/error_sink.h"
+#include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/qub/port_props.h"
+#include "app/zema/qub/switch_library.h"
+#include "framework/log.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr int kTries = 3;
+
+// What ties the port to its VIF; a port without is none of ours.
+struct Tie {
+  std::string vif;
+  std::string logical_port;
+  std::string network;
+};
+
+bool SetWithRetries(HostConfigContext& context, const std::string& dvs, const std::string& port,
+                    const char* key, const std::string& value) {
+  if (value.empty()) return true;
+  std::string error;
+  for (int failed = 1; failed <= kTries; ++failed) {
+    if (context.ports.SetPortExtraConfig(dvs, port, key, value, &error) == 0) return true;
+    ZLOG_ERROR("44423", "[PortOp] Failed [%d] times to set port [%s] extra-configs, error [%s]", failed,
+               port.c_str(), error.c_str());
+  }
+  return false;
+}
+
+bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::string& port, bool security) {
+  Tie tie;
+  context.ports.GetPortExtraConfig(dvs, port, port_props::kExternalId, &tie.vif);
+  context.ports.GetPortExtraConfig(dvs, port, port_props::kLogicalPortId, &tie.logical_port);
+  context.ports.GetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, &tie.network);
+  // A port of the agent's own is named by its logical port.
+  if (tie.logical_port.empty() && !tie.vif.empty() && !security) tie.logical_port = port;
+  if (tie.vif.empty() || tie.logical_port.empty()) {
+    ZLOG_INFO("[%s] vifId or logicalPortId is missing for [%s:%s]. Skip setting port opaque data",
+              "ApplyOpaqueDataOnPorts", dvs.c_str(), port.c_str());
+    return true;
+  }
+  return SetWithRetries(context, dvs, port, port_props::kLogicalPortId, tie.logical_port) &&
+         SetWithRetries(context, dvs, port, port_props::kOpaqueNetworkId, tie.network) &&
+         SetWithRetries(context, dvs, port, port_props::kExternalId, tie.vif) &&
+         (!security || SetWithRetries(context, dvs, port, port_props::kSecurityEnable, port_props::kTrue));
+}
+
+}  // namespace
+
+void ApplyOpaqueDataOnPorts(HostConfigContext& context, const orlane::zem::switching::HostConfigMsg& config,
+                            ErrorSink& errors) {
+  bool good = true;
+  for (const auto& host_switch : config.host_switches()) {
+    PortList ports;
+    const uint32_t result = context.library.SwitchPortList(host_switch.id(), &ports);
+    if (result != 0) {
+      if (result == kSwitchNotFound) continue;
+      ZLOG_ERROR("44423", "[%s] %s", __func__, SwitchErrorText(result).c_str());
+      good = false;
+      continue;
+    }
+    for (size_t i = 0; i < ports.size(); ++i) {
+      good = ApplyOnPort(context, host_switch.id(), ports[i], host_switch.security()) && good;
+    }
+  }
+  if (good) return;
+  ZLOG_ERROR("44423", "[%s] Failed to set port opaque data for port belonging to transport node [%s]",
+             __func__, config.transport_node_id().c_str());
+  errors.Add(ErrorSink::kGeneral, "Failed to set port opaque data.");
+}
+
+}  // namespace zem::zema

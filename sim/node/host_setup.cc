@@ -1,0 +1,51 @@
+#include "sim/node/host_setup.h"
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "framework/child_process.h"
+#include "sim/node/sandbox.h"
+
+namespace zem::sim {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kTools = "/usr/local/bin/";
+
+void WriteTool(const std::string& name, const std::string& text) {
+  const std::string path = kTools + name;
+  std::ofstream out(path, std::ios::trunc);
+  out << text;
+  out.close();
+  if (!out || ::chmod(path.c_str(), 0755) < 0) throw std::runtime_error("cannot write " + path);
+}
+
+std::string Quoted(const std::string& text) {
+  std::string quoted = "'";
+  for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+}  // namespace
+
+void SetUpHost(const HostSetup& setup) {
+  WriteTool("uname", "#!/bin/sh\n[ \"$*\" = \"-s -r\" ] || exec /usr/bin/uname \"$@\"\necho Hypercore " +
+                         Quoted(setup.version) + "\n");
+  WriteTool("orlane", "#!/bin/sh\necho " + Quoted(setup.product) + "\n");
+  const fs::path scripts(kHostScripts);
+  if (!fs::exists(scripts / "simstate.py")) return;
+  fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
+  Tarvik::ChildProcess::Options options;
+  options.argv = {"/usr/bin/python3", scripts / "simstate.py", "init", "--pnics", setup.pnics, "--ifs",
+                  setup.interfaces};
+  const Tarvik::ChildResult made = Tarvik::ChildProcess(std::move(options)).Run();
+  if (made.end != Tarvik::ChildEnd::kExited || made.value != 0) {
+    throw std::runtime_error("the host's state was not made: " + made.errors);
+  }
+}
+
+}  // namespace zem::sim

@@ -1,0 +1,212 @@
+#include "app/zema/app/message_dispatch.h"
+
+#include <gtest/gtest.h>
+
+#include "app/zema/common/function_task.h"
+#include "app/zema/common/task_thread.h"
+#include "app/zema/common/worker_table.h"
+#include "proto/switching/switching.pb.h"
+#include "tests/app/zema/lswitch/fake_sender.h"
+#include "tests/support/log_capture.h"
+
+namespace zem::zema {
+namespace {
+
+namespace switching = orlane::zem::switching;
+
+constexpr const char* kPrefix = "com.orlane.zem.switching.";
+
+class NoBatch : public BatchRunnable {
+ public:
+  void Run() override {}
+  void AddTask(Runnable*) override {}
+  void Reset() override {}
+  long Count() const override { return 0; }
+};
+
+class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
+ protected:
+  MessageDispatchTest() {
+    WorkerFactory factory;
+    factory.options = [] { return WorkerOptions{0, 0, 60, 5, false}; };
+    factory.ls_batcher = [] { return std::make_unique<NoBatch>(); };
+    factory.database_handler = [](const std::string& name) { return std::make_unique<TaskThread>(name); };
+    workers_.SetFactory(std::move(factory));
+    EXPECT_EQ(workers_.StartTaskThreads(), 0);
+
+    MessageDispatch::Settings settings;
+    settings.sender = &sender_;
+    settings.workers = &workers_;
+    settings.host_config = [this](const RequestOrigin& origin, switching::HostConfigMsg message,
+                                  std::string bytes) {
+      EXPECT_EQ(bytes, message.SerializeAsString());
+      return Task("host config " + origin.correlation_id + " " + origin.reply_to + " " + message.revision());
+    };
+    settings.logical_switch = [this](const RequestOrigin&, const switching::LogicalSwitchMsg&) {
+      made_.push_back("logical switch");
+      return nullptr;
+    };
+    settings.logical_switch_full_sync = [this](const RequestOrigin&, const std::string& bytes) {
+      return Task("full sync " + std::to_string(bytes.size()));
+    };
+    settings.restore = [this](const RequestOrigin&, const switching::ChecksumMsg& message) {
+      return Task("restore " + message.id());
+    };
+    settings.host_profile = [](const RequestOrigin&, const switching::HostProfileMsg&) { return nullptr; };
+    settings.send_host_config_ack = [this](const std::string& reply_to,
+                                           const switching::HostConfigAckMsg& ack) {
+      made_.push_back("ack " + reply_to + " " + ack.ShortDebugString());
+    };
+    settings.refuse_host_profile = [this](const RequestOrigin&, const std::string& error) {
+      made_.push_back("refused " + error);
+    };
+    settings.vif_result = [this](const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
+      made_.push_back("vif " + rpc_id);
+      result_ = std::move(result);
+    };
+    settings.later.vif_requests = std::shared_ptr<VifRequestSink>(this, [](VifRequestSink*) {});
+    dispatch_ = std::make_unique<MessageDispatch>(std::move(settings));
+  }
+
+  ~MessageDispatchTest() override { Drain(); }
+
+  void Detach(const switching::VifAttachmentMsg& vif) override { made_.push_back("detach " + vif.vif_id()); }
+  void Restore(const switching::VifAttachmentMsg& vif) override {
+    made_.push_back("restore " + vif.vif_id());
+  }
+
+  std::unique_ptr<Runnable> Task(const std::string& text) {
+    return std::make_unique<FunctionTask>([this, text] {
+      const std::lock_guard lock(mutex_);
+      ran_.push_back(text);
+    });
+  }
+
+  void Receive(const std::string& type, const std::string& payload) {
+    dispatch_->ProcessReceiveMessages("session:7", type, payload, "corr", "reply");
+  }
+  void Receive(const char* type, const google::protobuf::Message& message) {
+    Receive(std::string(kPrefix) + type, message.SerializeAsString());
+  }
+
+  std::vector<std::string> Drain() {
+    workers_.StopTaskThreads();
+    workers_.DeleteTaskThreadObjects();
+    const std::lock_guard lock(mutex_);
+    return ran_;
+  }
+
+  FakeSender sender_;
+  WorkerTable workers_;
+  std::unique_ptr<MessageDispatch> dispatch_;
+  std::vector<std::string> made_;
+  std::unique_ptr<PortAttached> result_;
+  std::mutex mutex_;  // guards ran_
+  std::vector<std::string> ran_;
+};
+
+TEST_F(MessageDispatchTest, AHostConfigIsAcknowledgedBeforeItIsQueued) {
+  switching::HostConfigMsg message;
+  message.set_transport_node_id("tn");
+  message.set_id("c1");
+  message.set_revision("4");
+  Receive("HostConfigMsg", message);
+  EXPECT_EQ(made_,
+            std::vector<std::string>{"ack reply transport_node_id: \"tn\" id: \"c1\" revision: \"4\""});
+}
+
+TEST_F(MessageDispatchTest, WhatCannotBeParsedIsToldAndDropped) {
+  const std::string garbage("\x0a\xff\xff\xff\x7f", 5);
+  struct Case {
+    const char* type;
+    const char* line;
+  };
+  for (const Case& c : {Case{"LogicalSwitchMsg", "Failed to parse logical switch message"},
+                        Case{"VifMsg", "Failed to parse vif message"},
+                        Case{"HostConfigMsg", "Failed to parse HostConfigMsg message"},
+                        Case{"MaintenanceModeConfigMsg", "Failed to parse maintenance mode config message"},
+                        Case{"ChecksumMsg", "Failed to parse CheckSum message"},
+                        Case{"HostProfileMsg", "Failed to parse Host Profile message"},
+                        Case{"VTEPRecoveryRequestMsg", "Failed to parse Vtep Recovery message"},
+                        Case{"VTEPAdminStateMgmtRequestMsg", "Failed to parse Vtep Admin State message"},
+                        Case{"VtepIPSyncMsg", "Failed to parse vtepIPSyncMsg message"}}) {
+    LogCapture log;
+    Receive(std::string(kPrefix) + c.type, garbage);
+    EXPECT_TRUE(log.Contains(c.line)) << c.type;
+  }
+  EXPECT_EQ(made_, std::vector<std::string>{"refused Failed to parse Host Profile message"});
+}
+
+TEST_F(MessageDispatchTest, UnknownEmptyAndUnservedMessagesAreTold) {
+  LogCapture log;
+  Receive("com.orlane.zem.other.HostConfigMsg", "x");
+  Receive(std::string(kPrefix) + "HostConfigMsgs", "x");
+  Receive(std::string(kPrefix) + "HostConfigMsg", "");
+  Receive("TransportNodeHostSwitchesMigrationMsg", switching::HostConfigMsg());
+  switching::VTEPRecoveryRequestMsg recovery;
+  recovery.set_request_id("r");
+  Receive("VTEPRecoveryRequestMsg", recovery);
+  switching::HostProfileMsg profile;
+  profile.set_status(1);
+  Receive("HostProfileMsg", profile);
+  EXPECT_TRUE(log.Contains("Unsupported message type [com.orlane.zem.other.HostConfigMsg] from MPA"));
+  EXPECT_TRUE(log.Contains("Unsupported message type [com.orlane.zem.switching.HostConfigMsgs] from MPA"));
+  EXPECT_TRUE(log.Contains("NULL/empty payload of length [0]"));
+  EXPECT_TRUE(log.Contains("Failed to create VtepRecoveryTask"));
+  EXPECT_EQ(made_, std::vector<std::string>{"refused Error creating HostProfile task"});
+}
+
+TEST_F(MessageDispatchTest, AnAnswerAboutAVifWakesItsCaller) {
+  switching::VifMsg message;
+  message.set_type(1);
+  auto* vif = message.add_vif_attachment();
+  vif->set_operation_id("op-1");
+  vif->set_vif_id("v");
+  vif->set_old_logical_port_id("old");
+  vif->mutable_tenant_context()->set_project("p");
+  auto* state = vif->mutable_init_port_state();
+  state->set_state("UNBLOCKED_VLAN");
+  auto* range = state->add_vlan_range();
+  range->set_start(5);
+  range->set_end(9);
+  Receive("VifMsg", message);
+  ASSERT_EQ(made_, std::vector<std::string>{"vif op-1"});
+  EXPECT_EQ(result_->old_port_id, "old");
+  EXPECT_EQ(result_->project, "p");
+  EXPECT_EQ(result_->vlan, -1) << "absent";
+  EXPECT_EQ(result_->vlan_ranges, (std::vector<std::pair<uint32_t, uint32_t>>{{5, 9}}));
+
+  vif->clear_operation_id();
+  message.clear_type();  // counts as an answer
+  LogCapture log;
+  Receive("VifMsg", message);
+  EXPECT_TRUE(log.Contains("MP sent a VifMsg with unset type"));
+  EXPECT_TRUE(log.Contains("operation id not found in VIF response"));
+  EXPECT_EQ(made_.size(), 1u);
+}
+
+TEST_F(MessageDispatchTest, OnlyWholeRequestsAboutVifsPass) {
+  switching::VifMsg message;
+  message.set_type(0);
+  message.add_vif_attachment()->set_vif_id("v");
+  LogCapture log;
+  Receive("VifMsg", message);
+  EXPECT_TRUE(log.Contains("Ignored a REQUEST VifMsg from MP that has unset operation."));
+  message.set_operation(2);
+  Receive("VifMsg", message);
+  EXPECT_TRUE(log.Contains("that has unknown operation [2]"));
+  message.set_operation(1);
+  Receive("VifMsg", message);
+  message.set_operation(3);
+  Receive("VifMsg", message);
+  message.mutable_vif_attachment(0)->mutable_init_port_state()->set_state("SECURITY_ONLY");
+  Receive("VifMsg", message);
+  EXPECT_TRUE(log.Contains("dvPort info not present for security-only Vif Restore operation"));
+  message.mutable_vif_attachment(0)->clear_vif_id();
+  Receive("VifMsg", message);
+  EXPECT_TRUE(log.Contains("VifUuid not present for Vif Restore operation"));
+  EXPECT_EQ(made_, (std::vector<std::string>{"detach v", "restore v"}));
+}
+
+}  // namespace
+}  // namespace zem::zema
