@@ -1,5 +1,8 @@
 #include "sim/manager/manager.h"
 
+#include <algorithm>
+#include <array>
+
 #include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
@@ -42,6 +45,12 @@ std::string ToJson(const Message& message) {
 }
 
 std::unique_ptr<Message> New(const Message& prototype) { return std::unique_ptr<Message>(prototype.New()); }
+
+constexpr std::array kReports = {"HostConfigAckMsg", "TransportNodeEventMsg", "ChecksumMsg"};
+
+bool IsReport(const Message& message) {
+  return std::find(kReports.begin(), kReports.end(), message.GetDescriptor()->name()) != kReports.end();
+}
 
 // Of each kind; enough to see which one a host has realized.
 constexpr size_t kSentRemembered = 8;
@@ -247,8 +256,11 @@ void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnified
         const FieldDescriptor* const field =
             member != nullptr ? FindMember(*unified, member->GetDescriptor()->name()) : nullptr;
         if (field == nullptr) return;
-        unified->GetReflection()->MutableMessage(unified.get(), field)->CopyFrom(*member);
-        SetType(unified.get(), TypeOf(*asked));
+        // What a host only reports is taken and not said back: the same message the other way is a question.
+        if (!IsReport(*member)) {
+          unified->GetReflection()->MutableMessage(unified.get(), field)->CopyFrom(*member);
+          SetType(unified.get(), TypeOf(*asked));
+        }
       }
       answer.set_payload(unified->SerializeAsString());
       break;

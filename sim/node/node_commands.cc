@@ -138,6 +138,16 @@ void ReadNodeFile(const Arguments& arguments, const Reply& reply) {
   reply.Ok(std::move(result));
 }
 
+void ListNodeFiles(const Arguments& arguments, const Reply& reply) {
+  std::error_code error;
+  Json names = JsonArray();
+  for (const auto& entry : std::filesystem::directory_iterator(arguments[0], error)) {
+    AddItem(names.get(), entry.path().filename().string());
+  }
+  if (error) return reply.Fail(arguments[0] + ": " + error.message());
+  reply.Ok(std::move(names));
+}
+
 void WriteNodeFile(const Arguments& arguments, const Reply& reply) {
   std::ofstream out(arguments[0], std::ios::binary | std::ios::trunc);
   for (size_t i = 1; i < arguments.size(); ++i) out << (i > 1 ? "\n" : "") << arguments[i];
@@ -361,6 +371,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
        [n](const Arguments& arguments, const Reply& reply) { CloseRaw(*n->listeners_, arguments, reply); }});
   table.Register({"socket/state", "", "Shows how many connections each port of \"socket/listen\" has taken.",
                   0, 0, [n](const Arguments&, const Reply& reply) { ShowRaw(*n->listeners_, reply); }});
+  table.Register({"file/list", "FOLDER", "Shows the names in a folder as the node sees it.", 1, 1,
+                  [](const Arguments& arguments, const Reply& reply) { ListNodeFiles(arguments, reply); }});
   table.Register({"file/read", "PATH", "Shows a file as the node sees it.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) { ReadNodeFile(arguments, reply); }});
   table.Register({"file/write", "PATH [LINE...]",
