@@ -30,7 +30,17 @@ boost::uuids::uuid RandomUuid() {
 
 std::string RandomUuidText() { return UuidText(RandomUuid()); }
 
-std::string UuidText(const boost::uuids::uuid& uuid) { return boost::uuids::to_string(uuid); }
+std::string UuidText(const boost::uuids::uuid& uuid) {
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string text(kTextLength, '-');
+  size_t at = 0;
+  for (const uint8_t byte : uuid) {
+    if (at == 8 || at == 13 || at == 18 || at == 23) ++at;
+    text[at++] = kDigits[byte >> 4];
+    text[at++] = kDigits[byte & 15];
+  }
+  return text;
+}
 
 std::optional<boost::uuids::uuid> ParseUuid(std::string_view text) {
   if (text.size() != kTextLength) return std::nullopt;

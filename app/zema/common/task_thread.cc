@@ -48,6 +48,11 @@ void TaskThread::AddTask(std::unique_ptr<Runnable> task, bool log_it) {
   }
 }
 
+void TaskThread::AddTaskAsleep(std::unique_ptr<Runnable> task) {
+  const MonitorLock lock(*this);
+  if (!stopped()) queue_.push_back(std::move(task));
+}
+
 bool TaskThread::AddLowPriorityTask(std::unique_ptr<Runnable> task, int delay_seconds) {
   const void* const address = task.get();
   void* const self = this;

@@ -23,6 +23,10 @@ class TaskThread : public Thread {
   /// Queues the task; a stopped worker destroys it.  `log_it` controls the log lines only.
   void AddTask(std::unique_ptr<Runnable> task, bool log_it = true);
 
+  /// Queues the task without waking the worker: it runs together with the next one that does wake it.  For a
+  /// stream of tasks whose end is told by a task of its own.
+  void AddTaskAsleep(std::unique_ptr<Runnable> task);
+
   /// Keeps one task for a moment when the queue is empty, `delay_seconds` from now or later; replaces the one
   /// before. False when it was refused.
   bool AddLowPriorityTask(std::unique_ptr<Runnable> task, int delay_seconds);

@@ -178,6 +178,14 @@ bool WorkerTable::AddTask(Worker worker, std::unique_ptr<Runnable> task) {
   }
 }
 
+bool WorkerTable::AddTaskAsleep(Worker worker, std::unique_ptr<Runnable> task) {
+  const Synchronizer lock(table_lock_, __FILE__, __LINE__);
+  TaskThread* const thread = Slot(worker).get();
+  if (thread == nullptr) return false;
+  thread->AddTaskAsleep(std::move(task));
+  return true;
+}
+
 void WorkerTable::ClearTasks(Worker worker) {
   const Synchronizer lock(table_lock_, __FILE__, __LINE__);
   if (TaskThread* const thread = Slot(worker).get()) thread->Clear();

@@ -78,6 +78,9 @@ class WorkerTable {
   /// one that batches.  The others, once stopped, take a task and destroy it.
   bool AddTask(Worker worker, std::unique_ptr<Runnable> task);
 
+  /// The same for a worker that does not batch, without waking it.
+  bool AddTaskAsleep(Worker worker, std::unique_ptr<Runnable> task);
+
   /// Destroys what waits in the worker's queue; nothing when there is no such worker.
   void ClearTasks(Worker worker);
 

@@ -15,6 +15,15 @@ using orlane::zem::covedb::ObjectType;
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
+// Once: a reading of the store is ten thousand tasks.
+void NameThread() {
+  thread_local const bool named = [] {
+    SetThreadName("zema:dbUpdateTask");
+    return true;
+  }();
+  (void)named;
+}
+
 }  // namespace
 
 CovedbUpdateTask::CovedbUpdateTask(CovedbUpdateKind kind, Update update, bool full_sync)
@@ -29,7 +38,7 @@ CovedbUpdateTask::CovedbUpdateTask(std::shared_ptr<CoveDbHandler> store, uint64_
       epoch_(epoch) {}
 
 void CovedbUpdateTask::Run() {
-  SetThreadName("zema:dbUpdateTask");
+  NameThread();
   if (kind_ == CovedbUpdateKind::kProcessedBarrier) {
     if (store_ && barrier_ != 0) store_->WriteProcessedBarrier(barrier_);
     return;
@@ -77,10 +86,17 @@ void CovedbUpdateTask::RunObject(DbSvcTaskThread& thread) {
 
 void EnqueueCovedbUpdate(WorkerTable& workers, CovedbUpdateKind kind, CovedbUpdateTask::Update update,
                          bool full_sync) {
-  const int type = update.object_type();
-  if (!workers.AddTask(Worker::kDatabaseHandler,
-                       std::make_unique<CovedbUpdateTask>(kind, std::move(update), full_sync))) {
-    ZLOG_WARN("[%s] an update of type %d is dropped because of no databaseHandlerThread", __func__, type);
+  const ObjectType type = update.object_type();
+  // What is only gathered waits for the end of its transaction; waking the worker for each of ten thousand
+  // objects costs more than handling them.
+  const bool gathered =
+      type == ObjectType::OPAQUE_LOG_SWITCH_CONFIG || type == ObjectType::TRANSPORT_NODE_CONFIG;
+  auto task = std::make_unique<CovedbUpdateTask>(kind, std::move(update), full_sync);
+  const bool queued = gathered ? workers.AddTaskAsleep(Worker::kDatabaseHandler, std::move(task))
+                               : workers.AddTask(Worker::kDatabaseHandler, std::move(task));
+  if (!queued) {
+    ZLOG_WARN("[%s] an update of type %d is dropped because of no databaseHandlerThread", __func__,
+              static_cast<int>(type));
   }
 }
 

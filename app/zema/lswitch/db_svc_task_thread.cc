@@ -1,9 +1,10 @@
 #include "app/zema/lswitch/db_svc_task_thread.h"
 
 #include <algorithm>
+#include <deque>
 #include <exception>
 #include <map>
-#include <tuple>
+#include <optional>
 #include <utility>
 
 #include "app/zema/core/mpa_message_sender.h"
@@ -44,14 +45,28 @@ int OperationOf(const DbSvcTaskThread::Update& update) {
 
 }  // namespace
 
-// One cached object on its way to the host.
-struct DbSvcTaskThread::FullSyncEntry {
-  const char* skipped;  // why it does not go; null: it does
-  OpaqueLogSwitchConfigMsg config;
+// What the cache holds for the host, each object parsed once.
+struct DbSvcTaskThread::FullSync {
+  using Uuid = std::pair<uint64_t, uint64_t>;
+  struct Entry {
+    Uuid zone;
+    const char* skipped;  // why it does not go; null: it does
+    OpaqueLogSwitchConfigMsg* config;
+  };
 
-  std::pair<uint64_t, uint64_t> zone() const {
-    return {config.transport_zone_id().first(), config.transport_zone_id().second()};
+  // The transport node first, then every switch in the cache's order.
+  std::vector<std::string> Uuids() const {
+    std::vector<std::string> uuids;
+    if (node) uuids.push_back(UUID_ToString(*node));
+    for (const OpaqueLogSwitchConfigMsg& config : configs) {
+      if (config.has_id()) uuids.push_back(UUID_ToString(config.id()));
+    }
+    return uuids;
   }
+
+  std::optional<orlane::zem::UuidMsg> node;
+  std::deque<OpaqueLogSwitchConfigMsg> configs;  // in the cache's order; never moved
+  std::vector<Entry> entries;                    // by zone
 };
 
 DbSvcTaskThread::DbSvcTaskThread(std::string name, std::shared_ptr<LogicalSwitchContext> context)
@@ -171,8 +186,7 @@ bool DbSvcTaskThread::QueueLogicalSwitch(const orlane::zem::switching::LogicalSw
 }
 
 void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier) {
-  std::vector<std::string> uuids;
-  const std::vector<FullSyncEntry> entries = FullSyncEntries(&uuids);
+  FullSync sync = ReadCache();
   std::string error;
   bool done = false;
   {
@@ -181,88 +195,84 @@ void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier) {
     ClearPendingLs();
     context_->clear_logical_switch_tasks();
     context_->fence.Supersede();
-    done = SendFullSync(entries, &error);
+    done = SendFullSync(sync, &error);
   }
   if (done) {
     full_sync_pending_ = false;
+    context_->store->WriteFullSyncResult(nullptr, {}, barrier);
   } else {
     ZLOG_INFO("Schedule Logical Switch Full sync");
     context_->store->ScheduleFullSyncRead();
+    context_->store->WriteFullSyncResult(&error, sync.Uuids(), barrier);
   }
-  context_->store->WriteFullSyncResult(done ? nullptr : &error, uuids, barrier);
   ZLOG_INFO("[%s] Logical Switch Full Sync complete", __func__);
 }
 
-// The switches by zone; `uuids` gets the transport node first, then every switch in the cache's order.
-std::vector<DbSvcTaskThread::FullSyncEntry> DbSvcTaskThread::FullSyncEntries(
-    std::vector<std::string>* uuids) {
-  std::vector<FullSyncEntry> entries;
-  entries.reserve(tx_cache_.size());
+DbSvcTaskThread::FullSync DbSvcTaskThread::ReadCache() {
+  FullSync sync;
+  sync.entries.reserve(tx_cache_.size());
   // A transaction may change a switch more than once, or remove it again: the last word holds.
-  std::map<std::string, size_t> last;
-  bool has_node = false;
+  std::map<FullSync::Uuid, size_t> last;
   for (const Update& update : tx_cache_) {
     if (update.object_type() == ObjectType::TRANSPORT_NODE_CONFIG) {
       store::TransportNodeConfigMsg node;
-      if (!has_node && node.ParseFromString(update.object()) && node.has_id()) {
-        uuids->insert(uuids->begin(), UUID_ToString(node.id()));
-        has_node = true;
-      }
+      if (!sync.node && node.ParseFromString(update.object()) && node.has_id()) sync.node = node.id();
       continue;
     }
-    FullSyncEntry entry{nullptr, {}};
+    OpaqueLogSwitchConfigMsg& config = sync.configs.emplace_back();
+    const char* skipped = nullptr;
     if (update.object_type() != ObjectType::OPAQUE_LOG_SWITCH_CONFIG) {
-      entry.skipped = "Object is not of type OpaqueLogSwitch";
+      skipped = "Object is not of type OpaqueLogSwitch";
     } else if (!update.has_object() || update.object().empty()) {
-      entry.skipped = "Object has empty body";
-    } else if (!entry.config.ParseFromString(update.object()) || !entry.config.has_id()) {
-      entry.skipped = "Object does not parse";
+      skipped = "Object has empty body";
+    } else if (!config.ParseFromString(update.object()) || !config.has_id()) {
+      skipped = "Object does not parse";
     } else {
-      const std::string uuid = UUID_ToString(entry.config.id());
-      const auto [present, added] = last.try_emplace(uuid, entries.size());
-      if (!added) entries[std::exchange(present->second, entries.size())].skipped = "Object is replaced";
-      if (OperationOf(update) == ObjectOpMsg::DELETE) {
-        entry.skipped = "Object is removed";
-      } else if (added) {
-        uuids->push_back(uuid);
+      const FullSync::Uuid uuid{config.id().first(), config.id().second()};
+      // The store tells its objects in the order of their keys.
+      const auto present = last.try_emplace(last.end(), uuid, sync.entries.size());
+      if (present->second != sync.entries.size()) {
+        sync.entries[std::exchange(present->second, sync.entries.size())].skipped = "Object is replaced";
       }
+      if (OperationOf(update) == ObjectOpMsg::DELETE) skipped = "Object is removed";
     }
-    entries.push_back(std::move(entry));
+    const orlane::zem::UuidMsg& zone = config.transport_zone_id();
+    sync.entries.push_back({{zone.first(), zone.second()}, skipped, &config});
   }
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const FullSyncEntry& a, const FullSyncEntry& b) { return a.zone() < b.zone(); });
-  return entries;
+  std::stable_sort(sync.entries.begin(), sync.entries.end(),
+                   [](const FullSync::Entry& a, const FullSync::Entry& b) { return a.zone < b.zone; });
+  return sync;
 }
 
-bool DbSvcTaskThread::SendFullSync(const std::vector<FullSyncEntry>& entries, std::string* error) {
-  if (entries.empty()) {
+bool DbSvcTaskThread::SendFullSync(FullSync& sync, std::string* error) {
+  if (sync.entries.empty()) {
     ZLOG_INFO("[%s] Received TN Config Msg with Zero Logical Switches", "ProcessLogicalSwitchFullSyncMsg");
     LogicalSwitchBulkMsg none;
     none.set_continuation_flag(kBegin);
     return SendBulk(none, error);
   }
-  for (size_t begin = 0; begin < entries.size(); begin += kFullSyncChunk) {
+  for (size_t begin = 0; begin < sync.entries.size(); begin += kFullSyncChunk) {
     LogicalSwitchBulkMsg bulk;
     bulk.set_continuation_flag(begin == 0 ? kBegin : kContinue);
     LogicalSwitchesOfTZMsg* zone = nullptr;
-    std::pair<uint64_t, uint64_t> zone_id;
-    const size_t end = std::min(begin + kFullSyncChunk, entries.size());
+    FullSync::Uuid zone_id;
+    const size_t end = std::min(begin + kFullSyncChunk, sync.entries.size());
     for (size_t i = begin; i < end; ++i) {
-      const FullSyncEntry& entry = entries[i];
+      const FullSync::Entry& entry = sync.entries[i];
       if (entry.skipped != nullptr) {
         ZLOG_INFO("Skip processing object in Full-sync. Reason: [%s]", entry.skipped);
         continue;
       }
-      if (zone == nullptr || zone_id != entry.zone()) {
+      if (zone == nullptr || zone_id != entry.zone) {
         zone = bulk.add_logical_switches_of_tz();
-        zone_id = entry.zone();
-        zone->set_transport_zone_id(UUID_ToString(entry.config.transport_zone_id()));
+        zone_id = entry.zone;
+        zone->set_transport_zone_id(UUID_ToString(entry.config->transport_zone_id()));
       }
       auto* const info = zone->add_logical_switch_info();
-      info->set_logical_switch_id(UUID_ToString(entry.config.id()));
-      info->set_name(entry.config.name());
-      info->set_path(entry.config.segment_path());
-      info->set_revision(entry.config.revision());
+      info->set_logical_switch_id(UUID_ToString(entry.config->id()));
+      info->set_name(std::move(*entry.config->mutable_name()));
+      info->set_path(std::move(*entry.config->mutable_segment_path()));
+      info->set_revision(entry.config->revision());
     }
     if (!SendBulk(bulk, error)) return false;
   }

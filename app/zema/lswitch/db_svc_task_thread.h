@@ -53,15 +53,15 @@ class DbSvcTaskThread final : public TaskThread {
   bool full_sync_pending() const { return full_sync_pending_; }
 
  private:
-  struct FullSyncEntry;
+  struct FullSync;
 
   void ProcessLogicalSwitchMsg(uint64_t barrier);
   bool HandleOpaqueLogSwitchMsg(const Update& update, uint64_t barrier, bool remember);
   bool QueueLogicalSwitch(const orlane::zem::switching::LogicalSwitchMsg& message, const std::string& uuid,
                           uint64_t barrier);
   void ProcessLogicalSwitchFullSyncMsg(uint64_t barrier);
-  std::vector<FullSyncEntry> FullSyncEntries(std::vector<std::string>* uuids);
-  bool SendFullSync(const std::vector<FullSyncEntry>& entries, std::string* error);
+  FullSync ReadCache();
+  bool SendFullSync(FullSync& sync, std::string* error);
   bool SendBulk(const orlane::zem::switching::LogicalSwitchBulkMsg& bulk, std::string* error);
   void AddBarrierTask();
 

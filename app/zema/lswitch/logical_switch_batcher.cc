@@ -129,6 +129,7 @@ void LogicalSwitchMsgTask::Batcher::RunLocked() {
 
   const auto of_store = [](const Chunk& chunk) { return IsStore(chunk.reply_to); };
   const auto last = std::find_if(chunks_.rbegin(), chunks_.rend(), of_store);
+  store_failed_ = false;
   for (const Chunk& chunk : chunks_) Send(chunk, last != chunks_.rend() && &chunk == &*last);
   const bool owes = owes_barrier_ || apply_.count(CoveDbHandler::kReplyTo) != 0 ||
                     deletes_.count(CoveDbHandler::kReplyTo) != 0;
@@ -223,7 +224,7 @@ void LogicalSwitchMsgTask::Batcher::Send(const Chunk& chunk, bool last_of_store)
   if (chunk.payload.empty()) {
     ZLOG_INFO("[%s] No OpaqueNetworks to configure. Sending an ack for [%lu] LS", operation,
               static_cast<unsigned long>(chunk.acks.size()));
-    return SendAck(chunk, barrier);
+    return SendAck(chunk, barrier, last_of_store);
   }
   if (chunk.full) {
     ZLOG_INFO("[%s] sending chunk of [%d] to zemaLum ...\n", operation, static_cast<int>(chunk.entries));
@@ -232,8 +233,10 @@ void LogicalSwitchMsgTask::Batcher::Send(const Chunk& chunk, bool last_of_store)
               static_cast<unsigned long>(chunk.entries), chunk.is_apply ? "APPLY" : "DELETE");
   }
   std::string error;
-  if (CallLumOpaqueNetwork(chunk.is_apply, chunk.payload, &error)) return SendAck(chunk, barrier);
+  if (CallLumOpaqueNetwork(chunk.is_apply, chunk.payload, &error))
+    return SendAck(chunk, barrier, last_of_store);
   if (!context_->store) return;
+  store_failed_ = store_failed_ || IsStore(chunk.reply_to);
   const std::vector<std::string> uuids = Uuids(chunk.acks);
   context_->store->WriteRealizationError(error, uuids, barrier);
   context_->store->ScheduleLsRead(uuids);
@@ -260,8 +263,8 @@ bool LogicalSwitchMsgTask::Batcher::CallLumOpaqueNetwork(bool is_apply, const st
 }
 
 // The reply-to decides before the sender does: a batch may hold updates of the manager and of the store.
-void LogicalSwitchMsgTask::Batcher::SendAck(const Chunk& chunk, uint64_t barrier) {
-  if (IsStore(chunk.reply_to)) return SendAckToStore(chunk, barrier);
+void LogicalSwitchMsgTask::Batcher::SendAck(const Chunk& chunk, uint64_t barrier, bool last_of_store) {
+  if (IsStore(chunk.reply_to)) return SendAckToStore(chunk, barrier, last_of_store);
   MpaMessageSender* const sender = senders_[chunk.reply_to];
   if (sender == nullptr) return;
   if (context_->has_ack_worker()) {
@@ -289,10 +292,17 @@ void LogicalSwitchMsgTask::Batcher::SendAck(const Chunk& chunk, uint64_t barrier
   }
 }
 
-void LogicalSwitchMsgTask::Batcher::SendAckToStore(const Chunk& chunk, uint64_t barrier) {
+// One write for the whole batch.  A status without errors must not wipe out what a chunk before has just
+// told.
+void LogicalSwitchMsgTask::Batcher::SendAckToStore(const Chunk& chunk, uint64_t barrier, bool last_of_store) {
   if (!context_->store) return;
   for (const auto& [uuid, revision] : chunk.acks) context_->store->pending().RemoveRealized(uuid, revision);
-  context_->store->WriteRealized(barrier);
+  if (!last_of_store) return;
+  if (!store_failed_) {
+    context_->store->WriteRealized(barrier);
+  } else if (barrier != 0) {
+    context_->store->WriteProcessedBarrier(barrier);
+  }
 }
 
 }  // namespace zem::zema

@@ -57,8 +57,8 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   void CloseChunk(Chunk* chunk, size_t limit);
   void Send(const Chunk& chunk, bool last_of_store);
   bool CallLumOpaqueNetwork(bool is_apply, const std::string& payload, std::string* error);
-  void SendAck(const Chunk& chunk, uint64_t barrier);
-  void SendAckToStore(const Chunk& chunk, uint64_t barrier);
+  void SendAck(const Chunk& chunk, uint64_t barrier, bool last_of_store);
+  void SendAckToStore(const Chunk& chunk, uint64_t barrier, bool last_of_store);
 
   const std::shared_ptr<LogicalSwitchContext> context_;
   std::map<std::string, Zones> apply_;
@@ -69,6 +69,7 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   uint64_t barrier_ = 0;  // the largest of this epoch; not forgotten between batches
   uint64_t epoch_;
   uint64_t generation_;
+  bool store_failed_ = false;  // a chunk of the store's in this run
   bool owes_barrier_ = false;  // a barrier was folded in and has to go out with this batch
   wft::TraceContext trace_info_;
 };
