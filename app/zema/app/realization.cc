@@ -16,6 +16,7 @@
 #include "app/zema/core/version_info.h"
 #include "app/zema/core/zem_manager.h"
 #include "app/zema/covedb/config_files.h"
+#include "app/zema/endpoint/endpoint_context.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
@@ -100,6 +101,7 @@ class Realization::Impl {
   std::unique_ptr<PortVifStates> vif_states_;
   std::shared_ptr<HostConfigContext> host_config_;
   std::shared_ptr<LogicalSwitchContext> logical_switches_;
+  std::shared_ptr<EndpointContext> endpoint_tasks_;
 
  private:
   bool OpenLibraries();
@@ -177,6 +179,14 @@ void Realization::Impl::MakeManagers() {
   routers_ = std::make_unique<RouterPorts>(*router_library_);
   high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
   follow_ups_ = std::make_unique<FollowUps>();
+  endpoint_tasks_ = std::make_shared<EndpointContext>(
+      EndpointContext{*lum_, *endpoints_, Host(), settings_.sender,
+                      [options] { return options->Snapshot().vtep_dhcp_ip_fetching_timeout; },
+                      [](Duration duration) { return !Tarvik::WaitForShutdown(duration); },
+                      [workers = settings_.workers](std::unique_ptr<Runnable> task) {
+                        workers->AddTask(Worker::kPostHostSync, std::move(task));
+                      }});
+  follow_ups_->SetEndpoints(endpoint_tasks_);
   host_config_ = std::make_shared<HostConfigContext>(HostConfigContext{
       *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
       Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
@@ -365,6 +375,8 @@ HealthRecord* Realization::health() { return impl_->health_.get(); }
 std::shared_ptr<HostConfigContext> Realization::host_config() { return impl_->host_config_; }
 
 std::shared_ptr<LogicalSwitchContext> Realization::logical_switches() { return impl_->logical_switches_; }
+
+std::shared_ptr<EndpointContext> Realization::endpoints() { return impl_->endpoint_tasks_; }
 
 void Realization::SetVifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
   if (impl_->manager_) impl_->manager_->SetResultToPendingRPC(rpc_id, std::move(result));
