@@ -103,7 +103,8 @@ void Violation(const char* function, std::string_view what) {
   std::string line = "{\"pid\":" + std::to_string(::getpid());
   AppendText(&line, "function", function);
   AppendText(&line, "what", what);
-  // Opened each time: there are few, and the last ones come when the library goes and takes its objects along.
+  // Opened each time: there are few, and the last ones come when the library goes and takes its objects
+  // along.
   LineLog().Write(tree::ViolationsFile(), line + "}\n");
 }
 
