@@ -25,6 +25,7 @@
 #include "app/zema/lswitch/logical_switch_batcher.h"
 #include "app/zema/lswitch/logical_switch_context.h"
 #include "app/zema/lswitch/logical_switch_full_sync_task.h"
+#include "app/zema/lswitch/port_adapters.h"
 #include "app/zema/qub/config_ops_manager.h"
 #include "app/zema/qub/endpoint_library.h"
 #include "app/zema/qub/high_performance_profile.h"
@@ -67,16 +68,6 @@ bool ReadWholeFile(const std::string& path, std::string* bytes) {
   return !in.bad();
 }
 
-// Which kind of switch carries a zone, as the port manager knows it.
-class KindsOfZones final : public ZoneSwitchKinds {
- public:
-  explicit KindsOfZones(PortOpsManager& ports) : ports_(ports) {}
-  bool IsKln(const std::string& zone) override { return ports_.GetHostSwitchInfoForTz(zone).kind == "KLN"; }
-
- private:
-  PortOpsManager& ports_;
-};
-
 }  // namespace
 
 class Realization::Impl {
@@ -105,7 +96,8 @@ class Realization::Impl {
   std::unique_ptr<LumHandler> lum_;
   std::unique_ptr<HighPerformanceProfile> high_performance_;
   std::unique_ptr<FollowUps> follow_ups_;
-  std::unique_ptr<KindsOfZones> kinds_;
+  std::unique_ptr<PortZoneKinds> kinds_;
+  std::unique_ptr<PortVifStates> vif_states_;
   std::shared_ptr<HostConfigContext> host_config_;
   std::shared_ptr<LogicalSwitchContext> logical_switches_;
 
@@ -189,9 +181,13 @@ void Realization::Impl::MakeManagers() {
       *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
       Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
       settings_.applied, [](Duration duration) { return !Tarvik::WaitForShutdown(duration); }});
-  kinds_ = std::make_unique<KindsOfZones>(*ports_);
+  kinds_ = std::make_unique<PortZoneKinds>(*ports_);
+  vif_states_ = std::make_unique<PortVifStates>(*ports_, [](const std::shared_ptr<VifRequest>&) {
+    ZLOG_DEBUG("[%s] the host management handler takes no requests yet", "ProcessVif");
+  });
   logical_switches_ = std::make_shared<LogicalSwitchContext>(*lum_, settings_.store);
   logical_switches_->kinds = kinds_.get();
+  logical_switches_->vif_states = vif_states_.get();
   logical_switches_->sender = settings_.sender;
   logical_switches_->options = [options] { return options->Snapshot(); };
   logical_switches_->del_zem_running = [state = settings_.state] { return state->del_zem_running.load(); };

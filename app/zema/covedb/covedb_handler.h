@@ -64,7 +64,7 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   ~CoveDbHandler();
 
   void RegisterChannelStatus();
-  /// Again is harmless.
+  /// Again is harmless; after RemoveMonitors everything is read anew.
   void ConfigureMonitors();
   void RemoveMonitors();
 
@@ -119,6 +119,7 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   bool initial_sync_done_ = false;
   bool ls_realization_via_ccp_ = true;
   bool monitored_ = false;
+  bool enabled_ = false;
   std::shared_ptr<Timer> timer_;
   Read scheduled_ = Read::kNone;
   uint64_t schedule_ = 0;      // a timer that fires too late finds another number

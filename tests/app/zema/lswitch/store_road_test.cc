@@ -272,6 +272,14 @@ TEST_F(StoreRoadTest, AReconnectIsAFullSyncAndAgainConfiguredIsNone) {
   network.Break(kEndpoint);
   clock.RunFor(20s);
   EXPECT_THAT(host.TakeCalls(), SizeIs(1));
+  handler->FlushDesiredConfig();
+  clock.RunFor(20s);
+  Change(PutLogicalSwitches({7, 1, 1, 1}, 6, true));
+  clock.RunFor(20s);
+  EXPECT_THAT(host.TakeCalls(), IsEmpty()) << "nothing is watched";
+  handler->ConfigureMonitors();
+  clock.RunFor(20s);
+  EXPECT_THAT(host.TakeCalls(), ElementsAre("op 11 flag 0 zones 1 switches 1"));
 }
 
 covedb::MonitorUpdateMsg Update(ObjectType type, const google::protobuf::Message& object, int operation) {
