@@ -315,13 +315,40 @@ void CoveDbHandler::Modify(ModifyRequestMsg request) {
   Modify(std::move(requests));
 }
 
+void CoveDbHandler::SetOnFlush(std::function<void()> on_flush) {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  on_flush_ = std::move(on_flush);
+}
+
 void CoveDbHandler::FlushDesiredConfig() {
   ZLOG_INFO("Flushing transport node desired config from covedb.");
   Requests requests;
   for (const ObjectType type : kDesiredConfig) AddFlush(&requests.emplace_back(), type);
+  std::function<void()> on_flush;
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    flushed_ = flushed_ || monitored_;
+    if (timer_) timer_->Cancel();
+    timer_.reset();
+    scheduled_ = Read::kNone;
+    ++schedule_;
+    uuids_to_read_.clear();
+    on_flush = on_flush_;
+  }
   // What is flushed must not come back as removals to be realized.
   RemoveMonitors();
+  pending_.ClearPendingLs();
+  if (on_flush) on_flush();
   Modify(std::move(requests));
+}
+
+void CoveDbHandler::ResumeMonitors() {
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    if (!flushed_) return;
+    flushed_ = false;
+  }
+  ConfigureMonitors();
 }
 
 int CoveDbHandler::SaveMessage(const RawBusMessage* message) {
