@@ -2,6 +2,7 @@
 
 #include <cjson/cJSON.h>
 
+#include <algorithm>
 #include <charconv>
 #include <iomanip>
 #include <istream>
@@ -102,6 +103,17 @@ bool Holds(const std::string& found, const std::string& operation, const std::st
   return operation == ">=" ? left >= right : left <= right;
 }
 
+// "a ; b ; c"
+std::vector<std::string> Columns(const std::string& text) {
+  std::vector<std::string> columns;
+  for (size_t begin = 0; begin <= text.size();) {
+    const size_t end = std::min(text.find(';', begin), text.size());
+    columns.push_back(Trim(text.substr(begin, end - begin)));
+    begin = end + 1;
+  }
+  return columns;
+}
+
 std::string Quote(const std::string& text) {
   std::string quoted = "\"";
   for (const char c : text) {
@@ -121,19 +133,58 @@ bool IsOk(const std::string& answer) {
 Scenario::Scenario(ControlClient& node, std::ostream& out) : node_(node), out_(out) {}
 
 bool Scenario::Run(std::istream& lines, const std::string& name) {
+  std::vector<Numbered> all;
   int number = 0;
   for (std::string line; std::getline(lines, line);) {
     ++number;
     line = Trim(line);
-    if (line.empty() || line[0] == '#') continue;
-    if (Line(line)) continue;
+    if (!line.empty() && line[0] != '#') all.push_back({number, line});
+  }
+  const Numbered* failed = nullptr;
+  if (!Lines(all.data(), all.data() + all.size(), &failed)) {
     out_ << "\n"
-         << name << ":" << number << ": " << line << "\n  did not hold: " << problem_ << "\n"
+         << name << ":" << failed->number << ": " << failed->text << "\n  did not hold: " << problem_ << "\n"
          << std::flush;
     return false;
   }
   EndStep();
   out_ << name << ": every line held\n" << std::flush;
+  return true;
+}
+
+bool Scenario::Lines(const Numbered* begin, const Numbered* end, const Numbered** failed) {
+  for (const Numbered* line = begin; line != end; ++line) {
+    *failed = line;
+    std::string names = line->text;
+    if (!TakePrefix(&names, "each ")) {
+      if (Line(line->text)) continue;
+      return false;
+    }
+    const Numbered* const rows = line + 1;
+    const Numbered* const body =
+        std::find_if(rows, end, [](const Numbered& at) { return at.text[0] != '|'; });
+    const Numbered* const done =
+        std::find_if(body, end, [](const Numbered& at) { return at.text == "done"; });
+    if (done == end || body == rows) {
+      problem_ = "rows, lines and \"done\" are missing";
+      return false;
+    }
+    const std::vector<std::string> columns = Columns(names);
+    for (const Numbered* row = rows; row != body; ++row) {
+      const std::vector<std::string> values = Columns(row->text.substr(1));
+      *failed = row;
+      if (values.size() != columns.size()) {
+        problem_ = "not as many values as names";
+        return false;
+      }
+      for (size_t i = 0; i < columns.size(); ++i) kept_[columns[i]] = values[i];
+      if (!Lines(body, done, failed)) {
+        problem_ += "\n  in the row " + row->text;
+        return false;
+      }
+    }
+    line = done;
+  }
   return true;
 }
 
@@ -164,6 +215,11 @@ bool Scenario::Line(const std::string& text) {
   if (TakePrefix(&rest, "expect ")) return Expect(rest);
   if (TakePrefix(&rest, "show ")) return Show(rest);
   if (TakePrefix(&rest, "keep ")) return Keep(rest);
+  if (TakePrefix(&rest, "let ")) {
+    const size_t end = std::min(rest.find(' '), rest.size());
+    kept_[rest.substr(0, end)] = Trim(rest.substr(end));
+    return true;
+  }
   if (TakePrefix(&rest, "fails ")) return Command(rest, Outcome::kRefusal);
   if (TakePrefix(&rest, "try ")) return Command(rest, Outcome::kAny);
   if (TakePrefix(&rest, "await ")) return Await(rest);

@@ -3,6 +3,7 @@
 #include <iosfwd>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace zem::sim {
 
@@ -27,6 +28,12 @@ class ControlClient;
 ///     show PATH                           prints a part of the last answer
 ///     keep NAME PATH                      keeps a part of the last answer; ${NAME} stands for it from here
 ///     on
+///     let NAME TEXT                       ${NAME} stands for the text, in which names kept before stand
+///                                         for theirs
+///     each NAME; NAME                     the lines down to "done", once for each of the rows that
+///     | VALUE; VALUE                      follow; ${NAME} stands for the row's value
+///     ...
+///     done
 ///
 /// Stops at the first line that does not hold and tells which it was and what was there instead.
 class Scenario {
@@ -37,6 +44,12 @@ class Scenario {
   bool Run(std::istream& lines, const std::string& name);
 
  private:
+  struct Numbered {
+    int number;
+    std::string text;
+  };
+  /// `failed` tells the line that did not hold.
+  bool Lines(const Numbered* begin, const Numbered* end, const Numbered** failed);
   bool Line(const std::string& text);
   enum class Outcome { kOk, kRefusal, kAny };
   bool Command(const std::string& line, Outcome wanted);

@@ -1,6 +1,8 @@
 #include "app/zema/hostconfig/stateless_host.h"
 
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "app/zema/qub/error_sink.h"
 #include "app/zema/qub/lum_commands.h"
@@ -14,9 +16,14 @@ constexpr LogSource kLog{"tarvik", "zema"};
 constexpr std::string_view kOk = "ok|";
 constexpr char kYes = '1';
 
-bool IsSet(LumCommands& lum, const char* command) {
+// Nothing when nobody has answered: a flag that is not known is not one that is not set, since the host's
+// plugin is told to drop its flags where they are not.
+std::optional<bool> IsSet(LumCommands& lum, const char* command, ErrorSink& errors) {
   std::string reply;
-  return lum.InvokeCommand(command, "ok", &reply) == LumCommands::kSucceeded;
+  const bool set = lum.InvokeCommand(command, "ok", &reply) == LumCommands::kSucceeded;
+  if (set || !LumCommands::IsUnanswered(reply)) return set;
+  errors.Add(ErrorSink::kGeneral, std::string(command) + " failed: [" + reply + "]");
+  return std::nullopt;
 }
 
 }  // namespace
@@ -39,7 +46,9 @@ bool CheckQUBiVersion70AndUnusedCkln(LumCommands& lum, ErrorSink& errors) {
 
 bool CheckStatelessQubRebootFlags(LumCommands& lum, bool is_mp_host_profile_enabled, StatelessHost* out,
                                   ErrorSink& errors) {
-  if (IsSet(lum, "IsZemInstallStatusSet()")) {
+  const std::optional<bool> install_status = IsSet(lum, "IsZemInstallStatusSet()", errors);
+  if (!install_status) return false;
+  if (*install_status) {
     const char* const local =
         "Found Network plugin flags ZEM_INSTALL_STATUS. NKLN host-switch is no longer supported.";
     const char* const for_manager =
@@ -51,9 +60,11 @@ bool CheckStatelessQubRebootFlags(LumCommands& lum, bool is_mp_host_profile_enab
     errors.Add(ErrorSink::kGeneral, for_manager);
     return false;
   }
-  const bool opaque_switch_set = IsSet(lum, "IsZemInstallStatusOpaqueSwitchSet()");
-  const bool config_required = IsSet(lum, "IsZemDvsConfigRequiredSet()");
-  if (!opaque_switch_set) {
+  const std::optional<bool> opaque_switch_set = IsSet(lum, "IsZemInstallStatusOpaqueSwitchSet()", errors);
+  if (!opaque_switch_set) return false;
+  const std::optional<bool> config_required = IsSet(lum, "IsZemDvsConfigRequiredSet()", errors);
+  if (!config_required) return false;
+  if (!*opaque_switch_set) {
     if (!is_mp_host_profile_enabled) {
       ZLOG_INFO(
           "IsZemInstallStatusOpaqueSwitchSet() call indicated corvd has set ZEM_INSTALL_OPAQUE_SWITCH_STATUS "
@@ -63,7 +74,7 @@ bool CheckStatelessQubRebootFlags(LumCommands& lum, bool is_mp_host_profile_enab
     out->process_network_plugin = true;
   } else {
     out->migrate_nvs_knls = !is_mp_host_profile_enabled;
-    out->process_network_plugin = config_required;
+    out->process_network_plugin = *config_required;
   }
   ZLOG_INFO("[%s] migrateNvsKnls = %d, processStatelessQub70NetworkPlugin = %d,", __func__,
             out->migrate_nvs_knls, out->process_network_plugin);

@@ -18,7 +18,7 @@ struct StatelessHost {
 [[nodiscard]] bool CheckQUBiVersion70AndUnusedCkln(LumCommands& lum, ErrorSink& errors);
 
 /// Reads the flags that the host's network plugin has left.  False with the text in `errors` when the host's
-/// profile and the manager's do not fit.
+/// profile and the manager's do not fit, or a flag could not be read.
 ///
 /// Threads: one, which is not a provider's.
 [[nodiscard]] bool CheckStatelessQubRebootFlags(LumCommands& lum, bool is_mp_host_profile_enabled,

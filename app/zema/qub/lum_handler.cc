@@ -34,7 +34,6 @@ constexpr uint32_t kMaxReply = 64 * 1024 * 1024;
 constexpr size_t kMaxChildOutput = 1024;
 
 constexpr const char* kNoProcess = "no process found";
-constexpr const char* kNotInitialized = "LumHandler not initialized";
 constexpr const char* kOk = "ok";
 constexpr const char* kPing = "ping";
 constexpr const char* kUninitialized = "Uninitialized";
@@ -115,14 +114,14 @@ int LumHandler::Ask(const std::string& command, const std::string& expected, std
                command.c_str());
   }
   if (sent != Sent::kWhole) {
-    *out = "socket write failed";
+    *out = kWriteFailed;
     CloseSocket();
     return kFailed;
   }
   uint32_t status = 0;
   if (!GetLine(&status, out)) {
     ZLOG_ERROR("42061", "[%s] Reading reply from socket failed. Restarting python process..", __func__);
-    *out = "socket read failed";
+    *out = kReadFailed;
     CloseSocket();
     return kFailed;
   }
