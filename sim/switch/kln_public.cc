@@ -1,6 +1,8 @@
-#include <cstring>
-
+#include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
 
 #include "sim/switch/dvs_data.h"
 #include "sim/switch/library_call.h"
@@ -37,6 +39,45 @@ uint32_t GiveState(const std::optional<ValueList>& state, LibraryCall& call, voi
   call.SetLength(static_cast<uint32_t>(bytes.size()));
   return call.Result(GiveBytes(bytes, buffer, length));
 }
+
+// The answer to a port list, built where the caller gets it: a switch may have tens of thousands of ports.
+class PortRecords {
+ public:
+  ~PortRecords() { std::free(data_); }
+  void Add(std::string_view name) {
+    if (name.size() >= DVS_PORT_KEY_SIZE || !Reserve(count_ + 1)) return;
+    DVSPortRecord* const record =
+        reinterpret_cast<DVSPortRecord*>(data_ + sizeof(DVSPortListHeader)) + count_++;
+    std::memset(record, 0, sizeof(*record));
+    std::memcpy(record->key, name.data(), name.size());
+  }
+  uint32_t length() const {
+    return static_cast<uint32_t>(sizeof(DVSPortListHeader) + count_ * sizeof(DVSPortRecord));
+  }
+  /// Null without memory.
+  void* Take() {
+    if (!Reserve(count_)) return nullptr;
+    const DVSPortListHeader header{static_cast<uint32_t>(count_), 0};
+    std::memcpy(data_, &header, sizeof(header));
+    return std::exchange(data_, nullptr);
+  }
+
+ private:
+  bool Reserve(size_t count) {
+    if (data_ != nullptr && count <= reserved_) return true;
+    const size_t wanted = std::max<size_t>(64, 2 * count);
+    auto* const data =
+        static_cast<char*>(std::realloc(data_, sizeof(DVSPortListHeader) + wanted * sizeof(DVSPortRecord)));
+    if (data == nullptr) return false;
+    data_ = data;
+    reserved_ = wanted;
+    return true;
+  }
+
+  char* data_ = nullptr;
+  size_t count_ = 0;
+  size_t reserved_ = 0;
+};
 
 std::string SwitchPropertyPath(const char* dvs, const char* folder, const char* property) {
   return tree::SwitchDir(dvs) + "/" + folder + "/" + property;
@@ -179,21 +220,15 @@ ZEM_SIM_EXPORT uint32_t DVSKNL_SwitchPortList(const char* dvs, void** buffer, ui
   LibraryCall call({__func__, dvs});
   if (call.fails()) return call.result();
   if (!Good(dvs)) return call.Result(DVS_NOT_FOUND);
-  const auto names = tree::List(tree::SwitchDir(dvs) + "/ports");
-  if (!names) return call.Result(DVS_NOT_FOUND);
-  std::string bytes(sizeof(DVSPortListHeader), '\0');
-  bytes.reserve(bytes.size() + names->size() * sizeof(DVSPortRecord));
-  DVSPortListHeader header{};
-  for (const std::string& name : *names) {
-    if (name.size() >= DVS_PORT_KEY_SIZE) continue;
-    DVSPortRecord record{};
-    std::memcpy(record.key, name.data(), name.size());
-    bytes.append(reinterpret_cast<const char*>(&record), sizeof(record));
-    ++header.count;
+  PortRecords records;
+  if (!tree::ForEachName(tree::SwitchDir(dvs) + "/ports",
+                         [&records](std::string_view name) { records.Add(name); })) {
+    return call.Result(DVS_NOT_FOUND);
   }
-  std::memcpy(bytes.data(), &header, sizeof(header));
-  call.SetLength(static_cast<uint32_t>(bytes.size()));
-  return call.Result(GiveBytes(bytes, buffer, length));
+  call.SetLength(records.length());
+  *length = records.length();
+  *buffer = records.Take();
+  return call.Result(*buffer == nullptr ? DVS_FAILURE : 0);
 }
 
 ZEM_SIM_EXPORT uint32_t DVSKNL_HostPropSet(const char* dvs, const char* property, const void* value,

@@ -41,7 +41,6 @@ class LineLog {
 };
 
 LineLog calls;
-LineLog violations;
 
 void AppendText(std::string* line, const char* name, std::string_view text) {
   line->append(",\"").append(name).append("\":\"");
@@ -104,7 +103,9 @@ void Violation(const char* function, std::string_view what) {
   std::string line = "{\"pid\":" + std::to_string(::getpid());
   AppendText(&line, "function", function);
   AppendText(&line, "what", what);
-  violations.Write(tree::ViolationsFile(), line + "}\n");
+  // Opened each time: there are few, and the last ones come when the library goes and takes its objects
+  // along.
+  LineLog().Write(tree::ViolationsFile(), line + "}\n");
 }
 
 }  // namespace zem::sim

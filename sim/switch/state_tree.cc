@@ -107,14 +107,19 @@ bool RemoveTree(const std::string& path) {
   return true;
 }
 
-std::optional<std::vector<std::string>> List(const std::string& path) {
+bool ForEachName(const std::string& path, const std::function<void(std::string_view)>& each) {
   DIR* const directory = ::opendir(path.c_str());
-  if (directory == nullptr) return std::nullopt;
-  std::vector<std::string> names;
+  if (directory == nullptr) return false;
   while (const dirent* const entry = ::readdir(directory)) {
-    if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
+    if (entry->d_name[0] != '.') each(entry->d_name);
   }
   ::closedir(directory);
+  return true;
+}
+
+std::optional<std::vector<std::string>> List(const std::string& path) {
+  std::vector<std::string> names;
+  if (!ForEachName(path, [&names](std::string_view name) { names.emplace_back(name); })) return std::nullopt;
   return names;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -52,6 +53,9 @@ std::optional<std::string> ReadFile(const std::string& path);
 std::string HiddenBeside(const std::string& path);
 /// The names that are not hidden, as the system gives them.  Nothing when there is no such folder.
 std::optional<std::vector<std::string>> List(const std::string& path);
+
+/// The same without a list.  False when there is no such folder.
+[[nodiscard]] bool ForEachName(const std::string& path, const std::function<void(std::string_view)>& each);
 
 /// A property: its flags, and its bytes.
 struct Property {

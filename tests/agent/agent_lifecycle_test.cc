@@ -62,7 +62,8 @@ TEST_F(AgentLifecycleTest, StartsServesAndStopsInOrder) {
         test::LogCapture log;
         WriteFile("/etc/zem_issue", "node-type: zem-qub\n");
         WriteFile(Tarvik::kOptionsPath,
-                  "<config><tarvik><log><level>6</level></log><app><zemaApp>false</zemaApp></app><metrics><collector><file>/tmp/m.json</file>"
+                  "<config><tarvik><log><level>6</level></log><app><zemaApp>false</zemaApp></"
+                  "app><metrics><collector><file>/tmp/m.json</file>"
                   "<intervalSec>1</intervalSec></collector></metrics><probe><verticals>SwitchingVertical"
                   "</verticals><objectTypes>221</objectTypes></probe></tarvik></config>");
         AsioZemProvider store_provider;

@@ -1,6 +1,7 @@
 #include "app/zema/app/follow_ups.h"
 
 #include "app/zema/app/corvd_handler.h"
+#include "app/zema/endpoint/vtep_ip_fetching_task.h"
 
 namespace zem::zema {
 
@@ -9,6 +10,21 @@ void FollowUps::SetHostManagement(CorvdHandler* handler) {
   if (handler == nullptr && handler_ != nullptr) handler_->Stop();
   handler_ = handler;
   left_.Wait(lock, [this] { return waiting_ == 0; });
+}
+
+void FollowUps::FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int retries) {
+  endpoints_->add_post_host_sync_task(std::make_unique<VtepIpFetchingTask>(
+      endpoints_,
+      AddressFetchingTask::Event{origin.reply_to, origin.id, origin.transport_node_id, origin.revision},
+      devices, AddressFetchingTask::Tries{retries, false}));
+}
+
+void FollowUps::FetchIpv6Addresses(const Origin& origin, const std::map<std::string, std::string>& kinds,
+                                   int retries) {
+  endpoints_->add_post_host_sync_task(std::make_unique<VtepIpv6FetchingTask>(
+      endpoints_,
+      AddressFetchingTask::Event{origin.reply_to, origin.id, origin.transport_node_id, origin.revision},
+      kinds, AddressFetchingTask::Tries{retries, false}));
 }
 
 void FollowUps::WaitForHostManagement(int seconds) {

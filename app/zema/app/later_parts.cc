@@ -1,5 +1,6 @@
 #include "app/zema/app/later_parts.h"
 
+#include "app/zema/endpoint/vtep_request_tasks.h"
 #include "framework/log.h"
 #include "proto/switching/switching.pb.h"
 
@@ -32,6 +33,21 @@ std::unique_ptr<Runnable> EndpointTasks::MakeVtepAdminStateTask(
 
 void EndpointTasks::SyncVtepAddresses(const RequestOrigin&, const orlane::zem::switching::VtepIPSyncMsg&) {
   NotServed("endpoint address synchronisation");
+}
+
+std::unique_ptr<Runnable> HostEndpointTasks::MakeVtepRecoveryTask(
+    const RequestOrigin& origin, const orlane::zem::switching::VTEPRecoveryRequestMsg& request) {
+  return std::make_unique<VtepRecoveryTask>(context_, origin.correlation_id, origin.reply_to, request);
+}
+
+std::unique_ptr<Runnable> HostEndpointTasks::MakeVtepAdminStateTask(
+    const RequestOrigin& origin, const orlane::zem::switching::VTEPAdminStateMgmtRequestMsg& request) {
+  return std::make_unique<VtepAdminStateTask>(context_, origin.correlation_id, origin.reply_to, request);
+}
+
+void HostEndpointTasks::SyncVtepAddresses(const RequestOrigin& origin,
+                                          const orlane::zem::switching::VtepIPSyncMsg& request) {
+  VtepIPSync(context_, origin.reply_to, request);
 }
 
 std::unique_ptr<Runnable> MaintenanceTasks::MakeMmodeConfigTask(

@@ -21,6 +21,8 @@ class VtepIPSyncMsg;
 
 namespace zem::zema {
 
+struct EndpointContext;
+
 /// Where a request of the manager came from, and goes back to.
 struct RequestOrigin {
   MpaMessageSender* sender = nullptr;
@@ -53,6 +55,23 @@ class EndpointTasks {
   /// Runs on the receive thread, so it must not wait: it makes its own tasks.
   virtual void SyncVtepAddresses(const RequestOrigin& origin,
                                  const orlane::zem::switching::VtepIPSyncMsg& request);
+};
+
+/// Those of this host.
+class HostEndpointTasks final : public EndpointTasks {
+ public:
+  explicit HostEndpointTasks(std::shared_ptr<EndpointContext> context) : context_(std::move(context)) {}
+
+  std::unique_ptr<Runnable> MakeVtepRecoveryTask(
+      const RequestOrigin& origin, const orlane::zem::switching::VTEPRecoveryRequestMsg& request) override;
+  std::unique_ptr<Runnable> MakeVtepAdminStateTask(
+      const RequestOrigin& origin,
+      const orlane::zem::switching::VTEPAdminStateMgmtRequestMsg& request) override;
+  void SyncVtepAddresses(const RequestOrigin& origin,
+                         const orlane::zem::switching::VtepIPSyncMsg& request) override;
+
+ private:
+  const std::shared_ptr<EndpointContext> context_;
 };
 
 /// Maintenance mode.  Null where a task cannot be made; this default makes none.

@@ -16,6 +16,7 @@
 #include "app/zema/core/version_info.h"
 #include "app/zema/core/zem_manager.h"
 #include "app/zema/covedb/config_files.h"
+#include "app/zema/endpoint/endpoint_context.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
@@ -25,6 +26,7 @@
 #include "app/zema/lswitch/logical_switch_batcher.h"
 #include "app/zema/lswitch/logical_switch_context.h"
 #include "app/zema/lswitch/logical_switch_full_sync_task.h"
+#include "app/zema/lswitch/port_adapters.h"
 #include "app/zema/qub/config_ops_manager.h"
 #include "app/zema/qub/endpoint_library.h"
 #include "app/zema/qub/high_performance_profile.h"
@@ -67,16 +69,6 @@ bool ReadWholeFile(const std::string& path, std::string* bytes) {
   return !in.bad();
 }
 
-// Which kind of switch carries a zone, as the port manager knows it.
-class KindsOfZones final : public ZoneSwitchKinds {
- public:
-  explicit KindsOfZones(PortOpsManager& ports) : ports_(ports) {}
-  bool IsKln(const std::string& zone) override { return ports_.GetHostSwitchInfoForTz(zone).kind == "KLN"; }
-
- private:
-  PortOpsManager& ports_;
-};
-
 }  // namespace
 
 class Realization::Impl {
@@ -105,9 +97,11 @@ class Realization::Impl {
   std::unique_ptr<LumHandler> lum_;
   std::unique_ptr<HighPerformanceProfile> high_performance_;
   std::unique_ptr<FollowUps> follow_ups_;
-  std::unique_ptr<KindsOfZones> kinds_;
+  std::unique_ptr<PortZoneKinds> kinds_;
+  std::unique_ptr<PortVifStates> vif_states_;
   std::shared_ptr<HostConfigContext> host_config_;
   std::shared_ptr<LogicalSwitchContext> logical_switches_;
+  std::shared_ptr<EndpointContext> endpoint_tasks_;
 
  private:
   bool OpenLibraries();
@@ -185,13 +179,25 @@ void Realization::Impl::MakeManagers() {
   routers_ = std::make_unique<RouterPorts>(*router_library_);
   high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
   follow_ups_ = std::make_unique<FollowUps>();
+  endpoint_tasks_ = std::make_shared<EndpointContext>(
+      EndpointContext{*lum_, *endpoints_, Host(), settings_.sender,
+                      [options] { return options->Snapshot().vtep_dhcp_ip_fetching_timeout; },
+                      [](Duration duration) { return !Tarvik::WaitForShutdown(duration); },
+                      [workers = settings_.workers](std::unique_ptr<Runnable> task) {
+                        workers->AddTask(Worker::kPostHostSync, std::move(task));
+                      }});
+  follow_ups_->SetEndpoints(endpoint_tasks_);
   host_config_ = std::make_shared<HostConfigContext>(HostConfigContext{
       *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
       Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
       settings_.applied, [](Duration duration) { return !Tarvik::WaitForShutdown(duration); }});
-  kinds_ = std::make_unique<KindsOfZones>(*ports_);
+  kinds_ = std::make_unique<PortZoneKinds>(*ports_);
+  vif_states_ = std::make_unique<PortVifStates>(*ports_, [](const std::shared_ptr<VifRequest>&) {
+    ZLOG_DEBUG("[%s] the host management handler takes no requests yet", "ProcessVif");
+  });
   logical_switches_ = std::make_shared<LogicalSwitchContext>(*lum_, settings_.store);
   logical_switches_->kinds = kinds_.get();
+  logical_switches_->vif_states = vif_states_.get();
   logical_switches_->sender = settings_.sender;
   logical_switches_->options = [options] { return options->Snapshot(); };
   logical_switches_->del_zem_running = [state = settings_.state] { return state->del_zem_running.load(); };
@@ -369,6 +375,8 @@ HealthRecord* Realization::health() { return impl_->health_.get(); }
 std::shared_ptr<HostConfigContext> Realization::host_config() { return impl_->host_config_; }
 
 std::shared_ptr<LogicalSwitchContext> Realization::logical_switches() { return impl_->logical_switches_; }
+
+std::shared_ptr<EndpointContext> Realization::endpoints() { return impl_->endpoint_tasks_; }
 
 void Realization::SetVifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
   if (impl_->manager_) impl_->manager_->SetResultToPendingRPC(rpc_id, std::move(result));

@@ -21,6 +21,7 @@ class ManagerSender;
 class WorkerTable;
 class ZemManager;
 struct HostConfigContext;
+struct EndpointContext;
 struct HostConfigState;
 struct LogicalSwitchContext;
 
@@ -74,6 +75,7 @@ class Realization {
   /// Null before the host configuration can be served.
   std::shared_ptr<HostConfigContext> host_config();
   std::shared_ptr<LogicalSwitchContext> logical_switches();
+  std::shared_ptr<EndpointContext> endpoints();
   void SetVifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result);
 
   /// Empty, or what went wrong.

@@ -284,6 +284,7 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
     if (const auto live = weak.lock()) live->SetVifResult(rpc_id, std::move(result));
   };
   settings.later = later_;
+  settings.later.endpoints = std::make_shared<zema::HostEndpointTasks>(realization->endpoints());
   auto dispatch = std::make_shared<zema::MessageDispatch>(std::move(settings));
   const std::lock_guard lock(mutex_);
   dispatch_ = std::move(dispatch);

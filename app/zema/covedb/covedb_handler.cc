@@ -192,11 +192,14 @@ bool CoveDbHandler::Configure(bool add) {
 }
 
 void CoveDbHandler::ConfigureMonitors() {
+  bool enabled = false;
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
-    // Enabling the client again would have the store send everything again.
     if (monitored_) return;
     monitored_ = true;
+    // What is watched anew is sent anew, all of it.
+    initial_sync_done_ = false;
+    enabled = enabled_;
   }
   covedb::CoveDbClientInterface& client = *settings_.client;
   // Registered before the streams begin, so that no update meets a module without callback.  A registration
@@ -209,14 +212,18 @@ void CoveDbHandler::ConfigureMonitors() {
       WeakCall(
           weak_from_this(), [](CoveDbHandler& handler) { handler.OnBarrier(); }, [] {}),
       covedb::kDefaultVDb);
-  (void)client.EnableMonitorSessionCreation();  // while the store is away the next connection does it
-  if (Configure(true)) {
+  // While the store is away the next connection does it.  Once is enough: each time the store begins anew
+  // with everybody's objects.
+  if (!enabled) enabled = client.EnableMonitorSessionCreation();
+  const bool configured = Configure(true);
+  if (configured) {
     ZLOG_INFO("Successfully Configured Monitor");
-    return;
+  } else {
+    ZLOG_ERROR("44096", "Error Configuring Monitor");
   }
-  ZLOG_ERROR("44096", "Error Configuring Monitor");
   const Synchronizer lock(*this, __FILE__, __LINE__);
-  monitored_ = false;
+  enabled_ = enabled;
+  monitored_ = configured;
 }
 
 void CoveDbHandler::RemoveMonitors() {
@@ -308,13 +315,40 @@ void CoveDbHandler::Modify(ModifyRequestMsg request) {
   Modify(std::move(requests));
 }
 
+void CoveDbHandler::SetOnFlush(std::function<void()> on_flush) {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  on_flush_ = std::move(on_flush);
+}
+
 void CoveDbHandler::FlushDesiredConfig() {
   ZLOG_INFO("Flushing transport node desired config from covedb.");
   Requests requests;
   for (const ObjectType type : kDesiredConfig) AddFlush(&requests.emplace_back(), type);
+  std::function<void()> on_flush;
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    flushed_ = flushed_ || monitored_;
+    if (timer_) timer_->Cancel();
+    timer_.reset();
+    scheduled_ = Read::kNone;
+    ++schedule_;
+    uuids_to_read_.clear();
+    on_flush = on_flush_;
+  }
   // What is flushed must not come back as removals to be realized.
   RemoveMonitors();
+  pending_.ClearPendingLs();
+  if (on_flush) on_flush();
   Modify(std::move(requests));
+}
+
+void CoveDbHandler::ResumeMonitors() {
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    if (!flushed_) return;
+    flushed_ = false;
+  }
+  ConfigureMonitors();
 }
 
 int CoveDbHandler::SaveMessage(const RawBusMessage* message) {

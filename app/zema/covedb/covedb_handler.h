@@ -64,12 +64,19 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   ~CoveDbHandler();
 
   void RegisterChannelStatus();
-  /// Again is harmless.
+  /// Again is harmless; after RemoveMonitors everything is read anew.
   void ConfigureMonitors();
   void RemoveMonitors();
 
-  /// Removes what the store holds for this transport node.
+  /// Watches again after a flush what was watched before it; nothing otherwise.
+  void ResumeMonitors();
+
+  /// Removes what the store holds for this transport node, and forgets what was still to be done with it: on
+  /// return nothing of before changes the host any more.  It may wait for commands to the host, so not from a
+  /// provider's thread.
   void FlushDesiredConfig();
+  /// Called by a flush; one function at a time.
+  void SetOnFlush(std::function<void()> on_flush);
 
   /// What an edge or gateway stores of a message.  0, also for a message that is not stored; -1 otherwise.
   [[nodiscard]] int SaveMessage(const RawBusMessage* message);
@@ -119,6 +126,9 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   bool initial_sync_done_ = false;
   bool ls_realization_via_ccp_ = true;
   bool monitored_ = false;
+  bool enabled_ = false;
+  bool flushed_ = false;  // the monitors were taken away by a flush
+  std::function<void()> on_flush_;
   std::shared_ptr<Timer> timer_;
   Read scheduled_ = Read::kNone;
   uint64_t schedule_ = 0;      // a timer that fires too late finds another number

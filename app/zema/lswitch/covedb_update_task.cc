@@ -94,9 +94,9 @@ void EnqueueCovedbUpdate(WorkerTable& workers, CovedbUpdateKind kind, CovedbUpda
   auto task = std::make_unique<CovedbUpdateTask>(kind, std::move(update), full_sync);
   const bool queued = gathered ? workers.AddTaskAsleep(Worker::kDatabaseHandler, std::move(task))
                                : workers.AddTask(Worker::kDatabaseHandler, std::move(task));
-  if (!queued) {
-    ZLOG_WARN("[%s] an update of type %d is dropped because of no databaseHandlerThread", __func__,
-              static_cast<int>(type));
+  if (!queued) {  // on an edge always
+    ZLOG_DEBUG("[%s] an update of type %d is dropped because of no databaseHandlerThread", __func__,
+               static_cast<int>(type));
   }
 }
 

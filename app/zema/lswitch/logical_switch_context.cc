@@ -4,6 +4,7 @@
 
 #include "app/zema/common/worker_table.h"
 #include "app/zema/core/host_identity.h"
+#include "app/zema/covedb/covedb_handler.h"
 #include "framework/log.h"
 #include "framework/platform_info.h"
 
@@ -55,6 +56,15 @@ LogicalSwitchContext::LogicalSwitchContext(LumCommands& lum_commands, std::share
       has_ack_worker([] { return Workers().Find(Worker::kLsBatchAck) != nullptr; }),
       add_ack_task([](std::unique_ptr<Runnable> task) {
         return Workers().AddTask(Worker::kLsBatchAck, std::move(task));
-      }) {}
+      }) {
+  if (!store) return;
+  store->SetOnFlush([weak = std::weak_ptr<LogicalSwitchFence>(fence_owner)] {
+    const auto owner = weak.lock();
+    if (!owner) return;
+    // A batch that runs is waited for.
+    const Synchronizer lock(*owner, __FILE__, __LINE__);
+    owner->Supersede();
+  });
+}
 
 }  // namespace zem::zema

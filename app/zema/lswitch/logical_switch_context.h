@@ -64,7 +64,9 @@ struct LogicalSwitchContext {
   std::function<bool()> has_ack_worker;
   std::function<bool(std::unique_ptr<Runnable>)> add_ack_task;
 
-  LogicalSwitchFence fence;
+  /// Shared with the store handler, whose flush voids what is gathered.
+  const std::shared_ptr<LogicalSwitchFence> fence_owner = std::make_shared<LogicalSwitchFence>();
+  LogicalSwitchFence& fence = *fence_owner;
 
   /// The functions that ask the process: its node type, host identity and worker table.
   LogicalSwitchContext(LumCommands& lum, std::shared_ptr<CoveDbHandler> store);

@@ -26,13 +26,6 @@ constexpr Reason kReasons[] = {
     {ENOBUFS, "Internal error occured while performing requested operation."},
 };
 
-const char* ReasonOf(int code) {
-  for (const Reason& reason : kReasons) {
-    if (reason.code == code) return reason.text;
-  }
-  return "Generic error occured.";
-}
-
 // In the order in which the library is told.
 struct Step {
   const char* prefix;
@@ -66,13 +59,20 @@ bool Apply(TepHaLibrary& library, const std::string& dvs, const VtepHAProfileMsg
   for (const Step& step : kSteps) {
     const int code = step.set(library, dvs, profile);
     if (code == 0) continue;
-    *error = step.prefix + std::to_string(code) + " : " + ReasonOf(code) + ", on dvs " + dvs;
+    *error = step.prefix + std::to_string(code) + " : " + TepHaErrorText(code) + ", on dvs " + dvs;
     return false;
   }
   return true;
 }
 
 }  // namespace
+
+const char* TepHaErrorText(int code) {
+  for (const Reason& reason : kReasons) {
+    if (reason.code == code) return reason.text;
+  }
+  return "Generic error occured.";
+}
 
 bool ProcessVtepHAProfile(TepHaLibrary& library, const HostSwitchMsg& host_switch, std::string* error) {
   if (!host_switch.profiles().has_vtep_ha_profile()) return true;

@@ -22,6 +22,9 @@ class TepHaLibrary {
   virtual int SetTEPHATimeout(const std::string& dvs, uint32_t seconds) = 0;
 };
 
+/// What an errno of the endpoint library means, for people.
+const char* TepHaErrorText(int code);
+
 /// Tells the datapath the switch's settings of endpoint high availability; true at once when it has none.
 /// False with the reason in `error` at the first that the library refuses.
 [[nodiscard]] bool ProcessVtepHAProfile(TepHaLibrary& library,

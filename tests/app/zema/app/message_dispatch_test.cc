@@ -13,6 +13,7 @@ namespace zem::zema {
 namespace {
 
 namespace switching = orlane::zem::switching;
+using test::LogCapture;
 
 constexpr const char* kPrefix = "com.orlane.zem.switching.";
 

@@ -272,6 +272,14 @@ TEST_F(StoreRoadTest, AReconnectIsAFullSyncAndAgainConfiguredIsNone) {
   network.Break(kEndpoint);
   clock.RunFor(20s);
   EXPECT_THAT(host.TakeCalls(), SizeIs(1));
+  handler->FlushDesiredConfig();
+  clock.RunFor(20s);
+  Change(PutLogicalSwitches({7, 1, 1, 1}, 6, true));
+  clock.RunFor(20s);
+  EXPECT_THAT(host.TakeCalls(), IsEmpty()) << "nothing is watched";
+  handler->ConfigureMonitors();
+  clock.RunFor(20s);
+  EXPECT_THAT(host.TakeCalls(), ElementsAre("op 11 flag 0 zones 1 switches 1"));
 }
 
 covedb::MonitorUpdateMsg Update(ObjectType type, const google::protobuf::Message& object, int operation) {
@@ -282,6 +290,31 @@ covedb::MonitorUpdateMsg Update(ObjectType type, const google::protobuf::Message
   if (operation != 0) op.set_operation(operation);
   message.set_operation(op.SerializeAsString());
   return message;
+}
+
+// The node's removal clears the host's networks; neither what was gathered nor what had failed may bring some
+// back.
+TEST_F(StoreRoadTest, AFlushVoidsWhatWasStillToBeDone) {
+  Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
+  host.Fail("createOpaqueNetwork", 0, 1, "no space");
+  Change(PutLogicalSwitches({2, 1, 1, 1}, 6, false));
+  clock.RunFor(10s);
+  EXPECT_EQ(handler->pending().size(), 1u);
+  Change(PutLogicalSwitches({3, 1, 1, 1}, 7, false));
+  clock.RunFor(2s);
+  host.TakeCalls();
+  handler->FlushDesiredConfig();
+  clock.RunFor(5min);
+  EXPECT_THAT(host.TakeCalls(), IsEmpty());
+  Change(PutLogicalSwitches({9, 1, 1, 1}, 8, true));
+  clock.RunFor(1min);
+  EXPECT_THAT(host.TakeCalls(), IsEmpty());
+  handler->ResumeMonitors();
+  clock.RunFor(1min);
+  EXPECT_THAT(host.TakeCalls(), ElementsAre("op 11 flag 0 zones 1 switches 1"));
+  handler->ResumeMonitors();
+  clock.RunFor(1min);
+  EXPECT_THAT(host.TakeCalls(), IsEmpty());
 }
 
 TEST_F(StoreRoadTest, TheStateOfAVifGoesToItsRealizer) {

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/zema/common/runnable.h"
+#include "app/zema/endpoint/endpoint_context.h"
+
+namespace zem::zema {
+
+/// Asks the host for addresses that endpoints get from elsewhere, and tells the manager of those that have
+/// come. For the others a successor goes to the end of the queue, so that other work is not held up.
+///
+/// Threads: the worker's for the time after host configurations.
+class AddressFetchingTask : public Runnable {
+ public:
+  /// Whom the event is for.
+  struct Event {
+    std::string reply_to;
+    std::string id;
+    std::string transport_node_id;
+    std::string revision;
+  };
+  /// `retries` more tries follow; in `sync_mode` an endpoint without address is told as well.
+  struct Tries {
+    int retries = 0;
+    bool sync_mode = false;
+  };
+
+  void Run() override;
+  bool IsBatchable() const override { return false; }
+
+ protected:
+  /// The kind of address by device; empty for IPv4.
+  using Devices = std::vector<std::pair<std::string, std::string>>;
+  struct Family;
+
+  AddressFetchingTask(const Family& family, std::shared_ptr<EndpointContext> context, Event event,
+                      Devices devices, Tries tries);
+
+  static const Family kIpv4;
+  static const Family kIpv6;
+
+ private:
+  enum class Answer { kFound, kNotYet, kFailed, kUnreadable };
+
+  Answer Ask(const std::string& device, const std::string& kind, std::string* address);
+  void Tell(const std::map<std::string, std::string>& found);
+  void Retry(Devices devices);
+
+  const Family& family_;
+  const std::shared_ptr<EndpointContext> context_;
+  const Event event_;
+  const Devices devices_;
+  const Tries tries_;
+};
+
+/// IPv4 addresses by DHCP.
+class VtepIpFetchingTask final : public AddressFetchingTask {
+ public:
+  VtepIpFetchingTask(std::shared_ptr<EndpointContext> context, Event event,
+                     const std::vector<std::string>& devices, Tries tries);
+};
+
+/// IPv6 addresses, "dhcp" or "linklayer" by device.
+class VtepIpv6FetchingTask final : public AddressFetchingTask {
+ public:
+  VtepIpv6FetchingTask(std::shared_ptr<EndpointContext> context, Event event,
+                       const std::map<std::string, std::string>& kinds, Tries tries);
+};
+
+}  // namespace zem::zema

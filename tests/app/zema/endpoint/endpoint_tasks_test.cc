@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+
+#include "app/zema/core/host_identity.h"
+#include "app/zema/endpoint/vtep_ip_fetching_task.h"
+#include "app/zema/endpoint/vtep_request_tasks.h"
+#include "app/zema/qub/endpoint_library.h"
+#include "tests/app/zema/lswitch/fake_sender.h"
+#include "tests/app/zema/qub/fake_lum_commands.h"
+#include "tests/support/log_capture.h"
+
+namespace zem::zema {
+namespace {
+
+namespace switching = orlane::zem::switching;
+using test::LogCapture;
+
+// Answers by device.
+class Addresses : public FakeLumCommands {
+ public:
+  int InvokeRPC(LumOperation operation, std::string_view data, std::string* out) override {
+    EXPECT_EQ(operation, LumOperation::kReadEndpointAddresses);
+    asked.emplace_back(data);
+    const auto found = replies.find(std::string(data));
+    *out = found != replies.end() ? found->second : "no endpoint";
+    return found != replies.end() ? kRpcSucceeded : 0;
+  }
+  std::map<std::string, std::string> replies;
+  std::vector<std::string> asked;
+};
+
+class EndpointTasksTest : public ::testing::Test {
+ protected:
+  EndpointTasksTest() {
+    host_.SetHostId("tn");
+    context_ = std::make_shared<EndpointContext>(
+        EndpointContext{lum_, library_, host_, &sender_, [] { return 8; },
+                        [this](Duration duration) {
+                          waited_ += duration;
+                          return true;
+                        },
+                        [this](std::unique_ptr<Runnable> task) { queue_.push_back(std::move(task)); }});
+  }
+
+  void RunQueue() {
+    while (!queue_.empty()) {
+      const auto task = std::move(queue_.front());
+      queue_.erase(queue_.begin());
+      task->Run();
+    }
+  }
+
+  const AddressFetchingTask::Event event_{"reply", "id", "tn", "3"};
+  Addresses lum_;
+  EndpointLibrary library_{"libnone.so"};
+  HostIdentity host_;
+  FakeSender sender_;
+  Duration waited_{0};
+  std::vector<std::unique_ptr<Runnable>> queue_;
+  std::shared_ptr<EndpointContext> context_;
+};
+
+TEST_F(EndpointTasksTest, OnlyWhatHasNoAddressYetIsAskedAgain) {
+  lum_.replies = {{"vtepDeviceId=knl10", "172.16.1.10~~IpAssigned"},
+                  {"vtepDeviceId=knl11", "169.254.1.1~~IpAssigned"},
+                  {"vtepDeviceId=knl12", "172.16.1.12~~IpNotAssigned"}};
+  VtepIpFetchingTask(context_, event_, {"knl10", "knl11", "knl12", "knl13"}, {2, false}).Run();
+  EXPECT_EQ(sender_.Take(),
+            std::vector<std::string>{
+                "Event  reply transport_node_id: \"tn\" id: \"id\" revision: \"3\" dhcp_ip_acquired_event { "
+                "vtep { ipv4_address: \"172.16.1.10\" device_name: \"knl10\" } }"});
+  lum_.asked.clear();
+  lum_.replies["vtepDeviceId=knl12"] = "172.16.1.12~~IpAssigned";
+  LogCapture log;
+  RunQueue();
+  // knl13 failed and is not tried again; knl11 has two more tries and then is given up.
+  EXPECT_EQ(lum_.asked,
+            (std::vector<std::string>{"vtepDeviceId=knl11", "vtepDeviceId=knl12", "vtepDeviceId=knl11"}));
+  EXPECT_EQ(sender_.Take().size(), 1u);
+  EXPECT_TRUE(log.Contains("The vtep ip fetching retry limit exceeded. Abort the task."));
+  EXPECT_EQ(waited_, std::chrono::seconds(24)) << "8 s before each try";
+}
+
+TEST_F(EndpointTasksTest, AnUnreadableReplyEndsTheTaskWithWhatItFound) {
+  lum_.replies = {{"vtepDeviceId=a", "172.16.1.10~~IpAssigned"}, {"vtepDeviceId=b", "172.16.1.11"}};
+  VtepIpFetchingTask(context_, event_, {"a", "b"}, {2, false}).Run();
+  EXPECT_TRUE(sender_.Take().empty());
+  EXPECT_TRUE(queue_.empty());
+  host_.UnsetHostId();
+  lum_.asked.clear();
+  VtepIpFetchingTask(context_, event_, {"a"}, {2, false}).Run();
+  EXPECT_TRUE(lum_.asked.empty()) << "a host without id asks nothing";
+}
+
+TEST_F(EndpointTasksTest, ASynchronisationTellsEveryEndpointOnce) {
+  lum_.replies = {{"vtepDeviceId=a", "172.16.1.10~fd00::1~IpAssigned"},
+                  {"vtepDeviceId=b", "~~IpNotAssigned"},
+                  {"vtepDeviceId=c|ipv6AddressConfigType=linklayer", "~::~IpAssigned"}};
+  switching::VtepIPSyncMsg request;
+  for (const auto& [type, devices] : std::map<std::string, std::vector<std::string>>{
+           {"AUTO_CONF", {"c"}}, {"DHCP", {"a", "b"}}, {"STATIC", {"d"}}}) {
+    auto* const entry = request.add_host_switch_vtep();
+    entry->set_address_type(type);
+    for (const std::string& device : devices) entry->add_device_name(device);
+  }
+  VtepIPSync(context_, "reply", request);
+  EXPECT_EQ(queue_.size(), 2u);
+  RunQueue();
+  const auto sent = sender_.Take();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_NE(sent[0].find("ipv6_address: \"::\""), std::string::npos) << sent[0];
+  EXPECT_NE(sent[1].find("ipv4_address: \"172.16.1.10\""), std::string::npos) << sent[1];
+  EXPECT_NE(sent[1].find("ipv4_address: \"0.0.0.0\""), std::string::npos) << sent[1];
+}
+
+TEST_F(EndpointTasksTest, RequestsAreAnsweredWhateverHappens) {
+  switching::VTEPRecoveryRequestMsg recovery;
+  recovery.set_request_id("r1");
+  VtepRecoveryTask(context_, "corr", "reply", recovery).Run();
+  recovery.set_device_name("knl10");
+  recovery.set_switch_id("sw");
+  lum_.Script("queryDvsNames(sw)", {"ok|", "ok|ks-1"});
+  VtepRecoveryTask(context_, "corr", "reply", recovery).Run();
+  VtepRecoveryTask(context_, "corr", "reply", recovery).Run();
+  switching::VTEPAdminStateMgmtRequestMsg state;
+  state.set_device_name("knl10");
+  state.set_switch_id("sw");
+  VtepAdminStateTask(context_, "corr", "reply", state).Run();
+  const auto sent = sender_.Take();
+  ASSERT_EQ(sent.size(), 4u);
+  EXPECT_EQ(sent[0],
+            "VtepRecovery corr reply result_text: \"Sending VTEP Recovery response \" request_id: \"r1\" "
+            "result: -1");
+  EXPECT_NE(sent[1].find("Sending VTEP Recovery response failed to retrieve the dvsName."),
+            std::string::npos);
+  // There is no library here.
+  EXPECT_NE(sent[2].find("failed with error code 38 : "), std::string::npos) << sent[2];
+  EXPECT_NE(sent[2].find(" on dvs ks-1"), std::string::npos);
+  EXPECT_NE(sent[3].find("Sending VTEP Admin State response failed with error code"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace zem::zema

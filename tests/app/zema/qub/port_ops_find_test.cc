@@ -1,0 +1,139 @@
+#include <filesystem>
+
+#include "app/zema/qub/port_file.h"
+#include "app/zema/qub/port_props.h"
+#include "app/zema/qub/vif_request.h"
+#include "tests/app/zema/qub/switch_host_test.h"
+
+namespace zem::zema {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+namespace fs = std::filesystem;
+
+class PortOpsFindTest : public SwitchHostTest {
+ protected:
+  int Find(const std::string& vif, std::string gcf_path) {
+    path = std::move(gcf_path);
+    error.clear();
+    found = {};
+    return ports.FindPortByVifUuid(vif, kLs, &path, &found, &error);
+  }
+
+  PortLocation found;
+  std::string path;
+  std::string error;
+};
+
+TEST_F(PortOpsFindTest, PortInMemoryOnWhicheverSwitch) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  Create(Description("lp-2", "z2"), "vif-2", Vm("vm2"));
+  Create(Description("lp-3"), "vif-3", "knlnic");
+
+  EXPECT_EQ(Find("vif-2", Vm("vm2")), 0);
+  EXPECT_EQ(found.dvs, kVlanSwitch);
+  EXPECT_EQ(found.port, "lp-2");
+
+  EXPECT_EQ(Find(kVif, ""), 0);
+  EXPECT_EQ(path, dir.Path("vm1"));
+
+  // A port without file has no directory to differ in.
+  EXPECT_EQ(Find("vif-3", Vm("vm1")), 0);
+  EXPECT_EQ(found.port, "lp-3");
+}
+
+TEST_F(PortOpsFindTest, AnotherDirectoryIsNotThePortThatWasMeant) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  EXPECT_EQ(Find(kVif, Vm("vm9")), -1);
+  EXPECT_EQ(error, "Failed to find required port. GCF path [" + Vm("vm9") +
+                       "] specified for the port is different from the gcf path [" + dir.Path("vm1") +
+                       "] in memory");
+  EXPECT_EQ(ports.UpdateGcfPath("z1", "lp-1", Vm("vm9"), &error), 0);
+  EXPECT_EQ(Find(kVif, Vm("vm9")), 0);
+  EXPECT_TRUE(fs::exists(PortFile("vm9", kOverlay, "lp-1")));
+}
+
+TEST_F(PortOpsFindTest, NothingIsReadFromTheDiskWithoutAVm) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  ASSERT_TRUE(state->LosePorts(kOverlay));
+  state->ClearLogs();
+  EXPECT_EQ(Find(kVif, ""), -1);
+  EXPECT_EQ(Find(kVif, "knlnic"), -1);
+  EXPECT_EQ(Find("", Vm("vm1")), -1);
+  EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
+}
+
+// A switch that lost its ports: the VM's come back, up to the one that was asked for, as they were.
+TEST_F(PortOpsFindTest, LostPortsComeBackFromTheirFiles) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  Create(Description("lp-2"), "vif-2", Vm("vm1"));
+  Create(Description("lp-3"), "vif-3", Vm("vm1"));
+  const auto before = state->PortProperties(kOverlay, "lp-2");
+  state->RebootHost();
+  dir.Write("vm1/.dvsData/" + std::string(kOverlay) + "/lp-0", "torn");
+
+  EXPECT_EQ(Find("vif-2", Vm("vm1")), 0);
+  EXPECT_EQ(found.port, "lp-2");
+  EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-1", "lp-2"));
+  EXPECT_EQ(state->PortProperties(kOverlay, "lp-2"), before);
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44204\"")));
+
+  EXPECT_EQ(Find("vif-9", Vm("vm1")), -1);
+  EXPECT_THAT(log.Texts(), Contains("[PortOp] Could not find port/vif"));
+  EXPECT_THAT(state->Ports(kOverlay), SizeIs(3));
+}
+
+TEST_F(PortOpsFindTest, OneSwitchThatCannotListKeepsNobodyFromTheOther) {
+  Create(Description("lp-2", "z2"), "vif-2", Vm("vm2"));
+  Fault("DVSKNL_SwitchPortList sw=\"" + std::string(kOverlay) + "\" ret=0xbad0001");
+  EXPECT_EQ(Find("vif-2", Vm("vm2")), 0);
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44209\"")));
+}
+
+TEST_F(PortOpsFindTest, SwitchOfSeveralZonesIsListedOnce) {
+  EXPECT_EQ(Find(kVif, ""), -1);
+  EXPECT_THAT(state->Calls("DVSKNL_SwitchPortList"), SizeIs(2));
+}
+
+TEST_F(PortOpsFindTest, PriorPortIsPutOnTheSwitchOfTheNewZoneAlone) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  Create(Description("lp-2"), "vif-2", Vm("vm1"));
+  state->RebootHost();
+  EXPECT_EQ(ports.FindPortToFetchVMTags("vif-2", kLs, Vm("vm1"), "z2", &found, &error), 0);
+  EXPECT_EQ(found.dvs, kVlanSwitch);
+  EXPECT_EQ(found.port, "lp-2");
+  EXPECT_THAT(state->Ports(kVlanSwitch), ElementsAre("lp-2"));
+  EXPECT_THAT(state->Ports(kOverlay), IsEmpty());
+  EXPECT_EQ(ports.FindPortToFetchVMTags("vif-2", kLs, "knlnic", "z2", &found, &error), -1);
+}
+
+TEST_F(PortOpsFindTest, ZonesComeFromTheHostAndStayWhenItIsSilent) {
+  lum.Script("GetTzToDvsMapping()", {"ok|za:dvs-a:NVS|bad:entry|zb:dvs-b:KLN", "unknown command"});
+  ports.CacheTzToDvsMapping();
+  EXPECT_EQ(ports.GetDvsIdForTz("za"), "dvs-a");
+  EXPECT_EQ(ports.GetHostSwitchInfoForTz("zb").kind, "KLN");
+  EXPECT_EQ(ports.GetDvsIdForTz("z1"), "");
+  ports.CacheTzToDvsMapping();
+  EXPECT_EQ(ports.GetDvsIdForTz("za"), "dvs-a");
+}
+
+TEST_F(PortOpsFindTest, VifsThatWaitForSiteConfigurationAreKeptAsTheyWereWhileRead) {
+  lum.Script("GetVifUuidsForFetchingSiteConfig()", {"vif-1:ls-1:lp-1:z1|short:one|vif-2:ls-2:lp-2:z2", ""});
+  ports.GetVifsForSiteConfig();
+  const auto seen = ports.VifsForSiteConfig();
+  EXPECT_THAT(*seen, SizeIs(2));
+  EXPECT_EQ(ports.LookupVifRequest("vif-2")->port_id, "lp-2");
+  EXPECT_EQ(ports.LookupVifRequest("vif-2")->op_code, VifRequest::kFetchSiteConfig);
+  ports.RemoveVifForSiteConfig("vif-2");
+  EXPECT_EQ(ports.LookupVifRequest("vif-2"), nullptr);
+  EXPECT_THAT(*seen, SizeIs(2));
+  ports.GetVifsForSiteConfig();
+  EXPECT_THAT(log.Texts(), Contains("[PortOp] No ports found with pending attachment state to process"));
+}
+
+}  // namespace
+}  // namespace zem::zema
