@@ -100,8 +100,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    zem::sim::NodeProcess node(Beside("/sim/node/zem-node"), {"--options", ZEM_BENCH_FILES "/host-config.xml",
-                                                              "--zema", ZEM_BENCH_FILES "/host-config.json"});
+    zem::sim::NodeProcess node(Beside("/sim/node/zem-node"),
+                               {"--options", ZEM_BENCH_FILES "/host-config.xml"});
     node.Await("host processes", std::chrono::seconds(30),
                [](const cJSON* list) { return cJSON_GetArraySize(list) > 0; });
     node.Do("log/wait \"Received client registration ACK from MPA\" 30");
