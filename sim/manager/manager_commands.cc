@@ -57,6 +57,9 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
         const auto took = Clock::Process().Now() - begin;
         AddMember(result.get(), "took_us",
                   static_cast<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(took).count()));
+        const auto at = begin.time_since_epoch();
+        AddMember(result.get(), "sent_at_us",
+                  static_cast<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(at).count()));
         AddMember(result.get(), "answer", Json(cJSON_Parse(Manager::AnswerJson(vertical, answer).c_str())));
         reply.Ok(std::move(result));
       });
