@@ -51,9 +51,12 @@ struct TextKey {
   std::string BusHeader::*text;
 };
 constexpr std::array kTextKeys = {
-    TextKey{"__TypeId__", &BusHeader::type_id},    TextKey{"amqp_correlationId", &BusHeader::correlation_id},
-    TextKey{"amqp_replyTo", &BusHeader::reply_to}, TextKey{"app_type", &BusHeader::app_type},
-    TextKey{"app_id", &BusHeader::app_id},         TextKey{"session-id", &BusHeader::session_id},
+    TextKey{"__TypeId__", &BusHeader::type_id},
+    TextKey{"amqp_correlationId", &BusHeader::correlation_id},
+    TextKey{"amqp_replyTo", &BusHeader::reply_to},
+    TextKey{"app_type", &BusHeader::app_type},
+    TextKey{"app_id", &BusHeader::app_id},
+    TextKey{"session-id", &BusHeader::session_id},
     TextKey{"amqp-message-id", &BusHeader::message_id},
 };
 constexpr const char* kMessageTypeKey = "msg_type";
