@@ -234,6 +234,11 @@ WorkerFactory Realization::Impl::Factory() {
   };
   factory.switch_handler = [this] {
     auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<UnservedVifHandler>());
+    handler->ServeVnics([this](const std::string& dvs, const std::string& port) {
+      if (ports_->ClearPortOpaqueData(dvs, port) != 0) {
+        ZLOG_WARN("the port [%s] on [%s] keeps what was written on it", port.c_str(), dvs.c_str());
+      }
+    });
     follow_ups_->SetHostManagement(handler.get());
     return handler;
   };

@@ -60,9 +60,19 @@ bool CorvdHandler::stopped() {
   return stopped_;
 }
 
+void CorvdHandler::ServeVnics(VifDvportThread::ClearPortFunction clear_port, std::string socket) {
+  vnics_ = std::make_unique<VifDvportThread>(
+      [this](std::shared_ptr<VifRequest> request) { AddRequest(std::move(request)); }, std::move(clear_port),
+      std::move(socket));
+}
+
 void CorvdHandler::Run() {
   SetThreadLogContext(kTag);
   ZLOG_INFO("[%s] CorvdHandler started...\n", kTag);
+  if (vnics_) {
+    ZLOG_INFO("[%s] creating VifDvportThread\n", kTag);
+    vnics_->Start();
+  }
   pool_.Start();
   Close();
   while (!stopped()) {
@@ -76,6 +86,7 @@ void CorvdHandler::Run() {
     if (!served && Pause()) break;
   }
   SetThreadName("zema:CorvdComplete");
+  vnics_.reset();
   pool_.Stop();
   Close();
   ZLOG_INFO("[%s] CorvdHandler ended\n", kTag);

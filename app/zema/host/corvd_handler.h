@@ -8,6 +8,7 @@
 #include "app/zema/common/thread.h"
 #include "app/zema/host/handler_pool.h"
 #include "app/zema/host/precreated_ports.h"
+#include "app/zema/host/vif_dvport_thread.h"
 #include "app/zema/host/vif_handler.h"
 #include "platform/core/clock.h"
 #include "platform/core/condition.h"
@@ -56,6 +57,10 @@ class CorvdHandler final : public Thread {
     precreated_ports_.Set(std::move(ports));
   }
 
+  /// Before the start: the second source of requests, which begins and ends with the handler.
+  void ServeVnics(VifDvportThread::ClearPortFunction clear_port,
+                  std::string socket = VifDvportThread::kSocket);
+
   HandlerPool& pool() { return pool_; }
 
  private:
@@ -88,7 +93,8 @@ class CorvdHandler final : public Thread {
   bool stopped_ = false;
   int waiters_ = 0;
 
-  HandlerPool pool_;  // ends first
+  HandlerPool pool_;                        // ends before what it uses
+  std::unique_ptr<VifDvportThread> vnics_;  // ends first
 };
 
 }  // namespace zem::zema
