@@ -25,6 +25,7 @@
 #include "proto/switching/switching.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/hex.h"
+#include "sim/node/corvd_commands.h"
 #include "sim/node/health_caller.h"
 #include "sim/node/host_diff.h"
 #include "sim/node/log_commands.h"
@@ -356,22 +357,7 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
        0, 1, [n](const Arguments& arguments, const Reply& reply) {
          ShowDiff(*n->manager_, n->host_state_, arguments, reply);
        }});
-  table.Register({"host-management", "[start|stop]",
-                  "The host management daemon's socket: shows, opens, closes it.", 0, 1,
-                  [n](const Arguments& arguments, const Reply& reply) {
-                    if (!arguments.empty() && arguments[0] != "start" && arguments[0] != "stop") {
-                      return reply.Fail("start or stop");
-                    }
-                    if (!arguments.empty()) {
-                      arguments[0] == "start" ? n->host_management_->Start() : n->host_management_->Stop();
-                    }
-                    const HostManagement::State state = n->host_management_->state();
-                    Json result = JsonObject();
-                    AddMember(result.get(), "listening", state.listening);
-                    AddMember(result.get(), "connected", state.connected);
-                    AddMember(result.get(), "connections", state.connections);
-                    reply.Ok(std::move(result));
-                  }});
+  RegisterCorvdCommands(table, *n->host_management_);
   table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     if (!n->daemon_->Start()) return reply.Fail("the daemon runs");
                     reply.Ok(DaemonJson(*n->daemon_));
