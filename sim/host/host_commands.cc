@@ -117,6 +117,23 @@ void ShowFrames(const HostState& state, const Arguments& arguments, const Reply&
   reply.Ok(state.Frames(static_cast<size_t>(*count), arguments.size() > 1 ? arguments[1] : std::string()));
 }
 
+void ShowReloads(const HostState& state, const Arguments& arguments, const Reply& reply) {
+  const auto count = Number(arguments.empty() ? "20" : arguments[0]);
+  if (!count) return reply.Fail("how many?");
+  Json reloads = state.Reloads(static_cast<size_t>(*count));
+  Json result = JsonObject();
+  AddMember(result.get(), "count", cJSON_GetArraySize(reloads.get()));
+  AddMember(result.get(), "reloads", std::move(reloads));
+  reply.Ok(std::move(result));
+}
+
+void SetReload(const HostState& state, const Arguments& arguments, const Reply& reply) {
+  const auto code = Number(arguments[0]);
+  if (!code || *code > 255) return reply.Fail("no exit code: " + arguments[0]);
+  state.SetReload(*code, arguments.size() > 1 ? arguments[1] : "");
+  reply.Ok();
+}
+
 void Kill(const Reply& reply) {
   const std::vector<pid_t> processes = Processes();
   Json killed = JsonArray();
@@ -163,6 +180,11 @@ void RegisterHostCommands(CommandTable& table, const HostState& state) {
   table.Register({"start", "Uninitialized|ready|never [POLLS]",
                   "How the next start of the script begins, and how many pings it then takes to be ready.", 1,
                   2, [&state](A a, R r) { SetStart(state, a, r); }});
+  table.Register({"reloads", "[COUNT]",
+                  "Shows the last calls (20) to read the controllers' file, each with the file as it was.", 0,
+                  1, [&state](A a, R r) { ShowReloads(state, a, r); }});
+  table.Register({"reload-result", "CODE [TEXT]", "How further reads of the controllers' file go.", 1, 2,
+                  [&state](A a, R r) { SetReload(state, a, r); }, true});
   table.Register({"kill", "", "Kills the management script.", 0, 0, [](A, R r) { Kill(r); }});
   table.Register({"processes", "", "Shows the management script's processes.", 0, 0, [](A, R r) {
                     Json pids = JsonArray();

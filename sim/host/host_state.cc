@@ -137,8 +137,18 @@ void HostState::SetStart(const std::string& word, int polls) const {
 }
 
 Json HostState::Frames(size_t count, const std::string& part) const {
+  return Lines("frames.log", count, part);
+}
+
+Json HostState::Reloads(size_t count) const { return Lines("reloads.log", count, ""); }
+
+void HostState::SetReload(int code, const std::string& text) const {
+  Locked([&] { WriteFile(Path("reload.result"), std::to_string(code) + " " + text + "\n"); });
+}
+
+Json HostState::Lines(const char* name, size_t count, const std::string& part) const {
   std::deque<std::string> last;
-  std::ifstream file(Path("frames.log"));
+  std::ifstream file(Path(name));
   std::string line;
   while (std::getline(file, line)) {
     if (line.find(part) == std::string::npos) continue;

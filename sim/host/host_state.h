@@ -40,7 +40,13 @@ class HostState {
   /// The last `count` frames that hold `part`, in their order.
   Json Frames(size_t count, const std::string& part) const;
 
+  /// The last `count` calls to read the controllers' file, each with the file as it was then.
+  Json Reloads(size_t count) const;
+  /// How further ones go: the code and what is printed.
+  void SetReload(int code, const std::string& text) const;
+
  private:
+  Json Lines(const char* name, size_t count, const std::string& part) const;
   std::string Path(const char* name) const { return root_ + "/host/" + name; }
   void Locked(const std::function<void()>& change) const;
 

@@ -15,6 +15,12 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kTools = "/usr/local/bin/";
+constexpr const char* kProxyTools = "/opt/orlane/zem-cli/bin/";
+constexpr const char* kControllerFile = "/etc/orlane/zem/controller-info.xml";
+// As the host's installation leaves it.
+constexpr const char* kNoControllers =
+    "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<config>\n  <!-- kept by the agent -->\n"
+    "  <connectionList></connectionList>\n</config>\n";
 
 void WriteTool(const std::string& name, const std::string& text) {
   const std::string path = kTools + name;
@@ -38,6 +44,10 @@ void SetUpHost(const HostSetup& setup) {
   WriteTool("orlane", "#!/bin/sh\necho " + Quoted(setup.product) + "\n");
   const fs::path scripts(kHostScripts);
   if (!fs::exists(scripts / "simstate.py")) return;
+  fs::create_directories(kProxyTools);
+  fs::copy_file(scripts / "zem-appctl", std::string(kProxyTools) + "zem-appctl",
+                fs::copy_options::overwrite_existing);
+  std::ofstream(kControllerFile) << kNoControllers;
   fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
   Tarvik::ChildProcess::Options options;
   options.argv = {"/usr/bin/python3", scripts / "simstate.py", "init", "--pnics", setup.pnics, "--ifs",

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -23,13 +24,20 @@ class FollowUps final : public FollowUpTasks {
   /// Before the first configuration.
   void SetEndpoints(std::shared_ptr<EndpointContext> endpoints) { endpoints_ = std::move(endpoints); }
 
+  /// Before the first configuration.
+  void SetUpdateTnUuid(std::function<void(const std::string&)> update) {
+    update_tn_uuid_ = std::move(update);
+  }
+
   void FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int retries) override;
   void FetchIpv6Addresses(const Origin& origin, const std::map<std::string, std::string>& kinds,
                           int retries) override;
   void WaitForHostManagement(int seconds) override;
+  void UpdateTnUuidInFile(const std::string& id) override { update_tn_uuid_(id); }
 
  private:
   std::shared_ptr<EndpointContext> endpoints_;
+  std::function<void(const std::string&)> update_tn_uuid_ = [](const std::string&) {};
   std::mutex mutex_;  // guards what follows
   Condition left_;
   CorvdHandler* handler_ = nullptr;

@@ -58,6 +58,4 @@ std::unique_ptr<Runnable> MaintenanceTasks::MakeMmodeConfigTask(
 
 void MaintenanceTasks::Restore() { NotServed("maintenance mode of the run before"); }
 
-void ControllerListStarter::Start() { NotServed("controller list"); }
-
 }  // namespace zem::zema

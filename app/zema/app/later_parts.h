@@ -85,19 +85,11 @@ class MaintenanceTasks {
   virtual void Restore();
 };
 
-/// The list of controllers.  This default has none.
-class ControllerListStarter {
- public:
-  virtual ~ControllerListStarter() = default;
-  virtual void Start();
-};
-
 /// What comes with the host's other services; each may be replaced before the start, none is null.
 struct LaterParts {
   std::shared_ptr<VifRequestSink> vif_requests = std::make_shared<VifRequestSink>();
   std::shared_ptr<EndpointTasks> endpoints = std::make_shared<EndpointTasks>();
   std::shared_ptr<MaintenanceTasks> maintenance = std::make_shared<MaintenanceTasks>();
-  std::shared_ptr<ControllerListStarter> controller_list = std::make_shared<ControllerListStarter>();
 };
 
 }  // namespace zem::zema

@@ -187,6 +187,7 @@ void Realization::Impl::MakeManagers() {
                         workers->AddTask(Worker::kPostHostSync, std::move(task));
                       }});
   follow_ups_->SetEndpoints(endpoint_tasks_);
+  follow_ups_->SetUpdateTnUuid(settings_.update_tn_uuid);
   host_config_ = std::make_shared<HostConfigContext>(HostConfigContext{
       *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
       Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,

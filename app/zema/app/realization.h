@@ -43,6 +43,8 @@ class Realization {
     std::shared_ptr<CoveDbHandler> store;
     LaterParts later;
     std::function<void(const orlane::zem::switching::HostConfigMsg&)> applied;
+    /// The controllers' file carries the transport node id.
+    std::function<void(const std::string&)> update_tn_uuid;
     /// Where an upgrade leaves the configuration that it found.
     std::string backup_file = "/tmp/zem/host_config.bin";
     std::string backup_saved = "/tmp/zem/host_config_saved.bin";

@@ -11,6 +11,8 @@
 #include "app/zema/common/function_task.h"
 #include "app/zema/common/thread.h"
 #include "app/zema/common/worker_table.h"
+#include "app/zema/controller/controller_context.h"
+#include "app/zema/controller/controller_list_app.h"
 #include "app/zema/core/health_record.h"
 #include "app/zema/core/host_identity.h"
 #include "app/zema/core/manager_sender.h"
@@ -96,6 +98,7 @@ class ZemaApp::Impl {
 
  private:
   void StartUp();
+  std::shared_ptr<zema::ControllerContext> MakeControllerContext();
   std::shared_ptr<zema::Realization> MakeRealization();
   std::shared_ptr<zema::Realization> realization() const;
   void MakeDispatch(const std::shared_ptr<zema::Realization>& realization);
@@ -120,6 +123,7 @@ class ZemaApp::Impl {
   zema::ManagerSender sender_;
   std::mutex store_mutex_;  // guards the handler's first use
   std::shared_ptr<zema::CoveDbHandler> store_;
+  ControllerListApp controller_list_;
   std::unique_ptr<zema::Thread> start_up_;
   bool edge_ = false;
 };
@@ -130,7 +134,21 @@ ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
       provider_(provider),
       store_client_(std::move(store)),
       sender_({[this] { return client(); }, [this] { return options_.Snapshot().vif_operation_timeout; },
-               [] { return ShutdownRequested(); }}) {}
+               [] { return ShutdownRequested(); }}),
+      controller_list_(provider,
+                       {[this] { return options_.Snapshot().controller_info; }, MakeControllerContext(),
+                        [this](const rmqClientMessage& message) {
+                          if (edge_) TakeOnEdge(message);
+                        }}) {}
+
+std::shared_ptr<zema::ControllerContext> ZemaApp::Impl::MakeControllerContext() {
+  zema::ControllerFile::Settings file;
+  file.wait = [](Duration duration) { return !WaitForShutdown(duration); };
+  return std::make_shared<zema::ControllerContext>(
+      std::move(file), zema::Host(), files_, [](std::unique_ptr<zema::Runnable> task) {
+        zema::Workers().AddTask(zema::Worker::kController, std::move(task));
+      });
+}
 
 void ZemaApp::Impl::Register() {
   try {
@@ -178,7 +196,7 @@ void ZemaApp::Impl::StartEdge() {
   }
   if (const auto store = GetCoveDbHandler()) store->ConfigureMonitors();
   client()->Start(nullptr);
-  later_.controller_list->Start();
+  controller_list_.Start();
   SetStarted();
 }
 
@@ -192,6 +210,7 @@ std::shared_ptr<zema::Realization> ZemaApp::Impl::MakeRealization() {
   settings.workers = &zema::Workers();
   settings.store = GetCoveDbHandler();
   settings.later = later_;
+  settings.update_tn_uuid = [this](const std::string& id) { controller_list_.UpdateTnUuidInFile(id); };
   settings.applied = [this](const switching::HostConfigMsg& config) { CallHostConfigCallbacks(config); };
   return std::make_shared<zema::Realization>(std::move(settings));
 }
@@ -230,7 +249,7 @@ void ZemaApp::Impl::StartUp() {
   }
   if (const auto store = GetCoveDbHandler()) store->RegisterChannelStatus();
   client()->Start(nullptr);
-  later_.controller_list->Start();
+  controller_list_.Start();
   SetStarted();
 }
 
@@ -306,6 +325,7 @@ void ZemaApp::Impl::WaitStarted() {
 void ZemaApp::Impl::Stop(int reason) {
   // A set-up under way ends by itself at the shutdown.
   if (start_up_ != nullptr) start_up_->Join();
+  controller_list_.Stop();
   if (const auto current = realization()) {
     current->Stop(reason);
   } else {
@@ -459,7 +479,10 @@ void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
   ack.set_revision(config.revision());
   ZLOG_INFO("Sending host config reply for EDGE platform [%s]", ack.ShortDebugString().c_str());
   io_.Post([this, reply_to = header.reply_to, ack] { SendHostConfigAckMsg(reply_to, ack); });
-  if (config.has_transport_node_id()) zema::Host().SetHostId(config.transport_node_id());
+  if (config.has_transport_node_id()) {
+    controller_list_.UpdateTnUuidInFile(config.transport_node_id());
+    zema::Host().SetHostId(config.transport_node_id());
+  }
   CallHostConfigCallbacks(config);
 }
 
