@@ -50,6 +50,7 @@ int main(int argc, char** argv) {
       rounds = std::atoi(argv[i]);
     }
   }
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
   std::mt19937_64 random(seed);
   int round = 0;
@@ -70,6 +71,7 @@ int main(int argc, char** argv) {
       node.Do("daemon/wait 10");
       node.Do("daemon/start");
       stream.CheckConvergence();
+      if (round % 10 == 9) std::printf("# %d rounds\n", round + 1);
     }
     const std::chrono::duration<double> spent = Clock::Process().Now() - begin;
     std::printf("kill converged rounds ours=%d peer=%d ratio=%.2f\n", round, round, 1.0);

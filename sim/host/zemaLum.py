@@ -11,7 +11,8 @@ Files in "<root>/host" (simstate.py says where that is), beside the host's state
                command is carried out, the answer is not given), hang
   lum.start    the first answer to "ping": Uninitialized (default) or ready; or "never", which does not bind at all
   lum.ready    how often "ping" answers "initializing" after the login (default 0)
-  frames.log   one JSON object for each request
+  frames.log   one JSON object for each request: "waited", when the script began to wait for it; "in" and "out", when
+               it came and when its answer was ready
 
 Socket: ZEM_LUM_SOCKET, default /etc/orlane/zemaLum.
 """
@@ -212,8 +213,9 @@ class Host:
                 break
         return None, ""
 
-    def log(self, started, operation, data, status, text):
+    def log(self, waited, started, operation, data, status, text):
         entry = {
+            "waited": waited,
             "in": started,
             "out": time.monotonic(),
             "operation": operation,
@@ -301,11 +303,12 @@ def send(client, status, text, action):
 
 def serve(host, client):
     while True:
+        waited = time.monotonic()
         version, length, operation = struct.unpack("=III", read_whole(client, 12))
+        started = time.monotonic()
         if version != 1 or length > MAX_REQUEST:
             raise Closed
         data = read_whole(client, length)
-        started = time.monotonic()
         text = data.decode(errors="replace")
         action, value = host.fault(text if operation == TEXT_COMMAND else "op %d" % operation)
         if action == "delay":
@@ -324,7 +327,7 @@ def serve(host, client):
             status, reply = SUCCESS, host.command(text)
         else:
             status, reply = host.call(operation, data)
-        host.log(started, operation, text, status, reply)
+        host.log(waited, started, operation, text, status, reply)
         if action == "die":
             os._exit(1)
         send(client, status, reply, action)

@@ -1,7 +1,11 @@
 #include "sim/manager/manager_commands.h"
 
+#include <cerrno>
 #include <charconv>
+#include <cstring>
+#include <fstream>
 #include <optional>
+#include <sstream>
 
 #include "platform/core/uuid.h"
 #include "sim/control/command_options.h"
@@ -34,6 +38,13 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
   request.vertical = words[0];
   request.member = words[1];
   request.text = options.Rest(2);
+  if (request.text.starts_with('@')) {
+    std::ifstream file(request.text.substr(1));
+    if (!file) return reply.Fail(request.text.substr(1) + ": " + std::strerror(errno));
+    std::ostringstream text;
+    text << file.rdbuf();
+    request.text = text.str();
+  }
   request.aph = options.Value("--aph").value_or("");
   request.correlation_id = options.Value("--correlation").value_or(RandomUuidText());
   request.with_header = !options.Has("--no-header");
@@ -57,6 +68,9 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
         const auto took = Clock::Process().Now() - begin;
         AddMember(result.get(), "took_us",
                   static_cast<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(took).count()));
+        const auto at = begin.time_since_epoch();
+        AddMember(result.get(), "sent_at_us",
+                  static_cast<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(at).count()));
         AddMember(result.get(), "answer", Json(cJSON_Parse(Manager::AnswerJson(vertical, answer).c_str())));
         reply.Ok(std::move(result));
       });
@@ -192,13 +206,14 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
   Manager* const m = &manager;
   table.Register({"state", "", "Shows proxy, APHs, master, served app-inits and announced ids.", 0, 0,
                   [m](const Arguments&, const Reply& reply) { reply.Ok(State(*m)); }});
-  table.Register(
-      {"send",
-       "[--aph ID] [--correlation ID] [--timeout SECONDS] [--publish] [--no-wait] [--no-header] "
-       "VERTICAL MESSAGE [TEXT]",
-       "Sends a message (text format) to a vertical of the host, as the master unless an APH is named, and "
-       "shows the answer.",
-       2, kMany, [m](const Arguments& arguments, const Reply& reply) { Send(*m, arguments, reply); }});
+  table.Register({"send",
+                  "[--aph ID] [--correlation ID] [--timeout SECONDS] [--publish] [--no-wait] [--no-header] "
+                  "VERTICAL MESSAGE [TEXT|@FILE]",
+                  "Sends a message (text format, or a file with it as the node sees it) to a vertical of the "
+                  "host, as the "
+                  "master unless an APH is named, and shows the answer.",
+                  2, kMany,
+                  [m](const Arguments& arguments, const Reply& reply) { Send(*m, arguments, reply); }});
   table.Register(
       {"received", "[VERTICAL|all] [AFTER]", "Shows what hosts have sent, after a number if given.", 0, 2,
        [m](const Arguments& arguments, const Reply& reply) { ReceivedCommand(*m, arguments, reply); }});

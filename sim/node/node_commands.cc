@@ -1,7 +1,9 @@
 // The node's own commands: the daemon, its log, its health, its files, its command socket, and the ways to
 // the peers.
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -18,9 +21,11 @@
 #include "framework/child_process.h"
 #include "platform/core/thread.h"
 #include "platform/core/timer.h"
+#include "platform/core/unique_fd.h"
 #include "proto/switching/switching.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/hex.h"
+#include "sim/node/corvd_commands.h"
 #include "sim/node/health_caller.h"
 #include "sim/node/host_diff.h"
 #include "sim/node/log_commands.h"
@@ -35,6 +40,7 @@ constexpr const char* kCliSocket = "/run/orlane/zem-tarvik/tarvik-cli";
 constexpr const char* kCliClient = "/usr/bin/ovs-appctl";
 constexpr auto kFarewell = std::chrono::milliseconds(100);
 constexpr auto kCliPatience = std::chrono::seconds(20);
+constexpr const char* kFiller = ".filler";
 constexpr size_t kMaxFile = size_t{1024} * 1024;
 
 std::optional<double> Seconds(const std::string& text) {
@@ -154,6 +160,47 @@ void WriteNodeFile(const Arguments& arguments, const Reply& reply) {
   out.close();
   if (!out) return reply.Fail(arguments[0] + ": " + std::strerror(errno));
   reply.Ok();
+}
+
+// A file system of its own for a folder, so small that it can be full.
+void LimitDisk(const Arguments& arguments, const Reply& reply) {
+  namespace fs = std::filesystem;
+  const std::string& folder = arguments[0];
+  std::map<std::string, std::string> kept;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(folder, error)) {
+    std::ifstream in(entry.path(), std::ios::binary);
+    kept[entry.path()] = std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  if (error) return reply.Fail(folder + ": " + error.message());
+  const std::string options = "size=" + arguments[1] + "k,mode=755";
+  if (::mount("limited", folder.c_str(), "tmpfs", 0, options.c_str()) != 0) {
+    return reply.Fail(folder + ": " + std::strerror(errno));
+  }
+  for (const auto& [path, text] : kept) {
+    std::ofstream out(path, std::ios::binary);
+    out << text;
+    out.close();
+    if (!out) return reply.Fail(path + " does not fit");
+  }
+  reply.Ok();
+}
+
+void FillDisk(const Arguments& arguments, const Reply& reply) {
+  constexpr size_t kMost = size_t{16} * 1024 * 1024;
+  const UniqueFd fd(::open((arguments[0] + "/" + kFiller).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  if (!fd) return reply.Fail(arguments[0] + ": " + std::strerror(errno));
+  const std::string block(4096, 'x');
+  size_t written = 0;
+  while (written < kMost) {
+    const ssize_t took = ::write(fd.get(), block.data(), block.size());
+    if (took < 0) break;
+    written += static_cast<size_t>(took);
+  }
+  if (written >= kMost || errno != ENOSPC) return reply.Fail("this file system is not limited");
+  Json result = JsonObject();
+  AddMember(result.get(), "bytes", static_cast<uint64_t>(written));
+  reply.Ok(std::move(result));
 }
 
 // The daemon's command socket, by the client that operators use.
@@ -310,22 +357,7 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
        0, 1, [n](const Arguments& arguments, const Reply& reply) {
          ShowDiff(*n->manager_, n->host_state_, arguments, reply);
        }});
-  table.Register({"host-management", "[start|stop]",
-                  "The host management daemon's socket: shows, opens, closes it.", 0, 1,
-                  [n](const Arguments& arguments, const Reply& reply) {
-                    if (!arguments.empty() && arguments[0] != "start" && arguments[0] != "stop") {
-                      return reply.Fail("start or stop");
-                    }
-                    if (!arguments.empty()) {
-                      arguments[0] == "start" ? n->host_management_->Start() : n->host_management_->Stop();
-                    }
-                    const HostManagement::State state = n->host_management_->state();
-                    Json result = JsonObject();
-                    AddMember(result.get(), "listening", state.listening);
-                    AddMember(result.get(), "connected", state.connected);
-                    AddMember(result.get(), "connections", state.connections);
-                    reply.Ok(std::move(result));
-                  }});
+  RegisterCorvdCommands(table, *n->host_management_);
   table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     if (!n->daemon_->Start()) return reply.Fail("the daemon runs");
                     reply.Ok(DaemonJson(*n->daemon_));
@@ -381,6 +413,16 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
   table.Register({"file/remove", "PATH", "Removes a file of the node.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) {
                     if (::unlink(arguments[0].c_str()) < 0) return reply.Fail(std::strerror(errno));
+                    reply.Ok();
+                  }});
+  table.Register({"disk/limit", "FOLDER KIB", "Gives a folder, with its files, so small a disk.", 2, 2,
+                  [](const Arguments& arguments, const Reply& reply) { LimitDisk(arguments, reply); }});
+  table.Register({"disk/fill", "FOLDER", "Fills the disk of \"disk/limit\" to the last byte.", 1, 1,
+                  [](const Arguments& arguments, const Reply& reply) { FillDisk(arguments, reply); }});
+  table.Register({"disk/free", "FOLDER", "Takes back what \"disk/fill\" has written.", 1, 1,
+                  [](const Arguments& arguments, const Reply& reply) {
+                    if (::unlink((arguments[0] + "/" + kFiller).c_str()) < 0)
+                      return reply.Fail(std::strerror(errno));
                     reply.Ok();
                   }});
   table.Register({"cli", "COMMAND [ARGUMENT...]", "Runs a command on the daemon's command socket.", 1, kMany,

@@ -1,6 +1,6 @@
 #include "app/zema/app/follow_ups.h"
 
-#include "app/zema/app/corvd_handler.h"
+#include "app/zema/host/corvd_handler.h"
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
 
 namespace zem::zema {

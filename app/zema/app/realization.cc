@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fstream>
 
-#include "app/zema/app/corvd_handler.h"
 #include "app/zema/app/follow_ups.h"
 #include "app/zema/common/thread_log_context.h"
 #include "app/zema/common/worker_table.h"
@@ -17,6 +16,7 @@
 #include "app/zema/core/zem_manager.h"
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/endpoint/endpoint_context.h"
+#include "app/zema/host/corvd_handler.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
@@ -234,7 +234,12 @@ WorkerFactory Realization::Impl::Factory() {
     return std::make_unique<DbSvcTaskThread>(name, context);
   };
   factory.switch_handler = [this] {
-    auto handler = std::make_unique<CorvdHandler>(*health_);
+    auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<UnservedVifHandler>());
+    handler->ServeVnics([this](const std::string& dvs, const std::string& port) {
+      if (ports_->ClearPortOpaqueData(dvs, port) != 0) {
+        ZLOG_WARN("the port [%s] on [%s] keeps what was written on it", port.c_str(), dvs.c_str());
+      }
+    });
     follow_ups_->SetHostManagement(handler.get());
     return handler;
   };

@@ -82,12 +82,13 @@ HostConfigTask::HostConfigMsg HostConfigTaskQub::BuildReply() {
 void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   ZLOG_INFO(" In %s with upgradeCase : %d, reset : %d \n", __func__, upgrade, reset);
   bool extra_config = false;
+  const bool first = !context_->host.id();
   {
     const MonitorLock lock(monitor_);
     TakeHealth();
     if (!IsRemoval() && !reset) {
       HostSwitchPreparation preparation(*context_);
-      if (!context_->host.id()) {
+      if (first) {
         preparation.PrepareFirst(&message_);
       } else {
         extra_config = !upgrade;
@@ -99,7 +100,7 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
     if (upgrade) context_->state.first_iteration_post_upgrade = true;
     options_ = context_->options.Snapshot();
   }
-  if (!PreCheck(upgrade, reset)) return;
+  if (!PreCheck(first, upgrade, reset)) return;
   const MonitorLock lock(monitor_);
   if (!ConvertDvsUuidsAndPopulateKnlMigrationMap(&message_, &migration_map_, errors_)) return;
   Switches switches = Switches::kNotReached;
@@ -132,7 +133,7 @@ void HostConfigTaskQub::TakeHealth() {
   }
 }
 
-bool HostConfigTaskQub::PreCheck(bool upgrade, bool reset) {
+bool HostConfigTaskQub::PreCheck(bool first, bool upgrade, bool reset) {
   if (!options_.pre_check_health) return true;
   ZLOG_INFO("[%s] Running health pre-checks.", __func__);
   if (!context_->health.lum_ready()) {
@@ -140,13 +141,15 @@ bool HostConfigTaskQub::PreCheck(bool upgrade, bool reset) {
     errors_.Add(ErrorSink::kGeneral, "ZEMA Lum not ready");
     return false;
   }
-  if (reset || upgrade || IsRemoval() || context_->host.id()) return true;
+  if (!first || reset || upgrade || IsRemoval()) return true;
   std::string reply;
   if (context_->lum.InvokeRPC(LumOperation::kInstallPreCheck, message_.SerializeAsString(), &reply) ==
       LumCommands::kRpcSucceeded) {
     return true;
   }
   ZLOG_ERROR("42083", "[%s] %s", __func__, reply.c_str());
+  // The next try is a first one as well.
+  context_->host.UnsetHostId();
   errors_.Add(
       ErrorSink::kGeneral,
       "Cannot perform install due to an existing VM on the host. Please put QUB in the maintenance mode "

@@ -46,7 +46,7 @@ class HostConfigTaskQub final : public HostConfigTask {
   enum class Switches { kConfigured, kFailed, kNotReached };
 
   void TakeHealth();
-  bool PreCheck(bool upgrade, bool reset);
+  bool PreCheck(bool first, bool upgrade, bool reset);
   void CreateGuestLaneInterface();
   void Persist();
   void RemoveNode();

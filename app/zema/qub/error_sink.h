@@ -25,7 +25,8 @@ class ErrorSink {
 
   void Add(uint32_t code, std::string text) {
     if (code > code_) code_ = code;
-    texts_.push_back(std::move(text));
+    // The host may fail without a word; the code speaks for it then.
+    if (!text.empty()) texts_.push_back(std::move(text));
   }
 
   /// Takes the texts out that contain `part`; `told` gets each.

@@ -13,8 +13,23 @@ struct PortConfigSpec;
 
 /// What is asked about one VIF.
 struct VifRequest {
+  // What is asked; those up to kDetachLiveMove are the host's own numbers.
   static constexpr int32_t kUnsupported = -1;
+  static constexpr int32_t kAttach = 1;
+  static constexpr int32_t kDetach = 2;
+  static constexpr int32_t kAttachToVifUuid = 8;
+  static constexpr int32_t kAttachLiveMove = 9;
+  static constexpr int32_t kDetachLiveMove = 10;
+  static constexpr int32_t kRestore = 11;
+  static constexpr int32_t kSyncAttach = 1001;
+  static constexpr int32_t kSyncDetach = 1002;
+  static constexpr int32_t kManagerDetach = 1003;
   static constexpr int32_t kFetchSiteConfig = 1004;
+
+  /// The name of `op_code`.
+  std::string KindText() const;
+  /// For the log.
+  std::string ToString() const;
 
   /// From the host's socket, to which a reply is owed; may be null.
   std::shared_ptr<CorvdRequest> request;

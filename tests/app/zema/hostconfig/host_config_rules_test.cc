@@ -105,6 +105,21 @@ TEST(StatelessHostTest, TheFlagsDecideWhoMakesTheSwitches) {
   EXPECT_EQ(lum.commands.size(), 1u) << "nothing else is asked";
 }
 
+TEST(StatelessHostTest, AFlagThatNobodyToldIsNotOneThatIsNotSet) {
+  const std::vector<std::string> flags = {"IsZemInstallStatusSet()", "IsZemInstallStatusOpaqueSwitchSet()",
+                                          "IsZemDvsConfigRequiredSet()"};
+  for (const std::string& untold : flags) {
+    FakeLumCommands lum;
+    lum.Script(flags[0], {"notset"});
+    lum.Script(untold, {std::string(LumCommands::kReadFailed)});
+    ErrorSink errors;
+    StatelessHost host;
+    EXPECT_FALSE(CheckStatelessQubRebootFlags(lum, false, &host, errors)) << untold;
+    EXPECT_EQ(errors.texts(), std::vector<std::string>{untold + " failed: [socket read failed]"});
+    EXPECT_FALSE(host.process_network_plugin);
+  }
+}
+
 TEST(StatelessHostTest, OnlyTwoDigitsWithOneCharacterBetweenAreAVersion) {
   for (const char* reply : {"ok|1,0", "ok|0,1"}) {
     FakeLumCommands lum;
@@ -117,7 +132,10 @@ TEST(StatelessHostTest, OnlyTwoDigitsWithOneCharacterBetweenAreAVersion) {
     lum.Script("CheckQUBiVersion70AndUnusedCkln()", {reply});
     ErrorSink errors;
     EXPECT_FALSE(CheckQUBiVersion70AndUnusedCkln(lum, errors)) << reply;
-    EXPECT_EQ(errors.texts(), std::vector<std::string>{reply});
+    EXPECT_EQ(errors.code(), ErrorSink::kGeneral);
+    // Without a word of the host the code has to speak.
+    const auto texts = *reply != '\0' ? std::vector<std::string>{reply} : std::vector<std::string>{};
+    EXPECT_EQ(errors.texts(), texts);
   }
 }
 

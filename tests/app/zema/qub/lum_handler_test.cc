@@ -110,10 +110,10 @@ TEST_F(LumHandlerTest, BrokenExchanges) {
 // A script that does not come up leaves the handler failing fast, with each call trying again.
 TEST_F(LumHandlerTest, FailedStarts) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
-              settings.pid_tries = 5;
               std::string out;
               {
                 LumSettings missing = settings;
+                missing.pid_tries = 5;
                 missing.script = "/nowhere.py";
                 LumHandler handler(missing);
                 SANDBOX_EXPECT(handler.SetUp("user", "") == -1);

@@ -55,6 +55,8 @@ class LumSandbox : public SandboxTest {
       settings.kill_pause = std::chrono::milliseconds(20);
       settings.spawn_pause = std::chrono::milliseconds(20);
       settings.pid_pause = std::chrono::milliseconds(20);
+      // A machine that is busy takes its time to start a script.
+      settings.pid_tries = 1000;
       settings.ready_pause = std::chrono::milliseconds(20);
       settings.host_version = "7.0.3";
       settings.set_ready = [&told](bool ready) { told += ready ? "up " : "down "; };

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/zema/common/thread.h"
+#include "platform/core/clock.h"
+#include "platform/core/unique_fd.h"
+
+namespace zem::zema {
+
+struct VifRequest;
+
+/// The server of the host's vNIC updates: takes lists of VIFs that come to ports or leave them, and asks for
+/// each what a request of the host management daemon would; nobody is answered.  One connection at a time.
+///
+/// Threads: its own; Stop from any.
+class VifDvportThread final : public Thread {
+ public:
+  static constexpr const char* kSocket = "/etc/orlane/zemaVifDvp";
+
+  /// Takes a request over.
+  using AddRequestFunction = std::function<void(std::shared_ptr<VifRequest>)>;
+  /// Takes all that the agent wrote on a port off it; may block.
+  using ClearPortFunction = std::function<void(const std::string& dvs, const std::string& port)>;
+
+  VifDvportThread(AddRequestFunction add_request, ClearPortFunction clear_port, std::string socket = kSocket);
+  ~VifDvportThread() override;
+
+  void Run() override;
+  void Stop() override;
+
+  /// The requests of a serialized VifMsg, in its order; none of bytes that are no such message.
+  static std::vector<std::shared_ptr<VifRequest>> RequestsOf(std::string_view data);
+
+ private:
+  bool Listen();
+  void Serve(int connection);
+  void AddVifRequests(std::string_view data);
+
+  const AddRequestFunction add_request_;
+  const ClearPortFunction clear_port_;
+  const std::string path_;
+  UniqueFd stop_event_;
+  UniqueFd listener_;
+};
+
+}  // namespace zem::zema
