@@ -39,8 +39,8 @@ bool IsTooDeep(const std::string& text) {
     if (next == '/') {
       --depth;
     } else if (next != '!' && next != '?') {
-      const size_t end = text.find('>', at);
-      const bool is_whole = end != std::string::npos && text[end - 1] == '/';
+      const size_t end = text.find_first_of("<>", at + 1);
+      const bool is_whole = end != std::string::npos && text[end] == '>' && text[end - 1] == '/';
       if (!is_whole && ++depth > kMaxDepth) return true;
     }
   }
