@@ -39,8 +39,8 @@ bool IsTooDeep(const std::string& text) {
     if (next == '/') {
       --depth;
     } else if (next != '!' && next != '?') {
-      const size_t end = text.find('>', at);
-      const bool is_whole = end != std::string::npos && text[end - 1] == '/';
+      const size_t end = text.find_first_of("<>", at + 1);
+      const bool is_whole = end != std::string::npos && text[end] == '>' && text[end - 1] == '/';
       if (!is_whole && ++depth > kMaxDepth) return true;
     }
   }
@@ -96,24 +96,32 @@ ControllerFile::Read ControllerFile::Load(pt::ptree* tree, std::string* error) c
     if (code == ENOENT) return Read::kMissing;
     return code == EFBIG ? Read::kForeign : Read::kUnreadable;
   }
-  if (IsTooDeep(text)) {
-    *error = path() + ": nested too deeply";
+  if (std::string reason; !Parse(text, tree, &reason)) {
+    *error = path() + ": " + reason;
     return Read::kForeign;
+  }
+  return Read::kDone;
+}
+
+bool ControllerFile::Parse(const std::string& text, pt::ptree* tree, std::string* error) {
+  if (IsTooDeep(text)) {
+    *error = "nested too deeply";
+    return false;
   }
   pt::ptree parsed;
   try {
     std::istringstream in(text);
     pt::read_xml(in, parsed);
   } catch (const pt::ptree_error& e) {
-    *error = path() + ": " + e.what();
-    return Read::kForeign;
+    *error = e.what();
+    return false;
   }
   if (parsed.count(kRoot) != 1) {
-    *error = path() + ": no single element \"config\"";
-    return Read::kForeign;
+    *error = "no single element \"config\"";
+    return false;
   }
   *tree = std::move(parsed);
-  return Read::kDone;
+  return true;
 }
 
 bool ControllerFile::Write(const pt::ptree& tree) const {
@@ -162,6 +170,7 @@ int ControllerFile::Reload(std::string* reply) const {
   const std::string command = settings_.reload_command + " " + path();
   std::string error;
   const int result = Tarvik::Util::ReadCmdOutput(command, reply, &error);
+  while (!reply->empty() && reply->back() == '\n') reply->pop_back();
   ZLOG_INFO("Executed cmd [%s] with return code [%d] and reply [%s]", command.c_str(), result,
             reply->c_str());
   if (result != 0) {

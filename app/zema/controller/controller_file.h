@@ -42,6 +42,10 @@ class ControllerFile {
   /// Comments and whitespace are kept.  `tree` is changed with kDone only; else `error` says why.
   [[nodiscard]] Read Load(boost::property_tree::ptree* tree, std::string* error) const;
 
+  /// The same for the content of a file.
+  [[nodiscard]] static bool Parse(const std::string& text, boost::property_tree::ptree* tree,
+                                  std::string* error);
+
   /// Replaces the file as a whole, or leaves it as it was and tells why.
   [[nodiscard]] bool Write(const boost::property_tree::ptree& tree) const;
 

@@ -11,10 +11,12 @@
 #include <sstream>
 
 #include "app/zema/controller/controller_context.h"
+#include "app/zema/controller/controller_list_app.h"
 #include "app/zema/controller/controller_list_handler_task.h"
 #include "app/zema/controller/update_tn_uuid_task.h"
 #include "app/zema/core/host_identity.h"
 #include "app/zema/covedb/config_files.h"
+#include "platform/core/provider.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -283,7 +285,7 @@ TEST_F(ControllerListTest, TheTransportNodeIdIsTriedUntilTheProxyHasIt) {
   UpdateTnUuidInFile(context_, kTn);
   RunTasks();
   EXPECT_NE(File().find(std::string("<UUID>") + kTn), std::string::npos);
-  EXPECT_TRUE(log_.Contains("ZEMCLI set zem-proxy controllers file failed ret [3], reply [not now"));
+  EXPECT_TRUE(log_.Contains("ZEMCLI set zem-proxy controllers file failed ret [3], reply [not now]"));
   std::filesystem::remove(dir_.Path("refuse"));
   // Two at once: the second finds it done.
   UpdateTnUuidInFile(context_, kTn);
@@ -305,6 +307,30 @@ TEST_F(ControllerListTest, TheTransportNodeIdIsTriedUntilTheProxyHasIt) {
   RunTasks();
   EXPECT_TRUE(log_.Contains("Failed to open controller xml file"));
   EXPECT_FALSE(std::filesystem::exists(context_->file.path()));
+}
+
+TEST_F(ControllerListTest, TheAppMakesTasksOfListsOnly) {
+  AsioZemProvider provider;
+  bool enabled = false;
+  Tarvik::ControllerListApp app(provider, {[&] { return enabled; }, context_});
+  app.Start();
+  EXPECT_TRUE(log_.Contains("ControllerListApp disabled..."));
+  EXPECT_FALSE(app.RequestControllerList(""));
+  EXPECT_TRUE(log_.Contains("MPA41518"));
+  constexpr const char* kType = "com.orlane.zem.config.MpLcpMsg";
+  app.ProcessReceiveMessages("s:1", kType, "", "", "");
+  EXPECT_TRUE(log_.Contains("NULL/empty payload of length [0]"));
+  app.ProcessReceiveMessages("s:2", "com.orlane.zem.config.Other", "x", "", "");
+  EXPECT_TRUE(log_.Contains("Unsupported message type [com.orlane.zem.config.Other] from MPA"));
+  app.ProcessReceiveMessages("s:3", kType, "\x12\xff", "", "");
+  EXPECT_TRUE(log_.Contains("MPAERR_MSG_CONTROLLER_LIST_PARSE_FAIL"));
+  EXPECT_TRUE(tasks_.empty());
+  MpLcpMsg message;
+  message.mutable_update()->add_controller()->set_ipv4_address("10.0.0.1");
+  message.mutable_update()->mutable_controller(0)->set_port(1);
+  app.ProcessReceiveMessages("s:4", kType, message.SerializeAsString(), "", "");
+  RunTasks();
+  EXPECT_EQ(CountOf("<server>10.0.0.1", File()), 1U);
 }
 
 TEST_F(ControllerListTest, AnUnwritableFileIsExamined) {
