@@ -1,7 +1,7 @@
 #include "app/zema/app/follow_ups.h"
 
-#include "app/zema/host/corvd_handler.h"
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
+#include "app/zema/host/corvd_handler.h"
 
 namespace zem::zema {
 
