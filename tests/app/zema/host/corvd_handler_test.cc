@@ -76,6 +76,8 @@ TEST_F(CorvdHandlerTest, AWaiterIsWokenWhenTheDaemonOpensItsSocket) {
   daemon_.emplace(socket_);
   EXPECT_TRUE(handler_->WaitForCorvdConnection(30));
   other.Join();
+  // Connected is not yet taken.
+  WaitForConnections(1);
   daemon_->Stop();
   daemon_->Start();
   WaitForConnections(2);
