@@ -1,5 +1,7 @@
 #include "app/zema/app/realization.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -17,6 +19,8 @@
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/endpoint/endpoint_context.h"
 #include "app/zema/host/corvd_handler.h"
+#include "app/zema/hostconfig/ckln_hot_swap_task.h"
+#include "app/zema/hostconfig/high_performance_profile_task.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
@@ -43,6 +47,7 @@
 #include "framework/log.h"
 #include "framework/shutdown_pipe.h"
 #include "framework/util.h"
+#include "platform/core/stop_signal.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {
@@ -82,6 +87,8 @@ class Realization::Impl {
 
   const Settings settings_;
   VersionInfo version_;
+  StopSignal stopping_;
+  std::atomic<bool> high_performance_running_{false};
   MigrationRecord migration_;
 
   // In order of creation.
@@ -106,6 +113,8 @@ class Realization::Impl {
  private:
   bool OpenLibraries();
   void MakeManagers();
+  bool Pause(Duration duration);
+  void ScheduleHighPerformance();
   LumSettings LumSettingsOf(const RealizationOptions& options);
   void CleanUp();
   WorkerFactory Factory();
@@ -182,16 +191,25 @@ void Realization::Impl::MakeManagers() {
   endpoint_tasks_ = std::make_shared<EndpointContext>(
       EndpointContext{*lum_, *endpoints_, Host(), settings_.sender,
                       [options] { return options->Snapshot().vtep_dhcp_ip_fetching_timeout; },
-                      [](Duration duration) { return !Tarvik::WaitForShutdown(duration); },
+                      [this](Duration duration) { return Pause(duration); },
                       [workers = settings_.workers](std::unique_ptr<Runnable> task) {
                         workers->AddTask(Worker::kPostHostSync, std::move(task));
                       }});
   follow_ups_->SetEndpoints(endpoint_tasks_);
   follow_ups_->SetUpdateTnUuid(settings_.update_tn_uuid);
+  follow_ups_->SetTasks(
+      [this](int initial_delay, int retry_interval) {
+        const CklnHotSwapTask::Schedule schedule = [workers = settings_.workers](
+                                                       std::unique_ptr<Runnable> task, int delay) {
+          workers->AddCklnHotSwapTask(std::move(task), delay);
+        };
+        schedule(std::make_unique<CklnHotSwapTask>(*lum_, schedule, retry_interval), initial_delay);
+      },
+      [this] { ScheduleHighPerformance(); });
   host_config_ = std::make_shared<HostConfigContext>(HostConfigContext{
       *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
       Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
-      settings_.applied, [](Duration duration) { return !Tarvik::WaitForShutdown(duration); }});
+      settings_.applied, [this](Duration duration) { return Pause(duration); }});
   kinds_ = std::make_unique<PortZoneKinds>(*ports_);
   vif_states_ = std::make_unique<PortVifStates>(*ports_, [](const std::shared_ptr<VifRequest>&) {
     ZLOG_DEBUG("[%s] the host management handler takes no requests yet", "ProcessVif");
@@ -202,6 +220,36 @@ void Realization::Impl::MakeManagers() {
   logical_switches_->sender = settings_.sender;
   logical_switches_->options = [options] { return options->Snapshot(); };
   logical_switches_->del_zem_running = [state = settings_.state] { return state->del_zem_running.load(); };
+}
+
+// Ends early, with false, when the agent stops or this start is given up.
+bool Realization::Impl::Pause(Duration duration) {
+  constexpr Duration kSlice = std::chrono::seconds(1);
+  for (Duration slept{0}; slept < duration; slept += kSlice) {
+    if (stopping_.stopped() || Tarvik::WaitForShutdown(std::min(kSlice, duration - slept))) return false;
+  }
+  return !stopping_.stopped();
+}
+
+void Realization::Impl::ScheduleHighPerformance() {
+  if (high_performance_running_.exchange(true)) {
+    ZLOG_INFO("A task already exists. Hence skipping.");
+    return;
+  }
+  HighPerformanceProfileTask::Settings settings{*lum_, *settings_.files, *high_performance_,
+                                                settings_.sender};
+  settings.host_prop = [this](const std::string& dvs, const std::string& property) {
+    return switches_->GetHostProp(dvs, property);
+  };
+  settings.retry_interval = [options = settings_.options] {
+    return options->Snapshot().high_performance_retry_interval;
+  };
+  settings.pause = [this](Duration duration) { return Pause(duration); };
+  settings.done = [this] { high_performance_running_ = false; };
+  if (!settings_.workers->AddHighPerformanceProfileTask(
+          std::make_unique<HighPerformanceProfileTask>(std::move(settings)))) {
+    high_performance_running_ = false;
+  }
 }
 
 LumSettings Realization::Impl::LumSettingsOf(const RealizationOptions& options) {
@@ -345,6 +393,7 @@ std::string Realization::Impl::CleanUpSwitches(bool force) {
 
 void Realization::Impl::Stop(int reason) {
   if (reason == kDone) settings_.workers->SetZemaShutDown();
+  stopping_.Stop();
   if (health_) health_->setShuttingDown();
   if (follow_ups_) follow_ups_->SetHostManagement(nullptr);
   switch (reason) {

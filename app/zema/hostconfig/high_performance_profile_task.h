@@ -1,0 +1,59 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/zema/common/runnable.h"
+#include "platform/core/clock.h"
+
+namespace orlane::zem::switching {
+class HostConfigMsg;
+}
+
+namespace zem::zema {
+
+class ConfigFiles;
+class HighPerformanceProfile;
+class LumCommands;
+class MpaMessageSender;
+
+/// Waits until the host is in maintenance mode and then puts the performance settings into the datapath that
+/// were held back; the manager is told how that went.
+///
+/// Threads: its own worker.
+class HighPerformanceProfileTask final : public Runnable {
+ public:
+  /// All set, apart from the sender; everything outlives the task.
+  struct Settings {
+    LumCommands& lum;
+    ConfigFiles& files;
+    HighPerformanceProfile& profile;
+    MpaMessageSender* sender = nullptr;
+    /// A host property of a switch.
+    std::function<std::optional<std::string>(const std::string& dvs, const std::string& property)> host_prop;
+    /// `highPerformanceProfile.retryIntervalSec`.
+    std::function<int()> retry_interval;
+    /// Waits; false when the agent or its worker is stopping.
+    std::function<bool(Duration)> pause;
+    /// Called at the end: another task may come.
+    std::function<void()> done;
+  };
+
+  explicit HighPerformanceProfileTask(Settings settings) : settings_(std::move(settings)) {}
+
+  void Run() override;
+  bool IsBatchable() const override { return false; }
+
+ private:
+  bool Pending(const orlane::zem::switching::HostConfigMsg& config) const;
+  /// False when nothing is left to wait for.
+  bool Apply(const orlane::zem::switching::HostConfigMsg& config);
+  void Tell(const orlane::zem::switching::HostConfigMsg& config) const;
+
+  const Settings settings_;
+  std::vector<std::string> errors_;
+};
+
+}  // namespace zem::zema
