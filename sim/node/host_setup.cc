@@ -15,6 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kTools = "/usr/local/bin/";
+constexpr const char* kPerformanceFolder = "/usr/lib/orlane/high-performance-dp";
 constexpr const char* kProxyTools = "/opt/orlane/zem-cli/bin/";
 constexpr const char* kControllerFile = "/etc/orlane/zem/controller-info.xml";
 // As the host's installation leaves it.
@@ -49,6 +50,10 @@ void SetUpHost(const HostSetup& setup) {
                 fs::copy_options::overwrite_existing);
   std::ofstream(kControllerFile) << kNoControllers;
   fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
+  fs::create_directories(kPerformanceFolder);
+  for (const char* file : {"hp_dp_script.py", "simstate.py"}) {
+    fs::create_symlink(scripts / file, fs::path(kPerformanceFolder) / file);
+  }
   Tarvik::ChildProcess::Options options;
   options.argv = {"/usr/bin/python3", scripts / "simstate.py", "init", "--pnics", setup.pnics, "--ifs",
                   setup.interfaces};
