@@ -15,6 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kTools = "/usr/local/bin/";
+constexpr const char* kCommandLine = "/opt/orlane/zem-cli/bin/scripts";
 constexpr const char* kPerformanceFolder = "/usr/lib/orlane/high-performance-dp";
 constexpr const char* kProxyTools = "/opt/orlane/zem-cli/bin/";
 constexpr const char* kControllerFile = "/etc/orlane/zem/controller-info.xml";
@@ -50,6 +51,8 @@ void SetUpHost(const HostSetup& setup) {
                 fs::copy_options::overwrite_existing);
   std::ofstream(kControllerFile) << kNoControllers;
   fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
+  fs::create_directories(kCommandLine);
+  fs::copy_file(scripts / "zemcli", fs::path(kCommandLine) / "zemcli", fs::copy_options::overwrite_existing);
   fs::create_directories(kPerformanceFolder);
   for (const char* file : {"hp_dp_script.py", "simstate.py"}) {
     fs::create_symlink(scripts / file, fs::path(kPerformanceFolder) / file);

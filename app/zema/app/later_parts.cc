@@ -1,6 +1,7 @@
 #include "app/zema/app/later_parts.h"
 
 #include "app/zema/endpoint/vtep_request_tasks.h"
+#include "app/zema/hostconfig/mmode_config_task.h"
 #include "framework/log.h"
 #include "proto/switching/switching.pb.h"
 
@@ -56,6 +57,10 @@ std::unique_ptr<Runnable> MaintenanceTasks::MakeMmodeConfigTask(
   return nullptr;
 }
 
-void MaintenanceTasks::Restore() { NotServed("maintenance mode of the run before"); }
+std::unique_ptr<Runnable> HostMaintenanceTasks::MakeMmodeConfigTask(
+    const RequestOrigin& origin, const orlane::zem::switching::MaintenanceModeConfigMsg& request) {
+  return std::make_unique<MmodeConfigTaskQub>(context_, origin.sender, origin.correlation_id, origin.reply_to,
+                                              request);
+}
 
 }  // namespace zem::zema

@@ -22,6 +22,7 @@ class VtepIPSyncMsg;
 namespace zem::zema {
 
 struct EndpointContext;
+struct MmodeContext;
 
 /// Where a request of the manager came from, and goes back to.
 struct RequestOrigin {
@@ -81,8 +82,18 @@ class MaintenanceTasks {
 
   virtual std::unique_ptr<Runnable> MakeMmodeConfigTask(
       const RequestOrigin& origin, const orlane::zem::switching::MaintenanceModeConfigMsg& request);
-  /// The mode that was in force when the daemon ended, after the set-up.
-  virtual void Restore();
+};
+
+/// That of this host.
+class HostMaintenanceTasks final : public MaintenanceTasks {
+ public:
+  explicit HostMaintenanceTasks(std::shared_ptr<MmodeContext> context) : context_(std::move(context)) {}
+
+  std::unique_ptr<Runnable> MakeMmodeConfigTask(
+      const RequestOrigin& origin, const orlane::zem::switching::MaintenanceModeConfigMsg& request) override;
+
+ private:
+  const std::shared_ptr<MmodeContext> context_;
 };
 
 /// What comes with the host's other services; each may be replaced before the start, none is null.

@@ -24,6 +24,7 @@
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
+#include "app/zema/hostconfig/mmode_config_task.h"
 #include "app/zema/hostconfig/router_reconnection.h"
 #include "app/zema/lswitch/db_svc_task_thread.h"
 #include "app/zema/lswitch/logical_switch_ack_task.h"
@@ -109,6 +110,7 @@ class Realization::Impl {
   std::shared_ptr<HostConfigContext> host_config_;
   std::shared_ptr<LogicalSwitchContext> logical_switches_;
   std::shared_ptr<EndpointContext> endpoint_tasks_;
+  std::shared_ptr<MmodeContext> mmode_;
 
  private:
   bool OpenLibraries();
@@ -152,7 +154,7 @@ Realization::Result Realization::Impl::SetUp() {
   FinishHostConfig(host_config_);
   health_->mpaDisconnected();
   ReadStoredConfig();
-  settings_.later.maintenance->Restore();
+  RestoreMmode(*mmode_);
   return kDone;
 }
 
@@ -187,6 +189,8 @@ void Realization::Impl::MakeManagers() {
   ports_ = std::make_unique<PortOpsManager>(*library_, *lum_);
   routers_ = std::make_unique<RouterPorts>(*router_library_);
   high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
+  mmode_ =
+      std::make_shared<MmodeContext>(MmodeContext{*lum_, *settings_.files, *health_, *manager_, &RunShell});
   follow_ups_ = std::make_unique<FollowUps>();
   endpoint_tasks_ = std::make_shared<EndpointContext>(
       EndpointContext{*lum_, *endpoints_, Host(), settings_.sender,
@@ -430,6 +434,8 @@ HealthRecord* Realization::health() { return impl_->health_.get(); }
 std::shared_ptr<HostConfigContext> Realization::host_config() { return impl_->host_config_; }
 
 std::shared_ptr<LogicalSwitchContext> Realization::logical_switches() { return impl_->logical_switches_; }
+
+std::shared_ptr<MmodeContext> Realization::mmode() { return impl_->mmode_; }
 
 std::shared_ptr<EndpointContext> Realization::endpoints() { return impl_->endpoint_tasks_; }
 

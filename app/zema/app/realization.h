@@ -24,6 +24,7 @@ struct HostConfigContext;
 struct EndpointContext;
 struct HostConfigState;
 struct LogicalSwitchContext;
+struct MmodeContext;
 
 /// Everything that one start of the realization sets up, and that the next try makes anew.
 ///
@@ -78,6 +79,7 @@ class Realization {
   std::shared_ptr<HostConfigContext> host_config();
   std::shared_ptr<LogicalSwitchContext> logical_switches();
   std::shared_ptr<EndpointContext> endpoints();
+  std::shared_ptr<MmodeContext> mmode();
   void SetVifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result);
 
   /// Empty, or what went wrong.

@@ -303,6 +303,7 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
     if (const auto live = weak.lock()) live->SetVifResult(rpc_id, std::move(result));
   };
   settings.later = later_;
+  settings.later.maintenance = std::make_shared<zema::HostMaintenanceTasks>(realization->mmode());
   settings.later.endpoints = std::make_shared<zema::HostEndpointTasks>(realization->endpoints());
   auto dispatch = std::make_shared<zema::MessageDispatch>(std::move(settings));
   const std::lock_guard lock(mutex_);
