@@ -8,7 +8,8 @@ namespace zem::sim {
 /// A node's own view of the machine: mounts, network, processes.  Nothing of the machine is changed, and
 /// nothing stays behind when the sandbox ends, however it ends.
 ///
-/// Inside: "/etc", "/opt", "/usr/local", "/usr/lib", "/usr/lib64" are the machine's with the node's changes over them;
+/// Inside: "/etc", "/opt", "/usr/local", "/usr/lib", "/usr/lib64" are the machine's with the node's changes
+/// over them;
 /// "/run", "/tmp",
 /// "/var/log" and "/dev" are the node's own; loopback is up and alone; "/proc" shows the node's processes
 /// only.  `directory` is seen at kNodeDirectory too, whatever the new mounts hide.
