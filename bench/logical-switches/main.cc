@@ -119,6 +119,11 @@ void TakeBetter(double* best, double seconds) {
 }
 
 int Main(const char* only) {
+  if (only != nullptr && std::none_of(std::begin(kCases), std::end(kCases),
+                                      [&](const Case& c) { return std::strcmp(only, c.name) == 0; })) {
+    std::fprintf(stderr, "logical-switches: no case %s\n", only);
+    return 2;
+  }
   std::string pattern = std::filesystem::temp_directory_path() / "zem-bench-XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) return 1;
   const std::filesystem::path folder = pattern;
