@@ -62,7 +62,6 @@ constexpr const char* kHostConfigAckType = "com.orlane.zem.switching.HostConfigA
 constexpr const char* kLogicalSwitchAck = "LogicalSwitchACK";
 
 constexpr int kFirstRetryDelay = 30;  // seconds; doubled each time
-constexpr int kHostProfileFailed = 2;
 
 // Managers from 2.5 on keep logical switches in the store.
 bool KeepsLogicalSwitchesInStore(uint32_t major, uint32_t minor) {
@@ -156,11 +155,11 @@ void ZemaApp::Impl::Register() {
         provider_, [this](rmqClientMessage* message) { ZemaAppRxCallback(*message); }, kVertical, kSecondName,
         kVersionField, kTypeCode, kTimeoutUs, kIntervalUs);
   } catch (const std::exception& e) {
-    ZLOG_ERROR("41500", "[%s] Error Registering %s to MPA: %s", "Start", kVertical, e.what());
+    ZLOG_TO(kLog, kLogError, "[%s] Error Registering %s to MPA: %s", "Start", kVertical, e.what());
     throw;
   }
   if (client() == nullptr) {
-    ZLOG_ERROR("41500", "[%s] Invalid MPA Client Stub", "Start");
+    ZLOG_TO(kLog, kLogError, "[%s] Invalid MPA Client Stub", "Start");
     throw std::runtime_error("Invalid MPA Client Stub");
   }
   GetCoveDbHandler();
@@ -209,7 +208,6 @@ std::shared_ptr<zema::Realization> ZemaApp::Impl::MakeRealization() {
   settings.state = &state_;
   settings.workers = &zema::Workers();
   settings.store = GetCoveDbHandler();
-  settings.later = later_;
   settings.update_tn_uuid = [this](const std::string& id) { controller_list_.UpdateTnUuidInFile(id); };
   settings.applied = [this](const switching::HostConfigMsg& config) { CallHostConfigCallbacks(config); };
   return std::make_shared<zema::Realization>(std::move(settings));
@@ -293,10 +291,9 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
     io_.Post([this, reply_to, ack] { SendHostConfigAckMsg(reply_to, ack); });
   };
   settings.refuse_host_profile = [this](const zema::RequestOrigin& origin, const std::string& error) {
-    switching::HostProfileMsg reply;
-    reply.set_status(kHostProfileFailed);
-    reply.set_error_text(error);
-    io_.Post([this, origin, reply] { app_.HostProfileReply(origin.correlation_id, origin.reply_to, reply); });
+    io_.Post([this, origin, reply = zema::RefusedHostProfile(error)] {
+      app_.HostProfileReply(origin.correlation_id, origin.reply_to, reply);
+    });
   };
   settings.vif_result = [weak = std::weak_ptr(realization)](const std::string& rpc_id,
                                                             std::unique_ptr<zema::PortAttached> result) {

@@ -26,6 +26,14 @@ bool IsVersion70(const std::string& facts) {
 
 }  // namespace
 
+HostProfileMsg RefusedHostProfile(const std::string& error) {
+  HostProfileMsg reply;
+  reply.set_reply_marker(kReplyMarker);
+  reply.set_status(kFailure);
+  reply.set_error_text(error);
+  return reply;
+}
+
 HostProfileTask::HostProfileTask(LumCommands& lum, MpaMessageSender* sender, std::string correlation_id,
                                  std::string reply_to, HostProfileMsg message)
     : MpaMessageTask(sender, std::move(correlation_id), std::move(reply_to), std::move(message)), lum_(lum) {}
@@ -45,8 +53,7 @@ void HostProfileTask::Run() {
     reply.set_status(kSuccess);
     ZLOG_INFO("Host profile message processing Success");
   } else {
-    reply.set_status(kFailure);
-    reply.set_error_text(error);
+    reply = RefusedHostProfile(error);
     ZLOG_WARN("Host Profile message processing failed: [%s]", error.c_str());
   }
   if (sender_ == nullptr) {

@@ -9,6 +9,9 @@ namespace zem::zema {
 
 class LumCommands;
 
+/// The answer to a profile that failed.
+orlane::zem::switching::HostProfileMsg RefusedHostProfile(const std::string& error);
+
 /// Passes the host's part of a profile on to the host, and the outcome back.
 class HostProfileTask final : public MpaMessageTask<orlane::zem::switching::HostProfileMsg> {
  public:
