@@ -131,7 +131,7 @@ Realization::Result Realization::Impl::SetUp() {
   SetThreadLogContext("MainThread");
   if (!InitVersionInfo(&RunShell, &version_)) return kHostUnknown;
   if (settings_.options->Parse({}, version_.host) != 0) {
-    ZLOG_ERROR("41006", "zemaApp failed to initialize configuration...");
+    ZLOG_TO(kLog, kLogError, "zemaApp failed to initialize configuration...");
     return kBadOptions;
   }
   if (!OpenLibraries()) return kNoSwitchLibrary;
@@ -242,8 +242,8 @@ void Realization::Impl::ScheduleHighPerformance() {
   }
   HighPerformanceProfileTask::Settings settings{*lum_, *settings_.files, *high_performance_,
                                                 settings_.sender};
-  settings.host_prop = [this](const std::string& dvs, const std::string& property) {
-    return switches_->GetHostProp(dvs, property);
+  settings.host_prop = [this](const std::string& dvs, const std::string& property, std::string* value) {
+    return ports_->GetHostConfigProp(dvs, property, value);
   };
   settings.retry_interval = [options = settings_.options] {
     return options->Snapshot().high_performance_retry_interval;
@@ -369,7 +369,7 @@ void Realization::Impl::CleanUp() {
     ZLOG_ERROR("42074", "[%s] Failed to cleanup HostSwitches on host: %s", __func__,
                "failed to start lumHandler");
   } else {
-    CleanUpSwitches(true);
+    CleanUpSwitches(settings_.options->Snapshot().force);
   }
   std::string error;
   if (Tarvik::Util::ExecuteCmd(kRemovePermission, "", &error) != 0) {

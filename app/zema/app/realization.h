@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "app/zema/app/later_parts.h"
+#include "app/zema/core/mpa_message_sender.h"
 #include "app/zema/core/port_attached.h"
 #include "app/zema/core/realization_options.h"
 
@@ -42,7 +42,6 @@ class Realization {
     WorkerTable* workers = nullptr;
     /// Null on a host without store.
     std::shared_ptr<CoveDbHandler> store;
-    LaterParts later;
     std::function<void(const orlane::zem::switching::HostConfigMsg&)> applied;
     /// The controllers' file carries the transport node id.
     std::function<void(const std::string&)> update_tn_uuid;

@@ -6,6 +6,7 @@
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/qub/high_performance_profile.h"
 #include "app/zema/qub/lum_commands.h"
+#include "app/zema/qub/switch_library.h"
 #include "framework/log.h"
 #include "proto/switching/switching.pb.h"
 
@@ -52,8 +53,13 @@ void HighPerformanceProfileTask::Run() {
 
 bool HighPerformanceProfileTask::Pending(const switching::HostConfigMsg& config) const {
   return std::any_of(config.host_switches().begin(), config.host_switches().end(), [this](const auto& each) {
-    const auto value = settings_.host_prop(each.id(), kPendingUserActions);
-    return value && value->starts_with(kMaintenanceModeAction);
+    std::string value;
+    const uint32_t code = settings_.host_prop(each.id(), kPendingUserActions, &value);
+    if (code != 0 && code != kSwitchNotFound) {
+      ZLOG_ERROR("42009", " [HighPerformanceProfileTask] GetHostConfigProp err %s",
+                 SwitchErrorText(code).c_str());
+    }
+    return code == 0 && value.starts_with(kMaintenanceModeAction);
   });
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,8 +31,9 @@ class HighPerformanceProfileTask final : public Runnable {
     ConfigFiles& files;
     HighPerformanceProfile& profile;
     MpaMessageSender* sender = nullptr;
-    /// A host property of a switch.
-    std::function<std::optional<std::string>(const std::string& dvs, const std::string& property)> host_prop;
+    /// A host property of a switch; the library's code.
+    std::function<uint32_t(const std::string& dvs, const std::string& property, std::string* value)>
+        host_prop;
     /// `highPerformanceProfile.retryIntervalSec`.
     std::function<int()> retry_interval;
     /// Waits; false when the agent or its worker is stopping.

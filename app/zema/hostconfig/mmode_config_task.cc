@@ -30,11 +30,9 @@ constexpr uint32_t kProxyRefused = 8754;
 
 constexpr const char* kZemcli = "/opt/orlane/zem-cli/bin/scripts/zemcli";
 
-// The proxy is told apart from this: not at a restart, when it knows.
-void Enter(MmodeContext& context) {
+void TakeHealthDown(MmodeContext& context) {
   ZLOG_INFO("[%s] Updating zema health to down on enterTnMmode", "enterTnMmode");
   context.health.enterTnMmode();
-  context.manager.SetMaintenanceMode(true);
 }
 
 void Leave(MmodeContext& context) {
@@ -64,8 +62,9 @@ void MmodeConfigTaskQub::Apply() {
     SetProxyMaintenanceMode(false);
     Leave(*context_);
   } else {
-    Enter(*context_);
+    TakeHealthDown(*context_);
     SetProxyMaintenanceMode(true);
+    context_->manager.SetMaintenanceMode(true);
   }
 }
 
@@ -141,7 +140,9 @@ void RestoreMmode(MmodeContext& context) {
   if (stored.state() == kLeave) {
     Leave(context);
   } else {
-    Enter(context);
+    // The proxy knows already.
+    TakeHealthDown(context);
+    context.manager.SetMaintenanceMode(true);
   }
 }
 

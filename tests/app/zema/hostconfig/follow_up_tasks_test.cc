@@ -6,6 +6,7 @@
 #include "app/zema/hostconfig/ckln_hot_swap_task.h"
 #include "app/zema/hostconfig/high_performance_profile_task.h"
 #include "app/zema/qub/high_performance_profile.h"
+#include "app/zema/qub/switch_library.h"
 #include "proto/switching/switching.pb.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/app/zema/qub/fake_lum_commands.h"
@@ -75,7 +76,10 @@ class HighPerformanceTaskTest : public ::testing::Test {
     lum_.Script("fetchMMode()", {"false"});
     int paused = 0;
     HighPerformanceProfileTask::Settings settings{lum_, files_, *profile_, &sender_};
-    settings.host_prop = [this](const std::string&, const std::string&) { return property_; };
+    settings.host_prop = [this](const std::string&, const std::string&, std::string* value) {
+      *value = property_.value_or("");
+      return property_ ? 0u : kSwitchNotFound;
+    };
     settings.retry_interval = [] { return 60; };
     settings.pause = [&, pauses](Duration duration) {
       EXPECT_EQ(duration, std::chrono::seconds(60));
