@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "app/zema/common/function_task.h"
 #include "app/zema/common/task_thread.h"
 #include "app/zema/common/worker_table.h"
+#include "platform/core/condition.h"
 #include "proto/switching/switching.pb.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/support/log_capture.h"
@@ -69,7 +72,10 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
     dispatch_ = std::make_unique<MessageDispatch>(std::move(settings));
   }
 
-  ~MessageDispatchTest() override { Drain(); }
+  ~MessageDispatchTest() override {
+    workers_.StopTaskThreads();
+    workers_.DeleteTaskThreadObjects();
+  }
 
   void Detach(const switching::VifAttachmentMsg& vif) override { made_.push_back("detach " + vif.vif_id()); }
   void Restore(const switching::VifAttachmentMsg& vif) override {
@@ -80,6 +86,7 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
     return std::make_unique<FunctionTask>([this, text] {
       const std::lock_guard lock(mutex_);
       ran_.push_back(text);
+      changed_.NotifyAll();
     });
   }
 
@@ -90,11 +97,11 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
     Receive(std::string(kPrefix) + type, message.SerializeAsString());
   }
 
-  std::vector<std::string> Drain() {
-    workers_.StopTaskThreads();
-    workers_.DeleteTaskThreadObjects();
-    const std::lock_guard lock(mutex_);
-    return ran_;
+  // What the workers have run, once they ran so many.
+  std::set<std::string> Ran(size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.WaitFor(lock, std::chrono::seconds(30), [&] { return ran_.size() >= count; });
+    return {ran_.begin(), ran_.end()};
   }
 
   FakeSender sender_;
@@ -103,6 +110,7 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
   std::vector<std::string> made_;
   std::unique_ptr<PortAttached> result_;
   std::mutex mutex_;  // guards ran_
+  Condition changed_;
   std::vector<std::string> ran_;
 };
 
@@ -114,6 +122,15 @@ TEST_F(MessageDispatchTest, AHostConfigIsAcknowledgedBeforeItIsQueued) {
   Receive("HostConfigMsg", message);
   EXPECT_EQ(made_,
             std::vector<std::string>{"ack reply transport_node_id: \"tn\" id: \"c1\" revision: \"4\""});
+  EXPECT_EQ(Ran(1), std::set<std::string>{"host config corr reply 4"});
+}
+
+TEST_F(MessageDispatchTest, FullSyncsAndChecksumsReachTheirWorkers) {
+  Receive(std::string(kPrefix) + "LogicalSwitchBulkMsg", "not parsed here");
+  switching::ChecksumMsg checksum;
+  checksum.set_id("tn");
+  Receive("ChecksumMsg", checksum);
+  EXPECT_EQ(Ran(2), (std::set<std::string>{"full sync 15", "restore tn"}));
 }
 
 TEST_F(MessageDispatchTest, WhatCannotBeParsedIsToldAndDropped) {
