@@ -222,7 +222,7 @@ void Realization::Impl::MakeManagers() {
   host_config_ = std::make_shared<HostConfigContext>(HostConfigContext{
       *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
       Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
-      settings_.applied, [this](Duration duration) { return Pause(duration); }});
+      settings_.applied, [this](Duration duration) { return Pause(duration); }, port_lock_});
   vifs_ = std::make_shared<VifContext>(
       VifContext{*ports_, *manager_, *lum_, migration_, resync_, port_lock_,
                  [options] { return options->Snapshot().pre_check_health; },
