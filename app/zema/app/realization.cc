@@ -19,6 +19,7 @@
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/endpoint/endpoint_context.h"
 #include "app/zema/host/corvd_handler.h"
+#include "app/zema/host/resync_state.h"
 #include "app/zema/hostconfig/ckln_hot_swap_task.h"
 #include "app/zema/hostconfig/high_performance_profile_task.h"
 #include "app/zema/hostconfig/host_config_context.h"
@@ -91,6 +92,7 @@ class Realization::Impl {
   StopSignal stopping_;
   std::atomic<bool> high_performance_running_{false};
   MigrationRecord migration_;
+  ResyncState resync_state_;
 
   // In order of creation.
   std::unique_ptr<SwitchLibrary> library_;
@@ -292,6 +294,8 @@ WorkerFactory Realization::Impl::Factory() {
         ZLOG_WARN("the port [%s] on [%s] keeps what was written on it", port.c_str(), dvs.c_str());
       }
     });
+    handler->ServeResync({health_.get(), &Host(), &resync_state_,
+                          [options = settings_.options] { return options->Snapshot(); }});
     follow_ups_->SetHostManagement(handler.get());
     return handler;
   };
