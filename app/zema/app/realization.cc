@@ -45,7 +45,9 @@
 #include "app/zema/qub/router_ports.h"
 #include "app/zema/qub/switch_health_publisher.h"
 #include "app/zema/qub/switch_library.h"
+#include "app/zema/qub/vif_request.h"
 #include "app/zema/qub/vtep_ha_profile.h"
+#include "app/zema/vif/vif_port_handler.h"
 #include "framework/log.h"
 #include "framework/shutdown_pipe.h"
 #include "framework/util.h"
@@ -113,6 +115,10 @@ class Realization::Impl {
   std::shared_ptr<LogicalSwitchContext> logical_switches_;
   std::shared_ptr<EndpointContext> endpoint_tasks_;
   std::shared_ptr<MmodeContext> mmode_;
+  Synchronizable port_lock_;
+  ResyncState resync_;
+  StopSignal vifs_end_;
+  std::shared_ptr<VifContext> vifs_;
 
  private:
   bool OpenLibraries();
@@ -157,6 +163,8 @@ Realization::Result Realization::Impl::SetUp() {
   health_->mpaDisconnected();
   ReadStoredConfig();
   RestoreMmode(*mmode_);
+  // The manager still waits for what is written on these ports.
+  for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) follow_ups_->AddVifRequest(request);
   return kDone;
 }
 
@@ -216,9 +224,17 @@ void Realization::Impl::MakeManagers() {
       *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
       Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
       settings_.applied, [this](Duration duration) { return Pause(duration); }});
+  vifs_ = std::make_shared<VifContext>(
+      VifContext{*ports_, *manager_, *lum_, migration_, resync_, port_lock_,
+                 [options] { return options->Snapshot().pre_check_health; },
+                 [health = health_.get()] { return health->lum_ready(); }, [] { return Host().id(); },
+                 [sender = settings_.vif_sender](const ManagerSender::RestoreResponse& response) {
+                   return sender->SendVIFRestoreResponse(response);
+                 },
+                 vifs_end_});
   kinds_ = std::make_unique<PortZoneKinds>(*ports_);
-  vif_states_ = std::make_unique<PortVifStates>(*ports_, [](const std::shared_ptr<VifRequest>&) {
-    ZLOG_DEBUG("[%s] the host management handler takes no requests yet", "ProcessVif");
+  vif_states_ = std::make_unique<PortVifStates>(*ports_, [this](std::shared_ptr<VifRequest> request) {
+    follow_ups_->AddVifRequest(std::move(request));
   });
   logical_switches_ = std::make_shared<LogicalSwitchContext>(*lum_, settings_.store);
   logical_switches_->kinds = kinds_.get();
@@ -288,7 +304,7 @@ WorkerFactory Realization::Impl::Factory() {
     return std::make_unique<DbSvcTaskThread>(name, context);
   };
   factory.switch_handler = [this] {
-    auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<UnservedVifHandler>());
+    auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<VifPortHandler>(vifs_));
     handler->ServeVnics([this](const std::string& dvs, const std::string& port) {
       if (ports_->ClearPortOpaqueData(dvs, port) != 0) {
         ZLOG_WARN("the port [%s] on [%s] keeps what was written on it", port.c_str(), dvs.c_str());
@@ -440,6 +456,10 @@ std::shared_ptr<HostConfigContext> Realization::host_config() { return impl_->ho
 std::shared_ptr<LogicalSwitchContext> Realization::logical_switches() { return impl_->logical_switches_; }
 
 std::shared_ptr<MmodeContext> Realization::mmode() { return impl_->mmode_; }
+
+void Realization::AddVifRequest(std::shared_ptr<VifRequest> request) {
+  impl_->follow_ups_->AddVifRequest(std::move(request));
+}
 
 std::shared_ptr<EndpointContext> Realization::endpoints() { return impl_->endpoint_tasks_; }
 
