@@ -57,4 +57,9 @@ void FollowUps::WaitForHostManagement(int seconds) {
   left_.NotifyAll();
 }
 
+void FollowUps::AllowResync(bool allowed) {
+  const std::lock_guard lock(mutex_);
+  if (handler_ != nullptr) handler_->AllowResync(allowed);
+}
+
 }  // namespace zem::zema

@@ -50,6 +50,7 @@ class FollowUps final : public FollowUpTasks {
   }
   void ApplyHighPerformanceProfile() override { high_performance_(); }
   void WaitForHostManagement(int seconds) override;
+  void AllowResync(bool allowed) override;
   void UpdateTnUuidInFile(const std::string& id) override { update_tn_uuid_(id); }
 
  private:

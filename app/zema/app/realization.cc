@@ -94,6 +94,7 @@ class Realization::Impl {
   StopSignal stopping_;
   std::atomic<bool> high_performance_running_{false};
   MigrationRecord migration_;
+  ResyncState resync_state_;
 
   // In order of creation.
   std::unique_ptr<SwitchLibrary> library_;
@@ -115,7 +116,6 @@ class Realization::Impl {
   std::shared_ptr<EndpointContext> endpoint_tasks_;
   std::shared_ptr<MmodeContext> mmode_;
   Synchronizable port_lock_;
-  ResyncState resync_;
   StopSignal vifs_end_;
   std::shared_ptr<VifContext> vifs_;
 
@@ -224,7 +224,7 @@ void Realization::Impl::MakeManagers() {
       Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
       settings_.applied, [this](Duration duration) { return Pause(duration); }, port_lock_});
   vifs_ = std::make_shared<VifContext>(
-      VifContext{*ports_, *manager_, *lum_, migration_, resync_, port_lock_,
+      VifContext{*ports_, *manager_, *lum_, migration_, resync_state_, port_lock_,
                  [options] { return options->Snapshot().pre_check_health; },
                  [health = health_.get()] { return health->lum_ready(); }, [] { return Host().id(); },
                  [sender = settings_.vif_sender](const ManagerSender::RestoreResponse& response) {
@@ -309,6 +309,8 @@ WorkerFactory Realization::Impl::Factory() {
         ZLOG_WARN("the port [%s] on [%s] keeps what was written on it", port.c_str(), dvs.c_str());
       }
     });
+    handler->ServeResync({health_.get(), &Host(), &resync_state_,
+                          [options = settings_.options] { return options->Snapshot(); }});
     follow_ups_->SetHostManagement(handler.get());
     return handler;
   };
