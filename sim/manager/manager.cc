@@ -10,6 +10,7 @@
 #include "platform/core/timer.h"
 #include "platform/core/uuid.h"
 #include "proto/messaging/appinit.pb.h"
+#include "proto/switching/switching_unified.pb.h"
 
 namespace zem::sim {
 namespace {
@@ -45,6 +46,8 @@ std::string ToJson(const Message& message) {
 }
 
 std::unique_ptr<Message> New(const Message& prototype) { return std::unique_ptr<Message>(prototype.New()); }
+
+constexpr const char* kVifVertical = "SwitchingVertical";
 
 constexpr std::array kReports = {"HostConfigAckMsg", "TransportNodeEventMsg", "ChecksumMsg"};
 
@@ -225,6 +228,10 @@ void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnified
   GenericUnifiedMsg answer;
   *answer.mutable_ctrl_header() = request.ctrl_header();
   *answer.mutable_cookies() = request.cookies();
+  if (rule.kind == AnswerRule::Kind::kServe && !app_init && vertical == kVifVertical &&
+      AnswerVif(aph, request, answer, rule.delay, call)) {
+    return;
+  }
   const auto unified = New(known->host_prototype());
   switch (rule.kind) {
     case AnswerRule::Kind::kNever:
@@ -281,6 +288,26 @@ void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnified
   } else {
     send();
   }
+}
+
+bool Manager::AnswerVif(Aph* aph, const GenericUnifiedMsg& request, const GenericUnifiedMsg& header,
+                        Duration delay, rpc::CallHandle<GenericUnifiedMsg> call) {
+  orlane::zem::switching::SwitchingMpUnifiedMsg asked;
+  if (!vifs_.serves() || !asked.ParseFromString(request.payload()) || !asked.has_vif()) return false;
+  VifTable::Answer answer = vifs_.Ask(asked.vif());
+  if (!answer.message) return true;
+  orlane::zem::switching::SwitchingHostUnifiedMsg unified;
+  unified.set_allocated_vif(answer.message.release());
+  SetType(&unified, TypeOf(asked));
+  GenericUnifiedMsg message = header;
+  message.set_payload(unified.SerializeAsString());
+  auto send = [call, message]() mutable { call.Finish(message); };
+  if (delay + answer.delay > Duration::zero()) {
+    aph->provider().timers().Schedule(delay + answer.delay, send);
+  } else {
+    send();
+  }
+  return true;
 }
 
 std::string Manager::Send(const SendRequest& request, std::function<void(HostAnswer)> done) {

@@ -11,13 +11,14 @@
 
 #include "sim/manager/aph.h"
 #include "sim/manager/proxy.h"
+#include "sim/manager/vif_table.h"
 
 namespace zem::sim {
 
 /// How the manager answers a host's requests.
 struct AnswerRule {
   enum class Kind {
-    kServe,      // app-init with its config, everything else with the message that came
+    kServe,      // app-init with its config, a VIF from the table, everything else with the message that came
     kStatus,     // with `status`
     kNever,      // not at all
     kGarbage,    // with bytes that do not parse
@@ -102,6 +103,9 @@ class Manager {
   /// The answer's unified message as JSON.
   static std::string AnswerJson(const std::string& vertical, const HostAnswer& answer);
 
+  /// Where VIFs are; it answers requests about them once it knows a logical switch.
+  VifTable& vifs() { return vifs_; }
+
   std::vector<Received> ReceivedFrom(const std::string& vertical, uint64_t after) const;
   uint64_t received_count() const;
   /// App-init requests of a vertical that were served by the present master since it became one.
@@ -114,10 +118,14 @@ class Manager {
                const GenericUnifiedMsg& message, bool publish, bool* app_init);
   void Answer(Aph* aph, const std::string& vertical, const GenericUnifiedMsg& request, bool app_init,
               rpc::CallHandle<GenericUnifiedMsg> call);
+  /// False when the request is not one for the table.
+  bool AnswerVif(Aph* aph, const GenericUnifiedMsg& request, const GenericUnifiedMsg& header, Duration delay,
+                 rpc::CallHandle<GenericUnifiedMsg> call);
   void PublishLocked();
   AnswerRule TakeRule(const std::string& vertical, bool app_init);
 
   const Options options_;
+  VifTable vifs_;
 
   mutable std::mutex mutex_;  // guards all below
   std::shared_ptr<Proxy> proxy_;

@@ -14,6 +14,7 @@
 #include "sim/dataplane/dataplane_commands.h"
 #include "sim/host/host_commands.h"
 #include "sim/manager/manager_commands.h"
+#include "sim/manager/vif_commands.h"
 #include "sim/node/raw_sockets.h"
 #include "sim/node/sandbox.h"
 #include "sim/switch/switch_commands.h"
@@ -71,6 +72,7 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
 
   RegisterStoreCommands(store_commands_, *store_, registry_);
   RegisterManagerCommands(manager_commands_, *manager_);
+  RegisterVifCommands(manager_commands_, *manager_);
   RegisterDataplaneCommands(dataplane_commands_, *dataplane_);
   RegisterHostCommands(host_commands_, host_state_);
   RegisterSwitchCommands(commands_, switch_state_, libraries_);
