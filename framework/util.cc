@@ -1,19 +1,24 @@
 #include "framework/util.h"
 
 #include <signal.h>
+#include <sys/syscall.h>
+#include <sys/timerfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "framework/child_process.h"
 #include "framework/log.h"
 #include "framework/shutdown_pipe.h"
 #include "platform/core/poll.h"
+#include "platform/core/unique_fd.h"
 #include "platform/core/unix_socket.h"
 #include "platform/knluser/knluser.h"
 
@@ -25,6 +30,7 @@ constexpr LogSource kLog{"tarvik", "framework"};
 constexpr int kConnectRetries = 60;
 constexpr int kInterruptWaitSeconds = 10;
 constexpr size_t kReadPiece = 1023;
+constexpr int kAskedToEndMs = 2000;
 constexpr size_t kMaxCommandOutput = 16 * 1024 * 1024;
 
 // After an interrupt: true when the caller shall go on.
@@ -33,26 +39,78 @@ bool GoesOnAfterInterrupt() {
   return Util::IsReadyToBeRead(-1, &shutdown, kInterruptWaitSeconds) >= 0 && !shutdown;
 }
 
-// What ends the reading of a command's output before its end.
-enum class ReadEnd { kWhole, kShutdown, kTooMuch, kFailed };
+// What ends a command.
+enum class CommandEnd { kWhole, kShutdown, kStopped, kTooLong, kTooMuch, kFailed };
 
-ReadEnd ReadToEnd(int fd, std::string* output) {
+constexpr const char* kEndTexts[] = {
+    "", "stopped by the shutdown", "stopped", "took too long", "output is longer than 16 MiB", "read failed",
+};
+
+// Waits for one descriptor of a command within its bounds.
+class CommandWait {
+ public:
+  explicit CommandWait(const Util::CommandBounds& bounds)
+      : stop_fd_(bounds.stop_fd), timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(bounds.limit);
+    itimerspec due{};
+    due.it_value.tv_sec = seconds.count();
+    // Never 0, which would be no limit at all.
+    due.it_value.tv_nsec = std::max<long>((bounds.limit - seconds).count(), 1);
+    if (timer_) ::timerfd_settime(timer_.get(), 0, &due, nullptr);
+  }
+
+  // kWhole: it is ready.
+  CommandEnd For(int fd) const {
+    if (!timer_ || fd < 0) return CommandEnd::kFailed;
+    for (;;) {
+      pollfd waits[] = {
+          {fd, POLLIN, 0}, {fdShutdown[0], POLLIN, 0}, {stop_fd_, POLLIN, 0}, {timer_.get(), POLLIN, 0}};
+      const int ready = PollIdle(waits, std::size(waits), -1);
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready < 0) return CommandEnd::kFailed;
+      if (waits[1].revents != 0) return CommandEnd::kShutdown;
+      if (waits[2].revents != 0) return CommandEnd::kStopped;
+      if (waits[3].revents != 0) return CommandEnd::kTooLong;
+      return CommandEnd::kWhole;
+    }
+  }
+
+ private:
+  const int stop_fd_;
+  const UniqueFd timer_;
+};
+
+CommandEnd ReadToEnd(int fd, const CommandWait& wait, std::string* output) {
   const size_t limit = output->size() + kMaxCommandOutput;
   char piece[kReadPiece];
   for (;;) {
-    bool shutdown = false;
-    const int ready = Util::IsReadyToBeRead(fd, &shutdown, 1);
-    if (shutdown) return ReadEnd::kShutdown;
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready < 0) return ReadEnd::kFailed;
-    if (ready == 0) continue;
+    if (const CommandEnd end = wait.For(fd); end != CommandEnd::kWhole) return end;
     const ssize_t got = ::read(fd, piece, sizeof(piece));
-    if (got == 0) return ReadEnd::kWhole;
+    if (got == 0) return CommandEnd::kWhole;
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return ReadEnd::kFailed;
-    if (output->size() + static_cast<size_t>(got) > limit) return ReadEnd::kTooMuch;
+    if (got < 0) return CommandEnd::kFailed;
+    if (output->size() + static_cast<size_t>(got) > limit) return CommandEnd::kTooMuch;
     output->append(piece, static_cast<size_t>(got));
   }
+}
+
+UniqueFd OpenProcess(pid_t pid) { return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))); }
+
+// One that has closed its output may go on for long.
+CommandEnd WaitToEnd(pid_t pid, const CommandWait& wait) {
+  const UniqueFd process = OpenProcess(pid);
+  // A system that gives none leaves the waiting to the close.
+  return process ? wait.For(process.get()) : CommandEnd::kWhole;
+}
+
+// At the shutdown it is asked first.
+void EndGroup(pid_t pid, bool ask) {
+  if (ask && ::kill(-pid, SIGTERM) == 0) {
+    const UniqueFd process = OpenProcess(pid);
+    pollfd wait{process.get(), POLLIN, 0};
+    PollIdle(&wait, 1, kAskedToEndMs);
+  }
+  ::kill(-pid, SIGKILL);
 }
 
 }  // namespace
@@ -240,6 +298,11 @@ int ExecuteCmd(const std::string& command, std::string_view input, std::string* 
 }
 
 int ReadCmdOutput(const std::string& command, std::string* output, std::string* error) {
+  return ReadCmdOutput(command, output, error, CommandBounds());
+}
+
+int ReadCmdOutput(const std::string& command, std::string* output, std::string* error,
+                  const CommandBounds& bounds) {
   std::fflush(stdout);
   KnluserCompat_Pipe handle{-1, -1};
   if (const int result = KnluserCompat_POpen(command.c_str(), "r", &handle); result != 0) {
@@ -248,25 +311,16 @@ int ReadCmdOutput(const std::string& command, std::string* output, std::string* 
     *error = "KnluserCompat_POpen failed";
     return -1;
   }
-  const ReadEnd end = ReadToEnd(handle.fd, output);
-  if (end != ReadEnd::kWhole) ::kill(handle.pid, end == ReadEnd::kShutdown ? SIGTERM : SIGKILL);
+  const CommandWait wait(bounds);
+  CommandEnd end = ReadToEnd(handle.fd, wait, output);
+  if (end == CommandEnd::kWhole) end = WaitToEnd(handle.pid, wait);
+  if (end != CommandEnd::kWhole) EndGroup(handle.pid, end == CommandEnd::kShutdown);
   const int status = ClosePipeQub(&handle, error);
   if (status < 0) {
     ZLOG_ERROR("ERR_QUB_PCLOSE_FAIL", "ClosePipeQub failed %s: %s", command.c_str(), error->c_str());
   }
-  switch (end) {
-    case ReadEnd::kWhole:
-      return status;
-    case ReadEnd::kShutdown:
-      *error = "stopped by the shutdown";
-      return -1;
-    case ReadEnd::kTooMuch:
-      *error = "output is longer than 16 MiB";
-      return -1;
-    case ReadEnd::kFailed:
-      *error = "read failed";
-      return -1;
-  }
+  if (end == CommandEnd::kWhole) return status;
+  *error = kEndTexts[static_cast<size_t>(end)];
   return -1;
 }
 

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/core/clock.h"
+
 struct KnluserCompat_Pipe;
 
 /// Commands, pipes and sockets of the host.  All waits end at the daemon's shutdown.  From any thread; they
@@ -45,7 +47,18 @@ int ClosePipeQub(KnluserCompat_Pipe* handle, std::string* error);
 /// Runs a shell command with `input` on its standard input.  The exit code, or -1 with `*error` set.
 [[nodiscard]] int ExecuteCmd(const std::string& command, std::string_view input, std::string* error);
 
+/// What ends a command before its own end, besides the shutdown; with it goes all that it has started.
+struct CommandBounds {
+  /// Real time, as the command's own.
+  Duration limit = std::chrono::minutes(2);
+  /// -1, or a descriptor that becomes readable when the command has to end.
+  int stop_fd = -1;
+};
+
 /// Runs a shell command and appends what it prints (at most 16 MiB).  The exit code, or -1 with `*error` set.
+[[nodiscard]] int ReadCmdOutput(const std::string& command, std::string* output, std::string* error,
+                                const CommandBounds& bounds);
+/// The same with the usual bounds.
 [[nodiscard]] int ReadCmdOutput(const std::string& command, std::string* output, std::string* error);
 
 std::string GetErrMsg(int error);

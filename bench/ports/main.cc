@@ -119,7 +119,6 @@ bool BareIs(const SwitchLibrary::Calls& calls, const char* port, const char* pro
 size_t BareFind(const SwitchLibrary::Calls& calls, const char* vif) {
   size_t hits = 0;
   BareList(calls, [&](const char* port) {
-    if (!BareIs(calls, port, port_props::kOpaqueNetworkId, kLs)) return;
     if (BareIs(calls, port, port_props::kExternalId, vif)) ++hits;
   });
   return hits;

@@ -20,4 +20,8 @@ inline int PollIdle(pollfd* descriptors, nfds_t count, int timeout_ms) {
   return ready;
 }
 
+/// poll() until a moment of the process's clock, which on a virtual one is when everybody waits.  Gives what
+/// poll() gives; the moment itself is 0.
+int PollUntil(pollfd* descriptors, nfds_t count, TimePoint deadline);
+
 }  // namespace zem

@@ -98,7 +98,8 @@ int KnluserCompat_POpen(const char* command, const char* mode, KnluserCompat_Pip
   const int descriptors[3] = {reads ? STDIN_FILENO : read_end.get(), reads ? write_end.get() : STDOUT_FILENO,
                               STDERR_FILENO};
   pid_t pid = -1;
-  if (const int result = KnluserCompat_ForkExec(argv, environ, descriptors, 0, &pid); result != 0)
+  if (const int result = KnluserCompat_ForkExec(argv, environ, descriptors, KNLUSER_NEW_GROUP, &pid);
+      result != 0)
     return result;
   handle->fd = reads ? read_end.Release() : write_end.Release();
   handle->pid = pid;

@@ -15,7 +15,7 @@ typedef struct KnluserCompat_Pipe {
 } KnluserCompat_Pipe;
 
 /// Runs `command` by "/bin/sh -c" with a pipe: mode "r" reads its standard output, "w" writes its standard
-/// input. EINVAL for another mode.
+/// input.  The child leads a process group of its own.  EINVAL for another mode.
 int KnluserCompat_POpen(const char* command, const char* mode, KnluserCompat_Pipe* handle);
 
 /// The child leads a process group of its own, so that a signal to the group reaches what it started.

@@ -12,6 +12,7 @@
 #include "platform/core/unix_socket.h"
 #include "platform/core/virtual_clock.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process_end.h"
 #include "tests/support/temp_dir.h"
 
 namespace zem::Tarvik {
@@ -159,6 +160,42 @@ TEST_F(UtilTest, EndlessOutputIsCut) {
   Thread stopper([] { CloseShutdownPipe(); });
   EXPECT_EQ(Util::ReadCmdOutput("exec sleep 600", &output, &error), -1);
   EXPECT_EQ(error, "stopped by the shutdown");
+}
+
+// A tool that hangs must not hold its caller, nor leave anything behind.
+TEST_F(UtilTest, ACommandHasBounds) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const UniqueFd stop(ends[0]);
+  const UniqueFd stopper(ends[1]);
+  const std::string tell = "echo $! > " + directory_.Path("pid") + "; ";
+  struct Case {
+    std::string command;
+    Util::CommandBounds bounds;
+    int result;
+    const char* error;
+  };
+  const Case cases[] = {
+      {"exec sleep 600", {std::chrono::milliseconds(20)}, -1, "took too long"},
+      {"exec >&-; sleep 600", {std::chrono::milliseconds(20)}, -1, "took too long"},
+      {"while :; do echo x; sleep 0.01; done", {std::chrono::milliseconds(50)}, -1, "took too long"},
+      {"sleep 600 & " + tell + "sleep 600", {std::chrono::milliseconds(200)}, -1, "took too long"},
+      {"exit 3", {std::chrono::minutes(1), stop.get()}, 3, ""},
+      {"sleep 600 & " + tell + "read x", {std::chrono::minutes(10), stop.get()}, -1, "stopped"},
+  };
+  for (const Case& c : cases) {
+    if (std::string(c.error) == "stopped") {
+      ASSERT_EQ(::write(stopper.get(), "x", 1), 1);
+    }
+    std::string output;
+    std::string error;
+    EXPECT_EQ(Util::ReadCmdOutput(c.command, &output, &error, c.bounds), c.result) << c.command;
+    EXPECT_EQ(error, c.error) << c.command;
+    const std::string child = directory_.Read("pid");
+    if (child.empty()) continue;
+    EXPECT_TRUE(test::HasEnded(std::stoi(child))) << c.command;
+    directory_.Write("pid", "");
+  }
 }
 
 TEST_F(UtilTest, ForkedCommand) {

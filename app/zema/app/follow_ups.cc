@@ -2,14 +2,32 @@
 
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
 #include "app/zema/host/corvd_handler.h"
+#include "app/zema/qub/vif_request.h"
+#include "framework/log.h"
 
 namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+}  // namespace
 
 void FollowUps::SetHostManagement(CorvdHandler* handler) {
   std::unique_lock lock(mutex_);
   if (handler == nullptr && handler_ != nullptr) handler_->Stop();
   handler_ = handler;
   left_.Wait(lock, [this] { return waiting_ == 0; });
+}
+
+void FollowUps::AddVifRequest(std::shared_ptr<VifRequest> request) {
+  const std::lock_guard lock(mutex_);
+  if (handler_ != nullptr) return handler_->AddRequest(std::move(request));
+  ZLOG_INFO("no host management to serve [%s]", request->ToString().c_str());
+}
+
+void FollowUps::SetPrecreatedPorts(std::shared_ptr<PrecreatedPorts::Map> ports) {
+  const std::lock_guard lock(mutex_);
+  if (handler_ != nullptr) handler_->SetPrecreatedPorts(std::move(ports));
 }
 
 void FollowUps::FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int retries) {
@@ -37,6 +55,11 @@ void FollowUps::WaitForHostManagement(int seconds) {
   lock.lock();
   --waiting_;
   left_.NotifyAll();
+}
+
+void FollowUps::AllowResync(bool allowed) {
+  const std::lock_guard lock(mutex_);
+  if (handler_ != nullptr) handler_->AllowResync(allowed);
 }
 
 }  // namespace zem::zema

@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 
+#include "app/zema/host/precreated_ports.h"
 #include "app/zema/hostconfig/follow_up_tasks.h"
 #include "platform/core/condition.h"
 
@@ -11,6 +12,7 @@ namespace zem::zema {
 
 class CorvdHandler;
 struct EndpointContext;
+struct VifRequest;
 
 /// What this host does after a configuration.
 ///
@@ -19,6 +21,11 @@ class FollowUps final : public FollowUpTasks {
  public:
   /// Null when it goes: it is told to stop, and nobody waits for it any more when this returns.
   void SetHostManagement(CorvdHandler* handler);
+
+  /// A request for the threads of the host management; dropped while there is none.  Does not wait.
+  void AddVifRequest(std::shared_ptr<VifRequest> request);
+  /// Ports that wait for their VIFs.
+  void SetPrecreatedPorts(std::shared_ptr<PrecreatedPorts::Map> ports);
 
   /// Before the first configuration.
   void SetEndpoints(std::shared_ptr<EndpointContext> endpoints) { endpoints_ = std::move(endpoints); }
@@ -43,6 +50,7 @@ class FollowUps final : public FollowUpTasks {
   }
   void ApplyHighPerformanceProfile() override { high_performance_(); }
   void WaitForHostManagement(int seconds) override;
+  void AllowResync(bool allowed) override;
   void UpdateTnUuidInFile(const std::string& id) override { update_tn_uuid_(id); }
 
  private:

@@ -19,6 +19,7 @@
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/endpoint/endpoint_context.h"
 #include "app/zema/host/corvd_handler.h"
+#include "app/zema/host/resync_state.h"
 #include "app/zema/hostconfig/ckln_hot_swap_task.h"
 #include "app/zema/hostconfig/high_performance_profile_task.h"
 #include "app/zema/hostconfig/host_config_context.h"
@@ -44,7 +45,9 @@
 #include "app/zema/qub/router_ports.h"
 #include "app/zema/qub/switch_health_publisher.h"
 #include "app/zema/qub/switch_library.h"
+#include "app/zema/qub/vif_request.h"
 #include "app/zema/qub/vtep_ha_profile.h"
+#include "app/zema/vif/vif_port_handler.h"
 #include "framework/log.h"
 #include "framework/shutdown_pipe.h"
 #include "framework/util.h"
@@ -91,6 +94,7 @@ class Realization::Impl {
   StopSignal stopping_;
   std::atomic<bool> high_performance_running_{false};
   MigrationRecord migration_;
+  ResyncState resync_state_;
 
   // In order of creation.
   std::unique_ptr<SwitchLibrary> library_;
@@ -111,6 +115,9 @@ class Realization::Impl {
   std::shared_ptr<LogicalSwitchContext> logical_switches_;
   std::shared_ptr<EndpointContext> endpoint_tasks_;
   std::shared_ptr<MmodeContext> mmode_;
+  Synchronizable port_lock_;
+  StopSignal vifs_end_;
+  std::shared_ptr<VifContext> vifs_;
 
  private:
   bool OpenLibraries();
@@ -155,6 +162,8 @@ Realization::Result Realization::Impl::SetUp() {
   health_->mpaDisconnected();
   ReadStoredConfig();
   RestoreMmode(*mmode_);
+  // The manager still waits for what is written on these ports.
+  for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) follow_ups_->AddVifRequest(request);
   return kDone;
 }
 
@@ -213,10 +222,18 @@ void Realization::Impl::MakeManagers() {
   host_config_ = std::make_shared<HostConfigContext>(HostConfigContext{
       *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
       Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
-      settings_.applied, [this](Duration duration) { return Pause(duration); }});
+      settings_.applied, [this](Duration duration) { return Pause(duration); }, port_lock_});
+  vifs_ = std::make_shared<VifContext>(
+      VifContext{*ports_, *manager_, *lum_, migration_, resync_state_, port_lock_,
+                 [options] { return options->Snapshot().pre_check_health; },
+                 [health = health_.get()] { return health->lum_ready(); }, [] { return Host().id(); },
+                 [sender = settings_.vif_sender](const ManagerSender::RestoreResponse& response) {
+                   return sender->SendVIFRestoreResponse(response);
+                 },
+                 vifs_end_});
   kinds_ = std::make_unique<PortZoneKinds>(*ports_);
-  vif_states_ = std::make_unique<PortVifStates>(*ports_, [](const std::shared_ptr<VifRequest>&) {
-    ZLOG_DEBUG("[%s] the host management handler takes no requests yet", "ProcessVif");
+  vif_states_ = std::make_unique<PortVifStates>(*ports_, [this](std::shared_ptr<VifRequest> request) {
+    follow_ups_->AddVifRequest(std::move(request));
   });
   logical_switches_ = std::make_shared<LogicalSwitchContext>(*lum_, settings_.store);
   logical_switches_->kinds = kinds_.get();
@@ -286,12 +303,16 @@ WorkerFactory Realization::Impl::Factory() {
     return std::make_unique<DbSvcTaskThread>(name, context);
   };
   factory.switch_handler = [this] {
-    auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<UnservedVifHandler>());
+    auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<VifPortHandler>(vifs_));
     handler->ServeVnics([this](const std::string& dvs, const std::string& port) {
       if (ports_->ClearPortOpaqueData(dvs, port) != 0) {
         ZLOG_WARN("the port [%s] on [%s] keeps what was written on it", port.c_str(), dvs.c_str());
       }
     });
+    ResyncThread::Settings resync{health_.get(), &Host(), &resync_state_,
+                                  [options = settings_.options] { return options->Snapshot(); }};
+    resync.read_ports = [this] { ports_->RefreshVifIndex(); };
+    handler->ServeResync(std::move(resync));
     follow_ups_->SetHostManagement(handler.get());
     return handler;
   };
@@ -436,6 +457,10 @@ std::shared_ptr<HostConfigContext> Realization::host_config() { return impl_->ho
 std::shared_ptr<LogicalSwitchContext> Realization::logical_switches() { return impl_->logical_switches_; }
 
 std::shared_ptr<MmodeContext> Realization::mmode() { return impl_->mmode_; }
+
+void Realization::AddVifRequest(std::shared_ptr<VifRequest> request) {
+  impl_->follow_ups_->AddVifRequest(std::move(request));
+}
 
 std::shared_ptr<EndpointContext> Realization::endpoints() { return impl_->endpoint_tasks_; }
 

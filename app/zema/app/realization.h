@@ -25,6 +25,7 @@ struct EndpointContext;
 struct HostConfigState;
 struct LogicalSwitchContext;
 struct MmodeContext;
+struct VifRequest;
 
 /// Everything that one start of the realization sets up, and that the next try makes anew.
 ///
@@ -79,6 +80,8 @@ class Realization {
   std::shared_ptr<LogicalSwitchContext> logical_switches();
   std::shared_ptr<EndpointContext> endpoints();
   std::shared_ptr<MmodeContext> mmode();
+  /// For the threads that serve the host's own requests; does not wait.
+  void AddVifRequest(std::shared_ptr<VifRequest> request);
   void SetVifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result);
 
   /// Empty, or what went wrong.

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "app/zema/app/host_vif_requests.h"
 #include "app/zema/app/io_service.h"
 #include "app/zema/app/message_dispatch.h"
 #include "app/zema/app/realization.h"
@@ -295,12 +296,16 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
       app_.HostProfileReply(origin.correlation_id, origin.reply_to, reply);
     });
   };
-  settings.vif_result = [weak = std::weak_ptr(realization)](const std::string& rpc_id,
-                                                            std::unique_ptr<zema::PortAttached> result) {
+  const std::weak_ptr<zema::Realization> weak = realization;
+  settings.vif_result = [weak](const std::string& rpc_id, std::unique_ptr<zema::PortAttached> result) {
     if (const auto live = weak.lock()) live->SetVifResult(rpc_id, std::move(result));
   };
   settings.later = later_;
   settings.later.maintenance = std::make_shared<zema::HostMaintenanceTasks>(realization->mmode());
+  settings.later.vif_requests =
+      std::make_shared<zema::HostVifRequests>([weak](std::shared_ptr<zema::VifRequest> request) {
+        if (const auto live = weak.lock()) live->AddVifRequest(std::move(request));
+      });
   settings.later.endpoints = std::make_shared<zema::HostEndpointTasks>(realization->endpoints());
   auto dispatch = std::make_shared<zema::MessageDispatch>(std::move(settings));
   const std::lock_guard lock(mutex_);

@@ -140,10 +140,7 @@ void ZemManager::Call(const Texts& texts, VifSender::Attachment attachment, cons
               rpc_id.c_str(), message_id.c_str(), attachment.vif_id.c_str(), attachment.gcf_path.c_str());
     return;
   } else {
-    // A wait of 0 seconds would have no end.
-    const int left = static_cast<int>(timeout - elapsed());
-    if (left > 0 && waiter->Wait(left) == 1) {
-      if (auto result = GetResultOfPendingRPC(rpc_id)) *out = std::move(*result);
+    if (WaitForResult(rpc_id, waiter, static_cast<int>(timeout - elapsed()), out)) {
       ZLOG_INFO("[%s] RPC call [%s] to ZEM management plane completed in [%ld] sec\n", texts.operation,
                 rpc_id.c_str(), static_cast<long>(elapsed()));
     } else {
@@ -154,6 +151,43 @@ void ZemManager::Call(const Texts& texts, VifSender::Attachment attachment, cons
   }
   if (!out->error.empty()) TagError(out->error);
   if (wait) Forget(rpc_id);
+}
+
+// The thread may be notified for other reasons, such as its own end: only an answer is an answer.
+bool ZemManager::WaitForResult(const std::string& rpc_id, Thread* waiter, int seconds, PortAttached* out) {
+  const TimePoint deadline = Clock::Process().Now() + std::chrono::seconds(seconds);
+  while (!ended()) {
+    // A wait of 0 seconds would have no end.
+    const auto left = std::chrono::ceil<std::chrono::seconds>(deadline - Clock::Process().Now());
+    if (left.count() <= 0 || waiter->Wait(static_cast<int>(left.count())) != 1) return false;
+    if (auto result = GetResultOfPendingRPC(rpc_id)) {
+      *out = std::move(*result);
+      return true;
+    }
+  }
+  return false;
+}
+
+bool ZemManager::ended() {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  return ended_;
+}
+
+// A caller that has not yet begun to wait holds its monitor until it has, or sees the end before.
+void ZemManager::EndWaits() {
+  std::list<Thread*> waiters;
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    ended_ = true;
+    for (const auto& [rpc_id, pending] : pending_) {
+      if (pending.waiter != nullptr) waiters.push_back(pending.waiter);
+    }
+  }
+  for (Thread* const waiter : waiters) {
+    waiter->Lock();
+    waiter->Notify();
+    waiter->Unlock();
+  }
 }
 
 bool ZemManager::MP_UpdateVnicAttachment(const std::string& op_id, const std::string& vif_id,

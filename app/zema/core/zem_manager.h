@@ -88,6 +88,9 @@ class ZemManager : public Synchronizable {
   /// A copy of the answer: a second one may replace it at any time.  Nothing while there is none.
   std::optional<PortAttached> GetResultOfPendingRPC(const std::string& rpc_id);
 
+  /// Nobody waits any more: calls that wait, and those to come, end as if the manager had not answered.
+  void EndWaits();
+
   void SetMaintenanceMode(bool on);
   bool InMaintenanceMode();
 
@@ -100,6 +103,8 @@ class ZemManager : public Synchronizable {
   };
   struct Texts;
 
+  bool WaitForResult(const std::string& rpc_id, Thread* waiter, int seconds, PortAttached* out);
+  bool ended();
   std::string RegisterRpc(const std::string& op_id, Thread* waiter, bool wait);
   void Forget(const std::string& rpc_id);
   void Call(const Texts& texts, VifSender::Attachment attachment, const std::string& op_id, Thread* waiter,
@@ -109,6 +114,7 @@ class ZemManager : public Synchronizable {
   const Settings settings_;
   // The object's own lock guards what follows.
   bool maintenance_mode_ = false;
+  bool ended_ = false;
   std::map<std::string, Pending> pending_;
 };
 

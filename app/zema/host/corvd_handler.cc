@@ -66,14 +66,38 @@ void CorvdHandler::ServeVnics(VifDvportThread::ClearPortFunction clear_port, std
       std::move(socket));
 }
 
-void CorvdHandler::Run() {
-  SetThreadLogContext(kTag);
-  ZLOG_INFO("[%s] CorvdHandler started...\n", kTag);
+void CorvdHandler::ServeResync(ResyncThread::Settings settings) {
+  resync_ = std::make_unique<ResyncThread>(std::move(settings), *vif_handler_);
+}
+
+void CorvdHandler::StartSources() {
+  if (resync_ && resync_->Wanted()) {
+    ZLOG_INFO("[%s] starting resync thread\n", kTag);
+    resync_->Start();
+    ZLOG_INFO("[%s] started resync thread\n", kTag);
+  }
   if (vnics_) {
     ZLOG_INFO("[%s] creating VifDvportThread\n", kTag);
     vnics_->Start();
   }
   pool_.Start();
+}
+
+void CorvdHandler::EndSources() {
+  const bool resyncs = resync_ && resync_->ThreadId() != Thread::kNotStarted;
+  if (resyncs) resync_->Stop();
+  vnics_.reset();
+  pool_.Stop();
+  if (!resyncs) return;
+  vif_handler_->EndWaits();
+  resync_->EndWait();
+  resync_->Join();
+}
+
+void CorvdHandler::Run() {
+  SetThreadLogContext(kTag);
+  ZLOG_INFO("[%s] CorvdHandler started...\n", kTag);
+  StartSources();
   Close();
   while (!stopped()) {
     SetThreadName("zema:Corvd_st");
@@ -86,8 +110,7 @@ void CorvdHandler::Run() {
     if (!served && Pause()) break;
   }
   SetThreadName("zema:CorvdComplete");
-  vnics_.reset();
-  pool_.Stop();
+  EndSources();
   Close();
   ZLOG_INFO("[%s] CorvdHandler ended\n", kTag);
 }

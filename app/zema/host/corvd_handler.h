@@ -8,6 +8,7 @@
 #include "app/zema/common/thread.h"
 #include "app/zema/host/handler_pool.h"
 #include "app/zema/host/precreated_ports.h"
+#include "app/zema/host/resync_thread.h"
 #include "app/zema/host/vif_dvport_thread.h"
 #include "app/zema/host/vif_handler.h"
 #include "platform/core/clock.h"
@@ -61,6 +62,14 @@ class CorvdHandler final : public Thread {
   void ServeVnics(VifDvportThread::ClearPortFunction clear_port,
                   std::string socket = VifDvportThread::kSocket);
 
+  /// Before the start: the comparison with the host, which begins and ends with the handler.
+  void ServeResync(ResyncThread::Settings settings);
+
+  /// False while the host's switches change.
+  void AllowResync(bool allowed) {
+    if (resync_) resync_->Allow(allowed);
+  }
+
   HandlerPool& pool() { return pool_; }
 
  private:
@@ -73,6 +82,8 @@ class CorvdHandler final : public Thread {
   int ReplyToCorvd(const CorvdRequest& request, const std::string& payload);
   bool stopped();
   void Close();
+  void StartSources();
+  void EndSources();
 
   HealthRecord& health_;
   const std::unique_ptr<VifHandler> vif_handler_;
@@ -93,7 +104,8 @@ class CorvdHandler final : public Thread {
   bool stopped_ = false;
   int waiters_ = 0;
 
-  HandlerPool pool_;                        // ends before what it uses
+  HandlerPool pool_;  // ends before what it uses
+  std::unique_ptr<ResyncThread> resync_;
   std::unique_ptr<VifDvportThread> vnics_;  // ends first
 };
 

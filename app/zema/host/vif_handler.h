@@ -20,12 +20,4 @@ class VifHandler {
   virtual void EndWaits() {}
 };
 
-/// For a host whose ports are not served: says so to everybody who asks for a port's change.
-class UnservedVifHandler final : public VifHandler {
- public:
-  static constexpr const char* kNotServed = "port operations are not served on this host";
-
-  void DoVifPortOperation(VifRequest& request, Thread& waiter) override;
-};
-
 }  // namespace zem::zema

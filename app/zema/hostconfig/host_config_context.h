@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include "app/zema/common/synchronizable.h"
 #include "app/zema/covedb/raw_bus_message.h"
 #include "platform/core/clock.h"
 
@@ -50,6 +51,8 @@ struct HostConfigContext {
   std::function<void(const orlane::zem::switching::HostConfigMsg&)> applied;
   /// Waits; false when the daemon is stopping.
   std::function<bool(Duration)> pause;
+  /// Held across each sequence of changes to a port, here as on the threads that serve VIFs.
+  Synchronizable& port_lock;
 };
 
 }  // namespace zem::zema

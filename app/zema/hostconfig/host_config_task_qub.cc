@@ -219,6 +219,11 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
     return Switches::kNotReached;
   }
   InterfaceMigrationSettings settings = MigrationSettings(context_->ports, options_);
+  settings.create_port = [this, create = std::move(settings.create_port)](
+                             const auto& entry, const std::string& zone, std::string* error) {
+    const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
+    return create(entry, zone, error);
+  };
   settings.set_del_zem_running = [this](bool on) { context_->state.del_zem_running = on; };
   settings.flush_desired_config = [this] {
     if (context_->store != nullptr) context_->store->FlushDesiredConfig();
@@ -274,7 +279,9 @@ bool HostConfigTaskQub::ConfigureDvses(bool upgrade, InterfaceMigration& migrati
     return application.InvokeApplyHostSwitch(records, &message_, migration_map_, migrated, vteps_);
   };
   DvsConfiguration configuration(context_->lum, errors_, std::move(settings));
-  return configuration.ConfigureDvses(message_, &migrated) == 0;
+  const bool configured = configuration.ConfigureDvses(message_, &migrated) == 0;
+  context_->ports.ForgetVifIndex();
+  return configured;
 }
 
 bool HostConfigTaskQub::ReadSwitches(bool reset, std::vector<HostDvs>* switches) {

@@ -35,6 +35,7 @@ bool SetWithRetries(HostConfigContext& context, const std::string& dvs, const st
 }
 
 bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::string& port, bool security) {
+  const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   Tie tie;
   context.ports.GetPortExtraConfig(dvs, port, port_props::kExternalId, &tie.vif);
   context.ports.GetPortExtraConfig(dvs, port, port_props::kLogicalPortId, &tie.logical_port);

@@ -13,6 +13,9 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kScript = "python3 /usr/lib/orlane/high-performance-dp/hp_dp_script.py -d ";
 
+// It reconfigures a datapath, which takes its time.
+constexpr Duration kScriptLimit = std::chrono::minutes(10);
+
 // The script's exit codes.
 constexpr int kApplied = 0;
 constexpr int kNotInMaintenanceMode = 1;
@@ -67,7 +70,7 @@ std::string Quoted(const std::string& name) {
 
 int RunShell(const std::string& command, std::string* output) {
   std::string error;
-  const int code = Tarvik::Util::ReadCmdOutput(command, output, &error);
+  const int code = Tarvik::Util::ReadCmdOutput(command, output, &error, {kScriptLimit});
   if (code < 0) *output += error;
   return code;
 }

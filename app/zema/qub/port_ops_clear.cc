@@ -2,8 +2,8 @@
 #include "app/zema/qub/port_file.h"
 #include "app/zema/qub/port_ops_manager.h"
 #include "app/zema/qub/port_props.h"
-#include "app/zema/qub/port_walk.h"
 #include "app/zema/qub/switch_library.h"
+#include "app/zema/qub/vif_index.h"
 #include "framework/log.h"
 #include "platform/wft/workflow_util.h"
 
@@ -73,36 +73,30 @@ int PortOpsManager::ClearExternalId(const std::string& dvs, const std::string& p
 
 int PortOpsManager::FindAndClearExistingPortWithVifId(const std::string& ls, const std::string& vif,
                                                       std::string* error) {
+  constexpr const char* kThen = " Clearing port.";
+  std::vector<PortLocation> matching;
+  if (const auto holders = AskIndex(vif, {})) matching = OfNetwork(*holders, ls, kThen);
+  if (matching.empty()) matching = OfNetwork(WalkForVif(vif), ls, kThen);
   int result = 0;
-  PortWalk(library_, Switches()).Visit([&](const std::string& dvs, const std::string& port) {
-    std::string stored;
-    if (library_.PortTextGet(dvs, port, port_props::kOpaqueNetworkId, &stored) != 0 || stored != ls) {
-      return false;
-    }
-    if (library_.PortTextGet(dvs, port, port_props::kExternalId, &stored) != 0 || stored != vif) return false;
-    ZLOG_INFO("[PortOp] Port [%s] on switch [%s] matched. Clearing port.", port.c_str(), dvs.c_str());
-    if (ClearExternalId(dvs, port, error) != 0) {
+  for (const PortLocation& at : matching) {
+    if (ClearExternalId(at.dvs, at.port, error) != 0) {
       result = -1;
-      return false;
+      continue;
     }
-    ZLOG_INFO("[PortOp] Cleared external id [%s] from port [%s] successfully", vif.c_str(), port.c_str());
-    return false;
-  });
+    ZLOG_INFO("[PortOp] Cleared external id [%s] from port [%s] successfully", vif.c_str(), at.port.c_str());
+  }
   return result;
 }
 
+// On the road of every attach: that the index knows of no other port is believed.
 int PortOpsManager::ClearVifFromPortOtherThan(const std::string& port, const std::string& vif,
                                               std::string* error) {
+  auto holders = AskIndex(vif, port);
+  if (!holders) holders = WalkForVif(vif);
   int result = 0;
-  PortWalk(library_, Switches()).Visit([&](const std::string& dvs, const std::string& key) {
-    std::string stored;
-    if (key == port || library_.PortTextGet(dvs, key, port_props::kExternalId, &stored) != 0 ||
-        stored != vif) {
-      return false;
-    }
-    if (ClearExternalId(dvs, key, error) != 0) result = -1;
-    return false;
-  });
+  for (const PortLocation& at : *holders) {
+    if (at.port != port && ClearExternalId(at.dvs, at.port, error) != 0) result = -1;
+  }
   return result;
 }
 
@@ -139,6 +133,7 @@ int PortOpsManager::DeletePort(const std::string& dvs, const std::string& port, 
     *error = "Failed to remove port " + port + ": " + text;
     return -1;
   }
+  vif_index_->Forget(dvs, port);
   if (path.empty()) return 0;
   if (vm_leaves ? DeletePortFile(path) : RemovePortFile(path)) return 0;
   *error = "Failed to remove the file of port " + port;

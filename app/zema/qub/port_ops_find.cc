@@ -1,9 +1,12 @@
+#include <algorithm>
+
 #include "app/zema/qub/dvs_data.h"
 #include "app/zema/qub/port_file.h"
 #include "app/zema/qub/port_ops_manager.h"
 #include "app/zema/qub/port_props.h"
 #include "app/zema/qub/port_walk.h"
 #include "app/zema/qub/switch_library.h"
+#include "app/zema/qub/vif_index.h"
 #include "framework/log.h"
 #include "platform/wft/workflow_util.h"
 
@@ -37,16 +40,90 @@ bool PortOpsManager::Matches(const PortLocation& at, const std::string& vif, con
   return Compare(library_, at.dvs, at.port, port_props::kExternalId, vif) == Same::kYes;
 }
 
-bool PortOpsManager::FindOnSwitches(const std::string& vif, const std::string& ls,
-                                    PortLocation* found) const {
-  PortLocation at;
-  const bool hit = PortWalk(library_, Switches()).Visit([&](const std::string& dvs, const std::string& port) {
-    at.dvs = dvs;
-    at.port = port;
-    return Matches(at, vif, ls);
+// The index says where a VIF is without a look at all ports; the walk over them is what decides wherever the
+// index has no answer, an old one, or more than one.
+
+bool PortOpsManager::ReadVifs(const std::string* vif, std::vector<PortLocation>* holders) {
+  VifIndex::Reading reading(*vif_index_);
+  bool complete = true;
+  std::string stored;
+  PortWalk walk(library_, Switches());
+  walk.Visit([&](const std::string& dvs, const std::string& port) {
+    const uint32_t result = library_.PortTextGet(dvs, port, port_props::kExternalId, &stored);
+    if (result == 0) {
+      reading.Found(dvs, port, stored);
+      if (vif != nullptr && stored == *vif) holders->push_back({dvs, port});
+    } else if (result != kSwitchNotFound) {
+      ZLOG_ERROR("44207", "[PortOp] Failed to get property [%s] of port [%s], error code [%s]",
+                 port_props::kExternalId, port.c_str(), SwitchErrorText(result).c_str());
+      complete = false;
+    }
+    return false;
   });
-  if (hit) *found = std::move(at);
-  return hit;
+  complete = complete && walk.failed() == 0;
+  if (complete) reading.Install();
+  return complete;
+}
+
+std::vector<PortLocation> PortOpsManager::WalkForVif(const std::string& vif) {
+  std::vector<PortLocation> holders;
+  static_cast<void>(ReadVifs(&vif, &holders));
+  return holders;
+}
+
+bool PortOpsManager::RefreshVifIndex() {
+  if (ReadVifs(nullptr, nullptr)) return true;
+  vif_index_->Invalidate();
+  return false;
+}
+
+void PortOpsManager::ForgetVifIndex() { vif_index_->Invalidate(); }
+
+void PortOpsManager::DoubtVif(const std::string& vif) { vif_index_->Doubt(vif); }
+
+std::optional<std::vector<PortLocation>> PortOpsManager::AskIndex(const std::string& vif,
+                                                                  const std::string& except) {
+  auto candidates = vif_index_->Lookup(vif);
+  if (!candidates) return std::nullopt;
+  std::vector<PortLocation> holders;
+  if (candidates->empty()) return holders;
+  const std::vector<std::string> switches = Switches();
+  for (PortLocation& at : *candidates) {
+    // Of a switch that no zone has, the walk would see no ports either.
+    if (at.port == except || !std::binary_search(switches.begin(), switches.end(), at.dvs)) continue;
+    if (Compare(library_, at.dvs, at.port, port_props::kExternalId, vif) != Same::kYes) {
+      ZLOG_DEBUG("[PortOp] VIF [%s] is not on port [%s] as expected", vif.c_str(), at.port.c_str());
+      return std::nullopt;
+    }
+    holders.push_back(std::move(at));
+  }
+  return holders;
+}
+
+std::vector<PortLocation> PortOpsManager::OfNetwork(const std::vector<PortLocation>& holders,
+                                                    const std::string& ls, const char* then) const {
+  std::vector<PortLocation> matching;
+  for (const PortLocation& at : holders) {
+    if (Compare(library_, at.dvs, at.port, port_props::kOpaqueNetworkId, ls) != Same::kYes) continue;
+    ZLOG_INFO("[PortOp] Port [%s] on switch [%s] matched.%s", at.port.c_str(), at.dvs.c_str(), then);
+    matching.push_back(at);
+  }
+  return matching;
+}
+
+bool PortOpsManager::FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found) {
+  if (const auto holders = AskIndex(vif, {})) {
+    auto matching = OfNetwork(*holders, ls, "");
+    if (matching.size() == 1) {
+      *found = std::move(matching.front());
+      return true;
+    }
+  }
+  // Of several, the first of the walk is meant.
+  auto matching = OfNetwork(WalkForVif(vif), ls, "");
+  if (matching.empty()) return false;
+  *found = std::move(matching.front());
+  return true;
 }
 
 int PortOpsManager::FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
@@ -100,6 +177,8 @@ bool PortOpsManager::RestoreFromFiles(const std::string& vif, const std::string&
         removed != 0 && removed != kSwitchNotFound) {
       ZLOG_INFO("[PortOp] Port [%s] was not removed, error code [%s]", file.port.c_str(),
                 SwitchErrorText(removed).c_str());
+    } else {
+      vif_index_->Forget(file.dvs, file.port);
     }
     if (!RestorePort(file.dvs, file.port, file.path)) continue;
     if (!Matches({file.dvs, file.port}, vif, ls)) continue;
@@ -116,6 +195,14 @@ bool PortOpsManager::RestorePort(const std::string& dvs, const std::string& port
   if (const int failed = ReadPortFile(file, &bytes); failed != 0) {
     ZLOG_ERROR("44206", "[PortOp] Port [%s] file read failed:%d", port.c_str(), failed);
     return false;
+  }
+  // The port comes with the VIF that is in its file.
+  std::optional<VifIndex::Writing> writing;
+  DvsData data(library_);
+  if (data.Deserialize(bytes) == 0) {
+    if (const auto vif = data.Text(port_props::kExternalId)) {
+      writing.emplace(*vif_index_, dvs, port, std::string(*vif));
+    }
   }
   if (const uint32_t result = library_.PortAdd(dvs, port, bytes); result != 0) {
     ZLOG_ERROR("44204", "[PortOp] Port add operation failed, error code [%s]",
@@ -158,6 +245,8 @@ int PortOpsManager::FindPortToFetchVMTags(const std::string& vif, const std::str
     if (const uint32_t removed = library_.PortRemove(dvs, file.port); removed != 0) {
       ZLOG_WARN("[PortOp] Port [%s] was not removed, error code [%s]", file.port.c_str(),
                 SwitchErrorText(removed).c_str());
+    } else {
+      vif_index_->Forget(dvs, file.port);
     }
   }
   *error = "Could not find the prior port of VIF " + vif;

@@ -9,6 +9,7 @@
 #include "app/zema/qub/port_props.h"
 #include "app/zema/qub/port_walk.h"
 #include "app/zema/qub/switch_library.h"
+#include "app/zema/qub/vif_index.h"
 #include "app/zema/qub/vif_request.h"
 #include "framework/log.h"
 #include "platform/wft/workflow_util.h"
@@ -33,7 +34,8 @@ void Tell(std::string* error, std::string text) {
 
 }  // namespace
 
-PortOpsManager::PortOpsManager(SwitchLibrary& library, LumCommands& lum) : library_(library), lum_(lum) {}
+PortOpsManager::PortOpsManager(SwitchLibrary& library, LumCommands& lum)
+    : library_(library), lum_(lum), vif_index_(std::make_unique<VifIndex>()) {}
 PortOpsManager::~PortOpsManager() = default;
 
 void PortOpsManager::CacheTzToDvsMapping() {
@@ -52,7 +54,9 @@ void PortOpsManager::CacheTzToDvsMapping() {
 void PortOpsManager::SetTzToDvsCache(const std::vector<TzDvs>& list) {
   std::map<std::string, HostSwitchInfo> map;
   for (const TzDvs& entry : list) map[entry.zone] = {entry.dvs, entry.kind};
+  const std::vector<std::string> before = Switches();
   tz_to_dvs_.Replace(std::move(map));
+  if (Switches() != before) vif_index_->Invalidate();
 }
 
 std::string PortOpsManager::GetDvsIdForTz(const std::string& zone) const {
@@ -139,7 +143,10 @@ int PortOpsManager::SetPortExtraConfig(const std::string& dvs, const std::string
       if (ClearPortExtraConfig(dvs, port, key, error) < 0) return -1;
     }
   }
+  std::optional<VifIndex::Writing> writing;
+  if (key == port_props::kExternalId) writing.emplace(*vif_index_, dvs, port, value);
   const uint32_t result = library_.PortDataSet(dvs, port, key.c_str(), TextZ(value));
+  if (result == 0 && writing) writing->Done();
   if (result == 0) return 0;
   const std::string text = SwitchErrorText(result);
   ZLOG_ERROR("44205", "[PortOp] Port set for extraConfig property [%s] operation failed, error code [%s]",
@@ -153,6 +160,9 @@ int PortOpsManager::ClearPortExtraConfig(const std::string& dvs, const std::stri
   std::string text;
   for (int tries = 0; tries < kClearTries; ++tries) {
     const uint32_t result = library_.PortDataClear(dvs, port, key.c_str());
+    if ((result == 0 || result == kSwitchNotFound) && key == port_props::kExternalId) {
+      vif_index_->Forget(dvs, port);
+    }
     if (result == 0) {
       ZLOG_INFO("[PortOp] Cleared [%s] from port [%s] successfully", key.c_str(), port.c_str());
       return 0;

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -11,12 +12,14 @@
 
 #include "app/zema/qub/copy_on_write_map.h"
 #include "app/zema/qub/lum_reply.h"
+#include "app/zema/qub/port_location.h"
 
 namespace zem::zema {
 
 class DvsData;
 class LumCommands;
 class SwitchLibrary;
+class VifIndex;
 struct PortConfigSpec;
 struct VifRequest;
 
@@ -25,12 +28,6 @@ struct HostSwitchInfo {
   std::string dvs;
   /// "KLN" or "NVS".
   std::string kind;
-};
-
-/// Where a port is.
-struct PortLocation {
-  std::string dvs;
-  std::string port;
 };
 
 /// The ports of the host's switches: made, found, cleared, brought back from the files beside their VMs; and
@@ -67,7 +64,15 @@ class PortOpsManager {
   std::shared_ptr<VifRequest> LookupVifRequest(const std::string& vif) const;
   std::shared_ptr<const std::map<std::string, std::shared_ptr<VifRequest>>> VifsForSiteConfig() const;
 
-  // --- whole ports
+  // --- whole ports; which port a VIF is on is kept in an index (VifIndex)
+
+  /// Reads all ports again.  False when not all could be read: the next search does it.  After something
+  /// that may have changed ports without this object.
+  bool RefreshVifIndex();
+  /// The next search goes through all ports: the host may have changed any.
+  void ForgetVifIndex();
+  /// The host may have put the VIF on a port itself: the next search for it goes through all ports.
+  void DoubtVif(const std::string& vif);
 
   /// Makes the port, or brings an existing one up to date, and saves its file.  `gcf_path` is that of the
   /// VM's configuration file, or a word without "/" for a port without VM ("knlnic").  0, or not.
@@ -150,16 +155,27 @@ class PortOpsManager {
   std::string PersistPath(const std::string& dvs, const std::string& port) const;
   /// Saves it where it is saved already; nothing for a port without file.
   int SaveAgain(const char* operation, const std::string& dvs, const std::string& port);
-  bool FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found) const;
+  bool FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found);
   bool RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,
                         PortLocation* found);
   bool RestorePort(const std::string& dvs, const std::string& port, const std::string& file);
+  /// The ports that hold the VIF, in the order of the walk, which also renews the index.
+  std::vector<PortLocation> WalkForVif(const std::string& vif);
+  /// What the index says of the VIF's ports beside those of the key `except`, each asked whether it holds it.
+  /// Nothing when the index does not know, or is out of date.
+  std::optional<std::vector<PortLocation>> AskIndex(const std::string& vif, const std::string& except);
+  /// The ports of the logical switch among them.
+  std::vector<PortLocation> OfNetwork(const std::vector<PortLocation>& holders, const std::string& ls,
+                                      const char* then) const;
+  /// Walks once, with or without a VIF to look for; false when not all ports could be read.
+  bool ReadVifs(const std::string* vif, std::vector<PortLocation>* holders);
   /// The port belongs to the logical switch and holds the VIF.
   bool Matches(const PortLocation& at, const std::string& vif, const std::string& ls) const;
   int ClearExternalId(const std::string& dvs, const std::string& port, std::string* error);
 
   SwitchLibrary& library_;
   LumCommands& lum_;
+  const std::unique_ptr<VifIndex> vif_index_;
   CopyOnWriteMap<std::string, HostSwitchInfo> tz_to_dvs_;
   CopyOnWriteMap<std::string, std::shared_ptr<VifRequest>> vifs_to_fetch_site_config_;
 };

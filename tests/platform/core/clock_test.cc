@@ -7,9 +7,11 @@
 
 #include "platform/core/bounded_queue.h"
 #include "platform/core/condition.h"
+#include "platform/core/poll.h"
 #include "platform/core/retry_policy.h"
 #include "platform/core/stop_signal.h"
 #include "platform/core/thread.h"
+#include "platform/core/unique_fd.h"
 #include "platform/core/virtual_clock.h"
 
 namespace zem {
@@ -44,6 +46,30 @@ TEST(VirtualClockTest, SleepersWakeInOrderAndTimeDoesNotRunAhead) {
   EXPECT_EQ(clock.Now() - begin, seconds(25));
   clock.RunFor(hours(1));
   EXPECT_THAT(woken, ElementsAre(10, 10, 20, 20, 20, 30, 40, 60));
+}
+
+// A descriptor's waiter shares the clock with those that wait for each other.
+TEST(VirtualClockTest, APollEndsAtItsMomentOrWithItsDescriptor) {
+  VirtualClock clock;
+  const TimePoint begin = clock.Now();
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const UniqueFd read_end(ends[0]);
+  const UniqueFd write_end(ends[1]);
+  std::vector<int64_t> ended;
+  Thread waiter([&] {
+    pollfd wait{read_end.get(), POLLIN, 0};
+    for (const int expected : {0, 0, 1}) {
+      EXPECT_EQ(PollUntil(&wait, 1, clock.Now() + seconds(10)), expected);
+      ended.push_back((clock.Now() - begin) / seconds(1));
+      if (ended.size() == 2) {
+        EXPECT_EQ(::write(write_end.get(), "x", 1), 1);
+      }
+    }
+  });
+  Thread other([] { SleepFor(seconds(15)); });
+  clock.RunFor(seconds(60));
+  EXPECT_THAT(ended, ElementsAre(10, 20, 20));
 }
 
 // Between a notification and the waking of its waiter no deadline may slip by.

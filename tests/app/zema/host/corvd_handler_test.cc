@@ -3,15 +3,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <optional>
 
 #include "app/zema/app/follow_ups.h"
 #include "app/zema/core/health_record.h"
+#include "app/zema/core/host_identity.h"
 #include "app/zema/host/corvd_frame.h"
+#include "app/zema/host/resync_state.h"
 #include "platform/core/clock.h"
 #include "platform/core/thread.h"
 #include "sim/node/host_management.h"
+#include "tests/app/zema/host/no_publisher.h"
 #include "tests/app/zema/host/recording_vif_handler.h"
 #include "tests/support/temp_dir.h"
 
@@ -21,16 +25,6 @@ namespace {
 using Operation = sim::HostManagement::Operation;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-class NoPublisher : public HealthPublisher {
- public:
-  bool SetProperty(const std::string&, const std::string&, const void*, size_t, uint32_t,
-                   std::string*) override {
-    return true;
-  }
-  bool RemoveProperty(const std::string&, const std::string&, std::string*) override { return true; }
-  bool SecurityOnly() override { return false; }
-};
 
 class CorvdHandlerTest : public ::testing::Test {
  protected:
@@ -93,6 +87,41 @@ TEST_F(CorvdHandlerTest, TheEndOfTheHandlerEndsTheWait) {
   waiter.Join();
   handler_.reset();
   follow_ups.WaitForHostManagement(600);  // nobody to wait for
+}
+
+// The comparison lives with the handler, and an operation of it that waits for the manager does not hold up
+// the end.
+TEST_F(CorvdHandlerTest, TheResyncBeginsAndEndsWithTheHandlerUnlessLoadIsSimulated) {
+  HostIdentity host;
+  host.SetHostId("node");
+  ResyncState state;
+  health_.mpaConnected();
+  for (const bool simulated : {false, true}) {
+    std::atomic<int> rounds = 0;
+    RealizationOptions options;
+    if (simulated) options.scale_simulation_state = "enabled";
+    auto operations = std::make_unique<RecordingVifHandler>();
+    RecordingVifHandler& served = *operations;
+    handler_ = std::make_unique<CorvdHandler>(health_, std::move(operations), socket_);
+    ResyncThread::Settings settings{&health_, &host, &state, [options] { return options; }};
+    settings.command = [&](const std::string& command, std::string* output) {
+      if (command.rfind("python ", 0) == 0) {
+        ++rounds;
+        *output = "detach|hold|p|l|/vm/a,attach|never|l|/vm/a";
+      }
+      return 0;
+    };
+    handler_->ServeResync(std::move(settings));
+    handler_->Start();
+    if (!simulated) {
+      ASSERT_TRUE(served.WaitUntilServed(1));
+      handler_->Stop();
+      handler_->Join();
+      EXPECT_EQ(served.served().size(), 1u);
+    }
+    handler_.reset();
+    EXPECT_EQ(rounds, simulated ? 0 : 1);
+  }
 }
 
 TEST_F(CorvdHandlerTest, EachFrameIsAnsweredByItsRules) {

@@ -1,0 +1,152 @@
+#include "app/zema/vif/detach_operation.h"
+
+#include "app/zema/core/zem_manager.h"
+#include "app/zema/qub/port_description.h"
+#include "app/zema/qub/port_props.h"
+#include "app/zema/qub/vif_request.h"
+#include "app/zema/vif/local_port.h"
+#include "app/zema/vif/port_rpc_op.h"
+#include "app/zema/vif/prior_attachments.h"
+#include "app/zema/vif/vif_context.h"
+#include "framework/log.h"
+#include "platform/core/clock.h"
+#include "platform/wft/workflow_util.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+constexpr const char* kTag = "DoVifPortOperation";
+
+}  // namespace
+
+DetachOperation::DetachOperation(VifContext& context, PriorAttachments& prior, VifRequest& request,
+                                 Thread& waiter)
+    : context_(context), prior_(prior), request_(request), waiter_(waiter) {}
+
+void DetachOperation::Run() {
+  if (request_.spec) {
+    reply_ = PortAttachedOf(*request_.spec);
+    reply_.port_id.clear();
+    reply_.switch_id.clear();
+  }
+  context_.manager.MP_RemoveVnicAttachment(request_.op_id, request_.vif_id, request_.ls_id, request_.port_id,
+                                           request_.gcf_path, &waiter_, request_.spec == nullptr, &reply_);
+  {
+    const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
+    if (!request_.vif_id.empty()) NoteOperation();
+    if (reply_.error.empty()) {
+      ClearPort();
+    } else {
+      request_.error_text = reply_.error;
+      ZLOG_ERROR("42004", "[%s] MP_RemoveVnicAttachment() failed: %s\n", kTag, reply_.error.c_str());
+    }
+  }
+  CleanUpPriorAttachedPort();
+}
+
+void DetachOperation::NoteOperation() {
+  std::string error;
+  // The port is looked for on the switches alone: the files of a VM that has moved away are another host's.
+  if (UpdateDvPortRpcOp(context_, request_,
+                        {PortRpcOp::kDetach, reply_.error.empty(), reply_.zone_id, reply_.port_id, ""}, &at_,
+                        &error)) {
+    ZLOG_INFO("[%s] Successfully retrieved portId:[%s], dvsUuid:[%s] for vif:[%s], LS:[%s]", kTag,
+              at_.port.c_str(), at_.dvs.c_str(), request_.vif_id.c_str(), request_.ls_id.c_str());
+  } else {
+    ZLOG_ERROR("42004", "[%s] %s", kTag, error.c_str());
+  }
+  if (!at_.dvs.empty() && !at_.port.empty()) {
+    // A failure is told there; the VIF comes off all the same.
+    static_cast<void>(context_.ports.ClearPortExtraConfig(at_.dvs, at_.port, port_props::kCrx));
+  }
+}
+
+void DetachOperation::ClearPort() {
+  if (reply_.port_id.empty()) reply_.port_id = at_.port;
+  if (IsSecurityOnly(request_.ls_id)) {
+    ZLOG_INFO("[%s] Skipping further processing for security vif detach for port: [%s]", kTag,
+              reply_.port_id.c_str());
+    return;
+  }
+  reply_.port_id.empty() ? ClearWhereverItIs() : ClearNamedPort();
+}
+
+void DetachOperation::ClearNamedPort() {
+  if (!reply_.vif_id.empty()) {
+    ZLOG_INFO(
+        "[PortOp] Inside CORVD_DETACH_PORT, port vif uuid not empty returned from MP, about to clear vif");
+    Clear(reply_.zone_id, reply_.port_id, true);
+    if (request_.error_text.empty()) {
+      ZLOG_INFO("[%s] Successfully cleared external id from the port [%s]", kTag, reply_.port_id.c_str());
+    }
+    return;
+  }
+  if (reply_.gcf_path.empty()) {
+    ZLOG_INFO("[%s] Clearing VIF [%s] from port [%s] even though MP did not return VIF", kTag,
+              request_.vif_id.c_str(), reply_.port_id.c_str());
+    Clear(reply_.zone_id, reply_.port_id, true);
+    return;
+  }
+  ZLOG_INFO("[%s] MP returned gcfPath [%s], request gcfPath [%s]", kTag, reply_.gcf_path.c_str(),
+            request_.gcf_path.c_str());
+  if (reply_.gcf_path == request_.gcf_path) return;
+  if (context_.ports.UpdateGcfPath(reply_.zone_id, reply_.port_id, reply_.gcf_path, &request_.error_text) ==
+      0) {
+    ZLOG_INFO("[%s] Successfully updated port [%s] gcfPath to [%s]", kTag, reply_.port_id.c_str(),
+              reply_.gcf_path.c_str());
+  }
+}
+
+void DetachOperation::ClearWhereverItIs() {
+  ZLOG_INFO(
+      "[%s] MP detach-port reply doesn't specify a port uuid, trying to remove externalId if dvPort found\n",
+      kTag);
+  const auto prior = prior_.Find(request_.vif_id, request_.gcf_path);
+  if (prior) {
+    ZLOG_INFO("[PortOp] Inside CORVD_DETACH_PORT, found prior port, about to clear vif");
+  } else {
+    ZLOG_INFO("[PortOp] Inside CORVD_DETACH_PORT, DID NOT  found prior port, about to clear vif");
+  }
+  Clear(prior ? prior->old_zone : std::string(), "", true);
+}
+
+void DetachOperation::Clear(const std::string& zone, const std::string& port, bool force) {
+  std::string error;
+  if (context_.ports.ClearVifFromPort(zone, port, request_.ls_id, request_.vif_id, force, &error) != 0) {
+    request_.error_text = std::move(error);
+  }
+}
+
+// Half of a VM's reconfiguration failed, and the host takes the other half back: the VIF belongs to the port
+// before again.
+void DetachOperation::CleanUpPriorAttachedPort() {
+  const auto span =
+      wft::WorkflowUtil::StartChildSpan("HandlerThread.CleanUpPriorAttachedPort", wft::kTraceInfo);
+  const auto prior = prior_.Take(request_.vif_id, request_.gcf_path);
+  if (!prior || prior->new_ls != request_.ls_id) return;
+  ZLOG_INFO("[%s] prior vm operation rollack, reset attach the prior port to the vnic...\n", __func__);
+  PortAttached back;
+  const TimePoint begun = Clock::Process().Now();
+  context_.manager.MP_AddVnicAttachment(request_.op_id, request_.vif_id, prior->old_ls, prior->old_port,
+                                        request_.gcf_path, &waiter_, true, &back);
+  const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
+  ZLOG_INFO("[PortOp] Inside cleanup prior port, about to clear vif");
+  std::string error;
+  // Off the port of the switch that the VIF did not reach.
+  if (context_.ports.ClearVifFromPort(back.old_zone_id, back.old_port_id, request_.ls_id, request_.vif_id,
+                                      false, &error) != 0) {
+    ZLOG_ERROR("42004", "[%s] %s", __func__, error.c_str());
+  }
+  if (!back.error.empty()) {
+    ZLOG_ERROR("42004", "[%s] MP_AddVnicAttachment() failed: %s\n", __func__, back.error.c_str());
+    return;
+  }
+  if (back.port_id.empty() || back.zone_id.empty()) return;
+  // The vNIC never left the port in the host's eyes, so the host does not ask for it again.
+  VifRequest again = request_;
+  again.ls_id = prior->old_ls;
+  CreateLocalDvPort(context_, again, begun, back, &request_.error_text);
+}
+
+}  // namespace zem::zema

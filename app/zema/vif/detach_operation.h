@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+
+#include "app/zema/core/port_attached.h"
+#include "app/zema/qub/port_ops_manager.h"
+
+namespace zem::zema {
+
+class PriorAttachments;
+class Thread;
+struct VifContext;
+struct VifRequest;
+
+/// One detach of a VIF: the manager is told, and the VIF is taken off its port; a move that is undone so
+/// gives the VIF its port before back.
+///
+/// Threads: the one that serves the request, which holds the monitor of `waiter`.
+class DetachOperation {
+ public:
+  DetachOperation(VifContext& context, PriorAttachments& prior, VifRequest& request, Thread& waiter);
+
+  /// The outcome is in the request.
+  void Run();
+
+ private:
+  void NoteOperation();
+  void ClearPort();
+  void ClearNamedPort();
+  void ClearWhereverItIs();
+  void CleanUpPriorAttachedPort();
+  void Clear(const std::string& zone, const std::string& port, bool force);
+
+  VifContext& context_;
+  PriorAttachments& prior_;
+  VifRequest& request_;
+  Thread& waiter_;
+  PortAttached reply_;
+  PortLocation at_;
+};
+
+}  // namespace zem::zema

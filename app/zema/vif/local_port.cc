@@ -1,0 +1,79 @@
+#include "app/zema/vif/local_port.h"
+
+#include "app/zema/core/port_attached.h"
+#include "app/zema/qub/port_description.h"
+#include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/qub/vif_request.h"
+#include "app/zema/vif/vif_context.h"
+#include "framework/log.h"
+#include "platform/wft/workflow_util.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr const char* kHostInterface = "knlnic";
+
+const std::string& FirstSet(const std::string& one, const std::string& other) {
+  return one.empty() ? other : one;
+}
+
+}  // namespace
+
+PortConfigSpec PortDescriptionOf(const PortAttached& reply) {
+  PortConfigSpec spec;
+  spec.port_id = reply.port_id;
+  spec.zone_id = reply.zone_id;
+  spec.switch_id = reply.switch_id;
+  spec.extra_configs = reply.extra_configs;
+  spec.init_state = reply.init_state;
+  spec.vlan = reply.vlan;
+  spec.vlan_ranges = reply.vlan_ranges;
+  spec.uplink_teaming = reply.uplink_teaming;
+  spec.org = reply.org;
+  spec.project = reply.project;
+  spec.vpc = reply.vpc;
+  return spec;
+}
+
+PortAttached PortAttachedOf(const PortConfigSpec& spec) {
+  PortAttached reply;
+  reply.port_id = spec.port_id;
+  reply.zone_id = spec.zone_id;
+  reply.switch_id = spec.switch_id;
+  reply.extra_configs = spec.extra_configs;
+  reply.init_state = spec.init_state;
+  reply.vlan = spec.vlan;
+  reply.vlan_ranges = spec.vlan_ranges;
+  reply.uplink_teaming = spec.uplink_teaming;
+  reply.org = spec.org;
+  reply.project = spec.project;
+  reply.vpc = spec.vpc;
+  return reply;
+}
+
+bool CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,
+                       const PortAttached& reply, std::string* error) {
+  const auto span = wft::WorkflowUtil::StartChildSpan("HandlerThread.CreateLocalDvPort", wft::kTraceInfo);
+  wft::WorkflowUtil::SetCurSpanTag("gcfPath", request.gcf_path);
+  PortConfigSpec spec = PortDescriptionOf(reply);
+  if (spec.switch_id.empty()) spec.switch_id = request.ls_id;
+  // Who asks without a VIF is answered with the port's uuid, and knows the port by it from then on.
+  const std::string& vif = FirstSet(FirstSet(reply.vif_id, request.vif_id), reply.port_id);
+  std::string reason;
+  if (context.ports.CreatePort(spec, vif, request.gcf_path, request.gcf_path != kHostInterface, &reason) !=
+      0) {
+    ZLOG_ERROR("42001", "[%s] createPort(uuid=%s, zone=%s) failed: %s\n", __func__, spec.port_id.c_str(),
+               spec.zone_id.c_str(), reason.c_str());
+    *error = std::move(reason);
+    return true;
+  }
+  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::Process().Now() - begun);
+  ZLOG_INFO("[%s] created dvport [%s] on zone [%s] attached to vif [%s] in time :%llu\n", __func__,
+            spec.port_id.c_str(), spec.zone_id.c_str(), vif.c_str(),
+            static_cast<unsigned long long>(took.count()));
+  return false;
+}
+
+}  // namespace zem::zema

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "platform/core/clock.h"
+
+namespace zem::zema {
+
+class PortAttached;
+struct PortConfigSpec;
+struct VifContext;
+struct VifRequest;
+
+/// The port as the manager describes it in its answer, or as a ready description of the request does.
+PortConfigSpec PortDescriptionOf(const PortAttached& reply);
+PortAttached PortAttachedOf(const PortConfigSpec& spec);
+
+/// Makes the port that the manager answered with, or brings it up to date, for the request's VIF.  True on
+/// failure, with the reason in `error`.  Under the port lock.
+bool CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,
+                       const PortAttached& reply, std::string* error);
+
+}  // namespace zem::zema

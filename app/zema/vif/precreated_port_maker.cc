@@ -1,0 +1,60 @@
+#include "app/zema/vif/precreated_port_maker.h"
+
+#include "app/zema/core/port_attached.h"
+#include "app/zema/qub/lum_commands.h"
+#include "app/zema/qub/port_description.h"
+#include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/qub/vif_request.h"
+#include "app/zema/vif/local_port.h"
+#include "app/zema/vif/vif_context.h"
+#include "framework/log.h"
+#include "platform/core/clock.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+constexpr const char* kOk = "ok|";
+
+}  // namespace
+
+bool PrecreatedPortMaker::CreatePorts(PrecreatedPorts::Map& ports, std::string* error) {
+  for (auto& [vif, request] : ports) {
+    if (!request->spec) continue;
+    std::string reason;
+    if (!CreatePortForPrecreated(*request, &reason)) {
+      *error = "Failed to create DV port " + request->spec->port_id + " with VIF " + vif + ". " + reason;
+      return false;
+    }
+    request->precreated = true;
+  }
+  return true;
+}
+
+bool PrecreatedPortMaker::CreatePortForPrecreated(VifRequest& request, std::string* error) {
+  // "<VM's uuid>:<device>"
+  const size_t colon = request.vif_id.find(':');
+  if (colon != std::string::npos) {
+    const std::string path = PathOfVm(request.vif_id.substr(0, colon));
+    if (!path.empty()) request.gcf_path = path;
+  }
+  const TimePoint begun = Clock::Process().Now();
+  const PortAttached port = PortAttachedOf(*request.spec);
+  const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
+  if (context_.ports.ClearVifFromPortOtherThan(port.port_id, request.vif_id, error) != 0) return false;
+  return !CreateLocalDvPort(context_, request, begun, port, error);
+}
+
+std::string PrecreatedPortMaker::PathOfVm(const std::string& uuid) {
+  if (const auto known = paths_.find(uuid); known != paths_.end()) return known->second;
+  std::string reply;
+  if (context_.lum.InvokeCommand("getGcfPathOfVm(" + uuid + ")", "", &reply) != LumCommands::kSucceeded ||
+      !reply.starts_with(kOk)) {
+    ZLOG_ERROR("42001", "getGcfPathOfVm(%s): [%s]", uuid.c_str(), reply.c_str());
+    return {};
+  }
+  ZLOG_INFO("getGcfPathOfVm(%s) reply: [%s]", uuid.c_str(), reply.c_str());
+  return paths_[uuid] = reply.substr(std::string_view(kOk).size());
+}
+
+}  // namespace zem::zema

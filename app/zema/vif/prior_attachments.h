@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "app/zema/common/synchronizable.h"
+
+namespace zem::zema {
+
+/// Where VIFs were attached before they moved, so that what fails later in the same operation on a VM can be
+/// undone.
+///
+/// Threads: all operations from any.
+class PriorAttachments {
+ public:
+  struct Move {
+    std::string old_ls;
+    std::string new_ls;
+    std::string old_zone;
+    std::string old_port;
+  };
+
+  /// The VIF has left `move.old_ls` in an operation with that stem of its id.
+  void Note(const std::string& vif, const std::string& gcf_path, const std::string& op_id_stem, Move move);
+
+  /// Nothing when the VIF has not moved.
+  std::optional<Move> Find(const std::string& vif, const std::string& gcf_path);
+  /// Finds it and forgets it.
+  std::optional<Move> Take(const std::string& vif, const std::string& gcf_path);
+
+  /// The port that the VIF had on `ls`, when the same operation on the VM comes back to it; else empty, and
+  /// what was noted of another operation is forgotten.
+  std::string PortToReturnTo(const std::string& vif, const std::string& ls, const std::string& gcf_path,
+                             const std::string& op_id_stem);
+
+ private:
+  // VMs that went without a word leave their entries: the oldest go.
+  static constexpr size_t kMost = 4096;
+
+  struct Numbered {
+    Move move;
+    uint64_t number = 0;
+  };
+  struct Operation {
+    std::string token;
+    std::string old_port;
+    uint64_t number = 0;
+  };
+
+  Synchronizable lock_;  // guards what follows
+  uint64_t next_ = 0;
+  std::map<std::string, Numbered> moves_;        // by VIF and path
+  std::map<std::string, Operation> operations_;  // by the VM's path
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,75 @@
+#include "app/zema/vif/security_port.h"
+
+#include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/qub/port_props.h"
+#include "app/zema/qub/vif_request.h"
+#include "app/zema/vif/vif_context.h"
+#include "framework/log.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+constexpr const char* kTag = "VifHandlerThread";
+
+constexpr int kTries = 3;
+constexpr Duration kBetween = std::chrono::seconds(1);
+
+void ClearStale(VifContext& context, const PortLocation& at, const std::string& vif) {
+  const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
+  std::string stored;
+  if (context.ports.GetPortExtraConfig(at.dvs, at.port, port_props::kExternalId, &stored) != 0) return;
+  if (stored.empty() || stored == vif) return;
+  ZLOG_INFO("[%s] dvport [%s] has stale vifId [%s], clearing all existing extra config", kTag,
+            at.port.c_str(), stored.c_str());
+  if (context.ports.ClearPortOpaqueData(at.dvs, at.port) != 0) {
+    ZLOG_WARN("[%s] dvport [%s] keeps what was written on it", kTag, at.port.c_str());
+  }
+}
+
+bool SetAll(VifContext& context, const PortLocation& at, const SecurityTie& tie, std::string* error) {
+  const struct {
+    const char* key;
+    const std::string& value;
+  } rows[] = {
+      {port_props::kSecurityEnable, port_props::kTrue},
+      {port_props::kExternalId, tie.vif},
+      {port_props::kOpaqueNetworkId, tie.ls},
+      {port_props::kLogicalPortId, tie.logical_port},
+  };
+  const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
+  for (const auto& row : rows) {
+    if (context.ports.SetPortExtraConfig(at.dvs, at.port, row.key, row.value, error) != 0) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string SecurityOriginOf(const VifRequest& request) {
+  return request.security_switch_id.empty() ? request.port_id
+                                            : request.security_switch_id + ":" + request.port_id;
+}
+
+std::optional<PortLocation> SplitSecurityOrigin(const std::string& origin) {
+  const size_t colon = origin.find(':');
+  if (colon == std::string::npos) return std::nullopt;
+  return PortLocation{origin.substr(0, colon), origin.substr(colon + 1)};
+}
+
+std::string TieSecurityPort(VifContext& context, const PortLocation& at, const SecurityTie& tie) {
+  ClearStale(context, at, tie.vif);
+  std::string error;
+  for (int failed = 0;;) {
+    if (SetAll(context, at, tie, &error)) return {};
+    if (++failed == kTries) break;
+    ZLOG_ERROR("44205", "[PortOp] Failed to set port [%s] extra-configs, error [%s]. Retrying",
+               at.port.c_str(), error.c_str());
+    if (context.ending.WaitFor(kBetween)) return error;
+  }
+  ZLOG_ERROR("44205", "[PortOp] Failed [%d] times to set port [%s] extra-configs, error [%s]", kTries,
+             at.port.c_str(), error.c_str());
+  return error;
+}
+
+}  // namespace zem::zema

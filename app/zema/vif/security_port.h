@@ -1,0 +1,30 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace zem::zema {
+
+struct PortLocation;
+struct VifContext;
+struct VifRequest;
+
+/// Where the request's security-only port is, "<switch>:<port>"; a request of the host names the port alone
+/// or both in one text.
+std::string SecurityOriginOf(const VifRequest& request);
+
+/// Nothing when there is no ":" in it.
+std::optional<PortLocation> SplitSecurityOrigin(const std::string& origin);
+
+/// What ties a port to a VIF, for its security.
+struct SecurityTie {
+  std::string vif;
+  std::string ls;
+  std::string logical_port;
+};
+
+/// Ties the port: what another VIF has left on it goes first.  Up to three tries, a second apart.  Empty, or
+/// what went wrong.  Takes the port lock.
+std::string TieSecurityPort(VifContext& context, const PortLocation& at, const SecurityTie& tie);
+
+}  // namespace zem::zema

@@ -1,0 +1,126 @@
+#include "app/zema/vif/site_config.h"
+
+#include "app/zema/core/port_attached.h"
+#include "app/zema/core/zem_manager.h"
+#include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/qub/port_props.h"
+#include "app/zema/qub/switch_library.h"
+#include "app/zema/qub/vif_request.h"
+#include "app/zema/vif/vif_context.h"
+#include "framework/log.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr const char* kPendingConf = "PENDING_CONF";
+
+constexpr const char* kSiteConfigKeys[] = {
+    "com.orlane.port.extraConfig.vm.tagset",  "com.orlane.port.extraConfig.vm.tagset1",
+    "com.orlane.port.extraConfig.vm.tagset2", "com.orlane.port.extraConfig.vm.tagset3",
+    "com.orlane.port.extraConfig.vm.tagset4", "com.orlane.port.extraConfig.vm.tagset5",
+    "com.orlane.port.extraConfig.vm.tagset6", "com.orlane.port.extraConfig.vm.tagset7",
+    "com.orlane.port.extraConfig.vm.tagset8", "com.orlane.port.extraConfig.vm.tagset9",
+    "com.orlane.port.extraConfig.global.id",
+};
+
+// False with the reason in the request.
+bool SendReplyToMp(VifContext& context, VifRequest& request,
+                   std::list<std::pair<std::string, std::string>> values) {
+  std::string error;
+  if (!context.manager.MP_UpdateVnicAttachment(request.op_id, request.vif_id, request.ls_id, request.port_id,
+                                               std::move(values), &error)) {
+    ZLOG_ERROR("42075", "MP_UpdateVnicAttachment() call failed: %s\n", error.c_str());
+    request.error_text = error;
+    return false;
+  }
+  context.ports.RemoveVifForSiteConfig(request.vif_id);
+  return true;
+}
+
+}  // namespace
+
+std::list<std::pair<std::string, std::string>> CollectSiteConfig(VifContext& context,
+                                                                 const PortLocation& at) {
+  std::list<std::pair<std::string, std::string>> values;
+  for (const char* const key : kSiteConfigKeys) {
+    std::string value;
+    const uint32_t result = context.ports.GetPortExtraConfig(at.dvs, at.port, key, &value);
+    if (result == 0) {
+      values.emplace_back(key, std::move(value));
+    } else if (result != kSwitchNotFound) {
+      ZLOG_ERROR("42075", "Failed to retrieve site config for prop [%s]: %s\n", key,
+                 SwitchErrorText(result).c_str());
+    }
+  }
+  ZLOG_INFO("Finished collecting site config for port [%s]", at.port.c_str());
+  return values;
+}
+
+void ProcessLogicalPortInitState(VifContext& context, const VifRequest& request,
+                                 const std::string& init_state, const std::string& port,
+                                 const std::string& zone) {
+  const auto span =
+      wft::WorkflowUtil::StartChildSpan("HandlerThread.ProcessLogicalPortInitState", wft::kTraceInfo);
+  if (init_state != kPendingConf) return;
+  ZLOG_INFO("MP set initState to [%s] for port [%s]. Fetching site config from corvd", init_state.c_str(),
+            port.c_str());
+  auto fetch = std::make_shared<VifRequest>();
+  fetch->op_code = VifRequest::kFetchSiteConfig;
+  fetch->op_id = request.op_id;
+  fetch->vif_id = request.vif_id;
+  fetch->ls_id = request.ls_id;
+  fetch->gcf_path = request.gcf_path;
+  fetch->port_id = port;
+  fetch->zone_id = zone;
+  context.ports.AddVifForSiteConfig(request.vif_id, std::move(fetch));
+  ZLOG_INFO("Enqueued VIF [%s] to the list of VIFs", request.vif_id.c_str());
+}
+
+void UpdateSiteConfigurationOnPort(VifContext& context, VifRequest& request) {
+  const PortLocation at{context.ports.GetDvsIdForTz(request.zone_id), request.port_id};
+  if (at.dvs.empty()) {
+    request.error_text = "DVS id for transport zone [" + request.zone_id + "] was not found";
+    return;
+  }
+  if (!SendReplyToMp(context, request, CollectSiteConfig(context, at))) return;
+  const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
+  std::string error;
+  if (context.ports.ClearPortExtraConfig(at.dvs, at.port, port_props::kAttachmentState, &error) < 0) {
+    ZLOG_ERROR("42075", "Failed to clear attachment state on port [%s]: %s\n", at.port.c_str(),
+               error.c_str());
+  }
+  ZLOG_INFO("Successfully replied to MP for port [%s]", at.port.c_str());
+}
+
+std::optional<PriorSiteConfig> TakePriorPendingConf(VifContext& context, const VifRequest& request,
+                                                    const PortAttached& reply) {
+  if (reply.init_state != kPendingConf) return std::nullopt;
+  ZLOG_INFO("MP set initState to [%s] for port [%s]. Fetching VM tags from prior port",
+            reply.init_state.c_str(), reply.port_id.c_str());
+  PortLocation prior;
+  std::string error;
+  if (context.ports.FindPortToFetchVMTags(request.vif_id, reply.old_switch_id, request.gcf_path,
+                                          reply.zone_id, &prior, &error) != 0) {
+    ZLOG_INFO("Failed to lookup prior port for VIF [%s]", request.vif_id.c_str());
+    return std::nullopt;
+  }
+  PriorSiteConfig taken{reply.port_id, CollectSiteConfig(context, prior)};
+  // The VIF may come back to the port that it had.
+  if (prior.port != reply.port_id && context.ports.DeletePort(prior.dvs, prior.port, false, &error) != 0) {
+    ZLOG_WARN("The prior port [%s] of VIF [%s] stays: %s", prior.port.c_str(), request.vif_id.c_str(),
+              error.c_str());
+  }
+  return taken;
+}
+
+void SendPriorPendingConf(VifContext& context, const VifRequest& request, PriorSiteConfig prior) {
+  std::string error;
+  if (!context.manager.MP_UpdateVnicAttachment(request.op_id, request.vif_id, request.ls_id, prior.new_port,
+                                               std::move(prior.values), &error)) {
+    ZLOG_ERROR("42075", "MP_UpdateVnicAttachment() call failed: %s\n", error.c_str());
+  }
+}
+
+}  // namespace zem::zema

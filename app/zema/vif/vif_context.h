@@ -1,0 +1,49 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "app/zema/common/synchronizable.h"
+#include "app/zema/core/manager_sender.h"
+#include "platform/core/stop_signal.h"
+
+namespace zem::zema {
+
+class LumCommands;
+class MigrationRecord;
+class PortOpsManager;
+class ResyncState;
+class ZemManager;
+
+/// What the operations on the ports of VIFs work with; everything outlives them.
+///
+/// Threads: many operations at a time use it.
+struct VifContext {
+  PortOpsManager& ports;
+  ZemManager& manager;
+  LumCommands& lum;
+  MigrationRecord& migration;
+  ResyncState& resync;
+  /// Held across each sequence of changes to ports, and never while the manager is waited for.  Whoever holds
+  /// it may take the locks of the tables and of the port manager, not the other way round.
+  Synchronizable& port_lock;
+  /// `zema.preCheckHealth`.
+  std::function<bool()> pre_check_health;
+  std::function<bool()> lum_ready;
+  /// The transport node's id; nothing while this host is not set up for operation.
+  std::function<std::optional<std::string>()> host_id;
+  /// Takes the outcome of a restoration to the manager; may take a minute.
+  std::function<bool(const ManagerSender::RestoreResponse&)> send_restore_response;
+  /// The end of the host management: every pause ends with it.
+  StopSignal& ending;
+};
+
+/// On a port group of the host's own a port is there for security alone.
+inline bool IsSecurityOnly(const std::string& ls_id) { return ls_id.rfind("dvportgroup-", 0) == 0; }
+
+/// The steps of one operation on a VM share the operation id up to its last "-".
+inline std::string OpIdStem(const std::string& op_id) { return op_id.substr(0, op_id.rfind('-')); }
+
+}  // namespace zem::zema

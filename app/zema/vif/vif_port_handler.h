@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+
+#include "app/zema/host/vif_handler.h"
+#include "app/zema/vif/prior_attachments.h"
+#include "app/zema/vif/vif_context.h"
+#include "app/zema/vif/vifs_in_process.h"
+
+namespace zem::zema {
+
+/// Serves the operations on the ports of VIFs, one at a time on each VIF.
+class VifPortHandler final : public VifHandler {
+ public:
+  explicit VifPortHandler(std::shared_ptr<VifContext> context);
+  ~VifPortHandler() override;
+
+  void DoVifPortOperation(VifRequest& request, Thread& waiter) override;
+  void EndWaits() override;
+
+ private:
+  bool Defer(VifRequest& request);
+  bool CheckHealth(VifRequest& request);
+  void NoteForResync(const VifRequest& request);
+  void Dispatch(VifRequest& request, Thread& waiter);
+  void Attach(VifRequest& request, Thread& waiter);
+  void ManagerDetach(VifRequest& request);
+
+  const std::shared_ptr<VifContext> context_;
+  VifsInProcess in_process_;
+  PriorAttachments prior_;
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,184 @@
+#include "app/zema/vif/precreated_port_maker.h"
+#include "tests/app/zema/vif/vif_host_test.h"
+
+namespace zem::zema {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr const char* kNone = "(none)";
+
+class VifDetachTest : public VifHostTest {
+ protected:
+  VifDetachTest() { Attach(kVif, "lp-1"); }
+
+  static PortAttached Detached(const std::string& port, const std::string& vif,
+                               const std::string& path = "") {
+    PortAttached answer = Port(port);
+    answer.vif_id = vif;
+    answer.gcf_path = path;
+    return answer;
+  }
+};
+
+// What the manager names decides where the VIF is taken off.
+TEST_F(VifDetachTest, AnswerOfTheManagerDecides) {
+  struct {
+    const char* what;
+    PortAttached answer;
+    const char* vif_left;
+  } const cases[] = {
+      {"port and VIF", Detached("lp-1", kVif), kNone},
+      {"port alone", Detached("lp-1", ""), kNone},
+      {"nothing", PortAttached(), kNone},
+      {"the VM where it is", Detached("lp-1", "", Vm("vm1")), kVif},
+      {"the VM elsewhere", Detached("lp-1", "", Vm("vm2")), kVif},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
+    road.script.push_back(row.answer);
+    EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
+    EXPECT_EQ(VifOf(kOverlay, "lp-1"), row.vif_left);
+    Attach(kVif, "lp-1");
+  }
+  road.script.push_back(Detached("lp-1", "", Vm("vm2")));
+  EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kPersistPath), PortFile("vm2", kOverlay, "lp-1"));
+  PortAttached strange = Detached("lp-1", "", Vm("vm3"));
+  strange.zone_id = "z9";
+  road.script.push_back(strange);
+  EXPECT_THAT(Done(Request(VifRequest::kDetach, kVif, kLs, "vm2")).error_text, HasSubstr("is ignored"));
+}
+
+TEST_F(VifDetachTest, ManagerThatIsNotReachedIsToldLater) {
+  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kCrx, "true"), 0);
+  EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "RPC call to ZEM management plane timout");
+  EXPECT_EQ(PendingOf(kOverlay, "lp-1"), "detach_port");
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kCrx), kNone);
+  road.script.push_back(PortAttached());
+  EXPECT_EQ(Done(Request(VifRequest::kSyncDetach)).error_text, "");
+  EXPECT_EQ(PendingOf(kOverlay, "lp-1"), kNone);
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
+
+  // Its files may be another host's by now: they are not looked at.
+  Attach(kVif, "lp-1");
+  ASSERT_TRUE(state->LosePorts(kOverlay));
+  EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "RPC call to ZEM management plane timout");
+  EXPECT_THAT(state->Ports(kOverlay), IsEmpty());
+
+  Fault("DVSKNL_PortDataClear count=3 ret=0xbad0001");
+  Attach(kVif, "lp-1");
+  Fault("DVSKNL_PortDataClear prop=com.orlane.port.extraConfig.vnic.external.id count=3 ret=0xbad0001");
+  road.script.push_back(Detached("lp-1", kVif));
+  EXPECT_THAT(Done(Request(VifRequest::kDetach)).error_text, HasSubstr("Failed to clear property"));
+}
+
+// The host takes back half of a reconfiguration: the port before is the VIF's again, at the manager and here.
+TEST_F(VifDetachTest, UndoneMoveGivesThePortBeforeBack) {
+  road.script.push_back(Moved(Port("lp-2", "z2", "ls-2"), "lp-1", "z1", kLs));
+  ASSERT_EQ(Done(Request(VifRequest::kAttach, kVif, "ls-2")).error_text, "");
+  road.asked.clear();
+  PortAttached left = Port("lp-2", "z2", "ls-2");
+  left.vif_id = kVif;
+  road.script.push_back(left);
+  road.script.push_back(Moved(Port("lp-1"), "lp-2", "z2", "ls-2"));
+  VifRequest undo = Request(VifRequest::kDetach, kVif, "ls-2");
+  undo.op_id = "op-7-2";
+  EXPECT_EQ(Done(undo).error_text, "");
+  ASSERT_THAT(road.asked, SizeIs(2));
+  EXPECT_FALSE(road.asked[0].attach);
+  EXPECT_TRUE(road.asked[1].attach);
+  EXPECT_EQ(road.asked[1].switch_id, kLs);
+  EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), kNone);
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
+
+  // Once only.
+  road.asked.clear();
+  road.script.push_back(Port("lp-1"));
+  EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
+  EXPECT_THAT(road.asked, SizeIs(1));
+}
+
+TEST_F(VifDetachTest, ManagerTakesTheAttachmentAway) {
+  VifRequest request = Request(VifRequest::kManagerDetach);
+  request.zone_id = "z1";
+  request.port_id = "lp-1";
+  EXPECT_EQ(Done(request).error_text, "");
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
+  // The VM's own detach comes when nothing is left to do.
+  road.script.push_back(PortAttached());
+  EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
+  EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-1"));
+}
+
+TEST_F(VifDetachTest, ManagerWantsAPortBack) {
+  VifRequest request = Request(VifRequest::kRestore);
+  request.state_text = "ACTIVE";
+  request.gcf_path.clear();
+  host.reset();
+  EXPECT_EQ(Done(request).error_text, "");
+  EXPECT_THAT(restored, IsEmpty());
+  EXPECT_TRUE(log.Contains("Ignored vif restore for the host is not setup for zem operation"));
+  host = "host-1";
+
+  lum.rpc_reply = Vm("vm1");
+  ASSERT_TRUE(state->LosePorts(kOverlay));
+  Done(request);
+  EXPECT_THAT(lum.commands, ElementsAre("17:vifId=vif-1|portId="));
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
+  request.vif_id = "vif-none";
+  Done(request);
+
+  VifRequest security = Request(VifRequest::kRestore, kVif, "dvportgroup-7");
+  security.security_switch_id = kOverlay;
+  security.port_id = "lp-5";
+  security.state_text = "SECURED";
+  security.spec = std::make_shared<PortConfigSpec>();
+  security.spec->port_id = "lp-1";
+  security.spec->init_state = "SECURITY_ONLY";
+  Done(security);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kLogicalPortId), "lp-5");
+  ASSERT_THAT(restored, SizeIs(3));
+  EXPECT_EQ(restored[0].state, "ACTIVE");
+  EXPECT_EQ(restored[1].state, "FAILED");
+  EXPECT_THAT(restored[1].error, HasSubstr("Could not find port"));
+  EXPECT_EQ(restored[2].state, "SECURED");
+}
+
+TEST_F(VifDetachTest, PortsOfAUserAreMadeBeforeTheirVifs) {
+  PrecreatedPorts::Map map;
+  for (const char* const vif : {"vm-uuid:4000", "vm-uuid:4001"}) {
+    auto request = std::make_shared<VifRequest>(Request(VifRequest::kAttachToVifUuid, vif));
+    request->gcf_path.clear();
+    request->spec = std::make_shared<PortConfigSpec>(Description(std::string("lp-") + vif));
+    map[vif] = request;
+  }
+  map["vm-uuid:4001"]->spec->zone_id = "z9";
+  lum.Script("getGcfPathOfVm(vm-uuid)", {"ok|" + Vm("vm1"), "no more"});
+  std::string error;
+  VifContext context{ports,
+                     manager,
+                     lum,
+                     migration,
+                     resync,
+                     port_lock,
+                     [] { return false; },
+                     [] { return true; },
+                     [this] { return host; },
+                     [](const ManagerSender::RestoreResponse&) { return true; },
+                     ending};
+  EXPECT_FALSE(PrecreatedPortMaker(context).CreatePorts(map, &error));
+  EXPECT_THAT(error, testing::StartsWith("Failed to create DV port lp-vm-uuid:4001 with VIF vm-uuid:4001. "));
+  EXPECT_TRUE(map["vm-uuid:4000"]->precreated);
+  EXPECT_FALSE(map["vm-uuid:4001"]->precreated);
+  EXPECT_EQ(Property(kOverlay, "lp-vm-uuid:4000", port_props::kPersistPath),
+            PortFile("vm1", kOverlay, "lp-vm-uuid:4000"));
+  EXPECT_THAT(lum.commands, ElementsAre("getGcfPathOfVm(vm-uuid)"));
+}
+
+}  // namespace
+}  // namespace zem::zema
