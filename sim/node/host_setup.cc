@@ -17,7 +17,6 @@ namespace fs = std::filesystem;
 constexpr const char* kTools = "/usr/local/bin/";
 constexpr const char* kCommandLine = "/opt/orlane/zem-cli/bin/scripts";
 constexpr const char* kPerformanceFolder = "/usr/lib/orlane/high-performance-dp";
-constexpr const char* kResyncFolder = "/usr/lib64/orlane/zem-tarvik/pylum/zema";
 constexpr const char* kProxyTools = "/opt/orlane/zem-cli/bin/";
 constexpr const char* kControllerFile = "/etc/orlane/zem/controller-info.xml";
 // As the host's installation leaves it.
@@ -58,8 +57,6 @@ void SetUpHost(const HostSetup& setup) {
   for (const char* file : {"hp_dp_script.py", "simstate.py"}) {
     fs::create_symlink(scripts / file, fs::path(kPerformanceFolder) / file);
   }
-  fs::create_directories(kResyncFolder);
-  fs::create_symlink(scripts / "resync.py", fs::path(kResyncFolder) / "resync.py");
   Tarvik::ChildProcess::Options options;
   options.argv = {"/usr/bin/python3", scripts / "simstate.py", "init", "--pnics", setup.pnics, "--ifs",
                   setup.interfaces};
