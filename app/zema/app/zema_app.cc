@@ -62,6 +62,8 @@ constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg"
 constexpr const char* kHostConfigAckType = "com.orlane.zem.switching.HostConfigAckMsg";
 constexpr const char* kLogicalSwitchAck = "LogicalSwitchACK";
 
+constexpr const char* kNotStarted = "The realization has not started yet";
+
 constexpr int kFirstRetryDelay = 30;  // seconds; doubled each time
 
 // Managers from 2.5 on keep logical switches in the store.
@@ -84,6 +86,7 @@ class ZemaApp::Impl {
             const std::string& correlation_id, const std::string& reply_to);
   void Reset(std::function<void(std::string)> done);
   std::string ReloadOptions();
+  std::string Migrate(bool vm_ports, bool knl_pnic);
 
   ZemaApp& app_;
   AsioZemProvider& provider_;
@@ -101,6 +104,7 @@ class ZemaApp::Impl {
   std::shared_ptr<zema::ControllerContext> MakeControllerContext();
   std::shared_ptr<zema::Realization> MakeRealization();
   std::shared_ptr<zema::Realization> realization() const;
+  std::shared_ptr<zema::Realization> started_realization() const;
   void MakeDispatch(const std::shared_ptr<zema::Realization>& realization);
   void SetStarted();
   std::shared_ptr<MpaClient> client() const { return MpaClient::Get(kVertical); }
@@ -491,19 +495,29 @@ void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
 
 // --- What operators ask.
 
+std::shared_ptr<zema::Realization> ZemaApp::Impl::started_realization() const {
+  const std::lock_guard lock(mutex_);
+  return started_ ? realization_ : nullptr;
+}
+
 void ZemaApp::Impl::Reset(std::function<void(std::string)> done) {
-  const auto current = realization();
-  {
-    const std::lock_guard lock(mutex_);
-    if (current == nullptr || !started_) {
-      done("The realization has not started yet");
-      return;
-    }
+  const auto current = started_realization();
+  if (current == nullptr) {
+    done(kNotStarted);
+    return;
   }
   zema::Workers().AddTask(zema::Worker::kHostSync,
                           std::make_unique<zema::FunctionTask>([current, done = std::move(done)] {
                             done(current->HostSwitchAndLSCleanup(true));
                           }));
+}
+
+std::string ZemaApp::Impl::Migrate(bool vm_ports, bool knl_pnic) {
+  const auto current = started_realization();
+  if (current == nullptr) return kNotStarted;
+  const bool taken =
+      zema::Workers().AddTask(zema::Worker::kHostSync, current->MakeVnicMigrationTask(vm_ports, knl_pnic));
+  return taken ? "" : "There is no thread for host configurations";
 }
 
 std::string ZemaApp::Impl::ReloadOptions() { return options_.Reload({}); }
@@ -546,6 +560,8 @@ void ZemaApp::RegisterHostCfgMsgCallBack(uint32_t module_id, HostConfigCallback 
 void ZemaApp::Reset(std::function<void(std::string)> done) { impl_->Reset(std::move(done)); }
 
 std::string ZemaApp::ReloadOptions() { return impl_->ReloadOptions(); }
+
+std::string ZemaApp::Migrate(bool vm_ports, bool knl_pnic) { return impl_->Migrate(vm_ports, knl_pnic); }
 
 bool ZemaApp::HostConfigReply(const std::string& correlation_id, const std::string& reply_to,
                               const switching::HostConfigMsg& reply) {
