@@ -15,12 +15,14 @@
 #include <system_error>
 
 #include "platform/core/unique_fd.h"
+#include "sim/host/vm_journal.h"
 
 namespace zem::sim {
 namespace {
 
 constexpr const char* kHostFile = "host.json";
 constexpr const char* kNetworksFile = "opaque_networks.log";
+constexpr const char* kVms = "vms";
 constexpr const char* kFaultsFile = "faults";
 
 std::string ReadFile(const std::string& path) {
@@ -70,7 +72,32 @@ void HostState::Locked(const std::function<void()>& change) const {
 Json HostState::Read() const {
   const std::string text = ReadFile(Path(kHostFile));
   if (text.empty()) throw std::runtime_error("there is no host at " + root_);
-  return Parse(text, Path(kHostFile));
+  Json host = Parse(text, Path(kHostFile));
+  VmJournal journal(VmFile());
+  journal.Refresh();
+  Json vms = JsonObject();
+  for (const auto& [uuid, machine] : journal.machines()) {
+    AddMember(vms.get(), uuid.c_str(), Json(cJSON_Duplicate(machine.get(), true)));
+  }
+  cJSON_DeleteItemFromObjectCaseSensitive(host.get(), kVms);
+  AddMember(host.get(), kVms, std::move(vms));
+  return host;
+}
+
+// Those that a change at `path` may have touched.
+void HostState::WriteVms(const std::string& path, const cJSON* vms) const {
+  VmJournal journal(VmFile());
+  journal.Refresh();
+  const size_t dot = path.find('.');
+  if (dot == std::string::npos) journal.Clear();
+  const std::string only =
+      dot == std::string::npos ? std::string() : path.substr(dot + 1, path.find('.', dot + 1) - dot - 1);
+  const cJSON* machine = nullptr;
+  cJSON_ArrayForEach(machine, vms) {
+    if (only.empty() || only == machine->string) {
+      journal.Put(machine->string, Json(cJSON_Duplicate(machine, true)));
+    }
+  }
 }
 
 void HostState::Set(const std::string& path, const std::string& value) const {
@@ -88,6 +115,8 @@ void HostState::Set(const std::string& path, const std::string& value) const {
     if (name.empty()) throw std::runtime_error("a path needs a name at its end");
     cJSON_DeleteItemFromObjectCaseSensitive(at, name.c_str());
     AddMember(at, name.c_str(), std::move(parsed));
+    Json vms(cJSON_DetachItemFromObjectCaseSensitive(host.get(), kVms));
+    if (path == kVms || path.starts_with(std::string(kVms) + ".")) return WriteVms(path, vms.get());
     WriteFile(Path(kHostFile), JsonText(host.get()) + "\n");
   });
 }

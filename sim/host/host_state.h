@@ -20,8 +20,9 @@ class HostState {
 
   explicit HostState(std::string root) : root_(std::move(root)) {}
 
-  /// The host without its opaque networks.
+  /// The host without its opaque networks; its VMs are under "vms".
   Json Read() const;
+  std::string VmFile() const { return Path("vms.log"); }
   /// Puts `value` at a path of member names with dots between; the members on the way must be there.
   void Set(const std::string& path, const std::string& value) const;
 
@@ -47,6 +48,7 @@ class HostState {
 
  private:
   Json Lines(const char* name, size_t count, const std::string& part) const;
+  void WriteVms(const std::string& path, const cJSON* vms) const;
   std::string Path(const char* name) const { return root_ + "/host/" + name; }
   void Locked(const std::function<void()>& change) const;
 

@@ -30,10 +30,11 @@ def pairs_of(values):
 
 def vnic_of(state, device):
     vm, _, vnic = device.partition(":")
-    found = state.host["vms"].get(vm, {}).get("vnics", {}).get(vnic)
+    found = state.vms.get(vm, {}).get("vnics", {}).get(vnic)
     if found is None:
         raise Refused("vNIC [%s] is not found" % device)
-    return state.host["vms"][vm], found
+    state.changed_vms.add(vm)
+    return state.vms[vm], found
 
 
 def interface_of(state, device):
@@ -221,7 +222,7 @@ def migrate_for_del(state, _):
 def connected_vifs(state):
     return sorted(
         vnic["vif"]
-        for machine in state.host["vms"].values()
+        for machine in state.vms.values()
         for vnic in machine["vnics"].values()
         if vnic.get("connected") and vnic.get("ls")
     )
@@ -236,22 +237,22 @@ def vms_on_port_groups(state):
     """Operation 18: a line of six members for each vNIC on a distributed port group."""
     return "".join(
         "|".join((uuid, device, vnic["portGroup"], vnic.get("port", ""), vnic.get("vif", ""), machine["path"])) + "\n"
-        for uuid, machine in sorted(state.host["vms"].items())
+        for uuid, machine in sorted(state.vms.items())
         for device, vnic in sorted(machine["vnics"].items())
         if vnic.get("portGroup", "").startswith("dvportgroup-")
     )
 
 
 def gcf_path(state, uuid):
-    if uuid not in state.host["vms"]:
+    if uuid not in state.vms:
         raise Refused("VM [%s] is not found" % uuid)
-    return "ok|" + state.host["vms"][uuid]["path"]
+    return "ok|" + state.vms[uuid]["path"]
 
 
 def path_of_vif(state, data):
     """Operation 17: "vifId=<vif>|portId=<port>"."""
     values = dict(part.partition("=")[::2] for part in data.split("|"))
-    for machine in state.host["vms"].values():
+    for machine in state.vms.values():
         if any(vnic.get("vif") == values.get("vifId") for vnic in machine["vnics"].values()):
             return machine["path"]
     raise Refused("no VM has VIF [%s]" % values.get("vifId", ""))

@@ -66,10 +66,10 @@ def apply_bulk(state, data):
 
 def checksum(state, _):
     state.networks.refresh()
-    if not state.networks.networks:
+    if not state.networks.entries:
         return ""
     digest = hashlib.md5()
-    for uuid, network in sorted(state.networks.networks.items()):
+    for uuid, network in sorted(state.networks.entries.items()):
         digest.update(("%s:%d;" % (uuid, network["revision"])).encode())
     return digest.hexdigest()
 

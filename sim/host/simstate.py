@@ -1,7 +1,8 @@
 """The state of the simulated host: one file tree, which the switch libraries and the node's commands share.
 
 Root: ZEM_SIM_ROOT (default /var/run/orlane/sim).  "switch" below it is the kernel's part (switches, ports, endpoints),
-"host" is what the host's management knows: its physical NICs, interfaces, VMs, flags, opaque networks.  Every change
+"host" is what the host's management knows: its physical NICs, interfaces, flags; in journals of their own its VMs and
+its opaque networks.  Every change
 is made under a lock on "<root>/lock"; a file is written under another name and renamed, so that a reader never sees
 half of one, and whoever dies in the middle leaves the state before.
 
@@ -64,7 +65,7 @@ def read_property(path):
 
 
 class Journal:
-    """The opaque networks.
+    """Opaque networks or VMs: objects by uuid.
 
     A host may have 10,000 of them and get one more every few milliseconds, so each change is a line at the end of
     one file; the file is written anew when it has grown far beyond what it says.
@@ -72,48 +73,51 @@ class Journal:
 
     def __init__(self, path):
         self.path = path
-        self.networks = {}
-        self.seen = None
+        self.entries = {}
+        self.inode = None
+        self.read = 0
         self.lines = 0
+
+    def forget(self):
+        self.entries, self.inode, self.read, self.lines = {}, None, 0, 0
 
     def refresh(self):
         """Reads what another process has written."""
         try:
             stat = os.stat(self.path)
         except FileNotFoundError:
-            self.networks, self.seen, self.lines = {}, None, 0
+            self.forget()
             return
-        seen = (stat.st_ino, stat.st_size)
-        if seen == self.seen:
+        if stat.st_ino != self.inode or stat.st_size < self.read:
+            self.forget()
+            self.inode = stat.st_ino
+        if stat.st_size == self.read:
             return
-        self.networks = {}
-        self.lines = 0
         with open(self.path, "r+b") as file:
-            whole = 0
+            file.seek(self.read)
             for line in file:
                 # A line that its writer did not finish says nothing, and must not run into the next.
                 if not line.endswith(b"\n"):
-                    file.truncate(whole)
+                    file.truncate(self.read)
                     break
                 self.take(json.loads(line))
                 self.lines += 1
-                whole += len(line)
-        self.seen = (stat.st_ino, whole)
+                self.read += len(line)
 
     def take(self, change):
         if change["op"] == "clear":
-            self.networks = {}
+            self.entries = {}
         elif change["op"] == "set":
-            self.networks[change["uuid"]] = change
+            self.entries[change["uuid"]] = change
         else:
-            self.networks.pop(change["uuid"], None)
+            self.entries.pop(change["uuid"], None)
 
     def add(self, changes):
         for change in changes:
             self.take(change)
         self.lines += len(changes)
-        if self.lines > 1000 + 4 * len(self.networks):
-            changes = list(self.networks.values())
+        if self.lines > 1000 + 4 * len(self.entries):
+            changes = list(self.entries.values())
             self.lines = len(changes)
             write_file(self.path, "".join(json.dumps(change) + "\n" for change in changes).encode())
         else:
@@ -121,7 +125,7 @@ class Journal:
             with open(self.path, "ab") as file:
                 file.write(text.encode())
         stat = os.stat(self.path)
-        self.seen = (stat.st_ino, stat.st_size)
+        self.inode, self.read = stat.st_ino, stat.st_size
 
 
 class State:
@@ -135,6 +139,8 @@ class State:
             os.makedirs(directory, exist_ok=True)
         self.host_path = os.path.join(self.host_dir, "host.json")
         self.networks = Journal(os.path.join(self.host_dir, "opaque_networks.log"))
+        self.machines = Journal(os.path.join(self.host_dir, "vms.log"))
+        self.changed_vms = set()
         self.host = {}
         self.host_seen = None
         # What is to be written of switches after the host: who dies in between leaves an interface on a switch that
@@ -148,6 +154,7 @@ class State:
         fcntl.flock(self.lock_file, fcntl.LOCK_EX)
         try:
             self.refresh_host()
+            self.machines.refresh()
             before = json.dumps(self.host, sort_keys=True)
             yield self
             if json.dumps(self.host, sort_keys=True) != before:
@@ -155,13 +162,22 @@ class State:
                 self.host_seen = self.host_stamp()
             for meta in self.metas.values():
                 self.write_meta(meta)
+            if self.changed_vms:
+                self.machines.add([dict(self.vms[uuid], op="set", uuid=uuid) for uuid in self.changed_vms])
         except BaseException:
             # What was changed in memory only has not happened.
             self.host_seen = None
+            self.machines.forget()
             raise
         finally:
             self.metas = {}
+            self.changed_vms = set()
             fcntl.flock(self.lock_file, fcntl.LOCK_UN)
+
+    @property
+    def vms(self):
+        """The VMs by uuid; who changes one adds its uuid to `changed_vms`."""
+        return self.machines.entries
 
     def host_stamp(self):
         try:
@@ -359,7 +375,6 @@ def new_host(pnics, interfaces):
             }
             for i, (device, kind) in enumerate(interfaces.items())
         },
-        "vms": {},
         "guestLane": {"interface": None, "switches": []},
         # Addresses that endpoints get when nobody gives them one: the next, and how many questions come first.
         "dhcp": {"prefix": "192.168.50.", "next": 10, "prefix6": "fd00:50::", "polls": 0},

@@ -142,7 +142,7 @@ def pre_check(state, data):
     """The agent is not installed under running VMs."""
     for _ in messages.fields(data):
         pass
-    for uuid, machine in state.host["vms"].items():
+    for uuid, machine in state.vms.items():
         if machine.get("power") == "on" and not state.host["maintenance"]:
             raise Refused("VM [%s] is running" % uuid)
     return ""

@@ -2,11 +2,14 @@
 
 #include <google/protobuf/text_format.h>
 
+#include <atomic>
 #include <charconv>
 #include <cstring>
 #include <limits>
 #include <optional>
 
+#include "platform/core/clock.h"
+#include "platform/core/thread.h"
 #include "proto/switching/switching.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/command_table.h"
@@ -17,6 +20,7 @@
 namespace zem::sim {
 namespace {
 
+constexpr auto kPatience = std::chrono::seconds(60);
 constexpr const char* kVnicSocket = "/etc/orlane/zemaVifDvp";
 
 // False when the option is there and no number.
@@ -72,6 +76,69 @@ void Ask(HostManagement& daemon, const Arguments& arguments, const Reply& reply)
   reply.Ok();
 }
 
+void Control(HostManagement& daemon, const Arguments& arguments, const Reply& reply) {
+  const std::string word = arguments.empty() ? "" : arguments[0];
+  if (word == "restart") {
+    const std::string text = arguments.size() > 1 ? arguments[1] : "1";
+    uint32_t seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (error != std::errc() || end != text.data() + text.size()) return reply.Fail("no number: " + text);
+    Thread::Options options;
+    options.detached = true;
+    const Thread started(std::move(options), [&daemon, seconds, reply] {
+      daemon.Stop();
+      SleepFor(std::chrono::seconds(seconds));
+      daemon.Start();
+      Show(daemon, reply);
+    });
+    return;
+  }
+  if (arguments.size() > 1 || (!word.empty() && word != "start" && word != "stop")) {
+    return reply.Fail("start, stop or restart");
+  }
+  if (!word.empty()) word == "start" ? daemon.Start() : daemon.Stop();
+  Show(daemon, reply);
+}
+
+// Operations that change nothing, one behind the other, while nobody reads the answers.
+void Burst(HostManagement& daemon, const Arguments& arguments, const Reply& reply) {
+  constexpr uint32_t kIgnored = 9;
+  constexpr uint32_t kMost = 100000;
+  uint32_t count = 0;
+  const std::string& text = arguments[0];
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  if (error != std::errc() || end != text.data() + text.size() || count == 0 || count > kMost) {
+    return reply.Fail("how many?");
+  }
+  static std::atomic<uint64_t> bursts{0};
+  const std::string stem = "burst-" + std::to_string(++bursts) + "-";
+  Thread::Options options;
+  options.detached = true;
+  const Thread started(std::move(options), [&daemon, count, stem, reply] {
+    HostManagement::Operation operation;
+    operation.opcode = kIgnored;
+    operation.gcf_path = "/burst/burst.cfg";
+    daemon.SetReading(false);
+    uint32_t sent = 0;
+    for (; sent < count; ++sent) {
+      operation.op_id = stem + std::to_string(sent);
+      operation.vif = "burst-" + std::to_string(sent);
+      if (!daemon.Ask(operation)) break;
+    }
+    daemon.SetReading(true);
+    if (sent < count) return reply.Fail("taken: " + std::to_string(sent));
+    uint64_t answered = 0;
+    const TimePoint until = Clock::Process().Now() + kPatience;
+    for (uint32_t i = 0; i < count; ++i) {
+      if (daemon.WaitForAnswer(stem + std::to_string(i), until)) ++answered;
+    }
+    if (answered < count) return reply.Fail("answered: " + std::to_string(answered));
+    Json result = JsonObject();
+    AddMember(result.get(), "answered", answered);
+    reply.Ok(std::move(result));
+  });
+}
+
 void Answers(const HostManagement& daemon, const Reply& reply) {
   Json result = JsonObject();
   Json list = JsonArray();
@@ -105,15 +172,11 @@ void UpdateVnics(const std::string& text, const Reply& reply) {
 
 void RegisterCorvdCommands(CommandTable& table, HostManagement& daemon) {
   HostManagement* const d = &daemon;
-  table.Register({"host-management", "[start|stop]",
-                  "The host management daemon's socket: shows, opens, closes it.", 0, 1,
-                  [d](const Arguments& arguments, const Reply& reply) {
-                    if (!arguments.empty() && arguments[0] != "start" && arguments[0] != "stop") {
-                      return reply.Fail("start or stop");
-                    }
-                    if (!arguments.empty()) arguments[0] == "start" ? d->Start() : d->Stop();
-                    Show(*d, reply);
-                  }});
+  table.Register(
+      {"host-management", "[start|stop|restart [SECONDS]]",
+       "The host management daemon's socket: shows, opens, closes it; restart leaves it closed for "
+       "a while (1 second).",
+       0, 2, [d](const Arguments& arguments, const Reply& reply) { Control(*d, arguments, reply); }});
   table.Register(
       {"corvd/send",
        "[--opcode N] [--ls LS] [--gcf PATH] [--magic N] [--version N] [--piece BYTES] [--count N] [--bare] "
@@ -129,6 +192,10 @@ void RegisterCorvdCommands(CommandTable& table, HostManagement& daemon) {
          if (!d->SendRaw(*bytes)) return reply.Fail("nobody is connected, or takes it");
          reply.Ok();
        }});
+  table.Register({"corvd/burst", "N",
+                  "Asks for N operations that change nothing before it reads an answer, and waits for all.",
+                  1, 1,
+                  [d](const Arguments& arguments, const Reply& reply) { Burst(*d, arguments, reply); }});
   table.Register({"corvd/answers", "", "Shows all answers.", 0, 0,
                   [d](const Arguments&, const Reply& reply) { Answers(*d, reply); }});
   table.Register({"corvd/outstanding", "", "Shows what was asked on this connection and is not answered.", 0,

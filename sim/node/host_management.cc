@@ -112,6 +112,7 @@ void HostManagement::CloseClientLocked() {
   received_.clear();
   asked_.clear();
   state_.connected = false;
+  answered_changed_.NotifyAll();
 }
 
 // One connection at a time, as the agent makes one.
@@ -195,8 +196,9 @@ void HostManagement::Judge(std::string_view header, std::string_view payload) {
   if (!payload.empty() && payload.back() != '\0')
     violations_.push_back("text without end in the answer to " + op_id);
   answered_.insert(op_id);
-  answers_.push_back(
-      {op_id, Number(header, 276), std::string(payload.substr(0, payload.find('\0'))), state_.connections});
+  answers_.push_back({op_id, Number(header, 276), std::string(payload.substr(0, payload.find('\0'))),
+                      state_.connections, Clock::Process().Now()});
+  last_answers_[op_id] = answers_.size() - 1;
   answered_changed_.NotifyAll();
 }
 
@@ -207,6 +209,7 @@ bool HostManagement::Ask(const Operation& operation, size_t piece) {
     const std::lock_guard lock(mutex_);
     if (!client_) return false;
     asked_[operation.op_id] = header;
+    last_answers_.erase(operation.op_id);
   }
   const std::string frame = header + payload;
   if (piece == 0) return SendRaw(frame);
@@ -246,6 +249,16 @@ HostManagement::State HostManagement::state() const {
 std::vector<HostManagement::Answer> HostManagement::answers() const {
   const std::lock_guard lock(mutex_);
   return answers_;
+}
+
+std::optional<HostManagement::Answer> HostManagement::WaitForAnswer(const std::string& op_id,
+                                                                    TimePoint until) const {
+  std::unique_lock lock(mutex_);
+  answered_changed_.WaitUntil(lock, until,
+                              [&] { return last_answers_.count(op_id) != 0 || asked_.count(op_id) == 0; });
+  const auto found = last_answers_.find(op_id);
+  if (found == last_answers_.end()) return std::nullopt;
+  return answers_[found->second];
 }
 
 bool HostManagement::WaitForAnswers(size_t count, int seconds) const {

@@ -4,11 +4,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/core/clock.h"
 #include "platform/core/condition.h"
 #include "platform/core/thread.h"
 #include "platform/core/unique_fd.h"
@@ -64,8 +66,12 @@ class HostManagement {
     /// Without the zero that ends it.
     std::string text;
     uint64_t connection = 0;
+    TimePoint at{};
   };
   std::vector<Answer> answers() const;
+  /// Waits for the answer to one question.  Nothing when the connection ends before, or in time it does not
+  /// come.
+  std::optional<Answer> WaitForAnswer(const std::string& op_id, TimePoint until) const;
   /// Waits until so many answers have come.
   bool WaitForAnswers(size_t count, int seconds) const;
   /// Asked on the connection that is there, and not answered.
@@ -94,6 +100,7 @@ class HostManagement {
   std::map<std::string, std::string> asked_;  // op id to header
   std::set<std::string> answered_;
   std::vector<Answer> answers_;
+  std::map<std::string, size_t> last_answers_;  // to each op id since it was last asked, in answers_
   std::vector<std::string> violations_;
   mutable Condition answered_changed_;
   Thread thread_;

@@ -17,6 +17,7 @@
 #include "sim/manager/vif_commands.h"
 #include "sim/node/raw_sockets.h"
 #include "sim/node/sandbox.h"
+#include "sim/node/vm_commands.h"
 #include "sim/switch/switch_commands.h"
 
 namespace zem::sim {
@@ -67,6 +68,7 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
   dataplane_ = std::make_unique<DataplaneAgent>(kAgentLink);
   listeners_ = std::make_unique<RawListeners>(control_provider_.io());
   host_management_ = std::make_unique<HostManagement>();
+  machines_ = std::make_unique<VirtualMachines>(*host_management_, host_state_.VmFile());
   daemon_ = std::make_unique<DaemonProcess>(kDaemonPath, std::string(kNodeDirectory) + "/daemon.out");
   daemon_->SetEnvironment("LD_LIBRARY_PATH", kLoadedLibraries);
 
@@ -75,6 +77,7 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
   RegisterVifCommands(manager_commands_, *manager_);
   RegisterDataplaneCommands(dataplane_commands_, *dataplane_);
   RegisterHostCommands(host_commands_, host_state_);
+  RegisterVmCommands(vm_commands_, *machines_, *manager_, host_state_);
   RegisterSwitchCommands(commands_, switch_state_, libraries_);
   RegisterNodeCommands(commands_, *this);
   control_ =

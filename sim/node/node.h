@@ -12,6 +12,7 @@
 #include "sim/node/host_management.h"
 #include "sim/node/host_setup.h"
 #include "sim/node/log_sink.h"
+#include "sim/node/virtual_machines.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/library_folder.h"
 #include "sim/switch/sim_state.h"
@@ -82,12 +83,14 @@ class Node {
   std::unique_ptr<DataplaneAgent> dataplane_;
   std::unique_ptr<RawListeners> listeners_;
   std::unique_ptr<HostManagement> host_management_;
+  std::unique_ptr<VirtualMachines> machines_;
   std::unique_ptr<DaemonProcess> daemon_;
 
   CommandTable store_commands_;
   CommandTable manager_commands_;
   CommandTable dataplane_commands_;
   CommandTable host_commands_;
+  CommandTable vm_commands_;
   CommandTable commands_;
   std::unique_ptr<ControlServer> control_;
 };

@@ -12,6 +12,7 @@
 #include "sim/switch/library_folder.h"
 #include "sim/switch/sim_state.h"
 #include "sim/switch/state_tree.h"
+#include "sim/switch/vif_ports.h"
 
 namespace zem::sim {
 namespace {
@@ -127,6 +128,11 @@ class SwitchCommands {
     Answer(reply, state_.LosePorts(IdOf(arguments[0])), NoSwitch(arguments[0]));
   }
 
+  void MakePort(const Arguments& arguments, const Reply& reply) const {
+    const std::string error = AddPort({IdOf(arguments[0]), arguments[1]});
+    Answer(reply, error.empty(), error);
+  }
+
   void Fault(const Arguments& arguments, const Reply& reply) const {
     std::string error;
     const bool added = state_.AddFault(arguments[0], &error);
@@ -206,6 +212,8 @@ void RegisterSwitchCommands(CommandTable& table, SwitchState& state, LibraryFold
                   [c](A a, R r) { c.Remove(a, r); }});
   table.Register({"switch/lose-ports", "SWITCH", "One switch forgets its ports.", 1, 1,
                   [c](A a, R r) { c.LosePorts(a, r); }});
+  table.Register({"switch/add-port", "SWITCH PORT", "Makes a port of the host's own.", 2, 2,
+                  [c](A a, R r) { c.MakePort(a, r); }});
   table.Register({"switch/reboot", "", "The host starts anew: no switch has ports, no router is on one.", 0,
                   0, [c](A, R r) {
                     c.state().RebootHost();

@@ -311,8 +311,10 @@ WorkerFactory Realization::Impl::Factory() {
         ZLOG_WARN("the port [%s] on [%s] keeps what was written on it", port.c_str(), dvs.c_str());
       }
     });
-    handler->ServeResync({health_.get(), &Host(), &resync_state_,
-                          [options = settings_.options] { return options->Snapshot(); }});
+    ResyncThread::Settings resync{health_.get(), &Host(), &resync_state_,
+                                  [options = settings_.options] { return options->Snapshot(); }};
+    resync.read_ports = [this] { ports_->RefreshVifIndex(); };
+    handler->ServeResync(std::move(resync));
     follow_ups_->SetHostManagement(handler.get());
     return handler;
   };

@@ -207,6 +207,7 @@ void ResyncThread::Compare(const RealizationOptions& options, int interval) {
   ZLOG_INFO("[%s] synchronizing local vif attachment/detachment to MP ...\n", kTag);
   const TimePoint begin = Clock::Process().Now();
   try {
+    settings_.read_ports();
     round_.Resync(span, vm_check, std::max<Duration>(std::chrono::seconds(interval), settings_.script_limit));
   } catch (const std::exception& e) {
     ZLOG_ERROR("42044", "[%s] resync caught exception: %s\n", kTag, e.what());

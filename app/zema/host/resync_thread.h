@@ -31,6 +31,8 @@ class ResyncThread final : public Thread {
     Duration script_limit = std::chrono::minutes(10);
     /// Runs the rounds' commands in the place of the shell, for a test; else empty.
     std::function<int(const std::string& command, std::string* output)> command;
+    /// At the beginning of each round: what is known of the ports is read again.
+    std::function<void()> read_ports = [] {};
   };
 
   /// All but `command` set; what is pointed at, and `vif_handler`, outlive the thread.

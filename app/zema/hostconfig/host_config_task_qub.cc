@@ -279,7 +279,9 @@ bool HostConfigTaskQub::ConfigureDvses(bool upgrade, InterfaceMigration& migrati
     return application.InvokeApplyHostSwitch(records, &message_, migration_map_, migrated, vteps_);
   };
   DvsConfiguration configuration(context_->lum, errors_, std::move(settings));
-  return configuration.ConfigureDvses(message_, &migrated) == 0;
+  const bool configured = configuration.ConfigureDvses(message_, &migrated) == 0;
+  context_->ports.ForgetVifIndex();
+  return configured;
 }
 
 bool HostConfigTaskQub::ReadSwitches(bool reset, std::vector<HostDvs>* switches) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -54,6 +55,46 @@ std::vector<std::string> read_directory(const std::string& directory, bool direc
   return names;
 }
 
+// A file that is half written when the host or the agent dies could not bring its port back, so what is there
+// stays until the new one is whole.  The draft lies a level above the ports, where it is none.
+std::string DraftOf(const std::string& path) {
+  static std::atomic<uint32_t> number{0};
+  const size_t switch_end = path.rfind('/');
+  const size_t folder_end =
+      switch_end == std::string::npos || switch_end == 0 ? switch_end : path.rfind('/', switch_end - 1);
+  const std::string folder = folder_end == std::string::npos ? "." : path.substr(0, folder_end);
+  return folder + "/." + std::to_string(::getpid()) + "-" + std::to_string(number++) + ".tmp";
+}
+
+// 0, or the result of WritePortFile.
+int WriteDraft(const std::string& draft, std::string_view data) {
+  const UniqueFd file(::open(draft.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode));
+  if (!file) {
+    ZLOG_ERROR("44212", "Error creating/opening port file:%d", errno);
+    return -1;
+  }
+  if (::ftruncate(file.get(), 0) != 0) {
+    ZLOG_ERROR("44212", "Error truncating file:%d", errno);
+    return -2;
+  }
+  const size_t size = (data.size() + kBlock - 1) / kBlock * kBlock;
+  const std::unique_ptr<void, void (*)(void*)> buffer(std::aligned_alloc(kBlock, std::max(size, kBlock)),
+                                                      &std::free);
+  if (buffer == nullptr) {
+    ZLOG_ERROR("44212", "Error mallocing");
+    return -3;
+  }
+  // No memory of the process goes to the disk behind the data.
+  std::memset(buffer.get(), 0, size);
+  std::memcpy(buffer.get(), data.data(), data.size());
+  if (::pwrite(file.get(), buffer.get(), size, 0) != static_cast<ssize_t>(size) ||
+      ::fdatasync(file.get()) != 0) {
+    ZLOG_ERROR("44212", "Error writing to file:%d", errno);
+    return -4;
+  }
+  return 0;
+}
+
 }  // namespace
 
 std::optional<std::string> VmDirectoryOf(const std::string& gcf_path) {
@@ -90,28 +131,20 @@ bool MakePortFileDirectories(const std::string& path) {
 }
 
 int WritePortFile(const std::string& path, std::string_view data) {
-  const UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode));
-  if (!file) {
-    ZLOG_ERROR("44212", "Error creating/opening port file:%d", errno);
-    return -1;
+  const std::string draft = DraftOf(path);
+  int result = WriteDraft(draft, data);
+  if (result == 0 && ::rename(draft.c_str(), path.c_str()) != 0) {
+    const bool no_folder = errno == ENOENT || errno == ENOTDIR;
+    if (no_folder) {
+      ZLOG_ERROR("44212", "Error creating/opening port file:%d", errno);
+    } else {
+      ZLOG_ERROR("44212", "Error writing to file:%d", errno);
+    }
+    result = no_folder ? -1 : -4;
   }
-  if (::ftruncate(file.get(), 0) != 0) {
-    ZLOG_ERROR("44212", "Error truncating file:%d", errno);
-    return -2;
-  }
-  const size_t size = (data.size() + kBlock - 1) / kBlock * kBlock;
-  const std::unique_ptr<void, void (*)(void*)> buffer(std::aligned_alloc(kBlock, std::max(size, kBlock)),
-                                                      &std::free);
-  if (buffer == nullptr) {
-    ZLOG_ERROR("44212", "Error mallocing");
-    return -3;
-  }
-  // No memory of the process goes to the disk behind the data.
-  std::memset(buffer.get(), 0, size);
-  std::memcpy(buffer.get(), data.data(), data.size());
-  if (::pwrite(file.get(), buffer.get(), size, 0) != static_cast<ssize_t>(size)) {
-    ZLOG_ERROR("44212", "Error writing to file:%d", errno);
-    return -4;
+  if (result != 0) {
+    ::unlink(draft.c_str());
+    return result;
   }
   ZLOG_INFO("Wrote to port file:[%s]", path.c_str());
   return 0;

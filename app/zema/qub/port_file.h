@@ -23,8 +23,9 @@ std::optional<std::string> PortFilePath(const std::string& vm_directory, const s
 /// Makes what is missing of the directories above `path`.
 [[nodiscard]] bool MakePortFileDirectories(const std::string& path);
 
-/// Writes the data, filled up with zeros to a multiple of 512 bytes, in place of what was there.  0; -1 when
-/// the file does not open, -2 when it cannot be emptied, -3 without memory, -4 when it is not written.
+/// Writes the data, filled up with zeros to a multiple of 512 bytes, in place of what was there, which
+/// stays when that fails.  0; -1 when the file does not open, -2 when it cannot be emptied, -3 without
+/// memory, -4 when it is not written.
 int WritePortFile(const std::string& path, std::string_view data);
 
 /// 0 and the whole file, or an errno.  Nothing beyond 1 MiB is read: EFBIG.

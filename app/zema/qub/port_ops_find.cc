@@ -77,6 +77,8 @@ bool PortOpsManager::RefreshVifIndex() {
   return false;
 }
 
+void PortOpsManager::ForgetVifIndex() { vif_index_->Invalidate(); }
+
 void PortOpsManager::DoubtVif(const std::string& vif) { vif_index_->Doubt(vif); }
 
 std::optional<std::vector<PortLocation>> PortOpsManager::AskIndex(const std::string& vif,

@@ -69,6 +69,8 @@ class PortOpsManager {
   /// Reads all ports again.  False when not all could be read: the next search does it.  After something
   /// that may have changed ports without this object.
   bool RefreshVifIndex();
+  /// The next search goes through all ports: the host may have changed any.
+  void ForgetVifIndex();
   /// The host may have put the VIF on a port itself: the next search for it goes through all ports.
   void DoubtVif(const std::string& vif);
 

@@ -21,10 +21,10 @@ namespace zem::zema {
 /// as long as they go on, and why a reading of the ports takes along what was told while it went on.
 ///
 /// What others write is not seen: the host when it brings a VM with its ports (told by Doubt), a migration or
-/// a host configuration done by the host (a new reading follows), an operator (seen by the next reading,
-/// which each resync makes).  Ports that vanish, with their switch or because the host lost them, need not be
-/// told: their candidates fail the question.  So a VIF without candidates is on no port, except between a
-/// write by somebody else and the next reading.
+/// a host configuration done by the host (told by Invalidate), an operator (seen by the next reading, which
+/// each round of the resync makes).  Ports that vanish, with their switch or because the host lost them, need
+/// not be told: their candidates fail the question.  So a VIF without candidates is on no port, except
+/// between a write by somebody else and the next reading.
 ///
 /// Threads: all operations from any thread; the lock is held for memory work only and nothing is called under
 /// it.

@@ -99,6 +99,10 @@ void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter) {
       return UpdateSiteConfigurationOnPort(*context_, request);
     case VifRequest::kRestore:
       return RestoreVif(*context_, request);
+    case VifRequest::kAttachLiveMove:
+      // The host brings the VM, and may bring its ports.
+      context_->ports.DoubtVif(request.vif_id);
+      [[fallthrough]];
     default:
       ZLOG_INFO("[%s] ignore opCode: [%s:%d]\n", kTag, request.KindText().c_str(), request.op_code);
   }

@@ -198,6 +198,10 @@ TEST_F(PortOpsCreateTest, PortFileIsWholeBlocksWithoutMemoryOfTheProcess) {
   ASSERT_EQ(ReadPortFile(path, &bytes), 0);
   EXPECT_EQ(bytes, std::string(513, 'y') + std::string(511, '\0'));
   EXPECT_EQ(WritePortFile(dir.Path("none/file"), "x"), -1);
+  // A write that fails leaves what was there, and no draft.
+  fs::create_directories(dir.Path("vm/.dvsData/ks/folder/full"));
+  EXPECT_EQ(WritePortFile(dir.Path("vm/.dvsData/ks/folder"), "x"), -4);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.Path("vm/.dvsData")), fs::directory_iterator()), 1);
   EXPECT_EQ(ReadPortFile(dir.Path("none"), &bytes), ENOENT);
   EXPECT_EQ(ReadPortFile(dir.Path(), &bytes), EINVAL);
   fs::resize_file(path, 1024 * 1024 + 1);

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "app/zema/core/zem_manager.h"
+#include "app/zema/host/handler_pool.h"
+#include "app/zema/host/resync_state.h"
+#include "app/zema/qub/lum_commands.h"
+#include "app/zema/qub/migration_record.h"
+#include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/vif/vif_port_handler.h"
+#include "bench/vifs/instant_manager.h"
+#include "bench/vifs/world.h"
+
+namespace zem::bench {
+
+/// The agent from the queue of the host's requests to their replies: pool, handler, blocking manager calls,
+/// port operations.  Log lines are made and go nowhere.
+///
+/// Threads: one owner.  Errors: std::runtime_error.
+class AgentSide {
+ public:
+  explicit AgentSide(World& world);
+  ~AgentSide();
+
+  /// Attaches all, `outstanding` at a time, and gives the seconds of each from its queueing to its reply.
+  std::vector<double> Attach(const std::vector<Vif>& vifs, size_t outstanding);
+
+  zema::PortOpsManager& ports() { return ports_; }
+  size_t threads() { return pool_.load().handlers; }
+
+ private:
+  class NoHost final : public zema::LumCommands {
+   public:
+    int InvokeCommand(const std::string&, const std::string&, std::string*) override { return kFailed; }
+    int InvokeRPC(zema::LumOperation, std::string_view, std::string*) override { return kRpcSocketFailure; }
+  };
+  class Sender final : public zema::VifSender {
+   public:
+    explicit Sender(AgentSide& side) : side_(side) {}
+    bool SendVIFAttachmentInfo(const Attachment& attachment, std::string*) override {
+      side_.instant_.Ask(attachment.rpc_id, attachment.vif_id, attachment.switch_id);
+      return true;
+    }
+    bool SendVIFUpdate(const Update&) override { return true; }
+
+   private:
+    AgentSide& side_;
+  };
+
+  void Queue(size_t index);
+  void Replied(const zema::VifRequest& request);
+
+  NoHost host_;
+  zema::PortOpsManager ports_;
+  Sender sender_;
+  zema::ZemManager manager_;
+  zema::MigrationRecord migration_;
+  zema::ResyncState resync_;
+  zema::Synchronizable port_lock_;
+  StopSignal ending_;
+  zema::VifPortHandler handler_;
+  InstantManager instant_;
+
+  std::mutex mutex_;  // guards what follows
+  std::condition_variable done_;
+  const std::vector<Vif>* vifs_ = nullptr;
+  std::vector<double> begun_;
+  std::vector<double> took_;
+  size_t queued_ = 0;
+  size_t replied_ = 0;
+  std::string failure_;
+
+  zema::HandlerPool pool_;  // ends first
+};
+
+}  // namespace zem::bench

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "bench/vifs/instant_manager.h"
+#include "bench/vifs/world.h"
+
+namespace zem::bench {
+
+/// Threads that make the library calls, manager calls and files of an attach, and nothing else: what an
+/// attach cannot do without.  Nothing keeps them apart but what is behind the calls.
+///
+/// Threads: one owner.  Errors: std::runtime_error.
+class BareSide {
+ public:
+  explicit BareSide(World& world);
+
+  /// Attaches all with so many threads, and gives the seconds of each.
+  std::vector<double> Attach(const std::vector<Vif>& vifs, size_t threads);
+
+ private:
+  /// Where a thread waits for the manager.
+  struct Waiter {
+    std::mutex mutex;
+    std::condition_variable answered;
+    std::unique_ptr<zema::PortAttached> port;
+  };
+
+  void AttachOne(const Vif& vif, size_t waiter);
+  void CreatePort(const zema::PortAttached& port, const Vif& vif);
+  void Text(const std::string& port, const char* property, const std::string& value);
+
+  World& world_;
+  const zema::SwitchLibrary::Calls& calls_;
+  std::vector<std::unique_ptr<Waiter>> waiters_;
+  InstantManager instant_;  // ends first
+};
+
+}  // namespace zem::bench

@@ -1,0 +1,49 @@
+#include "bench/vifs/instant_manager.h"
+
+#include <utility>
+
+#include "bench/vifs/world.h"
+
+namespace zem::bench {
+
+InstantManager::InstantManager(Answer answer) : answer_(std::move(answer)), thread_([this] { Serve(); }) {}
+
+InstantManager::~InstantManager() {
+  {
+    const std::lock_guard lock(mutex_);
+    stopped_ = true;
+  }
+  asked_.notify_one();
+  thread_.join();
+}
+
+void InstantManager::Ask(const std::string& rpc_id, const std::string& vif, const std::string& ls) {
+  {
+    const std::lock_guard lock(mutex_);
+    questions_.push_back({rpc_id, vif, ls});
+  }
+  asked_.notify_one();
+}
+
+void InstantManager::Serve() {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    asked_.wait(lock, [this] { return stopped_ || !questions_.empty(); });
+    if (stopped_) return;
+    const Question question = std::move(questions_.front());
+    questions_.pop_front();
+    lock.unlock();
+    auto port = std::make_unique<zema::PortAttached>();
+    port->op_id = question.rpc_id;
+    port->vif_id = question.vif;
+    port->port_id = question.vif;
+    port->port_id[7] = '4';  // World's numbers of ports
+    port->switch_id = question.ls;
+    port->zone_id = World::kZone;
+    port->extra_configs["com.orlane.port.extraConfig.vm.tagset"] = "blue";
+    answer_(question.rpc_id, std::move(port));
+    lock.lock();
+  }
+}
+
+}  // namespace zem::bench

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "app/zema/core/port_attached.h"
+
+namespace zem::bench {
+
+/// A manager that answers at once, from a thread of its own, as the receive thread is one.
+///
+/// Threads: Ask from any.
+class InstantManager {
+ public:
+  using Answer = std::function<void(const std::string& rpc_id, std::unique_ptr<zema::PortAttached>)>;
+
+  explicit InstantManager(Answer answer);
+  ~InstantManager();
+
+  /// The port of a VIF has the VIF's number.
+  void Ask(const std::string& rpc_id, const std::string& vif, const std::string& ls);
+
+ private:
+  struct Question {
+    std::string rpc_id;
+    std::string vif;
+    std::string ls;
+  };
+  void Serve();
+
+  const Answer answer_;
+  std::mutex mutex_;  // guards all below
+  std::condition_variable asked_;
+  std::deque<Question> questions_;
+  bool stopped_ = false;
+  std::thread thread_;
+};
+
+}  // namespace zem::bench

@@ -1,0 +1,226 @@
+// Attaches of VIFs with a manager that answers at once, against a bare client that makes the same calls of
+// the library and of the manager.  Ends with lines "vifs CASE METRIC ours=NUMBER peer=NUMBER ratio=NUMBER"; a
+// ratio above 1 means ours is better.
+//
+// bench_vifs [ROUNDS]
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <limits>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "bench/vifs/agent_side.h"
+#include "bench/vifs/bare_side.h"
+#include "bench/vifs/world.h"
+#include "framework/logger.h"
+
+namespace zem::bench {
+namespace {
+
+constexpr int kRounds = 5;
+constexpr size_t kAttaches = 1000;
+constexpr size_t kOneByOne = 500;
+constexpr size_t kThreads = 30;
+constexpr size_t kSizes[] = {100, 1000, 10000};
+
+struct Figures {
+  double ours = std::numeric_limits<double>::max();
+  double peer = std::numeric_limits<double>::max();
+};
+
+double Seconds(const std::function<void()>& work) {
+  const auto begun = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
+}
+
+double Percentile(std::vector<double> values, double share) {
+  const auto at =
+      values.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
+  std::nth_element(values.begin(), at, values.end());
+  return *at;
+}
+
+void Print(const std::string& name, const char* metric, double ours, double peer, double ratio) {
+  std::printf("vifs %s %s ours=%.2f peer=%.2f ratio=%.2f\n", name.c_str(), metric, ours, peer, ratio);
+}
+
+// Of a call in the library's log what it was, without when and on which port.
+std::vector<std::string> Made(World& world) {
+  std::vector<std::string> calls;
+  for (const std::string& line : world.state().Calls("\"function\"")) {
+    const auto value = [&](const std::string& name) {
+      const size_t at = line.find("\"" + name + "\":\"");
+      if (at == std::string::npos) return std::string();
+      const size_t begin = at + name.size() + 4;
+      return line.substr(begin, line.find('"', begin) - begin);
+    };
+    calls.push_back(value("function") + " " + value("prop"));
+  }
+  std::sort(calls.begin(), calls.end());
+  return calls;
+}
+
+class Bench {
+ public:
+  explicit Bench(int rounds) : rounds_(rounds), agent_(world_), bare_(world_) {}
+
+  int Run() {
+    // The first look at the VIFs reads all ports; it happens once.
+    Require(agent_.ports().RefreshVifIndex(), "the ports were not read");
+    CheckCalls();
+    Warm();
+    Require(agent_.threads() == kThreads, "the pool has not all threads");
+    for (size_t i = 0; i < std::size(kSizes); ++i) {
+      world_.FillUpTo(kSizes[i]);
+      const double reading = Seconds([&] { agent_.ports().RefreshVifIndex(); });
+      std::printf("# %zu ports: read for the index in %.1f ms\n", kSizes[i], reading * 1e3);
+      by_size_[i] = Throughput();
+      if (i == 0) {
+        Print("attach-1000", "attaches_per_s", kAttaches / by_size_[0].ours, kAttaches / by_size_[0].peer,
+              by_size_[0].peer / by_size_[0].ours);
+        Latency();
+      }
+      const double ours = by_size_[i].ours * 1e6 / kAttaches;
+      const double peer = by_size_[i].peer * 1e6 / kAttaches;
+      Print("existing-" + std::to_string(kSizes[i]), "us_per_attach", ours, peer, peer / ours);
+    }
+    const double ours = by_size_[2].ours / by_size_[0].ours;
+    const double peer = by_size_[2].peer / by_size_[0].peer;
+    Print("growth-100-to-10000", "times", ours, peer, peer / ours);
+    Memory();
+    Require(world_.state().Violations().empty(), "a rule of the library was broken");
+    return 0;
+  }
+
+ private:
+  // Both have to make the same calls, or they are not each other's measure.
+  void CheckCalls() {
+    const auto made = [this](const std::function<void(const std::vector<Vif>&)>& attach) {
+      const auto vifs = world_.NewVifs(1);
+      world_.state().ClearLogs();
+      attach(vifs);
+      std::vector<std::string> calls = Made(world_);
+      world_.Check(vifs);
+      world_.Remove(vifs);
+      return calls;
+    };
+    const auto ours = made([this](const auto& vifs) { agent_.Attach(vifs, 1); });
+    const auto peer = made([this](const auto& vifs) { bare_.Attach(vifs, 1); });
+    if (ours == peer) {
+      std::printf("# %zu calls of the library for an attach\n", ours.size());
+      return;
+    }
+    for (const auto* const side : {&ours, &peer}) {
+      std::fprintf(stderr, "%s:\n", side == &ours ? "ours" : "peer");
+      for (const std::string& call : *side) std::fprintf(stderr, "  %s\n", call.c_str());
+    }
+    throw std::runtime_error("ours and the peer do not make the same calls");
+  }
+
+  std::vector<double> Once(const std::function<std::vector<double>(const std::vector<Vif>&)>& attach,
+                           size_t count, double* seconds) {
+    const auto vifs = world_.NewVifs(count);
+    std::vector<double> took;
+    *seconds = Seconds([&] { took = attach(vifs); });
+    world_.Check(vifs);
+    world_.Remove(vifs);
+    world_.state().ClearLogs();
+    return took;
+  }
+
+  void Warm() {
+    double ignored = 0;
+    Once([this](const auto& vifs) { return agent_.Attach(vifs, vifs.size()); }, 200, &ignored);
+    Once([this](const auto& vifs) { return bare_.Attach(vifs, kThreads); }, 200, &ignored);
+  }
+
+  // Best of the rounds, one of each in turn.
+  Figures Throughput() {
+    Figures best;
+    for (int round = 0; round < rounds_; ++round) {
+      double ours = 0;
+      double peer = 0;
+      Once([this](const auto& vifs) { return agent_.Attach(vifs, vifs.size()); }, kAttaches, &ours);
+      Once([this](const auto& vifs) { return bare_.Attach(vifs, kThreads); }, kAttaches, &peer);
+      best.ours = std::min(best.ours, ours);
+      best.peer = std::min(best.peer, peer);
+    }
+    return best;
+  }
+
+  void Latency() {
+    struct {
+      const char* name;
+      size_t outstanding;
+    } const cases[] = {{"one-at-a-time", 1}, {"thirty-at-a-time", kThreads}};
+    for (const auto& row : cases) {
+      Figures median;
+      Figures tail;
+      for (int round = 0; round < rounds_; ++round) {
+        double ignored = 0;
+        const auto ours =
+            Once([&](const auto& vifs) { return agent_.Attach(vifs, row.outstanding); }, kOneByOne, &ignored);
+        const auto peer =
+            Once([&](const auto& vifs) { return bare_.Attach(vifs, row.outstanding); }, kOneByOne, &ignored);
+        median.ours = std::min(median.ours, Percentile(ours, 0.5) * 1e6);
+        median.peer = std::min(median.peer, Percentile(peer, 0.5) * 1e6);
+        tail.ours = std::min(tail.ours, Percentile(ours, 0.99) * 1e6);
+        tail.peer = std::min(tail.peer, Percentile(peer, 0.99) * 1e6);
+      }
+      Print(row.name, "median_us", median.ours, median.peer, median.peer / median.ours);
+      Print(row.name, "p99_us", tail.ours, tail.peer, tail.peer / tail.ours);
+    }
+  }
+
+  // What stays in the heap for an interface that is attached; the peer is a table that knows no more than
+  // which VIF is on which port.
+  void Memory() {
+    constexpr size_t kInterfaces = 2000;
+    const auto vifs = world_.NewVifs(kInterfaces);
+    const auto used = [] { return static_cast<double>(::mallinfo2().uordblks); };
+    const double before = used();
+    agent_.Attach(vifs, kThreads);
+    const double ours = (used() - before) / kInterfaces;
+    const double bare = used();
+    std::unordered_map<std::string, std::pair<std::string, std::string>> table;
+    for (const Vif& vif : vifs) table[vif.id] = {World::kDvs, vif.port};
+    const double peer = (used() - bare) / kInterfaces;
+    world_.Remove(vifs);
+    Print("memory", "bytes_per_interface", ours, peer, peer / ours);
+  }
+
+  const int rounds_;
+  World world_;
+  AgentSide agent_;
+  BareSide bare_;
+  Figures by_size_[std::size(kSizes)];
+};
+
+}  // namespace
+}  // namespace zem::bench
+
+int main(int argc, char** argv) {
+  const int rounds = argc > 1 ? std::atoi(argv[1]) : zem::bench::kRounds;
+  if (rounds < 1) {
+    std::fputs("usage: bench_vifs [ROUNDS]\n", stderr);
+    return 2;
+  }
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  // There is no syslog here; the lines are made and go nowhere.
+  zem::Logger::SetEmitter([](int, const char*) {});
+  try {
+    return zem::bench::Bench(rounds).Run();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "vifs: %s\n", error.what());
+    return 1;
+  }
+}
