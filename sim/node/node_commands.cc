@@ -155,6 +155,9 @@ void ListNodeFiles(const Arguments& arguments, const Reply& reply) {
 }
 
 void WriteNodeFile(const Arguments& arguments, const Reply& reply) {
+  // What is wrong with the folders is what the file fails with.
+  std::error_code ignored;
+  std::filesystem::create_directories(std::filesystem::path(arguments[0]).parent_path(), ignored);
   std::ofstream out(arguments[0], std::ios::binary | std::ios::trunc);
   for (size_t i = 1; i < arguments.size(); ++i) out << (i > 1 ? "\n" : "") << arguments[i];
   out.close();
@@ -409,7 +412,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
   table.Register({"file/read", "PATH", "Shows a file as the node sees it.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) { ReadNodeFile(arguments, reply); }});
   table.Register({"file/write", "PATH [LINE...]",
-                  "Writes a file of the node; there is no newline behind the last line.", 1, kMany,
+                  "Writes a file of the node, and its folders; there is no newline behind the last line.", 1,
+                  kMany,
                   [](const Arguments& arguments, const Reply& reply) { WriteNodeFile(arguments, reply); }});
   table.Register({"file/remove", "PATH", "Removes a file of the node.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) {
