@@ -26,6 +26,7 @@
 #include "sim/control/command_options.h"
 #include "sim/control/hex.h"
 #include "sim/node/corvd_commands.h"
+#include "sim/node/edge_commands.h"
 #include "sim/node/health_caller.h"
 #include "sim/node/host_diff.h"
 #include "sim/node/log_commands.h"
@@ -362,6 +363,7 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
          ShowDiff(*n->manager_, n->host_state_, arguments, reply);
        }});
   RegisterCorvdCommands(table, *n->host_management_);
+  RegisterEdgeCommands(table, n->edge_);
   table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     if (!n->daemon_->Start()) return reply.Fail("the daemon runs");
                     reply.Ok(DaemonJson(*n->daemon_));

@@ -21,6 +21,7 @@
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/covedb/covedb_op_task.h"
+#include "app/zema/covedb/edge_maintenance.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
@@ -129,7 +130,8 @@ class ZemaApp::Impl {
   std::shared_ptr<zema::CoveDbHandler> store_;
   ControllerListApp controller_list_;
   std::unique_ptr<zema::Thread> start_up_;
-  bool edge_ = false;
+  zema::EdgeMaintenance edge_maintenance_;
+  const bool edge_;
 };
 
 ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
@@ -143,7 +145,9 @@ ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
                        {[this] { return options_.Snapshot().controller_info; }, MakeControllerContext(),
                         [this](const rmqClientMessage& message) {
                           if (edge_) TakeOnEdge(message);
-                        }}) {}
+                        }}),
+      edge_maintenance_(zema::EdgeService(), app),
+      edge_((GetNodeType() & kEdgeNodes) != 0) {}
 
 std::shared_ptr<zema::ControllerContext> ZemaApp::Impl::MakeControllerContext() {
   zema::ControllerFile::Settings file;
@@ -181,6 +185,11 @@ std::shared_ptr<zema::CoveDbHandler> ZemaApp::Impl::GetCoveDbHandler() {
     settings.enqueue = [](zema::CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync) {
       zema::EnqueueCovedbUpdate(zema::Workers(), kind, std::move(update), full_sync);
     };
+    if (edge_) {
+      settings.maintenance_action = [this](const zema::RawBusMessage& request) {
+        edge_maintenance_.Apply(request);
+      };
+    }
     store_ = std::make_shared<zema::CoveDbHandler>(std::move(settings));
   }
   return store_;
@@ -193,7 +202,6 @@ void ZemaApp::Impl::StartHost() {
 }
 
 void ZemaApp::Impl::StartEdge() {
-  edge_ = true;
   if (options_.Parse({}, {}) != 0) ZLOG_WARN("ParseOptions failed before starting ControllerListApp");
   if (zema::StartControllerTaskThread() != 0 || zema::StartHostSyncTaskThread() != 0) {
     throw std::runtime_error("failed to start the threads of the controller list");
