@@ -117,13 +117,14 @@ void ShowFrames(const HostState& state, const Arguments& arguments, const Reply&
   reply.Ok(state.Frames(static_cast<size_t>(*count), arguments.size() > 1 ? arguments[1] : std::string()));
 }
 
-void ShowReloads(const HostState& state, const Arguments& arguments, const Reply& reply) {
+void ShowRuns(const char* name, Json (HostState::*read)(size_t) const, const HostState& state,
+              const Arguments& arguments, const Reply& reply) {
   const auto count = Number(arguments.empty() ? "20" : arguments[0]);
   if (!count) return reply.Fail("how many?");
-  Json reloads = state.Reloads(static_cast<size_t>(*count));
+  Json runs = (state.*read)(static_cast<size_t>(*count));
   Json result = JsonObject();
-  AddMember(result.get(), "count", cJSON_GetArraySize(reloads.get()));
-  AddMember(result.get(), "reloads", std::move(reloads));
+  AddMember(result.get(), "count", cJSON_GetArraySize(runs.get()));
+  AddMember(result.get(), name, std::move(runs));
   reply.Ok(std::move(result));
 }
 
@@ -182,7 +183,10 @@ void RegisterHostCommands(CommandTable& table, const HostState& state) {
                   2, [&state](A a, R r) { SetStart(state, a, r); }});
   table.Register({"reloads", "[COUNT]",
                   "Shows the last calls (20) to read the controllers' file, each with the file as it was.", 0,
-                  1, [&state](A a, R r) { ShowReloads(state, a, r); }});
+                  1, [&state](A a, R r) { ShowRuns("reloads", &HostState::Reloads, state, a, r); }});
+  table.Register({"resync-runs", "[COUNT]",
+                  "Shows the last runs (20) of the resync's script, with their arguments and what they said.",
+                  0, 1, [&state](A a, R r) { ShowRuns("runs", &HostState::ResyncRuns, state, a, r); }});
   table.Register({"reload-result", "CODE [TEXT]", "How further reads of the controllers' file go.", 1, 2,
                   [&state](A a, R r) { SetReload(state, a, r); }, true});
   table.Register({"kill", "", "Kills the management script.", 0, 0, [](A, R r) { Kill(r); }});
@@ -193,7 +197,8 @@ void RegisterHostCommands(CommandTable& table, const HostState& state) {
                   }});
   table.Register(
       {"fault/add", "FAULT COMMAND [VALUE] [--skip N] [--count N]",
-       "Makes the script treat a command (\"applyVtep\", \"op 11\") otherwise: fail TEXT, status N, late "
+       "Makes the script treat a command (\"applyVtep\", \"op 11\"; \"resync\" for the resync's) otherwise: "
+       "fail TEXT, status N, late "
        "SECONDS, garbage, empty, close, half-header, half-text, too-long, exit (before it), die (after "
        "it), hang.",
        2, 64, [&state](A a, R r) { AddFault(state, a, r); }});

@@ -43,6 +43,8 @@ class HostState {
 
   /// The last `count` calls to read the controllers' file, each with the file as it was then.
   Json Reloads(size_t count) const;
+  /// The last `count` runs of the resync's script, each with its arguments and what it said.
+  Json ResyncRuns(size_t count) const { return Lines("resync_runs.log", count, ""); }
   /// How further ones go: the code and what is printed.
   void SetReload(int code, const std::string& text) const;
 

@@ -14,6 +14,7 @@ import contextlib
 import fcntl
 import json
 import os
+import re
 import shutil
 import struct
 import time
@@ -191,6 +192,38 @@ class State:
         if stamp != self.host_seen:
             self.host = read_json(self.host_path) or new_host(["vmnic0"], {"knl0": "management"})
             self.host_seen = stamp
+
+    def fault(self, what):
+        """The action of the first fault that matches, and its value; one that has been used as often as it says goes."""
+        path = os.path.join(self.host_dir, "faults")
+        if not os.path.exists(path):
+            return None, ""
+        with self.locked():
+            try:
+                with open(path, encoding="utf-8") as file:
+                    rows = file.read().splitlines()
+            except FileNotFoundError:
+                return None, ""
+            for i, row in enumerate(rows):
+                fields = row.split("\t")
+                if len(fields) < 4 or not re.search(fields[0], what):
+                    continue
+                skip, count = int(fields[1]), int(fields[2])
+                if skip > 0:
+                    fields[1] = str(skip - 1)
+                else:
+                    fields[2] = str(count - 1)
+                rows[i] = "\t".join(fields)
+                if fields[2] == "0":
+                    del rows[i]
+                if rows:
+                    write_file(path, "".join(row + "\n" for row in rows).encode())
+                else:
+                    os.unlink(path)
+                if skip == 0:
+                    return fields[3], fields[4] if len(fields) > 4 else ""
+                break
+        return None, ""
 
     def heal(self):
         """Finishes what somebody who died in the middle began: what the kernel's part says holds."""

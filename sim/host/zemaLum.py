@@ -185,34 +185,6 @@ class Host:
         except FileNotFoundError:
             return default
 
-    def fault(self, what):
-        """The action of the first rule that matches; a rule that has been used as often as it says goes."""
-        path = os.path.join(self.state.host_dir, "faults")
-        if not os.path.exists(path):
-            return None, ""
-        with self.state.locked():
-            rows = self.setting("faults", "").splitlines()
-            for i, row in enumerate(rows):
-                fields = row.split("\t")
-                if len(fields) < 4 or not re.search(fields[0], what):
-                    continue
-                skip, count = int(fields[1]), int(fields[2])
-                if skip > 0:
-                    fields[1] = str(skip - 1)
-                else:
-                    fields[2] = str(count - 1)
-                rows[i] = "\t".join(fields)
-                if fields[2] == "0":
-                    del rows[i]
-                if rows:
-                    simstate.write_file(path, "".join(row + "\n" for row in rows).encode())
-                else:
-                    os.unlink(path)
-                if skip == 0:
-                    return fields[3], fields[4] if len(fields) > 4 else ""
-                break
-        return None, ""
-
     def log(self, waited, started, operation, data, status, text):
         entry = {
             "waited": waited,
@@ -310,7 +282,7 @@ def serve(host, client):
             raise Closed
         data = read_whole(client, length)
         text = data.decode(errors="replace")
-        action, value = host.fault(text if operation == TEXT_COMMAND else "op %d" % operation)
+        action, value = host.state.fault(text if operation == TEXT_COMMAND else "op %d" % operation)
         if action == "delay":
             time.sleep(float(value))
         if action == "hang":
