@@ -8,6 +8,7 @@
 #include "sim/host/host_state.h"
 #include "sim/manager/manager.h"
 #include "sim/node/daemon_process.h"
+#include "sim/node/edge_service.h"
 #include "sim/node/health_sink.h"
 #include "sim/node/host_management.h"
 #include "sim/node/host_setup.h"
@@ -84,6 +85,7 @@ class Node {
   std::unique_ptr<RawListeners> listeners_;
   std::unique_ptr<HostManagement> host_management_;
   std::unique_ptr<VirtualMachines> machines_;
+  EdgeService edge_;
   std::unique_ptr<DaemonProcess> daemon_;
 
   CommandTable store_commands_;

@@ -26,6 +26,7 @@
 #include "sim/control/command_options.h"
 #include "sim/control/hex.h"
 #include "sim/node/corvd_commands.h"
+#include "sim/node/edge_commands.h"
 #include "sim/node/health_caller.h"
 #include "sim/node/host_diff.h"
 #include "sim/node/log_commands.h"
@@ -155,6 +156,9 @@ void ListNodeFiles(const Arguments& arguments, const Reply& reply) {
 }
 
 void WriteNodeFile(const Arguments& arguments, const Reply& reply) {
+  // What is wrong with the folders is what the file fails with.
+  std::error_code ignored;
+  std::filesystem::create_directories(std::filesystem::path(arguments[0]).parent_path(), ignored);
   std::ofstream out(arguments[0], std::ios::binary | std::ios::trunc);
   for (size_t i = 1; i < arguments.size(); ++i) out << (i > 1 ? "\n" : "") << arguments[i];
   out.close();
@@ -359,6 +363,7 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
          ShowDiff(*n->manager_, n->host_state_, arguments, reply);
        }});
   RegisterCorvdCommands(table, *n->host_management_);
+  RegisterEdgeCommands(table, n->edge_);
   table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     if (!n->daemon_->Start()) return reply.Fail("the daemon runs");
                     reply.Ok(DaemonJson(*n->daemon_));
@@ -409,7 +414,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
   table.Register({"file/read", "PATH", "Shows a file as the node sees it.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) { ReadNodeFile(arguments, reply); }});
   table.Register({"file/write", "PATH [LINE...]",
-                  "Writes a file of the node; there is no newline behind the last line.", 1, kMany,
+                  "Writes a file of the node, and its folders; there is no newline behind the last line.", 1,
+                  kMany,
                   [](const Arguments& arguments, const Reply& reply) { WriteNodeFile(arguments, reply); }});
   table.Register({"file/remove", "PATH", "Removes a file of the node.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "platform/core/uuid.h"
@@ -20,6 +22,8 @@ constexpr uint32_t kDetachLiveMove = 10;
 constexpr size_t kRemembered = 100000;
 // On a host with more ports it is only looked whether the VIF's own ports are free of it.
 constexpr size_t kFewPorts = 300;
+// Worth a look at all ports all the same.
+constexpr size_t kManySteps = 20;
 
 constexpr const char* kAttachPending = "attach_port";
 constexpr const char* kDetachPending = "detach_port";
@@ -28,9 +32,12 @@ int64_t Microseconds(Duration duration) {
   return std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
 }
 
-bool Matches(const VirtualMachine& machine, const std::string& pattern) {
-  if (pattern.ends_with('*')) return machine.name.starts_with(pattern.substr(0, pattern.size() - 1));
-  return machine.name == pattern || machine.uuid == pattern;
+bool Matches(const std::string& uuid, const cJSON* machine, const std::string& pattern) {
+  const char* const text = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(machine, "name"));
+  const std::string_view name = text == nullptr || *text == '\0' ? std::string_view(uuid) : text;
+  if (pattern.ends_with('*'))
+    return name.starts_with(std::string_view(pattern).substr(0, pattern.size() - 1));
+  return name == pattern || uuid == pattern;
 }
 
 // Security alone: the port is the host's own and stays.
@@ -51,11 +58,14 @@ std::string Names(const std::vector<PortPlace>& places) {
 }
 
 std::vector<PortPlace> LikelyPorts(const VmStep& step) {
-  std::vector<PortPlace> likely = PortFiles(step.path.substr(0, step.path.rfind('/')));
+  std::vector<PortPlace> likely;
   if (tree::GoodName(step.text)) {
     for (const std::string& dvs : tree::List(tree::SwitchesDir()).value_or(std::vector<std::string>())) {
-      likely.insert(likely.begin(), {dvs, step.text});
+      likely.push_back({dvs, step.text});
     }
+  }
+  for (const PortPlace& place : PortFiles(step.path.substr(0, step.path.rfind('/')))) {
+    if (std::find(likely.begin(), likely.end(), place) == likely.end()) likely.push_back(place);
   }
   return likely;
 }
@@ -112,8 +122,7 @@ std::vector<VirtualMachine> VirtualMachines::Find(const std::string& pattern) {
   journal_.Refresh();
   std::vector<VirtualMachine> found;
   for (const auto& [uuid, object] : journal_.machines()) {
-    VirtualMachine machine = MachineOf(uuid, object.get());
-    if (Matches(machine, pattern)) found.push_back(std::move(machine));
+    if (Matches(uuid, object.get(), pattern)) found.push_back(MachineOf(uuid, object.get()));
   }
   return found;
 }
@@ -125,16 +134,15 @@ std::vector<VirtualMachine> VirtualMachines::ClaimAll(const std::vector<std::str
   std::vector<VirtualMachine> claimed;
   std::set<std::string> unmatched(patterns.begin(), patterns.end());
   for (const auto& [uuid, object] : journal_.machines()) {
-    VirtualMachine machine = MachineOf(uuid, object.get());
     bool wanted = false;
     for (const std::string& pattern : patterns) {
-      if (!Matches(machine, pattern)) continue;
+      if (!Matches(uuid, object.get(), pattern)) continue;
       wanted = true;
       unmatched.erase(pattern);
     }
     if (!wanted) continue;
-    claim->TakeLocked(machine);
-    claimed.push_back(std::move(machine));
+    claimed.push_back(MachineOf(uuid, object.get()));
+    claim->TakeLocked(claimed.back());
   }
   if (!unmatched.empty()) throw std::runtime_error("the host has no VM " + *unmatched.begin());
   return claimed;
@@ -260,10 +268,6 @@ void VirtualMachines::Plug(VmStep* step, Vnic* vnic) {
   vnic->dvs = place->dvs;
   vnic->port = place->port;
   vnic->connected = true;
-  if (!FewPorts() || IsPortGroup(step->ls)) return;
-  if (const auto holders = PortsOfVif(step->vif); holders.size() > 1) {
-    step->problem = "VIF [" + step->vif + "] is on several ports: " + Names(holders);
-  }
 }
 
 // The port that the VIF had on the switch: in memory, or of its file.
@@ -289,16 +293,23 @@ void VirtualMachines::DetachAlone(VmStep* step) {
   if (place) step->problem = TakePort(*place, step->vif, kDetachPending);
 }
 
-// Behind a detach no port of that switch holds the VIF any more.
-void VirtualMachines::CheckFree(VmStep* step) {
-  if (!step->answered || step->status != 0 || IsPortGroup(step->ls)) return;
-  std::vector<PortPlace> holders = FewPorts() ? PortsOfVif(step->vif) : LikelyPorts(*step);
-  std::erase_if(holders, [&](const PortPlace& place) {
-    const auto use = ReadPortUse(place);
-    return !use || use->vif != step->vif || use->ls != step->ls;
-  });
-  if (!holders.empty()) {
-    step->problem = "port " + Names(holders) + " still holds VIF [" + step->vif + "] in [" + step->ls + "]";
+// Behind an attach the VIF is on one port alone, behind a detach on none of that switch.
+void VirtualMachines::Inspect(Steps* steps) {
+  const bool all_ports = steps->size() >= kManySteps || FewPorts();
+  std::map<std::string, std::vector<PortPlace>> holders;
+  if (all_ports) holders = PortsByVif();
+  for (VmStep& step : *steps) {
+    if (!step.good() || IsPortGroup(step.ls)) continue;
+    std::vector<PortPlace> places = all_ports ? holders[step.vif] : LikelyPorts(step);
+    std::erase_if(places, [&](const PortPlace& place) {
+      const auto use = ReadPortUse(place);
+      return !use || use->vif != step.vif || (step.opcode == kDetach && use->ls != step.ls);
+    });
+    if (step.opcode == kDetach && !places.empty()) {
+      step.problem = "port " + Names(places) + " still holds VIF [" + step.vif + "] in [" + step.ls + "]";
+    } else if (places.size() > 1) {
+      step.problem = "VIF [" + step.vif + "] is on several ports: " + Names(places);
+    }
   }
 }
 
@@ -332,21 +343,25 @@ VirtualMachines::Steps VirtualMachines::PowerOn(const std::vector<std::string>& 
     }
   }
   AskAll(&steps, options);
-  Steps undo;
   auto step = steps.begin();
   for (VirtualMachine& machine : machines) {
-    const auto first = step;
     for (auto& [device, vnic] : machine.vnics) {
-      if (step->answered && step->status == 0)
-        options.agent_down ? AttachAlone(&*step, &vnic) : Plug(&*step, &vnic);
+      if (step->good()) options.agent_down ? AttachAlone(&*step, &vnic) : Plug(&*step, &vnic);
       ++step;
     }
+  }
+  Inspect(&steps);
+  Steps undo;
+  step = steps.begin();
+  for (VirtualMachine& machine : machines) {
+    const auto first = step;
+    std::advance(step, machine.vnics.size());
     machine.on = std::all_of(first, step, [](const VmStep& each) { return each.good(); });
     if (!machine.on) {
       // What it got before one failed is given back.
       for (auto each = first; each != step; ++each) {
         Unplug(&machine.vnics.at(each->device));
-        if (each->good() && !options.agent_down) {
+        if (each->answered && each->status == 0 && !options.agent_down) {
           undo.push_back(StepOf(machine, each->device, kDetach, each->op_id + "u"));
         }
       }
@@ -377,7 +392,11 @@ VirtualMachines::Steps VirtualMachines::PowerOff(const std::vector<std::string>&
     Save(machine);
   }
   AskAll(&steps, options);
-  for (VmStep& step : steps) options.agent_down ? DetachAlone(&step) : CheckFree(&step);
+  if (options.agent_down) {
+    for (VmStep& step : steps) DetachAlone(&step);
+  } else {
+    Inspect(&steps);
+  }
   Keep(steps);
   return steps;
 }
@@ -400,17 +419,18 @@ VirtualMachines::Steps VirtualMachines::Move(const std::vector<std::string>& pat
     detaches.push_back(StepOf(machine, device, kDetach, stem + "-2"));
   }
   AskAll(&attaches, options);
-  Steps steps;
+  for (size_t i = 0; i < machines.size(); ++i) {
+    if (attaches[i].good()) Plug(&attaches[i], &machines[i].vnics.at(device));
+  }
+  Inspect(&attaches);
   Steps leaving;
   for (size_t i = 0; i < machines.size(); ++i) {
-    VmStep& attach = attaches[i];
-    if (attach.answered && attach.status == 0) Plug(&attach, &machines[i].vnics.at(device));
-    if (attach.good()) leaving.push_back(detaches[i]);
+    if (attaches[i].good()) leaving.push_back(detaches[i]);
     Save(machines[i]);
-    steps.push_back(attach);
   }
   AskAll(&leaving, options);
-  for (VmStep& step : leaving) CheckFree(&step);
+  Inspect(&leaving);
+  Steps steps = attaches;
   steps.insert(steps.end(), leaving.begin(), leaving.end());
   Keep(steps);
   return steps;
@@ -428,14 +448,15 @@ VirtualMachines::Steps VirtualMachines::MoveFail(const std::string& name, const 
     Steps single = {StepOf(machine, device, opcode, stem + "-" + std::to_string(steps.size() + 1))};
     single.front().ls = where;
     AskAll(&single, options);
+    if (opcode == kAttachToVif && where == vnic.ls && single.front().good()) Plug(&single.front(), &vnic);
+    Inspect(&single);
     steps.push_back(single.front());
     return steps.back();
   };
   if (one(kAttachToVif, ls).good()) {
-    CheckFree(&one(kDetach, ls));
+    one(kDetach, ls);
     if (back) {
-      VmStep& returned = one(kAttachToVif, vnic.ls);
-      if (returned.answered && returned.status == 0) Plug(&returned, &vnic);
+      one(kAttachToVif, vnic.ls);
     } else {
       Unplug(&vnic);
     }
@@ -460,9 +481,7 @@ VirtualMachines::Steps VirtualMachines::LiveOut(const std::string& name, Part pa
       now.push_back(StepOf(machine, device, opcode, stem + "-" + std::to_string(++number)));
     }
     AskAll(&now, options);
-    if (opcode == kDetach) {
-      for (VmStep& step : now) CheckFree(&step);
-    }
+    if (opcode == kDetach) Inspect(&now);
     steps.insert(steps.end(), now.begin(), now.end());
   }
   if (part != Part::kBegin) {
@@ -501,9 +520,10 @@ VirtualMachines::Steps VirtualMachines::LiveIn(const std::string& folder, Part p
     AskAll(&now, options);
     if (opcode == kAttachToVif) {
       for (VmStep& step : now) {
-        if (step.answered && step.status == 0) Plug(&step, &machine->vnics.at(step.device));
-        plugged = plugged && step.good();
+        if (step.good()) Plug(&step, &machine->vnics.at(step.device));
       }
+      Inspect(&now);
+      plugged = std::all_of(now.begin(), now.end(), [](const VmStep& step) { return step.good(); });
     }
     steps.insert(steps.end(), now.begin(), now.end());
   }
@@ -533,7 +553,7 @@ VirtualMachines::Steps VirtualMachines::Relocate(const std::string& name, const 
     AskAll(&steps, options);
     Steps leaving;
     for (VmStep& step : steps) {
-      if (step.answered && step.status == 0) Plug(&step, &machine.vnics.at(step.device));
+      if (step.good()) Plug(&step, &machine.vnics.at(step.device));
       if (!step.good()) continue;
       leaving.push_back(StepOf(before, step.device, kDetach, stem + "-" + std::to_string(++number)));
     }

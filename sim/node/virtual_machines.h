@@ -109,7 +109,7 @@ class VirtualMachines {
   void AttachAlone(VmStep* step, Vnic* vnic);
   void DetachAlone(VmStep* step);
   static void Unplug(Vnic* vnic);
-  static void CheckFree(VmStep* step);
+  static void Inspect(Steps* steps);
   void Save(const VirtualMachine& machine);
   void Keep(const Steps& steps);
 

@@ -27,6 +27,7 @@
 #include "app/zema/hostconfig/host_config_task_qub.h"
 #include "app/zema/hostconfig/mmode_config_task.h"
 #include "app/zema/hostconfig/router_reconnection.h"
+#include "app/zema/hostconfig/vnic_migration_task.h"
 #include "app/zema/lswitch/db_svc_task_thread.h"
 #include "app/zema/lswitch/logical_switch_ack_task.h"
 #include "app/zema/lswitch/logical_switch_batcher.h"
@@ -47,6 +48,7 @@
 #include "app/zema/qub/switch_library.h"
 #include "app/zema/qub/vif_request.h"
 #include "app/zema/qub/vtep_ha_profile.h"
+#include "app/zema/vif/precreated_port_maker.h"
 #include "app/zema/vif/vif_port_handler.h"
 #include "framework/log.h"
 #include "framework/shutdown_pipe.h"
@@ -469,5 +471,16 @@ void Realization::SetVifResult(const std::string& rpc_id, std::unique_ptr<PortAt
 }
 
 std::string Realization::HostSwitchAndLSCleanup(bool force) { return impl_->CleanUpSwitches(force); }
+
+std::unique_ptr<Runnable> Realization::MakeVnicMigrationTask(bool vm_ports, bool knl_pnic) {
+  VnicMigrationTask::Settings settings;
+  settings.create_ports = [vifs = impl_->vifs_](VmPortMap& ports, std::string* error) {
+    return PrecreatedPortMaker(*vifs).CreatePorts(ports, error);
+  };
+  settings.keep_ports = [follow_ups = impl_->follow_ups_.get()](std::shared_ptr<VmPortMap> ports) {
+    follow_ups->SetPrecreatedPorts(std::move(ports));
+  };
+  return std::make_unique<VnicMigrationTask>(impl_->host_config_, std::move(settings), vm_ports, knl_pnic);
+}
 
 }  // namespace zem::zema

@@ -18,6 +18,7 @@ class ConfigFiles;
 class CoveDbHandler;
 class HealthRecord;
 class ManagerSender;
+class Runnable;
 class WorkerTable;
 class ZemManager;
 struct HostConfigContext;
@@ -86,6 +87,9 @@ class Realization {
 
   /// Empty, or what went wrong.
   std::string HostSwitchAndLSCleanup(bool force);
+
+  /// A migration that files describe: of VMs' ports, of interfaces and physical NICs, or both.
+  std::unique_ptr<Runnable> MakeVnicMigrationTask(bool vm_ports, bool knl_pnic);
 
  private:
   class Impl;

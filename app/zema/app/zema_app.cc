@@ -21,6 +21,7 @@
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/covedb/covedb_op_task.h"
+#include "app/zema/covedb/edge_maintenance.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
@@ -62,6 +63,8 @@ constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg"
 constexpr const char* kHostConfigAckType = "com.orlane.zem.switching.HostConfigAckMsg";
 constexpr const char* kLogicalSwitchAck = "LogicalSwitchACK";
 
+constexpr const char* kNotStarted = "The realization has not started yet";
+
 constexpr int kFirstRetryDelay = 30;  // seconds; doubled each time
 
 // Managers from 2.5 on keep logical switches in the store.
@@ -84,6 +87,7 @@ class ZemaApp::Impl {
             const std::string& correlation_id, const std::string& reply_to);
   void Reset(std::function<void(std::string)> done);
   std::string ReloadOptions();
+  std::string Migrate(bool vm_ports, bool knl_pnic);
 
   ZemaApp& app_;
   AsioZemProvider& provider_;
@@ -101,6 +105,7 @@ class ZemaApp::Impl {
   std::shared_ptr<zema::ControllerContext> MakeControllerContext();
   std::shared_ptr<zema::Realization> MakeRealization();
   std::shared_ptr<zema::Realization> realization() const;
+  std::shared_ptr<zema::Realization> started_realization() const;
   void MakeDispatch(const std::shared_ptr<zema::Realization>& realization);
   void SetStarted();
   std::shared_ptr<MpaClient> client() const { return MpaClient::Get(kVertical); }
@@ -125,7 +130,8 @@ class ZemaApp::Impl {
   std::shared_ptr<zema::CoveDbHandler> store_;
   ControllerListApp controller_list_;
   std::unique_ptr<zema::Thread> start_up_;
-  bool edge_ = false;
+  zema::EdgeMaintenance edge_maintenance_;
+  const bool edge_;
 };
 
 ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
@@ -139,7 +145,9 @@ ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
                        {[this] { return options_.Snapshot().controller_info; }, MakeControllerContext(),
                         [this](const rmqClientMessage& message) {
                           if (edge_) TakeOnEdge(message);
-                        }}) {}
+                        }}),
+      edge_maintenance_(zema::EdgeService(), app),
+      edge_((GetNodeType() & kEdgeNodes) != 0) {}
 
 std::shared_ptr<zema::ControllerContext> ZemaApp::Impl::MakeControllerContext() {
   zema::ControllerFile::Settings file;
@@ -177,6 +185,11 @@ std::shared_ptr<zema::CoveDbHandler> ZemaApp::Impl::GetCoveDbHandler() {
     settings.enqueue = [](zema::CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync) {
       zema::EnqueueCovedbUpdate(zema::Workers(), kind, std::move(update), full_sync);
     };
+    if (edge_) {
+      settings.maintenance_action = [this](const zema::RawBusMessage& request) {
+        edge_maintenance_.Apply(request);
+      };
+    }
     store_ = std::make_shared<zema::CoveDbHandler>(std::move(settings));
   }
   return store_;
@@ -189,7 +202,6 @@ void ZemaApp::Impl::StartHost() {
 }
 
 void ZemaApp::Impl::StartEdge() {
-  edge_ = true;
   if (options_.Parse({}, {}) != 0) ZLOG_WARN("ParseOptions failed before starting ControllerListApp");
   if (zema::StartControllerTaskThread() != 0 || zema::StartHostSyncTaskThread() != 0) {
     throw std::runtime_error("failed to start the threads of the controller list");
@@ -491,19 +503,29 @@ void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
 
 // --- What operators ask.
 
+std::shared_ptr<zema::Realization> ZemaApp::Impl::started_realization() const {
+  const std::lock_guard lock(mutex_);
+  return started_ ? realization_ : nullptr;
+}
+
 void ZemaApp::Impl::Reset(std::function<void(std::string)> done) {
-  const auto current = realization();
-  {
-    const std::lock_guard lock(mutex_);
-    if (current == nullptr || !started_) {
-      done("The realization has not started yet");
-      return;
-    }
+  const auto current = started_realization();
+  if (current == nullptr) {
+    done(kNotStarted);
+    return;
   }
   zema::Workers().AddTask(zema::Worker::kHostSync,
                           std::make_unique<zema::FunctionTask>([current, done = std::move(done)] {
                             done(current->HostSwitchAndLSCleanup(true));
                           }));
+}
+
+std::string ZemaApp::Impl::Migrate(bool vm_ports, bool knl_pnic) {
+  const auto current = started_realization();
+  if (current == nullptr) return kNotStarted;
+  const bool taken =
+      zema::Workers().AddTask(zema::Worker::kHostSync, current->MakeVnicMigrationTask(vm_ports, knl_pnic));
+  return taken ? "" : "There is no thread for host configurations";
 }
 
 std::string ZemaApp::Impl::ReloadOptions() { return options_.Reload({}); }
@@ -546,6 +568,8 @@ void ZemaApp::RegisterHostCfgMsgCallBack(uint32_t module_id, HostConfigCallback 
 void ZemaApp::Reset(std::function<void(std::string)> done) { impl_->Reset(std::move(done)); }
 
 std::string ZemaApp::ReloadOptions() { return impl_->ReloadOptions(); }
+
+std::string ZemaApp::Migrate(bool vm_ports, bool knl_pnic) { return impl_->Migrate(vm_ports, knl_pnic); }
 
 bool ZemaApp::HostConfigReply(const std::string& correlation_id, const std::string& reply_to,
                               const switching::HostConfigMsg& reply) {

@@ -52,6 +52,9 @@ class ZemaApp final : public zema::MpaMessageSender {
   void Reset(std::function<void(std::string error)> done);
   /// Empty, or what went wrong.
   std::string ReloadOptions();
+  /// Carries out what the host's migration files ask for, behind the configurations that wait already; the
+  /// outcome goes into a file.  Empty, or why it will not.
+  std::string Migrate(bool vm_ports, bool knl_pnic);
 
   // --- The replies.
   bool HostConfigReply(const std::string& correlation_id, const std::string& reply_to,

@@ -367,6 +367,7 @@ int CoveDbHandler::SaveMessage(const RawBusMessage* message) {
     std::optional<Requests> made = make(*message);
     if (!made) return -1;
     requests = std::move(*made);
+    if (type == kMmodeType && settings_.maintenance_action) settings_.maintenance_action(*message);
   }
   if (requests.empty()) {
     ZLOG_DEBUG("Size of Modify Request List is 0");

@@ -56,6 +56,9 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
     /// Makes a task of it for the database handler's queue; must not block.  `full_sync` tells whether the
     /// update belongs to a complete reading.
     std::function<void(CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync)> enqueue;
+    /// On an edge: carries out what a maintenance mode request asks for, once it is known to be storable. May
+    /// wait, and the store with it; empty elsewhere.
+    std::function<void(const RawBusMessage& request)> maintenance_action = {};
     /// What has to live until a write is done; may be null.
     std::shared_ptr<void> keep_alive;
   };

@@ -48,6 +48,7 @@ void EncodeController(const orlane::zem::config::ControllerInfoMsg& controller,
 int EncodeMaintenanceModeConfigMsg(const orlane::zem::switching::MaintenanceModeConfigMsg& message,
                                    orlane::zem::covedb::MaintenanceModeConfigMsg* out) {
   if (!UUID_FromString(message.id(), out->mutable_id())) {
+    ZLOG_ERROR("44093", "Failed to set key for MaintenanceModeConfigMsg");
     out->clear_id();
     return -1;
   }

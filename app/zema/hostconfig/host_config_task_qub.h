@@ -26,7 +26,7 @@ class InterfaceMigration;
 /// raises the code; the answer always goes out.
 ///
 /// Threads: one, which is not a provider's.
-class HostConfigTaskQub final : public HostConfigTask {
+class HostConfigTaskQub : public HostConfigTask {
  public:
   /// `sender` may be null: nobody is answered then.  `payload` is the message as it came, empty when it did
   /// not come from the manager.
@@ -40,6 +40,9 @@ class HostConfigTaskQub final : public HostConfigTask {
   HostConfigMsg BuildReply() override;
 
   uint32_t error_code() const { return errors_.code(); }
+
+ protected:
+  HostConfigContext& context() { return *context_; }
 
  private:
   /// How far the way to the switches went.

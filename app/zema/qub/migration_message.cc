@@ -135,7 +135,7 @@ bool ValidateKnlMigrateMsgAndSetVtepVlan(HostConfigMsg* config, ErrorSink& error
     }
     if (entry.is_vtep()) {
       if (!ValidateVtep(*host_switch, &entry, errors)) return false;
-    } else if (SwitchKind(*host_switch) == "KLN") {
+    } else if (!entry.device().empty() && SwitchKind(*host_switch) == "KLN") {
       return Refuse(errors, "Cannot migrate non-VTEP " + entry.device() + " into KLN " + host_switch->name());
     }
   }

@@ -1,5 +1,7 @@
 #include "app/zema/vif/precreated_port_maker.h"
 
+#include <utility>
+
 #include "app/zema/core/port_attached.h"
 #include "app/zema/qub/lum_commands.h"
 #include "app/zema/qub/port_description.h"
@@ -32,17 +34,25 @@ bool PrecreatedPortMaker::CreatePorts(PrecreatedPorts::Map& ports, std::string* 
 }
 
 bool PrecreatedPortMaker::CreatePortForPrecreated(VifRequest& request, std::string* error) {
-  // "<VM's uuid>:<device>"
-  const size_t colon = request.vif_id.find(':');
-  if (colon != std::string::npos) {
-    const std::string path = PathOfVm(request.vif_id.substr(0, colon));
-    if (!path.empty()) request.gcf_path = path;
+  ResolveVm(request.vif_id, &request.gcf_path);
+  // A file of migrations says it in the place of the path.
+  if (!request.gcf_path.starts_with('/') && request.gcf_path.find(':') != std::string::npos) {
+    const std::string vnic = std::exchange(request.gcf_path, {});
+    ResolveVm(vnic, &request.gcf_path);
   }
   const TimePoint begun = Clock::Process().Now();
   const PortAttached port = PortAttachedOf(*request.spec);
   const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
   if (context_.ports.ClearVifFromPortOtherThan(port.port_id, request.vif_id, error) != 0) return false;
   return !CreateLocalDvPort(context_, request, begun, port, error);
+}
+
+// A VM's interface is "<VM's uuid>:<device>".
+void PrecreatedPortMaker::ResolveVm(const std::string& vnic, std::string* gcf_path) {
+  const size_t colon = vnic.find(':');
+  if (colon == std::string::npos) return;
+  std::string path = PathOfVm(vnic.substr(0, colon));
+  if (!path.empty()) *gcf_path = std::move(path);
 }
 
 std::string PrecreatedPortMaker::PathOfVm(const std::string& uuid) {

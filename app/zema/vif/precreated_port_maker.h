@@ -22,6 +22,7 @@ class PrecreatedPortMaker {
 
  private:
   bool CreatePortForPrecreated(VifRequest& request, std::string* error);
+  void ResolveVm(const std::string& vnic, std::string* gcf_path);
   std::string PathOfVm(const std::string& uuid);
 
   VifContext& context_;

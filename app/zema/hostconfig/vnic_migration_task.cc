@@ -1,0 +1,104 @@
+#include "app/zema/hostconfig/vnic_migration_task.h"
+
+#include <exception>
+#include <utility>
+
+#include "app/zema/covedb/config_files.h"
+#include "app/zema/hostconfig/host_config_context.h"
+#include "app/zema/hostconfig/interface_request.h"
+#include "app/zema/qub/vif_request.h"
+#include "framework/log.h"
+#include "platform/core/thread_name.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+}  // namespace
+
+VnicMigrationTask::VnicMigrationTask(std::shared_ptr<HostConfigContext> context, Settings settings,
+                                     bool vm_ports, bool knl_pnic)
+    : HostConfigTaskQub(std::move(context), nullptr, "", "", {}, ""),
+      settings_(std::move(settings)),
+      vm_ports_(vm_ports),
+      knl_pnic_(knl_pnic) {}
+
+void VnicMigrationTask::Run() {
+  SetThreadName("zema:vNicMigr");
+  ZLOG_INFO("VnicMigrationTask started");
+  MigrationResult before;
+  ReadMigrationResult(settings_.result_file, &before);
+  // The id of a file that is not looked at stays.
+  result_ = before;
+  try {
+    if (vm_ports_) LoadPortDataFromVmsMigrationFile(before);
+    if (knl_pnic_ && PopulateKnlMigrationMsgFromFile(before)) ApplyHostConfig(false, false);
+  } catch (const std::exception& e) {
+    Refuse(std::string("VnicMigrationTask failed, error: ") + e.what());
+  } catch (...) {
+    Refuse("VnicMigrationTask failed with unknown error");
+  }
+  if (processed_) SaveMigrationResult(settings_.result_file, result_, Errors());
+  ZLOG_INFO("VnicMigrationTask ended");
+}
+
+bool VnicMigrationTask::Refuse(const std::string& text) {
+  ZLOG_ERROR("41020", "[%s] %s", "VnicMigrationTask", text.c_str());
+  refusals_.push_back(text);
+  return false;
+}
+
+std::vector<std::string> VnicMigrationTask::Errors() const {
+  std::vector<std::string> all = refusals_;
+  all.insert(all.end(), errors_.texts().begin(), errors_.texts().end());
+  if (all.empty() && errors_.code() != 0) all.push_back("ErrorCode=" + std::to_string(errors_.code()));
+  return all;
+}
+
+// False when there is nothing to do, or nothing that can be done.
+bool VnicMigrationTask::Load(const std::string& path, const std::string& done_id, const char* done_text,
+                             std::string* id, MigrationRequest* request) {
+  MigrationFile file(path);
+  std::string error;
+  const MigrationFile::Read read = file.Load(request, &error);
+  if (read == MigrationFile::Read::kNone) {
+    ZLOG_INFO("[%s] File %s is empty or does not exist", __func__, path.c_str());
+    return false;
+  }
+  if (!done_id.empty() && request->request_id == done_id) {
+    ZLOG_INFO("[%s] migration of %srequest-id %s has already finished successfully.", __func__, done_text,
+              done_id.c_str());
+    return false;
+  }
+  processed_ = true;
+  *id = request->request_id;
+  return read == MigrationFile::Read::kDone || Refuse(error);
+}
+
+bool VnicMigrationTask::PopulateKnlMigrationMsgFromFile(const MigrationResult& before) {
+  MigrationRequest request;
+  if (!Load(settings_.knl_file, before.succeeded ? before.request_id : "", "", &result_.request_id,
+            &request)) {
+    return false;
+  }
+  std::string error;
+  if (!context().files.RetrieveHostConfigMsgFromFile(&message_, &error)) return Refuse(error);
+  // Without its id the node would count as removed.
+  if (!message_.has_transport_node_id()) return Refuse("The stored HostConfigMsg names no transport node");
+  return PutIntoConfig(request, &message_, &error) || Refuse(error);
+}
+
+void VnicMigrationTask::LoadPortDataFromVmsMigrationFile(const MigrationResult& before) {
+  MigrationRequest request;
+  if (!Load(settings_.vms_file, before.succeeded ? before.vms_request_id : "", "VMs ",
+            &result_.vms_request_id, &request)) {
+    return;
+  }
+  auto ports = std::make_shared<VmPortMap>(VmPortsOf(request));
+  std::string error;
+  if (request.in && request.pre_create_dvports && !settings_.create_ports(*ports, &error)) Refuse(error);
+  settings_.keep_ports(std::move(ports));
+}
+
+}  // namespace zem::zema
