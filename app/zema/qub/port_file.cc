@@ -115,19 +115,24 @@ std::optional<std::string> PortFilePath(const std::string& vm_directory, const s
   return vm_directory + std::string(kFolder) + "/" + dvs + "/" + port;
 }
 
+// From the innermost outwards: those of the VM are nearly always there.
 bool MakePortFileDirectories(const std::string& path) {
-  for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
-    if (::mkdir(path.substr(0, at).c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
-      // Directories above the VM's may refuse to be made because they are there and not ours.
-      const int error = errno;
-      struct stat status;
-      if (::stat(path.substr(0, at).c_str(), &status) == 0 && S_ISDIR(status.st_mode)) continue;
-      ZLOG_WARN("[PortOp] Directory [%s] cannot be made: %s", path.substr(0, at).c_str(),
-                std::strerror(error));
-      return false;
-    }
+  const size_t at = path.rfind('/');
+  if (at == std::string::npos || at == 0) return true;
+  const std::string directory = path.substr(0, at);
+  if (::mkdir(directory.c_str(), kDirectoryMode) == 0) return true;
+  if (errno == ENOENT && MakePortFileDirectories(directory) &&
+      ::mkdir(directory.c_str(), kDirectoryMode) == 0) {
+    return true;
   }
-  return true;
+  const int error = errno;
+  // Also when somebody else has made it meanwhile, or nobody may make it anew.
+  struct stat status;
+  if (::stat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return true;
+  if (error != ENOENT) {
+    ZLOG_WARN("[PortOp] Directory [%s] cannot be made: %s", directory.c_str(), std::strerror(error));
+  }
+  return false;
 }
 
 int WritePortFile(const std::string& path, std::string_view data) {

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bench/kill/vm_worker.h"
+#include "platform/core/condition.h"
+#include "platform/core/thread.h"
+#include "sim/node/node_process.h"
+
+namespace zem::bench {
+
+/// VMs that come, move and go all the time, and whether the host's ports, their files, the VMs and the
+/// manager say the same of them.
+///
+/// Threads: one owner.
+/// Errors: std::runtime_error with what did not hold.
+class VifStream {
+ public:
+  /// Sets the node up, and its VMs, which are off.
+  VifStream(sim::NodeProcess& node, uint64_t seed);
+  ~VifStream();
+
+  /// Lets the VMs change, by threads of their own, until `Settle`.
+  void Run();
+
+  /// What the host does while there is no daemon: some VMs come and go, and their ports tell of it.
+  void ActAlone();
+
+  /// Ends the changes, waits until each has its answer, and until all agree: after how many rounds of the
+  /// resync they did.
+  int Settle();
+
+  uint64_t attaches() const { return Sum(&VmWorker::attaches); }
+  uint64_t moves() const { return Sum(&VmWorker::moves); }
+  uint64_t detaches() const { return Sum(&VmWorker::detaches); }
+  uint64_t repeated() const { return Sum(&VmWorker::repeated); }
+  /// What the host did without a daemon.
+  uint64_t alone() const { return alone_; }
+  /// Drafts of port files that a killed daemon has left.
+  size_t drafts();
+
+ private:
+  struct Running {
+    std::unique_ptr<VmWorker> worker;
+    Thread thread;
+  };
+
+  uint64_t Sum(uint64_t (VmWorker::*count)() const) const;
+  void Work(VmWorker& worker);
+  void AwaitDaemon();
+  int ResyncRunsSince(double begun);
+  std::string Disagreements();
+
+  sim::NodeProcess& node_;
+  std::mt19937_64 random_;
+  std::vector<VmWorker::Vm> alone_vms_;
+  uint64_t alone_ = 0;
+
+  std::mutex mutex_;  // guards what follows
+  Condition changed_;
+  bool running_ = false;
+  bool ended_ = false;
+  size_t busy_ = 0;
+  std::string failure_;
+
+  std::vector<Running> workers_;
+};
+
+}  // namespace zem::bench
