@@ -40,6 +40,9 @@ class Scenario {
  public:
   Scenario(ControlClient& node, std::ostream& out);
 
+  /// As "let" does.
+  void Let(const std::string& name, const std::string& text) { kept_[name] = text; }
+
   /// True when every line held.
   bool Run(std::istream& lines, const std::string& name);
 

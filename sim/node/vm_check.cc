@@ -8,6 +8,9 @@
 namespace zem::sim {
 namespace {
 
+constexpr const char* kAttachPending = "attach_port";
+constexpr const char* kDetachPending = "detach_port";
+
 struct Owner {
   const VirtualMachine* machine;
   std::string device;
@@ -56,7 +59,10 @@ class Check {
       if (owners_.count(vif) == 0 && knowledge_.interfaces.count(vif) == 0) {
         Say("port " + place.port + " holds VIF " + vif + ", which nobody uses");
       }
-      if (!use->pending.empty()) Say("port " + place.port + ": the manager was not told of " + use->pending);
+      // What was noted before the VIF came or went again is no longer owed.
+      if (use->pending == (owners_.count(vif) != 0 ? kAttachPending : kDetachPending)) {
+        Say("port " + place.port + ": the manager was not told of " + use->pending);
+      }
       CheckFile(place, *use);
     }
   }
