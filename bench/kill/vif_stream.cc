@@ -135,7 +135,7 @@ int VifStream::ResyncRunsSince(double begun) {
   const Json runs = node_.Do("host resync-runs 50");
   int count = 0;
   const cJSON* run = nullptr;
-  cJSON_ArrayForEach(run, runs.get()) count += NumberAt(run, "start") >= begun ? 1 : 0;
+  cJSON_ArrayForEach(run, sim::At(runs.get(), "runs")) count += NumberAt(run, "start") >= begun ? 1 : 0;
   return count;
 }
 

@@ -20,6 +20,7 @@
 #include "app/zema/endpoint/endpoint_context.h"
 #include "app/zema/host/corvd_handler.h"
 #include "app/zema/host/resync_state.h"
+#include "app/zema/host/scale_sim_task.h"
 #include "app/zema/hostconfig/ckln_hot_swap_task.h"
 #include "app/zema/hostconfig/high_performance_profile_task.h"
 #include "app/zema/hostconfig/host_config_context.h"
@@ -132,6 +133,7 @@ class Realization::Impl {
   void PrepareHost();
   void RestoreHostSwitch();
   void ReadStoredConfig();
+  void SimulateLoad();
 };
 
 Realization::Impl::~Impl() = default;
@@ -166,7 +168,19 @@ Realization::Result Realization::Impl::SetUp() {
   RestoreMmode(*mmode_);
   // The manager still waits for what is written on these ports.
   for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) follow_ups_->AddVifRequest(request);
+  SimulateLoad();
   return kDone;
+}
+
+// Its worker is there only when the options want it.
+void Realization::Impl::SimulateLoad() {
+  if (settings_.workers->Find(Worker::kScaleSim) == nullptr) return;
+  settings_.workers->AddTask(
+      Worker::kScaleSim,
+      std::make_unique<ScaleSimTask>(ScaleSimTask::Settings{
+          health_.get(), &Host(), [options = settings_.options] { return options->Snapshot(); },
+          [this](std::shared_ptr<VifRequest> request) { follow_ups_->AddVifRequest(std::move(request)); },
+          [this](Duration duration) { return Pause(duration); }}));
 }
 
 bool Realization::Impl::OpenLibraries() {

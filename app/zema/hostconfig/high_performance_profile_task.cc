@@ -30,7 +30,8 @@ void HighPerformanceProfileTask::Run() {
     ZLOG_INFO("HostConfig not retrieved from the disk. Error [%s]", error.c_str());
   }
   bool was_pending = false;
-  for (;;) {
+  bool stopped = false;
+  while (!stopped) {
     const bool pending = found && Pending(config);
     was_pending = was_pending || pending;
     if (!pending) {
@@ -40,15 +41,18 @@ void HighPerformanceProfileTask::Run() {
     std::string reply;
     if (settings_.lum.InvokeCommand("fetchMMode()", "true", &reply) == LumCommands::kSucceeded) {
       if (!Apply(config)) break;
+      // The host has left the mode in between.
+      stopped = !settings_.pause(std::chrono::seconds(settings_.retry_interval()));
       continue;
     }
     const int interval = settings_.retry_interval();
     ZLOG_INFO("The host is not in maintenance mode. Going back to sleep for [%d] seconds.", interval);
-    if (!settings_.pause(std::chrono::seconds(interval))) break;
+    stopped = !settings_.pause(std::chrono::seconds(interval));
   }
   ZLOG_INFO("Completing the HighPerformanceProfileTask and setting the running task ptr to NULL.");
   settings_.done();
-  if (was_pending && found) Tell(config);
+  // What still waits when the agent ends has not succeeded.
+  if (was_pending && !stopped) Tell(config);
 }
 
 bool HighPerformanceProfileTask::Pending(const switching::HostConfigMsg& config) const {
@@ -69,13 +73,8 @@ bool HighPerformanceProfileTask::Apply(const switching::HostConfigMsg& config) {
   for (const auto& host_switch : config.host_switches()) {
     good = settings_.profile.ProcessHighPerformanceProfile(host_switch, &errors_, &pending) && good;
   }
-  if (!good) return false;
-  if (!pending) {
-    ZLOG_INFO("The call to DP script no more returned pending maintenance mode.");
-    return false;
-  }
-  // The host has left the mode in between.
-  return settings_.pause(std::chrono::seconds(settings_.retry_interval()));
+  if (good && !pending) ZLOG_INFO("The call to DP script no more returned pending maintenance mode.");
+  return good && pending;
 }
 
 void HighPerformanceProfileTask::Tell(const switching::HostConfigMsg& config) const {

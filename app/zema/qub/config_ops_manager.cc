@@ -155,6 +155,9 @@ uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string
 
 uint32_t ConfigOpsManager::ClearHostProp(const std::string& dvs, const std::string& property) {
   if (!Usable(nullptr)) return kSwitchNotLoaded;
+  // A start, above all, finds nothing to clear: then the switch is not written to.
+  LibraryBuffer value;
+  if (library_.HostPropGet(dvs, property.c_str(), &value) == kSwitchNotFound) return kSwitchNotFound;
   const uint32_t result = library_.HostPropClear(dvs, property.c_str());
   if (result != 0 && result != kSwitchNotFound) {
     ZLOG_ERROR("ERR_PORTSET_FAILED", "Failed to clear [%s] on dvs [%s]: %s", property.c_str(), dvs.c_str(),

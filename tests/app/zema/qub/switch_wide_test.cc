@@ -107,6 +107,7 @@ TEST_F(SwitchWideTest, HealthIsOnTheSwitchesAndAFailureIsTold) {
   health.mpaConnected();
   health.setZemaLumReady();
   EXPECT_EQ(state->SwitchProperty(kOverlay, "host", status), "up");
+  EXPECT_THAT(state->Calls("DVSKNL_HostPropClear"), IsEmpty()) << "there was nothing to clear";
   Fault("DVSKNL_HostPropSet count=1 ret=0xbad0001");
   health.setZemaStatusDown();
   EXPECT_THAT(log.Texts(), Contains(HasSubstr("UpdateZemaHealth for DVS[" + std::string(kOverlay) +
