@@ -36,8 +36,10 @@ constexpr auto kNodeStart = std::chrono::seconds(20);
 
 constexpr const char* kUsage =
     "usage: zem-node run [OPTIONS]              runs a node until it is stopped\n"
-    "       zem-node ctl [--dir DIR] COMMAND    sends one command, prints its JSON answer; \"ctl help\" "
-    "lists them\n"
+    "       zem-node ctl [--dir DIR] [--json] COMMAND\n"
+    "                                           sends one command, prints its answer: JSON, or text as it "
+    "stands\n"
+    "                                           unless --json; \"ctl help\" lists them\n"
     "       zem-node scenario [--dir DIR] [--let NAME=TEXT]... FILE\n"
     "                                           runs the commands and expectations of a file\n"
     "       zem-node check FILE [OPTIONS]       runs a scenario on a node of its own\n"
@@ -181,10 +183,14 @@ int Control(Words words) {
     std::fputs(kUsage, stderr);
     return kUsageError;
   }
+  const bool json = words.all[words.next] == "--json";
+  if (json) words.Take();
   ControlClient node(directory + "/control");
   const std::string answer = node.Execute(Join(words));
-  std::puts(answer.c_str());
   const zem::sim::Json parsed{cJSON_Parse(answer.c_str())};
+  // What is text for people is printed as it stands.
+  const char* const text = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(parsed.get(), "result"));
+  std::puts(text != nullptr && !json ? text : answer.c_str());
   return parsed && cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(parsed.get(), "ok")) ? 0 : 1;
 }
 

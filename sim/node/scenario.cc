@@ -213,6 +213,12 @@ bool Scenario::Line(const std::string& text) {
     return true;
   }
   if (TakePrefix(&rest, "expect ")) return Expect(rest);
+  if (rest == "show node") {
+    if (!Command(rest, Outcome::kOk)) return false;
+    const Json parsed{cJSON_Parse(last_answer_.c_str())};
+    out_ << Text(Find(parsed.get(), "result")) << std::flush;
+    return true;
+  }
   if (TakePrefix(&rest, "show ")) return Show(rest);
   if (TakePrefix(&rest, "keep ")) return Keep(rest);
   if (TakePrefix(&rest, "let ")) {

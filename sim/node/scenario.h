@@ -25,7 +25,7 @@ class ControlClient;
 ///                                                  otherwise
 ///     expect no log ~ PATTERN             none since the step began
 ///     expect file PATH ~ PATTERN [within SECONDS]
-///     show PATH                           prints a part of the last answer
+///     show PATH                           prints a part of the last answer; "show node" the node's picture
 ///     keep NAME PATH                      keeps a part of the last answer; ${NAME} stands for it from here
 ///     on
 ///     let NAME TEXT                       ${NAME} stands for the text, in which names kept before stand

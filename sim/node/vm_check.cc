@@ -24,7 +24,7 @@ class Check {
   explicit Check(const VifKnowledge& knowledge) : knowledge_(knowledge), ports_(PortsByVif()) {
     for (const VirtualMachine& machine : knowledge.machines) {
       for (const auto& [device, vnic] : machine.vnics) {
-        if (vnic.connected) owners_[vnic.vif] = {&machine, device, &vnic};
+        if (vnic.connected && !vnic.vif.empty()) owners_[vnic.vif] = {&machine, device, &vnic};
       }
     }
   }
