@@ -131,11 +131,16 @@ void VifStream::AwaitDaemon() {
               [](const cJSON* state) { return cJSON_IsTrue(sim::At(state, "connected")) != 0; });
 }
 
-int VifStream::ResyncRunsSince(double begun) {
+void VifStream::Start() {
+  started_ = MonotonicSeconds();
+  node_.Do("daemon/start");
+}
+
+int VifStream::ResyncRuns() {
   const Json runs = node_.Do("host resync-runs 50");
   int count = 0;
   const cJSON* run = nullptr;
-  cJSON_ArrayForEach(run, sim::At(runs.get(), "runs")) count += NumberAt(run, "start") >= begun ? 1 : 0;
+  cJSON_ArrayForEach(run, sim::At(runs.get(), "runs")) count += NumberAt(run, "start") >= started_ ? 1 : 0;
   return count;
 }
 
@@ -157,7 +162,6 @@ int VifStream::Settle() {
     if (!failure_.empty()) throw std::runtime_error(failure_);
   }
   AwaitDaemon();
-  const double begun = MonotonicSeconds();
   const TimePoint limit = Clock::Process().Now() + kAgreement;
   for (std::string text = Disagreements(); !text.empty(); text = Disagreements()) {
     if (Clock::Process().Now() > limit) throw std::runtime_error("not in agreement:" + text);
@@ -169,7 +173,7 @@ int VifStream::Settle() {
                                                   : static_cast<int>(NumberAt(broken.get(), "count"));
     if (count != 0) throw std::runtime_error(std::string(rules) + ": " + std::to_string(count));
   }
-  return ResyncRunsSince(begun);
+  return ResyncRuns();
 }
 
 uint64_t VifStream::Sum(uint64_t (VmWorker::*count)() const) const {

@@ -32,8 +32,11 @@ class VifStream {
   /// What the host does while there is no daemon: some VMs come and go, and their ports tell of it.
   void ActAlone();
 
-  /// Ends the changes, waits until each has its answer, and until all agree: after how many rounds of the
-  /// resync they did.
+  /// The daemon comes (again).
+  void Start();
+
+  /// Ends the changes, waits until each has its answer, and until all agree: how many rounds of the resync
+  /// the last start had begun by then.
   int Settle();
 
   uint64_t attaches() const { return Sum(&VmWorker::attaches); }
@@ -54,13 +57,14 @@ class VifStream {
   uint64_t Sum(uint64_t (VmWorker::*count)() const) const;
   void Work(VmWorker& worker);
   void AwaitDaemon();
-  int ResyncRunsSince(double begun);
+  int ResyncRuns();
   std::string Disagreements();
 
   sim::NodeProcess& node_;
   std::mt19937_64 random_;
   std::vector<VmWorker::Vm> alone_vms_;
   uint64_t alone_ = 0;
+  double started_ = 0;
 
   std::mutex mutex_;  // guards what follows
   Condition changed_;

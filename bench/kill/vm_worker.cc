@@ -13,7 +13,7 @@ namespace zem::bench {
 namespace {
 
 constexpr auto kPatience = std::chrono::seconds(60);
-constexpr auto kPause = std::chrono::milliseconds(50);
+constexpr auto kPause = std::chrono::milliseconds(200);
 constexpr const char* kDevice = "eth0";
 
 // Faults of the daemon, whenever it may have died.

@@ -2,7 +2,9 @@
 // the library and of the manager.  Ends with lines "vifs CASE METRIC ours=NUMBER peer=NUMBER ratio=NUMBER"; a
 // ratio above 1 means ours is better.
 //
-// bench_vifs [ROUNDS]
+// bench_vifs [ROUNDS [FOLDER]]
+//
+// The port files are in memory, or in FOLDER.
 
 #include <malloc.h>
 #include <sys/socket.h>
@@ -112,7 +114,8 @@ class LogSocket {
 
 class Bench {
  public:
-  explicit Bench(int rounds) : rounds_(rounds), agent_(world_), bare_(world_) {}
+  Bench(int rounds, const std::string& vms_folder)
+      : rounds_(rounds), world_(vms_folder), agent_(world_), bare_(world_) {}
 
   int Run() {
     // The first look at the VIFs reads all ports; it happens once.
@@ -263,13 +266,13 @@ class Bench {
 int main(int argc, char** argv) {
   const int rounds = argc > 1 ? std::atoi(argv[1]) : zem::bench::kRounds;
   if (rounds < 1) {
-    std::fputs("usage: bench_vifs [ROUNDS]\n", stderr);
+    std::fputs("usage: bench_vifs [ROUNDS [FOLDER]]\n", stderr);
     return 2;
   }
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   zem::bench::LogSocket::Quiet();
   try {
-    return zem::bench::Bench(rounds).Run();
+    return zem::bench::Bench(rounds, argc > 2 ? argv[2] : "").Run();
   } catch (const std::exception& error) {
     std::fprintf(stderr, "vifs: %s\n", error.what());
     return 1;

@@ -19,19 +19,22 @@ std::string Uuid(unsigned kind, size_t number) {
   return text;
 }
 
+std::filesystem::path NewFolder(const std::filesystem::path& parent) {
+  std::string pattern = parent / "zem-bench-XXXXXX";
+  Require(::mkdtemp(pattern.data()) != nullptr, "no temporary folder in " + parent.string());
+  return pattern;
+}
+
 }  // namespace
 
 void Require(bool condition, const std::string& what) {
   if (!condition) throw std::runtime_error(what);
 }
 
-World::World() : library_(sim::LibraryFolder::Built() + "/libklnPublic.so") {
+World::World(const std::string& vms_folder) : library_(sim::LibraryFolder::Built() + "/libklnPublic.so") {
   const std::filesystem::path memory = "/dev/shm";
-  std::string pattern =
-      (std::filesystem::is_directory(memory) ? memory : std::filesystem::temp_directory_path()) /
-      "zem-bench-XXXXXX";
-  Require(::mkdtemp(pattern.data()) != nullptr, "no temporary folder");
-  path_ = pattern;
+  path_ = NewFolder(std::filesystem::is_directory(memory) ? memory : std::filesystem::temp_directory_path());
+  vms_ = vms_folder.empty() ? path_ / "vms" : NewFolder(vms_folder);
   ::setenv("ZEM_SIM_ROOT", (path_ / "sim").c_str(), 1);
   state_ = std::make_unique<sim::SwitchState>();
   Require(state_->MakeSwitch({kDvs, "ks-1", "KLN", {kZone}, {"u1"}}), "the switch was not made");
@@ -43,6 +46,7 @@ World::~World() {
   library_.Close();
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
+  std::filesystem::remove_all(vms_, ignored);
 }
 
 void World::FillUpTo(size_t count) {
@@ -62,7 +66,7 @@ void World::FillUpTo(size_t count) {
 std::vector<Vif> World::NewVifs(size_t count) {
   std::vector<Vif> vifs;
   for (size_t i = 0; i < count; ++i, ++vifs_) {
-    const std::filesystem::path directory = path_ / "vms" / std::to_string(vifs_);
+    const std::filesystem::path directory = vms_ / std::to_string(vifs_);
     std::filesystem::create_directories(directory);
     vifs.push_back({Uuid(3, vifs_), Uuid(4, vifs_), directory / "vm.cfg"});
   }

@@ -19,7 +19,7 @@ struct Vif {
 };
 
 /// One host switch behind the simulated library, and VMs; all files are in memory where there is such a
-/// place, since the disk is not what is measured.
+/// place, since the disk is not what is measured, but for the VMs' when they are given another.
 ///
 /// Threads: one owner.  Errors: std::runtime_error.
 class World {
@@ -28,7 +28,8 @@ class World {
   static constexpr const char* kZone = "a0000000-0000-4000-8000-0000000000a1";
   static constexpr const char* kLs = "5b0c2a52-6d1c-4d2f-9a55-0c8c5f0f8d01";
 
-  World();
+  /// Empty: with the others.
+  explicit World(const std::string& vms_folder);
   ~World();
   World(const World&) = delete;
   World& operator=(const World&) = delete;
@@ -48,6 +49,7 @@ class World {
 
  private:
   std::filesystem::path path_;
+  std::filesystem::path vms_;
   std::unique_ptr<sim::SwitchState> state_;
   zema::SwitchLibrary library_;
   size_t ports_ = 0;
