@@ -31,6 +31,7 @@ import endpoints
 import messages
 import migrations
 import networks
+import port_operations
 import simstate
 import switches
 from simstate import Refused
@@ -228,6 +229,8 @@ class Host:
         if function is None or not bracket or not rest.endswith(")"):
             return "unknown command " + name
         try:
+            if name in port_operations.BEFORE:
+                port_operations.BEFORE[name](rest[:-1])
             return self.carry_out(function, rest[:-1])
         except Refused as refused:
             return str(refused)

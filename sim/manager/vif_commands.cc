@@ -114,7 +114,7 @@ void Show(const VifTable& vifs, const std::string& vif, const Reply& reply) {
 
 void SetSwitch(VifTable& vifs, const Arguments& arguments, const Reply& reply) {
   if (arguments.size() > 1) {
-    vifs.AddSwitch(arguments[0], arguments[1], arguments.size() > 2 ? arguments[2] : "");
+    vifs.AddSwitch(arguments[0], arguments[1]);
   } else if (arguments.size() == 1 && !vifs.RemoveSwitch(arguments[0])) {
     return reply.Fail("the manager has no logical switch " + arguments[0]);
   }
@@ -124,8 +124,7 @@ void SetSwitch(VifTable& vifs, const Arguments& arguments, const Reply& reply) {
       [](const auto& entry) {
         Json item = JsonObject();
         AddMember(item.get(), "ls", entry.first);
-        AddMember(item.get(), "zone", entry.second.zone);
-        if (!entry.second.origin.empty()) AddMember(item.get(), "origin", entry.second.origin);
+        AddMember(item.get(), "zone", entry.second);
         return item;
       },
       reply);
@@ -212,11 +211,11 @@ void RegisterVifCommands(CommandTable& table, Manager& manager) {
   constexpr size_t kMany = std::numeric_limits<size_t>::max();
   Manager* const m = &manager;
   VifTable* const v = &manager.vifs();
-  table.Register({"vif/switch", "[LS [ZONE [SWITCH:PORT]]]",
-                  "Tells the manager in which zone a logical switch is, which from then on answers requests "
-                  "about VIFs from its table; SWITCH:PORT is the origin of a port group.  LS alone takes it "
-                  "away again; without arguments it shows them.",
-                  0, 3, [v](A a, R r) { SetSwitch(*v, a, r); }});
+  table.Register(
+      {"vif/switch", "[LS [ZONE]]",
+       "Tells the manager in which zone a logical switch is, which from then on answers requests "
+       "about VIFs from its table.  LS alone takes it away again; without arguments it shows them.",
+       0, 2, [v](A a, R r) { SetSwitch(*v, a, r); }});
   table.Register(
       {"vif/list", "[LS]", "Shows where VIFs are attached.", 0, 1, [v](A a, R r) { List(*v, a, r); }});
   table.Register(
@@ -240,8 +239,11 @@ void RegisterVifCommands(CommandTable& table, Manager& manager) {
                   [v](A a, R r) { Place(*v, a, r); }});
   table.Register({"vif/detach", "VIF", "The manager takes a VIF off and tells the host, unasked.", 1, 1,
                   [m, v](A a, R r) { SendRequest(*m, v->TakeOff(a[0]), a[0], r); }});
-  table.Register({"vif/restore", "VIF", "The manager asks the host to restore a VIF's port.", 1, 1,
-                  [m, v](A a, R r) { SendRequest(*m, v->AskRestore(a[0]), a[0], r); }});
+  table.Register({"vif/restore", "VIF [STATE]",
+                  "The manager asks the host to restore a VIF's port; the result repeats STATE.", 1, 2,
+                  [m, v](A a, R r) {
+                    SendRequest(*m, v->AskRestore(a[0], a.size() > 1 ? a[1] : "RESTORED"), a[0], r);
+                  }});
   table.Register({"vif/messages", "[VIF|all [AFTER]]",
                   "Shows what hosts have sent about VIFs, each with its answer.", 0, 2,
                   [v](A a, R r) { Messages(*v, a, r); }});

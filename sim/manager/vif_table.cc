@@ -65,9 +65,9 @@ bool VifTable::serves() const {
   return !switches_.empty();
 }
 
-void VifTable::AddSwitch(const std::string& ls, const std::string& zone, const std::string& origin) {
+void VifTable::AddSwitch(const std::string& ls, const std::string& zone) {
   const std::lock_guard lock(mutex_);
-  switches_[ls] = {zone, origin};
+  switches_[ls] = zone;
 }
 
 bool VifTable::RemoveSwitch(const std::string& ls) {
@@ -134,7 +134,7 @@ void VifTable::AttachLocked(const Vif& asked, const VifRule& rule, Vif* answer, 
   place.vif = vif;
   place.ls = asked.logical_switch_id();
   place.port = PortLocked(vif, place.ls, asked.logical_port_id());
-  place.zone = host_switch->second.zone;
+  place.zone = host_switch->second;
   place.host = asked.host_id();
   place.path = asked.gcf_path();
   answer->set_vif_id(vif);
@@ -142,10 +142,6 @@ void VifTable::AttachLocked(const Vif& asked, const VifRule& rule, Vif* answer, 
   answer->set_transport_zone_id(place.zone);
   answer->set_gcf_path(place.path);
   if (rule.kind != VifRule::Kind::kEmptyPort) answer->set_logical_port_id(place.port);
-  if (const std::string& origin = host_switch->second.origin; !origin.empty()) {
-    answer->set_origin_id(origin);
-    answer->set_opaque_data(origin);
-  }
   AddExtrasLocked(vif, answer);
   record->answer += "port " + answer->logical_port_id();
 }
@@ -244,7 +240,7 @@ VifPlace VifTable::Place(VifPlace place) {
   const std::lock_guard lock(mutex_);
   place.port = PortLocked(place.vif, place.ls, place.port);
   if (const auto found = switches_.find(place.ls); place.zone.empty() && found != switches_.end()) {
-    place.zone = found->second.zone;
+    place.zone = found->second;
   }
   return places_[place.vif] = std::move(place);
 }
@@ -258,13 +254,14 @@ std::unique_ptr<VifMsg> VifTable::TakeOff(const std::string& vif) {
   return message;
 }
 
-std::unique_ptr<VifMsg> VifTable::AskRestore(const std::string& vif) {
+std::unique_ptr<VifMsg> VifTable::AskRestore(const std::string& vif, const std::string& state) {
   const std::lock_guard lock(mutex_);
   const auto found = places_.find(vif);
   if (found == places_.end()) return nullptr;
   found->second.restored.clear();
   auto message = MessageTo(found->second, kRestore);
   VifAttachmentMsg* const asked = message->mutable_vif_attachment(0);
+  asked->set_state(state);
   asked->set_operation_id("restore-" + std::to_string(++restores_));
   AddExtrasLocked(vif, asked);
   return message;
@@ -285,7 +282,7 @@ std::vector<VifPlace> VifTable::Places() const {
   return places;
 }
 
-std::map<std::string, VifTable::Switch> VifTable::Switches() const {
+std::map<std::string, std::string> VifTable::Switches() const {
   const std::lock_guard lock(mutex_);
   return switches_;
 }

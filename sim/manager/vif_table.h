@@ -94,8 +94,7 @@ class VifTable {
 
   /// From the first switch on the table answers; before it, nothing here does.
   bool serves() const;
-  /// `origin` is "SWITCH:PORT" of a port group, empty for a logical switch.
-  void AddSwitch(const std::string& ls, const std::string& zone, const std::string& origin);
+  void AddSwitch(const std::string& ls, const std::string& zone);
   /// False when it is not there.
   bool RemoveSwitch(const std::string& ls);
 
@@ -113,16 +112,14 @@ class VifTable {
   VifPlace Place(VifPlace place);
   /// The manager itself takes the VIF off: the request for the host, null when it is not attached.
   std::unique_ptr<orlane::zem::switching::VifMsg> TakeOff(const std::string& vif);
-  /// The request to restore the VIF's port, null when it is not attached.
-  std::unique_ptr<orlane::zem::switching::VifMsg> AskRestore(const std::string& vif);
+  /// The request to restore the VIF's port, whose result repeats `state`; null when it is not attached.
+  std::unique_ptr<orlane::zem::switching::VifMsg> AskRestore(const std::string& vif,
+                                                             const std::string& state);
 
   std::optional<VifPlace> Find(const std::string& vif) const;
   std::vector<VifPlace> Places() const;
-  struct Switch {
-    std::string zone;
-    std::string origin;
-  };
-  std::map<std::string, Switch> Switches() const;
+  /// Zones by switch.
+  std::map<std::string, std::string> Switches() const;
   /// Of one VIF, or of all for an empty name.
   std::vector<VifRecord> Records(const std::string& vif, uint64_t after) const;
 
@@ -137,7 +134,7 @@ class VifTable {
   void AddExtrasLocked(const std::string& vif, Vif* answer) const;
 
   mutable std::mutex mutex_;  // guards all below
-  std::map<std::string, Switch> switches_;
+  std::map<std::string, std::string> switches_;
   std::map<std::string, VifPlace> places_;
   std::map<std::pair<std::string, std::string>, std::string> ports_;  // by VIF and switch
   std::map<std::string, std::string> owners_;                         // VIF by port

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -36,15 +37,20 @@ constexpr auto kNodeStart = std::chrono::seconds(20);
 
 constexpr const char* kUsage =
     "usage: zem-node run [OPTIONS]              runs a node until it is stopped\n"
-    "       zem-node ctl [--dir DIR] COMMAND    sends one command, prints its JSON answer; \"ctl help\" "
-    "lists them\n"
-    "       zem-node scenario [--dir DIR] FILE  runs the commands and expectations of a file\n"
+    "       zem-node ctl [--dir DIR] [--json] COMMAND\n"
+    "                                           sends one command, prints its answer: JSON, or text as it "
+    "stands\n"
+    "                                           unless --json; \"ctl help\" lists them\n"
+    "       zem-node scenario [--dir DIR] [--let NAME=TEXT]... FILE\n"
+    "                                           runs the commands and expectations of a file\n"
     "       zem-node check FILE [OPTIONS]       runs a scenario on a node of its own\n"
     "options of run and check:\n"
     "  --dir DIR        the node's folder: control socket and daemon output (/tmp/zem-node)\n"
     "  --daemon FILE    the daemon's program (zem-tarvik beside this one)\n"
     "  --options FILE   the daemon's XML options\n"
     "  --zema FILE      the realization's JSON options\n"
+    "  --datastore FOLDER  where VMs are made, for several nodes that see the same (the node's own)\n"
+    "  --second         check alone: another node like it, which sees the same VMs' folders\n"
     "  --issue TEXT     the identity file's text; \"\" leaves it away\n"
     "  --no-daemon      the daemon is started by \"daemon/start\"\n"
     "  --follow         prints the daemon's log\n"
@@ -91,6 +97,8 @@ int RunNode(Words words, const char* program) {
       node.daemon_options = ReadFile(words.Take());
     } else if (option == "--zema") {
       node.realization_options = ReadFile(words.Take());
+    } else if (option == "--datastore") {
+      sandbox.datastore = words.Take();
     } else if (option == "--issue") {
       node.issue = words.Take();
     } else if (option == "--no-daemon") {
@@ -108,19 +116,16 @@ int RunNode(Words words, const char* program) {
   return zem::sim::RunInSandbox(sandbox, [&node] { return zem::sim::Node(node).Run(); });
 }
 
-// A node that lives for one scenario, in a folder of its own.
-int Check(Words words, const char* program) {
-  const std::string file = words.Take();
-  std::ifstream lines(file);
-  if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
-  char directory[] = "/tmp/zem-check.XXXXXX";
-  if (::mkdtemp(directory) == nullptr)
-    throw std::runtime_error(std::string(directory) + ": " + std::strerror(errno));
-  const std::string control = std::string(directory) + "/control";
-  words.all.insert(words.all.end(), {"--dir", directory});
-  const pid_t node = ::fork();
-  if (node < 0) throw std::runtime_error(std::strerror(errno));
-  if (node == 0) {
+// A node in a folder of its own, which ends with this object.
+class ChildNode {
+ public:
+  ChildNode(Words words, const char* program) {
+    if (::mkdtemp(directory_) == nullptr)
+      throw std::runtime_error(std::string(directory_) + ": " + std::strerror(errno));
+    words.all.insert(words.all.end(), {"--dir", directory_});
+    process_ = ::fork();
+    if (process_ < 0) throw std::runtime_error(std::strerror(errno));
+    if (process_ > 0) return;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     int code = 1;
     try {
@@ -130,19 +135,55 @@ int Check(Words words, const char* program) {
     }
     ::_exit(code);
   }
-  bool held = false;
-  try {
-    ControlClient client(control, kNodeStart);
-    held = zem::sim::Scenario(client, std::cout).Run(lines, file);
-    client.Execute("stop");
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "zem-node: %s\n", error.what());
+  ~ChildNode() {
+    if (!stopped_) ::kill(process_, SIGTERM);
+    int status = 0;
+    ::waitpid(process_, &status, 0);
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
   }
-  if (!held) ::kill(node, SIGTERM);
-  int status = 0;
-  ::waitpid(node, &status, 0);
+  ChildNode(const ChildNode&) = delete;
+  ChildNode& operator=(const ChildNode&) = delete;
+
+  void Stop(ControlClient& client) {
+    client.Execute("stop");
+    stopped_ = true;
+  }
+  std::string control() const { return std::string(directory_) + "/control"; }
+
+ private:
+  char directory_[32] = "/tmp/zem-check.XXXXXX";
+  pid_t process_ = -1;
+  bool stopped_ = false;
+};
+
+// One node that lives for one scenario, or two that see the same VMs' folders.
+int Check(Words words, const char* program) {
+  const std::string file = words.Take();
+  std::ifstream lines(file);
+  if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
+  char datastore[] = "/tmp/zem-datastore.XXXXXX";
+  const bool two = std::erase(words.all, "--second") != 0;
+  if (two) {
+    if (::mkdtemp(datastore) == nullptr) throw std::runtime_error(std::strerror(errno));
+    words.all.insert(words.all.end(), {"--datastore", datastore});
+  }
+  bool held = false;
+  {
+    ChildNode node(words, program);
+    std::unique_ptr<ChildNode> second = two ? std::make_unique<ChildNode>(words, program) : nullptr;
+    try {
+      ControlClient client(node.control(), kNodeStart);
+      std::unique_ptr<ControlClient> second_client;
+      if (second) second_client = std::make_unique<ControlClient>(second->control(), kNodeStart);
+      held = zem::sim::Scenario(client, std::cout, second_client.get()).Run(lines, file);
+      if (held) node.Stop(client);
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "zem-node: %s\n", error.what());
+    }
+  }
   std::error_code ignored;
-  std::filesystem::remove_all(directory, ignored);
+  if (two) std::filesystem::remove_all(datastore, ignored);
   return held ? 0 : 1;
 }
 
@@ -180,20 +221,34 @@ int Control(Words words) {
     std::fputs(kUsage, stderr);
     return kUsageError;
   }
+  const bool json = words.all[words.next] == "--json";
+  if (json) words.Take();
   ControlClient node(directory + "/control");
   const std::string answer = node.Execute(Join(words));
-  std::puts(answer.c_str());
   const zem::sim::Json parsed{cJSON_Parse(answer.c_str())};
+  // What is text for people is printed as it stands.
+  const char* const text = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(parsed.get(), "result"));
+  std::puts(text != nullptr && !json ? text : answer.c_str());
   return parsed && cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(parsed.get(), "ok")) ? 0 : 1;
 }
 
 int RunScenario(Words words) {
   const std::string directory = Directory(&words);
+  std::vector<std::string> lets;
+  while (!words.empty() && words.all[words.next] == "--let") {
+    words.Take();
+    lets.push_back(words.Take());
+  }
   const std::string file = words.Take();
   std::ifstream lines(file);
   if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
   ControlClient node(directory + "/control", kNodeStart);
-  return zem::sim::Scenario(node, std::cout).Run(lines, file) ? 0 : 1;
+  zem::sim::Scenario scenario(node, std::cout);
+  for (const std::string& let : lets) {
+    const size_t equals = std::min(let.find('='), let.size() - 1);
+    scenario.Let(let.substr(0, equals), let.substr(equals + 1));
+  }
+  return scenario.Run(lines, file) ? 0 : 1;
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -31,6 +32,7 @@
 #include "sim/node/host_diff.h"
 #include "sim/node/log_commands.h"
 #include "sim/node/node.h"
+#include "sim/node/node_picture.h"
 #include "sim/node/raw_sockets.h"
 #include "sim/node/sandbox.h"
 
@@ -361,6 +363,18 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
        "BACKth before it.",
        0, 1, [n](const Arguments& arguments, const Reply& reply) {
          ShowDiff(*n->manager_, n->host_state_, arguments, reply);
+       }});
+  table.Register(
+      {"show", "node [all]",
+       "Draws the node: switches, uplinks, endpoints, ports, VMs, and what is not realized and why; "
+       "all of them, or twenty of each.",
+       1, 2, [n](const Arguments& arguments, const Reply& reply) {
+         const bool all = arguments.size() > 1 && arguments[1] == "all";
+         if (arguments[0] != "node" || (arguments.size() > 1 && !all)) return reply.Fail("node, or node all");
+         NodeView view{n->host_state_,       *n->machines_, *n->manager_,
+                       *n->host_management_, *n->daemon_,   *n->log_};
+         if (all) view.most = std::numeric_limits<size_t>::max();
+         reply.Ok(Json(cJSON_CreateString(DrawNode(view).c_str())));
        }});
   RegisterCorvdCommands(table, *n->host_management_);
   RegisterEdgeCommands(table, n->edge_);

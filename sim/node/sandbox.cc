@@ -115,6 +115,7 @@ void MakeMounts(const SandboxOptions& options) {
 
   const UniqueFd scripts = OpenFolder(options.host_scripts);
   const UniqueFd libraries = OpenFolder(options.libraries);
+  const UniqueFd datastore = OpenFolder(options.datastore);
 
   Check(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "private mounts");
   Mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
@@ -138,6 +139,7 @@ void MakeMounts(const SandboxOptions& options) {
   Bind("/proc/self/fd/" + std::to_string(daemon.get()), kDaemonPath);
   BindFolder(scripts, kHostScripts);
   BindFolder(libraries, options.libraries);
+  BindFolder(datastore, kDatastore);
   MakeDirectories("/usr/local/bin");
   if (::access("/usr/bin/python3", X_OK) == 0 && ::access("/usr/local/bin/python", F_OK) != 0) {
     Check(::symlink("/usr/bin/python3", "/usr/local/bin/python"), "python");

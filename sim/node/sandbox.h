@@ -22,10 +22,13 @@ struct SandboxOptions {
   std::string host_scripts = "";
   /// Folder that is seen at its own path, whatever the new mounts hide; or empty.
   std::string libraries = "";
+  /// Folder that is seen at kDatastore, where another node may see it too; empty: the node's own.
+  std::string datastore = "";
 };
 
 inline constexpr const char* kNodeDirectory = "/run/zem-node";
 inline constexpr const char* kHostScripts = "/usr/lib64/orlane/zem-tarvik/pylum/zema";
+inline constexpr const char* kDatastore = "/var/datastore";
 inline constexpr const char* kDaemonPath = "/opt/orlane/zem-tarvik/bin/zem-tarvik";
 
 /// Runs `body` as the first process of a new sandbox and gives its exit code; the code is 128 and the

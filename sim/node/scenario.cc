@@ -130,7 +130,14 @@ bool IsOk(const std::string& answer) {
 
 }  // namespace
 
-Scenario::Scenario(ControlClient& node, std::ostream& out) : node_(node), out_(out) {}
+Scenario::Scenario(ControlClient& node, std::ostream& out, ControlClient* second)
+    : node_(node), second_(second), out_(out) {}
+
+std::string Scenario::Execute(const std::string& command) {
+  std::string rest = command;
+  if (!TakePrefix(&rest, "second ")) return node_.Execute(command);
+  return second_ != nullptr ? second_->Execute(rest) : R"({"ok":false,"error":"there is no second node"})";
+}
 
 bool Scenario::Run(std::istream& lines, const std::string& name) {
   std::vector<Numbered> all;
@@ -213,6 +220,12 @@ bool Scenario::Line(const std::string& text) {
     return true;
   }
   if (TakePrefix(&rest, "expect ")) return Expect(rest);
+  if (rest == "show node") {
+    if (!Command(rest, Outcome::kOk)) return false;
+    const Json parsed{cJSON_Parse(last_answer_.c_str())};
+    out_ << Text(Find(parsed.get(), "result")) << std::flush;
+    return true;
+  }
   if (TakePrefix(&rest, "show ")) return Show(rest);
   if (TakePrefix(&rest, "keep ")) return Keep(rest);
   if (TakePrefix(&rest, "let ")) {
@@ -236,7 +249,7 @@ void Scenario::EndStep() {
 bool Scenario::Command(const std::string& line, Outcome wanted) {
   last_command_ = line;
   const long long begin = NowNs();
-  last_answer_ = node_.Execute(line);
+  last_answer_ = Execute(line);
   const double ms = static_cast<double>(NowNs() - begin) / 1e6;
   out_ << "   > " << line << "   (" << std::fixed << std::setprecision(1) << ms << " ms)\n" << std::flush;
   if (wanted == Outcome::kAny || IsOk(last_answer_) == (wanted == Outcome::kOk)) return true;
@@ -313,7 +326,7 @@ bool Scenario::Expect(const std::string& text) {
   const bool refusal = condition->path == "error";
   const std::string path = file ? "result.text" : (refusal ? "" : "result.") + condition->path;
   const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(condition->within * 1e9));
-  std::string answer = file ? node_.Execute(again) : last_answer_;
+  std::string answer = file ? Execute(again) : last_answer_;
   for (;;) {
     const Json parsed{cJSON_Parse(answer.c_str())};
     const std::string found = Text(Find(parsed.get(), path));
@@ -329,7 +342,7 @@ bool Scenario::Expect(const std::string& text) {
       return false;
     }
     SleepFor(kPollInterval);
-    answer = node_.Execute(again);
+    answer = Execute(again);
   }
 }
 

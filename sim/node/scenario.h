@@ -17,7 +17,9 @@ class ControlClient;
 ///     fails manager master nobody         a command that has to be refused
 ///     try cli set/loglevel info           a command that may be refused, or answered by nobody
 ///     await SECONDS daemon/state          a command that has to be answered "ok" within a time
-///     expect PATH == VALUE                on the last answer; PATH is dotted, "[N]" an element, "error" a
+///     second COMMAND                      the command on the second node, also behind "fails", "try",
+///     "await" expect PATH == VALUE                on the last answer; PATH is dotted, "[N]" an element,
+///     "error" a
 ///                                         refusal; also != >= <= and ~ PATTERN
 ///     expect PATH == VALUE within SECONDS repeats the last command until it holds
 ///     expect log ~ PATTERN [within SECONDS]        a line of the node's log since the step began (in the
@@ -25,7 +27,7 @@ class ControlClient;
 ///                                                  otherwise
 ///     expect no log ~ PATTERN             none since the step began
 ///     expect file PATH ~ PATTERN [within SECONDS]
-///     show PATH                           prints a part of the last answer
+///     show PATH                           prints a part of the last answer; "show node" the node's picture
 ///     keep NAME PATH                      keeps a part of the last answer; ${NAME} stands for it from here
 ///     on
 ///     let NAME TEXT                       ${NAME} stands for the text, in which names kept before stand
@@ -38,7 +40,11 @@ class ControlClient;
 /// Stops at the first line that does not hold and tells which it was and what was there instead.
 class Scenario {
  public:
-  Scenario(ControlClient& node, std::ostream& out);
+  /// `second`: another node, or null.
+  Scenario(ControlClient& node, std::ostream& out, ControlClient* second = nullptr);
+
+  /// As "let" does.
+  void Let(const std::string& name, const std::string& text) { kept_[name] = text; }
 
   /// True when every line held.
   bool Run(std::istream& lines, const std::string& name);
@@ -60,7 +66,10 @@ class Scenario {
   void EndStep();
   unsigned long long LastLogNumber();
 
+  std::string Execute(const std::string& command);
+
   ControlClient& node_;
+  ControlClient* const second_;
   std::ostream& out_;
   std::map<std::string, std::string> kept_;
   std::string last_command_;

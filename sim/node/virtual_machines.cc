@@ -494,9 +494,13 @@ VirtualMachines::Steps VirtualMachines::LiveOut(const std::string& name, Part pa
   return steps;
 }
 
-VirtualMachines::Steps VirtualMachines::LiveIn(const std::string& folder, Part part, const Options& options) {
+VirtualMachines::Steps VirtualMachines::LiveIn(const std::string& folder, const std::string& ls, Part part,
+                                               const Options& options) {
   auto machine = ReadConfiguration(folder);
   if (!machine) throw std::runtime_error("there is no VM in " + folder);
+  for (auto& [device, vnic] : machine->vnics) {
+    if (!ls.empty()) vnic.ls = ls;
+  }
   Claim claim(this);
   {
     const std::lock_guard lock(mutex_);

@@ -48,9 +48,6 @@ struct VmStep {
 /// Errors: std::runtime_error with a text for people.
 class VirtualMachines {
  public:
-  /// Where VMs are made unless a folder is given.
-  static constexpr const char* kStore = "/var/datastore";
-
   VirtualMachines(HostManagement& daemon, std::string journal_file);
   /// Stops the daemon and waits for the changes that are under way.
   ~VirtualMachines();
@@ -87,7 +84,8 @@ class VirtualMachines {
   enum class Part { kWhole, kBegin, kEnd };
   /// The VM goes to another host, its folder stays where both see it.
   Steps LiveOut(const std::string& name, Part part, const Options& options);
-  Steps LiveIn(const std::string& folder, Part part, const Options& options);
+  /// `ls`: where all its vNICs go here; empty: where they were.
+  Steps LiveIn(const std::string& folder, const std::string& ls, Part part, const Options& options);
   /// The VM's folder gets another place.
   Steps Relocate(const std::string& name, const std::string& folder, const Options& options);
   /// One operation for a vNIC under a given id, as in the middle of a move of interfaces.

@@ -8,6 +8,9 @@
 namespace zem::sim {
 namespace {
 
+constexpr const char* kAttachPending = "attach_port";
+constexpr const char* kDetachPending = "detach_port";
+
 struct Owner {
   const VirtualMachine* machine;
   std::string device;
@@ -21,7 +24,7 @@ class Check {
   explicit Check(const VifKnowledge& knowledge) : knowledge_(knowledge), ports_(PortsByVif()) {
     for (const VirtualMachine& machine : knowledge.machines) {
       for (const auto& [device, vnic] : machine.vnics) {
-        if (vnic.connected) owners_[vnic.vif] = {&machine, device, &vnic};
+        if (vnic.connected && !vnic.vif.empty()) owners_[vnic.vif] = {&machine, device, &vnic};
       }
     }
   }
@@ -56,7 +59,10 @@ class Check {
       if (owners_.count(vif) == 0 && knowledge_.interfaces.count(vif) == 0) {
         Say("port " + place.port + " holds VIF " + vif + ", which nobody uses");
       }
-      if (!use->pending.empty()) Say("port " + place.port + ": the manager was not told of " + use->pending);
+      // What was noted before the VIF came or went again is no longer owed.
+      if (use->pending == (owners_.count(vif) != 0 ? kAttachPending : kDetachPending)) {
+        Say("port " + place.port + ": the manager was not told of " + use->pending);
+      }
       CheckFile(place, *use);
     }
   }

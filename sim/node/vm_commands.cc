@@ -11,6 +11,7 @@
 #include "sim/control/command_table.h"
 #include "sim/host/host_state.h"
 #include "sim/manager/manager.h"
+#include "sim/node/sandbox.h"
 #include "sim/node/virtual_machines.h"
 #include "sim/node/vm_check.h"
 
@@ -104,12 +105,13 @@ struct Asked {
   bool begin = false;
   bool end = false;
   bool no_return = false;
+  std::string to;
 
   Part part() const { return begin ? Part::kBegin : end ? Part::kEnd : Part::kWhole; }
 };
 
 Asked Parse(const Arguments& arguments, size_t words) {
-  const CommandOptions options(arguments, {"--within", "--opcode"},
+  const CommandOptions options(arguments, {"--within", "--opcode", "--to"},
                                {"--agent-down", "--begin", "--end", "--no-return"});
   Asked asked;
   asked.error = options.error();
@@ -126,6 +128,7 @@ Asked Parse(const Arguments& arguments, size_t words) {
   asked.options.agent_down = options.Has("--agent-down");
   asked.begin = options.Has("--begin");
   asked.end = options.Has("--end");
+  asked.to = options.Value("--to").value_or("");
   asked.no_return = options.Has("--no-return");
   return asked;
 }
@@ -160,8 +163,7 @@ void Create(VirtualMachines& machines, const Arguments& arguments, const Reply& 
       if (!vnic.vif.empty() && *count > 1) return reply.Fail("one VIF for many VMs");
     }
   }
-  const auto made =
-      machines.Create(names, options.Value("--folder").value_or(VirtualMachines::kStore), vnics);
+  const auto made = machines.Create(names, options.Value("--folder").value_or(kDatastore), vnics);
   if (made.size() == 1) return reply.Ok(MachineJson(made.front()));
   Json result = JsonObject();
   AddMember(result.get(), "count", static_cast<uint64_t>(made.size()));
@@ -292,10 +294,10 @@ void RegisterVmCommands(CommandTable& table, VirtualMachines& machines, Manager&
       [](VirtualMachines& vms, const Asked& asked) {
         return vms.LiveOut(asked.words[0], asked.part(), asked.options);
       });
-  add("live-in", "[--begin|--end] [--within SECONDS] FOLDER",
-      "The VM whose folder it is comes, running, from another host.", 1,
+  add("live-in", "[--begin|--end] [--to LS] [--within SECONDS] FOLDER",
+      "The VM whose folder it is comes, running, from another host, where it was or to another switch.", 1,
       [](VirtualMachines& vms, const Asked& asked) {
-        return vms.LiveIn(asked.words[0], asked.part(), asked.options);
+        return vms.LiveIn(asked.words[0], asked.to, asked.part(), asked.options);
       });
   add("relocate", "[--within SECONDS] VM FOLDER",
       "A VM's folder gets another place; of one that runs, the vNICs are told of from there.", 2,

@@ -133,6 +133,11 @@ class SwitchCommands {
     Answer(reply, error.empty(), error);
   }
 
+  void SetProperty(const Arguments& arguments, const Reply& reply) const {
+    const bool set = state_.SetPortProperty(IdOf(arguments[0]), arguments[1], arguments[2], arguments[3]);
+    Answer(reply, set, "cannot set it on port \"" + arguments[1] + "\"");
+  }
+
   void Fault(const Arguments& arguments, const Reply& reply) const {
     std::string error;
     const bool added = state_.AddFault(arguments[0], &error);
@@ -214,6 +219,9 @@ void RegisterSwitchCommands(CommandTable& table, SwitchState& state, LibraryFold
                   [c](A a, R r) { c.LosePorts(a, r); }});
   table.Register({"switch/add-port", "SWITCH PORT", "Makes a port of the host's own.", 2, 2,
                   [c](A a, R r) { c.MakePort(a, r); }});
+  table.Register({"switch/set-port", "SWITCH PORT PROPERTY TEXT",
+                  "Sets a property of a port, as the host may.", 4, 4,
+                  [c](A a, R r) { c.SetProperty(a, r); }});
   table.Register({"switch/reboot", "", "The host starts anew: no switch has ports, no router is on one.", 0,
                   0, [c](A, R r) {
                     c.state().RebootHost();

@@ -129,7 +129,7 @@ bool InterfaceMigration::MigrateOut(const HostSwitch* host_switch, const std::st
 bool InterfaceMigration::CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration) {
   int created = 0;
   for (const ToLogicalSwitch* entry : migration.to_logical_switch) {
-    if (entry->is_vtep() || entry->device().empty()) continue;
+    if (entry->is_vtep() || IsPnicsAlone(*entry)) continue;
     const std::string zone = entry->has_transport_zone_id()              ? entry->transport_zone_id()
                              : host_switch.transport_zone_id_size() != 0 ? host_switch.transport_zone_id(0)
                                                                          : std::string();
@@ -191,7 +191,7 @@ void InterfaceMigration::TakeMigrated(const std::string& reply, const std::strin
   const size_t colon = reply.find(':');
   const std::string path = colon == std::string::npos ? std::string() : reply.substr(colon + 1);
   for (ToLogicalSwitch* entry : migration.to_logical_switch) {
-    if (entry->is_vtep() || entry->device().empty()) continue;
+    if (entry->is_vtep() || IsPnicsAlone(*entry)) continue;
     entry->set_previous_logical_port_id(entry->logical_port_id());
     entry->set_previous_vif_id(entry->vif_id());
     if (IsVnic(*entry) && !path.empty()) {

@@ -98,8 +98,7 @@ std::optional<MigrateToLsParts> BuildMigrateToLs(const KnlMigration& migration,
     return std::nullopt;
   }
   for (const QubMgmtIfToLogicSwitchMsg* move : migration.to_logical_switch) {
-    // Physical NICs alone have no entry here either.
-    if (move->device().empty()) continue;
+    if (IsPnicsAlone(*move)) continue;
     const bool vnic = IsVnic(move->device());
     Entry entry(vnic ? "vmuuiddevicepair" : "knlToLs", error);
     entry.Add("device", move->device());

@@ -109,6 +109,11 @@ bool Populate(HostConfigMsg* config, KnlMigrationMap* map, ErrorSink& errors) {
 
 }  // namespace
 
+bool IsPnicsAlone(const QubMgmtIfToLogicSwitchMsg& entry) {
+  return entry.device().empty() && entry.lswitch_id().empty() && entry.logical_port_id().empty() &&
+         entry.vif_id().empty() && !entry.is_vtep();
+}
+
 HostSwitchMsg* FindHostSwitch(HostConfigMsg* config, const std::string& id) {
   for (HostSwitchMsg& host_switch : *config->mutable_host_switches()) {
     if (host_switch.id() == id) return &host_switch;
@@ -135,7 +140,7 @@ bool ValidateKnlMigrateMsgAndSetVtepVlan(HostConfigMsg* config, ErrorSink& error
     }
     if (entry.is_vtep()) {
       if (!ValidateVtep(*host_switch, &entry, errors)) return false;
-    } else if (!entry.device().empty() && SwitchKind(*host_switch) == "KLN") {
+    } else if (!IsPnicsAlone(entry) && SwitchKind(*host_switch) == "KLN") {
       return Refuse(errors, "Cannot migrate non-VTEP " + entry.device() + " into KLN " + host_switch->name());
     }
   }

@@ -43,6 +43,9 @@ using KnlMigrationMap = std::map<std::string, KnlMigration>;
 /// looks at, which stay where they are.
 bool IsSecurityOnlyMigration(const orlane::zem::switching::HostConfigMsg& config);
 
+/// An entry that names a switch and nothing else: its physical NICs move without any interface.
+bool IsPnicsAlone(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry);
+
 /// The host switch of the message that has this id; null when there is none.
 orlane::zem::switching::HostSwitchMsg* FindHostSwitch(orlane::zem::switching::HostConfigMsg* config,
                                                       const std::string& id);

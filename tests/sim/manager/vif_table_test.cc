@@ -16,8 +16,8 @@ constexpr uint32_t kDetach = 1;
 class VifTableTest : public testing::Test {
  protected:
   VifTableTest() {
-    table.AddSwitch("web", "zone-1", "");
-    table.AddSwitch("app", "zone-2", "");
+    table.AddSwitch("web", "zone-1");
+    table.AddSwitch("app", "zone-2");
   }
 
   // The answer; an operation id of "" stands for none.
@@ -128,9 +128,10 @@ TEST_F(VifTableTest, ExtrasAndTheManagersOwnRequestsCarryThePlace) {
   EXPECT_EQ(answer.init_port_state().state(), "PENDING_CONF");
   EXPECT_EQ(answer.uplink_teaming_name(), "t");
 
-  const auto restore = table.AskRestore("vif");
+  const auto restore = table.AskRestore("vif", "DONE");
   ASSERT_TRUE(restore);
   EXPECT_EQ(restore->operation(), 3u);
+  EXPECT_EQ(restore->vif_attachment(0).state(), "DONE");
   EXPECT_EQ(restore->vif_attachment(0).logical_port_id(), answer.logical_port_id());
   const auto off = table.TakeOff("vif");
   ASSERT_TRUE(off);

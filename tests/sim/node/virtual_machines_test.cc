@@ -239,7 +239,7 @@ TEST_F(VirtualMachinesTest, AnotherHostTakesTheVmOverByItsFolder) {
   EXPECT_EQ(Problem(machines->PowerOn({"a"}, options)), "");
   EXPECT_EQ(Problem(machines->LiveOut("a", VirtualMachines::Part::kWhole, options)), "");
   EXPECT_TRUE(machines->All().empty());
-  EXPECT_EQ(Problem(machines->LiveIn(root + "/store/a", VirtualMachines::Part::kWhole, options)), "");
+  EXPECT_EQ(Problem(machines->LiveIn(root + "/store/a", "", VirtualMachines::Part::kWhole, options)), "");
   EXPECT_TRUE(machines->Find("a").front().on);
   EXPECT_EQ(VnicOf("a").port, "v1-web");
 }

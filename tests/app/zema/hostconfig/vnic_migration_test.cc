@@ -152,6 +152,10 @@ TEST(MigrationFileTest, MovesReplaceThoseOfTheStoredConfiguration) {
   EXPECT_EQ(config.qub_if_migration().ShortDebugString(),
             "to_vsw_or_psw { port_group: \"vSwitch0\" host_switch_id: \"plain\" }");
 
+  ASSERT_EQ(Put(WithSwitch(R"("host_switch_id": "plain", "pnics": [{"device_name": "knlnic1"}])"), &config),
+            "");
+  EXPECT_EQ(config.qub_if_migration().ShortDebugString(), "to_lswitches { host_switch_id: \"plain\" }");
+
   // Nothing for a switch is not the same as an empty list of physical NICs.
   ASSERT_EQ(Put(WithSwitch(R"("host_switch_name": "ks-1")"), &config), "");
   EXPECT_EQ(config.host_switches(0).pnic_size(), 1);

@@ -288,6 +288,21 @@ TEST(MigrationCommandTest, NothingMovesWithoutItsPort) {
   EXPECT_THAT(m.lum.commands, IsEmpty());
 }
 
+// No interface goes with them, so there is no port to make, whatever the kind of the switch.
+TEST(MigrationCommandTest, PhysicalNicsAloneIntoASwitch) {
+  for (const std::string& id : {std::string(kUuid), std::string(kOther)}) {
+    Migration m;
+    HostConfigMsg config = Config(In(id, ""));
+    ASSERT_TRUE(m.Convert(&config));
+    Texts vteps;
+    auto* const host_switch = config.mutable_host_switches(id == kUuid ? 0 : 1);
+    EXPECT_TRUE(m.Make().MigrateToLogicalSwitch(host_switch, "NVS", m.map.at(host_switch->id()),
+                                                {"vmnic2~up1"}, &vteps));
+    EXPECT_THAT(m.ports, IsEmpty());
+    EXPECT_THAT(m.lum.commands, ElementsAre(ToLs(host_switch->id(), 0, "vmnic2,up1|knlPingTryTimes=4")));
+  }
+}
+
 TEST(MigrationCommandTest, AValueWithASeparatorDoesNotReachTheHost) {
   for (const char* field : {"device: \"knl0,x\"", "lswitch_id: \"a|b\"", "vif_id: \"v)\""}) {
     Migration m;
