@@ -62,7 +62,8 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
       case 2: {
         PortConfigSpec description = Description(port, kZones[at]);
         description.switch_id = ls;
-        ASSERT_EQ(ports.CreatePort(description, vif, vm, true, &error), 0) << error;
+        // Files take long: each is synced.
+        ASSERT_EQ(ports.CreatePort(description, vif, pick(3) == 0 ? vm : "knlnic", true, &error), 0) << error;
         break;
       }
       case 3:
@@ -158,6 +159,27 @@ TEST_F(VifIndexTest, AttachAndDetachDoNotGoThroughPorts) {
   ports.SetTzToDvsCache({{"z1", kOverlay, "KLN"}});
   ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
   EXPECT_EQ(Lists(), 1U);
+}
+
+// Ports that do not come by the agent's own writes: from a file of the VM, and by the host, which says so.
+TEST_F(VifIndexTest, PortsThatComeWithTheirVifAreKnown) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  Create(Description("lp-2"), "vif-2", "knlnic");
+  ASSERT_TRUE(state->LosePorts(kOverlay));
+  ASSERT_TRUE(ports.RefreshVifIndex());
+  PortLocation found;
+  std::string path = Vm("vm1");
+  ASSERT_EQ(ports.FindPortByVifUuid(kVif, kLs, &path, &found, &error), 0) << error;
+  state->ClearLogs();
+  ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
+  EXPECT_EQ(Lists(), 0U);
+  for (const bool told : {false, true}) {
+    ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-1", port_props::kExternalId, "vif-3"));
+    if (told) ports.DoubtVif("vif-3");
+    ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-9", "vif-3", &error), 0);
+    EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), told ? "(none)" : "vif-3");
+  }
 }
 
 // A port that cannot be read may hold any VIF, so nothing is believed until all could be read.
