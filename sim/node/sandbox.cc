@@ -138,6 +138,8 @@ void MakeMounts(const SandboxOptions& options) {
   WriteFile(kDaemonPath, "");
   Bind("/proc/self/fd/" + std::to_string(daemon.get()), kDaemonPath);
   BindFolder(scripts, kHostScripts);
+  // They are somebody's sources.
+  if (scripts) Mount(nullptr, kHostScripts, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr);
   BindFolder(libraries, options.libraries);
   BindFolder(datastore, kDatastore);
   MakeDirectories("/usr/local/bin");
