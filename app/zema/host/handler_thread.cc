@@ -18,6 +18,9 @@ namespace {
 constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kTag = "VifHandlerThread";
 
+// Nothing can be trusted after this.
+constexpr std::string_view kMutexGone = "boost: mutex lock failed in pthread_mutex_lock: Invalid argument";
+
 }  // namespace
 
 HandlerThread::HandlerThread(HandlerPool& pool) : Thread(true, nullptr, 0), pool_(pool) {}
@@ -32,7 +35,7 @@ void HandlerThread::Run() {
   for (;;) {
     if (!request) request = Await();
     if (!request) return;
-    Process(*request);
+    ProcessAndGoOn(*request);
     request = stopped_ ? nullptr : pool_.HandlerDone(*this);
   }
 }
@@ -53,6 +56,20 @@ std::shared_ptr<VifRequest> HandlerThread::Await() {
   const MonitorLock lock(*this);
   while (!assigned_ && !stopped_) Wait(0);
   return std::exchange(assigned_, nullptr);
+}
+
+// One request that cannot even be answered must not take the others with it.
+void HandlerThread::ProcessAndGoOn(VifRequest& request) {
+  try {
+    Process(request);
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("42000", "[%s] caught exception: %s\n", kTag, e.what());
+    if (std::string_view(e.what()) != kMutexGone) return;
+    ZLOG_ERROR("42000", "The exception is related to boost mutex, hence throwing exception.");
+    throw;
+  } catch (...) {
+    ZLOG_ERROR("42000", "[%s] caught Unknown Exception: %s\n", kTag, request.ToString().c_str());
+  }
 }
 
 void HandlerThread::Process(VifRequest& request) {

@@ -29,6 +29,7 @@ class HandlerThread final : public Thread {
 
  private:
   std::shared_ptr<VifRequest> Await();
+  void ProcessAndGoOn(VifRequest& request);
   void Process(VifRequest& request);
   void Operate(VifRequest& request);
 

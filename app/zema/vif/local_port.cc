@@ -19,39 +19,29 @@ const std::string& FirstSet(const std::string& one, const std::string& other) {
   return one.empty() ? other : one;
 }
 
+// Both kinds of description name the same things alike.
+template <class To, class From>
+To SamePort(const From& from) {
+  To port;
+  port.port_id = from.port_id;
+  port.zone_id = from.zone_id;
+  port.switch_id = from.switch_id;
+  port.extra_configs = from.extra_configs;
+  port.init_state = from.init_state;
+  port.vlan = from.vlan;
+  port.vlan_ranges = from.vlan_ranges;
+  port.uplink_teaming = from.uplink_teaming;
+  port.org = from.org;
+  port.project = from.project;
+  port.vpc = from.vpc;
+  return port;
+}
+
 }  // namespace
 
-PortConfigSpec PortDescriptionOf(const PortAttached& reply) {
-  PortConfigSpec spec;
-  spec.port_id = reply.port_id;
-  spec.zone_id = reply.zone_id;
-  spec.switch_id = reply.switch_id;
-  spec.extra_configs = reply.extra_configs;
-  spec.init_state = reply.init_state;
-  spec.vlan = reply.vlan;
-  spec.vlan_ranges = reply.vlan_ranges;
-  spec.uplink_teaming = reply.uplink_teaming;
-  spec.org = reply.org;
-  spec.project = reply.project;
-  spec.vpc = reply.vpc;
-  return spec;
-}
+PortConfigSpec PortDescriptionOf(const PortAttached& reply) { return SamePort<PortConfigSpec>(reply); }
 
-PortAttached PortAttachedOf(const PortConfigSpec& spec) {
-  PortAttached reply;
-  reply.port_id = spec.port_id;
-  reply.zone_id = spec.zone_id;
-  reply.switch_id = spec.switch_id;
-  reply.extra_configs = spec.extra_configs;
-  reply.init_state = spec.init_state;
-  reply.vlan = spec.vlan;
-  reply.vlan_ranges = spec.vlan_ranges;
-  reply.uplink_teaming = spec.uplink_teaming;
-  reply.org = spec.org;
-  reply.project = spec.project;
-  reply.vpc = spec.vpc;
-  return reply;
-}
+PortAttached PortAttachedOf(const PortConfigSpec& spec) { return SamePort<PortAttached>(spec); }
 
 bool CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,
                        const PortAttached& reply, std::string* error) {
