@@ -61,7 +61,6 @@ constexpr uint32_t kEdgeNodes = kNodeEdge | kNodePublicCloudGateway;
 
 constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg";
 constexpr const char* kHostConfigAckType = "com.orlane.zem.switching.HostConfigAckMsg";
-constexpr const char* kLogicalSwitchAck = "LogicalSwitchACK";
 
 constexpr const char* kNotStarted = "The realization has not started yet";
 
@@ -571,58 +570,9 @@ std::string ZemaApp::ReloadOptions() { return impl_->ReloadOptions(); }
 
 std::string ZemaApp::Migrate(bool vm_ports, bool knl_pnic) { return impl_->Migrate(vm_ports, knl_pnic); }
 
-bool ZemaApp::HostConfigReply(const std::string& correlation_id, const std::string& reply_to,
-                              const switching::HostConfigMsg& reply) {
-  return impl_->Send(__func__, kHostConfigType, reply, correlation_id, reply_to);
-}
-
-bool ZemaApp::TnMmodeConfigReply(const std::string& correlation_id, const std::string& reply_to,
-                                 const switching::MaintenanceModeConfigResultMsg& reply) {
-  return impl_->Send(__func__, "com.orlane.zem.switching.MaintenanceModeConfigResultMsg", reply,
-                     correlation_id, reply_to);
-}
-
-bool ZemaApp::VtepRecoveryReply(const std::string& correlation_id, const std::string& reply_to,
-                                const switching::VTEPRecoveryResultMsg& reply) {
-  return impl_->Send(__func__, "com.orlane.zem.switching.VTEPRecoveryResultMsg", reply, correlation_id,
-                     reply_to);
-}
-
-bool ZemaApp::VtepAdminStateReply(const std::string& correlation_id, const std::string& reply_to,
-                                  const switching::VTEPAdminStateMgmtResultMsg& reply) {
-  return impl_->Send(__func__, "com.orlane.zem.switching.VTEPAdminStateMgmtResultMsg", reply, correlation_id,
-                     reply_to);
-}
-
-bool ZemaApp::LogicalSwitchReply(const std::string& reply_to, const switching::LogicalSwitchMsg& reply) {
-  return impl_->Send(__func__, "com.orlane.zem.switching.LogicalSwitchMsg", reply, kLogicalSwitchAck,
-                     reply_to);
-}
-
-bool ZemaApp::LogicalSwitchFullSyncReply(const std::string& correlation_id, const std::string& reply_to,
-                                         const switching::LogicalSwitchBulkMsg& reply) {
-  return impl_->Send(__func__, "com.orlane.zem.switching.LogicalSwitchBulkMsg", reply, correlation_id,
-                     reply_to);
-}
-
-bool ZemaApp::SendTransportNodeEventMsg(const std::string& reply_to,
-                                        const switching::TransportNodeEventMsg& event) {
-  return impl_->Send(__func__, "com.orlane.zem.switching.TransportNodeEventMsg", event, "", reply_to);
-}
-
-bool ZemaApp::SendRestoreReplyMsg(const std::string& reply_to, const switching::ChecksumMsg& checksum) {
-  return impl_->Send(__func__, "com.orlane.zem.switching.ChecksumMsg", checksum, "", reply_to);
-}
-
-bool ZemaApp::HostProfileReply(const std::string& correlation_id, const std::string& reply_to,
-                               const switching::HostProfileMsg& reply) {
-  return impl_->Send(__func__, "com.orlane.zem.switching.HostProfileMsg", reply, correlation_id, reply_to);
-}
-
-bool ZemaApp::HostSwitchMigrationToKlnReply(const std::string& correlation_id, const std::string& reply_to,
-                                            const switching::TransportNodeHostSwitchesMigrationMsg& reply) {
-  return impl_->Send(__func__, "com.orlane.zem.switching.TransportNodeHostSwitchesMigrationMsg", reply,
-                     correlation_id, reply_to);
+bool ZemaApp::SendToManager(const char* operation, const google::protobuf::MessageLite& message,
+                            const std::string& correlation_id, const std::string& reply_to) {
+  return impl_->Send(operation, ("com." + message.GetTypeName()).c_str(), message, correlation_id, reply_to);
 }
 
 }  // namespace zem::Tarvik

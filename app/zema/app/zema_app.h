@@ -7,6 +7,10 @@
 
 #include "app/zema/core/mpa_message_sender.h"
 
+namespace google::protobuf {
+class MessageLite;
+}
+
 namespace zem {
 class AsioZemProvider;
 class WorkGroup;
@@ -81,6 +85,10 @@ class ZemaApp final : public zema::MpaMessageSender {
 
  private:
   class Impl;
+
+  bool SendToManager(const char* operation, const google::protobuf::MessageLite& message,
+                     const std::string& correlation_id, const std::string& reply_to);
+
   std::unique_ptr<Impl> impl_;
 };
 

@@ -5,14 +5,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 
 #include "framework/log.h"
+#include "platform/core/random.h"
 #include "platform/core/unique_fd.h"
 
 namespace zem::zema {
@@ -58,12 +59,14 @@ std::vector<std::string> read_directory(const std::string& directory, bool direc
 // A file that is half written when the host or the agent dies could not bring its port back, so what is there
 // stays until the new one is whole.  The draft lies a level above the ports, where it is none.
 std::string DraftOf(const std::string& path) {
-  static std::atomic<uint32_t> number{0};
   const size_t switch_end = path.rfind('/');
   const size_t folder_end =
       switch_end == std::string::npos || switch_end == 0 ? switch_end : path.rfind('/', switch_end - 1);
   const std::string folder = folder_end == std::string::npos ? "." : path.substr(0, folder_end);
-  return folder + "/." + std::to_string(::getpid()) + "-" + std::to_string(number++) + ".tmp";
+  char name[32];
+  // While a VM moves two hosts may write here, so nothing that they could have in common names the draft.
+  std::snprintf(name, sizeof(name), "/.%016llx.tmp", static_cast<unsigned long long>(RandomNumber()));
+  return folder + name;
 }
 
 // 0, or the result of WritePortFile.
