@@ -135,6 +135,24 @@ void WaitForEnd(DaemonProcess& daemon, const Arguments& arguments, const Reply& 
   });
 }
 
+// A manager that comes again is what makes the daemon compare at once; the proxy's end is how it notices.
+void ResyncNow(Manager& manager, const LogSink& log, const HostState& host, const Arguments& arguments,
+               const Reply& reply) {
+  const double seconds = arguments.size() > 1 ? Seconds(arguments[1]).value_or(60) : 60;
+  if (arguments[0] != "now") return reply.Fail("now");
+  InBackground([&manager, &log, &host, seconds, reply] {
+    const uint64_t begin = log.last_number();
+    if (manager.proxy_running()) manager.StopProxy();
+    manager.StartProxy();
+    const auto woken =
+        log.Wait("Resync woken up before timeout by mpa reconnect", begin, ToDuration(seconds));
+    if (!woken || !log.Wait("Resetting resyncInProgress 0 flag", woken->number, ToDuration(seconds))) {
+      return reply.Fail("there was no resync");
+    }
+    reply.Ok(host.ResyncRuns(1));
+  });
+}
+
 void ReadNodeFile(const Arguments& arguments, const Reply& reply) {
   std::ifstream in(arguments[0], std::ios::binary);
   if (!in) return reply.Fail(arguments[0] + ": " + std::strerror(errno));
@@ -376,6 +394,12 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
          if (all) view.most = std::numeric_limits<size_t>::max();
          reply.Ok(Json(cJSON_CreateString(DrawNode(view).c_str())));
        }});
+  table.Register({"resync", "now [SECONDS]",
+                  "Lets the manager's proxy go and come, so that the daemon compares host and ports, and "
+                  "waits for the round; shows what its script said.",
+                  1, 2, [n](const Arguments& arguments, const Reply& reply) {
+                    ResyncNow(*n->manager_, *n->log_, n->host_state_, arguments, reply);
+                  }});
   RegisterCorvdCommands(table, *n->host_management_);
   RegisterEdgeCommands(table, n->edge_);
   table.Register({"daemon/start", "", "Starts the daemon.", 0, 0, [n](const Arguments&, const Reply& reply) {

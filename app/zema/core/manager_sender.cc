@@ -185,6 +185,7 @@ bool ManagerSender::SendVIFRestoreResponse(const RestoreResponse& response) {
   vif->set_logical_port_id(response.port_id);
   vif->set_operation_id(response.message_id);
   vif->set_host_id(response.host_id);
+  vif->set_gcf_path(response.gcf_path);
   vif->set_state(response.state);
   if (!response.error.empty()) vif->set_error_text(response.error);
   for (int left = kRestoreTries - 1; left >= 0; --left) {

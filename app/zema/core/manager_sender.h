@@ -51,6 +51,7 @@ class ManagerSender final : public VifSender {
     std::string host_id;
     std::string state;
     std::string error;
+    std::string gcf_path;
   };
   /// Up to four tries.
   bool SendVIFRestoreResponse(const RestoreResponse& response);

@@ -145,6 +145,9 @@ uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string
 uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string& property,
                                        std::string_view bytes, uint32_t flags) {
   if (!Usable(nullptr)) return kSwitchNotLoaded;
+  // What rises while the rest is still down is told "down" again: the switch is not written to for that.
+  LibraryBuffer before;
+  if (library_.HostPropGet(dvs, property.c_str(), &before) == 0 && before.bytes() == bytes) return 0;
   const uint32_t result = library_.HostPropSet(dvs, property.c_str(), bytes, flags);
   if (result != 0) {
     ZLOG_ERROR("ERR_PORTSET_FAILED", "Failed to set [%s] on dvs [%s]: %s", property.c_str(), dvs.c_str(),

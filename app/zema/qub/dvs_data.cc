@@ -27,14 +27,19 @@ uint32_t DvsData::Serialize(LibraryBuffer* bytes) const {
 }
 
 std::optional<std::string_view> DvsData::Text(std::string_view name) const {
+  const auto bytes = Bytes(name);
+  if (!bytes) return std::nullopt;
+  return bytes->substr(0, bytes->find('\0'));
+}
+
+std::optional<std::string_view> DvsData::Bytes(std::string_view name) const {
   const SwitchLibrary::Calls& calls = library_.calls();
   for (DVSDataItem* item = calls.data_next(data_, nullptr); item != nullptr;
        item = calls.data_next(data_, item)) {
     if (name != calls.data_name(item)) continue;
     uint32_t length = 0;
     const auto* const bytes = static_cast<const char*>(calls.data_data(item, &length));
-    const std::string_view value(bytes, length);
-    return value.substr(0, value.find('\0'));
+    return std::string_view(bytes, length);
   }
   return std::nullopt;
 }

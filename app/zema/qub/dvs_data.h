@@ -32,6 +32,8 @@ class DvsData {
   uint32_t Serialize(LibraryBuffer* bytes) const;
   /// The text of a property, valid while the list does not change; nothing when it is not there.
   std::optional<std::string_view> Text(std::string_view name) const;
+  /// The whole value, whatever is in it.
+  std::optional<std::string_view> Bytes(std::string_view name) const;
 
  private:
   const SwitchLibrary& library_;

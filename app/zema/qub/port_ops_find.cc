@@ -118,6 +118,8 @@ bool PortOpsManager::FindOnSwitches(const std::string& vif, const std::string& l
       *found = std::move(matching.front());
       return true;
     }
+    // All its ports are known, and are of other networks: the second half of a move.
+    if (matching.empty() && !holders->empty()) return false;
   }
   // Of several, the first of the walk is meant.
   auto matching = OfNetwork(WalkForVif(vif), ls, "");

@@ -1,6 +1,7 @@
 #include "app/zema/qub/port_ops_manager.h"
 
 #include <algorithm>
+#include <cstring>
 #include <set>
 
 #include "app/zema/qub/dvs_data.h"
@@ -272,9 +273,32 @@ std::string PortOpsManager::PersistPath(const std::string& dvs, const std::strin
 int PortOpsManager::SaveAgain(const char* operation, const std::string& dvs, const std::string& port) {
   const std::string path = PersistPath(dvs, port);
   if (path.empty()) return 0;
+  if (IsOfAnotherHost(path, dvs, port)) {
+    ZLOG_INFO("[PortOp] %s: the file of port [%s] is the one of the host that its VM has gone to", operation,
+              port.c_str());
+    return 0;
+  }
   if (SavePortDataFile(path, dvs, port) == 0) return 0;
   ZLOG_ERROR("44212", "[PortOp] %s: Error saving port file for port:[%s]", operation, port.c_str());
   return -1;
+}
+
+// Both hosts of a VM that moves see its folder, and the port may bear the same name on both.  Who has made it
+// last has the younger cookie; a file older than the port is one that this host could not finish.
+bool PortOpsManager::IsOfAnotherHost(const std::string& path, const std::string& dvs,
+                                     const std::string& port) const {
+  std::string bytes;
+  DvsData file(library_);
+  if (ReadPortFile(path, &bytes) != 0 || file.Deserialize(bytes) != 0) return false;
+  const auto cookie = [](std::string_view value) {
+    uint32_t seconds = 0;
+    if (value.size() == sizeof(seconds)) std::memcpy(&seconds, value.data(), sizeof(seconds));
+    return seconds;
+  };
+  LibraryBuffer own;
+  const auto theirs = file.Bytes(port_props::kConnectId);
+  if (!theirs || library_.PortDataGet(dvs, port, port_props::kConnectId, &own) != 0) return false;
+  return cookie(*theirs) > cookie(own.bytes());
 }
 
 int PortOpsManager::SavePortDataFile(const std::string& path, const std::string& dvs,

@@ -153,7 +153,8 @@ class PortOpsManager {
                   const std::map<std::string, std::string>& extra_configs, std::string* error);
   /// Empty when the port has no file.
   std::string PersistPath(const std::string& dvs, const std::string& port) const;
-  /// Saves it where it is saved already; nothing for a port without file.
+  bool IsOfAnotherHost(const std::string& path, const std::string& dvs, const std::string& port) const;
+  /// Saves it where it is saved already; nothing for a port without file, or whose file is another host's.
   int SaveAgain(const char* operation, const std::string& dvs, const std::string& port);
   bool FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found);
   bool RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,

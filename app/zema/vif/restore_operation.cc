@@ -74,7 +74,7 @@ void RestoreVif(VifContext& context, VifRequest& request) {
   const bool security = request.spec && request.spec->init_state == kSecurityOnly;
   const bool done = security ? TieSecurityOnlyPort(context, request) : RestorePort(context, request);
   context.send_restore_response({request.op_id, request.vif_id, request.ls_id, request.port_id, *host_id,
-                                 done ? request.state_text : kFailed, request.error_text});
+                                 done ? request.state_text : kFailed, request.error_text, request.gcf_path});
 }
 
 }  // namespace zem::zema

@@ -1,3 +1,4 @@
+#include "app/zema/qub/port_file.h"
 #include "app/zema/vif/precreated_port_maker.h"
 #include "tests/app/zema/vif/vif_host_test.h"
 
@@ -115,6 +116,31 @@ TEST_F(VifDetachTest, ManagerTakesTheAttachmentAway) {
   EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-1"));
 }
 
+// The VM runs on another host by now, which sees the same folder and has made the port of the same name.
+TEST_F(VifDetachTest, FileOfTheHostThatTheVmHasGoneToStays) {
+  const std::string file = PortFile("vm1", kOverlay, "lp-1");
+  std::string before;
+  ASSERT_EQ(ReadPortFile(file, &before), 0);
+  const auto cookie = [&](const char* bytes) {
+    ASSERT_EQ(library.PortDataSet(kOverlay, "lp-1", port_props::kConnectId, bytes), 0U);
+  };
+  cookie("\1\1\1\1");
+  road.script.push_back(Detached("lp-1", kVif));
+  EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
+  std::string after;
+  ASSERT_EQ(ReadPortFile(file, &after), 0);
+  EXPECT_EQ(after, before);
+
+  // One that was not finished here is this host's all the same.
+  Attach(kVif, "lp-1");
+  cookie("\xff\xff\xff\x7f");
+  road.script.push_back(Detached("lp-1", kVif));
+  EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
+  ASSERT_EQ(ReadPortFile(file, &after), 0);
+  EXPECT_NE(after, before);
+}
+
 TEST_F(VifDetachTest, ManagerWantsAPortBack) {
   VifRequest request = Request(VifRequest::kRestore);
   request.state_text = "ACTIVE";
@@ -144,6 +170,7 @@ TEST_F(VifDetachTest, ManagerWantsAPortBack) {
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kLogicalPortId), "lp-5");
   ASSERT_THAT(restored, SizeIs(3));
   EXPECT_EQ(restored[0].state, "ACTIVE");
+  EXPECT_EQ(restored[0].gcf_path, Vm("vm1"));
   EXPECT_EQ(restored[1].state, "FAILED");
   EXPECT_THAT(restored[1].error, HasSubstr("Could not find port"));
   EXPECT_EQ(restored[2].state, "SECURED");
