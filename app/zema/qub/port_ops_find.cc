@@ -217,6 +217,20 @@ bool PortOpsManager::RestorePort(const std::string& dvs, const std::string& port
   return true;
 }
 
+// A port that the VM left behind when it went, while the file that came back with it has the VIF.
+bool PortOpsManager::TakeLeftOver(const PortFileEntry& file, const std::string& dvs, const std::string& vif,
+                                  const std::string& ls) {
+  LibraryBuffer own;
+  std::string bytes;
+  DvsData data(library_);
+  if (library_.PortDataGet(dvs, file.port, port_props::kExternalId, &own) != kSwitchNotFound ||
+      ReadPortFile(file.path, &bytes) != 0 || data.Deserialize(bytes) != 0) {
+    return false;
+  }
+  return data.Text(port_props::kExternalId) == vif && data.Text(port_props::kOpaqueNetworkId) == ls &&
+         library_.PortRemove(dvs, file.port) == 0;
+}
+
 // The port is wanted for what is written on it.  It may come from a switch that this host has not, so all
 // files are tried on the switch of the zone; what is not the port, and was not there before, goes again.
 int PortOpsManager::FindPortToFetchVMTags(const std::string& vif, const std::string& ls,
@@ -231,7 +245,7 @@ int PortOpsManager::FindPortToFetchVMTags(const std::string& vif, const std::str
     return -1;
   }
   for (const PortFileEntry& file : PortFilesOf(*directory)) {
-    const bool there = library_.PortFind(dvs, file.port) == 0;
+    const bool there = library_.PortFind(dvs, file.port) == 0 && !TakeLeftOver(file, dvs, vif, ls);
     if (!there && !RestorePort(dvs, file.port, file.path)) continue;
     const Same network = Compare(library_, dvs, file.port, port_props::kOpaqueNetworkId, ls);
     const Same id = Compare(library_, dvs, file.port, port_props::kExternalId, vif);

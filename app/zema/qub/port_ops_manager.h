@@ -21,6 +21,7 @@ class LumCommands;
 class SwitchLibrary;
 class VifIndex;
 struct PortConfigSpec;
+struct PortFileEntry;
 struct VifRequest;
 
 /// A switch as a transport zone has it; empty texts for none.
@@ -159,6 +160,8 @@ class PortOpsManager {
   bool FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found);
   bool RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,
                         PortLocation* found);
+  bool TakeLeftOver(const PortFileEntry& file, const std::string& dvs, const std::string& vif,
+                    const std::string& ls);
   bool RestorePort(const std::string& dvs, const std::string& port, const std::string& file);
   /// The ports that hold the VIF, in the order of the walk, which also renews the index.
   std::vector<PortLocation> WalkForVif(const std::string& vif);

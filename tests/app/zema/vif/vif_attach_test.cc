@@ -201,6 +201,27 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   EXPECT_EQ(road.updates[2].port_id, "lp-6");
   EXPECT_THAT(road.updates[2].site_configs, ElementsAre(testing::Pair(kStale, "red")));
   EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-6"));
+
+  // On this host itself the port before stays: the VM is still connected with it.
+  moved = Moved(Port("lp-7"), "lp-6", "z1", kLs);
+  moved.init_state = "PENDING_CONF";
+  road.script.push_back(moved);
+  EXPECT_EQ(Done(Request(VifRequest::kAttach, "vif-5", kLs, "vm5")).error_text, "");
+  EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-6", "lp-7"));
+  Attach("vif-5", "lp-6", "z1", kLs, "vm5");
+
+  // It comes back to the port that it once left here, with what was written on it elsewhere.
+  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-6", kStale, "green"), 0);
+  ASSERT_EQ(ports.SavePortDataFile(PortFile("vm5", kOverlay, "lp-6"), kOverlay, "lp-6"), 0);
+  ASSERT_EQ(library.PortDataClear(kOverlay, "lp-6", port_props::kExternalId), 0U);
+  ASSERT_EQ(library.PortDataClear(kOverlay, "lp-6", kStale), 0U);
+  moved = Moved(Port("lp-6"), "lp-6", "z8", kLs);
+  moved.init_state = "PENDING_CONF";
+  road.script.push_back(moved);
+  EXPECT_EQ(Done(Request(VifRequest::kAttach, "vif-5", kLs, "vm5")).error_text, "");
+  ASSERT_THAT(road.updates, SizeIs(4));
+  EXPECT_THAT(road.updates[3].site_configs, ElementsAre(testing::Pair(kStale, "green")));
+  EXPECT_EQ(VifOf(kOverlay, "lp-6"), "vif-5");
 }
 
 }  // namespace
