@@ -3,6 +3,7 @@
 #include <cjson/cJSON.h>
 
 #include <algorithm>
+#include <boost/regex.hpp>
 #include <charconv>
 #include <iomanip>
 #include <istream>
@@ -92,10 +93,16 @@ std::optional<Condition> ParseCondition(const std::string& text) {
   return condition;
 }
 
+// An answer may be long: std::regex would take a part of the stack for each of its characters.
+bool Matches(const std::string& text, const std::string& pattern) {
+  return boost::regex_search(text, boost::regex(pattern),
+                             boost::match_single_line | boost::match_not_dot_newline);
+}
+
 bool Holds(const std::string& found, const std::string& operation, const std::string& wanted) {
   if (operation == "==") return found == wanted;
   if (operation == "!=") return found != wanted;
-  if (operation == "~") return std::regex_search(found, std::regex(wanted));
+  if (operation == "~") return Matches(found, wanted);
   double left = 0;
   double right = 0;
   if (std::from_chars(found.data(), found.data() + found.size(), left).ec != std::errc()) return false;
