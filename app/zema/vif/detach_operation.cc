@@ -125,6 +125,8 @@ void DetachOperation::CleanUpPriorAttachedPort() {
       wft::WorkflowUtil::StartChildSpan("HandlerThread.CleanUpPriorAttachedPort", wft::kTraceInfo);
   const auto prior = prior_.Take(request_.vif_id, request_.gcf_path);
   if (!prior || prior->new_ls != request_.ls_id) return;
+  // The VIF has come from another host, and never was on another switch.
+  if (prior->old_ls == request_.ls_id) return;
   ZLOG_INFO("[%s] prior vm operation rollack, reset attach the prior port to the vnic...\n", __func__);
   PortAttached back;
   const TimePoint begun = Clock::Process().Now();
@@ -142,7 +144,7 @@ void DetachOperation::CleanUpPriorAttachedPort() {
     ZLOG_ERROR("42004", "[%s] MP_AddVnicAttachment() failed: %s\n", __func__, back.error.c_str());
     return;
   }
-  if (back.port_id.empty() || back.zone_id.empty()) return;
+  if (back.port_id.empty() || back.zone_id.empty() || IsSecurityOnly(prior->old_ls)) return;
   // The vNIC never left the port in the host's eyes, so the host does not ask for it again.
   VifRequest again = request_;
   again.ls_id = prior->old_ls;

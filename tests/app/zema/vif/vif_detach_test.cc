@@ -104,6 +104,19 @@ TEST_F(VifDetachTest, UndoneMoveGivesThePortBeforeBack) {
   EXPECT_THAT(road.asked, SizeIs(1));
 }
 
+// It came from another host, on the same logical switch: its end here undoes no move.
+TEST_F(VifDetachTest, VifFromAnotherHostIsNotTakenBackAtItsEnd) {
+  road.script.push_back(Moved(Port("lp-1"), "lp-1", "z8", kLs));
+  ASSERT_EQ(Done(Request(VifRequest::kAttachToVifUuid)).error_text, "");
+  road.asked.clear();
+  PortAttached left = Port("lp-1");
+  left.vif_id = kVif;
+  road.script.push_back(left);
+  EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
+  EXPECT_THAT(road.asked, SizeIs(1));
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
+}
+
 TEST_F(VifDetachTest, ManagerTakesTheAttachmentAway) {
   VifRequest request = Request(VifRequest::kManagerDetach);
   request.zone_id = "z1";
