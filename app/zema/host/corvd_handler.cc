@@ -90,7 +90,6 @@ void CorvdHandler::EndSources() {
   pool_.Stop();
   if (!resyncs) return;
   vif_handler_->EndWaits();
-  resync_->EndWait();
   resync_->Join();
 }
 

@@ -125,11 +125,6 @@ void ResyncRound::SyncVnicAttachment(const Commands& attachments) {
 template <class Report>
 void ResyncRound::Sync(const Commands& commands, const char* name, int kind, const Report& report) {
   Thread waiter(true, nullptr, 0);
-  const auto publish = [this](Thread* thread) {
-    const std::lock_guard lock(waiter_mutex_);
-    waiter_ = thread;
-  };
-  publish(&waiter);
   for (size_t i = 0; i < commands.size(); ++i) {
     const ResyncCommand& command = commands[i];
     ZLOG_INFO("[%s] %.11s: %s\n", kTag, name, command.text.c_str());
@@ -158,14 +153,6 @@ void ResyncRound::Sync(const Commands& commands, const char* name, int kind, con
       ZLOG_INFO("[%s] synchronized host local attachment [%s] with MP\n", kTag, command.text.c_str());
     }
   }
-  publish(nullptr);
-}
-
-void ResyncRound::EndWait() {
-  const std::lock_guard lock(waiter_mutex_);
-  if (waiter_ == nullptr) return;
-  const MonitorLock monitor(*waiter_);
-  waiter_->Notify();
 }
 
 }  // namespace zem::zema

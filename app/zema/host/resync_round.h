@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,13 +12,12 @@ namespace zem::zema {
 class HealthRecord;
 class HostIdentity;
 class ResyncState;
-class Thread;
 class VifHandler;
 
 /// One comparison of the host with its ports: runs the script that makes it, and carries out what it prints
 /// as operations on VIFs.  What the host itself asked for meanwhile is newer and stands.
 ///
-/// Threads: Run by one; EndWait from any.
+/// Threads: one.
 class ResyncRound {
  public:
   static constexpr const char* kScript = "/usr/lib64/orlane/zem-tarvik/pylum/zema/resync.py";
@@ -42,9 +40,6 @@ class ResyncRound {
   /// `interval` in seconds: how far back the look at the VMs goes.  `limit`: for the script.
   void Resync(int interval, bool vm_check, Duration limit);
 
-  /// Wakes an operation that waits for the manager.
-  void EndWait();
-
  private:
   using Commands = std::vector<ResyncCommand>;
 
@@ -58,8 +53,6 @@ class ResyncRound {
   void Sync(const Commands& commands, const char* name, int kind, const Report& report);
 
   const Settings settings_;
-  std::mutex waiter_mutex_;  // guards waiter_
-  Thread* waiter_ = nullptr;
 };
 
 }  // namespace zem::zema

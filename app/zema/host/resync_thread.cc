@@ -80,12 +80,7 @@ ResyncThread::ResyncThread(Settings settings, VifHandler& vif_handler)
   if (!stop_event_) throw Exception("eventfd", errno);
 }
 
-ResyncThread::~ResyncThread() {
-  if (ThreadId() == kNotStarted) return;
-  Stop();
-  EndWait();
-  Join();
-}
+ResyncThread::~ResyncThread() { StopAndJoin(); }
 
 void ResyncThread::Stop() {
   {
@@ -211,6 +206,8 @@ void ResyncThread::Compare(const RealizationOptions& options, int interval) {
     round_.Resync(span, vm_check, std::max<Duration>(std::chrono::seconds(interval), settings_.script_limit));
   } catch (const std::exception& e) {
     ZLOG_ERROR("42044", "[%s] resync caught exception: %s\n", kTag, e.what());
+  } catch (...) {
+    ZLOG_ERROR("42044", "[%s] resync caught Unknown Exception\n", kTag);
   }
   ZLOG_INFO("[%s] resync of vif attachment/detachment to MP, took [%ld] sec\n", kTag,
             static_cast<long>((Clock::Process().Now() - begin) / std::chrono::seconds(1)));

@@ -40,10 +40,8 @@ class ResyncThread final : public Thread {
   ~ResyncThread() override;
 
   void Run() override;
-  /// Ends a script and every wait but an operation's for the manager.
+  /// Ends a script and every wait but an operation's for the manager, which the VIF handler ends.
   void Stop() override;
-  /// After Stop: ends that one too, once the operation lets itself be woken.
-  void EndWait() { round_.EndWait(); }
 
   /// False on a host whose load is simulated: nothing there is the host's own.
   bool Wanted() const;

@@ -52,9 +52,6 @@ void HostConfigTaskQub::Run() {
   HostConfigTask::Run();
   SetThreadName(kThreadName);
   context_->ports.CacheTzToDvsMapping();
-  // The host may have moved interfaces together with their ports.  What cannot be read is read again by who
-  // needs it.
-  static_cast<void>(context_->ports.RefreshVifIndex());
   ScheduleFollowUps();
 }
 

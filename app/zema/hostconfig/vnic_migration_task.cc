@@ -6,7 +6,6 @@
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/interface_request.h"
-#include "app/zema/qub/port_ops_manager.h"
 #include "app/zema/qub/vif_request.h"
 #include "framework/log.h"
 #include "platform/core/thread_name.h"
@@ -40,11 +39,7 @@ void VnicMigrationTask::Run() {
   } catch (...) {
     Refuse("VnicMigrationTask failed with unknown error");
   }
-  if (processed_) {
-    SaveMigrationResult(settings_.result_file, result_, Errors());
-    // As behind a configuration.
-    static_cast<void>(context().ports.RefreshVifIndex());
-  }
+  if (processed_) SaveMigrationResult(settings_.result_file, result_, Errors());
   ZLOG_INFO("VnicMigrationTask ended");
 }
 
