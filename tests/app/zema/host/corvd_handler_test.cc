@@ -15,7 +15,7 @@
 #include "platform/core/clock.h"
 #include "platform/core/thread.h"
 #include "sim/node/host_management.h"
-#include "tests/app/zema/host/no_publisher.h"
+#include "tests/app/zema/core/no_publisher.h"
 #include "tests/app/zema/host/recording_vif_handler.h"
 #include "tests/support/temp_dir.h"
 

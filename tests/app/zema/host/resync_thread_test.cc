@@ -12,7 +12,7 @@
 #include "app/zema/host/vif_handler.h"
 #include "app/zema/qub/vif_request.h"
 #include "platform/core/virtual_clock.h"
-#include "tests/app/zema/host/no_publisher.h"
+#include "tests/app/zema/core/no_publisher.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process_end.h"
 #include "tests/support/temp_dir.h"

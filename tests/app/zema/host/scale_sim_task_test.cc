@@ -5,7 +5,7 @@
 
 #include "app/zema/core/host_identity.h"
 #include "app/zema/qub/vif_request.h"
-#include "tests/app/zema/host/no_publisher.h"
+#include "tests/app/zema/core/no_publisher.h"
 #include "tests/support/log_capture.h"
 
 namespace zem::zema {

@@ -5,6 +5,7 @@
 #include "app/zema/core/health_record.h"
 #include "app/zema/core/zem_manager.h"
 #include "app/zema/covedb/config_files.h"
+#include "tests/app/zema/core/no_publisher.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/app/zema/qub/fake_lum_commands.h"
 #include "tests/support/temp_dir.h"
@@ -13,16 +14,6 @@ namespace zem::zema {
 namespace {
 
 using orlane::zem::switching::MaintenanceModeConfigMsg;
-
-class NoPublisher : public HealthPublisher {
- public:
-  bool SetProperty(const std::string&, const std::string&, const void*, size_t, uint32_t,
-                   std::string*) override {
-    return true;
-  }
-  bool RemoveProperty(const std::string&, const std::string&, std::string*) override { return true; }
-  bool SecurityOnly() override { return false; }
-};
 
 class NoVifs : public VifSender {
  public:

@@ -24,6 +24,7 @@
 #include "app/zema/qub/switch_library.h"
 #include "app/zema/qub/vif_request.h"
 #include "platform/core/virtual_clock.h"
+#include "tests/app/zema/core/no_publisher.h"
 #include "tests/app/zema/qub/fake_lum_commands.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
@@ -225,16 +226,6 @@ TEST(MigrationFileTest, AFileWithoutAnIdGetsOneAndKeepsTheRest) {
   EXPECT_EQ(large.Load(&request, &error), Read::kUnreadable);
   EXPECT_EQ(error, large.path() + " json_parser_error: File too large");
 }
-
-class NoPublisher : public HealthPublisher {
- public:
-  bool SetProperty(const std::string&, const std::string&, const void*, size_t, uint32_t,
-                   std::string*) override {
-    return true;
-  }
-  bool RemoveProperty(const std::string&, const std::string&, std::string*) override { return true; }
-  bool SecurityOnly() override { return false; }
-};
 
 class VnicMigrationTaskTest : public ::testing::Test {
  protected:
