@@ -3,12 +3,12 @@
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
 
-#include <charconv>
 #include <optional>
 
 #include "proto/lcp/lcp.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/hex.h"
+#include "sim/control/number.h"
 #include "sim/dataplane/dataplane_agent.h"
 
 namespace zem::sim {
@@ -19,10 +19,8 @@ using orlane::zem::lcp::LcpDpMsg;
 constexpr uint8_t kFragmentBit = 0x80;
 
 std::optional<uint32_t> Number(const std::string& text, uint32_t most) {
-  uint32_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size() || number > most) return std::nullopt;
-  return number;
+  const auto number = NumberOf<uint32_t>(text);
+  return number && *number <= most ? number : std::nullopt;
 }
 
 // A frame around `body`, with what the options say in place of the true header.  Empty with `error` set when

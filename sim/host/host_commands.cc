@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +12,7 @@
 
 #include "sim/control/command_options.h"
 #include "sim/control/command_table.h"
+#include "sim/control/number.h"
 #include "sim/host/host_state.h"
 
 namespace zem::sim {
@@ -42,13 +42,6 @@ constexpr Fault kFaults[] = {
     {"hang", "hang", ""},
 };
 
-std::optional<int> Number(const std::string& text) {
-  int number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size() || number < 0) return std::nullopt;
-  return number;
-}
-
 // The pattern of a command's name, or of "op N".
 std::string PatternOf(const std::string& what) {
   if (what.starts_with("op ")) return "^" + what + "$";
@@ -58,7 +51,7 @@ std::string PatternOf(const std::string& what) {
 std::vector<pid_t> Processes() {
   std::vector<pid_t> found;
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    const std::optional<int> pid = Number(entry.path().filename().string());
+    const auto pid = NumberOf<pid_t>(entry.path().filename().string());
     if (!pid) continue;
     std::string name;
     std::getline(std::ifstream(entry.path() / "comm"), name);
@@ -77,8 +70,8 @@ void AddFault(const HostState& state, const Arguments& arguments, const Reply& r
   if (fault == std::end(kFaults)) return reply.Fail("no fault \"" + name + "\"");
   const bool has_value = options.positional().size() > 2;
   if (!has_value && fault->value == nullptr) return reply.Fail(name + " needs a value");
-  const auto skip = Number(options.Value("--skip").value_or("0"));
-  const auto count = Number(options.Value("--count").value_or("1"));
+  const auto skip = NumberOf<unsigned>(options.Value("--skip").value_or("0"));
+  const auto count = NumberOf<unsigned>(options.Value("--count").value_or("1"));
   if (!skip || !count || *count == 0) return reply.Fail("--skip and --count take numbers");
   const std::string value = has_value ? options.Rest(2) : fault->value;
   if (value.find_first_of("\t\n") != std::string::npos)
@@ -112,14 +105,14 @@ void Show(const HostState& state, const Arguments& arguments, const Reply& reply
 }
 
 void ShowFrames(const HostState& state, const Arguments& arguments, const Reply& reply) {
-  const auto count = Number(arguments.empty() ? "20" : arguments[0]);
+  const auto count = NumberOf<unsigned>(arguments.empty() ? "20" : arguments[0]);
   if (!count) return reply.Fail("how many?");
   reply.Ok(state.Frames(static_cast<size_t>(*count), arguments.size() > 1 ? arguments[1] : std::string()));
 }
 
 void ShowRuns(const char* name, Json (HostState::*read)(size_t) const, const HostState& state,
               const Arguments& arguments, const Reply& reply) {
-  const auto count = Number(arguments.empty() ? "20" : arguments[0]);
+  const auto count = NumberOf<unsigned>(arguments.empty() ? "20" : arguments[0]);
   if (!count) return reply.Fail("how many?");
   Json runs = (state.*read)(static_cast<size_t>(*count));
   Json result = JsonObject();
@@ -129,7 +122,7 @@ void ShowRuns(const char* name, Json (HostState::*read)(size_t) const, const Hos
 }
 
 void SetReload(const HostState& state, const Arguments& arguments, const Reply& reply) {
-  const auto code = Number(arguments[0]);
+  const auto code = NumberOf<unsigned>(arguments[0]);
   if (!code || *code > 255) return reply.Fail("no exit code: " + arguments[0]);
   state.SetReload(*code, arguments.size() > 1 ? arguments[1] : "");
   reply.Ok();
@@ -147,7 +140,7 @@ void Kill(const Reply& reply) {
 }
 
 void SetStart(const HostState& state, const Arguments& arguments, const Reply& reply) {
-  const auto polls = Number(arguments.size() > 1 ? arguments[1] : "0");
+  const auto polls = NumberOf<unsigned>(arguments.size() > 1 ? arguments[1] : "0");
   if (arguments[0] != "Uninitialized" && arguments[0] != "ready" && arguments[0] != "never") {
     return reply.Fail("Uninitialized, ready or never");
   }

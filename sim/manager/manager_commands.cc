@@ -1,7 +1,6 @@
 #include "sim/manager/manager_commands.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <optional>
@@ -9,17 +8,11 @@
 
 #include "platform/core/uuid.h"
 #include "sim/control/command_options.h"
+#include "sim/control/number.h"
 #include "sim/manager/manager.h"
 
 namespace zem::sim {
 namespace {
-
-std::optional<int64_t> Number(const std::string& text) {
-  int64_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return number;
-}
 
 Json AphJson(const std::string& id, bool master) {
   Json item = JsonObject();
@@ -50,7 +43,7 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
   request.with_header = !options.Has("--no-header");
   request.publish = options.Has("--publish");
   if (const auto timeout = options.Value("--timeout")) {
-    const auto seconds = Number(*timeout);
+    const auto seconds = NumberOf<int64_t>(*timeout);
     if (!seconds || *seconds <= 0) return reply.Fail("not a number of seconds: " + *timeout);
     request.timeout = std::chrono::seconds(*seconds);
   }
@@ -85,7 +78,7 @@ void ReceivedCommand(const Manager& manager, const Arguments& arguments, const R
   const std::string vertical = !arguments.empty() && arguments[0] != "all" ? arguments[0] : "";
   uint64_t after = 0;
   if (arguments.size() > 1) {
-    const auto number = Number(arguments[1]);
+    const auto number = NumberOf<int64_t>(arguments[1]);
     if (!number || *number < 0) return reply.Fail("not a number: " + arguments[1]);
     after = static_cast<uint64_t>(*number);
   }
@@ -122,7 +115,7 @@ void Answer(Manager& manager, const Arguments& arguments, const Reply& reply) {
   if (kind == "serve") {
     rule.kind = AnswerRule::Kind::kServe;
   } else if (kind == "status") {
-    const auto status = words.size() > 3 ? Number(words[3]) : std::nullopt;
+    const auto status = words.size() > 3 ? NumberOf<int64_t>(words[3]) : std::nullopt;
     if (!status || *status == 0) return reply.Fail("a status other than 0 is needed");
     rule.kind = AnswerRule::Kind::kStatus;
     rule.status = static_cast<int>(*status);
@@ -138,9 +131,10 @@ void Answer(Manager& manager, const Arguments& arguments, const Reply& reply) {
   } else {
     return reply.Fail("unknown kind " + kind + "; one of serve, status, never, garbage, wrong-type, text");
   }
-  if (const auto count = options.Value("--count")) rule.count = static_cast<int>(Number(*count).value_or(1));
+  if (const auto count = options.Value("--count"))
+    rule.count = static_cast<int>(NumberOf<int64_t>(*count).value_or(1));
   if (const auto delay = options.Value("--delay-ms")) {
-    rule.delay = std::chrono::milliseconds(Number(*delay).value_or(0));
+    rule.delay = std::chrono::milliseconds(NumberOf<int64_t>(*delay).value_or(0));
   }
   if (words[0] != "all" && FindManagerVertical(words[0]) == nullptr)
     return reply.Fail("no vertical " + words[0]);
@@ -266,7 +260,7 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
                   }});
   table.Register({"proxy/end-subscriptions", "STATUS", "Ends the subscriptions to the list of APHs.", 1, 1,
                   [m](const Arguments& arguments, const Reply& reply) {
-                    const auto status = Number(arguments[0]);
+                    const auto status = NumberOf<int64_t>(arguments[0]);
                     const auto proxy = m->proxy();
                     if (!status || !proxy) return reply.Fail("no status, or no proxy");
                     proxy->EndSubscriptions(static_cast<int>(*status));
@@ -277,7 +271,8 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
                     const auto proxy = m->proxy();
                     if (!proxy) return reply.Fail("the proxy does not run");
                     std::optional<int> status;
-                    if (arguments[0] != "off") status = static_cast<int>(Number(arguments[0]).value_or(13));
+                    if (arguments[0] != "off")
+                      status = static_cast<int>(NumberOf<int64_t>(arguments[0]).value_or(13));
                     proxy->RefuseSubscriptions(status);
                     reply.Ok();
                   }});

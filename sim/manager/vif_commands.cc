@@ -1,7 +1,6 @@
 #include "sim/manager/vif_commands.h"
 
 #include <array>
-#include <charconv>
 #include <limits>
 #include <optional>
 
@@ -9,6 +8,7 @@
 #include "proto/switching/vif.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/command_table.h"
+#include "sim/control/number.h"
 #include "sim/manager/manager.h"
 #include "sim/manager/vif_table.h"
 
@@ -40,13 +40,6 @@ struct RuleOf {
 };
 constexpr std::array kOf = {RuleOf{"any", VifRule::Of::kAny}, RuleOf{"attach", VifRule::Of::kAttach},
                             RuleOf{"detach", VifRule::Of::kDetach}};
-
-std::optional<int64_t> Number(const std::string& text) {
-  int64_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return number;
-}
 
 std::string VifOf(const std::string& word) { return word == kAll ? std::string() : word; }
 
@@ -151,8 +144,8 @@ void Answer(VifTable& vifs, const Arguments& arguments, const Reply& reply) {
   rule.kind = kind->kind;
   rule.text = options.Rest(3);
   if (rule.kind == VifRule::Kind::kError && rule.text.empty()) return reply.Fail("an error needs a text");
-  const auto count = Number(options.Value("--count").value_or("-1"));
-  const auto delay = Number(options.Value("--delay-ms").value_or("0"));
+  const auto count = NumberOf<int64_t>(options.Value("--count").value_or("-1"));
+  const auto delay = NumberOf<int64_t>(options.Value("--delay-ms").value_or("0"));
   if (!count || *count == 0 || !delay || *delay < 0) return reply.Fail("--count and --delay-ms take numbers");
   rule.count = static_cast<int>(*count);
   rule.delay = std::chrono::milliseconds(*delay);
@@ -181,7 +174,7 @@ void Extras(VifTable& vifs, const Arguments& arguments, const Reply& reply) {
 }
 
 void Messages(const VifTable& vifs, const Arguments& arguments, const Reply& reply) {
-  const auto after = Number(arguments.size() > 1 ? arguments[1] : "0");
+  const auto after = NumberOf<int64_t>(arguments.size() > 1 ? arguments[1] : "0");
   if (!after || *after < 0) return reply.Fail("not a number: " + arguments[1]);
   const std::string vif = arguments.empty() ? "" : VifOf(arguments[0]);
   Listed(vifs.Records(vif, static_cast<uint64_t>(*after)), RecordJson, reply);

@@ -3,7 +3,6 @@
 #include <google/protobuf/text_format.h>
 
 #include <atomic>
-#include <charconv>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -14,6 +13,7 @@
 #include "sim/control/command_options.h"
 #include "sim/control/command_table.h"
 #include "sim/control/hex.h"
+#include "sim/control/number.h"
 #include "sim/node/host_management.h"
 #include "sim/node/raw_sockets.h"
 
@@ -27,8 +27,9 @@ constexpr const char* kVnicSocket = "/etc/orlane/zemaVifDvp";
 bool TakeNumber(const CommandOptions& options, const char* name, uint32_t* number) {
   const auto text = options.Value(name);
   if (!text) return true;
-  const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), *number);
-  return error == std::errc() && end == text->data() + text->size();
+  const auto read = NumberOf<uint32_t>(*text);
+  if (read) *number = *read;
+  return read.has_value();
 }
 
 void Show(const HostManagement& daemon, const Reply& reply) {
@@ -80,12 +81,11 @@ void Control(HostManagement& daemon, const Arguments& arguments, const Reply& re
   const std::string word = arguments.empty() ? "" : arguments[0];
   if (word == "restart") {
     const std::string text = arguments.size() > 1 ? arguments[1] : "1";
-    uint32_t seconds = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-    if (error != std::errc() || end != text.data() + text.size()) return reply.Fail("no number: " + text);
+    const auto seconds = NumberOf<uint32_t>(text);
+    if (!seconds) return reply.Fail("no number: " + text);
     Thread::Options options;
     options.detached = true;
-    const Thread started(std::move(options), [&daemon, seconds, reply] {
+    const Thread started(std::move(options), [&daemon, seconds = *seconds, reply] {
       daemon.Stop();
       SleepFor(std::chrono::seconds(seconds));
       daemon.Start();
@@ -104,12 +104,8 @@ void Control(HostManagement& daemon, const Arguments& arguments, const Reply& re
 void Burst(HostManagement& daemon, const Arguments& arguments, const Reply& reply) {
   constexpr uint32_t kIgnored = 9;
   constexpr uint32_t kMost = 100000;
-  uint32_t count = 0;
-  const std::string& text = arguments[0];
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
-  if (error != std::errc() || end != text.data() + text.size() || count == 0 || count > kMost) {
-    return reply.Fail("how many?");
-  }
+  const uint32_t count = NumberOf<uint32_t>(arguments[0]).value_or(0);
+  if (count == 0 || count > kMost) return reply.Fail("how many?");
   static std::atomic<uint64_t> bursts{0};
   const std::string stem = "burst-" + std::to_string(++bursts) + "-";
   Thread::Options options;

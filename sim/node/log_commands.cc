@@ -1,12 +1,12 @@
 #include "sim/node/log_commands.h"
 
 #include <array>
-#include <charconv>
 #include <optional>
 #include <regex>
 
 #include "platform/core/thread.h"
 #include "sim/control/command_options.h"
+#include "sim/control/number.h"
 #include "sim/node/log_sink.h"
 
 namespace zem::sim {
@@ -18,10 +18,8 @@ constexpr int kFirstLocal = 16;
 constexpr std::array kSeverities = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
 
 double Number(const std::string& text, double otherwise) {
-  double number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  const bool sound = error == std::errc() && end == text.data() + text.size() && number >= 0;
-  return sound ? number : otherwise;
+  const auto number = NumberOf<double>(text);
+  return number && *number >= 0 ? *number : otherwise;
 }
 
 double NumberAt(const Arguments& arguments, size_t index, double otherwise) {

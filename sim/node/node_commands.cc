@@ -9,7 +9,6 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -26,6 +25,7 @@
 #include "proto/switching/switching.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/hex.h"
+#include "sim/control/number.h"
 #include "sim/node/corvd_commands.h"
 #include "sim/node/edge_commands.h"
 #include "sim/node/health_caller.h"
@@ -47,10 +47,8 @@ constexpr const char* kFiller = ".filler";
 constexpr size_t kMaxFile = size_t{1024} * 1024;
 
 std::optional<double> Seconds(const std::string& text) {
-  double number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size() || number < 0) return std::nullopt;
-  return number;
+  const auto number = NumberOf<double>(text);
+  return number && *number >= 0 ? number : std::nullopt;
 }
 
 Duration ToDuration(double seconds) { return Duration(static_cast<int64_t>(seconds * 1e9)); }
@@ -297,10 +295,8 @@ void SendRaw(const Arguments& arguments, const Reply& reply) {
 }
 
 std::optional<uint16_t> Port(const std::string& text) {
-  uint16_t port = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  if (error != std::errc() || end != text.data() + text.size() || port == 0) return std::nullopt;
-  return port;
+  const auto port = NumberOf<uint16_t>(text);
+  return port && *port != 0 ? port : std::nullopt;
 }
 
 void ListenRaw(RawListeners& listeners, const Arguments& arguments, const Reply& reply) {

@@ -1,6 +1,5 @@
 #include "sim/node/vm_commands.h"
 
-#include <charconv>
 #include <exception>
 #include <functional>
 #include <limits>
@@ -9,6 +8,7 @@
 #include "platform/core/thread.h"
 #include "sim/control/command_options.h"
 #include "sim/control/command_table.h"
+#include "sim/control/number.h"
 #include "sim/host/host_state.h"
 #include "sim/manager/manager.h"
 #include "sim/node/sandbox.h"
@@ -22,13 +22,6 @@ using Steps = VirtualMachines::Steps;
 using Part = VirtualMachines::Part;
 
 constexpr size_t kMany = std::numeric_limits<size_t>::max();
-
-std::optional<int> Number(const std::string& text) {
-  int number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size() || number < 0) return std::nullopt;
-  return number;
-}
 
 Json MachineJson(const VirtualMachine& machine) {
   Json item = ToJson(machine);
@@ -117,8 +110,8 @@ Asked Parse(const Arguments& arguments, size_t words) {
   asked.error = options.error();
   asked.words = options.positional();
   if (asked.error.empty() && asked.words.size() < words) asked.error = "words are missing";
-  const auto seconds = Number(options.Value("--within").value_or("70"));
-  const auto opcode = Number(options.Value("--opcode").value_or("8"));
+  const auto seconds = NumberOf<unsigned>(options.Value("--within").value_or("70"));
+  const auto opcode = NumberOf<unsigned>(options.Value("--opcode").value_or("8"));
   if (!seconds || !opcode) {
     asked.error = "--within and --opcode take numbers";
     return asked;
@@ -155,10 +148,10 @@ void Create(VirtualMachines& machines, const Arguments& arguments, const Reply& 
   }
   std::vector<std::string> names = {words[0]};
   if (const auto text = options.Value("--count")) {
-    const auto count = Number(*text);
+    const auto count = NumberOf<unsigned>(*text);
     if (!count) return reply.Fail("--count takes a number");
     names.clear();
-    for (int i = 0; i < *count; ++i) names.push_back(words[0] + "-" + std::to_string(i));
+    for (unsigned i = 0; i < *count; ++i) names.push_back(words[0] + "-" + std::to_string(i));
     for (auto& [device, vnic] : vnics) {
       if (!vnic.vif.empty() && *count > 1) return reply.Fail("one VIF for many VMs");
     }
@@ -198,7 +191,7 @@ void Show(VirtualMachines& machines, const std::string& name, const Reply& reply
 }
 
 void Log(const VirtualMachines& machines, const Arguments& arguments, const Reply& reply) {
-  const auto count = Number(arguments.size() > 1 ? arguments[1] : "100");
+  const auto count = NumberOf<unsigned>(arguments.size() > 1 ? arguments[1] : "100");
   if (!count) return reply.Fail("how many?");
   const std::string name = arguments.empty() || arguments[0] == "all" ? "" : arguments[0];
   reply.Ok(StepsJson(machines.Log(name, static_cast<size_t>(*count))));

@@ -1,6 +1,5 @@
 // The store's command table.  Types are names or numbers, "@VDB" behind one names a vdb other than 1.
 
-#include <charconv>
 #include <chrono>
 #include <stdexcept>
 #include <string>
@@ -8,6 +7,7 @@
 
 #include "proto/covedb/runtime_objects.pb.h"
 #include "sim/control/command_table.h"
+#include "sim/control/number.h"
 #include "sim/store/logical_switches.h"
 #include "sim/store/store_daemon.h"
 
@@ -21,12 +21,11 @@ using rpc::Status;
 [[noreturn]] void Refuse(const std::string& text) { throw std::invalid_argument(text); }
 
 int64_t ParseNumber(const std::string& text, int64_t least, int64_t most) {
-  int64_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size() || number < least || number > most) {
+  const auto number = NumberOf<int64_t>(text);
+  if (!number || *number < least || *number > most) {
     Refuse("\"" + text + "\" is no number from " + std::to_string(least) + " to " + std::to_string(most));
   }
-  return number;
+  return *number;
 }
 
 uint32_t ParseVDb(const std::string& text) { return static_cast<uint32_t>(ParseNumber(text, 1, UINT16_MAX)); }
