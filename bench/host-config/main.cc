@@ -3,8 +3,6 @@
 //
 // bench_host-config [COUNT]
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -13,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/build_folder.h"
 #include "bench/host-config/road.h"
 #include "sim/node/node_process.h"
 
@@ -28,15 +27,6 @@ constexpr double kLimitShare = 0.10;
 // What a host's own management interface takes for one command; the simulated one alone answers in a tenth of
 // a millisecond, which no host does.
 constexpr const char* kHostDelay = "0.005";
-
-std::string Beside(const char* name) {
-  char path[4096];
-  const ssize_t size = ::readlink("/proc/self/exe", path, sizeof(path));
-  std::string root(path, size > 0 ? static_cast<size_t>(size) : 0);
-  // build/PRESET/bench/host-config/bench_host-config
-  for (int i = 0; i < 3; ++i) root = root.substr(0, root.rfind('/'));
-  return root + name;
-}
 
 // One switch; its MTU and its endpoints change from one to the next.
 std::string Message(int revision) {
@@ -100,7 +90,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    zem::sim::NodeProcess node(Beside("/sim/node/zem-node"),
+    zem::sim::NodeProcess node(zem::bench::BuildFolder() + "/sim/node/zem-node",
                                {"--options", ZEM_BENCH_FILES "/host-config.xml"});
     node.Await("host processes", std::chrono::seconds(30),
                [](const cJSON* list) { return cJSON_GetArraySize(list) > 0; });

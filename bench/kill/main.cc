@@ -4,8 +4,6 @@
 //
 // bench_kill [vifs] [ROUNDS] [--seconds N] [--seed N]
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +12,7 @@
 #include <random>
 #include <string>
 
+#include "bench/build_folder.h"
 #include "bench/kill/stream.h"
 #include "bench/kill/vif_stream.h"
 #include "platform/core/thread.h"
@@ -29,16 +28,6 @@ constexpr int kLongestLifeMs = 60;
 // Some operations of each VM.
 constexpr int kLongestVifLifeMs = 1000;
 constexpr int kLongestStartMs = 2500;
-
-std::string Beside(const char* name) {
-  char path[4096];
-  const ssize_t size = ::readlink("/proc/self/exe", path, sizeof(path));
-  const std::string here(path, size > 0 ? static_cast<size_t>(size) : 0);
-  // build/PRESET/bench/kill/bench_kill
-  std::string root = here;
-  for (int i = 0; i < 3; ++i) root = root.substr(0, root.rfind('/'));
-  return root + name;
-}
 
 struct Limits {
   int rounds = kRounds;
@@ -61,8 +50,9 @@ void Kill(zem::sim::NodeProcess& node) {
 
 void RunConfigurations(const Limits& limits, int* round) {
   std::mt19937_64 random(limits.seed);
-  zem::sim::NodeProcess node(Beside("/sim/node/zem-node"), {"--options", ZEM_KILL_FILES "/kill.xml", "--zema",
-                                                            ZEM_KILL_FILES "/kill.json"});
+  zem::sim::NodeProcess node(
+      zem::bench::BuildFolder() + "/sim/node/zem-node",
+      {"--options", ZEM_KILL_FILES "/kill.xml", "--zema", ZEM_KILL_FILES "/kill.json"});
   zem::bench::Stream stream(node);
   node.Do("switch/clear-logs");
   const auto begin = zem::Clock::Process().Now();
@@ -85,8 +75,9 @@ void RunConfigurations(const Limits& limits, int* round) {
 
 void RunVifs(const Limits& limits, int* round) {
   std::mt19937_64 random(limits.seed);
-  zem::sim::NodeProcess node(Beside("/sim/node/zem-node"), {"--options", ZEM_KILL_FILES "/kill.xml", "--zema",
-                                                            ZEM_KILL_FILES "/vifs.json"});
+  zem::sim::NodeProcess node(
+      zem::bench::BuildFolder() + "/sim/node/zem-node",
+      {"--options", ZEM_KILL_FILES "/kill.xml", "--zema", ZEM_KILL_FILES "/vifs.json"});
   zem::bench::VifStream stream(node, random());
   node.Do("switch/clear-logs");
   const auto begin = zem::Clock::Process().Now();

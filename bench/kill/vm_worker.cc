@@ -49,9 +49,10 @@ void VmWorker::Judge(const std::string& command, const std::string& reason) cons
   }
 }
 
-void VmWorker::Repeat(const std::string& command) {
+void VmWorker::Repeat(const std::function<std::string()>& next) {
   const TimePoint limit = Clock::Process().Now() + kPatience;
   for (;;) {
+    const std::string command = next();
     const std::string reason = Try(command);
     if (reason.empty()) return;
     Judge(command, reason);
@@ -62,7 +63,9 @@ void VmWorker::Repeat(const std::string& command) {
 }
 
 void VmWorker::PowerOn(Vm* vm) {
-  Repeat(std::string("vm power-on --opcode ") + (random_() % 2 == 0 ? "1 " : "8 ") + vm->name);
+  const std::string command =
+      std::string("vm power-on --opcode ") + (random_() % 2 == 0 ? "1 " : "8 ") + vm->name;
+  Repeat([&] { return command; });
   vm->on = true;
   ++attaches_;
 }
@@ -110,17 +113,10 @@ void VmWorker::DetachAgain(const Vm& vm, const std::string& device, const std::s
   const std::string failed = Try("vm show " + vm.name, &shown);
   if (!failed.empty()) throw std::runtime_error(failed);
   const std::string vif = sim::TextAt(shown.get(), "vnics." + device + ".vif");
-  const TimePoint limit = Clock::Process().Now() + kPatience;
-  for (;;) {
-    const std::string command = "vm ask --opcode 2 again-" + vm.name + "-" + std::to_string(++asked_) +
-                                "-1 " + vm.name + " " + device + " " + vif + (ls.empty() ? "" : " " + ls);
-    const std::string reason = Try(command);
-    if (reason.empty()) return;
-    Judge(command, reason);
-    if (Clock::Process().Now() > limit) throw std::runtime_error(command + ": to the end: " + reason);
-    ++repeated_;
-    SleepFor(kPause);
-  }
+  Repeat([&] {
+    return "vm ask --opcode 2 again-" + vm.name + "-" + std::to_string(++asked_) + "-1 " + vm.name + " " +
+           device + " " + vif + (ls.empty() ? "" : " " + ls);
+  });
 }
 
 }  // namespace zem::bench

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -46,7 +47,8 @@ class VmWorker {
   std::string Try(const std::string& command, sim::Json* result = nullptr);
   /// A reason that the daemon's death explains; others throw.
   void Judge(const std::string& command, const std::string& reason) const;
-  void Repeat(const std::string& command);
+  /// Until one of the commands that `next` gives is carried out.
+  void Repeat(const std::function<std::string()>& next);
   void DetachAgain(const Vm& vm, const std::string& device, const std::string& ls);
 
   sim::ControlClient client_;

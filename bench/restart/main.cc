@@ -4,8 +4,6 @@
 //
 // bench_restart [INTERFACES]
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -15,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/build_folder.h"
 #include "platform/core/thread.h"
 #include "sim/node/node_process.h"
 
@@ -35,15 +34,6 @@ constexpr const char* kWrites[] = {"PortAdd",       "PortRemove",     "PortDataS
                                    "HostPropSet",   "HostPropClear",  "GlobalPropSet", "GlobalPropClear",
                                    "SetTEPHA",      "SetKnlnicState", "TEPHARecover",  "PlumbVdr",
                                    "DisconnectVdr", "SetVMAC"};
-
-std::string Beside(const char* name) {
-  char path[4096];
-  const ssize_t size = ::readlink("/proc/self/exe", path, sizeof(path));
-  std::string root(path, size > 0 ? static_cast<size_t>(size) : 0);
-  // build/PRESET/bench/restart/bench_restart
-  for (int i = 0; i < 3; ++i) root = root.substr(0, root.rfind('/'));
-  return root + name;
-}
 
 double MonotonicSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -130,7 +120,7 @@ int TellWrites(NodeProcess& node) {
 }
 
 int Run(int interfaces) {
-  NodeProcess node(Beside("/sim/node/zem-node"),
+  NodeProcess node(zem::bench::BuildFolder() + "/sim/node/zem-node",
                    {"--options", ZEM_BENCH_FILES "/restart.xml", "--zema", ZEM_BENCH_FILES "/restart.json"});
   SetUp(node, interfaces);
   const std::string ports = std::string(cJSON_PrintUnformatted(node.Do("switch/ports").get()));
