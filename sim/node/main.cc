@@ -41,8 +41,7 @@ constexpr const char* kUsage =
     "                                           sends one command, prints its answer: JSON, or text as it "
     "stands\n"
     "                                           unless --json; \"ctl help\" lists them\n"
-    "       zem-node scenario [--dir DIR] [--let NAME=TEXT]... FILE\n"
-    "                                           runs the commands and expectations of a file\n"
+    "       zem-node scenario [--dir DIR] FILE  runs the commands and expectations of a file\n"
     "       zem-node check FILE [OPTIONS]       runs a scenario on a node of its own\n"
     "options of run and check:\n"
     "  --dir DIR        the node's folder: control socket and daemon output (/tmp/zem-node)\n"
@@ -234,21 +233,11 @@ int Control(Words words) {
 
 int RunScenario(Words words) {
   const std::string directory = Directory(&words);
-  std::vector<std::string> lets;
-  while (!words.empty() && words.all[words.next] == "--let") {
-    words.Take();
-    lets.push_back(words.Take());
-  }
   const std::string file = words.Take();
   std::ifstream lines(file);
   if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
   ControlClient node(directory + "/control", kNodeStart);
-  zem::sim::Scenario scenario(node, std::cout);
-  for (const std::string& let : lets) {
-    const size_t equals = std::min(let.find('='), let.size() - 1);
-    scenario.Let(let.substr(0, equals), let.substr(equals + 1));
-  }
-  return scenario.Run(lines, file) ? 0 : 1;
+  return zem::sim::Scenario(node, std::cout).Run(lines, file) ? 0 : 1;
 }
 
 }  // namespace

@@ -43,9 +43,6 @@ class Scenario {
   /// `second`: another node, or null.
   Scenario(ControlClient& node, std::ostream& out, ControlClient* second = nullptr);
 
-  /// As "let" does.
-  void Let(const std::string& name, const std::string& text) { kept_[name] = text; }
-
   /// True when every line held.
   bool Run(std::istream& lines, const std::string& name);
 
