@@ -110,8 +110,9 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
         static_cast<void>(ports.FindPortToFetchVMTags(vif, ls, vm, kZones[at], &found, &error));
         break;
       default:
-        ports.SetTzToDvsCache(
-            {{"z1", kOverlay, "KLN"}, {"z2", kVlanSwitch, "NVS"}, {"z" + std::to_string(step), dvs, "KLN"}});
+        ports.SetTzToDvsCache({{"z1", kOverlay, "KLN"},
+                               {"z2", kVlanSwitch, "NVS"},
+                               {"more-" + std::to_string(step), dvs, "KLN"}});
         break;
     }
 
