@@ -134,6 +134,7 @@ int ConnectToUnixSocket(const std::string& path, bool retry) {
     ++retries;
     ZLOG_DEBUG("[%s] Retrying connecting: rc=[%d] [%s]\n", __func__, -1, std::strerror(result));
     bool shutdown = false;
+    LetOthersWork();
     if (Util::IsReadyToBeRead(-1, &shutdown, 1) < 0 || shutdown) break;
     result = ConnectUnix(fd.get(), path);
   }

@@ -17,6 +17,7 @@ namespace {
 constexpr int64_t kLongestMs = 3'600'000;
 // Real time; far above what a script of the host takes on a busy machine.
 constexpr int kForeignWorkMs = 3000;
+constexpr int kForeignStepMs = 20;
 
 int PollRealUntil(pollfd* descriptors, nfds_t count, TimePoint deadline) {
   for (;;) {
@@ -64,6 +65,10 @@ int PollAnswer(pollfd* descriptors, nfds_t count, TimePoint deadline) {
     if (const int ready = ::poll(descriptors, count, kForeignWorkMs); ready != 0) return ready;
   }
   return PollUntil(descriptors, count, deadline);
+}
+
+void LetOthersWork() {
+  if (Clock::Process().IsVirtual()) ::poll(nullptr, 0, kForeignStepMs);
 }
 
 // On a virtual clock an alarm writes to a descriptor of its own.  The alarm's work lasts until this thread

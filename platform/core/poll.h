@@ -15,6 +15,10 @@ int PollIdle(pollfd* descriptors, nfds_t count, int timeout_ms);
 /// some seconds of real time, as if that work were ours; a process that hangs longer no longer holds it.
 int PollAnswer(pollfd* descriptors, nfds_t count, TimePoint deadline);
 
+/// Before a pause behind which somebody looks whether another process is ready: gives that process some real
+/// time on a virtual clock, which would else jump over its start.  Nothing on the real clock.
+void LetOthersWork();
+
 /// poll() until a moment of the process's clock, which on a virtual one is when everybody waits.  Gives what
 /// poll() gives; the moment itself is 0.
 int PollUntil(pollfd* descriptors, nfds_t count, TimePoint deadline);

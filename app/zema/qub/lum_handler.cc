@@ -12,6 +12,7 @@
 #include "framework/log.h"
 #include "framework/shutdown_pipe.h"
 #include "framework/util.h"
+#include "platform/core/poll.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {
@@ -68,6 +69,7 @@ LumHandler::~LumHandler() {
 }
 
 bool LumHandler::Pause(Duration duration) const {
+  LetOthersWork();
   return !Tarvik::WaitForShutdown(duration) && !settings_.shutting_down();
 }
 
