@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -43,13 +44,25 @@ int Live(const zem::world::WorldLife::Options& options) {
   }
 }
 
+// The first process of a sandbox inherits whatever the agent leaves behind, and has to take its end.
+int LiveAndReap(const zem::world::WorldLife::Options& options) {
+  const pid_t life = ::fork();
+  if (life == 0) ::_exit(Live(options));
+  for (;;) {
+    int status = 0;
+    const pid_t ended = ::waitpid(-1, &status, 0);
+    if (ended == life) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (ended < 0 && errno != EINTR) return 1;
+  }
+}
+
 int LiveInSandbox(zem::world::WorldLife::Options options, const std::string& log) {
   // The sandbox hides the folder.
   if (!log.empty()) options.log = std::fopen((log + "." + std::to_string(options.seed)).c_str(), "w");
   char directory[] = "/tmp/zem-world.XXXXXX";
   if (::mkdtemp(directory) == nullptr) return 1;
   zem::sim::SandboxOptions sandbox{directory, "/bin/true", ZEM_SIM_HOST, zem::sim::LibraryFolder::Built()};
-  const int code = zem::sim::RunInSandbox(sandbox, [&options] { return Live(options); });
+  const int code = zem::sim::RunInSandbox(sandbox, [&options] { return LiveAndReap(options); });
   std::error_code ignored;
   std::filesystem::remove_all(directory, ignored);
   return code;

@@ -354,6 +354,7 @@ void ZemaApp::Impl::Stop(int reason) {
     dispatch_.reset();
   }
   zema::DeleteTaskThreadObjects();
+  if (reason == 0) zema::Host().Forget();
 }
 
 // --- Out.
