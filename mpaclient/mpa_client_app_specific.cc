@@ -330,38 +330,52 @@ int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record) {
   const char* const name = app_type_.c_str();
   const std::string id = HeaderOf(*record).correlation_id;
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg corelationId (%s)", name, id.c_str());
-  GenericUnifiedMsg message;
-  std::string type;
+  const bool has_key = record->routing_key != nullptr && record->routing_key[0] != '\0';
+  const bool as_message = vertical_.routing_key_as_aph && has_key;
   if (auto handle = calls_.Take(id)) {
     if (!*handle) {
       ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg null handle for corelationId: %s", name, id.c_str());
       return -1;
     }
+    GenericUnifiedMsg message;
+    std::string type;
     const bool built = GetGenericUnifiedMsg(&message, *record, &id, &type);
     const std::string tracking = TrackingIdText(message);
-    if (!built || !handle->Finish(message)) {
+    if (!built) {
       ZLOG_INFO("[%s] RespondMsg : Failed to send response with type (%s) corelationId (%s) trackingId (%s).",
                 name, type.c_str(), id.c_str(), tracking.c_str());
       return -1;
     }
+    const bool written = handle->Finish(message);
     ZLOG_INFO("[%s] RespondMsg : Sent response with type (%s) corelationId (%s) trackingId (%s)", name,
               type.c_str(), id.c_str(), tracking.c_str());
+    if (written) return 0;
+    // The answer counts as given, since to try again cannot bring the call back.
+    ZLOG_INFO("[%s] RespondMsg : The call of corelationId (%s) had ended before its response", name,
+              id.c_str());
+    if (as_message) RespondAsMessage(*record, id);
     return 0;
   }
-  const bool has_key = record->routing_key != nullptr && record->routing_key[0] != '\0';
-  if (vertical_.routing_key_as_aph && has_key) {
-    // The call is gone with its proxy; the answer still finds its asker as a message of its own.
-    const std::string aph = record->routing_key;
-    ZLOG_INFO("[%s] RespondMsg : Sending response as a request to APH (%s), corelationId (%s)", name,
-              aph.c_str(), id.c_str());
-    const auto owner = client();
-    if (!owner || !GetGenericUnifiedMsg(&message, *record, KeepAphForResponse() ? &id : nullptr, &type))
-      return -1;
-    return owner->MsgHandler(message, aph, GetVoidMsgObserver().release());
-  }
+  if (as_message) return RespondAsMessage(*record, id);
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg Invalid corealtionId (%s) and empty amqpRoutingKey", name,
             id.c_str());
   return -1;
+}
+
+// The call is gone with its proxy; the answer still finds its asker as a message of its own.
+int MpaClientAppSpecific::RespondAsMessage(const rmqClientMessage& record,
+                                           const std::string& correlation_id) {
+  const std::string aph = record.routing_key;
+  ZLOG_INFO("[%s] RespondMsg : Sending response as a request to APH (%s), corelationId (%s)",
+            app_type_.c_str(), aph.c_str(), correlation_id.c_str());
+  const auto owner = client();
+  GenericUnifiedMsg message;
+  std::string type;
+  if (!owner ||
+      !GetGenericUnifiedMsg(&message, record, KeepAphForResponse() ? &correlation_id : nullptr, &type)) {
+    return -1;
+  }
+  return owner->MsgHandler(message, aph, GetVoidMsgObserver().release());
 }
 
 bool MpaClientAppSpecific::PopulateObserver(ServiceObserver* observer,

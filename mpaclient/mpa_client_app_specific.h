@@ -33,8 +33,10 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   MpaClientAppSpecific(const Vertical& vertical, std::shared_ptr<MpaClient> client);
   virtual ~MpaClientAppSpecific();
 
-  /// Both 0 when the record is on its way.
+  /// 0 when the record is on its way.
   virtual int SendRequest(rmqClientMessage* record, const std::string& aph);
+  /// 0 when the answer was written to its call, also to one that had ended: what could not be built, and what
+  /// has no call and no other road, gives -1.
   virtual int RespondMsg(rmqClientMessage* record);
   /// Whether an answer that goes as a message of its own keeps its correlation id.
   virtual bool KeepAphForResponse() const { return true; }
@@ -88,6 +90,7 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
                             const std::string* correlation_id, std::string* type_out) const;
   bool GetAppInitUnifiedMsg(GenericUnifiedMsg* out) const;
   bool BuildAppInitMsg(Message* message) const;
+  int RespondAsMessage(const rmqClientMessage& record, const std::string& correlation_id);
   bool PopulateObserver(ServiceObserver* observer, const rmqClientMessage& request) const;
   void SendStateToVertical(BusMessageType msg_type, int flag);
   std::shared_ptr<MpaClient> client() const;

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "proto/switching/switching.pb.h"
 #include "proto/switching/switching_unified.pb.h"
 #include "tests/mpaclient/channel_fixture.h"
@@ -15,6 +17,7 @@ using ::testing::UnorderedElementsAre;
 constexpr const char* kSwitching = "SwitchingVertical";
 constexpr const char* kLldp = "LldpVertical";
 constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg";
+constexpr const char* kUnknownAph = "0a000000-0000-4000-8000-000000000009";
 // Spread of the first stubs is 1 to 5 seconds.
 constexpr seconds kReady{6};
 
@@ -75,6 +78,39 @@ TEST_F(ChannelTest, RequestOfTheManagerIsAnsweredOnItsCall) {
   orlane::zem::switching::HostConfigMsg config;
   ASSERT_TRUE(config.ParseFromString(record.payload));
   EXPECT_EQ(config.revision(), "7");
+}
+
+// An answer that comes after its call has ended counts as given: whoever tried again would wait in vain.  The
+// switching vertical's goes to its asker once, as a message of its own.
+TEST_F(ChannelTest, AnswerToAnEndedCallIsGivenOnce) {
+  StartManager();
+  Register(kSwitching);
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  const auto ask = [this](const std::string& vertical, const std::string& member) {
+    sim::Manager::SendRequest request;
+    request.vertical = vertical;
+    request.member = member;
+    request.text = member == "RawPayloadMsg" ? "payload: \"x\"" : "";
+    request.correlation_id = "slow";
+    request.timeout = seconds(1);
+    ASSERT_EQ(manager->Send(request, [](const sim::HostAnswer&) {}), "");
+    clock.RunFor(seconds(2));
+  };
+  BusHeader header;
+  header.type_id = kHostConfigType;
+  header.correlation_id = "slow";
+  for (const int round : {1, 2}) {
+    ask(kSwitching, "HostConfigMsg");
+    EXPECT_EQ(Send(kSwitching, kRmqClientRpcResponse, header, "", round == 1 ? kAph1 : kUnknownAph), 0);
+    ask(kLldp, "RawPayloadMsg");
+    EXPECT_EQ(Send(kLldp, kRmqClientRpcResponse, header, "", kAph1), 0);
+    clock.RunFor(milliseconds(10));
+    EXPECT_EQ(
+        std::ranges::count(manager->ReceivedFrom(kSwitching, 0), "slow", &sim::Received::correlation_id), 1);
+    EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).size(), 0u);
+  }
 }
 
 // What goes wrong on the way in drops the message, and only that.
