@@ -189,12 +189,16 @@ bool MpaClientAppSpecific::IsCorelationIdInCallHandleMap(const std::string& corr
   return calls_.Contains(correlation_id);
 }
 
-bool MpaClientAppSpecific::AddToCallHandleMap(const std::string& correlation_id,
-                                              CallHandleMap::Handle handle) {
-  if (calls_.Add(correlation_id, std::move(handle))) return true;
+std::optional<uint64_t> MpaClientAppSpecific::AddToCallHandleMap(const std::string& correlation_id,
+                                                                 CallHandleMap::Handle handle) {
+  if (const auto number = calls_.Add(correlation_id, std::move(handle))) return number;
   ZLOG_INFO("[%s] MpaClientAppSpecific AddToCallHandleMap Handle with corelationId (%s) already present",
             app_type_.c_str(), correlation_id.c_str());
-  return false;
+  return std::nullopt;
+}
+
+void MpaClientAppSpecific::CallEnded(const std::string& correlation_id, uint64_t number) {
+  calls_.Ended(correlation_id, number);
 }
 
 void MpaClientAppSpecific::AddToSeqToCallHandleMap(uint32_t sequence, const CallHandleMap::Handle& handle) {
@@ -332,8 +336,8 @@ int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record) {
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg corelationId (%s)", name, id.c_str());
   const bool has_key = record->routing_key != nullptr && record->routing_key[0] != '\0';
   const bool as_message = vertical_.routing_key_as_aph && has_key;
-  if (auto handle = calls_.Take(id)) {
-    if (!*handle) {
+  if (auto call = calls_.Take(id)) {
+    if (!call->handle && !call->ended) {
       ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg null handle for corelationId: %s", name, id.c_str());
       return -1;
     }
@@ -346,7 +350,7 @@ int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record) {
                 name, type.c_str(), id.c_str(), tracking.c_str());
       return -1;
     }
-    const bool written = handle->Finish(message);
+    const bool written = call->handle.Finish(message);
     ZLOG_INFO("[%s] RespondMsg : Sent response with type (%s) corelationId (%s) trackingId (%s)", name,
               type.c_str(), id.c_str(), tracking.c_str());
     if (written) return 0;

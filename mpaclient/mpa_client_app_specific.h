@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -63,7 +64,10 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   bool BuildAppInitCfgAckMsg(GenericUnifiedMsg* answer, bool success) const;
 
   bool IsCorelationIdInCallHandleMap(const std::string& correlation_id) const;
-  bool AddToCallHandleMap(const std::string& correlation_id, CallHandleMap::Handle handle);
+  /// A number that tells this request from later ones with its id; nothing when the id has a running call.
+  std::optional<uint64_t> AddToCallHandleMap(const std::string& correlation_id, CallHandleMap::Handle handle);
+  /// The call of that request has ended, answered or not: its id is free again.
+  void CallEnded(const std::string& correlation_id, uint64_t number);
   void AddToSeqToCallHandleMap(uint32_t sequence, const CallHandleMap::Handle& handle);
   CallHandleMap::Handle GetFromSeqToCallHandleMap(uint32_t sequence);
   void DeleteFromSeqToCallHandleMap(uint32_t sequence);

@@ -154,10 +154,16 @@ void MpaClientHostService::Receive(rpc::ServerContext& context, const GenericUni
     return;
   }
   // Asked for and added in one step: of two requests with one id only one may get through.
-  if (!publish && !client->AddToCallHandleMap(correlation_id, *handle)) {
-    ZLOG_WARN("MpaClientHostService::MsgHandler: [%s] corelationId (%s) already present in call handle map",
-              vertical_.name, correlation_id.c_str());
-    return;
+  if (!publish) {
+    const auto number = client->AddToCallHandleMap(correlation_id, *handle);
+    if (!number) {
+      ZLOG_WARN("MpaClientHostService::MsgHandler: [%s] corelationId (%s) already present in call handle map",
+                vertical_.name, correlation_id.c_str());
+      return;
+    }
+    context.SetOnClose([weak = std::weak_ptr(client), correlation_id, number = *number](const rpc::Status&) {
+      if (const auto instance = weak.lock()) instance->CallEnded(correlation_id, number);
+    });
   }
   client->SendMsgToVertical(record, 0);
 }

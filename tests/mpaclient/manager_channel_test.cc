@@ -113,6 +113,38 @@ TEST_F(ChannelTest, AnswerToAnEndedCallIsGivenOnce) {
   }
 }
 
+// An id is taken as long as its call runs, and no longer.
+TEST_F(ChannelTest, CorrelationIdGoesWithItsCall) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  sim::Manager::SendRequest request;
+  request.vertical = kSwitching;
+  request.member = "ChecksumMsg";
+  request.correlation_id = "again";
+  request.timeout = seconds(5);
+  std::vector<int> statuses;
+  const auto requests = [this] { return std::ranges::count(TypesSeenBy(kSwitching), kRmqMpRpcRequest); };
+  const auto ask = [&] {
+    ASSERT_EQ(manager->Send(request, [&](const sim::HostAnswer& a) { statuses.push_back(a.status.code()); }),
+              "");
+    clock.RunFor(seconds(3));
+  };
+  ask();
+  ask();
+  EXPECT_EQ(requests(), 1) << "the first call runs";
+  clock.RunFor(seconds(3));
+  ask();
+  EXPECT_EQ(requests(), 2) << "both calls have run into their time-out";
+  BusHeader answer;
+  answer.type_id = "com.orlane.zem.switching.ChecksumMsg";
+  answer.correlation_id = "again";
+  EXPECT_EQ(Send(kSwitching, kRmqClientRpcResponse, answer, ""), 0);
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(statuses.back(), 0) << "the end of the first call has not taken the id of this one";
+}
+
 // What goes wrong on the way in drops the message, and only that.
 TEST_F(ChannelTest, InboundRules) {
   StartManager();
