@@ -100,7 +100,8 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
   std::string type;
   const auto unified = GetHostUnifiedMsg(generic, &type);
   if (!unified) ZLOG_WARN("%s::RpcMsgHandler Unable to get HostUnifiedMsg", vertical_.host_class);
-  if (type != kAppInitConfigType) {
+  // A vertical that has no such member gets the message like any other.
+  if (type != kAppInitConfigType || !instance_->layout().AnswersAppInitConfig()) {
     MpaRpcMsgHandler(context, generic, handle);
     return;
   }

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "mpaclient/verticals.h"
 #include "proto/switching/switching.pb.h"
 #include "proto/switching/switching_unified.pb.h"
 #include "tests/mpaclient/channel_fixture.h"
@@ -194,6 +195,23 @@ TEST_F(ChannelTest, InboundRules) {
   EXPECT_EQ(send(kSwitching, "app_init_config", "sender: \"mp\"", "a-1", false, true), 0);
   EXPECT_EQ(SeenBy(kSwitching).size(), switching);
   EXPECT_TRUE(log.Contains("l2HostService::RpcMsgHandler Responded with AppInitConfigAckMsg"));
+}
+
+// A vertical without the handshake gets the manager's app-init config as a message like any other.
+TEST_F(ChannelTest, AppInitConfigOfAVerticalWithoutTheHandshakeIsDelivered) {
+  StartManager();
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  sim::Manager::SendRequest request;
+  request.vertical = kLldp;
+  request.member = "RawPayloadMsg";
+  request.type = kAppInitConfigType;
+  request.text = "payload: \"config\"";
+  ASSERT_EQ(manager->Send(request, [](const sim::HostAnswer&) {}), "");
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(SeenBy(kLldp).back().type, kRmqMpRpcRequest);
+  EXPECT_EQ(SeenBy(kLldp).back().payload, "config");
 }
 
 TEST_F(ChannelTest, OutboundRoads) {
