@@ -101,9 +101,11 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
   void HandleTnProxyConnected();
   void HandleTnProxyDisconnected(rpc::CloseReason reason);
   void ClearTimerMap();
-  void PerformUpdateStubMap();
+  void UpdateAndTell();
+  /// True when a handshake with the new master is due.
+  bool PerformUpdateStubMap();
   bool WaitForInfightStubCreateRequest();
-  void ApplyNewMaps(const std::map<std::string, bool>& old_map, const std::map<std::string, bool>& new_map);
+  bool ApplyNewMaps(const std::map<std::string, bool>& old_map, const std::map<std::string, bool>& new_map);
   void NewMaster(const std::string& aph);
   void ScheduleStubCreation(const std::string& aph, int64_t delay_ms);
   void ScheduleStubCreationWithLock(const std::string& aph, int64_t delay_ms);

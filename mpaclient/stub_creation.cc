@@ -49,9 +49,9 @@ void MpaClientPrivateBase::ClearTimerMap() {
 
 void MpaClientPrivateBase::updateStubMap() {
   const char* const name = app_type_.c_str();
-  std::unique_lock update_lock(update_mutex_);
-  ZLOG_DEBUG("[%s] updateStubMap", name);
   {
+    std::lock_guard update_lock(update_mutex_);
+    ZLOG_DEBUG("[%s] updateStubMap", name);
     std::lock_guard lock(stub_mutex_);
     if (update_stub_pending_) {
       ZLOG_INFO("[%s] updateStubMap: Already Pending", name);
@@ -62,8 +62,22 @@ void MpaClientPrivateBase::updateStubMap() {
     ClearTimerMap();
     retry_countdown_.Reset();
   }
+  // The pending mark keeps other changes out meanwhile.
   if (uuid_callback_ && proxy_client_) uuid_callback_(proxy_client_->getTnUuidStr());
-  PerformUpdateStubMap();
+  UpdateAndTell();
+}
+
+// What the change means for the vertical is told after the update mutex: the vertical may well send, or take
+// its time.
+void MpaClientPrivateBase::UpdateAndTell() {
+  bool handshake = false;
+  {
+    std::lock_guard update_lock(update_mutex_);
+    handshake = PerformUpdateStubMap();
+  }
+  if (!handshake) return;
+  SetConnectionState(kConnected);
+  AppInitHandshake();
 }
 
 bool MpaClientPrivateBase::WaitForInfightStubCreateRequest() {
@@ -80,7 +94,7 @@ bool MpaClientPrivateBase::WaitForInfightStubCreateRequest() {
 }
 
 // With the update mutex held.
-void MpaClientPrivateBase::PerformUpdateStubMap() {
+bool MpaClientPrivateBase::PerformUpdateStubMap() {
   const char* const name = app_type_.c_str();
   if (WaitForInfightStubCreateRequest()) {
     ZLOG_INFO("[%s] performUpdateStubMap: Re-scheduling self on provider thread", name);
@@ -91,12 +105,11 @@ void MpaClientPrivateBase::PerformUpdateStubMap() {
             ZLOG_WARN("performUpdateStubMapCb: MpaClientPrivate has been destroyed already");
             return;
           }
-          std::lock_guard update_lock(self->update_mutex_);
-          self->PerformUpdateStubMap();
+          self->UpdateAndTell();
         });
     std::lock_guard lock(stub_mutex_);
     reschedule_timer_ = std::move(timer);
-    return;
+    return false;
   }
   {
     std::lock_guard lock(stub_mutex_);
@@ -108,8 +121,9 @@ void MpaClientPrivateBase::PerformUpdateStubMap() {
     std::lock_guard lock(aph_mutex_);
     old_map = std::exchange(aph_map_, new_map);
   }
-  ApplyNewMaps(old_map, new_map);
+  const bool handshake = ApplyNewMaps(old_map, new_map);
   ZLOG_DEBUG("[%s] performUpdateStubMap End", name);
+  return handshake;
 }
 
 void MpaClientPrivateBase::NewMaster(const std::string& aph) {
@@ -123,7 +137,7 @@ void MpaClientPrivateBase::NewMaster(const std::string& aph) {
   master_stub_ = false;
 }
 
-void MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_map,
+bool MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_map,
                                         const std::map<std::string, bool>& new_map) {
   const char* const name = app_type_.c_str();
   for (const auto& [aph, was_master] : old_map) {
@@ -166,14 +180,12 @@ void MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_m
       }
     }
   }
-  if (!handshake) return;
-  {
+  if (handshake) {
     // The new master's stub exists already, so nobody else will set this.
     std::lock_guard lock(stub_mutex_);
     master_stub_ = true;
   }
-  SetConnectionState(kConnected);
-  AppInitHandshake();
+  return handshake;
 }
 
 void MpaClientPrivateBase::ScheduleStubCreation(const std::string& aph, int64_t delay_ms) {

@@ -498,6 +498,31 @@ TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
 }
 
+// A vertical that is called may take its time, or wait for somebody: a list that comes meanwhile is not held
+// up.
+TEST_F(ChannelTest, NoLockIsHeldWhileAVerticalIsCalled) {
+  StartManager();
+  Register(kLldp);
+  bool in_uuid_callback = false;
+  const auto list_comes = [] {
+    Thread other(Thread::Options{}, [] { MpaClient::Get(kLldp)->updateStubMap(); });
+    other.Join();
+  };
+  MpaClient::Get(kLldp)->Start([&](const std::string&) {
+    if (!std::exchange(in_uuid_callback, true)) list_comes();
+  });
+  on_record = [&](const Seen& record) {
+    if (record.type == kRmqClientRegistrationAck) list_comes();
+  };
+  proxy_client->Start();
+  // Twice: the list that comes with the first ACK makes the other stub start again.
+  clock.RunFor(2 * kReady);
+  ASSERT_TRUE(manager->SetMaster(kAph2));
+  clock.RunFor(seconds(1));
+  EXPECT_TRUE(in_uuid_callback);
+  EXPECT_THAT(TypesSeenBy(kLldp), ElementsAre(kRmqClientRegistrationAck, kRmqClientRegistrationAck));
+}
+
 // Context engine verticals come from a thread of their own, when everything is up already.
 TEST_F(ChannelTest, LateVerticalCatchesUp) {
   StartManager();
