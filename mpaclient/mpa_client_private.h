@@ -100,7 +100,8 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
 
   void HandleTnProxyConnected();
   void HandleTnProxyDisconnected(rpc::CloseReason reason);
-  void ClearTimerMap();
+  void ClearTimerMap(const std::map<std::string, bool>& kept);
+  void DropTimersBut(const std::map<std::string, bool>& kept);
   void UpdateAndTell();
   /// True when a handshake with the new master is due.
   bool PerformUpdateStubMap();

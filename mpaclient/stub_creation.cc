@@ -29,7 +29,7 @@ void MpaClientPrivateBase::CleanUpForStubs() {
   {
     std::lock_guard lock(stub_mutex_);
     master_stub_ = false;
-    ClearTimerMap();
+    ClearTimerMap({});
     dropped.swap(stub_map_);
     retry_countdown_.Reset();
   }
@@ -37,14 +37,24 @@ void MpaClientPrivateBase::CleanUpForStubs() {
   ZLOG_INFO("[%s] CleanUpForStubs Done", app_type_.c_str());
 }
 
-// With the stub lock held.
-void MpaClientPrivateBase::ClearTimerMap() {
+// With the stub lock held.  Timers of the APHs in `kept` run on: were each list to start them anew, lists
+// that come faster than the shortest delay would keep every stub from being made.
+void MpaClientPrivateBase::ClearTimerMap(const std::map<std::string, bool>& kept) {
   ZLOG_INFO("[%s] ClearTimerMap (%lu)", app_type_.c_str(), static_cast<unsigned long>(timer_map_.size()));
-  for (const auto& [aph, timer] : timer_map_) {
-    timer->Cancel();
-    in_flight_.erase(aph);
+  for (const auto& [aph, timer] : timer_map_) in_flight_.erase(aph);
+  DropTimersBut(kept);
+}
+
+// With the stub lock held.
+void MpaClientPrivateBase::DropTimersBut(const std::map<std::string, bool>& kept) {
+  for (auto entry = timer_map_.begin(); entry != timer_map_.end();) {
+    if (kept.contains(entry->first)) {
+      ++entry;
+      continue;
+    }
+    entry->second->Cancel();
+    entry = timer_map_.erase(entry);
   }
-  timer_map_.clear();
 }
 
 void MpaClientPrivateBase::updateStubMap() {
@@ -52,6 +62,7 @@ void MpaClientPrivateBase::updateStubMap() {
   {
     std::lock_guard update_lock(update_mutex_);
     ZLOG_DEBUG("[%s] updateStubMap", name);
+    const auto listed = proxy_client_ ? proxy_client_->aphs() : std::map<std::string, bool>();
     std::lock_guard lock(stub_mutex_);
     if (update_stub_pending_) {
       ZLOG_INFO("[%s] updateStubMap: Already Pending", name);
@@ -59,7 +70,7 @@ void MpaClientPrivateBase::updateStubMap() {
     }
     ZLOG_INFO("[%s] cleaning up for stubs", name);
     update_stub_pending_ = true;
-    ClearTimerMap();
+    ClearTimerMap(listed);
     retry_countdown_.Reset();
   }
   // The pending mark keeps other changes out meanwhile.
@@ -153,6 +164,11 @@ bool MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_m
     }
     retry_policies_.erase(aph);
   }
+  {
+    // The list may have changed again since the change began.
+    std::lock_guard lock(stub_mutex_);
+    DropTimersBut(new_map);
+  }
   const std::string master = MasterAph();
   const std::string old_master = FirstMaster(old_map);
   bool handshake = false;
@@ -168,6 +184,7 @@ bool MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_m
       const int64_t delay_ms = SpreadDelay(kFirstStubSpreadMs);
       std::lock_guard lock(stub_mutex_);
       retry_policies_.try_emplace(aph, StubRetryPolicy());
+      if (timer_map_.contains(aph)) continue;
       ZLOG_INFO("[%s] performUpdateStubMap: scheduling Stub creation for APH (%s) with delay (%lld)", name,
                 aph.c_str(), static_cast<long long>(delay_ms));
       ScheduleStubCreationWithLock(aph, delay_ms);

@@ -475,6 +475,36 @@ TEST_F(ChannelTest, SecretsAreLoggedBySize) {
   }
 }
 
+// Lists that come faster than the delay of a stub do not put it off, neither the first nor a later one.
+TEST_F(ChannelTest, FrequentListsDoNotStarveTheStubs) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  const auto lists_for = [this](seconds time) {
+    for (const TimePoint end = clock.Now() + time; clock.Now() < end;) {
+      clock.RunFor(milliseconds(700));
+      manager->SetMaster(kAph1);
+    }
+  };
+  lists_for(kReady);
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
+  EXPECT_THAT(Snapshot(kSwitching).stubs, UnorderedElementsAre(kAph1, kAph2));
+  ASSERT_TRUE(manager->RemoveAph(kAph2, true));
+  clock.RunFor(milliseconds(10));
+  manager->AddAph(kAph2, false);
+  lists_for(seconds(12));
+  EXPECT_THAT(Snapshot(kSwitching).stubs, UnorderedElementsAre(kAph1, kAph2));
+  // A timer of an APH that has left the list does not run on.
+  ASSERT_TRUE(manager->RemoveAph(kAph2, true));
+  clock.RunFor(milliseconds(10));
+  ASSERT_EQ(Snapshot(kSwitching).timers, 1u);
+  sim::ProxyInfo without;
+  without.aphs = {{kAph1, true}};
+  manager->PublishRaw(without);
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Snapshot(kSwitching).timers, 0u);
+}
+
 // A stub that lands while a new list is being taken over belongs to the old list.
 TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
   StartManager();
