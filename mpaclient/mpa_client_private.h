@@ -108,6 +108,7 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
   bool WaitForInfightStubCreateRequest();
   bool ApplyNewMaps(const std::map<std::string, bool>& old_map, const std::map<std::string, bool>& new_map);
   void NewMaster(const std::string& aph);
+  void LoseMasterStub();
   void ScheduleStubCreation(const std::string& aph, int64_t delay_ms);
   void ScheduleStubCreationWithLock(const std::string& aph, int64_t delay_ms);
   void AddStubTimer(const std::string& aph, int64_t delay_ms);

@@ -144,8 +144,16 @@ void MpaClientPrivateBase::NewMaster(const std::string& aph) {
     std::lock_guard lock(app_init_mutex_);
     app_init_completed_ = false;
   }
-  std::lock_guard lock(stub_mutex_);
-  master_stub_ = false;
+  LoseMasterStub();
+}
+
+// Until the master has a stub, the client waits for one like a client that has just begun.
+void MpaClientPrivateBase::LoseMasterStub() {
+  {
+    std::lock_guard lock(stub_mutex_);
+    master_stub_ = false;
+  }
+  SetConnectionState(kDisconnected);
 }
 
 bool MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_map,
@@ -171,6 +179,7 @@ bool MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_m
   }
   const std::string master = MasterAph();
   const std::string old_master = FirstMaster(old_map);
+  if (master.empty()) LoseMasterStub();
   bool handshake = false;
   for (const auto& [aph, flag] : new_map) {
     const bool is_master = aph == master;

@@ -303,6 +303,28 @@ TEST_F(ChannelTest, MasterChangeToAKnownAphShakesHandsAtOnce) {
   EXPECT_EQ(SeenBy(kSwitching).size(), 2u);
 }
 
+// The state is "connected" while the master has a stub, whatever other APHs have one.
+TEST_F(ChannelTest, StateFollowsTheMastersStub) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  const auto state = [this](const std::string& master) {
+    EXPECT_TRUE(manager->SetMaster(master));
+    clock.RunFor(milliseconds(100));
+    EXPECT_EQ(MpaClient::Get(kSwitching)->IsMasterStubMissing(),
+              MpaClient::Get(kSwitching)->connection_state() == MpaClient::kDisconnected);
+    return MpaClient::Get(kSwitching)->connection_state();
+  };
+  EXPECT_EQ(state(kAph1), MpaClient::kConnected);
+  EXPECT_EQ(state(""), MpaClient::kDisconnected) << "nobody is master";
+  EXPECT_EQ(state(kAph2), MpaClient::kConnected);
+  ASSERT_TRUE(manager->RemoveAph(kAph1, true));
+  clock.RunFor(milliseconds(100));
+  EXPECT_EQ(state(kAph1), MpaClient::kDisconnected) << "the new master has no stub";
+  EXPECT_EQ(state(kAph2), MpaClient::kConnected);
+}
+
 // The loss of an APH has two outcomes: the master's takes the vertical down at once, another's only loses a
 // stub.
 TEST_F(ChannelTest, LostAphs) {
