@@ -145,10 +145,16 @@ bool MpaClientAppSpecific::FinishInitHandshake(uint32_t sequence, bool success) 
 }
 
 void MpaClientAppSpecific::SendRegistrationAckToVertical(int flag) {
+  told_ = Told::kAck;
   SendStateToVertical(kRmqClientRegistrationAck, flag);
 }
 
+void MpaClientAppSpecific::SendCloseToServedVertical(int flag) {
+  if (told_ == Told::kAck) SendCloseToVertical(flag);
+}
+
 void MpaClientAppSpecific::SendCloseToVertical(int flag) {
+  if (told_.exchange(Told::kClose) == Told::kClose) return;
   ZLOG_INFO("[%s] Send Close Msg to Vertical", app_type_.c_str());
   SendStateToVertical(kRmqClientClose, flag);
 }

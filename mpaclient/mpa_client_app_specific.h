@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -57,7 +58,10 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   bool FinishInitHandshake(uint32_t sequence, bool success);
   /// With `flag` 0 the manager's version goes along.
   void SendRegistrationAckToVertical(int flag);
+  /// Nothing when the vertical has been told since its last ACK: one outage is one CLOSE.
   void SendCloseToVertical(int flag);
+  /// The same, but nothing either when it has had no ACK.
+  void SendCloseToServedVertical(int flag);
   void SendMsgToVertical(const BusRecord& record, int flag);
 
   /// The serialized answer to the manager's unasked app-init config; false when it cannot be serialized.
@@ -99,12 +103,17 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   void SendStateToVertical(BusMessageType msg_type, int flag);
   std::shared_ptr<MpaClient> client() const;
 
+  /// What the vertical was told last of its road to the manager.
+  enum class Told { kNothing, kAck, kClose };
+
   const Vertical& vertical_;
   const UnifiedLayout& layout_;
   const std::string app_type_;
 
   mutable std::mutex client_mutex_;  // guards client_
   std::shared_ptr<MpaClient> client_;
+
+  std::atomic<Told> told_{Told::kNothing};
 
   CallHandleMap calls_;
 

@@ -81,12 +81,13 @@ void MpaClientPrivateBase::updateStubMap() {
 // What the change means for the vertical is told after the update mutex: the vertical may well send, or take
 // its time.
 void MpaClientPrivateBase::UpdateAndTell() {
-  bool handshake = false;
+  Due due;
   {
     std::lock_guard update_lock(update_mutex_);
-    handshake = PerformUpdateStubMap();
+    due = PerformUpdateStubMap();
   }
-  if (!handshake) return;
+  if (due.close) app_specific_->SendCloseToServedVertical(0);
+  if (!due.handshake) return;
   SetConnectionState(kConnected);
   AppInitHandshake();
 }
@@ -105,7 +106,7 @@ bool MpaClientPrivateBase::WaitForInfightStubCreateRequest() {
 }
 
 // With the update mutex held.
-bool MpaClientPrivateBase::PerformUpdateStubMap() {
+MpaClientPrivateBase::Due MpaClientPrivateBase::PerformUpdateStubMap() {
   const char* const name = app_type_.c_str();
   if (WaitForInfightStubCreateRequest()) {
     ZLOG_INFO("[%s] performUpdateStubMap: Re-scheduling self on provider thread", name);
@@ -120,7 +121,7 @@ bool MpaClientPrivateBase::PerformUpdateStubMap() {
         });
     std::lock_guard lock(stub_mutex_);
     reschedule_timer_ = std::move(timer);
-    return false;
+    return {};
   }
   {
     std::lock_guard lock(stub_mutex_);
@@ -132,9 +133,9 @@ bool MpaClientPrivateBase::PerformUpdateStubMap() {
     std::lock_guard lock(aph_mutex_);
     old_map = std::exchange(aph_map_, new_map);
   }
-  const bool handshake = ApplyNewMaps(old_map, new_map);
+  const Due due = ApplyNewMaps(old_map, new_map);
   ZLOG_DEBUG("[%s] performUpdateStubMap End", name);
-  return handshake;
+  return due;
 }
 
 void MpaClientPrivateBase::NewMaster(const std::string& aph) {
@@ -156,11 +157,14 @@ void MpaClientPrivateBase::LoseMasterStub() {
   SetConnectionState(kDisconnected);
 }
 
-bool MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_map,
-                                        const std::map<std::string, bool>& new_map) {
+MpaClientPrivateBase::Due MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_map,
+                                                             const std::map<std::string, bool>& new_map) {
   const char* const name = app_type_.c_str();
+  Due due;
   for (const auto& [aph, was_master] : old_map) {
     if (new_map.count(aph) != 0) continue;
+    // The stream of a stub that is dropped here does not tell its end.
+    if (IsServing(aph)) due.close = true;
     std::shared_ptr<MpStub> dropped;
     std::lock_guard lock(stub_mutex_);
     const auto stub = stub_map_.find(aph);
@@ -180,7 +184,6 @@ bool MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_m
   const std::string master = MasterAph();
   const std::string old_master = FirstMaster(old_map);
   if (master.empty()) LoseMasterStub();
-  bool handshake = false;
   for (const auto& [aph, flag] : new_map) {
     const bool is_master = aph == master;
     bool has_stub = false;
@@ -200,18 +203,18 @@ bool MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_m
     } else if (is_master) {
       if (aph != old_master) {
         NewMaster(aph);
-        handshake = true;
+        due.handshake = true;
       } else {
         ZLOG_INFO("[%s] performUpdateStubMap: No Mastership change.", name);
       }
     }
   }
-  if (handshake) {
+  if (due.handshake) {
     // The new master's stub exists already, so nobody else will set this.
     std::lock_guard lock(stub_mutex_);
     master_stub_ = true;
   }
-  return handshake;
+  return due;
 }
 
 void MpaClientPrivateBase::ScheduleStubCreation(const std::string& aph, int64_t delay_ms) {
@@ -385,6 +388,8 @@ void MpaClientPrivateBase::OnStreamDown(const std::string& aph, rpc::CloseReason
     if (wait_tn_proxy_timer_) wait_tn_proxy_timer_->Cancel();
     wait_tn_proxy_timer_.reset();
   }
+  // Master no more, but the present one, if there is one, cannot be reached yet.
+  if (!is_master && IsServing(aph) && IsMasterStubMissing()) app_specific_->SendCloseToServedVertical(0);
   std::shared_ptr<MpStub> dropped;
   {
     std::lock_guard lock(stub_mutex_);

@@ -387,6 +387,55 @@ TEST_F(ChannelTest, ProxyDiesAndComesBack) {
   EXPECT_EQ(TypesSeenBy(kLldp), expected);
 }
 
+// One outage is one CLOSE, whatever the state was in which it began.
+TEST_F(ChannelTest, OutagesInEveryState) {
+  StartManager();
+  Register(kSwitching);
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  const auto told_since = [this](size_t begin) {
+    std::vector<int32_t> types = TypesSeenBy(kSwitching);
+    EXPECT_EQ(types, TypesSeenBy(kLldp));
+    types.erase(types.begin(), types.begin() + static_cast<std::ptrdiff_t>(begin));
+    return types;
+  };
+  const struct {
+    const char* state;
+    std::function<void()> begin;
+  } outages[] = {
+      {"nobody is master", [this] { manager->SetMaster(""); }},
+      {"the master has no stub",
+       [this] {
+         sim::ProxyInfo info;
+         info.aphs = {{kAph1, false}, {kAph2, false}, {kUnknownAph, true}};
+         manager->PublishRaw(info);
+       }},
+      {"the master is lost and unlisted at once", [this] { manager->RemoveAph(kAph1, false); }},
+  };
+  for (const auto& outage : outages) {
+    SCOPED_TRACE(outage.state);
+    const size_t before = SeenBy(kSwitching).size();
+    outage.begin();
+    clock.RunFor(milliseconds(500));
+    manager->StopProxy();
+    clock.RunFor(seconds(7));
+    EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose));
+    manager->StartProxy();
+    manager->AddAph(kAph1, true);
+    clock.RunFor(seconds(25));
+    EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
+  }
+  // The proxy lives on when the master leaves.
+  const size_t before = SeenBy(kSwitching).size();
+  ASSERT_TRUE(manager->RemoveAph(kAph1, false));
+  clock.RunFor(seconds(1));
+  EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose));
+  ASSERT_TRUE(manager->SetMaster(kAph2));
+  clock.RunFor(seconds(1));
+  EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
+}
+
 // A handshake that fails is tried after 10, 20, 30, 30 seconds without end; a success resets the delay.
 TEST_F(ChannelTest, RefusedAppInitIsRetried) {
   StartManager();
