@@ -110,6 +110,11 @@ void MpaClient::Register(AsioZemProvider& provider, ReceiveCallback callback, co
   ZLOG_INFO("%s Register mpa client", name.c_str());
   Registry& registry = TheRegistry();
   std::lock_guard lock(registry.mutex);
+  if (registry.clients.contains(name)) {
+    // Two services under one name would take each other's requests and answers.
+    ZLOG_ERROR("00106", "%s is registered already, the second registration is refused", name.c_str());
+    return;
+  }
   std::shared_ptr<MpaClient> client =
       MakeMpaClient({provider, std::move(callback), name, id, client_type, port});
   client->self_ = client;

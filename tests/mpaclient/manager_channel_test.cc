@@ -634,6 +634,30 @@ TEST_F(ChannelTest, LateVerticalCatchesUp) {
   EXPECT_THAT(TypesSeenBy("Context-Health"), ElementsAre(kRmqClientRegistrationAck));
 }
 
+// A name has one client: a second one would take the requests of the first and have none of its calls.
+TEST_F(ChannelTest, SecondRegistrationOfANameIsRefused) {
+  StartManager();
+  Register(kLldp);
+  MpaClient::Register(
+      provider, [](rmqClientMessage*) { ADD_FAILURE() << "this client does not exist"; }, kLldp, "unused", 1,
+      9002, 30000000, 5000000);
+  EXPECT_TRUE(log.Contains("LldpVertical is registered already"));
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  on_record = [this](const Seen& record) {
+    if (record.type != kRmqMpRpcRequest) return;
+    EXPECT_EQ(Send(kLldp, kRmqClientRpcResponse, record.header, "answer"), 0);
+  };
+  sim::Manager::SendRequest request;
+  request.vertical = kLldp;
+  request.member = "RawPayloadMsg";
+  request.text = "payload: \"x\"";
+  int status = -1;
+  ASSERT_EQ(manager->Send(request, [&](const sim::HostAnswer& a) { status = a.status.code(); }), "");
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(status, 0);
+}
+
 TEST_F(ChannelTest, UnregisteredVerticalLeavesNothingBehind) {
   StartManager();
   Register(kSwitching);
