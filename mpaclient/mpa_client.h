@@ -146,8 +146,6 @@ class MpaClient {
   UuidCallback uuid_callback_;
   std::weak_ptr<MpaClient> self_;
   std::shared_ptr<TnProxyClientCommon> proxy_client_;
-  boost::intrusive_ptr<RmqClientInterface> bus_client_;
-
   metrics::Frequency& connections_;
   metrics::Frequency& received_;
   metrics::Frequency& sent_;
@@ -162,15 +160,20 @@ class MpaClient {
 
   std::atomic<uint32_t> app_init_seq_num_{0};
 
-  mutable std::shared_mutex connection_mutex_;  // only taken alone; guards the four below
+  mutable std::shared_mutex connection_mutex_;  // only taken alone; guards what follows
+  boost::intrusive_ptr<RmqClientInterface> bus_client_;
   bool connected_ = false;
   ConnectionState connection_state_ = kDisconnected;
   int32_t cookie_ = -1;
   std::shared_ptr<Timer> reconnect_timer_;
+  uint64_t bus_epoch_ = 0;  // raised by each start and end; attempts and timers of an older one are void
 
  private:
-  void ConnectMpaStateTrans();
-  void ScheduleTimer(uint64_t microseconds);
+  boost::intrusive_ptr<RmqClientInterface> bus_client() const;
+  /// Closes the connection.  Hands the bus client over when `released` is not null.
+  void EndBusRoad(boost::intrusive_ptr<RmqClientInterface>* released);
+  void ConnectMpaStateTrans(uint64_t epoch);
+  void ScheduleTimer(uint64_t microseconds, uint64_t epoch);
 
   std::mutex connect_mutex_;  // one attempt at the bus at a time
 };
