@@ -224,25 +224,27 @@ void MpaClient::HandleClose() {
   app_init_completed_ = false;
 }
 
-int MpaClient::SendMessage(rmqClientMessage* message) {
-  int result = -1;
-  if (port_ != kBusPort) {
-    result = SendMsgViaTnProxy(message, "");
-  } else if (const auto bus = bus_client()) {
-    result = bus->SendToVSM(message);
-    if (result != 0) {
-      ZLOG_ERROR("00103", "%s failed to send message to MPA", app_type_.c_str());
-    } else {
-      ZLOG_DEBUG("%s sent message to MPA", app_type_.c_str());
-    }
-  }
+int MpaClient::SendMessage(rmqClientMessage* message) { return SendMessageTo(message, "", nullptr); }
+
+int MpaClient::SendMessageTo(rmqClientMessage* message, const std::string& aph, SendFailure* why) {
+  SendFailure failure = SendFailure::kNone;
+  const bool over_bus = port_ == kBusPort && aph.empty();
+  const int result = over_bus ? SendOverBus(message) : SendMsgViaTnProxy(message, aph, &failure);
+  if (over_bus && result != 0) failure = SendFailure::kRefused;
+  if (why != nullptr) *why = failure;
   if (result == 0) sent_.Mark();
   return result;
 }
 
-int MpaClient::SendMessageTo(rmqClientMessage* message, const std::string& aph) {
-  const int result = SendMsgViaTnProxy(message, aph);
-  if (result == 0) sent_.Mark();
+int MpaClient::SendOverBus(rmqClientMessage* message) {
+  const auto bus = bus_client();
+  if (!bus) return -1;
+  const int result = bus->SendToVSM(message);
+  if (result != 0) {
+    ZLOG_ERROR("00103", "%s failed to send message to MPA", app_type_.c_str());
+  } else {
+    ZLOG_DEBUG("%s sent message to MPA", app_type_.c_str());
+  }
   return result;
 }
 
@@ -282,7 +284,8 @@ rpc::CallHandle<MpaClient::GenericUnifiedMsg> MpaClient::GetFromAppSpecificSeqTo
   return {};
 }
 
-int MpaClient::SendMsgViaTnProxy(rmqClientMessage*, const std::string&) {
+int MpaClient::SendMsgViaTnProxy(rmqClientMessage*, const std::string&, SendFailure* why) {
+  *why = SendFailure::kRefused;
   ZLOG_INFO("Not Implemented");
   return -1;
 }

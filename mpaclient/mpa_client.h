@@ -49,6 +49,13 @@ class MpaClient {
   using ReceiveCallback = std::function<void(rmqClientMessage*)>;
   using UuidCallback = std::function<void(const std::string&)>;
 
+  /// Why a record was not sent.
+  enum class SendFailure {
+    kNone,
+    kNoRoad,   // the APH has no stub: another one, or a later try, may do
+    kRefused,  // the record itself: it will never be sent
+  };
+
   enum ConnectionState : uint32_t { kDisconnected = 1, kConnected = 2 };
 
   /// Port of the verticals that really use the bus.
@@ -86,7 +93,8 @@ class MpaClient {
   virtual void ReleaseAppSpecificInstance();
   virtual rpc::CallHandle<GenericUnifiedMsg> GetFromAppSpecificSeqToCallHandleMap(uint32_t sequence);
   virtual void RegisterWithTnProxyClient();
-  virtual int SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph);
+  /// `aph` empty: the master, or whom the record names.  `why` is set when the result is not 0.
+  virtual int SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph, SendFailure* why);
   /// Both take the observer over: it ends with its call, or is deleted here when no call was started (-1).
   virtual int MsgHandler(const GenericUnifiedMsg& message, const std::string& aph,
                          rpc::CallObserver<VoidMsg>* observer);
@@ -96,8 +104,8 @@ class MpaClient {
   virtual void ReleaseBusClient();
   virtual void CleanUpForStubs();
 
-  /// One record to one APH; -1 when it has no stub.
-  virtual int SendMessageTo(rmqClientMessage* message, const std::string& aph);
+  /// One record to one APH ("" for the master); -1 with the reason in `why`, which may be null.
+  virtual int SendMessageTo(rmqClientMessage* message, const std::string& aph, SendFailure* why);
   /// The APHs that the client knows, and whether each is the master.
   virtual std::map<std::string, bool> Aphs() const;
 
@@ -172,6 +180,7 @@ class MpaClient {
   boost::intrusive_ptr<RmqClientInterface> bus_client() const;
   /// Closes the connection.  Hands the bus client over when `released` is not null.
   void EndBusRoad(boost::intrusive_ptr<RmqClientInterface>* released);
+  int SendOverBus(rmqClientMessage* message);
   void ConnectMpaStateTrans(uint64_t epoch);
   void ScheduleTimer(uint64_t microseconds, uint64_t epoch);
 

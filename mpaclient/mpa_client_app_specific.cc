@@ -295,9 +295,11 @@ bool MpaClientAppSpecific::GetGenericUnifiedMsg(GenericUnifiedMsg* out, const rm
   return true;
 }
 
-int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::string& aph) {
+int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::string& aph,
+                                      MpaClient::SendFailure* why) {
   const char* const name = app_type_.c_str();
   const auto owner = client();
+  *why = MpaClient::SendFailure::kRefused;
   if (!owner) return -1;
   std::string target = aph;
   if (target.empty() && record->routing_key != nullptr && UsesRoutingKeyAsAph(*record))
@@ -309,8 +311,10 @@ int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::strin
   if (!GetGenericUnifiedMsg(&message, *record, id.empty() ? nullptr : &id, &type)) return -1;
   int result = -1;
   if (publish) {
+    *why = MpaClient::SendFailure::kNoRoad;
     result = owner->MsgHandler(message, target, GetVoidMsgObserver().release());
   } else if (auto observer = GetRpcCallObserver(record, 0)) {
+    *why = MpaClient::SendFailure::kNoRoad;
     result = owner->RpcMsgHandler(message, target, observer.release(), 0);
   }
   const std::string tracking = TrackingIdText(message);
@@ -336,12 +340,15 @@ int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::strin
   return result;
 }
 
-int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record) {
+int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record, const std::string& aph,
+                                     MpaClient::SendFailure* why) {
   const char* const name = app_type_.c_str();
+  *why = MpaClient::SendFailure::kRefused;
   const std::string id = HeaderOf(*record).correlation_id;
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg corelationId (%s)", name, id.c_str());
   const bool has_key = record->routing_key != nullptr && record->routing_key[0] != '\0';
   const bool as_message = vertical_.routing_key_as_aph && has_key;
+  const std::string asker = aph.empty() && has_key ? record->routing_key : aph;
   if (auto call = calls_.Take(id)) {
     if (!call->handle && !call->ended) {
       ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg null handle for corelationId: %s", name, id.c_str());
@@ -363,19 +370,18 @@ int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record) {
     // The answer counts as given, since to try again cannot bring the call back.
     ZLOG_INFO("[%s] RespondMsg : The call of corelationId (%s) had ended before its response", name,
               id.c_str());
-    if (as_message) RespondAsMessage(*record, id);
+    if (as_message) RespondAsMessage(*record, id, asker, why);
     return 0;
   }
-  if (as_message) return RespondAsMessage(*record, id);
+  if (as_message) return RespondAsMessage(*record, id, asker, why);
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg Invalid corealtionId (%s) and empty amqpRoutingKey", name,
             id.c_str());
   return -1;
 }
 
 // The call is gone with its proxy; the answer still finds its asker as a message of its own.
-int MpaClientAppSpecific::RespondAsMessage(const rmqClientMessage& record,
-                                           const std::string& correlation_id) {
-  const std::string aph = record.routing_key;
+int MpaClientAppSpecific::RespondAsMessage(const rmqClientMessage& record, const std::string& correlation_id,
+                                           const std::string& aph, MpaClient::SendFailure* why) {
   ZLOG_INFO("[%s] RespondMsg : Sending response as a request to APH (%s), corelationId (%s)",
             app_type_.c_str(), aph.c_str(), correlation_id.c_str());
   const auto owner = client();
@@ -385,6 +391,7 @@ int MpaClientAppSpecific::RespondAsMessage(const rmqClientMessage& record,
       !GetGenericUnifiedMsg(&message, record, KeepAphForResponse() ? &correlation_id : nullptr, &type)) {
     return -1;
   }
+  *why = MpaClient::SendFailure::kNoRoad;
   return owner->MsgHandler(message, aph, GetVoidMsgObserver().release());
 }
 

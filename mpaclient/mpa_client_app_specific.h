@@ -36,10 +36,10 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   virtual ~MpaClientAppSpecific();
 
   /// 0 when the record is on its way.
-  virtual int SendRequest(rmqClientMessage* record, const std::string& aph);
+  virtual int SendRequest(rmqClientMessage* record, const std::string& aph, MpaClient::SendFailure* why);
   /// 0 when the answer was written to its call, also to one that had ended: what could not be built, and what
-  /// has no call and no other road, gives -1.
-  virtual int RespondMsg(rmqClientMessage* record);
+  /// has no call and no other road, gives -1.  An answer without a call goes to `aph`, if it is not empty.
+  virtual int RespondMsg(rmqClientMessage* record, const std::string& aph, MpaClient::SendFailure* why);
   /// Whether an answer that goes as a message of its own keeps its correlation id.
   virtual bool KeepAphForResponse() const { return true; }
   virtual bool UsesRoutingKeyAsAph(const rmqClientMessage& record) const;
@@ -98,7 +98,8 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
                             const std::string* correlation_id, std::string* type_out) const;
   bool GetAppInitUnifiedMsg(GenericUnifiedMsg* out) const;
   bool BuildAppInitMsg(Message* message) const;
-  int RespondAsMessage(const rmqClientMessage& record, const std::string& correlation_id);
+  int RespondAsMessage(const rmqClientMessage& record, const std::string& correlation_id,
+                       const std::string& aph, MpaClient::SendFailure* why);
   bool PopulateObserver(ServiceObserver* observer, const rmqClientMessage& request) const;
   void SendStateToVertical(BusMessageType msg_type, int flag);
   std::shared_ptr<MpaClient> client() const;

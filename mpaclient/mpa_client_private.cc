@@ -200,7 +200,8 @@ int MpaClientPrivateBase::RpcMsgHandler(const GenericUnifiedMsg& message, const 
   return 0;
 }
 
-int MpaClientPrivateBase::SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph) {
+int MpaClientPrivateBase::SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph,
+                                            SendFailure* why) {
   const char* const name = app_type_.c_str();
   ZLOG_DEBUG("[%s] SendMsgViaTnProxy: APH (%s) Message (%d)", name, aph.c_str(),
              static_cast<int>(message->msg_type));
@@ -208,10 +209,11 @@ int MpaClientPrivateBase::SendMsgViaTnProxy(rmqClientMessage* message, const std
     case kRmqVsmPayload:
     case kRmqClientPublish:
     case kRmqClientRpcRequest:
-      return app_specific_->SendRequest(message, aph);
+      return app_specific_->SendRequest(message, aph, why);
     case kRmqClientRpcResponse:
-      return app_specific_->RespondMsg(message);
+      return app_specific_->RespondMsg(message, aph, why);
     default:
+      *why = SendFailure::kRefused;
       ZLOG_INFO("[%s] MpaClientPrivate SendMsgViaTnProxy: Unsupported message (%d)", name,
                 static_cast<int>(message->msg_type));
       return -1;

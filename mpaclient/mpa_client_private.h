@@ -61,7 +61,7 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
   void ReleaseAppSpecificInstance() override;
   rpc::CallHandle<GenericUnifiedMsg> GetFromAppSpecificSeqToCallHandleMap(uint32_t sequence) override;
   void RegisterWithTnProxyClient() override;
-  int SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph) override;
+  int SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph, SendFailure* why) override;
   int MsgHandler(const GenericUnifiedMsg& message, const std::string& aph,
                  rpc::CallObserver<VoidMsg>* observer) override;
   int RpcMsgHandler(const GenericUnifiedMsg& message, const std::string& aph,

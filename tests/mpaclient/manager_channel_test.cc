@@ -277,10 +277,10 @@ TEST_F(ChannelTest, OneRecordToEachAph) {
   record.SetApp(kLldp, "test").SetHeader(header).SetPayload("x");
   for (const auto& [aph, master] : MpaClient::Get(kLldp)->Aphs()) {
     rmqClientMessage message = record.message();
-    EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, aph), 0);
+    EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, aph, nullptr), 0);
   }
   rmqClientMessage message = record.message();
-  EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, "nobody"), -1);
+  EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, "nobody", nullptr), -1);
   clock.RunFor(milliseconds(10));
   EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).size(), 2u);
 }

@@ -119,15 +119,18 @@ bool ManagerSender::SendMsg(const std::string& type, std::string_view data, cons
   return true;
 }
 
-// To the master first; then to whoever takes it, pass after pass over the list as it is at that moment.
+// To the master first; then to whoever takes it, pass after pass over the list as it is at that moment.  What
+// no proxy would take is not offered to the others.
 bool ManagerSender::SendMsgToAph(MpaClient& client, const OutgoingRecord& outgoing, int limit_s) const {
   rmqClientMessage message = outgoing.record.message();
-  if (client.SendMessage(&message) == 0) return true;
+  MpaClient::SendFailure why = MpaClient::SendFailure::kNone;
+  if (client.SendMessageTo(&message, "", &why) == 0) return true;
+  if (why != MpaClient::SendFailure::kNoRoad) return false;
   ZLOG_ERROR("00103", "Error while sending to Primary APH, trying Secondary APH");
   for (int spent_s = 0; spent_s < limit_s; spent_s += kPassPauseS) {
     for (const auto& [aph, master] : client.Aphs()) {
       rmqClientMessage again = outgoing.record.message();
-      if (client.SendMessageTo(&again, aph) == 0) {
+      if (client.SendMessageTo(&again, aph, nullptr) == 0) {
         ZLOG_INFO("[%s] SendMsg to APH: %s succeeded.\n", outgoing.type, aph.c_str());
         return true;
       }

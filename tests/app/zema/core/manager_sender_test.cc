@@ -48,6 +48,24 @@ TEST_F(ManagerSenderTest, TypesAndCorrelations) {
       log.Contains("[SendMsg] Unsupported message type com.orlane.zem.switching.HostSwitchMsg to MPA"));
 }
 
+// What no proxy can take is given up at once; what lacks a road goes to another proxy, an answer whose asker
+// has gone too.
+TEST_F(ManagerSenderTest, OnlyAMissingRoadIsTriedElsewhere) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(seconds(6));
+  const TimePoint begin = clock.Now();
+  EXPECT_FALSE(Send("VifMsg", "", "", "\xff\xff"));
+  EXPECT_FALSE(Send("HostConfigMsg", "nobody asked", "")) << "no call and no reply-to";
+  EXPECT_EQ(log.Count("trying Secondary APH"), 0u);
+  ASSERT_TRUE(Send("HostConfigMsg", "c-8", "0a000000-0000-4000-8000-000000000009"));
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Last().correlation_id, "c-8");
+  EXPECT_EQ(log.Count("trying Secondary APH"), 1u);
+  EXPECT_LT(clock.Now() - begin, seconds(1));
+}
+
 // Without the manager a message waits as long as leaves time for an answer, then it is dropped.
 TEST_F(ManagerSenderTest, WaitsForTheManager) {
   Register(kSwitching);
