@@ -291,6 +291,8 @@ bool MpaClientAppSpecific::GetGenericUnifiedMsg(GenericUnifiedMsg* out, const rm
     out->mutable_ctrl_header()->set_correlation_id(*correlation_id);
     tracking = ParseUuid(*correlation_id);
   }
+  // The id that the sender has logged is the one that the manager sees.
+  if (!tracking) tracking = ParseUuid(header.message_id);
   SetUuid(tracking ? *tracking : RandomUuid(), out->mutable_cookies()->mutable_tracking_id());
   return true;
 }

@@ -28,6 +28,7 @@ constexpr const char* kApp = "SwitchingVertical";
 constexpr const char* kPrefix = "com.orlane.zem.switching.";
 constexpr const char* kVifType = "com.orlane.zem.switching.VifMsg";
 constexpr const char* kHostMessageResponse = "com.orlane.zem.switching.HostMessageResponse";
+constexpr const char* kRequestClass = "com.orlane.zem.customer.ClientRpcRequest";
 constexpr const char* kJsonContent = "application/json";
 
 // What is left of the time limit for the manager's answer after a message has gone out.
@@ -103,6 +104,8 @@ bool ManagerSender::SendMsg(const std::string& type, std::string_view data, cons
   }
   BusHeader header;
   header.type_id = type;
+  header.msg_class = kRequestClass;
+  header.message_id = RandomUuidText();
   header.correlation_id = row->correlation != nullptr ? row->correlation : correlation_id;
   OutgoingRecord outgoing{BusRecord(row->record), type.c_str()};
   outgoing.record.SetApp(kApp, "unused")
@@ -115,7 +118,7 @@ bool ManagerSender::SendMsg(const std::string& type, std::string_view data, cons
     ZLOG_ERROR("00103", "[%s] failed to send message (type:%s) to mpa\n", __func__, type.c_str());
     return false;
   }
-  if (message_id != nullptr) *message_id = RandomUuidText();
+  if (message_id != nullptr) *message_id = header.message_id;
   return true;
 }
 
