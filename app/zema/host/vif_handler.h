@@ -13,7 +13,7 @@ class VifHandler {
   virtual ~VifHandler() = default;
 
   /// The whole operation.  Its outcome is in the request: the error text, or the result text.  `waiter` is
-  /// the calling thread, which holds its monitor: what waits for the manager waits on that.
+  /// the calling thread, which holds its monitor: it is free while the operation waits for the manager.
   virtual void DoVifPortOperation(VifRequest& request, Thread& waiter) = 0;
 
   /// The host management ends: operations under way wait for nothing any more.
