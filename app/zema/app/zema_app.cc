@@ -181,8 +181,9 @@ std::shared_ptr<zema::CoveDbHandler> ZemaApp::Impl::GetCoveDbHandler() {
     settings.client = store_client_;
     settings.timers = &provider_.timers();
     settings.retry_interval = [this] { return options_.Snapshot().ls_db_retry_interval; };
-    settings.enqueue = [](zema::CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync) {
-      zema::EnqueueCovedbUpdate(zema::Workers(), kind, std::move(update), full_sync);
+    settings.enqueue = [](zema::CovedbUpdateKind kind, covedb::MonitorUpdateMsg update,
+                          zema::CovedbOrigin origin) {
+      zema::EnqueueCovedbUpdate(zema::Workers(), kind, std::move(update), origin);
     };
     if (edge_) {
       settings.maintenance_action = [this](const zema::RawBusMessage& request) {
