@@ -246,7 +246,10 @@ void CoveDbHandler::OnChannelStatus(bool up) {
     const Synchronizer lock(*this, __FILE__, __LINE__);
     const bool rises = up && !channel_up_;
     channel_up_ = up;
-    if (!up) initial_sync_done_ = false;
+    if (!up) {
+      initial_sync_done_ = false;
+      ++connection_;
+    }
     if (!rises) return;
     origin.epoch = epoch_;
     origin.connection = connection_;

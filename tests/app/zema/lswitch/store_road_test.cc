@@ -356,6 +356,20 @@ TEST_F(StoreRoadTest, AFlushVoidsAReadingThatIsUnderWay) {
   EXPECT_TRUE(log.Contains("the answer of the store is dropped"));
 }
 
+// The connection goes between the switches of a transaction and its mark.
+TEST_F(StoreRoadTest, ATransactionThatIsCutIsNotPartOfTheNextReading) {
+  Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
+  lost_marks = 1;
+  Change(PutLogicalSwitches({100, 5, 1, 1}, 6, false));
+  clock.RunFor(1s);
+  EXPECT_EQ(lost_marks, 0);
+  StartStore();
+  Change(PutLogicalSwitches({7, 1, 1, 1}, 7, true));
+  clock.RunFor(20s);
+  EXPECT_EQ(host.networks(), (std::map<std::string, std::string>{{LogicalSwitchUuid(7), "ls-7:1"}}));
+  EXPECT_TRUE(log.Contains("a transaction that was cut after 5 entities is dropped"));
+}
+
 TEST_F(StoreRoadTest, TheStateOfAVifGoesToItsRealizer) {
   RecordingVifs vifs;
   context->vif_states = &vifs;
