@@ -1,0 +1,106 @@
+// Host configurations from their message to the host and back, with the agent's end at any point in between.
+
+#include "tests/app/zema/hostconfig/host_config_fixture.h"
+
+namespace zem::zema {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+TEST_F(HostConfigTest, SwitchesComeAndGo) {
+  EXPECT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+  EXPECT_EQ(RouterOf(kOverlay), "connected");
+  EXPECT_THAT(Apply(kNode + std::string("revision: \"2\" ") + kOne), HasSubstr("error_code: 0"));
+  EXPECT_THAT(state->SwitchIds(), ElementsAre(kVlanSwitch));
+  EXPECT_EQ(RouterOf(kOverlay), "none");
+  EXPECT_FALSE(files.ApplyUnfinished());
+}
+
+// The file of the node goes before its switches do, so the mark has to say what was under way.
+TEST_F(HostConfigTest, ARemovalThatWasCutIsFinishedByTheNextStart) {
+  for (const bool reset : {false, true}) {
+    for (const char* point : {"op 11", "CheckQUBiVersion70AndUnusedCkln", "applyDvsList(", "op 15"}) {
+      SCOPED_TRACE(std::string(point) + (reset ? " reset" : " removal"));
+      StartProcess();
+      ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+      KillAt(point);
+      const auto remove = [&] {
+        reset ? RemoveHostSwitches(process->context) : Apply(R"(id: "c1" revision: "-1")");
+      };
+      EXPECT_THROW(remove(), Killed);
+      ASSERT_TRUE(files.ApplyUnfinished());
+      StartProcess();
+      FinishHostConfig(process->context);
+      EXPECT_THAT(state->SwitchIds(), IsEmpty());
+      EXPECT_EQ(RouterOf(kOverlay), "none");
+      EXPECT_FALSE(files.HasHostConfigFile());
+      EXPECT_FALSE(files.ApplyUnfinished());
+      EXPECT_FALSE(process->host.id());
+      EXPECT_TRUE(script.Heard("15:")) << "the host forgets its node id";
+    }
+  }
+}
+
+// The switch that leaves is in no stored message any more when the agent starts again.
+TEST_F(HostConfigTest, ARouterThatWasToGoGoesAlsoAfterAKill) {
+  ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+  KillAt("CheckQUBiVersion70AndUnusedCkln");
+  EXPECT_THROW(Apply(kNode + std::string("revision: \"2\" ") + kOne), Killed);
+  StartProcess();
+  FinishHostConfig(process->context);
+  EXPECT_EQ(RouterOf(kOverlay), "none");
+  EXPECT_THAT(state->SwitchIds(), ElementsAre(kVlanSwitch));
+}
+
+// Nobody hears of it, so the agent goes on by itself, and does not say that all is as it was asked.
+TEST_F(HostConfigTest, WhatAStartCannotFinishIsTriedAgainUntilItHolds) {
+  KillAt("applyDvses(");
+  EXPECT_THROW(Apply(kNode + std::string("revision: \"1\" ") + kTwo), Killed);
+  StartProcess();
+  script.Script("CheckQUBiVersion70AndUnusedCkln()", {"busy"});
+  FinishHostConfig(process->context);
+  EXPECT_TRUE(files.not_in_force());
+  ASSERT_TRUE(files.ApplyUnfinished());
+  EXPECT_EQ(process->later_after, 30s);
+  for (const auto next : {60s, 120s, 240s, 480s, 600s, 600s}) {
+    std::exchange(process->later, nullptr)();
+    EXPECT_EQ(process->later_after, next);
+  }
+  // What throws is a failure as any other.
+  script.before = [](const std::string&) { throw std::runtime_error("bad alloc"); };
+  std::exchange(process->later, nullptr)();
+  ASSERT_TRUE(process->later);
+  EXPECT_TRUE(files.not_in_force());
+  script.before = nullptr;
+  script.Script("CheckQUBiVersion70AndUnusedCkln()", {"ok|1,0"});
+  const auto last = std::exchange(process->later, nullptr);
+  last();
+  EXPECT_FALSE(files.not_in_force());
+  EXPECT_FALSE(files.ApplyUnfinished());
+  EXPECT_FALSE(process->later);
+  EXPECT_EQ(RouterOf(kOverlay), "connected");
+  script.commands.clear();
+  last();
+  EXPECT_THAT(script.commands, IsEmpty()) << "it holds already";
+}
+
+TEST_F(HostConfigTest, ANewerConfigurationEndsTheTriesToFinishTheOneBefore) {
+  KillAt("applyDvses(");
+  EXPECT_THROW(Apply(kNode + std::string("revision: \"1\" ") + kTwo), Killed);
+  StartProcess();
+  script.Script("CheckQUBiVersion70AndUnusedCkln()", {"busy"});
+  FinishHostConfig(process->context);
+  ASSERT_TRUE(process->later);
+  EXPECT_THAT(Apply(kNode + std::string("revision: \"2\" ") + kOne), HasSubstr("busy"));
+  EXPECT_FALSE(files.not_in_force()) << "this failure the manager knows";
+  script.commands.clear();
+  process->later();
+  EXPECT_THAT(script.commands, IsEmpty());
+}
+
+}  // namespace
+}  // namespace zem::zema
