@@ -216,6 +216,7 @@ void HostConfigTaskQub::Persist() {
   if (message_.has_transport_node_id()) {
     context_->host.SetHostId(message_.transport_node_id());
     context_->follow_ups.UpdateTnUuidInFile(message_.transport_node_id());
+    context_->state.del_zem_running = false;
     // A node that was removed and comes again over the same registration gets no other sign to watch the
     // store.
     if (context_->store != nullptr) context_->store->ResumeMonitors();

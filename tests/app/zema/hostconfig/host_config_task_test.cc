@@ -102,5 +102,14 @@ TEST_F(HostConfigTest, ANewerConfigurationEndsTheTriesToFinishTheOneBefore) {
   EXPECT_THAT(script.commands, IsEmpty());
 }
 
+// After a reset the host takes no logical switches, until it is a node again.
+TEST_F(HostConfigTest, AConfigurationAfterAResetTakesLogicalSwitchesAgain) {
+  ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+  EXPECT_EQ(RemoveHostSwitches(process->context), "");
+  EXPECT_TRUE(process->state.del_zem_running);
+  Apply(kNode + std::string("revision: \"2\" ") + kTwo);
+  EXPECT_FALSE(process->state.del_zem_running);
+}
+
 }  // namespace
 }  // namespace zem::zema
