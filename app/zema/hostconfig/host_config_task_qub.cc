@@ -239,6 +239,7 @@ void HostConfigTaskQub::RemoveNode() {
   }
   ZLOG_INFO("Cleared all Opaque LogicalSwitches during TN delete");
   context_->host.UnsetHostId();
+  context_->leave_maintenance();
   if (context_->files.DeleteConfigFiles() != 0) {
     errors_.Add(ErrorSink::kGeneral, "Failed to delete the stored configuration.");
   }

@@ -111,5 +111,12 @@ TEST_F(HostConfigTest, AConfigurationAfterAResetTakesLogicalSwitchesAgain) {
   EXPECT_FALSE(process->state.del_zem_running);
 }
 
+TEST_F(HostConfigTest, ARemovalEndsTheMaintenanceModeOfTheNode) {
+  ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+  EXPECT_EQ(process->left_maintenance, 0);
+  Apply(R"(id: "c1" revision: "-1")");
+  EXPECT_EQ(process->left_maintenance, 1);
+}
+
 }  // namespace
 }  // namespace zem::zema
