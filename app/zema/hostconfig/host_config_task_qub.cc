@@ -74,7 +74,8 @@ void HostConfigTaskQub::ScheduleFollowUps() {
 HostConfigTask::HostConfigMsg HostConfigTaskQub::BuildReply() {
   endpoint_ids_ = vteps_.endpoint_ids;
   HostConfigMsg reply = HostConfigTask::BuildReply();
-  if (errors_.code() == 0 && message_.host_switches_size() > 0) {
+  // The wait is for the answer's sake: who reads it may ask for ports at once.
+  if (sender_ != nullptr && errors_.code() == 0 && message_.host_switches_size() > 0) {
     context_->follow_ups.WaitForHostManagement(options_.vif_operation_timeout);
   }
   return reply;
