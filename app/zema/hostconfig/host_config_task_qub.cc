@@ -196,6 +196,7 @@ bool HostConfigTaskQub::Finish(const UnfinishedApply& unfinished) {
     ZLOG_ERROR("41531", "[%s] ApplyHostConfig error, Error: %s", __func__, outcome.error_text().c_str());
     return false;
   }
+  ScheduleFollowUps();
   return true;
 }
 

@@ -71,6 +71,7 @@ class HostScript final : public FakeLumCommands {
 
   std::function<void(const std::string&)> before;
   std::map<std::string, std::string> rpc_failures;
+  bool unused_ckln = false;
 
  private:
   static std::vector<std::string> Split(const std::string& text, char sign) {
@@ -103,7 +104,7 @@ class HostScript final : public FakeLumCommands {
         const bool stays = std::find(kept.begin(), kept.end(), id) != kept.end();
         EXPECT_TRUE(stays || state_.RemoveSwitch(id));
       }
-      return "0|ok";
+      return unused_ckln ? "1|ok" : "0|ok";
     }
     if (name == "applyDvses") {
       for (const std::string& record : Split(arguments, ';')) {

@@ -118,5 +118,16 @@ TEST_F(HostConfigTest, ARemovalEndsTheMaintenanceModeOfTheNode) {
   EXPECT_EQ(process->left_maintenance, 1);
 }
 
+// Nobody is answered, so nobody waits for the host management; what follows an answer follows all the same.
+TEST_F(HostConfigTest, AConfigurationFinishedAtTheStartHasItsFollowUpsAndNoWait) {
+  KillAt("applyDvses(");
+  EXPECT_THROW(Apply(kNode + std::string("revision: \"1\" ") + kTwo), Killed);
+  StartProcess();
+  script.unused_ckln = true;
+  FinishHostConfig(process->context);
+  EXPECT_FALSE(files.ApplyUnfinished());
+  EXPECT_THAT(process->follow_ups.notes, ElementsAre("hot swap"));
+}
+
 }  // namespace
 }  // namespace zem::zema
