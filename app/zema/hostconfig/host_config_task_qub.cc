@@ -37,6 +37,39 @@ constexpr const char* kThreadName = "zema:HstCfg";
 constexpr const char* kTypeName = "com.orlane.zem.switching.HostConfigMsg";
 constexpr int kAddressRetries = 20;
 
+// What a configuration sets before it is stored.  One that is refused before that leaves it as it was, so
+// that the next one begins as this one did; the id in the controllers' file comes again with it.
+class StateBeforeStored {
+ public:
+  explicit StateBeforeStored(HostConfigContext& context)
+      : context_(context),
+        had_id_(context.host.id().has_value()),
+        down_(context.health.status_down()),
+        first_iteration_(context.state.first_iteration_post_upgrade),
+        kln_follows_health_(context.state.kln_follows_health) {}
+  ~StateBeforeStored() {
+    if (kept_) return;
+    if (!had_id_) context_.host.UnsetHostId();
+    if (context_.health.status_down() != down_) {
+      down_ ? context_.health.setZemaStatusDown() : context_.health.setZemaStatusUp();
+    }
+    context_.state.first_iteration_post_upgrade = first_iteration_;
+    context_.state.kln_follows_health = kln_follows_health_;
+  }
+  StateBeforeStored(const StateBeforeStored&) = delete;
+  StateBeforeStored& operator=(const StateBeforeStored&) = delete;
+
+  void Keep() { kept_ = true; }
+
+ private:
+  HostConfigContext& context_;
+  const bool had_id_;
+  const bool down_;
+  const bool first_iteration_;
+  const bool kln_follows_health_;
+  bool kept_ = false;
+};
+
 }  // namespace
 
 HostConfigTaskQub::HostConfigTaskQub(std::shared_ptr<HostConfigContext> context, MpaMessageSender* sender,
@@ -85,6 +118,7 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   ZLOG_INFO(" In %s with upgradeCase : %d, reset : %d \n", __func__, upgrade, reset);
   bool extra_config = false;
   const bool first = !context_->host.id();
+  StateBeforeStored before(*context_);
   {
     const MonitorLock lock(monitor_);
     TakeHealth();
@@ -110,6 +144,7 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
     InterfaceMigration check(context_->lum, errors_, context_->migration, {});
     if (!check.ValidateHostConfigMsgForMigration(reset)) return;
   }
+  before.Keep();
   CreateGuestLaneInterface();
   // A switch that an earlier process knew may not be in this one's record any more.
   routers_before_.merge(RouterMacTexts(context_->health.dvs_vdr_macs()));
@@ -152,8 +187,6 @@ bool HostConfigTaskQub::PreCheck(bool first, bool upgrade, bool reset) {
     return true;
   }
   ZLOG_ERROR("42083", "[%s] %s", __func__, reply.c_str());
-  // The next try is a first one as well.
-  context_->host.UnsetHostId();
   errors_.Add(
       ErrorSink::kGeneral,
       "Cannot perform install due to an existing VM on the host. Please put QUB in the maintenance mode "

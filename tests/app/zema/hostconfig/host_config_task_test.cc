@@ -129,5 +129,38 @@ TEST_F(HostConfigTest, AConfigurationFinishedAtTheStartHasItsFollowUpsAndNoWait)
   EXPECT_THAT(process->follow_ups.notes, ElementsAre("hot swap"));
 }
 
+// What is refused before anything is stored leaves nothing behind: the next one is a first one again, and is
+// checked as such.
+TEST_F(HostConfigTest, ARefusedFirstConfigurationLeavesNothingBehind) {
+  for (const char* dvs : {kOverlay, kVlanSwitch}) ASSERT_TRUE(state->RemoveSwitch(dvs));
+  const struct {
+    const char* reason;
+    std::function<void()> prepare;
+    std::string switches;
+  } cases[] = {
+      {"ZEMA Lum not ready", [this] { process->health.setZemaLumNotReady(); }, kTwo},
+      {"Cannot perform install due to an existing VM",
+       [this] { script.rpc_failures["op 19"] = "VM [a] is running"; }, kTwo},
+      {"Malformed", [] {}, R"(host_switches { id: "502e" name: "ks-1" type: 3 })"},
+  };
+  for (const auto& c : cases) {
+    StartProcess();
+    c.prepare();
+    EXPECT_THAT(Apply(kNode + std::string("zem_down: true revision: \"1\" ") + c.switches),
+                testing::Not(HasSubstr("error_code: 0")));
+    EXPECT_FALSE(process->host.id()) << c.reason;
+    EXPECT_FALSE(process->health.status_down()) << c.reason;
+    EXPECT_FALSE(process->state.kln_follows_health) << c.reason;
+    EXPECT_FALSE(files.HasHostConfigFile()) << c.reason;
+    script.rpc_failures.clear();
+    script.commands.clear();
+    process->health.setZemaLumReady();
+    EXPECT_THAT(Apply(kNode + std::string("revision: \"2\" ") + kTwo), HasSubstr("error_code: 0"));
+    EXPECT_TRUE(script.Heard("19:")) << c.reason;
+    EXPECT_EQ(process->host.id(), "node-1");
+    ASSERT_THAT(Apply(R"(id: "c1" revision: "-1")"), HasSubstr("error_code: 0"));
+  }
+}
+
 }  // namespace
 }  // namespace zem::zema
