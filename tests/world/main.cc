@@ -11,11 +11,13 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "sim/host/host_state.h"
 #include "sim/node/sandbox.h"
 #include "sim/switch/library_folder.h"
 #include "tests/world/world_life.h"
@@ -33,6 +35,12 @@ int Live(const zem::world::WorldLife::Options& options) {
       for (const std::string& line : lines)
         std::printf("seed %llu: %s\n", static_cast<unsigned long long>(options.seed), line.c_str());
       std::fflush(stdout);
+      if (options.log != nullptr && !lines.empty()) {
+        std::ifstream frames(zem::sim::HostState::DefaultRoot() + "/host/frames.log");
+        for (std::string line; std::getline(frames, line);)
+          std::fprintf(options.log, "frame %s\n", line.c_str());
+        std::fflush(options.log);
+      }
       // What is wrong already may hang at its end.
       if (!lines.empty()) ::_exit(1);
     }

@@ -376,11 +376,15 @@ void WorldLife::MisanswerVif() {
 void WorldLife::BreakStore() { Chance(2) ? node_.store->StopListening() : node_.store->Listen(); }
 
 void WorldLife::FailStoreCall() {
-  constexpr std::array kCalls = {"Modify", "ConfigureMonitor", "Monitor", "Get", "GetVDbId"};
+  constexpr std::array kCalls = {"Modify", "Get", "Query"};
   node_.store->faults().SetStatus(kCalls[Pick(kCalls.size())], 14, static_cast<int>(1 + Pick(3)));
 }
 
-void WorldLife::EndStreams() { node_.store->store().EndStreams("", rpc::Status(14, "the store ends it")); }
+void WorldLife::EndStreams() {
+  // The store has forgotten the stream, or has lost the thread of what it has told.
+  constexpr std::array kCodes = {2, 12};
+  node_.store->store().EndStreams("", rpc::Status(kCodes[Pick(2)], "the store ends it"));
+}
 
 void WorldLife::FailCommand() {
   constexpr std::array kWhat = {"^applyDvses(\\(|=|$)",
