@@ -21,7 +21,8 @@ constexpr int kForeignStepMs = 20;
 
 int PollRealUntil(pollfd* descriptors, nfds_t count, TimePoint deadline) {
   for (;;) {
-    const Duration left = deadline - Clock::Process().Now();
+    const Clock& clock = Clock::Process();
+    const Duration left = clock.OnMachine(deadline) - clock.OnMachine(clock.Now());
     const int64_t ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
     const int ready = PollIdle(descriptors, count, static_cast<int>(std::clamp<int64_t>(ms, 0, kLongestMs)));
     if (ready != 0 || ms <= kLongestMs) return ready;
