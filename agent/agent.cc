@@ -28,6 +28,7 @@
 #include "framework/options.h"
 #include "framework/platform_info.h"
 #include "framework/shutdown_pipe.h"
+#include "framework/syslog_sink.h"
 #include "mpaclient/tn_proxy_client_common.h"
 #include "platform/core/metrics.h"
 #include "platform/core/metrics_collector.h"
@@ -88,7 +89,15 @@ void IgnoreBrokenPipes() {
   ::sigaction(SIGPIPE, &action, nullptr);
 }
 
-void ExitAtOnce(int) { ::_Exit(0); }
+SyslogSink* the_syslog = nullptr;
+
+void ExitAtOnce(int) {
+  if (the_syslog != nullptr) {
+    the_syslog->Exit(0);
+  } else {
+    ::_Exit(0);
+  }
+}
 
 void InstallExitHandlers() {
   struct sigaction action {};
@@ -178,6 +187,7 @@ bool Agent::Impl::LoadConfiguration() {
   ApplyLoggingOptions();
   ::openlog(kProcessName, LOG_PID, LOG_DAEMON);
   ::setlogmask(255);
+  the_syslog = &Logger::StartSyslog(kProcessName);
   ZLOG_INFO("Build Number: %s", BuildInfo::c_str());
   ApplyTracingOptions();
   ApplyModeOptions();
@@ -328,6 +338,7 @@ void Agent::Impl::Stop() {
   tarvik_group_.reset();
   TnProxyClientCommon::Release();
   provider_.reset();
+  if (the_syslog != nullptr) the_syslog->Stop();
 }
 
 Agent::Agent(Settings settings) : impl_(std::make_unique<Impl>(settings)) {}
