@@ -249,6 +249,7 @@ void Agent::Impl::StartStore() {
   cli_server_ = new CliServer(framework_group_);
   cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
+  cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
 }
 
