@@ -60,8 +60,9 @@ Road::Road(const zema::LumSettings& settings) : lum_(std::make_unique<KeepingLum
   handler.client = client_;
   handler.timers = &agent_.timers();
   handler.retry_interval = [] { return 30; };
-  handler.enqueue = [this](zema::CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync) {
-    zema::EnqueueCovedbUpdate(workers_, kind, std::move(update), full_sync);
+  handler.enqueue = [this](zema::CovedbUpdateKind kind, covedb::MonitorUpdateMsg update,
+                           zema::CovedbOrigin origin) {
+    zema::EnqueueCovedbUpdate(workers_, kind, std::move(update), origin);
   };
   handler_ = std::make_shared<zema::CoveDbHandler>(handler);
   context_ = std::make_shared<zema::LogicalSwitchContext>(*lum_, handler_);

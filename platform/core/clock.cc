@@ -38,6 +38,8 @@ Clock::AlarmId Clock::SetAlarm(TimePoint, AlarmFunction) {
 
 bool Clock::CancelAlarm(AlarmId) { return false; }
 
+Clock::WatchId Clock::Watch(const pollfd*, size_t) { return 0; }
+
 WorkToken::WorkToken() : clock_(&Clock::Process()) {
   if (clock_->IsVirtual()) {
     clock_->BeginWork();

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+
+struct pollfd;
 
 namespace zem {
 
@@ -42,6 +45,12 @@ class Clock {
   /// Work that is under way or on its way to a thread; time stands still while there is any.
   virtual void BeginWork() {}
   virtual void EndWork() {}
+
+  /// Descriptors that a thread is about to wait for without counting as working: what is in them is work on
+  /// its way to that thread.
+  using WatchId = uint64_t;
+  virtual WatchId Watch(const pollfd* descriptors, size_t count);
+  virtual void Unwatch(WatchId) {}
 
  protected:
   static void Install(Clock* clock);

@@ -29,6 +29,8 @@ struct RequestOrigin {
   MpaMessageSender* sender = nullptr;
   std::string correlation_id;
   std::string reply_to;
+  /// The bus header as it came.
+  std::string header;
 };
 
 /// The host's side of VIFs: what the manager asks of single ports.  This default takes nothing.

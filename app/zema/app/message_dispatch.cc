@@ -39,7 +39,7 @@ MessageDispatch::MessageDispatch(Settings settings) : settings_(std::move(settin
 
 void MessageDispatch::ProcessReceiveMessages(const std::string& message_key, const std::string& type,
                                              std::string_view payload, const std::string& correlation_id,
-                                             const std::string& reply_to) {
+                                             const std::string& reply_to, const std::string& header) {
   if (payload.empty()) {
     ZLOG_ERROR("41519", "[%s] NULL/empty payload of length [%d]\n", kTag, 0);
     return;
@@ -47,7 +47,7 @@ void MessageDispatch::ProcessReceiveMessages(const std::string& message_key, con
   if (std::string_view(type).substr(0, kPrefix.size()) == kPrefix) {
     for (const Row& row : kRows) {
       if (std::string_view(type).substr(kPrefix.size()) != row.type) continue;
-      (this->*row.take)({message_key, payload, {settings_.sender, correlation_id, reply_to}});
+      (this->*row.take)({message_key, payload, {settings_.sender, correlation_id, reply_to, header}});
       return;
     }
   }

@@ -56,10 +56,10 @@ class MessageDispatch {
 
   explicit MessageDispatch(Settings settings);
 
-  /// `type` is the full name of the message.
+  /// `type` is the full name of the message, `header` the bus header's bytes.
   void ProcessReceiveMessages(const std::string& message_key, const std::string& type,
                               std::string_view payload, const std::string& correlation_id,
-                              const std::string& reply_to);
+                              const std::string& reply_to, const std::string& header = {});
 
  private:
   struct Incoming {

@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 
 #include "app/zema/app/follow_ups.h"
+#include "app/zema/common/function_task.h"
 #include "app/zema/common/thread_log_context.h"
 #include "app/zema/common/worker_table.h"
 #include "app/zema/core/health_record.h"
@@ -55,6 +57,7 @@
 #include "framework/shutdown_pipe.h"
 #include "framework/util.h"
 #include "platform/core/stop_signal.h"
+#include "platform/core/timer.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {
@@ -121,11 +124,14 @@ class Realization::Impl {
   Synchronizable port_lock_;
   StopSignal vifs_end_;
   std::shared_ptr<VifContext> vifs_;
+  std::mutex later_mutex_;  // guards later_
+  std::shared_ptr<Timer> later_;
 
  private:
   bool OpenLibraries();
   void MakeManagers();
   bool Pause(Duration duration);
+  void RunLater(Duration delay, std::function<void()> work);
   void ScheduleHighPerformance();
   LumSettings LumSettingsOf(const RealizationOptions& options);
   void CleanUp();
@@ -236,9 +242,29 @@ void Realization::Impl::MakeManagers() {
       },
       [this] { ScheduleHighPerformance(); });
   host_config_ = std::make_shared<HostConfigContext>(HostConfigContext{
-      *lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_, migration_, *health_,
-      Host(), *options, *settings_.files, settings_.store.get(), *settings_.state, *follow_ups_,
-      settings_.applied, [this](Duration duration) { return Pause(duration); }, port_lock_});
+      *lum_,
+      *library_,
+      *ports_,
+      *switches_,
+      *routers_,
+      *endpoints_,
+      *high_performance_,
+      migration_,
+      *health_,
+      Host(),
+      *options,
+      *settings_.files,
+      settings_.store.get(),
+      *settings_.state,
+      *follow_ups_,
+      settings_.applied,
+      [this](Duration duration) { return Pause(duration); },
+      port_lock_,
+      [this] {
+        manager_->SetMaintenanceMode(false);
+        health_->exitTnMmode();
+      },
+      [this](Duration delay, std::function<void()> work) { RunLater(delay, std::move(work)); }});
   vifs_ = std::make_shared<VifContext>(
       VifContext{*ports_, *manager_, *lum_, migration_, resync_state_, port_lock_,
                  [options] { return options->Snapshot().pre_check_health; },
@@ -257,6 +283,15 @@ void Realization::Impl::MakeManagers() {
   logical_switches_->sender = settings_.sender;
   logical_switches_->options = [options] { return options->Snapshot(); };
   logical_switches_->del_zem_running = [state = settings_.state] { return state->del_zem_running.load(); };
+}
+
+void Realization::Impl::RunLater(Duration delay, std::function<void()> work) {
+  const std::lock_guard lock(later_mutex_);
+  if (later_) later_->Cancel();
+  if (stopping_.stopped()) return;
+  later_ = settings_.timers->Schedule(delay, [workers = settings_.workers, work = std::move(work)] {
+    workers->AddTask(Worker::kHostSync, std::make_unique<FunctionTask>(work));
+  });
 }
 
 // Ends early, with false, when the agent stops or this start is given up.
@@ -374,7 +409,7 @@ void Realization::Impl::RestoreHostSwitch() {
   }
   ZLOG_INFO("Upgrading - restoring backup HostConfigMsg [%s]", text.c_str());
   try {
-    HostConfigTaskQub task(host_config_, nullptr, "", "", std::move(backup), "");
+    HostConfigTaskQub task(host_config_, nullptr, "", "", std::move(backup), "", "");
     task.ApplyHostConfig(true, false);
   } catch (const std::exception&) {
     ZLOG_ERROR("41531", "[%s] ApplyHostConfig caught exception", __func__);
@@ -435,6 +470,11 @@ std::string Realization::Impl::CleanUpSwitches(bool force) {
 void Realization::Impl::Stop(int reason) {
   if (reason == kDone) settings_.workers->SetZemaShutDown();
   stopping_.Stop();
+  {
+    const std::lock_guard lock(later_mutex_);
+    if (later_) later_->Cancel();
+    later_.reset();
+  }
   if (health_) health_->setShuttingDown();
   if (follow_ups_) follow_ups_->SetHostManagement(nullptr);
   switch (reason) {

@@ -12,6 +12,10 @@ namespace orlane::zem::switching {
 class HostConfigMsg;
 }
 
+namespace zem {
+class TimerFactory;
+}
+
 namespace zem::zema {
 
 class ConfigFiles;
@@ -42,6 +46,7 @@ class Realization {
     ConfigFiles* files = nullptr;
     HostConfigState* state = nullptr;
     WorkerTable* workers = nullptr;
+    TimerFactory* timers = nullptr;
     /// Null on a host without store.
     std::shared_ptr<CoveDbHandler> store;
     std::function<void(const orlane::zem::switching::HostConfigMsg&)> applied;

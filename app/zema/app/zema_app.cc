@@ -71,6 +71,11 @@ bool KeepsLogicalSwitchesInStore(uint32_t major, uint32_t minor) {
   return major >= 3 || (major == 2 && minor > 4);
 }
 
+std::string HeaderBytes(const BusHeader& header) {
+  const std::vector<uint8_t> bytes = header.Encode();
+  return {bytes.begin(), bytes.end()};
+}
+
 }  // namespace
 
 class ZemaApp::Impl {
@@ -181,8 +186,9 @@ std::shared_ptr<zema::CoveDbHandler> ZemaApp::Impl::GetCoveDbHandler() {
     settings.client = store_client_;
     settings.timers = &provider_.timers();
     settings.retry_interval = [this] { return options_.Snapshot().ls_db_retry_interval; };
-    settings.enqueue = [](zema::CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync) {
-      zema::EnqueueCovedbUpdate(zema::Workers(), kind, std::move(update), full_sync);
+    settings.enqueue = [](zema::CovedbUpdateKind kind, covedb::MonitorUpdateMsg update,
+                          zema::CovedbOrigin origin) {
+      zema::EnqueueCovedbUpdate(zema::Workers(), kind, std::move(update), origin);
     };
     if (edge_) {
       settings.maintenance_action = [this](const zema::RawBusMessage& request) {
@@ -219,6 +225,7 @@ std::shared_ptr<zema::Realization> ZemaApp::Impl::MakeRealization() {
   settings.files = &files_;
   settings.state = &state_;
   settings.workers = &zema::Workers();
+  settings.timers = &provider_.timers();
   settings.store = GetCoveDbHandler();
   settings.update_tn_uuid = [this](const std::string& id) { controller_list_.UpdateTnUuidInFile(id); };
   settings.applied = [this](const switching::HostConfigMsg& config) { CallHostConfigCallbacks(config); };
@@ -272,7 +279,8 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
   settings.host_config = [host_config](const zema::RequestOrigin& origin, switching::HostConfigMsg message,
                                        std::string payload) -> std::unique_ptr<zema::Runnable> {
     return std::make_unique<zema::HostConfigTaskQub>(host_config, origin.sender, origin.correlation_id,
-                                                     origin.reply_to, std::move(message), std::move(payload));
+                                                     origin.reply_to, std::move(message), std::move(payload),
+                                                     origin.header);
   };
   settings.logical_switch =
       [logical_switches](const zema::RequestOrigin& origin,
@@ -354,6 +362,7 @@ void ZemaApp::Impl::Stop(int reason) {
     dispatch_.reset();
   }
   zema::DeleteTaskThreadObjects();
+  if (reason == 0) zema::Host().Forget();
 }
 
 // --- Out.
@@ -463,7 +472,7 @@ void ZemaApp::Impl::TakePayload(const rmqClientMessage& message) {
   dispatch->ProcessReceiveMessages(
       header.session_id + ":" + header.message_id, header.type_id,
       {reinterpret_cast<const char*>(message.payload), message.payload == nullptr ? 0 : message.payload_len},
-      header.correlation_id, header.reply_to);
+      header.correlation_id, header.reply_to, HeaderBytes(header));
 }
 
 // An edge stores what it is told; others read it there.
@@ -473,8 +482,7 @@ void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
   const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
   zema::RawBusMessage raw;
   raw.type = header.type_id;
-  const std::vector<uint8_t> bytes = header.Encode();
-  raw.header.assign(bytes.begin(), bytes.end());
+  raw.header = HeaderBytes(header);
   raw.payload.assign(reinterpret_cast<const char*>(message.payload), message.payload_len);
   raw.correlation_id = header.correlation_id;
   raw.reply_to = header.reply_to;

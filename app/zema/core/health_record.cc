@@ -163,6 +163,11 @@ bool HealthRecord::lum_ready() const {
   return lum_ready_;
 }
 
+bool HealthRecord::status_down() const {
+  std::lock_guard lock(mutex_);
+  return down_;
+}
+
 std::map<std::string, HealthRecord::RouterMac> HealthRecord::dvs_vdr_macs() const {
   std::lock_guard lock(mutex_);
   return router_macs_;

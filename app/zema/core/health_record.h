@@ -63,6 +63,7 @@ class HealthRecord {
   bool mpa_connected() const;
   bool in_tn_mmode() const;
   bool lum_ready() const;
+  bool status_down() const;
   std::map<std::string, RouterMac> dvs_vdr_macs() const;
 
  private:

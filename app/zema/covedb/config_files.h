@@ -1,6 +1,9 @@
 #pragma once
 
+#include <atomic>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +16,24 @@ class MaintenanceModeConfigMsg;
 }  // namespace orlane::zem::switching
 
 namespace zem::zema {
+
+/// What was being applied when an agent ended, with all that its end has taken from the process and the host.
+struct UnfinishedApply {
+  enum class Kind {
+    kConfiguration,  ///< the stored message is the one to apply again
+    kRemoval,        ///< the manager's removal of the node; the stored message may be gone already
+    kReset,          ///< the host's own removal of everything
+  };
+  Kind kind = Kind::kConfiguration;
+  /// The message in wire format.  Empty for a configuration, whose file has it, and for a reset.
+  std::string message;
+  /// The bus header that the message came with, and whom it is for.
+  std::string header;
+  std::string correlation_id;
+  std::string reply_to;
+  /// Texts of the routers' MAC addresses before it, by switch id; empty: no router.
+  std::map<std::string, std::string> routers_before;
+};
 
 /// The two files with what the manager last told this host.  Each holds one message in wire format and
 /// nothing else, since other tools read them.
@@ -39,10 +60,15 @@ class ConfigFiles {
   bool HasHostConfigFile() const;
 
   /// Between the two the host's switches are neither those of one configuration nor those of the next: a
-  /// start that finds it so has to apply the stored one again.  False when that cannot be written down.
-  bool BeginApply();
+  /// start that finds it so has to finish.  BeginApply returns false when that cannot be written down.
+  bool BeginApply(const UnfinishedApply& apply);
   void EndApply();
-  bool ApplyUnfinished() const;
+  std::optional<UnfinishedApply> ApplyUnfinished() const;
+
+  /// A start could not finish the stored configuration, and nobody has begun to apply one since: what is
+  /// stored is not what the host has.
+  void SetNotInForce() { not_in_force_ = true; }
+  bool not_in_force() const { return not_in_force_; }
 
   [[nodiscard]] int PersistMmodeCfgToFile(const orlane::zem::switching::MaintenanceModeConfigMsg& message);
   [[nodiscard]] bool RetrieveMmodeCfgMsgFromFile(orlane::zem::switching::MaintenanceModeConfigMsg* message,
@@ -63,6 +89,7 @@ class ConfigFiles {
   std::string ApplyMark() const { return paths_.host_config + ".applying"; }
 
   const Paths paths_;
+  std::atomic<bool> not_in_force_ = false;
   std::mutex mutex_;  // one writer at a time: a removal must not meet a write half done
 };
 

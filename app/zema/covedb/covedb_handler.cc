@@ -240,18 +240,25 @@ void CoveDbHandler::RemoveMonitors() {
 
 void CoveDbHandler::OnChannelStatus(bool up) {
   ZLOG_INFO("Channel Status changed to %s", up ? "up" : "down");
+  const std::lock_guard hand_over(hand_over_);
+  CovedbOrigin origin{.full_sync = true};
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
     const bool rises = up && !channel_up_;
     channel_up_ = up;
-    if (!up) initial_sync_done_ = false;
+    if (!up) {
+      initial_sync_done_ = false;
+      ++connection_;
+    }
     if (!rises) return;
+    origin.epoch = epoch_;
+    origin.connection = connection_;
   }
   // A store that lost its state counts its barriers anew: what was known of them is void until it says more.
   MonitorUpdateMsg no_barrier;
   no_barrier.set_object_type(ObjectType::BARRIER);
   no_barrier.set_object(std::string());
-  settings_.enqueue(CovedbUpdateKind::kObject, std::move(no_barrier), true);
+  settings_.enqueue(CovedbUpdateKind::kObject, std::move(no_barrier), origin);
 }
 
 void CoveDbHandler::OnUpdate(const MonitorUpdateMsg& update) {
@@ -264,11 +271,14 @@ void CoveDbHandler::OnUpdate(const MonitorUpdateMsg& update) {
     ZLOG_ERROR("44096", "Error in Monitor Callback: %s", "Empty value");
     return;
   }
-  bool full_sync = false;
+  const std::lock_guard hand_over(hand_over_);
+  CovedbOrigin origin;
   bool via_ccp = false;
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
-    full_sync = !initial_sync_done_;
+    // On its way when the monitors were taken away.
+    if (!monitored_) return;
+    origin = {!initial_sync_done_, epoch_, connection_};
     via_ccp = ls_realization_via_ccp_;
   }
   switch (update.object_type()) {
@@ -279,13 +289,13 @@ void CoveDbHandler::OnUpdate(const MonitorUpdateMsg& update) {
         ZLOG_DEBUG("LS Realization Via CCP Disabled");
         return;
       }
-      settings_.enqueue(CovedbUpdateKind::kObject, update, full_sync);
+      settings_.enqueue(CovedbUpdateKind::kObject, update, origin);
       return;
     case ObjectType::REALIZED_HOST_CONFIG:
-      settings_.enqueue(CovedbUpdateKind::kObject, update, full_sync);
+      settings_.enqueue(CovedbUpdateKind::kObject, update, origin);
       return;
     case ObjectType::VIF_STATE:
-      settings_.enqueue(CovedbUpdateKind::kVifState, update, full_sync);
+      settings_.enqueue(CovedbUpdateKind::kVifState, update, origin);
       return;
     default:
       ZLOG_ERROR("44096", "Invalid object type");
@@ -294,13 +304,15 @@ void CoveDbHandler::OnUpdate(const MonitorUpdateMsg& update) {
 
 void CoveDbHandler::OnBarrier() {
   ZLOG_DEBUG("Monitor Barrier Callback invoked");
-  bool full_sync = false;
+  const std::lock_guard hand_over(hand_over_);
+  CovedbOrigin origin;
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
-    full_sync = !initial_sync_done_;
+    if (!monitored_) return;
+    origin = {!initial_sync_done_, epoch_, connection_};
     if (channel_up_) initial_sync_done_ = true;
   }
-  settings_.enqueue(CovedbUpdateKind::kEndOfTransaction, MonitorUpdateMsg(), full_sync);
+  settings_.enqueue(CovedbUpdateKind::kEndOfTransaction, MonitorUpdateMsg(), origin);
 }
 
 // --- Writes.
@@ -328,18 +340,41 @@ void CoveDbHandler::FlushDesiredConfig() {
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
     flushed_ = flushed_ || monitored_;
+    ++epoch_;
+    on_flush = on_flush_;
+  }
+  // What is flushed must not come back as removals to be realized.
+  RemoveMonitors();
+  // A batch that still runs is waited for here.  It may have failed and asked for a reading.
+  if (on_flush) on_flush();
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
     if (timer_) timer_->Cancel();
     timer_.reset();
     scheduled_ = Read::kNone;
     ++schedule_;
     uuids_to_read_.clear();
-    on_flush = on_flush_;
+    pending_.ClearPendingLs();
   }
-  // What is flushed must not come back as removals to be realized.
-  RemoveMonitors();
-  pending_.ClearPendingLs();
-  if (on_flush) on_flush();
   Modify(std::move(requests));
+}
+
+uint64_t CoveDbHandler::epoch() {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  return epoch_;
+}
+
+bool CoveDbHandler::AddPendingLs(const std::string& uuid, MonitorUpdateMsg update, uint64_t epoch) {
+  const Synchronizer lock(*this, __FILE__, __LINE__);
+  if (epoch != epoch_) return false;
+  pending_.AddPendingLs(uuid, std::move(update));
+  return true;
+}
+
+bool CoveDbHandler::IsVoid(const char* operation, uint64_t epoch) {
+  if (epoch == this->epoch()) return false;
+  ZLOG_INFO("[%s] the answer of the store is dropped: what was asked has been flushed since", operation);
+  return true;
 }
 
 void CoveDbHandler::ResumeMonitors() {
@@ -405,12 +440,13 @@ void CoveDbHandler::WriteFullSyncResult(const std::string* error, const std::vec
 
 // --- Reads again.
 
-void CoveDbHandler::ScheduleFullSyncRead() {
+void CoveDbHandler::ScheduleFullSyncRead(uint64_t epoch) {
   const int seconds = settings_.retry_interval();
   const TimePoint now = Clock::Process().Now();
   Duration delay = std::chrono::seconds(seconds);
-  ZLOG_INFO("Schedule Logical Switch full-sync read after [%d] seconds", seconds);
   const Synchronizer lock(*this, __FILE__, __LINE__);
+  if (epoch != epoch_) return;
+  ZLOG_INFO("Schedule Logical Switch full-sync read after [%d] seconds", seconds);
   if (scheduled_ != Read::kAll) {
     full_sync_limit_ = now + kMaxIntervals * delay;
   } else {
@@ -419,10 +455,11 @@ void CoveDbHandler::ScheduleFullSyncRead() {
   Schedule(Read::kAll, delay);
 }
 
-void CoveDbHandler::ScheduleLsRead(const std::vector<std::string>& uuids) {
+void CoveDbHandler::ScheduleLsRead(const std::vector<std::string>& uuids, uint64_t epoch) {
   const int seconds = settings_.retry_interval();
-  ZLOG_INFO("Schedule Logical Switch read from db after [%d] seconds", seconds);
   const Synchronizer lock(*this, __FILE__, __LINE__);
+  if (epoch != epoch_) return;
+  ZLOG_INFO("Schedule Logical Switch read from db after [%d] seconds", seconds);
   uuids_to_read_.insert(uuids.begin(), uuids.end());
   if (scheduled_ == Read::kAll) {
     ZLOG_DEBUG("[%s] a full-sync read is scheduled, which holds these", __func__);
@@ -444,26 +481,28 @@ void CoveDbHandler::Schedule(Read read, Duration delay) {
 void CoveDbHandler::OnTimer(uint64_t schedule) {
   Read read = Read::kNone;
   std::set<std::string> uuids;
+  uint64_t epoch = 0;
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
+    epoch = epoch_;
     if (schedule != schedule_) return;
     timer_.reset();
     read = std::exchange(scheduled_, Read::kNone);
     uuids.swap(uuids_to_read_);
   }
-  if (read == Read::kAll) ReadAll();
-  if (read == Read::kPending) ReadPending(uuids);
+  if (read == Read::kAll) ReadAll(epoch);
+  if (read == Read::kPending) ReadPending(uuids, epoch);
 }
 
-void CoveDbHandler::ReadAll() {
+void CoveDbHandler::ReadAll(uint64_t epoch) {
   std::list<covedb::ObjectRequestMsg> wanted;
   for (const ObjectType type : kFullSync) wanted.push_back(Wanted(type));
   const bool asked = settings_.client->Get(
       wanted,
       WeakCall(
           weak_from_this(),
-          [](CoveDbHandler& handler, const Objects& objects, const rpc::Status& status) {
-            handler.HandleFullSyncCallback(objects, status);
+          [epoch](CoveDbHandler& handler, const Objects& objects, const rpc::Status& status) {
+            handler.HandleFullSyncCallback(objects, status, epoch);
           },
           [] {}),
       covedb::kDefaultVDb);
@@ -471,15 +510,23 @@ void CoveDbHandler::ReadAll() {
   if (!asked) ZLOG_WARN("Get OpaqueLogSwitchMsg Failed with status %s", "store is away");
 }
 
-void CoveDbHandler::HandleFullSyncCallback(const Objects& objects, const rpc::Status& status) {
+void CoveDbHandler::HandleFullSyncCallback(const Objects& objects, const rpc::Status& status,
+                                           uint64_t epoch) {
+  if (IsVoid(__func__, epoch)) return;
   if (!status.ok()) {
     ZLOG_WARN("Get OpaqueLogSwitchMsg Failed with status %s", status.ToString().c_str());
-    if (channel_up()) ScheduleFullSyncRead();
+    if (channel_up()) ScheduleFullSyncRead(epoch);
     return;
   }
   if (objects.empty()) {
     ZLOG_INFO("Empty read from db for LogicalSwitch full-sync message retry");
     return;
+  }
+  const std::lock_guard hand_over(hand_over_);
+  CovedbOrigin origin{true, epoch, 0};
+  {
+    const Synchronizer lock(*this, __FILE__, __LINE__);
+    origin.connection = connection_;
   }
   for (const store::TypedObjectMsg& object : objects) {
     if (!object.has_object()) continue;
@@ -489,13 +536,13 @@ void CoveDbHandler::HandleFullSyncCallback(const Objects& objects, const rpc::St
     op.set_operation(store::ObjectOpMsg::SET);
     update.set_operation(op.SerializeAsString());
     update.set_object(object.object());
-    settings_.enqueue(CovedbUpdateKind::kObject, std::move(update), true);
+    settings_.enqueue(CovedbUpdateKind::kObject, std::move(update), origin);
   }
-  settings_.enqueue(CovedbUpdateKind::kEndOfTransaction, MonitorUpdateMsg(), true);
+  settings_.enqueue(CovedbUpdateKind::kEndOfTransaction, MonitorUpdateMsg(), origin);
   ZLOG_INFO("[%s] Logical Switch Full Sync Retry scheduled", __func__);
 }
 
-void CoveDbHandler::ReadPending(const std::set<std::string>& uuids) {
+void CoveDbHandler::ReadPending(const std::set<std::string>& uuids, uint64_t epoch) {
   std::set<std::string> all = uuids;
   for (std::string& uuid : pending_.GetPendingLsKeys()) all.insert(std::move(uuid));
   std::list<covedb::ObjectRequestMsg> wanted;
@@ -510,18 +557,20 @@ void CoveDbHandler::ReadPending(const std::set<std::string>& uuids) {
       wanted,
       WeakCall(
           weak_from_this(),
-          [](CoveDbHandler& handler, const Objects& objects, const rpc::Status& status) {
-            handler.HandleLogicalSwitchMsgCallback(objects, status);
+          [epoch](CoveDbHandler& handler, const Objects& objects, const rpc::Status& status) {
+            handler.HandleLogicalSwitchMsgCallback(objects, status, epoch);
           },
           [] {}),
       covedb::kDefaultVDb);
   if (!asked) ZLOG_WARN("Get OpaqueLogSwitchMsg Failed with status %s", "store is away");
 }
 
-void CoveDbHandler::HandleLogicalSwitchMsgCallback(const Objects& objects, const rpc::Status& status) {
+void CoveDbHandler::HandleLogicalSwitchMsgCallback(const Objects& objects, const rpc::Status& status,
+                                                   uint64_t epoch) {
+  if (IsVoid(__func__, epoch)) return;
   if (!status.ok()) {
     ZLOG_WARN("Get OpaqueLogSwitchMsg Failed with status %s", status.ToString().c_str());
-    if (channel_up()) ScheduleLsRead({});
+    if (channel_up()) ScheduleLsRead({}, epoch);
     return;
   }
   size_t entities = 0;
@@ -534,13 +583,14 @@ void CoveDbHandler::HandleLogicalSwitchMsgCallback(const Objects& objects, const
     op.set_operation(store::ObjectOpMsg::SET);
     update.set_operation(op.SerializeAsString());
     update.set_object(object.object());
-    pending_.AddPendingLs(UUID_ToString(config.id()), std::move(update));
+    if (!AddPendingLs(UUID_ToString(config.id()), std::move(update), epoch)) return;
     ++entities;
   }
   if (entities == 0) ZLOG_INFO("Empty read from db for LogicalSwitch retry");
   // A removal that failed is pending as well, and the store holds nothing of it any longer.
   if (entities == 0 && pending_.size() == 0) return;
-  settings_.enqueue(CovedbUpdateKind::kSyncPending, MonitorUpdateMsg(), false);
+  const std::lock_guard hand_over(hand_over_);
+  settings_.enqueue(CovedbUpdateKind::kSyncPending, MonitorUpdateMsg(), {false, epoch, 0});
   if (entities > 0) {
     ZLOG_INFO("[%s] Logical Switch Batch Retry scheduled for [%lu] entities", __func__,
               static_cast<unsigned long>(entities));

@@ -4,6 +4,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -30,6 +31,20 @@ enum class CovedbUpdateKind {
   kVifState = 5,          // the state of a VIF
 };
 
+/// Where an update of the store came from, by which work that has become void is known.
+struct CovedbOrigin {
+  /// It belongs to a complete reading, or ends one.
+  bool full_sync = false;
+  /// How many flushes came before it: what is older than the last one must not change the host any more.
+  uint64_t epoch = 0;
+  /// The connection that it came over.  A transaction that a lost connection has cut is never completed.
+  uint64_t connection = 0;
+
+  bool operator==(const CovedbOrigin& other) const {
+    return epoch == other.epoch && connection == other.connection;
+  }
+};
+
 /// All that the realization asks of the store client.
 ///
 /// The monitors' callbacks, the timer and the answers to reads only make tasks and hand them to `enqueue`.
@@ -53,9 +68,8 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
     TimerFactory* timers = nullptr;
     /// `mp.lsDbRetryInterval`, in seconds; asked at each scheduling.
     std::function<int()> retry_interval;
-    /// Makes a task of it for the database handler's queue; must not block.  `full_sync` tells whether the
-    /// update belongs to a complete reading.
-    std::function<void(CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync)> enqueue;
+    /// Makes a task of it for the database handler's queue; must not block, and must not call the handler.
+    std::function<void(CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, CovedbOrigin origin)> enqueue;
     /// On an edge: carries out what a maintenance mode request asks for, once it is known to be storable. May
     /// wait, and the store with it; empty elsewhere.
     std::function<void(const RawBusMessage& request)> maintenance_action = {};
@@ -80,6 +94,8 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   void FlushDesiredConfig();
   /// Called by a flush; one function at a time.
   void SetOnFlush(std::function<void()> on_flush);
+  /// The number of flushes so far.  Work that was made in another epoch is void.
+  uint64_t epoch();
 
   /// What an edge or gateway stores of a message.  0, also for a message that is not stored; -1 otherwise.
   [[nodiscard]] int SaveMessage(const RawBusMessage* message);
@@ -93,10 +109,14 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   /// The end of a full sync: without `error` all is well; `uuids` go out in their order.
   void WriteFullSyncResult(const std::string* error, const std::vector<std::string>& uuids, uint64_t barrier);
 
+  /// Remembers that the switch has to be realized; false when a flush has made that void.
+  [[nodiscard]] bool AddPendingLs(const std::string& uuid, covedb::MonitorUpdateMsg update, uint64_t epoch);
+
   /// Reads everything again after the retry interval.  Of both schedules one timer runs at most: a complete
-  /// reading holds what the other would read, so it is never given up for it.
-  void ScheduleFullSyncRead();
-  void ScheduleLsRead(const std::vector<std::string>& uuids);
+  /// reading holds what the other would read, so it is never given up for it.  Nothing when the work that
+  /// asks is of another epoch.
+  void ScheduleFullSyncRead(uint64_t epoch);
+  void ScheduleLsRead(const std::vector<std::string>& uuids, uint64_t epoch);
 
   /// While false, updates of logical switches and barriers are dropped.
   void SetLsRealizationViaCcp(bool on);
@@ -115,21 +135,27 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   bool Configure(bool add);
   void Schedule(Read read, Duration delay);
   void OnTimer(uint64_t schedule);
-  void ReadAll();
-  void ReadPending(const std::set<std::string>& uuids);
-  void HandleFullSyncCallback(const Objects& objects, const rpc::Status& status);
-  void HandleLogicalSwitchMsgCallback(const Objects& objects, const rpc::Status& status);
+  void ReadAll(uint64_t epoch);
+  void ReadPending(const std::set<std::string>& uuids, uint64_t epoch);
+  void HandleFullSyncCallback(const Objects& objects, const rpc::Status& status, uint64_t epoch);
+  void HandleLogicalSwitchMsgCallback(const Objects& objects, const rpc::Status& status, uint64_t epoch);
+  bool IsVoid(const char* operation, uint64_t epoch);
   void Modify(covedb::ModifyRequestMsg request);
   void Modify(std::list<covedb::ModifyRequestMsg> requests);
 
   const Settings settings_;
   PendingLogicalSwitches pending_;
+  // Held while updates are handed over, so that a reading's stay together; taken before the object's own
+  // lock.
+  std::mutex hand_over_;
   // The object's own lock guards what follows.
   bool channel_up_ = false;
   bool initial_sync_done_ = false;
   bool ls_realization_via_ccp_ = true;
   bool monitored_ = false;
   bool enabled_ = false;
+  uint64_t epoch_ = 0;
+  uint64_t connection_ = 0;
   bool flushed_ = false;  // the monitors were taken away by a flush
   std::function<void()> on_flush_;
   std::shared_ptr<Timer> timer_;

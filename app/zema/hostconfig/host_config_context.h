@@ -53,6 +53,11 @@ struct HostConfigContext {
   std::function<bool(Duration)> pause;
   /// Held across each sequence of changes to a port, here as on the threads that serve VIFs.
   Synchronizable& port_lock;
+  /// Ends the maintenance mode in this process: the node to which it belonged is gone.
+  std::function<void()> leave_maintenance = [] {};
+  /// Runs the work on the thread of the host configurations, so much later = [](Duration,
+  /// std::function<void()>) {}; replaces what waits already.
+  std::function<void(Duration, std::function<void()>)> later = [](Duration, std::function<void()>) {};
 };
 
 }  // namespace zem::zema

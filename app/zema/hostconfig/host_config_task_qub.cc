@@ -37,14 +37,48 @@ constexpr const char* kThreadName = "zema:HstCfg";
 constexpr const char* kTypeName = "com.orlane.zem.switching.HostConfigMsg";
 constexpr int kAddressRetries = 20;
 
+// What a configuration sets before it is stored.  One that is refused before that leaves it as it was, so
+// that the next one begins as this one did; the id in the controllers' file comes again with it.
+class StateBeforeStored {
+ public:
+  explicit StateBeforeStored(HostConfigContext& context)
+      : context_(context),
+        had_id_(context.host.id().has_value()),
+        down_(context.health.status_down()),
+        first_iteration_(context.state.first_iteration_post_upgrade),
+        kln_follows_health_(context.state.kln_follows_health) {}
+  ~StateBeforeStored() {
+    if (kept_) return;
+    if (!had_id_) context_.host.UnsetHostId();
+    if (context_.health.status_down() != down_) {
+      down_ ? context_.health.setZemaStatusDown() : context_.health.setZemaStatusUp();
+    }
+    context_.state.first_iteration_post_upgrade = first_iteration_;
+    context_.state.kln_follows_health = kln_follows_health_;
+  }
+  StateBeforeStored(const StateBeforeStored&) = delete;
+  StateBeforeStored& operator=(const StateBeforeStored&) = delete;
+
+  void Keep() { kept_ = true; }
+
+ private:
+  HostConfigContext& context_;
+  const bool had_id_;
+  const bool down_;
+  const bool first_iteration_;
+  const bool kln_follows_health_;
+  bool kept_ = false;
+};
+
 }  // namespace
 
 HostConfigTaskQub::HostConfigTaskQub(std::shared_ptr<HostConfigContext> context, MpaMessageSender* sender,
                                      std::string correlation_id, std::string reply_to, HostConfigMsg message,
-                                     std::string payload)
+                                     std::string payload, std::string header)
     : HostConfigTask(sender, std::move(correlation_id), std::move(reply_to), std::move(message)),
       context_(std::move(context)),
-      payload_(std::move(payload)) {}
+      payload_(std::move(payload)),
+      header_(std::move(header)) {}
 
 HostConfigTaskQub::~HostConfigTaskQub() = default;
 
@@ -73,7 +107,8 @@ void HostConfigTaskQub::ScheduleFollowUps() {
 HostConfigTask::HostConfigMsg HostConfigTaskQub::BuildReply() {
   endpoint_ids_ = vteps_.endpoint_ids;
   HostConfigMsg reply = HostConfigTask::BuildReply();
-  if (errors_.code() == 0 && message_.host_switches_size() > 0) {
+  // The wait is for the answer's sake: who reads it may ask for ports at once.
+  if (sender_ != nullptr && errors_.code() == 0 && message_.host_switches_size() > 0) {
     context_->follow_ups.WaitForHostManagement(options_.vif_operation_timeout);
   }
   return reply;
@@ -83,6 +118,7 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   ZLOG_INFO(" In %s with upgradeCase : %d, reset : %d \n", __func__, upgrade, reset);
   bool extra_config = false;
   const bool first = !context_->host.id();
+  StateBeforeStored before(*context_);
   {
     const MonitorLock lock(monitor_);
     TakeHealth();
@@ -108,10 +144,12 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
     InterfaceMigration check(context_->lum, errors_, context_->migration, {});
     if (!check.ValidateHostConfigMsgForMigration(reset)) return;
   }
+  before.Keep();
   CreateGuestLaneInterface();
-  routers_before_ = RouterMacTexts(context_->health.dvs_vdr_macs());
-  // What cannot be written down is told with the configuration's own file.
-  context_->files.BeginApply();
+  // A switch that an earlier process knew may not be in this one's record any more.
+  routers_before_.merge(RouterMacTexts(context_->health.dvs_vdr_macs()));
+  // If the mark cannot be written, the configuration's own file cannot either, and its error is told.
+  context_->files.BeginApply(Mark(reset));
   Persist();
   switches = ConfigureSwitches(upgrade, reset, extra_config);
   if (switches != Switches::kFailed) {
@@ -119,7 +157,8 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
     // The failure has been told.
     static_cast<void>(commands.UpdateTnIdToCorvd(message_.transport_node_id()));
   }
-  context_->files.EndApply();
+  // Nobody hears of a failure when an earlier process's work is finished: it stays to be done.
+  if (!finishing_ || errors_.code() == 0) context_->files.EndApply();
   context_->applied(message_);
 }
 
@@ -148,8 +187,6 @@ bool HostConfigTaskQub::PreCheck(bool first, bool upgrade, bool reset) {
     return true;
   }
   ZLOG_ERROR("42083", "[%s] %s", __func__, reply.c_str());
-  // The next try is a first one as well.
-  context_->host.UnsetHostId();
   errors_.Add(
       ErrorSink::kGeneral,
       "Cannot perform install due to an existing VM on the host. Please put QUB in the maintenance mode "
@@ -166,6 +203,36 @@ void HostConfigTaskQub::CreateGuestLaneInterface() {
                                                    options_.guest_lane_netmask));
 }
 
+UnfinishedApply HostConfigTaskQub::Mark(bool reset) const {
+  using Kind = UnfinishedApply::Kind;
+  UnfinishedApply mark;
+  if (reset) {
+    mark.kind = Kind::kReset;
+  } else if (!message_.has_transport_node_id()) {
+    // Its file goes before the switches do.
+    mark.kind = Kind::kRemoval;
+    mark.message = message_.SerializeAsString();
+  }
+  mark.header = header_;
+  mark.correlation_id = correlation_id_;
+  mark.reply_to = reply_to_;
+  mark.routers_before = routers_before_;
+  return mark;
+}
+
+bool HostConfigTaskQub::Finish(const UnfinishedApply& unfinished) {
+  finishing_ = true;
+  routers_before_ = unfinished.routers_before;
+  ApplyHostConfig(false, unfinished.kind == UnfinishedApply::Kind::kReset);
+  const HostConfigMsg outcome = BuildReply();
+  if (outcome.error_code() != 0) {
+    ZLOG_ERROR("41531", "[%s] ApplyHostConfig error, Error: %s", __func__, outcome.error_text().c_str());
+    return false;
+  }
+  ScheduleFollowUps();
+  return true;
+}
+
 void HostConfigTaskQub::Persist() {
   if (context_->files.PersistHostConfigToFile(message_) != 0) {
     errors_.Add(ErrorSink::kGeneral, "Failed to persist host config.");
@@ -173,6 +240,7 @@ void HostConfigTaskQub::Persist() {
   if (context_->store != nullptr && !payload_.empty()) {
     RawBusMessage raw;
     raw.type = kTypeName;
+    raw.header = header_;
     raw.payload = payload_;
     raw.correlation_id = correlation_id_;
     raw.reply_to = reply_to_;
@@ -183,6 +251,7 @@ void HostConfigTaskQub::Persist() {
   if (message_.has_transport_node_id()) {
     context_->host.SetHostId(message_.transport_node_id());
     context_->follow_ups.UpdateTnUuidInFile(message_.transport_node_id());
+    context_->state.del_zem_running = false;
     // A node that was removed and comes again over the same registration gets no other sign to watch the
     // store.
     if (context_->store != nullptr) context_->store->ResumeMonitors();
@@ -205,6 +274,7 @@ void HostConfigTaskQub::RemoveNode() {
   }
   ZLOG_INFO("Cleared all Opaque LogicalSwitches during TN delete");
   context_->host.UnsetHostId();
+  context_->leave_maintenance();
   if (context_->files.DeleteConfigFiles() != 0) {
     errors_.Add(ErrorSink::kGeneral, "Failed to delete the stored configuration.");
   }
@@ -320,7 +390,7 @@ void HostConfigTaskQub::ForgiveRoutersOfLeft(const std::vector<HostDvs>& before)
 
 std::string RemoveHostSwitches(const std::shared_ptr<HostConfigContext>& context) {
   ZLOG_INFO("[%s] clearing HostConfig...\n", "REST_RemoveHostSwitch");
-  HostConfigTaskQub task(context, nullptr, "", "", {}, "");
+  HostConfigTaskQub task(context, nullptr, "", "", {}, "", "");
   task.ApplyHostConfig(false, true);
   const auto reply = task.BuildReply();
   if (reply.error_code() == 0) return "";
@@ -329,23 +399,60 @@ std::string RemoveHostSwitches(const std::shared_ptr<HostConfigContext>& context
   return reply.error_text();
 }
 
-void FinishHostConfig(const std::shared_ptr<HostConfigContext>& context) {
-  if (!context->files.ApplyUnfinished()) return;
-  switching::HostConfigMsg stored;
-  std::string error;
-  if (!context->files.RetrieveHostConfigMsgFromFile(&stored, &error)) {
-    ZLOG_ERROR("41531", "[%s] the configuration that was under way cannot be finished: %s", __func__,
-               error.c_str());
-    context->files.EndApply();
-    return;
+namespace {
+
+constexpr Duration kFirstFinishDelay = std::chrono::seconds(30);
+constexpr Duration kLastFinishDelay = std::chrono::minutes(10);
+
+// True when nothing is left to be done.
+bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
+  using Kind = UnfinishedApply::Kind;
+  const auto unfinished = context->files.ApplyUnfinished();
+  if (!unfinished) return true;
+  switching::HostConfigMsg message;
+  std::string payload = unfinished->message;
+  if (unfinished->kind == Kind::kConfiguration) {
+    std::string error;
+    if (!context->files.RetrieveHostConfigMsgFromFile(&message, &error)) {
+      ZLOG_ERROR("41531", "[%s] the configuration that was under way cannot be finished: %s", __func__,
+                 error.c_str());
+      context->files.EndApply();
+      return true;
+    }
+    payload = message.SerializeAsString();
+    ZLOG_INFO("[%s] HostConfigMsg [%s] revision [%s] was under way when the agent ended, applying it again",
+              __func__, message.id().c_str(), message.revision().c_str());
+  } else {
+    if (!message.ParseFromString(payload)) ZLOG_WARN("[%s] the message of the removal is lost", __func__);
+    ZLOG_INFO("[%s] the removal of this node was under way when the agent ended, finishing it", __func__);
   }
-  ZLOG_INFO("[%s] HostConfigMsg [%s] revision [%s] was under way when the agent ended, applying it again",
-            __func__, stored.id().c_str(), stored.revision().c_str());
-  HostConfigTaskQub task(context, nullptr, "", "", std::move(stored), "");
-  task.ApplyHostConfig(false, false);
-  const auto reply = task.BuildReply();
-  if (reply.error_code() == 0) return;
-  ZLOG_ERROR("41531", "[%s] ApplyHostConfig error, Error: %s", __func__, reply.error_text().c_str());
+  HostConfigTaskQub task(context, nullptr, unfinished->correlation_id, unfinished->reply_to,
+                         std::move(message), std::move(payload), unfinished->header);
+  try {
+    return task.Finish(*unfinished);
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("41531", "[%s] ApplyHostConfig caught exception: %s", __func__, e.what());
+    return false;
+  }
+}
+
+void FinishWithin(const std::shared_ptr<HostConfigContext>& context, Duration next_delay) {
+  if (TryToFinish(context)) return;
+  context->files.SetNotInForce();
+  ZLOG_INFO("[%s] what was under way is tried again in [%ld] seconds", __func__,
+            static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(next_delay).count()));
+  context->later(next_delay, [weak = std::weak_ptr<HostConfigContext>(context), next_delay] {
+    const auto live = weak.lock();
+    // Something newer has been applied, or was refused and is with the manager.
+    if (!live || !live->files.not_in_force()) return;
+    FinishWithin(live, std::min(2 * next_delay, kLastFinishDelay));
+  });
+}
+
+}  // namespace
+
+void FinishHostConfig(const std::shared_ptr<HostConfigContext>& context) {
+  FinishWithin(context, kFirstFinishDelay);
 }
 
 void UpdateCacheMap(HostConfigContext& context) {

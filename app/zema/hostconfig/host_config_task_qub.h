@@ -6,6 +6,7 @@
 
 #include "app/zema/common/thread.h"
 #include "app/zema/core/realization_options.h"
+#include "app/zema/covedb/config_files.h"
 #include "app/zema/hostconfig/host_config_task.h"
 #include "app/zema/hostconfig/leaving_switches.h"
 #include "app/zema/hostconfig/stateless_host.h"
@@ -28,16 +29,19 @@ class InterfaceMigration;
 /// Threads: one, which is not a provider's.
 class HostConfigTaskQub : public HostConfigTask {
  public:
-  /// `sender` may be null: nobody is answered then.  `payload` is the message as it came, empty when it did
-  /// not come from the manager.
+  /// `sender` may be null: nobody is answered then.  `payload` is the message as it came, and `header` the
+  /// bus header that came with it; both are empty when it did not come from the manager.
   HostConfigTaskQub(std::shared_ptr<HostConfigContext> context, MpaMessageSender* sender,
                     std::string correlation_id, std::string reply_to, HostConfigMsg message,
-                    std::string payload);
+                    std::string payload, std::string header);
   ~HostConfigTaskQub() override;
 
   void Run() override;
   void ApplyHostConfig(bool upgrade, bool reset) override;
   HostConfigMsg BuildReply() override;
+
+  /// Applies again what an earlier process did not finish.  False when it fails: it is still to be finished.
+  [[nodiscard]] bool Finish(const UnfinishedApply& unfinished);
 
   uint32_t error_code() const { return errors_.code(); }
 
@@ -51,6 +55,7 @@ class HostConfigTaskQub : public HostConfigTask {
   void TakeHealth();
   bool PreCheck(bool first, bool upgrade, bool reset);
   void CreateGuestLaneInterface();
+  UnfinishedApply Mark(bool reset) const;
   void Persist();
   void RemoveNode();
   Switches ConfigureSwitches(bool upgrade, bool reset, bool extra_config);
@@ -64,20 +69,23 @@ class HostConfigTaskQub : public HostConfigTask {
 
   const std::shared_ptr<HostConfigContext> context_;
   const std::string payload_;
+  const std::string header_;
   Thread monitor_{true, nullptr, 0};
   RealizationOptions options_;
   KnlMigrationMap migration_map_;
   LeavingSwitches::RouterMacs routers_before_;
   VtepOutcome vteps_;
   bool hot_swap_ = false;
+  bool finishing_ = false;
 };
 
 /// Empty when the host's switches are gone, else what went wrong: a host configuration without anything, on
 /// the host's own demand.
 std::string RemoveHostSwitches(const std::shared_ptr<HostConfigContext>& context);
 
-/// Applies the stored configuration again when the agent ended in the middle of it: neither the host nor the
-/// manager, who sees it stored, would heal that.
+/// Finishes the configuration, removal or reset in whose middle the agent ended: neither the host nor the
+/// manager, who sees it stored, would heal that.  What fails is tried again later, with growing delays, until
+/// it holds or the manager sends something newer.  Throws nothing.
 void FinishHostConfig(const std::shared_ptr<HostConfigContext>& context);
 
 /// What a restart needs of the configuration in force: the host's id, the switches whose health is published,

@@ -26,13 +26,12 @@ void NameThread() {
 
 }  // namespace
 
-CovedbUpdateTask::CovedbUpdateTask(CovedbUpdateKind kind, Update update, bool full_sync)
-    : MpaMessageTask(nullptr, "", "", std::move(update)), kind_(kind), full_sync_(full_sync) {}
+CovedbUpdateTask::CovedbUpdateTask(CovedbUpdateKind kind, Update update, CovedbOrigin origin)
+    : MpaMessageTask(nullptr, "", "", std::move(update)), kind_(kind), origin_(origin) {}
 
 CovedbUpdateTask::CovedbUpdateTask(std::shared_ptr<CoveDbHandler> store, uint64_t barrier, uint64_t epoch)
     : MpaMessageTask(nullptr, "", "", Update()),
       kind_(CovedbUpdateKind::kProcessedBarrier),
-      full_sync_(false),
       store_(std::move(store)),
       barrier_(barrier),
       epoch_(epoch) {}
@@ -51,9 +50,9 @@ void CovedbUpdateTask::Run() {
   }
   switch (kind_) {
     case CovedbUpdateKind::kEndOfTransaction:
-      return thread->RealizeLogicalSwitch(full_sync_);
+      return thread->RealizeLogicalSwitch(origin_);
     case CovedbUpdateKind::kSyncPending:
-      return thread->SyncPending();
+      return thread->SyncPending(origin_.epoch);
     case CovedbUpdateKind::kObject:
     case CovedbUpdateKind::kVifState:
       return RunObject(*thread);
@@ -65,11 +64,11 @@ void CovedbUpdateTask::Run() {
 void CovedbUpdateTask::RunObject(DbSvcTaskThread& thread) {
   switch (message_.object_type()) {
     case ObjectType::TRANSPORT_NODE_CONFIG:
-      if (!full_sync_) return;
+      if (!origin_.full_sync) return;
       ZLOG_DEBUG("[%s] Adding a TN Config message to cache", "Run");
-      return thread.AddToCache(std::move(message_));
+      return thread.AddToCache(std::move(message_), origin_);
     case ObjectType::OPAQUE_LOG_SWITCH_CONFIG:
-      return thread.AddToCache(std::move(message_));
+      return thread.AddToCache(std::move(message_), origin_);
     case ObjectType::VIF_STATE:
       return thread.RealizeVifState(message_);
     case ObjectType::REALIZED_HOST_CONFIG:
@@ -85,13 +84,13 @@ void CovedbUpdateTask::RunObject(DbSvcTaskThread& thread) {
 }
 
 void EnqueueCovedbUpdate(WorkerTable& workers, CovedbUpdateKind kind, CovedbUpdateTask::Update update,
-                         bool full_sync) {
+                         CovedbOrigin origin) {
   const ObjectType type = update.object_type();
   // What is only gathered waits for the end of its transaction; waking the worker for each of ten thousand
   // objects costs more than handling them.
   const bool gathered =
       type == ObjectType::OPAQUE_LOG_SWITCH_CONFIG || type == ObjectType::TRANSPORT_NODE_CONFIG;
-  auto task = std::make_unique<CovedbUpdateTask>(kind, std::move(update), full_sync);
+  auto task = std::make_unique<CovedbUpdateTask>(kind, std::move(update), origin);
   const bool queued = gathered ? workers.AddTaskAsleep(Worker::kDatabaseHandler, std::move(task))
                                : workers.AddTask(Worker::kDatabaseHandler, std::move(task));
   if (!queued) {  // on an edge always

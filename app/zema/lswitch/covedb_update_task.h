@@ -18,8 +18,7 @@ class CovedbUpdateTask final : public MpaMessageTask<orlane::zem::covedb::Monito
  public:
   using Update = orlane::zem::covedb::MonitorUpdateMsg;
 
-  /// `full_sync`: the update belongs to a complete reading, or ends one.
-  CovedbUpdateTask(CovedbUpdateKind kind, Update update, bool full_sync);
+  CovedbUpdateTask(CovedbUpdateKind kind, Update update, CovedbOrigin origin);
   /// The processed barrier.
   CovedbUpdateTask(std::shared_ptr<CoveDbHandler> store, uint64_t barrier, uint64_t epoch);
 
@@ -35,7 +34,7 @@ class CovedbUpdateTask final : public MpaMessageTask<orlane::zem::covedb::Monito
   void RunObject(DbSvcTaskThread& thread);
 
   const CovedbUpdateKind kind_;
-  const bool full_sync_;
+  const CovedbOrigin origin_;
   const std::shared_ptr<CoveDbHandler> store_;
   const uint64_t barrier_ = 0;
   const uint64_t epoch_ = 0;
@@ -43,6 +42,6 @@ class CovedbUpdateTask final : public MpaMessageTask<orlane::zem::covedb::Monito
 
 /// For `CoveDbHandler::Settings::enqueue`: gives the update to the table's database handler.
 void EnqueueCovedbUpdate(WorkerTable& workers, CovedbUpdateKind kind,
-                         orlane::zem::covedb::MonitorUpdateMsg update, bool full_sync);
+                         orlane::zem::covedb::MonitorUpdateMsg update, CovedbOrigin origin);
 
 }  // namespace zem::zema

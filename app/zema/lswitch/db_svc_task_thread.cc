@@ -82,10 +82,6 @@ void DbSvcTaskThread::Run() {
 
 DbSvcTaskThread* DbSvcTaskThread::Current() { return current; }
 
-void DbSvcTaskThread::AddPendingLs(const std::string& uuid, Update update) {
-  context_->store->pending().AddPendingLs(uuid, std::move(update));
-}
-
 void DbSvcTaskThread::RemovePendingLs(const std::string& uuid) {
   context_->store->pending().RemovePendingLs(uuid);
 }
@@ -96,7 +92,32 @@ std::vector<std::string> DbSvcTaskThread::GetPendingLsKeys() {
 
 void DbSvcTaskThread::ClearPendingLs() { context_->store->pending().ClearPendingLs(); }
 
-void DbSvcTaskThread::AddToCache(Update update) { tx_cache_.push_back(std::move(update)); }
+// One line for all that a flush has made void.
+bool DbSvcTaskThread::IsVoid(uint64_t epoch) {
+  const uint64_t present = context_->store->epoch();
+  if (epoch == present) return false;
+  if (last_void_ != present) {
+    ZLOG_INFO("[%s] what the store told before its flush is dropped", name().c_str());
+  }
+  last_void_ = present;
+  return true;
+}
+
+void DbSvcTaskThread::DropCut(const CovedbOrigin& origin) {
+  if (cached_from_ == origin) return;
+  if (!tx_cache_.empty()) {
+    ZLOG_INFO("[%s] a transaction that was cut after %lu entities is dropped", name().c_str(),
+              static_cast<unsigned long>(tx_cache_.size()));
+  }
+  tx_cache_.clear();
+  cached_from_ = origin;
+}
+
+void DbSvcTaskThread::AddToCache(Update update, const CovedbOrigin& origin) {
+  if (IsVoid(origin.epoch)) return;
+  DropCut(origin);
+  tx_cache_.push_back(std::move(update));
+}
 
 void DbSvcTaskThread::SetLastBarrier(uint64_t barrier) {
   if (barrier < last_barrier_) context_->fence.RestartBarriers();
@@ -109,21 +130,24 @@ void DbSvcTaskThread::AddBarrierTask() {
       std::make_unique<CovedbUpdateTask>(context_->store, last_barrier_, context_->fence.epoch()));
 }
 
-void DbSvcTaskThread::RealizeLogicalSwitch(bool full_sync) {
+void DbSvcTaskThread::RealizeLogicalSwitch(const CovedbOrigin& origin) {
+  const Validity validity{origin.epoch, context_->fence.generation()};
+  if (IsVoid(origin.epoch)) return;
+  DropCut(origin);
   if (tx_cache_.empty()) {
     ZLOG_DEBUG("Transaction cache is empty, no-op.");
     AddBarrierTask();
     return;
   }
   try {
-    if (full_sync) {
+    if (origin.full_sync) {
       full_sync_pending_ = true;
-      ProcessLogicalSwitchFullSyncMsg(last_barrier_);
+      ProcessLogicalSwitchFullSyncMsg(last_barrier_, origin.epoch);
     } else if (full_sync_pending_) {
       ZLOG_INFO("Re-scheduling Logical Switch Full sync with override");
-      context_->store->ScheduleFullSyncRead();
+      context_->store->ScheduleFullSyncRead(origin.epoch);
     } else {
-      ProcessLogicalSwitchMsg(last_barrier_);
+      ProcessLogicalSwitchMsg(last_barrier_, validity);
     }
     ZLOG_INFO("[%s] Logical Switch Realization completed for barrier: [%llu] Entities processed: [%lu]",
               __func__, static_cast<unsigned long long>(last_barrier_),
@@ -132,24 +156,25 @@ void DbSvcTaskThread::RealizeLogicalSwitch(bool full_sync) {
   } catch (const std::exception& e) {
     full_sync_pending_ = true;
     tx_cache_.clear();
-    context_->store->ScheduleFullSyncRead();
+    context_->store->ScheduleFullSyncRead(origin.epoch);
     ZLOG_ERROR("44098",
                "[%s] : Failed to process Logical Switches, scheduling full-sync: caught exception [%s]",
                __func__, e.what());
   }
 }
 
-void DbSvcTaskThread::ProcessLogicalSwitchMsg(uint64_t barrier) {
+void DbSvcTaskThread::ProcessLogicalSwitchMsg(uint64_t barrier, const Validity& validity) {
   bool queued = false;
   for (const Update& update : tx_cache_) {
     if (update.object_type() != ObjectType::OPAQUE_LOG_SWITCH_CONFIG) continue;
-    queued = HandleOpaqueLogSwitchMsg(update, barrier, true) || queued;
+    queued = HandleOpaqueLogSwitchMsg(update, barrier, true, validity) || queued;
   }
   // Nothing of the transaction is for this host; it is done with all the same.
   if (!queued) AddBarrierTask();
 }
 
-bool DbSvcTaskThread::HandleOpaqueLogSwitchMsg(const Update& update, uint64_t barrier, bool remember) {
+bool DbSvcTaskThread::HandleOpaqueLogSwitchMsg(const Update& update, uint64_t barrier, bool remember,
+                                               const Validity& validity) {
   OpaqueLogSwitchConfigMsg config;
   store::OpaqueLogSwitchConfigOpMsg op;
   OpaqueLogSwitchConfigMsg before;
@@ -161,21 +186,22 @@ bool DbSvcTaskThread::HandleOpaqueLogSwitchMsg(const Update& update, uint64_t ba
   orlane::zem::switching::LogicalSwitchMsg message;
   DecodeOpaqueLogSwitchMsg(config, op, before, &message);
   const std::string& uuid = message.logical_switch_info(0).logical_switch_id();
-  if (remember) AddPendingLs(uuid, update);
+  if (remember && !context_->store->AddPendingLs(uuid, update, validity.epoch)) return false;
   if (!update.has_trace_context()) {
     ZLOG_TRACE("Workflow tracing information not found");
-    return QueueLogicalSwitch(message, uuid, barrier);
+    return QueueLogicalSwitch(message, uuid, barrier, validity.generation);
   }
   const store::TraceContextMsg& trace = update.trace_context();
   const auto span =
       wft::WorkflowUtil::StartChildSpan("DbSvcTaskThread.HandleOpaqueLogSwitchMsg", wft::kTraceInfo,
                                         wft::TraceContext{trace.trace_id_low(), trace.span_id()});
-  return QueueLogicalSwitch(message, uuid, barrier);
+  return QueueLogicalSwitch(message, uuid, barrier, validity.generation);
 }
 
 bool DbSvcTaskThread::QueueLogicalSwitch(const orlane::zem::switching::LogicalSwitchMsg& message,
-                                         const std::string& uuid, uint64_t barrier) {
-  auto task = LogicalSwitchMsgTask::CreateTask(*context_, message, nullptr, CoveDbHandler::kReplyTo, barrier);
+                                         const std::string& uuid, uint64_t barrier, uint64_t generation) {
+  auto task = LogicalSwitchMsgTask::CreateTask(*context_, message, nullptr, CoveDbHandler::kReplyTo, barrier,
+                                               generation);
   if (task == nullptr) {
     ZLOG_WARN("[%s] Error creating Logical Switch processing task", "HandleOpaqueLogSwitchMsg");
     // It never will be realized, so it is not waited for.
@@ -185,13 +211,15 @@ bool DbSvcTaskThread::QueueLogicalSwitch(const orlane::zem::switching::LogicalSw
   return context_->add_logical_switch_task(std::move(task));
 }
 
-void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier) {
+void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t epoch) {
   FullSync sync = ReadCache();
   std::string error;
   bool done = false;
   {
     // A batch that runs is waited for: what it still creates must not come back after this.
     const Synchronizer lock(context_->fence, __FILE__, __LINE__);
+    // A flush waits for the same lock before it clears the host.
+    if (IsVoid(epoch)) return;
     ClearPendingLs();
     context_->clear_logical_switch_tasks();
     context_->fence.Supersede();
@@ -202,7 +230,7 @@ void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier) {
     context_->store->WriteFullSyncResult(nullptr, {}, barrier);
   } else {
     ZLOG_INFO("Schedule Logical Switch Full sync");
-    context_->store->ScheduleFullSyncRead();
+    context_->store->ScheduleFullSyncRead(epoch);
     context_->store->WriteFullSyncResult(&error, sync.Uuids(), barrier);
   }
   ZLOG_INFO("[%s] Logical Switch Full Sync complete", __func__);
@@ -290,13 +318,15 @@ bool DbSvcTaskThread::SendBulk(const LogicalSwitchBulkMsg& bulk, std::string* er
   return false;
 }
 
-void DbSvcTaskThread::SyncPending() {
+void DbSvcTaskThread::SyncPending(uint64_t epoch) {
+  const Validity validity{epoch, context_->fence.generation()};
+  if (IsVoid(epoch)) return;
   if (full_sync_pending_) {
     ZLOG_INFO("Re-scheduling Logical Switch Full sync");
-    context_->store->ScheduleFullSyncRead();
+    context_->store->ScheduleFullSyncRead(epoch);
   }
   for (const auto& [uuid, update] : context_->store->pending().Copy()) {
-    HandleOpaqueLogSwitchMsg(update, last_barrier_, false);
+    HandleOpaqueLogSwitchMsg(update, last_barrier_, false, validity);
   }
 }
 

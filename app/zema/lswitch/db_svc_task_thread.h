@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "app/zema/common/task_thread.h"
+#include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/lswitch/logical_switch_context.h"
 #include "proto/covedb/covedb.pb.h"
 
@@ -35,16 +36,15 @@ class DbSvcTaskThread final : public TaskThread {
   static DbSvcTaskThread* Current();
 
   // From any thread; what is pending belongs to the store handler and outlives the worker.
-  void AddPendingLs(const std::string& uuid, Update update);
   void RemovePendingLs(const std::string& uuid);
   std::vector<std::string> GetPendingLsKeys();
   void ClearPendingLs();
 
   // By the worker's own thread, from its tasks.
-  void AddToCache(Update update);
+  void AddToCache(Update update, const CovedbOrigin& origin);
   void SetLastBarrier(uint64_t barrier);
-  void RealizeLogicalSwitch(bool full_sync);
-  void SyncPending();
+  void RealizeLogicalSwitch(const CovedbOrigin& origin);
+  void SyncPending(uint64_t epoch);
   void RealizeVifState(const Update& update);
   void ReplyRealizedHostConfig(const Update& update);
 
@@ -55,11 +55,21 @@ class DbSvcTaskThread final : public TaskThread {
  private:
   struct FullSync;
 
-  void ProcessLogicalSwitchMsg(uint64_t barrier);
-  bool HandleOpaqueLogSwitchMsg(const Update& update, uint64_t barrier, bool remember);
+  /// What has to hold for an update to become a task.  The generation is read before the epoch is looked at:
+  /// a flush in between finds one of the two changed.
+  struct Validity {
+    uint64_t epoch;
+    uint64_t generation;
+  };
+
+  bool IsVoid(uint64_t epoch);
+  void DropCut(const CovedbOrigin& origin);
+  void ProcessLogicalSwitchMsg(uint64_t barrier, const Validity& validity);
+  bool HandleOpaqueLogSwitchMsg(const Update& update, uint64_t barrier, bool remember,
+                                const Validity& validity);
   bool QueueLogicalSwitch(const orlane::zem::switching::LogicalSwitchMsg& message, const std::string& uuid,
-                          uint64_t barrier);
-  void ProcessLogicalSwitchFullSyncMsg(uint64_t barrier);
+                          uint64_t barrier, uint64_t generation);
+  void ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t epoch);
   FullSync ReadCache();
   bool SendFullSync(FullSync& sync, std::string* error);
   bool SendBulk(const orlane::zem::switching::LogicalSwitchBulkMsg& bulk, std::string* error);
@@ -67,6 +77,8 @@ class DbSvcTaskThread final : public TaskThread {
 
   const std::shared_ptr<LogicalSwitchContext> context_;
   std::list<Update> tx_cache_;
+  CovedbOrigin cached_from_;
+  uint64_t last_void_ = 0;  // the epoch in which void work was told last
   uint64_t last_barrier_ = 0;
   bool full_sync_pending_ = false;
 };

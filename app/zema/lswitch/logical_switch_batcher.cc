@@ -239,7 +239,7 @@ void LogicalSwitchMsgTask::Batcher::Send(const Chunk& chunk, bool last_of_store)
   store_failed_ = store_failed_ || IsStore(chunk.reply_to);
   const std::vector<std::string> uuids = Uuids(chunk.acks);
   context_->store->WriteRealizationError(error, uuids, barrier);
-  context_->store->ScheduleLsRead(uuids);
+  context_->store->ScheduleLsRead(uuids, context_->store->epoch());
 }
 
 bool LogicalSwitchMsgTask::Batcher::CallLumOpaqueNetwork(bool is_apply, const std::string& payload,

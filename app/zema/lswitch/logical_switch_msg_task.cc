@@ -25,22 +25,24 @@ void Trace(const LogicalSwitchMsgTask::Info& info, const char* operation) {
 }  // namespace
 
 LogicalSwitchMsgTask::LogicalSwitchMsgTask(const LogicalSwitchContext& context, MpaMessageSender* sender,
-                                           std::string reply_to, uint64_t barrier)
+                                           std::string reply_to, uint64_t barrier, uint64_t generation)
     : reply_to_(std::move(reply_to)),
       sender_(sender),
       barrier_(barrier),
-      generation_(context.fence.generation()),
+      generation_(generation),
       epoch_(context.fence.epoch()) {}
 
 std::unique_ptr<LogicalSwitchMsgTask> LogicalSwitchMsgTask::CreateTask(
     const LogicalSwitchContext& context, const orlane::zem::switching::LogicalSwitchMsg& message,
-    MpaMessageSender* sender, const std::string& reply_to, uint64_t barrier) {
+    MpaMessageSender* sender, const std::string& reply_to, uint64_t barrier,
+    std::optional<uint64_t> generation) {
   if (!context.is_hypervisor()) {
     ZLOG_INFO("[%s] skip LogicalSwitchMsg for non-QUB host\n", __func__);
     return nullptr;
   }
   const auto span = WorkflowUtil::StartChildSpan("LogicalSwitchMsgTask.CreateTask", wft::kTraceInfo);
-  std::unique_ptr<LogicalSwitchMsgTask> task(new LogicalSwitchMsgTask(context, sender, reply_to, barrier));
+  std::unique_ptr<LogicalSwitchMsgTask> task(new LogicalSwitchMsgTask(
+      context, sender, reply_to, barrier, generation.value_or(context.fence.generation())));
   task->trace_info_ = span.context();
   bool absorbed = false;
   for (const Info& info : message.logical_switch_info()) {

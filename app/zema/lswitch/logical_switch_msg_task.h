@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -31,17 +32,19 @@ class LogicalSwitchMsgTask final : public Runnable {
   class Batcher;
 
   /// Null when the message holds nothing for this host; a line has said why.  `sender` is null, and
-  /// `reply_to` "covedb", for what the store told; it has to outlive the task otherwise.
+  /// `reply_to` "covedb", for what the store told; it has to outlive the task otherwise.  `generation`: that
+  /// of the fence when the message was known to be good; the present one without it.
   static std::unique_ptr<LogicalSwitchMsgTask> CreateTask(
       const LogicalSwitchContext& context, const orlane::zem::switching::LogicalSwitchMsg& message,
-      MpaMessageSender* sender, const std::string& reply_to, uint64_t barrier);
+      MpaMessageSender* sender, const std::string& reply_to, uint64_t barrier,
+      std::optional<uint64_t> generation = std::nullopt);
 
   /// Nothing.
   void Run() override {}
 
  private:
   LogicalSwitchMsgTask(const LogicalSwitchContext& context, MpaMessageSender* sender, std::string reply_to,
-                       uint64_t barrier);
+                       uint64_t barrier, uint64_t generation);
 
   static bool AddLogicalSwitchUpdate(const LogicalSwitchContext& context, LogicalSwitchMsgTask* task,
                                      const Info& info);

@@ -32,6 +32,8 @@ void RestoreTask::Run() {
   std::string error;
   std::string checksum;
   if (files_.RetrieveHostConfigMsgFromFile(&config, &error)) checksum = ComputeChecksum(config);
+  // The manager sends again what it sees to be another one.
+  if (files_.not_in_force() && !checksum.empty()) checksum = Sha256Hex("not in force " + checksum);
   if (checksum.empty()) {
     reply.set_id(message_.id());
   } else {

@@ -22,7 +22,7 @@ class EdgeRoadTest : public StoreFixture {
     settings.client = client;
     settings.timers = &agent.timers();
     settings.retry_interval = [] { return 30; };
-    settings.enqueue = [this](CovedbUpdateKind, covedb::MonitorUpdateMsg, bool) { ++updates; };
+    settings.enqueue = [this](CovedbUpdateKind, covedb::MonitorUpdateMsg, const CovedbOrigin&) { ++updates; };
     handler = std::make_shared<CoveDbHandler>(std::move(settings));
     client->StartAsync();
     clock.RunFor(1s);

@@ -47,7 +47,7 @@ class BatcherTest : public StoreFixture {
     settings.client = client;
     settings.timers = &agent.timers();
     settings.retry_interval = [] { return 30; };
-    settings.enqueue = [this](CovedbUpdateKind kind, covedb::MonitorUpdateMsg, bool) {
+    settings.enqueue = [this](CovedbUpdateKind kind, covedb::MonitorUpdateMsg, const CovedbOrigin&) {
       kinds.push_back(kind);
     };
     handler = std::make_shared<CoveDbHandler>(std::move(settings));

@@ -57,8 +57,8 @@ class Road {
     store.client = client;
     store.timers = &agent.timers();
     store.retry_interval = [] { return 1; };
-    store.enqueue = [this](CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync) {
-      EnqueueCovedbUpdate(workers, kind, std::move(update), full_sync);
+    store.enqueue = [this](CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, CovedbOrigin origin) {
+      EnqueueCovedbUpdate(workers, kind, std::move(update), origin);
     };
     handler = std::make_shared<CoveDbHandler>(store);
     context = std::make_shared<LogicalSwitchContext>(lum, handler);

@@ -1,5 +1,8 @@
 // The road of the controller's logical switches: store, monitors, workers, host, and what is written back.
 
+#include <atomic>
+
+#include "app/zema/common/function_task.h"
 #include "app/zema/common/worker_table.h"
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/lswitch/db_svc_task_thread.h"
@@ -44,8 +47,10 @@ class StoreRoadTest : public StoreFixture {
     settings.client = client;
     settings.timers = &agent.timers();
     settings.retry_interval = [] { return 30; };
-    settings.enqueue = [this](CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, bool full_sync) {
-      EnqueueCovedbUpdate(workers, kind, std::move(update), full_sync);
+    settings.enqueue = [this](CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, CovedbOrigin origin) {
+      if (lost_marks > 0 && kind == CovedbUpdateKind::kEndOfTransaction && lost_marks-- > 0) return;
+      if (before_enqueue) before_enqueue(kind);
+      EnqueueCovedbUpdate(workers, kind, std::move(update), origin);
     };
     handler = std::make_shared<CoveDbHandler>(std::move(settings));
     context = std::make_shared<LogicalSwitchContext>(host, handler);
@@ -95,6 +100,9 @@ class StoreRoadTest : public StoreFixture {
 
   FakeNetworks host;
   WorkerTable workers;
+  /// Runs on the store client's thread.
+  std::function<void(CovedbUpdateKind)> before_enqueue;
+  std::atomic<int> lost_marks = 0;
   std::shared_ptr<CoveDbHandler> handler;
   std::shared_ptr<LogicalSwitchContext> context;
 };
@@ -315,6 +323,51 @@ TEST_F(StoreRoadTest, AFlushVoidsWhatWasStillToBeDone) {
   handler->ResumeMonitors();
   clock.RunFor(1min);
   EXPECT_THAT(host.TakeCalls(), IsEmpty());
+}
+
+// A flush in each place of the road: behind what the worker has gathered, and behind the question of a full
+// read.
+TEST_F(StoreRoadTest, AFlushVoidsWhatTheWorkerStillHasBeforeIt) {
+  Watch([] { return PutLogicalSwitches({1, 2, 1, 1}, 5, true); });
+  std::atomic<bool> flushed = false;
+  before_enqueue = [&](CovedbUpdateKind kind) {
+    if (kind != CovedbUpdateKind::kEndOfTransaction || flushed.exchange(true)) return;
+    workers.AddTask(Worker::kDatabaseHandler,
+                    std::make_unique<FunctionTask>([this] { handler->FlushDesiredConfig(); }));
+  };
+  network.Break(kEndpoint);  // everything is read anew
+  clock.RunFor(1min);
+  EXPECT_TRUE(flushed);
+  EXPECT_THAT(host.TakeCalls(), IsEmpty());
+  EXPECT_TRUE(log.Contains("what the store told before its flush is dropped"));
+  EXPECT_EQ(handler->pending().size(), 0u);
+}
+
+TEST_F(StoreRoadTest, AFlushVoidsAReadingThatIsUnderWay) {
+  Change(PutLogicalSwitches({1, 2, 1, 1}, 5, true));
+  host.Fail("op 11", 0, 1, "host is busy");
+  Connect();
+  daemon->faults().SetDelay("Get", 10s);
+  clock.RunFor(31s);  // asked
+  handler->FlushDesiredConfig();
+  host.TakeCalls();
+  clock.RunFor(1min);
+  EXPECT_THAT(host.TakeCalls(), IsEmpty());
+  EXPECT_TRUE(log.Contains("the answer of the store is dropped"));
+}
+
+// The connection goes between the switches of a transaction and its mark.
+TEST_F(StoreRoadTest, ATransactionThatIsCutIsNotPartOfTheNextReading) {
+  Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
+  lost_marks = 1;
+  Change(PutLogicalSwitches({100, 5, 1, 1}, 6, false));
+  clock.RunFor(1s);
+  EXPECT_EQ(lost_marks, 0);
+  StartStore();
+  Change(PutLogicalSwitches({7, 1, 1, 1}, 7, true));
+  clock.RunFor(20s);
+  EXPECT_EQ(host.networks(), (std::map<std::string, std::string>{{LogicalSwitchUuid(7), "ls-7:1"}}));
+  EXPECT_TRUE(log.Contains("a transaction that was cut after 5 entities is dropped"));
 }
 
 TEST_F(StoreRoadTest, TheStateOfAVifGoesToItsRealizer) {

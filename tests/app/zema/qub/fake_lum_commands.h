@@ -10,8 +10,9 @@
 
 namespace zem::zema {
 
-/// Records the commands and gives scripted replies, the last of a command's again and again; what is not
-/// scripted is answered "ok".  Compares with the expected reply as the real one does.
+/// Records the commands and gives scripted replies, the last of a command's again and again; what is scripted
+/// for "name(" is for all its arguments.  What is not scripted is answered "ok".  Compares with the expected
+/// reply as the real one does.
 class FakeLumCommands : public LumCommands {
  public:
   void Script(const std::string& command, std::deque<std::string> replies) {
@@ -21,7 +22,8 @@ class FakeLumCommands : public LumCommands {
   int InvokeCommand(const std::string& command, const std::string& expected, std::string* out) override {
     commands.push_back(command);
     *out = "ok";
-    const auto found = replies_.find(command);
+    auto found = replies_.find(command);
+    if (found == replies_.end()) found = replies_.find(command.substr(0, command.find('(') + 1));
     if (found != replies_.end()) {
       *out = found->second.front();
       if (found->second.size() > 1) found->second.pop_front();

@@ -1,0 +1,166 @@
+// Host configurations from their message to the host and back, with the agent's end at any point in between.
+
+#include "tests/app/zema/hostconfig/host_config_fixture.h"
+
+namespace zem::zema {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+TEST_F(HostConfigTest, SwitchesComeAndGo) {
+  EXPECT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+  EXPECT_EQ(RouterOf(kOverlay), "connected");
+  EXPECT_THAT(Apply(kNode + std::string("revision: \"2\" ") + kOne), HasSubstr("error_code: 0"));
+  EXPECT_THAT(state->SwitchIds(), ElementsAre(kVlanSwitch));
+  EXPECT_EQ(RouterOf(kOverlay), "none");
+  EXPECT_FALSE(files.ApplyUnfinished());
+}
+
+// The file of the node goes before its switches do, so the mark has to say what was under way.
+TEST_F(HostConfigTest, ARemovalThatWasCutIsFinishedByTheNextStart) {
+  for (const bool reset : {false, true}) {
+    for (const char* point : {"op 11", "CheckQUBiVersion70AndUnusedCkln", "applyDvsList(", "op 15"}) {
+      SCOPED_TRACE(std::string(point) + (reset ? " reset" : " removal"));
+      StartProcess();
+      ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+      KillAt(point);
+      const auto remove = [&] {
+        reset ? RemoveHostSwitches(process->context) : Apply(R"(id: "c1" revision: "-1")");
+      };
+      EXPECT_THROW(remove(), Killed);
+      ASSERT_TRUE(files.ApplyUnfinished());
+      StartProcess();
+      FinishHostConfig(process->context);
+      EXPECT_THAT(state->SwitchIds(), IsEmpty());
+      EXPECT_EQ(RouterOf(kOverlay), "none");
+      EXPECT_FALSE(files.HasHostConfigFile());
+      EXPECT_FALSE(files.ApplyUnfinished());
+      EXPECT_FALSE(process->host.id());
+      EXPECT_TRUE(script.Heard("15:")) << "the host forgets its node id";
+    }
+  }
+}
+
+// The switch that leaves is in no stored message any more when the agent starts again.
+TEST_F(HostConfigTest, ARouterThatWasToGoGoesAlsoAfterAKill) {
+  ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+  KillAt("CheckQUBiVersion70AndUnusedCkln");
+  EXPECT_THROW(Apply(kNode + std::string("revision: \"2\" ") + kOne), Killed);
+  StartProcess();
+  FinishHostConfig(process->context);
+  EXPECT_EQ(RouterOf(kOverlay), "none");
+  EXPECT_THAT(state->SwitchIds(), ElementsAre(kVlanSwitch));
+}
+
+// Nobody hears of it, so the agent goes on by itself, and does not say that all is as it was asked.
+TEST_F(HostConfigTest, WhatAStartCannotFinishIsTriedAgainUntilItHolds) {
+  KillAt("applyDvses(");
+  EXPECT_THROW(Apply(kNode + std::string("revision: \"1\" ") + kTwo), Killed);
+  StartProcess();
+  script.Script("CheckQUBiVersion70AndUnusedCkln()", {"busy"});
+  FinishHostConfig(process->context);
+  EXPECT_TRUE(files.not_in_force());
+  ASSERT_TRUE(files.ApplyUnfinished());
+  EXPECT_EQ(process->later_after, 30s);
+  for (const auto next : {60s, 120s, 240s, 480s, 600s, 600s}) {
+    std::exchange(process->later, nullptr)();
+    EXPECT_EQ(process->later_after, next);
+  }
+  // What throws is a failure as any other.
+  script.before = [](const std::string&) { throw std::runtime_error("bad alloc"); };
+  std::exchange(process->later, nullptr)();
+  ASSERT_TRUE(process->later);
+  EXPECT_TRUE(files.not_in_force());
+  script.before = nullptr;
+  script.Script("CheckQUBiVersion70AndUnusedCkln()", {"ok|1,0"});
+  const auto last = std::exchange(process->later, nullptr);
+  last();
+  EXPECT_FALSE(files.not_in_force());
+  EXPECT_FALSE(files.ApplyUnfinished());
+  EXPECT_FALSE(process->later);
+  EXPECT_EQ(RouterOf(kOverlay), "connected");
+  script.commands.clear();
+  last();
+  EXPECT_THAT(script.commands, IsEmpty()) << "it holds already";
+}
+
+TEST_F(HostConfigTest, ANewerConfigurationEndsTheTriesToFinishTheOneBefore) {
+  KillAt("applyDvses(");
+  EXPECT_THROW(Apply(kNode + std::string("revision: \"1\" ") + kTwo), Killed);
+  StartProcess();
+  script.Script("CheckQUBiVersion70AndUnusedCkln()", {"busy"});
+  FinishHostConfig(process->context);
+  ASSERT_TRUE(process->later);
+  EXPECT_THAT(Apply(kNode + std::string("revision: \"2\" ") + kOne), HasSubstr("busy"));
+  EXPECT_FALSE(files.not_in_force()) << "this failure the manager knows";
+  script.commands.clear();
+  process->later();
+  EXPECT_THAT(script.commands, IsEmpty());
+}
+
+// After a reset the host takes no logical switches, until it is a node again.
+TEST_F(HostConfigTest, AConfigurationAfterAResetTakesLogicalSwitchesAgain) {
+  ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+  EXPECT_EQ(RemoveHostSwitches(process->context), "");
+  EXPECT_TRUE(process->state.del_zem_running);
+  Apply(kNode + std::string("revision: \"2\" ") + kTwo);
+  EXPECT_FALSE(process->state.del_zem_running);
+}
+
+TEST_F(HostConfigTest, ARemovalEndsTheMaintenanceModeOfTheNode) {
+  ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+  EXPECT_EQ(process->left_maintenance, 0);
+  Apply(R"(id: "c1" revision: "-1")");
+  EXPECT_EQ(process->left_maintenance, 1);
+}
+
+// Nobody is answered, so nobody waits for the host management; what follows an answer follows all the same.
+TEST_F(HostConfigTest, AConfigurationFinishedAtTheStartHasItsFollowUpsAndNoWait) {
+  KillAt("applyDvses(");
+  EXPECT_THROW(Apply(kNode + std::string("revision: \"1\" ") + kTwo), Killed);
+  StartProcess();
+  script.unused_ckln = true;
+  FinishHostConfig(process->context);
+  EXPECT_FALSE(files.ApplyUnfinished());
+  EXPECT_THAT(process->follow_ups.notes, ElementsAre("hot swap"));
+}
+
+// What is refused before anything is stored leaves nothing behind: the next one is a first one again, and is
+// checked as such.
+TEST_F(HostConfigTest, ARefusedFirstConfigurationLeavesNothingBehind) {
+  for (const char* dvs : {kOverlay, kVlanSwitch}) ASSERT_TRUE(state->RemoveSwitch(dvs));
+  const struct {
+    const char* reason;
+    std::function<void()> prepare;
+    std::string switches;
+  } cases[] = {
+      {"ZEMA Lum not ready", [this] { process->health.setZemaLumNotReady(); }, kTwo},
+      {"Cannot perform install due to an existing VM",
+       [this] { script.rpc_failures["op 19"] = "VM [a] is running"; }, kTwo},
+      {"Malformed", [] {}, R"(host_switches { id: "502e" name: "ks-1" type: 3 })"},
+  };
+  for (const auto& c : cases) {
+    StartProcess();
+    c.prepare();
+    EXPECT_THAT(Apply(kNode + std::string("zem_down: true revision: \"1\" ") + c.switches),
+                testing::Not(HasSubstr("error_code: 0")));
+    EXPECT_FALSE(process->host.id()) << c.reason;
+    EXPECT_FALSE(process->health.status_down()) << c.reason;
+    EXPECT_FALSE(process->state.kln_follows_health) << c.reason;
+    EXPECT_FALSE(files.HasHostConfigFile()) << c.reason;
+    script.rpc_failures.clear();
+    script.commands.clear();
+    process->health.setZemaLumReady();
+    EXPECT_THAT(Apply(kNode + std::string("revision: \"2\" ") + kTwo), HasSubstr("error_code: 0"));
+    EXPECT_TRUE(script.Heard("19:")) << c.reason;
+    EXPECT_EQ(process->host.id(), "node-1");
+    ASSERT_THAT(Apply(R"(id: "c1" revision: "-1")"), HasSubstr("error_code: 0"));
+  }
+}
+
+}  // namespace
+}  // namespace zem::zema
