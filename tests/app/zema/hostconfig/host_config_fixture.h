@@ -154,6 +154,7 @@ class HostConfigTest : public SwitchHostTest {
     }
     std::string error;
     EXPECT_TRUE(router_library.Open(&error)) << error;
+    lum.Script("GetTzToDvsMapping()", {std::string("ok|z1:") + kOverlay + ":KLN|z2:" + kVlanSwitch + ":NVS"});
     StartProcess();
   }
 

@@ -162,5 +162,27 @@ TEST_F(HostConfigTest, ARefusedFirstConfigurationLeavesNothingBehind) {
   }
 }
 
+// Ports of VMs on a switch that stays keep what ties them, whatever becomes of the switch's security.
+TEST_F(HostConfigTest, WithdrawnSecurityClearsPortsOfLeavingSwitchesAlone) {
+  const std::string secure =
+      std::string(kNode) + R"(revision: "0" )" + kTwo +
+      R"(host_switches { id: "502e3333-3333-3333-9d33-333333333333" name: "ks-3" type: 2
+                                  mtu: 1500 transport_zone_id: "z3" static_address: true } )";
+  auto config = Config(secure);
+  for (auto& host_switch : *config.mutable_host_switches()) host_switch.set_security(true);
+  ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
+  config.set_revision("0");
+  ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
+  const std::string leaving = "50 2e 33 33 33 33 33 33-9d 33 33 33 33 33 33 33";
+  for (const std::string& dvs : {std::string(kOverlay), leaving}) {
+    ASSERT_TRUE(state->SwitchProperty(dvs, "host", port_props::kKlnSecurityEnabled)) << dvs;
+  }
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  ASSERT_THAT(Apply(std::string(kNode) + R"(revision: "2" )" + kTwo), HasSubstr("error_code: 0"));
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), kVif);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kOpaqueNetworkId), kLs);
+  EXPECT_THAT(state->SwitchIds(), ElementsAre(kOverlay, kVlanSwitch));
+}
+
 }  // namespace
 }  // namespace zem::zema
