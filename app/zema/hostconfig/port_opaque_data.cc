@@ -34,14 +34,14 @@ bool SetWithRetries(HostConfigContext& context, const std::string& dvs, const st
   return false;
 }
 
-bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::string& port, bool security) {
+bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::string& port) {
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   Tie tie;
+  std::string security;
   context.ports.GetPortExtraConfig(dvs, port, port_props::kExternalId, &tie.vif);
   context.ports.GetPortExtraConfig(dvs, port, port_props::kLogicalPortId, &tie.logical_port);
   context.ports.GetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, &tie.network);
-  // A port of the agent's own is named by its logical port.
-  if (tie.logical_port.empty() && !tie.vif.empty() && !security) tie.logical_port = port;
+  context.ports.GetPortExtraConfig(dvs, port, port_props::kSecurityEnable, &security);
   if (tie.vif.empty() || tie.logical_port.empty()) {
     ZLOG_INFO("[%s] vifId or logicalPortId is missing for [%s:%s]. Skip setting port opaque data",
               "ApplyOpaqueDataOnPorts", dvs.c_str(), port.c_str());
@@ -50,7 +50,8 @@ bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::
   return SetWithRetries(context, dvs, port, port_props::kLogicalPortId, tie.logical_port) &&
          SetWithRetries(context, dvs, port, port_props::kOpaqueNetworkId, tie.network) &&
          SetWithRetries(context, dvs, port, port_props::kExternalId, tie.vif) &&
-         (!security || SetWithRetries(context, dvs, port, port_props::kSecurityEnable, port_props::kTrue));
+         (security != port_props::kTrue ||
+          SetWithRetries(context, dvs, port, port_props::kSecurityEnable, port_props::kTrue));
 }
 
 }  // namespace
@@ -68,7 +69,7 @@ void ApplyOpaqueDataOnPorts(HostConfigContext& context, const orlane::zem::switc
       continue;
     }
     for (size_t i = 0; i < ports.size(); ++i) {
-      good = ApplyOnPort(context, host_switch.id(), ports[i], host_switch.security()) && good;
+      good = ApplyOnPort(context, host_switch.id(), ports[i]) && good;
     }
   }
   if (good) return;

@@ -184,5 +184,22 @@ TEST_F(HostConfigTest, WithdrawnSecurityClearsPortsOfLeavingSwitchesAlone) {
   EXPECT_THAT(state->SwitchIds(), ElementsAre(kOverlay, kVlanSwitch));
 }
 
+// Only a port that was made for security alone is marked so; one without logical port is none of the agent's.
+TEST_F(HostConfigTest, PortsAreMarkedForSecurityByThemselvesNotByTheirSwitch) {
+  auto config = Config(std::string(kNode) + R"(revision: "0" )" + kTwo);
+  for (auto& host_switch : *config.mutable_host_switches()) host_switch.set_security(true);
+  ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
+  for (const char* port : {"lp-1", "lp-2", "lp-3"}) Create(Description(port), kVif, Vm("vm1"));
+  ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-1", port_props::kLogicalPortId, "logical-1"));
+  ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-2", port_props::kLogicalPortId, "logical-2"));
+  ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-2", port_props::kSecurityEnable, "true"));
+  log.Clear();
+  ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kSecurityEnable), "(none)");
+  EXPECT_EQ(Property(kOverlay, "lp-2", port_props::kSecurityEnable), "true");
+  EXPECT_EQ(Property(kOverlay, "lp-3", port_props::kLogicalPortId), "(none)");
+  EXPECT_TRUE(log.Contains("vifId or logicalPortId is missing for [" + std::string(kOverlay) + ":lp-3]"));
+}
+
 }  // namespace
 }  // namespace zem::zema
