@@ -210,8 +210,7 @@ void Realization::Impl::MakeManagers() {
   OptionsStore* const options = settings_.options;
   switches_ = std::make_unique<ConfigOpsManager>(*library_);
   publisher_ = std::make_unique<SwitchHealthPublisher>(*switches_);
-  // Nothing tells of a smart NIC yet.
-  health_ = std::make_unique<HealthRecord>(*publisher_, false);
+  health_ = std::make_unique<HealthRecord>(*publisher_, options->Snapshot().on_smart_nic);
   manager_ = std::make_shared<ZemManager>(
       *settings_.vif_sender,
       ZemManager::Settings{[] { return Host().id(); },

@@ -45,6 +45,7 @@ constexpr std::array kOptions = {
     OptionRow{"zema.controller-info", &O::controller_info},
     OptionRow{"zema.preCheckHealth", &O::pre_check_health},
     OptionRow{"zema.logLevel", &O::log_level},
+    OptionRow{"zema.onSmartNic", &O::on_smart_nic},
     OptionRow{"vtepDhcpIpTimeoutConfig.vtepDhcpIpFetchingTimeout", &O::vtep_dhcp_ip_fetching_timeout},
     OptionRow{"vtepOperations.snicVtepOperationsRpcTimeout", &O::snic_vtep_operations_rpc_timeout},
     OptionRow{"highPerformanceProfile.retryIntervalSec", &O::high_performance_retry_interval},

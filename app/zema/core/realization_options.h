@@ -27,6 +27,8 @@ struct RealizationOptions {
   bool controller_info = false;
   bool pre_check_health = true;
   std::string log_level = kUnset;
+  /// The agent runs on a smart NIC, where there is no host management daemon to be connected to.
+  bool on_smart_nic = false;
 
   int vtep_dhcp_ip_fetching_timeout = 8;
   int snic_vtep_operations_rpc_timeout = 120;
