@@ -78,4 +78,19 @@ void ApplyOpaqueDataOnPorts(HostConfigContext& context, const orlane::zem::switc
   errors.Add(ErrorSink::kGeneral, "Failed to set port opaque data.");
 }
 
+void ClearOpaqueDataOnPorts(HostConfigContext& context, const std::string& dvs) {
+  PortList ports;
+  const uint32_t result = context.library.SwitchPortList(dvs, &ports);
+  if (result != 0 && result != kSwitchNotFound) {
+    ZLOG_ERROR("44423", "[%s] %s", __func__, SwitchErrorText(result).c_str());
+    return;
+  }
+  for (size_t i = 0; i < ports.size(); ++i) {
+    const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
+    if (context.ports.ClearPortOpaqueData(dvs, ports[i]) != 0) {
+      ZLOG_WARN("[%s] the port [%s] on [%s] keeps what was written on it", __func__, ports[i], dvs.c_str());
+    }
+  }
+}
+
 }  // namespace zem::zema

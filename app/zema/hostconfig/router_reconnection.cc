@@ -37,11 +37,12 @@ void RouterReconnection::ReadTeaming(const std::vector<HostDvs>& switches) {
 void RouterReconnection::ReconnectVdrPorts(const Config& config, const RouterMacs& before, bool upgrade) {
   std::string error;
   const auto switches = GetDvsUuids(context_.lum, false, DvsStatus(context_.switches), &error);
-  if (!switches) {
+  if (switches) {
+    ReadTeaming(*switches);
+  } else {
+    // What was read before the change is good for the switches that are still there.
     errors_.Add(ErrorSink::kGeneral, error);
-    return;
   }
-  ReadTeaming(*switches);
   const RouterMacs after = LeavingSwitches::RouterMacsOf(config);
   const auto connect = [&](const RouterMacs& macs, bool revert) {
     std::vector<std::string> failed;

@@ -201,5 +201,27 @@ TEST_F(HostConfigTest, PortsAreMarkedForSecurityByThemselvesNotByTheirSwitch) {
   EXPECT_TRUE(log.Contains("vifId or logicalPortId is missing for [" + std::string(kOverlay) + ":lp-3]"));
 }
 
+TEST_F(HostConfigTest, RuntimeUpdatesAreDisabledWithoutDataAndTheirPortsCleared) {
+  ASSERT_THAT(Apply(std::string(kNode) + R"(revision: "1" )" + kTwo), HasSubstr("error_code: 0"));
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  auto config = Config(std::string(kNode) + R"(revision: "2" )" + kTwo);
+  config.mutable_host_switches(0)->set_vif_collection_status(2);
+  script.rpc_reply = "disabled";
+  script.commands.clear();
+  Apply(config.DebugString());
+  EXPECT_THAT(script.commands, testing::Contains("22:"));
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
+}
+
+TEST_F(HostConfigTest, RoutersComeBackAlsoWhenTheHostDoesNotListItsSwitches) {
+  script.before = [this](const std::string& command) {
+    if (command.starts_with("applyDvses(")) script.answers["queryDvsListWithoutFlag"] = "busy";
+  };
+  EXPECT_THAT(Apply(std::string(kNode) + R"(revision: "1" )" + kTwo),
+              HasSubstr("queryDvsListWithoutFlag() failed: [busy]"));
+  EXPECT_EQ(RouterOf(kOverlay), "connected");
+  EXPECT_THAT(process->health.dvs_vdr_macs(), SizeIs(2));
+}
+
 }  // namespace
 }  // namespace zem::zema
