@@ -1,10 +1,13 @@
 #include "app/zema/hostconfig/port_opaque_data.h"
 
+#include <map>
+
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/qub/error_sink.h"
 #include "app/zema/qub/port_ops_manager.h"
 #include "app/zema/qub/port_props.h"
 #include "app/zema/qub/switch_library.h"
+#include "app/zema/qub/vif_request.h"
 #include "framework/log.h"
 #include "proto/switching/switching.pb.h"
 
@@ -34,7 +37,16 @@ bool SetWithRetries(HostConfigContext& context, const std::string& dvs, const st
   return false;
 }
 
-bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::string& port) {
+// The VIFs that the manager still has to tell about, by their ports.
+std::map<std::string, std::string> VifsOfPorts(const HostConfigContext& context) {
+  std::map<std::string, std::string> vifs;
+  const auto requests = context.ports.VifsForSiteConfig();
+  for (const auto& [vif, request] : *requests) vifs[request->port_id] = vif;
+  return vifs;
+}
+
+bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::string& port,
+                 const std::map<std::string, std::string>& known) {
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   Tie tie;
   std::string security;
@@ -46,6 +58,11 @@ bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::
     ZLOG_INFO("[%s] vifId or logicalPortId is missing for [%s:%s]. Skip setting port opaque data",
               "ApplyOpaqueDataOnPorts", dvs.c_str(), port.c_str());
     return true;
+  }
+  if (const auto vif = known.find(port); vif != known.end() && vif->second != tie.vif) {
+    ZLOG_INFO("[%s] dvport [%s:%s] has stale vifId [%s], clearing all existing extra config",
+              "ApplyOpaqueDataOnPorts", dvs.c_str(), port.c_str(), tie.vif.c_str());
+    return context.ports.ClearPortOpaqueData(dvs, port) == 0;
   }
   return SetWithRetries(context, dvs, port, port_props::kLogicalPortId, tie.logical_port) &&
          SetWithRetries(context, dvs, port, port_props::kOpaqueNetworkId, tie.network) &&
@@ -59,6 +76,7 @@ bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::
 void ApplyOpaqueDataOnPorts(HostConfigContext& context, const orlane::zem::switching::HostConfigMsg& config,
                             ErrorSink& errors) {
   bool good = true;
+  const auto known = VifsOfPorts(context);
   for (const auto& host_switch : config.host_switches()) {
     PortList ports;
     const uint32_t result = context.library.SwitchPortList(host_switch.id(), &ports);
@@ -69,7 +87,7 @@ void ApplyOpaqueDataOnPorts(HostConfigContext& context, const orlane::zem::switc
       continue;
     }
     for (size_t i = 0; i < ports.size(); ++i) {
-      good = ApplyOnPort(context, host_switch.id(), ports[i]) && good;
+      good = ApplyOnPort(context, host_switch.id(), ports[i], known) && good;
     }
   }
   if (good) return;

@@ -1,5 +1,6 @@
 // Host configurations from their message to the host and back, with the agent's end at any point in between.
 
+#include "app/zema/qub/vif_request.h"
 #include "tests/app/zema/hostconfig/host_config_fixture.h"
 
 namespace zem::zema {
@@ -189,12 +190,19 @@ TEST_F(HostConfigTest, PortsAreMarkedForSecurityByThemselvesNotByTheirSwitch) {
   auto config = Config(std::string(kNode) + R"(revision: "0" )" + kTwo);
   for (auto& host_switch : *config.mutable_host_switches()) host_switch.set_security(true);
   ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
-  for (const char* port : {"lp-1", "lp-2", "lp-3"}) Create(Description(port), kVif, Vm("vm1"));
+  for (const char* port : {"lp-1", "lp-2", "lp-3", "lp-4"}) Create(Description(port), kVif, Vm("vm1"));
   ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-1", port_props::kLogicalPortId, "logical-1"));
   ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-2", port_props::kLogicalPortId, "logical-2"));
   ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-2", port_props::kSecurityEnable, "true"));
+  // The host knows another VIF on this port.
+  ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-4", port_props::kLogicalPortId, "logical-4"));
+  auto other = std::make_shared<VifRequest>();
+  other->port_id = "lp-4";
+  ports.AddVifForSiteConfig("vif-9", std::move(other));
   log.Clear();
   ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
+  EXPECT_EQ(Property(kOverlay, "lp-4", port_props::kExternalId), "(none)");
+  EXPECT_TRUE(log.Contains("dvport [" + std::string(kOverlay) + ":lp-4] has stale vifId [" + kVif + "]"));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kSecurityEnable), "(none)");
   EXPECT_EQ(Property(kOverlay, "lp-2", port_props::kSecurityEnable), "true");
   EXPECT_EQ(Property(kOverlay, "lp-3", port_props::kLogicalPortId), "(none)");
