@@ -61,7 +61,7 @@ void ReconnectRoutersAtStart(HostConfigContext& context, const std::vector<HostD
   if (!ReadInfos(context, switches, &infos, &error)) {
     ZLOG_ERROR("42021", "[%s] %s", __func__, error.c_str());
   }
-  context.routers.VdrPortReconnection(infos);
+  context.routers.VdrPortReconnection(infos, RouterMacTexts(context.health.dvs_vdr_macs()));
 }
 
 HealthMacs RouterMacsOfHealth(const orlane::zem::switching::HostConfigMsg& config) {

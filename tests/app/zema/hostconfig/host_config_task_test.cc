@@ -1,5 +1,6 @@
 // Host configurations from their message to the host and back, with the agent's end at any point in between.
 
+#include "app/zema/hostconfig/router_reconnection.h"
 #include "app/zema/qub/vif_request.h"
 #include "tests/app/zema/hostconfig/host_config_fixture.h"
 
@@ -229,6 +230,17 @@ TEST_F(HostConfigTest, RoutersComeBackAlsoWhenTheHostDoesNotListItsSwitches) {
               HasSubstr("queryDvsListWithoutFlag() failed: [busy]"));
   EXPECT_EQ(RouterOf(kOverlay), "connected");
   EXPECT_THAT(process->health.dvs_vdr_macs(), SizeIs(2));
+}
+
+// The host has forgotten its routers; what is stored has not.
+TEST_F(HostConfigTest, RoutersComeBackWhenTheHostHasStartedAnew) {
+  ASSERT_THAT(Apply(std::string(kNode) + R"(revision: "1" )" + kTwo), HasSubstr("error_code: 0"));
+  state->RebootHost();
+  ASSERT_EQ(RouterOf(kOverlay), "none");
+  StartProcess();
+  ReconnectRoutersAtStart(*process->context, {{kOverlay, "ks-1"}, {kVlanSwitch, "ks-2"}});
+  EXPECT_EQ(RouterOf(kOverlay), "connected");
+  EXPECT_EQ(RouterOf(kVlanSwitch), "none");
 }
 
 }  // namespace
