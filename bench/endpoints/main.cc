@@ -251,8 +251,7 @@ int Measure(Results* results) {
     if (!Tarvik::OpenShutdownPipe()) return 1;
     zema::LumSettings settings;
     settings.script = std::string(sim::kNodeDirectory) + "/zemaLum.py";
-    settings.kill_pause = settings.spawn_pause = settings.pid_pause = settings.ready_pause =
-        std::chrono::milliseconds(20);
+    settings.kill_pause = settings.pid_pause = settings.ready_pause = std::chrono::milliseconds(20);
     settings.host_version = "7.0.3";
     const sim::HostState host(sim::HostState::DefaultRoot());
     MeasureOurs(settings, host, results);

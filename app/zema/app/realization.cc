@@ -133,7 +133,7 @@ class Realization::Impl {
   bool Pause(Duration duration);
   void RunLater(Duration delay, std::function<void()> work);
   void ScheduleHighPerformance();
-  LumSettings LumSettingsOf(const RealizationOptions& options);
+  LumSettings MakeLumSettings();
   void CleanUp();
   WorkerFactory Factory();
   void PrepareHost();
@@ -162,6 +162,7 @@ Realization::Result Realization::Impl::SetUp() {
     ZLOG_ERROR("41504", "[%s] failed to start lumHandler", __func__);
     return kNoProxy;
   }
+  lum_->StartWatching();
   InstallSignalDispositions();
   settings_.workers->SetFactory(Factory());
   if (settings_.workers->StartSwitchHandler() != 0) return kNoSwitchHandler;
@@ -215,7 +216,7 @@ void Realization::Impl::MakeManagers() {
       *settings_.vif_sender,
       ZemManager::Settings{[] { return Host().id(); },
                            [options] { return options->Snapshot().vif_operation_timeout; }});
-  lum_ = std::make_unique<LumHandler>(LumSettingsOf(options->Snapshot()));
+  lum_ = std::make_unique<LumHandler>(MakeLumSettings());
   ports_ = std::make_unique<PortOpsManager>(*library_, *lum_);
   routers_ = std::make_unique<RouterPorts>(*router_library_);
   high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
@@ -323,11 +324,12 @@ void Realization::Impl::ScheduleHighPerformance() {
   }
 }
 
-LumSettings Realization::Impl::LumSettingsOf(const RealizationOptions& options) {
+LumSettings Realization::Impl::MakeLumSettings() {
   LumSettings lum;
-  lum.pid_tries = options.max_retry_zema_lum_ready;
-  if (options.log_level != RealizationOptions::kUnset) lum.log_level = options.log_level;
-  lum.no_vxlan_stack = options.no_vxlan_stack == "true";
+  lum.options = [options = settings_.options] {
+    const RealizationOptions all = options->Snapshot();
+    return LumOptions{all.max_retry_zema_lum_ready, all.log_level, all.no_vxlan_stack == "true"};
+  };
   lum.host_version = version_.host.version;
   lum.shutting_down = [] { return Tarvik::ShutdownRequested(); };
   lum.set_ready = [health = health_.get()](bool ready) {
