@@ -68,6 +68,8 @@ namespace switching = orlane::zem::switching;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kUser = "zemuser";
+// The script wants a third text and has no use for it.
+constexpr const char* kThirdLoginText = "";
 constexpr const char* kRemovePermission =
     "python /usr/lib64/orlane/zem-tarvik/pylum/zema/setZemUserPermission.py --remove";
 constexpr const char* kDeleteUser = "/usr/lib/orlane/auth/bin/deluser ";
@@ -158,7 +160,7 @@ Realization::Result Realization::Impl::SetUp() {
     CleanUp();
     return kClearMode;
   }
-  if (lum_->SetUp(kUser, options.group) != 0) {
+  if (lum_->SetUp(kUser, kThirdLoginText) != 0) {
     ZLOG_ERROR("41504", "[%s] failed to start lumHandler", __func__);
     return kNoProxy;
   }
@@ -438,7 +440,7 @@ void Realization::Impl::ReadStoredConfig() {
 
 // The agent leaves this host: its switches, and its user.
 void Realization::Impl::CleanUp() {
-  if (lum_->SetUp(kUser, settings_.options->Snapshot().group) != 0) {
+  if (lum_->SetUp(kUser, kThirdLoginText) != 0) {
     ZLOG_ERROR("42074", "[%s] Failed to cleanup HostSwitches on host: %s", __func__,
                "failed to start lumHandler");
   } else {
