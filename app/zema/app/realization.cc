@@ -166,6 +166,8 @@ Realization::Result Realization::Impl::SetUp() {
   }
   lum_->StartWatching();
   InstallSignalDispositions();
+  // Before anybody is served: a VM must not attach to a node in maintenance because its start is slow.
+  RestoreMmode(*mmode_);
   settings_.workers->SetFactory(Factory());
   if (settings_.workers->StartSwitchHandler() != 0) return kNoSwitchHandler;
   if (settings_.workers->StartTaskThreads() != 0) return kNoWorkers;
@@ -174,7 +176,6 @@ Realization::Result Realization::Impl::SetUp() {
   FinishHostConfig(host_config_);
   health_->mpaDisconnected();
   ReadStoredConfig();
-  RestoreMmode(*mmode_);
   // The manager still waits for what is written on these ports.
   for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) follow_ups_->AddVifRequest(request);
   SimulateLoad();
