@@ -30,6 +30,7 @@
 #include "app/zema/hostconfig/host_config_task_qub.h"
 #include "app/zema/hostconfig/mmode_config_task.h"
 #include "app/zema/hostconfig/router_reconnection.h"
+#include "app/zema/hostconfig/stateless_host.h"
 #include "app/zema/hostconfig/vnic_migration_task.h"
 #include "app/zema/lswitch/db_svc_task_thread.h"
 #include "app/zema/lswitch/logical_switch_ack_task.h"
@@ -39,6 +40,7 @@
 #include "app/zema/lswitch/port_adapters.h"
 #include "app/zema/qub/config_ops_manager.h"
 #include "app/zema/qub/endpoint_library.h"
+#include "app/zema/qub/error_sink.h"
 #include "app/zema/qub/high_performance_profile.h"
 #include "app/zema/qub/host_switch_lists.h"
 #include "app/zema/qub/library_settings.h"
@@ -141,6 +143,7 @@ class Realization::Impl {
   void PrepareHost();
   void RestoreHostSwitch();
   void ReadStoredConfig();
+  void ResumeFollowUps(const switching::HostConfigMsg& stored);
   void SimulateLoad();
 };
 
@@ -437,6 +440,23 @@ void Realization::Impl::ReadStoredConfig() {
   }
   ZLOG_INFO("HostConfigMsg found on disk during startup: [%s]\n", stored.ShortDebugString().c_str());
   ProcessVtepHAProfileAndIgnoreErrors(*endpoints_, stored);
+  ResumeFollowUps(stored);
+}
+
+// What a configuration left to be done later, and an end of the agent has dropped, asked for once.
+void Realization::Impl::ResumeFollowUps(const switching::HostConfigMsg& stored) {
+  const bool pending =
+      std::any_of(stored.host_switches().begin(), stored.host_switches().end(), [this](const auto& each) {
+        std::string value;
+        return ports_->GetHostConfigProp(each.id(), kPendingUserActions, &value) == 0 &&
+               value.starts_with(kMaintenanceModeAction);
+      });
+  if (pending) follow_ups_->ApplyHighPerformanceProfile();
+  ErrorSink told;
+  bool unused = false;
+  if (!CheckQUBiVersion70AndUnusedCkln(*lum_, told, &unused) || !unused) return;
+  const RealizationOptions options = settings_.options->Snapshot();
+  follow_ups_->HotSwapUnusedCkln(options.ckln_hot_swap_init_delay, options.ckln_hot_swap_retry_interval);
 }
 
 // The agent leaves this host: its switches, and its user.
