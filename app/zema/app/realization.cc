@@ -440,6 +440,7 @@ void Realization::Impl::ReadStoredConfig() {
   }
   ZLOG_INFO("HostConfigMsg found on disk during startup: [%s]\n", stored.ShortDebugString().c_str());
   ProcessVtepHAProfileAndIgnoreErrors(*endpoints_, stored);
+  settings_.applied(stored);
   ResumeFollowUps(stored);
 }
 
