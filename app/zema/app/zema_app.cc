@@ -237,6 +237,21 @@ std::shared_ptr<zema::Realization> ZemaApp::Impl::realization() const {
   return realization_;
 }
 
+namespace {
+
+// What is thrown is one more reason to begin anew: nothing of this thread may end the daemon, which would find
+// the same at its next start.
+int SetUpOf(zema::Realization& realization) {
+  try {
+    return realization.SetUp();
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("41517", "[%s] the set-up caught exception: %s", "StartUpTask", e.what());
+    return zema::Realization::kNoWorkers;
+  }
+}
+
+}  // namespace
+
 // The set-up, again and again until it holds or the daemon stops.
 void ZemaApp::Impl::StartUp() {
   for (int delay = kFirstRetryDelay;; delay *= 2) {
@@ -245,7 +260,7 @@ void ZemaApp::Impl::StartUp() {
       const std::lock_guard lock(mutex_);
       realization_ = realization;
     }
-    const int result = realization->SetUp();
+    const int result = SetUpOf(*realization);
     if (ShutdownRequested()) {
       ZLOG_INFO("[%s] Agent is shutting down, abort zemaApp start ", "StartUpTask");
       return;
@@ -266,7 +281,11 @@ void ZemaApp::Impl::StartUp() {
   }
   if (const auto store = GetCoveDbHandler()) store->RegisterChannelStatus();
   client()->Start(nullptr);
-  controller_list_.Start();
+  try {
+    controller_list_.Start();
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("41517", "[%s] the controller list cannot be served: %s", "StartUpTask", e.what());
+  }
   SetStarted();
 }
 
