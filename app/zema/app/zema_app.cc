@@ -38,6 +38,7 @@
 #include "mpaclient/mpa_client.h"
 #include "platform/core/condition.h"
 #include "platform/core/provider.h"
+#include "platform/core/timer.h"
 #include "platform/core/work_group.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/switching/switching.pb.h"
@@ -103,6 +104,7 @@ class ZemaApp::Impl {
   std::map<uint32_t, HostConfigCallback> callbacks_;
   std::shared_ptr<zema::Realization> realization_;
   std::shared_ptr<zema::MessageDispatch> dispatch_;
+  std::shared_ptr<Timer> controller_timer_;
 
  private:
   void StartUp();
@@ -156,10 +158,18 @@ ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
 std::shared_ptr<zema::ControllerContext> ZemaApp::Impl::MakeControllerContext() {
   zema::ControllerFile::Settings file;
   file.wait = [](Duration duration) { return !WaitForShutdown(duration); };
-  return std::make_shared<zema::ControllerContext>(
+  auto context = std::make_shared<zema::ControllerContext>(
       std::move(file), zema::Host(), files_, [](std::unique_ptr<zema::Runnable> task) {
         zema::Workers().AddTask(zema::Worker::kController, std::move(task));
       });
+  context->add_task_later = [this](Duration delay, std::function<std::unique_ptr<zema::Runnable>()> make) {
+    const std::lock_guard lock(mutex_);
+    if (controller_timer_) controller_timer_->Cancel();
+    controller_timer_ = provider_.timers().Schedule(delay, [make = std::move(make)] {
+      if (auto task = make()) zema::Workers().AddTask(zema::Worker::kController, std::move(task));
+    });
+  };
+  return context;
 }
 
 void ZemaApp::Impl::Register() {
@@ -239,8 +249,8 @@ std::shared_ptr<zema::Realization> ZemaApp::Impl::realization() const {
 
 namespace {
 
-// What is thrown is one more reason to begin anew: nothing of this thread may end the daemon, which would find
-// the same at its next start.
+// What is thrown is one more reason to begin anew: nothing of this thread may end the daemon, which would
+// find the same at its next start.
 int SetUpOf(zema::Realization& realization) {
   try {
     return realization.SetUp();
@@ -379,6 +389,7 @@ void ZemaApp::Impl::Stop(int reason) {
   {
     const std::lock_guard lock(mutex_);
     dispatch_.reset();
+    if (controller_timer_) controller_timer_->Cancel();
   }
   zema::DeleteTaskThreadObjects();
 }
