@@ -564,7 +564,7 @@ std::string ZemaApp::Impl::Migrate(bool vm_ports, bool knl_pnic) {
   return taken ? "" : "There is no thread for host configurations";
 }
 
-std::string ZemaApp::Impl::ReloadOptions() { return options_.Reload({}); }
+std::string ZemaApp::Impl::ReloadOptions() { return options_.Reload(); }
 
 ZemaApp::ZemaApp(AsioZemProvider& provider, boost::intrusive_ptr<WorkGroup>,
                  std::shared_ptr<covedb::CoveDbClientInterface> store)

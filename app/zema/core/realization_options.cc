@@ -180,16 +180,19 @@ int OptionsStore::Parse(const std::vector<std::string>& arguments, const HostVer
   if (!read) return -1;
   const Synchronizer lock(lock_, __FILE__, __LINE__);
   file_ = file;
+  host_ = host;
   options_ = std::move(*read);
   return 0;
 }
 
-std::string OptionsStore::Reload(const HostVersion& host) {
+std::string OptionsStore::Reload() {
   ZLOG_INFO("Reloading options from config file...");
   std::string file;
+  HostVersion host;
   {
     const Synchronizer lock(lock_, __FILE__, __LINE__);
     file = file_;
+    host = host_;
   }
   auto read = ReadOptions(file, {}, host);
   if (!read) {

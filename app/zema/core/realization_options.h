@@ -90,15 +90,16 @@ class OptionsStore {
   /// the options as they were.
   [[nodiscard]] int Parse(const std::vector<std::string>& arguments, const HostVersion& host);
 
-  /// Reads the file again.  The error's text, empty on success.
-  [[nodiscard]] std::string Reload(const HostVersion& host);
+  /// Reads the file again, for the host of the last Parse.  The error's text, empty on success.
+  [[nodiscard]] std::string Reload();
 
   /// A copy.
   RealizationOptions Snapshot();
 
  private:
   std::string file_;
-  Synchronizable lock_;  // guards options_
+  Synchronizable lock_;  // guards what follows
+  HostVersion host_;
   RealizationOptions options_;
 };
 
