@@ -127,9 +127,9 @@ class Agent {
  public:
   Agent(zema::LumHandler& lum, zema::EndpointLibrary& library) {
     host_.SetHostId("tn");
-    context_ = std::make_shared<zema::EndpointContext>(zema::EndpointContext{
+    context_ = std::make_shared<zema::EndpointContext>(
         lum, library, host_, &manager, [] { return 0; }, [](Duration) { return true; },
-        [this](std::unique_ptr<zema::Runnable> task) { queue_.push_back(std::move(task)); }});
+        [this](std::unique_ptr<zema::Runnable> task) { queue_.push_back(std::move(task)); });
   }
 
   void Sync() {

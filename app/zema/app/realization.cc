@@ -230,12 +230,12 @@ void Realization::Impl::MakeManagers() {
       std::make_shared<MmodeContext>(MmodeContext{*lum_, *settings_.files, *health_, *manager_, &RunShell});
   follow_ups_ = std::make_unique<FollowUps>();
   endpoint_tasks_ = std::make_shared<EndpointContext>(
-      EndpointContext{*lum_, *endpoints_, Host(), settings_.sender,
-                      [options] { return options->Snapshot().vtep_dhcp_ip_fetching_timeout; },
-                      [this](Duration duration) { return Pause(duration); },
-                      [workers = settings_.workers](std::unique_ptr<Runnable> task) {
-                        workers->AddTask(Worker::kPostHostSync, std::move(task));
-                      }});
+      *lum_, *endpoints_, Host(), settings_.sender,
+      [options] { return options->Snapshot().vtep_dhcp_ip_fetching_timeout; },
+      [this](Duration duration) { return Pause(duration); },
+      [workers = settings_.workers](std::unique_ptr<Runnable> task) {
+        workers->AddTask(Worker::kPostHostSync, std::move(task));
+      });
   follow_ups_->SetEndpoints(endpoint_tasks_);
   follow_ups_->SetUpdateTnUuid(settings_.update_tn_uuid);
   follow_ups_->SetTasks(
