@@ -498,6 +498,9 @@ void ZemaApp::Impl::TakePayload(const rmqClientMessage& message) {
   }
   if (dispatch == nullptr) return;
   const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+  if (header.vdr_request_id) {
+    ZLOG_DEBUG("[%s] request [%" PRId64 "] of the router", "ZemaAppRxCallback", *header.vdr_request_id);
+  }
   dispatch->ProcessReceiveMessages(
       header.session_id + ":" + header.message_id, header.type_id,
       {reinterpret_cast<const char*>(message.payload), message.payload == nullptr ? 0 : message.payload_len},
