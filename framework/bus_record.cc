@@ -62,6 +62,7 @@ constexpr std::array kTextKeys = {
     TextKey{"amqp-message-id", &BusHeader::message_id},
     TextKey{kMessageTypeKey, &BusHeader::msg_class},
 };
+constexpr const char* kVdrRequestKey = "vdr-request-id";
 
 void TakeElement(const bson_iter_t& element, BusHeader* header) {
   const char* key = bson_iter_key(&element);
@@ -74,6 +75,8 @@ void TakeElement(const bson_iter_t& element, BusHeader* header) {
     }
   } else if (std::strcmp(key, kMessageTypeKey) == 0 && BSON_ITER_HOLDS_INT(&element)) {
     header->msg_type = bson_iter_as_int64(&element);
+  } else if (std::strcmp(key, kVdrRequestKey) == 0 && BSON_ITER_HOLDS_INT(&element)) {
+    header->vdr_request_id = bson_iter_as_int64(&element);
   }
 }
 
@@ -114,6 +117,7 @@ std::vector<uint8_t> BusHeader::Encode() const {
     if (!text.empty()) bson_append_utf8(&document, row.key, -1, text.data(), static_cast<int>(text.size()));
   }
   if (msg_type && msg_class.empty()) bson_append_int64(&document, kMessageTypeKey, -1, *msg_type);
+  if (vdr_request_id) bson_append_int64(&document, kVdrRequestKey, -1, *vdr_request_id);
   const uint8_t* data = bson_get_data(&document);
   std::vector<uint8_t> bytes(data, data + document.len);
   bson_destroy(&document);

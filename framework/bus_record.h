@@ -42,15 +42,16 @@ inline constexpr const char* kProtobufContent = "application/protobuf";
 
 /// The header document of a record.  An empty text is an absent key.
 struct BusHeader {
-  std::string type_id;              ///< "__TypeId__", the full dotted message name
-  std::string correlation_id;       ///< "amqp_correlationId"
-  std::string reply_to;             ///< "amqp_replyTo"
-  std::string app_type;             ///< "app_type"
-  std::string app_id;               ///< "app_id"
-  std::string session_id;           ///< "session-id"
-  std::string message_id;           ///< "amqp-message-id"
-  std::string msg_class;            ///< "msg_type" as a text: the class that carries the message
-  std::optional<int64_t> msg_type;  ///< "msg_type" as a number, unless it is a text
+  std::string type_id;                    ///< "__TypeId__", the full dotted message name
+  std::string correlation_id;             ///< "amqp_correlationId"
+  std::string reply_to;                   ///< "amqp_replyTo"
+  std::string app_type;                   ///< "app_type"
+  std::string app_id;                     ///< "app_id"
+  std::string session_id;                 ///< "session-id"
+  std::string message_id;                 ///< "amqp-message-id"
+  std::string msg_class;                  ///< "msg_type" as a text: the class that carries the message
+  std::optional<int64_t> vdr_request_id;  ///< "vdr-request-id"
+  std::optional<int64_t> msg_type;        ///< "msg_type" as a number, unless it is a text
 
   /// The BSON bytes.
   std::vector<uint8_t> Encode() const;

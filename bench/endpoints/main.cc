@@ -127,9 +127,9 @@ class Agent {
  public:
   Agent(zema::LumHandler& lum, zema::EndpointLibrary& library) {
     host_.SetHostId("tn");
-    context_ = std::make_shared<zema::EndpointContext>(zema::EndpointContext{
+    context_ = std::make_shared<zema::EndpointContext>(
         lum, library, host_, &manager, [] { return 0; }, [](Duration) { return true; },
-        [this](std::unique_ptr<zema::Runnable> task) { queue_.push_back(std::move(task)); }});
+        [this](std::unique_ptr<zema::Runnable> task) { queue_.push_back(std::move(task)); });
   }
 
   void Sync() {
@@ -251,8 +251,7 @@ int Measure(Results* results) {
     if (!Tarvik::OpenShutdownPipe()) return 1;
     zema::LumSettings settings;
     settings.script = std::string(sim::kNodeDirectory) + "/zemaLum.py";
-    settings.kill_pause = settings.spawn_pause = settings.pid_pause = settings.ready_pause =
-        std::chrono::milliseconds(20);
+    settings.kill_pause = settings.pid_pause = settings.ready_pause = std::chrono::milliseconds(20);
     settings.host_version = "7.0.3";
     const sim::HostState host(sim::HostState::DefaultRoot());
     MeasureOurs(settings, host, results);

@@ -88,7 +88,6 @@ int Measure(const Case& c, Result* result) {
     zema::LumSettings settings;
     settings.script = std::string(sim::kNodeDirectory) + "/zemaLum.py";
     settings.kill_pause = std::chrono::milliseconds(20);
-    settings.spawn_pause = std::chrono::milliseconds(20);
     settings.pid_pause = std::chrono::milliseconds(20);
     settings.ready_pause = std::chrono::milliseconds(20);
     settings.host_version = "7.0.3";

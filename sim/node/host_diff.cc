@@ -1,6 +1,7 @@
 #include "sim/node/host_diff.h"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -42,6 +43,14 @@ std::string HostForm(const std::string& uuid) {
   return text;
 }
 
+std::string MacDigits(const std::string& mac) {
+  std::string digits;
+  for (const char c : mac) {
+    if (c != ':') digits += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return digits;
+}
+
 void Sort(HostSwitchState* state) {
   std::sort(state->zones.begin(), state->zones.end());
   std::sort(state->pnics.begin(), state->pnics.end());
@@ -77,6 +86,10 @@ std::vector<HostSwitchState> ReadHostSwitches() {
     state.id = Text(meta.get(), "id");
     state.name = Text(meta.get(), "name");
     state.kind = Text(meta.get(), "kind");
+    const Json router = ReadJson(root / "vdr" / (state.id + ".json"));
+    if (cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(router.get(), "plumbed"))) {
+      state.router = MacDigits(Text(router.get(), "vmac"));
+    }
     if (const cJSON* const mtu = cJSON_GetObjectItemCaseSensitive(meta.get(), "mtu"))
       state.mtu = mtu->valueint;
     const cJSON* each = nullptr;
@@ -111,6 +124,7 @@ std::vector<HostSwitchState> WantedHostSwitches(const orlane::zem::switching::Ho
     state.name = wanted.name();
     state.kind = wanted.type() == kKln || wanted.type() == kBecomesKln ? "KLN" : "NVS";
     state.mtu = wanted.mtu();
+    state.router = MacDigits(wanted.vdr_mac());
     state.zones.assign(wanted.transport_zone_id().begin(), wanted.transport_zone_id().end());
     for (const auto& pnic : wanted.pnic())
       state.pnics.push_back(pnic.device_name() + "~" + pnic.uplink_name());
@@ -141,6 +155,7 @@ std::vector<std::string> DiffHost(const orlane::zem::switching::HostConfigMsg& c
     DiffValue("the name " + of, wanted.name, state.name, &lines);
     DiffValue("the kind " + of, wanted.kind, state.kind, &lines);
     DiffValue("the MTU " + of, std::to_string(wanted.mtu), std::to_string(state.mtu), &lines);
+    DiffValue("the router's address " + of, wanted.router, state.router, &lines);
     DiffList("zone " + of, wanted.zones, state.zones, &lines);
     DiffList("physical NIC " + of, wanted.pnics, state.pnics, &lines);
     DiffList("endpoint " + of, wanted.endpoints, state.endpoints, &lines);

@@ -22,6 +22,8 @@ struct HostSwitchState {
   std::vector<std::string> pnics;
   /// Devices.
   std::vector<std::string> endpoints;
+  /// The digits of the router's MAC address; empty without router.
+  std::string router;
   bool operator==(const HostSwitchState&) const = default;
 };
 

@@ -32,6 +32,7 @@ TEST(BusHeaderTest, ReadsWhatItWrites) {
   header.correlation_id = "c";
   header.app_id = "unused";
   header.msg_type = 2;
+  header.vdr_request_id = 1LL << 40;
   const std::optional<BusHeader> read = BusHeader::Decode(header.Encode());
   ASSERT_TRUE(read);
   EXPECT_EQ(read->type_id, header.type_id);
@@ -39,6 +40,7 @@ TEST(BusHeaderTest, ReadsWhatItWrites) {
   EXPECT_EQ(read->reply_to, "");
   EXPECT_EQ(read->app_id, "unused");
   EXPECT_EQ(read->msg_type, 2);
+  EXPECT_EQ(read->vdr_request_id, 1LL << 40);
   header.msg_class = "com.orlane.zem.customer.ClientRpcRequest";
   const std::optional<BusHeader> with_class = BusHeader::Decode(header.Encode());
   ASSERT_TRUE(with_class);

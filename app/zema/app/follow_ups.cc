@@ -30,11 +30,13 @@ void FollowUps::SetPrecreatedPorts(std::shared_ptr<PrecreatedPorts::Map> ports) 
   if (handler_ != nullptr) handler_->SetPrecreatedPorts(std::move(ports));
 }
 
+void FollowUps::BeginConfiguration() { ++endpoints_->configuration; }
+
 void FollowUps::FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int retries) {
   endpoints_->add_post_host_sync_task(std::make_unique<VtepIpFetchingTask>(
       endpoints_,
       AddressFetchingTask::Event{origin.reply_to, origin.id, origin.transport_node_id, origin.revision},
-      devices, AddressFetchingTask::Tries{retries, false}));
+      devices, AddressFetchingTask::Tries{retries, false, endpoints_->configuration.load()}));
 }
 
 void FollowUps::FetchIpv6Addresses(const Origin& origin, const std::map<std::string, std::string>& kinds,
@@ -42,7 +44,7 @@ void FollowUps::FetchIpv6Addresses(const Origin& origin, const std::map<std::str
   endpoints_->add_post_host_sync_task(std::make_unique<VtepIpv6FetchingTask>(
       endpoints_,
       AddressFetchingTask::Event{origin.reply_to, origin.id, origin.transport_node_id, origin.revision},
-      kinds, AddressFetchingTask::Tries{retries, false}));
+      kinds, AddressFetchingTask::Tries{retries, false, endpoints_->configuration.load()}));
 }
 
 void FollowUps::WaitForHostManagement(int seconds) {

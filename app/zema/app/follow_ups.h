@@ -42,6 +42,7 @@ class FollowUps final : public FollowUpTasks {
     high_performance_ = std::move(high_performance);
   }
 
+  void BeginConfiguration() override;
   void FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int retries) override;
   void FetchIpv6Addresses(const Origin& origin, const std::map<std::string, std::string>& kinds,
                           int retries) override;

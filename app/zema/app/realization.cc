@@ -30,6 +30,7 @@
 #include "app/zema/hostconfig/host_config_task_qub.h"
 #include "app/zema/hostconfig/mmode_config_task.h"
 #include "app/zema/hostconfig/router_reconnection.h"
+#include "app/zema/hostconfig/stateless_host.h"
 #include "app/zema/hostconfig/vnic_migration_task.h"
 #include "app/zema/lswitch/db_svc_task_thread.h"
 #include "app/zema/lswitch/logical_switch_ack_task.h"
@@ -39,6 +40,7 @@
 #include "app/zema/lswitch/port_adapters.h"
 #include "app/zema/qub/config_ops_manager.h"
 #include "app/zema/qub/endpoint_library.h"
+#include "app/zema/qub/error_sink.h"
 #include "app/zema/qub/high_performance_profile.h"
 #include "app/zema/qub/host_switch_lists.h"
 #include "app/zema/qub/library_settings.h"
@@ -68,6 +70,8 @@ namespace switching = orlane::zem::switching;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kUser = "zemuser";
+// The script wants a third text and has no use for it.
+constexpr const char* kThirdLoginText = "";
 constexpr const char* kRemovePermission =
     "python /usr/lib64/orlane/zem-tarvik/pylum/zema/setZemUserPermission.py --remove";
 constexpr const char* kDeleteUser = "/usr/lib/orlane/auth/bin/deluser ";
@@ -133,12 +137,13 @@ class Realization::Impl {
   bool Pause(Duration duration);
   void RunLater(Duration delay, std::function<void()> work);
   void ScheduleHighPerformance();
-  LumSettings LumSettingsOf(const RealizationOptions& options);
+  LumSettings MakeLumSettings();
   void CleanUp();
   WorkerFactory Factory();
   void PrepareHost();
   void RestoreHostSwitch();
   void ReadStoredConfig();
+  void ResumeFollowUps(const switching::HostConfigMsg& stored);
   void SimulateLoad();
 };
 
@@ -158,11 +163,14 @@ Realization::Result Realization::Impl::SetUp() {
     CleanUp();
     return kClearMode;
   }
-  if (lum_->SetUp(kUser, options.group) != 0) {
+  if (lum_->SetUp(kUser, kThirdLoginText) != 0) {
     ZLOG_ERROR("41504", "[%s] failed to start lumHandler", __func__);
     return kNoProxy;
   }
+  lum_->StartWatching();
   InstallSignalDispositions();
+  // Before anybody is served: a VM must not attach to a node in maintenance because its start is slow.
+  RestoreMmode(*mmode_);
   settings_.workers->SetFactory(Factory());
   if (settings_.workers->StartSwitchHandler() != 0) return kNoSwitchHandler;
   if (settings_.workers->StartTaskThreads() != 0) return kNoWorkers;
@@ -171,7 +179,6 @@ Realization::Result Realization::Impl::SetUp() {
   FinishHostConfig(host_config_);
   health_->mpaDisconnected();
   ReadStoredConfig();
-  RestoreMmode(*mmode_);
   // The manager still waits for what is written on these ports.
   for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) follow_ups_->AddVifRequest(request);
   SimulateLoad();
@@ -210,13 +217,12 @@ void Realization::Impl::MakeManagers() {
   OptionsStore* const options = settings_.options;
   switches_ = std::make_unique<ConfigOpsManager>(*library_);
   publisher_ = std::make_unique<SwitchHealthPublisher>(*switches_);
-  // Nothing tells of a smart NIC yet.
-  health_ = std::make_unique<HealthRecord>(*publisher_, false);
+  health_ = std::make_unique<HealthRecord>(*publisher_, options->Snapshot().on_smart_nic);
   manager_ = std::make_shared<ZemManager>(
       *settings_.vif_sender,
       ZemManager::Settings{[] { return Host().id(); },
                            [options] { return options->Snapshot().vif_operation_timeout; }});
-  lum_ = std::make_unique<LumHandler>(LumSettingsOf(options->Snapshot()));
+  lum_ = std::make_unique<LumHandler>(MakeLumSettings());
   ports_ = std::make_unique<PortOpsManager>(*library_, *lum_);
   routers_ = std::make_unique<RouterPorts>(*router_library_);
   high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
@@ -224,12 +230,12 @@ void Realization::Impl::MakeManagers() {
       std::make_shared<MmodeContext>(MmodeContext{*lum_, *settings_.files, *health_, *manager_, &RunShell});
   follow_ups_ = std::make_unique<FollowUps>();
   endpoint_tasks_ = std::make_shared<EndpointContext>(
-      EndpointContext{*lum_, *endpoints_, Host(), settings_.sender,
-                      [options] { return options->Snapshot().vtep_dhcp_ip_fetching_timeout; },
-                      [this](Duration duration) { return Pause(duration); },
-                      [workers = settings_.workers](std::unique_ptr<Runnable> task) {
-                        workers->AddTask(Worker::kPostHostSync, std::move(task));
-                      }});
+      *lum_, *endpoints_, Host(), settings_.sender,
+      [options] { return options->Snapshot().vtep_dhcp_ip_fetching_timeout; },
+      [this](Duration duration) { return Pause(duration); },
+      [workers = settings_.workers](std::unique_ptr<Runnable> task) {
+        workers->AddTask(Worker::kPostHostSync, std::move(task));
+      });
   follow_ups_->SetEndpoints(endpoint_tasks_);
   follow_ups_->SetUpdateTnUuid(settings_.update_tn_uuid);
   follow_ups_->SetTasks(
@@ -324,11 +330,12 @@ void Realization::Impl::ScheduleHighPerformance() {
   }
 }
 
-LumSettings Realization::Impl::LumSettingsOf(const RealizationOptions& options) {
+LumSettings Realization::Impl::MakeLumSettings() {
   LumSettings lum;
-  lum.pid_tries = options.max_retry_zema_lum_ready;
-  if (options.log_level != RealizationOptions::kUnset) lum.log_level = options.log_level;
-  lum.no_vxlan_stack = options.no_vxlan_stack == "true";
+  lum.options = [options = settings_.options] {
+    const RealizationOptions all = options->Snapshot();
+    return LumOptions{all.max_retry_zema_lum_ready, all.log_level, all.no_vxlan_stack == "true"};
+  };
   lum.host_version = version_.host.version;
   lum.shutting_down = [] { return Tarvik::ShutdownRequested(); };
   lum.set_ready = [health = health_.get()](bool ready) {
@@ -433,11 +440,29 @@ void Realization::Impl::ReadStoredConfig() {
   }
   ZLOG_INFO("HostConfigMsg found on disk during startup: [%s]\n", stored.ShortDebugString().c_str());
   ProcessVtepHAProfileAndIgnoreErrors(*endpoints_, stored);
+  settings_.applied(stored);
+  ResumeFollowUps(stored);
+}
+
+// What a configuration left to be done later, and an end of the agent has dropped, asked for once.
+void Realization::Impl::ResumeFollowUps(const switching::HostConfigMsg& stored) {
+  const bool pending =
+      std::any_of(stored.host_switches().begin(), stored.host_switches().end(), [this](const auto& each) {
+        std::string value;
+        return ports_->GetHostConfigProp(each.id(), kPendingUserActions, &value) == 0 &&
+               value.starts_with(kMaintenanceModeAction);
+      });
+  if (pending) follow_ups_->ApplyHighPerformanceProfile();
+  ErrorSink told;
+  bool unused = false;
+  if (!CheckQUBiVersion70AndUnusedCkln(*lum_, told, &unused) || !unused) return;
+  const RealizationOptions options = settings_.options->Snapshot();
+  follow_ups_->HotSwapUnusedCkln(options.ckln_hot_swap_init_delay, options.ckln_hot_swap_retry_interval);
 }
 
 // The agent leaves this host: its switches, and its user.
 void Realization::Impl::CleanUp() {
-  if (lum_->SetUp(kUser, settings_.options->Snapshot().group) != 0) {
+  if (lum_->SetUp(kUser, kThirdLoginText) != 0) {
     ZLOG_ERROR("42074", "[%s] Failed to cleanup HostSwitches on host: %s", __func__,
                "failed to start lumHandler");
   } else {

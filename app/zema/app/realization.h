@@ -49,6 +49,7 @@ class Realization {
     TimerFactory* timers = nullptr;
     /// Null on a host without store.
     std::shared_ptr<CoveDbHandler> store;
+    /// Told of each configuration that is applied, and of the stored one at the start.
     std::function<void(const orlane::zem::switching::HostConfigMsg&)> applied;
     /// The controllers' file carries the transport node id.
     std::function<void(const std::string&)> update_tn_uuid;

@@ -38,6 +38,7 @@
 #include "mpaclient/mpa_client.h"
 #include "platform/core/condition.h"
 #include "platform/core/provider.h"
+#include "platform/core/timer.h"
 #include "platform/core/work_group.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/switching/switching.pb.h"
@@ -103,6 +104,7 @@ class ZemaApp::Impl {
   std::map<uint32_t, HostConfigCallback> callbacks_;
   std::shared_ptr<zema::Realization> realization_;
   std::shared_ptr<zema::MessageDispatch> dispatch_;
+  std::shared_ptr<Timer> controller_timer_;
 
  private:
   void StartUp();
@@ -156,10 +158,18 @@ ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
 std::shared_ptr<zema::ControllerContext> ZemaApp::Impl::MakeControllerContext() {
   zema::ControllerFile::Settings file;
   file.wait = [](Duration duration) { return !WaitForShutdown(duration); };
-  return std::make_shared<zema::ControllerContext>(
+  auto context = std::make_shared<zema::ControllerContext>(
       std::move(file), zema::Host(), files_, [](std::unique_ptr<zema::Runnable> task) {
         zema::Workers().AddTask(zema::Worker::kController, std::move(task));
       });
+  context->add_task_later = [this](Duration delay, std::function<std::unique_ptr<zema::Runnable>()> make) {
+    const std::lock_guard lock(mutex_);
+    if (controller_timer_) controller_timer_->Cancel();
+    controller_timer_ = provider_.timers().Schedule(delay, [make = std::move(make)] {
+      if (auto task = make()) zema::Workers().AddTask(zema::Worker::kController, std::move(task));
+    });
+  };
+  return context;
 }
 
 void ZemaApp::Impl::Register() {
@@ -237,6 +247,21 @@ std::shared_ptr<zema::Realization> ZemaApp::Impl::realization() const {
   return realization_;
 }
 
+namespace {
+
+// What is thrown is one more reason to begin anew: nothing of this thread may end the daemon, which would
+// find the same at its next start.
+int SetUpOf(zema::Realization& realization) {
+  try {
+    return realization.SetUp();
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("41517", "[%s] the set-up caught exception: %s", "StartUpTask", e.what());
+    return zema::Realization::kNoWorkers;
+  }
+}
+
+}  // namespace
+
 // The set-up, again and again until it holds or the daemon stops.
 void ZemaApp::Impl::StartUp() {
   for (int delay = kFirstRetryDelay;; delay *= 2) {
@@ -245,7 +270,7 @@ void ZemaApp::Impl::StartUp() {
       const std::lock_guard lock(mutex_);
       realization_ = realization;
     }
-    const int result = realization->SetUp();
+    const int result = SetUpOf(*realization);
     if (ShutdownRequested()) {
       ZLOG_INFO("[%s] Agent is shutting down, abort zemaApp start ", "StartUpTask");
       return;
@@ -266,7 +291,11 @@ void ZemaApp::Impl::StartUp() {
   }
   if (const auto store = GetCoveDbHandler()) store->RegisterChannelStatus();
   client()->Start(nullptr);
-  controller_list_.Start();
+  try {
+    controller_list_.Start();
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("41517", "[%s] the controller list cannot be served: %s", "StartUpTask", e.what());
+  }
   SetStarted();
 }
 
@@ -360,6 +389,7 @@ void ZemaApp::Impl::Stop(int reason) {
   {
     const std::lock_guard lock(mutex_);
     dispatch_.reset();
+    if (controller_timer_) controller_timer_->Cancel();
   }
   zema::DeleteTaskThreadObjects();
   if (reason == 0) zema::Host().Forget();
@@ -469,6 +499,9 @@ void ZemaApp::Impl::TakePayload(const rmqClientMessage& message) {
   }
   if (dispatch == nullptr) return;
   const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+  if (header.vdr_request_id) {
+    ZLOG_DEBUG("[%s] request [%" PRId64 "] of the router", "ZemaAppRxCallback", *header.vdr_request_id);
+  }
   dispatch->ProcessReceiveMessages(
       header.session_id + ":" + header.message_id, header.type_id,
       {reinterpret_cast<const char*>(message.payload), message.payload == nullptr ? 0 : message.payload_len},
@@ -535,7 +568,7 @@ std::string ZemaApp::Impl::Migrate(bool vm_ports, bool knl_pnic) {
   return taken ? "" : "There is no thread for host configurations";
 }
 
-std::string ZemaApp::Impl::ReloadOptions() { return options_.Reload({}); }
+std::string ZemaApp::Impl::ReloadOptions() { return options_.Reload(); }
 
 ZemaApp::ZemaApp(AsioZemProvider& provider, boost::intrusive_ptr<WorkGroup>,
                  std::shared_ptr<covedb::CoveDbClientInterface> store)

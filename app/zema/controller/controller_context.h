@@ -23,6 +23,9 @@ struct ControllerContext {
   ConfigFiles& files;
   /// To the controllers' worker.
   std::function<void(std::unique_ptr<Runnable>)> add_task;
+  /// The same, so much later; replaces what waits already.
+  std::function<void(Duration, std::function<std::unique_ptr<Runnable>()>)> add_task_later =
+      [](Duration, const auto&) {};
 };
 
 /// Has the transport node id put into the file, unless it stands there.

@@ -95,7 +95,8 @@ bool ControllerListHandlerTask::LoadControllerInfoFile() {
     ZLOG_ERROR("44081", "[%s] Failed to load controller xml file : %s.", __func__, error.c_str());
     // The list is the manager's: it makes a file that is lost or torn anew.
     if (read == ControllerFile::Read::kUnreadable) return false;
-    if (read == ControllerFile::Read::kForeign) context_->file.SetAside();
+    torn_ = read == ControllerFile::Read::kForeign;
+    if (torn_) context_->file.SetAside();
     return true;
   }
   const pt::ptree& list = ConnectionList();
@@ -230,6 +231,7 @@ void ControllerListHandlerTask::UpdateControllerInfo(bool cleanup) {
   ZLOG_INFO("[%s] updating controller info", __func__);
   if (connections_.empty()) {
     ZLOG_INFO("[%s] Connection info list is empty", __func__);
+    if (torn_) ReplaceTornFile();
     return;
   }
   for (auto entry = connections_.begin(); entry != connections_.end();) {
@@ -252,6 +254,14 @@ void ControllerListHandlerTask::UpdateControllerInfo(bool cleanup) {
     }
   }
   FlushControllerInfoFile(cleanup);
+}
+
+// The proxy cannot read what is there.  The node's id was part of it.
+void ControllerListHandlerTask::ReplaceTornFile() {
+  ConnectionList();
+  FlushControllerInfoFile(true);
+  context_->file.SetTnUuidSaved("");
+  if (const auto id = context_->host.id()) UpdateTnUuidInFile(context_, *id);
 }
 
 // Empty when nobody knows it.

@@ -38,12 +38,14 @@ class ControllerListHandlerTask final : public MpaMessageTask<orlane::zem::confi
   void UpdateControllerInfo(bool cleanup);
   std::string TransportNodeId() const;
   void FlushControllerInfoFile(bool cleanup);
+  void ReplaceTornFile();
   boost::property_tree::ptree& ConnectionList();
 
   const std::shared_ptr<ControllerContext> context_;
   const std::unique_ptr<boost::property_tree::ptree> tree_;
   std::list<ConnConfig> connections_;
   int next_id_ = 1;
+  bool torn_ = false;  // the file as it was found
 };
 
 }  // namespace zem::zema

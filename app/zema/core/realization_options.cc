@@ -45,6 +45,7 @@ constexpr std::array kOptions = {
     OptionRow{"zema.controller-info", &O::controller_info},
     OptionRow{"zema.preCheckHealth", &O::pre_check_health},
     OptionRow{"zema.logLevel", &O::log_level},
+    OptionRow{"zema.onSmartNic", &O::on_smart_nic},
     OptionRow{"vtepDhcpIpTimeoutConfig.vtepDhcpIpFetchingTimeout", &O::vtep_dhcp_ip_fetching_timeout},
     OptionRow{"vtepOperations.snicVtepOperationsRpcTimeout", &O::snic_vtep_operations_rpc_timeout},
     OptionRow{"highPerformanceProfile.retryIntervalSec", &O::high_performance_retry_interval},
@@ -179,16 +180,19 @@ int OptionsStore::Parse(const std::vector<std::string>& arguments, const HostVer
   if (!read) return -1;
   const Synchronizer lock(lock_, __FILE__, __LINE__);
   file_ = file;
+  host_ = host;
   options_ = std::move(*read);
   return 0;
 }
 
-std::string OptionsStore::Reload(const HostVersion& host) {
+std::string OptionsStore::Reload() {
   ZLOG_INFO("Reloading options from config file...");
   std::string file;
+  HostVersion host;
   {
     const Synchronizer lock(lock_, __FILE__, __LINE__);
     file = file_;
+    host = host_;
   }
   auto read = ReadOptions(file, {}, host);
   if (!read) {

@@ -27,6 +27,8 @@ struct RealizationOptions {
   bool controller_info = false;
   bool pre_check_health = true;
   std::string log_level = kUnset;
+  /// The agent runs on a smart NIC, where there is no host management daemon to be connected to.
+  bool on_smart_nic = false;
 
   int vtep_dhcp_ip_fetching_timeout = 8;
   int snic_vtep_operations_rpc_timeout = 120;
@@ -88,15 +90,16 @@ class OptionsStore {
   /// the options as they were.
   [[nodiscard]] int Parse(const std::vector<std::string>& arguments, const HostVersion& host);
 
-  /// Reads the file again.  The error's text, empty on success.
-  [[nodiscard]] std::string Reload(const HostVersion& host);
+  /// Reads the file again, for the host of the last Parse.  The error's text, empty on success.
+  [[nodiscard]] std::string Reload();
 
   /// A copy.
   RealizationOptions Snapshot();
 
  private:
   std::string file_;
-  Synchronizable lock_;  // guards options_
+  Synchronizable lock_;  // guards what follows
+  HostVersion host_;
   RealizationOptions options_;
 };
 

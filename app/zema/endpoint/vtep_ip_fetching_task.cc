@@ -97,7 +97,9 @@ void AddressFetchingTask::Run() {
     ZLOG_INFO("%s", family_.no_devices);
     return;
   }
+  if (Superseded()) return;
   if (!context_->pause(std::chrono::seconds(context_->fetching_timeout()))) return;
+  if (Superseded()) return;
   if (!context_->host.id()) {
     ZLOG_INFO("%s", family_.no_host);
     return;
@@ -126,6 +128,13 @@ void AddressFetchingTask::Run() {
     return;
   }
   Retry(std::move(again));
+}
+
+bool AddressFetchingTask::Superseded() const {
+  if (!tries_.configuration || *tries_.configuration == context_->configuration) return false;
+  ZLOG_INFO("[%s] a newer configuration has come, the addresses of [%s] revision [%s] are not asked for",
+            "Run", event_.id.c_str(), event_.revision.c_str());
+  return true;
 }
 
 AddressFetchingTask::Answer AddressFetchingTask::Ask(const std::string& device, const std::string& kind,
@@ -172,7 +181,7 @@ void AddressFetchingTask::Retry(Devices devices) {
    public:
     Successor(const AddressFetchingTask& from, Devices left)
         : AddressFetchingTask(from.family_, from.context_, from.event_, std::move(left),
-                              {from.tries_.retries - 1, false}) {}
+                              {from.tries_.retries - 1, false, from.tries_.configuration}) {}
   };
   context_->add_post_host_sync_task(std::make_unique<Successor>(*this, std::move(devices)));
 }

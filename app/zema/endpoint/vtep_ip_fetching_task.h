@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,10 +24,12 @@ class AddressFetchingTask : public Runnable {
     std::string transport_node_id;
     std::string revision;
   };
-  /// `retries` more tries follow; in `sync_mode` an endpoint without address is told as well.
+  /// `retries` more tries follow; in `sync_mode` an endpoint without address is told as well.  The tries end
+  /// with the `configuration` that they belong to; those of a request of the manager do not.
   struct Tries {
     int retries = 0;
     bool sync_mode = false;
+    std::optional<uint64_t> configuration = std::nullopt;
   };
 
   void Run() override;
@@ -46,6 +49,7 @@ class AddressFetchingTask : public Runnable {
  private:
   enum class Answer { kFound, kNotYet, kFailed, kUnreadable };
 
+  bool Superseded() const;
   Answer Ask(const std::string& device, const std::string& kind, std::string* address);
   void Tell(const std::map<std::string, std::string>& found);
   void Retry(Devices devices);

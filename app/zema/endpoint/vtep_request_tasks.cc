@@ -8,8 +8,8 @@
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
 #include "app/zema/qub/endpoint_library.h"
 #include "app/zema/qub/host_switch_lists.h"
-#include "app/zema/qub/vtep_ha_profile.h"
 #include "framework/log.h"
+#include "framework/util.h"
 
 namespace zem::zema {
 namespace {
@@ -61,7 +61,7 @@ int32_t Carry(EndpointContext& context, const std::string& device, const std::st
     *text += "succeeded";
   } else {
     *text += "failed with error code " + std::to_string(outcome.error) + " : " +
-             TepHaErrorText(outcome.error) + " on dvs " + *name;
+             Tarvik::Util::GetErrMsg(outcome.error) + " on dvs " + *name;
   }
   return outcome.result;
 }

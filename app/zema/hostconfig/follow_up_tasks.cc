@@ -7,6 +7,8 @@ namespace {
 constexpr LogSource kLog{"tarvik", "zema"};
 }  // namespace
 
+void FollowUpTasks::BeginConfiguration() {}
+
 void FollowUpTasks::FetchAddresses(const Origin&, const std::vector<std::string>& devices, int) {
   ZLOG_DEBUG("Not served on this host: addresses of %zu endpoints by DHCP", devices.size());
 }

@@ -23,6 +23,8 @@ class FollowUpTasks {
 
   virtual ~FollowUpTasks() = default;
 
+  /// A configuration is in force: what those before it still look for is given up.
+  virtual void BeginConfiguration();
   /// Endpoints whose IPv4 address is to come; so many more tries if the first finds none.
   virtual void FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int retries);
   /// "dhcp" or "linklayer" by device.

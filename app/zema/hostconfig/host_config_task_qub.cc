@@ -92,6 +92,7 @@ void HostConfigTaskQub::Run() {
 void HostConfigTaskQub::ScheduleFollowUps() {
   const FollowUpTasks::Origin origin{correlation_id_, reply_to_, message_.id(), message_.transport_node_id(),
                                      message_.revision()};
+  context_->follow_ups.BeginConfiguration();
   if (!vteps_.dhcp_devices.empty()) {
     context_->follow_ups.FetchAddresses(origin, vteps_.dhcp_devices, kAddressRetries);
   }

@@ -4,10 +4,10 @@
 #include "app/zema/hostconfig/follow_up_tasks.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
+#include "app/zema/hostconfig/port_opaque_data.h"
 #include "app/zema/qub/config_ops_manager.h"
 #include "app/zema/qub/lum_commands.h"
 #include "app/zema/qub/port_group_vms.h"
-#include "app/zema/qub/port_ops_manager.h"
 #include "app/zema/qub/port_props.h"
 #include "app/zema/qub/switch_id.h"
 #include "framework/log.h"
@@ -90,8 +90,7 @@ void HostSwitchPreparation::DisableRuntimeUpdates(const Config& config) {
   if (!wanted) return;
   ZLOG_INFO("Disabling VIF runtime updates & KLN status health based on TN config");
   std::string reply;
-  const int status =
-      context_.lum.InvokeRPC(LumOperation::kDisableRuntimeUpdates, config.SerializeAsString(), &reply);
+  const int status = context_.lum.InvokeRPC(LumOperation::kDisableRuntimeUpdates, "", &reply);
   if (status != LumCommands::kRpcSucceeded) {
     ZLOG_ERROR("42009", "[%s] Failed to disable VIF runtime updates: %s", __func__, reply.c_str());
   }
@@ -102,7 +101,7 @@ void HostSwitchPreparation::DisableRuntimeUpdates(const Config& config) {
   for (const auto& host_switch : config.host_switches()) {
     if (host_switch.vif_collection_status() != kCollectionNoRuntime) continue;
     ZLOG_INFO("Clearing port opaque data on kln: %s", host_switch.id().c_str());
-    context_.ports.ClearAllPortOpaqueData(HostForm(host_switch.id()));
+    ClearOpaqueDataOnPorts(context_, HostForm(host_switch.id()));
   }
 }
 

@@ -6,11 +6,11 @@
 
 #include "app/zema/core/realization_options.h"
 #include "app/zema/hostconfig/host_config_context.h"
+#include "app/zema/hostconfig/port_opaque_data.h"
 #include "app/zema/qub/config_ops_manager.h"
 #include "app/zema/qub/error_sink.h"
 #include "app/zema/qub/lum_commands.h"
 #include "app/zema/qub/lum_reply.h"
-#include "app/zema/qub/port_ops_manager.h"
 #include "app/zema/qub/port_props.h"
 #include "app/zema/qub/router_ports.h"
 #include "app/zema/qub/switch_library.h"
@@ -116,15 +116,12 @@ void LeavingSwitches::UnsetSecurity(const Config& config, const std::vector<Host
     ZLOG_ERROR("42009", "GetSecurityEnabledDvsIds reply %s", reply.c_str());
     return;
   }
-  std::set<std::string> secure;
-  for (const auto& host_switch : config.host_switches()) {
-    if (host_switch.security()) secure.insert(host_switch.id());
-  }
-  for (const HostDvs& dvs : existing) {
-    if (secure.contains(dvs.id) || std::find(enabled->begin(), enabled->end(), dvs.id) == enabled->end())
-      continue;
-    context_.ports.ClearAllPortOpaqueData(dvs.id);
-    context_.switches.ClearHostProp(dvs.id, port_props::kKlnSecurityEnabled);
+  // A switch that stays keeps the property also when its security is withdrawn: it is written at the initial
+  // revision alone and would not come back, and what ties its ports to their VIFs is not security's alone.
+  for (const std::string& id : Leaving(config, existing)) {
+    if (std::find(enabled->begin(), enabled->end(), id) == enabled->end()) continue;
+    ClearOpaqueDataOnPorts(context_, id);
+    context_.switches.ClearHostProp(id, port_props::kKlnSecurityEnabled);
   }
 }
 

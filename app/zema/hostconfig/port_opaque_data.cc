@@ -1,10 +1,13 @@
 #include "app/zema/hostconfig/port_opaque_data.h"
 
+#include <map>
+
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/qub/error_sink.h"
 #include "app/zema/qub/port_ops_manager.h"
 #include "app/zema/qub/port_props.h"
 #include "app/zema/qub/switch_library.h"
+#include "app/zema/qub/vif_request.h"
 #include "framework/log.h"
 #include "proto/switching/switching.pb.h"
 
@@ -34,23 +37,38 @@ bool SetWithRetries(HostConfigContext& context, const std::string& dvs, const st
   return false;
 }
 
-bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::string& port, bool security) {
+// The VIFs that the manager still has to tell about, by their ports.
+std::map<std::string, std::string> VifsOfPorts(const HostConfigContext& context) {
+  std::map<std::string, std::string> vifs;
+  const auto requests = context.ports.VifsForSiteConfig();
+  for (const auto& [vif, request] : *requests) vifs[request->port_id] = vif;
+  return vifs;
+}
+
+bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::string& port,
+                 const std::map<std::string, std::string>& known) {
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   Tie tie;
+  std::string security;
   context.ports.GetPortExtraConfig(dvs, port, port_props::kExternalId, &tie.vif);
   context.ports.GetPortExtraConfig(dvs, port, port_props::kLogicalPortId, &tie.logical_port);
   context.ports.GetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, &tie.network);
-  // A port of the agent's own is named by its logical port.
-  if (tie.logical_port.empty() && !tie.vif.empty() && !security) tie.logical_port = port;
+  context.ports.GetPortExtraConfig(dvs, port, port_props::kSecurityEnable, &security);
   if (tie.vif.empty() || tie.logical_port.empty()) {
     ZLOG_INFO("[%s] vifId or logicalPortId is missing for [%s:%s]. Skip setting port opaque data",
               "ApplyOpaqueDataOnPorts", dvs.c_str(), port.c_str());
     return true;
   }
+  if (const auto vif = known.find(port); vif != known.end() && vif->second != tie.vif) {
+    ZLOG_INFO("[%s] dvport [%s:%s] has stale vifId [%s], clearing all existing extra config",
+              "ApplyOpaqueDataOnPorts", dvs.c_str(), port.c_str(), tie.vif.c_str());
+    return context.ports.ClearPortOpaqueData(dvs, port) == 0;
+  }
   return SetWithRetries(context, dvs, port, port_props::kLogicalPortId, tie.logical_port) &&
          SetWithRetries(context, dvs, port, port_props::kOpaqueNetworkId, tie.network) &&
          SetWithRetries(context, dvs, port, port_props::kExternalId, tie.vif) &&
-         (!security || SetWithRetries(context, dvs, port, port_props::kSecurityEnable, port_props::kTrue));
+         (security != port_props::kTrue ||
+          SetWithRetries(context, dvs, port, port_props::kSecurityEnable, port_props::kTrue));
 }
 
 }  // namespace
@@ -58,6 +76,7 @@ bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::
 void ApplyOpaqueDataOnPorts(HostConfigContext& context, const orlane::zem::switching::HostConfigMsg& config,
                             ErrorSink& errors) {
   bool good = true;
+  const auto known = VifsOfPorts(context);
   for (const auto& host_switch : config.host_switches()) {
     PortList ports;
     const uint32_t result = context.library.SwitchPortList(host_switch.id(), &ports);
@@ -68,13 +87,28 @@ void ApplyOpaqueDataOnPorts(HostConfigContext& context, const orlane::zem::switc
       continue;
     }
     for (size_t i = 0; i < ports.size(); ++i) {
-      good = ApplyOnPort(context, host_switch.id(), ports[i], host_switch.security()) && good;
+      good = ApplyOnPort(context, host_switch.id(), ports[i], known) && good;
     }
   }
   if (good) return;
   ZLOG_ERROR("44423", "[%s] Failed to set port opaque data for port belonging to transport node [%s]",
              __func__, config.transport_node_id().c_str());
   errors.Add(ErrorSink::kGeneral, "Failed to set port opaque data.");
+}
+
+void ClearOpaqueDataOnPorts(HostConfigContext& context, const std::string& dvs) {
+  PortList ports;
+  const uint32_t result = context.library.SwitchPortList(dvs, &ports);
+  if (result != 0 && result != kSwitchNotFound) {
+    ZLOG_ERROR("44423", "[%s] %s", __func__, SwitchErrorText(result).c_str());
+    return;
+  }
+  for (size_t i = 0; i < ports.size(); ++i) {
+    const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
+    if (context.ports.ClearPortOpaqueData(dvs, ports[i]) != 0) {
+      ZLOG_WARN("[%s] the port [%s] on [%s] keeps what was written on it", __func__, ports[i], dvs.c_str());
+    }
+  }
 }
 
 }  // namespace zem::zema

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 namespace orlane::zem::switching {
 class HostConfigMsg;
 }  // namespace orlane::zem::switching
@@ -15,5 +17,8 @@ struct HostConfigContext;
 /// Threads: the host configuration's.
 void ApplyOpaqueDataOnPorts(HostConfigContext& context, const orlane::zem::switching::HostConfigMsg& config,
                             ErrorSink& errors);
+
+/// Takes from all ports of the switch what ties them to a VIF, one after the other.
+void ClearOpaqueDataOnPorts(HostConfigContext& context, const std::string& dvs);
 
 }  // namespace zem::zema

@@ -37,11 +37,12 @@ void RouterReconnection::ReadTeaming(const std::vector<HostDvs>& switches) {
 void RouterReconnection::ReconnectVdrPorts(const Config& config, const RouterMacs& before, bool upgrade) {
   std::string error;
   const auto switches = GetDvsUuids(context_.lum, false, DvsStatus(context_.switches), &error);
-  if (!switches) {
+  if (switches) {
+    ReadTeaming(*switches);
+  } else {
+    // What was read before the change is good for the switches that are still there.
     errors_.Add(ErrorSink::kGeneral, error);
-    return;
   }
-  ReadTeaming(*switches);
   const RouterMacs after = LeavingSwitches::RouterMacsOf(config);
   const auto connect = [&](const RouterMacs& macs, bool revert) {
     std::vector<std::string> failed;
@@ -60,7 +61,7 @@ void ReconnectRoutersAtStart(HostConfigContext& context, const std::vector<HostD
   if (!ReadInfos(context, switches, &infos, &error)) {
     ZLOG_ERROR("42021", "[%s] %s", __func__, error.c_str());
   }
-  context.routers.VdrPortReconnection(infos);
+  context.routers.VdrPortReconnection(infos, RouterMacTexts(context.health.dvs_vdr_macs()));
 }
 
 HealthMacs RouterMacsOfHealth(const orlane::zem::switching::HostConfigMsg& config) {

@@ -28,7 +28,7 @@ std::optional<bool> IsSet(LumCommands& lum, const char* command, ErrorSink& erro
 
 }  // namespace
 
-bool CheckQUBiVersion70AndUnusedCkln(LumCommands& lum, ErrorSink& errors) {
+bool CheckQUBiVersion70AndUnusedCkln(LumCommands& lum, ErrorSink& errors, bool* unused_ckln) {
   std::string reply;
   const bool answered =
       lum.InvokeCommand("CheckQUBiVersion70AndUnusedCkln()", "", &reply) == LumCommands::kSucceeded;
@@ -41,6 +41,7 @@ bool CheckQUBiVersion70AndUnusedCkln(LumCommands& lum, ErrorSink& errors) {
   }
   ZLOG_INFO("Qub version %s 7.0; has-unused-CKLN: %s", reply[kOk.size()] == kYes ? ">=" : "<",
             reply[kOk.size() + 2] == kYes ? "yes" : "no");
+  if (unused_ckln != nullptr) *unused_ckln = reply[kOk.size() + 2] == kYes;
   return true;
 }
 

@@ -13,9 +13,10 @@ struct StatelessHost {
   bool process_network_plugin = false;
 };
 
-/// Whether the host is of version 7.0 or higher, and has a switch that nobody uses.  False with the text in
-/// `errors`.
-[[nodiscard]] bool CheckQUBiVersion70AndUnusedCkln(LumCommands& lum, ErrorSink& errors);
+/// Whether the host is of version 7.0 or higher, and has a switch that nobody uses (`unused_ckln` may be
+/// null). False with the text in `errors`.
+[[nodiscard]] bool CheckQUBiVersion70AndUnusedCkln(LumCommands& lum, ErrorSink& errors,
+                                                   bool* unused_ckln = nullptr);
 
 /// Reads the flags that the host's network plugin has left.  False with the text in `errors` when the host's
 /// profile and the manager's do not fit, or a flag could not be read.

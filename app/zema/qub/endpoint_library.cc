@@ -40,7 +40,7 @@ void EndpointLibrary::Close() { library_.Close(Symbols()); }
 
 template <class Function, class... Arguments>
 EndpointLibrary::Outcome EndpointLibrary::Call(Function function, Arguments... arguments) {
-  if (function == nullptr) return {-1, ENOSYS};
+  if (function == nullptr) return {-1, kNoEndpointLibrary};
   errno = 0;
   const int result = function(arguments...);
   return {result, result == 0 ? 0 : errno};
@@ -48,7 +48,7 @@ EndpointLibrary::Outcome EndpointLibrary::Call(Function function, Arguments... a
 
 std::optional<uint32_t> EndpointLibrary::EndpointId(const std::string& switch_name,
                                                     const std::string& device) const {
-  int error = ENOSYS;
+  int error = kNoEndpointLibrary;
   void* const knlnic = calls_.get_knlnic == nullptr ? nullptr
                                                     : calls_.get_knlnic(switch_name.c_str(), device.c_str(),
                                                                         nullptr, nullptr, nullptr, &error);

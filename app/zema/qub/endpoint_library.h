@@ -14,8 +14,8 @@ namespace zem::zema {
 /// The host's library of tunnel endpoints.
 ///
 /// Threads: all calls from any thread; Open and Close by the owner, while nobody calls.
-/// Errors: each call gives 0, or the library's errno, read before anything else could change it; ENOSYS
-/// without the library.
+/// Errors: each call gives 0, or the library's errno, read before anything else could change it;
+/// kNoEndpointLibrary without the library.
 class EndpointLibrary final : public TepHaLibrary {
  public:
   explicit EndpointLibrary(std::string file = "libvdl2kln.so");

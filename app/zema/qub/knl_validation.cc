@@ -130,7 +130,7 @@ bool ValidateTeamingOf(const HostKnl& knl, const HostConfigMsg& config, ErrorSin
   if (HasPnic(*host_switch, TeamingNamed(*host_switch, teaming))) return true;
   const std::string text =
       "Uplink teaming of host-switch " + host_switch->name() + " for knl " + knl.device + ": no pnic";
-  ZLOG_ERROR("ERR_ERR_QUB_HOSTCFG_PNICS_VALIDATE", "%s", text.c_str());
+  ZLOG_ERROR("MPAERR_ERR_QUB_HOSTCFG_PNICS_VALIDATE", "%s", text.c_str());
   errors.Add(ErrorSink::kGeneral, text);
   return false;
 }

@@ -1,9 +1,12 @@
 #include "app/zema/qub/lum_handler.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <cstring>
@@ -28,6 +31,9 @@ using wft::WorkflowUtil;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr int kKillTries = 3;
+// Before the second look for what a try waits for; doubled each time.
+constexpr Duration kLook = std::chrono::milliseconds(50);
+constexpr Duration kLongestRespawnPause = std::chrono::minutes(1);
 constexpr int kReadyTries = 120;
 constexpr uint32_t kWireVersion = 1;
 // Far above any list of ports or switches of one host.
@@ -61,16 +67,84 @@ std::string Shell(const std::string& command) {
 
 }  // namespace
 
-LumHandler::LumHandler(LumSettings settings) : settings_(std::move(settings)) {}
+LumHandler::LumHandler(LumSettings settings)
+    : settings_(std::move(settings)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 LumHandler::~LumHandler() {
+  EndWatching();
+  if (watcher_.joinable()) watcher_.Join();
   CloseSocket();
   ClosePipe();
 }
 
 bool LumHandler::Pause(Duration duration) const {
   LetOthersWork();
-  return !Tarvik::WaitForShutdown(duration) && !settings_.shutting_down();
+  return !Tarvik::WaitForShutdown(duration) && !settings_.shutting_down() && !watching_ends_.stopped();
+}
+
+bool LumHandler::LookFor(Duration duration, const std::function<bool()>& there) const {
+  Duration waited{0};
+  for (Duration next = kLook;; next *= 2) {
+    if (there()) return true;
+    if (waited >= duration || !Pause(std::min(next, duration - waited))) return false;
+    waited += next;
+  }
+}
+
+// --- Watching.
+
+void LumHandler::StartWatching() {
+  watcher_ = ::zem::Thread({.name = "zema:lumWatch"}, [this] { Watch(); });
+}
+
+void LumHandler::EndWatching() {
+  watching_ends_.Stop();
+  WakeWatcher();
+}
+
+void LumHandler::WakeWatcher() {
+  const uint64_t one = 1;
+  // A full counter wakes as well.
+  if (::write(wake_.get(), &one, sizeof(one)) < 0) ZLOG_DEBUG("[%s] %s", __func__, GetErrMsg(errno).c_str());
+}
+
+void LumHandler::WaitForEnd() {
+  UniqueFd watched;
+  {
+    const std::lock_guard lock(watched_mutex_);
+    if (!watched_) return;
+    watched.Reset(::fcntl(watched_.get(), F_DUPFD_CLOEXEC, 0));
+  }
+  pollfd ends[2] = {{watched.get(), POLLRDHUP, 0}, {wake_.get(), POLLIN, 0}};
+  PollIdle(ends, 2, -1);
+  uint64_t count = 0;
+  if (ends[1].revents != 0 && ::read(wake_.get(), &count, sizeof(count)) < 0) {
+    ZLOG_DEBUG("[%s] %s", __func__, GetErrMsg(errno).c_str());
+  }
+}
+
+void LumHandler::Watch() {
+  Duration pause = settings_.respawn_pause;
+  while (!watching_ends_.stopped() && !settings_.shutting_down()) {
+    WaitForEnd();
+    if (watching_ends_.stopped() || settings_.shutting_down()) return;
+    bool connected = true;
+    {
+      const Synchronizer lock(*this, __FILE__, __LINE__);
+      pollfd end{socket_.get(), POLLRDHUP, 0};
+      if (socket_ && ::poll(&end, 1, 0) > 0) {
+        ZLOG_ERROR("42061", "[%s] zemaLum.py has ended. Restarting python process..", __func__);
+        Lose();
+      }
+      if (!socket_) connected = SpawnPyLumInternal() == kSucceeded;
+    }
+    if (connected) {
+      pause = settings_.respawn_pause;
+      continue;
+    }
+    if (watching_ends_.WaitFor(pause)) return;
+    pause = std::min(2 * pause, kLongestRespawnPause);
+  }
 }
 
 int LumHandler::SetUp(std::string user, std::string third) {
@@ -117,14 +191,14 @@ int LumHandler::Ask(const std::string& command, const std::string& expected, std
   }
   if (sent != Sent::kWhole) {
     *out = kWriteFailed;
-    CloseSocket();
+    Lose();
     return kFailed;
   }
   uint32_t status = 0;
   if (!GetLine(&status, out)) {
     ZLOG_ERROR("42061", "[%s] Reading reply from socket failed. Restarting python process..", __func__);
     *out = kReadFailed;
-    CloseSocket();
+    Lose();
     return kFailed;
   }
   if (!expected.empty() && *out != expected) {
@@ -154,7 +228,7 @@ int LumHandler::InvokeRPCInternal(LumOperation operation, std::string_view data,
       ZLOG_ERROR("42057", "[%s] Failed send command. Restarting python process..", __func__);
     }
     *out = "Internal Socket error in sending data.";
-    CloseSocket();
+    Lose();
     SpawnPyLumInternal();
     return kRpcSocketFailure;
   }
@@ -162,7 +236,7 @@ int LumHandler::InvokeRPCInternal(LumOperation operation, std::string_view data,
   if (!GetLine(&status, out)) {
     ZLOG_ERROR("42056", "[%s] Failed read Result. Restarting python process..", __func__);
     *out = "Internal Socket error in reading data.";
-    CloseSocket();
+    Lose();
     SpawnPyLumInternal();
     return kRpcSocketFailure;
   }
@@ -226,12 +300,30 @@ void LumHandler::SetPid(std::string pid) {
   pid_ = std::move(pid);
 }
 
-void LumHandler::CloseSocket() { socket_.Reset(); }
+void LumHandler::CloseSocket() {
+  {
+    const std::lock_guard lock(watched_mutex_);
+    watched_.Reset();
+  }
+  socket_.Reset();
+  WakeWatcher();
+}
+
+void LumHandler::Lose() {
+  CloseSocket();
+  SetReady(false);
+}
+
+void LumHandler::SetReady(bool ready) {
+  if (ready_ == ready) return;
+  ready_ = ready;
+  settings_.set_ready(ready);
+}
 
 void LumHandler::ClosePipe() {
   if (pipe_.pid <= 0) return;
-  // Also one that hung before it took its name, and was not found by it.
-  ::kill(pipe_.pid, SIGKILL);
+  // With its group: the shell, and a script that hung before it took its name and was not found by it.
+  if (::kill(-pipe_.pid, SIGKILL) != 0) ::kill(pipe_.pid, SIGKILL);
   std::string error;
   if (ClosePipeQub(&pipe_, &error) < 0) ZLOG_DEBUG("[%s] %s", __func__, error.c_str());
   pipe_ = {-1, -1};
@@ -275,17 +367,20 @@ bool LumHandler::Spawn() {
 
 bool LumHandler::FindPid() {
   const std::string command = "ps -C | grep " + settings_.process_name + " | cut -d ' ' -f 1";
-  for (int left = settings_.pid_tries; left > 0; --left) {
-    std::string output = Shell(command);
-    boost::trim(output);
-    if (!output.empty()) {
+  for (int left = options_.pid_tries; left > 0; --left) {
+    std::string output;
+    if (LookFor(settings_.pid_pause, [&] {
+          output = Shell(command);
+          boost::trim(output);
+          return !output.empty();
+        })) {
       ZLOG_INFO("[%s] zemaLum.py process id: [%s] lumSockFd: [%d]", __func__, output.c_str(), socket_.get());
       SetPid(std::move(output));
       return true;
     }
     ZLOG_INFO("[%s] zemaLum.py pid is empty. lumSockFd: [%d] Retries left: [%d]", __func__, socket_.get(),
               left - 1);
-    if (!Pause(settings_.pid_pause)) return false;
+    if (!Pause(Duration::zero())) return false;
   }
   ZLOG_ERROR("42062", "Empty pid in process list for zemaLum.py. lumSockFd: [%d] Handle pid: [%d]",
              socket_.get(), static_cast<int>(pipe_.pid));
@@ -293,8 +388,14 @@ bool LumHandler::FindPid() {
 }
 
 bool LumHandler::Connect() {
+  // The connection's own tries are far apart.
+  LookFor(settings_.pid_pause, [this] { return ::access(settings_.socket.c_str(), F_OK) == 0; });
   socket_.Reset(Tarvik::ConnectToUnixSocket(settings_.socket, true));
-  if (socket_) return true;
+  if (socket_) {
+    const std::lock_guard lock(watched_mutex_);
+    watched_.Reset(::fcntl(socket_.get(), F_DUPFD_CLOEXEC, 0));
+    return true;
+  }
   const std::string reason = GetErrMsg(errno);
   ZLOG_ERROR("42059", "[%s] failed to connect unix socket, error: [%s]", __func__, reason.c_str());
   // What the script printed often says why.
@@ -313,13 +414,14 @@ bool LumHandler::Connect() {
 
 int LumHandler::SpawnPyLumInternal() {
   const auto span = WorkflowUtil::StartChildSpan("LumHandler.SpawnPyLumInternal", wft::kTraceDebug);
-  settings_.set_ready(false);
-  CloseSocket();
+  Lose();
   SetPid({});
+  options_ = settings_.options();
   if (!KillPrior()) return kFailed;
+  // Waits for its end; no other is left.
   ClosePipe();
-  const bool goes_on = Pause(settings_.spawn_pause);
-  if (!goes_on) {
+  ::unlink(settings_.socket.c_str());
+  if (!Pause(Duration::zero())) {
     ZLOG_ERROR("42062", "[%s] zema is shutting down, cancelling attempt to respawn zemaLum.", __func__);
     return kFailed;
   }
@@ -339,14 +441,14 @@ int LumHandler::SpawnPyLumInternal() {
 
 int LumHandler::Login() {
   std::string reply;
-  const std::string& level = settings_.log_level;
+  const std::string& level = options_.log_level;
   const bool own_level = level.empty() || level == "info" || level == "unset";
   if (!own_level && Ask("loglevel=" + level, kOk, &reply) != kSucceeded) {
     ZLOG_INFO("[%s] failed to set zemaLum.py log level to [%s]: [%s]", __func__, level.c_str(),
               reply.c_str());
   }
   constexpr const char* kNoVxlan = "no-vxlan-stack";
-  if (socket_ && settings_.no_vxlan_stack &&
+  if (socket_ && options_.no_vxlan_stack &&
       Ask(std::string("option=") + kNoVxlan, kOk, &reply) != kSucceeded) {
     ZLOG_INFO("[%s] failed to set zemaLum.py option [%s]: [%s]", __func__, kNoVxlan, reply.c_str());
   }
@@ -362,15 +464,19 @@ int LumHandler::Login() {
 
 int LumHandler::WaitReady() {
   std::string reply;
-  for (int i = 0; i < kReadyTries && socket_; ++i) {
-    if (Ask(kPing, kReady, &reply) == kSucceeded) {
-      ZLOG_INFO("[%s] %s is ready ...", __func__, settings_.script.c_str());
-      settings_.set_ready(true);
-      return kSucceeded;
-    }
+  const auto ready = [&] { return !socket_ || Ask(kPing, kReady, &reply) == kSucceeded; };
+  // Most scripts are ready at once; each look at one that is not leaves a line.
+  bool there = LookFor(settings_.ready_pause, ready);
+  for (int i = 1; i < kReadyTries && !there; ++i) {
     ZLOG_INFO("[%s] waiting for %s to be ready: status:[%s], retrying...", __func__, settings_.script.c_str(),
               reply.c_str());
     if (!Pause(settings_.ready_pause)) return kFailed;
+    there = ready();
+  }
+  if (there && socket_) {
+    ZLOG_INFO("[%s] %s is ready ...", __func__, settings_.script.c_str());
+    SetReady(true);
+    return kSucceeded;
   }
   ZLOG_ERROR("42063", "[%s] Timeout in waiting for %s to be ready: current status:[%s]", __func__,
              settings_.script.c_str(), reply.c_str());
@@ -378,6 +484,7 @@ int LumHandler::WaitReady() {
 }
 
 void LumHandler::TerminateZemaLumPy() {
+  EndWatching();
   if (const std::string known = pid(); !known.empty()) {
     const std::string output = Shell("kill -9 " + known);
     ZLOG_INFO("[%s] terminating zemaLum.py process [%s]: [%s]", __func__, known.c_str(), output.c_str());

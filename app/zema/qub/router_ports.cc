@@ -112,12 +112,18 @@ void RouterPorts::ConnectVdrPorts(const std::vector<DvsConfigInfo>& switches, co
   }
 }
 
-void RouterPorts::VdrPortReconnection(const std::vector<DvsConfigInfo>& switches) {
+void RouterPorts::VdrPortReconnection(const std::vector<DvsConfigInfo>& switches, const Macs& macs) {
   ZLOG_INFO("[%s] reconnection for vdr port in all DVSes.", __func__);
   for (const DvsConfigInfo& dvs : switches) {
     RouterLibrary::Mac mac;
-    uint32_t result = library_.GetVMAC(dvs.id, &mac);
-    if (result == kSwitchNotFound) continue;
+    uint32_t result = 0;
+    const auto stored = macs.find(dvs.id);
+    if (const auto known = stored == macs.end() ? std::nullopt : MacOf(stored->second)) {
+      mac = *known;
+    } else {
+      result = library_.GetVMAC(dvs.id, &mac);
+      if (result == kSwitchNotFound) continue;
+    }
     if (result == 0) result = library_.PlumbVdrConnection(dvs.id, kPort, mac, dvs.team_type, dvs.uplinks);
     if (result != 0) {
       ZLOG_ERROR("42021", "[%s] Failed to create connection for vdrPort of dvs [%s].", __func__,

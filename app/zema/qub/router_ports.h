@@ -44,8 +44,9 @@ class RouterPorts {
   void ConnectVdrPorts(const std::vector<DvsConfigInfo>& switches, const Macs& macs, bool revert,
                        std::vector<std::string>* errors);
 
-  /// Puts each router back that the library has an address of, when the agent starts.
-  void VdrPortReconnection(const std::vector<DvsConfigInfo>& switches);
+  /// Puts the routers back when the agent starts: with the address in `macs`, or else the one that the
+  /// library still has.  After a start of the host it has none.
+  void VdrPortReconnection(const std::vector<DvsConfigInfo>& switches, const Macs& macs);
 
   /// False with the reason in `error` when routers are still on their way out after `seconds`, or the daemon
   /// is stopping.

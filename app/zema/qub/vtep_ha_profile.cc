@@ -23,6 +23,7 @@ constexpr Reason kReasons[] = {
     {ENAMETOOLONG, "VTEP not found under KLN."},
     {ENOSYS,
      "None or only one healthy VTEP exists. Cannot perform requested operation in current system state."},
+    {kNoEndpointLibrary, "The endpoint library is not on this host."},
     {ENOBUFS, "Internal error occured while performing requested operation."},
 };
 

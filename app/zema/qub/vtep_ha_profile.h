@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
 
@@ -9,6 +10,9 @@ class HostSwitchMsg;
 }  // namespace orlane::zem::switching
 
 namespace zem::zema {
+
+/// In place of the library's errno when there is no library: none of its own codes.
+inline constexpr int kNoEndpointLibrary = ELIBACC;
 
 /// The settings of endpoint high availability, as the host's endpoint library takes them: by the switch's id,
 /// times in seconds.  Each gives 0, or the library's reason, an errno.

@@ -64,6 +64,16 @@ class ControllerListTest : public ::testing::Test {
     context_ = std::make_shared<ControllerContext>(
         std::move(file), host_, files_,
         [this](std::unique_ptr<Runnable> task) { tasks_.push_back(std::move(task)); });
+    context_->add_task_later = [this](Duration delay, std::function<std::unique_ptr<Runnable>()> make) {
+      later_ = {delay, std::move(make)};
+    };
+  }
+  /// What was to be done later is due: the delay it had, 0 for nothing.
+  std::chrono::seconds RunLater() {
+    const auto [delay, make] = std::exchange(later_, {});
+    if (auto task = make ? make() : nullptr) tasks_.push_back(std::move(task));
+    RunTasks();
+    return std::chrono::duration_cast<std::chrono::seconds>(delay);
   }
 
   void Handle(const std::string& text) {
@@ -95,6 +105,7 @@ class ControllerListTest : public ::testing::Test {
   ConfigFiles files_{{dir_.Path("host_config.bin"), dir_.Path("mmode.bin")}};
   std::function<bool()> on_wait_ = [] { return false; };
   std::deque<std::unique_ptr<Runnable>> tasks_;
+  std::pair<Duration, std::function<std::unique_ptr<Runnable>()>> later_;
   std::shared_ptr<ControllerContext> context_;
 };
 
@@ -254,6 +265,20 @@ TEST_F(ControllerListTest, ALostTornOrForeignFileIsMadeAnew) {
     EXPECT_EQ(dir_.Read("controllers.xml.rejected"), content);
     EXPECT_EQ(CountOf("<connection ", File()), 1U);
   }
+  // A list without controllers has a file without controllers, and with the node's id.
+  host_.SetHostId(kTn);
+  context_->file.SetTnUuidSaved(kTn);
+  dir_.Write("controllers.xml", "<config><connectionList>");
+  Handle(Update(""));
+  RunTasks();
+  EXPECT_NE(File().find(std::string("<UUID>") + kTn), std::string::npos);
+  // So does the id alone.
+  dir_.Write("controllers.xml", "<config><connectionList>");
+  context_->file.SetTnUuidSaved("");
+  UpdateTnUuidInFile(context_, kTn);
+  RunTasks();
+  EXPECT_NE(File().find(std::string("<UUID>") + kTn), std::string::npos);
+  host_.UnsetHostId();
   std::filesystem::remove(dir_.Path("controllers.xml"));
   Handle(Update(Controller("10.0.0.1", 1, 1)));
   EXPECT_EQ(CountOf("<connection ", File()), 1U);
@@ -286,13 +311,22 @@ TEST_F(ControllerListTest, TheTransportNodeIdIsTriedUntilTheProxyHasIt) {
   RunTasks();
   EXPECT_NE(File().find(std::string("<UUID>") + kTn), std::string::npos);
   EXPECT_TRUE(log_.Contains("ZEMCLI set zem-proxy controllers file failed ret [3], reply [not now]"));
+  // By itself, as long as the host has this id.
+  host_.SetHostId(kTn);
+  EXPECT_EQ(RunLater().count(), 30);
+  EXPECT_EQ(RunLater().count(), 60);
+  host_.UnsetHostId();
+  const size_t before = Reloads();
+  EXPECT_EQ(RunLater().count(), 120);
+  EXPECT_EQ(RunLater().count(), 0);
+  EXPECT_EQ(Reloads(), before);
   std::filesystem::remove(dir_.Path("refuse"));
   // Two at once: the second finds it done.
   UpdateTnUuidInFile(context_, kTn);
   UpdateTnUuidInFile(context_, kTn);
   RunTasks();
   EXPECT_TRUE(log_.Contains("flag is already set"));
-  EXPECT_EQ(Reloads(), 2U);
+  EXPECT_EQ(Reloads(), before + 1);
   UpdateTnUuidInFile(context_, kTn);
   EXPECT_TRUE(tasks_.empty());
   // Another transport node later.

@@ -56,6 +56,8 @@ TEST_F(RealizationOptionsTest, VifTimeoutDependsOnTheHostAndIsNeverBelow25) {
     OptionsStore store(File(each.file));
     ASSERT_EQ(store.Parse({}, {each.version, each.product}), 0);
     EXPECT_EQ(store.Snapshot().vif_operation_timeout, each.expected) << each.version << " " << each.file;
+    ASSERT_EQ(store.Reload(), "");
+    EXPECT_EQ(store.Snapshot().vif_operation_timeout, each.expected) << "the host is the same";
   }
 }
 
@@ -78,7 +80,7 @@ TEST_F(RealizationOptionsTest, Refusals) {
     OptionsStore store(File(R"({"zema": {"group": "first"}})"));
     ASSERT_EQ(store.Parse({}, host), 0);
     File(each.file);
-    EXPECT_EQ(store.Reload(host), "Failed to reload options from config file");
+    EXPECT_EQ(store.Reload(), "Failed to reload options from config file");
     EXPECT_TRUE(log.Contains(each.text)) << each.text;
     EXPECT_EQ(store.Snapshot().group, "first");
   }
@@ -95,7 +97,7 @@ TEST_F(RealizationOptionsTest, Arguments) {
   EXPECT_EQ(store.Parse({"-q"}, host), -1);
   EXPECT_TRUE(log.Contains("Invalid input from command line: [-q]"));
   File(R"({"zema": {"group": "y"}})");
-  EXPECT_EQ(store.Reload(host), "");
+  EXPECT_EQ(store.Reload(), "");
   EXPECT_EQ(store.Snapshot().group, "y");
 }
 

@@ -33,12 +33,12 @@ class EndpointTasksTest : public ::testing::Test {
   EndpointTasksTest() {
     host_.SetHostId("tn");
     context_ = std::make_shared<EndpointContext>(
-        EndpointContext{lum_, library_, host_, &sender_, [] { return 8; },
-                        [this](Duration duration) {
-                          waited_ += duration;
-                          return true;
-                        },
-                        [this](std::unique_ptr<Runnable> task) { queue_.push_back(std::move(task)); }});
+        lum_, library_, host_, &sender_, [] { return 8; },
+        [this](Duration duration) {
+          waited_ += duration;
+          return true;
+        },
+        [this](std::unique_ptr<Runnable> task) { queue_.push_back(std::move(task)); });
   }
 
   void RunQueue() {
@@ -133,9 +133,32 @@ TEST_F(EndpointTasksTest, RequestsAreAnsweredWhateverHappens) {
   EXPECT_NE(sent[1].find("Sending VTEP Recovery response failed to retrieve the dvsName."),
             std::string::npos);
   // There is no library here.
-  EXPECT_NE(sent[2].find("failed with error code 38 : "), std::string::npos) << sent[2];
+  EXPECT_NE(sent[2].find("failed with error code 79 : Can not access a needed shared library"),
+            std::string::npos)
+      << sent[2];
   EXPECT_NE(sent[2].find(" on dvs ks-1"), std::string::npos);
   EXPECT_NE(sent[3].find("Sending VTEP Admin State response failed with error code"), std::string::npos);
+}
+
+// Ten configurations one after the other must not have the last one's addresses wait for ten chains of tries.
+TEST_F(EndpointTasksTest, ANewerConfigurationEndsTheTriesOfThoseBefore) {
+  lum_.replies = {{"vtepDeviceId=knl10", "~~IpNotAssigned"}};
+  const auto fetch = [&] {
+    const uint64_t configuration = ++context_->configuration;
+    queue_.push_back(
+        std::make_unique<VtepIpFetchingTask>(context_, event_, std::vector<std::string>{"knl10"},
+                                             AddressFetchingTask::Tries{20, false, configuration}));
+  };
+  fetch();
+  queue_.front()->Run();  // has a successor
+  for (int i = 0; i < 9; ++i) fetch();
+  queue_.push_back(std::make_unique<VtepIpFetchingTask>(context_, event_, std::vector<std::string>{"knl10"},
+                                                        AddressFetchingTask::Tries{0, true}));
+  lum_.replies["vtepDeviceId=knl10"] = "172.16.1.10~~IpAssigned";
+  waited_ = Duration{0};
+  RunQueue();
+  EXPECT_EQ(sender_.Take().size(), 2u) << "of the last configuration, and of the manager's request";
+  EXPECT_EQ(waited_, std::chrono::seconds(16));
 }
 
 }  // namespace

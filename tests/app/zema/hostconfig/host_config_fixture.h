@@ -51,7 +51,11 @@ class HostScript final : public FakeLumCommands {
     const std::string name = command.substr(0, bracket);
     const std::string arguments =
         bracket == std::string::npos ? "" : command.substr(bracket + 1, command.size() - bracket - 2);
-    if (const auto reply = Carry(name, arguments)) Script(command, {*reply});
+    if (const auto reply = answers.find(name); reply != answers.end()) {
+      Script(command, {reply->second});
+    } else if (const auto carried = Carry(name, arguments)) {
+      Script(command, {*carried});
+    }
     return FakeLumCommands::InvokeCommand(command, expected, out);
   }
   int InvokeRPC(LumOperation operation, std::string_view data, std::string* out) override {
@@ -71,6 +75,8 @@ class HostScript final : public FakeLumCommands {
 
   std::function<void(const std::string&)> before;
   std::map<std::string, std::string> rpc_failures;
+  /// By name, in place of what the host would say.
+  std::map<std::string, std::string> answers;
   bool unused_ckln = false;
 
  private:
@@ -154,6 +160,7 @@ class HostConfigTest : public SwitchHostTest {
     }
     std::string error;
     EXPECT_TRUE(router_library.Open(&error)) << error;
+    lum.Script("GetTzToDvsMapping()", {std::string("ok|z1:") + kOverlay + ":KLN|z2:" + kVlanSwitch + ":NVS"});
     StartProcess();
   }
 

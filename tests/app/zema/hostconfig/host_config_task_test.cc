@@ -1,5 +1,7 @@
 // Host configurations from their message to the host and back, with the agent's end at any point in between.
 
+#include "app/zema/hostconfig/router_reconnection.h"
+#include "app/zema/qub/vif_request.h"
 #include "tests/app/zema/hostconfig/host_config_fixture.h"
 
 namespace zem::zema {
@@ -160,6 +162,85 @@ TEST_F(HostConfigTest, ARefusedFirstConfigurationLeavesNothingBehind) {
     EXPECT_EQ(process->host.id(), "node-1");
     ASSERT_THAT(Apply(R"(id: "c1" revision: "-1")"), HasSubstr("error_code: 0"));
   }
+}
+
+// Ports of VMs on a switch that stays keep what ties them, whatever becomes of the switch's security.
+TEST_F(HostConfigTest, WithdrawnSecurityClearsPortsOfLeavingSwitchesAlone) {
+  const std::string secure =
+      std::string(kNode) + R"(revision: "0" )" + kTwo +
+      R"(host_switches { id: "502e3333-3333-3333-9d33-333333333333" name: "ks-3" type: 2
+                                  mtu: 1500 transport_zone_id: "z3" static_address: true } )";
+  auto config = Config(secure);
+  for (auto& host_switch : *config.mutable_host_switches()) host_switch.set_security(true);
+  ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
+  config.set_revision("0");
+  ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
+  const std::string leaving = "50 2e 33 33 33 33 33 33-9d 33 33 33 33 33 33 33";
+  for (const std::string& dvs : {std::string(kOverlay), leaving}) {
+    ASSERT_TRUE(state->SwitchProperty(dvs, "host", port_props::kKlnSecurityEnabled)) << dvs;
+  }
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  ASSERT_THAT(Apply(std::string(kNode) + R"(revision: "2" )" + kTwo), HasSubstr("error_code: 0"));
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), kVif);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kOpaqueNetworkId), kLs);
+  EXPECT_THAT(state->SwitchIds(), ElementsAre(kOverlay, kVlanSwitch));
+}
+
+// Only a port that was made for security alone is marked so; one without logical port is none of the agent's.
+TEST_F(HostConfigTest, PortsAreMarkedForSecurityByThemselvesNotByTheirSwitch) {
+  auto config = Config(std::string(kNode) + R"(revision: "0" )" + kTwo);
+  for (auto& host_switch : *config.mutable_host_switches()) host_switch.set_security(true);
+  ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
+  for (const char* port : {"lp-1", "lp-2", "lp-3", "lp-4"}) Create(Description(port), kVif, Vm("vm1"));
+  ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-1", port_props::kLogicalPortId, "logical-1"));
+  ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-2", port_props::kLogicalPortId, "logical-2"));
+  ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-2", port_props::kSecurityEnable, "true"));
+  // The host knows another VIF on this port.
+  ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-4", port_props::kLogicalPortId, "logical-4"));
+  auto other = std::make_shared<VifRequest>();
+  other->port_id = "lp-4";
+  ports.AddVifForSiteConfig("vif-9", std::move(other));
+  log.Clear();
+  ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
+  EXPECT_EQ(Property(kOverlay, "lp-4", port_props::kExternalId), "(none)");
+  EXPECT_TRUE(log.Contains("dvport [" + std::string(kOverlay) + ":lp-4] has stale vifId [" + kVif + "]"));
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kSecurityEnable), "(none)");
+  EXPECT_EQ(Property(kOverlay, "lp-2", port_props::kSecurityEnable), "true");
+  EXPECT_EQ(Property(kOverlay, "lp-3", port_props::kLogicalPortId), "(none)");
+  EXPECT_TRUE(log.Contains("vifId or logicalPortId is missing for [" + std::string(kOverlay) + ":lp-3]"));
+}
+
+TEST_F(HostConfigTest, RuntimeUpdatesAreDisabledWithoutDataAndTheirPortsCleared) {
+  ASSERT_THAT(Apply(std::string(kNode) + R"(revision: "1" )" + kTwo), HasSubstr("error_code: 0"));
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  auto config = Config(std::string(kNode) + R"(revision: "2" )" + kTwo);
+  config.mutable_host_switches(0)->set_vif_collection_status(2);
+  script.rpc_reply = "disabled";
+  script.commands.clear();
+  Apply(config.DebugString());
+  EXPECT_THAT(script.commands, testing::Contains("22:"));
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
+}
+
+TEST_F(HostConfigTest, RoutersComeBackAlsoWhenTheHostDoesNotListItsSwitches) {
+  script.before = [this](const std::string& command) {
+    if (command.starts_with("applyDvses(")) script.answers["queryDvsListWithoutFlag"] = "busy";
+  };
+  EXPECT_THAT(Apply(std::string(kNode) + R"(revision: "1" )" + kTwo),
+              HasSubstr("queryDvsListWithoutFlag() failed: [busy]"));
+  EXPECT_EQ(RouterOf(kOverlay), "connected");
+  EXPECT_THAT(process->health.dvs_vdr_macs(), SizeIs(2));
+}
+
+// The host has forgotten its routers; what is stored has not.
+TEST_F(HostConfigTest, RoutersComeBackWhenTheHostHasStartedAnew) {
+  ASSERT_THAT(Apply(std::string(kNode) + R"(revision: "1" )" + kTwo), HasSubstr("error_code: 0"));
+  state->RebootHost();
+  ASSERT_EQ(RouterOf(kOverlay), "none");
+  StartProcess();
+  ReconnectRoutersAtStart(*process->context, {{kOverlay, "ks-1"}, {kVlanSwitch, "ks-2"}});
+  EXPECT_EQ(RouterOf(kOverlay), "connected");
+  EXPECT_EQ(RouterOf(kVlanSwitch), "none");
 }
 
 }  // namespace

@@ -83,6 +83,11 @@ TEST_F(ManagerTasksTest, ChecksumsTellWhatTheHostHasOrThatItHasNothing) {
   host.answers["getAllOpaqueNetworkChecksum()"] = "12ab";
   run();
   EXPECT_THAT(manager.Take(), ElementsAre(host_part, host_part + " logical_switch_checksum: \"12ab\""));
+  // What is stored is not what the host has: the manager must not take it for done.
+  files.SetNotInForce();
+  run();
+  EXPECT_THAT(manager.Take(), ElementsAre(testing::AllOf(testing::HasSubstr("id: \"a\" checksum: \""),
+                                                         testing::Not(testing::HasSubstr("ba7816bf")))));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include "app/zema/qub/lum_handler.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <mutex>
 #include <sstream>
 
 #include "framework/shutdown_pipe.h"
@@ -36,8 +38,7 @@ using test::Write;
 
 TEST_F(LumHandlerTest, LogsInAndAnswers) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
-              settings.log_level = "debug";
-              settings.no_vxlan_stack = true;
+              settings.options = [] { return LumOptions{1000, "debug", true}; };
               Write("lum.ready", "3");
               LumHandler handler(settings);
               SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
@@ -90,7 +91,7 @@ TEST_F(LumHandlerTest, BrokenExchanges) {
                 told->clear();
                 SANDBOX_EXPECT(handler.InvokeCommand("break " + std::string(action), "", &out) == -1);
                 SANDBOX_EXPECT(out == "socket read failed");
-                SANDBOX_EXPECT(!handler.connected() && told->empty());
+                SANDBOX_EXPECT(!handler.connected() && *told == "down ");
                 SANDBOX_EXPECT(handler.InvokeCommand("next", "", &out) == -1);
                 SANDBOX_EXPECT(out == "LumHandler not initialized");
                 SANDBOX_EXPECT(*told == "down up ");
@@ -113,7 +114,7 @@ TEST_F(LumHandlerTest, FailedStarts) {
               std::string out;
               {
                 LumSettings missing = settings;
-                missing.pid_tries = 5;
+                missing.options = [] { return LumOptions{5}; };
                 missing.script = "/nowhere.py";
                 LumHandler handler(missing);
                 SANDBOX_EXPECT(handler.SetUp("user", "") == -1);
@@ -136,14 +137,15 @@ TEST_F(LumHandlerTest, FailedStarts) {
 // A stop in the middle of a start ends it.
 TEST_F(LumHandlerTest, ShutdownEndsAStart) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
-              settings.spawn_pause = 1h;
+              settings.options = [] { return LumOptions{1'000'000}; };
+              settings.script = "/nowhere.py";
               zem::Thread stopper([] {
                 SleepFor(100ms);
                 Tarvik::CloseShutdownPipe();
               });
               LumHandler handler(settings);
               SANDBOX_EXPECT(handler.SetUp("user", "") == -1);
-              SANDBOX_EXPECT(log.Contains("zema is shutting down, cancelling attempt to respawn zemaLum."));
+              SANDBOX_EXPECT(!log.Contains("Empty pid in process list"));
               return 0;
             }),
             0);
@@ -158,7 +160,6 @@ size_t Processes() {
 }
 
 int RespawnTimes(int times, test::LogCapture& log, LumSettings settings) {
-  settings.spawn_pause = 1ms;
   LumHandler handler(settings);
   SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
   const size_t descriptors = test::OpenDescriptors();
@@ -190,6 +191,46 @@ TEST_F(LumHandlerTest, AThousandRespawnsLeaveNothingBehind) {
               std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/stand_in",
                                               "/usr/local/bin/python");
               return RespawnTimes(1000, log, settings);
+            }),
+            0);
+}
+
+std::string WaitFor(const std::function<bool()>& there) {
+  for (int i = 0; i < 1000 && !there(); ++i) SleepFor(20ms);
+  return there() ? "" : "it never came";
+}
+
+// Nobody asks anything of it: it is down at once, and comes again by itself, also when it refuses the login.
+TEST_F(LumHandlerTest, AScriptThatDiesUnaskedIsDownAtOnceAndComesAgainByItself) {
+  EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
+              std::mutex mutex;
+              std::string told;
+              settings.set_ready = [&](bool ready) {
+                const std::lock_guard lock(mutex);
+                told += ready ? "up " : "down ";
+              };
+              const auto have = [&](const char* wanted) {
+                return WaitFor([&] {
+                  const std::lock_guard lock(mutex);
+                  return told == wanted;
+                });
+              };
+              settings.respawn_pause = 20ms;
+              LumHandler handler(settings);
+              SANDBOX_EXPECT(handler.SetUp("user", "") == 0);
+              handler.StartWatching();
+              Write("faults", "^login\t0\t3\treply\tno\n");
+              SANDBOX_EXPECT(::kill(std::stoi(handler.pid()), SIGKILL) == 0);
+              SANDBOX_EXPECT(have("down up down up ").empty());
+              SANDBOX_EXPECT(log.Count("Unexpected reply for username command: no") == 3);
+              std::string out;
+              SANDBOX_EXPECT(handler.InvokeCommand("fetchMMode()", "", &out) == 0);
+              // One that is to end stays away.
+              handler.TerminateZemaLumPy();
+              SANDBOX_EXPECT(handler.InvokeCommand("fetchMMode()", "", &out) == -1);
+              SANDBOX_EXPECT(handler.InvokeCommand("fetchMMode()", "", &out) == -1);
+              SANDBOX_EXPECT(have("down up down up down ").empty());
+              return 0;
             }),
             0);
 }

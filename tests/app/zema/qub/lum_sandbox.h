@@ -53,10 +53,9 @@ class LumSandbox : public SandboxTest {
       zema::LumSettings settings;
       settings.script = std::string(sim::kNodeDirectory) + "/zemaLum.py";
       settings.kill_pause = std::chrono::milliseconds(20);
-      settings.spawn_pause = std::chrono::milliseconds(20);
       settings.pid_pause = std::chrono::milliseconds(20);
       // A machine that is busy takes its time to start a script.
-      settings.pid_tries = 1000;
+      settings.options = [] { return zema::LumOptions{1000}; };
       settings.ready_pause = std::chrono::milliseconds(20);
       settings.host_version = "7.0.3";
       settings.set_ready = [&told](bool ready) { told += ready ? "up " : "down "; };

@@ -148,7 +148,8 @@ TEST_F(SwitchWideTest, EndpointCallsTellTheReasonOfTheLibrary) {
               testing::AllOf(HasSubstr("\"startTime\":9"), testing::Not(HasSubstr("backoff"))));
   EndpointLibrary absent("libno-such.so");
   EXPECT_FALSE(absent.Open(&error));
-  EXPECT_EQ(absent.SetTEPHATimeout(kOverlay, 5), ENOSYS);
+  EXPECT_EQ(absent.SetTEPHATimeout(kOverlay, 5), kNoEndpointLibrary);
+  EXPECT_STREQ(TepHaErrorText(kNoEndpointLibrary), "The endpoint library is not on this host.");
   EXPECT_EQ(absent.EndpointId("ks-1", "knl10"), std::nullopt);
 }
 
