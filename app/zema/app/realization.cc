@@ -167,7 +167,9 @@ Realization::Result Realization::Impl::SetUp() {
   ReadStoredConfig();
   RestoreMmode(*mmode_);
   // The manager still waits for what is written on these ports.
-  for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) follow_ups_->AddVifRequest(request);
+  for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) {
+    follow_ups_->AddVifRequest(std::make_shared<VifRequest>(*request));
+  }
   SimulateLoad();
   return kDone;
 }

@@ -110,7 +110,7 @@ void PortOpsManager::GetVifsForSiteConfig() {
   }
 }
 
-void PortOpsManager::AddVifForSiteConfig(const std::string& vif, std::shared_ptr<VifRequest> request) {
+void PortOpsManager::AddVifForSiteConfig(const std::string& vif, std::shared_ptr<const VifRequest> request) {
   vifs_to_fetch_site_config_.Set(vif, std::move(request));
   ZLOG_INFO("[PortOp] Added VIF [%s] to the list to fetch site config", vif.c_str());
 }
@@ -120,14 +120,14 @@ void PortOpsManager::RemoveVifForSiteConfig(const std::string& vif) {
   ZLOG_INFO("[PortOp] Removed VIF [%s] from the list to fetch site config", vif.c_str());
 }
 
-std::shared_ptr<VifRequest> PortOpsManager::LookupVifRequest(const std::string& vif) const {
+std::shared_ptr<const VifRequest> PortOpsManager::LookupVifRequest(const std::string& vif) const {
   const auto map = vifs_to_fetch_site_config_.Get();
   const auto found = map->find(vif);
   return found == map->end() ? nullptr : found->second;
 }
 
-std::shared_ptr<const std::map<std::string, std::shared_ptr<VifRequest>>> PortOpsManager::VifsForSiteConfig()
-    const {
+std::shared_ptr<const std::map<std::string, std::shared_ptr<const VifRequest>>>
+PortOpsManager::VifsForSiteConfig() const {
   return vifs_to_fetch_site_config_.Get();
 }
 

@@ -59,11 +59,11 @@ class PortOpsManager {
 
   /// Asks the host at start.
   void GetVifsForSiteConfig();
-  void AddVifForSiteConfig(const std::string& vif, std::shared_ptr<VifRequest> request);
+  void AddVifForSiteConfig(const std::string& vif, std::shared_ptr<const VifRequest> request);
   void RemoveVifForSiteConfig(const std::string& vif);
-  /// Null for none.
-  std::shared_ptr<VifRequest> LookupVifRequest(const std::string& vif) const;
-  std::shared_ptr<const std::map<std::string, std::shared_ptr<VifRequest>>> VifsForSiteConfig() const;
+  /// Null for none.  Whoever serves it takes a copy, so that one try leaves nothing to the next.
+  std::shared_ptr<const VifRequest> LookupVifRequest(const std::string& vif) const;
+  std::shared_ptr<const std::map<std::string, std::shared_ptr<const VifRequest>>> VifsForSiteConfig() const;
 
   // --- whole ports; which port a VIF is on is kept in an index (VifIndex)
 
@@ -181,7 +181,7 @@ class PortOpsManager {
   LumCommands& lum_;
   const std::unique_ptr<VifIndex> vif_index_;
   CopyOnWriteMap<std::string, HostSwitchInfo> tz_to_dvs_;
-  CopyOnWriteMap<std::string, std::shared_ptr<VifRequest>> vifs_to_fetch_site_config_;
+  CopyOnWriteMap<std::string, std::shared_ptr<const VifRequest>> vifs_to_fetch_site_config_;
 };
 
 }  // namespace zem::zema
