@@ -125,6 +125,8 @@ void DetachOperation::CleanUpPriorAttachedPort() {
       wft::WorkflowUtil::StartChildSpan("HandlerThread.CleanUpPriorAttachedPort", wft::kTraceInfo);
   const auto prior = prior_.Take(request_.vif_id, request_.gcf_path);
   if (!prior || prior->new_ls != request_.ls_id) return;
+  // A later operation on the VM, such as its end, takes nothing back.
+  if (prior->op_id_stem != OpIdStem(request_.op_id)) return;
   // The VIF has come from another host, and never was on another switch.
   if (prior->old_ls == request_.ls_id) return;
   ZLOG_INFO("[%s] prior vm operation rollack, reset attach the prior port to the vnic...\n", __func__);

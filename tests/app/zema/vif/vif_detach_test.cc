@@ -104,6 +104,36 @@ TEST_F(VifDetachTest, UndoneMoveGivesThePortBeforeBack) {
   EXPECT_THAT(road.asked, SizeIs(1));
 }
 
+// Only the operation that moved the VIF takes the move back, and only what it had on this host.
+TEST_F(VifDetachTest, LaterEndOfTheVmUndoesNoMove) {
+  const struct {
+    const char* what;
+    const char* old_host;
+    const char* op_id;
+  } cases[] = {
+      {"another operation", "host-1", "op-8-1"},
+      {"moved here from another host", "host-2", "op-7-2"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
+    PortAttached moved = Moved(Port("lp-2", "z2", "ls-2"), "lp-1", "z1", kLs);
+    moved.host_id = row.old_host;
+    road.script.push_back(moved);
+    ASSERT_EQ(Done(Request(VifRequest::kAttach, kVif, "ls-2")).error_text, "");
+    road.asked.clear();
+    PortAttached left = Port("lp-2", "z2", "ls-2");
+    left.vif_id = kVif;
+    road.script.push_back(left);
+    VifRequest end = Request(VifRequest::kDetach, kVif, "ls-2");
+    end.op_id = row.op_id;
+    EXPECT_EQ(Done(end).error_text, "");
+    EXPECT_THAT(road.asked, SizeIs(1));
+    EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), kNone);
+    EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
+    Attach(kVif, "lp-1");
+  }
+}
+
 // It came from another host, on the same logical switch: its end here undoes no move.
 TEST_F(VifDetachTest, VifFromAnotherHostIsNotTakenBackAtItsEnd) {
   road.script.push_back(Moved(Port("lp-1"), "lp-1", "z8", kLs));
