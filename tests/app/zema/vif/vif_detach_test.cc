@@ -104,6 +104,26 @@ TEST_F(VifDetachTest, UndoneMoveGivesThePortBeforeBack) {
   EXPECT_THAT(road.asked, SizeIs(1));
 }
 
+// The manager, or its answer to the undo, knows the VIF on a third switch by then.
+TEST_F(VifDetachTest, UndoneMoveLeavesTheVifOnOnePort) {
+  for (const bool told : {true, false}) {
+    SCOPED_TRACE(told);
+    road.script.push_back(Moved(Port("lp-2", "z2", "ls-2"), "lp-1", "z1", kLs));
+    ASSERT_EQ(Done(Request(VifRequest::kAttach, kVif, "ls-2")).error_text, "");
+    PortConfigSpec third = Description("lp-3", "z2");
+    third.switch_id = "ls-3";
+    Create(third, kVif, Vm("vm1"));
+    PortAttached left = Port("lp-2", "z2", "ls-2");
+    left.vif_id = kVif;
+    road.script.push_back(left);
+    road.script.push_back(told ? Moved(Port("lp-1"), "lp-3", "z2", "ls-3") : Port("lp-1"));
+    EXPECT_EQ(Done(Request(VifRequest::kDetach, kVif, "ls-2")).error_text, "");
+    EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), kNone);
+    EXPECT_EQ(VifOf(kVlanSwitch, "lp-3"), kNone);
+    EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
+  }
+}
+
 // Only the operation that moved the VIF takes the move back, and only what it had on this host.
 TEST_F(VifDetachTest, LaterEndOfTheVmUndoesNoMove) {
   const struct {
