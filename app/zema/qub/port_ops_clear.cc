@@ -51,6 +51,12 @@ int PortOpsManager::ClearVifFromPort(const std::string& zone, const std::string&
     ZLOG_INFO("[PortOp] Logical switch did not match for port [%s]. Did not clear port.", port.c_str());
     return 0;
   }
+  // An answer that comes late may speak of a VIF that has left the port to another by now.
+  if (const auto holder = data.Text(port_props::kExternalId); holder && !vif.empty() && *holder != vif) {
+    ZLOG_INFO("[PortOp] Port [%s] holds VIF [%s] by now, not [%s]. Did not clear port.", port.c_str(),
+              std::string(*holder).c_str(), vif.c_str());
+    return 0;
+  }
   ZLOG_INFO("[PortOp] Logical switch matched for port [%s]. Clearing port.", port.c_str());
   return ClearExternalId(dvs, port, error);
 }

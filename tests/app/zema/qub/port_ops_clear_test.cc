@@ -18,6 +18,7 @@ class PortOpsClearTest : public SwitchHostTest {
   PortOpsClearTest() {
     Create(Description("lp-1"), kVif, Vm("vm1"));
     Create(Description("lp-2", "z2"), "vif-2", Vm("vm2"));
+    Create(Description("lp-3"), "vif-4", Vm("vm3"));
     log.Clear();
     state->ClearLogs();
   }
@@ -45,16 +46,23 @@ TEST_F(PortOpsClearTest, OnlyTheMeantPortLosesItsVif) {
     const char* vif_of_lp1;
     const char* vif_of_lp2;
   } const cases[] = {
-      {"z9", "lp-1", kLs, kVif, false, kVif, "vif-2"},       {"z1", "", kLs, kVif, false, kVif, "vif-2"},
-      {"z1", "lp-1", "ls-other", kVif, true, kVif, "vif-2"}, {"z1", "lp-9", kLs, kVif, false, kVif, "vif-2"},
-      {"z9", "", "ls-other", kVif, true, kVif, "vif-2"},     {"z1", "lp-1", kLs, kVif, false, kNone, "vif-2"},
+      {"z9", "lp-1", kLs, kVif, false, kVif, "vif-2"},
+      {"z1", "", kLs, kVif, false, kVif, "vif-2"},
+      {"z1", "lp-1", "ls-other", kVif, true, kVif, "vif-2"},
+      {"z1", "lp-9", kLs, kVif, false, kVif, "vif-2"},
+      {"z9", "", "ls-other", kVif, true, kVif, "vif-2"},
+      {"z1", "lp-1", kLs, kVif, false, kNone, "vif-2"},
       {"z1", "lp-9", kLs, "vif-2", true, kNone, kNone},
+      // The port has gone from one VIF to the next before the answer for the first came.
+      {"z3", "lp-3", kLs, "vif-3", false, kNone, kNone},
+      {"z3", "lp-3", kLs, "vif-3", true, kNone, kNone},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(std::string(row.zone) + " " + row.port + " " + row.ls + (row.force ? " forced" : ""));
     EXPECT_EQ(Clear(row.zone, row.port, row.ls, row.vif, row.force), 0);
     EXPECT_EQ(VifOf(kOverlay, "lp-1"), row.vif_of_lp1);
     EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), row.vif_of_lp2);
+    EXPECT_EQ(VifOf(kOverlay, "lp-3"), "vif-4");
   }
 }
 
@@ -91,10 +99,10 @@ TEST_F(PortOpsClearTest, StateThatCannotBeReadLeadsToAllSwitchesWhenForced) {
 }
 
 TEST_F(PortOpsClearTest, OtherPortsOfTheVifLoseIt) {
-  Create(Description("lp-3", "z2"), kVif, Vm("vm1"));
-  EXPECT_EQ(ports.ClearVifFromPortOtherThan("lp-3", kVif, &error), 0);
+  Create(Description("lp-5", "z2"), kVif, Vm("vm1"));
+  EXPECT_EQ(ports.ClearVifFromPortOtherThan("lp-5", kVif, &error), 0);
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
-  EXPECT_EQ(VifOf(kVlanSwitch, "lp-3"), kVif);
+  EXPECT_EQ(VifOf(kVlanSwitch, "lp-5"), kVif);
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), "vif-2");
 }
 
