@@ -7,6 +7,7 @@
 #include "app/zema/vif/local_port.h"
 #include "app/zema/vif/port_rpc_op.h"
 #include "app/zema/vif/prior_attachments.h"
+#include "app/zema/vif/security_port.h"
 #include "app/zema/vif/vif_context.h"
 #include "framework/log.h"
 #include "platform/core/clock.h"
@@ -35,6 +36,7 @@ void DetachOperation::Run() {
   {
     const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
     if (!request_.vif_id.empty()) NoteOperation();
+    UntieSecurityPort(context_, request_);
     if (reply_.error.empty()) {
       ClearPort();
     } else {

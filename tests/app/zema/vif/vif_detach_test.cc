@@ -167,6 +167,33 @@ TEST_F(VifDetachTest, VifFromAnotherHostIsNotTakenBackAtItsEnd) {
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
 }
 
+// What ties a port for its security goes with the operation, whatever the manager says of it, unless the port
+// has been tied to another VIF since.
+TEST_F(VifDetachTest, SecurityOnlyPortIsUntied) {
+  VifRequest attach = Request(VifRequest::kAttach, "vif-5", "dvportgroup-7");
+  attach.security_switch_id = kOverlay;
+  attach.port_id = "lp-1";
+  VifRequest detach = attach;
+  detach.op_code = VifRequest::kDetach;
+  const auto tied = [&] {
+    road.script.push_back(Port("lp-5"));
+    EXPECT_EQ(Done(attach).error_text, "");
+    EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kSecurityEnable), "true");
+  };
+  for (const auto& answer :
+       {ScriptedManager::Answer(PortAttached()), ScriptedManager::Answer(Refusal("no"))}) {
+    tied();
+    road.script.push_back(answer);
+    Done(detach);
+    for (const char* const key : port_props::kOpaqueData) EXPECT_EQ(Property(kOverlay, "lp-1", key), kNone);
+  }
+  tied();
+  detach.vif_id = "vif-4";
+  road.script.push_back(PortAttached());
+  Done(detach);
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), "vif-5");
+}
+
 TEST_F(VifDetachTest, ManagerTakesTheAttachmentAway) {
   VifRequest request = Request(VifRequest::kManagerDetach);
   request.zone_id = "z1";
