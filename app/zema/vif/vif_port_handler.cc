@@ -29,6 +29,19 @@ bool IsResync(const VifRequest& request) {
   return request.op_code == VifRequest::kSyncAttach || request.op_code == VifRequest::kSyncDetach;
 }
 
+class TurnEnd {
+ public:
+  explicit TurnEnd(VifRequest& request) : request_(request) {}
+  ~TurnEnd() {
+    if (request_.turn) request_.turn->Leave();
+  }
+  TurnEnd(const TurnEnd&) = delete;
+  TurnEnd& operator=(const TurnEnd&) = delete;
+
+ private:
+  VifRequest& request_;
+};
+
 }  // namespace
 
 VifPortHandler::VifPortHandler(std::shared_ptr<VifContext> context) : context_(std::move(context)) {}
@@ -37,9 +50,10 @@ VifPortHandler::~VifPortHandler() = default;
 void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
   ZLOG_INFO("[%s] request=[%s]\n", kTag, request.ToString().c_str());
   const auto span = SpanOf(request);
+  // On every way out the next operation on the VIF may go on.
+  const TurnEnd end(request);
   if (Defer(request) || !CheckHealth(request)) return;
-  const VifsInProcess::Scope running(in_process_, request.vif_id, !IsResync(request));
-  if (!running.entered()) {
+  if (!AwaitTurn(request)) {
     request.error_text = "Concurrent operation on vif, cannot proceed";
     return;
   }
@@ -47,6 +61,18 @@ void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
   NoteForResync(request);
   Dispatch(request, waiter);
   NoteForResync(request);
+}
+
+void VifPortHandler::Arrived(VifRequest& request) { request.turn = in_process_.TakeTurn(request.vif_id); }
+
+// The resync gives way at once.
+bool VifPortHandler::AwaitTurn(VifRequest& request) {
+  if (request.vif_id.empty()) return true;
+  if (!request.turn) {
+    request.turn =
+        IsResync(request) ? in_process_.TakeOnlyTurn(request.vif_id) : in_process_.TakeTurn(request.vif_id);
+  }
+  return request.turn && request.turn->Await();
 }
 
 // In the middle of a move of interfaces the host asks under the move's id: the move itself makes the port.

@@ -9,18 +9,20 @@
 
 namespace zem::zema {
 
-/// Serves the operations on the ports of VIFs, one at a time on each VIF.
+/// Serves the operations on the ports of VIFs, one at a time on each VIF, in the order of their arrival.
 class VifPortHandler final : public VifHandler {
  public:
   explicit VifPortHandler(std::shared_ptr<VifContext> context);
   ~VifPortHandler() override;
 
   void DoVifPortOperation(VifRequest& request, Thread& waiter) override;
+  void Arrived(VifRequest& request) override;
   void EndWaits() override;
 
  private:
   bool Defer(VifRequest& request);
   bool CheckHealth(VifRequest& request);
+  bool AwaitTurn(VifRequest& request);
   void NoteForResync(const VifRequest& request);
   void Dispatch(VifRequest& request, Thread& waiter);
   void Attach(VifRequest& request, Thread& waiter);
