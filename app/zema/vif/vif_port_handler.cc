@@ -50,6 +50,13 @@ VifPortHandler::~VifPortHandler() = default;
 void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
   ZLOG_INFO("[%s] request=[%s]\n", kTag, request.ToString().c_str());
   const auto span = SpanOf(request);
+  RestoreAnswer answer;
+  Operate(request, waiter, &answer);
+  // It may take a minute and more, in which the VIF is free.
+  if (answer) context_->send_restore_response(*answer);
+}
+
+void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
   // On every way out the next operation on the VIF may go on.
   const TurnEnd end(request);
   if (Defer(request) || !CheckHealth(request)) return;
@@ -59,7 +66,7 @@ void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
   }
   // At the end again: a round may have begun meanwhile, with what it saw before.
   NoteForResync(request);
-  Dispatch(request, waiter);
+  Dispatch(request, waiter, answer);
   NoteForResync(request);
 }
 
@@ -109,7 +116,7 @@ void VifPortHandler::NoteForResync(const VifRequest& request) {
   context_->resync.Note(request.ls_id, request.vif_id, detach ? ResyncState::kDetach : ResyncState::kAttach);
 }
 
-void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter) {
+void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
   switch (request.op_code) {
     case VifRequest::kAttach:
     case VifRequest::kSyncAttach:
@@ -124,7 +131,8 @@ void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter) {
     case VifRequest::kFetchSiteConfig:
       return UpdateSiteConfigurationOnPort(*context_, request);
     case VifRequest::kRestore:
-      return RestoreVif(*context_, request);
+      *answer = RestoreVif(*context_, request);
+      return;
     case VifRequest::kAttachLiveMove:
       // The host brings the VM, and may bring its ports.
       context_->ports.DoubtVif(request.vif_id);

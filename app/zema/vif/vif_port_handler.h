@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "app/zema/host/vif_handler.h"
 #include "app/zema/vif/prior_attachments.h"
@@ -20,11 +21,14 @@ class VifPortHandler final : public VifHandler {
   void EndWaits() override;
 
  private:
+  using RestoreAnswer = std::optional<ManagerSender::RestoreResponse>;
+
   bool Defer(VifRequest& request);
   bool CheckHealth(VifRequest& request);
   bool AwaitTurn(VifRequest& request);
+  void Operate(VifRequest& request, Thread& waiter, RestoreAnswer* answer);
   void NoteForResync(const VifRequest& request);
-  void Dispatch(VifRequest& request, Thread& waiter);
+  void Dispatch(VifRequest& request, Thread& waiter, RestoreAnswer* answer);
   void Attach(VifRequest& request, Thread& waiter);
   void ManagerDetach(VifRequest& request);
 

@@ -243,6 +243,11 @@ TEST_F(VifDetachTest, ManagerWantsAPortBack) {
 
   lum.rpc_reply = Vm("vm1");
   ASSERT_TRUE(state->LosePorts(kOverlay));
+  // The answer may take long: the VIF is free while it is on its way.
+  while_answering = [this] {
+    road.script.push_back(Port("lp-1"));
+    EXPECT_EQ(Done(Request(VifRequest::kSyncAttach)).error_text, "");
+  };
   Done(request);
   EXPECT_THAT(lum.commands, ElementsAre("17:vifId=vif-1|portId="));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
