@@ -80,8 +80,8 @@ class PortOpsManager {
   int CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path, bool block,
                  std::string* error);
 
-  /// Looks for the VIF's port on the switches, then in the files of the VM, whose ports then are on their
-  /// switches again.  An empty `gcf_path` becomes the directory of the VM whose port it is.
+  /// Looks for the VIF's port on the switches, then in the files of the VM; the port of the file that says it
+  /// is on its switch again then.  An empty `gcf_path` becomes the directory of the VM whose port it is.
   int FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
                         PortLocation* found, std::string* error);
 
@@ -160,6 +160,9 @@ class PortOpsManager {
   bool FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found);
   bool RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,
                         PortLocation* found);
+  bool TakeBack(const PortFileEntry& file, const std::string& directory, const std::string& vif,
+                const std::string& ls);
+  bool AddFromFile(const PortFileEntry& file, const std::string& vif, const std::string& bytes);
   bool TakeLeftOver(const PortFileEntry& file, const std::string& dvs, const std::string& vif,
                     const std::string& ls);
   bool RestorePort(const std::string& dvs, const std::string& port, const std::string& file);

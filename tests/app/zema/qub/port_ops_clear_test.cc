@@ -73,7 +73,7 @@ TEST_F(PortOpsClearTest, FileForgetsTheVifToo) {
   PortLocation found;
   std::string path = Vm("vm1");
   EXPECT_EQ(ports.FindPortByVifUuid(kVif, kLs, &path, &found, &error), -1);
-  EXPECT_THAT(state->Ports(kOverlay), SizeIs(1));
+  EXPECT_THAT(state->Ports(kOverlay), IsEmpty());
 }
 
 TEST_F(PortOpsClearTest, ThirdTryIsTheLast) {
