@@ -76,7 +76,8 @@ class PortOpsManager {
   void DoubtVif(const std::string& vif);
 
   /// Makes the port, or brings an existing one up to date, and saves its file.  `gcf_path` is that of the
-  /// VM's configuration file, or a word without "/" for a port without VM ("knlnic").  0, or not.
+  /// VM's configuration file, or a word without "/" for a port without VM ("knlnic").  0, or not; a file that
+  /// cannot be written is logged and no failure.
   int CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path, bool block,
                  std::string* error);
 
@@ -152,6 +153,8 @@ class PortOpsManager {
                     const std::string& gcf_path, std::string* error);
   int PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
                   const std::map<std::string, std::string>& extra_configs, std::string* error);
+  /// Writes the file of a port that has none at `path` yet; a failure is logged.
+  bool SaveNew(const std::string& path, const std::string& dvs, const std::string& port);
   /// Empty when the port has no file.
   std::string PersistPath(const std::string& dvs, const std::string& port) const;
   bool IsOfAnotherHost(const std::string& path, const std::string& dvs, const std::string& port) const;
