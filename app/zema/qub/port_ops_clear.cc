@@ -61,9 +61,22 @@ int PortOpsManager::ClearVifFromPort(const std::string& zone, const std::string&
   return ClearExternalId(dvs, port, error);
 }
 
+// The file loses the VIF first: a port that dies in between still holds it and is cleared by the next try,
+// while a file that kept it would give the port the VIF back one day.
 int PortOpsManager::ClearExternalId(const std::string& dvs, const std::string& port, std::string* error) {
+  std::string holder;
+  if (library_.PortTextGet(dvs, port, port_props::kExternalId, &holder) == 0) {
+    // The VM and its directory may be gone already: that keeps nobody from taking the VIF off.
+    static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port, port_props::kExternalId));
+  } else if (FileText(dvs, port, port_props::kExternalId)) {
+    // It could not be written when the port was cleared.
+    static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port));
+  }
   const int cleared = ClearPortExtraConfig(dvs, port, port_props::kExternalId, error);
-  if (cleared < 0) return -1;
+  if (cleared < 0) {
+    static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port));
+    return -1;
+  }
   if (cleared == 1) {
     ZLOG_INFO(
         "[PortOp] Port [%s] DVSPROP_PORT_VNIC_EXTERNAL_ID not found ... already cleared on previous vif "
@@ -72,8 +85,6 @@ int PortOpsManager::ClearExternalId(const std::string& dvs, const std::string& p
     return 0;
   }
   ZLOG_INFO("[PortOp] Cleared external id from port [%s] successfully", port.c_str());
-  // The VM and its directory may be gone already: that keeps nobody from taking the VIF off.
-  static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port));
   return 0;
 }
 

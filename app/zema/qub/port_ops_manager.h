@@ -135,9 +135,10 @@ class PortOpsManager {
 
   // --- port files
 
-  /// Writes what the port is into the file.  0; -1 without path or without state, -2 when it cannot be
-  /// written.
-  int SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port);
+  /// Writes what the port is into the file, without one of its properties if one is named.  0; -1 without
+  /// path or without state, -2 when it cannot be written.
+  int SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port,
+                       const char* without = nullptr);
   /// Changes one property in the file of a port that need not be on a switch; nothing removes it.
   int UpdateExtraConfigInPortDataFile(const std::string& path, const std::string& key,
                                       const std::string* value);
@@ -158,8 +159,13 @@ class PortOpsManager {
   /// Empty when the port has no file.
   std::string PersistPath(const std::string& dvs, const std::string& port) const;
   bool IsOfAnotherHost(const std::string& path, const std::string& dvs, const std::string& port) const;
-  /// Saves it where it is saved already; nothing for a port without file, or whose file is another host's.
-  int SaveAgain(const char* operation, const std::string& dvs, const std::string& port);
+  /// A property as the port's file has it.
+  std::optional<std::string> FileText(const std::string& dvs, const std::string& port,
+                                      const char* property) const;
+  /// Saves it where it is saved already, `without` as above; nothing for a port without file, or whose file
+  /// is another host's.
+  int SaveAgain(const char* operation, const std::string& dvs, const std::string& port,
+                const char* without = nullptr);
   bool FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found);
   bool RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,
                         PortLocation* found);
