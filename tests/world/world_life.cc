@@ -187,9 +187,10 @@ void WorldLife::Modify(const orlane::zem::covedb::ModifyRequestMsg& request) {
 }
 
 void WorldLife::PutSwitches() {
+  ++barrier_;
   const sim::SwitchRange range{static_cast<uint32_t>(1 + Pick(kSwitchNumbers)),
-                               static_cast<uint32_t>(1 + Pick(8)), 2, static_cast<int32_t>(1 + Pick(50))};
-  Modify(sim::PutLogicalSwitches(range, ++barrier_, true));
+                               static_cast<uint32_t>(1 + Pick(8)), 2, static_cast<int32_t>(barrier_)};
+  Modify(sim::PutLogicalSwitches(range, barrier_, true));
   for (uint32_t i = 0; i < range.count; ++i) switches_.insert(range.first + i);
 }
 
@@ -482,11 +483,12 @@ std::string WorldLife::StoredChecksum() {
   return "(no answer)";
 }
 
-// The manager sends what the checksum does not confirm, and nothing else: what it confirms must hold.
+// The manager sends again what was not answered with success, or what the checksum does not confirm, and
+// nothing else: what both confirm must hold.
 void WorldLife::SettleConfig(Lines* lines) {
   for (int attempt = 0; attempt < 5; ++attempt) {
     const std::string stored = StoredChecksum();
-    if (stored == ChecksumOf(wanted_)) {
+    if (stored == ChecksumOf(wanted_) && OutcomeOf(last_config_).value_or(-1) == 0) {
       Await([this] { return CheckHost(node_, wanted_); }, lines);
       return;
     }
@@ -614,7 +616,8 @@ void WorldLife::RemoveAndReturn(Lines* lines) {
   node_.clock.RunFor(30s);
   // The manager writes the switches anew for a host that comes back.
   for (const uint32_t number : std::set<uint32_t>(switches_)) {
-    Modify(sim::PutLogicalSwitches({number, 1, 2, static_cast<int32_t>(60 + revision_)}, ++barrier_, true));
+    ++barrier_;
+    Modify(sim::PutLogicalSwitches({number, 1, 2, static_cast<int32_t>(barrier_)}, barrier_, true));
   }
   Await([this] { return CheckNetworks(node_, switches_, barrier_); }, lines);
 }
