@@ -115,6 +115,8 @@ Lines WorldLife::Run() {
   node_.StartAgent();
   node_.clock.RunFor(2min);
   SendConfig();
+  // A store always knows the node that it is for.
+  PutSwitches();
   node_.clock.RunFor(1min);
   const TimePoint end = node_.clock.Now() + std::chrono::seconds(static_cast<int64_t>(options_.hours * 3600));
   while (node_.clock.Now() < end) {
@@ -207,7 +209,7 @@ void WorldLife::DeleteSwitches() {
 // Half of a transaction arrives, the connection goes, and what it held is gone when the store is there again.
 void WorldLife::CutTransaction() {
   const sim::SwitchRange range{static_cast<uint32_t>(1000 + Pick(1000)), 5, 2, 1};
-  orlane::zem::covedb::ModifyRequestMsg whole = sim::PutLogicalSwitches(range, barrier_ + 1, false);
+  orlane::zem::covedb::ModifyRequestMsg whole = sim::PutLogicalSwitches(range, barrier_ + 1, true);
   whole.mutable_modify_msg()->RemoveLast();
   Modify(whole);
   node_.clock.RunFor(std::chrono::milliseconds(Pick(1500)));
