@@ -139,7 +139,9 @@ class CoveDbClient final : public CoveDbClientInterface, public std::enable_shar
   void SetupMonitors();
   void SetupMonitor(uint16_t vdb_id, const MonitorTables::SessionId& monitor_id);
   void SendConfigureMonitor(uint16_t vdb_id, orlane::zem::covedb::ConfigureMonitorRequestMsg& request);
-  void OnMonitorStatus(uint16_t vdb_id, const rpc::Status& status);
+  bool IsCurrentStream(uint16_t vdb_id, const MonitorTables::SessionId& monitor_id) const;
+  void OnMonitorStatus(uint16_t vdb_id, const MonitorTables::SessionId& monitor_id,
+                       const rpc::Status& status);
   void OnMonitorRefused(uint16_t vdb_id, const rpc::Status& status);
 
   void GetServerSchemaAndVersion();

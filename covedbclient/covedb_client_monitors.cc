@@ -28,8 +28,9 @@ constexpr int64_t kLastRefusalDelayMs = 60000;
 // Lives as long as its stream; deletes itself with the stream's status.
 class CoveDbClient::MonitorResponseObserver final : public rpc::CallObserver<MonitorResponseMsg> {
  public:
-  MonitorResponseObserver(std::weak_ptr<CoveDbClient> client, uint16_t vdb_id)
-      : client_(std::move(client)), vdb_id_(vdb_id) {}
+  MonitorResponseObserver(std::weak_ptr<CoveDbClient> client, uint16_t vdb_id,
+                          const MonitorTables::SessionId& monitor_id)
+      : client_(std::move(client)), vdb_id_(vdb_id), monitor_id_(monitor_id) {}
 
   void Next(const MonitorResponseMsg& response) override {
     const std::shared_ptr<CoveDbClient> client = client_.lock();
@@ -39,6 +40,7 @@ class CoveDbClient::MonitorResponseObserver final : public rpc::CallObserver<Mon
     }
     const ObserverLock lock(*client);
     ZLOG_DEBUG("Received a monitor response: %s", response.ShortDebugString().c_str());
+    if (!client->IsCurrentStream(vdb_id_, monitor_id_)) return;
     client->monitor_refusals_.erase(vdb_id_);
     for (const MonitorUpdateMsg& update : response.update()) client->monitors_.NotifyModules(update, vdb_id_);
     if (response.mark().barrier()) client->monitors_.NotifyBarrier(vdb_id_);
@@ -47,7 +49,7 @@ class CoveDbClient::MonitorResponseObserver final : public rpc::CallObserver<Mon
   void CallStatus(const rpc::Status& status) override {
     const std::unique_ptr<MonitorResponseObserver> self(this);
     if (const std::shared_ptr<CoveDbClient> client = client_.lock()) {
-      client->OnMonitorStatus(vdb_id_, status);
+      client->OnMonitorStatus(vdb_id_, monitor_id_, status);
     } else {
       ZLOG_DEBUG("MonitorResponseObserver: CoveDbClient is already destroyed");
     }
@@ -56,6 +58,7 @@ class CoveDbClient::MonitorResponseObserver final : public rpc::CallObserver<Mon
  private:
   const std::weak_ptr<CoveDbClient> client_;
   const uint16_t vdb_id_;
+  const MonitorTables::SessionId monitor_id_;
 };
 
 bool CoveDbClient::RegisterMonitorCallback(uint32_t module_id, UpdateCallback update, BarrierCallback barrier,
@@ -141,14 +144,23 @@ void CoveDbClient::SetupMonitor(uint16_t vdb_id, const MonitorTables::SessionId&
       vdb_id,
       [this](ObjectType type) { return !schema_check_ || server_schema_.IsObjectInServerSchema(type); },
       request);
-  covedb_stub_->Monitor(context_, request, new MonitorResponseObserver(weak_from_this(), vdb_id));
+  covedb_stub_->Monitor(context_, request, new MonitorResponseObserver(weak_from_this(), vdb_id, monitor_id));
 }
 
-void CoveDbClient::OnMonitorStatus(uint16_t vdb_id, const rpc::Status& status) {
+// A stream lives on at the store when its session is removed; if the session is made anew, what the old
+// stream brings is not the new one's.
+bool CoveDbClient::IsCurrentStream(uint16_t vdb_id, const MonitorTables::SessionId& monitor_id) const {
+  const auto session = monitors_.sessions().find(vdb_id);
+  return session != monitors_.sessions().end() && session->second == monitor_id;
+}
+
+void CoveDbClient::OnMonitorStatus(uint16_t vdb_id, const MonitorTables::SessionId& monitor_id,
+                                   const rpc::Status& status) {
   const ObserverLock lock(*this);
+  if (!IsCurrentStream(vdb_id, monitor_id)) return;
   switch (static_cast<StatusCode>(status.code())) {
     case StatusCode::kInvalidArgument:  // the id is somebody else's, or a statement cannot be served
-      if (monitors_.HasSession(vdb_id)) OnMonitorRefused(vdb_id, status);
+      OnMonitorRefused(vdb_id, status);
       return;
     case StatusCode::kVdbGone:
       RemoveMonitorSession(vdb_id);

@@ -158,6 +158,19 @@ TEST_F(ClientMonitorsTest, UpdatesOfARemovedSessionGoNowhere) {
   EXPECT_THAT(Settle(), IsEmpty());
 }
 
+// The store goes on with the stream of a session that was removed; made anew, the session has its own.
+TEST_F(ClientMonitorsTest, AStreamOfARemovedSessionIsNotTheNewOnes) {
+  WatchType(4);
+  Connect();
+  ASSERT_TRUE(client->RemoveMonitorSession(1));
+  ASSERT_TRUE(client->AddMonitorSession(1));
+  WatchType(4);
+  Settle();
+  EXPECT_EQ(daemon->store().Streams().size(), 2u);
+  PutAtStore("a");
+  EXPECT_THAT(Settle(), ElementsAre("4:7a", "4|"));
+}
+
 TEST_F(ClientMonitorsTest, GarbageReachesTheModuleAsItCame) {
   WatchType(4);
   Connect();
