@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <optional>
 
 #include "agent/build_info.h"
@@ -28,11 +29,14 @@
 #include "framework/options.h"
 #include "framework/platform_info.h"
 #include "framework/shutdown_pipe.h"
+#include "framework/syslog_sink.h"
 #include "mpaclient/tn_proxy_client_common.h"
+#include "platform/core/memory_return.h"
 #include "platform/core/metrics.h"
 #include "platform/core/metrics_collector.h"
 #include "platform/core/provider.h"
 #include "platform/core/thread_name.h"
+#include "platform/core/timer.h"
 #include "platform/core/work_group.h"
 #include "platform/daemonhealth/daemon_health_service.h"
 #include "platform/rpc/server.h"
@@ -65,6 +69,7 @@ constexpr uint32_t kHealthMinor = 3;
 constexpr uint32_t kMetricIntervalS = 20;
 constexpr uint32_t kHeartbeatS = 5;
 constexpr uint32_t kHeartbeatStaleS = 30;
+constexpr auto kMemoryReturnPeriod = std::chrono::seconds(10);
 constexpr int kTarvikThreads = 4;
 constexpr int kFrameworkThreads = 10;
 constexpr int kProviderThreads = 5;
@@ -88,7 +93,15 @@ void IgnoreBrokenPipes() {
   ::sigaction(SIGPIPE, &action, nullptr);
 }
 
-void ExitAtOnce(int) { ::_Exit(0); }
+SyslogSink* the_syslog = nullptr;
+
+void ExitAtOnce(int) {
+  if (the_syslog != nullptr) {
+    the_syslog->Exit(0);
+  } else {
+    ::_Exit(0);
+  }
+}
 
 void InstallExitHandlers() {
   struct sigaction action {};
@@ -117,6 +130,7 @@ class Agent::Impl {
   bool LoadConfiguration();
   void StartFrame();
   void StartStore();
+  void StartMemoryReturn();
   void StartHealthService();
   void StartZema();
   void StartApplications();
@@ -134,6 +148,9 @@ class Agent::Impl {
   boost::intrusive_ptr<LcpAdapter> lcp_adapter_;
   std::unique_ptr<metrics::MetricsCollector> metrics_collector_;
   boost::intrusive_ptr<WorkGroup> framework_group_;
+  std::mutex memory_mutex_;  // guards memory_return_
+  MemoryReturn memory_return_;
+  std::shared_ptr<Timer> memory_timer_;
   std::unique_ptr<sha::ShaPmClient> health_client_;
   std::shared_ptr<covedb::CoveDbClient> store_client_;
   std::shared_ptr<upm::UPMService> update_service_;
@@ -145,6 +162,7 @@ class Agent::Impl {
 
 int Agent::Impl::Start() {
   IgnoreBrokenPipes();
+  MemoryReturn::Configure();
   InstallLibraryLogBridge();
   if (LoadPlatformInfo() != 0) {
     std::fputs("Error: Failed to load platform information.\n", stdout);
@@ -178,6 +196,7 @@ bool Agent::Impl::LoadConfiguration() {
   ApplyLoggingOptions();
   ::openlog(kProcessName, LOG_PID, LOG_DAEMON);
   ::setlogmask(255);
+  the_syslog = &Logger::StartSyslog(kProcessName);
   ZLOG_INFO("Build Number: %s", BuildInfo::c_str());
   ApplyTracingOptions();
   ApplyModeOptions();
@@ -207,6 +226,7 @@ void Agent::Impl::StartStore() {
   watchdog_->Enter("framework work group");
   framework_group_ = new WorkGroup("framework", provider_->metrics(), WorkGroup::kUnbounded);
   framework_group_->Start(kFrameworkThreads);
+  StartMemoryReturn();
 
   health_client_ = std::make_unique<sha::ShaPmClient>(kProcessName);
   health_client_->Start();
@@ -229,7 +249,22 @@ void Agent::Impl::StartStore() {
   cli_server_ = new CliServer(framework_group_);
   cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
+  cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
+}
+
+// On the group's threads, since it may take some milliseconds.
+void Agent::Impl::StartMemoryReturn() {
+  memory_timer_ = provider_->timers().ScheduleRepeated(
+      kMemoryReturnPeriod,
+      [this, group = framework_group_] {
+        const bool queued = group->Enqueue(MakeWorkItem([this] {
+          std::lock_guard lock(memory_mutex_);
+          if (memory_return_.GiveBack()) ZLOG_DEBUG("memory that big work had left free has gone back");
+        }));
+        if (!queued) ZLOG_DEBUG("no look at the memory, the work group has stopped");
+      },
+      TimerOptions::Default);
 }
 
 void Agent::Impl::StartHealthService() {
@@ -295,6 +330,7 @@ void Agent::Impl::Serve() { provider_->Run(kProviderThreads); }
 
 void Agent::Impl::Stop() {
   CloseShutdownPipe();
+  memory_timer_->Cancel();
   ZLOG_TO(kMpaLog, kLogInfo, "Stopping MPA client event loop thread...");
   if (const auto proxy = TnProxyClientCommon::getInstance()) proxy->Stop();
   update_service_->Stop();
@@ -328,6 +364,7 @@ void Agent::Impl::Stop() {
   tarvik_group_.reset();
   TnProxyClientCommon::Release();
   provider_.reset();
+  if (the_syslog != nullptr) the_syslog->Stop();
 }
 
 Agent::Agent(Settings settings) : impl_(std::make_unique<Impl>(settings)) {}

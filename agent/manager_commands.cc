@@ -1,10 +1,13 @@
 #include "agent/manager_commands.h"
 
 #include "framework/builtin_commands.h"
+#include "framework/log.h"
 #include "mpaclient/mpa_client.h"
 
 namespace zem::Tarvik {
 namespace {
+
+constexpr LogSource kLog{"tarvik", "framework"};
 
 std::vector<MpaClientRow> Rows() {
   std::vector<MpaClientRow> rows;
@@ -15,6 +18,14 @@ std::vector<MpaClientRow> Rows() {
 }
 
 }  // namespace
+
+CliCommand StopCommand(std::function<void()> stop) {
+  return {"agent/stop", "", 0, 0, [stop = std::move(stop)](const CliArguments&, CliReply reply) {
+            ZLOG_INFO("CliServer: stopping the agent");
+            reply.Ok("The agent stops");
+            stop();
+          }};
+}
 
 std::vector<CliCommand> ManagerCommands() { return {MpaClientCommand(&Rows)}; }
 

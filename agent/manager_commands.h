@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include "framework/cli_command.h"
@@ -8,5 +9,9 @@ namespace zem::Tarvik {
 
 /// What operators may ask of the manager channel: "get/mpaclient".
 std::vector<CliCommand> ManagerCommands();
+
+/// "agent/stop": the orderly end, where SIGTERM and SIGINT end the process at once.  `stop` makes the event
+/// loop return.
+CliCommand StopCommand(std::function<void()> stop);
 
 }  // namespace zem::Tarvik

@@ -46,6 +46,8 @@ constexpr std::array kErrors = {
     ErrorRow{-2027, "BAD_EPHM_PORT"}, ErrorRow{-2100, "GENERIC"},       ErrorRow{-2101, "EXCEPTION"},
 };
 
+constexpr const char* kMessageTypeKey = "msg_type";
+
 struct TextKey {
   const char* key;
   std::string BusHeader::*text;
@@ -58,8 +60,8 @@ constexpr std::array kTextKeys = {
     TextKey{"app_id", &BusHeader::app_id},
     TextKey{"session-id", &BusHeader::session_id},
     TextKey{"amqp-message-id", &BusHeader::message_id},
+    TextKey{kMessageTypeKey, &BusHeader::msg_class},
 };
-constexpr const char* kMessageTypeKey = "msg_type";
 constexpr const char* kVdrRequestKey = "vdr-request-id";
 
 void TakeElement(const bson_iter_t& element, BusHeader* header) {
@@ -114,7 +116,7 @@ std::vector<uint8_t> BusHeader::Encode() const {
     const std::string& text = this->*row.text;
     if (!text.empty()) bson_append_utf8(&document, row.key, -1, text.data(), static_cast<int>(text.size()));
   }
-  if (msg_type) bson_append_int64(&document, kMessageTypeKey, -1, *msg_type);
+  if (msg_type && msg_class.empty()) bson_append_int64(&document, kMessageTypeKey, -1, *msg_type);
   if (vdr_request_id) bson_append_int64(&document, kVdrRequestKey, -1, *vdr_request_id);
   const uint8_t* data = bson_get_data(&document);
   std::vector<uint8_t> bytes(data, data + document.len);

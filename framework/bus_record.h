@@ -49,8 +49,9 @@ struct BusHeader {
   std::string app_id;                     ///< "app_id"
   std::string session_id;                 ///< "session-id"
   std::string message_id;                 ///< "amqp-message-id"
+  std::string msg_class;                  ///< "msg_type" as a text: the class that carries the message
   std::optional<int64_t> vdr_request_id;  ///< "vdr-request-id"
-  std::optional<int64_t> msg_type;        ///< "msg_type"
+  std::optional<int64_t> msg_type;        ///< "msg_type" as a number, unless it is a text
 
   /// The BSON bytes.
   std::vector<uint8_t> Encode() const;

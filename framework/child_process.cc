@@ -118,8 +118,7 @@ void ChildProcess::Serve(ChildResult* result) {
     } else if (options_.time_limit > Duration::zero()) {
       look = std::min(look, deadline);
     }
-    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(look - now).count();
-    PollIdle(waits, std::size(waits), static_cast<int>(std::clamp<int64_t>(wait, 0, kLookMs)));
+    PollAnswer(waits, std::size(waits), look);
 
     if (waits[0].revents != 0) WriteInput(result);
     if (!Drain(output_, kPieces, true, &result->output)) AskToEnd(ChildEnd::kOutputLimit);

@@ -4,15 +4,18 @@
 #include <openvswitch/poll-loop.h>
 #include <openvswitch/util.h>
 #include <openvswitch/vlog.h>
+#include <sys/eventfd.h>
 #include <unixctl.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 
 #include "framework/cli_reply_queue.h"
 #include "framework/log.h"
 #include "platform/core/clock.h"
+#include "platform/core/unique_fd.h"
 #include "platform/core/work_group.h"
 
 // The library keeps its command table for the life of the process, so what it is given to call must not
@@ -44,6 +47,8 @@ namespace {
 constexpr LogSource kLog{"tarvik", "framework"};
 
 constexpr std::array kLibrarySignals = {SIGTERM, SIGINT, SIGHUP, SIGALRM, SIGSEGV};
+
+constexpr int kAcceptPauseMs = 100;
 
 constexpr const char* kProductVersion = "2.3";
 constexpr const char* kNoAnswer = "The command gave no answer";
@@ -167,13 +172,32 @@ void CliServer::Serve() {
     unixctl_server_run(server_);
     SendReplies();
     if (!running()) return;
-    unixctl_server_wait(server_);
+    if (MayAccept()) {
+      unixctl_server_wait(server_);
+    } else {
+      poll_timer_wait(kAcceptPauseMs);
+    }
     poll_fd_wait(replies_->wake_fd(), POLLIN);
     Clock::Process().EndWork();
     poll_block();
     Clock::Process().BeginWork();
     replies_->ClearWake();
   }
+}
+
+// Without a free descriptor the library cannot take the connection that is waiting, and would be woken for it
+// again at once.
+bool CliServer::MayAccept() {
+  const UniqueFd probe(::eventfd(0, EFD_CLOEXEC));
+  const int error = probe ? 0 : errno;
+  if (error != 0 && !accept_paused_) {
+    ZLOG_WARN("CliServer: no connection can be taken (%s), asking again every %d ms", std::strerror(error),
+              kAcceptPauseMs);
+  } else if (error == 0 && accept_paused_) {
+    ZLOG_INFO("CliServer: connections can be taken again");
+  }
+  accept_paused_ = error != 0;
+  return !accept_paused_;
 }
 
 void CliServer::RegisterNewCommands() {

@@ -53,6 +53,7 @@ class CliServer : public RefCounted<CliServer, IRefCountable> {
 
   void Run();
   void Serve();
+  bool MayAccept();
   void RegisterNewCommands();
   void Handle(unixctl_conn* connection, const char* name, const CliArguments& arguments);
   void SendReplies();
@@ -63,6 +64,7 @@ class CliServer : public RefCounted<CliServer, IRefCountable> {
 
   // Of the loop's thread only.
   unixctl_server* server_ = nullptr;
+  bool accept_paused_ = false;
   uint64_t last_request_ = 0;
   std::unordered_map<uint64_t, unixctl_conn*> pending_;
 

@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "framework/log.h"
+#include "framework/syslog_sink.h"
 #include "platform/core/clock.h"
 #include "platform/core/thread_name.h"
 
@@ -48,7 +49,15 @@ constexpr size_t kEnvironmentWord = 10;
 constexpr size_t kMaxShortLine = 256;
 constexpr size_t kMaxLongLine = 512;
 
-void ToSyslog(int priority, const char* line) { ::syslog(priority, "%s", line); }
+std::atomic<SyslogSink*> syslog_sink{nullptr};
+
+void ToSyslog(int priority, const char* line) {
+  if (SyslogSink* const sink = syslog_sink.load(std::memory_order_acquire)) {
+    sink->Write(priority, line);
+  } else {
+    ::syslog(priority, "%s", line);
+  }
+}
 
 // All static state is made at first use: constructors of other sources may log before this one's have run.
 struct StaticState {
@@ -239,6 +248,7 @@ Logger::Logger(LibraryLogLevel level)
     : level_(static_cast<uint32_t>(level)), stream_(std::make_unique<std::ostringstream>()) {}
 
 Logger::~Logger() {
+  if (!emits_) return;
   try {
     Emit();
   } catch (const std::exception& e) {
@@ -320,6 +330,18 @@ void Logger::Emit() {
   const bool emitted = level_ <= logLevel.load(std::memory_order_relaxed);
   const bool copied = State().console.load(std::memory_order_relaxed);
   if (!emitted && !copied) return;
+  std::string line = Line();
+  // Neither the process id nor a message id contains a bracket.
+  if (copied) CopyToConsole(std::string_view(line).substr(line.find('[')));
+  if (!emitted) return;
+  if (line.size() > kMaxLine) {
+    line.resize(kMaxLine - 3);
+    line.append("...");
+  }
+  Write(LOG_LOCAL6 | kLevels[level_].severity, line);
+}
+
+std::string Logger::Line() const {
   const std::string_view text = stream_->view();
   std::string line;
   line.reserve(kHeadRoom + text.size());
@@ -328,17 +350,30 @@ void Logger::Emit() {
   line.push_back(' ');
   line.append(msgid_.empty() || msgid_ == "*" ? std::string_view("-") : std::string_view(msgid_));
   line.push_back(' ');
-  const size_t data_start = line.size();
   AppendStructuredData(&line);
   line.push_back(' ');
   line.append(text);
-  if (copied) CopyToConsole(std::string_view(line).substr(data_start));
-  if (!emitted) return;
-  if (line.size() > kMaxLine) {
-    line.resize(kMaxLine - 3);
-    line.append("...");
-  }
-  Write(LOG_LOCAL6 | kLevels[level_].severity, line);
+  return line;
+}
+
+SyslogSink& Logger::StartSyslog(const std::string& identity) {
+  // Never destroyed: threads log until the process ends.
+  static SyslogSink* const sink = [&identity] {
+    SyslogSink::Options options;
+    options.identity = identity;
+    options.loss_line = [](uint64_t lost) {
+      Logger logger(kLogWarning);
+      logger.emits_ = false;
+      logger.subcomp(kLog.subcomp).s2comp(kLog.s2comp);
+      logger.put("%llu lines before this one were lost, since syslog did not read",
+                 static_cast<unsigned long long>(lost));
+      return logger.Line();
+    };
+    return new SyslogSink(std::move(options));
+  }();
+  sink->Start();
+  syslog_sink = sink;
+  return *sink;
 }
 
 void Logger::SetConsoleCopy(bool on) { State().console.store(on, std::memory_order_relaxed); }

@@ -16,6 +16,8 @@
 
 namespace zem {
 
+class SyslogSink;
+
 /// Where the static part of every line is learned from.
 struct LogFiles {
   std::string issue = "/etc/zem_issue";
@@ -56,12 +58,17 @@ class Logger {
   /// Null puts the default back.  Gives the one before.
   static Emitter SetEmitter(Emitter emitter);
 
+  /// From now on lines that go to syslog wait for nobody; before, each is one call of the C library.  Gives
+  /// the sink, which lives as long as the process.
+  static SyslogSink& StartSyslog(const std::string& identity);
+
   /// Reads tables, node type and environment.  Runs before `main` by itself; tests run it again with other
   /// files.
   static void StaticStart(const LogFiles& files);
 
  private:
   void Emit();
+  std::string Line() const;
   void AppendStructuredData(std::string* line) const;
 
   const uint32_t level_;
@@ -71,6 +78,7 @@ class Logger {
   std::unique_ptr<std::ostringstream> stream_;
   std::string subcomp_;
   const char* s2comp_ = nullptr;
+  bool emits_ = true;
 };
 
 /// The lower-case word of a level 0..6: "off", "fatal", "error", "warn", "info", "debug", "trace".

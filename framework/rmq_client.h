@@ -24,7 +24,7 @@ class RmqClientInterface : public RefCounted<RmqClientInterface, IRefCountable> 
 };
 
 /// The bus library itself.
-class RmqClient final : public RmqClientInterface {
+class RmqClient : public RmqClientInterface {
  public:
   int NETEventLoop(int options) override;
   int InitNETClient(const char* app_id, const char* app_type, int client_type,

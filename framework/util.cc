@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/timerfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -50,34 +49,26 @@ constexpr const char* kEndTexts[] = {
 class CommandWait {
  public:
   explicit CommandWait(const Util::CommandBounds& bounds)
-      : stop_fd_(bounds.stop_fd), timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)) {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(bounds.limit);
-    itimerspec due{};
-    due.it_value.tv_sec = seconds.count();
-    // Never 0, which would be no limit at all.
-    due.it_value.tv_nsec = std::max<long>((bounds.limit - seconds).count(), 1);
-    if (timer_) ::timerfd_settime(timer_.get(), 0, &due, nullptr);
-  }
+      : stop_fd_(bounds.stop_fd), deadline_(Clock::Process().Now() + bounds.limit) {}
 
   // kWhole: it is ready.
   CommandEnd For(int fd) const {
-    if (!timer_ || fd < 0) return CommandEnd::kFailed;
+    if (fd < 0) return CommandEnd::kFailed;
     for (;;) {
-      pollfd waits[] = {
-          {fd, POLLIN, 0}, {fdShutdown[0], POLLIN, 0}, {stop_fd_, POLLIN, 0}, {timer_.get(), POLLIN, 0}};
-      const int ready = PollIdle(waits, std::size(waits), -1);
+      pollfd waits[] = {{fd, POLLIN, 0}, {fdShutdown[0], POLLIN, 0}, {stop_fd_, POLLIN, 0}};
+      const int ready = PollAnswer(waits, std::size(waits), deadline_);
       if (ready < 0 && errno == EINTR) continue;
       if (ready < 0) return CommandEnd::kFailed;
       if (waits[1].revents != 0) return CommandEnd::kShutdown;
       if (waits[2].revents != 0) return CommandEnd::kStopped;
-      if (waits[3].revents != 0) return CommandEnd::kTooLong;
+      if (ready == 0) return CommandEnd::kTooLong;
       return CommandEnd::kWhole;
     }
   }
 
  private:
   const int stop_fd_;
-  const UniqueFd timer_;
+  const TimePoint deadline_;
 };
 
 CommandEnd ReadToEnd(int fd, const CommandWait& wait, std::string* output) {
@@ -113,6 +104,17 @@ void EndGroup(pid_t pid, bool ask) {
   ::kill(-pid, SIGKILL);
 }
 
+int Readiness(const pollfd (&waits)[2], int ready, bool* shutdown) {
+  if (ready < 0) {
+    const int error = errno;
+    ZLOG_ERROR("OPS00403", "[%s] select failed: [%s]\n", "IsReadyToBeRead", std::strerror(error));
+    errno = error;
+    return -1;
+  }
+  if (waits[1].revents != 0) *shutdown = true;
+  return waits[0].revents != 0 ? 1 : 0;
+}
+
 }  // namespace
 
 int ConnectToUnixSocket(const std::string& path, bool retry) {
@@ -132,6 +134,7 @@ int ConnectToUnixSocket(const std::string& path, bool retry) {
     ++retries;
     ZLOG_DEBUG("[%s] Retrying connecting: rc=[%d] [%s]\n", __func__, -1, std::strerror(result));
     bool shutdown = false;
+    LetOthersWork();
     if (Util::IsReadyToBeRead(-1, &shutdown, 1) < 0 || shutdown) break;
     result = ConnectUnix(fd.get(), path);
   }
@@ -223,15 +226,13 @@ int IsReadyToBeRead(int fd, bool* shutdown, int timeout_seconds) {
     return 0;
   }
   pollfd waits[2] = {{fd, POLLIN, 0}, {fdShutdown[0], POLLIN, 0}};
-  const int ready = PollIdle(waits, 2, timeout_seconds * 1000);
-  if (ready < 0) {
-    const int error = errno;
-    ZLOG_ERROR("OPS00403", "[%s] select failed: [%s]\n", __func__, std::strerror(error));
-    errno = error;
-    return -1;
-  }
-  if (waits[1].revents != 0) *shutdown = true;
-  return waits[0].revents != 0 ? 1 : 0;
+  return Readiness(waits, PollIdle(waits, 2, timeout_seconds * 1000), shutdown);
+}
+
+int IsAnswerReady(int fd, bool* shutdown, int timeout_seconds) {
+  pollfd waits[2] = {{fd, POLLIN, 0}, {fdShutdown[0], POLLIN, 0}};
+  const TimePoint deadline = Clock::Process().Now() + std::chrono::seconds(timeout_seconds);
+  return Readiness(waits, PollAnswer(waits, 2, deadline), shutdown);
 }
 
 ssize_t WriteData(int fd, const void* buffer, size_t length) {

@@ -38,6 +38,9 @@ namespace Util {
 /// Waits for `fd` (-1: none) and the shutdown: 1 ready, 0 time-out or shutdown only, -1 failure.
 [[nodiscard]] int IsReadyToBeRead(int fd, bool* shutdown, int timeout_seconds);
 
+/// The same for the answer of a process that works for the caller: a virtual clock stands still meanwhile.
+[[nodiscard]] int IsAnswerReady(int fd, bool* shutdown, int timeout_seconds);
+
 /// Bytes written, or -1.
 ssize_t WriteData(int fd, const void* buffer, size_t length);
 

@@ -1,24 +1,43 @@
 #include "mpaclient/call_handle_map.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace zem {
 
-bool CallHandleMap::Add(const std::string& correlation_id, Handle handle) {
+std::optional<uint64_t> CallHandleMap::Add(const std::string& correlation_id, Handle handle) {
   std::lock_guard lock(mutex_);
-  return entries_.try_emplace(correlation_id, Entry{std::move(handle), Clock::Process().Now()}).second;
+  const auto [entry, added] = entries_.try_emplace(correlation_id);
+  if (!added && !entry->second.call.ended) return std::nullopt;
+  entry->second.call.handle = std::move(handle);
+  entry->second.call.ended = false;
+  entry->second.since = Clock::Process().Now();
+  entry->second.number = ++last_number_;
+  return last_number_;
+}
+
+void CallHandleMap::Ended(const std::string& correlation_id, uint64_t number) {
+  Handle dropped;  // let go after the lock
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(correlation_id);
+  if (found == entries_.end() || found->second.number != number) return;
+  dropped = std::exchange(found->second.call.handle, {});
+  found->second.call.ended = true;
 }
 
 bool CallHandleMap::Contains(const std::string& correlation_id) const {
   std::shared_lock lock(mutex_);
-  return entries_.count(correlation_id) != 0;
+  const auto found = entries_.find(correlation_id);
+  return found != entries_.end() && !found->second.call.ended;
 }
 
-std::optional<CallHandleMap::Handle> CallHandleMap::Take(const std::string& correlation_id) {
+std::optional<CallHandleMap::Call> CallHandleMap::Take(const std::string& correlation_id) {
   std::lock_guard lock(mutex_);
   const auto found = entries_.find(correlation_id);
   if (found == entries_.end()) return std::nullopt;
-  std::optional<Handle> handle(std::move(found->second.handle));
+  std::optional<Call> call(std::in_place, std::move(found->second.call));
   entries_.erase(found);
-  return handle;
+  return call;
 }
 
 std::vector<std::string> CallHandleMap::TakeOlderThan(Duration age) {
@@ -32,7 +51,7 @@ std::vector<std::string> CallHandleMap::TakeOlderThan(Duration age) {
       continue;
     }
     stale.push_back(entry->first);
-    dropped.push_back(std::move(entry->second.handle));
+    dropped.push_back(std::move(entry->second.call.handle));
     entry = entries_.erase(entry);
   }
   return stale;
@@ -46,7 +65,8 @@ void CallHandleMap::Clear() {
 
 size_t CallHandleMap::size() const {
   std::shared_lock lock(mutex_);
-  return entries_.size();
+  return static_cast<size_t>(
+      std::ranges::count_if(entries_, [](const auto& entry) { return !entry.second.call.ended; }));
 }
 
 }  // namespace zem

@@ -110,6 +110,11 @@ void MpaClient::Register(AsioZemProvider& provider, ReceiveCallback callback, co
   ZLOG_INFO("%s Register mpa client", name.c_str());
   Registry& registry = TheRegistry();
   std::lock_guard lock(registry.mutex);
+  if (registry.clients.contains(name)) {
+    // Two services under one name would take each other's requests and answers.
+    ZLOG_ERROR("00106", "%s is registered already, the second registration is refused", name.c_str());
+    return;
+  }
   std::shared_ptr<MpaClient> client =
       MakeMpaClient({provider, std::move(callback), name, id, client_type, port});
   client->self_ = client;
@@ -172,7 +177,12 @@ void MpaClient::Start(UuidCallback uuid_callback) {
   uuid_callback_ = std::move(uuid_callback);
   if (Get(app_type_) == nullptr) return;
   if (port_ == kBusPort) {
-    ConnectMpaStateTrans();
+    uint64_t attempts = 0;
+    {
+      std::lock_guard lock(connection_mutex_);
+      attempts = ++bus_epoch_;
+    }
+    ConnectMpaStateTrans(attempts);
     return;
   }
   ZLOG_DEBUG("[%s] Calling RegisterWithTnProxyClient\n", app_type_.c_str());
@@ -180,19 +190,31 @@ void MpaClient::Start(UuidCallback uuid_callback) {
 }
 
 void MpaClient::Stop() {
-  if (port_ == kBusPort) {
-    int32_t cookie = -1;
-    {
-      std::lock_guard lock(connection_mutex_);
-      std::swap(cookie, cookie_);
-      if (reconnect_timer_) reconnect_timer_->Cancel();
-      reconnect_timer_.reset();
-      connection_state_ = kDisconnected;
-      connected_ = false;
-    }
-    if (cookie > 0 && bus_client_) bus_client_->CloseClient(cookie);
-  }
+  if (port_ == kBusPort) EndBusRoad(nullptr);
   HandleClose();
+}
+
+// An attempt that is under way finds another epoch when it comes back, and closes what it has opened.
+void MpaClient::EndBusRoad(boost::intrusive_ptr<RmqClientInterface>* released) {
+  boost::intrusive_ptr<RmqClientInterface> bus;
+  int32_t cookie = -1;
+  {
+    std::lock_guard lock(connection_mutex_);
+    ++bus_epoch_;
+    std::swap(cookie, cookie_);
+    if (reconnect_timer_) reconnect_timer_->Cancel();
+    reconnect_timer_.reset();
+    connection_state_ = kDisconnected;
+    connected_ = false;
+    bus = bus_client_;
+    if (released != nullptr) released->swap(bus_client_);
+  }
+  if (cookie > 0 && bus) bus->CloseClient(cookie);
+}
+
+boost::intrusive_ptr<RmqClientInterface> MpaClient::bus_client() const {
+  std::shared_lock lock(connection_mutex_);
+  return bus_client_;
 }
 
 void MpaClient::HandleClose() {
@@ -202,25 +224,27 @@ void MpaClient::HandleClose() {
   app_init_completed_ = false;
 }
 
-int MpaClient::SendMessage(rmqClientMessage* message) {
-  int result = -1;
-  if (port_ != kBusPort) {
-    result = SendMsgViaTnProxy(message, "");
-  } else if (bus_client_) {
-    result = bus_client_->SendToVSM(message);
-    if (result != 0) {
-      ZLOG_ERROR("00103", "%s failed to send message to MPA", app_type_.c_str());
-    } else {
-      ZLOG_DEBUG("%s sent message to MPA", app_type_.c_str());
-    }
-  }
+int MpaClient::SendMessage(rmqClientMessage* message) { return SendMessageTo(message, "", nullptr); }
+
+int MpaClient::SendMessageTo(rmqClientMessage* message, const std::string& aph, SendFailure* why) {
+  SendFailure failure = SendFailure::kNone;
+  const bool over_bus = port_ == kBusPort && aph.empty();
+  const int result = over_bus ? SendOverBus(message) : SendMsgViaTnProxy(message, aph, &failure);
+  if (over_bus && result != 0) failure = SendFailure::kRefused;
+  if (why != nullptr) *why = failure;
   if (result == 0) sent_.Mark();
   return result;
 }
 
-int MpaClient::SendMessageTo(rmqClientMessage* message, const std::string& aph) {
-  const int result = SendMsgViaTnProxy(message, aph);
-  if (result == 0) sent_.Mark();
+int MpaClient::SendOverBus(rmqClientMessage* message) {
+  const auto bus = bus_client();
+  if (!bus) return -1;
+  const int result = bus->SendToVSM(message);
+  if (result != 0) {
+    ZLOG_ERROR("00103", "%s failed to send message to MPA", app_type_.c_str());
+  } else {
+    ZLOG_DEBUG("%s sent message to MPA", app_type_.c_str());
+  }
   return result;
 }
 
@@ -260,7 +284,8 @@ rpc::CallHandle<MpaClient::GenericUnifiedMsg> MpaClient::GetFromAppSpecificSeqTo
   return {};
 }
 
-int MpaClient::SendMsgViaTnProxy(rmqClientMessage*, const std::string&) {
+int MpaClient::SendMsgViaTnProxy(rmqClientMessage*, const std::string&, SendFailure* why) {
+  *why = SendFailure::kRefused;
   ZLOG_INFO("Not Implemented");
   return -1;
 }
@@ -283,9 +308,21 @@ void MpaClient::SetBusForTest(std::function<boost::intrusive_ptr<RmqClientInterf
   BusFactory() = std::move(make);
 }
 
-void MpaClient::CreateBusClient() { bus_client_ = BusFactory() ? BusFactory()() : new RmqClient; }
+void MpaClient::CreateBusClient() {
+  boost::intrusive_ptr<RmqClientInterface> bus = BusFactory() ? BusFactory()() : new RmqClient;
+  std::lock_guard lock(connection_mutex_);
+  bus_client_.swap(bus);
+}
 
-void MpaClient::ReleaseBusClient() { bus_client_.reset(); }
+void MpaClient::ReleaseBusClient() {
+  boost::intrusive_ptr<RmqClientInterface> released;
+  if (port_ == kBusPort) {
+    EndBusRoad(&released);
+    return;
+  }
+  std::lock_guard lock(connection_mutex_);
+  released.swap(bus_client_);
+}
 
 void MpaClient::Deliver(rmqClientMessage* message) {
   const std::string app_type = message->app_type != nullptr ? message->app_type : "";
@@ -354,6 +391,7 @@ void MpaClient::HandleMessage(rmqClientMessage* message) {
 
 bool MpaClient::HandleBusClose(const rmqClientMessage& message) {
   const char* const name = app_type_.c_str();
+  uint64_t epoch = 0;
   {
     std::lock_guard lock(connection_mutex_);
     if (message.cookie != cookie_) {
@@ -370,17 +408,21 @@ bool MpaClient::HandleBusClose(const rmqClientMessage& message) {
       ZLOG_WARN("[%s] Got CLOSE Message in state %d\n", name, static_cast<int>(connection_state_));
     }
     cookie_ = -1;
+    epoch = bus_epoch_;
   }
-  ScheduleTimer(kReconnectAfterCloseUs);
+  ScheduleTimer(kReconnectAfterCloseUs, epoch);
   return true;
 }
 
-void MpaClient::ConnectMpaStateTrans() {
+void MpaClient::ConnectMpaStateTrans(uint64_t epoch) {
   const char* const name = app_type_.c_str();
   std::lock_guard connect_lock(connect_mutex_);
   int32_t stale = -1;
+  boost::intrusive_ptr<RmqClientInterface> bus;  // kept over the attempt, whoever releases it meanwhile
   {
     std::lock_guard lock(connection_mutex_);
+    if (epoch != bus_epoch_) return;
+    bus = bus_client_;
     reconnect_timer_.reset();
     if (connection_state_ == kConnected) {
       if (connected_) {
@@ -395,43 +437,53 @@ void MpaClient::ConnectMpaStateTrans() {
       }
     }
   }
-  if (!bus_client_) return;
-  if (stale > 0) bus_client_->CloseClient(stale);
+  if (!bus) return;
+  if (stale > 0) bus->CloseClient(stale);
   ZLOG_DEBUG("[%s] Connecting to mpa...\n", name);
-  const int32_t cookie = bus_client_->InitNETClient(app_id_.c_str(), app_type_.c_str(),
-                                                    static_cast<int>(client_type_), &DeliverFromBus);
+  const int32_t cookie =
+      bus->InitNETClient(app_id_.c_str(), app_type_.c_str(), static_cast<int>(client_type_), &DeliverFromBus);
   if (cookie < 0) {
     ZLOG_WARN("[%s] connecting to mpa return cookie [%s]\n", name, BusErrorName(cookie));
-    ScheduleTimer(RetryTimeoutUs(app_type_));
+    ScheduleTimer(RetryTimeoutUs(app_type_), epoch);
     return;
   }
+  bool ended = false;
   {
     std::lock_guard lock(connection_mutex_);
-    connection_state_ = kConnected;
-    connected_ = false;
-    cookie_ = cookie;
+    ended = epoch != bus_epoch_;
+    if (!ended) {
+      connection_state_ = kConnected;
+      connected_ = false;
+      cookie_ = cookie;
+    }
+  }
+  if (ended) {
+    bus->CloseClient(cookie);
+    return;
   }
   connections_.Mark();
   ZLOG_INFO("[%s] Connected to mpa, cookie:[%d]\n", name, cookie);
   if (WaitsForAck(app_type_)) {
     ZLOG_INFO("[%s] need to retry connection since ACK not received ..", name);
-    ScheduleTimer(AckTimeoutUs(app_type_));
+    ScheduleTimer(AckTimeoutUs(app_type_), epoch);
   }
 }
 
-void MpaClient::ScheduleTimer(uint64_t microseconds) {
+void MpaClient::ScheduleTimer(uint64_t microseconds, uint64_t epoch) {
   std::lock_guard lock(connection_mutex_);
+  if (epoch != bus_epoch_) return;
   if (reconnect_timer_) reconnect_timer_->Cancel();
   reconnect_timer_.reset();
   if (port_ != kBusPort) {
     ZLOG_INFO("%s zem-rpc enabled. mpa client won't re-connect with rmqClient.", app_type_.c_str());
     return;
   }
-  reconnect_timer_ =
-      provider_.timers().Schedule(std::chrono::microseconds(microseconds), [weak = self_, name = app_type_] {
-        ZLOG_INFO("%s Mpa reconnect timeout", name.c_str());
-        if (const auto self = weak.lock()) self->ConnectMpaStateTrans();
-      });
+  reconnect_timer_ = provider_.timers().Schedule(std::chrono::microseconds(microseconds),
+                                                 [weak = self_, name = app_type_, epoch] {
+                                                   ZLOG_INFO("%s Mpa reconnect timeout", name.c_str());
+                                                   if (const auto self = weak.lock())
+                                                     self->ConnectMpaStateTrans(epoch);
+                                                 });
   ZLOG_INFO("[%s] ScheduleTimer after %lu microseconds\n", app_type_.c_str(),
             static_cast<unsigned long>(microseconds));
 }

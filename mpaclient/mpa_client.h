@@ -49,12 +49,20 @@ class MpaClient {
   using ReceiveCallback = std::function<void(rmqClientMessage*)>;
   using UuidCallback = std::function<void(const std::string&)>;
 
+  /// Why a record was not sent.
+  enum class SendFailure {
+    kNone,
+    kNoRoad,   // the APH has no stub: another one, or a later try, may do
+    kRefused,  // the record itself: it will never be sent
+  };
+
   enum ConnectionState : uint32_t { kDisconnected = 1, kConnected = 2 };
 
   /// Port of the verticals that really use the bus.
   static constexpr uint16_t kBusPort = 6666;
 
-  /// Makes the client of vertical `name` and puts it into the process's registry.  Times in microseconds.
+  /// Makes the client of vertical `name` and puts it into the process's registry.  Times in microseconds.  A
+  /// name that is registered already keeps its client, and an error line says so.
   static void Register(AsioZemProvider& provider, ReceiveCallback callback, const std::string& name,
                        const std::string& id, uint32_t client_type, uint16_t port, uint64_t ack_timeout_us,
                        uint64_t retry_timeout_us);
@@ -85,7 +93,8 @@ class MpaClient {
   virtual void ReleaseAppSpecificInstance();
   virtual rpc::CallHandle<GenericUnifiedMsg> GetFromAppSpecificSeqToCallHandleMap(uint32_t sequence);
   virtual void RegisterWithTnProxyClient();
-  virtual int SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph);
+  /// `aph` empty: the master, or whom the record names.  `why` is set when the result is not 0.
+  virtual int SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph, SendFailure* why);
   /// Both take the observer over: it ends with its call, or is deleted here when no call was started (-1).
   virtual int MsgHandler(const GenericUnifiedMsg& message, const std::string& aph,
                          rpc::CallObserver<VoidMsg>* observer);
@@ -95,8 +104,8 @@ class MpaClient {
   virtual void ReleaseBusClient();
   virtual void CleanUpForStubs();
 
-  /// One record to one APH; -1 when it has no stub.
-  virtual int SendMessageTo(rmqClientMessage* message, const std::string& aph);
+  /// One record to one APH ("" for the master); -1 with the reason in `why`, which may be null.
+  virtual int SendMessageTo(rmqClientMessage* message, const std::string& aph, SendFailure* why);
   /// The APHs that the client knows, and whether each is the master.
   virtual std::map<std::string, bool> Aphs() const;
 
@@ -145,8 +154,6 @@ class MpaClient {
   UuidCallback uuid_callback_;
   std::weak_ptr<MpaClient> self_;
   std::shared_ptr<TnProxyClientCommon> proxy_client_;
-  boost::intrusive_ptr<RmqClientInterface> bus_client_;
-
   metrics::Frequency& connections_;
   metrics::Frequency& received_;
   metrics::Frequency& sent_;
@@ -161,15 +168,21 @@ class MpaClient {
 
   std::atomic<uint32_t> app_init_seq_num_{0};
 
-  mutable std::shared_mutex connection_mutex_;  // only taken alone; guards the four below
+  mutable std::shared_mutex connection_mutex_;  // only taken alone; guards what follows
+  boost::intrusive_ptr<RmqClientInterface> bus_client_;
   bool connected_ = false;
   ConnectionState connection_state_ = kDisconnected;
   int32_t cookie_ = -1;
   std::shared_ptr<Timer> reconnect_timer_;
+  uint64_t bus_epoch_ = 0;  // raised by each start and end; attempts and timers of an older one are void
 
  private:
-  void ConnectMpaStateTrans();
-  void ScheduleTimer(uint64_t microseconds);
+  boost::intrusive_ptr<RmqClientInterface> bus_client() const;
+  /// Closes the connection.  Hands the bus client over when `released` is not null.
+  void EndBusRoad(boost::intrusive_ptr<RmqClientInterface>* released);
+  int SendOverBus(rmqClientMessage* message);
+  void ConnectMpaStateTrans(uint64_t epoch);
+  void ScheduleTimer(uint64_t microseconds, uint64_t epoch);
 
   std::mutex connect_mutex_;  // one attempt at the bus at a time
 };

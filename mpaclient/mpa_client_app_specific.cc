@@ -145,10 +145,16 @@ bool MpaClientAppSpecific::FinishInitHandshake(uint32_t sequence, bool success) 
 }
 
 void MpaClientAppSpecific::SendRegistrationAckToVertical(int flag) {
+  told_ = Told::kAck;
   SendStateToVertical(kRmqClientRegistrationAck, flag);
 }
 
+void MpaClientAppSpecific::SendCloseToServedVertical(int flag) {
+  if (told_ == Told::kAck) SendCloseToVertical(flag);
+}
+
 void MpaClientAppSpecific::SendCloseToVertical(int flag) {
+  if (told_.exchange(Told::kClose) == Told::kClose) return;
   ZLOG_INFO("[%s] Send Close Msg to Vertical", app_type_.c_str());
   SendStateToVertical(kRmqClientClose, flag);
 }
@@ -189,12 +195,16 @@ bool MpaClientAppSpecific::IsCorelationIdInCallHandleMap(const std::string& corr
   return calls_.Contains(correlation_id);
 }
 
-bool MpaClientAppSpecific::AddToCallHandleMap(const std::string& correlation_id,
-                                              CallHandleMap::Handle handle) {
-  if (calls_.Add(correlation_id, std::move(handle))) return true;
+std::optional<uint64_t> MpaClientAppSpecific::AddToCallHandleMap(const std::string& correlation_id,
+                                                                 CallHandleMap::Handle handle) {
+  if (const auto number = calls_.Add(correlation_id, std::move(handle))) return number;
   ZLOG_INFO("[%s] MpaClientAppSpecific AddToCallHandleMap Handle with corelationId (%s) already present",
             app_type_.c_str(), correlation_id.c_str());
-  return false;
+  return std::nullopt;
+}
+
+void MpaClientAppSpecific::CallEnded(const std::string& correlation_id, uint64_t number) {
+  calls_.Ended(correlation_id, number);
 }
 
 void MpaClientAppSpecific::AddToSeqToCallHandleMap(uint32_t sequence, const CallHandleMap::Handle& handle) {
@@ -281,13 +291,17 @@ bool MpaClientAppSpecific::GetGenericUnifiedMsg(GenericUnifiedMsg* out, const rm
     out->mutable_ctrl_header()->set_correlation_id(*correlation_id);
     tracking = ParseUuid(*correlation_id);
   }
+  // The id that the sender has logged is the one that the manager sees.
+  if (!tracking) tracking = ParseUuid(header.message_id);
   SetUuid(tracking ? *tracking : RandomUuid(), out->mutable_cookies()->mutable_tracking_id());
   return true;
 }
 
-int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::string& aph) {
+int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::string& aph,
+                                      MpaClient::SendFailure* why) {
   const char* const name = app_type_.c_str();
   const auto owner = client();
+  *why = MpaClient::SendFailure::kRefused;
   if (!owner) return -1;
   std::string target = aph;
   if (target.empty() && record->routing_key != nullptr && UsesRoutingKeyAsAph(*record))
@@ -299,8 +313,10 @@ int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::strin
   if (!GetGenericUnifiedMsg(&message, *record, id.empty() ? nullptr : &id, &type)) return -1;
   int result = -1;
   if (publish) {
+    *why = MpaClient::SendFailure::kNoRoad;
     result = owner->MsgHandler(message, target, GetVoidMsgObserver().release());
   } else if (auto observer = GetRpcCallObserver(record, 0)) {
+    *why = MpaClient::SendFailure::kNoRoad;
     result = owner->RpcMsgHandler(message, target, observer.release(), 0);
   }
   const std::string tracking = TrackingIdText(message);
@@ -326,42 +342,59 @@ int MpaClientAppSpecific::SendRequest(rmqClientMessage* record, const std::strin
   return result;
 }
 
-int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record) {
+int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record, const std::string& aph,
+                                     MpaClient::SendFailure* why) {
   const char* const name = app_type_.c_str();
+  *why = MpaClient::SendFailure::kRefused;
   const std::string id = HeaderOf(*record).correlation_id;
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg corelationId (%s)", name, id.c_str());
-  GenericUnifiedMsg message;
-  std::string type;
-  if (auto handle = calls_.Take(id)) {
-    if (!*handle) {
+  const bool has_key = record->routing_key != nullptr && record->routing_key[0] != '\0';
+  const bool as_message = vertical_.routing_key_as_aph && has_key;
+  const std::string asker = aph.empty() && has_key ? record->routing_key : aph;
+  if (auto call = calls_.Take(id)) {
+    if (!call->handle && !call->ended) {
       ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg null handle for corelationId: %s", name, id.c_str());
       return -1;
     }
+    GenericUnifiedMsg message;
+    std::string type;
     const bool built = GetGenericUnifiedMsg(&message, *record, &id, &type);
     const std::string tracking = TrackingIdText(message);
-    if (!built || !handle->Finish(message)) {
+    if (!built) {
       ZLOG_INFO("[%s] RespondMsg : Failed to send response with type (%s) corelationId (%s) trackingId (%s).",
                 name, type.c_str(), id.c_str(), tracking.c_str());
       return -1;
     }
+    const bool written = call->handle.Finish(message);
     ZLOG_INFO("[%s] RespondMsg : Sent response with type (%s) corelationId (%s) trackingId (%s)", name,
               type.c_str(), id.c_str(), tracking.c_str());
+    if (written) return 0;
+    // The answer counts as given, since to try again cannot bring the call back.
+    ZLOG_INFO("[%s] RespondMsg : The call of corelationId (%s) had ended before its response", name,
+              id.c_str());
+    if (as_message) RespondAsMessage(*record, id, asker, why);
     return 0;
   }
-  const bool has_key = record->routing_key != nullptr && record->routing_key[0] != '\0';
-  if (vertical_.routing_key_as_aph && has_key) {
-    // The call is gone with its proxy; the answer still finds its asker as a message of its own.
-    const std::string aph = record->routing_key;
-    ZLOG_INFO("[%s] RespondMsg : Sending response as a request to APH (%s), corelationId (%s)", name,
-              aph.c_str(), id.c_str());
-    const auto owner = client();
-    if (!owner || !GetGenericUnifiedMsg(&message, *record, KeepAphForResponse() ? &id : nullptr, &type))
-      return -1;
-    return owner->MsgHandler(message, aph, GetVoidMsgObserver().release());
-  }
+  if (as_message) return RespondAsMessage(*record, id, asker, why);
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg Invalid corealtionId (%s) and empty amqpRoutingKey", name,
             id.c_str());
   return -1;
+}
+
+// The call is gone with its proxy; the answer still finds its asker as a message of its own.
+int MpaClientAppSpecific::RespondAsMessage(const rmqClientMessage& record, const std::string& correlation_id,
+                                           const std::string& aph, MpaClient::SendFailure* why) {
+  ZLOG_INFO("[%s] RespondMsg : Sending response as a request to APH (%s), corelationId (%s)",
+            app_type_.c_str(), aph.c_str(), correlation_id.c_str());
+  const auto owner = client();
+  GenericUnifiedMsg message;
+  std::string type;
+  if (!owner ||
+      !GetGenericUnifiedMsg(&message, record, KeepAphForResponse() ? &correlation_id : nullptr, &type)) {
+    return -1;
+  }
+  *why = MpaClient::SendFailure::kNoRoad;
+  return owner->MsgHandler(message, aph, GetVoidMsgObserver().release());
 }
 
 bool MpaClientAppSpecific::PopulateObserver(ServiceObserver* observer,

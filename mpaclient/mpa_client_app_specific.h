@@ -1,7 +1,9 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -33,9 +35,11 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   MpaClientAppSpecific(const Vertical& vertical, std::shared_ptr<MpaClient> client);
   virtual ~MpaClientAppSpecific();
 
-  /// Both 0 when the record is on its way.
-  virtual int SendRequest(rmqClientMessage* record, const std::string& aph);
-  virtual int RespondMsg(rmqClientMessage* record);
+  /// 0 when the record is on its way.
+  virtual int SendRequest(rmqClientMessage* record, const std::string& aph, MpaClient::SendFailure* why);
+  /// 0 when the answer was written to its call, also to one that had ended: what could not be built, and what
+  /// has no call and no other road, gives -1.  An answer without a call goes to `aph`, if it is not empty.
+  virtual int RespondMsg(rmqClientMessage* record, const std::string& aph, MpaClient::SendFailure* why);
   /// Whether an answer that goes as a message of its own keeps its correlation id.
   virtual bool KeepAphForResponse() const { return true; }
   virtual bool UsesRoutingKeyAsAph(const rmqClientMessage& record) const;
@@ -54,14 +58,20 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   bool FinishInitHandshake(uint32_t sequence, bool success);
   /// With `flag` 0 the manager's version goes along.
   void SendRegistrationAckToVertical(int flag);
+  /// Nothing when the vertical has been told since its last ACK: one outage is one CLOSE.
   void SendCloseToVertical(int flag);
+  /// The same, but nothing either when it has had no ACK.
+  void SendCloseToServedVertical(int flag);
   void SendMsgToVertical(const BusRecord& record, int flag);
 
   /// The serialized answer to the manager's unasked app-init config; false when it cannot be serialized.
   bool BuildAppInitCfgAckMsg(GenericUnifiedMsg* answer, bool success) const;
 
   bool IsCorelationIdInCallHandleMap(const std::string& correlation_id) const;
-  bool AddToCallHandleMap(const std::string& correlation_id, CallHandleMap::Handle handle);
+  /// A number that tells this request from later ones with its id; nothing when the id has a running call.
+  std::optional<uint64_t> AddToCallHandleMap(const std::string& correlation_id, CallHandleMap::Handle handle);
+  /// The call of that request has ended, answered or not: its id is free again.
+  void CallEnded(const std::string& correlation_id, uint64_t number);
   void AddToSeqToCallHandleMap(uint32_t sequence, const CallHandleMap::Handle& handle);
   CallHandleMap::Handle GetFromSeqToCallHandleMap(uint32_t sequence);
   void DeleteFromSeqToCallHandleMap(uint32_t sequence);
@@ -88,9 +98,14 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
                             const std::string* correlation_id, std::string* type_out) const;
   bool GetAppInitUnifiedMsg(GenericUnifiedMsg* out) const;
   bool BuildAppInitMsg(Message* message) const;
+  int RespondAsMessage(const rmqClientMessage& record, const std::string& correlation_id,
+                       const std::string& aph, MpaClient::SendFailure* why);
   bool PopulateObserver(ServiceObserver* observer, const rmqClientMessage& request) const;
   void SendStateToVertical(BusMessageType msg_type, int flag);
   std::shared_ptr<MpaClient> client() const;
+
+  /// What the vertical was told last of its road to the manager.
+  enum class Told { kNothing, kAck, kClose };
 
   const Vertical& vertical_;
   const UnifiedLayout& layout_;
@@ -98,6 +113,8 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
 
   mutable std::mutex client_mutex_;  // guards client_
   std::shared_ptr<MpaClient> client_;
+
+  std::atomic<Told> told_{Told::kNothing};
 
   CallHandleMap calls_;
 

@@ -100,7 +100,8 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
   std::string type;
   const auto unified = GetHostUnifiedMsg(generic, &type);
   if (!unified) ZLOG_WARN("%s::RpcMsgHandler Unable to get HostUnifiedMsg", vertical_.host_class);
-  if (type != kAppInitConfigType) {
+  // A vertical that has no such member gets the message like any other.
+  if (type != kAppInitConfigType || !instance_->layout().AnswersAppInitConfig()) {
     MpaRpcMsgHandler(context, generic, handle);
     return;
   }
@@ -154,10 +155,16 @@ void MpaClientHostService::Receive(rpc::ServerContext& context, const GenericUni
     return;
   }
   // Asked for and added in one step: of two requests with one id only one may get through.
-  if (!publish && !client->AddToCallHandleMap(correlation_id, *handle)) {
-    ZLOG_WARN("MpaClientHostService::MsgHandler: [%s] corelationId (%s) already present in call handle map",
-              vertical_.name, correlation_id.c_str());
-    return;
+  if (!publish) {
+    const auto number = client->AddToCallHandleMap(correlation_id, *handle);
+    if (!number) {
+      ZLOG_WARN("MpaClientHostService::MsgHandler: [%s] corelationId (%s) already present in call handle map",
+                vertical_.name, correlation_id.c_str());
+      return;
+    }
+    context.SetOnClose([weak = std::weak_ptr(client), correlation_id, number = *number](const rpc::Status&) {
+      if (const auto instance = weak.lock()) instance->CallEnded(correlation_id, number);
+    });
   }
   client->SendMsgToVertical(record, 0);
 }

@@ -99,12 +99,16 @@ void MpaClientPrivateBase::HandleTnProxyConnected() {
 void MpaClientPrivateBase::HandleTnProxyDisconnected(rpc::CloseReason reason) {
   ZLOG_INFO("[%s] TnProxy Disconnected (%s)", app_type_.c_str(), rpc::CloseReasonToCStr(reason));
   SetConnectionState(kDisconnected);
-  std::lock_guard lock(app_init_mutex_);
-  proxy_connected_ = false;
-  app_init_completed_ = false;
-  CancelAppInitTimersLocked();
-  CleanUpForStubs();
-  GetNewAppInitSequenceNumber();
+  {
+    std::lock_guard lock(app_init_mutex_);
+    proxy_connected_ = false;
+    app_init_completed_ = false;
+    CancelAppInitTimersLocked();
+    CleanUpForStubs();
+    GetNewAppInitSequenceNumber();
+  }
+  // The master's stream has told it already, unless the master had no stub or nobody was master.
+  app_specific_->SendCloseToServedVertical(0);
 }
 
 std::string MpaClientPrivateBase::FirstMaster(const std::map<std::string, bool>& aphs) {
@@ -122,6 +126,11 @@ std::string MpaClientPrivateBase::MasterAph() const {
   }
   ZLOG_DEBUG("MasterAph uuid : %s.", master.c_str());
   return master;
+}
+
+bool MpaClientPrivateBase::IsServing(const std::string& aph) const {
+  std::shared_lock lock(app_init_mutex_);
+  return aph == serving_aph_;
 }
 
 bool MpaClientPrivateBase::IsMaster(const std::string& aph) const { return aph == MasterAph(); }
@@ -191,7 +200,8 @@ int MpaClientPrivateBase::RpcMsgHandler(const GenericUnifiedMsg& message, const 
   return 0;
 }
 
-int MpaClientPrivateBase::SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph) {
+int MpaClientPrivateBase::SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph,
+                                            SendFailure* why) {
   const char* const name = app_type_.c_str();
   ZLOG_DEBUG("[%s] SendMsgViaTnProxy: APH (%s) Message (%d)", name, aph.c_str(),
              static_cast<int>(message->msg_type));
@@ -199,10 +209,11 @@ int MpaClientPrivateBase::SendMsgViaTnProxy(rmqClientMessage* message, const std
     case kRmqVsmPayload:
     case kRmqClientPublish:
     case kRmqClientRpcRequest:
-      return app_specific_->SendRequest(message, aph);
+      return app_specific_->SendRequest(message, aph, why);
     case kRmqClientRpcResponse:
-      return app_specific_->RespondMsg(message);
+      return app_specific_->RespondMsg(message, aph, why);
     default:
+      *why = SendFailure::kRefused;
       ZLOG_INFO("[%s] MpaClientPrivate SendMsgViaTnProxy: Unsupported message (%d)", name,
                 static_cast<int>(message->msg_type));
       return -1;
@@ -223,6 +234,7 @@ void MpaClientPrivateBase::SendRegistrationAck() { app_specific_->SendRegistrati
 bool MpaClientPrivateBase::AppInitHandshakeLocked() {
   const char* const name = app_type_.c_str();
   ZLOG_DEBUG("[%s] MpaClientPrivate AppInitHandshake - Begin", name);
+  serving_aph_ = MasterAph();
   if (!app_specific_->NeedsAppInit()) {
     HandleAppInitSuccess();
     return true;

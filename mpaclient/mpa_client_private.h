@@ -61,7 +61,7 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
   void ReleaseAppSpecificInstance() override;
   rpc::CallHandle<GenericUnifiedMsg> GetFromAppSpecificSeqToCallHandleMap(uint32_t sequence) override;
   void RegisterWithTnProxyClient() override;
-  int SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph) override;
+  int SendMsgViaTnProxy(rmqClientMessage* message, const std::string& aph, SendFailure* why) override;
   int MsgHandler(const GenericUnifiedMsg& message, const std::string& aph,
                  rpc::CallObserver<VoidMsg>* observer) override;
   int RpcMsgHandler(const GenericUnifiedMsg& message, const std::string& aph,
@@ -100,11 +100,19 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
 
   void HandleTnProxyConnected();
   void HandleTnProxyDisconnected(rpc::CloseReason reason);
-  void ClearTimerMap();
-  void PerformUpdateStubMap();
+  void ClearTimerMap(const std::map<std::string, bool>& kept);
+  void DropTimersBut(const std::map<std::string, bool>& kept);
+  /// What a new list means for the vertical.
+  struct Due {
+    bool close = false;      // the APH that served it has left the list
+    bool handshake = false;  // there is a new master, and it has a stub
+  };
+  void UpdateAndTell();
+  Due PerformUpdateStubMap();
   bool WaitForInfightStubCreateRequest();
-  void ApplyNewMaps(const std::map<std::string, bool>& old_map, const std::map<std::string, bool>& new_map);
+  Due ApplyNewMaps(const std::map<std::string, bool>& old_map, const std::map<std::string, bool>& new_map);
   void NewMaster(const std::string& aph);
+  void LoseMasterStub();
   void ScheduleStubCreation(const std::string& aph, int64_t delay_ms);
   void ScheduleStubCreationWithLock(const std::string& aph, int64_t delay_ms);
   void AddStubTimer(const std::string& aph, int64_t delay_ms);
@@ -117,6 +125,7 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
   static std::string FirstMaster(const std::map<std::string, bool>& aphs);
   std::string MasterAph() const;
   bool IsMaster(const std::string& aph) const;
+  bool IsServing(const std::string& aph) const;
   std::shared_ptr<MpStub> FindStub(const std::string& aph);
   int64_t SpreadDelay(uint64_t range_ms) const;
   bool proxy_connected() const;
@@ -128,6 +137,8 @@ class MpaClientPrivateBase : public MpaClient, public std::enable_shared_from_th
   std::shared_ptr<MpaClientAppSpecific> app_specific_;
   std::unique_ptr<rpc::Server> server_;
   std::shared_ptr<Timer> purge_timer_;
+
+  std::string serving_aph_;  // the master of the last handshake; guarded by the app-init lock
 
   std::mutex update_mutex_;  // serializes changes of the stub map
 

@@ -29,7 +29,7 @@ void MpaClientPrivateBase::CleanUpForStubs() {
   {
     std::lock_guard lock(stub_mutex_);
     master_stub_ = false;
-    ClearTimerMap();
+    ClearTimerMap({});
     dropped.swap(stub_map_);
     retry_countdown_.Reset();
   }
@@ -37,21 +37,32 @@ void MpaClientPrivateBase::CleanUpForStubs() {
   ZLOG_INFO("[%s] CleanUpForStubs Done", app_type_.c_str());
 }
 
-// With the stub lock held.
-void MpaClientPrivateBase::ClearTimerMap() {
+// With the stub lock held.  Timers of the APHs in `kept` run on: were each list to start them anew, lists
+// that come faster than the shortest delay would keep every stub from being made.
+void MpaClientPrivateBase::ClearTimerMap(const std::map<std::string, bool>& kept) {
   ZLOG_INFO("[%s] ClearTimerMap (%lu)", app_type_.c_str(), static_cast<unsigned long>(timer_map_.size()));
-  for (const auto& [aph, timer] : timer_map_) {
-    timer->Cancel();
-    in_flight_.erase(aph);
+  for (const auto& [aph, timer] : timer_map_) in_flight_.erase(aph);
+  DropTimersBut(kept);
+}
+
+// With the stub lock held.
+void MpaClientPrivateBase::DropTimersBut(const std::map<std::string, bool>& kept) {
+  for (auto entry = timer_map_.begin(); entry != timer_map_.end();) {
+    if (kept.contains(entry->first)) {
+      ++entry;
+      continue;
+    }
+    entry->second->Cancel();
+    entry = timer_map_.erase(entry);
   }
-  timer_map_.clear();
 }
 
 void MpaClientPrivateBase::updateStubMap() {
   const char* const name = app_type_.c_str();
-  std::unique_lock update_lock(update_mutex_);
-  ZLOG_DEBUG("[%s] updateStubMap", name);
   {
+    std::lock_guard update_lock(update_mutex_);
+    ZLOG_DEBUG("[%s] updateStubMap", name);
+    const auto listed = proxy_client_ ? proxy_client_->aphs() : std::map<std::string, bool>();
     std::lock_guard lock(stub_mutex_);
     if (update_stub_pending_) {
       ZLOG_INFO("[%s] updateStubMap: Already Pending", name);
@@ -59,11 +70,26 @@ void MpaClientPrivateBase::updateStubMap() {
     }
     ZLOG_INFO("[%s] cleaning up for stubs", name);
     update_stub_pending_ = true;
-    ClearTimerMap();
+    ClearTimerMap(listed);
     retry_countdown_.Reset();
   }
+  // The pending mark keeps other changes out meanwhile.
   if (uuid_callback_ && proxy_client_) uuid_callback_(proxy_client_->getTnUuidStr());
-  PerformUpdateStubMap();
+  UpdateAndTell();
+}
+
+// What the change means for the vertical is told after the update mutex: the vertical may well send, or take
+// its time.
+void MpaClientPrivateBase::UpdateAndTell() {
+  Due due;
+  {
+    std::lock_guard update_lock(update_mutex_);
+    due = PerformUpdateStubMap();
+  }
+  if (due.close) app_specific_->SendCloseToServedVertical(0);
+  if (!due.handshake) return;
+  SetConnectionState(kConnected);
+  AppInitHandshake();
 }
 
 bool MpaClientPrivateBase::WaitForInfightStubCreateRequest() {
@@ -80,7 +106,7 @@ bool MpaClientPrivateBase::WaitForInfightStubCreateRequest() {
 }
 
 // With the update mutex held.
-void MpaClientPrivateBase::PerformUpdateStubMap() {
+MpaClientPrivateBase::Due MpaClientPrivateBase::PerformUpdateStubMap() {
   const char* const name = app_type_.c_str();
   if (WaitForInfightStubCreateRequest()) {
     ZLOG_INFO("[%s] performUpdateStubMap: Re-scheduling self on provider thread", name);
@@ -91,12 +117,11 @@ void MpaClientPrivateBase::PerformUpdateStubMap() {
             ZLOG_WARN("performUpdateStubMapCb: MpaClientPrivate has been destroyed already");
             return;
           }
-          std::lock_guard update_lock(self->update_mutex_);
-          self->PerformUpdateStubMap();
+          self->UpdateAndTell();
         });
     std::lock_guard lock(stub_mutex_);
     reschedule_timer_ = std::move(timer);
-    return;
+    return {};
   }
   {
     std::lock_guard lock(stub_mutex_);
@@ -108,8 +133,9 @@ void MpaClientPrivateBase::PerformUpdateStubMap() {
     std::lock_guard lock(aph_mutex_);
     old_map = std::exchange(aph_map_, new_map);
   }
-  ApplyNewMaps(old_map, new_map);
+  const Due due = ApplyNewMaps(old_map, new_map);
   ZLOG_DEBUG("[%s] performUpdateStubMap End", name);
+  return due;
 }
 
 void MpaClientPrivateBase::NewMaster(const std::string& aph) {
@@ -119,15 +145,26 @@ void MpaClientPrivateBase::NewMaster(const std::string& aph) {
     std::lock_guard lock(app_init_mutex_);
     app_init_completed_ = false;
   }
-  std::lock_guard lock(stub_mutex_);
-  master_stub_ = false;
+  LoseMasterStub();
 }
 
-void MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_map,
-                                        const std::map<std::string, bool>& new_map) {
+// Until the master has a stub, the client waits for one like a client that has just begun.
+void MpaClientPrivateBase::LoseMasterStub() {
+  {
+    std::lock_guard lock(stub_mutex_);
+    master_stub_ = false;
+  }
+  SetConnectionState(kDisconnected);
+}
+
+MpaClientPrivateBase::Due MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_map,
+                                                             const std::map<std::string, bool>& new_map) {
   const char* const name = app_type_.c_str();
+  Due due;
   for (const auto& [aph, was_master] : old_map) {
     if (new_map.count(aph) != 0) continue;
+    // The stream of a stub that is dropped here does not tell its end.
+    if (IsServing(aph)) due.close = true;
     std::shared_ptr<MpStub> dropped;
     std::lock_guard lock(stub_mutex_);
     const auto stub = stub_map_.find(aph);
@@ -139,9 +176,14 @@ void MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_m
     }
     retry_policies_.erase(aph);
   }
+  {
+    // The list may have changed again since the change began.
+    std::lock_guard lock(stub_mutex_);
+    DropTimersBut(new_map);
+  }
   const std::string master = MasterAph();
   const std::string old_master = FirstMaster(old_map);
-  bool handshake = false;
+  if (master.empty()) LoseMasterStub();
   for (const auto& [aph, flag] : new_map) {
     const bool is_master = aph == master;
     bool has_stub = false;
@@ -154,26 +196,25 @@ void MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_m
       const int64_t delay_ms = SpreadDelay(kFirstStubSpreadMs);
       std::lock_guard lock(stub_mutex_);
       retry_policies_.try_emplace(aph, StubRetryPolicy());
+      if (timer_map_.contains(aph)) continue;
       ZLOG_INFO("[%s] performUpdateStubMap: scheduling Stub creation for APH (%s) with delay (%lld)", name,
                 aph.c_str(), static_cast<long long>(delay_ms));
       ScheduleStubCreationWithLock(aph, delay_ms);
     } else if (is_master) {
       if (aph != old_master) {
         NewMaster(aph);
-        handshake = true;
+        due.handshake = true;
       } else {
         ZLOG_INFO("[%s] performUpdateStubMap: No Mastership change.", name);
       }
     }
   }
-  if (!handshake) return;
-  {
+  if (due.handshake) {
     // The new master's stub exists already, so nobody else will set this.
     std::lock_guard lock(stub_mutex_);
     master_stub_ = true;
   }
-  SetConnectionState(kConnected);
-  AppInitHandshake();
+  return due;
 }
 
 void MpaClientPrivateBase::ScheduleStubCreation(const std::string& aph, int64_t delay_ms) {
@@ -347,6 +388,8 @@ void MpaClientPrivateBase::OnStreamDown(const std::string& aph, rpc::CloseReason
     if (wait_tn_proxy_timer_) wait_tn_proxy_timer_->Cancel();
     wait_tn_proxy_timer_.reset();
   }
+  // Master no more, but the present one, if there is one, cannot be reached yet.
+  if (!is_master && IsServing(aph) && IsMasterStubMissing()) app_specific_->SendCloseToServedVertical(0);
   std::shared_ptr<MpStub> dropped;
   {
     std::lock_guard lock(stub_mutex_);

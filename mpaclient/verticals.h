@@ -99,6 +99,9 @@ class UnifiedLayout {
   /// Null when it is not set or the vertical has none.
   const google::protobuf::Message* HostAppInitConfig(const google::protobuf::Message& unified) const;
 
+  /// Whether the vertical's messages can carry the answer to an app-init config.
+  bool AnswersAppInitConfig() const { return mp_app_init_config_ack_ != nullptr; }
+
   std::string HostType(const google::protobuf::Message& unified) const;
 
  private:

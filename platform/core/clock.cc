@@ -2,14 +2,43 @@
 
 #include <atomic>
 #include <cassert>
+#include <cstdlib>
+
+#include "platform/core/clock_factor.h"
 
 namespace zem {
 namespace {
 
+constexpr double kFastest = 100;
+
+double FactorFromEnvironment() {
+  const char* const text = std::getenv(kClockFactorVariable);
+  const double factor = text == nullptr ? 1 : std::atof(text);
+  return factor >= 1 && factor <= kFastest ? factor : 1;
+}
+
 class RealClock final : public Clock {
  public:
-  TimePoint Now() const override { return std::chrono::steady_clock::now(); }
-  WallTime WallNow() const override { return std::chrono::system_clock::now(); }
+  TimePoint Now() const override {
+    return TimePoint(Scaled(std::chrono::steady_clock::now().time_since_epoch()));
+  }
+  WallTime WallNow() const override {
+    const Duration steady = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::system_clock::now() +
+           std::chrono::duration_cast<WallTime::duration>(Scaled(steady) - steady);
+  }
+  TimePoint OnMachine(TimePoint time) const override {
+    if (factor_ == 1 || time == TimePoint::max()) return time;
+    return TimePoint(std::chrono::duration_cast<Duration>(time.time_since_epoch() / factor_));
+  }
+
+ private:
+  // From the machine's start on, so that it is the same time in every process.
+  Duration Scaled(Duration since_start) const {
+    return factor_ == 1 ? since_start : std::chrono::duration_cast<Duration>(since_start * factor_);
+  }
+
+  const double factor_ = FactorFromEnvironment();
 };
 
 Clock& Real() {
@@ -37,6 +66,8 @@ Clock::AlarmId Clock::SetAlarm(TimePoint, AlarmFunction) {
 }
 
 bool Clock::CancelAlarm(AlarmId) { return false; }
+
+Clock::WatchId Clock::Watch(const pollfd*, size_t) { return 0; }
 
 WorkToken::WorkToken() : clock_(&Clock::Process()) {
   if (clock_->IsVirtual()) {

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+
+struct pollfd;
 
 namespace zem {
 
@@ -22,11 +25,16 @@ class Clock {
 
   virtual ~Clock() = default;
 
-  /// The process's clock: the real one unless a VirtualClock exists.
+  /// The process's clock: the real one unless a VirtualClock exists.  The real one runs ZEM_CLOCK_FACTOR (1
+  /// to 100) times as fast as the machine's when the environment says so: whoever has to wait, in a test or
+  /// for a simulated node, waits less.  Processes of one factor agree on the time.
   static Clock& Process();
 
   virtual TimePoint Now() const = 0;
   virtual WallTime WallNow() const = 0;
+
+  /// When it is `time` here, on the steady clock by which the operating system wakes waiters.
+  virtual std::chrono::steady_clock::time_point OnMachine(TimePoint time) const { return time; }
 
   /// True when time moves only while everybody waits.  The operations below then have an effect; on the real
   /// clock they do nothing, because the operating system wakes the waiters.
@@ -42,6 +50,12 @@ class Clock {
   /// Work that is under way or on its way to a thread; time stands still while there is any.
   virtual void BeginWork() {}
   virtual void EndWork() {}
+
+  /// Descriptors that a thread is about to wait for without counting as working: what is in them is work on
+  /// its way to that thread.
+  using WatchId = uint64_t;
+  virtual WatchId Watch(const pollfd* descriptors, size_t count);
+  virtual void Unwatch(WatchId) {}
 
  protected:
   static void Install(Clock* clock);

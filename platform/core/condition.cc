@@ -127,7 +127,7 @@ bool Condition::Block(UserLock& user, const TimePoint* deadline) {
       pthread_cond_wait(&waiter->wake, waiting->mutex.native_handle());
       continue;
     }
-    const timespec until = ToTimespec(*deadline);
+    const timespec until = ToTimespec(clock.OnMachine(*deadline));
     const int result = pthread_cond_timedwait(&waiter->wake, waiting->mutex.native_handle(), &until);
     if (result == ETIMEDOUT && !waiter->woken) return false;
   }

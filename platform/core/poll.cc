@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -14,17 +15,62 @@ namespace zem {
 namespace {
 
 constexpr int64_t kLongestMs = 3'600'000;
+// Real time; far above what a script of the host takes on a busy machine.
+constexpr int kForeignWorkMs = 3000;
+constexpr int kForeignStepMs = 20;
 
 int PollRealUntil(pollfd* descriptors, nfds_t count, TimePoint deadline) {
   for (;;) {
-    const Duration left = deadline - Clock::Process().Now();
+    const Clock& clock = Clock::Process();
+    const Duration left = clock.OnMachine(deadline) - clock.OnMachine(clock.Now());
     const int64_t ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
     const int ready = PollIdle(descriptors, count, static_cast<int>(std::clamp<int64_t>(ms, 0, kLongestMs)));
     if (ready != 0 || ms <= kLongestMs) return ready;
   }
 }
 
+// Ends also when the thread is cancelled in the middle of it.
+class Idle {
+ public:
+  Idle(const pollfd* descriptors, nfds_t count) : watch_(clock_.Watch(descriptors, count)) {
+    clock_.EndWork();
+  }
+  ~Idle() {
+    clock_.BeginWork();
+    clock_.Unwatch(watch_);
+  }
+  Idle(const Idle&) = delete;
+  Idle& operator=(const Idle&) = delete;
+
+ private:
+  Clock& clock_ = Clock::Process();
+  const Clock::WatchId watch_;
+};
+
 }  // namespace
+
+int PollIdle(pollfd* descriptors, nfds_t count, int timeout_ms) {
+  int ready = 0;
+  int error = 0;
+  {
+    const Idle idle(descriptors, count);
+    ready = ::poll(descriptors, count, timeout_ms);
+    error = errno;
+  }
+  errno = error;
+  return ready;
+}
+
+int PollAnswer(pollfd* descriptors, nfds_t count, TimePoint deadline) {
+  if (Clock::Process().IsVirtual()) {
+    if (const int ready = ::poll(descriptors, count, kForeignWorkMs); ready != 0) return ready;
+  }
+  return PollUntil(descriptors, count, deadline);
+}
+
+void LetOthersWork() {
+  if (Clock::Process().IsVirtual()) ::poll(nullptr, 0, kForeignStepMs);
+}
 
 // On a virtual clock an alarm writes to a descriptor of its own.  The alarm's work lasts until this thread
 // has noticed, so that time stands still in between.

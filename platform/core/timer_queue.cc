@@ -97,7 +97,7 @@ void TimerQueue::Arm() {
     });
     return;
   }
-  wake_.expires_at(first);
+  wake_.expires_at(clock.OnMachine(first));
   wake_.async_wait([expire](const boost::system::error_code& error) {
     if (!error) expire();
   });

@@ -1,5 +1,8 @@
 #include "platform/core/virtual_clock.h"
 
+#include <poll.h>
+
+#include <algorithm>
 #include <cassert>
 
 #include "platform/core/condition.h"
@@ -53,8 +56,36 @@ void VirtualClock::EndWork() {
   if (--busy_ == 0) AdvanceWhileIdle(lock);
 }
 
+Clock::WatchId VirtualClock::Watch(const pollfd* descriptors, size_t count) {
+  std::vector<std::pair<int, short>> watched;
+  watched.reserve(count);
+  for (size_t i = 0; i < count; ++i) {
+    if (descriptors[i].fd >= 0) watched.emplace_back(descriptors[i].fd, descriptors[i].events);
+  }
+  std::lock_guard lock(mutex_);
+  watched_.emplace(++last_watch_, std::move(watched));
+  return last_watch_;
+}
+
+void VirtualClock::Unwatch(WatchId id) {
+  std::lock_guard lock(mutex_);
+  watched_.erase(id);
+}
+
+// Whoever waits for it wakes by itself, and time goes on when that thread waits again.
+bool VirtualClock::InputWaitsLocked() const {
+  std::vector<pollfd> all;
+  for (const auto& [id, watched] : watched_) {
+    for (const auto& [fd, events] : watched) all.push_back({fd, events, 0});
+  }
+  if (all.empty() || ::poll(all.data(), all.size(), 0) <= 0) return false;
+  return std::any_of(all.begin(), all.end(),
+                     [](const pollfd& one) { return (one.revents & ~POLLNVAL) != 0; });
+}
+
 void VirtualClock::AdvanceWhileIdle(std::unique_lock<std::mutex>& lock) {
   while (busy_ == 0 && !alarms_.empty()) {
+    if (InputWaitsLocked()) return;
     auto first = alarms_.extract(alarms_.begin());
     due_.erase(first.key().second);
     const int64_t due = first.key().first.time_since_epoch().count();

@@ -4,6 +4,7 @@
 #include <map>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "platform/core/clock.h"
 
@@ -30,6 +31,8 @@ class VirtualClock final : public Clock {
   bool CancelAlarm(AlarmId id) override;
   void BeginWork() override;
   void EndWork() override;
+  WatchId Watch(const pollfd* descriptors, size_t count) override;
+  void Unwatch(WatchId id) override;
 
   /// Lets everybody run until `duration` has passed on this clock.  By the thread that made the clock.
   void RunFor(Duration duration);
@@ -42,6 +45,7 @@ class VirtualClock final : public Clock {
 
  private:
   void AdvanceWhileIdle(std::unique_lock<std::mutex>& lock);
+  bool InputWaitsLocked() const;
 
   mutable std::mutex mutex_;  // guards all below
   std::atomic<int64_t> now_ns_;
@@ -49,6 +53,8 @@ class VirtualClock final : public Clock {
   AlarmId last_id_ = 0;
   std::map<std::pair<TimePoint, AlarmId>, AlarmFunction> alarms_;
   std::map<AlarmId, TimePoint> due_;
+  WatchId last_watch_ = 0;
+  std::map<WatchId, std::vector<std::pair<int, short>>> watched_;  // descriptors and events
 };
 
 }  // namespace zem

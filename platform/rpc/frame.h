@@ -43,6 +43,7 @@ constexpr size_t kChannelsLimit = 4096;
 /// Above this much unsent, writes are refused; above four times as much, the peer is given up.
 constexpr size_t kUnsentLimit = 16 << 20;
 constexpr size_t kUnsentResume = kUnsentLimit / 2;
+constexpr size_t kUnsentGiveUp = 4 * kUnsentLimit;
 /// How far a batch serializes ahead of the socket.
 constexpr size_t kBatchAhead = 256 << 10;
 

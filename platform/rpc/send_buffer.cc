@@ -21,6 +21,11 @@ char* SendBuffer::Extend(size_t size) {
   return out;
 }
 
+void SendBuffer::Clear() {
+  data_.reset();
+  capacity_ = begin_ = end_ = 0;
+}
+
 void SendBuffer::Consume(size_t size) {
   begin_ += size;
   if (begin_ < end_) return;

@@ -18,6 +18,9 @@ class SendBuffer {
   /// Drops bytes from the front; memory beyond the usual is given back when nothing is left.
   void Consume(size_t size);
 
+  /// Drops everything, the memory too.
+  void Clear();
+
  private:
   static constexpr size_t kKept = 64 << 10;
 

@@ -36,7 +36,8 @@ WireConnection::WireConnection(TransportImpl& transport, std::shared_ptr<ByteStr
       stream_(std::move(stream)),
       next_channel_(settings_.initiator ? 1 : 2),
       last_sent_(Clock::Process().Now()),
-      last_received_(last_sent_) {
+      last_received_(last_sent_),
+      last_taken_(last_sent_) {
   // Appended here and now, so that nothing can come before it.
   using std::chrono::milliseconds;
   wire::HelloMsg hello;
@@ -125,6 +126,7 @@ void WireConnection::CloseNow(CloseReason reason) {
     }
     batches_.clear();
     waiting_forwarders.swap(refused_forwarders_);
+    DropUnsent();
   }
   ZEM_LIB_LOG(Library::kNet, kLogInfo, "%s: closed, %s", text_.c_str(), CloseReasonToCStr(reason));
   stream->Close();
@@ -271,7 +273,7 @@ void WireConnection::DropForwarded(uint32_t channel, CloseReason reason) {
 
 void WireConnection::ResumeReading() {
   strand_->Post([self = shared_from_this()] {
-    if (std::exchange(self->reading_paused_, false)) self->ReadMore();
+    if (std::exchange(self->reading_paused_, false)) self->HandleReceived();
   });
 }
 
@@ -288,7 +290,7 @@ void WireConnection::ReadMore() {
   std::shared_ptr<ByteStream> stream;
   {
     Lock lock(mutex_);
-    if (phase_ == Phase::kClosed) return;
+    if (phase_ == Phase::kClosed || reading_) return;
     reading_ = true;
     stream = stream_;
   }
@@ -308,16 +310,24 @@ void WireConnection::OnRead(size_t size) {
     return;
   }
   receive_.Commit(size);
+  HandleReceived();
+}
+
+void WireConnection::HandleReceived() {
+  if (phase_ == Phase::kClosed) return;  // written on this strand only
   FrameHeader header;
   const char* payload = nullptr;
   ReceiveBuffer::Result result;
-  while ((result = receive_.Next(&header, &payload)) == ReceiveBuffer::Result::kFrame) {
+  for (;;) {
+    if (PauseForUnsent()) return;
+    result = receive_.Next(&header, &payload);
+    if (result != ReceiveBuffer::Result::kFrame) break;
     try {
       HandleFrame(header, payload);
     } catch (const std::exception& error) {
       ZEM_LIB_LOG(Library::kRpc, kLogError, "%s: a callback threw: %s", text_.c_str(), error.what());
     }
-    if (phase_ == Phase::kClosed) return;  // written on this strand only
+    if (phase_ == Phase::kClosed) return;
   }
   if (result == ReceiveBuffer::Result::kBad) {
     Malformed(receive_.error(), header);
@@ -325,6 +335,17 @@ void WireConnection::OnRead(size_t size) {
   }
   if (reading_paused_) return;
   ReadMore();
+}
+
+// A peer that asks and does not read the answers must not take this process's memory.
+bool WireConnection::PauseForUnsent() {
+  if (!over_limit_.load(std::memory_order_relaxed)) return false;
+  Lock lock(mutex_);
+  Flush(lock);
+  over_limit_ = unsent() > kUnsentLimit;
+  if (!over_limit_) return false;
+  paused_for_unsent_ = true;
+  return true;
 }
 
 void WireConnection::OnWritable() {
@@ -335,7 +356,10 @@ void WireConnection::OnWritable() {
 }
 
 char* WireConnection::AppendFrame(FrameHeader header) {
+  if (given_up_ || phase_ == Phase::kClosed) DropUnsent();
   char* const out = pending_.Extend(kFrameHeaderSize + header.length);
+  if (unsent() > kUnsentLimit) [[unlikely]]
+    LimitUnsent();
   EncodeFrameHeader(header, out);
   return out + kFrameHeaderSize;
 }
@@ -386,6 +410,19 @@ void WireConnection::AppendEnd(uint32_t channel, uint32_t call, const Status& st
   std::memcpy(out + 2, text.data(), text.size());
 }
 
+void WireConnection::LimitUnsent() {
+  over_limit_ = true;
+  if (unsent() <= kUnsentGiveUp || std::exchange(given_up_, true)) return;
+  ZEM_LIB_LOG(Library::kNet, kLogWarning, "%s: the peer does not read, giving it up", text_.c_str());
+  CloseSoon(CloseReason::kConnectionLost);
+}
+
+// What a thread is taking to the socket right now is dropped by that thread.
+void WireConnection::DropUnsent() {
+  pending_.Clear();
+  if (!in_write_) active_.Clear();
+}
+
 void WireConnection::SendAppended(Lock& lock) {
   if (FlushScope* const scope = FlushScope::Current()) {
     if (pending_.size() >= kGatherLimit) {
@@ -432,28 +469,23 @@ void WireConnection::Flush(Lock& lock) {
     const ssize_t size = stream->TryWrite(active_.data(), active_.size());
     lock.lock();
     in_write_ = false;
-    if (size < 0) {
+    if (size < 0 || given_up_ || phase_ == Phase::kClosed) {
       // The reader sees the same end, after what the peer said before it; heartbeats end it at the latest.
-      active_.Consume(active_.size());
-      pending_.Consume(pending_.size());
+      DropUnsent();
       if (!reading_) CloseSoon(CloseReason::kConnectionLost);
       break;
     }
     sent = sent || size > 0;
     active_.Consume(static_cast<size_t>(size));
     if (active_.empty()) continue;
-    if (unsent() > 4 * kUnsentLimit) {
-      ZEM_LIB_LOG(Library::kNet, kLogWarning, "%s: the peer does not read, giving it up", text_.c_str());
-      CloseSoon(CloseReason::kConnectionLost);
-    }
-    if (sent) last_sent_ = Clock::Process().Now();
+    if (sent) last_taken_ = last_sent_ = Clock::Process().Now();
     // Still flushing: the bytes wait for room.
     strand_->Post([self = shared_from_this(), stream] { stream->WaitWritable(self); });
     WakeWriters();
     return;
   }
   flushing_ = false;
-  if (sent) last_sent_ = Clock::Process().Now();
+  if (sent) last_taken_ = last_sent_ = Clock::Process().Now();
   WakeWriters();
 }
 
@@ -499,6 +531,9 @@ void WireConnection::WakeWriters() {
   }
   for (const auto& weak : std::exchange(refused_forwarders_, {})) {
     if (const auto peer = weak.lock()) peer->ResumeReading();
+  }
+  if (std::exchange(paused_for_unsent_, false)) {
+    strand_->Post([self = shared_from_this()] { self->HandleReceived(); });
   }
 }
 
@@ -621,7 +656,11 @@ void WireConnection::OnTimer(uint64_t arming) {
   if (phase_ == Phase::kIntroducing) {
     if (now >= settings_.introduction_deadline) CloseSoon(CloseReason::kConnectionLost);
   } else {
-    if (!reading_) {
+    if (paused_for_unsent_ && now >= last_taken_ + settings_.options.heartbeat_dead) {
+      // It is not read from, so silence cannot tell; that it takes nothing does.
+      ZEM_LIB_LOG(Library::kNet, kLogWarning, "%s: the peer does not read, giving it up", text_.c_str());
+      CloseSoon(CloseReason::kConnectionLost);
+    } else if (!reading_) {
       last_received_ = now;  // a callback of ours holds the strand: the silence is not the peer's
     } else if (now >= last_received_ + settings_.options.heartbeat_dead) {
       CloseSoon(CloseReason::kHeartbeatTimeout);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -151,6 +152,9 @@ class WireConnection final : public ByteStreamReader, public std::enable_shared_
   void AppendControl(FrameType type, uint32_t channel, uint32_t call, uint16_t code);
   void AppendEnd(uint32_t channel, uint32_t call, const Status& status);
   size_t unsent() const { return pending_.size() + active_.size(); }
+  // Over the first limit the reading stops, over the last one the connection ends, whoever appended.
+  void LimitUnsent();
+  void DropUnsent();
   // What was appended goes out: at the end of the callbacks of this thread, at once, or soon.
   void SendAppended(Lock& lock);
   void Flush(Lock& lock);
@@ -168,6 +172,10 @@ class WireConnection final : public ByteStreamReader, public std::enable_shared_
   void TellEnded();
 
   void ReadMore();
+  // Frames that have come, then more of them; stops while too much is unsent.
+  void HandleReceived();
+  // True when the peer has to take what is unsent first; WakeWriters goes on then.
+  bool PauseForUnsent();
   void ArmTimer();
   void OnTimer(uint64_t arming);
   void CloseSoon(CloseReason reason);  // under the mutex
@@ -208,8 +216,12 @@ class WireConnection final : public ByteStreamReader, public std::enable_shared_
 
   TimePoint last_sent_;
   TimePoint last_received_;
-  bool reading_ = false;  // a read is under way; while it is not, silence is not the peer's
-  bool reading_paused_ = false;
+  bool reading_ = false;         // a read is under way; while it is not, silence is not the peer's
+  bool reading_paused_ = false;  // a connection that frames are forwarded to is full
+  bool paused_for_unsent_ = false;
+  std::atomic<bool> over_limit_{false};  // written under the mutex
+  bool given_up_ = false;                // the peer does not read: what is appended from now on is dropped
+  TimePoint last_taken_{};               // when the socket took bytes
   std::shared_ptr<Timer> timer_;
   TimePoint timer_due_ = TimePoint::max();
   uint64_t arming_ = 0;

@@ -320,7 +320,7 @@ std::string Manager::Send(const SendRequest& request, std::function<void(HostAns
   Message* const member = unified->GetReflection()->MutableMessage(unified.get(), field);
   const std::string error = ParseText(request.text, member);
   if (!error.empty()) return member->GetTypeName() + " " + error;
-  SetType(unified.get(), WireTypeName(*field->message_type()));
+  SetType(unified.get(), request.type.empty() ? WireTypeName(*field->message_type()) : request.type);
   GenericUnifiedMsg message;
   message.set_payload(unified->SerializeAsString());
   const std::string id = request.correlation_id.value_or(RandomUuidText());

@@ -91,6 +91,8 @@ class Manager {
     std::string member;
     std::string text;  // of the member, text format
     std::optional<std::string> correlation_id;
+    /// In the unified message, instead of the member's own.
+    std::string type;
     bool with_header = true;
     bool publish = false;
     Duration timeout = std::chrono::seconds(30);

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "platform/core/poll.h"
+
 namespace zem::sim {
 namespace {
 
@@ -130,7 +132,7 @@ void HostManagement::Serve() {
         waits[0].fd = client->get();
       }
     }
-    if (::poll(waits, 2, -1) < 0) {
+    if (PollIdle(waits, 2, -1) < 0) {
       if (errno != EINTR) return;
       continue;
     }

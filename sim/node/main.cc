@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/core/clock_factor.h"
 #include "platform/core/thread.h"
 #include "sim/control/json.h"
 #include "sim/node/control_client.h"
@@ -51,6 +52,7 @@ constexpr const char* kUsage =
     "  --datastore FOLDER  where VMs are made, for several nodes that see the same (the node's own)\n"
     "  --second         check alone: another node like it, which sees the same VMs' folders\n"
     "  --issue TEXT     the identity file's text; \"\" leaves it away\n"
+    "  --clock-factor N all of the node lives N times as fast, up to 100 (1)\n"
     "  --no-daemon      the daemon is started by \"daemon/start\"\n"
     "  --follow         prints the daemon's log\n"
     "exit code: 0 only when what was asked was done\n";
@@ -98,6 +100,9 @@ int RunNode(Words words, const char* program) {
       node.realization_options = ReadFile(words.Take());
     } else if (option == "--datastore") {
       sandbox.datastore = words.Take();
+    } else if (option == "--clock-factor") {
+      // Before anybody asks for the time; the daemon gets it too.
+      ::setenv(zem::kClockFactorVariable, words.Take().c_str(), 1);
     } else if (option == "--issue") {
       node.issue = words.Take();
     } else if (option == "--no-daemon") {

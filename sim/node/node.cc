@@ -6,9 +6,11 @@
 #include <boost/asio/signal_set.hpp>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 
+#include "platform/core/clock_factor.h"
 #include "sim/control/control_server.h"
 #include "sim/dataplane/dataplane_agent.h"
 #include "sim/dataplane/dataplane_commands.h"
@@ -71,6 +73,9 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
   machines_ = std::make_unique<VirtualMachines>(*host_management_, host_state_.VmFile());
   daemon_ = std::make_unique<DaemonProcess>(kDaemonPath, std::string(kNodeDirectory) + "/daemon.out");
   daemon_->SetEnvironment("LD_LIBRARY_PATH", kLoadedLibraries);
+  if (const char* const factor = std::getenv(kClockFactorVariable)) {
+    daemon_->SetEnvironment(kClockFactorVariable, factor);
+  }
 
   RegisterStoreCommands(store_commands_, *store_, registry_);
   RegisterManagerCommands(manager_commands_, *manager_);

@@ -148,11 +148,8 @@ void MakeMounts(const SandboxOptions& options) {
   }
 }
 
-int InitProcess(const SandboxOptions& options, const std::function<int()>& body) {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+int Attempt(const std::function<int()>& body) {
   try {
-    MakeMounts(options);
-    RaiseLoopback();
     return body();
   } catch (const std::exception& error) {
     std::fprintf(stderr, "zem-node: %s\n", error.what());
@@ -160,12 +157,35 @@ int InitProcess(const SandboxOptions& options, const std::function<int()>& body)
   }
 }
 
+int ExitCode(int status) { return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status); }
+
 int WaitForEnd(pid_t child) {
   int status = 0;
   while (::waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) Fail("waitpid");
   }
-  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+  return ExitCode(status);
+}
+
+// The sandbox's first process.  It does what a machine's does, reap those whose parents have died, and
+// nothing else: the body waits for children of its own.
+int InitProcess(const SandboxOptions& options, const std::function<int()>& body) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  const int failed = Attempt([&options] {
+    MakeMounts(options);
+    RaiseLoopback();
+    return 0;
+  });
+  if (failed != 0) return failed;
+  const pid_t node = ::fork();
+  if (node == 0) ::_exit(Attempt(body));
+  if (node < 0) return 1;
+  for (;;) {
+    int status = 0;
+    const pid_t ended = ::wait(&status);
+    if (ended == node) return ExitCode(status);
+    if (ended < 0 && errno != EINTR) return 1;
+  }
 }
 
 // Only its children live in new namespaces of processes, so one process stays between the caller and the

@@ -31,9 +31,9 @@ inline constexpr const char* kHostScripts = "/usr/lib64/orlane/zem-tarvik/pylum/
 inline constexpr const char* kDatastore = "/var/datastore";
 inline constexpr const char* kDaemonPath = "/opt/orlane/zem-tarvik/bin/zem-tarvik";
 
-/// Runs `body` as the first process of a new sandbox and gives its exit code; the code is 128 and the
-/// signal's number when it died by one.  The sandbox ends with the first of the body, this process, and the
-/// caller's parent. Throws std::system_error when the system does not give a sandbox (it takes root).
+/// Runs `body` in a new sandbox, whose first process reaps orphans, and gives its exit code; the code is 128
+/// and the signal's number when it died by one.  The sandbox ends with the first of the body, this process,
+/// and the caller's parent. Throws std::system_error when the system does not give a sandbox (it takes root).
 int RunInSandbox(const SandboxOptions& options, const std::function<int()>& body);
 
 }  // namespace zem::sim

@@ -21,6 +21,7 @@ namespace {
 
 constexpr auto kPollInterval = std::chrono::milliseconds(100);
 constexpr double kLogPatience = 2;  // seconds; the log comes by a road of its own
+constexpr auto kLeftPatience = std::chrono::seconds(10);
 constexpr size_t kMaxShown = 2000;
 
 long long NowNs() { return Clock::Process().Now().time_since_epoch().count(); }
@@ -162,8 +163,26 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
     return false;
   }
   EndStep();
+  if (!NothingIsLeft()) {
+    out_ << "\n"
+         << name << ": at its end the libraries have not got back: " << problem_ << "\n"
+         << std::flush;
+    return false;
+  }
   out_ << name << ": every line held\n" << std::flush;
   return true;
+}
+
+// An operation may still be under way when the last line holds.
+bool Scenario::NothingIsLeft() {
+  for (const TimePoint end = Clock::Process().Now() + kLeftPatience;;) {
+    const Json answer{cJSON_Parse(node_.Execute("switch/live").c_str())};
+    const cJSON* const left = answer ? Find(answer.get(), "result") : nullptr;
+    if (cJSON_GetArraySize(left) == 0) return true;
+    problem_ = Text(left);
+    if (Clock::Process().Now() >= end) return false;
+    SleepFor(kPollInterval);
+  }
 }
 
 bool Scenario::Lines(const Numbered* begin, const Numbered* end, const Numbered** failed) {

@@ -61,6 +61,7 @@ class Scenario {
   bool Show(const std::string& path);
   bool Keep(const std::string& text);
   void EndStep();
+  bool NothingIsLeft();
   unsigned long long LastLogNumber();
 
   std::string Execute(const std::string& command);

@@ -7,6 +7,7 @@
 #include <unordered_set>
 
 #include "sim/switch/library_call.h"
+#include "sim/switch/live_count.h"
 #include "sim/switch/state_tree.h"
 
 // A handle is only followed when it is known to live, so that a caller's mistake ends in the log of
@@ -18,9 +19,6 @@ namespace {
 class Handles {
  public:
   ~Handles() {
-    if (!live_.empty()) {
-      Violation("DVSData_Free", std::to_string(live_.size()) + " lists were never freed");
-    }
     for (DVSData* const data : live_) delete data;
   }
 
@@ -28,6 +26,7 @@ class Handles {
     auto data = std::make_unique<DVSData>(DVSData{std::move(list)});
     std::lock_guard lock(mutex_);
     live_.insert(data.get());
+    count_.Add(1);
     return data.release();
   }
   bool Live(const DVSData* data) const {
@@ -38,6 +37,7 @@ class Handles {
     {
       std::lock_guard lock(mutex_);
       if (live_.erase(data) == 0) return false;
+      count_.Add(-1);
     }
     delete data;
     return true;
@@ -46,6 +46,7 @@ class Handles {
  private:
   mutable std::mutex mutex_;  // guards live_
   std::unordered_set<DVSData*> live_;
+  LiveCount count_{"DVSData_Alloc"};
 };
 
 Handles handles;

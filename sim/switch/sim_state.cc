@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "sim/switch/json_file.h"
+#include "sim/switch/live_count.h"
 #include "sim/switch/port_table.h"
 #include "sim/switch/state_tree.h"
 
@@ -178,6 +179,15 @@ std::vector<std::string> SwitchState::Calls(std::string_view part) const {
 }
 
 std::vector<std::string> SwitchState::Violations() const { return Lines(tree::ViolationsFile(), {}); }
+
+std::vector<std::string> SwitchState::Live() const {
+  std::vector<std::string> lines;
+  for (const LiveObjects& objects : ReadLiveObjects()) {
+    lines.push_back(objects.kind + ": " + std::to_string(objects.count) + " of process " +
+                    std::to_string(objects.pid));
+  }
+  return lines;
+}
 
 void SwitchState::ClearLogs() {
   // The libraries have them open.

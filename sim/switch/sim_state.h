@@ -60,6 +60,8 @@ class SwitchState {
   /// The lines of the logs, oldest first; those of calls that hold `part`.
   std::vector<std::string> Calls(std::string_view part = {}) const;
   std::vector<std::string> Violations() const;
+  /// "DVSData_Alloc: 2 of process 17", for what a living process has been given and not given back.
+  std::vector<std::string> Live() const;
   void ClearLogs();
 };
 

@@ -244,6 +244,8 @@ void RegisterSwitchCommands(CommandTable& table, SwitchState& state, LibraryFold
                   2, 3, [c](A a, R r) { c.Library(a, r); }});
   table.Register({"switch/violations", "", "Shows the rules of the libraries that the daemon broke.", 0, 0,
                   [c](A, R r) { r.Ok(LogLines(c.state().Violations())); }});
+  table.Register({"switch/live", "", "Shows what the libraries gave and have not got back, as it stands.", 0,
+                  0, [c](A, R r) { r.Ok(Strings(c.state().Live())); }});
   table.Register({"switch/calls", "[PART]", "Shows the last calls, or those whose line holds PART.", 0, 1,
                   [c](A a, R r) { c.Calls(a, r); }});
   table.Register({"switch/clear-logs", "", "Empties the logs of calls and violations.", 0, 0, [c](A, R r) {

@@ -6,6 +6,7 @@
 #include "platform/switchlib/endpointlib.h"
 #include "sim/switch/json_file.h"
 #include "sim/switch/library_call.h"
+#include "sim/switch/live_count.h"
 #include "sim/switch/state_tree.h"
 
 using namespace zem::sim;
@@ -17,9 +18,6 @@ constexpr uint32_t kMostSeconds = 3600;
 class OpenHandles {
  public:
   ~OpenHandles() {
-    if (!open_.empty()) {
-      Violation("VDL2KNL_ReleaseKnlnic", std::to_string(open_.size()) + " handles were never released");
-    }
     for (void* const handle : open_) std::free(handle);
   }
   void* Make(uint32_t id) {
@@ -28,11 +26,13 @@ class OpenHandles {
     *handle = id;
     std::lock_guard lock(mutex_);
     open_.insert(handle);
+    count_.Add(1);
     return handle;
   }
   bool Release(void* handle) {
     std::lock_guard lock(mutex_);
     if (open_.erase(handle) == 0) return false;
+    count_.Add(-1);
     std::free(handle);
     return true;
   }
@@ -40,6 +40,7 @@ class OpenHandles {
  private:
   std::mutex mutex_;  // guards open_
   std::unordered_set<void*> open_;
+  LiveCount count_{"VDL2KNL_GetKnlnic"};
 };
 
 OpenHandles handles;

@@ -41,6 +41,11 @@ TEST(BusHeaderTest, ReadsWhatItWrites) {
   EXPECT_EQ(read->app_id, "unused");
   EXPECT_EQ(read->msg_type, 2);
   EXPECT_EQ(read->vdr_request_id, 1LL << 40);
+  header.msg_class = "com.orlane.zem.customer.ClientRpcRequest";
+  const std::optional<BusHeader> with_class = BusHeader::Decode(header.Encode());
+  ASSERT_TRUE(with_class);
+  EXPECT_EQ(with_class->msg_class, header.msg_class);
+  EXPECT_EQ(with_class->msg_type, std::nullopt) << "one key cannot be both";
 }
 
 TEST(BusHeaderTest, ForeignKeysAndTypesAreSkipped) {

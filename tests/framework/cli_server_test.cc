@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <optional>
@@ -10,6 +11,7 @@
 #include "framework/builtin_commands.h"
 #include "framework/child_process.h"
 #include "platform/core/metrics.h"
+#include "platform/core/unique_fd.h"
 #include "platform/core/unix_socket.h"
 #include "platform/core/work_group.h"
 #include "platform/wft/workflow_util.h"
@@ -64,6 +66,30 @@ class CliServerTest : public ::testing::Test {
   boost::intrusive_ptr<WorkGroup> group_;
   boost::intrusive_ptr<CliServer> server_;
 };
+
+// A connection that cannot be taken for want of a descriptor waits; the loop does not turn for it.
+TEST_F(CliServerTest, PausesAtTheDescriptorLimit) {
+  server_->AddCommands(BuiltinCommands());
+  StartAndWait();
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const UniqueFd client = OpenUnixStream();
+  // Every descriptor below the new limit is taken.
+  rlimit tight = before;
+  tight.rlim_cur = static_cast<rlim_t>(client.get()) + 20;
+  std::vector<UniqueFd> taken;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+  for (int fd = ::dup(client.get()); fd >= 0; fd = ::dup(client.get())) taken.emplace_back(fd);
+  EXPECT_EQ(ConnectUnix(client.get(), directory_.Path("cli")), 0);
+  while (!capture_.Contains("CliServer: no connection can be taken")) {
+    SleepFor(std::chrono::milliseconds(1));
+  }
+  taken.clear();
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_THAT(Call({"get/loglevel"}), HasSubstr("debug"));
+  EXPECT_TRUE(capture_.Contains("CliServer: connections can be taken again"));
+  EXPECT_EQ(capture_.Count("CliServer: no connection can be taken"), 1u);
+}
 
 TEST_F(CliServerTest, LevelCommands) {
   EXPECT_TRUE(capture_.Contains("Tarvik cli socket " + directory_.Path("cli")));

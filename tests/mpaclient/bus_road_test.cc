@@ -18,6 +18,7 @@ class ScriptedBus final : public RmqClientInterface {
   int InitNETClient(const char* app_id, const char* app_type, int, rmqClientCallback callback) override {
     asked.emplace_back(std::string(app_type) + "/" + app_id);
     deliver = callback;
+    if (on_attempt) on_attempt();
     if (cookies.empty()) return kBusConnectFail;
     const int cookie = cookies.front();
     cookies.pop_front();
@@ -25,6 +26,7 @@ class ScriptedBus final : public RmqClientInterface {
   }
   int CloseClient(int cookie) override {
     closed.push_back(cookie);
+    if (closed_too != nullptr) closed_too->push_back(cookie);
     return 0;
   }
   int SendToVSM(rmqClientMessage*) override { return send_result; }
@@ -34,9 +36,11 @@ class ScriptedBus final : public RmqClientInterface {
   }
   int StopNETEventLoop() override { return 0; }
 
+  std::function<void()> on_attempt;
   std::vector<std::string> asked;
   std::deque<int> cookies;
   std::vector<int> closed;
+  std::vector<int>* closed_too = nullptr;  // outlives the bus
   int send_result = 0;
   rmqClientCallback deliver = nullptr;
 };
@@ -100,6 +104,31 @@ TEST_F(BusRoadTest, CloseCountsOnlyWithItsOwnCookie) {
   clock.RunFor(seconds(1));
   EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), 9);
   EXPECT_THAT(TypesSeenBy("SomeVertical"), ElementsAre(kRmqClientRegistrationAck, kRmqClientClose));
+}
+
+// An attempt may take long; an end that comes meanwhile still is one.
+TEST_F(BusRoadTest, EndDuringAnAttemptLeavesNothingOpen) {
+  Start("SomeVertical");
+  bus->cookies = {7, 8};
+  bus->on_attempt = [] { MpaClient::Get("SomeVertical")->Stop(); };
+  clock.RunFor(seconds(5));
+  EXPECT_THAT(bus->closed, ElementsAre(7));
+  EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), -1);
+  EXPECT_EQ(MpaClient::Get("SomeVertical")->connection_state(), MpaClient::kDisconnected);
+  clock.RunFor(seconds(60));
+  EXPECT_EQ(bus->asked.size(), 2u) << "no timer goes on";
+
+  bus->on_attempt = [this] {
+    MpaClient::Unregister("SomeVertical");
+    bus.reset();
+  };
+  ScriptedBus* const lib = bus.get();
+  std::vector<int> closed;
+  lib->closed_too = &closed;
+  const auto client = MpaClient::Get("SomeVertical");
+  client->Start(nullptr);
+  EXPECT_THAT(closed, ElementsAre(8));
+  EXPECT_EQ(client->cookie(), -1);
 }
 
 TEST_F(BusRoadTest, WhatIsDeliveredAndSent) {

@@ -1,3 +1,6 @@
+#include <algorithm>
+
+#include "mpaclient/verticals.h"
 #include "proto/switching/switching.pb.h"
 #include "proto/switching/switching_unified.pb.h"
 #include "tests/mpaclient/channel_fixture.h"
@@ -15,6 +18,7 @@ using ::testing::UnorderedElementsAre;
 constexpr const char* kSwitching = "SwitchingVertical";
 constexpr const char* kLldp = "LldpVertical";
 constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg";
+constexpr const char* kUnknownAph = "0a000000-0000-4000-8000-000000000009";
 // Spread of the first stubs is 1 to 5 seconds.
 constexpr seconds kReady{6};
 
@@ -77,6 +81,71 @@ TEST_F(ChannelTest, RequestOfTheManagerIsAnsweredOnItsCall) {
   EXPECT_EQ(config.revision(), "7");
 }
 
+// An answer that comes after its call has ended counts as given: whoever tried again would wait in vain.  The
+// switching vertical's goes to its asker once, as a message of its own.
+TEST_F(ChannelTest, AnswerToAnEndedCallIsGivenOnce) {
+  StartManager();
+  Register(kSwitching);
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  const auto ask = [this](const std::string& vertical, const std::string& member) {
+    sim::Manager::SendRequest request;
+    request.vertical = vertical;
+    request.member = member;
+    request.text = member == "RawPayloadMsg" ? "payload: \"x\"" : "";
+    request.correlation_id = "slow";
+    request.timeout = seconds(1);
+    ASSERT_EQ(manager->Send(request, [](const sim::HostAnswer&) {}), "");
+    clock.RunFor(seconds(2));
+  };
+  BusHeader header;
+  header.type_id = kHostConfigType;
+  header.correlation_id = "slow";
+  for (const int round : {1, 2}) {
+    ask(kSwitching, "HostConfigMsg");
+    EXPECT_EQ(Send(kSwitching, kRmqClientRpcResponse, header, "", round == 1 ? kAph1 : kUnknownAph), 0);
+    ask(kLldp, "RawPayloadMsg");
+    EXPECT_EQ(Send(kLldp, kRmqClientRpcResponse, header, "", kAph1), 0);
+    clock.RunFor(milliseconds(10));
+    EXPECT_EQ(
+        std::ranges::count(manager->ReceivedFrom(kSwitching, 0), "slow", &sim::Received::correlation_id), 1);
+    EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).size(), 0u);
+  }
+}
+
+// An id is taken as long as its call runs, and no longer.
+TEST_F(ChannelTest, CorrelationIdGoesWithItsCall) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  sim::Manager::SendRequest request;
+  request.vertical = kSwitching;
+  request.member = "ChecksumMsg";
+  request.correlation_id = "again";
+  request.timeout = seconds(5);
+  std::vector<int> statuses;
+  const auto requests = [this] { return std::ranges::count(TypesSeenBy(kSwitching), kRmqMpRpcRequest); };
+  const auto ask = [&] {
+    ASSERT_EQ(manager->Send(request, [&](const sim::HostAnswer& a) { statuses.push_back(a.status.code()); }),
+              "");
+    clock.RunFor(seconds(3));
+  };
+  ask();
+  ask();
+  EXPECT_EQ(requests(), 1) << "the first call runs";
+  clock.RunFor(seconds(3));
+  ask();
+  EXPECT_EQ(requests(), 2) << "both calls have run into their time-out";
+  BusHeader answer;
+  answer.type_id = "com.orlane.zem.switching.ChecksumMsg";
+  answer.correlation_id = "again";
+  EXPECT_EQ(Send(kSwitching, kRmqClientRpcResponse, answer, ""), 0);
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(statuses.back(), 0) << "the end of the first call has not taken the id of this one";
+}
+
 // What goes wrong on the way in drops the message, and only that.
 TEST_F(ChannelTest, InboundRules) {
   StartManager();
@@ -126,6 +195,23 @@ TEST_F(ChannelTest, InboundRules) {
   EXPECT_EQ(send(kSwitching, "app_init_config", "sender: \"mp\"", "a-1", false, true), 0);
   EXPECT_EQ(SeenBy(kSwitching).size(), switching);
   EXPECT_TRUE(log.Contains("l2HostService::RpcMsgHandler Responded with AppInitConfigAckMsg"));
+}
+
+// A vertical without the handshake gets the manager's app-init config as a message like any other.
+TEST_F(ChannelTest, AppInitConfigOfAVerticalWithoutTheHandshakeIsDelivered) {
+  StartManager();
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  sim::Manager::SendRequest request;
+  request.vertical = kLldp;
+  request.member = "RawPayloadMsg";
+  request.type = kAppInitConfigType;
+  request.text = "payload: \"config\"";
+  ASSERT_EQ(manager->Send(request, [](const sim::HostAnswer&) {}), "");
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(SeenBy(kLldp).back().type, kRmqMpRpcRequest);
+  EXPECT_EQ(SeenBy(kLldp).back().payload, "config");
 }
 
 TEST_F(ChannelTest, OutboundRoads) {
@@ -191,10 +277,10 @@ TEST_F(ChannelTest, OneRecordToEachAph) {
   record.SetApp(kLldp, "test").SetHeader(header).SetPayload("x");
   for (const auto& [aph, master] : MpaClient::Get(kLldp)->Aphs()) {
     rmqClientMessage message = record.message();
-    EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, aph), 0);
+    EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, aph, nullptr), 0);
   }
   rmqClientMessage message = record.message();
-  EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, "nobody"), -1);
+  EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, "nobody", nullptr), -1);
   clock.RunFor(milliseconds(10));
   EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).size(), 2u);
 }
@@ -215,6 +301,28 @@ TEST_F(ChannelTest, MasterChangeToAKnownAphShakesHandsAtOnce) {
   clock.RunFor(seconds(1));
   EXPECT_TRUE(log.Contains("No Mastership change."));
   EXPECT_EQ(SeenBy(kSwitching).size(), 2u);
+}
+
+// The state is "connected" while the master has a stub, whatever other APHs have one.
+TEST_F(ChannelTest, StateFollowsTheMastersStub) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  const auto state = [this](const std::string& master) {
+    EXPECT_TRUE(manager->SetMaster(master));
+    clock.RunFor(milliseconds(100));
+    EXPECT_EQ(MpaClient::Get(kSwitching)->IsMasterStubMissing(),
+              MpaClient::Get(kSwitching)->connection_state() == MpaClient::kDisconnected);
+    return MpaClient::Get(kSwitching)->connection_state();
+  };
+  EXPECT_EQ(state(kAph1), MpaClient::kConnected);
+  EXPECT_EQ(state(""), MpaClient::kDisconnected) << "nobody is master";
+  EXPECT_EQ(state(kAph2), MpaClient::kConnected);
+  ASSERT_TRUE(manager->RemoveAph(kAph1, true));
+  clock.RunFor(milliseconds(100));
+  EXPECT_EQ(state(kAph1), MpaClient::kDisconnected) << "the new master has no stub";
+  EXPECT_EQ(state(kAph2), MpaClient::kConnected);
 }
 
 // The loss of an APH has two outcomes: the master's takes the vertical down at once, another's only loses a
@@ -277,6 +385,55 @@ TEST_F(ChannelTest, ProxyDiesAndComesBack) {
       kRmqClientRegistrationAck, kRmqClientClose, kRmqClientRegistrationAck};
   EXPECT_EQ(TypesSeenBy(kSwitching), expected);
   EXPECT_EQ(TypesSeenBy(kLldp), expected);
+}
+
+// One outage is one CLOSE, whatever the state was in which it began.
+TEST_F(ChannelTest, OutagesInEveryState) {
+  StartManager();
+  Register(kSwitching);
+  Register(kLldp);
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  const auto told_since = [this](size_t begin) {
+    std::vector<int32_t> types = TypesSeenBy(kSwitching);
+    EXPECT_EQ(types, TypesSeenBy(kLldp));
+    types.erase(types.begin(), types.begin() + static_cast<std::ptrdiff_t>(begin));
+    return types;
+  };
+  const struct {
+    const char* state;
+    std::function<void()> begin;
+  } outages[] = {
+      {"nobody is master", [this] { manager->SetMaster(""); }},
+      {"the master has no stub",
+       [this] {
+         sim::ProxyInfo info;
+         info.aphs = {{kAph1, false}, {kAph2, false}, {kUnknownAph, true}};
+         manager->PublishRaw(info);
+       }},
+      {"the master is lost and unlisted at once", [this] { manager->RemoveAph(kAph1, false); }},
+  };
+  for (const auto& outage : outages) {
+    SCOPED_TRACE(outage.state);
+    const size_t before = SeenBy(kSwitching).size();
+    outage.begin();
+    clock.RunFor(milliseconds(500));
+    manager->StopProxy();
+    clock.RunFor(seconds(7));
+    EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose));
+    manager->StartProxy();
+    manager->AddAph(kAph1, true);
+    clock.RunFor(seconds(25));
+    EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
+  }
+  // The proxy lives on when the master leaves.
+  const size_t before = SeenBy(kSwitching).size();
+  ASSERT_TRUE(manager->RemoveAph(kAph1, false));
+  clock.RunFor(seconds(1));
+  EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose));
+  ASSERT_TRUE(manager->SetMaster(kAph2));
+  clock.RunFor(seconds(1));
+  EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
 }
 
 // A handshake that fails is tried after 10, 20, 30, 30 seconds without end; a success resets the delay.
@@ -389,6 +546,36 @@ TEST_F(ChannelTest, SecretsAreLoggedBySize) {
   }
 }
 
+// Lists that come faster than the delay of a stub do not put it off, neither the first nor a later one.
+TEST_F(ChannelTest, FrequentListsDoNotStarveTheStubs) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  const auto lists_for = [this](seconds time) {
+    for (const TimePoint end = clock.Now() + time; clock.Now() < end;) {
+      clock.RunFor(milliseconds(700));
+      manager->SetMaster(kAph1);
+    }
+  };
+  lists_for(kReady);
+  EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
+  EXPECT_THAT(Snapshot(kSwitching).stubs, UnorderedElementsAre(kAph1, kAph2));
+  ASSERT_TRUE(manager->RemoveAph(kAph2, true));
+  clock.RunFor(milliseconds(10));
+  manager->AddAph(kAph2, false);
+  lists_for(seconds(12));
+  EXPECT_THAT(Snapshot(kSwitching).stubs, UnorderedElementsAre(kAph1, kAph2));
+  // A timer of an APH that has left the list does not run on.
+  ASSERT_TRUE(manager->RemoveAph(kAph2, true));
+  clock.RunFor(milliseconds(10));
+  ASSERT_EQ(Snapshot(kSwitching).timers, 1u);
+  sim::ProxyInfo without;
+  without.aphs = {{kAph1, true}};
+  manager->PublishRaw(without);
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Snapshot(kSwitching).timers, 0u);
+}
+
 // A stub that lands while a new list is being taken over belongs to the old list.
 TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
   StartManager();
@@ -412,6 +599,31 @@ TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
 }
 
+// A vertical that is called may take its time, or wait for somebody: a list that comes meanwhile is not held
+// up.
+TEST_F(ChannelTest, NoLockIsHeldWhileAVerticalIsCalled) {
+  StartManager();
+  Register(kLldp);
+  bool in_uuid_callback = false;
+  const auto list_comes = [] {
+    Thread other(Thread::Options{}, [] { MpaClient::Get(kLldp)->updateStubMap(); });
+    other.Join();
+  };
+  MpaClient::Get(kLldp)->Start([&](const std::string&) {
+    if (!std::exchange(in_uuid_callback, true)) list_comes();
+  });
+  on_record = [&](const Seen& record) {
+    if (record.type == kRmqClientRegistrationAck) list_comes();
+  };
+  proxy_client->Start();
+  // Twice: the list that comes with the first ACK makes the other stub start again.
+  clock.RunFor(2 * kReady);
+  ASSERT_TRUE(manager->SetMaster(kAph2));
+  clock.RunFor(seconds(1));
+  EXPECT_TRUE(in_uuid_callback);
+  EXPECT_THAT(TypesSeenBy(kLldp), ElementsAre(kRmqClientRegistrationAck, kRmqClientRegistrationAck));
+}
+
 // Context engine verticals come from a thread of their own, when everything is up already.
 TEST_F(ChannelTest, LateVerticalCatchesUp) {
   StartManager();
@@ -420,6 +632,30 @@ TEST_F(ChannelTest, LateVerticalCatchesUp) {
   Register("Context-Health");
   clock.RunFor(kReady);
   EXPECT_THAT(TypesSeenBy("Context-Health"), ElementsAre(kRmqClientRegistrationAck));
+}
+
+// A name has one client: a second one would take the requests of the first and have none of its calls.
+TEST_F(ChannelTest, SecondRegistrationOfANameIsRefused) {
+  StartManager();
+  Register(kLldp);
+  MpaClient::Register(
+      provider, [](rmqClientMessage*) { ADD_FAILURE() << "this client does not exist"; }, kLldp, "unused", 1,
+      9002, 30000000, 5000000);
+  EXPECT_TRUE(log.Contains("LldpVertical is registered already"));
+  proxy_client->Start();
+  clock.RunFor(kReady);
+  on_record = [this](const Seen& record) {
+    if (record.type != kRmqMpRpcRequest) return;
+    EXPECT_EQ(Send(kLldp, kRmqClientRpcResponse, record.header, "answer"), 0);
+  };
+  sim::Manager::SendRequest request;
+  request.vertical = kLldp;
+  request.member = "RawPayloadMsg";
+  request.text = "payload: \"x\"";
+  int status = -1;
+  ASSERT_EQ(manager->Send(request, [&](const sim::HostAnswer& a) { status = a.status.code(); }), "");
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(ChannelTest, UnregisteredVerticalLeavesNothingBehind) {

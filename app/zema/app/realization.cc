@@ -180,7 +180,9 @@ Realization::Result Realization::Impl::SetUp() {
   health_->mpaDisconnected();
   ReadStoredConfig();
   // The manager still waits for what is written on these ports.
-  for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) follow_ups_->AddVifRequest(request);
+  for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) {
+    follow_ups_->AddVifRequest(std::make_shared<VifRequest>(*request));
+  }
   SimulateLoad();
   return kDone;
 }
@@ -362,11 +364,7 @@ WorkerFactory Realization::Impl::Factory() {
   };
   factory.switch_handler = [this] {
     auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<VifPortHandler>(vifs_));
-    handler->ServeVnics([this](const std::string& dvs, const std::string& port) {
-      if (ports_->ClearPortOpaqueData(dvs, port) != 0) {
-        ZLOG_WARN("the port [%s] on [%s] keeps what was written on it", port.c_str(), dvs.c_str());
-      }
-    });
+    handler->ServeVnics();
     ResyncThread::Settings resync{health_.get(), &Host(), &resync_state_,
                                   [options = settings_.options] { return options->Snapshot(); }};
     resync.read_ports = [this] { ports_->RefreshVifIndex(); };

@@ -392,6 +392,7 @@ void ZemaApp::Impl::Stop(int reason) {
     if (controller_timer_) controller_timer_->Cancel();
   }
   zema::DeleteTaskThreadObjects();
+  if (reason == 0) zema::Host().Forget();
 }
 
 // --- Out.

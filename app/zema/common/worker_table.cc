@@ -134,6 +134,7 @@ void WorkerTable::DeleteTaskThreadObjects() {
     const Synchronizer lock(table_lock_, __FILE__, __LINE__);
     deleted = std::move(Slot(worker));
   }
+  shut_down_ = false;
 }
 
 int WorkerTable::StartSwitchHandler() {

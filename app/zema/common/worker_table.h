@@ -60,7 +60,7 @@ class WorkerTable {
   /// Tells all workers to stop, then waits for each.
   void StopTaskThreads();
 
-  /// After StopTaskThreads.
+  /// After StopTaskThreads; then a next life of the agent in this process may start them.
   void DeleteTaskThreadObjects();
 
   /// These start one worker ahead of the others; nothing when it runs already.  0, or -1 with an error line.

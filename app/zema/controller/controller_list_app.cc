@@ -74,6 +74,8 @@ bool ControllerListApp::SendMsg(const std::string& type, std::string_view data,
   }
   BusHeader header;
   header.type_id = type;
+  header.msg_class = kListType;
+  header.message_id = RandomUuidText();
   header.correlation_id = correlation_id.empty() ? kNoCorrelation : correlation_id;
   BusRecord record(kRmqClientRpcRequest);
   record.SetApp(kVertical, kSecondName)
@@ -86,7 +88,7 @@ bool ControllerListApp::SendMsg(const std::string& type, std::string_view data,
     ZLOG_ERROR("00103", "[%s] failed to send message (type:%s) to mpa\n", __func__, type.c_str());
     return false;
   }
-  *message_id = RandomUuidText();
+  *message_id = header.message_id;
   ZLOG_INFO("[%s] sent a message (id:[%s] type:[%s]) to mpa\n", __func__, message_id->c_str(), type.c_str());
   return true;
 }

@@ -21,6 +21,11 @@ std::optional<std::string> HostIdentity::id() {
   return GetHostId(&id) ? std::make_optional(std::move(id)) : std::nullopt;
 }
 
+void HostIdentity::Forget() {
+  UnsetHostId();
+  told_to_host_ = false;
+}
+
 HostIdentity& Host() {
   static HostIdentity identity;
   return identity;

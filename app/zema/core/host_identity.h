@@ -24,6 +24,9 @@ class HostIdentity {
   void SetToldToHost() { told_to_host_ = true; }
   bool told_to_host() const { return told_to_host_; }
 
+  /// Nothing is known, as at the start of the process.
+  void Forget();
+
  private:
   static constexpr const char* kUninitialized = "uninitialized";
 

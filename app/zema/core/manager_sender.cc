@@ -28,6 +28,7 @@ constexpr const char* kApp = "SwitchingVertical";
 constexpr const char* kPrefix = "com.orlane.zem.switching.";
 constexpr const char* kVifType = "com.orlane.zem.switching.VifMsg";
 constexpr const char* kHostMessageResponse = "com.orlane.zem.switching.HostMessageResponse";
+constexpr const char* kRequestClass = "com.orlane.zem.customer.ClientRpcRequest";
 constexpr const char* kJsonContent = "application/json";
 
 // What is left of the time limit for the manager's answer after a message has gone out.
@@ -103,6 +104,8 @@ bool ManagerSender::SendMsg(const std::string& type, std::string_view data, cons
   }
   BusHeader header;
   header.type_id = type;
+  header.msg_class = kRequestClass;
+  header.message_id = RandomUuidText();
   header.correlation_id = row->correlation != nullptr ? row->correlation : correlation_id;
   OutgoingRecord outgoing{BusRecord(row->record), type.c_str()};
   outgoing.record.SetApp(kApp, "unused")
@@ -115,19 +118,22 @@ bool ManagerSender::SendMsg(const std::string& type, std::string_view data, cons
     ZLOG_ERROR("00103", "[%s] failed to send message (type:%s) to mpa\n", __func__, type.c_str());
     return false;
   }
-  if (message_id != nullptr) *message_id = RandomUuidText();
+  if (message_id != nullptr) *message_id = header.message_id;
   return true;
 }
 
-// To the master first; then to whoever takes it, pass after pass over the list as it is at that moment.
+// To the master first; then to whoever takes it, pass after pass over the list as it is at that moment.  What
+// no proxy would take is not offered to the others.
 bool ManagerSender::SendMsgToAph(MpaClient& client, const OutgoingRecord& outgoing, int limit_s) const {
   rmqClientMessage message = outgoing.record.message();
-  if (client.SendMessage(&message) == 0) return true;
+  MpaClient::SendFailure why = MpaClient::SendFailure::kNone;
+  if (client.SendMessageTo(&message, "", &why) == 0) return true;
+  if (why != MpaClient::SendFailure::kNoRoad) return false;
   ZLOG_ERROR("00103", "Error while sending to Primary APH, trying Secondary APH");
   for (int spent_s = 0; spent_s < limit_s; spent_s += kPassPauseS) {
     for (const auto& [aph, master] : client.Aphs()) {
       rmqClientMessage again = outgoing.record.message();
-      if (client.SendMessageTo(&again, aph) == 0) {
+      if (client.SendMessageTo(&again, aph, nullptr) == 0) {
         ZLOG_INFO("[%s] SendMsg to APH: %s succeeded.\n", outgoing.type, aph.c_str());
         return true;
       }

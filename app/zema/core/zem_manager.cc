@@ -3,9 +3,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <mutex>
 
 #include "framework/log.h"
 #include "platform/core/clock.h"
+#include "platform/core/condition.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {
@@ -40,6 +42,30 @@ void TagCall(const VifSender::Attachment& attachment, const std::string& op_id) 
 
 }  // namespace
 
+namespace {
+
+// The caller's monitor is free within the scope, so that its owner can reach it.
+class MonitorReleased {
+ public:
+  explicit MonitorReleased(Thread* waiter) : waiter_(waiter) { waiter_->Unlock(); }
+  ~MonitorReleased() { waiter_->Lock(); }
+  MonitorReleased(const MonitorReleased&) = delete;
+  MonitorReleased& operator=(const MonitorReleased&) = delete;
+
+ private:
+  Thread* const waiter_;
+};
+
+}  // namespace
+
+// What a call waits for.
+struct ZemManager::Answer {
+  std::mutex mutex;  // guards all below; never held with another lock
+  Condition changed;
+  std::unique_ptr<PortAttached> result;
+  bool ended = false;  // nobody will bring one
+};
+
 // What the two calls say differently.
 struct ZemManager::Texts {
   const char* span;
@@ -73,21 +99,25 @@ struct ZemManager::Texts {
 ZemManager::ZemManager(VifSender& sender, Settings settings)
     : sender_(sender), settings_(std::move(settings)) {}
 
-std::string ZemManager::RegisterRpc(const std::string& op_id, Thread* waiter, bool wait) {
+std::string ZemManager::RegisterRpc(const std::string& op_id, bool wait) {
   const Synchronizer lock(*this, __FILE__, __LINE__);
   char number[16];
   std::snprintf(number, sizeof(number), "%u", next_rpc.fetch_add(1));
   std::string rpc_id = op_id + "-" + number;
-  if (wait) pending_[rpc_id] = Pending{waiter, nullptr};
+  if (wait) {
+    auto answer = std::make_shared<Answer>();
+    answer->ended = ended_;
+    pending_[rpc_id] = std::move(answer);
+  }
   return rpc_id;
 }
 
 void ZemManager::Forget(const std::string& rpc_id) {
-  std::unique_ptr<PortAttached> released;  // after the lock
+  std::shared_ptr<Answer> released;  // after the lock
   const Synchronizer lock(*this, __FILE__, __LINE__);
   const auto found = pending_.find(rpc_id);
   if (found == pending_.end()) return;
-  released = std::move(found->second.result);
+  released = std::move(found->second);
   pending_.erase(found);
 }
 
@@ -120,7 +150,7 @@ void ZemManager::Call(const Texts& texts, VifSender::Attachment attachment, cons
     return;
   }
   attachment.host_id = *host_id;
-  attachment.rpc_id = RegisterRpc(op_id, waiter, wait);
+  attachment.rpc_id = RegisterRpc(op_id, wait);
   const std::string rpc_id = attachment.rpc_id;
   TagCall(attachment, op_id);
   const TimePoint start = Clock::Process().Now();
@@ -153,40 +183,37 @@ void ZemManager::Call(const Texts& texts, VifSender::Attachment attachment, cons
   if (wait) Forget(rpc_id);
 }
 
-// The thread may be notified for other reasons, such as its own end: only an answer is an answer.
 bool ZemManager::WaitForResult(const std::string& rpc_id, Thread* waiter, int seconds, PortAttached* out) {
   const TimePoint deadline = Clock::Process().Now() + std::chrono::seconds(seconds);
-  while (!ended()) {
-    // A wait of 0 seconds would have no end.
-    const auto left = std::chrono::ceil<std::chrono::seconds>(deadline - Clock::Process().Now());
-    if (left.count() <= 0 || waiter->Wait(static_cast<int>(left.count())) != 1) return false;
-    if (auto result = GetResultOfPendingRPC(rpc_id)) {
-      *out = std::move(*result);
-      return true;
-    }
+  const auto answer = Find(rpc_id);
+  {
+    const MonitorReleased released(waiter);
+    std::unique_lock lock(answer->mutex);
+    answer->changed.WaitUntil(lock, deadline, [&] { return answer->result != nullptr || answer->ended; });
   }
-  return false;
+  auto result = GetResultOfPendingRPC(rpc_id);
+  if (!result) return false;
+  *out = std::move(*result);
+  return true;
 }
 
-bool ZemManager::ended() {
+std::shared_ptr<ZemManager::Answer> ZemManager::Find(const std::string& rpc_id) {
   const Synchronizer lock(*this, __FILE__, __LINE__);
-  return ended_;
+  const auto found = pending_.find(rpc_id);
+  return found != pending_.end() ? found->second : nullptr;
 }
 
-// A caller that has not yet begun to wait holds its monitor until it has, or sees the end before.
 void ZemManager::EndWaits() {
-  std::list<Thread*> waiters;
+  std::list<std::shared_ptr<Answer>> answers;
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
     ended_ = true;
-    for (const auto& [rpc_id, pending] : pending_) {
-      if (pending.waiter != nullptr) waiters.push_back(pending.waiter);
-    }
+    for (const auto& [rpc_id, answer] : pending_) answers.push_back(answer);
   }
-  for (Thread* const waiter : waiters) {
-    waiter->Lock();
-    waiter->Notify();
-    waiter->Unlock();
+  for (const auto& answer : answers) {
+    const std::lock_guard lock(answer->mutex);
+    answer->ended = true;
+    answer->changed.NotifyAll();
   }
 }
 
@@ -200,7 +227,7 @@ bool ZemManager::MP_UpdateVnicAttachment(const std::string& op_id, const std::st
     *error = Texts::Add().no_host;
     return false;
   }
-  const std::string rpc_id = RegisterRpc(op_id, nullptr, false);
+  const std::string rpc_id = RegisterRpc(op_id, false);
   if (!sender_.SendVIFUpdate({rpc_id, vif_id, switch_id, port_id, *host_id, std::move(site_configs)})) {
     ZLOG_ERROR("41541", "RPC call [%s] to ZEM management plane failed in sending.\n", rpc_id.c_str());
     *error = Texts::Remove().send_failed;
@@ -212,32 +239,30 @@ bool ZemManager::MP_UpdateVnicAttachment(const std::string& op_id, const std::st
 }
 
 void ZemManager::SetResultToPendingRPC(const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
-  Thread* waiter = nullptr;
-  {
-    const Synchronizer lock(*this, __FILE__, __LINE__);
-    const auto found = pending_.find(rpc_id);
-    if (found == pending_.end()) {
-      ZLOG_INFO("[%s] pending RPC for [%s] not found\n", __func__, rpc_id.c_str());
-      return;
-    }
-    found->second.result = std::move(result);
-    waiter = found->second.waiter;
+  const auto answer = Find(rpc_id);
+  if (!answer) {
+    ZLOG_INFO("[%s] pending RPC for [%s] not found\n", __func__, rpc_id.c_str());
+    return;
   }
-  if (waiter == nullptr) return;
-  waiter->Lock();
-  waiter->Notify();
-  waiter->Unlock();
+  const std::lock_guard lock(answer->mutex);
+  if (answer->result != nullptr) {
+    ZLOG_WARN("[%s] pending RPC for [%s] has its answer already, this one is dropped\n", __func__,
+              rpc_id.c_str());
+    return;
+  }
+  answer->result = std::move(result);
+  answer->changed.NotifyAll();
 }
 
 std::optional<PortAttached> ZemManager::GetResultOfPendingRPC(const std::string& rpc_id) {
-  const Synchronizer lock(*this, __FILE__, __LINE__);
-  const auto found = pending_.find(rpc_id);
-  if (found == pending_.end()) {
+  const auto answer = Find(rpc_id);
+  if (!answer) {
     ZLOG_ERROR("41540", "[%s] pending RPC for [%s] not found\n", __func__, rpc_id.c_str());
     return std::nullopt;
   }
-  if (found->second.result == nullptr) return std::nullopt;
-  return *found->second.result;
+  const std::lock_guard lock(answer->mutex);
+  if (answer->result == nullptr) return std::nullopt;
+  return *answer->result;
 }
 
 void ZemManager::SetMaintenanceMode(bool on) {

@@ -45,9 +45,8 @@ class VifSender {
 
 /// Makes blocking calls of the manager's asynchronous answers about VIFs.
 ///
-/// A caller waits on its own monitor, which it holds when it calls: so an answer that comes before the wait
-/// has begun blocks on that monitor until it has, and cannot be lost.  The table's lock is never held while a
-/// monitor is taken.
+/// Each call has an answer object that its caller and the receive thread own together.  So whoever brings an
+/// answer waits for nobody, however long the caller takes over sending, and touches nothing of the caller's.
 ///
 /// Threads: the MP_ operations on port handler threads, SetResultToPendingRPC on the receive thread.
 class ZemManager : public Synchronizable {
@@ -69,7 +68,8 @@ class ZemManager : public Synchronizable {
   /// `sender` has to outlive the manager.
   ZemManager(VifSender& sender, Settings settings);
 
-  /// The caller holds the monitor of `waiter`.  What went wrong is in `out->error`.
+  /// The caller holds the monitor of `waiter`; it is free while the call waits.  What went wrong is in
+  /// `out->error`.
   void MP_AddVnicAttachment(const std::string& op_id, const std::string& vif_id, const std::string& switch_id,
                             const std::string& port_id_hint, const std::string& gcf_path, Thread* waiter,
                             bool wait, PortAttached* out);
@@ -82,10 +82,10 @@ class ZemManager : public Synchronizable {
                                std::list<std::pair<std::string, std::string>> site_configs,
                                std::string* error);
 
-  /// An answer to a call that waits no longer is dropped.
+  /// The first answer to a call counts; a second one, and one to a call that waits no longer, is dropped.
   void SetResultToPendingRPC(const std::string& rpc_id, std::unique_ptr<PortAttached> result);
 
-  /// A copy of the answer: a second one may replace it at any time.  Nothing while there is none.
+  /// A copy of the answer.  Nothing while there is none.
   std::optional<PortAttached> GetResultOfPendingRPC(const std::string& rpc_id);
 
   /// Nobody waits any more: calls that wait, and those to come, end as if the manager had not answered.
@@ -97,15 +97,12 @@ class ZemManager : public Synchronizable {
   size_t pending();
 
  private:
-  struct Pending {
-    Thread* waiter;
-    std::unique_ptr<PortAttached> result;
-  };
+  struct Answer;
   struct Texts;
 
   bool WaitForResult(const std::string& rpc_id, Thread* waiter, int seconds, PortAttached* out);
-  bool ended();
-  std::string RegisterRpc(const std::string& op_id, Thread* waiter, bool wait);
+  std::shared_ptr<Answer> Find(const std::string& rpc_id);
+  std::string RegisterRpc(const std::string& op_id, bool wait);
   void Forget(const std::string& rpc_id);
   void Call(const Texts& texts, VifSender::Attachment attachment, const std::string& op_id, Thread* waiter,
             bool wait, PortAttached* out);
@@ -115,7 +112,7 @@ class ZemManager : public Synchronizable {
   // The object's own lock guards what follows.
   bool maintenance_mode_ = false;
   bool ended_ = false;
-  std::map<std::string, Pending> pending_;
+  std::map<std::string, std::shared_ptr<Answer>> pending_;
 };
 
 }  // namespace zem::zema

@@ -60,10 +60,9 @@ bool CorvdHandler::stopped() {
   return stopped_;
 }
 
-void CorvdHandler::ServeVnics(VifDvportThread::ClearPortFunction clear_port, std::string socket) {
+void CorvdHandler::ServeVnics(std::string socket) {
   vnics_ = std::make_unique<VifDvportThread>(
-      [this](std::shared_ptr<VifRequest> request) { AddRequest(std::move(request)); }, std::move(clear_port),
-      std::move(socket));
+      [this](std::shared_ptr<VifRequest> request) { AddRequest(std::move(request)); }, std::move(socket));
 }
 
 void CorvdHandler::ServeResync(ResyncThread::Settings settings) {

@@ -59,8 +59,7 @@ class CorvdHandler final : public Thread {
   }
 
   /// Before the start: the second source of requests, which begins and ends with the handler.
-  void ServeVnics(VifDvportThread::ClearPortFunction clear_port,
-                  std::string socket = VifDvportThread::kSocket);
+  void ServeVnics(std::string socket = VifDvportThread::kSocket);
 
   /// Before the start: the comparison with the host, which begins and ends with the handler.
   void ServeResync(ResyncThread::Settings settings);

@@ -55,6 +55,8 @@ void HandlerPool::AddRequest(std::shared_ptr<VifRequest> request) {
       ZLOG_WARN("[%s] request [%s] comes after the end", kTag, request->ToString().c_str());
       return;
     }
+    // Under the lock, so that no request on the same VIF is served before one that arrived earlier.
+    vif_handler_.Arrived(*request);
     handler = AssignFreeHandlerLocked();
     if (!handler) pending_requests_.push_back(std::move(request));
   }

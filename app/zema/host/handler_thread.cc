@@ -76,7 +76,12 @@ void HandlerThread::Process(VifRequest& request) {
   const std::string text = request.ToString();
   const TimePoint begun = Clock::Process().Now();
   ZLOG_INFO("[%s] Handler [%ld] processing request [%s] ...\n", kTag, Number(), text.c_str());
-  if (request.error_text.empty()) Operate(request);
+  if (request.error_text.empty()) {
+    Operate(request);
+  } else {
+    // It is answered only: the next one on the VIF does not wait for that.
+    request.turn.reset();
+  }
   if (request.request) pool_.Reply(request);
   const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::Process().Now() - begun);
   ZLOG_INFO("[%s] Handler [%ld] done with request [%s] in time %llu\n", kTag, Number(), text.c_str(),

@@ -3,18 +3,18 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
+
+#include "platform/core/poll.h"
 
 namespace zem::zema::host_socket {
 namespace {
 
 Result WaitFor(int fd, int stop_fd, short events, TimePoint deadline) {
   for (;;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::Process().Now());
-    if (left.count() <= 0) return Result::kTimeout;
+    if (Clock::Process().Now() >= deadline) return Result::kTimeout;
     pollfd waits[2] = {{fd, events, 0}, {stop_fd, POLLIN, 0}};
-    const int ready = ::poll(waits, 2, static_cast<int>(std::min<int64_t>(left.count(), 60'000)));
+    const int ready = PollUntil(waits, 2, deadline);
     if (ready < 0 && errno != EINTR) return Result::kFailed;
     if (ready <= 0) continue;
     if (waits[1].revents != 0) return Result::kStopped;

@@ -120,8 +120,8 @@ void ResyncRound::SyncVnicAttachment(const Commands& attachments) {
        });
 }
 
-// The operations wait for the manager on the monitor of a thread that is never started.  An earlier one may
-// have taken long, so each looks anew whether it still holds.
+// Nobody needs the monitor that the operations hold, so its thread is never started.  An earlier one may have
+// taken long, so each looks anew whether it still holds.
 template <class Report>
 void ResyncRound::Sync(const Commands& commands, const char* name, int kind, const Report& report) {
   Thread waiter(true, nullptr, 0);

@@ -41,11 +41,9 @@ Result WaitToRead(int fd, int stop_fd) {
 
 }  // namespace
 
-VifDvportThread::VifDvportThread(AddRequestFunction add_request, ClearPortFunction clear_port,
-                                 std::string socket)
+VifDvportThread::VifDvportThread(AddRequestFunction add_request, std::string socket)
     : Thread(true, nullptr, 0),
       add_request_(std::move(add_request)),
-      clear_port_(std::move(clear_port)),
       path_(std::move(socket)),
       stop_event_(::eventfd(0, EFD_CLOEXEC)) {
   if (!stop_event_) throw Exception("eventfd", errno);
@@ -154,13 +152,6 @@ std::vector<std::shared_ptr<VifRequest>> VifDvportThread::RequestsOf(std::string
 
 void VifDvportThread::AddVifRequests(std::string_view data) {
   for (auto& request : RequestsOf(data)) {
-    const char* const dvs = request->security_switch_id.c_str();
-    const char* const port = request->port_id.c_str();
-    if (request->op_code == VifRequest::kDetach && *dvs != '\0' && *port != '\0') {
-      ZLOG_INFO("[%s] Clearing security extra config from dvs [%s] lport [%s] on detach", kTag, dvs, port);
-      clear_port_(request->security_switch_id, request->port_id);
-      ZLOG_INFO("[%s] Cleared security extra config from dvs [%s] lport [%s] on detach", kTag, dvs, port);
-    }
     ZLOG_INFO("[%s] Adding new vif request [opId: %s] [%s] to corvd handler", kTag, request->op_id.c_str(),
               request->ToString().c_str());
     add_request_(std::move(request));

@@ -24,10 +24,8 @@ class VifDvportThread final : public Thread {
 
   /// Takes a request over.
   using AddRequestFunction = std::function<void(std::shared_ptr<VifRequest>)>;
-  /// Takes all that the agent wrote on a port off it; may block.
-  using ClearPortFunction = std::function<void(const std::string& dvs, const std::string& port)>;
 
-  VifDvportThread(AddRequestFunction add_request, ClearPortFunction clear_port, std::string socket = kSocket);
+  explicit VifDvportThread(AddRequestFunction add_request, std::string socket = kSocket);
   ~VifDvportThread() override;
 
   void Run() override;
@@ -42,7 +40,6 @@ class VifDvportThread final : public Thread {
   void AddVifRequests(std::string_view data);
 
   const AddRequestFunction add_request_;
-  const ClearPortFunction clear_port_;
   const std::string path_;
   UniqueFd stop_event_;
   UniqueFd listener_;

@@ -1,6 +1,7 @@
 #include "app/zema/lswitch/port_adapters.h"
 
 #include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/qub/vif_request.h"
 
 namespace zem::zema {
 
@@ -11,9 +12,10 @@ bool PortZoneKinds::IsKln(const std::string& transport_zone_id) {
 void PortVifStates::RemoveVif(const std::string& vif_id) { ports_.RemoveVifForSiteConfig(vif_id); }
 
 bool PortVifStates::ProcessVif(const std::string& vif_id) {
-  std::shared_ptr<VifRequest> request = ports_.LookupVifRequest(vif_id);
+  const std::shared_ptr<const VifRequest> request = ports_.LookupVifRequest(vif_id);
   if (request == nullptr) return false;
-  handle_(std::move(request));
+  // A copy: what becomes of one try must not be in the next.
+  handle_(std::make_shared<VifRequest>(*request));
   return true;
 }
 

@@ -23,7 +23,7 @@ namespace {
 
 using Tarvik::Util::ClosePipeQub;
 using Tarvik::Util::GetErrMsg;
-using Tarvik::Util::IsReadyToBeRead;
+using Tarvik::Util::IsAnswerReady;
 using Tarvik::Util::ReadCmdOutput;
 using Tarvik::Util::WriteData;
 using wft::WorkflowUtil;
@@ -78,6 +78,7 @@ LumHandler::~LumHandler() {
 }
 
 bool LumHandler::Pause(Duration duration) const {
+  LetOthersWork();
   return !Tarvik::WaitForShutdown(duration) && !settings_.shutting_down() && !watching_ends_.stopped();
 }
 
@@ -278,7 +279,7 @@ bool LumHandler::ReadWhole(void* buffer, size_t length) {
   size_t done = 0;
   while (done < length) {
     bool shutdown = false;
-    const int ready = IsReadyToBeRead(socket_.get(), &shutdown, 1);
+    const int ready = IsAnswerReady(socket_.get(), &shutdown, 1);
     if (ready < 0 || shutdown || settings_.shutting_down()) return false;
     if (ready == 0) continue;
     const ssize_t got = ::read(socket_.get(), static_cast<char*>(buffer) + done, length - done);

@@ -159,7 +159,8 @@ int WritePortFile(const std::string& path, std::string_view data) {
 }
 
 int ReadPortFile(const std::string& path, std::string* data) {
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // A pipe in the place of the file would wait for a writer.
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) return errno;
   struct stat status;
   if (::fstat(file.get(), &status) != 0) return errno;

@@ -51,13 +51,32 @@ int PortOpsManager::ClearVifFromPort(const std::string& zone, const std::string&
     ZLOG_INFO("[PortOp] Logical switch did not match for port [%s]. Did not clear port.", port.c_str());
     return 0;
   }
+  // An answer that comes late may speak of a VIF that has left the port to another by now.
+  if (const auto holder = data.Text(port_props::kExternalId); holder && !vif.empty() && *holder != vif) {
+    ZLOG_INFO("[PortOp] Port [%s] holds VIF [%s] by now, not [%s]. Did not clear port.", port.c_str(),
+              std::string(*holder).c_str(), vif.c_str());
+    return 0;
+  }
   ZLOG_INFO("[PortOp] Logical switch matched for port [%s]. Clearing port.", port.c_str());
   return ClearExternalId(dvs, port, error);
 }
 
+// The file loses the VIF first: a port that dies in between still holds it and is cleared by the next try,
+// while a file that kept it would give the port the VIF back one day.
 int PortOpsManager::ClearExternalId(const std::string& dvs, const std::string& port, std::string* error) {
+  std::string holder;
+  if (library_.PortTextGet(dvs, port, port_props::kExternalId, &holder) == 0) {
+    // The VM and its directory may be gone already: that keeps nobody from taking the VIF off.
+    static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port, port_props::kExternalId));
+  } else if (FileText(dvs, port, port_props::kExternalId)) {
+    // It could not be written when the port was cleared.
+    static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port));
+  }
   const int cleared = ClearPortExtraConfig(dvs, port, port_props::kExternalId, error);
-  if (cleared < 0) return -1;
+  if (cleared < 0) {
+    static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port));
+    return -1;
+  }
   if (cleared == 1) {
     ZLOG_INFO(
         "[PortOp] Port [%s] DVSPROP_PORT_VNIC_EXTERNAL_ID not found ... already cleared on previous vif "
@@ -66,8 +85,6 @@ int PortOpsManager::ClearExternalId(const std::string& dvs, const std::string& p
     return 0;
   }
   ZLOG_INFO("[PortOp] Cleared external id from port [%s] successfully", port.c_str());
-  // The VM and its directory may be gone already: that keeps nobody from taking the VIF off.
-  static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port));
   return 0;
 }
 

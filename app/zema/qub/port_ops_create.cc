@@ -159,21 +159,21 @@ int PortOpsManager::SetPortConfig(const std::string& dvs, const PortConfigSpec& 
   return failures;
 }
 
-// The number of failures, as above.
+// The number of failures of the switch, as above.  A file that cannot be written keeps no VM from its
+// network: the error line tells it, and the port's next change saves it again.
 int PortOpsManager::PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
                                 const std::map<std::string, std::string>& extra_configs, std::string* error) {
   int failures = 0;
   const auto directory = VmDirectoryOf(gcf_path);
   const auto wanted = directory ? PortFilePath(*directory, dvs, port) : std::nullopt;
+  std::string before;  // the file of a VM whose folder changes
   if (wanted) {
     const std::string current = PersistPath(dvs, port);
     if (current == *wanted) {
       ZLOG_INFO("[PortOp] PortFilePath for port [%s] remains the same", port.c_str());
     } else {
-      if (!current.empty() && !RemovePortFile(current)) {
-        ZLOG_WARN("[PortOp] The file before of port [%s] stays at [%s]", port.c_str(), current.c_str());
-      }
       failures += SetPortExtraConfig(dvs, port, port_props::kPersistPath, *wanted, error) == 0 ? 0 : 1;
+      before = current;
     }
   }
   for (const auto& [key, value] : extra_configs) {
@@ -181,17 +181,25 @@ int PortOpsManager::PutPortFile(const std::string& dvs, const std::string& port,
     failures += SetPortExtraConfig(dvs, port, key, value, error) == 0 ? 0 : 1;
   }
   if (!wanted) return failures;
-  if (!MakePortFileDirectories(*wanted)) {
-    ZLOG_ERROR("44212", "[PortOp] CreatePort: Error creating port file directory for port:%s", port.c_str());
-    *error = "Error creating port file directory for port " + port;
-    return failures + 1;
-  }
-  if (SavePortDataFile(*wanted, dvs, port) != 0) {
-    ZLOG_ERROR("44212", "[PortOp] Error saving port data file for port:%s", port.c_str());
-    *error = "Error saving port data file for port " + port;
-    return failures + 1;
+  const bool saved = SaveNew(*wanted, dvs, port);
+  if (before.empty()) return failures;
+  // One of the two files is there whatever happens, and the port names the one that is.
+  if (!saved) {
+    failures += SetPortExtraConfig(dvs, port, port_props::kPersistPath, before, error) == 0 ? 0 : 1;
+  } else if (!RemovePortFile(before)) {
+    ZLOG_WARN("[PortOp] The file before of port [%s] stays at [%s]", port.c_str(), before.c_str());
   }
   return failures;
+}
+
+bool PortOpsManager::SaveNew(const std::string& path, const std::string& dvs, const std::string& port) {
+  if (!MakePortFileDirectories(path)) {
+    ZLOG_ERROR("44212", "[PortOp] CreatePort: Error creating port file directory for port:%s", port.c_str());
+    return false;
+  }
+  if (SavePortDataFile(path, dvs, port) == 0) return true;
+  ZLOG_ERROR("44212", "[PortOp] Error saving port data file for port:%s", port.c_str());
+  return false;
 }
 
 int PortOpsManager::SetVlanPolicy(const std::string& dvs, const std::string& port, int32_t vlan,

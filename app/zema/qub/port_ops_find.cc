@@ -170,25 +170,51 @@ int PortOpsManager::FindPortByVifUuid(const std::string& vif, const std::string&
   return -1;
 }
 
-// The ports before the match stay on their switches, too: they are the VM's as well.
+// Other ports of the VM may be connected, and the folder of a clone holds the files of the VM that it was
+// made of, so a file is read before anything is done, and nothing but the port that is meant is touched.
 bool PortOpsManager::RestoreFromFiles(const std::string& vif, const std::string& ls,
                                       const std::string& directory, PortLocation* found) {
   for (const PortFileEntry& file : PortFilesOf(directory)) {
-    ZLOG_INFO("[PortOp] Deleting port:[%s]", file.port.c_str());
-    if (const uint32_t removed = library_.PortRemove(file.dvs, file.port);
-        removed != 0 && removed != kSwitchNotFound) {
-      ZLOG_INFO("[PortOp] Port [%s] was not removed, error code [%s]", file.port.c_str(),
-                SwitchErrorText(removed).c_str());
-    } else {
-      vif_index_->Forget(file.dvs, file.port);
+    ZLOG_INFO("[PortOp] Reading portfile:[%s]", file.path.c_str());
+    std::string bytes;
+    if (const int failed = ReadPortFile(file.path, &bytes); failed != 0) {
+      ZLOG_ERROR("44206", "[PortOp] Port [%s] file read failed:%d", file.port.c_str(), failed);
+      continue;
     }
-    if (!RestorePort(file.dvs, file.port, file.path)) continue;
-    if (!Matches({file.dvs, file.port}, vif, ls)) continue;
+    DvsData data(library_);
+    if (data.Deserialize(bytes) != 0) {
+      ZLOG_ERROR("44206", "[PortOp] Port file [%s] holds no port", file.path.c_str());
+      continue;
+    }
+    if (data.Text(port_props::kExternalId) != vif || data.Text(port_props::kOpaqueNetworkId) != ls) continue;
+    const bool there = library_.PortFind(file.dvs, file.port) == 0;
+    if (there ? !TakeBack(file, directory, vif, ls) : !AddFromFile(file, vif, bytes)) continue;
     ZLOG_INFO("[PortOp] Found required port. VIF[%s] PortKey:[%s]", vif.c_str(), file.port.c_str());
     *found = {file.dvs, file.port};
     return true;
   }
   return false;
+}
+
+// The port of the file is on its switch without the VIF.  It gets the VIF back where it is, since somebody
+// may be connected with it; one that holds another VIF, or is another VM's, stays as it is.
+bool PortOpsManager::TakeBack(const PortFileEntry& file, const std::string& directory, const std::string& vif,
+                              const std::string& ls) {
+  std::string holder;
+  if (library_.PortTextGet(file.dvs, file.port, port_props::kExternalId, &holder) != kSwitchNotFound) {
+    ZLOG_INFO("[PortOp] Port [%s] is there with VIF [%s]; it is left alone", file.port.c_str(),
+              holder.c_str());
+    return false;
+  }
+  const std::string path = PersistPath(file.dvs, file.port);
+  if (const auto memory = VmDirectoryOfPortFile(path); memory && *memory != directory) {
+    ZLOG_INFO("[PortOp] Port [%s] is there for the VM in [%s]; it is left alone", file.port.c_str(),
+              memory->c_str());
+    return false;
+  }
+  return SetPortExtraConfig(file.dvs, file.port, port_props::kExternalId, vif) == 0 &&
+         SetPortExtraConfig(file.dvs, file.port, port_props::kOpaqueNetworkId, ls) == 0 &&
+         (!path.empty() || SetPortExtraConfig(file.dvs, file.port, port_props::kPersistPath, file.path) == 0);
 }
 
 bool PortOpsManager::RestorePort(const std::string& dvs, const std::string& port, const std::string& file) {
@@ -198,22 +224,27 @@ bool PortOpsManager::RestorePort(const std::string& dvs, const std::string& port
     ZLOG_ERROR("44206", "[PortOp] Port [%s] file read failed:%d", port.c_str(), failed);
     return false;
   }
-  // The port comes with the VIF that is in its file.
-  std::optional<VifIndex::Writing> writing;
   DvsData data(library_);
-  if (data.Deserialize(bytes) == 0) {
-    if (const auto vif = data.Text(port_props::kExternalId)) {
-      writing.emplace(*vif_index_, dvs, port, std::string(*vif));
-    }
+  if (const uint32_t result = data.Deserialize(bytes); result != 0) {
+    ZLOG_ERROR("44206", "[PortOp] Port file [%s] holds no port", file.c_str());
+    return false;
   }
-  if (const uint32_t result = library_.PortAdd(dvs, port, bytes); result != 0) {
+  return AddFromFile({dvs, port, file}, std::string(data.Text(port_props::kExternalId).value_or("")), bytes);
+}
+
+// The port comes with the VIF that is in its file.
+bool PortOpsManager::AddFromFile(const PortFileEntry& file, const std::string& vif,
+                                 const std::string& bytes) {
+  std::optional<VifIndex::Writing> writing;
+  if (!vif.empty()) writing.emplace(*vif_index_, file.dvs, file.port, vif);
+  if (const uint32_t result = library_.PortAdd(file.dvs, file.port, bytes); result != 0) {
     ZLOG_ERROR("44204", "[PortOp] Port add operation failed, error code [%s]",
                SwitchErrorText(result).c_str());
     return false;
   }
-  ZLOG_INFO("[PortOp] Setting port persistence path:[%s]", file.c_str());
+  ZLOG_INFO("[PortOp] Setting port persistence path:[%s]", file.path.c_str());
   // A failure is logged; the port is back in any case.
-  static_cast<void>(SetPortExtraConfig(dvs, port, port_props::kPersistPath, file));
+  static_cast<void>(SetPortExtraConfig(file.dvs, file.port, port_props::kPersistPath, file.path));
   return true;
 }
 

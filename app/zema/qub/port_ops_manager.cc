@@ -110,7 +110,7 @@ void PortOpsManager::GetVifsForSiteConfig() {
   }
 }
 
-void PortOpsManager::AddVifForSiteConfig(const std::string& vif, std::shared_ptr<VifRequest> request) {
+void PortOpsManager::AddVifForSiteConfig(const std::string& vif, std::shared_ptr<const VifRequest> request) {
   vifs_to_fetch_site_config_.Set(vif, std::move(request));
   ZLOG_INFO("[PortOp] Added VIF [%s] to the list to fetch site config", vif.c_str());
 }
@@ -120,14 +120,14 @@ void PortOpsManager::RemoveVifForSiteConfig(const std::string& vif) {
   ZLOG_INFO("[PortOp] Removed VIF [%s] from the list to fetch site config", vif.c_str());
 }
 
-std::shared_ptr<VifRequest> PortOpsManager::LookupVifRequest(const std::string& vif) const {
+std::shared_ptr<const VifRequest> PortOpsManager::LookupVifRequest(const std::string& vif) const {
   const auto map = vifs_to_fetch_site_config_.Get();
   const auto found = map->find(vif);
   return found == map->end() ? nullptr : found->second;
 }
 
-std::shared_ptr<const std::map<std::string, std::shared_ptr<VifRequest>>> PortOpsManager::VifsForSiteConfig()
-    const {
+std::shared_ptr<const std::map<std::string, std::shared_ptr<const VifRequest>>>
+PortOpsManager::VifsForSiteConfig() const {
   return vifs_to_fetch_site_config_.Get();
 }
 
@@ -239,17 +239,19 @@ int PortOpsManager::UpdateDvportRpcOp(const std::string& dvs, const std::string&
     return -1;
   }
   const bool has = result == 0 && stored == rpc_op;
+  // A file that could not be written last time is behind its port.
+  const bool file_has = FileText(dvs, port, port_props::kPortOpPending) == rpc_op;
   std::string reason;
   if (rpc_done == kDone) {
-    if (!has) return 0;
-    if (ClearPortExtraConfig(dvs, port, port_props::kPortOpPending, &reason) < 0) {
+    if (!has && !file_has) return 0;
+    if (has && ClearPortExtraConfig(dvs, port, port_props::kPortOpPending, &reason) < 0) {
       ZLOG_ERROR("44208", "[PortOp] Error clearing rpcOp:[%s] error:[%s]", rpc_op.c_str(), reason.c_str());
       Tell(error, std::move(reason));
       return -1;
     }
   } else {
-    if (has) return 0;
-    if (SetPortExtraConfig(dvs, port, port_props::kPortOpPending, rpc_op, &reason) != 0) {
+    if (has && file_has) return 0;
+    if (!has && SetPortExtraConfig(dvs, port, port_props::kPortOpPending, rpc_op, &reason) != 0) {
       ZLOG_ERROR("44205", "[PortOp] Error storing rpcOp:[%s] error:[%s]", rpc_op.c_str(), reason.c_str());
       Tell(error, std::move(reason));
       return -1;
@@ -270,7 +272,18 @@ std::string PortOpsManager::PersistPath(const std::string& dvs, const std::strin
   return path;
 }
 
-int PortOpsManager::SaveAgain(const char* operation, const std::string& dvs, const std::string& port) {
+std::optional<std::string> PortOpsManager::FileText(const std::string& dvs, const std::string& port,
+                                                    const char* property) const {
+  const std::string path = PersistPath(dvs, port);
+  std::string bytes;
+  DvsData data(library_);
+  if (path.empty() || ReadPortFile(path, &bytes) != 0 || data.Deserialize(bytes) != 0) return std::nullopt;
+  const auto text = data.Text(property);
+  return text ? std::optional<std::string>(*text) : std::nullopt;
+}
+
+int PortOpsManager::SaveAgain(const char* operation, const std::string& dvs, const std::string& port,
+                              const char* without) {
   const std::string path = PersistPath(dvs, port);
   if (path.empty()) return 0;
   if (IsOfAnotherHost(path, dvs, port)) {
@@ -278,7 +291,7 @@ int PortOpsManager::SaveAgain(const char* operation, const std::string& dvs, con
               port.c_str());
     return 0;
   }
-  if (SavePortDataFile(path, dvs, port) == 0) return 0;
+  if (SavePortDataFile(path, dvs, port, without) == 0) return 0;
   ZLOG_ERROR("44212", "[PortOp] %s: Error saving port file for port:[%s]", operation, port.c_str());
   return -1;
 }
@@ -301,8 +314,8 @@ bool PortOpsManager::IsOfAnotherHost(const std::string& path, const std::string&
   return cookie(*theirs) > cookie(own.bytes());
 }
 
-int PortOpsManager::SavePortDataFile(const std::string& path, const std::string& dvs,
-                                     const std::string& port) {
+int PortOpsManager::SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port,
+                                     const char* without) {
   const auto span = wft::WorkflowUtil::StartChildSpan("PortOpsManager.SavePortDataFile", wft::kTraceInfo);
   wft::WorkflowUtil::SetCurSpanTag("portFilePath", path);
   wft::WorkflowUtil::SetCurSpanTag("dvsId", dvs);
@@ -312,7 +325,15 @@ int PortOpsManager::SavePortDataFile(const std::string& path, const std::string&
     return -1;
   }
   LibraryBuffer state;
-  const uint32_t result = library_.PersistentPortStateGet(dvs, port, &state);
+  uint32_t result = library_.PersistentPortStateGet(dvs, port, &state);
+  if (result == 0 && without != nullptr) {
+    DvsData data(library_);
+    LibraryBuffer rest;
+    result = data.Deserialize(state.bytes());
+    if (result == 0) result = data.Remove(without);
+    if (result == 0) result = data.Serialize(&rest);
+    if (result == 0) return WritePortFile(path, rest.bytes()) == 0 ? 0 : -2;
+  }
   if (result != 0) {
     ZLOG_ERROR("44212", "[PortOp] Failed to get persistent data of port [%s], error code [%s]", port.c_str(),
                SwitchErrorText(result).c_str());

@@ -59,11 +59,11 @@ class PortOpsManager {
 
   /// Asks the host at start.
   void GetVifsForSiteConfig();
-  void AddVifForSiteConfig(const std::string& vif, std::shared_ptr<VifRequest> request);
+  void AddVifForSiteConfig(const std::string& vif, std::shared_ptr<const VifRequest> request);
   void RemoveVifForSiteConfig(const std::string& vif);
-  /// Null for none.
-  std::shared_ptr<VifRequest> LookupVifRequest(const std::string& vif) const;
-  std::shared_ptr<const std::map<std::string, std::shared_ptr<VifRequest>>> VifsForSiteConfig() const;
+  /// Null for none.  Whoever serves it takes a copy, so that one try leaves nothing to the next.
+  std::shared_ptr<const VifRequest> LookupVifRequest(const std::string& vif) const;
+  std::shared_ptr<const std::map<std::string, std::shared_ptr<const VifRequest>>> VifsForSiteConfig() const;
 
   // --- whole ports; which port a VIF is on is kept in an index (VifIndex)
 
@@ -76,12 +76,13 @@ class PortOpsManager {
   void DoubtVif(const std::string& vif);
 
   /// Makes the port, or brings an existing one up to date, and saves its file.  `gcf_path` is that of the
-  /// VM's configuration file, or a word without "/" for a port without VM ("knlnic").  0, or not.
+  /// VM's configuration file, or a word without "/" for a port without VM ("knlnic").  0, or not; a file that
+  /// cannot be written is logged and no failure.
   int CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path, bool block,
                  std::string* error);
 
-  /// Looks for the VIF's port on the switches, then in the files of the VM, whose ports then are on their
-  /// switches again.  An empty `gcf_path` becomes the directory of the VM whose port it is.
+  /// Looks for the VIF's port on the switches, then in the files of the VM; the port of the file that says it
+  /// is on its switch again then.  An empty `gcf_path` becomes the directory of the VM whose port it is.
   int FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
                         PortLocation* found, std::string* error);
 
@@ -134,9 +135,10 @@ class PortOpsManager {
 
   // --- port files
 
-  /// Writes what the port is into the file.  0; -1 without path or without state, -2 when it cannot be
-  /// written.
-  int SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port);
+  /// Writes what the port is into the file, without one of its properties if one is named.  0; -1 without
+  /// path or without state, -2 when it cannot be written.
+  int SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port,
+                       const char* without = nullptr);
   /// Changes one property in the file of a port that need not be on a switch; nothing removes it.
   int UpdateExtraConfigInPortDataFile(const std::string& path, const std::string& key,
                                       const std::string* value);
@@ -152,14 +154,24 @@ class PortOpsManager {
                     const std::string& gcf_path, std::string* error);
   int PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
                   const std::map<std::string, std::string>& extra_configs, std::string* error);
+  /// Writes the file of a port that has none at `path` yet; a failure is logged.
+  bool SaveNew(const std::string& path, const std::string& dvs, const std::string& port);
   /// Empty when the port has no file.
   std::string PersistPath(const std::string& dvs, const std::string& port) const;
   bool IsOfAnotherHost(const std::string& path, const std::string& dvs, const std::string& port) const;
-  /// Saves it where it is saved already; nothing for a port without file, or whose file is another host's.
-  int SaveAgain(const char* operation, const std::string& dvs, const std::string& port);
+  /// A property as the port's file has it.
+  std::optional<std::string> FileText(const std::string& dvs, const std::string& port,
+                                      const char* property) const;
+  /// Saves it where it is saved already, `without` as above; nothing for a port without file, or whose file
+  /// is another host's.
+  int SaveAgain(const char* operation, const std::string& dvs, const std::string& port,
+                const char* without = nullptr);
   bool FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found);
   bool RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,
                         PortLocation* found);
+  bool TakeBack(const PortFileEntry& file, const std::string& directory, const std::string& vif,
+                const std::string& ls);
+  bool AddFromFile(const PortFileEntry& file, const std::string& vif, const std::string& bytes);
   bool TakeLeftOver(const PortFileEntry& file, const std::string& dvs, const std::string& vif,
                     const std::string& ls);
   bool RestorePort(const std::string& dvs, const std::string& port, const std::string& file);
@@ -181,7 +193,7 @@ class PortOpsManager {
   LumCommands& lum_;
   const std::unique_ptr<VifIndex> vif_index_;
   CopyOnWriteMap<std::string, HostSwitchInfo> tz_to_dvs_;
-  CopyOnWriteMap<std::string, std::shared_ptr<VifRequest>> vifs_to_fetch_site_config_;
+  CopyOnWriteMap<std::string, std::shared_ptr<const VifRequest>> vifs_to_fetch_site_config_;
 };
 
 }  // namespace zem::zema

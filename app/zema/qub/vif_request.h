@@ -9,6 +9,7 @@
 namespace zem::zema {
 
 struct CorvdRequest;
+class VifTurn;
 struct PortConfigSpec;
 
 /// What is asked about one VIF.
@@ -52,6 +53,8 @@ struct VifRequest {
   std::string security_switch_id;
   wft::TraceContext trace;
   std::string state_text;
+  /// The request's place among those on its VIF; whoever carries it out gives the place back.
+  std::shared_ptr<VifTurn> turn;
 };
 
 }  // namespace zem::zema

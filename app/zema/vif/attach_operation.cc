@@ -114,8 +114,13 @@ bool AttachOperation::HandlePriorAttachedPort() {
   const char* const port = reply_.old_port_id.c_str();
   const char* const zone = reply_.old_zone_id.c_str();
   ZLOG_INFO("[%s] handling prior attachment for vif: ls:[%s] lp:[%s] tz:[%s]\n", __func__, ls, port, zone);
-  prior_.Note(request_.vif_id, request_.gcf_path, OpIdStem(request_.op_id),
-              {reply_.old_switch_id, request_.ls_id, reply_.old_zone_id, reply_.old_port_id});
+  // What it had on another host cannot be given back here.
+  const auto own = context_.host_id();
+  if (reply_.host_id.empty() || !own || reply_.host_id == *own) {
+    prior_.Note(request_.vif_id, request_.gcf_path,
+                {reply_.old_switch_id, request_.ls_id, reply_.old_zone_id, reply_.old_port_id,
+                 OpIdStem(request_.op_id)});
+  }
   std::string error;
   if (context_.ports.ClearVifFromPort(reply_.old_zone_id, reply_.old_port_id, reply_.old_switch_id,
                                       request_.vif_id, true, &error) != 0) {

@@ -7,6 +7,7 @@
 #include "app/zema/vif/local_port.h"
 #include "app/zema/vif/port_rpc_op.h"
 #include "app/zema/vif/prior_attachments.h"
+#include "app/zema/vif/security_port.h"
 #include "app/zema/vif/vif_context.h"
 #include "framework/log.h"
 #include "platform/core/clock.h"
@@ -35,6 +36,7 @@ void DetachOperation::Run() {
   {
     const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
     if (!request_.vif_id.empty()) NoteOperation();
+    UntieSecurityPort(context_, request_);
     if (reply_.error.empty()) {
       ClearPort();
     } else {
@@ -118,6 +120,21 @@ void DetachOperation::Clear(const std::string& zone, const std::string& port, bo
   }
 }
 
+// The VIF comes off the port that the manager knew it on, and off whatever other port may have it, so that it
+// is on the port before alone.  False with the reason in the request.
+bool DetachOperation::ClearForUndo(const PortAttached& back) {
+  ZLOG_INFO("[PortOp] Inside cleanup prior port, about to clear vif");
+  std::string error;
+  if (context_.ports.ClearVifFromPort(back.old_zone_id, back.old_port_id, back.old_switch_id, request_.vif_id,
+                                      false, &error) == 0 &&
+      context_.ports.ClearVifFromPortOtherThan(back.port_id, request_.vif_id, &error) == 0) {
+    return true;
+  }
+  ZLOG_ERROR("42004", "[%s] %s", "CleanUpPriorAttachedPort", error.c_str());
+  request_.error_text = std::move(error);
+  return false;
+}
+
 // Half of a VM's reconfiguration failed, and the host takes the other half back: the VIF belongs to the port
 // before again.
 void DetachOperation::CleanUpPriorAttachedPort() {
@@ -125,6 +142,8 @@ void DetachOperation::CleanUpPriorAttachedPort() {
       wft::WorkflowUtil::StartChildSpan("HandlerThread.CleanUpPriorAttachedPort", wft::kTraceInfo);
   const auto prior = prior_.Take(request_.vif_id, request_.gcf_path);
   if (!prior || prior->new_ls != request_.ls_id) return;
+  // A later operation on the VM, such as its end, takes nothing back.
+  if (prior->op_id_stem != OpIdStem(request_.op_id)) return;
   // The VIF has come from another host, and never was on another switch.
   if (prior->old_ls == request_.ls_id) return;
   ZLOG_INFO("[%s] prior vm operation rollack, reset attach the prior port to the vnic...\n", __func__);
@@ -132,19 +151,14 @@ void DetachOperation::CleanUpPriorAttachedPort() {
   const TimePoint begun = Clock::Process().Now();
   context_.manager.MP_AddVnicAttachment(request_.op_id, request_.vif_id, prior->old_ls, prior->old_port,
                                         request_.gcf_path, &waiter_, true, &back);
-  const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
-  ZLOG_INFO("[PortOp] Inside cleanup prior port, about to clear vif");
-  std::string error;
-  // Off the port of the switch that the VIF did not reach.
-  if (context_.ports.ClearVifFromPort(back.old_zone_id, back.old_port_id, request_.ls_id, request_.vif_id,
-                                      false, &error) != 0) {
-    ZLOG_ERROR("42004", "[%s] %s", __func__, error.c_str());
-  }
   if (!back.error.empty()) {
     ZLOG_ERROR("42004", "[%s] MP_AddVnicAttachment() failed: %s\n", __func__, back.error.c_str());
     return;
   }
-  if (back.port_id.empty() || back.zone_id.empty() || IsSecurityOnly(prior->old_ls)) return;
+  const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
+  if (!ClearForUndo(back) || back.port_id.empty() || back.zone_id.empty() || IsSecurityOnly(prior->old_ls)) {
+    return;
+  }
   // The vNIC never left the port in the host's eyes, so the host does not ask for it again.
   VifRequest again = request_;
   again.ls_id = prior->old_ls;

@@ -29,6 +29,7 @@ class DetachOperation {
   void ClearNamedPort();
   void ClearWhereverItIs();
   void CleanUpPriorAttachedPort();
+  [[nodiscard]] bool ClearForUndo(const PortAttached& back);
   void Clear(const std::string& zone, const std::string& port, bool force);
 
   VifContext& context_;

@@ -21,11 +21,10 @@ void DropOldest(Table& table, size_t most) {
 
 }  // namespace
 
-void PriorAttachments::Note(const std::string& vif, const std::string& gcf_path,
-                            const std::string& op_id_stem, Move move) {
+void PriorAttachments::Note(const std::string& vif, const std::string& gcf_path, Move move) {
   const Synchronizer lock(lock_, __FILE__, __LINE__);
   const uint64_t number = next_++;
-  operations_[gcf_path] = {TokenOf(vif, move.old_ls, op_id_stem), move.old_port, number};
+  operations_[gcf_path] = {TokenOf(vif, move.old_ls, move.op_id_stem), move.old_port, number};
   moves_[KeyOf(vif, gcf_path)] = {std::move(move), number};
   DropOldest(operations_, kMost);
   DropOldest(moves_, kMost);

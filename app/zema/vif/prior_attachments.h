@@ -21,10 +21,12 @@ class PriorAttachments {
     std::string new_ls;
     std::string old_zone;
     std::string old_port;
+    /// The stem of the id of the operation on the VM that the move was part of.
+    std::string op_id_stem;
   };
 
-  /// The VIF has left `move.old_ls` in an operation with that stem of its id.
-  void Note(const std::string& vif, const std::string& gcf_path, const std::string& op_id_stem, Move move);
+  /// The VIF has left `move.old_ls`.
+  void Note(const std::string& vif, const std::string& gcf_path, Move move);
 
   /// Nothing when the VIF has not moved.
   std::optional<Move> Find(const std::string& vif, const std::string& gcf_path);

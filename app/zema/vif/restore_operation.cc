@@ -64,17 +64,19 @@ bool TieSecurityOnlyPort(VifContext& context, VifRequest& request) {
 
 }  // namespace
 
-void RestoreVif(VifContext& context, VifRequest& request) {
+std::optional<ManagerSender::RestoreResponse> RestoreVif(VifContext& context, VifRequest& request) {
   const auto host_id = context.host_id();
   if (!host_id) {
     ZLOG_ERROR("42076", "Ignored vif restore for the host is not setup for zem operation");
-    return;
+    return std::nullopt;
   }
   ZLOG_INFO("VifRestore operation initiated for vif: %s", request.vif_id.c_str());
   const bool security = request.spec && request.spec->init_state == kSecurityOnly;
   const bool done = security ? TieSecurityOnlyPort(context, request) : RestorePort(context, request);
-  context.send_restore_response({request.op_id, request.vif_id, request.ls_id, request.port_id, *host_id,
-                                 done ? request.state_text : kFailed, request.error_text, request.gcf_path});
+  return ManagerSender::RestoreResponse{request.op_id,      request.vif_id,
+                                        request.ls_id,      request.port_id,
+                                        *host_id,           done ? request.state_text : kFailed,
+                                        request.error_text, request.gcf_path};
 }
 
 }  // namespace zem::zema

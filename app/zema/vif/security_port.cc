@@ -72,4 +72,24 @@ std::string TieSecurityPort(VifContext& context, const PortLocation& at, const S
   return error;
 }
 
+void UntieSecurityPort(VifContext& context, const VifRequest& request) {
+  if (request.security_switch_id.empty() || request.port_id.empty()) return;
+  constexpr const char* kSource = "VifDvportThread";
+  const char* const dvs = request.security_switch_id.c_str();
+  const char* const port = request.port_id.c_str();
+  std::string holder;
+  if (context.ports.GetPortExtraConfig(dvs, port, port_props::kExternalId, &holder) == 0 &&
+      !request.vif_id.empty() && holder != request.vif_id) {
+    ZLOG_INFO("[%s] dvport [%s] is of vif [%s] by now, not of [%s]", kSource, port, holder.c_str(),
+              request.vif_id.c_str());
+    return;
+  }
+  ZLOG_INFO("[%s] Clearing security extra config from dvs [%s] lport [%s] on detach", kSource, dvs, port);
+  if (context.ports.ClearPortOpaqueData(dvs, port) != 0) {
+    ZLOG_WARN("[%s] dvport [%s] keeps what was written on it", kSource, port);
+    return;
+  }
+  ZLOG_INFO("[%s] Cleared security extra config from dvs [%s] lport [%s] on detach", kSource, dvs, port);
+}
+
 }  // namespace zem::zema

@@ -27,4 +27,8 @@ struct SecurityTie {
 /// what went wrong.  Takes the port lock.
 std::string TieSecurityPort(VifContext& context, const PortLocation& at, const SecurityTie& tie);
 
+/// Takes what ties the request's port to its VIF off it; nothing when another VIF has the port by now, or the
+/// request names no port.  Under the port lock.
+void UntieSecurityPort(VifContext& context, const VifRequest& request);
+
 }  // namespace zem::zema

@@ -29,6 +29,19 @@ bool IsResync(const VifRequest& request) {
   return request.op_code == VifRequest::kSyncAttach || request.op_code == VifRequest::kSyncDetach;
 }
 
+class TurnEnd {
+ public:
+  explicit TurnEnd(VifRequest& request) : request_(request) {}
+  ~TurnEnd() {
+    if (request_.turn) request_.turn->Leave();
+  }
+  TurnEnd(const TurnEnd&) = delete;
+  TurnEnd& operator=(const TurnEnd&) = delete;
+
+ private:
+  VifRequest& request_;
+};
+
 }  // namespace
 
 VifPortHandler::VifPortHandler(std::shared_ptr<VifContext> context) : context_(std::move(context)) {}
@@ -37,16 +50,36 @@ VifPortHandler::~VifPortHandler() = default;
 void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
   ZLOG_INFO("[%s] request=[%s]\n", kTag, request.ToString().c_str());
   const auto span = SpanOf(request);
+  RestoreAnswer answer;
+  Operate(request, waiter, &answer);
+  // It may take a minute and more, in which the VIF is free.
+  if (answer) context_->send_restore_response(*answer);
+}
+
+void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
+  // On every way out the next operation on the VIF may go on.
+  const TurnEnd end(request);
   if (Defer(request) || !CheckHealth(request)) return;
-  const VifsInProcess::Scope running(in_process_, request.vif_id, !IsResync(request));
-  if (!running.entered()) {
+  if (!AwaitTurn(request)) {
     request.error_text = "Concurrent operation on vif, cannot proceed";
     return;
   }
   // At the end again: a round may have begun meanwhile, with what it saw before.
   NoteForResync(request);
-  Dispatch(request, waiter);
+  Dispatch(request, waiter, answer);
   NoteForResync(request);
+}
+
+void VifPortHandler::Arrived(VifRequest& request) { request.turn = in_process_.TakeTurn(request.vif_id); }
+
+// The resync gives way at once.
+bool VifPortHandler::AwaitTurn(VifRequest& request) {
+  if (request.vif_id.empty()) return true;
+  if (!request.turn) {
+    request.turn =
+        IsResync(request) ? in_process_.TakeOnlyTurn(request.vif_id) : in_process_.TakeTurn(request.vif_id);
+  }
+  return request.turn && request.turn->Await();
 }
 
 // In the middle of a move of interfaces the host asks under the move's id: the move itself makes the port.
@@ -83,7 +116,7 @@ void VifPortHandler::NoteForResync(const VifRequest& request) {
   context_->resync.Note(request.ls_id, request.vif_id, detach ? ResyncState::kDetach : ResyncState::kAttach);
 }
 
-void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter) {
+void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
   switch (request.op_code) {
     case VifRequest::kAttach:
     case VifRequest::kSyncAttach:
@@ -98,7 +131,8 @@ void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter) {
     case VifRequest::kFetchSiteConfig:
       return UpdateSiteConfigurationOnPort(*context_, request);
     case VifRequest::kRestore:
-      return RestoreVif(*context_, request);
+      *answer = RestoreVif(*context_, request);
+      return;
     case VifRequest::kAttachLiveMove:
       // The host brings the VM, and may bring its ports.
       context_->ports.DoubtVif(request.vif_id);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "app/zema/host/vif_handler.h"
 #include "app/zema/vif/prior_attachments.h"
@@ -9,20 +10,25 @@
 
 namespace zem::zema {
 
-/// Serves the operations on the ports of VIFs, one at a time on each VIF.
+/// Serves the operations on the ports of VIFs, one at a time on each VIF, in the order of their arrival.
 class VifPortHandler final : public VifHandler {
  public:
   explicit VifPortHandler(std::shared_ptr<VifContext> context);
   ~VifPortHandler() override;
 
   void DoVifPortOperation(VifRequest& request, Thread& waiter) override;
+  void Arrived(VifRequest& request) override;
   void EndWaits() override;
 
  private:
+  using RestoreAnswer = std::optional<ManagerSender::RestoreResponse>;
+
   bool Defer(VifRequest& request);
   bool CheckHealth(VifRequest& request);
+  bool AwaitTurn(VifRequest& request);
+  void Operate(VifRequest& request, Thread& waiter, RestoreAnswer* answer);
   void NoteForResync(const VifRequest& request);
-  void Dispatch(VifRequest& request, Thread& waiter);
+  void Dispatch(VifRequest& request, Thread& waiter, RestoreAnswer* answer);
   void Attach(VifRequest& request, Thread& waiter);
   void ManagerDetach(VifRequest& request);
 

@@ -1,47 +1,68 @@
 #pragma once
 
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 
 #include "platform/core/condition.h"
 
 namespace zem::zema {
 
-/// The VIFs on which an operation runs: one at a time on each.
+class VifsInProcess;
+
+/// An operation's place among those on its VIF, from its arrival until `Leave` or its end.
+///
+/// Threads: one owner at a time.  The table outlives it.
+class VifTurn {
+ public:
+  VifTurn(VifsInProcess& vifs, std::string vif, uint64_t number)
+      : vifs_(vifs), vif_(std::move(vif)), number_(number) {}
+  ~VifTurn() { Leave(); }
+  VifTurn(const VifTurn&) = delete;
+  VifTurn& operator=(const VifTurn&) = delete;
+
+  /// Waits up to half a minute for the operations before it.  False when they have not ended by then.
+  [[nodiscard]] bool Await();
+  /// The next one may run.  Calling it twice has no effect.
+  void Leave();
+
+ private:
+  friend class VifsInProcess;
+
+  VifsInProcess& vifs_;
+  const std::string vif_;
+  const uint64_t number_;
+  bool entered_ = false;
+  bool left_ = false;
+};
+
+/// The operations on each VIF in the order in which they arrived: one runs at a time, the others wait for it.
 ///
 /// Threads: all operations from any.
 class VifsInProcess {
  public:
-  /// A VIF that stays in the set while this lives; an empty VIF excludes nobody.
-  class Scope {
-   public:
-    /// With `wait` up to half a minute for the operation before; without it gives way at once.
-    Scope(VifsInProcess& vifs, const std::string& vif, bool wait)
-        : vifs_(vifs), vif_(vif), entered_(vif.empty() || vifs.Enter(vif, wait)) {}
-    ~Scope() {
-      if (entered_ && !vif_.empty()) vifs_.Leave(vif_);
-    }
-    Scope(const Scope&) = delete;
-    Scope& operator=(const Scope&) = delete;
-    bool entered() const { return entered_; }
-
-   private:
-    VifsInProcess& vifs_;
-    const std::string vif_;
-    const bool entered_;
-  };
+  /// The last place on the VIF; null for an empty one, which excludes nobody.
+  std::shared_ptr<VifTurn> TakeTurn(const std::string& vif);
+  /// The only place; null when somebody else has one.
+  std::shared_ptr<VifTurn> TakeOnlyTurn(const std::string& vif);
 
   /// Nobody waits any more.
   void EndWaits();
 
  private:
-  bool Enter(const std::string& vif, bool wait);
-  void Leave(const std::string& vif);
+  friend class VifTurn;
+
+  std::shared_ptr<VifTurn> TakeLocked(const std::string& vif);
+  bool Await(VifTurn& turn);
+  void Leave(VifTurn& turn);
 
   std::mutex mutex_;  // guards what follows
-  Condition left_;
-  std::set<std::string> vifs_;
+  Condition changed_;
+  uint64_t last_ = 0;
+  std::map<std::string, std::deque<uint64_t>> turns_;
   bool ended_ = false;
 };
 

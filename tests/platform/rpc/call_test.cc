@@ -194,6 +194,23 @@ TEST_F(RpcTest, ASlowReaderStopsTheWriter) {
   EXPECT_EQ(journal_.lines().back(), "c status 12");
 }
 
+// Final answers have no limit of their own, so a peer that takes none is given up when too much waits for it.
+TEST_F(RpcTest, APeerThatTakesNoAnswersIsGivenUp) {
+  Serve();
+  auto stub = Stub();
+  constexpr int kCalls = 5;
+  for (int i = 0; i < kCalls; ++i) stub.Echo(ClientContext(), Text("hold"), Observe("c"));
+  clock_.Settle();
+  network_.Freeze(kEndpoint, true);
+  EchoMsg answer;
+  answer.set_payload(std::string(15 << 20, 'x'));
+  for (auto& call : echo_->TakeHeld()) call.Finish(answer);
+  clock_.Settle();
+  network_.Freeze(kEndpoint, false);
+  clock_.Settle();
+  EXPECT_THAT(journal_.Take(), ::testing::Each("c status 53"));
+}
+
 TEST_F(RpcTest, AMessageOverTheFrameLimitIsRefused) {
   Serve();
   auto stub = Stub();

@@ -255,6 +255,24 @@ class RawClient {
     for (const char c : bytes) ASSERT_EQ(::send(fd_.get(), &c, 1, MSG_NOSIGNAL), 1);
   }
 
+  // Sends `bytes` up to `times`; gives how many are on their way when the peer takes no more.
+  size_t SendWhileTaken(const std::string& bytes, size_t times) {
+    for (size_t sent = 0; sent < times; ++sent) {
+      for (size_t at = 0; at < bytes.size();) {
+        const ssize_t size =
+            ::send(fd_.get(), bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (size > 0) {
+          at += static_cast<size_t>(size);
+          continue;
+        }
+        pollfd wait{fd_.get(), POLLOUT, 0};
+        if (::poll(&wait, 1, 500) == 0) return sent;
+        if ((wait.revents & (POLLERR | POLLHUP)) != 0) return times;
+      }
+    }
+    return times;
+  }
+
   // Exactly `size` bytes, or what came before the end.
   std::string Receive(size_t size) {
     std::string bytes;
@@ -339,6 +357,31 @@ TEST_F(TcpTest, TheWireFormIsTheDocumentedOne) {
   EXPECT_EQ(raw.ReceiveFrame().substr(0, 9), "8 12 52 1");
   raw.Send(Bytes({0, 0, 0, 0, 10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(raw.ReceiveFrame(), "11 0 0 0 0:");
+}
+
+// A peer that asks and does not read is not read from either; when it reads, every call has its end.
+TEST_F(TcpTest, APeerThatDoesNotReadIsNotReadFrom) {
+  RawClient raw(server_->port());
+  raw.Send(Hello());
+  raw.Send(Open(1, "orlane.zem.testing.EchoService", EchoService::kInfo.fingerprint));
+  raw.ReceiveFrame();
+  raw.ReceiveFrame();
+  // Method 1 says the request's 64 KiB thirty times over.
+  const std::string payload(64 << 10, 'x');
+  std::string call = Bytes({0, 1, 0, 10, 6, 1, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0}) + Bytes({0, 0, 0, 0}) +
+                     Bytes({0x10, 30, 0x1a, 0x80, 0x80, 4}) + payload;
+  size_t calls = 0;
+  size_t taken = 1;
+  for (; taken == 1 && calls < 250; ++calls) {
+    call[15] = static_cast<char>(calls + 1);
+    taken = raw.SendWhileTaken(call, 1);
+  }
+  ASSERT_LT(calls, 100u) << "200 MB were taken";
+  // The last call is only half sent.
+  const std::string last_end = "8 12 12 1 " + std::to_string(calls - 1) + ":";
+  std::string frame;
+  while (frame != "end" && !frame.starts_with(last_end)) frame = raw.ReceiveFrame();
+  EXPECT_NE(frame, "end");
 }
 
 // Every one of these ends its connection, and only that: the last client is served as if nothing had been.

@@ -48,6 +48,56 @@ TEST_F(ManagerSenderTest, TypesAndCorrelations) {
       log.Contains("[SendMsg] Unsupported message type com.orlane.zem.switching.HostSwitchMsg to MPA"));
 }
 
+// Takes one record as the bus would.
+class OneRecordBus final : public RmqClient {
+ public:
+  int SendToVSM(rmqClientMessage* message) override {
+    header = BusHeader::Of(*message).value_or(BusHeader());
+    content_type = message->content_type;
+    return 0;
+  }
+  BusHeader header;
+  std::string content_type;
+};
+
+// The bus sees in the header what carries the message, and under which id.
+TEST_F(ManagerSenderTest, HeaderOnTheBus) {
+  const boost::intrusive_ptr<OneRecordBus> bus(new OneRecordBus);
+  MpaClient::SetBusForTest([&] { return bus; });
+  verticals.emplace_back(kSwitching);
+  MpaClient::Register(
+      provider, [](rmqClientMessage*) {}, kSwitching, "unused", 1, MpaClient::kBusPort, 30000000, 5000000);
+  MpaClient::SetBusForTest(nullptr);
+  BusRecord ack(kRmqClientRegistrationAck);
+  ack.SetApp(kSwitching, "");
+  rmqClientMessage message = ack.message();
+  MpaClient::Deliver(&message);
+  std::string message_id;
+  ASSERT_TRUE(sender.SendMsg("com.orlane.zem.switching.ChecksumMsg", "", "", "", &message_id));
+  EXPECT_EQ(bus->header.type_id, "com.orlane.zem.switching.ChecksumMsg");
+  EXPECT_EQ(bus->header.msg_class, "com.orlane.zem.customer.ClientRpcRequest");
+  EXPECT_EQ(bus->header.message_id, message_id);
+  EXPECT_EQ(bus->content_type, kProtobufContent);
+}
+
+// What no proxy can take is given up at once; what lacks a road goes to another proxy, an answer whose asker
+// has gone too.
+TEST_F(ManagerSenderTest, OnlyAMissingRoadIsTriedElsewhere) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(seconds(6));
+  const TimePoint begin = clock.Now();
+  EXPECT_FALSE(Send("VifMsg", "", "", "\xff\xff"));
+  EXPECT_FALSE(Send("HostConfigMsg", "nobody asked", "")) << "no call and no reply-to";
+  EXPECT_EQ(log.Count("trying Secondary APH"), 0u);
+  ASSERT_TRUE(Send("HostConfigMsg", "c-8", "0a000000-0000-4000-8000-000000000009"));
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Last().correlation_id, "c-8");
+  EXPECT_EQ(log.Count("trying Secondary APH"), 1u);
+  EXPECT_LT(clock.Now() - begin, seconds(1));
+}
+
 // Without the manager a message waits as long as leaves time for an answer, then it is dropped.
 TEST_F(ManagerSenderTest, WaitsForTheManager) {
   Register(kSwitching);
@@ -68,8 +118,8 @@ TEST_F(ManagerSenderTest, VifMessages) {
   clock.RunFor(seconds(6));
   std::string message_id;
   ASSERT_TRUE(sender.SendVIFAttachmentInfo({true, "op-1", "vif", "ls", "", "host", "/vm.x"}, &message_id));
-  EXPECT_EQ(message_id.size(), 36u);
   clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Last().tracking_id, message_id) << "the id that is logged is the one that was sent";
   EXPECT_THAT(Last().json, ::testing::HasSubstr(R"("operation":0)"));
   EXPECT_THAT(Last().json, ::testing::Not(::testing::HasSubstr("logical_port_id")));
   ASSERT_TRUE(sender.SendVIFAttachmentInfo({false, "op-2", "vif", "ls", "lp", "host", "/vm.x"}, &message_id));

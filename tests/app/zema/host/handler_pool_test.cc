@@ -46,6 +46,8 @@ TEST_F(HandlerPoolTest, ABurstMakesThirtyThreadsAndTheRestWaitsInTurn) {
   EXPECT_EQ(pool_.load().free, 30u);
   const std::vector<VifRequest> served = handler_.served();
   ASSERT_EQ(served.size(), 33u);
+  // Those that wait for a thread have arrived all the same.
+  for (size_t i = 0; i < 33; ++i) EXPECT_EQ(handler_.arrived().at(i), "op-" + std::to_string(i));
   for (size_t i = 30; i < 33; ++i) EXPECT_GE(std::stoi(served[i].op_id.substr(3)), 30);
 }
 

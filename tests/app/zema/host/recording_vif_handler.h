@@ -32,6 +32,10 @@ class RecordingVifHandler : public VifHandler {
       request.result_text = request.vif_id;
     }
   }
+  void Arrived(VifRequest& request) override {
+    const std::lock_guard lock(mutex_);
+    arrived_.push_back(request.op_id);
+  }
   void EndWaits() override { Release(); }
 
   void Release() {
@@ -47,6 +51,10 @@ class RecordingVifHandler : public VifHandler {
     const std::lock_guard lock(mutex_);
     return served_;
   }
+  std::vector<std::string> arrived() {
+    const std::lock_guard lock(mutex_);
+    return arrived_;
+  }
   int held() {
     const std::lock_guard lock(mutex_);
     return held_;
@@ -56,6 +64,7 @@ class RecordingVifHandler : public VifHandler {
   std::mutex mutex_;  // guards what follows
   Condition changed_;
   std::vector<VifRequest> served_;
+  std::vector<std::string> arrived_;
   int held_ = 0;
   bool open_ = false;
 };

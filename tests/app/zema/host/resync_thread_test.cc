@@ -161,7 +161,7 @@ TEST_F(ResyncThreadTest, AManagerThatComesAgainIsFollowedClosely) {
     o.resync_interval = 60;
   });
   Start();
-  clock_.RunFor(seconds(10));
+  clock_.RunFor(seconds(2));
   health_.mpaConnected();
   AwaitRounds(2);
   clock_.RunFor(seconds(240));
@@ -278,7 +278,7 @@ TEST_F(ResyncThreadTest, ARoundEndsWhenItCannotBeCarriedOut) {
     vif_handler_.served.clear();
     vif_handler_.then = c.then;
     c.before();
-    if (!log_.Contains("Resync Task signaled")) clock_.RunFor(seconds(10));
+    if (!log_.Contains("Resync Task signaled")) clock_.RunFor(seconds(2));
     AwaitRounds(1);
     AwaitLine("Resetting resyncInProgress");
     EXPECT_EQ(vif_handler_.served.size(), c.served) << c.line;
@@ -308,6 +308,8 @@ TEST_F(ResyncThreadTest, AScriptThatHangsEndsWithTheThreadAndWithItsTime) {
       for (int i = 0; i < 30'000 && directory.Read("pid").empty(); ++i) ::poll(nullptr, 0, 1);
       thread_->Stop();
       thread_->Join();
+    } else {
+      clock_.RunFor(seconds(2));
     }
     AwaitLine(by_stop ? "errno:[stopped]" : "errno:[took too long]");
     thread_.reset();

@@ -59,15 +59,10 @@ class VifDvportThreadTest : public ::testing::Test {
   std::mutex mutex_;  // guards what follows
   Condition changed_;
   std::vector<std::string> requests_;
-  std::vector<std::string> cleared_;
   VifDvportThread thread_{[this](std::shared_ptr<VifRequest> request) {
                             const std::lock_guard lock(mutex_);
                             requests_.push_back(request->op_id + " " + request->vif_id);
                             changed_.NotifyAll();
-                          },
-                          [this](const std::string& dvs, const std::string& port) {
-                            const std::lock_guard lock(mutex_);
-                            cleared_.push_back(dvs + "/" + port);
                           },
                           socket_};
   UniqueFd client_;
@@ -84,9 +79,6 @@ TEST_F(VifDvportThreadTest, ListsBecomeRequestsInOrderAndOddFramesAreSkipped) {
   Send(client_, Frame(0, "") + Frame(-5, "") + Frame(leaving) + Frame(3, "\x0a\xff\xff") + Frame(coming));
   EXPECT_THAT(Requests(4), ::testing::ElementsAre("dvport-detach-0 vif-1", "dvport-detach-1 vif-2",
                                                   "dvport-attach-0 vif-1", "dvport-attach-eth0 vif-2"));
-  // With both, and when the VIF leaves, only.
-  const std::lock_guard lock(mutex_);
-  EXPECT_THAT(cleared_, ::testing::ElementsAre("dvs/port"));
 }
 
 TEST_F(VifDvportThreadTest, TheNextConnectionIsServedAfterABrokenOne) {

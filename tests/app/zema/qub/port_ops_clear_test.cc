@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "app/zema/qub/port_file.h"
 #include "app/zema/qub/port_props.h"
 #include "platform/core/thread.h"
@@ -18,6 +20,7 @@ class PortOpsClearTest : public SwitchHostTest {
   PortOpsClearTest() {
     Create(Description("lp-1"), kVif, Vm("vm1"));
     Create(Description("lp-2", "z2"), "vif-2", Vm("vm2"));
+    Create(Description("lp-3"), "vif-4", Vm("vm3"));
     log.Clear();
     state->ClearLogs();
   }
@@ -45,16 +48,23 @@ TEST_F(PortOpsClearTest, OnlyTheMeantPortLosesItsVif) {
     const char* vif_of_lp1;
     const char* vif_of_lp2;
   } const cases[] = {
-      {"z9", "lp-1", kLs, kVif, false, kVif, "vif-2"},       {"z1", "", kLs, kVif, false, kVif, "vif-2"},
-      {"z1", "lp-1", "ls-other", kVif, true, kVif, "vif-2"}, {"z1", "lp-9", kLs, kVif, false, kVif, "vif-2"},
-      {"z9", "", "ls-other", kVif, true, kVif, "vif-2"},     {"z1", "lp-1", kLs, kVif, false, kNone, "vif-2"},
+      {"z9", "lp-1", kLs, kVif, false, kVif, "vif-2"},
+      {"z1", "", kLs, kVif, false, kVif, "vif-2"},
+      {"z1", "lp-1", "ls-other", kVif, true, kVif, "vif-2"},
+      {"z1", "lp-9", kLs, kVif, false, kVif, "vif-2"},
+      {"z9", "", "ls-other", kVif, true, kVif, "vif-2"},
+      {"z1", "lp-1", kLs, kVif, false, kNone, "vif-2"},
       {"z1", "lp-9", kLs, "vif-2", true, kNone, kNone},
+      // The port has gone from one VIF to the next before the answer for the first came.
+      {"z3", "lp-3", kLs, "vif-3", false, kNone, kNone},
+      {"z3", "lp-3", kLs, "vif-3", true, kNone, kNone},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(std::string(row.zone) + " " + row.port + " " + row.ls + (row.force ? " forced" : ""));
     EXPECT_EQ(Clear(row.zone, row.port, row.ls, row.vif, row.force), 0);
     EXPECT_EQ(VifOf(kOverlay, "lp-1"), row.vif_of_lp1);
     EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), row.vif_of_lp2);
+    EXPECT_EQ(VifOf(kOverlay, "lp-3"), "vif-4");
   }
 }
 
@@ -65,7 +75,51 @@ TEST_F(PortOpsClearTest, FileForgetsTheVifToo) {
   PortLocation found;
   std::string path = Vm("vm1");
   EXPECT_EQ(ports.FindPortByVifUuid(kVif, kLs, &path, &found, &error), -1);
-  EXPECT_THAT(state->Ports(kOverlay), SizeIs(1));
+  EXPECT_THAT(state->Ports(kOverlay), IsEmpty());
+}
+
+// A file that could not be written, or was not because the agent died, is put right by the next try; it is
+// written before its port is cleared, so that what a kill leaves still holds the VIF.
+TEST_F(PortOpsClearTest, FileThatIsBehindItsPortIsSavedByTheNextTry) {
+  const std::string file = PortFile("vm1", kOverlay, "lp-1");
+  const auto in_file = [&](const char* text) {
+    std::string bytes;
+    EXPECT_EQ(ReadPortFile(file, &bytes), 0);
+    return bytes.find(text) != std::string::npos;
+  };
+  const char* const no_state = "DVSKNL_PersistentPortStateGet count=1 ret=0xbad0001";
+  Fault(no_state);
+  EXPECT_EQ(ports.UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false", &error), -1);
+  EXPECT_FALSE(in_file("detach_port"));
+  EXPECT_EQ(ports.UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false", &error), 0);
+  EXPECT_TRUE(in_file("detach_port"));
+  Fault(no_state);
+  EXPECT_EQ(ports.UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true", &error), -1);
+  EXPECT_EQ(ports.UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true", &error), 0);
+  EXPECT_FALSE(in_file("detach_port"));
+
+  Fault(no_state);
+  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
+  EXPECT_TRUE(in_file(kVif));
+  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
+  EXPECT_FALSE(in_file(kVif));
+
+  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif), 0);
+  Fault("DVSKNL_PortDataClear port=lp-1 count=2 ret=0xbad0001");
+  state->ClearLogs();
+  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
+  const auto calls = state->Calls("lp-1");
+  const auto first = [&](const char* function) {
+    return std::find_if(calls.begin(), calls.end(),
+                        [&](const std::string& call) { return call.find(function) != std::string::npos; });
+  };
+  EXPECT_LT(first("DVSKNL_PersistentPortStateGet"), first("DVSKNL_PortDataClear"));
+  // A VIF that stays on its port is in its file again.
+  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif), 0);
+  Fault("DVSKNL_PortDataClear port=lp-1 count=3 ret=0xbad0001");
+  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), -1);
+  EXPECT_TRUE(in_file(kVif));
 }
 
 TEST_F(PortOpsClearTest, ThirdTryIsTheLast) {
@@ -91,10 +145,10 @@ TEST_F(PortOpsClearTest, StateThatCannotBeReadLeadsToAllSwitchesWhenForced) {
 }
 
 TEST_F(PortOpsClearTest, OtherPortsOfTheVifLoseIt) {
-  Create(Description("lp-3", "z2"), kVif, Vm("vm1"));
-  EXPECT_EQ(ports.ClearVifFromPortOtherThan("lp-3", kVif, &error), 0);
+  Create(Description("lp-5", "z2"), kVif, Vm("vm1"));
+  EXPECT_EQ(ports.ClearVifFromPortOtherThan("lp-5", kVif, &error), 0);
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
-  EXPECT_EQ(VifOf(kVlanSwitch, "lp-3"), kVif);
+  EXPECT_EQ(VifOf(kVlanSwitch, "lp-5"), kVif);
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), "vif-2");
 }
 

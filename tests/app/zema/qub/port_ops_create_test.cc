@@ -164,7 +164,6 @@ TEST_F(PortOpsCreateTest, EachFailureOfTheSwitchIsTold) {
       {"DVSKNL_PortAdd count=1 ret=0xbad0001", "MPA44204", false},
       {"DVSKNL_PortDataSet prop=com.orlane.port.extraConfig.vnic.external.id count=1 ret=0xbad0001",
        "MPA44205", true},
-      {"DVSKNL_PersistentPortStateGet count=1 ret=0xbad0001", "MPA44212", true},
   };
   int number = 0;
   for (const auto& row : cases) {
@@ -180,6 +179,37 @@ TEST_F(PortOpsCreateTest, EachFailureOfTheSwitchIsTold) {
     EXPECT_THAT(state->Faults(), IsEmpty());
     ASSERT_TRUE(state->LosePorts(kOverlay));
   }
+}
+
+// A VM gets its network without the file, too.  When its folder changes, the file before stays until the new
+// one is there, and it is the port's as long as it stays.
+TEST_F(PortOpsCreateTest, FileThatCannotBeWrittenIsToldAndKeepsNothingUp) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  const std::string before = PortFile("vm1", kOverlay, "lp-1");
+  dir.Write("vm2", "no folder");
+  Create(Description("lp-1"), kVif, Vm("vm2"));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr("Error creating port file directory for port:lp-1")));
+  EXPECT_TRUE(fs::exists(before));
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kPersistPath), before);
+
+  Fault("DVSKNL_PersistentPortStateGet count=1 ret=0xbad0001");
+  Create(Description("lp-1"), kVif, Vm("vm3"));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr("Error saving port data file for port:lp-1")));
+  EXPECT_TRUE(fs::exists(before));
+
+  Create(Description("lp-1"), kVif, Vm("vm3"));
+  EXPECT_FALSE(fs::exists(before));
+  EXPECT_TRUE(fs::exists(PortFile("vm3", kOverlay, "lp-1")));
+
+  // A pipe in the place of a file is none, and nobody waits for its other end.
+  const std::string pipe = PortFile("vm3", kOverlay, "lp-1");
+  ASSERT_EQ(::unlink(pipe.c_str()), 0);
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  std::string bytes;
+  EXPECT_EQ(ReadPortFile(pipe, &bytes), EINVAL);
+  std::string error;
+  EXPECT_EQ(ports.ClearVifFromPort("z1", "lp-1", kLs, kVif, false, &error), 0);
+  EXPECT_TRUE(fs::is_regular_file(pipe));
 }
 
 // A key from outside that climbs out of the VM's directory must not become a file there.

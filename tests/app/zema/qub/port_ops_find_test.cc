@@ -67,24 +67,46 @@ TEST_F(PortOpsFindTest, NothingIsReadFromTheDiskWithoutAVm) {
   EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
 }
 
-// A switch that lost its ports: the VM's come back, up to the one that was asked for, as they were.
-TEST_F(PortOpsFindTest, LostPortsComeBackFromTheirFiles) {
+// A switch that lost its ports: the one that was asked for comes back as it was, and no other.
+TEST_F(PortOpsFindTest, LostPortComesBackFromItsFile) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
   Create(Description("lp-2"), "vif-2", Vm("vm1"));
-  Create(Description("lp-3"), "vif-3", Vm("vm1"));
   const auto before = state->PortProperties(kOverlay, "lp-2");
   state->RebootHost();
   dir.Write("vm1/.dvsData/" + std::string(kOverlay) + "/lp-0", "torn");
 
   EXPECT_EQ(Find("vif-2", Vm("vm1")), 0);
   EXPECT_EQ(found.port, "lp-2");
-  EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-1", "lp-2"));
+  EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-2"));
   EXPECT_EQ(state->PortProperties(kOverlay, "lp-2"), before);
-  EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44204\"")));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44206\"")));
 
   EXPECT_EQ(Find("vif-9", Vm("vm1")), -1);
   EXPECT_THAT(log.Texts(), Contains("[PortOp] Could not find port/vif"));
-  EXPECT_THAT(state->Ports(kOverlay), SizeIs(3));
+  EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-2"));
+}
+
+// Ports that are there may be connected: none is removed or made anew, and a clone's folder, which holds the
+// files of the VM that it was made of, gives nobody that VM's port.
+TEST_F(PortOpsFindTest, PortsThatAreThereAreNeitherRemovedNorTakenFromAnotherVm) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  Create(Description("lp-2"), "vif-2", Vm("vm1"));
+  fs::copy(dir.Path("vm1"), dir.Path("clone"), fs::copy_options::recursive);
+  ASSERT_EQ(library.PortDataClear(kOverlay, "lp-1", port_props::kExternalId), 0U);
+  state->ClearLogs();
+
+  EXPECT_EQ(Find("vif-9", Vm("vm1")), -1);
+  EXPECT_EQ(Find(kVif, Vm("clone")), -1);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
+  // The VM's own port, which lost its VIF and kept its file, gets it back where it is.
+  EXPECT_EQ(Find(kVif, Vm("vm1")), 0);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), kVif);
+  // One that went to another VIF does not.
+  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, "vif-3"), 0);
+  EXPECT_EQ(Find(kVif, Vm("vm1")), -1);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "vif-3");
+  EXPECT_THAT(state->Calls("DVSKNL_PortRemove"), IsEmpty());
+  EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
 }
 
 TEST_F(PortOpsFindTest, OneSwitchThatCannotListKeepsNobodyFromTheOther) {

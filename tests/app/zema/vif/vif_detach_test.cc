@@ -104,6 +104,56 @@ TEST_F(VifDetachTest, UndoneMoveGivesThePortBeforeBack) {
   EXPECT_THAT(road.asked, SizeIs(1));
 }
 
+// The manager, or its answer to the undo, knows the VIF on a third switch by then.
+TEST_F(VifDetachTest, UndoneMoveLeavesTheVifOnOnePort) {
+  for (const bool told : {true, false}) {
+    SCOPED_TRACE(told);
+    road.script.push_back(Moved(Port("lp-2", "z2", "ls-2"), "lp-1", "z1", kLs));
+    ASSERT_EQ(Done(Request(VifRequest::kAttach, kVif, "ls-2")).error_text, "");
+    PortConfigSpec third = Description("lp-3", "z2");
+    third.switch_id = "ls-3";
+    Create(third, kVif, Vm("vm1"));
+    PortAttached left = Port("lp-2", "z2", "ls-2");
+    left.vif_id = kVif;
+    road.script.push_back(left);
+    road.script.push_back(told ? Moved(Port("lp-1"), "lp-3", "z2", "ls-3") : Port("lp-1"));
+    EXPECT_EQ(Done(Request(VifRequest::kDetach, kVif, "ls-2")).error_text, "");
+    EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), kNone);
+    EXPECT_EQ(VifOf(kVlanSwitch, "lp-3"), kNone);
+    EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
+  }
+}
+
+// Only the operation that moved the VIF takes the move back, and only what it had on this host.
+TEST_F(VifDetachTest, LaterEndOfTheVmUndoesNoMove) {
+  const struct {
+    const char* what;
+    const char* old_host;
+    const char* op_id;
+  } cases[] = {
+      {"another operation", "host-1", "op-8-1"},
+      {"moved here from another host", "host-2", "op-7-2"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
+    PortAttached moved = Moved(Port("lp-2", "z2", "ls-2"), "lp-1", "z1", kLs);
+    moved.host_id = row.old_host;
+    road.script.push_back(moved);
+    ASSERT_EQ(Done(Request(VifRequest::kAttach, kVif, "ls-2")).error_text, "");
+    road.asked.clear();
+    PortAttached left = Port("lp-2", "z2", "ls-2");
+    left.vif_id = kVif;
+    road.script.push_back(left);
+    VifRequest end = Request(VifRequest::kDetach, kVif, "ls-2");
+    end.op_id = row.op_id;
+    EXPECT_EQ(Done(end).error_text, "");
+    EXPECT_THAT(road.asked, SizeIs(1));
+    EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), kNone);
+    EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
+    Attach(kVif, "lp-1");
+  }
+}
+
 // It came from another host, on the same logical switch: its end here undoes no move.
 TEST_F(VifDetachTest, VifFromAnotherHostIsNotTakenBackAtItsEnd) {
   road.script.push_back(Moved(Port("lp-1"), "lp-1", "z8", kLs));
@@ -115,6 +165,33 @@ TEST_F(VifDetachTest, VifFromAnotherHostIsNotTakenBackAtItsEnd) {
   EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
   EXPECT_THAT(road.asked, SizeIs(1));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
+}
+
+// What ties a port for its security goes with the operation, whatever the manager says of it, unless the port
+// has been tied to another VIF since.
+TEST_F(VifDetachTest, SecurityOnlyPortIsUntied) {
+  VifRequest attach = Request(VifRequest::kAttach, "vif-5", "dvportgroup-7");
+  attach.security_switch_id = kOverlay;
+  attach.port_id = "lp-1";
+  VifRequest detach = attach;
+  detach.op_code = VifRequest::kDetach;
+  const auto tied = [&] {
+    road.script.push_back(Port("lp-5"));
+    EXPECT_EQ(Done(attach).error_text, "");
+    EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kSecurityEnable), "true");
+  };
+  for (const auto& answer :
+       {ScriptedManager::Answer(PortAttached()), ScriptedManager::Answer(Refusal("no"))}) {
+    tied();
+    road.script.push_back(answer);
+    Done(detach);
+    for (const char* const key : port_props::kOpaqueData) EXPECT_EQ(Property(kOverlay, "lp-1", key), kNone);
+  }
+  tied();
+  detach.vif_id = "vif-4";
+  road.script.push_back(PortAttached());
+  Done(detach);
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), "vif-5");
 }
 
 TEST_F(VifDetachTest, ManagerTakesTheAttachmentAway) {
@@ -166,6 +243,11 @@ TEST_F(VifDetachTest, ManagerWantsAPortBack) {
 
   lum.rpc_reply = Vm("vm1");
   ASSERT_TRUE(state->LosePorts(kOverlay));
+  // The answer may take long: the VIF is free while it is on its way.
+  while_answering = [this] {
+    road.script.push_back(Port("lp-1"));
+    EXPECT_EQ(Done(Request(VifRequest::kSyncAttach)).error_text, "");
+  };
   Done(request);
   EXPECT_THAT(lum.commands, ElementsAre("17:vifId=vif-1|portId="));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);

@@ -158,10 +158,12 @@ class VifHostTest : public SwitchHostTest {
   StopSignal ending;
   bool lum_ready = true;
   std::vector<ManagerSender::RestoreResponse> restored;
+  std::function<void()> while_answering;
   VifPortHandler handler{std::make_shared<VifContext>(
       VifContext{ports, manager, lum, migration, resync, port_lock, [] { return true; },
                  [this] { return lum_ready; }, [this] { return host; },
                  [this](const ManagerSender::RestoreResponse& response) {
+                   if (const auto act = std::exchange(while_answering, nullptr)) act();
                    restored.push_back(response);
                    return true;
                  },

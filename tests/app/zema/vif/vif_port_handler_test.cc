@@ -46,6 +46,44 @@ TEST_F(VifPortHandlerTest, OneOperationAtATimeOnAVif) {
   slow.Join();
 }
 
+// Whichever thread comes first: what arrived first is carried out first, and one that gives up holds nobody.
+TEST_F(VifPortHandlerTest, OperationsOnAVifKeepTheOrderOfTheirArrival) {
+  std::vector<VifRequest> requests;
+  for (const int32_t kind : {VifRequest::kAttach, VifRequest::kDetach, VifRequest::kAttach}) {
+    requests.push_back(Request(kind));
+    handler.Arrived(requests.back());
+  }
+  VifRequest other = Request(VifRequest::kDetach, "vif-2");
+  handler.Arrived(other);
+  EXPECT_EQ(Done(Request(VifRequest::kSyncAttach)).error_text, "Concurrent operation on vif, cannot proceed");
+  for (int i = 0; i < 4; ++i) road.script.push_back(Port("lp-1"));
+  std::list<Server> servers;
+  for (auto request = requests.rbegin(); request != requests.rend(); ++request) {
+    servers.emplace_back(handler, *request).Start();
+    clock.Settle();
+  }
+  Do(other);
+  for (Server& server : servers) server.Join();
+  ASSERT_THAT(road.asked, SizeIs(4));
+  EXPECT_TRUE(road.asked[0].attach);
+  EXPECT_FALSE(road.asked[1].attach);
+  EXPECT_TRUE(road.asked[2].attach);
+  EXPECT_EQ(road.asked[3].vif_id, "vif-2");
+
+  // Refused before its turn, or dropped without being served.
+  lum_ready = false;
+  VifRequest refused = Request(VifRequest::kDetach);
+  handler.Arrived(refused);
+  Do(refused);
+  lum_ready = true;
+  {
+    VifRequest dropped = Request(VifRequest::kDetach);
+    handler.Arrived(dropped);
+  }
+  road.script.push_back(Port("lp-1"));
+  EXPECT_EQ(Done(Request(VifRequest::kSyncAttach)).error_text, "");
+}
+
 TEST_F(VifPortHandlerTest, MoveOfInterfacesMakesItsPortsItself) {
   const MigrationRecord::Scope move(migration, MigrationRecord::Kind::kToLogicalSwitch);
   VifRequest request = Request(VifRequest::kAttachToVifUuid);

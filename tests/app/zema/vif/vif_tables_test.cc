@@ -8,7 +8,7 @@ namespace {
 
 TEST(PriorAttachmentsTest, OnlyTheSameOperationReturnsToItsPort) {
   PriorAttachments prior;
-  prior.Note("vif", "/vm/a", "op-7", {"ls-1", "ls-2", "z1", "lp-1"});
+  prior.Note("vif", "/vm/a", {"ls-1", "ls-2", "z1", "lp-1", "op-7"});
   EXPECT_EQ(prior.PortToReturnTo("vif", "ls-1", "/vm/b", "op-7"), "");
   EXPECT_EQ(prior.PortToReturnTo("vif", "ls-1", "/vm/a", "op-7"), "lp-1");
   EXPECT_EQ(prior.PortToReturnTo("vif", "ls-1", "/vm/a", "op-7"), "lp-1");
@@ -26,7 +26,7 @@ TEST(PriorAttachmentsTest, OnlyTheSameOperationReturnsToItsPort) {
 TEST(PriorAttachmentsTest, OldestGoWhenThereAreTooMany) {
   PriorAttachments prior;
   for (int i = 0; i < 5000; ++i) {
-    prior.Note("vif", "/vm/" + std::to_string(i), "op", {"ls-1", "ls-2", "z1", "lp"});
+    prior.Note("vif", "/vm/" + std::to_string(i), {"ls-1", "ls-2", "z1", "lp", "op"});
   }
   EXPECT_FALSE(prior.Find("vif", "/vm/0"));
   EXPECT_EQ(prior.PortToReturnTo("vif", "ls-1", "/vm/0", "op"), "");

@@ -1,0 +1,103 @@
+#include "tests/world/world_node.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "app/zema/app/zema_app.h"
+#include "covedbclient/covedb_client.h"
+#include "framework/logger.h"
+#include "framework/platform_info.h"
+#include "framework/shutdown_pipe.h"
+#include "mpaclient/tn_proxy_client_common.h"
+#include "platform/core/work_group.h"
+#include "sim/node/host_setup.h"
+
+namespace zem::world {
+namespace {
+
+// Batches close soon, so that a life has many of them.
+constexpr const char* kRealizationOptions =
+    "{\"mp\": {\"lsMsgBatchInterval\": 4, \"lsMsgIncomingWaitInBatch\": 1}, \"resync\": {\"intervalInSec\": "
+    "600}}\n";
+
+std::FILE* log_file = nullptr;
+
+void EmitToFile(int, const char* line) {
+  if (log_file == nullptr) return;
+  const Duration now = Clock::Process().Now().time_since_epoch();
+  std::fprintf(log_file, "%.6f %s\n", std::chrono::duration<double>(now).count(), line);
+  std::fflush(log_file);
+}
+
+void Write(const std::string& path, const std::string& text) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream(path, std::ios::trunc) << text;
+}
+
+}  // namespace
+
+WorldNode::WorldNode(std::FILE* log) {
+  log_file = log;
+  Logger::SetEmitter(&EmitToFile);
+  InstallLibraryLogBridge();
+  Logger::logLevel.store(log_file == nullptr ? kLogFatal : kLogInfo);
+  WriteHost();
+  store = std::make_unique<sim::StoreDaemon>(store_provider_, kStoreEndpoint, registry_);
+  store_provider_.RunAsync(1);
+  sim::Manager::Options options;
+  options.transport_node_id = kNodeId;
+  manager = std::make_unique<sim::Manager>(options);
+  manager->StartProxy();
+  for (const char* aph : kAphs) manager->AddAph(aph, aph == kAphs[0]);
+  host_management = std::make_unique<sim::HostManagement>();
+  machines = std::make_unique<sim::VirtualMachines>(*host_management, host.VmFile());
+  if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
+}
+
+WorldNode::~WorldNode() {
+  if (app_) StopAgent();
+  machines.reset();
+  host_management.reset();
+  manager.reset();
+  store_provider_.StopAndWait(true);
+  store.reset();
+}
+
+void WorldNode::WriteHost() {
+  Write("/etc/zem_issue", "node-type: zem-qub\n");
+  Write("/etc/orlane/zem-tarvik/zema.json", kRealizationOptions);
+  std::filesystem::create_directories("/run/orlane");
+  sim::HostSetup setup;
+  setup.pnics += ",vmnic6";
+  sim::SetUpHost(setup);
+}
+
+void WorldNode::StartAgent() {
+  if (!Tarvik::OpenShutdownPipe()) throw std::runtime_error("no shutdown pipe");
+  provider_ = std::make_unique<AsioZemProvider>();
+  store_client_ = std::make_shared<covedb::CoveDbClient>("tarvik-agent", kStoreEndpoint, *provider_, nullptr,
+                                                         true, true, false);
+  store_client_->StartAsync();
+  TnProxyClientCommon::Init("tarvik", kInfoEndpoint, kForwardingEndpoint);
+  proxy_client_ = TnProxyClientCommon::getInstance();
+  provider_->RunAsync(5);
+  app_ = std::make_unique<Tarvik::ZemaApp>(*provider_, nullptr, store_client_);
+  app_->Start(false, false, false);
+  proxy_client_->Start();
+}
+
+void WorldNode::StopAgent() {
+  Tarvik::CloseShutdownPipe();
+  proxy_client_->Stop();
+  app_->Stop(0);
+  app_.reset();
+  proxy_client_.reset();
+  store_client_.reset();
+  TnProxyClientCommon::Release();
+  provider_->StopAndWait(true);
+  provider_.reset();
+}
+
+}  // namespace zem::world

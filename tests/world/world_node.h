@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "platform/core/provider.h"
+#include "platform/core/virtual_clock.h"
+#include "platform/rpc/memory_network.h"
+#include "sim/host/host_state.h"
+#include "sim/manager/manager.h"
+#include "sim/node/host_management.h"
+#include "sim/node/virtual_machines.h"
+#include "sim/store/store_daemon.h"
+#include "sim/switch/sim_state.h"
+
+namespace zem {
+class TnProxyClientCommon;
+namespace Tarvik {
+class ZemaApp;
+}
+namespace covedb {
+class CoveDbClient;
+}
+}  // namespace zem
+
+namespace zem::world {
+
+inline constexpr const char* kNodeId = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
+inline constexpr const char* kAphs[] = {"0a000000-0000-4000-8000-000000000001",
+                                        "0a000000-0000-4000-8000-000000000002",
+                                        "0a000000-0000-4000-8000-000000000003"};
+inline constexpr const char* kInfoEndpoint = "tcp://127.0.0.1:9004";
+inline constexpr const char* kForwardingEndpoint = "tcp://127.0.0.1:4096";
+inline constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
+
+/// The realization with its clients of the manager and the store, and every peer that it meets, in one
+/// process on the virtual clock.  Lives in a sandbox: files, the management script and the commands of the
+/// host are the real ones of the simulated node, and time stands still while those processes work.
+class WorldNode {
+ public:
+  /// Lines of the agent's log go to `log`; null: nowhere.
+  explicit WorldNode(std::FILE* log);
+  ~WorldNode();
+
+  void StartAgent();
+  /// In order, as at a SIGTERM that the daemon heeds.
+  void StopAgent();
+  Tarvik::ZemaApp& app() { return *app_; }
+
+  VirtualClock clock;
+  rpc::MemoryNetwork network;
+
+ private:
+  static void WriteHost();
+
+  AsioZemProvider store_provider_;
+  sim::ObjectRegistry registry_;
+
+ public:
+  sim::SwitchState switches;
+  sim::HostState host{sim::HostState::DefaultRoot()};
+  std::unique_ptr<sim::StoreDaemon> store;
+  std::unique_ptr<sim::Manager> manager;
+  std::unique_ptr<sim::HostManagement> host_management;
+  std::unique_ptr<sim::VirtualMachines> machines;
+
+ private:
+  std::unique_ptr<AsioZemProvider> provider_;
+  std::shared_ptr<covedb::CoveDbClient> store_client_;
+  std::shared_ptr<TnProxyClientCommon> proxy_client_;
+  std::unique_ptr<Tarvik::ZemaApp> app_;
+};
+
+}  // namespace zem::world
