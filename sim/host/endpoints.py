@@ -3,7 +3,7 @@
 import ipaddress
 
 from simstate import Refused
-from switches import items
+from switches import check_mtu, check_vlan, items
 
 NOT_YET = "0.0.0.0"
 
@@ -24,6 +24,24 @@ def valid(address, version):
         return False
 
 
+def valid_mask(text):
+    """Ones, then zeros."""
+    if not valid(text, 4):
+        return False
+    bits = int(ipaddress.IPv4Address(text)) ^ 0xFFFFFFFF
+    return bits & (bits + 1) == 0
+
+
+def check(values):
+    check_vlan(values.get("vlan", ""))
+    check_mtu(values.get("mtu", ""), "endpoint MTU")
+    for name in ("dhcp", "ipv6Dhcp", "ipv6AutoConf"):
+        if values.get(name, "") not in ("0", "1"):
+            raise Refused("malformed %s [%s]" % (name, values.get(name, "")))
+    if values.get("upgrade", "") not in ("true", "false"):
+        raise Refused("malformed upgrade [%s]" % values.get("upgrade", ""))
+
+
 def setting(value, good):
     return "%s~%s" % (value, "ok" if not value or good else "malformed")
 
@@ -32,17 +50,20 @@ def apply_vtep(state, arguments):
     """Makes the endpoints of a switch those of the list, and tells what became of each."""
     values = dict(part.partition("=")[::2] for part in arguments.split("|"))
     meta = state.meta(values.get("uuid", ""))
+    check(values)
     prefix = values.get("ipv6PrefixLength", "")
     reply = [
         "ok",
         setting(values.get("defaultGateway", ""), valid(values.get("defaultGateway", ""), 4)),
-        setting(values.get("subnetMask", ""), valid(values.get("subnetMask", ""), 4)),
+        setting(values.get("subnetMask", ""), valid_mask(values.get("subnetMask", ""))),
         setting(values.get("ipv6DefaultGateway", ""), valid(values.get("ipv6DefaultGateway", ""), 6)),
         setting(prefix, prefix.isdigit() and int(prefix) <= 128),
     ]
     wanted = [entry.split("~") for entry in items(values.get("vtep", ""))]
     if any(len(entry) != 5 for entry in wanted):
         raise Refused("malformed endpoints [%s]" % values["vtep"])
+    if len({entry[0] for entry in wanted}) != len(wanted):
+        raise Refused("an endpoint is in the list twice [%s]" % values["vtep"])
     # The host makes them in an order of its own.
     outcome = {entry[0]: apply_entry(state, meta, values, *entry) for entry in sorted(wanted)}
     reply += [outcome[entry[0]] for entry in wanted]
@@ -65,6 +86,8 @@ def apply_entry(state, meta, values, device, ip, ip6, mac, marker):
         problem = "it is an endpoint of host-switch [%s]" % endpoint["switchId"]
     elif where["kind"] != "endpoint":
         problem = "it is in use by the host"
+    elif values["dhcp"] == "0" and taken_by(state, device, ip):
+        problem = "its address is that of endpoint [%s]" % taken_by(state, device, ip)
     elif values["dhcp"] == "0" and not valid(ip, 4) and not valid(ip6, 6):
         problem = "it has no valid address"
     if problem:
@@ -86,6 +109,13 @@ def apply_entry(state, meta, values, device, ip, ip6, mac, marker):
             decimal_mac(endpoint["mac"]),
         )
     )
+
+
+def taken_by(state, device, ip):
+    for other, endpoint in state.endpoints().items():
+        if other != device and ip and endpoint["ip"] == ip:
+            return other
+    return ""
 
 
 def new_endpoint(state, device):

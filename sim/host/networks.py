@@ -12,12 +12,18 @@ def entry_values(entry):
 
 def create(state, arguments):
     """ "uuid=..|name=..|path=..|zone=..|revision=..,..."; all or none. """
+    state.networks.refresh()
     changes = []
     # A name may hold commas: an entry ends where the next begins.
     for entry in arguments.split(",uuid="):
         values = entry_values(entry if entry.startswith("uuid=") else "uuid=" + entry)
         if not values.get("uuid") or "revision" not in values:
             raise Refused("malformed opaque network [%s]" % entry)
+        known = state.networks.entries.get(values["uuid"])
+        if known and known["revision"] > int(values["revision"]):
+            raise Refused(
+                "opaque network [%s] has revision %d already" % (values["uuid"], known["revision"])
+            )
         changes.append(
             {
                 "op": "set",
@@ -28,7 +34,6 @@ def create(state, arguments):
                 "revision": int(values["revision"]),
             }
         )
-    state.networks.refresh()
     state.networks.add(changes)
     return "ok"
 
@@ -49,6 +54,11 @@ def delete(state, arguments):
 def apply_bulk(state, data):
     """Operation 11: a piece of the whole list; the first piece forgets what was."""
     flag, switches = messages.logical_switch_bulk(data)
+    if flag not in (0, 1):
+        raise Refused("malformed continuation [%d]" % flag)
+    if flag == 1 and not state.bulk_begun:
+        raise Refused("a piece of a list that was never begun")
+    state.bulk_begun = True
     kinds = {}
     for switch in state.switch_ids():
         meta = state.meta(switch)

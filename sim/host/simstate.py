@@ -142,6 +142,8 @@ class State:
         self.networks = Journal(os.path.join(self.host_dir, "opaque_networks.log"))
         self.machines = Journal(os.path.join(self.host_dir, "vms.log"))
         self.changed_vms = set()
+        # A list of opaque networks comes in pieces, to one script.
+        self.bulk_begun = False
         self.host = {}
         self.host_seen = None
         # What is to be written of switches after the host: who dies in between leaves an interface on a switch that

@@ -30,6 +30,29 @@ def refuse_management_loss(state, pnics, moving=()):
             raise Refused(PNIC_USED % ",".join(sorted(taken)))
 
 
+def number_in(text, least, most):
+    return text.isdigit() and least <= int(text) <= most
+
+
+def check_vlan(text):
+    """No VLAN, or one that a frame can carry."""
+    if text and not number_in(text, 0, 4094):
+        raise Refused("malformed VLAN [%s]" % text)
+
+
+def check_mtu(text, what="MTU"):
+    """0 leaves it to the host."""
+    if text not in ("", "0") and not number_in(text, 1280, 9190):
+        raise Refused("malformed %s [%s]" % (what, text))
+
+
+def word(options, name):
+    value = options.get(name, "False")
+    if value not in ("True", "False"):
+        raise Refused("malformed %s [%s]" % (name, value))
+    return value == "True"
+
+
 def record(text):
     fields = text.split("|")
     if len(fields) != RECORD_FIELDS:
@@ -40,14 +63,17 @@ def record(text):
         raise Refused("host-switch [%s] has no name" % fields[0])
     if not fields[2].isdigit():
         raise Refused("malformed MTU [%s]" % fields[2])
+    check_mtu(fields[2])
     if fields[3] not in KINDS:
         raise Refused("unknown kind [%s]" % fields[3])
     for flag in (fields[8], fields[11], fields[12]):
         if flag not in ("0", "1"):
             raise Refused("malformed flag [%s]" % flag)
     pairs = [tuple(pair.split("~")) for pair in items(fields[6])]
-    if any(len(pair) != 2 for pair in pairs):
+    if any(len(pair) != 2 or not all(pair) for pair in pairs):
         raise Refused("malformed physical NICs [%s]" % fields[6])
+    if fields[10] != "none" and not all("=" in pair for pair in items(fields[10])):
+        raise Refused("malformed extra config [%s]" % fields[10])
     for lag in items(fields[9], "="):
         if len(lag.split(",")) != 6:
             raise Refused("malformed LAG [%s]" % lag)
@@ -58,6 +84,13 @@ def apply_dvses(state, arguments):
     """Makes or changes switches; all or none."""
     records = [record(text) for text in arguments.split(";")]
     names = {state.meta(switch)["name"]: switch for switch in state.switch_ids()}
+    takers = {}
+    for fields, pairs in records:
+        for name, _ in pairs:
+            if takers.setdefault(name, fields[0]) != fields[0]:
+                raise Refused("physical NIC [%s] is wanted by two host-switches" % name)
+    if len({fields[0] for fields, _ in records}) != len(records):
+        raise Refused("a host-switch is in the list twice")
     for fields, _ in records:
         if names.setdefault(fields[1], fields[0]) != fields[0]:
             raise Refused("the name [%s] is that of host-switch [%s]" % (fields[1], names[fields[1]]))
@@ -113,10 +146,17 @@ def apply_dvs_list(state, arguments):
     The digit says whether a switch of the host's own is left that nobody uses.
     """
     parts = arguments.split("|")
-    kept = {item.split("=", 1)[0] for item in items(parts[0])}
+    kept = set()
+    for item in items(parts[0]):
+        switch, _, vlan = item.partition("=")
+        if not ID.match(switch):
+            raise Refused("malformed host-switch id [%s]" % switch)
+        check_vlan(vlan)
+        kept.add(switch)
     options = dict(part.split("=", 1) for part in parts[1:] if "=" in part)
+    everything = word(options, "reset") | word(options, "deleteTn")
     types = set(items(next((part for part in reversed(parts[1:]) if "=" not in part), "")))
-    if options.get("reset") == "True" or options.get("deleteTn") == "True":
+    if everything:
         kept = set()
     digit = "1" if state.host["flags"]["unusedCkln"] else "0"
     for switch in state.switch_ids():

@@ -319,6 +319,20 @@ class StoreCommands {
     reply.Ok(std::move(result));
   }
 
+  void CallsKept(const Arguments& arguments, const Reply& reply) const {
+    const size_t count = arguments.size() > 1 ? ParseNumber(arguments[1], 1, 10000) : 10;
+    Json result = JsonArray();
+    for (const std::string& text : daemon_.faults().Requests(arguments[0], count)) {
+      cJSON_AddItemToArray(result.get(), cJSON_CreateString(text.c_str()));
+    }
+    reply.Ok(std::move(result));
+  }
+
+  void CallsKeep(const Arguments& arguments, const Reply& reply) const {
+    daemon_.faults().KeepRequests(ParseNumber(arguments[0], 0, 10000));
+    reply.Ok();
+  }
+
   void Schema(const Arguments& arguments, const Reply& reply) const {
     if (!arguments.empty()) {
       daemon_.store().SetSchema(arguments[0], arguments.size() > 1
@@ -381,7 +395,13 @@ void RegisterStoreCommands(CommandTable& table, StoreDaemon& daemon, const Objec
   table.Register({"monitors", "", "Shows the monitor streams.", 0, 0, [c](A, R r) { c.ListMonitors(r); }});
   table.Register({"barrier", "[VDB]", "Sends the barrier mark alone to the monitors of a vdb.", 0, 1,
                   [c](A a, R r) { c.Barrier(a, r); }});
-  table.Register({"calls", "", "Shows how many calls came, by method.", 0, 0, [c](A, R r) { c.Calls(r); }});
+  table.Register(
+      {"calls", "[METHOD [COUNT]]",
+       "Shows how many calls came, by method; or the newest COUNT requests (10) of one that were kept, "
+       "oldest first, as they came.",
+       0, 2, [c](A a, R r) { a.empty() ? c.Calls(r) : c.CallsKept(a, r); }});
+  table.Register({"calls/keep", "COUNT", "Keeps so many requests of each method from now on; 0 is none.", 1,
+                  1, [c](A a, R r) { c.CallsKeep(a, r); }});
   table.Register({"schema", "[VERSION [LAST_TYPE]]", "Sets and shows what the schema calls tell.", 0, 2,
                   [c](A a, R r) { c.Schema(a, r); }});
   table.Register({"fault/status", "METHOD CODE [COUNT]",
@@ -397,11 +417,12 @@ void RegisterStoreCommands(CommandTable& table, StoreDaemon& daemon, const Objec
                   [c](A a, R r) { c.FaultFreeze(a, r); }});
   table.Register({"fault/end", "CODE [MONITOR]", "Ends the monitor streams, or one, with a status.", 1, 2,
                   [c](A a, R r) { c.EndStreams(a, r); }});
-  table.Register(
-      {"fault/drop", "", "Drops all connections; clients may come back at once.", 0, 0, [&daemon](A, R r) {
-         daemon.DropConnections();
-         r.Ok();
-       }});
+  table.Register({"fault/drop", "",
+                  "Drops all connections; clients may come back at once, unless listening is off.", 0, 0,
+                  [&daemon](A, R r) {
+                    daemon.DropConnections();
+                    r.Ok();
+                  }});
   table.Register({"fault/listen", "on|off", "While off nobody reaches the store.", 1, 1,
                   [c](A a, R r) { c.FaultListen(a, r); }});
   table.Register({"fault/clear", "", "Ends all faults.", 0, 0, [c](A, R r) { c.FaultClear(r); }});

@@ -37,6 +37,8 @@ void StoreDaemon::StopListening() {
 }
 
 void StoreDaemon::DropConnections() {
+  // Without a server there are none, and nobody is to reach the store.
+  if (!server_) return;
   StopListening();
   Listen();
 }

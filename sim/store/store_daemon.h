@@ -32,7 +32,7 @@ class StoreDaemon {
   StoreFaults& faults() { return *faults_; }
   uint16_t port() const;
 
-  /// Clients lose their channels, and find the store again: nothing is forgotten.
+  /// Clients lose their channels, and find the store again if it listens: nothing is forgotten.
   void DropConnections();
   /// Nobody reaches the store until `Listen`.
   void StopListening();

@@ -1,5 +1,7 @@
 #include "sim/store/store_faults.h"
 
+#include <google/protobuf/message.h>
+
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
@@ -117,6 +119,32 @@ bool StoreFaults::TakeGarbage(std::string_view method) {
   if (fault.garbage <= 0) return false;
   --fault.garbage;
   return true;
+}
+
+void StoreFaults::KeepRequests(size_t count) {
+  const std::lock_guard lock(state_->mutex);
+  kept_ = count;
+  for (auto& [method, requests] : state_->requests) {
+    while (requests.size() > count) requests.pop_front();
+  }
+}
+
+void StoreFaults::NoteRequest(std::string_view method, const google::protobuf::Message& request) {
+  if (kept_ == 0) return;
+  std::string text = request.ShortDebugString();
+  const std::lock_guard lock(state_->mutex);
+  std::deque<std::string>& requests = state_->requests[std::string(method)];
+  requests.push_back(std::move(text));
+  while (requests.size() > kept_) requests.pop_front();
+}
+
+std::vector<std::string> StoreFaults::Requests(const std::string& method, size_t count) const {
+  CheckMethod(method);
+  const std::lock_guard lock(state_->mutex);
+  const auto found = state_->requests.find(method);
+  if (found == state_->requests.end()) return {};
+  const auto& all = found->second;
+  return {all.end() - static_cast<ptrdiff_t>(std::min(count, all.size())), all.end()};
 }
 
 std::vector<StoreFaults::Seen> StoreFaults::Calls() const {

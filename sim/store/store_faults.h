@@ -1,6 +1,8 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -11,6 +13,9 @@
 
 #include "platform/core/clock.h"
 
+namespace google::protobuf {
+class Message;
+}
 namespace zem {
 class AsioZemProvider;
 }
@@ -51,6 +56,12 @@ class StoreFaults {
 
   bool TakeGarbage(std::string_view method);
 
+  /// The newest `count` requests of each method are kept from now on; 0 keeps none.
+  void KeepRequests(size_t count);
+  void NoteRequest(std::string_view method, const google::protobuf::Message& request);
+  /// The newest `count` that were kept, oldest first, in text format.
+  std::vector<std::string> Requests(const std::string& method, size_t count) const;
+
   struct Seen {
     std::string method;
     uint64_t calls = 0;
@@ -76,12 +87,14 @@ class StoreFaults {
     std::mutex mutex;  // guards all below
     std::map<std::string, Fault, std::less<>> faults;
     bool frozen = false;
+    std::map<std::string, std::deque<std::string>, std::less<>> requests;
     std::vector<Waiting> waiting;
   };
   static void Enter(const std::shared_ptr<State>& state, const std::string& method,
                     std::function<void(int)> serve);
 
   AsioZemProvider& provider_;
+  std::atomic<size_t> kept_ = 0;
   const std::shared_ptr<State> state_;  // shared with delayed calls
 };
 

@@ -29,6 +29,7 @@ void Answer(CallHandle<Response>& call, const Status& status, const Response& re
 template <class Request, class Response, class Serve>
 void ServeCall(StoreFaults& faults, const char* method, const Request& request, CallHandle<Response> call,
                Serve serve) {
+  faults.NoteRequest(method, request);
   if (faults.PassAtOnce(method)) {
     Response response;
     const Status status = serve(request, response);
@@ -139,6 +140,7 @@ class CoveDbService final : public proto::CoveDb::Service {
     context.SetOnWritable([weak, store = store_] {
       if (const auto writable = weak.lock()) store->StreamWritable(*writable);
     });
+    faults_->NoteRequest("Monitor", request);
     faults_->Pass("Monitor", [store = store_, sink, request, client = context.client_id()](int code) {
       if (code != 0) {
         sink->Close(Status(code, "as the fault says"));
@@ -168,7 +170,10 @@ class CoveDbService final : public proto::CoveDb::Service {
           call_(std::move(call)),
           ended_(std::move(ended)) {}
 
-    void Next(const proto::ModifyRequestMsg& message) override { batch_.push_back(message); }
+    void Next(const proto::ModifyRequestMsg& message) override {
+      faults_->NoteRequest("Modify", message);
+      batch_.push_back(message);
+    }
 
     void End(const Status& status) override {
       if (!status.ok()) return;  // the client broke off: nothing of the batch counts

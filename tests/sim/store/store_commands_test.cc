@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include "covedbclient/covedb_client.h"
 #include "platform/core/provider.h"
 #include "platform/core/virtual_clock.h"
 #include "platform/rpc/memory_network.h"
@@ -72,6 +73,41 @@ TEST_F(StoreCommandsTest, EachCommandDoesWhatItSaysOrTellsWhyNot) {
   };
   for (const auto& [line, answer] : session) EXPECT_EQ(Run(line), answer) << line;
   EXPECT_TRUE(daemon.faults().PassAtOnce("Modify")) << "no fault is left";
+}
+
+// A store that is away stays away, and a person sees what was asked of it, not only how often.
+TEST_F(StoreCommandsTest, DroppingConnectionsDoesNotBringAStoreBackThatIsAway) {
+  AsioZemProvider agent;
+  agent.RunAsync(1);
+  provider.RunAsync(1);
+  const auto client = std::make_shared<covedb::CoveDbClient>("agent", "tcp://127.0.0.1:2480", agent, nullptr,
+                                                             true, true, false);
+  bool up = false;
+  client->AddChannelStatusCallback([&](bool now) { up = now; });
+  client->StartAsync();
+  clock.RunFor(std::chrono::seconds(5));
+  ASSERT_TRUE(up);
+  Run("calls/keep 2");
+  for (const char* type : {"RULE", "SCENARIO_OBJECT", "BARRIER"}) {
+    orlane::zem::covedb::ModifyRequestMsg request;
+    orlane::zem::covedb::ObjectType number{};
+    ASSERT_TRUE(orlane::zem::covedb::ObjectType_Parse(type, &number));
+    request.add_modify_msg()->mutable_flush_msg()->set_object_type(number);
+    client->Modify({request}, [] {});
+    clock.RunFor(std::chrono::seconds(1));
+  }
+  EXPECT_EQ(Run("calls Modify"),
+            R"({"ok":true,"result":["modify_msg { flush_msg { object_type: SCENARIO_OBJECT } }",)"
+            R"("modify_msg { flush_msg { object_type: BARRIER } }"]})");
+  Run("fault/listen off");
+  Run("fault/drop");
+  clock.RunFor(std::chrono::minutes(1));
+  EXPECT_FALSE(up);
+  Run("fault/listen on");
+  clock.RunFor(std::chrono::minutes(1));
+  EXPECT_TRUE(up);
+  agent.StopAndWait(true);
+  provider.StopAndWait(true);
 }
 
 // What a controller does and what the agent answers, as a person sees it.
