@@ -133,6 +133,11 @@ std::optional<BusHeader> BusHeader::Decode(std::span<const uint8_t> bytes) {
   if (!bson_iter_init(&element, &document)) return std::nullopt;
   BusHeader header;
   while (bson_iter_next(&element)) TakeElement(element, &header);
+  // The library's own check lets some documents through that break off in the middle.
+  if (element.err_off != 0) return std::nullopt;
+  for (const TextKey& row : kTextKeys) {
+    if ((header.*row.text).find('\0') != std::string::npos) return std::nullopt;
+  }
   return header;
 }
 
