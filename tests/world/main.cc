@@ -13,10 +13,10 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "platform/core/random.h"
 #include "sim/host/host_state.h"
 #include "sim/node/sandbox.h"
 #include "sim/switch/library_folder.h"
@@ -123,8 +123,7 @@ int main(int argc, char** argv) {
   }
   std::vector<uint64_t> seeds;
   for (uint64_t seed = first; seed <= last; ++seed) seeds.push_back(seed);
-  std::random_device device;
-  for (uint64_t i = 0; i < fresh; ++i) seeds.push_back(1'000'000 + device() % 1'000'000'000);
+  for (uint64_t i = 0; i < fresh; ++i) seeds.push_back(1'000'000 + zem::RandomNumber() % 1'000'000'000);
 
   std::map<pid_t, uint64_t> running;
   size_t next = 0;

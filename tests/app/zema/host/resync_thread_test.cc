@@ -161,7 +161,7 @@ TEST_F(ResyncThreadTest, AManagerThatComesAgainIsFollowedClosely) {
     o.resync_interval = 60;
   });
   Start();
-  clock_.RunFor(seconds(2));
+  clock_.RunFor(seconds(10));
   health_.mpaConnected();
   AwaitRounds(2);
   clock_.RunFor(seconds(240));
@@ -278,7 +278,7 @@ TEST_F(ResyncThreadTest, ARoundEndsWhenItCannotBeCarriedOut) {
     vif_handler_.served.clear();
     vif_handler_.then = c.then;
     c.before();
-    if (!log_.Contains("Resync Task signaled")) clock_.RunFor(seconds(2));
+    if (!log_.Contains("Resync Task signaled")) clock_.RunFor(seconds(10));
     AwaitRounds(1);
     AwaitLine("Resetting resyncInProgress");
     EXPECT_EQ(vif_handler_.served.size(), c.served) << c.line;

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -46,6 +47,7 @@ class LumSandbox : public SandboxTest {
   int Run(const std::function<int(LogCapture&, zema::LumSettings, std::string*)>& body) {
     return SandboxTest::Run([&body] {
       LogCapture log;
+      std::signal(SIGPIPE, SIG_IGN);  // as in the daemon
       std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/ps", "/usr/local/bin/ps");
       ::setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
       if (!Tarvik::OpenShutdownPipe()) return 1;
