@@ -390,21 +390,17 @@ void WorldLife::EndStreams() {
 }
 
 void WorldLife::FailCommand() {
-  constexpr std::array kWhat = {"^applyDvses(\\(|=|$)",
-                                "^applyVtep(\\(|=|$)",
-                                "^GetTzToDvsMapping(\\(|=|$)",
-                                "^op 11$",
-                                "^op 12$",
-                                "^op 15$",
-                                "^op 17$",
-                                "^op 19$",
-                                "^createSpfPorts(\\(|=|$)",
-                                "^deleteDvs",
-                                "^."};
-  constexpr std::array kHow = {"reply\tthe host refuses",    "close\t",  "die\t", "exit\t", "half-text\t",
-                               "reply\t|~,;ok||~~|=garbage", "status\t0"};
-  node_.host.AddFault(std::string(kWhat[Pick(kWhat.size())]) + "\t" + std::to_string(Pick(2)) + "\t1\t" +
-                      kHow[Pick(kHow.size())]);
+  constexpr std::array kTexts = {"^applyDvses(\\(|=|$)",          "^applyVtep(\\(|=|$)",
+                                 "^GetTzToDvsMapping(\\(|=|$)",   "^createSpfPorts(\\(|=|$)",
+                                 "^createOpaqueNetwork(\\(|=|$)", "^deleteDvs"};
+  constexpr std::array kCalls = {"^op 11$", "^op 12$", "^op 15$", "^op 17$", "^op 19$"};
+  constexpr std::array kEnds = {"close\t", "die\t", "exit\t", "half-text\t"};
+  constexpr std::array kReplies = {"reply\tthe host refuses", "reply\t|~,;ok||~~|=garbage"};
+  const bool call = Chance(2);
+  const char* const what = call ? kCalls[Pick(kCalls.size())] : kTexts[Pick(kTexts.size())];
+  // A call says by its status alone whether it was carried out; one that claims so is believed.
+  const char* const how = Chance(2) ? kEnds[Pick(kEnds.size())] : call ? "status\t0" : kReplies[Pick(2)];
+  node_.host.AddFault(std::string(what) + "\t" + std::to_string(Pick(2)) + "\t1\t" + how);
 }
 
 void WorldLife::FailLibraryCall() {
