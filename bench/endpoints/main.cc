@@ -52,7 +52,7 @@ std::string ApplyCommand(bool dynamic) {
   std::string command =
       "applyVtep(uuid=" + std::string(kDvs) +
       "|defaultGateway=|subnetMask=|ipv6DefaultGateway=|ipv6PrefixLength=|vlan=150|mtu=1700|" +
-      "dhcp=" + (dynamic ? "1" : "0") + "|ipv6Dhcp=0|ipv6AutoConf=0|vtep=";
+      "dhcp=" + (dynamic ? "1" : "0") + "|ipv6Dhcp=0|ipv6AutoConf=0|upgrade=false|vtep=";
   for (int i = 0; i < kEndpoints; ++i) {
     command +=
         (i == 0 ? "" : ",") + Device(i) + "~" + (dynamic ? "" : "172.16.1." + std::to_string(10 + i)) + "~~~";
@@ -208,9 +208,8 @@ void MeasureOurs(const zema::LumSettings& settings, const sim::HostState& host, 
   host.Set("dhcp.polls", "0");
 }
 
-// The script is still there and takes the next client now.
 void MeasurePeer(const zema::LumSettings& settings, const sim::HostState& host, Results* results) {
-  BareClient bare(settings.socket);
+  BareClient bare(settings.script, settings.socket);
   const std::string file = sim::LibraryFolder::Built() + "/libvdl2kln.so";
   void* const library = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
   Require(library != nullptr, "the endpoint library is not there");

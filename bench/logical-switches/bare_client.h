@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/core/unique_fd.h"
+#include "platform/knluser/knluser.h"
 
 namespace zem::bench {
 
@@ -14,19 +15,29 @@ struct Call {
   std::string data;
 };
 
-/// Sends calls and reads their answers; nothing else.  What it needs is what the proxy needs.
+/// Starts the management proxy for itself, sends calls and reads their answers; nothing else.  What it needs
+/// is what the proxy needs.
 class BareClient {
  public:
-  /// Throws std::runtime_error when the socket cannot be reached.
-  explicit BareClient(const std::string& socket);
+  /// Throws std::runtime_error when the proxy does not start or does not get ready.
+  BareClient(const std::string& script, const std::string& socket);
+  ~BareClient();
+  BareClient(const BareClient&) = delete;
+  BareClient& operator=(const BareClient&) = delete;
 
   /// Seconds for all calls, one after another.  Throws when one fails.
   double Send(const std::vector<Call>& calls);
 
  private:
+  void Connect(const std::string& socket);
+  void LogIn();
+  std::string Ask(const std::string& command);
+  /// The status; the text goes into `reply`.
+  uint32_t Exchange(const Call& call, std::string* reply);
   void WriteAll(const void* data, size_t size);
   void ReadAll(void* data, size_t size);
 
+  KnluserCompat_Pipe script_{-1, -1};
   UniqueFd socket_;
 };
 

@@ -96,8 +96,7 @@ int Measure(const Case& c, Result* result) {
       Road road(settings);
       calls = c.run(road, result);
     }
-    // The script is left running and ready; it takes the next client now.
-    BareClient bare(settings.socket);
+    BareClient bare(settings.script, settings.socket);
     result->peer_send_s = bare.Send(calls);
     result->peer_send_s = std::min(result->peer_send_s, bare.Send(calls));
     result->calls = calls.size();
