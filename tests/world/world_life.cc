@@ -204,7 +204,8 @@ void WorldLife::DeleteSwitches() {
   while (range.count < 4 && switches_.count(range.first + range.count) != 0) ++range.count;
   Modify(sim::DeleteLogicalSwitches(range, ++barrier_));
   for (uint32_t i = 0; i < range.count; ++i) switches_.erase(range.first + i);
-  // One that returns within the same batch stays away, as it has to: a controller gives it another id, or time.
+  // One that returns within the same batch stays away, as it has to: a controller gives it another id, or
+  // time.
   node_.clock.RunFor(10s);
 }
 
