@@ -101,7 +101,6 @@ class WorldLife {
 
   const Options options_;
   std::mt19937_64 random_;
-  WorldNode node_;
 
   int revision_ = 0;
   orlane::zem::switching::HostConfigMsg wanted_;
@@ -118,6 +117,9 @@ class WorldLife {
   std::map<int, int> outcomes_;
   std::set<std::string> unsure_;  // VMs with an operation that did not end well
   std::set<std::string> busy_;
+
+  /// Last: what its end still calls back uses all of the above.
+  WorldNode node_;
 };
 
 }  // namespace zem::world
