@@ -76,6 +76,11 @@ constexpr const char* kRemovePermission =
     "python /usr/lib64/orlane/zem-tarvik/pylum/zema/setZemUserPermission.py --remove";
 constexpr const char* kDeleteUser = "/usr/lib/orlane/auth/bin/deluser ";
 
+// A host that answers nothing three times is not ready, and what it was asked for is asked again when it is
+// needed.
+constexpr int kAnswerTries = 3;
+constexpr Duration kAnswerPause = std::chrono::seconds(1);
+
 void InstallSignalDispositions() {
   for (const int number : {SIGPIPE, SIGHUP, SIGTSTP, SIGCONT, SIGUSR2, SIGUSR1}) std::signal(number, SIG_IGN);
   std::signal(SIGCHLD, SIG_DFL);
@@ -377,8 +382,12 @@ WorkerFactory Realization::Impl::Factory() {
 
 // What the host has is learned before anything is asked of it.
 void Realization::Impl::PrepareHost() {
-  ports_->CacheTzToDvsMapping();
-  ports_->GetVifsForSiteConfig();
+  const auto until_answered = [this](auto&& ask) {
+    for (int tries = 1; !ask() && tries < kAnswerTries && Pause(kAnswerPause); ++tries) {
+    }
+  };
+  until_answered([this] { return ports_->CacheTzToDvsMapping(); });
+  until_answered([this] { return ports_->GetVifsForSiteConfig(); });
   UpdateCacheMap(*host_config_);
   std::string error;
   const auto switches = GetDvsUuids(*lum_, false, DvsStatus(*switches_), &error);

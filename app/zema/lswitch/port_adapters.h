@@ -16,11 +16,11 @@ struct VifRequest;
 class PortZoneKinds final : public ZoneSwitchKinds {
  public:
   /// `ports` has to outlive it.
-  explicit PortZoneKinds(const PortOpsManager& ports) : ports_(ports) {}
+  explicit PortZoneKinds(PortOpsManager& ports) : ports_(ports) {}
   bool IsKln(const std::string& transport_zone_id) override;
 
  private:
-  const PortOpsManager& ports_;
+  PortOpsManager& ports_;
 };
 
 /// VIFs whose site configuration the manager waits for, as the port manager keeps them.

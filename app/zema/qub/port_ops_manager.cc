@@ -39,17 +39,19 @@ PortOpsManager::PortOpsManager(SwitchLibrary& library, LumCommands& lum)
     : library_(library), lum_(lum), vif_index_(std::make_unique<VifIndex>()) {}
 PortOpsManager::~PortOpsManager() = default;
 
-void PortOpsManager::CacheTzToDvsMapping() {
+bool PortOpsManager::CacheTzToDvsMapping() {
   std::string reply;
   size_t skipped = 0;
   const int result = lum_.InvokeCommand("GetTzToDvsMapping()", "", &reply);
   const auto list = result == LumCommands::kSucceeded ? ParseTzToDvs(reply, &skipped) : std::nullopt;
   if (!list) {
     ZLOG_ERROR("44205", "[PortOp] GetTzToDvsMapping reply: [%s]", reply.c_str());
-    return;
+    zones_unanswered_ = true;
+    return false;
   }
   if (skipped != 0) ZLOG_WARN("[PortOp] GetTzToDvsMapping: %zu entries were skipped", skipped);
   SetTzToDvsCache(*list);
+  return true;
 }
 
 void PortOpsManager::SetTzToDvsCache(const std::vector<TzDvs>& list) {
@@ -57,25 +59,31 @@ void PortOpsManager::SetTzToDvsCache(const std::vector<TzDvs>& list) {
   for (const TzDvs& entry : list) map[entry.zone] = {entry.dvs, entry.kind};
   const std::vector<std::string> before = Switches();
   tz_to_dvs_.Replace(std::move(map));
+  zones_unanswered_ = false;
   if (Switches() != before) vif_index_->Invalidate();
 }
 
-std::string PortOpsManager::GetDvsIdForTz(const std::string& zone) const {
+// A host that did not answer when it was asked for its zones knows more than this object.
+std::optional<HostSwitchInfo> PortOpsManager::FindZone(const std::string& zone) {
+  for (;;) {
+    const auto map = tz_to_dvs_.Get();
+    if (const auto found = map->find(zone); found != map->end()) return found->second;
+    if (!zones_unanswered_ || !CacheTzToDvsMapping()) return std::nullopt;
+  }
+}
+
+std::string PortOpsManager::GetDvsIdForTz(const std::string& zone) {
   if (zone.empty()) {
     ZLOG_INFO("[PortOp] Ignoring to lookup dvsId for a null TZ id");
     return {};
   }
-  const auto map = tz_to_dvs_.Get();
-  const auto found = map->find(zone);
-  if (found != map->end()) return found->second.dvs;
+  if (auto found = FindZone(zone)) return std::move(found->dvs);
   ZLOG_ERROR("44205", "[PortOp] dvs id for tzId [%s] was not found", zone.c_str());
   return {};
 }
 
-HostSwitchInfo PortOpsManager::GetHostSwitchInfoForTz(const std::string& zone) const {
-  const auto map = tz_to_dvs_.Get();
-  const auto found = map->find(zone);
-  if (found != map->end()) return found->second;
+HostSwitchInfo PortOpsManager::GetHostSwitchInfoForTz(const std::string& zone) {
+  if (auto found = FindZone(zone)) return *std::move(found);
   ZLOG_INFO("[PortOp] Host switch info with uuid for tzId [%s] was not found", zone.c_str());
   return {};
 }
@@ -87,15 +95,15 @@ std::vector<std::string> PortOpsManager::Switches() const {
   return {ids.begin(), ids.end()};
 }
 
-void PortOpsManager::GetVifsForSiteConfig() {
+bool PortOpsManager::GetVifsForSiteConfig() {
   std::string reply;
   if (lum_.InvokeCommand("GetVifUuidsForFetchingSiteConfig()", "", &reply) != LumCommands::kSucceeded) {
     ZLOG_ERROR("44205", "[PortOp] GetVifUuidsForFetchingSiteConfig failed: [%s]", reply.c_str());
-    return;
+    return false;
   }
   if (reply.empty()) {
     ZLOG_INFO("[PortOp] No ports found with pending attachment state to process");
-    return;
+    return true;
   }
   for (const std::string_view entry : SplitTokens(reply, '|')) {
     const auto tokens = SplitTokens(entry, ':');
@@ -108,6 +116,7 @@ void PortOpsManager::GetVifsForSiteConfig() {
     request->zone_id = tokens[3];
     AddVifForSiteConfig(std::string(tokens[0]), std::move(request));
   }
+  return true;
 }
 
 void PortOpsManager::AddVifForSiteConfig(const std::string& vif, std::shared_ptr<const VifRequest> request) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -48,17 +49,18 @@ class PortOpsManager {
 
   // --- zones
 
-  /// Asks the host.  What was known stays when it does not answer.
-  void CacheTzToDvsMapping();
+  /// Asks the host.  False when it does not answer: what was known stays, and the next unknown zone asks
+  /// again.
+  bool CacheTzToDvsMapping();
   void SetTzToDvsCache(const std::vector<TzDvs>& list);
   /// Empty for an unknown zone.
-  std::string GetDvsIdForTz(const std::string& zone) const;
-  HostSwitchInfo GetHostSwitchInfoForTz(const std::string& zone) const;
+  std::string GetDvsIdForTz(const std::string& zone);
+  HostSwitchInfo GetHostSwitchInfoForTz(const std::string& zone);
 
   // --- VIFs whose site configuration the manager waits for
 
-  /// Asks the host at start.
-  void GetVifsForSiteConfig();
+  /// Asks the host at start.  False when it does not answer.
+  bool GetVifsForSiteConfig();
   void AddVifForSiteConfig(const std::string& vif, std::shared_ptr<const VifRequest> request);
   void RemoveVifForSiteConfig(const std::string& vif);
   /// Null for none.  Whoever serves it takes a copy, so that one try leaves nothing to the next.
@@ -166,6 +168,8 @@ class PortOpsManager {
   /// is another host's.
   int SaveAgain(const char* operation, const std::string& dvs, const std::string& port,
                 const char* without = nullptr);
+  /// Nothing for an unknown zone.
+  std::optional<HostSwitchInfo> FindZone(const std::string& zone);
   bool FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found);
   bool RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,
                         PortLocation* found);
@@ -193,6 +197,7 @@ class PortOpsManager {
   LumCommands& lum_;
   const std::unique_ptr<VifIndex> vif_index_;
   CopyOnWriteMap<std::string, HostSwitchInfo> tz_to_dvs_;
+  std::atomic<bool> zones_unanswered_{false};
   CopyOnWriteMap<std::string, std::shared_ptr<const VifRequest>> vifs_to_fetch_site_config_;
 };
 

@@ -134,18 +134,23 @@ TEST_F(PortOpsFindTest, PriorPortIsPutOnTheSwitchOfTheNewZoneAlone) {
 }
 
 TEST_F(PortOpsFindTest, ZonesComeFromTheHostAndStayWhenItIsSilent) {
-  lum.Script("GetTzToDvsMapping()", {"ok|za:dvs-a:NVS|bad:entry|zb:dvs-b:KLN", "unknown command"});
-  ports.CacheTzToDvsMapping();
+  lum.Script("GetTzToDvsMapping()", {"ok|za:dvs-a:NVS|bad:entry|zb:dvs-b:KLN", "unknown command",
+                                     "unknown command", "ok|za:dvs-a:NVS|zc:dvs-c:NVS"});
+  EXPECT_TRUE(ports.CacheTzToDvsMapping());
   EXPECT_EQ(ports.GetDvsIdForTz("za"), "dvs-a");
   EXPECT_EQ(ports.GetHostSwitchInfoForTz("zb").kind, "KLN");
-  EXPECT_EQ(ports.GetDvsIdForTz("z1"), "");
-  ports.CacheTzToDvsMapping();
+  EXPECT_EQ(ports.GetDvsIdForTz("z1"), "") << "the host has answered, so there is no such zone";
+  EXPECT_FALSE(ports.CacheTzToDvsMapping());
   EXPECT_EQ(ports.GetDvsIdForTz("za"), "dvs-a");
+  EXPECT_EQ(ports.GetDvsIdForTz("zc"), "") << "asked again, in vain";
+  EXPECT_EQ(ports.GetDvsIdForTz("zc"), "dvs-c");
+  EXPECT_EQ(ports.GetDvsIdForTz("z1"), "");
+  EXPECT_THAT(lum.commands, SizeIs(4));
 }
 
 TEST_F(PortOpsFindTest, VifsThatWaitForSiteConfigurationAreKeptAsTheyWereWhileRead) {
   lum.Script("GetVifUuidsForFetchingSiteConfig()", {"vif-1:ls-1:lp-1:z1|short:one|vif-2:ls-2:lp-2:z2", ""});
-  ports.GetVifsForSiteConfig();
+  EXPECT_TRUE(ports.GetVifsForSiteConfig());
   const auto seen = ports.VifsForSiteConfig();
   EXPECT_THAT(*seen, SizeIs(2));
   EXPECT_EQ(ports.LookupVifRequest("vif-2")->port_id, "lp-2");
