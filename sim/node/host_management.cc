@@ -207,34 +207,41 @@ void HostManagement::Judge(std::string_view header, std::string_view payload) {
 bool HostManagement::Ask(const Operation& operation, size_t piece) {
   const std::string payload = operation.payload ? PayloadOf(operation) : std::string();
   const std::string header = HeaderOf(operation, static_cast<uint32_t>(payload.size()));
+  // On the connection that it is noted for, though that may be gone by then.
+  std::shared_ptr<UniqueFd> client;
   {
     const std::lock_guard lock(mutex_);
     if (!client_) return false;
+    client = client_;
     asked_[operation.op_id] = header;
     last_answers_.erase(operation.op_id);
   }
   const std::string frame = header + payload;
-  if (piece == 0) return SendRaw(frame);
-  for (size_t at = 0; at < frame.size(); at += piece) {
-    if (!SendRaw(std::string_view(frame).substr(at, piece))) return false;
+  const size_t step = piece == 0 ? frame.size() : piece;
+  for (size_t at = 0; at < frame.size(); at += step) {
+    if (!SendTo(*client, std::string_view(frame).substr(at, step))) return false;
   }
   return true;
 }
 
 bool HostManagement::SendRaw(std::string_view bytes) {
-  const std::lock_guard sender(send_mutex_);
   std::shared_ptr<UniqueFd> client;
   {
     const std::lock_guard lock(mutex_);
     client = client_;
   }
-  while (client && !bytes.empty()) {
-    const ssize_t sent = ::send(client->get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  return client != nullptr && SendTo(*client, bytes);
+}
+
+bool HostManagement::SendTo(const UniqueFd& client, std::string_view bytes) {
+  const std::lock_guard sender(send_mutex_);
+  while (!bytes.empty()) {
+    const ssize_t sent = ::send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (sent < 0 && errno == EINTR) continue;
     if (sent < 0) return false;
     bytes.remove_prefix(static_cast<size_t>(sent));
   }
-  return client != nullptr;
+  return true;
 }
 
 void HostManagement::SetReading(bool on) {

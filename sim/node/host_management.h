@@ -82,6 +82,7 @@ class HostManagement {
  private:
   void Serve();
   void Accept();
+  bool SendTo(const UniqueFd& client, std::string_view bytes);
   void Receive();
   bool TakeFrame();
   void Judge(std::string_view header, std::string_view payload);
