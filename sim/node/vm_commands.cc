@@ -11,9 +11,9 @@
 #include "sim/control/number.h"
 #include "sim/host/host_state.h"
 #include "sim/manager/manager.h"
+#include "sim/node/node_truth.h"
 #include "sim/node/sandbox.h"
 #include "sim/node/virtual_machines.h"
-#include "sim/node/vm_check.h"
 
 namespace zem::sim {
 namespace {
@@ -198,20 +198,8 @@ void Log(const VirtualMachines& machines, const Arguments& arguments, const Repl
 }
 
 void CheckAll(VirtualMachines& machines, Manager& manager, const HostState& host, const Reply& reply) {
-  VifKnowledge knowledge;
-  knowledge.machines = machines.All();
-  const Json state = host.Read();
-  const cJSON* const node = cJSON_GetObjectItemCaseSensitive(state.get(), "transportNodeId");
-  if (cJSON_IsString(node)) knowledge.host = node->valuestring;
-  const cJSON* each = nullptr;
-  cJSON_ArrayForEach(each, cJSON_GetObjectItemCaseSensitive(state.get(), "interfaces")) {
-    const cJSON* const where = cJSON_GetObjectItemCaseSensitive(each, "where");
-    const cJSON* const vif = cJSON_GetObjectItemCaseSensitive(where, "vif");
-    if (cJSON_IsString(vif)) knowledge.interfaces.insert(vif->valuestring);
-  }
-  if (manager.vifs().serves()) knowledge.manager = manager.vifs().Places();
   Json lines = JsonArray();
-  for (const std::string& line : CheckVifs(knowledge)) AddItem(lines.get(), line);
+  for (const std::string& line : CheckAllVifs(machines, manager, host)) AddItem(lines.get(), line);
   Json result = JsonObject();
   AddMember(result.get(), "count", cJSON_GetArraySize(lines.get()));
   AddMember(result.get(), "lines", std::move(lines));

@@ -11,9 +11,9 @@
 #include "app/zema/app/zema_app.h"
 #include "platform/core/uuid.h"
 #include "sim/control/json.h"
+#include "sim/manager/random_config.h"
+#include "sim/node/node_truth.h"
 #include "sim/store/logical_switches.h"
-#include "tests/world/world_checks.h"
-#include "tests/world/world_configs.h"
 
 namespace zem::world {
 namespace {
@@ -34,7 +34,7 @@ constexpr auto kPatience = 10min;
 constexpr auto kCallTimeout = 2min;
 
 std::string VmName(uint64_t number) { return "vm" + std::to_string(number); }
-std::string ZoneOf(size_t network) { return kZones[network / 2]; }
+std::string ZoneOf(size_t network) { return sim::kZones[network / 2]; }
 
 }  // namespace
 
@@ -173,7 +173,7 @@ int WorldLife::Send(const std::string& member, const google::protobuf::Message& 
 }
 
 void WorldLife::SendConfig() {
-  wanted_ = MakeConfig(++revision_, random_);
+  wanted_ = sim::MakeConfig(kNodeId, ++revision_, random_);
   last_config_ = Send("HostConfigMsg", wanted_);
 }
 
@@ -489,14 +489,14 @@ std::string WorldLife::StoredChecksum() {
 void WorldLife::SettleConfig(Lines* lines) {
   for (int attempt = 0; attempt < 5; ++attempt) {
     const std::string stored = StoredChecksum();
-    if (stored == ChecksumOf(wanted_) && OutcomeOf(last_config_).value_or(-1) == 0) {
-      Await([this] { return CheckHost(node_, wanted_); }, lines);
+    if (stored == sim::ChecksumOf(wanted_) && OutcomeOf(last_config_).value_or(-1) == 0) {
+      Await([this] { return sim::CheckHost(node_.host, wanted_); }, lines);
       return;
     }
     Say("the checksum is " + stored + ", sending the configuration again");
     last_config_ = Send("HostConfigMsg", wanted_);
     for (int i = 0; i < 150 && !OutcomeOf(last_config_); ++i) node_.clock.RunFor(1s);
-    if (OutcomeOf(last_config_).value_or(-1) == 0 && StoredChecksum() != ChecksumOf(wanted_)) {
+    if (OutcomeOf(last_config_).value_or(-1) == 0 && StoredChecksum() != sim::ChecksumOf(wanted_)) {
       lines->push_back("the configuration was answered with success, and the checksum differs");
       return;
     }
@@ -555,10 +555,10 @@ Lines WorldLife::CheckAll() {
         lines.push_back("call " + std::to_string(number) + " ended " + std::to_string(count) + " times");
     }
   }
-  Await([this] { return CheckNetworks(node_, switches_, barrier_); }, &lines);
-  Await([this] { return CheckVifs(node_); }, &lines);
-  Await([this] { return CheckHealth(node_, "up"); }, &lines);
-  Await([this] { return CheckManners(node_); }, &lines);
+  Await([this] { return sim::CheckNetworks(node_.host, node_.store->store(), switches_, barrier_); }, &lines);
+  Await([this] { return sim::CheckAllVifs(*node_.machines, *node_.manager, node_.host); }, &lines);
+  Await([this] { return sim::CheckHealth(node_.switches, "up"); }, &lines);
+  Await([this] { return sim::CheckManners(node_.switches, *node_.host_management); }, &lines);
   if (lines.empty() && Chance(3)) RemoveAndReturn(&lines);
   return lines;
 }
@@ -582,7 +582,7 @@ void WorldLife::RemoveAndReturn(Lines* lines) {
     PutSwitches();
     node_.clock.RunFor(std::chrono::milliseconds(Pick(2500)));
   }
-  const switching::HostConfigMsg removal = MakeRemoval();
+  const switching::HostConfigMsg removal = sim::MakeRemoval();
   if (reset) {
     bool done = false;
     std::string error;
@@ -606,10 +606,10 @@ void WorldLife::RemoveAndReturn(Lines* lines) {
   }
   // What was under way when the host was given up must not come back behind it.
   node_.clock.RunFor(30s);
-  Await([this, &removal] { return CheckHost(node_, removal); }, lines);
-  if (!reset) Await([this] { return CheckNetworks(node_, {}, 0); }, lines);
+  Await([this, &removal] { return sim::CheckHost(node_.host, removal); }, lines);
+  if (!reset) Await([this] { return sim::CheckNetworks(node_.host, node_.store->store(), {}, 0); }, lines);
   if (Chance(4)) RestartAgent();
-  wanted_ = MakeConfig(++revision_, random_);
+  wanted_ = sim::MakeConfig(kNodeId, ++revision_, random_);
   last_config_ = Send("HostConfigMsg", wanted_);
   node_.clock.RunFor(1min);
   SettleConfig(lines);
@@ -620,7 +620,7 @@ void WorldLife::RemoveAndReturn(Lines* lines) {
     ++barrier_;
     Modify(sim::PutLogicalSwitches({number, 1, 2, static_cast<int32_t>(barrier_)}, barrier_, true));
   }
-  Await([this] { return CheckNetworks(node_, switches_, barrier_); }, lines);
+  Await([this] { return sim::CheckNetworks(node_.host, node_.store->store(), switches_, barrier_); }, lines);
 }
 
 }  // namespace zem::world

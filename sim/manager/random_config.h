@@ -6,14 +6,15 @@
 
 #include "proto/switching/switching.pb.h"
 
-namespace zem::world {
+namespace zem::sim {
 
 inline constexpr const char* kZones[] = {"a0000000-0000-4000-8000-0000000000a1",
                                          "a0000000-0000-4000-8000-0000000000a2"};
 
 /// A configuration as a manager would send it: two switches that always exist, since VMs are on them, with a
 /// random number of endpoints, physical NICs and sizes, and a third switch that comes and goes.
-orlane::zem::switching::HostConfigMsg MakeConfig(int revision, std::mt19937_64& random);
+orlane::zem::switching::HostConfigMsg MakeConfig(const std::string& node_id, int revision,
+                                                 std::mt19937_64& random);
 
 /// What the manager sends to a host that it gives up.
 orlane::zem::switching::HostConfigMsg MakeRemoval();
@@ -21,4 +22,4 @@ orlane::zem::switching::HostConfigMsg MakeRemoval();
 /// The checksum by which the manager judges what the host has.
 std::string ChecksumOf(const orlane::zem::switching::HostConfigMsg& config);
 
-}  // namespace zem::world
+}  // namespace zem::sim

@@ -1,13 +1,18 @@
-#include "tests/world/world_checks.h"
+#include "sim/node/node_truth.h"
 
 #include "proto/covedb/covedb.pb.h"
 #include "proto/covedb/runtime_objects.pb.h"
+#include "sim/host/host_state.h"
+#include "sim/manager/manager.h"
 #include "sim/node/host_diff.h"
+#include "sim/node/host_management.h"
+#include "sim/node/virtual_machines.h"
 #include "sim/node/vm_check.h"
 #include "sim/store/logical_switches.h"
-#include "tests/world/world_node.h"
+#include "sim/store/store.h"
+#include "sim/switch/sim_state.h"
 
-namespace zem::world {
+namespace zem::sim {
 namespace {
 
 namespace store_proto = orlane::zem::covedb;
@@ -16,16 +21,16 @@ constexpr const char* kHealthProperty = "com.orlane.common.opaqueDvs.status.comp
 
 using Lines = std::vector<std::string>;
 
-std::string NodeIdOf(const sim::Json& host) {
+std::string NodeIdOf(const Json& host) {
   const cJSON* const node = cJSON_GetObjectItemCaseSensitive(host.get(), "transportNodeId");
   return cJSON_IsString(node) ? node->valuestring : "";
 }
 
-uint64_t ProcessedBarrier(WorldNode& node) {
+uint64_t ProcessedBarrier(const Store& store) {
   store_proto::GetRequestMsg request;
   request.add_object_request()->set_object_type(store_proto::ObjectType::PROCESSED_BARRIER);
   store_proto::GetResponseMsg response;
-  if (!node.store->store().Get(request, &response).ok() || response.object_size() == 0) return 0;
+  if (!store.Get(request, &response).ok() || response.object_size() == 0) return 0;
   store_proto::ProcessedBarrierMsg barrier;
   if (!barrier.ParseFromString(response.object(0).object())) return 0;
   return barrier.value();
@@ -33,15 +38,16 @@ uint64_t ProcessedBarrier(WorldNode& node) {
 
 }  // namespace
 
-Lines CheckHost(WorldNode& node, const orlane::zem::switching::HostConfigMsg& config) {
-  return sim::DiffHost(config, NodeIdOf(node.host.Read()));
+Lines CheckHost(const HostState& host, const orlane::zem::switching::HostConfigMsg& config) {
+  return DiffHost(config, NodeIdOf(host.Read()));
 }
 
-Lines CheckNetworks(WorldNode& node, const std::set<uint32_t>& numbers, uint64_t barrier) {
+Lines CheckNetworks(const HostState& host, const Store& store, const std::set<uint32_t>& numbers,
+                    uint64_t barrier) {
   Lines lines;
   std::set<std::string> wanted;
-  for (const uint32_t number : numbers) wanted.insert(sim::LogicalSwitchUuid(number));
-  const sim::Json networks = node.host.Networks();
+  for (const uint32_t number : numbers) wanted.insert(LogicalSwitchUuid(number));
+  const Json networks = host.Networks();
   std::set<std::string> had;
   const cJSON* each = nullptr;
   cJSON_ArrayForEach(each, networks.get()) had.insert(each->string);
@@ -51,32 +57,32 @@ Lines CheckNetworks(WorldNode& node, const std::set<uint32_t>& numbers, uint64_t
   for (const std::string& uuid : had) {
     if (wanted.count(uuid) == 0) lines.push_back("has network " + uuid + " without reason");
   }
-  if (const uint64_t processed = ProcessedBarrier(node); barrier != 0 && processed != barrier) {
+  if (const uint64_t processed = ProcessedBarrier(store); barrier != 0 && processed != barrier) {
     lines.push_back("the processed barrier is " + std::to_string(processed) + " instead of " +
                     std::to_string(barrier));
   }
   return lines;
 }
 
-Lines CheckVifs(WorldNode& node) {
-  sim::VifKnowledge knowledge;
-  knowledge.machines = node.machines->All();
-  const sim::Json host = node.host.Read();
-  knowledge.host = NodeIdOf(host);
+Lines CheckAllVifs(VirtualMachines& machines, Manager& manager, const HostState& host) {
+  VifKnowledge knowledge;
+  knowledge.machines = machines.All();
+  const Json state = host.Read();
+  knowledge.host = NodeIdOf(state);
   const cJSON* each = nullptr;
-  cJSON_ArrayForEach(each, cJSON_GetObjectItemCaseSensitive(host.get(), "interfaces")) {
+  cJSON_ArrayForEach(each, cJSON_GetObjectItemCaseSensitive(state.get(), "interfaces")) {
     const cJSON* const vif =
         cJSON_GetObjectItemCaseSensitive(cJSON_GetObjectItemCaseSensitive(each, "where"), "vif");
     if (cJSON_IsString(vif)) knowledge.interfaces.insert(vif->valuestring);
   }
-  knowledge.manager = node.manager->vifs().Places();
-  return sim::CheckVifs(knowledge);
+  if (manager.vifs().serves()) knowledge.manager = manager.vifs().Places();
+  return CheckVifs(knowledge);
 }
 
-Lines CheckHealth(WorldNode& node, const std::string& state) {
+Lines CheckHealth(const SwitchState& switches, const std::string& state) {
   Lines lines;
-  for (const std::string& id : node.switches.SwitchIds()) {
-    const std::string shown = node.switches.SwitchProperty(id, "host", kHealthProperty).value_or("(nothing)");
+  for (const std::string& id : switches.SwitchIds()) {
+    const std::string shown = switches.SwitchProperty(id, "host", kHealthProperty).value_or("(nothing)");
     if (shown.substr(0, shown.find('\0')) != state) {
       lines.push_back("switch [" + id + "] shows the health [" + shown + "] instead of [" + state + "]");
     }
@@ -84,15 +90,14 @@ Lines CheckHealth(WorldNode& node, const std::string& state) {
   return lines;
 }
 
-Lines CheckManners(WorldNode& node) {
+Lines CheckManners(const SwitchState& switches, const HostManagement& management) {
   Lines lines;
-  for (const std::string& line : node.switches.Violations()) lines.push_back("switch library: " + line);
-  for (const std::string& line : node.host_management->violations())
-    lines.push_back("host management: " + line);
-  for (const std::string& id : node.host_management->outstanding()) {
+  for (const std::string& line : switches.Violations()) lines.push_back("switch library: " + line);
+  for (const std::string& line : management.violations()) lines.push_back("host management: " + line);
+  for (const std::string& id : management.outstanding()) {
     lines.push_back("host management: [" + id + "] was never answered");
   }
   return lines;
 }
 
-}  // namespace zem::world
+}  // namespace zem::sim

@@ -1,12 +1,10 @@
-#include "tests/world/world_configs.h"
+#include "sim/manager/random_config.h"
 
 #include <openssl/evp.h>
 
 #include <array>
 
-#include "tests/world/world_node.h"
-
-namespace zem::world {
+namespace zem::sim {
 namespace {
 
 namespace switching = orlane::zem::switching;
@@ -49,11 +47,11 @@ void AddSwitch(switching::HostConfigMsg* config, int number, const std::string& 
 
 }  // namespace
 
-switching::HostConfigMsg MakeConfig(int revision, std::mt19937_64& random) {
+switching::HostConfigMsg MakeConfig(const std::string& node_id, int revision, std::mt19937_64& random) {
   switching::HostConfigMsg config;
   config.set_id(kConfigId);
   config.set_revision(std::to_string(revision));
-  config.set_transport_node_id(kNodeId);
+  config.set_transport_node_id(node_id);
   config.set_phase(switching::HostConfigMsg::PHASE2_COMBINED);
   AddSwitch(&config, 1, kZones[0], true, random);
   AddSwitch(&config, 2, kZones[1], false, random);
@@ -82,4 +80,4 @@ std::string ChecksumOf(const switching::HostConfigMsg& config) {
   return hex;
 }
 
-}  // namespace zem::world
+}  // namespace zem::sim

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace orlane::zem::switching {
+class HostConfigMsg;
+}
+
+namespace zem::sim {
+
+class HostManagement;
+class HostState;
+class Manager;
+class Store;
+class SwitchState;
+class VirtualMachines;
+
+/// What must be true of a node at quiet, one line for each thing that is not.  Empty: all is well.
+///
+/// The host is what `config` says.
+std::vector<std::string> CheckHost(const HostState& host,
+                                   const orlane::zem::switching::HostConfigMsg& config);
+/// The host's networks are the store's logical switches `numbers`, no more and no less, and the store knows
+/// that the host has all up to `barrier`.
+std::vector<std::string> CheckNetworks(const HostState& host, const Store& store,
+                                       const std::set<uint32_t>& numbers, uint64_t barrier);
+/// Ports, their files, VMs and the manager agree about every VIF.
+std::vector<std::string> CheckAllVifs(VirtualMachines& machines, Manager& manager, const HostState& host);
+/// Every switch shows `state` as the health of the agent.
+std::vector<std::string> CheckHealth(const SwitchState& switches, const std::string& state);
+/// No peer was treated against its rules, and nobody waits for an answer of the agent.
+std::vector<std::string> CheckManners(const SwitchState& switches, const HostManagement& management);
+
+}  // namespace zem::sim
