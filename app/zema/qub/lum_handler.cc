@@ -108,12 +108,23 @@ void LumHandler::WakeWatcher() {
   if (::write(wake_.get(), &one, sizeof(one)) < 0) ZLOG_DEBUG("[%s] %s", __func__, GetErrMsg(errno).c_str());
 }
 
+bool LumHandler::IsWatched() {
+  const std::lock_guard lock(watched_mutex_);
+  if (!watched_ && socket_) watched_.Reset(::fcntl(socket_.get(), F_DUPFD_CLOEXEC, 0));
+  return static_cast<bool>(watched_);
+}
+
 void LumHandler::WaitForEnd() {
   UniqueFd watched;
   {
     const std::lock_guard lock(watched_mutex_);
     if (!watched_) return;
     watched.Reset(::fcntl(watched_.get(), F_DUPFD_CLOEXEC, 0));
+    if (!watched) {
+      // At the descriptor limit: the loop pauses and tries again.
+      watched_.Reset();
+      return;
+    }
   }
   pollfd ends[2] = {{watched.get(), POLLRDHUP, 0}, {wake_.get(), POLLIN, 0}};
   PollIdle(ends, 2, -1);
@@ -137,6 +148,8 @@ void LumHandler::Watch() {
         Lose();
       }
       if (!socket_) connected = SpawnPyLumInternal() == kSucceeded;
+      // Without a descriptor of its own it looks from time to time.
+      connected = connected && IsWatched();
     }
     if (connected) {
       pause = settings_.respawn_pause;
@@ -311,6 +324,8 @@ void LumHandler::CloseSocket() {
 
 void LumHandler::Lose() {
   CloseSocket();
+  // The process may have gone and its id be another's by the time of the end, which then kills by name.
+  SetPid({});
   SetReady(false);
 }
 
@@ -427,6 +442,12 @@ int LumHandler::SpawnPyLumInternal() {
   }
   if (!Spawn()) return kFailed;
   if (!FindPid()) {
+    KillByName();
+    ClosePipe();
+    return kFailed;
+  }
+  // The end may have come before there was a process to kill.
+  if (watching_ends_.stopped()) {
     KillByName();
     ClosePipe();
     return kFailed;

@@ -119,6 +119,8 @@ class LumHandler : public Synchronizable, public LumCommands {
   void Watch();
   /// Waits for the other end of the connection to close; at once when there is none.
   void WaitForEnd();
+  /// Whether the watcher can wait for the connection's end; called with the object's lock held.
+  bool IsWatched();
   void WakeWatcher();
   void EndWatching();
 

@@ -34,6 +34,8 @@ class TurnEnd {
   explicit TurnEnd(VifRequest& request) : request_(request) {}
   ~TurnEnd() {
     if (request_.turn) request_.turn->Leave();
+    // A copy of the request, or a second try of it, takes a place of its own.
+    request_.turn.reset();
   }
   TurnEnd(const TurnEnd&) = delete;
   TurnEnd& operator=(const TurnEnd&) = delete;
@@ -70,14 +72,14 @@ void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer*
   NoteForResync(request);
 }
 
-void VifPortHandler::Arrived(VifRequest& request) { request.turn = in_process_.TakeTurn(request.vif_id); }
+void VifPortHandler::Arrived(VifRequest& request) { request.turn = in_process_->TakeTurn(request.vif_id); }
 
 // The resync gives way at once.
 bool VifPortHandler::AwaitTurn(VifRequest& request) {
   if (request.vif_id.empty()) return true;
   if (!request.turn) {
     request.turn =
-        IsResync(request) ? in_process_.TakeOnlyTurn(request.vif_id) : in_process_.TakeTurn(request.vif_id);
+        IsResync(request) ? in_process_->TakeOnlyTurn(request.vif_id) : in_process_->TakeTurn(request.vif_id);
   }
   return request.turn && request.turn->Await();
 }
@@ -163,7 +165,7 @@ void VifPortHandler::ManagerDetach(VifRequest& request) {
 
 void VifPortHandler::EndWaits() {
   context_->ending.Stop();
-  in_process_.EndWaits();
+  in_process_->EndWaits();
   context_->manager.EndWaits();
 }
 

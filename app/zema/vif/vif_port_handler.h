@@ -33,7 +33,7 @@ class VifPortHandler final : public VifHandler {
   void ManagerDetach(VifRequest& request);
 
   const std::shared_ptr<VifContext> context_;
-  VifsInProcess in_process_;
+  const std::shared_ptr<VifsInProcess> in_process_ = std::make_shared<VifsInProcess>();
   PriorAttachments prior_;
 };
 

@@ -16,9 +16,9 @@ constexpr Duration kBetween = std::chrono::seconds(1);
 
 }  // namespace
 
-bool VifTurn::Await() { return vifs_.Await(*this); }
+bool VifTurn::Await() { return vifs_->Await(*this); }
 
-void VifTurn::Leave() { vifs_.Leave(*this); }
+void VifTurn::Leave() { vifs_->Leave(*this); }
 
 std::shared_ptr<VifTurn> VifsInProcess::TakeTurn(const std::string& vif) {
   if (vif.empty()) return nullptr;
@@ -34,7 +34,7 @@ std::shared_ptr<VifTurn> VifsInProcess::TakeOnlyTurn(const std::string& vif) {
 }
 
 std::shared_ptr<VifTurn> VifsInProcess::TakeLocked(const std::string& vif) {
-  auto turn = std::make_shared<VifTurn>(*this, vif, ++last_);
+  auto turn = std::make_shared<VifTurn>(shared_from_this(), vif, ++last_);
   turns_[vif].push_back(turn->number_);
   return turn;
 }
@@ -42,6 +42,8 @@ std::shared_ptr<VifTurn> VifsInProcess::TakeLocked(const std::string& vif) {
 bool VifsInProcess::Await(VifTurn& turn) {
   const char* const vif = turn.vif_.c_str();
   std::unique_lock lock(mutex_);
+  // A copy of a request whose operation has ended.
+  if (turn.left_) return false;
   const auto mine = [&] { return ended_ || turns_[turn.vif_].front() == turn.number_; };
   for (int check = 1; !mine(); ++check) {
     if (check == kChecks) {

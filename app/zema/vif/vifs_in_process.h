@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "platform/core/condition.h"
 
@@ -15,11 +16,12 @@ class VifsInProcess;
 
 /// An operation's place among those on its VIF, from its arrival until `Leave` or its end.
 ///
-/// Threads: one owner at a time.  The table outlives it.
+/// Threads: one owner at a time.  It keeps the table alive: a request may outlive the handler that it was
+/// for.
 class VifTurn {
  public:
-  VifTurn(VifsInProcess& vifs, std::string vif, uint64_t number)
-      : vifs_(vifs), vif_(std::move(vif)), number_(number) {}
+  VifTurn(std::shared_ptr<VifsInProcess> vifs, std::string vif, uint64_t number)
+      : vifs_(std::move(vifs)), vif_(std::move(vif)), number_(number) {}
   ~VifTurn() { Leave(); }
   VifTurn(const VifTurn&) = delete;
   VifTurn& operator=(const VifTurn&) = delete;
@@ -32,7 +34,7 @@ class VifTurn {
  private:
   friend class VifsInProcess;
 
-  VifsInProcess& vifs_;
+  const std::shared_ptr<VifsInProcess> vifs_;
   const std::string vif_;
   const uint64_t number_;
   bool entered_ = false;
@@ -41,8 +43,8 @@ class VifTurn {
 
 /// The operations on each VIF in the order in which they arrived: one runs at a time, the others wait for it.
 ///
-/// Threads: all operations from any.
-class VifsInProcess {
+/// Threads: all operations from any.  Owned by a shared pointer.
+class VifsInProcess : public std::enable_shared_from_this<VifsInProcess> {
  public:
   /// The last place on the VIF; null for an empty one, which excludes nobody.
   std::shared_ptr<VifTurn> TakeTurn(const std::string& vif);

@@ -84,6 +84,28 @@ TEST_F(VifPortHandlerTest, OperationsOnAVifKeepTheOrderOfTheirArrival) {
   EXPECT_EQ(Done(Request(VifRequest::kSyncAttach)).error_text, "");
 }
 
+// A request that is served again waits in a new place; one that nobody serves may outlive the handler.
+TEST_F(VifPortHandlerTest, APlaceIsGoodForOneTry) {
+  VifRequest request = Request(VifRequest::kAttach);
+  handler.Arrived(request);
+  VifRequest ahead = request;
+  for (int i = 0; i < 2; ++i) road.script.push_back(Port("lp-1"));
+  Do(request);
+  EXPECT_EQ(request.turn, nullptr);
+  Do(request);
+  EXPECT_EQ(request.error_text, "");
+  EXPECT_THAT(road.asked, SizeIs(2));
+
+  VifRequest late = Request(VifRequest::kDetach);
+  {
+    VifPortHandler gone{nullptr};
+    gone.Arrived(late);
+  }
+  late.turn->Leave();
+  late.turn.reset();
+  EXPECT_EQ(Done(ahead).error_text, "Concurrent operation on vif, cannot proceed");
+}
+
 TEST_F(VifPortHandlerTest, MoveOfInterfacesMakesItsPortsItself) {
   const MigrationRecord::Scope move(migration, MigrationRecord::Kind::kToLogicalSwitch);
   VifRequest request = Request(VifRequest::kAttachToVifUuid);
