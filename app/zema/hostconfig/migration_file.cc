@@ -23,6 +23,10 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kRequestId = "request_id";
 constexpr const char* kVmsRequestId = "vms_request_id";
+// Beside what the tool reads: the outcome of each file.
+constexpr const char* kRequestResult = "request_result";
+constexpr const char* kVmsRequestResult = "vms_request_result";
+constexpr const char* kOwnFailure = "Failed";
 constexpr const char* kResult = "result";
 constexpr const char* kSuccess = "Success";
 constexpr const char* kFailed = "Failed; error messages:\n";
@@ -258,7 +262,14 @@ bool ReadMigrationResult(const std::string& path, MigrationResult* result) {
     ParseObject(text, &tree);
     result->request_id = Text(tree, kRequestId);
     result->vms_request_id = Text(tree, kVmsRequestId);
-    result->succeeded = Text(tree, kResult) == kSuccess;
+    const std::string both = Text(tree, kResult);
+    // A file of an agent that knew one outcome only.
+    const auto succeeded = [&](const char* name) {
+      const std::string own = Text(tree, name);
+      return (own.empty() ? both : own) == kSuccess;
+    };
+    result->succeeded = succeeded(kRequestResult);
+    result->vms_succeeded = succeeded(kVmsRequestResult);
   } catch (const std::exception& e) {
     ZLOG_WARN("[%s] Failed to parse file [%s]: error [%s].\n", kName, path.c_str(), e.what());
     *result = {};
@@ -275,6 +286,8 @@ void SaveMigrationResult(const std::string& path, const MigrationResult& ids,
   tree.put(kRequestId, ids.request_id);
   tree.put(kVmsRequestId, ids.vms_request_id);
   tree.put(kResult, outcome);
+  tree.put(kRequestResult, ids.succeeded ? kSuccess : kOwnFailure);
+  tree.put(kVmsRequestResult, ids.vms_succeeded ? kSuccess : kOwnFailure);
   std::ostringstream out;
   std::string error;
   try {

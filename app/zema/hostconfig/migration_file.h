@@ -102,6 +102,8 @@ struct MigrationResult {
   /// Of the file with the VMs.
   std::string vms_request_id;
   bool succeeded = false;
+  /// Of the file with the VMs: each file has its own outcome, so that neither is taken for the other's.
+  bool vms_succeeded = false;
 };
 
 /// False, with `result` as it was, when there is no readable one.

@@ -1,6 +1,7 @@
 #include "app/zema/hostconfig/vnic_migration_task.h"
 
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "app/zema/covedb/config_files.h"
@@ -29,17 +30,22 @@ void VnicMigrationTask::Run() {
   ZLOG_INFO("VnicMigrationTask started");
   MigrationResult before;
   ReadMigrationResult(settings_.result_file, &before);
-  // The id of a file that is not looked at stays.
+  // The id and the outcome of a file that is not looked at stay.
   result_ = before;
+  std::optional<size_t> of_vms;
   try {
     if (vm_ports_) LoadPortDataFromVmsMigrationFile(before);
+    of_vms = refusals_.size();
     if (knl_pnic_ && PopulateKnlMigrationMsgFromFile(before)) ApplyHostConfig(false, false);
   } catch (const std::exception& e) {
     Refuse(std::string("VnicMigrationTask failed, error: ") + e.what());
   } catch (...) {
     Refuse("VnicMigrationTask failed with unknown error");
   }
-  if (processed_) SaveMigrationResult(settings_.result_file, result_, Errors());
+  const std::vector<std::string> errors = Errors();
+  if (vms_processed_) result_.vms_succeeded = of_vms == 0;
+  if (knl_processed_) result_.succeeded = errors.size() == of_vms;
+  if (vms_processed_ || knl_processed_) SaveMigrationResult(settings_.result_file, result_, errors);
   ZLOG_INFO("VnicMigrationTask ended");
 }
 
@@ -58,7 +64,7 @@ std::vector<std::string> VnicMigrationTask::Errors() const {
 
 // False when there is nothing to do, or nothing that can be done.
 bool VnicMigrationTask::Load(const std::string& path, const std::string& done_id, const char* done_text,
-                             std::string* id, MigrationRequest* request) {
+                             std::string* id, bool* processed, MigrationRequest* request) {
   MigrationFile file(path);
   std::string error;
   const MigrationFile::Read read = file.Load(request, &error);
@@ -71,7 +77,7 @@ bool VnicMigrationTask::Load(const std::string& path, const std::string& done_id
               done_id.c_str());
     return false;
   }
-  processed_ = true;
+  *processed = true;
   *id = request->request_id;
   return read == MigrationFile::Read::kDone || Refuse(error);
 }
@@ -79,7 +85,7 @@ bool VnicMigrationTask::Load(const std::string& path, const std::string& done_id
 bool VnicMigrationTask::PopulateKnlMigrationMsgFromFile(const MigrationResult& before) {
   MigrationRequest request;
   if (!Load(settings_.knl_file, before.succeeded ? before.request_id : "", "", &result_.request_id,
-            &request)) {
+            &knl_processed_, &request)) {
     return false;
   }
   std::string error;
@@ -91,8 +97,8 @@ bool VnicMigrationTask::PopulateKnlMigrationMsgFromFile(const MigrationResult& b
 
 void VnicMigrationTask::LoadPortDataFromVmsMigrationFile(const MigrationResult& before) {
   MigrationRequest request;
-  if (!Load(settings_.vms_file, before.succeeded ? before.vms_request_id : "", "VMs ",
-            &result_.vms_request_id, &request)) {
+  if (!Load(settings_.vms_file, before.vms_succeeded ? before.vms_request_id : "", "VMs ",
+            &result_.vms_request_id, &vms_processed_, &request)) {
     return;
   }
   auto ports = std::make_shared<VmPortMap>(VmPortsOf(request));

@@ -38,7 +38,7 @@ class VnicMigrationTask final : public HostConfigTaskQub {
   bool PopulateKnlMigrationMsgFromFile(const MigrationResult& before);
   void LoadPortDataFromVmsMigrationFile(const MigrationResult& before);
   bool Load(const std::string& path, const std::string& done_id, const char* done_text, std::string* id,
-            MigrationRequest* request);
+            bool* processed, MigrationRequest* request);
   bool Refuse(const std::string& text);
   std::vector<std::string> Errors() const;
 
@@ -46,7 +46,8 @@ class VnicMigrationTask final : public HostConfigTaskQub {
   const bool vm_ports_;
   const bool knl_pnic_;
   MigrationResult result_;
-  bool processed_ = false;
+  bool vms_processed_ = false;
+  bool knl_processed_ = false;
   std::vector<std::string> refusals_;
 };
 

@@ -346,6 +346,12 @@ TEST_F(VnicMigrationTaskTest, WhatWentWrongStandsInTheFileAndIsTriedAgain) {
   Run(true, false);
   EXPECT_THAT(Result(), HasSubstr("\"result\": \"Success\"")) << "it had failed, so it is done again";
   EXPECT_EQ(created_, 2u);
+
+  // That success is not the interfaces' one, and their next failure is not the VMs'.
+  Run(false, true);
+  EXPECT_THAT(Result(), HasSubstr(R"("Failed; error messages:\nZEMA Lum not ready")"));
+  Run(true, false);
+  EXPECT_EQ(created_, 2u);
 }
 
 TEST_F(VnicMigrationTaskTest, AResultThatNobodyCanReadHindersNothing) {
