@@ -176,7 +176,7 @@ bool InterfaceMigration::MigrateToLogicalSwitch(HostSwitch* host_switch, std::st
     return Refuse("42017", "MigrateToLS(" + id + ") failed: [" + reply + "]");
   }
   if (!reply.starts_with(kOk)) {
-    TakeFailure(reply, host_switch);
+    TakeFailure(reply, parts->vteps, host_switch);
     return false;
   }
   TakeMigrated(reply, id, migration);
@@ -201,8 +201,11 @@ void InterfaceMigration::TakeMigrated(const std::string& reply, const std::strin
   }
 }
 
-void InterfaceMigration::TakeFailure(const std::string& reply, HostSwitch* host_switch) {
-  const MigrateToLsFailure failure = ParseMigrateToLsFailure(reply);
+// A failure that names no endpoint is one of all.
+void InterfaceMigration::TakeFailure(const std::string& reply, const std::vector<std::string>& vteps,
+                                     HostSwitch* host_switch) {
+  MigrateToLsFailure failure = ParseMigrateToLsFailure(reply);
+  if (failure.vteps.empty()) failure.vteps = vteps;
   if (!failure.vteps.empty()) {
     ZLOG_ERROR("42017", "[%s] failed to migrate VTEPs %s", "MigrateToLogicalSwitch",
                boost::join(failure.vteps, ",").c_str());

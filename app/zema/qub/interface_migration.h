@@ -67,7 +67,7 @@ class InterfaceMigration {
   bool MigrateOut(const HostSwitch* host_switch, const std::string& id, const KnlMigration& migration);
   bool CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration);
   void TakeMigrated(const std::string& reply, const std::string& id, const KnlMigration& migration);
-  void TakeFailure(const std::string& reply, HostSwitch* host_switch);
+  void TakeFailure(const std::string& reply, const std::vector<std::string>& vteps, HostSwitch* host_switch);
   bool MigrateResourcesForDelZem();
   bool Refuse(const char* tag, const std::string& text);
 
