@@ -179,6 +179,8 @@ void SyslogSink::Run() {
     }
   }
   Drain();
+  // It was asked for while the sink was ending.
+  if (exit_code_ >= 0) ::_Exit(exit_code_);
 }
 
 void SyslogSink::Drain() {

@@ -301,8 +301,9 @@ bool Scenario::Await(const std::string& text) {
 
 bool Scenario::Show(const std::string& path) {
   const Json parsed{cJSON_Parse(last_answer_.c_str())};
-  out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), "result." + path))) << "\n"
-       << std::flush;
+  // Of a refusal there is nothing but its reason.
+  const std::string at = path == "error" && !IsOk(last_answer_) ? path : "result." + path;
+  out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), at))) << "\n" << std::flush;
   return true;
 }
 
