@@ -152,14 +152,22 @@ void ResyncNow(Manager& manager, const LogSink& log, const HostState& host, cons
 }
 
 void ReadNodeFile(const Arguments& arguments, const Reply& reply) {
-  std::ifstream in(arguments[0], std::ios::binary);
-  if (!in) return reply.Fail(arguments[0] + ": " + std::strerror(errno));
+  const CommandOptions options(arguments, {}, {"--hex"});
+  if (!options.error().empty()) return reply.Fail(options.error());
+  if (options.positional().size() != 1) return reply.Fail("one path is needed");
+  const std::string& path = options.positional()[0];
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return reply.Fail(path + ": " + std::strerror(errno));
   std::string text(kMaxFile, '\0');
   in.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<size_t>(in.gcount()));
   Json result = JsonObject();
   AddMember(result.get(), "size", static_cast<uint64_t>(text.size()));
-  AddMember(result.get(), "text", text);
+  if (options.Has("--hex")) {
+    AddMember(result.get(), "hex", ToHex(text));
+  } else {
+    AddMember(result.get(), "text", text);
+  }
   reply.Ok(std::move(result));
 }
 
@@ -189,8 +197,13 @@ void LimitDisk(const Arguments& arguments, const Reply& reply) {
   namespace fs = std::filesystem;
   const std::string& folder = arguments[0];
   std::map<std::string, std::string> kept;
+  std::vector<fs::path> folders;
   std::error_code error;
-  for (const auto& entry : fs::directory_iterator(folder, error)) {
+  for (const auto& entry : fs::recursive_directory_iterator(folder, error)) {
+    if (entry.is_directory()) {
+      folders.push_back(entry.path());
+      continue;
+    }
     std::ifstream in(entry.path(), std::ios::binary);
     kept[entry.path()] = std::string(std::istreambuf_iterator<char>(in), {});
   }
@@ -198,6 +211,9 @@ void LimitDisk(const Arguments& arguments, const Reply& reply) {
   const std::string options = "size=" + arguments[1] + "k,mode=755";
   if (::mount("limited", folder.c_str(), "tmpfs", 0, options.c_str()) != 0) {
     return reply.Fail(folder + ": " + std::strerror(errno));
+  }
+  for (const fs::path& inner : folders) {
+    if (!fs::create_directory(inner, error)) return reply.Fail(inner.string() + ": " + error.message());
   }
   for (const auto& [path, text] : kept) {
     std::ofstream out(path, std::ios::binary);
@@ -445,8 +461,8 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   0, 0, [n](const Arguments&, const Reply& reply) { ShowRaw(*n->listeners_, reply); }});
   table.Register({"file/list", "FOLDER", "Shows the names in a folder as the node sees it.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) { ListNodeFiles(arguments, reply); }});
-  table.Register({"file/read", "PATH", "Shows a file as the node sees it.", 1, 1,
-                  [](const Arguments& arguments, const Reply& reply) { ReadNodeFile(arguments, reply); }});
+  table.Register({"file/read", "[--hex] PATH", "Shows a file as the node sees it, as text or as digits.", 1,
+                  2, [](const Arguments& arguments, const Reply& reply) { ReadNodeFile(arguments, reply); }});
   table.Register({"file/write", "PATH [LINE...]",
                   "Writes a file of the node, and its folders; there is no newline behind the last line.", 1,
                   kMany,
