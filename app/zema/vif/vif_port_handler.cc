@@ -9,6 +9,7 @@
 #include "app/zema/vif/attach_operation.h"
 #include "app/zema/vif/detach_operation.h"
 #include "app/zema/vif/restore_operation.h"
+#include "app/zema/vif/security_port.h"
 #include "app/zema/vif/site_config.h"
 #include "framework/log.h"
 #include "platform/wft/workflow_util.h"
@@ -18,6 +19,11 @@ namespace {
 
 constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kTag = "DoVifPortOperation";
+
+// The vNIC is gone, whatever becomes of the operation.
+bool UntiesPort(const VifRequest& request) {
+  return request.op_code == VifRequest::kDetach && !request.security_switch_id.empty();
+}
 
 wft::Span SpanOf(const VifRequest& request) {
   constexpr const char* kName = "HandlerThread.DoVifPortOperation";
@@ -61,9 +67,17 @@ void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
 void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
   // On every way out the next operation on the VIF may go on.
   const TurnEnd end(request);
-  if (Defer(request) || !CheckHealth(request)) return;
-  if (!AwaitTurn(request)) {
-    request.error_text = "Concurrent operation on vif, cannot proceed";
+  if (Defer(request)) return;
+  const bool healthy = CheckHealth(request);
+  // A detach that takes the security off a port does that all the same, in its turn.
+  if (!healthy && !UntiesPort(request)) return;
+  const bool in_turn = AwaitTurn(request);
+  if (healthy && !in_turn) request.error_text = "Concurrent operation on vif, cannot proceed";
+  if (!healthy || !in_turn) {
+    if (UntiesPort(request)) {
+      const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
+      UntieSecurityPort(*context_, request);
+    }
     return;
   }
   // At the end again: a round may have begun meanwhile, with what it saw before.

@@ -188,6 +188,11 @@ TEST_F(VifDetachTest, SecurityOnlyPortIsUntied) {
     for (const char* const key : port_props::kOpaqueData) EXPECT_EQ(Property(kOverlay, "lp-1", key), kNone);
   }
   tied();
+  lum_ready = false;
+  EXPECT_THAT(Done(detach).error_text, testing::StartsWith("ZEMA Lum not ready"));
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone) << "refused, and the vNIC is gone all the same";
+  lum_ready = true;
+  tied();
   detach.vif_id = "vif-4";
   road.script.push_back(PortAttached());
   Done(detach);
