@@ -1,9 +1,8 @@
 #include "bench/kill/stream.h"
 
-#include <openssl/evp.h>
-
-#include <array>
 #include <stdexcept>
+
+#include "sim/manager/random_config.h"
 
 namespace zem::bench {
 namespace {
@@ -19,19 +18,6 @@ constexpr const char* kNode = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
 std::string ConfigId(int number) {
   std::string digits = std::to_string(number);
   return "c0000000-0000-4000-8000-" + std::string(12 - digits.size(), '0') + digits;
-}
-
-std::string Sha256(const std::string& text) {
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  unsigned length = 0;
-  EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr);
-  std::string hex;
-  for (unsigned i = 0; i < length; ++i) {
-    constexpr const char* kDigits = "0123456789abcdef";
-    hex += kDigits[digest[i] >> 4];
-    hex += kDigits[digest[i] & 15];
-  }
-  return hex;
 }
 
 std::string Switch(int number, int config) {
@@ -126,7 +112,7 @@ void Stream::CheckConvergence() {
   int back = -1;
   for (int i = 0; i < 8 && i < config_; ++i) {
     const int number = config_ - i;
-    if (stored == Sha256(std::string(kNode) + ConfigId(number) + std::to_string(number))) back = i;
+    if (stored == sim::ChecksumOf(kNode, ConfigId(number), std::to_string(number))) back = i;
   }
   if (config_ > 0 && back < 0 && !stored.empty())
     throw std::runtime_error("the stored file is none that was sent");

@@ -67,7 +67,11 @@ switching::HostConfigMsg MakeRemoval() {
 }
 
 std::string ChecksumOf(const switching::HostConfigMsg& config) {
-  const std::string text = config.transport_node_id() + config.id() + config.revision();
+  return ChecksumOf(config.transport_node_id(), config.id(), config.revision());
+}
+
+std::string ChecksumOf(const std::string& node_id, const std::string& id, const std::string& revision) {
+  const std::string text = node_id + id + revision;
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
   unsigned length = 0;
   EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr);

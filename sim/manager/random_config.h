@@ -21,5 +21,6 @@ orlane::zem::switching::HostConfigMsg MakeRemoval();
 
 /// The checksum by which the manager judges what the host has.
 std::string ChecksumOf(const orlane::zem::switching::HostConfigMsg& config);
+std::string ChecksumOf(const std::string& node_id, const std::string& id, const std::string& revision);
 
 }  // namespace zem::sim

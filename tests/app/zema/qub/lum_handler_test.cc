@@ -204,8 +204,6 @@ std::string WaitFor(const std::function<bool()>& there) {
 // Nobody asks anything of it: it is down at once, and comes again by itself, also when it refuses the login.
 TEST_F(LumHandlerTest, AScriptThatDiesUnaskedIsDownAtOnceAndComesAgainByItself) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
-              // As the daemon has it: a call may write to a script that is just ending.
-              std::signal(SIGPIPE, SIG_IGN);
               std::mutex mutex;
               std::string told;
               settings.set_ready = [&](bool ready) {

@@ -47,7 +47,8 @@ class LumSandbox : public SandboxTest {
   int Run(const std::function<int(LogCapture&, zema::LumSettings, std::string*)>& body) {
     return SandboxTest::Run([&body] {
       LogCapture log;
-      std::signal(SIGPIPE, SIG_IGN);  // as in the daemon
+      // As in the daemon: a call may write to a script that is just ending.
+      std::signal(SIGPIPE, SIG_IGN);
       std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/ps", "/usr/local/bin/ps");
       ::setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
       if (!Tarvik::OpenShutdownPipe()) return 1;
