@@ -59,6 +59,25 @@ switching::HostConfigMsg MakeConfig(const std::string& node_id, int revision, st
   return config;
 }
 
+void MoveInterfaceIn(const std::string& device, const std::string& ls, const std::string& vif,
+                     const std::string& port, switching::HostConfigMsg* config) {
+  auto* const move = config->mutable_qub_if_migration()->add_to_lswitches();
+  move->set_device(device);
+  move->set_lswitch_id(ls);
+  move->set_host_switch_id(kSecondSwitch);
+  move->set_vif_id(vif);
+  move->set_logical_port_id(port);
+  move->set_transport_zone_id(kZones[1]);
+}
+
+void MoveInterfaceOut(const std::string& device, const std::string& port_group,
+                      switching::HostConfigMsg* config) {
+  auto* const move = config->mutable_qub_if_migration()->add_to_vsw_or_psw();
+  move->set_device(device);
+  move->set_port_group(port_group);
+  move->set_host_switch_id(kSecondSwitch);
+}
+
 switching::HostConfigMsg MakeRemoval() {
   switching::HostConfigMsg config;
   config.set_id(kConfigId);

@@ -16,6 +16,16 @@ inline constexpr const char* kZones[] = {"a0000000-0000-4000-8000-0000000000a1",
 orlane::zem::switching::HostConfigMsg MakeConfig(const std::string& node_id, int revision,
                                                  std::mt19937_64& random);
 
+/// The second switch, which has kZones[1].
+inline constexpr const char* kSecondSwitch = "502e6b1a-77c0-41aa-9d11-000000000002";
+
+/// Asks in `config` for an interface of the host to go onto a port of the second switch.
+void MoveInterfaceIn(const std::string& device, const std::string& ls, const std::string& vif,
+                     const std::string& port, orlane::zem::switching::HostConfigMsg* config);
+/// And back to a port group of the host.
+void MoveInterfaceOut(const std::string& device, const std::string& port_group,
+                      orlane::zem::switching::HostConfigMsg* config);
+
 /// What the manager sends to a host that it gives up.
 orlane::zem::switching::HostConfigMsg MakeRemoval();
 

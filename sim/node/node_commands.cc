@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,6 +34,7 @@
 #include "sim/node/node_picture.h"
 #include "sim/node/raw_sockets.h"
 #include "sim/node/sandbox.h"
+#include "sim/node/small_disk.h"
 
 namespace zem::sim {
 namespace {
@@ -43,7 +43,6 @@ constexpr const char* kCliSocket = "/run/orlane/zem-tarvik/tarvik-cli";
 constexpr const char* kCliClient = "/usr/bin/ovs-appctl";
 constexpr auto kFarewell = std::chrono::milliseconds(100);
 constexpr auto kCliPatience = std::chrono::seconds(20);
-constexpr const char* kFiller = ".filler";
 constexpr size_t kMaxFile = size_t{1024} * 1024;
 
 std::optional<double> Seconds(const std::string& text) {
@@ -193,52 +192,12 @@ void WriteNodeFile(const Arguments& arguments, const Reply& reply) {
 }
 
 // A file system of its own for a folder, so small that it can be full.
-void LimitDisk(const Arguments& arguments, const Reply& reply) {
-  namespace fs = std::filesystem;
-  const std::string& folder = arguments[0];
-  std::map<std::string, std::string> kept;
-  std::vector<fs::path> folders;
-  std::error_code error;
-  for (const auto& entry : fs::recursive_directory_iterator(folder, error)) {
-    if (entry.is_directory()) {
-      folders.push_back(entry.path());
-      continue;
-    }
-    std::ifstream in(entry.path(), std::ios::binary);
-    kept[entry.path()] = std::string(std::istreambuf_iterator<char>(in), {});
+void SmallDisk(const Reply& reply, const std::function<Json()>& change) {
+  try {
+    reply.Ok(change());
+  } catch (const std::runtime_error& error) {
+    reply.Fail(error.what());
   }
-  if (error) return reply.Fail(folder + ": " + error.message());
-  const std::string options = "size=" + arguments[1] + "k,mode=755";
-  if (::mount("limited", folder.c_str(), "tmpfs", 0, options.c_str()) != 0) {
-    return reply.Fail(folder + ": " + std::strerror(errno));
-  }
-  for (const fs::path& inner : folders) {
-    if (!fs::create_directory(inner, error)) return reply.Fail(inner.string() + ": " + error.message());
-  }
-  for (const auto& [path, text] : kept) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-    out.close();
-    if (!out) return reply.Fail(path + " does not fit");
-  }
-  reply.Ok();
-}
-
-void FillDisk(const Arguments& arguments, const Reply& reply) {
-  constexpr size_t kMost = size_t{16} * 1024 * 1024;
-  const UniqueFd fd(::open((arguments[0] + "/" + kFiller).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  if (!fd) return reply.Fail(arguments[0] + ": " + std::strerror(errno));
-  const std::string block(4096, 'x');
-  size_t written = 0;
-  while (written < kMost) {
-    const ssize_t took = ::write(fd.get(), block.data(), block.size());
-    if (took < 0) break;
-    written += static_cast<size_t>(took);
-  }
-  if (written >= kMost || errno != ENOSPC) return reply.Fail("this file system is not limited");
-  Json result = JsonObject();
-  AddMember(result.get(), "bytes", static_cast<uint64_t>(written));
-  reply.Ok(std::move(result));
 }
 
 // The daemon's command socket, by the client that operators use.
@@ -473,13 +432,23 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                     reply.Ok();
                   }});
   table.Register({"disk/limit", "FOLDER KIB", "Gives a folder, with its files, so small a disk.", 2, 2,
-                  [](const Arguments& arguments, const Reply& reply) { LimitDisk(arguments, reply); }});
+                  [](const Arguments& arguments, const Reply& reply) {
+                    SmallDisk(reply, [&arguments] {
+                      LimitDisk(arguments[0], arguments[1]);
+                      return JsonObject();
+                    });
+                  }});
   table.Register({"disk/fill", "FOLDER", "Fills the disk of \"disk/limit\" to the last byte.", 1, 1,
-                  [](const Arguments& arguments, const Reply& reply) { FillDisk(arguments, reply); }});
+                  [](const Arguments& arguments, const Reply& reply) {
+                    SmallDisk(reply, [&arguments] {
+                      Json result = JsonObject();
+                      AddMember(result.get(), "bytes", static_cast<uint64_t>(FillDisk(arguments[0])));
+                      return result;
+                    });
+                  }});
   table.Register({"disk/free", "FOLDER", "Takes back what \"disk/fill\" has written.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) {
-                    if (::unlink((arguments[0] + "/" + kFiller).c_str()) < 0)
-                      return reply.Fail(std::strerror(errno));
+                    if (!FreeDisk(arguments[0])) return reply.Fail(std::strerror(errno));
                     reply.Ok();
                   }});
   table.Register({"cli", "COMMAND [ARGUMENT...]", "Runs a command on the daemon's command socket.", 1, kMany,

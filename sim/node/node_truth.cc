@@ -1,7 +1,10 @@
 #include "sim/node/node_truth.h"
 
+#include <map>
+
 #include "proto/covedb/covedb.pb.h"
 #include "proto/covedb/runtime_objects.pb.h"
+#include "proto/switching/switching.pb.h"
 #include "sim/host/host_state.h"
 #include "sim/manager/manager.h"
 #include "sim/node/host_diff.h"
@@ -11,6 +14,7 @@
 #include "sim/store/logical_switches.h"
 #include "sim/store/store.h"
 #include "sim/switch/sim_state.h"
+#include "sim/switch/vif_ports.h"
 
 namespace zem::sim {
 namespace {
@@ -64,8 +68,10 @@ Lines CheckNetworks(const HostState& host, const Store& store, const std::set<ui
   return lines;
 }
 
-Lines CheckAllVifs(VirtualMachines& machines, Manager& manager, const HostState& host) {
+Lines CheckAllVifs(VirtualMachines& machines, Manager& manager, const HostState& host,
+                   const std::set<std::string>& others) {
   VifKnowledge knowledge;
+  knowledge.interfaces = others;
   knowledge.machines = machines.All();
   const Json state = host.Read();
   knowledge.host = NodeIdOf(state);
@@ -77,6 +83,49 @@ Lines CheckAllVifs(VirtualMachines& machines, Manager& manager, const HostState&
   }
   if (manager.vifs().serves()) knowledge.manager = manager.vifs().Places();
   return CheckVifs(knowledge);
+}
+
+Lines CheckInterfaces(const HostState& host, const orlane::zem::switching::HostConfigMsg& config) {
+  Lines lines;
+  std::map<std::string, std::string> wanted;  // VIFs by device; empty: on none
+  for (const auto& move : config.qub_if_migration().to_lswitches()) wanted[move.device()] = move.vif_id();
+  for (const auto& move : config.qub_if_migration().to_vsw_or_psw()) wanted[move.device()] = "";
+  const Json state = host.Read();
+  const cJSON* each = nullptr;
+  cJSON_ArrayForEach(each, cJSON_GetObjectItemCaseSensitive(state.get(), "interfaces")) {
+    const cJSON* const where = cJSON_GetObjectItemCaseSensitive(each, "where");
+    const auto text = [where](const char* name) {
+      const char* const value = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(where, name));
+      return value == nullptr ? std::string() : std::string(value);
+    };
+    const std::string device = each->string;
+    const std::string vif = text("vif");
+    if (const auto found = wanted.find(device); found != wanted.end() && found->second != vif) {
+      lines.push_back("interface " + device + " has VIF [" + vif + "] instead of [" + found->second + "]");
+    }
+    if (text("kind") != "logical") continue;
+    const auto use = ReadPortUse({text("switch"), text("port")});
+    if (!use || use->vif != vif) {
+      lines.push_back("interface " + device + " is on port " + text("port") + ", which holds VIF [" +
+                      (use ? use->vif : "(no port)") + "] instead of [" + vif + "]");
+    }
+  }
+  return lines;
+}
+
+Lines CheckSecurityPort(Manager& manager, const std::string& dvs, const std::string& port,
+                        const std::string& vif) {
+  const auto use = ReadPortUse({dvs, port});
+  if (!use) return {"port " + port + " of the host went away"};
+  Lines lines;
+  const auto place = manager.vifs().Find(vif);
+  const bool there = place && place->port == port;
+  if (there != (use->vif == vif)) {
+    lines.push_back("port " + port + " of the host holds VIF [" + use->vif + "], the manager has " + vif +
+                    (place ? " on " + place->port : std::string(" nowhere")));
+  }
+  if (!use->pending.empty()) lines.push_back("port " + port + " of the host still owes " + use->pending);
+  return lines;
 }
 
 Lines CheckHealth(const SwitchState& switches, const std::string& state) {

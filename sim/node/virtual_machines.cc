@@ -179,6 +179,25 @@ std::vector<VirtualMachine> VirtualMachines::Create(const std::vector<std::strin
   return made;
 }
 
+void VirtualMachines::Clone(const std::string& name, const std::string& copy) {
+  Claim claim(this);
+  VirtualMachine machine = ClaimAll({name}, &claim).front();
+  if (!Find(copy).empty()) throw std::runtime_error("there is a VM " + copy);
+  const std::string source = machine.folder();
+  const std::string old_file = machine.path.substr(machine.path.rfind('/') + 1);
+  machine.uuid = RandomUuidText();
+  machine.name = copy;
+  machine.path = source.substr(0, source.rfind('/')) + "/" + copy + "/" + copy + ".cfg";
+  machine.on = false;
+  for (auto& [device, vnic] : machine.vnics) {
+    vnic = Vnic{RandomUuidText(), vnic.ls, "", "", vnic.port_group, false};
+  }
+  fs::remove_all(machine.folder());
+  fs::copy(source, machine.folder(), fs::copy_options::recursive);
+  fs::remove(machine.folder() + "/" + old_file);
+  Save(machine);
+}
+
 void VirtualMachines::Delete(const std::string& name, bool keep) {
   Claim claim(this);
   for (const VirtualMachine& machine : ClaimAll({name}, &claim)) {

@@ -65,6 +65,8 @@ class VirtualMachines {
   /// switch.
   std::vector<VirtualMachine> Create(const std::vector<std::string>& names, const std::string& folder,
                                      const std::map<std::string, Vnic>& vnics);
+  /// A copy of a VM's folder under another name beside it, with VIFs of its own; powered off.
+  void Clone(const std::string& name, const std::string& copy);
   /// Forgets a VM that is off; with its folder unless `keep`.
   void Delete(const std::string& name, bool keep);
 

@@ -236,6 +236,13 @@ void RegisterVmCommands(CommandTable& table, VirtualMachines& machines, Manager&
        "Makes a VM that is off, with a folder of its own below FOLDER (/var/datastore); an empty VIF "
        "is a new one; --count makes NAME-0, NAME-1, ...",
        1, kMany, [m](A a, R r) { Create(*m, a, r); }});
+  table.Register(
+      {"clone", "VM COPY",
+       "Copies a VM's folder, with its ports' files, for a VM that is off and has VIFs of its own.", 2, 2,
+       [m](A a, R r) {
+         m->Clone(a[0], a[1]);
+         r.Ok();
+       }});
   table.Register({"delete", "NAME [keep]",
                   "Forgets a VM that is off, with its folder unless told to keep it.", 1, 2, [m](A a, R r) {
                     m->Delete(a[0], a.size() > 1 && a[1] == "keep");

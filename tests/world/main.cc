@@ -1,6 +1,6 @@
 // Runs lives of a node by seed, each in a process and a sandbox of its own.
 //
-// zem-world [--seeds FIRST[-LAST]] [--hours N] [--jobs N] [--new N] [--log PREFIX] [-v]
+// zem-world [--seeds FIRST[-LAST]] [--hours N] [--jobs N] [--new N] [--log PREFIX] [--without PART]... [-v]
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -112,12 +112,14 @@ int main(int argc, char** argv) {
       jobs = std::atoi(value);
     } else if (word == "--new") {
       fresh = std::strtoull(value, nullptr, 10);
+    } else if (word == "--without") {
+      options.without.emplace_back(value);
     } else if (word == "--log") {
       log = value;
     } else {
-      std::fprintf(
-          stderr,
-          "usage: zem-world [--seeds FIRST[-LAST]] [--new N] [--hours N] [--jobs N] [--log PREFIX] [-v]\n");
+      std::fprintf(stderr,
+                   "usage: zem-world [--seeds FIRST[-LAST]] [--new N] [--hours N] [--jobs N] [--log PREFIX] "
+                   "[--without PART]... [-v]\n");
       return 2;
     }
   }

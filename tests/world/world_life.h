@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -19,6 +20,25 @@
 
 namespace zem::world {
 
+/// Logical switches that VMs are on; the first two in the zone of the first host switch.
+inline constexpr std::array kNetworks = {"web", "app", "db", "log"};
+inline constexpr int kVms = 6;
+/// A VM that is a copy of another.
+inline constexpr const char* kClone = "clone";
+/// Ports of the host's own on the first switch, whose VMs are on a port group and secured there.
+inline constexpr int kSecurityPorts = 2;
+/// Their port group.
+inline constexpr const char* kPortGroup = "dvportgroup-7";
+/// The vertical that carries the realization.
+inline constexpr const char* kVertical = "SwitchingVertical";
+/// The host's interface that moves between its port group and a logical switch.
+inline constexpr const char* kInterface = "knl1";
+
+std::string VmName(uint64_t number);
+std::string ZoneOf(size_t network);
+std::string SecurityPort(int number);
+std::string SecurityVif(int number);
+
 /// A node's random life by a seed: everything that peers may ask, everything that may go wrong, and between
 /// them moments of quiet in which all that must be true is looked at.
 ///
@@ -32,6 +52,8 @@ class WorldLife {
     /// Of the agent; null: nowhere.
     std::FILE* log = nullptr;
     bool verbose = false;
+    /// Parts of the names of operations and misfortunes that do not happen, to narrow a failure down.
+    std::vector<std::string> without;
   };
   explicit WorldLife(const Options& options);
   ~WorldLife();
@@ -52,9 +74,13 @@ class WorldLife {
   bool Chance(uint64_t one_in) { return Pick(one_in) == 0; }
   void Say(const std::string& line);
   void Do(const std::vector<Step>& steps);
+  int WeightOf(const Step& step) const;
 
   // What peers ask.
   void SendConfig();
+  void MoveInterface();
+  void MoveInterfaceByFile();
+  void VisitMaintenance();
   void AskChecksum();
   void PutSwitches();
   void DeleteSwitches();
@@ -64,6 +90,8 @@ class WorldLife {
   void FailMove();
   void LiveMove();
   void RelocateVm();
+  void CloneVm();
+  void ToggleSecurityPort();
   void RestartAgent();
 
   // What goes wrong.
@@ -80,20 +108,32 @@ class WorldLife {
   void FailCommand();
   void FailLibraryCall();
   void DropHostManagement();
+  void FillDisk();
+  void FailMaintenanceTool();
 
   void Calm();
   void Launch(const std::string& vm, std::function<sim::VirtualMachines::Steps()> change);
   void JoinVms();
   void HealVms();
+  int SendMaintenance(uint32_t state);
+  bool InterfaceIsOut();
+  void AskSecurityPort(int number, bool attach);
+  std::string FirstSwitch();
   void AskAgain(const std::string& vm);
   void Modify(const orlane::zem::covedb::ModifyRequestMsg& request);
-  /// A host configuration; gives its number among those sent.
+  /// Gives the message's number among those sent.
   int Send(const std::string& member, const google::protobuf::Message& message);
   std::optional<int> OutcomeOf(int number);
   std::string StoredChecksum();
 
   std::vector<std::string> CheckAll();
   void SettleConfig(std::vector<std::string>* lines);
+  void SettleMaintenance(std::vector<std::string>* lines);
+  void CheckMaintenance(std::vector<std::string>* lines);
+  void CheckFileMigration(std::vector<std::string>* lines);
+  std::vector<std::string> CheckPorts();
+  void RemoveClone(std::vector<std::string>* lines);
+  void LeaveSwitches(std::vector<std::string>* lines);
   void RemoveAndReturn(std::vector<std::string>* lines);
   void AllVmsOff(std::vector<std::string>* lines);
   /// Waits for `check` to find nothing; what it found last is added.
@@ -108,8 +148,11 @@ class WorldLife {
   std::set<uint32_t> switches_;
   uint64_t barrier_ = 0;
   uint64_t again_ = 0;
+  uint64_t moves_ = 0;          // of the host's interface
+  std::string file_migration_;  // the last id that a tool asked for, while its outcome is owed
+  bool other_uplinks_ = false;  // a tool has changed the host behind the manager's back
+  bool running_ = false;
   std::list<Thread> changes_;
-  std::map<std::string, std::string> folders_;  // of VMs that have gone to another host
 
   std::mutex mutex_;  // guards what follows
   int sent_ = 0;

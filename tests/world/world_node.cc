@@ -13,6 +13,7 @@
 #include "mpaclient/tn_proxy_client_common.h"
 #include "platform/core/work_group.h"
 #include "sim/node/host_setup.h"
+#include "sim/node/small_disk.h"
 
 namespace zem::world {
 namespace {
@@ -72,6 +73,8 @@ void WorldNode::WriteHost() {
   sim::HostSetup setup;
   setup.pnics += ",vmnic6";
   sim::SetUpHost(setup);
+  std::filesystem::create_directories(kStateFolder);
+  sim::LimitDisk(kStateFolder, "512");
 }
 
 void WorldNode::StartAgent() {

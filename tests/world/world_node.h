@@ -34,6 +34,9 @@ inline constexpr const char* kInfoEndpoint = "tcp://127.0.0.1:9004";
 inline constexpr const char* kForwardingEndpoint = "tcp://127.0.0.1:4096";
 inline constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 
+/// The agent's state files, on a small disk of their own.
+inline constexpr const char* kStateFolder = "/etc/orlane/zema";
+
 /// The realization with its clients of the manager and the store, and every peer that it meets, in one
 /// process on the virtual clock.  Lives in a sandbox: files, the management script and the commands of the
 /// host are the real ones of the simulated node, and time stands still while those processes work.

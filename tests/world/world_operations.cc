@@ -1,0 +1,340 @@
+#include "tests/world/world_life.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+
+#include "app/zema/app/zema_app.h"
+#include "platform/core/uuid.h"
+#include "sim/control/json.h"
+#include "sim/manager/random_config.h"
+#include "sim/node/host_diff.h"
+#include "sim/node/raw_sockets.h"
+#include "sim/store/logical_switches.h"
+#include "sim/switch/vif_ports.h"
+
+namespace zem::world {
+namespace {
+
+using namespace std::chrono_literals;
+namespace switching = orlane::zem::switching;
+using Steps = sim::VirtualMachines::Steps;
+
+constexpr uint32_t kSwitchNumbers = 60;
+constexpr auto kCallTimeout = 2min;
+constexpr const char* kVnicSocket = "/etc/orlane/zemaVifDvp";
+constexpr const char* kMigrationFile = "/tmp/zem/mvr_vnics_migration.json";
+constexpr const char* kHostGroup = "Host Network";
+
+// -1: the answer has none.
+int CodeOf(const std::string& answer) {
+  const sim::Json json(cJSON_Parse(answer.c_str()));
+  for (const char* member : {"host_config", "maintenance_mode_config_result"}) {
+    const cJSON* const result = cJSON_GetObjectItemCaseSensitive(json.get(), member);
+    const cJSON* const code = cJSON_GetObjectItemCaseSensitive(result, "error_code");
+    if (result != nullptr) return code == nullptr ? 0 : code->valueint;
+  }
+  return -1;
+}
+
+}  // namespace
+
+int WorldLife::Send(const std::string& member, const google::protobuf::Message& message) {
+  sim::Manager::SendRequest request;
+  request.vertical = kVertical;
+  request.member = member;
+  request.text = message.ShortDebugString();
+  request.correlation_id = RandomUuidText();
+  request.timeout = kCallTimeout;
+  int number = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    number = ++sent_;
+  }
+  const std::string error = node_.manager->Send(request, [this, number](const sim::HostAnswer& answer) {
+    const int code = answer.status.ok() ? CodeOf(sim::Manager::AnswerJson(kVertical, answer)) : -1;
+    const std::lock_guard lock(mutex_);
+    ++ends_[number];
+    outcomes_[number] = code;
+  });
+  if (!error.empty()) {
+    const std::lock_guard lock(mutex_);
+    ends_[number] = 1;
+    outcomes_[number] = -1;
+  }
+  return number;
+}
+
+void WorldLife::SendConfig() {
+  wanted_ = sim::MakeConfig(kNodeId, ++revision_, random_);
+  last_config_ = Send("HostConfigMsg", wanted_);
+}
+
+bool WorldLife::InterfaceIsOut() {
+  const sim::Json state = node_.host.Read();
+  const cJSON* const interfaces = cJSON_GetObjectItemCaseSensitive(state.get(), "interfaces");
+  const cJSON* const interface = cJSON_GetObjectItemCaseSensitive(interfaces, kInterface);
+  const cJSON* const where = cJSON_GetObjectItemCaseSensitive(interface, "where");
+  const char* const kind = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(where, "kind"));
+  return kind != nullptr && std::string_view(kind) == "standard";
+}
+
+void WorldLife::MoveInterface() {
+  wanted_ = sim::MakeConfig(kNodeId, ++revision_, random_);
+  if (InterfaceIsOut()) {
+    const std::string number = std::to_string(++moves_);
+    sim::MoveInterfaceIn(kInterface, Chance(2) ? "db" : "log", "knl-vif-" + number, "knl-port-" + number,
+                         &wanted_);
+  } else {
+    sim::MoveInterfaceOut(kInterface, kHostGroup, &wanted_);
+  }
+  last_config_ = Send("HostConfigMsg", wanted_);
+}
+
+// A tool of the host leaves a file, with the uplinks of the switch as it knows them, and asks for it.
+void WorldLife::MoveInterfaceByFile() {
+  if (!running_) return;
+  const std::string number = std::to_string(++moves_);
+  const bool in = InterfaceIsOut();
+  std::string pnics;
+  for (const auto& pnic : wanted_.host_switches(1).pnic()) {
+    pnics += std::string(pnics.empty() ? "" : ", ") + "{\"device_name\": \"" + pnic.device_name() +
+             "\", \"uplink_name\": \"" + pnic.uplink_name() + "\"}";
+  }
+  const std::string place = in ? "\"logical_switch_id\": \"db\", \"logical_port_id\": \"knl-port-" + number +
+                                     "\", \"vif_id\": \"knl-vif-" + number + "\", \"transport_zone_id\": \"" +
+                                     sim::kZones[1] + "\""
+                               : "\"port_group_name\": \"" + std::string(kHostGroup) + "\"";
+  file_migration_ = "file-" + number;
+  other_uplinks_ = true;
+  std::filesystem::create_directories(std::filesystem::path(kMigrationFile).parent_path());
+  std::ofstream(kMigrationFile, std::ios::trunc)
+      << "{\"request_id\": \"" << file_migration_ << "\", \"migrate_to_ndvs\": " << (in ? "true" : "false")
+      << ", \"host_switches\": [{\"host_switch_id\": \"" << sim::kSecondSwitch << "\", \"pnics\": [" << pnics
+      << "], \"vnics\": [{\"vnic_id\": \"" << kInterface << "\", " << place << "}]}]}";
+  Say(node_.app().Migrate(false, true));
+}
+
+int WorldLife::SendMaintenance(uint32_t state) {
+  switching::MaintenanceModeConfigMsg message;
+  message.set_transport_node_id(kNodeId);
+  message.set_state(state);
+  return Send("MaintenanceModeConfigMsg", message);
+}
+
+void WorldLife::VisitMaintenance() {
+  SendMaintenance(static_cast<uint32_t>(1 + Pick(2)));
+  node_.clock.RunFor(std::chrono::milliseconds(Pick(20'000)));
+  SendMaintenance(0);
+}
+
+void WorldLife::AskChecksum() {
+  switching::ChecksumMsg question;
+  question.set_id(kNodeId);
+  Send("ChecksumMsg", question);
+}
+
+void WorldLife::Modify(const orlane::zem::covedb::ModifyRequestMsg& request) {
+  const rpc::Status status = node_.store->store().Modify({request});
+  if (!status.ok()) Say("the store refused: " + std::to_string(status.code()));
+}
+
+void WorldLife::PutSwitches() {
+  ++barrier_;
+  const sim::SwitchRange range{static_cast<uint32_t>(1 + Pick(kSwitchNumbers)),
+                               static_cast<uint32_t>(1 + Pick(8)), 2, static_cast<int32_t>(barrier_)};
+  Modify(sim::PutLogicalSwitches(range, barrier_, true));
+  for (uint32_t i = 0; i < range.count; ++i) switches_.insert(range.first + i);
+}
+
+void WorldLife::DeleteSwitches() {
+  if (switches_.empty()) return;
+  sim::SwitchRange range;
+  range.first = *std::next(switches_.begin(), static_cast<long>(Pick(switches_.size())));
+  range.count = 1;
+  while (range.count < 4 && switches_.count(range.first + range.count) != 0) ++range.count;
+  Modify(sim::DeleteLogicalSwitches(range, ++barrier_));
+  for (uint32_t i = 0; i < range.count; ++i) switches_.erase(range.first + i);
+  // One that returns within the same batch stays away, as it has to: a controller gives it another id, or
+  // time.
+  node_.clock.RunFor(10s);
+}
+
+// Half of a transaction arrives, the connection goes, and what it held is gone when the store is there again.
+void WorldLife::CutTransaction() {
+  const sim::SwitchRange range{static_cast<uint32_t>(1000 + Pick(1000)), 5, 2, 1};
+  orlane::zem::covedb::ModifyRequestMsg whole = sim::PutLogicalSwitches(range, barrier_ + 1, true);
+  whole.mutable_modify_msg()->RemoveLast();
+  Modify(whole);
+  node_.clock.RunFor(std::chrono::milliseconds(Pick(1500)));
+  node_.store->StopListening();
+  node_.clock.RunFor(std::chrono::milliseconds(Pick(5000)));
+  ++barrier_;
+  Modify(sim::DeleteLogicalSwitches(range, ++barrier_));
+  node_.store->Listen();
+}
+
+// --- What the host asks.
+
+void WorldLife::Launch(const std::string& vm, std::function<Steps()> change) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (busy_.size() >= 3 || !busy_.insert(vm).second) return;
+  }
+  changes_.emplace_back([this, vm, change = std::move(change)] {
+    bool good = true;
+    std::string why;
+    try {
+      for (const sim::VmStep& step : change()) {
+        if (step.good()) continue;
+        good = false;
+        why = step.op_id + ": " + (step.problem.empty() ? step.text : step.problem);
+      }
+    } catch (const std::runtime_error& error) {
+      // The host itself does not do it: the VM is off, say.
+      why = error.what();
+    }
+    const std::lock_guard lock(mutex_);
+    if (!good) unsure_.insert(vm);
+    if (!why.empty()) Say(vm + ": " + why);
+    busy_.erase(vm);
+  });
+}
+
+void WorldLife::JoinVms() {
+  for (Thread& thread : changes_) thread.Join();
+  changes_.clear();
+}
+
+void WorldLife::PowerVm() {
+  const std::string vm = VmName(Pick(kVms));
+  const uint32_t opcode = Chance(2) ? 1 : 8;
+  Launch(vm, [this, vm, opcode] {
+    sim::VirtualMachines::Options options;
+    options.opcode = opcode;
+    const auto found = node_.machines->Find(vm);
+    if (found.empty()) return Steps();
+    return found.front().on ? node_.machines->PowerOff({vm}, options)
+                            : node_.machines->PowerOn({vm}, options);
+  });
+}
+
+void WorldLife::MoveVm() {
+  const std::string vm = VmName(Pick(kVms));
+  const std::string to = kNetworks[Pick(kNetworks.size())];
+  Launch(vm, [this, vm, to] { return node_.machines->Move({vm}, "eth0", to, {}); });
+}
+
+void WorldLife::FailMove() {
+  const std::string vm = VmName(Pick(kVms));
+  const std::string to = kNetworks[Pick(kNetworks.size())];
+  const bool back = Chance(2);
+  Launch(vm, [this, vm, to, back] {
+    const auto found = node_.machines->Find(vm);
+    if (found.empty() || found.front().vnics.at("eth0").ls == to) return Steps();
+    Steps steps = node_.machines->MoveFail(vm, "eth0", to, back, {});
+    // A vNIC that the host has not connected again comes back with the VM.
+    if (!back) {
+      const std::lock_guard lock(mutex_);
+      unsure_.insert(vm);
+    }
+    return steps;
+  });
+}
+
+// The VM runs on another host for a while; the manager knows it there.
+void WorldLife::LiveMove() {
+  const std::string vm = VmName(Pick(kVms));
+  const Duration away = std::chrono::seconds(Pick(120));
+  const bool elsewhere = Chance(2);
+  const std::string to = Chance(2) ? kNetworks[Pick(kNetworks.size())] : "";
+  Launch(vm, [this, vm, away, elsewhere, to] {
+    const auto found = node_.machines->Find(vm);
+    if (found.empty() || !found.front().on) return Steps();
+    const sim::VirtualMachine machine = found.front();
+    Steps steps = node_.machines->LiveOut(vm, sim::VirtualMachines::Part::kWhole, {});
+    if (elsewhere) {
+      for (const auto& [device, vnic] : machine.vnics) {
+        const auto network = std::find(kNetworks.begin(), kNetworks.end(), vnic.ls);
+        node_.manager->vifs().Place({vnic.vif,
+                                     vnic.ls,
+                                     "",
+                                     ZoneOf(static_cast<size_t>(network - kNetworks.begin())),
+                                     "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a02",
+                                     machine.path,
+                                     {},
+                                     ""});
+      }
+    }
+    SleepFor(away);
+    const Steps in = node_.machines->LiveIn(machine.folder(), machine.vnics.size() == 1 ? to : "",
+                                            sim::VirtualMachines::Part::kWhole, {});
+    steps.insert(steps.end(), in.begin(), in.end());
+    return steps;
+  });
+}
+
+void WorldLife::RelocateVm() {
+  const std::string vm = VmName(Pick(kVms));
+  const std::string folder = "/var/datastore/place" + std::to_string(++again_) + "/" + vm;
+  Launch(vm, [this, vm, folder] { return node_.machines->Relocate(vm, folder, {}); });
+}
+
+// Its folder is copied with the files of its ports.
+void WorldLife::CloneVm() {
+  const std::string vm = VmName(Pick(kVms));
+  if (!node_.machines->Find(kClone).empty()) return;
+  Launch(kClone, [this, vm] {
+    node_.machines->Clone(vm, kClone);
+    return node_.machines->PowerOn({kClone}, {});
+  });
+}
+
+std::string WorldLife::FirstSwitch() {
+  for (const auto& each : sim::ReadHostSwitches()) {
+    if (each.name == "ks-1") return each.id;
+  }
+  return "";
+}
+
+void WorldLife::AskSecurityPort(int number, bool attach) {
+  const std::string dvs = FirstSwitch();
+  if (dvs.empty()) return;
+  if (!sim::ReadPortUse({dvs, SecurityPort(number)})) {
+    const std::string error = sim::AddPort({dvs, SecurityPort(number)});
+    if (!error.empty()) return Say(error);
+  }
+  switching::VifMsg message;
+  message.set_operation(attach ? 1 : 0);
+  auto* const vif = message.add_vif_attachment();
+  vif->set_vif_id(SecurityVif(number));
+  vif->set_origin_id(std::string(kPortGroup) + ":" + dvs);
+  vif->set_logical_port_id(SecurityPort(number));
+  vif->set_gcf_path("/var/datastore/secured/secured.cfg");
+  vif->set_id("eth0");
+  const std::string data = message.SerializeAsString();
+  const auto length = static_cast<int32_t>(data.size());
+  std::string frame(sizeof(length), '\0');
+  std::memcpy(frame.data(), &length, sizeof(length));
+  const sim::RawExchange exchange = sim::ExchangeRaw(kVnicSocket, frame + data, true, 5s);
+  if (!exchange.error.empty()) Say("the vNIC socket: " + exchange.error);
+}
+
+void WorldLife::ToggleSecurityPort() {
+  const int number = static_cast<int>(Pick(kSecurityPorts));
+  AskSecurityPort(number, !Chance(2));
+}
+
+void WorldLife::RestartAgent() {
+  running_ = false;
+  // What it has not begun is not its any more.
+  file_migration_.clear();
+  node_.StopAgent();
+  node_.clock.RunFor(std::chrono::milliseconds(Pick(60'000)));
+  node_.StartAgent();
+  running_ = true;
+}
+
+}  // namespace zem::world

@@ -1,0 +1,327 @@
+#include "tests/world/world_life.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+#include "app/zema/app/zema_app.h"
+#include "sim/control/json.h"
+#include "sim/manager/random_config.h"
+#include "sim/node/node_truth.h"
+#include "sim/node/small_disk.h"
+#include "sim/store/logical_switches.h"
+#include "sim/switch/vif_ports.h"
+
+namespace zem::world {
+namespace {
+
+using namespace std::chrono_literals;
+namespace switching = orlane::zem::switching;
+using Lines = std::vector<std::string>;
+
+constexpr uint32_t kDetach = 2;
+constexpr uint32_t kLeaveMaintenance = 0;
+constexpr uint32_t kEnterMaintenance = 1;
+constexpr const char* kResultFile = "/tmp/zem/mvr_vnics_migration_result.txt";
+// Longer than the longest way back of everything: the stubs' spread, app-init, the store's reading, a resync.
+constexpr auto kQuiet = 4min;
+constexpr auto kPatience = 10min;
+constexpr auto kLongestCall = 2min;
+
+std::string Read(const std::string& path) {
+  std::ifstream in(path);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+}  // namespace
+
+void WorldLife::Calm() {
+  Say("calm");
+  node_.network.Freeze(kForwardingEndpoint, false);
+  node_.network.SetAway(kStoreEndpoint, false);
+  node_.store->faults().Clear();
+  node_.store->Listen();
+  node_.host.ClearFaults();
+  node_.switches.ClearFaults("");
+  node_.manager->vifs().ClearRules();
+  static_cast<void>(sim::FreeDisk(kStateFolder));
+  std::filesystem::remove(sim::HostState::DefaultRoot() + "/host/zemcli.result");
+  node_.host_management->Stop();
+  node_.host_management->Start();
+  node_.manager->StartProxy();
+  for (const char* aph : kAphs) {
+    node_.manager->RemoveAph(aph, false);
+    node_.manager->AddAph(aph, false);
+  }
+  node_.manager->SetMaster(kAphs[Pick(3)]);
+  JoinVms();
+  node_.clock.RunFor(kQuiet);
+}
+
+void WorldLife::Await(const std::function<Lines()>& check, Lines* lines) {
+  const TimePoint limit = node_.clock.Now() + kPatience;
+  Lines found = check();
+  while (!found.empty() && node_.clock.Now() < limit) {
+    node_.clock.RunFor(5s);
+    found = check();
+  }
+  lines->insert(lines->end(), found.begin(), found.end());
+}
+
+std::optional<int> WorldLife::OutcomeOf(int number) {
+  const std::lock_guard lock(mutex_);
+  const auto found = outcomes_.find(number);
+  return found == outcomes_.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::string WorldLife::StoredChecksum() {
+  const uint64_t before = node_.manager->received_count();
+  AskChecksum();
+  for (int i = 0; i < 60; ++i) {
+    node_.clock.RunFor(1s);
+    for (const sim::Received& each : node_.manager->ReceivedFrom(kVertical, before)) {
+      if (each.type != "com.orlane.zem.switching.ChecksumMsg") continue;
+      const sim::Json json(cJSON_Parse(each.json.c_str()));
+      const cJSON* const message = cJSON_GetObjectItemCaseSensitive(json.get(), "checksum");
+      const cJSON* const checksum = cJSON_GetObjectItemCaseSensitive(message, "checksum");
+      return cJSON_IsString(checksum) ? checksum->valuestring : "";
+    }
+  }
+  return "(no answer)";
+}
+
+// The manager sends again what was not answered with success, or what the checksum does not confirm, and
+// nothing else: what both confirm must hold.
+void WorldLife::SettleConfig(Lines* lines) {
+  if (std::exchange(other_uplinks_, false)) SendConfig();
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    const std::string stored = StoredChecksum();
+    if (stored == sim::ChecksumOf(wanted_) && OutcomeOf(last_config_).value_or(-1) == 0) {
+      Await([this] { return sim::CheckHost(node_.host, wanted_); }, lines);
+      Await([this] { return sim::CheckInterfaces(node_.host, wanted_); }, lines);
+      return;
+    }
+    Say("the checksum is " + stored + ", sending the configuration again");
+    last_config_ = Send("HostConfigMsg", wanted_);
+    for (int i = 0; i < 150 && !OutcomeOf(last_config_); ++i) node_.clock.RunFor(1s);
+    if (OutcomeOf(last_config_).value_or(-1) == 0 && StoredChecksum() != sim::ChecksumOf(wanted_)) {
+      lines->push_back("the configuration was answered with success, and the checksum differs");
+      return;
+    }
+  }
+  lines->push_back("the last configuration never took hold: code " +
+                   std::to_string(OutcomeOf(last_config_).value_or(-1)));
+}
+
+void WorldLife::AskAgain(const std::string& vm) {
+  const auto found = node_.machines->Find(vm);
+  if (found.empty()) return;
+  for (const auto& [device, vnic] : found.front().vnics) {
+    for (const char* network : kNetworks) {
+      node_.machines->Ask(vm, device, kDetach, "again" + std::to_string(++again_) + "-1", vnic.vif, network,
+                          {});
+    }
+  }
+}
+
+void WorldLife::SettleMaintenance(Lines* lines) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    const int number = SendMaintenance(kLeaveMaintenance);
+    for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
+    if (OutcomeOf(number).value_or(-1) == 0) return;
+  }
+  lines->push_back("maintenance mode is not left");
+}
+
+// No VM is on.  A restart must not bring the node out of it.
+void WorldLife::CheckMaintenance(Lines* lines) {
+  Say("maintenance");
+  const int number = SendMaintenance(kEnterMaintenance);
+  for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
+  if (OutcomeOf(number).value_or(-1) != 0) {
+    lines->push_back("maintenance mode is refused: " + std::to_string(OutcomeOf(number).value_or(-1)));
+  }
+  if (Chance(2)) {
+    RestartAgent();
+    node_.clock.RunFor(2min);
+  }
+  if (const std::string mode = Read(sim::HostState::DefaultRoot() + "/host/zemcli.mode");
+      mode != "enabled\n") {
+    lines->push_back("in maintenance mode the host's tool has [" + mode + "]");
+  }
+  Await([this] { return sim::CheckHealth(node_.switches, "down"); }, lines);
+  SettleMaintenance(lines);
+  if (const std::string mode = Read(sim::HostState::DefaultRoot() + "/host/zemcli.mode");
+      mode != "disabled\n") {
+    lines->push_back("out of maintenance mode the host's tool has [" + mode + "]");
+  }
+  Await([this] { return sim::CheckHealth(node_.switches, "up"); }, lines);
+}
+
+// What a tool has asked for has an outcome in its file, good or bad.
+void WorldLife::CheckFileMigration(Lines* lines) {
+  if (file_migration_.empty()) return;
+  Await(
+      [this] {
+        const std::string result = Read(kResultFile);
+        return result.find("\"" + file_migration_ + "\"") == std::string::npos
+                   ? Lines{"no outcome of " + file_migration_ + " in [" + result + "]"}
+                   : Lines();
+      },
+      lines);
+  file_migration_.clear();
+}
+
+Lines WorldLife::CheckPorts() {
+  std::set<std::string> secured;
+  Lines lines;
+  const std::string dvs = FirstSwitch();
+  for (int i = 0; i < kSecurityPorts; ++i) {
+    secured.insert(SecurityVif(i));
+    if (!sim::ReadPortUse({dvs, SecurityPort(i)})) continue;
+    const Lines found = sim::CheckSecurityPort(*node_.manager, dvs, SecurityPort(i), SecurityVif(i));
+    lines.insert(lines.end(), found.begin(), found.end());
+  }
+  const Lines found = sim::CheckAllVifs(*node_.machines, *node_.manager, node_.host, secured);
+  lines.insert(lines.end(), found.begin(), found.end());
+  return lines;
+}
+
+void WorldLife::RemoveClone(Lines* lines) {
+  const auto found = node_.machines->Find(kClone);
+  if (found.empty()) return;
+  if (found.front().on) {
+    for (const sim::VmStep& step : node_.machines->PowerOff({kClone}, {})) {
+      if (!step.good()) lines->push_back("the clone at its end: " + step.text + step.problem);
+    }
+  }
+  node_.machines->Delete(kClone, false);
+}
+
+// A host whose operation did not end well asks again, as an operation of its own: off, wherever it may be,
+// and on.
+void WorldLife::HealVms() {
+  std::set<std::string> unsure;
+  {
+    const std::lock_guard lock(mutex_);
+    unsure.swap(unsure_);
+  }
+  for (const std::string& vm : unsure) {
+    Say("asking again for " + vm);
+    const auto found = node_.machines->Find(vm);
+    if (found.empty()) continue;
+    if (found.front().on) node_.machines->PowerOff({vm}, {});
+    AskAgain(vm);
+    for (const sim::VmStep& step : node_.machines->PowerOn({vm}, {})) {
+      if (step.good()) continue;
+      const std::lock_guard lock(mutex_);
+      unsure_.insert(vm);
+      Say(vm + " " + step.device + ": " + (step.problem.empty() ? step.text : step.problem));
+    }
+  }
+}
+
+Lines WorldLife::CheckAll() {
+  Lines lines;
+  CheckFileMigration(&lines);
+  SettleConfig(&lines);
+  SettleMaintenance(&lines);
+  if (!lines.empty()) return lines;
+  HealVms();
+  node_.clock.RunFor(kLongestCall + 10s);
+  {
+    const std::lock_guard lock(mutex_);
+    for (const std::string& vm : unsure_) lines.push_back(vm + " does not come up though all is well");
+    for (int number = 1; number <= sent_; ++number) {
+      const auto ends = ends_.find(number);
+      const int count = ends == ends_.end() ? 0 : ends->second;
+      if (count != 1)
+        lines.push_back("call " + std::to_string(number) + " ended " + std::to_string(count) + " times");
+    }
+  }
+  Await([this] { return sim::CheckNetworks(node_.host, node_.store->store(), switches_, barrier_); }, &lines);
+  Await([this] { return CheckPorts(); }, &lines);
+  Await([this] { return sim::CheckHealth(node_.switches, "up"); }, &lines);
+  Await([this] { return sim::CheckManners(node_.switches, *node_.host_management); }, &lines);
+  if (lines.empty() && Chance(2)) RemoveClone(&lines);
+  if (lines.empty() && Chance(3)) RemoveAndReturn(&lines);
+  return lines;
+}
+
+void WorldLife::AllVmsOff(Lines* lines) {
+  for (const sim::VirtualMachine& machine : node_.machines->All()) {
+    if (!machine.on) continue;
+    for (const sim::VmStep& step : node_.machines->PowerOff({machine.name}, {})) {
+      if (!step.good()) lines->push_back(machine.name + " at its end: " + step.text + step.problem);
+    }
+  }
+}
+
+// Interfaces and port groups give back what they have of the switches.
+void WorldLife::LeaveSwitches(Lines* lines) {
+  for (int i = 0; i < kSecurityPorts; ++i) AskSecurityPort(i, false);
+  if (!InterfaceIsOut()) {
+    MoveInterface();
+    node_.clock.RunFor(1min);
+    SettleConfig(lines);
+  }
+  node_.clock.RunFor(10s);
+}
+
+// The manager gives the host up, in the middle of whatever the store says, and takes it back later.
+void WorldLife::RemoveAndReturn(Lines* lines) {
+  AllVmsOff(lines);
+  if (!lines->empty()) return;
+  LeaveSwitches(lines);
+  if (Chance(2)) CheckMaintenance(lines);
+  if (!lines->empty()) return;
+  const bool reset = Chance(3);
+  Say(reset ? "reset" : "removal");
+  for (uint64_t i = Pick(4); i > 0; --i) {
+    PutSwitches();
+    node_.clock.RunFor(std::chrono::milliseconds(Pick(2500)));
+  }
+  const switching::HostConfigMsg removal = sim::MakeRemoval();
+  if (reset) {
+    bool done = false;
+    std::string error;
+    node_.app().Reset([&](std::string text) {
+      const std::lock_guard lock(mutex_);
+      error = std::move(text);
+      done = true;
+    });
+    for (int i = 0; i < 120; ++i) {
+      node_.clock.RunFor(1s);
+      const std::lock_guard lock(mutex_);
+      if (done) break;
+    }
+    if (!done || !error.empty()) lines->push_back("reset: " + (done ? error : "no answer"));
+  } else {
+    const int number = Send("HostConfigMsg", removal);
+    for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
+    if (OutcomeOf(number).value_or(-1) != 0) {
+      lines->push_back("the removal ended with " + std::to_string(OutcomeOf(number).value_or(-1)));
+    }
+  }
+  // What was under way when the host was given up must not come back behind it.
+  node_.clock.RunFor(30s);
+  Await([this, &removal] { return sim::CheckHost(node_.host, removal); }, lines);
+  if (!reset) Await([this] { return sim::CheckNetworks(node_.host, node_.store->store(), {}, 0); }, lines);
+  if (Chance(4)) RestartAgent();
+  wanted_ = sim::MakeConfig(kNodeId, ++revision_, random_);
+  last_config_ = Send("HostConfigMsg", wanted_);
+  node_.clock.RunFor(1min);
+  SettleConfig(lines);
+  PutSwitches();
+  node_.clock.RunFor(30s);
+  // The manager writes the switches anew for a host that comes back.
+  for (const uint32_t number : std::set<uint32_t>(switches_)) {
+    ++barrier_;
+    Modify(sim::PutLogicalSwitches({number, 1, 2, static_cast<int32_t>(barrier_)}, barrier_, true));
+  }
+  Await([this] { return sim::CheckNetworks(node_.host, node_.store->store(), switches_, barrier_); }, lines);
+}
+
+}  // namespace zem::world
