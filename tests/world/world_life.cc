@@ -62,7 +62,8 @@ const std::vector<WorldLife::Step>& WorldLife::Misfortunes() {
   return steps;
 }
 
-WorldLife::WorldLife(const Options& options) : options_(options), random_(options.seed), node_(options.log) {
+WorldLife::WorldLife(const Options& options)
+    : options_(options), random_(options.seed), managed_(options.seed % 4 == 3), node_(options.log) {
   for (size_t i = 0; i < kNetworks.size(); ++i) node_.manager->vifs().AddSwitch(kNetworks[i], ZoneOf(i));
   node_.manager->vifs().AddSwitch(kPortGroup, sim::kZones[0]);
   for (int i = 0; i < kVms; ++i) {

@@ -84,6 +84,8 @@ class WorldLife {
   void AskChecksum();
   void PutSwitches();
   void DeleteSwitches();
+  void SendSwitches(const std::set<uint32_t>& numbers, bool put);
+  int SendAllSwitches();
   void CutTransaction();
   void PowerVm();
   void MoveVm();
@@ -128,6 +130,9 @@ class WorldLife {
 
   std::vector<std::string> CheckAll();
   void SettleConfig(std::vector<std::string>* lines);
+  void SettleSwitches(std::vector<std::string>* lines);
+  std::vector<std::string> CheckAcknowledged();
+  std::vector<std::string> CheckSwitches();
   void SettleMaintenance(std::vector<std::string>* lines);
   void CheckMaintenance(std::vector<std::string>* lines);
   void CheckFileMigration(std::vector<std::string>* lines);
@@ -146,6 +151,15 @@ class WorldLife {
   orlane::zem::switching::HostConfigMsg wanted_;
   int last_config_ = -1;
   std::set<uint32_t> switches_;
+  /// They come from the manager itself, not from the store.
+  const bool managed_;
+  struct SentSwitch {
+    int32_t revision;
+    uint64_t after;  // what the manager had received before
+  };
+  std::map<std::string, SentSwitch> sent_switches_;  // since the last complete list
+  std::set<std::string> listed_;                     // in that list
+  std::optional<int> list_;                          // its number among the messages sent
   uint64_t barrier_ = 0;
   uint64_t again_ = 0;
   uint64_t moves_ = 0;          // of the host's interface

@@ -31,6 +31,10 @@ constexpr const char* kHostGroup = "Host Network";
 // -1: the answer has none.
 int CodeOf(const std::string& answer) {
   const sim::Json json(cJSON_Parse(answer.c_str()));
+  const cJSON* const bulk = cJSON_GetObjectItemCaseSensitive(json.get(), "logical_switch_bulk");
+  if (const cJSON* const status = cJSON_GetObjectItemCaseSensitive(bulk, "status"); status != nullptr) {
+    return status->valueint;
+  }
   for (const char* member : {"host_config", "maintenance_mode_config_result"}) {
     const cJSON* const result = cJSON_GetObjectItemCaseSensitive(json.get(), member);
     const cJSON* const code = cJSON_GetObjectItemCaseSensitive(result, "error_code");
@@ -141,7 +145,50 @@ void WorldLife::Modify(const orlane::zem::covedb::ModifyRequestMsg& request) {
   if (!status.ok()) Say("the store refused: " + std::to_string(status.code()));
 }
 
+// Without the store: the manager itself says which logical switches the host has.
+void WorldLife::SendSwitches(const std::set<uint32_t>& numbers, bool put) {
+  switching::LogicalSwitchMsg message;
+  ++barrier_;
+  const uint64_t before = node_.manager->received_count();
+  for (const uint32_t number : numbers) {
+    auto* const info = message.add_logical_switch_info();
+    info->set_transport_zone_id(sim::TransportZoneUuid(1));
+    info->set_revision(static_cast<int32_t>(barrier_));
+    info->set_logical_switch_id(sim::LogicalSwitchUuid(number));
+    info->set_name("ls-" + std::to_string(number));
+    info->set_operation(put ? 1 : 2);
+    sent_switches_[info->logical_switch_id()] = {put ? info->revision() : -1, before};
+  }
+  Send("LogicalSwitchMsg", message);
+}
+
+int WorldLife::SendAllSwitches() {
+  switching::LogicalSwitchBulkMsg message;
+  message.set_continuation_flag(0);
+  auto* const zone = message.add_logical_switches_of_tz();
+  zone->set_transport_zone_id(sim::TransportZoneUuid(1));
+  for (const uint32_t number : switches_) {
+    auto* const info = zone->add_logical_switch_info();
+    info->set_transport_zone_id(zone->transport_zone_id());
+    info->set_revision(static_cast<int32_t>(barrier_));
+    info->set_logical_switch_id(sim::LogicalSwitchUuid(number));
+    info->set_name("ls-" + std::to_string(number));
+  }
+  sent_switches_.clear();
+  listed_.clear();
+  for (const uint32_t number : switches_) listed_.insert(sim::LogicalSwitchUuid(number));
+  list_ = Send("LogicalSwitchBulkMsg", message);
+  return *list_;
+}
+
 void WorldLife::PutSwitches() {
+  if (managed_) {
+    std::set<uint32_t> numbers;
+    for (uint64_t i = 1 + Pick(8); i > 0; --i)
+      numbers.insert(static_cast<uint32_t>(1 + Pick(kSwitchNumbers)));
+    switches_.insert(numbers.begin(), numbers.end());
+    return SendSwitches(numbers, true);
+  }
   ++barrier_;
   const sim::SwitchRange range{static_cast<uint32_t>(1 + Pick(kSwitchNumbers)),
                                static_cast<uint32_t>(1 + Pick(8)), 2, static_cast<int32_t>(barrier_)};
@@ -155,6 +202,15 @@ void WorldLife::DeleteSwitches() {
   range.first = *std::next(switches_.begin(), static_cast<long>(Pick(switches_.size())));
   range.count = 1;
   while (range.count < 4 && switches_.count(range.first + range.count) != 0) ++range.count;
+  if (managed_) {
+    std::set<uint32_t> numbers;
+    for (uint32_t i = 0; i < range.count; ++i) numbers.insert(range.first + i);
+    for (const uint32_t number : numbers) switches_.erase(number);
+    // Sometimes the manager has seen nothing for too long, and says all anew.
+    if (Chance(3)) return static_cast<void>(SendAllSwitches());
+    SendSwitches(numbers, false);
+    return node_.clock.RunFor(10s);
+  }
   Modify(sim::DeleteLogicalSwitches(range, ++barrier_));
   for (uint32_t i = 0; i < range.count; ++i) switches_.erase(range.first + i);
   // One that returns within the same batch stays away, as it has to: a controller gives it another id, or
@@ -164,6 +220,7 @@ void WorldLife::DeleteSwitches() {
 
 // Half of a transaction arrives, the connection goes, and what it held is gone when the store is there again.
 void WorldLife::CutTransaction() {
+  if (managed_) return;
   const sim::SwitchRange range{static_cast<uint32_t>(1000 + Pick(1000)), 5, 2, 1};
   orlane::zem::covedb::ModifyRequestMsg whole = sim::PutLogicalSwitches(range, barrier_ + 1, true);
   whole.mutable_modify_msg()->RemoveLast();

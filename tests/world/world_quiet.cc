@@ -126,6 +126,68 @@ void WorldLife::AskAgain(const std::string& vm) {
   }
 }
 
+// What the host has acknowledged last of a logical switch is so; of what was not sent since, the last list
+// holds.
+Lines WorldLife::CheckAcknowledged() {
+  Lines lines;
+  const sim::Json networks = node_.host.Networks();
+  if (list_ && OutcomeOf(*list_) == 0) {
+    const cJSON* network = nullptr;
+    cJSON_ArrayForEach(network, networks.get()) {
+      if (sent_switches_.count(network->string) == 0 && listed_.count(network->string) == 0) {
+        lines.push_back(std::string("has network ") + network->string + " which the last list does not have");
+      }
+    }
+    for (const std::string& uuid : listed_) {
+      if (sent_switches_.count(uuid) == 0 &&
+          cJSON_GetObjectItemCaseSensitive(networks.get(), uuid.c_str()) == nullptr) {
+        lines.push_back("lacks network " + uuid + " of the last list");
+      }
+    }
+  }
+  for (const sim::Received& each : node_.manager->ReceivedFrom(kVertical, 0)) {
+    if (each.type != "com.orlane.zem.switching.LogicalSwitchMsg") continue;
+    const sim::Json json(cJSON_Parse(each.json.c_str()));
+    const cJSON* const message = cJSON_GetObjectItemCaseSensitive(json.get(), "logical_switch");
+    const cJSON* info = nullptr;
+    cJSON_ArrayForEach(info, cJSON_GetObjectItemCaseSensitive(message, "logical_switch_info")) {
+      const char* const uuid =
+          cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(info, "logical_switch_id"));
+      const cJSON* const revision = cJSON_GetObjectItemCaseSensitive(info, "revision");
+      const auto sent = sent_switches_.find(uuid == nullptr ? "" : uuid);
+      if (sent == sent_switches_.end() || each.number <= sent->second.after || revision == nullptr ||
+          revision->valueint != sent->second.revision) {
+        continue;
+      }
+      const bool there = cJSON_GetObjectItemCaseSensitive(networks.get(), uuid) != nullptr;
+      if (there != (sent->second.revision != -1)) {
+        lines.push_back(std::string("logical switch ") + uuid + " was acknowledged with revision " +
+                        std::to_string(sent->second.revision) + " and is " + (there ? "" : "not ") + "there");
+      }
+    }
+  }
+  return lines;
+}
+
+Lines WorldLife::CheckSwitches() {
+  return sim::CheckNetworks(node_.host, node_.store->store(), switches_, managed_ ? 0 : barrier_);
+}
+
+// The manager says all anew until the host has taken it.
+void WorldLife::SettleSwitches(Lines* lines) {
+  if (!managed_) return Await([this] { return CheckSwitches(); }, lines);
+  Await([this] { return CheckAcknowledged(); }, lines);
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    const int number = SendAllSwitches();
+    for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
+    if (OutcomeOf(number).value_or(-1) != 0) continue;
+    const Lines found = CheckSwitches();
+    lines->insert(lines->end(), found.begin(), found.end());
+    return;
+  }
+  lines->push_back("the manager's logical switches are not taken");
+}
+
 void WorldLife::SettleMaintenance(Lines* lines) {
   for (int attempt = 0; attempt < 5; ++attempt) {
     const int number = SendMaintenance(kLeaveMaintenance);
@@ -241,7 +303,7 @@ Lines WorldLife::CheckAll() {
         lines.push_back("call " + std::to_string(number) + " ended " + std::to_string(count) + " times");
     }
   }
-  Await([this] { return sim::CheckNetworks(node_.host, node_.store->store(), switches_, barrier_); }, &lines);
+  SettleSwitches(&lines);
   Await([this] { return CheckPorts(); }, &lines);
   Await([this] { return sim::CheckHealth(node_.switches, "up"); }, &lines);
   Await([this] { return sim::CheckManners(node_.switches, *node_.host_management); }, &lines);
@@ -305,6 +367,8 @@ void WorldLife::RemoveAndReturn(Lines* lines) {
       lines->push_back("the removal ended with " + std::to_string(OutcomeOf(number).value_or(-1)));
     }
   }
+  sent_switches_.clear();
+  list_.reset();
   // What was under way when the host was given up must not come back behind it.
   node_.clock.RunFor(30s);
   Await([this, &removal] { return sim::CheckHost(node_.host, removal); }, lines);
@@ -316,12 +380,12 @@ void WorldLife::RemoveAndReturn(Lines* lines) {
   SettleConfig(lines);
   PutSwitches();
   node_.clock.RunFor(30s);
-  // The manager writes the switches anew for a host that comes back.
-  for (const uint32_t number : std::set<uint32_t>(switches_)) {
+  // Whoever says which switches there are writes them anew for a host that comes back.
+  for (const uint32_t number : std::set<uint32_t>(managed_ ? std::set<uint32_t>() : switches_)) {
     ++barrier_;
     Modify(sim::PutLogicalSwitches({number, 1, 2, static_cast<int32_t>(barrier_)}, barrier_, true));
   }
-  Await([this] { return sim::CheckNetworks(node_.host, node_.store->store(), switches_, barrier_); }, lines);
+  SettleSwitches(lines);
 }
 
 }  // namespace zem::world
