@@ -88,8 +88,7 @@ void MessageDispatch::TakeHostConfig(const Incoming& message) {
   if (parsed.has_revision()) ack.set_revision(parsed.revision());
   settings_.send_host_config_ack(message.origin.reply_to, ack);
   std::string error;
-  settings_.workers->AddHostConfigTask(
-      settings_.host_config(message.origin, std::move(parsed), std::string(message.payload)), &error);
+  settings_.workers->AddHostConfigTask(settings_.host_config(message.origin, std::move(parsed)), &error);
 }
 
 void MessageDispatch::TakeMaintenanceMode(const Incoming& message) {

@@ -32,8 +32,7 @@ class MessageDispatch {
   struct Settings {
     MpaMessageSender* sender = nullptr;
     WorkerTable* workers = nullptr;
-    /// The last are the bytes of the message.
-    std::function<std::unique_ptr<Runnable>(const RequestOrigin&, HostConfigMsg, std::string)> host_config;
+    std::function<std::unique_ptr<Runnable>(const RequestOrigin&, HostConfigMsg)> host_config;
     std::function<std::unique_ptr<Runnable>(const RequestOrigin&,
                                             const orlane::zem::switching::LogicalSwitchMsg&)>
         logical_switch;

@@ -307,11 +307,11 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
   zema::MessageDispatch::Settings settings;
   settings.sender = &app_;
   settings.workers = &zema::Workers();
-  settings.host_config = [host_config](const zema::RequestOrigin& origin, switching::HostConfigMsg message,
-                                       std::string payload) -> std::unique_ptr<zema::Runnable> {
+  settings.host_config = [host_config](const zema::RequestOrigin& origin,
+                                       switching::HostConfigMsg message) -> std::unique_ptr<zema::Runnable> {
     return std::make_unique<zema::HostConfigTaskQub>(host_config, origin.sender, origin.correlation_id,
-                                                     origin.reply_to, std::move(message), std::move(payload),
-                                                     origin.header);
+                                                     origin.reply_to, std::move(message),
+                                                     zema::HostConfigTaskQub::InStore::kYes, origin.header);
   };
   settings.logical_switch =
       [logical_switches](const zema::RequestOrigin& origin,

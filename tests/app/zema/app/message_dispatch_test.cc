@@ -42,9 +42,7 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
     MessageDispatch::Settings settings;
     settings.sender = &sender_;
     settings.workers = &workers_;
-    settings.host_config = [this](const RequestOrigin& origin, switching::HostConfigMsg message,
-                                  std::string bytes) {
-      EXPECT_EQ(bytes, message.SerializeAsString());
+    settings.host_config = [this](const RequestOrigin& origin, const switching::HostConfigMsg& message) {
       return Task("host config " + origin.correlation_id + " " + origin.reply_to + " " + message.revision());
     };
     settings.logical_switch = [this](const RequestOrigin&, const switching::LogicalSwitchMsg&) {
