@@ -68,11 +68,13 @@ void ModifyQueue::Append(Requests requests, std::function<void()> done) {
   Entry& entry = pending_modification_requests_.emplace_back();
   entry.requests = std::make_shared<Requests>(std::move(requests));
   entry.callbacks.push_back(std::move(done));
+  gauge_.Entered();
   Show();
 }
 
 ModifyQueue::Entry* ModifyQueue::TakeBatch() {
   if (pending_modification_requests_.empty() || pending_modification_requests_.front().sent) return nullptr;
+  while (gauge_.depth() > 0) gauge_.Left();
   Entry& first = pending_modification_requests_.front();
   first.sent = true;
   const auto second = std::next(pending_modification_requests_.begin());
@@ -101,7 +103,12 @@ void ModifyQueue::Purge(uint16_t vdb_id) {
       continue;
     }
     RemoveChanges(*entry->requests, [vdb_id](ModifyMsg& change) { return LosesAllTargets(change, vdb_id); });
-    entry = entry->requests->empty() ? pending_modification_requests_.erase(entry) : std::next(entry);
+    if (!entry->requests->empty()) {
+      ++entry;
+      continue;
+    }
+    entry = pending_modification_requests_.erase(entry);
+    gauge_.Dropped(1);
   }
   Show();
 }

@@ -6,6 +6,7 @@
 #include <list>
 #include <memory>
 
+#include "platform/core/queue_gauge.h"
 #include "proto/covedb/covedb.pb.h"
 
 namespace zem::metrics {
@@ -26,6 +27,10 @@ ObjectType ObjectTypeOf(const ModifyMsg& change);
 /// At most one batch is under way: the first entry, while its `sent` is set.  A batch that comes back stays
 /// the first entry and takes with it, the next time, all that queued behind it.  The request list is shared
 /// with the call that carries it, so a batch is never copied; it is changed only while it is not under way.
+///
+/// Without limit, since a change that was dropped would be missing from the store for good.  While the store
+/// is away nothing comes from it that would have to be answered, so what waits is what the manager's own
+/// requests lead to.
 ///
 /// Threads: none of its own; the owner guards it.
 class ModifyQueue {
@@ -64,6 +69,7 @@ class ModifyQueue {
 
   std::list<Entry> pending_modification_requests_;
   metrics::Gauge& count_;
+  QueueGauge gauge_{"storeModifications"};
 };
 
 /// Removes the changes for which `drop` holds (it may edit those that stay), then the requests without

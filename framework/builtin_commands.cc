@@ -6,6 +6,7 @@
 
 #include "framework/json_writer.h"
 #include "framework/log.h"
+#include "platform/core/queue_gauge.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::Tarvik {
@@ -115,6 +116,23 @@ void GetStats(const CliArguments&, CliReply reply) {
   reply.Ok(rows.Text());
 }
 
+void GetQueues(const CliArguments&, CliReply reply) {
+  ZLOG_INFO("CliServer: getting queues");
+  JsonValue queues = JsonValue::Array();
+  for (const QueueGauge::Reading& reading : QueueGauge::ReadAll()) {
+    const auto longest_wait = std::chrono::duration_cast<std::chrono::milliseconds>(reading.longest_wait);
+    JsonValue queue = JsonValue::Object();
+    queue.Add("QUEUE", reading.name)
+        .Add("DEPTH", uint64_t{reading.depth})
+        .Add("MOST", uint64_t{reading.most})
+        .Add("LONGEST_WAIT_MS", int64_t{longest_wait.count()})
+        .Add("DROPPED", reading.dropped)
+        .Add("LIMIT", uint64_t{reading.limit});
+    queues.Append(std::move(queue));
+  }
+  reply.Ok(queues.Text());
+}
+
 const char* ConnectionWord(int status) {
   switch (status) {
     case 1:
@@ -141,6 +159,7 @@ std::vector<CliCommand> BuiltinCommands() {
   commands.push_back({"set/lib-wft/tracelevel", "TRACE_LEVEL", 1, 1, &SetTraceLevel});
   commands.push_back({"get/lib-wft/tracelevel", "", 0, 0, &GetTraceLevel});
   commands.push_back({"get/lib-wft/stats", "", 0, 0, &GetStats});
+  commands.push_back({"get/queues", "", 0, 0, &GetQueues});
   return commands;
 }
 

@@ -9,7 +9,8 @@
 
 namespace zem::Tarvik {
 
-/// The commands of the frame itself: the levels of the daemon's and the libraries' lines, workflow tracing.
+/// The commands of the frame itself: the levels of the daemon's and the libraries' lines, workflow tracing,
+/// the process's queues.
 std::vector<CliCommand> BuiltinCommands();
 
 /// One client of the manager client, as "get/mpaclient" shows it.

@@ -138,7 +138,7 @@ DpLink::DpLink(std::string path, ReceiveCallback receive, StartCallback start, H
       provider_(provider),
       work_group_(std::move(work_group)),
       path_(path.substr(0, kMaxUnixPath)),
-      outgoing_(kQueueLimit) {}
+      outgoing_("dataplaneLink", kQueueLimit) {}
 
 DpLink::~DpLink() = default;
 

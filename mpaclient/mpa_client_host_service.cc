@@ -89,7 +89,9 @@ std::string MpaClientHostService::ConvertObjTypeToOldName(const std::string& typ
 void MpaClientHostService::MpaMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
                                          rpc::CallHandle<VoidMsg> handle) {
   ZLOG_DEBUG("[%s] MpaClientHostService::MpaMsgHandler", vertical_.name);
-  Receive(context, generic, generic.ctrl_header().correlation_id(), nullptr);
+  std::string type;
+  const auto unified = GetHostUnifiedMsg(generic, &type);
+  Receive(context, {generic, unified.get(), type}, generic.ctrl_header().correlation_id(), nullptr);
   if (!handle.Finish(VoidMsg())) {
     ZLOG_DEBUG("[%s] MpaClientHostService::MpaMsgHandler: the call has ended already", vertical_.name);
   }
@@ -102,7 +104,7 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
   if (!unified) ZLOG_WARN("%s::RpcMsgHandler Unable to get HostUnifiedMsg", vertical_.host_class);
   // A vertical that has no such member gets the message like any other.
   if (type != kAppInitConfigType || !instance_->layout().AnswersAppInitConfig()) {
-    MpaRpcMsgHandler(context, generic, handle);
+    MpaRpcMsgHandler(context, {generic, unified.get(), type}, handle);
     return;
   }
   ZLOG_INFO("%s::RpcMsgHandler Received AppInitConfigMsg", vertical_.host_class);
@@ -122,8 +124,9 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
     ZLOG_INFO("%s::RpcMsgHandler Responded with AppInitConfigAckMsg", vertical_.host_class);
 }
 
-void MpaClientHostService::MpaRpcMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
+void MpaClientHostService::MpaRpcMsgHandler(rpc::ServerContext& context, const Received& received,
                                             const rpc::CallHandle<GenericUnifiedMsg>& handle) {
+  const GenericUnifiedMsg& generic = received.generic;
   std::string correlation_id;
   if (generic.has_ctrl_header()) {
     correlation_id = generic.ctrl_header().correlation_id();
@@ -134,16 +137,16 @@ void MpaClientHostService::MpaRpcMsgHandler(rpc::ServerContext& context, const G
   }
   ZLOG_INFO("[%s] MpaClientHostService::MpaRpcMsgHandler: correlationId (%s)", vertical_.name,
             correlation_id.c_str());
-  Receive(context, generic, correlation_id, &handle);
+  Receive(context, received, correlation_id, &handle);
 }
 
-void MpaClientHostService::Receive(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
+void MpaClientHostService::Receive(rpc::ServerContext& context, const Received& received,
                                    const std::string& correlation_id,
                                    const rpc::CallHandle<GenericUnifiedMsg>* handle) {
   const bool publish = handle == nullptr;
   BusRecord record(publish ? kRmqMpPublish : kRmqMpRpcRequest);
   std::string app_type;
-  if (!BuildRmqClientMessage(generic, context, correlation_id, publish, &record, &app_type)) {
+  if (!BuildRmqClientMessage(received, context, correlation_id, publish, &record, &app_type)) {
     ZLOG_INFO("[%s] MpaClientHostService::MsgHandler: corelationId (%s), %sFailed to Build Client Message ",
               vertical_.name, correlation_id.c_str(), publish ? "Publish, " : "");
     return;
@@ -169,20 +172,20 @@ void MpaClientHostService::Receive(rpc::ServerContext& context, const GenericUni
   client->SendMsgToVertical(record, 0);
 }
 
-bool MpaClientHostService::BuildRmqClientMessage(const GenericUnifiedMsg& generic,
-                                                 const rpc::ServerContext& context,
+bool MpaClientHostService::BuildRmqClientMessage(const Received& received, const rpc::ServerContext& context,
                                                  const std::string& correlation_id, bool publish,
                                                  BusRecord* record, std::string* app_type_out) const {
   const char* const name = vertical_.name;
+  const GenericUnifiedMsg& generic = received.generic;
   // A secret's content is told by its size.
   if (ZLOG_WANTS(kLogDebug)) {
     ZLOG_DEBUG("[%s] MpaClientHostService::BuildRmqClientMessage:GenericUnifiedMsg :: %s", name,
                vertical_.secret ? (std::to_string(generic.payload().size()) + " bytes").c_str()
                                 : generic.ShortDebugString().c_str());
   }
-  std::string type;
-  const auto unified = GetHostUnifiedMsg(generic, &type);
-  if (!unified) {
+  const Message* const unified = received.unified;
+  std::string type = received.type;
+  if (unified == nullptr) {
     ZLOG_WARN("[%s] MpaClientHostService::BuildRmqClientMessage: Unable to get HostUnifiedMsg", name);
     return false;
   }

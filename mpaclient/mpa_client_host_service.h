@@ -33,9 +33,6 @@ class MpaClientHostService {
   /// A publish of the manager; answered at once.
   void MpaMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
                      rpc::CallHandle<VoidMsg> handle);
-  /// A request; answered when the vertical does.
-  void MpaRpcMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
-                        const rpc::CallHandle<GenericUnifiedMsg>& handle);
   /// What the service's request method does: answers an unasked app-init config itself.
   void HandleRequest(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
                      rpc::CallHandle<GenericUnifiedMsg> handle);
@@ -44,11 +41,21 @@ class MpaClientHostService {
   std::string ConvertObjTypeToOldName(const std::string& type_name) const;
 
  private:
-  bool BuildRmqClientMessage(const GenericUnifiedMsg& generic, const rpc::ServerContext& context,
+  /// A message as it came, and the vertical's message out of it: parsed once, since it may hold megabytes.
+  struct Received {
+    const GenericUnifiedMsg& generic;
+    const Message* unified;  // null when it does not parse
+    const std::string& type;
+  };
+
+  /// A request; answered when the vertical does.
+  void MpaRpcMsgHandler(rpc::ServerContext& context, const Received& received,
+                        const rpc::CallHandle<GenericUnifiedMsg>& handle);
+  bool BuildRmqClientMessage(const Received& received, const rpc::ServerContext& context,
                              const std::string& correlation_id, bool publish, BusRecord* record,
                              std::string* app_type_out) const;
-  void Receive(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
-               const std::string& correlation_id, const rpc::CallHandle<GenericUnifiedMsg>* handle);
+  void Receive(rpc::ServerContext& context, const Received& received, const std::string& correlation_id,
+               const rpc::CallHandle<GenericUnifiedMsg>* handle);
 
   const std::shared_ptr<MpaClientAppSpecific> instance_;
   const Vertical& vertical_;

@@ -3,9 +3,11 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "platform/core/condition.h"
+#include "platform/core/queue_gauge.h"
 
 namespace zem {
 
@@ -15,7 +17,8 @@ namespace zem {
 template <class T>
 class BoundedQueue {
  public:
-  explicit BoundedQueue(size_t capacity) : capacity_(capacity) {}
+  /// `name` is what operators see it under.
+  BoundedQueue(std::string name, size_t capacity) : capacity_(capacity), gauge_(std::move(name), capacity) {}
 
   /// Waits while full.  False, with `element` untouched, when the queue is closed.
   [[nodiscard]] bool Push(T&& element) {
@@ -28,7 +31,7 @@ class BoundedQueue {
   [[nodiscard]] bool TryPush(T&& element) {
     std::lock_guard lock(mutex_);
     if (!closed_ && queue_.size() >= capacity_) {
-      ++dropped_;
+      gauge_.Refused();
       return false;
     }
     return PushLocked(std::move(element));
@@ -39,6 +42,7 @@ class BoundedQueue {
     std::lock_guard lock(mutex_);
     if (closed_) return;
     queue_.push_front(std::move(element));
+    gauge_.Returned();
     not_empty_.NotifyOne();
   }
 
@@ -71,13 +75,14 @@ class BoundedQueue {
   /// Elements refused by TryPush because the queue was full.
   size_t dropped() const {
     std::lock_guard lock(mutex_);
-    return dropped_;
+    return gauge_.Read().dropped;
   }
 
  private:
   bool PushLocked(T&& element) {
     if (closed_) return false;
     queue_.push_back(std::move(element));
+    gauge_.Entered();
     not_empty_.NotifyOne();
     return true;
   }
@@ -86,16 +91,17 @@ class BoundedQueue {
     if (closed_ || queue_.empty()) return std::nullopt;
     std::optional<T> element(std::move(queue_.front()));
     queue_.pop_front();
+    gauge_.Left();
     not_full_.NotifyOne();
     return element;
   }
 
   const size_t capacity_;
+  QueueGauge gauge_;
   mutable std::mutex mutex_;  // guards all below
   Condition not_full_;
   Condition not_empty_;
   std::deque<T> queue_;
-  size_t dropped_ = 0;
   bool closed_ = false;
 };
 

@@ -11,6 +11,7 @@
 #include "framework/builtin_commands.h"
 #include "framework/child_process.h"
 #include "platform/core/metrics.h"
+#include "platform/core/queue_gauge.h"
 #include "platform/core/unique_fd.h"
 #include "platform/core/unix_socket.h"
 #include "platform/core/work_group.h"
@@ -172,6 +173,14 @@ TEST_F(CliServerTest, TablesComeInTheirOrder) {
   EXPECT_EQ(Call({"get/mpaclient"}),
             R"([{"APP":"SwitchingVertical","STATUS":"UP","COOKIEID":9007199254740993},)"
             R"({"APP":"a\"b","STATUS":"DOWN","COOKIEID":-1},{"APP":"x","STATUS":"UNKNOWN","COOKIEID":0}])");
+  QueueGauge queue("numbers", 2);
+  queue.Entered();
+  queue.Entered();
+  queue.Refused();
+  queue.Left();
+  EXPECT_THAT(Call({"get/queues"}),
+              ::testing::MatchesRegex(R"(.*\{"QUEUE":"numbers","DEPTH":1,"MOST":2,"LONGEST_WAIT_MS":[0-9]+,)"
+                                      R"("DROPPED":1,"LIMIT":2\}\])"));
   const std::string stats = Call({"get/lib-wft/stats"});
   size_t at = 0;
   for (const char* span : {"ChildSpan_", "RootSpan_"}) {

@@ -63,7 +63,7 @@ class DpLinkTest : public ::testing::Test {
   metrics::Registry registry_;
   AsioZemProvider provider_;
   boost::intrusive_ptr<WorkGroup> group_;
-  BoundedQueue<std::string> received_{100};
+  BoundedQueue<std::string> received_{"received", 100};
   boost::intrusive_ptr<DpLink> link_;
 };
 

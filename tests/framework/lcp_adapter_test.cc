@@ -59,7 +59,7 @@ class LcpAdapterTest : public ::testing::Test {
   metrics::Registry registry_;
   AsioZemProvider provider_;
   boost::intrusive_ptr<WorkGroup> group_;
-  BoundedQueue<std::string> handled_{100};
+  BoundedQueue<std::string> handled_{"handled", 100};
   boost::intrusive_ptr<LcpAdapter> adapter_;
 };
 

@@ -2,8 +2,12 @@
 
 #include "app/zema/common/function_task.h"
 #include "app/zema/common/task_thread.h"
+#include "framework/log.h"
 
 namespace zem::zema {
+namespace {
+constexpr LogSource kLog{"tarvik", "zema"};
+}  // namespace
 
 IOService::IOService() = default;
 
@@ -13,8 +17,12 @@ void IOService::Post(std::function<void()> work) {
   const std::lock_guard lock(mutex_);
   if (stopped_) return;
   if (thread_ == nullptr) {
-    thread_ = std::make_unique<TaskThread>("IOServiceThread");
+    thread_ = std::make_unique<TaskThread>("IOServiceThread", kMostWaiting);
     thread_->Start();
+  }
+  if (!thread_->TakesRequest()) {
+    ZLOG_WARN("[%s] %zu messages wait for the manager already, one is dropped", __func__, kMostWaiting);
+    return;
   }
   thread_->AddTask(std::make_unique<FunctionTask>(std::move(work)), false);
 }

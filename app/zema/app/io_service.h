@@ -19,7 +19,10 @@ class IOService {
   IOService(const IOService&) = delete;
   IOService& operator=(const IOService&) = delete;
 
-  /// After Stop the work is destroyed unrun.
+  /// What the receive callback hands over while the manager does not take messages.
+  static constexpr size_t kMostWaiting = 1000;
+
+  /// The work is destroyed unrun after Stop, and, with a line, while kMostWaiting pieces wait.
   void Post(std::function<void()> work);
 
   /// Ends after the piece that runs at that moment.

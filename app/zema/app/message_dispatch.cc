@@ -2,7 +2,6 @@
 
 #include <iterator>
 
-#include "app/zema/common/worker_table.h"
 #include "framework/log.h"
 #include "proto/switching/switching.pb.h"
 
@@ -14,6 +13,7 @@ namespace switching = orlane::zem::switching;
 constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kTag = "ProcessReceiveMessages";
 constexpr std::string_view kPrefix = "com.orlane.zem.switching.";
+constexpr const char* kTooManyWait = "Too many requests wait to be realized.";
 
 bool Parse(std::string_view payload, google::protobuf::Message* message) {
   return message->ParseFromArray(payload.data(), static_cast<int>(payload.size()));
@@ -22,17 +22,17 @@ bool Parse(std::string_view payload, google::protobuf::Message* message) {
 }  // namespace
 
 const MessageDispatch::Row MessageDispatch::kRows[] = {
-    {"LogicalSwitchMsg", &MessageDispatch::TakeLogicalSwitch},
-    {"LogicalSwitchBulkMsg", &MessageDispatch::TakeLogicalSwitchBulk},
-    {"VifMsg", &MessageDispatch::TakeVif},
-    {"HostConfigMsg", &MessageDispatch::TakeHostConfig},
-    {"MaintenanceModeConfigMsg", &MessageDispatch::TakeMaintenanceMode},
-    {"ChecksumMsg", &MessageDispatch::TakeChecksum},
-    {"HostProfileMsg", &MessageDispatch::TakeHostProfile},
-    {"TransportNodeHostSwitchesMigrationMsg", &MessageDispatch::RefuseMigrationToKln},
-    {"VTEPRecoveryRequestMsg", &MessageDispatch::TakeVtepRecovery},
-    {"VTEPAdminStateMgmtRequestMsg", &MessageDispatch::TakeVtepAdminState},
-    {"VtepIPSyncMsg", &MessageDispatch::TakeVtepIpSync},
+    {"LogicalSwitchMsg", &MessageDispatch::TakeLogicalSwitch, Worker::kLogicalSwitch},
+    {"LogicalSwitchBulkMsg", &MessageDispatch::TakeLogicalSwitchBulk, Worker::kHostSync},
+    {"VifMsg", &MessageDispatch::TakeVif, std::nullopt},
+    {"HostConfigMsg", &MessageDispatch::TakeHostConfig, Worker::kHostSync},
+    {"MaintenanceModeConfigMsg", &MessageDispatch::TakeMaintenanceMode, Worker::kHostSync},
+    {"ChecksumMsg", &MessageDispatch::TakeChecksum, Worker::kPostHostSync},
+    {"HostProfileMsg", &MessageDispatch::TakeHostProfile, Worker::kHostSync},
+    {"TransportNodeHostSwitchesMigrationMsg", &MessageDispatch::RefuseMigrationToKln, std::nullopt},
+    {"VTEPRecoveryRequestMsg", &MessageDispatch::TakeVtepRecovery, Worker::kHostSync},
+    {"VTEPAdminStateMgmtRequestMsg", &MessageDispatch::TakeVtepAdminState, Worker::kHostSync},
+    {"VtepIPSyncMsg", &MessageDispatch::TakeVtepIpSync, Worker::kPostHostSync},
 };
 
 MessageDispatch::MessageDispatch(Settings settings) : settings_(std::move(settings)) {}
@@ -47,7 +47,12 @@ void MessageDispatch::ProcessReceiveMessages(const std::string& message_key, con
   if (std::string_view(type).substr(0, kPrefix.size()) == kPrefix) {
     for (const Row& row : kRows) {
       if (std::string_view(type).substr(kPrefix.size()) != row.type) continue;
-      (this->*row.take)({message_key, payload, {settings_.sender, correlation_id, reply_to, header}});
+      const Incoming message{message_key, payload, {settings_.sender, correlation_id, reply_to, header}};
+      if (row.worker && !settings_.workers->TakesRequest(*row.worker)) {
+        settings_.refuse(message.origin, row.type, std::string(payload), kTooManyWait);
+        return;
+      }
+      (this->*row.take)(message);
       return;
     }
   }
@@ -83,8 +88,7 @@ void MessageDispatch::TakeHostConfig(const Incoming& message) {
   if (parsed.has_revision()) ack.set_revision(parsed.revision());
   settings_.send_host_config_ack(message.origin.reply_to, ack);
   std::string error;
-  settings_.workers->AddHostConfigTask(
-      settings_.host_config(message.origin, std::move(parsed), std::string(message.payload)), &error);
+  settings_.workers->AddHostConfigTask(settings_.host_config(message.origin, std::move(parsed)), &error);
 }
 
 void MessageDispatch::TakeMaintenanceMode(const Incoming& message) {

@@ -2,10 +2,12 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "app/zema/app/later_parts.h"
+#include "app/zema/common/worker_table.h"
 #include "app/zema/core/port_attached.h"
 
 namespace orlane::zem::switching {
@@ -17,8 +19,6 @@ class VifMsg;
 }  // namespace orlane::zem::switching
 
 namespace zem::zema {
-
-class WorkerTable;
 
 /// Makes the task of each message of the manager and puts it on its worker; the receive callback does no
 /// more.
@@ -32,8 +32,7 @@ class MessageDispatch {
   struct Settings {
     MpaMessageSender* sender = nullptr;
     WorkerTable* workers = nullptr;
-    /// The last are the bytes of the message.
-    std::function<std::unique_ptr<Runnable>(const RequestOrigin&, HostConfigMsg, std::string)> host_config;
+    std::function<std::unique_ptr<Runnable>(const RequestOrigin&, HostConfigMsg)> host_config;
     std::function<std::unique_ptr<Runnable>(const RequestOrigin&,
                                             const orlane::zem::switching::LogicalSwitchMsg&)>
         logical_switch;
@@ -49,6 +48,10 @@ class MessageDispatch {
         send_host_config_ack;
     /// As the ack; answers a profile that cannot be taken.
     std::function<void(const RequestOrigin&, const std::string& error)> refuse_host_profile;
+    /// As the ack; answers a request whose queue is full.
+    std::function<void(const RequestOrigin&, std::string_view type, std::string payload,
+                       const std::string& reason)>
+        refuse;
     /// The answer to a call that waits for the manager.
     std::function<void(const std::string& rpc_id, std::unique_ptr<PortAttached>)> vif_result;
     LaterParts later;
@@ -70,6 +73,8 @@ class MessageDispatch {
   struct Row {
     std::string_view type;
     void (MessageDispatch::*take)(const Incoming&);
+    /// Whose queue the task goes to, where one is made.
+    std::optional<Worker> worker;
   };
   static const Row kRows[];
 

@@ -423,7 +423,8 @@ void Realization::Impl::RestoreHostSwitch() {
   }
   ZLOG_INFO("Upgrading - restoring backup HostConfigMsg [%s]", text.c_str());
   try {
-    HostConfigTaskQub task(host_config_, nullptr, "", "", std::move(backup), "", "");
+    HostConfigTaskQub task(host_config_, nullptr, "", "", std::move(backup), HostConfigTaskQub::InStore::kNo,
+                           "");
     task.ApplyHostConfig(true, false);
   } catch (const std::exception&) {
     ZLOG_ERROR("41531", "[%s] ApplyHostConfig caught exception", __func__);

@@ -9,6 +9,7 @@
 #include "app/zema/app/io_service.h"
 #include "app/zema/app/message_dispatch.h"
 #include "app/zema/app/realization.h"
+#include "app/zema/app/refused_request.h"
 #include "app/zema/common/function_task.h"
 #include "app/zema/common/thread.h"
 #include "app/zema/common/worker_table.h"
@@ -162,6 +163,7 @@ std::shared_ptr<zema::ControllerContext> ZemaApp::Impl::MakeControllerContext() 
       std::move(file), zema::Host(), files_, [](std::unique_ptr<zema::Runnable> task) {
         zema::Workers().AddTask(zema::Worker::kController, std::move(task));
       });
+  context->takes_request = [] { return zema::Workers().TakesRequest(zema::Worker::kController); };
   context->add_task_later = [this](Duration delay, std::function<std::unique_ptr<zema::Runnable>()> make) {
     const std::lock_guard lock(mutex_);
     if (controller_timer_) controller_timer_->Cancel();
@@ -305,11 +307,11 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
   zema::MessageDispatch::Settings settings;
   settings.sender = &app_;
   settings.workers = &zema::Workers();
-  settings.host_config = [host_config](const zema::RequestOrigin& origin, switching::HostConfigMsg message,
-                                       std::string payload) -> std::unique_ptr<zema::Runnable> {
+  settings.host_config = [host_config](const zema::RequestOrigin& origin,
+                                       switching::HostConfigMsg message) -> std::unique_ptr<zema::Runnable> {
     return std::make_unique<zema::HostConfigTaskQub>(host_config, origin.sender, origin.correlation_id,
-                                                     origin.reply_to, std::move(message), std::move(payload),
-                                                     origin.header);
+                                                     origin.reply_to, std::move(message),
+                                                     zema::HostConfigTaskQub::InStore::kYes, origin.header);
   };
   settings.logical_switch =
       [logical_switches](const zema::RequestOrigin& origin,
@@ -342,6 +344,12 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
   settings.refuse_host_profile = [this](const zema::RequestOrigin& origin, const std::string& error) {
     io_.Post([this, origin, reply = zema::RefusedHostProfile(error)] {
       app_.HostProfileReply(origin.correlation_id, origin.reply_to, reply);
+    });
+  };
+  settings.refuse = [this](const zema::RequestOrigin& origin, std::string_view type, std::string payload,
+                           const std::string& reason) {
+    io_.Post([origin, type, payload = std::move(payload), reason] {
+      zema::AnswerRefused(origin, type, payload, reason);
     });
   };
   const std::weak_ptr<zema::Realization> weak = realization;

@@ -15,8 +15,8 @@ constexpr int kPollSeconds = 1;
 }  // namespace
 
 BatchTaskThread::BatchTaskThread(std::string name, int batch_interval, int wait_threshold,
-                                 std::unique_ptr<BatchRunnable> batcher)
-    : TaskThread(std::move(name)),
+                                 std::unique_ptr<BatchRunnable> batcher, size_t most_requests)
+    : TaskThread(std::move(name), most_requests),
       batch_interval_(batch_interval),
       wait_threshold_(wait_threshold),
       batcher_(std::move(batcher)) {}
@@ -30,7 +30,7 @@ void BatchTaskThread::AddTask(std::unique_ptr<Runnable> task) {
   }
   const MonitorLock lock(*this);
   if (stopped()) throw Exception("BatchTaskThread already stopped", 0);
-  queue_.push_back(std::move(task));
+  PushLocked(std::move(task));
 }
 
 void BatchTaskThread::Run() {
@@ -42,6 +42,7 @@ void BatchTaskThread::Run() {
   for (Came came; (came = WaitForTasks(kPollSeconds)) != Came::kStopped;) {
     if (came == Came::kTasks && !Gather()) break;
   }
+  GivenUp(taken_.size());
   taken_.clear();
   Clear();
   ZLOG_INFO("[%s:%p] ended", name().c_str(), self);
@@ -52,10 +53,10 @@ BatchTaskThread::Came BatchTaskThread::WaitForTasks(int seconds) {
   if (!stopped()) Wait(seconds);
   if (stopped()) {
     ZLOG_INFO("[%s:%p] terminating, discarding remaining task: queue:[%lu] batch:[%ld]", name().c_str(),
-              static_cast<void*>(this), static_cast<unsigned long>(queue_.size()), batcher_->Count());
+              static_cast<void*>(this), static_cast<unsigned long>(queued_locked()), batcher_->Count());
     return Came::kStopped;
   }
-  taken_.swap(queue_);
+  SwapQueueLocked(&taken_);
   return taken_.empty() ? Came::kNothing : Came::kTasks;
 }
 
@@ -85,6 +86,7 @@ void BatchTaskThread::Feed(int elapsed) {
   while (!taken_.empty() && !stopped()) {
     const std::unique_ptr<Runnable> task = std::move(taken_.front());
     taken_.pop_front();
+    TakenUp();
     if (FeedTask(*task)) ++added;
   }
   ZLOG_DEBUG("[%s:%p] : added [%d/%ld] tasks to the batcher, at [%d/%d] time", name().c_str(),

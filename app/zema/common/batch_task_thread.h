@@ -14,7 +14,7 @@ namespace zem::zema {
 class BatchTaskThread : public TaskThread {
  public:
   BatchTaskThread(std::string name, int batch_interval, int wait_threshold,
-                  std::unique_ptr<BatchRunnable> batcher);
+                  std::unique_ptr<BatchRunnable> batcher, size_t most_requests = QueueGauge::kNoLimit);
   ~BatchTaskThread() override;
 
   /// Throws Exception when the worker was stopped; the task is destroyed.

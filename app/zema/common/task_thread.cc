@@ -17,7 +17,11 @@ std::time_t WallSeconds() { return std::chrono::system_clock::to_time_t(Clock::P
 
 }  // namespace
 
-TaskThread::TaskThread(std::string name) : Thread(true, nullptr, 0), name_(std::move(name)) {}
+TaskThread::TaskThread(std::string name, size_t most_requests)
+    : Thread(true, nullptr, 0),
+      name_(std::move(name)),
+      most_requests_(most_requests),
+      gauge_(name_, most_requests) {}
 
 TaskThread::~TaskThread() { StopAndJoin(); }
 
@@ -33,7 +37,7 @@ void TaskThread::AddTask(std::unique_ptr<Runnable> task, bool log_it) {
   {
     const MonitorLock lock(*this);
     if (!stopped()) {
-      queue_.push_back(std::move(task));
+      PushLocked(std::move(task));
       length = queue_.size();
       Notify();
     }
@@ -50,7 +54,18 @@ void TaskThread::AddTask(std::unique_ptr<Runnable> task, bool log_it) {
 
 void TaskThread::AddTaskAsleep(std::unique_ptr<Runnable> task) {
   const MonitorLock lock(*this);
-  if (!stopped()) queue_.push_back(std::move(task));
+  if (!stopped()) PushLocked(std::move(task));
+}
+
+void TaskThread::PushLocked(std::unique_ptr<Runnable> task) {
+  queue_.push_back(std::move(task));
+  gauge_.Entered();
+}
+
+bool TaskThread::TakesRequest() {
+  if (most_requests_ == QueueGauge::kNoLimit || gauge_.depth() < most_requests_) return true;
+  gauge_.Refused();
+  return false;
 }
 
 bool TaskThread::AddLowPriorityTask(std::unique_ptr<Runnable> task, int delay_seconds) {
@@ -97,7 +112,8 @@ void TaskThread::Clear() {
   TaskList tasks;
   std::unique_ptr<Runnable> low_priority;
   const MonitorLock lock(*this);
-  tasks.swap(queue_);
+  SwapQueueLocked(&tasks);
+  GivenUp(tasks.size());
   low_priority = std::move(low_priority_task_);
 }
 
@@ -117,9 +133,11 @@ void TaskThread::Run() {
     while (!tasks.empty() && !stopped()) {
       std::unique_ptr<Runnable> task = std::move(tasks.front());
       tasks.pop_front();
+      if (round == Round::kTasks) TakenUp();
       RunTask(std::move(task), round);
     }
   }
+  GivenUp(tasks.size());
   tasks.clear();
   Clear();
   ZLOG_INFO("TaskThread [%s:%p] ended", name_.c_str(), self);
@@ -146,7 +164,7 @@ TaskThread::Round TaskThread::TakeWork(TaskList* tasks) {
     tasks->push_back(std::move(low_priority_task_));
     return Round::kLowPriority;
   }
-  tasks->swap(queue_);
+  SwapQueueLocked(tasks);
   return Round::kTasks;
 }
 

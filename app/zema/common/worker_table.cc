@@ -31,19 +31,34 @@ struct WorkerTable::Row {
   const char* error_code;
   const char* failure;  // "[operation] failed to start ", this, ": ", the reason, and the end
   const char* end;
+  size_t most_requests;
 };
 
 const std::array<WorkerTable::Row, kWorkerCount>& WorkerTable::Rows() {
+  // A manager asks for one thing of the whole host at a time, and for each switch of the fabric when it comes
+  // anew.
+  constexpr size_t kMostHostRequests = 500;
+  constexpr size_t kMostSwitchRequests = 100'000;
+  // No other process asks these workers for anything:
+  // - acknowledgements: one for each switch that the batches have realized;
+  // - the performance profile: one task at most, by its own flag;
+  // - the database handler: one task for each object that has changed in the node's own store.  What the
+  // store
+  //   has told is told by nobody again, so none may be refused;
+  // - the simulated load: one task in a start.
+  constexpr size_t kOwnWork = QueueGauge::kNoLimit;
   static constexpr std::array<Row, kWorkerCount> rows = {{
-      {Worker::kLsBatchAck, "lsBatchAckThread", "41527", "LogicalSwitch batch ACK thread", "\n"},
-      {Worker::kLogicalSwitch, "logicalSwitchTaskThread", "41528", "logicalSwitchTaskThread", "\n"},
-      {Worker::kHostSync, "hostSyncTaskThread", "41525", "hostSyncTaskThread", ""},
-      {Worker::kPostHostSync, "postHostSyncTaskThread", "41526", "postHostSyncTaskThread", ""},
-      {Worker::kController, "controllerTaskThread", "41526", "controllerTaskThread", ""},
+      {Worker::kLsBatchAck, "lsBatchAckThread", "41527", "LogicalSwitch batch ACK thread", "\n", kOwnWork},
+      {Worker::kLogicalSwitch, "logicalSwitchTaskThread", "41528", "logicalSwitchTaskThread", "\n",
+       kMostSwitchRequests},
+      {Worker::kHostSync, "hostSyncTaskThread", "41525", "hostSyncTaskThread", "", kMostHostRequests},
+      {Worker::kPostHostSync, "postHostSyncTaskThread", "41526", "postHostSyncTaskThread", "",
+       kMostHostRequests},
+      {Worker::kController, "controllerTaskThread", "41526", "controllerTaskThread", "", kMostHostRequests},
       {Worker::kHighPerformanceProfile, "highPerformanceProfileTaskThread", "41548",
-       "highPerformanceProfileTaskThread", ""},
-      {Worker::kDatabaseHandler, "databaseHandlerThread", "44097", "databaseHandlerThread", ""},
-      {Worker::kScaleSim, "scaleSimTaskThread", "41546", "scaleSimTaskThread", "\n"},
+       "highPerformanceProfileTaskThread", "", kOwnWork},
+      {Worker::kDatabaseHandler, "databaseHandlerThread", "44097", "databaseHandlerThread", "", kOwnWork},
+      {Worker::kScaleSim, "scaleSimTaskThread", "41546", "scaleSimTaskThread", "\n", kOwnWork},
   }};
   return rows;
 }
@@ -63,16 +78,16 @@ std::unique_ptr<TaskThread> WorkerTable::Make(const Row& row, const WorkerOption
     case Worker::kLsBatchAck:
       if (options.ls_ack_batch_interval <= 0) return nullptr;
       return std::make_unique<BatchTaskThread>(row.name, options.ls_ack_batch_interval, options.ls_ack_wait,
-                                               factory_.ls_ack_batcher());
+                                               factory_.ls_ack_batcher(), row.most_requests);
     case Worker::kLogicalSwitch:
       return std::make_unique<BatchTaskThread>(row.name, options.ls_msg_batch_interval, options.ls_msg_wait,
-                                               factory_.ls_batcher());
+                                               factory_.ls_batcher(), row.most_requests);
     case Worker::kDatabaseHandler:
       return factory_.database_handler(row.name);
     case Worker::kScaleSim:
       return options.scale_simulation ? std::make_unique<TaskThread>(row.name) : nullptr;
     default:
-      return std::make_unique<TaskThread>(row.name);
+      return std::make_unique<TaskThread>(row.name, row.most_requests);
   }
 }
 
@@ -177,6 +192,14 @@ bool WorkerTable::AddTask(Worker worker, std::unique_ptr<Runnable> task) {
     ZLOG_DEBUG("[%s] %s: %s", __func__, thread->name().c_str(), e.what());
     return false;
   }
+}
+
+bool WorkerTable::TakesRequest(Worker worker) {
+  const Synchronizer lock(table_lock_, __FILE__, __LINE__);
+  TaskThread* const thread = Slot(worker).get();
+  if (thread == nullptr || thread->TakesRequest()) return true;
+  ZLOG_WARN("[%s] a request is refused: the queue of %s is full", __func__, thread->name().c_str());
+  return false;
 }
 
 bool WorkerTable::AddTaskAsleep(Worker worker, std::unique_ptr<Runnable> task) {

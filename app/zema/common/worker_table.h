@@ -78,6 +78,10 @@ class WorkerTable {
   /// one that batches.  The others, once stopped, take a task and destroy it.
   bool AddTask(Worker worker, std::unique_ptr<Runnable> task);
 
+  /// Whether the worker has room for what another process asks for; a refusal is logged and counted.  A
+  /// worker that is not there has: AddTask says the rest.
+  [[nodiscard]] bool TakesRequest(Worker worker);
+
   /// The same for a worker that does not batch, without waking it.
   bool AddTaskAsleep(Worker worker, std::unique_ptr<Runnable> task);
 

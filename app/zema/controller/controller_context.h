@@ -23,7 +23,9 @@ struct ControllerContext {
   ConfigFiles& files;
   /// To the controllers' worker.
   std::function<void(std::unique_ptr<Runnable>)> add_task;
-  /// The same, so much later; replaces what waits already.
+  /// Whether that worker has room for what the manager asks; a refusal is logged and counted.
+  std::function<bool()> takes_request = [] { return true; };
+  /// As `add_task`, so much later; replaces what waits already.
   std::function<void(Duration, std::function<std::unique_ptr<Runnable>()>)> add_task_later =
       [](Duration, const auto&) {};
 };

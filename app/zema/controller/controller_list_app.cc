@@ -163,6 +163,8 @@ void ControllerListApp::ProcessReceiveMessages(const std::string& key, const std
     return;
   }
   ZLOG_INFO("[%s] Controller info message [%s]\n", __func__, message.ShortDebugString().c_str());
+  // The manager sends the whole list again with each change.
+  if (!settings_.context->takes_request()) return;
   settings_.context->add_task(std::make_unique<zema::ControllerListHandlerTask>(
       settings_.context, correlation_id, reply_to, std::move(message)));
 }

@@ -91,23 +91,24 @@ std::string WriteTime() {
 
 using Requests = std::list<ModifyRequestMsg>;
 
-std::optional<Requests> HostConfigRequests(const RawBusMessage& message) {
-  orlane::zem::switching::HostConfigMsg config;
-  if (!config.ParseFromString(message.payload)) {
-    ZLOG_ERROR("41512", "Failed to parse HostConfigMsg message");
-    return std::nullopt;
-  }
-  store::RealizedHostConfigMsg stored;
-  if (EncodeHostConfigMsg(config, &stored) != 0) {
-    ZLOG_ERROR("44091", "Error Encoding Host Config Message into db format");
-    return std::nullopt;
-  }
-  stored.mutable_amqp_header()->set_header(message.header);
+Requests HostConfigRequests(store::RealizedHostConfigMsg stored, const std::string& header) {
+  stored.mutable_amqp_header()->set_header(header);
   stored.set_write_time(WriteTime());
   Requests requests(1);
   AddFlush(&requests.back(), ObjectType::HOST_CONFIG);
   AddPut(&requests.back(), ObjectType::HOST_CONFIG, stored);
   return requests;
+}
+
+std::optional<Requests> HostConfigRequestsOf(const RawBusMessage& message) {
+  orlane::zem::switching::HostConfigMsg config;
+  if (!config.ParseFromString(message.payload)) {
+    ZLOG_ERROR("41512", "Failed to parse HostConfigMsg message");
+    return std::nullopt;
+  }
+  std::unique_ptr<store::RealizedHostConfigMsg> stored = CoveDbHandler::EncodeHostConfig(config);
+  if (stored == nullptr) return std::nullopt;
+  return HostConfigRequests(std::move(*stored), message.header);
 }
 
 std::optional<Requests> MmodeRequests(const RawBusMessage& message) {
@@ -149,7 +150,7 @@ std::optional<Requests> ControllerRequests(const RawBusMessage& message) {
 }
 
 constexpr std::pair<const char*, std::optional<Requests> (*)(const RawBusMessage&)> kStoredTypes[] = {
-    {kHostConfigType, HostConfigRequests},
+    {kHostConfigType, HostConfigRequestsOf},
     {kMmodeType, MmodeRequests},
     {kControllersType, ControllerRequests},
 };
@@ -410,6 +411,18 @@ int CoveDbHandler::SaveMessage(const RawBusMessage* message) {
   }
   Modify(std::move(requests));
   return 0;
+}
+
+std::unique_ptr<store::RealizedHostConfigMsg> CoveDbHandler::EncodeHostConfig(
+    const orlane::zem::switching::HostConfigMsg& config) {
+  auto stored = std::make_unique<store::RealizedHostConfigMsg>();
+  if (EncodeHostConfigMsg(config, stored.get()) == 0) return stored;
+  ZLOG_ERROR("44091", "Error Encoding Host Config Message into db format");
+  return nullptr;
+}
+
+void CoveDbHandler::SaveHostConfig(store::RealizedHostConfigMsg stored, const std::string& header) {
+  Modify(HostConfigRequests(std::move(stored), header));
 }
 
 void CoveDbHandler::WriteProcessedBarrier(uint64_t barrier) {

@@ -15,6 +15,15 @@
 #include "covedbclient/covedb_client_interface.h"
 #include "platform/core/clock.h"
 
+namespace orlane::zem {
+namespace covedb {
+class RealizedHostConfigMsg;
+}  // namespace covedb
+namespace switching {
+class HostConfigMsg;
+}  // namespace switching
+}  // namespace orlane::zem
+
 namespace zem {
 class Timer;
 class TimerFactory;
@@ -99,6 +108,13 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
 
   /// What an edge or gateway stores of a message.  0, also for a message that is not stored; -1 otherwise.
   [[nodiscard]] int SaveMessage(const RawBusMessage* message);
+
+  /// A host configuration in the store's form; null, with an error line, when it has none.  For who changes
+  /// the message before it is known to be worth storing.
+  static std::unique_ptr<orlane::zem::covedb::RealizedHostConfigMsg> EncodeHostConfig(
+      const orlane::zem::switching::HostConfigMsg& config);
+  /// Stores it with the bus header that the message came with.
+  void SaveHostConfig(orlane::zem::covedb::RealizedHostConfigMsg stored, const std::string& header);
 
   void WriteProcessedBarrier(uint64_t barrier);
   /// Status without errors, and the barrier unless it is 0, which stands for none.

@@ -13,6 +13,7 @@ namespace {
 
 constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kTag = "CorvdHandlerThread";
+constexpr const char* kTooManyWait = "Too many port operations wait. Please retry.";
 
 }  // namespace
 
@@ -37,6 +38,7 @@ void HandlerPool::Stop() {
     free_handlers_.clear();
     dropped = pending_requests_.size();
     pending_requests_.clear();
+    pending_gauge_.Dropped(dropped);
   }
   if (dropped > 0) ZLOG_WARN("[%s] %zu waiting requests end with the pool", kTag, dropped);
   if (!handlers.empty()) vif_handler_.EndWaits();
@@ -49,21 +51,39 @@ void HandlerPool::Stop() {
 
 void HandlerPool::AddRequest(std::shared_ptr<VifRequest> request) {
   std::shared_ptr<HandlerThread> handler;
+  bool full = false;
   {
     const Synchronizer lock(lock_, __FILE__, __LINE__);
     if (stopped_) {
       ZLOG_WARN("[%s] request [%s] comes after the end", kTag, request->ToString().c_str());
       return;
     }
-    // Under the lock, so that no request on the same VIF is served before one that arrived earlier.
-    vif_handler_.Arrived(*request);
-    handler = AssignFreeHandlerLocked();
-    if (!handler) pending_requests_.push_back(std::move(request));
+    full = pending_requests_.size() >= kMostPending;
+    if (full) {
+      pending_gauge_.Refused();
+    } else {
+      // Under the lock, so that no request on the same VIF is served before one that arrived earlier.
+      vif_handler_.Arrived(*request);
+      handler = AssignFreeHandlerLocked();
+      if (!handler) {
+        pending_requests_.push_back(std::move(request));
+        pending_gauge_.Entered();
+      }
+    }
   }
+  if (full) return Refuse(*request);
   if (!handler) return CreateHandler();
   ZLOG_INFO("[%s] assign HandlerThread [%ld] to [%s]\n", kTag, handler->Number(),
             request->ToString().c_str());
   handler->Assign(std::move(request));
+}
+
+void HandlerPool::Refuse(VifRequest& request) {
+  ZLOG_WARN("[%s] request [%s] is refused: %zu requests wait", kTag, request.ToString().c_str(),
+            kMostPending);
+  if (!request.request) return;
+  if (request.error_text.empty()) request.error_text = kTooManyWait;
+  reply_(request);
 }
 
 std::shared_ptr<HandlerThread> HandlerPool::AssignFreeHandlerLocked() {
@@ -123,6 +143,7 @@ std::shared_ptr<VifRequest> HandlerPool::TakePendingLocked() {
   if (pending_requests_.empty()) return nullptr;
   std::shared_ptr<VifRequest> request = std::move(pending_requests_.front());
   pending_requests_.pop_front();
+  pending_gauge_.Left();
   return request;
 }
 

@@ -9,6 +9,7 @@
 
 #include "app/zema/common/synchronizable.h"
 #include "platform/core/clock.h"
+#include "platform/core/queue_gauge.h"
 
 namespace zem::zema {
 
@@ -24,6 +25,8 @@ struct VifRequest;
 class HandlerPool {
  public:
   static constexpr size_t kMostHandlers = 30;
+  /// Twice the ports of the largest host: one operation on each, and what each was left to do.
+  static constexpr size_t kMostPending = 20'000;
   static constexpr Duration kIdleLimit = std::chrono::seconds(3600);
 
   /// Owed for each request that came with one; may block.
@@ -38,7 +41,8 @@ class HandlerPool {
   /// Ends all threads and drops what waits; no request is taken from then on.  Again is harmless.
   void Stop();
 
-  /// Takes a request from any source.
+  /// Takes a request from any source.  One that comes while kMostPending wait is refused: the host gets its
+  /// reply at once, from the caller's thread.
   void AddRequest(std::shared_ptr<VifRequest> request);
 
   /// Ends one thread that has been idle for too long, unless it is the last.
@@ -69,6 +73,7 @@ class HandlerPool {
   using Made = std::map<HandlerThread*, std::shared_ptr<HandlerThread>>;
 
   std::shared_ptr<HandlerThread> AssignFreeHandlerLocked();
+  void Refuse(VifRequest& request);
   void CreateHandler();
   bool RemoveHandler(HandlerThread& handler);
   std::shared_ptr<VifRequest> TakePendingLocked();
@@ -82,6 +87,7 @@ class HandlerPool {
   /// The longest idle first; the last one is used first.
   std::deque<Free> free_handlers_;
   std::deque<std::shared_ptr<VifRequest>> pending_requests_;
+  QueueGauge pending_gauge_{"vifRequests", kMostPending};
   bool stopped_ = false;
 };
 

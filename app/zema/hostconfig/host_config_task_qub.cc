@@ -25,6 +25,7 @@
 #include "app/zema/qub/port_ops_manager.h"
 #include "framework/log.h"
 #include "platform/core/thread_name.h"
+#include "proto/covedb/switching_objects.pb.h"
 
 namespace zem::zema {
 namespace {
@@ -34,7 +35,6 @@ namespace switching = orlane::zem::switching;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kThreadName = "zema:HstCfg";
-constexpr const char* kTypeName = "com.orlane.zem.switching.HostConfigMsg";
 constexpr int kAddressRetries = 20;
 
 // What a configuration sets before it is stored.  One that is refused before that leaves it as it was, so
@@ -74,10 +74,10 @@ class StateBeforeStored {
 
 HostConfigTaskQub::HostConfigTaskQub(std::shared_ptr<HostConfigContext> context, MpaMessageSender* sender,
                                      std::string correlation_id, std::string reply_to, HostConfigMsg message,
-                                     std::string payload, std::string header)
+                                     InStore in_store, std::string header)
     : HostConfigTask(sender, std::move(correlation_id), std::move(reply_to), std::move(message)),
       context_(std::move(context)),
-      payload_(std::move(payload)),
+      in_store_(in_store),
       header_(std::move(header)) {}
 
 HostConfigTaskQub::~HostConfigTaskQub() = default;
@@ -122,6 +122,9 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   StateBeforeStored before(*context_);
   {
     const MonitorLock lock(monitor_);
+    if (context_->store != nullptr && in_store_ == InStore::kYes) {
+      for_store_ = CoveDbHandler::EncodeHostConfig(message_);
+    }
     TakeHealth();
     if (!IsRemoval() && !reset) {
       HostSwitchPreparation preparation(*context_);
@@ -238,14 +241,11 @@ void HostConfigTaskQub::Persist() {
   if (context_->files.PersistHostConfigToFile(message_) != 0) {
     errors_.Add(ErrorSink::kGeneral, "Failed to persist host config.");
   }
-  if (context_->store != nullptr && !payload_.empty()) {
-    RawBusMessage raw;
-    raw.type = kTypeName;
-    raw.header = header_;
-    raw.payload = payload_;
-    raw.correlation_id = correlation_id_;
-    raw.reply_to = reply_to_;
-    if (context_->store->SaveMessage(&raw) != 0) {
+  if (context_->store != nullptr && in_store_ == InStore::kYes) {
+    if (for_store_ != nullptr) {
+      context_->store->SaveHostConfig(std::move(*for_store_), header_);
+      for_store_.reset();
+    } else {
       ZLOG_ERROR("44092", "Error persisting configuration Messages to DB");
     }
   }
@@ -391,7 +391,7 @@ void HostConfigTaskQub::ForgiveRoutersOfLeft(const std::vector<HostDvs>& before)
 
 std::string RemoveHostSwitches(const std::shared_ptr<HostConfigContext>& context) {
   ZLOG_INFO("[%s] clearing HostConfig...\n", "REST_RemoveHostSwitch");
-  HostConfigTaskQub task(context, nullptr, "", "", {}, "", "");
+  HostConfigTaskQub task(context, nullptr, "", "", {}, HostConfigTaskQub::InStore::kNo, "");
   task.ApplyHostConfig(false, true);
   const auto reply = task.BuildReply();
   if (reply.error_code() == 0) return "";
@@ -411,7 +411,8 @@ bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
   const auto unfinished = context->files.ApplyUnfinished();
   if (!unfinished) return true;
   switching::HostConfigMsg message;
-  std::string payload = unfinished->message;
+  const std::string& removal = unfinished->message;
+  auto in_store = HostConfigTaskQub::InStore::kYes;
   if (unfinished->kind == Kind::kConfiguration) {
     std::string error;
     if (!context->files.RetrieveHostConfigMsgFromFile(&message, &error)) {
@@ -420,15 +421,15 @@ bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
       context->files.EndApply();
       return true;
     }
-    payload = message.SerializeAsString();
     ZLOG_INFO("[%s] HostConfigMsg [%s] revision [%s] was under way when the agent ended, applying it again",
               __func__, message.id().c_str(), message.revision().c_str());
   } else {
-    if (!message.ParseFromString(payload)) ZLOG_WARN("[%s] the message of the removal is lost", __func__);
+    if (removal.empty()) in_store = HostConfigTaskQub::InStore::kNo;
+    if (!message.ParseFromString(removal)) ZLOG_WARN("[%s] the message of the removal is lost", __func__);
     ZLOG_INFO("[%s] the removal of this node was under way when the agent ended, finishing it", __func__);
   }
   HostConfigTaskQub task(context, nullptr, unfinished->correlation_id, unfinished->reply_to,
-                         std::move(message), std::move(payload), unfinished->header);
+                         std::move(message), in_store, unfinished->header);
   try {
     return task.Finish(*unfinished);
   } catch (const std::exception& e) {

@@ -15,6 +15,10 @@
 #include "app/zema/qub/switch_record.h"
 #include "app/zema/qub/vtep_application.h"
 
+namespace orlane::zem::covedb {
+class RealizedHostConfigMsg;
+}  // namespace orlane::zem::covedb
+
 namespace zem::zema {
 
 struct HostConfigContext;
@@ -29,11 +33,14 @@ class InterfaceMigration;
 /// Threads: one, which is not a provider's.
 class HostConfigTaskQub : public HostConfigTask {
  public:
-  /// `sender` may be null: nobody is answered then.  `payload` is the message as it came, and `header` the
-  /// bus header that came with it; both are empty when it did not come from the manager.
+  /// Whether the store gets the message too.
+  enum class InStore { kNo, kYes };
+
+  /// `sender` may be null: nobody is answered then.  `header` is the bus header that the message came with;
+  /// empty, and the message not for the store, when it did not come from the manager.
   HostConfigTaskQub(std::shared_ptr<HostConfigContext> context, MpaMessageSender* sender,
-                    std::string correlation_id, std::string reply_to, HostConfigMsg message,
-                    std::string payload, std::string header);
+                    std::string correlation_id, std::string reply_to, HostConfigMsg message, InStore in_store,
+                    std::string header);
   ~HostConfigTaskQub() override;
 
   void Run() override;
@@ -68,8 +75,10 @@ class HostConfigTaskQub : public HostConfigTask {
   static constexpr const char* kRemovalRevision = "-1";
 
   const std::shared_ptr<HostConfigContext> context_;
-  const std::string payload_;
+  const InStore in_store_;
   const std::string header_;
+  /// The message as it came, in the store's form: the message itself becomes the host's.
+  std::unique_ptr<orlane::zem::covedb::RealizedHostConfigMsg> for_store_;
   Thread monitor_{true, nullptr, 0};
   RealizationOptions options_;
   KnlMigrationMap migration_map_;

@@ -20,7 +20,7 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 VnicMigrationTask::VnicMigrationTask(std::shared_ptr<HostConfigContext> context, Settings settings,
                                      bool vm_ports, bool knl_pnic)
-    : HostConfigTaskQub(std::move(context), nullptr, "", "", {}, "", ""),
+    : HostConfigTaskQub(std::move(context), nullptr, "", "", {}, InStore::kNo, ""),
       settings_(std::move(settings)),
       vm_ports_(vm_ports),
       knl_pnic_(knl_pnic) {}

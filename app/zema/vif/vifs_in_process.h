@@ -42,6 +42,7 @@ class VifTurn {
 };
 
 /// The operations on each VIF in the order in which they arrived: one runs at a time, the others wait for it.
+/// There are as many places as requests, so the limit of the requests' queue is theirs.
 ///
 /// Threads: all operations from any.  Owned by a shared pointer.
 class VifsInProcess : public std::enable_shared_from_this<VifsInProcess> {

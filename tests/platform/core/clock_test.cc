@@ -191,7 +191,7 @@ TEST(StopSignalTest, EndsASleepEarly) {
 
 TEST(BoundedQueueTest, FullRefusesClosedWakesAndFrontGoesFirst) {
   VirtualClock clock;
-  BoundedQueue<int> queue(2);
+  BoundedQueue<int> queue("numbers", 2);
   EXPECT_TRUE(queue.TryPush(1));
   EXPECT_TRUE(queue.TryPush(2));
   EXPECT_FALSE(queue.TryPush(3));

@@ -4,6 +4,7 @@
 
 #include <set>
 
+#include "app/zema/app/refused_request.h"
 #include "app/zema/common/function_task.h"
 #include "app/zema/common/task_thread.h"
 #include "app/zema/common/worker_table.h"
@@ -41,9 +42,7 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
     MessageDispatch::Settings settings;
     settings.sender = &sender_;
     settings.workers = &workers_;
-    settings.host_config = [this](const RequestOrigin& origin, switching::HostConfigMsg message,
-                                  std::string bytes) {
-      EXPECT_EQ(bytes, message.SerializeAsString());
+    settings.host_config = [this](const RequestOrigin& origin, const switching::HostConfigMsg& message) {
       return Task("host config " + origin.correlation_id + " " + origin.reply_to + " " + message.revision());
     };
     settings.logical_switch = [this](const RequestOrigin&, const switching::LogicalSwitchMsg&) {
@@ -64,6 +63,8 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
     settings.refuse_host_profile = [this](const RequestOrigin&, const std::string& error) {
       made_.push_back("refused " + error);
     };
+    settings.refuse = [](const RequestOrigin& origin, std::string_view type, const std::string& payload,
+                         const std::string& reason) { AnswerRefused(origin, type, payload, reason); };
     settings.vif_result = [this](const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
       made_.push_back("vif " + rpc_id);
       result_ = std::move(result);
@@ -123,6 +124,53 @@ TEST_F(MessageDispatchTest, AHostConfigIsAcknowledgedBeforeItIsQueued) {
   EXPECT_EQ(made_,
             std::vector<std::string>{"ack reply transport_node_id: \"tn\" id: \"c1\" revision: \"4\""});
   EXPECT_EQ(Ran(1), std::set<std::string>{"host config corr reply 4"});
+}
+
+// A manager that floods the host must be told so, and must not be told that its configuration was taken.
+TEST_F(MessageDispatchTest, ARequestTooManyIsAnsweredWithItsReason) {
+  workers_.StopTaskThreads();
+  workers_.DeleteTaskThreadObjects();
+  TaskThread* worker = nullptr;
+  ASSERT_EQ(workers_.StartHostSyncTaskThread(), 0);
+  worker = workers_.Find(Worker::kHostSync);
+  Condition go;
+  bool gone = false;
+  worker->AddTask(std::make_unique<FunctionTask>([&] {
+    std::unique_lock lock(mutex_);
+    go.Wait(lock, [&] { return gone; });
+  }));
+  while (worker->TakesRequest()) worker->AddTask(Task("waits"));
+  switching::HostConfigMsg config;
+  config.set_id("c1");
+  Receive("HostConfigMsg", config);
+  switching::MaintenanceModeConfigMsg mode;
+  mode.set_revision("3");
+  Receive("MaintenanceModeConfigMsg", mode);
+  Receive(std::string(kPrefix) + "LogicalSwitchBulkMsg", "x");
+  Receive(std::string(kPrefix) + "HostProfileMsg", "x");
+  switching::VTEPRecoveryRequestMsg recovery;
+  recovery.set_request_id("r");
+  Receive("VTEPRecoveryRequestMsg", recovery);
+  switching::VTEPAdminStateMgmtRequestMsg state;
+  state.set_request_id("s");
+  Receive("VTEPAdminStateMgmtRequestMsg", state);
+  const std::string reason = "\"Too many requests wait to be realized.\"";
+  EXPECT_EQ(sender_.Take(),
+            (std::vector<std::string>{
+                "HostConfig corr reply id: \"c1\" error_code: 8700 error_text: " + reason,
+                "TnMmode corr reply revision: \"3\" error_code: 8700 error_text: " + reason,
+                "FullSync corr reply continuation_flag: 2 status: 1 error_text: " + reason,
+                "HostProfile corr reply reply_marker: 2 status: 2 error_text: " + reason,
+                "VtepRecovery corr reply result_text: " + reason + " request_id: \"r\" result: -1",
+                "VtepAdminState corr reply result_text: " + reason + " request_id: \"s\" result: -1",
+            }));
+  EXPECT_TRUE(made_.empty()) << "no acknowledgement";
+  {
+    const std::lock_guard lock(mutex_);
+    gone = true;
+    go.NotifyAll();
+  }
+  workers_.StopTaskThreads();
 }
 
 TEST_F(MessageDispatchTest, FullSyncsAndChecksumsReachTheirWorkers) {

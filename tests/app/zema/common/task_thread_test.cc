@@ -93,5 +93,38 @@ TEST_F(TaskThreadTest, ClearDestroysWhatWaits) {
   EXPECT_EQ(worker_.queue_length(), 0u);
 }
 
+// A queue that grows, or whose tasks wait for long, must show while it does, and afterwards.
+TEST_F(TaskThreadTest, TheQueueShowsItsDepthItsLongestWaitAndItsLosses) {
+  TaskThread worker("measured", 3);
+  const auto reading = [] {
+    for (QueueGauge::Reading& each : QueueGauge::ReadAll()) {
+      if (each.name == "measured") return std::move(each);
+    }
+    return QueueGauge::Reading();
+  };
+  worker.AddTask(Task("first", [] { SleepFor(seconds(7)); }));
+  worker.AddTaskAsleep(Task("second"));
+  worker.Start();
+  clock_.RunFor(seconds(5));
+  EXPECT_EQ(reading().depth, 1u) << "what is taken off the queue together with the first still waits";
+  EXPECT_EQ(reading().longest_wait, seconds(5));
+  worker.AddTask(Task("third"));
+  EXPECT_TRUE(worker.TakesRequest());
+  worker.AddTask(Task("fourth"));
+  EXPECT_FALSE(worker.TakesRequest());
+  worker.AddTask(Task("of the agent itself"));
+  worker.Clear();
+  EXPECT_EQ(reading().depth, 1u);
+  clock_.RunFor(seconds(5));
+  EXPECT_TRUE(worker.TakesRequest());
+  EXPECT_THAT(journal_.Take(), ElementsAre("first", "~third", "~fourth", "~of the agent itself", "second"));
+  const QueueGauge::Reading last = reading();
+  EXPECT_EQ(last.depth, 0u);
+  EXPECT_EQ(last.most, 4u);
+  EXPECT_EQ(last.longest_wait, seconds(7));
+  EXPECT_EQ(last.dropped, 4u) << "one refused, three cleared";
+  EXPECT_EQ(last.limit, 3u);
+}
+
 }  // namespace
 }  // namespace zem::zema

@@ -51,6 +51,21 @@ TEST_F(HandlerPoolTest, ABurstMakesThirtyThreadsAndTheRestWaitsInTurn) {
   for (size_t i = 30; i < 33; ++i) EXPECT_GE(std::stoi(served[i].op_id.substr(3)), 30);
 }
 
+// The host must hear at once that its request will not be carried out, and no VIF may wait behind it.
+TEST_F(HandlerPoolTest, ARequestTooManyIsAnsweredAndForgotten) {
+  for (size_t i = 0; i < HandlerPool::kMostHandlers; ++i) pool_.AddRequest(Request("op", "hold"));
+  clock_.Settle();
+  for (size_t i = 0; i < HandlerPool::kMostPending; ++i) pool_.AddRequest(Request("op", "vif"));
+  ASSERT_EQ(pool_.load().pending, HandlerPool::kMostPending);
+  auto owed = Request("owed", "vif");
+  owed->request = std::make_shared<CorvdRequest>();
+  pool_.AddRequest(owed);
+  pool_.AddRequest(Request("of the manager", "vif"));
+  EXPECT_EQ(replies_, std::vector<std::string>{"owed=Too many port operations wait. Please retry."});
+  EXPECT_EQ(pool_.load().pending, HandlerPool::kMostPending);
+  EXPECT_EQ(handler_.arrived().size(), HandlerPool::kMostHandlers + HandlerPool::kMostPending);
+}
+
 TEST_F(HandlerPoolTest, ThreadsGoAfterAnHourWithoutWorkOneAtATimeAndOneStays) {
   pool_.Start();
   for (int i = 0; i < 3; ++i) pool_.AddRequest(Request("op", "hold"));

@@ -180,7 +180,9 @@ class HostConfigTest : public SwitchHostTest {
   }
   /// The manager's answer in text format.
   std::string Apply(const std::string& text) {
-    HostConfigTaskQub(process->context, &sender, "corr", "reply", Config(text), "", "").Run();
+    HostConfigTaskQub(process->context, &sender, "corr", "reply", Config(text),
+                      HostConfigTaskQub::InStore::kNo, "")
+        .Run();
     const auto sent = sender.Take();
     return sent.size() == 1 ? sent[0] : "(no answer)";
   }
