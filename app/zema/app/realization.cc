@@ -503,6 +503,7 @@ std::string Realization::Impl::CleanUpSwitches(bool force) {
 void Realization::Impl::Stop(int reason) {
   if (reason == kDone) settings_.workers->SetZemaShutDown();
   stopping_.Stop();
+  if (logical_switches_) logical_switches_->fence.Close();
   {
     const std::lock_guard lock(later_mutex_);
     if (later_) later_->Cancel();

@@ -112,6 +112,7 @@ void LogicalSwitchMsgTask::Batcher::UpdateBatcher(Runnable* task) {
 }
 
 void LogicalSwitchMsgTask::Batcher::Run() {
+  if (!context_->fence.AwaitArrivals()) return;
   const Synchronizer lock(context_->fence, __FILE__, __LINE__);
   if (Superseded()) return;
   if (!trace_info_.valid()) return RunLocked();

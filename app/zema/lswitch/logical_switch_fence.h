@@ -2,8 +2,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 
 #include "app/zema/common/synchronizable.h"
+#include "platform/core/condition.h"
 
 namespace zem::zema {
 
@@ -12,22 +15,44 @@ namespace zem::zema {
 ///
 /// Who changes the table holds the object's lock meanwhile.  What was gathered before a full sync is older
 /// than what the full sync told the host: each update carries the generation in which it was made, and one of
-/// an older generation than the present is dropped instead of bringing back a switch that is gone.
+/// an older generation than the present is dropped instead of bringing back a switch that is gone.  What was
+/// made behind a full sync of the manager waits until the host has that.
 ///
 /// Threads: all operations from any thread.
 class LogicalSwitchFence : public Synchronizable {
  public:
   uint64_t generation() const { return generation_; }
-  /// With the lock held: whatever was made until now is out of date.
+  /// Whatever was made until now is out of date.
   void Supersede() { ++generation_; }
 
   /// Barriers of different epochs cannot be compared: the store has begun to count anew.
   uint64_t epoch() const { return epoch_; }
   void RestartBarriers() { ++epoch_; }
 
+  /// A full sync that has arrived and is not carried out; it counts while the object lives, at most as long
+  /// as the fence.
+  class Arrival {
+   public:
+    explicit Arrival(LogicalSwitchFence& fence);
+    ~Arrival();
+    Arrival(const Arrival&) = delete;
+    Arrival& operator=(const Arrival&) = delete;
+
+   private:
+    LogicalSwitchFence& fence_;
+  };
+  /// Waits until none is left; not with the lock held.  False when the realization ends.
+  [[nodiscard]] bool AwaitArrivals();
+  /// The realization ends: nobody waits any more.
+  void Close();
+
  private:
   std::atomic<uint64_t> generation_{1};
   std::atomic<uint64_t> epoch_{1};
+  std::mutex mutex_;  // guards what follows
+  Condition changed_;
+  int arrivals_ = 0;
+  bool closed_ = false;
 };
 
 }  // namespace zem::zema

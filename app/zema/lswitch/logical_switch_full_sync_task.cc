@@ -1,5 +1,8 @@
 #include "app/zema/lswitch/logical_switch_full_sync_task.h"
 
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/wire_format_lite.h>
+
 #include <exception>
 #include <utility>
 
@@ -19,6 +22,20 @@ constexpr uint32_t kAnswer = 2;
 constexpr uint32_t kSuccess = 0;
 constexpr uint32_t kFailure = 1;
 
+// Whether it is the first piece of a sync, without reading all its switches.
+bool Begins(const std::string& payload) {
+  using Wire = google::protobuf::internal::WireFormatLite;
+  google::protobuf::io::CodedInputStream in(reinterpret_cast<const uint8_t*>(payload.data()),
+                                            static_cast<int>(payload.size()));
+  uint32_t flag = kBegin;
+  while (const uint32_t tag = in.ReadTag()) {
+    const bool is_flag = Wire::GetTagFieldNumber(tag) == LogicalSwitchBulkMsg::kContinuationFlagFieldNumber &&
+                         Wire::GetTagWireType(tag) == Wire::WIRETYPE_VARINT;
+    if (is_flag ? !in.ReadVarint32(&flag) : !Wire::SkipField(&in, tag)) break;
+  }
+  return flag == kBegin;
+}
+
 }  // namespace
 
 LogicalSwitchFullSyncTask::LogicalSwitchFullSyncTask(std::shared_ptr<LogicalSwitchContext> context,
@@ -26,7 +43,10 @@ LogicalSwitchFullSyncTask::LogicalSwitchFullSyncTask(std::shared_ptr<LogicalSwit
                                                      std::string reply_to, std::string payload)
     : MpaMessageTask(sender, std::move(correlation_id), std::move(reply_to), LogicalSwitchBulkMsg()),
       context_(std::move(context)),
-      payload_(std::move(payload)) {}
+      payload_(std::move(payload)) {
+  if (Begins(payload_)) context_->fence.Supersede();
+  arrival_.emplace(context_->fence);
+}
 
 void LogicalSwitchFullSyncTask::Run() {
   error_.clear();
@@ -38,6 +58,7 @@ void LogicalSwitchFullSyncTask::Run() {
       error_ = out.empty() ? "no reason given" : out;
     }
   }
+  arrival_.reset();
   if (sender_ == nullptr) {
     ZLOG_INFO("LogicalSwitchFullSyncTask reply skipped");
     return;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "app/zema/common/mpa_message_task.h"
@@ -10,6 +11,9 @@
 namespace zem::zema {
 
 /// The manager's own full sync: its bytes go to the host as they came.
+///
+/// From the object's making on, which is the message's arrival, updates of before are void, and those that
+/// come behind it wait for its run.
 class LogicalSwitchFullSyncTask final : public MpaMessageTask<orlane::zem::switching::LogicalSwitchBulkMsg> {
  public:
   /// `sender` may be null: nobody is answered then.
@@ -24,6 +28,7 @@ class LogicalSwitchFullSyncTask final : public MpaMessageTask<orlane::zem::switc
  private:
   const std::shared_ptr<LogicalSwitchContext> context_;
   const std::string payload_;
+  std::optional<LogicalSwitchFence::Arrival> arrival_;
   std::string error_;
 };
 

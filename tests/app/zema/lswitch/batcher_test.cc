@@ -3,6 +3,8 @@
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/lswitch/logical_switch_ack_task.h"
 #include "app/zema/lswitch/logical_switch_batcher.h"
+#include "app/zema/lswitch/logical_switch_full_sync_task.h"
+#include "platform/core/thread.h"
 #include "proto/covedb/runtime_objects.pb.h"
 #include "tests/app/zema/covedb/store_fixture.h"
 #include "tests/app/zema/lswitch/fake_networks.h"
@@ -307,6 +309,33 @@ TEST_F(BatcherTest, AFullSyncVoidsWhatWasMadeBeforeIt) {
   EXPECT_THAT(host.TakeCalls(), ElementsAre("createOpaqueNetwork(" + Create(kC, 2) + ")"));
   Add(Message(kB, 2), "covedb", 9);
   context->fence.Supersede();
+  Run();
+  EXPECT_THAT(host.TakeCalls(), IsEmpty());
+}
+
+TEST_F(BatcherTest, AFullSyncOfTheManagerVoidsWhatCameBeforeItAndGoesFirst) {
+  orlane::zem::switching::LogicalSwitchBulkMsg bulk;
+  bulk.set_continuation_flag(0);
+  Add(Message(kA, 2), "mp");
+  auto list =
+      std::make_unique<LogicalSwitchFullSyncTask>(context, nullptr, "c", "r", bulk.SerializeAsString());
+  Add(Message(kB, 2), "mp");
+  bulk.set_continuation_flag(1);
+  auto piece =
+      std::make_unique<LogicalSwitchFullSyncTask>(context, nullptr, "c", "r", bulk.SerializeAsString());
+  Thread batch(Thread::Options{}, [this] { Run(); });
+  list->Run();
+  EXPECT_THAT(host.TakeCalls(), ElementsAre("op 11 flag 0 zones 0 switches 0"));
+  piece->Run();
+  batch.Join();
+  EXPECT_THAT(host.TakeCalls(),
+              ElementsAre("op 11 flag 1 zones 0 switches 0", "createOpaqueNetwork(" + Create(kB, 2) + ")"));
+  // One that is never carried out holds nobody up, neither does one at the end.
+  list = std::make_unique<LogicalSwitchFullSyncTask>(context, nullptr, "c", "r", "");
+  list.reset();
+  piece = std::make_unique<LogicalSwitchFullSyncTask>(context, nullptr, "c", "r", "");
+  context->fence.Close();
+  Add(Message(kC, 2), "mp");
   Run();
   EXPECT_THAT(host.TakeCalls(), IsEmpty());
 }
