@@ -170,6 +170,15 @@ int PortOpsManager::FindPortByVifUuid(const std::string& vif, const std::string&
   return -1;
 }
 
+std::vector<PortLocation> PortOpsManager::PortsOfKey(const std::string& port) const {
+  std::vector<PortLocation> found;
+  if (port.empty()) return found;
+  for (const std::string& dvs : Switches()) {
+    if (library_.PortFind(dvs, port) == 0) found.push_back({dvs, port});
+  }
+  return found;
+}
+
 // Other ports of the VM may be connected, and the folder of a clone holds the files of the VM that it was
 // made of, so a file is read before anything is done, and nothing but the port that is meant is touched.
 bool PortOpsManager::RestoreFromFiles(const std::string& vif, const std::string& ls,

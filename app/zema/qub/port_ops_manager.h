@@ -88,6 +88,9 @@ class PortOpsManager {
   int FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
                         PortLocation* found, std::string* error);
 
+  /// The ports of that key: a key is unique on its switch alone.
+  std::vector<PortLocation> PortsOfKey(const std::string& port) const;
+
   /// Looks for the port that the VIF had before, for what is written on it, in the files of the VM alone;
   /// puts it on the switch of `new_zone` if it is not there.
   int FindPortToFetchVMTags(const std::string& vif, const std::string& ls, const std::string& gcf_path,

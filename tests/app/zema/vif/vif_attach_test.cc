@@ -150,12 +150,45 @@ TEST_F(VifAttachTest, SecurityOnlyPortIsTiedAndNotMade) {
   };
   for (const auto& [key, value] : wanted) EXPECT_EQ(Property(kVlanSwitch, "dvp-5", key), value) << key;
   EXPECT_THAT(state->Ports(kVlanSwitch), ElementsAre("dvp-5"));
+}
 
-  request.security_switch_id.clear();
+// The resync's script knows a port by its key alone, and where the vNIC's switch is not told, the port tells
+// it.
+TEST_F(VifAttachTest, SecurityOnlyPortIsResynced) {
+  constexpr const char* kGroup = "dvportgroup-7";
+  Create(Description("dvp-5", "z2"), "", "knlnic");
+  VifRequest request = Request(VifRequest::kAttach, kVif, kGroup);
+  request.security_switch_id = kVlanSwitch;
+  request.port_id = "dvp-5";
+  road.reachable = false;
+  EXPECT_EQ(Done(request).error_text, ZemManager::kSendFailed);
+  road.reachable = true;
+  EXPECT_EQ(PendingOf(kVlanSwitch, "dvp-5"), "attach_port");
+
+  VifRequest resync = Request(VifRequest::kSyncAttach, kVif, kGroup);
+  for (const char* const key : {"dvp-5", ""}) {
+    resync.port_id = key;
+    road.script.push_back(Port("lp-5", "z2"));
+    EXPECT_EQ(Done(resync).error_text, "");
+    EXPECT_EQ(PendingOf(kVlanSwitch, "dvp-5"), kNone);
+    EXPECT_EQ(Property(kVlanSwitch, "dvp-5", port_props::kSecurityEnable), "true");
+  }
+  road.reachable = false;
+  request.op_code = VifRequest::kDetach;
+  Done(request);
+  EXPECT_EQ(PendingOf(kVlanSwitch, "dvp-5"), "detach_port");
+  road.reachable = true;
+  resync.op_code = VifRequest::kSyncDetach;
+  resync.port_id = "dvp-5";
+  road.script.push_back(PortAttached());
+  EXPECT_EQ(Done(resync).error_text, "");
+  EXPECT_EQ(PendingOf(kVlanSwitch, "dvp-5"), kNone);
+
+  // Two switches have a port of the key, and neither holds the VIF.
+  Create(Description("dvp-5"), "", "knlnic");
+  resync.op_code = VifRequest::kSyncAttach;
   road.script.push_back(Port("lp-5", "z2"));
-  EXPECT_EQ(Done(request).error_text,
-            "Unable to find dvs and port ids for security from logical switch origin ID [dvp-5]. Cannot set "
-            "port opaque data");
+  EXPECT_THAT(Done(resync).error_text, HasSubstr("Unable to find dvs and port ids for security"));
 }
 
 TEST_F(VifAttachTest, ReadyPortsAreNotWaitedFor) {
