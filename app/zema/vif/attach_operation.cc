@@ -185,7 +185,7 @@ void AttachOperation::MakePort(bool return_vif) {
     return;
   }
   if (CreateLocalDvPort(context_, request_, begun_, reply_, &request_.error_text)) return;
-  ProcessLogicalPortInitState(context_, request_, reply_.init_state, reply_.port_id, reply_.zone_id);
+  ProcessLogicalPortInitState(context_, request_, reply_);
   if (return_vif) request_.result_text = reply_.port_id;
 }
 

@@ -231,6 +231,14 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAttachmentState), kNone);
   EXPECT_EQ(ports.LookupVifRequest(kVif), nullptr);
 
+  // A VIF that has no name but its port's is known by that.
+  pending.port_id = "lp-2";
+  road.script.push_back(pending);
+  EXPECT_EQ(Done(Request(VifRequest::kAttachToVifUuid, "")).result_text, "lp-2");
+  EXPECT_NE(ports.LookupVifRequest("lp-2"), nullptr);
+  EXPECT_EQ(ports.LookupVifRequest(""), nullptr);
+  ASSERT_EQ(library.PortRemove(kOverlay, "lp-2"), 0U);
+
   // From another host, in the VM's directory.
   Create(Description("lp-5"), "vif-5", Vm("vm5"));
   ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-5", kStale, "red"), 0);
