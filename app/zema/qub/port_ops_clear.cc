@@ -139,6 +139,16 @@ int PortOpsManager::UpdateGcfPath(const std::string& zone, const std::string& po
   return SetPortExtraConfig(dvs, port, port_props::kPersistPath, *path, error);
 }
 
+int PortOpsManager::ClearAttachmentState(const std::string& dvs, const std::string& port,
+                                         std::string* error) {
+  const int cleared = ClearPortExtraConfig(dvs, port, port_props::kAttachmentState, error);
+  if (cleared < 0) return -1;
+  if (cleared == 1 && !FileText(dvs, port, port_props::kAttachmentState)) return 0;
+  if (SaveAgain(__func__, dvs, port) == 0) return 0;
+  *error = "Failed to save the file of port " + port;
+  return -1;
+}
+
 int PortOpsManager::DeletePort(const std::string& dvs, const std::string& port, bool vm_leaves,
                                std::string* error) {
   const std::string path = PersistPath(dvs, port);

@@ -114,6 +114,9 @@ class PortOpsManager {
   int UpdateDvportRpcOp(const std::string& dvs, const std::string& port, const std::string& rpc_op,
                         const std::string& rpc_done, std::string* error);
 
+  /// Nobody waits for the port's site configuration any more, neither by the port nor by its file.
+  int ClearAttachmentState(const std::string& dvs, const std::string& port, std::string* error);
+
   /// Takes the port from its switch, and its file.  `vm_leaves`: the files of all ports of the VM.
   int DeletePort(const std::string& dvs, const std::string& port, bool vm_leaves, std::string* error);
 

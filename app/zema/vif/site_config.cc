@@ -87,7 +87,7 @@ void UpdateSiteConfigurationOnPort(VifContext& context, VifRequest& request) {
   if (!SendReplyToMp(context, request, CollectSiteConfig(context, at))) return;
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   std::string error;
-  if (context.ports.ClearPortExtraConfig(at.dvs, at.port, port_props::kAttachmentState, &error) < 0) {
+  if (context.ports.ClearAttachmentState(at.dvs, at.port, &error) != 0) {
     ZLOG_ERROR("42075", "Failed to clear attachment state on port [%s]: %s", at.port.c_str(), error.c_str());
   }
   ZLOG_INFO("Successfully replied to MP for port [%s]", at.port.c_str());

@@ -230,6 +230,13 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   EXPECT_THAT(road.updates[1].site_configs, ElementsAre(testing::Pair(kStale, "blue")));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAttachmentState), kNone);
   EXPECT_EQ(ports.LookupVifRequest(kVif), nullptr);
+  // It does not come back with the port's file.
+  ASSERT_TRUE(state->LosePorts(kOverlay));
+  PortLocation at;
+  std::string path = Vm("vm1");
+  std::string error;
+  ASSERT_EQ(ports.FindPortByVifUuid(kVif, kLs, &path, &at, &error), 0) << error;
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAttachmentState), kNone);
 
   // A VIF that has no name but its port's is known by that.
   pending.port_id = "lp-2";
