@@ -103,10 +103,11 @@ bool AttachOperation::LeavePriorPort() {
             request_.vif_id.c_str());
   std::string error;
   const std::string& kept = security_port_ ? security_port_->port : reply_.port_id;
-  if (context_.ports.ClearVifFromPortOtherThan(kept, request_.vif_id, &error) != 0) {
-    ZLOG_WARN("[%s] VIF [%s] stays on a port that it had: %s", kTag, request_.vif_id.c_str(), error.c_str());
-  }
-  return true;
+  if (context_.ports.ClearVifFromPortOtherThan(kept, request_.vif_id, &error) == 0) return true;
+  ZLOG_ERROR("42003", "[%s] VIF [%s] stays on a port that it had: %s", kTag, request_.vif_id.c_str(),
+             error.c_str());
+  request_.error_text = std::move(error);
+  return false;
 }
 
 bool AttachOperation::HandlePriorAttachedPort() {
@@ -138,8 +139,9 @@ bool AttachOperation::HandlePriorAttachedPort() {
   return true;
 }
 
-// The VIF is still on the port before: the manager has to know it there.
+// The VIF is still on the port before: the manager has to know it there, if it has ever known it there.
 void AttachOperation::RollBack() {
+  if (reply_.old_port_id.empty()) return;
   ZLOG_INFO("[%s] rollback vif [%s] to prior attached dvport [%s]\n", "HandlePriorAttachedPort",
             request_.vif_id.c_str(), reply_.old_port_id.c_str());
   PortAttached back;

@@ -127,6 +127,16 @@ TEST_F(VifAttachTest, PortThatCannotBeLeftIsTakenBack) {
   EXPECT_TRUE(log.Contains("rollback vif [vif-1] to prior attached dvport [lp-1]"));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
   EXPECT_THAT(state->Ports(kVlanSwitch), IsEmpty());
+
+  // The manager has never known of the port before, so there is nothing to go back to.
+  road.asked.clear();
+  Fault("DVSKNL_PortDataClear port=lp-1 count=3 ret=0xbad0001");
+  road.script.push_back(Port("lp-2", "z2", "ls-2"));
+  EXPECT_THAT(Done(Request(VifRequest::kAttach, kVif, "ls-2")).error_text,
+              HasSubstr("Failed to clear property"));
+  EXPECT_THAT(road.asked, SizeIs(1));
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
+  EXPECT_THAT(state->Ports(kVlanSwitch), IsEmpty()) << "the VIF would be on two ports";
 }
 
 TEST_F(VifAttachTest, SecurityOnlyPortIsTiedAndNotMade) {
