@@ -262,6 +262,7 @@ TEST_F(ResyncThreadTest, ARoundEndsWhenItCannotBeCarriedOut) {
   const Case cases[] = {
       {kTwo, 0, [] {}, {}, 0, "abort resync because it is disabled or MP to MPA connectivity is down"},
       {kTwo, 1, connect, {}, 0, "failed: ret:[1]"},
+      {"error: no host", 1, connect, {}, 0, "sync command returned unexpected reply: [error: no host]"},
       {"error: no manager", 0, connect, {}, 0, "sync command returned unexpected reply: [error: no manager]"},
       {"", 0, connect, {}, 0, "sync command returned unexpected reply: []"},
       {kTwo, 0, [&] { host_.UnsetHostId(); }, {}, 0, "Cannot do sync attach/detach with unset host ID"},
