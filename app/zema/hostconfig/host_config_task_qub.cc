@@ -318,6 +318,11 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
     const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
     return create(entry, zone, error);
   };
+  settings.leave_ports = [this, leave = std::move(settings.leave_ports)](
+                             const std::string& vif, const std::string& kept, std::string* error) {
+    const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
+    return leave(vif, kept, error);
+  };
   settings.set_del_zem_running = [this](bool on) { context_->state.del_zem_running = on; };
   settings.flush_desired_config = [this] {
     if (context_->store != nullptr) context_->store->FlushDesiredConfig();

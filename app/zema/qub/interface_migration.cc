@@ -115,15 +115,28 @@ bool InterfaceMigration::MigrateOut(const HostSwitch* host_switch, const std::st
             "MigrateToPLN", id.c_str(), parts->pnics_to_set.c_str(), parts->entries.c_str(),
             parts->options.c_str());
   int result = LumCommands::kFailed;
+  std::vector<std::string> left;
   {
-    const MigrationRecord::Scope running(record_, MigrationRecord::Kind::kToPln);
+    MigrationRecord::Scope running(record_, MigrationRecord::Kind::kToPln);
     result =
         lum_.InvokeCommand(parts->Command(id, running.op_id(), settings_.knl_ping_try_times), kOk, &reply);
+    left = running.TakeLeft();
   }
   if (result != LumCommands::kSucceeded)
     return Refuse("42018", "MigrateOutofLS(" + id + ") failed: [" + reply + "]");
   ZLOG_INFO("%s knls out of dvs [%s] completed successfully\n", "MigrateToPLN", id.c_str());
+  // A kernel interface's VIF is known from the host's list, a vNIC's from what the host asked meanwhile.
+  for (const auto* entry : migration.to_pln) left.push_back(entry->previous_vif_id());
+  for (const std::string& vif : left) LeavePorts(vif, "");
   return true;
+}
+
+void InterfaceMigration::LeavePorts(const std::string& vif, const std::string& kept) {
+  if (vif.empty()) return;
+  std::string error;
+  if (settings_.leave_ports(vif, kept, &error)) return;
+  ZLOG_ERROR("42018", "[%s] VIF [%s] stays on a port that it has left: %s", __func__, vif.c_str(),
+             error.c_str());
 }
 
 bool InterfaceMigration::CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration) {

@@ -26,6 +26,9 @@ struct InterfaceMigrationSettings {
   std::function<bool(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
                      std::string* error)>
       create_port;
+  /// Takes the VIF off every port but `kept`.
+  std::function<bool(const std::string& vif, const std::string& kept, std::string* error)> leave_ports =
+      [](const std::string&, const std::string&, std::string*) { return true; };
 };
 
 /// Moves the host's kernel interfaces, vNICs and physical NICs between its own switches and the host
@@ -65,6 +68,8 @@ class InterfaceMigration {
   using ToLogicalSwitch = orlane::zem::switching::QubMgmtIfToLogicSwitchMsg;
 
   bool MigrateOut(const HostSwitch* host_switch, const std::string& id, const KnlMigration& migration);
+  /// The VIF is nowhere but on the port `kept`, or nowhere; a failure is logged.
+  void LeavePorts(const std::string& vif, const std::string& kept);
   bool CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration);
   void TakeMigrated(const std::string& reply, const std::string& id, const KnlMigration& migration);
   void TakeFailure(const std::string& reply, const std::vector<std::string>& vteps, HostSwitch* host_switch);

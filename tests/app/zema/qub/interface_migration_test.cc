@@ -73,6 +73,10 @@ struct Migration {
       *error = port_error;
       return port_error.empty();
     };
+    settings.leave_ports = [this](const std::string& vif, const std::string& kept, std::string*) {
+      left.push_back(vif + " but " + kept);
+      return true;
+    };
     settings.set_del_zem_running = [this](bool running) { calls += running ? "del " : "nodel "; };
     settings.flush_desired_config = [this] { calls += "flush "; };
   }
@@ -88,6 +92,7 @@ struct Migration {
   InterfaceMigrationSettings settings;
   KnlMigrationMap map;
   Texts ports;
+  Texts left;
   std::string port_error;
   std::string calls;
 };
@@ -188,9 +193,16 @@ TEST(MigrationCommandTest, OutOfASwitch) {
       "vmnic1,up1"
       "|mgmtKnlPingIp=10.0.0.1|dvsOrPlnName=vSwitch0|knlToVswOrPsw=knl0,Management Network,p1,v1"
       "|vmuuiddevicepair=vm1:4000,VM Network)";
+  // The host takes the vNIC's VIF off in the middle of it.
+  m.lum.while_asked = [&] {
+    m.record.NoteLeft("migrate-knl-and-pnic-to-pln0", "v4");
+    m.record.NoteLeft("another operation", "v5");
+  };
   EXPECT_TRUE(m.Make().MigrateToPLN(config, m.map));
   EXPECT_THAT(m.lum.commands, ElementsAre(command));
+  EXPECT_THAT(m.left, ElementsAre("v4 but ", "v1 but "));
   EXPECT_EQ(m.record.kind(), MigrationRecord::Kind::kNone);
+  m.left.clear();
 
   // A switch that the configuration has no more keeps nothing; a failure is told, with a new operation id.
   config.clear_host_switches();
@@ -202,6 +214,7 @@ TEST(MigrationCommandTest, OutOfASwitch) {
   m.lum.Script(alone, {"no ping"});
   EXPECT_FALSE(m.Make().MigrateToPLN(config, m.map));
   EXPECT_THAT(m.errors.texts(), ElementsAre(std::string("MigrateOutofLS(") + kId + ") failed: [no ping]"));
+  EXPECT_THAT(m.left, IsEmpty()) << "it is where it was";
   EXPECT_EQ(m.record.kind(), MigrationRecord::Kind::kNone);
 }
 
