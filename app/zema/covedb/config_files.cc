@@ -125,6 +125,8 @@ bool ConfigFiles::BeginApply(const UnfinishedApply& apply) {
   AddRecord("header", apply.header, &text);
   AddRecord("correlation_id", apply.correlation_id, &text);
   AddRecord("reply_to", apply.reply_to, &text);
+  AddRecord("migration_request", apply.migration_request, &text);
+  AddRecord("migration_result_file", apply.migration_result_file, &text);
   for (const auto& [id, mac] : apply.routers_before) {
     AddRecord("switch", id, &text);
     AddRecord("router", mac, &text);
@@ -164,6 +166,8 @@ std::optional<UnfinishedApply> ConfigFiles::ApplyUnfinished() const {
     if (name == "header") apply.header = value;
     if (name == "correlation_id") apply.correlation_id = value;
     if (name == "reply_to") apply.reply_to = value;
+    if (name == "migration_request") apply.migration_request = value;
+    if (name == "migration_result_file") apply.migration_result_file = value;
     if (name == "switch") switch_id = value;
     if (name == "router") apply.routers_before[switch_id] = value;
   }

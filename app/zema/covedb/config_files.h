@@ -33,6 +33,9 @@ struct UnfinishedApply {
   std::string reply_to;
   /// Texts of the routers' MAC addresses before it, by switch id; empty: no router.
   std::map<std::string, std::string> routers_before;
+  /// For a migration that a file asks for: its request id, and the file in which its outcome is awaited.
+  std::string migration_request;
+  std::string migration_result_file;
 };
 
 /// The two files with what the manager last told this host.  Each holds one message in wire format and

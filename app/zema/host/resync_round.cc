@@ -39,17 +39,16 @@ void ResyncRound::Resync(int interval, bool vm_check, Duration limit) {
     return;
   }
   std::string text;
-  if (!RunScript(command, limit, &text)) return;
+  const bool succeeded = RunScript(command, limit, &text);
   const ResyncReply reply(text);
-  switch (reply.kind()) {
-    case ResyncReply::Kind::kUseless:
-      ZLOG_ERROR("42045", "[%s] sync command returned unexpected reply: [%s]", kTag, text.c_str());
-      return;
-    case ResyncReply::Kind::kNothingToDo:
-      ZLOG_INFO("[%s] sync command returned ok, nothing need to be synchronized.\n", kTag);
-      return;
-    case ResyncReply::Kind::kCommands:
-      break;
+  // What a script says that failed is not believed.
+  if (!succeeded || reply.kind() == ResyncReply::Kind::kUseless) {
+    ZLOG_ERROR("42045", "[%s] sync command returned unexpected reply: [%s]", kTag, text.c_str());
+    return;
+  }
+  if (reply.kind() == ResyncReply::Kind::kNothingToDo) {
+    ZLOG_INFO("[%s] sync command returned ok, nothing need to be synchronized.\n", kTag);
+    return;
   }
   if (!settings_.host->id()) {
     ZLOG_ERROR("42038", "[%s] Cannot do sync attach/detach with unset host ID", kTag);
@@ -66,7 +65,6 @@ void ResyncRound::Resync(int interval, bool vm_check, Duration limit) {
   SyncVnicAttachment(attachments);
 }
 
-// What a script says that failed is not believed.
 bool ResyncRound::RunScript(const std::string& command, Duration limit, std::string* reply) {
   ZLOG_INFO("[%s] executing [%s] ...\n", kTag, command.c_str());
   const TimePoint begin = Clock::Process().Now();

@@ -124,7 +124,7 @@ void ResyncThread::Run() {
   SetThreadName("zema:GetHstId");
   const bool known = AwaitHostId();
   ZLOG_INFO("[%s] Resync thread running out of wait...\n", kTag);
-  if (known && OpenPipe()) {
+  if (known && AwaitPipe()) {
     SetThreadName("zema:Resync");
     while (!stopped()) {
       const int sleep = Round();
@@ -140,6 +140,14 @@ bool ResyncThread::AwaitHostId() {
     if (WaitForStop(kHostIdLook)) return false;
   }
   return !stopped();
+}
+
+// Descriptors that run out come back.
+bool ResyncThread::AwaitPipe() {
+  while (!OpenPipe()) {
+    if (WaitForStop(kPauseAfterFailure)) return false;
+  }
+  return true;
 }
 
 bool ResyncThread::OpenPipe() {

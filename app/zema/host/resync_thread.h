@@ -51,6 +51,7 @@ class ResyncThread final : public Thread {
 
  private:
   bool AwaitHostId();
+  bool AwaitPipe();
   bool OpenPipe();
   void ClosePipe();
   int Round();

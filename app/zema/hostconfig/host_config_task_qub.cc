@@ -12,6 +12,7 @@
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_switch_preparation.h"
+#include "app/zema/hostconfig/migration_file.h"
 #include "app/zema/hostconfig/port_opaque_data.h"
 #include "app/zema/hostconfig/router_reconnection.h"
 #include "app/zema/qub/config_ops_manager.h"
@@ -161,6 +162,7 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
     // The failure has been told.
     static_cast<void>(commands.UpdateTnIdToCorvd(message_.transport_node_id()));
   }
+  if (!migration_request_.empty()) SaveMigrationOutcome();
   // Nobody hears of a failure when an earlier process's work is finished: it stays to be done.
   if (!finishing_ || errors_.code() == 0) context_->files.EndApply();
   context_->applied(message_);
@@ -221,16 +223,37 @@ UnfinishedApply HostConfigTaskQub::Mark(bool reset) const {
   mark.correlation_id = correlation_id_;
   mark.reply_to = reply_to_;
   mark.routers_before = routers_before_;
+  mark.migration_request = migration_request_;
+  mark.migration_result_file = migration_result_file_;
   return mark;
+}
+
+// The process that has begun it knew what became of the file with the VMs; their ports have gone with it.
+void HostConfigTaskQub::SaveMigrationOutcome() {
+  MigrationResult result;
+  ReadMigrationResult(migration_result_file_, &result);
+  result.request_id = migration_request_;
+  const std::vector<std::string> errors = ErrorTexts();
+  result.succeeded = errors.empty();
+  SaveMigrationResult(migration_result_file_, result, errors);
+}
+
+std::vector<std::string> HostConfigTaskQub::ErrorTexts() const {
+  std::vector<std::string> texts = errors_.texts();
+  if (texts.empty() && errors_.code() != 0) texts.push_back("ErrorCode=" + std::to_string(errors_.code()));
+  return texts;
 }
 
 bool HostConfigTaskQub::Finish(const UnfinishedApply& unfinished) {
   finishing_ = true;
   routers_before_ = unfinished.routers_before;
+  migration_request_ = unfinished.migration_request;
+  migration_result_file_ = unfinished.migration_result_file;
   ApplyHostConfig(false, unfinished.kind == UnfinishedApply::Kind::kReset);
   const HostConfigMsg outcome = BuildReply();
   if (outcome.error_code() != 0) {
     ZLOG_ERROR("41531", "[%s] ApplyHostConfig error, Error: %s", __func__, outcome.error_text().c_str());
+    if (!migration_request_.empty()) SaveMigrationOutcome();
     return false;
   }
   ScheduleFollowUps();
@@ -294,6 +317,16 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
                              const auto& entry, const std::string& zone, std::string* error) {
     const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
     return create(entry, zone, error);
+  };
+  settings.leave_port = [this, leave = std::move(settings.leave_port)](
+                            const auto& entry, const std::string& zone, std::string* error) {
+    const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
+    return leave(entry, zone, error);
+  };
+  settings.leave_ports = [this, leave = std::move(settings.leave_ports)](
+                             const std::string& vif, const std::string& kept, std::string* error) {
+    const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
+    return leave(vif, kept, error);
   };
   settings.set_del_zem_running = [this](bool on) { context_->state.del_zem_running = on; };
   settings.flush_desired_config = [this] {

@@ -55,6 +55,16 @@ class HostConfigTaskQub : public HostConfigTask {
  protected:
   HostConfigContext& context() { return *context_; }
 
+  /// Writes down what a migration that a file asks for has come to: while the mark of the application is
+  /// there, so that whatever ends the agent leaves one of the two.
+  virtual void SaveMigrationOutcome();
+  /// None when all went well.
+  std::vector<std::string> ErrorTexts() const;
+
+  /// Both empty for any other configuration.
+  std::string migration_request_;
+  std::string migration_result_file_;
+
  private:
   /// How far the way to the switches went.
   enum class Switches { kConfigured, kFailed, kNotReached };

@@ -1,7 +1,6 @@
 #include "app/zema/hostconfig/vnic_migration_task.h"
 
 #include <exception>
-#include <optional>
 #include <utility>
 
 #include "app/zema/covedb/config_files.h"
@@ -32,33 +31,38 @@ void VnicMigrationTask::Run() {
   ReadMigrationResult(settings_.result_file, &before);
   // The id and the outcome of a file that is not looked at stay.
   result_ = before;
-  std::optional<size_t> of_vms;
   try {
     if (vm_ports_) LoadPortDataFromVmsMigrationFile(before);
-    of_vms = refusals_.size();
+    of_vms_ = refusals_.size();
     if (knl_pnic_ && PopulateKnlMigrationMsgFromFile(before)) ApplyHostConfig(false, false);
   } catch (const std::exception& e) {
     Refuse(std::string("VnicMigrationTask failed, error: ") + e.what());
   } catch (...) {
     Refuse("VnicMigrationTask failed with unknown error");
   }
-  const std::vector<std::string> errors = Errors();
-  if (vms_processed_) result_.vms_succeeded = of_vms == 0;
-  if (knl_processed_) result_.succeeded = errors.size() == of_vms;
-  if (vms_processed_ || knl_processed_) SaveMigrationResult(settings_.result_file, result_, errors);
+  if ((vms_processed_ || knl_processed_) && !saved_) SaveMigrationOutcome();
   ZLOG_INFO("VnicMigrationTask ended");
+}
+
+void VnicMigrationTask::SaveMigrationOutcome() {
+  const std::vector<std::string> errors = Errors();
+  if (vms_processed_) result_.vms_succeeded = of_vms_ == 0;
+  if (knl_processed_) result_.succeeded = errors.size() == of_vms_;
+  SaveMigrationResult(settings_.result_file, result_, errors);
+  saved_ = true;
 }
 
 bool VnicMigrationTask::Refuse(const std::string& text) {
   ZLOG_ERROR("41020", "[%s] %s", "VnicMigrationTask", text.c_str());
   refusals_.push_back(text);
+  saved_ = false;
   return false;
 }
 
 std::vector<std::string> VnicMigrationTask::Errors() const {
   std::vector<std::string> all = refusals_;
-  all.insert(all.end(), errors_.texts().begin(), errors_.texts().end());
-  if (all.empty() && errors_.code() != 0) all.push_back("ErrorCode=" + std::to_string(errors_.code()));
+  const std::vector<std::string> applying = ErrorTexts();
+  all.insert(all.end(), applying.begin(), applying.end());
   return all;
 }
 
@@ -88,6 +92,8 @@ bool VnicMigrationTask::PopulateKnlMigrationMsgFromFile(const MigrationResult& b
             &knl_processed_, &request)) {
     return false;
   }
+  migration_request_ = request.request_id;
+  migration_result_file_ = settings_.result_file;
   std::string error;
   if (!context().files.RetrieveHostConfigMsgFromFile(&message_, &error)) return Refuse(error);
   // Without its id the node would count as removed.

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,9 @@ class VnicMigrationTask final : public HostConfigTaskQub {
 
   void Run() override;
 
+ protected:
+  void SaveMigrationOutcome() override;
+
  private:
   bool PopulateKnlMigrationMsgFromFile(const MigrationResult& before);
   void LoadPortDataFromVmsMigrationFile(const MigrationResult& before);
@@ -46,8 +50,11 @@ class VnicMigrationTask final : public HostConfigTaskQub {
   const bool vm_ports_;
   const bool knl_pnic_;
   MigrationResult result_;
+  /// The errors of the file with the VMs come first; nothing while it is being looked at.
+  std::optional<size_t> of_vms_;
   bool vms_processed_ = false;
   bool knl_processed_ = false;
+  bool saved_ = false;
   std::vector<std::string> refusals_;
 };
 

@@ -1,5 +1,7 @@
 #include "app/zema/qub/migration_record.h"
 
+#include <utility>
+
 namespace zem::zema {
 namespace {
 
@@ -21,11 +23,22 @@ void MigrationRecord::End() {
   const Synchronizer lock(lock_, __FILE__, __LINE__);
   kind_ = Kind::kNone;
   op_id_.clear();
+  left_.clear();
+}
+
+std::vector<std::string> MigrationRecord::TakeLeft() {
+  const Synchronizer lock(lock_, __FILE__, __LINE__);
+  return std::exchange(left_, {});
 }
 
 bool MigrationRecord::IsMigrating(const std::string& op_id) {
   const Synchronizer lock(lock_, __FILE__, __LINE__);
   return kind_ != Kind::kNone && op_id_ == op_id;
+}
+
+void MigrationRecord::NoteLeft(const std::string& op_id, const std::string& vif) {
+  const Synchronizer lock(lock_, __FILE__, __LINE__);
+  if (kind_ != Kind::kNone && op_id_ == op_id && !vif.empty()) left_.push_back(vif);
 }
 
 MigrationRecord::Kind MigrationRecord::kind() {

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "app/zema/common/synchronizable.h"
 
@@ -30,6 +31,8 @@ class MigrationRecord {
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
     const std::string& op_id() const { return op_id_; }
+    /// The VIFs that the host has taken off their ports until now.
+    std::vector<std::string> TakeLeft() { return record_.TakeLeft(); }
 
    private:
     MigrationRecord& record_;
@@ -38,16 +41,20 @@ class MigrationRecord {
 
   /// Whether a move runs that has this operation id.
   bool IsMigrating(const std::string& op_id);
+  /// The host takes the VIF off in that move; nothing when it does not run any more.
+  void NoteLeft(const std::string& op_id, const std::string& vif);
   Kind kind();
 
  private:
   /// The operation id, which no other move of this process has.
   std::string Begin(Kind kind);
   void End();
+  std::vector<std::string> TakeLeft();
 
   Synchronizable lock_;  // guards all below
   Kind kind_ = Kind::kNone;
   std::string op_id_;
+  std::vector<std::string> left_;
   // How many moves there were, by kind.
   std::array<uint32_t, 3> serials_{};
 };

@@ -55,7 +55,7 @@ int PortOpsManager::ClearVifFromPort(const std::string& zone, const std::string&
   if (const auto holder = data.Text(port_props::kExternalId); holder && !vif.empty() && *holder != vif) {
     ZLOG_INFO("[PortOp] Port [%s] holds VIF [%s] by now, not [%s]. Did not clear port.", port.c_str(),
               std::string(*holder).c_str(), vif.c_str());
-    return 0;
+    return force_find ? FindAndClearExistingPortWithVifId(ls, vif, error) : 0;
   }
   ZLOG_INFO("[PortOp] Logical switch matched for port [%s]. Clearing port.", port.c_str());
   return ClearExternalId(dvs, port, error);
@@ -84,16 +84,16 @@ int PortOpsManager::ClearExternalId(const std::string& dvs, const std::string& p
         port.c_str(), SwitchErrorText(kSwitchNotFound).c_str());
     return 0;
   }
+  if (!holder.empty()) vif_index_->SetNowhere(holder);
   ZLOG_INFO("[PortOp] Cleared external id from port [%s] successfully", port.c_str());
   return 0;
 }
 
 int PortOpsManager::FindAndClearExistingPortWithVifId(const std::string& ls, const std::string& vif,
                                                       std::string* error) {
-  constexpr const char* kThen = " Clearing port.";
-  std::vector<PortLocation> matching;
-  if (const auto holders = AskIndex(vif, {})) matching = OfNetwork(*holders, ls, kThen);
-  if (matching.empty()) matching = OfNetwork(WalkForVif(vif), ls, kThen);
+  auto holders = AskIndex(vif, {});
+  if (!KnowsAll(holders, vif)) holders = WalkForVif(vif);
+  const auto matching = OfNetwork(*holders, ls, " Clearing port.");
   int result = 0;
   for (const PortLocation& at : matching) {
     if (ClearExternalId(at.dvs, at.port, error) != 0) {
@@ -137,6 +137,16 @@ int PortOpsManager::UpdateGcfPath(const std::string& zone, const std::string& po
     return -1;
   }
   return SetPortExtraConfig(dvs, port, port_props::kPersistPath, *path, error);
+}
+
+int PortOpsManager::ClearAttachmentState(const std::string& dvs, const std::string& port,
+                                         std::string* error) {
+  const int cleared = ClearPortExtraConfig(dvs, port, port_props::kAttachmentState, error);
+  if (cleared < 0) return -1;
+  if (cleared == 1 && !FileText(dvs, port, port_props::kAttachmentState)) return 0;
+  if (SaveAgain(__func__, dvs, port) == 0) return 0;
+  *error = "Failed to save the file of port " + port;
+  return -1;
 }
 
 int PortOpsManager::DeletePort(const std::string& dvs, const std::string& port, bool vm_leaves,

@@ -42,7 +42,11 @@ struct HostSwitchInfo {
 /// failure of the switch.
 class PortOpsManager {
  public:
-  PortOpsManager(SwitchLibrary& library, LumCommands& lum);
+  /// This host's id; nothing while it has none.
+  using HostId = std::function<std::optional<std::string>()>;
+
+  PortOpsManager(
+      SwitchLibrary& library, LumCommands& lum, HostId host_id = [] { return std::nullopt; });
   ~PortOpsManager();
   PortOpsManager(const PortOpsManager&) = delete;
   PortOpsManager& operator=(const PortOpsManager&) = delete;
@@ -88,13 +92,17 @@ class PortOpsManager {
   int FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
                         PortLocation* found, std::string* error);
 
+  /// The ports of that key: a key is unique on its switch alone.
+  std::vector<PortLocation> PortsOfKey(const std::string& port) const;
+
   /// Looks for the port that the VIF had before, for what is written on it, in the files of the VM alone;
   /// puts it on the switch of `new_zone` if it is not there.
   int FindPortToFetchVMTags(const std::string& vif, const std::string& ls, const std::string& gcf_path,
                             const std::string& new_zone, PortLocation* found, std::string* error);
 
   /// Takes the VIF off the port when the port belongs to the logical switch.  With `force_find` all switches
-  /// are searched when the zone, the port or its state cannot be had.  0 also when there was nothing to do.
+  /// are searched when the zone, the port or its state cannot be had, or the port holds another VIF.  0 also
+  /// when there was nothing to do.
   int ClearVifFromPort(const std::string& zone, const std::string& port, const std::string& ls,
                        const std::string& vif, bool force_find, std::string* error);
   /// On whatever switch it is.
@@ -110,6 +118,9 @@ class PortOpsManager {
   /// forgets the same note.
   int UpdateDvportRpcOp(const std::string& dvs, const std::string& port, const std::string& rpc_op,
                         const std::string& rpc_done, std::string* error);
+
+  /// Nobody waits for the port's site configuration any more, neither by the port nor by its file.
+  int ClearAttachmentState(const std::string& dvs, const std::string& port, std::string* error);
 
   /// Takes the port from its switch, and its file.  `vm_leaves`: the files of all ports of the VM.
   int DeletePort(const std::string& dvs, const std::string& port, bool vm_leaves, std::string* error);
@@ -137,8 +148,8 @@ class PortOpsManager {
 
   // --- port files
 
-  /// Writes what the port is into the file, without one of its properties if one is named.  0; -1 without
-  /// path or without state, -2 when it cannot be written.
+  /// Writes what the port is into the file, without one of its properties if one is named, and who this host
+  /// is.  0; -1 without path or without state, -2 when it cannot be written.
   int SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port,
                        const char* without = nullptr);
   /// Changes one property in the file of a port that need not be on a switch; nothing removes it.
@@ -184,6 +195,7 @@ class PortOpsManager {
   /// What the index says of the VIF's ports beside those of the key `except`, each asked whether it holds it.
   /// Nothing when the index does not know, or is out of date.
   std::optional<std::vector<PortLocation>> AskIndex(const std::string& vif, const std::string& except);
+  bool KnowsAll(const std::optional<std::vector<PortLocation>>& holders, const std::string& vif) const;
   /// The ports of the logical switch among them.
   std::vector<PortLocation> OfNetwork(const std::vector<PortLocation>& holders, const std::string& ls,
                                       const char* then) const;
@@ -195,6 +207,7 @@ class PortOpsManager {
 
   SwitchLibrary& library_;
   LumCommands& lum_;
+  const HostId host_id_;
   const std::unique_ptr<VifIndex> vif_index_;
   CopyOnWriteMap<std::string, HostSwitchInfo> tz_to_dvs_;
   std::atomic<bool> zones_unanswered_{false};

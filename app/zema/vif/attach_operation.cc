@@ -63,7 +63,10 @@ void AttachOperation::Attach(bool return_vif) {
         reply_.zone_id.c_str(), reply_.old_port_id.c_str(), reply_.old_switch_id.c_str(),
         reply_.old_zone_id.c_str(), reply_.gcf_path.c_str(), reply_.init_state.c_str());
     if (!reply_.error.empty()) return AfterManagerError(return_vif);
-    if (LeavePriorPort() && !IsSecurityOnly(request_.ls_id)) {
+    const bool security = IsSecurityOnly(request_.ls_id);
+    // Before the VIF is taken off any port.
+    if (security) security_port_ = FindSecurityPort(context_, request_);
+    if (LeavePriorPort() && !security) {
       ForgetPendingOperation();
       return MakePort(return_vif);
     }
@@ -99,10 +102,12 @@ bool AttachOperation::LeavePriorPort() {
   ZLOG_INFO("[PortOp] HandlerThread::DoMpVifAttachRpc about to clear vif [%s] from prior attached port",
             request_.vif_id.c_str());
   std::string error;
-  if (context_.ports.ClearVifFromPortOtherThan(reply_.port_id, request_.vif_id, &error) != 0) {
-    ZLOG_WARN("[%s] VIF [%s] stays on a port that it had: %s", kTag, request_.vif_id.c_str(), error.c_str());
-  }
-  return true;
+  const std::string& kept = security_port_ ? security_port_->port : reply_.port_id;
+  if (context_.ports.ClearVifFromPortOtherThan(kept, request_.vif_id, &error) == 0) return true;
+  ZLOG_ERROR("42003", "[%s] VIF [%s] stays on a port that it had: %s", kTag, request_.vif_id.c_str(),
+             error.c_str());
+  request_.error_text = std::move(error);
+  return false;
 }
 
 bool AttachOperation::HandlePriorAttachedPort() {
@@ -134,8 +139,9 @@ bool AttachOperation::HandlePriorAttachedPort() {
   return true;
 }
 
-// The VIF is still on the port before: the manager has to know it there.
+// The VIF is still on the port before: the manager has to know it there, if it has ever known it there.
 void AttachOperation::RollBack() {
+  if (reply_.old_port_id.empty()) return;
   ZLOG_INFO("[%s] rollback vif [%s] to prior attached dvport [%s]\n", "HandlePriorAttachedPort",
             request_.vif_id.c_str(), reply_.old_port_id.c_str());
   PortAttached back;
@@ -152,14 +158,14 @@ bool AttachOperation::TieSecurity() {
   const std::string origin = SecurityOriginOf(request_);
   ZLOG_INFO("[%s] Setting extra-configs of logical-port %s to enable security on dvport %s", kTag,
             reply_.port_id.c_str(), origin.c_str());
-  const auto at = SplitSecurityOrigin(origin);
-  if (!at) {
+  if (!security_port_) {
     request_.error_text = "Unable to find dvs and port ids for security from logical switch origin ID [" +
                           origin + "]. Cannot set port opaque data";
     ZLOG_ERROR("44423", "[%s] %s", kTag, request_.error_text.c_str());
     return false;
   }
-  request_.error_text = TieSecurityPort(context_, *at, {request_.vif_id, request_.ls_id, reply_.port_id});
+  request_.error_text =
+      TieSecurityPort(context_, *security_port_, {request_.vif_id, request_.ls_id, reply_.port_id});
   return request_.error_text.empty();
 }
 
@@ -181,7 +187,7 @@ void AttachOperation::MakePort(bool return_vif) {
     return;
   }
   if (CreateLocalDvPort(context_, request_, begun_, reply_, &request_.error_text)) return;
-  ProcessLogicalPortInitState(context_, request_, reply_.init_state, reply_.port_id, reply_.zone_id);
+  ProcessLogicalPortInitState(context_, request_, reply_);
   if (return_vif) request_.result_text = reply_.port_id;
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "app/zema/core/port_attached.h"
+#include "app/zema/qub/port_location.h"
 #include "app/zema/vif/site_config.h"
 #include "platform/core/clock.h"
 
@@ -43,6 +44,7 @@ class AttachOperation {
   Thread& waiter_;
   const TimePoint begun_;
   PortAttached reply_;
+  std::optional<PortLocation> security_port_;
   std::optional<PriorSiteConfig> prior_config_;
 };
 

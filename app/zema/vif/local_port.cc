@@ -43,14 +43,17 @@ PortConfigSpec PortDescriptionOf(const PortAttached& reply) { return SamePort<Po
 
 PortAttached PortAttachedOf(const PortConfigSpec& spec) { return SamePort<PortAttached>(spec); }
 
+const std::string& VifOfPort(const VifRequest& request, const PortAttached& reply) {
+  return FirstSet(FirstSet(reply.vif_id, request.vif_id), reply.port_id);
+}
+
 bool CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,
                        const PortAttached& reply, std::string* error) {
   const auto span = wft::WorkflowUtil::StartChildSpan("HandlerThread.CreateLocalDvPort", wft::kTraceInfo);
   wft::WorkflowUtil::SetCurSpanTag("gcfPath", request.gcf_path);
   PortConfigSpec spec = PortDescriptionOf(reply);
   if (spec.switch_id.empty()) spec.switch_id = request.ls_id;
-  // Who asks without a VIF is answered with the port's uuid, and knows the port by it from then on.
-  const std::string& vif = FirstSet(FirstSet(reply.vif_id, request.vif_id), reply.port_id);
+  const std::string& vif = VifOfPort(request, reply);
   std::string reason;
   if (context.ports.CreatePort(spec, vif, request.gcf_path, request.gcf_path != kHostInterface, &reason) !=
       0) {

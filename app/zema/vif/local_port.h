@@ -15,6 +15,10 @@ struct VifRequest;
 PortConfigSpec PortDescriptionOf(const PortAttached& reply);
 PortAttached PortAttachedOf(const PortConfigSpec& spec);
 
+/// The VIF that the port gets: who asks without one is answered with the port's uuid, and knows the port by
+/// it from then on.
+const std::string& VifOfPort(const VifRequest& request, const PortAttached& reply);
+
 /// Makes the port that the manager answered with, or brings it up to date, for the request's VIF.  True on
 /// failure, with the reason in `error`.  Under the port lock.
 bool CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,

@@ -16,9 +16,8 @@ constexpr LogSource kLog{"tarvik", "zema"};
 bool Locate(VifContext& context, const VifRequest& request, const PortRpcOp& op, PortLocation* at,
             std::string* error) {
   if (IsSecurityOnly(request.ls_id)) {
-    const auto split = SplitSecurityOrigin(SecurityOriginOf(request));
-    if (split) {
-      *at = *split;
+    if (auto port = FindSecurityPort(context, request)) {
+      *at = *std::move(port);
       return true;
     }
     *error = "Unable to find dvs and port ids for security";

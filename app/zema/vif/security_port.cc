@@ -51,10 +51,21 @@ std::string SecurityOriginOf(const VifRequest& request) {
                                             : request.security_switch_id + ":" + request.port_id;
 }
 
-std::optional<PortLocation> SplitSecurityOrigin(const std::string& origin) {
-  const size_t colon = origin.find(':');
-  if (colon == std::string::npos) return std::nullopt;
-  return PortLocation{origin.substr(0, colon), origin.substr(colon + 1)};
+std::optional<PortLocation> FindSecurityPort(VifContext& context, const VifRequest& request) {
+  const std::string origin = SecurityOriginOf(request);
+  if (const size_t colon = origin.find(':'); colon != std::string::npos) {
+    return PortLocation{origin.substr(0, colon), origin.substr(colon + 1)};
+  }
+  PortLocation at;
+  std::string path;
+  std::string error;
+  if (context.ports.FindPortByVifUuid(request.vif_id, request.ls_id, &path, &at, &error) == 0 &&
+      (request.port_id.empty() || request.port_id == at.port)) {
+    return at;
+  }
+  auto of_key = context.ports.PortsOfKey(request.port_id);
+  if (of_key.size() != 1) return std::nullopt;
+  return std::move(of_key.front());
 }
 
 std::string TieSecurityPort(VifContext& context, const PortLocation& at, const SecurityTie& tie) {

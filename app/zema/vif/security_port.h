@@ -13,8 +13,9 @@ struct VifRequest;
 /// or both in one text.
 std::string SecurityOriginOf(const VifRequest& request);
 
-/// Nothing when there is no ":" in it.
-std::optional<PortLocation> SplitSecurityOrigin(const std::string& origin);
+/// Where the request's security-only port is.  A resync knows it by its key alone, or not at all: then it is
+/// the port that holds the VIF, or the only port of that key.  Nothing when that does not decide it.
+std::optional<PortLocation> FindSecurityPort(VifContext& context, const VifRequest& request);
 
 /// What ties a port to a VIF, for its security.
 struct SecurityTie {

@@ -6,6 +6,7 @@
 #include "app/zema/qub/port_props.h"
 #include "app/zema/qub/switch_library.h"
 #include "app/zema/qub/vif_request.h"
+#include "app/zema/vif/local_port.h"
 #include "app/zema/vif/vif_context.h"
 #include "framework/log.h"
 
@@ -58,24 +59,23 @@ std::list<std::pair<std::string, std::string>> CollectSiteConfig(VifContext& con
   return values;
 }
 
-void ProcessLogicalPortInitState(VifContext& context, const VifRequest& request,
-                                 const std::string& init_state, const std::string& port,
-                                 const std::string& zone) {
+void ProcessLogicalPortInitState(VifContext& context, const VifRequest& request, const PortAttached& reply) {
   const auto span =
       wft::WorkflowUtil::StartChildSpan("HandlerThread.ProcessLogicalPortInitState", wft::kTraceInfo);
-  if (init_state != kPendingConf) return;
-  ZLOG_INFO("MP set initState to [%s] for port [%s]. Fetching site config from corvd", init_state.c_str(),
-            port.c_str());
+  if (reply.init_state != kPendingConf) return;
+  ZLOG_INFO("MP set initState to [%s] for port [%s]. Fetching site config from corvd",
+            reply.init_state.c_str(), reply.port_id.c_str());
   auto fetch = std::make_shared<VifRequest>();
   fetch->op_code = VifRequest::kFetchSiteConfig;
   fetch->op_id = request.op_id;
-  fetch->vif_id = request.vif_id;
+  fetch->vif_id = VifOfPort(request, reply);
   fetch->ls_id = request.ls_id;
   fetch->gcf_path = request.gcf_path;
-  fetch->port_id = port;
-  fetch->zone_id = zone;
-  context.ports.AddVifForSiteConfig(request.vif_id, std::move(fetch));
-  ZLOG_INFO("Enqueued VIF [%s] to the list of VIFs", request.vif_id.c_str());
+  fetch->port_id = reply.port_id;
+  fetch->zone_id = reply.zone_id;
+  const std::string& vif = fetch->vif_id;
+  context.ports.AddVifForSiteConfig(vif, fetch);
+  ZLOG_INFO("Enqueued VIF [%s] to the list of VIFs", vif.c_str());
 }
 
 void UpdateSiteConfigurationOnPort(VifContext& context, VifRequest& request) {
@@ -87,7 +87,7 @@ void UpdateSiteConfigurationOnPort(VifContext& context, VifRequest& request) {
   if (!SendReplyToMp(context, request, CollectSiteConfig(context, at))) return;
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   std::string error;
-  if (context.ports.ClearPortExtraConfig(at.dvs, at.port, port_props::kAttachmentState, &error) < 0) {
+  if (context.ports.ClearAttachmentState(at.dvs, at.port, &error) != 0) {
     ZLOG_ERROR("42075", "Failed to clear attachment state on port [%s]: %s", at.port.c_str(), error.c_str());
   }
   ZLOG_INFO("Successfully replied to MP for port [%s]", at.port.c_str());

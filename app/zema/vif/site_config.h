@@ -16,9 +16,7 @@ struct VifRequest;
 std::list<std::pair<std::string, std::string>> CollectSiteConfig(VifContext& context, const PortLocation& at);
 
 /// The manager waits for the port's site configuration: notes that it is to be fetched.
-void ProcessLogicalPortInitState(VifContext& context, const VifRequest& request,
-                                 const std::string& init_state, const std::string& port,
-                                 const std::string& zone);
+void ProcessLogicalPortInitState(VifContext& context, const VifRequest& request, const PortAttached& reply);
 
 /// Sends the site configuration of the request's port to the manager.
 void UpdateSiteConfigurationOnPort(VifContext& context, VifRequest& request);

@@ -98,7 +98,8 @@ bool VifPortHandler::AwaitTurn(VifRequest& request) {
   return request.turn && request.turn->Await();
 }
 
-// In the middle of a move of interfaces the host asks under the move's id: the move itself makes the port.
+// In the middle of a move of interfaces the host asks under the move's id: the move itself makes the port,
+// and takes the VIF off it.
 bool VifPortHandler::Defer(VifRequest& request) {
   if (!request.request) return false;
   if (request.op_code != VifRequest::kAttach && request.op_code != VifRequest::kDetach &&
@@ -108,6 +109,7 @@ bool VifPortHandler::Defer(VifRequest& request) {
   if (!context_->migration.IsMigrating(request.op_id)) return false;
   ZLOG_INFO("[%s] Defer Vif operation OpaqueNetwork=[%s] vif=[%s] gcf=[%s] opId=[%s]\n", kTag,
             request.ls_id.c_str(), request.vif_id.c_str(), request.gcf_path.c_str(), request.op_id.c_str());
+  if (request.op_code == VifRequest::kDetach) context_->migration.NoteLeft(request.op_id, request.vif_id);
   if (request.op_code == VifRequest::kAttachToVifUuid) {
     ZLOG_INFO("[%s] Defer Vif operation, sending back vif[%s] as result", kTag, request.vif_id.c_str());
     request.result_text = request.vif_id;

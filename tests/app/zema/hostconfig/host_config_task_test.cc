@@ -1,6 +1,7 @@
 // Host configurations from their message to the host and back, with the agent's end at any point in between.
 
 #include "app/zema/hostconfig/router_reconnection.h"
+#include "app/zema/hostconfig/vnic_migration_task.h"
 #include "app/zema/qub/vif_request.h"
 #include "tests/app/zema/hostconfig/host_config_fixture.h"
 
@@ -45,6 +46,31 @@ TEST_F(HostConfigTest, ARemovalThatWasCutIsFinishedByTheNextStart) {
       EXPECT_TRUE(script.Heard("15:")) << "the host forgets its node id";
     }
   }
+}
+
+// The tool that asked for it waits for the outcome, whichever process comes to it.
+TEST_F(HostConfigTest, AMigrationByFileThatWasCutHasItsOutcomeInTheEnd) {
+  ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
+  VnicMigrationTask::Settings settings;
+  settings.knl_file = dir.Write("knl", R"({"request_id": "k1", "migrate_to_ndvs": true, "host_switches": [
+      {"host_switch_name": "ks-2", "pnics": [{"device_name": "knlnic1", "uplink_name": "u1"}]}]})");
+  settings.result_file = dir.Path("result");
+  std::string mark;
+  script.before = [&](const std::string& asked) {
+    if (asked.starts_with("migrateToLS")) mark = dir.Read("host_config.bin.applying");
+  };
+  VnicMigrationTask(process->context, settings, false, true).Run();
+  EXPECT_THAT(dir.Read("result"), HasSubstr("\"result\": \"Success\""));
+
+  // As a kill leaves it.
+  ASSERT_NE(mark, "");
+  dir.Write("host_config.bin.applying", mark);
+  dir.Write("result", "");
+  StartProcess();
+  FinishHostConfig(process->context);
+  EXPECT_THAT(dir.Read("result"), HasSubstr("\"request_id\": \"k1\""));
+  EXPECT_THAT(dir.Read("result"), HasSubstr("\"result\": \"Success\""));
+  EXPECT_FALSE(files.ApplyUnfinished());
 }
 
 // The switch that leaves is in no stored message any more when the agent starts again.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -21,6 +22,7 @@ class FakeLumCommands : public LumCommands {
 
   int InvokeCommand(const std::string& command, const std::string& expected, std::string* out) override {
     commands.push_back(command);
+    if (while_asked) while_asked();
     *out = "ok";
     auto found = replies_.find(command);
     if (found == replies_.end()) found = replies_.find(command.substr(0, command.find('(') + 1));
@@ -28,7 +30,7 @@ class FakeLumCommands : public LumCommands {
       *out = found->second.front();
       if (found->second.size() > 1) found->second.pop_front();
     }
-    return expected.empty() || *out == expected ? kSucceeded : kFailed;
+    return (expected.empty() && !IsUnanswered(*out)) || *out == expected ? kSucceeded : kFailed;
   }
 
   int InvokeRPC(LumOperation operation, std::string_view data, std::string* out) override {
@@ -38,6 +40,8 @@ class FakeLumCommands : public LumCommands {
   }
 
   std::vector<std::string> commands;
+  /// What happens in the middle of each command.
+  std::function<void()> while_asked;
   int rpc_status = kRpcSucceeded;
   std::string rpc_reply;
 

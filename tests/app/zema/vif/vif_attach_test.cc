@@ -127,6 +127,16 @@ TEST_F(VifAttachTest, PortThatCannotBeLeftIsTakenBack) {
   EXPECT_TRUE(log.Contains("rollback vif [vif-1] to prior attached dvport [lp-1]"));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
   EXPECT_THAT(state->Ports(kVlanSwitch), IsEmpty());
+
+  // The manager has never known of the port before, so there is nothing to go back to.
+  road.asked.clear();
+  Fault("DVSKNL_PortDataClear port=lp-1 count=3 ret=0xbad0001");
+  road.script.push_back(Port("lp-2", "z2", "ls-2"));
+  EXPECT_THAT(Done(Request(VifRequest::kAttach, kVif, "ls-2")).error_text,
+              HasSubstr("Failed to clear property"));
+  EXPECT_THAT(road.asked, SizeIs(1));
+  EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
+  EXPECT_THAT(state->Ports(kVlanSwitch), IsEmpty()) << "the VIF would be on two ports";
 }
 
 TEST_F(VifAttachTest, SecurityOnlyPortIsTiedAndNotMade) {
@@ -150,12 +160,45 @@ TEST_F(VifAttachTest, SecurityOnlyPortIsTiedAndNotMade) {
   };
   for (const auto& [key, value] : wanted) EXPECT_EQ(Property(kVlanSwitch, "dvp-5", key), value) << key;
   EXPECT_THAT(state->Ports(kVlanSwitch), ElementsAre("dvp-5"));
+}
 
-  request.security_switch_id.clear();
+// The resync's script knows a port by its key alone, and where the vNIC's switch is not told, the port tells
+// it.
+TEST_F(VifAttachTest, SecurityOnlyPortIsResynced) {
+  constexpr const char* kGroup = "dvportgroup-7";
+  Create(Description("dvp-5", "z2"), "", "knlnic");
+  VifRequest request = Request(VifRequest::kAttach, kVif, kGroup);
+  request.security_switch_id = kVlanSwitch;
+  request.port_id = "dvp-5";
+  road.reachable = false;
+  EXPECT_EQ(Done(request).error_text, ZemManager::kSendFailed);
+  road.reachable = true;
+  EXPECT_EQ(PendingOf(kVlanSwitch, "dvp-5"), "attach_port");
+
+  VifRequest resync = Request(VifRequest::kSyncAttach, kVif, kGroup);
+  for (const char* const key : {"dvp-5", ""}) {
+    resync.port_id = key;
+    road.script.push_back(Port("lp-5", "z2"));
+    EXPECT_EQ(Done(resync).error_text, "");
+    EXPECT_EQ(PendingOf(kVlanSwitch, "dvp-5"), kNone);
+    EXPECT_EQ(Property(kVlanSwitch, "dvp-5", port_props::kSecurityEnable), "true");
+  }
+  road.reachable = false;
+  request.op_code = VifRequest::kDetach;
+  Done(request);
+  EXPECT_EQ(PendingOf(kVlanSwitch, "dvp-5"), "detach_port");
+  road.reachable = true;
+  resync.op_code = VifRequest::kSyncDetach;
+  resync.port_id = "dvp-5";
+  road.script.push_back(PortAttached());
+  EXPECT_EQ(Done(resync).error_text, "");
+  EXPECT_EQ(PendingOf(kVlanSwitch, "dvp-5"), kNone);
+
+  // Two switches have a port of the key, and neither holds the VIF.
+  Create(Description("dvp-5"), "", "knlnic");
+  resync.op_code = VifRequest::kSyncAttach;
   road.script.push_back(Port("lp-5", "z2"));
-  EXPECT_EQ(Done(request).error_text,
-            "Unable to find dvs and port ids for security from logical switch origin ID [dvp-5]. Cannot set "
-            "port opaque data");
+  EXPECT_THAT(Done(resync).error_text, HasSubstr("Unable to find dvs and port ids for security"));
 }
 
 TEST_F(VifAttachTest, ReadyPortsAreNotWaitedFor) {
@@ -197,6 +240,21 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   EXPECT_THAT(road.updates[1].site_configs, ElementsAre(testing::Pair(kStale, "blue")));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAttachmentState), kNone);
   EXPECT_EQ(ports.LookupVifRequest(kVif), nullptr);
+  // It does not come back with the port's file.
+  ASSERT_TRUE(state->LosePorts(kOverlay));
+  PortLocation at;
+  std::string path = Vm("vm1");
+  std::string error;
+  ASSERT_EQ(ports.FindPortByVifUuid(kVif, kLs, &path, &at, &error), 0) << error;
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAttachmentState), kNone);
+
+  // A VIF that has no name but its port's is known by that.
+  pending.port_id = "lp-2";
+  road.script.push_back(pending);
+  EXPECT_EQ(Done(Request(VifRequest::kAttachToVifUuid, "")).result_text, "lp-2");
+  EXPECT_NE(ports.LookupVifRequest("lp-2"), nullptr);
+  EXPECT_EQ(ports.LookupVifRequest(""), nullptr);
+  ASSERT_EQ(library.PortRemove(kOverlay, "lp-2"), 0U);
 
   // From another host, in the VM's directory.
   Create(Description("lp-5"), "vif-5", Vm("vm5"));

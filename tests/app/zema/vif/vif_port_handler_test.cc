@@ -4,6 +4,7 @@ namespace zem::zema {
 namespace {
 
 using std::chrono::seconds;
+using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -107,7 +108,7 @@ TEST_F(VifPortHandlerTest, APlaceIsGoodForOneTry) {
 }
 
 TEST_F(VifPortHandlerTest, MoveOfInterfacesMakesItsPortsItself) {
-  const MigrationRecord::Scope move(migration, MigrationRecord::Kind::kToLogicalSwitch);
+  MigrationRecord::Scope move(migration, MigrationRecord::Kind::kToLogicalSwitch);
   VifRequest request = Request(VifRequest::kAttachToVifUuid);
   request.op_id = move.op_id();
   EXPECT_EQ(Done(FromHost(request)).result_text, kVif);
@@ -115,6 +116,7 @@ TEST_F(VifPortHandlerTest, MoveOfInterfacesMakesItsPortsItself) {
   request.op_code = VifRequest::kDetach;
   EXPECT_EQ(Done(FromHost(request)).result_text, "");
   EXPECT_THAT(road.asked, IsEmpty());
+  EXPECT_THAT(move.TakeLeft(), ElementsAre(kVif)) << "the move has to take it off";
   // Nobody else's.
   Done(request);
   request.op_id = "another";
