@@ -363,6 +363,8 @@ void WorldLife::AskSecurityPort(int number, bool attach) {
     const std::string error = sim::AddPort({dvs, SecurityPort(number)});
     if (!error.empty()) return Say(error);
   }
+  const std::string vnic = attach ? SecurityVif(number) + ":eth0" : "";
+  if (!sim::ConnectPort({dvs, SecurityPort(number)}, attach ? SecurityVif(number) : "", vnic)) return;
   switching::VifMsg message;
   message.set_operation(attach ? 1 : 0);
   auto* const vif = message.add_vif_attachment();

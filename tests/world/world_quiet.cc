@@ -265,6 +265,12 @@ void WorldLife::RemoveClone(Lines* lines) {
 // A host whose operation did not end well asks again, as an operation of its own: off, wherever it may be,
 // and on.
 void WorldLife::HealVms() {
+  // Nobody is answered at a port group, so what failed while the manager was away is said again.
+  const std::string dvs = FirstSwitch();
+  for (int i = 0; i < kSecurityPorts; ++i) {
+    const auto use = sim::ReadPortUse({dvs, SecurityPort(i)});
+    if (use) AskSecurityPort(i, !use->vnic.empty());
+  }
   std::set<std::string> unsure;
   {
     const std::lock_guard lock(mutex_);
