@@ -214,8 +214,7 @@ bool InterfaceMigration::MigrateToLogicalSwitch(HostSwitch* host_switch, std::st
   }
   if (result != LumCommands::kSucceeded || !reply.starts_with(kOk)) {
     TakeFailure(reply, vteps, host_switch);
-    // Without an answer the move may still go on.
-    if (result == LumCommands::kSucceeded) TakeBackPorts(*host_switch, made);
+    TakeBackPorts(*host_switch, made);
     return false;
   }
   TakeMigrated(reply, id, migration);
@@ -229,7 +228,10 @@ void InterfaceMigration::TakeBackPorts(const HostSwitch& host_switch,
                                        const std::vector<ToLogicalSwitch*>& made) {
   if (made.empty()) return;
   std::string problem;
-  const auto knls = ReadKnls(lum_, settings_.knl_types, &problem);
+  auto knls = ReadKnls(lum_, settings_.knl_types, &problem);
+  // Behind a move that nobody answered the first question is answered by a failure, and the next one by a new
+  // script: the one that moved has been killed before, so what the new one says stays so.
+  if (!knls) knls = ReadKnls(lum_, settings_.knl_types, &problem);
   if (!knls) ZLOG_WARN("[%s] %s", __func__, problem.c_str());
   for (const ToLogicalSwitch* entry : made) {
     const bool elsewhere = IsVnic(*entry) ? IsOfNoVm(*entry) : knls && !Holds(*knls, *entry);
