@@ -318,6 +318,11 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
     const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
     return create(entry, zone, error);
   };
+  settings.leave_port = [this, leave = std::move(settings.leave_port)](
+                            const auto& entry, const std::string& zone, std::string* error) {
+    const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
+    return leave(entry, zone, error);
+  };
   settings.leave_ports = [this, leave = std::move(settings.leave_ports)](
                              const std::string& vif, const std::string& kept, std::string* error) {
     const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);

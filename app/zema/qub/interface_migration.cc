@@ -27,7 +27,29 @@ const char* Word(bool value) { return value ? "true" : "false"; }
 
 bool IsVnic(const QubMgmtIfToLogicSwitchMsg& entry) { return entry.device().find(':') != std::string::npos; }
 
+std::vector<std::string> VtepsOf(const KnlMigration& migration) {
+  std::vector<std::string> vteps;
+  for (const auto* entry : migration.to_logical_switch) {
+    if (entry->is_vtep() && !IsPnicsAlone(*entry) && !IsVnic(*entry)) vteps.push_back(entry->device());
+  }
+  return vteps;
+}
+
+bool Holds(const std::vector<HostKnl>& knls, const QubMgmtIfToLogicSwitchMsg& entry) {
+  return std::any_of(knls.begin(), knls.end(), [&](const HostKnl& knl) {
+    return knl.device == entry.device() && knl.vif == entry.vif_id();
+  });
+}
+
+std::string ZoneOf(const QubMgmtIfToLogicSwitchMsg& entry, const HostSwitchMsg& host_switch) {
+  if (entry.has_transport_zone_id()) return entry.transport_zone_id();
+  return host_switch.transport_zone_id().empty() ? std::string() : host_switch.transport_zone_id(0);
+}
+
 void RemoveVtepsFailedToMigrate(const std::vector<std::string>& failed, HostSwitchMsg* host_switch) {
+  if (failed.empty()) return;
+  ZLOG_ERROR("42017", "[%s] failed to migrate VTEPs %s", "MigrateToLogicalSwitch",
+             boost::join(failed, ",").c_str());
   auto& vteps = *host_switch->mutable_vteps();
   const auto end = std::remove_if(vteps.begin(), vteps.end(), [&](const VtepMsg& vtep) {
     return std::find(failed.begin(), failed.end(), vtep.device_name()) != failed.end();
@@ -139,15 +161,14 @@ void InterfaceMigration::LeavePorts(const std::string& vif, const std::string& k
              error.c_str());
 }
 
-bool InterfaceMigration::CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration) {
+bool InterfaceMigration::CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration,
+                                     std::vector<ToLogicalSwitch*>* made) {
   int created = 0;
-  for (const ToLogicalSwitch* entry : migration.to_logical_switch) {
+  for (ToLogicalSwitch* entry : migration.to_logical_switch) {
     if (entry->is_vtep() || IsPnicsAlone(*entry)) continue;
-    const std::string zone = entry->has_transport_zone_id()              ? entry->transport_zone_id()
-                             : host_switch.transport_zone_id_size() != 0 ? host_switch.transport_zone_id(0)
-                                                                         : std::string();
     std::string error;
-    if (!settings_.create_port(*entry, zone, &error)) {
+    made->push_back(entry);
+    if (!settings_.create_port(*entry, ZoneOf(*entry, host_switch), &error)) {
       const std::string text = "MigrateToLS(" + host_switch.id() + ") failed to create port: [" + error + "]";
       ZLOG_ERROR("42010", "[%s] %s, cmd=[%s]\n", "MigrateToLogicalSwitch", text.c_str(),
                  entry->ShortDebugString().c_str());
@@ -173,10 +194,16 @@ bool InterfaceMigration::MigrateToLogicalSwitch(HostSwitch* host_switch, std::st
                                                 std::vector<std::string>* migrated_vteps) {
   const std::string& id = host_switch->id();
   ZLOG_DEBUG("[%s] into [%s], a %s", __func__, id.c_str(), std::string(kind).c_str());
+  const std::vector<std::string> vteps = VtepsOf(migration);
   std::string error;
   const auto parts = BuildMigrateToLs(migration, pairs, &error);
-  if (!parts) return Refuse("42017", "MigrateToLS(" + id + ") failed: [" + error + "]");
-  if (!CreatePorts(*host_switch, migration)) return false;
+  if (!parts) return TakeFailure(error, vteps, host_switch);
+  std::vector<ToLogicalSwitch*> made;
+  if (!CreatePorts(*host_switch, migration, &made)) {
+    RemoveVtepsFailedToMigrate(vteps, host_switch);
+    TakeBackPorts(*host_switch, made);
+    return false;
+  }
   std::string reply;
   int result = LumCommands::kFailed;
   {
@@ -185,16 +212,48 @@ bool InterfaceMigration::MigrateToLogicalSwitch(HostSwitch* host_switch, std::st
     result =
         lum_.InvokeCommand(parts->Command(id, running.op_id(), settings_.knl_ping_try_times), "", &reply);
   }
-  if (result != LumCommands::kSucceeded) {
-    return Refuse("42017", "MigrateToLS(" + id + ") failed: [" + reply + "]");
-  }
-  if (!reply.starts_with(kOk)) {
-    TakeFailure(reply, parts->vteps, host_switch);
+  if (result != LumCommands::kSucceeded || !reply.starts_with(kOk)) {
+    TakeFailure(reply, vteps, host_switch);
+    // Without an answer the move may still go on.
+    if (result == LumCommands::kSucceeded) TakeBackPorts(*host_switch, made);
     return false;
   }
   TakeMigrated(reply, id, migration);
-  *migrated_vteps = parts->vteps;
+  *migrated_vteps = vteps;
   return true;
+}
+
+// An interface that the host has on its port after all keeps it, and so does one of which the host does not
+// say where it is: without its VIF it would lose its network.
+void InterfaceMigration::TakeBackPorts(const HostSwitch& host_switch,
+                                       const std::vector<ToLogicalSwitch*>& made) {
+  if (made.empty()) return;
+  std::string problem;
+  const auto knls = ReadKnls(lum_, settings_.knl_types, &problem);
+  if (!knls) ZLOG_WARN("[%s] %s", __func__, problem.c_str());
+  for (const ToLogicalSwitch* entry : made) {
+    const bool elsewhere = IsVnic(*entry) ? IsOfNoVm(*entry) : knls && !Holds(*knls, *entry);
+    const char* const port = entry->logical_port_id().c_str();
+    if (!elsewhere) {
+      ZLOG_INFO("[%s] port [%s] keeps its VIF, [%s] may be there", __func__, port, entry->device().c_str());
+      continue;
+    }
+    std::string error;
+    if (settings_.leave_port(*entry, ZoneOf(*entry, host_switch), &error)) {
+      ZLOG_INFO("[%s] port [%s] has no VIF any more, [%s] did not move", __func__, port,
+                entry->device().c_str());
+    } else {
+      ZLOG_ERROR("42017", "[%s] port [%s] keeps VIF [%s]: %s", __func__, port, entry->vif_id().c_str(),
+                 error.c_str());
+    }
+  }
+}
+
+bool InterfaceMigration::IsOfNoVm(const ToLogicalSwitch& entry) {
+  std::string path;
+  const int result = lum_.InvokeRPC(LumOperation::kVmPathOfVif,
+                                    "vifId=" + entry.vif_id() + "|portId=" + entry.logical_port_id(), &path);
+  return result != LumCommands::kRpcSucceeded && result != LumCommands::kRpcSocketFailure;
 }
 
 void InterfaceMigration::TakeMigrated(const std::string& reply, const std::string& id,
@@ -207,6 +266,7 @@ void InterfaceMigration::TakeMigrated(const std::string& reply, const std::strin
     if (entry->is_vtep() || IsPnicsAlone(*entry)) continue;
     entry->set_previous_logical_port_id(entry->logical_port_id());
     entry->set_previous_vif_id(entry->vif_id());
+    LeavePorts(entry->vif_id(), entry->logical_port_id());
     if (IsVnic(*entry) && !path.empty()) {
       ZLOG_INFO("%s GCF Path is:%s\n", "MigrateToLogicalSwitch", path.c_str());
       entry->set_gcf_path(path);
@@ -215,16 +275,11 @@ void InterfaceMigration::TakeMigrated(const std::string& reply, const std::strin
 }
 
 // A failure that names no endpoint is one of all.
-void InterfaceMigration::TakeFailure(const std::string& reply, const std::vector<std::string>& vteps,
+bool InterfaceMigration::TakeFailure(const std::string& reply, const std::vector<std::string>& vteps,
                                      HostSwitch* host_switch) {
-  MigrateToLsFailure failure = ParseMigrateToLsFailure(reply);
-  if (failure.vteps.empty()) failure.vteps = vteps;
-  if (!failure.vteps.empty()) {
-    ZLOG_ERROR("42017", "[%s] failed to migrate VTEPs %s", "MigrateToLogicalSwitch",
-               boost::join(failure.vteps, ",").c_str());
-    RemoveVtepsFailedToMigrate(failure.vteps, host_switch);
-  }
-  Refuse("42017", "MigrateToLS(" + host_switch->id() + ") failed: [" + failure.error + "]");
+  const MigrateToLsFailure failure = ParseMigrateToLsFailure(reply);
+  RemoveVtepsFailedToMigrate(failure.vteps.empty() ? vteps : failure.vteps, host_switch);
+  return Refuse("42017", "MigrateToLS(" + host_switch->id() + ") failed: [" + failure.error + "]");
 }
 
 bool InterfaceMigration::Refuse(const char* tag, const std::string& text) {

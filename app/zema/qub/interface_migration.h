@@ -26,6 +26,11 @@ struct InterfaceMigrationSettings {
   std::function<bool(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
                      std::string* error)>
       create_port;
+  /// Takes the entry's VIF off the port that it names, on the switch of `zone`.
+  std::function<bool(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
+                     std::string* error)>
+      leave_port = [](const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg&, const std::string&,
+                      std::string*) { return true; };
   /// Takes the VIF off every port but `kept`.
   std::function<bool(const std::string& vif, const std::string& kept, std::string* error)> leave_ports =
       [](const std::string&, const std::string&, std::string*) { return true; };
@@ -70,9 +75,15 @@ class InterfaceMigration {
   bool MigrateOut(const HostSwitch* host_switch, const std::string& id, const KnlMigration& migration);
   /// The VIF is nowhere but on the port `kept`, or nowhere; a failure is logged.
   void LeavePorts(const std::string& vif, const std::string& kept);
-  bool CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration);
+  /// `made` are those for which a port was made, or half of one.
+  bool CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration,
+                   std::vector<ToLogicalSwitch*>* made);
+  /// After a move that failed, or of which nobody knows: the ports lose the VIFs that the host does not have.
+  void TakeBackPorts(const HostSwitch& host_switch, const std::vector<ToLogicalSwitch*>& made);
+  /// The host knows the VIF of no VM.
+  bool IsOfNoVm(const ToLogicalSwitch& entry);
   void TakeMigrated(const std::string& reply, const std::string& id, const KnlMigration& migration);
-  void TakeFailure(const std::string& reply, const std::vector<std::string>& vteps, HostSwitch* host_switch);
+  bool TakeFailure(const std::string& reply, const std::vector<std::string>& vteps, HostSwitch* host_switch);
   bool MigrateResourcesForDelZem();
   bool Refuse(const char* tag, const std::string& text);
 

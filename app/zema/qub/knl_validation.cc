@@ -157,6 +157,21 @@ std::optional<std::vector<HostKnl>> ParseKnls(std::string_view reply) {
   return knls;
 }
 
+std::optional<std::vector<HostKnl>> ReadKnls(LumCommands& lum, const std::string& types,
+                                             std::string* problem) {
+  const std::string name = "getKnlsInLogicalSwitchesAndKnlsOfGivenTypes";
+  std::string reply;
+  const int result = lum.InvokeCommand(name + "(" + types + ")", "", &reply);
+  ZLOG_INFO("getKnlsInLogicalSwitchesAndKnlsOfGivenTypes reply: [%s]", reply.c_str());
+  if (result != LumCommands::kSucceeded || (reply != kOk && !reply.starts_with("ok|"))) {
+    *problem = name + " reply " + reply;
+    return std::nullopt;
+  }
+  auto knls = ParseKnls(reply);
+  if (!knls) *problem = "Invalid " + name + " reply: [" + reply + "]";
+  return knls;
+}
+
 bool ValidateInterfaces(const std::vector<HostKnl>& knls, HostConfigMsg* config, ErrorSink& errors) {
   if (!config->has_qub_if_migration()) return true;
   QubMgmtIfMigrationMsg& migration = *config->mutable_qub_if_migration();
@@ -197,17 +212,10 @@ bool ValidateKnls(LumCommands& lum, const std::string& types, HostConfigMsg* con
     ClearPrevious(migration.mutable_to_vsw_or_psw());
     for (QubMgmtIfToLogicSwitchMsg& entry : *migration.mutable_to_lswitches()) entry.clear_gcf_path();
   }
-  const std::string name = "getKnlsInLogicalSwitchesAndKnlsOfGivenTypes";
-  std::string reply;
-  const int result = lum.InvokeCommand(name + "(" + types + ")", "", &reply);
-  ZLOG_INFO("getKnlsInLogicalSwitchesAndKnlsOfGivenTypes reply: [%s]", reply.c_str());
-  if (result != LumCommands::kSucceeded || (reply != kOk && !reply.starts_with("ok|"))) {
-    Refuse(errors, name + " reply " + reply);
-    return false;
-  }
-  const auto knls = ParseKnls(reply);
+  std::string problem;
+  const auto knls = ReadKnls(lum, types, &problem);
   if (!knls) {
-    Refuse(errors, "Invalid " + name + " reply: [" + reply + "]");
+    Refuse(errors, problem);
     return false;
   }
   return ValidateInterfaces(*knls, config, errors) && ValidateTeaming(*knls, types, *config, errors);

@@ -32,7 +32,12 @@ struct HostKnl {
 /// when the reply has another form.
 std::optional<std::vector<HostKnl>> ParseKnls(std::string_view reply);
 
-/// Asks the host for its interfaces in logical switches and those of the given types, and refuses a migration
+/// Asks the host for its interfaces in logical switches and those of the given types.  Nothing, with the
+/// reason, when it does not say.
+std::optional<std::vector<HostKnl>> ReadKnls(LumCommands& lum, const std::string& types,
+                                             std::string* problem);
+
+/// Asks the host for its interfaces, as above, and refuses a migration
 /// that would change an interface's identity or leave it without a physical NIC.  On the way the entries get
 /// the VIF and the port that their interface has now.
 ///

@@ -45,6 +45,11 @@ InterfaceMigrationSettings MigrationSettings(PortOpsManager& ports, const Realiz
     return ports.CreatePort(PortOf(entry, zone), entry.vif_id(), kKernelInterface,
                             (entry.port_flags() & kBlocked) != 0, error) == 0;
   };
+  settings.leave_port = [&ports](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
+                                 std::string* error) {
+    return ports.ClearVifFromPort(zone, entry.logical_port_id(), entry.lswitch_id(), entry.vif_id(), false,
+                                  error) == 0;
+  };
   settings.leave_ports = [&ports](const std::string& vif, const std::string& kept, std::string* error) {
     return ports.ClearVifFromPortOtherThan(kept, vif, error) == 0;
   };

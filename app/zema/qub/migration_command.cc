@@ -110,7 +110,6 @@ std::optional<MigrateToLsParts> BuildMigrateToLs(const KnlMigration& migration,
       entry.Add("logical switch", move->lswitch_id());
       entry.Add("label", move->has_label() ? std::to_string(move->label()) : "");
       entry.Add("marker", "is_vtep");
-      parts.vteps.push_back(move->device());
     } else {
       entry.Add("VIF", move->vif_id());
       entry.Add("logical switch", move->lswitch_id());

@@ -33,8 +33,6 @@ struct MigrateToLsParts {
   std::string ping_ip;
   /// Each entry behind a "|".
   std::string entries;
-  /// The devices that become endpoints.
-  std::vector<std::string> vteps;
 
   std::string Command(const std::string& switch_id, const std::string& op_id, int ping_tries) const;
 };

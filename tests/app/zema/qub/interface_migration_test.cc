@@ -73,6 +73,11 @@ struct Migration {
       *error = port_error;
       return port_error.empty();
     };
+    settings.leave_port = [this](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
+                                 std::string*) {
+      left.push_back(entry.logical_port_id() + "@" + zone);
+      return true;
+    };
     settings.leave_ports = [this](const std::string& vif, const std::string& kept, std::string*) {
       left.push_back(vif + " but " + kept);
       return true;
@@ -242,6 +247,7 @@ TEST(MigrationCommandTest, IntoASwitch) {
                                               {"vmnic2~up1", "vmnic3~up2"}, &vteps));
   EXPECT_THAT(m.lum.commands, ElementsAre(command));
   EXPECT_THAT(m.ports, ElementsAre("p1@z2", "p2@zx", "p3@z2"));
+  EXPECT_THAT(m.left, ElementsAre("v1 but p1", "v2 but p2", "v3 but p3"));
   EXPECT_THAT(vteps, IsEmpty());
   const auto& entries = config.qub_if_migration().to_lswitches();
   EXPECT_EQ(entries[0].previous_vif_id() + entries[0].previous_logical_port_id(), "v1p1");
@@ -271,6 +277,7 @@ TEST(MigrationCommandTest, FailuresIntoASwitch) {
       {"something went wrong", "something went wrong", 1},
       {"a|b", "a|b", 1},
       {"", "", 1},
+      {std::string(LumCommands::kReadFailed), "socket read failed", 1},
   };
   for (const auto& row : rows) {
     Migration m;
@@ -288,17 +295,53 @@ TEST(MigrationCommandTest, FailuresIntoASwitch) {
   }
 }
 
+// A second try may ask for another port with the same VIF; one that is in use after all keeps it.
+TEST(MigrationCommandTest, PortsOfAFailedMoveLoseTheirVifs) {
+  const std::string there = std::string("ok|knl0~v1~p1~") + kOther + "~management~~";
+  const std::string unanswered(LumCommands::kReadFailed);
+  const struct {
+    const char* what;
+    std::string reply;
+    std::string list;
+    int vm_of_vif;
+    Texts left;
+  } rows[] = {
+      {"neither moved", "no ping", "ok", 0, {"p1@z2", "p3@z2"}},
+      {"both did", "no ping", there, LumCommands::kRpcSucceeded, {}},
+      {"nobody knows", "no ping", unanswered, LumCommands::kRpcSocketFailure, {}},
+      {"it may still move", unanswered, "ok", 0, {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    Migration m;
+    HostConfigMsg config = Config(
+        kKnlIn + In(kOther, R"(device: "vm1:4000" lswitch_id: "l3" vif_id: "v3" logical_port_id: "p3")"));
+    ASSERT_TRUE(m.Convert(&config));
+    m.lum.Script("migrateToLS(", {row.reply});
+    m.lum.Script("getKnlsInLogicalSwitchesAndKnlsOfGivenTypes(", {row.list});
+    m.lum.rpc_status = row.vm_of_vif;
+    Texts vteps;
+    EXPECT_FALSE(m.Make().MigrateToLogicalSwitch(config.mutable_host_switches(1), "NVS", m.map.at(kOther), {},
+                                                 &vteps));
+    EXPECT_EQ(m.left, row.left);
+  }
+}
+
 TEST(MigrationCommandTest, NothingMovesWithoutItsPort) {
   Migration m;
   m.port_error = "no switch";
-  HostConfigMsg config = Config(kKnlIn);
+  HostConfigMsg config = Config(kKnlIn + In(kOther, R"(device: "knl5" is_vtep: true)"));
+  config.mutable_host_switches(1)->set_overlay(true);
+  config.mutable_host_switches(1)->add_vteps()->set_device_name("knl5");
   ASSERT_TRUE(m.Convert(&config));
   Texts vteps;
   EXPECT_FALSE(
       m.Make().MigrateToLogicalSwitch(config.mutable_host_switches(1), "NVS", m.map.at(kOther), {}, &vteps));
   EXPECT_THAT(m.errors.texts(),
               ElementsAre(std::string("MigrateToLS(") + kOther + ") failed to create port: [no switch]"));
-  EXPECT_THAT(m.lum.commands, IsEmpty());
+  EXPECT_THAT(m.lum.commands, ElementsAre("getKnlsInLogicalSwitchesAndKnlsOfGivenTypes(management)"));
+  EXPECT_THAT(m.left, ElementsAre("p1@z2")) << "half of it may be there";
+  EXPECT_THAT(config.host_switches(1).vteps(), IsEmpty());
 }
 
 // No interface goes with them, so there is no port to make, whatever the kind of the switch.
@@ -328,6 +371,13 @@ TEST(MigrationCommandTest, AValueWithASeparatorDoesNotReachTheHost) {
     EXPECT_THAT(m.lum.commands, IsEmpty());
     EXPECT_THAT(m.ports, IsEmpty());
   }
+  Migration m;
+  HostConfigMsg config = Config(kVtepIn + In(kUuid, R"(device: "knl,9" is_vtep: true)"));
+  ASSERT_TRUE(m.Convert(&config));
+  Texts vteps;
+  EXPECT_FALSE(
+      m.Make().MigrateToLogicalSwitch(config.mutable_host_switches(0), "KLN", m.map.at(kId), {}, &vteps));
+  EXPECT_THAT(config.host_switches(0).vteps(), SizeIs(1)) << "knl5 is no endpoint yet";
 }
 
 TEST(KnlValidationTest, Replies) {
