@@ -230,7 +230,7 @@ void Realization::Impl::MakeManagers() {
       ZemManager::Settings{[] { return Host().id(); },
                            [options] { return options->Snapshot().vif_operation_timeout; }});
   lum_ = std::make_unique<LumHandler>(MakeLumSettings());
-  ports_ = std::make_unique<PortOpsManager>(*library_, *lum_);
+  ports_ = std::make_unique<PortOpsManager>(*library_, *lum_, [] { return Host().id(); });
   routers_ = std::make_unique<RouterPorts>(*router_library_);
   high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
   mmode_ =

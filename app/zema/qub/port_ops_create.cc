@@ -199,6 +199,8 @@ bool PortOpsManager::SaveNew(const std::string& path, const std::string& dvs, co
   }
   if (SavePortDataFile(path, dvs, port) == 0) return true;
   ZLOG_ERROR("44212", "[PortOp] Error saving port data file for port:%s", port.c_str());
+  // What is there may be of the host that the VM has come from.
+  if (host_id_()) static_cast<void>(ClearPortExtraConfig(dvs, port, port_props::kSavedBy));
   return false;
 }
 

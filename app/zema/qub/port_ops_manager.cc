@@ -35,8 +35,8 @@ void Tell(std::string* error, std::string text) {
 
 }  // namespace
 
-PortOpsManager::PortOpsManager(SwitchLibrary& library, LumCommands& lum)
-    : library_(library), lum_(lum), vif_index_(std::make_unique<VifIndex>()) {}
+PortOpsManager::PortOpsManager(SwitchLibrary& library, LumCommands& lum, HostId host_id)
+    : library_(library), lum_(lum), host_id_(std::move(host_id)), vif_index_(std::make_unique<VifIndex>()) {}
 PortOpsManager::~PortOpsManager() = default;
 
 bool PortOpsManager::CacheTzToDvsMapping() {
@@ -305,8 +305,10 @@ int PortOpsManager::SaveAgain(const char* operation, const std::string& dvs, con
   return -1;
 }
 
-// Both hosts of a VM that moves see its folder, and the port may bear the same name on both.  Who has made it
-// last has the younger cookie; a file older than the port is one that this host could not finish.
+// Both hosts of a VM that moves see its folder, and the port may bear the same name on both.  The file tells
+// who has saved it last.  Another host's is from before the VM came here when this one has never saved its
+// own port, and then the cookies decide, by the hosts' clocks: who has made the port last has the younger
+// one.
 bool PortOpsManager::IsOfAnotherHost(const std::string& path, const std::string& dvs,
                                      const std::string& port) const {
   std::string bytes;
@@ -317,6 +319,12 @@ bool PortOpsManager::IsOfAnotherHost(const std::string& path, const std::string&
     if (value.size() == sizeof(seconds)) std::memcpy(&seconds, value.data(), sizeof(seconds));
     return seconds;
   };
+  const auto saved_by = file.Text(port_props::kSavedBy);
+  if (const auto id = host_id_(); id && saved_by) {
+    if (*saved_by == *id) return false;
+    std::string mark;
+    if (library_.PortTextGet(dvs, port, port_props::kSavedBy, &mark) == 0 && mark == *id) return true;
+  }
   LibraryBuffer own;
   const auto theirs = file.Bytes(port_props::kConnectId);
   if (!theirs || library_.PortDataGet(dvs, port, port_props::kConnectId, &own) != 0) return false;
@@ -334,21 +342,30 @@ int PortOpsManager::SavePortDataFile(const std::string& path, const std::string&
     return -1;
   }
   LibraryBuffer state;
+  DvsData data(library_);
+  const auto id = host_id_();
+  bool marked = true;
   uint32_t result = library_.PersistentPortStateGet(dvs, port, &state);
-  if (result == 0 && without != nullptr) {
-    DvsData data(library_);
-    LibraryBuffer rest;
+  if (result == 0 && (without != nullptr || id)) {
     result = data.Deserialize(state.bytes());
-    if (result == 0) result = data.Remove(without);
-    if (result == 0) result = data.Serialize(&rest);
-    if (result == 0) return WritePortFile(path, rest.bytes()) == 0 ? 0 : -2;
+    if (result == 0 && without != nullptr) result = data.Remove(without);
+    if (result == 0 && id) {
+      marked = data.Text(port_props::kSavedBy) == *id;
+      if (!marked) result = data.UpdateText(port_props::kSavedBy, *id);
+    }
+    LibraryBuffer changed;
+    if (result == 0) result = data.Serialize(&changed);
+    if (result == 0) state = std::move(changed);
   }
   if (result != 0) {
     ZLOG_ERROR("44212", "[PortOp] Failed to get persistent data of port [%s], error code [%s]", port.c_str(),
                SwitchErrorText(result).c_str());
     return -1;
   }
-  return WritePortFile(path, state.bytes()) == 0 ? 0 : -2;
+  if (WritePortFile(path, state.bytes()) != 0) return -2;
+  // A failure is logged; the file says it.
+  if (!marked) static_cast<void>(SetPortExtraConfig(dvs, port, port_props::kSavedBy, *id));
+  return 0;
 }
 
 int PortOpsManager::UpdateExtraConfigInPortDataFile(const std::string& path, const std::string& key,

@@ -42,7 +42,11 @@ struct HostSwitchInfo {
 /// failure of the switch.
 class PortOpsManager {
  public:
-  PortOpsManager(SwitchLibrary& library, LumCommands& lum);
+  /// This host's id; nothing while it has none.
+  using HostId = std::function<std::optional<std::string>()>;
+
+  PortOpsManager(
+      SwitchLibrary& library, LumCommands& lum, HostId host_id = [] { return std::nullopt; });
   ~PortOpsManager();
   PortOpsManager(const PortOpsManager&) = delete;
   PortOpsManager& operator=(const PortOpsManager&) = delete;
@@ -143,8 +147,8 @@ class PortOpsManager {
 
   // --- port files
 
-  /// Writes what the port is into the file, without one of its properties if one is named.  0; -1 without
-  /// path or without state, -2 when it cannot be written.
+  /// Writes what the port is into the file, without one of its properties if one is named, and who this host
+  /// is.  0; -1 without path or without state, -2 when it cannot be written.
   int SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port,
                        const char* without = nullptr);
   /// Changes one property in the file of a port that need not be on a switch; nothing removes it.
@@ -201,6 +205,7 @@ class PortOpsManager {
 
   SwitchLibrary& library_;
   LumCommands& lum_;
+  const HostId host_id_;
   const std::unique_ptr<VifIndex> vif_index_;
   CopyOnWriteMap<std::string, HostSwitchInfo> tz_to_dvs_;
   std::atomic<bool> zones_unanswered_{false};

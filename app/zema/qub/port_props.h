@@ -20,6 +20,8 @@ inline constexpr const char* kLogicalPortId = "com.orlane.port.extraConfig.logic
 inline constexpr const char* kSecurityEnable = "com.orlane.port.extraConfig.security.enable";
 inline constexpr const char* kCrx = "com.orlane.port.extraConfig.vnic.crx";
 inline constexpr const char* kPortOpPending = "com.orlane.port.extraConfig.portOp.pending";
+/// The host that has saved the port last.
+inline constexpr const char* kSavedBy = "com.orlane.port.extraConfig.saved.by";
 inline constexpr const char* kVlan = "com.orlane.vswitch.port.vlan";
 inline constexpr const char* kUplinkTeaming = "com.orlane.vswitch.port.logicalswitch.teaming";
 

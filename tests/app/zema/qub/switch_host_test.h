@@ -5,6 +5,7 @@
 #include <stdlib.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "app/zema/qub/port_description.h"
@@ -76,7 +77,8 @@ class SwitchHostTest : public testing::Test {
   std::unique_ptr<sim::SwitchState> state;
   SwitchLibrary library{BuiltLibrary("libklnPublic.so")};
   FakeLumCommands lum;
-  PortOpsManager ports{library, lum};
+  std::optional<std::string> host_id;
+  PortOpsManager ports{library, lum, [this] { return host_id; }};
 };
 
 }  // namespace zem::zema

@@ -236,6 +236,31 @@ TEST_F(VifDetachTest, FileOfTheHostThatTheVmHasGoneToStays) {
   EXPECT_NE(after, before);
 }
 
+// The clocks of two hosts differ, so they are not asked where the file says whose it is.
+TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
+  host_id = "host-1";
+  const std::string other = "host-2";
+  const std::string file = PortFile("vm1", kOverlay, "lp-1");
+  enum { kOwn, kTheirsAfterOurs, kTheirsBeforeOurs };
+  for (const int whose : {kOwn, kTheirsAfterOurs, kTheirsBeforeOurs}) {
+    SCOPED_TRACE(whose);
+    if (whose == kTheirsBeforeOurs) Fault("DVSKNL_PersistentPortStateGet count=1 ret=0xbad0001");
+    Attach(kVif, "lp-1");
+    if (whose != kOwn) {
+      ASSERT_EQ(ports.UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
+    }
+    const char* const cookie = whose == kOwn ? "\1\1\1\1" : "\xff\xff\xff\x7f";
+    ASSERT_EQ(library.PortDataSet(kOverlay, "lp-1", port_props::kConnectId, cookie), 0U);
+    std::string before;
+    std::string after;
+    ASSERT_EQ(ReadPortFile(file, &before), 0);
+    road.script.push_back(Detached("lp-1", kVif));
+    EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
+    ASSERT_EQ(ReadPortFile(file, &after), 0);
+    EXPECT_EQ(after == before, whose == kTheirsAfterOurs);
+  }
+}
+
 TEST_F(VifDetachTest, ManagerWantsAPortBack) {
   VifRequest request = Request(VifRequest::kRestore);
   request.state_text = "ACTIVE";
