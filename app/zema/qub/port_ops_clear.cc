@@ -84,16 +84,16 @@ int PortOpsManager::ClearExternalId(const std::string& dvs, const std::string& p
         port.c_str(), SwitchErrorText(kSwitchNotFound).c_str());
     return 0;
   }
+  if (!holder.empty()) vif_index_->SetNowhere(holder);
   ZLOG_INFO("[PortOp] Cleared external id from port [%s] successfully", port.c_str());
   return 0;
 }
 
 int PortOpsManager::FindAndClearExistingPortWithVifId(const std::string& ls, const std::string& vif,
                                                       std::string* error) {
-  constexpr const char* kThen = " Clearing port.";
-  std::vector<PortLocation> matching;
-  if (const auto holders = AskIndex(vif, {})) matching = OfNetwork(*holders, ls, kThen);
-  if (matching.empty()) matching = OfNetwork(WalkForVif(vif), ls, kThen);
+  auto holders = AskIndex(vif, {});
+  if (!KnowsAll(holders, vif)) holders = WalkForVif(vif);
+  const auto matching = OfNetwork(*holders, ls, " Clearing port.");
   int result = 0;
   for (const PortLocation& at : matching) {
     if (ClearExternalId(at.dvs, at.port, error) != 0) {

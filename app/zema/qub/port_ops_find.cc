@@ -67,8 +67,15 @@ bool PortOpsManager::ReadVifs(const std::string* vif, std::vector<PortLocation>*
 
 std::vector<PortLocation> PortOpsManager::WalkForVif(const std::string& vif) {
   std::vector<PortLocation> holders;
-  static_cast<void>(ReadVifs(&vif, &holders));
+  if (ReadVifs(&vif, &holders) && holders.empty()) vif_index_->SetNowhere(vif);
   return holders;
+}
+
+// Whether what the index has said of the VIF needs no confirmation by a walk: all its ports are known, as in
+// the second half of a move, or it is on none.
+bool PortOpsManager::KnowsAll(const std::optional<std::vector<PortLocation>>& holders,
+                              const std::string& vif) const {
+  return holders && (!holders->empty() || vif_index_->IsNowhere(vif));
 }
 
 bool PortOpsManager::RefreshVifIndex() {
@@ -112,14 +119,13 @@ std::vector<PortLocation> PortOpsManager::OfNetwork(const std::vector<PortLocati
 }
 
 bool PortOpsManager::FindOnSwitches(const std::string& vif, const std::string& ls, PortLocation* found) {
-  if (const auto holders = AskIndex(vif, {})) {
+  if (const auto holders = AskIndex(vif, {}); KnowsAll(holders, vif)) {
     auto matching = OfNetwork(*holders, ls, "");
     if (matching.size() == 1) {
       *found = std::move(matching.front());
       return true;
     }
-    // All its ports are known, and are of other networks: the second half of a move.
-    if (matching.empty() && !holders->empty()) return false;
+    if (matching.empty()) return false;
   }
   // Of several, the first of the walk is meant.
   auto matching = OfNetwork(WalkForVif(vif), ls, "");

@@ -194,6 +194,7 @@ class PortOpsManager {
   /// What the index says of the VIF's ports beside those of the key `except`, each asked whether it holds it.
   /// Nothing when the index does not know, or is out of date.
   std::optional<std::vector<PortLocation>> AskIndex(const std::string& vif, const std::string& except);
+  bool KnowsAll(const std::optional<std::vector<PortLocation>>& holders, const std::string& vif) const;
   /// The ports of the logical switch among them.
   std::vector<PortLocation> OfNetwork(const std::vector<PortLocation>& holders, const std::string& ls,
                                       const char* then) const;

@@ -11,6 +11,9 @@ namespace {
 
 namespace mi = boost::multi_index;
 
+// With more of them nothing is known to be nowhere for a while.
+constexpr size_t kMostNowhere = 20'000;
+
 struct Entry {
   /// One text for all ports of a switch.
   const std::string* dvs;
@@ -37,6 +40,8 @@ struct VifIndex::Reading::Table {
     }
     entries.insert({&*names.insert(dvs).first, port, vif});
   }
+
+  bool Has(const std::string& vif) const { return entries.get<ByVif>().count(vif) != 0; }
 
   // Of the port's entries those of all VIFs but `kept`, which may be null.
   void Remove(const std::string& dvs, const std::string& port, const std::string* kept) {
@@ -67,6 +72,7 @@ std::optional<std::vector<PortLocation>> VifIndex::Lookup(const std::string& vif
 }
 
 void VifIndex::AddLocked(const Writing& writing) {
+  nowhere_.erase(writing.vif_);
   if (readings_ != 0) notes_.push_back({writing.at_, writing.vif_});
   if (table_ != nullptr) table_->Add(writing.at_.dvs, writing.at_.port, writing.vif_);
 }
@@ -94,6 +100,7 @@ void VifIndex::Forget(const std::string& dvs, const std::string& port) {
 
 void VifIndex::Doubt(const std::string& vif) {
   std::lock_guard lock(lock_);
+  nowhere_.erase(vif);
   if (table_ == nullptr && readings_ == 0) return;
   doubts_[vif] = ++sequence_;
 }
@@ -103,6 +110,19 @@ void VifIndex::Invalidate() {
   ++generation_;
   table_.reset();
   doubts_.clear();
+  nowhere_.clear();
+}
+
+void VifIndex::SetNowhere(const std::string& vif) {
+  std::lock_guard lock(lock_);
+  if (table_ == nullptr || doubts_.contains(vif) || table_->Has(vif)) return;
+  if (nowhere_.size() >= kMostNowhere) nowhere_.clear();
+  nowhere_.insert(vif);
+}
+
+bool VifIndex::IsNowhere(const std::string& vif) const {
+  std::lock_guard lock(lock_);
+  return nowhere_.contains(vif);
 }
 
 size_t VifIndex::size() const {
@@ -139,6 +159,7 @@ void VifIndex::Reading::Install() {
     table_->Add(writing->at_.dvs, writing->at_.port, writing->vif_);
   }
   std::erase_if(index_.doubts_, [this](const auto& doubt) { return doubt.second <= begun_; });
+  std::erase_if(index_.nowhere_, [this](const std::string& vif) { return table_->Has(vif); });
   before = std::exchange(index_.table_, std::move(table_));
 }
 

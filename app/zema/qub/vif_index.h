@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "app/zema/qub/port_location.h"
@@ -24,7 +25,9 @@ namespace zem::zema {
 /// a host configuration done by the host (told by Invalidate), an operator (seen by the next reading, which
 /// each round of the resync makes).  Ports that vanish, with their switch or because the host lost them, need
 /// not be told: their candidates fail the question.  So a VIF without candidates is on no port, except
-/// between a write by somebody else and the next reading.
+/// between a write by somebody else and the next reading.  Who has to clear such a port, too, reads all
+/// ports; not so for a VIF that is known to be nowhere, because a reading has just said so or the agent has
+/// taken it off its last port, until anything is heard of it again.
 ///
 /// Threads: all operations from any thread; the lock is held for memory work only and nothing is called under
 /// it.
@@ -65,6 +68,11 @@ class VifIndex {
   void Doubt(const std::string& vif);
   /// Nothing is known, also not by readings that are under way.
   void Invalidate();
+
+  /// The VIF has been taken off a port that it was on, or a reading has found it on none.
+  void SetNowhere(const std::string& vif);
+  /// False also when only a reading of all ports can tell.
+  bool IsNowhere(const std::string& vif) const;
 
   /// A reading of all ports, which goes on without the lock.
   ///
@@ -113,6 +121,8 @@ class VifIndex {
   std::vector<Written> notes_;
   /// With their place in the sequence.
   std::map<std::string, uint64_t> doubts_;
+  /// None of them has a candidate or a doubt.
+  std::unordered_set<std::string> nowhere_;
 };
 
 }  // namespace zem::zema

@@ -150,6 +150,12 @@ TEST_F(VifIndexTest, AttachAndDetachDoNotGoThroughPorts) {
   PortLocation found;
   std::string path = Vm("vm1");
   ASSERT_EQ(ports.FindPortByVifUuid("vif-2", kLs, &path, &found, &error), 0);
+  // The second half of a move: the VIF is on another network by now.
+  ASSERT_EQ(ports.FindAndClearExistingPortWithVifId("ls-before", "vif-2", &error), 0);
+  ASSERT_EQ(ports.FindAndClearExistingPortWithVifId(kLs, "vif-2", &error), 0);
+  // It has been taken off already, by the manager's own request.
+  path.clear();
+  EXPECT_EQ(ports.FindPortByVifUuid("vif-2", kLs, &path, &found, &error), -1);
   ASSERT_EQ(ports.FindAndClearExistingPortWithVifId(kLs, "vif-2", &error), 0);
   EXPECT_EQ(Lists(), 0U);
   EXPECT_THAT(state->Calls("lp-1"), IsEmpty());
