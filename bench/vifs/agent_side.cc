@@ -35,8 +35,23 @@ AgentSide::AgentSide(World& world)
 AgentSide::~AgentSide() { pool_.Stop(); }
 
 std::vector<double> AgentSide::Attach(const std::vector<Vif>& vifs, size_t outstanding) {
+  return Run(VifRequest::kAttach, World::kLs, vifs, outstanding);
+}
+
+std::vector<double> AgentSide::AttachNext(const std::vector<Vif>& vifs, size_t outstanding) {
+  return Run(VifRequest::kAttach, World::kNextLs, vifs, outstanding);
+}
+
+std::vector<double> AgentSide::DetachFirst(const std::vector<Vif>& vifs, size_t outstanding) {
+  return Run(VifRequest::kDetach, World::kLs, vifs, outstanding);
+}
+
+std::vector<double> AgentSide::Run(int32_t op_code, const char* ls, const std::vector<Vif>& vifs,
+                                   size_t outstanding) {
   {
     const std::lock_guard lock(mutex_);
+    op_code_ = op_code;
+    ls_ = ls;
     vifs_ = &vifs;
     begun_.assign(vifs.size(), 0);
     took_.assign(vifs.size(), 0);
@@ -55,10 +70,11 @@ void AgentSide::Queue(size_t index) {
   auto request = std::make_shared<VifRequest>();
   request->request = std::make_shared<zema::CorvdRequest>();
   request->request->connection = index;
-  request->op_code = VifRequest::kAttach;
-  request->op_id = "op-" + std::to_string(index) + "-1";
+  request->op_code = op_code_;
+  // The steps of one operation on a VM share all but the last number.
+  request->op_id = "op-" + std::to_string(index) + (op_code_ == VifRequest::kDetach ? "-2" : "-1");
   request->vif_id = vif.id;
-  request->ls_id = World::kLs;
+  request->ls_id = ls_;
   request->gcf_path = vif.gcf_path;
   begun_[index] = Now();
   pool_.AddRequest(std::move(request));

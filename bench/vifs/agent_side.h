@@ -26,8 +26,11 @@ class AgentSide {
   explicit AgentSide(World& world);
   ~AgentSide();
 
-  /// Attaches all, `outstanding` at a time, and gives the seconds of each from its queueing to its reply.
+  /// Each gives the seconds of each operation from its queueing to its reply, `outstanding` at a time.
   std::vector<double> Attach(const std::vector<Vif>& vifs, size_t outstanding);
+  /// The halves of a move to the next logical switch: the one there, and the one away from the first.
+  std::vector<double> AttachNext(const std::vector<Vif>& vifs, size_t outstanding);
+  std::vector<double> DetachFirst(const std::vector<Vif>& vifs, size_t outstanding);
 
   zema::PortOpsManager& ports() { return ports_; }
   size_t threads() { return pool_.load().handlers; }
@@ -42,7 +45,7 @@ class AgentSide {
    public:
     explicit Sender(AgentSide& side) : side_(side) {}
     bool SendVIFAttachmentInfo(const Attachment& attachment, std::string*) override {
-      side_.instant_.Ask(attachment.rpc_id, attachment.vif_id, attachment.switch_id);
+      side_.instant_.Ask(attachment.attach, attachment.rpc_id, attachment.vif_id, attachment.switch_id);
       return true;
     }
     bool SendVIFUpdate(const Update&) override { return true; }
@@ -51,6 +54,7 @@ class AgentSide {
     AgentSide& side_;
   };
 
+  std::vector<double> Run(int32_t op_code, const char* ls, const std::vector<Vif>& vifs, size_t outstanding);
   void Queue(size_t index);
   void Replied(const zema::VifRequest& request);
 
@@ -68,6 +72,8 @@ class AgentSide {
   std::mutex mutex_;  // guards what follows
   std::condition_variable done_;
   const std::vector<Vif>* vifs_ = nullptr;
+  int32_t op_code_ = 0;
+  const char* ls_ = nullptr;
   std::vector<double> begun_;
   std::vector<double> took_;
   size_t queued_ = 0;

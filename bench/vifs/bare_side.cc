@@ -66,7 +66,7 @@ std::vector<double> BareSide::Attach(const std::vector<Vif>& vifs, size_t thread
 
 void BareSide::AttachOne(const Vif& vif, size_t number) {
   Waiter& waiter = *waiters_[number];
-  instant_.Ask(std::to_string(number), vif.id, World::kLs);
+  instant_.Ask(true, std::to_string(number), vif.id, World::kLs);
   std::unique_ptr<zema::PortAttached> port;
   {
     std::unique_lock lock(waiter.mutex);

@@ -17,12 +17,32 @@ InstantManager::~InstantManager() {
   thread_.join();
 }
 
-void InstantManager::Ask(const std::string& rpc_id, const std::string& vif, const std::string& ls) {
+void InstantManager::Ask(bool attach, const std::string& rpc_id, const std::string& vif,
+                         const std::string& ls) {
   {
     const std::lock_guard lock(mutex_);
-    questions_.push_back({rpc_id, vif, ls});
+    questions_.push_back({attach, rpc_id, vif, ls});
   }
   asked_.notify_one();
+}
+
+void InstantManager::Fill(const Question& question, zema::PortAttached* port) {
+  // World's numbers of ports.
+  const auto numbered = [&question](char kind) {
+    std::string id = question.vif;
+    id[7] = kind;
+    return id;
+  };
+  const bool moves = question.ls == World::kNextLs;
+  port->vif_id = question.vif;
+  port->port_id = numbered(moves ? '5' : '4');
+  port->switch_id = question.ls;
+  port->zone_id = World::kZone;
+  port->extra_configs["com.orlane.port.extraConfig.vm.tagset"] = "blue";
+  if (!moves) return;
+  port->old_port_id = numbered('4');
+  port->old_switch_id = World::kLs;
+  port->old_zone_id = World::kZone;
 }
 
 void InstantManager::Serve() {
@@ -35,12 +55,7 @@ void InstantManager::Serve() {
     lock.unlock();
     auto port = std::make_unique<zema::PortAttached>();
     port->op_id = question.rpc_id;
-    port->vif_id = question.vif;
-    port->port_id = question.vif;
-    port->port_id[7] = '4';  // World's numbers of ports
-    port->switch_id = question.ls;
-    port->zone_id = World::kZone;
-    port->extra_configs["com.orlane.port.extraConfig.vm.tagset"] = "blue";
+    if (question.attach) Fill(question, port.get());
     answer_(question.rpc_id, std::move(port));
     lock.lock();
   }

@@ -22,15 +22,17 @@ class InstantManager {
   explicit InstantManager(Answer answer);
   ~InstantManager();
 
-  /// The port of a VIF has the VIF's number.
-  void Ask(const std::string& rpc_id, const std::string& vif, const std::string& ls);
+  /// The port of a VIF has the VIF's number.  Of a detach nothing is known, as of one after a move.
+  void Ask(bool attach, const std::string& rpc_id, const std::string& vif, const std::string& ls);
 
  private:
   struct Question {
+    bool attach;
     std::string rpc_id;
     std::string vif;
     std::string ls;
   };
+  static void Fill(const Question& question, zema::PortAttached* port);
   void Serve();
 
   const Answer answer_;

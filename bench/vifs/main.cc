@@ -22,6 +22,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "bench/vifs/agent_side.h"
@@ -35,6 +36,7 @@ namespace {
 constexpr int kRounds = 5;
 constexpr size_t kAttaches = 1000;
 constexpr size_t kOneByOne = 500;
+constexpr size_t kMoves = 500;
 constexpr size_t kThreads = 30;
 constexpr size_t kSizes[] = {100, 1000, 10000};
 
@@ -137,6 +139,7 @@ class Bench {
       const double ours = by_size_[i].ours * 1e6 / kAttaches;
       const double peer = by_size_[i].peer * 1e6 / kAttaches;
       Print("existing-" + std::to_string(kSizes[i]), "us_per_attach", ours, peer, peer / ours);
+      Moves(i);
     }
     const double ours = by_size_[2].ours / by_size_[0].ours;
     const double peer = by_size_[2].peer / by_size_[0].peer;
@@ -202,6 +205,28 @@ class Bench {
     return best;
   }
 
+  // No bare client moves anything: what is beside each figure is the one with the fewest ports.
+  void Moves(size_t size) {
+    double attach = std::numeric_limits<double>::max();
+    double detach = std::numeric_limits<double>::max();
+    for (int round = 0; round < rounds_; ++round) {
+      const auto vifs = world_.NewVifs(kMoves);
+      agent_.Attach(vifs, vifs.size());
+      attach = std::min(attach, Seconds([&] { agent_.AttachNext(vifs, vifs.size()); }));
+      detach = std::min(detach, Seconds([&] { agent_.DetachFirst(vifs, vifs.size()); }));
+      world_.TakeMoved(vifs);
+      world_.Remove(vifs);
+      world_.state().ClearLogs();
+    }
+    if (size == 0) first_move_ = {attach, detach};
+    const auto print = [&](const char* half, double ours, double first) {
+      Print(half + std::to_string(kSizes[size]), "us_per_half", ours * 1e6 / kMoves, first * 1e6 / kMoves,
+            first / ours);
+    };
+    print("move-attach-", attach, first_move_.first);
+    print("move-detach-", detach, first_move_.second);
+  }
+
   void Logged() {
     const LogSocket socket;
     const size_t before = LogSocket::lines;
@@ -258,6 +283,7 @@ class Bench {
   AgentSide agent_;
   BareSide bare_;
   Figures by_size_[std::size(kSizes)];
+  std::pair<double, double> first_move_;
 };
 
 }  // namespace

@@ -68,7 +68,7 @@ std::vector<Vif> World::NewVifs(size_t count) {
   for (size_t i = 0; i < count; ++i, ++vifs_) {
     const std::filesystem::path directory = vms_ / std::to_string(vifs_);
     std::filesystem::create_directories(directory);
-    vifs.push_back({Uuid(3, vifs_), Uuid(4, vifs_), directory / "vm.cfg"});
+    vifs.push_back({Uuid(3, vifs_), Uuid(4, vifs_), directory / "vm.cfg", Uuid(5, vifs_)});
   }
   return vifs;
 }
@@ -77,6 +77,16 @@ void World::Remove(const std::vector<Vif>& vifs) {
   for (const Vif& vif : vifs) {
     Require(sim::ports::Remove(kDvs, vif.port) == 0, "port " + vif.port + " was not there");
     std::filesystem::remove_all(std::filesystem::path(vif.gcf_path).parent_path());
+  }
+}
+
+void World::TakeMoved(const std::vector<Vif>& vifs) {
+  for (const Vif& vif : vifs) {
+    Require(state_->PortProperty(kDvs, vif.next_port, zema::port_props::kExternalId) == vif.id,
+            "port " + vif.next_port + " has not its VIF");
+    Require(!state_->PortProperty(kDvs, vif.port, zema::port_props::kExternalId),
+            "port " + vif.port + " keeps its VIF");
+    Require(sim::ports::Remove(kDvs, vif.next_port) == 0, "port " + vif.next_port + " was not there");
   }
 }
 

@@ -16,6 +16,8 @@ struct Vif {
   std::string id;
   std::string port;
   std::string gcf_path;
+  /// The one that it moves to.
+  std::string next_port;
 };
 
 /// One host switch behind the simulated library, and VMs; all files are in memory where there is such a
@@ -27,6 +29,7 @@ class World {
   static constexpr const char* kDvs = "50 2e 6b 1a 77 c0 41 aa-9d 11 00 00 00 00 00 01";
   static constexpr const char* kZone = "a0000000-0000-4000-8000-0000000000a1";
   static constexpr const char* kLs = "5b0c2a52-6d1c-4d2f-9a55-0c8c5f0f8d01";
+  static constexpr const char* kNextLs = "5b0c2a52-6d1c-4d2f-9a55-0c8c5f0f8d02";
 
   /// Empty: with the others.
   explicit World(const std::string& vms_folder);
@@ -40,6 +43,8 @@ class World {
   std::vector<Vif> NewVifs(size_t count);
   /// Their ports and files go.
   void Remove(const std::vector<Vif>& vifs);
+  /// Each VIF is on its next port and not on the one before; the next port goes.
+  void TakeMoved(const std::vector<Vif>& vifs);
   /// Each port is there, with its VIF, and its file.
   void Check(const std::vector<Vif>& vifs);
 
