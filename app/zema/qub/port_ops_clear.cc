@@ -55,7 +55,7 @@ int PortOpsManager::ClearVifFromPort(const std::string& zone, const std::string&
   if (const auto holder = data.Text(port_props::kExternalId); holder && !vif.empty() && *holder != vif) {
     ZLOG_INFO("[PortOp] Port [%s] holds VIF [%s] by now, not [%s]. Did not clear port.", port.c_str(),
               std::string(*holder).c_str(), vif.c_str());
-    return 0;
+    return force_find ? FindAndClearExistingPortWithVifId(ls, vif, error) : 0;
   }
   ZLOG_INFO("[PortOp] Logical switch matched for port [%s]. Clearing port.", port.c_str());
   return ClearExternalId(dvs, port, error);

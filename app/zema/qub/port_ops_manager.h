@@ -101,7 +101,8 @@ class PortOpsManager {
                             const std::string& new_zone, PortLocation* found, std::string* error);
 
   /// Takes the VIF off the port when the port belongs to the logical switch.  With `force_find` all switches
-  /// are searched when the zone, the port or its state cannot be had.  0 also when there was nothing to do.
+  /// are searched when the zone, the port or its state cannot be had, or the port holds another VIF.  0 also
+  /// when there was nothing to do.
   int ClearVifFromPort(const std::string& zone, const std::string& port, const std::string& ls,
                        const std::string& vif, bool force_find, std::string* error);
   /// On whatever switch it is.

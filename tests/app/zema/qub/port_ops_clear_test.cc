@@ -53,7 +53,8 @@ TEST_F(PortOpsClearTest, OnlyTheMeantPortLosesItsVif) {
       {"z1", "lp-1", "ls-other", kVif, true, kVif, "vif-2"},
       {"z1", "lp-9", kLs, kVif, false, kVif, "vif-2"},
       {"z9", "", "ls-other", kVif, true, kVif, "vif-2"},
-      {"z1", "lp-1", kLs, kVif, false, kNone, "vif-2"},
+      {"z2", "lp-2", kLs, kVif, false, kVif, "vif-2"},
+      {"z2", "lp-2", kLs, kVif, true, kNone, "vif-2"},
       {"z1", "lp-9", kLs, "vif-2", true, kNone, kNone},
       // The port has gone from one VIF to the next before the answer for the first came.
       {"z3", "lp-3", kLs, "vif-3", false, kNone, kNone},
