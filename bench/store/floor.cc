@@ -4,7 +4,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -54,6 +54,24 @@ UniqueFd Connect(const std::string& port) {
   return socket;
 }
 
+// An event loop's wait: the kernel wakes who waits by epoll on another processor, where it can, and who waits
+// for the socket itself on its own.
+class Waiter {
+ public:
+  explicit Waiter(int fd) : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+    epoll_event wanted{};
+    wanted.events = EPOLLIN | EPOLLET;
+    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &wanted) != 0) std::_Exit(1);
+  }
+  bool Wait() {
+    epoll_event event{};
+    return ::epoll_wait(epoll_.get(), &event, 1, -1) == 1;
+  }
+
+ private:
+  const UniqueFd epoll_;
+};
+
 class Floor final : public Subject {
  public:
   Floor() : port_(relay_.Line()), writer_(Connect(port_)) {}
@@ -99,8 +117,8 @@ void Relay() {
   const UniqueFd reader(::accept(listener.get(), nullptr, nullptr));
   NoDelay(writer.get());
   NoDelay(reader.get());
-  pollfd wanted{writer.get(), POLLIN, 0};
-  for (Message message; ::poll(&wanted, 1, -1) == 1 && Receive(writer.get(), &message);) {
+  Waiter waiter(writer.get());
+  for (Message message; waiter.Wait() && Receive(writer.get(), &message);) {
     if (!Send(reader.get(), message) || !Send(writer.get(), Answer())) break;
   }
   std::_Exit(0);
@@ -109,7 +127,8 @@ void Relay() {
 void WatchFloor(const std::string& address, const Watcher& watcher) {
   const UniqueFd socket = Connect(address);
   watcher.complete(0);
-  for (Message message; Receive(socket.get(), &message);) watcher.told(message.number);
+  Waiter waiter(socket.get());
+  for (Message message; waiter.Wait() && Receive(socket.get(), &message);) watcher.told(message.number);
   std::_Exit(0);
 }
 
