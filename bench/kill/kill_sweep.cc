@@ -136,6 +136,18 @@ const std::vector<KillSweep::Operation>& KillSweep::Operations() {
        [](Node n) { n.LiveIn(); }},
       {"relocate", BaseWithVm, [](Node n) { n.Relocate(); }},
       {"restore", BaseWithVm, [](Node n) { n.RestoreByManager(); }},
+      {"security-on",
+       [](Node n) {
+         Base(n);
+         n.HaveSecurityPort(false);
+       },
+       [](Node n) { n.TieSecurityPort(true); }},
+      {"security-off",
+       [](Node n) {
+         Base(n);
+         n.HaveSecurityPort(true);
+       },
+       [](Node n) { n.TieSecurityPort(false); }},
   };
   return operations;
 }

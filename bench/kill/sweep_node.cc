@@ -22,6 +22,7 @@ using sim::TextAt;
 constexpr auto kPause = std::chrono::milliseconds(10);
 constexpr auto kQuestion = std::chrono::milliseconds(300);
 constexpr const char* kHealth = "com.orlane.common.opaqueDvs.status.component.zema";
+constexpr const char* kVifProperty = "com.orlane.port.extraConfig.vnic.external.id";
 constexpr const char* kAnotherHost = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a02";
 
 std::string Lines(const cJSON* list) {
@@ -67,6 +68,7 @@ void SweepNode::BeConfigured(const Shape& shape) {
   if (configured_ && shape == shape_) return;
   SendConfig(shape);
   Settle();
+  MakeSecurityPort();
   if (forgotten_.empty()) return;
   WriteForgottenSwitches();
   Settle();
@@ -77,6 +79,7 @@ void SweepNode::BeRemoved() {
   HaveInterface(false);
   HaveVm(false);
   HaveBystander(false);
+  HaveSecurityPort(false);
   SendRemoval();
   Settle();
 }
@@ -115,7 +118,9 @@ void SweepNode::HaveVmAway() {
 }
 
 void SweepNode::HaveBystander(bool on) {
-  if (on != VmOn("still")) node_.Do(std::string("vm ") + (on ? "power-on" : "power-off") + " still");
+  if (on == VmOn("still")) return;
+  node_.Do(std::string("vm ") + (on ? "power-on" : "power-off") + " still");
+  node_.Do("switch/clear-logs");
 }
 
 void SweepNode::HaveInterface(bool in) {
@@ -123,6 +128,12 @@ void SweepNode::HaveInterface(bool in) {
   Shape shape = shape_;
   shape.interface = in ? Shape::Interface::kIn : Shape::Interface::kOut;
   BeConfigured(shape);
+}
+
+void SweepNode::HaveSecurityPort(bool tied) {
+  if (tied == security_tied_) return;
+  TieSecurityPort(tied);
+  Settle();
 }
 
 // --- Back to quiet
@@ -173,6 +184,9 @@ void SweepNode::Settle() {
     if (Clock::Process().Now() > limit) throw std::runtime_error(text);
     SleepFor(kPause);
   }
+  CheckBystander();
+  // They are read in each round.
+  node_.Do("switch/clear-logs");
 }
 
 std::string SweepNode::StoredChecksum() {
@@ -292,7 +306,12 @@ std::string SweepNode::NetworksDisagreement() {
 
 std::string SweepNode::PeersDisagreement() {
   const Json check = node_.Do("vm check");
-  if (NumberAt(check.get(), "count") != 0) return "VMs:" + Lines(sim::At(check.get(), "lines"));
+  const cJSON* line = nullptr;
+  cJSON_ArrayForEach(line, sim::At(check.get(), "lines")) {
+    // The VM of the port group is none of the host's list.
+    if (std::string(line->valuestring).find("vif-s") == std::string::npos)
+      return std::string("VMs: ") + line->valuestring;
+  }
   if (vm_here_ && VmOn("vm") != vm_on_) return std::string("the VM is ") + (vm_on_ ? "off" : "on");
   const Json broken = node_.Do("switch/violations");
   if (cJSON_GetArraySize(broken.get()) != 0) return "rules of the switch library:" + Lines(broken.get());
@@ -300,6 +319,37 @@ std::string SweepNode::PeersDisagreement() {
   if (NumberAt(wrong.get(), "count") != 0) return "answers:" + Lines(sim::At(wrong.get(), "list"));
   const Json open = node_.Do("corvd/outstanding");
   if (NumberAt(open.get(), "count") != 0) return "unanswered:" + Lines(sim::At(open.get(), "list"));
+  return {};
+}
+
+// Behind each port of it lies the network of a VM that runs.
+void SweepNode::CheckBystander() {
+  const Json still = node_.Do("vm show still");
+  for (const char* const device : {"eth0", "eth1"}) {
+    const std::string port = TextAt(still.get(), std::string("vnics.") + device + ".port");
+    if (port.empty()) continue;
+    const Json calls = node_.Do("switch/calls " + port);
+    const cJSON* call = nullptr;
+    cJSON_ArrayForEach(call, calls.get()) {
+      const std::string text = cJSON_IsString(call) ? call->valuestring : sim::JsonText(call);
+      const bool removed = text.find("PortRemove") != std::string::npos;
+      const bool cleared =
+          text.find("PortDataClear") != std::string::npos && text.find(kVifProperty) != std::string::npos;
+      if (removed || cleared) throw std::runtime_error("a VM that nobody touched lost its network: " + text);
+    }
+  }
+}
+
+std::string SweepNode::SecurityDisagreement() {
+  if (!configured_) return {};
+  const Json ports = node_.Do("switch/ports ks-2 dvp-1");
+  if (IsTied(ports.get()) != security_tied_) return "the port of the port group is" + Lines(ports.get());
+  const Json vifs = node_.Do("manager vif/list dvportgroup-7");
+  if ((NumberAt(vifs.get(), "count") != 0) != security_tied_) return "the manager has" + Lines(vifs.get());
+  return {};
+}
+
+std::string SweepNode::ControllersDisagreement() {
   if (controller_.empty()) return {};
   const std::string file = TextAt(node_.Do("file/read /etc/orlane/zem/controller-info.xml").get(), "text");
   if (file.find("<server>" + controller_ + "</server>") == std::string::npos) {
@@ -315,6 +365,8 @@ std::string SweepNode::Disagreement() {
   std::string text = HostDisagreement();
   if (text.empty()) text = NetworksDisagreement();
   if (text.empty()) text = PeersDisagreement();
+  if (text.empty()) text = SecurityDisagreement();
+  if (text.empty()) text = ControllersDisagreement();
   return text;
 }
 

@@ -14,6 +14,8 @@ namespace zem::bench {
 
 inline constexpr const char* kNodeId = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
 
+inline constexpr const char* kSecondSwitch = "50 2e 6b 1a 77 c0 41 aa-9d 11 00 00 00 00 00 02";
+
 /// What a host configuration of the sweep says.
 struct Shape {
   enum class Interface { kStays, kIn, kOut };
@@ -52,6 +54,8 @@ class SweepNode {
   /// Another VM, which has to keep its ports.
   void HaveBystander(bool on);
   void HaveInterface(bool in);
+  /// A port of a port group, whose VM only wants security of it.
+  void HaveSecurityPort(bool tied);
 
   // Operations: asked for, not waited for.
   void SendConfig(const Shape& shape);
@@ -63,6 +67,7 @@ class SweepNode {
   void SendSwitch();
   void SendControllers();
   void MigrateByFile(bool in);
+  void TieSecurityPort(bool tied);
   void PowerOn();
   void PowerOff();
   void Move();
@@ -106,14 +111,20 @@ class SweepNode {
   void ChangeStore(const std::string& change);
   void ChangeVm(const std::string& command);
   void HealVm();
-  void DetachEverywhere();
+  void MakeSecurityPort();
+  void DetachAgain(const std::string& device, const std::string& network);
   std::string VmPath();
   bool VmOn(const std::string& vm);
+
+  static bool IsTied(const cJSON* ports);
 
   std::string Disagreement();
   std::string NetworksDisagreement();
   std::string HostDisagreement();
   std::string PeersDisagreement();
+  std::string SecurityDisagreement();
+  void CheckBystander();
+  std::string ControllersDisagreement();
 
   sim::NodeProcess node_;
   std::unique_ptr<Background> operation_;
@@ -134,6 +145,7 @@ class SweepNode {
   uint64_t barrier_ = 0;
   uint64_t received_ = 0;  // of the messages that the manager has got
   std::string controller_;
+  bool security_tied_ = false;
   bool vm_on_ = false;
   bool vm_here_ = true;
   std::string away_;  // the folder of the VM that runs on another host

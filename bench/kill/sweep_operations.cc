@@ -267,21 +267,50 @@ void SweepNode::MigrateByFile(bool in) {
       });
 }
 
+// Nobody answers on the socket for vNICs of port groups: the host says again what was not carried out.
+void SweepNode::TieSecurityPort(bool tied) {
+  security_tied_ = tied;
+  const std::string update =
+      std::string("corvd/vnic 'operation: ") + (tied ? "1" : "0") +
+      " vif_attachment { vif_id: \"vif-s\" origin_id: \"dvportgroup-7:" + kSecondSwitch +
+      "\" logical_port_id: \"dvp-1\" gcf_path: \"/vm/s.cfg\" id: \"eth0\" }'";
+  const std::string look = std::string("switch/ports ") + "ks-2 dvp-1";
+  Begin(
+      [update, look, tied](Background::Node& node) {
+        const std::string reason = node.Try(update);
+        return reason.empty() ? node.Until(look, [tied](const cJSON* p) { return IsTied(p) == tied; })
+                              : reason;
+      },
+      [this, update](const std::string& reason) {
+        if (!reason.empty()) Insist(update);
+      });
+}
+
+void SweepNode::MakeSecurityPort() {
+  const Json ports = node_.Do("switch/ports ks-2");
+  if (sim::JsonText(ports.get()).find("dvp-1") == std::string::npos) node_.Do("switch/add-port ks-2 dvp-1");
+}
+
+bool SweepNode::IsTied(const cJSON* ports) {
+  const std::string text = sim::JsonText(ports);
+  return text.find("vif-s") != std::string::npos;
+}
+
 std::string SweepNode::VmPath() { return TextAt(node_.Do("vm show vm").get(), "path"); }
 
-void SweepNode::DetachEverywhere() {
-  for (const char* const network : kNetworks) {
-    for (const char* const vnic : {"eth0", "eth1"}) {
-      Insist("vm ask --opcode 2 again" + std::to_string(++number_) + "-1 vm " + vnic + " vif-" + vnic[3] +
-             " " + network);
-    }
-  }
+// An operation of its own; an empty network is the one that the vNIC has.
+void SweepNode::DetachAgain(const std::string& device, const std::string& network) {
+  Insist("vm ask --opcode 2 again" + std::to_string(++number_) + "-1 vm " + device + " vif-" + device.back() +
+         " " + network);
 }
 
 // A host whose operation did not end well asks for the end of what may be there, and begins anew.
 void SweepNode::HealVm() {
   if (VmOn("vm")) static_cast<void>(node_.Do("vm power-off vm"));
-  DetachEverywhere();
+  for (const char* const network : kNetworks) {
+    DetachAgain("eth0", network);
+    DetachAgain("eth1", network);
+  }
   if (vm_on_) Insist("vm power-on vm");
 }
 
@@ -297,12 +326,28 @@ void SweepNode::PowerOn() {
   Run("vm power-on vm");
 }
 
+// It is off in any case; what was not answered is asked again.
 void SweepNode::PowerOff() {
   vm_on_ = false;
-  ChangeVm("vm power-off vm");
+  Begin([](Background::Node& node) { return node.Try("vm power-off vm"); },
+        [this](const std::string& reason) {
+          if (reason.empty()) return;
+          DetachAgain("eth0", "");
+          DetachAgain("eth1", "");
+        });
 }
 
-void SweepNode::Move() { ChangeVm("vm move vm eth0 app"); }
+void SweepNode::Move() {
+  Begin([](Background::Node& node) { return node.Try("vm move vm eth0 app"); },
+        [this](const std::string& reason) {
+          if (reason.empty()) return;
+          if (TextAt(node_.Do("vm show vm").get(), "vnics.eth0.ls") != "app")
+            return Insist("vm move vm eth0 app");
+          // It is there; whether it has left is not known.
+          DetachAgain("eth0", "web");
+        });
+}
+
 void SweepNode::FailMove() { ChangeVm("vm move-fail vm eth0 db"); }
 
 void SweepNode::LiveOut() {
