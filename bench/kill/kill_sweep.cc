@@ -48,6 +48,7 @@ Shape WithInterface(Shape::Interface interface) {
 void Base(SweepNode& node) {
   node.HaveInterface(false);
   node.BeConfigured({});
+  node.HaveFewSwitches();
   node.HaveBystander(true);
 }
 
@@ -136,6 +137,17 @@ const std::vector<KillSweep::Operation>& KillSweep::Operations() {
        [](Node n) { n.LiveIn(); }},
       {"relocate", BaseWithVm, [](Node n) { n.Relocate(); }},
       {"restore", BaseWithVm, [](Node n) { n.RestoreByManager(); }},
+      {"busy-config", BaseWithVm,
+       [](Node n) {
+         n.PutSwitches();
+         n.Move();
+         n.SendConfig(Rich());
+       }},
+      {"busy-removal", Bare,
+       [](Node n) {
+         n.PutSwitchesUnheard();
+         n.SendRemoval();
+       }},
       {"security-on",
        [](Node n) {
          Base(n);
@@ -268,7 +280,7 @@ bool KillSweep::AwaitDeath() {
       return true;
     }
     const TimePoint now = Clock::Process().Now();
-    if (ended == TimePoint{} && node_->OperationEnded() && node_->Serves()) ended = now;
+    if (ended == TimePoint{} && node_->OperationsEnded() && node_->Serves()) ended = now;
     if (ended != TimePoint{} && now - ended > kCalm) return false;
     if (now - begin > kLongestOperation) return false;
     SleepFor(kLook);

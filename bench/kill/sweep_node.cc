@@ -139,8 +139,11 @@ void SweepNode::HaveSecurityPort(bool tied) {
 // --- Back to quiet
 
 void SweepNode::Begin(Background::Work work, std::function<void(const std::string&)> finish) {
-  finish_ = std::move(finish);
-  operation_ = std::make_unique<Background>(node_.directory(), std::move(work));
+  running_.push_back({std::make_unique<Background>(node_.directory(), std::move(work)), std::move(finish)});
+}
+
+bool SweepNode::OperationsEnded() const {
+  return std::all_of(running_.begin(), running_.end(), [](const Running& each) { return each.work->done(); });
 }
 
 void SweepNode::Run(const std::string& command) {
@@ -172,12 +175,8 @@ void SweepNode::AwaitServing() {
 
 void SweepNode::Settle() {
   AwaitServing();
-  if (operation_) {
-    const std::string reason = operation_->End();
-    operation_.reset();
-    // What the manager asks again is judged with the checksum.
-    std::exchange(finish_, nullptr)(reason);
-  }
+  // What the manager asks again is judged with the checksum.
+  for (Running& each : std::exchange(running_, {})) each.finish(each.work->End());
   SettleConfig();
   const TimePoint limit = Clock::Process().Now() + kPatience;
   for (std::string text = Disagreement(); !text.empty(); text = Disagreement()) {

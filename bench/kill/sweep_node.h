@@ -32,7 +32,7 @@ struct Shape {
 };
 
 /// A node, and what its peers want of it: the manager a configuration or none, the store its logical
-/// switches, the host its VMs.  One operation at a time is under way when the daemon dies; afterwards the
+/// switches, the host its VMs.  An operation, or several, is under way when the daemon dies; afterwards the
 /// peers do what such peers do (they ask again for what was not answered), and all have to agree.
 ///
 /// Threads: one.
@@ -54,6 +54,7 @@ class SweepNode {
   /// Another VM, which has to keep its ports.
   void HaveBystander(bool on);
   void HaveInterface(bool in);
+  void HaveFewSwitches();
   /// A port of a port group, whose VM only wants security of it.
   void HaveSecurityPort(bool tied);
 
@@ -63,6 +64,8 @@ class SweepNode {
   void Reset();
   void SetMaintenance(bool on);
   void PutSwitches();
+  /// Nobody waits for what becomes of them.
+  void PutSwitchesUnheard();
   void DeleteSwitches();
   void SendSwitch();
   void SendControllers();
@@ -79,8 +82,8 @@ class SweepNode {
   /// Nothing but an end and a start of the daemon.
   void Restart();
 
-  /// What was asked for has its outcome.
-  bool OperationEnded() const { return !operation_ || operation_->done(); }
+  /// All that was asked for has its outcome.
+  bool OperationsEnded() const;
   /// The daemon is connected with the host's management.
   bool Serves();
   /// Waits for a daemon that serves again, lets the peers ask again for what was not answered, and checks
@@ -92,6 +95,11 @@ class SweepNode {
     std::string text;
     /// Empty for a removal.
     std::string checksum;
+  };
+
+  struct Running {
+    std::unique_ptr<Background> work;
+    std::function<void(const std::string& reason)> finish;
   };
 
   void Begin(Background::Work work, std::function<void(const std::string& reason)> finish);
@@ -106,6 +114,7 @@ class SweepNode {
   std::string StoredChecksum();
   void SettleConfig();
   void AwaitClean();
+  std::string NewSwitches();
   void WriteForgottenSwitches();
   void ForgetSwitches();
   void ChangeStore(const std::string& change);
@@ -127,8 +136,7 @@ class SweepNode {
   std::string ControllersDisagreement();
 
   sim::NodeProcess node_;
-  std::unique_ptr<Background> operation_;
-  std::function<void(const std::string&)> finish_;
+  std::vector<Running> running_;
 
   int number_ = 0;  // of configurations, and of all that needs a new name
   std::vector<Sent> sent_;

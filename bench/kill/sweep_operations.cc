@@ -188,14 +188,17 @@ void SweepNode::SendControllers() {
 
 // --- The store
 
-void SweepNode::PutSwitches() {
+std::string SweepNode::NewSwitches() {
   const auto first = static_cast<uint32_t>(switches_.empty() ? 1 : *switches_.rbegin() + 1);
-  if (switches_.size() >= 10 * kSwitchesAtOnce) throw std::runtime_error("too many switches");
   ++barrier_;
   for (uint32_t i = 0; i < kSwitchesAtOnce; ++i) switches_.insert(first + i);
-  ChangeStore("switches/put " + std::to_string(kSwitchesAtOnce) + " " + std::to_string(barrier_) + " " +
-              std::to_string(first) + " 2 " + std::to_string(barrier_));
+  return "switches/put " + std::to_string(kSwitchesAtOnce) + " " + std::to_string(barrier_) + " " +
+         std::to_string(first) + " 2 " + std::to_string(barrier_);
 }
+
+void SweepNode::PutSwitches() { ChangeStore(NewSwitches()); }
+
+void SweepNode::PutSwitchesUnheard() { node_.Do("store " + NewSwitches()); }
 
 void SweepNode::DeleteSwitches() {
   const uint32_t first = *switches_.rbegin() + 1 - kSwitchesAtOnce;
@@ -216,6 +219,13 @@ void SweepNode::WriteForgottenSwitches() {
   ++barrier_;
   ChangeStore("switches/put " + std::to_string(count) + " " + std::to_string(barrier_) + " " +
               std::to_string(first) + " 2 " + std::to_string(barrier_));
+}
+
+void SweepNode::HaveFewSwitches() {
+  while (switches_.size() > size_t{2} * kSwitchesAtOnce) {
+    DeleteSwitches();
+    Settle();
+  }
 }
 
 void SweepNode::ChangeStore(const std::string& change) {
