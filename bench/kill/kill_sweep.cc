@@ -92,6 +92,12 @@ const std::vector<KillSweep::Operation>& KillSweep::Operations() {
          n.HaveInterface(true);
        },
        [](Node n) { n.SendConfig(WithInterface(Interface::kOut)); }},
+      {"performance", BaseWithVm,
+       [](Node n) {
+         Shape shape;
+         shape.performance = true;
+         n.SendConfig(shape);
+       }},
       {"removal", Bare, [](Node n) { n.SendRemoval(); }},
       {"reset", Bare, [](Node n) { n.Reset(); }},
       {"maintenance-on", Bare, [](Node n) { n.SetMaintenance(true); }},

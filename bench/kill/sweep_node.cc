@@ -22,6 +22,7 @@ using sim::TextAt;
 constexpr auto kPause = std::chrono::milliseconds(10);
 constexpr auto kQuestion = std::chrono::milliseconds(300);
 constexpr const char* kHealth = "com.orlane.common.opaqueDvs.status.component.zema";
+constexpr const char* kPendingActions = "pendingUserActions\":\"maintenance_mode";
 constexpr const char* kVifProperty = "com.orlane.port.extraConfig.vnic.external.id";
 constexpr const char* kAnotherHost = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a02";
 
@@ -184,6 +185,7 @@ void SweepNode::Settle() {
     SleepFor(kPause);
   }
   CheckBystander();
+  CheckPerformance();
   // They are read in each round.
   node_.Do("switch/clear-logs");
 }
@@ -337,6 +339,18 @@ void SweepNode::CheckBystander() {
       if (removed || cleared) throw std::runtime_error("a VM that nobody touched lost its network: " + text);
     }
   }
+}
+
+// What waits for the host's maintenance is said on the switch, and is carried out when that comes.
+void SweepNode::CheckPerformance() {
+  if (!std::exchange(performance_waits_, false)) return;
+  const auto waits = [](const cJSON* switches) {
+    return sim::JsonText(switches).find(kPendingActions) != std::string::npos;
+  };
+  node_.Await("switch/list", kPatience, waits);
+  node_.Do("host set maintenance true");
+  node_.Await("switch/list", kPatience, [waits](const cJSON* switches) { return !waits(switches); });
+  node_.Do("host set maintenance false");
 }
 
 std::string SweepNode::SecurityDisagreement() {

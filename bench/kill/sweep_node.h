@@ -25,6 +25,8 @@ struct Shape {
   bool two_uplinks = false;
   bool third_switch = false;
   bool second_router = false;
+  /// Settings that wait for the host to be in maintenance.
+  bool performance = false;
   /// What becomes of the management interface.
   Interface interface = Interface::kStays;
 
@@ -114,6 +116,7 @@ class SweepNode {
   std::string StoredChecksum();
   void SettleConfig();
   void AwaitClean();
+  void Again(const std::string& command, const std::function<bool(const cJSON*)>& good);
   std::string NewSwitches();
   void WriteForgottenSwitches();
   void ForgetSwitches();
@@ -133,6 +136,7 @@ class SweepNode {
   std::string PeersDisagreement();
   std::string SecurityDisagreement();
   void CheckBystander();
+  void CheckPerformance();
   std::string ControllersDisagreement();
 
   sim::NodeProcess node_;
@@ -154,6 +158,7 @@ class SweepNode {
   uint64_t received_ = 0;  // of the messages that the manager has got
   std::string controller_;
   bool security_tied_ = false;
+  bool performance_waits_ = false;
   bool vm_on_ = false;
   bool vm_here_ = true;
   std::string away_;  // the folder of the VM that runs on another host
