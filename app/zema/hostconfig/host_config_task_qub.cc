@@ -154,7 +154,8 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   // A switch that an earlier process knew may not be in this one's record any more.
   routers_before_.merge(RouterMacTexts(context_->health.dvs_vdr_macs()));
   // If the mark cannot be written, the configuration's own file cannot either, and its error is told.
-  context_->files.BeginApply(Mark(reset));
+  mark_ = Mark(reset);
+  context_->files.BeginApply(mark_);
   Persist();
   switches = ConfigureSwitches(upgrade, reset, extra_config);
   if (switches != Switches::kFailed) {
@@ -223,6 +224,7 @@ UnfinishedApply HostConfigTaskQub::Mark(bool reset) const {
   mark.correlation_id = correlation_id_;
   mark.reply_to = reply_to_;
   mark.routers_before = routers_before_;
+  mark.leaving_vifs = left_before_;
   mark.migration_request = migration_request_;
   mark.migration_result_file = migration_result_file_;
   return mark;
@@ -247,6 +249,7 @@ std::vector<std::string> HostConfigTaskQub::ErrorTexts() const {
 bool HostConfigTaskQub::Finish(const UnfinishedApply& unfinished) {
   finishing_ = true;
   routers_before_ = unfinished.routers_before;
+  left_before_ = unfinished.leaving_vifs;
   migration_request_ = unfinished.migration_request;
   migration_result_file_ = unfinished.migration_result_file;
   ApplyHostConfig(false, unfinished.kind == UnfinishedApply::Kind::kReset);
@@ -328,6 +331,14 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
     const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
     return leave(vif, kept, error);
   };
+  settings.leaving = [this](const std::vector<std::string>& vifs) {
+    std::set<std::string> all(mark_.leaving_vifs.begin(), mark_.leaving_vifs.end());
+    all.insert(vifs.begin(), vifs.end());
+    mark_.leaving_vifs.assign(all.begin(), all.end());
+    // If it cannot be written, they stay on their ports only if this process ends now.
+    static_cast<void>(context_->files.BeginApply(mark_));
+  };
+  settings.left_before = left_before_;
   settings.set_del_zem_running = [this](bool on) { context_->state.del_zem_running = on; };
   settings.flush_desired_config = [this] {
     if (context_->store != nullptr) context_->store->FlushDesiredConfig();
