@@ -26,7 +26,8 @@ struct UnfinishedApply {
     kReset,          ///< the host's own removal of everything
   };
   Kind kind = Kind::kConfiguration;
-  /// The message in wire format.  Empty for a configuration, whose file has it, and for a reset.
+  /// The message in wire format.  Empty for a configuration of the manager's, whose file has it, and for a
+  /// reset.
   std::string message;
   /// The bus header that the message came with, and whom it is for.
   std::string header;

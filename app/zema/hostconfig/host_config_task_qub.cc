@@ -219,6 +219,9 @@ UnfinishedApply HostConfigTaskQub::Mark(bool reset) const {
     // Its file goes before the switches do.
     mark.kind = Kind::kRemoval;
     mark.message = message_.SerializeAsString();
+  } else if (!migration_request_.empty()) {
+    // Nobody asks for it again, so that it begins with the mark and not with the stored message.
+    mark.message = message_.SerializeAsString();
   }
   mark.header = header_;
   mark.correlation_id = correlation_id_;
@@ -455,11 +458,14 @@ bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
   const auto unfinished = context->files.ApplyUnfinished();
   if (!unfinished) return true;
   switching::HostConfigMsg message;
-  const std::string& removal = unfinished->message;
-  auto in_store = HostConfigTaskQub::InStore::kYes;
+  const bool read = message.ParseFromString(unfinished->message);
+  // The store has what the manager sent, and nothing that the host asked for.
+  bool in_store = !unfinished->message.empty();
   if (unfinished->kind == Kind::kConfiguration) {
+    in_store = unfinished->migration_request.empty();
     std::string error;
-    if (!context->files.RetrieveHostConfigMsgFromFile(&message, &error)) {
+    if ((!read || !message.has_transport_node_id()) &&
+        !context->files.RetrieveHostConfigMsgFromFile(&message, &error)) {
       ZLOG_ERROR("41531", "[%s] the configuration that was under way cannot be finished: %s", __func__,
                  error.c_str());
       context->files.EndApply();
@@ -468,12 +474,12 @@ bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
     ZLOG_INFO("[%s] HostConfigMsg [%s] revision [%s] was under way when the agent ended, applying it again",
               __func__, message.id().c_str(), message.revision().c_str());
   } else {
-    if (removal.empty()) in_store = HostConfigTaskQub::InStore::kNo;
-    if (!message.ParseFromString(removal)) ZLOG_WARN("[%s] the message of the removal is lost", __func__);
+    if (!read) ZLOG_WARN("[%s] the message of the removal is lost", __func__);
     ZLOG_INFO("[%s] the removal of this node was under way when the agent ended, finishing it", __func__);
   }
-  HostConfigTaskQub task(context, nullptr, unfinished->correlation_id, unfinished->reply_to,
-                         std::move(message), in_store, unfinished->header);
+  HostConfigTaskQub task(
+      context, nullptr, unfinished->correlation_id, unfinished->reply_to, std::move(message),
+      in_store ? HostConfigTaskQub::InStore::kYes : HostConfigTaskQub::InStore::kNo, unfinished->header);
   try {
     return task.Finish(*unfinished);
   } catch (const std::exception& e) {
