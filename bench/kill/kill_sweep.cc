@@ -123,6 +123,8 @@ const std::vector<KillSweep::Operation>& KillSweep::Operations() {
        [](Node n) {
          BaseWithVm(n);
          n.HaveInterface(true);
+         // What the manager says last leaves the interface to the tool.
+         n.BeConfigured({});
        },
        [](Node n) { n.MigrateByFile(false); }},
       {"power-on",

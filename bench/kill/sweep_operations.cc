@@ -41,7 +41,11 @@ std::string SwitchText(int number, const std::string& zone, bool overlay, const 
   if (shape.two_uplinks && number != 3) {
     text += " pnic { device_name: \"vmnic" + std::to_string(number * 2) + "\" uplink_name: \"u2\" }";
   }
-  text += " profiles { uplink_profile { active_uplink { name: \"u1\" } standby_uplink { name: \"u2\" } } }";
+  text += " profiles { uplink_profile { active_uplink { name: \"u1\" } standby_uplink { name: \"u2\" } }";
+  if (shape.performance && number == 1) {
+    text += " high_performance_profile { config { type: HIGH_PERFORMANCE_CONFIG_1 } }";
+  }
+  text += " }";
   if (!overlay) return text + " }";
   text += " overlay: true static_address: true transport_vlan: 150 default_gateway: \"172.16." + n +
           ".1\" subnet_mask: \"255.255.255.0\"";
