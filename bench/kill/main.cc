@@ -3,6 +3,11 @@
 // come, move and go ("vifs"), what the host and the manager have of them.
 //
 // bench_kill [vifs] [ROUNDS] [--seconds N] [--seed N]
+//
+// Or at chosen ones: at each step of each kind of operation, and once more in the recovery
+// (docs/world-test.md).
+//
+// bench_kill sweep [OPERATION...] [OPTIONS]
 
 #include <algorithm>
 #include <cstdio>
@@ -13,6 +18,7 @@
 #include <string>
 
 #include "bench/build_folder.h"
+#include "bench/kill/kill_sweep.h"
 #include "bench/kill/stream.h"
 #include "bench/kill/vif_stream.h"
 #include "platform/core/thread.h"
@@ -106,9 +112,75 @@ void RunVifs(const Limits& limits, int* round) {
       static_cast<unsigned long long>(stream.alone()), stream.drafts(), most_resyncs, SecondsSince(begin));
 }
 
+constexpr const char* kSweepUsage =
+    "usage: bench_kill sweep [OPERATION...] [OPTIONS]\n"
+    "  --from N, --to N, --every N   which steps of the operation (all)\n"
+    "  --when before|after|both      the daemon dies before or after the step (both)\n"
+    "  --second-every N              every so many kills there is another in the recovery (4; 0: never)\n"
+    "  --second-at N                 after every kill, at this step of the recovery\n"
+    "  --seconds N                   begins no more kills after so long\n"
+    "  --seed N                      of the steps of second kills (1)\n"
+    "  --clock-factor N              how much faster than the machine the node lives (20)\n"
+    "  --list                        prints the steps of each operation\n"
+    "  --verbose                     prints each kill\n"
+    "  --logs FOLDER                 keeps the daemon's log of each failure\n"
+    "operations:";
+
+int SweepUsage() {
+  std::fputs(kSweepUsage, stderr);
+  for (const std::string& name : zem::bench::KillSweep::OperationNames())
+    std::fprintf(stderr, " %s", name.c_str());
+  std::fputs("\n", stderr);
+  return 2;
+}
+
+int RunSweep(const std::vector<std::string>& words) {
+  zem::bench::KillSweep::Options options;
+  const auto names = zem::bench::KillSweep::OperationNames();
+  for (size_t i = 0; i < words.size(); ++i) {
+    const std::string& word = words[i];
+    const auto value = [&] { return i + 1 < words.size() ? words[++i] : std::string(); };
+    const auto number = [&] { return static_cast<uint32_t>(std::strtoul(value().c_str(), nullptr, 10)); };
+    if (word == "--from") {
+      options.from = number();
+    } else if (word == "--to") {
+      options.to = number();
+    } else if (word == "--every") {
+      options.every = std::max(1U, number());
+    } else if (word == "--when") {
+      const std::string when = value();
+      options.before = when != "after";
+      options.after = when != "before";
+    } else if (word == "--second-every") {
+      options.second_every = number();
+    } else if (word == "--second-at") {
+      options.second_at = number();
+    } else if (word == "--seconds") {
+      options.seconds = number();
+    } else if (word == "--seed") {
+      options.seed = number();
+    } else if (word == "--clock-factor") {
+      options.clock_factor = static_cast<int>(number());
+    } else if (word == "--list") {
+      options.list = true;
+    } else if (word == "--verbose") {
+      options.verbose = true;
+    } else if (word == "--logs") {
+      options.logs = value();
+    } else if (std::find(names.begin(), names.end(), word) != names.end()) {
+      options.operations.push_back(word);
+    } else {
+      return SweepUsage();
+    }
+  }
+  return zem::bench::KillSweep(options).Run() == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  if (argc > 1 && std::strcmp(argv[1], "sweep") == 0) return RunSweep({argv + 2, argv + argc});
   Limits limits;
   auto* run = &RunConfigurations;
   for (int i = 1; i < argc; ++i) {
@@ -122,7 +194,6 @@ int main(int argc, char** argv) {
       limits.rounds = std::atoi(argv[i]);
     }
   }
-  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   std::printf("seed %llu\n", static_cast<unsigned long long>(limits.seed));
   int round = 0;
   try {

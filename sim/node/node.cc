@@ -15,6 +15,7 @@
 #include "sim/dataplane/dataplane_agent.h"
 #include "sim/dataplane/dataplane_commands.h"
 #include "sim/host/host_commands.h"
+#include "sim/killpoints/kill_page.h"
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
 #include "sim/node/raw_sockets.h"
@@ -73,6 +74,12 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
   machines_ = std::make_unique<VirtualMachines>(*host_management_, host_state_.VmFile());
   daemon_ = std::make_unique<DaemonProcess>(kDaemonPath, std::string(kNodeDirectory) + "/daemon.out");
   daemon_->SetEnvironment("LD_LIBRARY_PATH", kLoadedLibraries);
+  const std::string kill_page = std::string(kNodeDirectory) + "/kill-page";
+  kill_switch_ = std::make_unique<KillSwitch>(kill_page);
+  if (const std::string library = KillSwitch::Library(); !library.empty()) {
+    daemon_->SetEnvironment("LD_PRELOAD", library);
+    daemon_->SetEnvironment(kKillPageVariable, kill_page);
+  }
   if (const char* const factor = std::getenv(kClockFactorVariable)) {
     daemon_->SetEnvironment(kClockFactorVariable, factor);
   }

@@ -12,6 +12,7 @@
 #include "sim/node/health_sink.h"
 #include "sim/node/host_management.h"
 #include "sim/node/host_setup.h"
+#include "sim/node/kill_switch.h"
 #include "sim/node/log_sink.h"
 #include "sim/node/virtual_machines.h"
 #include "sim/store/store_daemon.h"
@@ -86,6 +87,7 @@ class Node {
   std::unique_ptr<HostManagement> host_management_;
   std::unique_ptr<VirtualMachines> machines_;
   EdgeService edge_;
+  std::unique_ptr<KillSwitch> kill_switch_;
   std::unique_ptr<DaemonProcess> daemon_;
 
   CommandTable store_commands_;

@@ -318,6 +318,35 @@ void ShowDiff(const Manager& manager, const HostState& host, const Arguments& ar
   reply.Ok(std::move(result));
 }
 
+// Kills the daemon at a step that it has not done yet.
+void OrderKill(KillSwitch& kill_switch, const Arguments& arguments, const Reply& reply) {
+  if (KillSwitch::Library().empty()) return reply.Fail("this build counts no steps");
+  if (arguments[0] == "never") {
+    kill_switch.Disarm();
+    return reply.Ok();
+  }
+  const auto step = NumberOf<uint32_t>(arguments[0]);
+  const std::string when = arguments.size() > 1 ? arguments[1] : "before";
+  if (!step || (when != "before" && when != "after")) return reply.Fail("a number, before or after");
+  kill_switch.Arm(*step, when == "after");
+  reply.Ok();
+}
+
+void ShowSteps(const KillSwitch& kill_switch, const Arguments& arguments, const Reply& reply) {
+  const auto count = NumberOf<uint32_t>(arguments.empty() ? "0" : arguments[0]);
+  if (!count) return reply.Fail("how many?");
+  const KillSwitch::State state = kill_switch.state();
+  Json last = JsonArray();
+  for (const std::string& step : kill_switch.LastSteps(*count)) AddItem(last.get(), step);
+  Json result = JsonObject();
+  AddMember(result.get(), "armed", state.armed);
+  AddMember(result.get(), "killed", state.killed);
+  AddMember(result.get(), "step", state.step);
+  AddMember(result.get(), "steps", state.steps);
+  AddMember(result.get(), "last", std::move(last));
+  reply.Ok(std::move(result));
+}
+
 // A peer's table under one word.
 void Forward(CommandTable& table, const char* name, const char* help, const CommandTable& to) {
   Command command;
@@ -395,6 +424,19 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   [n](const Arguments& arguments, const Reply& reply) {
                     n->daemon_->SetEnvironment(arguments[0], arguments.size() > 1 ? arguments[1] : "");
                     reply.Ok();
+                  }});
+  table.Register(
+      {"daemon/kill-at", "STEP|never [before|after]",
+       "Steps count from 1 again, and the daemon is killed before (after) this one, also if it is started "
+       "later; 0 only counts, never takes it back.",
+       1, 2, [n](const Arguments& arguments, const Reply& reply) {
+         OrderKill(*n->kill_switch_, arguments, reply);
+       }});
+  table.Register({"daemon/steps", "[COUNT]",
+                  "Shows how many steps the daemon did since \"daemon/kill-at\", the last ones by name, and "
+                  "the one at which it was killed.",
+                  0, 1, [n](const Arguments& arguments, const Reply& reply) {
+                    ShowSteps(*n->kill_switch_, arguments, reply);
                   }});
   RegisterLogCommands(table, *n->log_);
   table.Register({"health", "", "Shows what the daemon reports to the node's health service.", 0, 0,

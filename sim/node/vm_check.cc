@@ -80,8 +80,15 @@ class Check {
 
   void CheckFiles(const VirtualMachine& machine) {
     for (const PortPlace& place : PortFiles(machine.folder())) {
-      if (!ReadPortFile(machine.folder(), place)) {
+      const auto written = ReadPortFile(machine.folder(), place);
+      if (!written) {
         Say(machine.name + ": the file of port " + place.port + " is torn");
+        continue;
+      }
+      // It would give the port that VIF when the port is made anew, and the VIF a second port.
+      if (const auto use = ReadPortUse(place); use && !written->vif.empty() && use->vif != written->vif) {
+        Say(machine.name + ": the file of port " + place.port + " keeps VIF " + written->vif +
+            ", the port has [" + use->vif + "]");
       }
     }
   }

@@ -11,6 +11,11 @@
 
 #include "sim/switch/state_tree.h"
 
+// There when the caller is killed at chosen steps (sim/killpoints).
+extern "C" __attribute__((weak, visibility("default"))) void zem_kill_point_begin(const char* function,
+                                                                                  const char* subject);
+extern "C" __attribute__((weak, visibility("default"))) void zem_kill_point_end();
+
 namespace zem::sim {
 namespace {
 
@@ -67,9 +72,24 @@ bool StillHangs(const CallSubject& subject) {
                      [&](const FaultRule& rule) { return rule.hang && rule.Matches(subject); });
 }
 
+// What only reads, or works on the caller's own memory, leaves nothing behind.
+bool ChangesHost(std::string_view function) {
+  constexpr std::string_view kHarmless[] = {"DVSData_", "DVSState_", "Get", "Find", "List", "Release"};
+  return std::none_of(std::begin(kHarmless), std::end(kHarmless),
+                      [&](std::string_view part) { return function.find(part) != std::string_view::npos; });
+}
+
+void BeginKillPoint(const CallSubject& subject) {
+  if (zem_kill_point_begin == nullptr) return;
+  std::string text = subject.port != nullptr ? subject.port : subject.dvs != nullptr ? subject.dvs : "";
+  if (subject.property != nullptr) text.append(" ").append(subject.property);
+  zem_kill_point_begin(ChangesHost(subject.function) ? subject.function : nullptr, text.c_str());
+}
+
 }  // namespace
 
 LibraryCall::LibraryCall(const CallSubject& subject) : subject_(subject) {
+  BeginKillPoint(subject);
   clock_gettime(CLOCK_MONOTONIC, &start_);
   const auto fault = TakeFault(subject);
   if (!fault) return;
@@ -96,6 +116,7 @@ LibraryCall::~LibraryCall() {
   if (subject_.property != nullptr) AppendText(&line, "prop", subject_.property);
   std::snprintf(head, sizeof(head), ",\"length\":%u,\"result\":\"0x%x\"}\n", length_, result_);
   calls.Write(tree::CallsFile(), line + head);
+  if (zem_kill_point_end != nullptr) zem_kill_point_end();
   errno = error;
 }
 

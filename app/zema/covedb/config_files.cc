@@ -131,6 +131,7 @@ bool ConfigFiles::BeginApply(const UnfinishedApply& apply) {
     AddRecord("switch", id, &text);
     AddRecord("router", mac, &text);
   }
+  for (const std::string& vif : apply.leaving_vifs) AddRecord("leaving_vif", vif, &text);
   std::string reason;
   if (WriteFileWhole(ApplyMark(), text, &reason) == FileWrite::kDone) return true;
   ZLOG_ERROR("44062", "[%s] Failed to write to the host config file [%s], error [%s].\n", __func__,
@@ -170,6 +171,7 @@ std::optional<UnfinishedApply> ConfigFiles::ApplyUnfinished() const {
     if (name == "migration_result_file") apply.migration_result_file = value;
     if (name == "switch") switch_id = value;
     if (name == "router") apply.routers_before[switch_id] = value;
+    if (name == "leaving_vif") apply.leaving_vifs.emplace_back(value);
   }
   return apply;
 }

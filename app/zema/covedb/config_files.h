@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace google::protobuf {
 class MessageLite;
@@ -25,7 +26,8 @@ struct UnfinishedApply {
     kReset,          ///< the host's own removal of everything
   };
   Kind kind = Kind::kConfiguration;
-  /// The message in wire format.  Empty for a configuration, whose file has it, and for a reset.
+  /// The message in wire format.  Empty for a configuration of the manager's, whose file has it, and for a
+  /// reset.
   std::string message;
   /// The bus header that the message came with, and whom it is for.
   std::string header;
@@ -33,6 +35,8 @@ struct UnfinishedApply {
   std::string reply_to;
   /// Texts of the routers' MAC addresses before it, by switch id; empty: no router.
   std::map<std::string, std::string> routers_before;
+  /// VIFs of the interfaces that the host was asked to move out of the switches.
+  std::vector<std::string> leaving_vifs;
   /// For a migration that a file asks for: its request id, and the file in which its outcome is awaited.
   std::string migration_request;
   std::string migration_result_file;

@@ -154,7 +154,8 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   // A switch that an earlier process knew may not be in this one's record any more.
   routers_before_.merge(RouterMacTexts(context_->health.dvs_vdr_macs()));
   // If the mark cannot be written, the configuration's own file cannot either, and its error is told.
-  context_->files.BeginApply(Mark(reset));
+  mark_ = Mark(reset);
+  context_->files.BeginApply(mark_);
   Persist();
   switches = ConfigureSwitches(upgrade, reset, extra_config);
   if (switches != Switches::kFailed) {
@@ -218,11 +219,15 @@ UnfinishedApply HostConfigTaskQub::Mark(bool reset) const {
     // Its file goes before the switches do.
     mark.kind = Kind::kRemoval;
     mark.message = message_.SerializeAsString();
+  } else if (!migration_request_.empty()) {
+    // Nobody asks for it again, so that it begins with the mark and not with the stored message.
+    mark.message = message_.SerializeAsString();
   }
   mark.header = header_;
   mark.correlation_id = correlation_id_;
   mark.reply_to = reply_to_;
   mark.routers_before = routers_before_;
+  mark.leaving_vifs = left_before_;
   mark.migration_request = migration_request_;
   mark.migration_result_file = migration_result_file_;
   return mark;
@@ -247,6 +252,7 @@ std::vector<std::string> HostConfigTaskQub::ErrorTexts() const {
 bool HostConfigTaskQub::Finish(const UnfinishedApply& unfinished) {
   finishing_ = true;
   routers_before_ = unfinished.routers_before;
+  left_before_ = unfinished.leaving_vifs;
   migration_request_ = unfinished.migration_request;
   migration_result_file_ = unfinished.migration_result_file;
   ApplyHostConfig(false, unfinished.kind == UnfinishedApply::Kind::kReset);
@@ -328,6 +334,14 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
     const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
     return leave(vif, kept, error);
   };
+  settings.leaving = [this](const std::vector<std::string>& vifs) {
+    std::set<std::string> all(mark_.leaving_vifs.begin(), mark_.leaving_vifs.end());
+    all.insert(vifs.begin(), vifs.end());
+    mark_.leaving_vifs.assign(all.begin(), all.end());
+    // If it cannot be written, they stay on their ports only if this process ends now.
+    static_cast<void>(context_->files.BeginApply(mark_));
+  };
+  settings.left_before = left_before_;
   settings.set_del_zem_running = [this](bool on) { context_->state.del_zem_running = on; };
   settings.flush_desired_config = [this] {
     if (context_->store != nullptr) context_->store->FlushDesiredConfig();
@@ -444,11 +458,14 @@ bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
   const auto unfinished = context->files.ApplyUnfinished();
   if (!unfinished) return true;
   switching::HostConfigMsg message;
-  const std::string& removal = unfinished->message;
-  auto in_store = HostConfigTaskQub::InStore::kYes;
+  const bool read = message.ParseFromString(unfinished->message);
+  // The store has what the manager sent, and nothing that the host asked for.
+  bool in_store = !unfinished->message.empty();
   if (unfinished->kind == Kind::kConfiguration) {
+    in_store = unfinished->migration_request.empty();
     std::string error;
-    if (!context->files.RetrieveHostConfigMsgFromFile(&message, &error)) {
+    if ((!read || !message.has_transport_node_id()) &&
+        !context->files.RetrieveHostConfigMsgFromFile(&message, &error)) {
       ZLOG_ERROR("41531", "[%s] the configuration that was under way cannot be finished: %s", __func__,
                  error.c_str());
       context->files.EndApply();
@@ -457,12 +474,12 @@ bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
     ZLOG_INFO("[%s] HostConfigMsg [%s] revision [%s] was under way when the agent ended, applying it again",
               __func__, message.id().c_str(), message.revision().c_str());
   } else {
-    if (removal.empty()) in_store = HostConfigTaskQub::InStore::kNo;
-    if (!message.ParseFromString(removal)) ZLOG_WARN("[%s] the message of the removal is lost", __func__);
+    if (!read) ZLOG_WARN("[%s] the message of the removal is lost", __func__);
     ZLOG_INFO("[%s] the removal of this node was under way when the agent ended, finishing it", __func__);
   }
-  HostConfigTaskQub task(context, nullptr, unfinished->correlation_id, unfinished->reply_to,
-                         std::move(message), in_store, unfinished->header);
+  HostConfigTaskQub task(
+      context, nullptr, unfinished->correlation_id, unfinished->reply_to, std::move(message),
+      in_store ? HostConfigTaskQub::InStore::kYes : HostConfigTaskQub::InStore::kNo, unfinished->header);
   try {
     return task.Finish(*unfinished);
   } catch (const std::exception& e) {

@@ -93,6 +93,9 @@ class HostConfigTaskQub : public HostConfigTask {
   RealizationOptions options_;
   KnlMigrationMap migration_map_;
   LeavingSwitches::RouterMacs routers_before_;
+  /// VIFs that left their switches, perhaps, when an earlier process ended.
+  std::vector<std::string> left_before_;
+  UnfinishedApply mark_;
   VtepOutcome vteps_;
   bool hot_swap_ = false;
   bool finishing_ = false;

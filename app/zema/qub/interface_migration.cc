@@ -124,6 +124,7 @@ bool InterfaceMigration::MigrateToPLN(const Config& config, const KnlMigrationMa
                                     [&id = id](const HostSwitch& candidate) { return candidate.id() == id; });
     if (!MigrateOut(found == switches.end() ? nullptr : &*found, id, migration)) return false;
   }
+  for (const std::string& vif : settings_.left_before) LeavePorts(vif, "");
   return true;
 }
 
@@ -138,6 +139,12 @@ bool InterfaceMigration::MigrateOut(const HostSwitch* host_switch, const std::st
             parts->options.c_str());
   int result = LumCommands::kFailed;
   std::vector<std::string> left;
+  // A kernel interface's VIF is known from the host's list, a vNIC's from what the host asks meanwhile.
+  std::vector<std::string> leaving;
+  for (const auto* entry : migration.to_pln) {
+    if (!entry->previous_vif_id().empty()) leaving.push_back(entry->previous_vif_id());
+  }
+  if (!leaving.empty()) settings_.leaving(leaving);
   {
     MigrationRecord::Scope running(record_, MigrationRecord::Kind::kToPln);
     result =
@@ -147,8 +154,7 @@ bool InterfaceMigration::MigrateOut(const HostSwitch* host_switch, const std::st
   if (result != LumCommands::kSucceeded)
     return Refuse("42018", "MigrateOutofLS(" + id + ") failed: [" + reply + "]");
   ZLOG_INFO("%s knls out of dvs [%s] completed successfully\n", "MigrateToPLN", id.c_str());
-  // A kernel interface's VIF is known from the host's list, a vNIC's from what the host asked meanwhile.
-  for (const auto* entry : migration.to_pln) left.push_back(entry->previous_vif_id());
+  left.insert(left.end(), leaving.begin(), leaving.end());
   for (const std::string& vif : left) LeavePorts(vif, "");
   return true;
 }

@@ -31,6 +31,11 @@ struct InterfaceMigrationSettings {
                      std::string* error)>
       leave_port = [](const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg&, const std::string&,
                       std::string*) { return true; };
+  /// Told before the host is asked to move the interfaces with these VIFs out: once they have moved, its list
+  /// of interfaces does not name the VIFs any more.
+  std::function<void(const std::vector<std::string>& vifs)> leaving = [](const std::vector<std::string>&) {};
+  /// What an earlier process was told by `leaving`, and may not have cleared.
+  std::vector<std::string> left_before;
   /// Takes the VIF off every port but `kept`.
   std::function<bool(const std::string& vif, const std::string& kept, std::string* error)> leave_ports =
       [](const std::string&, const std::string&, std::string*) { return true; };

@@ -59,15 +59,19 @@ TEST_F(HostConfigTest, AMigrationByFileThatWasCutHasItsOutcomeInTheEnd) {
   script.before = [&](const std::string& asked) {
     if (asked.starts_with("migrateToLS")) mark = dir.Read("host_config.bin.applying");
   };
+  const std::string stored = dir.Read("host_config.bin");
   VnicMigrationTask(process->context, settings, false, true).Run();
   EXPECT_THAT(dir.Read("result"), HasSubstr("\"result\": \"Success\""));
 
-  // As a kill leaves it.
+  // As a kill leaves it between the mark and the stored configuration.
   ASSERT_NE(mark, "");
   dir.Write("host_config.bin.applying", mark);
+  dir.Write("host_config.bin", stored);
+  script.commands.clear();
   dir.Write("result", "");
   StartProcess();
   FinishHostConfig(process->context);
+  EXPECT_TRUE(script.Heard("migrateToLS"));
   EXPECT_THAT(dir.Read("result"), HasSubstr("\"request_id\": \"k1\""));
   EXPECT_THAT(dir.Read("result"), HasSubstr("\"result\": \"Success\""));
   EXPECT_FALSE(files.ApplyUnfinished());

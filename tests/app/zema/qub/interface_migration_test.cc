@@ -78,6 +78,7 @@ struct Migration {
       left.push_back(entry.logical_port_id() + "@" + zone);
       return true;
     };
+    settings.leaving = [this](const Texts& vifs) { leaving.insert(leaving.end(), vifs.begin(), vifs.end()); };
     settings.leave_ports = [this](const std::string& vif, const std::string& kept, std::string*) {
       left.push_back(vif + " but " + kept);
       return true;
@@ -98,6 +99,7 @@ struct Migration {
   KnlMigrationMap map;
   Texts ports;
   Texts left;
+  Texts leaving;
   std::string port_error;
   std::string calls;
 };
@@ -206,6 +208,7 @@ TEST(MigrationCommandTest, OutOfASwitch) {
   EXPECT_TRUE(m.Make().MigrateToPLN(config, m.map));
   EXPECT_THAT(m.lum.commands, ElementsAre(command));
   EXPECT_THAT(m.left, ElementsAre("v4 but ", "v1 but "));
+  EXPECT_THAT(m.leaving, ElementsAre("v1"));
   EXPECT_EQ(m.record.kind(), MigrationRecord::Kind::kNone);
   m.left.clear();
 
@@ -221,6 +224,11 @@ TEST(MigrationCommandTest, OutOfASwitch) {
   EXPECT_THAT(m.errors.texts(), ElementsAre(std::string("MigrateOutofLS(") + kId + ") failed: [no ping]"));
   EXPECT_THAT(m.left, IsEmpty()) << "it is where it was";
   EXPECT_EQ(m.record.kind(), MigrationRecord::Kind::kNone);
+
+  // An agent that ended behind the move has left its VIFs to this one, whose host does not name them.
+  m.settings.left_before = {"v9"};
+  EXPECT_TRUE(m.Make().MigrateToPLN(config, {}));
+  EXPECT_THAT(m.left, ElementsAre("v9 but "));
 }
 
 std::string ToLs(const std::string& id, int serial, const std::string& rest) {
