@@ -220,10 +220,16 @@ TEST(MigrationCommandTest, OutOfASwitch) {
       "10.0.0.1|dvsOrPlnName=vSwitch0|knlToVswOrPsw=knl0,Management Network,p1,v1"
       "|vmuuiddevicepair=vm1:4000,VM Network)";
   m.lum.Script(alone, {"no ping"});
+  m.lum.Script("getKnlsInLogicalSwitchesAndKnlsOfGivenTypes(",
+               {std::string("ok|knl0~v1~p1~") + kId + "~management~~", "ok"});
   EXPECT_FALSE(m.Make().MigrateToPLN(config, m.map));
   EXPECT_THAT(m.errors.texts(), ElementsAre(std::string("MigrateOutofLS(") + kId + ") failed: [no ping]"));
   EXPECT_THAT(m.left, IsEmpty()) << "it is where it was";
   EXPECT_EQ(m.record.kind(), MigrationRecord::Kind::kNone);
+  m.lum.Script("migrateToPLN(", {"no answer"});
+  EXPECT_FALSE(m.Make().MigrateToPLN(config, m.map));
+  EXPECT_THAT(m.left, ElementsAre("v1 but ")) << "it has moved all the same";
+  m.left.clear();
 
   // An agent that ended behind the move has left its VIFs to this one, whose host does not name them.
   m.settings.left_before = {"v9"};
