@@ -133,12 +133,19 @@ TEST_F(MessageDispatchTest, ARequestTooManyIsAnsweredWithItsReason) {
   TaskThread* worker = nullptr;
   ASSERT_EQ(workers_.StartHostSyncTaskThread(), 0);
   worker = workers_.Find(Worker::kHostSync);
-  Condition go;
+  Condition changed;
+  bool busy = false;
   bool gone = false;
   worker->AddTask(std::make_unique<FunctionTask>([&] {
     std::unique_lock lock(mutex_);
-    go.Wait(lock, [&] { return gone; });
+    busy = true;
+    changed.NotifyAll();
+    changed.Wait(lock, [&] { return gone; });
   }));
+  {
+    std::unique_lock lock(mutex_);
+    changed.Wait(lock, [&] { return busy; });
+  }
   while (worker->TakesRequest()) worker->AddTask(Task("waits"));
   switching::HostConfigMsg config;
   config.set_id("c1");
@@ -168,7 +175,7 @@ TEST_F(MessageDispatchTest, ARequestTooManyIsAnsweredWithItsReason) {
   {
     const std::lock_guard lock(mutex_);
     gone = true;
-    go.NotifyAll();
+    changed.NotifyAll();
   }
   workers_.StopTaskThreads();
 }
