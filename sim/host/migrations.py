@@ -54,7 +54,7 @@ def wanted_port(state, switch, device, vif, logical_switch):
 def migrate_to_ls(state, arguments):
     values = values_of(arguments)
     switch = values.get("dvsUuid", [""])[0]
-    meta = state.meta(switch)
+    state.meta(switch)  # refuses one that there is not
     pairs = pairs_of(values)
     failed, moves, path = [], [], ""
     for entry in values.get("knlToLs", []):
@@ -83,10 +83,9 @@ def migrate_to_ls(state, arguments):
     refuse_management_loss(state, [name for name, _ in pairs], moving)
     for move in moves:
         move()
+    # Those that the switch is to have, as its record would say.
     if pairs:
-        kept = {pair["dev"]: (pair["dev"], pair["uplink"]) for pair in meta["pnics"]}
-        kept.update({name: (name, uplink) for name, uplink in pairs})
-        state.give_pnics(switch, list(kept.values()))
+        state.give_pnics(switch, pairs)
     return "ok:" + path if path else "ok"
 
 

@@ -1,5 +1,6 @@
 #include "sim/node/vm_check.h"
 
+#include <algorithm>
 #include <map>
 
 #include "sim/switch/state_tree.h"
@@ -85,8 +86,11 @@ class Check {
         Say(machine.name + ": the file of port " + place.port + " is torn");
         continue;
       }
-      // It would give the port that VIF when the port is made anew, and the VIF a second port.
-      if (const auto use = ReadPortUse(place); use && !written->vif.empty() && use->vif != written->vif) {
+      // It would give the port that VIF when the port is made anew, and the VIF a second port.  A VIF of
+      // another VM is in the copy of that VM's files.
+      const bool own = std::any_of(machine.vnics.begin(), machine.vnics.end(),
+                                   [&](const auto& vnic) { return vnic.second.vif == written->vif; });
+      if (const auto use = ReadPortUse(place); use && own && use->vif != written->vif) {
         Say(machine.name + ": the file of port " + place.port + " keeps VIF " + written->vif +
             ", the port has [" + use->vif + "]");
       }

@@ -79,6 +79,7 @@ class WorldLife {
   // What peers ask.
   void SendConfig();
   void MoveInterface();
+  void SendMove(bool in);
   void MoveInterfaceByFile();
   void VisitMaintenance();
   void AskChecksum();
@@ -126,6 +127,7 @@ class WorldLife {
   /// Gives the message's number among those sent.
   int Send(const std::string& member, const google::protobuf::Message& message);
   std::optional<int> OutcomeOf(int number);
+  int AwaitOutcome(int number);
   std::string StoredChecksum();
 
   std::vector<std::string> CheckAll();

@@ -93,10 +93,12 @@ bool WorldLife::InterfaceIsOut() {
   return kind != nullptr && std::string_view(kind) == "standard";
 }
 
-void WorldLife::MoveInterface() {
+// Also from one logical switch to another.
+void WorldLife::MoveInterface() { SendMove(InterfaceIsOut() || Chance(3)); }
+
+void WorldLife::SendMove(bool in) {
   wanted_ = sim::MakeConfig(kNodeId, ++revision_, random_);
-  // Also from one logical switch to another.
-  if (InterfaceIsOut() || Chance(3)) {
+  if (in) {
     ++moves_;
     sim::MoveInterfaceIn(kInterface, Chance(2) ? "db" : "log", NumberedUuid(kInterfaceVif, moves_),
                          NumberedUuid(kInterfacePort, moves_), &wanted_);

@@ -79,6 +79,12 @@ std::optional<int> WorldLife::OutcomeOf(int number) {
   return found == outcomes_.end() ? std::nullopt : std::optional(found->second);
 }
 
+// -1 also when nothing comes.
+int WorldLife::AwaitOutcome(int number) {
+  for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
+  return OutcomeOf(number).value_or(-1);
+}
+
 std::string WorldLife::StoredChecksum() {
   const uint64_t before = node_.manager->received_count();
   AskChecksum();
@@ -108,8 +114,7 @@ void WorldLife::SettleConfig(Lines* lines) {
     }
     Say("the checksum is " + stored + ", sending the configuration again");
     last_config_ = Send("HostConfigMsg", wanted_);
-    for (int i = 0; i < 150 && !OutcomeOf(last_config_); ++i) node_.clock.RunFor(1s);
-    if (OutcomeOf(last_config_).value_or(-1) == 0 && StoredChecksum() != sim::ChecksumOf(wanted_)) {
+    if (AwaitOutcome(last_config_) == 0 && StoredChecksum() != sim::ChecksumOf(wanted_)) {
       lines->push_back("the configuration was answered with success, and the checksum differs");
       return;
     }
@@ -182,8 +187,7 @@ void WorldLife::SettleSwitches(Lines* lines) {
   Await([this] { return CheckAcknowledged(); }, lines);
   for (int attempt = 0; attempt < 5; ++attempt) {
     const int number = SendAllSwitches();
-    for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
-    if (OutcomeOf(number).value_or(-1) != 0) continue;
+    if (AwaitOutcome(number) != 0) continue;
     const Lines found = CheckSwitches();
     lines->insert(lines->end(), found.begin(), found.end());
     return;
@@ -194,8 +198,7 @@ void WorldLife::SettleSwitches(Lines* lines) {
 void WorldLife::SettleMaintenance(Lines* lines) {
   for (int attempt = 0; attempt < 5; ++attempt) {
     const int number = SendMaintenance(kLeaveMaintenance);
-    for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
-    if (OutcomeOf(number).value_or(-1) == 0) return;
+    if (AwaitOutcome(number) == 0) return;
   }
   lines->push_back("maintenance mode is not left");
 }
@@ -204,9 +207,8 @@ void WorldLife::SettleMaintenance(Lines* lines) {
 void WorldLife::CheckMaintenance(Lines* lines) {
   Say("maintenance");
   const int number = SendMaintenance(kEnterMaintenance);
-  for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
-  if (OutcomeOf(number).value_or(-1) != 0) {
-    lines->push_back("maintenance mode is refused: " + std::to_string(OutcomeOf(number).value_or(-1)));
+  if (const int code = AwaitOutcome(number); code != 0) {
+    lines->push_back("maintenance mode is refused: " + std::to_string(code));
   }
   if (Chance(2)) {
     RestartAgent();
@@ -360,7 +362,7 @@ void WorldLife::AllVmsOff(Lines* lines) {
 void WorldLife::LeaveSwitches(Lines* lines) {
   for (int i = 0; i < kSecurityPorts; ++i) AskSecurityPort(i, false);
   if (!InterfaceIsOut()) {
-    MoveInterface();
+    SendMove(false);
     node_.clock.RunFor(1min);
     SettleConfig(lines);
   }
@@ -397,8 +399,7 @@ void WorldLife::RemoveAndReturn(Lines* lines) {
     if (!done || !error.empty()) lines->push_back("reset: " + (done ? error : "no answer"));
   } else {
     const int number = Send("HostConfigMsg", removal);
-    for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
-    if (OutcomeOf(number).value_or(-1) != 0) {
+    if (AwaitOutcome(number) != 0) {
       lines->push_back("the removal ended with " + std::to_string(OutcomeOf(number).value_or(-1)));
     }
   }

@@ -110,34 +110,5 @@ TEST_F(StoreCommandsTest, DroppingConnectionsDoesNotBringAStoreBackThatIsAway) {
   provider.StopAndWait(true);
 }
 
-// What a controller does and what the agent answers, as a person sees it.
-TEST_F(StoreCommandsTest, ATransactionIsItsObjectsAndTheBarrier) {
-  const std::pair<const char*, const char*> session[] = {
-      {"switches/put 500 8", R"({"ok":true})"},
-      {"switches/put 10 9 491 3 2", R"({"ok":true})"},
-      {"switches/delete 490 10", R"({"ok":true})"},
-      {R"(transaction 11 OPAQUE_LOG_SWITCH_CONFIG id { first: 1 second: 2 } revision: 4 name: "a b")",
-       R"({"ok":true})"},
-      {"list", R"({"ok":true,"result":[{"vdb":1,"type":5,"name":"TRANSPORT_NODE_CONFIG","objects":1},)"
-               R"({"vdb":1,"type":110,"name":"BARRIER","objects":1},)"
-               R"({"vdb":1,"type":127,"name":"OPAQUE_LOG_SWITCH_CONFIG","objects":11}]})"},
-      {"get BARRIER", R"({"ok":true,"result":[{"type":110,"name":"BARRIER","object":"value: 11"}]})"},
-      {"query OPAQUE_LOG_SWITCH_CONFIG revision GREATER 3",
-       R"({"ok":true,"result":[{"type":127,"name":"OPAQUE_LOG_SWITCH_CONFIG",)"
-       R"("object":"id { first: 1 second: 2 } revision: 4 name: \"a b\""}]})"},
-      {"put PROCESSED_BARRIER value: 7", R"({"ok":true})"},
-      {"put PROCESSED_BARRIER component: 13 value: 8", R"({"ok":true})"},
-      {"put PROCESSED_BARRIER value: 9", R"({"ok":true})"},
-      {"get PROCESSED_BARRIER",
-       R"({"ok":true,"result":[{"type":112,"name":"PROCESSED_BARRIER","object":"value: 9"},)"
-       R"({"type":112,"name":"PROCESSED_BARRIER","object":"component: 13 value: 8"}]})"},
-      {"put OPAQUE_LOG_SWITCH_CONFIG name: 'no key'",
-       R"({"ok":false,"error":"INVALID_ARGUMENT (2): the object has no key \"id\""})"},
-      {"transaction 12 VIF_STATE", R"({"ok":false,"error":"an object needs its type and its text"})"},
-      {"switches/put 0 1", R"({"ok":false,"error":"\"0\" is no number from 1 to 1000000"})"},
-  };
-  for (const auto& [line, answer] : session) EXPECT_EQ(Run(line), answer) << line;
-}
-
 }  // namespace
 }  // namespace zem::sim
