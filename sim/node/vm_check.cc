@@ -86,6 +86,7 @@ class Check {
         continue;
       }
       // It would give the port that VIF when the port is made anew, and the VIF a second port.
+      if (!knowledge_.files_written) continue;
       if (const auto use = ReadPortUse(place); use && !written->vif.empty() && use->vif != written->vif) {
         Say(machine.name + ": the file of port " + place.port + " keeps VIF " + written->vif +
             ", the port has [" + use->vif + "]");
