@@ -23,6 +23,8 @@ import simstate
 PENDING = "com.orlane.port.extraConfig.portOp.pending"
 PERSIST = "com.orlane.common.port.volatile.persist"
 NO_VM = "knlnic"
+# A port of the host's own, which the manager only secures.
+PORT_GROUP = "dvportgroup-"
 
 
 def running_vnics(state):
@@ -67,7 +69,10 @@ def commands(state, do_vm_check):
             if not vif or not network:
                 continue
             seen.add((vif, network))
-            in_use = running.get(vif, ("", ""))[1] == network
+            if network.startswith(PORT_GROUP):
+                in_use = state.is_plugged(switch, port)
+            else:
+                in_use = running.get(vif, ("", ""))[1] == network
             path = paths.get(vif) or path_beside(state.port_prop(switch, port, PERSIST) or "")
             if pending == "attach_port" and in_use:
                 found.append(("attach", vif, network, path, port))

@@ -313,6 +313,9 @@ class State:
         state["linkUp"] = bool(vnic)
         write_json(path, state)
 
+    def is_plugged(self, switch, port):
+        return bool(read_json(self.switch_path(switch, "ports", port, "state.json"), {}).get("connectedVnic"))
+
     # --- endpoints
 
     def endpoints(self):

@@ -125,7 +125,9 @@ Lines CheckSecurityPort(Manager& manager, const std::string& dvs, const std::str
     lines.push_back("port " + port + " of the host holds VIF [" + use->vif + "], the manager has " + vif +
                     (place ? " on " + place->port : std::string(" nowhere")));
   }
-  if (!use->pending.empty()) lines.push_back("port " + port + " of the host still owes " + use->pending);
+  // What was noted before the VIF came or went again is no longer owed.
+  if (use->pending == (use->vif == vif ? "attach_port" : "detach_port"))
+    lines.push_back("port " + port + " of the host still owes " + use->pending);
   return lines;
 }
 

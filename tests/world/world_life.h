@@ -137,6 +137,7 @@ class WorldLife {
   void CheckMaintenance(std::vector<std::string>* lines);
   void CheckFileMigration(std::vector<std::string>* lines);
   std::vector<std::string> CheckPorts();
+  std::vector<std::string> CheckChannel();
   void RemoveClone(std::vector<std::string>* lines);
   void LeaveSwitches(std::vector<std::string>* lines);
   void RemoveAndReturn(std::vector<std::string>* lines);

@@ -50,6 +50,7 @@ class WorldNode {
   /// In order, as at a SIGTERM that the daemon heeds.
   void StopAgent();
   Tarvik::ZemaApp& app() { return *app_; }
+  covedb::CoveDbClient& store_client() { return *store_client_; }
 
   VirtualClock clock;
   rpc::MemoryNetwork network;

@@ -27,6 +27,14 @@ constexpr auto kCallTimeout = 2min;
 constexpr const char* kVnicSocket = "/etc/orlane/zemaVifDvp";
 constexpr const char* kMigrationFile = "/tmp/zem/mvr_vnics_migration.json";
 constexpr const char* kHostGroup = "Host Network";
+// First digits of what the manager gives the host's interface.
+constexpr const char* kInterfaceVif = "d0";
+constexpr const char* kInterfacePort = "e0";
+
+std::string NumberedUuid(const std::string& kind, uint64_t number) {
+  const std::string digits = std::to_string(number);
+  return kind + "000000-0000-4000-8000-" + std::string(12 - digits.size(), '0') + digits;
+}
 
 // -1: the answer has none.
 int CodeOf(const std::string& answer) {
@@ -87,10 +95,11 @@ bool WorldLife::InterfaceIsOut() {
 
 void WorldLife::MoveInterface() {
   wanted_ = sim::MakeConfig(kNodeId, ++revision_, random_);
-  if (InterfaceIsOut()) {
-    const std::string number = std::to_string(++moves_);
-    sim::MoveInterfaceIn(kInterface, Chance(2) ? "db" : "log", "knl-vif-" + number, "knl-port-" + number,
-                         &wanted_);
+  // Also from one logical switch to another.
+  if (InterfaceIsOut() || Chance(3)) {
+    ++moves_;
+    sim::MoveInterfaceIn(kInterface, Chance(2) ? "db" : "log", NumberedUuid(kInterfaceVif, moves_),
+                         NumberedUuid(kInterfacePort, moves_), &wanted_);
   } else {
     sim::MoveInterfaceOut(kInterface, kHostGroup, &wanted_);
   }
@@ -100,18 +109,19 @@ void WorldLife::MoveInterface() {
 // A tool of the host leaves a file, with the uplinks of the switch as it knows them, and asks for it.
 void WorldLife::MoveInterfaceByFile() {
   if (!running_) return;
-  const std::string number = std::to_string(++moves_);
+  ++moves_;
   const bool in = InterfaceIsOut();
   std::string pnics;
   for (const auto& pnic : wanted_.host_switches(1).pnic()) {
     pnics += std::string(pnics.empty() ? "" : ", ") + "{\"device_name\": \"" + pnic.device_name() +
              "\", \"uplink_name\": \"" + pnic.uplink_name() + "\"}";
   }
-  const std::string place = in ? "\"logical_switch_id\": \"db\", \"logical_port_id\": \"knl-port-" + number +
-                                     "\", \"vif_id\": \"knl-vif-" + number + "\", \"transport_zone_id\": \"" +
+  const std::string place = in ? "\"logical_switch_id\": \"db\", \"logical_port_id\": \"" +
+                                     NumberedUuid(kInterfacePort, moves_) + "\", \"vif_id\": \"" +
+                                     NumberedUuid(kInterfaceVif, moves_) + "\", \"transport_zone_id\": \"" +
                                      sim::kZones[1] + "\""
                                : "\"port_group_name\": \"" + std::string(kHostGroup) + "\"";
-  file_migration_ = "file-" + number;
+  file_migration_ = "file-" + std::to_string(moves_);
   other_uplinks_ = true;
   std::filesystem::create_directories(std::filesystem::path(kMigrationFile).parent_path());
   std::ofstream(kMigrationFile, std::ios::trunc)
@@ -363,6 +373,8 @@ void WorldLife::AskSecurityPort(int number, bool attach) {
     const std::string error = sim::AddPort({dvs, SecurityPort(number)});
     if (!error.empty()) return Say(error);
   }
+  const std::string vnic = attach ? SecurityVif(number) + ":eth0" : "";
+  if (!sim::ConnectPort({dvs, SecurityPort(number)}, attach ? SecurityVif(number) : "", vnic)) return;
   switching::VifMsg message;
   message.set_operation(attach ? 1 : 0);
   auto* const vif = message.add_vif_attachment();

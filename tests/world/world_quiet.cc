@@ -7,6 +7,9 @@
 #include <utility>
 
 #include "app/zema/app/zema_app.h"
+#include "covedbclient/covedb_client.h"
+#include "mpaclient/mpa_client.h"
+#include "mpaclient/mpa_client_private.h"
 #include "sim/control/json.h"
 #include "sim/manager/random_config.h"
 #include "sim/node/node_truth.h"
@@ -236,6 +239,31 @@ void WorldLife::CheckFileMigration(Lines* lines) {
   file_migration_.clear();
 }
 
+// The channel to the manager is whole, and nothing of what was under way is left in its tables.
+Lines WorldLife::CheckChannel() {
+  const auto client = std::dynamic_pointer_cast<MpaClientPrivateBase>(MpaClient::Get(kVertical));
+  if (client == nullptr) return {"the vertical has no client"};
+  const auto now = client->snapshot();
+  const struct {
+    const char* what;
+    bool good;
+  } rows[] = {
+      {"a stub for each APH", now.stubs.size() == std::size(kAphs)},
+      {"the manager's master", now.master_stub && now.master == node_.manager->Master()},
+      {"no call under way", now.in_flight == 0},
+      {"no timer", now.timers == 0},
+      {"no update to come", !now.update_pending},
+      {"a connection", client->IsConnected()},
+      {"a handshake", client->app_init_completed()},
+      {"no write to the store left", node_.store_client().IsPendingModificationReqEmpty()},
+  };
+  Lines lines;
+  for (const auto& row : rows) {
+    if (!row.good) lines.push_back(std::string("the channel does not have ") + row.what);
+  }
+  return lines;
+}
+
 Lines WorldLife::CheckPorts() {
   std::set<std::string> secured;
   Lines lines;
@@ -265,6 +293,12 @@ void WorldLife::RemoveClone(Lines* lines) {
 // A host whose operation did not end well asks again, as an operation of its own: off, wherever it may be,
 // and on.
 void WorldLife::HealVms() {
+  // Nobody is answered at a port group, so what failed while the manager was away is said again.
+  const std::string dvs = FirstSwitch();
+  for (int i = 0; i < kSecurityPorts; ++i) {
+    const auto use = sim::ReadPortUse({dvs, SecurityPort(i)});
+    if (use) AskSecurityPort(i, !use->vnic.empty());
+  }
   std::set<std::string> unsure;
   {
     const std::lock_guard lock(mutex_);
@@ -305,6 +339,7 @@ Lines WorldLife::CheckAll() {
   }
   SettleSwitches(&lines);
   Await([this] { return CheckPorts(); }, &lines);
+  Await([this] { return CheckChannel(); }, &lines);
   Await([this] { return sim::CheckHealth(node_.switches, "up"); }, &lines);
   Await([this] { return sim::CheckManners(node_.switches, *node_.host_management); }, &lines);
   if (lines.empty() && Chance(2)) RemoveClone(&lines);

@@ -151,12 +151,30 @@ bool InterfaceMigration::MigrateOut(const HostSwitch* host_switch, const std::st
         lum_.InvokeCommand(parts->Command(id, running.op_id(), settings_.knl_ping_try_times), kOk, &reply);
     left = running.TakeLeft();
   }
-  if (result != LumCommands::kSucceeded)
+  if (result != LumCommands::kSucceeded) {
+    LeaveWhatMoved(leaving, left);
     return Refuse("42018", "MigrateOutofLS(" + id + ") failed: [" + reply + "]");
+  }
   ZLOG_INFO("%s knls out of dvs [%s] completed successfully\n", "MigrateToPLN", id.c_str());
   left.insert(left.end(), leaving.begin(), leaving.end());
   for (const std::string& vif : left) LeavePorts(vif, "");
   return true;
+}
+
+// A move that failed, or that nobody answered, may have gone some way.  The next try does not learn of these
+// VIFs any more.
+void InterfaceMigration::LeaveWhatMoved(const std::vector<std::string>& of_interfaces,
+                                        const std::vector<std::string>& of_vnics) {
+  if (of_interfaces.empty() && of_vnics.empty()) return;
+  const auto knls = AskForKnls();
+  for (const std::string& vif : of_interfaces) {
+    const bool gone =
+        knls && std::none_of(knls->begin(), knls->end(), [&](const HostKnl& knl) { return knl.vif == vif; });
+    if (gone) LeavePorts(vif, "");
+  }
+  for (const std::string& vif : of_vnics) {
+    if (IsOfNoVm(vif, "")) LeavePorts(vif, "");
+  }
 }
 
 void InterfaceMigration::LeavePorts(const std::string& vif, const std::string& kept) {
@@ -220,8 +238,7 @@ bool InterfaceMigration::MigrateToLogicalSwitch(HostSwitch* host_switch, std::st
   }
   if (result != LumCommands::kSucceeded || !reply.starts_with(kOk)) {
     TakeFailure(reply, vteps, host_switch);
-    // Without an answer the move may still go on.
-    if (result == LumCommands::kSucceeded) TakeBackPorts(*host_switch, made);
+    TakeBackPorts(*host_switch, made);
     return false;
   }
   TakeMigrated(reply, id, migration);
@@ -234,11 +251,10 @@ bool InterfaceMigration::MigrateToLogicalSwitch(HostSwitch* host_switch, std::st
 void InterfaceMigration::TakeBackPorts(const HostSwitch& host_switch,
                                        const std::vector<ToLogicalSwitch*>& made) {
   if (made.empty()) return;
-  std::string problem;
-  const auto knls = ReadKnls(lum_, settings_.knl_types, &problem);
-  if (!knls) ZLOG_WARN("[%s] %s", __func__, problem.c_str());
+  const auto knls = AskForKnls();
   for (const ToLogicalSwitch* entry : made) {
-    const bool elsewhere = IsVnic(*entry) ? IsOfNoVm(*entry) : knls && !Holds(*knls, *entry);
+    const bool elsewhere =
+        IsVnic(*entry) ? IsOfNoVm(entry->vif_id(), entry->logical_port_id()) : knls && !Holds(*knls, *entry);
     const char* const port = entry->logical_port_id().c_str();
     if (!elsewhere) {
       ZLOG_INFO("[%s] port [%s] keeps its VIF, [%s] may be there", __func__, port, entry->device().c_str());
@@ -255,10 +271,19 @@ void InterfaceMigration::TakeBackPorts(const HostSwitch& host_switch,
   }
 }
 
-bool InterfaceMigration::IsOfNoVm(const ToLogicalSwitch& entry) {
+// Behind a move that nobody answered the first question is answered by a failure, and the next one by a new
+// script: the one that moved has been killed before, so what the new one says stays so.
+std::optional<std::vector<HostKnl>> InterfaceMigration::AskForKnls() {
+  std::string problem;
+  auto knls = ReadKnls(lum_, settings_.knl_types, &problem);
+  if (!knls) knls = ReadKnls(lum_, settings_.knl_types, &problem);
+  if (!knls) ZLOG_WARN("[%s] %s", __func__, problem.c_str());
+  return knls;
+}
+
+bool InterfaceMigration::IsOfNoVm(const std::string& vif, const std::string& port) {
   std::string path;
-  const int result = lum_.InvokeRPC(LumOperation::kVmPathOfVif,
-                                    "vifId=" + entry.vif_id() + "|portId=" + entry.logical_port_id(), &path);
+  const int result = lum_.InvokeRPC(LumOperation::kVmPathOfVif, "vifId=" + vif + "|portId=" + port, &path);
   return result != LumCommands::kRpcSucceeded && result != LumCommands::kRpcSocketFailure;
 }
 

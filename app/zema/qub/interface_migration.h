@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,7 @@
 namespace zem::zema {
 
 class ErrorSink;
+struct HostKnl;
 class LumCommands;
 class MigrationRecord;
 
@@ -85,8 +87,13 @@ class InterfaceMigration {
                    std::vector<ToLogicalSwitch*>* made);
   /// After a move that failed, or of which nobody knows: the ports lose the VIFs that the host does not have.
   void TakeBackPorts(const HostSwitch& host_switch, const std::vector<ToLogicalSwitch*>& made);
+  /// After a move out that failed, or of which nobody knows: the VIFs that the host does not have any more.
+  void LeaveWhatMoved(const std::vector<std::string>& of_interfaces,
+                      const std::vector<std::string>& of_vnics);
+  /// The host's interfaces behind a failed move; nothing when it does not say.
+  std::optional<std::vector<HostKnl>> AskForKnls();
   /// The host knows the VIF of no VM.
-  bool IsOfNoVm(const ToLogicalSwitch& entry);
+  bool IsOfNoVm(const std::string& vif, const std::string& port);
   void TakeMigrated(const std::string& reply, const std::string& id, const KnlMigration& migration);
   bool TakeFailure(const std::string& reply, const std::vector<std::string>& vteps, HostSwitch* host_switch);
   bool MigrateResourcesForDelZem();

@@ -65,9 +65,10 @@ int PortOpsManager::ClearVifFromPort(const std::string& zone, const std::string&
 // while a file that kept it would give the port the VIF back one day.
 int PortOpsManager::ClearExternalId(const std::string& dvs, const std::string& port, std::string* error) {
   std::string holder;
+  bool saved = true;
   if (library_.PortTextGet(dvs, port, port_props::kExternalId, &holder) == 0) {
     // The VM and its directory may be gone already: that keeps nobody from taking the VIF off.
-    static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port, port_props::kExternalId));
+    saved = SaveAgain("ClearVifFromPort", dvs, port, port_props::kExternalId) == 0;
   } else if (FileText(dvs, port, port_props::kExternalId)) {
     // It could not be written when the port was cleared.
     static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port));
@@ -84,6 +85,8 @@ int PortOpsManager::ClearExternalId(const std::string& dvs, const std::string& p
         port.c_str(), SwitchErrorText(kSwitchNotFound).c_str());
     return 0;
   }
+  // Nobody may ask for this port again, so a failure that has passed is made good at once.
+  if (!saved) static_cast<void>(SaveAgain("ClearVifFromPort", dvs, port));
   if (!holder.empty()) vif_index_->SetNowhere(holder);
   ZLOG_INFO("[PortOp] Cleared external id from port [%s] successfully", port.c_str());
   return 0;

@@ -1,0 +1,217 @@
+// The manager is another process, of any version: each of its messages, whatever stands in it, must become
+// what it says or be refused, and no value in it may change the meaning of a command to the host.
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "app/zema/app/host_vif_requests.h"
+#include "app/zema/app/message_dispatch.h"
+#include "app/zema/app/refused_request.h"
+#include "app/zema/core/health_record.h"
+#include "app/zema/core/host_identity.h"
+#include "app/zema/core/zem_manager.h"
+#include "app/zema/covedb/config_files.h"
+#include "app/zema/covedb/host_config_codec.h"
+#include "app/zema/endpoint/endpoint_context.h"
+#include "app/zema/hostconfig/mmode_config_task.h"
+#include "app/zema/lswitch/host_profile_task.h"
+#include "app/zema/lswitch/logical_switch_batcher.h"
+#include "app/zema/lswitch/logical_switch_full_sync_task.h"
+#include "app/zema/lswitch/restore_task.h"
+#include "app/zema/qub/endpoint_library.h"
+#include "app/zema/qub/error_sink.h"
+#include "app/zema/qub/interface_migration.h"
+#include "app/zema/qub/migration_message.h"
+#include "app/zema/qub/migration_record.h"
+#include "app/zema/qub/switch_record.h"
+#include "app/zema/qub/vif_request.h"
+#include "app/zema/qub/vtep_application.h"
+#include "framework/logger.h"
+#include "proto/covedb/switching_objects.pb.h"
+#include "proto/switching/switching.pb.h"
+#include "tests/app/zema/core/no_publisher.h"
+#include "tests/app/zema/lswitch/checking_lum.h"
+#include "tests/app/zema/lswitch/fake_sender.h"
+
+namespace {
+
+using namespace zem;
+using namespace zem::zema;
+namespace switching = orlane::zem::switching;
+
+constexpr std::array kTypes = {
+    "HostConfigMsg",
+    "LogicalSwitchMsg",
+    "LogicalSwitchBulkMsg",
+    "VifMsg",
+    "ChecksumMsg",
+    "HostProfileMsg",
+    "VTEPRecoveryRequestMsg",
+    "VTEPAdminStateMgmtRequestMsg",
+    "VtepIPSyncMsg",
+    "TransportNodeHostSwitchesMigrationMsg",
+    "MaintenanceModeConfigMsg",
+    "NoSuchMessage",
+};
+
+class NoVifs : public VifSender {
+ public:
+  bool SendVIFAttachmentInfo(const Attachment&, std::string*) override { return false; }
+  bool SendVIFUpdate(const Update&) override { return false; }
+};
+
+// Runs each task at once, in place of its worker.
+class HostInHand {
+ public:
+  HostInHand() {
+    switches->is_hypervisor = [] { return true; };
+    switches->host_id = [] { return std::make_optional<std::string>("host-1"); };
+    switches->has_ack_worker = [] { return false; };
+    MessageDispatch::Settings settings;
+    settings.sender = &sender;
+    settings.workers = &workers;
+    settings.host_config = [this](const RequestOrigin&, switching::HostConfigMsg message) {
+      HostConfig(std::move(message));
+      return nullptr;
+    };
+    settings.logical_switch = [this](const RequestOrigin& origin,
+                                     const switching::LogicalSwitchMsg& message) {
+      LogicalSwitchMsgTask::Batcher batcher(switches);
+      if (const auto task =
+              LogicalSwitchMsgTask::CreateTask(*switches, message, origin.sender, origin.reply_to, 0)) {
+        batcher.AddTask(task.get());
+      }
+      batcher.Run();
+      return nullptr;
+    };
+    settings.logical_switch_full_sync = [this](const RequestOrigin& origin, std::string bytes) {
+      LogicalSwitchFullSyncTask(switches, origin.sender, "c", "r", std::move(bytes)).Run();
+      return nullptr;
+    };
+    settings.restore = [this](const RequestOrigin& origin, const switching::ChecksumMsg& message) {
+      RestoreTask(files, lum, origin.sender, "c", "r", message).Run();
+      return nullptr;
+    };
+    settings.host_profile = [this](const RequestOrigin& origin, const switching::HostProfileMsg& message) {
+      HostProfileTask(lum, origin.sender, "c", "r", message).Run();
+      return nullptr;
+    };
+    settings.send_host_config_ack = [](const std::string&, const switching::HostConfigAckMsg&) {};
+    settings.refuse_host_profile = [](const RequestOrigin&, const std::string&) {};
+    settings.refuse = &AnswerRefused;
+    settings.vif_result = [this](const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
+      manager.SetResultToPendingRPC(rpc_id, std::move(result));
+    };
+    settings.later.vif_requests = std::make_shared<HostVifRequests>(
+        [](const std::shared_ptr<VifRequest>& request) { (void)request->ToString(); });
+    settings.later.maintenance = std::make_shared<RunMaintenance>(mmode);
+    settings.later.endpoints = std::make_shared<RunEndpoints>(endpoints);
+    dispatch = std::make_unique<MessageDispatch>(std::move(settings));
+  }
+
+  void Receive(const char* type, std::string_view payload) {
+    dispatch->ProcessReceiveMessages("session:1", std::string("com.orlane.zem.switching.") + type, payload,
+                                     "c", "r");
+    AnswerRefused({&sender, "c", "r", ""}, type, std::string(payload), "too many");
+    sender.Take();
+  }
+
+ private:
+  struct RunMaintenance : MaintenanceTasks {
+    explicit RunMaintenance(std::shared_ptr<MmodeContext> context) : made(std::move(context)) {}
+    HostMaintenanceTasks made;
+    std::unique_ptr<Runnable> MakeMmodeConfigTask(
+        const RequestOrigin& origin, const switching::MaintenanceModeConfigMsg& request) override {
+      made.MakeMmodeConfigTask(origin, request)->Run();
+      return nullptr;
+    }
+  };
+  struct RunEndpoints : EndpointTasks {
+    explicit RunEndpoints(std::shared_ptr<EndpointContext> context) : made(std::move(context)) {}
+    void SyncVtepAddresses(const RequestOrigin& origin, const switching::VtepIPSyncMsg& request) override {
+      made.SyncVtepAddresses(origin, request);
+    }
+    HostEndpointTasks made;
+    std::unique_ptr<Runnable> MakeVtepRecoveryTask(
+        const RequestOrigin& origin, const switching::VTEPRecoveryRequestMsg& request) override {
+      made.MakeVtepRecoveryTask(origin, request)->Run();
+      return nullptr;
+    }
+    std::unique_ptr<Runnable> MakeVtepAdminStateTask(
+        const RequestOrigin& origin, const switching::VTEPAdminStateMgmtRequestMsg& request) override {
+      made.MakeVtepAdminStateTask(origin, request)->Run();
+      return nullptr;
+    }
+  };
+
+  // The steps of a configuration that read it; those that read the host have tests of their own.
+  void HostConfig(switching::HostConfigMsg config) {
+    orlane::zem::covedb::RealizedHostConfigMsg stored;
+    (void)EncodeHostConfigMsg(config, &stored);
+    (void)ComputeChecksum(config);
+    ErrorSink errors;
+    KnlMigrationMap map;
+    if (!ConvertDvsUuidsAndPopulateKnlMigrationMap(&config, &map, errors)) return;
+    MigrationRecord record;
+    InterfaceMigrationSettings settings;
+    settings.create_port = [](const auto&, const std::string&, std::string*) { return true; };
+    InterfaceMigration migration(lum, errors, record, std::move(settings));
+    bool migrate = false;
+    (void)migration.PrepareAndMigrate(&config, &map, &migrate, false);
+    MigratedPnics migrated = MigratedPnicsOf(map);
+    std::string error;
+    const auto records = BuildSwitchRecords(config, &migrated, &error);
+    if (!records) return;
+    for (const std::string& each : *records) {
+      if (each.find(';') != std::string::npos) std::abort();
+      if (std::count(each.begin(), each.end(), '|') !=
+          std::count(records->front().begin(), records->front().end(), '|')) {
+        std::abort();
+      }
+    }
+    (void)TzToDvsOf(config);
+    VtepOutcome outcome;
+    VtepApplication vteps(
+        lum, errors, [](const std::string&, const std::string&) { return std::make_optional<uint32_t>(1); },
+        outcome);
+    for (auto& host_switch : *config.mutable_host_switches()) {
+      (void)vteps.ApplyVTEP(&host_switch, {}, false);
+    }
+  }
+
+  CheckingLum lum;
+  FakeSender sender;
+  WorkerTable workers;
+  // Nothing is written: each input is to be as fast as it can be.
+  ConfigFiles files{{"/nonexistent/host_config.bin", "/nonexistent/mmode.bin"}};
+  NoPublisher publisher;
+  HealthRecord health{publisher, false};
+  NoVifs vifs;
+  ZemManager manager{vifs, {[] { return std::nullopt; }, [] { return 25; }}};
+  EndpointLibrary library;
+  HostIdentity identity;
+  std::shared_ptr<LogicalSwitchContext> switches = std::make_shared<LogicalSwitchContext>(lum, nullptr);
+  std::shared_ptr<MmodeContext> mmode = std::make_shared<MmodeContext>(
+      MmodeContext{lum, files, health, manager, [](const std::string&, std::string*) { return 0; }});
+  std::shared_ptr<EndpointContext> endpoints = std::make_shared<EndpointContext>(
+      lum, library, identity, &sender, [] { return 0; }, [](Duration) { return false; },
+      [](const std::unique_ptr<Runnable>&) {});
+  std::unique_ptr<MessageDispatch> dispatch;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const bool quiet = [] {
+    Logger::SetEmitter([](int, const char*) {});
+    return true;
+  }();
+  static_cast<void>(quiet);
+  static HostInHand host;
+  if (size == 0) return 0;
+  host.Receive(kTypes[data[0] % kTypes.size()], {reinterpret_cast<const char*>(data) + 1, size - 1});
+  return 0;
+}
