@@ -69,8 +69,9 @@ Lines CheckNetworks(const HostState& host, const Store& store, const std::set<ui
 }
 
 Lines CheckAllVifs(VirtualMachines& machines, Manager& manager, const HostState& host,
-                   const std::set<std::string>& others) {
+                   const std::set<std::string>& others, bool files_written) {
   VifKnowledge knowledge;
+  knowledge.files_written = files_written;
   knowledge.interfaces = others;
   knowledge.machines = machines.All();
   const Json state = host.Read();

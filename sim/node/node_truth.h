@@ -28,9 +28,10 @@ std::vector<std::string> CheckHost(const HostState& host,
 std::vector<std::string> CheckNetworks(const HostState& host, const Store& store,
                                        const std::set<uint32_t>& numbers, uint64_t barrier);
 /// Ports, their files, VMs and the manager agree about every VIF.  `others`: VIFs on ports that neither a VM
-/// nor an interface of the host accounts for.
+/// nor an interface of the host accounts for.  With `files_written` no file keeps a VIF that its port has
+/// lost; where disks were full one may.
 std::vector<std::string> CheckAllVifs(VirtualMachines& machines, Manager& manager, const HostState& host,
-                                      const std::set<std::string>& others = {});
+                                      const std::set<std::string>& others = {}, bool files_written = true);
 /// Each interface of the host that is on a port has its VIF there, and those that `config` moves are where it
 /// says.
 std::vector<std::string> CheckInterfaces(const HostState& host,

@@ -88,6 +88,7 @@ class Check {
       }
       // It would give the port that VIF when the port is made anew, and the VIF a second port.  A VIF of
       // another VM is in the copy of that VM's files.
+      if (!knowledge_.files_written) continue;
       const bool own = std::any_of(machine.vnics.begin(), machine.vnics.end(),
                                    [&](const auto& vnic) { return vnic.second.vif == written->vif; });
       if (const auto use = ReadPortUse(place); use && own && use->vif != written->vif) {

@@ -19,6 +19,8 @@ struct VifKnowledge {
   std::optional<std::vector<VifPlace>> manager;
   /// The host as the manager calls it; places of others are no concern of this one.
   std::string host;
+  /// Every port file could be written when it had to be.
+  bool files_written = true;
 };
 
 /// Where ports, their files, VMs and the manager disagree; one line for each finding.

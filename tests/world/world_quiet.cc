@@ -276,7 +276,7 @@ Lines WorldLife::CheckPorts() {
     const Lines found = sim::CheckSecurityPort(*node_.manager, dvs, SecurityPort(i), SecurityVif(i));
     lines.insert(lines.end(), found.begin(), found.end());
   }
-  const Lines found = sim::CheckAllVifs(*node_.machines, *node_.manager, node_.host, secured);
+  const Lines found = sim::CheckAllVifs(*node_.machines, *node_.manager, node_.host, secured, false);
   lines.insert(lines.end(), found.begin(), found.end());
   return lines;
 }

@@ -277,7 +277,10 @@ void Realization::Impl::MakeManagers() {
         manager_->SetMaintenanceMode(false);
         health_->exitTnMmode();
       },
-      [this](Duration delay, std::function<void()> work) { RunLater(delay, std::move(work)); }});
+      [this](Duration delay, std::function<void()> work) { RunLater(delay, std::move(work)); },
+      [workers = settings_.workers](std::function<void()> work) {
+        workers->AddTask(Worker::kHostSync, std::make_unique<FunctionTask>(std::move(work)));
+      }});
   vifs_ = std::make_shared<VifContext>(
       VifContext{*ports_, *manager_, *lum_, migration_, resync_state_, port_lock_,
                  [options] { return options->Snapshot().pre_check_health; },

@@ -118,6 +118,7 @@ bool ConfigFiles::RetrieveHostConfigMsgFromFile(HostConfigMsg* message, std::str
 
 bool ConfigFiles::BeginApply(const UnfinishedApply& apply) {
   const std::lock_guard lock(mutex_);
+  ++apply_number_;
   not_in_force_ = false;
   std::string text;
   AddRecord("kind", kKinds[static_cast<size_t>(apply.kind)], &text);
@@ -139,8 +140,22 @@ bool ConfigFiles::BeginApply(const UnfinishedApply& apply) {
   return false;
 }
 
+uint64_t ConfigFiles::apply_number() {
+  const std::lock_guard lock(mutex_);
+  return apply_number_;
+}
+
+void ConfigFiles::EndApply(uint64_t number) {
+  const std::lock_guard lock(mutex_);
+  if (number == apply_number_) EndApplyLocked();
+}
+
 void ConfigFiles::EndApply() {
   const std::lock_guard lock(mutex_);
+  EndApplyLocked();
+}
+
+void ConfigFiles::EndApplyLocked() {
   not_in_force_ = false;
   if (const int reason = RemoveFile(ApplyMark()); reason != 0) {
     ZLOG_ERROR("44065", "[%s] Failed to delete host config file [%s]: %s\n", __func__, ApplyMark().c_str(),

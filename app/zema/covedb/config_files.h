@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -70,6 +71,9 @@ class ConfigFiles {
   /// start that finds it so has to finish.  BeginApply returns false when that cannot be written down.
   bool BeginApply(const UnfinishedApply& apply);
   void EndApply();
+  /// The last that has begun, and the end of that one: nothing when another has begun since.
+  uint64_t apply_number();
+  void EndApply(uint64_t number);
   std::optional<UnfinishedApply> ApplyUnfinished() const;
 
   /// A start could not finish the stored configuration, and nobody has begun to apply one since: what is
@@ -93,11 +97,13 @@ class ConfigFiles {
  private:
   bool Read(const std::string& path, google::protobuf::MessageLite* message, std::string* error);
 
+  void EndApplyLocked();
   std::string ApplyMark() const { return paths_.host_config + ".applying"; }
 
   const Paths paths_;
   std::atomic<bool> not_in_force_ = false;
-  std::mutex mutex_;  // one writer at a time: a removal must not meet a write half done
+  uint64_t apply_number_ = 0;  // under the mutex
+  std::mutex mutex_;           // one writer at a time: a removal must not meet a write half done
 };
 
 /// The host configuration's identity: SHA-256 of transport node id, id and revision, as far as the message

@@ -333,7 +333,7 @@ void CoveDbHandler::SetOnFlush(std::function<void()> on_flush) {
   on_flush_ = std::move(on_flush);
 }
 
-void CoveDbHandler::FlushDesiredConfig() {
+void CoveDbHandler::FlushDesiredConfig(std::function<void()> done) {
   ZLOG_INFO("Flushing transport node desired config from covedb.");
   Requests requests;
   for (const ObjectType type : kDesiredConfig) AddFlush(&requests.emplace_back(), type);
@@ -357,7 +357,9 @@ void CoveDbHandler::FlushDesiredConfig() {
     uuids_to_read_.clear();
     pending_.ClearPendingLs();
   }
-  Modify(std::move(requests));
+  settings_.client->Modify(std::move(requests), [keep_alive = settings_.keep_alive, done = std::move(done)] {
+    if (done) done();
+  });
 }
 
 uint64_t CoveDbHandler::epoch() {

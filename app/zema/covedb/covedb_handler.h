@@ -99,8 +99,9 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
 
   /// Removes what the store holds for this transport node, and forgets what was still to be done with it: on
   /// return nothing of before changes the host any more.  It may wait for commands to the host, so not from a
-  /// provider's thread.
-  void FlushDesiredConfig();
+  /// provider's thread.  `done` is called when the store has carried it out, however long it is away until
+  /// then: on a thread of its client, which nothing may hold up.
+  void FlushDesiredConfig(std::function<void()> done = nullptr);
   /// Called by a flush; one function at a time.
   void SetOnFlush(std::function<void()> on_flush);
   /// The number of flushes so far.  Work that was made in another epoch is void.

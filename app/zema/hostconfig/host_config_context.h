@@ -58,6 +58,8 @@ struct HostConfigContext {
   /// Runs the work on the thread of the host configurations, so much later = [](Duration,
   /// std::function<void()>) {}; replaces what waits already.
   std::function<void(Duration, std::function<void()>)> later = [](Duration, std::function<void()>) {};
+  /// Runs the work on the thread of the host configurations, behind what waits there already.
+  std::function<void(std::function<void()>)> queue = [](const std::function<void()>& work) { work(); };
 };
 
 }  // namespace zem::zema

@@ -1,6 +1,7 @@
 #include "app/zema/hostconfig/host_config_task_qub.h"
 
 #include <algorithm>
+#include <atomic>
 #include <set>
 
 #include "app/zema/common/task_thread.h"
@@ -165,7 +166,7 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   }
   if (!migration_request_.empty()) SaveMigrationOutcome();
   // Nobody hears of a failure when an earlier process's work is finished: it stays to be done.
-  if (!finishing_ || errors_.code() == 0) context_->files.EndApply();
+  if (!finishing_ || errors_.code() == 0) EndApply();
   context_->applied(message_);
 }
 
@@ -290,8 +291,43 @@ void HostConfigTaskQub::Persist() {
   }
 }
 
+// Ends the mark of a removal when both the host and the store have lost the node: a start that found no mark
+// would take what the store still has for what the host has to get.
+class HostConfigTaskQub::RemovalEnd {
+ public:
+  explicit RemovalEnd(const std::shared_ptr<HostConfigContext>& context) : context_(context) {}
+
+  void OfHost(uint64_t number) {
+    number_ = number;
+    OneOfTwo();
+  }
+  void OfStore() { OneOfTwo(); }
+
+ private:
+  void OneOfTwo() {
+    if (--left_ != 0) return;
+    const auto live = context_.lock();
+    if (!live) return;
+    live->queue([context = context_, number = number_] {
+      if (const auto still = context.lock()) still->files.EndApply(number);
+    });
+  }
+
+  const std::weak_ptr<HostConfigContext> context_;
+  uint64_t number_ = 0;
+  std::atomic<int> left_ = 2;
+};
+
+void HostConfigTaskQub::EndApply() {
+  if (removal_end_ == nullptr) return context_->files.EndApply();
+  removal_end_->OfHost(context_->files.apply_number());
+}
+
 void HostConfigTaskQub::RemoveNode() {
-  if (context_->store != nullptr) context_->store->FlushDesiredConfig();
+  if (context_->store != nullptr) {
+    removal_end_ = std::make_shared<RemovalEnd>(context_);
+    context_->store->FlushDesiredConfig([end = removal_end_] { end->OfStore(); });
+  }
   switching::LogicalSwitchBulkMsg none;
   none.set_continuation_flag(0);
   const std::string data = none.SerializeAsString();

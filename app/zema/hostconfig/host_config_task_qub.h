@@ -66,6 +66,7 @@ class HostConfigTaskQub : public HostConfigTask {
   std::string migration_result_file_;
 
  private:
+  class RemovalEnd;
   /// How far the way to the switches went.
   enum class Switches { kConfigured, kFailed, kNotReached };
 
@@ -75,6 +76,7 @@ class HostConfigTaskQub : public HostConfigTask {
   UnfinishedApply Mark(bool reset) const;
   void Persist();
   void RemoveNode();
+  void EndApply();
   Switches ConfigureSwitches(bool upgrade, bool reset, bool extra_config);
   bool ConfigureDvses(bool upgrade, InterfaceMigration& migration, const StatelessHost& stateless);
   bool ReadSwitches(bool reset, std::vector<HostDvs>* switches);
@@ -96,6 +98,7 @@ class HostConfigTaskQub : public HostConfigTask {
   /// VIFs that left their switches, perhaps, when an earlier process ended.
   std::vector<std::string> left_before_;
   UnfinishedApply mark_;
+  std::shared_ptr<RemovalEnd> removal_end_;
   VtepOutcome vteps_;
   bool hot_swap_ = false;
   bool finishing_ = false;

@@ -102,6 +102,20 @@ class FileSizeLimit {
 };
 
 // A disk that fills up in the middle of a write must cost the new configuration, not the old one.
+// The store may answer for a removal when the node has long got its next configuration.
+TEST_F(ConfigFilesTest, ALateEndLeavesTheMarkOfWhatHasBegunSince) {
+  ASSERT_TRUE(files.BeginApply({}));
+  const uint64_t first = files.apply_number();
+  UnfinishedApply second;
+  second.leaving_vifs = {"v1", "v2"};
+  ASSERT_TRUE(files.BeginApply(second));
+  files.EndApply(first);
+  ASSERT_TRUE(files.ApplyUnfinished());
+  EXPECT_EQ(files.ApplyUnfinished()->leaving_vifs, second.leaving_vifs);
+  files.EndApply(files.apply_number());
+  EXPECT_FALSE(files.ApplyUnfinished());
+}
+
 TEST_F(ConfigFilesTest, AFullDiskLeavesTheOldFile) {
   ASSERT_EQ(files.PersistHostConfigToFile(Config("1")), 0);
   {
