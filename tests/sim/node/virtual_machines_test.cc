@@ -97,28 +97,8 @@ class VirtualMachinesTest : public testing::Test {
   }
 
   void Serve(std::function<Told(const Asked&)> serve) {
-    agent = std::make_unique<Agent>(root + "/socket", [this, serve = std::move(serve)](const Asked& asked) {
-      {
-        const std::lock_guard lock(mutex);
-        asked_.push_back(std::to_string(asked.opcode) + " " + asked.op_id + " " + asked.ls);
-      }
-      return serve(asked);
-    });
+    agent = std::make_unique<Agent>(root + "/socket", std::move(serve));
     while (!daemon->state().connected) SleepFor(std::chrono::milliseconds(1));
-  }
-
-  // As the agent should: the VIF on one port of the switch, named "<vif>-<ls>".
-  Told Work(const Asked& asked) {
-    const PortPlace place{"dvs", asked.vif + "-" + asked.ls};
-    if (asked.opcode != 8 && asked.opcode != 2) return {};
-    for (const PortPlace& held : PortsOfVif(asked.vif)) {
-      if (asked.opcode == 8 || ReadPortUse(held)->ls == asked.ls) Set(held, kExternalId, "");
-    }
-    if (asked.opcode == 2) return {};
-    if (!ReadPortUse(place)) static_cast<void>(AddPort(place));
-    Set(place, kExternalId, asked.vif);
-    Set(place, kOpaqueNetwork, asked.ls);
-    return {0, place.port};
   }
 
   void Set(const PortPlace& place, const char* name, const std::string& value) {
@@ -137,49 +117,13 @@ class VirtualMachinesTest : public testing::Test {
     }
     return "";
   }
-  std::vector<std::string> Check() {
-    VifKnowledge knowledge;
-    knowledge.machines = machines->All();
-    return CheckVifs(knowledge);
-  }
-
   std::string root;
   std::unique_ptr<SwitchState> state;
   std::unique_ptr<HostManagement> daemon;
   std::unique_ptr<VirtualMachines> machines;
   std::unique_ptr<Agent> agent;
   VirtualMachines::Options options;
-  std::mutex mutex;
-  std::vector<std::string> asked_;
 };
-
-TEST_F(VirtualMachinesTest, AVmLivesThroughItsChanges) {
-  Serve([this](const Asked& asked) { return Work(asked); });
-  Create("a");
-  EXPECT_EQ(Problem(machines->PowerOn({"a"}, options)), "");
-  EXPECT_EQ(VnicOf("a").port, "v1-web");
-  const std::string uuid = machines->Find("a").front().uuid;
-  EXPECT_EQ(ReadPortUse({"dvs", "v1-web"})->vnic, uuid + ":eth0");
-
-  EXPECT_EQ(Problem(machines->Move({"a"}, "eth0", "app", options)), "");
-  EXPECT_EQ(VnicOf("a").port, "v1-app");
-  EXPECT_EQ(ReadPortUse({"dvs", "v1-web"})->vnic, "");
-  EXPECT_EQ(Problem(machines->MoveFail("a", "eth0", "db", true, options)), "");
-  EXPECT_EQ(VnicOf("a").port, "v1-app");
-  EXPECT_EQ(Check(), std::vector<std::string>());
-
-  EXPECT_EQ(Problem(machines->Relocate("a", root + "/elsewhere", options)), "no port holds VIF [v1] any more")
-      << "this agent knows nothing of paths";
-  EXPECT_TRUE(fs::exists(root + "/elsewhere/a.cfg"));
-  EXPECT_EQ(Problem(machines->PowerOff({"a"}, options)), "");
-  EXPECT_FALSE(VnicOf("a").connected);
-
-  const std::vector<std::string> wanted = {"8 a-1-1 web", "8 a-2-1 app", "2 a-2-2 web",
-                                           "8 a-3-1 db",  "2 a-3-2 db",  "8 a-3-3 app",
-                                           "8 a-4-1 app", "2 a-4-2 app", "2 a-5-1 app"};
-  EXPECT_EQ(asked_, wanted);
-  EXPECT_EQ(daemon->violations(), std::vector<std::string>());
-}
 
 TEST_F(VirtualMachinesTest, AGreenAnswerWithoutThePortBehindItFails) {
   Told told;
@@ -217,31 +161,6 @@ TEST_F(VirtualMachinesTest, AnEndOfTheConnectionEndsTheChange) {
   Create("a");
   EXPECT_EQ(Problem(machines->PowerOn({"a"}, options)), "no answer, or the connection ended before it");
   EXPECT_EQ(Problem(machines->PowerOn({"a"}, options)), "nobody is connected, or takes it");
-}
-
-TEST_F(VirtualMachinesTest, WithoutTheAgentTheHostUsesWhatIsThereAndNotesIt) {
-  Create("a");
-  options.agent_down = true;
-  EXPECT_EQ(Problem(machines->PowerOn({"a"}, options)),
-            "there is neither a port nor a port's file for VIF [v1]");
-  ASSERT_EQ(AddPort({"dvs", "p"}), "");
-  Set({"dvs", "p"}, kExternalId, "v1");
-  Set({"dvs", "p"}, kOpaqueNetwork, "web");
-  EXPECT_EQ(Problem(machines->PowerOn({"a"}, options)), "");
-  EXPECT_EQ(state->PortProperty("dvs", "p", kPending), "attach_port");
-  EXPECT_EQ(Problem(machines->PowerOff({"a"}, options)), "");
-  EXPECT_EQ(state->PortProperty("dvs", "p", kPending), "detach_port");
-}
-
-TEST_F(VirtualMachinesTest, AnotherHostTakesTheVmOverByItsFolder) {
-  Serve([this](const Asked& asked) { return Work(asked); });
-  Create("a");
-  EXPECT_EQ(Problem(machines->PowerOn({"a"}, options)), "");
-  EXPECT_EQ(Problem(machines->LiveOut("a", VirtualMachines::Part::kWhole, options)), "");
-  EXPECT_TRUE(machines->All().empty());
-  EXPECT_EQ(Problem(machines->LiveIn(root + "/store/a", "", VirtualMachines::Part::kWhole, options)), "");
-  EXPECT_TRUE(machines->Find("a").front().on);
-  EXPECT_EQ(VnicOf("a").port, "v1-web");
 }
 
 // What the management script and a node that starts anew read is what was written last.
