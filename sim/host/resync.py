@@ -69,11 +69,9 @@ def commands(state, do_vm_check):
             if not vif or not network:
                 continue
             seen.add((vif, network))
-            if network.startswith(PORT_GROUP):
-                in_use = state.is_plugged(switch, port)
-            else:
-                in_use = running.get(vif, ("", ""))[1] == network
-            path = paths.get(vif) or path_beside(state.port_prop(switch, port, PERSIST) or "")
+            secured_vm = state.plugged_vm(switch, port) if network.startswith(PORT_GROUP) else ""
+            in_use = bool(secured_vm) or running.get(vif, ("", ""))[1] == network
+            path = paths.get(vif) or secured_vm or path_beside(state.port_prop(switch, port, PERSIST) or "")
             if pending == "attach_port" and in_use:
                 found.append(("attach", vif, network, path, port))
             elif pending == "detach_port" and not in_use:

@@ -313,8 +313,10 @@ class State:
         state["linkUp"] = bool(vnic)
         write_json(path, state)
 
-    def is_plugged(self, switch, port):
-        return bool(read_json(self.switch_path(switch, "ports", port, "state.json"), {}).get("connectedVnic"))
+    def plugged_vm(self, switch, port):
+        """Whose vNIC is on the port: as much as it was told of the VM; empty for none."""
+        state = read_json(self.switch_path(switch, "ports", port, "state.json"), {})
+        return state.get("vmUuid") or state["connectedVnic"] if state.get("connectedVnic") else ""
 
     # --- endpoints
 

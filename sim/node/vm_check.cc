@@ -57,11 +57,13 @@ class Check {
     for (const PortPlace& place : places) {
       const auto use = ReadPortUse(place);
       if (!use) continue;
-      if (owners_.count(vif) == 0 && knowledge_.interfaces.count(vif) == 0) {
+      const bool owned = owners_.count(vif) != 0;
+      const bool interface = knowledge_.interfaces.count(vif) != 0;
+      if (!owned && !interface) {
         Say("port " + place.port + " holds VIF " + vif + ", which nobody uses");
       }
       // What was noted before the VIF came or went again is no longer owed.
-      if (use->pending == (owners_.count(vif) != 0 ? kAttachPending : kDetachPending)) {
+      if (!interface && use->pending == (owned ? kAttachPending : kDetachPending)) {
         Say("port " + place.port + ": the manager was not told of " + use->pending);
       }
       CheckFile(place, *use);

@@ -24,6 +24,7 @@ using Steps = sim::VirtualMachines::Steps;
 
 constexpr uint32_t kSwitchNumbers = 60;
 constexpr auto kCallTimeout = 2min;
+constexpr const char* kSecuredVm = "/var/datastore/secured/secured.cfg";
 constexpr const char* kVnicSocket = "/etc/orlane/zemaVifDvp";
 constexpr const char* kMigrationFile = "/tmp/zem/mvr_vnics_migration.json";
 constexpr const char* kHostGroup = "Host Network";
@@ -376,14 +377,14 @@ void WorldLife::AskSecurityPort(int number, bool attach) {
     if (!error.empty()) return Say(error);
   }
   const std::string vnic = attach ? SecurityVif(number) + ":eth0" : "";
-  if (!sim::ConnectPort({dvs, SecurityPort(number)}, attach ? SecurityVif(number) : "", vnic)) return;
+  if (!sim::ConnectPort({dvs, SecurityPort(number)}, attach ? kSecuredVm : "", vnic)) return;
   switching::VifMsg message;
   message.set_operation(attach ? 1 : 0);
   auto* const vif = message.add_vif_attachment();
   vif->set_vif_id(SecurityVif(number));
   vif->set_origin_id(std::string(kPortGroup) + ":" + dvs);
   vif->set_logical_port_id(SecurityPort(number));
-  vif->set_gcf_path("/var/datastore/secured/secured.cfg");
+  vif->set_gcf_path(kSecuredVm);
   vif->set_id("eth0");
   const std::string data = message.SerializeAsString();
   const auto length = static_cast<int32_t>(data.size());
