@@ -55,8 +55,7 @@ struct HostConfigContext {
   Synchronizable& port_lock;
   /// Ends the maintenance mode in this process: the node to which it belonged is gone.
   std::function<void()> leave_maintenance = [] {};
-  /// Runs the work on the thread of the host configurations, so much later = [](Duration,
-  /// std::function<void()>) {}; replaces what waits already.
+  /// Runs the work on the thread of the host configurations, so much later; replaces what waits already.
   std::function<void(Duration, std::function<void()>)> later = [](Duration, std::function<void()>) {};
   /// Runs the work on the thread of the host configurations, behind what waits there already.
   std::function<void(std::function<void()>)> queue = [](const std::function<void()>& work) { work(); };
