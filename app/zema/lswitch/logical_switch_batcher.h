@@ -46,7 +46,7 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
     std::vector<Ack> acks;
   };
 
-  bool Superseded();
+  void DropSuperseded();
   void TakeBarrier(uint64_t barrier, uint64_t epoch);
   void DeleteLsInCorvd(const std::string& reply_to, const std::set<std::string>& uuids);
   void ApplyLsInCorvd(const std::string& reply_to, const Zones& zones);
@@ -69,6 +69,7 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   uint64_t barrier_ = 0;  // the largest of this epoch; not forgotten between batches
   uint64_t epoch_;
   uint64_t generation_;
+  uint64_t manager_generation_;
   bool store_failed_ = false;  // a chunk of the store's in this run
   bool owes_barrier_ = false;  // a barrier was folded in and has to go out with this batch
   wft::TraceContext trace_info_;
