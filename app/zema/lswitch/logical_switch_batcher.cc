@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 
 #include "app/zema/core/mpa_message_sender.h"
 #include "app/zema/covedb/covedb_handler.h"
@@ -147,6 +148,17 @@ void LogicalSwitchMsgTask::Batcher::RunLocked() {
   }
   owes_barrier_ = false;
   chunks_.clear();
+  ReadSkipped();
+}
+
+// What the store has removed and made again is on the host only after another batch, and nobody tells it
+// again.
+void LogicalSwitchMsgTask::Batcher::ReadSkipped() {
+  const std::vector<std::string> skipped = std::exchange(skipped_of_store_, {});
+  std::vector<std::string> wanted;
+  std::copy_if(skipped.begin(), skipped.end(), std::back_inserter(wanted),
+               [this](const std::string& uuid) { return context_->store->pending().Contains(uuid); });
+  if (!wanted.empty()) context_->store->ScheduleLsRead(wanted, context_->store->epoch());
 }
 
 void LogicalSwitchMsgTask::Batcher::DeleteLsInCorvd(const std::string& reply_to,
@@ -187,6 +199,7 @@ void LogicalSwitchMsgTask::Batcher::AddToChunk(const std::string& zone, bool kln
     ZLOG_INFO("[%s] Skip LS [%s:%d] because it was already deleted in the batch.", "ApplyLsInCorvd",
               uuid.c_str(), record.revision);
     ++chunk->entries;
+    if (context_->store && IsStore(chunk->reply_to)) skipped_of_store_.push_back(uuid);
     return;
   }
   if (kln) {

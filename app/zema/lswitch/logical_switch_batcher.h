@@ -51,6 +51,7 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   void DeleteLsInCorvd(const std::string& reply_to, const std::set<std::string>& uuids);
   void ApplyLsInCorvd(const std::string& reply_to, const Zones& zones);
   void RunLocked();
+  void ReadSkipped();
   void AddToChunk(const std::string& zone, bool kln, const std::string& uuid, const Record& record,
                   Chunk* chunk);
   void RefuseLs(const std::string& reply_to, const std::string& uuid, const std::string& field);
@@ -65,6 +66,7 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   std::map<std::string, std::set<std::string>> deletes_;
   std::map<std::string, MpaMessageSender*> senders_;
   std::unordered_set<std::string> deleted_in_batch_;
+  std::vector<std::string> skipped_of_store_;
   std::vector<Chunk> chunks_;
   uint64_t barrier_ = 0;  // the largest of this epoch; not forgotten between batches
   uint64_t epoch_;
