@@ -64,7 +64,8 @@ class VifIndex {
   /// No VIF is on the port.
   void Forget(const std::string& dvs, const std::string& port);
 
-  /// Somebody else may have put the VIF on a port: unknown until the next reading.
+  /// Somebody else may have put the VIF on a port, or is about to: unknown until the next reading, and known
+  /// to be nowhere only after it has been on a port.
   void Doubt(const std::string& vif);
   /// Nothing is known, also not by readings that are under way.
   void Invalidate();
@@ -123,6 +124,8 @@ class VifIndex {
   std::map<std::string, uint64_t> doubts_;
   /// None of them has a candidate or a doubt.
   std::unordered_set<std::string> nowhere_;
+  /// With a doubt, and since then neither written nor found.
+  std::unordered_set<std::string> coming_;
 };
 
 }  // namespace zem::zema
