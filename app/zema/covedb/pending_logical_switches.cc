@@ -41,6 +41,11 @@ void PendingLogicalSwitches::RemoveRealized(const std::string& uuid, int32_t rev
   if (realized) entries_.erase(entry);
 }
 
+bool PendingLogicalSwitches::Contains(const std::string& uuid) {
+  const Synchronizer lock(lock_, __FILE__, __LINE__);
+  return entries_.contains(uuid);
+}
+
 std::vector<std::string> PendingLogicalSwitches::GetPendingLsKeys() {
   const Synchronizer lock(lock_, __FILE__, __LINE__);
   std::vector<std::string> keys;

@@ -22,6 +22,7 @@ class PendingLogicalSwitches {
   void RemovePendingLs(const std::string& uuid);
   /// The switch is realized up to `revision`, or removed with -1: forgets it unless a later update has come.
   void RemoveRealized(const std::string& uuid, int32_t revision);
+  bool Contains(const std::string& uuid);
   std::vector<std::string> GetPendingLsKeys();
   std::map<std::string, Update> Copy();
   void ClearPendingLs();

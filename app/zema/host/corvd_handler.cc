@@ -164,6 +164,7 @@ bool CorvdHandler::Serve() {
     }
     std::shared_ptr<CorvdRequest> request = ReadFrame();
     if (!request) return any;
+    if (!any) vif_handler_->HostCame();
     if (HandleCorvdMessage(std::move(request)) != 0) {
       ZLOG_ERROR("42026", "[%s] HandleCorvdMessage() failed\n", kTag);
       return any;

@@ -20,6 +20,9 @@ class VifHandler {
   /// these calls, whichever threads serve them.  Does not wait.
   virtual void Arrived(VifRequest&) {}
 
+  /// The first request of a connection is there: until now the host may have changed ports by itself.
+  virtual void HostCame() {}
+
   /// The host management ends: operations under way wait for nothing any more.
   virtual void EndWaits() {}
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 
 #include "app/zema/core/mpa_message_sender.h"
 #include "app/zema/covedb/covedb_handler.h"
@@ -44,18 +45,26 @@ std::vector<std::string> Uuids(const Acks& acks) {
 LogicalSwitchMsgTask::Batcher::Batcher(std::shared_ptr<LogicalSwitchContext> context)
     : context_(std::move(context)),
       epoch_(context_->fence.epoch()),
-      generation_(context_->fence.generation()) {}
+      generation_(context_->fence.generation()),
+      manager_generation_(context_->fence.manager_generation()) {}
 
-// What is gathered is from before a full sync.
-bool LogicalSwitchMsgTask::Batcher::Superseded() {
-  const uint64_t present = context_->fence.generation();
-  if (generation_ == present) return false;
-  generation_ = present;
-  if (Count() > 0) {
-    ZLOG_INFO("[%s] a full sync has come in between, %ld gathered lists are dropped", __func__, Count());
+// Drops what was gathered before a full sync.  The barrier of one of the store goes out with that.
+void LogicalSwitchMsgTask::Batcher::DropSuperseded() {
+  const long gathered = Count();
+  const uint64_t manager_present = context_->fence.manager_generation();
+  if (const uint64_t present = context_->fence.generation(); generation_ != present) {
+    generation_ = present;
+    Reset();
+  } else if (manager_generation_ != manager_present) {
+    const auto of_manager = [](const auto& list) { return !IsStore(list.first); };
+    std::erase_if(apply_, of_manager);
+    std::erase_if(deletes_, of_manager);
   }
-  Reset();
-  return true;
+  manager_generation_ = manager_present;
+  if (Count() < gathered) {
+    ZLOG_INFO("[%s] a full sync has come in between, %ld gathered lists are dropped", __func__,
+              gathered - Count());
+  }
 }
 
 void LogicalSwitchMsgTask::Batcher::TakeBarrier(uint64_t barrier, uint64_t epoch) {
@@ -69,8 +78,8 @@ void LogicalSwitchMsgTask::Batcher::TakeBarrier(uint64_t barrier, uint64_t epoch
 void LogicalSwitchMsgTask::Batcher::AddTask(Runnable* task) {
   auto* const update = dynamic_cast<LogicalSwitchMsgTask*>(task);
   if (update == nullptr) return;
-  Superseded();
-  if (update->generation_ != generation_) {
+  DropSuperseded();
+  if (update->generation_ != (IsStore(update->reply_to_) ? generation_ : manager_generation_)) {
     ZLOG_DEBUG("[%s] an update from before a full sync is dropped", __func__);
     return;
   }
@@ -104,7 +113,7 @@ void LogicalSwitchMsgTask::Batcher::UpdateBatcher(Runnable* task) {
     ZLOG_ERROR("44098", "[%s] CovedbUpdate task type error\n", __func__);
     return;
   }
-  Superseded();
+  DropSuperseded();
   TakeBarrier(update->barrier(), update->epoch());
   ZLOG_DEBUG("[%s] Batcher updated with barrier: [%llu]\n", __func__,
              static_cast<unsigned long long>(barrier_));
@@ -114,7 +123,7 @@ void LogicalSwitchMsgTask::Batcher::UpdateBatcher(Runnable* task) {
 void LogicalSwitchMsgTask::Batcher::Run() {
   if (!context_->fence.AwaitArrivals()) return;
   const Synchronizer lock(context_->fence, __FILE__, __LINE__);
-  if (Superseded()) return;
+  DropSuperseded();
   if (!trace_info_.valid()) return RunLocked();
   const auto span =
       WorkflowUtil::StartChildSpan("LogicalSwitchMsgTask.Batcher.Run", wft::kTraceInfo, trace_info_);
@@ -139,6 +148,17 @@ void LogicalSwitchMsgTask::Batcher::RunLocked() {
   }
   owes_barrier_ = false;
   chunks_.clear();
+  ReadSkipped();
+}
+
+// What the store has removed and made again is on the host only after another batch, and nobody tells it
+// again.
+void LogicalSwitchMsgTask::Batcher::ReadSkipped() {
+  const std::vector<std::string> skipped = std::exchange(skipped_of_store_, {});
+  std::vector<std::string> wanted;
+  std::copy_if(skipped.begin(), skipped.end(), std::back_inserter(wanted),
+               [this](const std::string& uuid) { return context_->store->pending().Contains(uuid); });
+  if (!wanted.empty()) context_->store->ScheduleLsRead(wanted, context_->store->epoch());
 }
 
 void LogicalSwitchMsgTask::Batcher::DeleteLsInCorvd(const std::string& reply_to,
@@ -179,6 +199,7 @@ void LogicalSwitchMsgTask::Batcher::AddToChunk(const std::string& zone, bool kln
     ZLOG_INFO("[%s] Skip LS [%s:%d] because it was already deleted in the batch.", "ApplyLsInCorvd",
               uuid.c_str(), record.revision);
     ++chunk->entries;
+    if (context_->store && IsStore(chunk->reply_to)) skipped_of_store_.push_back(uuid);
     return;
   }
   if (kln) {

@@ -46,11 +46,12 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
     std::vector<Ack> acks;
   };
 
-  bool Superseded();
+  void DropSuperseded();
   void TakeBarrier(uint64_t barrier, uint64_t epoch);
   void DeleteLsInCorvd(const std::string& reply_to, const std::set<std::string>& uuids);
   void ApplyLsInCorvd(const std::string& reply_to, const Zones& zones);
   void RunLocked();
+  void ReadSkipped();
   void AddToChunk(const std::string& zone, bool kln, const std::string& uuid, const Record& record,
                   Chunk* chunk);
   void RefuseLs(const std::string& reply_to, const std::string& uuid, const std::string& field);
@@ -65,10 +66,12 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   std::map<std::string, std::set<std::string>> deletes_;
   std::map<std::string, MpaMessageSender*> senders_;
   std::unordered_set<std::string> deleted_in_batch_;
+  std::vector<std::string> skipped_of_store_;
   std::vector<Chunk> chunks_;
   uint64_t barrier_ = 0;  // the largest of this epoch; not forgotten between batches
   uint64_t epoch_;
   uint64_t generation_;
+  uint64_t manager_generation_;
   bool store_failed_ = false;  // a chunk of the store's in this run
   bool owes_barrier_ = false;  // a barrier was folded in and has to go out with this batch
   wft::TraceContext trace_info_;

@@ -44,7 +44,7 @@ LogicalSwitchFullSyncTask::LogicalSwitchFullSyncTask(std::shared_ptr<LogicalSwit
     : MpaMessageTask(sender, std::move(correlation_id), std::move(reply_to), LogicalSwitchBulkMsg()),
       context_(std::move(context)),
       payload_(std::move(payload)) {
-  if (Begins(payload_)) context_->fence.Supersede();
+  if (Begins(payload_)) context_->fence.SupersedeManager();
   arrival_.emplace(context_->fence);
 }
 
@@ -77,6 +77,7 @@ std::string MP_RemoveAllLogicalSwitches(const std::shared_ptr<LogicalSwitchConte
   none.set_continuation_flag(kBegin);
   ZLOG_INFO("[%s] Performing logical switch full sync using message: [%s]\n", __func__,
             none.ShortDebugString().c_str());
+  context->fence.Supersede();
   std::string failure;
   try {
     LogicalSwitchFullSyncTask task(context, nullptr, "", "", none.SerializeAsString());

@@ -12,8 +12,8 @@ namespace zem::zema {
 
 /// The manager's own full sync: its bytes go to the host as they came.
 ///
-/// From the object's making on, which is the message's arrival, updates of before are void, and those that
-/// come behind it wait for its run.
+/// From the object's making on, which is the message's arrival, the manager's updates of before are void, and
+/// those that come behind it wait for its run.
 class LogicalSwitchFullSyncTask final : public MpaMessageTask<orlane::zem::switching::LogicalSwitchBulkMsg> {
  public:
   /// `sender` may be null: nobody is answered then.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "app/zema/covedb/covedb_handler.h"
 #include "framework/log.h"
 
 namespace zem::zema {
@@ -41,8 +42,10 @@ std::unique_ptr<LogicalSwitchMsgTask> LogicalSwitchMsgTask::CreateTask(
     return nullptr;
   }
   const auto span = WorkflowUtil::StartChildSpan("LogicalSwitchMsgTask.CreateTask", wft::kTraceInfo);
-  std::unique_ptr<LogicalSwitchMsgTask> task(new LogicalSwitchMsgTask(
-      context, sender, reply_to, barrier, generation.value_or(context.fence.generation())));
+  const bool of_store = reply_to == CoveDbHandler::kReplyTo;
+  const uint64_t present = of_store ? context.fence.generation() : context.fence.manager_generation();
+  std::unique_ptr<LogicalSwitchMsgTask> task(
+      new LogicalSwitchMsgTask(context, sender, reply_to, barrier, generation.value_or(present)));
   task->trace_info_ = span.context();
   bool absorbed = false;
   for (const Info& info : message.logical_switch_info()) {

@@ -227,9 +227,13 @@ bool PortOpsManager::TakeBack(const PortFileEntry& file, const std::string& dire
               memory->c_str());
     return false;
   }
-  return SetPortExtraConfig(file.dvs, file.port, port_props::kExternalId, vif) == 0 &&
-         SetPortExtraConfig(file.dvs, file.port, port_props::kOpaqueNetworkId, ls) == 0 &&
-         (!path.empty() || SetPortExtraConfig(file.dvs, file.port, port_props::kPersistPath, file.path) == 0);
+  if (SetPortExtraConfig(file.dvs, file.port, port_props::kExternalId, vif) != 0 ||
+      SetPortExtraConfig(file.dvs, file.port, port_props::kOpaqueNetworkId, ls) != 0 ||
+      (path.empty() && SetPortExtraConfig(file.dvs, file.port, port_props::kPersistPath, file.path) != 0)) {
+    return false;
+  }
+  TakeFile({file.dvs, file.port});
+  return true;
 }
 
 bool PortOpsManager::RestorePort(const std::string& dvs, const std::string& port, const std::string& file) {

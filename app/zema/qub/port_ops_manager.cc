@@ -331,6 +331,14 @@ bool PortOpsManager::IsOfAnotherHost(const std::string& path, const std::string&
   return cookie(*theirs) > cookie(own.bytes());
 }
 
+void PortOpsManager::TakeFile(const PortLocation& at) {
+  const std::string path = PersistPath(at.dvs, at.port);
+  // A failure is logged; the port is as it has to be.
+  if (!path.empty() && IsOfAnotherHost(path, at.dvs, at.port)) {
+    static_cast<void>(SaveNew(path, at.dvs, at.port));
+  }
+}
+
 int PortOpsManager::SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port,
                                      const char* without) {
   const auto span = wft::WorkflowUtil::StartChildSpan("PortOpsManager.SavePortDataFile", wft::kTraceInfo);

@@ -110,6 +110,9 @@ class PortOpsManager {
   /// Takes the VIF off every port but `port`.
   int ClearVifFromPortOtherThan(const std::string& port, const std::string& vif, std::string* error);
 
+  /// The port's VM is on this host: a file that another host has saved last becomes this one's, or that host
+  /// would go on writing it and this one would not.
+  void TakeFile(const PortLocation& at);
   /// The VM's configuration file is somewhere else now.
   int UpdateGcfPath(const std::string& zone, const std::string& port, const std::string& new_gcf_path,
                     std::string* error);

@@ -73,6 +73,7 @@ std::optional<std::vector<PortLocation>> VifIndex::Lookup(const std::string& vif
 
 void VifIndex::AddLocked(const Writing& writing) {
   nowhere_.erase(writing.vif_);
+  coming_.erase(writing.vif_);
   if (readings_ != 0) notes_.push_back({writing.at_, writing.vif_});
   if (table_ != nullptr) table_->Add(writing.at_.dvs, writing.at_.port, writing.vif_);
 }
@@ -101,6 +102,8 @@ void VifIndex::Forget(const std::string& dvs, const std::string& port) {
 void VifIndex::Doubt(const std::string& vif) {
   std::lock_guard lock(lock_);
   nowhere_.erase(vif);
+  if (coming_.size() >= kMostNowhere) coming_.clear();
+  coming_.insert(vif);
   if (table_ == nullptr && readings_ == 0) return;
   doubts_[vif] = ++sequence_;
 }
@@ -115,7 +118,7 @@ void VifIndex::Invalidate() {
 
 void VifIndex::SetNowhere(const std::string& vif) {
   std::lock_guard lock(lock_);
-  if (table_ == nullptr || doubts_.contains(vif) || table_->Has(vif)) return;
+  if (table_ == nullptr || doubts_.contains(vif) || coming_.contains(vif) || table_->Has(vif)) return;
   if (nowhere_.size() >= kMostNowhere) nowhere_.clear();
   nowhere_.insert(vif);
 }
@@ -159,7 +162,9 @@ void VifIndex::Reading::Install() {
     table_->Add(writing->at_.dvs, writing->at_.port, writing->vif_);
   }
   std::erase_if(index_.doubts_, [this](const auto& doubt) { return doubt.second <= begun_; });
-  std::erase_if(index_.nowhere_, [this](const std::string& vif) { return table_->Has(vif); });
+  const auto found = [this](const std::string& vif) { return table_->Has(vif); };
+  std::erase_if(index_.nowhere_, found);
+  std::erase_if(index_.coming_, found);
   before = std::exchange(index_.table_, std::move(table_));
 }
 

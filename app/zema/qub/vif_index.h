@@ -21,13 +21,13 @@ namespace zem::zema {
 /// port, and falls back to the walk over all ports when the port says otherwise.  That is why writes are told
 /// as long as they go on, and why a reading of the ports takes along what was told while it went on.
 ///
-/// What others write is not seen: the host when it brings a VM with its ports (told by Doubt), a migration or
-/// a host configuration done by the host (told by Invalidate), an operator (seen by the next reading, which
-/// each round of the resync makes).  Ports that vanish, with their switch or because the host lost them, need
-/// not be told: their candidates fail the question.  So a VIF without candidates is on no port, except
-/// between a write by somebody else and the next reading.  Who has to clear such a port, too, reads all
-/// ports; not so for a VIF that is known to be nowhere, because a reading has just said so or the agent has
-/// taken it off its last port, until anything is heard of it again.
+/// What others write is not seen: the host when it brings a VM with its ports (told by Doubt), when it had
+/// nobody to ask, or in a migration or a host configuration (told by Invalidate), an operator (seen by the
+/// next reading, which each round of the resync makes).  Ports that vanish, with their switch or because the
+/// host lost them, need not be told: their candidates fail the question.  So a VIF without candidates is on
+/// no port, except between a write by somebody else and the next reading.  Who has to clear such a port, too,
+/// reads all ports; not so for a VIF that is known to be nowhere, because a reading has just said so or the
+/// agent has taken it off its last port, until anything is heard of it again.
 ///
 /// Threads: all operations from any thread; the lock is held for memory work only and nothing is called under
 /// it.
@@ -64,7 +64,8 @@ class VifIndex {
   /// No VIF is on the port.
   void Forget(const std::string& dvs, const std::string& port);
 
-  /// Somebody else may have put the VIF on a port: unknown until the next reading.
+  /// Somebody else may have put the VIF on a port, or is about to: unknown until the next reading, and known
+  /// to be nowhere only after it has been on a port.
   void Doubt(const std::string& vif);
   /// Nothing is known, also not by readings that are under way.
   void Invalidate();
@@ -123,6 +124,8 @@ class VifIndex {
   std::map<std::string, uint64_t> doubts_;
   /// None of them has a candidate or a doubt.
   std::unordered_set<std::string> nowhere_;
+  /// With a doubt, and since then neither written nor found.
+  std::unordered_set<std::string> coming_;
 };
 
 }  // namespace zem::zema

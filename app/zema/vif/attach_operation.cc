@@ -214,6 +214,7 @@ void AttachOperation::AfterManagerError(bool return_vif) {
   }
   std::string path = request_.gcf_path;
   if (context_.ports.FindPortByVifUuid(request_.vif_id, request_.ls_id, &path, &at, &error) != 0) return;
+  context_.ports.TakeFile(at);
   request_.error_text.clear();
   if (return_vif) request_.result_text = request_.vif_id;
   ZLOG_INFO("Suceeded in restoring dvport [%s] for VIF [%s] and returning success with %s VIF in the result",

@@ -179,6 +179,9 @@ void VifPortHandler::ManagerDetach(VifRequest& request) {
   }
 }
 
+// While nobody was there to be asked it connected its VMs with the ports that it found.
+void VifPortHandler::HostCame() { context_->ports.ForgetVifIndex(); }
+
 void VifPortHandler::EndWaits() {
   context_->ending.Stop();
   in_process_->EndWaits();

@@ -18,6 +18,7 @@ class VifPortHandler final : public VifHandler {
 
   void DoVifPortOperation(VifRequest& request, Thread& waiter) override;
   void Arrived(VifRequest& request) override;
+  void HostCame() override;
   void EndWaits() override;
 
  private:

@@ -317,6 +317,7 @@ TEST_F(BatcherTest, AFullSyncOfTheManagerVoidsWhatCameBeforeItAndGoesFirst) {
   orlane::zem::switching::LogicalSwitchBulkMsg bulk;
   bulk.set_continuation_flag(0);
   Add(Message(kA, 2), "mp");
+  Barrier(4);
   auto list =
       std::make_unique<LogicalSwitchFullSyncTask>(context, nullptr, "c", "r", bulk.SerializeAsString());
   Add(Message(kB, 2), "mp");
@@ -330,6 +331,17 @@ TEST_F(BatcherTest, AFullSyncOfTheManagerVoidsWhatCameBeforeItAndGoesFirst) {
   batch.Join();
   EXPECT_THAT(host.TakeCalls(),
               ElementsAre("op 11 flag 1 zones 0 switches 0", "createOpaqueNetwork(" + Create(kB, 2) + ")"));
+  EXPECT_THAT(Barriers(), ElementsAre("value: 4"));
+  // The store tells what it has told once only, and waits for its barrier.
+  Add(Message(kA, 2), "covedb", 5);
+  const auto told = LogicalSwitchMsgTask::CreateTask(*context, Message(kC, 2), nullptr, "covedb", 6);
+  LogicalSwitchFullSyncTask(context, nullptr, "c", "r", "").Run();
+  host.TakeCalls();
+  batcher->AddTask(told.get());
+  Run();
+  EXPECT_THAT(host.TakeCalls(),
+              ElementsAre("createOpaqueNetwork(" + Create(kA, 2) + "," + Create(kC, 2) + ")"));
+  EXPECT_THAT(Barriers(), ElementsAre("value: 6"));
   // One that is never carried out holds nobody up, neither does one at the end.
   list = std::make_unique<LogicalSwitchFullSyncTask>(context, nullptr, "c", "r", "");
   list.reset();

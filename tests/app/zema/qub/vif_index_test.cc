@@ -187,6 +187,19 @@ TEST_F(VifIndexTest, PortsThatComeWithTheirVifAreKnown) {
     ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-9", "vif-3", &error), 0);
     EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), told ? "(none)" : "vif-3");
   }
+  // It may be looked for after it was announced and before it comes; once it has come and gone it is nowhere.
+  ports.DoubtVif("vif-4");
+  bool came = false;
+  for (const unsigned lists : {2U, 2U, 0U}) {
+    state->ClearLogs();
+    ASSERT_EQ(ports.ClearVifFromPort("", "", kLs, "vif-4", true, &error), 0);
+    EXPECT_EQ(Lists(), lists);
+    EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
+    if (!came) {
+      ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-1", port_props::kExternalId, "vif-4"));
+    }
+    came = true;
+  }
 }
 
 // A port that cannot be read may hold any VIF, so nothing is believed until all could be read.

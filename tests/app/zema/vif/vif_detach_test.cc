@@ -259,6 +259,24 @@ TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
     ASSERT_EQ(ReadPortFile(file, &after), 0);
     EXPECT_EQ(after == before, whose == kTheirsAfterOurs);
   }
+
+  // The VM has come back without the manager: the port still has the VIF, or gets it from the other host's
+  // file.
+  for (const bool from_file : {false, true}) {
+    SCOPED_TRACE(from_file);
+    Attach(kVif, "lp-1");
+    ASSERT_EQ(ports.UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
+    if (from_file) {
+      ASSERT_EQ(ports.ClearPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId), 0);
+    }
+    EXPECT_EQ(Done(Request(VifRequest::kAttach)).error_text, "");
+    EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
+    road.script.push_back(Detached("lp-1", kVif));
+    EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "");
+    std::string bytes;
+    ASSERT_EQ(ReadPortFile(file, &bytes), 0);
+    EXPECT_THAT(bytes, testing::Not(HasSubstr(kVif)));
+  }
 }
 
 TEST_F(VifDetachTest, ManagerWantsAPortBack) {
