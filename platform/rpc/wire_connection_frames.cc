@@ -30,6 +30,10 @@ void WireConnection::Malformed(const char* what, const FrameHeader& header) {
   CloseNow(CloseReason::kProtocolError);
 }
 
+void WireConnection::LogThrown(const std::exception& error) const {
+  ZEM_LIB_LOG(Library::kRpc, kLogError, "%s: a callback threw: %s", text_.c_str(), error.what());
+}
+
 void WireConnection::HandleFrame(const FrameHeader& header, const char* payload) {
   if ((phase_ == Phase::kIntroducing) != (header.type == FrameType::kHello)) {
     return Malformed("HELLO has to come first, and once", header);
@@ -365,10 +369,14 @@ void WireConnection::HandleEnd(const Slot& slot, const FrameHeader& header, cons
       call = TakeClientCall(**found, status);
   }
   if (!call) return;
-  if (!empty && !call->ReceiveMessage(payload + at, header.length - at)) {
-    status = Status(StatusCode::kProtocolError, "the answer is not a message of the method's type");
+  try {
+    if (!empty && !call->ReceiveMessage(payload + at, header.length - at)) {
+      status = Status(StatusCode::kProtocolError, "the answer is not a message of the method's type");
+    }
+    call->ReceiveRemoteStatus(status);
+  } catch (const std::exception& error) {
+    LogThrown(error);  // the call has ended all the same
   }
-  call->ReceiveRemoteStatus(status);
   call->ReceiveCallStatus(status);
 }
 

@@ -9,6 +9,25 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+/// Throws in `Next` or in `RemoteStatus`.
+class ThrowingObserver final : public CallObserver<EchoMsg> {
+ public:
+  ThrowingObserver(Journal& journal, bool in_next) : journal_(journal), in_next_(in_next) {}
+
+  void Next(const EchoMsg&) override {
+    if (in_next_) throw std::runtime_error("in Next");
+  }
+  void RemoteStatus(const Status&) override { throw std::runtime_error("in RemoteStatus"); }
+  void CallStatus(const Status& status) override {
+    journal_.Add("status " + std::to_string(status.code()));
+    delete this;
+  }
+
+ private:
+  Journal& journal_;
+  const bool in_next_;
+};
+
 // Each way a server can end a unary call has to reach the observer as one status, after the answer if there
 // is one.
 TEST_F(RpcTest, EveryEndOfAUnaryCallIsOneStatus) {
@@ -27,6 +46,17 @@ TEST_F(RpcTest, EveryEndOfAUnaryCallIsOneStatus) {
               }));
     clock_.Settle();
     EXPECT_EQ(journal_.Take(), c.expected) << c.text;
+  }
+}
+
+// An observer that throws would otherwise never hear of the end, and whoever waits for it hangs.
+TEST_F(RpcTest, AnObserverThatThrowsHasItsStatusAllTheSame) {
+  Serve();
+  auto stub = Stub();
+  for (const bool in_next : {true, false}) {
+    stub.Echo(ClientContext(), Text("a"), new ThrowingObserver(journal_, in_next));
+    clock_.Settle();
+    EXPECT_THAT(journal_.Take(), ElementsAre("status 0")) << in_next;
   }
 }
 
