@@ -336,7 +336,12 @@ void WireConnection::HandleMessage(const Slot& slot, const FrameHeader& header, 
     }
   }
   if (server_call) {
-    server_call->ReceiveRequest(empty ? nullptr : payload, header.length, (header.flags & kFlagLast) != 0);
+    try {
+      server_call->ReceiveRequest(empty ? nullptr : payload, header.length, (header.flags & kFlagLast) != 0);
+    } catch (const std::exception& error) {
+      LogThrown(error);
+      server_call->Close(Status(StatusCode::kInternal, error.what()));
+    }
   } else if (call && !empty && !call->ReceiveMessage(payload, header.length)) {
     Lock lock(mutex_);
     if (call->ended_) return;

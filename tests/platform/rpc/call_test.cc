@@ -88,6 +88,19 @@ TEST_F(RpcTest, StreamsArriveInOrderThenTheirStatus) {
   EXPECT_THAT(server_journal_.Take(), ElementsAre("count 0", "talk end 0"));
 }
 
+// Whichever message of a stream the handler throws at, the caller is told.
+TEST_F(RpcTest, AStreamWhoseHandlerThrowsEndsWithAStatus) {
+  Serve();
+  auto stub = Stub();
+  auto talk = stub.Talk(ClientContext(), Observe("t"));
+  talk.WriteRequest(Text("one"));
+  clock_.Settle();
+  talk.WriteRequest(Text("throw"));
+  clock_.Settle();
+  EXPECT_THAT(journal_.Take(), ElementsAre("t next one", "t status 14"));
+  EXPECT_THAT(server_journal_.Take(), ElementsAre("talk end 14"));
+}
+
 TEST_F(RpcTest, ABatchSendsEveryRequestOnce) {
   Serve();
   auto stub = Stub();

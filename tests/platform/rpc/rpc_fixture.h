@@ -150,7 +150,10 @@ class EchoServer : public EchoService::Service {
     class Talking final : public RequestObserver<EchoMsg> {
      public:
       Talking(Journal& journal, CallHandle<EchoMsg> call) : journal_(journal), call_(std::move(call)) {}
-      void Next(const EchoMsg& message) override { call_.Write(message); }
+      void Next(const EchoMsg& message) override {
+        if (message.text() == "throw") throw std::runtime_error("as asked");
+        call_.Write(message);
+      }
       void End(const Status& status) override {
         journal_.Add("talk end " + std::to_string(status.code()));
         if (status.ok()) call_.Close(Status());
