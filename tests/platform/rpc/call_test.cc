@@ -237,6 +237,18 @@ TEST_F(RpcTest, ASlowReaderStopsTheWriter) {
   EXPECT_EQ(journal_.lines().back(), "c status 12");
 }
 
+// The hook of a writer holds the call's handle as a rule: it must not keep the ended call for ever.
+TEST_F(RpcTest, AnEndedCallLetsGoOfItsWritableHook) {
+  Serve();
+  auto stub = Stub();
+  for (const char* text : {"keep", "keep after the end"}) {
+    stub.Echo(ClientContext(), Text(text), Observe("c"));
+    clock_.Settle();
+    EXPECT_THAT(journal_.Take(), ElementsAre("c next kept", "c status 0"));
+    EXPECT_TRUE(echo_->kept_by_hook().expired()) << text;
+  }
+}
+
 // Final answers have no limit of their own, so a peer that takes none is given up when too much waits for it.
 TEST_F(RpcTest, APeerThatTakesNoAnswersIsGivenUp) {
   Serve();
