@@ -1,6 +1,7 @@
 #include "platform/rpc/connection.h"
 
 #include "platform/core/thread.h"
+#include "platform/core/timer.h"
 
 #include "tests/platform/rpc/rpc_fixture.h"
 
@@ -249,6 +250,22 @@ TEST_F(ConnectionTest, AChannelThatComesTooLateIsClosed) {
   manager_->TeardownConnection(net::Endpoint(kEndpoint));
   clock_.Settle();
   EXPECT_EQ(network_.connections(kEndpoint), 0u);
+}
+
+// The result may be on its way to the dispatcher when the owner, who is about to go, cancels.
+TEST_F(ConnectionTest, NoCallbackComesBehindACancelOnTheDispatcher) {
+  int calls = 0;
+  auto& dispatcher = client_provider_.dispatcher();
+  dispatcher.Post([&] {
+    StubRequest request;
+    request.target = net::Endpoint("zem://nobody");
+    request.policy = RetryPolicy(1, 1, 1.0, 0);
+    const auto creator = client_provider_.rpc().stubs().create<EchoService::Stub>(
+        request, [&calls](std::optional<EchoService::Stub>, const Status&) { ++calls; });
+    dispatcher.Post([creator] { creator->Cancel(); });  // behind the failure, before what that posts
+  });
+  clock_.Settle();
+  EXPECT_EQ(calls, 0);
 }
 
 TEST_F(ConnectionTest, StubsOfOneEndpointShareAConnectionThatGoesWithTheLast) {
