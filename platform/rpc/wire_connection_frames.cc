@@ -17,8 +17,9 @@ constexpr size_t kIdLength = 255;
 
 template <class Ids>
 bool IdsAreSound(const Ids& ids) {
-  return std::all_of(ids.begin(), ids.end(),
-                     [](const std::string& id) { return !id.empty() && id.size() <= kIdLength; });
+  return ids.size() <= kIdsLimit && std::all_of(ids.begin(), ids.end(), [](const std::string& id) {
+           return !id.empty() && id.size() <= kIdLength;
+         });
 }
 
 }  // namespace
@@ -93,8 +94,7 @@ void WireConnection::HandleHello(const FrameHeader& header, const char* payload)
     return Malformed("not a HELLO of this protocol", header);
   }
   if (hello.version() != kVersion) return Malformed("HELLO of another version", header);
-  if (hello.ids_size() > kIdsLimit || !IdsAreSound(hello.ids()))
-    return Malformed("HELLO with unsound ids", header);
+  if (!IdsAreSound(hello.ids())) return Malformed("HELLO with unsound ids", header);
   {
     Lock lock(mutex_);
     if (closing_) return;
@@ -110,7 +110,8 @@ void WireConnection::HandleHello(const FrameHeader& header, const char* payload)
 
 void WireConnection::HandleIds(const FrameHeader& header, const char* payload) {
   wire::IdsMsg ids;
-  if (!ids.ParseFromArray(payload, static_cast<int>(header.length)) || !IdsAreSound(ids.added())) {
+  if (!ids.ParseFromArray(payload, static_cast<int>(header.length)) || !IdsAreSound(ids.added()) ||
+      !IdsAreSound(ids.removed())) {
     return Malformed("IDS with unsound ids", header);
   }
   const std::vector<std::string> added(ids.added().begin(), ids.added().end());
