@@ -279,6 +279,21 @@ TEST_F(ConnectionTest, StubsOfOneEndpointShareAConnectionThatGoesWithTheLast) {
   EXPECT_EQ(network_.connections(kEndpoint), 0u);
 }
 
+// Who only connects must not be able to take all descriptors of the process.
+TEST_F(ConnectionTest, AServerClosesConnectionsBeyondItsLimit) {
+  ConnectionOptions options;
+  options.accepted_limit = 1;
+  Serve(options);
+  auto first = MakeStub(client_provider_, kEndpoint);
+  EXPECT_TRUE(first);
+  EXPECT_FALSE(MakeStub(server_provider_, kEndpoint));
+  first->Echo(ClientContext(), Text("still served"), Observe("c"));
+  clock_.Settle();
+  EXPECT_THAT(journal_.Take(), ElementsAre("c next store:still served", "c status 0"));
+  first.reset();
+  EXPECT_TRUE(MakeStub(server_provider_, kEndpoint));
+}
+
 TEST_F(ConnectionTest, AStoppedServerClosesItsChannels) {
   Serve();
   auto stub = Stub();
