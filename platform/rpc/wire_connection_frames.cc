@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "platform/core/lib_log.h"
@@ -264,14 +265,15 @@ void WireConnection::HandleClose(const Slot& slot, const FrameHeader& header) {
 
 void WireConnection::HandleCall(const Slot& slot, const FrameHeader& header, const char* payload) {
   size_t at = 4;
-  wire::CallHeadersMsg headers;
+  std::optional<wire::CallHeadersMsg> headers;  // most calls have none
   bool sound = header.length >= at;
   if (sound && (header.flags & kFlagHeaders) != 0) {
+    headers.emplace();
     sound = header.length >= at + 4;
     const size_t size = sound ? GetU32(payload + at) : 0;
     at += 4;
     sound =
-        sound && size <= header.length - at && headers.ParseFromArray(payload + at, static_cast<int>(size));
+        sound && size <= header.length - at && headers->ParseFromArray(payload + at, static_cast<int>(size));
     at += size;
   }
   const bool empty = (header.flags & kFlagNoMessage) != 0;
@@ -291,9 +293,11 @@ void WireConnection::HandleCall(const Slot& slot, const FrameHeader& header, con
         AppendEnd(header.channel, header.call, Status(StatusCode::kResourceExhausted, "too many calls"));
         return SendAppended(lock);
       }
-      call->source_id_ = std::move(*headers.mutable_source_id());
-      for (auto& entry : *headers.mutable_headers()) {
-        call->headers_.emplace_back(std::move(*entry.mutable_key()), std::move(*entry.mutable_value()));
+      if (headers) {
+        call->source_id_ = std::move(*headers->mutable_source_id());
+        for (auto& entry : *headers->mutable_headers()) {
+          call->headers_.emplace_back(std::move(*entry.mutable_key()), std::move(*entry.mutable_value()));
+        }
       }
       call->dispatching_ = true;
       channel->calls.Insert(header.call, call);
