@@ -272,8 +272,8 @@ void WireConnection::HandleCall(const Slot& slot, const FrameHeader& header, con
     sound = header.length >= at + 4;
     const size_t size = sound ? GetU32(payload + at) : 0;
     at += 4;
-    sound =
-        sound && size <= header.length - at && headers->ParseFromArray(payload + at, static_cast<int>(size));
+    sound = sound && size <= kHeadersLimit && size <= header.length - at &&
+            headers->ParseFromArray(payload + at, static_cast<int>(size));
     at += size;
   }
   const bool empty = (header.flags & kFlagNoMessage) != 0;

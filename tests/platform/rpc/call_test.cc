@@ -277,6 +277,13 @@ TEST_F(RpcTest, AMessageOverTheFrameLimitIsRefused) {
   stub.Echo(ClientContext(), large, Observe("d"));
   clock_.Settle();
   EXPECT_THAT(journal_.Take(), ElementsAre("c status 11", "d next store:", "d status 0"));
+  ClientContext context;
+  context.AddHeader("tracking", std::string(64 << 10, 'x'));
+  stub.Echo(context, Text("e"), Observe("e"));
+  stub.Echo(ClientContext(), Text("f"), Observe("f"));
+  clock_.Settle();
+  EXPECT_THAT(journal_.Take(),
+              ::testing::UnorderedElementsAre("e status 11", "f next store:f", "f status 0"));
 }
 
 }  // namespace

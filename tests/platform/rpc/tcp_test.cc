@@ -409,6 +409,8 @@ TEST_F(TcpTest, WhatTheProtocolDoesNotAllowEndsTheConnectionOnly) {
   const std::string open = Open(1, "orlane.zem.testing.EchoService", EchoService::kInfo.fingerprint);
   const std::string call = Bytes({0, 0, 0, 4, 6, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0});
   const std::string ping = Bytes({0, 0, 0, 0, 10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+  std::string many_headers;
+  for (int i = 0; i < (32 << 10) + 1; ++i) many_headers += Bytes({0x12, 0});
   struct Case {
     const char* what;
     std::string bytes;
@@ -430,6 +432,11 @@ TEST_F(TcpTest, WhatTheProtocolDoesNotAllowEndsTheConnectionOnly) {
        Hello() + open + Bytes({0, 0, 0, 1, 6, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0}), 2},
       {"headers longer than the frame", Hello() + open + Bytes({0, 0, 0, 8, 6, 3, 0, 0, 0,   0,   0,   1,
                                                                 0, 0, 0, 1, 0, 0, 0, 0, 255, 255, 255, 255}),
+       2},
+      // Each of them is two bytes on the wire and a hundred in memory.
+      {"headers over their limit",
+       Hello() + open + Bytes({0, 1, 0, 10, 6, 3, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 2}) +
+           many_headers + ping,
        2},
       {"END from the caller", Hello() + open + Bytes({0, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1}), 2},
       {"an id of 256 bytes", Hello() + Ids(kAdded, 1, 256) + ping, 1},
