@@ -61,6 +61,8 @@ constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
 constexpr const char* kStoreClientId = "tarvik-agent";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
+// Anybody on the host may connect there.
+constexpr size_t kHealthConnections = 32;
 constexpr const char* kAgentLink = "/var/run/orlane/zem-agent/zema_link";
 constexpr const char* kGatewayLink = "/var/run/orlane/gw-controller/gw_link";
 
@@ -273,7 +275,9 @@ void Agent::Impl::StartHealthService() {
   version.set_major(kHealthMajor);
   version.set_minor(kHealthMinor);
   rpc::ServerBuilder builder(provider_->rpc());
-  builder.AddListeningEndpoint(net::Endpoint(kHealthEndpoint));
+  rpc::ConnectionOptions options;
+  options.accepted_limit = kHealthConnections;
+  builder.AddListeningEndpoint(net::Endpoint(kHealthEndpoint), options);
   builder.AddLocalEndpointId(kProcessName);
   builder.RegisterService(std::make_shared<DaemonHealthService>(version));
   health_server_ = builder.BuildStarted();

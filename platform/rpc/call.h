@@ -96,7 +96,8 @@ class ServerContext {
   /// connection's strand.
   void SetOnClose(std::function<void(const Status&)> hook);
 
-  /// Runs when the unsent bytes have fallen below half of the limit after a refused `Write`.
+  /// Runs when the unsent bytes have fallen below half of the limit after a refused `Write`.  Let go of when
+  /// the call ends, so that it may hold the call's handle.
   void SetOnWritable(std::function<void()> hook);
 
  private:

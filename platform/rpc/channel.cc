@@ -13,6 +13,9 @@
 namespace zem::rpc {
 namespace {
 
+// What stands before the headers' bytes: the deadline and their length.
+constexpr size_t kHeadersPrefix = 8;
+
 // The deadline and, where there are any, the headers: what stands before a CALL's message.
 std::string CallPrefix(const ClientContext& context, const std::string& channel_source, bool* has_headers) {
   using std::chrono::milliseconds;
@@ -31,7 +34,7 @@ std::string CallPrefix(const ClientContext& context, const std::string& channel_
     header->set_value(value);
   }
   const std::string bytes = message.SerializeAsString();
-  prefix.resize(8);
+  prefix.resize(kHeadersPrefix);
   PutU32(prefix.data() + 4, static_cast<uint32_t>(bytes.size()));
   return prefix + bytes;
 }
@@ -86,6 +89,9 @@ void ClientChannel::Start(const std::shared_ptr<ClientCall>& call, uint16_t meth
   };
   if (state_ != State::kOpen || last_call_ == std::numeric_limits<uint32_t>::max()) {
     return refuse(StatusCode::kChannelDown, "the channel is down");
+  }
+  if (prefix.size() > kHeadersPrefix + kHeadersLimit) {
+    return refuse(StatusCode::kResourceExhausted, "the headers are over their limit");
   }
   if (connection.calls_ >= kCallsLimit) return refuse(StatusCode::kResourceExhausted, "too many calls");
   if (connection.unsent() > kUnsentLimit) return refuse(StatusCode::kResourceExhausted, "too much unsent");

@@ -30,6 +30,7 @@ class ClientContext {
   void set_timeout(Duration timeout) { timeout_ = timeout; }
   Duration timeout() const { return timeout_; }
 
+  /// A call whose headers take more than 64 KiB in all ends with 11.
   void AddHeader(std::string key, std::string value) {
     headers_.emplace_back(std::move(key), std::move(value));
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -38,6 +39,8 @@ struct ConnectionOptions {
   RpcConnectionOptions rpc;
   Duration heartbeat_idle = std::chrono::seconds(5);
   Duration heartbeat_dead = std::chrono::seconds(15);
+  /// Of a listening endpoint: while its server has so many connections, a further one is closed at once.
+  size_t accepted_limit = 1024;
 };
 
 /// What happens when a connection is lost.

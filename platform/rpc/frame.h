@@ -37,6 +37,7 @@ constexpr size_t kFrameHeaderSize = 16;
 constexpr uint32_t kDataLimit = 16 << 20;
 constexpr uint32_t kControlLimit = 1 << 20;
 constexpr uint32_t kHelloLimit = 64 << 10;
+constexpr uint32_t kHeadersLimit = 64 << 10;
 constexpr int kIdsLimit = 1024;
 constexpr size_t kCallsLimit = 65536;
 constexpr size_t kChannelsLimit = 4096;

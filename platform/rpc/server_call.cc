@@ -65,7 +65,9 @@ void ServerCall::SetOnClose(std::function<void(const Status&)> hook) {
 
 void ServerCall::SetOnWritable(std::function<void()> hook) {
   std::lock_guard lock(channel_->connection->mutex_);
-  on_writable_ = std::move(hook);
+  if (ended_) return;
+  on_writable_.swap(hook);
+  tell_end_ = true;
 }
 
 void ServerCall::HandleDropped() {
@@ -111,10 +113,12 @@ void ServerCall::ReceiveRequest(const char* data, size_t size, bool last) {
 
 void ServerCall::DeliverEnd() {
   std::function<void(const Status&)> hook;
+  std::function<void()> unused;  // it usually holds the call's handle, and with it itself
   Status status;
   {
     std::lock_guard lock(channel_->connection->mutex_);
     hook.swap(on_close_);
+    unused.swap(on_writable_);
     status = *final_status_;
   }
   if (const auto sink = std::move(sink_)) sink->End(status.ok() ? Status(StatusCode::kCancelled) : status);

@@ -1,5 +1,6 @@
 #include "platform/rpc/stub_creator.h"
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -54,7 +55,10 @@ class StubCreator final : public StubCreatorBase, public std::enable_shared_from
     }
   }
 
-  void Cancel() override { static_cast<void>(TakeDone()); }
+  void Cancel() override {
+    cancelled_ = true;
+    static_cast<void>(TakeDone());
+  }
 
  private:
   void Try() {
@@ -97,8 +101,10 @@ class StubCreator final : public StubCreatorBase, public std::enable_shared_from
     if (!done) return;
     const Status status = channel ? Status() : Status(StatusCode::kFailed, why);
     if (!channel) ZEM_LIB_LOG(Library::kRpc, kLogInfo, "%s: %s", name_.c_str(), why.c_str());
-    transport_.provider().dispatcher().Post([done = std::move(done), channel = std::move(channel),
-                                             status]() mutable { done(std::move(channel), status); });
+    transport_.provider().dispatcher().Post(
+        [self = shared_from_this(), done = std::move(done), channel = std::move(channel), status]() mutable {
+          if (!self->cancelled_) done(std::move(channel), status);
+        });
   }
 
   StubFactory::ChannelDone TakeDone() {
@@ -123,6 +129,7 @@ class StubCreator final : public StubCreatorBase, public std::enable_shared_from
   const ServiceInfo& service_;
   StubRequest request_;  // its policy is guarded by mutex_
   const std::string name_;
+  std::atomic<bool> cancelled_{false};
   std::mutex mutex_;  // guards all below
   StubFactory::ChannelDone done_;
   std::shared_ptr<Timer> timeout_;

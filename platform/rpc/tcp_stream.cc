@@ -184,9 +184,10 @@ class TcpListener final : public StreamListener {
   struct State {
     State(AsioZemProvider& p, Accepted a) : provider(p), acceptor(p.io()), accepted(std::move(a)) {}
     AsioZemProvider& provider;
-    std::mutex mutex;  // guards acceptor and closed
+    std::mutex mutex;  // guards all below but accepted
     tcp::acceptor acceptor;
     bool closed = false;
+    bool failing = false;  // the last attempt failed
     const Accepted accepted;
   };
 
@@ -203,11 +204,17 @@ class TcpListener final : public StreamListener {
       std::lock_guard lock(state->mutex);
       if (state->closed) return;
       if (!error || error == boost::asio::error::connection_aborted) {
+        state->failing = false;
         Accept(state);
         return;
       }
-      // Out of descriptors, most likely: asking again at once would spin.
-      ZEM_LIB_LOG(Library::kNet, kLogWarning, "accept failed: %s", error.message().c_str());
+      // Out of descriptors, most likely: asking again at once would spin, and saying it each time fill the
+      // log.
+      if (!std::exchange(state->failing, true)) {
+        ZEM_LIB_LOG(Library::kNet, kLogWarning, "accept failed: %s, trying again every %lld ms",
+                    error.message().c_str(),
+                    static_cast<long long>(kAcceptPause / std::chrono::milliseconds(1)));
+      }
       state->provider.timers().Schedule(kAcceptPause, [state] {
         std::lock_guard again(state->mutex);
         Accept(state);

@@ -170,13 +170,26 @@ void TransportImpl::AddConnectionLocked(const std::shared_ptr<WireConnection>& c
   living_.push_back(connection);
 }
 
+// Whoever may connect could otherwise take every descriptor that the process has.
+bool TransportImpl::MayAcceptLocked(ServerParts& server, size_t limit) const {
+  const auto accepted = std::count_if(connections_.begin(), connections_.end(), [&server](const auto& entry) {
+    return entry.second->server().get() == &server;
+  });
+  const bool full = static_cast<size_t>(accepted) >= limit;
+  if (full && !server.refuses_connections) {
+    ZEM_LIB_LOG(Library::kNet, kLogWarning, "%zu connections accepted, closing further ones", limit);
+  }
+  server.refuses_connections = full;
+  return !full;
+}
+
 void TransportImpl::OnAccepted(const std::weak_ptr<ServerParts>& weak, const ConnectionOptions& options,
                                std::shared_ptr<ByteStream> stream, std::shared_ptr<Strand> strand) {
   std::shared_ptr<WireConnection> connection;
   {
     std::lock_guard lock(mutex_);
     auto server = weak.lock();
-    if (!server || stopping_) return;
+    if (!server || stopping_ || !MayAcceptLocked(*server, options.accepted_limit)) return;
     WireConnection::Settings settings;
     settings.options = options;
     settings.announced = AnnouncedLocked(options.rpc.inbound, server.get());

@@ -31,6 +31,7 @@ class ServerParts {
   std::vector<std::string> ids;
   std::map<std::string, std::shared_ptr<ServiceBase>> services;  // by full name
   std::vector<Listening> listening;
+  bool refuses_connections = false;  // told in the log; guarded by the transport's mutex
 };
 
 /// The connection to one endpoint that this side makes: requested by a manager (then made again as its
@@ -118,6 +119,7 @@ class TransportImpl final : public Transport, public std::enable_shared_from_thi
 
   void OnAccepted(const std::weak_ptr<ServerParts>& server, const ConnectionOptions& options,
                   std::shared_ptr<ByteStream> stream, std::shared_ptr<Strand> strand);
+  bool MayAcceptLocked(ServerParts& server, size_t limit) const;
   void AddConnectionLocked(const std::shared_ptr<WireConnection>& connection);
   void ConnectionUp(WireConnection& connection);
   void ConnectionDown(WireConnection& connection, CloseReason reason, bool introduced);

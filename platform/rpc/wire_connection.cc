@@ -325,7 +325,7 @@ void WireConnection::HandleReceived() {
     try {
       HandleFrame(header, payload);
     } catch (const std::exception& error) {
-      ZEM_LIB_LOG(Library::kRpc, kLogError, "%s: a callback threw: %s", text_.c_str(), error.what());
+      LogThrown(error);
     }
     if (phase_ == Phase::kClosed) return;
   }
@@ -613,7 +613,7 @@ void WireConnection::TellEnded() {
       if (open_done) open_done(nullptr, entry.status);
       if (hook) hook(channel.down_reason_);
     } catch (const std::exception& error) {
-      ZEM_LIB_LOG(Library::kRpc, kLogError, "%s: a callback threw: %s", text_.c_str(), error.what());
+      LogThrown(error);
     }
   }
   if (channel_ended && transport_ != nullptr) transport_->ConnectionMayBeUnused(*this);

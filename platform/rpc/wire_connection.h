@@ -143,6 +143,7 @@ class WireConnection final : public ByteStreamReader, public std::enable_shared_
   void HandleCancel(const Slot& slot, const FrameHeader& header);
   void Forward(const Forwarded& forwarded, const FrameHeader& header, const char* payload);
   void Malformed(const char* what, const FrameHeader& header);
+  void LogThrown(const std::exception& error) const;
 
   // Sending, under the mutex.
   char* AppendFrame(FrameHeader header);

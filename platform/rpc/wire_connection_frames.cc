@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "platform/core/lib_log.h"
@@ -17,8 +18,9 @@ constexpr size_t kIdLength = 255;
 
 template <class Ids>
 bool IdsAreSound(const Ids& ids) {
-  return std::all_of(ids.begin(), ids.end(),
-                     [](const std::string& id) { return !id.empty() && id.size() <= kIdLength; });
+  return ids.size() <= kIdsLimit && std::all_of(ids.begin(), ids.end(), [](const std::string& id) {
+           return !id.empty() && id.size() <= kIdLength;
+         });
 }
 
 }  // namespace
@@ -28,6 +30,10 @@ void WireConnection::Malformed(const char* what, const FrameHeader& header) {
               "%s: %s (type %u, flags %u, channel %u, call %u, %u bytes), closing", text_.c_str(), what,
               static_cast<unsigned>(header.type), header.flags, header.channel, header.call, header.length);
   CloseNow(CloseReason::kProtocolError);
+}
+
+void WireConnection::LogThrown(const std::exception& error) const {
+  ZEM_LIB_LOG(Library::kRpc, kLogError, "%s: a callback threw: %s", text_.c_str(), error.what());
 }
 
 void WireConnection::HandleFrame(const FrameHeader& header, const char* payload) {
@@ -89,8 +95,7 @@ void WireConnection::HandleHello(const FrameHeader& header, const char* payload)
     return Malformed("not a HELLO of this protocol", header);
   }
   if (hello.version() != kVersion) return Malformed("HELLO of another version", header);
-  if (hello.ids_size() > kIdsLimit || !IdsAreSound(hello.ids()))
-    return Malformed("HELLO with unsound ids", header);
+  if (!IdsAreSound(hello.ids())) return Malformed("HELLO with unsound ids", header);
   {
     Lock lock(mutex_);
     if (closing_) return;
@@ -106,7 +111,8 @@ void WireConnection::HandleHello(const FrameHeader& header, const char* payload)
 
 void WireConnection::HandleIds(const FrameHeader& header, const char* payload) {
   wire::IdsMsg ids;
-  if (!ids.ParseFromArray(payload, static_cast<int>(header.length)) || !IdsAreSound(ids.added())) {
+  if (!ids.ParseFromArray(payload, static_cast<int>(header.length)) || !IdsAreSound(ids.added()) ||
+      !IdsAreSound(ids.removed())) {
     return Malformed("IDS with unsound ids", header);
   }
   const std::vector<std::string> added(ids.added().begin(), ids.added().end());
@@ -259,14 +265,15 @@ void WireConnection::HandleClose(const Slot& slot, const FrameHeader& header) {
 
 void WireConnection::HandleCall(const Slot& slot, const FrameHeader& header, const char* payload) {
   size_t at = 4;
-  wire::CallHeadersMsg headers;
+  std::optional<wire::CallHeadersMsg> headers;  // most calls have none
   bool sound = header.length >= at;
   if (sound && (header.flags & kFlagHeaders) != 0) {
+    headers.emplace();
     sound = header.length >= at + 4;
     const size_t size = sound ? GetU32(payload + at) : 0;
     at += 4;
-    sound =
-        sound && size <= header.length - at && headers.ParseFromArray(payload + at, static_cast<int>(size));
+    sound = sound && size <= kHeadersLimit && size <= header.length - at &&
+            headers->ParseFromArray(payload + at, static_cast<int>(size));
     at += size;
   }
   const bool empty = (header.flags & kFlagNoMessage) != 0;
@@ -286,9 +293,11 @@ void WireConnection::HandleCall(const Slot& slot, const FrameHeader& header, con
         AppendEnd(header.channel, header.call, Status(StatusCode::kResourceExhausted, "too many calls"));
         return SendAppended(lock);
       }
-      call->source_id_ = std::move(*headers.mutable_source_id());
-      for (auto& entry : *headers.mutable_headers()) {
-        call->headers_.emplace_back(std::move(*entry.mutable_key()), std::move(*entry.mutable_value()));
+      if (headers) {
+        call->source_id_ = std::move(*headers->mutable_source_id());
+        for (auto& entry : *headers->mutable_headers()) {
+          call->headers_.emplace_back(std::move(*entry.mutable_key()), std::move(*entry.mutable_value()));
+        }
       }
       call->dispatching_ = true;
       channel->calls.Insert(header.call, call);
@@ -332,7 +341,12 @@ void WireConnection::HandleMessage(const Slot& slot, const FrameHeader& header, 
     }
   }
   if (server_call) {
-    server_call->ReceiveRequest(empty ? nullptr : payload, header.length, (header.flags & kFlagLast) != 0);
+    try {
+      server_call->ReceiveRequest(empty ? nullptr : payload, header.length, (header.flags & kFlagLast) != 0);
+    } catch (const std::exception& error) {
+      LogThrown(error);
+      server_call->Close(Status(StatusCode::kInternal, error.what()));
+    }
   } else if (call && !empty && !call->ReceiveMessage(payload, header.length)) {
     Lock lock(mutex_);
     if (call->ended_) return;
@@ -365,10 +379,14 @@ void WireConnection::HandleEnd(const Slot& slot, const FrameHeader& header, cons
       call = TakeClientCall(**found, status);
   }
   if (!call) return;
-  if (!empty && !call->ReceiveMessage(payload + at, header.length - at)) {
-    status = Status(StatusCode::kProtocolError, "the answer is not a message of the method's type");
+  try {
+    if (!empty && !call->ReceiveMessage(payload + at, header.length - at)) {
+      status = Status(StatusCode::kProtocolError, "the answer is not a message of the method's type");
+    }
+    call->ReceiveRemoteStatus(status);
+  } catch (const std::exception& error) {
+    LogThrown(error);  // the call has ended all the same
   }
-  call->ReceiveRemoteStatus(status);
   call->ReceiveCallStatus(status);
 }
 

@@ -9,6 +9,25 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+/// Throws in `Next` or in `RemoteStatus`.
+class ThrowingObserver final : public CallObserver<EchoMsg> {
+ public:
+  ThrowingObserver(Journal& journal, bool in_next) : journal_(journal), in_next_(in_next) {}
+
+  void Next(const EchoMsg&) override {
+    if (in_next_) throw std::runtime_error("in Next");
+  }
+  void RemoteStatus(const Status&) override { throw std::runtime_error("in RemoteStatus"); }
+  void CallStatus(const Status& status) override {
+    journal_.Add("status " + std::to_string(status.code()));
+    delete this;
+  }
+
+ private:
+  Journal& journal_;
+  const bool in_next_;
+};
+
 // Each way a server can end a unary call has to reach the observer as one status, after the answer if there
 // is one.
 TEST_F(RpcTest, EveryEndOfAUnaryCallIsOneStatus) {
@@ -27,6 +46,17 @@ TEST_F(RpcTest, EveryEndOfAUnaryCallIsOneStatus) {
               }));
     clock_.Settle();
     EXPECT_EQ(journal_.Take(), c.expected) << c.text;
+  }
+}
+
+// An observer that throws would otherwise never hear of the end, and whoever waits for it hangs.
+TEST_F(RpcTest, AnObserverThatThrowsHasItsStatusAllTheSame) {
+  Serve();
+  auto stub = Stub();
+  for (const bool in_next : {true, false}) {
+    stub.Echo(ClientContext(), Text("a"), new ThrowingObserver(journal_, in_next));
+    clock_.Settle();
+    EXPECT_THAT(journal_.Take(), ElementsAre("status 0")) << in_next;
   }
 }
 
@@ -56,6 +86,19 @@ TEST_F(RpcTest, StreamsArriveInOrderThenTheirStatus) {
   clock_.Settle();
   EXPECT_THAT(journal_.Take(), ElementsAre("t next one", "t next two", "t status 0"));
   EXPECT_THAT(server_journal_.Take(), ElementsAre("count 0", "talk end 0"));
+}
+
+// Whichever message of a stream the handler throws at, the caller is told.
+TEST_F(RpcTest, AStreamWhoseHandlerThrowsEndsWithAStatus) {
+  Serve();
+  auto stub = Stub();
+  auto talk = stub.Talk(ClientContext(), Observe("t"));
+  talk.WriteRequest(Text("one"));
+  clock_.Settle();
+  talk.WriteRequest(Text("throw"));
+  clock_.Settle();
+  EXPECT_THAT(journal_.Take(), ElementsAre("t next one", "t status 14"));
+  EXPECT_THAT(server_journal_.Take(), ElementsAre("talk end 14"));
 }
 
 TEST_F(RpcTest, ABatchSendsEveryRequestOnce) {
@@ -194,6 +237,18 @@ TEST_F(RpcTest, ASlowReaderStopsTheWriter) {
   EXPECT_EQ(journal_.lines().back(), "c status 12");
 }
 
+// The hook of a writer holds the call's handle as a rule: it must not keep the ended call for ever.
+TEST_F(RpcTest, AnEndedCallLetsGoOfItsWritableHook) {
+  Serve();
+  auto stub = Stub();
+  for (const char* text : {"keep", "keep after the end"}) {
+    stub.Echo(ClientContext(), Text(text), Observe("c"));
+    clock_.Settle();
+    EXPECT_THAT(journal_.Take(), ElementsAre("c next kept", "c status 0"));
+    EXPECT_TRUE(echo_->kept_by_hook().expired()) << text;
+  }
+}
+
 // Final answers have no limit of their own, so a peer that takes none is given up when too much waits for it.
 TEST_F(RpcTest, APeerThatTakesNoAnswersIsGivenUp) {
   Serve();
@@ -222,6 +277,13 @@ TEST_F(RpcTest, AMessageOverTheFrameLimitIsRefused) {
   stub.Echo(ClientContext(), large, Observe("d"));
   clock_.Settle();
   EXPECT_THAT(journal_.Take(), ElementsAre("c status 11", "d next store:", "d status 0"));
+  ClientContext context;
+  context.AddHeader("tracking", std::string(64 << 10, 'x'));
+  stub.Echo(context, Text("e"), Observe("e"));
+  stub.Echo(ClientContext(), Text("f"), Observe("f"));
+  clock_.Settle();
+  EXPECT_THAT(journal_.Take(),
+              ::testing::UnorderedElementsAre("e status 11", "f next store:f", "f status 0"));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "platform/rpc/connection.h"
 
 #include "platform/core/thread.h"
+#include "platform/core/timer.h"
 
 #include "tests/platform/rpc/rpc_fixture.h"
 
@@ -251,6 +252,22 @@ TEST_F(ConnectionTest, AChannelThatComesTooLateIsClosed) {
   EXPECT_EQ(network_.connections(kEndpoint), 0u);
 }
 
+// The result may be on its way to the dispatcher when the owner, who is about to go, cancels.
+TEST_F(ConnectionTest, NoCallbackComesBehindACancelOnTheDispatcher) {
+  int calls = 0;
+  auto& dispatcher = client_provider_.dispatcher();
+  dispatcher.Post([&] {
+    StubRequest request;
+    request.target = net::Endpoint("zem://nobody");
+    request.policy = RetryPolicy(1, 1, 1.0, 0);
+    const auto creator = client_provider_.rpc().stubs().create<EchoService::Stub>(
+        request, [&calls](std::optional<EchoService::Stub>, const Status&) { ++calls; });
+    dispatcher.Post([creator] { creator->Cancel(); });  // behind the failure, before what that posts
+  });
+  clock_.Settle();
+  EXPECT_EQ(calls, 0);
+}
+
 TEST_F(ConnectionTest, StubsOfOneEndpointShareAConnectionThatGoesWithTheLast) {
   Serve();
   {
@@ -260,6 +277,21 @@ TEST_F(ConnectionTest, StubsOfOneEndpointShareAConnectionThatGoesWithTheLast) {
   }
   clock_.Settle();
   EXPECT_EQ(network_.connections(kEndpoint), 0u);
+}
+
+// Who only connects must not be able to take all descriptors of the process.
+TEST_F(ConnectionTest, AServerClosesConnectionsBeyondItsLimit) {
+  ConnectionOptions options;
+  options.accepted_limit = 1;
+  Serve(options);
+  auto first = MakeStub(client_provider_, kEndpoint);
+  EXPECT_TRUE(first);
+  EXPECT_FALSE(MakeStub(server_provider_, kEndpoint));
+  first->Echo(ClientContext(), Text("still served"), Observe("c"));
+  clock_.Settle();
+  EXPECT_THAT(journal_.Take(), ElementsAre("c next store:still served", "c status 0"));
+  first.reset();
+  EXPECT_TRUE(MakeStub(server_provider_, kEndpoint));
 }
 
 TEST_F(ConnectionTest, AStoppedServerClosesItsChannels) {

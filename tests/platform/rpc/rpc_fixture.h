@@ -76,7 +76,8 @@ class JournalObserver final : public CallObserver<Response> {
 };
 
 /// Answers by the request's text: "hold" keeps the handle, "drop" drops it, "throw" throws, "fail" closes
-/// with NOT_FOUND; everything else is echoed with the service's name in front.
+/// with NOT_FOUND, "keep" gives the writable hook the handle; everything else is echoed with the service's
+/// name in front.
 class EchoServer : public EchoService::Service {
  public:
   EchoServer(Journal& journal, std::string name) : journal_(journal), name_(std::move(name)) {}
@@ -96,6 +97,16 @@ class EchoServer : public EchoService::Service {
       HookClose(context, "hold");
       std::lock_guard lock(mutex_);
       held_.push_back(std::move(call));
+      return;
+    }
+    if (request.text().starts_with("keep")) {
+      const auto kept = std::make_shared<CallHandle<EchoMsg>>(call);
+      kept_by_hook_ = kept;
+      if (request.text() == "keep") context.SetOnWritable([kept] {});
+      EchoMsg answer;
+      answer.set_text("kept");
+      call.Finish(answer);
+      if (request.text() != "keep") context.SetOnWritable([kept] {});
       return;
     }
     if (request.text() == "who") {
@@ -150,7 +161,10 @@ class EchoServer : public EchoService::Service {
     class Talking final : public RequestObserver<EchoMsg> {
      public:
       Talking(Journal& journal, CallHandle<EchoMsg> call) : journal_(journal), call_(std::move(call)) {}
-      void Next(const EchoMsg& message) override { call_.Write(message); }
+      void Next(const EchoMsg& message) override {
+        if (message.text() == "throw") throw std::runtime_error("as asked");
+        call_.Write(message);
+      }
       void End(const Status& status) override {
         journal_.Add("talk end " + std::to_string(status.code()));
         if (status.ok()) call_.Close(Status());
@@ -162,6 +176,8 @@ class EchoServer : public EchoService::Service {
     };
     return std::make_unique<Talking>(journal_, std::move(call));
   }
+
+  std::weak_ptr<void> kept_by_hook() const { return kept_by_hook_; }
 
   std::vector<CallHandle<EchoMsg>> TakeHeld() {
     std::lock_guard lock(mutex_);
@@ -178,6 +194,7 @@ class EchoServer : public EchoService::Service {
   const std::string name_;
   std::mutex mutex_;  // guards held_
   std::vector<CallHandle<EchoMsg>> held_;
+  std::weak_ptr<void> kept_by_hook_;
 };
 
 inline EchoMsg Text(const std::string& text, uint32_t number = 0) {

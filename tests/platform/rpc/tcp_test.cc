@@ -359,6 +359,26 @@ TEST_F(TcpTest, TheWireFormIsTheDocumentedOne) {
   EXPECT_EQ(raw.ReceiveFrame(), "11 0 0 0 0:");
 }
 
+constexpr char kAdded = 0x0a;
+constexpr char kRemoved = 0x12;
+
+// An IDS with `count` different ids of `size` bytes.
+std::string Ids(char field, int count, size_t size) {
+  std::string payload;
+  for (int i = 0; i < count; ++i) {
+    std::string id(size, 'x');
+    for (size_t at = 0, left = static_cast<size_t>(i); at < std::min<size_t>(size, 3); ++at, left /= 64)
+      id[at] = static_cast<char>('0' + left % 64);
+    payload.push_back(field);
+    if (size > 127) payload.push_back(static_cast<char>(0x80 | (size & 0x7f)));
+    payload.push_back(static_cast<char>(size > 127 ? size >> 7 : size));
+    payload += id;
+  }
+  std::string frame = Bytes({0, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}) + payload;
+  for (size_t at = 0; at < 4; ++at) frame[at] = static_cast<char>(payload.size() >> (24 - 8 * at));
+  return frame;
+}
+
 // A peer that asks and does not read is not read from either; when it reads, every call has its end.
 TEST_F(TcpTest, APeerThatDoesNotReadIsNotReadFrom) {
   RawClient raw(server_->port());
@@ -388,6 +408,9 @@ TEST_F(TcpTest, APeerThatDoesNotReadIsNotReadFrom) {
 TEST_F(TcpTest, WhatTheProtocolDoesNotAllowEndsTheConnectionOnly) {
   const std::string open = Open(1, "orlane.zem.testing.EchoService", EchoService::kInfo.fingerprint);
   const std::string call = Bytes({0, 0, 0, 4, 6, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0});
+  const std::string ping = Bytes({0, 0, 0, 0, 10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+  std::string many_headers;
+  for (int i = 0; i < (32 << 10) + 1; ++i) many_headers += Bytes({0x12, 0});
   struct Case {
     const char* what;
     std::string bytes;
@@ -410,7 +433,16 @@ TEST_F(TcpTest, WhatTheProtocolDoesNotAllowEndsTheConnectionOnly) {
       {"headers longer than the frame", Hello() + open + Bytes({0, 0, 0, 8, 6, 3, 0, 0, 0,   0,   0,   1,
                                                                 0, 0, 0, 1, 0, 0, 0, 0, 255, 255, 255, 255}),
        2},
+      // Each of them is two bytes on the wire and a hundred in memory.
+      {"headers over their limit",
+       Hello() + open + Bytes({0, 1, 0, 10, 6, 3, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 2}) +
+           many_headers + ping,
+       2},
       {"END from the caller", Hello() + open + Bytes({0, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1}), 2},
+      {"an id of 256 bytes", Hello() + Ids(kAdded, 1, 256) + ping, 1},
+      {"an id too many", Hello() + Ids(kAdded, 1024, 2) + ping + Ids(kAdded, 1, 3) + ping, 2},
+      // A frame has room for so many that looking for each among the others holds a thread for minutes.
+      {"more ids at once than there may be", Hello() + Ids(kRemoved, 1025, 2) + ping, 1},
       {"OPENED for the peer's own", Hello() + open + Bytes({0, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0}),
        2},
   };
