@@ -58,7 +58,7 @@ void HandlerPool::AddRequest(std::shared_ptr<VifRequest> request) {
       ZLOG_WARN("[%s] request [%s] comes after the end", kTag, request->ToString().c_str());
       return;
     }
-    full = pending_requests_.size() >= kMostPending;
+    full = request->request && pending_requests_.size() >= kMostPending;
     if (full) {
       pending_gauge_.Refused();
     } else {
@@ -81,7 +81,6 @@ void HandlerPool::AddRequest(std::shared_ptr<VifRequest> request) {
 void HandlerPool::Refuse(VifRequest& request) {
   ZLOG_WARN("[%s] request [%s] is refused: %zu requests wait", kTag, request.ToString().c_str(),
             kMostPending);
-  if (!request.request) return;
   if (request.error_text.empty()) request.error_text = kTooManyWait;
   reply_(request);
 }

@@ -41,8 +41,9 @@ class HandlerPool {
   /// Ends all threads and drops what waits; no request is taken from then on.  Again is harmless.
   void Stop();
 
-  /// Takes a request from any source.  One that comes while kMostPending wait is refused: the host gets its
-  /// reply at once, from the caller's thread.
+  /// Takes a request from any source.  One of the host that comes while kMostPending wait is refused: the
+  /// host gets its reply at once, from the caller's thread.  Others are taken: who made them, as the manager
+  /// when it takes a VIF away, hears of no refusal and does not ask again.
   void AddRequest(std::shared_ptr<VifRequest> request);
 
   /// Ends one thread that has been idle for too long, unless it is the last.
