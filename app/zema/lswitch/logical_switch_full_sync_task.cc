@@ -22,7 +22,8 @@ constexpr uint32_t kAnswer = 2;
 constexpr uint32_t kSuccess = 0;
 constexpr uint32_t kFailure = 1;
 
-// Whether it is the first piece of a sync, without reading all its switches.
+// Whether it is the first piece of a sync, without reading all its switches.  The host will refuse what does
+// not read, so that is none.
 bool Begins(const std::string& payload) {
   using Wire = google::protobuf::internal::WireFormatLite;
   google::protobuf::io::CodedInputStream in(reinterpret_cast<const uint8_t*>(payload.data()),
@@ -33,7 +34,7 @@ bool Begins(const std::string& payload) {
                          Wire::GetTagWireType(tag) == Wire::WIRETYPE_VARINT;
     if (is_flag ? !in.ReadVarint32(&flag) : !Wire::SkipField(&in, tag)) break;
   }
-  return flag == kBegin;
+  return flag == kBegin && in.ConsumedEntireMessage();
 }
 
 }  // namespace
