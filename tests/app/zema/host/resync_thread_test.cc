@@ -3,9 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 
@@ -13,7 +11,6 @@
 #include "app/zema/host/resync_state.h"
 #include "app/zema/host/vif_handler.h"
 #include "app/zema/qub/vif_request.h"
-#include "platform/core/unique_fd.h"
 #include "platform/core/virtual_clock.h"
 #include "tests/app/zema/core/no_publisher.h"
 #include "tests/support/log_capture.h"
@@ -288,28 +285,6 @@ TEST_F(ResyncThreadTest, ARoundEndsWhenItCannotBeCarriedOut) {
     EXPECT_EQ(vif_handler_.served.size(), c.served) << c.line;
     EXPECT_TRUE(log_.Contains(c.line)) << c.line;
   }
-}
-
-TEST_F(ResyncThreadTest, APipeThatCannotBeMadeIsTriedAgain) {
-  rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  host_.UnsetHostId();
-  Start();
-  clock_.RunFor(seconds(1));
-  rlimit tight = before;
-  std::vector<UniqueFd> taken(1);
-  taken.back() = UniqueFd(::dup(0));
-  tight.rlim_cur = static_cast<rlim_t>(taken.back().get()) + 20;
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
-  // The one that the thread waits with comes back, and is one too few.
-  for (int fd = ::dup(0); fd >= 0; fd = ::dup(0)) taken.emplace_back(fd);
-  host_.SetHostId("node");
-  clock_.RunFor(seconds(40));
-  taken.clear();
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-  EXPECT_EQ(log_.Count("Error creating Resync Pipe"), 2u);
-  clock_.RunFor(seconds(30));
-  EXPECT_THAT(Rounds(), ElementsAre("65: 3600 0"));
 }
 
 TEST_F(ResyncThreadTest, AScriptThatHangsEndsWithTheThreadAndWithItsTime) {
