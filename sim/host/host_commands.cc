@@ -171,6 +171,13 @@ void RegisterHostCommands(CommandTable& table, const HostState& state) {
   table.Register({"frames", "[COUNT [PART]]",
                   "Shows the last frames to the management script (20) that hold PART.", 0, 2,
                   [&state](A a, R r) { ShowFrames(state, a, r); }});
+  table.Register({"frames/whole", "on|off",
+                  "Whether further frames are kept whole, or their first 4096 bytes.", 1, 1,
+                  [&state](A a, R r) {
+                    if (a[0] != "on" && a[0] != "off") return r.Fail("on or off");
+                    state.KeepFramesWhole(a[0] == "on");
+                    r.Ok();
+                  }});
   table.Register({"start", "Uninitialized|ready|never [POLLS]",
                   "How the next start of the script begins, and how many pings it then takes to be ready.", 1,
                   2, [&state](A a, R r) { SetStart(state, a, r); }});

@@ -165,6 +165,13 @@ void HostState::SetStart(const std::string& word, int polls) const {
   });
 }
 
+void HostState::KeepFramesWhole(bool on) const {
+  Locked([&] {
+    if (on) return WriteFile(Path("frames.whole"), "");
+    std::filesystem::remove(Path("frames.whole"));
+  });
+}
+
 Json HostState::Frames(size_t count, const std::string& part) const {
   return Lines("frames.log", count, part);
 }

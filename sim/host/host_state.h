@@ -38,6 +38,7 @@ class HostState {
   /// still "initializing" after the login.
   void SetStart(const std::string& word, int polls) const;
 
+  void KeepFramesWhole(bool on) const;
   /// The last `count` frames that hold `part`, in their order.
   Json Frames(size_t count, const std::string& part) const;
 

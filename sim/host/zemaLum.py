@@ -38,6 +38,7 @@ from simstate import Refused
 
 TEXT_COMMAND = 10
 MAX_REQUEST = 64 * 1024 * 1024
+# Characters of each frame and its reply that are kept, unless the file "<root>/host/frames.whole" is there.
 MAX_LOGGED = 4096
 SUCCESS = 1
 FAILURE = 0
@@ -187,15 +188,16 @@ class Host:
             return default
 
     def log(self, waited, started, operation, data, status, text):
+        most = None if os.path.exists(os.path.join(self.state.host_dir, "frames.whole")) else MAX_LOGGED
         entry = {
             "waited": waited,
             "in": started,
             "out": time.monotonic(),
             "operation": operation,
             "length": len(data),
-            "data": data[:MAX_LOGGED],
+            "data": data[:most],
             "status": status,
-            "reply": text[:MAX_LOGGED],
+            "reply": text[:most],
         }
         self.frames.write(json.dumps(entry) + "\n")
         self.frames.flush()
