@@ -13,12 +13,12 @@
 
 #include "framework/builtin_commands.h"
 #include "framework/cli_server.h"
-#include "framework/logger.h"
 #include "platform/core/metrics.h"
 #include "platform/core/queue_gauge.h"
 #include "platform/core/thread.h"
 #include "platform/core/unix_socket.h"
 #include "platform/core/work_group.h"
+#include "tests/support/silent_log.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ class Server {
  public:
   Server() {
     ::signal(SIGPIPE, SIG_IGN);
-    Logger::SetEmitter([](int, const char*) {});
+    zem::test::SilenceLog();
     std::string folder = std::filesystem::temp_directory_path() / "cli_fuzz.XXXXXX";
     if (::mkdtemp(folder.data()) == nullptr) std::abort();
     folder_ = folder;

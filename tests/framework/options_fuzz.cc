@@ -10,15 +10,12 @@
 
 #include "framework/logger.h"
 #include "framework/options.h"
+#include "tests/support/silent_log.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace zem;
   using namespace zem::Tarvik;
-  static const bool quiet = [] {
-    Logger::SetEmitter([](int, const char*) {});
-    return true;
-  }();
-  static_cast<void>(quiet);
+  zem::test::SilenceLog();
   const int file = ::memfd_create("options", MFD_CLOEXEC);
   if (file < 0 || ::write(file, data, size) != static_cast<ssize_t>(size)) std::abort();
   if (LoadOptions("/proc/self/fd/" + std::to_string(file))) {

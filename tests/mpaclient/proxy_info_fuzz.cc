@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "framework/logger.h"
 #include "mpaclient/mpa_client.h"
 #include "mpaclient/tn_proxy_client_common.h"
 #include "platform/core/provider.h"
 #include "platform/core/virtual_clock.h"
 #include "platform/rpc/memory_network.h"
 #include "sim/manager/proxy.h"
+#include "tests/support/silent_log.h"
 
 namespace {
 
@@ -63,11 +63,7 @@ sim::ProxyInfo List(Input& input) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = [] {
-    Logger::SetEmitter([](int, const char*) {});
-    return true;
-  }();
-  static_cast<void>(quiet);
+  zem::test::SilenceLog();
   constexpr size_t kMost = 256;
   Input input(data, std::min(size, kMost));
   VirtualClock clock;

@@ -29,12 +29,12 @@
 #include "app/zema/qub/switch_record.h"
 #include "app/zema/qub/vif_request.h"
 #include "app/zema/qub/vtep_application.h"
-#include "framework/logger.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "proto/switching/switching.pb.h"
 #include "tests/app/zema/core/no_publisher.h"
 #include "tests/app/zema/lswitch/checking_lum.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
+#include "tests/support/silent_log.h"
 
 namespace {
 
@@ -205,11 +205,7 @@ class HostInHand {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = [] {
-    Logger::SetEmitter([](int, const char*) {});
-    return true;
-  }();
-  static_cast<void>(quiet);
+  zem::test::SilenceLog();
   static HostInHand host;
   if (size == 0) return 0;
   host.Receive(kTypes[data[0] % kTypes.size()], {reinterpret_cast<const char*>(data) + 1, size - 1});

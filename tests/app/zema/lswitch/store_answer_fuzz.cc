@@ -14,7 +14,6 @@
 #include "app/zema/lswitch/db_svc_task_thread.h"
 #include "app/zema/lswitch/logical_switch_batcher.h"
 #include "covedbclient/covedb_client_interface.h"
-#include "framework/logger.h"
 #include "platform/core/provider.h"
 #include "platform/core/timer.h"
 #include "platform/core/virtual_clock.h"
@@ -22,6 +21,7 @@
 #include "proto/covedb/switching_objects.pb.h"
 #include "tests/app/zema/lswitch/checking_lum.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
+#include "tests/support/silent_log.h"
 
 namespace {
 
@@ -193,11 +193,7 @@ class Road {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = [] {
-    Logger::SetEmitter([](int, const char*) {});
-    return true;
-  }();
-  static_cast<void>(quiet);
+  zem::test::SilenceLog();
   Road road;
   Input input(data, size);
   while (!input.empty()) {
