@@ -24,34 +24,39 @@ Request Read(const std::string& payload) {
   return request;
 }
 
-bool HostConfig(const RequestOrigin& origin, const std::string& payload, const std::string& reason) {
-  auto reply = Read<switching::HostConfigMsg>(payload);
+bool HostConfig(const RefusedRequest& refused) {
+  auto reply = Read<switching::HostConfigMsg>(refused.payload);
   reply.set_error_code(ErrorSink::kGeneral);
-  reply.set_error_text(reason);
-  return origin.sender->HostConfigReply(origin.correlation_id, origin.reply_to, reply);
+  reply.set_error_text(refused.reason);
+  return refused.origin.sender->HostConfigReply(refused.origin.correlation_id, refused.origin.reply_to,
+                                                reply);
 }
 
-bool MaintenanceMode(const RequestOrigin& origin, const std::string& payload, const std::string& reason) {
-  const auto request = Read<switching::MaintenanceModeConfigMsg>(payload);
+bool MaintenanceMode(const RefusedRequest& refused) {
+  const auto request = Read<switching::MaintenanceModeConfigMsg>(refused.payload);
   switching::MaintenanceModeConfigResultMsg reply;
   if (request.has_transport_node_id()) reply.set_transport_node_id(request.transport_node_id());
   if (request.has_id()) reply.set_id(request.id());
   if (request.has_revision()) reply.set_revision(request.revision());
+  reply.set_state(refused.mmode_state);
   reply.set_error_code(ErrorSink::kGeneral);
-  reply.set_error_text(reason);
-  return origin.sender->TnMmodeConfigReply(origin.correlation_id, origin.reply_to, reply);
+  reply.set_error_text(refused.reason);
+  return refused.origin.sender->TnMmodeConfigReply(refused.origin.correlation_id, refused.origin.reply_to,
+                                                   reply);
 }
 
-bool FullSync(const RequestOrigin& origin, const std::string&, const std::string& reason) {
+bool FullSync(const RefusedRequest& refused) {
   switching::LogicalSwitchBulkMsg reply;
   reply.set_continuation_flag(kAnswersFullSync);
   reply.set_status(kFullSyncFailed);
-  reply.set_error_text(reason);
-  return origin.sender->LogicalSwitchFullSyncReply(origin.correlation_id, origin.reply_to, reply);
+  reply.set_error_text(refused.reason);
+  return refused.origin.sender->LogicalSwitchFullSyncReply(refused.origin.correlation_id,
+                                                           refused.origin.reply_to, reply);
 }
 
-bool HostProfile(const RequestOrigin& origin, const std::string&, const std::string& reason) {
-  return origin.sender->HostProfileReply(origin.correlation_id, origin.reply_to, RefusedHostProfile(reason));
+bool HostProfile(const RefusedRequest& refused) {
+  return refused.origin.sender->HostProfileReply(refused.origin.correlation_id, refused.origin.reply_to,
+                                                 RefusedHostProfile(refused.reason));
 }
 
 template <class Result, class Request>
@@ -63,22 +68,23 @@ Result RefusedVtep(const std::string& payload, const std::string& reason) {
   return reply;
 }
 
-bool VtepRecovery(const RequestOrigin& origin, const std::string& payload, const std::string& reason) {
-  return origin.sender->VtepRecoveryReply(
-      origin.correlation_id, origin.reply_to,
-      RefusedVtep<switching::VTEPRecoveryResultMsg, switching::VTEPRecoveryRequestMsg>(payload, reason));
+bool VtepRecovery(const RefusedRequest& refused) {
+  return refused.origin.sender->VtepRecoveryReply(
+      refused.origin.correlation_id, refused.origin.reply_to,
+      RefusedVtep<switching::VTEPRecoveryResultMsg, switching::VTEPRecoveryRequestMsg>(refused.payload,
+                                                                                       refused.reason));
 }
 
-bool VtepAdminState(const RequestOrigin& origin, const std::string& payload, const std::string& reason) {
-  return origin.sender->VtepAdminStateReply(
-      origin.correlation_id, origin.reply_to,
-      RefusedVtep<switching::VTEPAdminStateMgmtResultMsg, switching::VTEPAdminStateMgmtRequestMsg>(payload,
-                                                                                                   reason));
+bool VtepAdminState(const RefusedRequest& refused) {
+  return refused.origin.sender->VtepAdminStateReply(
+      refused.origin.correlation_id, refused.origin.reply_to,
+      RefusedVtep<switching::VTEPAdminStateMgmtResultMsg, switching::VTEPAdminStateMgmtRequestMsg>(
+          refused.payload, refused.reason));
 }
 
 struct Row {
   std::string_view type;
-  bool (*answer)(const RequestOrigin& origin, const std::string& payload, const std::string& reason);
+  bool (*answer)(const RefusedRequest& refused);
 };
 constexpr Row kRows[] = {
     {"HostConfigMsg", &HostConfig},
@@ -91,12 +97,11 @@ constexpr Row kRows[] = {
 
 }  // namespace
 
-void AnswerRefused(const RequestOrigin& origin, std::string_view type, const std::string& payload,
-                   const std::string& reason) {
+void AnswerRefused(const RefusedRequest& refused) {
   for (const Row& row : kRows) {
-    if (row.type != type) continue;
-    if (!row.answer(origin, payload, reason)) {
-      ZLOG_WARN("[%s] the answer to a refused %s was not sent", __func__, std::string(type).c_str());
+    if (row.type != refused.type) continue;
+    if (!row.answer(refused)) {
+      ZLOG_WARN("[%s] the answer to a refused %s was not sent", __func__, refused.type.c_str());
     }
     return;
   }

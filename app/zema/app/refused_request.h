@@ -1,17 +1,26 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "app/zema/app/later_parts.h"
 
 namespace zem::zema {
 
-/// Answers a request of the manager that no queue has taken with `reason`.  Nothing for a message that has no
-/// answer: the manager asks again.  `type` is without its package.
+/// A request of the manager that no queue has taken.
+struct RefusedRequest {
+  RequestOrigin origin;
+  /// Without its package.
+  std::string type;
+  std::string payload;
+  std::string reason;
+  /// The node's state as a reply of the maintenance mode says it.
+  uint32_t mmode_state = 0;
+};
+
+/// Answers it with its reason.  Nothing for a message that has no answer: the manager asks again.
 ///
 /// Threads: any but a provider's, since sending may wait for the manager.
-void AnswerRefused(const RequestOrigin& origin, std::string_view type, const std::string& payload,
-                   const std::string& reason);
+void AnswerRefused(const RefusedRequest& refused);
 
 }  // namespace zem::zema

@@ -26,6 +26,7 @@
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
+#include "app/zema/hostconfig/mmode_config_task.h"
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/lswitch/host_profile_task.h"
 #include "app/zema/lswitch/logical_switch_context.h"
@@ -346,10 +347,13 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
       app_.HostProfileReply(origin.correlation_id, origin.reply_to, reply);
     });
   };
-  settings.refuse = [this](const zema::RequestOrigin& origin, std::string_view type, std::string payload,
-                           const std::string& reason) {
-    io_.Post([origin, type, payload = std::move(payload), reason] {
-      zema::AnswerRefused(origin, type, payload, reason);
+  settings.refuse = [this, mmode = realization->mmode()](const zema::RequestOrigin& origin,
+                                                         std::string_view type, std::string payload,
+                                                         const std::string& reason) {
+    io_.Post([mmode, refused = zema::RefusedRequest{origin, std::string(type), std::move(payload),
+                                                    reason}]() mutable {
+      refused.mmode_state = zema::MmodeResultState(*mmode);
+      zema::AnswerRefused(refused);
     });
   };
   const std::weak_ptr<zema::Realization> weak = realization;

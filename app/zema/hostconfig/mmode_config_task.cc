@@ -115,13 +115,15 @@ switching::MaintenanceModeConfigResultMsg MmodeConfigTaskQub::BuildReply() {
   reply.set_transport_node_id(message_.transport_node_id());
   reply.set_id(message_.id());
   reply.set_revision(message_.revision());
-  reply.set_state(context_->manager.InMaintenanceMode() ? kIn : kOut);
+  reply.set_state(MmodeResultState(*context_));
   reply.set_error_code(error_code_);
   std::string text;
   for (const std::string& error : errors_) text += (text.empty() ? "" : "; ") + error;
   reply.set_error_text(text);
   return reply;
 }
+
+uint32_t MmodeResultState(MmodeContext& context) { return context.manager.InMaintenanceMode() ? kIn : kOut; }
 
 void RestoreMmode(MmodeContext& context) {
   const std::string& path = context.files.paths().mmode;

@@ -60,6 +60,9 @@ class MmodeConfigTaskQub final : public MmodeConfigTask {
   std::vector<std::string> errors_;
 };
 
+/// What a reply says of the node: in maintenance mode, or not.
+uint32_t MmodeResultState(MmodeContext& context);
+
 /// The mode in which the agent ended, when it starts.
 void RestoreMmode(MmodeContext& context);
 

@@ -101,7 +101,10 @@ class HostInHand {
     };
     settings.send_host_config_ack = [](const std::string&, const switching::HostConfigAckMsg&) {};
     settings.refuse_host_profile = [](const RequestOrigin&, const std::string&) {};
-    settings.refuse = &AnswerRefused;
+    settings.refuse = [](const RequestOrigin& origin, std::string_view type, std::string payload,
+                         const std::string& reason) {
+      AnswerRefused({origin, std::string(type), std::move(payload), reason});
+    };
     settings.vif_result = [this](const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
       manager.SetResultToPendingRPC(rpc_id, std::move(result));
     };
@@ -115,7 +118,7 @@ class HostInHand {
   void Receive(const char* type, std::string_view payload) {
     dispatch->ProcessReceiveMessages("session:1", std::string("com.orlane.zem.switching.") + type, payload,
                                      "c", "r");
-    AnswerRefused({&sender, "c", "r", ""}, type, std::string(payload), "too many");
+    AnswerRefused({{&sender, "c", "r", ""}, type, std::string(payload), "too many"});
     sender.Take();
   }
 

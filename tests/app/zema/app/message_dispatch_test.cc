@@ -64,7 +64,9 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
       made_.push_back("refused " + error);
     };
     settings.refuse = [](const RequestOrigin& origin, std::string_view type, const std::string& payload,
-                         const std::string& reason) { AnswerRefused(origin, type, payload, reason); };
+                         const std::string& reason) {
+      AnswerRefused({origin, std::string(type), payload, reason, 3});
+    };
     settings.vif_result = [this](const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
       made_.push_back("vif " + rpc_id);
       result_ = std::move(result);
@@ -165,7 +167,7 @@ TEST_F(MessageDispatchTest, ARequestTooManyIsAnsweredWithItsReason) {
   EXPECT_EQ(sender_.Take(),
             (std::vector<std::string>{
                 "HostConfig corr reply id: \"c1\" error_code: 8700 error_text: " + reason,
-                "TnMmode corr reply revision: \"3\" error_code: 8700 error_text: " + reason,
+                "TnMmode corr reply revision: \"3\" state: 3 error_code: 8700 error_text: " + reason,
                 "FullSync corr reply continuation_flag: 2 status: 1 error_text: " + reason,
                 "HostProfile corr reply reply_marker: 2 status: 2 error_text: " + reason,
                 "VtepRecovery corr reply result_text: " + reason + " request_id: \"r\" result: -1",
