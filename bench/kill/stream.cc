@@ -43,6 +43,8 @@ std::string Switch(int number, int config) {
 
 }  // namespace
 
+Stream::Stream(sim::NodeProcess& node) : node_(node), checksum_(node, kNode) {}
+
 std::string Stream::ConfigText(int number) const {
   std::string text = "id: \"" + ConfigId(number) + "\" revision: \"" + std::to_string(number) +
                      "\" transport_node_id: \"" + kNode + "\" phase: PHASE2_COMBINED " + Switch(1, number);
@@ -64,36 +66,6 @@ void Stream::PutSwitches(int count) {
   switches_ += count;
 }
 
-std::string Stream::StoredChecksum() {
-  const Json before = node_.Do("manager received SwitchingVertical");
-  double last = 0;
-  const cJSON* each = nullptr;
-  cJSON_ArrayForEach(each, sim::At(before.get(), "messages")) last = NumberAt(each, "number");
-  std::string checksum;
-  const auto answered = [&](const cJSON* result) {
-    const cJSON* message = nullptr;
-    cJSON_ArrayForEach(message, sim::At(result, "messages")) {
-      if (TextAt(message, "type") != "com.orlane.zem.switching.ChecksumMsg") continue;
-      checksum = TextAt(message, "message.checksum.checksum");
-      return true;
-    }
-    return false;
-  };
-  // Nobody hears a question before the daemon is connected.
-  const TimePoint limit = Clock::Process().Now() + kPatience;
-  for (;;) {
-    node_.Do("manager send --no-wait --timeout 1 SwitchingVertical ChecksumMsg 'id: \"" + std::string(kNode) +
-             "\"'");
-    try {
-      node_.Await("manager received SwitchingVertical " + std::to_string(static_cast<int64_t>(last)),
-                  kQuestion, answered);
-      return checksum;
-    } catch (const std::runtime_error&) {
-      if (Clock::Process().Now() > limit) throw;
-    }
-  }
-}
-
 void Stream::CheckFiles() {
   // A torn file would not be told by the checksum of a good one beside it.
   const Json files = node_.Do("file/list /etc/orlane/zema");
@@ -108,7 +80,7 @@ void Stream::CheckFiles() {
 void Stream::CheckConvergence() {
   node_.Await("host-management", kPatience,
               [](const cJSON* state) { return cJSON_IsTrue(sim::At(state, "connected")) != 0; });
-  const std::string stored = StoredChecksum();
+  const std::string stored = checksum_.Ask(kQuestion, kPatience);
   int back = -1;
   for (int i = 0; i < 8 && i < config_; ++i) {
     const int number = config_ - i;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "bench/kill/checksum_question.h"
 #include "sim/node/node_process.h"
 
 namespace zem::bench {
@@ -14,7 +15,7 @@ namespace zem::bench {
 /// Errors: std::runtime_error with what did not hold.
 class Stream {
  public:
-  explicit Stream(sim::NodeProcess& node) : node_(node) {}
+  explicit Stream(sim::NodeProcess& node);
 
   /// The next of each, without waiting for what becomes of it.
   void SendConfig();
@@ -31,10 +32,10 @@ class Stream {
 
  private:
   std::string ConfigText(int number) const;
-  std::string StoredChecksum();
   void CheckFiles();
 
   sim::NodeProcess& node_;
+  ChecksumQuestion checksum_;
   int config_ = 0;
   int switches_ = 0;
   uint64_t barrier_ = 0;

@@ -190,34 +190,7 @@ void SweepNode::Settle() {
   node_.Do("switch/clear-logs");
 }
 
-std::string SweepNode::StoredChecksum() {
-  const Json before = node_.Do("manager received SwitchingVertical " + std::to_string(received_));
-  const cJSON* message = nullptr;
-  cJSON_ArrayForEach(message, sim::At(before.get(), "messages")) {
-    received_ = static_cast<uint64_t>(NumberAt(message, "number"));
-  }
-  std::string checksum;
-  const auto answered = [&](const cJSON* result) {
-    cJSON_ArrayForEach(message, sim::At(result, "messages")) {
-      if (TextAt(message, "type") != "com.orlane.zem.switching.ChecksumMsg") continue;
-      checksum = TextAt(message, "message.checksum.checksum");
-      return true;
-    }
-    return false;
-  };
-  // Nobody hears a question before the daemon is connected.
-  const TimePoint limit = Clock::Process().Now() + kPatience;
-  for (;;) {
-    node_.Do("manager send --no-wait --timeout 1 SwitchingVertical ChecksumMsg 'id: \"" +
-             std::string(kNodeId) + "\"'");
-    try {
-      node_.Await("manager received SwitchingVertical " + std::to_string(received_), kQuestion, answered);
-      return checksum;
-    } catch (const std::runtime_error&) {
-      if (Clock::Process().Now() > limit) throw std::runtime_error("the checksum is not answered");
-    }
-  }
-}
+std::string SweepNode::StoredChecksum() { return checksum_.Ask(kQuestion, kPatience); }
 
 void SweepNode::AwaitClean() {
   node_.Await("switch/list", kPatience, [](const cJSON* list) { return cJSON_GetArraySize(list) == 0; });

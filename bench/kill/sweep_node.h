@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bench/kill/background.h"
+#include "bench/kill/checksum_question.h"
 #include "sim/node/node_process.h"
 
 namespace zem::bench {
@@ -140,6 +141,7 @@ class SweepNode {
   std::string ControllersDisagreement();
 
   sim::NodeProcess node_;
+  ChecksumQuestion checksum_{node_, kNodeId};
   std::vector<Running> running_;
 
   int number_ = 0;  // of configurations, and of all that needs a new name
@@ -155,7 +157,6 @@ class SweepNode {
   // Of the store, from before a removal: until they are written anew, a host that came back may have them.
   std::set<uint32_t> forgotten_;
   uint64_t barrier_ = 0;
-  uint64_t received_ = 0;  // of the messages that the manager has got
   std::string controller_;
   bool security_tied_ = false;
   bool performance_waits_ = false;
