@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "mpaclient/mpa_client.h"
 #include "proto/sha/sha.pb.h"
 

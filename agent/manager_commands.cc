@@ -1,7 +1,7 @@
 #include "agent/manager_commands.h"
 
-#include "framework/builtin_commands.h"
-#include "framework/log.h"
+#include "framework/cli/builtin_commands.h"
+#include "framework/log/log.h"
 #include "mpaclient/mpa_client.h"
 
 namespace zem::Tarvik {

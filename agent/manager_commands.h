@@ -3,7 +3,7 @@
 #include <functional>
 #include <vector>
 
-#include "framework/cli_command.h"
+#include "framework/cli/cli_command.h"
 
 namespace zem::Tarvik {
 

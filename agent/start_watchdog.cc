@@ -1,6 +1,6 @@
 #include "agent/start_watchdog.h"
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -11,9 +11,9 @@ constexpr auto kPatience = std::chrono::seconds(30);
 }  // namespace
 
 StartWatchdog::StartWatchdog() : entered_(Clock::Process().Now()) {
-  Thread::Options options;
+  NativeThread::Options options;
   options.name = "start-watch";
-  thread_ = Thread(std::move(options), [this] { Watch(); });
+  thread_ = NativeThread(std::move(options), [this] { Watch(); });
 }
 
 StartWatchdog::~StartWatchdog() { stop_.Stop(); }

@@ -27,7 +27,7 @@ class StartWatchdog {
   const char* step_ = "";
   TimePoint entered_;
   StopSignal stop_;
-  Thread thread_;
+  NativeThread thread_;
 };
 
 }  // namespace zem::Tarvik

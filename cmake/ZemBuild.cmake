@@ -59,6 +59,13 @@ function(zem_library name)
   target_link_libraries(${name} PUBLIC zem_options ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK})
 endfunction()
 
+# zem_folder(name LINK ... PRIVATE_LINK ...): the library of a folder in which every class is one source.
+function(zem_folder name)
+  cmake_parse_arguments(ARG "" "" "LINK;PRIVATE_LINK" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} *.cc)
+  zem_library(${name} SOURCES ${sources} LINK ${ARG_LINK} PRIVATE_LINK ${ARG_PRIVATE_LINK})
+endfunction()
+
 # zem_executable(name SOURCES ... LINK ...)
 function(zem_executable name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 
 namespace zem::covedb {
 

@@ -6,9 +6,9 @@
 #include "covedbclient/client_log.h"
 #include "covedbclient/covedb_client.h"
 #include "covedbclient/response_observer.h"
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
-#include "platform/core/weak_call.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
+#include "platform/provider/weak_call.h"
 
 namespace zem::covedb {
 namespace {

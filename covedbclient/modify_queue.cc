@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "covedbclient/covedb_client_interface.h"
-#include "platform/core/metrics.h"
+#include "platform/metrics/metrics.h"
 
 namespace zem::covedb {
 namespace {

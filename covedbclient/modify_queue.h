@@ -6,7 +6,7 @@
 #include <list>
 #include <memory>
 
-#include "platform/core/queue_gauge.h"
+#include "platform/metrics/queue_gauge.h"
 #include "proto/covedb/covedb.pb.h"
 
 namespace zem::metrics {

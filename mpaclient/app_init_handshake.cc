@@ -3,10 +3,10 @@
 // one.  That is why no timer and no call has to be found and stopped for correctness: cancelling only saves
 // work.
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "mpaclient/mpa_client.h"
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 
 namespace zem {
 namespace {

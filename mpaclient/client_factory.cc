@@ -4,11 +4,11 @@
 #include <string>
 #include <utility>
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "mpaclient/host_services.h"
 #include "mpaclient/mpa_client_private.h"
 #include "mpaclient/tn_proxy_client_common.h"
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/stub_factory.h"
 #include "platform/rpc/transport.h"
 

@@ -3,16 +3,16 @@
 #include <cinttypes>
 #include <cstdlib>
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "mpaclient/client_factory.h"
 #include "mpaclient/mpa_client_app_specific.h"
 #include "mpaclient/tn_proxy_client_common.h"
 #include "mpaclient/verticals.h"
 #include "platform/core/clock.h"
-#include "platform/core/metrics.h"
-#include "platform/core/provider.h"
 #include "platform/core/thread_name.h"
-#include "platform/core/timer.h"
+#include "platform/metrics/metrics.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 #include "proto/messaging/messaging.pb.h"
 
 namespace zem {

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "framework/bus_record.h"
-#include "framework/rmq_client.h"
+#include "mpaclient/bus/bus_record.h"
+#include "mpaclient/bus/rmq_client.h"
 #include "platform/core/retry_policy.h"
 #include "platform/rpc/client.h"
 

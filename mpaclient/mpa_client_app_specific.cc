@@ -2,7 +2,7 @@
 
 #include <google/protobuf/message.h>
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "mpaclient/service_observer.h"
 #include "mpaclient/tn_proxy_client_common.h"
 #include "platform/core/uuid.h"

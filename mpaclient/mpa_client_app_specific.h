@@ -7,7 +7,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "framework/bus_record.h"
+#include "mpaclient/bus/bus_record.h"
 #include "mpaclient/call_handle_map.h"
 #include "mpaclient/mpa_client.h"
 #include "mpaclient/verticals.h"

@@ -5,7 +5,7 @@
 #include <array>
 #include <string_view>
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "platform/core/uuid.h"
 #include "proto/messaging/appinit.pb.h"
 #include "proto/messaging/messaging.pb.h"

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "framework/bus_record.h"
+#include "mpaclient/bus/bus_record.h"
 #include "mpaclient/mpa_client_app_specific.h"
 #include "platform/rpc/call.h"
 

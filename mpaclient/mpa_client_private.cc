@@ -1,10 +1,10 @@
 #include "mpaclient/mpa_client_private.h"
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "mpaclient/mpa_client_app_specific.h"
 #include "mpaclient/tn_proxy_client_common.h"
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 #include "platform/rpc/server.h"
 #include "platform/rpc/transport.h"
 #include "proto/messaging/messaging.pb.h"

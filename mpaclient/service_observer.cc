@@ -1,6 +1,6 @@
 #include "mpaclient/service_observer.h"
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "mpaclient/mpa_client_app_specific.h"
 
 namespace zem {

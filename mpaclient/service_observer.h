@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "framework/bus_record.h"
+#include "mpaclient/bus/bus_record.h"
 #include "platform/rpc/client.h"
 #include "proto/messaging/messaging.pb.h"
 

@@ -1,12 +1,12 @@
 // The stubs of one vertical's client: how a new list of APHs takes the place of the old one, and how stubs
 // are made, lost and made again.
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "mpaclient/mpa_client_app_specific.h"
 #include "mpaclient/mpa_client_private.h"
 #include "mpaclient/tn_proxy_client_common.h"
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 
 namespace zem {
 namespace {

@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "framework/log.h"
-#include "platform/core/timer.h"
+#include "framework/log/log.h"
 #include "platform/core/uuid.h"
+#include "platform/provider/timer.h"
 #include "platform/rpc/stub_factory.h"
 #include "platform/rpc/transport.h"
 #include "proto/messaging/messaging.pb.h"

@@ -10,7 +10,7 @@
 #include <unordered_map>
 
 #include "mpaclient/spread_delay.h"
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/close_reason.h"
 #include "platform/rpc/connection.h"
 

@@ -17,17 +17,17 @@
 #include <stdexcept>
 #include <string>
 
-#include "app/zema/core/host_identity.h"
-#include "app/zema/core/mpa_message_sender.h"
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
 #include "app/zema/endpoint/vtep_request_tasks.h"
-#include "app/zema/qub/endpoint_library.h"
-#include "app/zema/qub/lum_handler.h"
+#include "app/zema/hostlib/endpoint_library.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "app/zema/proxy/lum_handler.h"
 #include "bench/logical-switches/bare_client.h"
-#include "framework/logger.h"
-#include "framework/shutdown_pipe.h"
+#include "framework/log/logger.h"
+#include "framework/node/host_identity.h"
+#include "framework/process/shutdown_pipe.h"
 #include "sim/host/host_state.h"
-#include "sim/node/sandbox.h"
+#include "sim/sandbox/sandbox.h"
 #include "sim/switch/library_folder.h"
 #include "sim/switch/sim_state.h"
 
@@ -129,7 +129,7 @@ class Agent {
     host_.SetHostId("tn");
     context_ = std::make_shared<zema::EndpointContext>(
         lum, library, host_, &manager, [] { return 0; }, [](Duration) { return true; },
-        [this](std::unique_ptr<zema::Runnable> task) { queue_.push_back(std::move(task)); });
+        [this](std::unique_ptr<Runnable> task) { queue_.push_back(std::move(task)); });
   }
 
   void Sync() {
@@ -168,9 +168,9 @@ class Agent {
     queue_.clear();
   }
 
-  zema::HostIdentity host_;
+  HostIdentity host_;
   std::shared_ptr<zema::EndpointContext> context_;
-  std::vector<std::unique_ptr<zema::Runnable>> queue_;
+  std::vector<std::unique_ptr<Runnable>> queue_;
 };
 
 void TakeBetter(double* best, double seconds) { *best = std::min(*best, seconds); }

@@ -13,7 +13,7 @@
 
 #include "bench/build_folder.h"
 #include "bench/host-config/road.h"
-#include "sim/node/node_process.h"
+#include "sim/scenario/node_process.h"
 
 namespace {
 

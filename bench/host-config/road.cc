@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "sim/node/node_process.h"
+#include "sim/scenario/node_process.h"
 
 namespace zem::bench {
 namespace {

@@ -5,8 +5,8 @@
 #include <exception>
 #include <utility>
 
-#include "sim/node/control_client.h"
-#include "sim/node/node_process.h"
+#include "sim/scenario/control_client.h"
+#include "sim/scenario/node_process.h"
 
 namespace zem::bench {
 namespace {
@@ -45,7 +45,7 @@ class ControlledNode : public Background::Node {
 }  // namespace
 
 Background::Background(const std::string& directory, Work work) {
-  thread_ = Thread([this, directory, work = std::move(work)] {
+  thread_ = NativeThread([this, directory, work = std::move(work)] {
     try {
       ControlledNode node(directory, cancelled_);
       outcome_ = work(node);

@@ -39,7 +39,7 @@ class Background {
   std::atomic<bool> done_ = false;
   std::atomic<bool> cancelled_ = false;
   std::string outcome_;
-  Thread thread_;
+  NativeThread thread_;
 };
 
 }  // namespace zem::bench

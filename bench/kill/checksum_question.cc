@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "sim/control/json.h"
-#include "sim/node/node_process.h"
+#include "sim/scenario/node_process.h"
 
 namespace zem::bench {
 

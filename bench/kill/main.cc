@@ -22,7 +22,7 @@
 #include "bench/kill/stream.h"
 #include "bench/kill/vif_stream.h"
 #include "platform/core/thread.h"
-#include "sim/node/node_process.h"
+#include "sim/scenario/node_process.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "bench/kill/checksum_question.h"
-#include "sim/node/node_process.h"
+#include "sim/scenario/node_process.h"
 
 namespace zem::bench {
 

@@ -9,7 +9,7 @@
 
 #include "bench/kill/background.h"
 #include "bench/kill/checksum_question.h"
-#include "sim/node/node_process.h"
+#include "sim/scenario/node_process.h"
 
 namespace zem::bench {
 

@@ -79,7 +79,7 @@ VifStream::VifStream(sim::NodeProcess& node, uint64_t seed) : node_(node), rando
                         {}});
   }
   for (Running& running : workers_) {
-    running.thread = Thread([this, worker = running.worker.get()] { Work(*worker); });
+    running.thread = NativeThread([this, worker = running.worker.get()] { Work(*worker); });
   }
 }
 

@@ -11,7 +11,7 @@
 #include "bench/kill/vm_worker.h"
 #include "platform/core/condition.h"
 #include "platform/core/thread.h"
-#include "sim/node/node_process.h"
+#include "sim/scenario/node_process.h"
 
 namespace zem::bench {
 
@@ -51,7 +51,7 @@ class VifStream {
  private:
   struct Running {
     std::unique_ptr<VmWorker> worker;
-    Thread thread;
+    NativeThread thread;
   };
 
   uint64_t Sum(uint64_t (VmWorker::*count)() const) const;

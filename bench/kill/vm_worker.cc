@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "platform/core/thread.h"
-#include "sim/node/node_process.h"
+#include "sim/scenario/node_process.h"
 
 namespace zem::bench {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "platform/core/clock.h"
 #include "sim/control/json.h"
-#include "sim/node/control_client.h"
+#include "sim/scenario/control_client.h"
 
 namespace zem::bench {
 

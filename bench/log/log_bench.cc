@@ -13,7 +13,7 @@
 #include <map>
 #include <string>
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "platform/core/thread.h"
 
 // The daemon's log lines beside those of spdlog's syslog sink: the same text to the same socket, a real one
@@ -36,9 +36,9 @@ bool OpenPrivateLogSocket() {
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, "/dev/log");
   if (::bind(sink, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) return false;
-  zem::Thread::Options options;
+  zem::NativeThread::Options options;
   options.detached = true;
-  const zem::Thread reader(options, [] {
+  const zem::NativeThread reader(options, [] {
     char datagram[65536];
     while (::recv(sink, datagram, sizeof(datagram), 0) >= 0) {
     }

@@ -13,9 +13,9 @@
 #include <string>
 
 #include "bench/logical-switches/road.h"
-#include "framework/logger.h"
-#include "framework/shutdown_pipe.h"
-#include "sim/node/sandbox.h"
+#include "framework/log/logger.h"
+#include "framework/process/shutdown_pipe.h"
+#include "sim/sandbox/sandbox.h"
 #include "sim/store/logical_switches.h"
 
 namespace zem::bench {

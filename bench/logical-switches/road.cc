@@ -72,7 +72,7 @@ Road::Road(const zema::LumSettings& settings) : lum_(std::make_unique<KeepingLum
     options.opaque_network_apply_max = apply_max_;
     return options;
   };
-  context_->add_logical_switch_task = [this](std::unique_ptr<zema::Runnable> task) {
+  context_->add_logical_switch_task = [this](std::unique_ptr<Runnable> task) {
     return workers_.AddTask(zema::Worker::kLogicalSwitch, std::move(task));
   };
   context_->clear_logical_switch_tasks = [this] { workers_.ClearTasks(zema::Worker::kLogicalSwitch); };

@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/worker_table.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/lswitch/logical_switch_context.h"
-#include "app/zema/qub/lum_handler.h"
+#include "app/zema/proxy/lum_handler.h"
+#include "app/zema/workers/worker_table.h"
 #include "bench/logical-switches/bare_client.h"
 #include "covedbclient/covedb_client.h"
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 #include "sim/store/store_daemon.h"
 
 namespace zem::bench {

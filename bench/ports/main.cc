@@ -14,15 +14,15 @@
 #include <stdexcept>
 #include <string>
 
-#include "app/zema/qub/lum_commands.h"
-#include "app/zema/qub/port_ops_manager.h"
-#include "app/zema/qub/port_props.h"
-#include "app/zema/qub/port_walk.h"
-#include "app/zema/qub/switch_library.h"
-#include "framework/logger.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/hostlib/port_walk.h"
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "framework/log/logger.h"
 #include "sim/switch/library_folder.h"
-#include "sim/switch/port_table.h"
 #include "sim/switch/sim_state.h"
+#include "sim/switch/tree/port_table.h"
 
 namespace {
 

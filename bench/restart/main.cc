@@ -15,7 +15,7 @@
 
 #include "bench/build_folder.h"
 #include "platform/core/thread.h"
-#include "sim/node/node_process.h"
+#include "sim/scenario/node_process.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include "bench/rpc/bench.h"
 #include "bench/rpc/bench.rpc.h"
 #include "bench/rpc/slow_pool.h"
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 #include "platform/rpc/stub_factory.h"
 #include "platform/rpc/transport.h"
 

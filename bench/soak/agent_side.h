@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "framework/bus_record.h"
-#include "platform/core/provider.h"
+#include "mpaclient/bus/bus_record.h"
+#include "platform/provider/provider.h"
 
 namespace zem {
 class TnProxyClientCommon;

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <fstream>
 
-#include "framework/logger.h"
+#include "framework/log/logger.h"
 
 namespace zem::bench {
 namespace {

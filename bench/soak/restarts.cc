@@ -13,7 +13,7 @@
 #include "bench/soak/measures.h"
 #include "mpaclient/verticals.h"
 #include "platform/core/thread.h"
-#include "platform/core/timer.h"
+#include "platform/provider/timer.h"
 #include "sim/manager/manager.h"
 
 namespace zem::bench {

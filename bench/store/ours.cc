@@ -13,7 +13,7 @@
 #include "covedbclient/covedb_client.h"
 #include "covedbclient/statements.h"
 #include "platform/core/condition.h"
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 #include "proto/covedb/scenario.pb.h"
 
 namespace zem::bench {

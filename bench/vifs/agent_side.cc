@@ -3,7 +3,7 @@
 #include <chrono>
 
 #include "app/zema/host/corvd_frame.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/ports/vif_request.h"
 
 namespace zem::bench {
 namespace {

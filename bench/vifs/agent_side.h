@@ -5,13 +5,13 @@
 #include <mutex>
 #include <vector>
 
-#include "app/zema/core/zem_manager.h"
-#include "app/zema/host/handler_pool.h"
-#include "app/zema/host/resync_state.h"
-#include "app/zema/qub/lum_commands.h"
-#include "app/zema/qub/migration_record.h"
-#include "app/zema/qub/port_ops_manager.h"
-#include "app/zema/vif/vif_port_handler.h"
+#include "app/zema/manager/zem_manager.h"
+#include "app/zema/migration/migration_record.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "app/zema/vifqueue/handler_pool.h"
+#include "app/zema/vifqueue/resync_state.h"
+#include "app/zema/vifqueue/vif_port_handler.h"
 #include "bench/vifs/instant_manager.h"
 #include "bench/vifs/world.h"
 
@@ -64,7 +64,7 @@ class AgentSide {
   zema::ZemManager manager_;
   zema::MigrationRecord migration_;
   zema::ResyncState resync_;
-  zema::Synchronizable port_lock_;
+  Synchronizable port_lock_;
   StopSignal ending_;
   zema::VifPortHandler handler_;
   InstantManager instant_;

@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <thread>
 
-#include "app/zema/qub/port_file.h"
-#include "app/zema/qub/port_props.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/ports/port_file.h"
 
 namespace zem::bench {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "app/zema/core/port_attached.h"
+#include "app/zema/manager/port_attached.h"
 
 namespace zem::bench {
 

@@ -28,7 +28,7 @@
 #include "bench/vifs/agent_side.h"
 #include "bench/vifs/bare_side.h"
 #include "bench/vifs/world.h"
-#include "framework/logger.h"
+#include "framework/log/logger.h"
 
 namespace zem::bench {
 namespace {

@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "app/zema/qub/port_file.h"
-#include "app/zema/qub/port_props.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/ports/port_file.h"
 #include "sim/switch/library_folder.h"
-#include "sim/switch/port_table.h"
+#include "sim/switch/tree/port_table.h"
 
 namespace zem::bench {
 namespace {

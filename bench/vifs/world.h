@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/qub/switch_library.h"
+#include "app/zema/hostlib/switch_library.h"
 #include "sim/switch/sim_state.h"
 
 namespace zem::bench {

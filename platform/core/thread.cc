@@ -10,7 +10,7 @@
 
 namespace zem {
 
-struct Thread::State {
+struct NativeThread::State {
   Options options;
   std::function<void()> body;
   bool tracked = false;
@@ -20,7 +20,7 @@ struct Thread::State {
   bool ended = false;
 };
 
-void* Thread::Enter(void* argument) {
+void* NativeThread::Enter(void* argument) {
   auto* const raw = static_cast<std::shared_ptr<State>*>(argument);
   const std::shared_ptr<State> state = std::move(*raw);
   delete raw;  // made by the constructor for this hand-over through the C interface
@@ -44,7 +44,7 @@ void* Thread::Enter(void* argument) {
   return nullptr;
 }
 
-Thread::Thread(Options options, std::function<void()> body)
+NativeThread::NativeThread(Options options, std::function<void()> body)
     : state_(std::make_shared<State>()), detached_(options.detached) {
   state_->options = std::move(options);
   state_->body = std::move(body);
@@ -57,7 +57,7 @@ Thread::Thread(Options options, std::function<void()> body)
   if (state_->options.stack_size > 0) pthread_attr_setstacksize(&attributes, state_->options.stack_size);
   if (state_->tracked) clock.BeginWork();
   auto hand_over = std::make_unique<std::shared_ptr<State>>(state_);
-  const int result = pthread_create(&id_, &attributes, &Thread::Enter, hand_over.get());
+  const int result = pthread_create(&id_, &attributes, &NativeThread::Enter, hand_over.get());
   pthread_attr_destroy(&attributes);
   if (result != 0) {
     if (state_->tracked) clock.EndWork();
@@ -67,11 +67,11 @@ Thread::Thread(Options options, std::function<void()> body)
   static_cast<void>(hand_over.release());
 }
 
-Thread::~Thread() {
+NativeThread::~NativeThread() {
   if (joinable()) Join();
 }
 
-Thread& Thread::operator=(Thread&& other) noexcept {
+NativeThread& NativeThread::operator=(NativeThread&& other) noexcept {
   if (this != &other) {
     if (joinable()) Join();
     state_ = std::move(other.state_);
@@ -81,7 +81,7 @@ Thread& Thread::operator=(Thread&& other) noexcept {
   return *this;
 }
 
-void Thread::Join() {
+void NativeThread::Join() {
   {
     // The clock sees this wait; the one of pthread_join it would not.
     std::unique_lock lock(state_->mutex);
@@ -92,7 +92,7 @@ void Thread::Join() {
   if (result != 0) throw std::system_error(result, std::generic_category(), "pthread_join");
 }
 
-int Thread::Cancel() { return pthread_cancel(id_); }
+int NativeThread::Cancel() { return pthread_cancel(id_); }
 
 void SleepFor(std::chrono::nanoseconds duration) {
   std::mutex mutex;

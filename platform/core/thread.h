@@ -14,7 +14,7 @@ namespace zem {
 /// never started.
 ///
 /// Threads: one owner; `Cancel` and `id` also from others while the owner keeps the object.
-class Thread {
+class NativeThread {
  public:
   struct Options {
     /// Empty keeps the creator's name.
@@ -26,13 +26,13 @@ class Thread {
     bool counts_as_work = true;
   };
 
-  Thread() = default;
+  NativeThread() = default;
   /// Throws std::system_error when the system refuses the thread.
-  explicit Thread(std::function<void()> body) : Thread(Options(), std::move(body)) {}
-  Thread(Options options, std::function<void()> body);
-  ~Thread();
-  Thread(Thread&&) noexcept = default;
-  Thread& operator=(Thread&& other) noexcept;
+  explicit NativeThread(std::function<void()> body) : NativeThread(Options(), std::move(body)) {}
+  NativeThread(Options options, std::function<void()> body);
+  ~NativeThread();
+  NativeThread(NativeThread&&) noexcept = default;
+  NativeThread& operator=(NativeThread&& other) noexcept;
 
   bool joinable() const { return state_ != nullptr && !detached_; }
 

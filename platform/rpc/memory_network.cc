@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 #include "platform/rpc/memory_streams.h"
 #include "platform/rpc/strand.h"
 

@@ -1,6 +1,6 @@
 #include <memory>
 
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/transport_impl.h"
 
 namespace zem {

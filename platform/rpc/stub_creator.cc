@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "platform/core/lib_log.h"
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 #include "platform/rpc/transport_impl.h"
 
 namespace zem::rpc {

@@ -32,13 +32,13 @@ void ShaPmClient::Start() {
   std::lock_guard lock(mutex_);
   if (running_) return;
   running_ = true;
-  Thread::Options options;
+  NativeThread::Options options;
   options.name = "sha-client";
-  thread_ = Thread(std::move(options), [this] { Loop(); });
+  thread_ = NativeThread(std::move(options), [this] { Loop(); });
 }
 
 void ShaPmClient::Stop() {
-  Thread joined;
+  NativeThread joined;
   {
     std::lock_guard lock(mutex_);
     if (!running_) return;

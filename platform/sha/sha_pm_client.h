@@ -73,7 +73,7 @@ class ShaPmClient {
   uint64_t sequence_ = 0;
   uint64_t sent_ = 0;
   uint64_t dropped_ = 0;
-  Thread thread_;
+  NativeThread thread_;
 
   UniqueFd socket_;
 };

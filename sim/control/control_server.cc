@@ -18,7 +18,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 #include "sim/control/command_table.h"
 
 namespace zem::sim {

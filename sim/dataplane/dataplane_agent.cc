@@ -48,9 +48,9 @@ std::string DataplaneHeader::Bytes() const {
 DataplaneAgent::DataplaneAgent(std::string path) : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!wake_) Fail("eventfd");
   Listen(path);
-  Thread::Options options;
+  NativeThread::Options options;
   options.name = "dataplane";
-  thread_ = Thread(std::move(options), [this] { Serve(); });
+  thread_ = NativeThread(std::move(options), [this] { Serve(); });
 }
 
 DataplaneAgent::~DataplaneAgent() {

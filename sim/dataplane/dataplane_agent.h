@@ -107,7 +107,7 @@ class DataplaneAgent {
   std::string last_end_;
   std::string unread_;  // of the client, less than a frame
   std::vector<Frame> frames_;
-  Thread thread_;
+  NativeThread thread_;
 };
 
 }  // namespace zem::sim

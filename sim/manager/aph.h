@@ -6,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/connection.h"
 #include "sim/manager/verticals.h"
 

@@ -7,8 +7,8 @@
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
 
-#include "platform/core/timer.h"
 #include "platform/core/uuid.h"
+#include "platform/provider/timer.h"
 #include "proto/messaging/appinit.pb.h"
 #include "proto/switching/switching_unified.pb.h"
 

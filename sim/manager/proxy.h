@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 
 namespace zem::rpc {
 class Server;

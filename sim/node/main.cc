@@ -22,10 +22,10 @@
 #include "platform/core/clock_factor.h"
 #include "platform/core/thread.h"
 #include "sim/control/json.h"
-#include "sim/node/control_client.h"
 #include "sim/node/node.h"
-#include "sim/node/sandbox.h"
-#include "sim/node/scenario.h"
+#include "sim/sandbox/sandbox.h"
+#include "sim/scenario/control_client.h"
+#include "sim/scenario/scenario.h"
 #include "sim/switch/library_folder.h"
 
 namespace {

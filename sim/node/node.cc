@@ -15,12 +15,12 @@
 #include "sim/dataplane/dataplane_agent.h"
 #include "sim/dataplane/dataplane_commands.h"
 #include "sim/host/host_commands.h"
+#include "sim/host/raw_sockets.h"
 #include "sim/killpoints/kill_page.h"
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
-#include "sim/node/raw_sockets.h"
-#include "sim/node/sandbox.h"
 #include "sim/node/vm_commands.h"
+#include "sim/sandbox/sandbox.h"
 #include "sim/switch/switch_commands.h"
 
 namespace zem::sim {

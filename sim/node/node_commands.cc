@@ -17,24 +17,24 @@
 #include <optional>
 #include <sstream>
 
-#include "framework/child_process.h"
+#include "framework/process/child_process.h"
 #include "platform/core/thread.h"
-#include "platform/core/timer.h"
 #include "platform/core/unique_fd.h"
+#include "platform/provider/timer.h"
 #include "proto/switching/switching.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/hex.h"
 #include "sim/control/number.h"
-#include "sim/node/corvd_commands.h"
-#include "sim/node/edge_commands.h"
-#include "sim/node/health_caller.h"
-#include "sim/node/host_diff.h"
-#include "sim/node/log_commands.h"
+#include "sim/host/corvd_commands.h"
+#include "sim/host/edge_commands.h"
+#include "sim/host/raw_sockets.h"
 #include "sim/node/node.h"
-#include "sim/node/node_picture.h"
-#include "sim/node/raw_sockets.h"
-#include "sim/node/sandbox.h"
-#include "sim/node/small_disk.h"
+#include "sim/sandbox/sandbox.h"
+#include "sim/sandbox/small_disk.h"
+#include "sim/sinks/health_caller.h"
+#include "sim/sinks/log_commands.h"
+#include "sim/truth/host_diff.h"
+#include "sim/truth/node_picture.h"
 
 namespace zem::sim {
 namespace {
@@ -69,9 +69,9 @@ std::optional<int> ParseSignal(const std::string& word) {
 
 // Waits away from the control thread; a scenario may break things meanwhile.
 void InBackground(std::function<void()> work) {
-  Thread::Options options;
+  NativeThread::Options options;
   options.detached = true;
-  const Thread started(std::move(options), std::move(work));
+  const NativeThread started(std::move(options), std::move(work));
 }
 
 Json HealthJson(const HealthSink::Health& health) {

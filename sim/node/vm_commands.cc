@@ -10,10 +10,10 @@
 #include "sim/control/command_table.h"
 #include "sim/control/number.h"
 #include "sim/host/host_state.h"
+#include "sim/host/virtual_machines.h"
 #include "sim/manager/manager.h"
-#include "sim/node/node_truth.h"
-#include "sim/node/sandbox.h"
-#include "sim/node/virtual_machines.h"
+#include "sim/sandbox/sandbox.h"
+#include "sim/truth/node_truth.h"
 
 namespace zem::sim {
 namespace {
@@ -78,9 +78,9 @@ std::string Complaint(const Steps& steps) {
 
 // A change waits for answers, so it runs beside the control socket's threads.
 void Change(const Reply& reply, std::function<Steps()> change) {
-  Thread::Options options;
+  NativeThread::Options options;
   options.detached = true;
-  const Thread started(std::move(options), [reply, change = std::move(change)] {
+  const NativeThread started(std::move(options), [reply, change = std::move(change)] {
     try {
       const Steps steps = change();
       if (const std::string complaint = Complaint(steps); !complaint.empty()) return reply.Fail(complaint);

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 #include "sim/control/command_table.h"
 #include "sim/control/control_server.h"
 #include "sim/store/store_daemon.h"

@@ -1,6 +1,6 @@
 #include "sim/store/store_daemon.h"
 
-#include "platform/core/provider.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/endpoint.h"
 #include "platform/rpc/server.h"
 #include "platform/rpc/transport.h"

@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 
 namespace zem::sim {
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "sim/switch/state_tree.h"
+#include "sim/switch/tree/state_tree.h"
 
 namespace zem::sim {
 namespace {

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "sim/switch/json_file.h"
-#include "sim/switch/live_count.h"
-#include "sim/switch/port_table.h"
-#include "sim/switch/state_tree.h"
+#include "sim/switch/tree/json_file.h"
+#include "sim/switch/tree/live_count.h"
+#include "sim/switch/tree/port_table.h"
+#include "sim/switch/tree/state_tree.h"
 
 namespace zem::sim {
 namespace {

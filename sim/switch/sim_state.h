@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sim/switch/fault_rules.h"
+#include "sim/switch/tree/fault_rules.h"
 
 namespace zem::sim {
 

@@ -8,10 +8,10 @@
 #include "sim/control/command_options.h"
 #include "sim/control/command_table.h"
 #include "sim/control/hex.h"
-#include "sim/switch/json_file.h"
 #include "sim/switch/library_folder.h"
 #include "sim/switch/sim_state.h"
-#include "sim/switch/state_tree.h"
+#include "sim/switch/tree/json_file.h"
+#include "sim/switch/tree/state_tree.h"
 #include "sim/switch/vif_ports.h"
 
 namespace zem::sim {

@@ -2,10 +2,10 @@
 
 #include <string_view>
 
-#include "sim/switch/json_file.h"
-#include "sim/switch/port_table.h"
-#include "sim/switch/state_tree.h"
-#include "sim/switch/value_list.h"
+#include "sim/switch/tree/json_file.h"
+#include "sim/switch/tree/port_table.h"
+#include "sim/switch/tree/state_tree.h"
+#include "sim/switch/tree/value_list.h"
 
 namespace zem::sim {
 namespace {

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "agent/agent.h"
-#include "framework/options.h"
+#include "framework/node/options.h"
 #include "platform/core/stop_signal.h"
 #include "platform/core/thread.h"
 #include "sim/manager/manager.h"
@@ -82,7 +82,7 @@ TEST_F(AgentLifecycleTest, StartsServesAndStopsInOrder) {
           settings.handle_signals = false;
           Tarvik::Agent agent(settings);
           SANDBOX_EXPECT(agent.Start() == 0);
-          Thread serving([&agent] { agent.Serve(); });
+          NativeThread serving([&agent] { agent.Serve(); });
           SANDBOX_EXPECT(WaitFor(log, "CoveDbClient is connected"));
           SANDBOX_EXPECT(WaitFor(log, "ApplProxyInfoObserver: Processed applProxyInfo Response."));
           agent.Interrupt();

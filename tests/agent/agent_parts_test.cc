@@ -3,8 +3,8 @@
 #include "agent/combined_message.h"
 #include "agent/start_watchdog.h"
 #include "mpaclient/mpa_client.h"
-#include "platform/core/provider.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/provider.h"
 #include "proto/sha/sha.pb.h"
 #include "tests/support/log_capture.h"
 

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "covedbclient/covedb_client.h"
-#include "platform/core/metrics.h"
-#include "platform/core/provider.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/metrics/metrics.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/memory_network.h"
 #include "sim/store/store_daemon.h"
 #include "tests/covedbclient/store_messages.h"

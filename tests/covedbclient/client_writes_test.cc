@@ -32,7 +32,7 @@ TEST_F(ClientWritesTest, WritesWaitForAStoreThatIsAway) {
 
 TEST_F(ClientWritesTest, StartWaitsForTheStoreAndIsForOnce) {
   bool started = false;
-  Thread starter([&] {
+  NativeThread starter([&] {
     client->Start();
     started = true;
   });

@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "platform/core/metrics.h"
+#include "platform/metrics/metrics.h"
 #include "tests/covedbclient/store_messages.h"
 
 namespace zem::covedb::test {

@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "framework/bus_record.h"
+#include "mpaclient/bus/bus_record.h"
 #include "mpaclient/mpa_client.h"
 #include "mpaclient/mpa_client_private.h"
 #include "mpaclient/tn_proxy_client_common.h"
-#include "platform/core/provider.h"
 #include "platform/core/thread.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/memory_network.h"
 #include "platform/rpc/server.h"
 #include "platform/rpc/transport.h"

@@ -587,7 +587,7 @@ TEST_F(ChannelTest, NoLockIsHeldWhileAVerticalIsCalled) {
   Register(kLldp);
   bool in_uuid_callback = false;
   const auto list_comes = [] {
-    Thread other(Thread::Options{}, [] { MpaClient::Get(kLldp)->updateStubMap(); });
+    NativeThread other(NativeThread::Options{}, [] { MpaClient::Get(kLldp)->updateStubMap(); });
     other.Join();
   };
   MpaClient::Get(kLldp)->Start([&](const std::string&) {

@@ -10,8 +10,8 @@
 
 #include "mpaclient/mpa_client.h"
 #include "mpaclient/tn_proxy_client_common.h"
-#include "platform/core/provider.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/memory_network.h"
 #include "sim/manager/proxy.h"
 #include "tests/support/silent_log.h"

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "framework/logger.h"
+#include "framework/log/logger.h"
 
 namespace zem::test {
 

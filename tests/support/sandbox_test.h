@@ -8,7 +8,7 @@
 #include <iterator>
 #include <string>
 
-#include "sim/node/sandbox.h"
+#include "sim/sandbox/sandbox.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "framework/logger.h"
+#include "framework/log/logger.h"
 
 namespace zem::test {
 

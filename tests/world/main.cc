@@ -18,7 +18,7 @@
 
 #include "platform/core/random.h"
 #include "sim/host/host_state.h"
-#include "sim/node/sandbox.h"
+#include "sim/sandbox/sandbox.h"
 #include "sim/switch/library_folder.h"
 #include "tests/world/world_life.h"
 

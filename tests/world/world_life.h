@@ -169,7 +169,7 @@ class WorldLife {
   std::string file_migration_;  // the last id that a tool asked for, while its outcome is owed
   bool other_uplinks_ = false;  // a tool has changed the host behind the manager's back
   bool running_ = false;
-  std::list<Thread> changes_;
+  std::list<NativeThread> changes_;
 
   std::mutex mutex_;  // guards what follows
   int sent_ = 0;

@@ -4,7 +4,7 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "sim/node/small_disk.h"
+#include "sim/sandbox/small_disk.h"
 
 namespace zem::world {
 namespace {

@@ -7,13 +7,13 @@
 
 #include "app/zema/app/zema_app.h"
 #include "covedbclient/covedb_client.h"
-#include "framework/logger.h"
-#include "framework/platform_info.h"
-#include "framework/shutdown_pipe.h"
+#include "framework/log/logger.h"
+#include "framework/node/platform_info.h"
+#include "framework/process/shutdown_pipe.h"
 #include "mpaclient/tn_proxy_client_common.h"
-#include "platform/core/work_group.h"
-#include "sim/node/host_setup.h"
-#include "sim/node/small_disk.h"
+#include "platform/provider/work_group.h"
+#include "sim/sandbox/host_setup.h"
+#include "sim/sandbox/small_disk.h"
 
 namespace zem::world {
 namespace {

@@ -4,13 +4,13 @@
 #include <memory>
 #include <string>
 
-#include "platform/core/provider.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/memory_network.h"
+#include "sim/host/host_management.h"
 #include "sim/host/host_state.h"
+#include "sim/host/virtual_machines.h"
 #include "sim/manager/manager.h"
-#include "sim/node/host_management.h"
-#include "sim/node/virtual_machines.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
 

@@ -9,11 +9,11 @@
 #include "app/zema/app/zema_app.h"
 #include "platform/core/uuid.h"
 #include "sim/control/json.h"
+#include "sim/host/raw_sockets.h"
 #include "sim/manager/random_config.h"
-#include "sim/node/host_diff.h"
-#include "sim/node/raw_sockets.h"
 #include "sim/store/logical_switches.h"
 #include "sim/switch/vif_ports.h"
+#include "sim/truth/host_diff.h"
 
 namespace zem::world {
 namespace {
@@ -274,7 +274,7 @@ void WorldLife::Launch(const std::string& vm, std::function<Steps()> change) {
 }
 
 void WorldLife::JoinVms() {
-  for (Thread& thread : changes_) thread.Join();
+  for (NativeThread& thread : changes_) thread.Join();
   changes_.clear();
 }
 

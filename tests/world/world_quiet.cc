@@ -12,10 +12,10 @@
 #include "mpaclient/mpa_client_private.h"
 #include "sim/control/json.h"
 #include "sim/manager/random_config.h"
-#include "sim/node/node_truth.h"
-#include "sim/node/small_disk.h"
+#include "sim/sandbox/small_disk.h"
 #include "sim/store/logical_switches.h"
 #include "sim/switch/vif_ports.h"
+#include "sim/truth/node_truth.h"
 
 namespace zem::world {
 namespace {

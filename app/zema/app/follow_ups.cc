@@ -2,8 +2,8 @@
 
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
 #include "app/zema/host/corvd_handler.h"
-#include "app/zema/qub/vif_request.h"
-#include "framework/log.h"
+#include "app/zema/ports/vif_request.h"
+#include "framework/log/log.h"
 
 namespace zem::zema {
 namespace {

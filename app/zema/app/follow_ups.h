@@ -4,8 +4,8 @@
 #include <memory>
 #include <mutex>
 
-#include "app/zema/host/precreated_ports.h"
 #include "app/zema/hostconfig/follow_up_tasks.h"
+#include "app/zema/vif/precreated_ports.h"
 #include "platform/core/condition.h"
 
 namespace zem::zema {

@@ -1,7 +1,7 @@
 #include "app/zema/app/host_vif_requests.h"
 
-#include "app/zema/qub/port_description.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/ports/port_description.h"
+#include "app/zema/ports/vif_request.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

@@ -1,8 +1,8 @@
 #include "app/zema/app/io_service.h"
 
-#include "app/zema/common/function_task.h"
-#include "app/zema/common/task_thread.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
+#include "framework/tasks/function_task.h"
+#include "framework/tasks/task_thread.h"
 
 namespace zem::zema {
 namespace {

@@ -4,9 +4,11 @@
 #include <memory>
 #include <mutex>
 
-namespace zem::zema {
-
+namespace zem {
 class TaskThread;
+}  // namespace zem
+
+namespace zem::zema {
 
 /// Runs what must leave the receive callback at once and yet may wait for the manager, in order, on a thread
 /// of its own ("IOServiceThread") that comes with the first piece of work.

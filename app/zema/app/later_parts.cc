@@ -2,7 +2,7 @@
 
 #include "app/zema/endpoint/vtep_request_tasks.h"
 #include "app/zema/hostconfig/mmode_config_task.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/runnable.h"
-#include "app/zema/core/mpa_message_sender.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "framework/tasks/runnable.h"
 
 namespace orlane::zem::switching {
 class HostConfigMsg;

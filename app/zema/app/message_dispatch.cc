@@ -2,7 +2,7 @@
 
 #include <iterator>
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

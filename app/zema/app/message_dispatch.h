@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "app/zema/app/later_parts.h"
-#include "app/zema/common/worker_table.h"
-#include "app/zema/core/port_attached.h"
+#include "app/zema/manager/port_attached.h"
+#include "app/zema/workers/worker_table.h"
 
 namespace orlane::zem::switching {
 class ChecksumMsg;

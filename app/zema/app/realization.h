@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
-#include "app/zema/core/mpa_message_sender.h"
-#include "app/zema/core/port_attached.h"
-#include "app/zema/core/realization_options.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "app/zema/manager/port_attached.h"
+#include "app/zema/state/realization_options.h"
 
 namespace orlane::zem::switching {
 class HostConfigMsg;
@@ -16,13 +16,16 @@ namespace zem {
 class TimerFactory;
 }
 
+namespace zem {
+class Runnable;
+}  // namespace zem
+
 namespace zem::zema {
 
 class ConfigFiles;
 class CoveDbHandler;
 class HealthRecord;
 class ManagerSender;
-class Runnable;
 class WorkerTable;
 class ZemManager;
 struct HostConfigContext;

@@ -1,8 +1,8 @@
 #include "app/zema/app/refused_request.h"
 
-#include "app/zema/lswitch/host_profile_task.h"
-#include "app/zema/qub/error_sink.h"
-#include "framework/log.h"
+#include "app/zema/hostconfig/host_profile_task.h"
+#include "app/zema/proxy/error_sink.h"
+#include "framework/log/log.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

@@ -1,7 +1,7 @@
 // The manager's messages about VIFs: answers to calls that wait, and requests of its own.
 
 #include "app/zema/app/message_dispatch.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "platform/wft/workflow_util.h"
 #include "proto/switching/switching.pb.h"
 

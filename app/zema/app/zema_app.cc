@@ -5,43 +5,43 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "app/controller/controller_context.h"
+#include "app/controller/controller_list_app.h"
 #include "app/zema/app/host_vif_requests.h"
 #include "app/zema/app/io_service.h"
 #include "app/zema/app/message_dispatch.h"
 #include "app/zema/app/realization.h"
 #include "app/zema/app/refused_request.h"
-#include "app/zema/common/function_task.h"
-#include "app/zema/common/thread.h"
-#include "app/zema/common/worker_table.h"
-#include "app/zema/controller/controller_context.h"
-#include "app/zema/controller/controller_list_app.h"
-#include "app/zema/core/health_record.h"
-#include "app/zema/core/host_identity.h"
-#include "app/zema/core/manager_sender.h"
-#include "app/zema/core/realization_options.h"
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/covedb/covedb_op_task.h"
-#include "app/zema/covedb/edge_maintenance.h"
+#include "app/zema/edge/edge_maintenance.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
+#include "app/zema/hostconfig/host_profile_task.h"
 #include "app/zema/hostconfig/mmode_config_task.h"
+#include "app/zema/hostconfig/restore_task.h"
 #include "app/zema/lswitch/covedb_update_task.h"
-#include "app/zema/lswitch/host_profile_task.h"
 #include "app/zema/lswitch/logical_switch_context.h"
 #include "app/zema/lswitch/logical_switch_full_sync_task.h"
 #include "app/zema/lswitch/logical_switch_msg_task.h"
-#include "app/zema/lswitch/restore_task.h"
-#include "framework/bus_record.h"
-#include "framework/log.h"
-#include "framework/platform_info.h"
-#include "framework/shutdown_pipe.h"
+#include "app/zema/manager/manager_sender.h"
+#include "app/zema/state/health_record.h"
+#include "app/zema/state/realization_options.h"
+#include "app/zema/workers/worker_table.h"
+#include "framework/log/log.h"
+#include "framework/node/host_identity.h"
+#include "framework/node/platform_info.h"
+#include "framework/process/shutdown_pipe.h"
+#include "framework/tasks/function_task.h"
+#include "framework/tasks/thread.h"
+#include "mpaclient/bus/bus_record.h"
 #include "mpaclient/mpa_client.h"
 #include "platform/core/condition.h"
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
-#include "platform/core/work_group.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
+#include "platform/provider/work_group.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/switching/switching.pb.h"
 
@@ -110,7 +110,7 @@ class ZemaApp::Impl {
 
  private:
   void StartUp();
-  std::shared_ptr<zema::ControllerContext> MakeControllerContext();
+  std::shared_ptr<controller::ControllerContext> MakeControllerContext();
   std::shared_ptr<zema::Realization> MakeRealization();
   std::shared_ptr<zema::Realization> realization() const;
   std::shared_ptr<zema::Realization> started_realization() const;
@@ -157,15 +157,21 @@ ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
       edge_maintenance_(zema::EdgeService(), app),
       edge_((GetNodeType() & kEdgeNodes) != 0) {}
 
-std::shared_ptr<zema::ControllerContext> ZemaApp::Impl::MakeControllerContext() {
-  zema::ControllerFile::Settings file;
+std::shared_ptr<controller::ControllerContext> ZemaApp::Impl::MakeControllerContext() {
+  controller::ControllerFile::Settings file;
   file.wait = [](Duration duration) { return !WaitForShutdown(duration); };
-  auto context = std::make_shared<zema::ControllerContext>(
-      std::move(file), zema::Host(), files_, [](std::unique_ptr<zema::Runnable> task) {
+  auto context = std::make_shared<controller::ControllerContext>(
+      std::move(file), Host(), [](std::unique_ptr<Runnable> task) {
         zema::Workers().AddTask(zema::Worker::kController, std::move(task));
       });
+  context->stored_node_id = [this]() -> std::optional<std::string> {
+    switching::HostConfigMsg stored;
+    std::string error;
+    if (!files_.RetrieveHostConfigMsgFromFile(&stored, &error)) return std::nullopt;
+    return stored.transport_node_id();
+  };
   context->takes_request = [] { return zema::Workers().TakesRequest(zema::Worker::kController); };
-  context->add_task_later = [this](Duration delay, std::function<std::unique_ptr<zema::Runnable>()> make) {
+  context->add_task_later = [this](Duration delay, std::function<std::unique_ptr<Runnable>()> make) {
     const std::lock_guard lock(mutex_);
     if (controller_timer_) controller_timer_->Cancel();
     controller_timer_ = provider_.timers().Schedule(delay, [make = std::move(make)] {
@@ -204,7 +210,7 @@ std::shared_ptr<zema::CoveDbHandler> ZemaApp::Impl::GetCoveDbHandler() {
       zema::EnqueueCovedbUpdate(zema::Workers(), kind, std::move(update), origin);
     };
     if (edge_) {
-      settings.maintenance_action = [this](const zema::RawBusMessage& request) {
+      settings.maintenance_action = [this](const RawBusMessage& request) {
         edge_maintenance_.Apply(request);
       };
     }
@@ -214,8 +220,7 @@ std::shared_ptr<zema::CoveDbHandler> ZemaApp::Impl::GetCoveDbHandler() {
 }
 
 void ZemaApp::Impl::StartHost() {
-  start_up_ =
-      std::make_unique<zema::Thread>(true, std::make_unique<zema::FunctionTask>([this] { StartUp(); }), 0);
+  start_up_ = std::make_unique<zema::Thread>(true, std::make_unique<FunctionTask>([this] { StartUp(); }), 0);
   start_up_->Start();
 }
 
@@ -309,32 +314,30 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
   settings.sender = &app_;
   settings.workers = &zema::Workers();
   settings.host_config = [host_config](const zema::RequestOrigin& origin,
-                                       switching::HostConfigMsg message) -> std::unique_ptr<zema::Runnable> {
+                                       switching::HostConfigMsg message) -> std::unique_ptr<Runnable> {
     return std::make_unique<zema::HostConfigTaskQub>(host_config, origin.sender, origin.correlation_id,
                                                      origin.reply_to, std::move(message),
                                                      zema::HostConfigTaskQub::InStore::kYes, origin.header);
   };
-  settings.logical_switch =
-      [logical_switches](const zema::RequestOrigin& origin,
-                         const switching::LogicalSwitchMsg& message) -> std::unique_ptr<zema::Runnable> {
+  settings.logical_switch = [logical_switches](
+                                const zema::RequestOrigin& origin,
+                                const switching::LogicalSwitchMsg& message) -> std::unique_ptr<Runnable> {
     return zema::LogicalSwitchMsgTask::CreateTask(*logical_switches, message, origin.sender, origin.reply_to,
                                                   0);
   };
-  settings.logical_switch_full_sync = [logical_switches](
-                                          const zema::RequestOrigin& origin,
-                                          std::string bytes) -> std::unique_ptr<zema::Runnable> {
+  settings.logical_switch_full_sync = [logical_switches](const zema::RequestOrigin& origin,
+                                                         std::string bytes) -> std::unique_ptr<Runnable> {
     return std::make_unique<zema::LogicalSwitchFullSyncTask>(
         logical_switches, origin.sender, origin.correlation_id, origin.reply_to, std::move(bytes));
   };
-  settings.restore = [this, host_config](
-                         const zema::RequestOrigin& origin,
-                         const switching::ChecksumMsg& message) -> std::unique_ptr<zema::Runnable> {
+  settings.restore = [this, host_config](const zema::RequestOrigin& origin,
+                                         const switching::ChecksumMsg& message) -> std::unique_ptr<Runnable> {
     return std::make_unique<zema::RestoreTask>(files_, host_config->lum, origin.sender, origin.correlation_id,
                                                origin.reply_to, message);
   };
   settings.host_profile = [host_config](
                               const zema::RequestOrigin& origin,
-                              const switching::HostProfileMsg& message) -> std::unique_ptr<zema::Runnable> {
+                              const switching::HostProfileMsg& message) -> std::unique_ptr<Runnable> {
     return std::make_unique<zema::HostProfileTask>(host_config->lum, origin.sender, origin.correlation_id,
                                                    origin.reply_to, message);
   };
@@ -404,7 +407,7 @@ void ZemaApp::Impl::Stop(int reason) {
     if (controller_timer_) controller_timer_->Cancel();
   }
   zema::DeleteTaskThreadObjects();
-  if (reason == 0) zema::Host().Forget();
+  if (reason == 0) Host().Forget();
 }
 
 // --- Out.
@@ -525,7 +528,7 @@ void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
   const auto store = GetCoveDbHandler();
   if (message.payload == nullptr || store == nullptr) return;
   const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
-  zema::RawBusMessage raw;
+  RawBusMessage raw;
   raw.type = header.type_id;
   raw.header = HeaderBytes(header);
   raw.payload.assign(reinterpret_cast<const char*>(message.payload), message.payload_len);
@@ -548,7 +551,7 @@ void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
   io_.Post([this, reply_to = header.reply_to, ack] { SendHostConfigAckMsg(reply_to, ack); });
   if (config.has_transport_node_id()) {
     controller_list_.UpdateTnUuidInFile(config.transport_node_id());
-    zema::Host().SetHostId(config.transport_node_id());
+    Host().SetHostId(config.transport_node_id());
   }
   CallHostConfigCallbacks(config);
 }
@@ -567,7 +570,7 @@ void ZemaApp::Impl::Reset(std::function<void(std::string)> done) {
     return;
   }
   zema::Workers().AddTask(zema::Worker::kHostSync,
-                          std::make_unique<zema::FunctionTask>([current, done = std::move(done)] {
+                          std::make_unique<FunctionTask>([current, done = std::move(done)] {
                             done(current->HostSwitchAndLSCleanup(true));
                           }));
 }

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "app/zema/core/mpa_message_sender.h"
+#include "app/zema/manager/mpa_message_sender.h"
 
 namespace google::protobuf {
 class MessageLite;

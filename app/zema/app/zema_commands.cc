@@ -1,7 +1,7 @@
 #include "app/zema/app/zema_commands.h"
 
 #include "app/zema/app/zema_app.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
 
 namespace zem::Tarvik {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "framework/cli_command.h"
+#include "framework/cli/cli_command.h"
 
 namespace zem::Tarvik {
 

@@ -10,9 +10,9 @@
 #include <charconv>
 #include <utility>
 
-#include "app/zema/covedb/atomic_file.h"
-#include "framework/log.h"
-#include "framework/util.h"
+#include "framework/log/log.h"
+#include "framework/process/atomic_file.h"
+#include "framework/process/util.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

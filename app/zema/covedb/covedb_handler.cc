@@ -5,13 +5,13 @@
 #include <optional>
 #include <utility>
 
-#include "app/zema/covedb/address_codec.h"
 #include "app/zema/covedb/edge_codec.h"
 #include "app/zema/covedb/host_config_codec.h"
+#include "covedbclient/codec/address_codec.h"
 #include "covedbclient/statements.h"
-#include "framework/log.h"
-#include "platform/core/timer.h"
-#include "platform/core/weak_call.h"
+#include "framework/log/log.h"
+#include "platform/provider/timer.h"
+#include "platform/provider/weak_call.h"
 #include "platform/rpc/status.h"
 #include "proto/config/config.pb.h"
 #include "proto/covedb/covedb.pb.h"

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/synchronizable.h"
 #include "app/zema/covedb/pending_logical_switches.h"
-#include "app/zema/covedb/raw_bus_message.h"
 #include "covedbclient/covedb_client_interface.h"
+#include "framework/tasks/synchronizable.h"
+#include "mpaclient/bus/raw_bus_message.h"
 #include "platform/core/clock.h"
 
 namespace orlane::zem {

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "app/zema/covedb/covedb_handler.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "platform/core/thread_name.h"
 
 namespace zem::zema {

@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "app/zema/common/runnable.h"
-#include "app/zema/covedb/raw_bus_message.h"
+#include "framework/tasks/runnable.h"
+#include "mpaclient/bus/raw_bus_message.h"
 
 namespace zem::zema {
 

@@ -1,7 +1,7 @@
 #include "app/zema/covedb/edge_codec.h"
 
-#include "app/zema/covedb/address_codec.h"
-#include "framework/log.h"
+#include "covedbclient/codec/address_codec.h"
+#include "framework/log/log.h"
 #include "proto/config/config.pb.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "proto/switching/switching.pb.h"

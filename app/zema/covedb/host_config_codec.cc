@@ -6,9 +6,9 @@
 #include <optional>
 #include <utility>
 
-#include "app/zema/covedb/address_codec.h"
-#include "app/zema/covedb/enum_codec.h"
-#include "framework/log.h"
+#include "covedbclient/codec/address_codec.h"
+#include "covedbclient/codec/enum_codec.h"
+#include "framework/log/log.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "proto/switching/switching.pb.h"
 

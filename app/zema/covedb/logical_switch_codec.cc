@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "app/zema/covedb/address_codec.h"
-#include "framework/log.h"
+#include "covedbclient/codec/address_codec.h"
+#include "framework/log/log.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "proto/switching/logical_switch.pb.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/synchronizable.h"
+#include "framework/tasks/synchronizable.h"
 #include "proto/covedb/covedb.pb.h"
 
 namespace zem::zema {

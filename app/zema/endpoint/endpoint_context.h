@@ -7,13 +7,16 @@
 #include <string>
 #include <utility>
 
-#include "app/zema/common/runnable.h"
+#include "framework/tasks/runnable.h"
 #include "platform/core/clock.h"
+
+namespace zem {
+class HostIdentity;
+}  // namespace zem
 
 namespace zem::zema {
 
 class EndpointLibrary;
-class HostIdentity;
 class LumCommands;
 class MpaMessageSender;
 

@@ -2,13 +2,13 @@
 
 #include <utility>
 
-#include "app/zema/common/function_task.h"
-#include "app/zema/core/host_identity.h"
-#include "app/zema/core/mpa_message_sender.h"
-#include "app/zema/qub/endpoint_address.h"
-#include "app/zema/qub/lum_commands.h"
-#include "app/zema/qub/lum_reply.h"
-#include "framework/log.h"
+#include "app/zema/endpoint/endpoint_address.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "app/zema/proxy/lum_reply.h"
+#include "framework/log/log.h"
+#include "framework/node/host_identity.h"
+#include "framework/tasks/function_task.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

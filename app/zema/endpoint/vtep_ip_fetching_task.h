@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/runnable.h"
 #include "app/zema/endpoint/endpoint_context.h"
+#include "framework/tasks/runnable.h"
 
 namespace zem::zema {
 

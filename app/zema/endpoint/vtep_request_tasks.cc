@@ -4,12 +4,12 @@
 #include <optional>
 #include <vector>
 
-#include "app/zema/core/mpa_message_sender.h"
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
-#include "app/zema/qub/endpoint_library.h"
-#include "app/zema/qub/host_switch_lists.h"
-#include "framework/log.h"
-#include "framework/util.h"
+#include "app/zema/hostlib/endpoint_library.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "app/zema/proxy/host_switch_lists.h"
+#include "framework/log/log.h"
+#include "framework/process/util.h"
 
 namespace zem::zema {
 namespace {

@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "app/zema/common/mpa_message_task.h"
 #include "app/zema/endpoint/endpoint_context.h"
+#include "app/zema/manager/mpa_message_task.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

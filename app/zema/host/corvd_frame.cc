@@ -4,7 +4,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/ports/vif_request.h"
 
 namespace zem::zema {
 namespace {
@@ -105,6 +105,7 @@ std::shared_ptr<VifRequest> BuildVifRequest(std::shared_ptr<CorvdRequest> reques
   built->op_id = request->header.op_id();
   if (const uint32_t opcode = request->header.opcode(); IsPortOperation(opcode)) {
     built->op_code = static_cast<int32_t>(opcode);
+    built->host_op_code = built->op_code;
     if (request->payload.empty()) {
       built->error_text = kMissingPayload;
     } else {

@@ -4,13 +4,13 @@
 #include <mutex>
 #include <string>
 
-#include "app/zema/common/synchronizable.h"
-#include "app/zema/common/thread.h"
-#include "app/zema/host/handler_pool.h"
-#include "app/zema/host/precreated_ports.h"
-#include "app/zema/host/resync_thread.h"
 #include "app/zema/host/vif_dvport_thread.h"
-#include "app/zema/host/vif_handler.h"
+#include "app/zema/resync/resync_thread.h"
+#include "app/zema/vif/precreated_ports.h"
+#include "app/zema/vifqueue/handler_pool.h"
+#include "app/zema/vifqueue/vif_handler.h"
+#include "framework/tasks/synchronizable.h"
+#include "framework/tasks/thread.h"
 #include "platform/core/clock.h"
 #include "platform/core/condition.h"
 #include "platform/core/unique_fd.h"

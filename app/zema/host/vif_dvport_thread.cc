@@ -9,11 +9,11 @@
 #include <cstring>
 #include <utility>
 
-#include "app/zema/common/exception.h"
-#include "app/zema/common/thread_log_context.h"
-#include "app/zema/host/host_socket.h"
-#include "app/zema/qub/vif_request.h"
-#include "framework/log.h"
+#include "app/zema/ports/vif_request.h"
+#include "framework/log/log.h"
+#include "framework/process/host_socket.h"
+#include "framework/tasks/exception.h"
+#include "framework/tasks/thread_log_context.h"
 #include "platform/core/thread_name.h"
 #include "proto/switching/switching.pb.h"
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "app/zema/common/thread.h"
+#include "framework/tasks/thread.h"
 #include "platform/core/clock.h"
 #include "platform/core/unique_fd.h"
 

@@ -1,6 +1,6 @@
 #include "app/zema/hostconfig/follow_up_tasks.h"
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 
 namespace zem::zema {
 namespace {

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-#include "app/zema/core/mpa_message_sender.h"
 #include "app/zema/covedb/config_files.h"
-#include "app/zema/qub/high_performance_profile.h"
-#include "app/zema/qub/lum_commands.h"
-#include "app/zema/qub/switch_library.h"
-#include "framework/log.h"
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/hostswitch/high_performance_profile.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "framework/log/log.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/runnable.h"
+#include "framework/tasks/runnable.h"
 #include "platform/core/clock.h"
 
 namespace orlane::zem::switching {

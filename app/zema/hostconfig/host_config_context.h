@@ -3,13 +3,17 @@
 #include <functional>
 #include <string>
 
-#include "app/zema/common/synchronizable.h"
-#include "app/zema/covedb/raw_bus_message.h"
+#include "framework/tasks/synchronizable.h"
+#include "mpaclient/bus/raw_bus_message.h"
 #include "platform/core/clock.h"
 
 namespace orlane::zem::switching {
 class HostConfigMsg;
 }
+
+namespace zem {
+class HostIdentity;
+}  // namespace zem
 
 namespace zem::zema {
 
@@ -20,7 +24,6 @@ class EndpointLibrary;
 class FollowUpTasks;
 class HealthRecord;
 class HighPerformanceProfile;
-class HostIdentity;
 class LumCommands;
 class MigrationRecord;
 class OptionsStore;

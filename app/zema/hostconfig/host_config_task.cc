@@ -1,6 +1,6 @@
 #include "app/zema/hostconfig/host_config_task.h"
 
-#include "app/zema/core/mpa_message_sender.h"
+#include "app/zema/manager/mpa_message_sender.h"
 
 namespace zem::zema {
 

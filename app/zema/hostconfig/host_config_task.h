@@ -4,8 +4,8 @@
 #include <set>
 #include <string>
 
-#include "app/zema/common/mpa_message_task.h"
-#include "app/zema/qub/error_sink.h"
+#include "app/zema/manager/mpa_message_task.h"
+#include "app/zema/proxy/error_sink.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

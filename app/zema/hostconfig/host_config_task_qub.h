@@ -4,16 +4,16 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/thread.h"
-#include "app/zema/core/realization_options.h"
 #include "app/zema/covedb/config_files.h"
+#include "app/zema/endpoint/vtep_application.h"
 #include "app/zema/hostconfig/host_config_task.h"
 #include "app/zema/hostconfig/leaving_switches.h"
-#include "app/zema/hostconfig/stateless_host.h"
-#include "app/zema/qub/dvs_config_info.h"
-#include "app/zema/qub/migration_message.h"
-#include "app/zema/qub/switch_record.h"
-#include "app/zema/qub/vtep_application.h"
+#include "app/zema/hostswitch/dvs_config_info.h"
+#include "app/zema/hostswitch/stateless_host.h"
+#include "app/zema/migration/migration_message.h"
+#include "app/zema/proxy/switch_record.h"
+#include "app/zema/state/realization_options.h"
+#include "framework/tasks/thread.h"
 
 namespace orlane::zem::covedb {
 class RealizedHostConfigMsg;

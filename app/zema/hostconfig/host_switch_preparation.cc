@@ -1,16 +1,16 @@
 #include "app/zema/hostconfig/host_switch_preparation.h"
 
-#include "app/zema/core/host_identity.h"
 #include "app/zema/hostconfig/follow_up_tasks.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/port_opaque_data.h"
-#include "app/zema/qub/config_ops_manager.h"
-#include "app/zema/qub/lum_commands.h"
-#include "app/zema/qub/port_group_vms.h"
-#include "app/zema/qub/port_props.h"
-#include "app/zema/qub/switch_id.h"
-#include "framework/log.h"
+#include "app/zema/hostlib/config_ops_manager.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/hostswitch/port_group_vms.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "app/zema/proxy/switch_id.h"
+#include "framework/log/log.h"
+#include "framework/node/host_identity.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

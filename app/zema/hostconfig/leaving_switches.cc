@@ -4,17 +4,17 @@
 #include <iterator>
 #include <set>
 
-#include "app/zema/core/realization_options.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/port_opaque_data.h"
-#include "app/zema/qub/config_ops_manager.h"
-#include "app/zema/qub/error_sink.h"
-#include "app/zema/qub/lum_commands.h"
-#include "app/zema/qub/lum_reply.h"
-#include "app/zema/qub/port_props.h"
-#include "app/zema/qub/router_ports.h"
-#include "app/zema/qub/switch_library.h"
-#include "framework/log.h"
+#include "app/zema/hostlib/config_ops_manager.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/hostswitch/router_ports.h"
+#include "app/zema/proxy/error_sink.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "app/zema/proxy/lum_reply.h"
+#include "app/zema/state/realization_options.h"
+#include "framework/log/log.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

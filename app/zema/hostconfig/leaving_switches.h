@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/qub/host_switch_lists.h"
+#include "app/zema/proxy/host_switch_lists.h"
 
 namespace orlane::zem::switching {
 class HostConfigMsg;

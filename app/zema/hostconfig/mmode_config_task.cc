@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-#include "app/zema/core/health_record.h"
-#include "app/zema/core/mpa_message_sender.h"
-#include "app/zema/core/zem_manager.h"
 #include "app/zema/covedb/config_files.h"
-#include "app/zema/qub/lum_commands.h"
-#include "framework/log.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "app/zema/manager/zem_manager.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "app/zema/state/health_record.h"
+#include "framework/log/log.h"
 
 namespace zem::zema {
 namespace {

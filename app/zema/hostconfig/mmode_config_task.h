@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/mpa_message_task.h"
+#include "app/zema/manager/mpa_message_task.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

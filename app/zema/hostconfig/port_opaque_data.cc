@@ -3,12 +3,12 @@
 #include <map>
 
 #include "app/zema/hostconfig/host_config_context.h"
-#include "app/zema/qub/error_sink.h"
-#include "app/zema/qub/port_ops_manager.h"
-#include "app/zema/qub/port_props.h"
-#include "app/zema/qub/switch_library.h"
-#include "app/zema/qub/vif_request.h"
-#include "framework/log.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/ports/vif_request.h"
+#include "app/zema/proxy/error_sink.h"
+#include "framework/log/log.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

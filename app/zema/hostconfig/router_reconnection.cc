@@ -2,15 +2,15 @@
 
 #include <cstdio>
 
-#include "app/zema/core/health_record.h"
 #include "app/zema/hostconfig/host_config_context.h"
-#include "app/zema/qub/config_ops_manager.h"
-#include "app/zema/qub/error_sink.h"
-#include "app/zema/qub/library_settings.h"
-#include "app/zema/qub/lum_commands.h"
-#include "app/zema/qub/lum_reply.h"
-#include "app/zema/qub/router_ports.h"
-#include "framework/log.h"
+#include "app/zema/hostlib/config_ops_manager.h"
+#include "app/zema/hostswitch/library_settings.h"
+#include "app/zema/hostswitch/router_ports.h"
+#include "app/zema/proxy/error_sink.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "app/zema/proxy/lum_reply.h"
+#include "app/zema/state/health_record.h"
+#include "framework/log/log.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

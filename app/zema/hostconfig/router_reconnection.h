@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "app/zema/hostconfig/leaving_switches.h"
-#include "app/zema/qub/dvs_config_info.h"
+#include "app/zema/hostswitch/dvs_config_info.h"
 
 namespace zem::zema {
 

@@ -2,9 +2,9 @@
 
 #include <utility>
 
-#include "app/zema/common/worker_table.h"
 #include "app/zema/lswitch/db_svc_task_thread.h"
-#include "framework/log.h"
+#include "app/zema/workers/worker_table.h"
+#include "framework/log/log.h"
 #include "platform/core/thread_name.h"
 #include "proto/covedb/runtime_objects.pb.h"
 

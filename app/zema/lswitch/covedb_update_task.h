@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "app/zema/common/mpa_message_task.h"
 #include "app/zema/covedb/covedb_handler.h"
+#include "app/zema/manager/mpa_message_task.h"
 #include "proto/covedb/covedb.pb.h"
 
 namespace zem::zema {

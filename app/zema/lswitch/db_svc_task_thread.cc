@@ -7,15 +7,15 @@
 #include <optional>
 #include <utility>
 
-#include "app/zema/core/mpa_message_sender.h"
-#include "app/zema/covedb/address_codec.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/covedb/host_config_codec.h"
 #include "app/zema/covedb/logical_switch_codec.h"
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/lswitch/logical_switch_msg_task.h"
-#include "app/zema/qub/lum_commands.h"
-#include "framework/log.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "covedbclient/codec/address_codec.h"
+#include "framework/log/log.h"
 #include "platform/wft/workflow_util.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "proto/switching/switching.pb.h"

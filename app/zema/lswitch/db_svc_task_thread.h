@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/task_thread.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/lswitch/logical_switch_context.h"
+#include "framework/tasks/task_thread.h"
 #include "proto/covedb/covedb.pb.h"
 
 namespace orlane::zem::switching {

@@ -1,7 +1,7 @@
 #include "app/zema/lswitch/logical_switch_ack_task.h"
 
-#include "app/zema/core/mpa_message_sender.h"
-#include "framework/log.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "framework/log/log.h"
 #include "platform/core/thread_name.h"
 #include "proto/switching/logical_switch.pb.h"
 

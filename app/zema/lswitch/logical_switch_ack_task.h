@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "app/zema/common/runnable.h"
+#include "framework/tasks/runnable.h"
 
 namespace zem::zema {
 

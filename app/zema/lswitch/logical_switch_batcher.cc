@@ -4,12 +4,12 @@
 #include <exception>
 #include <iterator>
 
-#include "app/zema/core/mpa_message_sender.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/lswitch/logical_switch_ack_task.h"
-#include "app/zema/qub/lum_commands.h"
-#include "framework/log.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "framework/log/log.h"
 
 // A batch is first planned into chunks, then sent: only so is it known which chunk is the last one of the
 // store, whose acknowledgement may carry the barrier.

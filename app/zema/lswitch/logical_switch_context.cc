@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include "app/zema/common/worker_table.h"
-#include "app/zema/core/host_identity.h"
 #include "app/zema/covedb/covedb_handler.h"
-#include "framework/log.h"
-#include "framework/platform_info.h"
+#include "app/zema/workers/worker_table.h"
+#include "framework/log/log.h"
+#include "framework/node/host_identity.h"
+#include "framework/node/platform_info.h"
 
 namespace zem::zema {
 namespace {

@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
-#include "app/zema/common/runnable.h"
-#include "app/zema/core/realization_options.h"
 #include "app/zema/lswitch/logical_switch_fence.h"
+#include "app/zema/state/realization_options.h"
+#include "framework/tasks/runnable.h"
 
 namespace zem::zema {
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <mutex>
 
-#include "app/zema/common/synchronizable.h"
+#include "framework/tasks/synchronizable.h"
 #include "platform/core/condition.h"
 
 namespace zem::zema {

@@ -6,9 +6,9 @@
 #include <exception>
 #include <utility>
 
-#include "app/zema/core/mpa_message_sender.h"
-#include "app/zema/qub/lum_commands.h"
-#include "framework/log.h"
+#include "app/zema/manager/mpa_message_sender.h"
+#include "app/zema/proxy/lum_commands.h"
+#include "framework/log/log.h"
 
 namespace zem::zema {
 namespace {

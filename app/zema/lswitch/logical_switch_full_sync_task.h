@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "app/zema/common/mpa_message_task.h"
 #include "app/zema/lswitch/logical_switch_context.h"
+#include "app/zema/manager/mpa_message_task.h"
 #include "proto/switching/logical_switch.pb.h"
 
 namespace zem::zema {

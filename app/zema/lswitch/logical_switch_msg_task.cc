@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "app/zema/covedb/covedb_handler.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
 
 namespace zem::zema {
 namespace {

@@ -7,8 +7,8 @@
 #include <set>
 #include <string>
 
-#include "app/zema/common/runnable.h"
 #include "app/zema/lswitch/logical_switch_context.h"
+#include "framework/tasks/runnable.h"
 #include "platform/wft/workflow_util.h"
 #include "proto/switching/logical_switch.pb.h"
 

@@ -1,7 +1,7 @@
 #include "app/zema/lswitch/port_adapters.h"
 
-#include "app/zema/qub/port_ops_manager.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/ports/vif_request.h"
 
 namespace zem::zema {
 

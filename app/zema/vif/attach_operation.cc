@@ -1,15 +1,15 @@
 #include "app/zema/vif/attach_operation.h"
 
-#include "app/zema/core/zem_manager.h"
-#include "app/zema/qub/port_description.h"
-#include "app/zema/qub/port_ops_manager.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/manager/zem_manager.h"
+#include "app/zema/ports/port_description.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/ports/vif_request.h"
 #include "app/zema/vif/local_port.h"
 #include "app/zema/vif/port_rpc_op.h"
 #include "app/zema/vif/prior_attachments.h"
 #include "app/zema/vif/security_port.h"
 #include "app/zema/vif/vif_context.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {

@@ -3,15 +3,18 @@
 #include <optional>
 #include <string>
 
-#include "app/zema/core/port_attached.h"
-#include "app/zema/qub/port_location.h"
+#include "app/zema/manager/port_attached.h"
+#include "app/zema/ports/port_location.h"
 #include "app/zema/vif/site_config.h"
 #include "platform/core/clock.h"
+
+namespace zem {
+class Thread;
+}  // namespace zem
 
 namespace zem::zema {
 
 class PriorAttachments;
-class Thread;
 struct VifContext;
 struct VifRequest;
 

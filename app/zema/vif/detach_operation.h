@@ -2,13 +2,16 @@
 
 #include <string>
 
-#include "app/zema/core/port_attached.h"
-#include "app/zema/qub/port_ops_manager.h"
+#include "app/zema/manager/port_attached.h"
+#include "app/zema/ports/port_ops_manager.h"
+
+namespace zem {
+class Thread;
+}  // namespace zem
 
 namespace zem::zema {
 
 class PriorAttachments;
-class Thread;
 struct VifContext;
 struct VifRequest;
 

@@ -1,11 +1,11 @@
 #include "app/zema/vif/local_port.h"
 
-#include "app/zema/core/port_attached.h"
-#include "app/zema/qub/port_description.h"
-#include "app/zema/qub/port_ops_manager.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/manager/port_attached.h"
+#include "app/zema/ports/port_description.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/ports/vif_request.h"
 #include "app/zema/vif/vif_context.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {

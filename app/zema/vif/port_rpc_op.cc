@@ -1,11 +1,11 @@
 #include "app/zema/vif/port_rpc_op.h"
 
-#include "app/zema/qub/port_ops_manager.h"
-#include "app/zema/qub/port_props.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/ports/vif_request.h"
 #include "app/zema/vif/security_port.h"
 #include "app/zema/vif/vif_context.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {

@@ -3,7 +3,7 @@
 #include <map>
 #include <string>
 
-#include "app/zema/host/precreated_ports.h"
+#include "app/zema/vif/precreated_ports.h"
 
 namespace zem::zema {
 

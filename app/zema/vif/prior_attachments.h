@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "app/zema/common/synchronizable.h"
+#include "framework/tasks/synchronizable.h"
 
 namespace zem::zema {
 

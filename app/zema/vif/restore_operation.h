@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "app/zema/core/manager_sender.h"
+#include "app/zema/manager/manager_sender.h"
 
 namespace zem::zema {
 

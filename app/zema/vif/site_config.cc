@@ -1,14 +1,14 @@
 #include "app/zema/vif/site_config.h"
 
-#include "app/zema/core/port_attached.h"
-#include "app/zema/core/zem_manager.h"
-#include "app/zema/qub/port_ops_manager.h"
-#include "app/zema/qub/port_props.h"
-#include "app/zema/qub/switch_library.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/manager/port_attached.h"
+#include "app/zema/manager/zem_manager.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/ports/vif_request.h"
 #include "app/zema/vif/local_port.h"
 #include "app/zema/vif/vif_context.h"
-#include "framework/log.h"
+#include "framework/log/log.h"
 
 namespace zem::zema {
 namespace {

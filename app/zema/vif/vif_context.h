@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "app/zema/common/synchronizable.h"
-#include "app/zema/core/manager_sender.h"
+#include "app/zema/manager/manager_sender.h"
+#include "framework/tasks/synchronizable.h"
 #include "platform/core/stop_signal.h"
 
 namespace zem::zema {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "framework/log.h"
+#include "framework/log/log.h"
 
 namespace zem::zema {
 namespace {

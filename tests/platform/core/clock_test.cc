@@ -5,7 +5,6 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/core/bounded_queue.h"
 #include "platform/core/condition.h"
 #include "platform/core/poll.h"
 #include "platform/core/retry_policy.h"
@@ -13,6 +12,7 @@
 #include "platform/core/thread.h"
 #include "platform/core/unique_fd.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/bounded_queue.h"
 
 namespace zem {
 namespace {
@@ -28,7 +28,7 @@ TEST(VirtualClockTest, SleepersWakeInOrderAndTimeDoesNotRunAhead) {
   const TimePoint begin = clock.Now();
   std::mutex mutex;
   std::vector<int64_t> woken;
-  std::vector<Thread> threads;
+  std::vector<NativeThread> threads;
   for (const int s : {30, 10, 20, 10}) {
     threads.emplace_back([&, s] {
       for (int i = 0; i < 2; ++i) {
@@ -57,7 +57,7 @@ TEST(VirtualClockTest, APollEndsAtItsMomentOrWithItsDescriptor) {
   const UniqueFd read_end(ends[0]);
   const UniqueFd write_end(ends[1]);
   std::vector<int64_t> ended;
-  Thread waiter([&] {
+  NativeThread waiter([&] {
     pollfd wait{read_end.get(), POLLIN, 0};
     for (const int expected : {0, 0, 1}) {
       EXPECT_EQ(PollUntil(&wait, 1, clock.Now() + seconds(10)), expected);
@@ -67,7 +67,7 @@ TEST(VirtualClockTest, APollEndsAtItsMomentOrWithItsDescriptor) {
       }
     }
   });
-  Thread other([] { SleepFor(seconds(15)); });
+  NativeThread other([] { SleepFor(seconds(15)); });
   clock.RunFor(seconds(60));
   EXPECT_THAT(ended, ElementsAre(10, 20, 20));
 }
@@ -79,11 +79,11 @@ TEST(VirtualClockTest, ANotificationCountsAsWork) {
   Condition changed;
   bool ready = false;
   bool timed_out = false;
-  Thread waiter([&] {
+  NativeThread waiter([&] {
     std::unique_lock lock(mutex);
     timed_out = !changed.WaitFor(lock, seconds(10), [&] { return ready; });
   });
-  Thread notifier([&] {
+  NativeThread notifier([&] {
     SleepFor(seconds(10) - milliseconds(1));
     std::lock_guard lock(mutex);
     ready = true;
@@ -99,7 +99,7 @@ TEST(ConditionTest, NotifyOneWakesOneAndAllWakesAll) {
   Condition changed;
   int tokens = 0;
   std::atomic<int> through = 0;
-  std::vector<Thread> threads;
+  std::vector<NativeThread> threads;
   for (int i = 0; i < 5; ++i) {
     threads.emplace_back([&] {
       std::unique_lock lock(mutex);
@@ -133,7 +133,7 @@ TEST(ThreadTest, CancelUnwindsAWaiterOnBothClocks) {
     std::atomic<bool> waiting = false;
     bool unwound_with_lock = false;
     bool ready = false;
-    Thread cancelled([&] {
+    NativeThread cancelled([&] {
       struct Unwinding {
         std::mutex& mutex;
         bool& held;
@@ -157,7 +157,7 @@ TEST(ThreadTest, CancelUnwindsAWaiterOnBothClocks) {
     EXPECT_TRUE(unwound_with_lock);
     mutex.unlock();
 
-    Thread other([&] {
+    NativeThread other([&] {
       std::unique_lock lock(mutex);
       changed.Wait(lock, [&] { return ready; });
     });
@@ -176,7 +176,7 @@ TEST(StopSignalTest, EndsASleepEarly) {
   bool stopped = false;
   TimePoint ended{};
   const TimePoint begin = clock.Now();
-  Thread sleeper([&] {
+  NativeThread sleeper([&] {
     EXPECT_FALSE(stop.WaitFor(seconds(5)));
     stopped = stop.WaitFor(hours(1));
     ended = clock.Now();
@@ -199,7 +199,7 @@ TEST(BoundedQueueTest, FullRefusesClosedWakesAndFrontGoesFirst) {
   queue.PushFront(0);
   EXPECT_EQ(queue.Pop(), 0);
   bool pushed = true;
-  Thread writer([&] { pushed = queue.Push(4); });
+  NativeThread writer([&] { pushed = queue.Push(4); });
   clock.Settle();
   queue.Close();
   clock.Settle();

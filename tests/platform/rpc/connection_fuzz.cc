@@ -7,8 +7,8 @@
 #include <string>
 
 #include "platform/core/lib_log.h"
-#include "platform/core/provider.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/frame.h"
 #include "platform/rpc/memory_network.h"
 #include "platform/rpc/memory_streams.h"

@@ -1,7 +1,7 @@
 #include "platform/rpc/connection.h"
 
 #include "platform/core/thread.h"
-#include "platform/core/timer.h"
+#include "platform/provider/timer.h"
 
 #include "tests/platform/rpc/rpc_fixture.h"
 

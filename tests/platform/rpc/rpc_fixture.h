@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/core/provider.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/memory_network.h"
 #include "platform/rpc/stub_factory.h"
 #include "platform/rpc/transport.h"

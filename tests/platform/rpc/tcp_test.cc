@@ -12,9 +12,9 @@
 #include <string>
 
 #include "platform/core/condition.h"
-#include "platform/core/provider.h"
 #include "platform/core/thread.h"
 #include "platform/core/unique_fd.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/connection.h"
 #include "platform/rpc/stub_factory.h"
 #include "platform/rpc/transport.h"
@@ -180,7 +180,7 @@ TEST_F(TcpTest, OneStatusPerCallWhateverHappensWhen) {
     auto stub = MakeStub();
     ASSERT_TRUE(stub);
     Latch begun;
-    std::vector<Thread> threads;
+    std::vector<NativeThread> threads;
     for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([&, copy = *stub, seed = static_cast<unsigned>(round * kThreads + t)]() mutable {
         unsigned state = seed * 2654435761U + 1;

@@ -8,7 +8,7 @@
 #include "platform/core/thread.h"
 #include "platform/core/virtual_clock.h"
 #include "proto/sha/sha.pb.h"
-#include "sim/node/health_sink.h"
+#include "sim/sinks/health_sink.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 

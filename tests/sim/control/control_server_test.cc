@@ -8,8 +8,8 @@
 
 #include <system_error>
 
-#include "platform/core/provider.h"
 #include "platform/core/unique_fd.h"
+#include "platform/provider/provider.h"
 #include "sim/control/command_table.h"
 #include "tests/support/temp_dir.h"
 

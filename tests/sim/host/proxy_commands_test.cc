@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/child_process.h"
+#include "framework/process/child_process.h"
 #include "sim/switch/sim_state.h"
 #include "tests/support/temp_dir.h"
 

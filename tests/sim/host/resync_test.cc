@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "framework/child_process.h"
+#include "framework/process/child_process.h"
 #include "sim/host/host_state.h"
 #include "sim/switch/sim_state.h"
 #include "sim/switch/vif_ports.h"

@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 
 #include "covedbclient/covedb_client.h"
-#include "platform/core/provider.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/memory_network.h"
 #include "sim/control/command_table.h"
 #include "sim/store/store_daemon.h"

@@ -11,7 +11,7 @@
 #include "sim/switch/library_folder.h"
 #include "sim/switch/sim_state.h"
 #include "sim/switch/switch_commands.h"
-#include "sim/switch/value_list.h"
+#include "sim/switch/tree/value_list.h"
 #include "tests/support/temp_dir.h"
 
 namespace zem::sim {
@@ -139,8 +139,8 @@ TEST_F(SwitchLibraryTest, BrokenRulesAreToldAndEndNobody) {
     std::free(buffer);
   };
   {
-    zem::Thread first(call);
-    zem::Thread second(call);
+    zem::NativeThread first(call);
+    zem::NativeThread second(call);
   }
   told("two threads");
 

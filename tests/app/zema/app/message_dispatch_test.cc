@@ -5,9 +5,9 @@
 #include <set>
 
 #include "app/zema/app/refused_request.h"
-#include "app/zema/common/function_task.h"
-#include "app/zema/common/task_thread.h"
-#include "app/zema/common/worker_table.h"
+#include "app/zema/workers/worker_table.h"
+#include "framework/tasks/function_task.h"
+#include "framework/tasks/task_thread.h"
 #include "platform/core/condition.h"
 #include "proto/switching/switching.pb.h"
 #include "tests/app/zema/lswitch/fake_sender.h"

@@ -3,10 +3,10 @@
 #include <gmock/gmock.h>
 #include <google/protobuf/util/message_differencer.h>
 
-#include "app/zema/covedb/address_codec.h"
-#include "app/zema/covedb/enum_codec.h"
 #include "app/zema/covedb/logical_switch_codec.h"
-#include "framework/bus_record.h"
+#include "covedbclient/codec/address_codec.h"
+#include "covedbclient/codec/enum_codec.h"
+#include "mpaclient/bus/bus_record.h"
 #include "platform/core/uuid.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/covedb/switching_objects.pb.h"

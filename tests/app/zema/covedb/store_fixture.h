@@ -8,9 +8,9 @@
 
 #include "app/zema/covedb/covedb_handler.h"
 #include "covedbclient/covedb_client.h"
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 #include "platform/rpc/memory_network.h"
 #include "sim/store/logical_switches.h"
 #include "sim/store/store_daemon.h"

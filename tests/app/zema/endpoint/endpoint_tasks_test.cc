@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
-#include "app/zema/core/host_identity.h"
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
 #include "app/zema/endpoint/vtep_request_tasks.h"
-#include "app/zema/qub/endpoint_library.h"
+#include "app/zema/hostlib/endpoint_library.h"
+#include "framework/node/host_identity.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
-#include "tests/app/zema/qub/fake_lum_commands.h"
+#include "tests/app/zema/proxy/fake_lum_commands.h"
 #include "tests/support/log_capture.h"
 
 namespace zem::zema {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "app/zema/host/corvd_frame.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/ports/vif_request.h"
 
 // A header, and its payload: what is asked stays within its fields, and the answer carries the header back.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

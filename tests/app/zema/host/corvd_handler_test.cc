@@ -8,15 +8,15 @@
 #include <optional>
 
 #include "app/zema/app/follow_ups.h"
-#include "app/zema/core/health_record.h"
-#include "app/zema/core/host_identity.h"
 #include "app/zema/host/corvd_frame.h"
-#include "app/zema/host/resync_state.h"
+#include "app/zema/state/health_record.h"
+#include "app/zema/vifqueue/resync_state.h"
+#include "framework/node/host_identity.h"
 #include "platform/core/clock.h"
 #include "platform/core/thread.h"
-#include "sim/node/host_management.h"
-#include "tests/app/zema/core/no_publisher.h"
-#include "tests/app/zema/host/recording_vif_handler.h"
+#include "sim/host/host_management.h"
+#include "tests/app/zema/state/no_publisher.h"
+#include "tests/app/zema/vifqueue/recording_vif_handler.h"
 #include "tests/support/temp_dir.h"
 
 namespace zem::zema {
@@ -66,7 +66,7 @@ class CorvdHandlerTest : public ::testing::Test {
 TEST_F(CorvdHandlerTest, AWaiterIsWokenWhenTheDaemonOpensItsSocket) {
   Start();
   EXPECT_FALSE(handler_->WaitForCorvdConnection(1));
-  ::zem::Thread other([this] { EXPECT_TRUE(handler_->WaitForCorvdConnection(30)); });
+  NativeThread other([this] { EXPECT_TRUE(handler_->WaitForCorvdConnection(30)); });
   daemon_.emplace(socket_);
   EXPECT_TRUE(handler_->WaitForCorvdConnection(30));
   other.Join();
@@ -81,7 +81,7 @@ TEST_F(CorvdHandlerTest, TheEndOfTheHandlerEndsTheWait) {
   FollowUps follow_ups;
   Start();
   follow_ups.SetHostManagement(handler_.get());
-  ::zem::Thread waiter([&] { follow_ups.WaitForHostManagement(600); });
+  NativeThread waiter([&] { follow_ups.WaitForHostManagement(600); });
   SleepFor(milliseconds(50));
   follow_ups.SetHostManagement(nullptr);
   waiter.Join();

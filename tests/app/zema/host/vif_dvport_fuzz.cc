@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "app/zema/host/vif_dvport_thread.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/ports/vif_request.h"
 
 // A list of the vNIC socket, without its length.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

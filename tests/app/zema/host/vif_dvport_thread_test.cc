@@ -6,8 +6,8 @@
 
 #include <mutex>
 
-#include "app/zema/qub/vif_request.h"
-#include "framework/util.h"
+#include "app/zema/ports/vif_request.h"
+#include "framework/process/util.h"
 #include "platform/core/condition.h"
 #include "platform/core/thread.h"
 #include "proto/switching/switching.pb.h"

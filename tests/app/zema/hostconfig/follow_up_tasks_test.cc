@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 
 #include "app/zema/covedb/config_files.h"
-#include "app/zema/hostconfig/ckln_hot_swap_task.h"
 #include "app/zema/hostconfig/high_performance_profile_task.h"
-#include "app/zema/qub/high_performance_profile.h"
-#include "app/zema/qub/switch_library.h"
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/hostswitch/high_performance_profile.h"
+#include "app/zema/migration/ckln_hot_swap_task.h"
 #include "proto/switching/switching.pb.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
-#include "tests/app/zema/qub/fake_lum_commands.h"
+#include "tests/app/zema/proxy/fake_lum_commands.h"
 #include "tests/support/temp_dir.h"
 
 namespace zem::zema {

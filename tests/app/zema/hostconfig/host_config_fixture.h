@@ -10,26 +10,26 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/core/health_record.h"
-#include "app/zema/core/host_identity.h"
-#include "app/zema/core/realization_options.h"
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/hostconfig/follow_up_tasks.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
-#include "app/zema/qub/config_ops_manager.h"
-#include "app/zema/qub/endpoint_library.h"
-#include "app/zema/qub/high_performance_profile.h"
-#include "app/zema/qub/migration_record.h"
-#include "app/zema/qub/port_props.h"
-#include "app/zema/qub/router_library.h"
-#include "app/zema/qub/router_ports.h"
+#include "app/zema/hostlib/config_ops_manager.h"
+#include "app/zema/hostlib/endpoint_library.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/hostlib/router_library.h"
+#include "app/zema/hostswitch/high_performance_profile.h"
+#include "app/zema/hostswitch/router_ports.h"
+#include "app/zema/migration/migration_record.h"
+#include "app/zema/state/health_record.h"
+#include "app/zema/state/realization_options.h"
+#include "framework/node/host_identity.h"
 #include "platform/core/virtual_clock.h"
 #include "proto/switching/switching.pb.h"
-#include "tests/app/zema/core/no_publisher.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
-#include "tests/app/zema/qub/switch_host_test.h"
+#include "tests/app/zema/ports/switch_host_test.h"
+#include "tests/app/zema/state/no_publisher.h"
 
 namespace zem::zema {
 

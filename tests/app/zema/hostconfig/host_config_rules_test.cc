@@ -4,9 +4,9 @@
 
 #include "app/zema/hostconfig/host_config_task.h"
 #include "app/zema/hostconfig/router_reconnection.h"
-#include "app/zema/hostconfig/stateless_host.h"
+#include "app/zema/hostswitch/stateless_host.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
-#include "tests/app/zema/qub/fake_lum_commands.h"
+#include "tests/app/zema/proxy/fake_lum_commands.h"
 
 namespace zem::zema {
 namespace {

@@ -1,8 +1,8 @@
 // Host configurations from their message to the host and back, with the agent's end at any point in between.
 
 #include "app/zema/hostconfig/router_reconnection.h"
-#include "app/zema/hostconfig/vnic_migration_task.h"
-#include "app/zema/qub/vif_request.h"
+#include "app/zema/migration_files/vnic_migration_task.h"
+#include "app/zema/ports/vif_request.h"
 #include "tests/app/zema/hostconfig/host_config_fixture.h"
 
 namespace zem::zema {

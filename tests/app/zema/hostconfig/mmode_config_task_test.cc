@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "app/zema/core/health_record.h"
-#include "app/zema/core/zem_manager.h"
 #include "app/zema/covedb/config_files.h"
-#include "tests/app/zema/core/no_publisher.h"
+#include "app/zema/manager/zem_manager.h"
+#include "app/zema/state/health_record.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
-#include "tests/app/zema/qub/fake_lum_commands.h"
+#include "tests/app/zema/proxy/fake_lum_commands.h"
+#include "tests/app/zema/state/no_publisher.h"
 #include "tests/support/temp_dir.h"
 
 namespace zem::zema {

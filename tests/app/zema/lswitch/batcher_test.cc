@@ -324,7 +324,7 @@ TEST_F(BatcherTest, AFullSyncOfTheManagerVoidsWhatCameBeforeItAndGoesFirst) {
   bulk.set_continuation_flag(1);
   auto piece =
       std::make_unique<LogicalSwitchFullSyncTask>(context, nullptr, "c", "r", bulk.SerializeAsString());
-  Thread batch(Thread::Options{}, [this] { Run(); });
+  NativeThread batch(NativeThread::Options{}, [this] { Run(); });
   list->Run();
   EXPECT_THAT(host.TakeCalls(), ElementsAre("op 11 flag 0 zones 0 switches 0"));
   piece->Run();

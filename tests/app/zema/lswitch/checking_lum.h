@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "app/zema/qub/lum_commands.h"
+#include "app/zema/proxy/lum_commands.h"
 
 namespace zem::zema {
 

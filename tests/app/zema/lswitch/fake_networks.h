@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/qub/lum_commands.h"
+#include "app/zema/proxy/lum_commands.h"
 #include "proto/switching/logical_switch.pb.h"
 
 namespace zem::zema {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/core/mpa_message_sender.h"
+#include "app/zema/manager/mpa_message_sender.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

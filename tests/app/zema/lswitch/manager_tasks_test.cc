@@ -1,9 +1,9 @@
 // Tasks that the manager asks for: its own full sync, host profiles, checksums.
 
 #include "app/zema/covedb/config_files.h"
-#include "app/zema/lswitch/host_profile_task.h"
+#include "app/zema/hostconfig/host_profile_task.h"
+#include "app/zema/hostconfig/restore_task.h"
 #include "app/zema/lswitch/logical_switch_full_sync_task.h"
-#include "app/zema/lswitch/restore_task.h"
 #include "tests/app/zema/lswitch/fake_networks.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/support/log_capture.h"

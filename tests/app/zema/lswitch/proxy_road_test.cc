@@ -5,18 +5,18 @@
 #include <set>
 #include <sstream>
 
-#include "app/zema/common/worker_table.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/lswitch/db_svc_task_thread.h"
 #include "app/zema/lswitch/logical_switch_batcher.h"
+#include "app/zema/workers/worker_table.h"
 #include "covedbclient/covedb_client.h"
-#include "platform/core/provider.h"
 #include "platform/core/thread.h"
+#include "platform/provider/provider.h"
 #include "platform/rpc/memory_network.h"
 #include "sim/store/logical_switches.h"
 #include "sim/store/store_daemon.h"
-#include "tests/app/zema/qub/lum_sandbox.h"
+#include "tests/app/zema/proxy/lum_sandbox.h"
 
 namespace zem::zema {
 namespace {

@@ -8,15 +8,15 @@
 #include <string>
 #include <utility>
 
-#include "app/zema/common/function_task.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/lswitch/db_svc_task_thread.h"
 #include "app/zema/lswitch/logical_switch_batcher.h"
 #include "covedbclient/covedb_client_interface.h"
-#include "platform/core/provider.h"
-#include "platform/core/timer.h"
+#include "framework/tasks/function_task.h"
 #include "platform/core/virtual_clock.h"
+#include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 #include "platform/rpc/status.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "tests/app/zema/lswitch/checking_lum.h"

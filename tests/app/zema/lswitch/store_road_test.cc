@@ -2,12 +2,12 @@
 
 #include <atomic>
 
-#include "app/zema/common/function_task.h"
-#include "app/zema/common/worker_table.h"
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/lswitch/db_svc_task_thread.h"
 #include "app/zema/lswitch/logical_switch_batcher.h"
-#include "framework/bus_record.h"
+#include "app/zema/workers/worker_table.h"
+#include "framework/tasks/function_task.h"
+#include "mpaclient/bus/bus_record.h"
 #include "proto/covedb/runtime_objects.pb.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "tests/app/zema/covedb/store_fixture.h"

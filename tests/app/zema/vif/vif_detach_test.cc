@@ -1,4 +1,4 @@
-#include "app/zema/qub/port_file.h"
+#include "app/zema/ports/port_file.h"
 #include "app/zema/vif/precreated_port_maker.h"
 #include "tests/app/zema/vif/vif_host_test.h"
 

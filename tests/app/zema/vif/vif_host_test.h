@@ -9,17 +9,17 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/common/thread.h"
-#include "app/zema/core/zem_manager.h"
 #include "app/zema/host/corvd_frame.h"
-#include "app/zema/host/resync_state.h"
-#include "app/zema/qub/migration_record.h"
-#include "app/zema/qub/port_props.h"
-#include "app/zema/qub/vif_request.h"
-#include "app/zema/vif/vif_port_handler.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/manager/zem_manager.h"
+#include "app/zema/migration/migration_record.h"
+#include "app/zema/ports/vif_request.h"
+#include "app/zema/vifqueue/resync_state.h"
+#include "app/zema/vifqueue/vif_port_handler.h"
+#include "framework/tasks/thread.h"
 #include "platform/core/thread.h"
 #include "platform/core/virtual_clock.h"
-#include "tests/app/zema/qub/switch_host_test.h"
+#include "tests/app/zema/ports/switch_host_test.h"
 
 namespace zem::zema {
 
@@ -60,7 +60,7 @@ class ScriptedManager final : public VifSender {
 
  private:
   std::mutex mutex_;  // guards the script and what was asked
-  std::list<::zem::Thread> answers_;
+  std::list<NativeThread> answers_;
 };
 
 /// A host with two switches, a scripted manager, and the handler between them.
@@ -101,8 +101,7 @@ class VifHostTest : public SwitchHostTest {
   }
   static VifRequest FromHost(VifRequest request) {
     request.request = std::make_shared<CorvdRequest>();
-    const auto opcode = static_cast<uint32_t>(request.op_code);
-    std::memcpy(request.request->header.data() + 272, &opcode, sizeof(opcode));
+    request.host_op_code = request.op_code;
     return request;
   }
 

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/busclient/rmqclient.h"
+
+namespace zem {
+class AsioZemProvider;
+class MpaClient;
+namespace controller {
+struct ControllerContext;
+}
+}  // namespace zem
+
+namespace zem::Tarvik {
+
+/// Asks the manager for the list of controllers and takes its updates: the vertical
+/// "ControllerMgmtVertical".
+///
+/// Threads: Start and Stop one after the other; the rest from any.
+class ControllerListApp {
+ public:
+  struct Settings {
+    /// `zema.controller-info`.
+    std::function<bool()> enabled;
+    std::shared_ptr<controller::ControllerContext> context;
+    /// Sees each payload before it is taken.
+    std::function<void(const rmqClientMessage&)> payload_seen = [](const rmqClientMessage&) {};
+  };
+
+  ControllerListApp(AsioZemProvider& provider, Settings settings);
+  ~ControllerListApp();
+
+  /// Does nothing but a line when the option does not want it.
+  void Start();
+  /// No message is taken any more when this returns.
+  void Stop();
+
+  /// `correlation_id` may be empty.
+  bool RequestControllerList(const std::string& correlation_id);
+
+  /// False, with a line, when the manager is not there or the type is not this vertical's.
+  bool SendMsg(const std::string& type, std::string_view data, const std::string& correlation_id,
+               std::string* message_id);
+
+  /// The transport node has an id.
+  void UpdateTnUuidInFile(const std::string& id);
+
+  /// `key` names the message in the log.
+  void ProcessReceiveMessages(const std::string& key, const std::string& type, std::string_view payload,
+                              const std::string& correlation_id, const std::string& reply_to);
+
+ private:
+  void ControllerListAppRxCallback(const rmqClientMessage& message);
+  std::shared_ptr<MpaClient> client() const;
+
+  AsioZemProvider& provider_;
+  const Settings settings_;
+};
+
+}  // namespace zem::Tarvik

@@ -1,0 +1,185 @@
+#include "app/zema/hostlib/config_ops_manager.h"
+
+#include <boost/algorithm/string/join.hpp>
+
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/hostlib/team_records.h"
+#include "framework/log/log.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr const char* kNotInitialized = "Config ops manager methods are not initialized.";
+
+void LogTeaming(const char* what, const std::string& dvs, const SwitchTeaming& teaming) {
+  ZLOG_INFO(
+      "%s dvs [%s] Teaming=%s loadBalance: %u numActive: %zu numStandby: %zu rollingOrder: %u uplinks: %s",
+      what, dvs.c_str(), teaming.name.c_str(), teaming.policy, teaming.active.size(), teaming.standby.size(),
+      teaming.rolling_order,
+      (boost::join(teaming.active, ",") + "|" + boost::join(teaming.standby, ",")).c_str());
+}
+
+}  // namespace
+
+bool ConfigOpsManager::Usable(std::string* error) const {
+  if (library_.loaded()) return true;
+  ZLOG_ERROR("44201", "%s", kNotInitialized);
+  if (error != nullptr) *error = kNotInitialized;
+  return false;
+}
+
+bool ConfigOpsManager::SetGlobal(const std::string& dvs, const char* property, std::string_view value,
+                                 std::string* error) {
+  const uint32_t result = library_.GlobalPropSet(dvs, property, value, DVS_PROPERTY_FLAGS);
+  if (result == 0) return true;
+  const std::string text = SwitchErrorText(result);
+  ZLOG_ERROR("ERR_GLOBAL_PROP_SET_FAILED", "Failed to configure [%s] on dvs [%s]: %s", property, dvs.c_str(),
+             text.c_str());
+  *error = std::string("Failed to configure [") + property + "] on dvs [" + dvs + "]: " + text;
+  return false;
+}
+
+bool ConfigOpsManager::ClearGlobal(const std::string& dvs, const char* property, std::string* error) {
+  const uint32_t result = library_.GlobalPropClear(dvs, property);
+  if (result == 0 || result == kSwitchNotFound) return true;
+  const std::string text = SwitchErrorText(result);
+  ZLOG_ERROR("ERR_GLOBAL_PROP_CLEAR_FAILED", "Failed to clear [%s] on dvs [%s]: %s", property, dvs.c_str(),
+             text.c_str());
+  *error = std::string("Failed to clear [") + property + "] on dvs [" + dvs + "]: " + text;
+  return false;
+}
+
+bool ConfigOpsManager::ConfigureTeaming(const std::string& dvs, const SwitchTeaming& teaming,
+                                        std::string* error) {
+  if (!Usable(error)) return false;
+  LogTeaming("Configuring", dvs, teaming);
+  const auto record = BuildTeamPolicy(teaming);
+  if (!record) {
+    ZLOG_ERROR("ERR_ALLOC_FAILED", "Failed to allocate VSTeamPolicy structure");
+    *error = "Failed to allocate VSTeamPolicy structure";
+    return false;
+  }
+  return SetGlobal(dvs, port_props::kTeaming, *record, error);
+}
+
+bool ConfigOpsManager::ConfigureNamedTeaming(const std::string& dvs,
+                                             const std::vector<SwitchTeaming>& teamings, std::string* error) {
+  if (!Usable(error)) return false;
+  if (teamings.empty()) {
+    ZLOG_INFO("Clearing Named Teaming policy on the Switch [%s]", dvs.c_str());
+    return ClearNamedTeaming(dvs, error);
+  }
+  for (const SwitchTeaming& teaming : teamings) LogTeaming("Configuring named", dvs, teaming);
+  const auto record = BuildTeamTable(kLogicalSwitchTeamings, teamings);
+  if (!record) {
+    ZLOG_ERROR("ERR_ALLOC_FAILED", "Failed to allocate LSTeamTable structure");
+    *error = "Failed to allocate LSTeamTable structure";
+    return false;
+  }
+  return SetGlobal(dvs, port_props::kNamedTeaming, *record, error);
+}
+
+bool ConfigOpsManager::ClearTeaming(const std::string& dvs, std::string* error) {
+  return Usable(error) && ClearGlobal(dvs, port_props::kTeaming, error);
+}
+
+bool ConfigOpsManager::ClearNamedTeaming(const std::string& dvs, std::string* error) {
+  return Usable(error) && ClearGlobal(dvs, port_props::kNamedTeaming, error);
+}
+
+bool ConfigOpsManager::GetTeaming(const std::string& dvs, uint32_t* team_type,
+                                  std::vector<std::string>* uplinks, std::string* error) {
+  if (!Usable(error)) return false;
+  LibraryBuffer value;
+  const uint32_t result = library_.GlobalPropGet(dvs, port_props::kTeaming, &value);
+  if (result == kSwitchNotFound) {  // not configured yet, or cleared
+    *team_type = 0;
+    uplinks->clear();
+    return true;
+  }
+  const std::string reason = result == 0 ? "invalid size." : SwitchErrorText(result);
+  const auto teaming = result == 0 ? ReadTeamPolicy(value.bytes()) : std::nullopt;
+  if (!teaming) {
+    ZLOG_ERROR("ERR_GLOBAL_PROP_GET_FAILED", "Failed to get teaming policy for dvs [%s]: %s", dvs.c_str(),
+               reason.c_str());
+    *error = "Failed to get teaming policy for dvs [" + dvs + "]: " + reason;
+    return false;
+  }
+  LogTeaming("Read", dvs, *teaming);
+  *team_type = teaming->policy;
+  *uplinks = teaming->active;
+  uplinks->insert(uplinks->end(), teaming->standby.begin(), teaming->standby.end());
+  return true;
+}
+
+bool ConfigOpsManager::GetLacpNames(const std::string& dvs, std::vector<std::string>* names,
+                                    std::string* error) {
+  if (!Usable(error)) return false;
+  LibraryBuffer value;
+  const uint32_t result = library_.GlobalPropGet(dvs, port_props::kLacp, &value);
+  names->clear();
+  if (result == kSwitchNotFound) return true;
+  auto read = result == 0 ? ReadLacpNames(value.bytes()) : std::nullopt;
+  if (read) {
+    *names = std::move(*read);
+    return true;
+  }
+  if (result == 0) {
+    *error = std::string("Failed to get lacp policy for dvs [") + dvs + "]: " + port_props::kLacp +
+             ": invalid size.";
+  } else {
+    *error = "Failed to get lacp policy for dvs [" + dvs + "]: " + SwitchErrorText(result);
+  }
+  ZLOG_ERROR("ERR_GLOBAL_PROP_GET_FAILED", "%s", error->c_str());
+  return false;
+}
+
+uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string& property,
+                                       const std::string& value) {
+  return SetHostProp(dvs, property, std::string_view(value.c_str(), value.size() + 1), DVS_PROPERTY_FLAGS);
+}
+
+uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string& property,
+                                       std::string_view bytes, uint32_t flags) {
+  if (!Usable(nullptr)) return kSwitchNotLoaded;
+  // What rises while the rest is still down is told "down" again: the switch is not written to for that.
+  LibraryBuffer before;
+  if (library_.HostPropGet(dvs, property.c_str(), &before) == 0 && before.bytes() == bytes) return 0;
+  const uint32_t result = library_.HostPropSet(dvs, property.c_str(), bytes, flags);
+  if (result != 0) {
+    ZLOG_ERROR("ERR_PORTSET_FAILED", "Failed to set [%s] on dvs [%s]: %s", property.c_str(), dvs.c_str(),
+               SwitchErrorText(result).c_str());
+  }
+  return result;
+}
+
+uint32_t ConfigOpsManager::ClearHostProp(const std::string& dvs, const std::string& property) {
+  if (!Usable(nullptr)) return kSwitchNotLoaded;
+  // A start, above all, finds nothing to clear: then the switch is not written to.
+  LibraryBuffer value;
+  if (library_.HostPropGet(dvs, property.c_str(), &value) == kSwitchNotFound) return kSwitchNotFound;
+  const uint32_t result = library_.HostPropClear(dvs, property.c_str());
+  if (result != 0 && result != kSwitchNotFound) {
+    ZLOG_ERROR("ERR_PORTSET_FAILED", "Failed to clear [%s] on dvs [%s]: %s", property.c_str(), dvs.c_str(),
+               SwitchErrorText(result).c_str());
+  }
+  return result;
+}
+
+std::optional<std::string> ConfigOpsManager::GetHostProp(const std::string& dvs,
+                                                         const std::string& property) {
+  if (!Usable(nullptr)) return std::nullopt;
+  LibraryBuffer value;
+  const uint32_t result = library_.HostPropGet(dvs, property.c_str(), &value);
+  if (result == 0) return std::string(value.text());
+  if (result != kSwitchNotFound) {
+    ZLOG_WARN("Failed to get [%s] of dvs [%s]: %s", property.c_str(), dvs.c_str(),
+              SwitchErrorText(result).c_str());
+  }
+  return std::nullopt;
+}
+
+}  // namespace zem::zema

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/zema/hostlib/switch_teaming.h"
+
+namespace zem::zema {
+
+class SwitchLibrary;
+
+/// Properties of whole switches.
+///
+/// Threads: all operations from any thread.
+/// Ownership: holds the library by reference.
+/// Errors: the library's code, or false with the reason in `error`; all fail while the library is not loaded.
+class ConfigOpsManager {
+ public:
+  /// Which table of named teamings.
+  static constexpr uint32_t kLogicalSwitchTeamings = 2;
+
+  explicit ConfigOpsManager(SwitchLibrary& library) : library_(library) {}
+
+  [[nodiscard]] bool ConfigureTeaming(const std::string& dvs, const SwitchTeaming& teaming,
+                                      std::string* error);
+  /// None clears them.
+  [[nodiscard]] bool ConfigureNamedTeaming(const std::string& dvs, const std::vector<SwitchTeaming>& teamings,
+                                           std::string* error);
+  /// True also when there was none.
+  [[nodiscard]] bool ClearTeaming(const std::string& dvs, std::string* error);
+  [[nodiscard]] bool ClearNamedTeaming(const std::string& dvs, std::string* error);
+  /// The number of the policy, and the uplinks: the active ones, then those on standby.  0 and none where the
+  /// switch has no teaming.
+  [[nodiscard]] bool GetTeaming(const std::string& dvs, uint32_t* team_type,
+                                std::vector<std::string>* uplinks, std::string* error);
+  /// The names of link aggregation groups; none is no failure.
+  [[nodiscard]] bool GetLacpNames(const std::string& dvs, std::vector<std::string>* names,
+                                  std::string* error);
+
+  /// Of the switch on this host.  The value is a text.
+  uint32_t SetHostProp(const std::string& dvs, const std::string& property, const std::string& value);
+  uint32_t SetHostProp(const std::string& dvs, const std::string& property, std::string_view bytes,
+                       uint32_t flags);
+  /// Not found is a code like others, but not logged.
+  uint32_t ClearHostProp(const std::string& dvs, const std::string& property);
+  /// Nothing when it is not there or cannot be read.
+  std::optional<std::string> GetHostProp(const std::string& dvs, const std::string& property);
+
+ private:
+  bool Usable(std::string* error) const;
+  bool SetGlobal(const std::string& dvs, const char* property, std::string_view value, std::string* error);
+  bool ClearGlobal(const std::string& dvs, const char* property, std::string* error);
+
+  SwitchLibrary& library_;
+};
+
+}  // namespace zem::zema

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "app/zema/state/health_record.h"
+
+namespace zem::zema {
+
+class ConfigOpsManager;
+
+/// Puts the realization's health onto the switches, as properties of this host.
+///
+/// Threads: all operations from any thread.
+/// Ownership: holds the manager by reference.
+class SwitchHealthPublisher final : public HealthPublisher {
+ public:
+  explicit SwitchHealthPublisher(ConfigOpsManager& switches) : switches_(switches) {}
+
+  bool SetProperty(const std::string& host_switch, const std::string& name, const void* data, size_t size,
+                   uint32_t flags, std::string* error) override;
+  /// True also when it was not there.
+  bool RemoveProperty(const std::string& host_switch, const std::string& name, std::string* error) override;
+  bool SecurityOnly() override { return security_only_.load(); }
+
+  /// Only security is served on this host; false until told.
+  void SetSecurityOnly(bool only) { security_only_.store(only); }
+
+ private:
+  ConfigOpsManager& switches_;
+  std::atomic<bool> security_only_{false};
+};
+
+}  // namespace zem::zema

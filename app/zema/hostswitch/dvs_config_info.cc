@@ -1,0 +1,39 @@
+#include "app/zema/hostswitch/dvs_config_info.h"
+
+#include <boost/algorithm/string/join.hpp>
+#include <utility>
+
+#include "framework/log/log.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+}  // namespace
+
+bool GetDvsConfigInfo(const std::vector<HostDvs>& switches, const TeamingReader& get_teaming,
+                      const LacpNamesReader& get_lacp_names, std::vector<DvsConfigInfo>* infos,
+                      std::string* error) {
+  bool good = true;
+  for (const HostDvs& dvs : switches) {
+    DvsConfigInfo info;
+    info.id = dvs.id;
+    std::string reason;
+    std::vector<std::string> lags;
+    if (!get_teaming(dvs.id, &info.team_type, &info.uplinks, &reason) ||
+        !get_lacp_names(dvs.id, &lags, &reason)) {
+      *error += (error->empty() ? "" : "; ") + reason;
+      good = false;
+      continue;
+    }
+    // A switch with link aggregation groups has its traffic on them, not on single uplinks.
+    if (!lags.empty()) info.uplinks = std::move(lags);
+    ZLOG_INFO("[%s] vdrPort of dvs [%s] uses teamType %u and uplinks [%s]", __func__, dvs.id.c_str(),
+              info.team_type, boost::join(info.uplinks, ",").c_str());
+    infos->push_back(std::move(info));
+  }
+  return good;
+}
+
+}  // namespace zem::zema

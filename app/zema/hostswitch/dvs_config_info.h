@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "app/zema/proxy/host_switch_lists.h"
+
+namespace zem::zema {
+
+/// How a switch spreads traffic over its uplinks: what its router port is connected with.
+struct DvsConfigInfo {
+  std::string id;
+  uint32_t team_type = 0;
+  std::vector<std::string> uplinks;
+  bool operator==(const DvsConfigInfo&) const = default;
+};
+
+/// Reads a switch's teaming, and the names of its link aggregation groups; false with the reason in `error`.
+using TeamingReader = std::function<bool(const std::string& dvs, uint32_t* team_type,
+                                         std::vector<std::string>* uplinks, std::string* error)>;
+using LacpNamesReader =
+    std::function<bool(const std::string& dvs, std::vector<std::string>* names, std::string* error)>;
+
+/// The record of each switch, in their order.  A switch that cannot be read is left out, and the reason added
+/// to `error`; the result is false then.
+[[nodiscard]] bool GetDvsConfigInfo(const std::vector<HostDvs>& switches, const TeamingReader& get_teaming,
+                                    const LacpNamesReader& get_lacp_names, std::vector<DvsConfigInfo>* infos,
+                                    std::string* error);
+
+}  // namespace zem::zema

@@ -1,0 +1,112 @@
+#include "app/zema/hostswitch/library_settings.h"
+
+#include <utility>
+
+#include "app/zema/hostlib/config_ops_manager.h"
+#include "app/zema/hostlib/endpoint_library.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/ports/port_description.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/state/realization_options.h"
+#include "proto/switching/migration.pb.h"
+
+namespace zem::zema {
+namespace {
+
+using namespace orlane::zem::switching;
+
+// Stands in place of a VM's path.
+constexpr const char* kKernelInterface = "knlnic";
+// Of the entry's port flags.
+constexpr uint32_t kBlocked = 1;
+
+}  // namespace
+
+PortConfigSpec PortOf(const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone) {
+  PortConfigSpec spec;
+  spec.port_id = entry.logical_port_id();
+  spec.zone_id = zone;
+  spec.switch_id = entry.lswitch_id();
+  spec.init_state = entry.init_state();
+  spec.uplink_teaming = entry.uplink_teaming_name();
+  if (entry.has_vlan()) spec.vlan = static_cast<int32_t>(entry.vlan());
+  for (const VlanRangeMsg& range : entry.vlan_range())
+    spec.vlan_ranges.emplace_back(range.start(), range.end());
+  for (const ConfigPairMsg& pair : entry.extra_configs()) spec.extra_configs[pair.key()] = pair.value();
+  return spec;
+}
+
+InterfaceMigrationSettings MigrationSettings(PortOpsManager& ports, const RealizationOptions& options) {
+  InterfaceMigrationSettings settings;
+  settings.knl_types = options.knl_types_to_check_on_removing_pnic;
+  settings.knl_ping_try_times = options.knl_ping_try_times;
+  settings.create_port = [&ports](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
+                                  std::string* error) {
+    return ports.CreatePort(PortOf(entry, zone), entry.vif_id(), kKernelInterface,
+                            (entry.port_flags() & kBlocked) != 0, error) == 0;
+  };
+  settings.leave_port = [&ports](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
+                                 std::string* error) {
+    return ports.ClearVifFromPort(zone, entry.logical_port_id(), entry.lswitch_id(), entry.vif_id(), false,
+                                  error) == 0;
+  };
+  settings.leave_ports = [&ports](const std::string& vif, const std::string& kept, std::string* error) {
+    return ports.ClearVifFromPortOtherThan(kept, vif, error) == 0;
+  };
+  return settings;
+}
+
+HostSwitchApplicationSettings ApplicationSettings(PortOpsManager& ports, ConfigOpsManager& config,
+                                                  const EndpointLibrary& endpoints,
+                                                  const RealizationOptions& options, bool upgrade) {
+  HostSwitchApplicationSettings settings;
+  settings.mode_standard_realization = options.host_switch_mode_standard_realization;
+  settings.upgrade = upgrade;
+  settings.set_tz_to_dvs_cache = [&ports](std::vector<TzDvs> list) { ports.SetTzToDvsCache(list); };
+  settings.configure_teaming = [&config](const std::string& dvs, const SwitchTeaming& teaming,
+                                         std::string* error) {
+    return config.ConfigureTeaming(dvs, teaming, error);
+  };
+  settings.configure_named_teaming =
+      [&config](const std::string& dvs, const std::vector<SwitchTeaming>& teamings, std::string* error) {
+        return config.ConfigureNamedTeaming(dvs, teamings, error);
+      };
+  settings.endpoint_id_of = [&endpoints](const std::string& switch_name, const std::string& device) {
+    return endpoints.EndpointId(switch_name, device);
+  };
+  settings.allow_resync = [](bool) {};
+  settings.schedule_high_performance = [] {};
+  return settings;
+}
+
+HighPerformanceSettings HighPerformanceProperties(ConfigOpsManager& config) {
+  HighPerformanceSettings settings;
+  settings.set_host_prop = [&config](const std::string& dvs, const std::string& property,
+                                     const std::string& value) {
+    return config.SetHostProp(dvs, property, value);
+  };
+  settings.clear_host_prop = [&config](const std::string& dvs, const std::string& property) {
+    return config.ClearHostProp(dvs, property);
+  };
+  settings.has_host_prop = [&config](const std::string& dvs, const std::string& property) {
+    return config.GetHostProp(dvs, property).has_value();
+  };
+  return settings;
+}
+
+DvsStatusOf DvsStatus(ConfigOpsManager& config) {
+  return [&config](const std::string& dvs) { return config.GetHostProp(dvs, port_props::kVswitchStatus); };
+}
+
+TeamingReader ReadTeaming(ConfigOpsManager& config) {
+  return [&config](const std::string& dvs, uint32_t* team_type, std::vector<std::string>* uplinks,
+                   std::string* error) { return config.GetTeaming(dvs, team_type, uplinks, error); };
+}
+
+LacpNamesReader ReadLacpNames(ConfigOpsManager& config) {
+  return [&config](const std::string& dvs, std::vector<std::string>* names, std::string* error) {
+    return config.GetLacpNames(dvs, names, error);
+  };
+}
+
+}  // namespace zem::zema

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "framework/tasks/runnable.h"
+
+namespace zem::zema {
+
+class LumCommands;
+
+/// Has the host give up a switch that nobody uses any more.  What fails is tried again without end, more and
+/// more rarely.
+///
+/// Threads: the host configurations' worker, in its low-priority slot.
+class CklnHotSwapTask final : public Runnable {
+ public:
+  /// Puts a task into the slot, seconds from now.
+  using Schedule = std::function<void(std::unique_ptr<Runnable> task, int delay)>;
+
+  /// `retry_interval` in seconds; 0: one try.  `lum` outlives the task.
+  CklnHotSwapTask(LumCommands& lum, Schedule schedule, int retry_interval, int attempts = 0);
+
+  void Run() override;
+  bool IsBatchable() const override { return false; }
+
+ private:
+  LumCommands& lum_;
+  const Schedule schedule_;
+  const int retry_interval_;
+  const int attempts_;
+};
+
+}  // namespace zem::zema

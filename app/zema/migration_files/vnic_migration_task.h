@@ -1,0 +1,61 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/zema/hostconfig/host_config_task_qub.h"
+#include "app/zema/migration/migration_file.h"
+#include "app/zema/migration_files/vm_port_request.h"
+
+namespace zem::zema {
+
+/// A migration that a tool of the host describes in files: of interfaces and physical NICs, as a change of
+/// the stored configuration, and of VMs, whose ports are made before the VMs come.  Nothing is told to the
+/// manager; the outcome stands in a file.  A request that has succeeded is not carried out again.
+///
+/// Threads: the host configurations' worker.
+class VnicMigrationTask final : public HostConfigTaskQub {
+ public:
+  struct Settings {
+    std::string knl_file = "/tmp/zem/mvr_vnics_migration.json";
+    std::string vms_file = "/tmp/zem/vm_map.json";
+    std::string result_file = "/tmp/zem/mvr_vnics_migration_result.txt";
+    /// Makes the ports; false with the reason at the first that cannot be made.
+    std::function<bool(VmPortMap& ports, std::string* error)> create_ports;
+    /// Keeps the ports for the VIFs' requests, in the place of those before.
+    std::function<void(std::shared_ptr<VmPortMap> ports)> keep_ports;
+  };
+
+  /// `vm_ports`, `knl_pnic`: the files to look at.
+  VnicMigrationTask(std::shared_ptr<HostConfigContext> context, Settings settings, bool vm_ports,
+                    bool knl_pnic);
+
+  void Run() override;
+
+ protected:
+  void SaveMigrationOutcome() override;
+
+ private:
+  bool PopulateKnlMigrationMsgFromFile(const MigrationResult& before);
+  void LoadPortDataFromVmsMigrationFile(const MigrationResult& before);
+  bool Load(const std::string& path, const std::string& done_id, const char* done_text, std::string* id,
+            bool* processed, MigrationRequest* request);
+  bool Refuse(const std::string& text);
+  std::vector<std::string> Errors() const;
+
+  const Settings settings_;
+  const bool vm_ports_;
+  const bool knl_pnic_;
+  MigrationResult result_;
+  /// The errors of the file with the VMs come first; nothing while it is being looked at.
+  std::optional<size_t> of_vms_;
+  bool vms_processed_ = false;
+  bool knl_processed_ = false;
+  bool saved_ = false;
+  std::vector<std::string> refusals_;
+};
+
+}  // namespace zem::zema

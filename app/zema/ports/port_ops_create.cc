@@ -1,0 +1,241 @@
+#include <boost/algorithm/string/predicate.hpp>
+#include <cstring>
+
+#include "app/zema/hostlib/dvs_data.h"
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/ports/port_description.h"
+#include "app/zema/ports/port_file.h"
+#include "app/zema/ports/port_ops_manager.h"
+#include "framework/log/log.h"
+#include "platform/core/clock.h"
+#include "platform/wft/workflow_util.h"
+
+namespace zem::zema {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr const char* kKindKln = "KLN";
+constexpr const char* kBackingZem = "zem";
+constexpr const char* kUnblockedVlan = "UNBLOCKED_VLAN";
+constexpr const char* kPendingConf = "PENDING_CONF";
+constexpr const char* kContainerVm = "crx";
+
+std::string_view TextZ(const std::string& text) { return {text.c_str(), text.size() + 1}; }
+
+// Tells one making of a port from the next.
+std::string ConnectionCookie() {
+  const auto seconds =
+      std::chrono::duration_cast<std::chrono::seconds>(Clock::Process().WallNow().time_since_epoch());
+  const auto cookie = static_cast<uint32_t>(seconds.count() & 0x7fffffff);
+  return {reinterpret_cast<const char*>(&cookie), sizeof(cookie)};
+}
+
+template <class Record>
+void Append(std::string* bytes, const Record& record) {
+  bytes->append(reinterpret_cast<const char*>(&record), sizeof(record));
+}
+
+}  // namespace
+
+int PortOpsManager::CreatePort(const PortConfigSpec& spec, const std::string& vif,
+                               const std::string& gcf_path, bool block_flag, std::string* error) {
+  const auto span = wft::WorkflowUtil::StartChildSpan("PortOpsManager.CreatePort", wft::kTraceInfo);
+  wft::WorkflowUtil::SetCurSpanTag("gcfPath", gcf_path);
+  wft::WorkflowUtil::SetCurSpanTag(wft::tags::kLogicalSwitchPort, spec.port_id);
+  wft::WorkflowUtil::SetCurSpanTag(wft::tags::kLogicalSwitch, spec.switch_id);
+  wft::WorkflowUtil::SetCurSpanTag(wft::tags::kTransportZone, spec.zone_id);
+  wft::WorkflowUtil::SetCurSpanTag(wft::tags::kVif, vif);
+
+  const HostSwitchInfo host_switch = GetHostSwitchInfoForTz(spec.zone_id);
+  if (host_switch.dvs.empty()) {
+    *error = "Failed to create port " + spec.port_id + " with VIF " + vif +
+             " because DVS id is not found by transport-zone id " + spec.zone_id;
+    ZLOG_ERROR("44211", "[PortOp] %s", error->c_str());
+    return -1;
+  }
+  const bool unblock = spec.init_state == kUnblockedVlan;
+  std::string block = block_flag && !unblock ? port_props::kTrue : port_props::kFalse;
+  ZLOG_INFO("[PortOp] block setting [%s], setting unblock port config property [%s]", block.c_str(),
+            unblock ? port_props::kTrue : port_props::kFalse);
+
+  const uint32_t found = library_.PortFind(host_switch.dvs, spec.port_id);
+  if (found == 0) {
+    RefreshExisting(host_switch.dvs, spec.port_id, &block);
+  } else if (CreateNew(host_switch, spec, block, unblock, error) != 0) {
+    return -1;
+  }
+  int failures = SetPortConfig(host_switch.dvs, spec, vif, gcf_path, error);
+  failures += PutPortFile(host_switch.dvs, spec.port_id, gcf_path, spec.extra_configs, error);
+  return failures == 0 ? 0 : -failures;
+}
+
+void PortOpsManager::RefreshExisting(const std::string& dvs, const std::string& port, std::string* block) {
+  ZLOG_INFO("[PortOp] found an existing port with id [%s]", port.c_str());
+  std::string stored;
+  if (library_.PortTextGet(dvs, port, port_props::kBlock, &stored) == 0) *block = stored;
+  ZLOG_INFO("[PortOp] block setting now [%s]", block->c_str());
+  const uint32_t result = library_.PortDataSet(dvs, port, port_props::kConnectId, ConnectionCookie());
+  if (result != 0) {
+    ZLOG_ERROR("44205", "[PortOp] Ignore failure to update port creation time: Port:[%s] Error:[%s]",
+               port.c_str(), SwitchErrorText(result).c_str());
+  }
+}
+
+int PortOpsManager::CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec,
+                              const std::string& block, bool unblock, std::string* error) {
+  ZLOG_INFO("[PortOp] port was not found");
+  DvsData data(library_);
+  uint32_t result = data.Alloc();
+  if (result != 0) {
+    const std::string text = SwitchErrorText(result);
+    ZLOG_ERROR("44201", "[PortOp] DVS data alloc failed, error code [%s]", text.c_str());
+    *error = "DVS data alloc failed: " + text;
+    return -1;
+  }
+  const auto add = [&](const char* name, std::string_view value) {
+    if (result == 0) result = data.Update(name, value);
+  };
+  add(port_props::kAlias, TextZ(spec.port_id));
+  add(port_props::kConnectId, ConnectionCookie());
+  add(port_props::kBlock, TextZ(block));
+  if (unblock) add(port_props::kUnblockedVlan, TextZ(port_props::kTrue));
+  if (host_switch.kind == kKindKln) {
+    add(port_props::kBackingType, TextZ(kBackingZem));
+    ZLOG_INFO("[PortOp] Set port backing type to zem for KLN");
+  }
+  if (spec.init_state == kPendingConf) add(port_props::kAttachmentState, TextZ(port_props::kPendingConf));
+  const struct {
+    const char* property;
+    const char* word;
+    const std::string& value;
+  } tenancy[] = {
+      {port_props::kOrg, "org", spec.org},
+      {port_props::kProject, "project", spec.project},
+      {port_props::kVpc, "vpc", spec.vpc},
+  };
+  for (const auto& row : tenancy) {
+    if (row.value.empty()) continue;
+    add(row.property, TextZ(row.value));
+    ZLOG_INFO("[PortOp] Configured %s port property [%s]", row.word, row.value.c_str());
+  }
+  LibraryBuffer bytes;
+  if (result == 0) result = data.Serialize(&bytes);
+  if (result != 0) {
+    const std::string text = SwitchErrorText(result);
+    ZLOG_ERROR("44203", "[PortOp] DVS data serialize failed, error code [%s]", text.c_str());
+    *error = "DVS data serialize failed: " + text;
+    return -1;
+  }
+  result = library_.PortAdd(host_switch.dvs, spec.port_id, bytes.bytes());
+  if (result != 0) {
+    const std::string text = SwitchErrorText(result);
+    ZLOG_ERROR("44204", "[PortOp] Port add operation failed, error code [%s]", text.c_str());
+    *error = "Port add operation failed: " + text;
+    return -1;
+  }
+  ZLOG_INFO("[PortOp] Successfully created port [%s]", spec.port_id.c_str());
+  return 0;
+}
+
+// The number of failures; the text of the last is in `error`.
+int PortOpsManager::SetPortConfig(const std::string& dvs, const PortConfigSpec& spec, const std::string& vif,
+                                  const std::string& gcf_path, std::string* error) {
+  const std::string& port = spec.port_id;
+  ZLOG_INFO("[PortOp] Setting extra configs ");
+  int failures = 0;
+  const auto count = [&failures](int result) { failures += result == 0 ? 0 : 1; };
+  count(SetPortExtraConfig(dvs, port, port_props::kExternalId, vif, error));
+  count(SetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, spec.switch_id, error));
+  if (boost::algorithm::icontains(gcf_path, kContainerVm)) {
+    count(SetPortExtraConfig(dvs, port, port_props::kCrx, port_props::kTrue, error));
+  }
+  // A port without tag is told so, too: it may have had one.
+  if (spec.vlan >= 0 || !spec.vlan_ranges.empty()) {
+    count(SetVlanPolicy(dvs, port, spec.vlan, spec.vlan_ranges, error));
+  }
+  if (!spec.uplink_teaming.empty()) count(SetUplinkTeamingName(dvs, port, spec.uplink_teaming, error));
+  return failures;
+}
+
+// The number of failures of the switch, as above.  A file that cannot be written keeps no VM from its
+// network: the error line tells it, and the port's next change saves it again.
+int PortOpsManager::PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
+                                const std::map<std::string, std::string>& extra_configs, std::string* error) {
+  int failures = 0;
+  const auto directory = VmDirectoryOf(gcf_path);
+  const auto wanted = directory ? PortFilePath(*directory, dvs, port) : std::nullopt;
+  std::string before;  // the file of a VM whose folder changes
+  if (wanted) {
+    const std::string current = PersistPath(dvs, port);
+    if (current == *wanted) {
+      ZLOG_INFO("[PortOp] PortFilePath for port [%s] remains the same", port.c_str());
+    } else {
+      failures += SetPortExtraConfig(dvs, port, port_props::kPersistPath, *wanted, error) == 0 ? 0 : 1;
+      before = current;
+    }
+  }
+  for (const auto& [key, value] : extra_configs) {
+    ZLOG_INFO("[PortOp] extraConfigs first [%s], second [%s]", key.c_str(), value.c_str());
+    failures += SetPortExtraConfig(dvs, port, key, value, error) == 0 ? 0 : 1;
+  }
+  if (!wanted) return failures;
+  const bool saved = SaveNew(*wanted, dvs, port);
+  if (before.empty()) return failures;
+  // One of the two files is there whatever happens, and the port names the one that is.
+  if (!saved) {
+    failures += SetPortExtraConfig(dvs, port, port_props::kPersistPath, before, error) == 0 ? 0 : 1;
+  } else if (!RemovePortFile(before)) {
+    ZLOG_WARN("[PortOp] The file before of port [%s] stays at [%s]", port.c_str(), before.c_str());
+  }
+  return failures;
+}
+
+bool PortOpsManager::SaveNew(const std::string& path, const std::string& dvs, const std::string& port) {
+  if (!MakePortFileDirectories(path)) {
+    ZLOG_ERROR("44212", "[PortOp] CreatePort: Error creating port file directory for port:%s", port.c_str());
+    return false;
+  }
+  if (SavePortDataFile(path, dvs, port) == 0) return true;
+  ZLOG_ERROR("44212", "[PortOp] Error saving port data file for port:%s", port.c_str());
+  // What is there may be of the host that the VM has come from.
+  if (host_id_()) static_cast<void>(ClearPortExtraConfig(dvs, port, port_props::kSavedBy));
+  return false;
+}
+
+int PortOpsManager::SetVlanPolicy(const std::string& dvs, const std::string& port, int32_t vlan,
+                                  const std::vector<std::pair<uint32_t, uint32_t>>& ranges,
+                                  std::string* error) {
+  ZLOG_INFO("[PortOp] Setting vlan policy");
+  const bool trunk = vlan < 1 && !ranges.empty();
+  DVSVlanPolicy policy{};
+  policy.mode = trunk ? DVS_VLAN_TRUNK : DVS_VLAN_ACCESS;
+  policy.vlan = trunk ? 0 : static_cast<uint32_t>(std::max(vlan, 0));
+  policy.num_ranges = trunk ? static_cast<uint32_t>(ranges.size()) : 0;
+  policy.size = static_cast<uint32_t>(sizeof(policy) + policy.num_ranges * sizeof(DVSVlanRange));
+  ZLOG_INFO("[PortOp] Alloc size [%d]", static_cast<int>(policy.size));
+  ZLOG_INFO("[PortOp] num rages [%d]", static_cast<int>(policy.num_ranges));
+  std::string bytes;
+  Append(&bytes, policy);
+  for (uint32_t i = 0; i < policy.num_ranges; ++i) {
+    const DVSVlanRange range{ranges[i].first, ranges[i].second};
+    ZLOG_INFO("[PortOp] first [%d], second [%d]", static_cast<int>(range.first),
+              static_cast<int>(range.last));
+    Append(&bytes, range);
+  }
+  const uint32_t result = library_.PortDataSet(dvs, port, port_props::kVlan, bytes);
+  if (result == 0) return 0;
+  const std::string text = SwitchErrorText(result);
+  ZLOG_ERROR("44205", "[PortOp] Port set for vlan for port [%s] operation failed, error code [%s]",
+             port.c_str(), text.c_str());
+  *error = "Port set for vlan for port " + port + " failed: " + text;
+  return -1;
+}
+
+int PortOpsManager::SetUplinkTeamingName(const std::string& dvs, const std::string& port,
+                                         const std::string& teaming, std::string* error) {
+  return SetPortExtraConfig(dvs, port, port_props::kUplinkTeaming, teaming, error);
+}
+
+}  // namespace zem::zema

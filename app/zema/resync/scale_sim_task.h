@@ -1,0 +1,49 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/zema/state/realization_options.h"
+#include "framework/tasks/runnable.h"
+#include "platform/core/clock.h"
+
+namespace zem {
+class HostIdentity;
+}  // namespace zem
+
+namespace zem::zema {
+
+class HealthRecord;
+struct VifRequest;
+
+/// Imitates the attaches of many VMs, in batches, so that a manager can be tried out under load.
+///
+/// Threads: a worker of its own, since it sleeps.
+class ScaleSimTask final : public Runnable {
+ public:
+  /// All set; what is pointed at outlives the task.
+  struct Settings {
+    HealthRecord* health = nullptr;
+    HostIdentity* host = nullptr;
+    std::function<RealizationOptions()> options;
+    std::function<void(std::shared_ptr<VifRequest>)> add_request;
+    /// Waits; false when the daemon is stopping.
+    std::function<bool(Duration)> pause;
+  };
+
+  explicit ScaleSimTask(Settings settings) : settings_(std::move(settings)) {}
+
+  void Run() override;
+  bool IsBatchable() const override { return false; }
+
+ private:
+  template <class Ready>
+  bool Await(const char* too_late, const Ready& ready);
+  void AddRequests(const RealizationOptions& options, const std::vector<std::string>& switches);
+
+  const Settings settings_;
+};
+
+}  // namespace zem::zema

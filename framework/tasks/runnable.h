@@ -1,0 +1,36 @@
+#pragma once
+
+namespace zem {
+
+/// Anything that can be executed.
+class Runnable {
+ public:
+  /// The work.
+  virtual void Run() = 0;
+
+  /// Called when a thread's body leaves by unwinding, so that it keeps no lock.
+  virtual void Unlock() {}
+
+  virtual ~Runnable() = default;
+
+  /// Whether a batching worker may absorb it instead of running it.
+  virtual bool IsBatchable() const { return true; }
+};
+
+/// Gathers batchable tasks and handles them in one run; by the thread of its worker only.
+class BatchRunnable : public Runnable {
+ public:
+  /// Absorbs a batchable task, which the caller keeps.  May throw: the task then counts as not added.
+  virtual void AddTask(Runnable* task) = 0;
+
+  /// Forgets everything gathered, before a batch begins.
+  virtual void Reset() = 0;
+
+  /// Entries gathered.
+  virtual long Count() const = 0;
+
+  /// Tells of a task that is not batchable; it runs by itself when nothing is gathered.
+  virtual void UpdateBatcher(Runnable* /*task*/) {}
+};
+
+}  // namespace zem

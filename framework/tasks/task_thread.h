@@ -1,0 +1,92 @@
+#pragma once
+
+#include <atomic>
+#include <ctime>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "framework/tasks/thread.h"
+#include "platform/metrics/queue_gauge.h"
+
+namespace zem {
+
+/// A worker: one thread that runs the tasks of its FIFO in order.  What a task throws is logged and ends with
+/// it.
+///
+/// AddTask takes without limit: the agent's own work is bounded by what it is about (one task for each
+/// endpoint, each object of the store, each timer).  Who passes on what another process asks for looks at
+/// TakesRequest first.
+///
+/// Threads: AddTask, AddLowPriorityTask, TakesRequest, Stop and Clear from any thread.
+/// Ownership: tasks are its own from the moment they are offered.
+class TaskThread : public Thread {
+ public:
+  /// `most_requests`: how many tasks may wait before requests are refused.
+  explicit TaskThread(std::string name, size_t most_requests = QueueGauge::kNoLimit);
+  ~TaskThread() override;
+
+  /// Queues the task; a stopped worker destroys it.  `log_it` controls the log lines only.
+  void AddTask(std::unique_ptr<Runnable> task, bool log_it = true);
+
+  /// Whether there is room for a request; a refusal is counted.
+  [[nodiscard]] bool TakesRequest();
+
+  /// Queues the task without waking the worker: it runs together with the next one that does wake it.  For a
+  /// stream of tasks whose end is told by a task of its own.
+  void AddTaskAsleep(std::unique_ptr<Runnable> task);
+
+  /// Keeps one task for a moment when the queue is empty, `delay_seconds` from now or later; replaces the one
+  /// before. False when it was refused.
+  bool AddLowPriorityTask(std::unique_ptr<Runnable> task, int delay_seconds);
+
+  /// The worker ends after the task that runs now.
+  void Stop() override;
+
+  /// Destroys all waiting tasks.
+  void Clear();
+
+  void Run() override;
+
+  const std::string& name() const { return name_; }
+  size_t queue_length();
+
+ protected:
+  bool stopped() const { return stopped_ != 0; }
+
+  using TaskList = std::list<std::unique_ptr<Runnable>>;
+  void PushLocked(std::unique_ptr<Runnable> task);
+  /// Takes the whole queue, which still counts as waiting: `TakenUp` follows for each task, or `GivenUp`.
+  void SwapQueueLocked(TaskList* tasks) { tasks->swap(queue_); }
+  size_t queued_locked() const { return queue_.size(); }
+  void TakenUp() { gauge_.Left(); }
+  void GivenUp(size_t count) { gauge_.Dropped(count); }
+
+ private:
+  enum class Round { kTasks, kLowPriority, kStop };
+
+  Round TakeWork(TaskList* tasks);
+  void RunTask(std::unique_ptr<Runnable> task, Round round);
+
+  const std::string name_;
+  const size_t most_requests_;
+  QueueGauge gauge_;
+  TaskList queue_;                               // guarded by the monitor
+  std::atomic<int> stopped_{0};                  // written under the monitor
+  std::unique_ptr<Runnable> low_priority_task_;  // guarded by the monitor
+  std::time_t low_priority_due_ = 0;             // seconds since the epoch; guarded by the monitor
+};
+
+/// Holds a thread's monitor for a scope.
+class MonitorLock {
+ public:
+  explicit MonitorLock(Thread& thread) : thread_(thread) { thread_.Lock(); }
+  ~MonitorLock() { thread_.Unlock(); }
+  MonitorLock(const MonitorLock&) = delete;
+  MonitorLock& operator=(const MonitorLock&) = delete;
+
+ private:
+  Thread& thread_;
+};
+
+}  // namespace zem

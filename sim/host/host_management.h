@@ -1,0 +1,110 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/core/clock.h"
+#include "platform/core/condition.h"
+#include "platform/core/thread.h"
+#include "platform/core/unique_fd.h"
+
+namespace zem::sim {
+
+/// The host management daemon: its socket, and the port operations that it asks for over it.  It keeps what
+/// has not been answered, and notes each answer that is none of its questions'.
+///
+/// Threads: all operations from any thread.
+class HostManagement {
+ public:
+  static constexpr const char* kSocket = "/run/orlane/opaquenetwork_corvd_service";
+
+  explicit HostManagement(std::string path = kSocket);
+  ~HostManagement();
+
+  /// Closes the socket and all connections; again is harmless.
+  void Stop();
+  /// Listens again.  Throws std::system_error.
+  void Start();
+  /// Closes the connection and goes on listening.
+  void Drop();
+
+  struct State {
+    bool listening = false;
+    bool connected = false;
+    bool reading = true;
+    uint64_t connections = 0;
+  };
+  State state() const;
+
+  struct Operation {
+    uint32_t opcode = 1;
+    std::string op_id;
+    std::string vif;
+    std::string ls;
+    std::string gcf_path;
+    uint32_t magic = 0x35AE;
+    uint32_t version = 1;
+    bool payload = true;
+  };
+  /// Asks, in pieces of `piece` bytes if that is not 0; false without connection.
+  bool Ask(const Operation& operation, size_t piece = 0);
+  /// Any bytes; false without connection.
+  bool SendRaw(std::string_view bytes);
+  /// Off: answers pile up in the socket.
+  void SetReading(bool on);
+
+  struct Answer {
+    std::string op_id;
+    uint32_t status = 0;
+    /// Without the zero that ends it.
+    std::string text;
+    uint64_t connection = 0;
+    TimePoint at{};
+  };
+  std::vector<Answer> answers() const;
+  /// Waits for the answer to one question.  Nothing when the connection ends before, or in time it does not
+  /// come.
+  std::optional<Answer> WaitForAnswer(const std::string& op_id, TimePoint until) const;
+  /// Waits until so many answers have come.
+  bool WaitForAnswers(size_t count, int seconds) const;
+  /// Asked on the connection that is there, and not answered.
+  std::vector<std::string> outstanding() const;
+  /// Answers to what was not asked on their connection, second ones, changed headers, broken frames.
+  std::vector<std::string> violations() const;
+
+ private:
+  void Serve();
+  void Accept();
+  bool SendTo(const UniqueFd& client, std::string_view bytes);
+  void Receive();
+  bool TakeFrame();
+  void Judge(std::string_view header, std::string_view payload);
+  void Wake();
+  void CloseClientLocked();
+
+  const std::string path_;
+  std::mutex send_mutex_;     // one sender at a time
+  mutable std::mutex mutex_;  // guards what follows
+  UniqueFd listener_;
+  UniqueFd wake_;
+  std::shared_ptr<UniqueFd> client_;  // shared with senders
+  std::string received_;
+  State state_;
+  bool stopping_ = false;
+  std::map<std::string, std::string> asked_;  // op id to header
+  std::set<std::string> answered_;
+  std::vector<Answer> answers_;
+  std::map<std::string, size_t> last_answers_;  // to each op id since it was last asked, in answers_
+  std::vector<std::string> violations_;
+  mutable Condition answered_changed_;
+  NativeThread thread_;
+};
+
+}  // namespace zem::sim

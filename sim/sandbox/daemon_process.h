@@ -1,0 +1,54 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/core/condition.h"
+#include "platform/core/thread.h"
+
+namespace zem::sim {
+
+/// The daemon under test: the program as it is, started and stopped like a service manager would.
+///
+/// Threads: all operations from any thread.
+class DaemonProcess {
+ public:
+  /// Its standard output and error go to `output_path`.
+  DaemonProcess(std::string path, std::string output_path);
+  ~DaemonProcess();
+
+  void SetEnvironment(const std::string& name, const std::string& value);
+
+  /// False when it runs.  Throws std::system_error when it cannot be started.
+  bool Start();
+  /// False when it does not run.
+  bool Kill(int signal);
+  /// The wait status of the last life once it has ended; nothing while it runs longer than `timeout`.
+  std::optional<int> Wait(Duration timeout);
+  /// 0 when it does not run.
+  pid_t pid() const;
+  uint64_t starts() const;
+
+ private:
+  void Reap(pid_t pid);
+
+  const std::string path_;
+  const std::string output_path_;
+  mutable std::mutex mutex_;  // guards what follows
+  Condition ended_;
+  std::map<std::string, std::string> environment_;
+  pid_t pid_ = 0;
+  uint64_t starts_ = 0;
+  std::optional<int> status_;
+  NativeThread reaper_;
+};
+
+/// "exit 0", "signal 9".
+std::string WaitStatusText(int status);
+
+}  // namespace zem::sim

@@ -1,0 +1,69 @@
+#include "sim/sandbox/host_setup.h"
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "framework/process/child_process.h"
+#include "sim/sandbox/sandbox.h"
+
+namespace zem::sim {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kTools = "/usr/local/bin/";
+constexpr const char* kCommandLine = "/opt/orlane/zem-cli/bin/scripts";
+constexpr const char* kPerformanceFolder = "/usr/lib/orlane/high-performance-dp";
+constexpr const char* kProxyTools = "/opt/orlane/zem-cli/bin/";
+constexpr const char* kControllerFile = "/etc/orlane/zem/controller-info.xml";
+// As the host's installation leaves it.
+constexpr const char* kNoControllers =
+    "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<config>\n  <!-- kept by the agent -->\n"
+    "  <connectionList></connectionList>\n</config>\n";
+
+void WriteTool(const std::string& name, const std::string& text) {
+  const std::string path = kTools + name;
+  std::ofstream out(path, std::ios::trunc);
+  out << text;
+  out.close();
+  if (!out || ::chmod(path.c_str(), 0755) < 0) throw std::runtime_error("cannot write " + path);
+}
+
+std::string Quoted(const std::string& text) {
+  std::string quoted = "'";
+  for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+}  // namespace
+
+void SetUpHost(const HostSetup& setup) {
+  WriteTool("uname", "#!/bin/sh\n[ \"$*\" = \"-s -r\" ] || exec /usr/bin/uname \"$@\"\necho Hypercore " +
+                         Quoted(setup.version) + "\n");
+  WriteTool("orlane", "#!/bin/sh\necho " + Quoted(setup.product) + "\n");
+  const fs::path scripts(kHostScripts);
+  if (!fs::exists(scripts / "simstate.py")) return;
+  fs::create_directories(kProxyTools);
+  fs::copy_file(scripts / "zem-appctl", std::string(kProxyTools) + "zem-appctl",
+                fs::copy_options::overwrite_existing);
+  std::ofstream(kControllerFile) << kNoControllers;
+  fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
+  fs::create_directories(kCommandLine);
+  fs::copy_file(scripts / "zemcli", fs::path(kCommandLine) / "zemcli", fs::copy_options::overwrite_existing);
+  fs::create_directories(kPerformanceFolder);
+  for (const char* file : {"hp_dp_script.py", "simstate.py"}) {
+    fs::create_symlink(scripts / file, fs::path(kPerformanceFolder) / file);
+  }
+  Tarvik::ChildProcess::Options options;
+  options.argv = {"/usr/bin/python3", scripts / "simstate.py", "init", "--pnics", setup.pnics, "--ifs",
+                  setup.interfaces};
+  const Tarvik::ChildResult made = Tarvik::ChildProcess(std::move(options)).Run();
+  if (made.end != Tarvik::ChildEnd::kExited || made.value != 0) {
+    throw std::runtime_error("the host's state was not made: " + made.errors);
+  }
+}
+
+}  // namespace zem::sim

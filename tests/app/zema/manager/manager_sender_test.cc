@@ -1,0 +1,146 @@
+#include "app/zema/manager/manager_sender.h"
+
+#include "proto/switching/vif.pb.h"
+#include "tests/mpaclient/channel_fixture.h"
+
+namespace zem::zema {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr const char* kSwitching = "SwitchingVertical";
+
+class ManagerSenderTest : public ChannelTest {
+ protected:
+  // On a thread of its own, as the realization's: it waits.
+  bool Send(const std::string& type, const std::string& correlation, const std::string& reply_to,
+            const std::string& data = "") {
+    return sender.SendMsg(std::string("com.orlane.zem.switching.") + type, data, correlation, reply_to,
+                          nullptr);
+  }
+
+  sim::Received Last() { return manager->ReceivedFrom(kSwitching, 0).back(); }
+
+  ManagerSender sender{{[] { return MpaClient::Get(kSwitching); }, [] { return 25; }}};
+};
+
+// Each type goes as the record and under the correlation that it has.
+TEST_F(ManagerSenderTest, TypesAndCorrelations) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(seconds(6));
+  ASSERT_TRUE(Send("VifMsg", "mine", ""));
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Last().correlation_id, "vif_msg_rpc_correlation_id");
+  EXPECT_FALSE(Last().publish);
+  ASSERT_TRUE(Send("ChecksumMsg", "", "reply-to"));
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Last().correlation_id, "mp_rpc_correlation_id");
+  // An answer without an open call finds its asker by the reply-to; without one it has nowhere to go.
+  ASSERT_TRUE(Send("HostConfigMsg", "c-7", kAph2));
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Last().correlation_id, "c-7");
+  EXPECT_EQ(Last().aph, kAph2);
+  EXPECT_FALSE(Send("HostSwitchMsg", "", ""));
+  EXPECT_TRUE(
+      log.Contains("[SendMsg] Unsupported message type com.orlane.zem.switching.HostSwitchMsg to MPA"));
+}
+
+// Takes one record as the bus would.
+class OneRecordBus final : public RmqClient {
+ public:
+  int SendToVSM(rmqClientMessage* message) override {
+    header = BusHeader::Of(*message).value_or(BusHeader());
+    content_type = message->content_type;
+    return 0;
+  }
+  BusHeader header;
+  std::string content_type;
+};
+
+// The bus sees in the header what carries the message, and under which id.
+TEST_F(ManagerSenderTest, HeaderOnTheBus) {
+  const boost::intrusive_ptr<OneRecordBus> bus(new OneRecordBus);
+  MpaClient::SetBusForTest([&] { return bus; });
+  verticals.emplace_back(kSwitching);
+  MpaClient::Register(
+      provider, [](rmqClientMessage*) {}, kSwitching, "unused", 1, MpaClient::kBusPort, 30000000, 5000000);
+  MpaClient::SetBusForTest(nullptr);
+  BusRecord ack(kRmqClientRegistrationAck);
+  ack.SetApp(kSwitching, "");
+  rmqClientMessage message = ack.message();
+  MpaClient::Deliver(&message);
+  std::string message_id;
+  ASSERT_TRUE(sender.SendMsg("com.orlane.zem.switching.ChecksumMsg", "", "", "", &message_id));
+  EXPECT_EQ(bus->header.type_id, "com.orlane.zem.switching.ChecksumMsg");
+  EXPECT_EQ(bus->header.msg_class, "com.orlane.zem.customer.ClientRpcRequest");
+  EXPECT_EQ(bus->header.message_id, message_id);
+  EXPECT_EQ(bus->content_type, kProtobufContent);
+}
+
+// What no proxy can take is given up at once; what lacks a road goes to another proxy, an answer whose asker
+// has gone too.
+TEST_F(ManagerSenderTest, OnlyAMissingRoadIsTriedElsewhere) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(seconds(6));
+  const TimePoint begin = clock.Now();
+  EXPECT_FALSE(Send("VifMsg", "", "", "\xff\xff"));
+  EXPECT_FALSE(Send("HostConfigMsg", "nobody asked", "")) << "no call and no reply-to";
+  EXPECT_EQ(log.Count("trying Secondary APH"), 0u);
+  ASSERT_TRUE(Send("HostConfigMsg", "c-8", "0a000000-0000-4000-8000-000000000009"));
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Last().correlation_id, "c-8");
+  EXPECT_EQ(log.Count("trying Secondary APH"), 1u);
+  EXPECT_LT(clock.Now() - begin, seconds(1));
+}
+
+// Without the manager a message waits as long as leaves time for an answer, then it is dropped.
+TEST_F(ManagerSenderTest, WaitsForTheManager) {
+  Register(kSwitching);
+  proxy_client->Start();
+  const TimePoint begin = clock.Now();
+  EXPECT_FALSE(Send("VifMsg", "", ""));
+  EXPECT_EQ(clock.Now() - begin, seconds(15));
+  EXPECT_EQ(log.Count("Not connected to MPA, retrying..."), 15u);
+  EXPECT_EQ(log.Count("Not connected to MPA, dropped message to MPA"), 1u);
+  StartManager();
+  EXPECT_TRUE(Send("VifMsg", "", "")) << "it comes while the message waits";
+}
+
+TEST_F(ManagerSenderTest, VifMessages) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(seconds(6));
+  std::string message_id;
+  ASSERT_TRUE(sender.SendVIFAttachmentInfo({true, "op-1", "vif", "ls", "", "host", "/vm.x"}, &message_id));
+  clock.RunFor(milliseconds(10));
+  EXPECT_EQ(Last().tracking_id, message_id) << "the id that is logged is the one that was sent";
+  EXPECT_THAT(Last().json, ::testing::HasSubstr(R"("operation":0)"));
+  EXPECT_THAT(Last().json, ::testing::Not(::testing::HasSubstr("logical_port_id")));
+  ASSERT_TRUE(sender.SendVIFAttachmentInfo({false, "op-2", "vif", "ls", "lp", "host", "/vm.x"}, &message_id));
+  clock.RunFor(milliseconds(10));
+  EXPECT_THAT(Last().json, ::testing::HasSubstr(R"("operation":1)"));
+  ASSERT_TRUE(sender.SendVIFUpdate({"op-3", "vif", "ls", "lp", "host", {{"tag", "1"}}}));
+  clock.RunFor(milliseconds(10));
+  EXPECT_THAT(Last().json, ::testing::HasSubstr(R"("operation":2)"));
+  EXPECT_THAT(Last().json, ::testing::HasSubstr(R"("site_config":[{"key":"tag","value":"1"}])"));
+}
+
+// A restore's answer is worth four tries, a quarter of a minute apart.
+TEST_F(ManagerSenderTest, RestoreResponseIsTriedFourTimes) {
+  Register(kSwitching);
+  proxy_client->Start();
+  const TimePoint begin = clock.Now();
+  EXPECT_FALSE(sender.SendVIFRestoreResponse({"m-1", "vif", "ls", "lp", "host", "done", ""}));
+  EXPECT_EQ(clock.Now() - begin, 4 * seconds(15) + 3 * seconds(15));
+  EXPECT_TRUE(log.Contains("Error sending VIF Restore message ID [m-1] for VIF [vif]. Retries left: [0]"));
+  EXPECT_TRUE(log.Contains("VIF Restore [m-1] reply not sent. Retries exhausted."));
+}
+
+}  // namespace
+}  // namespace zem::zema

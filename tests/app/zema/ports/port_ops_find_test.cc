@@ -1,0 +1,166 @@
+#include <filesystem>
+
+#include "app/zema/hostlib/port_props.h"
+#include "app/zema/ports/port_file.h"
+#include "app/zema/ports/vif_request.h"
+#include "tests/app/zema/ports/switch_host_test.h"
+
+namespace zem::zema {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+namespace fs = std::filesystem;
+
+class PortOpsFindTest : public SwitchHostTest {
+ protected:
+  int Find(const std::string& vif, std::string gcf_path) {
+    path = std::move(gcf_path);
+    error.clear();
+    found = {};
+    return ports.FindPortByVifUuid(vif, kLs, &path, &found, &error);
+  }
+
+  PortLocation found;
+  std::string path;
+  std::string error;
+};
+
+TEST_F(PortOpsFindTest, PortInMemoryOnWhicheverSwitch) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  Create(Description("lp-2", "z2"), "vif-2", Vm("vm2"));
+  Create(Description("lp-3"), "vif-3", "knlnic");
+
+  EXPECT_EQ(Find("vif-2", Vm("vm2")), 0);
+  EXPECT_EQ(found.dvs, kVlanSwitch);
+  EXPECT_EQ(found.port, "lp-2");
+
+  EXPECT_EQ(Find(kVif, ""), 0);
+  EXPECT_EQ(path, dir.Path("vm1"));
+
+  // A port without file has no directory to differ in.
+  EXPECT_EQ(Find("vif-3", Vm("vm1")), 0);
+  EXPECT_EQ(found.port, "lp-3");
+}
+
+TEST_F(PortOpsFindTest, AnotherDirectoryIsNotThePortThatWasMeant) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  EXPECT_EQ(Find(kVif, Vm("vm9")), -1);
+  EXPECT_EQ(error, "Failed to find required port. GCF path [" + Vm("vm9") +
+                       "] specified for the port is different from the gcf path [" + dir.Path("vm1") +
+                       "] in memory");
+  EXPECT_EQ(ports.UpdateGcfPath("z1", "lp-1", Vm("vm9"), &error), 0);
+  EXPECT_EQ(Find(kVif, Vm("vm9")), 0);
+  EXPECT_TRUE(fs::exists(PortFile("vm9", kOverlay, "lp-1")));
+}
+
+TEST_F(PortOpsFindTest, NothingIsReadFromTheDiskWithoutAVm) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  ASSERT_TRUE(state->LosePorts(kOverlay));
+  state->ClearLogs();
+  EXPECT_EQ(Find(kVif, ""), -1);
+  EXPECT_EQ(Find(kVif, "knlnic"), -1);
+  EXPECT_EQ(Find("", Vm("vm1")), -1);
+  EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
+}
+
+// A switch that lost its ports: the one that was asked for comes back as it was, and no other.
+TEST_F(PortOpsFindTest, LostPortComesBackFromItsFile) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  Create(Description("lp-2"), "vif-2", Vm("vm1"));
+  const auto before = state->PortProperties(kOverlay, "lp-2");
+  state->RebootHost();
+  dir.Write("vm1/.dvsData/" + std::string(kOverlay) + "/lp-0", "torn");
+
+  EXPECT_EQ(Find("vif-2", Vm("vm1")), 0);
+  EXPECT_EQ(found.port, "lp-2");
+  EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-2"));
+  EXPECT_EQ(state->PortProperties(kOverlay, "lp-2"), before);
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44206\"")));
+
+  EXPECT_EQ(Find("vif-9", Vm("vm1")), -1);
+  EXPECT_THAT(log.Texts(), Contains("[PortOp] Could not find port/vif"));
+  EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-2"));
+}
+
+// Ports that are there may be connected: none is removed or made anew, and a clone's folder, which holds the
+// files of the VM that it was made of, gives nobody that VM's port.
+TEST_F(PortOpsFindTest, PortsThatAreThereAreNeitherRemovedNorTakenFromAnotherVm) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  Create(Description("lp-2"), "vif-2", Vm("vm1"));
+  fs::copy(dir.Path("vm1"), dir.Path("clone"), fs::copy_options::recursive);
+  ASSERT_EQ(library.PortDataClear(kOverlay, "lp-1", port_props::kExternalId), 0U);
+  state->ClearLogs();
+
+  EXPECT_EQ(Find("vif-9", Vm("vm1")), -1);
+  EXPECT_EQ(Find(kVif, Vm("clone")), -1);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
+  // The VM's own port, which lost its VIF and kept its file, gets it back where it is.
+  EXPECT_EQ(Find(kVif, Vm("vm1")), 0);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), kVif);
+  // One that went to another VIF does not.
+  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, "vif-3"), 0);
+  EXPECT_EQ(Find(kVif, Vm("vm1")), -1);
+  EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "vif-3");
+  EXPECT_THAT(state->Calls("DVSKNL_PortRemove"), IsEmpty());
+  EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
+}
+
+TEST_F(PortOpsFindTest, OneSwitchThatCannotListKeepsNobodyFromTheOther) {
+  Create(Description("lp-2", "z2"), "vif-2", Vm("vm2"));
+  Fault("DVSKNL_SwitchPortList sw=\"" + std::string(kOverlay) + "\" ret=0xbad0001");
+  EXPECT_EQ(Find("vif-2", Vm("vm2")), 0);
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44209\"")));
+}
+
+TEST_F(PortOpsFindTest, SwitchOfSeveralZonesIsListedOnce) {
+  EXPECT_EQ(Find(kVif, ""), -1);
+  EXPECT_THAT(state->Calls("DVSKNL_SwitchPortList"), SizeIs(2));
+}
+
+TEST_F(PortOpsFindTest, PriorPortIsPutOnTheSwitchOfTheNewZoneAlone) {
+  Create(Description("lp-1"), kVif, Vm("vm1"));
+  Create(Description("lp-2"), "vif-2", Vm("vm1"));
+  state->RebootHost();
+  EXPECT_EQ(ports.FindPortToFetchVMTags("vif-2", kLs, Vm("vm1"), "z2", &found, &error), 0);
+  EXPECT_EQ(found.dvs, kVlanSwitch);
+  EXPECT_EQ(found.port, "lp-2");
+  EXPECT_THAT(state->Ports(kVlanSwitch), ElementsAre("lp-2"));
+  EXPECT_THAT(state->Ports(kOverlay), IsEmpty());
+  EXPECT_EQ(ports.FindPortToFetchVMTags("vif-2", kLs, "knlnic", "z2", &found, &error), -1);
+}
+
+TEST_F(PortOpsFindTest, ZonesComeFromTheHostAndStayWhenItIsSilent) {
+  lum.Script("GetTzToDvsMapping()", {"ok|za:dvs-a:NVS|bad:entry|zb:dvs-b:KLN", "unknown command",
+                                     "unknown command", "ok|za:dvs-a:NVS|zc:dvs-c:NVS"});
+  EXPECT_TRUE(ports.CacheTzToDvsMapping());
+  EXPECT_EQ(ports.GetDvsIdForTz("za"), "dvs-a");
+  EXPECT_EQ(ports.GetHostSwitchInfoForTz("zb").kind, "KLN");
+  EXPECT_EQ(ports.GetDvsIdForTz("z1"), "") << "the host has answered, so there is no such zone";
+  EXPECT_FALSE(ports.CacheTzToDvsMapping());
+  EXPECT_EQ(ports.GetDvsIdForTz("za"), "dvs-a");
+  EXPECT_EQ(ports.GetDvsIdForTz("zc"), "") << "asked again, in vain";
+  EXPECT_EQ(ports.GetDvsIdForTz("zc"), "dvs-c");
+  EXPECT_EQ(ports.GetDvsIdForTz("z1"), "");
+  EXPECT_THAT(lum.commands, SizeIs(4));
+}
+
+TEST_F(PortOpsFindTest, VifsThatWaitForSiteConfigurationAreKeptAsTheyWereWhileRead) {
+  lum.Script("GetVifUuidsForFetchingSiteConfig()", {"vif-1:ls-1:lp-1:z1|short:one|vif-2:ls-2:lp-2:z2", ""});
+  EXPECT_TRUE(ports.GetVifsForSiteConfig());
+  const auto seen = ports.VifsForSiteConfig();
+  EXPECT_THAT(*seen, SizeIs(2));
+  EXPECT_EQ(ports.LookupVifRequest("vif-2")->port_id, "lp-2");
+  EXPECT_EQ(ports.LookupVifRequest("vif-2")->op_code, VifRequest::kFetchSiteConfig);
+  ports.RemoveVifForSiteConfig("vif-2");
+  EXPECT_EQ(ports.LookupVifRequest("vif-2"), nullptr);
+  EXPECT_THAT(*seen, SizeIs(2));
+  ports.GetVifsForSiteConfig();
+  EXPECT_THAT(log.Texts(), Contains("[PortOp] No ports found with pending attachment state to process"));
+}
+
+}  // namespace
+}  // namespace zem::zema
