@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "framework/log/log.h"
+#include "framework/tasks/runnable.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {
@@ -35,7 +36,9 @@ const MessageDispatch::Row MessageDispatch::kRows[] = {
     {"VtepIPSyncMsg", &MessageDispatch::TakeVtepIpSync, Worker::kPostHostSync},
 };
 
-MessageDispatch::MessageDispatch(Settings settings) : settings_(std::move(settings)) {}
+MessageDispatch::MessageDispatch(MpaMessageSender& sender, WorkerTable& workers,
+                                 std::shared_ptr<ManagerRequests> requests)
+    : sender_(sender), workers_(workers), requests_(std::move(requests)) {}
 
 void MessageDispatch::ProcessReceiveMessages(const std::string& message_key, const std::string& type,
                                              std::string_view payload, const std::string& correlation_id,
@@ -47,9 +50,9 @@ void MessageDispatch::ProcessReceiveMessages(const std::string& message_key, con
   if (std::string_view(type).substr(0, kPrefix.size()) == kPrefix) {
     for (const Row& row : kRows) {
       if (std::string_view(type).substr(kPrefix.size()) != row.type) continue;
-      const Incoming message{message_key, payload, {settings_.sender, correlation_id, reply_to, header}};
-      if (row.worker && !settings_.workers->TakesRequest(*row.worker)) {
-        settings_.refuse(message.origin, row.type, std::string(payload), kTooManyWait);
+      const Incoming message{message_key, payload, {&sender_, correlation_id, reply_to, header}};
+      if (row.worker && !workers_.TakesRequest(*row.worker)) {
+        requests_->Refuse(message.origin, row.type, std::string(payload), kTooManyWait);
         return;
       }
       (this->*row.take)(message);
@@ -65,15 +68,14 @@ void MessageDispatch::TakeLogicalSwitch(const Incoming& message) {
     ZLOG_ERROR("41513", "[%s] Failed to parse logical switch message\n", kTag);
     return;
   }
-  if (auto task = settings_.logical_switch(message.origin, parsed)) {
-    settings_.workers->AddTask(Worker::kLogicalSwitch, std::move(task));
+  if (auto task = requests_->LogicalSwitch(message.origin, parsed)) {
+    workers_.AddTask(Worker::kLogicalSwitch, std::move(task));
   }
 }
 
-// Only the task parses it: it may hold thousands of switches.
 void MessageDispatch::TakeLogicalSwitchBulk(const Incoming& message) {
-  settings_.workers->AddTask(
-      Worker::kHostSync, settings_.logical_switch_full_sync(message.origin, std::string(message.payload)));
+  workers_.AddTask(Worker::kHostSync,
+                   requests_->LogicalSwitchFullSync(message.origin, std::string(message.payload)));
 }
 
 void MessageDispatch::TakeHostConfig(const Incoming& message) {
@@ -86,9 +88,9 @@ void MessageDispatch::TakeHostConfig(const Incoming& message) {
   if (parsed.has_transport_node_id()) ack.set_transport_node_id(parsed.transport_node_id());
   if (parsed.has_id()) ack.set_id(parsed.id());
   if (parsed.has_revision()) ack.set_revision(parsed.revision());
-  settings_.send_host_config_ack(message.origin.reply_to, ack);
+  requests_->AcknowledgeHostConfig(message.origin.reply_to, ack);
   std::string error;
-  settings_.workers->AddHostConfigTask(settings_.host_config(message.origin, std::move(parsed)), &error);
+  workers_.AddHostConfigTask(requests_->HostConfig(message.origin, std::move(parsed)), &error);
 }
 
 void MessageDispatch::TakeMaintenanceMode(const Incoming& message) {
@@ -97,8 +99,8 @@ void MessageDispatch::TakeMaintenanceMode(const Incoming& message) {
     ZLOG_ERROR("41512", "[%s] Failed to parse maintenance mode config message\n", kTag);
     return;
   }
-  if (auto task = settings_.later.maintenance->MakeMmodeConfigTask(message.origin, parsed)) {
-    settings_.workers->AddTask(Worker::kHostSync, std::move(task));
+  if (auto task = requests_->MaintenanceMode(message.origin, parsed)) {
+    workers_.AddTask(Worker::kHostSync, std::move(task));
   }
 }
 
@@ -108,22 +110,22 @@ void MessageDispatch::TakeChecksum(const Incoming& message) {
     ZLOG_ERROR("ERR_MSG_RESTORE_CHECKSUM_PARSE_FAIL", "[%s] Failed to parse CheckSum message\n", kTag);
     return;
   }
-  settings_.workers->AddTask(Worker::kPostHostSync, settings_.restore(message.origin, parsed));
+  workers_.AddTask(Worker::kPostHostSync, requests_->Restore(message.origin, parsed));
 }
 
 void MessageDispatch::TakeHostProfile(const Incoming& message) {
   switching::HostProfileMsg parsed;
   if (!Parse(message.payload, &parsed)) {
     ZLOG_ERROR("41545", "[%s] Failed to parse Host Profile message\n", kTag);
-    settings_.refuse_host_profile(message.origin, "Failed to parse Host Profile message");
+    requests_->RefuseHostProfile(message.origin, "Failed to parse Host Profile message");
     return;
   }
-  auto task = settings_.host_profile(message.origin, parsed);
+  auto task = requests_->HostProfile(message.origin, parsed);
   if (task == nullptr) {
-    settings_.refuse_host_profile(message.origin, "Error creating HostProfile task");
+    requests_->RefuseHostProfile(message.origin, "Error creating HostProfile task");
     return;
   }
-  settings_.workers->AddTask(Worker::kHostSync, std::move(task));
+  workers_.AddTask(Worker::kHostSync, std::move(task));
 }
 
 void MessageDispatch::RefuseMigrationToKln(const Incoming&) {
@@ -136,12 +138,12 @@ void MessageDispatch::TakeVtepRecovery(const Incoming& message) {
     ZLOG_ERROR("41512", "[%s] Failed to parse Vtep Recovery message\n", kTag);
     return;
   }
-  auto task = settings_.later.endpoints->MakeVtepRecoveryTask(message.origin, parsed);
+  auto task = requests_->VtepRecovery(message.origin, parsed);
   if (task == nullptr) {
     ZLOG_ERROR("44411", "Failed to create VtepRecoveryTask");
     return;
   }
-  settings_.workers->AddVtepRecoveryTask(std::move(task));
+  workers_.AddVtepRecoveryTask(std::move(task));
 }
 
 void MessageDispatch::TakeVtepAdminState(const Incoming& message) {
@@ -150,12 +152,12 @@ void MessageDispatch::TakeVtepAdminState(const Incoming& message) {
     ZLOG_ERROR("41512", "[%s] Failed to parse Vtep Admin State message\n", kTag);
     return;
   }
-  auto task = settings_.later.endpoints->MakeVtepAdminStateTask(message.origin, parsed);
+  auto task = requests_->VtepAdminState(message.origin, parsed);
   if (task == nullptr) {
     ZLOG_ERROR("44411", "Failed to create vtepAdminStateTask");
     return;
   }
-  settings_.workers->AddVtepAdminStateTask(std::move(task));
+  workers_.AddVtepAdminStateTask(std::move(task));
 }
 
 void MessageDispatch::TakeVtepIpSync(const Incoming& message) {
@@ -164,7 +166,7 @@ void MessageDispatch::TakeVtepIpSync(const Incoming& message) {
     ZLOG_ERROR("41512", "[%s] Failed to parse vtepIPSyncMsg message\n", kTag);
     return;
   }
-  settings_.later.endpoints->SyncVtepAddresses(message.origin, parsed);
+  requests_->SyncVtepAddresses(message.origin, parsed);
 }
 
 }  // namespace zem::zema

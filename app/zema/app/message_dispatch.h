@@ -1,63 +1,27 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "app/zema/app/later_parts.h"
-#include "app/zema/manager/port_attached.h"
+#include "app/zema/app/manager_requests.h"
 #include "app/zema/workers/worker_table.h"
 
 namespace orlane::zem::switching {
-class ChecksumMsg;
-class HostConfigAckMsg;
-class HostProfileMsg;
-class LogicalSwitchMsg;
 class VifMsg;
-}  // namespace orlane::zem::switching
+}
 
 namespace zem::zema {
 
-/// Makes the task of each message of the manager and puts it on its worker; the receive callback does no
-/// more.
+/// Parses each message of the manager, has its task made and puts the task on its worker; the receive
+/// callback does no more.
 ///
 /// Threads: the receive callback's.
 class MessageDispatch {
  public:
-  using HostConfigMsg = orlane::zem::switching::HostConfigMsg;
-
-  /// The classes behind the tasks.  A null task is not queued.
-  struct Settings {
-    MpaMessageSender* sender = nullptr;
-    WorkerTable* workers = nullptr;
-    std::function<std::unique_ptr<Runnable>(const RequestOrigin&, HostConfigMsg)> host_config;
-    std::function<std::unique_ptr<Runnable>(const RequestOrigin&,
-                                            const orlane::zem::switching::LogicalSwitchMsg&)>
-        logical_switch;
-    std::function<std::unique_ptr<Runnable>(const RequestOrigin&, std::string bytes)>
-        logical_switch_full_sync;
-    std::function<std::unique_ptr<Runnable>(const RequestOrigin&, const orlane::zem::switching::ChecksumMsg&)>
-        restore;
-    std::function<std::unique_ptr<Runnable>(const RequestOrigin&,
-                                            const orlane::zem::switching::HostProfileMsg&)>
-        host_profile;
-    /// Leaves without waiting for the manager.
-    std::function<void(const std::string& reply_to, const orlane::zem::switching::HostConfigAckMsg&)>
-        send_host_config_ack;
-    /// As the ack; answers a profile that cannot be taken.
-    std::function<void(const RequestOrigin&, const std::string& error)> refuse_host_profile;
-    /// As the ack; answers a request whose queue is full.
-    std::function<void(const RequestOrigin&, std::string_view type, std::string payload,
-                       const std::string& reason)>
-        refuse;
-    /// The answer to a call that waits for the manager.
-    std::function<void(const std::string& rpc_id, std::unique_ptr<PortAttached>)> vif_result;
-    LaterParts later;
-  };
-
-  explicit MessageDispatch(Settings settings);
+  /// All outlive the dispatcher; `sender` goes into the origin of each request.
+  MessageDispatch(MpaMessageSender& sender, WorkerTable& workers, std::shared_ptr<ManagerRequests> requests);
 
   /// `type` is the full name of the message, `header` the bus header's bytes.
   void ProcessReceiveMessages(const std::string& message_key, const std::string& type,
@@ -94,7 +58,9 @@ class MessageDispatch {
   void TakeVifResponse(const orlane::zem::switching::VifMsg& message);
   void TakeVifRequest(const orlane::zem::switching::VifMsg& message);
 
-  const Settings settings_;
+  MpaMessageSender& sender_;
+  WorkerTable& workers_;
+  const std::shared_ptr<ManagerRequests> requests_;
 };
 
 /// What a response of the manager about a VIF says.

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "app/zema/app/later_parts.h"
+#include "app/zema/app/manager_requests.h"
 
 namespace zem::zema {
 

@@ -94,7 +94,7 @@ void MessageDispatch::TakeVifResponse(const switching::VifMsg& message) {
     ZLOG_ERROR("41511", "[%s] VIF response returned operation failure: %s\n", kTag, port->error.c_str());
   }
   const std::string rpc_id = port->op_id;
-  settings_.vif_result(rpc_id, std::move(port));
+  requests_->VifResult(rpc_id, std::move(port));
 }
 
 void MessageDispatch::TakeVifRequest(const switching::VifMsg& message) {
@@ -107,7 +107,7 @@ void MessageDispatch::TakeVifRequest(const switching::VifMsg& message) {
   const bool has_vif = message.vif_attachment_size() > 0;
   if (message.operation() == kDetach) {
     ZLOG_INFO("[%s] Received a detach-port REQUEST VifMsg [%s] from MP...\n", kTag, text.c_str());
-    if (has_vif) settings_.later.vif_requests->Detach(message.vif_attachment(0));
+    if (has_vif) requests_->DetachVif(message.vif_attachment(0));
     return;
   }
   if (message.operation() == kRestore) {
@@ -121,7 +121,7 @@ void MessageDispatch::TakeVifRequest(const switching::VifMsg& message) {
       ZLOG_ERROR("41509", "dvPort info not present for security-only Vif Restore operation");
       return;
     }
-    settings_.later.vif_requests->Restore(vif);
+    requests_->RestoreVif(vif);
     return;
   }
   ZLOG_ERROR("41509", "[%s] Ignored a REQUEST VifMsg from MP that has unknown operation [%d]", kTag,

@@ -7,25 +7,16 @@
 
 #include "app/controller/controller_context.h"
 #include "app/controller/controller_list_app.h"
-#include "app/zema/app/host_vif_requests.h"
+#include "app/zema/app/host_requests.h"
 #include "app/zema/app/io_service.h"
 #include "app/zema/app/message_dispatch.h"
 #include "app/zema/app/realization.h"
-#include "app/zema/app/refused_request.h"
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/covedb/covedb_op_task.h"
 #include "app/zema/edge/edge_maintenance.h"
-#include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_state.h"
-#include "app/zema/hostconfig/host_config_task_qub.h"
-#include "app/zema/hostconfig/host_profile_task.h"
-#include "app/zema/hostconfig/mmode_config_task.h"
-#include "app/zema/hostconfig/restore_task.h"
 #include "app/zema/lswitch/covedb_update_task.h"
-#include "app/zema/lswitch/logical_switch_context.h"
-#include "app/zema/lswitch/logical_switch_full_sync_task.h"
-#include "app/zema/lswitch/logical_switch_msg_task.h"
 #include "app/zema/manager/manager_sender.h"
 #include "app/zema/state/health_record.h"
 #include "app/zema/state/realization_options.h"
@@ -63,7 +54,6 @@ constexpr uint32_t kHostNodes = kNodeQub | kNodeKvm | kNodeBareMetalServer | kNo
 constexpr uint32_t kEdgeNodes = kNodeEdge | kNodePublicCloudGateway;
 
 constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg";
-constexpr const char* kHostConfigAckType = "com.orlane.zem.switching.HostConfigAckMsg";
 
 constexpr const char* kNotStarted = "The realization has not started yet";
 
@@ -118,7 +108,6 @@ class ZemaApp::Impl {
   void SetStarted();
   std::shared_ptr<MpaClient> client() const { return MpaClient::Get(kVertical); }
   std::shared_ptr<zema::CoveDbHandler> GetCoveDbHandler();
-  void SendHostConfigAckMsg(const std::string& reply_to, const switching::HostConfigAckMsg& ack);
   void CallHostConfigCallbacks(const switching::HostConfigMsg& config);
 
   // The receive callback.
@@ -131,7 +120,6 @@ class ZemaApp::Impl {
   zema::OptionsStore options_;
   zema::ConfigFiles files_;
   zema::HostConfigState state_;
-  zema::LaterParts later_;
   zema::IOService io_;
   zema::ManagerSender sender_;
   std::mutex store_mutex_;  // guards the handler's first use
@@ -308,69 +296,8 @@ void ZemaApp::Impl::StartUp() {
 }
 
 void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& realization) {
-  const auto host_config = realization->host_config();
-  const auto logical_switches = realization->logical_switches();
-  zema::MessageDispatch::Settings settings;
-  settings.sender = &app_;
-  settings.workers = &zema::Workers();
-  settings.host_config = [host_config](const zema::RequestOrigin& origin,
-                                       switching::HostConfigMsg message) -> std::unique_ptr<Runnable> {
-    return std::make_unique<zema::HostConfigTaskQub>(host_config, origin.sender, origin.correlation_id,
-                                                     origin.reply_to, std::move(message),
-                                                     zema::HostConfigTaskQub::InStore::kYes, origin.header);
-  };
-  settings.logical_switch = [logical_switches](
-                                const zema::RequestOrigin& origin,
-                                const switching::LogicalSwitchMsg& message) -> std::unique_ptr<Runnable> {
-    return zema::LogicalSwitchMsgTask::CreateTask(*logical_switches, message, origin.sender, origin.reply_to,
-                                                  0);
-  };
-  settings.logical_switch_full_sync = [logical_switches](const zema::RequestOrigin& origin,
-                                                         std::string bytes) -> std::unique_ptr<Runnable> {
-    return std::make_unique<zema::LogicalSwitchFullSyncTask>(
-        logical_switches, origin.sender, origin.correlation_id, origin.reply_to, std::move(bytes));
-  };
-  settings.restore = [this, host_config](const zema::RequestOrigin& origin,
-                                         const switching::ChecksumMsg& message) -> std::unique_ptr<Runnable> {
-    return std::make_unique<zema::RestoreTask>(files_, host_config->lum, origin.sender, origin.correlation_id,
-                                               origin.reply_to, message);
-  };
-  settings.host_profile = [host_config](
-                              const zema::RequestOrigin& origin,
-                              const switching::HostProfileMsg& message) -> std::unique_ptr<Runnable> {
-    return std::make_unique<zema::HostProfileTask>(host_config->lum, origin.sender, origin.correlation_id,
-                                                   origin.reply_to, message);
-  };
-  settings.send_host_config_ack = [this](const std::string& reply_to,
-                                         const switching::HostConfigAckMsg& ack) {
-    io_.Post([this, reply_to, ack] { SendHostConfigAckMsg(reply_to, ack); });
-  };
-  settings.refuse_host_profile = [this](const zema::RequestOrigin& origin, const std::string& error) {
-    io_.Post([this, origin, reply = zema::RefusedHostProfile(error)] {
-      app_.HostProfileReply(origin.correlation_id, origin.reply_to, reply);
-    });
-  };
-  settings.refuse = [this, mmode = realization->mmode()](const zema::RequestOrigin& origin,
-                                                         std::string_view type, std::string payload,
-                                                         const std::string& reason) {
-    io_.Post([mmode, refused = zema::RefusedRequest{origin, std::string(type), std::move(payload),
-                                                    reason}]() mutable {
-      refused.mmode_state = zema::MmodeResultState(*mmode);
-      zema::AnswerRefused(refused);
-    });
-  };
-  const std::weak_ptr<zema::Realization> weak = realization;
-  settings.vif_result = [weak](const std::string& rpc_id, std::unique_ptr<zema::PortAttached> result) {
-    if (const auto live = weak.lock()) live->SetVifResult(rpc_id, std::move(result));
-  };
-  settings.later = later_;
-  settings.later.maintenance = std::make_shared<zema::HostMaintenanceTasks>(realization->mmode());
-  settings.later.vif_requests =
-      std::make_shared<zema::HostVifRequests>([weak](std::shared_ptr<zema::VifRequest> request) {
-        if (const auto live = weak.lock()) live->AddVifRequest(std::move(request));
-      });
-  settings.later.endpoints = std::make_shared<zema::HostEndpointTasks>(realization->endpoints());
-  auto dispatch = std::make_shared<zema::MessageDispatch>(std::move(settings));
+  auto dispatch = std::make_shared<zema::MessageDispatch>(
+      app_, zema::Workers(), std::make_shared<zema::HostRequests>(realization, app_, files_, io_));
   const std::lock_guard lock(mutex_);
   dispatch_ = std::move(dispatch);
 }
@@ -424,11 +351,6 @@ bool ZemaApp::Impl::Send(const char* operation, const char* type,
   }
   ZLOG_INFO("[%s] sent %s, message id [%s]", operation, type, message_id.c_str());
   return true;
-}
-
-void ZemaApp::Impl::SendHostConfigAckMsg(const std::string& reply_to,
-                                         const switching::HostConfigAckMsg& ack) {
-  Send(__func__, kHostConfigAckType, ack, "", reply_to);
 }
 
 void ZemaApp::Impl::CallHostConfigCallbacks(const switching::HostConfigMsg& config) {
@@ -548,7 +470,7 @@ void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
   ack.set_id(config.id());
   ack.set_revision(config.revision());
   ZLOG_INFO("Sending host config reply for EDGE platform [%s]", ack.ShortDebugString().c_str());
-  io_.Post([this, reply_to = header.reply_to, ack] { SendHostConfigAckMsg(reply_to, ack); });
+  io_.Post([this, reply_to = header.reply_to, ack] { app_.SendHostConfigAckMsg(reply_to, ack); });
   if (config.has_transport_node_id()) {
     controller_list_.UpdateTnUuidInFile(config.transport_node_id());
     Host().SetHostId(config.transport_node_id());

@@ -63,6 +63,8 @@ class ZemaApp final : public zema::MpaMessageSender {
   // --- The replies.
   bool HostConfigReply(const std::string& correlation_id, const std::string& reply_to,
                        const orlane::zem::switching::HostConfigMsg& reply) override;
+  bool SendHostConfigAckMsg(const std::string& reply_to,
+                            const orlane::zem::switching::HostConfigAckMsg& ack) override;
   bool TnMmodeConfigReply(const std::string& correlation_id, const std::string& reply_to,
                           const orlane::zem::switching::MaintenanceModeConfigResultMsg& reply) override;
   bool VtepRecoveryReply(const std::string& correlation_id, const std::string& reply_to,

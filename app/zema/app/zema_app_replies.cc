@@ -17,6 +17,10 @@ bool ZemaApp::HostConfigReply(const std::string& correlation_id, const std::stri
   return SendToManager(__func__, reply, correlation_id, reply_to);
 }
 
+bool ZemaApp::SendHostConfigAckMsg(const std::string& reply_to, const switching::HostConfigAckMsg& ack) {
+  return SendToManager(__func__, ack, "", reply_to);
+}
+
 bool ZemaApp::TnMmodeConfigReply(const std::string& correlation_id, const std::string& reply_to,
                                  const switching::MaintenanceModeConfigResultMsg& reply) {
   return SendToManager(__func__, reply, correlation_id, reply_to);

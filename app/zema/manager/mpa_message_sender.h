@@ -4,6 +4,7 @@
 
 namespace orlane::zem::switching {
 class ChecksumMsg;
+class HostConfigAckMsg;
 class HostConfigMsg;
 class HostProfileMsg;
 class LogicalSwitchBulkMsg;
@@ -29,6 +30,9 @@ class MpaMessageSender {
 
   virtual bool HostConfigReply(const std::string& correlation_id, const std::string& reply_to,
                                const orlane::zem::switching::HostConfigMsg& reply) = 0;
+  /// Says that a configuration has arrived and will be carried out.
+  virtual bool SendHostConfigAckMsg(const std::string& reply_to,
+                                    const orlane::zem::switching::HostConfigAckMsg& ack) = 0;
   virtual bool TnMmodeConfigReply(const std::string& correlation_id, const std::string& reply_to,
                                   const orlane::zem::switching::MaintenanceModeConfigResultMsg& reply) = 0;
   virtual bool VtepRecoveryReply(const std::string& correlation_id, const std::string& reply_to,
@@ -44,8 +48,6 @@ class MpaMessageSender {
                                          const orlane::zem::switching::TransportNodeEventMsg& event) = 0;
   virtual bool SendRestoreReplyMsg(const std::string& reply_to,
                                    const orlane::zem::switching::ChecksumMsg& checksum) = 0;
-  /// Nothing.
-  virtual void Reserved() {}
   virtual bool HostProfileReply(const std::string& correlation_id, const std::string& reply_to,
                                 const orlane::zem::switching::HostProfileMsg& reply) = 0;
   virtual bool HostSwitchMigrationToKlnReply(

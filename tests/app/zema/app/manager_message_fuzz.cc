@@ -7,13 +7,14 @@
 #include <cstdlib>
 #include <string>
 
-#include "app/zema/app/host_vif_requests.h"
+#include "app/zema/app/host_requests.h"
 #include "app/zema/app/message_dispatch.h"
 #include "app/zema/app/refused_request.h"
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/covedb/host_config_codec.h"
 #include "app/zema/endpoint/endpoint_context.h"
 #include "app/zema/endpoint/vtep_application.h"
+#include "app/zema/endpoint/vtep_request_tasks.h"
 #include "app/zema/hostconfig/host_profile_task.h"
 #include "app/zema/hostconfig/mmode_config_task.h"
 #include "app/zema/hostconfig/restore_task.h"
@@ -64,94 +65,84 @@ class NoVifs : public VifSender {
 };
 
 // Runs each task at once, in place of its worker.
-class HostInHand {
+class HostInHand final : public ManagerRequests {
  public:
   HostInHand() {
     switches->is_hypervisor = [] { return true; };
     switches->host_id = [] { return std::make_optional<std::string>("host-1"); };
     switches->has_ack_worker = [] { return false; };
-    MessageDispatch::Settings settings;
-    settings.sender = &sender;
-    settings.workers = &workers;
-    settings.host_config = [this](const RequestOrigin&, switching::HostConfigMsg message) {
-      HostConfig(std::move(message));
-      return nullptr;
-    };
-    settings.logical_switch = [this](const RequestOrigin& origin,
-                                     const switching::LogicalSwitchMsg& message) {
-      LogicalSwitchMsgTask::Batcher batcher(switches);
-      if (const auto task =
-              LogicalSwitchMsgTask::CreateTask(*switches, message, origin.sender, origin.reply_to, 0)) {
-        batcher.AddTask(task.get());
-      }
-      batcher.Run();
-      return nullptr;
-    };
-    settings.logical_switch_full_sync = [this](const RequestOrigin& origin, std::string bytes) {
-      LogicalSwitchFullSyncTask(switches, origin.sender, "c", "r", std::move(bytes)).Run();
-      return nullptr;
-    };
-    settings.restore = [this](const RequestOrigin& origin, const switching::ChecksumMsg& message) {
-      RestoreTask(files, lum, origin.sender, "c", "r", message).Run();
-      return nullptr;
-    };
-    settings.host_profile = [this](const RequestOrigin& origin, const switching::HostProfileMsg& message) {
-      HostProfileTask(lum, origin.sender, "c", "r", message).Run();
-      return nullptr;
-    };
-    settings.send_host_config_ack = [](const std::string&, const switching::HostConfigAckMsg&) {};
-    settings.refuse_host_profile = [](const RequestOrigin&, const std::string&) {};
-    settings.refuse = [](const RequestOrigin& origin, std::string_view type, std::string payload,
-                         const std::string& reason) {
-      AnswerRefused({origin, std::string(type), std::move(payload), reason});
-    };
-    settings.vif_result = [this](const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
-      manager.SetResultToPendingRPC(rpc_id, std::move(result));
-    };
-    settings.later.vif_requests = std::make_shared<HostVifRequests>(
-        [](const std::shared_ptr<VifRequest>& request) { (void)request->ToString(); });
-    settings.later.maintenance = std::make_shared<RunMaintenance>(mmode);
-    settings.later.endpoints = std::make_shared<RunEndpoints>(endpoints);
-    dispatch = std::make_unique<MessageDispatch>(std::move(settings));
   }
 
   void Receive(const char* type, std::string_view payload) {
-    dispatch->ProcessReceiveMessages("session:1", std::string("com.orlane.zem.switching.") + type, payload,
-                                     "c", "r");
+    dispatch.ProcessReceiveMessages("session:1", std::string("com.orlane.zem.switching.") + type, payload,
+                                    "c", "r");
     AnswerRefused({{&sender, "c", "r", ""}, type, std::string(payload), "too many"});
     sender.Take();
   }
 
  private:
-  struct RunMaintenance : MaintenanceTasks {
-    explicit RunMaintenance(std::shared_ptr<MmodeContext> context) : made(std::move(context)) {}
-    HostMaintenanceTasks made;
-    std::unique_ptr<Runnable> MakeMmodeConfigTask(
-        const RequestOrigin& origin, const switching::MaintenanceModeConfigMsg& request) override {
-      made.MakeMmodeConfigTask(origin, request)->Run();
-      return nullptr;
+  std::unique_ptr<Runnable> HostConfig(const RequestOrigin&, switching::HostConfigMsg message) override {
+    ReadHostConfig(std::move(message));
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> LogicalSwitch(const RequestOrigin& origin,
+                                          const switching::LogicalSwitchMsg& message) override {
+    LogicalSwitchMsgTask::Batcher batcher(switches);
+    if (const auto task =
+            LogicalSwitchMsgTask::CreateTask(*switches, message, origin.sender, origin.reply_to, 0)) {
+      batcher.AddTask(task.get());
     }
-  };
-  struct RunEndpoints : EndpointTasks {
-    explicit RunEndpoints(std::shared_ptr<EndpointContext> context) : made(std::move(context)) {}
-    void SyncVtepAddresses(const RequestOrigin& origin, const switching::VtepIPSyncMsg& request) override {
-      made.SyncVtepAddresses(origin, request);
-    }
-    HostEndpointTasks made;
-    std::unique_ptr<Runnable> MakeVtepRecoveryTask(
-        const RequestOrigin& origin, const switching::VTEPRecoveryRequestMsg& request) override {
-      made.MakeVtepRecoveryTask(origin, request)->Run();
-      return nullptr;
-    }
-    std::unique_ptr<Runnable> MakeVtepAdminStateTask(
-        const RequestOrigin& origin, const switching::VTEPAdminStateMgmtRequestMsg& request) override {
-      made.MakeVtepAdminStateTask(origin, request)->Run();
-      return nullptr;
-    }
-  };
+    batcher.Run();
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> LogicalSwitchFullSync(const RequestOrigin& origin, std::string bytes) override {
+    LogicalSwitchFullSyncTask(switches, origin.sender, "c", "r", std::move(bytes)).Run();
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> Restore(const RequestOrigin& origin,
+                                    const switching::ChecksumMsg& message) override {
+    RestoreTask(files, lum, origin.sender, "c", "r", message).Run();
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> HostProfile(const RequestOrigin& origin,
+                                        const switching::HostProfileMsg& message) override {
+    HostProfileTask(lum, origin.sender, "c", "r", message).Run();
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> MaintenanceMode(const RequestOrigin& origin,
+                                            const switching::MaintenanceModeConfigMsg& message) override {
+    MmodeConfigTaskQub(mmode, origin.sender, "c", "r", message).Run();
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> VtepRecovery(const RequestOrigin&,
+                                         const switching::VTEPRecoveryRequestMsg& message) override {
+    VtepRecoveryTask(endpoints, "c", "r", message).Run();
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> VtepAdminState(const RequestOrigin&,
+                                           const switching::VTEPAdminStateMgmtRequestMsg& message) override {
+    VtepAdminStateTask(endpoints, "c", "r", message).Run();
+    return nullptr;
+  }
+  void SyncVtepAddresses(const RequestOrigin& origin, const switching::VtepIPSyncMsg& message) override {
+    VtepIPSync(endpoints, origin.reply_to, message);
+  }
+  void DetachVif(const switching::VifAttachmentMsg& vif) override { (void)DetachRequestOf(vif)->ToString(); }
+  void RestoreVif(const switching::VifAttachmentMsg& vif) override {
+    (void)RestoreRequestOf(vif)->ToString();
+  }
+  void VifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result) override {
+    manager.SetResultToPendingRPC(rpc_id, std::move(result));
+  }
+  void AcknowledgeHostConfig(const std::string&, const switching::HostConfigAckMsg&) override {}
+  void RefuseHostProfile(const RequestOrigin&, const std::string&) override {}
+  void Refuse(const RequestOrigin& origin, std::string_view type, std::string payload,
+              const std::string& reason) override {
+    AnswerRefused({origin, std::string(type), std::move(payload), reason});
+  }
 
   // The steps of a configuration that read it; those that read the host have tests of their own.
-  void HostConfig(switching::HostConfigMsg config) {
+  void ReadHostConfig(switching::HostConfigMsg config) {
     orlane::zem::covedb::RealizedHostConfigMsg stored;
     (void)EncodeHostConfigMsg(config, &stored);
     (void)ComputeChecksum(config);
@@ -202,7 +193,7 @@ class HostInHand {
   std::shared_ptr<EndpointContext> endpoints = std::make_shared<EndpointContext>(
       lum, library, identity, &sender, [] { return 0; }, [](Duration) { return false; },
       [](const std::unique_ptr<Runnable>&) {});
-  std::unique_ptr<MessageDispatch> dispatch;
+  MessageDispatch dispatch{sender, workers, std::shared_ptr<ManagerRequests>(this, [](auto*) {})};
 };
 
 }  // namespace

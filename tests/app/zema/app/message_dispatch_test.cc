@@ -29,7 +29,7 @@ class NoBatch : public BatchRunnable {
   long Count() const override { return 0; }
 };
 
-class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
+class MessageDispatchTest : public ::testing::Test, public ManagerRequests {
  protected:
   MessageDispatchTest() {
     WorkerFactory factory;
@@ -38,41 +38,6 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
     factory.database_handler = [](const std::string& name) { return std::make_unique<TaskThread>(name); };
     workers_.SetFactory(std::move(factory));
     EXPECT_EQ(workers_.StartTaskThreads(), 0);
-
-    MessageDispatch::Settings settings;
-    settings.sender = &sender_;
-    settings.workers = &workers_;
-    settings.host_config = [this](const RequestOrigin& origin, const switching::HostConfigMsg& message) {
-      return Task("host config " + origin.correlation_id + " " + origin.reply_to + " " + message.revision());
-    };
-    settings.logical_switch = [this](const RequestOrigin&, const switching::LogicalSwitchMsg&) {
-      made_.push_back("logical switch");
-      return nullptr;
-    };
-    settings.logical_switch_full_sync = [this](const RequestOrigin&, const std::string& bytes) {
-      return Task("full sync " + std::to_string(bytes.size()));
-    };
-    settings.restore = [this](const RequestOrigin&, const switching::ChecksumMsg& message) {
-      return Task("restore " + message.id());
-    };
-    settings.host_profile = [](const RequestOrigin&, const switching::HostProfileMsg&) { return nullptr; };
-    settings.send_host_config_ack = [this](const std::string& reply_to,
-                                           const switching::HostConfigAckMsg& ack) {
-      made_.push_back("ack " + reply_to + " " + ack.ShortDebugString());
-    };
-    settings.refuse_host_profile = [this](const RequestOrigin&, const std::string& error) {
-      made_.push_back("refused " + error);
-    };
-    settings.refuse = [](const RequestOrigin& origin, std::string_view type, const std::string& payload,
-                         const std::string& reason) {
-      AnswerRefused({origin, std::string(type), payload, reason, 3});
-    };
-    settings.vif_result = [this](const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
-      made_.push_back("vif " + rpc_id);
-      result_ = std::move(result);
-    };
-    settings.later.vif_requests = std::shared_ptr<VifRequestSink>(this, [](VifRequestSink*) {});
-    dispatch_ = std::make_unique<MessageDispatch>(std::move(settings));
   }
 
   ~MessageDispatchTest() override {
@@ -80,9 +45,55 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
     workers_.DeleteTaskThreadObjects();
   }
 
-  void Detach(const switching::VifAttachmentMsg& vif) override { made_.push_back("detach " + vif.vif_id()); }
-  void Restore(const switching::VifAttachmentMsg& vif) override {
+  std::unique_ptr<Runnable> HostConfig(const RequestOrigin& origin,
+                                       switching::HostConfigMsg message) override {
+    return Task("host config " + origin.correlation_id + " " + origin.reply_to + " " + message.revision());
+  }
+  std::unique_ptr<Runnable> LogicalSwitch(const RequestOrigin&, const switching::LogicalSwitchMsg&) override {
+    made_.push_back("logical switch");
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> LogicalSwitchFullSync(const RequestOrigin&, std::string bytes) override {
+    return Task("full sync " + std::to_string(bytes.size()));
+  }
+  std::unique_ptr<Runnable> Restore(const RequestOrigin&, const switching::ChecksumMsg& message) override {
+    return Task("restore " + message.id());
+  }
+  std::unique_ptr<Runnable> HostProfile(const RequestOrigin&, const switching::HostProfileMsg&) override {
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> MaintenanceMode(const RequestOrigin&,
+                                            const switching::MaintenanceModeConfigMsg&) override {
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> VtepRecovery(const RequestOrigin&,
+                                         const switching::VTEPRecoveryRequestMsg&) override {
+    return nullptr;
+  }
+  std::unique_ptr<Runnable> VtepAdminState(const RequestOrigin&,
+                                           const switching::VTEPAdminStateMgmtRequestMsg&) override {
+    return nullptr;
+  }
+  void SyncVtepAddresses(const RequestOrigin&, const switching::VtepIPSyncMsg&) override {}
+  void DetachVif(const switching::VifAttachmentMsg& vif) override {
+    made_.push_back("detach " + vif.vif_id());
+  }
+  void RestoreVif(const switching::VifAttachmentMsg& vif) override {
     made_.push_back("restore " + vif.vif_id());
+  }
+  void VifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result) override {
+    made_.push_back("vif " + rpc_id);
+    result_ = std::move(result);
+  }
+  void AcknowledgeHostConfig(const std::string& reply_to, const switching::HostConfigAckMsg& ack) override {
+    made_.push_back("ack " + reply_to + " " + ack.ShortDebugString());
+  }
+  void RefuseHostProfile(const RequestOrigin&, const std::string& error) override {
+    made_.push_back("refused " + error);
+  }
+  void Refuse(const RequestOrigin& origin, std::string_view type, std::string payload,
+              const std::string& reason) override {
+    AnswerRefused({origin, std::string(type), std::move(payload), reason, 3});
   }
 
   std::unique_ptr<Runnable> Task(const std::string& text) {
@@ -94,7 +105,7 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
   }
 
   void Receive(const std::string& type, const std::string& payload) {
-    dispatch_->ProcessReceiveMessages("session:7", type, payload, "corr", "reply");
+    dispatch_.ProcessReceiveMessages("session:7", type, payload, "corr", "reply");
   }
   void Receive(const char* type, const google::protobuf::Message& message) {
     Receive(std::string(kPrefix) + type, message.SerializeAsString());
@@ -109,7 +120,7 @@ class MessageDispatchTest : public ::testing::Test, public VifRequestSink {
 
   FakeSender sender_;
   WorkerTable workers_;
-  std::unique_ptr<MessageDispatch> dispatch_;
+  MessageDispatch dispatch_{sender_, workers_, std::shared_ptr<ManagerRequests>(this, [](auto*) {})};
   std::vector<std::string> made_;
   std::unique_ptr<PortAttached> result_;
   std::mutex mutex_;  // guards ran_

@@ -23,6 +23,10 @@ class FakeSender : public MpaMessageSender {
                        const orlane::zem::switching::HostConfigMsg& m) override {
     return Add("HostConfig", c, r, m);
   }
+  bool SendHostConfigAckMsg(const std::string& r,
+                            const orlane::zem::switching::HostConfigAckMsg& m) override {
+    return Add("HostConfigAck", "", r, m);
+  }
   bool TnMmodeConfigReply(const std::string& c, const std::string& r,
                           const orlane::zem::switching::MaintenanceModeConfigResultMsg& m) override {
     return Add("TnMmode", c, r, m);
