@@ -22,6 +22,8 @@
 #include "app/zema/hostlib/endpoint_library.h"
 #include "app/zema/manager/mpa_message_sender.h"
 #include "app/zema/proxy/lum_handler.h"
+#include "app/zema/state/realization_options.h"
+#include "app/zema/workers/task_queues.h"
 #include "bench/logical-switches/bare_client.h"
 #include "framework/log/logger.h"
 #include "framework/node/host_identity.h"
@@ -73,6 +75,7 @@ Call Text(const std::string& command) {
 class Manager final : public zema::MpaMessageSender {
  public:
   using Text = const std::string&;
+  bool SendHostConfigAckMsg(const std::string&, const switching::HostConfigAckMsg&) override { return true; }
   bool HostConfigReply(Text, Text, const switching::HostConfigMsg&) override { return true; }
   bool TnMmodeConfigReply(Text, Text, const switching::MaintenanceModeConfigResultMsg&) override {
     return true;
@@ -123,14 +126,23 @@ void Require(bool condition, const std::string& what) {
 }
 
 // The agent's tasks, without the times between them, which are the product's choice.
-class Agent {
+class Agent final : public zema::TaskQueues {
  public:
   Agent(zema::LumHandler& lum, zema::EndpointLibrary& library) {
     host_.SetHostId("tn");
-    context_ = std::make_shared<zema::EndpointContext>(
-        lum, library, host_, &manager, [] { return 0; }, [](Duration) { return true; },
-        [this](std::unique_ptr<Runnable> task) { queue_.push_back(std::move(task)); });
+    zema::RealizationOptions options;
+    options.vtep_dhcp_ip_fetching_timeout = 0;
+    options_.Replace(std::move(options));
+    context_ = std::make_shared<zema::EndpointContext>(lum, library, host_, *this, options_, &manager,
+                                                       [](Duration) { return true; });
   }
+
+  bool AddTask(zema::Worker, std::unique_ptr<Runnable> task) override {
+    queue_.push_back(std::move(task));
+    return true;
+  }
+  void ClearTasks(zema::Worker) override { queue_.clear(); }
+  bool Has(zema::Worker) override { return true; }
 
   void Sync() {
     switching::VtepIPSyncMsg request;
@@ -169,6 +181,7 @@ class Agent {
   }
 
   HostIdentity host_;
+  zema::OptionsStore options_;
   std::shared_ptr<zema::EndpointContext> context_;
   std::vector<std::unique_ptr<Runnable>> queue_;
 };

@@ -65,17 +65,9 @@ Road::Road(const zema::LumSettings& settings) : lum_(std::make_unique<KeepingLum
     zema::EnqueueCovedbUpdate(workers_, kind, std::move(update), origin);
   };
   handler_ = std::make_shared<zema::CoveDbHandler>(handler);
-  context_ = std::make_shared<zema::LogicalSwitchContext>(*lum_, handler_);
-  context_->is_hypervisor = [] { return true; };
-  context_->options = [this] {
-    zema::RealizationOptions options;
-    options.opaque_network_apply_max = apply_max_;
-    return options;
-  };
-  context_->add_logical_switch_task = [this](std::unique_ptr<Runnable> task) {
-    return workers_.AddTask(zema::Worker::kLogicalSwitch, std::move(task));
-  };
-  context_->clear_logical_switch_tasks = [this] { workers_.ClearTasks(zema::Worker::kLogicalSwitch); };
+  SetApplyMax(1000);
+  context_ = std::make_shared<zema::LogicalSwitchContext>(*lum_, handler_, *this, *this, workers_, identity_,
+                                                          options_, state_, true);
   zema::WorkerFactory factory;
   factory.options = [] { return zema::WorkerOptions{.ls_msg_batch_interval = 5, .ls_msg_wait = 1}; };
   factory.ls_batcher = [this] { return std::make_unique<zema::LogicalSwitchMsgTask::Batcher>(context_); };
@@ -84,6 +76,12 @@ Road::Road(const zema::LumSettings& settings) : lum_(std::make_unique<KeepingLum
   };
   workers_.SetFactory(std::move(factory));
   if (workers_.StartTaskThreads() != 0) throw std::runtime_error("the workers do not start");
+}
+
+void Road::SetApplyMax(int most) {
+  zema::RealizationOptions options;
+  options.opaque_network_apply_max = most;
+  options_.Replace(std::move(options));
 }
 
 Road::~Road() {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -10,9 +9,12 @@
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/lswitch/logical_switch_context.h"
 #include "app/zema/proxy/lum_handler.h"
+#include "app/zema/state/host_config_state.h"
+#include "app/zema/state/realization_options.h"
 #include "app/zema/workers/worker_table.h"
 #include "bench/logical-switches/bare_client.h"
 #include "covedbclient/covedb_client.h"
+#include "framework/node/host_identity.h"
 #include "platform/provider/provider.h"
 #include "sim/store/store_daemon.h"
 
@@ -20,13 +22,18 @@ namespace zem::bench {
 
 /// The agent's part of the road: store client, store handler, workers, management proxy; and the store it
 /// hangs on. The calls to the proxy are kept, so that they can be sent again without it.
-class Road {
+class Road final : public zema::ZoneSwitchKinds, public zema::VifStateRealizer {
  public:
   using Instant = std::chrono::steady_clock::time_point;
 
   /// Throws when something does not start.
   explicit Road(const zema::LumSettings& settings);
-  ~Road();
+  ~Road() override;
+
+  // The benchmark has no zone of the host's own kind and no VIF.
+  bool IsKln(const std::string&) override { return false; }
+  void RemoveVif(const std::string&) override {}
+  bool ProcessVif(const std::string&) override { return false; }
 
   void Change(const orlane::zem::covedb::ModifyRequestMsg& request);
   /// From now on the store is watched.
@@ -41,7 +48,7 @@ class Road {
   std::vector<Call> TakeCalls(Instant* first);
 
   /// Switches in one command.
-  void SetApplyMax(int most) { apply_max_ = most; }
+  void SetApplyMax(int most);
 
  private:
   class KeepingLum;
@@ -54,8 +61,10 @@ class Road {
   std::shared_ptr<covedb::CoveDbClient> client_;
   zema::WorkerTable workers_;
   std::shared_ptr<zema::CoveDbHandler> handler_;
+  HostIdentity identity_;
+  zema::OptionsStore options_;
+  zema::HostConfigState state_;
   std::shared_ptr<zema::LogicalSwitchContext> context_;
-  std::atomic<int> apply_max_{1000};
 };
 
 }  // namespace zem::bench

@@ -173,7 +173,7 @@ void TaskThread::RunTask(std::unique_ptr<Runnable> task, Round round) {
   void* const address = task.get();
   ZLOG_DEBUG("TaskThread [%s:%p] runs task [%p]", name_.c_str(), self, address);
   try {
-    task->Run();
+    Execute(*task);
   } catch (const std::exception& e) {
     const char* const kind = round == Round::kLowPriority ? "low-priority task" : "task";
     ZLOG_ERROR("41004", "TaskThread [%s:%p] : %s [%p] threw exception [%s]", name_.c_str(), self, kind,

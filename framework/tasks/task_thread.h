@@ -52,6 +52,9 @@ class TaskThread : public Thread {
   size_t queue_length();
 
  protected:
+  /// Runs one task on this thread.  A worker overrides it when its tasks work on the worker itself.
+  virtual void Execute(Runnable& task) { task.Run(); }
+
   bool stopped() const { return stopped_ != 0; }
 
   using TaskList = std::list<std::unique_ptr<Runnable>>;

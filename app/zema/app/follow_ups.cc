@@ -3,6 +3,7 @@
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
 #include "app/zema/host/corvd_handler.h"
 #include "app/zema/ports/vif_request.h"
+#include "app/zema/workers/task_queues.h"
 #include "framework/log/log.h"
 
 namespace zem::zema {
@@ -33,18 +34,22 @@ void FollowUps::SetPrecreatedPorts(std::shared_ptr<PrecreatedPorts::Map> ports) 
 void FollowUps::BeginConfiguration() { ++endpoints_->configuration; }
 
 void FollowUps::FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int retries) {
-  endpoints_->add_post_host_sync_task(std::make_unique<VtepIpFetchingTask>(
-      endpoints_,
-      AddressFetchingTask::Event{origin.reply_to, origin.id, origin.transport_node_id, origin.revision},
-      devices, AddressFetchingTask::Tries{retries, false, endpoints_->configuration.load()}));
+  endpoints_->workers.AddTask(
+      Worker::kPostHostSync,
+      std::make_unique<VtepIpFetchingTask>(
+          endpoints_,
+          AddressFetchingTask::Event{origin.reply_to, origin.id, origin.transport_node_id, origin.revision},
+          devices, AddressFetchingTask::Tries{retries, false, endpoints_->configuration.load()}));
 }
 
 void FollowUps::FetchIpv6Addresses(const Origin& origin, const std::map<std::string, std::string>& kinds,
                                    int retries) {
-  endpoints_->add_post_host_sync_task(std::make_unique<VtepIpv6FetchingTask>(
-      endpoints_,
-      AddressFetchingTask::Event{origin.reply_to, origin.id, origin.transport_node_id, origin.revision},
-      kinds, AddressFetchingTask::Tries{retries, false, endpoints_->configuration.load()}));
+  endpoints_->workers.AddTask(
+      Worker::kPostHostSync,
+      std::make_unique<VtepIpv6FetchingTask>(
+          endpoints_,
+          AddressFetchingTask::Event{origin.reply_to, origin.id, origin.transport_node_id, origin.revision},
+          kinds, AddressFetchingTask::Tries{retries, false, endpoints_->configuration.load()}));
 }
 
 void FollowUps::WaitForHostManagement(int seconds) {

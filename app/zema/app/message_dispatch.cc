@@ -2,6 +2,7 @@
 
 #include <iterator>
 
+#include "app/zema/workers/worker_tasks.h"
 #include "framework/log/log.h"
 #include "framework/tasks/runnable.h"
 #include "proto/switching/switching.pb.h"
@@ -90,7 +91,7 @@ void MessageDispatch::TakeHostConfig(const Incoming& message) {
   if (parsed.has_revision()) ack.set_revision(parsed.revision());
   requests_->AcknowledgeHostConfig(message.origin.reply_to, ack);
   std::string error;
-  workers_.AddHostConfigTask(requests_->HostConfig(message.origin, std::move(parsed)), &error);
+  AddHostConfigTask(workers_, requests_->HostConfig(message.origin, std::move(parsed)), &error);
 }
 
 void MessageDispatch::TakeMaintenanceMode(const Incoming& message) {
@@ -143,7 +144,7 @@ void MessageDispatch::TakeVtepRecovery(const Incoming& message) {
     ZLOG_ERROR("44411", "Failed to create VtepRecoveryTask");
     return;
   }
-  workers_.AddVtepRecoveryTask(std::move(task));
+  AddVtepRecoveryTask(workers_, std::move(task));
 }
 
 void MessageDispatch::TakeVtepAdminState(const Incoming& message) {
@@ -157,7 +158,7 @@ void MessageDispatch::TakeVtepAdminState(const Incoming& message) {
     ZLOG_ERROR("44411", "Failed to create vtepAdminStateTask");
     return;
   }
-  workers_.AddVtepAdminStateTask(std::move(task));
+  AddVtepAdminStateTask(workers_, std::move(task));
 }
 
 void MessageDispatch::TakeVtepIpSync(const Incoming& message) {

@@ -15,7 +15,6 @@
 #include "app/zema/host/corvd_handler.h"
 #include "app/zema/hostconfig/high_performance_profile_task.h"
 #include "app/zema/hostconfig/host_config_context.h"
-#include "app/zema/hostconfig/host_config_state.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
 #include "app/zema/hostconfig/mmode_config_task.h"
 #include "app/zema/hostconfig/router_reconnection.h"
@@ -47,13 +46,16 @@
 #include "app/zema/proxy/lum_handler.h"
 #include "app/zema/resync/scale_sim_task.h"
 #include "app/zema/state/health_record.h"
+#include "app/zema/state/host_config_state.h"
 #include "app/zema/state/version_info.h"
 #include "app/zema/vif/precreated_port_maker.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "app/zema/vifqueue/vif_port_handler.h"
 #include "app/zema/workers/worker_table.h"
+#include "app/zema/workers/worker_tasks.h"
 #include "framework/log/log.h"
 #include "framework/node/host_identity.h"
+#include "framework/node/platform_info.h"
 #include "framework/process/shutdown_pipe.h"
 #include "framework/process/util.h"
 #include "framework/tasks/function_task.h"
@@ -236,20 +238,16 @@ void Realization::Impl::MakeManagers() {
   mmode_ =
       std::make_shared<MmodeContext>(MmodeContext{*lum_, *settings_.files, *health_, *manager_, &RunShell});
   follow_ups_ = std::make_unique<FollowUps>();
-  endpoint_tasks_ = std::make_shared<EndpointContext>(
-      *lum_, *endpoints_, Host(), settings_.sender,
-      [options] { return options->Snapshot().vtep_dhcp_ip_fetching_timeout; },
-      [this](Duration duration) { return Pause(duration); },
-      [workers = settings_.workers](std::unique_ptr<Runnable> task) {
-        workers->AddTask(Worker::kPostHostSync, std::move(task));
-      });
+  endpoint_tasks_ = std::make_shared<EndpointContext>(*lum_, *endpoints_, Host(), *settings_.workers,
+                                                      *options, settings_.sender,
+                                                      [this](Duration duration) { return Pause(duration); });
   follow_ups_->SetEndpoints(endpoint_tasks_);
   follow_ups_->SetUpdateTnUuid(settings_.update_tn_uuid);
   follow_ups_->SetTasks(
       [this](int initial_delay, int retry_interval) {
         const CklnHotSwapTask::Schedule schedule = [workers = settings_.workers](
                                                        std::unique_ptr<Runnable> task, int delay) {
-          workers->AddCklnHotSwapTask(std::move(task), delay);
+          AddCklnHotSwapTask(*workers, std::move(task), delay);
         };
         schedule(std::make_unique<CklnHotSwapTask>(*lum_, schedule, retry_interval), initial_delay);
       },
@@ -293,12 +291,10 @@ void Realization::Impl::MakeManagers() {
   vif_states_ = std::make_unique<PortVifStates>(*ports_, [this](std::shared_ptr<VifRequest> request) {
     follow_ups_->AddVifRequest(std::move(request));
   });
-  logical_switches_ = std::make_shared<LogicalSwitchContext>(*lum_, settings_.store);
-  logical_switches_->kinds = kinds_.get();
-  logical_switches_->vif_states = vif_states_.get();
+  logical_switches_ = std::make_shared<LogicalSwitchContext>(
+      *lum_, settings_.store, *kinds_, *vif_states_, *settings_.workers, Host(), *options, *settings_.state,
+      (Tarvik::GetNodeType() & Tarvik::kNodeQub) != 0);
   logical_switches_->sender = settings_.sender;
-  logical_switches_->options = [options] { return options->Snapshot(); };
-  logical_switches_->del_zem_running = [state = settings_.state] { return state->del_zem_running.load(); };
 }
 
 void Realization::Impl::RunLater(Duration delay, std::function<void()> work) {
@@ -334,8 +330,8 @@ void Realization::Impl::ScheduleHighPerformance() {
   };
   settings.pause = [this](Duration duration) { return Pause(duration); };
   settings.done = [this] { high_performance_running_ = false; };
-  if (!settings_.workers->AddHighPerformanceProfileTask(
-          std::make_unique<HighPerformanceProfileTask>(std::move(settings)))) {
+  if (!AddHighPerformanceProfileTask(*settings_.workers,
+                                     std::make_unique<HighPerformanceProfileTask>(std::move(settings)))) {
     high_performance_running_ = false;
   }
 }

@@ -6,6 +6,8 @@
 #include "app/zema/manager/mpa_message_sender.h"
 #include "app/zema/proxy/lum_commands.h"
 #include "app/zema/proxy/lum_reply.h"
+#include "app/zema/state/realization_options.h"
+#include "app/zema/workers/task_queues.h"
 #include "framework/log/log.h"
 #include "framework/node/host_identity.h"
 #include "framework/tasks/function_task.h"
@@ -98,7 +100,8 @@ void AddressFetchingTask::Run() {
     return;
   }
   if (Superseded()) return;
-  if (!context_->pause(std::chrono::seconds(context_->fetching_timeout()))) return;
+  if (!context_->pause(std::chrono::seconds(context_->options.Snapshot().vtep_dhcp_ip_fetching_timeout)))
+    return;
   if (Superseded()) return;
   if (!context_->host.id()) {
     ZLOG_INFO("%s", family_.no_host);
@@ -183,7 +186,7 @@ void AddressFetchingTask::Retry(Devices devices) {
         : AddressFetchingTask(from.family_, from.context_, from.event_, std::move(left),
                               {from.tries_.retries - 1, false, from.tries_.configuration}) {}
   };
-  context_->add_post_host_sync_task(std::make_unique<Successor>(*this, std::move(devices)));
+  context_->workers.AddTask(Worker::kPostHostSync, std::make_unique<Successor>(*this, std::move(devices)));
 }
 
 VtepIpFetchingTask::VtepIpFetchingTask(std::shared_ptr<EndpointContext> context, Event event,

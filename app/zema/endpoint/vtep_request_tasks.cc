@@ -8,6 +8,7 @@
 #include "app/zema/hostlib/endpoint_library.h"
 #include "app/zema/manager/mpa_message_sender.h"
 #include "app/zema/proxy/host_switch_lists.h"
+#include "app/zema/workers/task_queues.h"
 #include "framework/log/log.h"
 #include "framework/process/util.h"
 
@@ -116,11 +117,13 @@ void VtepIPSync(const std::shared_ptr<EndpointContext>& context, const std::stri
                                            host_switch.device_name().end());
     const std::string& type = host_switch.address_type();
     if (type == kDhcp) {
-      context->add_post_host_sync_task(std::make_unique<VtepIpFetchingTask>(context, event, devices, once));
+      context->workers.AddTask(Worker::kPostHostSync,
+                               std::make_unique<VtepIpFetchingTask>(context, event, devices, once));
     } else if (type == kDhcpv6 || type == kAutoConf) {
       std::map<std::string, std::string> kinds;
       for (const std::string& device : devices) kinds[device] = type == kDhcpv6 ? "dhcp" : "linklayer";
-      context->add_post_host_sync_task(std::make_unique<VtepIpv6FetchingTask>(context, event, kinds, once));
+      context->workers.AddTask(Worker::kPostHostSync,
+                               std::make_unique<VtepIpv6FetchingTask>(context, event, kinds, once));
     }
   }
 }

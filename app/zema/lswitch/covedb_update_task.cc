@@ -38,26 +38,28 @@ CovedbUpdateTask::CovedbUpdateTask(std::shared_ptr<CoveDbHandler> store, uint64_
 
 void CovedbUpdateTask::Run() {
   NameThread();
-  if (kind_ == CovedbUpdateKind::kProcessedBarrier) {
-    if (store_ && barrier_ != 0) store_->WriteProcessedBarrier(barrier_);
-    return;
-  }
-  DbSvcTaskThread* const thread = DbSvcTaskThread::Current();
-  if (thread == nullptr) {
+  if (kind_ != CovedbUpdateKind::kProcessedBarrier) {
     ZLOG_ERROR("44098", "[%s] kind %d of CovedbUpdate belongs to databaseHandlerThread", __func__,
                static_cast<int>(kind_));
     return;
   }
+  if (store_ && barrier_ != 0) store_->WriteProcessedBarrier(barrier_);
+}
+
+void CovedbUpdateTask::RunOn(DbSvcTaskThread& thread) {
   switch (kind_) {
     case CovedbUpdateKind::kEndOfTransaction:
-      return thread->RealizeLogicalSwitch(origin_);
+      NameThread();
+      return thread.RealizeLogicalSwitch(origin_);
     case CovedbUpdateKind::kSyncPending:
-      return thread->SyncPending(origin_.epoch);
+      NameThread();
+      return thread.SyncPending(origin_.epoch);
     case CovedbUpdateKind::kObject:
     case CovedbUpdateKind::kVifState:
-      return RunObject(*thread);
+      NameThread();
+      return RunObject(thread);
     case CovedbUpdateKind::kProcessedBarrier:
-      break;
+      return Run();
   }
 }
 

@@ -23,7 +23,11 @@ class CovedbUpdateTask final : public MpaMessageTask<orlane::zem::covedb::Monito
   CovedbUpdateTask(std::shared_ptr<CoveDbHandler> store, uint64_t barrier, uint64_t epoch);
 
   bool IsBatchable() const override { return false; }
+  /// The processed barrier, which runs on any worker.  Every other kind needs the database handler and logs
+  /// an error.
   void Run() override;
+  /// Any kind, on the database handler.
+  void RunOn(DbSvcTaskThread& thread);
 
   CovedbUpdateKind kind() const { return kind_; }
   uint64_t barrier() const { return barrier_; }

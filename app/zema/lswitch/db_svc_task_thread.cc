@@ -14,6 +14,7 @@
 #include "app/zema/lswitch/logical_switch_msg_task.h"
 #include "app/zema/manager/mpa_message_sender.h"
 #include "app/zema/proxy/lum_commands.h"
+#include "app/zema/workers/task_queues.h"
 #include "covedbclient/codec/address_codec.h"
 #include "framework/log/log.h"
 #include "platform/wft/workflow_util.h"
@@ -35,8 +36,6 @@ constexpr LogSource kLog{"tarvik", "zema"};
 constexpr size_t kFullSyncChunk = 100;
 constexpr uint32_t kBegin = 0;
 constexpr uint32_t kContinue = 1;
-
-thread_local DbSvcTaskThread* current = nullptr;
 
 int OperationOf(const DbSvcTaskThread::Update& update) {
   ObjectOpMsg op;
@@ -74,13 +73,13 @@ DbSvcTaskThread::DbSvcTaskThread(std::string name, std::shared_ptr<LogicalSwitch
 
 DbSvcTaskThread::~DbSvcTaskThread() { StopAndJoin(); }
 
-void DbSvcTaskThread::Run() {
-  current = this;
-  TaskThread::Run();
-  current = nullptr;
+void DbSvcTaskThread::Execute(Runnable& task) {
+  if (auto* const update = dynamic_cast<CovedbUpdateTask*>(&task)) {
+    update->RunOn(*this);
+  } else {
+    task.Run();
+  }
 }
-
-DbSvcTaskThread* DbSvcTaskThread::Current() { return current; }
 
 void DbSvcTaskThread::RemovePendingLs(const std::string& uuid) {
   context_->store->pending().RemovePendingLs(uuid);
@@ -126,7 +125,8 @@ void DbSvcTaskThread::SetLastBarrier(uint64_t barrier) {
 
 // Behind the switch tasks that are queued already: the barrier says that they are done.
 void DbSvcTaskThread::AddBarrierTask() {
-  (void)context_->add_logical_switch_task(
+  (void)context_->workers.AddTask(
+      Worker::kLogicalSwitch,
       std::make_unique<CovedbUpdateTask>(context_->store, last_barrier_, context_->fence.epoch()));
 }
 
@@ -208,7 +208,7 @@ bool DbSvcTaskThread::QueueLogicalSwitch(const orlane::zem::switching::LogicalSw
     RemovePendingLs(uuid);
     return false;
   }
-  return context_->add_logical_switch_task(std::move(task));
+  return context_->workers.AddTask(Worker::kLogicalSwitch, std::move(task));
 }
 
 void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t epoch) {
@@ -221,7 +221,7 @@ void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t
     // A flush waits for the same lock before it clears the host.
     if (IsVoid(epoch)) return;
     ClearPendingLs();
-    context_->clear_logical_switch_tasks();
+    context_->workers.ClearTasks(Worker::kLogicalSwitch);
     context_->fence.Supersede();
     done = SendFullSync(sync, &error);
   }
@@ -340,8 +340,8 @@ void DbSvcTaskThread::RealizeVifState(const Update& update) {
   }
   const std::string vif = UUID_ToString(state.vif_id());
   if (op.operation() == ObjectOpMsg::DELETE) {
-    context_->vif_states->RemoveVif(vif);
-  } else if (context_->vif_states->ProcessVif(vif)) {
+    context_->vif_states.RemoveVif(vif);
+  } else if (context_->vif_states.ProcessVif(vif)) {
     ZLOG_INFO("Enqueued a task to CorvdHandler to process VifStateMsg for VIF [%s]", vif.c_str());
   } else {
     ZLOG_INFO("VifRequest does not exist for VIF [%s]. Skipping to process VifStateMsg", vif.c_str());

@@ -30,11 +30,6 @@ class DbSvcTaskThread final : public TaskThread {
   DbSvcTaskThread(std::string name, std::shared_ptr<LogicalSwitchContext> context);
   ~DbSvcTaskThread() override;
 
-  void Run() override;
-
-  /// The worker whose task the calling thread runs; null elsewhere.
-  static DbSvcTaskThread* Current();
-
   // From any thread; what is pending belongs to the store handler and outlives the worker.
   void RemovePendingLs(const std::string& uuid);
   std::vector<std::string> GetPendingLsKeys();
@@ -51,6 +46,10 @@ class DbSvcTaskThread final : public TaskThread {
   // For the same thread, and for tests while it waits.
   uint64_t last_barrier() const { return last_barrier_; }
   bool full_sync_pending() const { return full_sync_pending_; }
+
+ protected:
+  /// Updates change what this worker gathers, so they run on it.
+  void Execute(Runnable& task) override;
 
  private:
   struct FullSync;

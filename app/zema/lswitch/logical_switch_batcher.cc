@@ -9,6 +9,9 @@
 #include "app/zema/lswitch/logical_switch_ack_task.h"
 #include "app/zema/manager/mpa_message_sender.h"
 #include "app/zema/proxy/lum_commands.h"
+#include "app/zema/state/host_config_state.h"
+#include "app/zema/state/realization_options.h"
+#include "app/zema/workers/task_queues.h"
 #include "framework/log/log.h"
 
 // A batch is first planned into chunks, then sent: only so is it known which chunk is the last one of the
@@ -163,7 +166,7 @@ void LogicalSwitchMsgTask::Batcher::ReadSkipped() {
 
 void LogicalSwitchMsgTask::Batcher::DeleteLsInCorvd(const std::string& reply_to,
                                                     const std::set<std::string>& uuids) {
-  const auto limit = static_cast<size_t>(context_->options().opaque_network_delete_max);
+  const auto limit = static_cast<size_t>(context_->options.Snapshot().opaque_network_delete_max);
   Chunk chunk{reply_to, false};
   for (const std::string& uuid : uuids) {
     if (uuid.find(',') != std::string::npos || !IsListable(uuid)) {
@@ -181,10 +184,10 @@ void LogicalSwitchMsgTask::Batcher::DeleteLsInCorvd(const std::string& reply_to,
 }
 
 void LogicalSwitchMsgTask::Batcher::ApplyLsInCorvd(const std::string& reply_to, const Zones& zones) {
-  const auto limit = static_cast<size_t>(context_->options().opaque_network_apply_max);
+  const auto limit = static_cast<size_t>(context_->options.Snapshot().opaque_network_apply_max);
   Chunk chunk{reply_to, true};
   for (const auto& [zone, switches] : zones) {
-    const bool kln = context_->kinds->IsKln(zone);
+    const bool kln = context_->kinds.IsKln(zone);
     for (const auto& [uuid, record] : switches) {
       AddToChunk(zone, kln, uuid, record, &chunk);
       CloseChunk(&chunk, limit);
@@ -266,7 +269,7 @@ void LogicalSwitchMsgTask::Batcher::Send(const Chunk& chunk, bool last_of_store)
 
 bool LogicalSwitchMsgTask::Batcher::CallLumOpaqueNetwork(bool is_apply, const std::string& payload,
                                                          std::string* error) {
-  if (context_->del_zem_running()) {
+  if (context_->state.del_zem_running) {
     ZLOG_WARN("[%s] did NOT apply logical switch [%s] to corvd because del zem is running\n", __func__,
               payload.c_str());
     *error = "del zem is running";
@@ -289,10 +292,10 @@ void LogicalSwitchMsgTask::Batcher::SendAck(const Chunk& chunk, uint64_t barrier
   if (IsStore(chunk.reply_to)) return SendAckToStore(chunk, barrier, last_of_store);
   MpaMessageSender* const sender = senders_[chunk.reply_to];
   if (sender == nullptr) return;
-  if (context_->has_ack_worker()) {
+  if (context_->workers.Has(Worker::kLsBatchAck)) {
     for (const auto& [uuid, revision] : chunk.acks) {
-      (void)context_->add_ack_task(
-          std::make_unique<LogicalSwitchAckTask>(uuid, revision, chunk.reply_to, sender));
+      (void)context_->workers.AddTask(Worker::kLsBatchAck, std::make_unique<LogicalSwitchAckTask>(
+                                                               uuid, revision, chunk.reply_to, sender));
     }
     ZLOG_INFO("[%s] added [%lu] ackTask to lsBatchAckThread\n", __func__,
               static_cast<unsigned long>(chunk.acks.size()));

@@ -5,6 +5,7 @@
 
 #include "app/zema/covedb/covedb_handler.h"
 #include "framework/log/log.h"
+#include "framework/node/host_identity.h"
 
 namespace zem::zema {
 namespace {
@@ -37,7 +38,7 @@ std::unique_ptr<LogicalSwitchMsgTask> LogicalSwitchMsgTask::CreateTask(
     const LogicalSwitchContext& context, const orlane::zem::switching::LogicalSwitchMsg& message,
     MpaMessageSender* sender, const std::string& reply_to, uint64_t barrier,
     std::optional<uint64_t> generation) {
-  if (!context.is_hypervisor()) {
+  if (!context.hypervisor) {
     ZLOG_INFO("[%s] skip LogicalSwitchMsg for non-QUB host\n", __func__);
     return nullptr;
   }
@@ -58,7 +59,7 @@ std::unique_ptr<LogicalSwitchMsgTask> LogicalSwitchMsgTask::CreateTask(
 
 bool LogicalSwitchMsgTask::AddLogicalSwitchUpdate(const LogicalSwitchContext& context,
                                                   LogicalSwitchMsgTask* task, const Info& info) {
-  const auto host_id = info.target_host_id_size() > 0 ? context.host_id() : std::nullopt;
+  const auto host_id = info.target_host_id_size() > 0 ? context.host.id() : std::nullopt;
   if (host_id && std::find(info.target_host_id().begin(), info.target_host_id().end(), *host_id) ==
                      info.target_host_id().end()) {
     ZLOG_INFO("[%s] not a targeted hosts for this LS update, bail out without ACK\n", __func__);

@@ -206,6 +206,11 @@ std::string OptionsStore::Reload() {
   return {};
 }
 
+void OptionsStore::Replace(RealizationOptions options) {
+  const Synchronizer lock(lock_, __FILE__, __LINE__);
+  options_ = std::move(options);
+}
+
 RealizationOptions OptionsStore::Snapshot() {
   const Synchronizer lock(lock_, __FILE__, __LINE__);
   return options_;

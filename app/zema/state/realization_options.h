@@ -86,6 +86,9 @@ class OptionsStore {
 
   explicit OptionsStore(std::string file = kDefaultFile) : file_(std::move(file)) {}
 
+  /// Puts a whole record in force, in place of reading one.
+  void Replace(RealizationOptions options);
+
   /// Reads the file, or what the arguments name instead ("-config=PATH", "-d", "clear", "-f").  0, or -1 with
   /// the options as they were.
   [[nodiscard]] int Parse(const std::vector<std::string>& arguments, const HostVersion& host);

@@ -21,8 +21,6 @@ constexpr std::array kDeleteOrder = {
 };
 static_assert(kStopOrder.size() == kWorkerCount && kDeleteOrder.size() == kWorkerCount);
 
-constexpr const char* kNoHostConfigThread = "HostConfigTask is ignored because of no HostConfig thread.";
-
 }  // namespace
 
 struct WorkerTable::Row {
@@ -118,7 +116,7 @@ int WorkerTable::StartTaskThreads() {
   return 0;
 }
 
-int WorkerTable::StartOne(Worker worker, const char* operation) {
+int WorkerTable::StartWorker(Worker worker, const char* operation) {
   const Synchronizer lock(table_lock_, __FILE__, __LINE__);
   return StartLocked(Rows()[static_cast<size_t>(worker)], WorkerOptions(), operation);
 }
@@ -215,38 +213,12 @@ void WorkerTable::ClearTasks(Worker worker) {
   if (TaskThread* const thread = Slot(worker).get()) thread->Clear();
 }
 
-bool WorkerTable::Offer(Worker worker, std::unique_ptr<Runnable> task, const char* kind, const char* thread) {
-  const void* const address = task.get();
-  if (AddTask(worker, std::move(task))) return true;
-  ZLOG_WARN("%s [%p] is ignored because of no %s thread.", kind, address, thread);
-  return false;
-}
-
-bool WorkerTable::AddHostConfigTask(std::unique_ptr<Runnable> task, std::string* error) {
-  if (Offer(Worker::kHostSync, std::move(task), "HostConfigTask", "HostConfig")) return true;
-  if (error != nullptr) *error = kNoHostConfigThread;
-  return false;
-}
-
-bool WorkerTable::AddVtepRecoveryTask(std::unique_ptr<Runnable> task) {
-  return Offer(Worker::kHostSync, std::move(task), "VtepRecoveryTask", "HostConfig");
-}
-
-bool WorkerTable::AddVtepAdminStateTask(std::unique_ptr<Runnable> task) {
-  return Offer(Worker::kHostSync, std::move(task), "vtepAdminStateTask", "HostConfig");
-}
-
-bool WorkerTable::AddHighPerformanceProfileTask(std::unique_ptr<Runnable> task) {
-  return Offer(Worker::kHighPerformanceProfile, std::move(task), "highPerformanceProfileTask",
-               "highPerformanceProfile");
-}
-
-bool WorkerTable::AddCklnHotSwapTask(std::unique_ptr<Runnable> task, int delay_seconds) {
+std::optional<bool> WorkerTable::AddLowPriorityTask(Worker worker, std::unique_ptr<Runnable> task,
+                                                    int delay_seconds) {
   const Synchronizer lock(table_lock_, __FILE__, __LINE__);
-  TaskThread* const thread = Slot(Worker::kHostSync).get();
-  if (thread != nullptr) return thread->AddLowPriorityTask(std::move(task), delay_seconds);
-  ZLOG_WARN("HotSwapUnusedCkln Task is ignored because of no HostConfig thread.");
-  return false;
+  TaskThread* const thread = Slot(worker).get();
+  if (thread == nullptr) return std::nullopt;
+  return thread->AddLowPriorityTask(std::move(task), delay_seconds);
 }
 
 TaskThread* WorkerTable::Find(Worker worker) {

@@ -4,25 +4,15 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "app/zema/workers/task_queues.h"
 #include "framework/tasks/batch_task_thread.h"
 #include "framework/tasks/synchronizable.h"
 
 namespace zem::zema {
 
-/// The workers, in order of start.
-enum class Worker {
-  kLsBatchAck,
-  kLogicalSwitch,
-  kHostSync,
-  kPostHostSync,
-  kController,
-  kHighPerformanceProfile,
-  kDatabaseHandler,
-  kScaleSim,
-  kCount,
-};
 inline constexpr size_t kWorkerCount = static_cast<size_t>(Worker::kCount);
 
 /// The options of the realization that decide about workers; seconds.
@@ -48,7 +38,7 @@ struct WorkerFactory {
 /// The realization's workers: started together, stopped together, made anew for the next start.
 ///
 /// Threads: all operations from any thread, but starts, stops and deletions one at a time.
-class WorkerTable {
+class WorkerTable final : public TaskQueues {
  public:
   /// Before the first start.
   void SetFactory(WorkerFactory factory);
@@ -63,50 +53,40 @@ class WorkerTable {
   /// After StopTaskThreads; then a next life of the agent in this process may start them.
   void DeleteTaskThreadObjects();
 
-  /// These start one worker ahead of the others; nothing when it runs already.  0, or -1 with an error line.
-  int StartHostSyncTaskThread() { return StartOne(Worker::kHostSync, __func__); }
-  int StartControllerTaskThread() { return StartOne(Worker::kController, __func__); }
-  int StartHighPerformanceProfileTaskThread() { return StartOne(Worker::kHighPerformanceProfile, __func__); }
+  /// Starts one worker ahead of the others; does nothing when it runs already.  Returns 0, or -1 with an
+  /// error line that names the `operation`.
+  int StartWorker(Worker worker, const char* operation);
 
   int StartSwitchHandler();
   void StopSwitchHandler();
 
   void SetZemaShutDown() { shut_down_ = true; }
-  bool IsZemaShutDown() const { return shut_down_; }
 
-  /// Gives the task to the worker; false, with the task destroyed, when there is none or when it is a stopped
-  /// one that batches.  The others, once stopped, take a task and destroy it.
-  bool AddTask(Worker worker, std::unique_ptr<Runnable> task);
+  bool AddTask(Worker worker, std::unique_ptr<Runnable> task) override;
+  void ClearTasks(Worker worker) override;
+  bool Has(Worker worker) override { return Find(worker) != nullptr; }
 
-  /// Whether the worker has room for what another process asks for; a refusal is logged and counted.  A
-  /// worker that is not there has: AddTask says the rest.
-  [[nodiscard]] bool TakesRequest(Worker worker);
-
-  /// The same for a worker that does not batch, without waking it.
+  /// As AddTask for a worker that does not batch, without waking it.
   bool AddTaskAsleep(Worker worker, std::unique_ptr<Runnable> task);
 
-  /// Destroys what waits in the worker's queue; nothing when there is no such worker.
-  void ClearTasks(Worker worker);
+  /// Hands over a task for a time without other work.  Returns whether the worker took it, and nothing when
+  /// there is no such worker; the task is destroyed unless it was taken.
+  std::optional<bool> AddLowPriorityTask(Worker worker, std::unique_ptr<Runnable> task, int delay_seconds);
 
-  // The tasks whose worker may be missing: a line is logged and the task destroyed.  `error` may be null.
-  bool AddHostConfigTask(std::unique_ptr<Runnable> task, std::string* error);
-  bool AddVtepRecoveryTask(std::unique_ptr<Runnable> task);
-  bool AddVtepAdminStateTask(std::unique_ptr<Runnable> task);
-  bool AddHighPerformanceProfileTask(std::unique_ptr<Runnable> task);
-  bool AddCklnHotSwapTask(std::unique_ptr<Runnable> task, int delay_seconds);
+  /// Whether the worker has room for a request of another process; a refusal is logged and counted.  An
+  /// absent worker has room: AddTask then says that it is absent.
+  [[nodiscard]] bool TakesRequest(Worker worker);
 
-  /// For the lookup of one worker, null when absent; valid until DeleteTaskThreadObjects.
+  /// The worker, or null when it is absent; valid until DeleteTaskThreadObjects.
   TaskThread* Find(Worker worker);
 
  private:
   struct Row;
   static const std::array<Row, kWorkerCount>& Rows();
 
-  int StartOne(Worker worker, const char* operation);
   int StartLocked(const Row& row, const WorkerOptions& options, const char* operation);
   std::unique_ptr<TaskThread> Make(const Row& row, const WorkerOptions& options);
   std::unique_ptr<TaskThread>& Slot(Worker worker) { return workers_[static_cast<size_t>(worker)]; }
-  bool Offer(Worker worker, std::unique_ptr<Runnable> task, const char* kind, const char* thread);
 
   Synchronizable table_lock_;  // guards all below
   WorkerFactory factory_;
@@ -121,10 +101,10 @@ WorkerTable& Workers();
 inline int StartTaskThreads() { return Workers().StartTaskThreads(); }
 inline void StopTaskThreads() { Workers().StopTaskThreads(); }
 inline void DeleteTaskThreadObjects() { Workers().DeleteTaskThreadObjects(); }
-inline int StartHostSyncTaskThread() { return Workers().StartHostSyncTaskThread(); }
-inline int StartControllerTaskThread() { return Workers().StartControllerTaskThread(); }
+inline int StartHostSyncTaskThread() { return Workers().StartWorker(Worker::kHostSync, __func__); }
+inline int StartControllerTaskThread() { return Workers().StartWorker(Worker::kController, __func__); }
 inline int StartHighPerformanceProfileTaskThread() {
-  return Workers().StartHighPerformanceProfileTaskThread();
+  return Workers().StartWorker(Worker::kHighPerformanceProfile, __func__);
 }
 inline int StartSwitchHandler() { return Workers().StartSwitchHandler(); }
 inline void StopSwitchHandler() { Workers().StopSwitchHandler(); }

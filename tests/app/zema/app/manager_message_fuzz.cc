@@ -33,6 +33,7 @@
 #include "proto/covedb/switching_objects.pb.h"
 #include "proto/switching/switching.pb.h"
 #include "tests/app/zema/lswitch/checking_lum.h"
+#include "tests/app/zema/lswitch/fake_host_parts.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/app/zema/state/no_publisher.h"
 #include "tests/support/silent_log.h"
@@ -67,12 +68,6 @@ class NoVifs : public VifSender {
 // Runs each task at once, in place of its worker.
 class HostInHand final : public ManagerRequests {
  public:
-  HostInHand() {
-    switches->is_hypervisor = [] { return true; };
-    switches->host_id = [] { return std::make_optional<std::string>("host-1"); };
-    switches->has_ack_worker = [] { return false; };
-  }
-
   void Receive(const char* type, std::string_view payload) {
     dispatch.ProcessReceiveMessages("session:1", std::string("com.orlane.zem.switching.") + type, payload,
                                     "c", "r");
@@ -187,12 +182,12 @@ class HostInHand final : public ManagerRequests {
   ZemManager manager{vifs, {[] { return std::nullopt; }, [] { return 25; }}};
   EndpointLibrary library;
   HostIdentity identity;
-  std::shared_ptr<LogicalSwitchContext> switches = std::make_shared<LogicalSwitchContext>(lum, nullptr);
+  FakeHostParts parts{"host-1"};
+  std::shared_ptr<LogicalSwitchContext> switches = parts.Context(lum, nullptr, workers);
   std::shared_ptr<MmodeContext> mmode = std::make_shared<MmodeContext>(
       MmodeContext{lum, files, health, manager, [](const std::string&, std::string*) { return 0; }});
   std::shared_ptr<EndpointContext> endpoints = std::make_shared<EndpointContext>(
-      lum, library, identity, &sender, [] { return 0; }, [](Duration) { return false; },
-      [](const std::unique_ptr<Runnable>&) {});
+      lum, library, identity, workers, parts.options, &sender, [](Duration) { return false; });
   MessageDispatch dispatch{sender, workers, std::shared_ptr<ManagerRequests>(this, [](auto*) {})};
 };
 

@@ -144,7 +144,7 @@ TEST_F(MessageDispatchTest, ARequestTooManyIsAnsweredWithItsReason) {
   workers_.StopTaskThreads();
   workers_.DeleteTaskThreadObjects();
   TaskThread* worker = nullptr;
-  ASSERT_EQ(workers_.StartHostSyncTaskThread(), 0);
+  ASSERT_EQ(workers_.StartWorker(Worker::kHostSync, "StartHostSyncTaskThread"), 0);
   worker = workers_.Find(Worker::kHostSync);
   Condition changed;
   bool busy = false;

@@ -3,6 +3,8 @@
 #include "app/zema/endpoint/vtep_ip_fetching_task.h"
 #include "app/zema/endpoint/vtep_request_tasks.h"
 #include "app/zema/hostlib/endpoint_library.h"
+#include "app/zema/state/realization_options.h"
+#include "app/zema/workers/task_queues.h"
 #include "framework/node/host_identity.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/app/zema/proxy/fake_lum_commands.h"
@@ -28,18 +30,24 @@ class Addresses : public FakeLumCommands {
   std::vector<std::string> asked;
 };
 
-class EndpointTasksTest : public ::testing::Test {
+class EndpointTasksTest : public ::testing::Test, public TaskQueues {
  protected:
   EndpointTasksTest() {
     host_.SetHostId("tn");
-    context_ = std::make_shared<EndpointContext>(
-        lum_, library_, host_, &sender_, [] { return 8; },
-        [this](Duration duration) {
-          waited_ += duration;
-          return true;
-        },
-        [this](std::unique_ptr<Runnable> task) { queue_.push_back(std::move(task)); });
+    context_ = std::make_shared<EndpointContext>(lum_, library_, host_, *this, options_, &sender_,
+                                                 [this](Duration duration) {
+                                                   waited_ += duration;
+                                                   return true;
+                                                 });
   }
+
+  bool AddTask(Worker worker, std::unique_ptr<Runnable> task) override {
+    EXPECT_EQ(worker, Worker::kPostHostSync);
+    queue_.push_back(std::move(task));
+    return true;
+  }
+  void ClearTasks(Worker) override { queue_.clear(); }
+  bool Has(Worker) override { return true; }
 
   void RunQueue() {
     while (!queue_.empty()) {
@@ -53,6 +61,7 @@ class EndpointTasksTest : public ::testing::Test {
   Addresses lum_;
   EndpointLibrary library_{"libnone.so"};
   HostIdentity host_;
+  OptionsStore options_;  // 8 s between two tries
   FakeSender sender_;
   Duration waited_{0};
   std::vector<std::unique_ptr<Runnable>> queue_;

@@ -7,6 +7,7 @@
 #include "platform/core/thread.h"
 #include "proto/covedb/runtime_objects.pb.h"
 #include "tests/app/zema/covedb/store_fixture.h"
+#include "tests/app/zema/lswitch/fake_host_parts.h"
 #include "tests/app/zema/lswitch/fake_networks.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 
@@ -37,12 +38,7 @@ LogicalSwitchMsg Message(const std::string& uuid, int revision, Operation operat
   return message;
 }
 
-class KlnZone : public ZoneSwitchKinds {
- public:
-  bool IsKln(const std::string& zone) override { return zone == "kln"; }
-};
-
-class BatcherTest : public StoreFixture {
+class BatcherTest : public StoreFixture, public TaskQueues {
  protected:
   BatcherTest() {
     CoveDbHandler::Settings settings;
@@ -55,19 +51,18 @@ class BatcherTest : public StoreFixture {
     handler = std::make_shared<CoveDbHandler>(std::move(settings));
     client->StartAsync();
     clock.RunFor(1s);
-    context = std::make_shared<LogicalSwitchContext>(host, handler);
-    context->is_hypervisor = [this] { return hypervisor; };
-    context->host_id = [] { return std::make_optional<std::string>("host-1"); };
-    context->has_ack_worker = [this] { return acks != nullptr; };
-    context->add_ack_task = [this](std::unique_ptr<Runnable> task) {
-      acks->AddTask(task.get());
-      return true;
-    };
-    context->options = [this] { return options; };
-    context->kinds = &zones;
+    context = parts.Context(host, handler, *this);
     batcher = std::make_unique<LogicalSwitchMsgTask::Batcher>(context);
   }
   ~BatcherTest() override { handler.reset(); }
+
+  bool AddTask(Worker worker, std::unique_ptr<Runnable> task) override {
+    if (worker != Worker::kLsBatchAck) return false;
+    acks->AddTask(task.get());
+    return true;
+  }
+  void ClearTasks(Worker) override {}
+  bool Has(Worker worker) override { return worker == Worker::kLsBatchAck && acks != nullptr; }
 
   bool Add(const LogicalSwitchMsg& message, const std::string& reply_to = "mp", uint64_t barrier = 0) {
     MpaMessageSender* const sender = reply_to == "covedb" ? nullptr : &manager;
@@ -94,9 +89,7 @@ class BatcherTest : public StoreFixture {
            "\" }";
   }
 
-  bool hypervisor = true;
-  RealizationOptions options;
-  KlnZone zones;
+  FakeHostParts parts{"host-1"};
   FakeNetworks host;
   FakeSender manager;
   LogicalSwitchBatchMsgTask* acks = nullptr;
@@ -159,13 +152,15 @@ TEST_F(BatcherTest, AnUpdateThatIsNotForThisHostOrLacksAFieldIsRefused) {
     info->add_target_host_id("host-2");
     info->add_target_host_id("host-1");
   })));
-  hypervisor = false;
+  context = parts.Context(host, handler, *this, false);
   EXPECT_FALSE(Add(Message(kA, 5)));
 }
 
 TEST_F(BatcherTest, ChunksEndAtTheLimitAndAnEmptyRestSendsNothing) {
+  RealizationOptions options;
   options.opaque_network_apply_max = 2;
   options.opaque_network_delete_max = 1;
+  parts.options.Replace(options);
   for (const std::string& uuid : {kA, kB}) {
     Add(Message(uuid, 1));
     Add(Message("d" + uuid, 1, kClear));
@@ -247,7 +242,9 @@ TEST_F(BatcherTest, ABarrierRunsAtOnceOrGoesWithTheBatch) {
 
 // Until the last chunk it is not true that everything up to the barrier is realized.
 TEST_F(BatcherTest, TheBarrierGoesOutWithTheLastChunk) {
+  RealizationOptions options;
   options.opaque_network_apply_max = 1;
+  parts.options.Replace(options);
   std::vector<std::vector<std::string>> seen;
   host.on_call = [&](const std::string&) {
     clock.RunFor(1s);
@@ -271,7 +268,7 @@ TEST_F(BatcherTest, WhatFailsIsTheStoresToReadAgainAndNotAcknowledged) {
   Add(Message(kB, 2));
   Run();
   EXPECT_THAT(manager.Take(), IsEmpty());
-  context->del_zem_running = [] { return true; };
+  parts.state.del_zem_running = true;
   host.TakeCalls();
   Add(Message(kB, 3));
   Run();

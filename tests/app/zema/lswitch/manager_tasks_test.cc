@@ -4,6 +4,7 @@
 #include "app/zema/hostconfig/host_profile_task.h"
 #include "app/zema/hostconfig/restore_task.h"
 #include "app/zema/lswitch/logical_switch_full_sync_task.h"
+#include "tests/app/zema/lswitch/fake_host_parts.h"
 #include "tests/app/zema/lswitch/fake_networks.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/support/log_capture.h"
@@ -23,7 +24,9 @@ class ManagerTasksTest : public testing::Test {
   FakeNetworks host;
   FakeSender manager;
   test::LogCapture log;
-  std::shared_ptr<LogicalSwitchContext> context = std::make_shared<LogicalSwitchContext>(host, nullptr);
+  WorkerTable workers;
+  FakeHostParts parts;
+  std::shared_ptr<LogicalSwitchContext> context = parts.Context(host, nullptr, workers);
 };
 
 TEST_F(ManagerTasksTest, AFullSyncOfTheManagerGoesToTheHostAsItCame) {

@@ -16,6 +16,7 @@
 #include "platform/rpc/memory_network.h"
 #include "sim/store/logical_switches.h"
 #include "sim/store/store_daemon.h"
+#include "tests/app/zema/lswitch/fake_host_parts.h"
 #include "tests/app/zema/proxy/lum_sandbox.h"
 
 namespace zem::zema {
@@ -61,12 +62,7 @@ class Road {
       EnqueueCovedbUpdate(workers, kind, std::move(update), origin);
     };
     handler = std::make_shared<CoveDbHandler>(store);
-    context = std::make_shared<LogicalSwitchContext>(lum, handler);
-    context->is_hypervisor = [] { return true; };
-    context->add_logical_switch_task = [this](std::unique_ptr<Runnable> task) {
-      return workers.AddTask(Worker::kLogicalSwitch, std::move(task));
-    };
-    context->clear_logical_switch_tasks = [this] { workers.ClearTasks(Worker::kLogicalSwitch); };
+    context = parts.Context(lum, handler, workers);
     WorkerFactory factory;
     factory.options = [] { return WorkerOptions{.ls_msg_batch_interval = 1, .ls_msg_wait = 1}; };
     factory.ls_batcher = [this] { return std::make_unique<LogicalSwitchMsgTask::Batcher>(context); };
@@ -117,6 +113,7 @@ class Road {
   std::shared_ptr<covedb::CoveDbClient> client =
       std::make_shared<covedb::CoveDbClient>("tarvik-agent", kEndpoint, agent, nullptr, true, true, false);
   LumHandler lum;
+  FakeHostParts parts;
   WorkerTable workers;
   std::shared_ptr<CoveDbHandler> handler;
   std::shared_ptr<LogicalSwitchContext> context;

@@ -20,6 +20,7 @@
 #include "platform/rpc/status.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "tests/app/zema/lswitch/checking_lum.h"
+#include "tests/app/zema/lswitch/fake_host_parts.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/support/silent_log.h"
 
@@ -85,12 +86,6 @@ class StoreInHand : public covedb::CoveDbClientInterface {
   covedb::ObjectsCallback asked;
 };
 
-class Vifs : public VifStateRealizer {
- public:
-  void RemoveVif(const std::string&) override {}
-  bool ProcessVif(const std::string& vif_id) override { return vif_id.size() % 2 == 0; }
-};
-
 class Input {
  public:
   Input(const uint8_t* data, size_t size) : text_(reinterpret_cast<const char*>(data), size) {}
@@ -124,7 +119,7 @@ ObjectType Type(uint8_t byte) {
   return kTypes[byte % std::size(kTypes)];
 }
 
-class Road {
+class Road : public TaskQueues {
  public:
   Road() {
     provider.RunAsync(1);
@@ -136,17 +131,8 @@ class Road {
       worker->AddTask(std::make_unique<CovedbUpdateTask>(kind, std::move(update), origin), false);
     };
     handler = std::make_shared<CoveDbHandler>(std::move(settings));
-    context = std::make_shared<LogicalSwitchContext>(lum, handler);
+    context = parts.Context(lum, handler, *this);
     context->sender = &sender;
-    context->vif_states = &vifs;
-    context->is_hypervisor = [] { return true; };
-    context->host_id = [] { return std::make_optional<std::string>("host-1"); };
-    context->add_logical_switch_task = [this](std::unique_ptr<Runnable> task) {
-      batch.push_back(std::move(task));
-      return true;
-    };
-    context->clear_logical_switch_tasks = [this] { batch.clear(); };
-    context->has_ack_worker = [] { return false; };
     batcher = std::make_unique<LogicalSwitchMsgTask::Batcher>(context);
     worker = std::make_unique<DbSvcTaskThread>("databaseHandlerThread", context);
     worker->Start();
@@ -154,12 +140,20 @@ class Road {
     handler->ConfigureMonitors();
     store->status(true);
   }
-  ~Road() {
+  ~Road() override {
     worker->Stop();
     worker->Join();
     handler.reset();
     provider.StopAndWait(true);
   }
+
+  bool AddTask(Worker worker, std::unique_ptr<Runnable> task) override {
+    if (worker != Worker::kLogicalSwitch) return false;
+    batch.push_back(std::move(task));
+    return true;
+  }
+  void ClearTasks(Worker) override { batch.clear(); }
+  bool Has(Worker worker) override { return worker == Worker::kLogicalSwitch; }
 
   // Everything that waits is done.
   void Settle() {
@@ -182,7 +176,7 @@ class Road {
   std::shared_ptr<StoreInHand> store = std::make_shared<StoreInHand>();
   CheckingLum lum;
   FakeSender sender;
-  Vifs vifs;
+  FakeHostParts parts{"host-1"};
   std::shared_ptr<CoveDbHandler> handler;
   std::shared_ptr<LogicalSwitchContext> context;
   std::vector<std::unique_ptr<Runnable>> batch;

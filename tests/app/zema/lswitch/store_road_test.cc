@@ -11,6 +11,7 @@
 #include "proto/covedb/runtime_objects.pb.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "tests/app/zema/covedb/store_fixture.h"
+#include "tests/app/zema/lswitch/fake_host_parts.h"
 #include "tests/app/zema/lswitch/fake_networks.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 
@@ -29,17 +30,6 @@ using testing::SizeIs;
 
 constexpr const char* kNoError = "status: 5";
 
-class RecordingVifs : public VifStateRealizer {
- public:
-  void RemoveVif(const std::string& vif_id) override { events.push_back("remove " + vif_id); }
-  bool ProcessVif(const std::string& vif_id) override {
-    events.push_back("process " + vif_id);
-    return known;
-  }
-  std::vector<std::string> events;
-  bool known = true;
-};
-
 class StoreRoadTest : public StoreFixture {
  protected:
   StoreRoadTest() {
@@ -53,14 +43,7 @@ class StoreRoadTest : public StoreFixture {
       EnqueueCovedbUpdate(workers, kind, std::move(update), origin);
     };
     handler = std::make_shared<CoveDbHandler>(std::move(settings));
-    context = std::make_shared<LogicalSwitchContext>(host, handler);
-    context->is_hypervisor = [] { return true; };
-    context->host_id = [] { return std::nullopt; };
-    context->add_logical_switch_task = [this](std::unique_ptr<Runnable> task) {
-      return workers.AddTask(Worker::kLogicalSwitch, std::move(task));
-    };
-    context->clear_logical_switch_tasks = [this] { workers.ClearTasks(Worker::kLogicalSwitch); };
-    context->has_ack_worker = [] { return false; };
+    context = parts.Context(host, handler, workers);
     WorkerFactory factory;
     factory.options = [] { return WorkerOptions{.ls_msg_batch_interval = 60, .ls_msg_wait = 5}; };
     factory.ls_batcher = [this] { return std::make_unique<LogicalSwitchMsgTask::Batcher>(context); };
@@ -99,6 +82,7 @@ class StoreRoadTest : public StoreFixture {
   }
 
   FakeNetworks host;
+  FakeHostParts parts;
   WorkerTable workers;
   /// Runs on the store client's thread.
   std::function<void(CovedbUpdateKind)> before_enqueue;
@@ -371,8 +355,6 @@ TEST_F(StoreRoadTest, ATransactionThatIsCutIsNotPartOfTheNextReading) {
 }
 
 TEST_F(StoreRoadTest, TheStateOfAVifGoesToItsRealizer) {
-  RecordingVifs vifs;
-  context->vif_states = &vifs;
   const std::string uuid = "00000000-0000-0001-0000-000000000002";
   orlane::zem::covedb::VifStateMsg vif;
   vif.mutable_vif_id()->set_first(1);
@@ -380,12 +362,12 @@ TEST_F(StoreRoadTest, TheStateOfAVifGoesToItsRealizer) {
   Watch();
   DbSvcTaskThread worker("w", context);
   worker.RealizeVifState(Update(ObjectType::VIF_STATE, vif, 7));
-  vifs.known = false;
+  parts.vifs_known = false;
   worker.RealizeVifState(Update(ObjectType::VIF_STATE, vif, 12));
   worker.RealizeVifState(Update(ObjectType::VIF_STATE, vif, 8));
   worker.RealizeVifState(Update(ObjectType::VIF_STATE, vif, 0));
   worker.RealizeVifState(Update(ObjectType::VIF_STATE, orlane::zem::covedb::VifStateMsg(), 7));
-  EXPECT_THAT(std::exchange(vifs.events, {}),
+  EXPECT_THAT(std::exchange(parts.vif_events, {}),
               ElementsAre("process " + uuid, "process " + uuid, "remove " + uuid));
   EXPECT_EQ(log.Count("Invalid VifStateMsg received. Skipping"), 2u);
   EXPECT_EQ(log.Count("VifRequest does not exist for VIF [" + uuid + "]. Skipping"), 1u);
@@ -396,7 +378,7 @@ TEST_F(StoreRoadTest, TheStateOfAVifGoesToItsRealizer) {
   put.set_object(vif.SerializeAsString());
   Change(request);
   clock.RunFor(1s);
-  EXPECT_THAT(vifs.events, ElementsAre("process " + uuid));
+  EXPECT_THAT(parts.vif_events, ElementsAre("process " + uuid));
 }
 
 TEST_F(StoreRoadTest, AStoredConfigurationIsAnsweredByItsHeaders) {

@@ -1,4 +1,5 @@
 #include "app/zema/workers/worker_table.h"
+#include "app/zema/workers/worker_tasks.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -125,12 +126,12 @@ TEST_F(WorkerTableTest, ShutDownStartsNothing) {
 
 TEST_F(WorkerTableTest, TasksForAMissingWorkerAreToldAndDestroyed) {
   std::string error;
-  EXPECT_FALSE(table_.AddHostConfigTask(MakeTask(journal_, "host"), &error));
+  EXPECT_FALSE(AddHostConfigTask(table_, MakeTask(journal_, "host"), &error));
   EXPECT_EQ(error, "HostConfigTask is ignored because of no HostConfig thread.");
-  EXPECT_FALSE(table_.AddVtepRecoveryTask(MakeTask(journal_, "recovery")));
-  EXPECT_FALSE(table_.AddVtepAdminStateTask(MakeTask(journal_, "admin")));
-  EXPECT_FALSE(table_.AddHighPerformanceProfileTask(MakeTask(journal_, "profile")));
-  EXPECT_FALSE(table_.AddCklnHotSwapTask(MakeTask(journal_, "swap"), 1));
+  EXPECT_FALSE(AddVtepRecoveryTask(table_, MakeTask(journal_, "recovery")));
+  EXPECT_FALSE(AddVtepAdminStateTask(table_, MakeTask(journal_, "admin")));
+  EXPECT_FALSE(AddHighPerformanceProfileTask(table_, MakeTask(journal_, "profile")));
+  EXPECT_FALSE(AddCklnHotSwapTask(table_, MakeTask(journal_, "swap"), 1));
   EXPECT_THAT(journal_.Take(), ElementsAre("~host", "~recovery", "~admin", "~profile", "~swap"));
   for (const char* line :
        {"] is ignored because of no HostConfig thread.", "] VtepRecoveryTask [0x", "] vtepAdminStateTask [0x",
@@ -139,10 +140,10 @@ TEST_F(WorkerTableTest, TasksForAMissingWorkerAreToldAndDestroyed) {
     EXPECT_TRUE(capture_.Contains(line)) << line;
   }
 
-  EXPECT_EQ(table_.StartHostSyncTaskThread(), 0);
-  EXPECT_EQ(table_.StartHostSyncTaskThread(), 0);
-  EXPECT_TRUE(table_.AddHostConfigTask(MakeTask(journal_, "host"), &error));
-  EXPECT_TRUE(table_.AddCklnHotSwapTask(MakeTask(journal_, "swap"), 1));
+  EXPECT_EQ(table_.StartWorker(Worker::kHostSync, "StartHostSyncTaskThread"), 0);
+  EXPECT_EQ(table_.StartWorker(Worker::kHostSync, "StartHostSyncTaskThread"), 0);
+  EXPECT_TRUE(AddHostConfigTask(table_, MakeTask(journal_, "host"), &error));
+  EXPECT_TRUE(AddCklnHotSwapTask(table_, MakeTask(journal_, "swap"), 1));
   clock_.RunFor(std::chrono::seconds(2));
   EXPECT_THAT(journal_.Take(), ElementsAre("host", "swap"));
 }
