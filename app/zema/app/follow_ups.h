@@ -1,68 +1,88 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
 
 #include "app/zema/hostconfig/follow_up_tasks.h"
-#include "app/zema/vif/precreated_ports.h"
-#include "platform/core/condition.h"
+
+namespace zem {
+class Timer;
+class TimerFactory;
+namespace Tarvik {
+class ControllerListApp;
+}
+}  // namespace zem
 
 namespace zem::zema {
 
-class CorvdHandler;
+class ConfigFiles;
+class HealthRecord;
+class HighPerformanceProfile;
+class HostConfigCallbacks;
+class HostManagementSlot;
+class LumCommands;
+class MpaMessageSender;
+class OptionsStore;
+class PortOpsManager;
+class WorkerTable;
+class ZemManager;
 struct EndpointContext;
-struct VifRequest;
 
-/// What this host does after a configuration.
+/// What this host does around and after a configuration.
 ///
-/// Threads: the setters by the owner, the rest the host configuration's.
+/// Threads: SetHostManagement and Stop by the owner, AddVifRequest and SetPrecreatedPorts from any, the rest
+/// by the host configurations' worker.
 class FollowUps final : public FollowUpTasks {
  public:
-  /// Null when it goes: it is told to stop, and nobody waits for it any more when this returns.
-  void SetHostManagement(CorvdHandler* handler);
+  /// What it works with; everything outlives it.
+  struct Settings {
+    WorkerTable& workers;
+    TimerFactory& timers;
+    LumCommands& lum;
+    ZemManager& manager;
+    HealthRecord& health;
+    HostConfigCallbacks& callbacks;
+    HostManagementSlot& host_management;
+    /// Null where no controller list is kept.
+    Tarvik::ControllerListApp* controllers;
+    std::shared_ptr<EndpointContext> endpoints;
+    ConfigFiles& files;
+    OptionsStore& options;
+    PortOpsManager& ports;
+    HighPerformanceProfile& high_performance;
+    MpaMessageSender* sender;
+    /// Waits; returns false when the agent or this start is stopping.
+    std::function<bool(Duration)> pause;
+  };
 
-  /// A request for the threads of the host management; dropped while there is none.  Does not wait.
-  void AddVifRequest(std::shared_ptr<VifRequest> request);
-  /// Ports that wait for their VIFs.
-  void SetPrecreatedPorts(std::shared_ptr<PrecreatedPorts::Map> ports);
+  explicit FollowUps(Settings settings);
+  ~FollowUps() override;
 
-  /// Before the first configuration.
-  void SetEndpoints(std::shared_ptr<EndpointContext> endpoints) { endpoints_ = std::move(endpoints); }
-
-  /// Before the first configuration.
-  void SetUpdateTnUuid(std::function<void(const std::string&)> update) {
-    update_tn_uuid_ = std::move(update);
-  }
-
-  /// Before the first configuration: what makes the tasks.
-  void SetTasks(std::function<void(int initial_delay, int retry_interval)> hot_swap,
-                std::function<void()> high_performance) {
-    hot_swap_ = std::move(hot_swap);
-    high_performance_ = std::move(high_performance);
-  }
+  /// Drops what was to run later, and takes no more of it.
+  void Stop();
 
   void BeginConfiguration() override;
   void FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int retries) override;
   void FetchIpv6Addresses(const Origin& origin, const std::map<std::string, std::string>& kinds,
                           int retries) override;
-  void HotSwapUnusedCkln(int initial_delay, int retry_interval) override {
-    hot_swap_(initial_delay, retry_interval);
-  }
-  void ApplyHighPerformanceProfile() override { high_performance_(); }
+  void HotSwapUnusedCkln(int initial_delay, int retry_interval) override;
+  void ApplyHighPerformanceProfile() override;
   void WaitForHostManagement(int seconds) override;
   void AllowResync(bool allowed) override;
-  void UpdateTnUuidInFile(const std::string& id) override { update_tn_uuid_(id); }
+  void UpdateTnUuidInFile(const std::string& id) override;
+  void Applied(const orlane::zem::switching::HostConfigMsg& config) override;
+  void LeaveMaintenance() override;
+  void RunLater(Duration delay, std::function<void()> work) override;
+  void RunBehind(std::function<void()> work) override;
 
  private:
-  std::shared_ptr<EndpointContext> endpoints_;
-  std::function<void(const std::string&)> update_tn_uuid_ = [](const std::string&) {};
-  std::function<void(int, int)> hot_swap_ = [](int, int) {};
-  std::function<void()> high_performance_ = [] {};
-  std::mutex mutex_;  // guards what follows
-  Condition left_;
-  CorvdHandler* handler_ = nullptr;
-  int waiting_ = 0;
+  const Settings settings_;
+  std::atomic<bool> high_performance_running_{false};
+  std::mutex later_mutex_;  // guards what follows
+  std::shared_ptr<Timer> later_;
+  bool stopped_ = false;
 };
 
 }  // namespace zem::zema

@@ -1,19 +1,18 @@
 #include "app/zema/app/realization.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <mutex>
 
 #include "app/zema/app/follow_ups.h"
+#include "app/zema/app/host_config_callbacks.h"
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/endpoint/endpoint_context.h"
 #include "app/zema/host/corvd_handler.h"
-#include "app/zema/hostconfig/high_performance_profile_task.h"
+#include "app/zema/host/host_management_slot.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostconfig/host_config_task_qub.h"
 #include "app/zema/hostconfig/mmode_config_task.h"
@@ -36,7 +35,6 @@
 #include "app/zema/lswitch/port_adapters.h"
 #include "app/zema/manager/manager_sender.h"
 #include "app/zema/manager/zem_manager.h"
-#include "app/zema/migration/ckln_hot_swap_task.h"
 #include "app/zema/migration/migration_record.h"
 #include "app/zema/migration_files/vnic_migration_task.h"
 #include "app/zema/ports/port_ops_manager.h"
@@ -52,13 +50,11 @@
 #include "app/zema/vifqueue/resync_state.h"
 #include "app/zema/vifqueue/vif_port_handler.h"
 #include "app/zema/workers/worker_table.h"
-#include "app/zema/workers/worker_tasks.h"
 #include "framework/log/log.h"
 #include "framework/node/host_identity.h"
 #include "framework/node/platform_info.h"
 #include "framework/process/shutdown_pipe.h"
 #include "framework/process/util.h"
-#include "framework/tasks/function_task.h"
 #include "framework/tasks/thread_log_context.h"
 #include "platform/core/stop_signal.h"
 #include "platform/provider/timer.h"
@@ -109,9 +105,9 @@ class Realization::Impl {
   const Settings settings_;
   VersionInfo version_;
   StopSignal stopping_;
-  std::atomic<bool> high_performance_running_{false};
   MigrationRecord migration_;
   ResyncState resync_state_;
+  HostManagementSlot host_management_;
 
   // In order of creation.
   std::unique_ptr<SwitchLibrary> library_;
@@ -135,15 +131,11 @@ class Realization::Impl {
   Synchronizable port_lock_;
   StopSignal vifs_end_;
   std::shared_ptr<VifContext> vifs_;
-  std::mutex later_mutex_;  // guards later_
-  std::shared_ptr<Timer> later_;
 
  private:
   bool OpenLibraries();
   void MakeManagers();
   bool Pause(Duration duration);
-  void RunLater(Duration delay, std::function<void()> work);
-  void ScheduleHighPerformance();
   LumSettings MakeLumSettings();
   void CleanUp();
   WorkerFactory Factory();
@@ -188,7 +180,7 @@ Realization::Result Realization::Impl::SetUp() {
   ReadStoredConfig();
   // The manager still waits for what is written on these ports.
   for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) {
-    follow_ups_->AddVifRequest(std::make_shared<VifRequest>(*request));
+    host_management_.AddRequest(std::make_shared<VifRequest>(*request));
   }
   SimulateLoad();
   return kDone;
@@ -201,7 +193,7 @@ void Realization::Impl::SimulateLoad() {
       Worker::kScaleSim,
       std::make_unique<ScaleSimTask>(ScaleSimTask::Settings{
           health_.get(), &Host(), [options = settings_.options] { return options->Snapshot(); },
-          [this](std::shared_ptr<VifRequest> request) { follow_ups_->AddVifRequest(std::move(request)); },
+          [this](std::shared_ptr<VifRequest> request) { host_management_.AddRequest(std::move(request)); },
           [this](Duration duration) { return Pause(duration); }}));
 }
 
@@ -237,48 +229,18 @@ void Realization::Impl::MakeManagers() {
   high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
   mmode_ =
       std::make_shared<MmodeContext>(MmodeContext{*lum_, *settings_.files, *health_, *manager_, &RunShell});
-  follow_ups_ = std::make_unique<FollowUps>();
   endpoint_tasks_ = std::make_shared<EndpointContext>(*lum_, *endpoints_, Host(), *settings_.workers,
                                                       *options, settings_.sender,
                                                       [this](Duration duration) { return Pause(duration); });
-  follow_ups_->SetEndpoints(endpoint_tasks_);
-  follow_ups_->SetUpdateTnUuid(settings_.update_tn_uuid);
-  follow_ups_->SetTasks(
-      [this](int initial_delay, int retry_interval) {
-        const CklnHotSwapTask::Schedule schedule = [workers = settings_.workers](
-                                                       std::unique_ptr<Runnable> task, int delay) {
-          AddCklnHotSwapTask(*workers, std::move(task), delay);
-        };
-        schedule(std::make_unique<CklnHotSwapTask>(*lum_, schedule, retry_interval), initial_delay);
-      },
-      [this] { ScheduleHighPerformance(); });
-  host_config_ = std::make_shared<HostConfigContext>(HostConfigContext{
-      *lum_,
-      *library_,
-      *ports_,
-      *switches_,
-      *routers_,
-      *endpoints_,
-      *high_performance_,
-      migration_,
-      *health_,
-      Host(),
-      *options,
-      *settings_.files,
-      settings_.store.get(),
-      *settings_.state,
-      *follow_ups_,
-      settings_.applied,
-      [this](Duration duration) { return Pause(duration); },
-      port_lock_,
-      [this] {
-        manager_->SetMaintenanceMode(false);
-        health_->exitTnMmode();
-      },
-      [this](Duration delay, std::function<void()> work) { RunLater(delay, std::move(work)); },
-      [workers = settings_.workers](std::function<void()> work) {
-        workers->AddTask(Worker::kHostSync, std::make_unique<FunctionTask>(std::move(work)));
-      }});
+  const auto pause = [this](Duration duration) { return Pause(duration); };
+  follow_ups_ = std::make_unique<FollowUps>(
+      FollowUps::Settings{*settings_.workers, *settings_.timers, *lum_, *manager_, *health_,
+                          *settings_.callbacks, host_management_, settings_.controllers, endpoint_tasks_,
+                          *settings_.files, *options, *ports_, *high_performance_, settings_.sender, pause});
+  host_config_ = std::make_shared<HostConfigContext>(
+      HostConfigContext{*lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_,
+                        migration_, *health_, Host(), *options, *settings_.files, settings_.store.get(),
+                        *settings_.state, *follow_ups_, pause, port_lock_});
   vifs_ = std::make_shared<VifContext>(
       VifContext{*ports_, *manager_, *lum_, migration_, resync_state_, port_lock_,
                  [options] { return options->Snapshot().pre_check_health; },
@@ -289,21 +251,12 @@ void Realization::Impl::MakeManagers() {
                  vifs_end_});
   kinds_ = std::make_unique<PortZoneKinds>(*ports_);
   vif_states_ = std::make_unique<PortVifStates>(*ports_, [this](std::shared_ptr<VifRequest> request) {
-    follow_ups_->AddVifRequest(std::move(request));
+    host_management_.AddRequest(std::move(request));
   });
   logical_switches_ = std::make_shared<LogicalSwitchContext>(
       *lum_, settings_.store, *kinds_, *vif_states_, *settings_.workers, Host(), *options, *settings_.state,
       (Tarvik::GetNodeType() & Tarvik::kNodeQub) != 0);
   logical_switches_->sender = settings_.sender;
-}
-
-void Realization::Impl::RunLater(Duration delay, std::function<void()> work) {
-  const std::lock_guard lock(later_mutex_);
-  if (later_) later_->Cancel();
-  if (stopping_.stopped()) return;
-  later_ = settings_.timers->Schedule(delay, [workers = settings_.workers, work = std::move(work)] {
-    workers->AddTask(Worker::kHostSync, std::make_unique<FunctionTask>(work));
-  });
 }
 
 // Ends early, with false, when the agent stops or this start is given up.
@@ -313,27 +266,6 @@ bool Realization::Impl::Pause(Duration duration) {
     if (stopping_.stopped() || Tarvik::WaitForShutdown(std::min(kSlice, duration - slept))) return false;
   }
   return !stopping_.stopped();
-}
-
-void Realization::Impl::ScheduleHighPerformance() {
-  if (high_performance_running_.exchange(true)) {
-    ZLOG_INFO("A task already exists. Hence skipping.");
-    return;
-  }
-  HighPerformanceProfileTask::Settings settings{*lum_, *settings_.files, *high_performance_,
-                                                settings_.sender};
-  settings.host_prop = [this](const std::string& dvs, const std::string& property, std::string* value) {
-    return ports_->GetHostConfigProp(dvs, property, value);
-  };
-  settings.retry_interval = [options = settings_.options] {
-    return options->Snapshot().high_performance_retry_interval;
-  };
-  settings.pause = [this](Duration duration) { return Pause(duration); };
-  settings.done = [this] { high_performance_running_ = false; };
-  if (!AddHighPerformanceProfileTask(*settings_.workers,
-                                     std::make_unique<HighPerformanceProfileTask>(std::move(settings)))) {
-    high_performance_running_ = false;
-  }
 }
 
 LumSettings Realization::Impl::MakeLumSettings() {
@@ -373,7 +305,7 @@ WorkerFactory Realization::Impl::Factory() {
                                   [options = settings_.options] { return options->Snapshot(); }};
     resync.read_ports = [this] { ports_->RefreshVifIndex(); };
     handler->ServeResync(std::move(resync));
-    follow_ups_->SetHostManagement(handler.get());
+    host_management_.Set(handler.get());
     return handler;
   };
   return factory;
@@ -447,7 +379,7 @@ void Realization::Impl::ReadStoredConfig() {
   }
   ZLOG_INFO("HostConfigMsg found on disk during startup: [%s]\n", stored.ShortDebugString().c_str());
   ProcessVtepHAProfileAndIgnoreErrors(*endpoints_, stored);
-  settings_.applied(stored);
+  settings_.callbacks->Call(stored);
   ResumeFollowUps(stored);
 }
 
@@ -503,13 +435,9 @@ void Realization::Impl::Stop(int reason) {
   if (reason == kDone) settings_.workers->SetZemaShutDown();
   stopping_.Stop();
   if (logical_switches_) logical_switches_->fence.Close();
-  {
-    const std::lock_guard lock(later_mutex_);
-    if (later_) later_->Cancel();
-    later_.reset();
-  }
+  if (follow_ups_) follow_ups_->Stop();
   if (health_) health_->setShuttingDown();
-  if (follow_ups_) follow_ups_->SetHostManagement(nullptr);
+  host_management_.Set(nullptr);
   switch (reason) {
     case kHostUnknown:
     case kBadOptions:
@@ -548,7 +476,7 @@ std::shared_ptr<LogicalSwitchContext> Realization::logical_switches() { return i
 std::shared_ptr<MmodeContext> Realization::mmode() { return impl_->mmode_; }
 
 void Realization::AddVifRequest(std::shared_ptr<VifRequest> request) {
-  impl_->follow_ups_->AddVifRequest(std::move(request));
+  impl_->host_management_.AddRequest(std::move(request));
 }
 
 std::shared_ptr<EndpointContext> Realization::endpoints() { return impl_->endpoint_tasks_; }
@@ -564,8 +492,8 @@ std::unique_ptr<Runnable> Realization::MakeVnicMigrationTask(bool vm_ports, bool
   settings.create_ports = [vifs = impl_->vifs_](VmPortMap& ports, std::string* error) {
     return PrecreatedPortMaker(*vifs).CreatePorts(ports, error);
   };
-  settings.keep_ports = [follow_ups = impl_->follow_ups_.get()](std::shared_ptr<VmPortMap> ports) {
-    follow_ups->SetPrecreatedPorts(std::move(ports));
+  settings.keep_ports = [host_management = &impl_->host_management_](std::shared_ptr<VmPortMap> ports) {
+    host_management->SetPrecreatedPorts(std::move(ports));
   };
   return std::make_unique<VnicMigrationTask>(impl_->host_config_, std::move(settings), vm_ports, knl_pnic);
 }

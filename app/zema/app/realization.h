@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -8,16 +7,12 @@
 #include "app/zema/manager/port_attached.h"
 #include "app/zema/state/realization_options.h"
 
-namespace orlane::zem::switching {
-class HostConfigMsg;
-}
-
-namespace zem {
-class TimerFactory;
-}
-
 namespace zem {
 class Runnable;
+class TimerFactory;
+namespace Tarvik {
+class ControllerListApp;
+}
 }  // namespace zem
 
 namespace zem::zema {
@@ -25,6 +20,7 @@ namespace zem::zema {
 class ConfigFiles;
 class CoveDbHandler;
 class HealthRecord;
+class HostConfigCallbacks;
 class ManagerSender;
 class WorkerTable;
 class ZemManager;
@@ -41,7 +37,7 @@ struct VifRequest;
 /// rest from any once SetUp has succeeded.
 class Realization {
  public:
-  /// What lives longer than a start.  All set.
+  /// What lives longer than a start.  All set, apart from what may be null.
   struct Settings {
     MpaMessageSender* sender = nullptr;
     ManagerSender* vif_sender = nullptr;
@@ -52,10 +48,10 @@ class Realization {
     TimerFactory* timers = nullptr;
     /// Null on a host without store.
     std::shared_ptr<CoveDbHandler> store;
-    /// Told of each configuration that is applied, and of the stored one at the start.
-    std::function<void(const orlane::zem::switching::HostConfigMsg&)> applied;
-    /// The controllers' file carries the transport node id.
-    std::function<void(const std::string&)> update_tn_uuid;
+    /// See each configuration that is applied, and the stored one at the start.
+    HostConfigCallbacks* callbacks = nullptr;
+    /// Whose file carries the transport node id; null where no controller list is kept.
+    Tarvik::ControllerListApp* controllers = nullptr;
     /// Where an upgrade leaves the configuration that it found.
     std::string backup_file = "/tmp/zem/host_config.bin";
     std::string backup_saved = "/tmp/zem/host_config_saved.bin";

@@ -1,12 +1,12 @@
 #include "app/zema/app/zema_app.h"
 
 #include <cinttypes>
-#include <map>
 #include <mutex>
 #include <stdexcept>
 
 #include "app/controller/controller_context.h"
 #include "app/controller/controller_list_app.h"
+#include "app/zema/app/host_config_callbacks.h"
 #include "app/zema/app/host_requests.h"
 #include "app/zema/app/io_service.h"
 #include "app/zema/app/message_dispatch.h"
@@ -89,11 +89,11 @@ class ZemaApp::Impl {
   ZemaApp& app_;
   AsioZemProvider& provider_;
   const std::shared_ptr<covedb::CoveDbClientInterface> store_client_;
+  zema::HostConfigCallbacks callbacks_;
 
   mutable std::mutex mutex_;  // guards what follows up to the blank line
   Condition changed_;
   bool started_ = false;
-  std::map<uint32_t, HostConfigCallback> callbacks_;
   std::shared_ptr<zema::Realization> realization_;
   std::shared_ptr<zema::MessageDispatch> dispatch_;
   std::shared_ptr<Timer> controller_timer_;
@@ -108,7 +108,6 @@ class ZemaApp::Impl {
   void SetStarted();
   std::shared_ptr<MpaClient> client() const { return MpaClient::Get(kVertical); }
   std::shared_ptr<zema::CoveDbHandler> GetCoveDbHandler();
-  void CallHostConfigCallbacks(const switching::HostConfigMsg& config);
 
   // The receive callback.
   void ZemaAppRxCallback(const rmqClientMessage& message);
@@ -233,8 +232,8 @@ std::shared_ptr<zema::Realization> ZemaApp::Impl::MakeRealization() {
   settings.workers = &zema::Workers();
   settings.timers = &provider_.timers();
   settings.store = GetCoveDbHandler();
-  settings.update_tn_uuid = [this](const std::string& id) { controller_list_.UpdateTnUuidInFile(id); };
-  settings.applied = [this](const switching::HostConfigMsg& config) { CallHostConfigCallbacks(config); };
+  settings.controllers = &controller_list_;
+  settings.callbacks = &callbacks_;
   return std::make_shared<zema::Realization>(std::move(settings));
 }
 
@@ -353,15 +352,6 @@ bool ZemaApp::Impl::Send(const char* operation, const char* type,
   return true;
 }
 
-void ZemaApp::Impl::CallHostConfigCallbacks(const switching::HostConfigMsg& config) {
-  std::map<uint32_t, HostConfigCallback> callbacks;
-  {
-    const std::lock_guard lock(mutex_);
-    callbacks = callbacks_;
-  }
-  for (const auto& [module, callback] : callbacks) callback(config);
-}
-
 // --- In.
 
 void ZemaApp::Impl::ZemaAppRxCallback(const rmqClientMessage& message) {
@@ -475,7 +465,7 @@ void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
     controller_list_.UpdateTnUuidInFile(config.transport_node_id());
     Host().SetHostId(config.transport_node_id());
   }
-  CallHostConfigCallbacks(config);
+  callbacks_.Call(config);
 }
 
 // --- What operators ask.
@@ -536,10 +526,7 @@ bool ZemaApp::started() const {
 void ZemaApp::Stop(int reason) { impl_->Stop(reason); }
 
 void ZemaApp::RegisterHostCfgMsgCallBack(uint32_t module_id, HostConfigCallback callback) {
-  const std::lock_guard lock(impl_->mutex_);
-  if (!impl_->callbacks_.emplace(module_id, std::move(callback)).second) {
-    ZLOG_INFO("[%s] Module_id %u has registered HostCfgMsg callback\n", __func__, module_id);
-  }
+  impl_->callbacks_.Register(module_id, std::move(callback));
 }
 
 void ZemaApp::Reset(std::function<void(std::string)> done) { impl_->Reset(std::move(done)); }

@@ -167,7 +167,7 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   if (!migration_request_.empty()) SaveMigrationOutcome();
   // Nobody hears of a failure when an earlier process's work is finished: it stays to be done.
   if (!finishing_ || errors_.code() == 0) EndApply();
-  context_->applied(message_);
+  context_->follow_ups.Applied(message_);
 }
 
 void HostConfigTaskQub::TakeHealth() {
@@ -308,7 +308,7 @@ class HostConfigTaskQub::RemovalEnd {
     if (--left_ != 0) return;
     const auto live = context_.lock();
     if (!live) return;
-    live->queue([context = context_, number = number_] {
+    live->follow_ups.RunBehind([context = context_, number = number_] {
       if (const auto still = context.lock()) still->files.EndApply(number);
     });
   }
@@ -340,7 +340,7 @@ void HostConfigTaskQub::RemoveNode() {
   }
   ZLOG_INFO("Cleared all Opaque LogicalSwitches during TN delete");
   context_->host.UnsetHostId();
-  context_->leave_maintenance();
+  context_->follow_ups.LeaveMaintenance();
   if (context_->files.DeleteConfigFiles() != 0) {
     errors_.Add(ErrorSink::kGeneral, "Failed to delete the stored configuration.");
   }
@@ -529,7 +529,7 @@ void FinishWithin(const std::shared_ptr<HostConfigContext>& context, Duration ne
   context->files.SetNotInForce();
   ZLOG_INFO("[%s] what was under way is tried again in [%ld] seconds", __func__,
             static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(next_delay).count()));
-  context->later(next_delay, [weak = std::weak_ptr<HostConfigContext>(context), next_delay] {
+  context->follow_ups.RunLater(next_delay, [weak = std::weak_ptr<HostConfigContext>(context), next_delay] {
     const auto live = weak.lock();
     // Something newer has been applied, or was refused and is with the manager.
     if (!live || !live->files.not_in_force()) return;

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <optional>
 
-#include "app/zema/app/follow_ups.h"
 #include "app/zema/host/corvd_frame.h"
+#include "app/zema/host/host_management_slot.h"
 #include "app/zema/state/health_record.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "framework/node/host_identity.h"
@@ -78,15 +78,15 @@ TEST_F(CorvdHandlerTest, AWaiterIsWokenWhenTheDaemonOpensItsSocket) {
 }
 
 TEST_F(CorvdHandlerTest, TheEndOfTheHandlerEndsTheWait) {
-  FollowUps follow_ups;
+  HostManagementSlot slot;
   Start();
-  follow_ups.SetHostManagement(handler_.get());
-  NativeThread waiter([&] { follow_ups.WaitForHostManagement(600); });
+  slot.Set(handler_.get());
+  NativeThread waiter([&] { slot.WaitForConnection(600); });
   SleepFor(milliseconds(50));
-  follow_ups.SetHostManagement(nullptr);
+  slot.Set(nullptr);
   waiter.Join();
   handler_.reset();
-  follow_ups.WaitForHostManagement(600);  // nobody to wait for
+  slot.WaitForConnection(600);  // nobody to wait for
 }
 
 // The comparison lives with the handler, and an operation of it that waits for the manager does not hold up

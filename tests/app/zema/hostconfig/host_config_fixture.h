@@ -27,6 +27,7 @@
 #include "framework/node/host_identity.h"
 #include "platform/core/virtual_clock.h"
 #include "proto/switching/switching.pb.h"
+#include "tests/app/zema/hostconfig/noted_follow_ups.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/app/zema/ports/switch_host_test.h"
 #include "tests/app/zema/state/no_publisher.h"
@@ -127,18 +128,6 @@ class HostScript final : public FakeLumCommands {
   sim::SwitchState& state_;
 };
 
-/// Notes what is asked of it.
-class NotedFollowUps final : public FollowUpTasks {
- public:
-  void FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int) override {
-    for (const std::string& device : devices) notes.push_back("address " + device + " " + origin.reply_to);
-  }
-  void HotSwapUnusedCkln(int, int) override { notes.push_back("hot swap"); }
-  void WaitForHostManagement(int) override { notes.push_back("wait"); }
-
-  std::vector<std::string> notes;
-};
-
 /// Host configurations on a host with two switches, one process after the other.
 class HostConfigTest : public SwitchHostTest {
  protected:
@@ -199,30 +188,10 @@ class HostConfigTest : public SwitchHostTest {
 
   struct Process {
     explicit Process(HostConfigTest& test) : switches(test.library), routers(test.router_library) {
-      context = std::make_shared<HostConfigContext>(HostConfigContext{
-          test.script,
-          test.library,
-          test.ports,
-          switches,
-          routers,
-          endpoints,
-          high_performance,
-          migration,
-          health,
-          host,
-          options,
-          test.files,
-          nullptr,
-          state,
-          follow_ups,
-          [this](const orlane::zem::switching::HostConfigMsg& config) { applied.push_back(config.id()); },
-          [](Duration) { return true; },
-          port_lock,
-          [this] { ++left_maintenance; },
-          [this](Duration delay, std::function<void()> work) {
-            later_after = delay;
-            later = std::move(work);
-          }});
+      context = std::make_shared<HostConfigContext>(
+          HostConfigContext{test.script, test.library, test.ports, switches, routers, endpoints,
+                            high_performance, migration, health, host, options, test.files, nullptr, state,
+                            follow_ups, [](Duration) { return true; }, port_lock});
     }
 
     ConfigOpsManager switches;
@@ -237,10 +206,6 @@ class HostConfigTest : public SwitchHostTest {
     HostConfigState state;
     NotedFollowUps follow_ups;
     Synchronizable port_lock;
-    std::vector<std::string> applied;
-    int left_maintenance = 0;
-    Duration later_after{};
-    std::function<void()> later;
     std::shared_ptr<HostConfigContext> context;
   };
 

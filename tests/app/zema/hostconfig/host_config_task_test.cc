@@ -97,23 +97,23 @@ TEST_F(HostConfigTest, WhatAStartCannotFinishIsTriedAgainUntilItHolds) {
   FinishHostConfig(process->context);
   EXPECT_TRUE(files.not_in_force());
   ASSERT_TRUE(files.ApplyUnfinished());
-  EXPECT_EQ(process->later_after, 30s);
+  EXPECT_EQ(process->follow_ups.later_after, 30s);
   for (const auto next : {60s, 120s, 240s, 480s, 600s, 600s}) {
-    std::exchange(process->later, nullptr)();
-    EXPECT_EQ(process->later_after, next);
+    std::exchange(process->follow_ups.later, nullptr)();
+    EXPECT_EQ(process->follow_ups.later_after, next);
   }
   // What throws is a failure as any other.
   script.before = [](const std::string&) { throw std::runtime_error("bad alloc"); };
-  std::exchange(process->later, nullptr)();
-  ASSERT_TRUE(process->later);
+  std::exchange(process->follow_ups.later, nullptr)();
+  ASSERT_TRUE(process->follow_ups.later);
   EXPECT_TRUE(files.not_in_force());
   script.before = nullptr;
   script.Script("CheckQUBiVersion70AndUnusedCkln()", {"ok|1,0"});
-  const auto last = std::exchange(process->later, nullptr);
+  const auto last = std::exchange(process->follow_ups.later, nullptr);
   last();
   EXPECT_FALSE(files.not_in_force());
   EXPECT_FALSE(files.ApplyUnfinished());
-  EXPECT_FALSE(process->later);
+  EXPECT_FALSE(process->follow_ups.later);
   EXPECT_EQ(RouterOf(kOverlay), "connected");
   script.commands.clear();
   last();
@@ -126,11 +126,11 @@ TEST_F(HostConfigTest, ANewerConfigurationEndsTheTriesToFinishTheOneBefore) {
   StartProcess();
   script.Script("CheckQUBiVersion70AndUnusedCkln()", {"busy"});
   FinishHostConfig(process->context);
-  ASSERT_TRUE(process->later);
+  ASSERT_TRUE(process->follow_ups.later);
   EXPECT_THAT(Apply(kNode + std::string("revision: \"2\" ") + kOne), HasSubstr("busy"));
   EXPECT_FALSE(files.not_in_force()) << "this failure the manager knows";
   script.commands.clear();
-  process->later();
+  process->follow_ups.later();
   EXPECT_THAT(script.commands, IsEmpty());
 }
 
@@ -145,9 +145,9 @@ TEST_F(HostConfigTest, AConfigurationAfterAResetTakesLogicalSwitchesAgain) {
 
 TEST_F(HostConfigTest, ARemovalEndsTheMaintenanceModeOfTheNode) {
   ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
-  EXPECT_EQ(process->left_maintenance, 0);
+  EXPECT_EQ(process->follow_ups.left_maintenance, 0);
   Apply(R"(id: "c1" revision: "-1")");
-  EXPECT_EQ(process->left_maintenance, 1);
+  EXPECT_EQ(process->follow_ups.left_maintenance, 1);
 }
 
 // Nobody is answered, so nobody waits for the host management; what follows an answer follows all the same.

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "app/zema/covedb/config_files.h"
-#include "app/zema/hostconfig/follow_up_tasks.h"
 #include "app/zema/hostconfig/host_config_context.h"
 #include "app/zema/hostlib/config_ops_manager.h"
 #include "app/zema/hostlib/endpoint_library.h"
@@ -24,6 +23,7 @@
 #include "app/zema/state/host_config_state.h"
 #include "framework/node/host_identity.h"
 #include "platform/core/virtual_clock.h"
+#include "tests/app/zema/hostconfig/noted_follow_ups.h"
 #include "tests/app/zema/proxy/fake_lum_commands.h"
 #include "tests/app/zema/state/no_publisher.h"
 #include "tests/support/log_capture.h"
@@ -266,12 +266,11 @@ class VnicMigrationTaskTest : public ::testing::Test {
   OptionsStore options_;
   ConfigFiles files_{{directory_.Path("host_config.bin"), directory_.Path("mmode.bin")}};
   HostConfigState state_;
-  FollowUpTasks follow_ups_;
+  NotedFollowUps follow_ups_;
   Synchronizable port_lock_;
-  std::shared_ptr<HostConfigContext> context_ = std::make_shared<HostConfigContext>(
-      HostConfigContext{lum_, library_, ports_, switches_, routers_, endpoints_, high_performance_,
-                        migration_, health_, host_, options_, files_, nullptr, state_, follow_ups_,
-                        [](const HostConfigMsg&) {}, [](Duration) { return true; }, port_lock_});
+  std::shared_ptr<HostConfigContext> context_ = std::make_shared<HostConfigContext>(HostConfigContext{
+      lum_, library_, ports_, switches_, routers_, endpoints_, high_performance_, migration_, health_, host_,
+      options_, files_, nullptr, state_, follow_ups_, [](Duration) { return true; }, port_lock_});
 };
 
 TEST_F(VnicMigrationTaskTest, PortsOfVmsAreMadeAndKeptForTheirVifs) {

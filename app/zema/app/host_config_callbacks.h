@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+
+namespace orlane::zem::switching {
+class HostConfigMsg;
+}
+
+namespace zem::zema {
+
+/// The modules of this process that want to see each host configuration in force.
+///
+/// Threads: all operations from any thread; the callbacks run in the caller's, without a lock held.
+class HostConfigCallbacks {
+ public:
+  using Callback = std::function<void(const orlane::zem::switching::HostConfigMsg&)>;
+
+  /// A module's second callback is refused with a line.
+  void Register(uint32_t module_id, Callback callback);
+
+  /// Calls every module, in order of the ids.
+  void Call(const orlane::zem::switching::HostConfigMsg& config);
+
+ private:
+  std::mutex mutex_;  // guards callbacks_
+  std::map<uint32_t, Callback> callbacks_;
+};
+
+}  // namespace zem::zema
