@@ -17,7 +17,7 @@ double Now() {
 }  // namespace
 
 AgentSide::AgentSide(World& world)
-    : ports_(world.library(), host_),
+    : ports_(world.library(), host_, identity_),
       sender_(*this),
       manager_(sender_, {[] { return "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01"; }, [] { return 25; }}),
       handler_(std::make_shared<zema::VifContext>(
@@ -28,7 +28,7 @@ AgentSide::AgentSide(World& world)
         manager_.SetResultToPendingRPC(rpc_id, std::move(port));
       }),
       pool_(handler_, [this](VifRequest& request) { Replied(request); }) {
-  ports_.SetTzToDvsCache({{World::kZone, World::kDvs, "KLN"}});
+  ports_.zones().SetTzToDvsCache({{World::kZone, World::kDvs, "KLN"}});
   pool_.Start();
 }
 

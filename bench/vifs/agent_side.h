@@ -14,6 +14,7 @@
 #include "app/zema/vifqueue/vif_port_handler.h"
 #include "bench/vifs/instant_manager.h"
 #include "bench/vifs/world.h"
+#include "framework/node/host_identity.h"
 
 namespace zem::bench {
 
@@ -59,6 +60,7 @@ class AgentSide {
   void Replied(const zema::VifRequest& request);
 
   NoHost host_;
+  HostIdentity identity_;
   zema::PortOpsManager ports_;
   Sender sender_;
   zema::ZemManager manager_;

@@ -185,7 +185,7 @@ Realization::Result Realization::Impl::SetUp() {
   health_->mpaDisconnected();
   ReadStoredConfig();
   // The manager still waits for what is written on these ports.
-  for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) {
+  for (const auto& [vif, request] : *ports_->site_configs().VifsForSiteConfig()) {
     follow_ups_->AddVifRequest(std::make_shared<VifRequest>(*request));
   }
   SimulateLoad();
@@ -230,7 +230,7 @@ void Realization::Impl::MakeManagers() {
       ZemManager::Settings{[] { return Host().id(); },
                            [options] { return options->Snapshot().vif_operation_timeout; }});
   lum_ = std::make_unique<LumHandler>(MakeLumSettings());
-  ports_ = std::make_unique<PortOpsManager>(*library_, *lum_, [] { return Host().id(); });
+  ports_ = std::make_unique<PortOpsManager>(*library_, *lum_, Host());
   routers_ = std::make_unique<RouterPorts>(*router_library_);
   high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
   mmode_ =
@@ -289,10 +289,10 @@ void Realization::Impl::MakeManagers() {
                    return sender->SendVIFRestoreResponse(response);
                  },
                  vifs_end_});
-  kinds_ = std::make_unique<PortZoneKinds>(*ports_);
-  vif_states_ = std::make_unique<PortVifStates>(*ports_, [this](std::shared_ptr<VifRequest> request) {
-    follow_ups_->AddVifRequest(std::move(request));
-  });
+  kinds_ = std::make_unique<PortZoneKinds>(ports_->zones());
+  vif_states_ = std::make_unique<PortVifStates>(
+      ports_->site_configs(),
+      [this](std::shared_ptr<VifRequest> request) { follow_ups_->AddVifRequest(std::move(request)); });
   logical_switches_ = std::make_shared<LogicalSwitchContext>(*lum_, settings_.store);
   logical_switches_->kinds = kinds_.get();
   logical_switches_->vif_states = vif_states_.get();
@@ -327,7 +327,7 @@ void Realization::Impl::ScheduleHighPerformance() {
   HighPerformanceProfileTask::Settings settings{*lum_, *settings_.files, *high_performance_,
                                                 settings_.sender};
   settings.host_prop = [this](const std::string& dvs, const std::string& property, std::string* value) {
-    return ports_->GetHostConfigProp(dvs, property, value);
+    return ports_->properties().GetHostConfigProp(dvs, property, value);
   };
   settings.retry_interval = [options = settings_.options] {
     return options->Snapshot().high_performance_retry_interval;
@@ -375,7 +375,7 @@ WorkerFactory Realization::Impl::Factory() {
     handler->ServeVnics();
     ResyncThread::Settings resync{health_.get(), &Host(), &resync_state_,
                                   [options = settings_.options] { return options->Snapshot(); }};
-    resync.read_ports = [this] { ports_->RefreshVifIndex(); };
+    resync.read_ports = [this] { ports_->holders().RefreshVifIndex(); };
     handler->ServeResync(std::move(resync));
     follow_ups_->SetHostManagement(handler.get());
     return handler;
@@ -389,8 +389,8 @@ void Realization::Impl::PrepareHost() {
     for (int tries = 1; !ask() && tries < kAnswerTries && Pause(kAnswerPause); ++tries) {
     }
   };
-  until_answered([this] { return ports_->CacheTzToDvsMapping(); });
-  until_answered([this] { return ports_->GetVifsForSiteConfig(); });
+  until_answered([this] { return ports_->zones().CacheTzToDvsMapping(); });
+  until_answered([this] { return ports_->site_configs().GetVifsForSiteConfig(); });
   UpdateCacheMap(*host_config_);
   std::string error;
   const auto switches = GetDvsUuids(*lum_, false, DvsStatus(*switches_), &error);
@@ -460,7 +460,7 @@ void Realization::Impl::ResumeFollowUps(const switching::HostConfigMsg& stored) 
   const bool pending =
       std::any_of(stored.host_switches().begin(), stored.host_switches().end(), [this](const auto& each) {
         std::string value;
-        return ports_->GetHostConfigProp(each.id(), kPendingUserActions, &value) == 0 &&
+        return ports_->properties().GetHostConfigProp(each.id(), kPendingUserActions, &value) == 0 &&
                value.starts_with(kMaintenanceModeAction);
       });
   if (pending) follow_ups_->ApplyHighPerformanceProfile();

@@ -5,7 +5,8 @@
 
 namespace zem::zema {
 
-/// A task of the realization that carries one message from the manager; replies go out through MpaMessageSender.
+/// A task of the realization that carries one message from the manager; replies go out through
+/// MpaMessageSender.
 template <class Msg>
 using MpaMessageTask = zem::MpaMessageTask<MpaMessageSender, Msg>;
 

@@ -20,7 +20,7 @@ constexpr const char* kFailed = "FAILED";
 bool Find(VifContext& context, const VifRequest& request, std::string* path, PortLocation* at,
           std::string* error) {
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
-  return context.ports.FindPortByVifUuid(request.vif_id, request.ls_id, path, at, error) == 0;
+  return context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, path, at, error) == 0;
 }
 
 // The host knows where the VM's files are.

@@ -152,7 +152,7 @@ void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter, RestoreAnswer
       return;
     case VifRequest::kAttachLiveMove:
       // The host brings the VM, and may bring its ports.
-      context_->ports.DoubtVif(request.vif_id);
+      context_->ports.holders().DoubtVif(request.vif_id);
       [[fallthrough]];
     default:
       ZLOG_INFO("[%s] ignore opCode: [%s:%d]\n", kTag, request.KindText().c_str(), request.op_code);
@@ -172,14 +172,14 @@ void VifPortHandler::ManagerDetach(VifRequest& request) {
   ZLOG_INFO("[PortOp] Inside MP_DETACH_PORT, about to clear vif");
   const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
   std::string error;
-  if (context_->ports.ClearVifFromPort(request.zone_id, request.port_id, request.ls_id, request.vif_id, false,
-                                       &error) != 0) {
+  if (context_->ports.changes().ClearVifFromPort(request.zone_id, request.port_id, request.ls_id,
+                                                 request.vif_id, false, &error) != 0) {
     request.error_text = std::move(error);
   }
 }
 
 // While nobody was there to be asked it connected its VMs with the ports that it found.
-void VifPortHandler::HostCame() { context_->ports.ForgetVifIndex(); }
+void VifPortHandler::HostCame() { context_->ports.holders().ForgetVifIndex(); }
 
 void VifPortHandler::EndWaits() {
   context_->ending.Stop();

@@ -55,7 +55,7 @@ TEST_F(VifDetachTest, AnswerOfTheManagerDecides) {
 }
 
 TEST_F(VifDetachTest, ManagerThatIsNotReachedIsToldLater) {
-  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kCrx, "true"), 0);
+  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kCrx, "true"), 0);
   EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "RPC call to ZEM management plane timout");
   EXPECT_EQ(PendingOf(kOverlay, "lp-1"), "detach_port");
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
@@ -238,7 +238,7 @@ TEST_F(VifDetachTest, FileOfTheHostThatTheVmHasGoneToStays) {
 
 // The clocks of two hosts differ, so they are not asked where the file says whose it is.
 TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
-  host_id = "host-1";
+  identity.SetHostId("host-1");
   const std::string other = "host-2";
   const std::string file = PortFile("vm1", kOverlay, "lp-1");
   enum { kOwn, kTheirsAfterOurs, kTheirsBeforeOurs };
@@ -247,7 +247,7 @@ TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
     if (whose == kTheirsBeforeOurs) Fault("DVSKNL_PersistentPortStateGet count=1 ret=0xbad0001");
     Attach(kVif, "lp-1");
     if (whose != kOwn) {
-      ASSERT_EQ(ports.UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
+      ASSERT_EQ(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
     }
     const char* const cookie = whose == kOwn ? "\1\1\1\1" : "\xff\xff\xff\x7f";
     ASSERT_EQ(library.PortDataSet(kOverlay, "lp-1", port_props::kConnectId, cookie), 0U);
@@ -265,9 +265,9 @@ TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
   for (const bool from_file : {false, true}) {
     SCOPED_TRACE(from_file);
     Attach(kVif, "lp-1");
-    ASSERT_EQ(ports.UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
+    ASSERT_EQ(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
     if (from_file) {
-      ASSERT_EQ(ports.ClearPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId), 0);
+      ASSERT_EQ(ports.properties().ClearPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId), 0);
     }
     EXPECT_EQ(Done(Request(VifRequest::kAttach)).error_text, "");
     EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
