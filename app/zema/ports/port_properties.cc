@@ -6,6 +6,7 @@
 #include "app/zema/hostlib/port_props.h"
 #include "app/zema/hostlib/port_walk.h"
 #include "app/zema/hostlib/switch_library.h"
+#include "app/zema/hostlib/switch_properties.h"
 #include "app/zema/ports/port_location.h"
 #include "app/zema/ports/vif_index.h"
 #include "framework/log/log.h"
@@ -155,7 +156,7 @@ int PortProperties::SetUplinkTeamingName(const std::string& dvs, const std::stri
 uint32_t PortProperties::GetHostConfigProp(const std::string& dvs, const std::string& property,
                                            std::string* value) {
   LibraryBuffer bytes;
-  const uint32_t result = library_.HostPropGet(dvs, property.c_str(), &bytes);
+  const uint32_t result = SwitchProperties(library_).HostPropGet(dvs, property.c_str(), &bytes);
   if (result == 0) *value = bytes.text();
   return result;
 }
