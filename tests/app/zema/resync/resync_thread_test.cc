@@ -34,6 +34,9 @@ class ScriptedVifHandler : public VifHandler {
     if (request.vif_id == "refused") request.error_text = "no such switch";
     if (request.vif_id == "thrown") throw std::runtime_error("the switch is gone");
   }
+  void Arrived(VifRequest&) override {}
+  void HostCame() override {}
+  void EndWaits() override {}
   std::vector<std::string> served;
   std::function<void(const VifRequest&)> then;
 };
