@@ -9,6 +9,8 @@
 #include "app/zema/migration/migration_record.h"
 #include "app/zema/ports/port_ops_manager.h"
 #include "app/zema/proxy/lum_commands.h"
+#include "app/zema/state/health_record.h"
+#include "app/zema/state/realization_options.h"
 #include "app/zema/vifqueue/handler_pool.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "app/zema/vifqueue/vif_port_handler.h"
@@ -42,6 +44,15 @@ class AgentSide {
     int InvokeCommand(const std::string&, const std::string&, std::string*) override { return kFailed; }
     int InvokeRPC(zema::LumOperation, std::string_view, std::string*) override { return kRpcSocketFailure; }
   };
+  class NoSwitches final : public zema::HealthPublisher {
+   public:
+    bool SetProperty(const std::string&, const std::string&, const void*, size_t, uint32_t,
+                     std::string*) override {
+      return true;
+    }
+    bool RemoveProperty(const std::string&, const std::string&, std::string*) override { return true; }
+    bool SecurityOnly() override { return false; }
+  };
   class Sender final : public zema::VifSender {
    public:
     explicit Sender(AgentSide& side) : side_(side) {}
@@ -50,6 +61,7 @@ class AgentSide {
       return true;
     }
     bool SendVIFUpdate(const Update&) override { return true; }
+    bool SendVIFRestoreResponse(const RestoreResponse&) override { return true; }
 
    private:
     AgentSide& side_;
@@ -61,6 +73,11 @@ class AgentSide {
 
   NoHost host_;
   HostIdentity identity_;
+  /// Port files are written without a host's id, as by the peer.
+  HostIdentity nobody_;
+  zema::OptionsStore options_;
+  NoSwitches no_switches_;
+  zema::HealthRecord health_{no_switches_, false};
   zema::PortOpsManager ports_;
   Sender sender_;
   zema::ZemManager manager_;

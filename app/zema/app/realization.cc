@@ -198,7 +198,7 @@ void Realization::Impl::SimulateLoad() {
   settings_.workers->AddTask(
       Worker::kScaleSim,
       std::make_unique<ScaleSimTask>(ScaleSimTask::Settings{
-          health_.get(), &Host(), [options = settings_.options] { return options->Snapshot(); },
+          health_.get(), &Host(), settings_.options,
           [this](std::shared_ptr<VifRequest> request) { follow_ups_->AddVifRequest(std::move(request)); },
           [this](Duration duration) { return Pause(duration); }}));
 }
@@ -225,10 +225,7 @@ void Realization::Impl::MakeManagers() {
   switches_ = std::make_unique<ConfigOpsManager>(*library_);
   publisher_ = std::make_unique<SwitchHealthPublisher>(*switches_);
   health_ = std::make_unique<HealthRecord>(*publisher_, options->Snapshot().on_smart_nic);
-  manager_ = std::make_shared<ZemManager>(
-      *settings_.vif_sender,
-      ZemManager::Settings{[] { return Host().id(); },
-                           [options] { return options->Snapshot().vif_operation_timeout; }});
+  manager_ = std::make_shared<ZemManager>(*settings_.vif_sender, Host(), *options);
   lum_ = std::make_unique<LumHandler>(MakeLumSettings());
   ports_ = std::make_unique<PortOpsManager>(*library_, *lum_, Host());
   routers_ = std::make_unique<RouterPorts>(*router_library_);
@@ -281,14 +278,9 @@ void Realization::Impl::MakeManagers() {
       [workers = settings_.workers](std::function<void()> work) {
         workers->AddTask(Worker::kHostSync, std::make_unique<FunctionTask>(std::move(work)));
       }});
-  vifs_ = std::make_shared<VifContext>(
-      VifContext{*ports_, *manager_, *lum_, migration_, resync_state_, port_lock_,
-                 [options] { return options->Snapshot().pre_check_health; },
-                 [health = health_.get()] { return health->lum_ready(); }, [] { return Host().id(); },
-                 [sender = settings_.vif_sender](const ManagerSender::RestoreResponse& response) {
-                   return sender->SendVIFRestoreResponse(response);
-                 },
-                 vifs_end_});
+  vifs_ = std::make_shared<VifContext>(VifContext{*ports_, *manager_, *settings_.vif_sender, *lum_,
+                                                  migration_, resync_state_, *health_, *options, Host(),
+                                                  port_lock_, vifs_end_});
   kinds_ = std::make_unique<PortZoneKinds>(ports_->zones());
   vif_states_ = std::make_unique<PortVifStates>(
       ports_->site_configs(),
@@ -373,10 +365,7 @@ WorkerFactory Realization::Impl::Factory() {
   factory.switch_handler = [this] {
     auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<VifPortHandler>(vifs_));
     handler->ServeVnics();
-    ResyncThread::Settings resync{health_.get(), &Host(), &resync_state_,
-                                  [options = settings_.options] { return options->Snapshot(); }};
-    resync.read_ports = [this] { ports_->holders().RefreshVifIndex(); };
-    handler->ServeResync(std::move(resync));
+    handler->ServeResync({health_.get(), &Host(), &resync_state_, settings_.options, &ports_->holders()});
     follow_ups_->SetHostManagement(handler.get());
     return handler;
   };

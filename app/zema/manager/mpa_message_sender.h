@@ -44,8 +44,6 @@ class MpaMessageSender {
                                          const orlane::zem::switching::TransportNodeEventMsg& event) = 0;
   virtual bool SendRestoreReplyMsg(const std::string& reply_to,
                                    const orlane::zem::switching::ChecksumMsg& checksum) = 0;
-  /// Nothing.
-  virtual void Reserved() {}
   virtual bool HostProfileReply(const std::string& correlation_id, const std::string& reply_to,
                                 const orlane::zem::switching::HostProfileMsg& reply) = 0;
   virtual bool HostSwitchMigrationToKlnReply(

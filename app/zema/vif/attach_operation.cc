@@ -10,6 +10,7 @@
 #include "app/zema/vif/security_port.h"
 #include "app/zema/vif/vif_context.h"
 #include "framework/log/log.h"
+#include "framework/node/host_identity.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {
@@ -120,7 +121,7 @@ bool AttachOperation::HandlePriorAttachedPort() {
   const char* const zone = reply_.old_zone_id.c_str();
   ZLOG_INFO("[%s] handling prior attachment for vif: ls:[%s] lp:[%s] tz:[%s]\n", __func__, ls, port, zone);
   // What it had on another host cannot be given back here.
-  const auto own = context_.host_id();
+  const auto own = context_.host.id();
   if (reply_.host_id.empty() || !own || reply_.host_id == *own) {
     prior_.Note(request_.vif_id, request_.gcf_path,
                 {reply_.old_switch_id, request_.ls_id, reply_.old_zone_id, reply_.old_port_id,

@@ -1,9 +1,10 @@
 #include "app/zema/vifqueue/vif_port_handler.h"
 
-#include "app/zema/manager/zem_manager.h"
 #include "app/zema/migration/migration_record.h"
 #include "app/zema/ports/port_ops_manager.h"
 #include "app/zema/ports/vif_request.h"
+#include "app/zema/state/health_record.h"
+#include "app/zema/state/realization_options.h"
 #include "app/zema/vif/attach_operation.h"
 #include "app/zema/vif/detach_operation.h"
 #include "app/zema/vif/restore_operation.h"
@@ -60,7 +61,7 @@ void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
   RestoreAnswer answer;
   Operate(request, waiter, &answer);
   // It may take a minute and more, in which the VIF is free.
-  if (answer) context_->send_restore_response(*answer);
+  if (answer) context_->sender.SendVIFRestoreResponse(*answer);
 }
 
 void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
@@ -117,9 +118,9 @@ bool VifPortHandler::Defer(VifRequest& request) {
 }
 
 bool VifPortHandler::CheckHealth(VifRequest& request) {
-  if (!context_->pre_check_health()) return true;
+  if (!context_->options.Snapshot().pre_check_health) return true;
   ZLOG_INFO("[%s] Running health pre-checks.", kTag);
-  if (context_->lum_ready()) return true;
+  if (context_->health.lum_ready()) return true;
   ZLOG_ERROR("42019", "[%s] ZEMA Lum not ready", kTag);
   request.error_text =
       "ZEMA Lum not ready. Please restart zem-tarvik by invoking /etc/init.d/zem-tarvik restart on this host "

@@ -47,9 +47,9 @@ TEST_F(VifAttachTest, ManagerAnswersAndThePortIsMade) {
 
 TEST_F(VifAttachTest, RefusalsOfTheHostAndOfTheManager) {
   EXPECT_EQ(Done(Request(VifRequest::kAttach, "")).error_text, "required vif uuid is not set");
-  lum_ready = false;
+  health.setZemaLumNotReady();
   EXPECT_THAT(Done(Request(VifRequest::kAttach)).error_text, HasSubstr("ZEMA Lum not ready. Please restart"));
-  lum_ready = true;
+  health.setZemaLumReady();
   manager.SetMaintenanceMode(true);
   EXPECT_EQ(Done(Request(VifRequest::kAttach)).error_text, "Cannot operate in maintenance mode");
   manager.SetMaintenanceMode(false);
