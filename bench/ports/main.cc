@@ -20,6 +20,7 @@
 #include "app/zema/ports/port_ops_manager.h"
 #include "app/zema/proxy/lum_commands.h"
 #include "framework/log/logger.h"
+#include "framework/node/host_identity.h"
 #include "sim/switch/library_folder.h"
 #include "sim/switch/sim_state.h"
 #include "sim/switch/tree/port_table.h"
@@ -153,8 +154,9 @@ int Run() {
   std::string error;
   Require(library.Open(&error), error.c_str());
   NoHost host;
-  PortOpsManager manager(library, host);
-  manager.SetTzToDvsCache({{"z1", kDvs, "KLN"}});
+  zem::HostIdentity identity;
+  PortOpsManager manager(library, host, identity);
+  manager.zones().SetTzToDvsCache({{"z1", kDvs, "KLN"}});
   const SwitchLibrary::Calls& calls = library.calls();
 
   Figures list[2];
@@ -178,7 +180,7 @@ int Run() {
         [&] {
           PortLocation found;
           std::string path;
-          Require(manager.FindPortByVifUuid("vif-none", kLs, &path, &found, &error) == -1,
+          Require(manager.search().FindPortByVifUuid("vif-none", kLs, &path, &found, &error) == -1,
                   "a port was found");
         },
         [&] { Require(BareFind(calls, "vif-none") == 0, "a port was found"); });

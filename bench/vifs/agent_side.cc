@@ -17,18 +17,19 @@ double Now() {
 }  // namespace
 
 AgentSide::AgentSide(World& world)
-    : ports_(world.library(), host_),
+    : ports_(world.library(), host_, nobody_),
       sender_(*this),
-      manager_(sender_, {[] { return "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01"; }, [] { return 25; }}),
-      handler_(std::make_shared<zema::VifContext>(
-          zema::VifContext{ports_, manager_, host_, migration_, resync_, port_lock_, [] { return true; },
-                           [] { return true; }, [] { return "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01"; },
-                           [](const zema::ManagerSender::RestoreResponse&) { return true; }, ending_})),
+      manager_(sender_, identity_, options_),
+      handler_(std::make_shared<zema::VifContext>(zema::VifContext{ports_, manager_, sender_, host_,
+                                                                   migration_, resync_, health_, options_,
+                                                                   identity_, port_lock_, ending_})),
       instant_([this](const std::string& rpc_id, std::unique_ptr<zema::PortAttached> port) {
         manager_.SetResultToPendingRPC(rpc_id, std::move(port));
       }),
       pool_(handler_, [this](VifRequest& request) { Replied(request); }) {
-  ports_.SetTzToDvsCache({{World::kZone, World::kDvs, "KLN"}});
+  identity_.SetHostId("5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01");
+  health_.setZemaLumReady();
+  ports_.zones().SetTzToDvsCache({{World::kZone, World::kDvs, "KLN"}});
   pool_.Start();
 }
 

@@ -9,11 +9,14 @@
 #include "app/zema/migration/migration_record.h"
 #include "app/zema/ports/port_ops_manager.h"
 #include "app/zema/proxy/lum_commands.h"
+#include "app/zema/state/health_record.h"
+#include "app/zema/state/realization_options.h"
 #include "app/zema/vifqueue/handler_pool.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "app/zema/vifqueue/vif_port_handler.h"
 #include "bench/vifs/instant_manager.h"
 #include "bench/vifs/world.h"
+#include "framework/node/host_identity.h"
 
 namespace zem::bench {
 
@@ -41,6 +44,15 @@ class AgentSide {
     int InvokeCommand(const std::string&, const std::string&, std::string*) override { return kFailed; }
     int InvokeRPC(zema::LumOperation, std::string_view, std::string*) override { return kRpcSocketFailure; }
   };
+  class NoSwitches final : public zema::HealthPublisher {
+   public:
+    bool SetProperty(const std::string&, const std::string&, const void*, size_t, uint32_t,
+                     std::string*) override {
+      return true;
+    }
+    bool RemoveProperty(const std::string&, const std::string&, std::string*) override { return true; }
+    bool SecurityOnly() override { return false; }
+  };
   class Sender final : public zema::VifSender {
    public:
     explicit Sender(AgentSide& side) : side_(side) {}
@@ -49,6 +61,7 @@ class AgentSide {
       return true;
     }
     bool SendVIFUpdate(const Update&) override { return true; }
+    bool SendVIFRestoreResponse(const RestoreResponse&) override { return true; }
 
    private:
     AgentSide& side_;
@@ -59,6 +72,12 @@ class AgentSide {
   void Replied(const zema::VifRequest& request);
 
   NoHost host_;
+  HostIdentity identity_;
+  /// Port files are written without a host's id, as by the peer.
+  HostIdentity nobody_;
+  zema::OptionsStore options_;
+  NoSwitches no_switches_;
+  zema::HealthRecord health_{no_switches_, false};
   zema::PortOpsManager ports_;
   Sender sender_;
   zema::ZemManager manager_;

@@ -121,13 +121,13 @@ class Bench {
 
   int Run() {
     // The first look at the VIFs reads all ports; it happens once.
-    Require(agent_.ports().RefreshVifIndex(), "the ports were not read");
+    Require(agent_.ports().holders().RefreshVifIndex(), "the ports were not read");
     CheckCalls();
     Warm();
     Require(agent_.threads() == kThreads, "the pool has not all threads");
     for (size_t i = 0; i < std::size(kSizes); ++i) {
       world_.FillUpTo(kSizes[i]);
-      const double reading = Seconds([&] { agent_.ports().RefreshVifIndex(); });
+      const double reading = Seconds([&] { agent_.ports().holders().RefreshVifIndex(); });
       std::printf("# %zu ports: read for the index in %.1f ms\n", kSizes[i], reading * 1e3);
       by_size_[i] = Throughput();
       if (i == 0) {

@@ -66,7 +66,7 @@ void FollowUps::ApplyHighPerformanceProfile() {
                                             settings_.sender};
   task.host_prop = [&ports = settings_.ports](const std::string& dvs, const std::string& property,
                                               std::string* value) {
-    return ports.GetHostConfigProp(dvs, property, value);
+    return ports.properties().GetHostConfigProp(dvs, property, value);
   };
   task.retry_interval = [&options = settings_.options] {
     return options.Snapshot().high_performance_retry_interval;

@@ -179,7 +179,7 @@ Realization::Result Realization::Impl::SetUp() {
   health_->mpaDisconnected();
   ReadStoredConfig();
   // The manager still waits for what is written on these ports.
-  for (const auto& [vif, request] : *ports_->VifsForSiteConfig()) {
+  for (const auto& [vif, request] : *ports_->site_configs().VifsForSiteConfig()) {
     host_management_.AddRequest(std::make_shared<VifRequest>(*request));
   }
   SimulateLoad();
@@ -192,7 +192,7 @@ void Realization::Impl::SimulateLoad() {
   settings_.workers->AddTask(
       Worker::kScaleSim,
       std::make_unique<ScaleSimTask>(ScaleSimTask::Settings{
-          health_.get(), &Host(), [options = settings_.options] { return options->Snapshot(); },
+          health_.get(), &Host(), settings_.options,
           [this](std::shared_ptr<VifRequest> request) { host_management_.AddRequest(std::move(request)); },
           [this](Duration duration) { return Pause(duration); }}));
 }
@@ -219,12 +219,9 @@ void Realization::Impl::MakeManagers() {
   switches_ = std::make_unique<ConfigOpsManager>(*library_);
   publisher_ = std::make_unique<SwitchHealthPublisher>(*switches_);
   health_ = std::make_unique<HealthRecord>(*publisher_, options->Snapshot().on_smart_nic);
-  manager_ = std::make_shared<ZemManager>(
-      *settings_.vif_sender,
-      ZemManager::Settings{[] { return Host().id(); },
-                           [options] { return options->Snapshot().vif_operation_timeout; }});
+  manager_ = std::make_shared<ZemManager>(*settings_.vif_sender, Host(), *options);
   lum_ = std::make_unique<LumHandler>(MakeLumSettings());
-  ports_ = std::make_unique<PortOpsManager>(*library_, *lum_, [] { return Host().id(); });
+  ports_ = std::make_unique<PortOpsManager>(*library_, *lum_, Host());
   routers_ = std::make_unique<RouterPorts>(*router_library_);
   high_performance_ = std::make_unique<HighPerformanceProfile>(HighPerformanceProperties(*switches_));
   mmode_ =
@@ -241,18 +238,13 @@ void Realization::Impl::MakeManagers() {
       HostConfigContext{*lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_,
                         migration_, *health_, Host(), *options, *settings_.files, settings_.store.get(),
                         *settings_.state, *follow_ups_, pause, port_lock_});
-  vifs_ = std::make_shared<VifContext>(
-      VifContext{*ports_, *manager_, *lum_, migration_, resync_state_, port_lock_,
-                 [options] { return options->Snapshot().pre_check_health; },
-                 [health = health_.get()] { return health->lum_ready(); }, [] { return Host().id(); },
-                 [sender = settings_.vif_sender](const ManagerSender::RestoreResponse& response) {
-                   return sender->SendVIFRestoreResponse(response);
-                 },
-                 vifs_end_});
-  kinds_ = std::make_unique<PortZoneKinds>(*ports_);
-  vif_states_ = std::make_unique<PortVifStates>(*ports_, [this](std::shared_ptr<VifRequest> request) {
-    host_management_.AddRequest(std::move(request));
-  });
+  vifs_ = std::make_shared<VifContext>(VifContext{*ports_, *manager_, *settings_.vif_sender, *lum_,
+                                                  migration_, resync_state_, *health_, *options, Host(),
+                                                  port_lock_, vifs_end_});
+  kinds_ = std::make_unique<PortZoneKinds>(ports_->zones());
+  vif_states_ = std::make_unique<PortVifStates>(
+      ports_->site_configs(),
+      [this](std::shared_ptr<VifRequest> request) { host_management_.AddRequest(std::move(request)); });
   logical_switches_ = std::make_shared<LogicalSwitchContext>(
       *lum_, settings_.store, *kinds_, *vif_states_, *settings_.workers, Host(), *options, *settings_.state,
       (Tarvik::GetNodeType() & Tarvik::kNodeQub) != 0);
@@ -301,10 +293,7 @@ WorkerFactory Realization::Impl::Factory() {
   factory.switch_handler = [this] {
     auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<VifPortHandler>(vifs_));
     handler->ServeVnics();
-    ResyncThread::Settings resync{health_.get(), &Host(), &resync_state_,
-                                  [options = settings_.options] { return options->Snapshot(); }};
-    resync.read_ports = [this] { ports_->RefreshVifIndex(); };
-    handler->ServeResync(std::move(resync));
+    handler->ServeResync({health_.get(), &Host(), &resync_state_, settings_.options, &ports_->holders()});
     host_management_.Set(handler.get());
     return handler;
   };
@@ -317,8 +306,8 @@ void Realization::Impl::PrepareHost() {
     for (int tries = 1; !ask() && tries < kAnswerTries && Pause(kAnswerPause); ++tries) {
     }
   };
-  until_answered([this] { return ports_->CacheTzToDvsMapping(); });
-  until_answered([this] { return ports_->GetVifsForSiteConfig(); });
+  until_answered([this] { return ports_->zones().CacheTzToDvsMapping(); });
+  until_answered([this] { return ports_->site_configs().GetVifsForSiteConfig(); });
   UpdateCacheMap(*host_config_);
   std::string error;
   const auto switches = GetDvsUuids(*lum_, false, DvsStatus(*switches_), &error);
@@ -388,7 +377,7 @@ void Realization::Impl::ResumeFollowUps(const switching::HostConfigMsg& stored) 
   const bool pending =
       std::any_of(stored.host_switches().begin(), stored.host_switches().end(), [this](const auto& each) {
         std::string value;
-        return ports_->GetHostConfigProp(each.id(), kPendingUserActions, &value) == 0 &&
+        return ports_->properties().GetHostConfigProp(each.id(), kPendingUserActions, &value) == 0 &&
                value.starts_with(kMaintenanceModeAction);
       });
   if (pending) follow_ups_->ApplyHighPerformanceProfile();

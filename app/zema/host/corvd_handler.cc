@@ -61,8 +61,7 @@ bool CorvdHandler::stopped() {
 }
 
 void CorvdHandler::ServeVnics(std::string socket) {
-  vnics_ = std::make_unique<VifDvportThread>(
-      [this](std::shared_ptr<VifRequest> request) { AddRequest(std::move(request)); }, std::move(socket));
+  vnics_ = std::make_unique<VifDvportThread>(pool_, std::move(socket));
 }
 
 void CorvdHandler::ServeResync(ResyncThread::Settings settings) {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "app/zema/ports/vif_request.h"
+#include "app/zema/vifqueue/handler_pool.h"
 #include "framework/log/log.h"
 #include "framework/process/host_socket.h"
 #include "framework/tasks/exception.h"
@@ -41,9 +42,9 @@ Result WaitToRead(int fd, int stop_fd) {
 
 }  // namespace
 
-VifDvportThread::VifDvportThread(AddRequestFunction add_request, std::string socket)
+VifDvportThread::VifDvportThread(HandlerPool& pool, std::string socket)
     : Thread(true, nullptr, 0),
-      add_request_(std::move(add_request)),
+      pool_(pool),
       path_(std::move(socket)),
       stop_event_(::eventfd(0, EFD_CLOEXEC)) {
   if (!stop_event_) throw Exception("eventfd", errno);
@@ -154,7 +155,7 @@ void VifDvportThread::AddVifRequests(std::string_view data) {
   for (auto& request : RequestsOf(data)) {
     ZLOG_INFO("[%s] Adding new vif request [opId: %s] [%s] to corvd handler", kTag, request->op_id.c_str(),
               request->ToString().c_str());
-    add_request_(std::move(request));
+    pool_.AddRequest(std::move(request));
   }
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,6 +11,7 @@
 
 namespace zem::zema {
 
+class HandlerPool;
 struct VifRequest;
 
 /// The server of the host's vNIC updates: takes lists of VIFs that come to ports or leave them, and asks for
@@ -22,10 +22,8 @@ class VifDvportThread final : public Thread {
  public:
   static constexpr const char* kSocket = "/etc/orlane/zemaVifDvp";
 
-  /// Takes a request over.
-  using AddRequestFunction = std::function<void(std::shared_ptr<VifRequest>)>;
-
-  explicit VifDvportThread(AddRequestFunction add_request, std::string socket = kSocket);
+  /// `pool`, which takes the requests, has to outlive the thread.
+  explicit VifDvportThread(HandlerPool& pool, std::string socket = kSocket);
   ~VifDvportThread() override;
 
   void Run() override;
@@ -39,7 +37,7 @@ class VifDvportThread final : public Thread {
   void Serve(int connection);
   void AddVifRequests(std::string_view data);
 
-  const AddRequestFunction add_request_;
+  HandlerPool& pool_;
   const std::string path_;
   UniqueFd stop_event_;
   UniqueFd listener_;

@@ -87,7 +87,7 @@ HostConfigTaskQub::~HostConfigTaskQub() = default;
 void HostConfigTaskQub::Run() {
   HostConfigTask::Run();
   SetThreadName(kThreadName);
-  context_->ports.CacheTzToDvsMapping();
+  context_->ports.zones().CacheTzToDvsMapping();
   ScheduleFollowUps();
 }
 
@@ -416,8 +416,8 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
 bool HostConfigTaskQub::ConfigureDvses(bool upgrade, InterfaceMigration& migration,
                                        const StatelessHost& stateless) {
   MigratedPnics migrated = MigratedPnicsOf(migration_map_);
-  HostSwitchApplicationSettings application_settings =
-      ApplicationSettings(context_->ports, context_->switches, context_->endpoints, options_, upgrade);
+  HostSwitchApplicationSettings application_settings = ApplicationSettings(
+      context_->ports.zones(), context_->switches, context_->endpoints, options_, upgrade);
   application_settings.allow_resync = [this](bool allowed) { context_->follow_ups.AllowResync(allowed); };
   application_settings.schedule_high_performance = [this] {
     context_->follow_ups.ApplyHighPerformanceProfile();
@@ -434,7 +434,7 @@ bool HostConfigTaskQub::ConfigureDvses(bool upgrade, InterfaceMigration& migrati
   };
   DvsConfiguration configuration(context_->lum, errors_, std::move(settings));
   const bool configured = configuration.ConfigureDvses(message_, &migrated) == 0;
-  context_->ports.ForgetVifIndex();
+  context_->ports.holders().ForgetVifIndex();
   return configured;
 }
 

@@ -30,7 +30,7 @@ bool SetWithRetries(HostConfigContext& context, const std::string& dvs, const st
   if (value.empty()) return true;
   std::string error;
   for (int failed = 1; failed <= kTries; ++failed) {
-    if (context.ports.SetPortExtraConfig(dvs, port, key, value, &error) == 0) return true;
+    if (context.ports.properties().SetPortExtraConfig(dvs, port, key, value, &error) == 0) return true;
     ZLOG_ERROR("44423", "[PortOp] Failed [%d] times to set port [%s] extra-configs, error [%s]", failed,
                port.c_str(), error.c_str());
   }
@@ -40,7 +40,7 @@ bool SetWithRetries(HostConfigContext& context, const std::string& dvs, const st
 // The VIFs that the manager still has to tell about, by their ports.
 std::map<std::string, std::string> VifsOfPorts(const HostConfigContext& context) {
   std::map<std::string, std::string> vifs;
-  const auto requests = context.ports.VifsForSiteConfig();
+  const auto requests = context.ports.site_configs().VifsForSiteConfig();
   for (const auto& [vif, request] : *requests) vifs[request->port_id] = vif;
   return vifs;
 }
@@ -50,10 +50,10 @@ bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   Tie tie;
   std::string security;
-  context.ports.GetPortExtraConfig(dvs, port, port_props::kExternalId, &tie.vif);
-  context.ports.GetPortExtraConfig(dvs, port, port_props::kLogicalPortId, &tie.logical_port);
-  context.ports.GetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, &tie.network);
-  context.ports.GetPortExtraConfig(dvs, port, port_props::kSecurityEnable, &security);
+  context.ports.properties().GetPortExtraConfig(dvs, port, port_props::kExternalId, &tie.vif);
+  context.ports.properties().GetPortExtraConfig(dvs, port, port_props::kLogicalPortId, &tie.logical_port);
+  context.ports.properties().GetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, &tie.network);
+  context.ports.properties().GetPortExtraConfig(dvs, port, port_props::kSecurityEnable, &security);
   if (tie.vif.empty() || tie.logical_port.empty()) {
     ZLOG_INFO("[%s] vifId or logicalPortId is missing for [%s:%s]. Skip setting port opaque data",
               "ApplyOpaqueDataOnPorts", dvs.c_str(), port.c_str());
@@ -62,7 +62,7 @@ bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::
   if (const auto vif = known.find(port); vif != known.end() && vif->second != tie.vif) {
     ZLOG_INFO("[%s] dvport [%s:%s] has stale vifId [%s], clearing all existing extra config",
               "ApplyOpaqueDataOnPorts", dvs.c_str(), port.c_str(), tie.vif.c_str());
-    return context.ports.ClearPortOpaqueData(dvs, port) == 0;
+    return context.ports.properties().ClearPortOpaqueData(dvs, port) == 0;
   }
   return SetWithRetries(context, dvs, port, port_props::kLogicalPortId, tie.logical_port) &&
          SetWithRetries(context, dvs, port, port_props::kOpaqueNetworkId, tie.network) &&
@@ -105,7 +105,7 @@ void ClearOpaqueDataOnPorts(HostConfigContext& context, const std::string& dvs) 
   }
   for (size_t i = 0; i < ports.size(); ++i) {
     const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
-    if (context.ports.ClearPortOpaqueData(dvs, ports[i]) != 0) {
+    if (context.ports.properties().ClearPortOpaqueData(dvs, ports[i]) != 0) {
       ZLOG_WARN("[%s] the port [%s] on [%s] keeps what was written on it", __func__, ports[i], dvs.c_str());
     }
   }

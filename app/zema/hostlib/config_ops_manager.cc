@@ -33,7 +33,7 @@ bool ConfigOpsManager::Usable(std::string* error) const {
 
 bool ConfigOpsManager::SetGlobal(const std::string& dvs, const char* property, std::string_view value,
                                  std::string* error) {
-  const uint32_t result = library_.GlobalPropSet(dvs, property, value, DVS_PROPERTY_FLAGS);
+  const uint32_t result = properties_.GlobalPropSet(dvs, property, value, DVS_PROPERTY_FLAGS);
   if (result == 0) return true;
   const std::string text = SwitchErrorText(result);
   ZLOG_ERROR("ERR_GLOBAL_PROP_SET_FAILED", "Failed to configure [%s] on dvs [%s]: %s", property, dvs.c_str(),
@@ -43,7 +43,7 @@ bool ConfigOpsManager::SetGlobal(const std::string& dvs, const char* property, s
 }
 
 bool ConfigOpsManager::ClearGlobal(const std::string& dvs, const char* property, std::string* error) {
-  const uint32_t result = library_.GlobalPropClear(dvs, property);
+  const uint32_t result = properties_.GlobalPropClear(dvs, property);
   if (result == 0 || result == kSwitchNotFound) return true;
   const std::string text = SwitchErrorText(result);
   ZLOG_ERROR("ERR_GLOBAL_PROP_CLEAR_FAILED", "Failed to clear [%s] on dvs [%s]: %s", property, dvs.c_str(),
@@ -94,7 +94,7 @@ bool ConfigOpsManager::GetTeaming(const std::string& dvs, uint32_t* team_type,
                                   std::vector<std::string>* uplinks, std::string* error) {
   if (!Usable(error)) return false;
   LibraryBuffer value;
-  const uint32_t result = library_.GlobalPropGet(dvs, port_props::kTeaming, &value);
+  const uint32_t result = properties_.GlobalPropGet(dvs, port_props::kTeaming, &value);
   if (result == kSwitchNotFound) {  // not configured yet, or cleared
     *team_type = 0;
     uplinks->clear();
@@ -119,7 +119,7 @@ bool ConfigOpsManager::GetLacpNames(const std::string& dvs, std::vector<std::str
                                     std::string* error) {
   if (!Usable(error)) return false;
   LibraryBuffer value;
-  const uint32_t result = library_.GlobalPropGet(dvs, port_props::kLacp, &value);
+  const uint32_t result = properties_.GlobalPropGet(dvs, port_props::kLacp, &value);
   names->clear();
   if (result == kSwitchNotFound) return true;
   auto read = result == 0 ? ReadLacpNames(value.bytes()) : std::nullopt;
@@ -147,8 +147,8 @@ uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string
   if (!Usable(nullptr)) return kSwitchNotLoaded;
   // What rises while the rest is still down is told "down" again: the switch is not written to for that.
   LibraryBuffer before;
-  if (library_.HostPropGet(dvs, property.c_str(), &before) == 0 && before.bytes() == bytes) return 0;
-  const uint32_t result = library_.HostPropSet(dvs, property.c_str(), bytes, flags);
+  if (properties_.HostPropGet(dvs, property.c_str(), &before) == 0 && before.bytes() == bytes) return 0;
+  const uint32_t result = properties_.HostPropSet(dvs, property.c_str(), bytes, flags);
   if (result != 0) {
     ZLOG_ERROR("ERR_PORTSET_FAILED", "Failed to set [%s] on dvs [%s]: %s", property.c_str(), dvs.c_str(),
                SwitchErrorText(result).c_str());
@@ -160,8 +160,8 @@ uint32_t ConfigOpsManager::ClearHostProp(const std::string& dvs, const std::stri
   if (!Usable(nullptr)) return kSwitchNotLoaded;
   // A start, above all, finds nothing to clear: then the switch is not written to.
   LibraryBuffer value;
-  if (library_.HostPropGet(dvs, property.c_str(), &value) == kSwitchNotFound) return kSwitchNotFound;
-  const uint32_t result = library_.HostPropClear(dvs, property.c_str());
+  if (properties_.HostPropGet(dvs, property.c_str(), &value) == kSwitchNotFound) return kSwitchNotFound;
+  const uint32_t result = properties_.HostPropClear(dvs, property.c_str());
   if (result != 0 && result != kSwitchNotFound) {
     ZLOG_ERROR("ERR_PORTSET_FAILED", "Failed to clear [%s] on dvs [%s]: %s", property.c_str(), dvs.c_str(),
                SwitchErrorText(result).c_str());
@@ -173,7 +173,7 @@ std::optional<std::string> ConfigOpsManager::GetHostProp(const std::string& dvs,
                                                          const std::string& property) {
   if (!Usable(nullptr)) return std::nullopt;
   LibraryBuffer value;
-  const uint32_t result = library_.HostPropGet(dvs, property.c_str(), &value);
+  const uint32_t result = properties_.HostPropGet(dvs, property.c_str(), &value);
   if (result == 0) return std::string(value.text());
   if (result != kSwitchNotFound) {
     ZLOG_WARN("Failed to get [%s] of dvs [%s]: %s", property.c_str(), dvs.c_str(),

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/zema/hostlib/switch_properties.h"
 #include "app/zema/hostlib/switch_teaming.h"
 
 namespace zem::zema {
@@ -22,7 +23,7 @@ class ConfigOpsManager {
   /// Which table of named teamings.
   static constexpr uint32_t kLogicalSwitchTeamings = 2;
 
-  explicit ConfigOpsManager(SwitchLibrary& library) : library_(library) {}
+  explicit ConfigOpsManager(SwitchLibrary& library) : library_(library), properties_(library) {}
 
   [[nodiscard]] bool ConfigureTeaming(const std::string& dvs, const SwitchTeaming& teaming,
                                       std::string* error);
@@ -55,6 +56,7 @@ class ConfigOpsManager {
   bool ClearGlobal(const std::string& dvs, const char* property, std::string* error);
 
   SwitchLibrary& library_;
+  const SwitchProperties properties_;
 };
 
 }  // namespace zem::zema

@@ -145,36 +145,4 @@ uint32_t SwitchLibrary::SwitchPortList(const std::string& dvs, PortList* ports) 
   return 0;
 }
 
-uint32_t SwitchLibrary::HostPropSet(const std::string& dvs, const char* property, std::string_view value,
-                                    uint32_t flags) const {
-  if (!loaded()) return kSwitchNotLoaded;
-  return calls_.host_prop_set(dvs.c_str(), property, value.data(), Length(value), flags);
-}
-
-uint32_t SwitchLibrary::HostPropGet(const std::string& dvs, const char* property,
-                                    LibraryBuffer* value) const {
-  if (!loaded()) return kSwitchNotLoaded;
-  return calls_.host_prop_get(dvs.c_str(), property, value->data(), value->length());
-}
-
-uint32_t SwitchLibrary::HostPropClear(const std::string& dvs, const char* property) const {
-  return loaded() ? calls_.host_prop_clear(dvs.c_str(), property) : kSwitchNotLoaded;
-}
-
-uint32_t SwitchLibrary::GlobalPropSet(const std::string& dvs, const char* property, std::string_view value,
-                                      uint32_t flags) const {
-  if (!loaded()) return kSwitchNotLoaded;
-  return calls_.global_prop_set(dvs.c_str(), property, value.data(), Length(value), flags);
-}
-
-uint32_t SwitchLibrary::GlobalPropGet(const std::string& dvs, const char* property,
-                                      LibraryBuffer* value) const {
-  if (!loaded()) return kSwitchNotLoaded;
-  return calls_.global_prop_get(dvs.c_str(), property, value->data(), value->length());
-}
-
-uint32_t SwitchLibrary::GlobalPropClear(const std::string& dvs, const char* property) const {
-  return loaded() ? calls_.global_prop_clear(dvs.c_str(), property) : kSwitchNotLoaded;
-}
-
 }  // namespace zem::zema

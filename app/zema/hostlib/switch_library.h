@@ -67,15 +67,6 @@ class SwitchLibrary {
   /// One at a time in the process.  A list that does not fit into its buffer is a failure.
   uint32_t SwitchPortList(const std::string& dvs, PortList* ports) const;
 
-  uint32_t HostPropSet(const std::string& dvs, const char* property, std::string_view value,
-                       uint32_t flags) const;
-  uint32_t HostPropGet(const std::string& dvs, const char* property, LibraryBuffer* value) const;
-  uint32_t HostPropClear(const std::string& dvs, const char* property) const;
-  uint32_t GlobalPropSet(const std::string& dvs, const char* property, std::string_view value,
-                         uint32_t flags) const;
-  uint32_t GlobalPropGet(const std::string& dvs, const char* property, LibraryBuffer* value) const;
-  uint32_t GlobalPropClear(const std::string& dvs, const char* property) const;
-
   /// The functions as they are, null when the library is not loaded.
   struct Calls {
     decltype(&::DVSData_Alloc) data_alloc = nullptr;

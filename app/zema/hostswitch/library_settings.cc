@@ -42,27 +42,27 @@ InterfaceMigrationSettings MigrationSettings(PortOpsManager& ports, const Realiz
   settings.knl_ping_try_times = options.knl_ping_try_times;
   settings.create_port = [&ports](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
                                   std::string* error) {
-    return ports.CreatePort(PortOf(entry, zone), entry.vif_id(), kKernelInterface,
-                            (entry.port_flags() & kBlocked) != 0, error) == 0;
+    return ports.creation().CreatePort(PortOf(entry, zone), entry.vif_id(), kKernelInterface,
+                                       (entry.port_flags() & kBlocked) != 0, error) == 0;
   };
   settings.leave_port = [&ports](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
                                  std::string* error) {
-    return ports.ClearVifFromPort(zone, entry.logical_port_id(), entry.lswitch_id(), entry.vif_id(), false,
-                                  error) == 0;
+    return ports.changes().ClearVifFromPort(zone, entry.logical_port_id(), entry.lswitch_id(), entry.vif_id(),
+                                            false, error) == 0;
   };
   settings.leave_ports = [&ports](const std::string& vif, const std::string& kept, std::string* error) {
-    return ports.ClearVifFromPortOtherThan(kept, vif, error) == 0;
+    return ports.changes().ClearVifFromPortOtherThan(kept, vif, error) == 0;
   };
   return settings;
 }
 
-HostSwitchApplicationSettings ApplicationSettings(PortOpsManager& ports, ConfigOpsManager& config,
+HostSwitchApplicationSettings ApplicationSettings(TransportZones& zones, ConfigOpsManager& config,
                                                   const EndpointLibrary& endpoints,
                                                   const RealizationOptions& options, bool upgrade) {
   HostSwitchApplicationSettings settings;
   settings.mode_standard_realization = options.host_switch_mode_standard_realization;
   settings.upgrade = upgrade;
-  settings.set_tz_to_dvs_cache = [&ports](std::vector<TzDvs> list) { ports.SetTzToDvsCache(list); };
+  settings.set_tz_to_dvs_cache = [&zones](std::vector<TzDvs> list) { zones.SetTzToDvsCache(list); };
   settings.configure_teaming = [&config](const std::string& dvs, const SwitchTeaming& teaming,
                                          std::string* error) {
     return config.ConfigureTeaming(dvs, teaming, error);

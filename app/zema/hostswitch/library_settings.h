@@ -15,6 +15,7 @@ namespace zem::zema {
 class ConfigOpsManager;
 class EndpointLibrary;
 class PortOpsManager;
+class TransportZones;
 struct PortConfigSpec;
 struct RealizationOptions;
 
@@ -26,7 +27,7 @@ PortConfigSpec PortOf(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& e
 InterfaceMigrationSettings MigrationSettings(PortOpsManager& ports, const RealizationOptions& options);
 
 /// Without the resync and the high performance task: nobody is told.
-HostSwitchApplicationSettings ApplicationSettings(PortOpsManager& ports, ConfigOpsManager& config,
+HostSwitchApplicationSettings ApplicationSettings(TransportZones& zones, ConfigOpsManager& config,
                                                   const EndpointLibrary& endpoints,
                                                   const RealizationOptions& options, bool upgrade);
 

@@ -9,33 +9,34 @@
 
 namespace zem::zema {
 
-class PortOpsManager;
+class SiteConfigList;
+class TransportZones;
 struct VifRequest;
 
-/// Zones as the port manager has learned them from the host.
+/// The kinds of transport zones, as the host has named them.
 class PortZoneKinds final : public ZoneSwitchKinds {
  public:
-  /// `ports` has to outlive it.
-  explicit PortZoneKinds(PortOpsManager& ports) : ports_(ports) {}
+  /// `zones` has to outlive it.
+  explicit PortZoneKinds(TransportZones& zones) : zones_(zones) {}
   bool IsKln(const std::string& transport_zone_id) override;
 
  private:
-  PortOpsManager& ports_;
+  TransportZones& zones_;
 };
 
-/// VIFs whose site configuration the manager waits for, as the port manager keeps them.
+/// VIFs whose site configuration the manager waits for.
 class PortVifStates final : public VifStateRealizer {
  public:
   /// Takes a request to the host management handler.
   using Handle = std::function<void(std::shared_ptr<VifRequest>)>;
 
-  /// `ports` has to outlive it; `handle` must not block.
-  PortVifStates(PortOpsManager& ports, Handle handle) : ports_(ports), handle_(std::move(handle)) {}
+  /// `waiting` has to outlive it; `handle` must not block.
+  PortVifStates(SiteConfigList& waiting, Handle handle) : waiting_(waiting), handle_(std::move(handle)) {}
   void RemoveVif(const std::string& vif_id) override;
   bool ProcessVif(const std::string& vif_id) override;
 
  private:
-  PortOpsManager& ports_;
+  SiteConfigList& waiting_;
   const Handle handle_;
 };
 

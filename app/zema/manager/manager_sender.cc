@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "app/zema/state/realization_options.h"
 #include "framework/log/log.h"
 #include "framework/process/shutdown_pipe.h"
 #include "mpaclient/bus/bus_record.h"
@@ -74,10 +75,8 @@ const TypeRow* FindType(std::string_view type) {
 
 }  // namespace
 
-ManagerSender::ManagerSender(Settings settings) : settings_(std::move(settings)) {}
-
 bool ManagerSender::Pause(int seconds) const {
-  return !Tarvik::WaitForShutdown(std::chrono::seconds(seconds)) && !settings_.shutting_down();
+  return !Tarvik::WaitForShutdown(std::chrono::seconds(seconds)) && !Tarvik::ShutdownRequested();
 }
 
 bool ManagerSender::WaitForManager(MpaClient& client, int limit_s) const {
@@ -94,8 +93,8 @@ bool ManagerSender::WaitForManager(MpaClient& client, int limit_s) const {
 
 bool ManagerSender::SendMsg(const std::string& type, std::string_view data, const std::string& correlation_id,
                             const std::string& reply_to, std::string* message_id) {
-  const auto client = settings_.client();
-  const int limit_s = settings_.vif_operation_timeout() - kAnswerReserveS;
+  const auto client = client_();
+  const int limit_s = options_.Snapshot().vif_operation_timeout - kAnswerReserveS;
   if (!client || !WaitForManager(*client, limit_s)) return false;
   const TypeRow* const row = FindType(type);
   if (row == nullptr) {

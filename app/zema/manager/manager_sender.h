@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "app/zema/manager/zem_manager.h"
 
@@ -24,15 +25,11 @@ namespace zem::zema {
 /// It waits for the manager where it has to, so it runs on the realization's own threads only.
 class ManagerSender final : public VifSender {
  public:
-  struct Settings {
-    /// Null before the registration.
-    std::function<std::shared_ptr<MpaClient>()> client;
-    /// `mp.vifOperationTimeout`, in seconds.
-    std::function<int()> vif_operation_timeout;
-    std::function<bool()> shutting_down = [] { return false; };
-  };
+  /// Null before the registration.
+  using Client = std::function<std::shared_ptr<MpaClient>()>;
 
-  explicit ManagerSender(Settings settings);
+  /// `options`, whose `mp.vifOperationTimeout` limits the waits, has to outlive the sender.
+  ManagerSender(Client client, OptionsStore& options) : client_(std::move(client)), options_(options) {}
 
   /// `type` is the full message name.  False when the manager cannot be reached in time or the type is
   /// unknown.
@@ -43,18 +40,8 @@ class ManagerSender final : public VifSender {
   bool SendVIFAttachmentInfo(const Attachment& attachment, std::string* message_id) override;
   bool SendVIFUpdate(const Update& update) override;
 
-  struct RestoreResponse {
-    std::string message_id;
-    std::string vif_id;
-    std::string switch_id;
-    std::string port_id;
-    std::string host_id;
-    std::string state;
-    std::string error;
-    std::string gcf_path;
-  };
-  /// Up to four tries.
-  bool SendVIFRestoreResponse(const RestoreResponse& response);
+  /// Makes up to four tries, which may take a minute.
+  bool SendVIFRestoreResponse(const RestoreResponse& response) override;
 
  private:
   bool SendVif(const orlane::zem::switching::VifMsg& message, std::string* message_id);
@@ -62,7 +49,8 @@ class ManagerSender final : public VifSender {
   bool SendMsgToAph(MpaClient& client, const struct OutgoingRecord& record, int limit_s) const;
   bool Pause(int seconds) const;
 
-  const Settings settings_;
+  const Client client_;
+  OptionsStore& options_;
 };
 
 }  // namespace zem::zema

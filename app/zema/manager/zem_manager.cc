@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <mutex>
 
+#include "app/zema/state/realization_options.h"
 #include "framework/log/log.h"
+#include "framework/node/host_identity.h"
 #include "platform/core/clock.h"
 #include "platform/core/condition.h"
 #include "platform/wft/workflow_util.h"
@@ -96,8 +98,8 @@ struct ZemManager::Texts {
   }
 };
 
-ZemManager::ZemManager(VifSender& sender, Settings settings)
-    : sender_(sender), settings_(std::move(settings)) {}
+ZemManager::ZemManager(VifSender& sender, HostIdentity& host, OptionsStore& options)
+    : sender_(sender), host_(host), options_(options) {}
 
 std::string ZemManager::RegisterRpc(const std::string& op_id, bool wait) {
   const Synchronizer lock(*this, __FILE__, __LINE__);
@@ -142,7 +144,7 @@ void ZemManager::Call(const Texts& texts, VifSender::Attachment attachment, cons
                       Thread* waiter, bool wait, PortAttached* out) {
   const auto span = WorkflowUtil::StartChildSpan(texts.span, wft::kTraceInfo);
   out->op_id = op_id;
-  const auto host_id = settings_.host_id();
+  const auto host_id = host_.id();
   if (!host_id) {
     ZLOG_ERROR(texts.no_host_code, "%s", texts.no_host_line);
     out->error = texts.no_host;
@@ -157,7 +159,7 @@ void ZemManager::Call(const Texts& texts, VifSender::Attachment attachment, cons
   const auto elapsed = [start] {
     return std::chrono::duration_cast<seconds>(Clock::Process().Now() - start).count();
   };
-  const int timeout = settings_.vif_operation_timeout();
+  const int timeout = options_.Snapshot().vif_operation_timeout;
   std::string message_id;
   const bool sent = sender_.SendVIFAttachmentInfo(attachment, &message_id);
   // A send that took that long leaves no time for an answer.
@@ -221,7 +223,7 @@ bool ZemManager::MP_UpdateVnicAttachment(const std::string& op_id, const std::st
                                          const std::string& switch_id, const std::string& port_id,
                                          std::list<std::pair<std::string, std::string>> site_configs,
                                          std::string* error) {
-  const auto host_id = settings_.host_id();
+  const auto host_id = host_.id();
   if (!host_id) {
     ZLOG_ERROR("41529", "Ignored vnic update as host is not setup for zem operation");
     *error = Texts::Add().no_host;

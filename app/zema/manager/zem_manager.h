@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -13,7 +12,13 @@
 #include "framework/tasks/synchronizable.h"
 #include "framework/tasks/thread.h"
 
+namespace zem {
+class HostIdentity;
+}  // namespace zem
+
 namespace zem::zema {
+
+class OptionsStore;
 
 /// Takes VIF messages to the manager.  False when one could not be handed over; it may take long to say so.
 class VifSender {
@@ -41,6 +46,19 @@ class VifSender {
     std::list<std::pair<std::string, std::string>> site_configs;
   };
   virtual bool SendVIFUpdate(const Update& update) = 0;
+
+  /// The outcome of a restoration that the manager asked for.
+  struct RestoreResponse {
+    std::string message_id;
+    std::string vif_id;
+    std::string switch_id;
+    std::string port_id;
+    std::string host_id;
+    std::string state;
+    std::string error;
+    std::string gcf_path;
+  };
+  virtual bool SendVIFRestoreResponse(const RestoreResponse& response) = 0;
 };
 
 /// Makes blocking calls of the manager's asynchronous answers about VIFs.
@@ -51,13 +69,6 @@ class VifSender {
 /// Threads: the MP_ operations on port handler threads, SetResultToPendingRPC on the receive thread.
 class ZemManager : public Synchronizable {
  public:
-  struct Settings {
-    /// The transport node's id; nothing while this host is not set up for operation.
-    std::function<std::optional<std::string>()> host_id;
-    /// `mp.vifOperationTimeout`, in seconds.
-    std::function<int()> vif_operation_timeout;
-  };
-
   /// These two texts, and no others, tell a failure of the road from a refusal of the manager.
   static constexpr const char* kSendFailed =
       "Failed to send VIF RPC request. Please check if the connectivity between Host and ZEM Manager is up.";
@@ -65,8 +76,9 @@ class ZemManager : public Synchronizable {
       "RPC call to ZEM management plane timeout. Please check if the connectivity between Host and ZEM "
       "Manager is up.";
 
-  /// `sender` has to outlive the manager.
-  ZemManager(VifSender& sender, Settings settings);
+  /// All have to outlive the manager.  Calls are refused while `host` has no id, which is until this host is
+  /// set up for operation; they wait for `mp.vifOperationTimeout`.
+  ZemManager(VifSender& sender, HostIdentity& host, OptionsStore& options);
 
   /// The caller holds the monitor of `waiter`; it is free while the call waits.  What went wrong is in
   /// `out->error`.
@@ -108,7 +120,8 @@ class ZemManager : public Synchronizable {
             bool wait, PortAttached* out);
 
   VifSender& sender_;
-  const Settings settings_;
+  HostIdentity& host_;
+  OptionsStore& options_;
   // The object's own lock guards what follows.
   bool maintenance_mode_ = false;
   bool ended_ = false;

@@ -1,11 +1,13 @@
 #include "app/zema/resync/resync_round.h"
 
 #include "app/zema/ports/vif_request.h"
+#include "app/zema/resync/resync_gate.h"
 #include "app/zema/state/health_record.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "app/zema/vifqueue/vif_handler.h"
 #include "framework/log/log.h"
 #include "framework/node/host_identity.h"
+#include "framework/process/util.h"
 #include "framework/tasks/task_thread.h"
 
 namespace zem::zema {
@@ -29,12 +31,12 @@ void ResyncRound::Resync(int interval, bool vm_check, Duration limit) {
   ZLOG_INFO("[%s] checking for out-of-sync host local attachment/detachment...\n", kTag);
   std::string output;
   std::string error;
-  if (settings_.shell(kKillPrior, kKillLimit, &output, &error) < 0) output += error;
+  if (Shell(kKillPrior, kKillLimit, &output, &error) < 0) output += error;
   ZLOG_INFO("terminating prior resync.py process: [%s]", output.c_str());
 
   const std::string command =
       std::string("python ") + kScript + " " + std::to_string(interval) + (vm_check ? " 1" : " 0") + " 2>&1";
-  if (!settings_.may_go_on()) {
+  if (!gate_.MayGoOn()) {
     ZLOG_INFO("[%s] resync is disabled; skip cmd [%s]", kTag, command.c_str());
     return;
   }
@@ -65,11 +67,17 @@ void ResyncRound::Resync(int interval, bool vm_check, Duration limit) {
   SyncVnicAttachment(attachments);
 }
 
+// A script that hangs ends with its time, or with the agent.
+int ResyncRound::Shell(const std::string& command, Duration limit, std::string* output, std::string* error) {
+  if (settings_.command) return settings_.command(command, output);
+  return Tarvik::Util::ReadCmdOutput(command, output, error, {limit, gate_.stop_fd()});
+}
+
 bool ResyncRound::RunScript(const std::string& command, Duration limit, std::string* reply) {
   ZLOG_INFO("[%s] executing [%s] ...\n", kTag, command.c_str());
   const TimePoint begin = Clock::Process().Now();
   std::string error;
-  const int result = settings_.shell(command, limit, reply, &error);
+  const int result = Shell(command, limit, reply, &error);
   if (result != 0) {
     ZLOG_TO(kLog, kLogError, "ExecuteCmd(%s) failed: ret:[%d], errno:[%s], reply:[%s]", command.c_str(),
             result, error.c_str(), reply->c_str());
@@ -79,7 +87,7 @@ bool ResyncRound::RunScript(const std::string& command, Duration limit, std::str
 }
 
 bool ResyncRound::MayGoOn() {
-  if (settings_.may_go_on() && settings_.health->mpa_connected()) return true;
+  if (gate_.MayGoOn() && settings_.health->mpa_connected()) return true;
   ZLOG_INFO("[%s] abort resync because it is disabled or MP to MPA connectivity is down", kTag);
   return false;
 }
@@ -141,7 +149,7 @@ void ResyncRound::Sync(const Commands& commands, const char* name, int kind, con
     request.port_id = command.port_id;
     try {
       const MonitorLock monitor(waiter);
-      settings_.vif_handler->DoVifPortOperation(request, waiter);
+      vif_handler_.DoVifPortOperation(request, waiter);
     } catch (const std::exception& e) {
       if (request.error_text.empty()) request.error_text = e.what();
     }

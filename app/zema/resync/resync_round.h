@@ -14,8 +14,25 @@ class HostIdentity;
 namespace zem::zema {
 
 class HealthRecord;
+class OptionsStore;
+class ResyncGate;
 class ResyncState;
 class VifHandler;
+class VifHolders;
+
+/// What the resync works with; what is pointed at outlives it.
+struct ResyncSettings {
+  HealthRecord* health = nullptr;
+  HostIdentity* host = nullptr;
+  ResyncState* state = nullptr;
+  OptionsStore* options = nullptr;
+  /// Read again at the beginning of each round.
+  VifHolders* ports = nullptr;
+  /// A script takes no longer than this, or than the interval where that is longer.
+  Duration script_limit = std::chrono::minutes(10);
+  /// Runs the rounds' commands in place of the shell, for a test; else empty.
+  std::function<int(const std::string& command, std::string* output)> command;
+};
 
 /// One comparison of the host with its ports: runs the script that makes it, and carries out what it prints
 /// as operations on VIFs.  What the host itself asked for meanwhile is newer and stands.
@@ -25,20 +42,9 @@ class ResyncRound {
  public:
   static constexpr const char* kScript = "/usr/lib64/orlane/zem-tarvik/pylum/zema/resync.py";
 
-  /// All set; what is pointed at outlives the round.
-  struct Settings {
-    HealthRecord* health = nullptr;
-    HostIdentity* host = nullptr;
-    ResyncState* state = nullptr;
-    VifHandler* vif_handler = nullptr;
-    /// Runs a shell command for so long at most: its exit code, or -1 with the reason.
-    std::function<int(const std::string& command, Duration limit, std::string* output, std::string* error)>
-        shell;
-    /// False as soon as the round has to end.
-    std::function<bool()> may_go_on;
-  };
-
-  explicit ResyncRound(Settings settings) : settings_(std::move(settings)) {}
+  /// All arguments have to outlive the round.  It ends as soon as `gate` forbids it to go on.
+  ResyncRound(const ResyncSettings& settings, VifHandler& vif_handler, ResyncGate& gate)
+      : settings_(settings), vif_handler_(vif_handler), gate_(gate) {}
 
   /// `interval` in seconds: how far back the look at the VMs goes.  `limit`: for the script.
   void Resync(int interval, bool vm_check, Duration limit);
@@ -46,6 +52,7 @@ class ResyncRound {
  private:
   using Commands = std::vector<ResyncCommand>;
 
+  int Shell(const std::string& command, Duration limit, std::string* output, std::string* error);
   bool RunScript(const std::string& command, Duration limit, std::string* reply);
   bool MayGoOn();
   bool Overtaken(const ResyncCommand& command);
@@ -55,7 +62,9 @@ class ResyncRound {
   template <class Report>
   void Sync(const Commands& commands, const char* name, int kind, const Report& report);
 
-  const Settings settings_;
+  const ResyncSettings& settings_;
+  VifHandler& vif_handler_;
+  ResyncGate& gate_;
 };
 
 }  // namespace zem::zema

@@ -1,23 +1,16 @@
 #include "app/zema/resync/resync_thread.h"
 
-#include <fcntl.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <exception>
 #include <limits>
 
+#include "app/zema/ports/vif_holders.h"
 #include "app/zema/state/health_record.h"
+#include "app/zema/state/realization_options.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "framework/log/log.h"
 #include "framework/node/host_identity.h"
-#include "framework/process/util.h"
-#include "framework/tasks/exception.h"
 #include "framework/tasks/thread_log_context.h"
-#include "platform/core/poll.h"
 #include "platform/core/thread_name.h"
 
 namespace zem::zema {
@@ -30,9 +23,6 @@ constexpr Duration kHostIdLook = std::chrono::seconds(5);
 constexpr Duration kPauseAfterFailure = std::chrono::seconds(30);
 
 constexpr const char* kSimulated = "enabled";  // `scaleSimulation.state`
-
-constexpr char kManagerCame = 'r';
-constexpr char kAllowedAgain = 'a';
 
 int IntervalOf(const RealizationOptions& options) {
   if (options.resync_interval >= 1) return options.resync_interval;
@@ -71,50 +61,17 @@ class InProgress {
 ResyncThread::ResyncThread(Settings settings, VifHandler& vif_handler)
     : Thread(true, nullptr, 0),
       settings_(std::move(settings)),
-      stop_event_(::eventfd(0, EFD_CLOEXEC)),
-      round_({settings_.health, settings_.host, settings_.state, &vif_handler,
-              [this](const std::string& command, Duration limit, std::string* output, std::string* error) {
-                return Shell(command, limit, output, error);
-              },
-              [this] { return MayGoOn(); }}) {
-  if (!stop_event_) throw Exception("eventfd", errno);
-}
+      gate_(*settings_.options),
+      round_(settings_, vif_handler, gate_) {}
 
 ResyncThread::~ResyncThread() { StopAndJoin(); }
 
-void ResyncThread::Stop() {
-  {
-    const std::lock_guard lock(mutex_);
-    stopped_ = true;
-  }
-  const uint64_t one = 1;
-  if (::write(stop_event_.get(), &one, sizeof(one)) != sizeof(one)) {
-    ZLOG_WARN("[%s] the stop was not told: %s", kTag, std::strerror(errno));
-  }
-}
+void ResyncThread::Stop() { gate_.Stop(); }
 
-bool ResyncThread::stopped() {
-  const std::lock_guard lock(mutex_);
-  return stopped_;
-}
+void ResyncThread::Allow(bool allowed) { gate_.Allow(allowed); }
 
-void ResyncThread::Allow(bool allowed) {
-  const std::lock_guard lock(mutex_);
-  allowed_ = allowed;
-  if (!allowed || !missed_ || !write_end_) return;
-  missed_ = false;
-  if (::write(write_end_.get(), &kAllowedAgain, 1) != 1) {
-    ZLOG_WARN("[%s] the missed round comes with the next: %s", kTag, std::strerror(errno));
-  }
-}
-
-bool ResyncThread::Wanted() const { return settings_.options().scale_simulation_state != kSimulated; }
-
-bool ResyncThread::MayGoOn() {
-  const bool disabled = settings_.options().resync_disabled;
-  const std::lock_guard lock(mutex_);
-  if (!allowed_ && !disabled) missed_ = true;
-  return allowed_ && !disabled && !stopped_;
+bool ResyncThread::Wanted() const {
+  return settings_.options->Snapshot().scale_simulation_state != kSimulated;
 }
 
 void ResyncThread::Run() {
@@ -126,67 +83,38 @@ void ResyncThread::Run() {
   ZLOG_INFO("[%s] Resync thread running out of wait...\n", kTag);
   if (known && AwaitPipe()) {
     SetThreadName("zema:Resync");
-    while (!stopped()) {
+    while (!gate_.stopped()) {
       const int sleep = Round();
       WaitBeforeNextCheck(sleep);
     }
-    ClosePipe();
+    gate_.ClosePipe(*settings_.health);
   }
   ZLOG_INFO("[%s] MP synchronizing thread [%ld] stopped \n", kTag, static_cast<long>(ThreadId()));
 }
 
 bool ResyncThread::AwaitHostId() {
   while (!settings_.host->id()) {
-    if (WaitForStop(kHostIdLook)) return false;
+    if (gate_.WaitForStop(kHostIdLook)) return false;
   }
-  return !stopped();
+  return !gate_.stopped();
 }
 
 // Descriptors that run out come back.
 bool ResyncThread::AwaitPipe() {
-  while (!OpenPipe()) {
-    if (WaitForStop(kPauseAfterFailure)) return false;
+  while (!gate_.OpenPipe(*settings_.health)) {
+    if (gate_.WaitForStop(kPauseAfterFailure)) return false;
   }
   return true;
-}
-
-bool ResyncThread::OpenPipe() {
-  int ends[2];
-  // Whoever writes must not wait for a round to end.
-  if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-    ZLOG_ERROR("42039", "[%s] Error creating Resync Pipe", kTag);
-    return false;
-  }
-  read_end_ = UniqueFd(ends[0]);
-  UniqueFd published(::fcntl(ends[1], F_DUPFD_CLOEXEC, 0));
-  {
-    const std::lock_guard lock(mutex_);
-    write_end_ = UniqueFd(ends[1]);
-  }
-  if (!published) {
-    ZLOG_ERROR("42039", "[%s] Error creating Resync Pipe", kTag);
-    ClosePipe();
-    return false;
-  }
-  settings_.health->setResyncFd(published.Release());
-  return true;
-}
-
-void ResyncThread::ClosePipe() {
-  settings_.health->setResyncFd(-1);
-  const std::lock_guard lock(mutex_);
-  write_end_.Reset();
-  read_end_.Reset();
 }
 
 // The seconds until the next one.
 int ResyncThread::Round() {
-  const RealizationOptions options = settings_.options();
+  const RealizationOptions options = settings_.options->Snapshot();
   ZLOG_INFO("[%s] Resync vmCheckFrequency:%d iterations", kTag, options.resync_vm_check_frequency);
   ZLOG_INFO("[%s] Resync interval: %d secs", kTag, options.resync_interval);
   const int interval = IntervalOf(options);
-  if (!MayGoOn()) {
-    if (!stopped()) {
+  if (!gate_.MayGoOn()) {
+    if (!gate_.stopped()) {
       ZLOG_INFO("[%s] resync disabled or not ready; check again after %d sec", kTag, interval);
     }
     return interval;
@@ -210,7 +138,7 @@ void ResyncThread::Compare(const RealizationOptions& options, int interval) {
   ZLOG_INFO("[%s] synchronizing local vif attachment/detachment to MP ...\n", kTag);
   const TimePoint begin = Clock::Process().Now();
   try {
-    settings_.read_ports();
+    settings_.ports->RefreshVifIndex();
     round_.Resync(span, vm_check, std::max<Duration>(std::chrono::seconds(interval), settings_.script_limit));
   } catch (const std::exception& e) {
     ZLOG_ERROR("42044", "[%s] resync caught exception: %s\n", kTag, e.what());
@@ -240,39 +168,20 @@ int ResyncThread::NextSleep(int interval) {
 }
 
 void ResyncThread::WaitBeforeNextCheck(int seconds) {
-  const TimePoint due = Clock::Process().Now() + std::chrono::seconds(seconds);
-  pollfd waits[2] = {{read_end_.get(), POLLIN, 0}, {stop_event_.get(), POLLIN, 0}};
-  int ready = -1;
-  do {
-    ready = PollUntil(waits, 2, due);
-  } while (ready < 0 && errno == EINTR);
-  if (ready < 0) {
-    ZLOG_ERROR("41017", "[%s] select failed sleep 30 sec: [%s], fd:[%d][%d]\n", kTag, std::strerror(errno),
-               waits[0].fd, waits[1].fd);
-    WaitForStop(kPauseAfterFailure);
-    return;
+  switch (gate_.WaitFor(std::chrono::seconds(seconds))) {
+    case ResyncGate::Wake::kManagerCame:
+      fast_resync_interval_ = 1;
+      ZLOG_INFO("[%s] Resync woken up before timeout by mpa reconnect...\n", kTag);
+      break;
+    case ResyncGate::Wake::kAllowedAgain:
+      ZLOG_INFO("[%s] Resync woken up before timeout. Not MPA reconnect!\n", kTag);
+      break;
+    case ResyncGate::Wake::kFailed:
+      gate_.WaitForStop(kPauseAfterFailure);
+      break;
+    case ResyncGate::Wake::kTime:
+      break;
   }
-  char byte = 0;
-  if (waits[0].revents == 0 || ::read(read_end_.get(), &byte, 1) != 1) return;
-  if (byte == kManagerCame) {
-    fast_resync_interval_ = 1;
-    ZLOG_INFO("[%s] Resync woken up before timeout by mpa reconnect...\n", kTag);
-  } else {
-    ZLOG_INFO("[%s] Resync woken up before timeout. Not MPA reconnect!\n", kTag);
-  }
-}
-
-bool ResyncThread::WaitForStop(Duration duration) {
-  const TimePoint due = Clock::Process().Now() + duration;
-  pollfd wait{stop_event_.get(), POLLIN, 0};
-  while (PollUntil(&wait, 1, due) < 0 && errno == EINTR) {
-  }
-  return stopped();
-}
-
-int ResyncThread::Shell(const std::string& command, Duration limit, std::string* output, std::string* error) {
-  if (settings_.command) return settings_.command(command, output);
-  return Tarvik::Util::ReadCmdOutput(command, output, error, {limit, stop_event_.get()});
 }
 
 }  // namespace zem::zema

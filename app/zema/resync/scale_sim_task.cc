@@ -6,6 +6,7 @@
 
 #include "app/zema/ports/vif_request.h"
 #include "app/zema/state/health_record.h"
+#include "app/zema/state/realization_options.h"
 #include "framework/log/log.h"
 #include "framework/node/host_identity.h"
 
@@ -28,7 +29,7 @@ std::vector<std::string> SwitchesOf(const std::string& list) {
 }  // namespace
 
 void ScaleSimTask::Run() {
-  const RealizationOptions options = settings_.options();
+  const RealizationOptions options = settings_.options->Snapshot();
   const std::vector<std::string> switches = SwitchesOf(options.scale_simulation_ls_list);
   ZLOG_INFO("ScaleSimTask started with numLp = %d , batchSize = %d , batchInterval = %d , lsList = %lu",
             options.scale_simulation_num_lp, options.scale_simulation_batch_size,

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "app/zema/state/realization_options.h"
 #include "framework/tasks/runnable.h"
 #include "platform/core/clock.h"
 
@@ -16,6 +15,8 @@ class HostIdentity;
 namespace zem::zema {
 
 class HealthRecord;
+class OptionsStore;
+struct RealizationOptions;
 struct VifRequest;
 
 /// Imitates the attaches of many VMs, in batches, so that a manager can be tried out under load.
@@ -27,7 +28,7 @@ class ScaleSimTask final : public Runnable {
   struct Settings {
     HealthRecord* health = nullptr;
     HostIdentity* host = nullptr;
-    std::function<RealizationOptions()> options;
+    OptionsStore* options = nullptr;
     std::function<void(std::shared_ptr<VifRequest>)> add_request;
     /// Waits; false when the daemon is stopping.
     std::function<bool(Duration)> pause;

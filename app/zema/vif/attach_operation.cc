@@ -10,6 +10,7 @@
 #include "app/zema/vif/security_port.h"
 #include "app/zema/vif/vif_context.h"
 #include "framework/log/log.h"
+#include "framework/node/host_identity.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {
@@ -103,7 +104,7 @@ bool AttachOperation::LeavePriorPort() {
             request_.vif_id.c_str());
   std::string error;
   const std::string& kept = security_port_ ? security_port_->port : reply_.port_id;
-  if (context_.ports.ClearVifFromPortOtherThan(kept, request_.vif_id, &error) == 0) return true;
+  if (context_.ports.changes().ClearVifFromPortOtherThan(kept, request_.vif_id, &error) == 0) return true;
   ZLOG_ERROR("42003", "[%s] VIF [%s] stays on a port that it had: %s", kTag, request_.vif_id.c_str(),
              error.c_str());
   request_.error_text = std::move(error);
@@ -120,15 +121,15 @@ bool AttachOperation::HandlePriorAttachedPort() {
   const char* const zone = reply_.old_zone_id.c_str();
   ZLOG_INFO("[%s] handling prior attachment for vif: ls:[%s] lp:[%s] tz:[%s]\n", __func__, ls, port, zone);
   // What it had on another host cannot be given back here.
-  const auto own = context_.host_id();
+  const auto own = context_.host.id();
   if (reply_.host_id.empty() || !own || reply_.host_id == *own) {
     prior_.Note(request_.vif_id, request_.gcf_path,
                 {reply_.old_switch_id, request_.ls_id, reply_.old_zone_id, reply_.old_port_id,
                  OpIdStem(request_.op_id)});
   }
   std::string error;
-  if (context_.ports.ClearVifFromPort(reply_.old_zone_id, reply_.old_port_id, reply_.old_switch_id,
-                                      request_.vif_id, true, &error) != 0) {
+  if (context_.ports.changes().ClearVifFromPort(reply_.old_zone_id, reply_.old_port_id, reply_.old_switch_id,
+                                                request_.vif_id, true, &error) != 0) {
     ZLOG_ERROR("42068", "[%s] clearVif(lpid=%s, lsid=%s, zoneUuid= %s, vifUuid=%s, gcfPath=%s) failed: %s\n",
                __func__, port, ls, zone, request_.vif_id.c_str(), request_.gcf_path.c_str(), error.c_str());
     request_.error_text = std::move(error);
@@ -213,8 +214,9 @@ void AttachOperation::AfterManagerError(bool return_vif) {
     return;
   }
   std::string path = request_.gcf_path;
-  if (context_.ports.FindPortByVifUuid(request_.vif_id, request_.ls_id, &path, &at, &error) != 0) return;
-  context_.ports.TakeFile(at);
+  if (context_.ports.search().FindPortByVifUuid(request_.vif_id, request_.ls_id, &path, &at, &error) != 0)
+    return;
+  context_.ports.files().TakeFile(at);
   request_.error_text.clear();
   if (return_vif) request_.result_text = request_.vif_id;
   ZLOG_INFO("Suceeded in restoring dvport [%s] for VIF [%s] and returning success with %s VIF in the result",

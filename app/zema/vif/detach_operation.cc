@@ -60,7 +60,7 @@ void DetachOperation::NoteOperation() {
   }
   if (!at_.dvs.empty() && !at_.port.empty()) {
     // A failure is told there; the VIF comes off all the same.
-    static_cast<void>(context_.ports.ClearPortExtraConfig(at_.dvs, at_.port, port_props::kCrx));
+    static_cast<void>(context_.ports.properties().ClearPortExtraConfig(at_.dvs, at_.port, port_props::kCrx));
   }
 }
 
@@ -93,8 +93,8 @@ void DetachOperation::ClearNamedPort() {
   ZLOG_INFO("[%s] MP returned gcfPath [%s], request gcfPath [%s]", kTag, reply_.gcf_path.c_str(),
             request_.gcf_path.c_str());
   if (reply_.gcf_path == request_.gcf_path) return;
-  if (context_.ports.UpdateGcfPath(reply_.zone_id, reply_.port_id, reply_.gcf_path, &request_.error_text) ==
-      0) {
+  if (context_.ports.changes().UpdateGcfPath(reply_.zone_id, reply_.port_id, reply_.gcf_path,
+                                             &request_.error_text) == 0) {
     ZLOG_INFO("[%s] Successfully updated port [%s] gcfPath to [%s]", kTag, reply_.port_id.c_str(),
               reply_.gcf_path.c_str());
   }
@@ -115,7 +115,8 @@ void DetachOperation::ClearWhereverItIs() {
 
 void DetachOperation::Clear(const std::string& zone, const std::string& port, bool force) {
   std::string error;
-  if (context_.ports.ClearVifFromPort(zone, port, request_.ls_id, request_.vif_id, force, &error) != 0) {
+  if (context_.ports.changes().ClearVifFromPort(zone, port, request_.ls_id, request_.vif_id, force, &error) !=
+      0) {
     request_.error_text = std::move(error);
   }
 }
@@ -125,9 +126,9 @@ void DetachOperation::Clear(const std::string& zone, const std::string& port, bo
 bool DetachOperation::ClearForUndo(const PortAttached& back) {
   ZLOG_INFO("[PortOp] Inside cleanup prior port, about to clear vif");
   std::string error;
-  if (context_.ports.ClearVifFromPort(back.old_zone_id, back.old_port_id, back.old_switch_id, request_.vif_id,
-                                      false, &error) == 0 &&
-      context_.ports.ClearVifFromPortOtherThan(back.port_id, request_.vif_id, &error) == 0) {
+  if (context_.ports.changes().ClearVifFromPort(back.old_zone_id, back.old_port_id, back.old_switch_id,
+                                                request_.vif_id, false, &error) == 0 &&
+      context_.ports.changes().ClearVifFromPortOtherThan(back.port_id, request_.vif_id, &error) == 0) {
     return true;
   }
   ZLOG_ERROR("42004", "[%s] %s", "CleanUpPriorAttachedPort", error.c_str());

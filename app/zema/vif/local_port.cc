@@ -55,8 +55,8 @@ bool CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint
   if (spec.switch_id.empty()) spec.switch_id = request.ls_id;
   const std::string& vif = VifOfPort(request, reply);
   std::string reason;
-  if (context.ports.CreatePort(spec, vif, request.gcf_path, request.gcf_path != kHostInterface, &reason) !=
-      0) {
+  if (context.ports.creation().CreatePort(spec, vif, request.gcf_path, request.gcf_path != kHostInterface,
+                                          &reason) != 0) {
     ZLOG_ERROR("42001", "[%s] createPort(uuid=%s, zone=%s) failed: %s\n", __func__, spec.port_id.c_str(),
                spec.zone_id.c_str(), reason.c_str());
     *error = std::move(reason);

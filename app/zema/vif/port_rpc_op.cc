@@ -24,13 +24,14 @@ bool Locate(VifContext& context, const VifRequest& request, const PortRpcOp& op,
     return false;
   }
   if (!op.zone.empty() && !op.port.empty()) {
-    *at = {context.ports.GetDvsIdForTz(op.zone), op.port};
+    *at = {context.ports.zones().GetDvsIdForTz(op.zone), op.port};
     if (!at->dvs.empty()) return true;
     *at = {};
   }
   std::string path = op.gcf_path;
   std::string reason;
-  if (context.ports.FindPortByVifUuid(request.vif_id, request.ls_id, &path, at, &reason) == 0) return true;
+  if (context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, &path, at, &reason) == 0)
+    return true;
   *error = "Failed to find port with vif [" + request.vif_id + "] gcfPath [" + request.gcf_path + "]";
   return false;
 }
@@ -45,7 +46,7 @@ bool UpdateDvPortRpcOp(VifContext& context, const VifRequest& request, const Por
   if (!Locate(context, request, op, at, error)) return false;
   const char* const done = op.done ? port_props::kTrue : port_props::kFalse;
   std::string reason;
-  if (context.ports.UpdateDvportRpcOp(at->dvs, at->port, op.operation, done, &reason) != 0) {
+  if (context.ports.changes().UpdateDvportRpcOp(at->dvs, at->port, op.operation, done, &reason) != 0) {
     *error = std::string("Failed to set Port Pending ") + op.operation + "=" + done + " for vif [" +
              request.vif_id + "] port-key [" + at->port + "]";
     return false;

@@ -43,7 +43,8 @@ bool PrecreatedPortMaker::CreatePortForPrecreated(VifRequest& request, std::stri
   const TimePoint begun = Clock::Process().Now();
   const PortAttached port = PortAttachedOf(*request.spec);
   const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
-  if (context_.ports.ClearVifFromPortOtherThan(port.port_id, request.vif_id, error) != 0) return false;
+  if (context_.ports.changes().ClearVifFromPortOtherThan(port.port_id, request.vif_id, error) != 0)
+    return false;
   return !CreateLocalDvPort(context_, request, begun, port, error);
 }
 

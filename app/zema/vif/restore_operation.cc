@@ -7,6 +7,7 @@
 #include "app/zema/vif/security_port.h"
 #include "app/zema/vif/vif_context.h"
 #include "framework/log/log.h"
+#include "framework/node/host_identity.h"
 
 namespace zem::zema {
 namespace {
@@ -20,7 +21,7 @@ constexpr const char* kFailed = "FAILED";
 bool Find(VifContext& context, const VifRequest& request, std::string* path, PortLocation* at,
           std::string* error) {
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
-  return context.ports.FindPortByVifUuid(request.vif_id, request.ls_id, path, at, error) == 0;
+  return context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, path, at, error) == 0;
 }
 
 // The host knows where the VM's files are.
@@ -64,8 +65,8 @@ bool TieSecurityOnlyPort(VifContext& context, VifRequest& request) {
 
 }  // namespace
 
-std::optional<ManagerSender::RestoreResponse> RestoreVif(VifContext& context, VifRequest& request) {
-  const auto host_id = context.host_id();
+std::optional<VifSender::RestoreResponse> RestoreVif(VifContext& context, VifRequest& request) {
+  const auto host_id = context.host.id();
   if (!host_id) {
     ZLOG_ERROR("42076", "Ignored vif restore for the host is not setup for zem operation");
     return std::nullopt;
@@ -73,10 +74,9 @@ std::optional<ManagerSender::RestoreResponse> RestoreVif(VifContext& context, Vi
   ZLOG_INFO("VifRestore operation initiated for vif: %s", request.vif_id.c_str());
   const bool security = request.spec && request.spec->init_state == kSecurityOnly;
   const bool done = security ? TieSecurityOnlyPort(context, request) : RestorePort(context, request);
-  return ManagerSender::RestoreResponse{request.op_id,      request.vif_id,
-                                        request.ls_id,      request.port_id,
-                                        *host_id,           done ? request.state_text : kFailed,
-                                        request.error_text, request.gcf_path};
+  return VifSender::RestoreResponse{request.op_id,      request.vif_id,  request.ls_id,
+                                    request.port_id,    *host_id,        done ? request.state_text : kFailed,
+                                    request.error_text, request.gcf_path};
 }
 
 }  // namespace zem::zema

@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "app/zema/manager/manager_sender.h"
+#include "app/zema/manager/zem_manager.h"
 
 namespace zem::zema {
 
@@ -14,6 +14,6 @@ struct VifRequest;
 /// that keeps nobody from the VIF meanwhile; nothing when this host is not set up.
 ///
 /// Threads: the one that serves the request.
-std::optional<ManagerSender::RestoreResponse> RestoreVif(VifContext& context, VifRequest& request);
+std::optional<VifSender::RestoreResponse> RestoreVif(VifContext& context, VifRequest& request);
 
 }  // namespace zem::zema

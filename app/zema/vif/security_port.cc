@@ -18,11 +18,12 @@ constexpr Duration kBetween = std::chrono::seconds(1);
 void ClearStale(VifContext& context, const PortLocation& at, const std::string& vif) {
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   std::string stored;
-  if (context.ports.GetPortExtraConfig(at.dvs, at.port, port_props::kExternalId, &stored) != 0) return;
+  if (context.ports.properties().GetPortExtraConfig(at.dvs, at.port, port_props::kExternalId, &stored) != 0)
+    return;
   if (stored.empty() || stored == vif) return;
   ZLOG_INFO("[%s] dvport [%s] has stale vifId [%s], clearing all existing extra config", kTag,
             at.port.c_str(), stored.c_str());
-  if (context.ports.ClearPortOpaqueData(at.dvs, at.port) != 0) {
+  if (context.ports.properties().ClearPortOpaqueData(at.dvs, at.port) != 0) {
     ZLOG_WARN("[%s] dvport [%s] keeps what was written on it", kTag, at.port.c_str());
   }
 }
@@ -39,7 +40,8 @@ bool SetAll(VifContext& context, const PortLocation& at, const SecurityTie& tie,
   };
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   for (const auto& row : rows) {
-    if (context.ports.SetPortExtraConfig(at.dvs, at.port, row.key, row.value, error) != 0) return false;
+    if (context.ports.properties().SetPortExtraConfig(at.dvs, at.port, row.key, row.value, error) != 0)
+      return false;
   }
   return true;
 }
@@ -59,11 +61,11 @@ std::optional<PortLocation> FindSecurityPort(VifContext& context, const VifReque
   PortLocation at;
   std::string path;
   std::string error;
-  if (context.ports.FindPortByVifUuid(request.vif_id, request.ls_id, &path, &at, &error) == 0 &&
+  if (context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, &path, &at, &error) == 0 &&
       (request.port_id.empty() || request.port_id == at.port)) {
     return at;
   }
-  auto of_key = context.ports.PortsOfKey(request.port_id);
+  auto of_key = context.ports.search().PortsOfKey(request.port_id);
   if (of_key.size() != 1) return std::nullopt;
   return std::move(of_key.front());
 }
@@ -89,14 +91,14 @@ void UntieSecurityPort(VifContext& context, const VifRequest& request) {
   const char* const dvs = request.security_switch_id.c_str();
   const char* const port = request.port_id.c_str();
   std::string holder;
-  if (context.ports.GetPortExtraConfig(dvs, port, port_props::kExternalId, &holder) == 0 &&
+  if (context.ports.properties().GetPortExtraConfig(dvs, port, port_props::kExternalId, &holder) == 0 &&
       !request.vif_id.empty() && holder != request.vif_id) {
     ZLOG_INFO("[%s] dvport [%s] is of vif [%s] by now, not of [%s]", kSource, port, holder.c_str(),
               request.vif_id.c_str());
     return;
   }
   ZLOG_INFO("[%s] Clearing security extra config from dvs [%s] lport [%s] on detach", kSource, dvs, port);
-  if (context.ports.ClearPortOpaqueData(dvs, port) != 0) {
+  if (context.ports.properties().ClearPortOpaqueData(dvs, port) != 0) {
     ZLOG_WARN("[%s] dvport [%s] keeps what was written on it", kSource, port);
     return;
   }

@@ -36,7 +36,7 @@ bool SendReplyToMp(VifContext& context, VifRequest& request,
     request.error_text = error;
     return false;
   }
-  context.ports.RemoveVifForSiteConfig(request.vif_id);
+  context.ports.site_configs().RemoveVifForSiteConfig(request.vif_id);
   return true;
 }
 
@@ -47,7 +47,7 @@ std::list<std::pair<std::string, std::string>> CollectSiteConfig(VifContext& con
   std::list<std::pair<std::string, std::string>> values;
   for (const char* const key : kSiteConfigKeys) {
     std::string value;
-    const uint32_t result = context.ports.GetPortExtraConfig(at.dvs, at.port, key, &value);
+    const uint32_t result = context.ports.properties().GetPortExtraConfig(at.dvs, at.port, key, &value);
     if (result == 0) {
       values.emplace_back(key, std::move(value));
     } else if (result != kSwitchNotFound) {
@@ -74,12 +74,12 @@ void ProcessLogicalPortInitState(VifContext& context, const VifRequest& request,
   fetch->port_id = reply.port_id;
   fetch->zone_id = reply.zone_id;
   const std::string& vif = fetch->vif_id;
-  context.ports.AddVifForSiteConfig(vif, fetch);
+  context.ports.site_configs().AddVifForSiteConfig(vif, fetch);
   ZLOG_INFO("Enqueued VIF [%s] to the list of VIFs", vif.c_str());
 }
 
 void UpdateSiteConfigurationOnPort(VifContext& context, VifRequest& request) {
-  const PortLocation at{context.ports.GetDvsIdForTz(request.zone_id), request.port_id};
+  const PortLocation at{context.ports.zones().GetDvsIdForTz(request.zone_id), request.port_id};
   if (at.dvs.empty()) {
     request.error_text = "DVS id for transport zone [" + request.zone_id + "] was not found";
     return;
@@ -87,7 +87,7 @@ void UpdateSiteConfigurationOnPort(VifContext& context, VifRequest& request) {
   if (!SendReplyToMp(context, request, CollectSiteConfig(context, at))) return;
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   std::string error;
-  if (context.ports.ClearAttachmentState(at.dvs, at.port, &error) != 0) {
+  if (context.ports.changes().ClearAttachmentState(at.dvs, at.port, &error) != 0) {
     ZLOG_ERROR("42075", "Failed to clear attachment state on port [%s]: %s", at.port.c_str(), error.c_str());
   }
   ZLOG_INFO("Successfully replied to MP for port [%s]", at.port.c_str());
@@ -100,14 +100,15 @@ std::optional<PriorSiteConfig> TakePriorPendingConf(VifContext& context, const V
             reply.init_state.c_str(), reply.port_id.c_str());
   PortLocation prior;
   std::string error;
-  if (context.ports.FindPortToFetchVMTags(request.vif_id, reply.old_switch_id, request.gcf_path,
-                                          reply.zone_id, &prior, &error) != 0) {
+  if (context.ports.search().FindPortToFetchVMTags(request.vif_id, reply.old_switch_id, request.gcf_path,
+                                                   reply.zone_id, &prior, &error) != 0) {
     ZLOG_INFO("Failed to lookup prior port for VIF [%s]", request.vif_id.c_str());
     return std::nullopt;
   }
   PriorSiteConfig taken{reply.port_id, CollectSiteConfig(context, prior)};
   // The VIF may come back to the port that it had.
-  if (prior.port != reply.port_id && context.ports.DeletePort(prior.dvs, prior.port, false, &error) != 0) {
+  if (prior.port != reply.port_id &&
+      context.ports.changes().DeletePort(prior.dvs, prior.port, false, &error) != 0) {
     ZLOG_WARN("The prior port [%s] of VIF [%s] stays: %s", prior.port.c_str(), request.vif_id.c_str(),
               error.c_str());
   }

@@ -1,20 +1,23 @@
 #pragma once
 
-#include <functional>
-#include <memory>
-#include <optional>
 #include <string>
 
-#include "app/zema/manager/manager_sender.h"
 #include "framework/tasks/synchronizable.h"
 #include "platform/core/stop_signal.h"
 
+namespace zem {
+class HostIdentity;
+}  // namespace zem
+
 namespace zem::zema {
 
+class HealthRecord;
 class LumCommands;
 class MigrationRecord;
+class OptionsStore;
 class PortOpsManager;
 class ResyncState;
+class VifSender;
 class ZemManager;
 
 /// What the operations on the ports of VIFs work with; everything outlives them.
@@ -23,19 +26,18 @@ class ZemManager;
 struct VifContext {
   PortOpsManager& ports;
   ZemManager& manager;
+  /// Takes the outcome of a restoration to the manager.
+  VifSender& sender;
   LumCommands& lum;
   MigrationRecord& migration;
   ResyncState& resync;
+  HealthRecord& health;
+  OptionsStore& options;
+  /// Has no id while this host is not set up for operation.
+  HostIdentity& host;
   /// Held across each sequence of changes to ports, and never while the manager is waited for.  Whoever holds
   /// it may take the locks of the tables and of the port manager, not the other way round.
   Synchronizable& port_lock;
-  /// `zema.preCheckHealth`.
-  std::function<bool()> pre_check_health;
-  std::function<bool()> lum_ready;
-  /// The transport node's id; nothing while this host is not set up for operation.
-  std::function<std::optional<std::string>()> host_id;
-  /// Takes the outcome of a restoration to the manager; may take a minute.
-  std::function<bool(const ManagerSender::RestoreResponse&)> send_restore_response;
   /// The end of the host management: every pause ends with it.
   StopSignal& ending;
 };

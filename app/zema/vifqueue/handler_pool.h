@@ -1,27 +1,23 @@
 #pragma once
 
-#include <pthread.h>
-
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
+#include <mutex>
+#include <vector>
 
-#include "framework/tasks/synchronizable.h"
 #include "platform/core/clock.h"
 #include "platform/metrics/queue_gauge.h"
 
 namespace zem::zema {
 
-class HandlerThread;
 class VifHandler;
 struct VifRequest;
 
-/// The threads that serve VIF requests, and the requests that wait for one: first come, first served.  Grows
-/// under load up to a limit, and shrinks again when threads have long been idle.
+/// The queue of VIF requests and the threads that serve it, first come, first served.  It makes threads while
+/// requests wait, up to a limit, and ends them when they have long been idle.
 ///
-/// Threads: AddRequest, and the handlers' calls, from any; Start, DeleteIdlingThread and Stop by the owner.
-/// The lock is never held together with a handler's monitor, nor while a thread is joined.
+/// Threads: AddRequest and load from any; Start, DeleteIdlingThread and Stop by the owner.
 class HandlerPool {
  public:
   static constexpr size_t kMostHandlers = 30;
@@ -29,37 +25,29 @@ class HandlerPool {
   static constexpr size_t kMostPending = 20'000;
   static constexpr Duration kIdleLimit = std::chrono::seconds(3600);
 
-  /// Owed for each request that came with one; may block.
+  /// Answers a request that came from the host management daemon; may block.
   using ReplyFunction = std::function<void(VifRequest&)>;
 
   /// `vif_handler` has to outlive the pool.
   HandlerPool(VifHandler& vif_handler, ReplyFunction reply);
   ~HandlerPool();
 
-  /// The first thread.
+  /// Makes the first thread.
   void Start();
-  /// Ends all threads and drops what waits; no request is taken from then on.  Again is harmless.
+  /// Ends all threads and drops the requests that wait; the pool takes no request from then on.  Calling it
+  /// twice has no effect.
   void Stop();
 
-  /// Takes a request from any source.  One of the host that comes while kMostPending wait is refused: the
-  /// host gets its reply at once, from the caller's thread.  Others are taken: who made them, as the manager
-  /// when it takes a VIF away, hears of no refusal and does not ask again.
+  /// Takes a request from any source.  A request of the host that comes while kMostPending wait is refused:
+  /// the host gets its reply at once, from the caller's thread.  Other requests are taken even then: their
+  /// makers, such as the manager that takes a VIF away, hear of no refusal and do not ask again.
   void AddRequest(std::shared_ptr<VifRequest> request);
 
   /// Ends one thread that has been idle for too long, unless it is the last.
   void DeleteIdlingThread();
 
-  // --- for the handlers
-
-  /// A new thread joins; gives its first request, or null: it is free then.
-  std::shared_ptr<VifRequest> HandlerReady(HandlerThread& handler);
-  /// Gives the next request, or null: the thread is free then.
-  std::shared_ptr<VifRequest> HandlerDone(HandlerThread& handler);
-  void Reply(VifRequest& request) { reply_(request); }
-  VifHandler& vif_handler() { return vif_handler_; }
-
   struct Load {
-    /// Threads made, those that are not ready yet included.
+    /// Threads made, including those that are not ready yet.
     size_t handlers = 0;
     size_t free = 0;
     size_t pending = 0;
@@ -67,26 +55,33 @@ class HandlerPool {
   Load load();
 
  private:
-  struct Free {
-    std::shared_ptr<HandlerThread> handler;
-    TimePoint since;
-  };
-  using Made = std::map<HandlerThread*, std::shared_ptr<HandlerThread>>;
+  class HandlerThread;
 
-  std::shared_ptr<HandlerThread> AssignFreeHandlerLocked();
-  void Refuse(VifRequest& request);
   void CreateHandler();
-  bool RemoveHandler(HandlerThread& handler);
-  std::shared_ptr<VifRequest> TakePendingLocked();
-  void FreeLocked(HandlerThread& handler);
+  void Refuse(VifRequest& request);
+  void RemoveHandler(HandlerThread& handler);
+
+  // On the threads of the pool.
+  void Serve(HandlerThread& handler);
+  std::shared_ptr<VifRequest> HandlerReady(HandlerThread& handler);
+  std::shared_ptr<VifRequest> HandlerDone(HandlerThread& handler);
+  /// The first request that waits; null when none does, and the thread is free then.
+  std::shared_ptr<VifRequest> TakeOrFreeLocked(HandlerThread& handler);
+  /// Waits until a request is assigned to the free thread; null when the thread has to end.
+  std::shared_ptr<VifRequest> Await(HandlerThread& handler);
+  void ProcessAndGoOn(HandlerThread& handler, VifRequest& request);
+  void Process(HandlerThread& handler, VifRequest& request);
+  void Operate(HandlerThread& handler, VifRequest& request);
 
   VifHandler& vif_handler_;
   const ReplyFunction reply_;
-  Synchronizable lock_;  // guards what follows
-  Made created_handlers_;
-  std::map<pthread_t, HandlerThread*> all_handlers_;
+  /// Guards what follows, and what the pool keeps in its threads.  Never held while a thread is joined.
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<HandlerThread>> created_handlers_;
+  /// How many of them have reported ready.
+  size_t ready_handlers_ = 0;
   /// The longest idle first; the last one is used first.
-  std::deque<Free> free_handlers_;
+  std::deque<std::shared_ptr<HandlerThread>> free_handlers_;
   std::deque<std::shared_ptr<VifRequest>> pending_requests_;
   QueueGauge pending_gauge_{"vifRequests", kMostPending};
   bool stopped_ = false;

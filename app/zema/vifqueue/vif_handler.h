@@ -21,13 +21,13 @@ class VifHandler {
 
   /// A request has arrived and waits for a thread: operations on one VIF are carried out in the order of
   /// these calls, whichever threads serve them.  Does not wait.
-  virtual void Arrived(VifRequest&) {}
+  virtual void Arrived(VifRequest& request) = 0;
 
   /// The first request of a connection is there: until now the host may have changed ports by itself.
-  virtual void HostCame() {}
+  virtual void HostCame() = 0;
 
   /// The host management ends: operations under way wait for nothing any more.
-  virtual void EndWaits() {}
+  virtual void EndWaits() = 0;
 };
 
 }  // namespace zem::zema

@@ -1,9 +1,10 @@
 #include "app/zema/vifqueue/vif_port_handler.h"
 
-#include "app/zema/manager/zem_manager.h"
 #include "app/zema/migration/migration_record.h"
 #include "app/zema/ports/port_ops_manager.h"
 #include "app/zema/ports/vif_request.h"
+#include "app/zema/state/health_record.h"
+#include "app/zema/state/realization_options.h"
 #include "app/zema/vif/attach_operation.h"
 #include "app/zema/vif/detach_operation.h"
 #include "app/zema/vif/restore_operation.h"
@@ -60,7 +61,7 @@ void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
   RestoreAnswer answer;
   Operate(request, waiter, &answer);
   // It may take a minute and more, in which the VIF is free.
-  if (answer) context_->send_restore_response(*answer);
+  if (answer) context_->sender.SendVIFRestoreResponse(*answer);
 }
 
 void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
@@ -117,9 +118,9 @@ bool VifPortHandler::Defer(VifRequest& request) {
 }
 
 bool VifPortHandler::CheckHealth(VifRequest& request) {
-  if (!context_->pre_check_health()) return true;
+  if (!context_->options.Snapshot().pre_check_health) return true;
   ZLOG_INFO("[%s] Running health pre-checks.", kTag);
-  if (context_->lum_ready()) return true;
+  if (context_->health.lum_ready()) return true;
   ZLOG_ERROR("42019", "[%s] ZEMA Lum not ready", kTag);
   request.error_text =
       "ZEMA Lum not ready. Please restart zem-tarvik by invoking /etc/init.d/zem-tarvik restart on this host "
@@ -152,7 +153,7 @@ void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter, RestoreAnswer
       return;
     case VifRequest::kAttachLiveMove:
       // The host brings the VM, and may bring its ports.
-      context_->ports.DoubtVif(request.vif_id);
+      context_->ports.holders().DoubtVif(request.vif_id);
       [[fallthrough]];
     default:
       ZLOG_INFO("[%s] ignore opCode: [%s:%d]\n", kTag, request.KindText().c_str(), request.op_code);
@@ -172,14 +173,14 @@ void VifPortHandler::ManagerDetach(VifRequest& request) {
   ZLOG_INFO("[PortOp] Inside MP_DETACH_PORT, about to clear vif");
   const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
   std::string error;
-  if (context_->ports.ClearVifFromPort(request.zone_id, request.port_id, request.ls_id, request.vif_id, false,
-                                       &error) != 0) {
+  if (context_->ports.changes().ClearVifFromPort(request.zone_id, request.port_id, request.ls_id,
+                                                 request.vif_id, false, &error) != 0) {
     request.error_text = std::move(error);
   }
 }
 
 // While nobody was there to be asked it connected its VMs with the ports that it found.
-void VifPortHandler::HostCame() { context_->ports.ForgetVifIndex(); }
+void VifPortHandler::HostCame() { context_->ports.holders().ForgetVifIndex(); }
 
 void VifPortHandler::EndWaits() {
   context_->ending.Stop();

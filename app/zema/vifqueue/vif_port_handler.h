@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 
+#include "app/zema/manager/zem_manager.h"
 #include "app/zema/vif/prior_attachments.h"
 #include "app/zema/vif/vif_context.h"
 #include "app/zema/vif/vifs_in_process.h"
@@ -22,7 +23,7 @@ class VifPortHandler final : public VifHandler {
   void EndWaits() override;
 
  private:
-  using RestoreAnswer = std::optional<ManagerSender::RestoreResponse>;
+  using RestoreAnswer = std::optional<VifSender::RestoreResponse>;
 
   bool Defer(VifRequest& request);
   bool CheckHealth(VifRequest& request);

@@ -35,6 +35,7 @@
 #include "tests/app/zema/lswitch/checking_lum.h"
 #include "tests/app/zema/lswitch/fake_host_parts.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
+#include "tests/app/zema/manager/no_vifs.h"
 #include "tests/app/zema/state/no_publisher.h"
 #include "tests/support/silent_log.h"
 
@@ -57,12 +58,6 @@ constexpr std::array kTypes = {
     "TransportNodeHostSwitchesMigrationMsg",
     "MaintenanceModeConfigMsg",
     "NoSuchMessage",
-};
-
-class NoVifs : public VifSender {
- public:
-  bool SendVIFAttachmentInfo(const Attachment&, std::string*) override { return false; }
-  bool SendVIFUpdate(const Update&) override { return false; }
 };
 
 // Runs each task at once, in place of its worker.
@@ -179,10 +174,10 @@ class HostInHand final : public ManagerRequests {
   NoPublisher publisher;
   HealthRecord health{publisher, false};
   NoVifs vifs;
-  ZemManager manager{vifs, {[] { return std::nullopt; }, [] { return 25; }}};
   EndpointLibrary library;
   HostIdentity identity;
   FakeHostParts parts{"host-1"};
+  ZemManager manager{vifs, identity, parts.options};
   std::shared_ptr<LogicalSwitchContext> switches = parts.Context(lum, nullptr, workers);
   std::shared_ptr<MmodeContext> mmode = std::make_shared<MmodeContext>(
       MmodeContext{lum, files, health, manager, [](const std::string&, std::string*) { return 0; }});

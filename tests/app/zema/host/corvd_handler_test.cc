@@ -9,13 +9,17 @@
 
 #include "app/zema/host/corvd_frame.h"
 #include "app/zema/host/host_management_slot.h"
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/ports/port_ops_manager.h"
 #include "app/zema/state/health_record.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "framework/node/host_identity.h"
 #include "platform/core/clock.h"
 #include "platform/core/thread.h"
 #include "sim/host/host_management.h"
+#include "tests/app/zema/proxy/fake_lum_commands.h"
 #include "tests/app/zema/state/no_publisher.h"
+#include "tests/app/zema/state/test_options.h"
 #include "tests/app/zema/vifqueue/recording_vif_handler.h"
 #include "tests/support/temp_dir.h"
 
@@ -95,15 +99,18 @@ TEST_F(CorvdHandlerTest, TheResyncBeginsAndEndsWithTheHandlerUnlessLoadIsSimulat
   HostIdentity host;
   host.SetHostId("node");
   ResyncState state;
+  FakeLumCommands lum;
+  SwitchLibrary library;
+  PortOpsManager ports(library, lum, host);
   health_.mpaConnected();
   for (const bool simulated : {false, true}) {
     std::atomic<int> rounds = 0;
-    RealizationOptions options;
-    if (simulated) options.scale_simulation_state = "enabled";
+    TestOptions options;
+    if (simulated) options.Set(R"({"scaleSimulation": {"state": "enabled"}})");
     auto operations = std::make_unique<RecordingVifHandler>();
     RecordingVifHandler& served = *operations;
     handler_ = std::make_unique<CorvdHandler>(health_, std::move(operations), socket_);
-    ResyncThread::Settings settings{&health_, &host, &state, [options] { return options; }};
+    ResyncThread::Settings settings{&health_, &host, &state, &options.store, &ports.holders()};
     settings.command = [&](const std::string& command, std::string* output) {
       if (command.rfind("python ", 0) == 0) {
         ++rounds;

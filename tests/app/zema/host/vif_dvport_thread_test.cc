@@ -4,13 +4,11 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <mutex>
-
-#include "app/zema/ports/vif_request.h"
+#include "app/zema/vifqueue/handler_pool.h"
 #include "framework/process/util.h"
-#include "platform/core/condition.h"
 #include "platform/core/thread.h"
 #include "proto/switching/switching.pb.h"
+#include "tests/app/zema/vifqueue/recording_vif_handler.h"
 #include "tests/support/temp_dir.h"
 
 namespace zem::zema {
@@ -49,22 +47,19 @@ class VifDvportThreadTest : public ::testing::Test {
               static_cast<ssize_t>(bytes.size()));
   }
   std::vector<std::string> Requests(size_t count) {
-    std::unique_lock lock(mutex_);
-    changed_.WaitFor(lock, std::chrono::seconds(30), [&] { return requests_.size() >= count; });
-    return requests_;
+    EXPECT_TRUE(operations_.WaitUntilArrived(count));
+    std::vector<std::string> requests;
+    for (const VifRequest& request : operations_.arrived()) {
+      requests.push_back(request.op_id + " " + request.vif_id);
+    }
+    return requests;
   }
 
   test::TempDir directory_;
   const std::string socket_ = directory_.Path() + "/vnics";
-  std::mutex mutex_;  // guards what follows
-  Condition changed_;
-  std::vector<std::string> requests_;
-  VifDvportThread thread_{[this](std::shared_ptr<VifRequest> request) {
-                            const std::lock_guard lock(mutex_);
-                            requests_.push_back(request->op_id + " " + request->vif_id);
-                            changed_.NotifyAll();
-                          },
-                          socket_};
+  RecordingVifHandler operations_;
+  HandlerPool pool_{operations_, [](VifRequest&) { FAIL() << "nobody is owed an answer"; }};
+  VifDvportThread thread_{pool_, socket_};
   UniqueFd client_;
 };
 

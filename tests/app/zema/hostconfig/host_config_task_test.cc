@@ -229,7 +229,7 @@ TEST_F(HostConfigTest, PortsAreMarkedForSecurityByThemselvesNotByTheirSwitch) {
   ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-4", port_props::kLogicalPortId, "logical-4"));
   auto other = std::make_shared<VifRequest>();
   other->port_id = "lp-4";
-  ports.AddVifForSiteConfig("vif-9", std::move(other));
+  ports.site_configs().AddVifForSiteConfig("vif-9", std::move(other));
   log.Clear();
   ASSERT_THAT(Apply(config.DebugString()), HasSubstr("error_code: 0"));
   EXPECT_EQ(Property(kOverlay, "lp-4", port_props::kExternalId), "(none)");

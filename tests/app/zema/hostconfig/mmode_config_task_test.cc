@@ -5,7 +5,10 @@
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/manager/zem_manager.h"
 #include "app/zema/state/health_record.h"
+#include "app/zema/state/realization_options.h"
+#include "framework/node/host_identity.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
+#include "tests/app/zema/manager/no_vifs.h"
 #include "tests/app/zema/proxy/fake_lum_commands.h"
 #include "tests/app/zema/state/no_publisher.h"
 #include "tests/support/temp_dir.h"
@@ -14,12 +17,6 @@ namespace zem::zema {
 namespace {
 
 using orlane::zem::switching::MaintenanceModeConfigMsg;
-
-class NoVifs : public VifSender {
- public:
-  bool SendVIFAttachmentInfo(const Attachment&, std::string*) override { return false; }
-  bool SendVIFUpdate(const Update&) override { return false; }
-};
 
 class MmodeConfigTaskTest : public ::testing::Test {
  protected:
@@ -41,8 +38,10 @@ class MmodeConfigTaskTest : public ::testing::Test {
   ConfigFiles files_{{directory_.Path("host_config.bin"), directory_.Path("mmode.bin")}};
   NoPublisher publisher_;
   HealthRecord health_{publisher_, false};
+  HostIdentity host_;
+  OptionsStore options_;
   NoVifs vifs_;
-  ZemManager manager_{vifs_, {[] { return std::nullopt; }, [] { return 25; }}};
+  ZemManager manager_{vifs_, host_, options_};
   FakeSender sender_;
   int zemcli_code_ = 0;
   std::vector<std::string> commands_;

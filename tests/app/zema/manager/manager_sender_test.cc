@@ -1,5 +1,6 @@
 #include "app/zema/manager/manager_sender.h"
 
+#include "app/zema/state/realization_options.h"
 #include "proto/switching/vif.pb.h"
 #include "tests/mpaclient/channel_fixture.h"
 
@@ -22,7 +23,8 @@ class ManagerSenderTest : public ChannelTest {
 
   sim::Received Last() { return manager->ReceivedFrom(kSwitching, 0).back(); }
 
-  ManagerSender sender{{[] { return MpaClient::Get(kSwitching); }, [] { return 25; }}};
+  OptionsStore options;
+  ManagerSender sender{[] { return MpaClient::Get(kSwitching); }, options};
 };
 
 // Each type goes as the record and under the correlation that it has.

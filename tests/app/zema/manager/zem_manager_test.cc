@@ -6,6 +6,8 @@
 #include <mutex>
 #include <vector>
 
+#include "app/zema/state/realization_options.h"
+#include "framework/node/host_identity.h"
 #include "platform/core/thread.h"
 #include "platform/core/virtual_clock.h"
 #include "tests/support/log_capture.h"
@@ -47,6 +49,7 @@ class Road final : public VifSender {
     updates.push_back(update);
     return works;
   }
+  bool SendVIFRestoreResponse(const RestoreResponse&) override { return works; }
 
   bool works = true;
   Duration takes{};
@@ -58,6 +61,8 @@ class Road final : public VifSender {
 
 class ZemManagerTest : public ::testing::Test {
  protected:
+  ZemManagerTest() { host.SetHostId("host-1"); }
+
   std::unique_ptr<PortAttached> Answer(const std::string& port, const std::string& error = "") {
     auto answer = std::make_unique<PortAttached>();
     answer->port_id = port;
@@ -98,8 +103,9 @@ class ZemManagerTest : public ::testing::Test {
   test::LogCapture log;
   VirtualClock clock;
   Road road;
-  std::optional<std::string> host = "host-1";
-  ZemManager manager{road, {[this] { return host; }, [] { return 25; }}};
+  HostIdentity host;
+  OptionsStore options;
+  ZemManager manager{road, host, options};
   std::vector<NativeThread> answers;
 };
 
@@ -173,7 +179,7 @@ TEST_F(ZemManagerTest, SendFailures) {
 }
 
 TEST_F(ZemManagerTest, HostThatIsNotSetUp) {
-  host.reset();
+  host.UnsetHostId();
   EXPECT_EQ(Attach().error, "this host is not setup for zem operation");
   EXPECT_EQ(Detach().error, "this host is not initialized for zem operation");
   std::string error;

@@ -255,14 +255,14 @@ class VnicMigrationTaskTest : public ::testing::Test {
   SwitchLibrary library_;
   EndpointLibrary endpoints_;
   RouterLibrary router_library_;
-  PortOpsManager ports_{library_, lum_};
+  HostIdentity host_;
+  PortOpsManager ports_{library_, lum_, host_};
   ConfigOpsManager switches_{library_};
   RouterPorts routers_{router_library_};
   HighPerformanceProfile high_performance_{{}};
   MigrationRecord migration_;
   NoPublisher publisher_;
   HealthRecord health_{publisher_, false};
-  HostIdentity host_;
   OptionsStore options_;
   ConfigFiles files_{{directory_.Path("host_config.bin"), directory_.Path("mmode.bin")}};
   HostConfigState state_;

@@ -28,7 +28,7 @@ class PortOpsClearTest : public SwitchHostTest {
   int Clear(const std::string& zone, const std::string& port, const std::string& ls, const std::string& vif,
             bool force) {
     error.clear();
-    return ports.ClearVifFromPort(zone, port, ls, vif, force, &error);
+    return ports.changes().ClearVifFromPort(zone, port, ls, vif, force, &error);
   }
   std::string VifOf(const char* dvs, const char* port) const {
     return Property(dvs, port, port_props::kExternalId);
@@ -75,7 +75,7 @@ TEST_F(PortOpsClearTest, FileForgetsTheVifToo) {
   ASSERT_TRUE(state->LosePorts(kOverlay));
   PortLocation found;
   std::string path = Vm("vm1");
-  EXPECT_EQ(ports.FindPortByVifUuid(kVif, kLs, &path, &found, &error), -1);
+  EXPECT_EQ(ports.search().FindPortByVifUuid(kVif, kLs, &path, &found, &error), -1);
   EXPECT_THAT(state->Ports(kOverlay), IsEmpty());
 }
 
@@ -90,13 +90,13 @@ TEST_F(PortOpsClearTest, FileThatIsBehindItsPortIsSavedByTheNextTry) {
   };
   const char* const no_state = "DVSKNL_PersistentPortStateGet count=1 ret=0xbad0001";
   Fault(no_state);
-  EXPECT_EQ(ports.UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false", &error), -1);
+  EXPECT_EQ(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false", &error), -1);
   EXPECT_FALSE(in_file("detach_port"));
-  EXPECT_EQ(ports.UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false", &error), 0);
+  EXPECT_EQ(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false", &error), 0);
   EXPECT_TRUE(in_file("detach_port"));
   Fault(no_state);
-  EXPECT_EQ(ports.UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true", &error), -1);
-  EXPECT_EQ(ports.UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true", &error), 0);
+  EXPECT_EQ(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true", &error), -1);
+  EXPECT_EQ(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true", &error), 0);
   EXPECT_FALSE(in_file("detach_port"));
 
   // One failure is made good at once, a second by the next try.
@@ -107,7 +107,7 @@ TEST_F(PortOpsClearTest, FileThatIsBehindItsPortIsSavedByTheNextTry) {
   EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
   EXPECT_FALSE(in_file(kVif));
 
-  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif), 0);
+  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif), 0);
   Fault("DVSKNL_PortDataClear port=lp-1 count=2 ret=0xbad0001");
   state->ClearLogs();
   EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
@@ -118,7 +118,7 @@ TEST_F(PortOpsClearTest, FileThatIsBehindItsPortIsSavedByTheNextTry) {
   };
   EXPECT_LT(first("DVSKNL_PersistentPortStateGet"), first("DVSKNL_PortDataClear"));
   // A VIF that stays on its port is in its file again.
-  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif), 0);
+  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif), 0);
   Fault("DVSKNL_PortDataClear port=lp-1 count=3 ret=0xbad0001");
   EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), -1);
   EXPECT_TRUE(in_file(kVif));
@@ -135,7 +135,7 @@ TEST_F(PortOpsClearTest, ThirdTryIsTheLast) {
   EXPECT_THAT(error, HasSubstr("0xbad0001"));
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), "vif-2");
 
-  EXPECT_EQ(ports.ClearPortExtraConfig(kOverlay, "lp-1", "no.such", &error), 1);
+  EXPECT_EQ(ports.properties().ClearPortExtraConfig(kOverlay, "lp-1", "no.such", &error), 1);
 }
 
 TEST_F(PortOpsClearTest, StateThatCannotBeReadLeadsToAllSwitchesWhenForced) {
@@ -148,7 +148,7 @@ TEST_F(PortOpsClearTest, StateThatCannotBeReadLeadsToAllSwitchesWhenForced) {
 
 TEST_F(PortOpsClearTest, OtherPortsOfTheVifLoseIt) {
   Create(Description("lp-5", "z2"), kVif, Vm("vm1"));
-  EXPECT_EQ(ports.ClearVifFromPortOtherThan("lp-5", kVif, &error), 0);
+  EXPECT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-5", kVif, &error), 0);
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-5"), kVif);
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), "vif-2");
@@ -156,7 +156,7 @@ TEST_F(PortOpsClearTest, OtherPortsOfTheVifLoseIt) {
 
 TEST_F(PortOpsClearTest, PendingOperationIsForgottenOnlyByItsOwnKind) {
   const auto update = [&](const char* operation, const char* done) {
-    return ports.UpdateDvportRpcOp(kOverlay, "lp-1", operation, done, &error);
+    return ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", operation, done, &error);
   };
   const auto pending = [&] { return Property(kOverlay, "lp-1", port_props::kPortOpPending); };
   EXPECT_EQ(update("attach_port", "false"), 0);
@@ -173,18 +173,18 @@ TEST_F(PortOpsClearTest, PendingOperationIsForgottenOnlyByItsOwnKind) {
 }
 
 TEST_F(PortOpsClearTest, OpaqueDataGoesAsAGroup) {
-  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kSecurityEnable, "true"), 0);
-  EXPECT_EQ(ports.ClearAllPortOpaqueData(kOverlay), 0);
+  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kSecurityEnable, "true"), 0);
+  EXPECT_EQ(ports.properties().ClearAllPortOpaqueData(kOverlay), 0);
   for (const char* const key : port_props::kOpaqueData) EXPECT_EQ(Property(kOverlay, "lp-1", key), kNone);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAlias), "lp-1");
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), "vif-2");
   Fault("DVSKNL_SwitchPortList ret=0xbad0001");
-  EXPECT_EQ(ports.ClearAllPortOpaqueData(kOverlay), -1);
+  EXPECT_EQ(ports.properties().ClearAllPortOpaqueData(kOverlay), -1);
 }
 
 TEST_F(PortOpsClearTest, StaleLogicalPortGoesBeforeTheNewOneComes) {
   const auto set = [&](const char* value) {
-    return ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kLogicalPortId, value);
+    return ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kLogicalPortId, value);
   };
   EXPECT_EQ(set("a"), 0);
   state->ClearLogs();
@@ -203,7 +203,7 @@ TEST_F(PortOpsClearTest, PortListsOfManyThreadsDoNotOverlap) {
     for (int i = 0; i < 4; ++i) {
       threads.push_back(std::make_unique<NativeThread>([this] {
         std::string reason;
-        EXPECT_EQ(ports.FindAndClearExistingPortWithVifId("ls-none", kVif, &reason), 0);
+        EXPECT_EQ(ports.changes().FindAndClearExistingPortWithVifId("ls-none", kVif, &reason), 0);
       }));
     }
     for (const auto& thread : threads) thread->Join();

@@ -21,7 +21,7 @@ class PortOpsFindTest : public SwitchHostTest {
     path = std::move(gcf_path);
     error.clear();
     found = {};
-    return ports.FindPortByVifUuid(vif, kLs, &path, &found, &error);
+    return ports.search().FindPortByVifUuid(vif, kLs, &path, &found, &error);
   }
 
   PortLocation found;
@@ -52,7 +52,7 @@ TEST_F(PortOpsFindTest, AnotherDirectoryIsNotThePortThatWasMeant) {
   EXPECT_EQ(error, "Failed to find required port. GCF path [" + Vm("vm9") +
                        "] specified for the port is different from the gcf path [" + dir.Path("vm1") +
                        "] in memory");
-  EXPECT_EQ(ports.UpdateGcfPath("z1", "lp-1", Vm("vm9"), &error), 0);
+  EXPECT_EQ(ports.changes().UpdateGcfPath("z1", "lp-1", Vm("vm9"), &error), 0);
   EXPECT_EQ(Find(kVif, Vm("vm9")), 0);
   EXPECT_TRUE(fs::exists(PortFile("vm9", kOverlay, "lp-1")));
 }
@@ -102,7 +102,7 @@ TEST_F(PortOpsFindTest, PortsThatAreThereAreNeitherRemovedNorTakenFromAnotherVm)
   EXPECT_EQ(Find(kVif, Vm("vm1")), 0);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), kVif);
   // One that went to another VIF does not.
-  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, "vif-3"), 0);
+  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, "vif-3"), 0);
   EXPECT_EQ(Find(kVif, Vm("vm1")), -1);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "vif-3");
   EXPECT_THAT(state->Calls("DVSKNL_PortRemove"), IsEmpty());
@@ -125,40 +125,40 @@ TEST_F(PortOpsFindTest, PriorPortIsPutOnTheSwitchOfTheNewZoneAlone) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
   Create(Description("lp-2"), "vif-2", Vm("vm1"));
   state->RebootHost();
-  EXPECT_EQ(ports.FindPortToFetchVMTags("vif-2", kLs, Vm("vm1"), "z2", &found, &error), 0);
+  EXPECT_EQ(ports.search().FindPortToFetchVMTags("vif-2", kLs, Vm("vm1"), "z2", &found, &error), 0);
   EXPECT_EQ(found.dvs, kVlanSwitch);
   EXPECT_EQ(found.port, "lp-2");
   EXPECT_THAT(state->Ports(kVlanSwitch), ElementsAre("lp-2"));
   EXPECT_THAT(state->Ports(kOverlay), IsEmpty());
-  EXPECT_EQ(ports.FindPortToFetchVMTags("vif-2", kLs, "knlnic", "z2", &found, &error), -1);
+  EXPECT_EQ(ports.search().FindPortToFetchVMTags("vif-2", kLs, "knlnic", "z2", &found, &error), -1);
 }
 
 TEST_F(PortOpsFindTest, ZonesComeFromTheHostAndStayWhenItIsSilent) {
   lum.Script("GetTzToDvsMapping()", {"ok|za:dvs-a:NVS|bad:entry|zb:dvs-b:KLN", "unknown command",
                                      "unknown command", "ok|za:dvs-a:NVS|zc:dvs-c:NVS"});
-  EXPECT_TRUE(ports.CacheTzToDvsMapping());
-  EXPECT_EQ(ports.GetDvsIdForTz("za"), "dvs-a");
-  EXPECT_EQ(ports.GetHostSwitchInfoForTz("zb").kind, "KLN");
-  EXPECT_EQ(ports.GetDvsIdForTz("z1"), "") << "the host has answered, so there is no such zone";
-  EXPECT_FALSE(ports.CacheTzToDvsMapping());
-  EXPECT_EQ(ports.GetDvsIdForTz("za"), "dvs-a");
-  EXPECT_EQ(ports.GetDvsIdForTz("zc"), "") << "asked again, in vain";
-  EXPECT_EQ(ports.GetDvsIdForTz("zc"), "dvs-c");
-  EXPECT_EQ(ports.GetDvsIdForTz("z1"), "");
+  EXPECT_TRUE(ports.zones().CacheTzToDvsMapping());
+  EXPECT_EQ(ports.zones().GetDvsIdForTz("za"), "dvs-a");
+  EXPECT_EQ(ports.zones().GetHostSwitchInfoForTz("zb").kind, "KLN");
+  EXPECT_EQ(ports.zones().GetDvsIdForTz("z1"), "") << "the host has answered, so there is no such zone";
+  EXPECT_FALSE(ports.zones().CacheTzToDvsMapping());
+  EXPECT_EQ(ports.zones().GetDvsIdForTz("za"), "dvs-a");
+  EXPECT_EQ(ports.zones().GetDvsIdForTz("zc"), "") << "asked again, in vain";
+  EXPECT_EQ(ports.zones().GetDvsIdForTz("zc"), "dvs-c");
+  EXPECT_EQ(ports.zones().GetDvsIdForTz("z1"), "");
   EXPECT_THAT(lum.commands, SizeIs(4));
 }
 
 TEST_F(PortOpsFindTest, VifsThatWaitForSiteConfigurationAreKeptAsTheyWereWhileRead) {
   lum.Script("GetVifUuidsForFetchingSiteConfig()", {"vif-1:ls-1:lp-1:z1|short:one|vif-2:ls-2:lp-2:z2", ""});
-  EXPECT_TRUE(ports.GetVifsForSiteConfig());
-  const auto seen = ports.VifsForSiteConfig();
+  EXPECT_TRUE(ports.site_configs().GetVifsForSiteConfig());
+  const auto seen = ports.site_configs().VifsForSiteConfig();
   EXPECT_THAT(*seen, SizeIs(2));
-  EXPECT_EQ(ports.LookupVifRequest("vif-2")->port_id, "lp-2");
-  EXPECT_EQ(ports.LookupVifRequest("vif-2")->op_code, VifRequest::kFetchSiteConfig);
-  ports.RemoveVifForSiteConfig("vif-2");
-  EXPECT_EQ(ports.LookupVifRequest("vif-2"), nullptr);
+  EXPECT_EQ(ports.site_configs().LookupVifRequest("vif-2")->port_id, "lp-2");
+  EXPECT_EQ(ports.site_configs().LookupVifRequest("vif-2")->op_code, VifRequest::kFetchSiteConfig);
+  ports.site_configs().RemoveVifForSiteConfig("vif-2");
+  EXPECT_EQ(ports.site_configs().LookupVifRequest("vif-2"), nullptr);
   EXPECT_THAT(*seen, SizeIs(2));
-  ports.GetVifsForSiteConfig();
+  ports.site_configs().GetVifsForSiteConfig();
   EXPECT_THAT(log.Texts(), Contains("[PortOp] No ports found with pending attachment state to process"));
 }
 

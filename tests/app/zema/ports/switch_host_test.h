@@ -5,12 +5,12 @@
 #include <stdlib.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "app/zema/hostlib/switch_library.h"
 #include "app/zema/ports/port_description.h"
 #include "app/zema/ports/port_ops_manager.h"
+#include "framework/node/host_identity.h"
 #include "sim/switch/library_folder.h"
 #include "sim/switch/sim_state.h"
 #include "tests/app/zema/proxy/fake_lum_commands.h"
@@ -34,7 +34,8 @@ class SwitchHostTest : public testing::Test {
     EXPECT_TRUE(state->MakeSwitch({kVlanSwitch, "ks-2", "NVS", {"z2"}, {"u1"}}));
     std::string error;
     EXPECT_TRUE(library.Open(&error)) << error;
-    ports.SetTzToDvsCache({{"z1", kOverlay, "KLN"}, {"z2", kVlanSwitch, "NVS"}, {"z3", kOverlay, "KLN"}});
+    ports.zones().SetTzToDvsCache(
+        {{"z1", kOverlay, "KLN"}, {"z2", kVlanSwitch, "NVS"}, {"z3", kOverlay, "KLN"}});
   }
   ~SwitchHostTest() override {
     library.Close();
@@ -65,7 +66,7 @@ class SwitchHostTest : public testing::Test {
 
   void Create(const PortConfigSpec& description, const std::string& vif, const std::string& gcf_path) {
     std::string error;
-    ASSERT_EQ(ports.CreatePort(description, vif, gcf_path, true, &error), 0) << error;
+    ASSERT_EQ(ports.creation().CreatePort(description, vif, gcf_path, true, &error), 0) << error;
   }
 
   std::string Property(const std::string& dvs, const std::string& port, const std::string& name) const {
@@ -77,8 +78,9 @@ class SwitchHostTest : public testing::Test {
   std::unique_ptr<sim::SwitchState> state;
   SwitchLibrary library{BuiltLibrary("libklnPublic.so")};
   FakeLumCommands lum;
-  std::optional<std::string> host_id;
-  PortOpsManager ports{library, lum, [this] { return host_id; }};
+  /// Has no id at first.
+  HostIdentity identity;
+  PortOpsManager ports{library, lum, identity};
 };
 
 }  // namespace zem::zema

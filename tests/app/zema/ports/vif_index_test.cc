@@ -63,25 +63,28 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
         PortConfigSpec description = Description(port, kZones[at]);
         description.switch_id = ls;
         // Files take long: each is synced.
-        ASSERT_EQ(ports.CreatePort(description, vif, pick(3) == 0 ? vm : "knlnic", true, &error), 0) << error;
+        ASSERT_EQ(ports.creation().CreatePort(description, vif, pick(3) == 0 ? vm : "knlnic", true, &error),
+                  0)
+            << error;
         break;
       }
       case 3:
-        ASSERT_EQ(ports.ClearVifFromPort(kZones[at], port, ls, vif, pick(2) == 0, &error), 0) << error;
+        ASSERT_EQ(ports.changes().ClearVifFromPort(kZones[at], port, ls, vif, pick(2) == 0, &error), 0)
+            << error;
         break;
       case 4:
-        ASSERT_EQ(ports.DeletePort(dvs, port, pick(2) == 0, &error), 0) << error;
+        ASSERT_EQ(ports.changes().DeletePort(dvs, port, pick(2) == 0, &error), 0) << error;
         break;
       case 5:
         if (there) {
-          ASSERT_EQ(ports.ClearPortOpaqueData(dvs, port), 0);
+          ASSERT_EQ(ports.properties().ClearPortOpaqueData(dvs, port), 0);
         }
         break;
       case 6:
         // A write whose outcome is not known: it may have been done.
         if (there) {
           Fault("DVSKNL_PortDataSet count=1 ret=0xbad0001");
-          ASSERT_EQ(ports.SetPortExtraConfig(dvs, port, port_props::kExternalId, vif), -1);
+          ASSERT_EQ(ports.properties().SetPortExtraConfig(dvs, port, port_props::kExternalId, vif), -1);
           if (pick(2) == 0) {
             ASSERT_TRUE(state->SetPortProperty(dvs, port, port_props::kExternalId, vif));
           }
@@ -90,29 +93,29 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
       case 7:
         ASSERT_TRUE(state->LosePorts(dvs));
         path = vm;
-        static_cast<void>(ports.FindPortByVifUuid(vif, ls, &path, &found, &error));
+        static_cast<void>(ports.search().FindPortByVifUuid(vif, ls, &path, &found, &error));
         break;
       case 8:
         // The host brings a port with its VIF, and says so.
         if (there) {
           ASSERT_TRUE(state->SetPortProperty(dvs, port, port_props::kExternalId, vif));
-          ports.DoubtVif(vif);
+          ports.holders().DoubtVif(vif);
         }
         break;
       case 9:
         if (there) {
           ASSERT_TRUE(state->SetPortProperty(dvs, port, port_props::kExternalId, vif));
-          ASSERT_TRUE(ports.RefreshVifIndex());
+          ASSERT_TRUE(ports.holders().RefreshVifIndex());
         }
         break;
       case 10:
         path = vm;
-        static_cast<void>(ports.FindPortToFetchVMTags(vif, ls, vm, kZones[at], &found, &error));
+        static_cast<void>(ports.search().FindPortToFetchVMTags(vif, ls, vm, kZones[at], &found, &error));
         break;
       default:
-        ports.SetTzToDvsCache({{"z1", kOverlay, "KLN"},
-                               {"z2", kVlanSwitch, "NVS"},
-                               {"more-" + std::to_string(step), dvs, "KLN"}});
+        ports.zones().SetTzToDvsCache({{"z1", kOverlay, "KLN"},
+                                       {"z2", kVlanSwitch, "NVS"},
+                                       {"more-" + std::to_string(step), dvs, "KLN"}});
         break;
     }
 
@@ -121,7 +124,7 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
     if (pick(8) == 0) {
       const auto walked = Walked(wanted, ls);
       path.clear();
-      ASSERT_EQ(ports.FindPortByVifUuid(wanted, ls, &path, &found, &error), walked.empty() ? -1 : 0)
+      ASSERT_EQ(ports.search().FindPortByVifUuid(wanted, ls, &path, &found, &error), walked.empty() ? -1 : 0)
           << "step " << step;
       if (!walked.empty()) {
         ++hits;
@@ -129,11 +132,11 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
       }
     }
     if (pick(4) == 0) {
-      ASSERT_EQ(ports.ClearVifFromPortOtherThan(port, wanted, &error), 0);
+      ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan(port, wanted, &error), 0);
       for (const auto& [other_dvs, other] : Walked(wanted, "")) ASSERT_EQ(other, port) << "step " << step;
     }
     if (pick(16) == 0) {
-      ASSERT_EQ(ports.FindAndClearExistingPortWithVifId(ls, wanted, &error), 0);
+      ASSERT_EQ(ports.changes().FindAndClearExistingPortWithVifId(ls, wanted, &error), 0);
       ASSERT_THAT(Walked(wanted, ls), IsEmpty()) << "step " << step;
     }
   }
@@ -143,28 +146,28 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
 // The roads of every attach and detach: after the first reading nothing of them looks at other ports.
 TEST_F(VifIndexTest, AttachAndDetachDoNotGoThroughPorts) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
-  ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-1", kVif, &error), 0);
+  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-1", kVif, &error), 0);
   state->ClearLogs();
   Create(Description("lp-2"), "vif-2", Vm("vm1"));
-  ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
+  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
   PortLocation found;
   std::string path = Vm("vm1");
-  ASSERT_EQ(ports.FindPortByVifUuid("vif-2", kLs, &path, &found, &error), 0);
+  ASSERT_EQ(ports.search().FindPortByVifUuid("vif-2", kLs, &path, &found, &error), 0);
   // The second half of a move: the VIF is on another network by now.
-  ASSERT_EQ(ports.FindAndClearExistingPortWithVifId("ls-before", "vif-2", &error), 0);
-  ASSERT_EQ(ports.FindAndClearExistingPortWithVifId(kLs, "vif-2", &error), 0);
+  ASSERT_EQ(ports.changes().FindAndClearExistingPortWithVifId("ls-before", "vif-2", &error), 0);
+  ASSERT_EQ(ports.changes().FindAndClearExistingPortWithVifId(kLs, "vif-2", &error), 0);
   // It has been taken off already, by the manager's own request.
   path.clear();
-  EXPECT_EQ(ports.FindPortByVifUuid("vif-2", kLs, &path, &found, &error), -1);
-  ASSERT_EQ(ports.FindAndClearExistingPortWithVifId(kLs, "vif-2", &error), 0);
+  EXPECT_EQ(ports.search().FindPortByVifUuid("vif-2", kLs, &path, &found, &error), -1);
+  ASSERT_EQ(ports.changes().FindAndClearExistingPortWithVifId(kLs, "vif-2", &error), 0);
   EXPECT_EQ(Lists(), 0U);
   EXPECT_THAT(state->Calls("lp-1"), IsEmpty());
   // The same zones once more change nothing; another switch does.
-  ports.SetTzToDvsCache({{"z1", kOverlay, "KLN"}, {"z2", kVlanSwitch, "NVS"}});
-  ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
+  ports.zones().SetTzToDvsCache({{"z1", kOverlay, "KLN"}, {"z2", kVlanSwitch, "NVS"}});
+  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
   EXPECT_EQ(Lists(), 0U);
-  ports.SetTzToDvsCache({{"z1", kOverlay, "KLN"}});
-  ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
+  ports.zones().SetTzToDvsCache({{"z1", kOverlay, "KLN"}});
+  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
   EXPECT_EQ(Lists(), 1U);
 }
 
@@ -173,26 +176,26 @@ TEST_F(VifIndexTest, PortsThatComeWithTheirVifAreKnown) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
   Create(Description("lp-2"), "vif-2", "knlnic");
   ASSERT_TRUE(state->LosePorts(kOverlay));
-  ASSERT_TRUE(ports.RefreshVifIndex());
+  ASSERT_TRUE(ports.holders().RefreshVifIndex());
   PortLocation found;
   std::string path = Vm("vm1");
-  ASSERT_EQ(ports.FindPortByVifUuid(kVif, kLs, &path, &found, &error), 0) << error;
+  ASSERT_EQ(ports.search().FindPortByVifUuid(kVif, kLs, &path, &found, &error), 0) << error;
   state->ClearLogs();
-  ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
+  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
   EXPECT_EQ(Lists(), 0U);
   for (const bool told : {false, true}) {
     ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-1", port_props::kExternalId, "vif-3"));
-    if (told) ports.DoubtVif("vif-3");
-    ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-9", "vif-3", &error), 0);
+    if (told) ports.holders().DoubtVif("vif-3");
+    ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-9", "vif-3", &error), 0);
     EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), told ? "(none)" : "vif-3");
   }
   // It may be looked for after it was announced and before it comes; once it has come and gone it is nowhere.
-  ports.DoubtVif("vif-4");
+  ports.holders().DoubtVif("vif-4");
   bool came = false;
   for (const unsigned lists : {2U, 2U, 0U}) {
     state->ClearLogs();
-    ASSERT_EQ(ports.ClearVifFromPort("", "", kLs, "vif-4", true, &error), 0);
+    ASSERT_EQ(ports.changes().ClearVifFromPort("", "", kLs, "vif-4", true, &error), 0);
     EXPECT_EQ(Lists(), lists);
     EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
     if (!came) {
@@ -205,12 +208,12 @@ TEST_F(VifIndexTest, PortsThatComeWithTheirVifAreKnown) {
 // A port that cannot be read may hold any VIF, so nothing is believed until all could be read.
 TEST_F(VifIndexTest, ReadingThatFailedIsNotBelieved) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
-  ASSERT_TRUE(ports.RefreshVifIndex());
+  ASSERT_TRUE(ports.holders().RefreshVifIndex());
   Fault("DVSKNL_PortDataGet port=lp-1 count=2 ret=0xbad0001");
-  EXPECT_FALSE(ports.RefreshVifIndex());
-  ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
+  EXPECT_FALSE(ports.holders().RefreshVifIndex());
+  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), kVif);
-  ASSERT_EQ(ports.ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
+  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
 }
 
@@ -218,17 +221,17 @@ TEST_F(VifIndexTest, ReadingThatFailedIsNotBelieved) {
 TEST_F(VifIndexTest, WritesDuringReadingsStayKnown) {
   constexpr int kPorts = 60;
   for (int i = 0; i < kPorts; ++i) Create(Description("lp-" + std::to_string(i)), "none", "knlnic");
-  ASSERT_TRUE(ports.RefreshVifIndex());
+  ASSERT_TRUE(ports.holders().RefreshVifIndex());
   Fault("DVSKNL_PortDataGet delay_ms=1");
   std::atomic<bool> done{false};
   {
     NativeThread reader([&] {
-      while (!done) ports.RefreshVifIndex();
+      while (!done) ports.holders().RefreshVifIndex();
     });
     NativeThread writer([&] {
       for (int i = 0; i < kPorts; ++i) {
-        EXPECT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-" + std::to_string(i), port_props::kExternalId,
-                                           "vif-" + std::to_string(i)),
+        EXPECT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-" + std::to_string(i),
+                                                        port_props::kExternalId, "vif-" + std::to_string(i)),
                   0);
       }
       done = true;
@@ -237,7 +240,7 @@ TEST_F(VifIndexTest, WritesDuringReadingsStayKnown) {
   state->ClearFaults("");
   state->ClearLogs();
   for (int i = 0; i < kPorts; ++i) {
-    ASSERT_EQ(ports.ClearVifFromPortOtherThan("another", "vif-" + std::to_string(i), &error), 0);
+    ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("another", "vif-" + std::to_string(i), &error), 0);
   }
   EXPECT_EQ(Lists(), 0U);
   for (int i = 0; i < kPorts; ++i) {

@@ -7,12 +7,17 @@
 
 #include <cstdlib>
 
+#include "app/zema/hostlib/switch_library.h"
+#include "app/zema/ports/port_ops_manager.h"
 #include "app/zema/ports/vif_request.h"
+#include "app/zema/state/health_record.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "app/zema/vifqueue/vif_handler.h"
 #include "framework/node/host_identity.h"
 #include "platform/core/virtual_clock.h"
+#include "tests/app/zema/proxy/fake_lum_commands.h"
 #include "tests/app/zema/state/no_publisher.h"
+#include "tests/app/zema/state/test_options.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process_end.h"
 #include "tests/support/temp_dir.h"
@@ -34,6 +39,9 @@ class ScriptedVifHandler : public VifHandler {
     if (request.vif_id == "refused") request.error_text = "no such switch";
     if (request.vif_id == "thrown") throw std::runtime_error("the switch is gone");
   }
+  void Arrived(VifRequest&) override {}
+  void HostCame() override {}
+  void EndWaits() override {}
   std::vector<std::string> served;
   std::function<void(const VifRequest&)> then;
 };
@@ -44,15 +52,7 @@ class ResyncThreadTest : public ::testing::Test {
   ~ResyncThreadTest() override { thread_.reset(); }
 
   ResyncThread::Settings Settings() {
-    return {&health_,
-            &host_,
-            &state_,
-            [this] {
-              const std::lock_guard lock(mutex_);
-              return options_;
-            },
-            std::chrono::minutes(10),
-            nullptr};
+    return {&health_, &host_, &state_, &options_.store, &ports_.holders()};
   }
   void Start() {
     ResyncThread::Settings settings = Settings();
@@ -93,10 +93,6 @@ class ResyncThreadTest : public ::testing::Test {
     for (int i = 0; i < 30'000 && !log_.Contains(text); ++i) ::poll(nullptr, 0, 1);
     ASSERT_TRUE(log_.Contains(text));
   }
-  void SetOptions(const std::function<void(RealizationOptions&)>& change) {
-    const std::lock_guard lock(mutex_);
-    change(options_);
-  }
   void SetReply(std::string reply, int result = 0) {
     const std::lock_guard lock(mutex_);
     reply_ = std::move(reply);
@@ -110,9 +106,12 @@ class ResyncThreadTest : public ::testing::Test {
   HealthRecord health_{publisher_, false};
   HostIdentity host_;
   ResyncState state_;
+  TestOptions options_;
+  FakeLumCommands lum_;
+  SwitchLibrary library_;
+  PortOpsManager ports_{library_, lum_, host_};
   ScriptedVifHandler vif_handler_;
   std::mutex mutex_;  // guards what follows
-  RealizationOptions options_;
   std::string reply_ = "ok\n";
   int result_ = 0;
   std::vector<std::string> rounds_;
@@ -121,7 +120,7 @@ class ResyncThreadTest : public ::testing::Test {
 
 TEST_F(ResyncThreadTest, RoundsBeginWithTheHostIdAndComeAtTheInterval) {
   host_.UnsetHostId();
-  SetOptions([](RealizationOptions& o) { o.resync_vm_check_frequency = 3; });
+  options_.Set(R"({"resync": {"vmCheckFrequency": 3}})");
   Start();
   clock_.RunFor(seconds(12));
   EXPECT_THAT(Rounds(), IsEmpty());
@@ -142,10 +141,8 @@ TEST_F(ResyncThreadTest, AnIntervalOfNothingIsAnHour) {
   };
   for (const Case& c : {Case{0, 200, "3600 0"}, Case{-5, 1, "3600 1"}, Case{60, 0, "3600 1"},
                         Case{60, -1, "3600 1"}, Case{2'000'000'000, 1, "2000000000 1"}}) {
-    SetOptions([&](RealizationOptions& o) {
-      o.resync_interval = c.interval;
-      o.resync_vm_check_frequency = c.frequency;
-    });
+    options_.Set(R"({"resync": {"intervalInSec": )" + std::to_string(c.interval) +
+                 R"(, "vmCheckFrequency": )" + std::to_string(c.frequency) + "}}");
     Start();
     AwaitRounds(1);
     EXPECT_THAT(Rounds(), ElementsAre(::testing::EndsWith(std::string(": ") + c.words)))
@@ -156,10 +153,7 @@ TEST_F(ResyncThreadTest, AnIntervalOfNothingIsAnHour) {
 
 // Counted in each round, but nobody looks at the VMs while the manager has just come.
 TEST_F(ResyncThreadTest, AManagerThatComesAgainIsFollowedClosely) {
-  SetOptions([](RealizationOptions& o) {
-    o.resync_vm_check_frequency = 3;
-    o.resync_interval = 60;
-  });
+  options_.Set(R"({"resync": {"vmCheckFrequency": 3, "intervalInSec": 60}})");
   Start();
   clock_.RunFor(seconds(10));
   health_.mpaConnected();
@@ -188,12 +182,12 @@ TEST_F(ResyncThreadTest, WithTheUsualIntervalTheLastCloseRoundIsAfter2048Seconds
 }
 
 TEST_F(ResyncThreadTest, ARoundThatAChangeOfSwitchesPreventedComesAfterIt) {
-  SetOptions([](RealizationOptions& o) { o.resync_disabled = true; });
+  options_.Set(R"({"resync": {"disabled": true}})");
   Start();
   clock_.RunFor(seconds(3600));
   EXPECT_THAT(Rounds(), IsEmpty());
   EXPECT_EQ(log_.Count("resync disabled or not ready; check again after 3600 sec"), 2u);
-  SetOptions([](RealizationOptions& o) { o.resync_disabled = false; });
+  options_.Set("{}");
   thread_->Allow(false);
   thread_->Allow(true);  // nothing is missed yet, so nothing follows
   thread_->Allow(false);
@@ -268,7 +262,7 @@ TEST_F(ResyncThreadTest, ARoundEndsWhenItCannotBeCarriedOut) {
       {kTwo, 0, [this] { thread_->Allow(true); }, [this](const VifRequest&) { health_.mpaDisconnected(); }, 1,
        "abort resync because it is disabled"},
   };
-  SetOptions([](RealizationOptions& o) { o.resync_interval = 10; });
+  options_.Set(R"({"resync": {"intervalInSec": 10}})");
   Start();
   AwaitRounds(1);
   for (const Case& c : cases) {
@@ -300,7 +294,7 @@ TEST_F(ResyncThreadTest, AScriptThatHangsEndsWithTheThreadAndWithItsTime) {
     log_.Clear();
     ResyncThread::Settings settings = Settings();
     if (!by_stop) {
-      SetOptions([](RealizationOptions& o) { o.resync_interval = 1; });
+      options_.Set(R"({"resync": {"intervalInSec": 1}})");
       settings.script_limit = std::chrono::milliseconds(1);
     }
     thread_ = std::make_unique<ResyncThread>(std::move(settings), vif_handler_);

@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include "app/zema/ports/vif_request.h"
+#include "app/zema/state/health_record.h"
 #include "framework/node/host_identity.h"
 #include "tests/app/zema/state/no_publisher.h"
+#include "tests/app/zema/state/test_options.h"
 #include "tests/support/log_capture.h"
 
 namespace zem::zema {
@@ -22,7 +24,7 @@ class ScaleSimTaskTest : public ::testing::Test {
   }) {
     std::vector<std::string> did;
     size_t waits = 0;
-    ScaleSimTask({&health_, &host_, [this] { return options_; },
+    ScaleSimTask({&health_, &host_, &options_.store,
                   [&](std::shared_ptr<VifRequest> request) {
                     did.push_back(request->ls_id);
                     last_ = std::move(request);
@@ -39,15 +41,13 @@ class ScaleSimTaskTest : public ::testing::Test {
   NoPublisher publisher_;
   HealthRecord health_{publisher_, false};
   HostIdentity host_;
-  RealizationOptions options_;
+  TestOptions options_;
   std::shared_ptr<VifRequest> last_;
 };
 
 TEST_F(ScaleSimTaskTest, AttachesGoAroundTheSwitchesInBatches) {
-  options_.scale_simulation_num_lp = 5;
-  options_.scale_simulation_batch_size = 2;
-  options_.scale_simulation_ls_list = "ls-1, ls-2,ls-3,";
-  options_.scale_simulation_tz_uuid = "z1";
+  options_.Set(
+      R"({"scaleSimulation": {"numLp": 5, "batchSize": 2, "lsList": "ls-1, ls-2,ls-3,", "tzUuid": "z1"}})");
   EXPECT_THAT(Run([this](size_t wait) {
                 if (wait == 1) health_.mpaConnected();
                 if (wait == 2) host_.SetHostId("node");
@@ -63,15 +63,14 @@ TEST_F(ScaleSimTaskTest, AttachesGoAroundTheSwitchesInBatches) {
 }
 
 TEST_F(ScaleSimTaskTest, ItGivesUpWithoutAManagerOrAnId) {
-  options_.scale_simulation_ls_list = "ls-1";
+  options_.Set(R"({"scaleSimulation": {"lsList": "ls-1"}})");
   EXPECT_THAT(Run(), ::testing::SizeIs(20));
   EXPECT_TRUE(log_.Contains("ScaleSimTask timeout waiting for MPA connection. Ending ScaleSimTask."));
   health_.mpaConnected();
   EXPECT_THAT(Run(), ::testing::SizeIs(20));
   EXPECT_TRUE(log_.Contains("hostId found not set after multiple wait and checks. Ending ScaleSimTask."));
   host_.SetHostId("node");
-  options_.scale_simulation_ls_list = " ,";
-  options_.scale_simulation_batch_size = 0;
+  options_.Set(R"({"scaleSimulation": {"lsList": " ,", "batchSize": 0}})");
   EXPECT_THAT(Run(), IsEmpty());
 }
 

@@ -47,9 +47,9 @@ TEST_F(VifAttachTest, ManagerAnswersAndThePortIsMade) {
 
 TEST_F(VifAttachTest, RefusalsOfTheHostAndOfTheManager) {
   EXPECT_EQ(Done(Request(VifRequest::kAttach, "")).error_text, "required vif uuid is not set");
-  lum_ready = false;
+  health.setZemaLumNotReady();
   EXPECT_THAT(Done(Request(VifRequest::kAttach)).error_text, HasSubstr("ZEMA Lum not ready. Please restart"));
-  lum_ready = true;
+  health.setZemaLumReady();
   manager.SetMaintenanceMode(true);
   EXPECT_EQ(Done(Request(VifRequest::kAttach)).error_text, "Cannot operate in maintenance mode");
   manager.SetMaintenanceMode(false);
@@ -223,12 +223,12 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   road.script.push_back(pending);
   EXPECT_EQ(Done(Request(VifRequest::kAttach)).error_text, "");
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAttachmentState), "pending_conf");
-  auto waiting = ports.LookupVifRequest(kVif);
+  auto waiting = ports.site_configs().LookupVifRequest(kVif);
   ASSERT_NE(waiting, nullptr);
 
-  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", kStale, "blue"), 0);
+  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", kStale, "blue"), 0);
   // What the first try came to is not in the second.
-  PortVifStates states(ports, [this](std::shared_ptr<VifRequest> queued) {
+  PortVifStates states(ports.site_configs(), [this](std::shared_ptr<VifRequest> queued) {
     if (queued->error_text.empty()) Do(*queued);
   });
   road.reachable = false;
@@ -239,27 +239,27 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   ASSERT_THAT(road.updates, SizeIs(2));
   EXPECT_THAT(road.updates[1].site_configs, ElementsAre(testing::Pair(kStale, "blue")));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAttachmentState), kNone);
-  EXPECT_EQ(ports.LookupVifRequest(kVif), nullptr);
+  EXPECT_EQ(ports.site_configs().LookupVifRequest(kVif), nullptr);
   // It does not come back with the port's file.
   ASSERT_TRUE(state->LosePorts(kOverlay));
   PortLocation at;
   std::string path = Vm("vm1");
   std::string error;
-  ASSERT_EQ(ports.FindPortByVifUuid(kVif, kLs, &path, &at, &error), 0) << error;
+  ASSERT_EQ(ports.search().FindPortByVifUuid(kVif, kLs, &path, &at, &error), 0) << error;
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAttachmentState), kNone);
 
   // A VIF that has no name but its port's is known by that.
   pending.port_id = "lp-2";
   road.script.push_back(pending);
   EXPECT_EQ(Done(Request(VifRequest::kAttachToVifUuid, "")).result_text, "lp-2");
-  EXPECT_NE(ports.LookupVifRequest("lp-2"), nullptr);
-  EXPECT_EQ(ports.LookupVifRequest(""), nullptr);
+  EXPECT_NE(ports.site_configs().LookupVifRequest("lp-2"), nullptr);
+  EXPECT_EQ(ports.site_configs().LookupVifRequest(""), nullptr);
   ASSERT_EQ(library.PortRemove(kOverlay, "lp-2"), 0U);
 
   // From another host, in the VM's directory.
   Create(Description("lp-5"), "vif-5", Vm("vm5"));
-  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-5", kStale, "red"), 0);
-  ASSERT_EQ(ports.SavePortDataFile(PortFile("vm5", kOverlay, "lp-5"), kOverlay, "lp-5"), 0);
+  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-5", kStale, "red"), 0);
+  ASSERT_EQ(ports.files().SavePortDataFile(PortFile("vm5", kOverlay, "lp-5"), kOverlay, "lp-5"), 0);
   ASSERT_TRUE(state->LosePorts(kOverlay));
   PortAttached moved = Moved(Port("lp-6"), "lp-5", "z8", kLs);
   moved.init_state = "PENDING_CONF";
@@ -280,8 +280,8 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   Attach("vif-5", "lp-6", "z1", kLs, "vm5");
 
   // It comes back to the port that it once left here, with what was written on it elsewhere.
-  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-6", kStale, "green"), 0);
-  ASSERT_EQ(ports.SavePortDataFile(PortFile("vm5", kOverlay, "lp-6"), kOverlay, "lp-6"), 0);
+  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-6", kStale, "green"), 0);
+  ASSERT_EQ(ports.files().SavePortDataFile(PortFile("vm5", kOverlay, "lp-6"), kOverlay, "lp-6"), 0);
   ASSERT_EQ(library.PortDataClear(kOverlay, "lp-6", port_props::kExternalId), 0U);
   ASSERT_EQ(library.PortDataClear(kOverlay, "lp-6", kStale), 0U);
   moved = Moved(Port("lp-6"), "lp-6", "z8", kLs);

@@ -55,7 +55,7 @@ TEST_F(VifDetachTest, AnswerOfTheManagerDecides) {
 }
 
 TEST_F(VifDetachTest, ManagerThatIsNotReachedIsToldLater) {
-  ASSERT_EQ(ports.SetPortExtraConfig(kOverlay, "lp-1", port_props::kCrx, "true"), 0);
+  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kCrx, "true"), 0);
   EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "RPC call to ZEM management plane timout");
   EXPECT_EQ(PendingOf(kOverlay, "lp-1"), "detach_port");
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
@@ -188,10 +188,10 @@ TEST_F(VifDetachTest, SecurityOnlyPortIsUntied) {
     for (const char* const key : port_props::kOpaqueData) EXPECT_EQ(Property(kOverlay, "lp-1", key), kNone);
   }
   tied();
-  lum_ready = false;
+  health.setZemaLumNotReady();
   EXPECT_THAT(Done(detach).error_text, testing::StartsWith("ZEMA Lum not ready"));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone) << "refused, and the vNIC is gone all the same";
-  lum_ready = true;
+  health.setZemaLumReady();
   tied();
   detach.vif_id = "vif-4";
   road.script.push_back(PortAttached());
@@ -238,7 +238,7 @@ TEST_F(VifDetachTest, FileOfTheHostThatTheVmHasGoneToStays) {
 
 // The clocks of two hosts differ, so they are not asked where the file says whose it is.
 TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
-  host_id = "host-1";
+  identity.SetHostId("host-1");
   const std::string other = "host-2";
   const std::string file = PortFile("vm1", kOverlay, "lp-1");
   enum { kOwn, kTheirsAfterOurs, kTheirsBeforeOurs };
@@ -247,7 +247,7 @@ TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
     if (whose == kTheirsBeforeOurs) Fault("DVSKNL_PersistentPortStateGet count=1 ret=0xbad0001");
     Attach(kVif, "lp-1");
     if (whose != kOwn) {
-      ASSERT_EQ(ports.UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
+      ASSERT_EQ(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
     }
     const char* const cookie = whose == kOwn ? "\1\1\1\1" : "\xff\xff\xff\x7f";
     ASSERT_EQ(library.PortDataSet(kOverlay, "lp-1", port_props::kConnectId, cookie), 0U);
@@ -265,9 +265,9 @@ TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
   for (const bool from_file : {false, true}) {
     SCOPED_TRACE(from_file);
     Attach(kVif, "lp-1");
-    ASSERT_EQ(ports.UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
+    ASSERT_EQ(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
     if (from_file) {
-      ASSERT_EQ(ports.ClearPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId), 0);
+      ASSERT_EQ(ports.properties().ClearPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId), 0);
     }
     EXPECT_EQ(Done(Request(VifRequest::kAttach)).error_text, "");
     EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
@@ -283,16 +283,16 @@ TEST_F(VifDetachTest, ManagerWantsAPortBack) {
   VifRequest request = Request(VifRequest::kRestore);
   request.state_text = "ACTIVE";
   request.gcf_path.clear();
-  host.reset();
+  host.UnsetHostId();
   EXPECT_EQ(Done(request).error_text, "");
-  EXPECT_THAT(restored, IsEmpty());
+  EXPECT_THAT(road.restored, IsEmpty());
   EXPECT_TRUE(log.Contains("Ignored vif restore for the host is not setup for zem operation"));
-  host = "host-1";
+  host.SetHostId("host-1");
 
   lum.rpc_reply = Vm("vm1");
   ASSERT_TRUE(state->LosePorts(kOverlay));
   // The answer may take long: the VIF is free while it is on its way.
-  while_answering = [this] {
+  road.while_answering = [this] {
     road.script.push_back(Port("lp-1"));
     EXPECT_EQ(Done(Request(VifRequest::kSyncAttach)).error_text, "");
   };
@@ -311,12 +311,12 @@ TEST_F(VifDetachTest, ManagerWantsAPortBack) {
   security.spec->init_state = "SECURITY_ONLY";
   Done(security);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kLogicalPortId), "lp-5");
-  ASSERT_THAT(restored, SizeIs(3));
-  EXPECT_EQ(restored[0].state, "ACTIVE");
-  EXPECT_EQ(restored[0].gcf_path, Vm("vm1"));
-  EXPECT_EQ(restored[1].state, "FAILED");
-  EXPECT_THAT(restored[1].error, HasSubstr("Could not find port"));
-  EXPECT_EQ(restored[2].state, "SECURED");
+  ASSERT_THAT(road.restored, SizeIs(3));
+  EXPECT_EQ(road.restored[0].state, "ACTIVE");
+  EXPECT_EQ(road.restored[0].gcf_path, Vm("vm1"));
+  EXPECT_EQ(road.restored[1].state, "FAILED");
+  EXPECT_THAT(road.restored[1].error, HasSubstr("Could not find port"));
+  EXPECT_EQ(road.restored[2].state, "SECURED");
 }
 
 TEST_F(VifDetachTest, PortsOfAUserAreMadeBeforeTheirVifs) {
@@ -330,17 +330,6 @@ TEST_F(VifDetachTest, PortsOfAUserAreMadeBeforeTheirVifs) {
   map["vm-uuid:4001"]->spec->zone_id = "z9";
   lum.Script("getGcfPathOfVm(vm-uuid)", {"ok|" + Vm("vm1"), "no more"});
   std::string error;
-  VifContext context{ports,
-                     manager,
-                     lum,
-                     migration,
-                     resync,
-                     port_lock,
-                     [] { return false; },
-                     [] { return true; },
-                     [this] { return host; },
-                     [](const ManagerSender::RestoreResponse&) { return true; },
-                     ending};
   EXPECT_FALSE(PrecreatedPortMaker(context).CreatePorts(map, &error));
   EXPECT_THAT(error, testing::StartsWith("Failed to create DV port lp-vm-uuid:4001 with VIF vm-uuid:4001. "));
   EXPECT_TRUE(map["vm-uuid:4000"]->precreated);

@@ -14,12 +14,14 @@
 #include "app/zema/manager/zem_manager.h"
 #include "app/zema/migration/migration_record.h"
 #include "app/zema/ports/vif_request.h"
+#include "app/zema/state/realization_options.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "app/zema/vifqueue/vif_port_handler.h"
 #include "framework/tasks/thread.h"
 #include "platform/core/thread.h"
 #include "platform/core/virtual_clock.h"
 #include "tests/app/zema/ports/switch_host_test.h"
+#include "tests/app/zema/state/no_publisher.h"
 
 namespace zem::zema {
 
@@ -49,6 +51,11 @@ class ScriptedManager final : public VifSender {
     updates.push_back(update);
     return reachable;
   }
+  bool SendVIFRestoreResponse(const RestoreResponse& response) override {
+    if (const auto act = std::exchange(while_answering, nullptr)) act();
+    restored.push_back(response);
+    return true;
+  }
 
   std::deque<Answer> script;
   bool reachable = true;
@@ -56,6 +63,9 @@ class ScriptedManager final : public VifSender {
   Duration hold{};
   std::vector<Attachment> asked;
   std::vector<Update> updates;
+  std::vector<RestoreResponse> restored;
+  /// What happens while the next outcome of a restoration is on its way.
+  std::function<void()> while_answering;
   ZemManager* manager = nullptr;
 
  private:
@@ -66,7 +76,11 @@ class ScriptedManager final : public VifSender {
 /// A host with two switches, a scripted manager, and the handler between them.
 class VifHostTest : public SwitchHostTest {
  protected:
-  VifHostTest() { road.manager = &manager; }
+  VifHostTest() {
+    road.manager = &manager;
+    host.SetHostId("host-1");
+    health.setZemaLumReady();
+  }
 
   static PortAttached Port(const std::string& port, const std::string& zone = "z1",
                            const std::string& ls = kLs) {
@@ -149,24 +163,17 @@ class VifHostTest : public SwitchHostTest {
 
   VirtualClock clock;
   ScriptedManager road;
-  std::optional<std::string> host = "host-1";
-  ZemManager manager{road, {[this] { return host; }, [] { return 25; }}};
+  HostIdentity host;
+  OptionsStore options;
+  ZemManager manager{road, host, options};
   MigrationRecord migration;
   ResyncState resync;
+  NoPublisher publisher;
+  HealthRecord health{publisher, false};
   Synchronizable port_lock;
   StopSignal ending;
-  bool lum_ready = true;
-  std::vector<ManagerSender::RestoreResponse> restored;
-  std::function<void()> while_answering;
-  VifPortHandler handler{std::make_shared<VifContext>(
-      VifContext{ports, manager, lum, migration, resync, port_lock, [] { return true; },
-                 [this] { return lum_ready; }, [this] { return host; },
-                 [this](const ManagerSender::RestoreResponse& response) {
-                   if (const auto act = std::exchange(while_answering, nullptr)) act();
-                   restored.push_back(response);
-                   return true;
-                 },
-                 ending})};
+  VifContext context{ports, manager, road, lum, migration, resync, health, options, host, port_lock, ending};
+  VifPortHandler handler{std::make_shared<VifContext>(context)};
 };
 
 }  // namespace zem::zema

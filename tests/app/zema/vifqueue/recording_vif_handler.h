@@ -3,7 +3,6 @@
 #include <mutex>
 #include <set>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 #include "app/zema/ports/vif_request.h"
@@ -34,8 +33,11 @@ class RecordingVifHandler : public VifHandler {
   }
   void Arrived(VifRequest& request) override {
     const std::lock_guard lock(mutex_);
-    arrived_.push_back(request.op_id);
+    arrived_.push_back(request);
+    arrived_.back().request = nullptr;
+    changed_.NotifyAll();
   }
+  void HostCame() override {}
   void EndWaits() override { Release(); }
 
   void Release() {
@@ -51,7 +53,11 @@ class RecordingVifHandler : public VifHandler {
     const std::lock_guard lock(mutex_);
     return served_;
   }
-  std::vector<std::string> arrived() {
+  bool WaitUntilArrived(size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.WaitFor(lock, std::chrono::seconds(30), [&] { return arrived_.size() >= count; });
+  }
+  std::vector<VifRequest> arrived() {
     const std::lock_guard lock(mutex_);
     return arrived_;
   }
@@ -64,7 +70,7 @@ class RecordingVifHandler : public VifHandler {
   std::mutex mutex_;  // guards what follows
   Condition changed_;
   std::vector<VifRequest> served_;
-  std::vector<std::string> arrived_;
+  std::vector<VifRequest> arrived_;
   int held_ = 0;
   bool open_ = false;
 };

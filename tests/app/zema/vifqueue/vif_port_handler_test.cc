@@ -72,11 +72,11 @@ TEST_F(VifPortHandlerTest, OperationsOnAVifKeepTheOrderOfTheirArrival) {
   EXPECT_EQ(road.asked[3].vif_id, "vif-2");
 
   // Refused before its turn, or dropped without being served.
-  lum_ready = false;
+  health.setZemaLumNotReady();
   VifRequest refused = Request(VifRequest::kDetach);
   handler.Arrived(refused);
   Do(refused);
-  lum_ready = true;
+  health.setZemaLumReady();
   {
     VifRequest dropped = Request(VifRequest::kDetach);
     handler.Arrived(dropped);

@@ -1,12 +1,15 @@
+#include "app/zema/ports/port_creation.h"
+
 #include <boost/algorithm/string/predicate.hpp>
-#include <cstring>
 
 #include "app/zema/hostlib/dvs_data.h"
 #include "app/zema/hostlib/port_props.h"
 #include "app/zema/hostlib/switch_library.h"
+#include "app/zema/ports/port_data_files.h"
 #include "app/zema/ports/port_description.h"
 #include "app/zema/ports/port_file.h"
-#include "app/zema/ports/port_ops_manager.h"
+#include "app/zema/ports/port_properties.h"
+#include "app/zema/ports/transport_zones.h"
 #include "framework/log/log.h"
 #include "platform/core/clock.h"
 #include "platform/wft/workflow_util.h"
@@ -32,15 +35,10 @@ std::string ConnectionCookie() {
   return {reinterpret_cast<const char*>(&cookie), sizeof(cookie)};
 }
 
-template <class Record>
-void Append(std::string* bytes, const Record& record) {
-  bytes->append(reinterpret_cast<const char*>(&record), sizeof(record));
-}
-
 }  // namespace
 
-int PortOpsManager::CreatePort(const PortConfigSpec& spec, const std::string& vif,
-                               const std::string& gcf_path, bool block_flag, std::string* error) {
+int PortCreation::CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path,
+                             bool block_flag, std::string* error) {
   const auto span = wft::WorkflowUtil::StartChildSpan("PortOpsManager.CreatePort", wft::kTraceInfo);
   wft::WorkflowUtil::SetCurSpanTag("gcfPath", gcf_path);
   wft::WorkflowUtil::SetCurSpanTag(wft::tags::kLogicalSwitchPort, spec.port_id);
@@ -48,7 +46,7 @@ int PortOpsManager::CreatePort(const PortConfigSpec& spec, const std::string& vi
   wft::WorkflowUtil::SetCurSpanTag(wft::tags::kTransportZone, spec.zone_id);
   wft::WorkflowUtil::SetCurSpanTag(wft::tags::kVif, vif);
 
-  const HostSwitchInfo host_switch = GetHostSwitchInfoForTz(spec.zone_id);
+  const HostSwitchInfo host_switch = zones_.GetHostSwitchInfoForTz(spec.zone_id);
   if (host_switch.dvs.empty()) {
     *error = "Failed to create port " + spec.port_id + " with VIF " + vif +
              " because DVS id is not found by transport-zone id " + spec.zone_id;
@@ -71,7 +69,7 @@ int PortOpsManager::CreatePort(const PortConfigSpec& spec, const std::string& vi
   return failures == 0 ? 0 : -failures;
 }
 
-void PortOpsManager::RefreshExisting(const std::string& dvs, const std::string& port, std::string* block) {
+void PortCreation::RefreshExisting(const std::string& dvs, const std::string& port, std::string* block) {
   ZLOG_INFO("[PortOp] found an existing port with id [%s]", port.c_str());
   std::string stored;
   if (library_.PortTextGet(dvs, port, port_props::kBlock, &stored) == 0) *block = stored;
@@ -83,8 +81,8 @@ void PortOpsManager::RefreshExisting(const std::string& dvs, const std::string& 
   }
 }
 
-int PortOpsManager::CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec,
-                              const std::string& block, bool unblock, std::string* error) {
+int PortCreation::CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec,
+                            const std::string& block, bool unblock, std::string* error) {
   ZLOG_INFO("[PortOp] port was not found");
   DvsData data(library_);
   uint32_t result = data.Alloc();
@@ -140,102 +138,59 @@ int PortOpsManager::CreateNew(const HostSwitchInfo& host_switch, const PortConfi
 }
 
 // The number of failures; the text of the last is in `error`.
-int PortOpsManager::SetPortConfig(const std::string& dvs, const PortConfigSpec& spec, const std::string& vif,
-                                  const std::string& gcf_path, std::string* error) {
+int PortCreation::SetPortConfig(const std::string& dvs, const PortConfigSpec& spec, const std::string& vif,
+                                const std::string& gcf_path, std::string* error) {
   const std::string& port = spec.port_id;
   ZLOG_INFO("[PortOp] Setting extra configs ");
   int failures = 0;
   const auto count = [&failures](int result) { failures += result == 0 ? 0 : 1; };
-  count(SetPortExtraConfig(dvs, port, port_props::kExternalId, vif, error));
-  count(SetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, spec.switch_id, error));
+  count(properties_.SetPortExtraConfig(dvs, port, port_props::kExternalId, vif, error));
+  count(properties_.SetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, spec.switch_id, error));
   if (boost::algorithm::icontains(gcf_path, kContainerVm)) {
-    count(SetPortExtraConfig(dvs, port, port_props::kCrx, port_props::kTrue, error));
+    count(properties_.SetPortExtraConfig(dvs, port, port_props::kCrx, port_props::kTrue, error));
   }
   // A port without tag is told so, too: it may have had one.
   if (spec.vlan >= 0 || !spec.vlan_ranges.empty()) {
-    count(SetVlanPolicy(dvs, port, spec.vlan, spec.vlan_ranges, error));
+    count(properties_.SetVlanPolicy(dvs, port, spec.vlan, spec.vlan_ranges, error));
   }
-  if (!spec.uplink_teaming.empty()) count(SetUplinkTeamingName(dvs, port, spec.uplink_teaming, error));
+  if (!spec.uplink_teaming.empty())
+    count(properties_.SetUplinkTeamingName(dvs, port, spec.uplink_teaming, error));
   return failures;
 }
 
 // The number of failures of the switch, as above.  A file that cannot be written keeps no VM from its
 // network: the error line tells it, and the port's next change saves it again.
-int PortOpsManager::PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
-                                const std::map<std::string, std::string>& extra_configs, std::string* error) {
+int PortCreation::PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
+                              const std::map<std::string, std::string>& extra_configs, std::string* error) {
   int failures = 0;
   const auto directory = VmDirectoryOf(gcf_path);
   const auto wanted = directory ? PortFilePath(*directory, dvs, port) : std::nullopt;
   std::string before;  // the file of a VM whose folder changes
   if (wanted) {
-    const std::string current = PersistPath(dvs, port);
+    const std::string current = files_.PersistPath(dvs, port);
     if (current == *wanted) {
       ZLOG_INFO("[PortOp] PortFilePath for port [%s] remains the same", port.c_str());
     } else {
-      failures += SetPortExtraConfig(dvs, port, port_props::kPersistPath, *wanted, error) == 0 ? 0 : 1;
+      failures +=
+          properties_.SetPortExtraConfig(dvs, port, port_props::kPersistPath, *wanted, error) == 0 ? 0 : 1;
       before = current;
     }
   }
   for (const auto& [key, value] : extra_configs) {
     ZLOG_INFO("[PortOp] extraConfigs first [%s], second [%s]", key.c_str(), value.c_str());
-    failures += SetPortExtraConfig(dvs, port, key, value, error) == 0 ? 0 : 1;
+    failures += properties_.SetPortExtraConfig(dvs, port, key, value, error) == 0 ? 0 : 1;
   }
   if (!wanted) return failures;
-  const bool saved = SaveNew(*wanted, dvs, port);
+  const bool saved = files_.SaveNew(*wanted, dvs, port);
   if (before.empty()) return failures;
   // One of the two files is there whatever happens, and the port names the one that is.
   if (!saved) {
-    failures += SetPortExtraConfig(dvs, port, port_props::kPersistPath, before, error) == 0 ? 0 : 1;
+    failures +=
+        properties_.SetPortExtraConfig(dvs, port, port_props::kPersistPath, before, error) == 0 ? 0 : 1;
   } else if (!RemovePortFile(before)) {
     ZLOG_WARN("[PortOp] The file before of port [%s] stays at [%s]", port.c_str(), before.c_str());
   }
   return failures;
-}
-
-bool PortOpsManager::SaveNew(const std::string& path, const std::string& dvs, const std::string& port) {
-  if (!MakePortFileDirectories(path)) {
-    ZLOG_ERROR("44212", "[PortOp] CreatePort: Error creating port file directory for port:%s", port.c_str());
-    return false;
-  }
-  if (SavePortDataFile(path, dvs, port) == 0) return true;
-  ZLOG_ERROR("44212", "[PortOp] Error saving port data file for port:%s", port.c_str());
-  // What is there may be of the host that the VM has come from.
-  if (host_id_()) static_cast<void>(ClearPortExtraConfig(dvs, port, port_props::kSavedBy));
-  return false;
-}
-
-int PortOpsManager::SetVlanPolicy(const std::string& dvs, const std::string& port, int32_t vlan,
-                                  const std::vector<std::pair<uint32_t, uint32_t>>& ranges,
-                                  std::string* error) {
-  ZLOG_INFO("[PortOp] Setting vlan policy");
-  const bool trunk = vlan < 1 && !ranges.empty();
-  DVSVlanPolicy policy{};
-  policy.mode = trunk ? DVS_VLAN_TRUNK : DVS_VLAN_ACCESS;
-  policy.vlan = trunk ? 0 : static_cast<uint32_t>(std::max(vlan, 0));
-  policy.num_ranges = trunk ? static_cast<uint32_t>(ranges.size()) : 0;
-  policy.size = static_cast<uint32_t>(sizeof(policy) + policy.num_ranges * sizeof(DVSVlanRange));
-  ZLOG_INFO("[PortOp] Alloc size [%d]", static_cast<int>(policy.size));
-  ZLOG_INFO("[PortOp] num rages [%d]", static_cast<int>(policy.num_ranges));
-  std::string bytes;
-  Append(&bytes, policy);
-  for (uint32_t i = 0; i < policy.num_ranges; ++i) {
-    const DVSVlanRange range{ranges[i].first, ranges[i].second};
-    ZLOG_INFO("[PortOp] first [%d], second [%d]", static_cast<int>(range.first),
-              static_cast<int>(range.last));
-    Append(&bytes, range);
-  }
-  const uint32_t result = library_.PortDataSet(dvs, port, port_props::kVlan, bytes);
-  if (result == 0) return 0;
-  const std::string text = SwitchErrorText(result);
-  ZLOG_ERROR("44205", "[PortOp] Port set for vlan for port [%s] operation failed, error code [%s]",
-             port.c_str(), text.c_str());
-  *error = "Port set for vlan for port " + port + " failed: " + text;
-  return -1;
-}
-
-int PortOpsManager::SetUplinkTeamingName(const std::string& dvs, const std::string& port,
-                                         const std::string& teaming, std::string* error) {
-  return SetPortExtraConfig(dvs, port, port_props::kUplinkTeaming, teaming, error);
 }
 
 }  // namespace zem::zema

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace zem::zema {
+
+class PortDataFiles;
+class PortProperties;
+class SwitchLibrary;
+class TransportZones;
+struct HostSwitchInfo;
+struct PortConfigSpec;
+
+/// Makes ports.
+///
+/// Threads: all operations from any thread; files and the library block, so none from a provider's.
+/// Sequences of changes to one port are kept apart by their callers.
+/// Ownership: holds its arguments by reference.
+class PortCreation {
+ public:
+  PortCreation(SwitchLibrary& library, TransportZones& zones, PortProperties& properties,
+               PortDataFiles& files)
+      : library_(library), zones_(zones), properties_(properties), files_(files) {}
+
+  /// Makes the port, or brings an existing one up to date, and saves its file.  `gcf_path` is the path of the
+  /// VM's configuration file, or a word without "/" for a port without a VM ("knlnic").  0, or another number
+  /// with the reason in `error`; a file that cannot be written is logged and is no failure.
+  int CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path, bool block,
+                 std::string* error);
+
+ private:
+  int CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec, const std::string& block,
+                bool unblock, std::string* error);
+  /// `block` takes the block setting of the existing port, which gets a new cookie.
+  void RefreshExisting(const std::string& dvs, const std::string& port, std::string* block);
+  int SetPortConfig(const std::string& dvs, const PortConfigSpec& spec, const std::string& vif,
+                    const std::string& gcf_path, std::string* error);
+  int PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
+                  const std::map<std::string, std::string>& extra_configs, std::string* error);
+
+  SwitchLibrary& library_;
+  TransportZones& zones_;
+  PortProperties& properties_;
+  PortDataFiles& files_;
+};
+
+}  // namespace zem::zema

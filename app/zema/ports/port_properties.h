@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zem::zema {
+
+class SwitchLibrary;
+class VifIndex;
+struct PortLocation;
+
+/// Single properties of ports.  What it writes of a VIF is noted in the index.
+///
+/// Threads: all operations from any thread; the library may block, so none from a provider's.  Sequences of
+/// changes to one port are kept apart by their callers.
+/// Ownership: holds both by reference.
+/// Errors: 0, or -1 with the reason in `error`, which may be null where it has a default.
+class PortProperties {
+ public:
+  PortProperties(SwitchLibrary& library, VifIndex& index) : library_(library), index_(index) {}
+
+  int SetPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
+                         const std::string& value, std::string* error = nullptr);
+  /// 0, 1 when the port did not have the property, or -1 after three tries.
+  int ClearPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
+                           std::string* error = nullptr);
+  /// Returns the library's code.
+  uint32_t GetPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
+                              std::string* value);
+
+  enum class Same { kYes, kNo, kUnknown };
+  /// Whether a text property of the port has the value; kUnknown when it is absent or cannot be read.
+  Same Compare(const PortLocation& at, const char* property, const std::string& value) const;
+
+  /// Clears the properties that tie the port to a VIF.
+  int ClearPortOpaqueData(const std::string& dvs, const std::string& port);
+  /// Does so on all ports of the switch.
+  int ClearAllPortOpaqueData(const std::string& dvs);
+
+  int SetVlanPolicy(const std::string& dvs, const std::string& port, int32_t vlan,
+                    const std::vector<std::pair<uint32_t, uint32_t>>& ranges, std::string* error);
+  int SetUplinkTeamingName(const std::string& dvs, const std::string& port, const std::string& teaming,
+                           std::string* error);
+
+  /// Reads a property of the switch on this host.  Returns the library's code.
+  uint32_t GetHostConfigProp(const std::string& dvs, const std::string& property, std::string* value);
+
+ private:
+  SwitchLibrary& library_;
+  VifIndex& index_;
+};
+
+}  // namespace zem::zema
