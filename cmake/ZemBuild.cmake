@@ -74,9 +74,10 @@ function(zem_executable name)
 endfunction()
 
 # zem_test(name LABEL unit|e2e SOURCES ... LINK ...): a GoogleTest program; each case is a CTest of its own.
+# ENVIRONMENT is one NAME=value that each case is started with.
 include(GoogleTest)
 function(zem_test name)
-  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;ENVIRONMENT" "SOURCES;LINK" ${ARGN})
   if(ZEM_SANITIZER STREQUAL "fuzz")
     return()
   endif()
@@ -89,7 +90,7 @@ function(zem_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zem_options ${ARG_LINK} GTest::gmock GTest::gtest GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT})
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${ARG_ENVIRONMENT}")
 endfunction()
 
 # zem_fuzz(name SOURCE file CORPUS folder LINK ...): a libFuzzer program in the fuzz preset; in the others a test that
