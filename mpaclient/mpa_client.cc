@@ -104,7 +104,7 @@ void DumpPayload(const rmqClientMessage& message) {
 
 }  // namespace
 
-void MpaClient::Register(AsioZemProvider& provider, ReceiveCallback callback, const std::string& name,
+bool MpaClient::Register(AsioZemProvider& provider, ReceiveCallback callback, const std::string& name,
                          const std::string& id, uint32_t client_type, uint16_t port, uint64_t ack_timeout_us,
                          uint64_t retry_timeout_us) {
   ZLOG_INFO("%s Register mpa client", name.c_str());
@@ -113,7 +113,7 @@ void MpaClient::Register(AsioZemProvider& provider, ReceiveCallback callback, co
   if (registry.clients.contains(name)) {
     // Two services under one name would take each other's requests and answers.
     ZLOG_ERROR("00106", "%s is registered already, the second registration is refused", name.c_str());
-    return;
+    return false;
   }
   std::shared_ptr<MpaClient> client =
       MakeMpaClient({provider, std::move(callback), name, id, client_type, port});
@@ -123,6 +123,7 @@ void MpaClient::Register(AsioZemProvider& provider, ReceiveCallback callback, co
   registry.retry_timeouts_us[name] = retry_timeout_us;
   client->CreateAppSpecificInstance(client);
   client->CreateBusClient();
+  return true;
 }
 
 std::shared_ptr<MpaClient> MpaClient::Get(const std::string& name) {
@@ -351,7 +352,7 @@ void MpaClient::HandleMessage(rmqClientMessage* message) {
                    message->content_type != nullptr ? message->content_type : "",
                    static_cast<uint64_t>(message->payload_len));
         const Vertical* const vertical = FindVertical(app_type_);
-        const bool secret = vertical != nullptr && vertical->secret;
+        const bool secret = vertical != nullptr && vertical->traits.secret;
         if (!secret && message->payload != nullptr) DumpPayload(*message);
       }
   }

@@ -61,9 +61,9 @@ class MpaClient {
   /// Port of the verticals that really use the bus.
   static constexpr uint16_t kBusPort = 6666;
 
-  /// Makes the client of vertical `name` and puts it into the process's registry.  Times in microseconds.  A
-  /// name that is registered already keeps its client, and an error line says so.
-  static void Register(AsioZemProvider& provider, ReceiveCallback callback, const std::string& name,
+  /// Makes the client of vertical `name` and puts it into the process's registry.  Times in microseconds.
+  /// Returns false, after an error line, when the name is registered already; its client stays.
+  static bool Register(AsioZemProvider& provider, ReceiveCallback callback, const std::string& name,
                        const std::string& id, uint32_t client_type, uint16_t port, uint64_t ack_timeout_us,
                        uint64_t retry_timeout_us);
   /// Null when the vertical is not registered.

@@ -69,7 +69,7 @@ void MpaClientAppSpecific::ReleaseClient() {
 }
 
 bool MpaClientAppSpecific::UsesRoutingKeyAsAph(const rmqClientMessage&) const {
-  return vertical_.routing_key_as_aph;
+  return vertical_.traits.routing_key_as_aph;
 }
 
 std::unique_ptr<google::protobuf::Message> MpaClientAppSpecific::GetMpUnifiedMsg(
@@ -349,7 +349,7 @@ int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record, const std::string
   const std::string id = HeaderOf(*record).correlation_id;
   ZLOG_INFO("[%s] MpaClientAppSpecific::RespondMsg corelationId (%s)", name, id.c_str());
   const bool has_key = record->routing_key != nullptr && record->routing_key[0] != '\0';
-  const bool as_message = vertical_.routing_key_as_aph && has_key;
+  const bool as_message = vertical_.traits.routing_key_as_aph && has_key;
   const std::string asker = aph.empty() && has_key ? record->routing_key : aph;
   if (auto call = calls_.Take(id)) {
     if (!call->handle && !call->ended) {

@@ -10,6 +10,7 @@
 #include "mpaclient/bus/bus_record.h"
 #include "mpaclient/call_handle_map.h"
 #include "mpaclient/mpa_client.h"
+#include "mpaclient/unified_layout.h"
 #include "mpaclient/verticals.h"
 #include "platform/rpc/client.h"
 
@@ -49,7 +50,7 @@ class MpaClientAppSpecific : public std::enable_shared_from_this<MpaClientAppSpe
   virtual std::unique_ptr<ServiceObserver> GetRpcCallObserver(const rmqClientMessage* record,
                                                               uint32_t sequence);
   virtual std::unique_ptr<rpc::CallObserver<VoidMsg>> GetVoidMsgObserver();
-  virtual bool NeedsAppInit() const { return vertical_.needs_app_init; }
+  virtual bool NeedsAppInit() const { return vertical_.traits.needs_app_init; }
   virtual void HandleMpResponse(const rpc::Status& status, const GenericUnifiedMsg& answer,
                                 ServiceObserver* observer);
 

@@ -17,21 +17,11 @@ using orlane::zem::messaging::RawPayloadMsg;
 
 constexpr LogSource kLog{"mpa-client"};
 
-constexpr std::array<std::string_view, 3> kOldNameVerticals = {"INVENTORY_DISCOVERY_APPLICATION",
-                                                               "FileMonitor", "SERVICE_FABRIC_APPLICATION"};
-
 struct Renamed {
   std::string_view now;
   const char* before;
 };
 constexpr std::array kRenamed = {Renamed{"IdaMessage", "IdaMsg"}};
-
-bool UsesOldNames(const std::string& app_type) {
-  for (const std::string_view each : kOldNameVerticals) {
-    if (each == app_type) return true;
-  }
-  return false;
-}
 
 // A random id for a request that came without one; only its text matters.
 std::string RandomId() { return RandomUuidText(); }
@@ -180,8 +170,8 @@ bool MpaClientHostService::BuildRmqClientMessage(const Received& received, const
   // A secret's content is told by its size.
   if (ZLOG_WANTS(kLogDebug)) {
     ZLOG_DEBUG("[%s] MpaClientHostService::BuildRmqClientMessage:GenericUnifiedMsg :: %s", name,
-               vertical_.secret ? (std::to_string(generic.payload().size()) + " bytes").c_str()
-                                : generic.ShortDebugString().c_str());
+               vertical_.traits.secret ? (std::to_string(generic.payload().size()) + " bytes").c_str()
+                                       : generic.ShortDebugString().c_str());
   }
   const Message* const unified = received.unified;
   std::string type = received.type;
@@ -191,10 +181,10 @@ bool MpaClientHostService::BuildRmqClientMessage(const Received& received, const
   }
   if (ZLOG_WANTS(kLogDebug)) {
     ZLOG_DEBUG("[%s] MpaClientHostService::BuildRmqClientMessage HostUnifiedMsg :: %s", name,
-               vertical_.secret ? type.c_str() : unified->ShortDebugString().c_str());
+               vertical_.traits.secret ? type.c_str() : unified->ShortDebugString().c_str());
   }
   *app_type_out = GetAppType(*unified);
-  if (UsesOldNames(*app_type_out)) {
+  if (vertical_.traits.old_type_names) {
     std::string old_name = ConvertObjTypeToOldName(type);
     if (!old_name.empty()) {
       ZLOG_INFO("[%s] MpaClientHostService: converted obj_type (%s) -> (%s)", name, type.c_str(),

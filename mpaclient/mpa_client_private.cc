@@ -38,7 +38,7 @@ void MpaClientPrivateBase::CreateAppSpecificInstance(const std::shared_ptr<MpaCl
     ZLOG_DEBUG("[%s] CreateAppSpecificInstance Build Started", name);
   }
   purge_timer_ = forwarding_provider_->timers().ScheduleRepeated(
-      vertical_.purge_period,
+      vertical_.traits.purge_period,
       [weak = weak_from_this()] {
         if (const auto client = weak.lock()) {
           client->PurgeStaleCallHandles();
@@ -48,7 +48,7 @@ void MpaClientPrivateBase::CreateAppSpecificInstance(const std::shared_ptr<MpaCl
       },
       TimerOptions::Default);
   ZLOG_DEBUG("[%s] CreateAppSpecificInstance End (MPA_CLIENT_PURGE_TIMER: %d)", name,
-             static_cast<int>(vertical_.purge_period.count()));
+             static_cast<int>(vertical_.traits.purge_period.count()));
 }
 
 void MpaClientPrivateBase::ReleaseAppSpecificInstance() {
@@ -82,8 +82,7 @@ void MpaClientPrivateBase::RegisterWithTnProxyClient() {
   proxy_client_->SetTnProxyConnectionDown(app_type_, [weak = weak_from_this()](rpc::CloseReason reason) {
     if (const auto self = weak.lock()) self->HandleTnProxyDisconnected(reason);
   });
-  // These two only serve the manager's calls, and ask nothing of it by themselves.
-  if (app_type_ == "SupportBundle" || app_type_ == "UPGRADE") return;
+  if (vertical_.traits.only_serves) return;
   proxy_client_->SetUpdateStubs(app_type_, [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->updateStubMap();
   });
