@@ -5,6 +5,7 @@
 #include <boost/property_tree/ptree.hpp>
 #include <charconv>
 #include <cinttypes>
+#include <map>
 #include <optional>
 
 #include "covedbclient/covedb_client_interface.h"
@@ -13,7 +14,7 @@
 #include "framework/dataplane/lcp_adapter.h"
 #include "framework/log/log.h"
 #include "mpaclient/bus/bus_record.h"
-#include "mpaclient/mpa_client.h"
+#include "mpaclient/vertical/vertical_client.h"
 #include "platform/core/uuid.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/lcp/lcp.pb.h"
@@ -27,11 +28,6 @@ using orlane::zem::covedb::ObjectType;
 constexpr LogSource kLog{"tarvik", "probe"};
 
 constexpr uint32_t kModuleId = 9000;
-constexpr uint32_t kClientType = 1;
-constexpr uint16_t kPort = 9002;
-constexpr uint64_t kAckTimeoutUs = 30000000;
-constexpr uint64_t kRetryTimeoutUs = 5000000;
-constexpr uint64_t kSwitchingRetryTimeoutUs = 1000000;
 constexpr uint8_t kLcpMessageFrame = 1;
 
 std::vector<std::string> SplitList(const std::string& text) {
@@ -63,18 +59,25 @@ std::optional<ObjectType> ParseType(const std::string& text) {
 
 }  // namespace
 
-class Probe::Impl : public std::enable_shared_from_this<Impl> {
+class Probe::Impl {
  public:
   Impl(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
        boost::intrusive_ptr<LcpAdapter> lcp_adapter, const boost::property_tree::ptree& options)
       : provider_(provider),
         store_(std::move(store)),
         lcp_adapter_(std::move(lcp_adapter)),
-        verticals_(SplitList(options.get("verticals", ""))),
-        object_types_(SplitList(options.get("objectTypes", ""))) {}
+        object_types_(SplitList(options.get("objectTypes", ""))) {
+    for (const std::string& name : SplitList(options.get("verticals", ""))) {
+      if (const Vertical* const vertical = FindVertical(name)) {
+        AddVertical(*vertical);
+      } else {
+        ZLOG_WARN("Not a vertical: %s", name.c_str());
+      }
+    }
+  }
 
   void Start() {
-    for (const std::string& name : verticals_) StartVertical(name);
+    for (const auto& [name, client] : verticals_) client->Start();
     StartMonitor();
     if (lcp_adapter_ == nullptr) return;
     for (const auto* type : {orlane::zem::traceflow::TraceflowMsg::descriptor(),
@@ -87,30 +90,23 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
   }
 
   void Stop() {
-    for (const std::string& name : verticals_) {
-      if (const auto client = MpaClient::Get(name)) client->Stop();
-      MpaClient::Unregister(name);
-    }
+    for (const auto& [name, client] : verticals_) client->Stop();
   }
 
   // Empty when it was handed over, else what is wrong.
   std::string Send(const std::string& vertical, const std::string& kind, const std::string& type,
                    const std::string& hex) {
-    const auto client = MpaClient::Get(vertical);
-    if (!client) return "No such vertical: " + vertical;
+    const auto found = verticals_.find(vertical);
+    if (found == verticals_.end()) return "No such vertical: " + vertical;
     if (kind != "request" && kind != "publish") return "Bad kind: " + kind + " Expected: <request|publish>";
     auto payload = FromHex(hex);
     if (!payload) return "Bad payload: not hexadecimal";
-    BusHeader header;
-    header.type_id = type;
-    header.correlation_id = RandomUuidText();
-    BusRecord record(kind == "request" ? kRmqClientRpcRequest : kRmqClientPublish);
-    record.SetApp(vertical, "probe")
-        .SetHeader(header)
-        .SetContentType(kProtobufContent)
-        .SetPayload(std::move(*payload));
-    rmqClientMessage message = record.message();
-    return client->SendMessage(&message) == 0 ? "" : "Not sent: the manager cannot be reached";
+    const auto record = kind == "request" ? kRmqClientRpcRequest : kRmqClientPublish;
+    const VerticalClient& client = *found->second;
+    const auto message = client.PrepareAs(record, type, std::move(*payload), RandomUuidText(), "");
+    return client.SendPrepared(message) == VerticalClient::Sent::kSent
+               ? ""
+               : "Not sent: the manager cannot be reached";
   }
 
   std::string Put(const std::string& type_text, const std::string& object) {
@@ -135,15 +131,13 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
   }
 
  private:
-  void StartVertical(const std::string& name) {
-    MpaClient::Register(
-        provider_,
-        [weak = weak_from_this(), name](rmqClientMessage* message) {
-          if (const auto self = weak.lock()) self->Receive(name, *message);
-        },
-        name, "unused", kClientType, kPort, kAckTimeoutUs,
-        name == "SwitchingVertical" ? kSwitchingRetryTimeoutUs : kRetryTimeoutUs);
-    if (const auto client = MpaClient::Get(name)) client->Start(nullptr);
+  void AddVertical(const Vertical& vertical) {
+    auto receive = [this, &vertical](const VerticalRecord& record) {
+      Receive(vertical.name, record);
+      return true;
+    };
+    verticals_[vertical.name] = std::make_unique<VerticalClient>(
+        provider_, vertical, VerticalClient::Callbacks{.intercept = std::move(receive)});
   }
 
   void StartMonitor() {
@@ -172,30 +166,23 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
     ZLOG_INFO("Store update: %s", update.ShortDebugString().c_str());
   }
 
-  void Receive(const std::string& name, const rmqClientMessage& message) {
-    const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+  void Receive(const std::string& name, const VerticalRecord& record) {
+    const BusHeader& header = record.header;
     ZLOG_INFO("[%s] Received %s type (%s) correlationId (%s), %" PRIu64 " bytes", name.c_str(),
-              BusMessageTypeName(message.msg_type), header.type_id.c_str(), header.correlation_id.c_str(),
-              static_cast<uint64_t>(message.payload_len));
-    if (message.msg_type != kRmqMpRpcRequest) return;
-    BusHeader answer_header;
-    answer_header.type_id = header.type_id;
-    answer_header.correlation_id = header.correlation_id;
-    BusRecord answer(kRmqClientRpcResponse);
-    answer.SetApp(name, "probe")
-        .SetHeader(answer_header)
-        .SetRoutingKey(header.reply_to)
-        .SetContentType(kProtobufContent)
-        .SetPayload(std::string(reinterpret_cast<const char*>(message.payload), message.payload_len));
-    rmqClientMessage record = answer.message();
-    const auto client = MpaClient::Get(name);
-    if (!client || client->SendMessage(&record) != 0) ZLOG_WARN("[%s] The answer was not sent", name.c_str());
+              BusMessageTypeName(record.type()), header.type_id.c_str(), header.correlation_id.c_str(),
+              static_cast<uint64_t>(record.payload().size()));
+    if (record.type() != kRmqMpRpcRequest) return;
+    const VerticalClient& client = *verticals_.at(name);
+    const auto answer = client.PrepareAs(kRmqClientRpcResponse, header.type_id, std::string(record.payload()),
+                                         header.correlation_id, header.reply_to);
+    if (client.SendPrepared(answer) != VerticalClient::Sent::kSent)
+      ZLOG_WARN("[%s] The answer was not sent", name.c_str());
   }
 
   AsioZemProvider& provider_;
   const std::shared_ptr<covedb::CoveDbClientInterface> store_;
   const boost::intrusive_ptr<LcpAdapter> lcp_adapter_;
-  const std::vector<std::string> verticals_;
+  std::map<std::string, std::unique_ptr<VerticalClient>> verticals_;
   const std::vector<std::string> object_types_;
 };
 

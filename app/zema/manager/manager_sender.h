@@ -1,19 +1,15 @@
 #pragma once
 
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "app/zema/manager/zem_manager.h"
+#include "mpaclient/vertical/vertical_client.h"
 
 namespace orlane::zem::switching {
 class VifMsg;
-}
-
-namespace zem {
-class MpaClient;
 }
 
 namespace zem::zema {
@@ -25,8 +21,8 @@ namespace zem::zema {
 class ManagerSender final : public VifSender {
  public:
   struct Settings {
-    /// Null before the registration.
-    std::function<std::shared_ptr<MpaClient>()> client;
+    /// The realization's vertical.
+    VerticalClient* vertical;
     /// `mp.vifOperationTimeout`, in seconds.
     std::function<int()> vif_operation_timeout;
     std::function<bool()> shutting_down = [] { return false; };
@@ -58,8 +54,8 @@ class ManagerSender final : public VifSender {
 
  private:
   bool SendVif(const orlane::zem::switching::VifMsg& message, std::string* message_id);
-  bool WaitForManager(MpaClient& client, int limit_s) const;
-  bool SendMsgToAph(MpaClient& client, const struct OutgoingRecord& record, int limit_s) const;
+  bool WaitForManager(int limit_s) const;
+  bool SendMsgToAph(const VerticalClient::Outgoing& message, int limit_s) const;
   bool Pause(int seconds) const;
 
   const Settings settings_;

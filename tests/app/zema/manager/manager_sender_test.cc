@@ -22,7 +22,8 @@ class ManagerSenderTest : public ChannelTest {
 
   sim::Received Last() { return manager->ReceivedFrom(kSwitching, 0).back(); }
 
-  ManagerSender sender{{[] { return MpaClient::Get(kSwitching); }, [] { return 25; }}};
+  VerticalClient vertical{provider, GetVertical(VerticalId::kSwitching), {}};
+  ManagerSender sender{{&vertical, [] { return 25; }}};
 };
 
 // Each type goes as the record and under the correlation that it has.
