@@ -31,7 +31,7 @@
 #include "framework/node/platform_info.h"
 #include "framework/process/memory_return.h"
 #include "framework/process/shutdown_pipe.h"
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/core/thread_name.h"
 #include "platform/daemonhealth/daemon_health_service.h"
 #include "platform/metrics/metrics.h"

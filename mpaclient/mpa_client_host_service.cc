@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "framework/log/log.h"
+#include "mpaclient/unified_layout.h"
 #include "platform/core/uuid.h"
 #include "proto/messaging/appinit.pb.h"
 #include "proto/messaging/messaging.pb.h"
@@ -35,9 +36,9 @@ MpaClientHostService::~MpaClientHostService() = default;
 
 std::unique_ptr<google::protobuf::Message> MpaClientHostService::GetHostUnifiedMsg(
     const GenericUnifiedMsg& generic, std::string* type_out) const {
-  auto unified = instance_->layout().NewHost();
+  auto unified = instance_->messages().layout().NewHost();
   if (!unified->ParseFromString(generic.payload())) return nullptr;
-  std::string type = instance_->layout().HostType(*unified);
+  std::string type = instance_->messages().layout().HostType(*unified);
   if (!type.empty()) *type_out = std::move(type);
   return unified;
 }
@@ -47,10 +48,10 @@ const google::protobuf::Message* MpaClientHostService::GetRequestMsg(const Messa
     ZLOG_INFO("%s::GetRequestMsg: %s invalid type", vertical_.host_class, host_unified.GetTypeName().c_str());
     return nullptr;
   }
-  const Message* const message = instance_->layout().HostMember(host_unified);
+  const Message* const message = instance_->messages().layout().HostMember(host_unified);
   if (message == nullptr) {
     ZLOG_INFO("%s::GetRequestMsg: %s has empty message", vertical_.host_class,
-              instance_->layout().HostType(host_unified).c_str());
+              instance_->messages().layout().HostType(host_unified).c_str());
   }
   return message;
 }
@@ -93,7 +94,7 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
   const auto unified = GetHostUnifiedMsg(generic, &type);
   if (!unified) ZLOG_WARN("%s::RpcMsgHandler Unable to get HostUnifiedMsg", vertical_.host_class);
   // A vertical that has no such member gets the message like any other.
-  if (type != kAppInitConfigType || !instance_->layout().AnswersAppInitConfig()) {
+  if (type != kAppInitConfigType || !instance_->messages().layout().AnswersAppInitConfig()) {
     MpaRpcMsgHandler(context, {generic, unified.get(), type}, handle);
     return;
   }
@@ -105,7 +106,7 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
               config->sender().c_str());
   }
   GenericUnifiedMsg answer;
-  if (!instance_->BuildAppInitCfgAckMsg(&answer, true)) {
+  if (!instance_->messages().BuildAppInitCfgAckMsg(&answer, true)) {
     ZLOG_INFO("[%s] %s::RpcMsgHandler Could not serialize %s to string.", vertical_.name,
               vertical_.host_class, vertical_.mp_unified_class);
     return;
@@ -149,14 +150,14 @@ void MpaClientHostService::Receive(rpc::ServerContext& context, const Received& 
   }
   // Asked for and added in one step: of two requests with one id only one may get through.
   if (!publish) {
-    const auto number = client->AddToCallHandleMap(correlation_id, *handle);
+    const auto number = client->calls().AddToCallHandleMap(correlation_id, *handle);
     if (!number) {
       ZLOG_WARN("MpaClientHostService::MsgHandler: [%s] corelationId (%s) already present in call handle map",
                 vertical_.name, correlation_id.c_str());
       return;
     }
     context.SetOnClose([weak = std::weak_ptr(client), correlation_id, number = *number](const rpc::Status&) {
-      if (const auto instance = weak.lock()) instance->CallEnded(correlation_id, number);
+      if (const auto instance = weak.lock()) instance->calls().CallEnded(correlation_id, number);
     });
   }
   client->SendMsgToVertical(record, 0);

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <mutex>
 
-#include "mpaclient/mpa_client.h"
+#include "mpaclient/client_registry.h"
 #include "platform/core/condition.h"
 #include "platform/core/uuid.h"
 
@@ -93,7 +93,7 @@ class VerticalClient::Receiver {
 
   void LogClose(int32_t closed) const {
     const LogSource& log = vertical_.records.log;
-    const auto client = MpaClient::Get(vertical_.name);
+    const auto client = ClientRegistry::Get(vertical_.name);
     const int32_t cookie = client ? client->cookie() : -1;
     if (closed == cookie) {
       ZLOG_TO(log, kLogInfo, "[%s] Got CLIENT CLOSE Message for cookie:[%d], disconnected from MPA\n", name(),
@@ -123,11 +123,11 @@ VerticalClient::VerticalClient(AsioZemProvider& provider, const Vertical& vertic
 
 VerticalClient::~VerticalClient() { Stop(); }
 
-std::shared_ptr<MpaClient> VerticalClient::client() const { return MpaClient::Get(vertical_.name); }
+std::shared_ptr<MpaClient> VerticalClient::client() const { return ClientRegistry::Get(vertical_.name); }
 
 void VerticalClient::Register() {
   receiver_->Open();
-  owns_registration_ = MpaClient::Register(
+  owns_registration_ = ClientRegistry::Register(
       provider_, [receiver = receiver_](rmqClientMessage* message) { receiver->Receive(*message); },
       vertical_.name, vertical_.app_id, kClientType, kPort, kAckTimeoutUs,
       static_cast<uint64_t>(vertical_.traits.bus_retry.count()));
@@ -141,7 +141,7 @@ void VerticalClient::Start() {
 void VerticalClient::Stop() {
   if (!std::exchange(owns_registration_, false)) return;
   if (const auto stub = client()) stub->Stop();
-  MpaClient::Unregister(vertical_.name);
+  ClientRegistry::Unregister(vertical_.name);
   receiver_->Close();
 }
 

@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <deque>
 
-#include "mpaclient/mpa_client.h"
+#include "mpaclient/client_registry.h"
 #include "tests/mpaclient/channel_fixture.h"
 
 namespace zem {
@@ -47,15 +47,12 @@ class ScriptedBus final : public RmqClientInterface {
 
 class BusRoadTest : public ChannelTest {
  protected:
-  ~BusRoadTest() override { MpaClient::SetBusForTest(nullptr); }
-
   void Start(const std::string& name) {
-    MpaClient::SetBusForTest([this] { return bus; });
     verticals.push_back(name);
-    MpaClient::Register(
+    ClientRegistry::Register(
         provider, [this, name](rmqClientMessage* message) { Take(name, *message); }, name, "id-1", 1,
-        MpaClient::kBusPort, 30000000, 5000000);
-    MpaClient::Get(name)->Start(nullptr);
+        MpaClient::kBusPort, 30000000, 5000000, bus);
+    ClientRegistry::Get(name)->Start(nullptr);
   }
 
   void Deliver(const std::string& name, BusMessageType type, int cookie) {
@@ -78,13 +75,13 @@ TEST_F(BusRoadTest, ConnectsRetriesAndWaitsForTheAck) {
   clock.RunFor(seconds(5));
   EXPECT_EQ(bus->asked.size(), 2u);
   EXPECT_EQ(bus->asked.back(), "SwitchingVertical/id-1");
-  EXPECT_EQ(MpaClient::Get("SwitchingVertical")->cookie(), 7);
-  EXPECT_FALSE(MpaClient::Get("SwitchingVertical")->IsConnected());
+  EXPECT_EQ(ClientRegistry::Get("SwitchingVertical")->cookie(), 7);
+  EXPECT_FALSE(ClientRegistry::Get("SwitchingVertical")->IsConnected());
   clock.RunFor(seconds(30));
   EXPECT_THAT(bus->closed, ElementsAre(7)) << "no ACK came in time";
-  EXPECT_EQ(MpaClient::Get("SwitchingVertical")->cookie(), 8);
+  EXPECT_EQ(ClientRegistry::Get("SwitchingVertical")->cookie(), 8);
   Deliver("SwitchingVertical", kRmqClientRegistrationAck, 8);
-  EXPECT_TRUE(MpaClient::Get("SwitchingVertical")->IsConnected());
+  EXPECT_TRUE(ClientRegistry::Get("SwitchingVertical")->IsConnected());
   clock.RunFor(seconds(60));
   EXPECT_THAT(bus->closed, ElementsAre(7));
   EXPECT_EQ(bus->asked.size(), 3u);
@@ -97,12 +94,12 @@ TEST_F(BusRoadTest, CloseCountsOnlyWithItsOwnCookie) {
   Deliver("SomeVertical", kRmqClientRegistrationAck, 7);
   Deliver("SomeVertical", kRmqClientClose, 6);
   EXPECT_TRUE(log.Contains("Message's cookieId [6] does not match with [7], ignored"));
-  EXPECT_TRUE(MpaClient::Get("SomeVertical")->IsConnected());
+  EXPECT_TRUE(ClientRegistry::Get("SomeVertical")->IsConnected());
   Deliver("SomeVertical", kRmqClientClose, 7);
-  EXPECT_FALSE(MpaClient::Get("SomeVertical")->IsConnected());
-  EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), -1);
+  EXPECT_FALSE(ClientRegistry::Get("SomeVertical")->IsConnected());
+  EXPECT_EQ(ClientRegistry::Get("SomeVertical")->cookie(), -1);
   clock.RunFor(seconds(1));
-  EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), 9);
+  EXPECT_EQ(ClientRegistry::Get("SomeVertical")->cookie(), 9);
   EXPECT_THAT(TypesSeenBy("SomeVertical"), ElementsAre(kRmqClientRegistrationAck, kRmqClientClose));
 }
 
@@ -110,22 +107,22 @@ TEST_F(BusRoadTest, CloseCountsOnlyWithItsOwnCookie) {
 TEST_F(BusRoadTest, EndDuringAnAttemptLeavesNothingOpen) {
   Start("SomeVertical");
   bus->cookies = {7, 8};
-  bus->on_attempt = [] { MpaClient::Get("SomeVertical")->Stop(); };
+  bus->on_attempt = [] { ClientRegistry::Get("SomeVertical")->Stop(); };
   clock.RunFor(seconds(5));
   EXPECT_THAT(bus->closed, ElementsAre(7));
-  EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), -1);
-  EXPECT_EQ(MpaClient::Get("SomeVertical")->connection_state(), MpaClient::kDisconnected);
+  EXPECT_EQ(ClientRegistry::Get("SomeVertical")->cookie(), -1);
+  EXPECT_EQ(ClientRegistry::Get("SomeVertical")->connection_state(), MpaClient::kDisconnected);
   clock.RunFor(seconds(60));
   EXPECT_EQ(bus->asked.size(), 2u) << "no timer goes on";
 
   bus->on_attempt = [this] {
-    MpaClient::Unregister("SomeVertical");
+    ClientRegistry::Unregister("SomeVertical");
     bus.reset();
   };
   ScriptedBus* const lib = bus.get();
   std::vector<int> closed;
   lib->closed_too = &closed;
-  const auto client = MpaClient::Get("SomeVertical");
+  const auto client = ClientRegistry::Get("SomeVertical");
   client->Start(nullptr);
   EXPECT_THAT(closed, ElementsAre(8));
   EXPECT_EQ(client->cookie(), -1);

@@ -36,13 +36,13 @@ TEST_F(ChannelTest, VerticalsBecomeReady) {
   EXPECT_EQ(SeenBy(kSwitching)[0].major, 4u);
   EXPECT_EQ(SeenBy(kSwitching)[0].header.msg_type, kRmqClientRegistrationAck);
   EXPECT_EQ(SeenBy(kSwitching)[0].header.app_id, "zem");
-  EXPECT_EQ(MpaClient::Get(kSwitching)->connection_state(), MpaClient::kConnected);
-  EXPECT_TRUE(MpaClient::Get(kSwitching)->IsConnected());
+  EXPECT_EQ(ClientRegistry::Get(kSwitching)->connection_state(), MpaClient::kConnected);
+  EXPECT_TRUE(ClientRegistry::Get(kSwitching)->IsConnected());
   EXPECT_THAT(Snapshot(kSwitching).stubs, UnorderedElementsAre(kAph1, kAph2));
-  EXPECT_FALSE(MpaClient::Get(kSwitching)->IsMasterStubMissing());
+  EXPECT_FALSE(ClientRegistry::Get(kSwitching)->IsMasterStubMissing());
   // Without an update callback it gets no stubs and serves only.
   EXPECT_THAT(Snapshot("SupportBundle").stubs, IsEmpty());
-  EXPECT_EQ(MpaClient::Get("SupportBundle")->connection_state(), MpaClient::kDisconnected);
+  EXPECT_EQ(ClientRegistry::Get("SupportBundle")->connection_state(), MpaClient::kDisconnected);
   EXPECT_EQ(manager->served_app_inits()[kSwitching], 1u);
   EXPECT_EQ(manager->served_app_inits().count(kLldp), 0u);
 }
@@ -269,18 +269,18 @@ TEST_F(ChannelTest, OneRecordToEachAph) {
   Register(kLldp);
   proxy_client->Start();
   clock.RunFor(kReady);
-  EXPECT_THAT(MpaClient::Get(kLldp)->Aphs(),
+  EXPECT_THAT(ClientRegistry::Get(kLldp)->Aphs(),
               ::testing::UnorderedElementsAre(::testing::Pair(kAph1, true), ::testing::Pair(kAph2, false)));
   BusHeader header;
   header.type_id = "t";
   BusRecord record(kRmqClientPublish);
   record.SetApp(kLldp, "test").SetHeader(header).SetPayload("x");
-  for (const auto& [aph, master] : MpaClient::Get(kLldp)->Aphs()) {
+  for (const auto& [aph, master] : ClientRegistry::Get(kLldp)->Aphs()) {
     rmqClientMessage message = record.message();
-    EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, aph, nullptr), 0);
+    EXPECT_EQ(ClientRegistry::Get(kLldp)->SendMessageTo(&message, aph, nullptr), 0);
   }
   rmqClientMessage message = record.message();
-  EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, "nobody", nullptr), -1);
+  EXPECT_EQ(ClientRegistry::Get(kLldp)->SendMessageTo(&message, "nobody", nullptr), -1);
   clock.RunFor(milliseconds(10));
   EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).size(), 2u);
 }
@@ -294,7 +294,7 @@ TEST_F(ChannelTest, MasterChangeToAKnownAphShakesHandsAtOnce) {
   ASSERT_TRUE(manager->SetMaster(kAph2));
   clock.RunFor(milliseconds(100));
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck, kRmqClientRegistrationAck));
-  EXPECT_FALSE(MpaClient::Get(kSwitching)->IsMasterStubMissing());
+  EXPECT_FALSE(ClientRegistry::Get(kSwitching)->IsMasterStubMissing());
   EXPECT_EQ(manager->served_app_inits()[kSwitching], 1u);
   // The same list again changes nothing.
   ASSERT_TRUE(manager->SetMaster(kAph2));
@@ -312,9 +312,9 @@ TEST_F(ChannelTest, StateFollowsTheMastersStub) {
   const auto state = [this](const std::string& master) {
     EXPECT_TRUE(manager->SetMaster(master));
     clock.RunFor(milliseconds(100));
-    EXPECT_EQ(MpaClient::Get(kSwitching)->IsMasterStubMissing(),
-              MpaClient::Get(kSwitching)->connection_state() == MpaClient::kDisconnected);
-    return MpaClient::Get(kSwitching)->connection_state();
+    EXPECT_EQ(ClientRegistry::Get(kSwitching)->IsMasterStubMissing(),
+              ClientRegistry::Get(kSwitching)->connection_state() == MpaClient::kDisconnected);
+    return ClientRegistry::Get(kSwitching)->connection_state();
   };
   EXPECT_EQ(state(kAph1), MpaClient::kConnected);
   EXPECT_EQ(state(""), MpaClient::kDisconnected) << "nobody is master";
@@ -341,9 +341,9 @@ TEST_F(ChannelTest, LostAphs) {
   ASSERT_TRUE(manager->RemoveAph(kAph1, true));
   clock.RunFor(milliseconds(100));
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck, kRmqClientClose));
-  EXPECT_TRUE(MpaClient::Get(kSwitching)->IsMasterStubMissing());
-  EXPECT_EQ(MpaClient::Get(kSwitching)->connection_state(), MpaClient::kDisconnected);
-  EXPECT_FALSE(MpaClient::Get(kSwitching)->IsConnected());
+  EXPECT_TRUE(ClientRegistry::Get(kSwitching)->IsMasterStubMissing());
+  EXPECT_EQ(ClientRegistry::Get(kSwitching)->connection_state(), MpaClient::kDisconnected);
+  EXPECT_FALSE(ClientRegistry::Get(kSwitching)->IsConnected());
 
   manager->AddAph(kAph1, true);
   clock.RunFor(seconds(30));
@@ -362,7 +362,7 @@ TEST_F(ChannelTest, RemovedAphIsForgotten) {
   EXPECT_THAT(Snapshot(kSwitching).stubs, ElementsAre(kAph1));
   EXPECT_EQ(Snapshot(kSwitching).timers, 0u);
   EXPECT_EQ(Snapshot(kSwitching).in_flight, 0u);
-  EXPECT_EQ(MpaClient::Get(kSwitching)->Aphs().size(), 1u);
+  EXPECT_EQ(ClientRegistry::Get(kSwitching)->Aphs().size(), 1u);
 }
 
 // One outage is one CLOSE, whatever the state was in which it began.
@@ -567,9 +567,9 @@ TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
   network.Freeze("tcp://127.0.0.1:4096", true);
   clock.RunFor(kReady);
   ASSERT_GT(Snapshot(kSwitching).in_flight, 0u);
-  MpaClient::Get(kSwitching)->updateStubMap();
+  Private(kSwitching)->updateStubMap();
   EXPECT_TRUE(Snapshot(kSwitching).update_pending);
-  MpaClient::Get(kSwitching)->updateStubMap();
+  Private(kSwitching)->updateStubMap();
   EXPECT_TRUE(log.Contains("updateStubMap: Already Pending"));
   network.Freeze("tcp://127.0.0.1:4096", false);
   clock.RunFor(milliseconds(600));
@@ -586,11 +586,11 @@ TEST_F(ChannelTest, NoLockIsHeldWhileAVerticalIsCalled) {
   StartManager();
   Register(kLldp);
   bool in_uuid_callback = false;
-  const auto list_comes = [] {
-    NativeThread other(NativeThread::Options{}, [] { MpaClient::Get(kLldp)->updateStubMap(); });
+  const auto list_comes = [this] {
+    NativeThread other(NativeThread::Options{}, [this] { Private(kLldp)->updateStubMap(); });
     other.Join();
   };
-  MpaClient::Get(kLldp)->Start([&](const std::string&) {
+  ClientRegistry::Get(kLldp)->Start([&](const std::string&) {
     if (!std::exchange(in_uuid_callback, true)) list_comes();
   });
   on_record = [&](const Seen& record) {
@@ -619,7 +619,7 @@ TEST_F(ChannelTest, LateVerticalCatchesUp) {
 TEST_F(ChannelTest, SecondRegistrationOfANameIsRefused) {
   StartManager();
   Register(kLldp);
-  MpaClient::Register(
+  ClientRegistry::Register(
       provider, [](rmqClientMessage*) { ADD_FAILURE() << "this client does not exist"; }, kLldp, "unused", 1,
       9002, 30000000, 5000000);
   EXPECT_TRUE(log.Contains("LldpVertical is registered already"));
@@ -644,8 +644,8 @@ TEST_F(ChannelTest, UnregisteredVerticalLeavesNothingBehind) {
   Register(kSwitching);
   proxy_client->Start();
   clock.RunFor(kReady);
-  std::weak_ptr<MpaClient> weak = MpaClient::Get(kSwitching);
-  MpaClient::Unregister(kSwitching);
+  std::weak_ptr<MpaClient> weak = ClientRegistry::Get(kSwitching);
+  ClientRegistry::Unregister(kSwitching);
   clock.RunFor(seconds(1));
   EXPECT_TRUE(weak.expired());
   manager->SetMaster(kAph2);

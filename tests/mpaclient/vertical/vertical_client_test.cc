@@ -40,7 +40,7 @@ class VerticalClientTest : public ChannelTest {
     BusRecord record(type);
     record.SetApp(vertical, "").SetCookie(cookie).SetHeader(header).SetManagerVersion(3, 1).SetPayload("x");
     rmqClientMessage message = record.message();
-    MpaClient::Deliver(&message);
+    ClientRegistry::Deliver(&message);
   }
 
   std::vector<std::string> Events() { return std::exchange(events, {}); }

@@ -64,15 +64,13 @@ class OneRecordBus final : public RmqClient {
 // The bus sees in the header what carries the message, and under which id.
 TEST_F(ManagerSenderTest, HeaderOnTheBus) {
   const boost::intrusive_ptr<OneRecordBus> bus(new OneRecordBus);
-  MpaClient::SetBusForTest([&] { return bus; });
   verticals.emplace_back(kSwitching);
-  MpaClient::Register(
-      provider, [](rmqClientMessage*) {}, kSwitching, "unused", 1, MpaClient::kBusPort, 30000000, 5000000);
-  MpaClient::SetBusForTest(nullptr);
+  ClientRegistry::Register(
+      provider, [](rmqClientMessage*) {}, kSwitching, "unused", 1, MpaClient::kBusPort, 30000000, 5000000, bus);
   BusRecord ack(kRmqClientRegistrationAck);
   ack.SetApp(kSwitching, "");
   rmqClientMessage message = ack.message();
-  MpaClient::Deliver(&message);
+  ClientRegistry::Deliver(&message);
   std::string message_id;
   ASSERT_TRUE(sender.SendMsg("com.orlane.zem.switching.ChecksumMsg", "", "", "", &message_id));
   EXPECT_EQ(bus->header.type_id, "com.orlane.zem.switching.ChecksumMsg");

@@ -9,7 +9,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "mpaclient/spread_delay.h"
+#include "mpaclient/proxy/spread_delay.h"
 #include "platform/provider/provider.h"
 #include "platform/rpc/close_reason.h"
 #include "platform/rpc/connection.h"

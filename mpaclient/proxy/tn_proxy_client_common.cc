@@ -1,4 +1,4 @@
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 
 #include <vector>
 
