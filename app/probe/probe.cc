@@ -10,7 +10,6 @@
 
 #include "covedbclient/covedb_client_interface.h"
 #include "covedbclient/statements.h"
-#include "framework/cli/cli_server.h"
 #include "framework/dataplane/lcp_adapter.h"
 #include "framework/log/log.h"
 #include "mpaclient/bus/bus_record.h"
@@ -188,7 +187,7 @@ class Probe::Impl {
 
 Probe::Probe(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
              boost::intrusive_ptr<LcpAdapter> lcp_adapter, const boost::property_tree::ptree& options)
-    : impl_(std::make_shared<Impl>(provider, std::move(store), std::move(lcp_adapter), options)) {}
+    : impl_(std::make_unique<Impl>(provider, std::move(store), std::move(lcp_adapter), options)) {}
 
 Probe::~Probe() = default;
 
@@ -196,7 +195,7 @@ void Probe::Start() { impl_->Start(); }
 
 void Probe::Stop() { impl_->Stop(); }
 
-void Probe::RegisterCommands(CliServer* server) {
+std::vector<CliCommand> Probe::Commands() {
   const auto answer = [](CliReply reply, std::string error) {
     if (error.empty()) {
       reply.Ok("Sent");
@@ -204,19 +203,18 @@ void Probe::RegisterCommands(CliServer* server) {
       reply.Error(std::move(error));
     }
   };
-  server->AddCommands({{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
-                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
-                          answer(std::move(reply),
-                                 impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]));
-                        }},
-                       {"probe/lcp", "<hex>", 1, 1,
-                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
-                          answer(std::move(reply), impl->SendToDataplane(arguments[0]));
-                        }},
-                       {"probe/put", "<type> <text>", 2, 2,
-                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
-                          answer(std::move(reply), impl->Put(arguments[0], arguments[1]));
-                        }}});
+  return {{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
+           [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
+             answer(std::move(reply), impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]));
+           }},
+          {"probe/lcp", "<hex>", 1, 1,
+           [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
+             answer(std::move(reply), impl->SendToDataplane(arguments[0]));
+           }},
+          {"probe/put", "<type> <text>", 2, 2,
+           [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
+             answer(std::move(reply), impl->Put(arguments[0], arguments[1]));
+           }}};
 }
 
 }  // namespace zem::Tarvik
