@@ -86,27 +86,43 @@ TEST_F(VerticalClientTest, EachRecordReachesItsCallback) {
   EXPECT_FALSE(client.registered());
 }
 
-// The row decides on record type and correlation; what it does not have is not sent.
+// The row decides on record type, correlation and class; what it does not have is not sent.
 TEST_F(VerticalClientTest, TheRowMakesTheRecord) {
-  VerticalClient client(provider, GetVertical(VerticalId::kControllerMgmt), {});
   const std::string type = "com.orlane.zem.config.MpLcpMsg";
-  EXPECT_FALSE(client.Send(type, "", "", ""));
-  EXPECT_TRUE(log.Contains("[SendMsg] Not connected to MPA, dropped message to MPA"));
-  EXPECT_FALSE(client.Prepare("com.orlane.zem.config.Other", "", "", ""));
-  for (const auto& [given, expected] : {std::pair("", "EMPTY"), std::pair("c-1", "c-1")}) {
-    const auto message = client.Prepare(type, "p", given, kAph1);
+  const std::string customer = "com.orlane.zem.customer.ClientRpcRequest";
+  struct Case {
+    VerticalId vertical;
+    std::string type;
+    std::string given;
+    int32_t record;
+    std::string correlation;
+    std::string msg_class;
+  };
+  for (const Case& c : {
+           Case{VerticalId::kControllerMgmt, type, "", kRmqClientRpcRequest, "EMPTY", type},
+           Case{VerticalId::kControllerMgmt, type, "c-1", kRmqClientRpcRequest, "c-1", type},
+           Case{VerticalId::kSwitching, "com.orlane.zem.switching.HostConfigMsg", "c-2",
+                kRmqClientRpcResponse, "c-2", customer},
+           Case{VerticalId::kSwitching, "com.orlane.zem.switching.ChecksumMsg", "c-3", kRmqClientRpcRequest,
+                "mp_rpc_correlation_id", customer},
+       }) {
+    const VerticalClient client(provider, GetVertical(c.vertical), {});
+    const auto message = client.Prepare(c.type, "p", c.given, kAph1);
     ASSERT_TRUE(message);
     const rmqClientMessage record = message->record.message();
     const BusHeader header = BusHeader::Of(record).value();
-    EXPECT_EQ(record.msg_type, kRmqClientRpcRequest);
-    EXPECT_EQ(header.correlation_id, expected);
-    EXPECT_EQ(header.type_id, type);
-    EXPECT_EQ(header.msg_class, type);
+    EXPECT_EQ(record.msg_type, c.record);
+    EXPECT_STREQ(record.content_type, kProtobufContent);
+    EXPECT_EQ(header.correlation_id, c.correlation);
+    EXPECT_EQ(header.type_id, c.type);
+    EXPECT_EQ(header.msg_class, c.msg_class);
     EXPECT_EQ(header.message_id, message->message_id);
-    EXPECT_EQ(record.routing_key, nullptr) << "only an answer goes back to its asker";
+    EXPECT_EQ(record.routing_key != nullptr, c.record == kRmqClientRpcResponse)
+        << "only answers have an asker";
   }
-  const auto answer = client.PrepareAs(kRmqClientRpcResponse, "t", "p", "c-1", kAph1);
-  EXPECT_STREQ(answer.record.message().routing_key, kAph1);
+  VerticalClient client(provider, GetVertical(VerticalId::kControllerMgmt), {});
+  EXPECT_FALSE(client.Send(type, "", "", ""));
+  EXPECT_TRUE(log.Contains("[SendMsg] Not connected to MPA, dropped message to MPA"));
 
   StartManager();
   client.Start();
