@@ -12,6 +12,7 @@
 #include "covedbclient/statements.h"
 #include "framework/dataplane/lcp_adapter.h"
 #include "framework/log/log.h"
+#include "framework/tasks/outcome.h"
 #include "mpaclient/bus/bus_record.h"
 #include "mpaclient/vertical/vertical_client.h"
 #include "platform/core/uuid.h"
@@ -92,41 +93,44 @@ class Probe::Impl {
     for (const auto& [name, client] : verticals_) client->Stop();
   }
 
-  // Empty when it was handed over, else what is wrong.
-  std::string Send(const std::string& vertical, const std::string& kind, const std::string& type,
-                   const std::string& hex) {
+  Outcome Send(const std::string& vertical, const std::string& kind, const std::string& type,
+               const std::string& hex) {
     const auto found = verticals_.find(vertical);
-    if (found == verticals_.end()) return "No such vertical: " + vertical;
-    if (kind != "request" && kind != "publish") return "Bad kind: " + kind + " Expected: <request|publish>";
+    if (found == verticals_.end()) return Outcome::Failed("No such vertical: " + vertical);
+    if (kind != "request" && kind != "publish")
+      return Outcome::Failed("Bad kind: " + kind + " Expected: <request|publish>");
     auto payload = FromHex(hex);
-    if (!payload) return "Bad payload: not hexadecimal";
+    if (!payload) return Outcome::Failed("Bad payload: not hexadecimal");
     const auto record = kind == "request" ? kRmqClientRpcRequest : kRmqClientPublish;
     const VerticalClient& client = *found->second;
     const auto message = client.PrepareAs(record, type, std::move(*payload), RandomUuidText(), "");
     return client.SendPrepared(message) == VerticalClient::Sent::kSent
-               ? ""
-               : "Not sent: the manager cannot be reached";
+               ? Outcome::Done()
+               : Outcome::Failed("Not sent: the manager cannot be reached");
   }
 
-  std::string Put(const std::string& type_text, const std::string& object) {
+  Outcome Put(const std::string& type_text, const std::string& object) {
     const auto type = ParseType(type_text);
-    if (!type) return "Not an object type: " + type_text;
-    if (!store_) return "No store on this node";
+    if (!type) return Outcome::Failed("Not an object type: " + type_text);
+    if (!store_) return Outcome::Failed("No store on this node");
     covedb::ModifyRequestMsg request;
     auto& put = *request.add_modify_msg()->mutable_put_msg();
     put.set_object_type(*type);
     put.set_object(object);
     put.add_vdb_id(covedb::kDefaultVDb);
     store_->Modify({request}, [object] { ZLOG_INFO("The store has taken: %s", object.c_str()); });
-    return "";
+    return Outcome::Done();
   }
 
-  std::string SendToDataplane(const std::string& hex) {
+  Outcome SendToDataplane(const std::string& hex) {
     const auto bytes = FromHex(hex);
     orlane::zem::lcp::LcpDpMsg message;
-    if (!bytes || !message.ParseFromString(*bytes)) return "Bad message: not an LcpDpMsg in hexadecimal";
-    if (lcp_adapter_ == nullptr) return "No dataplane link on this node";
-    return lcp_adapter_->Send(kLcpMessageFrame, message) ? "" : "Not sent: the link does not take it";
+    if (!bytes || !message.ParseFromString(*bytes))
+      return Outcome::Failed("Bad message: not an LcpDpMsg in hexadecimal");
+    if (lcp_adapter_ == nullptr) return Outcome::Failed("No dataplane link on this node");
+    return lcp_adapter_->Send(kLcpMessageFrame, message)
+               ? Outcome::Done()
+               : Outcome::Failed("Not sent: the link does not take it");
   }
 
  private:
@@ -196,11 +200,11 @@ void Probe::Start() { impl_->Start(); }
 void Probe::Stop() { impl_->Stop(); }
 
 std::vector<CliCommand> Probe::Commands() {
-  const auto answer = [](CliReply reply, std::string error) {
-    if (error.empty()) {
+  const auto answer = [](CliReply reply, const Outcome& outcome) {
+    if (outcome.done()) {
       reply.Ok("Sent");
     } else {
-      reply.Error(std::move(error));
+      reply.Error(outcome.error());
     }
   };
   return {{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,

@@ -21,8 +21,8 @@ class LcpAdapter;
 
 /// Stands in for verticals and store users on a node that is being brought up: it registers the verticals
 /// that the options name, answers each request of the manager with the message that came, and logs what it
-/// receives, what the store's monitor tells, and what the dataplane agent sends.  Off unless the options have
-/// a `probe` element:
+/// receives from the manager, the store's monitor and the dataplane agent.  The agent makes it only when the
+/// options have a `probe` element:
 ///
 ///     <probe><verticals>SwitchingVertical,Traceflow</verticals><objectTypes>1,114</objectTypes></probe>
 ///
