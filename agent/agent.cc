@@ -59,7 +59,7 @@ constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
 constexpr const char* kStoreClientId = "tarvik-agent";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
-// Anybody on the host may connect there.
+// Every process of the host may connect to the health service.
 constexpr size_t kHealthConnections = 32;
 constexpr const char* kAgentLink = "/var/run/orlane/zem-agent/zema_link";
 constexpr const char* kGatewayLink = "/var/run/orlane/gw-controller/gw_link";
@@ -74,7 +74,7 @@ constexpr int kTarvikThreads = 4;
 constexpr int kFrameworkThreads = 10;
 constexpr int kProviderThreads = 5;
 
-// Nodes that have a local store.
+// The node types that have a local store.
 constexpr uint32_t kStoreNodes = kNodeQub | kNodeKvm | kNodeBareMetalServer | kNodeBareMetalContainer;
 
 void EnableCoreDumps() {
@@ -86,7 +86,7 @@ void EnableCoreDumps() {
   }
 }
 
-// A peer that closes its socket must not end the process.  Children get the default back.
+// A peer that closes its socket must not end the process.  Child processes get the default disposition.
 void IgnoreBrokenPipes() {
   struct sigaction action {};
   action.sa_handler = SIG_IGN;
@@ -138,7 +138,7 @@ class Agent::Impl {
   std::optional<StartWatchdog> watchdog_;
   bool host_role_ = false;
 
-  // In order of creation; destroyed in the reverse one by Stop.
+  // In order of creation; Stop destroys them in reverse order.
   std::unique_ptr<AsioZemProvider> provider_;
   boost::intrusive_ptr<WorkGroup> tarvik_group_;
   boost::intrusive_ptr<LcpAdapter> lcp_adapter_;
@@ -198,7 +198,7 @@ bool Agent::Impl::LoadConfiguration() {
   return true;
 }
 
-// The provider, the role, and what every node has.
+// Creates the event provider, determines the role, and starts what the role needs first.
 void Agent::Impl::StartFrame() {
   watchdog_->Enter("event provider");
   OptionsTree().put("provider.stop_on_signals", false);
@@ -249,7 +249,7 @@ void Agent::Impl::StartStore() {
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
 }
 
-// On the group's threads, since it may take some milliseconds.
+// Runs on the work group's threads, because it may take some milliseconds.
 void Agent::Impl::StartMemoryReturn() {
   memory_timer_ = provider_->timers().ScheduleRepeated(
       kMemoryReturnPeriod,
@@ -279,7 +279,7 @@ void Agent::Impl::StartHealthService() {
 
 void Agent::Impl::Serving() {
   watchdog_->Enter("proxy client");
-  // Last of all, so that every vertical is registered when the connection comes up.
+  // Started last, so that every vertical is registered when the connection comes up.
   TnProxyClientCommon::getInstance()->Start();
   SetThreadName(kMainThreadName);
   if (settings_.handle_signals) InstallExitHandlers();

@@ -39,7 +39,7 @@ class Application {
   virtual void Stop() = 0;
 };
 
-/// What the agent gives its applications.
+/// The objects that the agent shares with its applications.
 struct ApplicationContext {
   AsioZemProvider& provider;
   /// Null on a node type without a local store.

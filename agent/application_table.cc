@@ -1,5 +1,4 @@
-// The classes between a row and its application are as small as can be: they give the application the
-// arguments that the agent has for it, and nothing else.
+// A class per application adapts its own start and stop to the interface; it adds nothing else.
 
 #include "agent/application_table.h"
 

@@ -92,7 +92,7 @@ bool AppInit::BeginLocked() {
     return true;
   }
   uint32_t sequence = GetNewAppInitSequenceNumber();
-  // Zero stands for "no handshake" with an observer.
+  // An observer with sequence 0 belongs to no handshake.
   if (sequence == 0) sequence = GetNewAppInitSequenceNumber();
   ZLOG_INFO("[%s] MpaClientPrivate AppInitHandshake : seq: %d", name, static_cast<int>(sequence));
   if (peer_.SendAppInitRequest(sequence) == 0) {

@@ -44,7 +44,7 @@ struct NoHostService {};
 
 }  // namespace
 
-/// The RPC road of one vertical, whose manager-side service is `MpService` and whose own is `HostService`.
+/// The manager client of one vertical: it calls the manager's `MpService` and serves `HostService`.
 template <class MpService, class HostService, class AppSpecific>
 class MpaClientPrivate final : public MpaClientPrivateBase {
  public:
@@ -118,7 +118,7 @@ static_assert(kRows.size() == static_cast<size_t>(VerticalId::kCount));
 }  // namespace
 
 std::shared_ptr<MpaClient> MakeMpaClient(MpaClientArguments arguments) {
-  // The bus carries every vertical alike.
+  // The bus needs no services, so the plain client carries every vertical.
   const Vertical* const vertical =
       arguments.port != MpaClient::kBusPort ? FindVertical(arguments.name) : nullptr;
   if (vertical != nullptr)

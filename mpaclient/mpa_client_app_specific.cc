@@ -24,7 +24,7 @@ bool IsPublish(const rmqClientMessage& record) {
 
 const char* PublishText(bool publish) { return publish ? "Publish," : ""; }
 
-// The type of the record in which an answer to a record of `request` travels; 0 when it cannot have one.
+// The record type of the answer to a record of type `request`; 0 when that type has no answer.
 int32_t AnswerType(int32_t request) {
   switch (request) {
     case kRmqClientRpcRequest:
@@ -219,7 +219,7 @@ int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record, const std::string
     ZLOG_INFO("[%s] RespondMsg : Sent response with type (%s) corelationId (%s) trackingId (%s)", name,
               type.c_str(), id.c_str(), tracking.c_str());
     if (written) return 0;
-    // The answer counts as given, since to try again cannot bring the call back.
+    // The answer counts as sent: another try cannot reach a call that has ended.
     ZLOG_INFO("[%s] RespondMsg : The call of corelationId (%s) had ended before its response", name,
               id.c_str());
     if (as_message) RespondAsMessage(*record, id, asker, why);
@@ -231,7 +231,7 @@ int MpaClientAppSpecific::RespondMsg(rmqClientMessage* record, const std::string
   return -1;
 }
 
-// The call is gone with its proxy; the answer still finds its asker as a message of its own.
+// The call has ended with its proxy, so the answer goes to the asking APH as a message of its own.
 int MpaClientAppSpecific::RespondAsMessage(const rmqClientMessage& record, const std::string& correlation_id,
                                            const std::string& aph, MpaClient::SendFailure* why) {
   ZLOG_INFO("[%s] RespondMsg : Sending response as a request to APH (%s), corelationId (%s)",
@@ -309,7 +309,7 @@ void MpaClientAppSpecific::TakeMpResponse(const rpc::Status& status, const Gener
     return;
   }
   if (observer->sequence() != 0) {
-    // An answer to the app-init request that is none: not served, so ask again.
+    // The answer to an app-init request has no config in it: the request has failed and is repeated.
     FinishInitHandshake(observer->sequence(), false);
     return;
   }

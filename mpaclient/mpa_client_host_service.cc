@@ -24,7 +24,7 @@ struct Renamed {
 };
 constexpr std::array kRenamed = {Renamed{"IdaMessage", "IdaMsg"}};
 
-// A random id for a request that came without one; only its text matters.
+// The correlation id of a request that came without one.
 std::string RandomId() { return RandomUuidText(); }
 
 }  // namespace
@@ -93,7 +93,7 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
   std::string type;
   const auto unified = GetHostUnifiedMsg(generic, &type);
   if (!unified) ZLOG_WARN("%s::RpcMsgHandler Unable to get HostUnifiedMsg", vertical_.host_class);
-  // A vertical that has no such member gets the message like any other.
+  // A vertical without the handshake receives the message like any other.
   if (type != kAppInitConfigType || !instance_->messages().layout().AnswersAppInitConfig()) {
     MpaRpcMsgHandler(context, {generic, unified.get(), type}, handle);
     return;
@@ -148,7 +148,7 @@ void MpaClientHostService::Receive(rpc::ServerContext& context, const Received& 
               correlation_id.c_str());
     return;
   }
-  // Asked for and added in one step: of two requests with one id only one may get through.
+  // The check and the insertion are one step, so that of two requests with one id only one is accepted.
   if (!publish) {
     const auto number = client->calls().AddToCallHandleMap(correlation_id, *handle);
     if (!number) {
@@ -168,7 +168,7 @@ bool MpaClientHostService::BuildRmqClientMessage(const Received& received, const
                                                  BusRecord* record, std::string* app_type_out) const {
   const char* const name = vertical_.name;
   const GenericUnifiedMsg& generic = received.generic;
-  // A secret's content is told by its size.
+  // For a secret message only the size is logged.
   if (ZLOG_WANTS(kLogDebug)) {
     ZLOG_DEBUG("[%s] MpaClientHostService::BuildRmqClientMessage:GenericUnifiedMsg :: %s", name,
                vertical_.traits.secret ? (std::to_string(generic.payload().size()) + " bytes").c_str()

@@ -96,7 +96,7 @@ void MpaClientPrivateBase::HandleTnProxyDisconnected(rpc::CloseReason reason) {
   ZLOG_INFO("[%s] TnProxy Disconnected (%s)", app_type_.c_str(), rpc::CloseReasonToCStr(reason));
   connection_->SetRoad(kDisconnected);
   app_init_.HandleTnProxyDisconnected([this] { CleanUpForStubs(); });
-  // The master's stream has told it already, unless the master had no stub or nobody was master.
+  // The end of the master's stream has sent the CLOSE already, unless there was no master or it had no stub.
   app_specific_->SendCloseToServedVertical(0);
 }
 

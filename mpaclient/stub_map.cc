@@ -17,7 +17,7 @@ constexpr int64_t kStubTimeoutMs = 10000;
 
 RetryPolicy StubRetryPolicy() { return RetryPolicy(1000, 10000, 2.0, -1); }
 
-// The library tries once; the client's own policy decides on further tries.
+// The RPC library makes one attempt; the retry policy of the APH decides on further ones.
 RetryPolicy SingleTry() { return RetryPolicy(1000000, 10000000, 2.0, 0); }
 
 }  // namespace
@@ -110,8 +110,8 @@ void StubMap::CleanUpForStubs() {
   ZLOG_INFO("[%s] CleanUpForStubs Done", app_type_.c_str());
 }
 
-// With the stub lock held.  Timers of the APHs in `kept` run on: were each list to start them anew, lists
-// that come faster than the shortest delay would keep every stub from being made.
+// With the stub lock held.  The timers of the APHs in `kept` continue: if each list restarted them, lists
+// that arrive faster than the shortest delay would prevent every stub from being made.
 void StubMap::ClearTimerMap(const std::map<std::string, bool>& kept) {
   ZLOG_INFO("[%s] ClearTimerMap (%lu)", app_type_.c_str(), static_cast<unsigned long>(timer_map_.size()));
   for (const auto& [aph, timer] : timer_map_) in_flight_.erase(aph);
@@ -146,13 +146,12 @@ void StubMap::updateStubMap(const std::function<void(const std::string&)>& uuid_
     ClearTimerMap(listed);
     retry_countdown_.Reset();
   }
-  // The pending mark keeps other changes out meanwhile.
+  // While the update is pending, other changes return early.
   if (uuid_callback && peers_.proxy_client) uuid_callback(peers_.proxy_client->getTnUuidStr());
   Update();
 }
 
-// What the change means for the vertical is told after the update mutex: the vertical may well send, or take
-// its time.
+// The vertical is notified after the update mutex is released, because its callback may send or take long.
 void StubMap::Update() {
   Due due;
   {
@@ -218,7 +217,7 @@ void StubMap::NewMaster(const std::string& aph) {
   LoseMasterStub();
 }
 
-// Until the master has a stub, the client waits for one like a client that has just begun.
+// Until the new master has a stub, the client is in the state of a client that has just started.
 void StubMap::LoseMasterStub() {
   {
     std::lock_guard lock(stub_mutex_);
@@ -233,7 +232,7 @@ StubMap::Due StubMap::ApplyNewMaps(const std::map<std::string, bool>& old_map,
   Due due;
   for (const auto& [aph, was_master] : old_map) {
     if (new_map.count(aph) != 0) continue;
-    // The stream of a stub that is dropped here does not tell its end.
+    // A stub that is dropped here does not report the end of its stream.
     if (peers_.app_init.IsServing(aph)) due.close = true;
     std::shared_ptr<MpStub> dropped;
     std::lock_guard lock(stub_mutex_);
@@ -247,7 +246,7 @@ StubMap::Due StubMap::ApplyNewMaps(const std::map<std::string, bool>& old_map,
     retry_policies_.erase(aph);
   }
   {
-    // The list may have changed again since the change began.
+    // The list may have changed again since this update began.
     std::lock_guard lock(stub_mutex_);
     DropTimersBut(new_map);
   }
@@ -280,7 +279,7 @@ StubMap::Due StubMap::ApplyNewMaps(const std::map<std::string, bool>& old_map,
     }
   }
   if (due.handshake) {
-    // The new master's stub exists already, so nobody else will set this.
+    // The new master's stub exists already, so no stub creation will set the flag.
     std::lock_guard lock(stub_mutex_);
     master_stub_ = true;
   }
@@ -319,7 +318,7 @@ void StubMap::GetStubFromTimer(const std::string& aph) {
   {
     std::lock_guard lock(stub_mutex_);
     if (timer_map_.erase(aph) == 0) {
-      // Cancelled in the moment it fired: whoever cancelled it has taken over.
+      // The timer was cancelled when it had fired already; the canceller makes its own timer.
       ZLOG_INFO("[%s] GetStub_ Timer for (%s) is not present in timer_map_", name, aph.c_str());
       return;
     }
@@ -450,7 +449,7 @@ void StubMap::OnStreamDown(const std::string& aph, rpc::CloseReason reason) {
     peers_.app_specific.SendCloseToVertical(0);
     peers_.app_init.HandleMasterDown();
   }
-  // Master no more, but the present one, if there is one, cannot be reached yet.
+  // The APH is not the master any more, and the present master, if there is one, has no stub yet.
   if (!is_master && peers_.app_init.IsServing(aph) && IsMasterStubMissing())
     peers_.app_specific.SendCloseToServedVertical(0);
   std::shared_ptr<MpStub> dropped;

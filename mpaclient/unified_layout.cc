@@ -41,7 +41,7 @@ UnifiedLayout::UnifiedLayout(const Vertical& vertical) : vertical_(vertical) {
   const Message& host = vertical.host_prototype();
   mp_type_ = Required(mp, "type");
   host_type_ = Required(host, "type");
-  // One vertical that does no handshake can carry the message all the same.
+  // A vertical without the handshake may still have the member.
   mp_app_init_ = vertical.traits.needs_app_init ? Required(mp, "app_init") : Optional(mp, "app_init");
   mp_app_init_config_ack_ = vertical.traits.needs_app_init ? Required(mp, "app_init_config_ack") : nullptr;
   host_app_init_config_ = vertical.traits.needs_app_init ? Required(host, "app_init_config") : nullptr;
@@ -66,7 +66,7 @@ std::unique_ptr<Message> UnifiedLayout::NewHost() const {
 Message* UnifiedLayout::MutableMpMember(Message* unified, std::string_view type_name) const {
   const FieldDescriptor* field = mp_raw_;
   if (field != nullptr) {
-    // Whatever it is, it goes as bytes.
+    // Every type of this vertical travels as bytes.
   } else if (type_name == kAppInitType) {
     field = mp_app_init_;
   } else if (type_name == kAppInitConfigAckType) {

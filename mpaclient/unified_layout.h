@@ -14,7 +14,7 @@ namespace zem {
 
 struct Vertical;
 
-/// The unified messages of one vertical with their members looked up once.
+/// The layout of one vertical's two unified messages: the members for its types, looked up once.
 ///
 /// Threads: immutable; all operations from any thread.
 class UnifiedLayout {
@@ -31,10 +31,10 @@ class UnifiedLayout {
   google::protobuf::Message* MutableMpMember(google::protobuf::Message* unified,
                                              std::string_view type_name) const;
 
-  /// The set member that comes first; null when none is set.
+  /// The first member that is set, in the order of the vertical's types; null when none is set.
   const google::protobuf::Message* HostMember(const google::protobuf::Message& unified) const;
 
-  /// Null when it is not set or the vertical has none.
+  /// The app-init config; null when it is not set, and for a vertical without the handshake.
   const google::protobuf::Message* HostAppInitConfig(const google::protobuf::Message& unified) const;
 
   /// Whether the vertical's messages can carry the answer to an app-init config.

@@ -104,7 +104,7 @@ bool UnifiedMessages::GetGenericUnifiedMsg(GenericUnifiedMsg* out, const rmqClie
     out->mutable_ctrl_header()->set_correlation_id(*correlation_id);
     tracking = ParseUuid(*correlation_id);
   }
-  // The id that the sender has logged is the one that the manager sees.
+  // The sender has logged the message id, so the manager gets the same id.
   if (!tracking) tracking = ParseUuid(header.message_id);
   SetUuid(tracking ? *tracking : RandomUuid(), out->mutable_cookies()->mutable_tracking_id());
   return true;

@@ -69,7 +69,7 @@ constexpr std::array kLivetraceTypes = {
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceMsg", "request", true},
 };
 
-// One message under the three names that are in use for it.
+// Three names are in use for the one message.
 constexpr std::array kIdaTypes = {
     VerticalType{"com.orlane.zem.ida.InventoryDiscoveryMessage.IdaMessage", "ida"},
     VerticalType{"com.orlane.zem.ida.IdaMessage", "ida"},

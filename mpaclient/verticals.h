@@ -37,7 +37,7 @@ enum class VerticalId {
 struct VerticalType {
   const char* type_name;
   const char* member;
-  /// Only ever comes from the manager.
+  /// Sent by the manager only.
   bool inbound_only = false;
 };
 

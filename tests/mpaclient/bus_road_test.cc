@@ -11,7 +11,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using ::testing::ElementsAre;
 
-// The bus as a scenario wants it.
+// A bus library with scripted results.
 class ScriptedBus final : public RmqClientInterface {
  public:
   int NETEventLoop(int) override { return 0; }
@@ -67,7 +67,7 @@ class BusRoadTest : public ChannelTest {
   boost::intrusive_ptr<ScriptedBus> bus{new ScriptedBus};
 };
 
-// A broker that is away is tried every retry time; the ACK makes the connection stand, its absence undoes it.
+// A broker that is away is tried again after each retry time.  A connection without an ACK is closed.
 TEST_F(BusRoadTest, ConnectsRetriesAndWaitsForTheAck) {
   Start("SwitchingVertical");
   EXPECT_TRUE(log.Contains("connecting to mpa return cookie [CONNECT_FAIL]"));
@@ -103,7 +103,7 @@ TEST_F(BusRoadTest, CloseCountsOnlyWithItsOwnCookie) {
   EXPECT_THAT(TypesSeenBy("SomeVertical"), ElementsAre(kRmqClientRegistrationAck, kRmqClientClose));
 }
 
-// An attempt may take long; an end that comes meanwhile still is one.
+// A stop during an attempt that takes long must close what the attempt opens.
 TEST_F(BusRoadTest, EndDuringAnAttemptLeavesNothingOpen) {
   Start("SomeVertical");
   bus->cookies = {7, 8};
@@ -128,7 +128,7 @@ TEST_F(BusRoadTest, EndDuringAnAttemptLeavesNothingOpen) {
   EXPECT_EQ(client->cookie(), -1);
 }
 
-TEST_F(BusRoadTest, WhatIsDeliveredAndSent) {
+TEST_F(BusRoadTest, OnlyInboundTypesAreDelivered) {
   bus->cookies = {7};
   Start("SomeVertical");
   for (const BusMessageType type :
@@ -147,8 +147,8 @@ TEST_F(BusRoadTest, WhatIsDeliveredAndSent) {
   EXPECT_TRUE(log.Contains("SomeVertical failed to send message to MPA"));
 }
 
-// A vertical that holds up the delivering thread is named.
-TEST_F(BusRoadTest, SlowCallbackIsTold) {
+// A callback that holds up the delivering thread is logged with its vertical.
+TEST_F(BusRoadTest, SlowCallbackIsLogged) {
   bus->cookies = {7};
   Start("SomeVertical");
   on_record = [](const Seen&) { SleepFor(milliseconds(400)); };

@@ -22,7 +22,7 @@ constexpr const char* kUnknownAph = "0a000000-0000-4000-8000-000000000009";
 // Spread of the first stubs is 1 to 5 seconds.
 constexpr seconds kReady{6};
 
-// Everything at its right time: stubs after the host's own delay, the handshake with the master, one ACK with
+// Stubs are made after the host's own delay; the handshake with the master leads to one ACK, which carries
 // the manager's version.
 TEST_F(ChannelTest, VerticalsBecomeReady) {
   StartManager();
@@ -81,9 +81,9 @@ TEST_F(ChannelTest, RequestOfTheManagerIsAnsweredOnItsCall) {
   EXPECT_EQ(config.revision(), "7");
 }
 
-// An answer that comes after its call has ended counts as given: whoever tried again would wait in vain.  The
-// switching vertical's goes to its asker once, as a message of its own.
-TEST_F(ChannelTest, AnswerToAnEndedCallIsGivenOnce) {
+// An answer to a call that has ended counts as sent, because no retry can reach the call.  The switching
+// vertical's answer goes to the asking APH once, as a message of its own.
+TEST_F(ChannelTest, AnswerToAnEndedCallIsSentOnce) {
   StartManager();
   Register(kSwitching);
   Register(kLldp);
@@ -114,8 +114,8 @@ TEST_F(ChannelTest, AnswerToAnEndedCallIsGivenOnce) {
   }
 }
 
-// An id is taken as long as its call runs, and no longer.
-TEST_F(ChannelTest, CorrelationIdGoesWithItsCall) {
+// A correlation id is taken as long as its call runs, and no longer.
+TEST_F(ChannelTest, CorrelationIdIsFreeAfterItsCall) {
   StartManager();
   Register(kSwitching);
   proxy_client->Start();
@@ -146,7 +146,7 @@ TEST_F(ChannelTest, CorrelationIdGoesWithItsCall) {
   EXPECT_EQ(statuses.back(), 0) << "the end of the first call has not taken the id of this one";
 }
 
-// What goes wrong on the way in drops the message, and only that.
+// An inbound message that cannot be processed is dropped, and nothing else.
 TEST_F(ChannelTest, InboundRules) {
   StartManager();
   Register(kSwitching);
@@ -372,7 +372,7 @@ TEST_F(ChannelTest, OutagesInEveryState) {
   Register(kLldp);
   proxy_client->Start();
   clock.RunFor(kReady);
-  const auto told_since = [this](size_t begin) {
+  const auto types_since = [this](size_t begin) {
     std::vector<int32_t> types = TypesSeenBy(kSwitching);
     EXPECT_EQ(types, TypesSeenBy(kLldp));
     types.erase(types.begin(), types.begin() + static_cast<std::ptrdiff_t>(begin));
@@ -399,22 +399,22 @@ TEST_F(ChannelTest, OutagesInEveryState) {
     clock.RunFor(milliseconds(500));
     manager->StopProxy();
     clock.RunFor(seconds(7));
-    EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose));
+    EXPECT_THAT(types_since(before), ElementsAre(kRmqClientClose));
     EXPECT_THAT(Snapshot(kSwitching).stubs, IsEmpty());
     EXPECT_EQ(Snapshot(kSwitching).timers, 0u);
     manager->StartProxy();
     manager->AddAph(kAph1, true);
     clock.RunFor(seconds(25));
-    EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
+    EXPECT_THAT(types_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
   }
   // The proxy lives on when the master leaves.
   const size_t before = SeenBy(kSwitching).size();
   ASSERT_TRUE(manager->RemoveAph(kAph1, false));
   clock.RunFor(seconds(1));
-  EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose));
+  EXPECT_THAT(types_since(before), ElementsAre(kRmqClientClose));
   ASSERT_TRUE(manager->SetMaster(kAph2));
   clock.RunFor(seconds(1));
-  EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
+  EXPECT_THAT(types_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
 }
 
 // A handshake that fails is tried after 10, 20, 30, 30 seconds without end; a success resets the delay.
@@ -446,7 +446,7 @@ TEST_F(ChannelTest, RefusedAppInitIsRetried) {
   EXPECT_EQ(requests(), expected + 2) << "the delay began again at 10 s";
 }
 
-// No answer for 30 s: the call is given up and a new one made; a late answer to the old one changes nothing.
+// Without an answer for 30 s the call is cancelled and repeated; a late answer to the old call has no effect.
 TEST_F(ChannelTest, SilentAppInitStartsOver) {
   StartManager();
   sim::AnswerRule late;
@@ -462,7 +462,7 @@ TEST_F(ChannelTest, SilentAppInitStartsOver) {
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
 }
 
-// Answers that are none are failures of the handshake, not of the client.
+// An app-init answer without a config fails the handshake and leaves the client usable.
 TEST_F(ChannelTest, GarbageAppInitAnswersAreRetried) {
   StartManager();
   for (const auto kind : {sim::AnswerRule::Kind::kGarbage, sim::AnswerRule::Kind::kWrongType}) {
@@ -483,7 +483,7 @@ TEST_F(ChannelTest, GarbageAppInitAnswersAreRetried) {
   }
 }
 
-// A request that nobody answers is forgotten after 300 s; the answer then has no call any more.
+// A request that is not answered is removed after 300 s; a later answer has no call any more.
 TEST_F(ChannelTest, StaleCallsArePurged) {
   StartManager();
   Register(kLldp);
@@ -527,7 +527,8 @@ TEST_F(ChannelTest, SecretsAreLoggedBySize) {
   }
 }
 
-// Lists that come faster than the delay of a stub do not put it off, neither the first nor a later one.
+// Lists that arrive faster than the delay of a stub do not postpone the stub, neither the first nor a later
+// one.
 TEST_F(ChannelTest, FrequentListsDoNotStarveTheStubs) {
   StartManager();
   Register(kSwitching);
@@ -580,8 +581,8 @@ TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
 }
 
-// A vertical that is called may take its time, or wait for somebody: a list that comes meanwhile is not held
-// up.
+// A vertical's callback may take long or wait for another thread; a list that arrives meanwhile is not
+// delayed.
 TEST_F(ChannelTest, NoLockIsHeldWhileAVerticalIsCalled) {
   StartManager();
   Register(kLldp);
@@ -605,7 +606,7 @@ TEST_F(ChannelTest, NoLockIsHeldWhileAVerticalIsCalled) {
   EXPECT_THAT(TypesSeenBy(kLldp), ElementsAre(kRmqClientRegistrationAck, kRmqClientRegistrationAck));
 }
 
-// Context engine verticals come from a thread of their own, when everything is up already.
+// The context engine registers its verticals late, when the connection is up already.
 TEST_F(ChannelTest, LateVerticalCatchesUp) {
   StartManager();
   proxy_client->Start();
@@ -615,7 +616,7 @@ TEST_F(ChannelTest, LateVerticalCatchesUp) {
   EXPECT_THAT(TypesSeenBy("Context-Health"), ElementsAre(kRmqClientRegistrationAck));
 }
 
-// A name has one client: a second one would take the requests of the first and have none of its calls.
+// A name has one client: a second one would receive the requests of the first without having its calls.
 TEST_F(ChannelTest, SecondRegistrationOfANameIsRefused) {
   StartManager();
   Register(kLldp);

@@ -1,5 +1,5 @@
-// What the proxy tells of the manager's proxies may come in any order, incomplete, and while the connections
-// come and go: after the last whole list the client knows exactly what that list says, and works.
+// The proxy's information may arrive in any order, incomplete, and while the connections come and go: after
+// the last complete list the client has exactly the content of that list, and works.
 
 #include <algorithm>
 #include <cstdint>

@@ -389,7 +389,7 @@ void ZemaApp::Impl::TakePayload(const VerticalRecord& record) {
                                    HeaderBytes(header));
 }
 
-// An edge stores what it is told; others read it there.
+// An edge writes each message to the store, where other processes read it.
 void ZemaApp::Impl::TakeOnEdge(const VerticalRecord& record) {
   const auto store = GetCoveDbHandler();
   if (record.raw.payload == nullptr || store == nullptr) return;
