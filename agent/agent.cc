@@ -14,13 +14,12 @@
 #include <mutex>
 #include <optional>
 
+#include "agent/application_list.h"
+#include "agent/application_table.h"
 #include "agent/build_info.h"
 #include "agent/combined_message.h"
 #include "agent/manager_commands.h"
 #include "agent/start_watchdog.h"
-#include "app/probe/probe.h"
-#include "app/zema/app/zema_app.h"
-#include "app/zema/app/zema_commands.h"
 #include "covedbclient/covedb_client.h"
 #include "framework/cli/builtin_commands.h"
 #include "framework/cli/cli_server.h"
@@ -31,7 +30,7 @@
 #include "framework/node/platform_info.h"
 #include "framework/process/memory_return.h"
 #include "framework/process/shutdown_pipe.h"
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/core/thread_name.h"
 #include "platform/daemonhealth/daemon_health_service.h"
 #include "platform/metrics/metrics.h"
@@ -53,7 +52,6 @@ constexpr LogSource kMpaLog{"mpa-client"};
 
 constexpr const char* kProcessName = "zem-tarvik";
 constexpr const char* kMainThreadName = "tarvik";
-constexpr const char* kZemaThreadName = "Main:zema_st";
 
 constexpr const char* kProxyClientId = "tarvik";
 constexpr const char* kProxyEndpoint = "tcp://127.0.0.1:9004";
@@ -61,7 +59,7 @@ constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
 constexpr const char* kStoreClientId = "tarvik-agent";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
-// Anybody on the host may connect there.
+// Every process of the host may connect to the health service.
 constexpr size_t kHealthConnections = 32;
 constexpr const char* kAgentLink = "/var/run/orlane/zem-agent/zema_link";
 constexpr const char* kGatewayLink = "/var/run/orlane/gw-controller/gw_link";
@@ -76,7 +74,7 @@ constexpr int kTarvikThreads = 4;
 constexpr int kFrameworkThreads = 10;
 constexpr int kProviderThreads = 5;
 
-// Nodes that have a local store.
+// The node types that have a local store.
 constexpr uint32_t kStoreNodes = kNodeQub | kNodeKvm | kNodeBareMetalServer | kNodeBareMetalContainer;
 
 void EnableCoreDumps() {
@@ -88,7 +86,7 @@ void EnableCoreDumps() {
   }
 }
 
-// A peer that closes its socket must not end the process.  Children get the default back.
+// A peer that closes its socket must not end the process.  Child processes get the default disposition.
 void IgnoreBrokenPipes() {
   struct sigaction action {};
   action.sa_handler = SIG_IGN;
@@ -134,17 +132,13 @@ class Agent::Impl {
   void StartStore();
   void StartMemoryReturn();
   void StartHealthService();
-  void StartZema();
-  void StartApplications();
-  void WaitForApplications();
-  bool Enabled(Mode mode) const;
   void Serving();
 
   const Settings settings_;
   std::optional<StartWatchdog> watchdog_;
   bool host_role_ = false;
 
-  // In order of creation; destroyed in the reverse one by Stop.
+  // In order of creation; Stop destroys them in reverse order.
   std::unique_ptr<AsioZemProvider> provider_;
   boost::intrusive_ptr<WorkGroup> tarvik_group_;
   boost::intrusive_ptr<LcpAdapter> lcp_adapter_;
@@ -157,8 +151,7 @@ class Agent::Impl {
   std::shared_ptr<covedb::CoveDbClient> store_client_;
   std::shared_ptr<upm::UPMService> update_service_;
   boost::intrusive_ptr<CliServer> cli_server_;
-  std::unique_ptr<ZemaApp> zema_;
-  std::unique_ptr<Probe> probe_;
+  std::optional<ApplicationList> applications_;
   std::unique_ptr<rpc::Server> health_server_;
 };
 
@@ -181,9 +174,8 @@ int Agent::Impl::Start() {
   }
   StartStore();
   StartHealthService();
-  StartZema();
-  StartApplications();
-  WaitForApplications();
+  applications_->Start();
+  applications_->WaitStarted();
   Serving();
   return 0;
 }
@@ -206,7 +198,7 @@ bool Agent::Impl::LoadConfiguration() {
   return true;
 }
 
-// The provider, the role, and what every node has.
+// Creates the event provider, determines the role, and starts what the role needs first.
 void Agent::Impl::StartFrame() {
   watchdog_->Enter("event provider");
   OptionsTree().put("provider.stop_on_signals", false);
@@ -252,10 +244,12 @@ void Agent::Impl::StartStore() {
   cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
+  applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { watchdog_->Enter(step); });
+  applications_->Create({*provider_, store_client_, lcp_adapter_, cli_server_, update_service_});
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
 }
 
-// On the group's threads, since it may take some milliseconds.
+// Runs on the work group's threads, because it may take some milliseconds.
 void Agent::Impl::StartMemoryReturn() {
   memory_timer_ = provider_->timers().ScheduleRepeated(
       kMemoryReturnPeriod,
@@ -283,47 +277,9 @@ void Agent::Impl::StartHealthService() {
   health_server_ = builder.BuildStarted();
 }
 
-bool Agent::Impl::Enabled(Mode mode) const {
-  uint8_t on = 0;
-  GetMode(mode, &on);
-  return on != 0;
-}
-
-void Agent::Impl::StartZema() {
-  zema_ = std::make_unique<ZemaApp>(*provider_, nullptr, store_client_);
-  cli_server_->AddCommands(ZemaCommands(*zema_));
-  if (!host_role_ || !Enabled(Mode::kZemaApp)) return;
-  watchdog_->Enter("realization");
-  SetThreadName(kZemaThreadName);
-  ZLOG_INFO("Zema Start...");
-  zema_->Start(Enabled(Mode::kOvsDpdk), Enabled(Mode::kOvsDpdkCreateVif), Enabled(Mode::kLacpBonding));
-}
-
-void Agent::Impl::WaitForApplications() {
-  if (!host_role_ || !Enabled(Mode::kZemaApp)) return;
-  watchdog_->Enter("controller list");
-  ZLOG_INFO("Waiting for Controller List app start...");
-  zema_->WaitStarted();
-}
-
-// Applications that this build does not have yet are not started and not announced.
-void Agent::Impl::StartApplications() {
-  if (host_role_) {
-    watchdog_->Enter("command server");
-    ZLOG_INFO("CliServer Start...");
-    cli_server_->Start();
-  }
-  if (const auto options = OptionsTree().get_child_optional("probe")) {
-    probe_ = std::make_unique<Probe>(*provider_, store_client_, lcp_adapter_, *options);
-    probe_->RegisterCommands(cli_server_.get());
-    probe_->Start();
-  }
-  update_service_->Start();
-}
-
 void Agent::Impl::Serving() {
   watchdog_->Enter("proxy client");
-  // Last of all, so that every vertical is registered when the connection comes up.
+  // Started last, so that every vertical is registered when the connection comes up.
   TnProxyClientCommon::getInstance()->Start();
   SetThreadName(kMainThreadName);
   if (settings_.handle_signals) InstallExitHandlers();
@@ -337,12 +293,7 @@ void Agent::Impl::Stop() {
   memory_timer_->Cancel();
   ZLOG_TO(kMpaLog, kLogInfo, "Stopping MPA client event loop thread...");
   if (const auto proxy = TnProxyClientCommon::getInstance()) proxy->Stop();
-  update_service_->Stop();
-  if (host_role_) {
-    cli_server_->Stop();
-  }
-  if (probe_) probe_->Stop();
-  if (host_role_ && Enabled(Mode::kZemaApp)) zema_->Stop(0);
+  applications_->Stop();
   if (host_role_) {
     lcp_adapter_->Stop();
     lcp_adapter_.reset();
@@ -357,8 +308,7 @@ void Agent::Impl::Stop() {
   ZLOG_INFO("ZEM Tarvik stop...");
 
   health_server_.reset();
-  probe_.reset();
-  zema_.reset();
+  applications_.reset();
   cli_server_.reset();
   update_service_.reset();
   wft::WorkflowUtil::Init(nullptr, "");

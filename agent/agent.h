@@ -4,15 +4,15 @@
 
 namespace zem::Tarvik {
 
-/// The process: everything that `main` builds, in one fixed order, and takes down in about the reverse one.
+/// The process: starts everything in one fixed order and stops it in about the reverse order.
 ///
 /// Threads: `Start`, `Serve` and `Stop` by the main thread, in this order; `Interrupt` from any.
 class Agent {
  public:
-  /// What a test changes; the defaults are the product.
+  /// What tests change; the defaults are those of the daemon.
   struct Settings {
     const char* options_path;
-    /// Ends the process on SIGTERM and SIGINT once it serves.
+    /// Whether SIGTERM and SIGINT end the process once it serves.
     bool handle_signals = true;
     Settings();
   };
@@ -22,13 +22,14 @@ class Agent {
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
-  /// 0, or -1 when one of the early phases failed; what failed is told on standard output and in the log.
+  /// Returns 0, or -1 when one of the early phases fails; the reason is written to standard output and
+  /// logged.
   [[nodiscard]] int Start();
 
-  /// Gives the calling thread to the event loop; returns when the loop has been stopped.
+  /// Runs the event loop on the calling thread until it is stopped.
   void Serve();
 
-  /// The orderly stop.  Steps of what was never started are left out.
+  /// Stops in order.  Steps of what was not started are left out.
   void Stop();
 
   /// Makes `Serve` return.

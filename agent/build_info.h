@@ -2,7 +2,7 @@
 
 namespace zem {
 
-/// What this binary was built from.
+/// The version that this binary was built from.
 class BuildInfo {
  public:
   static const char* c_str();

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "framework/log/log.h"
-#include "mpaclient/mpa_client.h"
+#include "mpaclient/client_registry.h"
 #include "proto/sha/sha.pb.h"
 
 namespace zem::Tarvik {
@@ -21,7 +21,7 @@ void BuildCombinedMessage(orlane::zem::sha::AgentsMetricsMsg* message) {
   auto* const data = message->mutable_status_data();
   data->set_status(kUp);
   data->set_health(kUp);
-  const auto clients = MpaClient::All();
+  const auto clients = ClientRegistry::All();
   const bool connected = std::any_of(clients.begin(), clients.end(), [](const auto& client) {
     return client.second->connection_state() == MpaClient::kConnected;
   });

@@ -6,7 +6,7 @@ class AgentsMetricsMsg;
 
 namespace zem::Tarvik {
 
-/// What this process tells the node's health service of itself.  On the health client's thread.
+/// Fills the report of this process for the node's health service.  Called on the health client's thread.
 void BuildCombinedMessage(orlane::zem::sha::AgentsMetricsMsg* message);
 
 }  // namespace zem::Tarvik

@@ -2,7 +2,7 @@
 
 #include "framework/cli/builtin_commands.h"
 #include "framework/log/log.h"
-#include "mpaclient/mpa_client.h"
+#include "mpaclient/client_registry.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -11,7 +11,7 @@ constexpr LogSource kLog{"tarvik", "framework"};
 
 std::vector<MpaClientRow> Rows() {
   std::vector<MpaClientRow> rows;
-  for (const auto& [name, client] : MpaClient::All()) {
+  for (const auto& [name, client] : ClientRegistry::All()) {
     rows.push_back({name, static_cast<int>(client->connection_state()), client->cookie()});
   }
   return rows;

@@ -7,11 +7,11 @@
 
 namespace zem::Tarvik {
 
-/// What operators may ask of the manager channel: "get/mpaclient".
+/// The operators' commands of the manager channel: "get/mpaclient".
 std::vector<CliCommand> ManagerCommands();
 
-/// "agent/stop": the orderly end, where SIGTERM and SIGINT end the process at once.  `stop` makes the event
-/// loop return.
+/// The command "agent/stop", which stops the agent in order; SIGTERM and SIGINT end the process at once.
+/// `stop` makes the event loop return.
 CliCommand StopCommand(std::function<void()> stop);
 
 }  // namespace zem::Tarvik

@@ -8,16 +8,16 @@
 
 namespace zem::Tarvik {
 
-/// Tells, every 30 seconds, which step of the start is taking so long.  A start that hangs is silent
-/// otherwise: no timer of the event loop runs before its last step.
+/// Logs every 30 seconds which step of the start takes so long.  Without it a start that hangs would log
+/// nothing, because no timer of the event loop runs before the last step.
 ///
-/// Threads: one owner.
+/// Threads: all operations by the thread that starts the agent.
 class StartWatchdog {
  public:
   StartWatchdog();
   ~StartWatchdog();
 
-  /// `step` lives as long as the process.
+  /// Notes that the step has begun.  The text lives as long as the process.
   void Enter(const char* step);
 
  private:

@@ -6,8 +6,9 @@
 
 #include "framework/log/log.h"
 #include "mpaclient/host_services.h"
-#include "mpaclient/mpa_client_private.h"
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/mpa_client_app_specific.h"
+#include "mpaclient/mpa_client_private_base.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/provider/provider.h"
 #include "platform/rpc/stub_factory.h"
 #include "platform/rpc/transport.h"
@@ -43,8 +44,8 @@ struct NoHostService {};
 
 }  // namespace
 
-/// The RPC road of one vertical, whose manager-side service is `MpService` and whose own is `HostService`.
-template <class MpService, class HostService>
+/// The manager client of one vertical: it calls the manager's `MpService` and serves `HostService`.
+template <class MpService, class HostService, class AppSpecific>
 class MpaClientPrivate final : public MpaClientPrivateBase {
  public:
   using MpaClientPrivateBase::MpaClientPrivateBase;
@@ -52,10 +53,14 @@ class MpaClientPrivate final : public MpaClientPrivateBase {
  protected:
   void RequestStub(rpc::StubRequest request, StubDone done) override {
     using Stub = typename MpService::Stub;
-    timer_provider().rpc().stubs().template create<Stub>(
+    forwarding_provider().rpc().stubs().template create<Stub>(
         std::move(request), [done = std::move(done)](std::optional<Stub> stub, const rpc::Status& status) {
           done(stub ? std::make_unique<MpStubOf<MpService>>(std::move(*stub)) : nullptr, status);
         });
+  }
+
+  std::shared_ptr<MpaClientAppSpecific> MakeAppSpecific(std::shared_ptr<MpaClient> self) override {
+    return std::make_shared<AppSpecific>(std::move(self));
   }
 
   std::shared_ptr<rpc::ServiceBase> MakeHostService(std::shared_ptr<MpaClientAppSpecific> instance) override {
@@ -69,57 +74,51 @@ class MpaClientPrivate final : public MpaClientPrivateBase {
 
 namespace {
 
-template <class MpService, class HostService>
+template <class MpService, class HostService, class AppSpecific>
 std::shared_ptr<MpaClient> Make(MpaClientArguments arguments, const Vertical& vertical) {
-  return std::make_shared<MpaClientPrivate<MpService, HostService>>(std::move(arguments), vertical);
+  return std::make_shared<MpaClientPrivate<MpService, HostService, AppSpecific>>(std::move(arguments),
+                                                                                 vertical);
 }
 
-template <class AppSpecific>
-std::shared_ptr<MpaClientAppSpecific> MakeSpecific(std::shared_ptr<MpaClient> client) {
-  return std::make_shared<AppSpecific>(std::move(client));
-}
-
+/// Binds a vertical to its two services and its class.
 struct Row {
   VerticalId id;
   std::shared_ptr<MpaClient> (*client)(MpaClientArguments, const Vertical&);
-  std::shared_ptr<MpaClientAppSpecific> (*app_specific)(std::shared_ptr<MpaClient>);
 };
 
 constexpr std::array kRows = {
-    Row{VerticalId::kPacketCapture, &Make<packetcapture::PckCapMpService, PktcapHostService>,
-        &MakeSpecific<MpaClientPktcap>},
-    Row{VerticalId::kTraceflow, &Make<traceflow::TraceflowMpService, TraceflowHostService>,
-        &MakeSpecific<MpaClientTraceflow>},
-    Row{VerticalId::kLldp, &Make<lldp::LldpMpService, LldpHostService>, &MakeSpecific<MpaClientLldp>},
-    Row{VerticalId::kSupportBundle, &Make<support_bundle::BundleMpService, SupportBundleHostService>,
-        &MakeSpecific<MpaClientSupportBundle>},
-    Row{VerticalId::kIda, &Make<ida::IdaMpService, IdaHostService>, &MakeSpecific<MpaClientIda>},
-    Row{VerticalId::kControllerMgmt, &Make<config::CtrlMgmtMpService, CtrlMgmtHostService>,
-        &MakeSpecific<MpaClientControllerMgmt>},
-    Row{VerticalId::kSwitching, &Make<messaging::L2MpService, l2HostService>,
-        &MakeSpecific<MpaClientSwitching>},
-    Row{VerticalId::kAlarmsProvider, &Make<monitoring::CollectorMpService, CollectorHostService>,
-        &MakeSpecific<MpaClientCollector>},
-    Row{VerticalId::kLivetrace, &Make<livetrace::LivetraceMpService, LivetraceHostService>,
-        &MakeSpecific<MpaClientLivetrace>},
-    Row{VerticalId::kIpReputation, &Make<firewall::IpReputationEventNotificationRpc, NoHostService>,
-        &MakeSpecific<MpaClientIpReputation>},
-    Row{VerticalId::kIdfw, &Make<context::idfw::IdfwMpService, IdfwHostService>,
-        &MakeSpecific<MpaClientIdfw>},
-    Row{VerticalId::kContextHealth, &Make<context::OuviMpService, CtxHealthHostService>,
-        &MakeSpecific<MpaClientContextHealth>},
-    Row{VerticalId::kIds, &Make<context::ids::IdsMpService, NoHostService>, &MakeSpecific<MpaClientIds>},
-    Row{VerticalId::kIdsPcap, &Make<context::ids::IdsPcapSecurityDataService, NoHostService>,
-        &MakeSpecific<MpaClientIdsPcap>},
-    Row{VerticalId::kHealthCheck, &Make<healthcheck::HealthCheckMpService, HealthCheckHostService>,
-        &MakeSpecific<MpaClientHealthCheck>},
+    Row{VerticalId::kPacketCapture,
+        &Make<packetcapture::PckCapMpService, PktcapHostService, MpaClientPktcap>},
+    Row{VerticalId::kTraceflow,
+        &Make<traceflow::TraceflowMpService, TraceflowHostService, MpaClientTraceflow>},
+    Row{VerticalId::kLldp, &Make<lldp::LldpMpService, LldpHostService, MpaClientLldp>},
+    Row{VerticalId::kSupportBundle,
+        &Make<support_bundle::BundleMpService, SupportBundleHostService, MpaClientSupportBundle>},
+    Row{VerticalId::kIda, &Make<ida::IdaMpService, IdaHostService, MpaClientIda>},
+    Row{VerticalId::kControllerMgmt,
+        &Make<config::CtrlMgmtMpService, CtrlMgmtHostService, MpaClientControllerMgmt>},
+    Row{VerticalId::kSwitching, &Make<messaging::L2MpService, l2HostService, MpaClientSwitching>},
+    Row{VerticalId::kAlarmsProvider,
+        &Make<monitoring::CollectorMpService, CollectorHostService, MpaClientCollector>},
+    Row{VerticalId::kLivetrace,
+        &Make<livetrace::LivetraceMpService, LivetraceHostService, MpaClientLivetrace>},
+    Row{VerticalId::kIpReputation,
+        &Make<firewall::IpReputationEventNotificationRpc, NoHostService, MpaClientIpReputation>},
+    Row{VerticalId::kIdfw, &Make<context::idfw::IdfwMpService, IdfwHostService, MpaClientIdfw>},
+    Row{VerticalId::kContextHealth,
+        &Make<context::OuviMpService, CtxHealthHostService, MpaClientContextHealth>},
+    Row{VerticalId::kIds, &Make<context::ids::IdsMpService, NoHostService, MpaClientIds>},
+    Row{VerticalId::kIdsPcap,
+        &Make<context::ids::IdsPcapSecurityDataService, NoHostService, MpaClientIdsPcap>},
+    Row{VerticalId::kHealthCheck,
+        &Make<healthcheck::HealthCheckMpService, HealthCheckHostService, MpaClientHealthCheck>},
 };
 static_assert(kRows.size() == static_cast<size_t>(VerticalId::kCount));
 
 }  // namespace
 
 std::shared_ptr<MpaClient> MakeMpaClient(MpaClientArguments arguments) {
-  // The bus carries every vertical alike.
+  // The bus needs no services, so the plain client carries every vertical.
   const Vertical* const vertical =
       arguments.port != MpaClient::kBusPort ? FindVertical(arguments.name) : nullptr;
   if (vertical != nullptr)
@@ -127,14 +126,7 @@ std::shared_ptr<MpaClient> MakeMpaClient(MpaClientArguments arguments) {
   if (arguments.name != "MpaClientTest" && FindVertical(arguments.name) == nullptr) {
     ZLOG_WARN("Unknown app type %s", arguments.name.c_str());
   }
-  return std::make_shared<MpaClient>(arguments.provider, std::move(arguments.callback),
-                                     std::move(arguments.name), std::move(arguments.id),
-                                     arguments.client_type, arguments.port);
-}
-
-std::shared_ptr<MpaClientAppSpecific> MakeAppSpecificInstance(const Vertical& vertical,
-                                                              std::shared_ptr<MpaClient> client) {
-  return kRows[static_cast<size_t>(vertical.id)].app_specific(std::move(client));
+  return std::make_shared<MpaClient>(std::move(arguments));
 }
 
 }  // namespace zem

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "framework/log/log.h"
+#include "mpaclient/unified_layout.h"
 #include "platform/core/uuid.h"
 #include "proto/messaging/appinit.pb.h"
 #include "proto/messaging/messaging.pb.h"
@@ -17,23 +18,13 @@ using orlane::zem::messaging::RawPayloadMsg;
 
 constexpr LogSource kLog{"mpa-client"};
 
-constexpr std::array<std::string_view, 3> kOldNameVerticals = {"INVENTORY_DISCOVERY_APPLICATION",
-                                                               "FileMonitor", "SERVICE_FABRIC_APPLICATION"};
-
 struct Renamed {
   std::string_view now;
   const char* before;
 };
 constexpr std::array kRenamed = {Renamed{"IdaMessage", "IdaMsg"}};
 
-bool UsesOldNames(const std::string& app_type) {
-  for (const std::string_view each : kOldNameVerticals) {
-    if (each == app_type) return true;
-  }
-  return false;
-}
-
-// A random id for a request that came without one; only its text matters.
+// The correlation id of a request that came without one.
 std::string RandomId() { return RandomUuidText(); }
 
 }  // namespace
@@ -45,9 +36,9 @@ MpaClientHostService::~MpaClientHostService() = default;
 
 std::unique_ptr<google::protobuf::Message> MpaClientHostService::GetHostUnifiedMsg(
     const GenericUnifiedMsg& generic, std::string* type_out) const {
-  auto unified = instance_->layout().NewHost();
+  auto unified = instance_->messages().layout().NewHost();
   if (!unified->ParseFromString(generic.payload())) return nullptr;
-  std::string type = instance_->layout().HostType(*unified);
+  std::string type = instance_->messages().layout().HostType(*unified);
   if (!type.empty()) *type_out = std::move(type);
   return unified;
 }
@@ -57,10 +48,10 @@ const google::protobuf::Message* MpaClientHostService::GetRequestMsg(const Messa
     ZLOG_INFO("%s::GetRequestMsg: %s invalid type", vertical_.host_class, host_unified.GetTypeName().c_str());
     return nullptr;
   }
-  const Message* const message = instance_->layout().HostMember(host_unified);
+  const Message* const message = instance_->messages().layout().HostMember(host_unified);
   if (message == nullptr) {
     ZLOG_INFO("%s::GetRequestMsg: %s has empty message", vertical_.host_class,
-              instance_->layout().HostType(host_unified).c_str());
+              instance_->messages().layout().HostType(host_unified).c_str());
   }
   return message;
 }
@@ -102,8 +93,8 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
   std::string type;
   const auto unified = GetHostUnifiedMsg(generic, &type);
   if (!unified) ZLOG_WARN("%s::RpcMsgHandler Unable to get HostUnifiedMsg", vertical_.host_class);
-  // A vertical that has no such member gets the message like any other.
-  if (type != kAppInitConfigType || !instance_->layout().AnswersAppInitConfig()) {
+  // A vertical without the handshake receives the message like any other.
+  if (type != kAppInitConfigType || !instance_->messages().layout().AnswersAppInitConfig()) {
     MpaRpcMsgHandler(context, {generic, unified.get(), type}, handle);
     return;
   }
@@ -115,7 +106,7 @@ void MpaClientHostService::HandleRequest(rpc::ServerContext& context, const Gene
               config->sender().c_str());
   }
   GenericUnifiedMsg answer;
-  if (!instance_->BuildAppInitCfgAckMsg(&answer, true)) {
+  if (!instance_->messages().BuildAppInitCfgAckMsg(&answer, true)) {
     ZLOG_INFO("[%s] %s::RpcMsgHandler Could not serialize %s to string.", vertical_.name,
               vertical_.host_class, vertical_.mp_unified_class);
     return;
@@ -157,16 +148,16 @@ void MpaClientHostService::Receive(rpc::ServerContext& context, const Received& 
               correlation_id.c_str());
     return;
   }
-  // Asked for and added in one step: of two requests with one id only one may get through.
+  // The check and the insertion are one step, so that of two requests with one id only one is accepted.
   if (!publish) {
-    const auto number = client->AddToCallHandleMap(correlation_id, *handle);
+    const auto number = client->calls().AddToCallHandleMap(correlation_id, *handle);
     if (!number) {
       ZLOG_WARN("MpaClientHostService::MsgHandler: [%s] corelationId (%s) already present in call handle map",
                 vertical_.name, correlation_id.c_str());
       return;
     }
     context.SetOnClose([weak = std::weak_ptr(client), correlation_id, number = *number](const rpc::Status&) {
-      if (const auto instance = weak.lock()) instance->CallEnded(correlation_id, number);
+      if (const auto instance = weak.lock()) instance->calls().CallEnded(correlation_id, number);
     });
   }
   client->SendMsgToVertical(record, 0);
@@ -177,11 +168,11 @@ bool MpaClientHostService::BuildRmqClientMessage(const Received& received, const
                                                  BusRecord* record, std::string* app_type_out) const {
   const char* const name = vertical_.name;
   const GenericUnifiedMsg& generic = received.generic;
-  // A secret's content is told by its size.
+  // For a secret message only the size is logged.
   if (ZLOG_WANTS(kLogDebug)) {
     ZLOG_DEBUG("[%s] MpaClientHostService::BuildRmqClientMessage:GenericUnifiedMsg :: %s", name,
-               vertical_.secret ? (std::to_string(generic.payload().size()) + " bytes").c_str()
-                                : generic.ShortDebugString().c_str());
+               vertical_.traits.secret ? (std::to_string(generic.payload().size()) + " bytes").c_str()
+                                       : generic.ShortDebugString().c_str());
   }
   const Message* const unified = received.unified;
   std::string type = received.type;
@@ -191,10 +182,10 @@ bool MpaClientHostService::BuildRmqClientMessage(const Received& received, const
   }
   if (ZLOG_WANTS(kLogDebug)) {
     ZLOG_DEBUG("[%s] MpaClientHostService::BuildRmqClientMessage HostUnifiedMsg :: %s", name,
-               vertical_.secret ? type.c_str() : unified->ShortDebugString().c_str());
+               vertical_.traits.secret ? type.c_str() : unified->ShortDebugString().c_str());
   }
   *app_type_out = GetAppType(*unified);
-  if (UsesOldNames(*app_type_out)) {
+  if (vertical_.traits.old_type_names) {
     std::string old_name = ConvertObjTypeToOldName(type);
     if (!old_name.empty()) {
       ZLOG_INFO("[%s] MpaClientHostService: converted obj_type (%s) -> (%s)", name, type.c_str(),

@@ -22,33 +22,35 @@ class MpaClientHostService {
   explicit MpaClientHostService(std::shared_ptr<MpaClientAppSpecific> instance);
   virtual ~MpaClientHostService();
 
-  /// The vertical's message out of field 1, with its type if it tells one; null when it does not parse.
+  /// Parses the vertical's message from field 1.  Sets `type_out` if the message has a type.  Returns null
+  /// when it does not parse.
   virtual std::unique_ptr<Message> GetHostUnifiedMsg(const GenericUnifiedMsg& generic,
                                                      std::string* type_out) const;
-  /// The member that is set.
+  /// The member that is set; null, after a log line, when there is none.
   virtual const Message* GetRequestMsg(const Message& host_unified) const;
   virtual std::string GetAppType(const Message& host_unified) const;
   virtual std::shared_ptr<MpaClientAppSpecific> GetClient(const std::string& app_id) const;
 
-  /// A publish of the manager; answered at once.
+  /// Handles a publish of the manager, which is answered at once.
   void MpaMsgHandler(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
                      rpc::CallHandle<VoidMsg> handle);
-  /// What the service's request method does: answers an unasked app-init config itself.
+  /// Handles a request of the manager.  An app-init config that the manager sends unasked is answered here.
   void HandleRequest(rpc::ServerContext& context, const GenericUnifiedMsg& generic,
                      rpc::CallHandle<GenericUnifiedMsg> handle);
 
-  /// Empty when the name has no old form.
+  /// Returns the name that the type had before; empty when it always had this one.
   std::string ConvertObjTypeToOldName(const std::string& type_name) const;
 
  private:
-  /// A message as it came, and the vertical's message out of it: parsed once, since it may hold megabytes.
+  /// A message as received, and the vertical's message in it, which is parsed only once because it may hold
+  /// megabytes.
   struct Received {
     const GenericUnifiedMsg& generic;
     const Message* unified;  // null when it does not parse
     const std::string& type;
   };
 
-  /// A request; answered when the vertical does.
+  /// Handles a request that the vertical answers later.
   void MpaRpcMsgHandler(rpc::ServerContext& context, const Received& received,
                         const rpc::CallHandle<GenericUnifiedMsg>& handle);
   bool BuildRmqClientMessage(const Received& received, const rpc::ServerContext& context,

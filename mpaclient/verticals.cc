@@ -3,7 +3,6 @@
 #include <google/protobuf/message.h>
 
 #include <array>
-#include <stdexcept>
 
 #include "proto/config/config_vertical.pb.h"
 #include "proto/context/idfw_vertical.pb.h"
@@ -24,12 +23,9 @@
 namespace zem {
 namespace {
 
-using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
+using std::chrono::microseconds;
 using std::chrono::milliseconds;
-
-constexpr milliseconds kPurge{300000};
-constexpr milliseconds kSwitchingPurge{1800000};
 
 template <class M>
 const Message& Prototype() {
@@ -73,7 +69,7 @@ constexpr std::array kLivetraceTypes = {
     VerticalType{"com.orlane.zem.livetrace.Livetrace.LivetraceMsg", "request", true},
 };
 
-// One message under the three names that are in use for it.
+// Three names are in use for the one message.
 constexpr std::array kIdaTypes = {
     VerticalType{"com.orlane.zem.ida.InventoryDiscoveryMessage.IdaMessage", "ida"},
     VerticalType{"com.orlane.zem.ida.IdaMessage", "ida"},
@@ -97,8 +93,26 @@ constexpr std::array kHealthCheckTypes = {
 
 constexpr std::span<const VerticalType> kRaw{};
 
-constexpr bool kAppInit = true;
-constexpr bool kNoAppInit = false;
+constexpr VerticalTraits kPlain{};
+constexpr VerticalTraits kAppInit{.needs_app_init = true};
+
+constexpr std::array kSwitchingSends = {
+    SentType{"com.orlane.zem.switching.VifMsg", kRmqClientRpcRequest, "vif_msg_rpc_correlation_id"},
+    SentType{"com.orlane.zem.switching.HostConfigMsg", kRmqClientRpcResponse},
+    SentType{"com.orlane.zem.switching.LogicalSwitchBulkMsg", kRmqClientRpcResponse},
+    SentType{"com.orlane.zem.switching.LogicalSwitchMsg", kRmqClientRpcResponse},
+    SentType{"com.orlane.zem.switching.MaintenanceModeConfigResultMsg", kRmqClientRpcResponse},
+    SentType{"com.orlane.zem.switching.HostProfileMsg", kRmqClientRpcResponse},
+    SentType{"com.orlane.zem.switching.TransportNodeHostSwitchesMigrationMsg", kRmqClientRpcResponse},
+    SentType{"com.orlane.zem.switching.VTEPRecoveryResultMsg", kRmqClientRpcResponse},
+    SentType{"com.orlane.zem.switching.VTEPAdminStateMgmtResultMsg", kRmqClientRpcResponse},
+    SentType{"com.orlane.zem.switching.HostConfigAckMsg", kRmqClientRpcRequest, "mp_rpc_correlation_id"},
+    SentType{"com.orlane.zem.switching.TransportNodeEventMsg", kRmqClientRpcRequest, "mp_rpc_correlation_id"},
+    SentType{"com.orlane.zem.switching.ChecksumMsg", kRmqClientRpcRequest, "mp_rpc_correlation_id"},
+};
+
+constexpr std::array kControllerSends = {
+    SentType{"com.orlane.zem.config.MpLcpMsg", kRmqClientRpcRequest, nullptr, "EMPTY"}};
 
 #define ZEM_PROTOTYPES(package, stem) \
   &Prototype<orlane::zem::package::stem##MpUnifiedMsg>, &Prototype<orlane::zem::package::stem##HostUnifiedMsg>
@@ -106,70 +120,71 @@ constexpr bool kNoAppInit = false;
   "MpaClient" client, host, observer, #stem "MpUnifiedMsg", #stem "HostUnifiedMsg"
 
 constexpr std::array kVerticals = {
-    Vertical{VerticalId::kPacketCapture, "PacketCapture",
-             ZEM_CLASSES("Pktcap", "PktcapHostService", "PktcapServiceObserver", PacketCapture), kNoAppInit,
-             false, false, false, kPurge, kRaw, ZEM_PROTOTYPES(packetcapture, PacketCapture)},
-    Vertical{VerticalId::kTraceflow, "Traceflow",
+    Vertical{VerticalId::kPacketCapture, "PacketCapture", "PacketCapture",
+             ZEM_CLASSES("Pktcap", "PktcapHostService", "PktcapServiceObserver", PacketCapture), kPlain, kRaw,
+             ZEM_PROTOTYPES(packetcapture, PacketCapture)},
+    Vertical{VerticalId::kTraceflow, "Traceflow", "Traceflow",
              ZEM_CLASSES("Traceflow", "TraceflowHostService", "TraceflowServiceObserver", Traceflow),
-             kAppInit, false, false, false, kPurge, kTraceflowTypes, ZEM_PROTOTYPES(traceflow, Traceflow)},
-    Vertical{VerticalId::kLldp, "LldpVertical",
-             ZEM_CLASSES("Lldp", "LldpHostService", "LldpServiceObserver", Lldp), kNoAppInit, false, false,
-             false, kPurge, kRaw, ZEM_PROTOTYPES(lldp, Lldp)},
-    Vertical{VerticalId::kSupportBundle, "SupportBundle",
+             kAppInit, kTraceflowTypes, ZEM_PROTOTYPES(traceflow, Traceflow)},
+    Vertical{VerticalId::kLldp, "LldpVertical", "0",
+             ZEM_CLASSES("Lldp", "LldpHostService", "LldpServiceObserver", Lldp), kPlain, kRaw,
+             ZEM_PROTOTYPES(lldp, Lldp)},
+    Vertical{VerticalId::kSupportBundle, "SupportBundle", "unused",
              ZEM_CLASSES("SupportBundle", "SupportBundleHostService", "SupportBundleServiceObserver",
                          SupportBundle),
-             kNoAppInit, false, false, true, kPurge, kRaw, ZEM_PROTOTYPES(support_bundle, SupportBundle)},
-    Vertical{VerticalId::kIda, "INVENTORY_DISCOVERY_APPLICATION",
-             ZEM_CLASSES("Ida", "IdaHostService", "IdaServiceObserver", Ida), kAppInit, false, true, false,
-             kPurge, kIdaTypes, ZEM_PROTOTYPES(ida, Ida)},
-    Vertical{VerticalId::kControllerMgmt, "ControllerMgmtVertical",
+             VerticalTraits{.secret = true, .only_serves = true}, kRaw,
+             ZEM_PROTOTYPES(support_bundle, SupportBundle)},
+    Vertical{VerticalId::kIda, "INVENTORY_DISCOVERY_APPLICATION", "INVENTORY_DISCOVERY_APPLICATION",
+             ZEM_CLASSES("Ida", "IdaHostService", "IdaServiceObserver", Ida),
+             VerticalTraits{.needs_app_init = true, .old_type_names = true}, kIdaTypes,
+             ZEM_PROTOTYPES(ida, Ida)},
+    Vertical{VerticalId::kControllerMgmt, "ControllerMgmtVertical", "unused",
              ZEM_CLASSES("ControllerMgmt", "CtrlMgmtHostService", "CtrlMgmtServiceObserver", CtrlMgmt),
-             kAppInit, false, false, false, kPurge, kControllerTypes, ZEM_PROTOTYPES(config, CtrlMgmt)},
-    Vertical{VerticalId::kSwitching, "SwitchingVertical",
-             ZEM_CLASSES("Switching", "l2HostService", "L2ServiceObserver", Switching), kAppInit, true, false,
-             false, kSwitchingPurge, kSwitchingTypes, ZEM_PROTOTYPES(switching, Switching)},
-    Vertical{VerticalId::kAlarmsProvider, "AlarmsProvider",
-             ZEM_CLASSES("Collector", "CollectorHostService", "CollectorServiceObserver", Collector),
-             kNoAppInit, false, false, false, kPurge, kRaw, ZEM_PROTOTYPES(monitoring, Collector)},
-    Vertical{VerticalId::kLivetrace, "livetrace",
+             kAppInit, kControllerTypes, ZEM_PROTOTYPES(config, CtrlMgmt),
+             VerticalRecords{kControllerSends,
+                             "com.orlane.zem.config.MpLcpMsg",
+                             {"tarvik", "zema"},
+                             "ControllerListAppRxCallback"}},
+    Vertical{VerticalId::kSwitching, "SwitchingVertical", "unused",
+             ZEM_CLASSES("Switching", "l2HostService", "L2ServiceObserver", Switching),
+             VerticalTraits{.needs_app_init = true,
+                            .routing_key_as_aph = true,
+                            .purge_period = milliseconds(1800000),
+                            .bus_retry = microseconds(1000000)},
+             kSwitchingTypes, ZEM_PROTOTYPES(switching, Switching),
+             VerticalRecords{kSwitchingSends,
+                             "com.orlane.zem.customer.ClientRpcRequest",
+                             {"tarvik", "zema"},
+                             "ZemaAppRxCallback"}},
+    Vertical{VerticalId::kAlarmsProvider, "AlarmsProvider", "unused",
+             ZEM_CLASSES("Collector", "CollectorHostService", "CollectorServiceObserver", Collector), kPlain,
+             kRaw, ZEM_PROTOTYPES(monitoring, Collector)},
+    Vertical{VerticalId::kLivetrace, "livetrace", "livetrace",
              ZEM_CLASSES("Livetrace", "LivetraceHostService", "LivetraceServiceObserver", Livetrace),
-             kAppInit, false, false, false, kPurge, kLivetraceTypes, ZEM_PROTOTYPES(livetrace, Livetrace)},
-    Vertical{VerticalId::kIpReputation, "ZEM-IpReputationEventService",
-             ZEM_CLASSES("IpReputation", nullptr, "IpReputationServiceObserver", IpReputation), kNoAppInit,
-             false, false, false, kPurge, kIpReputationTypes, ZEM_PROTOTYPES(firewall, IpReputation)},
-    Vertical{VerticalId::kIdfw, "IDFW-Vertical",
-             ZEM_CLASSES("Idfw", "IdfwHostService", "IdfwServiceObserver", Idfw), kNoAppInit, false, false,
-             false, kPurge, kRaw, ZEM_PROTOTYPES(context::idfw, Idfw)},
-    Vertical{VerticalId::kContextHealth, "Context-Health",
+             kAppInit, kLivetraceTypes, ZEM_PROTOTYPES(livetrace, Livetrace)},
+    Vertical{VerticalId::kIpReputation, "ZEM-IpReputationEventService", "ZEM-IpReputationEventService",
+             ZEM_CLASSES("IpReputation", nullptr, "IpReputationServiceObserver", IpReputation), kPlain,
+             kIpReputationTypes, ZEM_PROTOTYPES(firewall, IpReputation)},
+    Vertical{VerticalId::kIdfw, "IDFW-Vertical", "8888",
+             ZEM_CLASSES("Idfw", "IdfwHostService", "IdfwServiceObserver", Idfw), kPlain, kRaw,
+             ZEM_PROTOTYPES(context::idfw, Idfw)},
+    Vertical{VerticalId::kContextHealth, "Context-Health", "7777",
              ZEM_CLASSES("ContextHealth", "CtxHealthHostService", "OuviServiceObserver", Ouvi), kAppInit,
-             false, false, false, kPurge, kContextHealthTypes, ZEM_PROTOTYPES(context, Ouvi)},
-    Vertical{VerticalId::kIds, "ZEM-IntrusionServices",
-             ZEM_CLASSES("Ids", nullptr, "IdsServiceObserver", Ids), kNoAppInit, false, false, false, kPurge,
-             kRaw, ZEM_PROTOTYPES(context::ids, Ids)},
-    Vertical{VerticalId::kIdsPcap, "ZEM-IdsPcapService",
-             ZEM_CLASSES("IdsPcap", nullptr, "IdsPcapServiceObserver", IdsPcap), kNoAppInit, false, false,
-             false, kPurge, kRaw, ZEM_PROTOTYPES(context::ids, IdsPcap)},
-    Vertical{VerticalId::kHealthCheck, "HealthCheck",
+             kContextHealthTypes, ZEM_PROTOTYPES(context, Ouvi)},
+    Vertical{VerticalId::kIds, "ZEM-IntrusionServices", "1801",
+             ZEM_CLASSES("Ids", nullptr, "IdsServiceObserver", Ids), kPlain, kRaw,
+             ZEM_PROTOTYPES(context::ids, Ids)},
+    Vertical{VerticalId::kIdsPcap, "ZEM-IdsPcapService", "1802",
+             ZEM_CLASSES("IdsPcap", nullptr, "IdsPcapServiceObserver", IdsPcap), kPlain, kRaw,
+             ZEM_PROTOTYPES(context::ids, IdsPcap)},
+    Vertical{VerticalId::kHealthCheck, "HealthCheck", "HealthCheck",
              ZEM_CLASSES("HealthCheck", "HealthCheckHostService", "HealthCheckServiceObserver", HealthCheck),
-             kAppInit, false, false, false, kPurge, kHealthCheckTypes,
-             ZEM_PROTOTYPES(healthcheck, HealthCheck)},
+             kAppInit, kHealthCheckTypes, ZEM_PROTOTYPES(healthcheck, HealthCheck)},
 };
 static_assert(kVerticals.size() == static_cast<size_t>(VerticalId::kCount));
 
 #undef ZEM_PROTOTYPES
 #undef ZEM_CLASSES
-
-const FieldDescriptor* Optional(const Message& prototype, const char* name) {
-  return prototype.GetDescriptor()->FindFieldByName(name);
-}
-
-const FieldDescriptor* Required(const Message& prototype, const char* name) {
-  const FieldDescriptor* field = Optional(prototype, name);
-  if (field == nullptr) {
-    throw std::logic_error("no member " + std::string(name) + " in " + prototype.GetTypeName());
-  }
-  return field;
-}
 
 }  // namespace
 
@@ -182,80 +197,6 @@ const Vertical* FindVertical(std::string_view name) {
 
 const Vertical& GetVertical(VerticalId id) { return kVerticals[static_cast<size_t>(id)]; }
 
-const UnifiedLayout& UnifiedLayout::Of(const Vertical& vertical) {
-  static const auto layouts = [] {
-    std::vector<UnifiedLayout> all;
-    all.reserve(kVerticals.size());
-    for (const Vertical& each : kVerticals) all.emplace_back(each);
-    return all;
-  }();
-  return layouts[static_cast<size_t>(vertical.id)];
-}
-
-UnifiedLayout::UnifiedLayout(const Vertical& vertical) : vertical_(vertical) {
-  const Message& mp = vertical.mp_prototype();
-  const Message& host = vertical.host_prototype();
-  mp_type_ = Required(mp, "type");
-  host_type_ = Required(host, "type");
-  // One vertical that does no handshake can carry the message all the same.
-  mp_app_init_ = vertical.needs_app_init ? Required(mp, "app_init") : Optional(mp, "app_init");
-  mp_app_init_config_ack_ = vertical.needs_app_init ? Required(mp, "app_init_config_ack") : nullptr;
-  host_app_init_config_ = vertical.needs_app_init ? Required(host, "app_init_config") : nullptr;
-  mp_raw_ = vertical.types.empty() ? Required(mp, "raw_payload") : nullptr;
-  host_raw_ = vertical.types.empty() ? Required(host, "raw_payload") : nullptr;
-  for (const VerticalType& type : vertical.types) {
-    members_.push_back({type.type_name, type.inbound_only ? nullptr : Required(mp, type.member),
-                        Required(host, type.member)});
-  }
-}
-
-std::unique_ptr<Message> UnifiedLayout::NewMp(const std::string& type_name) const {
-  std::unique_ptr<Message> unified(vertical_.mp_prototype().New());
-  unified->GetReflection()->SetString(unified.get(), mp_type_, type_name);
-  return unified;
-}
-
-std::unique_ptr<Message> UnifiedLayout::NewHost() const {
-  return std::unique_ptr<Message>(vertical_.host_prototype().New());
-}
-
-Message* UnifiedLayout::MutableMpMember(Message* unified, std::string_view type_name) const {
-  const FieldDescriptor* field = mp_raw_;
-  if (field != nullptr) {
-    // Whatever it is, it goes as bytes.
-  } else if (type_name == kAppInitType) {
-    field = mp_app_init_;
-  } else if (type_name == kAppInitConfigAckType) {
-    field = mp_app_init_config_ack_;
-  } else {
-    for (const Member& member : members_) {
-      if (member.type_name == type_name) field = member.mp;
-    }
-  }
-  return field != nullptr ? unified->GetReflection()->MutableMessage(unified, field) : nullptr;
-}
-
-const Message* UnifiedLayout::HostMember(const Message& unified) const {
-  const auto* reflection = unified.GetReflection();
-  if (const Message* config = HostAppInitConfig(unified)) return config;
-  if (host_raw_ != nullptr) {
-    return reflection->HasField(unified, host_raw_) ? &reflection->GetMessage(unified, host_raw_) : nullptr;
-  }
-  for (const Member& member : members_) {
-    if (reflection->HasField(unified, member.host)) return &reflection->GetMessage(unified, member.host);
-  }
-  return nullptr;
-}
-
-const Message* UnifiedLayout::HostAppInitConfig(const Message& unified) const {
-  if (host_app_init_config_ == nullptr) return nullptr;
-  const auto* reflection = unified.GetReflection();
-  if (!reflection->HasField(unified, host_app_init_config_)) return nullptr;
-  return &reflection->GetMessage(unified, host_app_init_config_);
-}
-
-std::string UnifiedLayout::HostType(const Message& unified) const {
-  return unified.GetReflection()->GetString(unified, host_type_);
-}
+std::span<const Vertical> AllVerticals() { return kVerticals; }
 
 }  // namespace zem

@@ -26,7 +26,7 @@ using X509Ptr = std::unique_ptr<X509, Free<X509_free>>;
 std::optional<Certificate> Parse(std::string_view pem) {
   const Bio source(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   const X509Ptr parsed(source ? PEM_read_bio_X509(source.get(), nullptr, nullptr, nullptr) : nullptr);
-  // The queue of errors is the thread's, and others look at it.
+  // The error queue belongs to the thread; other users of the library would find the entries.
   ERR_clear_error();
   if (!parsed) return std::nullopt;
   unsigned char* bytes = nullptr;

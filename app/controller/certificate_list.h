@@ -7,18 +7,18 @@
 
 namespace zem::controller {
 
-/// One X.509 certificate.  Two are equal when their encodings are, whatever their texts looked like.
+/// One X.509 certificate.  Two certificates are equal when their DER encodings are.
 struct Certificate {
   std::string der;
 
   bool operator==(const Certificate&) const = default;
 };
 
-/// The certificates of a PEM text, one after another; blanks and the kind of newline do not matter.  Nothing
-/// when there is none, when one does not parse, or when anything but blanks follows the last.
+/// Splits a PEM text into its certificates; blanks and the kind of newline do not matter.  Returns nothing
+/// when there is no certificate, when one does not parse, or when anything but blanks follows the last.
 std::optional<std::vector<Certificate>> SplitCertificates(std::string_view pem);
 
-/// Their PEM text; empty for none.
+/// The PEM text of the certificates; empty for an empty list.
 std::string PemText(const std::vector<Certificate>& certificates);
 
 }  // namespace zem::controller

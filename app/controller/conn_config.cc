@@ -28,7 +28,7 @@ constexpr PortMember kPorts[] = {{"port", &ConnConfig::port}, {"portV6", &ConnCo
 constexpr const char* kSslEnabled = "sslEnabled";
 constexpr const char* kPemKey = "pemKey";
 
-// People break lines in the file.
+// The file may be edited by hand, with line breaks inside a value.
 std::string Trimmed(const std::string& text) {
   constexpr const char* kBlanks = " \t\r\n";
   const size_t begin = text.find_first_not_of(kBlanks);

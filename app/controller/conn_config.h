@@ -13,7 +13,7 @@ class ControllerInfoMsg;
 
 namespace zem::controller {
 
-/// One controller.  An empty text and a port of 0 are absent.
+/// One controller.  An empty text or a port of 0 is an absent member.
 struct ConnConfig {
   std::string uuid;
   std::string ipv4;
@@ -25,15 +25,16 @@ struct ConnConfig {
   std::string version;
   std::vector<Certificate> certificates;
   bool ssl_enabled = false;
-  /// The last message has it.
+  /// Whether the last message contains the controller.
   bool seen = false;
-  /// The connection id, -1 without; no part of what makes two controllers equal.
+  /// The connection id, -1 when there is none.  Not compared.
   int id = -1;
 
-  /// The version and what the agent notes beside do not count.
+  /// Compares all members except `version`, `seen` and `id`.
   bool operator==(const ConnConfig& other) const;
 
-  /// Whether both speak of the same controller: by uuid where this has one, else by the two addresses.
+  /// Whether both describe the same controller: compares the uuid if this one has it, otherwise both
+  /// addresses.
   bool SameController(const ConnConfig& other) const;
 
   std::string ToString() const;
@@ -41,12 +42,12 @@ struct ConnConfig {
   /// Adds the members that have a value, and the id as attribute.
   void WriteTo(boost::property_tree::ptree* element) const;
 
-  /// Takes what the element has; members that make no sense count as absent.  False when the certificates do
-  /// not parse: there are none then.
+  /// Reads the members that the element has; invalid members count as absent.  Returns false, without
+  /// certificates, when these do not parse.
   bool ReadFrom(const boost::property_tree::ptree& element);
 };
 
-/// "2.3.1.4.text.5678" with what is absent left out.
+/// The version as "2.3.1.4.text.5678"; absent parts are left out.
 std::string VersionText(const orlane::zem::config::ControllerInfoMsg& controller);
 
 }  // namespace zem::controller

@@ -14,7 +14,7 @@ class HostIdentity;
 
 namespace zem::controller {
 
-/// What the tasks of the controllers' worker stand on.
+/// What the tasks of the controllers' worker use.
 struct ControllerContext {
   ControllerContext(ControllerFile::Settings file_settings, HostIdentity& the_host,
                     std::function<void(std::unique_ptr<Runnable>)> add)

@@ -30,7 +30,7 @@ constexpr const char* kEncoding = "utf-8";
 constexpr const char* kRoot = "config";
 constexpr Duration kLockPause = std::chrono::milliseconds(50);
 
-// The reader below calls itself for each level.
+// The XML reader is recursive, so deep nesting would exhaust the stack.
 bool IsTooDeep(const std::string& text) {
   int depth = 0;
   for (size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at + 1)) {
@@ -71,7 +71,7 @@ UniqueFd ControllerFile::Lock(bool* missing) const {
       return {};
     }
     if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
-      // Whoever held it may have put another file in the place of this one.
+      // The previous holder may have replaced the file that was opened here.
       struct stat locked {};
       struct stat named {};
       if (::fstat(fd.get(), &locked) == 0 && ::stat(path().c_str(), &named) == 0 &&
@@ -96,32 +96,25 @@ ControllerFile::Read ControllerFile::Load(pt::ptree* tree, std::string* error) c
     if (code == ENOENT) return Read::kMissing;
     return code == EFBIG ? Read::kForeign : Read::kUnreadable;
   }
-  if (std::string reason; !Parse(text, tree, &reason)) {
-    *error = path() + ": " + reason;
+  if (const Outcome parsed = Parse(text, tree); !parsed) {
+    *error = path() + ": " + parsed.error();
     return Read::kForeign;
   }
   return Read::kDone;
 }
 
-bool ControllerFile::Parse(const std::string& text, pt::ptree* tree, std::string* error) {
-  if (IsTooDeep(text)) {
-    *error = "nested too deeply";
-    return false;
-  }
+Outcome ControllerFile::Parse(const std::string& text, pt::ptree* tree) {
+  if (IsTooDeep(text)) return Outcome::Failed("nested too deeply");
   pt::ptree parsed;
   try {
     std::istringstream in(text);
     pt::read_xml(in, parsed);
   } catch (const pt::ptree_error& e) {
-    *error = e.what();
-    return false;
+    return Outcome::Failed(e.what());
   }
-  if (parsed.count(kRoot) != 1) {
-    *error = "no single element \"config\"";
-    return false;
-  }
+  if (parsed.count(kRoot) != 1) return Outcome::Failed("no single element \"config\"");
   *tree = std::move(parsed);
-  return true;
+  return Outcome::Done();
 }
 
 bool ControllerFile::Write(const pt::ptree& tree) const {
@@ -158,7 +151,7 @@ void ControllerFile::Examine() const {
 
 void ControllerFile::SetAside() const {
   const std::string aside = path() + ".rejected";
-  // A second name, so that the first is never without a file.
+  // A second link, so that the path always has a file.
   if ((::unlink(aside.c_str()) != 0 && errno != ENOENT) || ::link(path().c_str(), aside.c_str()) != 0) {
     ZLOG_WARN("[%s] cannot keep %s: %s", __func__, aside.c_str(), Tarvik::Util::GetErrMsg(errno).c_str());
     return;

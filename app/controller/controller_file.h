@@ -5,59 +5,63 @@
 #include <mutex>
 #include <string>
 
+#include "framework/tasks/outcome.h"
 #include "platform/core/clock.h"
 #include "platform/core/unique_fd.h"
 
 namespace zem::controller {
 
-/// The file with the controllers, and the way to tell the proxy process that it has changed.
+/// The file with the list of controllers, and the command that makes the proxy process read it again.
 ///
-/// Other programs of the host may write it too, so whoever reads it to change it holds the lock until then.
+/// Other programs of the host may write the file too, so whoever reads it in order to change it holds the
+/// lock from the read to the write.
 ///
-/// Threads: the flag from any thread, the rest the controllers' worker's.
+/// Threads: IsTnUuidSaved and SetTnUuidSaved from any thread, the rest from the controllers' worker.
 class ControllerFile {
  public:
   struct Settings {
     std::string path = "/etc/orlane/zem/controller-info.xml";
-    /// The path follows it.
+    /// The path of the file is appended to it.
     std::string reload_command =
         "/opt/orlane/zem-cli/bin/zem-appctl -t /var/run/orlane/zem-proxy/zem-proxy-cli "
         "controller-info/reload";
-    /// False when the daemon stops before the time is over.
+    /// Waits; returns false when the daemon stops before the time is over.
     std::function<bool(Duration)> wait;
   };
 
   explicit ControllerFile(Settings settings);
 
-  /// The lock lives with what is returned; nothing, with a line, when it cannot be had.  Waits for another
-  /// holder until the daemon stops.  A file that is not there has no lock: `*missing` then.
+  /// Locks the file until the returned descriptor is closed.  Waits for another holder until the daemon
+  /// stops. Returns no descriptor, after a log line, when the file cannot be locked; when the file does not
+  /// exist,
+  /// `*missing` is set as well.
   [[nodiscard]] UniqueFd Lock(bool* missing) const;
 
   enum class Read {
     kDone,
     kMissing,     // there is no file
-    kForeign,     // torn, or not a file of controllers
-    kUnreadable,  // nothing is known of it
+    kForeign,     // incomplete, or not a file of controllers
+    kUnreadable,  // the file cannot be read, so nothing is known of its content
   };
-  /// Comments and whitespace are kept.  `tree` is changed with kDone only; else `error` says why.
+  /// Reads the file with its comments and whitespace.  `tree` changes only with kDone; otherwise `error` is
+  /// set.
   [[nodiscard]] Read Load(boost::property_tree::ptree* tree, std::string* error) const;
 
-  /// The same for the content of a file.
-  [[nodiscard]] static bool Parse(const std::string& text, boost::property_tree::ptree* tree,
-                                  std::string* error);
+  /// Reads the content of a file; `tree` changes only if that succeeds.
+  static Outcome Parse(const std::string& text, boost::property_tree::ptree* tree);
 
-  /// Replaces the file as a whole, or leaves it as it was and tells why.
+  /// Replaces the file as a whole.  When that fails, the file is unchanged and the reason is logged.
   [[nodiscard]] bool Write(const boost::property_tree::ptree& tree) const;
 
-  /// Puts a file that nobody can read out of the way, for people to look at.
+  /// Renames a file that cannot be parsed, so that an operator can examine it.
   void SetAside() const;
 
-  /// Tells the proxy process to read the file.  0 when it did.
+  /// Makes the proxy process read the file.  Returns the result code of the reload command, 0 for success.
   [[nodiscard]] int Reload(std::string* reply) const;
 
   const std::string& path() const { return settings_.path; }
 
-  /// Whether this transport node id stands in the file and the proxy process knows.
+  /// Whether the file has this transport node id and the proxy process has read it.
   bool IsTnUuidSaved(const std::string& id) const;
   void SetTnUuidSaved(const std::string& id);
 

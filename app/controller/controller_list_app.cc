@@ -3,9 +3,6 @@
 #include "app/controller/controller_context.h"
 #include "app/controller/controller_list_handler_task.h"
 #include "framework/log/log.h"
-#include "mpaclient/bus/bus_record.h"
-#include "mpaclient/mpa_client.h"
-#include "platform/core/uuid.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -14,23 +11,24 @@ namespace config = orlane::zem::config;
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-constexpr const char* kVertical = "ControllerMgmtVertical";
-constexpr const char* kSecondName = "unused";
-constexpr uint32_t kVersionField = 1;
-constexpr uint16_t kTypeCode = 9002;
-constexpr uint64_t kTimeoutUs = 30'000'000;
-constexpr uint64_t kIntervalUs = 5'000'000;
 constexpr const char* kListType = "com.orlane.zem.config.MpLcpMsg";
-constexpr const char* kNoCorrelation = "EMPTY";
 
 }  // namespace
 
 ControllerListApp::ControllerListApp(AsioZemProvider& provider, Settings settings)
-    : provider_(provider), settings_(std::move(settings)) {}
+    : settings_(std::move(settings)),
+      vertical_(provider, GetVertical(VerticalId::kControllerMgmt),
+                {.payload = [this](const VerticalRecord& record) { TakePayload(record); },
+                 .opened = [this](uint32_t, uint32_t) { RequestControllerList(""); },
+                 .closed = nullptr,
+                 .intercept =
+                     [](const VerticalRecord& record) {
+                       ZLOG_INFO("[%s] Received Message from manager, message type [%d]\n",
+                                 "ControllerListAppRxCallback", record.type());
+                       return false;
+                     }}) {}
 
 ControllerListApp::~ControllerListApp() = default;
-
-std::shared_ptr<MpaClient> ControllerListApp::client() const { return MpaClient::Get(kVertical); }
 
 void ControllerListApp::Start() {
   if (!settings_.enabled()) {
@@ -38,18 +36,10 @@ void ControllerListApp::Start() {
     return;
   }
   ZLOG_INFO("[%s] Starting ControllerListApp...", __func__);
-  MpaClient::Register(
-      provider_, [this](rmqClientMessage* message) { ControllerListAppRxCallback(*message); }, kVertical,
-      kSecondName, kVersionField, kTypeCode, kTimeoutUs, kIntervalUs);
-  if (const auto stub = client()) stub->Start(nullptr);
+  vertical_.Start();
 }
 
-void ControllerListApp::Stop() {
-  const auto stub = client();
-  if (stub == nullptr) return;
-  stub->Stop();
-  MpaClient::Unregister(kVertical);
-}
+void ControllerListApp::Stop() { vertical_.Stop(); }
 
 bool ControllerListApp::RequestControllerList(const std::string& correlation_id) {
   config::MpLcpMsg request;
@@ -61,34 +51,11 @@ bool ControllerListApp::RequestControllerList(const std::string& correlation_id)
   return true;
 }
 
-bool ControllerListApp::SendMsg(const std::string& type, std::string_view data,
-                                const std::string& correlation_id, std::string* message_id) {
-  const auto stub = client();
-  if (stub == nullptr || !stub->IsConnected()) {
-    ZLOG_ERROR("41518", "[%s] Not connected to MPA, dropped message to MPA\n", __func__);
-    return false;
-  }
-  if (type != kListType) {
-    ZLOG_ERROR("00104", "[%s] Unsupported message type %s to MPA\n", __func__, type.c_str());
-    return false;
-  }
-  BusHeader header;
-  header.type_id = type;
-  header.msg_class = kListType;
-  header.message_id = RandomUuidText();
-  header.correlation_id = correlation_id.empty() ? kNoCorrelation : correlation_id;
-  BusRecord record(kRmqClientRpcRequest);
-  record.SetApp(kVertical, kSecondName)
-      .SetCookie(stub->cookie())
-      .SetHeader(header)
-      .SetContentType(kProtobufContent)
-      .SetPayload(std::string(data));
-  rmqClientMessage message = record.message();
-  if (stub->SendMessage(&message) != 0) {
-    ZLOG_ERROR("00103", "[%s] failed to send message (type:%s) to mpa\n", __func__, type.c_str());
-    return false;
-  }
-  *message_id = header.message_id;
+bool ControllerListApp::SendMsg(const std::string& type, std::string data, const std::string& correlation_id,
+                                std::string* message_id) {
+  auto sent = vertical_.Send(type, std::move(data), correlation_id, "");
+  if (!sent) return false;
+  *message_id = std::move(*sent);
   ZLOG_INFO("[%s] sent a message (id:[%s] type:[%s]) to mpa\n", __func__, message_id->c_str(), type.c_str());
   return true;
 }
@@ -97,49 +64,11 @@ void ControllerListApp::UpdateTnUuidInFile(const std::string& id) {
   controller::UpdateTnUuidInFile(settings_.context, id);
 }
 
-void ControllerListApp::ControllerListAppRxCallback(const rmqClientMessage& message) {
-  ZLOG_INFO("[%s] Received Message from manager, message type [%d]\n", __func__, message.msg_type);
-  switch (message.msg_type) {
-    case kRmqClientClose: {
-      const auto stub = client();
-      const int32_t cookie = stub ? stub->cookie() : -1;
-      if (message.cookie == cookie) {
-        ZLOG_INFO("[%s] Got CLIENT CLOSE Message for cookie:[%d], disconnected from MPA\n", __func__, cookie);
-      } else {
-        ZLOG_ERROR("41516", "[%s] Message's cookieId [%d] does not match with [%d], ignored\n", __func__,
-                   message.cookie, cookie);
-      }
-      return;
-    }
-    case kRmqClientRegistrationAck:
-      ZLOG_INFO(
-          "Received client registration ACK from MPA, sending/receiving messages is enabled using cookie "
-          "[%d]",
-          message.cookie);
-      RequestControllerList("");
-      return;
-    case kRmqClientPayload:
-    case kRmqMpRpcRequest:
-    case kRmqMpRpcResponse:
-    case kRmqClientRpcResponse:
-    case kRmqMpPublish: {
-      settings_.payload_seen(message);
-      const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
-      ProcessReceiveMessages(header.session_id + ":" + header.message_id, header.type_id,
-                             {reinterpret_cast<const char*>(message.payload),
-                              message.payload == nullptr ? 0 : message.payload_len},
-                             header.correlation_id, header.reply_to);
-      return;
-    }
-    default: {
-      std::string name = BusMessageTypeName(message.msg_type);
-      if (name.rfind("UNKNOWN", 0) == 0) name += " " + std::to_string(message.msg_type);
-      ZLOG_ERROR("41520",
-                 "[%s] Unrecognized RMQ messageType [%s] from MPA. Disconnect from mpa due to unrecognized "
-                 "message, cookieId [%d]",
-                 __func__, name.c_str(), message.cookie);
-    }
-  }
+void ControllerListApp::TakePayload(const VerticalRecord& record) {
+  settings_.payload_seen(record);
+  const BusHeader& header = record.header;
+  ProcessReceiveMessages(header.session_id + ":" + header.message_id, header.type_id, record.payload(),
+                         header.correlation_id, header.reply_to);
 }
 
 void ControllerListApp::ProcessReceiveMessages(const std::string& key, const std::string& type,

@@ -5,11 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/busclient/rmqclient.h"
+#include "mpaclient/vertical/vertical_client.h"
 
 namespace zem {
-class AsioZemProvider;
-class MpaClient;
 namespace controller {
 struct ControllerContext;
 }
@@ -27,38 +25,38 @@ class ControllerListApp {
     /// `zema.controller-info`.
     std::function<bool()> enabled;
     std::shared_ptr<controller::ControllerContext> context;
-    /// Sees each payload before it is taken.
-    std::function<void(const rmqClientMessage&)> payload_seen = [](const rmqClientMessage&) {};
+    /// Called with each payload before it is processed.
+    std::function<void(const VerticalRecord&)> payload_seen = [](const VerticalRecord&) {};
   };
 
   ControllerListApp(AsioZemProvider& provider, Settings settings);
   ~ControllerListApp();
 
-  /// Does nothing but a line when the option does not want it.
+  /// Does nothing, after a log line, when the option is off.
   void Start();
-  /// No message is taken any more when this returns.
+  /// No message is processed any more when this returns.
   void Stop();
 
   /// `correlation_id` may be empty.
   bool RequestControllerList(const std::string& correlation_id);
 
-  /// False, with a line, when the manager is not there or the type is not this vertical's.
-  bool SendMsg(const std::string& type, std::string_view data, const std::string& correlation_id,
+  /// Sends a message of this vertical.  Returns false, after a log line, when it was not sent.
+  bool SendMsg(const std::string& type, std::string data, const std::string& correlation_id,
                std::string* message_id);
 
-  /// The transport node has an id.
+  /// Writes the transport node's id into the controllers' file.
   void UpdateTnUuidInFile(const std::string& id);
 
-  /// `key` names the message in the log.
+  /// Makes a task of a controller list; other payloads are logged and dropped.  `key` names the message in
+  /// the log.
   void ProcessReceiveMessages(const std::string& key, const std::string& type, std::string_view payload,
                               const std::string& correlation_id, const std::string& reply_to);
 
  private:
-  void ControllerListAppRxCallback(const rmqClientMessage& message);
-  std::shared_ptr<MpaClient> client() const;
+  void TakePayload(const VerticalRecord& record);
 
-  AsioZemProvider& provider_;
   const Settings settings_;
+  VerticalClient vertical_;
 };
 
 }  // namespace zem::Tarvik

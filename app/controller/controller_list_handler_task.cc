@@ -26,7 +26,7 @@ constexpr const char* kConnection = "connection";
 constexpr const char* kTransportNode = "config.transportNode";
 constexpr const char* kUuid = "UUID";
 
-// The file's writer escapes what XML has signs for; control characters have none.
+// The XML writer escapes the characters that XML reserves; control characters cannot be escaped.
 bool IsPlain(const std::string& text) {
   return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; });
 }
@@ -66,7 +66,7 @@ void ControllerListHandlerTask::HandleControllerInfo() {
   SetThreadName(kLoadThread);
   ZLOG_INFO("[%s] Locking controller-info file", __func__);
   bool missing = false;
-  // Until the end: what is written must be what was read, and the list, and nothing else.
+  // Held until the end, so that only the list is added to what was read.
   const UniqueFd lock = context_->file.Lock(&missing);
   if (!lock && !missing) return;
   if (!LoadControllerInfoFile()) return;
@@ -92,7 +92,7 @@ bool ControllerListHandlerTask::LoadControllerInfoFile() {
   const ControllerFile::Read read = context_->file.Load(tree_.get(), &error);
   if (read != ControllerFile::Read::kDone) {
     ZLOG_ERROR("44081", "[%s] Failed to load controller xml file : %s.", __func__, error.c_str());
-    // The list is the manager's: it makes a file that is lost or torn anew.
+    // The manager sends the whole list, so a missing or incomplete file is written anew.
     if (read == ControllerFile::Read::kUnreadable) return false;
     torn_ = read == ControllerFile::Read::kForeign;
     if (torn_) context_->file.SetAside();
@@ -163,7 +163,7 @@ bool ControllerListHandlerTask::ProcessController(const config::ControllerInfoMs
   return true;
 }
 
-// A controller may be in the list as the file has it and again as this message told it before.
+// A controller may be in the list twice: as read from the file, and from an earlier entry of this message.
 void ControllerListHandlerTask::MergeConnection(ConnConfig config) {
   const int way = config.uuid.empty() ? 2 : 1;
   const auto same = std::find_if(connections_.begin(), connections_.end(), [&](const ConnConfig& entry) {
@@ -255,7 +255,7 @@ void ControllerListHandlerTask::UpdateControllerInfo(bool cleanup) {
   FlushControllerInfoFile(cleanup);
 }
 
-// The proxy cannot read what is there.  The node's id was part of it.
+// The proxy cannot read the present file, and the transport node's id in it is lost.
 void ControllerListHandlerTask::ReplaceTornFile() {
   ConnectionList();
   FlushControllerInfoFile(true);
@@ -263,7 +263,7 @@ void ControllerListHandlerTask::ReplaceTornFile() {
   if (const auto id = context_->host.id()) UpdateTnUuidInFile(context_, *id);
 }
 
-// Empty when nobody knows it.
+// Empty when the id is unknown.
 std::string ControllerListHandlerTask::TransportNodeId() const {
   if (message_.update().has_transport_node_id()) return UuidText(message_.update().transport_node_id());
   std::string id;

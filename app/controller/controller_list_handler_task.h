@@ -15,8 +15,8 @@ struct ControllerContext;
 
 /// Merges one list of the manager into the controllers' file and has the proxy process read it.
 ///
-/// The list counts as a whole: with one bad entry in it nothing of it happens.  The file's tree and its
-/// entries live as long as the task, so that nothing of a refused list is left for the next.
+/// A list with one bad entry is refused as a whole.  The tree of the file and its entries belong to the task,
+/// so a refused list leaves nothing behind for the next.
 class ControllerListHandlerTask final : public MpaMessageTask<void, orlane::zem::config::MpLcpMsg> {
  public:
   using ConnConfig = controller::ConnConfig;
@@ -45,7 +45,7 @@ class ControllerListHandlerTask final : public MpaMessageTask<void, orlane::zem:
   const std::unique_ptr<boost::property_tree::ptree> tree_;
   std::list<ConnConfig> connections_;
   int next_id_ = 1;
-  bool torn_ = false;  // the file as it was found
+  bool torn_ = false;  // the file could not be parsed
 };
 
 }  // namespace zem::controller

@@ -46,9 +46,9 @@ bool UpdateTnUuidTask::Update() {
   std::string error;
   if (const auto read = file.Load(&tree, &error); read != ControllerFile::Read::kDone) {
     ZLOG_ERROR("44081", "[%s] Failed to open controller xml file : %s.", "Run", error.c_str());
-    // The next list makes a missing file, and puts the id into it.
+    // The next list of controllers creates a missing file and writes the id into it.
     if (read == ControllerFile::Read::kMissing) return true;
-    // A file that nobody can read has no controllers for the proxy either.
+    // The proxy cannot parse the file either, so setting it aside loses no controllers.
     if (read != ControllerFile::Read::kForeign) return false;
     file.SetAside();
   }
@@ -71,7 +71,7 @@ void UpdateTnUuidTask::TryLater() {
       [weak = std::weak_ptr<ControllerContext>(context_), id = id_,
        next = std::min<Duration>(2 * next_delay_, kLongestDelay)]() -> std::unique_ptr<Runnable> {
         const auto live = weak.lock();
-        // The host has another id by now, or none.
+        // The host has another id now, or none.
         if (!live || live->host.id() != id) return nullptr;
         return std::make_unique<UpdateTnUuidTask>(live, id, next);
       });

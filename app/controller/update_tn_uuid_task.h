@@ -10,8 +10,8 @@ namespace zem::controller {
 
 struct ControllerContext;
 
-/// Puts the transport node id into the controllers' file and has the proxy process read it.  What fails is
-/// tried again later, with growing delays, as long as the host has this id.
+/// Writes the transport node id into the controllers' file and makes the proxy process read it.  A failure is
+/// retried with growing delays as long as the host has this id.
 class UpdateTnUuidTask final : public Runnable {
  public:
   UpdateTnUuidTask(std::shared_ptr<ControllerContext> context, std::string id,

@@ -5,15 +5,16 @@
 #include <boost/property_tree/ptree.hpp>
 #include <charconv>
 #include <cinttypes>
+#include <map>
 #include <optional>
 
 #include "covedbclient/covedb_client_interface.h"
 #include "covedbclient/statements.h"
-#include "framework/cli/cli_server.h"
 #include "framework/dataplane/lcp_adapter.h"
 #include "framework/log/log.h"
+#include "framework/tasks/outcome.h"
 #include "mpaclient/bus/bus_record.h"
-#include "mpaclient/mpa_client.h"
+#include "mpaclient/vertical/vertical_client.h"
 #include "platform/core/uuid.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/lcp/lcp.pb.h"
@@ -27,11 +28,6 @@ using orlane::zem::covedb::ObjectType;
 constexpr LogSource kLog{"tarvik", "probe"};
 
 constexpr uint32_t kModuleId = 9000;
-constexpr uint32_t kClientType = 1;
-constexpr uint16_t kPort = 9002;
-constexpr uint64_t kAckTimeoutUs = 30000000;
-constexpr uint64_t kRetryTimeoutUs = 5000000;
-constexpr uint64_t kSwitchingRetryTimeoutUs = 1000000;
 constexpr uint8_t kLcpMessageFrame = 1;
 
 std::vector<std::string> SplitList(const std::string& text) {
@@ -63,18 +59,25 @@ std::optional<ObjectType> ParseType(const std::string& text) {
 
 }  // namespace
 
-class Probe::Impl : public std::enable_shared_from_this<Impl> {
+class Probe::Impl {
  public:
   Impl(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
        boost::intrusive_ptr<LcpAdapter> lcp_adapter, const boost::property_tree::ptree& options)
       : provider_(provider),
         store_(std::move(store)),
         lcp_adapter_(std::move(lcp_adapter)),
-        verticals_(SplitList(options.get("verticals", ""))),
-        object_types_(SplitList(options.get("objectTypes", ""))) {}
+        object_types_(SplitList(options.get("objectTypes", ""))) {
+    for (const std::string& name : SplitList(options.get("verticals", ""))) {
+      if (const Vertical* const vertical = FindVertical(name)) {
+        AddVertical(*vertical);
+      } else {
+        ZLOG_WARN("Not a vertical: %s", name.c_str());
+      }
+    }
+  }
 
   void Start() {
-    for (const std::string& name : verticals_) StartVertical(name);
+    for (const auto& [name, client] : verticals_) client->Start();
     StartMonitor();
     if (lcp_adapter_ == nullptr) return;
     for (const auto* type : {orlane::zem::traceflow::TraceflowMsg::descriptor(),
@@ -87,63 +90,57 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
   }
 
   void Stop() {
-    for (const std::string& name : verticals_) {
-      if (const auto client = MpaClient::Get(name)) client->Stop();
-      MpaClient::Unregister(name);
-    }
+    for (const auto& [name, client] : verticals_) client->Stop();
   }
 
-  // Empty when it was handed over, else what is wrong.
-  std::string Send(const std::string& vertical, const std::string& kind, const std::string& type,
-                   const std::string& hex) {
-    const auto client = MpaClient::Get(vertical);
-    if (!client) return "No such vertical: " + vertical;
-    if (kind != "request" && kind != "publish") return "Bad kind: " + kind + " Expected: <request|publish>";
+  Outcome Send(const std::string& vertical, const std::string& kind, const std::string& type,
+               const std::string& hex) {
+    const auto found = verticals_.find(vertical);
+    if (found == verticals_.end()) return Outcome::Failed("No such vertical: " + vertical);
+    if (kind != "request" && kind != "publish")
+      return Outcome::Failed("Bad kind: " + kind + " Expected: <request|publish>");
     auto payload = FromHex(hex);
-    if (!payload) return "Bad payload: not hexadecimal";
-    BusHeader header;
-    header.type_id = type;
-    header.correlation_id = RandomUuidText();
-    BusRecord record(kind == "request" ? kRmqClientRpcRequest : kRmqClientPublish);
-    record.SetApp(vertical, "probe")
-        .SetHeader(header)
-        .SetContentType(kProtobufContent)
-        .SetPayload(std::move(*payload));
-    rmqClientMessage message = record.message();
-    return client->SendMessage(&message) == 0 ? "" : "Not sent: the manager cannot be reached";
+    if (!payload) return Outcome::Failed("Bad payload: not hexadecimal");
+    const auto record = kind == "request" ? kRmqClientRpcRequest : kRmqClientPublish;
+    const VerticalClient& client = *found->second;
+    const auto message = client.PrepareAs(record, type, std::move(*payload), RandomUuidText(), "");
+    return client.SendPrepared(message) == VerticalClient::Sent::kSent
+               ? Outcome::Done()
+               : Outcome::Failed("Not sent: the manager cannot be reached");
   }
 
-  std::string Put(const std::string& type_text, const std::string& object) {
+  Outcome Put(const std::string& type_text, const std::string& object) {
     const auto type = ParseType(type_text);
-    if (!type) return "Not an object type: " + type_text;
-    if (!store_) return "No store on this node";
+    if (!type) return Outcome::Failed("Not an object type: " + type_text);
+    if (!store_) return Outcome::Failed("No store on this node");
     covedb::ModifyRequestMsg request;
     auto& put = *request.add_modify_msg()->mutable_put_msg();
     put.set_object_type(*type);
     put.set_object(object);
     put.add_vdb_id(covedb::kDefaultVDb);
     store_->Modify({request}, [object] { ZLOG_INFO("The store has taken: %s", object.c_str()); });
-    return "";
+    return Outcome::Done();
   }
 
-  std::string SendToDataplane(const std::string& hex) {
+  Outcome SendToDataplane(const std::string& hex) {
     const auto bytes = FromHex(hex);
     orlane::zem::lcp::LcpDpMsg message;
-    if (!bytes || !message.ParseFromString(*bytes)) return "Bad message: not an LcpDpMsg in hexadecimal";
-    if (lcp_adapter_ == nullptr) return "No dataplane link on this node";
-    return lcp_adapter_->Send(kLcpMessageFrame, message) ? "" : "Not sent: the link does not take it";
+    if (!bytes || !message.ParseFromString(*bytes))
+      return Outcome::Failed("Bad message: not an LcpDpMsg in hexadecimal");
+    if (lcp_adapter_ == nullptr) return Outcome::Failed("No dataplane link on this node");
+    return lcp_adapter_->Send(kLcpMessageFrame, message)
+               ? Outcome::Done()
+               : Outcome::Failed("Not sent: the link does not take it");
   }
 
  private:
-  void StartVertical(const std::string& name) {
-    MpaClient::Register(
-        provider_,
-        [weak = weak_from_this(), name](rmqClientMessage* message) {
-          if (const auto self = weak.lock()) self->Receive(name, *message);
-        },
-        name, "unused", kClientType, kPort, kAckTimeoutUs,
-        name == "SwitchingVertical" ? kSwitchingRetryTimeoutUs : kRetryTimeoutUs);
-    if (const auto client = MpaClient::Get(name)) client->Start(nullptr);
+  void AddVertical(const Vertical& vertical) {
+    auto receive = [this, &vertical](const VerticalRecord& record) {
+      Receive(vertical.name, record);
+      return true;
+    };
+    verticals_[vertical.name] = std::make_unique<VerticalClient>(
+        provider_, vertical, VerticalClient::Callbacks{.intercept = std::move(receive)});
   }
 
   void StartMonitor() {
@@ -172,36 +169,29 @@ class Probe::Impl : public std::enable_shared_from_this<Impl> {
     ZLOG_INFO("Store update: %s", update.ShortDebugString().c_str());
   }
 
-  void Receive(const std::string& name, const rmqClientMessage& message) {
-    const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+  void Receive(const std::string& name, const VerticalRecord& record) {
+    const BusHeader& header = record.header;
     ZLOG_INFO("[%s] Received %s type (%s) correlationId (%s), %" PRIu64 " bytes", name.c_str(),
-              BusMessageTypeName(message.msg_type), header.type_id.c_str(), header.correlation_id.c_str(),
-              static_cast<uint64_t>(message.payload_len));
-    if (message.msg_type != kRmqMpRpcRequest) return;
-    BusHeader answer_header;
-    answer_header.type_id = header.type_id;
-    answer_header.correlation_id = header.correlation_id;
-    BusRecord answer(kRmqClientRpcResponse);
-    answer.SetApp(name, "probe")
-        .SetHeader(answer_header)
-        .SetRoutingKey(header.reply_to)
-        .SetContentType(kProtobufContent)
-        .SetPayload(std::string(reinterpret_cast<const char*>(message.payload), message.payload_len));
-    rmqClientMessage record = answer.message();
-    const auto client = MpaClient::Get(name);
-    if (!client || client->SendMessage(&record) != 0) ZLOG_WARN("[%s] The answer was not sent", name.c_str());
+              BusMessageTypeName(record.type()), header.type_id.c_str(), header.correlation_id.c_str(),
+              static_cast<uint64_t>(record.payload().size()));
+    if (record.type() != kRmqMpRpcRequest) return;
+    const VerticalClient& client = *verticals_.at(name);
+    const auto answer = client.PrepareAs(kRmqClientRpcResponse, header.type_id, std::string(record.payload()),
+                                         header.correlation_id, header.reply_to);
+    if (client.SendPrepared(answer) != VerticalClient::Sent::kSent)
+      ZLOG_WARN("[%s] The answer was not sent", name.c_str());
   }
 
   AsioZemProvider& provider_;
   const std::shared_ptr<covedb::CoveDbClientInterface> store_;
   const boost::intrusive_ptr<LcpAdapter> lcp_adapter_;
-  const std::vector<std::string> verticals_;
+  std::map<std::string, std::unique_ptr<VerticalClient>> verticals_;
   const std::vector<std::string> object_types_;
 };
 
 Probe::Probe(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
              boost::intrusive_ptr<LcpAdapter> lcp_adapter, const boost::property_tree::ptree& options)
-    : impl_(std::make_shared<Impl>(provider, std::move(store), std::move(lcp_adapter), options)) {}
+    : impl_(std::make_unique<Impl>(provider, std::move(store), std::move(lcp_adapter), options)) {}
 
 Probe::~Probe() = default;
 
@@ -209,27 +199,26 @@ void Probe::Start() { impl_->Start(); }
 
 void Probe::Stop() { impl_->Stop(); }
 
-void Probe::RegisterCommands(CliServer* server) {
-  const auto answer = [](CliReply reply, std::string error) {
-    if (error.empty()) {
+std::vector<CliCommand> Probe::Commands() {
+  const auto answer = [](CliReply reply, const Outcome& outcome) {
+    if (outcome.done()) {
       reply.Ok("Sent");
     } else {
-      reply.Error(std::move(error));
+      reply.Error(outcome.error());
     }
   };
-  server->AddCommands({{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
-                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
-                          answer(std::move(reply),
-                                 impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]));
-                        }},
-                       {"probe/lcp", "<hex>", 1, 1,
-                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
-                          answer(std::move(reply), impl->SendToDataplane(arguments[0]));
-                        }},
-                       {"probe/put", "<type> <text>", 2, 2,
-                        [impl = impl_, answer](const CliArguments& arguments, CliReply reply) {
-                          answer(std::move(reply), impl->Put(arguments[0], arguments[1]));
-                        }}});
+  return {{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
+           [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
+             answer(std::move(reply), impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]));
+           }},
+          {"probe/lcp", "<hex>", 1, 1,
+           [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
+             answer(std::move(reply), impl->SendToDataplane(arguments[0]));
+           }},
+          {"probe/put", "<type> <text>", 2, 2,
+           [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
+             answer(std::move(reply), impl->Put(arguments[0], arguments[1]));
+           }}};
 }
 
 }  // namespace zem::Tarvik

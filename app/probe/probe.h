@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "framework/cli/cli_command.h"
+
 namespace zem {
 class AsioZemProvider;
 namespace covedb {
@@ -15,13 +17,12 @@ class CoveDbClientInterface;
 
 namespace zem::Tarvik {
 
-class CliServer;
 class LcpAdapter;
 
 /// Stands in for verticals and store users on a node that is being brought up: it registers the verticals
 /// that the options name, answers each request of the manager with the message that came, and logs what it
-/// receives, what the store's monitor tells, and what the dataplane agent sends.  Off unless the options have
-/// a `probe` element:
+/// receives from the manager, the store's monitor and the dataplane agent.  The agent makes it only when the
+/// options have a `probe` element:
 ///
 ///     <probe><verticals>SwitchingVertical,Traceflow</verticals><objectTypes>1,114</objectTypes></probe>
 ///
@@ -39,11 +40,12 @@ class Probe {
   /// "probe/send VERTICAL KIND TYPE HEX": sends a record of the given kind ("request" or "publish") to the
   /// manager.  "probe/lcp HEX": sends an LcpDpMsg to the dataplane agent.  "probe/put TYPE TEXT": puts an
   /// object into the store and logs when the store has taken it.
-  void RegisterCommands(CliServer* server);
+  /// The object outlives the command server.
+  std::vector<CliCommand> Commands();
 
  private:
   class Impl;
-  std::shared_ptr<Impl> impl_;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace zem::Tarvik

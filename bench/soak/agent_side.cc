@@ -8,9 +8,9 @@
 #include <system_error>
 #include <utility>
 
-#include "mpaclient/mpa_client.h"
-#include "mpaclient/spread_delay.h"
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/client_registry.h"
+#include "mpaclient/proxy/spread_delay.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "mpaclient/verticals.h"
 #include "platform/core/unique_fd.h"
 #include "platform/core/uuid.h"
@@ -70,24 +70,24 @@ AgentSide::AgentSide(const Endpoints& endpoints, const std::vector<const Vertica
   TnProxyClientCommon::Init("tarvik", endpoints.info, endpoints.forwarding);
   proxy_client_ = TnProxyClientCommon::getInstance();
   for (const Vertical* vertical : verticals_) {
-    MpaClient::Register(
+    ClientRegistry::Register(
         provider_, [vertical, receive](rmqClientMessage* message) { receive(*vertical, *message); },
         vertical->name, kAppId, 1, 9002, 30000000, 5000000);
-    MpaClient::Get(vertical->name)->Start(nullptr);
+    ClientRegistry::Get(vertical->name)->Start(nullptr);
   }
   proxy_client_->Start();
 }
 
 AgentSide::~AgentSide() {
   proxy_client_->Stop();
-  for (const Vertical* vertical : verticals_) MpaClient::Unregister(vertical->name);
+  for (const Vertical* vertical : verticals_) ClientRegistry::Unregister(vertical->name);
   proxy_client_.reset();
   TnProxyClientCommon::Release();
   provider_.StopAndWait(true);
 }
 
 bool AgentSide::Ready(const Vertical& vertical) const {
-  const auto client = MpaClient::Get(vertical.name);
+  const auto client = ClientRegistry::Get(vertical.name);
   if (!AsksTheManager(vertical)) return proxy_client_->connected_for_forwarding();
   return client->IsConnected() && client->app_init_completed() && !client->IsMasterStubMissing();
 }
@@ -100,7 +100,7 @@ bool Send(const Vertical& vertical, BusMessageType kind, const std::string& type
   BusRecord record(kind);
   record.SetApp(vertical.name, "bench").SetHeader(header).SetPayload(std::move(payload));
   rmqClientMessage message = record.message();
-  return MpaClient::Get(vertical.name)->SendMessage(&message) == 0;
+  return ClientRegistry::Get(vertical.name)->SendMessage(&message) == 0;
 }
 
 }  // namespace zem::bench

@@ -88,7 +88,7 @@ std::optional<std::string> Text(const char* text) {
   return text != nullptr ? std::optional<std::string>(text) : std::nullopt;
 }
 
-// What the header's own length says, or nothing when it cannot be a document.
+// The length that the header begins with; nothing when no document can have it.
 std::optional<size_t> HeaderLength(const uint8_t* header) {
   const uint32_t length = static_cast<uint32_t>(header[0]) | static_cast<uint32_t>(header[1]) << 8 |
                           static_cast<uint32_t>(header[2]) << 16 | static_cast<uint32_t>(header[3]) << 24;
@@ -133,7 +133,7 @@ std::optional<BusHeader> BusHeader::Decode(std::span<const uint8_t> bytes) {
   if (!bson_iter_init(&element, &document)) return std::nullopt;
   BusHeader header;
   while (bson_iter_next(&element)) TakeElement(element, &header);
-  // The library's own check lets some documents through that break off in the middle.
+  // The check of the BSON library accepts some documents that are truncated.
   if (element.err_off != 0) return std::nullopt;
   for (const TextKey& row : kTextKeys) {
     if ((header.*row.text).find('\0') != std::string::npos) return std::nullopt;

@@ -11,7 +11,7 @@
 
 namespace zem {
 
-/// What a record is for; the direction is the vertical's.
+/// The type of a record; "in" and "out" are seen from the vertical.
 enum BusMessageType : int32_t {
   kRmqClientRegistrationRequest = 1,
   kRmqClientRegistrationAck = 2,  ///< in
@@ -28,14 +28,15 @@ enum BusMessageType : int32_t {
   kRmqMpPublish = 13,          ///< in
 };
 
-/// "RMQ_CLIENT_PUBLISH" and so on; "UNKNOWN_RMQ_CLIENT_MESSAGE_TYPE" for others.
+/// The name of a record type, such as "RMQ_CLIENT_PUBLISH"; "UNKNOWN_RMQ_CLIENT_MESSAGE_TYPE" for a number
+/// that is none.
 const char* BusMessageTypeName(int32_t type);
 
 inline constexpr int kBusNoSession = -2001;
 inline constexpr int kBusInvalidCookie = -2002;
 inline constexpr int kBusConnectFail = -2008;
 
-/// "CONNECT_FAIL" and so on; "UNKNOWN" for others.
+/// The name of a bus error, such as "CONNECT_FAIL"; "UNKNOWN" for a number that is none.
 const char* BusErrorName(int error);
 
 inline constexpr const char* kProtobufContent = "application/protobuf";
@@ -56,11 +57,12 @@ struct BusHeader {
   /// The BSON bytes.
   std::vector<uint8_t> Encode() const;
 
-  /// Nothing when the bytes are not one well-formed document that ends within them.  Keys of no interest and
+  /// Returns nothing unless the bytes are one well-formed document that ends within them.  Unknown keys and
   /// values of another type are skipped.
   static std::optional<BusHeader> Decode(std::span<const uint8_t> bytes);
 
-  /// The header of a record; nothing when it has none, or one that is malformed or longer than 64 KiB.
+  /// The header of a record; nothing when the record has no header, or a header that is malformed or longer
+  /// than 64 KiB.
   static std::optional<BusHeader> Of(const rmqClientMessage& message);
 };
 
@@ -81,7 +83,7 @@ class BusRecord {
   BusRecord& SetRoutingKey(std::string key);
   BusRecord& SetContentType(std::string type);
   BusRecord& SetPayload(std::string payload);
-  /// From malloc; freed with the record unless taken back.
+  /// Takes over a block from malloc, which is freed with the record.
   BusRecord& SetFreeBlock(void* block);
 
   BusMessageType type() const { return type_; }

@@ -14,13 +14,14 @@
 
 namespace zem {
 
-/// What waits for somebody else's answer: bounded, and aged by a timer that repeats every 2 seconds.  An
-/// entry that is `age_limit` old at a tick leaves by the expiry callback, the oldest first; one that is asked
-/// for leaves by the asking.
+/// A bounded table of entries that wait for an answer, aged by a timer that repeats every 2 seconds.  An
+/// entry that is `age_limit` old at a tick goes to the expiry callback, the oldest first; an entry that is
+/// taken does not expire.
 ///
 /// Threads: all operations from any thread.  The expiry callback runs on the provider's thread with no lock
-/// held. Ownership: the table must be stopped before what the callback uses goes; a tick that runs at that
-/// moment is waited for.
+/// held.
+/// Ownership: the table must be stopped before the objects that the callback uses are destroyed; Stop waits
+/// for a tick that is running.
 template <class Key, class Value, class Hash = std::hash<Key>>
 class PendingTable {
  public:
@@ -36,14 +37,14 @@ class PendingTable {
   PendingTable(const PendingTable&) = delete;
   PendingTable& operator=(const PendingTable&) = delete;
 
-  /// Begins the ticks.  Entries that are inserted before wait for them.
+  /// Starts the timer.  Entries that were inserted before expire as well.
   void Start(TimerFactory& timers) {
     ticker_ = std::make_shared<Ticker>(this);
     timer_ = timers.ScheduleRepeated(
         kTick, [ticker = ticker_] { ticker->Tick(); }, TimerOptions::Default);
   }
 
-  /// Ends the ticks; the entries stay.  Not from the expiry callback.
+  /// Stops the timer; the entries stay.  Not to be called from the expiry callback.
   void Stop() {
     if (timer_ == nullptr) return;
     timer_->Cancel();
@@ -51,7 +52,7 @@ class PendingTable {
     timer_ = nullptr;
   }
 
-  /// The value stays with the caller unless kYes.
+  /// `value` is moved from only when the result is kYes.
   [[nodiscard]] Inserted Insert(const Key& key, Value&& value) {
     std::lock_guard lock(mutex_);
     if (entries_.contains(key)) return Inserted::kDuplicate;
@@ -63,7 +64,7 @@ class PendingTable {
     return Inserted::kYes;
   }
 
-  /// Takes the entry out.
+  /// Removes the entry and returns its value; nothing when there is none.
   std::optional<Value> Take(const Key& key) {
     std::lock_guard lock(mutex_);
     auto node = entries_.extract(key);
@@ -71,7 +72,7 @@ class PendingTable {
     return std::move(node.mapped().value);
   }
 
-  /// Takes all entries out, without the callback.
+  /// Removes all entries without calling the callback.
   void Clear() {
     std::unordered_map<Key, Entry, Hash> entries;
     std::lock_guard lock(mutex_);
@@ -83,7 +84,7 @@ class PendingTable {
     return entries_.size();
   }
 
-  /// Insertions refused because the table was full.
+  /// The number of insertions that were refused because the table was full.
   size_t refused() const {
     std::lock_guard lock(mutex_);
     return refused_;
@@ -95,7 +96,7 @@ class PendingTable {
     Value value;
   };
 
-  // Outlives the table, because a timer that was cancelled may have started.
+  // Outlives the table, because a timer that is cancelled may be running.
   class Ticker {
    public:
     explicit Ticker(PendingTable* table) : table_(table) {}

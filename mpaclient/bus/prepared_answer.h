@@ -12,13 +12,14 @@ class MessageLite;
 
 namespace zem {
 
-/// The answer that a manager's request waits for: what must be kept of the request, until there is a payload.
+/// The answer to a request of the manager: keeps what the answer needs of the request until its payload is
+/// known.
 ///
-/// Threads: none of its own; the owner guards it.
+/// Threads: not safe for concurrent use; the owner guards it.
 class PreparedAnswer {
  public:
-  /// Nothing when the request has no readable header.  `type_id` is the full dotted name of the answer's
-  /// message; `cookie` is the client's.  A request without reply-to gives an empty routing key.
+  /// Returns nothing when the request has no readable header.  `type_id` is the full dotted name of the
+  /// answer's message; `cookie` is the client's.  A request without reply-to gives an empty routing key.
   static std::optional<PreparedAnswer> For(const rmqClientMessage& request, std::string type_id,
                                            int32_t cookie);
 
@@ -28,9 +29,9 @@ class PreparedAnswer {
   const std::string& reply_to() const { return reply_to_; }
   bool sent() const { return sent_; }
 
-  /// Sends one record of type RMQ_CLIENT_RPC_RESPONSE; what `send` gives is the result.  The second time
-  /// nothing is sent and the result is kAlreadySent; kNotSerialized when the message lacks required parts: it
-  /// can then be tried again with another.
+  /// Sends one record of type RMQ_CLIENT_RPC_RESPONSE and returns the result of `send`.  A second call sends
+  /// nothing and returns kAlreadySent.  A message that lacks required fields is not sent, the result is
+  /// kNotSerialized, and the answer may be sent with another message.
   using SendFunction = std::function<int(rmqClientMessage&)>;
   static constexpr int kAlreadySent = -1;
   static constexpr int kNotSerialized = -2;

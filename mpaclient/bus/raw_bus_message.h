@@ -4,11 +4,11 @@
 
 namespace zem {
 
-/// A message of the manager as it came, for who keeps it.
+/// A message of the manager as it was received, for storing it.
 struct RawBusMessage {
-  /// "com.orlane.zem.switching.HostConfigMsg" and so on.
+  /// The full name of the message, such as "com.orlane.zem.switching.HostConfigMsg".
   std::string type;
-  /// BSON.
+  /// The header document in BSON.
   std::string header;
   std::string payload;
   std::string correlation_id;

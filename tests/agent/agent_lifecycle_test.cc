@@ -1,4 +1,4 @@
-// The daemon's whole start and stop order, in a sandbox of its own where the real paths and ports are free.
+// The whole start and stop order of the daemon, in a sandbox in which the real paths and ports are free.
 
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -38,7 +38,7 @@ bool WaitFor(const test::LogCapture& log, const std::string& text) {
   return false;
 }
 
-// The peers live in the same process, and log what they see of the agent's end.
+// The peers run in the same process and log the end of the agent's connections.
 size_t OwnLines(const test::LogCapture& log) { return log.Lines().size() - log.Count("subcomp=\"zem-"); }
 
 bool InOrder(const test::LogCapture& log, const std::vector<std::string>& parts) {
@@ -54,8 +54,8 @@ bool InOrder(const test::LogCapture& log, const std::vector<std::string>& parts)
   return true;
 }
 
-// Every life goes through the whole order and leaves nothing behind: no thread that still logs, no
-// descriptor, no listener that would keep the next one from its ports.
+// Every start and stop goes through the whole order and leaves nothing behind: no thread that still logs, no
+// descriptor, no listener that would block the ports of the next start.
 TEST_F(AgentLifecycleTest, StartsServesAndStopsInOrder) {
   EXPECT_EQ(
       Run([] {
@@ -108,7 +108,7 @@ TEST_F(AgentLifecycleTest, StartsServesAndStopsInOrder) {
       0);
 }
 
-// What fails early is told and gives -1, with nothing started.
+// An early failure is logged, the result is -1, and nothing is started.
 TEST_F(AgentLifecycleTest, EarlyFailures) {
   EXPECT_EQ(Run([] {
               test::LogCapture log;

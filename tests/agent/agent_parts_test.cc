@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A start that hangs names its step every half minute; one that goes on says nothing.
+// The step of a start that hangs is logged every half minute; a start that proceeds logs nothing.
 TEST(StartWatchdogTest, NamesTheStepThatHangs) {
   test::LogCapture log;
   VirtualClock clock;

@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <deque>
 
-#include "mpaclient/mpa_client.h"
+#include "mpaclient/client_registry.h"
 #include "tests/mpaclient/channel_fixture.h"
 
 namespace zem {
@@ -11,7 +11,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using ::testing::ElementsAre;
 
-// The bus as a scenario wants it.
+// A bus library with scripted results.
 class ScriptedBus final : public RmqClientInterface {
  public:
   int NETEventLoop(int) override { return 0; }
@@ -47,15 +47,12 @@ class ScriptedBus final : public RmqClientInterface {
 
 class BusRoadTest : public ChannelTest {
  protected:
-  ~BusRoadTest() override { MpaClient::SetBusForTest(nullptr); }
-
   void Start(const std::string& name) {
-    MpaClient::SetBusForTest([this] { return bus; });
     verticals.push_back(name);
-    MpaClient::Register(
+    ClientRegistry::Register(
         provider, [this, name](rmqClientMessage* message) { Take(name, *message); }, name, "id-1", 1,
-        MpaClient::kBusPort, 30000000, 5000000);
-    MpaClient::Get(name)->Start(nullptr);
+        MpaClient::kBusPort, 30000000, 5000000, bus);
+    ClientRegistry::Get(name)->Start(nullptr);
   }
 
   void Deliver(const std::string& name, BusMessageType type, int cookie) {
@@ -70,7 +67,7 @@ class BusRoadTest : public ChannelTest {
   boost::intrusive_ptr<ScriptedBus> bus{new ScriptedBus};
 };
 
-// A broker that is away is tried every retry time; the ACK makes the connection stand, its absence undoes it.
+// A broker that is away is tried again after each retry time.  A connection without an ACK is closed.
 TEST_F(BusRoadTest, ConnectsRetriesAndWaitsForTheAck) {
   Start("SwitchingVertical");
   EXPECT_TRUE(log.Contains("connecting to mpa return cookie [CONNECT_FAIL]"));
@@ -78,13 +75,13 @@ TEST_F(BusRoadTest, ConnectsRetriesAndWaitsForTheAck) {
   clock.RunFor(seconds(5));
   EXPECT_EQ(bus->asked.size(), 2u);
   EXPECT_EQ(bus->asked.back(), "SwitchingVertical/id-1");
-  EXPECT_EQ(MpaClient::Get("SwitchingVertical")->cookie(), 7);
-  EXPECT_FALSE(MpaClient::Get("SwitchingVertical")->IsConnected());
+  EXPECT_EQ(ClientRegistry::Get("SwitchingVertical")->cookie(), 7);
+  EXPECT_FALSE(ClientRegistry::Get("SwitchingVertical")->IsConnected());
   clock.RunFor(seconds(30));
   EXPECT_THAT(bus->closed, ElementsAre(7)) << "no ACK came in time";
-  EXPECT_EQ(MpaClient::Get("SwitchingVertical")->cookie(), 8);
+  EXPECT_EQ(ClientRegistry::Get("SwitchingVertical")->cookie(), 8);
   Deliver("SwitchingVertical", kRmqClientRegistrationAck, 8);
-  EXPECT_TRUE(MpaClient::Get("SwitchingVertical")->IsConnected());
+  EXPECT_TRUE(ClientRegistry::Get("SwitchingVertical")->IsConnected());
   clock.RunFor(seconds(60));
   EXPECT_THAT(bus->closed, ElementsAre(7));
   EXPECT_EQ(bus->asked.size(), 3u);
@@ -97,41 +94,41 @@ TEST_F(BusRoadTest, CloseCountsOnlyWithItsOwnCookie) {
   Deliver("SomeVertical", kRmqClientRegistrationAck, 7);
   Deliver("SomeVertical", kRmqClientClose, 6);
   EXPECT_TRUE(log.Contains("Message's cookieId [6] does not match with [7], ignored"));
-  EXPECT_TRUE(MpaClient::Get("SomeVertical")->IsConnected());
+  EXPECT_TRUE(ClientRegistry::Get("SomeVertical")->IsConnected());
   Deliver("SomeVertical", kRmqClientClose, 7);
-  EXPECT_FALSE(MpaClient::Get("SomeVertical")->IsConnected());
-  EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), -1);
+  EXPECT_FALSE(ClientRegistry::Get("SomeVertical")->IsConnected());
+  EXPECT_EQ(ClientRegistry::Get("SomeVertical")->cookie(), -1);
   clock.RunFor(seconds(1));
-  EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), 9);
+  EXPECT_EQ(ClientRegistry::Get("SomeVertical")->cookie(), 9);
   EXPECT_THAT(TypesSeenBy("SomeVertical"), ElementsAre(kRmqClientRegistrationAck, kRmqClientClose));
 }
 
-// An attempt may take long; an end that comes meanwhile still is one.
+// A stop during an attempt that takes long must close what the attempt opens.
 TEST_F(BusRoadTest, EndDuringAnAttemptLeavesNothingOpen) {
   Start("SomeVertical");
   bus->cookies = {7, 8};
-  bus->on_attempt = [] { MpaClient::Get("SomeVertical")->Stop(); };
+  bus->on_attempt = [] { ClientRegistry::Get("SomeVertical")->Stop(); };
   clock.RunFor(seconds(5));
   EXPECT_THAT(bus->closed, ElementsAre(7));
-  EXPECT_EQ(MpaClient::Get("SomeVertical")->cookie(), -1);
-  EXPECT_EQ(MpaClient::Get("SomeVertical")->connection_state(), MpaClient::kDisconnected);
+  EXPECT_EQ(ClientRegistry::Get("SomeVertical")->cookie(), -1);
+  EXPECT_EQ(ClientRegistry::Get("SomeVertical")->connection_state(), MpaClient::kDisconnected);
   clock.RunFor(seconds(60));
   EXPECT_EQ(bus->asked.size(), 2u) << "no timer goes on";
 
   bus->on_attempt = [this] {
-    MpaClient::Unregister("SomeVertical");
+    ClientRegistry::Unregister("SomeVertical");
     bus.reset();
   };
   ScriptedBus* const lib = bus.get();
   std::vector<int> closed;
   lib->closed_too = &closed;
-  const auto client = MpaClient::Get("SomeVertical");
+  const auto client = ClientRegistry::Get("SomeVertical");
   client->Start(nullptr);
   EXPECT_THAT(closed, ElementsAre(8));
   EXPECT_EQ(client->cookie(), -1);
 }
 
-TEST_F(BusRoadTest, WhatIsDeliveredAndSent) {
+TEST_F(BusRoadTest, OnlyInboundTypesAreDelivered) {
   bus->cookies = {7};
   Start("SomeVertical");
   for (const BusMessageType type :
@@ -150,8 +147,8 @@ TEST_F(BusRoadTest, WhatIsDeliveredAndSent) {
   EXPECT_TRUE(log.Contains("SomeVertical failed to send message to MPA"));
 }
 
-// A vertical that holds up the delivering thread is named.
-TEST_F(BusRoadTest, SlowCallbackIsTold) {
+// A callback that holds up the delivering thread is logged with its vertical.
+TEST_F(BusRoadTest, SlowCallbackIsLogged) {
   bus->cookies = {7};
   Start("SomeVertical");
   on_record = [](const Seen&) { SleepFor(milliseconds(400)); };

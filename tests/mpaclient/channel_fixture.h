@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "mpaclient/bus/bus_record.h"
-#include "mpaclient/mpa_client.h"
-#include "mpaclient/mpa_client_private.h"
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/client_registry.h"
+#include "mpaclient/mpa_client_private_base.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/core/thread.h"
 #include "platform/core/virtual_clock.h"
 #include "platform/provider/provider.h"
@@ -51,7 +51,7 @@ class ChannelTest : public ::testing::Test {
 
   ~ChannelTest() override {
     proxy_client->Stop();
-    for (const std::string& name : verticals) MpaClient::Unregister(name);
+    for (const std::string& name : verticals) ClientRegistry::Unregister(name);
     proxy_client.reset();
     TnProxyClientCommon::Release();
     manager.reset();
@@ -66,10 +66,10 @@ class ChannelTest : public ::testing::Test {
 
   void Register(const std::string& name) {
     verticals.push_back(name);
-    MpaClient::Register(
+    ClientRegistry::Register(
         provider, [this, name](rmqClientMessage* message) { Take(name, *message); }, name, "unused", 1, 9002,
         30000000, 5000000);
-    MpaClient::Get(name)->Start(nullptr);
+    ClientRegistry::Get(name)->Start(nullptr);
   }
 
   void Take(const std::string& name, const rmqClientMessage& message) {
@@ -103,12 +103,14 @@ class ChannelTest : public ::testing::Test {
     record.SetApp(name, "test").SetHeader(header).SetContentType(kProtobufContent).SetPayload(payload);
     if (!routing_key.empty()) record.SetRoutingKey(routing_key);
     rmqClientMessage message = record.message();
-    return MpaClient::Get(name)->SendMessage(&message);
+    return ClientRegistry::Get(name)->SendMessage(&message);
   }
 
-  MpaClientPrivateBase::Snapshot Snapshot(const std::string& name) {
-    return std::dynamic_pointer_cast<MpaClientPrivateBase>(MpaClient::Get(name))->snapshot();
+  std::shared_ptr<MpaClientPrivateBase> Private(const std::string& name) {
+    return std::dynamic_pointer_cast<MpaClientPrivateBase>(ClientRegistry::Get(name));
   }
+
+  StubMap::Snapshot Snapshot(const std::string& name) { return Private(name)->snapshot(); }
 
   test::LogCapture log;
   VirtualClock clock;

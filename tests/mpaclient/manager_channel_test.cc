@@ -22,7 +22,7 @@ constexpr const char* kUnknownAph = "0a000000-0000-4000-8000-000000000009";
 // Spread of the first stubs is 1 to 5 seconds.
 constexpr seconds kReady{6};
 
-// Everything at its right time: stubs after the host's own delay, the handshake with the master, one ACK with
+// Stubs are made after the host's own delay; the handshake with the master leads to one ACK, which carries
 // the manager's version.
 TEST_F(ChannelTest, VerticalsBecomeReady) {
   StartManager();
@@ -36,13 +36,13 @@ TEST_F(ChannelTest, VerticalsBecomeReady) {
   EXPECT_EQ(SeenBy(kSwitching)[0].major, 4u);
   EXPECT_EQ(SeenBy(kSwitching)[0].header.msg_type, kRmqClientRegistrationAck);
   EXPECT_EQ(SeenBy(kSwitching)[0].header.app_id, "zem");
-  EXPECT_EQ(MpaClient::Get(kSwitching)->connection_state(), MpaClient::kConnected);
-  EXPECT_TRUE(MpaClient::Get(kSwitching)->IsConnected());
+  EXPECT_EQ(ClientRegistry::Get(kSwitching)->connection_state(), MpaClient::kConnected);
+  EXPECT_TRUE(ClientRegistry::Get(kSwitching)->IsConnected());
   EXPECT_THAT(Snapshot(kSwitching).stubs, UnorderedElementsAre(kAph1, kAph2));
-  EXPECT_FALSE(MpaClient::Get(kSwitching)->IsMasterStubMissing());
+  EXPECT_FALSE(ClientRegistry::Get(kSwitching)->IsMasterStubMissing());
   // Without an update callback it gets no stubs and serves only.
   EXPECT_THAT(Snapshot("SupportBundle").stubs, IsEmpty());
-  EXPECT_EQ(MpaClient::Get("SupportBundle")->connection_state(), MpaClient::kDisconnected);
+  EXPECT_EQ(ClientRegistry::Get("SupportBundle")->connection_state(), MpaClient::kDisconnected);
   EXPECT_EQ(manager->served_app_inits()[kSwitching], 1u);
   EXPECT_EQ(manager->served_app_inits().count(kLldp), 0u);
 }
@@ -81,9 +81,9 @@ TEST_F(ChannelTest, RequestOfTheManagerIsAnsweredOnItsCall) {
   EXPECT_EQ(config.revision(), "7");
 }
 
-// An answer that comes after its call has ended counts as given: whoever tried again would wait in vain.  The
-// switching vertical's goes to its asker once, as a message of its own.
-TEST_F(ChannelTest, AnswerToAnEndedCallIsGivenOnce) {
+// An answer to a call that has ended counts as sent, because no retry can reach the call.  The switching
+// vertical's answer goes to the asking APH once, as a message of its own.
+TEST_F(ChannelTest, AnswerToAnEndedCallIsSentOnce) {
   StartManager();
   Register(kSwitching);
   Register(kLldp);
@@ -114,8 +114,8 @@ TEST_F(ChannelTest, AnswerToAnEndedCallIsGivenOnce) {
   }
 }
 
-// An id is taken as long as its call runs, and no longer.
-TEST_F(ChannelTest, CorrelationIdGoesWithItsCall) {
+// A correlation id is taken as long as its call runs, and no longer.
+TEST_F(ChannelTest, CorrelationIdIsFreeAfterItsCall) {
   StartManager();
   Register(kSwitching);
   proxy_client->Start();
@@ -146,7 +146,7 @@ TEST_F(ChannelTest, CorrelationIdGoesWithItsCall) {
   EXPECT_EQ(statuses.back(), 0) << "the end of the first call has not taken the id of this one";
 }
 
-// What goes wrong on the way in drops the message, and only that.
+// An inbound message that cannot be processed is dropped, and nothing else.
 TEST_F(ChannelTest, InboundRules) {
   StartManager();
   Register(kSwitching);
@@ -269,18 +269,18 @@ TEST_F(ChannelTest, OneRecordToEachAph) {
   Register(kLldp);
   proxy_client->Start();
   clock.RunFor(kReady);
-  EXPECT_THAT(MpaClient::Get(kLldp)->Aphs(),
+  EXPECT_THAT(ClientRegistry::Get(kLldp)->Aphs(),
               ::testing::UnorderedElementsAre(::testing::Pair(kAph1, true), ::testing::Pair(kAph2, false)));
   BusHeader header;
   header.type_id = "t";
   BusRecord record(kRmqClientPublish);
   record.SetApp(kLldp, "test").SetHeader(header).SetPayload("x");
-  for (const auto& [aph, master] : MpaClient::Get(kLldp)->Aphs()) {
+  for (const auto& [aph, master] : ClientRegistry::Get(kLldp)->Aphs()) {
     rmqClientMessage message = record.message();
-    EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, aph, nullptr), 0);
+    EXPECT_EQ(ClientRegistry::Get(kLldp)->SendMessageTo(&message, aph, nullptr), 0);
   }
   rmqClientMessage message = record.message();
-  EXPECT_EQ(MpaClient::Get(kLldp)->SendMessageTo(&message, "nobody", nullptr), -1);
+  EXPECT_EQ(ClientRegistry::Get(kLldp)->SendMessageTo(&message, "nobody", nullptr), -1);
   clock.RunFor(milliseconds(10));
   EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).size(), 2u);
 }
@@ -294,7 +294,7 @@ TEST_F(ChannelTest, MasterChangeToAKnownAphShakesHandsAtOnce) {
   ASSERT_TRUE(manager->SetMaster(kAph2));
   clock.RunFor(milliseconds(100));
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck, kRmqClientRegistrationAck));
-  EXPECT_FALSE(MpaClient::Get(kSwitching)->IsMasterStubMissing());
+  EXPECT_FALSE(ClientRegistry::Get(kSwitching)->IsMasterStubMissing());
   EXPECT_EQ(manager->served_app_inits()[kSwitching], 1u);
   // The same list again changes nothing.
   ASSERT_TRUE(manager->SetMaster(kAph2));
@@ -312,9 +312,9 @@ TEST_F(ChannelTest, StateFollowsTheMastersStub) {
   const auto state = [this](const std::string& master) {
     EXPECT_TRUE(manager->SetMaster(master));
     clock.RunFor(milliseconds(100));
-    EXPECT_EQ(MpaClient::Get(kSwitching)->IsMasterStubMissing(),
-              MpaClient::Get(kSwitching)->connection_state() == MpaClient::kDisconnected);
-    return MpaClient::Get(kSwitching)->connection_state();
+    EXPECT_EQ(ClientRegistry::Get(kSwitching)->IsMasterStubMissing(),
+              ClientRegistry::Get(kSwitching)->connection_state() == MpaClient::kDisconnected);
+    return ClientRegistry::Get(kSwitching)->connection_state();
   };
   EXPECT_EQ(state(kAph1), MpaClient::kConnected);
   EXPECT_EQ(state(""), MpaClient::kDisconnected) << "nobody is master";
@@ -341,9 +341,9 @@ TEST_F(ChannelTest, LostAphs) {
   ASSERT_TRUE(manager->RemoveAph(kAph1, true));
   clock.RunFor(milliseconds(100));
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck, kRmqClientClose));
-  EXPECT_TRUE(MpaClient::Get(kSwitching)->IsMasterStubMissing());
-  EXPECT_EQ(MpaClient::Get(kSwitching)->connection_state(), MpaClient::kDisconnected);
-  EXPECT_FALSE(MpaClient::Get(kSwitching)->IsConnected());
+  EXPECT_TRUE(ClientRegistry::Get(kSwitching)->IsMasterStubMissing());
+  EXPECT_EQ(ClientRegistry::Get(kSwitching)->connection_state(), MpaClient::kDisconnected);
+  EXPECT_FALSE(ClientRegistry::Get(kSwitching)->IsConnected());
 
   manager->AddAph(kAph1, true);
   clock.RunFor(seconds(30));
@@ -362,7 +362,7 @@ TEST_F(ChannelTest, RemovedAphIsForgotten) {
   EXPECT_THAT(Snapshot(kSwitching).stubs, ElementsAre(kAph1));
   EXPECT_EQ(Snapshot(kSwitching).timers, 0u);
   EXPECT_EQ(Snapshot(kSwitching).in_flight, 0u);
-  EXPECT_EQ(MpaClient::Get(kSwitching)->Aphs().size(), 1u);
+  EXPECT_EQ(ClientRegistry::Get(kSwitching)->Aphs().size(), 1u);
 }
 
 // One outage is one CLOSE, whatever the state was in which it began.
@@ -372,7 +372,7 @@ TEST_F(ChannelTest, OutagesInEveryState) {
   Register(kLldp);
   proxy_client->Start();
   clock.RunFor(kReady);
-  const auto told_since = [this](size_t begin) {
+  const auto types_since = [this](size_t begin) {
     std::vector<int32_t> types = TypesSeenBy(kSwitching);
     EXPECT_EQ(types, TypesSeenBy(kLldp));
     types.erase(types.begin(), types.begin() + static_cast<std::ptrdiff_t>(begin));
@@ -399,22 +399,22 @@ TEST_F(ChannelTest, OutagesInEveryState) {
     clock.RunFor(milliseconds(500));
     manager->StopProxy();
     clock.RunFor(seconds(7));
-    EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose));
+    EXPECT_THAT(types_since(before), ElementsAre(kRmqClientClose));
     EXPECT_THAT(Snapshot(kSwitching).stubs, IsEmpty());
     EXPECT_EQ(Snapshot(kSwitching).timers, 0u);
     manager->StartProxy();
     manager->AddAph(kAph1, true);
     clock.RunFor(seconds(25));
-    EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
+    EXPECT_THAT(types_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
   }
   // The proxy lives on when the master leaves.
   const size_t before = SeenBy(kSwitching).size();
   ASSERT_TRUE(manager->RemoveAph(kAph1, false));
   clock.RunFor(seconds(1));
-  EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose));
+  EXPECT_THAT(types_since(before), ElementsAre(kRmqClientClose));
   ASSERT_TRUE(manager->SetMaster(kAph2));
   clock.RunFor(seconds(1));
-  EXPECT_THAT(told_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
+  EXPECT_THAT(types_since(before), ElementsAre(kRmqClientClose, kRmqClientRegistrationAck));
 }
 
 // A handshake that fails is tried after 10, 20, 30, 30 seconds without end; a success resets the delay.
@@ -446,7 +446,7 @@ TEST_F(ChannelTest, RefusedAppInitIsRetried) {
   EXPECT_EQ(requests(), expected + 2) << "the delay began again at 10 s";
 }
 
-// No answer for 30 s: the call is given up and a new one made; a late answer to the old one changes nothing.
+// Without an answer for 30 s the call is cancelled and repeated; a late answer to the old call has no effect.
 TEST_F(ChannelTest, SilentAppInitStartsOver) {
   StartManager();
   sim::AnswerRule late;
@@ -462,7 +462,7 @@ TEST_F(ChannelTest, SilentAppInitStartsOver) {
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
 }
 
-// Answers that are none are failures of the handshake, not of the client.
+// An app-init answer without a config fails the handshake and leaves the client usable.
 TEST_F(ChannelTest, GarbageAppInitAnswersAreRetried) {
   StartManager();
   for (const auto kind : {sim::AnswerRule::Kind::kGarbage, sim::AnswerRule::Kind::kWrongType}) {
@@ -483,7 +483,7 @@ TEST_F(ChannelTest, GarbageAppInitAnswersAreRetried) {
   }
 }
 
-// A request that nobody answers is forgotten after 300 s; the answer then has no call any more.
+// A request that is not answered is removed after 300 s; a later answer has no call any more.
 TEST_F(ChannelTest, StaleCallsArePurged) {
   StartManager();
   Register(kLldp);
@@ -527,7 +527,8 @@ TEST_F(ChannelTest, SecretsAreLoggedBySize) {
   }
 }
 
-// Lists that come faster than the delay of a stub do not put it off, neither the first nor a later one.
+// Lists that arrive faster than the delay of a stub do not postpone the stub, neither the first nor a later
+// one.
 TEST_F(ChannelTest, FrequentListsDoNotStarveTheStubs) {
   StartManager();
   Register(kSwitching);
@@ -567,9 +568,9 @@ TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
   network.Freeze("tcp://127.0.0.1:4096", true);
   clock.RunFor(kReady);
   ASSERT_GT(Snapshot(kSwitching).in_flight, 0u);
-  MpaClient::Get(kSwitching)->updateStubMap();
+  Private(kSwitching)->updateStubMap();
   EXPECT_TRUE(Snapshot(kSwitching).update_pending);
-  MpaClient::Get(kSwitching)->updateStubMap();
+  Private(kSwitching)->updateStubMap();
   EXPECT_TRUE(log.Contains("updateStubMap: Already Pending"));
   network.Freeze("tcp://127.0.0.1:4096", false);
   clock.RunFor(milliseconds(600));
@@ -580,17 +581,17 @@ TEST_F(ChannelTest, UpdateDuringCreationDropsTheStubAndStartsAgain) {
   EXPECT_THAT(TypesSeenBy(kSwitching), ElementsAre(kRmqClientRegistrationAck));
 }
 
-// A vertical that is called may take its time, or wait for somebody: a list that comes meanwhile is not held
-// up.
+// A vertical's callback may take long or wait for another thread; a list that arrives meanwhile is not
+// delayed.
 TEST_F(ChannelTest, NoLockIsHeldWhileAVerticalIsCalled) {
   StartManager();
   Register(kLldp);
   bool in_uuid_callback = false;
-  const auto list_comes = [] {
-    NativeThread other(NativeThread::Options{}, [] { MpaClient::Get(kLldp)->updateStubMap(); });
+  const auto list_comes = [this] {
+    NativeThread other(NativeThread::Options{}, [this] { Private(kLldp)->updateStubMap(); });
     other.Join();
   };
-  MpaClient::Get(kLldp)->Start([&](const std::string&) {
+  ClientRegistry::Get(kLldp)->Start([&](const std::string&) {
     if (!std::exchange(in_uuid_callback, true)) list_comes();
   });
   on_record = [&](const Seen& record) {
@@ -605,7 +606,7 @@ TEST_F(ChannelTest, NoLockIsHeldWhileAVerticalIsCalled) {
   EXPECT_THAT(TypesSeenBy(kLldp), ElementsAre(kRmqClientRegistrationAck, kRmqClientRegistrationAck));
 }
 
-// Context engine verticals come from a thread of their own, when everything is up already.
+// The context engine registers its verticals late, when the connection is up already.
 TEST_F(ChannelTest, LateVerticalCatchesUp) {
   StartManager();
   proxy_client->Start();
@@ -615,11 +616,11 @@ TEST_F(ChannelTest, LateVerticalCatchesUp) {
   EXPECT_THAT(TypesSeenBy("Context-Health"), ElementsAre(kRmqClientRegistrationAck));
 }
 
-// A name has one client: a second one would take the requests of the first and have none of its calls.
+// A name has one client: a second one would receive the requests of the first without having its calls.
 TEST_F(ChannelTest, SecondRegistrationOfANameIsRefused) {
   StartManager();
   Register(kLldp);
-  MpaClient::Register(
+  ClientRegistry::Register(
       provider, [](rmqClientMessage*) { ADD_FAILURE() << "this client does not exist"; }, kLldp, "unused", 1,
       9002, 30000000, 5000000);
   EXPECT_TRUE(log.Contains("LldpVertical is registered already"));
@@ -644,8 +645,8 @@ TEST_F(ChannelTest, UnregisteredVerticalLeavesNothingBehind) {
   Register(kSwitching);
   proxy_client->Start();
   clock.RunFor(kReady);
-  std::weak_ptr<MpaClient> weak = MpaClient::Get(kSwitching);
-  MpaClient::Unregister(kSwitching);
+  std::weak_ptr<MpaClient> weak = ClientRegistry::Get(kSwitching);
+  ClientRegistry::Unregister(kSwitching);
   clock.RunFor(seconds(1));
   EXPECT_TRUE(weak.expired());
   manager->SetMaster(kAph2);

@@ -1,5 +1,5 @@
-// What the proxy tells of the manager's proxies may come in any order, incomplete, and while the connections
-// come and go: after the last whole list the client knows exactly what that list says, and works.
+// The proxy's information may arrive in any order, incomplete, and while the connections come and go: after
+// the last complete list the client has exactly the content of that list, and works.
 
 #include <algorithm>
 #include <cstdint>
@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "mpaclient/mpa_client.h"
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/client_registry.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/core/virtual_clock.h"
 #include "platform/provider/provider.h"
 #include "platform/rpc/memory_network.h"
@@ -73,9 +73,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   auto proxy = std::make_unique<sim::Proxy>(kInfo, kForwarding);
   TnProxyClientCommon::Init("tarvik", kInfo, kForwarding);
   auto client = TnProxyClientCommon::getInstance();
-  MpaClient::Register(
+  ClientRegistry::Register(
       provider, [](rmqClientMessage*) {}, kName, "unused", 1, 9002, 30000000, 5000000);
-  MpaClient::Get(kName)->Start(nullptr);
+  ClientRegistry::Get(kName)->Start(nullptr);
   client->Start();
   for (int steps = 0; !input.empty() && steps < 32; ++steps) {
     switch (input.Next() % 8) {
@@ -109,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!client->connected_for_forwarding()) std::abort();
   if (client->aphs() != TnProxyClientCommon::AphMap{{Id(1), true}, {Id(2), false}}) std::abort();
   client->Stop();
-  MpaClient::Unregister(kName);
+  ClientRegistry::Unregister(kName);
   client.reset();
   TnProxyClientCommon::Release();
   proxy.reset();

@@ -14,7 +14,7 @@ using ::testing::IsEmpty;
 constexpr const char* kInfo = "tcp://127.0.0.1:9004";
 constexpr const char* kForwarding = "tcp://127.0.0.1:4096";
 
-// The proxy alone, told by hand what to say.
+// The proxy alone, with information that the test sets.
 class TnProxyClientTest : public ::testing::Test {
  protected:
   TnProxyClientTest() : client(std::make_shared<TnProxyClientCommon>("tarvik", kInfo, kForwarding)) {
@@ -75,7 +75,7 @@ TEST_F(TnProxyClientTest, ListAndForwardingMeetInAnyOrder) {
   EXPECT_THAT(TakeEvents(), ElementsAre("update"));
 }
 
-TEST_F(TnProxyClientTest, WhatTheListsSay) {
+TEST_F(TnProxyClientTest, ListsReplaceTheState) {
   sim::Proxy proxy(kInfo, kForwarding);
   client->Start();
   clock.RunFor(seconds(1));
@@ -117,7 +117,7 @@ TEST_F(TnProxyClientTest, WhatTheListsSay) {
   EXPECT_TRUE(log.Contains("errorCode=\"MPA00104\""));
 }
 
-// A subscription that the proxy ends while the connection lives is asked for again, once per end.
+// A subscription that the proxy ends while the connection lives is renewed once per end.
 TEST_F(TnProxyClientTest, EndedSubscriptionIsRenewed) {
   sim::Proxy proxy(kInfo, kForwarding);
   proxy.Publish(List(true));
@@ -137,8 +137,8 @@ TEST_F(TnProxyClientTest, EndedSubscriptionIsRenewed) {
   EXPECT_EQ(log.Count("ApplProxyInfoService: Subscribed."), 4u);
 }
 
-// A proxy that takes the connection but has no such service: tried each second, and anew from the connection
-// after 100.
+// A proxy that accepts the connection without having the service is tried each second; after 100 failures the
+// connection is made anew.
 TEST_F(TnProxyClientTest, HundredStubFailuresStartOver) {
   AsioZemProvider other;
   rpc::ServerBuilder builder(other.rpc());

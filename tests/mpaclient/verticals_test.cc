@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <google/protobuf/message.h>
 
+#include "mpaclient/unified_layout.h"
+
 namespace zem {
 namespace {
 

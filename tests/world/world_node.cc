@@ -10,7 +10,7 @@
 #include "framework/log/logger.h"
 #include "framework/node/platform_info.h"
 #include "framework/process/shutdown_pipe.h"
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/provider/work_group.h"
 #include "sim/sandbox/host_setup.h"
 #include "sim/sandbox/small_disk.h"

@@ -8,8 +8,8 @@
 
 #include "app/zema/app/zema_app.h"
 #include "covedbclient/covedb_client.h"
-#include "mpaclient/mpa_client.h"
-#include "mpaclient/mpa_client_private.h"
+#include "mpaclient/client_registry.h"
+#include "mpaclient/mpa_client_private_base.h"
 #include "sim/control/json.h"
 #include "sim/manager/random_config.h"
 #include "sim/sandbox/small_disk.h"
@@ -243,7 +243,7 @@ void WorldLife::CheckFileMigration(Lines* lines) {
 
 // The channel to the manager is whole, and nothing of what was under way is left in its tables.
 Lines WorldLife::CheckChannel() {
-  const auto client = std::dynamic_pointer_cast<MpaClientPrivateBase>(MpaClient::Get(kVertical));
+  const auto client = std::dynamic_pointer_cast<MpaClientPrivateBase>(ClientRegistry::Get(kVertical));
   if (client == nullptr) return {"the vertical has no client"};
   const auto now = client->snapshot();
   const struct {

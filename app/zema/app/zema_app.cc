@@ -28,7 +28,7 @@
 #include "framework/tasks/function_task.h"
 #include "framework/tasks/thread.h"
 #include "mpaclient/bus/bus_record.h"
-#include "mpaclient/mpa_client.h"
+#include "mpaclient/vertical/vertical_client.h"
 #include "platform/core/condition.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/timer.h"
@@ -42,13 +42,6 @@ namespace {
 namespace switching = orlane::zem::switching;
 
 constexpr LogSource kLog{"tarvik", "zema"};
-
-constexpr const char* kVertical = "SwitchingVertical";
-constexpr const char* kSecondName = "unused";
-constexpr uint32_t kVersionField = 1;
-constexpr uint16_t kTypeCode = 9002;
-constexpr uint64_t kTimeoutUs = 30'000'000;
-constexpr uint64_t kIntervalUs = 1'000'000;
 
 constexpr uint32_t kHostNodes = kNodeQub | kNodeKvm | kNodeBareMetalServer | kNodeBareMetalContainer;
 constexpr uint32_t kEdgeNodes = kNodeEdge | kNodePublicCloudGateway;
@@ -106,20 +99,19 @@ class ZemaApp::Impl {
   std::shared_ptr<zema::Realization> started_realization() const;
   void MakeDispatch(const std::shared_ptr<zema::Realization>& realization);
   void SetStarted();
-  std::shared_ptr<MpaClient> client() const { return MpaClient::Get(kVertical); }
   std::shared_ptr<zema::CoveDbHandler> GetCoveDbHandler();
 
-  // The receive callback.
-  void ZemaAppRxCallback(const rmqClientMessage& message);
-  void TakeClose(const rmqClientMessage& message);
-  void TakeAck(const rmqClientMessage& message);
-  void TakePayload(const rmqClientMessage& message);
-  void TakeOnEdge(const rmqClientMessage& message);
+  // What the manager sends.
+  void TakeClose();
+  void TakeAck(uint32_t major, uint32_t minor);
+  void TakePayload(const VerticalRecord& record);
+  void TakeOnEdge(const VerticalRecord& record);
 
   zema::OptionsStore options_;
   zema::ConfigFiles files_;
   zema::HostConfigState state_;
   zema::IOService io_;
+  VerticalClient vertical_;
   zema::ManagerSender sender_;
   std::mutex store_mutex_;  // guards the handler's first use
   std::shared_ptr<zema::CoveDbHandler> store_;
@@ -134,11 +126,21 @@ ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
     : app_(app),
       provider_(provider),
       store_client_(std::move(store)),
-      sender_([this] { return client(); }, options_),
+      vertical_(provider, GetVertical(VerticalId::kSwitching),
+                {.payload = [this](const VerticalRecord& record) { TakePayload(record); },
+                 .opened = [this](uint32_t major, uint32_t minor) { TakeAck(major, minor); },
+                 .closed = [this] { TakeClose(); },
+                 .intercept =
+                     [this](const VerticalRecord& record) {
+                       if (!edge_ || record.type() == kRmqClientClose) return false;
+                       TakeOnEdge(record);
+                       return true;
+                     }}),
+      sender_(vertical_, options_),
       controller_list_(provider,
                        {[this] { return options_.Snapshot().controller_info; }, MakeControllerContext(),
-                        [this](const rmqClientMessage& message) {
-                          if (edge_) TakeOnEdge(message);
+                        [this](const VerticalRecord& record) {
+                          if (edge_) TakeOnEdge(record);
                         }}),
       edge_maintenance_(zema::EdgeService(), app),
       edge_((GetNodeType() & kEdgeNodes) != 0) {}
@@ -169,14 +171,13 @@ std::shared_ptr<controller::ControllerContext> ZemaApp::Impl::MakeControllerCont
 
 void ZemaApp::Impl::Register() {
   try {
-    MpaClient::Register(
-        provider_, [this](rmqClientMessage* message) { ZemaAppRxCallback(*message); }, kVertical, kSecondName,
-        kVersionField, kTypeCode, kTimeoutUs, kIntervalUs);
+    vertical_.Register();
   } catch (const std::exception& e) {
-    ZLOG_TO(kLog, kLogError, "[%s] Error Registering %s to MPA: %s", "Start", kVertical, e.what());
+    ZLOG_TO(kLog, kLogError, "[%s] Error Registering %s to MPA: %s", "Start",
+            GetVertical(VerticalId::kSwitching).name, e.what());
     throw;
   }
-  if (client() == nullptr) {
+  if (!vertical_.registered()) {
     ZLOG_TO(kLog, kLogError, "[%s] Invalid MPA Client Stub", "Start");
     throw std::runtime_error("Invalid MPA Client Stub");
   }
@@ -216,7 +217,7 @@ void ZemaApp::Impl::StartEdge() {
     throw std::runtime_error("failed to start the threads of the controller list");
   }
   if (const auto store = GetCoveDbHandler()) store->ConfigureMonitors();
-  client()->Start(nullptr);
+  vertical_.Start();
   controller_list_.Start();
   SetStarted();
 }
@@ -284,7 +285,7 @@ void ZemaApp::Impl::StartUp() {
     if (WaitForShutdown(std::chrono::seconds(delay))) return;
   }
   if (const auto store = GetCoveDbHandler()) store->RegisterChannelStatus();
-  client()->Start(nullptr);
+  vertical_.Start();
   try {
     controller_list_.Start();
   } catch (const std::exception& e) {
@@ -324,8 +325,7 @@ void ZemaApp::Impl::Stop(int reason) {
     if (edge_) zema::StopTaskThreads();
   }
   if (reason == 0) io_.Stop();
-  if (const auto stub = client()) stub->Stop();
-  MpaClient::Unregister(kVertical);
+  vertical_.Stop();
   {
     const std::lock_guard lock(mutex_);
     dispatch_.reset();
@@ -353,61 +353,16 @@ bool ZemaApp::Impl::Send(const char* operation, const char* type,
 
 // --- In.
 
-void ZemaApp::Impl::ZemaAppRxCallback(const rmqClientMessage& message) {
-  if (message.msg_type == kRmqClientClose) {
-    TakeClose(message);
-    return;
-  }
-  if (edge_) {
-    TakeOnEdge(message);
-    return;
-  }
-  switch (message.msg_type) {
-    case kRmqClientRegistrationAck:
-      TakeAck(message);
-      return;
-    case kRmqClientPayload:
-    case kRmqMpRpcRequest:
-    case kRmqMpRpcResponse:
-    case kRmqClientRpcResponse:
-    case kRmqMpPublish:
-      TakePayload(message);
-      return;
-    default: {
-      std::string name = BusMessageTypeName(message.msg_type);
-      if (name.rfind("UNKNOWN", 0) == 0) name += " " + std::to_string(message.msg_type);
-      ZLOG_ERROR("41520",
-                 "[%s] Unrecognized RMQ messageType [%s] from MPA. Disconnect from mpa due to unrecognized "
-                 "message, cookieId [%d]",
-                 __func__, name.c_str(), message.cookie);
-    }
-  }
-}
-
-void ZemaApp::Impl::TakeClose(const rmqClientMessage& message) {
+void ZemaApp::Impl::TakeClose() {
   if (const auto current = realization(); current && current->health() != nullptr) {
     current->health()->mpaDisconnected();
   }
-  const auto stub = client();
-  const int32_t cookie = stub ? stub->cookie() : -1;
-  if (message.cookie == cookie) {
-    ZLOG_INFO("[%s] Got CLIENT CLOSE Message for cookie:[%d], disconnected from MPA\n", "ZemaAppRxCallback",
-              cookie);
-  } else {
-    ZLOG_ERROR("41516", "[%s] Message's cookieId [%d] does not match with [%d], ignored\n",
-               "ZemaAppRxCallback", message.cookie, cookie);
-  }
 }
 
-void ZemaApp::Impl::TakeAck(const rmqClientMessage& message) {
-  ZLOG_INFO(
-      "Received client registration ACK from MPA, sending/receiving messages is enabled using cookie [%d]",
-      message.cookie);
+void ZemaApp::Impl::TakeAck(uint32_t major, uint32_t minor) {
   if (const auto current = realization(); current && current->health() != nullptr) {
     current->health()->mpaConnected();
   }
-  const uint32_t major = message.mp_major_version;
-  const uint32_t minor = message.mp_minor_version;
   if (!KeepsLogicalSwitchesInStore(major, minor)) {
     ZLOG_INFO("[%s] Skip registering for Db events, Appliance version [%u].[%u]", "ZemaAppRxCallback", major,
               minor);
@@ -417,32 +372,31 @@ void ZemaApp::Impl::TakeAck(const rmqClientMessage& message) {
   if (const auto store = GetCoveDbHandler()) store->ConfigureMonitors();
 }
 
-void ZemaApp::Impl::TakePayload(const rmqClientMessage& message) {
+void ZemaApp::Impl::TakePayload(const VerticalRecord& record) {
   std::shared_ptr<zema::MessageDispatch> dispatch;
   {
     const std::lock_guard lock(mutex_);
     dispatch = dispatch_;
   }
   if (dispatch == nullptr) return;
-  const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+  const BusHeader& header = record.header;
   if (header.vdr_request_id) {
     ZLOG_DEBUG("[%s] request [%" PRId64 "] of the router", "ZemaAppRxCallback", *header.vdr_request_id);
   }
-  dispatch->ProcessReceiveMessages(
-      header.session_id + ":" + header.message_id, header.type_id,
-      {reinterpret_cast<const char*>(message.payload), message.payload == nullptr ? 0 : message.payload_len},
-      header.correlation_id, header.reply_to, HeaderBytes(header));
+  dispatch->ProcessReceiveMessages(header.session_id + ":" + header.message_id, header.type_id,
+                                   record.payload(), header.correlation_id, header.reply_to,
+                                   HeaderBytes(header));
 }
 
-// An edge stores what it is told; others read it there.
-void ZemaApp::Impl::TakeOnEdge(const rmqClientMessage& message) {
+// An edge writes each message to the store, where other processes read it.
+void ZemaApp::Impl::TakeOnEdge(const VerticalRecord& record) {
   const auto store = GetCoveDbHandler();
-  if (message.payload == nullptr || store == nullptr) return;
-  const BusHeader header = BusHeader::Of(message).value_or(BusHeader());
+  if (record.raw.payload == nullptr || store == nullptr) return;
+  const BusHeader& header = record.header;
   RawBusMessage raw;
   raw.type = header.type_id;
   raw.header = HeaderBytes(header);
-  raw.payload.assign(reinterpret_cast<const char*>(message.payload), message.payload_len);
+  raw.payload = record.payload();
   raw.correlation_id = header.correlation_id;
   raw.reply_to = header.reply_to;
   const std::string payload = raw.payload;

@@ -1,4 +1,4 @@
-// What goes to the manager, each under the name of its message.
+// The replies to the manager; each is sent under the full name of its message.
 
 #include "app/zema/app/zema_app.h"
 #include "proto/switching/switching.pb.h"

@@ -1,20 +1,15 @@
 #pragma once
 
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "app/zema/manager/zem_manager.h"
+#include "mpaclient/vertical/vertical_client.h"
 
 namespace orlane::zem::switching {
 class VifMsg;
-}
-
-namespace zem {
-class MpaClient;
 }
 
 namespace zem::zema {
@@ -25,11 +20,9 @@ namespace zem::zema {
 /// It waits for the manager where it has to, so it runs on the realization's own threads only.
 class ManagerSender final : public VifSender {
  public:
-  /// Null before the registration.
-  using Client = std::function<std::shared_ptr<MpaClient>()>;
-
-  /// `options`, whose `mp.vifOperationTimeout` limits the waits, has to outlive the sender.
-  ManagerSender(Client client, OptionsStore& options) : client_(std::move(client)), options_(options) {}
+  /// `vertical` is the realization's; `mp.vifOperationTimeout` of the options limits the waits.  Both outlive
+  /// the sender.
+  ManagerSender(VerticalClient& vertical, OptionsStore& options) : vertical_(vertical), options_(options) {}
 
   /// `type` is the full message name.  False when the manager cannot be reached in time or the type is
   /// unknown.
@@ -45,11 +38,11 @@ class ManagerSender final : public VifSender {
 
  private:
   bool SendVif(const orlane::zem::switching::VifMsg& message, std::string* message_id);
-  bool WaitForManager(MpaClient& client, int limit_s) const;
-  bool SendMsgToAph(MpaClient& client, const struct OutgoingRecord& record, int limit_s) const;
+  bool WaitForManager(int limit_s) const;
+  bool SendMsgToAph(const VerticalClient::Outgoing& message, int limit_s) const;
   bool Pause(int seconds) const;
 
-  const Client client_;
+  VerticalClient& vertical_;
   OptionsStore& options_;
 };
 

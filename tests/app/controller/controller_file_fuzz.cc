@@ -1,5 +1,5 @@
-// The controllers' file is written by others too: any bytes must be read to the end or refused, and what was
-// read must come back from what is written of it.
+// Other programs write the controllers' file too: any bytes must be parsed or refused, and a parsed file must
+// survive writing and parsing.
 
 #include <boost/property_tree/ptree.hpp>
 #include <cstdint>
@@ -12,8 +12,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace zem::controller;
   boost::property_tree::ptree tree;
-  std::string error;
-  if (!ControllerFile::Parse({reinterpret_cast<const char*>(data), size}, &tree, &error)) return 0;
+  if (!ControllerFile::Parse({reinterpret_cast<const char*>(data), size}, &tree)) return 0;
   const auto list = tree.get_child_optional("config.connectionList");
   if (!list) return 0;
   for (const auto& [name, element] : *list) {

@@ -125,7 +125,7 @@ std::string Escaped(const std::string& text) {
   return escaped;
 }
 
-TEST_F(ControllerListTest, WritesWhatTheManagerSaysAndKeepsTheRest) {
+TEST_F(ControllerListTest, WritesTheManagersListAndKeepsTheRest) {
   host_.SetHostId(kTn);
   const std::string pem = MakePem(1) + MakePem(2);
   Handle(Update(Controller("10.0.0.1", 1235, 1,
@@ -149,7 +149,7 @@ TEST_F(ControllerListTest, WritesWhatTheManagerSaysAndKeepsTheRest) {
   }
   EXPECT_EQ(Reloads(), 1U);
   EXPECT_EQ(dir_.Read("shown"), file);
-  // The same again leaves the same, and the id is told once.
+  // A repeated update leaves the file unchanged, and the id is written once.
   RunTasks();
   Handle(Update(Controller("10.0.0.2", 1235, 0, "ssl_enabled: false")));
   EXPECT_EQ(CountOf("<connection ", File()), 1U);
@@ -181,7 +181,7 @@ TEST_F(ControllerListTest, MergesByUuidElseByAddress) {
        Controller("10.0.0.1", 1, 0),
        Controller("10.0.0.1", 2, 0),
        {"<server>10.0.0.1</server><port>2</port>"}},
-      {"who is not told again goes",
+      {"a controller that is missing in the update is removed",
        Controller("10.0.0.1", 1, 1) + Controller("10.0.0.2", 1, 2),
        Controller("10.0.0.2", 1, 2),
        {"<server>10.0.0.2</server>"}},
@@ -220,7 +220,7 @@ TEST_F(ControllerListTest, AnEmptyListDoesNotWriteTheTransportNode) {
   EXPECT_TRUE(tasks_.empty());
 }
 
-TEST_F(ControllerListTest, OneBadEntryAndNothingHappens) {
+TEST_F(ControllerListTest, OneBadEntryRefusesTheWholeList) {
   const std::string good = Controller("10.0.0.1", 1, 1);
   Handle(Update(good));
   const std::string before = File();
@@ -251,7 +251,7 @@ TEST_F(ControllerListTest, OneBadEntryAndNothingHappens) {
   }
 }
 
-TEST_F(ControllerListTest, ALostTornOrForeignFileIsMadeAnew) {
+TEST_F(ControllerListTest, AMissingTornOrForeignFileIsRewritten) {
   std::string deep;
   for (int i = 0; i < 100'000; ++i) deep += "<a>";
   const std::string files[] = {"", "<config><connectionList>", "<other/>", "<config/><config/>", deep};
@@ -289,7 +289,7 @@ TEST_F(ControllerListTest, ALostTornOrForeignFileIsMadeAnew) {
   EXPECT_EQ(CountOf("<connection ", File()), 1U);
 }
 
-TEST_F(ControllerListTest, WaitsForOtherWritersAndTakesWhatTheyLeft) {
+TEST_F(ControllerListTest, WaitsForOtherWritersAndReadsTheirFile) {
   const UniqueFd other(::open(context_->file.path().c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
   Handle(Update(Controller("10.0.0.1", 1, 1)));
@@ -303,7 +303,7 @@ TEST_F(ControllerListTest, WaitsForOtherWritersAndTakesWhatTheyLeft) {
   EXPECT_NE(File().find("<mark/>"), std::string::npos);
 }
 
-TEST_F(ControllerListTest, TheTransportNodeIdIsTriedUntilTheProxyHasIt) {
+TEST_F(ControllerListTest, TheTransportNodeIdIsRetriedUntilTheProxyHasIt) {
   dir_.Write("refuse", "");
   UpdateTnUuidInFile(context_, kTn);
   RunTasks();

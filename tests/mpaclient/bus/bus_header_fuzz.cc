@@ -1,5 +1,5 @@
-// The header of a record comes from other processes: any bytes must be read or refused, within their length,
-// and what was read must come back from what is written of it.
+// The header of a record comes from other processes: any bytes must be decoded or refused without reading
+// past their end, and a decoded header must survive encoding and decoding.
 
 #include <cstdint>
 #include <cstdlib>

@@ -61,7 +61,7 @@ TEST(BusHeaderTest, ForeignKeysAndTypesAreSkipped) {
   EXPECT_EQ(read->msg_type, 5);
 }
 
-// A document cut or bent anywhere is refused or read, never read beyond.
+// A truncated or damaged document is refused or decoded, without reading past its end.
 TEST(BusHeaderTest, BrokenBytesAreContained) {
   BusHeader header;
   header.type_id = "type";

@@ -16,7 +16,8 @@
 #include "app/zema/workers/worker_table.h"
 #include "framework/node/platform_info.h"
 #include "framework/process/shutdown_pipe.h"
-#include "mpaclient/mpa_client.h"
+#include "mpaclient/vertical/vertical_client.h"
+#include "mpaclient/verticals.h"
 #include "platform/provider/provider.h"
 #include "sim/sandbox/host_setup.h"
 #include "sim/switch/library_folder.h"
@@ -66,7 +67,8 @@ class Starts {
   HostConfigState state_;
   WorkerTable workers_;
   HostConfigCallbacks callbacks_;
-  ManagerSender vif_sender_{[] { return std::shared_ptr<MpaClient>(); }, options_};
+  VerticalClient vertical_{provider_, GetVertical(VerticalId::kSwitching), {}};
+  ManagerSender vif_sender_{vertical_, options_};
   Realization::Settings settings_;
   bool healthy_ = false;
 };

@@ -24,7 +24,8 @@ class ManagerSenderTest : public ChannelTest {
   sim::Received Last() { return manager->ReceivedFrom(kSwitching, 0).back(); }
 
   OptionsStore options;
-  ManagerSender sender{[] { return MpaClient::Get(kSwitching); }, options};
+  VerticalClient vertical{provider, GetVertical(VerticalId::kSwitching), {}};
+  ManagerSender sender{vertical, options};
 };
 
 // Each type goes as the record and under the correlation that it has.
@@ -48,38 +49,6 @@ TEST_F(ManagerSenderTest, TypesAndCorrelations) {
   EXPECT_FALSE(Send("HostSwitchMsg", "", ""));
   EXPECT_TRUE(
       log.Contains("[SendMsg] Unsupported message type com.orlane.zem.switching.HostSwitchMsg to MPA"));
-}
-
-// Takes one record as the bus would.
-class OneRecordBus final : public RmqClient {
- public:
-  int SendToVSM(rmqClientMessage* message) override {
-    header = BusHeader::Of(*message).value_or(BusHeader());
-    content_type = message->content_type;
-    return 0;
-  }
-  BusHeader header;
-  std::string content_type;
-};
-
-// The bus sees in the header what carries the message, and under which id.
-TEST_F(ManagerSenderTest, HeaderOnTheBus) {
-  const boost::intrusive_ptr<OneRecordBus> bus(new OneRecordBus);
-  MpaClient::SetBusForTest([&] { return bus; });
-  verticals.emplace_back(kSwitching);
-  MpaClient::Register(
-      provider, [](rmqClientMessage*) {}, kSwitching, "unused", 1, MpaClient::kBusPort, 30000000, 5000000);
-  MpaClient::SetBusForTest(nullptr);
-  BusRecord ack(kRmqClientRegistrationAck);
-  ack.SetApp(kSwitching, "");
-  rmqClientMessage message = ack.message();
-  MpaClient::Deliver(&message);
-  std::string message_id;
-  ASSERT_TRUE(sender.SendMsg("com.orlane.zem.switching.ChecksumMsg", "", "", "", &message_id));
-  EXPECT_EQ(bus->header.type_id, "com.orlane.zem.switching.ChecksumMsg");
-  EXPECT_EQ(bus->header.msg_class, "com.orlane.zem.customer.ClientRpcRequest");
-  EXPECT_EQ(bus->header.message_id, message_id);
-  EXPECT_EQ(bus->content_type, kProtobufContent);
 }
 
 // What no proxy can take is given up at once; what lacks a road goes to another proxy, an answer whose asker

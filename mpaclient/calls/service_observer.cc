@@ -1,16 +1,14 @@
-#include "mpaclient/service_observer.h"
+#include "mpaclient/calls/service_observer.h"
 
 #include "framework/log/log.h"
-#include "mpaclient/mpa_client_app_specific.h"
 
 namespace zem {
 namespace {
 constexpr LogSource kLog{"mpa-client"};
 }  // namespace
 
-ServiceObserver::ServiceObserver(std::weak_ptr<MpaClientAppSpecific> client, const char* name,
-                                 uint32_t sequence)
-    : client_(std::move(client)), name_(name), sequence_(sequence) {}
+ServiceObserver::ServiceObserver(std::weak_ptr<AnswerHandler> handler, const char* name, uint32_t sequence)
+    : handler_(std::move(handler)), name_(name), sequence_(sequence) {}
 
 void ServiceObserver::PrepareResponse(BusRecord response, BusHeader header) {
   response_ = std::move(response);
@@ -19,7 +17,7 @@ void ServiceObserver::PrepareResponse(BusRecord response, BusHeader header) {
 
 void ServiceObserver::Next(const orlane::zem::messaging::GenericUnifiedMsg& message) {
   ZLOG_DEBUG("%s::Next Begin", name_);
-  if (client_.expired()) {
+  if (handler_.expired()) {
     ZLOG_WARN("MpaClient has been destroyed already.");
     return;
   }
@@ -30,16 +28,12 @@ void ServiceObserver::Next(const orlane::zem::messaging::GenericUnifiedMsg& mess
 void ServiceObserver::CallStatus(const rpc::Status& status) {
   const std::unique_ptr<ServiceObserver> self(this);
   if (!status.ok()) ZLOG_INFO("%s::CallStatus (%s)", name_, status.ToString().c_str());
-  const auto client = client_.lock();
-  if (!client) {
+  const auto handler = handler_.lock();
+  if (!handler) {
     ZLOG_WARN("MpaClient has been destroyed already.");
     return;
   }
-  // The mutex covers the notes of this call only: the vertical that gets the answer may well send the next
-  // request.
-  client->SetLastCallStatus(status);
-  client->HandleMpResponse(status, answer_, this);
-  if (sequence_ != 0) client->DeleteFromSeqToCallHandleMap(sequence_);
+  handler->HandleMpResponse(status, answer_, this);
 }
 
 void VoidMsgObserver::Next(const orlane::zem::VoidMsg&) { ZLOG_DEBUG("VoidMsgObserver::Next"); }

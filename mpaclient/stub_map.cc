@@ -1,10 +1,9 @@
-// The stubs of one vertical's client: how a new list of APHs takes the place of the old one, and how stubs
-// are made, lost and made again.
+#include "mpaclient/stub_map.h"
 
 #include "framework/log/log.h"
+#include "mpaclient/app_init.h"
 #include "mpaclient/mpa_client_app_specific.h"
-#include "mpaclient/mpa_client_private.h"
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/timer.h"
 
@@ -18,14 +17,88 @@ constexpr int64_t kStubTimeoutMs = 10000;
 
 RetryPolicy StubRetryPolicy() { return RetryPolicy(1000, 10000, 2.0, -1); }
 
-// The library tries once; the client's own policy decides on further tries.
+// The RPC library makes one attempt; the retry policy of the APH decides on further ones.
 RetryPolicy SingleTry() { return RetryPolicy(1000000, 10000000, 2.0, 0); }
 
 }  // namespace
 
-void MpaClientPrivateBase::CleanUpForStubs() {
+StubMap::StubMap(std::string app_type, std::string app_id, Peers peers)
+    : app_type_(std::move(app_type)), app_id_(std::move(app_id)), peers_(std::move(peers)) {}
+
+StubMap::~StubMap() = default;
+
+void StubMap::CancelUpdate() {
+  const std::lock_guard lock(stub_mutex_);
+  if (reschedule_timer_) reschedule_timer_->Cancel();
+}
+
+std::string StubMap::FirstMaster(const std::map<std::string, bool>& aphs) {
+  for (const auto& [aph, is_master] : aphs) {
+    if (is_master) return aph;
+  }
+  return {};
+}
+
+std::string StubMap::MasterAph() const {
+  std::string master;
+  {
+    std::shared_lock lock(aph_mutex_);
+    master = FirstMaster(aph_map_);
+  }
+  ZLOG_DEBUG("MasterAph uuid : %s.", master.c_str());
+  return master;
+}
+
+bool StubMap::IsMaster(const std::string& aph) const { return aph == MasterAph(); }
+
+bool StubMap::IsMasterStubMissing() const {
+  std::shared_lock lock(stub_mutex_);
+  return !master_stub_;
+}
+
+std::map<std::string, bool> StubMap::Aphs() const {
+  std::shared_lock lock(aph_mutex_);
+  return aph_map_;
+}
+
+std::shared_ptr<MpStub> StubMap::FindStub(const std::string& aph) const {
+  const char* const name = app_type_.c_str();
+  const bool master = aph.empty();
+  const std::string id = master ? MasterAph() : aph;
+  if (master) {
+    ZLOG_DEBUG("[%s] getMPStubs Begin", name);
+  } else {
+    ZLOG_DEBUG("[%s] getAphStub Aph: (%s)", name, id.c_str());
+  }
+  std::shared_ptr<MpStub> stub;
+  {
+    std::shared_lock lock(stub_mutex_);
+    const auto found = stub_map_.find(id);
+    if (found != stub_map_.end()) stub = found->second;
+  }
+  if (!master) {
+    ZLOG_DEBUG("[%s] getAphStub End, Aph: (%s), exist (%s)", name, id.c_str(), stub ? "true" : "false");
+  } else if (!stub) {
+    ZLOG_WARN("[%s] getMPStubs No stub present for APH (%s)", name, id.c_str());
+  }
+  return stub;
+}
+
+StubMap::Snapshot StubMap::snapshot() const {
+  Snapshot snapshot;
+  snapshot.master = MasterAph();
+  std::shared_lock lock(stub_mutex_);
+  for (const auto& [aph, stub] : stub_map_) snapshot.stubs.push_back(aph);
+  snapshot.in_flight = in_flight_.size();
+  snapshot.timers = timer_map_.size();
+  snapshot.update_pending = update_stub_pending_;
+  snapshot.master_stub = master_stub_;
+  return snapshot;
+}
+
+void StubMap::CleanUpForStubs() {
   ZLOG_INFO("[%s] CleanUpForStubs", app_type_.c_str());
-  StubMap dropped;  // closed after the lock
+  Stubs dropped;  // closed after the lock
   {
     std::lock_guard lock(stub_mutex_);
     master_stub_ = false;
@@ -33,20 +106,20 @@ void MpaClientPrivateBase::CleanUpForStubs() {
     dropped.swap(stub_map_);
     retry_countdown_.Reset();
   }
-  if (app_specific_) app_specific_->PurgeCallHandleMap();
+  peers_.app_specific.calls().PurgeCallHandleMap();
   ZLOG_INFO("[%s] CleanUpForStubs Done", app_type_.c_str());
 }
 
-// With the stub lock held.  Timers of the APHs in `kept` run on: were each list to start them anew, lists
-// that come faster than the shortest delay would keep every stub from being made.
-void MpaClientPrivateBase::ClearTimerMap(const std::map<std::string, bool>& kept) {
+// With the stub lock held.  The timers of the APHs in `kept` continue: if each list restarted them, lists
+// that arrive faster than the shortest delay would prevent every stub from being made.
+void StubMap::ClearTimerMap(const std::map<std::string, bool>& kept) {
   ZLOG_INFO("[%s] ClearTimerMap (%lu)", app_type_.c_str(), static_cast<unsigned long>(timer_map_.size()));
   for (const auto& [aph, timer] : timer_map_) in_flight_.erase(aph);
   DropTimersBut(kept);
 }
 
 // With the stub lock held.
-void MpaClientPrivateBase::DropTimersBut(const std::map<std::string, bool>& kept) {
+void StubMap::DropTimersBut(const std::map<std::string, bool>& kept) {
   for (auto entry = timer_map_.begin(); entry != timer_map_.end();) {
     if (kept.contains(entry->first)) {
       ++entry;
@@ -57,12 +130,12 @@ void MpaClientPrivateBase::DropTimersBut(const std::map<std::string, bool>& kept
   }
 }
 
-void MpaClientPrivateBase::updateStubMap() {
+void StubMap::updateStubMap(const std::function<void(const std::string&)>& uuid_callback) {
   const char* const name = app_type_.c_str();
   {
     std::lock_guard update_lock(update_mutex_);
     ZLOG_DEBUG("[%s] updateStubMap", name);
-    const auto listed = proxy_client_ ? proxy_client_->aphs() : std::map<std::string, bool>();
+    const auto listed = peers_.proxy_client ? peers_.proxy_client->aphs() : std::map<std::string, bool>();
     std::lock_guard lock(stub_mutex_);
     if (update_stub_pending_) {
       ZLOG_INFO("[%s] updateStubMap: Already Pending", name);
@@ -73,26 +146,25 @@ void MpaClientPrivateBase::updateStubMap() {
     ClearTimerMap(listed);
     retry_countdown_.Reset();
   }
-  // The pending mark keeps other changes out meanwhile.
-  if (uuid_callback_ && proxy_client_) uuid_callback_(proxy_client_->getTnUuidStr());
-  UpdateAndTell();
+  // While the update is pending, other changes return early.
+  if (uuid_callback && peers_.proxy_client) uuid_callback(peers_.proxy_client->getTnUuidStr());
+  Update();
 }
 
-// What the change means for the vertical is told after the update mutex: the vertical may well send, or take
-// its time.
-void MpaClientPrivateBase::UpdateAndTell() {
+// The vertical is notified after the update mutex is released, because its callback may send or take long.
+void StubMap::Update() {
   Due due;
   {
     std::lock_guard update_lock(update_mutex_);
     due = PerformUpdateStubMap();
   }
-  if (due.close) app_specific_->SendCloseToServedVertical(0);
+  if (due.close) peers_.app_specific.SendCloseToServedVertical(0);
   if (!due.handshake) return;
-  SetConnectionState(kConnected);
-  AppInitHandshake();
+  peers_.connection.SetRoad(BusConnection::kConnected);
+  peers_.app_init.AppInitHandshake();
 }
 
-bool MpaClientPrivateBase::WaitForInfightStubCreateRequest() {
+bool StubMap::WaitForInfightStubCreateRequest() {
   const char* const name = app_type_.c_str();
   ZLOG_INFO("[%s] WaitForInfightStubCreateRequest", name);
   std::shared_lock lock(stub_mutex_);
@@ -106,18 +178,18 @@ bool MpaClientPrivateBase::WaitForInfightStubCreateRequest() {
 }
 
 // With the update mutex held.
-MpaClientPrivateBase::Due MpaClientPrivateBase::PerformUpdateStubMap() {
+StubMap::Due StubMap::PerformUpdateStubMap() {
   const char* const name = app_type_.c_str();
   if (WaitForInfightStubCreateRequest()) {
     ZLOG_INFO("[%s] performUpdateStubMap: Re-scheduling self on provider thread", name);
-    auto timer = forwarding_provider_->timers().Schedule(
-        std::chrono::milliseconds(kRescheduleMs), [weak = weak_from_this()] {
-          const auto self = weak.lock();
-          if (!self) {
+    auto timer = peers_.provider.timers().Schedule(
+        std::chrono::milliseconds(kRescheduleMs), [this, owner = peers_.owner] {
+          const auto alive = owner.lock();
+          if (!alive) {
             ZLOG_WARN("performUpdateStubMapCb: MpaClientPrivate has been destroyed already");
             return;
           }
-          self->UpdateAndTell();
+          Update();
         });
     std::lock_guard lock(stub_mutex_);
     reschedule_timer_ = std::move(timer);
@@ -127,7 +199,7 @@ MpaClientPrivateBase::Due MpaClientPrivateBase::PerformUpdateStubMap() {
     std::lock_guard lock(stub_mutex_);
     update_stub_pending_ = false;
   }
-  const auto new_map = proxy_client_ ? proxy_client_->aphs() : std::map<std::string, bool>();
+  const auto new_map = peers_.proxy_client ? peers_.proxy_client->aphs() : std::map<std::string, bool>();
   std::map<std::string, bool> old_map;
   {
     std::lock_guard lock(aph_mutex_);
@@ -138,33 +210,30 @@ MpaClientPrivateBase::Due MpaClientPrivateBase::PerformUpdateStubMap() {
   return due;
 }
 
-void MpaClientPrivateBase::NewMaster(const std::string& aph) {
+void StubMap::NewMaster(const std::string& aph) {
   ZLOG_INFO("[%s] performUpdateStubMap: New Master APH (%s)", app_type_.c_str(), aph.c_str());
-  GetNewAppInitSequenceNumber();
-  {
-    std::lock_guard lock(app_init_mutex_);
-    app_init_completed_ = false;
-  }
+  peers_.app_init.GetNewAppInitSequenceNumber();
+  peers_.app_init.ForgetCompletion();
   LoseMasterStub();
 }
 
-// Until the master has a stub, the client waits for one like a client that has just begun.
-void MpaClientPrivateBase::LoseMasterStub() {
+// Until the new master has a stub, the client is in the state of a client that has just started.
+void StubMap::LoseMasterStub() {
   {
     std::lock_guard lock(stub_mutex_);
     master_stub_ = false;
   }
-  SetConnectionState(kDisconnected);
+  peers_.connection.SetRoad(BusConnection::kDisconnected);
 }
 
-MpaClientPrivateBase::Due MpaClientPrivateBase::ApplyNewMaps(const std::map<std::string, bool>& old_map,
-                                                             const std::map<std::string, bool>& new_map) {
+StubMap::Due StubMap::ApplyNewMaps(const std::map<std::string, bool>& old_map,
+                                   const std::map<std::string, bool>& new_map) {
   const char* const name = app_type_.c_str();
   Due due;
   for (const auto& [aph, was_master] : old_map) {
     if (new_map.count(aph) != 0) continue;
-    // The stream of a stub that is dropped here does not tell its end.
-    if (IsServing(aph)) due.close = true;
+    // A stub that is dropped here does not report the end of its stream.
+    if (peers_.app_init.IsServing(aph)) due.close = true;
     std::shared_ptr<MpStub> dropped;
     std::lock_guard lock(stub_mutex_);
     const auto stub = stub_map_.find(aph);
@@ -177,7 +246,7 @@ MpaClientPrivateBase::Due MpaClientPrivateBase::ApplyNewMaps(const std::map<std:
     retry_policies_.erase(aph);
   }
   {
-    // The list may have changed again since the change began.
+    // The list may have changed again since this update began.
     std::lock_guard lock(stub_mutex_);
     DropTimersBut(new_map);
   }
@@ -210,51 +279,46 @@ MpaClientPrivateBase::Due MpaClientPrivateBase::ApplyNewMaps(const std::map<std:
     }
   }
   if (due.handshake) {
-    // The new master's stub exists already, so nobody else will set this.
+    // The new master's stub exists already, so no stub creation will set the flag.
     std::lock_guard lock(stub_mutex_);
     master_stub_ = true;
   }
   return due;
 }
 
-void MpaClientPrivateBase::ScheduleStubCreation(const std::string& aph, int64_t delay_ms) {
+void StubMap::ScheduleStubCreation(const std::string& aph, int64_t delay_ms) {
   ZLOG_INFO("[%s] ScheduleStubCreation : delay (%lld)", app_type_.c_str(), static_cast<long long>(delay_ms));
   std::lock_guard lock(stub_mutex_);
   AddStubTimer(aph, delay_ms);
 }
 
-void MpaClientPrivateBase::ScheduleStubCreationWithLock(const std::string& aph, int64_t delay_ms) {
+void StubMap::ScheduleStubCreationWithLock(const std::string& aph, int64_t delay_ms) {
   ZLOG_INFO("[%s] ScheduleStubCreationWithLock : delay (%lld)", app_type_.c_str(),
             static_cast<long long>(delay_ms));
   AddStubTimer(aph, delay_ms);
 }
 
-void MpaClientPrivateBase::AddStubTimer(const std::string& aph, int64_t delay_ms) {
+void StubMap::AddStubTimer(const std::string& aph, int64_t delay_ms) {
   auto& timer = timer_map_[aph];
   if (timer) timer->Cancel();
-  timer = forwarding_provider_->timers().Schedule(
-      std::chrono::milliseconds(delay_ms), [weak = weak_from_this(), aph] {
-        if (const auto self = weak.lock()) {
-          self->GetStubFromTimer(aph);
-        } else {
-          ZLOG_WARN("MpaClientPrivate has been destroyed already");
-        }
-      });
+  timer = peers_.provider.timers().Schedule(std::chrono::milliseconds(delay_ms),
+                                            [this, owner = peers_.owner, aph] {
+                                              if (const auto alive = owner.lock()) {
+                                                GetStubFromTimer(aph);
+                                              } else {
+                                                ZLOG_WARN("MpaClientPrivate has been destroyed already");
+                                              }
+                                            });
 }
 
-bool MpaClientPrivateBase::proxy_connected() const {
-  std::shared_lock lock(app_init_mutex_);
-  return proxy_connected_;
-}
-
-void MpaClientPrivateBase::GetStubFromTimer(const std::string& aph) {
+void StubMap::GetStubFromTimer(const std::string& aph) {
   const char* const name = app_type_.c_str();
   ZLOG_DEBUG("[%s] GetStub_ for APH (%s).", name, aph.c_str());
-  const bool connected = proxy_connected();
+  const bool connected = peers_.app_init.proxy_connected();
   {
     std::lock_guard lock(stub_mutex_);
     if (timer_map_.erase(aph) == 0) {
-      // Cancelled in the moment it fired: whoever cancelled it has taken over.
+      // The timer was cancelled when it had fired already; the canceller makes its own timer.
       ZLOG_INFO("[%s] GetStub_ Timer for (%s) is not present in timer_map_", name, aph.c_str());
       return;
     }
@@ -272,32 +336,32 @@ void MpaClientPrivateBase::GetStubFromTimer(const std::string& aph) {
   GetStub(aph);
 }
 
-void MpaClientPrivateBase::GetStub(const std::string& aph) {
+void StubMap::GetStub(const std::string& aph) {
   {
     std::lock_guard lock(stub_mutex_);
     in_flight_.insert(aph);
   }
   rpc::StubRequest request;
-  request.source_id = proxy_client_->getTnUuidStr();
+  request.source_id = peers_.proxy_client->getTnUuidStr();
   request.target = net::Endpoint("zem://" + aph);
   request.policy = SingleTry();
   request.timeout_ms = kStubTimeoutMs;
-  RequestStub(std::move(request),
-              [weak = weak_from_this(), aph](std::unique_ptr<MpStub> stub, const rpc::Status& status) {
-                if (const auto self = weak.lock()) {
-                  self->StubCreateDone(aph, std::move(stub), status);
-                } else {
-                  ZLOG_WARN("StubCreateDone: MpaClientPrivate has been destroyed already (%s)", aph.c_str());
-                }
-              });
+  peers_.source.RequestStub(std::move(request), [this, owner = peers_.owner, aph](
+                                                    std::unique_ptr<MpStub> stub, const rpc::Status& status) {
+    if (const auto alive = owner.lock()) {
+      StubCreateDone(aph, std::move(stub), status);
+    } else {
+      ZLOG_WARN("StubCreateDone: MpaClientPrivate has been destroyed already (%s)", aph.c_str());
+    }
+  });
   ZLOG_DEBUG("[%s] MpaClientPrivate GetStub: Stub creation scheduled for APH (%s)", app_type_.c_str(),
              aph.c_str());
 }
 
-void MpaClientPrivateBase::StubCreateFailed(const std::string& aph) {
+void StubMap::StubCreateFailed(const std::string& aph) {
   const char* const name = app_type_.c_str();
   ZLOG_INFO("[%s] MpaClientPrivate::StubCreateDone_: Stub creation failed for aph (%s)", name, aph.c_str());
-  if (!proxy_client_->connected_for_forwarding() || !proxy_connected()) {
+  if (!peers_.proxy_client->connected_for_forwarding() || !peers_.app_init.proxy_connected()) {
     ZLOG_INFO("[%s] Not connected with TnProxy. Not re-trying stub creation for APH (%s).", name,
               aph.c_str());
     std::lock_guard lock(stub_mutex_);
@@ -332,8 +396,8 @@ void MpaClientPrivateBase::StubCreateFailed(const std::string& aph) {
   ScheduleStubCreationWithLock(aph, policy.NextDelay());
 }
 
-void MpaClientPrivateBase::StubCreateDone(const std::string& aph, std::unique_ptr<MpStub> created,
-                                          const rpc::Status& status) {
+void StubMap::StubCreateDone(const std::string& aph, std::unique_ptr<MpStub> created,
+                             const rpc::Status& status) {
   const char* const name = app_type_.c_str();
   if (!status.ok() || !created) {
     StubCreateFailed(aph);
@@ -362,34 +426,32 @@ void MpaClientPrivateBase::StubCreateDone(const std::string& aph, std::unique_pt
       master_stub_ = true;
     }
   }
-  stub->SetOnStreamDown([weak = weak_from_this(), aph](rpc::CloseReason reason) {
-    if (const auto self = weak.lock()) {
-      self->OnStreamDown(aph, reason);
+  stub->SetOnStreamDown([this, owner = peers_.owner, aph](rpc::CloseReason reason) {
+    if (const auto alive = owner.lock()) {
+      OnStreamDown(aph, reason);
     } else {
       ZLOG_WARN("OnStreamDown_: MpaClientPrivate has been destroyed already");
     }
   });
   if (!is_master) return;
-  SetConnectionState(kConnected);
-  AppInitHandshake();
+  peers_.connection.SetRoad(BusConnection::kConnected);
+  peers_.app_init.AppInitHandshake();
 }
 
-void MpaClientPrivateBase::OnStreamDown(const std::string& aph, rpc::CloseReason reason) {
+void StubMap::OnStreamDown(const std::string& aph, rpc::CloseReason reason) {
   const char* const name = app_type_.c_str();
   const char* const reason_text = rpc::CloseReasonToCStr(reason);
   ZLOG_INFO("[%s] OnStreamDown for APH (%s), reason (%s)", name, aph.c_str(), reason_text);
   const bool is_master = IsMaster(aph);
   if (is_master) {
-    GetNewAppInitSequenceNumber();
-    SetConnectionState(kDisconnected);
-    app_specific_->SendCloseToVertical(0);
-    std::lock_guard lock(app_init_mutex_);
-    app_init_completed_ = false;
-    if (wait_tn_proxy_timer_) wait_tn_proxy_timer_->Cancel();
-    wait_tn_proxy_timer_.reset();
+    peers_.app_init.GetNewAppInitSequenceNumber();
+    peers_.connection.SetRoad(BusConnection::kDisconnected);
+    peers_.app_specific.SendCloseToVertical(0);
+    peers_.app_init.HandleMasterDown();
   }
-  // Master no more, but the present one, if there is one, cannot be reached yet.
-  if (!is_master && IsServing(aph) && IsMasterStubMissing()) app_specific_->SendCloseToServedVertical(0);
+  // The APH is not the master any more, and the present master, if there is one, has no stub yet.
+  if (!is_master && peers_.app_init.IsServing(aph) && IsMasterStubMissing())
+    peers_.app_specific.SendCloseToServedVertical(0);
   std::shared_ptr<MpStub> dropped;
   {
     std::lock_guard lock(stub_mutex_);
@@ -425,15 +487,15 @@ void MpaClientPrivateBase::OnStreamDown(const std::string& aph, rpc::CloseReason
               reason_text);
     return;
   }
-  if (proxy_client_->connected_for_forwarding() && proxy_connected()) {
+  if (peers_.proxy_client->connected_for_forwarding() && peers_.app_init.proxy_connected()) {
     ScheduleStubCreation(aph, SpreadDelay(kRetryStubSpreadMs));
   } else {
     ZLOG_INFO("[%s] OnStreamDown APH (%s), not connected to tnProxy.", name, aph.c_str());
   }
 }
 
-int64_t MpaClientPrivateBase::SpreadDelay(uint64_t range_ms) const {
-  return SpreadDelayMs(proxy_client_->getTnUuidStr(), app_id_, range_ms);
+int64_t StubMap::SpreadDelay(uint64_t range_ms) const {
+  return SpreadDelayMs(peers_.proxy_client->getTnUuidStr(), app_id_, range_ms);
 }
 
 }  // namespace zem

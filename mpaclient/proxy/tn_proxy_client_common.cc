@@ -1,4 +1,4 @@
-#include "mpaclient/tn_proxy_client_common.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
 
 #include <vector>
 
@@ -23,7 +23,7 @@ constexpr int64_t kConnectTimeoutMs = 2000;
 constexpr int64_t kStubTimeoutMs = 10000;
 constexpr Duration kStubRetry = std::chrono::seconds(1);
 
-// Both connections come back by the same rules.
+// The retry policy of both connections.
 rpc::ConnectionParams ToProxy() {
   const RetryPolicy policy(1000, 5000, 2.0, -1);
   rpc::ConnectionParams params;
@@ -49,7 +49,7 @@ struct TnProxyClientCommon::InfoStub {
   ApplProxyInfoService::Stub stub;
 };
 
-// One subscription; ends with its call.
+// Observes one subscription; deletes itself when the call ends.
 class TnProxyClientCommon::ApplProxyInfoObserver final : public rpc::CallObserver<ApplProxyInfoRspMsg> {
  public:
   ApplProxyInfoObserver(std::weak_ptr<TnProxyClientCommon> client, uint64_t subscription)
@@ -113,7 +113,7 @@ void TnProxyClientCommon::Start() {
       return;
     }
     started_ = true;
-    // Before the first connection request: a stub that fails at once has to be tried again.
+    // Set before the first connection request, so that a stub that fails at once is tried again.
     stopped_ = false;
   }
   ZLOG_INFO("TnProxyClientCommon Start");
@@ -227,9 +227,9 @@ void TnProxyClientCommon::RetryStubLater() {
   if (stopped_) retry_timer_->Cancel();
 }
 
-// A connection that is lost brings its own new subscription; one that ended by itself, while the connection
-// lives, is renewed here.  Which of the two it is shows only after the channels of a lost connection are
-// through.
+// When the connection is lost, the next one subscribes again; a subscription that ends while the connection
+// lives is renewed here.  The two cases can be distinguished only after the lost connection has closed its
+// channels.
 void TnProxyClientCommon::SubscriptionEnded(uint64_t subscription) {
   info_provider_.dispatcher().Post([weak = weak_from_this(), subscription] {
     const auto self = weak.lock();
@@ -341,7 +341,7 @@ void TnProxyClientCommon::OnForwardingConnectionDown(rpc::CloseReason reason) {
   for (const auto& callback : callbacks) callback(reason);
 }
 
-// The callbacks are copied and called without a lock: they send, and they ask this client for its state.
+// The callbacks are copied and called without a lock, because they send and ask this client for its state.
 void TnProxyClientCommon::NotifyClients(bool update_stubs, bool connect_tn_proxy) {
   ZLOG_INFO("NotifyClients: %s %s", connect_tn_proxy ? "(CONNECT_TNPROXY)" : "",
             update_stubs ? "(UPDATE_STUB)" : "");
@@ -391,7 +391,7 @@ void TnProxyClientCommon::Stop() {
 
 void TnProxyClientCommon::SetTnProxyConnectionUp(const std::string& name, ConnectionUp callback) {
   ZLOG_INFO("[%s] TnProxyClientCommon SetTnProxyConnectionUp", name.c_str());
-  // Entered first: a connection that comes up meanwhile is then told by one of the two, or by both.
+  // The callback is entered first, so that it does not miss a connection that comes up meanwhile.
   {
     std::lock_guard lock(clients_mutex_);
     connection_up_[name] = callback;

@@ -9,7 +9,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "mpaclient/spread_delay.h"
+#include "mpaclient/proxy/spread_delay.h"
 #include "platform/provider/provider.h"
 #include "platform/rpc/close_reason.h"
 #include "platform/rpc/connection.h"
@@ -23,11 +23,11 @@ namespace zem {
 class Timer;
 
 /// The client of the local proxy process: keeps the two connections to it, knows the manager-side proxies
-/// (APHs), the master among them, the transport node's id and the manager's version, and tells the registered
-/// clients.
+/// (APHs), the master among them, the transport node's id and the manager's version, and notifies the
+/// registered clients of changes.
 ///
-/// It works on two providers of its own with one thread each.  On the forwarding provider everything of the
-/// manager channel runs: stubs, host services, their timers.  Stub work starts once both the forwarding
+/// It has two providers with one thread each.  The forwarding provider runs the whole manager channel: stubs,
+/// host services and their timers.  Stub work starts once both the forwarding
 /// connection is up and a list of APHs has arrived; whichever comes second triggers it.
 ///
 /// Threads: all operations from any thread.  Connection callbacks run on the provider of their connection
@@ -39,12 +39,12 @@ class TnProxyClientCommon : public std::enable_shared_from_this<TnProxyClientCom
   using UpdateStubs = std::function<void()>;
   using AphMap = std::map<std::string, bool>;  // APH id to "is master"
 
-  /// Makes the process's instance unless there is one.
+  /// Creates the process's instance unless it exists.
   static void Init(const std::string& client_id, const std::string& endpoint,
                    const std::string& stubs_endpoint);
   /// Null before Init.
   static std::shared_ptr<TnProxyClientCommon> getInstance();
-  /// Drops the process's instance; it goes when its last holder lets go.
+  /// Releases the process's instance, which is destroyed with its last holder.
   static void Release();
 
   TnProxyClientCommon(std::string client_id, std::string endpoint, std::string stubs_endpoint);
@@ -55,14 +55,14 @@ class TnProxyClientCommon : public std::enable_shared_from_this<TnProxyClientCom
 
   void SetTnProxyConnectionUp(const std::string& name, ConnectionUp callback);
   void SetTnProxyConnectionDown(const std::string& name, ConnectionDown callback);
-  /// A client that comes late, while the connection is up, hears at once what it has missed.
+  /// A client that registers while the connection is up is notified at once.
   void SetUpdateStubs(const std::string& name, UpdateStubs callback);
   void RemoveClient(const std::string& name);
 
   std::string getTnUuidStr() const;
   AphMap aphs() const;
   bool connected_for_forwarding() const;
-  /// False while the manager's version has not been received.
+  /// Returns false while the manager's version has not been received.
   bool GetMpVersion(uint32_t* major, uint32_t* minor) const;
 
   AsioZemProvider& forwarding_provider() { return forwarding_provider_; }
@@ -106,7 +106,7 @@ class TnProxyClientCommon : public std::enable_shared_from_this<TnProxyClientCom
   std::shared_ptr<Timer> retry_timer_;
   RetryCountdown retry_countdown_;
 
-  mutable std::shared_mutex map_mutex_;  // guards what the proxy told
+  mutable std::shared_mutex map_mutex_;  // guards the last information of the proxy
   AphMap aph_uuid_master_map_;
   std::string tn_uuid_;
   std::optional<std::pair<uint32_t, uint32_t>> product_version_;

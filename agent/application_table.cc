@@ -1,0 +1,124 @@
+// A class per application adapts its own start and stop to the interface; it adds nothing else.
+
+#include "agent/application_table.h"
+
+#include <array>
+#include <boost/property_tree/ptree.hpp>
+
+#include "app/probe/probe.h"
+#include "app/zema/app/zema_app.h"
+#include "app/zema/app/zema_commands.h"
+#include "platform/provider/work_group.h"
+#include "platform/upm/upm_service.h"
+
+namespace zem::Tarvik {
+namespace {
+
+bool IsOn(Mode mode) {
+  uint8_t on = 0;
+  GetMode(mode, &on);
+  return on != 0;
+}
+
+class RealizationRow final : public Application {
+ public:
+  explicit RealizationRow(const ApplicationContext& context)
+      : zema_(context.provider, nullptr, context.store) {}
+
+  std::vector<CliCommand> Commands() override { return ZemaCommands(zema_); }
+  bool Start() override {
+    return zema_.Start(IsOn(Mode::kOvsDpdk), IsOn(Mode::kOvsDpdkCreateVif), IsOn(Mode::kLacpBonding)) == 0;
+  }
+  void WaitStarted() override { zema_.WaitStarted(); }
+  void Stop() override { zema_.Stop(0); }
+
+ private:
+  ZemaApp zema_;
+};
+
+class CliServerRow final : public Application {
+ public:
+  explicit CliServerRow(const ApplicationContext& context) : server_(context.cli_server) {}
+
+  bool Start() override {
+    server_->Start();
+    return true;
+  }
+  void Stop() override { server_->Stop(); }
+
+ private:
+  const boost::intrusive_ptr<CliServer> server_;
+};
+
+class ProbeRow final : public Application {
+ public:
+  ProbeRow(const ApplicationContext& context, const boost::property_tree::ptree& options)
+      : probe_(context.provider, context.store, context.lcp_adapter, options) {}
+
+  std::vector<CliCommand> Commands() override { return probe_.Commands(); }
+  bool Start() override {
+    probe_.Start();
+    return true;
+  }
+  void Stop() override { probe_.Stop(); }
+
+ private:
+  Probe probe_;
+};
+
+class UpdateServiceRow final : public Application {
+ public:
+  explicit UpdateServiceRow(const ApplicationContext& context) : service_(context.update_service) {}
+
+  bool Start() override {
+    service_->Start();
+    return true;
+  }
+  void Stop() override { service_->Stop(); }
+
+ private:
+  const std::shared_ptr<upm::UPMService> service_;
+};
+
+template <class Row>
+std::unique_ptr<Application> Make(const ApplicationContext& context) {
+  return std::make_unique<Row>(context);
+}
+
+// Only for options that have a `probe` element.
+std::unique_ptr<Application> MakeProbe(const ApplicationContext& context) {
+  const auto options = OptionsTree().get_child_optional("probe");
+  if (!options) return nullptr;
+  return std::make_unique<ProbeRow>(context, *options);
+}
+
+constexpr std::array kApplications = {
+    ApplicationRow{.name = "ZemaApp",
+                   .make = &Make<RealizationRow>,
+                   .option = Mode::kZemaApp,
+                   .host_role = true,
+                   // Without its manager client the node would never hear of a configuration.
+                   .start_failure = StartFailure::kEndsAgent,
+                   .thread_name = "Main:zema_st",
+                   .start_line = "Zema Start...",
+                   .wait_line = "Waiting for Controller List app start...",
+                   .start_step = "realization",
+                   .wait_step = "controller list",
+                   .create_rank = 90,
+                   .stop_rank = 140},
+    ApplicationRow{.name = "CliServer",
+                   .make = &Make<CliServerRow>,
+                   .host_role = true,
+                   .start_line = "CliServer Start...",
+                   .start_step = "command server",
+                   .create_rank = 20,
+                   .stop_rank = 40},
+    ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
+    ApplicationRow{.name = "UPMService", .make = &Make<UpdateServiceRow>, .create_rank = 10, .stop_rank = 30},
+};
+
+}  // namespace
+
+std::span<const ApplicationRow> ApplicationTable() { return kApplications; }
+
+}  // namespace zem::Tarvik
