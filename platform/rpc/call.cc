@@ -1,13 +1,14 @@
 #include "platform/rpc/call.h"
 
-#include "platform/rpc/call_state.h"
-#include "platform/rpc/server_call.h"
+#include "platform/rpc/server_call_state.h"
 
 namespace zem::rpc {
 namespace {
 
 // A context is made for server calls only.
-ServerCall& ServerSide(const std::shared_ptr<CallState>& state) { return static_cast<ServerCall&>(*state); }
+ServerCallState& ServerSide(const std::shared_ptr<CallState>& state) {
+  return static_cast<ServerCallState&>(*state);
+}
 
 }  // namespace
 

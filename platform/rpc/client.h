@@ -106,5 +106,3 @@ StreamHandle<Request, Response> OpenStream(const std::shared_ptr<Channel>& chann
 
 }  // namespace client
 }  // namespace zem::rpc
-
-#include "platform/rpc/client_impl.h"

@@ -1,12 +1,13 @@
 #pragma once
 
-// The typed half of client.h.
+// The typed half of client.h: what generated stubs call.
 
 #include <optional>
 #include <type_traits>
 
 #include "platform/rpc/channel.h"
 #include "platform/rpc/client.h"
+#include "platform/rpc/client_call.h"
 
 namespace zem::rpc::client {
 
@@ -28,7 +29,7 @@ class ObservedCall : public ClientCall {
   void ReceiveRemoteStatus(const Status& status) final {
     if (observer_ != nullptr) observer_->RemoteStatus(status);
   }
-  void ReceiveCallStatus(const Status& status) final {
+  void ReceiveEnd(const Status& status) final {
     CallObserver<Response>* const observer = observer_;
     observer_ = nullptr;  // the usual one deletes itself now
     if (observer != nullptr) observer->CallStatus(status);

@@ -156,7 +156,7 @@ void PrintFile(const FileDescriptor& file, const std::string& stem, Printer& out
             "#pragma once\n\n"
             "#include <cstdint>\n"
             "#include <memory>\n\n"
-            "#include \"platform/rpc/client.h\"\n"
+            "#include \"platform/rpc/client_impl.h\"\n"
             "#include \"platform/rpc/server.h\"\n"
             "#include \"platform/rpc/server_impl.h\"\n"
             "#include \"$stem$.pb.h\"\n\n");

@@ -9,12 +9,12 @@
 #include "platform/core/lib_log.h"
 #include "platform/core/virtual_clock.h"
 #include "platform/provider/provider.h"
-#include "platform/rpc/frame.h"
 #include "platform/rpc/memory_network.h"
-#include "platform/rpc/memory_streams.h"
-#include "platform/rpc/strand.h"
+#include "platform/rpc/stream/memory_streams.h"
+#include "platform/rpc/stream/strand.h"
 #include "platform/rpc/transport.h"
-#include "platform/rpc/wire.pb.h"
+#include "platform/rpc/wire/frame.h"
+#include "platform/rpc/wire/wire.pb.h"
 #include "tests/platform/rpc/echo.rpc.h"
 
 namespace zem::rpc {

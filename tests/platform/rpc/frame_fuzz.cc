@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/rpc/receive_buffer.h"
+#include "platform/rpc/wire/receive_buffer.h"
 
 namespace {
 
