@@ -180,7 +180,7 @@ int Run() {
         [&] {
           PortLocation found;
           std::string path;
-          Require(manager.search().FindPortByVifUuid("vif-none", kLs, &path, &found, &error) == -1,
+          Require(!manager.search().FindPortByVifUuid("vif-none", kLs, &path, &found).done(),
                   "a port was found");
         },
         [&] { Require(BareFind(calls, "vif-none") == 0, "a port was found"); });

@@ -20,9 +20,9 @@ AgentSide::AgentSide(World& world)
     : ports_(world.library(), host_, nobody_),
       sender_(*this),
       manager_(sender_, identity_, options_),
-      handler_(std::make_shared<zema::VifContext>(zema::VifContext{ports_, manager_, sender_, host_,
-                                                                   migration_, resync_, health_, options_,
-                                                                   identity_, port_lock_, ending_})),
+      handler_(std::make_shared<zema::VifContext>(
+                   zema::VifContext{ports_, manager_, host_, identity_, port_lock_, ending_}),
+               {sender_, migration_, resync_, health_, options_}),
       instant_([this](const std::string& rpc_id, std::unique_ptr<zema::PortAttached> port) {
         manager_.SetResultToPendingRPC(rpc_id, std::move(port));
       }),

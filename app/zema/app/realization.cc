@@ -238,9 +238,7 @@ void Realization::Impl::MakeManagers() {
       HostConfigContext{*lum_, *library_, *ports_, *switches_, *routers_, *endpoints_, *high_performance_,
                         migration_, *health_, Host(), *options, *settings_.files, settings_.store.get(),
                         *settings_.state, *follow_ups_, pause, port_lock_});
-  vifs_ = std::make_shared<VifContext>(VifContext{*ports_, *manager_, *settings_.vif_sender, *lum_,
-                                                  migration_, resync_state_, *health_, *options, Host(),
-                                                  port_lock_, vifs_end_});
+  vifs_ = std::make_shared<VifContext>(VifContext{*ports_, *manager_, *lum_, Host(), port_lock_, vifs_end_});
   kinds_ = std::make_unique<PortZoneKinds>(ports_->zones());
   vif_states_ = std::make_unique<PortVifStates>(
       ports_->site_configs(),
@@ -291,7 +289,10 @@ WorkerFactory Realization::Impl::Factory() {
     return std::make_unique<DbSvcTaskThread>(name, context);
   };
   factory.switch_handler = [this] {
-    auto handler = std::make_unique<CorvdHandler>(*health_, std::make_unique<VifPortHandler>(vifs_));
+    auto handler = std::make_unique<CorvdHandler>(
+        *health_, std::make_unique<VifPortHandler>(
+                      vifs_, VifPortHandler::Surroundings{*settings_.vif_sender, migration_, resync_state_,
+                                                          *health_, *settings_.options}));
     handler->ServeVnics();
     handler->ServeResync({health_.get(), &Host(), &resync_state_, settings_.options, &ports_->holders()});
     host_management_.Set(handler.get());
@@ -479,7 +480,9 @@ std::string Realization::HostSwitchAndLSCleanup(bool force) { return impl_->Clea
 std::unique_ptr<Runnable> Realization::MakeVnicMigrationTask(bool vm_ports, bool knl_pnic) {
   VnicMigrationTask::Settings settings;
   settings.create_ports = [vifs = impl_->vifs_](VmPortMap& ports, std::string* error) {
-    return PrecreatedPortMaker(*vifs).CreatePorts(ports, error);
+    const Outcome created = PrecreatedPortMaker(*vifs).CreatePorts(ports);
+    if (!created) *error = created.error();
+    return created.done();
   };
   settings.keep_ports = [host_management = &impl_->host_management_](std::shared_ptr<VmPortMap> ports) {
     host_management->SetPrecreatedPorts(std::move(ports));

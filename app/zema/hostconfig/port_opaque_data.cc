@@ -28,11 +28,11 @@ struct Tie {
 bool SetWithRetries(HostConfigContext& context, const std::string& dvs, const std::string& port,
                     const char* key, const std::string& value) {
   if (value.empty()) return true;
-  std::string error;
   for (int failed = 1; failed <= kTries; ++failed) {
-    if (context.ports.properties().SetPortExtraConfig(dvs, port, key, value, &error) == 0) return true;
+    const Outcome set = context.ports.properties().SetPortExtraConfig(dvs, port, key, value);
+    if (set) return true;
     ZLOG_ERROR("44423", "[PortOp] Failed [%d] times to set port [%s] extra-configs, error [%s]", failed,
-               port.c_str(), error.c_str());
+               port.c_str(), set.error().c_str());
   }
   return false;
 }
@@ -62,7 +62,7 @@ bool ApplyOnPort(HostConfigContext& context, const std::string& dvs, const std::
   if (const auto vif = known.find(port); vif != known.end() && vif->second != tie.vif) {
     ZLOG_INFO("[%s] dvport [%s:%s] has stale vifId [%s], clearing all existing extra config",
               "ApplyOpaqueDataOnPorts", dvs.c_str(), port.c_str(), tie.vif.c_str());
-    return context.ports.properties().ClearPortOpaqueData(dvs, port) == 0;
+    return context.ports.properties().ClearPortOpaqueData(dvs, port);
   }
   return SetWithRetries(context, dvs, port, port_props::kLogicalPortId, tie.logical_port) &&
          SetWithRetries(context, dvs, port, port_props::kOpaqueNetworkId, tie.network) &&
@@ -105,7 +105,7 @@ void ClearOpaqueDataOnPorts(HostConfigContext& context, const std::string& dvs) 
   }
   for (size_t i = 0; i < ports.size(); ++i) {
     const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
-    if (context.ports.properties().ClearPortOpaqueData(dvs, ports[i]) != 0) {
+    if (!context.ports.properties().ClearPortOpaqueData(dvs, ports[i])) {
       ZLOG_WARN("[%s] the port [%s] on [%s] keeps what was written on it", __func__, ports[i], dvs.c_str());
     }
   }

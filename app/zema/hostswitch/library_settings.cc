@@ -40,18 +40,24 @@ InterfaceMigrationSettings MigrationSettings(PortOpsManager& ports, const Realiz
   InterfaceMigrationSettings settings;
   settings.knl_types = options.knl_types_to_check_on_removing_pnic;
   settings.knl_ping_try_times = options.knl_ping_try_times;
-  settings.create_port = [&ports](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
-                                  std::string* error) {
-    return ports.creation().CreatePort(PortOf(entry, zone), entry.vif_id(), kKernelInterface,
-                                       (entry.port_flags() & kBlocked) != 0, error) == 0;
+  const auto tell = [](const Outcome& outcome, std::string* error) {
+    if (!outcome) *error = outcome.error();
+    return outcome.done();
   };
-  settings.leave_port = [&ports](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
-                                 std::string* error) {
-    return ports.changes().ClearVifFromPort(zone, entry.logical_port_id(), entry.lswitch_id(), entry.vif_id(),
-                                            false, error) == 0;
+  settings.create_port = [&ports, tell](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
+                                        std::string* error) {
+    return tell(ports.creation().CreatePort(PortOf(entry, zone), entry.vif_id(), kKernelInterface,
+                                            (entry.port_flags() & kBlocked) != 0),
+                error);
   };
-  settings.leave_ports = [&ports](const std::string& vif, const std::string& kept, std::string* error) {
-    return ports.changes().ClearVifFromPortOtherThan(kept, vif, error) == 0;
+  settings.leave_port = [&ports, tell](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
+                                       std::string* error) {
+    return tell(ports.changes().ClearVifFromPort(zone, entry.logical_port_id(), entry.lswitch_id(),
+                                                 entry.vif_id(), false),
+                error);
+  };
+  settings.leave_ports = [&ports, tell](const std::string& vif, const std::string& kept, std::string* error) {
+    return tell(ports.changes().ClearVifFromPortOtherThan(kept, vif), error);
   };
   return settings;
 }

@@ -219,25 +219,22 @@ void ZemManager::EndWaits() {
   }
 }
 
-bool ZemManager::MP_UpdateVnicAttachment(const std::string& op_id, const std::string& vif_id,
-                                         const std::string& switch_id, const std::string& port_id,
-                                         std::list<std::pair<std::string, std::string>> site_configs,
-                                         std::string* error) {
+Outcome ZemManager::MP_UpdateVnicAttachment(const std::string& op_id, const std::string& vif_id,
+                                            const std::string& switch_id, const std::string& port_id,
+                                            std::list<std::pair<std::string, std::string>> site_configs) {
   const auto host_id = host_.id();
   if (!host_id) {
     ZLOG_ERROR("41529", "Ignored vnic update as host is not setup for zem operation");
-    *error = Texts::Add().no_host;
-    return false;
+    return Outcome::Failed(Texts::Add().no_host);
   }
   const std::string rpc_id = RegisterRpc(op_id, false);
   if (!sender_.SendVIFUpdate({rpc_id, vif_id, switch_id, port_id, *host_id, std::move(site_configs)})) {
     ZLOG_ERROR("41541", "RPC call [%s] to ZEM management plane failed in sending.\n", rpc_id.c_str());
-    *error = Texts::Remove().send_failed;
-    return false;
+    return Outcome::Failed(Texts::Remove().send_failed);
   }
   ZLOG_INFO("Successfully sent VIF update to MP. Skip waiting for RPC reply of [%s]: port=%s, VIF=%s\n",
             rpc_id.c_str(), port_id.c_str(), vif_id.c_str());
-  return true;
+  return Outcome::Done();
 }
 
 void ZemManager::SetResultToPendingRPC(const std::string& rpc_id, std::unique_ptr<PortAttached> result) {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "app/zema/manager/port_attached.h"
+#include "framework/tasks/outcome.h"
 #include "framework/tasks/synchronizable.h"
 #include "framework/tasks/thread.h"
 
@@ -88,11 +89,10 @@ class ZemManager : public Synchronizable {
   void MP_RemoveVnicAttachment(const std::string& op_id, const std::string& vif_id,
                                const std::string& switch_id, const std::string& port_id,
                                const std::string& gcf_path, Thread* waiter, bool wait, PortAttached* out);
-  /// Does not wait for an answer.  False with the reason in `error`.
-  bool MP_UpdateVnicAttachment(const std::string& op_id, const std::string& vif_id,
-                               const std::string& switch_id, const std::string& port_id,
-                               std::list<std::pair<std::string, std::string>> site_configs,
-                               std::string* error);
+  /// Does not wait for an answer.
+  Outcome MP_UpdateVnicAttachment(const std::string& op_id, const std::string& vif_id,
+                                  const std::string& switch_id, const std::string& port_id,
+                                  std::list<std::pair<std::string, std::string>> site_configs);
 
   /// The first answer to a call counts; a second one, and one to a call that waits no longer, is dropped.
   void SetResultToPendingRPC(const std::string& rpc_id, std::unique_ptr<PortAttached> result);

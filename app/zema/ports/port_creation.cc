@@ -27,7 +27,12 @@ constexpr const char* kContainerVm = "crx";
 
 std::string_view TextZ(const std::string& text) { return {text.c_str(), text.size() + 1}; }
 
-// Tells one making of a port from the next.
+// The last failure is the outcome of the whole.
+void TakeFailure(Outcome* outcome, Outcome each) {
+  if (!each) *outcome = std::move(each);
+}
+
+// Differs from one making of a port to the next.
 std::string ConnectionCookie() {
   const auto seconds =
       std::chrono::duration_cast<std::chrono::seconds>(Clock::Process().WallNow().time_since_epoch());
@@ -37,8 +42,8 @@ std::string ConnectionCookie() {
 
 }  // namespace
 
-int PortCreation::CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path,
-                             bool block_flag, std::string* error) {
+Outcome PortCreation::CreatePort(const PortConfigSpec& spec, const std::string& vif,
+                                 const std::string& gcf_path, bool block_flag) {
   const auto span = wft::WorkflowUtil::StartChildSpan("PortOpsManager.CreatePort", wft::kTraceInfo);
   wft::WorkflowUtil::SetCurSpanTag("gcfPath", gcf_path);
   wft::WorkflowUtil::SetCurSpanTag(wft::tags::kLogicalSwitchPort, spec.port_id);
@@ -48,10 +53,10 @@ int PortCreation::CreatePort(const PortConfigSpec& spec, const std::string& vif,
 
   const HostSwitchInfo host_switch = zones_.GetHostSwitchInfoForTz(spec.zone_id);
   if (host_switch.dvs.empty()) {
-    *error = "Failed to create port " + spec.port_id + " with VIF " + vif +
-             " because DVS id is not found by transport-zone id " + spec.zone_id;
-    ZLOG_ERROR("44211", "[PortOp] %s", error->c_str());
-    return -1;
+    std::string error = "Failed to create port " + spec.port_id + " with VIF " + vif +
+                        " because DVS id is not found by transport-zone id " + spec.zone_id;
+    ZLOG_ERROR("44211", "[PortOp] %s", error.c_str());
+    return Outcome::Failed(std::move(error));
   }
   const bool unblock = spec.init_state == kUnblockedVlan;
   std::string block = block_flag && !unblock ? port_props::kTrue : port_props::kFalse;
@@ -61,12 +66,12 @@ int PortCreation::CreatePort(const PortConfigSpec& spec, const std::string& vif,
   const uint32_t found = library_.PortFind(host_switch.dvs, spec.port_id);
   if (found == 0) {
     RefreshExisting(host_switch.dvs, spec.port_id, &block);
-  } else if (CreateNew(host_switch, spec, block, unblock, error) != 0) {
-    return -1;
+  } else if (Outcome created = CreateNew(host_switch, spec, block, unblock); !created) {
+    return created;
   }
-  int failures = SetPortConfig(host_switch.dvs, spec, vif, gcf_path, error);
-  failures += PutPortFile(host_switch.dvs, spec.port_id, gcf_path, spec.extra_configs, error);
-  return failures == 0 ? 0 : -failures;
+  Outcome configured = SetPortConfig(host_switch.dvs, spec, vif, gcf_path);
+  Outcome put = PutPortFile(host_switch.dvs, spec.port_id, gcf_path, spec.extra_configs);
+  return put ? configured : put;
 }
 
 void PortCreation::RefreshExisting(const std::string& dvs, const std::string& port, std::string* block) {
@@ -81,16 +86,15 @@ void PortCreation::RefreshExisting(const std::string& dvs, const std::string& po
   }
 }
 
-int PortCreation::CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec,
-                            const std::string& block, bool unblock, std::string* error) {
+Outcome PortCreation::CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec,
+                                const std::string& block, bool unblock) {
   ZLOG_INFO("[PortOp] port was not found");
   DvsData data(library_);
   uint32_t result = data.Alloc();
   if (result != 0) {
     const std::string text = SwitchErrorText(result);
     ZLOG_ERROR("44201", "[PortOp] DVS data alloc failed, error code [%s]", text.c_str());
-    *error = "DVS data alloc failed: " + text;
-    return -1;
+    return Outcome::Failed("DVS data alloc failed: " + text);
   }
   const auto add = [&](const char* name, std::string_view value) {
     if (result == 0) result = data.Update(name, value);
@@ -123,46 +127,43 @@ int PortCreation::CreateNew(const HostSwitchInfo& host_switch, const PortConfigS
   if (result != 0) {
     const std::string text = SwitchErrorText(result);
     ZLOG_ERROR("44203", "[PortOp] DVS data serialize failed, error code [%s]", text.c_str());
-    *error = "DVS data serialize failed: " + text;
-    return -1;
+    return Outcome::Failed("DVS data serialize failed: " + text);
   }
   result = library_.PortAdd(host_switch.dvs, spec.port_id, bytes.bytes());
   if (result != 0) {
     const std::string text = SwitchErrorText(result);
     ZLOG_ERROR("44204", "[PortOp] Port add operation failed, error code [%s]", text.c_str());
-    *error = "Port add operation failed: " + text;
-    return -1;
+    return Outcome::Failed("Port add operation failed: " + text);
   }
   ZLOG_INFO("[PortOp] Successfully created port [%s]", spec.port_id.c_str());
-  return 0;
+  return Outcome::Done();
 }
 
-// The number of failures; the text of the last is in `error`.
-int PortCreation::SetPortConfig(const std::string& dvs, const PortConfigSpec& spec, const std::string& vif,
-                                const std::string& gcf_path, std::string* error) {
+Outcome PortCreation::SetPortConfig(const std::string& dvs, const PortConfigSpec& spec,
+                                    const std::string& vif, const std::string& gcf_path) {
   const std::string& port = spec.port_id;
   ZLOG_INFO("[PortOp] Setting extra configs ");
-  int failures = 0;
-  const auto count = [&failures](int result) { failures += result == 0 ? 0 : 1; };
-  count(properties_.SetPortExtraConfig(dvs, port, port_props::kExternalId, vif, error));
-  count(properties_.SetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, spec.switch_id, error));
+  Outcome outcome = Outcome::Done();
+  const auto count = [&outcome](Outcome each) { TakeFailure(&outcome, std::move(each)); };
+  count(properties_.SetPortExtraConfig(dvs, port, port_props::kExternalId, vif));
+  count(properties_.SetPortExtraConfig(dvs, port, port_props::kOpaqueNetworkId, spec.switch_id));
   if (boost::algorithm::icontains(gcf_path, kContainerVm)) {
-    count(properties_.SetPortExtraConfig(dvs, port, port_props::kCrx, port_props::kTrue, error));
+    count(properties_.SetPortExtraConfig(dvs, port, port_props::kCrx, port_props::kTrue));
   }
   // A port without tag is told so, too: it may have had one.
   if (spec.vlan >= 0 || !spec.vlan_ranges.empty()) {
-    count(properties_.SetVlanPolicy(dvs, port, spec.vlan, spec.vlan_ranges, error));
+    count(properties_.SetVlanPolicy(dvs, port, spec.vlan, spec.vlan_ranges));
   }
-  if (!spec.uplink_teaming.empty())
-    count(properties_.SetUplinkTeamingName(dvs, port, spec.uplink_teaming, error));
-  return failures;
+  if (!spec.uplink_teaming.empty()) count(properties_.SetUplinkTeamingName(dvs, port, spec.uplink_teaming));
+  return outcome;
 }
 
-// The number of failures of the switch, as above.  A file that cannot be written keeps no VM from its
-// network: the error line tells it, and the port's next change saves it again.
-int PortCreation::PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
-                              const std::map<std::string, std::string>& extra_configs, std::string* error) {
-  int failures = 0;
+// A file that cannot be written keeps no VM from its network: an error line reports it, and the port's next
+// change saves it again.
+Outcome PortCreation::PutPortFile(const std::string& dvs, const std::string& port,
+                                  const std::string& gcf_path,
+                                  const std::map<std::string, std::string>& extra_configs) {
+  Outcome outcome = Outcome::Done();
   const auto directory = VmDirectoryOf(gcf_path);
   const auto wanted = directory ? PortFilePath(*directory, dvs, port) : std::nullopt;
   std::string before;  // the file of a VM whose folder changes
@@ -171,26 +172,24 @@ int PortCreation::PutPortFile(const std::string& dvs, const std::string& port, c
     if (current == *wanted) {
       ZLOG_INFO("[PortOp] PortFilePath for port [%s] remains the same", port.c_str());
     } else {
-      failures +=
-          properties_.SetPortExtraConfig(dvs, port, port_props::kPersistPath, *wanted, error) == 0 ? 0 : 1;
+      TakeFailure(&outcome, properties_.SetPortExtraConfig(dvs, port, port_props::kPersistPath, *wanted));
       before = current;
     }
   }
   for (const auto& [key, value] : extra_configs) {
     ZLOG_INFO("[PortOp] extraConfigs first [%s], second [%s]", key.c_str(), value.c_str());
-    failures += properties_.SetPortExtraConfig(dvs, port, key, value, error) == 0 ? 0 : 1;
+    TakeFailure(&outcome, properties_.SetPortExtraConfig(dvs, port, key, value));
   }
-  if (!wanted) return failures;
+  if (!wanted) return outcome;
   const bool saved = files_.SaveNew(*wanted, dvs, port);
-  if (before.empty()) return failures;
+  if (before.empty()) return outcome;
   // One of the two files is there whatever happens, and the port names the one that is.
   if (!saved) {
-    failures +=
-        properties_.SetPortExtraConfig(dvs, port, port_props::kPersistPath, before, error) == 0 ? 0 : 1;
+    TakeFailure(&outcome, properties_.SetPortExtraConfig(dvs, port, port_props::kPersistPath, before));
   } else if (!RemovePortFile(before)) {
     ZLOG_WARN("[PortOp] The file before of port [%s] stays at [%s]", port.c_str(), before.c_str());
   }
-  return failures;
+  return outcome;
 }
 
 }  // namespace zem::zema

@@ -3,6 +3,8 @@
 #include <map>
 #include <string>
 
+#include "framework/tasks/outcome.h"
+
 namespace zem::zema {
 
 class PortDataFiles;
@@ -24,20 +26,21 @@ class PortCreation {
       : library_(library), zones_(zones), properties_(properties), files_(files) {}
 
   /// Makes the port, or brings an existing one up to date, and saves its file.  `gcf_path` is the path of the
-  /// VM's configuration file, or a word without "/" for a port without a VM ("knlnic").  0, or another number
-  /// with the reason in `error`; a file that cannot be written is logged and is no failure.
-  int CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path, bool block,
-                 std::string* error);
+  /// VM's configuration file, or a word without "/" for a port without a VM ("knlnic").  A property that the
+  /// switch refuses keeps none of the others from being set; the outcome has the last reason.  A file that
+  /// cannot be written is logged and is no failure.
+  Outcome CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path,
+                     bool block);
 
  private:
-  int CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec, const std::string& block,
-                bool unblock, std::string* error);
+  Outcome CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec, const std::string& block,
+                    bool unblock);
   /// `block` takes the block setting of the existing port, which gets a new cookie.
   void RefreshExisting(const std::string& dvs, const std::string& port, std::string* block);
-  int SetPortConfig(const std::string& dvs, const PortConfigSpec& spec, const std::string& vif,
-                    const std::string& gcf_path, std::string* error);
-  int PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
-                  const std::map<std::string, std::string>& extra_configs, std::string* error);
+  Outcome SetPortConfig(const std::string& dvs, const PortConfigSpec& spec, const std::string& vif,
+                        const std::string& gcf_path);
+  Outcome PutPortFile(const std::string& dvs, const std::string& port, const std::string& gcf_path,
+                      const std::map<std::string, std::string>& extra_configs);
 
   SwitchLibrary& library_;
   TransportZones& zones_;

@@ -39,18 +39,18 @@ std::optional<std::string> PortDataFiles::FileText(const std::string& dvs, const
   return text ? std::optional<std::string>(*text) : std::nullopt;
 }
 
-int PortDataFiles::SaveAgain(const char* operation, const std::string& dvs, const std::string& port,
-                             const char* without) {
+bool PortDataFiles::SaveAgain(const char* operation, const std::string& dvs, const std::string& port,
+                              const char* without) {
   const std::string path = PersistPath(dvs, port);
-  if (path.empty()) return 0;
+  if (path.empty()) return true;
   if (IsOfAnotherHost(path, dvs, port)) {
     ZLOG_INFO("[PortOp] %s: the file of port [%s] is the one of the host that its VM has gone to", operation,
               port.c_str());
-    return 0;
+    return true;
   }
-  if (SavePortDataFile(path, dvs, port, without) == 0) return 0;
+  if (SavePortDataFile(path, dvs, port, without) == 0) return true;
   ZLOG_ERROR("44212", "[PortOp] %s: Error saving port file for port:[%s]", operation, port.c_str());
-  return -1;
+  return false;
 }
 
 // Both hosts of a VM that moves see its folder, and the port may bear the same name on both.  The file tells
@@ -136,40 +136,40 @@ int PortDataFiles::SavePortDataFile(const std::string& path, const std::string& 
   return 0;
 }
 
-int PortDataFiles::UpdateExtraConfigInPortDataFile(const std::string& path, const std::string& key,
-                                                   const std::string* value) {
+bool PortDataFiles::UpdateExtraConfigInPortDataFile(const std::string& path, const std::string& key,
+                                                    const std::string* value) {
   const char* const operation = __func__;
   std::string bytes;
   const int failed = ReadPortFile(path, &bytes);
   if (failed != 0) {
     ZLOG_ERROR("44206", "[%s] Port [%s] file read failed: %d", operation, path.c_str(), failed);
-    return -1;
+    return false;
   }
   DvsData data(library_);
   uint32_t result = data.Deserialize(bytes);
   if (result != 0) {
     ZLOG_ERROR("44206", "[%s] Deserilize port data from [%s] failed: %u", operation, path.c_str(), result);
-    return -1;
+    return false;
   }
   result = value == nullptr ? data.Remove(key.c_str()) : data.UpdateText(key.c_str(), *value);
   ZLOG_INFO("[%s] in-memory port data [%s] of extraconfig [%s] status: [%u]", operation, path.c_str(),
             key.c_str(), result);
-  if (result == kSwitchNotFound) return 0;
-  if (result != 0) return -1;
+  if (result == kSwitchNotFound) return true;
+  if (result != 0) return false;
   LibraryBuffer serialized;
   result = data.Serialize(&serialized);
   if (result != 0) {
     ZLOG_ERROR("44203", "[%s] port data serialize failed, error code [%u]", operation, result);
-    return -1;
+    return false;
   }
   const int written = WritePortFile(path, serialized.bytes());
   if (written != 0) {
     ZLOG_ERROR("44212", "[%s] Error saving port data to file, error code [%u]", operation,
                static_cast<uint32_t>(written));
-    return -1;
+    return false;
   }
   ZLOG_INFO("[%s] Saved port data to file successfully", operation);
-  return 0;
+  return true;
 }
 
 }  // namespace zem::zema

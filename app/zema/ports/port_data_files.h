@@ -28,15 +28,16 @@ class PortDataFiles {
   int SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port,
                        const char* without = nullptr);
   /// Writes the file of a port that has none at `path` yet.  Returns false after a failure, which is logged.
-  bool SaveNew(const std::string& path, const std::string& dvs, const std::string& port);
+  [[nodiscard]] bool SaveNew(const std::string& path, const std::string& dvs, const std::string& port);
   /// Saves the port in the file that it has, `without` as above.  Does nothing for a port without a file, or
-  /// whose file is another host's.
-  int SaveAgain(const char* operation, const std::string& dvs, const std::string& port,
-                const char* without = nullptr);
+  /// whose file is another host's.  Returns false after a failure, which is logged.
+  [[nodiscard]] bool SaveAgain(const char* operation, const std::string& dvs, const std::string& port,
+                               const char* without = nullptr);
 
   /// Changes one property in the file of a port that need not be on a switch; a null `value` removes it.
-  int UpdateExtraConfigInPortDataFile(const std::string& path, const std::string& key,
-                                      const std::string* value);
+  /// Returns false after a failure, which is logged.
+  [[nodiscard]] bool UpdateExtraConfigInPortDataFile(const std::string& path, const std::string& key,
+                                                     const std::string* value);
 
   /// The port's VM is on this host: a file that another host saved last becomes this host's, or the other
   /// host would go on writing it and this one would not.

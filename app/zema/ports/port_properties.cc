@@ -25,10 +25,6 @@ void Append(std::string* bytes, const Record& record) {
   bytes->append(reinterpret_cast<const char*>(&record), sizeof(record));
 }
 
-void Tell(std::string* error, std::string text) {
-  if (error != nullptr) *error = std::move(text);
-}
-
 }  // namespace
 
 PortProperties::Same PortProperties::Compare(const PortLocation& at, const char* property,
@@ -45,29 +41,29 @@ PortProperties::Same PortProperties::Compare(const PortLocation& at, const char*
   return Same::kUnknown;
 }
 
-int PortProperties::SetPortExtraConfig(const std::string& dvs, const std::string& port,
-                                       const std::string& key, const std::string& value, std::string* error) {
+Outcome PortProperties::SetPortExtraConfig(const std::string& dvs, const std::string& port,
+                                           const std::string& key, const std::string& value) {
   if (key == port_props::kLogicalPortId) {
     std::string stored;
     if (library_.PortTextGet(dvs, port, key.c_str(), &stored) == 0) {
       if (stored == value) {
         ZLOG_INFO("Port %s already has the desired attribute configured", port.c_str());
-        return 0;
+        return Outcome::Done();
       }
       ZLOG_INFO("Port %s has stale logicalPort ID %s, removing stale value", port.c_str(), stored.c_str());
-      if (ClearPortExtraConfig(dvs, port, key, error) < 0) return -1;
+      std::string error;
+      if (ClearPortExtraConfig(dvs, port, key, &error) < 0) return Outcome::Failed(std::move(error));
     }
   }
   std::optional<VifIndex::Writing> writing;
   if (key == port_props::kExternalId) writing.emplace(index_, dvs, port, value);
   const uint32_t result = library_.PortDataSet(dvs, port, key.c_str(), TextZ(value));
   if (result == 0 && writing) writing->Done();
-  if (result == 0) return 0;
+  if (result == 0) return Outcome::Done();
   const std::string text = SwitchErrorText(result);
   ZLOG_ERROR("44205", "[PortOp] Port set for extraConfig property [%s] operation failed, error code [%s]",
              key.c_str(), text.c_str());
-  Tell(error, "Failed to set property " + key + " of port " + port + ": " + text);
-  return -1;
+  return Outcome::Failed("Failed to set property " + key + " of port " + port + ": " + text);
 }
 
 int PortProperties::ClearPortExtraConfig(const std::string& dvs, const std::string& port,
@@ -92,7 +88,7 @@ int PortProperties::ClearPortExtraConfig(const std::string& dvs, const std::stri
   }
   ZLOG_ERROR("44208", "[PortOp] Failed [%d] times to clear config property [%s] on port [%s], error [%s].",
              kClearTries, key.c_str(), port.c_str(), text.c_str());
-  Tell(error, "Failed to clear property " + key + " of port " + port + ": " + text);
+  if (error != nullptr) *error = "Failed to clear property " + key + " of port " + port + ": " + text;
   return -1;
 }
 
@@ -101,27 +97,26 @@ uint32_t PortProperties::GetPortExtraConfig(const std::string& dvs, const std::s
   return library_.PortTextGet(dvs, port, key.c_str(), value);
 }
 
-int PortProperties::ClearPortOpaqueData(const std::string& dvs, const std::string& port) {
-  int result = 0;
+bool PortProperties::ClearPortOpaqueData(const std::string& dvs, const std::string& port) {
+  bool cleared = true;
   for (const char* const key : port_props::kOpaqueData) {
-    if (ClearPortExtraConfig(dvs, port, key) < 0) result = -1;
+    if (ClearPortExtraConfig(dvs, port, key) < 0) cleared = false;
   }
-  return result;
+  return cleared;
 }
 
-int PortProperties::ClearAllPortOpaqueData(const std::string& dvs) {
-  int result = 0;
+bool PortProperties::ClearAllPortOpaqueData(const std::string& dvs) {
+  bool cleared = true;
   PortWalk walk(library_, {dvs});
   walk.Visit([&](const std::string& id, const std::string& port) {
-    if (ClearPortOpaqueData(id, port) != 0) result = -1;
+    if (!ClearPortOpaqueData(id, port)) cleared = false;
     return false;
   });
-  return walk.failed() == 0 ? result : -1;
+  return cleared && walk.failed() == 0;
 }
 
-int PortProperties::SetVlanPolicy(const std::string& dvs, const std::string& port, int32_t vlan,
-                                  const std::vector<std::pair<uint32_t, uint32_t>>& ranges,
-                                  std::string* error) {
+Outcome PortProperties::SetVlanPolicy(const std::string& dvs, const std::string& port, int32_t vlan,
+                                      const std::vector<std::pair<uint32_t, uint32_t>>& ranges) {
   ZLOG_INFO("[PortOp] Setting vlan policy");
   const bool trunk = vlan < 1 && !ranges.empty();
   DVSVlanPolicy policy{};
@@ -140,17 +135,16 @@ int PortProperties::SetVlanPolicy(const std::string& dvs, const std::string& por
     Append(&bytes, range);
   }
   const uint32_t result = library_.PortDataSet(dvs, port, port_props::kVlan, bytes);
-  if (result == 0) return 0;
+  if (result == 0) return Outcome::Done();
   const std::string text = SwitchErrorText(result);
   ZLOG_ERROR("44205", "[PortOp] Port set for vlan for port [%s] operation failed, error code [%s]",
              port.c_str(), text.c_str());
-  *error = "Port set for vlan for port " + port + " failed: " + text;
-  return -1;
+  return Outcome::Failed("Port set for vlan for port " + port + " failed: " + text);
 }
 
-int PortProperties::SetUplinkTeamingName(const std::string& dvs, const std::string& port,
-                                         const std::string& teaming, std::string* error) {
-  return SetPortExtraConfig(dvs, port, port_props::kUplinkTeaming, teaming, error);
+Outcome PortProperties::SetUplinkTeamingName(const std::string& dvs, const std::string& port,
+                                             const std::string& teaming) {
+  return SetPortExtraConfig(dvs, port, port_props::kUplinkTeaming, teaming);
 }
 
 uint32_t PortProperties::GetHostConfigProp(const std::string& dvs, const std::string& property,

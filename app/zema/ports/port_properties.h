@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "framework/tasks/outcome.h"
+
 namespace zem::zema {
 
 class SwitchLibrary;
@@ -16,14 +18,15 @@ struct PortLocation;
 /// Threads: all operations from any thread; the library may block, so none from a provider's.  Sequences of
 /// changes to one port are kept apart by their callers.
 /// Ownership: holds both by reference.
-/// Errors: 0, or -1 with the reason in `error`, which may be null where it has a default.
+/// Errors: what the switch refuses is logged.
 class PortProperties {
  public:
   PortProperties(SwitchLibrary& library, VifIndex& index) : library_(library), index_(index) {}
 
-  int SetPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
-                         const std::string& value, std::string* error = nullptr);
-  /// 0, 1 when the port did not have the property, or -1 after three tries.
+  Outcome SetPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
+                             const std::string& value);
+  /// 0, 1 when the port did not have the property, or -1 after three tries, with the reason in `error`, which
+  /// may be null.
   int ClearPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
                            std::string* error = nullptr);
   /// Returns the library's code.
@@ -35,14 +38,13 @@ class PortProperties {
   Same Compare(const PortLocation& at, const char* property, const std::string& value) const;
 
   /// Clears the properties that tie the port to a VIF.
-  int ClearPortOpaqueData(const std::string& dvs, const std::string& port);
+  [[nodiscard]] bool ClearPortOpaqueData(const std::string& dvs, const std::string& port);
   /// Does so on all ports of the switch.
-  int ClearAllPortOpaqueData(const std::string& dvs);
+  [[nodiscard]] bool ClearAllPortOpaqueData(const std::string& dvs);
 
-  int SetVlanPolicy(const std::string& dvs, const std::string& port, int32_t vlan,
-                    const std::vector<std::pair<uint32_t, uint32_t>>& ranges, std::string* error);
-  int SetUplinkTeamingName(const std::string& dvs, const std::string& port, const std::string& teaming,
-                           std::string* error);
+  Outcome SetVlanPolicy(const std::string& dvs, const std::string& port, int32_t vlan,
+                        const std::vector<std::pair<uint32_t, uint32_t>>& ranges);
+  Outcome SetUplinkTeamingName(const std::string& dvs, const std::string& port, const std::string& teaming);
 
   /// Reads a property of the switch on this host.  Returns the library's code.
   uint32_t GetHostConfigProp(const std::string& dvs, const std::string& property, std::string* value);

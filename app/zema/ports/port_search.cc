@@ -21,15 +21,14 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 }  // namespace
 
-int PortSearch::FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
-                                  PortLocation* found, std::string* error) {
+Outcome PortSearch::FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
+                                      PortLocation* found) {
   const auto span = wft::WorkflowUtil::StartChildSpan("PortOpsManager.FindPortByVifUuid", wft::kTraceInfo);
   wft::WorkflowUtil::SetCurSpanTag(wft::tags::kVif, vif);
   wft::WorkflowUtil::SetCurSpanTag(wft::tags::kLogicalSwitch, ls);
   wft::WorkflowUtil::SetCurSpanTag("gcfPath", *gcf_path);
   if (vif.empty() || ls.empty()) {
-    *error = "No VIF or logical switch given to find a port by";
-    return -1;
+    return Outcome::Failed("No VIF or logical switch given to find a port by");
   }
   if (auto holder = holders_.OnNetwork(vif, ls)) {
     *found = *std::move(holder);
@@ -37,15 +36,16 @@ int PortSearch::FindPortByVifUuid(const std::string& vif, const std::string& ls,
     const auto memory = VmDirectoryOfPortFile(files_.PersistPath(found->dvs, found->port));
     const auto wanted = VmDirectoryOf(*gcf_path);
     if (memory && wanted && *memory != *wanted) {
-      *error = "Failed to find required port. GCF path [" + *gcf_path +
-               "] specified for the port is different from the gcf path [" + *memory + "] in memory";
-      ZLOG_ERROR("44207", "[PortOp] %s", error->c_str());
-      return -1;
+      std::string error = "Failed to find required port. GCF path [" + *gcf_path +
+                          "] specified for the port is different from the gcf path [" + *memory +
+                          "] in memory";
+      ZLOG_ERROR("44207", "[PortOp] %s", error.c_str());
+      return Outcome::Failed(std::move(error));
     }
     if (memory && gcf_path->empty()) *gcf_path = *memory;
     ZLOG_INFO("[PortOp] Found required port. VIF[%s] PortKey:[%s] GCF Dir Path: [%s]", vif.c_str(),
               found->port.c_str(), memory.value_or("").c_str());
-    return 0;
+    return Outcome::Done();
   }
   if (!gcf_path->empty()) {
     ZLOG_INFO("[PortOp] Searching through gcf dir");
@@ -54,14 +54,12 @@ int PortSearch::FindPortByVifUuid(const std::string& vif, const std::string& ls,
       ZLOG_INFO(
           "[PortOp] Ignoring port [%s] restore from portData file for knl and crx ports with gcfPath: [%s]",
           vif.c_str(), gcf_path->c_str());
-      *error = "Could not find port with VIF " + vif;
-      return -1;
+      return Outcome::Failed("Could not find port with VIF " + vif);
     }
-    if (RestoreFromFiles(vif, ls, *directory, found)) return 0;
+    if (RestoreFromFiles(vif, ls, *directory, found)) return Outcome::Done();
   }
   ZLOG_INFO("[PortOp] Could not find port/vif");
-  *error = "Could not find port with VIF " + vif;
-  return -1;
+  return Outcome::Failed("Could not find port with VIF " + vif);
 }
 
 std::vector<PortLocation> PortSearch::PortsOfKey(const std::string& port) const {
@@ -115,10 +113,10 @@ bool PortSearch::TakeBack(const PortFileEntry& file, const std::string& director
               memory->c_str());
     return false;
   }
-  if (properties_.SetPortExtraConfig(file.dvs, file.port, port_props::kExternalId, vif) != 0 ||
-      properties_.SetPortExtraConfig(file.dvs, file.port, port_props::kOpaqueNetworkId, ls) != 0 ||
+  if (!properties_.SetPortExtraConfig(file.dvs, file.port, port_props::kExternalId, vif) ||
+      !properties_.SetPortExtraConfig(file.dvs, file.port, port_props::kOpaqueNetworkId, ls) ||
       (path.empty() &&
-       properties_.SetPortExtraConfig(file.dvs, file.port, port_props::kPersistPath, file.path) != 0)) {
+       !properties_.SetPortExtraConfig(file.dvs, file.port, port_props::kPersistPath, file.path))) {
     return false;
   }
   files_.TakeFile({file.dvs, file.port});
@@ -171,16 +169,16 @@ bool PortSearch::TakeLeftOver(const PortFileEntry& file, const std::string& dvs,
 
 // The port is wanted for what is written on it.  It may come from a switch that this host has not, so all
 // files are tried on the switch of the zone; what is not the port, and was not there before, goes again.
-int PortSearch::FindPortToFetchVMTags(const std::string& vif, const std::string& ls,
-                                      const std::string& gcf_path, const std::string& new_zone,
-                                      PortLocation* found, std::string* error) {
+Outcome PortSearch::FindPortToFetchVMTags(const std::string& vif, const std::string& ls,
+                                          const std::string& gcf_path, const std::string& new_zone,
+                                          PortLocation* found) {
   ZLOG_INFO("[PortOp] FindPortToFetchVMTags: VIF[%s] LS[%s] GCF[%s] newTZ[%s]", vif.c_str(), ls.c_str(),
             gcf_path.c_str(), new_zone.c_str());
   const std::string dvs = zones_.GetDvsIdForTz(new_zone);
   const auto directory = VmDirectoryOf(gcf_path);
   if (vif.empty() || ls.empty() || dvs.empty() || !directory) {
-    *error = "Could not look for the prior port of VIF " + vif + ": its files or the switch are not known";
-    return -1;
+    return Outcome::Failed("Could not look for the prior port of VIF " + vif +
+                           ": its files or the switch are not known");
   }
   for (const PortFileEntry& file : PortFilesOf(*directory)) {
     const bool there = library_.PortFind(dvs, file.port) == 0 && !TakeLeftOver(file, dvs, vif, ls);
@@ -189,7 +187,7 @@ int PortSearch::FindPortToFetchVMTags(const std::string& vif, const std::string&
     const auto id = properties_.Compare({dvs, file.port}, port_props::kExternalId, vif);
     if (network == PortProperties::Same::kYes && id == PortProperties::Same::kYes) {
       *found = {dvs, file.port};
-      return 0;
+      return Outcome::Done();
     }
     if (network == PortProperties::Same::kUnknown || id == PortProperties::Same::kUnknown) {
       ZLOG_ERROR("44207", "[PortOp] Failed to lookup networkId/vifId of port [%s]. Unloading it from memory",
@@ -203,8 +201,7 @@ int PortSearch::FindPortToFetchVMTags(const std::string& vif, const std::string&
       index_.Forget(dvs, file.port);
     }
   }
-  *error = "Could not find the prior port of VIF " + vif;
-  return -1;
+  return Outcome::Failed("Could not find the prior port of VIF " + vif);
 }
 
 }  // namespace zem::zema

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "app/zema/ports/port_location.h"
+#include "framework/tasks/outcome.h"
 
 namespace zem::zema {
 
@@ -21,7 +22,6 @@ struct PortFileEntry;
 /// Threads: all operations from any thread; files and the library block, so none from a provider's.
 /// Sequences of changes to one port are kept apart by their callers.
 /// Ownership: holds what it is made of by reference.
-/// Errors: 0, or -1 with the reason in `error`.
 class PortSearch {
  public:
   struct Parts {
@@ -42,16 +42,16 @@ class PortSearch {
 
   /// Looks for the VIF's port on the switches, then in the files of the VM.  An empty `gcf_path` becomes the
   /// directory of the VM whose port it is.
-  int FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
-                        PortLocation* found, std::string* error);
+  Outcome FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
+                            PortLocation* found);
 
   /// All ports of that key: a key is unique on its switch alone.
   std::vector<PortLocation> PortsOfKey(const std::string& port) const;
 
   /// Looks for the port that the VIF had before, to read what is written on it, in the files of the VM alone;
   /// puts it on the switch of `new_zone` if it is not there.
-  int FindPortToFetchVMTags(const std::string& vif, const std::string& ls, const std::string& gcf_path,
-                            const std::string& new_zone, PortLocation* found, std::string* error);
+  Outcome FindPortToFetchVMTags(const std::string& vif, const std::string& ls, const std::string& gcf_path,
+                                const std::string& new_zone, PortLocation* found);
 
  private:
   bool RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,

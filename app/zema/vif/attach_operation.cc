@@ -102,12 +102,12 @@ bool AttachOperation::LeavePriorPort() {
   if (request_.vif_id.empty()) return true;
   ZLOG_INFO("[PortOp] HandlerThread::DoMpVifAttachRpc about to clear vif [%s] from prior attached port",
             request_.vif_id.c_str());
-  std::string error;
   const std::string& kept = security_port_ ? security_port_->port : reply_.port_id;
-  if (context_.ports.changes().ClearVifFromPortOtherThan(kept, request_.vif_id, &error) == 0) return true;
+  const Outcome cleared = context_.ports.changes().ClearVifFromPortOtherThan(kept, request_.vif_id);
+  if (cleared) return true;
   ZLOG_ERROR("42003", "[%s] VIF [%s] stays on a port that it had: %s", kTag, request_.vif_id.c_str(),
-             error.c_str());
-  request_.error_text = std::move(error);
+             cleared.error().c_str());
+  request_.error_text = cleared.error();
   return false;
 }
 
@@ -127,12 +127,13 @@ bool AttachOperation::HandlePriorAttachedPort() {
                 {reply_.old_switch_id, request_.ls_id, reply_.old_zone_id, reply_.old_port_id,
                  OpIdStem(request_.op_id)});
   }
-  std::string error;
-  if (context_.ports.changes().ClearVifFromPort(reply_.old_zone_id, reply_.old_port_id, reply_.old_switch_id,
-                                                request_.vif_id, true, &error) != 0) {
+  const Outcome cleared = context_.ports.changes().ClearVifFromPort(
+      reply_.old_zone_id, reply_.old_port_id, reply_.old_switch_id, request_.vif_id, true);
+  if (!cleared) {
     ZLOG_ERROR("42068", "[%s] clearVif(lpid=%s, lsid=%s, zoneUuid= %s, vifUuid=%s, gcfPath=%s) failed: %s\n",
-               __func__, port, ls, zone, request_.vif_id.c_str(), request_.gcf_path.c_str(), error.c_str());
-    request_.error_text = std::move(error);
+               __func__, port, ls, zone, request_.vif_id.c_str(), request_.gcf_path.c_str(),
+               cleared.error().c_str());
+    request_.error_text = cleared.error();
     return false;
   }
   ZLOG_INFO("[%s] cleared vif [%s] on prior attached dvport [%s] on ls [%s] in zone [%s]\n", __func__,
@@ -165,20 +166,19 @@ bool AttachOperation::TieSecurity() {
     ZLOG_ERROR("44423", "[%s] %s", kTag, request_.error_text.c_str());
     return false;
   }
-  request_.error_text =
+  const Outcome tied =
       TieSecurityPort(context_, *security_port_, {request_.vif_id, request_.ls_id, reply_.port_id});
-  return request_.error_text.empty();
+  request_.error_text = tied.error();
+  return tied.done();
 }
 
 // The manager knows now.
 void AttachOperation::ForgetPendingOperation() {
   if (!IsSecurityOnly(request_.ls_id) && (reply_.port_id.empty() || reply_.zone_id.empty())) return;
   PortLocation at;
-  std::string error;
-  if (!UpdateDvPortRpcOp(context_, request_, {PortRpcOp::kAttach, true, reply_.zone_id, reply_.port_id, ""},
-                         &at, &error)) {
-    ZLOG_ERROR("42003", "[%s] %s", kTag, error.c_str());
-  }
+  const Outcome forgotten = UpdateDvPortRpcOp(
+      context_, request_, {PortRpcOp::kAttach, true, reply_.zone_id, reply_.port_id, ""}, &at);
+  if (!forgotten) ZLOG_ERROR("42003", "[%s] %s", kTag, forgotten.error().c_str());
 }
 
 void AttachOperation::MakePort(bool return_vif) {
@@ -187,7 +187,10 @@ void AttachOperation::MakePort(bool return_vif) {
               reply_.zone_id.c_str());
     return;
   }
-  if (CreateLocalDvPort(context_, request_, begun_, reply_, &request_.error_text)) return;
+  if (const Outcome created = CreateLocalDvPort(context_, request_, begun_, reply_); !created) {
+    request_.error_text = created.error();
+    return;
+  }
   ProcessLogicalPortInitState(context_, request_, reply_);
   if (return_vif) request_.result_text = reply_.port_id;
 }
@@ -197,14 +200,11 @@ void AttachOperation::AfterManagerError(bool return_vif) {
   request_.error_text = reply_.error;
   const bool away = IsTransportFailure(reply_.error);
   PortLocation at;
-  std::string error;
-  // After a refusal the port is not brought back from its file to be told so.
-  if (!UpdateDvPortRpcOp(
-          context_, request_,
-          {PortRpcOp::kAttach, false, reply_.zone_id, reply_.port_id, away ? request_.gcf_path : ""}, &at,
-          &error)) {
-    ZLOG_ERROR("42003", "[%s] %s", kTag, error.c_str());
-  }
+  // After a refusal the port is not brought back from its file just to be marked.
+  const Outcome noted = UpdateDvPortRpcOp(
+      context_, request_,
+      {PortRpcOp::kAttach, false, reply_.zone_id, reply_.port_id, away ? request_.gcf_path : ""}, &at);
+  if (!noted) ZLOG_ERROR("42003", "[%s] %s", kTag, noted.error().c_str());
   if (!away) {
     ZLOG_ERROR("42003", "[%s] Not RPC Send error. Returning", kTag);
     return;
@@ -214,8 +214,7 @@ void AttachOperation::AfterManagerError(bool return_vif) {
     return;
   }
   std::string path = request_.gcf_path;
-  if (context_.ports.search().FindPortByVifUuid(request_.vif_id, request_.ls_id, &path, &at, &error) != 0)
-    return;
+  if (!context_.ports.search().FindPortByVifUuid(request_.vif_id, request_.ls_id, &path, &at)) return;
   context_.ports.files().TakeFile(at);
   request_.error_text.clear();
   if (return_vif) request_.result_text = request_.vif_id;

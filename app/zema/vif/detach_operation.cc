@@ -48,15 +48,15 @@ void DetachOperation::Run() {
 }
 
 void DetachOperation::NoteOperation() {
-  std::string error;
   // The port is looked for on the switches alone: the files of a VM that has moved away are another host's.
-  if (UpdateDvPortRpcOp(context_, request_,
-                        {PortRpcOp::kDetach, reply_.error.empty(), reply_.zone_id, reply_.port_id, ""}, &at_,
-                        &error)) {
+  const Outcome noted =
+      UpdateDvPortRpcOp(context_, request_,
+                        {PortRpcOp::kDetach, reply_.error.empty(), reply_.zone_id, reply_.port_id, ""}, &at_);
+  if (noted) {
     ZLOG_INFO("[%s] Successfully retrieved portId:[%s], dvsUuid:[%s] for vif:[%s], LS:[%s]", kTag,
               at_.port.c_str(), at_.dvs.c_str(), request_.vif_id.c_str(), request_.ls_id.c_str());
   } else {
-    ZLOG_ERROR("42004", "[%s] %s", kTag, error.c_str());
+    ZLOG_ERROR("42004", "[%s] %s", kTag, noted.error().c_str());
   }
   if (!at_.dvs.empty() && !at_.port.empty()) {
     // A failure is told there; the VIF comes off all the same.
@@ -93,11 +93,14 @@ void DetachOperation::ClearNamedPort() {
   ZLOG_INFO("[%s] MP returned gcfPath [%s], request gcfPath [%s]", kTag, reply_.gcf_path.c_str(),
             request_.gcf_path.c_str());
   if (reply_.gcf_path == request_.gcf_path) return;
-  if (context_.ports.changes().UpdateGcfPath(reply_.zone_id, reply_.port_id, reply_.gcf_path,
-                                             &request_.error_text) == 0) {
-    ZLOG_INFO("[%s] Successfully updated port [%s] gcfPath to [%s]", kTag, reply_.port_id.c_str(),
-              reply_.gcf_path.c_str());
+  const Outcome updated =
+      context_.ports.changes().UpdateGcfPath(reply_.zone_id, reply_.port_id, reply_.gcf_path);
+  if (!updated) {
+    request_.error_text = updated.error();
+    return;
   }
+  ZLOG_INFO("[%s] Successfully updated port [%s] gcfPath to [%s]", kTag, reply_.port_id.c_str(),
+            reply_.gcf_path.c_str());
 }
 
 void DetachOperation::ClearWhereverItIs() {
@@ -114,25 +117,22 @@ void DetachOperation::ClearWhereverItIs() {
 }
 
 void DetachOperation::Clear(const std::string& zone, const std::string& port, bool force) {
-  std::string error;
-  if (context_.ports.changes().ClearVifFromPort(zone, port, request_.ls_id, request_.vif_id, force, &error) !=
-      0) {
-    request_.error_text = std::move(error);
-  }
+  const Outcome cleared =
+      context_.ports.changes().ClearVifFromPort(zone, port, request_.ls_id, request_.vif_id, force);
+  if (!cleared) request_.error_text = cleared.error();
 }
 
 // The VIF comes off the port that the manager knew it on, and off whatever other port may have it, so that it
 // is on the port before alone.  False with the reason in the request.
 bool DetachOperation::ClearForUndo(const PortAttached& back) {
   ZLOG_INFO("[PortOp] Inside cleanup prior port, about to clear vif");
-  std::string error;
-  if (context_.ports.changes().ClearVifFromPort(back.old_zone_id, back.old_port_id, back.old_switch_id,
-                                                request_.vif_id, false, &error) == 0 &&
-      context_.ports.changes().ClearVifFromPortOtherThan(back.port_id, request_.vif_id, &error) == 0) {
-    return true;
-  }
-  ZLOG_ERROR("42004", "[%s] %s", "CleanUpPriorAttachedPort", error.c_str());
-  request_.error_text = std::move(error);
+  auto& changes = context_.ports.changes();
+  Outcome cleared = changes.ClearVifFromPort(back.old_zone_id, back.old_port_id, back.old_switch_id,
+                                             request_.vif_id, false);
+  if (cleared) cleared = changes.ClearVifFromPortOtherThan(back.port_id, request_.vif_id);
+  if (cleared) return true;
+  ZLOG_ERROR("42004", "[%s] %s", "CleanUpPriorAttachedPort", cleared.error().c_str());
+  request_.error_text = cleared.error();
   return false;
 }
 
@@ -163,7 +163,9 @@ void DetachOperation::CleanUpPriorAttachedPort() {
   // The vNIC never left the port in the host's eyes, so the host does not ask for it again.
   VifRequest again = request_;
   again.ls_id = prior->old_ls;
-  CreateLocalDvPort(context_, again, begun, back, &request_.error_text);
+  if (const Outcome created = CreateLocalDvPort(context_, again, begun, back); !created) {
+    request_.error_text = created.error();
+  }
 }
 
 }  // namespace zem::zema

@@ -47,26 +47,25 @@ const std::string& VifOfPort(const VifRequest& request, const PortAttached& repl
   return FirstSet(FirstSet(reply.vif_id, request.vif_id), reply.port_id);
 }
 
-bool CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,
-                       const PortAttached& reply, std::string* error) {
+Outcome CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,
+                          const PortAttached& reply) {
   const auto span = wft::WorkflowUtil::StartChildSpan("HandlerThread.CreateLocalDvPort", wft::kTraceInfo);
   wft::WorkflowUtil::SetCurSpanTag("gcfPath", request.gcf_path);
   PortConfigSpec spec = PortDescriptionOf(reply);
   if (spec.switch_id.empty()) spec.switch_id = request.ls_id;
   const std::string& vif = VifOfPort(request, reply);
-  std::string reason;
-  if (context.ports.creation().CreatePort(spec, vif, request.gcf_path, request.gcf_path != kHostInterface,
-                                          &reason) != 0) {
+  Outcome created =
+      context.ports.creation().CreatePort(spec, vif, request.gcf_path, request.gcf_path != kHostInterface);
+  if (!created) {
     ZLOG_ERROR("42001", "[%s] createPort(uuid=%s, zone=%s) failed: %s\n", __func__, spec.port_id.c_str(),
-               spec.zone_id.c_str(), reason.c_str());
-    *error = std::move(reason);
-    return true;
+               spec.zone_id.c_str(), created.error().c_str());
+    return created;
   }
   const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::Process().Now() - begun);
   ZLOG_INFO("[%s] created dvport [%s] on zone [%s] attached to vif [%s] in time :%llu\n", __func__,
             spec.port_id.c_str(), spec.zone_id.c_str(), vif.c_str(),
             static_cast<unsigned long long>(took.count()));
-  return false;
+  return created;
 }
 
 }  // namespace zem::zema

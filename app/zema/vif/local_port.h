@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "framework/tasks/outcome.h"
 #include "platform/core/clock.h"
 
 namespace zem::zema {
@@ -19,9 +20,9 @@ PortAttached PortAttachedOf(const PortConfigSpec& spec);
 /// it from then on.
 const std::string& VifOfPort(const VifRequest& request, const PortAttached& reply);
 
-/// Makes the port that the manager answered with, or brings it up to date, for the request's VIF.  True on
-/// failure, with the reason in `error`.  Under the port lock.
-bool CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,
-                       const PortAttached& reply, std::string* error);
+/// Makes the port that the manager answered with, or brings it up to date, for the request's VIF.
+/// The caller holds the port lock.
+Outcome CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,
+                          const PortAttached& reply);
 
 }  // namespace zem::zema

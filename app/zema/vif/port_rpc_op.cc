@@ -13,47 +13,42 @@ namespace {
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-bool Locate(VifContext& context, const VifRequest& request, const PortRpcOp& op, PortLocation* at,
-            std::string* error) {
+Outcome Locate(VifContext& context, const VifRequest& request, const PortRpcOp& op, PortLocation* at) {
   if (IsSecurityOnly(request.ls_id)) {
-    if (auto port = FindSecurityPort(context, request)) {
-      *at = *std::move(port);
-      return true;
-    }
-    *error = "Unable to find dvs and port ids for security";
-    return false;
+    auto port = FindSecurityPort(context, request);
+    if (!port) return Outcome::Failed("Unable to find dvs and port ids for security");
+    *at = *std::move(port);
+    return Outcome::Done();
   }
   if (!op.zone.empty() && !op.port.empty()) {
     *at = {context.ports.zones().GetDvsIdForTz(op.zone), op.port};
-    if (!at->dvs.empty()) return true;
+    if (!at->dvs.empty()) return Outcome::Done();
     *at = {};
   }
   std::string path = op.gcf_path;
-  std::string reason;
-  if (context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, &path, at, &reason) == 0)
-    return true;
-  *error = "Failed to find port with vif [" + request.vif_id + "] gcfPath [" + request.gcf_path + "]";
-  return false;
+  Outcome found = context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, &path, at);
+  if (found) return found;
+  return Outcome::Failed("Failed to find port with vif [" + request.vif_id + "] gcfPath [" +
+                         request.gcf_path + "]");
 }
 
 }  // namespace
 
-bool UpdateDvPortRpcOp(VifContext& context, const VifRequest& request, const PortRpcOp& op, PortLocation* at,
-                       std::string* error) {
+Outcome UpdateDvPortRpcOp(VifContext& context, const VifRequest& request, const PortRpcOp& op,
+                          PortLocation* at) {
   const auto span = wft::WorkflowUtil::StartChildSpan("HandlerThread.UpdateDvPortRpcOp", wft::kTraceInfo);
   wft::WorkflowUtil::SetCurSpanTag("rpcOp", op.operation);
   wft::WorkflowUtil::SetCurSpanTag("gcfPath", request.gcf_path);
-  if (!Locate(context, request, op, at, error)) return false;
+  if (Outcome located = Locate(context, request, op, at); !located) return located;
   const char* const done = op.done ? port_props::kTrue : port_props::kFalse;
-  std::string reason;
-  if (context.ports.changes().UpdateDvportRpcOp(at->dvs, at->port, op.operation, done, &reason) != 0) {
-    *error = std::string("Failed to set Port Pending ") + op.operation + "=" + done + " for vif [" +
-             request.vif_id + "] port-key [" + at->port + "]";
-    return false;
+  Outcome noted = context.ports.changes().UpdateDvportRpcOp(at->dvs, at->port, op.operation, done);
+  if (!noted) {
+    return Outcome::Failed(std::string("Failed to set Port Pending ") + op.operation + "=" + done +
+                           " for vif [" + request.vif_id + "] port-key [" + at->port + "]");
   }
   ZLOG_INFO("[%s] Successfully set Port Pending %s=%s for vif [%s] port-key [%s]", __func__, op.operation,
             done, request.vif_id.c_str(), at->port.c_str());
-  return true;
+  return noted;
 }
 
 }  // namespace zem::zema

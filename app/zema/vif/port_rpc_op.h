@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "framework/tasks/outcome.h"
+
 namespace zem::zema {
 
 struct PortLocation;
@@ -23,9 +25,9 @@ struct PortRpcOp {
   std::string gcf_path;
 };
 
-/// Notes it, or forgets it, on the VIF's port.  False with the reason in `error`; `at` is where the port is,
-/// empty when there is none.  Under the port lock.
-bool UpdateDvPortRpcOp(VifContext& context, const VifRequest& request, const PortRpcOp& op, PortLocation* at,
-                       std::string* error);
+/// Writes the note onto the VIF's port, or removes it.  `at` takes where the port is, and stays empty when
+/// there is none.  The caller holds the port lock.
+Outcome UpdateDvPortRpcOp(VifContext& context, const VifRequest& request, const PortRpcOp& op,
+                          PortLocation* at);
 
 }  // namespace zem::zema

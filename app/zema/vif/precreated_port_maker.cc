@@ -20,20 +20,19 @@ constexpr const char* kOk = "ok|";
 
 }  // namespace
 
-bool PrecreatedPortMaker::CreatePorts(PrecreatedPorts::Map& ports, std::string* error) {
+Outcome PrecreatedPortMaker::CreatePorts(PrecreatedPorts::Map& ports) {
   for (auto& [vif, request] : ports) {
     if (!request->spec) continue;
-    std::string reason;
-    if (!CreatePortForPrecreated(*request, &reason)) {
-      *error = "Failed to create DV port " + request->spec->port_id + " with VIF " + vif + ". " + reason;
-      return false;
+    if (const Outcome created = CreatePortForPrecreated(*request); !created) {
+      return Outcome::Failed("Failed to create DV port " + request->spec->port_id + " with VIF " + vif +
+                             ". " + created.error());
     }
     request->precreated = true;
   }
-  return true;
+  return Outcome::Done();
 }
 
-bool PrecreatedPortMaker::CreatePortForPrecreated(VifRequest& request, std::string* error) {
+Outcome PrecreatedPortMaker::CreatePortForPrecreated(VifRequest& request) {
   ResolveVm(request.vif_id, &request.gcf_path);
   // A file of migrations says it in the place of the path.
   if (!request.gcf_path.starts_with('/') && request.gcf_path.find(':') != std::string::npos) {
@@ -43,9 +42,8 @@ bool PrecreatedPortMaker::CreatePortForPrecreated(VifRequest& request, std::stri
   const TimePoint begun = Clock::Process().Now();
   const PortAttached port = PortAttachedOf(*request.spec);
   const Synchronizer lock(context_.port_lock, __FILE__, __LINE__);
-  if (context_.ports.changes().ClearVifFromPortOtherThan(port.port_id, request.vif_id, error) != 0)
-    return false;
-  return !CreateLocalDvPort(context_, request, begun, port, error);
+  Outcome cleared = context_.ports.changes().ClearVifFromPortOtherThan(port.port_id, request.vif_id);
+  return cleared ? CreateLocalDvPort(context_, request, begun, port) : cleared;
 }
 
 // A VM's interface is "<VM's uuid>:<device>".

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "app/zema/vif/precreated_ports.h"
+#include "framework/tasks/outcome.h"
 
 namespace zem::zema {
 
@@ -16,12 +17,12 @@ class PrecreatedPortMaker {
  public:
   explicit PrecreatedPortMaker(VifContext& context) : context_(context) {}
 
-  /// In the order of the VIFs; each one that is made is marked so.  False at the first that cannot be made,
-  /// with the reason in `error`.
-  bool CreatePorts(PrecreatedPorts::Map& ports, std::string* error);
+  /// Makes the ports in the order of their VIFs, and marks each that is made.  Ends at the first port that
+  /// cannot be made.
+  Outcome CreatePorts(PrecreatedPorts::Map& ports);
 
  private:
-  bool CreatePortForPrecreated(VifRequest& request, std::string* error);
+  Outcome CreatePortForPrecreated(VifRequest& request);
   void ResolveVm(const std::string& vnic, std::string* gcf_path);
   std::string PathOfVm(const std::string& uuid);
 

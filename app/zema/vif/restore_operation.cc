@@ -18,10 +18,9 @@ constexpr const char* kTag = "DoVifPortOperation";
 constexpr const char* kSecurityOnly = "SECURITY_ONLY";
 constexpr const char* kFailed = "FAILED";
 
-bool Find(VifContext& context, const VifRequest& request, std::string* path, PortLocation* at,
-          std::string* error) {
+Outcome Find(VifContext& context, const VifRequest& request, std::string* path, PortLocation* at) {
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
-  return context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, path, at, error) == 0;
+  return context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, path, at);
 }
 
 // The host knows where the VM's files are.
@@ -42,22 +41,23 @@ bool AskForPath(VifContext& context, VifRequest& request, const PortLocation& at
 bool RestorePort(VifContext& context, VifRequest& request) {
   PortLocation at;
   std::string path = request.gcf_path;
-  bool found = Find(context, request, &path, &at, &request.error_text);
+  Outcome found = Find(context, request, &path, &at);
   const bool had_path = !request.gcf_path.empty();
-  const bool told = AskForPath(context, request, at);
-  if (!found && told && !had_path) {
-    // Only now the files can be looked at.
+  const bool answered = AskForPath(context, request, at);
+  if (!found && answered && !had_path) {
+    // Only now can the files be looked at.
     path = request.gcf_path;
-    found = Find(context, request, &path, &at, &request.error_text);
+    found = Find(context, request, &path, &at);
   }
-  if (found) request.error_text.clear();
-  return found;
+  request.error_text = found.error();
+  return found.done();
 }
 
 bool TieSecurityOnlyPort(VifContext& context, VifRequest& request) {
   const PortLocation at{request.security_switch_id, request.spec->port_id};
-  request.error_text = TieSecurityPort(context, at, {request.vif_id, request.ls_id, request.port_id});
-  if (!request.error_text.empty()) return false;
+  const Outcome tied = TieSecurityPort(context, at, {request.vif_id, request.ls_id, request.port_id});
+  request.error_text = tied.error();
+  if (!tied) return false;
   ZLOG_INFO("[%s] Applied extra-config on security-only dvport [%s-%s]", kTag, at.dvs.c_str(),
             at.port.c_str());
   return true;

@@ -23,12 +23,12 @@ void ClearStale(VifContext& context, const PortLocation& at, const std::string& 
   if (stored.empty() || stored == vif) return;
   ZLOG_INFO("[%s] dvport [%s] has stale vifId [%s], clearing all existing extra config", kTag,
             at.port.c_str(), stored.c_str());
-  if (context.ports.properties().ClearPortOpaqueData(at.dvs, at.port) != 0) {
+  if (!context.ports.properties().ClearPortOpaqueData(at.dvs, at.port)) {
     ZLOG_WARN("[%s] dvport [%s] keeps what was written on it", kTag, at.port.c_str());
   }
 }
 
-bool SetAll(VifContext& context, const PortLocation& at, const SecurityTie& tie, std::string* error) {
+Outcome SetAll(VifContext& context, const PortLocation& at, const SecurityTie& tie) {
   const struct {
     const char* key;
     const std::string& value;
@@ -40,10 +40,10 @@ bool SetAll(VifContext& context, const PortLocation& at, const SecurityTie& tie,
   };
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
   for (const auto& row : rows) {
-    if (context.ports.properties().SetPortExtraConfig(at.dvs, at.port, row.key, row.value, error) != 0)
-      return false;
+    Outcome set = context.ports.properties().SetPortExtraConfig(at.dvs, at.port, row.key, row.value);
+    if (!set) return set;
   }
-  return true;
+  return Outcome::Done();
 }
 
 }  // namespace
@@ -60,8 +60,7 @@ std::optional<PortLocation> FindSecurityPort(VifContext& context, const VifReque
   }
   PortLocation at;
   std::string path;
-  std::string error;
-  if (context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, &path, &at, &error) == 0 &&
+  if (context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, &path, &at) &&
       (request.port_id.empty() || request.port_id == at.port)) {
     return at;
   }
@@ -70,19 +69,20 @@ std::optional<PortLocation> FindSecurityPort(VifContext& context, const VifReque
   return std::move(of_key.front());
 }
 
-std::string TieSecurityPort(VifContext& context, const PortLocation& at, const SecurityTie& tie) {
+Outcome TieSecurityPort(VifContext& context, const PortLocation& at, const SecurityTie& tie) {
   ClearStale(context, at, tie.vif);
-  std::string error;
-  for (int failed = 0;;) {
-    if (SetAll(context, at, tie, &error)) return {};
-    if (++failed == kTries) break;
+  for (int failed = 1;; ++failed) {
+    Outcome tied = SetAll(context, at, tie);
+    if (tied) return tied;
+    if (failed == kTries) {
+      ZLOG_ERROR("44205", "[PortOp] Failed [%d] times to set port [%s] extra-configs, error [%s]", kTries,
+                 at.port.c_str(), tied.error().c_str());
+      return tied;
+    }
     ZLOG_ERROR("44205", "[PortOp] Failed to set port [%s] extra-configs, error [%s]. Retrying",
-               at.port.c_str(), error.c_str());
-    if (context.ending.WaitFor(kBetween)) return error;
+               at.port.c_str(), tied.error().c_str());
+    if (context.ending.WaitFor(kBetween)) return tied;
   }
-  ZLOG_ERROR("44205", "[PortOp] Failed [%d] times to set port [%s] extra-configs, error [%s]", kTries,
-             at.port.c_str(), error.c_str());
-  return error;
 }
 
 void UntieSecurityPort(VifContext& context, const VifRequest& request) {
@@ -98,7 +98,7 @@ void UntieSecurityPort(VifContext& context, const VifRequest& request) {
     return;
   }
   ZLOG_INFO("[%s] Clearing security extra config from dvs [%s] lport [%s] on detach", kSource, dvs, port);
-  if (context.ports.properties().ClearPortOpaqueData(dvs, port) != 0) {
+  if (!context.ports.properties().ClearPortOpaqueData(dvs, port)) {
     ZLOG_WARN("[%s] dvport [%s] keeps what was written on it", kSource, port);
     return;
   }

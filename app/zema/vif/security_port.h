@@ -3,6 +3,8 @@
 #include <optional>
 #include <string>
 
+#include "framework/tasks/outcome.h"
+
 namespace zem::zema {
 
 struct PortLocation;
@@ -24,9 +26,9 @@ struct SecurityTie {
   std::string logical_port;
 };
 
-/// Ties the port: what another VIF has left on it goes first.  Up to three tries, a second apart.  Empty, or
-/// what went wrong.  Takes the port lock.
-std::string TieSecurityPort(VifContext& context, const PortLocation& at, const SecurityTie& tie);
+/// Ties the port: what another VIF has left on it goes first.  Up to three tries, a second apart.  Takes
+/// the port lock for each step.
+Outcome TieSecurityPort(VifContext& context, const PortLocation& at, const SecurityTie& tie);
 
 /// Takes what ties the request's port to its VIF off it; nothing when another VIF has the port by now, or the
 /// request names no port.  Under the port lock.

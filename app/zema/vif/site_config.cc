@@ -29,11 +29,11 @@ constexpr const char* kSiteConfigKeys[] = {
 // False with the reason in the request.
 bool SendReplyToMp(VifContext& context, VifRequest& request,
                    std::list<std::pair<std::string, std::string>> values) {
-  std::string error;
-  if (!context.manager.MP_UpdateVnicAttachment(request.op_id, request.vif_id, request.ls_id, request.port_id,
-                                               std::move(values), &error)) {
-    ZLOG_ERROR("42075", "MP_UpdateVnicAttachment() call failed: %s\n", error.c_str());
-    request.error_text = error;
+  const Outcome sent = context.manager.MP_UpdateVnicAttachment(request.op_id, request.vif_id, request.ls_id,
+                                                               request.port_id, std::move(values));
+  if (!sent) {
+    ZLOG_ERROR("42075", "MP_UpdateVnicAttachment() call failed: %s\n", sent.error().c_str());
+    request.error_text = sent.error();
     return false;
   }
   context.ports.site_configs().RemoveVifForSiteConfig(request.vif_id);
@@ -86,9 +86,9 @@ void UpdateSiteConfigurationOnPort(VifContext& context, VifRequest& request) {
   }
   if (!SendReplyToMp(context, request, CollectSiteConfig(context, at))) return;
   const Synchronizer lock(context.port_lock, __FILE__, __LINE__);
-  std::string error;
-  if (context.ports.changes().ClearAttachmentState(at.dvs, at.port, &error) != 0) {
-    ZLOG_ERROR("42075", "Failed to clear attachment state on port [%s]: %s", at.port.c_str(), error.c_str());
+  if (const Outcome cleared = context.ports.changes().ClearAttachmentState(at.dvs, at.port); !cleared) {
+    ZLOG_ERROR("42075", "Failed to clear attachment state on port [%s]: %s", at.port.c_str(),
+               cleared.error().c_str());
   }
   ZLOG_INFO("Successfully replied to MP for port [%s]", at.port.c_str());
 }
@@ -99,27 +99,26 @@ std::optional<PriorSiteConfig> TakePriorPendingConf(VifContext& context, const V
   ZLOG_INFO("MP set initState to [%s] for port [%s]. Fetching VM tags from prior port",
             reply.init_state.c_str(), reply.port_id.c_str());
   PortLocation prior;
-  std::string error;
-  if (context.ports.search().FindPortToFetchVMTags(request.vif_id, reply.old_switch_id, request.gcf_path,
-                                                   reply.zone_id, &prior, &error) != 0) {
+  if (!context.ports.search().FindPortToFetchVMTags(request.vif_id, reply.old_switch_id, request.gcf_path,
+                                                    reply.zone_id, &prior)) {
     ZLOG_INFO("Failed to lookup prior port for VIF [%s]", request.vif_id.c_str());
     return std::nullopt;
   }
   PriorSiteConfig taken{reply.port_id, CollectSiteConfig(context, prior)};
   // The VIF may come back to the port that it had.
-  if (prior.port != reply.port_id &&
-      context.ports.changes().DeletePort(prior.dvs, prior.port, false, &error) != 0) {
+  if (prior.port == reply.port_id) return taken;
+  if (const Outcome deleted = context.ports.changes().DeletePort(prior.dvs, prior.port, false); !deleted) {
     ZLOG_WARN("The prior port [%s] of VIF [%s] stays: %s", prior.port.c_str(), request.vif_id.c_str(),
-              error.c_str());
+              deleted.error().c_str());
   }
   return taken;
 }
 
 void SendPriorPendingConf(VifContext& context, const VifRequest& request, PriorSiteConfig prior) {
-  std::string error;
-  if (!context.manager.MP_UpdateVnicAttachment(request.op_id, request.vif_id, request.ls_id, prior.new_port,
-                                               std::move(prior.values), &error)) {
-    ZLOG_ERROR("42075", "MP_UpdateVnicAttachment() call failed: %s\n", error.c_str());
+  const Outcome sent = context.manager.MP_UpdateVnicAttachment(request.op_id, request.vif_id, request.ls_id,
+                                                               prior.new_port, std::move(prior.values));
+  if (!sent) {
+    ZLOG_ERROR("42075", "MP_UpdateVnicAttachment() call failed: %s\n", sent.error().c_str());
   }
 }
 

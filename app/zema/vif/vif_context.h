@@ -11,13 +11,8 @@ class HostIdentity;
 
 namespace zem::zema {
 
-class HealthRecord;
 class LumCommands;
-class MigrationRecord;
-class OptionsStore;
 class PortOpsManager;
-class ResyncState;
-class VifSender;
 class ZemManager;
 
 /// What the operations on the ports of VIFs work with; everything outlives them.
@@ -26,13 +21,7 @@ class ZemManager;
 struct VifContext {
   PortOpsManager& ports;
   ZemManager& manager;
-  /// Takes the outcome of a restoration to the manager.
-  VifSender& sender;
   LumCommands& lum;
-  MigrationRecord& migration;
-  ResyncState& resync;
-  HealthRecord& health;
-  OptionsStore& options;
   /// Has no id while this host is not set up for operation.
   HostIdentity& host;
   /// Held across each sequence of changes to ports, and never while the manager is waited for.  Whoever holds

@@ -52,7 +52,8 @@ class TurnEnd {
 
 }  // namespace
 
-VifPortHandler::VifPortHandler(std::shared_ptr<VifContext> context) : context_(std::move(context)) {}
+VifPortHandler::VifPortHandler(std::shared_ptr<VifContext> context, Surroundings around)
+    : context_(std::move(context)), around_(around) {}
 VifPortHandler::~VifPortHandler() = default;
 
 void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
@@ -61,7 +62,7 @@ void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
   RestoreAnswer answer;
   Operate(request, waiter, &answer);
   // It may take a minute and more, in which the VIF is free.
-  if (answer) context_->sender.SendVIFRestoreResponse(*answer);
+  if (answer) around_.sender.SendVIFRestoreResponse(*answer);
 }
 
 void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
@@ -106,10 +107,10 @@ bool VifPortHandler::Defer(VifRequest& request) {
       request.op_code != VifRequest::kAttachToVifUuid) {
     return false;
   }
-  if (!context_->migration.IsMigrating(request.op_id)) return false;
+  if (!around_.migration.IsMigrating(request.op_id)) return false;
   ZLOG_INFO("[%s] Defer Vif operation OpaqueNetwork=[%s] vif=[%s] gcf=[%s] opId=[%s]\n", kTag,
             request.ls_id.c_str(), request.vif_id.c_str(), request.gcf_path.c_str(), request.op_id.c_str());
-  if (request.op_code == VifRequest::kDetach) context_->migration.NoteLeft(request.op_id, request.vif_id);
+  if (request.op_code == VifRequest::kDetach) around_.migration.NoteLeft(request.op_id, request.vif_id);
   if (request.op_code == VifRequest::kAttachToVifUuid) {
     ZLOG_INFO("[%s] Defer Vif operation, sending back vif[%s] as result", kTag, request.vif_id.c_str());
     request.result_text = request.vif_id;
@@ -118,9 +119,9 @@ bool VifPortHandler::Defer(VifRequest& request) {
 }
 
 bool VifPortHandler::CheckHealth(VifRequest& request) {
-  if (!context_->options.Snapshot().pre_check_health) return true;
+  if (!around_.options.Snapshot().pre_check_health) return true;
   ZLOG_INFO("[%s] Running health pre-checks.", kTag);
-  if (context_->health.lum_ready()) return true;
+  if (around_.health.lum_ready()) return true;
   ZLOG_ERROR("42019", "[%s] ZEMA Lum not ready", kTag);
   request.error_text =
       "ZEMA Lum not ready. Please restart zem-tarvik by invoking /etc/init.d/zem-tarvik restart on this host "
@@ -131,7 +132,7 @@ bool VifPortHandler::CheckHealth(VifRequest& request) {
 void VifPortHandler::NoteForResync(const VifRequest& request) {
   if (request.host_op_code == VifRequest::kUnsupported || request.vif_id.empty()) return;
   const bool detach = request.host_op_code == VifRequest::kDetach;
-  context_->resync.Note(request.ls_id, request.vif_id, detach ? ResyncState::kDetach : ResyncState::kAttach);
+  around_.resync.Note(request.ls_id, request.vif_id, detach ? ResyncState::kDetach : ResyncState::kAttach);
 }
 
 void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
@@ -172,11 +173,9 @@ void VifPortHandler::Attach(VifRequest& request, Thread& waiter) {
 void VifPortHandler::ManagerDetach(VifRequest& request) {
   ZLOG_INFO("[PortOp] Inside MP_DETACH_PORT, about to clear vif");
   const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
-  std::string error;
-  if (context_->ports.changes().ClearVifFromPort(request.zone_id, request.port_id, request.ls_id,
-                                                 request.vif_id, false, &error) != 0) {
-    request.error_text = std::move(error);
-  }
+  const Outcome cleared = context_->ports.changes().ClearVifFromPort(request.zone_id, request.port_id,
+                                                                     request.ls_id, request.vif_id, false);
+  if (!cleared) request.error_text = cleared.error();
 }
 
 // While nobody was there to be asked it connected its VMs with the ports that it found.

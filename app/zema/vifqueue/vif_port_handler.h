@@ -11,10 +11,24 @@
 
 namespace zem::zema {
 
+class HealthRecord;
+class MigrationRecord;
+class OptionsStore;
+class ResyncState;
+
 /// Serves the operations on the ports of VIFs, one at a time on each VIF, in the order of their arrival.
 class VifPortHandler final : public VifHandler {
  public:
-  explicit VifPortHandler(std::shared_ptr<VifContext> context);
+  /// What decides whether an operation is carried out, and who hears of it; all outlive the handler.
+  struct Surroundings {
+    /// Takes the outcome of a restoration to the manager.
+    VifSender& sender;
+    MigrationRecord& migration;
+    ResyncState& resync;
+    HealthRecord& health;
+    OptionsStore& options;
+  };
+  VifPortHandler(std::shared_ptr<VifContext> context, Surroundings around);
   ~VifPortHandler() override;
 
   void DoVifPortOperation(VifRequest& request, Thread& waiter) override;
@@ -35,6 +49,7 @@ class VifPortHandler final : public VifHandler {
   void ManagerDetach(VifRequest& request);
 
   const std::shared_ptr<VifContext> context_;
+  const Surroundings around_;
   const std::shared_ptr<VifsInProcess> in_process_ = std::make_shared<VifsInProcess>();
   PriorAttachments prior_;
 };

@@ -172,19 +172,17 @@ TEST_F(ZemManagerTest, SendFailures) {
   EXPECT_EQ(manager.pending(), 0u);
   road.takes = 25s;  // nothing left to wait
   EXPECT_EQ(Detach().error, "RPC call to ZEM management plane timout");
-  std::string error;
   road.works = false;
-  EXPECT_FALSE(manager.MP_UpdateVnicAttachment("op", "vif", "ls", "port", {}, &error));
-  EXPECT_EQ(error, "Failed to send VIF RPC request");
+  EXPECT_EQ(manager.MP_UpdateVnicAttachment("op", "vif", "ls", "port", {}).error(),
+            "Failed to send VIF RPC request");
 }
 
 TEST_F(ZemManagerTest, HostThatIsNotSetUp) {
   host.UnsetHostId();
   EXPECT_EQ(Attach().error, "this host is not setup for zem operation");
   EXPECT_EQ(Detach().error, "this host is not initialized for zem operation");
-  std::string error;
-  EXPECT_FALSE(manager.MP_UpdateVnicAttachment("op", "vif", "ls", "port", {}, &error));
-  EXPECT_EQ(error, "this host is not setup for zem operation");
+  EXPECT_EQ(manager.MP_UpdateVnicAttachment("op", "vif", "ls", "port", {}).error(),
+            "this host is not setup for zem operation");
   EXPECT_TRUE(road.sent.empty() && road.updates.empty());
 }
 

@@ -25,16 +25,13 @@ class PortOpsClearTest : public SwitchHostTest {
     state->ClearLogs();
   }
 
-  int Clear(const std::string& zone, const std::string& port, const std::string& ls, const std::string& vif,
-            bool force) {
-    error.clear();
-    return ports.changes().ClearVifFromPort(zone, port, ls, vif, force, &error);
+  Outcome Clear(const std::string& zone, const std::string& port, const std::string& ls,
+                const std::string& vif, bool force) {
+    return ports.changes().ClearVifFromPort(zone, port, ls, vif, force);
   }
   std::string VifOf(const char* dvs, const char* port) const {
     return Property(dvs, port, port_props::kExternalId);
   }
-
-  std::string error;
 };
 
 // Which port loses its VIF, when the zone, the port or the logical switch are not those of the VIF.
@@ -62,7 +59,7 @@ TEST_F(PortOpsClearTest, OnlyTheMeantPortLosesItsVif) {
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(std::string(row.zone) + " " + row.port + " " + row.ls + (row.force ? " forced" : ""));
-    EXPECT_EQ(Clear(row.zone, row.port, row.ls, row.vif, row.force), 0);
+    EXPECT_TRUE(Clear(row.zone, row.port, row.ls, row.vif, row.force));
     EXPECT_EQ(VifOf(kOverlay, "lp-1"), row.vif_of_lp1);
     EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), row.vif_of_lp2);
     EXPECT_EQ(VifOf(kOverlay, "lp-3"), "vif-4");
@@ -71,11 +68,11 @@ TEST_F(PortOpsClearTest, OnlyTheMeantPortLosesItsVif) {
 
 // Or a restore from the file would give the VIF back to the port that it left.
 TEST_F(PortOpsClearTest, FileForgetsTheVifToo) {
-  ASSERT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
+  ASSERT_TRUE(Clear("z1", "lp-1", kLs, kVif, false));
   ASSERT_TRUE(state->LosePorts(kOverlay));
   PortLocation found;
   std::string path = Vm("vm1");
-  EXPECT_EQ(ports.search().FindPortByVifUuid(kVif, kLs, &path, &found, &error), -1);
+  EXPECT_FALSE(ports.search().FindPortByVifUuid(kVif, kLs, &path, &found));
   EXPECT_THAT(state->Ports(kOverlay), IsEmpty());
 }
 
@@ -90,27 +87,27 @@ TEST_F(PortOpsClearTest, FileThatIsBehindItsPortIsSavedByTheNextTry) {
   };
   const char* const no_state = "DVSKNL_PersistentPortStateGet count=1 ret=0xbad0001";
   Fault(no_state);
-  EXPECT_EQ(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false", &error), -1);
+  EXPECT_FALSE(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false"));
   EXPECT_FALSE(in_file("detach_port"));
-  EXPECT_EQ(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false", &error), 0);
+  EXPECT_TRUE(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "false"));
   EXPECT_TRUE(in_file("detach_port"));
   Fault(no_state);
-  EXPECT_EQ(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true", &error), -1);
-  EXPECT_EQ(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true", &error), 0);
+  EXPECT_FALSE(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true"));
+  EXPECT_TRUE(ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", "detach_port", "true"));
   EXPECT_FALSE(in_file("detach_port"));
 
   // One failure is made good at once, a second by the next try.
   Fault("DVSKNL_PersistentPortStateGet count=2 ret=0xbad0001");
-  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
+  EXPECT_TRUE(Clear("z1", "lp-1", kLs, kVif, false));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
   EXPECT_TRUE(in_file(kVif));
-  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
+  EXPECT_TRUE(Clear("z1", "lp-1", kLs, kVif, false));
   EXPECT_FALSE(in_file(kVif));
 
-  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif), 0);
+  ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif));
   Fault("DVSKNL_PortDataClear port=lp-1 count=2 ret=0xbad0001");
   state->ClearLogs();
-  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
+  EXPECT_TRUE(Clear("z1", "lp-1", kLs, kVif, false));
   const auto calls = state->Calls("lp-1");
   const auto first = [&](const char* function) {
     return std::find_if(calls.begin(), calls.end(),
@@ -118,37 +115,36 @@ TEST_F(PortOpsClearTest, FileThatIsBehindItsPortIsSavedByTheNextTry) {
   };
   EXPECT_LT(first("DVSKNL_PersistentPortStateGet"), first("DVSKNL_PortDataClear"));
   // A VIF that stays on its port is in its file again.
-  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif), 0);
+  ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif));
   Fault("DVSKNL_PortDataClear port=lp-1 count=3 ret=0xbad0001");
-  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), -1);
+  EXPECT_FALSE(Clear("z1", "lp-1", kLs, kVif, false));
   EXPECT_TRUE(in_file(kVif));
 }
 
 TEST_F(PortOpsClearTest, ThirdTryIsTheLast) {
   Fault("DVSKNL_PortDataClear count=2 ret=0xbad0001");
-  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
+  EXPECT_TRUE(Clear("z1", "lp-1", kLs, kVif, false));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
   EXPECT_EQ(log.Count("Retrying"), 2U);
 
   Fault("DVSKNL_PortDataClear count=3 ret=0xbad0001");
-  EXPECT_EQ(Clear("z2", "lp-2", kLs, "vif-2", false), -1);
-  EXPECT_THAT(error, HasSubstr("0xbad0001"));
+  EXPECT_THAT(Clear("z2", "lp-2", kLs, "vif-2", false).error(), HasSubstr("0xbad0001"));
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), "vif-2");
 
-  EXPECT_EQ(ports.properties().ClearPortExtraConfig(kOverlay, "lp-1", "no.such", &error), 1);
+  EXPECT_EQ(ports.properties().ClearPortExtraConfig(kOverlay, "lp-1", "no.such"), 1);
 }
 
 TEST_F(PortOpsClearTest, StateThatCannotBeReadLeadsToAllSwitchesWhenForced) {
   Fault("DVSKNL_PortStateGet ret=0xbad0001");
-  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, false), 0);
+  EXPECT_TRUE(Clear("z1", "lp-1", kLs, kVif, false));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
-  EXPECT_EQ(Clear("z1", "lp-1", kLs, kVif, true), 0);
+  EXPECT_TRUE(Clear("z1", "lp-1", kLs, kVif, true));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
 }
 
 TEST_F(PortOpsClearTest, OtherPortsOfTheVifLoseIt) {
   Create(Description("lp-5", "z2"), kVif, Vm("vm1"));
-  EXPECT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-5", kVif, &error), 0);
+  EXPECT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-5", kVif));
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kNone);
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-5"), kVif);
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), "vif-2");
@@ -156,41 +152,41 @@ TEST_F(PortOpsClearTest, OtherPortsOfTheVifLoseIt) {
 
 TEST_F(PortOpsClearTest, PendingOperationIsForgottenOnlyByItsOwnKind) {
   const auto update = [&](const char* operation, const char* done) {
-    return ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", operation, done, &error);
+    return ports.changes().UpdateDvportRpcOp(kOverlay, "lp-1", operation, done);
   };
   const auto pending = [&] { return Property(kOverlay, "lp-1", port_props::kPortOpPending); };
-  EXPECT_EQ(update("attach_port", "false"), 0);
-  EXPECT_EQ(update("detach_port", "true"), 0);
+  EXPECT_TRUE(update("attach_port", "false"));
+  EXPECT_TRUE(update("detach_port", "true"));
   EXPECT_EQ(pending(), "attach_port");
   std::string bytes;
   ASSERT_EQ(ReadPortFile(PortFile("vm1", kOverlay, "lp-1"), &bytes), 0);
   EXPECT_THAT(bytes, HasSubstr("attach_port"));
-  EXPECT_EQ(update("attach_port", "true"), 0);
+  EXPECT_TRUE(update("attach_port", "true"));
   EXPECT_EQ(pending(), kNone);
-  EXPECT_EQ(update("", "true"), -1);
+  EXPECT_FALSE(update("", "true"));
   Fault("DVSKNL_PortDataSet ret=0xbad0001");
-  EXPECT_EQ(update("attach_port", "false"), -1);
+  EXPECT_FALSE(update("attach_port", "false"));
 }
 
 TEST_F(PortOpsClearTest, OpaqueDataGoesAsAGroup) {
-  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kSecurityEnable, "true"), 0);
-  EXPECT_EQ(ports.properties().ClearAllPortOpaqueData(kOverlay), 0);
+  ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kSecurityEnable, "true"));
+  EXPECT_TRUE(ports.properties().ClearAllPortOpaqueData(kOverlay));
   for (const char* const key : port_props::kOpaqueData) EXPECT_EQ(Property(kOverlay, "lp-1", key), kNone);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAlias), "lp-1");
   EXPECT_EQ(VifOf(kVlanSwitch, "lp-2"), "vif-2");
   Fault("DVSKNL_SwitchPortList ret=0xbad0001");
-  EXPECT_EQ(ports.properties().ClearAllPortOpaqueData(kOverlay), -1);
+  EXPECT_FALSE(ports.properties().ClearAllPortOpaqueData(kOverlay));
 }
 
 TEST_F(PortOpsClearTest, StaleLogicalPortGoesBeforeTheNewOneComes) {
   const auto set = [&](const char* value) {
     return ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kLogicalPortId, value);
   };
-  EXPECT_EQ(set("a"), 0);
+  EXPECT_TRUE(set("a"));
   state->ClearLogs();
-  EXPECT_EQ(set("a"), 0);
+  EXPECT_TRUE(set("a"));
   EXPECT_THAT(state->Calls("DVSKNL_PortDataSet"), IsEmpty());
-  EXPECT_EQ(set("b"), 0);
+  EXPECT_TRUE(set("b"));
   EXPECT_THAT(state->Calls("DVSKNL_PortDataClear"), SizeIs(1));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kLogicalPortId), "b");
 }
@@ -201,10 +197,8 @@ TEST_F(PortOpsClearTest, PortListsOfManyThreadsDoNotOverlap) {
   {
     std::vector<std::unique_ptr<NativeThread>> threads;
     for (int i = 0; i < 4; ++i) {
-      threads.push_back(std::make_unique<NativeThread>([this] {
-        std::string reason;
-        EXPECT_EQ(ports.changes().FindAndClearExistingPortWithVifId("ls-none", kVif, &reason), 0);
-      }));
+      threads.push_back(std::make_unique<NativeThread>(
+          [this] { EXPECT_TRUE(ports.changes().FindAndClearExistingPortWithVifId("ls-none", kVif)); }));
     }
     for (const auto& thread : threads) thread->Join();
   }

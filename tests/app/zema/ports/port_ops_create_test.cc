@@ -143,9 +143,7 @@ TEST_F(PortOpsCreateTest, FileFollowsTheVmAndItsNeighbourStays) {
 }
 
 TEST_F(PortOpsCreateTest, UnknownZoneChangesNothing) {
-  std::string error;
-  EXPECT_EQ(ports.creation().CreatePort(Description("lp-1", "z9"), kVif, Vm("vm1"), true, &error), -1);
-  EXPECT_EQ(error,
+  EXPECT_EQ(ports.creation().CreatePort(Description("lp-1", "z9"), kVif, Vm("vm1"), true).error(),
             "Failed to create port lp-1 with VIF vif-1 because DVS id is not found by transport-zone id z9");
   EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44211\"")));
   EXPECT_THAT(state->Calls(), IsEmpty());
@@ -171,9 +169,8 @@ TEST_F(PortOpsCreateTest, EachFailureOfTheSwitchIsTold) {
     const std::string port = "lp-" + std::to_string(number++);
     log.Clear();
     Fault(row.fault);
-    std::string error;
-    EXPECT_LT(ports.creation().CreatePort(Description(port), kVif, Vm("vm1"), true, &error), 0);
-    EXPECT_THAT(error, Not(IsEmpty()));
+    EXPECT_THAT(ports.creation().CreatePort(Description(port), kVif, Vm("vm1"), true).error(),
+                Not(IsEmpty()));
     EXPECT_THAT(log.Lines(), Contains(HasSubstr(row.tag)));
     EXPECT_EQ(state->Ports(kOverlay), row.made ? std::vector<std::string>{port} : std::vector<std::string>{});
     EXPECT_THAT(state->Faults(), IsEmpty());
@@ -207,15 +204,13 @@ TEST_F(PortOpsCreateTest, FileThatCannotBeWrittenIsToldAndKeepsNothingUp) {
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   std::string bytes;
   EXPECT_EQ(ReadPortFile(pipe, &bytes), EINVAL);
-  std::string error;
-  EXPECT_EQ(ports.changes().ClearVifFromPort("z1", "lp-1", kLs, kVif, false, &error), 0);
+  EXPECT_TRUE(ports.changes().ClearVifFromPort("z1", "lp-1", kLs, kVif, false));
   EXPECT_TRUE(fs::is_regular_file(pipe));
 }
 
 // A key from outside that climbs out of the VM's directory must not become a file there.
 TEST_F(PortOpsCreateTest, KeyThatIsAPathIsRefused) {
-  std::string error;
-  EXPECT_LT(ports.creation().CreatePort(Description("../../x"), kVif, Vm("vm1"), true, &error), 0);
+  EXPECT_FALSE(ports.creation().CreatePort(Description("../../x"), kVif, Vm("vm1"), true));
   EXPECT_FALSE(PortFilePath(dir.Path("vm1"), kOverlay, "../../x"));
   EXPECT_FALSE(PortFilePath(dir.Path("vm1"), "..", "lp"));
 }
@@ -242,11 +237,10 @@ TEST_F(PortOpsCreateTest, DeletedPortTakesItsFileAndOnlyTheLeavingVmAll) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
   Create(Description("lp-2"), "vif-2", Vm("vm1"));
   Create(Description("lp-3"), "vif-3", Vm("vm1"));
-  std::string error;
-  EXPECT_EQ(ports.changes().DeletePort(kOverlay, "lp-1", false, &error), 0);
+  EXPECT_TRUE(ports.changes().DeletePort(kOverlay, "lp-1", false));
   EXPECT_FALSE(fs::exists(PortFile("vm1", kOverlay, "lp-1")));
   EXPECT_TRUE(fs::exists(PortFile("vm1", kOverlay, "lp-2")));
-  EXPECT_EQ(ports.changes().DeletePort(kOverlay, "lp-2", true, &error), 0);
+  EXPECT_TRUE(ports.changes().DeletePort(kOverlay, "lp-2", true));
   EXPECT_FALSE(fs::exists(dir.Path("vm1/.dvsData")));
   EXPECT_EQ(state->Ports(kOverlay), std::vector<std::string>{"lp-3"});
   EXPECT_FALSE(DeletePortFile(dir.Path("vm1/vm1.cfg")));
@@ -257,16 +251,16 @@ TEST_F(PortOpsCreateTest, PropertyInAFileChangesWithoutAPort) {
   const std::string file = PortFile("vm1", kOverlay, "lp-1");
   ASSERT_TRUE(state->LosePorts(kOverlay));
   const std::string value = "attach_port";
-  EXPECT_EQ(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kPortOpPending, &value), 0);
-  EXPECT_EQ(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kBlock, nullptr), 0);
-  EXPECT_EQ(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kBlock, nullptr), 0);
+  EXPECT_TRUE(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kPortOpPending, &value));
+  EXPECT_TRUE(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kBlock, nullptr));
+  EXPECT_TRUE(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kBlock, nullptr));
   std::string bytes;
   ASSERT_EQ(ReadPortFile(file, &bytes), 0);
   ASSERT_EQ(library.PortAdd(kOverlay, "lp-1", bytes), 0U);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kPortOpPending), value);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kBlock), "(none)");
   dir.Write("torn", bytes.substr(0, 40));
-  EXPECT_EQ(ports.files().UpdateExtraConfigInPortDataFile(dir.Path("torn"), "a", &value), -1);
+  EXPECT_FALSE(ports.files().UpdateExtraConfigInPortDataFile(dir.Path("torn"), "a", &value));
   EXPECT_EQ(dir.Read("torn"), bytes.substr(0, 40));
 }
 

@@ -17,16 +17,14 @@ namespace fs = std::filesystem;
 
 class PortOpsFindTest : public SwitchHostTest {
  protected:
-  int Find(const std::string& vif, std::string gcf_path) {
+  Outcome Find(const std::string& vif, std::string gcf_path) {
     path = std::move(gcf_path);
-    error.clear();
     found = {};
-    return ports.search().FindPortByVifUuid(vif, kLs, &path, &found, &error);
+    return ports.search().FindPortByVifUuid(vif, kLs, &path, &found);
   }
 
   PortLocation found;
   std::string path;
-  std::string error;
 };
 
 TEST_F(PortOpsFindTest, PortInMemoryOnWhicheverSwitch) {
@@ -34,26 +32,25 @@ TEST_F(PortOpsFindTest, PortInMemoryOnWhicheverSwitch) {
   Create(Description("lp-2", "z2"), "vif-2", Vm("vm2"));
   Create(Description("lp-3"), "vif-3", "knlnic");
 
-  EXPECT_EQ(Find("vif-2", Vm("vm2")), 0);
+  EXPECT_TRUE(Find("vif-2", Vm("vm2")));
   EXPECT_EQ(found.dvs, kVlanSwitch);
   EXPECT_EQ(found.port, "lp-2");
 
-  EXPECT_EQ(Find(kVif, ""), 0);
+  EXPECT_TRUE(Find(kVif, ""));
   EXPECT_EQ(path, dir.Path("vm1"));
 
   // A port without file has no directory to differ in.
-  EXPECT_EQ(Find("vif-3", Vm("vm1")), 0);
+  EXPECT_TRUE(Find("vif-3", Vm("vm1")));
   EXPECT_EQ(found.port, "lp-3");
 }
 
 TEST_F(PortOpsFindTest, AnotherDirectoryIsNotThePortThatWasMeant) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
-  EXPECT_EQ(Find(kVif, Vm("vm9")), -1);
-  EXPECT_EQ(error, "Failed to find required port. GCF path [" + Vm("vm9") +
-                       "] specified for the port is different from the gcf path [" + dir.Path("vm1") +
-                       "] in memory");
-  EXPECT_EQ(ports.changes().UpdateGcfPath("z1", "lp-1", Vm("vm9"), &error), 0);
-  EXPECT_EQ(Find(kVif, Vm("vm9")), 0);
+  EXPECT_EQ(Find(kVif, Vm("vm9")).error(), "Failed to find required port. GCF path [" + Vm("vm9") +
+                                               "] specified for the port is different from the gcf path [" +
+                                               dir.Path("vm1") + "] in memory");
+  EXPECT_TRUE(ports.changes().UpdateGcfPath("z1", "lp-1", Vm("vm9")));
+  EXPECT_TRUE(Find(kVif, Vm("vm9")));
   EXPECT_TRUE(fs::exists(PortFile("vm9", kOverlay, "lp-1")));
 }
 
@@ -61,9 +58,9 @@ TEST_F(PortOpsFindTest, NothingIsReadFromTheDiskWithoutAVm) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
   ASSERT_TRUE(state->LosePorts(kOverlay));
   state->ClearLogs();
-  EXPECT_EQ(Find(kVif, ""), -1);
-  EXPECT_EQ(Find(kVif, "knlnic"), -1);
-  EXPECT_EQ(Find("", Vm("vm1")), -1);
+  EXPECT_FALSE(Find(kVif, ""));
+  EXPECT_FALSE(Find(kVif, "knlnic"));
+  EXPECT_FALSE(Find("", Vm("vm1")));
   EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
 }
 
@@ -75,13 +72,13 @@ TEST_F(PortOpsFindTest, LostPortComesBackFromItsFile) {
   state->RebootHost();
   dir.Write("vm1/.dvsData/" + std::string(kOverlay) + "/lp-0", "torn");
 
-  EXPECT_EQ(Find("vif-2", Vm("vm1")), 0);
+  EXPECT_TRUE(Find("vif-2", Vm("vm1")));
   EXPECT_EQ(found.port, "lp-2");
   EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-2"));
   EXPECT_EQ(state->PortProperties(kOverlay, "lp-2"), before);
   EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44206\"")));
 
-  EXPECT_EQ(Find("vif-9", Vm("vm1")), -1);
+  EXPECT_FALSE(Find("vif-9", Vm("vm1")));
   EXPECT_THAT(log.Texts(), Contains("[PortOp] Could not find port/vif"));
   EXPECT_THAT(state->Ports(kOverlay), ElementsAre("lp-2"));
 }
@@ -95,15 +92,15 @@ TEST_F(PortOpsFindTest, PortsThatAreThereAreNeitherRemovedNorTakenFromAnotherVm)
   ASSERT_EQ(library.PortDataClear(kOverlay, "lp-1", port_props::kExternalId), 0U);
   state->ClearLogs();
 
-  EXPECT_EQ(Find("vif-9", Vm("vm1")), -1);
-  EXPECT_EQ(Find(kVif, Vm("clone")), -1);
+  EXPECT_FALSE(Find("vif-9", Vm("vm1")));
+  EXPECT_FALSE(Find(kVif, Vm("clone")));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
   // The VM's own port, which lost its VIF and kept its file, gets it back where it is.
-  EXPECT_EQ(Find(kVif, Vm("vm1")), 0);
+  EXPECT_TRUE(Find(kVif, Vm("vm1")));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), kVif);
   // One that went to another VIF does not.
-  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, "vif-3"), 0);
-  EXPECT_EQ(Find(kVif, Vm("vm1")), -1);
+  ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, "vif-3"));
+  EXPECT_FALSE(Find(kVif, Vm("vm1")));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "vif-3");
   EXPECT_THAT(state->Calls("DVSKNL_PortRemove"), IsEmpty());
   EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
@@ -112,12 +109,12 @@ TEST_F(PortOpsFindTest, PortsThatAreThereAreNeitherRemovedNorTakenFromAnotherVm)
 TEST_F(PortOpsFindTest, OneSwitchThatCannotListKeepsNobodyFromTheOther) {
   Create(Description("lp-2", "z2"), "vif-2", Vm("vm2"));
   Fault("DVSKNL_SwitchPortList sw=\"" + std::string(kOverlay) + "\" ret=0xbad0001");
-  EXPECT_EQ(Find("vif-2", Vm("vm2")), 0);
+  EXPECT_TRUE(Find("vif-2", Vm("vm2")));
   EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44209\"")));
 }
 
 TEST_F(PortOpsFindTest, SwitchOfSeveralZonesIsListedOnce) {
-  EXPECT_EQ(Find(kVif, ""), -1);
+  EXPECT_FALSE(Find(kVif, ""));
   EXPECT_THAT(state->Calls("DVSKNL_SwitchPortList"), SizeIs(2));
 }
 
@@ -125,12 +122,12 @@ TEST_F(PortOpsFindTest, PriorPortIsPutOnTheSwitchOfTheNewZoneAlone) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
   Create(Description("lp-2"), "vif-2", Vm("vm1"));
   state->RebootHost();
-  EXPECT_EQ(ports.search().FindPortToFetchVMTags("vif-2", kLs, Vm("vm1"), "z2", &found, &error), 0);
+  EXPECT_TRUE(ports.search().FindPortToFetchVMTags("vif-2", kLs, Vm("vm1"), "z2", &found));
   EXPECT_EQ(found.dvs, kVlanSwitch);
   EXPECT_EQ(found.port, "lp-2");
   EXPECT_THAT(state->Ports(kVlanSwitch), ElementsAre("lp-2"));
   EXPECT_THAT(state->Ports(kOverlay), IsEmpty());
-  EXPECT_EQ(ports.search().FindPortToFetchVMTags("vif-2", kLs, "knlnic", "z2", &found, &error), -1);
+  EXPECT_FALSE(ports.search().FindPortToFetchVMTags("vif-2", kLs, "knlnic", "z2", &found));
 }
 
 TEST_F(PortOpsFindTest, ZonesComeFromTheHostAndStayWhenItIsSilent) {

@@ -65,8 +65,7 @@ class SwitchHostTest : public testing::Test {
   }
 
   void Create(const PortConfigSpec& description, const std::string& vif, const std::string& gcf_path) {
-    std::string error;
-    ASSERT_EQ(ports.creation().CreatePort(description, vif, gcf_path, true, &error), 0) << error;
+    ASSERT_TRUE(ports.creation().CreatePort(description, vif, gcf_path, true));
   }
 
   std::string Property(const std::string& dvs, const std::string& port, const std::string& name) const {

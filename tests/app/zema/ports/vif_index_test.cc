@@ -33,8 +33,6 @@ class VifIndexTest : public SwitchHostTest {
   }
 
   size_t Lists() const { return state->Calls("DVSKNL_SwitchPortList").size(); }
-
-  std::string error;
 };
 
 // Whatever was done to ports, by the agent or, told or seen by a new reading, by others: the index finds the
@@ -63,28 +61,25 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
         PortConfigSpec description = Description(port, kZones[at]);
         description.switch_id = ls;
         // Files take long: each is synced.
-        ASSERT_EQ(ports.creation().CreatePort(description, vif, pick(3) == 0 ? vm : "knlnic", true, &error),
-                  0)
-            << error;
+        ASSERT_TRUE(ports.creation().CreatePort(description, vif, pick(3) == 0 ? vm : "knlnic", true));
         break;
       }
       case 3:
-        ASSERT_EQ(ports.changes().ClearVifFromPort(kZones[at], port, ls, vif, pick(2) == 0, &error), 0)
-            << error;
+        ASSERT_TRUE(ports.changes().ClearVifFromPort(kZones[at], port, ls, vif, pick(2) == 0));
         break;
       case 4:
-        ASSERT_EQ(ports.changes().DeletePort(dvs, port, pick(2) == 0, &error), 0) << error;
+        ASSERT_TRUE(ports.changes().DeletePort(dvs, port, pick(2) == 0));
         break;
       case 5:
         if (there) {
-          ASSERT_EQ(ports.properties().ClearPortOpaqueData(dvs, port), 0);
+          ASSERT_TRUE(ports.properties().ClearPortOpaqueData(dvs, port));
         }
         break;
       case 6:
         // A write whose outcome is not known: it may have been done.
         if (there) {
           Fault("DVSKNL_PortDataSet count=1 ret=0xbad0001");
-          ASSERT_EQ(ports.properties().SetPortExtraConfig(dvs, port, port_props::kExternalId, vif), -1);
+          ASSERT_FALSE(ports.properties().SetPortExtraConfig(dvs, port, port_props::kExternalId, vif));
           if (pick(2) == 0) {
             ASSERT_TRUE(state->SetPortProperty(dvs, port, port_props::kExternalId, vif));
           }
@@ -93,7 +88,7 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
       case 7:
         ASSERT_TRUE(state->LosePorts(dvs));
         path = vm;
-        static_cast<void>(ports.search().FindPortByVifUuid(vif, ls, &path, &found, &error));
+        static_cast<void>(ports.search().FindPortByVifUuid(vif, ls, &path, &found));
         break;
       case 8:
         // The host brings a port with its VIF, and says so.
@@ -110,7 +105,7 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
         break;
       case 10:
         path = vm;
-        static_cast<void>(ports.search().FindPortToFetchVMTags(vif, ls, vm, kZones[at], &found, &error));
+        static_cast<void>(ports.search().FindPortToFetchVMTags(vif, ls, vm, kZones[at], &found));
         break;
       default:
         ports.zones().SetTzToDvsCache({{"z1", kOverlay, "KLN"},
@@ -124,7 +119,7 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
     if (pick(8) == 0) {
       const auto walked = Walked(wanted, ls);
       path.clear();
-      ASSERT_EQ(ports.search().FindPortByVifUuid(wanted, ls, &path, &found, &error), walked.empty() ? -1 : 0)
+      ASSERT_EQ(ports.search().FindPortByVifUuid(wanted, ls, &path, &found).done(), !walked.empty())
           << "step " << step;
       if (!walked.empty()) {
         ++hits;
@@ -132,11 +127,11 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
       }
     }
     if (pick(4) == 0) {
-      ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan(port, wanted, &error), 0);
+      ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan(port, wanted));
       for (const auto& [other_dvs, other] : Walked(wanted, "")) ASSERT_EQ(other, port) << "step " << step;
     }
     if (pick(16) == 0) {
-      ASSERT_EQ(ports.changes().FindAndClearExistingPortWithVifId(ls, wanted, &error), 0);
+      ASSERT_TRUE(ports.changes().FindAndClearExistingPortWithVifId(ls, wanted));
       ASSERT_THAT(Walked(wanted, ls), IsEmpty()) << "step " << step;
     }
   }
@@ -146,28 +141,28 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
 // The roads of every attach and detach: after the first reading nothing of them looks at other ports.
 TEST_F(VifIndexTest, AttachAndDetachDoNotGoThroughPorts) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
-  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-1", kVif, &error), 0);
+  ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-1", kVif));
   state->ClearLogs();
   Create(Description("lp-2"), "vif-2", Vm("vm1"));
-  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
+  ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2"));
   PortLocation found;
   std::string path = Vm("vm1");
-  ASSERT_EQ(ports.search().FindPortByVifUuid("vif-2", kLs, &path, &found, &error), 0);
+  ASSERT_TRUE(ports.search().FindPortByVifUuid("vif-2", kLs, &path, &found));
   // The second half of a move: the VIF is on another network by now.
-  ASSERT_EQ(ports.changes().FindAndClearExistingPortWithVifId("ls-before", "vif-2", &error), 0);
-  ASSERT_EQ(ports.changes().FindAndClearExistingPortWithVifId(kLs, "vif-2", &error), 0);
+  ASSERT_TRUE(ports.changes().FindAndClearExistingPortWithVifId("ls-before", "vif-2"));
+  ASSERT_TRUE(ports.changes().FindAndClearExistingPortWithVifId(kLs, "vif-2"));
   // It has been taken off already, by the manager's own request.
   path.clear();
-  EXPECT_EQ(ports.search().FindPortByVifUuid("vif-2", kLs, &path, &found, &error), -1);
-  ASSERT_EQ(ports.changes().FindAndClearExistingPortWithVifId(kLs, "vif-2", &error), 0);
+  EXPECT_FALSE(ports.search().FindPortByVifUuid("vif-2", kLs, &path, &found));
+  ASSERT_TRUE(ports.changes().FindAndClearExistingPortWithVifId(kLs, "vif-2"));
   EXPECT_EQ(Lists(), 0U);
   EXPECT_THAT(state->Calls("lp-1"), IsEmpty());
   // The same zones once more change nothing; another switch does.
   ports.zones().SetTzToDvsCache({{"z1", kOverlay, "KLN"}, {"z2", kVlanSwitch, "NVS"}});
-  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
+  ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2"));
   EXPECT_EQ(Lists(), 0U);
   ports.zones().SetTzToDvsCache({{"z1", kOverlay, "KLN"}});
-  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2", &error), 0);
+  ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2"));
   EXPECT_EQ(Lists(), 1U);
 }
 
@@ -179,15 +174,15 @@ TEST_F(VifIndexTest, PortsThatComeWithTheirVifAreKnown) {
   ASSERT_TRUE(ports.holders().RefreshVifIndex());
   PortLocation found;
   std::string path = Vm("vm1");
-  ASSERT_EQ(ports.search().FindPortByVifUuid(kVif, kLs, &path, &found, &error), 0) << error;
+  ASSERT_TRUE(ports.search().FindPortByVifUuid(kVif, kLs, &path, &found));
   state->ClearLogs();
-  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
+  ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
   EXPECT_EQ(Lists(), 0U);
   for (const bool told : {false, true}) {
     ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-1", port_props::kExternalId, "vif-3"));
     if (told) ports.holders().DoubtVif("vif-3");
-    ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-9", "vif-3", &error), 0);
+    ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-9", "vif-3"));
     EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), told ? "(none)" : "vif-3");
   }
   // It may be looked for after it was announced and before it comes; once it has come and gone it is nowhere.
@@ -195,7 +190,7 @@ TEST_F(VifIndexTest, PortsThatComeWithTheirVifAreKnown) {
   bool came = false;
   for (const unsigned lists : {2U, 2U, 0U}) {
     state->ClearLogs();
-    ASSERT_EQ(ports.changes().ClearVifFromPort("", "", kLs, "vif-4", true, &error), 0);
+    ASSERT_TRUE(ports.changes().ClearVifFromPort("", "", kLs, "vif-4", true));
     EXPECT_EQ(Lists(), lists);
     EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
     if (!came) {
@@ -211,9 +206,9 @@ TEST_F(VifIndexTest, ReadingThatFailedIsNotBelieved) {
   ASSERT_TRUE(ports.holders().RefreshVifIndex());
   Fault("DVSKNL_PortDataGet port=lp-1 count=2 ret=0xbad0001");
   EXPECT_FALSE(ports.holders().RefreshVifIndex());
-  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
+  ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), kVif);
-  ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif, &error), 0);
+  ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
 }
 
@@ -230,9 +225,8 @@ TEST_F(VifIndexTest, WritesDuringReadingsStayKnown) {
     });
     NativeThread writer([&] {
       for (int i = 0; i < kPorts; ++i) {
-        EXPECT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-" + std::to_string(i),
-                                                        port_props::kExternalId, "vif-" + std::to_string(i)),
-                  0);
+        EXPECT_TRUE(ports.properties().SetPortExtraConfig(
+            kOverlay, "lp-" + std::to_string(i), port_props::kExternalId, "vif-" + std::to_string(i)));
       }
       done = true;
     });
@@ -240,7 +234,7 @@ TEST_F(VifIndexTest, WritesDuringReadingsStayKnown) {
   state->ClearFaults("");
   state->ClearLogs();
   for (int i = 0; i < kPorts; ++i) {
-    ASSERT_EQ(ports.changes().ClearVifFromPortOtherThan("another", "vif-" + std::to_string(i), &error), 0);
+    ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("another", "vif-" + std::to_string(i)));
   }
   EXPECT_EQ(Lists(), 0U);
   for (int i = 0; i < kPorts; ++i) {

@@ -226,7 +226,7 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   auto waiting = ports.site_configs().LookupVifRequest(kVif);
   ASSERT_NE(waiting, nullptr);
 
-  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", kStale, "blue"), 0);
+  ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", kStale, "blue"));
   // What the first try came to is not in the second.
   PortVifStates states(ports.site_configs(), [this](std::shared_ptr<VifRequest> queued) {
     if (queued->error_text.empty()) Do(*queued);
@@ -244,8 +244,7 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   ASSERT_TRUE(state->LosePorts(kOverlay));
   PortLocation at;
   std::string path = Vm("vm1");
-  std::string error;
-  ASSERT_EQ(ports.search().FindPortByVifUuid(kVif, kLs, &path, &at, &error), 0) << error;
+  ASSERT_TRUE(ports.search().FindPortByVifUuid(kVif, kLs, &path, &at));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kAttachmentState), kNone);
 
   // A VIF that has no name but its port's is known by that.
@@ -258,7 +257,7 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
 
   // From another host, in the VM's directory.
   Create(Description("lp-5"), "vif-5", Vm("vm5"));
-  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-5", kStale, "red"), 0);
+  ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-5", kStale, "red"));
   ASSERT_EQ(ports.files().SavePortDataFile(PortFile("vm5", kOverlay, "lp-5"), kOverlay, "lp-5"), 0);
   ASSERT_TRUE(state->LosePorts(kOverlay));
   PortAttached moved = Moved(Port("lp-6"), "lp-5", "z8", kLs);
@@ -280,7 +279,7 @@ TEST_F(VifAttachTest, SiteConfigurationIsFetched) {
   Attach("vif-5", "lp-6", "z1", kLs, "vm5");
 
   // It comes back to the port that it once left here, with what was written on it elsewhere.
-  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-6", kStale, "green"), 0);
+  ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-6", kStale, "green"));
   ASSERT_EQ(ports.files().SavePortDataFile(PortFile("vm5", kOverlay, "lp-6"), kOverlay, "lp-6"), 0);
   ASSERT_EQ(library.PortDataClear(kOverlay, "lp-6", port_props::kExternalId), 0U);
   ASSERT_EQ(library.PortDataClear(kOverlay, "lp-6", kStale), 0U);

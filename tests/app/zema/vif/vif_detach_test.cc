@@ -55,7 +55,7 @@ TEST_F(VifDetachTest, AnswerOfTheManagerDecides) {
 }
 
 TEST_F(VifDetachTest, ManagerThatIsNotReachedIsToldLater) {
-  ASSERT_EQ(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kCrx, "true"), 0);
+  ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kCrx, "true"));
   EXPECT_EQ(Done(Request(VifRequest::kDetach)).error_text, "RPC call to ZEM management plane timout");
   EXPECT_EQ(PendingOf(kOverlay, "lp-1"), "detach_port");
   EXPECT_EQ(VifOf(kOverlay, "lp-1"), kVif);
@@ -247,7 +247,7 @@ TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
     if (whose == kTheirsBeforeOurs) Fault("DVSKNL_PersistentPortStateGet count=1 ret=0xbad0001");
     Attach(kVif, "lp-1");
     if (whose != kOwn) {
-      ASSERT_EQ(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
+      ASSERT_TRUE(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other));
     }
     const char* const cookie = whose == kOwn ? "\1\1\1\1" : "\xff\xff\xff\x7f";
     ASSERT_EQ(library.PortDataSet(kOverlay, "lp-1", port_props::kConnectId, cookie), 0U);
@@ -265,7 +265,7 @@ TEST_F(VifDetachTest, FileSaysWhichHostHasSavedIt) {
   for (const bool from_file : {false, true}) {
     SCOPED_TRACE(from_file);
     Attach(kVif, "lp-1");
-    ASSERT_EQ(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other), 0);
+    ASSERT_TRUE(ports.files().UpdateExtraConfigInPortDataFile(file, port_props::kSavedBy, &other));
     if (from_file) {
       ASSERT_EQ(ports.properties().ClearPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId), 0);
     }
@@ -329,9 +329,8 @@ TEST_F(VifDetachTest, PortsOfAUserAreMadeBeforeTheirVifs) {
   }
   map["vm-uuid:4001"]->spec->zone_id = "z9";
   lum.Script("getGcfPathOfVm(vm-uuid)", {"ok|" + Vm("vm1"), "no more"});
-  std::string error;
-  EXPECT_FALSE(PrecreatedPortMaker(context).CreatePorts(map, &error));
-  EXPECT_THAT(error, testing::StartsWith("Failed to create DV port lp-vm-uuid:4001 with VIF vm-uuid:4001. "));
+  EXPECT_THAT(PrecreatedPortMaker(context).CreatePorts(map).error(),
+              testing::StartsWith("Failed to create DV port lp-vm-uuid:4001 with VIF vm-uuid:4001. "));
   EXPECT_TRUE(map["vm-uuid:4000"]->precreated);
   EXPECT_FALSE(map["vm-uuid:4001"]->precreated);
   EXPECT_EQ(Property(kOverlay, "lp-vm-uuid:4000", port_props::kPersistPath),

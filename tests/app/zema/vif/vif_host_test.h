@@ -172,8 +172,9 @@ class VifHostTest : public SwitchHostTest {
   HealthRecord health{publisher, false};
   Synchronizable port_lock;
   StopSignal ending;
-  VifContext context{ports, manager, road, lum, migration, resync, health, options, host, port_lock, ending};
-  VifPortHandler handler{std::make_shared<VifContext>(context)};
+  VifContext context{ports, manager, lum, host, port_lock, ending};
+  const VifPortHandler::Surroundings around{road, migration, resync, health, options};
+  VifPortHandler handler{std::make_shared<VifContext>(context), around};
 };
 
 }  // namespace zem::zema

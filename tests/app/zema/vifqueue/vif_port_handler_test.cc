@@ -99,7 +99,7 @@ TEST_F(VifPortHandlerTest, APlaceIsGoodForOneTry) {
 
   VifRequest late = Request(VifRequest::kDetach);
   {
-    VifPortHandler gone{nullptr};
+    VifPortHandler gone{nullptr, around};
     gone.Arrived(late);
   }
   late.turn->Leave();
