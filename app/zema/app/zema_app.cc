@@ -16,6 +16,7 @@
 #include "app/zema/covedb/covedb_op_task.h"
 #include "app/zema/edge/edge_maintenance.h"
 #include "app/zema/lswitch/covedb_update_task.h"
+#include "app/zema/manager/manager_replies.h"
 #include "app/zema/manager/manager_sender.h"
 #include "app/zema/state/health_record.h"
 #include "app/zema/state/host_config_state.h"
@@ -66,20 +67,17 @@ std::string HeaderBytes(const BusHeader& header) {
 
 class ZemaApp::Impl {
  public:
-  Impl(ZemaApp& app, AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store);
+  Impl(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store);
 
   void Register();
   void StartHost();
   void StartEdge();
   void WaitStarted();
   void Stop(int reason);
-  bool Send(const char* operation, const char* type, const google::protobuf::MessageLite& message,
-            const std::string& correlation_id, const std::string& reply_to);
   void Reset(std::function<void(std::string)> done);
   std::string ReloadOptions();
   std::string Migrate(bool vm_ports, bool knl_pnic);
 
-  ZemaApp& app_;
   AsioZemProvider& provider_;
   const std::shared_ptr<covedb::CoveDbClientInterface> store_client_;
   zema::HostConfigCallbacks callbacks_;
@@ -110,9 +108,10 @@ class ZemaApp::Impl {
   zema::OptionsStore options_;
   zema::ConfigFiles files_;
   zema::HostConfigState state_;
-  zema::IOService io_;
   VerticalClient vertical_;
   zema::ManagerSender sender_;
+  zema::ManagerReplies replies_{sender_};
+  zema::IOService io_;  // its work uses what stands above
   std::mutex store_mutex_;  // guards the handler's first use
   std::shared_ptr<zema::CoveDbHandler> store_;
   ControllerListApp controller_list_;
@@ -121,10 +120,8 @@ class ZemaApp::Impl {
   const bool edge_;
 };
 
-ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
-                    std::shared_ptr<covedb::CoveDbClientInterface> store)
-    : app_(app),
-      provider_(provider),
+ZemaApp::Impl::Impl(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store)
+    : provider_(provider),
       store_client_(std::move(store)),
       vertical_(provider, GetVertical(VerticalId::kSwitching),
                 {.payload = [this](const VerticalRecord& record) { TakePayload(record); },
@@ -142,7 +139,7 @@ ZemaApp::Impl::Impl(ZemaApp& app, AsioZemProvider& provider,
                         [this](const VerticalRecord& record) {
                           if (edge_) TakeOnEdge(record);
                         }}),
-      edge_maintenance_(zema::EdgeService(), app),
+      edge_maintenance_(zema::EdgeService(), replies_),
       edge_((GetNodeType() & kEdgeNodes) != 0) {}
 
 std::shared_ptr<controller::ControllerContext> ZemaApp::Impl::MakeControllerContext() {
@@ -224,7 +221,7 @@ void ZemaApp::Impl::StartEdge() {
 
 std::shared_ptr<zema::Realization> ZemaApp::Impl::MakeRealization() {
   zema::Realization::Settings settings;
-  settings.sender = &app_;
+  settings.sender = &replies_;
   settings.vif_sender = &sender_;
   settings.options = &options_;
   settings.files = &files_;
@@ -296,7 +293,7 @@ void ZemaApp::Impl::StartUp() {
 
 void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& realization) {
   auto dispatch = std::make_shared<zema::MessageDispatch>(
-      app_, zema::Workers(), std::make_shared<zema::HostRequests>(realization, app_, files_, io_));
+      replies_, zema::Workers(), std::make_shared<zema::HostRequests>(realization, replies_, files_, io_));
   const std::lock_guard lock(mutex_);
   dispatch_ = std::move(dispatch);
 }
@@ -333,22 +330,6 @@ void ZemaApp::Impl::Stop(int reason) {
   }
   zema::DeleteTaskThreadObjects();
   if (reason == 0) Host().Forget();
-}
-
-// --- Out.
-
-bool ZemaApp::Impl::Send(const char* operation, const char* type,
-                         const google::protobuf::MessageLite& message, const std::string& correlation_id,
-                         const std::string& reply_to) {
-  ZLOG_INFO("[%s] sending %s, correlationId [%s], replyTo [%s]", operation, type, correlation_id.c_str(),
-            reply_to.c_str());
-  std::string message_id;
-  if (!sender_.SendMsg(type, message.SerializeAsString(), correlation_id, reply_to, &message_id)) {
-    ZLOG_ERROR("00103", "[%s] %s was not sent", operation, type);
-    return false;
-  }
-  ZLOG_INFO("[%s] sent %s, message id [%s]", operation, type, message_id.c_str());
-  return true;
 }
 
 // --- In.
@@ -413,7 +394,7 @@ void ZemaApp::Impl::TakeOnEdge(const VerticalRecord& record) {
   ack.set_id(config.id());
   ack.set_revision(config.revision());
   ZLOG_INFO("Sending host config reply for EDGE platform [%s]", ack.ShortDebugString().c_str());
-  io_.Post([this, reply_to = header.reply_to, ack] { app_.SendHostConfigAckMsg(reply_to, ack); });
+  io_.Post([this, reply_to = header.reply_to, ack] { replies_.SendHostConfigAckMsg(reply_to, ack); });
   if (config.has_transport_node_id()) {
     controller_list_.UpdateTnUuidInFile(config.transport_node_id());
     Host().SetHostId(config.transport_node_id());
@@ -452,7 +433,7 @@ std::string ZemaApp::Impl::ReloadOptions() { return options_.Reload(); }
 
 ZemaApp::ZemaApp(AsioZemProvider& provider, boost::intrusive_ptr<WorkGroup>,
                  std::shared_ptr<covedb::CoveDbClientInterface> store)
-    : impl_(std::make_unique<Impl>(*this, provider, std::move(store))) {}
+    : impl_(std::make_unique<Impl>(provider, std::move(store))) {}
 
 ZemaApp::~ZemaApp() = default;
 
@@ -487,10 +468,5 @@ void ZemaApp::Reset(std::function<void(std::string)> done) { impl_->Reset(std::m
 std::string ZemaApp::ReloadOptions() { return impl_->ReloadOptions(); }
 
 std::string ZemaApp::Migrate(bool vm_ports, bool knl_pnic) { return impl_->Migrate(vm_ports, knl_pnic); }
-
-bool ZemaApp::SendToManager(const char* operation, const google::protobuf::MessageLite& message,
-                            const std::string& correlation_id, const std::string& reply_to) {
-  return impl_->Send(operation, ("com." + message.GetTypeName()).c_str(), message, correlation_id, reply_to);
-}
 
 }  // namespace zem::Tarvik

@@ -5,10 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "app/zema/manager/mpa_message_sender.h"
-
-namespace google::protobuf {
-class MessageLite;
+namespace orlane::zem::switching {
+class HostConfigMsg;
 }
 
 namespace zem {
@@ -26,16 +24,15 @@ namespace zem::Tarvik {
 /// The start returns at once on a host; the long set-up goes on by itself and tries again, later and later,
 /// until it holds.  Messages are taken from then on.
 ///
-/// Threads: Start, WaitStarted and Stop by the main thread, in this order; the rest from any, the replies
-/// from any but a provider's.
-class ZemaApp final : public zema::MpaMessageSender {
+/// Threads: Start, WaitStarted and Stop by the main thread, in this order; the rest from any.
+class ZemaApp {
  public:
   using HostConfigCallback = std::function<void(const orlane::zem::switching::HostConfigMsg&)>;
 
   /// `store` may be null on a node without one.
   ZemaApp(AsioZemProvider& provider, boost::intrusive_ptr<WorkGroup> group,
           std::shared_ptr<covedb::CoveDbClientInterface> store);
-  ~ZemaApp() override;
+  ~ZemaApp();
 
   /// 0.  Throws what the registration with the manager client throws, and when the client is missing.
   int Start(bool ovs_dpdk, bool ovs_dpdk_create_vif, bool lacp_allow_balance_tcp);
@@ -60,36 +57,8 @@ class ZemaApp final : public zema::MpaMessageSender {
   /// outcome goes into a file.  Empty, or why it will not.
   std::string Migrate(bool vm_ports, bool knl_pnic);
 
-  // --- The replies.
-  bool HostConfigReply(const std::string& correlation_id, const std::string& reply_to,
-                       const orlane::zem::switching::HostConfigMsg& reply) override;
-  bool SendHostConfigAckMsg(const std::string& reply_to,
-                            const orlane::zem::switching::HostConfigAckMsg& ack) override;
-  bool TnMmodeConfigReply(const std::string& correlation_id, const std::string& reply_to,
-                          const orlane::zem::switching::MaintenanceModeConfigResultMsg& reply) override;
-  bool VtepRecoveryReply(const std::string& correlation_id, const std::string& reply_to,
-                         const orlane::zem::switching::VTEPRecoveryResultMsg& reply) override;
-  bool VtepAdminStateReply(const std::string& correlation_id, const std::string& reply_to,
-                           const orlane::zem::switching::VTEPAdminStateMgmtResultMsg& reply) override;
-  bool LogicalSwitchReply(const std::string& reply_to,
-                          const orlane::zem::switching::LogicalSwitchMsg& reply) override;
-  bool LogicalSwitchFullSyncReply(const std::string& correlation_id, const std::string& reply_to,
-                                  const orlane::zem::switching::LogicalSwitchBulkMsg& reply) override;
-  bool SendTransportNodeEventMsg(const std::string& reply_to,
-                                 const orlane::zem::switching::TransportNodeEventMsg& event) override;
-  bool SendRestoreReplyMsg(const std::string& reply_to,
-                           const orlane::zem::switching::ChecksumMsg& checksum) override;
-  bool HostProfileReply(const std::string& correlation_id, const std::string& reply_to,
-                        const orlane::zem::switching::HostProfileMsg& reply) override;
-  bool HostSwitchMigrationToKlnReply(
-      const std::string& correlation_id, const std::string& reply_to,
-      const orlane::zem::switching::TransportNodeHostSwitchesMigrationMsg& reply) override;
-
  private:
   class Impl;
-
-  bool SendToManager(const char* operation, const google::protobuf::MessageLite& message,
-                     const std::string& correlation_id, const std::string& reply_to);
 
   std::unique_ptr<Impl> impl_;
 };

@@ -1,0 +1,91 @@
+// The replies to the manager; each is sent under the full name of its message.
+
+#include "app/zema/manager/manager_replies.h"
+
+#include "app/zema/manager/manager_sender.h"
+#include "framework/log/log.h"
+#include "proto/switching/switching.pb.h"
+
+namespace zem::zema {
+namespace {
+
+namespace switching = orlane::zem::switching;
+
+constexpr LogSource kLog{"tarvik", "zema"};
+
+constexpr const char* kLogicalSwitchAck = "LogicalSwitchACK";
+
+}  // namespace
+
+bool ManagerReplies::Send(const char* operation, const google::protobuf::MessageLite& message,
+                          const std::string& correlation_id, const std::string& reply_to) {
+  const std::string type = "com." + message.GetTypeName();
+  ZLOG_INFO("[%s] sending %s, correlationId [%s], replyTo [%s]", operation, type.c_str(),
+            correlation_id.c_str(), reply_to.c_str());
+  std::string message_id;
+  if (!sender_.SendMsg(type, message.SerializeAsString(), correlation_id, reply_to, &message_id)) {
+    ZLOG_ERROR("00103", "[%s] %s was not sent", operation, type.c_str());
+    return false;
+  }
+  ZLOG_INFO("[%s] sent %s, message id [%s]", operation, type.c_str(), message_id.c_str());
+  return true;
+}
+
+bool ManagerReplies::HostConfigReply(const std::string& correlation_id, const std::string& reply_to,
+                                     const switching::HostConfigMsg& reply) {
+  return Send(__func__, reply, correlation_id, reply_to);
+}
+
+bool ManagerReplies::SendHostConfigAckMsg(const std::string& reply_to,
+                                          const switching::HostConfigAckMsg& ack) {
+  return Send(__func__, ack, "", reply_to);
+}
+
+bool ManagerReplies::TnMmodeConfigReply(const std::string& correlation_id, const std::string& reply_to,
+                                        const switching::MaintenanceModeConfigResultMsg& reply) {
+  return Send(__func__, reply, correlation_id, reply_to);
+}
+
+bool ManagerReplies::VtepRecoveryReply(const std::string& correlation_id, const std::string& reply_to,
+                                       const switching::VTEPRecoveryResultMsg& reply) {
+  return Send(__func__, reply, correlation_id, reply_to);
+}
+
+bool ManagerReplies::VtepAdminStateReply(const std::string& correlation_id, const std::string& reply_to,
+                                         const switching::VTEPAdminStateMgmtResultMsg& reply) {
+  return Send(__func__, reply, correlation_id, reply_to);
+}
+
+bool ManagerReplies::LogicalSwitchReply(const std::string& reply_to,
+                                        const switching::LogicalSwitchMsg& reply) {
+  return Send(__func__, reply, kLogicalSwitchAck, reply_to);
+}
+
+bool ManagerReplies::LogicalSwitchFullSyncReply(const std::string& correlation_id,
+                                                const std::string& reply_to,
+                                                const switching::LogicalSwitchBulkMsg& reply) {
+  return Send(__func__, reply, correlation_id, reply_to);
+}
+
+bool ManagerReplies::SendTransportNodeEventMsg(const std::string& reply_to,
+                                               const switching::TransportNodeEventMsg& event) {
+  return Send(__func__, event, "", reply_to);
+}
+
+bool ManagerReplies::SendRestoreReplyMsg(const std::string& reply_to,
+                                         const switching::ChecksumMsg& checksum) {
+  return Send(__func__, checksum, "", reply_to);
+}
+
+bool ManagerReplies::HostProfileReply(const std::string& correlation_id, const std::string& reply_to,
+                                      const switching::HostProfileMsg& reply) {
+  return Send(__func__, reply, correlation_id, reply_to);
+}
+
+bool ManagerReplies::HostSwitchMigrationToKlnReply(
+    const std::string& correlation_id, const std::string& reply_to,
+    const switching::TransportNodeHostSwitchesMigrationMsg& reply) {
+  return Send(__func__, reply, correlation_id, reply_to);
+}
+
+}  // namespace zem::zema
