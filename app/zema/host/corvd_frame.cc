@@ -95,7 +95,7 @@ void UnpackVifPayload(std::string_view payload, VifRequest* out) {
       NumberAt<uint32_t>(payload, kTraceAt + sizeof(uint32_t)) != kTraceMarkers[1]) {
     return;
   }
-  // High half first; ours are as long as the low one.
+  // The high half comes first; the agent's ids have the length of the low half.
   out->trace.trace_id = NumberAt<uint64_t>(payload, kTraceIdAt + sizeof(uint64_t));
   out->trace.span_id = NumberAt<uint64_t>(payload, kSpanIdAt + sizeof(uint64_t));
 }

@@ -11,8 +11,8 @@ namespace zem::zema {
 
 struct VifRequest;
 
-/// The head of a frame of the host management daemon, in the host's byte order.  A reply carries the
-/// request's own, so what is not understood here goes back as it came.
+/// The header of a frame of the host management daemon, in the host's byte order.  A reply reuses the
+/// request's header, so fields that the agent does not interpret are returned unchanged.
 class CorvdHeader {
  public:
   static constexpr size_t kSize = 284;
@@ -29,7 +29,7 @@ class CorvdHeader {
 
   uint32_t magic() const { return FieldAt(kMagicAt); }
   uint32_t version() const { return FieldAt(kVersionAt); }
-  /// Up to its zero, or the whole field.
+  /// The text up to its zero, or the whole field when there is none.
   std::string op_id() const;
   uint32_t opcode() const { return FieldAt(kOpcodeAt); }
   uint32_t status() const { return FieldAt(kStatusAt); }
@@ -53,28 +53,28 @@ class CorvdHeader {
   std::array<char, kSize> bytes_{};
 };
 
-/// One request as it came; lives as long as a VifRequest refers to it.
+/// One request as received.  It lives as long as a VifRequest refers to it.
 struct CorvdRequest {
   CorvdHeader header;
   std::string payload;
-  /// Which connection it came on: no other gets the reply.
+  /// The number of the connection on which the request came; the reply goes only to that one.
   uint64_t connection = 0;
 };
 
-/// Beyond it a header is taken for damaged.
+/// A header that announces a longer payload is treated as damaged.
 inline constexpr uint32_t kLongestCorvdPayload = 1 << 20;
-/// The first number beyond the host's operations.
+/// The first opcode number that is not one of the host's.
 inline constexpr uint32_t kCorvdOpcodeEnd = 14;
 
 const char* CorvdOpcodeName(uint32_t opcode);
 const char* CorvdStatusName(uint32_t status);
 
-/// Fills the VIF, the logical switch, the VM's path and the trace from a port operation's payload; what lies
-/// beyond a short one is empty.
+/// Reads the VIF, the logical switch, the VM's path and the trace from a port operation's payload.  Fields
+/// beyond the end of a short payload are empty.
 void UnpackVifPayload(std::string_view payload, VifRequest* out);
 
-/// The operation that the daemon asks for.  A port operation without payload has its error text set; what is
-/// not a port operation is of no kind.
+/// Builds the operation that the daemon requests.  A port operation without payload gets an error text; a
+/// request that is no port operation has the kind kUnsupported.
 std::shared_ptr<VifRequest> BuildVifRequest(std::shared_ptr<CorvdRequest> request);
 
 }  // namespace zem::zema

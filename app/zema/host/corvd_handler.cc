@@ -103,7 +103,7 @@ void CorvdHandler::Run() {
     const bool served = Serve();
     if (stopped()) break;
     Close();
-    // A daemon that closes what it has accepted is not asked in a tight loop.
+    // A daemon that closes each connection after accepting it must not cause a busy loop.
     if (!served && Pause()) break;
   }
   SetThreadName("zema:CorvdComplete");
@@ -130,7 +130,7 @@ void CorvdHandler::Connect() {
   changed_.NotifyAll();
 }
 
-// True when it is time to end.  Somebody who begins to wait ends the long pause.
+// Returns true when the handler has to end.  A new waiter ends the long pause.
 bool CorvdHandler::Pause() {
   std::unique_lock lock(state_lock_);
   const bool waited_for = waiters_ > 0;
@@ -141,7 +141,7 @@ bool CorvdHandler::Pause() {
   return stopped_;
 }
 
-// False when not one frame has come.
+// Returns false when not a single frame was received.
 bool CorvdHandler::Serve() {
   SetThreadName("zema:CorvdDone");
   for (bool any = false;; any = true) {
@@ -171,7 +171,7 @@ bool CorvdHandler::Serve() {
   }
 }
 
-// Null when the connection is of no use any more.
+// Returns null when the connection has to be given up.
 std::shared_ptr<CorvdRequest> CorvdHandler::ReadFrame() {
   auto request = std::make_shared<CorvdRequest>();
   CorvdHeader& header = request->header;
@@ -237,12 +237,12 @@ int CorvdHandler::ReplyToCorvd(const CorvdRequest& request, const std::string& p
   const Synchronizer lock(frame_lock_, __FILE__, __LINE__);
   if (!socket_ || request.connection != connection_) return -1;
   ZLOG_DEBUG("[%s] sending reply to corvd....\n", kTag);
-  // In one piece: a small frame costs the socket's buffer as much as a large one.
+  // Sent in one piece, since every send takes the same share of the socket's buffer, however small.
   std::string frame(request.header.data(), CorvdHeader::kSize);
   frame += payload;
   if (host_socket::WriteWhole(socket_.get(), stop_event_.get(), frame.data(), frame.size(), times_.frame) !=
       Result::kDone) {
-    // The daemon cannot make sense of half a frame; whoever reads notices.
+    // The daemon cannot use half a frame, so the connection ends; the reading thread notices.
     ::shutdown(socket_.get(), SHUT_RDWR);
     return -1;
   }
@@ -258,7 +258,7 @@ void CorvdHandler::Close() {
     connected_ = false;
   }
   if (!socket_) return;
-  // Ends a reply that waits for a daemon which does not read.
+  // Unblocks a reply that waits because the daemon does not read.
   ::shutdown(socket_.get(), SHUT_RDWR);
   const Synchronizer lock(frame_lock_, __FILE__, __LINE__);
   if (::close(socket_.Release()) != 0) {

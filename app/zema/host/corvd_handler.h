@@ -20,8 +20,9 @@ namespace zem::zema {
 class HealthRecord;
 struct CorvdRequest;
 
-/// The connection to the host management daemon: made anew whenever it is lost, and told to the health
-/// record.  What the daemon asks goes to a pool of threads, which answer when they are done.
+/// The connection to the host management daemon.  It is re-established whenever it is lost, and its state is
+/// reported to the health record.  The daemon's requests go to a pool of threads, which answer when they are
+/// done.
 ///
 /// Threads: its own; all operations but those of Thread from any.
 class CorvdHandler final : public Thread {
@@ -30,11 +31,11 @@ class CorvdHandler final : public Thread {
 
   struct Times {
     Duration retry = std::chrono::microseconds(3'000'000);
-    /// While somebody waits for the connection.
+    /// The pause between tries while somebody waits for the connection.
     Duration retry_with_waiter = std::chrono::microseconds(100'000);
-    /// How often the pool is looked at while the daemon is silent.
+    /// How often the pool is checked for idle threads while the daemon is silent.
     Duration slice = std::chrono::seconds(10);
-    /// For the rest of a frame, in both directions: replies wait while a frame is read.
+    /// The time limit for a frame that has begun, in both directions.  Replies wait while a frame is read.
     Duration frame = std::chrono::seconds(60);
   };
 
@@ -47,24 +48,26 @@ class CorvdHandler final : public Thread {
   void Run() override;
   void Stop() override;
 
-  /// The daemon opens its socket with the first switch: waits for the connection.  True when there is one.
+  /// Waits for the connection: the daemon opens its socket with the first switch.  Returns true when
+  /// connected.
   bool WaitForCorvdConnection(int seconds);
 
-  /// Takes a request from any source; after the end it is dropped.
+  /// Takes a request from any source.  Drops it when the handler has ended.
   void AddRequest(std::shared_ptr<VifRequest> request) { pool_.AddRequest(std::move(request)); }
 
-  /// Ports that wait for their VIFs.
+  /// Sets the ports that wait for their VIFs.
   void SetPrecreatedPorts(std::shared_ptr<PrecreatedPorts::Map> ports) {
     precreated_ports_.Set(std::move(ports));
   }
 
-  /// Before the start: the second source of requests, which begins and ends with the handler.
+  /// Adds the vNIC socket as a second source of requests, which starts and ends with the handler.  Called
+  /// before the start.
   void ServeVnics(std::string socket = VifDvportThread::kSocket);
 
-  /// Before the start: the comparison with the host, which begins and ends with the handler.
+  /// Adds the resync, which starts and ends with the handler.  Called before the start.
   void ServeResync(ResyncThread::Settings settings);
 
-  /// False while the host's switches change.
+  /// Forbids the resync while the host's switches change.
   void AllowResync(bool allowed) {
     if (resync_) resync_->Allow(allowed);
   }
@@ -91,8 +94,8 @@ class CorvdHandler final : public Thread {
   UniqueFd stop_event_;
   PrecreatedPorts precreated_ports_;
 
-  /// One frame at a time, in either direction; guards the change of the socket and its number, which only
-  /// the own thread makes.
+  /// Held for each whole frame, in either direction.  It also guards changes of the socket and the connection
+  /// number, which only the handler's own thread makes.
   Synchronizable frame_lock_;
   UniqueFd socket_;
   uint64_t connection_ = 0;

@@ -28,10 +28,10 @@ constexpr const char* kTag = "VifDvportThread";
 
 constexpr int kBacklog = 32;
 constexpr int32_t kLongestData = 1 << 20;
-// For the rest of what has been begun: the next connection waits for the end of this one.
+// The time limit for a frame that has begun: the next connection waits until this one ends.
 constexpr Duration kFrameLimit = std::chrono::seconds(60);
 constexpr Duration kSlice = std::chrono::seconds(10);
-// Its own numbers: on the manager's road an attach is 0.
+// The socket has its own numbers: in the manager's messages an attach is 0.
 constexpr uint32_t kAttach = 1;
 
 Result WaitToRead(int fd, int stop_fd) {
@@ -70,7 +70,7 @@ void VifDvportThread::Run() {
       continue;
     }
     ZLOG_ERROR("42203", "[%s] Error accepting IPC connection, error [%s]", kTag, std::strerror(errno));
-    // Without descriptors it would fail again at once.
+    // When descriptors are exhausted, accept would fail again at once.
     if (errno != EINTR && errno != ECONNABORTED &&
         host_socket::WaitToRead(stop_event_.get(), stop_event_.get(), std::chrono::seconds(1)) ==
             Result::kStopped) {

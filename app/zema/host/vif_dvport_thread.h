@@ -14,8 +14,9 @@ namespace zem::zema {
 class HandlerPool;
 struct VifRequest;
 
-/// The server of the host's vNIC updates: takes lists of VIFs that come to ports or leave them, and asks for
-/// each what a request of the host management daemon would; nobody is answered.  One connection at a time.
+/// The server for the host's vNIC updates.  It receives lists of VIFs that are attached to ports or detached
+/// from them, and queues for each the request that the host management daemon would send.  It sends no
+/// answers and serves one connection at a time.
 ///
 /// Threads: its own; Stop from any.
 class VifDvportThread final : public Thread {
@@ -29,7 +30,7 @@ class VifDvportThread final : public Thread {
   void Run() override;
   void Stop() override;
 
-  /// The requests of a serialized VifMsg, in its order; none of bytes that are no such message.
+  /// Returns the requests of a serialized VifMsg, in its order; none when the bytes are not such a message.
   static std::vector<std::shared_ptr<VifRequest>> RequestsOf(std::string_view data);
 
  private:

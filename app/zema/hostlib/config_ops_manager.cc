@@ -145,7 +145,8 @@ uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string
 uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string& property,
                                        std::string_view bytes, uint32_t flags) {
   if (!Usable(nullptr)) return kSwitchNotLoaded;
-  // What rises while the rest is still down is told "down" again: the switch is not written to for that.
+  // The health record publishes "down" again when one part rises while others are down: an unchanged value is
+  // not written.
   LibraryBuffer before;
   if (properties_.HostPropGet(dvs, property.c_str(), &before) == 0 && before.bytes() == bytes) return 0;
   const uint32_t result = properties_.HostPropSet(dvs, property.c_str(), bytes, flags);
@@ -158,7 +159,7 @@ uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string
 
 uint32_t ConfigOpsManager::ClearHostProp(const std::string& dvs, const std::string& property) {
   if (!Usable(nullptr)) return kSwitchNotLoaded;
-  // A start, above all, finds nothing to clear: then the switch is not written to.
+  // Mostly at start there is nothing to clear: then the switch is not written to.
   LibraryBuffer value;
   if (properties_.HostPropGet(dvs, property.c_str(), &value) == kSwitchNotFound) return kSwitchNotFound;
   const uint32_t result = properties_.HostPropClear(dvs, property.c_str());

@@ -27,27 +27,27 @@ class ConfigOpsManager {
 
   [[nodiscard]] bool ConfigureTeaming(const std::string& dvs, const SwitchTeaming& teaming,
                                       std::string* error);
-  /// None clears them.
+  /// An empty list clears them.
   [[nodiscard]] bool ConfigureNamedTeaming(const std::string& dvs, const std::vector<SwitchTeaming>& teamings,
                                            std::string* error);
-  /// True also when there was none.
+  /// Returns true also when there was no teaming to clear.
   [[nodiscard]] bool ClearTeaming(const std::string& dvs, std::string* error);
   [[nodiscard]] bool ClearNamedTeaming(const std::string& dvs, std::string* error);
-  /// The number of the policy, and the uplinks: the active ones, then those on standby.  0 and none where the
-  /// switch has no teaming.
+  /// Reads the policy number and the uplinks, active ones first, then standby ones.  A switch without teaming
+  /// gives 0 and no uplinks.
   [[nodiscard]] bool GetTeaming(const std::string& dvs, uint32_t* team_type,
                                 std::vector<std::string>* uplinks, std::string* error);
-  /// The names of link aggregation groups; none is no failure.
+  /// Reads the names of the link aggregation groups.  A switch without groups is no failure.
   [[nodiscard]] bool GetLacpNames(const std::string& dvs, std::vector<std::string>* names,
                                   std::string* error);
 
-  /// Of the switch on this host.  The value is a text.
+  /// Sets a text property of the switch on this host.
   uint32_t SetHostProp(const std::string& dvs, const std::string& property, const std::string& value);
   uint32_t SetHostProp(const std::string& dvs, const std::string& property, std::string_view bytes,
                        uint32_t flags);
-  /// Not found is a code like others, but not logged.
+  /// Returns kSwitchNotFound, without a log line, when there is no such property.
   uint32_t ClearHostProp(const std::string& dvs, const std::string& property);
-  /// Nothing when it is not there or cannot be read.
+  /// Returns nothing when the property is absent or cannot be read.
   std::optional<std::string> GetHostProp(const std::string& dvs, const std::string& property);
 
  private:

@@ -20,7 +20,7 @@ class DvsData {
   DvsData(const DvsData&) = delete;
   DvsData& operator=(const DvsData&) = delete;
 
-  /// An empty list.  This or Deserialize comes first, and once.
+  /// Creates an empty list.  Either Alloc or Deserialize is called first, and only once.
   uint32_t Alloc();
   uint32_t Deserialize(std::string_view bytes);
 
@@ -30,9 +30,9 @@ class DvsData {
   }
   uint32_t Remove(const char* name);
   uint32_t Serialize(LibraryBuffer* bytes) const;
-  /// The text of a property, valid while the list does not change; nothing when it is not there.
+  /// Returns the text of a property, valid while the list does not change, or nothing when it is absent.
   std::optional<std::string_view> Text(std::string_view name) const;
-  /// The whole value, whatever is in it.
+  /// Returns the whole value as bytes.
   std::optional<std::string_view> Bytes(std::string_view name) const;
 
  private:

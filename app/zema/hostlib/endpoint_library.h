@@ -14,8 +14,7 @@ namespace zem::zema {
 /// The host's library of tunnel endpoints.
 ///
 /// Threads: all calls from any thread; Open and Close by the owner, while nobody calls.
-/// Errors: each call gives 0, or the library's errno, read before anything else could change it;
-/// kNoEndpointLibrary without the library.
+/// Errors: each call returns 0 or the library's errno, or kNoEndpointLibrary when the library is not loaded.
 class EndpointLibrary final : public TepHaLibrary {
  public:
   explicit EndpointLibrary(std::string file = "libvdl2kln.so");
@@ -27,15 +26,15 @@ class EndpointLibrary final : public TepHaLibrary {
   void Close();
   bool loaded() const { return library_.is_open(); }
 
-  /// The number of the endpoint `device`; nothing when it cannot be had, which is logged.
+  /// Returns the number of the endpoint `device`, or nothing, with a log line, when it cannot be read.
   std::optional<uint32_t> EndpointId(const std::string& switch_name, const std::string& device) const;
 
-  /// What a call gave, and errno.
+  /// The result of a call, and errno.
   struct Outcome {
     int result = 0;
     int error = 0;
   };
-  /// 1 up, 0 down; other numbers go to the library as they are.
+  /// `state` is 1 for up and 0 for down; other numbers are passed to the library unchanged.
   Outcome SetKnlnicState(const std::string& switch_name, const std::string& device, int state) const;
   Outcome RecoverKnlnic(const std::string& switch_name, const std::string& device) const;
 

@@ -7,7 +7,7 @@
 
 namespace zem::zema {
 
-/// Takes what a library allocated with malloc, and frees it.
+/// Owns memory that a library allocated with malloc, and frees it.
 class LibraryBuffer {
  public:
   LibraryBuffer() = default;
@@ -24,14 +24,14 @@ class LibraryBuffer {
   LibraryBuffer(const LibraryBuffer&) = delete;
   LibraryBuffer& operator=(const LibraryBuffer&) = delete;
 
-  /// Where the library puts them; once.
+  /// Where the library stores the address and the length; to be filled once.
   void** data() { return &data_; }
   uint32_t* length() { return &length_; }
 
   std::string_view bytes() const {
     return data_ == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(data_), length_);
   }
-  /// Without the zero that ends a text, and what follows it.
+  /// The bytes up to the first zero.
   std::string_view text() const { return bytes().substr(0, bytes().find('\0')); }
 
  private:

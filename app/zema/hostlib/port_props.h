@@ -3,7 +3,7 @@
 /// Names of the properties of switches and their ports.
 namespace zem::zema::port_props {
 
-// Of ports.
+// Properties of ports.
 inline constexpr const char* kAlias = "com.orlane.common.port.alias";
 inline constexpr const char* kConnectId = "com.orlane.common.port.connectid";
 inline constexpr const char* kBlock = "com.orlane.common.port.block";
@@ -20,24 +20,24 @@ inline constexpr const char* kLogicalPortId = "com.orlane.port.extraConfig.logic
 inline constexpr const char* kSecurityEnable = "com.orlane.port.extraConfig.security.enable";
 inline constexpr const char* kCrx = "com.orlane.port.extraConfig.vnic.crx";
 inline constexpr const char* kPortOpPending = "com.orlane.port.extraConfig.portOp.pending";
-/// The host that has saved the port last.
+/// The id of the host that saved the port last.
 inline constexpr const char* kSavedBy = "com.orlane.port.extraConfig.saved.by";
 inline constexpr const char* kVlan = "com.orlane.vswitch.port.vlan";
 inline constexpr const char* kUplinkTeaming = "com.orlane.vswitch.port.logicalswitch.teaming";
 
-/// What ties a port to a VIF.
+/// The properties that tie a port to a VIF.
 inline constexpr const char* kOpaqueData[] = {kExternalId, kOpaqueNetworkId, kLogicalPortId, kSecurityEnable};
 
 inline constexpr const char* kTrue = "true";
 inline constexpr const char* kFalse = "false";
 inline constexpr const char* kPendingConf = "pending_conf";
 
-// Of switches, on this host.
+// Host properties of switches.
 inline constexpr const char* kVswitchStatus = "com.orlane.common.opaqueDvs.status.component.vswitch";
 inline constexpr const char* kSpfEnabled = "com.orlane.zem.spf.enabled";
 inline constexpr const char* kKlnSecurityEnabled = "com.orlane.zem.klnSecurity.enabled";
 
-// Of switches, everywhere.
+// Global properties of switches.
 inline constexpr const char* kTeaming = "com.orlane.vswitch.teaming";
 inline constexpr const char* kNamedTeaming = "com.orlane.vswitch.logicalswitch.teaming";
 inline constexpr const char* kLacp = "com.orlane.etherswitch.lacp";

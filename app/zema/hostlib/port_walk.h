@@ -8,7 +8,7 @@ namespace zem::zema {
 
 class SwitchLibrary;
 
-/// Goes through the ports of switches as they are when each switch's turn comes.
+/// Visits the ports of switches.  Each switch's ports are listed when its turn comes.
 ///
 /// Threads: one owner.
 class PortWalk {
@@ -19,9 +19,10 @@ class PortWalk {
   PortWalk(const SwitchLibrary& library, std::vector<std::string> switches)
       : library_(library), switches_(std::move(switches)) {}
 
-  /// True when the visitor ended it.  A switch whose ports cannot be listed is logged and left out.
+  /// Returns true when the visitor ended the walk.  A switch whose ports cannot be listed is logged and
+  /// skipped.
   bool Visit(const Visitor& visitor);
-  /// The switches that could not be listed.
+  /// The number of switches whose ports could not be listed.
   size_t failed() const { return failed_; }
 
  private:

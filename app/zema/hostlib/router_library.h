@@ -10,7 +10,7 @@
 
 namespace zem::zema {
 
-/// The host's library of router ports.  Codes as of the switch library.
+/// The host's library of router ports.  Its result codes are those of the switch library.
 ///
 /// Threads: all calls from any thread; Open and Close by the owner, while nobody calls.
 class RouterLibrary {

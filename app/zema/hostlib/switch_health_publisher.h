@@ -19,11 +19,11 @@ class SwitchHealthPublisher final : public HealthPublisher {
 
   bool SetProperty(const std::string& host_switch, const std::string& name, const void* data, size_t size,
                    uint32_t flags, std::string* error) override;
-  /// True also when it was not there.
+  /// Returns true also when the property was absent.
   bool RemoveProperty(const std::string& host_switch, const std::string& name, std::string* error) override;
   bool SecurityOnly() override { return security_only_.load(); }
 
-  /// Only security is served on this host; false until told.
+  /// Whether this host serves only security; false until it is set.
   void SetSecurityOnly(bool only) { security_only_.store(only); }
 
  private:

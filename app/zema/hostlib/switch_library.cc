@@ -8,7 +8,7 @@
 namespace zem::zema {
 namespace {
 
-// The library may be in a port list once in the process, whoever asks.
+// The library allows one port listing at a time in the process.
 std::mutex port_list_mutex;
 
 constexpr std::pair<uint32_t, const char*> kCodeTexts[] = {

@@ -11,18 +11,18 @@
 
 namespace zem::zema {
 
-/// Codes of the switch library beside 0.
+/// Result codes of the switch library other than 0.
 inline constexpr uint32_t kSwitchNotFound = DVS_NOT_FOUND;
-/// The library is not loaded; its own code for a call that failed.
+/// The library is not loaded.  It is the library's general failure code.
 inline constexpr uint32_t kSwitchNotLoaded = DVS_FAILURE;
 
-/// "0xbad0003 (not found)".
+/// The text of a code, such as "0xbad0003 (not found)".
 std::string SwitchErrorText(uint32_t code);
 
 /// The keys of a switch's ports, in the library's own memory.
 class PortList {
  public:
-  /// The next to `index`: a text that ends with a zero.  `index` is below `size()`.
+  /// The key at `index`, which is below `size()`; ends with a zero.
   const char* operator[](size_t index) const { return records_[index].key; }
   size_t size() const { return count_; }
 
@@ -53,10 +53,10 @@ class SwitchLibrary {
   uint32_t PortFind(const std::string& dvs, const std::string& port) const;
   uint32_t PortDataSet(const std::string& dvs, const std::string& port, const char* property,
                        std::string_view value) const;
-  /// The value's bytes; texts end with a zero there.
+  /// Reads the bytes of a value; the bytes of a text include its final zero.
   uint32_t PortDataGet(const std::string& dvs, const std::string& port, const char* property,
                        LibraryBuffer* value) const;
-  /// A property that is a text.
+  /// Reads a text property.
   uint32_t PortTextGet(const std::string& dvs, const std::string& port, const char* property,
                        std::string* text) const;
   uint32_t PortDataClear(const std::string& dvs, const std::string& port, const char* property) const;
@@ -64,10 +64,11 @@ class SwitchLibrary {
   uint32_t PersistentPortStateGet(const std::string& dvs, const std::string& port,
                                   LibraryBuffer* state) const;
 
-  /// One at a time in the process.  A list that does not fit into its buffer is a failure.
+  /// Lists the ports of a switch.  Only one such call runs at a time in the process.  A list that exceeds its
+  /// buffer is a failure.
   uint32_t SwitchPortList(const std::string& dvs, PortList* ports) const;
 
-  /// The functions as they are, null when the library is not loaded.
+  /// The functions of the library itself; null while it is not loaded.
   struct Calls {
     decltype(&::DVSData_Alloc) data_alloc = nullptr;
     decltype(&::DVSData_Free) data_free = nullptr;

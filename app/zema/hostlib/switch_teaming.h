@@ -12,9 +12,9 @@ namespace zem::zema {
 
 /// How traffic is spread over uplinks.
 struct SwitchTeaming {
-  /// Empty for the switch's own.
+  /// The teaming's name; empty for the switch's own teaming.
   std::string name;
-  /// The number that the manager gave.
+  /// The policy's number, as the manager sent it.
   uint32_t policy = 0;
   std::vector<std::string> active;
   std::vector<std::string> standby;

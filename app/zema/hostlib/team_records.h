@@ -11,11 +11,12 @@
 /// The switch library's binary records of teamings and link aggregation groups.
 namespace zem::zema {
 
-/// Nothing when a name is too long for the record.
+/// Both return nothing when a name is too long for the record.
 std::optional<std::string> BuildTeamPolicy(const SwitchTeaming& teaming);
 std::optional<std::string> BuildTeamTable(uint32_t kind, const std::vector<SwitchTeaming>& teamings);
 
-/// Nothing when the record has another length than it says, or a name without end.
+/// Both return nothing when the record does not have the length that it states, or contains an unterminated
+/// name.
 std::optional<SwitchTeaming> ReadTeamPolicy(std::string_view record);
 std::optional<std::vector<std::string>> ReadLacpNames(std::string_view record);
 

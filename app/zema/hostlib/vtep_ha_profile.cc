@@ -27,7 +27,7 @@ constexpr Reason kReasons[] = {
     {ENOBUFS, "Internal error occured while performing requested operation."},
 };
 
-// In the order in which the library is told.
+// In the order in which the library is called.
 struct Step {
   const char* prefix;
   int (*set)(TepHaLibrary& library, const std::string& dvs, const VtepHAProfileMsg& profile);

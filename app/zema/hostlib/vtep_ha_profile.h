@@ -11,11 +11,11 @@ class HostSwitchMsg;
 
 namespace zem::zema {
 
-/// In place of the library's errno when there is no library: none of its own codes.
+/// The result of every call while the library is not loaded; the library itself never returns it.
 inline constexpr int kNoEndpointLibrary = ELIBACC;
 
-/// The settings of endpoint high availability, as the host's endpoint library takes them: by the switch's id,
-/// times in seconds.  Each gives 0, or the library's reason, an errno.
+/// The calls of the host's endpoint library that configure endpoint high availability of a switch, which is
+/// named by its id.  Times are in seconds.  Each call returns 0 or an errno.
 class TepHaLibrary {
  public:
   virtual ~TepHaLibrary() = default;
@@ -26,16 +26,16 @@ class TepHaLibrary {
   virtual int SetTEPHATimeout(const std::string& dvs, uint32_t seconds) = 0;
 };
 
-/// What an errno of the endpoint library means, for people.
+/// A readable text for an errno of the endpoint library.
 const char* TepHaErrorText(int code);
 
-/// Tells the datapath the switch's settings of endpoint high availability; true at once when it has none.
-/// False with the reason in `error` at the first that the library refuses.
+/// Passes the switch's endpoint high availability settings to the datapath.  Returns true at once when the
+/// switch has none, and false with the reason in `error` at the first setting that the library refuses.
 [[nodiscard]] bool ProcessVtepHAProfile(TepHaLibrary& library,
                                         const orlane::zem::switching::HostSwitchMsg& host_switch,
                                         std::string* error);
 
-/// The same over all switches of a stored configuration when the agent starts: errors are only logged.
+/// Does the same for all switches of a stored configuration when the agent starts; errors are only logged.
 void ProcessVtepHAProfileAndIgnoreErrors(TepHaLibrary& library,
                                          const orlane::zem::switching::HostConfigMsg& config);
 

@@ -16,7 +16,7 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kVifType = "com.orlane.zem.switching.VifMsg";
 
-// What is left of the time limit for the manager's answer after a message has gone out.
+// The part of the time limit that is reserved for the manager's answer after the message is sent.
 constexpr int kAnswerReserveS = 10;
 constexpr int kPassPauseS = 2;
 constexpr int kRestoreTries = 4;
@@ -64,8 +64,8 @@ bool ManagerSender::SendMsg(const std::string& type, std::string_view data, cons
   return true;
 }
 
-// To the master first; then to whoever takes it, pass after pass over the list as it is at that moment.  What
-// no proxy would take is not offered to the others.
+// Tries the master first, then every proxy of the current list, again and again until the time is over.  A
+// message that was refused for a reason of its own is not offered to the others.
 bool ManagerSender::SendMsgToAph(const VerticalClient::Outgoing& message, int limit_s) const {
   const VerticalClient& vertical = vertical_;
   const VerticalClient::Sent first = vertical.SendPrepared(message);

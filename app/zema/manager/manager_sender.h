@@ -14,18 +14,18 @@ class VifMsg;
 
 namespace zem::zema {
 
-/// The realization's way out to the manager: each message under the record type and correlation that it has,
-/// to the master, or to any other proxy that takes it.
+/// Sends the realization's messages to the manager, each with its record type and correlation id, to the
+/// master proxy or to any other proxy that takes it.
 ///
-/// It waits for the manager where it has to, so it runs on the realization's own threads only.
+/// Sending may wait for the manager, so it is called only on the realization's own threads.
 class ManagerSender final : public VifSender {
  public:
   /// `vertical` is the realization's; `mp.vifOperationTimeout` of the options limits the waits.  Both outlive
   /// the sender.
   ManagerSender(VerticalClient& vertical, OptionsStore& options) : vertical_(vertical), options_(options) {}
 
-  /// `type` is the full message name.  False when the manager cannot be reached in time or the type is
-  /// unknown.
+  /// `type` is the full message name.  Returns false when the manager cannot be reached in time or the type
+  /// is unknown.
   [[nodiscard]] bool SendMsg(const std::string& type, std::string_view data,
                              const std::string& correlation_id, const std::string& reply_to,
                              std::string* message_id);

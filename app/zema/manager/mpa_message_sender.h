@@ -18,10 +18,11 @@ class VTEPRecoveryResultMsg;
 
 namespace zem::zema {
 
-/// The only way out of a task to the manager.  An answer goes on the request's correlation id and reply-to.
+/// The interface by which tasks send messages to the manager.  An answer uses the request's correlation id
+/// and reply-to.
 ///
-/// All operations wait for the manager where they have to, up to `mp.vifOperationTimeout`, so none may be
-/// called on a provider's thread.  False when the message could not be handed over; a line has said so then.
+/// All operations may wait for the manager, up to `mp.vifOperationTimeout`, so none may be called on a
+/// provider's thread.  They return false, after a log line, when the message could not be handed over.
 ///
 /// Threads: any but a provider's.
 class MpaMessageSender {
@@ -39,7 +40,7 @@ class MpaMessageSender {
                                  const orlane::zem::switching::VTEPRecoveryResultMsg& reply) = 0;
   virtual bool VtepAdminStateReply(const std::string& correlation_id, const std::string& reply_to,
                                    const orlane::zem::switching::VTEPAdminStateMgmtResultMsg& reply) = 0;
-  /// The correlation is the same for all acknowledgements.
+  /// All acknowledgements have the same correlation id.
   virtual bool LogicalSwitchReply(const std::string& reply_to,
                                   const orlane::zem::switching::LogicalSwitchMsg& reply) = 0;
   virtual bool LogicalSwitchFullSyncReply(const std::string& correlation_id, const std::string& reply_to,

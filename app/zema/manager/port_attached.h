@@ -8,7 +8,7 @@
 
 namespace zem::zema {
 
-/// What the manager's answer to a VIF request fills.
+/// The manager's answer to a VIF request.
 class MpRpcObj {
  public:
   virtual ~MpRpcObj() = default;
@@ -17,7 +17,7 @@ class MpRpcObj {
   std::map<std::string, std::string> extra_configs;
   std::string init_state;
   int32_t vlan = -1;
-  /// First and last of each.
+  /// First and last VLAN of each range.
   std::vector<std::pair<uint32_t, uint32_t>> vlan_ranges;
   std::string uplink_teaming;
 };

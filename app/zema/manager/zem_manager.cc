@@ -20,7 +20,7 @@ using wft::WorkflowUtil;
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// Never set back: an id is unique in the life of the process, whatever is made anew in it.
+// Never reset: an id is unique for the life of the process, even when the manager object is made again.
 std::atomic<uint32_t> next_rpc{1};
 
 constexpr const char* kPortGroupPrefix = "dvportgroup-";
@@ -46,7 +46,7 @@ void TagCall(const VifSender::Attachment& attachment, const std::string& op_id) 
 
 namespace {
 
-// The caller's monitor is free within the scope, so that its owner can reach it.
+// Releases the caller's monitor for the scope, so that other threads can take it.
 class MonitorReleased {
  public:
   explicit MonitorReleased(Thread* waiter) : waiter_(waiter) { waiter_->Unlock(); }
@@ -65,10 +65,10 @@ struct ZemManager::Answer {
   std::mutex mutex;  // guards all below; never held with another lock
   Condition changed;
   std::unique_ptr<PortAttached> result;
-  bool ended = false;  // nobody will bring one
+  bool ended = false;  // no answer will come any more
 };
 
-// What the two calls say differently.
+// The texts in which the two calls differ.
 struct ZemManager::Texts {
   const char* span;
   const char* operation;
@@ -127,7 +127,8 @@ void ZemManager::MP_AddVnicAttachment(const std::string& op_id, const std::strin
                                       const std::string& switch_id, const std::string& port_id_hint,
                                       const std::string& gcf_path, Thread* waiter, bool wait,
                                       PortAttached* out) {
-  // On a port group the manager is told the port; elsewhere it chooses, unless a resync says what is there.
+  // On a port group the port is sent to the manager; elsewhere the manager chooses the port, unless a resync
+  // reports an existing one.
   const bool tell_port = BeginsWith(switch_id, kPortGroupPrefix) || BeginsWith(op_id, kSyncAttachPrefix);
   Call(Texts::Add(), {true, "", vif_id, switch_id, tell_port ? port_id_hint : "", "", gcf_path}, op_id,
        waiter, wait, out);
@@ -162,7 +163,7 @@ void ZemManager::Call(const Texts& texts, VifSender::Attachment attachment, cons
   const int timeout = options_.Snapshot().vif_operation_timeout;
   std::string message_id;
   const bool sent = sender_.SendVIFAttachmentInfo(attachment, &message_id);
-  // A send that took that long leaves no time for an answer.
+  // After such a long send no time is left for an answer.
   if (!sent || elapsed() > timeout) {
     ZLOG_ERROR("41541", "[%s] RPC call [%s] to ZEM management plane failed in sending.\n", texts.operation,
                rpc_id.c_str());

@@ -21,7 +21,8 @@ namespace zem::zema {
 
 class OptionsStore;
 
-/// Takes VIF messages to the manager.  False when one could not be handed over; it may take long to say so.
+/// Sends VIF messages to the manager.  Each operation returns false when the message could not be handed
+/// over, which may take long.
 class VifSender {
  public:
   virtual ~VifSender() = default;
@@ -43,7 +44,7 @@ class VifSender {
     std::string switch_id;
     std::string port_id;
     std::string host_id;
-    /// Name and value of each.
+    /// Name and value of each property.
     std::list<std::pair<std::string, std::string>> site_configs;
   };
   virtual bool SendVIFUpdate(const Update& update) = 0;
@@ -62,15 +63,16 @@ class VifSender {
   virtual bool SendVIFRestoreResponse(const RestoreResponse& response) = 0;
 };
 
-/// Makes blocking calls of the manager's asynchronous answers about VIFs.
+/// Turns the manager's asynchronous answers about VIFs into blocking calls.
 ///
-/// Each call has an answer object that its caller and the receive thread own together.  So whoever brings an
-/// answer waits for nobody, however long the caller takes over sending, and touches nothing of the caller's.
+/// Each call has an answer object, which its caller and the receive thread share.  So the receive thread
+/// never waits for a caller that is still sending, and never touches memory of the caller.
 ///
 /// Threads: the MP_ operations on port handler threads, SetResultToPendingRPC on the receive thread.
 class ZemManager : public Synchronizable {
  public:
-  /// These two texts, and no others, tell a failure of the road from a refusal of the manager.
+  /// Only these two texts mean that the manager could not be reached; any other error is a refusal by the
+  /// manager.
   static constexpr const char* kSendFailed =
       "Failed to send VIF RPC request. Please check if the connectivity between Host and ZEM Manager is up.";
   static constexpr const char* kTimedOut =
@@ -81,8 +83,8 @@ class ZemManager : public Synchronizable {
   /// set up for operation; they wait for `mp.vifOperationTimeout`.
   ZemManager(VifSender& sender, HostIdentity& host, OptionsStore& options);
 
-  /// The caller holds the monitor of `waiter`; it is free while the call waits.  What went wrong is in
-  /// `out->error`.
+  /// The caller holds the monitor of `waiter`, which is released while the call waits.  A failure is reported
+  /// in `out->error`.
   void MP_AddVnicAttachment(const std::string& op_id, const std::string& vif_id, const std::string& switch_id,
                             const std::string& port_id_hint, const std::string& gcf_path, Thread* waiter,
                             bool wait, PortAttached* out);
@@ -94,13 +96,14 @@ class ZemManager : public Synchronizable {
                                   const std::string& switch_id, const std::string& port_id,
                                   std::list<std::pair<std::string, std::string>> site_configs);
 
-  /// The first answer to a call counts; a second one, and one to a call that waits no longer, is dropped.
+  /// Delivers an answer.  Only the first answer to a call counts; a second one is dropped, and so is an
+  /// answer to a call that no longer waits.
   void SetResultToPendingRPC(const std::string& rpc_id, std::unique_ptr<PortAttached> result);
 
-  /// A copy of the answer.  Nothing while there is none.
+  /// Returns a copy of the answer, or nothing while there is none.
   std::optional<PortAttached> GetResultOfPendingRPC(const std::string& rpc_id);
 
-  /// Nobody waits any more: calls that wait, and those to come, end as if the manager had not answered.
+  /// Ends all waits: calls that wait, and those to come, end as if the manager had not answered.
   void EndWaits();
 
   void SetMaintenanceMode(bool on);

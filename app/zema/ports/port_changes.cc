@@ -58,7 +58,7 @@ Outcome PortChanges::ClearVifFromPort(const std::string& zone, const std::string
     ZLOG_INFO("[PortOp] Logical switch did not match for port [%s]. Did not clear port.", port.c_str());
     return Outcome::Done();
   }
-  // An answer that comes late may speak of a VIF that has left the port to another by now.
+  // A late answer may name a VIF that has given the port to another VIF by now.
   if (const auto holder = data.Text(port_props::kExternalId); holder && !vif.empty() && *holder != vif) {
     ZLOG_INFO("[PortOp] Port [%s] holds VIF [%s] by now, not [%s]. Did not clear port.", port.c_str(),
               std::string(*holder).c_str(), vif.c_str());
@@ -68,16 +68,16 @@ Outcome PortChanges::ClearVifFromPort(const std::string& zone, const std::string
   return ClearExternalId(dvs, port);
 }
 
-// The file loses the VIF first: a port that dies in between still holds it and is cleared by the next try,
-// while a file that kept it would give the port the VIF back one day.
+// The VIF is removed from the file first.  If the agent dies in between, the port still holds the VIF and the
+// next try clears it; a file that kept the VIF would some day give it back to the port.
 Outcome PortChanges::ClearExternalId(const std::string& dvs, const std::string& port) {
   std::string holder;
   bool saved = true;
   if (library_.PortTextGet(dvs, port, port_props::kExternalId, &holder) == 0) {
-    // The VM and its directory may be gone already: that keeps nobody from taking the VIF off.
+    // The VM and its directory may be gone already, which is no reason to leave the VIF on the port.
     saved = files_.SaveAgain("ClearVifFromPort", dvs, port, port_props::kExternalId);
   } else if (files_.FileText(dvs, port, port_props::kExternalId)) {
-    // It could not be written when the port was cleared.
+    // The file could not be written when the port was cleared.
     static_cast<void>(files_.SaveAgain("ClearVifFromPort", dvs, port));
   }
   std::string error;
@@ -93,7 +93,7 @@ Outcome PortChanges::ClearExternalId(const std::string& dvs, const std::string& 
         port.c_str(), SwitchErrorText(kSwitchNotFound).c_str());
     return Outcome::Done();
   }
-  // Nobody may ask for this port again, so a failure that has passed is made good at once.
+  // Nobody may ask for this port again, so the file is saved now in case the failure was temporary.
   if (!saved) static_cast<void>(files_.SaveAgain("ClearVifFromPort", dvs, port));
   if (!holder.empty()) index_.SetNowhere(holder);
   ZLOG_INFO("[PortOp] Cleared external id from port [%s] successfully", port.c_str());
@@ -164,7 +164,7 @@ Outcome PortChanges::UpdateDvportRpcOp(const std::string& dvs, const std::string
     return Outcome::Failed("Failed to read the pending operation of port " + port + ": " + text);
   }
   const bool has = result == 0 && stored == rpc_op;
-  // A file that could not be written last time is behind its port.
+  // The file may lag behind its port, when it could not be written last time.
   const bool file_has = files_.FileText(dvs, port, port_props::kPortOpPending) == rpc_op;
   if (rpc_done == kDone) {
     if (!has && !file_has) return Outcome::Done();

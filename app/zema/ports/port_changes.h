@@ -13,7 +13,7 @@ class TransportZones;
 class VifHolders;
 class VifIndex;
 
-/// Changes of ports that are there: VIFs come off, files move, operations are noted, ports go.
+/// Changes existing ports: takes VIFs off them, moves their files, records pending operations, deletes them.
 ///
 /// Threads: all operations from any thread; files and the library block, so none from a provider's.
 /// Sequences of changes to one port are kept apart by their callers.
@@ -37,8 +37,8 @@ class PortChanges {
         files_(parts.files) {}
 
   /// Takes the VIF off the port when the port belongs to the logical switch.  With `force_find` all switches
-  /// are searched when the zone, the port or its state cannot be had, or the port holds another VIF.  Done
-  /// also when there was nothing to do.
+  /// are searched when the zone, the port or its state is not known, or when the port holds another VIF.
+  /// Having nothing to clear is no failure.
   Outcome ClearVifFromPort(const std::string& zone, const std::string& port, const std::string& ls,
                            const std::string& vif, bool force_find);
   /// Takes the VIF off its ports of the logical switch, whichever host switch they are on.
@@ -49,12 +49,13 @@ class PortChanges {
   /// Moves the port's file to the VM's new directory.
   Outcome UpdateGcfPath(const std::string& zone, const std::string& port, const std::string& new_gcf_path);
 
-  /// With `rpc_done` "false" notes on the port that the manager could not be told of `rpc_op`; with "true"
-  /// removes the same note.
+  /// With `rpc_done` "false" records on the port that the operation `rpc_op` could not be reported to the
+  /// manager; with "true" removes that record.
   Outcome UpdateDvportRpcOp(const std::string& dvs, const std::string& port, const std::string& rpc_op,
                             const std::string& rpc_done);
 
-  /// Nobody waits for the port's site configuration any more: clears the mark on the port and in its file.
+  /// Clears the mark, on the port and in its file, by which the manager waits for the port's site
+  /// configuration.
   Outcome ClearAttachmentState(const std::string& dvs, const std::string& port);
 
   /// Removes the port from its switch, and its file; with `vm_leaves` the files of all ports of the VM.

@@ -150,7 +150,7 @@ Outcome PortCreation::SetPortConfig(const std::string& dvs, const PortConfigSpec
   if (boost::algorithm::icontains(gcf_path, kContainerVm)) {
     count(properties_.SetPortExtraConfig(dvs, port, port_props::kCrx, port_props::kTrue));
   }
-  // A port without tag is told so, too: it may have had one.
+  // An untagged port is configured as well, because it may have had a tag before.
   if (spec.vlan >= 0 || !spec.vlan_ranges.empty()) {
     count(properties_.SetVlanPolicy(dvs, port, spec.vlan, spec.vlan_ranges));
   }
@@ -183,7 +183,7 @@ Outcome PortCreation::PutPortFile(const std::string& dvs, const std::string& por
   if (!wanted) return outcome;
   const bool saved = files_.SaveNew(*wanted, dvs, port);
   if (before.empty()) return outcome;
-  // One of the two files is there whatever happens, and the port names the one that is.
+  // Whatever happens, one of the two files exists, and the port names that one.
   if (!saved) {
     TakeFailure(&outcome, properties_.SetPortExtraConfig(dvs, port, port_props::kPersistPath, before));
   } else if (!RemovePortFile(before)) {

@@ -14,7 +14,7 @@ class TransportZones;
 struct HostSwitchInfo;
 struct PortConfigSpec;
 
-/// Makes ports.
+/// Creates ports.
 ///
 /// Threads: all operations from any thread; files and the library block, so none from a provider's.
 /// Sequences of changes to one port are kept apart by their callers.
@@ -25,9 +25,9 @@ class PortCreation {
                PortDataFiles& files)
       : library_(library), zones_(zones), properties_(properties), files_(files) {}
 
-  /// Makes the port, or brings an existing one up to date, and saves its file.  `gcf_path` is the path of the
-  /// VM's configuration file, or a word without "/" for a port without a VM ("knlnic").  A property that the
-  /// switch refuses keeps none of the others from being set; the outcome has the last reason.  A file that
+  /// Creates the port, or updates an existing one, and saves its file.  `gcf_path` is the path of the VM's
+  /// configuration file, or a word without "/" for a port without a VM ("knlnic").  When the switch refuses
+  /// one property, the others are set nevertheless, and the outcome is the last failure.  A port file that
   /// cannot be written is logged and is no failure.
   Outcome CreatePort(const PortConfigSpec& spec, const std::string& vif, const std::string& gcf_path,
                      bool block);
@@ -35,7 +35,7 @@ class PortCreation {
  private:
   Outcome CreateNew(const HostSwitchInfo& host_switch, const PortConfigSpec& spec, const std::string& block,
                     bool unblock);
-  /// `block` takes the block setting of the existing port, which gets a new cookie.
+  /// Reads the block setting of the existing port into `block` and gives the port a new connection cookie.
   void RefreshExisting(const std::string& dvs, const std::string& port, std::string* block);
   Outcome SetPortConfig(const std::string& dvs, const PortConfigSpec& spec, const std::string& vif,
                         const std::string& gcf_path);

@@ -53,10 +53,10 @@ bool PortDataFiles::SaveAgain(const char* operation, const std::string& dvs, con
   return false;
 }
 
-// Both hosts of a VM that moves see its folder, and the port may bear the same name on both.  The file tells
-// who has saved it last.  Another host's is from before the VM came here when this one has never saved its
-// own port, and then the cookies decide, by the hosts' clocks: who has made the port last has the younger
-// one.
+// While a VM moves, both hosts see its folder, and the port may have the same name on both.  The file names
+// the host that saved it last.  If this host has never saved its own port, a file of another host may date
+// from before the VM came here; then the connection cookies decide: the host that made the port last has the
+// younger one, by the hosts' clocks.
 bool PortDataFiles::IsOfAnotherHost(const std::string& path, const std::string& dvs,
                                     const std::string& port) const {
   std::string bytes;
@@ -81,7 +81,7 @@ bool PortDataFiles::IsOfAnotherHost(const std::string& path, const std::string& 
 
 void PortDataFiles::TakeFile(const PortLocation& at) {
   const std::string path = PersistPath(at.dvs, at.port);
-  // A failure is logged; the port is as it has to be.
+  // A failure is logged; the port itself is correct.
   if (!path.empty() && IsOfAnotherHost(path, at.dvs, at.port)) {
     static_cast<void>(SaveNew(path, at.dvs, at.port));
   }
@@ -94,7 +94,7 @@ bool PortDataFiles::SaveNew(const std::string& path, const std::string& dvs, con
   }
   if (SavePortDataFile(path, dvs, port) == 0) return true;
   ZLOG_ERROR("44212", "[PortOp] Error saving port data file for port:%s", port.c_str());
-  // What is there may be of the host that the VM has come from.
+  // The file that remains may have been written by the host from which the VM came.
   if (host_.id()) static_cast<void>(properties_.ClearPortExtraConfig(dvs, port, port_props::kSavedBy));
   return false;
 }
@@ -131,7 +131,7 @@ int PortDataFiles::SavePortDataFile(const std::string& path, const std::string& 
     return -1;
   }
   if (WritePortFile(path, state.bytes()) != 0) return -2;
-  // A failure is logged; the file says it.
+  // A failure is logged; the file has the id in any case.
   if (!marked) static_cast<void>(properties_.SetPortExtraConfig(dvs, port, port_props::kSavedBy, *id));
   return 0;
 }

@@ -24,7 +24,8 @@ class PortDataFiles {
       : library_(library), properties_(properties), host_(host) {}
 
   /// Writes the port's persistent state, without the property `without` if one is named, and this host's id
-  /// into the file.  0; -1 without a path or a state, -2 when the file cannot be written.
+  /// into the file.  Returns 0; -1 when `path` is empty or the state cannot be read, -2 when the file cannot
+  /// be written.
   int SavePortDataFile(const std::string& path, const std::string& dvs, const std::string& port,
                        const char* without = nullptr);
   /// Writes the file of a port that has none at `path` yet.  Returns false after a failure, which is logged.
@@ -39,13 +40,13 @@ class PortDataFiles {
   [[nodiscard]] bool UpdateExtraConfigInPortDataFile(const std::string& path, const std::string& key,
                                                      const std::string* value);
 
-  /// The port's VM is on this host: a file that another host saved last becomes this host's, or the other
-  /// host would go on writing it and this one would not.
+  /// Takes over the port's file when another host saved it last.  Called when the port's VM is on this host:
+  /// otherwise the other host would keep writing the file and this one would not.
   void TakeFile(const PortLocation& at);
 
   /// The path of the port's file; empty when the port has none.
   std::string PersistPath(const std::string& dvs, const std::string& port) const;
-  /// A property as the port's file has it.
+  /// Returns a property as it stands in the port's file, or nothing.
   std::optional<std::string> FileText(const std::string& dvs, const std::string& port,
                                       const char* property) const;
 

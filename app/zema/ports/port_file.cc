@@ -31,7 +31,7 @@ bool IsFileName(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
-// The names in a directory that are of the wanted kind, sorted.
+// Returns the sorted names of the subdirectories, or of the regular files, of a directory.
 std::vector<std::string> read_directory(const std::string& directory, bool directories) {
   std::vector<std::string> names;
   try {
@@ -56,20 +56,20 @@ std::vector<std::string> read_directory(const std::string& directory, bool direc
   return names;
 }
 
-// A file that is half written when the host or the agent dies could not bring its port back, so what is there
-// stays until the new one is whole.  The draft lies a level above the ports, where it is none.
+// A half-written file could not bring its port back after a crash, so the old file stays until the new one is
+// complete.  The draft is one level above the port files, where it is not taken for one.
 std::string DraftOf(const std::string& path) {
   const size_t switch_end = path.rfind('/');
   const size_t folder_end =
       switch_end == std::string::npos || switch_end == 0 ? switch_end : path.rfind('/', switch_end - 1);
   const std::string folder = folder_end == std::string::npos ? "." : path.substr(0, folder_end);
   char name[32];
-  // While a VM moves two hosts may write here, so nothing that they could have in common names the draft.
+  // While a VM moves, two hosts may write here, so the name of the draft is random.
   std::snprintf(name, sizeof(name), "/.%016llx.tmp", static_cast<unsigned long long>(RandomNumber()));
   return folder + name;
 }
 
-// 0, or the result of WritePortFile.
+// Returns 0 or a result of WritePortFile.
 int WriteDraft(const std::string& draft, std::string_view data) {
   const UniqueFd file(::open(draft.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode));
   if (!file) {
@@ -87,7 +87,7 @@ int WriteDraft(const std::string& draft, std::string_view data) {
     ZLOG_ERROR("44212", "Error mallocing");
     return -3;
   }
-  // No memory of the process goes to the disk behind the data.
+  // The padding must not carry memory of the process to the disk.
   std::memset(buffer.get(), 0, size);
   std::memcpy(buffer.get(), data.data(), data.size());
   if (::pwrite(file.get(), buffer.get(), size, 0) != static_cast<ssize_t>(size) ||
@@ -118,7 +118,7 @@ std::optional<std::string> PortFilePath(const std::string& vm_directory, const s
   return vm_directory + std::string(kFolder) + "/" + dvs + "/" + port;
 }
 
-// From the innermost outwards: those of the VM are nearly always there.
+// Tries the innermost directory first: the VM's own nearly always exists.
 bool MakePortFileDirectories(const std::string& path) {
   const size_t at = path.rfind('/');
   if (at == std::string::npos || at == 0) return true;
@@ -129,7 +129,7 @@ bool MakePortFileDirectories(const std::string& path) {
     return true;
   }
   const int error = errno;
-  // Also when somebody else has made it meanwhile, or nobody may make it anew.
+  // Another process may have created it meanwhile, or it exists where mkdir is not permitted.
   struct stat status;
   if (::stat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return true;
   if (error != ENOENT) {
@@ -159,7 +159,7 @@ int WritePortFile(const std::string& path, std::string_view data) {
 }
 
 int ReadPortFile(const std::string& path, std::string* data) {
-  // A pipe in the place of the file would wait for a writer.
+  // Without O_NONBLOCK, opening a pipe in place of the file would wait for a writer.
   const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) return errno;
   struct stat status;

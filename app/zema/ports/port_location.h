@@ -4,7 +4,7 @@
 
 namespace zem::zema {
 
-/// Where a port is.
+/// A port, named by its switch and its key on that switch.
 struct PortLocation {
   std::string dvs;
   std::string port;

@@ -12,10 +12,10 @@
 
 namespace zem::zema {
 
-/// What the agent does with the ports of the host's switches, by subject.  It owns the parts; a caller that
-/// needs one takes that one.
+/// The agent's operations on the ports of the host's switches, one part for each subject.  The manager owns
+/// the parts; a caller that needs one part takes only that one.
 ///
-/// Threads and errors: as of each part.
+/// Threads and errors: each part documents its own.
 /// Ownership: holds its arguments by reference.
 class PortOpsManager {
  public:

@@ -13,20 +13,21 @@ class SwitchLibrary;
 class VifIndex;
 struct PortLocation;
 
-/// Single properties of ports.  What it writes of a VIF is noted in the index.
+/// Reads and writes single properties of ports.  A write that puts a VIF on a port, or takes it off, is
+/// recorded in the VIF index.
 ///
 /// Threads: all operations from any thread; the library may block, so none from a provider's.  Sequences of
 /// changes to one port are kept apart by their callers.
 /// Ownership: holds both by reference.
-/// Errors: what the switch refuses is logged.
+/// Errors: a refused write is logged here.
 class PortProperties {
  public:
   PortProperties(SwitchLibrary& library, VifIndex& index) : library_(library), index_(index) {}
 
   Outcome SetPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
                              const std::string& value);
-  /// 0, 1 when the port did not have the property, or -1 after three tries, with the reason in `error`, which
-  /// may be null.
+  /// Returns 0 when the property is cleared, 1 when the port did not have it, or -1 after three failed tries,
+  /// with the reason in `error`, which may be null.
   int ClearPortExtraConfig(const std::string& dvs, const std::string& port, const std::string& key,
                            std::string* error = nullptr);
   /// Returns the library's code.
@@ -34,7 +35,8 @@ class PortProperties {
                               std::string* value);
 
   enum class Same { kYes, kNo, kUnknown };
-  /// Whether a text property of the port has the value; kUnknown when it is absent or cannot be read.
+  /// Tests whether a text property of the port has the value.  Returns kUnknown when the property is absent
+  /// or cannot be read.
   Same Compare(const PortLocation& at, const char* property, const std::string& value) const;
 
   /// Clears the properties that tie the port to a VIF.

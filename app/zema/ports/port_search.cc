@@ -71,8 +71,8 @@ std::vector<PortLocation> PortSearch::PortsOfKey(const std::string& port) const 
   return found;
 }
 
-// Other ports of the VM may be connected, and the folder of a clone holds the files of the VM that it was
-// made of, so a file is read before anything is done, and nothing but the port that is meant is touched.
+// Other ports of the VM may be in use, and the folder of a clone holds the files of the original VM.  So each
+// file is read before anything is changed, and only the port that is looked for is touched.
 bool PortSearch::RestoreFromFiles(const std::string& vif, const std::string& ls, const std::string& directory,
                                   PortLocation* found) {
   for (const PortFileEntry& file : PortFilesOf(directory)) {
@@ -97,8 +97,8 @@ bool PortSearch::RestoreFromFiles(const std::string& vif, const std::string& ls,
   return false;
 }
 
-// The port of the file is on its switch without the VIF.  It gets the VIF back where it is, since somebody
-// may be connected with it; one that holds another VIF, or is another VM's, stays as it is.
+// The port of the file is on its switch, but without the VIF.  The VIF is set on the port in place, since the
+// port may be in use; a port that holds another VIF, or belongs to another VM, is left alone.
 bool PortSearch::TakeBack(const PortFileEntry& file, const std::string& directory, const std::string& vif,
                           const std::string& ls) {
   std::string holder;
@@ -138,7 +138,7 @@ bool PortSearch::RestorePort(const std::string& dvs, const std::string& port, co
   return AddFromFile({dvs, port, file}, std::string(data.Text(port_props::kExternalId).value_or("")), bytes);
 }
 
-// The port comes with the VIF that is in its file.
+// The port is added with the VIF that its file names.
 bool PortSearch::AddFromFile(const PortFileEntry& file, const std::string& vif, const std::string& bytes) {
   std::optional<VifIndex::Writing> writing;
   if (!vif.empty()) writing.emplace(index_, file.dvs, file.port, vif);
@@ -153,7 +153,7 @@ bool PortSearch::AddFromFile(const PortFileEntry& file, const std::string& vif, 
   return true;
 }
 
-// A port that the VM left behind when it went, while the file that came back with it has the VIF.
+// Removes a port that the VM left behind when it went, when the file that came back with the VM has the VIF.
 bool PortSearch::TakeLeftOver(const PortFileEntry& file, const std::string& dvs, const std::string& vif,
                               const std::string& ls) {
   LibraryBuffer own;
@@ -167,8 +167,9 @@ bool PortSearch::TakeLeftOver(const PortFileEntry& file, const std::string& dvs,
          library_.PortRemove(dvs, file.port) == 0;
 }
 
-// The port is wanted for what is written on it.  It may come from a switch that this host has not, so all
-// files are tried on the switch of the zone; what is not the port, and was not there before, goes again.
+// The caller only reads what is written on the port.  The port may come from a switch that this host does not
+// have, so every file is tried on the switch of the zone; a port that is not the right one and was not there
+// before is removed again.
 Outcome PortSearch::FindPortToFetchVMTags(const std::string& vif, const std::string& ls,
                                           const std::string& gcf_path, const std::string& new_zone,
                                           PortLocation* found) {

@@ -45,11 +45,11 @@ class PortSearch {
   Outcome FindPortByVifUuid(const std::string& vif, const std::string& ls, std::string* gcf_path,
                             PortLocation* found);
 
-  /// All ports of that key: a key is unique on its switch alone.
+  /// Returns all ports with that key: a key is unique only within its switch.
   std::vector<PortLocation> PortsOfKey(const std::string& port) const;
 
   /// Looks for the port that the VIF had before, to read what is written on it, in the files of the VM alone;
-  /// puts it on the switch of `new_zone` if it is not there.
+  /// puts the port on the switch of `new_zone` if it is not there.
   Outcome FindPortToFetchVMTags(const std::string& vif, const std::string& ls, const std::string& gcf_path,
                                 const std::string& new_zone, PortLocation* found);
 

@@ -37,7 +37,7 @@ void TransportZones::SetTzToDvsCache(const std::vector<TzDvs>& list) {
   if (Switches() != before) index_.Invalidate();
 }
 
-// A host that did not answer when it was asked for its zones knows more than this object.
+// When the host did not answer the last query it may know zones that are missing here, so it is asked again.
 std::optional<HostSwitchInfo> TransportZones::FindZone(const std::string& zone) {
   for (;;) {
     const auto map = tz_to_dvs_.Get();

@@ -13,14 +13,14 @@ namespace zem::zema {
 class LumCommands;
 class VifIndex;
 
-/// A switch as a transport zone has it; empty texts for none.
+/// The host switch of a transport zone; both texts are empty when there is none.
 struct HostSwitchInfo {
   std::string dvs;
   /// "KLN" or "NVS".
   std::string kind;
 };
 
-/// Which switch each transport zone is on this host.
+/// Maps each transport zone to its switch on this host.
 ///
 /// Threads: all operations from any thread; one that asks the host may block, so none from a provider's.
 /// Ownership: holds both by reference.

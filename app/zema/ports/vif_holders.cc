@@ -17,8 +17,8 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 }  // namespace
 
-// The index says where a VIF is without a look at all ports; the walk over them is what decides wherever the
-// index has no answer, an old one, or more than one.
+// The index says where a VIF is without reading all ports.  Where it has no answer, an outdated one, or more
+// than one, a walk over all ports decides.
 
 bool VifHolders::ReadVifs(const std::string* vif, std::vector<PortLocation>* holders) {
   VifIndex::Reading reading(index_);
@@ -48,8 +48,8 @@ std::vector<PortLocation> VifHolders::WalkForVif(const std::string& vif) {
   return holders;
 }
 
-// Whether what the index has said of the VIF needs no confirmation by a walk: all its ports are known, as in
-// the second half of a move, or it is on none.
+// Tests whether the answer of the index needs no confirmation by a walk: it found the VIF's ports, as in the
+// second half of a move, or the VIF is known to be on none.
 bool VifHolders::KnowsAll(const std::optional<std::vector<PortLocation>>& holders,
                           const std::string& vif) const {
   return holders && (!holders->empty() || index_.IsNowhere(vif));
@@ -73,7 +73,7 @@ std::optional<std::vector<PortLocation>> VifHolders::AskIndex(const std::string&
   if (candidates->empty()) return holders;
   const std::vector<std::string> switches = zones_.Switches();
   for (PortLocation& at : *candidates) {
-    // Of a switch that no zone has, the walk would see no ports either.
+    // The walk would not visit a switch without a zone either.
     if (at.port == except || !std::binary_search(switches.begin(), switches.end(), at.dvs)) continue;
     if (properties_.Compare(at, port_props::kExternalId, vif) != PortProperties::Same::kYes) {
       ZLOG_DEBUG("[PortOp] VIF [%s] is not on port [%s] as expected", vif.c_str(), at.port.c_str());
@@ -101,7 +101,7 @@ std::optional<PortLocation> VifHolders::OnNetwork(const std::string& vif, const 
     if (matching.size() == 1) return std::move(matching.front());
     if (matching.empty()) return std::nullopt;
   }
-  // Of several, the first of the walk is meant.
+  // Of several ports, the first in the order of the walk is the one.
   auto matching = OfNetwork(WalkForVif(vif), ls, "");
   if (matching.empty()) return std::nullopt;
   return std::move(matching.front());
@@ -113,7 +113,7 @@ std::vector<PortLocation> VifHolders::AllToClear(const std::string& vif, const s
   return OfNetwork(*holders, ls, " Clearing port.");
 }
 
-// On the road of every attach: that the index knows of no other port is believed.
+// Every attach comes through here, so the index is believed when it knows no other port.
 std::vector<PortLocation> VifHolders::OtherThan(const std::string& port, const std::string& vif) {
   auto holders = AskIndex(vif, port);
   if (!holders) holders = WalkForVif(vif);

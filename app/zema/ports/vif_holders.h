@@ -13,8 +13,8 @@ class SwitchLibrary;
 class TransportZones;
 class VifIndex;
 
-/// The ports that hold a VIF: by the index where it knows them, else by a walk over all ports, which renews
-/// the index.
+/// Finds the ports that hold a VIF: in the index where it knows them, else by a walk over all ports, which
+/// also renews the index.
 ///
 /// Threads: all operations from any thread; the library may block, so none from a provider's.
 /// Ownership: holds its arguments by reference.
@@ -39,15 +39,17 @@ class VifHolders {
   void DoubtVif(const std::string& vif);
 
  private:
-  /// Walks once, with or without a VIF to look for; false when not all ports could be read.
+  /// Walks over all ports once and collects the holders of `vif`, which may be null.  Returns false when not
+  /// all ports could be read.
   bool ReadVifs(const std::string* vif, std::vector<PortLocation>* holders);
   /// The ports that hold the VIF, in the order of the walk.
   std::vector<PortLocation> WalkForVif(const std::string& vif);
-  /// What the index says of the VIF's ports beside those of the key `except`, each asked whether it holds the
-  /// VIF.  Nothing when the index does not know, or is out of date.
+  /// Returns the VIF's ports by the index, without those of the key `except`, after asking each whether it
+  /// holds the VIF.  Returns nothing when the index does not know the VIF or is out of date.
   std::optional<std::vector<PortLocation>> AskIndex(const std::string& vif, const std::string& except);
   bool KnowsAll(const std::optional<std::vector<PortLocation>>& holders, const std::string& vif) const;
-  /// The ports of the logical switch among them.  `then` ends the log line of each.
+  /// Returns those of `holders` that belong to the logical switch.  `then` is appended to the log line of
+  /// each.
   std::vector<PortLocation> OfNetwork(const std::vector<PortLocation>& holders, const std::string& ls,
                                       const char* then) const;
 

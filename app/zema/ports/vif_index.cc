@@ -11,7 +11,7 @@ namespace {
 
 namespace mi = boost::multi_index;
 
-// With more of them nothing is known to be nowhere for a while.
+// When the set is full it starts again from empty.
 constexpr size_t kMostNowhere = 20'000;
 
 struct Entry {
@@ -43,7 +43,7 @@ struct VifIndex::Reading::Table {
 
   bool Has(const std::string& vif) const { return entries.get<ByVif>().count(vif) != 0; }
 
-  // Of the port's entries those of all VIFs but `kept`, which may be null.
+  // Removes the port's entries of all VIFs but `kept`, which may be null.
   void Remove(const std::string& dvs, const std::string& port, const std::string* kept) {
     auto& by_port = entries.get<ByPort>();
     auto [entry, last] = by_port.equal_range(port);
@@ -89,7 +89,7 @@ VifIndex::Writing::Writing(VifIndex& index, const std::string& dvs, const std::s
 VifIndex::Writing::~Writing() {
   std::lock_guard lock(index_.lock_);
   std::erase(index_.writings_, this);
-  // Again, for readings that began meanwhile.
+  // Added again, for the readings that began during the write.
   index_.AddLocked(*this);
   if (done_ && index_.table_ != nullptr) index_.table_->Remove(at_.dvs, at_.port, &vif_);
 }

@@ -14,20 +14,20 @@
 
 namespace zem::zema {
 
-/// On which ports a VIF may be, so that nobody has to go through all ports of the host to find out.
+/// An index from VIFs to the ports that may hold them, so that a search need not read every port of the host.
 ///
-/// What it promises: a port that the agent itself has put a VIF on is among the VIF's candidates, from before
-/// the write until the port is known not to hold it.  A candidate may be out of date, so its reader asks the
-/// port, and falls back to the walk over all ports when the port says otherwise.  That is why writes are told
-/// as long as they go on, and why a reading of the ports takes along what was told while it went on.
+/// The promise: a port on which the agent itself has put a VIF is among the VIF's candidates, from before the
+/// write until the port is known not to hold it.  A candidate may be out of date, so the reader asks the
+/// port, and walks over all ports when the port disagrees.  Therefore a write is registered for as long as it
+/// lasts, and a reading of all ports includes the writes that were registered meanwhile.
 ///
-/// What others write is not seen: the host when it brings a VM with its ports (told by Doubt), when it had
-/// nobody to ask, or in a migration or a host configuration (told by Invalidate), an operator (seen by the
-/// next reading, which each round of the resync makes).  Ports that vanish, with their switch or because the
-/// host lost them, need not be told: their candidates fail the question.  So a VIF without candidates is on
-/// no port, except between a write by somebody else and the next reading.  Who has to clear such a port, too,
-/// reads all ports; not so for a VIF that is known to be nowhere, because a reading has just said so or the
-/// agent has taken it off its last port, until anything is heard of it again.
+/// Writes by others are not seen.  The host writes when it brings a VM with its ports (the agent then calls
+/// Doubt), while the agent is not connected, and in a migration or a host configuration (Invalidate); an
+/// operator may write at any time (the next reading sees it, at the latest in the next resync round).  Ports
+/// that disappear need no call: asking them fails.  So a VIF without candidates is on no port, except between
+/// a write by somebody else and the next reading.  A caller that must also clear such a port reads all ports,
+/// unless the VIF is known to be nowhere: a reading has just found it on no port, or the agent has taken it
+/// off its last one, and nothing has been heard of it since.
 ///
 /// Threads: all operations from any thread; the lock is held for memory work only and nothing is called under
 /// it.
@@ -38,10 +38,10 @@ class VifIndex {
   VifIndex(const VifIndex&) = delete;
   VifIndex& operator=(const VifIndex&) = delete;
 
-  /// Nothing when only a reading of all ports can tell.
+  /// Returns the VIF's candidates, or nothing when only a reading of all ports can answer.
   std::optional<std::vector<PortLocation>> Lookup(const std::string& vif) const;
 
-  /// The VIF is put on the port, from the object's beginning to its end.
+  /// Registers a write that puts the VIF on the port, for the lifetime of the object.
   ///
   /// Threads: one owner.
   class Writing {
@@ -50,7 +50,8 @@ class VifIndex {
     ~Writing();
     Writing(const Writing&) = delete;
     Writing& operator=(const Writing&) = delete;
-    /// The port holds it, and no other.  Without this the port may or may not.
+    /// The write succeeded: the port holds this VIF and no other.  Without this call the port may or may not
+    /// hold it.
     void Done() { done_ = true; }
 
    private:
@@ -64,10 +65,10 @@ class VifIndex {
   /// No VIF is on the port.
   void Forget(const std::string& dvs, const std::string& port);
 
-  /// Somebody else may have put the VIF on a port, or is about to: unknown until the next reading, and known
-  /// to be nowhere only after it has been on a port.
+  /// Somebody else may have put the VIF on a port, or is about to.  Its ports are unknown until the next
+  /// reading, and it counts as being nowhere only after it has been on a port.
   void Doubt(const std::string& vif);
-  /// Nothing is known, also not by readings that are under way.
+  /// Forgets everything, and voids the readings that are under way.
   void Invalidate();
 
   /// The VIF has been taken off a port that it was on, or a reading has found it on none.
@@ -75,7 +76,7 @@ class VifIndex {
   /// False also when only a reading of all ports can tell.
   bool IsNowhere(const std::string& vif) const;
 
-  /// A reading of all ports, which goes on without the lock.
+  /// A reading of all ports, which runs without the lock.
   ///
   /// Threads: one owner; several may be under way.
   class Reading {
@@ -86,7 +87,7 @@ class VifIndex {
     Reading& operator=(const Reading&) = delete;
 
     void Found(const std::string& dvs, const std::string& port, const std::string& vif);
-    /// Every port was read: from now on the index says what was found.
+    /// Every port was read: the index is replaced by what was found.
     void Install();
 
    private:
@@ -120,11 +121,11 @@ class VifIndex {
   size_t readings_ = 0;
   /// What has been written while readings are under way.
   std::vector<Written> notes_;
-  /// With their place in the sequence.
+  /// VIFs in doubt, each with its place in the sequence.
   std::map<std::string, uint64_t> doubts_;
-  /// None of them has a candidate or a doubt.
+  /// VIFs known to be on no port; none of them has a candidate or is in doubt.
   std::unordered_set<std::string> nowhere_;
-  /// With a doubt, and since then neither written nor found.
+  /// VIFs that were put in doubt and have neither been written nor found since.
   std::unordered_set<std::string> coming_;
 };
 

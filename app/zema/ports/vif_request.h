@@ -12,9 +12,9 @@ struct CorvdRequest;
 class VifTurn;
 struct PortConfigSpec;
 
-/// What is asked about one VIF.
+/// One operation on a VIF.
 struct VifRequest {
-  // What is asked; those up to kDetachLiveMove are the host's own numbers.
+  // The kinds of operation.  The numbers up to kDetachLiveMove are the host's own.
   static constexpr int32_t kUnsupported = -1;
   static constexpr int32_t kAttach = 1;
   static constexpr int32_t kDetach = 2;
@@ -32,30 +32,30 @@ struct VifRequest {
   /// For the log.
   std::string ToString() const;
 
-  /// From the host's socket, to which a reply is owed; may be null.
+  /// The raw request, when it came from the host's socket and has to be answered; else null.
   std::shared_ptr<CorvdRequest> request;
   std::string op_id;
   int32_t op_code = kUnsupported;
   /// The operation that the host asked for; kUnsupported for a request of the agent's own.
   int32_t host_op_code = kUnsupported;
   std::string vif_id;
-  /// The logical switch; "dvportgroup-..." on a port that is there for security alone.
+  /// The id of the logical switch, or "dvportgroup-..." for a port that exists only for security.
   std::string ls_id;
   /// The path of the VM's configuration file; "knlnic" for an interface of the host itself.
   std::string gcf_path;
   std::string port_id;
   std::string zone_id;
-  /// Why it failed, for the host.
+  /// The reason of a failure, for the host; empty on success.
   std::string error_text;
   std::string result_text;
-  /// A ready description of the port: the manager is not waited for.
+  /// A ready description of the port.  When it is set, the operation does not wait for the manager.
   std::shared_ptr<PortConfigSpec> spec;
-  /// The port is there already.
+  /// Whether the port exists already.
   bool precreated = false;
   std::string security_switch_id;
   wft::TraceContext trace;
   std::string state_text;
-  /// The request's place among those on its VIF; whoever carries it out gives the place back.
+  /// The request's place among the operations on its VIF, released when the operation ends.
   std::shared_ptr<VifTurn> turn;
 };
 

@@ -25,7 +25,7 @@ std::vector<std::string_view> Split(std::string_view text, char separator, size_
 
 std::string Shown(std::string_view text) { return std::string(text.substr(0, kLongestShown)); }
 
-// Where in a command's tokens its fields stand.
+// The positions of a command's fields among its tokens.
 struct Form {
   std::string_view word;
   ResyncCommand::Operation operation;

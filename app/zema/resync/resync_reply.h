@@ -8,7 +8,7 @@
 
 namespace zem::zema {
 
-/// An attachment or a detachment on this host that the manager has not heard of.
+/// An attachment or a detachment on this host that the manager does not know.
 struct ResyncCommand {
   enum class Operation { kAttach, kDetach };
 
@@ -16,29 +16,30 @@ struct ResyncCommand {
   std::string vif_id;
   std::string ls_id;
   std::string gcf_path;
-  /// Empty where the script does not know it.
+  /// Empty when the script does not know the port.
   std::string port_id;
   /// As the script printed it.
   std::string text;
 };
 
-/// What the script for the comparison with the host prints, in one line: "ok", "error...", or commands with a
-/// comma between them, each of tokens with "|" between them.
+/// The output of the script that compares with the host, in one line: "ok", "error...", or a comma-separated
+/// list of commands, whose tokens are separated by "|".
 class ResyncReply {
  public:
   enum class Kind { kUseless, kNothingToDo, kCommands };
 
-  /// More in one reply than any host has interfaces is not believed.
+  /// A reply with more commands than any host has interfaces is rejected.
   static constexpr size_t kMostCommands = 100'000;
 
   /// `text` has to outlive the reply.
   explicit ResyncReply(std::string_view text);
 
   Kind kind() const { return kind_; }
-  /// Of kCommands, in order; may be wrong each.
+  /// The unparsed commands of a kCommands reply, in order.
   const std::vector<std::string_view>& commands() const { return commands_; }
 
-  /// Nothing for an operation that nobody knows, and, with an error line, for a malformed one.
+  /// Parses one command.  Returns nothing for an unknown operation and, after an error line, for a malformed
+  /// command.
   [[nodiscard]] static std::optional<ResyncCommand> Parse(std::string_view command);
 
  private:

@@ -43,7 +43,7 @@ void ResyncRound::Resync(int interval, bool vm_check, Duration limit) {
   std::string text;
   const bool succeeded = RunScript(command, limit, &text);
   const ResyncReply reply(text);
-  // What a script says that failed is not believed.
+  // The output of a script that failed is ignored.
   if (!succeeded || reply.kind() == ResyncReply::Kind::kUseless) {
     ZLOG_ERROR("42045", "[%s] sync command returned unexpected reply: [%s]", kTag, text.c_str());
     return;
@@ -126,8 +126,8 @@ void ResyncRound::SyncVnicAttachment(const Commands& attachments) {
        });
 }
 
-// Nobody needs the monitor that the operations hold, so its thread is never started.  An earlier one may have
-// taken long, so each looks anew whether it still holds.
+// The operations need a thread whose monitor they hold; it is never started.  An earlier command may have
+// taken long, so each one is checked again right before it is carried out.
 template <class Report>
 void ResyncRound::Sync(const Commands& commands, const char* name, int kind, const Report& report) {
   Thread waiter(true, nullptr, 0);

@@ -20,7 +20,7 @@ class ResyncState;
 class VifHandler;
 class VifHolders;
 
-/// What the resync works with; what is pointed at outlives it.
+/// What the resync works with.  The objects outlive it.
 struct ResyncSettings {
   HealthRecord* health = nullptr;
   HostIdentity* host = nullptr;
@@ -28,14 +28,14 @@ struct ResyncSettings {
   OptionsStore* options = nullptr;
   /// Read again at the beginning of each round.
   VifHolders* ports = nullptr;
-  /// A script takes no longer than this, or than the interval where that is longer.
+  /// The time limit of a script, unless the interval is longer.
   Duration script_limit = std::chrono::minutes(10);
   /// Runs the rounds' commands in place of the shell, for a test; else empty.
   std::function<int(const std::string& command, std::string* output)> command;
 };
 
 /// One comparison of the host with its ports: runs the script that makes it, and carries out what it prints
-/// as operations on VIFs.  What the host itself asked for meanwhile is newer and stands.
+/// as operations on VIFs.  VIFs for which the host itself asked meanwhile are left alone.
 ///
 /// Threads: one.
 class ResyncRound {
@@ -46,7 +46,7 @@ class ResyncRound {
   ResyncRound(const ResyncSettings& settings, VifHandler& vif_handler, ResyncGate& gate)
       : settings_(settings), vif_handler_(vif_handler), gate_(gate) {}
 
-  /// `interval` in seconds: how far back the look at the VMs goes.  `limit`: for the script.
+  /// `interval` is how many seconds of VM history the script examines; `limit` is the script's time limit.
   void Resync(int interval, bool vm_check, Duration limit);
 
  private:

@@ -31,14 +31,14 @@ int IntervalOf(const RealizationOptions& options) {
   return ResyncThread::kDefaultInterval;
 }
 
-// How far back a look at the VMs goes.
+// How many seconds of VM history a round with a VM check examines.
 int VmCheckInterval(int frequency, int interval) {
   const int64_t span = int64_t{frequency} * interval;
   if (span <= 0) return ResyncThread::kDefaultInterval;
   return static_cast<int>(std::min<int64_t>(span, std::numeric_limits<int>::max()));
 }
 
-// A round, as the handlers see it.
+// Marks a round as running, for the port handlers.
 class InProgress {
  public:
   explicit InProgress(ResyncState& state) : state_(state) {
@@ -99,7 +99,7 @@ bool ResyncThread::AwaitHostId() {
   return !gate_.stopped();
 }
 
-// Descriptors that run out come back.
+// Running out of descriptors is temporary, so the pipe is tried again.
 bool ResyncThread::AwaitPipe() {
   while (!gate_.OpenPipe(*settings_.health)) {
     if (gate_.WaitForStop(kPauseAfterFailure)) return false;
@@ -107,7 +107,7 @@ bool ResyncThread::AwaitPipe() {
   return true;
 }
 
-// The seconds until the next one.
+// Runs a round; returns the seconds until the next one.
 int ResyncThread::Round() {
   const RealizationOptions options = settings_.options->Snapshot();
   ZLOG_INFO("[%s] Resync vmCheckFrequency:%d iterations", kTag, options.resync_vm_check_frequency);
@@ -154,7 +154,7 @@ int ResyncThread::NextSleep(int interval) {
     ZLOG_INFO("[%s] next synchronization in [%d] sec...\n", kTag, interval);
     return interval;
   }
-  // It stays below the interval, so the doubled one fits.
+  // The value stays below the interval, so doubling it cannot overflow.
   const int64_t doubled = int64_t{fast_resync_interval_} * 2;
   if (interval > doubled * 2) {
     fast_resync_interval_ = static_cast<int>(doubled);

@@ -8,9 +8,9 @@ namespace zem::zema {
 
 struct RealizationOptions;
 
-/// Brings the manager up to date about VIFs that came or went on the host while it was away, or the agent:
-/// in rounds, an interval apart.  When the manager comes again there is a round at once, and others after 4,
-/// 8, 16 ... seconds until the interval is reached.
+/// Reports to the manager which VIFs were attached or detached on the host while the manager or the agent was
+/// away.  It works in rounds, an interval apart.  When the manager reconnects, a round follows at once, and
+/// others after 4, 8, 16 ... seconds until the interval is reached.
 ///
 /// Threads: its own; all operations but those of Thread from any.
 class ResyncThread final : public Thread {
@@ -24,13 +24,13 @@ class ResyncThread final : public Thread {
   ~ResyncThread() override;
 
   void Run() override;
-  /// Ends a script and every wait but an operation's for the manager, which the VIF handler ends.
+  /// Ends the script and every wait, except an operation's wait for the manager, which the VIF handler ends.
   void Stop() override;
 
-  /// False on a host whose load is simulated: nothing there is the host's own.
+  /// Returns false on a host with simulated load, where there is nothing to compare with the host.
   bool Wanted() const;
 
-  /// False while the host's switches change.  A round that did not take place for it does so afterwards.
+  /// Forbids rounds while the host's switches change.  A round that was due meanwhile follows afterwards.
   void Allow(bool allowed);
 
  private:

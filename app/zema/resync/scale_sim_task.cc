@@ -18,7 +18,7 @@ constexpr LogSource kLog{"tarvik", "zema"};
 constexpr int kTries = 20;
 constexpr int kTrySeconds = 6;
 
-// Names with commas between them.
+// Splits a comma-separated list.
 std::vector<std::string> SwitchesOf(const std::string& list) {
   std::vector<std::string> switches;
   boost::split(switches, list, boost::is_any_of(", "), boost::token_compress_on);

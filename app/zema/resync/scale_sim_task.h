@@ -19,18 +19,18 @@ class OptionsStore;
 struct RealizationOptions;
 struct VifRequest;
 
-/// Imitates the attaches of many VMs, in batches, so that a manager can be tried out under load.
+/// Simulates the attaches of many VMs, in batches, to test a manager under load.
 ///
 /// Threads: a worker of its own, since it sleeps.
 class ScaleSimTask final : public Runnable {
  public:
-  /// All set; what is pointed at outlives the task.
+  /// All members are set, and the objects outlive the task.
   struct Settings {
     HealthRecord* health = nullptr;
     HostIdentity* host = nullptr;
     OptionsStore* options = nullptr;
     std::function<void(std::shared_ptr<VifRequest>)> add_request;
-    /// Waits; false when the daemon is stopping.
+    /// Sleeps; returns false when the daemon is stopping.
     std::function<bool(Duration)> pause;
   };
 

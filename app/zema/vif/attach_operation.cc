@@ -19,7 +19,7 @@ namespace {
 constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kTag = "DoMpVifAttachRpc";
 
-// The manager was not reached; anything else is its refusal.
+// The manager could not be reached; any other error text is a refusal by the manager.
 bool IsTransportFailure(const std::string& error) {
   return error == ZemManager::kTimedOut || error == ZemManager::kSendFailed;
 }
@@ -65,7 +65,7 @@ void AttachOperation::Attach(bool return_vif) {
         reply_.old_zone_id.c_str(), reply_.gcf_path.c_str(), reply_.init_state.c_str());
     if (!reply_.error.empty()) return AfterManagerError(return_vif);
     const bool security = IsSecurityOnly(request_.ls_id);
-    // Before the VIF is taken off any port.
+    // The search must precede the clearing of ports, because it may find the port by its VIF.
     if (security) security_port_ = FindSecurityPort(context_, request_);
     if (LeavePriorPort() && !security) {
       ForgetPendingOperation();
@@ -120,7 +120,7 @@ bool AttachOperation::HandlePriorAttachedPort() {
   const char* const port = reply_.old_port_id.c_str();
   const char* const zone = reply_.old_zone_id.c_str();
   ZLOG_INFO("[%s] handling prior attachment for vif: ls:[%s] lp:[%s] tz:[%s]\n", __func__, ls, port, zone);
-  // What it had on another host cannot be given back here.
+  // A port on another host cannot be given back here.
   const auto own = context_.host.id();
   if (reply_.host_id.empty() || !own || reply_.host_id == *own) {
     prior_.Note(request_.vif_id, request_.gcf_path,
@@ -141,7 +141,8 @@ bool AttachOperation::HandlePriorAttachedPort() {
   return true;
 }
 
-// The VIF is still on the port before: the manager has to know it there, if it has ever known it there.
+// The VIF is still on its previous port.  That is reported to the manager, if the manager has ever known the
+// VIF there.
 void AttachOperation::RollBack() {
   if (reply_.old_port_id.empty()) return;
   ZLOG_INFO("[%s] rollback vif [%s] to prior attached dvport [%s]\n", "HandlePriorAttachedPort",
@@ -172,7 +173,7 @@ bool AttachOperation::TieSecurity() {
   return tied.done();
 }
 
-// The manager knows now.
+// The manager knows of the attach now, so the record of a pending one is removed.
 void AttachOperation::ForgetPendingOperation() {
   if (!IsSecurityOnly(request_.ls_id) && (reply_.port_id.empty() || reply_.zone_id.empty())) return;
   PortLocation at;
@@ -195,7 +196,7 @@ void AttachOperation::MakePort(bool return_vif) {
   if (return_vif) request_.result_text = reply_.port_id;
 }
 
-// A VM is not left without network because the manager is away.
+// When only the manager is unreachable, the VM keeps or gets back its previous port.
 void AttachOperation::AfterManagerError(bool return_vif) {
   request_.error_text = reply_.error;
   const bool away = IsTransportFailure(reply_.error);

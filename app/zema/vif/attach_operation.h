@@ -18,15 +18,16 @@ class PriorAttachments;
 struct VifContext;
 struct VifRequest;
 
-/// One attach of a VIF: the manager is told, the port that it answers with is made, and the port that the VIF
-/// had before is left.  When the manager cannot be reached the VIF gets the port back that it had.
+/// One attach of a VIF: reports it to the manager, creates the port that the manager answers with, and clears
+/// the port that the VIF had before.  When the manager cannot be reached, the VIF gets its previous port
+/// back.
 ///
 /// Threads: the one that serves the request, which holds the monitor of `waiter`.
 class AttachOperation {
  public:
   AttachOperation(VifContext& context, PriorAttachments& prior, VifRequest& request, Thread& waiter);
 
-  /// The outcome is in the request.  `return_vif`: its result text takes the port's uuid.
+  /// Stores the outcome in the request.  With `return_vif` the request's result text becomes the port's uuid.
   void DoMpVifAttachRpc(bool return_vif);
 
  private:

@@ -48,7 +48,7 @@ void DetachOperation::Run() {
 }
 
 void DetachOperation::NoteOperation() {
-  // The port is looked for on the switches alone: the files of a VM that has moved away are another host's.
+  // The port is searched only on the switches: the files of a VM that has moved away belong to another host.
   const Outcome noted =
       UpdateDvPortRpcOp(context_, request_,
                         {PortRpcOp::kDetach, reply_.error.empty(), reply_.zone_id, reply_.port_id, ""}, &at_);
@@ -59,7 +59,7 @@ void DetachOperation::NoteOperation() {
     ZLOG_ERROR("42004", "[%s] %s", kTag, noted.error().c_str());
   }
   if (!at_.dvs.empty() && !at_.port.empty()) {
-    // A failure is told there; the VIF comes off all the same.
+    // A failure is logged there and does not keep the VIF on the port.
     static_cast<void>(context_.ports.properties().ClearPortExtraConfig(at_.dvs, at_.port, port_props::kCrx));
   }
 }
@@ -122,8 +122,8 @@ void DetachOperation::Clear(const std::string& zone, const std::string& port, bo
   if (!cleared) request_.error_text = cleared.error();
 }
 
-// The VIF comes off the port that the manager knew it on, and off whatever other port may have it, so that it
-// is on the port before alone.  False with the reason in the request.
+// Takes the VIF off the port on which the manager knew it, and off every other port but the previous one.
+// Returns false with the reason in the request.
 bool DetachOperation::ClearForUndo(const PortAttached& back) {
   ZLOG_INFO("[PortOp] Inside cleanup prior port, about to clear vif");
   auto& changes = context_.ports.changes();
@@ -136,16 +136,16 @@ bool DetachOperation::ClearForUndo(const PortAttached& back) {
   return false;
 }
 
-// Half of a VM's reconfiguration failed, and the host takes the other half back: the VIF belongs to the port
-// before again.
+// When half of a VM's reconfiguration failed and the host undoes the other half, the VIF belongs to its
+// previous port again.
 void DetachOperation::CleanUpPriorAttachedPort() {
   const auto span =
       wft::WorkflowUtil::StartChildSpan("HandlerThread.CleanUpPriorAttachedPort", wft::kTraceInfo);
   const auto prior = prior_.Take(request_.vif_id, request_.gcf_path);
   if (!prior || prior->new_ls != request_.ls_id) return;
-  // A later operation on the VM, such as its end, takes nothing back.
+  // A later operation on the VM, such as its power-off, undoes nothing.
   if (prior->op_id_stem != OpIdStem(request_.op_id)) return;
-  // The VIF has come from another host, and never was on another switch.
+  // The VIF came from another host and was never on another switch.
   if (prior->old_ls == request_.ls_id) return;
   ZLOG_INFO("[%s] prior vm operation rollack, reset attach the prior port to the vnic...\n", __func__);
   PortAttached back;
@@ -160,7 +160,7 @@ void DetachOperation::CleanUpPriorAttachedPort() {
   if (!ClearForUndo(back) || back.port_id.empty() || back.zone_id.empty() || IsSecurityOnly(prior->old_ls)) {
     return;
   }
-  // The vNIC never left the port in the host's eyes, so the host does not ask for it again.
+  // For the host the vNIC never left this port, so the host sends no new attach.
   VifRequest again = request_;
   again.ls_id = prior->old_ls;
   if (const Outcome created = CreateLocalDvPort(context_, again, begun, back); !created) {

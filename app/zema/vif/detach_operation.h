@@ -15,15 +15,15 @@ class PriorAttachments;
 struct VifContext;
 struct VifRequest;
 
-/// One detach of a VIF: the manager is told, and the VIF is taken off its port; a move that is undone so
-/// gives the VIF its port before back.
+/// One detach of a VIF: reports it to the manager and takes the VIF off its port.  When the detach undoes a
+/// move, the VIF gets its previous port back.
 ///
 /// Threads: the one that serves the request, which holds the monitor of `waiter`.
 class DetachOperation {
  public:
   DetachOperation(VifContext& context, PriorAttachments& prior, VifRequest& request, Thread& waiter);
 
-  /// The outcome is in the request.
+  /// Stores the outcome in the request.
   void Run();
 
  private:

@@ -19,7 +19,7 @@ const std::string& FirstSet(const std::string& one, const std::string& other) {
   return one.empty() ? other : one;
 }
 
-// Both kinds of description name the same things alike.
+// Both kinds of description have the same field names.
 template <class To, class From>
 To SamePort(const From& from) {
   To port;

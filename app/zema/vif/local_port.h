@@ -12,16 +12,16 @@ struct PortConfigSpec;
 struct VifContext;
 struct VifRequest;
 
-/// The port as the manager describes it in its answer, or as a ready description of the request does.
+/// Convert between the manager's answer and the description of a port.
 PortConfigSpec PortDescriptionOf(const PortAttached& reply);
 PortAttached PortAttachedOf(const PortConfigSpec& spec);
 
-/// The VIF that the port gets: who asks without one is answered with the port's uuid, and knows the port by
-/// it from then on.
+/// The VIF that the port gets.  A requester that names no VIF is answered with the port's uuid and refers to
+/// the port by it from then on, so that uuid stands in for the VIF.
 const std::string& VifOfPort(const VifRequest& request, const PortAttached& reply);
 
-/// Makes the port that the manager answered with, or brings it up to date, for the request's VIF.
-/// The caller holds the port lock.
+/// Creates or updates the port that the manager answered with, for the request's VIF.  The caller holds the
+/// port lock.
 Outcome CreateLocalDvPort(VifContext& context, const VifRequest& request, TimePoint begun,
                           const PortAttached& reply);
 

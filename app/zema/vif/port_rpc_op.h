@@ -10,23 +10,24 @@ struct PortLocation;
 struct VifContext;
 struct VifRequest;
 
-/// What is noted on a port of an operation that the manager could not be told.
+/// The record on a port of an operation that could not be reported to the manager.
 struct PortRpcOp {
   static constexpr const char* kAttach = "attach_port";
   static constexpr const char* kDetach = "detach_port";
 
   const char* operation;
-  /// The manager knows: the note goes.
+  /// The operation has been reported: the record is removed.
   bool done;
-  /// Where the port is, as far as the manager has said.
+  /// Where the port is, by the manager's answer; may be empty.
   const std::string& zone;
   const std::string& port;
-  /// Where the port's file may be; empty: the port is looked for on the switches alone.
+  /// The VM's configuration path, beside which the port's file may be.  When it is empty the port is searched
+  /// on the switches only.
   std::string gcf_path;
 };
 
-/// Writes the note onto the VIF's port, or removes it.  `at` takes where the port is, and stays empty when
-/// there is none.  The caller holds the port lock.
+/// Writes the record onto the VIF's port, or removes it.  `at` becomes the port's location and stays empty
+/// when there is no port.  The caller holds the port lock.
 Outcome UpdateDvPortRpcOp(VifContext& context, const VifRequest& request, const PortRpcOp& op,
                           PortLocation* at);
 

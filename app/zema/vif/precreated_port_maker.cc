@@ -34,7 +34,7 @@ Outcome PrecreatedPortMaker::CreatePorts(PrecreatedPorts::Map& ports) {
 
 Outcome PrecreatedPortMaker::CreatePortForPrecreated(VifRequest& request) {
   ResolveVm(request.vif_id, &request.gcf_path);
-  // A file of migrations says it in the place of the path.
+  // A migration file names the interface in place of the path.
   if (!request.gcf_path.starts_with('/') && request.gcf_path.find(':') != std::string::npos) {
     const std::string vnic = std::exchange(request.gcf_path, {});
     ResolveVm(vnic, &request.gcf_path);

@@ -10,15 +10,15 @@ namespace zem::zema {
 
 struct VifContext;
 
-/// Makes the ports that a user made on the manager before their VIFs come.
+/// Creates the ports that a user has made on the manager, before their VIFs are attached.
 ///
 /// Threads: one.
 class PrecreatedPortMaker {
  public:
   explicit PrecreatedPortMaker(VifContext& context) : context_(context) {}
 
-  /// Makes the ports in the order of their VIFs, and marks each that is made.  Ends at the first port that
-  /// cannot be made.
+  /// Creates the ports in the order of their VIFs and marks each request whose port exists.  Stops at the
+  /// first port that cannot be created.
   Outcome CreatePorts(PrecreatedPorts::Map& ports);
 
  private:

@@ -18,11 +18,11 @@ class PrecreatedPorts {
   /// By VIF.
   using Map = std::map<std::string, std::shared_ptr<VifRequest>>;
 
-  /// In the place of all there were.
+  /// Replaces all ports.
   void Set(std::shared_ptr<Map> ports);
 
-  /// Takes the port that waits for the request's VIF, if it is the one that is asked for, and completes the
-  /// request with it.  What the request says itself stands.
+  /// Removes the port that waits for the request's VIF, if it matches the request, and fills the request's
+  /// empty fields from it.
   void Merge(VifRequest& request);
 
  private:

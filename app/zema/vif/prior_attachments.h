@@ -10,8 +10,8 @@
 
 namespace zem::zema {
 
-/// Where VIFs were attached before they moved, so that what fails later in the same operation on a VM can be
-/// undone.
+/// Where VIFs were attached before they moved, so that the move can be undone when the same operation on the
+/// VM fails later.
 ///
 /// Threads: all operations from any.
 class PriorAttachments {
@@ -25,21 +25,22 @@ class PriorAttachments {
     std::string op_id_stem;
   };
 
-  /// The VIF has left `move.old_ls`.
+  /// Records that the VIF has left `move.old_ls`.
   void Note(const std::string& vif, const std::string& gcf_path, Move move);
 
-  /// Nothing when the VIF has not moved.
+  /// Returns nothing when the VIF has not moved.
   std::optional<Move> Find(const std::string& vif, const std::string& gcf_path);
-  /// Finds it and forgets it.
+  /// Finds the move and removes it from the table.
   std::optional<Move> Take(const std::string& vif, const std::string& gcf_path);
 
-  /// The port that the VIF had on `ls`, when the same operation on the VM comes back to it; else empty, and
-  /// what was noted of another operation is forgotten.
+  /// Returns the port that the VIF had on `ls` when the same operation on the VM comes back to that switch;
+  /// otherwise returns an empty text and removes the record of the other operation.
   std::string PortToReturnTo(const std::string& vif, const std::string& ls, const std::string& gcf_path,
                              const std::string& op_id_stem);
 
  private:
-  // VMs that went without a word leave their entries: the oldest go.
+  // Entries of VMs that disappeared without a detach remain, so the oldest entries are dropped beyond this
+  // number.
   static constexpr size_t kMost = 4096;
 
   struct Numbered {

@@ -23,7 +23,7 @@ Outcome Find(VifContext& context, const VifRequest& request, std::string* path, 
   return context.ports.search().FindPortByVifUuid(request.vif_id, request.ls_id, path, at);
 }
 
-// The host knows where the VM's files are.
+// Asks the host for the path of the VM's configuration file.
 bool AskForPath(VifContext& context, VifRequest& request, const PortLocation& at) {
   const std::string query =
       "vifId=" + request.vif_id + "|portId=" + (at.port.empty() ? request.port_id : at.port);

@@ -9,9 +9,9 @@ namespace zem::zema {
 struct VifContext;
 struct VifRequest;
 
-/// The manager wants the port back that the VIF had: it is found or brought back from its file, or a port of
-/// the host's own is tied to the VIF for its security.  Gives what the manager is to be told, by a caller
-/// that keeps nobody from the VIF meanwhile; nothing when this host is not set up.
+/// Restores the VIF's port for the manager: finds it, or brings it back from its file, or ties a port of the
+/// host's own to the VIF for its security.  Returns the answer for the manager, which the caller sends after
+/// it has released the VIF, or nothing when this host is not set up for operation.
 ///
 /// Threads: the one that serves the request.
 std::optional<VifSender::RestoreResponse> RestoreVif(VifContext& context, VifRequest& request);

@@ -105,7 +105,7 @@ std::optional<PriorSiteConfig> TakePriorPendingConf(VifContext& context, const V
     return std::nullopt;
   }
   PriorSiteConfig taken{reply.port_id, CollectSiteConfig(context, prior)};
-  // The VIF may come back to the port that it had.
+  // The previous port stays when the VIF comes back to it.
   if (prior.port == reply.port_id) return taken;
   if (const Outcome deleted = context.ports.changes().DeletePort(prior.dvs, prior.port, false); !deleted) {
     ZLOG_WARN("The prior port [%s] of VIF [%s] stays: %s", prior.port.c_str(), request.vif_id.c_str(),

@@ -15,7 +15,7 @@ class LumCommands;
 class PortOpsManager;
 class ZemManager;
 
-/// What the operations on the ports of VIFs work with; everything outlives them.
+/// What the operations on VIF ports work with.  Everything outlives the operations.
 ///
 /// Threads: many operations at a time use it.
 struct VifContext {
@@ -27,11 +27,11 @@ struct VifContext {
   /// Held across each sequence of changes to ports, and never while the manager is waited for.  Whoever holds
   /// it may take the locks of the tables and of the port manager, not the other way round.
   Synchronizable& port_lock;
-  /// The end of the host management: every pause ends with it.
+  /// Set when the host management ends; every pause of an operation ends with it.
   StopSignal& ending;
 };
 
-/// On a port group of the host's own a port is there for security alone.
+/// A port on one of the host's own port groups exists only for security.
 inline bool IsSecurityOnly(const std::string& ls_id) { return ls_id.rfind("dvportgroup-", 0) == 0; }
 
 /// The steps of one operation on a VM share the operation id up to its last "-".

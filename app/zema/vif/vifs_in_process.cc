@@ -42,7 +42,7 @@ std::shared_ptr<VifTurn> VifsInProcess::TakeLocked(const std::string& vif) {
 bool VifsInProcess::Await(VifTurn& turn) {
   const char* const vif = turn.vif_.c_str();
   std::unique_lock lock(mutex_);
-  // A copy of a request whose operation has ended.
+  // The request is a copy whose operation has ended.
   if (turn.left_) return false;
   const auto mine = [&] { return ended_ || turns_[turn.vif_].front() == turn.number_; };
   for (int check = 1; !mine(); ++check) {

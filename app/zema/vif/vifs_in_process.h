@@ -26,9 +26,10 @@ class VifTurn {
   VifTurn(const VifTurn&) = delete;
   VifTurn& operator=(const VifTurn&) = delete;
 
-  /// Waits up to half a minute for the operations before it.  False when they have not ended by then.
+  /// Waits up to half a minute for the operations before this one.  Returns false when they have not ended by
+  /// then.
   [[nodiscard]] bool Await();
-  /// The next one may run.  Calling it twice has no effect.
+  /// Lets the next operation run.  Calling it twice has no effect.
   void Leave();
 
  private:
@@ -42,17 +43,17 @@ class VifTurn {
 };
 
 /// The operations on each VIF in the order in which they arrived: one runs at a time, the others wait for it.
-/// There are as many places as requests, so the limit of the requests' queue is theirs.
+/// The table has one place for each request, so the limit of the request queue limits it as well.
 ///
 /// Threads: all operations from any.  Owned by a shared pointer.
 class VifsInProcess : public std::enable_shared_from_this<VifsInProcess> {
  public:
-  /// The last place on the VIF; null for an empty one, which excludes nobody.
+  /// Takes the last place on the VIF.  Returns null for an empty VIF, which excludes nobody.
   std::shared_ptr<VifTurn> TakeTurn(const std::string& vif);
-  /// The only place; null when somebody else has one.
+  /// Takes the only place on the VIF.  Returns null when another operation has a place.
   std::shared_ptr<VifTurn> TakeOnlyTurn(const std::string& vif);
 
-  /// Nobody waits any more.
+  /// Ends all waits, which then fail.
   void EndWaits();
 
  private:

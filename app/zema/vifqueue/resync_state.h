@@ -8,8 +8,9 @@
 
 namespace zem::zema {
 
-/// What the handlers and the resync know of each other: while a round runs, the host's own operations are
-/// noted, and the round leaves their VIFs alone, because the host's event is newer than what the round saw.
+/// Shared by the port handlers and the resync.  While a resync round runs, the host's own operations are
+/// recorded here, and the round leaves their VIFs alone, because the host's event is newer than what the
+/// round saw.
 ///
 /// Threads: all operations from any.
 class ResyncState {
@@ -18,13 +19,13 @@ class ResyncState {
   static constexpr const char* kDetach = "detach";
 
   void Begin();
-  /// Forgets what was noted.
+  /// Clears the record.
   void End();
   bool InProgress();
 
-  /// Notes the host's operation; nothing unless a round runs.  `operation`: one of the two above.
+  /// Records the host's operation, kAttach or kDetach, while a round runs; otherwise does nothing.
   void Note(const std::string& ls, const std::string& vif, const char* operation);
-  /// What the host asked of the VIF in this round.
+  /// Returns the host's last operation on the VIF in this round, or nothing.
   std::optional<std::string> Noted(const std::string& ls, const std::string& vif);
 
  private:

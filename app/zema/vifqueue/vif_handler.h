@@ -15,18 +15,19 @@ class VifHandler {
  public:
   virtual ~VifHandler() = default;
 
-  /// The whole operation.  Its outcome is in the request: the error text, or the result text.  `waiter` is
-  /// the calling thread, which holds its monitor: it is free while the operation waits for the manager.
+  /// Carries out the whole operation and stores its outcome in the request, as the error text or the result
+  /// text.  `waiter` is the calling thread, which holds its monitor; the operation releases the monitor while
+  /// it waits for the manager.
   virtual void DoVifPortOperation(VifRequest& request, Thread& waiter) = 0;
 
-  /// A request has arrived and waits for a thread: operations on one VIF are carried out in the order of
-  /// these calls, whichever threads serve them.  Does not wait.
+  /// Called when a request arrives, before a thread takes it.  Operations on one VIF are carried out in the
+  /// order of these calls, whichever threads serve them.  Does not wait.
   virtual void Arrived(VifRequest& request) = 0;
 
-  /// The first request of a connection is there: until now the host may have changed ports by itself.
+  /// Called at the first request of a connection.  Until then the host may have changed ports by itself.
   virtual void HostCame() = 0;
 
-  /// The host management ends: operations under way wait for nothing any more.
+  /// Called when the host management ends: every wait of the operations under way ends.
   virtual void EndWaits() = 0;
 };
 

@@ -20,7 +20,7 @@ namespace {
 constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kTag = "DoVifPortOperation";
 
-// The vNIC is gone, whatever becomes of the operation.
+// The vNIC is gone, so its port is untied even when the detach fails.
 bool UntiesPort(const VifRequest& request) {
   return request.op_code == VifRequest::kDetach && !request.security_switch_id.empty();
 }
@@ -40,7 +40,7 @@ class TurnEnd {
   explicit TurnEnd(VifRequest& request) : request_(request) {}
   ~TurnEnd() {
     if (request_.turn) request_.turn->Leave();
-    // A copy of the request, or a second try of it, takes a place of its own.
+    // A copy of the request, or a second try, takes a new place.
     request_.turn.reset();
   }
   TurnEnd(const TurnEnd&) = delete;
@@ -61,16 +61,16 @@ void VifPortHandler::DoVifPortOperation(VifRequest& request, Thread& waiter) {
   const auto span = SpanOf(request);
   RestoreAnswer answer;
   Operate(request, waiter, &answer);
-  // It may take a minute and more, in which the VIF is free.
+  // Sending may take more than a minute; other operations on the VIF can run meanwhile.
   if (answer) around_.sender.SendVIFRestoreResponse(*answer);
 }
 
 void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer* answer) {
-  // On every way out the next operation on the VIF may go on.
+  // Lets the next operation on the VIF run, however this one ends.
   const TurnEnd end(request);
   if (Defer(request)) return;
   const bool healthy = CheckHealth(request);
-  // A detach that takes the security off a port does that all the same, in its turn.
+  // A detach that unties a security-only port does so even when the host is not healthy, in its turn.
   if (!healthy && !UntiesPort(request)) return;
   const bool in_turn = AwaitTurn(request);
   if (healthy && !in_turn) request.error_text = "Concurrent operation on vif, cannot proceed";
@@ -81,7 +81,7 @@ void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer*
     }
     return;
   }
-  // At the end again: a round may have begun meanwhile, with what it saw before.
+  // Recorded again at the end: a round that began meanwhile may have seen the state before the operation.
   NoteForResync(request);
   Dispatch(request, waiter, answer);
   NoteForResync(request);
@@ -89,7 +89,7 @@ void VifPortHandler::Operate(VifRequest& request, Thread& waiter, RestoreAnswer*
 
 void VifPortHandler::Arrived(VifRequest& request) { request.turn = in_process_->TakeTurn(request.vif_id); }
 
-// The resync gives way at once.
+// An operation of the resync gives way at once when the VIF is busy.
 bool VifPortHandler::AwaitTurn(VifRequest& request) {
   if (request.vif_id.empty()) return true;
   if (!request.turn) {
@@ -99,8 +99,8 @@ bool VifPortHandler::AwaitTurn(VifRequest& request) {
   return request.turn && request.turn->Await();
 }
 
-// In the middle of a move of interfaces the host asks under the move's id: the move itself makes the port,
-// and takes the VIF off it.
+// During a migration of interfaces the host sends requests under the migration's id.  They are deferred,
+// because the migration itself creates the port, and clears the VIF from it.
 bool VifPortHandler::Defer(VifRequest& request) {
   if (!request.request) return false;
   if (request.op_code != VifRequest::kAttach && request.op_code != VifRequest::kDetach &&
@@ -153,7 +153,7 @@ void VifPortHandler::Dispatch(VifRequest& request, Thread& waiter, RestoreAnswer
       *answer = RestoreVif(*context_, request);
       return;
     case VifRequest::kAttachLiveMove:
-      // The host brings the VM, and may bring its ports.
+      // The host brings the VM and possibly its ports, so the index may be out of date for this VIF.
       context_->ports.holders().DoubtVif(request.vif_id);
       [[fallthrough]];
     default:
@@ -178,7 +178,7 @@ void VifPortHandler::ManagerDetach(VifRequest& request) {
   if (!cleared) request.error_text = cleared.error();
 }
 
-// While nobody was there to be asked it connected its VMs with the ports that it found.
+// While the agent was not connected, the host attached its VMs to the ports that it found.
 void VifPortHandler::HostCame() { context_->ports.holders().ForgetVifIndex(); }
 
 void VifPortHandler::EndWaits() {

@@ -19,7 +19,7 @@ class ResyncState;
 /// Serves the operations on the ports of VIFs, one at a time on each VIF, in the order of their arrival.
 class VifPortHandler final : public VifHandler {
  public:
-  /// What decides whether an operation is carried out, and who hears of it; all outlive the handler.
+  /// What decides whether an operation is carried out, and who is informed of it.  All outlive the handler.
   struct Surroundings {
     /// Takes the outcome of a restoration to the manager.
     VifSender& sender;

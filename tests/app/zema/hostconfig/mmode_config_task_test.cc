@@ -3,15 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "app/zema/covedb/config_files.h"
+#include "app/zema/manager/zem_manager.h"
 #include "app/zema/state/health_record.h"
 #include "app/zema/state/realization_options.h"
 #include "framework/node/host_identity.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
-<<<<<<< HEAD
 #include "tests/app/zema/manager/no_vifs.h"
-=======
-#include "tests/app/zema/manager/no_manager.h"
->>>>>>> e0d03ac (Ports and VIFs: an operation that may fail gives its outcome)
 #include "tests/app/zema/proxy/fake_lum_commands.h"
 #include "tests/app/zema/state/no_publisher.h"
 #include "tests/support/temp_dir.h"
@@ -41,24 +38,20 @@ class MmodeConfigTaskTest : public ::testing::Test {
   ConfigFiles files_{{directory_.Path("host_config.bin"), directory_.Path("mmode.bin")}};
   NoPublisher publisher_;
   HealthRecord health_{publisher_, false};
-<<<<<<< HEAD
   HostIdentity host_;
   OptionsStore options_;
   NoVifs vifs_;
   ZemManager manager_{vifs_, host_, options_};
-=======
-  NoManager manager_;
->>>>>>> e0d03ac (Ports and VIFs: an operation that may fail gives its outcome)
   FakeSender sender_;
   int zemcli_code_ = 0;
   std::vector<std::string> commands_;
-  std::shared_ptr<MmodeContext> context_ = std::make_shared<MmodeContext>(MmodeContext{
-      lum_, files_, health_, manager_.calls, [this](const std::string& command, std::string* reply) {
-        commands_.push_back(command);
-        *reply = command.find("enabled\"") != std::string::npos ? "Maintenance Mode: enabled"
-                                                                : "Maintenance Mode: disabled";
-        return zemcli_code_;
-      }});
+  std::shared_ptr<MmodeContext> context_ = std::make_shared<MmodeContext>(
+      MmodeContext{lum_, files_, health_, manager_, [this](const std::string& command, std::string* reply) {
+                     commands_.push_back(command);
+                     *reply = command.find("enabled\"") != std::string::npos ? "Maintenance Mode: enabled"
+                                                                             : "Maintenance Mode: disabled";
+                     return zemcli_code_;
+                   }});
 };
 
 TEST_F(MmodeConfigTaskTest, AConnectedVmKeepsTheNodeOutUnlessTheManagerInsists) {
@@ -90,13 +83,13 @@ TEST_F(MmodeConfigTaskTest, BadRequestsChangeNothingAndAProxyThatRefusesIsTold) 
 
 TEST_F(MmodeConfigTaskTest, TheModeOutlivesTheAgent) {
   RestoreMmode(*context_);
-  EXPECT_FALSE(manager_.calls.InMaintenanceMode());
+  EXPECT_FALSE(manager_.InMaintenanceMode());
   Run(2);
-  manager_.calls.SetMaintenanceMode(false);
+  manager_.SetMaintenanceMode(false);
   health_.exitTnMmode();
   commands_.clear();
   RestoreMmode(*context_);
-  EXPECT_TRUE(manager_.calls.InMaintenanceMode());
+  EXPECT_TRUE(manager_.InMaintenanceMode());
   EXPECT_TRUE(health_.in_tn_mmode());
   EXPECT_TRUE(commands_.empty()) << "the proxy knows";
 }
