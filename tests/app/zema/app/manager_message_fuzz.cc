@@ -21,6 +21,7 @@
 #include "app/zema/hostlib/endpoint_library.h"
 #include "app/zema/lswitch/logical_switch_batcher.h"
 #include "app/zema/lswitch/logical_switch_full_sync_task.h"
+#include "app/zema/manager/zem_manager.h"
 #include "app/zema/migration/interface_migration.h"
 #include "app/zema/migration/migration_message.h"
 #include "app/zema/migration/migration_record.h"
@@ -34,11 +35,7 @@
 #include "tests/app/zema/lswitch/checking_lum.h"
 #include "tests/app/zema/lswitch/fake_host_parts.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
-<<<<<<< HEAD
-#include "tests/app/zema/manager/no_vifs.h"
-=======
 #include "tests/app/zema/manager/no_manager.h"
->>>>>>> e0d03ac (Ports and VIFs: an operation that may fail gives its outcome)
 #include "tests/app/zema/state/no_publisher.h"
 #include "tests/support/silent_log.h"
 
@@ -66,58 +63,6 @@ constexpr std::array kTypes = {
 // Runs each task at once, in place of its worker.
 class HostInHand final : public ManagerRequests {
  public:
-<<<<<<< HEAD
-=======
-  HostInHand() {
-    switches->is_hypervisor = [] { return true; };
-    switches->host_id = [] { return std::make_optional<std::string>("host-1"); };
-    switches->has_ack_worker = [] { return false; };
-    MessageDispatch::Settings settings;
-    settings.sender = &sender;
-    settings.workers = &workers;
-    settings.host_config = [this](const RequestOrigin&, switching::HostConfigMsg message) {
-      HostConfig(std::move(message));
-      return nullptr;
-    };
-    settings.logical_switch = [this](const RequestOrigin& origin,
-                                     const switching::LogicalSwitchMsg& message) {
-      LogicalSwitchMsgTask::Batcher batcher(switches);
-      if (const auto task =
-              LogicalSwitchMsgTask::CreateTask(*switches, message, origin.sender, origin.reply_to, 0)) {
-        batcher.AddTask(task.get());
-      }
-      batcher.Run();
-      return nullptr;
-    };
-    settings.logical_switch_full_sync = [this](const RequestOrigin& origin, std::string bytes) {
-      LogicalSwitchFullSyncTask(switches, origin.sender, "c", "r", std::move(bytes)).Run();
-      return nullptr;
-    };
-    settings.restore = [this](const RequestOrigin& origin, const switching::ChecksumMsg& message) {
-      RestoreTask(files, lum, origin.sender, "c", "r", message).Run();
-      return nullptr;
-    };
-    settings.host_profile = [this](const RequestOrigin& origin, const switching::HostProfileMsg& message) {
-      HostProfileTask(lum, origin.sender, "c", "r", message).Run();
-      return nullptr;
-    };
-    settings.send_host_config_ack = [](const std::string&, const switching::HostConfigAckMsg&) {};
-    settings.refuse_host_profile = [](const RequestOrigin&, const std::string&) {};
-    settings.refuse = [](const RequestOrigin& origin, std::string_view type, std::string payload,
-                         const std::string& reason) {
-      AnswerRefused({origin, std::string(type), std::move(payload), reason});
-    };
-    settings.vif_result = [this](const std::string& rpc_id, std::unique_ptr<PortAttached> result) {
-      manager.calls.SetResultToPendingRPC(rpc_id, std::move(result));
-    };
-    settings.later.vif_requests = std::make_shared<HostVifRequests>(
-        [](const std::shared_ptr<VifRequest>& request) { (void)request->ToString(); });
-    settings.later.maintenance = std::make_shared<RunMaintenance>(mmode);
-    settings.later.endpoints = std::make_shared<RunEndpoints>(endpoints);
-    dispatch = std::make_unique<MessageDispatch>(std::move(settings));
-  }
-
->>>>>>> e0d03ac (Ports and VIFs: an operation that may fail gives its outcome)
   void Receive(const char* type, std::string_view payload) {
     dispatch.ProcessReceiveMessages("session:1", std::string("com.orlane.zem.switching.") + type, payload,
                                     "c", "r");
@@ -177,7 +122,7 @@ class HostInHand final : public ManagerRequests {
     (void)RestoreRequestOf(vif)->ToString();
   }
   void VifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result) override {
-    manager.SetResultToPendingRPC(rpc_id, std::move(result));
+    manager.calls.SetResultToPendingRPC(rpc_id, std::move(result));
   }
   void AcknowledgeHostConfig(const std::string&, const switching::HostConfigAckMsg&) override {}
   void RefuseHostProfile(const RequestOrigin&, const std::string&) override {}
@@ -228,15 +173,10 @@ class HostInHand final : public ManagerRequests {
   ConfigFiles files{{"/nonexistent/host_config.bin", "/nonexistent/mmode.bin"}};
   NoPublisher publisher;
   HealthRecord health{publisher, false};
-<<<<<<< HEAD
-  NoVifs vifs;
-=======
-  NoManager manager;
->>>>>>> e0d03ac (Ports and VIFs: an operation that may fail gives its outcome)
   EndpointLibrary library;
   HostIdentity identity;
   FakeHostParts parts{"host-1"};
-  ZemManager manager{vifs, identity, parts.options};
+  NoManager manager;
   std::shared_ptr<LogicalSwitchContext> switches = parts.Context(lum, nullptr, workers);
   std::shared_ptr<MmodeContext> mmode = std::make_shared<MmodeContext>(
       MmodeContext{lum, files, health, manager.calls, [](const std::string&, std::string*) { return 0; }});

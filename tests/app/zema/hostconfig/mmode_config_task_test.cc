@@ -7,11 +7,7 @@
 #include "app/zema/state/realization_options.h"
 #include "framework/node/host_identity.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
-<<<<<<< HEAD
-#include "tests/app/zema/manager/no_vifs.h"
-=======
 #include "tests/app/zema/manager/no_manager.h"
->>>>>>> e0d03ac (Ports and VIFs: an operation that may fail gives its outcome)
 #include "tests/app/zema/proxy/fake_lum_commands.h"
 #include "tests/app/zema/state/no_publisher.h"
 #include "tests/support/temp_dir.h"
@@ -41,14 +37,7 @@ class MmodeConfigTaskTest : public ::testing::Test {
   ConfigFiles files_{{directory_.Path("host_config.bin"), directory_.Path("mmode.bin")}};
   NoPublisher publisher_;
   HealthRecord health_{publisher_, false};
-<<<<<<< HEAD
-  HostIdentity host_;
-  OptionsStore options_;
-  NoVifs vifs_;
-  ZemManager manager_{vifs_, host_, options_};
-=======
   NoManager manager_;
->>>>>>> e0d03ac (Ports and VIFs: an operation that may fail gives its outcome)
   FakeSender sender_;
   int zemcli_code_ = 0;
   std::vector<std::string> commands_;
