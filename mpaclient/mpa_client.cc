@@ -146,33 +146,33 @@ void MpaClient::Deliver(rmqClientMessage* message) {
   message->free_block = nullptr;
 }
 
+void MpaClient::LogRecord(const rmqClientMessage& message) const {
+  const char* const name = app_type_.c_str();
+  ZLOG_INFO("[%s] Got Message in app_type:[%s]\n", name, message.app_type);
+  if (!ZLOG_WANTS(kLogDebug)) return;
+  ZLOG_DEBUG("[%s] Routing key [%s], content type [%s], payload length [%" PRIu64 "]\n", name,
+             message.routing_key != nullptr ? message.routing_key : "",
+             message.content_type != nullptr ? message.content_type : "",
+             static_cast<uint64_t>(message.payload_len));
+  const Vertical* const vertical = FindVertical(app_type_);
+  const bool secret = vertical != nullptr && vertical->traits.secret;
+  if (!secret && message.payload != nullptr) DumpPayload(message);
+}
+
 void MpaClient::HandleMessage(rmqClientMessage* message) {
   const char* const name = app_type_.c_str();
   ZLOG_DEBUG("[%s] Received Message from MPA [%d]\n", name, static_cast<int>(message->msg_type));
   received_.Mark();
-  switch (message->msg_type) {
-    case kRmqClientClose:
-      if (!connection_->TakeClose(message->cookie)) return;
-      break;
-    default:
-      ZLOG_INFO("[%s] Got Message in app_type:[%s]\n", name, message->app_type);
-      if (ZLOG_WANTS(kLogDebug)) {
-        ZLOG_DEBUG("[%s] Routing key [%s], content type [%s], payload length [%" PRIu64 "]\n", name,
-                   message->routing_key != nullptr ? message->routing_key : "",
-                   message->content_type != nullptr ? message->content_type : "",
-                   static_cast<uint64_t>(message->payload_len));
-        const Vertical* const vertical = FindVertical(app_type_);
-        const bool secret = vertical != nullptr && vertical->traits.secret;
-        if (!secret && message->payload != nullptr) DumpPayload(*message);
-      }
-  }
+  if (message->msg_type != kRmqClientClose) LogRecord(*message);
   switch (message->msg_type) {
     case kRmqClientRegistrationAck:
       ZLOG_INFO("Received client registration ACK from MPA, sending/receiving messages is enabled\n");
       connection_->TakeAck();
       break;
-    case kRmqClientPayload:
     case kRmqClientClose:
+      if (!connection_->TakeClose(message->cookie)) return;
+      break;
+    case kRmqClientPayload:
     case kRmqMpRpcRequest:
     case kRmqMpRpcResponse:
     case kRmqClientRpcResponse:

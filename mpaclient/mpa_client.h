@@ -133,6 +133,7 @@ class MpaClient {
 
  private:
   void HandleMessage(rmqClientMessage* message);
+  void LogRecord(const rmqClientMessage& message) const;
   /// Releases everything that the registration has made; no record reaches the vertical afterwards.
   void HandleUnregister();
 
