@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "framework/process/util.h"
+#include "framework/process/error_text.h"
 #include "platform/core/unique_fd.h"
 
 // A rename replaces a name atomically, but only what was synced before survives a power cut: the bytes first,
