@@ -202,7 +202,7 @@ void CoveDbClient::EnterDisconnected() {
     if (refused.timer) refused.timer->Cancel();
   }
   monitor_refusals_.clear();
-  // What was asked of the lost stubs is not waited for any longer; the next connection asks anew.
+  // Answers of the lost stubs will not come any more; the next connection asks anew.
   schema_call_allowed_ = true;
   schema_version_call_allowed_ = true;
   server_schema_.Restart();
@@ -321,7 +321,7 @@ void CoveDbClient::AddChannelStatusCallback(ChannelStatusCallback callback) {
 }
 
 void CoveDbClient::NotifyChannelStatus(bool up) {
-  // A callback may add another one, which is told by that call; the vector may move.
+  // A callback may add another one, which that call informs itself; the vector may move.
   const size_t count = channel_status_callbacks_.size();
   for (size_t i = 0; i < count; ++i) {
     const ChannelStatusCallback callback = channel_status_callbacks_[i];

@@ -29,7 +29,7 @@ constexpr size_t kReadPiece = 1023;
 constexpr int kAskedToEndMs = 2000;
 constexpr size_t kMaxCommandOutput = 16 * 1024 * 1024;
 
-// What ends a command.
+// How a command ended.
 enum class CommandEnd { kWhole, kShutdown, kStopped, kTooLong, kTooMuch, kFailed };
 
 constexpr const char* kEndTexts[] = {
@@ -78,14 +78,14 @@ CommandEnd ReadToEnd(int fd, const CommandWait& wait, std::string* output) {
 
 UniqueFd OpenProcess(pid_t pid) { return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))); }
 
-// One that has closed its output may go on for long.
+// A command that has closed its output may still run for long.
 CommandEnd WaitToEnd(pid_t pid, const CommandWait& wait) {
   const UniqueFd process = OpenProcess(pid);
   // A system that gives none leaves the waiting to the close.
   return process ? wait.For(process.get()) : CommandEnd::kWhole;
 }
 
-// At the shutdown it is asked first.
+// `ask`: sends SIGTERM first and gives the group some time.
 void EndGroup(pid_t pid, bool ask) {
   if (ask && ::kill(-pid, SIGTERM) == 0) {
     const UniqueFd process = OpenProcess(pid);

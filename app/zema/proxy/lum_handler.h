@@ -44,7 +44,7 @@ struct LumSettings {
   /// Asked at each start of the script.
   std::function<LumOptions()> options = [] { return LumOptions(); };
   std::function<bool()> shutting_down = [] { return false; };
-  /// Told at each change; the health record takes it from there.
+  /// Called at each change; the health record keeps the value.
   std::function<void(bool)> set_ready = [](bool) {};
 };
 
@@ -55,8 +55,8 @@ struct LumSettings {
 /// provider's thread.
 ///
 /// Errors: a command never throws and never ends the process; what went wrong is in `out`.  A socket failure
-/// closes the socket and tells that the script is not ready; it is started again by the next text command, at
-/// once by a binary call, or by the handler itself while it watches.
+/// closes the socket and reports that the script is not ready; it is started again by the next text command,
+/// at once by a binary call, or by the handler itself while it watches.
 class LumHandler : public Synchronizable, public LumCommands {
  public:
   explicit LumHandler(LumSettings settings);
@@ -103,7 +103,7 @@ class LumHandler : public Synchronizable, public LumCommands {
   /// False when no whole reply came.
   bool GetLine(uint32_t* status, std::string* out);
   bool ReadWhole(void* buffer, size_t length);
-  /// Closes the socket and tells that nothing can be asked.
+  /// Closes the socket and reports that the script is not ready.
   void Lose();
   void SetReady(bool ready);
   /// False when the daemon, or the watching, is stopping.
@@ -118,7 +118,7 @@ class LumHandler : public Synchronizable, public LumCommands {
   std::string third_;
   Tarvik::ScriptChild child_;
   LumOptions options_;         // of the last start
-  std::optional<bool> ready_;  // what was told last
+  std::optional<bool> ready_;  // what was reported last
   StopSignal watching_ends_;
   NativeThread watcher_;
 };
