@@ -68,7 +68,7 @@ void EndProcess(int code) {
 CoveDbClient::CoveDbClient(std::string id, std::string endpoint, AsioZemProvider& provider,
                            std::shared_ptr<std::recursive_mutex> state_mutex,
                            bool create_default_monitor_session, bool monitor_session_creation_enabled,
-                           bool schema_check)
+                           bool schema_check, std::function<void(int)> exit)
     : context_(std::move(id)),
       endpoint_(std::move(endpoint)),
       provider_(provider),
@@ -78,35 +78,21 @@ CoveDbClient::CoveDbClient(std::string id, std::string endpoint, AsioZemProvider
       create_default_monitor_session_(create_default_monitor_session),
       monitor_session_creation_enabled_(monitor_session_creation_enabled),
       schema_check_(schema_check),
-      exit_(EndProcess) {
+      exit_(exit ? std::move(exit) : EndProcess) {
   ChangeState(State::INIT);
 }
 
 CoveDbClient::~CoveDbClient() = default;
-
-void CoveDbClient::SetExit(std::function<void(int)> exit) {
-  const StateLock lock(*state_mutex_);
-  exit_ = std::move(exit);
-}
 
 CoveDbClient::State CoveDbClient::state() const {
   const StateLock lock(*state_mutex_);
   return state_;
 }
 
-const char* CoveDbClient::StateName(State state) {
-  static constexpr std::array kNames = {
-      "NONE",      "INIT",         "CONNECTING", "REQUEST_OPS_STUB", "REQUEST_DAEMON_HEALTH_STUB",
-      "CONNECTED", "DISCONNECTED", "ERROR",
-  };
-  const auto index = static_cast<size_t>(state);
-  return index < kNames.size() ? kNames[index] : "<INVALID>";
-}
-
 void CoveDbClient::Start() {
   std::unique_lock lock(*state_mutex_);
   if (state_ != State::INIT) {
-    ZLOG_WARN("CoveDbClient is already trying to connect (state: %s)", StateName(state_));
+    ZLOG_WARN("CoveDbClient is already trying to connect (state: %s)", ClientStateName(state_));
     return;
   }
   const uint64_t before = connected_count_;
@@ -117,7 +103,7 @@ void CoveDbClient::Start() {
 void CoveDbClient::StartAsync() {
   const StateLock lock(*state_mutex_);
   if (state_ != State::INIT) {
-    ZLOG_WARN("CoveDbClient is already trying to connect (state: %s)", StateName(state_));
+    ZLOG_WARN("CoveDbClient is already trying to connect (state: %s)", ClientStateName(state_));
     return;
   }
   ChangeState(State::CONNECTING);
@@ -128,11 +114,11 @@ void CoveDbClient::StartAsync() {
 void CoveDbClient::ChangeState(State state) {
   do {
     if (state == state_) {
-      ZLOG_INFO("CoveDbClient: won't change state to %s - already there", StateName(state));
+      ZLOG_INFO("CoveDbClient: won't change state to %s - already there", ClientStateName(state));
       return;
     }
     OnExit(state_);
-    ZLOG_INFO("CoveDbClient: changing state %s to %s", StateName(state_), StateName(state));
+    ZLOG_INFO("CoveDbClient: changing state %s to %s", ClientStateName(state_), ClientStateName(state));
     state_ = state;
     next_state_ = State::NONE;
     OnEnter(state);
@@ -141,7 +127,7 @@ void CoveDbClient::ChangeState(State state) {
 }
 
 void CoveDbClient::OnEnter(State state) {
-  ZLOG_DEBUG("CoveDbClient: entering %s state", StateName(state));
+  ZLOG_DEBUG("CoveDbClient: entering %s state", ClientStateName(state));
   switch (state) {
     case State::INIT:
       return;
@@ -166,7 +152,7 @@ void CoveDbClient::OnEnter(State state) {
 }
 
 void CoveDbClient::OnExit(State state) {
-  ZLOG_DEBUG("CoveDbClient: exiting %s state", StateName(state));
+  ZLOG_DEBUG("CoveDbClient: exiting %s state", ClientStateName(state));
   switch (state) {
     case State::NONE:  // before the first state
     case State::INIT:
@@ -216,7 +202,7 @@ void CoveDbClient::EnterDisconnected() {
     if (refused.timer) refused.timer->Cancel();
   }
   monitor_refusals_.clear();
-  // What was asked of the lost stubs is not waited for any longer; the next connection asks anew.
+  // Answers of the lost stubs will not come any more; the next connection asks anew.
   schema_call_allowed_ = true;
   schema_version_call_allowed_ = true;
   server_schema_.Restart();
@@ -335,7 +321,7 @@ void CoveDbClient::AddChannelStatusCallback(ChannelStatusCallback callback) {
 }
 
 void CoveDbClient::NotifyChannelStatus(bool up) {
-  // A callback may add another one, which is told by that call; the vector may move.
+  // A callback may add another one, which that call informs itself; the vector may move.
   const size_t count = channel_status_callbacks_.size();
   for (size_t i = 0; i < count; ++i) {
     const ChannelStatusCallback callback = channel_status_callbacks_[i];

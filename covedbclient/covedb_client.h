@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "covedbclient/client_state.h"
 #include "covedbclient/covedb_client_interface.h"
 #include "covedbclient/modify_queue.h"
 #include "covedbclient/monitor_tables.h"
@@ -36,22 +37,16 @@ namespace zem::covedb {
 /// because callbacks that run under them may call the client.
 class CoveDbClient final : public CoveDbClientInterface, public std::enable_shared_from_this<CoveDbClient> {
  public:
-  enum class State {
-    NONE = 0,
-    INIT,                        // constructed; left by Start
-    CONNECTING,                  // asks for the data stub, again and again
-    REQUEST_OPS_STUB,            // has the data stub, asks for the schema calls' stub
-    REQUEST_DAEMON_HEALTH_STUB,  // has both, asks for the health stub
-    CONNECTED,                   // has all; left when the data stub's channel ends
-    DISCONNECTED,                // drops the stubs and goes on to CONNECTING at once
-    ERROR,
-  };
+  using State = ClientState;
 
   /// `id` names this client to the store.  A null `state_mutex` makes one of its own; an owner who passes one
-  /// guards its own structures together with the client's.
+  /// guards its own structures together with the client's.  `exit` ends the process when the store refuses a
+  /// write for good; the default flushes the standard streams and ends it at once, without destructors,
+  /// because other threads are running.
   CoveDbClient(std::string id, std::string endpoint, AsioZemProvider& provider,
                std::shared_ptr<std::recursive_mutex> state_mutex, bool create_default_monitor_session,
-               bool monitor_session_creation_enabled, bool schema_check);
+               bool monitor_session_creation_enabled, bool schema_check,
+               std::function<void(int code)> exit = {});
   ~CoveDbClient() override;
 
   bool RegisterMonitorCallback(uint32_t module_id, UpdateCallback update, BarrierCallback barrier,
@@ -88,18 +83,13 @@ class CoveDbClient final : public CoveDbClientInterface, public std::enable_shar
   /// How long to wait for the schema calls before an old store is assumed; 300 seconds unless set.
   void SetVersionResponseTimeout(uint32_t seconds);
 
-  /// Changes of `type` are dropped, and `on_failure` is told, while the store is older than `version`.  Only
+  /// Drops changes of `type`, and calls `on_failure` for each, while the store is older than `version`.  Only
   /// with schema check; a type that has a constraint keeps it.
   void SetVersionConstraint(ObjectType type, std::string version, std::function<void(ObjectType)> on_failure);
 
   bool IsPendingModificationReqEmpty() const;
 
   State state() const;
-  static const char* StateName(State state);
-
-  /// What ends the process when the store refuses a write for good.  The default flushes and ends it at once,
-  /// without destructors, for other threads are running; tests put their own in its place.
-  void SetExit(std::function<void(int code)> exit);
 
  private:
   class MonitorResponseObserver;
@@ -188,7 +178,7 @@ class CoveDbClient final : public CoveDbClientInterface, public std::enable_shar
 
   State state_ = State::NONE;
   State next_state_ = State::NONE;
-  std::function<void(int)> exit_;
+  const std::function<void(int)> exit_;
 };
 
 }  // namespace zem::covedb

@@ -55,7 +55,7 @@ class CoveDbClientInterface {
                                        uint16_t vdb_id) = 0;
 
   /// `callback` runs at once in the caller's stack with whether the store can be reached, and on each change.
-  /// It may be told the same twice in a row.
+  /// It may get the same value twice in a row.
   virtual void AddChannelStatusCallback(ChannelStatusCallback callback) = 0;
 
   /// Starts to watch a virtual database.  False when it is watched.

@@ -171,7 +171,7 @@ void CoveDbClient::OnMonitorStatus(uint16_t vdb_id, const MonitorTables::Session
       if (monitors_.HasSession(vdb_id)) SetupMonitor(vdb_id, monitors_.RenewSession(vdb_id));
       return;
     default:
-      return;  // a lost connection is handled where the stub's end is told
+      return;  // the stream-down hook of the stub handles a lost connection
   }
 }
 

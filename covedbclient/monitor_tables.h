@@ -38,7 +38,8 @@ class MonitorTables {
 
   bool Register(uint32_t module_id, UpdateCallback update, BarrierCallback barrier, uint16_t vdb_id);
 
-  /// Adds to `request` what the store has to be told.  False with tables changed up to the first refusal.
+  /// Adds the changes for the store to `request`.  False at a refusal: the changes before it stay in the
+  /// tables.
   bool Configure(const std::list<MonitorStatementMsg>& to_add,
                  const std::list<MonitorStatementMsg>& to_remove, uint32_t module_id, uint16_t vdb_id,
                  ConfigureMonitorRequestMsg& request);
@@ -55,7 +56,7 @@ class MonitorTables {
   /// Hands an update to each module that watches its type.
   void NotifyModules(const MonitorUpdateMsg& update, uint16_t vdb_id);
 
-  /// Tells the modules that got an update since the last mark that the updates up to here are complete.
+  /// Calls the barrier callbacks of the modules that got an update since the last mark.
   void NotifyBarrier(uint16_t vdb_id);
 
  private:

@@ -46,7 +46,7 @@ class ServerSchema {
 
   bool IsObjectInServerSchema(ObjectType type) const;
 
-  /// False when the store is older than the type's constraint, which is told to its callback, or when a
+  /// False when the store is older than the type's constraint, which its callback learns, or when a
   /// version does not read as numbers.
   bool CheckVersionConstraint(ObjectType type) const;
 

@@ -15,7 +15,8 @@
 
 #include "framework/log/log.h"
 #include "framework/process/atomic_file.h"
-#include "framework/process/util.h"
+#include "framework/process/command.h"
+#include "framework/process/error_text.h"
 
 namespace zem::controller {
 namespace {

@@ -30,7 +30,7 @@ struct FreeDeleter {
 /// A frame from malloc.
 using LcpFrame = std::unique_ptr<uint8_t[], FreeDeleter>;
 
-/// Cuts a stream into frames: tells where the next bytes go, takes note of how many came.  The body is read
+/// Cuts a stream into frames: says where the next bytes go, and counts how many came.  The body is read
 /// into its frame at once; a frame is allocated only when its header is sound.
 class LcpFrameReader {
  public:

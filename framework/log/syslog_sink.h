@@ -29,7 +29,7 @@ class SyslogSink {
   struct Options {
     std::string path = "/dev/log";
     std::string identity;
-    /// The text of the line that tells of lost ones.
+    /// The text of the line that reports lost lines.
     std::function<std::string(uint64_t)> loss_line;
   };
 
@@ -48,7 +48,7 @@ class SyslogSink {
   /// Ends the process; lines that wait go first, as long as the daemon reads.  Returns when they do.
   void Exit(int code);
 
-  /// Lines that were dropped and not told of yet.
+  /// Dropped lines that have not been reported yet.
   uint64_t lost() const;
 
  private:

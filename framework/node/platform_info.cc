@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "framework/log/log.h"
-#include "framework/process/util.h"
+#include "framework/process/command.h"
 
 namespace zem::Tarvik {
 namespace {

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "framework/process/util.h"
+#include "framework/process/error_text.h"
 #include "platform/core/unique_fd.h"
 
 // A rename replaces a name atomically, but only what was synced before survives a power cut: the bytes first,
@@ -50,7 +50,7 @@ FileWrite WriteFileWhole(const std::string& path, std::string_view bytes, std::s
   }
   bool done = WriteAll(fd.get(), bytes) && ::fsync(fd.get()) == 0;
   int reason = errno;
-  // Some file systems tell of a full disk only here.
+  // Some file systems report a full disk only here.
   if (::close(fd.Release()) != 0 && done) {
     done = false;
     reason = errno;

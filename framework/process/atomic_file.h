@@ -9,18 +9,18 @@ namespace zem {
 enum class FileWrite {
   kDone,
   kNotOpened,   // the file is as it was
-  kNotWritten,  // the same; what was written so far is gone
+  kNotWritten,  // the file is as it was; the temporary file was removed
 };
 
 /// Replaces the file `path` by `bytes`: a reader, also one after a power cut, sees either the old content or
-/// the new.  The text beside it, "PATH.tmp", is what a killed writer may leave; the next one takes it over.
-/// `error` says why.  One writer per path at a time.
+/// the new.  A killed writer may leave "PATH.tmp", which the next one overwrites.  `error` says why a write
+/// failed.  One writer per path at a time.
 [[nodiscard]] FileWrite WriteFileWhole(const std::string& path, std::string_view bytes, std::string* error);
 
-/// Reads a whole file of at most `limit` bytes.  0, or an error number (EFBIG for a longer one).
+/// Reads a whole file of at most `limit` bytes.  Returns 0, or an errno (EFBIG for a longer file).
 [[nodiscard]] int ReadFileWhole(const std::string& path, size_t limit, std::string* bytes);
 
-/// 0 also when there is none; else an error number.
+/// Removes a file.  Returns 0, also when there is none, else an errno.
 [[nodiscard]] int RemoveFile(const std::string& path);
 
 }  // namespace zem

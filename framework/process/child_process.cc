@@ -124,7 +124,7 @@ void ChildProcess::Serve(ChildResult* result) {
     if (!Drain(output_, kPieces, true, &result->output)) AskToEnd(ChildEnd::kOutputLimit);
     if (!Drain(errors_, kPieces, false, &result->errors)) AskToEnd(ChildEnd::kOutputLimit);
     if (Reap(result)) {
-      // What it left in the pipes; what its own children go on to print is not waited for.
+      // Reads what the child left in the pipes, and does not wait for what its own children go on to print.
       Drain(output_, kLastPieces, true, &result->output);
       Drain(errors_, kLastPieces, false, &result->errors);
       return;

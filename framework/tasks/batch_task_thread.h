@@ -23,7 +23,7 @@ class BatchTaskThread : public TaskThread {
   void Run() override;
 
  private:
-  // What a wait for tasks has brought: those of the original numbers.
+  // How a wait for tasks ended.
   enum class Came { kStopped = -1, kNothing = 0, kTasks = 1 };
 
   Came WaitForTasks(int seconds);

@@ -6,7 +6,7 @@
 
 namespace zem {
 
-/// What the task frame throws: a message, and the failed call's result where there was one.
+/// Thrown by the task frame: a message, and the result of the call that failed, else 0.
 class Exception : public std::exception {
  public:
   Exception(std::string message, int code) : message_(std::move(message)), code_(code) {}

@@ -29,7 +29,7 @@ class BatchRunnable : public Runnable {
   /// Entries gathered.
   virtual long Count() const = 0;
 
-  /// Tells of a task that is not batchable; it runs by itself when nothing is gathered.
+  /// Announces a task that is not batchable; it runs by itself when nothing is gathered.
   virtual void UpdateBatcher(Runnable* /*task*/) {}
 };
 

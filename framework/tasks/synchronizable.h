@@ -8,7 +8,7 @@
 
 namespace zem {
 
-/// A lock that knows who holds it and from where, and tells when somebody had to wait for 11 seconds or more.
+/// A lock that knows who holds it and from where, and logs when a caller had to wait for 11 seconds or more.
 /// It may be held across commands to other processes; not recursive.
 ///
 /// Threads: all operations from any thread.

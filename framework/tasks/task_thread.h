@@ -11,15 +11,15 @@
 
 namespace zem {
 
-/// A worker: one thread that runs the tasks of its FIFO in order.  What a task throws is logged and ends with
-/// it.
+/// A worker: one thread that runs the tasks of its FIFO in order.  An exception of a task is logged and ends
+/// that task only.
 ///
-/// AddTask takes without limit: the agent's own work is bounded by what it is about (one task for each
-/// endpoint, each object of the store, each timer).  Who passes on what another process asks for looks at
-/// TakesRequest first.
+/// AddTask has no limit, because the number of objects bounds the agent's own work (one task for each
+/// endpoint, each object of the store, each timer).  A caller that queues the request of another process has
+/// to ask TakesRequest first.
 ///
 /// Threads: AddTask, AddLowPriorityTask, TakesRequest, Stop and Clear from any thread.
-/// Ownership: tasks are its own from the moment they are offered.
+/// Ownership: the worker owns a task from the moment it is offered.
 class TaskThread : public Thread {
  public:
   /// `most_requests`: how many tasks may wait before requests are refused.
@@ -29,15 +29,15 @@ class TaskThread : public Thread {
   /// Queues the task; a stopped worker destroys it.  `log_it` controls the log lines only.
   void AddTask(std::unique_ptr<Runnable> task, bool log_it = true);
 
-  /// Whether there is room for a request; a refusal is counted.
+  /// Returns whether there is room for a request, and counts a refusal.
   [[nodiscard]] bool TakesRequest();
 
   /// Queues the task without waking the worker: it runs together with the next one that does wake it.  For a
-  /// stream of tasks whose end is told by a task of its own.
+  /// stream of tasks that ends with a task of its own kind, which wakes the worker.
   void AddTaskAsleep(std::unique_ptr<Runnable> task);
 
-  /// Keeps one task for a moment when the queue is empty, `delay_seconds` from now or later; replaces the one
-  /// before. False when it was refused.
+  /// Keeps one task until the queue is empty, `delay_seconds` from now or later.  It replaces the task kept
+  /// before.  Returns false when it was refused.
   bool AddLowPriorityTask(std::unique_ptr<Runnable> task, int delay_seconds);
 
   /// The worker ends after the task that runs now.

@@ -17,7 +17,7 @@ namespace zem {
 /// A thread with a monitor: runs its target, or itself.
 ///
 /// Threads: Lock, Unlock, Wait and Notify from any thread; Start, Stop and Join by the owner.
-/// Errors: Exception, with the system call's name and result where one failed.
+/// Errors: throws Exception, with the name and result of the system call that failed.
 class Thread : public Runnable {
  public:
   static constexpr pthread_t kNotStarted = static_cast<pthread_t>(-1);
@@ -31,19 +31,19 @@ class Thread : public Runnable {
   /// Takes the monitor; not recursive.
   void Lock();
 
-  /// Lets go of the monitor; nothing when the calling thread does not hold it.
+  /// Releases the monitor.  No effect when the calling thread does not hold it.
   void Unlock() override;
 
   void Run() override;
 
-  /// kNotStarted before the start; stays after the end.
+  /// Returns kNotStarted before the start; keeps the id after the end.
   virtual pthread_t ThreadId() const;
 
-  /// Again is harmless.
+  /// Calling it twice has no effect.
   virtual void Join();
 
-  /// Waits for Notify, with the monitor held: 1, or 0 when `seconds` have passed; 0 seconds are without end.
-  /// A notification given before does not count.
+  /// Waits for Notify, with the monitor held.  Returns 1, or 0 after `seconds`; 0 seconds means no time-out.
+  /// A Notify that came before the wait does not count.
   virtual int Wait(int seconds);
 
   /// With the monitor held.

@@ -4,7 +4,7 @@
 
 namespace zem {
 
-/// What the lines of a thread's work are marked with.
+/// The name under which a thread's work appears in the log.
 struct ThreadLogContext {
   int thread_id = 0;
   std::string name;
@@ -15,7 +15,7 @@ struct ThreadLogContext {
 /// Gives the calling thread a context of its own.
 void SetThreadLogContext(const std::string& name);
 
-/// The calling thread's.
+/// Returns the calling thread's context.
 const ThreadLogContext& CurrentThreadLogContext();
 
 }  // namespace zem

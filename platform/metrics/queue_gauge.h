@@ -11,7 +11,7 @@
 
 namespace zem {
 
-/// What can be told of one first-in-first-out queue: how many elements wait, the most that ever did, the
+/// The figures of one first-in-first-out queue: how many elements wait, the most that ever did, the
 /// longest wait, and how many were refused or dropped.  It is listed with those of all other queues of the
 /// process for as long as it lives.
 ///

@@ -13,7 +13,7 @@ class Timer {
   virtual ~Timer() = default;
 
   /// When this returns the function does not start any more, unless it had started already.  From any thread,
-  /// from inside the function too; again is harmless.
+  /// from inside the function too; more than once.
   virtual void Cancel() = 0;
 };
 

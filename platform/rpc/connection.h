@@ -15,7 +15,7 @@ namespace zem::rpc {
 
 class Transport;
 
-/// Who is at the other end.
+/// The peer of a connection.
 struct ConnectionInfo {
   /// "tcp://peer <-> tcp://local"
   std::string text;
@@ -43,7 +43,7 @@ struct ConnectionOptions {
   size_t accepted_limit = 1024;
 };
 
-/// What happens when a connection is lost.
+/// What to do when a connection is lost.
 struct ReconnectPolicy {
   enum Behaviour { kNever = 0, kAlways = 1 };
   ReconnectPolicy(int behaviour, RetryPolicy policy) : behaviour(behaviour), policy(policy) {}
@@ -61,7 +61,7 @@ struct ConnectionParams {
   ConnectionOptions options;
 };
 
-/// Keeps connections by endpoint: connects, connects again, tells.
+/// Keeps connections by endpoint: connects, reconnects, reports.
 ///
 /// Threads: all operations from any thread; callbacks on the provider's threads, never in the caller's stack.
 /// Its end tears down what it has requested.

@@ -28,7 +28,7 @@ enum class StatusCode : int {
   kChannelDown = 53,
 };
 
-/// What a server says of its own accord.
+/// Codes that only servers use.
 struct AppStatus {
   static constexpr int INVALID_ARGUMENT = static_cast<int>(StatusCode::kInvalidArgument);
   static constexpr int NOT_FOUND = static_cast<int>(StatusCode::kNotFound);

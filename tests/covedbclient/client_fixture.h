@@ -30,8 +30,7 @@ class ClientFixture : public testing::Test {
  protected:
   explicit ClientFixture(bool monitors_enabled = true, bool schema_check = false) {
     client = std::make_shared<CoveDbClient>("tarvik-agent", kEndpoint, agent, nullptr, true, monitors_enabled,
-                                            schema_check);
-    client->SetExit([this](int code) { exits.push_back(code); });
+                                            schema_check, [this](int code) { exits.push_back(code); });
     agent.RunAsync(2);
     store_provider.RunAsync(1);
   }

@@ -65,7 +65,7 @@ TEST_F(ClientWritesTest, StatesFollowEachOther) {
   ASSERT_GE(changes.size(), expected.size());
   changes.erase(changes.begin(), changes.end() - static_cast<long>(expected.size()));
   EXPECT_EQ(changes, expected);
-  EXPECT_STREQ(CoveDbClient::StateName(static_cast<CoveDbClient::State>(8)), "<INVALID>");
+  EXPECT_STREQ(ClientStateName(static_cast<ClientState>(8)), "<INVALID>");
 }
 
 TEST_F(ClientWritesTest, WhatQueuesBehindABatchGoesAsOneBatch) {

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 
 #include "app/zema/app/follow_ups.h"
 #include "app/zema/app/host_config_callbacks.h"
@@ -53,8 +52,9 @@
 #include "framework/log/log.h"
 #include "framework/node/host_identity.h"
 #include "framework/node/platform_info.h"
+#include "framework/process/atomic_file.h"
+#include "framework/process/command.h"
 #include "framework/process/shutdown_pipe.h"
-#include "framework/process/util.h"
 #include "framework/tasks/thread_log_context.h"
 #include "platform/core/stop_signal.h"
 #include "platform/provider/timer.h"
@@ -65,6 +65,7 @@ namespace {
 
 namespace switching = orlane::zem::switching;
 
+constexpr size_t kMaxBackup = 64 * 1024 * 1024;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kUser = "zemuser";
@@ -82,13 +83,6 @@ constexpr Duration kAnswerPause = std::chrono::seconds(1);
 void InstallSignalDispositions() {
   for (const int number : {SIGPIPE, SIGHUP, SIGTSTP, SIGCONT, SIGUSR2, SIGUSR1}) std::signal(number, SIG_IGN);
   std::signal(SIGCHLD, SIG_DFL);
-}
-
-bool ReadWholeFile(const std::string& path, std::string* bytes) {
-  std::ifstream in(path, std::ios::in | std::ios::binary);
-  if (!in) return false;
-  bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return !in.bad();
 }
 
 }  // namespace
@@ -328,7 +322,7 @@ void Realization::Impl::PrepareHost() {
 
 void Realization::Impl::RestoreHostSwitch() {
   std::string bytes;
-  if (!ReadWholeFile(settings_.backup_file, &bytes)) {
+  if (ReadFileWhole(settings_.backup_file, kMaxBackup, &bytes) != 0) {
     ZLOG_INFO("Could not find backup host config - not an upgrade");
     return;
   }

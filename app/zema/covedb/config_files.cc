@@ -12,7 +12,7 @@
 
 #include "framework/log/log.h"
 #include "framework/process/atomic_file.h"
-#include "framework/process/util.h"
+#include "framework/process/error_text.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {

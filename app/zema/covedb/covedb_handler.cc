@@ -1,6 +1,7 @@
 #include "app/zema/covedb/covedb_handler.h"
 
 #include <algorithm>
+#include <array>
 #include <ctime>
 #include <optional>
 #include <utility>
@@ -8,6 +9,7 @@
 #include "app/zema/covedb/edge_codec.h"
 #include "app/zema/covedb/host_config_codec.h"
 #include "covedbclient/codec/address_codec.h"
+#include "covedbclient/codec/object_dispatcher.h"
 #include "covedbclient/statements.h"
 #include "framework/log/log.h"
 #include "platform/provider/timer.h"
@@ -282,25 +284,32 @@ void CoveDbHandler::OnUpdate(const MonitorUpdateMsg& update) {
     origin = {!initial_sync_done_, epoch_, connection_};
     via_ccp = ls_realization_via_ccp_;
   }
-  switch (update.object_type()) {
-    case ObjectType::TRANSPORT_NODE_CONFIG:
-    case ObjectType::BARRIER:
-    case ObjectType::OPAQUE_LOG_SWITCH_CONFIG:
-      if (!via_ccp) {
-        ZLOG_DEBUG("LS Realization Via CCP Disabled");
-        return;
-      }
-      settings_.enqueue(CovedbUpdateKind::kObject, update, origin);
-      return;
-    case ObjectType::REALIZED_HOST_CONFIG:
-      settings_.enqueue(CovedbUpdateKind::kObject, update, origin);
-      return;
-    case ObjectType::VIF_STATE:
-      settings_.enqueue(CovedbUpdateKind::kVifState, update, origin);
-      return;
-    default:
-      ZLOG_ERROR("44096", "Invalid object type");
+  using Row = covedb::ObjectHandler<CoveDbHandler, const CovedbOrigin&, bool>;
+  static constexpr covedb::ObjectDispatcher kDispatcher(std::array{
+      Row{ObjectType::TRANSPORT_NODE_CONFIG, &CoveDbHandler::OnSwitchObject},
+      Row{ObjectType::BARRIER, &CoveDbHandler::OnSwitchObject},
+      Row{ObjectType::OPAQUE_LOG_SWITCH_CONFIG, &CoveDbHandler::OnSwitchObject},
+      Row{ObjectType::REALIZED_HOST_CONFIG, &CoveDbHandler::OnRealizedHostConfig},
+      Row{ObjectType::VIF_STATE, &CoveDbHandler::OnVifState},
+  });
+  if (!kDispatcher.Dispatch(*this, update, origin, via_ccp)) ZLOG_ERROR("44096", "Invalid object type");
+}
+
+void CoveDbHandler::OnSwitchObject(const MonitorUpdateMsg& update, const CovedbOrigin& origin, bool via_ccp) {
+  if (!via_ccp) {
+    ZLOG_DEBUG("LS Realization Via CCP Disabled");
+    return;
   }
+  settings_.enqueue(CovedbUpdateKind::kObject, update, origin);
+}
+
+void CoveDbHandler::OnRealizedHostConfig(const MonitorUpdateMsg& update, const CovedbOrigin& origin,
+                                         bool /*via_ccp*/) {
+  settings_.enqueue(CovedbUpdateKind::kObject, update, origin);
+}
+
+void CoveDbHandler::OnVifState(const MonitorUpdateMsg& update, const CovedbOrigin& origin, bool /*via_ccp*/) {
+  settings_.enqueue(CovedbUpdateKind::kVifState, update, origin);
 }
 
 void CoveDbHandler::OnBarrier() {

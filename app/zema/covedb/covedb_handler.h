@@ -148,6 +148,10 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
 
   void OnChannelStatus(bool up);
   void OnUpdate(const covedb::MonitorUpdateMsg& update);
+  // By object type; `via_ccp` when logical switches are taken from the store.
+  void OnSwitchObject(const covedb::MonitorUpdateMsg& update, const CovedbOrigin& origin, bool via_ccp);
+  void OnRealizedHostConfig(const covedb::MonitorUpdateMsg& update, const CovedbOrigin& origin, bool via_ccp);
+  void OnVifState(const covedb::MonitorUpdateMsg& update, const CovedbOrigin& origin, bool via_ccp);
   void OnBarrier();
   bool Configure(bool add);
   void Schedule(Read read, Duration delay);

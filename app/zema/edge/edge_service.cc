@@ -12,8 +12,8 @@
 #include <optional>
 
 #include "framework/log/log.h"
+#include "framework/process/error_text.h"
 #include "framework/process/shutdown_pipe.h"
-#include "framework/process/util.h"
 #include "platform/core/poll.h"
 #include "platform/core/unique_fd.h"
 

@@ -10,7 +10,7 @@
 #include "app/zema/proxy/host_switch_lists.h"
 #include "app/zema/workers/task_queues.h"
 #include "framework/log/log.h"
-#include "framework/process/util.h"
+#include "framework/process/error_text.h"
 
 namespace zem::zema {
 namespace {

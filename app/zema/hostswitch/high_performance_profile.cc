@@ -1,7 +1,7 @@
 #include "app/zema/hostswitch/high_performance_profile.h"
 
 #include "framework/log/log.h"
-#include "framework/process/util.h"
+#include "framework/process/command.h"
 #include "proto/switching/host_switch.pb.h"
 
 namespace zem::zema {

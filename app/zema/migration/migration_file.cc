@@ -11,7 +11,7 @@
 #include "app/zema/proxy/lum_reply.h"
 #include "framework/log/log.h"
 #include "framework/process/atomic_file.h"
-#include "framework/process/util.h"
+#include "framework/process/error_text.h"
 #include "platform/core/clock.h"
 
 namespace zem::zema {

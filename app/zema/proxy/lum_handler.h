@@ -2,18 +2,16 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "app/zema/proxy/lum_commands.h"
+#include "framework/process/script_child.h"
 #include "framework/tasks/synchronizable.h"
 #include "platform/core/clock.h"
 #include "platform/core/stop_signal.h"
 #include "platform/core/thread.h"
-#include "platform/core/unique_fd.h"
-#include "platform/knluser/knluser.h"
 
 namespace zem::zema {
 
@@ -46,7 +44,7 @@ struct LumSettings {
   /// Asked at each start of the script.
   std::function<LumOptions()> options = [] { return LumOptions(); };
   std::function<bool()> shutting_down = [] { return false; };
-  /// Told at each change; the health record takes it from there.
+  /// Called at each change; the health record keeps the value.
   std::function<void(bool)> set_ready = [](bool) {};
 };
 
@@ -57,8 +55,8 @@ struct LumSettings {
 /// provider's thread.
 ///
 /// Errors: a command never throws and never ends the process; what went wrong is in `out`.  A socket failure
-/// closes the socket and tells that the script is not ready; it is started again by the next text command, at
-/// once by a binary call, or by the handler itself while it watches.
+/// closes the socket and reports that the script is not ready; it is started again by the next text command,
+/// at once by a binary call, or by the handler itself while it watches.
 class LumHandler : public Synchronizable, public LumCommands {
  public:
   explicit LumHandler(LumSettings settings);
@@ -80,9 +78,9 @@ class LumHandler : public Synchronizable, public LumCommands {
   void TerminateZemaLumPy();
 
   /// For the thread that calls, or a test: not while another one calls.
-  bool connected() const { return static_cast<bool>(socket_); }
+  bool connected() const { return child_.socket() >= 0; }
   /// The script's process id; empty while unknown.
-  std::string pid() const;
+  std::string pid() const { return child_.pid(); }
 
  protected:
   virtual int InvokeRPCInternal(LumOperation operation, std::string_view data, std::string* out);
@@ -94,7 +92,6 @@ class LumHandler : public Synchronizable, public LumCommands {
 
   int SpawnPyLumInternal();
   bool KillPrior();
-  std::string KillByName();
   bool Spawn();
   bool FindPid();
   bool Connect();
@@ -106,38 +103,24 @@ class LumHandler : public Synchronizable, public LumCommands {
   /// False when no whole reply came.
   bool GetLine(uint32_t* status, std::string* out);
   bool ReadWhole(void* buffer, size_t length);
-  void SetPid(std::string pid);
-  void CloseSocket();
-  /// Closes the socket and tells that nothing can be asked.
+  /// Closes the socket and reports that the script is not ready.
   void Lose();
   void SetReady(bool ready);
-  void ClosePipe();
   /// False when the daemon, or the watching, is stopping.
   bool Pause(Duration duration) const;
   /// Looks again and again for so long.
   bool LookFor(Duration duration, const std::function<bool()>& there) const;
   void Watch();
-  /// Waits for the other end of the connection to close; at once when there is none.
-  void WaitForEnd();
-  /// Whether the watcher can wait for the connection's end; called with the object's lock held.
-  bool IsWatched();
-  void WakeWatcher();
   void EndWatching();
 
   const LumSettings settings_;
   std::string user_;
   std::string third_;
-  KnluserCompat_Pipe pipe_{-1, -1};
-  UniqueFd socket_;
+  Tarvik::ScriptChild child_;
   LumOptions options_;         // of the last start
-  std::optional<bool> ready_;  // what was told last
-  std::mutex watched_mutex_;   // guards watched_
-  UniqueFd watched_;           // the socket once more, for the watcher: calls may hold the object for minutes
-  UniqueFd wake_;
+  std::optional<bool> ready_;  // what was reported last
   StopSignal watching_ends_;
   NativeThread watcher_;
-  mutable std::mutex pid_mutex_;  // guards pid_, which is wanted while a call holds the object
-  std::string pid_;
 };
 
 }  // namespace zem::zema

@@ -7,7 +7,8 @@
 #include "app/zema/vifqueue/vif_handler.h"
 #include "framework/log/log.h"
 #include "framework/node/host_identity.h"
-#include "framework/process/util.h"
+#include "framework/process/command.h"
+#include "framework/process/script_child.h"
 #include "framework/tasks/task_thread.h"
 
 namespace zem::zema {
@@ -16,9 +17,6 @@ namespace {
 constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kTag = "ResyncThread";
 
-constexpr const char* kKillPrior =
-    "pid=`ps -C | grep resync.py | cut -d ' ' -f 1`; if [ -z $pid ]; then echo \"no process found\"; else "
-    "kill -9 $pid; echo \"process [\" $pid \"] killed\"; fi";
 constexpr Duration kKillLimit = std::chrono::seconds(30);
 
 long SecondsSince(TimePoint begin) {
@@ -31,7 +29,7 @@ void ResyncRound::Resync(int interval, bool vm_check, Duration limit) {
   ZLOG_INFO("[%s] checking for out-of-sync host local attachment/detachment...\n", kTag);
   std::string output;
   std::string error;
-  if (Shell(kKillPrior, kKillLimit, &output, &error) < 0) output += error;
+  if (Shell(Tarvik::KillByNameCommand("resync.py", "-9"), kKillLimit, &output, &error) < 0) output += error;
   ZLOG_INFO("terminating prior resync.py process: [%s]", output.c_str());
 
   const std::string command =

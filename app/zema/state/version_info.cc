@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "framework/log/log.h"
-#include "framework/process/util.h"
+#include "framework/process/command.h"
 
 namespace zem::zema {
 namespace {

@@ -8,8 +8,8 @@
 
 #include "platform/core/lib_log.h"
 
-// The idea: whoever has something to say writes it, serialized, into one buffer under one mutex.  Whoever
-// then finds nobody writing takes the whole buffer to the socket.  Inside callbacks that is done once, when
+// The idea: every thread serializes its frames into one buffer under one mutex.  A thread that then finds
+// no other one writing takes the whole buffer to the socket.  Inside callbacks that is done once, when
 // they are through; from other threads at once when the line was quiet, else by the strand, so that a burst
 // becomes one write.
 
@@ -97,7 +97,7 @@ void FrameSender::LimitUnsent() {
   CloseSoon(CloseReason::kConnectionLost);
 }
 
-// What a thread is taking to the socket right now is dropped by that thread.
+// The bytes that a thread is writing to the socket right now are dropped by that thread.
 void FrameSender::DropUnsent() {
   pending_.Clear();
   if (!in_write_) active_.Clear();

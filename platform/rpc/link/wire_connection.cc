@@ -63,8 +63,8 @@ void WireConnection::CloseSoon(CloseReason reason) {
   strand()->Post([self = Self(), reason] { self->CloseWhenWritten(reason); });
 }
 
-// Another thread may be taking bytes to the socket right now; what was said before the end shall not be cut
-// off by it.
+// Another thread may be writing to the socket right now; the close must not cut off what was appended before
+// it.
 void WireConnection::CloseWhenWritten(CloseReason reason) {
   {
     Lock lock(mutex());
@@ -86,7 +86,7 @@ void WireConnection::CloseNow(CloseReason reason) {
   {
     Lock lock(mutex());
     if (phase_ == Phase::kClosed) return;
-    // What was said before the end still goes, if it can.
+    // Frames that were appended before the end still go out, if they can.
     if (reason == CloseReason::kLocalClose || reason == CloseReason::kProtocolError) Flush(lock);
     phase_ = Phase::kClosed;
     introduced = introduced_;

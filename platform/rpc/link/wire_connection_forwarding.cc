@@ -73,7 +73,7 @@ uint32_t WireConnection::ReserveForwarded(const std::shared_ptr<WireConnection>&
 
 bool WireConnection::SendForwarded(FrameHeader header, const char* payload) {
   Lock lock(mutex());
-  if (phase_ != Phase::kUp) return true;  // its end tells the other side
+  if (phase_ != Phase::kUp) return true;  // the end of the connection informs the other side
   char* const out = AppendFrame(header);
   if (header.length > 0) std::memcpy(out, payload, header.length);
   SendAppended(lock);

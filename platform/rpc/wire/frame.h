@@ -5,7 +5,7 @@
 
 namespace zem::rpc {
 
-/// Kinds of frames; README.md tells what each carries.
+/// Kinds of frames; README.md describes what each carries.
 enum class FrameType : uint8_t {
   kHello = 1,
   kIds = 2,

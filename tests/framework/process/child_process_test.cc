@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include "framework/process/util.h"
 #include "platform/core/thread.h"
 
 namespace zem::Tarvik {

@@ -27,9 +27,9 @@ class StoreFixture : public testing::Test {
   static constexpr const char* kEndpoint = "tcp://127.0.0.1:2480";
 
   StoreFixture() {
-    client =
-        std::make_shared<covedb::CoveDbClient>("tarvik-agent", kEndpoint, agent, nullptr, true, true, false);
-    client->SetExit([](int code) { ADD_FAILURE() << "the store refused a write for good: " << code; });
+    client = std::make_shared<covedb::CoveDbClient>(
+        "tarvik-agent", kEndpoint, agent, nullptr, true, true, false,
+        [](int code) { ADD_FAILURE() << "the store refused a write for good: " << code; });
     agent.RunAsync(1);
     store_provider.RunAsync(1);
     StartStore();

@@ -5,7 +5,7 @@
 #include <sys/socket.h>
 
 #include "app/zema/vifqueue/handler_pool.h"
-#include "framework/process/util.h"
+#include "framework/process/descriptor_io.h"
 #include "platform/core/thread.h"
 #include "proto/switching/switching.pb.h"
 #include "tests/app/zema/vifqueue/recording_vif_handler.h"

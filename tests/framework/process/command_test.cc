@@ -1,4 +1,6 @@
-#include "framework/process/util.h"
+#include "framework/process/command.h"
+#include "framework/process/descriptor_io.h"
+#include "framework/process/error_text.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
