@@ -111,7 +111,7 @@ class ZemaApp::Impl {
   VerticalClient vertical_;
   zema::ManagerSender sender_;
   zema::ManagerReplies replies_{sender_};
-  zema::IOService io_;  // its work uses what stands above
+  zema::IOService io_;      // its work uses what stands above
   std::mutex store_mutex_;  // guards the handler's first use
   std::shared_ptr<zema::CoveDbHandler> store_;
   ControllerListApp controller_list_;
