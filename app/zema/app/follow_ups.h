@@ -30,13 +30,13 @@ class WorkerTable;
 class ZemManager;
 struct EndpointContext;
 
-/// What this host does around and after a configuration.
+/// Work on this host that accompanies a host configuration or follows its answer.
 ///
-/// Threads: SetHostManagement and Stop by the owner, AddVifRequest and SetPrecreatedPorts from any, the rest
-/// by the host configurations' worker.
+/// Threads: the owner calls SetHostManagement and Stop; any thread may call AddVifRequest and
+/// SetPrecreatedPorts; the other operations run on the worker of host configurations.
 class FollowUps final : public FollowUpTasks {
  public:
-  /// What it works with; everything outlives it.
+  /// The objects that the follow-ups use; all of them outlive this object.
   struct Settings {
     WorkerTable& workers;
     TimerFactory& timers;
@@ -60,7 +60,7 @@ class FollowUps final : public FollowUpTasks {
   explicit FollowUps(Settings settings);
   ~FollowUps() override;
 
-  /// Drops what was to run later, and takes no more of it.
+  /// Cancels the work scheduled for later; RunLater ignores new work from then on.
   void Stop();
 
   void BeginConfiguration() override;

@@ -18,10 +18,10 @@ class HostConfigCallbacks {
  public:
   using Callback = std::function<void(const orlane::zem::switching::HostConfigMsg&)>;
 
-  /// A module's second callback is refused with a line.
+  /// A second callback of the same module is refused with a log line.
   void Register(uint32_t module_id, Callback callback);
 
-  /// Calls every module, in order of the ids.
+  /// Calls the callback of every module, in order of the module ids.
   void Call(const orlane::zem::switching::HostConfigMsg& config);
 
  private:

@@ -137,7 +137,7 @@ void HostRequests::VifResult(const std::string& rpc_id, std::unique_ptr<PortAtta
   if (const auto live = realization_.lock()) live->SetVifResult(rpc_id, std::move(result));
 }
 
-// What is sent from the receive callback goes through the I/O service, because sending may wait for the
+// Messages sent from within the receive callback go through the I/O service, because sending may wait for the
 // manager.
 
 void HostRequests::AcknowledgeHostConfig(const std::string& reply_to,

@@ -17,9 +17,9 @@ std::shared_ptr<VifRequest> DetachRequestOf(const orlane::zem::switching::VifAtt
 /// The restore of a port that the manager wants back.
 std::shared_ptr<VifRequest> RestoreRequestOf(const orlane::zem::switching::VifAttachmentMsg& vif);
 
-/// The manager's requests on a hypervisor host, carried out by the realization that is in force.
+/// The manager's requests on a hypervisor host, carried out by the current realization.
 ///
-/// Holds the realization weakly: a request that arrives behind its end changes nothing.
+/// Holds the realization weakly: a request that arrives after the realization has ended changes nothing.
 class HostRequests final : public ManagerRequests {
  public:
   /// `realization` has been set up.  `sender`, `files` and `io` outlive this object.

@@ -10,10 +10,10 @@ class TaskThread;
 
 namespace zem::zema {
 
-/// Runs what must leave the receive callback at once and yet may wait for the manager, in order, on a thread
-/// of its own ("IOServiceThread") that comes with the first piece of work.
+/// Runs, in order, work that the receive callback must not do itself because it may wait for the manager.
+/// The thread of its own ("IOServiceThread") starts with the first piece of work.
 ///
-/// Threads: Post from any; Stop by the owner.
+/// Threads: any thread may call Post; the owner calls Stop.
 class IOService {
  public:
   IOService();
@@ -21,13 +21,14 @@ class IOService {
   IOService(const IOService&) = delete;
   IOService& operator=(const IOService&) = delete;
 
-  /// What the receive callback hands over while the manager does not take messages.
+  /// How many pieces of work may wait while the manager does not take messages.
   static constexpr size_t kMostWaiting = 1000;
 
-  /// The work is destroyed unrun after Stop, and, with a line, while kMostWaiting pieces wait.
+  /// Queues the work.  It is destroyed without running after Stop and, with a log line, while kMostWaiting
+  /// pieces wait.
   void Post(std::function<void()> work);
 
-  /// Ends after the piece that runs at that moment.
+  /// Returns once the piece of work that is running has finished; the rest is not run.
   void Stop();
 
  private:

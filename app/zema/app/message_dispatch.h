@@ -14,8 +14,8 @@ class VifMsg;
 
 namespace zem::zema {
 
-/// Parses each message of the manager, has its task made and puts the task on its worker; the receive
-/// callback does no more.
+/// Parses each message of the manager, obtains its task and queues the task on its worker; the receive
+/// callback does no more than that.
 ///
 /// Threads: the receive callback's.
 class MessageDispatch {
@@ -37,7 +37,7 @@ class MessageDispatch {
   struct Row {
     std::string_view type;
     void (MessageDispatch::*take)(const Incoming&);
-    /// Whose queue the task goes to, where one is made.
+    /// The worker that runs the task; empty when the message makes no task.
     std::optional<Worker> worker;
   };
   static const Row kRows[];
@@ -63,7 +63,7 @@ class MessageDispatch {
   const std::shared_ptr<ManagerRequests> requests_;
 };
 
-/// What a response of the manager about a VIF says.
+/// The content of a manager's response about a VIF.
 std::unique_ptr<PortAttached> PortAttachedOf(const orlane::zem::switching::VifAttachmentMsg& vif);
 
 }  // namespace zem::zema

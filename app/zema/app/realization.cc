@@ -69,14 +69,13 @@ constexpr size_t kMaxBackup = 64 * 1024 * 1024;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kUser = "zemuser";
-// The script wants a third text and has no use for it.
+// The script expects a third login text but does not use it.
 constexpr const char* kThirdLoginText = "";
 constexpr const char* kRemovePermission =
     "python /usr/lib64/orlane/zem-tarvik/pylum/zema/setZemUserPermission.py --remove";
 constexpr const char* kDeleteUser = "/usr/lib/orlane/auth/bin/deluser ";
 
-// A host that answers nothing three times is not ready, and what it was asked for is asked again when it is
-// needed.
+// A host that fails to answer three times is not ready; the data is then read again when it is first needed.
 constexpr int kAnswerTries = 3;
 constexpr Duration kAnswerPause = std::chrono::seconds(1);
 
@@ -162,7 +161,8 @@ Realization::Result Realization::Impl::SetUp() {
   }
   lum_->StartWatching();
   InstallSignalDispositions();
-  // Before anybody is served: a VM must not attach to a node in maintenance because its start is slow.
+  // Restored before any VIF request is served: a VM must not attach to a node in maintenance mode just
+  // because the start is slow.
   RestoreMmode(*mmode_);
   settings_.workers->SetFactory(Factory());
   if (settings_.workers->StartSwitchHandler() != 0) return kNoSwitchHandler;
@@ -172,7 +172,7 @@ Realization::Result Realization::Impl::SetUp() {
   FinishHostConfig(host_config_);
   health_->mpaDisconnected();
   ReadStoredConfig();
-  // The manager still waits for what is written on these ports.
+  // The manager still waits for the data that is written onto these ports.
   for (const auto& [vif, request] : *ports_->site_configs().VifsForSiteConfig()) {
     host_management_.AddRequest(std::make_shared<VifRequest>(*request));
   }
@@ -180,7 +180,7 @@ Realization::Result Realization::Impl::SetUp() {
   return kDone;
 }
 
-// Its worker is there only when the options want it.
+// The worker for simulated load exists only when the options ask for it.
 void Realization::Impl::SimulateLoad() {
   if (settings_.workers->Find(Worker::kScaleSim) == nullptr) return;
   settings_.workers->AddTask(
@@ -202,7 +202,8 @@ bool Realization::Impl::OpenLibraries() {
     ZLOG_ERROR("44201", "Error in opening switch library [%s]", error.c_str());
     return false;
   }
-  // Endpoints and routers are not on every host: what needs them says so when it is asked.
+  // Not every host has endpoints and routers: the operations that need these libraries fail with an error of
+  // their own.
   if (!endpoints_->Open(&error)) ZLOG_WARN("Error in opening endpoint library [%s]", error.c_str());
   if (!router_library_->Open(&error)) ZLOG_WARN("Error in opening router library [%s]", error.c_str());
   return true;
@@ -243,7 +244,7 @@ void Realization::Impl::MakeManagers() {
   logical_switches_->sender = settings_.sender;
 }
 
-// Ends early, with false, when the agent stops or this start is given up.
+// Returns false before the time is up when the agent stops or this start is given up.
 bool Realization::Impl::Pause(Duration duration) {
   constexpr Duration kSlice = std::chrono::seconds(1);
   for (Duration slept{0}; slept < duration; slept += kSlice) {
@@ -295,7 +296,7 @@ WorkerFactory Realization::Impl::Factory() {
   return factory;
 }
 
-// What the host has is learned before anything is asked of it.
+// Reads the state of the host before the agent changes anything on it.
 void Realization::Impl::PrepareHost() {
   const auto until_answered = [this](auto&& ask) {
     for (int tries = 1; !ask() && tries < kAnswerTries && Pause(kAnswerPause); ++tries) {
@@ -367,7 +368,7 @@ void Realization::Impl::ReadStoredConfig() {
   ResumeFollowUps(stored);
 }
 
-// What a configuration left to be done later, and an end of the agent has dropped, asked for once.
+// Resumes, once, the follow-ups of the stored configuration that were lost when the agent ended.
 void Realization::Impl::ResumeFollowUps(const switching::HostConfigMsg& stored) {
   const bool pending =
       std::any_of(stored.host_switches().begin(), stored.host_switches().end(), [this](const auto& each) {
@@ -383,7 +384,7 @@ void Realization::Impl::ResumeFollowUps(const switching::HostConfigMsg& stored) 
   follow_ups_->HotSwapUnusedCkln(options.ckln_hot_swap_init_delay, options.ckln_hot_swap_retry_interval);
 }
 
-// The agent leaves this host: its switches, and its user.
+// The agent is being removed from this host: removes its switches and its user.
 void Realization::Impl::CleanUp() {
   if (lum_->SetUp(kUser, kThirdLoginText) != 0) {
     ZLOG_ERROR("42074", "[%s] Failed to cleanup HostSwitches on host: %s", __func__,

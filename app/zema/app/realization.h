@@ -31,13 +31,13 @@ struct LogicalSwitchContext;
 struct MmodeContext;
 struct VifRequest;
 
-/// Everything that one start of the realization sets up, and that the next try makes anew.
+/// Everything that one start of the realization sets up; the next attempt makes a new one.
 ///
-/// Threads: SetUp and Stop by the start's thread, or Stop by the main thread once SetUp has returned; the
-/// rest from any once SetUp has succeeded.
+/// Threads: SetUp and Stop are called by the start's thread, or Stop by the main thread once SetUp has
+/// returned; the other operations by any thread once SetUp has succeeded.
 class Realization {
  public:
-  /// What lives longer than a start.  All set, apart from what may be null.
+  /// Objects that outlive a start.  All must be set, except those that may be null.
   struct Settings {
     MpaMessageSender* sender = nullptr;
     ManagerSender* vif_sender = nullptr;
@@ -48,16 +48,16 @@ class Realization {
     TimerFactory* timers = nullptr;
     /// Null on a host without store.
     std::shared_ptr<CoveDbHandler> store;
-    /// See each configuration that is applied, and the stored one at the start.
+    /// The callbacks get each configuration that is applied, and the stored one at the start.
     HostConfigCallbacks* callbacks = nullptr;
-    /// Whose file carries the transport node id; null where no controller list is kept.
+    /// The controller list whose file holds the transport node id; null where no controller list is kept.
     Tarvik::ControllerListApp* controllers = nullptr;
-    /// Where an upgrade leaves the configuration that it found.
+    /// The file in which an upgrade saves the configuration that it found.
     std::string backup_file = "/tmp/zem/host_config.bin";
     std::string backup_saved = "/tmp/zem/host_config_saved.bin";
   };
 
-  /// What the number of a failed set-up means to its undoing.
+  /// Results of a set-up; Stop undoes the set-up as far as the result says that it went.
   enum Result : int {
     kClearMode = -1,
     kDone = 0,
@@ -74,26 +74,26 @@ class Realization {
   Realization(const Realization&) = delete;
   Realization& operator=(const Realization&) = delete;
 
-  /// Takes minutes where the host is not ready.
+  /// Takes minutes when the host is not ready.
   [[nodiscard]] Result SetUp();
 
-  /// `reason`: the result of the set-up, or 0 for the end of the process.
+  /// `reason` is the result of the set-up, or 0 when the process ends.
   void Stop(int reason);
 
   HealthRecord* health();
-  /// Null before the host configuration can be served.
+  /// Null until the host configuration can be served.
   std::shared_ptr<HostConfigContext> host_config();
   std::shared_ptr<LogicalSwitchContext> logical_switches();
   std::shared_ptr<EndpointContext> endpoints();
   std::shared_ptr<MmodeContext> mmode();
-  /// For the threads that serve the host's own requests; does not wait.
+  /// Called by the threads that serve the host's own requests; does not wait.
   void AddVifRequest(std::shared_ptr<VifRequest> request);
   void SetVifResult(const std::string& rpc_id, std::unique_ptr<PortAttached> result);
 
-  /// Empty, or what went wrong.
+  /// Returns an empty text on success, otherwise the error.
   std::string HostSwitchAndLSCleanup(bool force);
 
-  /// A migration that files describe: of VMs' ports, of interfaces and physical NICs, or both.
+  /// A migration described by files: of VMs' ports, of interfaces and physical NICs, or of both.
   std::unique_ptr<Runnable> MakeVnicMigrationTask(bool vm_ports, bool knl_pnic);
 
  private:

@@ -16,7 +16,7 @@ constexpr uint32_t kAnswersFullSync = 2;
 constexpr uint32_t kFullSyncFailed = 1;
 constexpr int32_t kNotAttempted = -1;
 
-// What cannot be read is answered without its ids.
+// A request that does not parse is answered without its ids.
 template <class Request>
 Request Read(const std::string& payload) {
   Request request;

@@ -1,4 +1,4 @@
-// The manager's messages about VIFs: answers to calls that wait, and requests of its own.
+// The manager's messages about VIFs: responses for which calls wait, and the manager's own requests.
 
 #include "app/zema/app/message_dispatch.h"
 #include "framework/log/log.h"

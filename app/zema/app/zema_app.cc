@@ -99,7 +99,7 @@ class ZemaApp::Impl {
   void SetStarted();
   std::shared_ptr<zema::CoveDbHandler> GetCoveDbHandler();
 
-  // What the manager sends.
+  // Handlers of the manager's messages.
   void TakeClose();
   void TakeAck(uint32_t major, uint32_t minor);
   void TakePayload(const VerticalRecord& record);
@@ -111,7 +111,7 @@ class ZemaApp::Impl {
   VerticalClient vertical_;
   zema::ManagerSender sender_;
   zema::ManagerReplies replies_{sender_};
-  zema::IOService io_;      // its work uses what stands above
+  zema::IOService io_;      // its work uses the members above
   std::mutex store_mutex_;  // guards the handler's first use
   std::shared_ptr<zema::CoveDbHandler> store_;
   ControllerListApp controller_list_;
@@ -241,8 +241,8 @@ std::shared_ptr<zema::Realization> ZemaApp::Impl::realization() const {
 
 namespace {
 
-// What is thrown is one more reason to begin anew: nothing of this thread may end the daemon, which would
-// find the same at its next start.
+// An exception is one more reason to try again: if it ended the daemon, the next start would meet the same
+// failure.
 int SetUpOf(zema::Realization& realization) {
   try {
     return realization.SetUp();
@@ -254,7 +254,7 @@ int SetUpOf(zema::Realization& realization) {
 
 }  // namespace
 
-// The set-up, again and again until it holds or the daemon stops.
+// Repeats the set-up until it succeeds or the daemon stops.
 void ZemaApp::Impl::StartUp() {
   for (int delay = kFirstRetryDelay;; delay *= 2) {
     auto realization = MakeRealization();
@@ -305,14 +305,14 @@ void ZemaApp::Impl::SetStarted() {
 }
 
 void ZemaApp::Impl::WaitStarted() {
-  // The shutdown has no way to notify, so it is looked for.
+  // A shutdown does not notify this condition variable, so the loop checks for it every second.
   std::unique_lock lock(mutex_);
   while (!started_ && !ShutdownRequested())
     changed_.WaitFor(lock, std::chrono::seconds(1), [this] { return started_; });
 }
 
 void ZemaApp::Impl::Stop(int reason) {
-  // A set-up under way ends by itself at the shutdown.
+  // A set-up that is running ends by itself when the daemon shuts down.
   if (start_up_ != nullptr) start_up_->Join();
   controller_list_.Stop();
   if (const auto current = realization()) {
@@ -332,7 +332,7 @@ void ZemaApp::Impl::Stop(int reason) {
   if (reason == 0) Host().Forget();
 }
 
-// --- In.
+// --- Messages of the manager.
 
 void ZemaApp::Impl::TakeClose() {
   if (const auto current = realization(); current && current->health() != nullptr) {
@@ -402,7 +402,7 @@ void ZemaApp::Impl::TakeOnEdge(const VerticalRecord& record) {
   callbacks_.Call(config);
 }
 
-// --- What operators ask.
+// --- Requests of operators.
 
 std::shared_ptr<zema::Realization> ZemaApp::Impl::started_realization() const {
   const std::lock_guard lock(mutex_);

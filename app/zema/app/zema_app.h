@@ -19,12 +19,13 @@ class CoveDbClientInterface;
 
 namespace zem::Tarvik {
 
-/// Realizes on this host what the manager wants: the vertical "SwitchingVertical".
+/// Realizes on this host the configuration that the manager sends: the vertical "SwitchingVertical".
 ///
-/// The start returns at once on a host; the long set-up goes on by itself and tries again, later and later,
-/// until it holds.  Messages are taken from then on.
+/// On a host, Start returns at once; the long set-up continues on its own thread and is retried with growing
+/// delays until it succeeds.  Messages are accepted from then on.
 ///
-/// Threads: Start, WaitStarted and Stop by the main thread, in this order; the rest from any.
+/// Threads: the main thread calls Start, WaitStarted and Stop, in this order; the other operations may be
+/// called from any thread.
 class ZemaApp {
  public:
   using HostConfigCallback = std::function<void(const orlane::zem::switching::HostConfigMsg&)>;
@@ -34,27 +35,29 @@ class ZemaApp {
           std::shared_ptr<covedb::CoveDbClientInterface> store);
   ~ZemaApp();
 
-  /// 0.  Throws what the registration with the manager client throws, and when the client is missing.
+  /// Returns 0.  Throws when the manager client is missing, and whatever the registration with it throws.
   int Start(bool ovs_dpdk, bool ovs_dpdk_create_vif, bool lacp_allow_balance_tcp);
 
   /// Returns when the start has reached the controller list, or the daemon is stopping.
   void WaitStarted();
   bool started() const;
 
-  /// `reason`: 0 for the end of the process, else the step at which the set-up failed.
+  /// `reason` is 0 when the process ends, otherwise the step at which the set-up failed.
   void Stop(int reason);
 
-  /// Called with each host configuration that is applied or restored, in order of the ids.  A module's second
-  /// callback is refused.
+  /// `callback` gets each host configuration that is applied or restored; the modules are called in order of
+  /// their ids.  A second callback of the same module is refused.
   void RegisterHostCfgMsgCallBack(uint32_t module_id, HostConfigCallback callback);
 
-  /// Removes the host's switches and logical switches, behind the configurations that wait already; `done`
-  /// gets what went wrong, or an empty text.  Destroyed uncalled when the daemon stops before.
+  /// Queues the removal of the host's switches and logical switches behind the configurations that wait
+  /// already. `done` gets the error, or an empty text.  It is destroyed without being called when the daemon
+  /// stops first.
   void Reset(std::function<void(std::string error)> done);
-  /// Empty, or what went wrong.
+  /// Returns an empty text on success, otherwise the error.
   std::string ReloadOptions();
-  /// Carries out what the host's migration files ask for, behind the configurations that wait already; the
-  /// outcome goes into a file.  Empty, or why it will not.
+  /// Queues the migration that the host's migration files ask for, behind the configurations that wait
+  /// already; its outcome is written to a file.  Returns an empty text, or the reason why the migration is
+  /// refused.
   std::string Migrate(bool vm_ports, bool knl_pnic);
 
  private:

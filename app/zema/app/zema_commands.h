@@ -8,8 +8,8 @@ namespace zem::Tarvik {
 
 class ZemaApp;
 
-/// What operators may ask of the realization: "zema/reset", "zema/reload_options", "zema/migration".
-/// `app` outlives the server.
+/// The operators' commands of the realization: "zema/reset", "zema/reload_options", "zema/migration".  `app`
+/// outlives the server.
 std::vector<CliCommand> ZemaCommands(ZemaApp& app);
 
 }  // namespace zem::Tarvik

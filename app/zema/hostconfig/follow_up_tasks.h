@@ -13,13 +13,13 @@ class HostConfigMsg;
 
 namespace zem::zema {
 
-/// What surrounds the application of a host configuration on this node: the work that is left for after its
-/// answer, and the parts of the agent above that have to know of it.
+/// What the application of a host configuration asks of the agent around it: work that runs after the answer,
+/// and notifications to other parts of the agent.
 ///
-/// Threads: the host configurations' worker, apart from RunBehind, which may be called from any thread.
+/// Threads: the worker of host configurations, except RunBehind, which may be called from any thread.
 class FollowUpTasks {
  public:
-  /// Whom the outcome is for.
+  /// Identifies the recipient of the outcome.
   struct Origin {
     std::string correlation_id;
     std::string reply_to;
@@ -30,33 +30,34 @@ class FollowUpTasks {
 
   virtual ~FollowUpTasks() = default;
 
-  /// A configuration is in force: tasks for older ones stop looking for addresses.
+  /// A new configuration is in force: tasks of older ones stop looking for addresses.
   virtual void BeginConfiguration() = 0;
-  /// Looks for the IPv4 addresses of endpoints that get them by DHCP; `retries` more tries if the first finds
-  /// none.
+  /// Looks for the IPv4 addresses of endpoints that get them by DHCP; tries up to `retries` more times when
+  /// the first try finds none.
   virtual void FetchAddresses(const Origin& origin, const std::vector<std::string>& devices, int retries) = 0;
-  /// As FetchAddresses for IPv6.  `kinds` has "dhcp" or "linklayer" by device.
+  /// Like FetchAddresses, for IPv6.  `kinds` maps each device to "dhcp" or "linklayer".
   virtual void FetchIpv6Addresses(const Origin& origin, const std::map<std::string, std::string>& kinds,
                                   int retries) = 0;
-  /// Both in seconds.
+  /// Both arguments are in seconds.
   virtual void HotSwapUnusedCkln(int initial_delay, int retry_interval) = 0;
-  /// Applies, once the host is in maintenance mode, the performance settings that need it.
+  /// Waits for the host's maintenance mode, then applies the performance settings that need it.
   virtual void ApplyHighPerformanceProfile() = 0;
-  /// The host management daemon opens its socket with the first switch: waits for the connection, seconds at
-  /// most.
+  /// Waits up to `seconds` for the host management daemon, which opens its socket when the first switch
+  /// exists.
   virtual void WaitForHostManagement(int seconds) = 0;
   /// Writes the transport node id into the controllers' file.
   virtual void UpdateTnUuidInFile(const std::string& id) = 0;
-  /// False while the host's switches change, so that no port operation is replayed meanwhile.
+  /// Called with false while the host's switches change, so that no port operation is replayed meanwhile.
   virtual void AllowResync(bool allowed) = 0;
 
   /// Reports each configuration once it has been applied.
   virtual void Applied(const orlane::zem::switching::HostConfigMsg& config) = 0;
-  /// Ends the maintenance mode in this process: the node to which it belonged is gone.
+  /// Ends the maintenance mode in this process, because the node to which it belonged has been removed.
   virtual void LeaveMaintenance() = 0;
-  /// Runs the work on the thread of the host configurations, so much later; replaces what waits already.
+  /// Runs the work on the thread of host configurations after `delay`; replaces work that is already
+  /// scheduled.
   virtual void RunLater(Duration delay, std::function<void()> work) = 0;
-  /// Runs the work on the thread of the host configurations, behind what waits there already.
+  /// Runs the work on the thread of host configurations, after the tasks that wait there already.
   virtual void RunBehind(std::function<void()> work) = 0;
 };
 

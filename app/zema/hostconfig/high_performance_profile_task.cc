@@ -41,7 +41,7 @@ void HighPerformanceProfileTask::Run() {
     std::string reply;
     if (settings_.lum.InvokeCommand("fetchMMode()", "true", &reply) == LumCommands::kSucceeded) {
       if (!Apply(config)) break;
-      // The host has left the mode in between.
+      // The host left the maintenance mode in between.
       stopped = !settings_.pause(std::chrono::seconds(settings_.retry_interval()));
       continue;
     }
@@ -51,7 +51,7 @@ void HighPerformanceProfileTask::Run() {
   }
   ZLOG_INFO("Completing the HighPerformanceProfileTask and setting the running task ptr to NULL.");
   settings_.done();
-  // What still waits when the agent ends has not succeeded.
+  // When the agent ends first, no outcome is reported: settings that are still pending have not been applied.
   if (was_pending && !stopped) Tell(config);
 }
 

@@ -19,26 +19,26 @@ class HighPerformanceProfile;
 class LumCommands;
 class MpaMessageSender;
 
-/// Waits until the host is in maintenance mode and then puts the performance settings into the datapath that
-/// were held back; the manager is told how that went.
+/// Waits until the host is in maintenance mode, applies the pending performance settings to the datapath and
+/// reports the outcome to the manager.
 ///
 /// Threads: its own worker.
 class HighPerformanceProfileTask final : public Runnable {
  public:
-  /// All set, apart from the sender; everything outlives the task.
+  /// All fields must be set, except the sender; everything outlives the task.
   struct Settings {
     LumCommands& lum;
     ConfigFiles& files;
     HighPerformanceProfile& profile;
     MpaMessageSender* sender = nullptr;
-    /// A host property of a switch; the library's code.
+    /// Reads a host property of a switch; returns the library's code.
     std::function<uint32_t(const std::string& dvs, const std::string& property, std::string* value)>
         host_prop;
     /// `highPerformanceProfile.retryIntervalSec`.
     std::function<int()> retry_interval;
     /// Waits; false when the agent or its worker is stopping.
     std::function<bool(Duration)> pause;
-    /// Called at the end: another task may come.
+    /// Called at the end, after which another task may be queued.
     std::function<void()> done;
   };
 
@@ -49,7 +49,7 @@ class HighPerformanceProfileTask final : public Runnable {
 
  private:
   bool Pending(const orlane::zem::switching::HostConfigMsg& config) const;
-  /// False when nothing is left to wait for.
+  /// Returns false when nothing is left to wait for.
   bool Apply(const orlane::zem::switching::HostConfigMsg& config);
   void Tell(const orlane::zem::switching::HostConfigMsg& config) const;
 

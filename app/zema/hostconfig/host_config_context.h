@@ -28,7 +28,7 @@ class RouterPorts;
 class SwitchLibrary;
 struct HostConfigState;
 
-/// What the application of a host configuration works on.  What it refers to outlives the tasks.
+/// The objects with which a host configuration is applied.  Everything that it refers to outlives the tasks.
 struct HostConfigContext {
   LumCommands& lum;
   SwitchLibrary& library;
@@ -48,7 +48,7 @@ struct HostConfigContext {
   FollowUpTasks& follow_ups;
   /// Waits; false when the daemon is stopping.
   std::function<bool(Duration)> pause;
-  /// Held across each sequence of changes to a port, here as on the threads that serve VIFs.
+  /// Held across each sequence of changes to a port, both here and on the threads that serve VIFs.
   Synchronizable& port_lock;
 };
 

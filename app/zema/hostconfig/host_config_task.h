@@ -10,7 +10,7 @@
 
 namespace zem::zema {
 
-/// Makes the node what one message of the manager says, and tells the manager what became of it.
+/// Applies one host configuration of the manager to the node and reports the outcome to the manager.
 ///
 /// Threads: one, which is not a provider's.
 class HostConfigTask : public MpaMessageTask<orlane::zem::switching::HostConfigMsg> {
@@ -21,11 +21,11 @@ class HostConfigTask : public MpaMessageTask<orlane::zem::switching::HostConfigM
   void Run() override;
   bool IsBatchable() const override { return false; }
 
-  /// `upgrade`: the message is the one that an upgrade of the agent has left.  `reset`: the host itself
-  /// removes its switches; the message is empty.
+  /// `upgrade`: the message was saved by an upgrade of the agent.  `reset`: the host itself asked for the
+  /// removal of its switches; the message is empty.
   virtual void ApplyHostConfig(bool upgrade, bool reset) = 0;
 
-  /// The message as it has become, with the errors and the endpoints' ids.
+  /// The message as the application has changed it, with the errors and the endpoints' ids.
   virtual HostConfigMsg BuildReply();
 
  protected:

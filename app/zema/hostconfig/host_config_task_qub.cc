@@ -39,8 +39,9 @@ constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kThreadName = "zema:HstCfg";
 constexpr int kAddressRetries = 20;
 
-// What a configuration sets before it is stored.  One that is refused before that leaves it as it was, so
-// that the next one begins as this one did; the id in the controllers' file comes again with it.
+// The state that a configuration changes before it is stored.  If the configuration is refused before that
+// point, the state is restored, so that the next configuration starts from the same state; it writes the id
+// into the controllers' file again.
 class StateBeforeStored {
  public:
   explicit StateBeforeStored(HostConfigContext& context)
@@ -110,7 +111,7 @@ void HostConfigTaskQub::ScheduleFollowUps() {
 HostConfigTask::HostConfigMsg HostConfigTaskQub::BuildReply() {
   endpoint_ids_ = vteps_.endpoint_ids;
   HostConfigMsg reply = HostConfigTask::BuildReply();
-  // The wait is for the answer's sake: who reads it may ask for ports at once.
+  // The answer waits for the host management daemon because its reader may ask for ports at once.
   if (sender_ != nullptr && errors_.code() == 0 && message_.host_switches_size() > 0) {
     context_->follow_ups.WaitForHostManagement(options_.vif_operation_timeout);
   }
@@ -152,20 +153,22 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   }
   before.Keep();
   CreateGuestLaneInterface();
-  // A switch that an earlier process knew may not be in this one's record any more.
+  // The current record may lack a switch that was known to the earlier process.
   routers_before_.merge(RouterMacTexts(context_->health.dvs_vdr_macs()));
-  // If the mark cannot be written, the configuration's own file cannot either, and its error is told.
+  // If the mark cannot be written, the configuration file cannot be written either, and that error is
+  // reported.
   mark_ = Mark(reset);
   context_->files.BeginApply(mark_);
   Persist();
   switches = ConfigureSwitches(upgrade, reset, extra_config);
   if (switches != Switches::kFailed) {
     HostSwitchCommands commands(context_->lum, errors_);
-    // The failure has been told.
+    // UpdateTnIdToCorvd has added its error to errors_.
     static_cast<void>(commands.UpdateTnIdToCorvd(message_.transport_node_id()));
   }
   if (!migration_request_.empty()) SaveMigrationOutcome();
-  // Nobody hears of a failure when an earlier process's work is finished: it stays to be done.
+  // When an earlier process's work is being finished, no answer reports a failure: the mark stays, so that
+  // the work is tried again.
   if (!finishing_ || errors_.code() == 0) EndApply();
   context_->follow_ups.Applied(message_);
 }
@@ -206,7 +209,7 @@ void HostConfigTaskQub::CreateGuestLaneInterface() {
   ZLOG_INFO("[%s] create GuestLane interface.", __func__);
   if (options_.guest_lane_device_name.empty()) return;
   HostSwitchCommands commands(context_->lum, errors_);
-  // The failure has been told.
+  // AddGuestLaneInterface has added its error to errors_.
   static_cast<void>(commands.AddGuestLaneInterface(options_.guest_lane_device_name, options_.guest_lane_ip,
                                                    options_.guest_lane_netmask));
 }
@@ -217,11 +220,12 @@ UnfinishedApply HostConfigTaskQub::Mark(bool reset) const {
   if (reset) {
     mark.kind = Kind::kReset;
   } else if (!message_.has_transport_node_id()) {
-    // Its file goes before the switches do.
+    // The node's configuration file is removed before its switches are.
     mark.kind = Kind::kRemoval;
     mark.message = message_.SerializeAsString();
   } else if (!migration_request_.empty()) {
-    // Nobody asks for it again, so that it begins with the mark and not with the stored message.
+    // The tool does not request the migration again, so the mark holds the message: an interruption before
+    // the message is stored must not lose the request.
     mark.message = message_.SerializeAsString();
   }
   mark.header = header_;
@@ -234,7 +238,8 @@ UnfinishedApply HostConfigTaskQub::Mark(bool reset) const {
   return mark;
 }
 
-// The process that has begun it knew what became of the file with the VMs; their ports have gone with it.
+// Saves the interfaces' outcome alone: only the process that began the configuration knew the outcome of the
+// file with the VMs, and their ports were lost with that process.
 void HostConfigTaskQub::SaveMigrationOutcome() {
   MigrationResult result;
   ReadMigrationResult(migration_result_file_, &result);
@@ -291,8 +296,8 @@ void HostConfigTaskQub::Persist() {
   }
 }
 
-// Ends the mark of a removal when both the host and the store have lost the node: a start that found no mark
-// would take what the store still has for what the host has to get.
+// Ends the mark of a removal when both the host and the store have removed the node.  Without the mark, a
+// start would apply what the store still holds to the host.
 class HostConfigTaskQub::RemovalEnd {
  public:
   explicit RemovalEnd(const std::shared_ptr<HostConfigContext>& context) : context_(context) {}
@@ -374,7 +379,7 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
     std::set<std::string> all(mark_.leaving_vifs.begin(), mark_.leaving_vifs.end());
     all.insert(vifs.begin(), vifs.end());
     mark_.leaving_vifs.assign(all.begin(), all.end());
-    // If it cannot be written, they stay on their ports only if this process ends now.
+    // If the mark cannot be written, the VIFs are left on their ports, but only if this process ends now.
     static_cast<void>(context_->files.BeginApply(mark_));
   };
   settings.left_before = left_before_;
@@ -488,14 +493,14 @@ namespace {
 constexpr Duration kFirstFinishDelay = std::chrono::seconds(30);
 constexpr Duration kLastFinishDelay = std::chrono::minutes(10);
 
-// True when nothing is left to be done.
+// Returns true when nothing is left to be finished.
 bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
   using Kind = UnfinishedApply::Kind;
   const auto unfinished = context->files.ApplyUnfinished();
   if (!unfinished) return true;
   switching::HostConfigMsg message;
   const bool read = message.ParseFromString(unfinished->message);
-  // The store has what the manager sent, and nothing that the host asked for.
+  // The store holds what the manager sent, but nothing that the host asked for.
   bool in_store = !unfinished->message.empty();
   if (unfinished->kind == Kind::kConfiguration) {
     in_store = unfinished->migration_request.empty();
@@ -531,7 +536,8 @@ void FinishWithin(const std::shared_ptr<HostConfigContext>& context, Duration ne
             static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(next_delay).count()));
   context->follow_ups.RunLater(next_delay, [weak = std::weak_ptr<HostConfigContext>(context), next_delay] {
     const auto live = weak.lock();
-    // Something newer has been applied, or was refused and is with the manager.
+    // A newer configuration has been applied in the meantime, or was refused and its error sent to the
+    // manager.
     if (!live || !live->files.not_in_force()) return;
     FinishWithin(live, std::min(2 * next_delay, kLastFinishDelay));
   });

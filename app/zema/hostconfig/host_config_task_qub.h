@@ -26,18 +26,19 @@ class InterfaceMigration;
 
 /// A host configuration on a hypervisor.
 ///
-/// The configuration is stored before the first change of the host: what ends the daemon after that is healed
-/// by the manager, which sees by the checksum what was asked last.  What fails from then on adds its text and
-/// raises the code; the answer always goes out.
+/// The configuration is stored before the host is first changed: if the daemon ends after that, the manager
+/// sees from the checksum which configuration was requested last and repairs the rest.  Each failure from
+/// then on adds its text and raises the code; the answer is always sent.
 ///
 /// Threads: one, which is not a provider's.
 class HostConfigTaskQub : public HostConfigTask {
  public:
-  /// Whether the store gets the message too.
+  /// Whether the message is also written to the store.
   enum class InStore { kNo, kYes };
 
-  /// `sender` may be null: nobody is answered then.  `header` is the bus header that the message came with;
-  /// empty, and the message not for the store, when it did not come from the manager.
+  /// `sender` may be null, in which case no answer is sent.  `header` is the bus header of the message; when
+  /// the message did not come from the manager, the header is empty and the message is not written to the
+  /// store.
   HostConfigTaskQub(std::shared_ptr<HostConfigContext> context, MpaMessageSender* sender,
                     std::string correlation_id, std::string reply_to, HostConfigMsg message, InStore in_store,
                     std::string header);
@@ -47,7 +48,8 @@ class HostConfigTaskQub : public HostConfigTask {
   void ApplyHostConfig(bool upgrade, bool reset) override;
   HostConfigMsg BuildReply() override;
 
-  /// Applies again what an earlier process did not finish.  False when it fails: it is still to be finished.
+  /// Applies again a configuration that an earlier process did not finish.  Returns false when that fails and
+  /// has to be tried again.
   [[nodiscard]] bool Finish(const UnfinishedApply& unfinished);
 
   uint32_t error_code() const { return errors_.code(); }
@@ -55,19 +57,19 @@ class HostConfigTaskQub : public HostConfigTask {
  protected:
   HostConfigContext& context() { return *context_; }
 
-  /// Writes down what a migration that a file asks for has come to: while the mark of the application is
-  /// there, so that whatever ends the agent leaves one of the two.
+  /// Saves the outcome of a migration that was requested by file.  Called while the mark of the application
+  /// exists, so that whenever the agent ends, either the mark or the outcome is there.
   virtual void SaveMigrationOutcome();
-  /// None when all went well.
+  /// Empty when there were no errors.
   std::vector<std::string> ErrorTexts() const;
 
-  /// Both empty for any other configuration.
+  /// The ids of the migration requests; both are empty when no file requested the configuration.
   std::string migration_request_;
   std::string migration_result_file_;
 
  private:
   class RemovalEnd;
-  /// How far the way to the switches went.
+  /// How far the application got with the switches.
   enum class Switches { kConfigured, kFailed, kNotReached };
 
   void TakeHealth();
@@ -89,13 +91,13 @@ class HostConfigTaskQub : public HostConfigTask {
   const std::shared_ptr<HostConfigContext> context_;
   const InStore in_store_;
   const std::string header_;
-  /// The message as it came, in the store's form: the message itself becomes the host's.
+  /// The message as it was received, in the store's form; message_ itself is converted to the host's form.
   std::unique_ptr<orlane::zem::covedb::RealizedHostConfigMsg> for_store_;
   Thread monitor_{true, nullptr, 0};
   RealizationOptions options_;
   KnlMigrationMap migration_map_;
   LeavingSwitches::RouterMacs routers_before_;
-  /// VIFs that left their switches, perhaps, when an earlier process ended.
+  /// VIFs that may have left their switches before an earlier process ended.
   std::vector<std::string> left_before_;
   UnfinishedApply mark_;
   std::shared_ptr<RemovalEnd> removal_end_;
@@ -104,17 +106,17 @@ class HostConfigTaskQub : public HostConfigTask {
   bool finishing_ = false;
 };
 
-/// Empty when the host's switches are gone, else what went wrong: a host configuration without anything, on
-/// the host's own demand.
+/// Removes the host's switches at the host's own request, by applying an empty host configuration.  Returns
+/// an empty text on success, otherwise the error.
 std::string RemoveHostSwitches(const std::shared_ptr<HostConfigContext>& context);
 
-/// Finishes the configuration, removal or reset in whose middle the agent ended: neither the host nor the
-/// manager, who sees it stored, would heal that.  What fails is tried again later, with growing delays, until
-/// it holds or the manager sends something newer.  Throws nothing.
+/// Finishes the configuration, removal or reset that was interrupted when the agent ended: neither the host
+/// nor the manager, which sees it stored, would repair that.  A failure is retried with growing delays until
+/// it succeeds or the manager sends a newer configuration.  Does not throw.
 void FinishHostConfig(const std::shared_ptr<HostConfigContext>& context);
 
-/// What a restart needs of the configuration in force: the host's id, the switches whose health is published,
-/// and whether the manager wants the node down.
+/// Restores the cached data that a restart needs from the configuration in force: the host's id, the switches
+/// whose health is published, and whether the manager wants the node down.
 void UpdateCacheMap(HostConfigContext& context);
 
 }  // namespace zem::zema

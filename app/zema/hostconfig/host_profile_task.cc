@@ -18,7 +18,8 @@ constexpr uint32_t kReplyMarker = 2;
 constexpr uint32_t kSuccess = 1;
 constexpr uint32_t kFailure = 2;
 
-// "ok|" and two digits: the version is 7.0 or higher; there is an unused switch.
+// The reply is "ok|" and two digits: whether the version is 7.0 or higher, and whether there is an unused
+// switch.
 bool IsVersion70(const std::string& facts) {
   constexpr size_t kVersionDigit = 3;
   return facts.size() > kVersionDigit && facts.rfind("ok|", 0) == 0 && facts[kVersionDigit] == '1';

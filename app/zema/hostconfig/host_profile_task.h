@@ -9,10 +9,10 @@ namespace zem::zema {
 
 class LumCommands;
 
-/// The answer to a profile that failed.
+/// The answer to a host profile that failed.
 orlane::zem::switching::HostProfileMsg RefusedHostProfile(const std::string& error);
 
-/// Passes the host's part of a profile on to the host, and the outcome back.
+/// Passes the host's part of a profile to the host and reports the outcome to the manager.
 class HostProfileTask final : public MpaMessageTask<orlane::zem::switching::HostProfileMsg> {
  public:
   HostProfileTask(LumCommands& lum, MpaMessageSender* sender, std::string correlation_id,

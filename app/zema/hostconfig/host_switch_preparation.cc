@@ -21,14 +21,15 @@ constexpr LogSource kLog{"tarvik", "zema"};
 constexpr uint32_t kTypeKln = 2;
 constexpr uint32_t kTypeToConvert = 3;
 
-// How much a switch tells of VIFs.
+// How much a switch reports about VIFs.
 constexpr uint32_t kCollectionOnce = 1;
 constexpr uint32_t kCollectionNoRuntime = 2;
 constexpr uint32_t kCollectionDone = 3;
 
 constexpr const char* kInitialRevision = "0";
 
-// The switch libraries want the host's form, which the message has only after its checks.
+// The switch libraries need the id in the host's form, to which the message is converted only after its
+// checks.
 std::string HostForm(const std::string& id) {
   std::string converted = id;
   return ConvertDvsUuidToQubFormat(&converted) ? converted : id;
@@ -77,7 +78,7 @@ void HostSwitchPreparation::SetSecurityProperty(const Config& config) {
   for (const auto& host_switch : config.host_switches()) {
     if (!host_switch.security()) continue;
     const std::string id = HostForm(host_switch.id());
-    // A switch that is only about to be made has no properties yet.
+    // A switch that has yet to be created has no properties.
     context_.switches.SetHostProp(id, port_props::kKlnSecurityEnabled, "true");
   }
 }

@@ -8,7 +8,8 @@ namespace zem::zema {
 
 struct HostConfigContext;
 
-/// What is brought into shape in a configuration, and told to the host, before anything is checked.
+/// Prepares a configuration, and sends the host the settings that it needs, before the configuration is
+/// checked.
 ///
 /// Threads: the host configuration's.
 class HostSwitchPreparation {
@@ -17,9 +18,9 @@ class HostSwitchPreparation {
 
   explicit HostSwitchPreparation(HostConfigContext& context) : context_(context) {}
 
-  /// For a host that has no id yet.
+  /// Prepares the configuration of a host that has no id yet.
   void PrepareFirst(Config* config);
-  /// For a host that is in operation.
+  /// Prepares the configuration of a host that already has an id.
   void PrepareNext(Config* config);
 
  private:

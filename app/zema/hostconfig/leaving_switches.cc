@@ -31,7 +31,7 @@ std::set<std::string> IdsOf(const LeavingSwitches::Config& config) {
   return ids;
 }
 
-// In order of the ids.
+// The switches that leave, in order of their ids.
 std::vector<std::string> Leaving(const LeavingSwitches::Config& config,
                                  const std::vector<HostDvs>& existing) {
   std::set<std::string> there;
@@ -116,8 +116,9 @@ void LeavingSwitches::UnsetSecurity(const Config& config, const std::vector<Host
     ZLOG_ERROR("42009", "GetSecurityEnabledDvsIds reply %s", reply.c_str());
     return;
   }
-  // A switch that stays keeps the property also when its security is withdrawn: it is written at the initial
-  // revision alone and would not come back, and what ties its ports to their VIFs is not security's alone.
+  // A switch that stays keeps the property even when its security is withdrawn.  The property is written only
+  // at the initial revision and would not be restored, and the data that ties its ports to their VIFs is not
+  // used for security alone.
   for (const std::string& id : Leaving(config, existing)) {
     if (std::find(enabled->begin(), enabled->end(), id) == enabled->end()) continue;
     ClearOpaqueDataOnPorts(context_, id);
@@ -141,7 +142,7 @@ bool LeavingSwitches::ApplyDvsList(const std::string& list, const std::string& n
   return false;
 }
 
-// A router whose MAC address changes has to be gone before it is there again.
+// A router whose MAC address changes has to be removed completely before it is connected again.
 bool LeavingSwitches::UnloadRouters(const RouterMacs& after) {
   std::vector<std::string> changing;
   std::string error;

@@ -15,22 +15,22 @@ namespace zem::zema {
 class ErrorSink;
 struct HostConfigContext;
 
-/// Takes the switches down that a configuration does not have any more, and the router ports that change.
+/// Removes the switches that a configuration no longer has, and the router ports that change.
 ///
 /// Threads: the host configuration's.
 class LeavingSwitches {
  public:
   using Config = orlane::zem::switching::HostConfigMsg;
-  /// Text of the router's MAC address by switch id; empty: none.
+  /// The router's MAC address as text, by switch id; empty when there is no router.
   using RouterMacs = std::map<std::string, std::string>;
 
   LeavingSwitches(HostConfigContext& context, ErrorSink& errors) : context_(context), errors_(errors) {}
 
-  /// The switches that leave forget their teaming.
+  /// Clears the teaming of the switches that leave.
   void ClearTeaming(const Config& config, const std::vector<HostDvs>& existing);
 
-  /// True ends the configuration's way to the switches: it has told its error.  `before` has the router
-  /// addresses of the configuration in force.
+  /// Returns true when the switches must not be configured any further; the error has then been added to the
+  /// errors.  `before` holds the router addresses of the configuration in force.
   [[nodiscard]] bool DisconnectVdrPortsAndResetHostSwitches(const Config& config, bool reset, bool upgrade,
                                                             const std::vector<HostDvs>& existing,
                                                             const RouterMacs& before, bool* hot_swap);

@@ -16,11 +16,11 @@ namespace switching = orlane::zem::switching;
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// States of the request.
+// States in the request.
 constexpr uint32_t kLeave = 0;
 constexpr uint32_t kEnterChecked = 1;
 constexpr uint32_t kEnter = 2;
-// States of the answer.
+// States in the answer.
 constexpr uint32_t kIn = 1;
 constexpr uint32_t kOut = 3;
 
@@ -142,7 +142,7 @@ void RestoreMmode(MmodeContext& context) {
   if (stored.state() == kLeave) {
     Leave(context);
   } else {
-    // The proxy knows already.
+    // The proxy already knows that the node is in maintenance mode.
     TakeHealthDown(context);
     context.manager.SetMaintenanceMode(true);
   }

@@ -16,17 +16,17 @@ class HealthRecord;
 class LumCommands;
 class ZemManager;
 
-/// What maintenance mode works on.  Everything outlives the tasks.
+/// The objects that maintenance mode uses.  Everything outlives the tasks.
 struct MmodeContext {
   LumCommands& lum;
   ConfigFiles& files;
   HealthRecord& health;
   ZemManager& manager;
-  /// Runs a shell command: its exit code, and what it printed.
+  /// Runs a shell command; returns its exit code and sets `output` to what it printed.
   std::function<int(const std::string& command, std::string* output)> run;
 };
 
-/// Takes the node into maintenance mode and out of it.
+/// Takes the node into and out of maintenance mode.
 ///
 /// Threads: the host configurations' worker.
 class MmodeConfigTask : public MpaMessageTask<orlane::zem::switching::MaintenanceModeConfigMsg> {
@@ -40,7 +40,7 @@ class MmodeConfigTask : public MpaMessageTask<orlane::zem::switching::Maintenanc
   virtual orlane::zem::switching::MaintenanceModeConfigResultMsg BuildReply() = 0;
 };
 
-/// On a hypervisor: not while a VM is connected, unless the manager insists.
+/// On a hypervisor: refused while a VM is connected, unless the manager forces it.
 class MmodeConfigTaskQub final : public MmodeConfigTask {
  public:
   MmodeConfigTaskQub(std::shared_ptr<MmodeContext> context, MpaMessageSender* sender,
@@ -60,10 +60,10 @@ class MmodeConfigTaskQub final : public MmodeConfigTask {
   std::vector<std::string> errors_;
 };
 
-/// What a reply says of the node: in maintenance mode, or not.
+/// The node's state in a reply: in maintenance mode or not.
 uint32_t MmodeResultState(MmodeContext& context);
 
-/// The mode in which the agent ended, when it starts.
+/// Restores, at the start of the agent, the maintenance mode in which it ended.
 void RestoreMmode(MmodeContext& context);
 
 }  // namespace zem::zema

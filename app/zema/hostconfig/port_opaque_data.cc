@@ -18,7 +18,7 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr int kTries = 3;
 
-// What ties the port to its VIF; a port without is none of ours.
+// The data that ties a port to its VIF; the agent does not own a port without it.
 struct Tie {
   std::string vif;
   std::string logical_port;
@@ -37,7 +37,7 @@ bool SetWithRetries(HostConfigContext& context, const std::string& dvs, const st
   return false;
 }
 
-// The VIFs that the manager still has to tell about, by their ports.
+// The VIFs that wait for their site configuration, by their ports.
 std::map<std::string, std::string> VifsOfPorts(const HostConfigContext& context) {
   std::map<std::string, std::string> vifs;
   const auto requests = context.ports.site_configs().VifsForSiteConfig();

@@ -10,7 +10,7 @@ namespace zem::zema {
 class ConfigFiles;
 class LumCommands;
 
-/// Tells the manager by checksums what the host has.
+/// Reports to the manager the checksums of what the host has.
 class RestoreTask final : public MpaMessageTask<orlane::zem::switching::ChecksumMsg> {
  public:
   /// `files` and `lum` have to outlive the task.

@@ -40,7 +40,7 @@ void RouterReconnection::ReconnectVdrPorts(const Config& config, const RouterMac
   if (switches) {
     ReadTeaming(*switches);
   } else {
-    // What was read before the change is good for the switches that are still there.
+    // The teaming that was read before the change is still valid for the switches that stay.
     errors_.Add(ErrorSink::kGeneral, error);
   }
   const RouterMacs after = LeavingSwitches::RouterMacsOf(config);

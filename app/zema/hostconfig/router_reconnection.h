@@ -11,9 +11,9 @@
 
 namespace zem::zema {
 
-/// Brings the router ports of the switches back after the switches changed.
+/// Reconnects the router ports of the switches after the switches changed.
 ///
-/// Threads: the host configuration's.
+/// Threads: the thread of host configurations.
 class RouterReconnection {
  public:
   using Config = orlane::zem::switching::HostConfigMsg;
@@ -21,11 +21,11 @@ class RouterReconnection {
 
   RouterReconnection(HostConfigContext& context, ErrorSink& errors) : context_(context), errors_(errors) {}
 
-  /// What the switches' router ports are connected with.
+  /// Reads the teaming with which the switches' router ports are connected.
   void ReadTeaming(const std::vector<HostDvs>& switches);
 
-  /// Those of the configuration before, as far as their switches are still there, then those of `config`; the
-  /// health is published on the switches of `config` from now on.
+  /// Reconnects the routers of the previous configuration whose switches still exist, then those of `config`.
+  /// From now on the health is published on the switches of `config`.
   void ReconnectVdrPorts(const Config& config, const RouterMacs& before, bool upgrade);
 
  private:
@@ -34,10 +34,10 @@ class RouterReconnection {
   std::vector<DvsConfigInfo> infos_;
 };
 
-/// The routers of the switches that the host has, when the agent starts.
+/// Reconnects, at the start of the agent, the routers of the switches that the host has.
 void ReconnectRoutersAtStart(HostConfigContext& context, const std::vector<HostDvs>& switches);
 
-/// By switch id; zero where there is no router.
+/// MAC addresses by switch id; zero where there is no router.
 using HealthMacs = std::map<std::string, std::array<uint8_t, 6>>;
 HealthMacs RouterMacsOfHealth(const orlane::zem::switching::HostConfigMsg& config);
 LeavingSwitches::RouterMacs RouterMacTexts(const HealthMacs& macs);

@@ -27,7 +27,7 @@ bool GetDvsConfigInfo(const std::vector<HostDvs>& switches, const TeamingReader&
       good = false;
       continue;
     }
-    // A switch with link aggregation groups has its traffic on them, not on single uplinks.
+    // The traffic of a switch with link aggregation groups goes over those groups, not over single uplinks.
     if (!lags.empty()) info.uplinks = std::move(lags);
     ZLOG_INFO("[%s] vdrPort of dvs [%s] uses teamType %u and uplinks [%s]", __func__, dvs.id.c_str(),
               info.team_type, boost::join(info.uplinks, ",").c_str());

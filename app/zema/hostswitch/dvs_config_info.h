@@ -9,7 +9,7 @@
 
 namespace zem::zema {
 
-/// How a switch spreads traffic over its uplinks: what its router port is connected with.
+/// How a switch spreads traffic over its uplinks; its router port is connected with these values.
 struct DvsConfigInfo {
   std::string id;
   uint32_t team_type = 0;
@@ -17,14 +17,15 @@ struct DvsConfigInfo {
   bool operator==(const DvsConfigInfo&) const = default;
 };
 
-/// Reads a switch's teaming, and the names of its link aggregation groups; false with the reason in `error`.
+/// Reads a switch's teaming and the names of its link aggregation groups.  Returns false and sets `error`
+/// when they cannot be read.
 using TeamingReader = std::function<bool(const std::string& dvs, uint32_t* team_type,
                                          std::vector<std::string>* uplinks, std::string* error)>;
 using LacpNamesReader =
     std::function<bool(const std::string& dvs, std::vector<std::string>* names, std::string* error)>;
 
-/// The record of each switch, in their order.  A switch that cannot be read is left out, and the reason added
-/// to `error`; the result is false then.
+/// Collects the record of each switch, in the order of `switches`.  A switch that cannot be read is left out
+/// and its reason added to `error`; the result is then false.
 [[nodiscard]] bool GetDvsConfigInfo(const std::vector<HostDvs>& switches, const TeamingReader& get_teaming,
                                     const LacpNamesReader& get_lacp_names, std::vector<DvsConfigInfo>* infos,
                                     std::string* error);

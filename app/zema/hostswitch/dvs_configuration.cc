@@ -68,7 +68,7 @@ int DvsConfiguration::ConfigureStateless(const HostConfigMsg& config, MigratedPn
   if (!RealizedByProfile(switches)) return kFailed;
   const bool applied = Apply(config, migrated);
   ZLOG_INFO("InvokeApplyHostSwitch for %d KLN completed, klnConfig%s", switches, Outcome(applied));
-  // The flags stay, so that the manager's next attempt comes this far again.
+  // The flags stay set, so that the manager's next attempt gets to this point again.
   if (!applied) return kFailed;
   if (!Send("ClearStatelessQubDvsFlags()",
             "Failed to clear stateless Qub HostProfile Engine DVS flags. Please check Stateless host config "

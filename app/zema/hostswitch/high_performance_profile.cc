@@ -13,7 +13,7 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kScript = "python3 /usr/lib/orlane/high-performance-dp/hp_dp_script.py -d ";
 
-// It reconfigures a datapath, which takes its time.
+// The script reconfigures a datapath, which takes time.
 constexpr Duration kScriptLimit = std::chrono::minutes(10);
 
 // The script's exit codes.
@@ -23,7 +23,7 @@ constexpr int kNotInMaintenanceMode = 1;
 struct Reason {
   int code;
   const char* before;
-  /// Behind what the script printed; null when that is not told.
+  /// The text that follows the script's output; null when the output is not reported.
   const char* after;
 };
 constexpr Reason kReasons[] = {
@@ -53,7 +53,7 @@ std::string Explain(int code, const std::string& name, const std::string& reply)
   return text + ".Reason :  Failure received while configuring high configuration parameters on datapath.";
 }
 
-// An ordinary name stands in the command as it is; what the shell would take apart stands in quotes.
+// A plain name appears in the command unchanged; a name that the shell would interpret is put in quotes.
 std::string Quoted(const std::string& name) {
   constexpr const char* kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.:/@%+=,-";
   if (!name.empty() && name.find_first_not_of(kPlain) == std::string::npos) return name;

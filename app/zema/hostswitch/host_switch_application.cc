@@ -19,7 +19,7 @@ using namespace orlane::zem::switching;
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// Nobody replays port operations while the switches change.
+// Keeps port operations from being replayed while the switches change.
 class ResyncPause {
  public:
   explicit ResyncPause(const std::function<void(bool)>& allow) : allow_(allow) { allow_(false); }

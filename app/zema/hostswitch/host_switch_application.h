@@ -18,31 +18,31 @@ class LumCommands;
 class TepHaLibrary;
 struct SwitchTeaming;
 
-/// What the application of switches needs of the rest of the agent.  All must be set.
+/// What the application of switches needs from the rest of the agent.  All fields must be set.
 struct HostSwitchApplicationSettings {
   /// `hostConfig.hostSwitchModeStandardRealization`.
   std::string mode_standard_realization;
   bool upgrade = false;
-  /// Installs which switch realizes which transport zone.
+  /// Stores which switch realizes which transport zone.
   std::function<void(std::vector<TzDvs>)> set_tz_to_dvs_cache;
-  /// Puts a switch's teaming and its named teamings onto it; false with the reason in `error`.
+  /// Applies a switch's teaming and its named teamings.  Returns false and sets `error` when that fails.
   std::function<bool(const std::string& dvs, const SwitchTeaming& teaming, std::string* error)>
       configure_teaming;
   std::function<bool(const std::string& dvs, const std::vector<SwitchTeaming>& teamings, std::string* error)>
       configure_named_teaming;
   EndpointIdOf endpoint_id_of;
-  /// False just before the switches change, true on every way out.
+  /// Called with false just before the switches change, and with true on every way out.
   std::function<void(bool)> allow_resync;
-  /// Some switch has high performance settings.
+  /// Called when some switch has high performance settings.
   std::function<void()> schedule_high_performance;
 };
 
-/// Makes the host's switches those of a configuration: the switches themselves, then for each its mode, the
-/// interfaces that move into it, its endpoints and their settings.  A switch that fails does not keep the
-/// others from being done.
+/// Makes the host's switches match a configuration: first the switches themselves, then for each its mode,
+/// the interfaces that move into it, its endpoints and their settings.  The failure of one switch does not
+/// keep the others from being configured.
 ///
 /// Threads: one, which is not a provider's: each step waits for the host.
-/// Ownership: holds all by reference.
+/// Ownership: holds all arguments by reference.
 class HostSwitchApplication {
  public:
   using Config = orlane::zem::switching::HostConfigMsg;
@@ -52,8 +52,8 @@ class HostSwitchApplication {
                         TepHaLibrary& tep_ha, HighPerformanceProfile& high_performance,
                         HostSwitchApplicationSettings settings);
 
-  /// `records` are those of `config`; `migrated` has the physical NICs that they left to the migration.
-  /// False when anything failed; the texts are in the errors then.
+  /// `records` are those of `config`; `migrated` holds the physical NICs that the records leave to the
+  /// migration. Returns false when any step failed; the texts are then in the errors.
   [[nodiscard]] bool InvokeApplyHostSwitch(const std::vector<std::string>& records, Config* config,
                                            const KnlMigrationMap& map, const MigratedPnics& migrated,
                                            VtepOutcome& outcome);

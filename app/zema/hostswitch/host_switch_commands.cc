@@ -25,7 +25,7 @@ constexpr const char* kPnicUsed = "zem.PnicUsedByMgmtInterfaceException-ApplyDvs
 
 constexpr uint32_t kVtepRemoved = 5;
 
-// How the host calls the ways of forwarding.
+// The host's names for the forwarding modes.
 constexpr const char* kEns = "true";
 constexpr const char* kEnsInterrupt = "intr";
 constexpr const char* kPktHandle = "false";
@@ -136,7 +136,7 @@ bool HostSwitchCommands::ApplyGuestLane(const HostSwitchMsg& host_switch) {
   std::string name = "GetGuestLaneKnl";
   if (lum_.InvokeCommand(name + "(" + host_switch.id() + ")", "", &reply) == LumCommands::kSucceeded)
     lane = ParseGuestLane(reply);
-  // Endpoints that the host has just removed are in the message as well.
+  // The message also contains endpoints that the host has just removed.
   const bool wanted = std::any_of(host_switch.vteps().begin(), host_switch.vteps().end(),
                                   [](const VtepMsg& vtep) { return vtep.state() != kVtepRemoved; });
   if (lane == (wanted ? GuestLane::kFound : GuestLane::kNotFound)) return true;

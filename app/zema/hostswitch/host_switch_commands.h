@@ -13,32 +13,33 @@ namespace zem::zema {
 class ErrorSink;
 class LumCommands;
 
-/// The commands that make a host's switches what the manager wants, each with its outcome in `errors`.
+/// The commands that make a host's switches match the manager's configuration.  Each adds its failure to
+/// `errors`.
 ///
 /// Threads: one, which is not a provider's: each operation waits for the host.
-/// Ownership: holds both by reference.
+/// Ownership: holds both arguments by reference.
 class HostSwitchCommands {
  public:
   HostSwitchCommands(LumCommands& lum, ErrorSink& errors) : lum_(lum), errors_(errors) {}
 
-  /// Makes or changes the switches of the records; true without any command when there are none, false also
-  /// when the host has switches for security alone.
+  /// Creates or changes the switches of the records.  Without records it sends no command and returns true.
+  /// It also returns false when the host has switches for security alone.
   [[nodiscard]] bool ApplyHostSwitches(const std::vector<std::string>& records);
 
-  /// Sets the switch's way of forwarding.  `standard_realization` decides what "standard" is on this host:
-  /// "pktHandle", "ens-intr", or anything else for what the host's version can do
+  /// Sets the switch's forwarding mode.  `standard_realization` decides what "standard" means on this host:
+  /// "pktHandle", "ens-intr", or, for any other value, what the host's version supports
   /// (`hostConfig.hostSwitchModeStandardRealization`).
   [[nodiscard]] bool ApplyHostSwitchMode(const orlane::zem::switching::HostSwitchMsg& host_switch,
                                          std::string_view standard_realization);
 
-  /// A switch with endpoints has a guest lane interface, one without has none.
+  /// Gives a switch with endpoints a guest lane interface, and removes it from a switch without endpoints.
   [[nodiscard]] bool ApplyGuestLane(const orlane::zem::switching::HostSwitchMsg& host_switch);
 
-  /// The host's own interface to the guest lane.
+  /// Adds the host's own interface to the guest lane.
   [[nodiscard]] bool AddGuestLaneInterface(const std::string& device, const std::string& address,
                                            const std::string& net_mask);
 
-  /// Tells the host its transport node id, empty when it has none any more.
+  /// Sends the host its transport node id; an empty `id` means that the host has none any more.
   [[nodiscard]] bool UpdateTnIdToCorvd(const std::string& id);
 
  private:

@@ -15,9 +15,9 @@ namespace {
 
 using namespace orlane::zem::switching;
 
-// Stands in place of a VM's path.
+// Takes the place of a VM's path.
 constexpr const char* kKernelInterface = "knlnic";
-// Of the entry's port flags.
+// A bit of the entry's port flags.
 constexpr uint32_t kBlocked = 1;
 
 }  // namespace

@@ -8,8 +8,8 @@
 #include "app/zema/migration/interface_migration.h"
 #include "app/zema/proxy/host_switch_lists.h"
 
-// What the application of a configuration needs of the host's switch and endpoint libraries, made of the
-// classes that reach them.  All hold their arguments by reference.
+// Adapts the classes that reach the host's switch and endpoint libraries to what the application of a
+// configuration needs.  All hold their arguments by reference.
 namespace zem::zema {
 
 class ConfigOpsManager;
@@ -23,10 +23,10 @@ struct RealizationOptions;
 PortConfigSpec PortOf(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry,
                       const std::string& zone);
 
-/// Without what concerns the removal of the agent.
+/// Leaves out the settings for the removal of the agent.
 InterfaceMigrationSettings MigrationSettings(PortOpsManager& ports, const RealizationOptions& options);
 
-/// Without the resync and the high performance task: nobody is told.
+/// Leaves out the callbacks for the resync and the high performance task, which then do nothing.
 HostSwitchApplicationSettings ApplicationSettings(TransportZones& zones, ConfigOpsManager& config,
                                                   const EndpointLibrary& endpoints,
                                                   const RealizationOptions& options, bool upgrade);

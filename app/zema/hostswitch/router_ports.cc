@@ -66,7 +66,7 @@ bool RouterPorts::GetDvsIdsChangingVdrMac(const Macs& macs, std::vector<std::str
 }
 
 uint32_t RouterPorts::UnPlumb(const std::string& dvs) {
-  // Without the library no router was ever put there.
+  // Without the library no router was ever connected.
   const uint32_t result = library_.loaded() ? library_.UnPlumbVdrConnection(dvs) : kSwitchNotFound;
   if (result != kSwitchNotFound) return result;
   ZLOG_DEBUG("[%s] No router is on dvs [%s]", __func__, dvs.c_str());

@@ -20,35 +20,35 @@ class RouterPorts {
  public:
   /// MAC addresses as texts by the switch's id; empty where the switch has no router.
   using Macs = std::map<std::string, std::string>;
-  /// Waits; false when the daemon is stopping.
+  /// Waits for the given time; returns false when the daemon is stopping.
   using Pause = std::function<bool(Duration)>;
 
-  /// Null `pause` waits for the daemon's shutdown.
+  /// Without `pause`, a wait ends early when the daemon shuts down.
   explicit RouterPorts(RouterLibrary& library, Pause pause = nullptr);
 
-  /// Which switches have a router with another address than the one in `macs`.  False with the reason in
-  /// `error` when the library fails; a switch without router does not change.
+  /// Finds the switches whose router has an address other than the one in `macs`; a switch without router is
+  /// not among them.  Returns false and sets `error` when the library fails.
   [[nodiscard]] bool GetDvsIdsChangingVdrMac(const Macs& macs, std::vector<std::string>* changing,
                                              std::string* error);
 
-  /// Takes the router off the switch: the library's code, 0 also when no router was on it.
+  /// Removes the router from the switch.  Returns the library's code, 0 also when the switch had no router.
   uint32_t UnPlumb(const std::string& dvs);
 
-  /// Takes the routers off the switches that `before` has and `after` has not, in order of the ids.  Ends at
-  /// the first that fails: its id is added to `failed`, and the result is false.
+  /// Removes the routers from the switches that are in `before` but not in `after`, in order of the ids.
+  /// Stops at the first failure, adds the switch's id to `failed` and returns false.
   [[nodiscard]] bool DisconnectVdrPorts(const Macs& before, const Macs& after,
                                         std::vector<std::string>* failed);
 
-  /// Puts routers onto the switches of `macs` that have an address and are among `switches`.  `revert` does
-  /// nothing.  Each failure adds its text to `errors`.
+  /// Connects routers to the switches of `macs` that have an address and are among `switches`.  Does nothing
+  /// when `revert` is set.  Each failure adds its text to `errors`.
   void ConnectVdrPorts(const std::vector<DvsConfigInfo>& switches, const Macs& macs, bool revert,
                        std::vector<std::string>* errors);
 
-  /// Puts the routers back when the agent starts: with the address in `macs`, or else the one that the
-  /// library still has.  After a start of the host it has none.
+  /// Reconnects the routers when the agent starts: with the address in `macs`, or else with the one that the
+  /// library still has.  After a restart of the host the library has none.
   void VdrPortReconnection(const std::vector<DvsConfigInfo>& switches, const Macs& macs);
 
-  /// False with the reason in `error` when routers are still on their way out after `seconds`, or the daemon
+  /// Returns false and sets `error` when routers are still being unloaded after `seconds`, or when the daemon
   /// is stopping.
   [[nodiscard]] bool WaitTillVdrUnloadDone(std::string* error, int seconds);
 

@@ -16,8 +16,8 @@ constexpr LogSource kLog{"tarvik", "zema"};
 constexpr std::string_view kOk = "ok|";
 constexpr char kYes = '1';
 
-// Nothing when nobody has answered: a flag that is not known is not one that is not set, since the host's
-// plugin is told to drop its flags where they are not.
+// Returns nothing when the host does not answer.  An unknown flag must not be treated as one that is not set,
+// because the host's plugin is sent the command to drop its flags when they are not set.
 std::optional<bool> IsSet(LumCommands& lum, const char* command, ErrorSink& errors) {
   std::string reply;
   const bool set = lum.InvokeCommand(command, "ok", &reply) == LumCommands::kSucceeded;
@@ -32,7 +32,7 @@ bool CheckQUBiVersion70AndUnusedCkln(LumCommands& lum, ErrorSink& errors, bool* 
   std::string reply;
   const bool answered =
       lum.InvokeCommand("CheckQUBiVersion70AndUnusedCkln()", "", &reply) == LumCommands::kSucceeded;
-  // Two digits with one character between them.
+  // The reply's text is two digits with one character between them.
   const bool readable = answered && reply.compare(0, kOk.size(), kOk) == 0 && reply.size() == kOk.size() + 3;
   if (!readable) {
     ZLOG_ERROR("42009", "CheckQUBiVersion70AndUnusedCkln reply %s", reply.c_str());
