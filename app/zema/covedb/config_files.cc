@@ -24,14 +24,14 @@ using Tarvik::Util::GetErrMsg;
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// Far above any configuration; a longer file is not ours.
+// Far larger than any configuration; a longer file was not written by this agent.
 constexpr size_t kMaxFile = 64 * 1024 * 1024;
 
 constexpr const char* kNotOpened = "Failed to open host config file to read.";
 constexpr const char* kNotParsed = "Failed to parse config file.";
 
-// Wire format has no mark of its own: an empty file, and many a foreign one, parses as a message without a
-// field that we know.
+// The wire format has no magic number: an empty file, and many foreign ones, parse as a message without any
+// known field.
 bool IsOurs(const HostConfigMsg& message) {
   return message.has_id() || message.has_transport_node_id() || message.has_revision() ||
          message.host_switches_size() > 0;
@@ -40,14 +40,14 @@ bool IsOurs(const MaintenanceModeConfigMsg& message) {
   return message.has_id() || message.has_transport_node_id() || message.has_revision() || message.has_state();
 }
 
-// The mark of an application: records of "NAME LENGTH\n", so many bytes, and a newline.
+// The file of the mark: records of "NAME LENGTH\n", followed by LENGTH bytes and a newline.
 constexpr std::array<std::string_view, 3> kKinds = {"configuration", "removal", "reset"};
 
 void AddRecord(std::string_view name, std::string_view value, std::string* text) {
   text->append(name).append(" ").append(std::to_string(value.size())).append("\n").append(value).append("\n");
 }
 
-// Nothing at the end, and at what is no record.
+// Returns nothing at the end of the text, and where it is not a record.
 std::optional<std::pair<std::string_view, std::string_view>> TakeRecord(std::string_view* rest) {
   const size_t end = rest->find('\n');
   const size_t blank = rest->substr(0, end).find(' ');
@@ -163,8 +163,8 @@ void ConfigFiles::EndApplyLocked() {
   }
 }
 
-// A mark that cannot be read, or is of an agent that wrote less into it, says at least that something was
-// under way.
+// A mark that cannot be read, or was written by an agent that recorded less, still says that an application
+// was under way.
 std::optional<UnfinishedApply> ConfigFiles::ApplyUnfinished() const {
   std::string text;
   const int reason = ReadFileWhole(ApplyMark(), kMaxFile, &text);

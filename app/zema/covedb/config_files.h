@@ -19,7 +19,8 @@ class MaintenanceModeConfigMsg;
 
 namespace zem::zema {
 
-/// What was being applied when an agent ended, with all that its end has taken from the process and the host.
+/// The application that was under way when an agent ended, with everything that the end removed from the
+/// process and the host.
 struct UnfinishedApply {
   enum class Kind {
     kConfiguration,  ///< the stored message is the one to apply again
@@ -27,26 +28,26 @@ struct UnfinishedApply {
     kReset,          ///< the host's own removal of everything
   };
   Kind kind = Kind::kConfiguration;
-  /// The message in wire format.  Empty for a configuration of the manager's, whose file has it, and for a
-  /// reset.
+  /// The message in wire format.  Empty for a configuration of the manager, which is in its own file, and for
+  /// a reset.
   std::string message;
-  /// The bus header that the message came with, and whom it is for.
+  /// The bus header of the message, and the recipient of the answer.
   std::string header;
   std::string correlation_id;
   std::string reply_to;
-  /// Texts of the routers' MAC addresses before it, by switch id; empty: no router.
+  /// The routers' MAC addresses before the application, as texts by switch id; empty means no router.
   std::map<std::string, std::string> routers_before;
   /// VIFs of the interfaces that the host was asked to move out of the switches.
   std::vector<std::string> leaving_vifs;
-  /// For a migration that a file asks for: its request id, and the file in which its outcome is awaited.
+  /// For a migration requested by a file: its request id, and the file to which its outcome is written.
   std::string migration_request;
   std::string migration_result_file;
 };
 
-/// The two files with what the manager last told this host.  Each holds one message in wire format and
-/// nothing else, since other tools read them.
+/// The two files that hold the latest configuration and the latest maintenance mode of the manager.  Each
+/// holds one message in wire format and nothing else, since other tools read them.
 ///
-/// A file is replaced as a whole or not at all, and synced before that is called done.
+/// A file is replaced as a whole or not at all, and synced before the operation succeeds.
 ///
 /// Threads: all operations from any thread.
 class ConfigFiles {
@@ -59,25 +60,27 @@ class ConfigFiles {
   ConfigFiles() : ConfigFiles(Paths()) {}
   explicit ConfigFiles(Paths paths) : paths_(std::move(paths)) {}
 
-  /// 0, or -1 with the file as it was.
+  /// Returns 0, or -1 with the file unchanged.
   [[nodiscard]] int PersistHostConfigToFile(const orlane::zem::switching::HostConfigMsg& message);
-  /// False with the reason in `error` (may be null) when there is no file, or one that holds something else;
-  /// such a file stays.
+  /// Returns false and sets `error` (may be null) when there is no file or the file has other content; such a
+  /// file is kept.
   [[nodiscard]] bool RetrieveHostConfigMsgFromFile(orlane::zem::switching::HostConfigMsg* message,
                                                    std::string* error);
   bool HasHostConfigFile() const;
 
-  /// Between the two the host's switches are neither those of one configuration nor those of the next: a
-  /// start that finds it so has to finish.  BeginApply returns false when that cannot be written down.
+  /// Mark the start and the end of an application.  In between, the host's switches match neither the
+  /// previous configuration nor the next one, and a start that finds the mark has to finish the application.
+  /// BeginApply returns false when the mark cannot be written.
   bool BeginApply(const UnfinishedApply& apply);
   void EndApply();
-  /// The last that has begun, and the end of that one: nothing when another has begun since.
+  /// The number of the application that began last.  Ending an application does nothing when another one has
+  /// begun since.
   uint64_t apply_number();
   void EndApply(uint64_t number);
   std::optional<UnfinishedApply> ApplyUnfinished() const;
 
-  /// A start could not finish the stored configuration, and nobody has begun to apply one since: what is
-  /// stored is not what the host has.
+  /// Called when a start could not finish the stored configuration.  Until the next application begins, the
+  /// host does not have what is stored.
   void SetNotInForce() { not_in_force_ = true; }
   bool not_in_force() const { return not_in_force_; }
 
@@ -86,10 +89,10 @@ class ConfigFiles {
                                                  std::string* error);
   bool HasMmodeCfgFile() const;
 
-  /// 0, also when there is no file; or -1.
+  /// Returns 0, also when there is no file, or -1.
   int DeleteHostConfigFile();
   int DeleteMmodeCfgFile();
-  /// Both, for the removal of the transport node: -1 when one of them stays.
+  /// Deletes both files when the transport node is removed; returns -1 when one of them cannot be deleted.
   int DeleteConfigFiles();
 
   const Paths& paths() const { return paths_; }
@@ -103,14 +106,14 @@ class ConfigFiles {
   const Paths paths_;
   std::atomic<bool> not_in_force_ = false;
   uint64_t apply_number_ = 0;  // under the mutex
-  std::mutex mutex_;           // one writer at a time: a removal must not meet a write half done
+  std::mutex mutex_;           // one writer at a time: a removal must not run during a write
 };
 
-/// The host configuration's identity: SHA-256 of transport node id, id and revision, as far as the message
-/// has them, in lower-case hexadecimal.  Empty when the digest cannot be had.
+/// Identifies a host configuration: the SHA-256, in lower-case hexadecimal, of those of transport node id, id
+/// and revision that the message has.  Empty when the digest cannot be computed.
 std::string ComputeChecksum(const orlane::zem::switching::HostConfigMsg& message);
 
-/// The digest alone.
+/// The SHA-256 of `text`, in lower-case hexadecimal.
 std::string Sha256Hex(std::string_view text);
 
 }  // namespace zem::zema

@@ -41,7 +41,7 @@ constexpr auto kFullSync = {ObjectType::OPAQUE_LOG_SWITCH_CONFIG, ObjectType::TR
 
 constexpr uint32_t kRuntimeStatus = 5;
 constexpr uint32_t kBarrierSize = 8;
-// A complete reading that is scheduled again and again waits no longer than this many intervals.
+// The longest time, in intervals, by which repeated scheduling can delay a complete reading.
 constexpr int kMaxIntervals = 4;
 
 constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg";
@@ -66,7 +66,7 @@ void AddBarrier(ModifyRequestMsg* request, uint64_t barrier) {
   AddPut(request, ObjectType::PROCESSED_BARRIER, processed)->set_size(kBarrierSize);
 }
 
-// The type and the keys of an object that is asked for, or all of the type without one.
+// A request for one object by its type and keys, or for all objects of the type.
 store::ObjectRequestMsg Wanted(ObjectType type) {
   store::ObjectRequestMsg wanted;
   wanted.set_object_type(type);
@@ -82,14 +82,14 @@ void AddError(const std::string& text, const Uuids& uuids, store::RuntimeStatusM
   }
 }
 
-// What "ctime" prints, its newline included.
+// The time as "ctime" prints it, including its newline.
 std::string WriteTime() {
   const std::time_t now = std::chrono::system_clock::to_time_t(Clock::Process().WallNow());
   char text[32];
   return ::ctime_r(&now, text) == nullptr ? std::string() : std::string(text);
 }
 
-// --- The requests by which an edge stores a message; nothing when it cannot be stored.
+// --- The requests by which an edge stores a message; empty when the message cannot be stored.
 
 using Requests = std::list<ModifyRequestMsg>;
 
@@ -200,13 +200,13 @@ void CoveDbHandler::ConfigureMonitors() {
     const Synchronizer lock(*this, __FILE__, __LINE__);
     if (monitored_) return;
     monitored_ = true;
-    // What is watched anew is sent anew, all of it.
+    // The store sends all objects again to a new monitor.
     initial_sync_done_ = false;
     enabled = enabled_;
   }
   covedb::CoveDbClientInterface& client = *settings_.client;
-  // Registered before the streams begin, so that no update meets a module without callback.  A registration
-  // lasts as long as the client; after a removal of the monitors the one of before is still good.
+  // The callback is registered before the streams begin, so that no update arrives without one.  A
+  // registration lasts as long as the client; the previous one stays valid after the monitors are removed.
   (void)client.RegisterMonitorCallback(
       kModuleId,
       WeakCall(
@@ -215,8 +215,8 @@ void CoveDbHandler::ConfigureMonitors() {
       WeakCall(
           weak_from_this(), [](CoveDbHandler& handler) { handler.OnBarrier(); }, [] {}),
       covedb::kDefaultVDb);
-  // While the store is away the next connection does it.  Once is enough: each time the store begins anew
-  // with everybody's objects.
+  // While the store is away, the next connection enables the sessions.  Enabling them once is enough: each
+  // time, the store first sends all objects.
   if (!enabled) enabled = client.EnableMonitorSessionCreation();
   const bool configured = Configure(true);
   if (configured) {
@@ -257,7 +257,8 @@ void CoveDbHandler::OnChannelStatus(bool up) {
     origin.epoch = epoch_;
     origin.connection = connection_;
   }
-  // A store that lost its state counts its barriers anew: what was known of them is void until it says more.
+  // A store that lost its state counts its barriers from the start: the barrier known so far is void until
+  // the store sends a new one.
   MonitorUpdateMsg no_barrier;
   no_barrier.set_object_type(ObjectType::BARRIER);
   no_barrier.set_object(std::string());
@@ -279,7 +280,7 @@ void CoveDbHandler::OnUpdate(const MonitorUpdateMsg& update) {
   bool via_ccp = false;
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
-    // On its way when the monitors were taken away.
+    // The update was on its way when the monitors were removed.
     if (!monitored_) return;
     origin = {!initial_sync_done_, epoch_, connection_};
     via_ccp = ls_realization_via_ccp_;
@@ -353,9 +354,9 @@ void CoveDbHandler::FlushDesiredConfig(std::function<void()> done) {
     ++epoch_;
     on_flush = on_flush_;
   }
-  // What is flushed must not come back as removals to be realized.
+  // The removal of the flushed objects must not come back as updates to be realized.
   RemoveMonitors();
-  // A batch that still runs is waited for here.  It may have failed and asked for a reading.
+  // Waits for a batch that is still running; the batch may have failed and scheduled a reading.
   if (on_flush) on_flush();
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
@@ -492,7 +493,7 @@ void CoveDbHandler::ScheduleLsRead(const std::vector<std::string>& uuids, uint64
   Schedule(Read::kPending, std::chrono::seconds(seconds));
 }
 
-// With the lock held.
+// Called with the lock held.
 void CoveDbHandler::Schedule(Read read, Duration delay) {
   if (timer_) timer_->Cancel();
   scheduled_ = read;
@@ -530,7 +531,7 @@ void CoveDbHandler::ReadAll(uint64_t epoch) {
           },
           [] {}),
       covedb::kDefaultVDb);
-  // The store is away: the next connection begins with everything anyway.
+  // The store is away: the next connection starts with a complete reading anyway.
   if (!asked) ZLOG_WARN("Get OpaqueLogSwitchMsg Failed with status %s", "store is away");
 }
 
@@ -611,7 +612,7 @@ void CoveDbHandler::HandleLogicalSwitchMsgCallback(const Objects& objects, const
     ++entities;
   }
   if (entities == 0) ZLOG_INFO("Empty read from db for LogicalSwitch retry");
-  // A removal that failed is pending as well, and the store holds nothing of it any longer.
+  // A failed removal is pending as well, although the store no longer holds the object.
   if (entities == 0 && pending_.size() == 0) return;
   const std::lock_guard hand_over(hand_over_);
   settings_.enqueue(CovedbUpdateKind::kSyncPending, MonitorUpdateMsg(), {false, epoch, 0});

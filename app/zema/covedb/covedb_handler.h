@@ -31,22 +31,23 @@ class TimerFactory;
 
 namespace zem::zema {
 
-/// What an update of the store asks of the realization.
+/// What the realization has to do with an update of the store.
 enum class CovedbUpdateKind {
-  kEndOfTransaction = 1,  // what was gathered is complete
+  kEndOfTransaction = 1,  // the transaction's updates are complete
   kObject = 2,            // one object
-  kSyncPending = 3,       // realize again what is pending
-  kProcessedBarrier = 4,  // tell the store how far the realization has come
+  kSyncPending = 3,       // realize the pending switches again
+  kProcessedBarrier = 4,  // report to the store how far the realization has come
   kVifState = 5,          // the state of a VIF
 };
 
-/// Where an update of the store came from, by which work that has become void is known.
+/// The origin of an update of the store, from which void work is recognised.
 struct CovedbOrigin {
-  /// It belongs to a complete reading, or ends one.
+  /// The update belongs to a complete reading, or ends one.
   bool full_sync = false;
-  /// How many flushes came before it: what is older than the last one must not change the host any more.
+  /// The number of flushes before the update: an update from before the last flush must not change the host.
   uint64_t epoch = 0;
-  /// The connection that it came over.  A transaction that a lost connection has cut is never completed.
+  /// The connection that delivered the update.  A transaction cut off by a lost connection is never
+  /// completed.
   uint64_t connection = 0;
 
   bool operator==(const CovedbOrigin& other) const {
@@ -54,35 +55,36 @@ struct CovedbOrigin {
   }
 };
 
-/// All that the realization asks of the store client.
+/// The realization's only access to the store client.
 ///
-/// The monitors' callbacks, the timer and the answers to reads only make tasks and hand them to `enqueue`.
-/// While the channel is down writes wait in the client and reads are refused; the full sync after the next
-/// connection heals what was missed.
+/// The monitors' callbacks, the timer and the answers to reads only make tasks and pass them to `enqueue`.
+/// While the channel is down, writes wait in the client and reads are refused; the full sync after the next
+/// connection makes up for missed updates.
 ///
-/// Ownership: always held by a shared pointer; the client's callbacks hold a weak one, since the client knows
-/// no way back from a registration.
+/// Ownership: always held by a shared pointer; the client's callbacks hold a weak one, because a callback
+/// cannot be unregistered from the client.
 ///
-/// Threads: all operations from any thread; the object's own lock is never held over a call of the client.
+/// Threads: all operations from any thread; the object's own lock is never held while the client is called.
 class CoveDbHandler final : public Synchronizable, public std::enable_shared_from_this<CoveDbHandler> {
  public:
-  /// The realization's number among the modules that watch the store.
+  /// The realization's number among the modules that monitor the store.
   static constexpr uint32_t kModuleId = 2;
-  /// Whose logical switches come from the store, and where their acknowledgements go.
+  /// The reply-to of logical switches that come from the store; their acknowledgements are written to the
+  /// store.
   static constexpr const char* kReplyTo = "covedb";
 
   struct Settings {
     std::shared_ptr<covedb::CoveDbClientInterface> client;
     /// Has to outlive the client's callbacks.
     TimerFactory* timers = nullptr;
-    /// `mp.lsDbRetryInterval`, in seconds; asked at each scheduling.
+    /// `mp.lsDbRetryInterval`, in seconds; read at each scheduling.
     std::function<int()> retry_interval;
-    /// Makes a task of it for the database handler's queue; must not block, and must not call the handler.
+    /// Queues the update as a task of the database handler; must not block and must not call this object.
     std::function<void(CovedbUpdateKind kind, covedb::MonitorUpdateMsg update, CovedbOrigin origin)> enqueue;
-    /// On an edge: carries out what a maintenance mode request asks for, once it is known to be storable. May
-    /// wait, and the store with it; empty elsewhere.
+    /// On an edge: carries out a maintenance mode request once it is known that the request can be stored.
+    /// It may wait, which delays the write to the store.  Empty elsewhere.
     std::function<void(const RawBusMessage& request)> maintenance_action = {};
-    /// What has to live until a write is done; may be null.
+    /// An object that has to live until a write is done; may be null.
     std::shared_ptr<void> keep_alive;
   };
 
@@ -90,52 +92,54 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   ~CoveDbHandler();
 
   void RegisterChannelStatus();
-  /// Again is harmless; after RemoveMonitors everything is read anew.
+  /// Starts monitoring the store.  Calling it twice has no effect; after RemoveMonitors everything is read
+  /// again.
   void ConfigureMonitors();
   void RemoveMonitors();
 
-  /// Watches again after a flush what was watched before it; nothing otherwise.
+  /// Resumes, after a flush, the monitoring that the flush ended; otherwise does nothing.
   void ResumeMonitors();
 
-  /// Removes what the store holds for this transport node, and forgets what was still to be done with it: on
-  /// return nothing of before changes the host any more.  It may wait for commands to the host, so not from a
-  /// provider's thread.  `done` is called when the store has carried it out, however long it is away until
-  /// then: on a thread of its client, which nothing may hold up.
+  /// Removes what the store holds for this transport node and discards pending work: after the return, no
+  /// earlier update changes the host.  The call may wait for commands to the host, so it must not be made
+  /// from a provider's thread.  `done` is called when the store has carried out the removal, however long the
+  /// store is away; it runs on a thread of the client and must not block.
   void FlushDesiredConfig(std::function<void()> done = nullptr);
-  /// Called by a flush; one function at a time.
+  /// Sets the function that a flush calls; there is one at a time.
   void SetOnFlush(std::function<void()> on_flush);
-  /// The number of flushes so far.  Work that was made in another epoch is void.
+  /// The number of flushes so far.  Work from another epoch is void.
   uint64_t epoch();
 
-  /// What an edge or gateway stores of a message.  0, also for a message that is not stored; -1 otherwise.
+  /// Stores a message on an edge or gateway.  Returns 0, also for a message that is not stored; -1 on
+  /// failure.
   [[nodiscard]] int SaveMessage(const RawBusMessage* message);
 
-  /// A host configuration in the store's form; null, with an error line, when it has none.  For who changes
-  /// the message before it is known to be worth storing.
+  /// Converts a host configuration to the store's form; returns null, with an error line, when that is not
+  /// possible.  For a caller that changes the message before it knows whether the message will be stored.
   static std::unique_ptr<orlane::zem::covedb::RealizedHostConfigMsg> EncodeHostConfig(
       const orlane::zem::switching::HostConfigMsg& config);
-  /// Stores it with the bus header that the message came with.
+  /// Stores the configuration with the bus header of its message.
   void SaveHostConfig(orlane::zem::covedb::RealizedHostConfigMsg stored, const std::string& header);
 
   void WriteProcessedBarrier(uint64_t barrier);
-  /// Status without errors, and the barrier unless it is 0, which stands for none.
+  /// Writes a status without errors, and the barrier unless it is 0, which means that there is none.
   void WriteRealized(uint64_t barrier);
-  /// The error of `uuids` and all that is pending; the barrier as above.
+  /// Writes an error for `uuids` and for everything that is pending; the barrier is treated as above.
   void WriteRealizationError(const std::string& text, const std::vector<std::string>& uuids,
                              uint64_t barrier);
-  /// The end of a full sync: without `error` all is well; `uuids` go out in their order.
+  /// Writes the outcome of a full sync: a null `error` means success; `uuids` are written in their order.
   void WriteFullSyncResult(const std::string* error, const std::vector<std::string>& uuids, uint64_t barrier);
 
-  /// Remembers that the switch has to be realized; false when a flush has made that void.
+  /// Records that the switch has to be realized; returns false when a flush has made the update void.
   [[nodiscard]] bool AddPendingLs(const std::string& uuid, covedb::MonitorUpdateMsg update, uint64_t epoch);
 
-  /// Reads everything again after the retry interval.  Of both schedules one timer runs at most: a complete
-  /// reading holds what the other would read, so it is never given up for it.  Nothing when the work that
-  /// asks is of another epoch.
+  /// Schedules a complete reading after the retry interval.  At most one timer runs for both kinds of
+  /// reading: a complete reading includes what the other kind would read, so it is never replaced by the
+  /// other kind.  Does nothing when `epoch` is not the current one.
   void ScheduleFullSyncRead(uint64_t epoch);
   void ScheduleLsRead(const std::vector<std::string>& uuids, uint64_t epoch);
 
-  /// While false, updates of logical switches and barriers are dropped.
+  /// While switched off, updates of logical switches and barriers are dropped.
   void SetLsRealizationViaCcp(bool on);
 
   PendingLogicalSwitches& pending() { return pending_; }
@@ -148,7 +152,7 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
 
   void OnChannelStatus(bool up);
   void OnUpdate(const covedb::MonitorUpdateMsg& update);
-  // By object type; `via_ccp` when logical switches are taken from the store.
+  // Handles an update by its object type; `via_ccp` when logical switches are taken from the store.
   void OnSwitchObject(const covedb::MonitorUpdateMsg& update, const CovedbOrigin& origin, bool via_ccp);
   void OnRealizedHostConfig(const covedb::MonitorUpdateMsg& update, const CovedbOrigin& origin, bool via_ccp);
   void OnVifState(const covedb::MonitorUpdateMsg& update, const CovedbOrigin& origin, bool via_ccp);
@@ -166,8 +170,8 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
 
   const Settings settings_;
   PendingLogicalSwitches pending_;
-  // Held while updates are handed over, so that a reading's stay together; taken before the object's own
-  // lock.
+  // Held while updates are handed over, so that the updates of one reading stay together; locked before the
+  // object's own lock.
   std::mutex hand_over_;
   // The object's own lock guards what follows.
   bool channel_up_ = false;
@@ -182,7 +186,7 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   std::shared_ptr<Timer> timer_;
   Read scheduled_ = Read::kNone;
   uint64_t schedule_ = 0;      // a timer that fires too late finds another number
-  TimePoint full_sync_limit_;  // no later than this, however often it is scheduled again
+  TimePoint full_sync_limit_;  // the latest time, however often the reading is scheduled again
   std::set<std::string> uuids_to_read_;
 };
 

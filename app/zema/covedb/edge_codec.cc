@@ -11,7 +11,7 @@ namespace {
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// An address, or a group: its name, and the first of its addresses.
+// Returns the first address of a group, or an empty text when the group has none.
 std::string GroupAddress(const orlane::zem::config::AddressGroupMsg& group) {
   return group.address_size() > 0 ? group.address(0) : std::string();
 }

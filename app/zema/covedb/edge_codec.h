@@ -15,15 +15,16 @@ class MaintenanceModeConfigMsg;
 }
 }  // namespace orlane::zem
 
-/// What an edge stores apart from its host configuration.
+/// Conversion of the messages that an edge stores in addition to its host configuration.
 namespace zem::zema {
 
-/// 0, or -1 when the id, which is the store's key, is no uuid.
+/// Returns 0, or -1 when the id, which is the store's key, is not a uuid.
 [[nodiscard]] int EncodeMaintenanceModeConfigMsg(
     const orlane::zem::switching::MaintenanceModeConfigMsg& message,
     orlane::zem::covedb::MaintenanceModeConfigMsg* out);
 
-/// One object for each controller; one without a uuid is logged and skipped.  0, or -1 for an empty list.
+/// Makes one object for each controller; a controller without a uuid is logged and skipped.  Returns 0, or -1
+/// for an empty list.
 [[nodiscard]] int EncodeControllerInfoMsgs(const orlane::zem::config::MpLcpMsg& message,
                                            std::list<orlane::zem::covedb::ControllerInfoMsg>* out);
 

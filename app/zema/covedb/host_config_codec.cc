@@ -12,8 +12,8 @@
 #include "proto/covedb/switching_objects.pb.h"
 #include "proto/switching/switching.pb.h"
 
-// Both directions name every field once, in the order of the messages, so that a field that one of them lacks
-// is seen by reading them side by side.  `in` and `out` are the two messages of every function.
+// Both directions name every field once, in the order of the messages, so that a reader who compares them
+// side by side sees a missing field.  `in` and `out` are the two messages of every function.
 
 namespace zem::zema {
 namespace {
@@ -152,7 +152,7 @@ void DecodeHighPerformanceConfig(const store::HighPerformanceConfigMsg& in,
   CopyEach(in.config_pair(), out->mutable_config_pair());
 }
 
-// The endpoints' high availability is not kept.
+// The endpoints' high availability is not stored.
 void EncodeProfiles(const manager::HostSwitchProfilesMsg& in, store::HostSwitchProfilesMsg* out) {
   if (in.has_uplink_profile()) EncodeUplinkProfile(in.uplink_profile(), out->mutable_uplink_profile());
   if (in.has_lldp_profile()) CopyMessage(in.lldp_profile(), out->mutable_lldp_profile());
@@ -184,7 +184,7 @@ void DecodeProfiles(const store::HostSwitchProfilesMsg& in, manager::HostSwitchP
 
 // --- Endpoints.
 
-// Nothing for an empty text; a text that is no number is logged.
+// Returns nothing for an empty text; a text that is not a number is logged.
 std::optional<unsigned> PrefixLength(const std::string& text) {
   if (text.empty()) return 0;
   unsigned number = 0;

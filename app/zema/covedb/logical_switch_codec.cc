@@ -21,7 +21,7 @@ constexpr uint32_t kSet = 0;
 constexpr uint32_t kUpdate = 1;
 constexpr uint32_t kClear = 2;
 
-// What a removal takes from the object before it.
+// Values that the update for a removal takes from the removed object.
 void TakeNumbersAndName(const OpaqueLogSwitchConfigMsg& config, Info* info, std::string* log) {
   if (config.has_revision()) info->set_revision(config.revision());
   if (config.has_transport_zone_id()) info->set_transport_zone_id(UUID_ToString(config.transport_zone_id()));
@@ -56,7 +56,7 @@ int DecodeOpaqueLogSwitchMsg(const OpaqueLogSwitchConfigMsg& config,
     case ObjectOpMsg::DELETE:
       info.set_operation(kClear);
       log += " Clear OP";
-      // The removed object may hold its key alone, or nothing.
+      // The removed object may hold only its key, or nothing.
       if (!info.has_logical_switch_id() && payload.has_id()) {
         info.set_logical_switch_id(UUID_ToString(payload.id()));
       }

@@ -10,8 +10,8 @@
 
 namespace zem::zema {
 
-/// The logical switches that the store told of and that are not realized yet, by uuid text, each with the
-/// last update of it.  What fails is realized again from here.
+/// The logical switches that the store has sent and that are not realized yet, by uuid text, each with its
+/// last update.  Switches whose realization failed are realized again from here.
 ///
 /// Threads: all operations from any thread.
 class PendingLogicalSwitches {
@@ -20,7 +20,8 @@ class PendingLogicalSwitches {
 
   void AddPendingLs(const std::string& uuid, Update update);
   void RemovePendingLs(const std::string& uuid);
-  /// The switch is realized up to `revision`, or removed with -1: forgets it unless a later update has come.
+  /// Called when the switch is realized up to `revision`, or removed (-1): removes the entry unless a later
+  /// update has arrived.
   void RemoveRealized(const std::string& uuid, int32_t revision);
   bool Contains(const std::string& uuid);
   std::vector<std::string> GetPendingLsKeys();

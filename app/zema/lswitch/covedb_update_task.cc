@@ -15,7 +15,7 @@ using orlane::zem::covedb::ObjectType;
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// Once: a reading of the store is ten thousand tasks.
+// Names the thread only once, because a reading of the store makes ten thousand tasks.
 void NameThread() {
   thread_local const bool named = [] {
     SetThreadName("zema:dbUpdateTask");
@@ -88,14 +88,14 @@ void CovedbUpdateTask::RunObject(DbSvcTaskThread& thread) {
 void EnqueueCovedbUpdate(WorkerTable& workers, CovedbUpdateKind kind, CovedbUpdateTask::Update update,
                          CovedbOrigin origin) {
   const ObjectType type = update.object_type();
-  // What is only gathered waits for the end of its transaction; waking the worker for each of ten thousand
-  // objects costs more than handling them.
+  // An update that is only gathered can wait until its transaction ends; waking the worker for each of ten
+  // thousand objects costs more than handling them.
   const bool gathered =
       type == ObjectType::OPAQUE_LOG_SWITCH_CONFIG || type == ObjectType::TRANSPORT_NODE_CONFIG;
   auto task = std::make_unique<CovedbUpdateTask>(kind, std::move(update), origin);
   const bool queued = gathered ? workers.AddTaskAsleep(Worker::kDatabaseHandler, std::move(task))
                                : workers.AddTask(Worker::kDatabaseHandler, std::move(task));
-  if (!queued) {  // on an edge always
+  if (!queued) {  // always the case on an edge
     ZLOG_DEBUG("[%s] an update of type %d is dropped because of no databaseHandlerThread", __func__,
                static_cast<int>(type));
   }

@@ -12,26 +12,26 @@ namespace zem::zema {
 class DbSvcTaskThread;
 class WorkerTable;
 
-/// One step of the store's stream.  All kinds run on the database handler, apart from the processed barrier,
-/// which keeps its place among the logical switch worker's tasks.
+/// One step of the store's stream of updates.  All kinds run on the database handler, except the processed
+/// barrier, which keeps its place among the tasks of the logical switch worker.
 class CovedbUpdateTask final : public MpaMessageTask<orlane::zem::covedb::MonitorUpdateMsg> {
  public:
   using Update = orlane::zem::covedb::MonitorUpdateMsg;
 
   CovedbUpdateTask(CovedbUpdateKind kind, Update update, CovedbOrigin origin);
-  /// The processed barrier.
+  /// Makes a processed barrier.
   CovedbUpdateTask(std::shared_ptr<CoveDbHandler> store, uint64_t barrier, uint64_t epoch);
 
   bool IsBatchable() const override { return false; }
-  /// The processed barrier, which runs on any worker.  Every other kind needs the database handler and logs
-  /// an error.
+  /// Handles the processed barrier, which runs on any worker.  Every other kind needs the database handler;
+  /// Run then logs an error.
   void Run() override;
-  /// Any kind, on the database handler.
+  /// Handles any kind, on the database handler.
   void RunOn(DbSvcTaskThread& thread);
 
   CovedbUpdateKind kind() const { return kind_; }
   uint64_t barrier() const { return barrier_; }
-  /// The store's counting that the barrier belongs to.
+  /// The store's count of barriers to which this one belongs.
   uint64_t epoch() const { return epoch_; }
 
  private:
@@ -44,7 +44,7 @@ class CovedbUpdateTask final : public MpaMessageTask<orlane::zem::covedb::Monito
   const uint64_t epoch_ = 0;
 };
 
-/// For `CoveDbHandler::Settings::enqueue`: gives the update to the table's database handler.
+/// For `CoveDbHandler::Settings::enqueue`: queues the update on the table's database handler.
 void EnqueueCovedbUpdate(WorkerTable& workers, CovedbUpdateKind kind,
                          orlane::zem::covedb::MonitorUpdateMsg update, CovedbOrigin origin);
 

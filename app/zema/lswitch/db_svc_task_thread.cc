@@ -44,16 +44,16 @@ int OperationOf(const DbSvcTaskThread::Update& update) {
 
 }  // namespace
 
-// What the cache holds for the host, each object parsed once.
+// The contents of the cache as the host needs them, with each object parsed once.
 struct DbSvcTaskThread::FullSync {
   using Uuid = std::pair<uint64_t, uint64_t>;
   struct Entry {
     Uuid zone;
-    const char* skipped;  // why it does not go; null: it does
+    const char* skipped;  // why the switch is not sent; null: it is sent
     OpaqueLogSwitchConfigMsg* config;
   };
 
-  // The transport node first, then every switch in the cache's order.
+  // The transport node first, then every switch in the order of the cache.
   std::vector<std::string> Uuids() const {
     std::vector<std::string> uuids;
     if (node) uuids.push_back(UUID_ToString(*node));
@@ -65,7 +65,7 @@ struct DbSvcTaskThread::FullSync {
 
   std::optional<orlane::zem::UuidMsg> node;
   std::deque<OpaqueLogSwitchConfigMsg> configs;  // in the cache's order; never moved
-  std::vector<Entry> entries;                    // by zone
+  std::vector<Entry> entries;                    // sorted by zone
 };
 
 DbSvcTaskThread::DbSvcTaskThread(std::string name, std::shared_ptr<LogicalSwitchContext> context)
@@ -91,7 +91,7 @@ std::vector<std::string> DbSvcTaskThread::GetPendingLsKeys() {
 
 void DbSvcTaskThread::ClearPendingLs() { context_->store->pending().ClearPendingLs(); }
 
-// One line for all that a flush has made void.
+// Logs one line for all the work that a flush has made void.
 bool DbSvcTaskThread::IsVoid(uint64_t epoch) {
   const uint64_t present = context_->store->epoch();
   if (epoch == present) return false;
@@ -123,7 +123,7 @@ void DbSvcTaskThread::SetLastBarrier(uint64_t barrier) {
   last_barrier_ = barrier;
 }
 
-// Behind the switch tasks that are queued already: the barrier says that they are done.
+// The barrier is queued after the switch tasks that are already waiting: it reports that they are done.
 void DbSvcTaskThread::AddBarrierTask() {
   (void)context_->workers.AddTask(
       Worker::kLogicalSwitch,
@@ -169,7 +169,7 @@ void DbSvcTaskThread::ProcessLogicalSwitchMsg(uint64_t barrier, const Validity& 
     if (update.object_type() != ObjectType::OPAQUE_LOG_SWITCH_CONFIG) continue;
     queued = HandleOpaqueLogSwitchMsg(update, barrier, true, validity) || queued;
   }
-  // Nothing of the transaction is for this host; it is done with all the same.
+  // The transaction holds nothing for this host, but it still has to be reported as done.
   if (!queued) AddBarrierTask();
 }
 
@@ -204,7 +204,7 @@ bool DbSvcTaskThread::QueueLogicalSwitch(const orlane::zem::switching::LogicalSw
                                                generation);
   if (task == nullptr) {
     ZLOG_WARN("[%s] Error creating Logical Switch processing task", "HandleOpaqueLogSwitchMsg");
-    // It never will be realized, so it is not waited for.
+    // The switch will never be realized, so it does not stay pending.
     RemovePendingLs(uuid);
     return false;
   }
@@ -216,9 +216,9 @@ void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t
   std::string error;
   bool done = false;
   {
-    // A batch that runs is waited for: what it still creates must not come back after this.
+    // Waits for a running batch, so that it cannot create switches again after the full sync.
     const Synchronizer lock(context_->fence, __FILE__, __LINE__);
-    // A flush waits for the same lock before it clears the host.
+    // A flush takes the same lock before it clears the host.
     if (IsVoid(epoch)) return;
     ClearPendingLs();
     context_->workers.ClearTasks(Worker::kLogicalSwitch);
@@ -239,7 +239,7 @@ void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t
 DbSvcTaskThread::FullSync DbSvcTaskThread::ReadCache() {
   FullSync sync;
   sync.entries.reserve(tx_cache_.size());
-  // A transaction may change a switch more than once, or remove it again: the last word holds.
+  // A transaction may change a switch more than once, or remove it again: only the last update counts.
   std::map<FullSync::Uuid, size_t> last;
   for (const Update& update : tx_cache_) {
     if (update.object_type() == ObjectType::TRANSPORT_NODE_CONFIG) {
@@ -257,7 +257,7 @@ DbSvcTaskThread::FullSync DbSvcTaskThread::ReadCache() {
       skipped = "Object does not parse";
     } else {
       const FullSync::Uuid uuid{config.id().first(), config.id().second()};
-      // The store tells its objects in the order of their keys.
+      // The store sends its objects in the order of their keys.
       const auto present = last.try_emplace(last.end(), uuid, sync.entries.size());
       if (present->second != sync.entries.size()) {
         sync.entries[std::exchange(present->second, sync.entries.size())].skipped = "Object is replaced";

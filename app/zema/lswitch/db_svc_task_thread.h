@@ -18,11 +18,12 @@ class LogicalSwitchMsg;
 
 namespace zem::zema {
 
-/// The worker that realizes the store's updates: gathers those of a transaction and, at its end, makes
-/// logical switch tasks of them, or tells the host all switches at once.
+/// The worker that realizes the store's updates: it gathers the updates of a transaction and, at the
+/// transaction's end, makes logical switch tasks of them, or sends all switches to the host at once.
 ///
-/// The single queue and the store's promise that everything up to a mark has been delivered are what orders a
-/// transaction.  While a full sync has failed, increments are given up: the next complete reading holds them.
+/// Transactions stay in order because there is a single queue and because the store guarantees that
+/// everything up to a mark has been delivered.  After a failed full sync, increments are dropped: the next
+/// complete reading contains them.
 class DbSvcTaskThread final : public TaskThread {
  public:
   using Update = orlane::zem::covedb::MonitorUpdateMsg;
@@ -30,12 +31,12 @@ class DbSvcTaskThread final : public TaskThread {
   DbSvcTaskThread(std::string name, std::shared_ptr<LogicalSwitchContext> context);
   ~DbSvcTaskThread() override;
 
-  // From any thread; what is pending belongs to the store handler and outlives the worker.
+  // May be called from any thread; the pending switches belong to the store handler and outlive the worker.
   void RemovePendingLs(const std::string& uuid);
   std::vector<std::string> GetPendingLsKeys();
   void ClearPendingLs();
 
-  // By the worker's own thread, from its tasks.
+  // Called on the worker's own thread, from its tasks.
   void AddToCache(Update update, const CovedbOrigin& origin);
   void SetLastBarrier(uint64_t barrier);
   void RealizeLogicalSwitch(const CovedbOrigin& origin);
@@ -43,19 +44,19 @@ class DbSvcTaskThread final : public TaskThread {
   void RealizeVifState(const Update& update);
   void ReplyRealizedHostConfig(const Update& update);
 
-  // For the same thread, and for tests while it waits.
+  // For the worker's own thread, and for tests while the worker is idle.
   uint64_t last_barrier() const { return last_barrier_; }
   bool full_sync_pending() const { return full_sync_pending_; }
 
  protected:
-  /// Updates change what this worker gathers, so they run on it.
+  /// Runs updates on this worker, because they change what it gathers.
   void Execute(Runnable& task) override;
 
  private:
   struct FullSync;
 
-  /// What has to hold for an update to become a task.  The generation is read before the epoch is looked at:
-  /// a flush in between finds one of the two changed.
+  /// The conditions under which an update becomes a task.  The generation is read before the epoch is
+  /// checked, so that a flush in between changes at least one of the two.
   struct Validity {
     uint64_t epoch;
     uint64_t generation;
@@ -77,7 +78,7 @@ class DbSvcTaskThread final : public TaskThread {
   const std::shared_ptr<LogicalSwitchContext> context_;
   std::list<Update> tx_cache_;
   CovedbOrigin cached_from_;
-  uint64_t last_void_ = 0;  // the epoch in which void work was told last
+  uint64_t last_void_ = 0;  // the epoch for which void work was last logged
   uint64_t last_barrier_ = 0;
   bool full_sync_pending_ = false;
 };

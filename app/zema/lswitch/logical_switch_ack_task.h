@@ -11,7 +11,7 @@ namespace zem::zema {
 
 class MpaMessageSender;
 
-/// One logical switch that the manager is to be told of; data for the batcher, nothing to run.
+/// The acknowledgement of one logical switch to the manager; only data for the batcher, so Run does nothing.
 class LogicalSwitchAckTask final : public Runnable {
  public:
   LogicalSwitchAckTask(std::string uuid, int32_t revision, std::string reply_to, MpaMessageSender* sender)
@@ -38,7 +38,7 @@ class LogicalSwitchBatchMsgTask final : public BatchRunnable {
  public:
   void AddTask(Runnable* task) override;
   void Reset() override;
-  /// Reply-to keys.
+  /// The number of reply-to keys.
   long Count() const override { return static_cast<long>(entries_.size()); }
   void Run() override;
 

@@ -14,8 +14,8 @@
 #include "app/zema/workers/task_queues.h"
 #include "framework/log/log.h"
 
-// A batch is first planned into chunks, then sent: only so is it known which chunk is the last one of the
-// store, whose acknowledgement may carry the barrier.
+// A batch is first planned in chunks and then sent, because only the whole plan shows which chunk is the last
+// one of the store; its acknowledgement may carry the barrier.
 
 namespace zem::zema {
 namespace {
@@ -25,7 +25,7 @@ using wft::WorkflowUtil;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr int32_t kRemovedRevision = -1;
-// The list of a command is read by these: a field ends with the one, an entry with the other.
+// The separators of a command's list: the first ends a field, the second an entry.
 constexpr const char* kFieldEnd = "|";
 constexpr const char* kEntryEnd = ",uuid=";
 
@@ -51,7 +51,7 @@ LogicalSwitchMsgTask::Batcher::Batcher(std::shared_ptr<LogicalSwitchContext> con
       generation_(context_->fence.generation()),
       manager_generation_(context_->fence.manager_generation()) {}
 
-// Drops what was gathered before a full sync.  The barrier of one of the store goes out with that.
+// Drops the updates gathered before a full sync.  A full sync of the store reports its barrier itself.
 void LogicalSwitchMsgTask::Batcher::DropSuperseded() {
   const long gathered = Count();
   const uint64_t manager_present = context_->fence.manager_generation();
@@ -154,8 +154,8 @@ void LogicalSwitchMsgTask::Batcher::RunLocked() {
   ReadSkipped();
 }
 
-// What the store has removed and made again is on the host only after another batch, and nobody tells it
-// again.
+// A switch that the store removed and created again gets onto the host only with another batch, and the store
+// does not send it again.
 void LogicalSwitchMsgTask::Batcher::ReadSkipped() {
   const std::vector<std::string> skipped = std::exchange(skipped_of_store_, {});
   std::vector<std::string> wanted;
@@ -222,8 +222,8 @@ void LogicalSwitchMsgTask::Batcher::AddToChunk(const std::string& zone, bool kln
   ++chunk->entries;
 }
 
-// Sent as it is, it would change what the host makes of its neighbours in the list; and trying again does not
-// help.
+// Sending the value unchanged would alter how the host reads the neighbouring entries of the list, and a
+// retry would not help.
 void LogicalSwitchMsgTask::Batcher::RefuseLs(const std::string& reply_to, const std::string& uuid,
                                              const std::string& field) {
   const std::string error = "logical switch " + uuid + " cannot be told to the host: '" + field +
@@ -234,7 +234,7 @@ void LogicalSwitchMsgTask::Batcher::RefuseLs(const std::string& reply_to, const 
   context_->store->WriteRealizationError(error, {uuid}, 0);
 }
 
-// Into the plan, when it is full; a limit of 0 takes what there is.
+// Adds the chunk to the plan when it is full; with a limit of 0, adds it in any case.
 void LogicalSwitchMsgTask::Batcher::CloseChunk(Chunk* chunk, size_t limit) {
   if (limit != 0 && chunk->entries < limit) return;
   Chunk next{chunk->reply_to, chunk->is_apply};
@@ -287,7 +287,7 @@ bool LogicalSwitchMsgTask::Batcher::CallLumOpaqueNetwork(bool is_apply, const st
   return false;
 }
 
-// The reply-to decides before the sender does: a batch may hold updates of the manager and of the store.
+// The reply-to decides, not the sender: a batch may hold updates of both the manager and the store.
 void LogicalSwitchMsgTask::Batcher::SendAck(const Chunk& chunk, uint64_t barrier, bool last_of_store) {
   if (IsStore(chunk.reply_to)) return SendAckToStore(chunk, barrier, last_of_store);
   MpaMessageSender* const sender = senders_[chunk.reply_to];
@@ -317,8 +317,8 @@ void LogicalSwitchMsgTask::Batcher::SendAck(const Chunk& chunk, uint64_t barrier
   }
 }
 
-// One write for the whole batch.  A status without errors must not wipe out what a chunk before has just
-// told.
+// Writes once for the whole batch.  A status without errors must not overwrite the error that an earlier
+// chunk has just written.
 void LogicalSwitchMsgTask::Batcher::SendAckToStore(const Chunk& chunk, uint64_t barrier, bool last_of_store) {
   if (!context_->store) return;
   for (const auto& [uuid, revision] : chunk.acks) context_->store->pending().RemoveRealized(uuid, revision);

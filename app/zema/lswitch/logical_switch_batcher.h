@@ -18,9 +18,9 @@ class CoveDbHandler;
 /// Gathers updates of logical switches and has the host carry them out: removals first, then the rest, in
 /// chunks.
 ///
-/// Acknowledgements go the way that the updates came: "covedb" to the store, any other reply-to to the sender
-/// that came with it.  The store's barrier goes out with the last chunk of a batch: until then it is not true
-/// that everything up to it is realized.
+/// An acknowledgement goes where its update came from: with the reply-to "covedb" to the store, with any
+/// other to the sender that came with it.  The store's barrier is sent with the last chunk of a batch,
+/// because only then is everything up to it realized.
 ///
 /// Threads: the logical switch worker's.
 class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
@@ -29,9 +29,9 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
 
   void AddTask(Runnable* task) override;
   void Reset() override;
-  /// Reply-to keys of both maps.
+  /// The number of reply-to keys in both maps.
   long Count() const override;
-  /// A barrier: goes out with the acknowledgements of this batch.
+  /// Adds a barrier, which is sent with the acknowledgements of this batch.
   void UpdateBatcher(Runnable* task) override;
   void Run() override;
 
@@ -68,12 +68,12 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   std::unordered_set<std::string> deleted_in_batch_;
   std::vector<std::string> skipped_of_store_;
   std::vector<Chunk> chunks_;
-  uint64_t barrier_ = 0;  // the largest of this epoch; not forgotten between batches
+  uint64_t barrier_ = 0;  // the largest of this epoch; kept between batches
   uint64_t epoch_;
   uint64_t generation_;
   uint64_t manager_generation_;
-  bool store_failed_ = false;  // a chunk of the store's in this run
-  bool owes_barrier_ = false;  // a barrier was folded in and has to go out with this batch
+  bool store_failed_ = false;  // a chunk of the store failed in this run
+  bool owes_barrier_ = false;  // a barrier was added and has to be sent with this batch
   wft::TraceContext trace_info_;
 };
 

@@ -24,7 +24,7 @@ LogicalSwitchContext::LogicalSwitchContext(LumCommands& the_lum, std::shared_ptr
   store->SetOnFlush([weak = std::weak_ptr<LogicalSwitchFence>(fence_owner)] {
     const auto owner = weak.lock();
     if (!owner) return;
-    // A batch that runs is waited for.
+    // Waits for a running batch.
     const Synchronizer lock(*owner, __FILE__, __LINE__);
     owner->Supersede();
   });

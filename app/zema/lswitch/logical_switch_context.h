@@ -18,26 +18,27 @@ class OptionsStore;
 class TaskQueues;
 struct HostConfigState;
 
-/// Which kind of host switch carries a transport zone.
+/// Finds out which kind of host switch carries a transport zone.
 class ZoneSwitchKinds {
  public:
   virtual ~ZoneSwitchKinds() = default;
-  /// True for a switch of kind "KLN", which needs no opaque networks.  A zone that no switch carries: false.
+  /// Returns true for a switch of kind "KLN", which needs no opaque networks, and false for a zone that no
+  /// switch carries.
   virtual bool IsKln(const std::string& transport_zone_id) = 0;
 };
 
-/// What becomes of the state of a VIF that the store tells.
+/// Realizes the state of a VIF that the store sends.
 class VifStateRealizer {
  public:
   virtual ~VifStateRealizer() = default;
-  /// Forgets the VIF.
+  /// Discards what is known of the VIF.
   virtual void RemoveVif(const std::string& vif_id) = 0;
-  /// Hands a request for the VIF to the host management handler; false when nothing is known of the VIF.
+  /// Passes a request for the VIF to the host management handler; returns false when the VIF is unknown.
   virtual bool ProcessVif(const std::string& vif_id) = 0;
 };
 
-/// What the logical switch tasks work with.  One per application, shared by all its tasks and workers; what
-/// it refers to outlives it.
+/// The objects that the logical switch tasks use.  One per application, shared by all its tasks and workers;
+/// everything that it refers to outlives it.
 struct LogicalSwitchContext {
   LogicalSwitchContext(LumCommands& the_lum, std::shared_ptr<CoveDbHandler> handler,
                        ZoneSwitchKinds& zone_kinds, VifStateRealizer& vifs, TaskQueues& queues,
@@ -53,12 +54,12 @@ struct LogicalSwitchContext {
   HostIdentity& host;
   OptionsStore& options;
   HostConfigState& state;
-  /// Whether this node is a hypervisor, which has opaque networks.
+  /// Whether this node is a hypervisor; only hypervisors have opaque networks.
   const bool hypervisor;
-  /// For configurations that come back from the store; null while there is no manager to answer.
+  /// For configurations that are read back from the store; null while there is no manager to answer.
   MpaMessageSender* sender = nullptr;
 
-  /// Shared with the store handler, whose flush voids what is gathered.
+  /// Shared with the store handler, whose flush makes gathered updates void.
   const std::shared_ptr<LogicalSwitchFence> fence_owner = std::make_shared<LogicalSwitchFence>();
   LogicalSwitchFence& fence = *fence_owner;
 };

@@ -13,31 +13,32 @@ namespace zem::zema {
 /// Keeps full syncs and batches of logical switches apart: they change the same table of the host from
 /// different threads.
 ///
-/// Who changes the table holds the object's lock meanwhile.  What was gathered before a full sync is older
-/// than what the full sync told the host: each update carries the generation in which it was made, and one of
-/// an older generation than the present is dropped instead of bringing back a switch that is gone.  A full
-/// sync of the manager says nothing of what the store has told, and the store would not tell it again, nor be
-/// told that it is done with: it voids updates of the manager alone.  What was made behind it waits until the
-/// host has it.
+/// A thread holds the object's lock while it changes the table.  Updates gathered before a full sync are
+/// older than what the full sync sent to the host: each update carries the generation in which it was made,
+/// and an update of an earlier generation is dropped, so that it cannot bring back a switch that is gone.  A
+/// full sync of the manager does not include the store's switches, and the store would neither send them
+/// again nor get the acknowledgement that it waits for: so it makes only the manager's updates void.  Updates
+/// made after the arrival of a full sync wait until the host has it.
 ///
 /// Threads: all operations from any thread.
 class LogicalSwitchFence : public Synchronizable {
  public:
-  /// Of what the store tells.
+  /// The generation of updates from the store.
   uint64_t generation() const { return generation_; }
-  /// Of what the manager tells; it changes with the store's as well.
+  /// The generation of updates from the manager; it also changes with the store's generation.
   uint64_t manager_generation() const { return generation_ + manager_syncs_; }
-  /// Whatever was made until now is out of date.
+  /// Makes every update so far out of date.
   void Supersede() { ++generation_; }
-  /// What the manager has told until now is.
+  /// Makes every update of the manager so far out of date.
   void SupersedeManager() { ++manager_syncs_; }
 
-  /// Barriers of different epochs cannot be compared: the store has begun to count anew.
+  /// Barriers of different epochs cannot be compared, because the store has started to count from the
+  /// beginning.
   uint64_t epoch() const { return epoch_; }
   void RestartBarriers() { ++epoch_; }
 
-  /// A full sync that has arrived and is not carried out; it counts while the object lives, at most as long
-  /// as the fence.
+  /// A full sync that has arrived but has not been carried out.  It counts as arrived while the object lives;
+  /// the object must not outlive the fence.
   class Arrival {
    public:
     explicit Arrival(LogicalSwitchFence& fence);
@@ -48,9 +49,10 @@ class LogicalSwitchFence : public Synchronizable {
    private:
     LogicalSwitchFence& fence_;
   };
-  /// Waits until none is left; not with the lock held.  False when the realization ends.
+  /// Waits until no arrived full sync is left; must not be called with the lock held.  Returns false when the
+  /// realization ends.
   [[nodiscard]] bool AwaitArrivals();
-  /// The realization ends: nobody waits any more.
+  /// Called when the realization ends: AwaitArrivals no longer waits.
   void Close();
 
  private:

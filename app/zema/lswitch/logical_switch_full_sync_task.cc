@@ -22,8 +22,8 @@ constexpr uint32_t kAnswer = 2;
 constexpr uint32_t kSuccess = 0;
 constexpr uint32_t kFailure = 1;
 
-// Whether it is the first piece of a sync, without reading all its switches.  The host will refuse what does
-// not read, so that is none.
+// Finds out whether the payload is the first piece of a sync, without parsing all its switches.  The host
+// refuses a payload that does not parse, so such a payload does not count as a first piece.
 bool Begins(const std::string& payload) {
   using Wire = google::protobuf::internal::WireFormatLite;
   google::protobuf::io::CodedInputStream in(reinterpret_cast<const uint8_t*>(payload.data()),

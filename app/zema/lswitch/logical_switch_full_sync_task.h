@@ -10,19 +10,19 @@
 
 namespace zem::zema {
 
-/// The manager's own full sync: its bytes go to the host as they came.
+/// The manager's own full sync: its bytes are passed to the host unchanged.
 ///
-/// From the object's making on, which is the message's arrival, the manager's updates of before are void, and
-/// those that come behind it wait for its run.
+/// The task is created when the message arrives.  From then on, earlier updates of the manager are void, and
+/// later ones wait until the task has run.
 class LogicalSwitchFullSyncTask final : public MpaMessageTask<orlane::zem::switching::LogicalSwitchBulkMsg> {
  public:
-  /// `sender` may be null: nobody is answered then.
+  /// `sender` may be null, in which case no answer is sent.
   LogicalSwitchFullSyncTask(std::shared_ptr<LogicalSwitchContext> context, MpaMessageSender* sender,
                             std::string correlation_id, std::string reply_to, std::string payload);
 
   void Run() override;
 
-  /// Of the last run; empty when it succeeded.
+  /// The error of the last run; empty when it succeeded.
   const std::string& error() const { return error_; }
 
  private:
@@ -32,7 +32,7 @@ class LogicalSwitchFullSyncTask final : public MpaMessageTask<orlane::zem::switc
   std::string error_;
 };
 
-/// Removes all logical switches of the host, in the caller's stack.  The error's text, empty on success.
+/// Removes all logical switches of the host, synchronously.  Returns the error's text, empty on success.
 std::string MP_RemoveAllLogicalSwitches(const std::shared_ptr<LogicalSwitchContext>& context);
 
 }  // namespace zem::zema

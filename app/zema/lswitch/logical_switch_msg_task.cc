@@ -14,7 +14,7 @@ using wft::WorkflowUtil;
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// From here on an operation is a removal.
+// Operations with this number or a higher one are removals.
 constexpr uint32_t kFirstRemoval = 2;
 
 void Trace(const LogicalSwitchMsgTask::Info& info, const char* operation) {

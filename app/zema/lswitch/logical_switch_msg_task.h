@@ -16,7 +16,7 @@ namespace zem::zema {
 
 class MpaMessageSender;
 
-/// One message about logical switches; data for the batcher, nothing to run.
+/// One message about logical switches; only data for the batcher, so Run does nothing.
 class LogicalSwitchMsgTask final : public Runnable {
  public:
   using Info = orlane::zem::switching::LogicalSwitchMsg::LogicalSwitchInfoMsg;
@@ -31,15 +31,16 @@ class LogicalSwitchMsgTask final : public Runnable {
 
   class Batcher;
 
-  /// Null when the message holds nothing for this host; a line has said why.  `sender` is null, and
-  /// `reply_to` "covedb", for what the store told; it has to outlive the task otherwise.  `generation`: that
-  /// of the fence when the message was known to be good; the present one without it.
+  /// Returns null, after logging the reason, when the message holds nothing for this host.  For an update of
+  /// the store, `sender` is null and `reply_to` is "covedb"; otherwise `sender` has to outlive the task.
+  /// `generation` is the fence's generation when the message was found valid; without it the current one is
+  /// used.
   static std::unique_ptr<LogicalSwitchMsgTask> CreateTask(
       const LogicalSwitchContext& context, const orlane::zem::switching::LogicalSwitchMsg& message,
       MpaMessageSender* sender, const std::string& reply_to, uint64_t barrier,
       std::optional<uint64_t> generation = std::nullopt);
 
-  /// Nothing.
+  /// Does nothing.
   void Run() override {}
 
  private:

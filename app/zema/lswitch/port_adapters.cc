@@ -15,7 +15,7 @@ void PortVifStates::RemoveVif(const std::string& vif_id) { waiting_.RemoveVifFor
 bool PortVifStates::ProcessVif(const std::string& vif_id) {
   const std::shared_ptr<const VifRequest> request = waiting_.LookupVifRequest(vif_id);
   if (request == nullptr) return false;
-  // A copy: what becomes of one try must not be in the next.
+  // Passes a copy, so that the results of one try do not appear in the next.
   handle_(std::make_shared<VifRequest>(*request));
   return true;
 }

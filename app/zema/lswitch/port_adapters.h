@@ -13,7 +13,7 @@ class SiteConfigList;
 class TransportZones;
 struct VifRequest;
 
-/// The kinds of transport zones, as the host has named them.
+/// The kinds of transport zones, as reported by the host.
 class PortZoneKinds final : public ZoneSwitchKinds {
  public:
   /// `zones` has to outlive it.
@@ -24,10 +24,10 @@ class PortZoneKinds final : public ZoneSwitchKinds {
   TransportZones& zones_;
 };
 
-/// VIFs whose site configuration the manager waits for.
+/// VIFs for whose site configuration the manager waits.
 class PortVifStates final : public VifStateRealizer {
  public:
-  /// Takes a request to the host management handler.
+  /// Passes a request to the host management handler.
   using Handle = std::function<void(std::shared_ptr<VifRequest>)>;
 
   /// `waiting` has to outlive it; `handle` must not block.

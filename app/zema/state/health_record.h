@@ -10,24 +10,25 @@
 
 namespace zem::zema {
 
-/// Puts the realization's health where the host's switches and those who watch them see it.
+/// Publishes the realization's health on the host's switches and to those who watch it.
 class HealthPublisher {
  public:
   virtual ~HealthPublisher() = default;
 
-  /// Switch properties by name; false with the reason in `error`.
+  /// Sets a switch property by name; returns false and sets `error` when that fails.
   virtual bool SetProperty(const std::string& host_switch, const std::string& name, const void* data,
                            size_t size, uint32_t flags, std::string* error) = 0;
   virtual bool RemoveProperty(const std::string& host_switch, const std::string& name,
                               std::string* error) = 0;
-  /// Only security is served on this host, no overlay.
+  /// Whether this host serves security alone, without an overlay.
   virtual bool SecurityOnly() = 0;
 };
 
-/// Whether the realization is of use, and the switches' knowledge of it.
+/// Whether the realization works, and the status published on the switches.
 ///
-/// Any one thing down makes it down on all switches.  A rise of one part looks at all of them; a fall is
-/// published at once.  The mutex is held over the publication, so a rise and a fall cannot cross.
+/// Any single part that is down takes the status down on all switches.  When a part comes up, all parts are
+/// checked; when one goes down, this is published at once.  The mutex is held during publication, so that a
+/// rise and a fall cannot overtake each other.
 ///
 /// Threads: all operations from any thread.
 class HealthRecord {
@@ -48,14 +49,15 @@ class HealthRecord {
   void enterTnMmode();
   void exitTnMmode();
   void setShuttingDown();
-  /// The switches whose status the record publishes, by id, with their routers' addresses.  Publishes nothing
-  /// by itself.
+  /// Sets the switches on which the record publishes its status, by id, with their routers' addresses.
+  /// Publishes nothing itself.
   void setDvsNameVdrMacs(std::map<std::string, RouterMac> macs);
-  /// Gets a byte each time the manager has been connected; the descriptor is the record's from now on.
+  /// Sets the descriptor to which a byte is written each time the manager has been connected; the record owns
+  /// the descriptor from now on.
   void setResyncFd(int fd);
 
   bool checkZemaHealth();
-  /// 0, or -1 when a switch did not take it.
+  /// Returns 0, or -1 when the status could not be set on a switch.
   int resetZemaHealth();
 
   bool healthy() const;
@@ -75,7 +77,7 @@ class HealthRecord {
   bool PublishOverlay(const std::string& host_switch, bool up, std::string* error);
 
   HealthPublisher& publisher_;
-  mutable std::mutex mutex_;  // guards all below; held while a switch is told
+  mutable std::mutex mutex_;  // guards all below; held while the status is set on a switch
   bool lum_ready_ = false;
   bool healthy_ = false;
   bool opaque_socket_connected_ = false;

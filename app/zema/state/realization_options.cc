@@ -74,7 +74,7 @@ constexpr std::array kOptions = {
     OptionRow{"scaleSimulation.lsList", &O::scale_simulation_ls_list},
 };
 
-// A value of another type leaves the default.
+// A value of the wrong type leaves the default.
 void ReadOption(const ptree& tree, const OptionRow& row, RealizationOptions* options) {
   std::visit(
       [&](auto member) {

@@ -7,8 +7,8 @@
 
 namespace zem::zema {
 
-/// What the realization can be told by "/etc/orlane/zem-tarvik/zema.json".  Times in seconds unless named
-/// otherwise; "unset" leaves the matter to whom it concerns.
+/// The options that "/etc/orlane/zem-tarvik/zema.json" can set.  Times are in seconds unless stated
+/// otherwise; "unset" leaves the decision to the part concerned.
 struct RealizationOptions {
   static constexpr const char* kUnset = "unset";
 
@@ -27,7 +27,7 @@ struct RealizationOptions {
   bool controller_info = false;
   bool pre_check_health = true;
   std::string log_level = kUnset;
-  /// The agent runs on a smart NIC, where there is no host management daemon to be connected to.
+  /// The agent runs on a smart NIC, where there is no host management daemon to connect to.
   bool on_smart_nic = false;
 
   int vtep_dhcp_ip_fetching_timeout = 8;
@@ -45,7 +45,7 @@ struct RealizationOptions {
 
   int resync_interval = 3600;
   bool resync_disabled = false;
-  /// Iterations of the resync between two looks at the VMs.
+  /// How many iterations of the resync pass between two checks of the VMs.
   int resync_vm_check_frequency = 200;
 
   std::string no_vxlan_stack = kUnset;
@@ -71,13 +71,13 @@ struct RealizationOptions {
   bool force = false;
 };
 
-/// What the host says of itself, as far as the options depend on it.
+/// What the host reports about itself, as far as the options depend on it.
 struct HostVersion {
   std::string version;  // "7.0.3"
   std::string product;  // what "orlane -l" prints
 };
 
-/// The options in force: one record, replaced as a whole.
+/// The options in force: one record, always replaced as a whole.
 ///
 /// Threads: all operations from any thread.
 class OptionsStore {
@@ -86,17 +86,18 @@ class OptionsStore {
 
   explicit OptionsStore(std::string file = kDefaultFile) : file_(std::move(file)) {}
 
-  /// Puts a whole record in force, in place of reading one.
+  /// Puts a whole record in force instead of reading one.
   void Replace(RealizationOptions options);
 
-  /// Reads the file, or what the arguments name instead ("-config=PATH", "-d", "clear", "-f").  0, or -1 with
-  /// the options as they were.
+  /// Reads the file, or what the arguments name instead ("-config=PATH", "-d", "clear", "-f").  Returns 0, or
+  /// -1 with the options unchanged.
   [[nodiscard]] int Parse(const std::vector<std::string>& arguments, const HostVersion& host);
 
-  /// Reads the file again, for the host of the last Parse.  The error's text, empty on success.
+  /// Reads the file again, for the host of the last Parse.  Returns an empty text on success, otherwise the
+  /// error.
   [[nodiscard]] std::string Reload();
 
-  /// A copy.
+  /// Returns a copy of the options.
   RealizationOptions Snapshot();
 
  private:

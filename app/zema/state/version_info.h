@@ -7,7 +7,7 @@
 
 namespace zem::zema {
 
-/// What the host runs, learned once at set-up.
+/// The host's versions, read once at set-up.
 struct VersionInfo {
   enum class Distribution { kNone, kUbuntu, kRedHat, kSuse };
 
@@ -16,13 +16,13 @@ struct VersionInfo {
   Distribution distribution = Distribution::kNone;
 };
 
-/// Runs a shell command: its exit status, -1 when it could not be run; its output.
+/// Runs a shell command; returns its exit status, or -1 when it could not be run, and sets `output`.
 using ShellCommand = std::function<int(const std::string& command, std::string* output)>;
 
-/// False, with an error line, when the host is of no known kind.
+/// Returns false, with an error line, when the host is not of a known kind.
 [[nodiscard]] bool InitVersionInfo(const ShellCommand& shell, VersionInfo* info);
 
-/// The one on the host itself.
+/// Runs the command on the host itself.
 int RunShell(const std::string& command, std::string* output);
 
 }  // namespace zem::zema

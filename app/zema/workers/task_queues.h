@@ -21,7 +21,7 @@ enum class Worker {
   kCount,
 };
 
-/// The queues of the realization's workers, for whoever has a task for one of them.
+/// The queues of the realization's workers, for code that has a task for one of them.
 ///
 /// Threads: all operations from any thread.
 class TaskQueues {
@@ -32,7 +32,7 @@ class TaskQueues {
   /// when it is a stopped one that batches; the other workers, once stopped, take a task and destroy it.
   virtual bool AddTask(Worker worker, std::unique_ptr<Runnable> task) = 0;
 
-  /// Destroys what waits in the worker's queue; does nothing when there is no such worker.
+  /// Destroys the tasks that wait in the worker's queue; does nothing when there is no such worker.
   virtual void ClearTasks(Worker worker) = 0;
 
   /// Whether there is such a worker.

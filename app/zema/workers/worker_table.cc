@@ -10,7 +10,7 @@ namespace {
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// In order of stopping: who produces work for others ends first.
+// The order in which the workers stop: a worker that produces tasks for others stops before them.
 constexpr std::array kStopOrder = {
     Worker::kLogicalSwitch,          Worker::kLsBatchAck, Worker::kHostSync,        Worker::kPostHostSync,
     Worker::kHighPerformanceProfile, Worker::kController, Worker::kDatabaseHandler, Worker::kScaleSim,
@@ -33,17 +33,16 @@ struct WorkerTable::Row {
 };
 
 const std::array<WorkerTable::Row, kWorkerCount>& WorkerTable::Rows() {
-  // A manager asks for one thing of the whole host at a time, and for each switch of the fabric when it comes
-  // anew.
+  // The manager sends one request at a time for the whole host, and one for each switch of the fabric when it
+  // starts anew.
   constexpr size_t kMostHostRequests = 500;
   constexpr size_t kMostSwitchRequests = 100'000;
-  // No other process asks these workers for anything:
+  // Only this process creates tasks for these workers:
   // - acknowledgements: one for each switch that the batches have realized;
-  // - the performance profile: one task at most, by its own flag;
-  // - the database handler: one task for each object that has changed in the node's own store.  What the
-  // store
-  //   has told is told by nobody again, so none may be refused;
-  // - the simulated load: one task in a start.
+  // - the performance profile: one task at most, guarded by a flag of its own;
+  // - the database handler: one task for each object that changed in the node's own store.  The store does
+  // not send an update again, so none may be refused;
+  // - the simulated load: one task for each start.
   constexpr size_t kOwnWork = QueueGauge::kNoLimit;
   static constexpr std::array<Row, kWorkerCount> rows = {{
       {Worker::kLsBatchAck, "lsBatchAckThread", "41527", "LogicalSwitch batch ACK thread", "\n", kOwnWork},

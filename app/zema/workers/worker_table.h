@@ -15,7 +15,7 @@ namespace zem::zema {
 
 inline constexpr size_t kWorkerCount = static_cast<size_t>(Worker::kCount);
 
-/// The options of the realization that decide about workers; seconds.
+/// The options of the realization that concern the workers; times in seconds.
 struct WorkerOptions {
   int ls_ack_batch_interval = 0;  ///< `mp.lsAckBatchInterval`; 0: no acknowledgement worker
   int ls_ack_wait = 0;            ///< `mp.lsIncomingWaitInBatch`
@@ -24,7 +24,7 @@ struct WorkerOptions {
   bool scale_simulation = false;  ///< switched on, with a port and a switch at least
 };
 
-/// What the application brings along: its options and the classes that only it knows.
+/// What the application provides: its options and the classes that only it knows.
 struct WorkerFactory {
   /// A snapshot of the options.
   std::function<WorkerOptions()> options;
@@ -35,22 +35,23 @@ struct WorkerFactory {
   std::function<std::unique_ptr<Thread>()> switch_handler;
 };
 
-/// The realization's workers: started together, stopped together, made anew for the next start.
+/// The realization's workers: started together, stopped together, and created anew for the next start.
 ///
 /// Threads: all operations from any thread, but starts, stops and deletions one at a time.
 class WorkerTable final : public TaskQueues {
  public:
-  /// Before the first start.
+  /// Must be called before the first start.
   void SetFactory(WorkerFactory factory);
 
-  /// 0, or -1 with an error line; what was started then runs until StopTaskThreads.  Does nothing once the
-  /// agent shuts down.
+  /// Returns 0, or -1 with an error line; the workers started by then run until StopTaskThreads.  Does
+  /// nothing once the agent shuts down.
   int StartTaskThreads();
 
-  /// Tells all workers to stop, then waits for each.
+  /// Signals all workers to stop, then waits for each of them.
   void StopTaskThreads();
 
-  /// After StopTaskThreads; then a next life of the agent in this process may start them.
+  /// Called after StopTaskThreads.  The workers can then be started again for the agent's next life in this
+  /// process.
   void DeleteTaskThreadObjects();
 
   /// Starts one worker ahead of the others; does nothing when it runs already.  Returns 0, or -1 with an
@@ -66,7 +67,7 @@ class WorkerTable final : public TaskQueues {
   void ClearTasks(Worker worker) override;
   bool Has(Worker worker) override { return Find(worker) != nullptr; }
 
-  /// As AddTask for a worker that does not batch, without waking it.
+  /// Like AddTask for a worker that does not batch, but does not wake the worker.
   bool AddTaskAsleep(Worker worker, std::unique_ptr<Runnable> task);
 
   /// Hands over a task for a time without other work.  Returns whether the worker took it, and nothing when

@@ -12,16 +12,16 @@ namespace zem::zema {
 class TaskQueues;
 class WorkerTable;
 
-// Each gives a task to its worker.  When the worker is absent, a line is logged, the task is destroyed and
-// false is returned.
+// Each function gives a task to its worker.  When the worker is absent, the function logs a line, destroys
+// the task and returns false.
 
-/// `error`, which may be null, gets the text for the manager.
+/// Sets `error`, which may be null, to the text for the manager.
 bool AddHostConfigTask(TaskQueues& queues, std::unique_ptr<Runnable> task, std::string* error);
 bool AddVtepRecoveryTask(TaskQueues& queues, std::unique_ptr<Runnable> task);
 bool AddVtepAdminStateTask(TaskQueues& queues, std::unique_ptr<Runnable> task);
 bool AddHighPerformanceProfileTask(TaskQueues& queues, std::unique_ptr<Runnable> task);
-/// Runs when the host configurations' worker has been idle for `delay_seconds`; also false when such a task
-/// waits.
+/// The task runs when the host configurations' worker has been idle for `delay_seconds`.  Also returns false
+/// when such a task is already waiting.
 bool AddCklnHotSwapTask(WorkerTable& workers, std::unique_ptr<Runnable> task, int delay_seconds);
 
 }  // namespace zem::zema
