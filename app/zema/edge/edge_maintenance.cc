@@ -11,10 +11,10 @@ namespace switching = orlane::zem::switching;
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// States of the request; the store's are one more.
+// States in the request; the store's numbers are higher by one.
 constexpr uint32_t kLeave = 0;
 constexpr uint32_t kLastState = 2;
-// States of the answer.
+// States in the answer.
 constexpr uint32_t kIn = 1;
 constexpr uint32_t kOut = 3;
 
@@ -24,7 +24,7 @@ constexpr uint32_t kActionFailed = 8702;
 
 void EdgeMaintenance::Apply(const RawBusMessage& message) const {
   switching::MaintenanceModeConfigMsg config;
-  // One that does not parse has been told by whoever stores it.
+  // The code that stores the message has already logged an error when it does not parse.
   if (config.ParseFromString(message.payload)) SendActionToEdgeService(config, message);
 }
 
@@ -36,7 +36,7 @@ void EdgeMaintenance::SendActionToEdgeService(const switching::MaintenanceModeCo
   reply.set_revision(config.revision());
   EdgeService::Outcome outcome = EdgeService::Outcome::kFailed;
   std::string error = "Invalid mmode setting";
-  // Nobody asks an edge to leave the mode by a number that nobody knows.
+  // An unknown state must not be taken for a request to leave the mode.
   if (config.has_state() && config.state() <= kLastState) {
     const bool on = config.state() != kLeave;
     ZLOG_INFO("[%s] Maintenance Mode is %d\n", __func__, static_cast<int>(config.state() + 1));

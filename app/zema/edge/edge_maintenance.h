@@ -11,13 +11,13 @@ namespace zem::zema {
 
 class MpaMessageSender;
 
-/// Maintenance mode on an edge, where its own service carries it out: asks for it and tells the manager what
-/// became of it.
+/// Maintenance mode on an edge, which the edge's own service carries out: requests the mode from the service
+/// and reports the outcome to the manager.
 ///
 /// Threads: any that may wait.
 class EdgeMaintenance {
  public:
-  /// `sender` has to outlive it.
+  /// `sender` has to outlive this object.
   EdgeMaintenance(EdgeService service, MpaMessageSender& sender)
       : service_(std::move(service)), sender_(sender) {}
 

@@ -39,7 +39,7 @@ bool SameWord(std::string_view a, std::string_view b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
-// "HTTP/1.1 200 OK"
+// Parses a status line such as "HTTP/1.1 200 OK".
 std::optional<unsigned> StatusOf(std::string_view line) {
   if (line.substr(0, kVersion.size()) != kVersion) return std::nullopt;
   const size_t blank = line.find(' ');
@@ -51,7 +51,7 @@ std::optional<unsigned> StatusOf(std::string_view line) {
   return status;
 }
 
-// The whole answer's size when its headers are there and say it.
+// The size of the whole answer, once its headers are complete and specify it.
 std::optional<size_t> WholeSize(std::string_view answer) {
   const size_t headers_end = answer.find(kEndOfHeaders);
   if (headers_end == std::string_view::npos) return std::nullopt;
@@ -75,7 +75,7 @@ std::optional<size_t> WholeSize(std::string_view answer) {
 
 }  // namespace
 
-// A socket with one deadline for all that is done with it.  What fails gives an error number.
+// A socket with one deadline for all its operations.  A failure returns an error number.
 class EdgeService::Connection {
  public:
   explicit Connection(Duration limit) : deadline_(Clock::Process().Now() + limit) {}
@@ -109,7 +109,7 @@ class EdgeService::Connection {
     return 0;
   }
 
-  // To the end of the connection, or of what the headers announce.
+  // Reads to the end of the connection, or of the length that the headers specify.
   int Read(std::string* bytes) {
     char part[4096];
     for (;;) {

@@ -9,7 +9,7 @@
 
 namespace zem::zema {
 
-/// The edge's own service: one HTTP request per connection.
+/// A client of the edge's own service: one HTTP request per connection.
 ///
 /// Threads: any that may wait, up to the limit; the daemon's shutdown ends the wait.
 class EdgeService {
@@ -17,7 +17,7 @@ class EdgeService {
   struct Settings {
     std::string address = "127.0.0.1";
     uint16_t port = 7441;
-    /// For the whole exchange.
+    /// The limit for the whole exchange.
     Duration limit = std::chrono::seconds(30);
   };
 
@@ -29,12 +29,12 @@ class EdgeService {
   enum class Outcome {
     kEnabled,   // the edge is in maintenance mode
     kDisabled,  // it is not
-    kFailed,    // nobody knows; a line has told why
+    kFailed,    // the mode is unknown; the reason has been logged
   };
-  /// Asks for the mode, and reads what became of it; `error` says why with kFailed.
+  /// Requests the mode and reads the outcome; sets `error` to the reason with kFailed.
   [[nodiscard]] Outcome SetMaintenanceMode(bool on, std::string* error) const;
 
-  /// What the bytes of an answer, up to the end of the connection, say.
+  /// Reads the outcome from the bytes of an answer, up to the end of the connection.
   [[nodiscard]] static Outcome ReadAnswer(std::string_view answer, std::string* error);
 
  private:

@@ -4,8 +4,8 @@
 
 namespace zem::zema {
 
-/// Whether an endpoint has this address already: not while it is empty, all zero, or one that the host gave
-/// itself because nobody answered.
+/// Whether an endpoint already has an assigned address: not when it is empty, all zero, or an address that
+/// the host gave itself because no DHCP server answered.
 inline bool IsAssignedIpv4(std::string_view address) {
   return !address.empty() && address != "0.0.0.0" && !address.starts_with("169.254.");
 }

@@ -19,7 +19,7 @@ class MpaMessageSender;
 class OptionsStore;
 class TaskQueues;
 
-/// What the tasks over tunnel endpoints work with.  What it refers to outlives them.
+/// The objects that the tasks for tunnel endpoints use.  Everything that it refers to outlives the tasks.
 struct EndpointContext {
   EndpointContext(LumCommands& the_lum, EndpointLibrary& the_library, HostIdentity& the_host,
                   TaskQueues& queues, OptionsStore& realization_options, MpaMessageSender* the_sender,

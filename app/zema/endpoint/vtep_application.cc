@@ -26,8 +26,8 @@ constexpr const char* kRemoved = "removed";
 constexpr const char* kDhcp = "dhcp";
 constexpr const char* kLinkLayer = "linklayer";
 
-// In the order of the reply: how a setting is called in the log and to the manager, and where it stands in
-// the message.
+// In the order of the reply: the name of each setting in the log and for the manager, and its field in the
+// message.
 struct SettingRow {
   const char* log_name;
   const char* text_name;
@@ -211,7 +211,7 @@ void VtepApplication::RemoveNonExistingVteps(const std::vector<Fate>& fates, Hos
   for (int i = 0; i < host_switch->vteps_size(); ++i) {
     VtepMsg* const vtep = host_switch->mutable_vteps(i);
     const size_t index = static_cast<size_t>(i);
-    // Behind the endpoints that were asked for stand those that the host removed.
+    // The endpoints that the host removed come after those that were requested.
     const Fate fate = index < fates.size() ? fates[index] : Fate::kThere;
     const bool there = vtep->state() == kStateApplied || vtep->state() == kStateRemoved;
     if (fate == Fate::kThere || (fate == Fate::kUnknown && there)) *kept.Add() = std::move(*vtep);
@@ -222,7 +222,7 @@ void VtepApplication::RemoveNonExistingVteps(const std::vector<Fate>& fates, Hos
 void VtepApplication::SortByEndpointId(HostSwitchMsg* host_switch) {
   ZLOG_INFO("[%s] Number of VTEPs before correcting the order are: [%d]\n", __func__,
             host_switch->vteps_size());
-  // Those without an id, such as the removed ones, come last in the order they have.
+  // Endpoints without an id, such as removed ones, come last and keep their order.
   constexpr uint64_t kLast = std::numeric_limits<uint64_t>::max();
   std::vector<std::pair<uint64_t, VtepMsg>> sorted;
   for (VtepMsg& vtep : *host_switch->mutable_vteps()) {

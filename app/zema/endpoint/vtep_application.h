@@ -21,38 +21,39 @@ namespace zem::zema {
 class ErrorSink;
 class LumCommands;
 
-/// What is left to do, and to tell, after the endpoints of all switches of a configuration.
+/// What remains to be done and reported once the endpoints of all switches of a configuration have been
+/// applied.
 struct VtepOutcome {
-  /// Endpoints whose IPv4 address is still to come.
+  /// Endpoints that have yet to get an IPv4 address.
   std::vector<std::string> dhcp_devices;
-  /// Endpoints whose IPv6 address is still to come: "dhcp" or "linklayer" by device.
+  /// Endpoints that have yet to get an IPv6 address: "dhcp" or "linklayer" by device.
   std::map<std::string, std::string> ipv6_kinds;
   std::set<uint32_t> endpoint_ids;
   size_t failed_endpoints = 0;
 };
 
-/// The host's number of the endpoint `device`; nothing when it has none.
+/// Returns the host's number of the endpoint `device`, or nothing when it has none.
 using EndpointIdOf =
     std::function<std::optional<uint32_t>(const std::string& switch_name, const std::string& device)>;
 
-/// Makes the endpoints of a switch what the manager wants, and the message what the host then has: addresses
-/// as they came out, endpoints that do not exist taken out of it, those that the host removed put into it.
+/// Makes the endpoints of a switch match the manager's configuration, and then makes the message match the
+/// host: sets the actual addresses, removes endpoints that do not exist and adds those that the host removed.
 ///
 /// Threads: one, which is not a provider's.
-/// Ownership: holds all by reference.
+/// Ownership: holds all arguments by reference.
 class VtepApplication {
  public:
   VtepApplication(LumCommands& lum, ErrorSink& errors, EndpointIdOf endpoint_id_of, VtepOutcome& outcome);
 
-  /// False when anything failed; the texts are in the errors then.  `migrated` are the devices that have just
-  /// become endpoints by migration.
+  /// Returns false when any step failed; the texts are then in the errors.  `migrated` are the devices that
+  /// have just become endpoints by migration.
   [[nodiscard]] bool ApplyVTEP(orlane::zem::switching::HostSwitchMsg* host_switch,
                                const std::vector<std::string>& migrated, bool upgrade);
 
  private:
-  /// What is known of an endpoint of the message after the reply.
+  /// What the reply says about an endpoint of the message.
   enum class Fate {
-    /// The host said nothing of it: its state in the message tells whether it is there.
+    /// The reply does not mention the endpoint; the state in the message decides whether it exists.
     kUnknown,
     kThere,
     kFailed,

@@ -21,19 +21,19 @@ namespace switching = orlane::zem::switching;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr std::string_view kNotAssigned = "IpNotAssigned";
-// IPv4, IPv6, and a word.
+// IPv4, IPv6, and a third word.
 constexpr size_t kMembers = 3;
 
 }  // namespace
 
-/// What the two families do differently.
+/// The differences between the two address families.
 struct AddressFetchingTask::Family {
   const char* started;
   const char* no_devices;
   const char* no_host;
   const char* retrying;
   const char* limit;
-  /// What an endpoint without address is told with.
+  /// The address that is reported for an endpoint without one.
   const char* none;
   size_t member;
   bool (*assigned)(std::string_view address);
@@ -179,7 +179,7 @@ void AddressFetchingTask::Tell(const std::map<std::string, std::string>& found) 
 
 void AddressFetchingTask::Retry(Devices devices) {
   ZLOG_INFO("%s", family_.retrying);
-  // The successor is this class itself: the two names differ in what they are made from only.
+  // The successor is of this base class: the two public classes differ only in their constructors.
   class Successor final : public AddressFetchingTask {
    public:
     Successor(const AddressFetchingTask& from, Devices left)

@@ -11,21 +11,22 @@
 
 namespace zem::zema {
 
-/// Asks the host for addresses that endpoints get from elsewhere, and tells the manager of those that have
-/// come. For the others a successor goes to the end of the queue, so that other work is not held up.
+/// Asks the host for the addresses that endpoints obtain by DHCP or from the link, and reports those found to
+/// the manager.  For the other endpoints, a successor is queued at the end, so that it does not hold up other
+/// work.
 ///
-/// Threads: the worker's for the time after host configurations.
+/// Threads: the worker for work after host configurations.
 class AddressFetchingTask : public Runnable {
  public:
-  /// Whom the event is for.
+  /// The recipient of the event.
   struct Event {
     std::string reply_to;
     std::string id;
     std::string transport_node_id;
     std::string revision;
   };
-  /// `retries` more tries follow; in `sync_mode` an endpoint without address is told as well.  The tries end
-  /// with the `configuration` that they belong to; those of a request of the manager do not.
+  /// `retries` more tries follow; in `sync_mode` an endpoint without address is reported as well.  The tries
+  /// end when their `configuration` is replaced; without one, for a request of the manager, they do not.
   struct Tries {
     int retries = 0;
     bool sync_mode = false;

@@ -10,17 +10,17 @@
 
 namespace zem::zema {
 
-/// What the host says of one setting that all endpoints of a switch share.
+/// The host's reply about one setting that all endpoints of a switch share.
 struct VtepSettingReply {
   std::string value;
-  /// "ok", or why it could not be applied.
+  /// "ok", or why the setting could not be applied.
   std::string status;
   bool operator==(const VtepSettingReply&) const = default;
 };
 
-/// What the host says of one endpoint.
+/// The host's reply about one endpoint.
 struct VtepEntryReply {
-  /// False when the entry has another form; everything else is empty then.
+  /// False when the entry has another form; all other fields are then empty.
   bool valid = false;
   std::string device;
   std::string ipv4;
@@ -30,26 +30,26 @@ struct VtepEntryReply {
   bool operator==(const VtepEntryReply&) const = default;
 };
 
-/// The host's answer to the endpoints of a switch.
+/// The host's answer to the command for the endpoints of a switch.
 struct VtepReply {
   enum class Form {
     kGood,
-    /// The host refused the whole.
+    /// The host refused the whole command.
     kFailed,
-    /// The host agreed, but its answer cannot be the one to this command.
+    /// The host agreed, but its answer does not fit this command.
     kUnexpected,
   };
   enum Setting { kDefaultGateway, kSubnetMask, kIpv6DefaultGateway, kIpv6PrefixLength, kSettings };
 
   Form form = Form::kFailed;
   std::array<VtepSettingReply, kSettings> settings;
-  /// One for each endpoint that was asked for, in that order.
+  /// One entry for each requested endpoint, in the order of the request.
   std::vector<VtepEntryReply> entries;
-  /// Of endpoints that nobody asked for, which the host therefore removed.
+  /// Entries for endpoints that were not requested, which the host therefore removed.
   std::vector<VtepEntryReply> deletions;
 };
 
-/// Reads "ok|<value>~<status> four times|<device>~<ip>~<ipv6>~<status>[~<mac>]|..." for `endpoints`
+/// Parses "ok|<value>~<status> four times|<device>~<ip>~<ipv6>~<status>[~<mac>]|..." for `endpoints`
 /// endpoints.
 VtepReply ParseVtepReply(std::string_view reply, size_t endpoints);
 

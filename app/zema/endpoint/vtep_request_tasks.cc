@@ -25,7 +25,7 @@ constexpr const char* kDhcp = "DHCP";
 constexpr const char* kDhcpv6 = "DHCPv6";
 constexpr const char* kAutoConf = "AUTO_CONF";
 
-// The manager's numbers are the other way round; what is neither goes to the library as such.
+// The manager's numbers are the reverse of the library's; any other number is passed on as invalid.
 int LibraryState(const switching::VTEPAdminStateMgmtRequestMsg& request) {
   if (!request.has_admin_state()) return -1;
   switch (request.admin_state()) {
@@ -45,7 +45,7 @@ std::optional<std::string> NameOf(LumCommands& lum, const std::string& dvs) {
   return names->front();
 }
 
-// `attempt` makes the call on the switch of this name.
+// `attempt` makes the library call on the switch of this name.
 template <class Attempt>
 int32_t Carry(EndpointContext& context, const std::string& device, const std::string& dvs, std::string* text,
               Attempt attempt) {

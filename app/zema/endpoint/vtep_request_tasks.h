@@ -9,9 +9,9 @@
 
 namespace zem::zema {
 
-/// Has the datapath take an endpoint back that has failed; one try, and an answer in any case.
+/// Has the datapath restore a failed endpoint; tries once and answers in any case.
 ///
-/// Threads: the host configurations' worker, so that the two never meet.
+/// Threads: the host configurations' worker, so that the two never run at the same time.
 class VtepRecoveryTask final : public MpaMessageTask<orlane::zem::switching::VTEPRecoveryRequestMsg> {
  public:
   VtepRecoveryTask(std::shared_ptr<EndpointContext> context, std::string correlation_id, std::string reply_to,
@@ -23,7 +23,7 @@ class VtepRecoveryTask final : public MpaMessageTask<orlane::zem::switching::VTE
   const std::shared_ptr<EndpointContext> context_;
 };
 
-/// Takes an endpoint up or down; the same.
+/// Takes an endpoint up or down; tries once and answers in any case.
 class VtepAdminStateTask final : public MpaMessageTask<orlane::zem::switching::VTEPAdminStateMgmtRequestMsg> {
  public:
   VtepAdminStateTask(std::shared_ptr<EndpointContext> context, std::string correlation_id,
@@ -35,7 +35,7 @@ class VtepAdminStateTask final : public MpaMessageTask<orlane::zem::switching::V
   const std::shared_ptr<EndpointContext> context_;
 };
 
-/// Makes one task for each switch of the request, which answers with the addresses as they are.
+/// Makes one task for each switch of the request; each task answers with the current addresses.
 void VtepIPSync(const std::shared_ptr<EndpointContext>& context, const std::string& reply_to,
                 const orlane::zem::switching::VtepIPSyncMsg& request);
 

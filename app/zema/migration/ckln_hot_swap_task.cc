@@ -13,7 +13,7 @@ namespace {
 
 constexpr LogSource kLog{"tarvik", "zema"};
 
-// The interval doubles with every so many failures, up to ten minutes.
+// The interval doubles each time after this many failures, up to ten minutes.
 constexpr int kFailuresPerStep = 8;
 constexpr int kLongestInterval = 600;  // seconds
 

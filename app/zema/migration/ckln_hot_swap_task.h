@@ -9,16 +9,16 @@ namespace zem::zema {
 
 class LumCommands;
 
-/// Has the host give up a switch that nobody uses any more.  What fails is tried again without end, more and
-/// more rarely.
+/// Has the host remove a switch that is no longer used.  A failure is retried without end, at growing
+/// intervals.
 ///
 /// Threads: the host configurations' worker, in its low-priority slot.
 class CklnHotSwapTask final : public Runnable {
  public:
-  /// Puts a task into the slot, seconds from now.
+  /// Puts a task into the slot after `delay` seconds.
   using Schedule = std::function<void(std::unique_ptr<Runnable> task, int delay)>;
 
-  /// `retry_interval` in seconds; 0: one try.  `lum` outlives the task.
+  /// `retry_interval` is in seconds; 0 means a single try.  `lum` outlives the task.
   CklnHotSwapTask(LumCommands& lum, Schedule schedule, int retry_interval, int attempts = 0);
 
   void Run() override;

@@ -139,7 +139,8 @@ bool InterfaceMigration::MigrateOut(const HostSwitch* host_switch, const std::st
             parts->options.c_str());
   int result = LumCommands::kFailed;
   std::vector<std::string> left;
-  // A kernel interface's VIF is known from the host's list, a vNIC's from what the host asks meanwhile.
+  // The VIF of a kernel interface is known from the host's list, that of a vNIC from the host's requests
+  // during the move.
   std::vector<std::string> leaving;
   for (const auto* entry : migration.to_pln) {
     if (!entry->previous_vif_id().empty()) leaving.push_back(entry->previous_vif_id());
@@ -161,8 +162,8 @@ bool InterfaceMigration::MigrateOut(const HostSwitch* host_switch, const std::st
   return true;
 }
 
-// A move that failed, or that nobody answered, may have gone some way.  The next try does not learn of these
-// VIFs any more.
+// A move that failed or was not answered may have been carried out in part, and the next try no longer learns
+// of these VIFs.
 void InterfaceMigration::LeaveWhatMoved(const std::vector<std::string>& of_interfaces,
                                         const std::vector<std::string>& of_vnics) {
   if (of_interfaces.empty() && of_vnics.empty()) return;
@@ -232,7 +233,7 @@ bool InterfaceMigration::MigrateToLogicalSwitch(HostSwitch* host_switch, std::st
   int result = LumCommands::kFailed;
   {
     const MigrationRecord::Scope running(record_, MigrationRecord::Kind::kToLogicalSwitch);
-    // What follows the "ok" is data, so that no reply is expected here.
+    // Data follows the "ok", so no fixed reply is expected here.
     result =
         lum_.InvokeCommand(parts->Command(id, running.op_id(), settings_.knl_ping_try_times), "", &reply);
   }
@@ -246,8 +247,8 @@ bool InterfaceMigration::MigrateToLogicalSwitch(HostSwitch* host_switch, std::st
   return true;
 }
 
-// An interface that the host has on its port after all keeps it, and so does one of which the host does not
-// say where it is: without its VIF it would lose its network.
+// An interface keeps its port when the host turns out to have it there, or does not report where it is:
+// without its VIF the interface would lose its network.
 void InterfaceMigration::TakeBackPorts(const HostSwitch& host_switch,
                                        const std::vector<ToLogicalSwitch*>& made) {
   if (made.empty()) return;
@@ -271,8 +272,8 @@ void InterfaceMigration::TakeBackPorts(const HostSwitch& host_switch,
   }
 }
 
-// Behind a move that nobody answered the first question is answered by a failure, and the next one by a new
-// script: the one that moved has been killed before, so what the new one says stays so.
+// After a move without answer, the first question fails and the second one starts a new script.  The script
+// that was carrying out the move has been killed by then, so the answer of the new one remains valid.
 std::optional<std::vector<HostKnl>> InterfaceMigration::AskForKnls() {
   std::string problem;
   auto knls = ReadKnls(lum_, settings_.knl_types, &problem);
@@ -306,7 +307,7 @@ void InterfaceMigration::TakeMigrated(const std::string& reply, const std::strin
   }
 }
 
-// A failure that names no endpoint is one of all.
+// A failure that names no endpoint applies to all of them.
 bool InterfaceMigration::TakeFailure(const std::string& reply, const std::vector<std::string>& vteps,
                                      HostSwitch* host_switch) {
   const MigrateToLsFailure failure = ParseMigrateToLsFailure(reply);

@@ -17,37 +17,39 @@ class LumCommands;
 class MigrationRecord;
 
 struct InterfaceMigrationSettings {
-  /// Words of the host, by commas (`hostConfig.knlTypesToCheckOnRemovingPnic`).
+  /// Types in the host's terms, separated by commas (`hostConfig.knlTypesToCheckOnRemovingPnic`).
   std::string knl_types = "management";
-  /// How often the host pings after a move before it takes it back (`lum.knlPingTryTimes`).
+  /// How often the host pings after a move before it reverts the move (`lum.knlPingTryTimes`).
   int knl_ping_try_times = 4;
-  /// Told before and, when it failed, after the host's clean-up for its own removal of the agent.
+  /// Called with true before the host's clean-up for its own removal of the agent, and with false when it
+  /// failed.
   std::function<void(bool)> set_del_zem_running = [](bool) {};
   std::function<void()> flush_desired_config = [] {};
-  /// Makes the port that `entry` names on the switch of `zone`; false with the reason in `error`.
+  /// Creates the port that `entry` names on the switch of `zone`; returns false and sets `error` when that
+  /// fails.
   std::function<bool(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
                      std::string* error)>
       create_port;
-  /// Takes the entry's VIF off the port that it names, on the switch of `zone`.
+  /// Removes the entry's VIF from the port that it names, on the switch of `zone`.
   std::function<bool(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
                      std::string* error)>
       leave_port = [](const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg&, const std::string&,
                       std::string*) { return true; };
-  /// Told before the host is asked to move the interfaces with these VIFs out: once they have moved, its list
-  /// of interfaces does not name the VIFs any more.
+  /// Called, before the host is asked to move them out, with the VIFs of the interfaces: afterwards the
+  /// host's list of interfaces no longer contains these VIFs.
   std::function<void(const std::vector<std::string>& vifs)> leaving = [](const std::vector<std::string>&) {};
-  /// What an earlier process was told by `leaving`, and may not have cleared.
+  /// VIFs passed to `leaving` in an earlier process, which may not have removed them from their ports.
   std::vector<std::string> left_before;
-  /// Takes the VIF off every port but `kept`.
+  /// Removes the VIF from every port but `kept`.
   std::function<bool(const std::string& vif, const std::string& kept, std::string* error)> leave_ports =
       [](const std::string&, const std::string&, std::string*) { return true; };
 };
 
 /// Moves the host's kernel interfaces, vNICs and physical NICs between its own switches and the host
-/// switches. An operation that fails has told it in the errors, and changes nothing that comes after it.
+/// switches. An operation that fails adds its error to the errors and does not affect later operations.
 ///
 /// Threads: one, which is not a provider's: each operation waits for the host.
-/// Ownership: holds all by reference.
+/// Ownership: holds all arguments by reference.
 class InterfaceMigration {
  public:
   using Config = orlane::zem::switching::HostConfigMsg;
@@ -56,21 +58,21 @@ class InterfaceMigration {
   InterfaceMigration(LumCommands& lum, ErrorSink& errors, MigrationRecord& record,
                      InterfaceMigrationSettings settings);
 
-  /// Whether the host can do without the agent, when the host itself asks for its removal (`reset`).
+  /// Checks whether the host can work without the agent, when the host itself asks for its removal (`reset`).
   [[nodiscard]] bool ValidateHostConfigMsgForMigration(bool reset);
 
-  /// The checks that need the host, the moves out, and with `reset` whatever else keeps the host from losing
-  /// its switches.  `migrate_nvs_knls` becomes whether there are moves in; when the host's profile has made
-  /// them (it came false), `map` loses them.
+  /// Makes the checks that need the host and the moves out, and with `reset` handles whatever else keeps the
+  /// host from removing its switches.  Sets `migrate_nvs_knls` to whether there are moves in; when it was
+  /// false, the host's profile has made those moves, and `map` loses them.
   [[nodiscard]] bool PrepareAndMigrate(Config* config, KnlMigrationMap* map, bool* migrate_nvs_knls,
                                        bool reset);
 
-  /// The moves out of all switches; ends at the first that fails.
+  /// Moves interfaces out of all switches; stops at the first failure.
   [[nodiscard]] bool MigrateToPLN(const Config& config, const KnlMigrationMap& map);
 
-  /// The moves into `host_switch`, whose kind is `kind`, with its ports made before.  `pairs` are its
-  /// physical NICs, "pnic~uplink".  `migrated_vteps` are the devices that have become endpoints.  What did
-  /// not become one is taken out of `host_switch`.
+  /// Makes the moves into `host_switch`, whose kind is `kind`, after creating the ports.  `pairs` are the
+  /// switch's physical NICs, "pnic~uplink".  `migrated_vteps` gets the devices that have become endpoints;
+  /// endpoints that did not move are removed from `host_switch`.
   [[nodiscard]] bool MigrateToLogicalSwitch(HostSwitch* host_switch, std::string_view kind,
                                             const KnlMigration& migration,
                                             const std::vector<std::string>& pairs,
@@ -80,19 +82,21 @@ class InterfaceMigration {
   using ToLogicalSwitch = orlane::zem::switching::QubMgmtIfToLogicSwitchMsg;
 
   bool MigrateOut(const HostSwitch* host_switch, const std::string& id, const KnlMigration& migration);
-  /// The VIF is nowhere but on the port `kept`, or nowhere; a failure is logged.
+  /// Removes the VIF from every port but `kept`; a failure is logged.
   void LeavePorts(const std::string& vif, const std::string& kept);
-  /// `made` are those for which a port was made, or half of one.
+  /// `made` gets the entries for which a port was created, at least in part.
   bool CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration,
                    std::vector<ToLogicalSwitch*>* made);
-  /// After a move that failed, or of which nobody knows: the ports lose the VIFs that the host does not have.
+  /// Called when a move failed or was not answered: removes from the ports the VIFs that the host does not
+  /// have there.
   void TakeBackPorts(const HostSwitch& host_switch, const std::vector<ToLogicalSwitch*>& made);
-  /// After a move out that failed, or of which nobody knows: the VIFs that the host does not have any more.
+  /// Called when a move out failed or was not answered: removes from their ports the VIFs that the host no
+  /// longer has.
   void LeaveWhatMoved(const std::vector<std::string>& of_interfaces,
                       const std::vector<std::string>& of_vnics);
-  /// The host's interfaces behind a failed move; nothing when it does not say.
+  /// Reads the host's interfaces after a failed move; returns nothing when the host does not answer.
   std::optional<std::vector<HostKnl>> AskForKnls();
-  /// The host knows the VIF of no VM.
+  /// Whether the host answers that no VM has the VIF.
   bool IsOfNoVm(const std::string& vif, const std::string& port);
   void TakeMigrated(const std::string& reply, const std::string& id, const KnlMigration& migration);
   bool TakeFailure(const std::string& reply, const std::vector<std::string>& vteps, HostSwitch* host_switch);
@@ -105,7 +109,7 @@ class InterfaceMigration {
   const InterfaceMigrationSettings settings_;
 };
 
-/// The switches of `map`, for the records of which the physical NICs go with the migration.
+/// The switches of `map`, whose records leave their physical NICs to the migration.
 MigratedPnics MigratedPnicsOf(const KnlMigrationMap& map);
 
 }  // namespace zem::zema

@@ -80,7 +80,7 @@ const UplinkProfileMsg& TeamingNamed(const HostSwitchMsg& host_switch, const std
   return host_switch.profiles().uplink_profile();
 }
 
-// A link aggregation group's physical NICs have uplinks that begin with its name.
+// The physical NICs of a link aggregation group have uplinks whose names begin with the group's name.
 bool Serves(const PhysicalNicMsg& pnic, const UplinkMsg& uplink) {
   return uplink.type() == UplinkMsg::LAG ? pnic.uplink_name().starts_with(uplink.name())
                                          : pnic.uplink_name() == uplink.name();

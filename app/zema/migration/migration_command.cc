@@ -18,7 +18,7 @@ constexpr size_t kFailurePrefix = 13;
 
 bool IsVnic(const std::string& device) { return device.find(':') != std::string::npos; }
 
-// One entry: its members, each checked, behind the key.
+// One entry: its key and its members, each of them checked.
 class Entry {
  public:
   Entry(const char* key, std::string* error) : text_(std::string("|") + key + "="), error_(error) {}
@@ -68,7 +68,8 @@ std::optional<MigrateToPlnParts> BuildMigrateToPln(const HostSwitchMsg* host_swi
   if (!migration.ping_ip.empty()) parts.options += "|mgmtKnlPingIp=" + migration.ping_ip;
   if (!migration.target.empty()) parts.options += "|dvsOrPlnName=" + migration.target;
   for (const QubMgmtIfToPlnMsg* move : migration.to_pln) {
-    // Physical NICs alone have no entry: they are what does not stay.
+    // A move of physical NICs alone needs no entry: the NICs that move are those missing from the ones to
+    // keep.
     if (move->device().empty()) continue;
     Entry entry(IsVnic(move->device()) ? "vmuuiddevicepair" : "knlToVswOrPsw", error);
     entry.Add("device", move->device());
@@ -116,7 +117,7 @@ std::optional<MigrateToLsParts> BuildMigrateToLs(const KnlMigration& migration,
       if (move->has_port_group()) entry.Add("port group", move->port_group());
       entry.Add("marker", "not_vtep");
     }
-    // The entry ends with a comma, behind which the number may stand.
+    // The entry ends with a comma, after which the number may follow.
     entry.Add("tail number", move->has_tail_number() ? std::to_string(move->tail_number()) : "");
     if (!entry.good()) return std::nullopt;
     parts.entries += entry.text();

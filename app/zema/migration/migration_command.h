@@ -9,35 +9,35 @@
 
 namespace zem::zema {
 
-/// The move out of a switch, apart from what its run adds.
+/// The command for a move out of a switch, except for what is added when it runs.
 struct MigrateToPlnParts {
   /// Names of the uplinks that keep their physical NICs.
   std::string pnics_to_set;
-  /// Each option behind a "|".
+  /// Each option follows a "|".
   std::string options;
-  /// Each entry behind a "|".
+  /// Each entry follows a "|".
   std::string entries;
 
   std::string Command(const std::string& switch_id, const std::string& op_id, int ping_tries) const;
 };
 
-/// Nothing, and the reason in `error`, when a value holds a separator of the command.  `host_switch` is null
-/// when the configuration has the switch no more: then nothing stays on it.
+/// Returns nothing and sets `error` when a value contains a separator of the command.  `host_switch` is null
+/// when the configuration no longer has the switch: then no physical NIC stays on it.
 std::optional<MigrateToPlnParts> BuildMigrateToPln(const orlane::zem::switching::HostSwitchMsg* host_switch,
                                                    const KnlMigration& migration, std::string* error);
 
-/// The move into a switch, apart from what its run adds.
+/// The command for a move into a switch, except for what is added when it runs.
 struct MigrateToLsParts {
   /// "pnic,uplink" pairs.
   std::string pnics;
   std::string ping_ip;
-  /// Each entry behind a "|".
+  /// Each entry follows a "|".
   std::string entries;
 
   std::string Command(const std::string& switch_id, const std::string& op_id, int ping_tries) const;
 };
 
-/// `pairs` as "pnic~uplink".
+/// `pairs` have the form "pnic~uplink".
 std::optional<MigrateToLsParts> BuildMigrateToLs(const KnlMigration& migration,
                                                  const std::vector<std::string>& pairs, std::string* error);
 
@@ -48,8 +48,8 @@ struct MigrateToLsFailure {
   bool operator==(const MigrateToLsFailure&) const = default;
 };
 
-/// Reads 13 characters that only count, the endpoints that did not move by commas, "|" and the reason.  A
-/// reply of another form is the reason itself.
+/// Parses 13 characters of which only the number matters, the endpoints that did not move, separated by
+/// commas, "|" and the reason.  A reply of another form is the reason itself.
 MigrateToLsFailure ParseMigrateToLsFailure(std::string_view reply);
 
 }  // namespace zem::zema

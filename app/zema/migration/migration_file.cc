@@ -23,7 +23,7 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kRequestId = "request_id";
 constexpr const char* kVmsRequestId = "vms_request_id";
-// Beside what the tool reads: the outcome of each file.
+// The outcome of each file; these keys are in addition to those that the tool reads.
 constexpr const char* kRequestResult = "request_result";
 constexpr const char* kVmsRequestResult = "vms_request_result";
 constexpr const char* kOwnFailure = "Failed";
@@ -31,14 +31,14 @@ constexpr const char* kResult = "result";
 constexpr const char* kSuccess = "Success";
 constexpr const char* kFailed = "Failed; error messages:\n";
 
-// The parser calls itself for each level.
+// The parser is recursive, one call for each level.
 constexpr int kDeepest = 16;
 
 [[noreturn]] void Miss(const std::string& key, const std::string& reason) {
   throw std::runtime_error("Failed to get [" + key + "], ptree_error: " + reason);
 }
 
-// Names are keys as they stand, never paths.
+// A name is a key as it stands, never a path.
 const pt::ptree* Find(const pt::ptree& node, const char* key) {
   const auto found = node.find(key);
   return found == node.not_found() ? nullptr : &found->second;
@@ -164,7 +164,7 @@ bool TooDeep(std::string_view text) {
 
 constexpr const char* kBlanks = " \t\r\n";
 
-// The parser takes any value for a whole; here it is an object.
+// The parser accepts a text of any type; here only an object is accepted.
 void ParseObject(const std::string& text, pt::ptree* tree) {
   const size_t first = text.find_first_not_of(kBlanks);
   if (first == std::string::npos || text[first] != '{') throw std::runtime_error("an object is expected");
@@ -234,7 +234,7 @@ MigrationFile::Read MigrationFile::Load(MigrationRequest* request, std::string* 
   return Read::kNotIdentified;
 }
 
-// Put in at the front, so that every other byte stays as it was.
+// The id is inserted at the front, so that every other byte stays unchanged.
 bool MigrationFile::WriteId(const std::string& text, const std::string& id, std::string* error) const {
   const size_t open = text.find('{');
   const size_t next = text.find_first_not_of(kBlanks, open + 1);
@@ -263,7 +263,7 @@ bool ReadMigrationResult(const std::string& path, MigrationResult* result) {
     result->request_id = Text(tree, kRequestId);
     result->vms_request_id = Text(tree, kVmsRequestId);
     const std::string both = Text(tree, kResult);
-    // A file of an agent that knew one outcome only.
+    // The file may be from an older agent, which wrote a single outcome.
     const auto succeeded = [&](const char* name) {
       const std::string own = Text(tree, name);
       return (own.empty() ? both : own) == kSuccess;

@@ -16,16 +16,16 @@ struct MigrationVnic {
   /// A kernel interface, or "<vm uuid>:<device>".
   std::string vnic_id;
   bool is_vtep = false;
-  /// Of an endpoint, when "ip" does not say it.
+  /// The endpoint's address, used when "ip" is empty.
   std::string ping_ip;
   std::string ip;
   std::optional<uint64_t> mac;
   std::optional<uint32_t> vtep_label;
   std::string group_id;
-  /// The target of a move out.
+  /// The target of a move out of a host switch.
   std::string port_group_name;
 
-  // The port, for a move in.
+  // The port, for a move into a host switch.
   std::string logical_switch_id;
   std::string logical_port_id;
   std::string vif_id;
@@ -55,18 +55,18 @@ struct MigrationHostSwitch {
   const std::string& IdOrName() const { return id.empty() ? name : id; }
 };
 
-/// What a tool of the host wants moved.
+/// A migration requested by a tool of the host.
 struct MigrationRequest {
-  /// Empty when the file has none.
+  /// Empty when the file has no id.
   std::string request_id;
-  /// Into the host switches, or out of them.
+  /// True for a move into the host switches, false for a move out of them.
   bool in = false;
-  /// Ports are made before their VIFs come; only on the way in.
+  /// Whether ports are created before their VIFs arrive; only for a move in.
   bool pre_create_dvports = true;
   std::vector<MigrationHostSwitch> host_switches;
 };
 
-/// A file with a request, as a tool of the host leaves it.
+/// A file with a request, written by a tool of the host.
 ///
 /// Threads: one.
 class MigrationFile {
@@ -76,16 +76,16 @@ class MigrationFile {
   explicit MigrationFile(std::string path) : path_(std::move(path)) {}
 
   enum class Read {
-    kNone,           // empty, or not there: nothing is asked
-    kUnreadable,     // `error` says why
-    kIncomplete,     // the same; its id is known
-    kNotIdentified,  // the same: an id of its own could not be written down
+    kNone,           // empty or missing: no migration is requested
+    kUnreadable,     // `error` has the reason
+    kIncomplete,     // `error` has the reason; the id is known
+    kNotIdentified,  // `error` has the reason: a new id could not be written to the file
     kDone,
   };
-  /// A file without an id gets one, written into it beside what it has.
+  /// Reads the request.  A file without an id gets one, which is added to its content.
   [[nodiscard]] Read Load(MigrationRequest* request, std::string* error);
 
-  /// The content alone.
+  /// Parses the content of a file.
   [[nodiscard]] static Read Parse(const std::string& text, MigrationRequest* request, std::string* error);
 
   const std::string& path() const { return path_; }
@@ -96,19 +96,19 @@ class MigrationFile {
   const std::string path_;
 };
 
-/// What became of the last requests.
+/// The outcomes of the last requests.
 struct MigrationResult {
   std::string request_id;
-  /// Of the file with the VMs.
+  /// The id in the file with the VMs.
   std::string vms_request_id;
   bool succeeded = false;
-  /// Of the file with the VMs: each file has its own outcome, so that neither is taken for the other's.
+  /// The outcome of the file with the VMs: each file has its own, so that the two cannot be confused.
   bool vms_succeeded = false;
 };
 
-/// False, with `result` as it was, when there is no readable one.
+/// Returns false, with `result` unchanged, when there is no readable outcome.
 bool ReadMigrationResult(const std::string& path, MigrationResult* result);
-/// `errors`: none is success.  Failures are told in the log.
+/// Empty `errors` mean success.  A failure to write is logged.
 void SaveMigrationResult(const std::string& path, const MigrationResult& ids,
                          const std::vector<std::string>& errors);
 

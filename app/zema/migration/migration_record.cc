@@ -5,7 +5,7 @@
 namespace zem::zema {
 namespace {
 
-// What the operation ids of each kind begin with; the host knows them.
+// The beginning of the operation ids of each kind, as the host expects it.
 constexpr std::array<const char*, 3> kStems = {"", "migrate-knl-and-pnic-to-pln",
                                                "migrate-knl-and-pnic-to-logical-switch"};
 

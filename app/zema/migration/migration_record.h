@@ -9,8 +9,8 @@
 
 namespace zem::zema {
 
-/// Which move of interfaces the host is carrying out.  The host asks for port operations in the middle of
-/// one, under its operation id, and the threads that serve them look here.
+/// Records which move of interfaces the host is carrying out.  During a move, the host asks for port
+/// operations under the move's operation id, and the threads that serve these requests look the id up here.
 ///
 /// Threads: all operations from any thread; the lock is held for memory work only, never across a command.
 class MigrationRecord {
@@ -23,7 +23,7 @@ class MigrationRecord {
     kToLogicalSwitch,
   };
 
-  /// A move that runs while this lives.
+  /// A move, which runs while this object lives.
   class Scope {
    public:
     Scope(MigrationRecord& record, Kind kind) : record_(record), op_id_(record.Begin(kind)) {}
@@ -31,7 +31,7 @@ class MigrationRecord {
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
     const std::string& op_id() const { return op_id_; }
-    /// The VIFs that the host has taken off their ports until now.
+    /// Takes the VIFs that the host has removed from their ports so far.
     std::vector<std::string> TakeLeft() { return record_.TakeLeft(); }
 
    private:
@@ -39,14 +39,14 @@ class MigrationRecord {
     const std::string op_id_;
   };
 
-  /// Whether a move runs that has this operation id.
+  /// Whether a move with this operation id is running.
   bool IsMigrating(const std::string& op_id);
-  /// The host takes the VIF off in that move; nothing when it does not run any more.
+  /// Records that the host removes the VIF during that move; does nothing when the move no longer runs.
   void NoteLeft(const std::string& op_id, const std::string& vif);
   Kind kind();
 
  private:
-  /// The operation id, which no other move of this process has.
+  /// Returns the operation id, which is unique among the moves of this process.
   std::string Begin(Kind kind);
   void End();
   std::vector<std::string> TakeLeft();
@@ -55,7 +55,7 @@ class MigrationRecord {
   Kind kind_ = Kind::kNone;
   std::string op_id_;
   std::vector<std::string> left_;
-  // How many moves there were, by kind.
+  // The number of moves so far, by kind.
   std::array<uint32_t, 3> serials_{};
 };
 

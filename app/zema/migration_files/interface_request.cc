@@ -24,7 +24,7 @@ bool Refuse(std::string* error, std::string text) {
   return false;
 }
 
-// Both forms of an id are in use: the manager's, and the host's.
+// An id may be in the manager's form or in the host's.
 std::string HostForm(std::string id) { return ConvertDvsUuidToQubFormat(&id) ? id : std::string(); }
 
 HostSwitchMsg* Find(const MigrationHostSwitch& wanted, HostConfigMsg* config) {
@@ -65,7 +65,7 @@ void FillVtep(const MigrationVnic& vnic, VtepMsg* vtep) {
   }
 }
 
-// The endpoint that the file means, or one whose place it takes.
+// Updates the endpoint that the file names, or replaces another endpoint with it.
 void PutVtep(const MigrationHostSwitch& wanted, const MigrationVnic& vnic, HostSwitchMsg* host_switch) {
   auto& vteps = *host_switch->mutable_vteps();
   const auto found = std::find_if(vteps.begin(), vteps.end(),
@@ -76,7 +76,7 @@ void PutVtep(const MigrationHostSwitch& wanted, const MigrationVnic& vnic, HostS
     return;
   }
   const std::string& ip = vnic.ip.empty() ? vnic.ping_ip : vnic.ip;
-  // One without a device is nobody's; else one that the file does not know.
+  // Prefers an endpoint without a device, then one that the file does not name.
   auto replaced = std::find_if(vteps.begin(), vteps.end(),
                                [](const VtepMsg& vtep) { return vtep.device_name().empty(); });
   if (replaced == vteps.end()) {
@@ -160,7 +160,7 @@ void PutVnics(const MigrationHostSwitch& wanted, bool in, const std::string& id,
   }
 }
 
-// Without interfaces an entry of the switch alone says that its physical NICs move.
+// Without interfaces, an entry that names only the switch means that its physical NICs move.
 bool PutPnicsAlone(const MigrationHostSwitch& wanted, bool in, const HostSwitchMsg& host_switch,
                    QubMgmtIfMigrationMsg* migration, std::string* error) {
   ZLOG_INFO("[%s] No vnic to migrate; only %d PNICs to keep in NKLN %s", kTag,

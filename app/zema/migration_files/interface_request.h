@@ -10,9 +10,9 @@ namespace zem::zema {
 
 struct MigrationRequest;
 
-/// Writes the moves of interfaces and physical NICs into a configuration: its own moves go, its lists of
-/// physical NICs and endpoints become what the request makes of them.  False with the reason in `error`; the
-/// configuration is of no use then.
+/// Writes the moves of interfaces and physical NICs into a configuration: replaces the configuration's own
+/// moves and updates its lists of physical NICs and endpoints.  Returns false and sets `error` when that
+/// fails; the configuration must then not be used.
 [[nodiscard]] bool PutIntoConfig(const MigrationRequest& request,
                                  orlane::zem::switching::HostConfigMsg* config, std::string* error);
 

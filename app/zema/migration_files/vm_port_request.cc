@@ -21,7 +21,7 @@ constexpr NeededKey kNeededInside[] = {
     {"transport_zone_id", &MigrationVnic::transport_zone_id},
 };
 
-// Empty when the port of the vNIC is complete.
+// Returns why the vNIC's port is ignored; empty when it is complete.
 std::string WhyIgnored(const MigrationVnic& vnic, bool in) {
   if (!vnic.OfVm()) return "it is not a VM nic";
   if (vnic.is_vtep) return "it is marked as a VTEP";

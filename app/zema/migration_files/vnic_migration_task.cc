@@ -29,7 +29,7 @@ void VnicMigrationTask::Run() {
   ZLOG_INFO("VnicMigrationTask started");
   MigrationResult before;
   ReadMigrationResult(settings_.result_file, &before);
-  // The id and the outcome of a file that is not looked at stay.
+  // Keeps the id and the outcome of a file that is not read this time.
   result_ = before;
   try {
     if (vm_ports_) LoadPortDataFromVmsMigrationFile(before);
@@ -66,7 +66,7 @@ std::vector<std::string> VnicMigrationTask::Errors() const {
   return all;
 }
 
-// False when there is nothing to do, or nothing that can be done.
+// Returns false when there is nothing to do, or when the file cannot be used.
 bool VnicMigrationTask::Load(const std::string& path, const std::string& done_id, const char* done_text,
                              std::string* id, bool* processed, MigrationRequest* request) {
   MigrationFile file(path);
@@ -96,7 +96,7 @@ bool VnicMigrationTask::PopulateKnlMigrationMsgFromFile(const MigrationResult& b
   migration_result_file_ = settings_.result_file;
   std::string error;
   if (!context().files.RetrieveHostConfigMsgFromFile(&message_, &error)) return Refuse(error);
-  // Without its id the node would count as removed.
+  // Without its id, the node would be treated as removed.
   if (!message_.has_transport_node_id()) return Refuse("The stored HostConfigMsg names no transport node");
   return PutIntoConfig(request, &message_, &error) || Refuse(error);
 }

@@ -13,8 +13,8 @@
 namespace zem::zema {
 
 /// A migration that a tool of the host describes in files: of interfaces and physical NICs, as a change of
-/// the stored configuration, and of VMs, whose ports are made before the VMs come.  Nothing is told to the
-/// manager; the outcome stands in a file.  A request that has succeeded is not carried out again.
+/// the stored configuration, and of VMs, whose ports are created before the VMs arrive.  Nothing is sent to
+/// the manager; the outcome is written to a file.  A request that has succeeded is not carried out again.
 ///
 /// Threads: the host configurations' worker.
 class VnicMigrationTask final : public HostConfigTaskQub {
@@ -23,13 +23,13 @@ class VnicMigrationTask final : public HostConfigTaskQub {
     std::string knl_file = "/tmp/zem/mvr_vnics_migration.json";
     std::string vms_file = "/tmp/zem/vm_map.json";
     std::string result_file = "/tmp/zem/mvr_vnics_migration_result.txt";
-    /// Makes the ports; false with the reason at the first that cannot be made.
+    /// Creates the ports; returns false with the reason at the first port that cannot be created.
     std::function<bool(VmPortMap& ports, std::string* error)> create_ports;
-    /// Keeps the ports for the VIFs' requests, in the place of those before.
+    /// Keeps the ports for the VIFs' requests and replaces the ports kept before.
     std::function<void(std::shared_ptr<VmPortMap> ports)> keep_ports;
   };
 
-  /// `vm_ports`, `knl_pnic`: the files to look at.
+  /// `vm_ports` and `knl_pnic` select the files to read.
   VnicMigrationTask(std::shared_ptr<HostConfigContext> context, Settings settings, bool vm_ports,
                     bool knl_pnic);
 
@@ -50,7 +50,7 @@ class VnicMigrationTask final : public HostConfigTaskQub {
   const bool vm_ports_;
   const bool knl_pnic_;
   MigrationResult result_;
-  /// The errors of the file with the VMs come first; nothing while it is being looked at.
+  /// How many errors, at the front, belong to the file with the VMs; empty while that file is being read.
   std::optional<size_t> of_vms_;
   bool vms_processed_ = false;
   bool knl_processed_ = false;

@@ -9,8 +9,8 @@
 
 namespace zem::zema {
 
-/// What went wrong while one host configuration was applied, for the answer to the manager: a code that only
-/// rises, and texts in the order in which they came.
+/// The errors of one host configuration, for the answer to the manager: a code that only rises, and texts in
+/// the order in which they were added.
 ///
 /// Threads: one owner.
 class ErrorSink {
@@ -20,16 +20,16 @@ class ErrorSink {
   static constexpr uint32_t kTransportNodeIdNotSet = 8702;
   /// A router port stayed connected.
   static constexpr uint32_t kRouterPort = 8703;
-  /// A switch did not tell its state.
+  /// A switch did not report its state.
   static constexpr uint32_t kSwitchStatus = 44302;
 
   void Add(uint32_t code, std::string text) {
     if (code > code_) code_ = code;
-    // The host may fail without a word; the code speaks for it then.
+    // The host may fail without a text; then only the code reports the failure.
     if (!text.empty()) texts_.push_back(std::move(text));
   }
 
-  /// Takes the texts out that contain `part`; `told` gets each.
+  /// Removes the texts that contain `part`; calls `told` with each of them.
   template <class Told>
   void RemoveTextsWith(std::string_view part, Told told) {
     std::erase_if(texts_, [&](const std::string& text) {
@@ -39,8 +39,8 @@ class ErrorSink {
     });
   }
 
-  /// The one case in which the code goes down: a router port that stayed is no error once its switch is gone
-  /// and nothing else went wrong.  True when it was so.
+  /// The one case in which the code goes down: a router port that stayed connected is no error once its
+  /// switch is gone and nothing else has failed.  Returns true in that case.
   bool ForgiveRouterPort() {
     if (!texts_.empty() || code_ != kRouterPort) return false;
     code_ = 0;

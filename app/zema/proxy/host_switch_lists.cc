@@ -14,7 +14,7 @@ constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kUp = "up";
 constexpr const char* kDown = "down";
 
-// A reply that is no list is the reason itself.
+// A reply that is not a list is returned as the error.
 std::optional<std::vector<std::string>> AskForList(LumCommands& lum, const std::string& command,
                                                    bool keep_empty, std::string* error) {
   std::string reply;
@@ -35,7 +35,7 @@ std::optional<std::vector<std::string>> GetDvsNames(LumCommands& lum, const std:
   if (ids.empty()) return std::vector<std::string>();
   const std::string command = "queryDvsNames(" + boost::join(ids, ",") + ")";
   std::optional<std::vector<std::string>> names = AskForList(lum, command, true, error);
-  // The list of one empty name looks like the empty list.
+  // The list of one empty name looks like an empty list.
   if (names && names->empty()) names->emplace_back();
   if (names && names->size() != ids.size()) {
     *error = command + " failed: [" + std::to_string(names->size()) + " names for " +

@@ -9,26 +9,27 @@ namespace zem::zema {
 
 class LumCommands;
 
-/// A switch that the host has.
+/// A switch of the host.
 struct HostDvs {
   std::string id;
   std::string name;
   bool operator==(const HostDvs&) const = default;
 };
 
-/// The value of the host property by which a switch tells whether it runs; nothing when it cannot be read.
+/// Reads the host property that says whether a switch is up; returns nothing when it cannot be read.
 using DvsStatusOf = std::function<std::optional<std::string>(const std::string& id)>;
 
-/// The switches that are up, with `reset` also those that are down, in the host's order.  Nothing, and the
-/// text for the manager in `error`, when the host does not answer or answers something else.
+/// Reads the switches that are up, with `reset` also those that are down, in the host's order.  Returns
+/// nothing and sets `error` to the text for the manager when the host does not answer or sends another
+/// answer.
 std::optional<std::vector<HostDvs>> GetDvsUuids(LumCommands& lum, bool reset, const DvsStatusOf& status_of,
                                                 std::string* error);
 
-/// The names of the switches, in the order of `ids`; an unknown one has an empty name.
+/// Reads the names of the switches, in the order of `ids`; an unknown switch has an empty name.
 std::optional<std::vector<std::string>> GetDvsNames(LumCommands& lum, const std::vector<std::string>& ids,
                                                     std::string* error);
 
-/// Whether the host has switches that are there for security alone.
+/// Whether the host has switches that serve security alone.
 std::optional<bool> HasSecurityOnlySwitch(LumCommands& lum, std::string* error);
 
 }  // namespace zem::zema

@@ -26,12 +26,12 @@ using wft::WorkflowUtil;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr int kKillTries = 3;
-// Before the second look for what a try waits for; doubled each time.
+// The time before the second check of an awaited condition; doubled for each further check.
 constexpr Duration kLook = std::chrono::milliseconds(50);
 constexpr Duration kLongestRespawnPause = std::chrono::minutes(1);
 constexpr int kReadyTries = 120;
 constexpr uint32_t kWireVersion = 1;
-// Far above any list of ports or switches of one host.
+// Far larger than any list of ports or switches of one host.
 constexpr uint32_t kMaxReply = 64 * 1024 * 1024;
 
 constexpr const char* kNoProcess = "no process found";
@@ -40,7 +40,7 @@ constexpr const char* kPing = "ping";
 constexpr const char* kUninitialized = "Uninitialized";
 constexpr const char* kReady = "ready";
 
-// On the wire in the host's byte order: both ends are on one machine.
+// Sent in the host's byte order: both ends are on the same machine.
 struct RequestHeader {
   uint32_t version;
   uint32_t length;
@@ -51,7 +51,7 @@ struct ReplyHeader {
   uint32_t length;
 };
 
-// Finds the script whichever way this host's ps lists processes, and leaves a line in the kill log.
+// Finds the script in either format of this host's ps output, and adds a line to the kill log.
 std::vector<std::string> KillCommands(const LumSettings& settings) {
   std::vector<std::string> commands;
   for (const char* list : {"ps -c", "ps -C"}) {
@@ -119,7 +119,7 @@ void LumHandler::Watch() {
         Lose();
       }
       if (child_.socket() < 0) connected = SpawnPyLumInternal() == kSucceeded;
-      // Without a descriptor of its own it looks from time to time.
+      // When the child's end cannot be watched through a descriptor, the loop checks from time to time.
       connected = connected && child_.IsWatched();
     }
     if (connected) {
@@ -254,7 +254,7 @@ bool LumHandler::GetLine(uint32_t* status, std::string* out) {
   }
   out->resize(header.length);
   if (!ReadWhole(out->data(), out->size())) return false;
-  // Taken as text: what follows a zero is not part of it.
+  // The reply is a text: bytes after a zero are not part of it.
   out->resize(std::strlen(out->c_str()));
   return true;
 }
@@ -276,7 +276,8 @@ bool LumHandler::ReadWhole(void* buffer, size_t length) {
 
 void LumHandler::Lose() {
   child_.Disconnect();
-  // The process may have gone and its id be another's by the time of the end, which then kills by name.
+  // The process may have ended and its id may belong to another process by the time it is to be killed;
+  // without the id, the child is killed by name.
   child_.ForgetPid();
   SetReady(false);
 }
@@ -326,12 +327,12 @@ bool LumHandler::FindPid() {
 }
 
 bool LumHandler::Connect() {
-  // The connection's own tries are far apart.
+  // Waits for the socket file first, because the connection's own retries are far apart.
   LookFor(settings_.pid_pause, [this] { return ::access(settings_.socket.c_str(), F_OK) == 0; });
   if (child_.Connect()) return true;
   const std::string reason = GetErrMsg(errno);
   ZLOG_ERROR("42059", "[%s] failed to connect unix socket, error: [%s]", __func__, reason.c_str());
-  // What the script printed often says why.
+  // The script's output often contains the reason.
   std::string printed;
   if (const int failed = child_.ReadPrinted(&printed); failed != 0) {
     ZLOG_ERROR("42060", "[%s] failed to set non-block flag, error: [%s]", __func__,
@@ -348,7 +349,7 @@ int LumHandler::SpawnPyLumInternal() {
   Lose();
   options_ = settings_.options();
   if (!KillPrior()) return kFailed;
-  // Waits for its end; no other is left.
+  // Waits until the child has ended, so that only one script runs.
   child_.Kill();
   ::unlink(settings_.socket.c_str());
   if (!Pause(Duration::zero())) {
@@ -361,7 +362,7 @@ int LumHandler::SpawnPyLumInternal() {
     child_.Kill();
     return kFailed;
   }
-  // The end may have come before there was a process to kill.
+  // The handler may have been terminated before there was a process to kill.
   if (watching_ends_.stopped()) {
     child_.KillByName();
     child_.Kill();
@@ -389,7 +390,7 @@ int LumHandler::Login() {
     ZLOG_INFO("[%s] failed to set zemaLum.py option [%s]: [%s]", __func__, kNoVxlan, reply.c_str());
   }
   if (!connected()) return kFailed;
-  // A script that is logged in already answers something else, and that is fine.
+  // A script that is already logged in gives another answer, which is fine.
   if (Ask(kPing, kUninitialized, &reply) != kSucceeded) return connected() ? kSucceeded : kFailed;
   ZLOG_INFO("[%s] Setting login in %s...", __func__, settings_.script.c_str());
   const std::string login = "login=" + settings_.host_version + "|" + user_ + "|" + third_;
@@ -401,7 +402,7 @@ int LumHandler::Login() {
 int LumHandler::WaitReady() {
   std::string reply;
   const auto ready = [&] { return !connected() || Ask(kPing, kReady, &reply) == kSucceeded; };
-  // Most scripts are ready at once; each look at one that is not leaves a line.
+  // Most scripts are ready at once; each failed check of one that is not leaves a log line.
   bool there = LookFor(settings_.ready_pause, ready);
   for (int i = 1; i < kReadyTries && !there; ++i) {
     ZLOG_INFO("[%s] waiting for %s to be ready: status:[%s], retrying...", __func__, settings_.script.c_str(),

@@ -15,7 +15,7 @@
 
 namespace zem::zema {
 
-/// What the script is started with.
+/// Options with which the script is started.
 struct LumOptions {
   /// Tries to find the child's process id (`lum.maxRetryZemaLumReady`).
   int pid_tries = 60;
@@ -24,7 +24,7 @@ struct LumOptions {
   bool no_vxlan_stack = false;
 };
 
-/// What the handler needs of the rest, and what tests change.
+/// What the handler needs from the rest of the agent, and what tests change.
 struct LumSettings {
   std::string script = "/usr/lib64/orlane/zem-tarvik/pylum/zema/zemaLum.py";
   std::string socket = "/etc/orlane/zemaLum";
@@ -33,30 +33,30 @@ struct LumSettings {
   std::string process_name = "zemaLum_py";
 
   Duration kill_pause = std::chrono::milliseconds(500);
-  /// How long one try waits for what it looks for, at most.
+  /// The longest wait of one try.
   Duration pid_pause = std::chrono::seconds(2);
   Duration ready_pause = std::chrono::seconds(1);
-  /// The first wait between starts that fail; doubled each time.
+  /// The wait after the first failed start; doubled after each further failure.
   Duration respawn_pause = std::chrono::seconds(1);
 
   std::string host_version;
 
-  /// Asked at each start of the script.
+  /// Called at each start of the script.
   std::function<LumOptions()> options = [] { return LumOptions(); };
   std::function<bool()> shutting_down = [] { return false; };
-  /// Called at each change; the health record keeps the value.
+  /// Called at each change of readiness; the health record keeps the value.
   std::function<void(bool)> set_ready = [](bool) {};
 };
 
-/// The host's management API: owns the script that speaks to it and the socket to that script.
+/// Access to the host's management API: owns the script that calls the API and the socket to that script.
 ///
 /// All calls are serial under the object's own lock, from the first byte out to the last byte in, and a new
 /// start of the script, which may take minutes, runs under it as well.  Nothing here may be called from a
 /// provider's thread.
 ///
-/// Errors: a command never throws and never ends the process; what went wrong is in `out`.  A socket failure
-/// closes the socket and reports that the script is not ready; it is started again by the next text command,
-/// at once by a binary call, or by the handler itself while it watches.
+/// Errors: a command never throws and never ends the process; `out` has the error.  A socket failure closes
+/// the socket and reports that the script is not ready.  The script is started again by the next text
+/// command, immediately by a binary call, or by the handler itself while it watches.
 class LumHandler : public Synchronizable, public LumCommands {
  public:
   explicit LumHandler(LumSettings settings);
@@ -64,20 +64,20 @@ class LumHandler : public Synchronizable, public LumCommands {
   LumHandler(const LumHandler&) = delete;
   LumHandler& operator=(const LumHandler&) = delete;
 
-  /// Starts the script and logs in as `user`.  0, or -1.
+  /// Starts the script and logs in as `user`.  Returns 0 or -1.
   [[nodiscard]] int SetUp(std::string user, std::string third);
 
-  /// From now on the handler notices by itself that the script has ended, and starts it again until that
-  /// holds.  Once, by the owner.
+  /// From now on the handler itself notices when the script has ended and starts it again until the start
+  /// succeeds.  Called once, by the owner.
   void StartWatching();
 
   int InvokeCommand(const std::string& command, const std::string& expected, std::string* out) override;
   int InvokeRPC(LumOperation operation, std::string_view data, std::string* out) override;
 
-  /// Does not wait for a running call, which ends by it.  The script is not started again.
+  /// Does not wait for a running call, which it ends.  The script is not started again.
   void TerminateZemaLumPy();
 
-  /// For the thread that calls, or a test: not while another one calls.
+  /// For the calling thread, or for a test while no other thread makes a call.
   bool connected() const { return child_.socket() >= 0; }
   /// The script's process id; empty while unknown.
   std::string pid() const { return child_.pid(); }
@@ -97,18 +97,18 @@ class LumHandler : public Synchronizable, public LumCommands {
   bool Connect();
   int Login();
   int WaitReady();
-  /// One exchange on the open socket, without any new start: what the start itself uses.
+  /// Makes one exchange on the open socket and never starts the script; the start itself uses it.
   int Ask(const std::string& command, const std::string& expected, std::string* out);
   Sent Send(LumOperation operation, std::string_view data);
-  /// False when no whole reply came.
+  /// Returns false when no whole reply arrived.
   bool GetLine(uint32_t* status, std::string* out);
   bool ReadWhole(void* buffer, size_t length);
   /// Closes the socket and reports that the script is not ready.
   void Lose();
   void SetReady(bool ready);
-  /// False when the daemon, or the watching, is stopping.
+  /// Returns false when the daemon or the watching is stopping.
   bool Pause(Duration duration) const;
-  /// Looks again and again for so long.
+  /// Checks `there` repeatedly for at most `duration`.
   bool LookFor(Duration duration, const std::function<bool()>& there) const;
   void Watch();
   void EndWatching();

@@ -9,7 +9,7 @@ constexpr std::string_view kOk = "ok";
 constexpr size_t kMacPairs = 6;
 constexpr uint64_t kMaxMac = (uint64_t{1} << 48) - 1;
 
-// What follows "ok|", empty for "ok" alone.
+// Returns the text after "ok|", which is empty for "ok" alone.
 std::optional<std::string_view> AfterOk(std::string_view reply) {
   if (!reply.starts_with(kOk)) return std::nullopt;
   reply.remove_prefix(kOk.size());

@@ -14,19 +14,20 @@ using namespace orlane::zem::switching;
 constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr uint32_t kTypeKln = 2;
-// Of the whole command, of a list in it, and of the members of an item.
+// Separators of the whole command, of a list in it, and of the members of an item.
 constexpr std::string_view kFieldSeparators = "|;";
 constexpr std::string_view kListSeparators = "|;,";
 constexpr std::string_view kItemSeparators = "|;,~";
 constexpr std::string_view kPairSeparators = "|;,=";
 
-// By the number in the message.  The host has no name for the last, which balances by most of the header.
+// Indexed by the number in the message.  The host has no name for the last policy, which balances by most of
+// the header.
 constexpr std::string_view kLoadBalance[] = {"destMac", "srcMac", "srcDestIpVlan", "srcDestMac",
                                              "srcDestIpVlan"};
 
 std::string Flag(bool value) { return value ? "1" : "0"; }
 
-// Collects texts, refusing the first that would break the record.
+// Collects texts and refuses the first that contains a separator of the record.
 class Checked {
  public:
   explicit Checked(std::string* error) : error_(error) {}
