@@ -1,5 +1,6 @@
-// The manager is another process, of any version: each of its messages, whatever stands in it, must become
-// what it says or be refused, and no value in it may change the meaning of a command to the host.
+// The manager is another process and may be of any version: each of its messages, whatever its content, must
+// be carried out as written or be refused, and no value in it may change the meaning of a command to the
+// host.
 
 #include <algorithm>
 #include <array>
@@ -60,7 +61,7 @@ constexpr std::array kTypes = {
     "NoSuchMessage",
 };
 
-// Runs each task at once, in place of its worker.
+// Runs each task at once instead of queuing it on a worker.
 class HostInHand final : public ManagerRequests {
  public:
   void Receive(const char* type, std::string_view payload) {
@@ -131,7 +132,7 @@ class HostInHand final : public ManagerRequests {
     AnswerRefused({origin, std::string(type), std::move(payload), reason});
   }
 
-  // The steps of a configuration that read it; those that read the host have tests of their own.
+  // The steps of a configuration that read the message; the steps that read the host have tests of their own.
   void ReadHostConfig(switching::HostConfigMsg config) {
     orlane::zem::covedb::RealizedHostConfigMsg stored;
     (void)EncodeHostConfigMsg(config, &stored);
@@ -169,7 +170,7 @@ class HostInHand final : public ManagerRequests {
   CheckingLum lum;
   FakeSender sender;
   WorkerTable workers;
-  // Nothing is written: each input is to be as fast as it can be.
+  // These files are never written, so that each input runs as fast as possible.
   ConfigFiles files{{"/nonexistent/host_config.bin", "/nonexistent/mmode.bin"}};
   NoPublisher publisher;
   HealthRecord health{publisher, false};

@@ -111,7 +111,7 @@ class MessageDispatchTest : public ::testing::Test, public ManagerRequests {
     Receive(std::string(kPrefix) + type, message.SerializeAsString());
   }
 
-  // What the workers have run, once they ran so many.
+  // The tasks that the workers have run; waits until there are `count` of them.
   std::set<std::string> Ran(size_t count) {
     std::unique_lock lock(mutex_);
     changed_.WaitFor(lock, std::chrono::seconds(30), [&] { return ran_.size() >= count; });
@@ -139,7 +139,7 @@ TEST_F(MessageDispatchTest, AHostConfigIsAcknowledgedBeforeItIsQueued) {
   EXPECT_EQ(Ran(1), std::set<std::string>{"host config corr reply 4"});
 }
 
-// A manager that floods the host must be told so, and must not be told that its configuration was taken.
+// A manager that floods the host must get the refusal, and must not get a success for its configuration.
 TEST_F(MessageDispatchTest, ARequestTooManyIsAnsweredWithItsReason) {
   workers_.StopTaskThreads();
   workers_.DeleteTaskThreadObjects();
@@ -263,7 +263,7 @@ TEST_F(MessageDispatchTest, AnAnswerAboutAVifWakesItsCaller) {
   EXPECT_EQ(result_->vlan_ranges, (std::vector<std::pair<uint32_t, uint32_t>>{{5, 9}}));
 
   vif->clear_operation_id();
-  message.clear_type();  // counts as an answer
+  message.clear_type();  // counts as a response
   LogCapture log;
   Receive("VifMsg", message);
   EXPECT_TRUE(log.Contains("MP sent a VifMsg with unset type"));

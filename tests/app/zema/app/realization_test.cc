@@ -31,7 +31,7 @@ using test::LogCapture;
 
 constexpr const char* kOptionsFile = "/etc/orlane/zem-tarvik/zema.json";
 
-/// One start of the realization after the other, on a host that a case takes parts away from.
+/// Starts of the realization, one after the other, on a host from which a test removes parts.
 class Starts {
  public:
   Starts() {
@@ -90,8 +90,8 @@ class RealizationTest : public test::SandboxTest {
   }
 };
 
-// Each start that fails says why, leaves nothing behind that would keep the next one from succeeding, and
-// does not stop what it has not started.
+// Each failed start reports why, leaves nothing behind that would keep the next one from succeeding, and does
+// not stop parts that it has not started.
 TEST_F(RealizationTest, EachPartThatIsMissingEndsTheStartAndTheNextOneHolds) {
   EXPECT_EQ(Run([](LogCapture& log) {
               std::filesystem::create_directories(std::filesystem::path(kOptionsFile).parent_path());

@@ -60,7 +60,7 @@ TEST_F(ConfigFilesTest, WhatIsPersistedIsReadBackAndNothingElseIsThere) {
   EXPECT_EQ(files.DeleteConfigFiles(), 0) << "again";
 }
 
-// What a crash of another writer, a full disk long ago or a wrong copy may have left.
+// Such a file may be left by a crash of another writer, by a disk that was full, or by a wrong copy.
 TEST_F(ConfigFilesTest, ATornOrForeignFileIsToldAndStays) {
   const std::string whole = Config("1", 20).SerializeAsString();
   const std::pair<const char*, std::string> files_of_others[] = {
@@ -101,8 +101,7 @@ class FileSizeLimit {
   rlimit before_{};
 };
 
-// A disk that fills up in the middle of a write must cost the new configuration, not the old one.
-// The store may answer for a removal when the node has long got its next configuration.
+// The store may answer a removal long after the node has got its next configuration.
 TEST_F(ConfigFilesTest, ALateEndLeavesTheMarkOfWhatHasBegunSince) {
   ASSERT_TRUE(files.BeginApply({}));
   const uint64_t first = files.apply_number();
@@ -116,6 +115,7 @@ TEST_F(ConfigFilesTest, ALateEndLeavesTheMarkOfWhatHasBegunSince) {
   EXPECT_FALSE(files.ApplyUnfinished());
 }
 
+// A disk that fills up in the middle of a write must cost the new configuration, not the old one.
 TEST_F(ConfigFilesTest, AFullDiskLeavesTheOldFile) {
   ASSERT_EQ(files.PersistHostConfigToFile(Config("1")), 0);
   {

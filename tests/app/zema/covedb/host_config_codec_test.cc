@@ -22,7 +22,7 @@ using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::util::MessageDifferencer;
 
-// Gives every field of a message, and of all messages below it, a value of its own that the store can hold.
+// Sets every field of a message, and of all messages inside it, to a distinct value that the store can hold.
 class Filler {
  public:
   void Fill(Message* message) {
@@ -100,7 +100,7 @@ std::string Header() {
   return {bytes.begin(), bytes.end()};
 }
 
-// A field that one direction forgets, a new field of either family included, is missing here.
+// A field that one direction does not convert is missing from the result, even a new field of either family.
 TEST(HostConfigCodecTest, EveryFieldGoesToTheStoreAndBack) {
   manager::HostConfigMsg message;
   Filler filler;

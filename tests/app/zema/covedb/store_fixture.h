@@ -21,7 +21,7 @@ namespace zem::zema {
 using namespace std::chrono_literals;
 using orlane::zem::covedb::ObjectType;
 
-/// The store client against a store daemon, over a network in memory and on a clock in hand.
+/// The store client against a store daemon, over an in-memory network and a clock that the test advances.
 class StoreFixture : public testing::Test {
  protected:
   static constexpr const char* kEndpoint = "tcp://127.0.0.1:2480";
@@ -42,7 +42,7 @@ class StoreFixture : public testing::Test {
     store_provider.StopAndWait(true);
   }
 
-  /// An empty one; also in place of the one before.
+  /// Starts an empty store, or replaces the running one with an empty one.
   void StartStore() {
     daemon.reset();
     daemon = std::make_unique<sim::StoreDaemon>(store_provider, kEndpoint, registry);

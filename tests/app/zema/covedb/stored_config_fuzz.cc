@@ -1,5 +1,5 @@
-// What stands in the store and in the files was written by somebody at some time: any bytes must be read to
-// the end or refused.
+// The origin of the bytes in the store and in the files is unknown: any bytes must be read completely or
+// refused.
 
 #include <cstdint>
 #include <string>
@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)DecodeHostConfigMsg(stored, &config, &correlation_id, &reply_to);
     (void)EncodeHostConfigMsg(config, &again);
   }
-  // The headers alone, which are no protobuf message.
+  // The headers alone, which are not a protobuf message.
   store::RealizedHostConfigMsg headers;
   headers.mutable_amqp_header()->set_header(bytes);
   orlane::zem::switching::HostConfigMsg config;

@@ -20,7 +20,7 @@ using ::testing::IsEmpty;
 
 class EdgeMaintenanceTest : public ::testing::Test {
  protected:
-  // The answer to the manager.
+  // Returns the answer to the manager.
   std::string Apply(std::optional<uint32_t> state, Duration limit = seconds(20)) {
     orlane::zem::switching::MaintenanceModeConfigMsg config;
     config.set_transport_node_id("tn");
@@ -55,7 +55,7 @@ TEST_F(EdgeMaintenanceTest, TheEdgeCarriesItOutAndTheManagerHearsTheOutcome) {
       "PUT /api/v1/node/maintenance-mode HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json; "
       "charset=utf-8 \r\nAccept: */*\r\nContent-Length: 46\r\nConnection: close\r\n\r\n"
       "{\"maintenance_mode\": true, \"notify_mpa\": true}");
-  // A number that nobody knows changes nothing.
+  // An unknown state changes nothing.
   EXPECT_EQ(Apply(3), Answer("", 8702, "Invalid mmode setting"));
   EXPECT_EQ(Apply(std::nullopt), Answer("", 8702, "Invalid mmode setting"));
   EXPECT_EQ(edge_.state().requests.size(), 4u);
@@ -74,7 +74,7 @@ TEST_F(EdgeMaintenanceTest, WhateverTheEdgeAnswersTheManagerHearsOfIt) {
       {{Kind::kRaw, 0, "HTTP/1.1 200 OK\r\nServer: x\r\n"},
        Answer("", 8702, "The response\\'s headers have no end")},
       {{Kind::kRaw, 0, "HTTP/1.0 200\r\n\r\ndisabled"}, Answer("state: 3 ", 0, "")},
-      // All has come, so the connection is not waited for.
+      // The answer is complete, so the end of the connection is not awaited.
       {{Kind::kHold, 0, "HTTP/1.1 200 OK\r\ncontent-length: 9\r\n\r\n\"enabled\""},
        Answer("state: 1 ", 0, "")},
       {{Kind::kClose}, Answer("", 8702, "Invalid response")},

@@ -1,4 +1,4 @@
-// What an edge stores of the manager's messages.
+// How an edge stores the manager's messages.
 
 #include "app/zema/covedb/covedb_op_task.h"
 #include "proto/config/config.pb.h"
@@ -121,7 +121,7 @@ TEST_F(EdgeRoadTest, WhatCannotBeStoredIsTold) {
   EXPECT_THAT(Stored(ObjectType::HOST_CONFIG), IsEmpty());
 }
 
-// What is flushed must not come back as removals that the host then carries out.
+// Flushed objects must not come back as removals that the host then carries out.
 TEST_F(EdgeRoadTest, TheDesiredConfigurationIsFlushedUnwatched) {
   handler->RegisterChannelStatus();
   handler->ConfigureMonitors();

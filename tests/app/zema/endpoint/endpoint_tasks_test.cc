@@ -16,7 +16,7 @@ namespace {
 namespace switching = orlane::zem::switching;
 using test::LogCapture;
 
-// Answers by device.
+// Answers with the address of each device.
 class Addresses : public FakeLumCommands {
  public:
   int InvokeRPC(LumOperation operation, std::string_view data, std::string* out) override {
@@ -81,7 +81,7 @@ TEST_F(EndpointTasksTest, OnlyWhatHasNoAddressYetIsAskedAgain) {
   lum_.replies["vtepDeviceId=knl12"] = "172.16.1.12~~IpAssigned";
   LogCapture log;
   RunQueue();
-  // knl13 failed and is not tried again; knl11 has two more tries and then is given up.
+  // knl13 failed and is not tried again; knl11 is tried twice more and then given up.
   EXPECT_EQ(lum_.asked,
             (std::vector<std::string>{"vtepDeviceId=knl11", "vtepDeviceId=knl12", "vtepDeviceId=knl11"}));
   EXPECT_EQ(sender_.Take().size(), 1u);
@@ -141,7 +141,7 @@ TEST_F(EndpointTasksTest, RequestsAreAnsweredWhateverHappens) {
             "result: -1");
   EXPECT_NE(sent[1].find("Sending VTEP Recovery response failed to retrieve the dvsName."),
             std::string::npos);
-  // There is no library here.
+  // The library is absent in this test.
   EXPECT_NE(sent[2].find("failed with error code 79 : Can not access a needed shared library"),
             std::string::npos)
       << sent[2];
@@ -149,7 +149,7 @@ TEST_F(EndpointTasksTest, RequestsAreAnsweredWhateverHappens) {
   EXPECT_NE(sent[3].find("Sending VTEP Admin State response failed with error code"), std::string::npos);
 }
 
-// Ten configurations one after the other must not have the last one's addresses wait for ten chains of tries.
+// After ten configurations in a row, the addresses of the last one must not wait for ten chains of tries.
 TEST_F(EndpointTasksTest, ANewerConfigurationEndsTheTriesOfThoseBefore) {
   lum_.replies = {{"vtepDeviceId=knl10", "~~IpNotAssigned"}};
   const auto fetch = [&] {
@@ -159,7 +159,7 @@ TEST_F(EndpointTasksTest, ANewerConfigurationEndsTheTriesOfThoseBefore) {
                                              AddressFetchingTask::Tries{20, false, configuration}));
   };
   fetch();
-  queue_.front()->Run();  // has a successor
+  queue_.front()->Run();  // queues a successor
   for (int i = 0; i < 9; ++i) fetch();
   queue_.push_back(std::make_unique<VtepIpFetchingTask>(context_, event_, std::vector<std::string>{"knl10"},
                                                         AddressFetchingTask::Tries{0, true}));

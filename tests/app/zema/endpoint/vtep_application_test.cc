@@ -1,4 +1,4 @@
-// The endpoints of a switch: what the host is asked, and what becomes of the message by its answer.
+// The endpoints of a switch: the command to the host, and how the host's answer changes the message.
 
 #include "app/zema/endpoint/vtep_application.h"
 
@@ -122,7 +122,7 @@ TEST_F(VtepApplicationTest, TheHostsOrderAndAddressesGoIntoTheMessage) {
   EXPECT_EQ(errors_.code(), 0U);
 }
 
-// An address that the host gave itself must not be told as the endpoint's.
+// An address that the host gave itself must not be reported as the endpoint's address.
 TEST_F(VtepApplicationTest, DynamicAddressesThatAreStillToComeAreFetchedLater) {
   for (const char* address : {"169.254.1.1", "0.0.0.0", ""}) {
     EXPECT_TRUE(Apply("vteps { device_name: 'd' ipv4_address: '1.1.1.1' } vteps { device_name: 'e' }",

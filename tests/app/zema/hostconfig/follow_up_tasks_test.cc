@@ -1,4 +1,4 @@
-// What follows a host configuration later: the hot swap's back-off, and the wait for the maintenance mode.
+// The work that follows a host configuration: the hot swap's back-off, and the wait for the maintenance mode.
 
 #include <gtest/gtest.h>
 
@@ -71,7 +71,7 @@ class HighPerformanceTaskTest : public ::testing::Test {
     profile_ = std::make_unique<HighPerformanceProfile>(std::move(settings));
   }
 
-  // The host enters the mode after so many pauses; -1: the agent stops at the first.
+  // The host enters the mode after `pauses` pauses; with -1 the agent stops at the first.
   void Run(int pauses) {
     lum_.Script("fetchMMode()", {"false"});
     int paused = 0;

@@ -34,8 +34,8 @@
 
 namespace zem::zema {
 
-/// The script of a host whose switches are those of a state tree.  `before` sees each command before it is
-/// carried out; what it throws is the agent's end at that point.
+/// The script of a host whose switches are those of a state tree.  `before` is called with each command
+/// before it is carried out; an exception from it stands for the agent's end at that point.
 class HostScript final : public FakeLumCommands {
  public:
   explicit HostScript(sim::SwitchState& state) : state_(state) {
@@ -76,7 +76,7 @@ class HostScript final : public FakeLumCommands {
 
   std::function<void(const std::string&)> before;
   std::map<std::string, std::string> rpc_failures;
-  /// By name, in place of what the host would say.
+  /// Replies by command name, in place of the host's own.
   std::map<std::string, std::string> answers;
   bool unused_ckln = false;
 
@@ -128,7 +128,7 @@ class HostScript final : public FakeLumCommands {
   sim::SwitchState& state_;
 };
 
-/// Host configurations on a host with two switches, one process after the other.
+/// Host configurations on a host with two switches, applied by one process after the other.
 class HostConfigTest : public SwitchHostTest {
  protected:
   static constexpr const char* kNode = R"(id: "c1" transport_node_id: "node-1" phase: PHASE2_COMBINED )";
@@ -153,7 +153,7 @@ class HostConfigTest : public SwitchHostTest {
     StartProcess();
   }
 
-  /// What a process has in memory begins anew.
+  /// Starts a process: everything in memory is new.
   void StartProcess() {
     process = std::make_unique<Process>(*this);
     script.before = nullptr;
@@ -167,7 +167,7 @@ class HostConfigTest : public SwitchHostTest {
     EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &config)) << text;
     return config;
   }
-  /// The manager's answer in text format.
+  /// Applies the message; returns the manager's answer in text format.
   std::string Apply(const std::string& text) {
     HostConfigTaskQub(process->context, &sender, "corr", "reply", Config(text),
                       HostConfigTaskQub::InStore::kNo, "")
@@ -175,7 +175,7 @@ class HostConfigTest : public SwitchHostTest {
     const auto sent = sender.Take();
     return sent.size() == 1 ? sent[0] : "(no answer)";
   }
-  /// The process is killed when `command` comes.
+  /// Kills the process when `command` arrives.
   void KillAt(const std::string& command) {
     script.before = [command](const std::string& asked) {
       if (asked.find(command) == 0) throw Killed();

@@ -97,7 +97,7 @@ TEST(StatelessHostTest, TheFlagsDecideWhoMakesTheSwitches) {
     EXPECT_EQ(host.migrate_nvs_knls, c.migrate);
     EXPECT_EQ(host.process_network_plugin, c.plugin);
   }
-  FakeLumCommands lum;  // the install flag is set
+  FakeLumCommands lum;  // answers that the install flag is set
   ErrorSink errors;
   StatelessHost host;
   EXPECT_FALSE(CheckStatelessQubRebootFlags(lum, false, &host, errors));
@@ -133,7 +133,7 @@ TEST(StatelessHostTest, OnlyTwoDigitsWithOneCharacterBetweenAreAVersion) {
     ErrorSink errors;
     EXPECT_FALSE(CheckQUBiVersion70AndUnusedCkln(lum, errors)) << reply;
     EXPECT_EQ(errors.code(), ErrorSink::kGeneral);
-    // Without a word of the host the code has to speak.
+    // When the host gives no text, only the code reports the failure.
     const auto texts = *reply != '\0' ? std::vector<std::string>{reply} : std::vector<std::string>{};
     EXPECT_EQ(errors.texts(), texts);
   }

@@ -1,4 +1,4 @@
-// Host configurations from their message to the host and back, with the agent's end at any point in between.
+// Host configurations from their message to the host and back; the agent may end at any point in between.
 
 #include "app/zema/hostconfig/router_reconnection.h"
 #include "app/zema/migration_files/vnic_migration_task.h"
@@ -23,7 +23,7 @@ TEST_F(HostConfigTest, SwitchesComeAndGo) {
   EXPECT_FALSE(files.ApplyUnfinished());
 }
 
-// The file of the node goes before its switches do, so the mark has to say what was under way.
+// The node's file is removed before its switches are, so the mark has to say that a removal was under way.
 TEST_F(HostConfigTest, ARemovalThatWasCutIsFinishedByTheNextStart) {
   for (const bool reset : {false, true}) {
     for (const char* point : {"op 11", "CheckQUBiVersion70AndUnusedCkln", "applyDvsList(", "op 15"}) {
@@ -48,7 +48,7 @@ TEST_F(HostConfigTest, ARemovalThatWasCutIsFinishedByTheNextStart) {
   }
 }
 
-// The tool that asked for it waits for the outcome, whichever process comes to it.
+// The tool that requested the migration waits for the outcome, whichever process writes it.
 TEST_F(HostConfigTest, AMigrationByFileThatWasCutHasItsOutcomeInTheEnd) {
   ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
   VnicMigrationTask::Settings settings;
@@ -63,7 +63,7 @@ TEST_F(HostConfigTest, AMigrationByFileThatWasCutHasItsOutcomeInTheEnd) {
   VnicMigrationTask(process->context, settings, false, true).Run();
   EXPECT_THAT(dir.Read("result"), HasSubstr("\"result\": \"Success\""));
 
-  // As a kill leaves it between the mark and the stored configuration.
+  // The state that a kill leaves between the mark and the stored configuration.
   ASSERT_NE(mark, "");
   dir.Write("host_config.bin.applying", mark);
   dir.Write("host_config.bin", stored);
@@ -77,7 +77,7 @@ TEST_F(HostConfigTest, AMigrationByFileThatWasCutHasItsOutcomeInTheEnd) {
   EXPECT_FALSE(files.ApplyUnfinished());
 }
 
-// The switch that leaves is in no stored message any more when the agent starts again.
+// When the agent starts again, no stored message contains the switch that leaves.
 TEST_F(HostConfigTest, ARouterThatWasToGoGoesAlsoAfterAKill) {
   ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
   KillAt("CheckQUBiVersion70AndUnusedCkln");
@@ -88,7 +88,8 @@ TEST_F(HostConfigTest, ARouterThatWasToGoGoesAlsoAfterAKill) {
   EXPECT_THAT(state->SwitchIds(), ElementsAre(kVlanSwitch));
 }
 
-// Nobody hears of it, so the agent goes on by itself, and does not say that all is as it was asked.
+// No answer reports the failure, so the agent retries by itself and does not report the configuration as
+// applied.
 TEST_F(HostConfigTest, WhatAStartCannotFinishIsTriedAgainUntilItHolds) {
   KillAt("applyDvses(");
   EXPECT_THROW(Apply(kNode + std::string("revision: \"1\" ") + kTwo), Killed);
@@ -102,7 +103,7 @@ TEST_F(HostConfigTest, WhatAStartCannotFinishIsTriedAgainUntilItHolds) {
     std::exchange(process->follow_ups.later, nullptr)();
     EXPECT_EQ(process->follow_ups.later_after, next);
   }
-  // What throws is a failure as any other.
+  // An exception is a failure like any other.
   script.before = [](const std::string&) { throw std::runtime_error("bad alloc"); };
   std::exchange(process->follow_ups.later, nullptr)();
   ASSERT_TRUE(process->follow_ups.later);
@@ -134,7 +135,7 @@ TEST_F(HostConfigTest, ANewerConfigurationEndsTheTriesToFinishTheOneBefore) {
   EXPECT_THAT(script.commands, IsEmpty());
 }
 
-// After a reset the host takes no logical switches, until it is a node again.
+// After a reset the host accepts no logical switches until it is a transport node again.
 TEST_F(HostConfigTest, AConfigurationAfterAResetTakesLogicalSwitchesAgain) {
   ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
   EXPECT_EQ(RemoveHostSwitches(process->context), "");
@@ -150,7 +151,7 @@ TEST_F(HostConfigTest, ARemovalEndsTheMaintenanceModeOfTheNode) {
   EXPECT_EQ(process->follow_ups.left_maintenance, 1);
 }
 
-// Nobody is answered, so nobody waits for the host management; what follows an answer follows all the same.
+// There is no answer, so the task does not wait for the host management; the follow-ups run all the same.
 TEST_F(HostConfigTest, AConfigurationFinishedAtTheStartHasItsFollowUpsAndNoWait) {
   KillAt("applyDvses(");
   EXPECT_THROW(Apply(kNode + std::string("revision: \"1\" ") + kTwo), Killed);
@@ -161,8 +162,8 @@ TEST_F(HostConfigTest, AConfigurationFinishedAtTheStartHasItsFollowUpsAndNoWait)
   EXPECT_THAT(process->follow_ups.notes, ElementsAre("hot swap"));
 }
 
-// What is refused before anything is stored leaves nothing behind: the next one is a first one again, and is
-// checked as such.
+// A configuration that is refused before it is stored leaves no state behind: the next one is a first
+// configuration again, and is checked as such.
 TEST_F(HostConfigTest, ARefusedFirstConfigurationLeavesNothingBehind) {
   for (const char* dvs : {kOverlay, kVlanSwitch}) ASSERT_TRUE(state->RemoveSwitch(dvs));
   const struct {
@@ -194,7 +195,8 @@ TEST_F(HostConfigTest, ARefusedFirstConfigurationLeavesNothingBehind) {
   }
 }
 
-// Ports of VMs on a switch that stays keep what ties them, whatever becomes of the switch's security.
+// Ports of VMs keep the data that ties them to their VIFs on a switch that stays, even when its security
+// changes.
 TEST_F(HostConfigTest, WithdrawnSecurityClearsPortsOfLeavingSwitchesAlone) {
   const std::string secure =
       std::string(kNode) + R"(revision: "0" )" + kTwo +
@@ -216,7 +218,8 @@ TEST_F(HostConfigTest, WithdrawnSecurityClearsPortsOfLeavingSwitchesAlone) {
   EXPECT_THAT(state->SwitchIds(), ElementsAre(kOverlay, kVlanSwitch));
 }
 
-// Only a port that was made for security alone is marked so; one without logical port is none of the agent's.
+// Only a port that was made for security alone has the mark; the agent does not own a port without logical
+// port.
 TEST_F(HostConfigTest, PortsAreMarkedForSecurityByThemselvesNotByTheirSwitch) {
   auto config = Config(std::string(kNode) + R"(revision: "0" )" + kTwo);
   for (auto& host_switch : *config.mutable_host_switches()) host_switch.set_security(true);
@@ -225,7 +228,7 @@ TEST_F(HostConfigTest, PortsAreMarkedForSecurityByThemselvesNotByTheirSwitch) {
   ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-1", port_props::kLogicalPortId, "logical-1"));
   ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-2", port_props::kLogicalPortId, "logical-2"));
   ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-2", port_props::kSecurityEnable, "true"));
-  // The host knows another VIF on this port.
+  // The host has another VIF on this port.
   ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-4", port_props::kLogicalPortId, "logical-4"));
   auto other = std::make_shared<VifRequest>();
   other->port_id = "lp-4";
@@ -262,7 +265,7 @@ TEST_F(HostConfigTest, RoutersComeBackAlsoWhenTheHostDoesNotListItsSwitches) {
   EXPECT_THAT(process->health.dvs_vdr_macs(), SizeIs(2));
 }
 
-// The host has forgotten its routers; what is stored has not.
+// The host has lost its routers; the stored configuration still has them.
 TEST_F(HostConfigTest, RoutersComeBackWhenTheHostHasStartedAnew) {
   ASSERT_THAT(Apply(std::string(kNode) + R"(revision: "1" )" + kTwo), HasSubstr("error_code: 0"));
   state->RebootHost();

@@ -63,7 +63,7 @@ TEST_F(MmodeConfigTaskTest, AConnectedVmKeepsTheNodeOutUnlessTheManagerInsists) 
   EXPECT_TRUE(health_.in_tn_mmode());
   EXPECT_EQ(commands_, std::vector<std::string>{
                            "/opt/orlane/zem-cli/bin/scripts/zemcli --cmd \"set maintenance-mode enabled\""});
-  // In it already, nobody asks for VMs again.
+  // The node is in the mode already, so the host is not asked for its VMs again.
   lum_.commands.clear();
   EXPECT_EQ(Run(1), Answer(1, 0, ""));
   EXPECT_TRUE(lum_.commands.empty());

@@ -9,7 +9,7 @@
 
 namespace zem::zema {
 
-/// Notes what is asked of it; work for later waits in `later`.
+/// Records the calls; work scheduled for later waits in `later`.
 class NotedFollowUps final : public FollowUpTasks {
  public:
   void BeginConfiguration() override {}

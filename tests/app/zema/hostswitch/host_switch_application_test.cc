@@ -1,4 +1,5 @@
-// One configuration's switches: the order of what is done, what a failure skips, and the profiles.
+// The switches of one configuration: the order of the steps, the steps that a failure skips, and the
+// profiles.
 
 #include "app/zema/hostswitch/host_switch_application.h"
 
@@ -64,7 +65,7 @@ class FakeTepHa : public TepHaLibrary {
 constexpr const char* kHaProfile = R"(id: "s1" name: "one" profiles { vtep_ha_profile {
     enabled: true auto_recovery: false start_time: 11 backoff_time: 12 timeout: 13 } })";
 
-// The first refusal ends it, and the text has the library's reason.
+// The first refusal ends the application, and the text contains the library's reason.
 TEST(VtepHaProfileTest, StopsAtTheFirstRefusal) {
   const struct {
     std::string failing;
@@ -214,7 +215,7 @@ TEST(HighPerformanceProfileTest, WhatTheScriptsResultMeans) {
   }
 }
 
-// The switch's name comes from outside and goes to a shell.
+// The switch's name comes from outside and is passed to a shell.
 TEST(HighPerformanceProfileTest, ANameIsNoShellText) {
   HighPerformance h;
   HighPerformanceProfile profile(h.settings);
@@ -245,7 +246,7 @@ TEST(DvsConfigInfoTest, LinkAggregationGroupsStandForTheirUplinks) {
   EXPECT_THAT(infos, ElementsAre(DvsConfigInfo{"s1", 2, {"up1"}}, DvsConfigInfo{"s2", 2, {"lag1"}}));
 }
 
-// Two switches; interfaces move into the second.
+// Two switches; interfaces move into the second one.
 struct Application {
   Application() {
     settings.set_tz_to_dvs_cache = [this](std::vector<TzDvs> list) {
@@ -329,7 +330,7 @@ TEST(HostSwitchApplicationTest, TheOrderOfTheSteps) {
   EXPECT_EQ(a.high_performance.calls.size(), 1U);
 }
 
-// Whoever fails, the resync goes on and the other switch is done.
+// Whichever step fails, the resync is allowed again and the other switch is configured.
 TEST(HostSwitchApplicationTest, Failures) {
   {
     Application a;
@@ -355,7 +356,7 @@ TEST(HostSwitchApplicationTest, Failures) {
                     HasSubstr("Setting high performance parameters on datapath failed with error code 102"),
                     "MigrateToLS(s2) failed: [no way]"));
     EXPECT_EQ(a.errors.code(), 8700U);
-    // The move failed: nothing more for this switch but the question what moved after all.
+    // The move failed: the only further command for this switch asks which interfaces moved after all.
     EXPECT_EQ(a.lum.commands.end()[-2], Application::kMigrate);
   }
 }

@@ -1,4 +1,4 @@
-// Which commands go to the host for a switch, and what the manager hears when one of them fails.
+// The commands that go to the host for a switch, and the errors that the manager gets when one of them fails.
 
 #include "app/zema/hostswitch/host_switch_commands.h"
 
@@ -263,7 +263,7 @@ TEST_F(DvsConfigurationTest, AStatelessHostWaitsForItsProfile) {
   EXPECT_THAT(lum_.commands, ElementsAre(kPost, kOpaqueFlag, kInstallFlag));
   EXPECT_EQ(Configure(""), 0);
   EXPECT_THAT(lum_.commands, ElementsAre(kPost, kOpaqueFlag));
-  // What the host needs for another attempt must not be cleared.
+  // The flags that the host needs for another attempt must not be cleared.
   apply_ = false;
   EXPECT_EQ(Configure(kTwoSwitches), -1);
   EXPECT_THAT(lum_.commands, Not(Contains(kClear)));

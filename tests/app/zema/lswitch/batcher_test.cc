@@ -1,4 +1,4 @@
-// What a batch of logical switches becomes: commands in their order, chunks, acknowledgements by reply-to.
+// How a batch of logical switches is carried out: order of commands, chunks, acknowledgements by reply-to.
 
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/lswitch/logical_switch_ack_task.h"
@@ -104,7 +104,7 @@ TEST_F(BatcherTest, TheHighestRevisionOfASwitchReachesTheHost) {
   Run();
   EXPECT_THAT(host.TakeCalls(), ElementsAre("createOpaqueNetwork(" + Create(kA, 5) + ")"));
   EXPECT_THAT(manager.Take(), ElementsAre("LogicalSwitch  mp " + Acked(kA, 5)));
-  // In one message the first of equal revisions holds.
+  // Of equal revisions in one message, the first one counts.
   LogicalSwitchMsg message = Message(kA, 5);
   *message.add_logical_switch_info() = Message(kA, 5).logical_switch_info(0);
   message.mutable_logical_switch_info(1)->set_name("later");
@@ -183,7 +183,8 @@ TEST_F(BatcherTest, AZoneOnAKlnSwitchNeedsNoNetworkButAnAnswer) {
   EXPECT_THAT(manager.Take(), ElementsAre("LogicalSwitch  mp " + Acked(kA, 4)));
 }
 
-// The last sender of a batch must not get what is the store's, nor the store what is the manager's.
+// The acknowledgements of the store must not go to the last sender of a batch, nor those of the manager to
+// the store.
 TEST_F(BatcherTest, AMixedBatchIsAnsweredOnBothRoads) {
   handler->pending().AddPendingLs(kA, {});
   Add(Message(kA, 2), "covedb", 9);
@@ -227,7 +228,7 @@ TEST_F(BatcherTest, ABarrierRunsAtOnceOrGoesWithTheBatch) {
   EXPECT_THAT(Barriers(), ElementsAre("value: 4"));
   Run();
   EXPECT_THAT(Barriers(), ElementsAre("value: 6"));
-  // A batch of the manager alone writes nothing into the store by itself.
+  // A batch with updates of the manager alone writes nothing to the store.
   Add(Message(kB, 2));
   Run();
   EXPECT_THAT(Barriers(), ElementsAre("value: 6"));
@@ -240,7 +241,7 @@ TEST_F(BatcherTest, ABarrierRunsAtOnceOrGoesWithTheBatch) {
   EXPECT_TRUE(log.Contains("MPA44098"));
 }
 
-// Until the last chunk it is not true that everything up to the barrier is realized.
+// Only with the last chunk is everything up to the barrier realized.
 TEST_F(BatcherTest, TheBarrierGoesOutWithTheLastChunk) {
   RealizationOptions options;
   options.opaque_network_apply_max = 1;
@@ -277,7 +278,7 @@ TEST_F(BatcherTest, WhatFailsIsTheStoresToReadAgainAndNotAcknowledged) {
   EXPECT_TRUE(log.Contains("to corvd because del zem is running"));
 }
 
-// Such a name would make another list of the command.
+// Such a name would change the structure of the command's list.
 TEST_F(BatcherTest, ANameThatWouldEndItsPlaceInTheListIsRefusedAlone) {
   LogicalSwitchMsg message = Message(kA, 2);
   message.mutable_logical_switch_info(0)->set_name("x,uuid=" + kC);
@@ -329,7 +330,7 @@ TEST_F(BatcherTest, AFullSyncOfTheManagerVoidsWhatCameBeforeItAndGoesFirst) {
   EXPECT_THAT(host.TakeCalls(),
               ElementsAre("op 11 flag 1 zones 0 switches 0", "createOpaqueNetwork(" + Create(kB, 2) + ")"));
   EXPECT_THAT(Barriers(), ElementsAre("value: 4"));
-  // The store tells what it has told once only, and waits for its barrier.
+  // The store sends each update only once, and waits for its barrier.
   Add(Message(kA, 2), "covedb", 5);
   const auto told = LogicalSwitchMsgTask::CreateTask(*context, Message(kC, 2), nullptr, "covedb", 6);
   LogicalSwitchFullSyncTask(context, nullptr, "c", "r", "").Run();
@@ -339,7 +340,8 @@ TEST_F(BatcherTest, AFullSyncOfTheManagerVoidsWhatCameBeforeItAndGoesFirst) {
   EXPECT_THAT(host.TakeCalls(),
               ElementsAre("createOpaqueNetwork(" + Create(kA, 2) + "," + Create(kC, 2) + ")"));
   EXPECT_THAT(Barriers(), ElementsAre("value: 6"));
-  // One that is never carried out holds nobody up, neither does one at the end.
+  // Neither a full sync that is never carried out nor one that is left when the realization ends blocks the
+  // batcher.
   list = std::make_unique<LogicalSwitchFullSyncTask>(context, nullptr, "c", "r", "");
   list.reset();
   piece = std::make_unique<LogicalSwitchFullSyncTask>(context, nullptr, "c", "r", "");

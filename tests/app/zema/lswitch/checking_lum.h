@@ -9,8 +9,8 @@
 
 namespace zem::zema {
 
-/// A host that does what it is told, and ends the process at a command that means something else than what it
-/// was made of: one value with a separator in it shifts all that follows.
+/// A host that carries out its commands, and ends the process when a command differs in structure from the
+/// one that was meant: a single separator inside a value shifts everything after it.
 class CheckingLum : public LumCommands {
  public:
   int InvokeCommand(const std::string& command, const std::string& expected, std::string* out) override {
@@ -28,7 +28,8 @@ class CheckingLum : public LumCommands {
   }
 
  private:
-  // Each entry begins with its uuid, by which it is told from a comma in a name, and has `bars` separators.
+  // Each entry begins with its uuid, which distinguishes it from a comma in a name, and has `bars`
+  // separators.
   static void Check(std::string_view entries, std::ptrdiff_t bars) {
     constexpr std::string_view kBegin = "uuid=";
     constexpr std::string_view kNext = ",uuid=";

@@ -12,7 +12,7 @@
 
 namespace zem::zema {
 
-/// A host whose zones are KLN when they are named so, and which knows each VIF or none.
+/// A host whose zones are KLN when their name says so, and which knows either every VIF or none.
 class FakeHostParts : public ZoneSwitchKinds, public VifStateRealizer {
  public:
   explicit FakeHostParts(const std::string& host_id = "") {

@@ -12,8 +12,8 @@
 
 namespace zem::zema {
 
-/// The opaque networks of a host behind the calls that change them: it keeps them as a host would, and
-/// refuses what it cannot read.
+/// The opaque networks of a host behind the calls that change them: keeps them as a host would, and refuses
+/// input that it cannot parse.
 ///
 /// Threads: all operations from any thread.
 class FakeNetworks : public LumCommands {
@@ -62,7 +62,7 @@ class FakeNetworks : public LumCommands {
     return kRpcSucceeded;
   }
 
-  /// After `skip` calls that hold `part`, the next `count` fail with `error`.
+  /// After `skip` calls that contain `part`, the next `count` such calls fail with `error`.
   void Fail(std::string part, int skip, int count, std::string error) {
     const std::lock_guard lock(mutex_);
     faults_.push_back({std::move(part), skip, count, std::move(error)});
@@ -77,9 +77,9 @@ class FakeNetworks : public LumCommands {
     return networks_;
   }
 
-  /// Other commands.
+  /// Replies to other commands.
   std::map<std::string, std::string> answers;
-  /// Runs inside a text command, before it is carried out.
+  /// Called inside a text command, before the command is carried out.
   std::function<void(const std::string&)> on_call;
 
  private:

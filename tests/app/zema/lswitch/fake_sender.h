@@ -9,14 +9,14 @@
 
 namespace zem::zema {
 
-/// Writes down what would go to the manager, as "operation correlation reply-to message".
+/// Records the messages that would go to the manager, as "operation correlation reply-to message".
 class FakeSender : public MpaMessageSender {
  public:
   std::vector<std::string> Take() {
     const std::lock_guard lock(mutex_);
     return std::exchange(sent_, {});
   }
-  /// The next replies cannot be handed over.
+  /// When set, the next replies cannot be sent.
   bool fails = false;
 
   bool HostConfigReply(const std::string& c, const std::string& r,

@@ -1,4 +1,4 @@
-// Tasks that the manager asks for: its own full sync, host profiles, checksums.
+// Tasks that the manager requests: its own full sync, host profiles, checksums.
 
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/hostconfig/host_profile_task.h"
@@ -86,7 +86,7 @@ TEST_F(ManagerTasksTest, ChecksumsTellWhatTheHostHasOrThatItHasNothing) {
   host.answers["getAllOpaqueNetworkChecksum()"] = "12ab";
   run();
   EXPECT_THAT(manager.Take(), ElementsAre(host_part, host_part + " logical_switch_checksum: \"12ab\""));
-  // What is stored is not what the host has: the manager must not take it for done.
+  // The stored configuration is not in force on the host: the manager must not take it for applied.
   files.SetNotInForce();
   run();
   EXPECT_THAT(manager.Take(), ElementsAre(testing::AllOf(testing::HasSubstr("id: \"a\" checksum: \""),

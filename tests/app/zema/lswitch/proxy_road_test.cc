@@ -1,4 +1,4 @@
-// The whole road with the host's own script at its end: what the store says is what the host has.
+// The whole path from the store to the host's own script: the host gets what the store holds.
 
 #include <fstream>
 #include <map>
@@ -27,7 +27,7 @@ using orlane::zem::covedb::ObjectType;
 
 constexpr const char* kEndpoint = "tcp://127.0.0.1:2480";
 
-// The names of the networks that the script's journal adds up to.
+// The names of the networks that result from the script's journal.
 std::set<std::string> Networks() {
   std::ifstream journal(std::string(test::kHost) + "/opaque_networks.log");
   std::map<std::string, std::string> by_uuid;
@@ -48,7 +48,7 @@ std::set<std::string> Networks() {
   return names;
 }
 
-// Another process takes part, so all runs in real time.
+// Another process takes part, so everything runs in real time.
 class Road {
  public:
   explicit Road(const LumSettings& settings) : lum(settings) {
@@ -131,7 +131,7 @@ TEST_F(ProxyRoadTest, WhatTheStoreSaysIsWhatTheHostHas) {
         SANDBOX_EXPECT(!road.Has(ObjectType::RUNTIME_STATUS, "error"));
         SANDBOX_EXPECT(Networks().size() == 250);
 
-        // The script dies in the middle of the next command; what was asked is asked again.
+        // The script ends in the middle of the next command; the agent sends the command again.
         test::Write("faults", "^createOpaqueNetwork\t0\t1\texit\n");
         SANDBOX_EXPECT(road.Change(sim::DeleteLogicalSwitches({1, 2, 1, 1}, 6)));
         SANDBOX_EXPECT(road.Change(sim::PutLogicalSwitches({251, 3, 3, 1}, 7, false)));

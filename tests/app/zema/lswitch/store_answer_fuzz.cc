@@ -1,5 +1,5 @@
-// What the store tells was written there by others: any object, in any order, between any marks and losses of
-// the connection, must be realized or refused, and must never become a command that means something else.
+// Other processes wrote what the store sends: any object, in any order, between any marks and losses of the
+// connection, must be realized or refused, and must never become a command with another meaning.
 
 #include <cstdint>
 #include <cstdlib>
@@ -30,7 +30,7 @@ using namespace zem;
 using namespace zem::zema;
 using orlane::zem::covedb::ObjectType;
 
-// Holds the callbacks; the test is the store.
+// Holds the callbacks; the test takes the part of the store.
 class StoreInHand : public covedb::CoveDbClientInterface {
  public:
   bool RegisterMonitorCallback(uint32_t, covedb::UpdateCallback on_update, covedb::BarrierCallback on_barrier,
@@ -155,7 +155,7 @@ class Road : public TaskQueues {
   void ClearTasks(Worker) override { batch.clear(); }
   bool Has(Worker worker) override { return worker == Worker::kLogicalSwitch; }
 
-  // Everything that waits is done.
+  // Returns when all waiting work is done.
   void Settle() {
     clock.Settle();
     batcher->Reset();

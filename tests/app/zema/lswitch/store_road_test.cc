@@ -1,4 +1,5 @@
-// The road of the controller's logical switches: store, monitors, workers, host, and what is written back.
+// The path of the controller's logical switches: store, monitors, workers, host, and the writes back to the
+// store.
 
 #include <atomic>
 
@@ -71,7 +72,7 @@ class StoreRoadTest : public StoreFixture {
     host.TakeCalls();
     log.Clear();
   }
-  /// What the controller reads: how far the agent has come, and what went wrong.
+  /// What the controller reads: how far the agent has come, and which errors occurred.
   std::string Barrier() {
     const auto stored = Stored(ObjectType::PROCESSED_BARRIER);
     return stored.empty() ? "none" : stored.at(0);
@@ -120,8 +121,8 @@ TEST_F(StoreRoadTest, AFullSyncTellsAllSwitchesInChunksThenIncrementsComeInBatch
   EXPECT_EQ(handler->pending().size(), 0u);
 }
 
-// The controller waits for the barrier of a transaction that holds nothing for us; it may not overtake the
-// switches.
+// The controller waits for the barrier even when its transaction holds nothing for this host; the barrier
+// must not overtake the switches.
 TEST_F(StoreRoadTest, TheBarrierOfAnEmptyTransactionComesAfterTheQueuedSwitches) {
   Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
   Change(PutLogicalSwitches({0, 0, 1, 1}, 6, false));
@@ -135,7 +136,7 @@ TEST_F(StoreRoadTest, TheBarrierOfAnEmptyTransactionComesAfterTheQueuedSwitches)
   clock.RunFor(6s);
   EXPECT_EQ(Barrier(), "value: 8");
   EXPECT_THAT(host.networks(), SizeIs(2));
-  // A switch of revision 0 is never applied; its transaction is done with.
+  // A switch of revision 0 is never applied, but its transaction is reported as done.
   Change(PutLogicalSwitches({3, 1, 1, 0}, 9, false));
   clock.RunFor(10s);
   EXPECT_EQ(Barrier(), "value: 9");
@@ -166,7 +167,7 @@ TEST_F(StoreRoadTest, AFailedFullSyncIsToldAndTriedAgainAndIncrementsWaitForIt) 
   EXPECT_THAT(host.TakeCalls(), IsEmpty()) << "no retry is left over";
 }
 
-// Each failure schedules the reading anew; increments that keep coming must not put it off without end.
+// Each failure schedules the reading again; increments that keep arriving must not delay it without end.
 TEST_F(StoreRoadTest, AStreamOfIncrementsDoesNotStarveTheFullSync) {
   Change(PutLogicalSwitches({1, 1, 1, 1}, 1, true));
   host.Fail("op 11", 0, 1, "no");
@@ -210,7 +211,8 @@ TEST_F(StoreRoadTest, WhatTheHostRefusesIsToldAndComesBackUntilItIsDone) {
   EXPECT_THAT(host.TakeCalls(), IsEmpty());
 }
 
-// A switch that changes again while its first change is carried out stays pending until the second is.
+// A switch that changes again while its first change is carried out stays pending until the second change is
+// done.
 TEST_F(StoreRoadTest, ARealizedRevisionDoesNotForgetALaterRemoval) {
   Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
   host.on_call = [this](const std::string& command) {
@@ -242,8 +244,8 @@ TEST_F(StoreRoadTest, AStoreThatStartsAgainFromNothingIsAnsweredWithItsOwnBarrie
   EXPECT_EQ(Barrier(), "value: 3");
 }
 
-// What was gathered before a full sync is older than it: a create of then must not bring back what is gone
-// now.
+// Updates gathered before a full sync are older than it: a creation among them must not bring back a removed
+// switch.
 TEST_F(StoreRoadTest, AGatheredBatchDoesNotOutliveAFullSync) {
   Watch([] { return PutLogicalSwitches({1, 3, 1, 1}, 5, true); });
   Change(PutLogicalSwitches({4, 1, 1, 1}, 6, false));
@@ -284,7 +286,7 @@ covedb::MonitorUpdateMsg Update(ObjectType type, const google::protobuf::Message
   return message;
 }
 
-// The node's removal clears the host's networks; neither what was gathered nor what had failed may bring some
+// The node's removal clears the host's networks; neither gathered nor failed updates may bring any of them
 // back.
 TEST_F(StoreRoadTest, AFlushVoidsWhatWasStillToBeDone) {
   Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
@@ -309,8 +311,8 @@ TEST_F(StoreRoadTest, AFlushVoidsWhatWasStillToBeDone) {
   EXPECT_THAT(host.TakeCalls(), IsEmpty());
 }
 
-// A flush in each place of the road: behind what the worker has gathered, and behind the question of a full
-// read.
+// A flush at each point of the path: after the worker has gathered updates, and after a full reading was
+// requested.
 TEST_F(StoreRoadTest, AFlushVoidsWhatTheWorkerStillHasBeforeIt) {
   Watch([] { return PutLogicalSwitches({1, 2, 1, 1}, 5, true); });
   std::atomic<bool> flushed = false;
@@ -319,7 +321,7 @@ TEST_F(StoreRoadTest, AFlushVoidsWhatTheWorkerStillHasBeforeIt) {
     workers.AddTask(Worker::kDatabaseHandler,
                     std::make_unique<FunctionTask>([this] { handler->FlushDesiredConfig(); }));
   };
-  network.Break(kEndpoint);  // everything is read anew
+  network.Break(kEndpoint);  // everything is read again
   clock.RunFor(1min);
   EXPECT_TRUE(flushed);
   EXPECT_THAT(host.TakeCalls(), IsEmpty());
@@ -332,7 +334,7 @@ TEST_F(StoreRoadTest, AFlushVoidsAReadingThatIsUnderWay) {
   host.Fail("op 11", 0, 1, "host is busy");
   Connect();
   daemon->faults().SetDelay("Get", 10s);
-  clock.RunFor(31s);  // asked
+  clock.RunFor(31s);  // the reading has been requested
   handler->FlushDesiredConfig();
   host.TakeCalls();
   clock.RunFor(1min);
@@ -340,7 +342,7 @@ TEST_F(StoreRoadTest, AFlushVoidsAReadingThatIsUnderWay) {
   EXPECT_TRUE(log.Contains("the answer of the store is dropped"));
 }
 
-// The connection goes between the switches of a transaction and its mark.
+// The connection is lost between the switches of a transaction and its mark.
 TEST_F(StoreRoadTest, ATransactionThatIsCutIsNotPartOfTheNextReading) {
   Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
   lost_marks = 1;
@@ -371,7 +373,7 @@ TEST_F(StoreRoadTest, TheStateOfAVifGoesToItsRealizer) {
               ElementsAre("process " + uuid, "process " + uuid, "remove " + uuid));
   EXPECT_EQ(log.Count("Invalid VifStateMsg received. Skipping"), 2u);
   EXPECT_EQ(log.Count("VifRequest does not exist for VIF [" + uuid + "]. Skipping"), 1u);
-  // And by the store itself.
+  // The same state, sent by the store itself.
   ModifyRequestMsg request;
   auto& put = *request.add_modify_msg()->mutable_put_msg();
   put.set_object_type(ObjectType::VIF_STATE);

@@ -1,4 +1,4 @@
-// The moves of interfaces: which are refused, what goes to the host, and what its answers leave in the
+// The moves of interfaces: which are refused, which commands go to the host, and how its answers change the
 // message.
 
 #include "app/zema/migration/interface_migration.h"
@@ -31,7 +31,7 @@ constexpr const char* kUuid = "502e1122-3344-5566-7788-99aabbccdd01";
 constexpr const char* kId = "50 2e 11 22 33 44 55 66-77 88 99 aa bb cc dd 01";
 constexpr const char* kOther = "50 2e 11 22 33 44 55 66-77 88 99 aa bb cc dd 02";
 
-// Two switches, "kln" with overlay (kId) and "nvs" (kOther), and whatever `migration` says.
+// Two switches, "kln" with overlay (kId) and "nvs" (kOther), with the given `migration`.
 HostConfigMsg Config(const std::string& migration, const std::string& rest = "") {
   HostConfigMsg config;
   const std::string text = std::string(R"(
@@ -200,7 +200,7 @@ TEST(MigrationCommandTest, OutOfASwitch) {
       "vmnic1,up1"
       "|mgmtKnlPingIp=10.0.0.1|dvsOrPlnName=vSwitch0|knlToVswOrPsw=knl0,Management Network,p1,v1"
       "|vmuuiddevicepair=vm1:4000,VM Network)";
-  // The host takes the vNIC's VIF off in the middle of it.
+  // The host removes the vNIC's VIF from its port in the middle of the move.
   m.lum.while_asked = [&] {
     m.record.NoteLeft("migrate-knl-and-pnic-to-pln0", "v4");
     m.record.NoteLeft("another operation", "v5");
@@ -212,7 +212,8 @@ TEST(MigrationCommandTest, OutOfASwitch) {
   EXPECT_EQ(m.record.kind(), MigrationRecord::Kind::kNone);
   m.left.clear();
 
-  // A switch that the configuration has no more keeps nothing; a failure is told, with a new operation id.
+  // A switch that the configuration no longer has keeps no physical NIC; a failure is reported, with a new
+  // operation id.
   config.clear_host_switches();
   const std::string alone =
       std::string("migrateToPLN(dvsUuid=") + kId +
@@ -231,7 +232,7 @@ TEST(MigrationCommandTest, OutOfASwitch) {
   EXPECT_THAT(m.left, ElementsAre("v1 but ")) << "it has moved all the same";
   m.left.clear();
 
-  // An agent that ended behind the move has left its VIFs to this one, whose host does not name them.
+  // An agent that ended after the move has left its VIFs to this one; the host's list does not contain them.
   m.settings.left_before = {"v9"};
   EXPECT_TRUE(m.Make().MigrateToPLN(config, {}));
   EXPECT_THAT(m.left, ElementsAre("v9 but "));
@@ -278,7 +279,7 @@ TEST(MigrationCommandTest, IntoASwitch) {
   EXPECT_THAT(vteps, ElementsAre("knl5", "knl6"));
 }
 
-// What a failed move leaves in the message, and what the manager hears of it.
+// The message after a failed move, and the error that the manager gets.
 TEST(MigrationCommandTest, FailuresIntoASwitch) {
   const struct {
     std::string reply;
@@ -309,7 +310,7 @@ TEST(MigrationCommandTest, FailuresIntoASwitch) {
   }
 }
 
-// A second try may ask for another port with the same VIF; one that is in use after all keeps it.
+// A second try may ask for another port with the same VIF; a port that is in use after all keeps its VIF.
 TEST(MigrationCommandTest, PortsOfAFailedMoveLoseTheirVifs) {
   const std::string there = std::string("ok|knl0~v1~p1~") + kOther + "~management~~";
   const std::string unanswered(LumCommands::kReadFailed);
@@ -358,7 +359,7 @@ TEST(MigrationCommandTest, NothingMovesWithoutItsPort) {
   EXPECT_THAT(config.host_switches(1).vteps(), IsEmpty());
 }
 
-// No interface goes with them, so there is no port to make, whatever the kind of the switch.
+// No interface moves with them, so no port is created, whatever the kind of the switch.
 TEST(MigrationCommandTest, PhysicalNicsAloneIntoASwitch) {
   for (const std::string& id : {std::string(kUuid), std::string(kOther)}) {
     Migration m;
@@ -413,7 +414,7 @@ TEST(KnlValidationTest, Replies) {
 constexpr const char* kQuery = "getKnlsInLogicalSwitchesAndKnlsOfGivenTypes(management)";
 constexpr const char* kPhase2 = " phase: PHASE2_COMBINED";
 
-// In the second phase the host is asked before anything moves.
+// In the second phase the host's interfaces are read before anything moves.
 TEST(KnlValidationTest, InterfaceRules) {
   const struct {
     std::string reply;
@@ -463,7 +464,7 @@ TEST(KnlValidationTest, AnInterfaceKeepsAPnic) {
       {kKnlIn, {"knl0", "", "", "", "management", "vmnic0", ""}, true},
       {"", {"knl0", "", "", "", "management", "vmnic0", ""}, true},
       {"", {"knl0", "", "", kOther, "management", "vmnic0", ""}, true},
-      // The port's own teaming has no physical NIC.
+      // The teaming of the port has no physical NIC.
       {"", {"knl0", "", "", kOther, "management", "vmnic0", "t9"}, false},
       {In(kOther, R"(device: "knl0" uplink_teaming_name: "t9")"),
        {"knl0", "", "", "", "management", "", ""},
@@ -486,7 +487,7 @@ TEST(KnlValidationTest, AnInterfaceKeepsAPnic) {
   }
 }
 
-// A host whose profile has made the moves does not make them again.
+// When the host's profile has made the moves, the agent does not make them again.
 TEST(InterfaceMigrationTest, WhetherAnythingMovesIn) {
   const struct {
     std::string migration;

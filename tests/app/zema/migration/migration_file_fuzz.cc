@@ -9,7 +9,7 @@
 #include "app/zema/ports/vif_request.h"
 #include "proto/switching/switching.pb.h"
 
-// Both files have one form; what is taken from it has to hold what the host's commands and ports need.
+// Both files have the same form; the values read from them must fit the host's commands and ports.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace zem::zema;
   MigrationRequest request;

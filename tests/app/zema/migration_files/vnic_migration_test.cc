@@ -58,7 +58,7 @@ std::string WithSwitch(const std::string& more, bool in = true) {
          more + "}]}";
 }
 
-// Empty when it went in.
+// Returns the error; empty when the request was put into the configuration.
 std::string Put(const std::string& text, HostConfigMsg* config) {
   MigrationRequest request;
   std::string error;
@@ -68,7 +68,7 @@ std::string Put(const std::string& text, HostConfigMsg* config) {
   return error;
 }
 
-// Half understood, a request would take interfaces off their network.
+// If a half-understood request were carried out, it would take interfaces off their network.
 TEST(MigrationFileTest, WhatIsNotUnderstoodIsRefusedWithItsReason) {
   struct Case {
     std::string text;
@@ -157,13 +157,13 @@ TEST(MigrationFileTest, MovesReplaceThoseOfTheStoredConfiguration) {
             "");
   EXPECT_EQ(config.qub_if_migration().ShortDebugString(), "to_lswitches { host_switch_id: \"plain\" }");
 
-  // Nothing for a switch is not the same as an empty list of physical NICs.
+  // A switch without the list is not the same as a switch with an empty list of physical NICs.
   ASSERT_EQ(Put(WithSwitch(R"("host_switch_name": "ks-1")"), &config), "");
   EXPECT_EQ(config.host_switches(0).pnic_size(), 1);
   EXPECT_EQ(config.qub_if_migration().ByteSizeLong(), 0u);
 }
 
-// An endpoint that nobody lists is deleted by the host right after its move.
+// The host deletes an endpoint that is missing from the list right after its move.
 TEST(MigrationFileTest, EndpointsOfTheFileTakeTheirPlaceInTheSwitch) {
   const auto vteps = [](const std::string& vnics) {
     HostConfigMsg config;
@@ -214,7 +214,7 @@ TEST(MigrationFileTest, AFileWithoutAnIdGetsOneAndKeepsTheRest) {
     std::string error;
     EXPECT_EQ(file.Load(&request, &error), c.read) << c.before;
     EXPECT_EQ(directory.Read("file"), c.after);
-    // The written one is found again.
+    // The next read finds the written id.
     MigrationRequest again;
     EXPECT_EQ(file.Load(&again, &error), c.read) << c.before;
     EXPECT_EQ(again.request_id, request.request_id);
@@ -229,7 +229,7 @@ TEST(MigrationFileTest, AFileWithoutAnIdGetsOneAndKeepsTheRest) {
 
 class VnicMigrationTaskTest : public ::testing::Test {
  protected:
-  // On a host whose proxy is not ready: the application ends there.
+  // The host's proxy is not ready, so the application ends there.
   void Run(bool vm_ports, bool knl_pnic) {
     VnicMigrationTask::Settings settings{
         knl_, vms_, result_,
@@ -299,7 +299,7 @@ TEST_F(VnicMigrationTaskTest, PortsOfVmsAreMadeAndKeptForTheirVifs) {
   EXPECT_THAT(Result(), HasSubstr("\"vms_request_id\": \"r1\""));
   EXPECT_THAT(Result(), HasSubstr("\"result\": \"Success\""));
 
-  // Done is done, until the tool asks for something else.
+  // A completed request is not carried out again until the tool makes another one.
   kept_.reset();
   Run(true, false);
   EXPECT_EQ(kept_, nullptr);
@@ -320,7 +320,7 @@ TEST_F(VnicMigrationTaskTest, WhatWentWrongStandsInTheFileAndIsTriedAgain) {
   create_error_ = "no such \"zone\"";
   Run(true, true);
   EXPECT_THAT(Result(), HasSubstr("\"request_id\": \"k1\""));
-  // Nothing is stored yet that could be changed.
+  // No configuration is stored yet, so there is none to change.
   EXPECT_THAT(Result(), HasSubstr(R"("Failed; error messages:\nno such \"zone\"\n)"));
   EXPECT_EQ(kept_->size(), 1u) << "those that could be made wait";
 
@@ -346,7 +346,8 @@ TEST_F(VnicMigrationTaskTest, WhatWentWrongStandsInTheFileAndIsTriedAgain) {
   EXPECT_THAT(Result(), HasSubstr("\"result\": \"Success\"")) << "it had failed, so it is done again";
   EXPECT_EQ(created_, 2u);
 
-  // That success is not the interfaces' one, and their next failure is not the VMs'.
+  // The outcomes are separate: the VMs' success does not count for the interfaces, nor their next failure for
+  // the VMs.
   Run(false, true);
   EXPECT_THAT(Result(), HasSubstr(R"("Failed; error messages:\nZEMA Lum not ready")"));
   Run(true, false);

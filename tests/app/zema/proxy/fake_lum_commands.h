@@ -11,9 +11,9 @@
 
 namespace zem::zema {
 
-/// Records the commands and gives scripted replies, the last of a command's again and again; what is scripted
-/// for "name(" is for all its arguments.  What is not scripted is answered "ok".  Compares with the expected
-/// reply as the real one does.
+/// Records the commands and gives scripted replies; the last reply of a command is repeated.  A reply
+/// scripted for "name(" applies to all arguments.  A command without a script is answered "ok".  Compares
+/// with the expected reply as the real class does.
 class FakeLumCommands : public LumCommands {
  public:
   void Script(const std::string& command, std::deque<std::string> replies) {
@@ -40,7 +40,7 @@ class FakeLumCommands : public LumCommands {
   }
 
   std::vector<std::string> commands;
-  /// What happens in the middle of each command.
+  /// Called in the middle of each command.
   std::function<void()> while_asked;
   int rpc_status = kRpcSucceeded;
   std::string rpc_reply;

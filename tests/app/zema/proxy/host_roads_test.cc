@@ -1,4 +1,5 @@
-// The agent's commands against the host that carries them out: what the one writes the other must read.
+// The agent's commands against the host that carries them out: each side must be able to read what the other
+// writes.
 
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
@@ -46,7 +47,7 @@ void WriteProperty(const std::string& directory, const std::string& name, const 
   std::ofstream(directory + "/" + name) << std::string("\x10\0\0\0", 4) << text << '\0';
 }
 
-// What the switch library does for the port of an interface.
+// Does what the switch library does for the port of an interface.
 bool CreatePort(const QubMgmtIfToLogicSwitchMsg& entry, const std::string&, std::string*) {
   const std::string properties = std::string(kRoot) + "/switch/switches/" + entry.host_switch_id() +
                                  "/ports/" + entry.logical_port_id() + "/p";
@@ -126,7 +127,7 @@ std::string Text(const cJSON* at, std::initializer_list<const char*> path) {
 
 using HostRoadsTest = test::LumSandbox;
 
-// A configuration with an interface that moves in, the same again as after a restart, and the way back.
+// A configuration with an interface that moves in, the same one again as after a restart, and the move back.
 TEST_F(HostRoadsTest, TheManagementInterfaceGoesInAndComesBack) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
               const sim::HostState host(kRoot);
@@ -135,7 +136,7 @@ TEST_F(HostRoadsTest, TheManagementInterfaceGoesInAndComesBack) {
               Agent agent(settings);
               SANDBOX_EXPECT(agent.handler.SetUp("user", "") == 0);
 
-              // Not without the move: the physical NIC is the management interface's.
+              // Refused without the move: the physical NIC belongs to the management interface.
               HostConfigMsg config = Config(kTwoSwitches);
               SANDBOX_EXPECT(!agent.Apply(&config));
               SANDBOX_EXPECT(agent.errors.code() == ErrorSink::kPnicUsedByManagement);
@@ -151,7 +152,8 @@ TEST_F(HostRoadsTest, TheManagementInterfaceGoesInAndComesBack) {
                 SANDBOX_EXPECT(Text(now.get(), {"interfaces", "knl0", "where", "port"}) == "p1");
                 SANDBOX_EXPECT(Text(now.get(), {"pnics", "vmnic0", "owner", "switch"}) == kNvs);
                 SANDBOX_EXPECT(Text(now.get(), {"pnics", "vmnic1", "owner", "switch"}) == kKln);
-                // Endpoints without an address are still to be asked for; the message is in the ids' order.
+                // Endpoints without an address are still to be fetched; the message is in the order of the
+                // ids.
                 SANDBOX_EXPECT(agent.outcome.dhcp_devices == (std::vector<std::string>{"knl11", "knl10"}));
                 SANDBOX_EXPECT(config.host_switches(0).vteps(0).device_name() == "knl10");
               }
@@ -163,7 +165,7 @@ TEST_F(HostRoadsTest, TheManagementInterfaceGoesInAndComesBack) {
                                                      "vtepDeviceId=knl10", &out) == 1);
               SANDBOX_EXPECT(out == "192.168.50.10~~IpAssigned");
 
-              // Out again, with the physical NIC, which the configuration no longer has.
+              // The interface moves out again, with the physical NIC, which the configuration no longer has.
               config = Config(std::string(kTwoSwitches) + kMoveOut);
               config.mutable_host_switches(1)->clear_pnic();
               SANDBOX_EXPECT(agent.Apply(&config));
@@ -231,7 +233,8 @@ TEST_F(HostRoadsTest, OpaqueNetworksAndBinaryCalls) {
       0);
 }
 
-// The host dies in the middle of a change: it has made it or not, and the next configuration makes it whole.
+// The script dies in the middle of a change, which may or may not have been made; the next configuration
+// completes it.
 TEST_F(HostRoadsTest, AScriptThatDiesInTheMiddle) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
               const sim::HostState host(kRoot);
@@ -249,7 +252,7 @@ TEST_F(HostRoadsTest, AScriptThatDiesInTheMiddle) {
                   SANDBOX_EXPECT(!agent.Apply(&config));
                   SANDBOX_EXPECT(agent.errors.code() == ErrorSink::kGeneral);
                   SANDBOX_EXPECT(host.Faults().empty());
-                  // Whoever asks next starts the script again.
+                  // The next command starts the script again.
                   std::string out;
                   if (!agent.handler.connected()) agent.handler.InvokeCommand("fetchMMode()", "", &out);
                   config = Config(std::string(kTwoSwitches) + kMoveIn);

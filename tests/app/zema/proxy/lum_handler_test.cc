@@ -1,4 +1,4 @@
-// The handler against the host's script itself, in a sandbox where both have their real names.
+// The handler against the host's real script, in a sandbox where both have their real names.
 
 #include "app/zema/proxy/lum_handler.h"
 
@@ -51,7 +51,7 @@ TEST_F(LumHandlerTest, LogsInAndAnswers) {
               const size_t login = frames.find("login=7.0.3|user|");
               SANDBOX_EXPECT(level < option && option < login && login != std::string::npos);
               SANDBOX_EXPECT(Count(frames, "initializing") == 3);
-              // The whole reply counts, nothing less.
+              // Only a complete reply counts.
               std::string out;
               Write("faults", "^query\t0\t1\treply\tok|a\n^list\t0\t9\treply\t\n");
               SANDBOX_EXPECT(handler.InvokeCommand("query()", "ok", &out) == -1);
@@ -80,7 +80,7 @@ TEST_F(LumHandlerTest, AScriptThatIsLoggedInIsNotAskedAgain) {
             0);
 }
 
-// Each way in which an exchange breaks: a text command fails and the next one starts the script anew; a
+// The ways in which an exchange can break: a text command fails and the next one starts the script again; a
 // binary call starts it at once.
 TEST_F(LumHandlerTest, BrokenExchanges) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
@@ -109,7 +109,7 @@ TEST_F(LumHandlerTest, BrokenExchanges) {
             0);
 }
 
-// A script that does not come up leaves the handler failing fast, with each call trying again.
+// When a script does not start, the handler fails fast, and each call tries again.
 TEST_F(LumHandlerTest, FailedStarts) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string* told) {
               std::string out;
@@ -135,7 +135,7 @@ TEST_F(LumHandlerTest, FailedStarts) {
             0);
 }
 
-// A stop in the middle of a start ends it.
+// A shutdown in the middle of a start ends the start.
 TEST_F(LumHandlerTest, ShutdownEndsAStart) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
               settings.options = [] { return LumOptions{1'000'000}; };
@@ -176,7 +176,7 @@ int RespawnTimes(int times, test::LogCapture& log, LumSettings settings) {
   return 0;
 }
 
-// New starts leave no process, dead or alive, and no descriptor.
+// Restarts leave behind no process, running or zombie, and no descriptor.
 TEST_F(LumHandlerTest, RespawnsLeaveNothingBehind) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
               Write("lum.start", "ready");
@@ -201,7 +201,8 @@ std::string WaitFor(const std::function<bool()>& there) {
   return there() ? "" : "it never came";
 }
 
-// Nobody asks anything of it: it is down at once, and comes again by itself, also when it refuses the login.
+// Without any call, a script that dies is reported down at once and started again, even when it refuses the
+// login.
 TEST_F(LumHandlerTest, AScriptThatDiesUnaskedIsDownAtOnceAndComesAgainByItself) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
               std::mutex mutex;
@@ -226,7 +227,7 @@ TEST_F(LumHandlerTest, AScriptThatDiesUnaskedIsDownAtOnceAndComesAgainByItself) 
               SANDBOX_EXPECT(log.Count("Unexpected reply for username command: no") == 3);
               std::string out;
               SANDBOX_EXPECT(handler.InvokeCommand("fetchMMode()", "", &out) == 0);
-              // One that is to end stays away.
+              // A script that was terminated on purpose is not started again.
               handler.TerminateZemaLumPy();
               SANDBOX_EXPECT(handler.InvokeCommand("fetchMMode()", "", &out) == -1);
               SANDBOX_EXPECT(handler.InvokeCommand("fetchMMode()", "", &out) == -1);

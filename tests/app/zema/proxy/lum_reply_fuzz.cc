@@ -16,7 +16,7 @@ void Require(bool condition) {
 
 }  // namespace
 
-// The first byte is the number of endpoints asked for; all readers see the rest.
+// The first byte is the number of requested endpoints; all parsers get the rest.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   using zem::zema::VtepReply;
@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   const auto knls = zem::zema::ParseKnls(text);
   for (const auto& knl : knls.value_or(std::vector<zem::zema::HostKnl>())) Require(!knl.device.empty());
-  // Whatever the host says is told to somebody: nothing but the prefix and the separators goes.
+  // The whole reply of the host is reported: only the prefix and the separators are left out.
   const auto failure = zem::zema::ParseMigrateToLsFailure(text);
   size_t told = failure.error.size();
   for (const auto& device : failure.vteps) told += device.size();

@@ -34,7 +34,7 @@ inline std::string Frames() {
 /// The handler and the host's script in a sandbox where both have their real names.
 class LumSandbox : public SandboxTest {
  protected:
-  // Into the folder that the sandbox sees wherever the source stands.
+  // The copy goes into the folder that the sandbox sees, wherever the source is.
   LumSandbox() {
     std::filesystem::copy(LUM_STAND_IN, directory_.Path("stand_in"));
     for (const auto& file : std::filesystem::directory_iterator(ZEM_SOURCE "/sim/host")) {
@@ -43,7 +43,7 @@ class LumSandbox : public SandboxTest {
     }
   }
 
-  // The body's log and the ready words the handler has told go along.
+  // `body` gets the log and the ready states that the handler has reported.
   int Run(const std::function<int(LogCapture&, zema::LumSettings, std::string*)>& body) {
     return SandboxTest::Run([&body] {
       LogCapture log;
@@ -57,7 +57,7 @@ class LumSandbox : public SandboxTest {
       settings.script = std::string(sim::kNodeDirectory) + "/zemaLum.py";
       settings.kill_pause = std::chrono::milliseconds(20);
       settings.pid_pause = std::chrono::milliseconds(20);
-      // A machine that is busy takes its time to start a script.
+      // On a busy machine a script takes longer to start.
       settings.options = [] { return zema::LumOptions{1000}; };
       settings.ready_pause = std::chrono::milliseconds(20);
       settings.host_version = "7.0.3";

@@ -1,5 +1,5 @@
-// Stands in for the host's script where a thousand starts of it would take minutes: it is ready at once, and
-// ends when a binary call comes.
+// Takes the place of the host's script where a thousand starts of it would take minutes: it is ready at once,
+// and ends when a binary call arrives.
 
 #include <sys/prctl.h>
 #include <sys/socket.h>

@@ -1,4 +1,5 @@
-// What the host is told of a switch, text for text, and how its plain replies are read.
+// The records and commands that describe a switch to the host, text for text, and the parsing of its plain
+// replies.
 
 #include "app/zema/proxy/switch_record.h"
 
@@ -60,7 +61,7 @@ TEST(SwitchRecordTest, Fields) {
   }
 }
 
-// The physical NICs would leave the management interface without a link if they moved before it.
+// If the physical NICs moved before the management interface, it would lose its link.
 TEST(SwitchRecordTest, PnicsOfAMigratedSwitchGoWithTheMigration) {
   MigratedPnics migrated{{"50 2e", {}}};
   std::string error;

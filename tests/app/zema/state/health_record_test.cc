@@ -56,8 +56,8 @@ class HealthRecordTest : public ::testing::Test {
   HealthRecord record{switches, false};
 };
 
-// Everything has to be up; each single fall takes it down at once on all switches, and its rise brings it
-// back.
+// Every part has to be up; the fall of any part takes the status down on all switches at once, and its rise
+// restores it.
 TEST_F(HealthRecordTest, AnyOneDownIsDown) {
   AllUp();
   EXPECT_TRUE(record.healthy());
@@ -89,7 +89,7 @@ TEST_F(HealthRecordTest, AnyOneDownIsDown) {
   EXPECT_FALSE(record.healthy()) << "for good";
 }
 
-// A switch that does not take it leaves the status as it was published, and the next look tries again.
+// When a switch refuses the status, the published status stays and the next check tries again.
 TEST_F(HealthRecordTest, FailedPublicationIsTriedAgain) {
   switches.broken = "dvs-1";
   AllUp();

@@ -61,7 +61,7 @@ TEST_F(RealizationOptionsTest, VifTimeoutDependsOnTheHostAndIsNeverBelow25) {
   }
 }
 
-// What cannot stand together is refused with its text, and the options stay as they were.
+// Contradicting options are refused with a text of their own, and the options stay unchanged.
 TEST_F(RealizationOptionsTest, Refusals) {
   struct Case {
     const char* file;

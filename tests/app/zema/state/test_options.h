@@ -9,9 +9,9 @@
 
 namespace zem::zema {
 
-/// Options that a test changes by their file.
+/// Options that a test changes through their file.
 struct TestOptions {
-  /// `json` holds the options that are not at their defaults.
+  /// `json` holds the options that differ from their defaults.
   void Set(const std::string& json) {
     directory.Write("zema.json", json);
     EXPECT_EQ(store.Reload(), "");

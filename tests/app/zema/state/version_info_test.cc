@@ -9,7 +9,7 @@
 namespace zem::zema {
 namespace {
 
-// Each kind of host, and what is none.
+// Each kind of host, and output that is none of them.
 TEST(VersionInfoTest, Hosts) {
   using Distribution = VersionInfo::Distribution;
   struct Case {

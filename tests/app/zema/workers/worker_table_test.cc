@@ -80,7 +80,7 @@ TEST_F(WorkerTableTest, OptionsDecideWhichWorkersExist) {
   EXPECT_EQ(table_.Find(Worker::kScaleSim)->name(), "scaleSimTaskThread");
 }
 
-// All must be told to stop before the first is waited for, or a worker that feeds another keeps it alive.
+// All workers must get the stop before the first is joined, or a worker that feeds another keeps it alive.
 TEST_F(WorkerTableTest, StopsAllBeforeJoiningAny) {
   EXPECT_EQ(table_.StartTaskThreads(), 0);
   EXPECT_TRUE(table_.AddTask(Worker::kPostHostSync,
