@@ -201,7 +201,7 @@ TEST_F(MessageDispatchTest, FullSyncsAndChecksumsReachTheirWorkers) {
   EXPECT_EQ(Ran(2), (std::set<std::string>{"full sync 15", "restore tn"}));
 }
 
-TEST_F(MessageDispatchTest, WhatCannotBeParsedIsToldAndDropped) {
+TEST_F(MessageDispatchTest, AMessageThatDoesNotParseIsLoggedAndDropped) {
   const std::string garbage("\x0a\xff\xff\xff\x7f", 5);
   struct Case {
     const char* type;
@@ -223,7 +223,7 @@ TEST_F(MessageDispatchTest, WhatCannotBeParsedIsToldAndDropped) {
   EXPECT_EQ(made_, std::vector<std::string>{"refused Failed to parse Host Profile message"});
 }
 
-TEST_F(MessageDispatchTest, UnknownEmptyAndUnservedMessagesAreTold) {
+TEST_F(MessageDispatchTest, UnknownEmptyAndUnservedMessagesAreLogged) {
   LogCapture log;
   Receive("com.orlane.zem.other.HostConfigMsg", "x");
   Receive(std::string(kPrefix) + "HostConfigMsgs", "x");

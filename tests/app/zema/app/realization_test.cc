@@ -92,7 +92,7 @@ class RealizationTest : public test::SandboxTest {
 
 // Each failed start reports why, leaves nothing behind that would keep the next one from succeeding, and does
 // not stop parts that it has not started.
-TEST_F(RealizationTest, EachPartThatIsMissingEndsTheStartAndTheNextOneHolds) {
+TEST_F(RealizationTest, AMissingPartFailsTheStartAndTheNextStartSucceeds) {
   EXPECT_EQ(Run([](LogCapture& log) {
               std::filesystem::create_directories(std::filesystem::path(kOptionsFile).parent_path());
               std::ofstream(kOptionsFile) << "{}";

@@ -39,7 +39,7 @@ class ConfigFilesTest : public testing::Test {
   ConfigFiles files{{folder.Path("host_config.bin"), folder.Path("host_config_mmode.bin")}};
 };
 
-TEST_F(ConfigFilesTest, WhatIsPersistedIsReadBackAndNothingElseIsThere) {
+TEST_F(ConfigFilesTest, AStoredMessageIsReadBackAndNoOtherFileIsLeft) {
   EXPECT_FALSE(files.HasHostConfigFile());
   EXPECT_EQ(Revision(), "Failed to open host config file to read.");
   ASSERT_EQ(files.PersistHostConfigToFile(Config("1")), 0);
@@ -61,7 +61,7 @@ TEST_F(ConfigFilesTest, WhatIsPersistedIsReadBackAndNothingElseIsThere) {
 }
 
 // Such a file may be left by a crash of another writer, by a disk that was full, or by a wrong copy.
-TEST_F(ConfigFilesTest, ATornOrForeignFileIsToldAndStays) {
+TEST_F(ConfigFilesTest, ATornOrForeignFileIsReportedAndKept) {
   const std::string whole = Config("1", 20).SerializeAsString();
   const std::pair<const char*, std::string> files_of_others[] = {
       {"torn", whole.substr(0, whole.size() - 3)}, {"empty", ""},
@@ -102,7 +102,7 @@ class FileSizeLimit {
 };
 
 // The store may answer a removal long after the node has got its next configuration.
-TEST_F(ConfigFilesTest, ALateEndLeavesTheMarkOfWhatHasBegunSince) {
+TEST_F(ConfigFilesTest, ALateEndLeavesTheMarkOfANewerApplication) {
   ASSERT_TRUE(files.BeginApply({}));
   const uint64_t first = files.apply_number();
   UnfinishedApply second;
@@ -131,7 +131,7 @@ TEST_F(ConfigFilesTest, AFullDiskLeavesTheOldFile) {
   EXPECT_EQ(Revision(), "2");
 }
 
-TEST_F(ConfigFilesTest, AWriterThatWasKilledLeavesNothingThatHinders) {
+TEST_F(ConfigFilesTest, FilesLeftByAKilledWriterDoNotPreventTheNextWrite) {
   folder.Write("host_config.bin.tmp", std::string(100000, 'x'));
   ASSERT_EQ(files.PersistHostConfigToFile(Config("3")), 0);
   EXPECT_EQ(Revision(), "3");

@@ -121,7 +121,7 @@ TEST(HostConfigCodecTest, EveryFieldGoesToTheStoreAndBack) {
   }
 }
 
-TEST(HostConfigCodecTest, WhatIsAbsentStaysAbsent) {
+TEST(HostConfigCodecTest, AnAbsentFieldStaysAbsent) {
   manager::HostConfigMsg message;
   message.set_id("00000001-0000-4000-8000-000000000001");
   message.add_host_switches();
@@ -142,7 +142,7 @@ TEST(HostConfigCodecTest, WhatIsAbsentStaysAbsent) {
   }
 }
 
-TEST(HostConfigCodecTest, ABadFieldIsLeftOutAndTold) {
+TEST(HostConfigCodecTest, ABadFieldIsLeftOutAndLogged) {
   const test::LogCapture log;
   manager::HostConfigMsg message;
   store::RealizedHostConfigMsg stored;
@@ -265,7 +265,7 @@ TEST(AddressCodecTest, BytesThatAreNoAddressAreRefused) {
   EXPECT_FALSE(UUID_FromString("00000001-0000-4000-8000-00000000000", &uuid));
 }
 
-TEST(LogicalSwitchCodecTest, ARemovalIsToldFromTheObjectBefore) {
+TEST(LogicalSwitchCodecTest, ARemovalIsMadeFromTheObjectBeforeIt) {
   struct Row {
     int operation;
     bool has_value;

@@ -42,7 +42,7 @@ class EdgeMaintenanceTest : public ::testing::Test {
   FakeSender sender_;
 };
 
-TEST_F(EdgeMaintenanceTest, TheEdgeCarriesItOutAndTheManagerHearsTheOutcome) {
+TEST_F(EdgeMaintenanceTest, TheEdgeChangesTheModeAndTheManagerGetsTheOutcome) {
   for (const uint32_t state : {1, 2}) {
     EXPECT_EQ(Apply(state), Answer("state: 1 ", 0, ""));
     EXPECT_TRUE(edge_.state().maintenance);
@@ -61,7 +61,7 @@ TEST_F(EdgeMaintenanceTest, TheEdgeCarriesItOutAndTheManagerHearsTheOutcome) {
   EXPECT_EQ(edge_.state().requests.size(), 4u);
 }
 
-TEST_F(EdgeMaintenanceTest, WhateverTheEdgeAnswersTheManagerHearsOfIt) {
+TEST_F(EdgeMaintenanceTest, EveryAnswerOfTheEdgeIsReportedToTheManager) {
   struct Case {
     sim::EdgeService::Fault fault;
     std::string answer;

@@ -82,7 +82,7 @@ TEST_F(EdgeRoadTest, EachControllerIsAnObject) {
               ElementsAre("uuid { first: 1 second: 7 }" + rest, "uuid { first: 2 second: 7 }" + rest));
 }
 
-TEST_F(EdgeRoadTest, WhatCannotBeStoredIsTold) {
+TEST_F(EdgeRoadTest, AMessageThatCannotBeStoredIsReported) {
   orlane::zem::switching::MaintenanceModeConfigMsg mmode;
   mmode.set_id(kUuid);
   mmode.set_state(0);

@@ -68,7 +68,7 @@ class EndpointTasksTest : public ::testing::Test, public TaskQueues {
   std::shared_ptr<EndpointContext> context_;
 };
 
-TEST_F(EndpointTasksTest, OnlyWhatHasNoAddressYetIsAskedAgain) {
+TEST_F(EndpointTasksTest, OnlyEndpointsWithoutAddressAreAskedAgain) {
   lum_.replies = {{"vtepDeviceId=knl10", "172.16.1.10~~IpAssigned"},
                   {"vtepDeviceId=knl11", "169.254.1.1~~IpAssigned"},
                   {"vtepDeviceId=knl12", "172.16.1.12~~IpNotAssigned"}};
@@ -89,7 +89,7 @@ TEST_F(EndpointTasksTest, OnlyWhatHasNoAddressYetIsAskedAgain) {
   EXPECT_EQ(waited_, std::chrono::seconds(24)) << "8 s before each try";
 }
 
-TEST_F(EndpointTasksTest, AnUnreadableReplyEndsTheTaskWithWhatItFound) {
+TEST_F(EndpointTasksTest, AnUnreadableReplyEndsTheTaskWithoutAnEvent) {
   lum_.replies = {{"vtepDeviceId=a", "172.16.1.10~~IpAssigned"}, {"vtepDeviceId=b", "172.16.1.11"}};
   VtepIpFetchingTask(context_, event_, {"a", "b"}, {2, false}).Run();
   EXPECT_TRUE(sender_.Take().empty());
@@ -100,7 +100,7 @@ TEST_F(EndpointTasksTest, AnUnreadableReplyEndsTheTaskWithWhatItFound) {
   EXPECT_TRUE(lum_.asked.empty()) << "a host without id asks nothing";
 }
 
-TEST_F(EndpointTasksTest, ASynchronisationTellsEveryEndpointOnce) {
+TEST_F(EndpointTasksTest, ASynchronisationReportsEveryEndpointOnce) {
   lum_.replies = {{"vtepDeviceId=a", "172.16.1.10~fd00::1~IpAssigned"},
                   {"vtepDeviceId=b", "~~IpNotAssigned"},
                   {"vtepDeviceId=c|ipv6AddressConfigType=linklayer", "~::~IpAssigned"}};

@@ -144,7 +144,7 @@ TEST_F(VtepApplicationTest, DynamicAddressesThatAreStillToComeAreFetchedLater) {
   EXPECT_THAT(outcome_.ipv6_kinds, ElementsAre(Pair("d", "linklayer")));
 }
 
-TEST_F(VtepApplicationTest, FailuresNameTheirCauseAndLeaveOnlyWhatIsThere) {
+TEST_F(VtepApplicationTest, FailuresNameTheirCauseAndLeaveOnlyExistingEndpoints) {
   constexpr const char* kTwo = "name: 'n' vteps { device_name: 'a' } vteps { device_name: 'b' state: 4 }";
   const struct {
     std::string reply;

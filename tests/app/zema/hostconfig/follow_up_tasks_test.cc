@@ -102,7 +102,7 @@ class HighPerformanceTaskTest : public ::testing::Test {
   std::unique_ptr<HighPerformanceProfile> profile_;
 };
 
-TEST_F(HighPerformanceTaskTest, WaitsForTheModeThenAppliesAndTells) {
+TEST_F(HighPerformanceTaskTest, WaitsForTheModeThenAppliesAndReports) {
   Run(3);
   EXPECT_EQ(runs_, 1);
   EXPECT_FALSE(property_);
@@ -110,7 +110,7 @@ TEST_F(HighPerformanceTaskTest, WaitsForTheModeThenAppliesAndTells) {
   EXPECT_EQ(sender_.Take(), std::vector<std::string>{"Event   transport_node_id: \"tn\" id: \"c1\""});
 }
 
-TEST_F(HighPerformanceTaskTest, AFailureOfTheScriptIsTold) {
+TEST_F(HighPerformanceTaskTest, AFailureOfTheScriptIsReported) {
   script_result_ = 102;
   Run(1);
   EXPECT_EQ(runs_, 1);

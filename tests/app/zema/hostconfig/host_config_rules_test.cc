@@ -105,7 +105,7 @@ TEST(StatelessHostTest, TheFlagsDecideWhoMakesTheSwitches) {
   EXPECT_EQ(lum.commands.size(), 1u) << "nothing else is asked";
 }
 
-TEST(StatelessHostTest, AFlagThatNobodyToldIsNotOneThatIsNotSet) {
+TEST(StatelessHostTest, AnUnansweredFlagDoesNotCountAsCleared) {
   const std::vector<std::string> flags = {"IsZemInstallStatusSet()", "IsZemInstallStatusOpaqueSwitchSet()",
                                           "IsZemDvsConfigRequiredSet()"};
   for (const std::string& untold : flags) {
@@ -139,7 +139,7 @@ TEST(StatelessHostTest, OnlyTwoDigitsWithOneCharacterBetweenAreAVersion) {
   }
 }
 
-TEST(RouterMacsTest, TextsComeBackAsTheyWent) {
+TEST(RouterMacsTest, TextsAreConvertedThereAndBack) {
   HostConfigMsg config;
   config.add_host_switches()->set_id("a");
   auto* with_router = config.add_host_switches();

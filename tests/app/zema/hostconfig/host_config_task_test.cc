@@ -49,7 +49,7 @@ TEST_F(HostConfigTest, ARemovalThatWasCutIsFinishedByTheNextStart) {
 }
 
 // The tool that requested the migration waits for the outcome, whichever process writes it.
-TEST_F(HostConfigTest, AMigrationByFileThatWasCutHasItsOutcomeInTheEnd) {
+TEST_F(HostConfigTest, AnInterruptedMigrationByFileGetsItsOutcome) {
   ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
   VnicMigrationTask::Settings settings;
   settings.knl_file = dir.Write("knl", R"({"request_id": "k1", "migrate_to_ndvs": true, "host_switches": [
@@ -78,7 +78,7 @@ TEST_F(HostConfigTest, AMigrationByFileThatWasCutHasItsOutcomeInTheEnd) {
 }
 
 // When the agent starts again, no stored message contains the switch that leaves.
-TEST_F(HostConfigTest, ARouterThatWasToGoGoesAlsoAfterAKill) {
+TEST_F(HostConfigTest, ALeavingRouterIsRemovedEvenAfterAKill) {
   ASSERT_THAT(Apply(kNode + std::string("revision: \"1\" ") + kTwo), HasSubstr("error_code: 0"));
   KillAt("CheckQUBiVersion70AndUnusedCkln");
   EXPECT_THROW(Apply(kNode + std::string("revision: \"2\" ") + kOne), Killed);
@@ -90,7 +90,7 @@ TEST_F(HostConfigTest, ARouterThatWasToGoGoesAlsoAfterAKill) {
 
 // No answer reports the failure, so the agent retries by itself and does not report the configuration as
 // applied.
-TEST_F(HostConfigTest, WhatAStartCannotFinishIsTriedAgainUntilItHolds) {
+TEST_F(HostConfigTest, AConfigurationThatAStartCannotFinishIsRetriedUntilItSucceeds) {
   KillAt("applyDvses(");
   EXPECT_THROW(Apply(kNode + std::string("revision: \"1\" ") + kTwo), Killed);
   StartProcess();

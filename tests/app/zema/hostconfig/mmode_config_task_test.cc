@@ -71,7 +71,7 @@ TEST_F(MmodeConfigTaskTest, AConnectedVmKeepsTheNodeOutUnlessTheManagerInsists) 
   EXPECT_FALSE(health_.in_tn_mmode());
 }
 
-TEST_F(MmodeConfigTaskTest, BadRequestsChangeNothingAndAProxyThatRefusesIsTold) {
+TEST_F(MmodeConfigTaskTest, BadRequestsChangeNothingAndARefusalOfTheProxyIsReported) {
   EXPECT_EQ(Run(std::nullopt), Answer(3, 8750, "Invalid mmode setting - null"));
   EXPECT_EQ(Run(7), Answer(3, 8750, "Invalid mmode setting"));
   EXPECT_FALSE(files_.HasMmodeCfgFile());

@@ -135,7 +135,7 @@ struct HighPerformance {
   HighPerformanceSettings settings;
 };
 
-TEST(HighPerformanceProfileTest, WhatTheScriptsResultMeans) {
+TEST(HighPerformanceProfileTest, ResultsOfTheScript) {
   const std::string script = "python3 /usr/lib/orlane/high-performance-dp/hp_dp_script.py -d one 2>&1";
   const std::string clear = "clear s1 com.orlane.zem.pendingUserActions";
   const std::string set = "set s1 com.orlane.zem.pendingUserActions maintenance_mode";
@@ -216,7 +216,7 @@ TEST(HighPerformanceProfileTest, WhatTheScriptsResultMeans) {
 }
 
 // The switch's name comes from outside and is passed to a shell.
-TEST(HighPerformanceProfileTest, ANameIsNoShellText) {
+TEST(HighPerformanceProfileTest, ANameIsQuotedForTheShell) {
   HighPerformance h;
   HighPerformanceProfile profile(h.settings);
   HostSwitchMsg host_switch = Parse<HostSwitchMsg>("profiles { high_performance_profile {} }");

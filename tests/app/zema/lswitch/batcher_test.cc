@@ -185,7 +185,7 @@ TEST_F(BatcherTest, AZoneOnAKlnSwitchNeedsNoNetworkButAnAnswer) {
 
 // The acknowledgements of the store must not go to the last sender of a batch, nor those of the manager to
 // the store.
-TEST_F(BatcherTest, AMixedBatchIsAnsweredOnBothRoads) {
+TEST_F(BatcherTest, AMixedBatchIsAnsweredToTheStoreAndTheManager) {
   handler->pending().AddPendingLs(kA, {});
   Add(Message(kA, 2), "covedb", 9);
   Add(Message(kB, 3), "mp-1");
@@ -258,7 +258,7 @@ TEST_F(BatcherTest, TheBarrierGoesOutWithTheLastChunk) {
   EXPECT_THAT(seen, ElementsAre(IsEmpty(), IsEmpty(), ElementsAre("value: 9")));
 }
 
-TEST_F(BatcherTest, WhatFailsIsTheStoresToReadAgainAndNotAcknowledged) {
+TEST_F(BatcherTest, AFailureIsNotAcknowledgedAndTheStoresSwitchesAreReadAgain) {
   host.Fail("createOpaqueNetwork", 0, 2, "no space");
   Add(Message(kA, 2), "covedb", 9);
   Run();
@@ -297,7 +297,7 @@ TEST_F(BatcherTest, ANameThatWouldEndItsPlaceInTheListIsRefusedAlone) {
   EXPECT_THAT(host.TakeCalls(), ElementsAre("createOpaqueNetwork(" + Create(kB, 2) + ")"));
 }
 
-TEST_F(BatcherTest, AFullSyncVoidsWhatWasMadeBeforeIt) {
+TEST_F(BatcherTest, AFullSyncVoidsEarlierUpdates) {
   const auto before = LogicalSwitchMsgTask::CreateTask(*context, Message(kA, 2), nullptr, "covedb", 9);
   Add(Message(kB, 2), "covedb", 9);
   context->fence.Supersede();
@@ -311,7 +311,7 @@ TEST_F(BatcherTest, AFullSyncVoidsWhatWasMadeBeforeIt) {
   EXPECT_THAT(host.TakeCalls(), IsEmpty());
 }
 
-TEST_F(BatcherTest, AFullSyncOfTheManagerVoidsWhatCameBeforeItAndGoesFirst) {
+TEST_F(BatcherTest, AFullSyncOfTheManagerVoidsItsEarlierUpdatesAndGoesFirst) {
   orlane::zem::switching::LogicalSwitchBulkMsg bulk;
   bulk.set_continuation_flag(0);
   Add(Message(kA, 2), "mp");

@@ -63,7 +63,7 @@ TEST_F(ManagerTasksTest, AHostProfileIsAnsweredWithItsOutcome) {
                           "op 14", "CheckQUBiVersion70AndUnusedCkln()", "op 14"));
 }
 
-TEST_F(ManagerTasksTest, ChecksumsTellWhatTheHostHasOrThatItHasNothing) {
+TEST_F(ManagerTasksTest, ChecksumsReportTheConfigurationOfTheHostOrItsAbsence) {
   const test::TempDir folder;
   ConfigFiles files({folder.Path("a"), folder.Path("b")});
   orlane::zem::switching::ChecksumMsg request;

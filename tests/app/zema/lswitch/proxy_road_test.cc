@@ -121,7 +121,7 @@ class Road {
 
 class ProxyRoadTest : public test::LumSandbox {};
 
-TEST_F(ProxyRoadTest, WhatTheStoreSaysIsWhatTheHostHas) {
+TEST_F(ProxyRoadTest, TheHostGetsTheSwitchesOfTheStore) {
   EXPECT_EQ(
       Run([](test::LogCapture& log, LumSettings settings, std::string*) {
         Road road(settings);

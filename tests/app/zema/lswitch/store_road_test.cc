@@ -92,7 +92,7 @@ class StoreRoadTest : public StoreFixture {
   std::shared_ptr<LogicalSwitchContext> context;
 };
 
-TEST_F(StoreRoadTest, AFullSyncTellsAllSwitchesInChunksThenIncrementsComeInBatches) {
+TEST_F(StoreRoadTest, AFullSyncSendsAllSwitchesInChunksThenIncrementsComeInBatches) {
   Change(PutLogicalSwitches({1, 250, 3, 1}, 5, true));
   Connect();
   EXPECT_THAT(host.TakeCalls(),
@@ -143,7 +143,7 @@ TEST_F(StoreRoadTest, TheBarrierOfAnEmptyTransactionComesAfterTheQueuedSwitches)
   EXPECT_EQ(handler->pending().size(), 0u);
 }
 
-TEST_F(StoreRoadTest, AFailedFullSyncIsToldAndTriedAgainAndIncrementsWaitForIt) {
+TEST_F(StoreRoadTest, AFailedFullSyncIsReportedAndRetriedAndIncrementsWaitForIt) {
   Change(PutLogicalSwitches({1, 150, 1, 1}, 5, true));
   host.Fail("op 11", 1, 2, "host is busy");
   Connect();
@@ -188,7 +188,7 @@ TEST_F(StoreRoadTest, AFullSyncOfNoSwitchesRemovesThoseOfBefore) {
   EXPECT_EQ(Barrier(), "value: 5");
 }
 
-TEST_F(StoreRoadTest, WhatTheHostRefusesIsToldAndComesBackUntilItIsDone) {
+TEST_F(StoreRoadTest, ARefusedSwitchIsReportedAndRetriedUntilItIsRealized) {
   Watch([] { return PutLogicalSwitches({1, 2, 1, 1}, 5, true); });
   host.Fail("createOpaqueNetwork", 0, 2, "no space");
   host.Fail("deleteOpaqueNetwork", 0, 2, "in use");
@@ -258,7 +258,7 @@ TEST_F(StoreRoadTest, AGatheredBatchDoesNotOutliveAFullSync) {
   EXPECT_EQ(Barrier(), "value: 7");
 }
 
-TEST_F(StoreRoadTest, AReconnectIsAFullSyncAndAgainConfiguredIsNone) {
+TEST_F(StoreRoadTest, AReconnectMakesAFullSyncAndASecondConfigureDoesNot) {
   Watch([] { return PutLogicalSwitches({1, 3, 1, 1}, 5, true); });
   handler->ConfigureMonitors();
   clock.RunFor(20s);
@@ -288,7 +288,7 @@ covedb::MonitorUpdateMsg Update(ObjectType type, const google::protobuf::Message
 
 // The node's removal clears the host's networks; neither gathered nor failed updates may bring any of them
 // back.
-TEST_F(StoreRoadTest, AFlushVoidsWhatWasStillToBeDone) {
+TEST_F(StoreRoadTest, AFlushVoidsGatheredAndFailedUpdates) {
   Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
   host.Fail("createOpaqueNetwork", 0, 1, "no space");
   Change(PutLogicalSwitches({2, 1, 1, 1}, 6, false));
@@ -313,7 +313,7 @@ TEST_F(StoreRoadTest, AFlushVoidsWhatWasStillToBeDone) {
 
 // A flush at each point of the path: after the worker has gathered updates, and after a full reading was
 // requested.
-TEST_F(StoreRoadTest, AFlushVoidsWhatTheWorkerStillHasBeforeIt) {
+TEST_F(StoreRoadTest, AFlushVoidsUpdatesThatTheWorkerHasGathered) {
   Watch([] { return PutLogicalSwitches({1, 2, 1, 1}, 5, true); });
   std::atomic<bool> flushed = false;
   before_enqueue = [&](CovedbUpdateKind kind) {
@@ -407,7 +407,7 @@ TEST_F(StoreRoadTest, AStoredConfigurationIsAnsweredByItsHeaders) {
               ElementsAre("HostConfig c r id: \"00000000-0000-0001-0000-000000000000\" error_code: 8700"));
 }
 
-TEST_F(StoreRoadTest, BadUpdatesAreToldAndHurtNothing) {
+TEST_F(StoreRoadTest, BadUpdatesAreLoggedAndHaveNoEffect) {
   Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
   daemon->store().SetUpdateGarbage(1);
   Change(PutLogicalSwitches({2, 1, 1, 1}, 6, false));

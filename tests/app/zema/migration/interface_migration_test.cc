@@ -104,7 +104,7 @@ struct Migration {
   std::string calls;
 };
 
-TEST(MigrationMessageTest, WhatTheMessageAloneRefuses) {
+TEST(MigrationMessageTest, RefusalsThatNeedOnlyTheMessage) {
   const struct {
     std::string migration;
     std::string text;

@@ -69,7 +69,7 @@ std::string Put(const std::string& text, HostConfigMsg* config) {
 }
 
 // If a half-understood request were carried out, it would take interfaces off their network.
-TEST(MigrationFileTest, WhatIsNotUnderstoodIsRefusedWithItsReason) {
+TEST(MigrationFileTest, AnInvalidFileIsRefusedWithItsReason) {
   struct Case {
     std::string text;
     const char* error;
@@ -313,7 +313,7 @@ TEST_F(VnicMigrationTaskTest, PortsOfVmsAreMadeAndKeptForTheirVifs) {
   EXPECT_THAT(Result(), HasSubstr("r2"));
 }
 
-TEST_F(VnicMigrationTaskTest, WhatWentWrongStandsInTheFileAndIsTriedAgain) {
+TEST_F(VnicMigrationTaskTest, AFailureIsWrittenToTheResultFileAndRetried) {
   directory_.Write("vms", R"({"request_id": "r1", "migrate_to_ndvs": true, "host_switches": [{"vnics": [
       {"vnic_id": "u:1", "vif_id": "v1", "logical_switch_id": "l", "logical_port_id": "p", "transport_zone_id": "z"}]}]})");
   directory_.Write("knl", R"({"request_id": "k1", "migrate_to_ndvs": true, "host_switches": [{}]})");
@@ -354,7 +354,7 @@ TEST_F(VnicMigrationTaskTest, WhatWentWrongStandsInTheFileAndIsTriedAgain) {
   EXPECT_EQ(created_, 2u);
 }
 
-TEST_F(VnicMigrationTaskTest, AResultThatNobodyCanReadHindersNothing) {
+TEST_F(VnicMigrationTaskTest, AnUnreadableResultFileDoesNotPreventAMigration) {
   for (const char* result : {"{", "[]", "{\"result\": {\"a\": 1}}", "\xff"}) {
     directory_.Write("result", result);
     directory_.Write("vms", R"({"request_id": "r1", "migrate_to_ndvs": true, "host_switches": []})");

@@ -203,7 +203,7 @@ std::string WaitFor(const std::function<bool()>& there) {
 
 // Without any call, a script that dies is reported down at once and started again, even when it refuses the
 // login.
-TEST_F(LumHandlerTest, AScriptThatDiesUnaskedIsDownAtOnceAndComesAgainByItself) {
+TEST_F(LumHandlerTest, AScriptThatDiesBetweenCallsIsReportedDownAndRestarted) {
   EXPECT_EQ(Run([](test::LogCapture& log, LumSettings settings, std::string*) {
               std::mutex mutex;
               std::string told;

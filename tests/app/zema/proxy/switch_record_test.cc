@@ -158,7 +158,7 @@ TEST(LumReplyTest, OkLists) {
   for (const auto& row : rows) EXPECT_EQ(ParseOkList(row.reply, row.keep_empty), row.list) << row.reply;
 }
 
-TEST(LumReplyTest, ZoneMappingSkipsWhatHasNotThreeMembers) {
+TEST(LumReplyTest, ZoneMappingSkipsEntriesWithoutThreeMembers) {
   size_t skipped = 0;
   const auto mapping = ParseTzToDvs("ok|z1:50 2e:KLN|bad|z2:d2:NVS:more|z3:d3:NVS", &skipped);
   ASSERT_TRUE(mapping);

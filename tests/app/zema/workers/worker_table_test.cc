@@ -105,7 +105,7 @@ TEST_F(WorkerTableTest, StopsAllBeforeJoiningAny) {
   EXPECT_FALSE(table_.AddTask(Worker::kLogicalSwitch, MakeTask(journal_, "late")));
 }
 
-TEST_F(WorkerTableTest, FailedStartLeavesWhatRuns) {
+TEST_F(WorkerTableTest, AFailedStartLeavesTheStartedWorkersRunning) {
   fail_database_ = true;
   EXPECT_EQ(table_.StartTaskThreads(), -1);
   EXPECT_TRUE(capture_.Contains(
@@ -124,7 +124,7 @@ TEST_F(WorkerTableTest, ShutDownStartsNothing) {
   EXPECT_TRUE(capture_.Contains("[StartTaskThreads] Agent is shutting down, skip StartTaskThreads"));
 }
 
-TEST_F(WorkerTableTest, TasksForAMissingWorkerAreToldAndDestroyed) {
+TEST_F(WorkerTableTest, TasksForAMissingWorkerAreLoggedAndDestroyed) {
   std::string error;
   EXPECT_FALSE(AddHostConfigTask(table_, MakeTask(journal_, "host"), &error));
   EXPECT_EQ(error, "HostConfigTask is ignored because of no HostConfig thread.");
