@@ -11,7 +11,7 @@ class HostConfigMsg;
 
 namespace zem::zema {
 
-/// The modules of this process that want to see each host configuration in force.
+/// The callbacks of modules in this process that need to see each host configuration in force.
 ///
 /// Threads: all operations from any thread; the callbacks run in the caller's, without a lock held.
 class HostConfigCallbacks {

@@ -12,9 +12,9 @@ class IOService;
 class Realization;
 struct VifRequest;
 
-/// The detach of a VIF that the manager has removed.
+/// The request to detach a VIF that the manager has removed.
 std::shared_ptr<VifRequest> DetachRequestOf(const orlane::zem::switching::VifAttachmentMsg& vif);
-/// The restore of a port that the manager wants back.
+/// The request to restore the port that a VIF had.
 std::shared_ptr<VifRequest> RestoreRequestOf(const orlane::zem::switching::VifAttachmentMsg& vif);
 
 /// The manager's requests on a hypervisor host, carried out by the current realization.

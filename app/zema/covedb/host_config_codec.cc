@@ -52,7 +52,7 @@ std::optional<int> FromStore(const EnumRule& rule, int stored) {
   return std::nullopt;
 }
 
-// For messages that are the same in both families, field by field.
+// Converts messages that have the same fields in both families, field by field.
 template <class In, class Out>
 void CopyMessage(const In& in, Out* out) {
   out->ParsePartialFromString(in.SerializePartialAsString());

@@ -288,8 +288,8 @@ void HostConfigTaskQub::Persist() {
     context_->host.SetHostId(message_.transport_node_id());
     context_->follow_ups.UpdateTnUuidInFile(message_.transport_node_id());
     context_->state.del_zem_running = false;
-    // A node that was removed and comes again over the same registration gets no other sign to watch the
-    // store.
+    // A node that was removed and is added again over the same registration gets no other signal to monitor
+    // the store.
     if (context_->store != nullptr) context_->store->ResumeMonitors();
   } else {
     RemoveNode();
@@ -388,7 +388,7 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
     if (context_->store != nullptr) context_->store->FlushDesiredConfig();
   };
   InterfaceMigration migration(context_->lum, errors_, context_->migration, std::move(settings));
-  // What the host itself asks for has no moves of its own, but resources to bring to safety.
+  // A removal requested by the host itself has no moves of its own, but resources that must be saved first.
   if ((reset || !IsSecurityOnlyMigration(message_)) &&
       !migration.PrepareAndMigrate(&message_, &migration_map_, &stateless.migrate_nvs_knls, reset)) {
     return Switches::kNotReached;
@@ -454,7 +454,8 @@ bool HostConfigTaskQub::ReadSwitches(bool reset, std::vector<HostDvs>* switches)
   return true;
 }
 
-// A router port that could not be disconnected has gone with its switch.
+// Removes the errors of router ports that could not be disconnected but have gone together with their
+// switches.
 void HostConfigTaskQub::ForgiveRoutersOfLeft(const std::vector<HostDvs>& before) {
   if (errors_.texts().empty()) return;
   std::string error;

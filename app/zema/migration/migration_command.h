@@ -41,7 +41,7 @@ struct MigrateToLsParts {
 std::optional<MigrateToLsParts> BuildMigrateToLs(const KnlMigration& migration,
                                                  const std::vector<std::string>& pairs, std::string* error);
 
-/// A move into a switch that did not succeed.
+/// The host's report of a failed move into a switch.
 struct MigrateToLsFailure {
   std::vector<std::string> vteps;
   std::string error;

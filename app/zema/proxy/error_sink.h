@@ -18,7 +18,7 @@ class ErrorSink {
   static constexpr uint32_t kGeneral = 8700;
   static constexpr uint32_t kPnicUsedByManagement = 8701;
   static constexpr uint32_t kTransportNodeIdNotSet = 8702;
-  /// A router port stayed connected.
+  /// A router port could not be disconnected.
   static constexpr uint32_t kRouterPort = 8703;
   /// A switch did not report its state.
   static constexpr uint32_t kSwitchStatus = 44302;

@@ -17,7 +17,7 @@ namespace zem::zema {
 
 /// Options with which the script is started.
 struct LumOptions {
-  /// Tries to find the child's process id (`lum.maxRetryZemaLumReady`).
+  /// How often the handler tries to find the child's process id (`lum.maxRetryZemaLumReady`).
   int pid_tries = 60;
   /// `zema.logLevel`; "info", "unset" and nothing keep the script's own level.
   std::string log_level = "info";

@@ -14,7 +14,6 @@ struct HostConfigState {
   std::atomic<bool> del_zem_running{false};
   /// The last configuration had a switch whose kind the agent had to set: the switch's status follows the
   /// realization's health.
-  /// realization's health.
   std::atomic<bool> kln_follows_health{false};
   /// The manager does not want reports about VIFs at run time.
   std::atomic<bool> runtime_updates_disabled{false};

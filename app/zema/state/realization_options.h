@@ -36,7 +36,7 @@ struct RealizationOptions {
 
   /// Never below 25.
   int vif_operation_timeout = 25;
-  /// 0: acknowledgements go out one by one.
+  /// With 0, each acknowledgement is sent on its own.
   int ls_ack_batch_interval = 0;
   int ls_incoming_wait_in_batch = 0;
   int ls_msg_batch_interval = 60;
