@@ -215,8 +215,8 @@ void CoveDbHandler::ConfigureMonitors() {
       WeakCall(
           weak_from_this(), [](CoveDbHandler& handler) { handler.OnBarrier(); }, [] {}),
       covedb::kDefaultVDb);
-  // While the store is away, the next connection enables the sessions.  Enabling them once is enough: each
-  // time, the store first sends all objects.
+  // While the store is away, the next connection enables the sessions.  Enabling them once is enough, because
+  // the store begins each connection with all objects.
   if (!enabled) enabled = client.EnableMonitorSessionCreation();
   const bool configured = Configure(true);
   if (configured) {

@@ -16,8 +16,8 @@ constexpr LogSource kLog{"tarvik", "zema"};
 constexpr std::string_view kOk = "ok|";
 constexpr char kYes = '1';
 
-// Returns nothing when the host does not answer.  An unknown flag must not be treated as one that is not set,
-// because the host's plugin is sent the command to drop its flags when they are not set.
+// Returns nothing when the host does not answer.  An unknown flag must not count as one that is not set:
+// where the flags are not set, the host's plugin gets the command to drop them.
 std::optional<bool> IsSet(LumCommands& lum, const char* command, ErrorSink& errors) {
   std::string reply;
   const bool set = lum.InvokeCommand(command, "ok", &reply) == LumCommands::kSucceeded;
