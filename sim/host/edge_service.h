@@ -13,33 +13,34 @@
 
 namespace zem::sim {
 
-/// The edge's own service: takes the edge into maintenance mode and out of it, one HTTP request per
-/// connection.  It keeps the mode, and notes each request that breaks HTTP or that it does not know.
+/// The edge's own service: puts the edge into maintenance mode and takes it out again, one HTTP request per
+/// connection.  It keeps the mode and records each request that is not valid HTTP or that it does not know.
 ///
-/// Threads: Start and Stop by one, the rest from any; connections are served one after the other.
+/// Threads: `Start` and `Stop` by one thread, the rest from any; connections are served one after another.
 class EdgeService {
  public:
   static constexpr uint16_t kPort = 7441;
 
-  /// `port` 0: any free one.  Throws std::system_error.
+  /// `port` 0 takes any free port.  Throws std::system_error.
   explicit EdgeService(uint16_t port = kPort);
   ~EdgeService();
   EdgeService(const EdgeService&) = delete;
   EdgeService& operator=(const EdgeService&) = delete;
 
-  /// Closes the socket and its connection, or listens again on the same port.  Again is harmless.
+  /// Closes the socket and its connection, or listens again on the same port.  Calling it twice has no
+  /// effect.
   void Stop();
   void Start();
 
-  /// What happens to a request instead of the usual answer; but for kStatus, the mode has changed then.
+  /// What a request gets instead of the usual answer.  The mode has changed by then, except for kStatus.
   struct Fault {
     enum class Kind {
-      kStatus,  ///< refused with `status`
-      kBody,    ///< `text` as body
-      kRaw,     ///< `text` and nothing else
-      kHold,    ///< the same, and the connection stays
-      kClose,   ///< the connection ends without an answer
-      kNever,   ///< silence, as long as the other side waits
+      kStatus,  ///< answers with `text` as the body
+      kBody,    ///< sends `text` and nothing else
+      kRaw,     ///< sends `text` and keeps the connection open
+      kHold,    ///< closes the connection without an answer
+      kClose,   ///< never answers
+      kNever,   ///< sends the usual answer after `delay`
       kLate,    ///< the usual answer, `delay` later
     };
     Kind kind = Kind::kClose;
@@ -47,14 +48,14 @@ class EdgeService {
     std::string text;
     Duration delay{0};
   };
-  /// For the next requests, in order.
+  /// The faults for the next requests, in order.
   void Add(const Fault& fault, int count = 1);
 
   struct State {
     uint16_t port = 0;
     bool listening = false;
     bool maintenance = false;
-    /// Headers and body, as they came.
+    /// Headers and body, as received.
     std::vector<std::string> requests;
     std::vector<std::string> violations;
   };
