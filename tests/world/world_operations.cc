@@ -402,7 +402,7 @@ void WorldLife::ToggleSecurityPort() {
 
 void WorldLife::RestartAgent() {
   running_ = false;
-  // Work that it has not begun no longer belongs to it.
+  // A migration that the stopped agent had not begun is dropped, so no outcome of it is expected.
   file_migration_.clear();
   node_.StopAgent();
   node_.clock.RunFor(std::chrono::milliseconds(Pick(60'000)));
