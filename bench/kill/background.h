@@ -15,7 +15,7 @@ namespace zem::bench {
 /// Threads: one owner.
 class Background {
  public:
-  /// What the work gets to use.
+  /// The node as the work may use it.
   class Node {
    public:
     virtual ~Node() = default;

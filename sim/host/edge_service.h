@@ -32,7 +32,7 @@ class EdgeService {
   void Stop();
   void Start();
 
-  /// What a request gets instead of the usual answer.  The mode has changed by then, except for kStatus.
+  /// Replaces the usual answer to a request.  The mode has changed by then, except for kStatus.
   struct Fault {
     enum class Kind {
       kStatus,  ///< answers with `text` as the body

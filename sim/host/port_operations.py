@@ -1,5 +1,5 @@
-"""Port operations in the middle of a move of interfaces: the host's management tells its daemon which vNICs move, and the
-daemon asks for their ports with the move's own id.  The move waits for the answers, since the agent has to leave the
+"""Port operations in the middle of a move of interfaces: the host's management names the moving vNICs to its daemon, and
+the daemon requests their ports with the move's own id.  The move waits for the answers, since the agent has to leave the
 ports of a move to the move itself.
 """
 

@@ -14,7 +14,7 @@ class io_context;
 
 namespace zem::sim {
 
-/// What a raw connection received.
+/// The result of an exchange over a raw connection.
 struct RawExchange {
   /// Empty, or why connecting or writing failed.
   std::string error;

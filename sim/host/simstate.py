@@ -1,9 +1,9 @@
 """The state of the simulated host: one file tree, which the switch libraries and the node's commands share.
 
 Root: ZEM_SIM_ROOT (default /var/run/orlane/sim).  "switch" below it is the kernel's part (switches, ports, endpoints),
-"host" is the state of the host's management: physical NICs, interfaces and flags; VMs and opaque networks are in journals
-of their own.  Every change is made under a lock on "<root>/lock"; a file is written under another name and renamed, so that
-a reader never sees half of one, and a process that dies in the middle leaves the previous state.
+"host" is the state of the host's management: physical NICs, interfaces and flags; VMs and opaque networks are in
+journals of their own.  Every change is made under a lock on "<root>/lock"; a file is written under another name and
+renamed, so that a reader never sees half of one, and a process that dies in the middle leaves the previous state.
 
 As a program it makes a host:  simstate.py init [--pnics vmnic0,vmnic1] [--ifs knl0=management,knl1=other]
 """

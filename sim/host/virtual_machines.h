@@ -34,7 +34,7 @@ struct VmStep {
   uint32_t status = 0;
   std::string text;
   int64_t took_us = 0;
-  /// What was wrong; empty when all was as it has to be.
+  /// The first error found; empty when there was none.
   std::string problem;
 
   bool good() const { return answered && status == 0 && problem.empty(); }
