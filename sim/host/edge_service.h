@@ -35,13 +35,13 @@ class EdgeService {
   /// Replaces the usual answer to a request.  The mode has changed by then, except for kStatus.
   struct Fault {
     enum class Kind {
-      kStatus,  ///< answers with `text` as the body
-      kBody,    ///< sends `text` and nothing else
-      kRaw,     ///< sends `text` and keeps the connection open
-      kHold,    ///< closes the connection without an answer
-      kClose,   ///< never answers
-      kNever,   ///< sends the usual answer after `delay`
-      kLate,    ///< the usual answer, `delay` later
+      kStatus,  ///< refuses with the HTTP status `status`; the mode stays
+      kBody,    ///< answers with `text` as the body
+      kRaw,     ///< sends `text` and nothing else
+      kHold,    ///< sends `text` and keeps the connection open
+      kClose,   ///< closes the connection without an answer
+      kNever,   ///< never answers
+      kLate,    ///< sends the usual answer after `delay`
     };
     Kind kind = Kind::kClose;
     unsigned status = 500;
