@@ -6,7 +6,8 @@
 
 namespace zem::bench {
 
-/// The folder of the build that this benchmark is of: "build/PRESET", with the benchmark in "bench/NAME".
+/// The folder of the build to which this benchmark belongs: "build/PRESET", if the benchmark is in
+/// "bench/NAME".
 inline std::string BuildFolder() {
   char path[4096];
   const ssize_t size = ::readlink("/proc/self/exe", path, sizeof(path));

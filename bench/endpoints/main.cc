@@ -38,12 +38,12 @@ namespace {
 
 namespace switching = orlane::zem::switching;
 
-// Ours and the peer in turn; each figure's best.
+// Rounds of ours and the peer alternate; each figure is the best.
 constexpr int kPasses = 4;
 constexpr int kRounds = 40;
 constexpr int kLateRounds = 10;
 constexpr int kEndpoints = 16;
-/// Questions before an address is there.
+/// Number of questions before an address is available.
 constexpr int kPolls = 2;
 constexpr const char* kDvs = "50 2e 6b 1a 77 c0 41 aa-9d 11 00 00 00 00 00 01";
 constexpr const char* kName = "ks-1";
@@ -71,7 +71,7 @@ Call Text(const std::string& command) {
   return {static_cast<uint32_t>(zema::LumOperation::kTextCommand), command};
 }
 
-// The manager, who only counts.
+// Stands in for the manager and only counts.
 class Manager final : public zema::MpaMessageSender {
  public:
   using Text = const std::string&;
@@ -104,7 +104,7 @@ class Manager final : public zema::MpaMessageSender {
   int addresses = 0;
 };
 
-// Seconds; a sandbox's body leaves them in shared memory.
+// In seconds; a sandbox's body passes them on in shared memory.
 struct Figures {
   double ours = std::numeric_limits<double>::max();
   double peer = std::numeric_limits<double>::max();
@@ -125,7 +125,7 @@ void Require(bool condition, const std::string& what) {
   if (!condition) throw std::runtime_error(what);
 }
 
-// The agent's tasks, without the times between them, which are the product's choice.
+// Runs the agent's tasks without the waits between them, which are a choice of the product.
 class Agent final : public zema::TaskQueues {
  public:
   Agent(zema::LumHandler& lum, zema::EndpointLibrary& library) {
@@ -174,7 +174,7 @@ class Agent final : public zema::TaskQueues {
  private:
   void RunQueue() {
     for (size_t i = 0; i < queue_.size(); ++i) {
-      const auto task = std::move(queue_[i]);  // it may put another one behind
+      const auto task = std::move(queue_[i]);  // running it may append another task
       task->Run();
     }
     queue_.clear();
@@ -258,7 +258,7 @@ int Measure(Results* results) {
     std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/ps", "/usr/local/bin/ps");
     ::setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
     Logger::logLevel = static_cast<uint32_t>(kLogInfo);
-    // There is no syslog here; the lines are made and go nowhere.
+    // There is no syslog here; log lines are formatted and discarded.
     Logger::SetEmitter([](int, const char*) {});
     if (!Tarvik::OpenShutdownPipe()) return 1;
     zema::LumSettings settings;

@@ -1,5 +1,5 @@
-// How much of a host configuration's time is the agent's own: the whole road, from the manager's request to
-// its answer, against what the management script and the host's libraries took in it.
+// Measures the agent's own share of a host configuration's time: the whole road, from the manager's request
+// to its answer, against the part that the management script and the host's libraries took.
 //
 // bench_host-config [COUNT]
 
@@ -24,11 +24,11 @@ constexpr int kWarmUp = 5;
 constexpr double kLimitMs = 5;
 constexpr double kLimitShare = 0.10;
 
-// What a host's own management interface takes for one command; the simulated one alone answers in a tenth of
-// a millisecond, which no host does.
+// The least time that a host's real management interface takes for one command.  The simulated one answers in
+// a tenth of a millisecond, which no host does.
 constexpr const char* kHostDelay = "0.005";
 
-// One switch; its MTU and its endpoints change from one to the next.
+// One switch; its MTU and its endpoints differ from one configuration to the next.
 std::string Message(int revision) {
   const bool odd = revision % 2 != 0;
   const std::string mtu = odd ? "1700" : "9000";
@@ -54,7 +54,7 @@ double Median(const std::vector<Road>& roads, double Road::*part) {
   return values[values.size() / 2];
 }
 
-// Numbers of what is better when it is small.
+// Figures for which smaller is better.
 void Line(const char* name, const char* metric, double ours, double peer) {
   std::printf("host-config %s %s ours=%.3f peer=%.3f ratio=%.3f\n", name, metric, ours, peer,
               ours > 0 ? peer / ours : 0);

@@ -14,8 +14,8 @@ constexpr double kMicro = 1e-6;
 
 using sim::NumberAt;
 
-// The script works from the moment a request has come until it waits for the next: what it writes down behind
-// an answer is its own time, not that of who asks next.
+// The script works from the arrival of a request until it waits for the next one.  What it writes after an
+// answer is its own time, not that of the next request.
 std::vector<Span> ProxySpans(const cJSON* frames, double end) {
   std::vector<Span> spans;
   const int count = cJSON_GetArraySize(frames);
@@ -24,7 +24,7 @@ std::vector<Span> ProxySpans(const cJSON* frames, double end) {
     const double until = i + 1 < count ? NumberAt(cJSON_GetArrayItem(frames, i + 1), "waited") : end;
     spans.push_back({NumberAt(frame, "in"), until});
   }
-  // Behind the last answer of the road the agent works on, whatever the script does.
+  // After the last answer of the road, the agent works on whatever the script does.
   for (size_t i = spans.size(); i-- > 0;) {
     if (spans[i].begin > end) continue;
     spans[i].end = NumberAt(cJSON_GetArrayItem(frames, static_cast<int>(i)), "out");

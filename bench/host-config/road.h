@@ -11,13 +11,13 @@ class NodeProcess;
 
 namespace zem::bench {
 
-/// A stretch of time in which one of the others worked, in seconds of the machine's monotonic clock.
+/// A period in which the script or a library worked, in seconds of the machine's monotonic clock.
 struct Span {
   double begin;
   double end;
 };
 
-/// How long `spans` cover of [begin, end], what they have in common counted once.
+/// How much of [begin, end] the `spans` cover, in seconds; overlaps count once.
 double Covered(std::vector<Span> spans, double begin, double end);
 
 /// One configuration, from the manager's request to its answer.
@@ -30,8 +30,8 @@ struct Road {
   int calls = 0;
 };
 
-/// Sends a configuration and finds out who worked when.  Errors: std::runtime_error, also when the answer is
-/// not "0".
+/// Sends a configuration and determines which part worked when.  Errors: std::runtime_error, also when the
+/// answer is not "0".
 Road Measure(sim::NodeProcess& node, const std::string& message);
 
 }  // namespace zem::bench

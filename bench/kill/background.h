@@ -9,30 +9,30 @@
 
 namespace zem::bench {
 
-/// What a peer asks for and waits for while the daemon is killed: it runs on a thread and a connection of its
-/// own.
+/// A peer's request and the wait for its outcome while the daemon is killed; it has a thread and a connection
+/// of its own.
 ///
 /// Threads: one owner.
 class Background {
  public:
-  /// What the work uses.
+  /// The node as the work may use it.
   class Node {
    public:
     virtual ~Node() = default;
-    /// Empty when it was done, else the reason.
+    /// Returns an empty text when the command was carried out, otherwise the reason.
     virtual std::string Try(const std::string& command, sim::Json* result = nullptr) = 0;
-    /// Again and again until `good(result)`; the reason when it was cancelled before.
+    /// Repeats the command until `good(result)`; returns the reason when it was cancelled first.
     virtual std::string Until(const std::string& command, const std::function<bool(const cJSON*)>& good) = 0;
   };
-  /// Empty when it was done, else the reason.
+  /// The work: returns an empty text when it was done, otherwise the reason.
   using Work = std::function<std::string(Node&)>;
 
-  /// `directory`: the node's.
+  /// `directory`: the node's folder.
   Background(const std::string& directory, Work work);
   ~Background();
 
   bool done() const { return done_; }
-  /// Ends its waits, and gives what has become of it.
+  /// Cancels the waits and returns the outcome.
   std::string End();
 
  private:

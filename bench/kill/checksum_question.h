@@ -11,7 +11,7 @@ class NodeProcess;
 
 namespace zem::bench {
 
-/// Asks the daemon of a node, as the manager, for the checksum of the configuration that it holds.
+/// Asks the daemon of a node, in the manager's place, for the checksum of the configuration that it holds.
 ///
 /// Threads: one.
 class ChecksumQuestion {
@@ -19,14 +19,15 @@ class ChecksumQuestion {
   /// `node` has to outlive the object.
   ChecksumQuestion(sim::NodeProcess& node, std::string node_id);
 
-  /// Empty: it holds none.  A question is repeated after `again`, since nobody hears it before the daemon is
-  /// connected; std::runtime_error when none is answered within `patience`.
+  /// Returns an empty text when the daemon holds none.  The question is repeated after `again`, since it is
+  /// lost while the daemon is not connected; throws std::runtime_error when no answer arrives within
+  /// `patience`.
   std::string Ask(Duration again, Duration patience);
 
  private:
   sim::NodeProcess& node_;
   const std::string node_id_;
-  uint64_t received_ = 0;  // of the messages that the manager has got
+  uint64_t received_ = 0;  // messages that the manager has received so far
 };
 
 }  // namespace zem::bench

@@ -18,7 +18,7 @@ using sim::NumberAt;
 using sim::TextAt;
 
 constexpr auto kLook = std::chrono::milliseconds(3);
-// Follow-ups of an operation come within some seconds of the node's time.
+// The follow-ups of an operation take some seconds of the node's time.
 constexpr auto kCalm = std::chrono::milliseconds(300);
 constexpr auto kLongestOperation = std::chrono::seconds(20);
 constexpr int kLogLines = 3000;
@@ -44,7 +44,7 @@ Shape WithInterface(Shape::Interface interface) {
   return shape;
 }
 
-// Configured, with a VM that must not lose its ports.
+// The start state: configured, with a VM that must keep its ports.
 void Base(SweepNode& node) {
   node.HaveInterface(false);
   node.BeConfigured({});
@@ -123,7 +123,7 @@ const std::vector<KillSweep::Operation>& KillSweep::Operations() {
        [](Node n) {
          BaseWithVm(n);
          n.HaveInterface(true);
-         // What the manager says last leaves the interface to the tool.
+         // The manager's last configuration leaves the interface where the tool put it.
          n.BeConfigured({});
        },
        [](Node n) { n.MigrateByFile(false); }},
@@ -255,7 +255,7 @@ void KillSweep::RunOperation(const Operation& operation, Row* row) {
   }
 }
 
-// The operation as it goes when nobody dies.
+// Runs the operation without a kill.
 uint32_t KillSweep::CountSteps(const Operation& operation) {
   SweepNode& node = Node();
   operation.prepare(node);
@@ -277,7 +277,7 @@ uint32_t KillSweep::CountSteps(const Operation& operation) {
   return count;
 }
 
-// False when what goes on was over, and the daemon served, before it died.
+// Returns false when the operation was over, and the daemon served again, before it was killed.
 bool KillSweep::AwaitDeath() {
   sim::NodeProcess& node = node_->node();
   const TimePoint begin = Clock::Process().Now();
@@ -351,7 +351,7 @@ void KillSweep::Report(const Operation& operation, const Kill& kill, const std::
       std::printf("  no log: %s\n", error.what());
     }
   }
-  // What is wrong with it would be found again and again.
+  // Start again with a new node, because a damaged one would fail every following check.
   node_.reset();
 }
 

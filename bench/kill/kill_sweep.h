@@ -12,33 +12,33 @@ namespace zem::bench {
 
 class SweepNode;
 
-/// Kills the daemon at every step of every kind of operation, and at steps of its recovery, and checks each
-/// time what becomes of the node.  Prints a row per operation and what is needed to repeat each failure.
+/// Kills the daemon at every step of every kind of operation, and at steps of its recovery, and checks the
+/// node each time.  Prints a row per operation, and for each failure the command that repeats it.
 ///
 /// Threads: one owner.
 class KillSweep {
  public:
   struct Options {
-    /// Names; empty: all.
+    /// Names of operations; empty: all.
     std::vector<std::string> operations;
     uint32_t from = 1;
-    /// 0: the last step.
+    /// 0: up to the last step.
     uint32_t to = 0;
     uint32_t every = 1;
     bool before = true;
     bool after = true;
-    /// Every so many kills there is a second one in the recovery; 0: never.
+    /// One in this many kills is followed by a second one in the recovery; 0: none.
     uint32_t second_every = 4;
-    /// The step of the recovery at which all second kills are; 0: any.
+    /// The step of the recovery for all second kills; 0: any.
     uint32_t second_at = 0;
     double seconds = 1e9;
     uint64_t seed = 1;
     int clock_factor = 20;
-    /// Prints the steps of each operation.
+    /// Print the steps of each operation.
     bool list = false;
-    /// Prints each kill.
+    /// Print each kill.
     bool verbose = false;
-    /// A folder for the daemon's log of each failure; empty: none.
+    /// Folder for the daemon's log of each failure; empty: none.
     std::string logs = "";
   };
 
@@ -47,7 +47,7 @@ class KillSweep {
   explicit KillSweep(Options options);
   ~KillSweep();
 
-  /// How many checks failed.
+  /// Number of failed checks.
   int Run();
 
  private:

@@ -1,6 +1,6 @@
-// Kills the daemon at random moments, and looks each time whether the node becomes again what it has to be:
-// while configurations and logical switches come in, what the manager and the store last said; while VMs
-// come, move and go ("vifs"), what the host and the manager have of them.
+// Kills the daemon at random moments and checks each time whether the node returns to the desired state:
+// while configurations and logical switches arrive, the last state sent by the manager and the store; while
+// VMs come, move and go ("vifs"), an agreement between the host and the manager.
 //
 // bench_kill [vifs] [ROUNDS] [--seconds N] [--seed N]
 //
@@ -29,9 +29,9 @@ namespace {
 constexpr int kRounds = 100;
 constexpr int kConfigsPerRound = 2;
 constexpr int kSwitchesPerRound = 20;
-// A little longer than a configuration takes, so that kills fall into all of its steps and behind it.
+// A little longer than a configuration takes, so that kills fall into all of its steps and after it.
 constexpr int kLongestLifeMs = 60;
-// Some operations of each VM.
+// Long enough for some operations of each VM.
 constexpr int kLongestVifLifeMs = 1000;
 constexpr int kLongestStartMs = 2500;
 
@@ -95,7 +95,7 @@ void RunVifs(const Limits& limits, int* round) {
     for (uint64_t i = 1 + random() % 3; i > 0; --i) stream.ActAlone();
     stream.Start();
     if (random() % 4 == 0) {
-      // Again, in the middle of its start, its first resync, or what the host asks anew.
+      // A second kill, in the middle of the start, the first resync, or the requests that the host repeats.
       SleepUpTo(random, kLongestStartMs);
       Kill(node);
       stream.Start();

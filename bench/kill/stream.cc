@@ -22,7 +22,7 @@ std::string ConfigId(int number) {
 
 std::string Switch(int number, int config) {
   const std::string n = std::to_string(number);
-  // Endpoints come and go, and so does the second physical NIC.
+  // Endpoints are added and removed, and so is the second physical NIC.
   std::string text = "host_switches { id: \"502e6b1a-77c0-41aa-9d11-00000000000" + n + "\" name: \"ks-" + n +
                      "\" type: 2 mtu: " + std::to_string(1500 + config % 4 * 100) +
                      " transport_zone_id: \"a0000000-0000-4000-8000-0000000000a" + n + "\" overlay: true" +
@@ -48,7 +48,7 @@ Stream::Stream(sim::NodeProcess& node) : node_(node), checksum_(node, kNode) {}
 std::string Stream::ConfigText(int number) const {
   std::string text = "id: \"" + ConfigId(number) + "\" revision: \"" + std::to_string(number) +
                      "\" transport_node_id: \"" + kNode + "\" phase: PHASE2_COMBINED " + Switch(1, number);
-  // The second switch leaves and comes back.
+  // The second switch is removed and added again.
   if (number % 5 != 0) text += " " + Switch(2, number);
   return text;
 }
@@ -67,7 +67,7 @@ void Stream::PutSwitches(int count) {
 }
 
 void Stream::CheckFiles() {
-  // A torn file would not be told by the checksum of a good one beside it.
+  // The file itself is checked too: the checksum of a good one beside it would hide a torn file.
   const Json files = node_.Do("file/list /etc/orlane/zema");
   const cJSON* each = nullptr;
   cJSON_ArrayForEach(each, files.get()) {
@@ -89,7 +89,7 @@ void Stream::CheckConvergence() {
   if (config_ > 0 && back < 0 && !stored.empty())
     throw std::runtime_error("the stored file is none that was sent");
   if (back >= 0) {
-    // Finished at the start if it was half done.
+    // A configuration that was half done is finished at the start.
     node_.Await("diff " + std::to_string(back), kPatience,
                 [](const cJSON* diff) { return NumberAt(diff, "count") == 0; });
   }

@@ -8,26 +8,27 @@
 
 namespace zem::bench {
 
-/// What the manager and the store say, and whether the node has become it: configurations that differ in
-/// switches, endpoints and MTU, and logical switches in batches with a barrier.
+/// Sends what the manager and the store send, and checks whether the node follows: configurations that differ
+/// in switches, endpoints and MTU, and logical switches in batches with a barrier.
 ///
 /// Threads: one.
-/// Errors: std::runtime_error with what did not hold.
+/// Errors: std::runtime_error with the check that failed.
 class Stream {
  public:
   explicit Stream(sim::NodeProcess& node);
 
-  /// The next of each, without waiting for what becomes of it.
+  /// Sends the next of each, without waiting for the outcome.
   void SendConfig();
   void PutSwitches(int count);
 
-  /// After a start of the daemon: the host, the stored file and the store agree on a configuration that was
-  /// sent; then the last one is sent again if it is another, as the manager does, and all agree on it.
+  /// After a start of the daemon: checks that the host, the stored file and the store agree on a
+  /// configuration that was sent.  If it is not the last one, sends that again, as the manager does, and
+  /// checks that all agree on it.
   void CheckConvergence();
 
   int configs() const { return config_; }
   int switches() const { return switches_; }
-  /// How often the host had a configuration before the last when the daemon was back.
+  /// How often the host had an earlier configuration than the last when the daemon was back.
   int resent() const { return resent_; }
 
  private:

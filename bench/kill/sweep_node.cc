@@ -1,5 +1,5 @@
-// The node of the sweep: how it gets into a state, and what has to be true of it at quiet.  What operations
-// do is in sweep_operations.cc.
+// The node of the sweep: how it gets into a state, and what must be true of it at quiet.  The operations are
+// in sweep_operations.cc.
 
 #include "bench/kill/sweep_node.h"
 
@@ -176,7 +176,7 @@ void SweepNode::AwaitServing() {
 
 void SweepNode::Settle() {
   AwaitServing();
-  // What the manager asks again is judged with the checksum.
+  // Whether the manager repeats a configuration is decided with the checksum (SettleConfig).
   for (Running& each : std::exchange(running_, {})) each.finish(each.work->End());
   SettleConfig();
   const TimePoint limit = Clock::Process().Now() + kPatience;
@@ -186,7 +186,7 @@ void SweepNode::Settle() {
   }
   CheckBystander();
   CheckPerformance();
-  // They are read in each round.
+  // Each round reads the logs, so they are cleared.
   node_.Do("switch/clear-logs");
 }
 
@@ -198,7 +198,7 @@ void SweepNode::AwaitClean() {
               [](const cJSON* result) { return NumberAt(result, "networks") == 0; });
 }
 
-// What the checksum says has to be what the host has, before anybody asks again.
+// The host has to match the checksum before any request is repeated.
 void SweepNode::SettleConfig() {
   if (sent_.empty()) return;
   const std::string stored = StoredChecksum();
@@ -246,7 +246,7 @@ std::string SweepNode::HostDisagreement() {
   const Json files = node_.Do("file/list /etc/orlane/zema");
   cJSON_ArrayForEach(each, files.get()) {
     const std::string name = each->valuestring;
-    // A draft is written anew with the next file.
+    // A draft is overwritten when the file is written next.
     if (name.ends_with(".tmp") || (name == "host_config.bin" && configured_)) continue;
     if (name == "host_config_mmode.bin" && configured_) continue;
     return "left over: " + name;
@@ -282,7 +282,7 @@ std::string SweepNode::PeersDisagreement() {
   const Json check = node_.Do("vm check");
   const cJSON* line = nullptr;
   cJSON_ArrayForEach(line, sim::At(check.get(), "lines")) {
-    // The VM of the port group is none of the host's list.
+    // The VM of the port group is not in the host's list.
     if (std::string(line->valuestring).find("vif-s") == std::string::npos)
       return std::string("VMs: ") + line->valuestring;
   }
@@ -296,7 +296,7 @@ std::string SweepNode::PeersDisagreement() {
   return {};
 }
 
-// Behind each port of it lies the network of a VM that runs.
+// The bystander VM has to run, with its network behind each of its ports.
 void SweepNode::CheckBystander() {
   const Json still = node_.Do("vm show still");
   for (const char* const device : {"eth0", "eth1"}) {
@@ -314,7 +314,7 @@ void SweepNode::CheckBystander() {
   }
 }
 
-// What waits for the host's maintenance is said on the switch, and is carried out when that comes.
+// Settings that wait for the host's maintenance mode are reported on the switch, and applied when it comes.
 void SweepNode::CheckPerformance() {
   if (!std::exchange(performance_waits_, false)) return;
   const auto waits = [](const cJSON* switches) {

@@ -17,7 +17,7 @@ inline constexpr const char* kNodeId = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
 
 inline constexpr const char* kSecondSwitch = "50 2e 6b 1a 77 c0 41 aa-9d 11 00 00 00 00 00 02";
 
-/// What a host configuration of the sweep says.
+/// The contents of a host configuration of the sweep.
 struct Shape {
   enum class Interface { kStays, kIn, kOut };
 
@@ -26,48 +26,48 @@ struct Shape {
   bool two_uplinks = false;
   bool third_switch = false;
   bool second_router = false;
-  /// Settings that wait for the host to be in maintenance.
+  /// Settings that are applied only while the host is in maintenance mode.
   bool performance = false;
-  /// What becomes of the management interface.
+  /// The destination of the management interface.
   Interface interface = Interface::kStays;
 
   bool operator==(const Shape&) const = default;
 };
 
-/// A node, and what its peers want of it: the manager a configuration or none, the store its logical
-/// switches, the host its VMs.  An operation, or several, is under way when the daemon dies; afterwards the
-/// peers do what such peers do (they ask again for what was not answered), and all have to agree.
+/// A node and what its peers want of it: the manager a configuration or none, the store its logical switches,
+/// the host its VMs.  One or several operations are in progress when the daemon is killed.  Afterwards the
+/// peers behave as real ones do and repeat unanswered requests, and in the end all have to agree.
 ///
 /// Threads: one.
-/// Errors: std::runtime_error with what did not hold.
+/// Errors: std::runtime_error with the check that failed.
 class SweepNode {
  public:
   explicit SweepNode(int clock_factor);
 
   sim::NodeProcess& node() { return node_; }
 
-  // What an operation begins with.  Each waits until it is so.
+  // The states in which operations begin.  Each function waits until the state is reached.
   void BeConfigured(const Shape& shape);
   void BeRemoved();
   void LeaveMaintenance();
-  /// The VM that operations change runs here, in network `ls`, or does not run.
+  /// The VM that operations change runs here, in network `ls`, or is off.
   void HaveVm(bool on, const std::string& ls = "web");
-  /// It runs on another host.
+  /// The VM runs on another host.
   void HaveVmAway();
   /// Another VM, which has to keep its ports.
   void HaveBystander(bool on);
   void HaveInterface(bool in);
   void HaveFewSwitches();
-  /// A port of a port group, whose VM only wants security of it.
+  /// A port of a port group, whose VM wants only security settings for it.
   void HaveSecurityPort(bool tied);
 
-  // Operations: asked for, not waited for.
+  // The operations: requested without waiting.
   void SendConfig(const Shape& shape);
   void SendRemoval();
   void Reset();
   void SetMaintenance(bool on);
   void PutSwitches();
-  /// Nobody waits for what becomes of them.
+  /// Operations whose outcome no peer waits for.
   void PutSwitchesUnheard();
   void DeleteSwitches();
   void SendSwitch();
@@ -82,15 +82,15 @@ class SweepNode {
   void LiveIn();
   void Relocate();
   void RestoreByManager();
-  /// Nothing but an end and a start of the daemon.
+  /// Only ends and starts the daemon.
   void Restart();
 
-  /// All that was asked for has its outcome.
+  /// Waits until every request has its outcome.
   bool OperationsEnded() const;
-  /// The daemon is connected with the host's management.
+  /// Waits until the daemon is connected to the host management daemon.
   bool Serves();
-  /// Waits for a daemon that serves again, lets the peers ask again for what was not answered, and checks
-  /// what has to be true at quiet.
+  /// Waits until a daemon serves again, lets the peers repeat their unanswered requests, and checks what must
+  /// be true at quiet.
   void Settle();
 
  private:
@@ -150,11 +150,12 @@ class SweepNode {
   bool configured_ = false;
   bool acknowledged_ = true;
   bool interface_in_ = false;
-  bool changed_by_tool_ = false;  // the host is no more what the configuration says, until it is sent again
+  bool changed_by_tool_ = false;  // the host differs from the configuration until that is sent again
   bool maintenance_ = false;
-  bool clean_ = true;  // a reset or removal is what was last asked for
+  bool clean_ = true;  // the last request was a reset or removal
   std::set<uint32_t> switches_;
-  // Of the store, from before a removal: until they are written anew, a host that came back may have them.
+  // Networks of the store from before a removal: until they are written again, a host that came back may have
+  // them.
   std::set<uint32_t> forgotten_;
   uint64_t barrier_ = 0;
   std::string controller_;
@@ -162,7 +163,7 @@ class SweepNode {
   bool performance_waits_ = false;
   bool vm_on_ = false;
   bool vm_here_ = true;
-  std::string away_;  // the folder of the VM that runs on another host
+  std::string away_;  // folder of the VM that runs on another host
 };
 
 }  // namespace zem::bench

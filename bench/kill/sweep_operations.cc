@@ -1,4 +1,4 @@
-// What the peers ask of the sweep's node, and what each of them does when the daemon died over it.
+// The requests of the peers to the sweep's node, and how each peer reacts when the daemon was killed.
 
 #include <stdexcept>
 
@@ -37,7 +37,7 @@ std::string SwitchText(int number, const std::string& zone, bool overlay, const 
                      "\" type: " + (overlay ? "2" : "1") + " mtu: " + std::to_string(shape.mtu) +
                      " transport_zone_id: " + Quoted(zone) + " pnic { device_name: \"vmnic" +
                      std::to_string(number * 2 - 1) + "\" uplink_name: \"u1\" }";
-  // The host has no sixth.
+  // The host has no sixth one.
   if (shape.two_uplinks && number != 3) {
     text += " pnic { device_name: \"vmnic" + std::to_string(number * 2) + "\" uplink_name: \"u2\" }";
   }
@@ -138,7 +138,7 @@ void SweepNode::SendRemoval() {
   BeginSent();
 }
 
-// Whoever has typed it types it again when it was not answered.
+// An operator repeats a command that was not answered.
 void SweepNode::Reset() {
   configured_ = false;
   clean_ = true;
@@ -161,8 +161,8 @@ void SweepNode::SendSwitch() {
         const std::string reason = node.Try(OwnSwitch(0));
         return reason.empty() ? node.Until("host networks", there) : reason;
       },
-      // What the manager has told is not in the store, whose reading at a start takes it from the host: the
-      // manager sees that by the checksum of the networks, and tells it again.
+      // Networks that the manager sent are not in the store, and the reading of the store at a start removes
+      // them from the host.  The manager sees that by the checksum of the networks and sends them again.
       [this, there](const std::string&) {
         Again(OwnSwitch(0), there);
         Again(OwnSwitch(2), [there](const cJSON* networks) { return !there(networks); });
@@ -173,7 +173,7 @@ void SweepNode::Again(const std::string& command, const std::function<bool(const
   const TimePoint limit = Clock::Process().Now() + kPatience;
   while (!good(node_.Do("host networks").get())) {
     if (Clock::Process().Now() > limit) throw std::runtime_error("in vain: " + command);
-    StoredChecksum();  // it can be reached
+    StoredChecksum();  // proves that the daemon can be reached
     node_.Do(command);
     const TimePoint next = Clock::Process().Now() + kRepeat;
     while (!good(node_.Do("host networks").get()) && Clock::Process().Now() < next) SleepFor(kPause);
@@ -198,7 +198,7 @@ void SweepNode::SendControllers() {
           return TextAt(last, "content").find(server) != std::string::npos;
         });
       },
-      // A daemon that has come again asks for the list.
+      // After a restart the daemon requests the list.
       [](const std::string&) {});
 }
 
@@ -226,7 +226,7 @@ void SweepNode::DeleteSwitches() {
 
 void SweepNode::ForgetSwitches() { forgotten_.merge(switches_); }
 
-// The manager writes the switches anew for a host that comes back.
+// The manager writes the switches again for a host that comes back.
 void SweepNode::WriteForgottenSwitches() {
   const uint32_t first = *forgotten_.begin();
   const uint32_t count = *forgotten_.rbegin() + 1 - first;
@@ -257,10 +257,10 @@ void SweepNode::ChangeStore(const std::string& change) {
 
 // --- The host
 
-// A tool that got no result asks with a new file.
+// A tool that got no result repeats its request with a new file.
 void SweepNode::MigrateByFile(bool in) {
   interface_in_ = in;
-  // The physical NICs leave with it.
+  // The physical NICs move with it.
   changed_by_tool_ = !in;
   const std::string id = "move-" + std::to_string(++number_);
   const std::string where =
@@ -293,7 +293,8 @@ void SweepNode::MigrateByFile(bool in) {
       });
 }
 
-// Nobody answers on the socket for vNICs of port groups: the host says again what was not carried out.
+// Requests on the socket for vNICs of port groups get no answer: the host repeats those that were not carried
+// out.
 void SweepNode::TieSecurityPort(bool tied) {
   security_tied_ = tied;
   const std::string update =
@@ -324,13 +325,13 @@ bool SweepNode::IsTied(const cJSON* ports) {
 
 std::string SweepNode::VmPath() { return TextAt(node_.Do("vm show vm").get(), "path"); }
 
-// An operation of its own; an empty network is the one that the vNIC has.
+// A step of an operation of its own; an empty network means the vNIC's present one.
 void SweepNode::DetachAgain(const std::string& device, const std::string& network) {
   Insist("vm ask --opcode 2 again" + std::to_string(++number_) + "-1 vm " + device + " vif-" + device.back() +
          " " + network);
 }
 
-// A host whose operation did not end well asks for the end of what may be there, and begins anew.
+// After a failed operation, the host requests the removal of whatever is there and begins again.
 void SweepNode::HealVm() {
   if (VmOn("vm")) static_cast<void>(node_.Do("vm power-off vm"));
   for (const char* const network : kNetworks) {
@@ -352,7 +353,7 @@ void SweepNode::PowerOn() {
   Run("vm power-on vm");
 }
 
-// It is off in any case; what was not answered is asked again.
+// The VM is off in any case; unanswered requests are repeated.
 void SweepNode::PowerOff() {
   vm_on_ = false;
   Begin([](Background::Node& node) { return node.Try("vm power-off vm"); },
@@ -369,7 +370,7 @@ void SweepNode::Move() {
           if (reason.empty()) return;
           if (TextAt(node_.Do("vm show vm").get(), "vnics.eth0.ls") != "app")
             return Insist("vm move vm eth0 app");
-          // It is there; whether it has left is not known.
+          // The VM has arrived; whether it was detached at the other host is unknown.
           DetachAgain("eth0", "web");
         });
 }
@@ -384,7 +385,7 @@ void SweepNode::LiveOut() {
           away_ = folder;
           vm_here_ = !reason.empty();
           vm_on_ = vm_here_;
-          // The host gives the move up, and has its VM again.
+          // The host aborts the move and runs the VM again.
           if (vm_here_) Insist("vm live-in " + folder);
         });
 }
@@ -400,7 +401,7 @@ void SweepNode::Relocate() {
   Begin([command](Background::Node& node) { return node.Try(command); },
         [this](const std::string& reason) {
           if (reason.empty()) return;
-          // The manager knows it at the place that it left, and takes it off from nowhere else.
+          // The manager has the VIF at the place that it left, and detaches it only from there.
           for (const char* const vnic : {"eth0", "eth1"}) {
             Insist("vm ask --opcode 8 again" + std::to_string(++number_) + "-1 vm " + vnic);
           }
@@ -419,7 +420,7 @@ void SweepNode::RestoreByManager() {
       },
       [this, state](const std::string& reason) {
         if (reason.empty()) return;
-        StoredChecksum();  // it can be reached
+        StoredChecksum();  // proves that the daemon can be reached
         Insist("manager vif/restore vif-0 " + state);
         node_.Await("manager vif/show vif-0", kPatience,
                     [&](const cJSON* vif) { return TextAt(vif, "restored") == state; });

@@ -67,7 +67,7 @@ VifStream::VifStream(sim::NodeProcess& node, uint64_t seed) : node_(node), rando
       vms.push_back({name + "-" + std::to_string(i), false, Switches().front()});
     return vms;
   };
-  // The host alone can only bring back ports that there were.
+  // Alone, the host can restore only ports that existed before.
   alone_vms_ = make("alone", kVmsAlone);
   for (VmWorker::Vm& vm : alone_vms_) {
     node_.Do("vm power-on " + vm.name);

@@ -15,37 +15,37 @@
 
 namespace zem::bench {
 
-/// VMs that come, move and go all the time, and whether the host's ports, their files, the VMs and the
-/// manager say the same of them.
+/// VMs that come, move and go all the time, with a check that the host's ports, their files, the VMs and the
+/// manager agree.
 ///
 /// Threads: one owner.
-/// Errors: std::runtime_error with what did not hold.
+/// Errors: std::runtime_error with the check that failed.
 class VifStream {
  public:
-  /// Sets the node up, and its VMs, which are off.
+  /// Sets up the node and its VMs, which are off.
   VifStream(sim::NodeProcess& node, uint64_t seed);
   ~VifStream();
 
-  /// Lets the VMs change, by threads of their own, until `Settle`.
+  /// Changes the VMs on threads of their own until `Settle`.
   void Run();
 
-  /// What the host does while there is no daemon: some VMs come and go, and their ports tell of it.
+  /// The host's work without the daemon: some VMs come and go, and marks on their ports record it.
   void ActAlone();
 
-  /// The daemon comes (again).
+  /// Starts the daemon.
   void Start();
 
-  /// Ends the changes, waits until each has its answer, and until all agree: how many rounds of the resync
-  /// the last start had begun by then.
+  /// Ends the changes, waits until each has its answer and until all parties agree.  Returns how many rounds
+  /// of the resync the last start had begun by then.
   int Settle();
 
   uint64_t attaches() const { return Sum(&VmWorker::attaches); }
   uint64_t moves() const { return Sum(&VmWorker::moves); }
   uint64_t detaches() const { return Sum(&VmWorker::detaches); }
   uint64_t repeated() const { return Sum(&VmWorker::repeated); }
-  /// What the host did without a daemon.
+  /// Number of changes that the host made without a daemon.
   uint64_t alone() const { return alone_; }
-  /// Drafts of port files that a killed daemon has left.
+  /// Number of drafts of port files that a killed daemon left.
   size_t drafts();
 
  private:

@@ -16,7 +16,7 @@ constexpr auto kPatience = std::chrono::seconds(60);
 constexpr auto kPause = std::chrono::milliseconds(200);
 constexpr const char* kDevice = "eth0";
 
-// Faults of the daemon, whenever it may have died.
+// Failures of this kind are faults of the daemon, whenever it was killed.
 constexpr std::array kWrong = {"several ports", "plugFailed", "still holds", "any more"};
 
 }  // namespace
@@ -70,7 +70,7 @@ void VmWorker::PowerOn(Vm* vm) {
   ++attaches_;
 }
 
-// It is off in any case, and the manager and its ports have to know.
+// The VM is off in any case, and the manager and its ports have to know that.
 void VmWorker::PowerOff(Vm* vm) {
   const std::string command = "vm power-off " + vm->name;
   const std::string reason = Try(command);
@@ -95,7 +95,7 @@ void VmWorker::Move(Vm* vm) {
     const std::string failed = Try("vm show " + vm->name, &shown);
     if (!failed.empty()) throw std::runtime_error(failed);
     if (sim::TextAt(shown.get(), std::string("vnics.") + kDevice + ".ls") == to) {
-      // It is there; whether it has left is not known.
+      // The VM has arrived; whether it was detached at the other host is unknown.
       DetachAgain(*vm, kDevice, vm->ls);
       break;
     }
@@ -108,7 +108,7 @@ void VmWorker::Move(Vm* vm) {
 }
 
 void VmWorker::DetachAgain(const Vm& vm, const std::string& device, const std::string& ls) {
-  // An operation of its own: its stem is no step of another.
+  // A separate operation: no other step has its stem.
   sim::Json shown;
   const std::string failed = Try("vm show " + vm.name, &shown);
   if (!failed.empty()) throw std::runtime_error(failed);

@@ -13,41 +13,41 @@
 
 namespace zem::bench {
 
-/// The host's part with some VMs of its own: powers them on and off and moves their vNICs.  What gets no
-/// answer because the daemon has died is asked again until it has one, as a host does that has to know how
-/// its VMs end up.
+/// The host's part for some VMs of its own: powers them on and off and moves their vNICs.  A request that
+/// gets no answer because the daemon was killed is repeated until it has one, since the host has to know the
+/// state of its VMs.
 ///
 /// Threads: one owner; the counts from any.
-/// Errors: std::runtime_error, when an answer is wrong or does not come at all.
+/// Errors: std::runtime_error when an answer is wrong or missing.
 class VmWorker {
  public:
   struct Vm {
     std::string name;
     bool on = false;
-    /// Of its first vNIC.
+    /// The network of its first vNIC.
     std::string ls;
   };
 
   VmWorker(const std::string& control, std::vector<Vm> vms, std::vector<std::string> switches, uint64_t seed);
 
-  /// One change of one VM, with all that follows from it.
+  /// One change of one VM, with everything that follows from it.
   void Change();
 
   uint64_t attaches() const { return attaches_; }
   uint64_t moves() const { return moves_; }
   uint64_t detaches() const { return detaches_; }
-  /// How often something was asked again.
+  /// Number of repeated requests.
   uint64_t repeated() const { return repeated_; }
 
  private:
   void PowerOn(Vm* vm);
   void PowerOff(Vm* vm);
   void Move(Vm* vm);
-  /// Empty when it was done, else the reason.
+  /// Returns an empty text when the command was carried out, otherwise the reason.
   std::string Try(const std::string& command, sim::Json* result = nullptr);
-  /// A reason that the daemon's death explains; others throw.
+  /// Throws unless the daemon's death explains the reason.
   void Judge(const std::string& command, const std::string& reason) const;
-  /// Until one of the commands that `next` gives is carried out.
+  /// Repeats the command that `next` returns until one is carried out.
   void Repeat(const std::function<std::string()>& next);
   void DetachAgain(const Vm& vm, const std::string& device, const std::string& ls);
 

@@ -16,17 +16,17 @@
 #include "framework/log/log.h"
 #include "platform/core/thread.h"
 
-// The daemon's log lines beside those of spdlog's syslog sink: the same text to the same socket, a real one
-// that somebody reads.  Each of ours also carries its structured data, as the peer's pattern does with the
-// same fields.
+// Compares the daemon's log lines with those of spdlog's syslog sink: the same text to the same kind of
+// socket, which a thread reads.  Each of ours also carries its structured data, and the peer's pattern has
+// the same fields.
 
 namespace {
 
 constexpr zem::LogSource kLog{"tarvik", "framework"};
 constexpr const char* kText = "Connected to AF_UNIX socket /var/run/orlane/zem-agent/zema_link";
 
-// A /dev of this process alone, with a log socket that a thread empties.  False when the system does not
-// permit it.
+// Mounts a private /dev for this process, with a log socket that a thread empties.  Returns false when the
+// system does not permit it.
 bool OpenPrivateLogSocket() {
   if (::unshare(CLONE_NEWNS) != 0) return false;
   if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
@@ -73,7 +73,7 @@ void PeerEnabled(benchmark::State& state) {
   for (auto _ : state) peer.info("{} {}", kText, 7);
 }
 
-// Keeps each case's time to put the two sides beside each other at the end.
+// Keeps the time of each case, to compare the two sides at the end.
 class PairReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {

@@ -15,11 +15,11 @@ struct Call {
   std::string data;
 };
 
-/// Starts the management proxy for itself, sends calls and reads their answers; nothing else.  What it needs
-/// is what the proxy needs.
+/// Starts the management proxy, sends calls and reads their answers, and does nothing else.  Its time is the
+/// time that the proxy needs.
 class BareClient {
  public:
-  /// Throws std::runtime_error when the proxy does not start or does not get ready.
+  /// Throws std::runtime_error when the proxy does not start or does not become ready.
   BareClient(const std::string& script, const std::string& socket);
   ~BareClient();
   BareClient(const BareClient&) = delete;
@@ -32,7 +32,7 @@ class BareClient {
   void Connect(const std::string& socket);
   void LogIn();
   std::string Ask(const std::string& command);
-  /// The status; the text goes into `reply`.
+  /// Returns the status; `reply` receives the text.
   uint32_t Exchange(const Call& call, std::string* reply);
   void WriteAll(const void* data, size_t size);
   void ReadAll(void* data, size_t size);

@@ -1,6 +1,6 @@
-// Logical switches from the store to the host's proxy, against a client that only sends the proxy the same
-// calls. Ends with lines "logical-switches CASE METRIC ours=NUMBER peer=NUMBER ratio=NUMBER"; a ratio of 0.8
-// is wanted.
+// Logical switches from the store to the host's proxy, against a client that only sends the same calls to the
+// proxy. Ends with lines "logical-switches CASE METRIC ours=NUMBER peer=NUMBER ratio=NUMBER"; the goal is a
+// ratio of 0.8.
 
 #include <stdlib.h>
 #include <sys/mman.h>
@@ -26,10 +26,10 @@ constexpr uint32_t kFullSync = 10000;
 constexpr uint32_t kSingles = 1000;
 constexpr uint32_t kZones = 10;
 
-// Seconds of one round; a sandbox's body leaves them in shared memory.
+// The seconds of one round; a sandbox's body passes them on in shared memory.
 struct Result {
   double read_s = 0;  // from the connection to the store until the first call
-  double send_s = 0;  // from there until the processed barrier stands in the store
+  double send_s = 0;  // from the first call until the store holds the processed barrier
   double peer_read_s = 0;
   double peer_send_s = 0;
   size_t calls = 0;
@@ -52,8 +52,8 @@ std::vector<Call> FullSync(Road& road, Result* result) {
   return calls;
 }
 
-// Each change is a transaction and a command of its own.  The batch's quiet period is the product's choice
-// and left out.
+// Each change is a transaction and a command of its own.  The batch's quiet period is a choice of the product
+// and is not counted.
 std::vector<Call> SingleUpdates(Road& road, Result* result) {
   road.SetApplyMax(1);
   road.Change(sim::PutLogicalSwitches({1, 1, kZones, 1}, 1, true));
@@ -82,7 +82,7 @@ int Measure(const Case& c, Result* result) {
     std::filesystem::create_symlink(std::string(sim::kNodeDirectory) + "/ps", "/usr/local/bin/ps");
     ::setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
     Logger::logLevel = static_cast<uint32_t>(kLogInfo);
-    // There is no syslog here; the lines are made and go nowhere.
+    // There is no syslog here; log lines are formatted and discarded.
     Logger::SetEmitter([](int, const char*) {});
     if (!Tarvik::OpenShutdownPipe()) return 1;
     zema::LumSettings settings;
@@ -135,7 +135,7 @@ int Main(const char* only) {
     if (only != nullptr && std::strcmp(only, c.name) != 0) continue;
     Result best;
     for (int round = 1; round <= kRounds && code == 0; ++round) {
-      // Each in a sandbox of its own, with a script and a host of its own.
+      // Each round runs in a sandbox of its own, with its own script and host.
       *result = Result();
       std::fflush(stdout);  // a sandbox begins with a copy of this process
       code = sim::RunInSandbox({folder, "/bin/true"}, [&] { return Measure(c, result); });

@@ -20,13 +20,13 @@
 
 namespace zem::bench {
 
-/// The agent's part of the road: store client, store handler, workers, management proxy; and the store it
-/// hangs on. The calls to the proxy are kept, so that they can be sent again without it.
+/// The agent's part of the road (store client, store handler, workers, management proxy) and the store that
+/// feeds it. The calls to the proxy are recorded, so that they can be replayed without the agent.
 class Road final : public zema::ZoneSwitchKinds, public zema::VifStateRealizer {
  public:
   using Instant = std::chrono::steady_clock::time_point;
 
-  /// Throws when something does not start.
+  /// Throws when a part does not start.
   explicit Road(const zema::LumSettings& settings);
   ~Road() override;
 
@@ -36,18 +36,18 @@ class Road final : public zema::ZoneSwitchKinds, public zema::VifStateRealizer {
   bool ProcessVif(const std::string&) override { return false; }
 
   void Change(const orlane::zem::covedb::ModifyRequestMsg& request);
-  /// From now on the store is watched.
+  /// Starts watching the store.
   void Connect();
   /// Waits until the store holds the processed barrier; throws after a minute.
   Instant WaitForBarrier(uint64_t barrier);
 
-  /// Seconds that a store client which only counts needs to read everything; throws after a minute.
+  /// Seconds that a store client needs to read everything when it only counts; throws after a minute.
   double ReadAlone();
 
-  /// What went to the proxy since the last time, and when the first of it did.
+  /// The calls to the proxy since the last invocation, and the time of the first one.
   std::vector<Call> TakeCalls(Instant* first);
 
-  /// Switches in one command.
+  /// Number of switches in one command.
   void SetApplyMax(int most);
 
  private:

@@ -1,6 +1,6 @@
-// Port operations over 1,000 and 10,000 ports against the bare library calls that they consist of. Ends with
-// lines "ports CASE METRIC ours=NUMBER peer=NUMBER ratio=NUMBER"; a ratio of 1 means that the agent adds
-// nothing.
+// Port operations over 1,000 and 10,000 ports against the bare library calls of which they consist.  Ends
+// with lines "ports CASE METRIC ours=NUMBER peer=NUMBER ratio=NUMBER"; a ratio of 1 means that the agent adds
+// no time.
 
 #include <stdlib.h>
 
@@ -42,11 +42,11 @@ class NoHost final : public LumCommands {
   }
 };
 
-// A tree of its own, gone with the object.
+// A state tree that is deleted with the object.
 class Tree {
  public:
   Tree() {
-    // In memory where there is such a place: the disk is not what is measured.
+    // In memory if there is such a file system, because the disk is not what is measured.
     const std::filesystem::path memory = "/dev/shm";
     std::string pattern =
         (std::filesystem::is_directory(memory) ? memory : std::filesystem::temp_directory_path()) /
@@ -130,7 +130,7 @@ struct Figures {
   double peer = std::numeric_limits<double>::max();
 };
 
-// Best of the rounds, one of each in turn, in microseconds per port.
+// The best of alternating rounds, in microseconds per port.
 Figures Measure(zem::sim::SwitchState& state, size_t ports, const std::function<void()>& ours,
                 const std::function<void()>& peer) {
   Figures best;

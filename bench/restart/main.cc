@@ -1,6 +1,6 @@
-// A start with nothing to do: interfaces are attached, the daemon is killed and started, and what it then
-// does to the switches and how long it takes until it is healthy again stands beside what the host needs for
-// the reads and commands in it.
+// A start with nothing to do: interfaces are attached, the daemon is killed and started again.  The calls
+// that it then makes to the switches, and the time until it is healthy again, are compared with what the host
+// needs for the reads and commands in them.
 //
 // bench_restart [INTERFACES]
 
@@ -29,7 +29,7 @@ constexpr int kInterfaces = 1000;
 constexpr auto kPatience = std::chrono::seconds(60);
 constexpr const char* kHealth = "com.orlane.common.opaqueDvs.status.component.zema";
 
-// Calls that change something, and the place of it.
+// Calls that change something, with the position of the changed object.
 constexpr const char* kWrites[] = {"PortAdd",       "PortRemove",     "PortDataSet",   "PortDataClear",
                                    "HostPropSet",   "HostPropClear",  "GlobalPropSet", "GlobalPropClear",
                                    "SetTEPHA",      "SetKnlnicState", "TEPHARecover",  "PlumbVdr",
@@ -62,8 +62,8 @@ void SetUp(NodeProcess& node, int interfaces) {
   node.Do("vm power-on vm-*");
 }
 
-// The end of the call that told the switch that the daemon is healthy.  Until the start has found out what it
-// is, the switch is told that it is not.
+// The end of the call that reports the daemon as healthy to the switch.  During the start the switch shows it
+// as unhealthy.
 double HealthySince(NodeProcess& node) {
   double end = 0;
   const auto told_twice = [&end](const cJSON* calls) {
@@ -106,7 +106,7 @@ double TimeIn(NodeProcess& node, const char* command, const char* begin, const c
   return sum;
 }
 
-// The writes, most of them without effect: one line each.
+// Prints the writes, most of which have no effect, one per line.
 int TellWrites(NodeProcess& node) {
   int count = 0;
   for (const char* const write : kWrites) {

@@ -12,16 +12,16 @@ namespace zem::bench {
 /// One measured run of echo calls.
 struct EchoResult {
   double calls_per_second = 0;
-  double cpu_us_per_call = 0;  // of the whole process: both sides
+  double cpu_us_per_call = 0;  // of the whole process, both sides
   double median_us = 0;
-  double p99_us = 0;  // of the fast calls
+  double p99_us = 0;  // of the fast calls only
 };
 
 struct EchoCase {
   size_t size = 64;
   int outstanding = 1;
   int calls = 10000;
-  /// Every hundredth call is answered 5 ms later, by another thread.
+  /// One in a hundred calls is answered 5 ms later, by another thread.
   bool slow = false;
 };
 
@@ -48,7 +48,7 @@ inline Instant Now() { return std::chrono::steady_clock::now(); }
 /// Processor time of the process, in microseconds.
 double CpuUs();
 
-/// What a closed loop of calls measures.  By one thread.
+/// The measured values of a closed loop of calls.  Used by one thread.
 class EchoMeter {
  public:
   explicit EchoMeter(const EchoCase& c) : case_(c) { times_.reserve(static_cast<size_t>(c.calls)); }
@@ -56,7 +56,7 @@ class EchoMeter {
     cpu_ = CpuUs();
     begun_ = Now();
   }
-  /// True when the next call to start is a slow one.
+  /// Returns true when the next call has to be a slow one.
   bool NextIsSlow() { return case_.slow && ++started_ % 100 == 50; }
   void Add(Instant start, bool slow) {
     ++done_;

@@ -1,5 +1,5 @@
-// What the machine gives at best: length-prefixed messages over one blocking socket, one thread on each side,
-// no ids, no limits, no status.
+// The best that the machine can do: length-prefixed messages over one blocking socket, one thread on each
+// side, without ids, limits or status.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -20,7 +20,7 @@ namespace {
 
 using orlane::zem::bench::BytesMsg;
 
-// Frames in and out of a socket, as many at a time as there are.
+// Reads and writes frames on a socket, as many at a time as are available.
 class Pipe {
  public:
   explicit Pipe(UniqueFd fd) : fd_(std::move(fd)) {
@@ -46,7 +46,7 @@ class Pipe {
     return true;
   }
 
-  // The next message; what was put is flushed before waiting.
+  // Returns the next message; queued output is flushed before it waits.
   bool Get(BytesMsg* message) {
     for (;;) {
       if (end_ - begin_ >= 4) {
@@ -129,7 +129,7 @@ class Floor final : public Subject {
   StreamResult Stream(uint32_t count, uint32_t size) override {
     BytesMsg message;
     message.set_payload(std::string(size, 'x'));
-    message.set_slow_us(count);  // here: how many to send back
+    message.set_slow_us(count);  // here: number of messages to send back
     const double cpu = CpuUs();
     const Instant begun = Now();
     client_->Put(message);

@@ -50,7 +50,8 @@ struct Line {
   bool stream = false;
 };
 
-// The best of each figure over some rounds: other work on the machine only ever makes them worse.
+// Keeps the best of each figure over some rounds, because other work on the machine can only make figures
+// worse.
 Figures Measure(Subject& subject, const Line& line) {
   Figures best;
   for (int round = 0; round < kRounds; ++round) {
@@ -138,7 +139,7 @@ int Main(const char* only, const char* subjects) {
     }
   }
   if (all["slow-64-64"].count("ours") != 0 && all["echo-64-64"].count("ours") != 0) {
-    // What slow handlers cost the fast ones: their p99 with and without.
+    // The cost of slow handlers for the fast calls: the p99 of the fast ones with and without them.
     for (const char* who : {"ours", "grpc"}) {
       if (all["slow-64-64"].count(who) == 0) continue;
       std::printf("%s: p99 of the fast calls with slow ones among them is %.2f of that without\n", who,

@@ -26,7 +26,7 @@ class Service final : public BenchService::Service {
     call.Finish(request);
   }
 
-  // Writes until it is refused, then goes on when there is room.
+  // Writes until a write is refused, and continues when there is room.
   void Stream(rpc::ServerContext& context, const StreamMsg& request,
               rpc::CallHandle<BytesMsg> call) override {
     struct Writer {

@@ -18,7 +18,7 @@
 namespace zem::bench {
 namespace {
 
-// A bound socket, so that two of them have two ports.
+// A bound socket; two that exist at once have different ports.
 std::pair<UniqueFd, std::string> BindFreePort() {
   UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
@@ -32,7 +32,7 @@ std::pair<UniqueFd, std::string> BindFreePort() {
   return {std::move(fd), "tcp://127.0.0.1:" + std::to_string(ntohs(address.sin_port))};
 }
 
-// Under this name every vertical registers.
+// The name under which every vertical registers.
 constexpr const char* kAppId = "unused";
 constexpr int64_t kEarlyMs = 1500;
 

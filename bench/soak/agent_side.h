@@ -19,23 +19,24 @@ inline constexpr const char* kAphs[] = {"0a000000-0000-4000-8000-000000000001",
                                         "0a000000-0000-4000-8000-000000000002",
                                         "0a000000-0000-4000-8000-000000000003"};
 
-/// The id of a host whose turn to come back to its manager is early: what a host waits follows from its id.
+/// The id of a host that reconnects early to its manager: the id determines how long a host waits.
 std::string EarlyTransportNode();
 
-/// The two endpoints of a proxy, on ports of the loopback that were free a moment ago.
+/// The two endpoints of a proxy, on loopback ports that were free when they were chosen.
 struct Endpoints {
   std::string info;
   std::string forwarding;
 };
 Endpoints FreeEndpoints();
 
-/// Every vertical that has a road of its own to the manager.
+/// Every vertical that has a connection of its own to the manager.
 std::vector<const Vertical*> AllVerticals();
 bool ServesCalls(const Vertical& vertical);
-/// False for the one that serves the manager's calls only, and so is never told that the manager is there.
+/// Returns false for the vertical that only serves the manager's calls and so is never informed that the
+/// manager is there.
 bool AsksTheManager(const Vertical& vertical);
 
-/// The agent's clients of the manager, whole, in this process, for the given verticals.
+/// The agent's complete manager clients for the given verticals, in this process.
 class AgentSide {
  public:
   /// Runs on the forwarding provider's thread.
@@ -55,7 +56,7 @@ class AgentSide {
   std::shared_ptr<TnProxyClientCommon> proxy_client_;
 };
 
-/// Sends a record of a vertical to the manager.  False when it found no road.
+/// Sends a record of a vertical to the manager.  Returns false when there is no connection for it.
 bool Send(const Vertical& vertical, BusMessageType kind, const std::string& type,
           const std::string& correlation_id, std::string payload);
 

@@ -14,7 +14,7 @@
 namespace zem::bench {
 namespace {
 
-// As small as a figure is printed.
+// The smallest value that is printed.
 constexpr double kLeast = 0.01;
 
 std::atomic<uint64_t> log_lines{0};

@@ -16,14 +16,15 @@ double CpuSeconds();
 /// Resident memory of the process, in KiB.
 uint64_t ResidentKib();
 
-/// The value that `share` (0 to 1) of the sorted `values` do not exceed; 0 when there is none.
+/// The smallest value that at least `share` (0 to 1) of the sorted `values` do not exceed; 0 when there are
+/// none.
 double Quantile(std::vector<double> values, double share);
 
 /// One line of the result.  Without a peer or a limit `peer` is 0 and the ratio 1.
 void PrintLine(const char* benchmark, const std::string& name, const std::string& metric, double ours,
                double peer = 0);
 
-/// Counts the lines that the process logs instead of giving them to syslog, and forgets their text.
+/// Counts the process's log lines instead of sending them to syslog, and discards their text.
 class LogCounter {
  public:
   LogCounter();
@@ -32,7 +33,7 @@ class LogCounter {
   LogCounter& operator=(const LogCounter&) = delete;
 
   static uint64_t lines();
-  /// Of level warning and above.
+  /// Lines of level warning and above.
   static uint64_t bad_lines();
 };
 

@@ -25,27 +25,27 @@ using std::chrono::seconds;
 constexpr const char* kName = "soak";
 constexpr const char* kCase = "restarts";
 constexpr int kPerSecond = 200;
-// A vertical asks something itself with every so many requests of the manager.
+// A vertical sends a request of its own with one in this many requests of the manager.
 constexpr size_t kOwnEvery = 5;
 constexpr seconds kRestartEvery{5};
-// After a restart, when the host is back: the connection takes 1 s, the stubs up to 1.5 s.
+// Time after a restart until the host is back: the connection takes 1 s, the stubs up to 1.5 s.
 constexpr seconds kNewMasterAfter{4};
 constexpr milliseconds kProxyAway{200};
 constexpr seconds kCallTimeout{5};
-// Reconnect 5 s, the widest spread 11 s, an app-init that is tried again after 10 s and 20 s.
+// Reconnect after 5 s, the widest spread of 11 s, an app-init that is repeated after 10 s and 20 s.
 constexpr seconds kBackWithin{60};
 constexpr seconds kWarm{10};
-// The proxies and hosts that come and go leave the allocator's pools larger; a leak of one request would be
-// larger than this after a minute.
+// Proxies and hosts that come and go leave the allocator's pools larger.  A leak in every request would
+// exceed this within a minute.
 constexpr uint64_t kMayGrowKib = 4096;
-// A sanitizer keeps what is freed for a while, and its own tables.
+// A sanitizer keeps freed memory for a while, and tables of its own.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr bool kMemoryTells = false;
 #else
 constexpr bool kMemoryTells = true;
 #endif
 
-// Counts what happens to numbered requests: each may end once and reach its vertical once.
+// Tracks numbered requests: each has to end once and may reach its vertical only once.
 class Ledger {
  public:
   explicit Ledger(size_t capacity) : ends_(capacity), deliveries_(capacity) {}
@@ -55,7 +55,7 @@ class Ledger {
     std::lock_guard lock(mutex_);
     ++statuses_[status];
   }
-  /// Gives the request's number.
+  /// Returns the request's number.
   size_t Delivered(const std::string& correlation_id) {
     char* end = nullptr;
     const size_t number = std::strtoul(correlation_id.c_str(), &end, 10);
@@ -152,7 +152,7 @@ class Soak {
     const double used = CpuSeconds() - cpu;
     Await([this] { return ledger_.ended(sent_) == sent_; }, 2 * kCallTimeout);
 
-    // With everything back, a request to each has to be answered.
+    // When everything is back, a request to each vertical has to be answered.
     const size_t first_after = ok();
     for (size_t i = 0; i < asked_.size(); ++i) Ask();
     Await([this] { return ledger_.ended(sent_) == sent_; }, 2 * kCallTimeout);
@@ -242,7 +242,7 @@ class Soak {
     manager_->StartProxy();
   }
 
-  // A vertical works on a thread of its own.
+  // Each vertical works on a thread of its own.
   void Receive(const Vertical& vertical, const rmqClientMessage& message) {
     BusHeader header = BusHeader::Of(message).value_or(BusHeader());
     if (message.msg_type == kRmqMpRpcResponse) own_.Delivered(header.correlation_id);
@@ -274,8 +274,8 @@ class Soak {
 
   const seconds run_;
   const Endpoints endpoints_;
-  Ledger ledger_;  // of the manager's requests
-  Ledger own_;     // of the verticals' requests; delivered when answered
+  Ledger ledger_;  // requests of the manager
+  Ledger own_;     // requests of the verticals; "delivered" means answered
   AsioZemProvider work_;
   std::unique_ptr<sim::Manager> manager_;
   std::unique_ptr<AgentSide> agent_;

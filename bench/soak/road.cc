@@ -23,8 +23,8 @@
 #include "sim/manager/proxy.h"
 
 // A request of the manager and its answer, one at a time, through the proxy: to a vertical that answers in
-// its callback, and to a service that answers with what came and belongs to nobody.  Both go over the same
-// sockets and the same library, so the difference is what the agent itself does.
+// its callback, and to a bare service that echoes it.  Both use the same sockets and the same library, so the
+// difference is the agent's own work.
 
 namespace zem::bench {
 namespace {
@@ -50,7 +50,7 @@ class EchoOf final : public Service::Service {
   }
 };
 
-/// A host without an agent: its services answer with what came.
+/// A host without an agent: its services echo what they receive.
 class BareHost {
  public:
   explicit BareHost(const std::string& forwarding_endpoint) : connections_(provider_.rpc()) {
@@ -72,7 +72,7 @@ class BareHost {
   std::unique_ptr<rpc::Server> server_;
 };
 
-// The road in the other direction plays no part.
+// The other direction is not measured.
 class NoSink final : public sim::MpSink {
  public:
   void OnPublish(const std::string&, const std::string&, const GenericUnifiedMsg&) override {}
@@ -80,7 +80,7 @@ class NoSink final : public sim::MpSink {
                  rpc::CallHandle<GenericUnifiedMsg>) override {}
 };
 
-// One call after the other, each started in the end of the one before.
+// Makes one call after another; each starts when the one before ends.
 class Loop {
  public:
   Loop(sim::Aph& aph, const sim::ManagerVertical& vertical, GenericUnifiedMsg message, int calls)
@@ -126,7 +126,7 @@ struct Times {
   double p99 = median;
 };
 
-// Adds a round to the best ones so far: other work on the machine only ever makes them worse.
+// Merges a round into the best figures so far, because other work on the machine can only make figures worse.
 void Round(sim::Aph& aph, const sim::ManagerVertical& vertical, const GenericUnifiedMsg& message,
            Times* best) {
   const auto times = Loop(aph, vertical, message, kCalls).Run();
@@ -198,7 +198,7 @@ bool RunRoad() {
       Loop(aph, echo, message, kWarmCalls).Run();
       Loop(aph, known, message, kWarmCalls).Run();
       const uint64_t lines = LogCounter::lines();
-      // In turns, so that both meet the same load.
+      // The two sides alternate, so that both meet the same load.
       for (int round = 0; round < kRounds; ++round) {
         Round(aph, echo, message, &peer);
         Round(aph, known, message, &ours);

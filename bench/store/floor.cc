@@ -1,5 +1,5 @@
-// What the operating system alone takes: a process that passes each message on and answers it, over the same
-// kind of sockets, with neither objects nor frames.
+// The cost of the operating system alone: a process that forwards each message and answers it, over the same
+// kind of sockets, without objects or frames.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -20,7 +20,7 @@
 namespace zem::bench {
 namespace {
 
-// As long as one update of the store; the answer as long as its answer.
+// As long as one update of the store; the answer is as long as the store's.
 struct Message {
   int64_t number = 0;
   char rest[147] = {};
@@ -54,8 +54,8 @@ UniqueFd Connect(const std::string& port) {
   return socket;
 }
 
-// An event loop's wait: the kernel wakes who waits by epoll on another processor, where it can, and who waits
-// for the socket itself on its own.
+// Waits as an event loop does.  The kernel wakes a thread that waits with epoll on another processor if it
+// can, and one that waits on the socket itself on the same processor.
 class Waiter {
  public:
   explicit Waiter(int fd) : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
@@ -99,7 +99,7 @@ class Floor final : public Subject {
 
 std::unique_ptr<Subject> MakeFloor() { return std::make_unique<Floor>(); }
 
-// The first that connects writes, the second reads.
+// The first client to connect writes, the second reads.
 void Relay() {
   const UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};

@@ -1,9 +1,10 @@
-// How long a change takes from one process through the store to another, how many changes a second get
-// through, and how long a newcomer waits for everything: the agent's store client with the node's store
-// daemon, beside ovsdb-server.
+// How long a change takes from one process through the store to another, how many changes per second pass,
+// and how long a new client waits for all objects: the agent's store client with the node's store daemon,
+// beside ovsdb-server.
 //
 // bench_store [ROUNDS]
-// bench_store --watch ours|ovsdb|floor ADDRESS, bench_store --relay: what it starts as other processes.
+// The other two forms are the processes that it starts:  bench_store --watch ours|ovsdb|floor ADDRESS,
+// bench_store --relay
 
 #include <sched.h>
 #include <unistd.h>
@@ -42,14 +43,14 @@ constexpr double kLatencyGoalUs = 60;
 constexpr double kChangesGoal = 100000;
 constexpr double kSnapshotGoalMs = 150;
 
-// All processes of the machine share this clock.
+// This clock is the same in all processes of the machine.
 int64_t NowNs() {
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC, &now);
   return now.tv_sec * 1'000'000'000LL + now.tv_nsec;
 }
 
-// What the other process tells: a number that it has seen, or with 0 the end of its first reading.
+// The watching process reports a number that it has seen, or 0 at the end of its first reading.
 struct Report {
   int64_t number = 0;
   uint64_t objects = 0;
@@ -90,7 +91,7 @@ class Run {
     return result;
   }
 
-  // A store without objects has nothing to tell a newcomer, not even that this is all.
+  // An empty store sends nothing to a new client, not even the end of the reading.
   void Begin() {
     Put(1, 0);
     subject_->Flush();
@@ -139,7 +140,7 @@ class Run {
     subject_->Flush();
   }
 
-  // From the process's first instruction of its own: connecting is part of it.
+  // Measured from the process's first instruction, because connecting is part of it.
   double Snapshot() {
     Report first;
     const auto watcher = StartWatcher(&first);
@@ -147,7 +148,7 @@ class Run {
     return static_cast<double>(first.at_ns - first.begun_ns) / 1e6;
   }
 
-  // The last change of the last batch has been seen.
+  // The watcher has seen the last change of the last batch.
   double Changes() {
     Report first;
     const auto watcher = StartWatcher(&first);
@@ -169,8 +170,8 @@ void Line(const char* name, double ours, double peer, double ratio) {
   std::printf("store %s ours=%.1f peer=%.1f ratio=%.2f\n", name, ours, peer, ratio);
 }
 
-// While it lives, this thread and what it starts share one processor: waking another virtual processor takes
-// longer than all that is measured.
+// While this object lives, this thread and the processes that it starts share one processor: waking another
+// virtual processor takes longer than everything that is measured.
 class OneProcessor {
  public:
   OneProcessor() {
@@ -204,7 +205,7 @@ struct Latencies {
   }
 };
 
-// The same three times: ours, the peer, and what cannot be beaten.
+// The same three measurements of ours, of the peer, and of the floor.
 struct Puts {
   Latencies ours;
   Latencies peer;

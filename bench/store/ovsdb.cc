@@ -1,5 +1,5 @@
-// ovsdb-server of the distribution, and clients that do as little as can be done: they write JSON by hand,
-// and look in what they read only for what they wait for.
+// ovsdb-server of the distribution, with clients that do as little as possible: they write JSON by hand, and
+// search their input only for the data that they wait for.
 
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -44,7 +44,7 @@ class Connection {
     }
   }
 
-  // The next whole text; it stays until the next call.
+  // Returns the next whole text, which is valid until the next call.
   std::string_view Receive() {
     buffer_.erase(0, end_);
     end_ = 0;
@@ -123,7 +123,7 @@ class Ovsdb final : public Subject {
     text += "]}";
     writer_->Send(text);
     ++under_way_;
-    // Answers are taken while there is room for them, so that the server never waits for this client.
+    // Answers are read while there is input, so that the server never waits for this client.
     while (under_way_ > kMostUnderWay) TakeAnswer();
   }
 

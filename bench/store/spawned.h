@@ -9,7 +9,7 @@
 
 namespace zem::bench {
 
-/// Another process, whose standard output is read here; it is killed with this object.
+/// Another process whose standard output is read here; it is killed when this object is destroyed.
 class Spawned {
  public:
   explicit Spawned(const std::vector<std::string>& argv);
@@ -17,9 +17,9 @@ class Spawned {
   Spawned(const Spawned&) = delete;
   Spawned& operator=(const Spawned&) = delete;
 
-  /// Exactly so many bytes.  Throws when the process ends before.
+  /// Reads exactly that many bytes.  Throws when the process ends first.
   void Read(void* bytes, size_t size);
-  /// Up to the end of the line, which is left out.
+  /// Reads to the end of the line and returns it without the line feed.
   std::string Line();
 
  private:

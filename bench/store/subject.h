@@ -7,7 +7,8 @@
 
 namespace zem::bench {
 
-/// One object of the store: its key, some text, and a number, which is 0 unless who watches is to tell of it.
+/// One object of the store: its key, some text, and a number; a number other than 0 has to be reported by the
+/// watcher.
 struct Object {
   uint32_t key = 0;
   int64_t number = 0;
@@ -15,28 +16,28 @@ struct Object {
 std::string KeyText(uint32_t key);
 std::string ObjectText();
 
-/// A store as a process of its own, and the client that writes to it.
+/// A store in a process of its own, and the client that writes to it.
 class Subject {
  public:
   virtual ~Subject() = default;
-  /// Where watchers connect.
+  /// The address to which watchers connect.
   virtual std::string address() const = 0;
-  /// Makes `count` new objects from `first` on, as one transaction; the last one has `number`.  Does
+  /// Sends `count` new objects, numbered from `first`, as one transaction; the last one has `number`.  Does
   /// not wait.
   virtual void Put(Object first, uint32_t count) = 0;
-  /// The store has everything.
+  /// Waits until the store has everything.
   virtual void Flush() = 0;
 };
 
 std::unique_ptr<Subject> MakeOurs();
 std::unique_ptr<Subject> MakeOvsdb();
-/// No store: only for how long single messages take.
+/// The floor: no store, only the time of single messages.
 std::unique_ptr<Subject> MakeFloor();
-/// The process behind it; tells its port on standard output.
+/// The process behind it; it prints its port on standard output.
 [[noreturn]] void Relay();
 
-/// Watches all objects of the store at `address` until the process ends.  `complete` gets how many objects
-/// the first complete reading had, then `told` each number that is not 0.
+/// Watches all objects of the store at `address` until the process ends.  `complete` gets the number of
+/// objects of the first complete reading, then `told` each number that is not 0.
 struct Watcher {
   std::function<void(uint64_t objects)> complete;
   std::function<void(int64_t number)> told;

@@ -72,7 +72,7 @@ void AgentSide::Queue(size_t index) {
   request->request = std::make_shared<zema::CorvdRequest>();
   request->request->connection = index;
   request->op_code = op_code_;
-  // The steps of one operation on a VM share all but the last number.
+  // The steps of one operation on a VM have ids that differ only in the last number.
   request->op_id = "op-" + std::to_string(index) + (op_code_ == VifRequest::kDetach ? "-2" : "-1");
   request->vif_id = vif.id;
   request->ls_id = ls_;

@@ -21,7 +21,7 @@
 namespace zem::bench {
 
 /// The agent from the queue of the host's requests to their replies: pool, handler, blocking manager calls,
-/// port operations.  Log lines are made and go nowhere.
+/// port operations.  Log lines are formatted and discarded.
 ///
 /// Threads: one owner.  Errors: std::runtime_error.
 class AgentSide {
@@ -29,9 +29,10 @@ class AgentSide {
   explicit AgentSide(World& world);
   ~AgentSide();
 
-  /// Each gives the seconds of each operation from its queueing to its reply, `outstanding` at a time.
+  /// Each returns the seconds of every operation from queueing to reply, with `outstanding` operations at a
+  /// time.
   std::vector<double> Attach(const std::vector<Vif>& vifs, size_t outstanding);
-  /// The halves of a move to the next logical switch: the one there, and the one away from the first.
+  /// The two halves of a move to the next logical switch: the attach there, and the detach from the first.
   std::vector<double> AttachNext(const std::vector<Vif>& vifs, size_t outstanding);
   std::vector<double> DetachFirst(const std::vector<Vif>& vifs, size_t outstanding);
 
@@ -73,7 +74,7 @@ class AgentSide {
 
   NoHost host_;
   HostIdentity identity_;
-  /// Port files are written without a host's id, as by the peer.
+  /// Port files are written without a host's id, as the peer writes them.
   HostIdentity nobody_;
   zema::OptionsStore options_;
   NoSwitches no_switches_;
@@ -99,7 +100,7 @@ class AgentSide {
   size_t replied_ = 0;
   std::string failure_;
 
-  zema::HandlerPool pool_;  // ends first
+  zema::HandlerPool pool_;  // destroyed first
 };
 
 }  // namespace zem::bench

@@ -121,7 +121,7 @@ void BareSide::CreatePort(const zema::PortAttached& attached, const Vif& vif) {
        "PersistentPortStateGet");
   Require(zema::WritePortFile(path, {static_cast<const char*>(buffer), length}) == 0, "no file");
   std::free(buffer);
-  // Where the file is, asked once more: it is written behind its port's properties.
+  // The path of the file is asked for again, since the file is written after its port's properties.
   Good(calls_.port_data_get(World::kDvs, port.c_str(), port_props::kPersistPath, &buffer, &length),
        "PortDataGet");
   std::free(buffer);

@@ -11,19 +11,19 @@
 
 namespace zem::bench {
 
-/// Threads that make the library calls, manager calls and files of an attach, and nothing else: what an
-/// attach cannot do without.  Nothing keeps them apart but what is behind the calls.
+/// Threads that make the library calls, manager calls and files of an attach, and nothing else: the least
+/// that an attach needs.  They are synchronised only by the called code.
 ///
 /// Threads: one owner.  Errors: std::runtime_error.
 class BareSide {
  public:
   explicit BareSide(World& world);
 
-  /// Attaches all with so many threads, and gives the seconds of each.
+  /// Attaches all with that many threads, and returns the seconds of each.
   std::vector<double> Attach(const std::vector<Vif>& vifs, size_t threads);
 
  private:
-  /// Where a thread waits for the manager.
+  /// Lets a thread wait for the manager.
   struct Waiter {
     std::mutex mutex;
     std::condition_variable answered;
@@ -37,7 +37,7 @@ class BareSide {
   World& world_;
   const zema::SwitchLibrary::Calls& calls_;
   std::vector<std::unique_ptr<Waiter>> waiters_;
-  InstantManager instant_;  // ends first
+  InstantManager instant_;  // destroyed first
 };
 
 }  // namespace zem::bench

@@ -27,7 +27,7 @@ void InstantManager::Ask(bool attach, const std::string& rpc_id, const std::stri
 }
 
 void InstantManager::Fill(const Question& question, zema::PortAttached* port) {
-  // World's numbers of ports.
+  // The numbers of World's ports.
   const auto numbered = [&question](char kind) {
     std::string id = question.vif;
     id[7] = kind;

@@ -12,7 +12,7 @@
 
 namespace zem::bench {
 
-/// A manager that answers at once, from a thread of its own, as the receive thread is one.
+/// A manager that answers at once, from a thread of its own that corresponds to the agent's receive thread.
 ///
 /// Threads: Ask from any.
 class InstantManager {
@@ -22,7 +22,7 @@ class InstantManager {
   explicit InstantManager(Answer answer);
   ~InstantManager();
 
-  /// The port of a VIF has the VIF's number.  Of a detach nothing is known, as of one after a move.
+  /// A VIF's port has the VIF's number.  The answer to a detach names nothing, as after a move.
   void Ask(bool attach, const std::string& rpc_id, const std::string& vif, const std::string& ls);
 
  private:

@@ -1,5 +1,5 @@
-// Attaches of VIFs with a manager that answers at once, against a bare client that makes the same calls of
-// the library and of the manager.  Ends with lines "vifs CASE METRIC ours=NUMBER peer=NUMBER ratio=NUMBER"; a
+// Attaches of VIFs with a manager that answers at once, against a bare client that makes the same calls to
+// the library and to the manager.  Ends with lines "vifs CASE METRIC ours=NUMBER peer=NUMBER ratio=NUMBER"; a
 // ratio above 1 means ours is better.
 //
 // bench_vifs [ROUNDS [FOLDER]]
@@ -62,7 +62,7 @@ void Print(const std::string& name, const char* metric, double ours, double peer
   std::printf("vifs %s %s ours=%.2f peer=%.2f ratio=%.2f\n", name.c_str(), metric, ours, peer, ratio);
 }
 
-// Of a call in the library's log what it was, without when and on which port.
+// Reduces a call in the library's log to its kind, without time and port.
 std::vector<std::string> Made(World& world) {
   std::vector<std::string> calls;
   for (const std::string& line : world.state().Calls("\"function\"")) {
@@ -78,7 +78,7 @@ std::vector<std::string> Made(World& world) {
   return calls;
 }
 
-// A socket that a thread empties, in the place of the system log's.
+// A socket that a thread empties, in place of the system log's.
 class LogSocket {
  public:
   LogSocket() {
@@ -101,7 +101,7 @@ class LogSocket {
     ::close(ends_[0]);
     ::close(ends_[1]);
   }
-  /// Lines are made and go nowhere.
+  /// Log lines are formatted and discarded.
   static void Quiet() {
     Logger::SetEmitter([](int, const char*) {});
   }
@@ -120,7 +120,7 @@ class Bench {
       : rounds_(rounds), world_(vms_folder), agent_(world_), bare_(world_) {}
 
   int Run() {
-    // The first look at the VIFs reads all ports; it happens once.
+    // The first search for VIFs reads all ports; that happens only once.
     Require(agent_.ports().holders().RefreshVifIndex(), "the ports were not read");
     CheckCalls();
     Warm();
@@ -150,7 +150,7 @@ class Bench {
   }
 
  private:
-  // Both have to make the same calls, or they are not each other's measure.
+  // Both have to make the same calls, otherwise the comparison means nothing.
   void CheckCalls() {
     const auto made = [this](const std::function<void(const std::vector<Vif>&)>& attach) {
       const auto vifs = world_.NewVifs(1);
@@ -191,7 +191,7 @@ class Bench {
     Once([this](const auto& vifs) { return bare_.Attach(vifs, kThreads); }, 200, &ignored);
   }
 
-  // Best of the rounds, one of each in turn.
+  // The best of alternating rounds.
   Figures Throughput() {
     Figures best;
     for (int round = 0; round < rounds_; ++round) {
@@ -205,7 +205,7 @@ class Bench {
     return best;
   }
 
-  // No bare client moves anything: what is beside each figure is the one with the fewest ports.
+  // The bare client moves nothing, so each figure is compared with the one for the fewest ports.
   void Moves(size_t size) {
     double attach = std::numeric_limits<double>::max();
     double detach = std::numeric_limits<double>::max();
@@ -261,8 +261,7 @@ class Bench {
     }
   }
 
-  // What stays in the heap for an interface that is attached; the peer is a table that knows no more than
-  // which VIF is on which port.
+  // Heap memory that an attached interface keeps; the peer is a table that only maps each VIF to its port.
   void Memory() {
     constexpr size_t kInterfaces = 2000;
     const auto vifs = world_.NewVifs(kInterfaces);

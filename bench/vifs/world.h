@@ -11,17 +11,17 @@
 
 namespace zem::bench {
 
-/// An interface of a VM of its own.
+/// An interface of a VM; each VM has one.
 struct Vif {
   std::string id;
   std::string port;
   std::string gcf_path;
-  /// The one that it moves to.
+  /// The logical switch to which it moves.
   std::string next_port;
 };
 
-/// One host switch behind the simulated library, and VMs; all files are in memory where there is such a
-/// place, since the disk is not what is measured, but for the VMs' when they are given another.
+/// One host switch behind the simulated library, and VMs.  All files are in memory if possible, since the
+/// disk is not what is measured; only the VMs' files may be given another folder.
 ///
 /// Threads: one owner.  Errors: std::runtime_error.
 class World {
@@ -31,21 +31,21 @@ class World {
   static constexpr const char* kLs = "5b0c2a52-6d1c-4d2f-9a55-0c8c5f0f8d01";
   static constexpr const char* kNextLs = "5b0c2a52-6d1c-4d2f-9a55-0c8c5f0f8d02";
 
-  /// Empty: with the others.
+  /// Empty: with the other files.
   explicit World(const std::string& vms_folder);
   ~World();
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
-  /// Puts ports of other VMs on the switch until there are so many.
+  /// Adds ports of other VMs to the switch until there are that many.
   void FillUpTo(size_t count);
-  /// Interfaces that there never were, with the directories of their VMs.
+  /// Returns interfaces that have not been used before, with the directories of their VMs.
   std::vector<Vif> NewVifs(size_t count);
-  /// Their ports and files go.
+  /// Removes their ports and files.
   void Remove(const std::vector<Vif>& vifs);
-  /// Each VIF is on its next port and not on the one before; the next port goes.
+  /// Checks that each VIF is on its next port and no longer on the one before, and removes the next port.
   void TakeMoved(const std::vector<Vif>& vifs);
-  /// Each port is there, with its VIF, and its file.
+  /// Checks that each port exists, with its VIF and its file.
   void Check(const std::vector<Vif>& vifs);
 
   zema::SwitchLibrary& library() { return library_; }

@@ -15,10 +15,10 @@ class CommandOptions {
   CommandOptions(const Arguments& arguments, std::initializer_list<const char*> with_value,
                  std::initializer_list<const char*> flags);
 
-  /// Empty, or which word is not known.
+  /// Returns an empty text on success; otherwise the text names the unknown word.
   const std::string& error() const { return error_; }
   const Arguments& positional() const { return positional_; }
-  /// The positional words from `first` on, with blanks between.
+  /// The positional words from index `first` on, joined with blanks.
   std::string Rest(size_t first) const;
 
   bool Has(const char* name) const { return values_.count(name) != 0; }

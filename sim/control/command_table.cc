@@ -15,7 +15,7 @@ class Reply::State {
     try {
       if (!answered_.load()) Answer(false, nullptr, "the command ended without an answer");
     } catch (const std::exception&) {
-      // Out of memory while telling that nothing was told: the asker runs into its own time-out.
+      // Out of memory while reporting the missing answer: the client's own time-out ends its wait.
     }
   }
 
@@ -42,7 +42,7 @@ namespace {
 
 constexpr bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
-// Takes words off the front of a line.
+// Takes one word after the other off the front of a line.
 class Words {
  public:
   explicit Words(std::string_view line) : rest_(line) { SkipBlanks(); }
@@ -50,7 +50,7 @@ class Words {
   bool empty() const { return rest_.empty(); }
   std::string_view rest() const { return rest_; }
 
-  // Nothing when a quote stays open.
+  // Returns nothing when a quote is not closed.
   std::optional<std::string> Take() {
     std::string word;
     char quote = 0;

@@ -13,7 +13,7 @@
 namespace zem::sim {
 
 /// The answer to one command: `{"ok":true,"result":...}` or `{"ok":false,"error":"..."}`.  Copies share it;
-/// the first answer counts.  When the last copy goes unanswered, the asker is told so.
+/// only the first answer is sent.  If the last copy is destroyed without an answer, the client gets an error.
 ///
 /// Threads: all operations from any thread.
 class Reply {
@@ -33,21 +33,21 @@ class Reply {
 using Arguments = std::vector<std::string>;
 
 struct Command {
-  /// One word or several: "put", "fault/status".
+  /// The command's name, one word or several joined by "/": "put", "fault/status".
   std::string name;
-  /// The arguments for people: "VDB TYPE OBJECT".
+  /// The arguments as shown by "help": "VDB TYPE OBJECT".
   std::string usage;
   std::string help;
   size_t min_arguments = 0;
   size_t max_arguments = 0;
-  /// Runs when the number of arguments is right.  It may answer later; an exception is answered with its
-  /// text.
+  /// Called when the number of arguments is right.  It may answer after it has returned; if it throws, the
+  /// exception's text is the error.
   std::function<void(const Arguments& arguments, Reply reply)> handler;
-  /// The last argument is the rest of the line as it stands, quotes and blanks included.
+  /// If set, the last argument is the rest of the line unchanged, quotes and blanks included.
   bool rest_of_line = false;
 };
 
-/// The commands of one process, by name.  "help [COMMAND]" is always there.
+/// The commands of one process, by name.  "help [COMMAND]" is built in.
 ///
 /// Threads: register first, by one thread; then `Execute` from any.
 class CommandTable {
@@ -56,12 +56,12 @@ class CommandTable {
   CommandTable(const CommandTable&) = delete;
   CommandTable& operator=(const CommandTable&) = delete;
 
-  /// A name that is there already is an error of the program: throws std::logic_error.
+  /// Throws std::logic_error when the name is already registered, since that is a programming error.
   void Register(Command command);
 
-  /// Runs one line.  Words are divided by blanks; quotes ("" or '') hold blanks together, inside "" a
-  /// backslash takes the next character as it stands.  An unknown command, a wrong number of arguments or an
-  /// open quote is answered with a text that says so.
+  /// Runs one line.  Blanks separate words; quotes ("" or '') keep blanks in a word, and inside "" a
+  /// backslash escapes the next character.  An unknown command, a wrong number of arguments and an open quote
+  /// are answered with an error that says which it is.
   void Execute(std::string_view line, const Reply& reply) const;
 
  private:

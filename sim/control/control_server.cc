@@ -117,9 +117,9 @@ class ControlServer::Impl : public std::enable_shared_from_this<ControlServer::I
       server->table_.Execute(line, Reply([weak = weak_from_this()](Json answer) {
                                const std::shared_ptr<Client> client = weak.lock();
                                if (!client) return;
-                               // A handler may answer in its own stack or from another thread; both go over
-                               // the strand, so that a client who sends many lines at once does not nest
-                               // them.
+                               // A handler may answer from within its call or from another thread.  Both
+                               // answers are posted to the strand, so that a client that sends many lines at
+                               // once does not deepen the stack.
                                asio::post(client->strand_,
                                           [weak, shared = std::shared_ptr<cJSON>(std::move(answer))] {
                                             if (const auto self = weak.lock()) self->Write(*shared);
@@ -136,7 +136,7 @@ class ControlServer::Impl : public std::enable_shared_from_this<ControlServer::I
                         });
     }
 
-    // A client may send its commands and shut its side down: those that are complete are still answered.
+    // A client may send its commands and shut down its sending side; complete commands are still answered.
     void ReadEnded() {
       ended_ = true;
       if (!input_.empty() && input_.back() != '\n') input_ += '\n';

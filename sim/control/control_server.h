@@ -13,8 +13,8 @@ namespace zem::sim {
 class CommandTable;
 
 /// Serves a command table on an AF_UNIX stream socket: one command per line, one JSON line per answer.  The
-/// commands of one client run one after the other, each after the answer of the one before; any number of
-/// clients at once.
+/// commands of one client run one at a time, each after the previous one was answered; any number of clients
+/// may be connected.
 ///
 /// Threads: the commands run on the provider's threads.
 /// Ownership: `table` and the provider have to outlive the server; destroy it on the provider's one thread or
@@ -25,8 +25,8 @@ class ControlServer {
  public:
   static constexpr size_t kMaxLine = size_t{1} << 20;
 
-  /// Listens at `path`.  A socket that is left from a process which is gone is replaced; one that somebody
-  /// serves, or a file of another kind, throws std::system_error.
+  /// Listens at `path`.  A socket file whose process has ended is replaced; if another process serves it, or
+  /// the file is not a socket, throws std::system_error.
   ControlServer(AsioZemProvider& provider, const CommandTable& table, const std::string& path);
   /// Closes all clients and removes the socket.
   ~ControlServer();

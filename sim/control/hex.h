@@ -6,10 +6,10 @@
 
 namespace zem::sim {
 
-/// Two lower-case digits per byte.
+/// Writes two lower-case digits per byte.
 std::string ToHex(std::string_view bytes);
 
-/// Nothing when the text is not pairs of hexadecimal digits.
+/// Returns nothing when the text does not consist of pairs of hexadecimal digits.
 std::optional<std::string> FromHex(std::string_view digits);
 
 }  // namespace zem::sim

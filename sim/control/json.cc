@@ -12,8 +12,8 @@ cJSON* Checked(cJSON* item) {
   return item;
 }
 
-// cJSON wants texts that end in a zero byte; one inside ends the text, which is right for what is shown to
-// people.
+// cJSON needs zero-terminated texts.  A zero byte inside a text ends it, which is acceptable because these
+// texts are only displayed.
 cJSON* Text(std::string_view text) { return Checked(cJSON_CreateString(std::string(text).c_str())); }
 
 }  // namespace

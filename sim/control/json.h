@@ -28,11 +28,11 @@ void AddMember(cJSON* object, const char* name, uint32_t number);
 void AddMember(cJSON* object, const char* name, bool value);
 void AddMember(cJSON* object, const char* name, Json value);
 
-/// Adds to the end of `array`.
+/// Appends to `array`.
 void AddItem(cJSON* array, Json value);
 void AddItem(cJSON* array, std::string_view text);
 
-/// On one line.
+/// Serialises the value on one line.
 std::string JsonText(const cJSON* value);
 
 }  // namespace zem::sim

@@ -6,7 +6,7 @@
 
 namespace zem::sim {
 
-/// The number that `text` is as a whole; nothing when it is another text, or too large for T.
+/// Parses all of `text` as a number; returns nothing when it is not one or does not fit into T.
 template <class T>
 std::optional<T> NumberOf(std::string_view text) {
   T number{};

@@ -16,7 +16,7 @@
 #include "platform/core/unix_socket.h"
 
 // One thread waits for the listener and the client together.  Commands write to the client from their own
-// threads: they hold a share of its socket, so that its end cannot give the number to another file.
+// threads: they share ownership of its socket, so that the descriptor is not reused while they write.
 
 namespace zem::sim {
 namespace {
@@ -84,7 +84,7 @@ void DataplaneAgent::Die() {
   CloseClient();
   {
     std::lock_guard lock(mutex_);
-    // Those that wait to be taken are refused together with it.
+    // Connections that are queued but not accepted yet are refused together with the listener.
     if (listener_ != nullptr) listener_->Shutdown();
     listener_ = nullptr;
   }
@@ -158,7 +158,7 @@ std::vector<DataplaneAgent::Frame> DataplaneAgent::Received(uint64_t after) cons
 
 void DataplaneAgent::Wake() {
   const uint64_t one = 1;
-  // A counter at its limit wakes as well.
+  // An eventfd whose counter is at its limit is readable too, so a failed write still wakes the thread.
   if (::write(wake_.get(), &one, sizeof(one)) < 0 && errno != EAGAIN) Fail("wake");
 }
 
@@ -174,7 +174,7 @@ void DataplaneAgent::Serve() {
       listener = listener_;
       reading = reading_;
     }
-    // The next client waits until this one has gone.
+    // The next client is accepted only after this one has disconnected.
     std::array<pollfd, 2> fds{{{wake_.get(), POLLIN, 0}, {-1, POLLIN, 0}}};
     if (client != nullptr) {
       fds[1].fd = client->fd();

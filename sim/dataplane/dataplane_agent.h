@@ -29,15 +29,15 @@ struct DataplaneHeader {
   std::string Bytes() const;
 };
 
-/// The node's dataplane agent: serves one client at a time on a stream socket, keeps what comes, sends what
-/// it is told to, well-formed or not.
+/// The node's dataplane agent: serves one client at a time on a stream socket, keeps the frames it receives,
+/// and sends any frame or bytes on request, well-formed or not.
 ///
 /// Threads: all operations from any thread.
 class DataplaneAgent {
  public:
-  /// Bodies above it are a fault of the sender: the connection ends.
+  /// Largest accepted body; a frame with a longer one ends the connection.
   static constexpr uint32_t kMaxFrame = 16 * 1024 * 1024;
-  /// Frames that are kept; the oldest go first.
+  /// Number of frames that are kept; the oldest are dropped first.
   static constexpr size_t kMaxKept = 10000;
 
   struct Frame {
@@ -51,10 +51,10 @@ class DataplaneAgent {
     bool listening;
     bool connected;
     bool reading;
-    /// Clients that were taken since the agent was made.
+    /// Clients accepted since the agent was constructed.
     uint64_t connections;
     uint64_t received;
-    /// What ended the last connection; empty while there was none.
+    /// Why the last connection ended; empty when none has ended.
     std::string last_end;
   };
 
@@ -64,22 +64,22 @@ class DataplaneAgent {
   DataplaneAgent(const DataplaneAgent&) = delete;
   DataplaneAgent& operator=(const DataplaneAgent&) = delete;
 
-  /// Closes the connection and the socket, as the end of the process would; the socket's file stays.
+  /// Closes the connection and the listener, as when the process ends; the socket file stays.
   void Die();
-  /// Listens again, at another path if one is given.  False when it listens already.  Throws
+  /// Listens again, at another path if one is given.  Returns false when it already listens.  Throws
   /// std::system_error.
   bool Return(const std::string& path = {});
 
-  /// Writes bytes as they are, one by one if `byte_by_byte`.  Empty, or why they did not all go out; a client
-  /// that does not take them within 5 seconds is such a reason.
+  /// Writes the bytes unchanged, one by one if `byte_by_byte`.  Returns an empty text, or why not all were
+  /// sent; a client that does not accept them within 5 seconds is such a reason.
   std::string Send(std::string_view bytes, bool byte_by_byte);
-  /// False when there is no client.
+  /// Returns false when no client is connected.
   bool CloseClient();
-  /// While off, what the client sends stays in its socket.
+  /// While off, the agent does not read, so the client's data stays in the socket.
   void SetReading(bool on);
 
   State state() const;
-  /// Frames with a number above `after`, oldest first.
+  /// The frames whose number is greater than `after`, oldest first.
   std::vector<Frame> Received(uint64_t after) const;
 
  private:
@@ -89,7 +89,7 @@ class DataplaneAgent {
   void Serve();
   void Accept();
   void Read(const Client& client);
-  // False when what came is not a frame.
+  // Returns false when the received bytes are not a frame.
   bool TakeFrames();
   void EndClient(const Client& client, const std::string& why);
   void Wake();
@@ -105,7 +105,7 @@ class DataplaneAgent {
   uint64_t connections_ = 0;
   uint64_t last_number_ = 0;
   std::string last_end_;
-  std::string unread_;  // of the client, less than a frame
+  std::string unread_;  // bytes received from the client that are not a whole frame yet
   std::vector<Frame> frames_;
   NativeThread thread_;
 };

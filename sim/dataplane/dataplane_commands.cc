@@ -23,8 +23,8 @@ std::optional<uint32_t> Number(const std::string& text, uint32_t most) {
   return number && *number <= most ? number : std::nullopt;
 }
 
-// A frame around `body`, with what the options say in place of the true header.  Empty with `error` set when
-// they do not read.
+// Makes a frame around `body`; the options replace fields of the true header.  Returns an empty text and sets
+// `error` when the options cannot be parsed.
 std::string FrameOf(const CommandOptions& options, const std::string& body, std::string* error) {
   DataplaneHeader header;
   header.length = static_cast<uint32_t>(DataplaneHeader::kSize + body.size());

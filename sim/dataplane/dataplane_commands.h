@@ -5,7 +5,7 @@ namespace zem::sim {
 class CommandTable;
 class DataplaneAgent;
 
-/// `agent` has to outlive the table's use.
+/// Registers the dataplane agent's commands.  `agent` has to outlive the table.
 void RegisterDataplaneCommands(CommandTable& table, DataplaneAgent& agent);
 
 }  // namespace zem::sim

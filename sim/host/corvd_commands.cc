@@ -23,7 +23,7 @@ namespace {
 constexpr auto kPatience = std::chrono::seconds(60);
 constexpr const char* kVnicSocket = "/etc/orlane/zemaVifDvp";
 
-// False when the option is there and no number.
+// Returns false when the option is given but is not a number.
 bool TakeNumber(const CommandOptions& options, const char* name, uint32_t* number) {
   const auto text = options.Value(name);
   if (!text) return true;
@@ -100,7 +100,7 @@ void Control(HostManagement& daemon, const Arguments& arguments, const Reply& re
   Show(daemon, reply);
 }
 
-// Operations that change nothing, one behind the other, while nobody reads the answers.
+// Requests many operations that change nothing, one after the other, while no answer is read.
 void Burst(HostManagement& daemon, const Arguments& arguments, const Reply& reply) {
   constexpr uint32_t kIgnored = 9;
   constexpr uint32_t kMost = 100000;

@@ -5,8 +5,8 @@ namespace zem::sim {
 class CommandTable;
 class HostManagement;
 
-/// "host-management" and "corvd/...": the host management daemon's socket, what it asks and what is answered;
-/// the host's vNIC updates.  `daemon` has to outlive the table's use.
+/// Registers "host-management" and "corvd/...": the host management daemon's socket, its requests and their
+/// answers, and the host's vNIC updates.  `daemon` has to outlive the table.
 void RegisterCorvdCommands(CommandTable& table, HostManagement& daemon);
 
 }  // namespace zem::sim

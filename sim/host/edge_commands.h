@@ -5,7 +5,8 @@ namespace zem::sim {
 class CommandTable;
 class EdgeService;
 
-/// "edge/...": the edge's own service and how it answers.  `service` has to outlive the table's use.
+/// Registers "edge/...": the state of the edge's own service and the faults of its answers.  `service` has to
+/// outlive the table.
 void RegisterEdgeCommands(CommandTable& table, EdgeService& service);
 
 }  // namespace zem::sim

@@ -43,7 +43,7 @@ void Send(int connection, const std::string& bytes) {
   size_t sent = 0;
   while (sent < bytes.size()) {
     const ssize_t part = ::send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (part < 0) return;  // it does not want to know
+    if (part < 0) return;  // the client has closed the connection
     sent += static_cast<size_t>(part);
   }
 }
@@ -98,7 +98,7 @@ EdgeService::State EdgeService::state() const {
   return state_;
 }
 
-// False at the stop or when the time is over.
+// Returns false when the service stops or the time is over.
 bool EdgeService::WaitFor(int fd, Duration limit) const {
   pollfd waits[2] = {{fd, POLLIN, 0}, {wake_.get(), POLLIN, 0}};
   const int ready = PollUntil(waits, 2, Clock::Process().Now() + limit);
@@ -163,7 +163,7 @@ void EdgeService::Answer(int connection) {
       WaitFor(connection, std::chrono::hours(1));
       return;
     case Fault::Kind::kLate:
-      // Whoever has left by then does not get it.
+      // A client that has disconnected by then gets no answer.
       if (!WaitFor(connection, fault->delay)) Send(connection, answer);
       return;
     default:

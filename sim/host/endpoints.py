@@ -47,7 +47,7 @@ def setting(value, good):
 
 
 def apply_vtep(state, arguments):
-    """Makes the endpoints of a switch those of the list, and tells what became of each."""
+    """Makes the endpoints of a switch match the list, and returns the outcome of each."""
     values = dict(part.partition("=")[::2] for part in arguments.split("|"))
     meta = state.meta(values.get("uuid", ""))
     check(values)
@@ -64,7 +64,7 @@ def apply_vtep(state, arguments):
         raise Refused("malformed endpoints [%s]" % values["vtep"])
     if len({entry[0] for entry in wanted}) != len(wanted):
         raise Refused("an endpoint is in the list twice [%s]" % values["vtep"])
-    # The host makes them in an order of its own.
+    # The host creates them in an order of its own.
     outcome = {entry[0]: apply_entry(state, meta, values, *entry) for entry in sorted(wanted)}
     reply += [outcome[entry[0]] for entry in wanted]
     for device, endpoint in state.endpoints().items():
@@ -137,7 +137,7 @@ def new_endpoint(state, device):
 
 
 def assign(state, endpoint, values, ip, ip6):
-    """A static address as it comes; a dynamic one once, after as many questions as the host is set to."""
+    """A static address at once; a dynamic one is assigned after the configured number of queries."""
     dhcp = state.host["dhcp"]
     kind = "dhcp" if values["dhcp"] == "1" else "static"
     kind6 = "dhcp" if values["ipv6Dhcp"] == "1" else "linklayer" if values["ipv6AutoConf"] == "1" else ""

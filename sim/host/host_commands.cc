@@ -20,11 +20,11 @@ namespace {
 
 constexpr const char* kProcessName = "zemaLum_py";
 
-// What can go wrong in the script, as people call it, and as its faults file does.
+// The faults of the script: the name in commands, and the name in the script's faults file.
 struct Fault {
   const char* name;
   const char* action;
-  /// Used when the command gives none; null when the fault needs one.
+  /// Used when the command gives no value; null when the fault needs one.
   const char* value;
 };
 constexpr Fault kFaults[] = {
@@ -42,7 +42,7 @@ constexpr Fault kFaults[] = {
     {"hang", "hang", ""},
 };
 
-// The pattern of a command's name, or of "op N".
+// The pattern that matches a command by its name or by "op N".
 std::string PatternOf(const std::string& what) {
   if (what.starts_with("op ")) return "^" + what + "$";
   return "^" + what + "(\\(|=|$)";

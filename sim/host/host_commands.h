@@ -5,8 +5,8 @@ namespace zem::sim {
 class CommandTable;
 class HostState;
 
-/// Commands over the simulated host: what it has, what its management script does wrong, its processes.
-/// `state` has to outlive the table's use.
+/// Registers the commands over the simulated host: its objects, the faults of its management script, its
+/// processes.  `state` has to outlive the table.
 void RegisterHostCommands(CommandTable& table, const HostState& state);
 
 }  // namespace zem::sim

@@ -42,7 +42,7 @@ std::string HeaderOf(const HostManagement::Operation& operation, uint32_t payloa
   std::string header(kHeaderSize, '\0');
   PutNumber(header, 0, operation.magic);
   PutNumber(header, 4, operation.version);
-  // Nobody but us knows what these are for.
+  // The reserved bytes get a known content; the agent has to return them unchanged.
   PutText(header, 8, "reserved", 8);
   PutText(header, 16, operation.op_id, 255);
   PutNumber(header, 272, operation.opcode);
@@ -107,7 +107,7 @@ void HostManagement::Wake() {
   Check(static_cast<int>(::write(wake_.get(), &one, sizeof(one))), "wake");
 }
 
-// What was asked on it is never answered.
+// Requests of this connection will never be answered.
 void HostManagement::CloseClientLocked() {
   if (client_) ::shutdown(client_->get(), SHUT_RDWR);
   client_ = nullptr;
@@ -117,7 +117,7 @@ void HostManagement::CloseClientLocked() {
   answered_changed_.NotifyAll();
 }
 
-// One connection at a time, as the agent makes one.
+// Serves one connection at a time, because the agent makes only one.
 void HostManagement::Serve() {
   for (;;) {
     std::shared_ptr<UniqueFd> client;
@@ -207,7 +207,8 @@ void HostManagement::Judge(std::string_view header, std::string_view payload) {
 bool HostManagement::Ask(const Operation& operation, size_t piece) {
   const std::string payload = operation.payload ? PayloadOf(operation) : std::string();
   const std::string header = HeaderOf(operation, static_cast<uint32_t>(payload.size()));
-  // On the connection that it is noted for, though that may be gone by then.
+  // The request has to go out on the connection that it is recorded for, even if that one has been closed by
+  // now.
   std::shared_ptr<UniqueFd> client;
   {
     const std::lock_guard lock(mutex_);

@@ -17,8 +17,8 @@
 
 namespace zem::sim {
 
-/// The host management daemon: its socket, and the port operations that it asks for over it.  It keeps what
-/// has not been answered, and notes each answer that is none of its questions'.
+/// The host management daemon: its socket, and the port operations that it requests over it.  It keeps the
+/// requests that have not been answered, and records each answer that matches no request.
 ///
 /// Threads: all operations from any thread.
 class HostManagement {
@@ -28,11 +28,11 @@ class HostManagement {
   explicit HostManagement(std::string path = kSocket);
   ~HostManagement();
 
-  /// Closes the socket and all connections; again is harmless.
+  /// Closes the socket and all connections.  Calling it twice has no effect.
   void Stop();
-  /// Listens again.  Throws std::system_error.
+  /// Listens, if it does not listen already.  Throws std::system_error.
   void Start();
-  /// Closes the connection and goes on listening.
+  /// Closes the connection; the socket keeps listening.
   void Drop();
 
   struct State {
@@ -53,30 +53,31 @@ class HostManagement {
     uint32_t version = 1;
     bool payload = true;
   };
-  /// Asks, in pieces of `piece` bytes if that is not 0; false without connection.
+  /// Sends a request, in pieces of `piece` bytes unless that is 0.  Returns false without a connection.
   bool Ask(const Operation& operation, size_t piece = 0);
-  /// Any bytes; false without connection.
+  /// Sends any bytes.  Returns false without a connection.
   bool SendRaw(std::string_view bytes);
-  /// Off: answers pile up in the socket.
+  /// While off, answers are not read and stay in the socket.
   void SetReading(bool on);
 
   struct Answer {
     std::string op_id;
     uint32_t status = 0;
-    /// Without the zero that ends it.
+    /// The text without its terminating zero.
     std::string text;
     uint64_t connection = 0;
     TimePoint at{};
   };
   std::vector<Answer> answers() const;
-  /// Waits for the answer to one question.  Nothing when the connection ends before, or in time it does not
-  /// come.
+  /// Waits for the answer to one request.  Returns nothing when the connection ends first or the time is
+  /// over.
   std::optional<Answer> WaitForAnswer(const std::string& op_id, TimePoint until) const;
-  /// Waits until so many answers have come.
+  /// Waits until that many answers have been received.
   bool WaitForAnswers(size_t count, int seconds) const;
-  /// Asked on the connection that is there, and not answered.
+  /// Requests on the present connection that have no answer yet.
   std::vector<std::string> outstanding() const;
-  /// Answers to what was not asked on their connection, second ones, changed headers, broken frames.
+  /// Protocol errors of the agent: answers to requests of another connection or to none, second answers,
+  /// changed headers, broken frames.
   std::vector<std::string> violations() const;
 
  private:
@@ -98,10 +99,10 @@ class HostManagement {
   std::string received_;
   State state_;
   bool stopping_ = false;
-  std::map<std::string, std::string> asked_;  // op id to header
+  std::map<std::string, std::string> asked_;  // operation id to request header
   std::set<std::string> answered_;
   std::vector<Answer> answers_;
-  std::map<std::string, size_t> last_answers_;  // to each op id since it was last asked, in answers_
+  std::map<std::string, size_t> last_answers_;  // operation id to index into answers_, since the last request
   std::vector<std::string> violations_;
   mutable Condition answered_changed_;
   NativeThread thread_;

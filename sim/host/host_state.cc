@@ -84,7 +84,7 @@ Json HostState::Read() const {
   return host;
 }
 
-// Those that a change at `path` may have touched.
+// Writes the VMs that a change at `path` may have touched.
 void HostState::WriteVms(const std::string& path, const cJSON* vms) const {
   VmJournal journal(VmFile());
   journal.Refresh();
@@ -126,7 +126,7 @@ Json HostState::Networks() const {
   std::ifstream file(Path(kNetworksFile));
   std::string line;
   while (std::getline(file, line)) {
-    // The last line may be half written.
+    // The last line may be incomplete.
     Json change(cJSON_Parse(line.c_str()));
     if (!change) continue;
     const std::string op = TextOf(change.get(), "op");

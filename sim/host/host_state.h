@@ -10,12 +10,12 @@
 namespace zem::sim {
 
 /// The simulated host's state, as its management script keeps it: a file tree that both change under one
-/// lock. Its form is told by simstate.py.
+/// lock.  simstate.py describes the format.
 ///
-/// Threads: all operations from any thread.  Errors: std::runtime_error with a text for people.
+/// Threads: all operations from any thread.  Errors: std::runtime_error with a readable text.
 class HostState {
  public:
-  /// The environment's ZEM_SIM_ROOT, or where it is without.
+  /// The root of the tree: the environment's ZEM_SIM_ROOT, or the default path.
   static std::string DefaultRoot();
 
   explicit HostState(std::string root) : root_(std::move(root)) {}
@@ -23,30 +23,30 @@ class HostState {
   /// The host without its opaque networks; its VMs are under "vms".
   Json Read() const;
   std::string VmFile() const { return Path("vms.log"); }
-  /// Puts `value` at a path of member names with dots between; the members on the way must be there.
+  /// Sets the value at a dotted path of member names; all members on the way have to exist.
   void Set(const std::string& path, const std::string& value) const;
 
-  /// The opaque networks by uuid, each an object.
+  /// The opaque networks by uuid, each a JSON object.
   Json Networks() const;
 
-  /// The faults' rows.
+  /// The rows of the faults file.
   std::vector<std::string> Faults() const;
   void AddFault(const std::string& row) const;
   void ClearFaults() const;
 
-  /// How the next start of the script begins: the first answer to "ping", or "never"; and how often it is
-  /// still "initializing" after the login.
+  /// How the next start of the script begins: `word` is the first answer to "ping", or "never" for none;
+  /// after the login it reports "initializing" `polls` times.
   void SetStart(const std::string& word, int polls) const;
 
   void KeepFramesWhole(bool on) const;
-  /// The last `count` frames that hold `part`, in their order.
+  /// The last `count` frames that contain `part`, oldest first.
   Json Frames(size_t count, const std::string& part) const;
 
-  /// The last `count` calls to read the controllers' file, each with the file as it was then.
+  /// The last `count` requests to reload the controllers' file, each with the file's content at that time.
   Json Reloads(size_t count) const;
-  /// The last `count` runs of the resync's script, each with its arguments and what it said.
+  /// The last `count` runs of the resync script, each with its arguments and its output.
   Json ResyncRuns(size_t count) const { return Lines("resync_runs.log", count, ""); }
-  /// How further ones go: the code and what is printed.
+  /// Sets the exit code and the output of the following reloads.
   void SetReload(int code, const std::string& text) const;
 
  private:

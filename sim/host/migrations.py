@@ -8,7 +8,7 @@ import simstate
 from simstate import Refused
 from switches import items, refuse_management_loss
 
-# Thirteen characters: what follows is the list of endpoints that did not move, and "|" and the reason.
+# Thirteen characters; the list of endpoints that did not move follows, then "|" and the reason.
 FAILED_PREFIX = "failed VTEPs:"
 
 
@@ -54,7 +54,7 @@ def wanted_port(state, switch, device, vif, logical_switch):
 def migrate_to_ls(state, arguments):
     values = values_of(arguments)
     switch = values.get("dvsUuid", [""])[0]
-    state.meta(switch)  # refuses one that there is not
+    state.meta(switch)  # raises Refused for an unknown switch
     pairs = pairs_of(values)
     failed, moves, path = [], [], ""
     for entry in values.get("knlToLs", []):
@@ -83,7 +83,7 @@ def migrate_to_ls(state, arguments):
     refuse_management_loss(state, [name for name, _ in pairs], moving)
     for move in moves:
         move()
-    # Those that the switch is to have, as its record would say.
+    # The uplinks that the switch is to have, in the form of its record.
     if pairs:
         state.give_pnics(switch, pairs)
     return "ok:" + path if path else "ok"
@@ -197,7 +197,7 @@ def get_knls(state, types):
 
 
 def validate_for_del(state, _):
-    """The host can lose the agent while no VM hangs on its logical switches."""
+    """Checks that the agent can be removed: no VM may be connected to its logical switches."""
     connected = connected_vifs(state)
     return "connected VIFs: " + ",".join(connected) if connected else "ok"
 

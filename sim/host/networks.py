@@ -14,7 +14,7 @@ def create(state, arguments):
     """ "uuid=..|name=..|path=..|zone=..|revision=..,..."; all or none. """
     state.networks.refresh()
     changes = []
-    # A name may hold commas: an entry ends where the next begins.
+    # A name may contain commas: an entry ends where the next one begins.
     for entry in arguments.split(",uuid="):
         values = entry_values(entry if entry.startswith("uuid=") else "uuid=" + entry)
         if not values.get("uuid") or "revision" not in values:
@@ -44,7 +44,7 @@ def delete(state, arguments):
         uuid = entry_values(entry).get("uuid")
         if not uuid:
             raise Refused("malformed opaque network [%s]" % entry)
-        # One that is not there is gone already.
+        # A network that does not exist needs no removal.
         changes.append({"op": "delete", "uuid": uuid})
     state.networks.refresh()
     state.networks.add(changes)
@@ -52,7 +52,7 @@ def delete(state, arguments):
 
 
 def apply_bulk(state, data):
-    """Operation 11: a piece of the whole list; the first piece forgets what was."""
+    """Operation 11: one piece of the complete list; the first piece clears the previous list."""
     flag, switches = messages.logical_switch_bulk(data)
     if flag not in (0, 1):
         raise Refused("malformed continuation [%d]" % flag)

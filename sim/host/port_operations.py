@@ -1,6 +1,6 @@
-"""Port operations in the middle of a move of interfaces: the host's management tells its daemon which vNICs move, and the
-daemon asks for their ports with the move's own id.  The move waits for the answers, since who serves them has to leave
-the ports of a move to the move itself.
+"""Port operations in the middle of a move of interfaces: the host's management names the moving vNICs to its daemon, and
+the daemon requests their ports with the move's own id.  The move waits for the answers, since the agent has to leave the
+ports of a move to the move itself.
 """
 
 import json
@@ -12,12 +12,12 @@ from simstate import Refused
 
 CONTROL = os.environ.get("ZEM_NODE_CONTROL", "/run/zem-node/control")
 DETACH, ATTACH_TO_VIF = 2, 8
-# Until the daemon's client is there.
+# Seconds within which the daemon's client has to be connected.
 PATIENCE = 15
 
 
 def node_command(words):
-    """One command of the node; its result."""
+    """Runs one command of the node and returns its result."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as node:
         node.connect(CONTROL)
         node.sendall((" ".join('"%s"' % word for word in words) + "\n").encode())
@@ -55,5 +55,5 @@ def before_move(opcode):
     return tell
 
 
-# What is done before a command, while others may still look at the host.
+# Actions that run before a command, while others may still read the host's state.
 BEFORE = {"migrateToLS": before_move(ATTACH_TO_VIF), "migrateToPLN": before_move(DETACH)}

@@ -60,7 +60,7 @@ RawExchange ExchangeRaw(const std::string& target, const std::string& bytes, boo
   while (sent < bytes.size()) {
     const ssize_t n = ::send(fd.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) break;  // closed while it was written; the read tells
+    if (n < 0) break;  // the peer closed the connection; the read reports that
     sent += static_cast<size_t>(n);
   }
   if (leave) return exchange;
@@ -124,7 +124,7 @@ class RawListeners::Listener : public std::enable_shared_from_this<Listener> {
   tcp::acceptor acceptor_;
   const std::string greeting_;
   std::set<std::shared_ptr<tcp::socket>> clients_;
-  std::array<char, 4096> unread_{};  // nobody looks at it
+  std::array<char, 4096> unread_{};  // received bytes, which are discarded
   std::atomic<uint64_t> connections_{0};
 };
 

@@ -14,12 +14,12 @@ class io_context;
 
 namespace zem::sim {
 
-/// What came back on a raw connection.
+/// The result of an exchange over a raw connection.
 struct RawExchange {
-  /// Empty, or why the connection could not be made or written.
+  /// Empty, or why connecting or writing failed.
   std::string error;
   std::string received;
-  /// The peer closed within the time.
+  /// True when the peer closed the connection within the time.
   bool closed = false;
 };
 
@@ -27,8 +27,8 @@ struct RawExchange {
 /// until the peer closes or `timeout` has passed.  With `leave` it closes at once instead of reading.
 RawExchange ExchangeRaw(const std::string& target, const std::string& bytes, bool leave, Duration timeout);
 
-/// Stands in the place of a server: listens on local ports, writes fixed bytes to whoever connects, and reads
-/// without end.
+/// Takes the place of a server: listens on local ports, writes fixed bytes to every client, and reads and
+/// discards what clients send.
 ///
 /// Threads: all operations from any thread; the sockets are served by the context's threads, whose loop has
 /// to end before the object.
@@ -39,9 +39,9 @@ class RawListeners {
 
   /// Throws boost::system::system_error when the port is taken.
   void Listen(uint16_t port, const std::string& greeting);
-  /// Ends the listener and its connections.  False when there is none.
+  /// Closes the listener and its connections.  Returns false when nothing listens on the port.
   bool Close(uint16_t port);
-  /// Connections that were taken, by port.
+  /// The number of accepted connections, by port.
   std::map<uint16_t, uint64_t> Connections() const;
 
  private:

@@ -1,15 +1,15 @@
 #!/usr/bin/python3
-"""Tells the daemon what of the simulated host's ports the manager has not heard of: resync.py INTERVAL DO_VM_CHECK.
+"""Reports to the daemon what the manager does not know of the simulated host's ports: resync.py INTERVAL DO_VM_CHECK.
 
 One line of text: "ok", or commands with "," between, each of words with "|" between:
   attach|VIF|LOGICAL SWITCH|VM PATH|LOGICAL PORT   the port waits with "attach_port", and the vNIC of the VIF is on it
   attach|VIF|LOGICAL SWITCH|VM PATH                a running vNIC without a port; only with DO_VM_CHECK 1
   detach|VIF|LOGICAL PORT|LOGICAL SWITCH|VM PATH   the port waits with "detach_port", and no vNIC has taken it again
-or "error" and what is wrong.  What waits on a port without a VIF is old and says nothing.  Words that hold "," or "|"
-cannot be said: such an entry is left out.
+or "error" and what is wrong.  A mark on a port without a VIF is obsolete and ignored.  An entry with "," or "|" in one of
+its words cannot be expressed and is left out.
 
-Faults (simstate.py) go by the name "resync".  Each run leaves its arguments, what it said and left out in
-"<root>/host/resync_runs.log"; one that hangs leaves its line before.
+Faults (simstate.py) have the name "resync".  Each run appends its arguments, its output and the entries left out to
+"<root>/host/resync_runs.log"; one that hangs appends its line first.
 """
 
 import ctypes
@@ -23,12 +23,12 @@ import simstate
 PENDING = "com.orlane.port.extraConfig.portOp.pending"
 PERSIST = "com.orlane.common.port.volatile.persist"
 NO_VM = "knlnic"
-# A port of the host's own, which the manager only secures.
+# A port of the host's own, for which the manager only sets security.
 PORT_GROUP = "dvportgroup-"
 
 
 def running_vnics(state):
-    """By VIF, the vNICs that are connected: the VM's path, and the logical switch."""
+    """The connected vNICs by VIF: the VM's path, and the logical switch."""
     return {
         vnic["vif"]: (machine["path"], vnic.get("ls", ""))
         for machine in state.vms.values()
@@ -108,7 +108,7 @@ def main():
             time.sleep(3600)
         sys.exit(1)
     with state.locked():
-        pass  # the VMs as they are now; ports are read without keeping anybody from them
+        pass  # takes the VMs as they are now; the ports are read without the lock
     found = commands(state, entry["doVmCheck"])
     said = [command for command in found if speakable(command)]
     reply = value if action == "reply" else ",".join("|".join(command) for command in said) or "ok"

@@ -1,10 +1,9 @@
 """The state of the simulated host: one file tree, which the switch libraries and the node's commands share.
 
 Root: ZEM_SIM_ROOT (default /var/run/orlane/sim).  "switch" below it is the kernel's part (switches, ports, endpoints),
-"host" is what the host's management knows: its physical NICs, interfaces, flags; in journals of their own its VMs and
-its opaque networks.  Every change
-is made under a lock on "<root>/lock"; a file is written under another name and renamed, so that a reader never sees
-half of one, and whoever dies in the middle leaves the state before.
+"host" is the state of the host's management: physical NICs, interfaces and flags; VMs and opaque networks are in
+journals of their own.  Every change is made under a lock on "<root>/lock"; a file is written under another name and
+renamed, so that a reader never sees half of one, and a process that dies in the middle leaves the previous state.
 
 As a program it makes a host:  simstate.py init [--pnics vmnic0,vmnic1] [--ifs knl0=management,knl1=other]
 """
@@ -20,7 +19,7 @@ import struct
 import time
 
 DEFAULT_ROOT = "/var/run/orlane/sim"
-# The flag that every property of a switch or a port is set with.
+# The flag with which every property of a switch or a port is set.
 PROPERTY_FLAG = 16
 
 VSWITCH_STATUS = "com.orlane.common.opaqueDvs.status.component.vswitch"
@@ -32,11 +31,11 @@ ATTACHMENT_STATE = "com.orlane.port.extraConfig.attachment.state"
 
 
 class Refused(Exception):
-    """What the host says to a command that it does not carry out."""
+    """The host's reply to a command that it does not carry out."""
 
 
 def write_file(path, data):
-    # Hidden, so that nobody takes it for a property or a port.
+    # Hidden, so that it is not read as a property or a port.
     folder, name = os.path.split(path)
     temporary = os.path.join(folder, ".%s.%d.tmp" % (name, os.getpid()))
     with open(temporary, "wb") as file:
@@ -69,7 +68,7 @@ class Journal:
     """Opaque networks or VMs: objects by uuid.
 
     A host may have 10,000 of them and get one more every few milliseconds, so each change is a line at the end of
-    one file; the file is written anew when it has grown far beyond what it says.
+    one file; the file is rewritten when it has many more lines than objects.
     """
 
     def __init__(self, path):
@@ -83,7 +82,7 @@ class Journal:
         self.entries, self.inode, self.read, self.lines = {}, None, 0, 0
 
     def refresh(self):
-        """Reads what another process has written."""
+        """Reads what other processes have written."""
         try:
             stat = os.stat(self.path)
         except FileNotFoundError:
@@ -97,7 +96,7 @@ class Journal:
         with open(self.path, "r+b") as file:
             file.seek(self.read)
             for line in file:
-                # A line that its writer did not finish says nothing, and must not run into the next.
+                # An incomplete line of a writer that died is ignored, and must not merge with the next line.
                 if not line.endswith(b"\n"):
                     file.truncate(self.read)
                     break
@@ -142,18 +141,18 @@ class State:
         self.networks = Journal(os.path.join(self.host_dir, "opaque_networks.log"))
         self.machines = Journal(os.path.join(self.host_dir, "vms.log"))
         self.changed_vms = set()
-        # A list of opaque networks comes in pieces, to one script.
+        # A list of opaque networks arrives in pieces, all at the same script.
         self.bulk_begun = False
         self.host = {}
         self.host_seen = None
-        # What is to be written of switches after the host: who dies in between leaves an interface on a switch that
-        # does not have its physical NIC yet, and not one that nobody has.
+        # Changes of switches that are written after the host.  If the script dies in between, an interface is on a
+        # switch that does not have its physical NIC yet.
         self.metas = {}
         self.lock_file = open(os.path.join(self.root, "lock"), "w", encoding="utf-8")
 
     @contextlib.contextmanager
     def locked(self):
-        """Nobody else changes anything meanwhile; `host` is as it stands and is written when it was changed."""
+        """Holds the lock; `host` is the present state and is written if it was changed."""
         fcntl.flock(self.lock_file, fcntl.LOCK_EX)
         try:
             self.refresh_host()
@@ -168,7 +167,7 @@ class State:
             if self.changed_vms:
                 self.machines.add([dict(self.vms[uuid], op="set", uuid=uuid) for uuid in self.changed_vms])
         except BaseException:
-            # What was changed in memory only has not happened.
+            # Changes that were made only in memory are undone.
             self.host_seen = None
             self.machines.forget()
             raise
@@ -179,7 +178,7 @@ class State:
 
     @property
     def vms(self):
-        """The VMs by uuid; who changes one adds its uuid to `changed_vms`."""
+        """The VMs by uuid; code that changes one adds its uuid to `changed_vms`."""
         return self.machines.entries
 
     def host_stamp(self):
@@ -196,7 +195,7 @@ class State:
             self.host_seen = stamp
 
     def fault(self, what):
-        """The action of the first fault that matches, and its value; one that has been used as often as it says goes."""
+        """Returns action and value of the first matching fault; a fault is removed when its count is used up."""
         path = os.path.join(self.host_dir, "faults")
         if not os.path.exists(path):
             return None, ""
@@ -228,7 +227,7 @@ class State:
         return None, ""
 
     def heal(self):
-        """Finishes what somebody who died in the middle began: what the kernel's part says holds."""
+        """Completes a change that a process did not finish before it died; the kernel's part of the state decides."""
         for pnic in self.host["pnics"].values():
             if pnic["owner"] and pnic["owner"]["kind"] == "switch":
                 pnic["owner"] = None
@@ -297,7 +296,7 @@ class State:
         return read_property(self.switch_path(switch, "ports", port, "p", name))
 
     def port_of(self, switch, vif, logical_switch):
-        """The port that holds the VIF in the logical switch, which somebody must have made."""
+        """Returns the port that holds the VIF in the logical switch; it must have been made before."""
         for port in self.port_keys(switch):
             if self.port_prop(switch, port, EXTERNAL_ID) == vif and (
                 self.port_prop(switch, port, OPAQUE_NETWORK) == logical_switch
@@ -306,7 +305,7 @@ class State:
         return None
 
     def plug(self, switch, port, vnic):
-        """Connects a port with what uses it, or with nothing."""
+        """Connects a port to its user, or disconnects it."""
         path = self.switch_path(switch, "ports", port, "state.json")
         state = read_json(path, {})
         state["connectedVnic"] = vnic
@@ -314,7 +313,7 @@ class State:
         write_json(path, state)
 
     def plugged_vm(self, switch, port):
-        """Whose vNIC is on the port: as much as it was told of the VM; empty for none."""
+        """The VM whose vNIC is on the port, as far as the port records it; empty for none."""
         state = read_json(self.switch_path(switch, "ports", port, "state.json"), {})
         return state.get("vmUuid") or state["connectedVnic"] if state.get("connectedVnic") else ""
 
@@ -338,8 +337,8 @@ class State:
     def remove_endpoint(self, device):
         os.unlink(os.path.join(self.knlnics_dir, device + ".json"))
 
-    # --- physical NICs: their owner is {"kind": "standard", "switch": name}, {"kind": "switch", "switch": id,
-    # "uplink": name} or None
+    # --- physical NICs: their owner is {"kind": "standard", "switch": name}, {"kind": "switch", "switch": id, "uplink":
+    # name} or None
 
     def pnics_of(self, kind, switch):
         return [
@@ -349,7 +348,7 @@ class State:
         ]
 
     def give_pnics(self, switch, pairs):
-        """Makes the physical NICs of a host switch those of `pairs`, (name, uplink)."""
+        """Makes the physical NICs of a host switch match `pairs`, (name, uplink)."""
         for name, _ in pairs:
             pnic = self.host["pnics"].get(name)
             if pnic is None:
@@ -366,7 +365,7 @@ class State:
         self.metas[switch] = meta
 
     def interfaces_on(self, kind, switch):
-        """Interfaces, by device, whose place is a switch of this kind."""
+        """The interfaces, by device, that are on a switch of this kind."""
         return {
             device: knl
             for device, knl in sorted(self.host["interfaces"].items())
@@ -416,7 +415,8 @@ def new_host(pnics, interfaces):
             for i, (device, kind) in enumerate(interfaces.items())
         },
         "guestLane": {"interface": None, "switches": []},
-        # Addresses that endpoints get when nobody gives them one: the next, and how many questions come first.
+        # Addresses for endpoints that get none by configuration: the next one, and the number of queries before it is
+        # assigned.
         "dhcp": {"prefix": "192.168.50.", "next": 10, "prefix6": "fd00:50::", "polls": 0},
         "endpointIds": {"next": 1},
     }

@@ -17,7 +17,7 @@ def items(text, separator=","):
 
 
 def refuse_management_loss(state, pnics, moving=()):
-    """The interface that manages the host must keep a physical NIC under it, unless it moves as well."""
+    """The interface that manages the host must keep a physical NIC on its switch, unless it moves as well."""
     for name, standard in state.host["standardSwitches"].items():
         managed = [
             device
@@ -35,13 +35,13 @@ def number_in(text, least, most):
 
 
 def check_vlan(text):
-    """No VLAN, or one that a frame can carry."""
+    """Accepts no VLAN, or a valid VLAN number."""
     if text and not number_in(text, 0, 4094):
         raise Refused("malformed VLAN [%s]" % text)
 
 
 def check_mtu(text, what="MTU"):
-    """0 leaves it to the host."""
+    """0 leaves the choice to the host."""
     if text not in ("", "0") and not number_in(text, 1280, 9190):
         raise Refused("malformed %s [%s]" % (what, text))
 
@@ -133,8 +133,8 @@ def apply_record(state, fields, pairs):
         }
     )
     state.write_meta(meta)
-    # No physical NICs: either they come with interfaces that move in, or they leave.  Under interfaces that are
-    # here they stay.
+    # Without physical NICs: they either arrive with interfaces that move in, or leave.  NICs below interfaces that are
+    # on this switch stay.
     if pairs or not state.interfaces_on("logical", switch):
         state.give_pnics(switch, pairs)
     state.set_host_prop(switch, simstate.VSWITCH_STATUS, "up")

@@ -20,9 +20,9 @@ constexpr uint32_t kAttachToVif = 8;
 constexpr uint32_t kAttachLiveMove = 9;
 constexpr uint32_t kDetachLiveMove = 10;
 constexpr size_t kRemembered = 100000;
-// On a host with more ports it is only looked whether the VIF's own ports are free of it.
+// On a host with more ports, only the VIF's own ports are searched for it.
 constexpr size_t kFewPorts = 300;
-// Worth a look at all ports all the same.
+// With at least this many steps, one walk over all ports is worth its time even on such a host.
 constexpr size_t kManySteps = 20;
 
 constexpr const char* kAttachPending = "attach_port";
@@ -40,7 +40,7 @@ bool Matches(const std::string& uuid, const cJSON* machine, const std::string& p
   return name == pattern || uuid == pattern;
 }
 
-// Security alone: the port is the host's own and stays.
+// A port group wants only security settings for its port: the port belongs to the host and stays.
 bool IsPortGroup(const std::string& ls) { return ls.starts_with("dvportgroup-"); }
 
 bool FewPorts() {
@@ -82,7 +82,7 @@ void NeedOn(const VirtualMachine& machine, bool on) {
 
 }  // namespace
 
-// VMs that nobody else changes meanwhile.
+// VMs that are reserved for one change, so that no other change touches them.
 class VirtualMachines::Claim {
  public:
   explicit Claim(VirtualMachines* owner) : owner_(owner) {}
@@ -232,7 +232,7 @@ VmStep VirtualMachines::StepOf(const VirtualMachine& machine, const std::string&
   return step;
 }
 
-// All are on their way before the first answer is waited for, as a host that starts many VMs does it.
+// Sends all requests before it waits for the first answer, like a host that starts many VMs at once.
 void VirtualMachines::AskAll(Steps* steps, const Options& options) {
   if (options.agent_down) {
     for (VmStep& step : *steps) step.answered = true;
@@ -289,7 +289,7 @@ void VirtualMachines::Plug(VmStep* step, Vnic* vnic) {
   vnic->connected = true;
 }
 
-// The port that the VIF had on the switch: in memory, or of its file.
+// Uses the port that the VIF had on the switch, as it is in memory or in the port's file.
 void VirtualMachines::AttachAlone(VmStep* step, Vnic* vnic) {
   const std::string folder = step->path.substr(0, step->path.rfind('/'));
   auto place = PortOfVif(step->vif, step->ls, {});
@@ -312,7 +312,7 @@ void VirtualMachines::DetachAlone(VmStep* step) {
   if (place) step->problem = TakePort(*place, step->vif, kDetachPending);
 }
 
-// Behind an attach the VIF is on one port alone, behind a detach on none of that switch.
+// After an attach, the VIF has to be on exactly one port; after a detach, on no port of that switch.
 void VirtualMachines::Inspect(Steps* steps) {
   const bool all_ports = steps->size() >= kManySteps || FewPorts();
   std::map<std::string, std::vector<PortPlace>> holders;
@@ -377,7 +377,7 @@ VirtualMachines::Steps VirtualMachines::PowerOn(const std::vector<std::string>& 
     std::advance(step, machine.vnics.size());
     machine.on = std::all_of(first, step, [](const VmStep& each) { return each.good(); });
     if (!machine.on) {
-      // What it got before one failed is given back.
+      // Ports that were attached before one failed are released.
       for (auto each = first; each != step; ++each) {
         Unplug(&machine.vnics.at(each->device));
         if (each->answered && each->status == 0 && !options.agent_down) {
@@ -407,7 +407,7 @@ VirtualMachines::Steps VirtualMachines::PowerOff(const std::vector<std::string>&
       steps.push_back(StepOf(machine, device, kDetach, stem + "-" + std::to_string(++number)));
     }
     machine.on = false;
-    // It is off, whatever is answered.
+    // The VM is off whatever the agent answers.
     Save(machine);
   }
   AskAll(&steps, options);
@@ -582,7 +582,7 @@ VirtualMachines::Steps VirtualMachines::Relocate(const std::string& name, const 
     }
     Save(machine);
     AskAll(&leaving, options);
-    // The VM runs on: its ports keep their VIFs, whatever the place that it left is told.
+    // The VM runs on the other host, so its ports keep their VIFs after the detach at the place that it left.
     for (VmStep& step : leaving) {
       if (step.good() && !PortOfVif(step.vif, step.ls, LikelyPorts(step))) {
         step.problem = "no port holds VIF [" + step.vif + "] any more";

@@ -20,7 +20,7 @@
 
 namespace zem::sim {
 
-/// One port operation of a VM: what was asked, how it was answered, and what the host then found.
+/// One port operation of a VM: the request, its answer, and the state that the host then found.
 struct VmStep {
   std::string vm;
   std::string uuid;
@@ -34,67 +34,68 @@ struct VmStep {
   uint32_t status = 0;
   std::string text;
   int64_t took_us = 0;
-  /// Empty: all is as it has to be.
+  /// The first error found; empty when there was none.
   std::string problem;
 
   bool good() const { return answered && status == 0 && problem.empty(); }
 };
 
-/// The VMs of the host management daemon: each of their changes asks for port operations, waits for the
-/// answers, and connects a vNIC only with a port that really is there for it.  So an answer without the work
-/// behind it is a problem, which ends the change.
+/// The VMs of the host management daemon.  Each change of a VM requests port operations, waits for the
+/// answers, and connects a vNIC only to a port that really exists for it.  A positive answer without the work
+/// behind it is therefore reported as a problem and ends the change.
 ///
-/// Threads: all operations from any thread; they wait.  One change of one VM at a time: a second is refused.
-/// Errors: std::runtime_error with a text for people.
+/// Threads: all operations from any thread; they block.  A VM takes one change at a time: a second is
+/// refused.  Errors: std::runtime_error with a readable text.
 class VirtualMachines {
  public:
   VirtualMachines(HostManagement& daemon, std::string journal_file);
-  /// Stops the daemon and waits for the changes that are under way.
+  /// Stops the daemon and waits for the changes in progress.
   ~VirtualMachines();
 
   using Steps = std::vector<VmStep>;
   struct Options {
     uint32_t opcode = 8;
     Duration patience = std::chrono::seconds(70);
-    /// Nobody is asked: the host does what it can alone, and notes on the port what the manager does not
-    /// know.
+    /// The agent is down: the host sends no request, does what it can alone, and marks on the port what the
+    /// manager does not know.
     bool agent_down = false;
   };
 
-  /// Makes VMs with a folder below `folder`, powered off; `vnics` as DEVICE to VIF (empty: a new one) and
-  /// switch.
+  /// Makes powered-off VMs, each with a folder below `folder`.  `vnics` maps DEVICE to its VIF (empty: a new
+  /// one) and logical switch.
   std::vector<VirtualMachine> Create(const std::vector<std::string>& names, const std::string& folder,
                                      const std::map<std::string, Vnic>& vnics);
-  /// A copy of a VM's folder under another name beside it, with VIFs of its own; powered off.
+  /// Copies a VM's folder to another name beside it and gives the copy VIFs of its own; the copy is powered
+  /// off.
   void Clone(const std::string& name, const std::string& copy);
-  /// Forgets a VM that is off; with its folder unless `keep`.
+  /// Removes a powered-off VM from the host, and its folder unless `keep`.
   void Delete(const std::string& name, bool keep);
 
-  /// A name, a uuid, or a name with "*" at its end.
+  /// Selects VMs by a name, a uuid, or a name prefix followed by "*".
   std::vector<VirtualMachine> Find(const std::string& pattern);
   std::vector<VirtualMachine> All();
 
   Steps PowerOn(const std::vector<std::string>& patterns, const Options& options);
   Steps PowerOff(const std::vector<std::string>& patterns, const Options& options);
-  /// The vNIC goes to another switch: attach there, then detach from where it was.
+  /// Moves the vNIC to another switch: attaches it there, then detaches it from the old one.
   Steps Move(const std::vector<std::string>& patterns, const std::string& device, const std::string& ls,
              const Options& options);
-  /// The same, but the host gives up behind the attach: detach from there, and, with `back`, attach where it
-  /// was.
+  /// Like a move, but the host gives up after the attach: it detaches the vNIC from the new switch and, with
+  /// `back`, attaches it to the old one again.
   Steps MoveFail(const std::string& name, const std::string& device, const std::string& ls, bool back,
                  const Options& options);
   enum class Part { kWhole, kBegin, kEnd };
-  /// The VM goes to another host, its folder stays where both see it.
+  /// The VM moves to another host; its folder stays where both hosts see it.
   Steps LiveOut(const std::string& name, Part part, const Options& options);
-  /// `ls`: where all its vNICs go here; empty: where they were.
+  /// `ls`: the logical switch of all its vNICs on this host; empty keeps those they had.
   Steps LiveIn(const std::string& folder, const std::string& ls, Part part, const Options& options);
-  /// The VM's folder gets another place.
+  /// Moves the VM's folder to another place.
   Steps Relocate(const std::string& name, const std::string& folder, const Options& options);
-  /// One operation for a vNIC under a given id, as in the middle of a move of interfaces.
+  /// Requests one operation for a vNIC under a given id, as in the middle of a move of interfaces.
   VmStep Ask(const std::string& name, const std::string& device, uint32_t opcode, const std::string& op_id,
              const std::string& vif, const std::string& ls, const Options& options);
 
-  /// The newest steps of a VM, or of all for an empty name, oldest first.
+  /// The newest steps of a VM, or of all VMs for an empty name, oldest first.
   Steps Log(const std::string& name, size_t count) const;
 
  private:

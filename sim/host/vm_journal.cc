@@ -15,7 +15,7 @@
 namespace zem::sim {
 namespace {
 
-// Beyond this many lines, and four for each machine, the file is written anew.
+// The file is rewritten when it has more lines than this plus four for each machine.
 constexpr uint64_t kSpareLines = 1000;
 
 [[noreturn]] void Fail(const std::string& path) {
@@ -67,7 +67,7 @@ void VmJournal::Refresh() {
   const ssize_t got = ::pread(file.get(), text.data(), text.size(), static_cast<off_t>(read_));
   if (got < 0) Fail(path_);
   text.resize(static_cast<size_t>(got));
-  // A line that is not whole yet, or that its writer did not finish, says nothing.
+  // A line without its end is ignored: it is still being written, or its writer died.
   for (size_t at = 0, end = 0; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
     Take(Json(cJSON_ParseWithLength(text.data() + at, end - at)));
     read_ += end + 1 - at;
@@ -106,7 +106,7 @@ void VmJournal::Append(Json change) {
   const UniqueFd file(::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0) Fail(path_);
-  // What a writer that died has left must not run into this line.
+  // An incomplete line of a writer that died is cut off, so that it does not merge with this one.
   if (static_cast<uint64_t>(status.st_size) > read_ &&
       ::ftruncate(file.get(), static_cast<off_t>(read_)) != 0)
     Fail(path_);

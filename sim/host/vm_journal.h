@@ -11,19 +11,21 @@
 namespace zem::sim {
 
 /// The host's VMs as objects by uuid: {"name", "path", "power", "vnics": {DEVICE: {"vif", "ls", "switch",
-/// "port", "portGroup", "connected"}}}.  A file to which each change adds a line, so that a change costs the
-/// same on a host of ten VMs and of ten thousand; simstate.py reads and writes the same.
+/// "port", "portGroup", "connected"}}}.  They are kept in a file to which each change appends a line, so that
+/// a change costs the same on a host with ten VMs as with ten thousand.  simstate.py reads and writes the
+/// same file.
 ///
-/// Threads: one at a time.  Who changes holds the lock of the host's tree, from `Refresh` to the change.
+/// Threads: one at a time.  A writer holds the lock of the host's tree from `Refresh` until the change is
+/// written.
 /// Errors: std::system_error.
 class VmJournal {
  public:
   explicit VmJournal(std::string path) : path_(std::move(path)) {}
 
-  /// Reads what others have written since.
+  /// Reads the lines that other processes have appended since the last call.
   void Refresh();
   const std::map<std::string, Json>& machines() const { return machines_; }
-  /// Null when there is none.
+  /// Returns null when there is no such VM.
   const cJSON* Find(const std::string& uuid) const;
 
   void Put(const std::string& uuid, Json machine);
@@ -38,7 +40,7 @@ class VmJournal {
   const std::string path_;
   std::map<std::string, Json> machines_;
   ino_t inode_ = 0;
-  /// Bytes of whole lines that were read.
+  /// Number of bytes read so far, in whole lines.
   uint64_t read_ = 0;
   uint64_t lines_ = 0;
 };

@@ -1,18 +1,18 @@
 """The management proxy's script on the simulated host.
 
 The daemon starts it with the argument 1 and speaks to it over a local socket: requests of three 32-bit numbers (version 1,
-length, operation) and data, replies of two (status, length) and text, all in the host's byte order.  It takes one
+length, operation) and data, replies of two (status, length) and text, all in the host's byte order.  It serves one
 client at a time and one request after the other, and logs every frame, so that a scenario sees their order.
 
-Files in "<root>/host" (simstate.py says where that is), beside the host's state:
+Files in "<root>/host" (simstate.py describes where that is), beside the host's state:
   faults       read at each request: PATTERN SKIP COUNT ACTION [VALUE], divided by tabs.  PATTERN is a regular
                expression over the command or "op N"; the first row that matches counts, and is used up by it.
                ACTION: reply TEXT, status N, delay SECONDS, close, half-header, half-text, too-long, exit, die (the
-               command is carried out, the answer is not given), hang
+               command is carried out, but not answered), hang
   lum.start    the first answer to "ping": Uninitialized (default) or ready; or "never", which does not bind at all
   lum.ready    how often "ping" answers "initializing" after the login (default 0)
   frames.log   one JSON object for each request: "waited", when the script began to wait for it; "in" and "out", when
-               it came and when its answer was ready
+               it arrived and when its answer was ready
 
 Socket: ZEM_LUM_SOCKET, default /etc/orlane/zemaLum.
 """
@@ -38,7 +38,8 @@ from simstate import Refused
 
 TEXT_COMMAND = 10
 MAX_REQUEST = 64 * 1024 * 1024
-# Characters of each frame and its reply that are kept, unless the file "<root>/host/frames.whole" is there.
+# Each frame and its reply are cut at this many characters in the log, unless the file "<root>/host/frames.whole"
+# exists.
 MAX_LOGGED = 4096
 SUCCESS = 1
 FAILURE = 0
@@ -48,7 +49,7 @@ NOT_SET = "notset"
 
 
 class Closed(Exception):
-    """The client, or a fault, has ended the connection."""
+    """The client closed the connection, or a fault did."""
 
 
 def version_of(state):
@@ -72,7 +73,7 @@ def assign(flag, value):
 
 
 def dvs_ready(state, _):
-    """The host's profile makes its switches some time after the start."""
+    """The host's profile creates its switches some time after the start."""
     polls = state.host["flags"].get("dvsReadyPolls", 0)
     if polls > 0:
         state.host["flags"]["dvsReadyPolls"] = polls - 1
@@ -141,7 +142,7 @@ def host_profile(state, data):
 
 
 def pre_check(state, data):
-    """The agent is not installed under running VMs."""
+    """The agent cannot be installed while VMs run."""
     for _ in messages.fields(data):
         pass
     for uuid, machine in state.vms.items():
@@ -151,7 +152,7 @@ def pre_check(state, data):
 
 
 def disable_runtime_updates(state, _):
-    """ "disabled" the first time: what the updates have left on the ports is then to be removed. """
+    """ "disabled" the first time: the data that the updates left on the ports is then to be removed. """
     before = state.host["flags"]["runtimeUpdates"]
     state.host["flags"]["runtimeUpdates"] = False
     return "disabled" if before else "unchanged"
@@ -170,7 +171,7 @@ OPERATIONS = {
 
 
 class Host:
-    """The dialogue with the client; what it does to the host is in the tables."""
+    """The dialogue with the client; the tables hold what each command does to the host."""
 
     def __init__(self):
         self.state = simstate.State()

@@ -1,10 +1,11 @@
-// Kills the daemon at one chosen step of those that outlive it: a change of a file, a call that changes a
-// switch, bytes to a peer or to a script.  Loaded in front of the C library, it counts these calls on their
-// way and does nothing else until the page says so; the daemon itself is the one that is shipped.
+// Kills the daemon at one chosen step with a lasting effect: a change of a file, a call that changes a
+// switch, bytes sent to a peer or to a script.  The library is loaded in front of the C library, counts these
+// calls as they pass, and does nothing else until the page orders a kill; the daemon itself is the program as
+// shipped.
 //
-// Children of the daemon inherit the library and count nothing: only the process that runs the daemon's
-// program does, and not what it has forked.  What a switch library does to its files is one step, as a call
-// of the kernel is.
+// Only the process that runs the daemon's program counts steps.  Its children inherit the library but count
+// nothing, and neither do processes that it has forked.  What a switch library does to its files is one step,
+// just as a system call is.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -55,7 +56,7 @@ __attribute__((constructor)) void Attach() {
   void* const mapped = ::mmap(nullptr, sizeof(KillPage), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   ::close(fd);
   if (mapped == MAP_FAILED) return;
-  // Nothing that the daemon starts is to be killed.
+  // Processes that the daemon starts must not be killed.
   ::unsetenv("LD_PRELOAD");
   attachment.owner = ::getpid();
   attachment.page = static_cast<KillPage*>(mapped);
@@ -72,7 +73,7 @@ bool Counts() {
   for (;;) ::kill(attachment.owner, SIGKILL);
 }
 
-// The number of a step that begins now; 0 when nobody counts.
+// The number of the step that begins now; 0 when steps are not counted.
 uint32_t Begin(const char* call, const char* subject) {
   if (!Counts()) return 0;
   const int error = errno;
@@ -104,7 +105,7 @@ class Step {
 
 constexpr size_t kSubject = 100;
 
-/// What is written somewhere.
+/// The bytes of a write.
 struct Bytes {
   const void* data = nullptr;
   size_t size = 0;
@@ -123,7 +124,7 @@ Bytes BytesOf(const iovec* parts, size_t count) {
   return bytes;
 }
 
-// The beginning of a text, such as a command of the script.
+// The first characters of a text, such as a command of the script.
 void DescribeText(const Bytes& bytes, char* text) {
   constexpr size_t kShown = 24;
   size_t length = 0;
@@ -132,7 +133,7 @@ void DescribeText(const Bytes& bytes, char* text) {
   std::snprintf(text, kShown + 1, "%.*s", static_cast<int>(length), data);
 }
 
-// Who is at the other end of a stream; empty for a socket of another kind.
+// The name of a stream's peer; empty for a socket of another kind.
 void DescribeSocket(int fd, const Bytes& bytes, char* text) {
   text[0] = '\0';
   int type = 0;
@@ -144,7 +145,7 @@ void DescribeSocket(int fd, const Bytes& bytes, char* text) {
   length = sizeof(addresses[1]);
   ::getsockname(fd, reinterpret_cast<sockaddr*>(&addresses[1]), &length);
   if (addresses[1].ss_family == AF_UNIX) {
-    // One of both ends has a name.
+    // Only one of the two ends may have a name.
     const char* const peer = reinterpret_cast<const sockaddr_un*>(&addresses[0])->sun_path;
     const char* const own = reinterpret_cast<const sockaddr_un*>(&addresses[1])->sun_path;
     char head[32];
@@ -157,7 +158,7 @@ void DescribeSocket(int fd, const Bytes& bytes, char* text) {
   }
 }
 
-// A file or pipe by its name, a stream by its ends; empty for what is neither.
+// Names the target of a write: a file or pipe by its path, a stream by its ends; empty for anything else.
 void Describe(int fd, const Bytes& bytes, char* text) {
   text[0] = '\0';
   struct stat status {};
@@ -181,7 +182,7 @@ Function* Next(Function*, const char* name) {
 
 #define ZEM_NEXT(name) static auto* const next = Next(&::name, #name)
 
-// A change of names: the step is what it is called with.
+// Calls that change names in the file system: the step is described by the call's arguments.
 #define ZEM_PATH_STEP(name, subject, parameters, arguments) \
   ZEM_INTERPOSED int name parameters {                      \
     ZEM_NEXT(name);                                         \
@@ -200,7 +201,7 @@ ZEM_PATH_STEP(mkdir, path, (const char* path, mode_t mode) noexcept, (path, mode
 ZEM_PATH_STEP(link, to, (const char* from, const char* to) noexcept, (from, to))
 ZEM_PATH_STEP(symlink, to, (const char* from, const char* to) noexcept, (from, to))
 
-// Only what makes or empties a file changes anything.
+// Opening counts only when it creates or truncates the file.
 #define ZEM_OPEN_STEP(name)                                           \
   ZEM_INTERPOSED int name(const char* path, int flags, ...) {         \
     ZEM_NEXT(name);                                                   \
@@ -215,7 +216,7 @@ ZEM_PATH_STEP(symlink, to, (const char* from, const char* to) noexcept, (from, t
 ZEM_OPEN_STEP(open)
 ZEM_OPEN_STEP(open64)
 
-// Bytes into a file, a pipe or a stream.
+// Writes into a file, a pipe or a stream.
 #define ZEM_BYTES_STEP(name, describe, bytes, parameters, arguments) \
   ZEM_INTERPOSED ssize_t name parameters {                           \
     ZEM_NEXT(name);                                                  \
@@ -250,8 +251,8 @@ ZEM_INTERPOSED int ftruncate(int fd, off_t size) noexcept {
   return next(fd, size);
 }
 
-// The switch libraries tell of each call: `function` is null when it changes nothing.  What they do inside is
-// the kernel's.
+// The switch libraries report each call; `function` is null when the call changes nothing.  Their own file
+// accesses are not counted, because they stand for the kernel's work.
 ZEM_INTERPOSED void zem_kill_point_begin(const char* function, const char* subject) {
   library_step = function == nullptr ? 0 : Begin(function, subject);
   ++library_depth;

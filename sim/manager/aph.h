@@ -16,7 +16,7 @@ class Server;
 
 namespace zem::sim {
 
-/// What comes out of a call to a host.
+/// The outcome of a call to a host.
 struct HostAnswer {
   rpc::Status status;
   GenericUnifiedMsg message;  // empty for a publish
@@ -28,7 +28,7 @@ struct HostAnswer {
 /// Threads: all operations from any thread but its own.
 class Aph {
  public:
-  /// `sink` outlives it.  Connects to the node's proxy and goes on trying.
+  /// `sink` has to outlive the object.  Connects to the node's proxy and retries until it succeeds.
   Aph(std::string id, const std::string& forwarding_endpoint,
       const std::function<std::unique_ptr<MpSink>(Aph*)>& make_sink);
   ~Aph();

@@ -29,7 +29,7 @@ class ErrorText final : public google::protobuf::io::ErrorCollector {
   std::string text_;
 };
 
-// Empty when `text` is a `message` in text format, else what is wrong with it.
+// Returns an empty text when `text` is a `message` in text format, otherwise what is wrong with it.
 std::string ParseText(const std::string& text, Message* message) {
   ErrorText errors;
   google::protobuf::TextFormat::Parser parser;
@@ -55,12 +55,12 @@ bool IsReport(const Message& message) {
   return std::find(kReports.begin(), kReports.end(), message.GetDescriptor()->name()) != kReports.end();
 }
 
-// Of each kind; enough to see which one a host has realized.
+// Per kind of message; enough to find which one a host has realized.
 constexpr size_t kSentRemembered = 8;
 
 }  // namespace
 
-// What one APH's services receive goes to the manager, with the APH's name on it.
+// Passes what one APH's services receive to the manager, together with the APH's name.
 class Manager::Sink final : public MpSink {
  public:
   Sink(Manager* manager, Aph* aph) : manager_(manager), aph_(aph) {}
@@ -99,7 +99,8 @@ void Manager::StartProxy() {
   PublishLocked();
 }
 
-// Its end waits for its thread, so it comes after the lock.
+// The proxy's destructor joins its thread, so it has to run after the lock is released (`ended` is declared
+// before it).
 void Manager::StopProxy() {
   std::shared_ptr<Proxy> ended;
   std::lock_guard lock(mutex_);
@@ -263,7 +264,8 @@ void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnified
         const FieldDescriptor* const field =
             member != nullptr ? FindMember(*unified, member->GetDescriptor()->name()) : nullptr;
         if (field == nullptr) return;
-        // What a host only reports is taken and not said back: the same message the other way is a question.
+        // A pure report is accepted without being echoed: the same message in the other direction would be a
+        // request.
         if (!IsReport(*member)) {
           unified->GetReflection()->MutableMessage(unified.get(), field)->CopyFrom(*member);
           SetType(unified.get(), TypeOf(*asked));

@@ -18,22 +18,22 @@ namespace zem::sim {
 /// How the manager answers a host's requests.
 struct AnswerRule {
   enum class Kind {
-    kServe,      // app-init with its config, a VIF from the table, everything else with the message that came
-    kStatus,     // with `status`
-    kNever,      // not at all
+    kServe,      // app-init with its config, a VIF from the table, everything else with the received message
+    kStatus,     // with the status code `status`
+    kNever,      // no answer
     kGarbage,    // with bytes that do not parse
-    kWrongType,  // with a message of the vertical that nobody asked for
+    kWrongType,  // with a message of the vertical that was not requested
     kText,       // with `text`, a host unified message in text format
   };
   Kind kind = Kind::kServe;
   int status = 13;
   Duration delay{};
   std::string text;
-  /// Requests it holds for; negative is without end.
+  /// Number of requests that the rule applies to; negative: all.
   int count = -1;
 };
 
-/// A message of a host.
+/// A message received from a host.
 struct Received {
   uint64_t number;
   std::string aph;
@@ -46,8 +46,8 @@ struct Received {
   std::string json;
 };
 
-/// The central manager behind one node's proxy, with its APHs: keeps who is master, remembers what hosts
-/// send, answers by rules, and calls the hosts.
+/// The central manager behind one node's proxy, with its APHs: keeps which APH is master, records what hosts
+/// send, answers according to rules, and calls the hosts.
 ///
 /// Threads: all operations from any thread but the peers' own.
 class Manager {
@@ -57,7 +57,7 @@ class Manager {
     std::string forwarding_endpoint = "tcp://127.0.0.1:4096";
     std::string transport_node_id;
     std::optional<std::pair<uint32_t, uint32_t>> version{{4, 2}};
-    /// Messages of hosts that are kept; older ones are forgotten.
+    /// Number of received messages that are kept; older ones are dropped.
     size_t remembered = 100000;
   };
 
@@ -71,46 +71,47 @@ class Manager {
   /// Null while the proxy is stopped.
   std::shared_ptr<Proxy> proxy() const;
 
-  // The APHs.  Each change is told to the subscribers.
+  // The APHs.  Subscribers receive the new list after each change.
   void AddAph(const std::string& id, bool master);
-  /// Ends an APH.  With `keep_listed` the proxy goes on naming it, as it does for a while when one dies.
+  /// Ends an APH.  With `keep_listed` the proxy keeps listing it, as a real proxy does for a while when one
+  /// dies.
   bool RemoveAph(const std::string& id, bool keep_listed);
-  /// Empty: nobody is.
+  /// An empty id: no APH is master.
   bool SetMaster(const std::string& id);
-  /// Tells this instead of the true list until the next change.
+  /// Sends this list to the subscribers in place of the true one, until the next change.
   void PublishRaw(const ProxyInfo& info);
   std::vector<std::pair<std::string, bool>> Aphs() const;
   std::string Master() const;
 
-  /// For one vertical ("" for all), split by whether the request is an app-init one.
+  /// Sets the rule for one vertical ("" for all), separately for app-init requests and all others.
   void SetRule(const std::string& vertical, bool app_init, AnswerRule rule);
 
   struct SendRequest {
     std::string vertical;
     std::string aph;  // empty: the master
     std::string member;
-    std::string text;  // of the member, text format
+    std::string text;  // the member's content, in text format
     std::optional<std::string> correlation_id;
-    /// In the unified message, instead of the member's own.
+    /// The type name in the unified message, if it is not that of the member.
     std::string type;
     bool with_header = true;
     bool publish = false;
     Duration timeout = std::chrono::seconds(30);
   };
-  /// Calls a host.  The text of what is wrong with the request, or empty when it is on its way.
+  /// Calls a host.  Returns an empty text when the request was sent, otherwise what is wrong with it.
   std::string Send(const SendRequest& request, std::function<void(HostAnswer)> done);
-  /// The bytes of the last message of a kind that was sent, by its short name, or of the `back`th before it;
-  /// nothing when it was never sent or is forgotten.
+  /// The bytes of the last sent message of a kind, selected by its short name, or of the `back`th before it;
+  /// nothing when it was never sent or has been dropped.
   std::optional<std::string> LastSent(const std::string& member, size_t back = 0) const;
-  /// The answer's unified message as JSON.
+  /// Converts the unified message of an answer to JSON.
   static std::string AnswerJson(const std::string& vertical, const HostAnswer& answer);
 
-  /// Where VIFs are; it answers requests about them once it knows a logical switch.
+  /// The table of VIFs.  It answers requests about VIFs as soon as it knows a logical switch.
   VifTable& vifs() { return vifs_; }
 
   std::vector<Received> ReceivedFrom(const std::string& vertical, uint64_t after) const;
   uint64_t received_count() const;
-  /// App-init requests of a vertical that were served by the present master since it became one.
+  /// Number of app-init requests of a vertical that the present master has served.
   std::map<std::string, uint64_t> served_app_inits() const;
 
  private:
@@ -120,7 +121,7 @@ class Manager {
                const GenericUnifiedMsg& message, bool publish, bool* app_init);
   void Answer(Aph* aph, const std::string& vertical, const GenericUnifiedMsg& request, bool app_init,
               rpc::CallHandle<GenericUnifiedMsg> call);
-  /// False when the request is not one for the table.
+  /// Returns false when the request is not one for the table.
   bool AnswerVif(Aph* aph, const GenericUnifiedMsg& request, const GenericUnifiedMsg& header, Duration delay,
                  rpc::CallHandle<GenericUnifiedMsg> call);
   void PublishLocked();
@@ -137,7 +138,7 @@ class Manager {
   std::deque<Received> received_;
   uint64_t last_number_ = 0;
   std::map<std::string, uint64_t> served_;
-  std::map<std::string, std::deque<std::string>> last_sent_;  // by member, newest first
+  std::map<std::string, std::deque<std::string>> last_sent_;  // by member name, newest first
 };
 
 }  // namespace zem::sim

@@ -5,8 +5,7 @@ namespace zem::sim {
 class CommandTable;
 class Manager;
 
-/// The commands by which a person or a scenario works on the proxy, the APHs and the manager.  `manager`
-/// outlives the table.
+/// Registers the commands for the proxy, the APHs and the manager.  `manager` has to outlive the table.
 void RegisterManagerCommands(CommandTable& table, Manager& manager);
 
 }  // namespace zem::sim

@@ -34,7 +34,8 @@ ApplProxyInfoRspMsg ToMessage(const ProxyInfo& info) {
 
 }  // namespace
 
-// A subscription is forgotten when it ends: its handle keeps its connection, and by that this service.
+// A subscription is removed when it ends, because its handle keeps its connection alive, and with that this
+// service.
 class Proxy::InfoService final : public ApplProxyInfoService::Service,
                                  public std::enable_shared_from_this<InfoService> {
  public:
@@ -58,7 +59,7 @@ class Proxy::InfoService final : public ApplProxyInfoService::Service,
     std::lock_guard lock(mutex_);
     info_ = info;
     for (auto& [number, call] : subscribers_) {
-      // One that reads too slowly for the list starts over.
+      // A subscriber that reads too slowly for the list loses its subscription and has to subscribe again.
       if (!call.Write(info)) call.Cancel();
     }
   }
@@ -86,7 +87,7 @@ class Proxy::InfoService final : public ApplProxyInfoService::Service,
   using Subscribers = std::map<uint64_t, rpc::CallHandle<ApplProxyInfoRspMsg>>;
 
   void Forget(uint64_t number) {
-    Subscribers::node_type dropped;  // after the lock
+    Subscribers::node_type dropped;  // destroyed after the lock is released
     std::lock_guard lock(mutex_);
     dropped = subscribers_.extract(number);
   }

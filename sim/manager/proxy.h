@@ -17,11 +17,11 @@ class Server;
 
 namespace zem::sim {
 
-/// What the proxy tells its subscribers.
+/// The list of APHs, as the proxy sends it to its subscribers.
 struct ProxyInfo {
   std::optional<std::string> transport_node_id;
   std::optional<std::pair<uint32_t, uint32_t>> version;
-  /// Id to "is master"; an entry may be told without its id or without its flag.
+  /// APH id to "is master"; an entry may be sent without its id or without its flag.
   struct Entry {
     std::optional<std::string> id;
     std::optional<bool> master;
@@ -29,22 +29,22 @@ struct ProxyInfo {
   std::vector<Entry> aphs;
 };
 
-/// The node's message proxy: tells who the APHs are, and carries calls between them and the agent.
+/// The node's message proxy: publishes the list of APHs, and carries calls between them and the agent.
 ///
 /// Threads: all operations from any thread but the proxy's own.
 class Proxy {
  public:
-  /// Listens on both endpoints.  Throws when one is taken.
+  /// Listens on both endpoints.  Throws when one of them is in use.
   Proxy(const std::string& info_endpoint, const std::string& forwarding_endpoint);
   ~Proxy();
 
-  /// To every subscriber now and to each that comes later.
+  /// Sends the list to every subscriber now and to each later one.
   void Publish(const ProxyInfo& info);
 
-  /// Ends every subscription with a status; new ones are taken.
+  /// Ends every subscription with a status; new ones are accepted.
   void EndSubscriptions(int status);
 
-  /// While on, subscriptions are refused with `status`.
+  /// While on, new subscriptions are refused with `status`.
   void RefuseSubscriptions(std::optional<int> status);
 
   /// While off, the forwarding endpoint is closed; agent and APHs lose their connections to it.
@@ -52,7 +52,7 @@ class Proxy {
 
   size_t subscribers() const;
 
-  /// Ids that peers of the forwarding endpoint have announced, by peer.
+  /// The ids that each peer of the forwarding endpoint has announced.
   std::vector<std::string> PeerIds() const;
 
  private:

@@ -87,7 +87,7 @@ void MakeStub(rpc::StubFactory& factory, rpc::StubRequest request, HostStubDone 
       });
 }
 
-// Packages whose messages travel under a name with one level more.
+// Packages whose messages have one more level in their wire type names.
 struct ExtraLevel {
   std::string_view package;
   const char* prefix;

@@ -27,7 +27,7 @@ class MpSink {
                          const GenericUnifiedMsg& message, rpc::CallHandle<GenericUnifiedMsg> call) = 0;
 };
 
-/// The two calls towards a vertical of a host, whichever service it is.
+/// The two calls to a vertical on a host, independent of its service type.
 class HostStub {
  public:
   virtual ~HostStub() = default;
@@ -41,7 +41,7 @@ class HostStub {
 
 using HostStubDone = std::function<void(std::shared_ptr<HostStub>, const rpc::Status&)>;
 
-/// What the manager knows of one vertical.
+/// The manager's description of one vertical.
 struct ManagerVertical {
   const char* name;
   const google::protobuf::Message& (*mp_prototype)();
@@ -52,17 +52,17 @@ struct ManagerVertical {
 };
 
 const std::vector<ManagerVertical>& ManagerVerticals();
-/// Null when there is none of this name.
+/// Returns null when no vertical has this name.
 const ManagerVertical* FindManagerVertical(std::string_view name);
 
-/// The type name under which a message of the unified messages' members travels.
+/// The wire type name of a message that is a member of the unified messages.
 std::string WireTypeName(const google::protobuf::Descriptor& message);
 
-/// The first set member that is a message; null when there is none.
+/// Returns the first member that is set and is a message; null when there is none.
 const google::protobuf::Message* SetMember(const google::protobuf::Message& unified);
 
-/// The member of `unified` whose field name, message name or wire type name is `name`; null when there is
-/// none.
+/// Returns the member of `unified` whose field name, message name or wire type name is `name`; null when
+/// there is none.
 const google::protobuf::FieldDescriptor* FindMember(const google::protobuf::Message& unified,
                                                     std::string_view name);
 

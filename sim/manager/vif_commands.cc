@@ -180,7 +180,7 @@ void Messages(const VifTable& vifs, const Arguments& arguments, const Reply& rep
   Listed(vifs.Records(vif, static_cast<uint64_t>(*after)), RecordJson, reply);
 }
 
-// A request of the manager's own, which no host answers on its call.
+// Sends a request of the manager itself, which the host does not answer in the call.
 void SendRequest(Manager& manager, const std::unique_ptr<orlane::zem::switching::VifMsg>& message,
                  const std::string& vif, const Reply& reply) {
   if (!message) return reply.Fail("the manager has no VIF " + vif);

@@ -5,7 +5,7 @@ namespace zem::sim {
 class CommandTable;
 class Manager;
 
-/// The commands "vif/...".  `manager` outlives the table.
+/// Registers the commands "vif/...".  `manager` has to outlive the table.
 void RegisterVifCommands(CommandTable& table, Manager& manager);
 
 }  // namespace zem::sim

@@ -18,7 +18,7 @@ constexpr uint32_t kResponse = 1;
 constexpr uint32_t kAttach = 0;
 constexpr uint32_t kDetach = 1;
 constexpr uint32_t kRestore = 3;
-// Of messages; older ones are forgotten.
+// Number of recorded messages; older ones are dropped.
 constexpr size_t kRemembered = 200000;
 
 int64_t NowMicroseconds() {
@@ -172,7 +172,7 @@ void VifTable::DetachLocked(const Vif& asked, const VifRule& rule, Vif* answer, 
   }
 }
 
-// What the host had there before, what it says that it has, or a new one.
+// Chooses the port that the VIF had there before, the one that the host names, or a new one.
 const std::string& VifTable::PortLocked(const std::string& vif, const std::string& ls,
                                         const std::string& hint) {
   std::string& port = ports_[{vif, ls}];

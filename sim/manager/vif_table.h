@@ -19,7 +19,7 @@ class VifMsg;
 
 namespace zem::sim {
 
-/// Where the manager has a VIF.
+/// Where the manager has a VIF attached.
 struct VifPlace {
   std::string vif;
   std::string ls;
@@ -27,22 +27,22 @@ struct VifPlace {
   std::string zone;
   std::string host;
   std::string path;
-  /// What the host told of it: "key=value" of its site configuration, the state of a restore.
+  /// What the host reported about it: "key=value" of its site configuration, the state of a restore.
   std::map<std::string, std::string> site_config;
   std::string restored;
 };
 
-/// How requests of one VIF, or of all, are answered other than by the table.
+/// How requests of one VIF, or of all, are answered in place of the table's answer.
 struct VifRule {
   enum class Kind {
-    kServe,        // by the table; of use with a delay
-    kSilent,       // neither taken nor answered
-    kLost,         // taken, and the answer does not arrive
+    kServe,        // by the table; useful with a delay
+    kSilent,       // the request has no effect and gets no answer
+    kLost,         // the request takes effect, but its answer is lost
     kError,        // refused with `text`
-    kEmptyPort,    // an attach: taken, and no port named
-    kNothing,      // a detach: taken, and neither port nor VIF nor path named
-    kPort,         // a detach: taken, and only the port named
-    kPortAndPath,  // a detach: the VIF stays where it is, port and path named
+    kEmptyPort,    // an attach takes effect, but its answer names no port
+    kNothing,      // a detach takes effect; its answer names neither port nor VIF nor path
+    kPort,         // a detach takes effect; its answer names only the port
+    kPortAndPath,  // a detach leaves the VIF where it is; the answer names port and path
   };
   enum class Of { kAny, kAttach, kDetach };
 
@@ -50,11 +50,11 @@ struct VifRule {
   Of of = Of::kAny;
   std::string text;
   Duration delay{};
-  /// Requests it holds for; negative is without end.
+  /// Number of requests that the rule applies to; negative: all.
   int count = -1;
 };
 
-/// A message about a VIF that a host has sent, and what came of it.
+/// A message about a VIF that a host has sent, and its outcome.
 struct VifRecord {
   uint64_t number = 0;
   int64_t at_us = 0;
@@ -68,23 +68,23 @@ struct VifRecord {
   std::string state;
   std::string error;
   std::map<std::string, std::string> site_config;
-  /// "port PORT", "old LS/PORT" and the like; "silence" when nobody answers.
+  /// "port PORT", "old LS/PORT" and the like; "silence" when no answer is sent.
   std::string answer;
 };
 
-/// The manager's knowledge of VIFs: which logical switch is in which zone, where each VIF is attached, which
-/// port it had on each switch before.  Answers a host's requests from it, at once unless a rule says
-/// otherwise, and keeps what was asked.
+/// What the manager knows of VIFs: the zone of each logical switch, where each VIF is attached, and which
+/// port it had on each switch before.  It answers the requests of hosts from this, at once unless a rule says
+/// otherwise, and records the requests.
 ///
-/// A VIF that returns to a switch gets the port that it had there.  A detach of where the VIF no longer is
-/// names nothing; one from a path that the manager does not know for it leaves the VIF attached and names the
-/// path that it knows.
+/// A VIF that returns to a switch gets its previous port there.  The answer to a detach from a place where
+/// the VIF no longer is names nothing; a detach with a path other than the one the manager knows leaves the
+/// VIF attached, and the answer names the known path.
 ///
 /// Threads: all operations from any thread.
 class VifTable {
  public:
   struct Answer {
-    /// Null: none.
+    /// Null: the request gets no answer.
     std::unique_ptr<orlane::zem::switching::VifMsg> message;
     Duration delay{};
   };
@@ -92,35 +92,37 @@ class VifTable {
   VifTable();
   ~VifTable();
 
-  /// From the first switch on the table answers; before it, nothing here does.
+  /// The table answers requests once the first switch has been added.
   bool serves() const;
   void AddSwitch(const std::string& ls, const std::string& zone);
-  /// False when it is not there.
+  /// Returns false when the switch is not in the table.
   bool RemoveSwitch(const std::string& ls);
 
-  /// A host's request.
+  /// Handles a request of a host.
   Answer Ask(const orlane::zem::switching::VifMsg& request);
 
-  /// `vif` empty: all that have none of their own.
+  /// An empty `vif` sets the rule for all VIFs that have none of their own.
   void SetRule(const std::string& vif, VifRule rule);
   void ClearRules();
-  /// What the answer to an attach says besides, a VifAttachmentMsg in text format; empty ends it.  `vif` as
-  /// above.  Gives what is wrong with the text.
+  /// Sets what the answer to an attach contains besides, a VifAttachmentMsg in text format; an empty text
+  /// ends it.  `vif` as above.  Returns what is wrong with the text, or an empty text.
   std::string SetExtras(const std::string& vif, const std::string& text);
 
-  /// Attaches a VIF without a host's doing; an empty port makes one.
+  /// Attaches a VIF without a request of a host; an empty port makes a new one.
   VifPlace Place(VifPlace place);
-  /// The manager itself takes the VIF off: the request for the host, null when it is not attached.
+  /// Detaches the VIF on the manager's own behalf.  Returns the request for the host; null when the VIF is
+  /// not attached.
   std::unique_ptr<orlane::zem::switching::VifMsg> TakeOff(const std::string& vif);
-  /// The request to restore the VIF's port, whose result repeats `state`; null when it is not attached.
+  /// Returns the request to restore the VIF's port, whose result repeats `state`; null when the VIF is not
+  /// attached.
   std::unique_ptr<orlane::zem::switching::VifMsg> AskRestore(const std::string& vif,
                                                              const std::string& state);
 
   std::optional<VifPlace> Find(const std::string& vif) const;
   std::vector<VifPlace> Places() const;
-  /// Zones by switch.
+  /// The zone of each switch.
   std::map<std::string, std::string> Switches() const;
-  /// Of one VIF, or of all for an empty name.
+  /// The messages of one VIF, or of all for an empty name.
   std::vector<VifRecord> Records(const std::string& vif, uint64_t after) const;
 
  private:

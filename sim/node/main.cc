@@ -101,7 +101,7 @@ int RunNode(Words words, const char* program) {
     } else if (option == "--datastore") {
       sandbox.datastore = words.Take();
     } else if (option == "--clock-factor") {
-      // Before anybody asks for the time; the daemon gets it too.
+      // Set before the clock is read for the first time; the daemon inherits the variable.
       ::setenv(zem::kClockFactorVariable, words.Take().c_str(), 1);
     } else if (option == "--issue") {
       node.issue = words.Take();
@@ -120,7 +120,7 @@ int RunNode(Words words, const char* program) {
   return zem::sim::RunInSandbox(sandbox, [&node] { return zem::sim::Node(node).Run(); });
 }
 
-// A node in a folder of its own, which ends with this object.
+// A node in a folder of its own; both end with this object.
 class ChildNode {
  public:
   ChildNode(Words words, const char* program) {
@@ -161,7 +161,7 @@ class ChildNode {
   bool stopped_ = false;
 };
 
-// One node that lives for one scenario, or two that see the same VMs' folders.
+// Runs a scenario on a new node, or on two that share the VMs' folders.
 int Check(Words words, const char* program) {
   const std::string file = words.Take();
   std::ifstream lines(file);
@@ -199,7 +199,7 @@ std::string Directory(Words* words) {
   return kDefaultDirectory;
 }
 
-// Words that the shell has already taken apart are quoted again.
+// Quotes the words again that the shell has already split.
 std::string Join(Words words) {
   std::string line;
   while (!words.empty()) {
@@ -230,7 +230,7 @@ int Control(Words words) {
   ControlClient node(directory + "/control");
   const std::string answer = node.Execute(Join(words));
   const zem::sim::Json parsed{cJSON_Parse(answer.c_str())};
-  // What is text for people is printed as it stands.
+  // A result that is text is printed without JSON quoting.
   const char* const text = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(parsed.get(), "result"));
   std::puts(text != nullptr && !json ? text : answer.c_str());
   return parsed && cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(parsed.get(), "ok")) ? 0 : 1;

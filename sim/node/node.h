@@ -25,24 +25,24 @@ class ControlServer;
 class DataplaneAgent;
 class RawListeners;
 
-/// Where the daemon's loader finds the host's libraries.
+/// Folder in which the daemon's loader finds the host's libraries.
 inline constexpr const char* kLoadedLibraries = "/run/zem-libraries";
 
-/// What a node starts with.
+/// The settings of a node.
 struct NodeOptions {
-  /// Batches close soon enough for somebody who watches.
+  /// The default closes batches of logical switches soon enough for a person who watches.
   static constexpr const char* kRealizationOptions =
       "{\"mp\": {\"lsMsgBatchInterval\": 4, \"lsMsgIncomingWaitInBatch\": 1}}\n";
 
-  /// Written into "/etc/zem_issue" as it stands; empty leaves the file away.
+  /// The exact content of "/etc/zem_issue"; empty: no file.
   std::string issue = "node-type: zem-qub\n";
-  /// The daemon's options file; empty leaves it away.
+  /// The daemon's options file; empty: none.
   std::string daemon_options;
-  /// The realization's options file; empty leaves it away.
+  /// The realization's options file; empty: the default options.
   std::string realization_options = kRealizationOptions;
   HostSetup host;
   std::string transport_node_id = "5a7d1c52-0a53-4c0e-9b0c-6f1d3a3f7a01";
-  /// The first is the master.
+  /// Ids of the APHs; the first one is the master.
   std::vector<std::string> aphs = {"0a000000-0000-4000-8000-000000000001",
                                    "0a000000-0000-4000-8000-000000000002",
                                    "0a000000-0000-4000-8000-000000000003"};
@@ -51,16 +51,16 @@ struct NodeOptions {
   bool follow_log = false;
 };
 
-/// The simulated node: every other process, library and tool that the daemon meets, and the daemon itself.
-/// Lives in a sandbox, where the real paths and ports are the node's own.
+/// The simulated node: the daemon itself, and every process, library and tool that it deals with.  Runs in a
+/// sandbox, where the real paths and ports are the node's own.
 ///
-/// Threads: made and ended by one; commands come from the control socket.
+/// Threads: constructed and destroyed by one thread; commands arrive on the control socket's threads.
 class Node {
  public:
   explicit Node(NodeOptions options);
   ~Node();
 
-  /// Serves commands at the control socket until "stop" or a signal; gives the exit code.
+  /// Serves commands on the control socket until "stop" or a signal; returns the exit code.
   int Run();
 
   CommandTable& commands() { return commands_; }

@@ -1,5 +1,5 @@
-// The node's own commands: the daemon, its log, its health, its files, its command socket, and the ways to
-// the peers.
+// The node's own commands: the daemon, its log, its health, its files, its command socket, and the commands
+// that lead to the peers.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -67,7 +67,7 @@ std::optional<int> ParseSignal(const std::string& word) {
   return std::nullopt;
 }
 
-// Waits away from the control thread; a scenario may break things meanwhile.
+// Waits on a thread of its own, so that the control thread stays free for other commands of the scenario.
 void InBackground(std::function<void()> work) {
   NativeThread::Options options;
   options.detached = true;
@@ -132,7 +132,7 @@ void WaitForEnd(DaemonProcess& daemon, const Arguments& arguments, const Reply& 
   });
 }
 
-// A manager that comes again is what makes the daemon compare at once; the proxy's end is how it notices.
+// The daemon starts a resync at once when the manager comes back; it notices that when the proxy restarts.
 void ResyncNow(Manager& manager, const LogSink& log, const HostState& host, const Arguments& arguments,
                const Reply& reply) {
   const double seconds = arguments.size() > 1 ? Seconds(arguments[1]).value_or(60) : 60;
@@ -181,7 +181,7 @@ void ListNodeFiles(const Arguments& arguments, const Reply& reply) {
 }
 
 void WriteNodeFile(const Arguments& arguments, const Reply& reply) {
-  // What is wrong with the folders is what the file fails with.
+  // If a folder cannot be made, opening the file fails and reports the error.
   std::error_code ignored;
   std::filesystem::create_directories(std::filesystem::path(arguments[0]).parent_path(), ignored);
   std::ofstream out(arguments[0], std::ios::binary | std::ios::trunc);
@@ -191,7 +191,7 @@ void WriteNodeFile(const Arguments& arguments, const Reply& reply) {
   reply.Ok();
 }
 
-// A file system of its own for a folder, so small that it can be full.
+// Commands on small disks: a file system of its own for a folder, small enough to be filled.
 void SmallDisk(const Reply& reply, const std::function<Json()>& change) {
   try {
     reply.Ok(change());
@@ -200,7 +200,7 @@ void SmallDisk(const Reply& reply, const std::function<Json()>& change) {
   }
 }
 
-// The daemon's command socket, by the client that operators use.
+// Runs a command on the daemon's command socket, with the client that operators use.
 void Cli(const Arguments& arguments, const Reply& reply) {
   InBackground([arguments, reply] {
     Tarvik::ChildProcess::Options options;
@@ -224,7 +224,7 @@ void Cli(const Arguments& arguments, const Reply& reply) {
   });
 }
 
-// Names of the daemon's threads, each with how many there are.
+// Shows the names of the daemon's threads with their counts.
 void ShowThreads(const DaemonProcess& daemon, const Reply& reply) {
   const pid_t pid = daemon.pid();
   if (pid == 0) return reply.Fail("the daemon does not run");
@@ -296,7 +296,7 @@ void ShowRaw(const RawListeners& listeners, const Reply& reply) {
   reply.Ok(std::move(result));
 }
 
-// A configuration that the manager sent against what the host has.
+// Compares a configuration that the manager sent with what the host has.
 void ShowDiff(const Manager& manager, const HostState& host, const Arguments& arguments, const Reply& reply) {
   size_t back = 0;
   if (!arguments.empty()) back = static_cast<size_t>(Seconds(arguments[0]).value_or(0));
@@ -318,7 +318,7 @@ void ShowDiff(const Manager& manager, const HostState& host, const Arguments& ar
   reply.Ok(std::move(result));
 }
 
-// Kills the daemon at a step that it has not done yet.
+// Orders the daemon's death at a step that it has not reached yet.
 void OrderKill(KillSwitch& kill_switch, const Arguments& arguments, const Reply& reply) {
   if (KillSwitch::Library().empty()) return reply.Fail("this build counts no steps");
   if (arguments[0] == "never") {
@@ -347,7 +347,7 @@ void ShowSteps(const KillSwitch& kill_switch, const Arguments& arguments, const 
   reply.Ok(std::move(result));
 }
 
-// A peer's table under one word.
+// Makes a peer's command table available behind one word.
 void Forward(CommandTable& table, const char* name, const char* help, const CommandTable& to) {
   Command command;
   command.name = name;
@@ -497,7 +497,7 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   [](const Arguments& arguments, const Reply& reply) { Cli(arguments, reply); }});
   table.Register({"stop", "", "Ends the node.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     reply.Ok();
-                    // After the answer has left.
+                    // Scheduled, so that the answer is sent first.
                     n->control_provider_.timers().Schedule(kFarewell, [n] { n->control_provider_.Stop(); });
                   }});
 }

@@ -61,7 +61,7 @@ std::string Complaint(const VmStep& step) {
   return what + "status " + std::to_string(step.status) + " [" + step.text + "]";
 }
 
-// The first that is not as it should be, and how many others.
+// Describes the first step that has a problem, and counts the others.
 std::string Complaint(const Steps& steps) {
   std::string text;
   size_t others = 0;
@@ -76,7 +76,7 @@ std::string Complaint(const Steps& steps) {
   return others == 0 ? text : text + " (and " + std::to_string(others) + " more)";
 }
 
-// A change waits for answers, so it runs beside the control socket's threads.
+// A change blocks until it has its answers, so it runs on a thread of its own.
 void Change(const Reply& reply, std::function<Steps()> change) {
   NativeThread::Options options;
   options.detached = true;
@@ -126,7 +126,7 @@ Asked Parse(const Arguments& arguments, size_t words) {
   return asked;
 }
 
-// DEVICE:VIF:LS; the VIF may have colons of its own.
+// Parses DEVICE:VIF:LS; the VIF itself may contain colons.
 bool ParseVnic(const std::string& word, std::map<std::string, Vnic>* vnics) {
   const size_t first = word.find(':');
   const size_t last = word.rfind(':');
@@ -222,7 +222,7 @@ void RegisterVmCommands(CommandTable& table, VirtualMachines& machines, Manager&
   using A = const Arguments&;
   using R = const Reply&;
   VirtualMachines* const m = &machines;
-  // A change: its words are parsed, and what `run` does with them is waited for.
+  // Registers a command for a change: parses its words, calls `run` and waits for the result.
   const auto add = [&table, m](const char* name, const char* usage, const char* help, size_t words,
                                Steps (*run)(VirtualMachines&, const Asked&)) {
     table.Register({name, usage, help, words, kMany, [m, words, run](A a, R r) {

@@ -7,7 +7,7 @@ class HostState;
 class Manager;
 class VirtualMachines;
 
-/// The commands behind "vm".  All outlive the table.
+/// Registers the commands behind "vm".  All arguments have to outlive the table.
 void RegisterVmCommands(CommandTable& table, VirtualMachines& machines, Manager& manager,
                         const HostState& host);
 

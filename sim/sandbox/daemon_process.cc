@@ -37,7 +37,7 @@ bool DaemonProcess::Start() {
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, output_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
   posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  // The daemon must not hold the listeners of its peers open: they have to be able to die and come back.
+  // The daemon must not inherit its peers' listeners: a peer has to be able to close and reopen its socket.
   posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);

@@ -13,24 +13,24 @@
 
 namespace zem::sim {
 
-/// The daemon under test: the program as it is, started and stopped like a service manager would.
+/// The daemon under test: the unmodified program, started and stopped as a service manager would.
 ///
 /// Threads: all operations from any thread.
 class DaemonProcess {
  public:
-  /// Its standard output and error go to `output_path`.
+  /// The daemon's standard output and error are written to `output_path`.
   DaemonProcess(std::string path, std::string output_path);
   ~DaemonProcess();
 
   void SetEnvironment(const std::string& name, const std::string& value);
 
-  /// False when it runs.  Throws std::system_error when it cannot be started.
+  /// Returns false when it already runs.  Throws std::system_error when it cannot be started.
   bool Start();
-  /// False when it does not run.
+  /// Returns false when it does not run.
   bool Kill(int signal);
-  /// The wait status of the last life once it has ended; nothing while it runs longer than `timeout`.
+  /// The wait status of the last run, once it has ended; nothing when it still runs after `timeout`.
   std::optional<int> Wait(Duration timeout);
-  /// 0 when it does not run.
+  /// The process id; 0 when it does not run.
   pid_t pid() const;
   uint64_t starts() const;
 
@@ -48,7 +48,7 @@ class DaemonProcess {
   NativeThread reaper_;
 };
 
-/// "exit 0", "signal 9".
+/// Describes a wait status: "exit 0", "signal 9".
 std::string WaitStatusText(int status);
 
 }  // namespace zem::sim

@@ -19,7 +19,7 @@ constexpr const char* kCommandLine = "/opt/orlane/zem-cli/bin/scripts";
 constexpr const char* kPerformanceFolder = "/usr/lib/orlane/high-performance-dp";
 constexpr const char* kProxyTools = "/opt/orlane/zem-cli/bin/";
 constexpr const char* kControllerFile = "/etc/orlane/zem/controller-info.xml";
-// As the host's installation leaves it.
+// The file's content after the host's installation.
 constexpr const char* kNoControllers =
     "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<config>\n  <!-- kept by the agent -->\n"
     "  <connectionList></connectionList>\n</config>\n";

@@ -4,7 +4,7 @@
 
 namespace zem::sim {
 
-/// What the simulated host says of itself.
+/// How the simulated host identifies itself.
 struct HostSetup {
   std::string version = "8.0.1";
   std::string product = "Orlane Hypercore 8.0.1";
@@ -12,8 +12,8 @@ struct HostSetup {
   std::string interfaces = "knl0=management,knl1=other";
 };
 
-/// Puts the host's tools where the daemon calls them, and makes the host's state.  In a sandbox only.  Throws
-/// std::runtime_error.
+/// Installs the host's tools where the daemon calls them, and creates the host's state.  Only inside a
+/// sandbox. Throws std::runtime_error.
 void SetUpHost(const HostSetup& setup);
 
 }  // namespace zem::sim

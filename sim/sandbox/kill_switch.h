@@ -8,32 +8,33 @@ namespace zem::sim {
 
 struct KillPage;
 
-/// Orders the daemon's death at one of its steps, which the library of sim/killpoints counts in the daemon.
+/// Orders the daemon's death at one of its steps, which the library in sim/killpoints counts inside the
+/// daemon.
 ///
 /// Threads: all operations from any thread; one order at a time.
 class KillSwitch {
  public:
-  /// The library, or empty when this build has none.
+  /// Path of the library; empty when this build has none.
   static std::string Library();
 
-  /// `path`: the page that the daemon shares.  Throws std::system_error.
+  /// `path`: the page that is shared with the daemon.  Throws std::system_error.
   explicit KillSwitch(const std::string& path);
   ~KillSwitch();
   KillSwitch(const KillSwitch&) = delete;
   KillSwitch& operator=(const KillSwitch&) = delete;
 
-  /// From now on steps count from 1, and the daemon is killed before (or behind) step `at`; 0 only counts.
-  /// The order holds over a start of the daemon, and for one death.
+  /// Counts steps from 1 again, and kills the daemon before (or after) step `at`; 0 only counts.  The order
+  /// survives a start of the daemon and is valid for one death.
   void Arm(uint32_t at, bool after);
-  /// Takes the order back.
+  /// Cancels the order.
   void Disarm();
 
   struct State {
     bool armed = false;
-    /// The order was carried out.
+    /// True when the order was carried out.
     bool killed = false;
     uint32_t steps = 0;
-    /// The step at which it was.
+    /// The step at which the daemon was killed.
     std::string step;
   };
   State state() const;

@@ -56,7 +56,7 @@ void WriteFile(const std::string& path, const std::string& text, mode_t mode = 0
   if (!out || ::chmod(path.c_str(), mode) < 0) Fail("write " + path);
 }
 
-// The machine's folder with a writable layer over it that is the node's.
+// Mounts over the machine's folder a writable layer that belongs to the node.
 void Overlay(const std::string& layers, const std::string& path) {
   std::string name = path;
   for (char& c : name) {
@@ -92,7 +92,7 @@ void RaiseLoopback() {
   Check(::ioctl(socket.get(), SIOCSIFFLAGS, &request), "loopback");
 }
 
-// Nothing for an empty name.
+// Returns no descriptor for an empty name.
 UniqueFd OpenFolder(const std::string& path) {
   if (path.empty()) return UniqueFd();
   UniqueFd folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -107,7 +107,7 @@ void BindFolder(const UniqueFd& folder, const std::string& target) {
 }
 
 void MakeMounts(const SandboxOptions& options) {
-  // Held open before the new mounts hide them.
+  // These are opened before the new mounts hide them.
   const UniqueFd directory(::open(options.directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!directory) Fail("open " + options.directory);
   const UniqueFd daemon(::open(options.daemon.c_str(), O_PATH | O_CLOEXEC));
@@ -138,7 +138,7 @@ void MakeMounts(const SandboxOptions& options) {
   WriteFile(kDaemonPath, "");
   Bind("/proc/self/fd/" + std::to_string(daemon.get()), kDaemonPath);
   BindFolder(scripts, kHostScripts);
-  // They are somebody's sources.
+  // Read-only, because the scripts are files of the source tree.
   if (scripts) Mount(nullptr, kHostScripts, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr);
   BindFolder(libraries, options.libraries);
   BindFolder(datastore, kDatastore);
@@ -167,8 +167,8 @@ int WaitForEnd(pid_t child) {
   return ExitCode(status);
 }
 
-// The sandbox's first process.  It does what a machine's does, reap those whose parents have died, and
-// nothing else: the body waits for children of its own.
+// The sandbox's first process.  Like a machine's init it reaps orphaned processes, and it does nothing else:
+// the body waits for its own children.
 int InitProcess(const SandboxOptions& options, const std::function<int()>& body) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   const int failed = Attempt([&options] {
@@ -188,8 +188,8 @@ int InitProcess(const SandboxOptions& options, const std::function<int()>& body)
   }
 }
 
-// Only its children live in new namespaces of processes, so one process stays between the caller and the
-// sandbox's first.
+// unshare() puts only the children into the new process namespace, so one process remains between the caller
+// and the sandbox's first process.
 int EnterNamespaces(const SandboxOptions& options, const std::function<int()>& body) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWIPC) < 0) {

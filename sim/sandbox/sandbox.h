@@ -5,24 +5,23 @@
 
 namespace zem::sim {
 
-/// A node's own view of the machine: mounts, network, processes.  Nothing of the machine is changed, and
+/// A node's own view of the machine: mounts, network, processes.  Nothing on the machine is changed, and
 /// nothing stays behind when the sandbox ends, however it ends.
 ///
-/// Inside: "/etc", "/opt", "/usr/local", "/usr/lib", "/usr/lib64" are the machine's with the node's changes
-/// over them;
-/// "/run", "/tmp",
-/// "/var/log" and "/dev" are the node's own; loopback is up and alone; "/proc" shows the node's processes
-/// only.  `directory` is seen at kNodeDirectory too, whatever the new mounts hide.
+/// Inside, "/etc", "/opt", "/usr/local", "/usr/lib" and "/usr/lib64" are the machine's with the node's
+/// changes over them; "/run", "/tmp", "/var/log" and "/dev" are the node's own; the only network interface is
+/// loopback, and it is up; "/proc" shows only the node's processes.  `directory` is also mounted at
+/// kNodeDirectory.
 struct SandboxOptions {
-  /// Existing folder on the machine; sockets and files that outsiders use live there.
+  /// An existing folder on the machine, for sockets and files that are used from outside.
   std::string directory;
-  /// The program that becomes kDaemonPath.
+  /// The program that is installed at kDaemonPath.
   std::string daemon;
-  /// Folder that is seen at kHostScripts; empty leaves it away.
+  /// A folder that is mounted at kHostScripts; empty: none.
   std::string host_scripts = "";
-  /// Folder that is seen at its own path, whatever the new mounts hide; or empty.
+  /// A folder that stays visible at its own path, whatever the new mounts hide; or empty.
   std::string libraries = "";
-  /// Folder that is seen at kDatastore, where another node may see it too; empty: the node's own.
+  /// A folder that is mounted at kDatastore and may be shared with another node; empty: the node's own.
   std::string datastore = "";
 };
 
@@ -31,9 +30,9 @@ inline constexpr const char* kHostScripts = "/usr/lib64/orlane/zem-tarvik/pylum/
 inline constexpr const char* kDatastore = "/var/datastore";
 inline constexpr const char* kDaemonPath = "/opt/orlane/zem-tarvik/bin/zem-tarvik";
 
-/// Runs `body` in a new sandbox, whose first process reaps orphans, and gives its exit code; the code is 128
-/// and the signal's number when it died by one.  The sandbox ends with the first of the body, this process,
-/// and the caller's parent. Throws std::system_error when the system does not give a sandbox (it takes root).
+/// Runs `body` in a new sandbox, whose first process reaps orphans.  Returns the exit code, or 128 plus the
+/// signal's number when `body` was killed by one.  The sandbox ends as soon as the body, this process, or the
+/// caller's parent ends.  Throws std::system_error when the system does not permit a sandbox (it needs root).
 int RunInSandbox(const SandboxOptions& options, const std::function<int()>& body);
 
 }  // namespace zem::sim

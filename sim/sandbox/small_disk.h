@@ -5,14 +5,14 @@
 
 namespace zem::sim {
 
-/// A folder with a disk of its own that can be filled.  Of the sandbox: needs the right to mount.
-/// Errors: std::runtime_error with a text for people.
+/// Gives a folder a small file system of its own that can be filled.  Needs the right to mount, so it works
+/// in a sandbox.  Errors: std::runtime_error with a readable text.
 
-/// Gives `folder`, with the files that are in it, so small a disk.
+/// Puts such a small file system at `folder` and keeps the files in it.
 void LimitDisk(const std::string& folder, const std::string& kib);
-/// Fills the disk to the last byte; gives how many were written.
+/// Fills the disk to the last byte; returns the number of bytes written.
 size_t FillDisk(const std::string& folder);
-/// Takes back what FillDisk has written; false when there is nothing.
+/// Removes what FillDisk has written; returns false when there is nothing to remove.
 bool FreeDisk(const std::string& folder);
 
 }  // namespace zem::sim

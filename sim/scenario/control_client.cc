@@ -30,7 +30,7 @@ ControlClient::ControlClient(const std::string& path, Duration patience) {
     socket_.Reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) return;
     const int error = errno;
-    // A node that starts has no socket at first, and then one that is not served yet.
+    // A node that is starting has no socket yet, or one that is not served yet.
     if ((error != ENOENT && error != ECONNREFUSED) || Clock::Process().Now() >= deadline) Fail(path, error);
     SleepFor(kLook);
   }

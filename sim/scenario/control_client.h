@@ -8,15 +8,15 @@
 
 namespace zem::sim {
 
-/// A connection to a node's control socket: one command out, one line of JSON back.
+/// A connection to a node's control socket: sends one command, receives one line of JSON.
 ///
 /// Threads: one.
 class ControlClient {
  public:
-  /// Throws std::system_error when nobody serves the socket within `patience`.
+  /// Throws std::system_error when the socket is not served within `patience`.
   explicit ControlClient(const std::string& path, Duration patience = Duration::zero());
 
-  /// Throws std::system_error when the node has gone.
+  /// Throws std::system_error when the node has closed the connection.
   std::string Execute(std::string_view command);
 
  private:

@@ -12,7 +12,8 @@
 
 namespace zem::sim {
 
-/// A node of its own, for who drives one from outside: "zem-node run" in a folder that goes with the object.
+/// A node that is driven from outside: runs "zem-node run" in a temporary folder that is removed with the
+/// object.
 ///
 /// Threads: one owner.
 /// Errors: std::runtime_error with the node's own text.
@@ -24,9 +25,9 @@ class NodeProcess {
   NodeProcess(const NodeProcess&) = delete;
   NodeProcess& operator=(const NodeProcess&) = delete;
 
-  /// The result of a command that was done.
+  /// Returns the result of a command; throws when the command is refused.
   Json Do(const std::string& command);
-  /// The same, again and again until `good(result)` or the time is over, which is an error.
+  /// Repeats the command until `good(result)`; throws when the time is over first.
   Json Await(const std::string& command, Duration patience, const std::function<bool(const cJSON*)>& good);
 
   const std::string& directory() const { return directory_; }
@@ -37,7 +38,7 @@ class NodeProcess {
   std::unique_ptr<ControlClient> client_;
 };
 
-/// A number or a text at a path of member names with dots between; 0 or empty where there is none.
+/// Returns a number or a text at a dotted path of member names; 0 or an empty text when it is not there.
 double NumberAt(const cJSON* json, const std::string& path);
 std::string TextAt(const cJSON* json, const std::string& path);
 const cJSON* At(const cJSON* json, const std::string& path);

@@ -20,7 +20,7 @@ namespace zem::sim {
 namespace {
 
 constexpr auto kPollInterval = std::chrono::milliseconds(100);
-constexpr double kLogPatience = 2;  // seconds; the log comes by a road of its own
+constexpr double kLogPatience = 2;  // seconds; log lines arrive on a socket of their own and may be late
 constexpr auto kLeftPatience = std::chrono::seconds(10);
 constexpr size_t kMaxShown = 2000;
 
@@ -38,7 +38,7 @@ bool TakePrefix(std::string* text, std::string_view prefix) {
   return true;
 }
 
-// "a.b[2].c"
+// Finds a value by its path, "a.b[2].c".
 const cJSON* Find(const cJSON* value, const std::string& path) {
   size_t begin = 0;
   while (value != nullptr && begin < path.size()) {
@@ -94,7 +94,7 @@ std::optional<Condition> ParseCondition(const std::string& text) {
   return condition;
 }
 
-// An answer may be long: std::regex would take a part of the stack for each of its characters.
+// boost::regex, since std::regex recurses for each character and long answers would overflow the stack.
 bool Matches(const std::string& text, const std::string& pattern) {
   return boost::regex_search(text, boost::regex(pattern),
                              boost::match_single_line | boost::match_not_dot_newline);
@@ -111,7 +111,7 @@ bool Holds(const std::string& found, const std::string& operation, const std::st
   return operation == ">=" ? left >= right : left <= right;
 }
 
-// "a ; b ; c"
+// Splits "a ; b ; c".
 std::vector<std::string> Columns(const std::string& text) {
   std::vector<std::string> columns;
   for (size_t begin = 0; begin <= text.size();) {
@@ -173,7 +173,7 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
   return true;
 }
 
-// An operation may still be under way when the last line holds.
+// Waits for a while, because an operation may still be in progress when the last line holds.
 bool Scenario::NothingIsLeft() {
   for (const TimePoint end = Clock::Process().Now() + kLeftPatience;;) {
     const Json answer{cJSON_Parse(node_.Execute("switch/live").c_str())};
@@ -301,7 +301,7 @@ bool Scenario::Await(const std::string& text) {
 
 bool Scenario::Show(const std::string& path) {
   const Json parsed{cJSON_Parse(last_answer_.c_str())};
-  // Of a refusal there is nothing but its reason.
+  // A refused command has only an error text.
   const std::string at = path == "error" && !IsOk(last_answer_) ? path : "result." + path;
   out_ << "     " << path << ": " << Shorten(Text(Find(parsed.get(), at))) << "\n" << std::flush;
   return true;

@@ -10,17 +10,18 @@
 
 namespace zem::sim {
 
-/// Binds a datagram socket in the file system and hands over what arrives.
+/// Binds a datagram socket in the file system and passes the received datagrams to a callback.
 ///
-/// Threads: the callback runs on a thread of the sink's own, until the sink's end has returned.
+/// Threads: the callback runs on the sink's own thread, until the destructor has returned.
 class DatagramSink {
  public:
   struct Options {
     std::string path;
     std::string thread_name;
-    /// Bytes; what is longer is cut.
+    /// The largest datagram, in bytes; longer ones are truncated.
     size_t max_datagram;
-    /// Bytes that may wait in the socket, beyond the system's limit where that is permitted; 0 leaves it.
+    /// The socket's receive buffer in bytes, beyond the system's limit where that is permitted; 0 keeps the
+    /// default.
     int receive_buffer = 0;
   };
 
@@ -30,7 +31,7 @@ class DatagramSink {
   DatagramSink(const DatagramSink&) = delete;
   DatagramSink& operator=(const DatagramSink&) = delete;
 
-  /// True when everything that was sent before this call has been handed over.  From any thread.
+  /// Returns true when everything that was sent before this call has been passed on.  From any thread.
   bool Drained() const;
 
  private:
@@ -38,8 +39,8 @@ class DatagramSink {
 
   const Options options_;
   const std::function<void(std::string_view)> take_;
-  // Held from the reading of a datagram until it has been handed over, so that it is always in one of the two
-  // places.
+  // Held from the reading of a datagram until the callback has returned, so that each datagram is always
+  // either in the socket or behind this lock.
   mutable std::mutex hand_over_;
   UniqueFd socket_;
   UniqueFd stop_read_;

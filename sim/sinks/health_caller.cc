@@ -18,7 +18,7 @@ constexpr auto kAnswer = std::chrono::seconds(2);
 
 class Observer final : public rpc::CallObserver<daemon::EchoMsg> {
  public:
-  // The stub is kept for as long as the call runs: its channel ends with it.
+  // The stub is kept for as long as the call runs, because its channel closes with it.
   Observer(daemon::DaemonHealth::Stub stub, std::function<void(HealthEcho)> done)
       : stub_(std::move(stub)), done_(std::move(done)) {}
 

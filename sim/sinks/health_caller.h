@@ -9,14 +9,14 @@ class AsioZemProvider;
 
 namespace zem::sim {
 
-/// What a health check of the daemon gave.
+/// The result of a health check of the daemon.
 struct HealthEcho {
   /// 0, or the status of the failed call; 1 when the daemon could not be reached.
   int status = 0;
   std::string text;
 };
 
-/// Asks the daemon's health service to repeat `text`; `done` runs once on the provider, within about four
+/// Asks the daemon's health service to echo `text`; `done` runs once, on the provider, within about four
 /// seconds.
 void CallHealthEcho(AsioZemProvider& provider, const std::string& text, std::function<void(HealthEcho)> done);
 

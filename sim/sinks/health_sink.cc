@@ -28,7 +28,7 @@ void HealthSink::Take(const char* data, size_t size) {
     return;
   }
   if (report.pid() != health_.pid) {
-    last_sequence_ = 0;  // another life of the process
+    last_sequence_ = 0;  // the process was restarted
     health_.pid = report.pid();
   }
   health_.known = true;

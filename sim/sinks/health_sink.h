@@ -9,8 +9,8 @@
 
 namespace zem::sim {
 
-/// The node's health service: takes the reports of agents and calls an agent stale when it has been silent
-/// for as long as its own heartbeat says.
+/// The node's health service: receives the reports of agents and calls an agent stale when it has been silent
+/// for the time that its own heartbeat states.
 ///
 /// Threads: all operations from any thread.
 class HealthSink {
@@ -25,7 +25,7 @@ class HealthSink {
     uint64_t heartbeats = 0;
     uint64_t metrics = 0;
     uint64_t missed = 0;       // gaps in the sequence
-    uint64_t unparsable = 0;   // datagrams that were none
+    uint64_t unparsable = 0;   // datagrams that could not be parsed
     std::string proxy_status;  // "up", "down", or empty before the first metric
   };
   Health health() const;
@@ -39,7 +39,7 @@ class HealthSink {
   TimePoint last_heard_;
   Duration stale_after_{};
 
-  DatagramSink socket_;  // ends first: it calls back
+  DatagramSink socket_;  // destroyed first, because it calls back
 };
 
 }  // namespace zem::sim

@@ -47,7 +47,7 @@ Json LinesJson(const std::vector<LogLine>& lines, uint64_t last_number) {
   return result;
 }
 
-// "local6.info zem-tarvik[12]: text"
+// Formats a line as "local6.info zem-tarvik[12]: text".
 std::string WholeLine(const LogLine& line) {
   std::string whole = line.facility >= kFirstLocal ? "local" + std::to_string(line.facility - kFirstLocal)
                       : line.facility == 1         ? "user"
@@ -70,7 +70,7 @@ void Wait(const LogSink& log, const Arguments& arguments, const Reply& reply) {
   if (!Pattern(arguments[0], reply)) return;
   const Duration timeout(static_cast<int64_t>(NumberAt(arguments, 1, 10) * 1e9));
   const auto after = static_cast<uint64_t>(NumberAt(arguments, 2, 0));
-  // Away from the control thread; a scenario may break things meanwhile.
+  // Waits on a thread of its own, so that the control thread stays free for other commands of the scenario.
   NativeThread::Options options;
   options.detached = true;
   const NativeThread started(std::move(options), [&log, pattern = arguments[0], timeout, after, reply] {

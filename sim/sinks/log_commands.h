@@ -5,8 +5,8 @@ namespace zem::sim {
 class CommandTable;
 class LogSink;
 
-/// "log/...": waits for lines of the node's log and looks through them.  `log` has to outlive the table's
-/// use.
+/// Registers "log/...": commands that wait for lines of the node's log and search it.  `log` has to outlive
+/// the table.
 void RegisterLogCommands(CommandTable& table, const LogSink& log);
 
 }  // namespace zem::sim

@@ -13,7 +13,7 @@
 
 namespace zem::sim {
 
-/// One line as the system's log would keep it.
+/// One line as the system's log would store it.
 struct LogLine {
   uint64_t number;
   int facility;
@@ -23,9 +23,9 @@ struct LogLine {
   std::string text;
 };
 
-/// The node's system log: takes datagrams at a socket such as "/dev/log" and keeps the last lines.
+/// The node's system log: receives datagrams on a socket such as "/dev/log" and keeps the last lines.
 ///
-/// What was written before a call of `last_number` or `Find` began is seen by it.
+/// `last_number` and `Find` see every line that was written before the call began.
 ///
 /// Threads: all operations from any thread.
 class LogSink {
@@ -36,9 +36,9 @@ class LogSink {
   explicit LogSink(const std::string& path, std::function<void(const LogLine&)> follow = nullptr);
 
   uint64_t last_number() const;
-  /// Lines after `after` whose text matches the pattern (ECMAScript), at most `limit`, the newest ones.
+  /// Lines numbered above `after` whose text matches the pattern (ECMAScript): the newest `limit` of them.
   std::vector<LogLine> Find(const std::string& pattern, uint64_t after, size_t limit) const;
-  /// The first such line, waiting for it up to `timeout`.
+  /// The first such line; waits for it up to `timeout`.
   std::optional<LogLine> Wait(const std::string& pattern, uint64_t after, Duration timeout) const;
 
  private:
@@ -52,10 +52,10 @@ class LogSink {
   std::deque<LogLine> lines_;
   uint64_t last_number_ = 0;
 
-  DatagramSink socket_;  // ends first: it calls back
+  DatagramSink socket_;  // destroyed first, because it calls back
 };
 
-/// "<PRI>Mmm dd hh:mm:ss identity[pid]: text"; a datagram of another form is kept whole as text.
+/// Parses "<PRI>Mmm dd hh:mm:ss identity[pid]: text"; a datagram of another form is kept as text in full.
 LogLine ParseLogLine(std::string_view datagram);
 
 }  // namespace zem::sim

@@ -10,7 +10,7 @@ namespace {
 namespace proto = orlane::zem::covedb;
 using proto::ObjectType;
 
-// The first halves say what a uuid stands for; they are version 4 in form.
+// The first half of a uuid identifies the kind of object; the form is that of version 4.
 constexpr uint64_t kSwitchUuids = 0x15000000'0000'4000;
 constexpr uint64_t kZoneUuids = 0x7a000000'0000'4000;
 constexpr uint64_t kNodeUuids = 0x70de0000'0000'4000;

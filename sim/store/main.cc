@@ -1,4 +1,4 @@
-// The store daemon as a process.
+// Runs the store daemon as a process of its own.
 
 #include <boost/property_tree/ptree.hpp>
 #include <cstdio>

@@ -147,7 +147,7 @@ Status MonitorHub::Configure(const std::string& client_id, const proto::Configur
     const proto::StatementMsg before = entry->second;
     if (Status status = ApplyUpdate(update, entry->second); !status.ok()) return status;
     if (Status status = CheckStatement(registry_, entry->second); !status.ok()) return status;
-    // What the new conditions bring into sight is news to the client.
+    // Objects that match only the new conditions are sent to the client.
     for (const auto& [key, value] : objects_.All(stream.vdb_id, update.object_type())) {
       if (Matches(registry_, before, *value) || !Matches(registry_, entry->second, *value)) continue;
       updates.push_back(MakeUpdate(update.object_type(), proto::ObjectOpMsg::SET, value, nullptr));
@@ -181,7 +181,8 @@ void MonitorHub::Publish(const std::vector<ObjectChange>& changes) {
       if (after) {
         updates.push_back(MakeUpdate(change.type, proto::ObjectOpMsg::SET, change.after, change.before));
       } else if (before) {
-        // Gone, or gone out of sight: the same to who watches.  Its last value tells which one it was.
+        // A deleted object and one that no longer matches look the same to the client.  The last value
+        // identifies it.
         updates.push_back(MakeUpdate(change.type, proto::ObjectOpMsg::DELETE, change.before, change.before));
       }
     }

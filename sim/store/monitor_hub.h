@@ -14,16 +14,16 @@
 
 namespace zem::sim {
 
-/// Where a stream's answers go.
+/// Receives the answers of a stream.
 class MonitorSink {
  public:
   virtual ~MonitorSink() = default;
-  /// False when it cannot be taken now; the stream then waits for `MonitorHub::Drain`.
+  /// Returns false when it cannot accept answers now; the stream then waits for `MonitorHub::Drain`.
   virtual bool Write(const orlane::zem::covedb::MonitorResponseMsg& response) = 0;
   virtual void Close(const rpc::Status& status) = 0;
 };
 
-/// What is told of one stream.
+/// The description of one stream.
 struct MonitorInfo {
   std::string monitor_id;
   std::string client_id;
@@ -35,11 +35,11 @@ struct MonitorInfo {
 
 /// The streams that watch objects.
 ///
-/// A new stream, or a type added to one, is first sent the objects that match, as sets; later each batch's
-/// changes. Both go in pieces of at most 500 updates of which the last carries the barrier mark.  A stream
-/// that is more than 8 MiB behind ends with RESYNC_REQUIRED.
+/// A new stream, or a type added to one, is first sent the objects that match, as sets; after that, the
+/// changes of each batch.  Both are sent in pieces of at most 500 updates, of which the last carries the
+/// barrier mark.  A stream that is more than 8 MiB behind ends with RESYNC_REQUIRED.
 ///
-/// Threads: none of its own; the owner guards it.
+/// Threads: not thread-safe; the owner's lock guards it.
 class MonitorHub {
  public:
   static constexpr int kMaxUpdates = 500;
@@ -48,35 +48,35 @@ class MonitorHub {
 
   MonitorHub(const ObjectRegistry& registry, const ObjectStore& objects);
 
-  /// Starts a stream; `sink` gets all that follows, its end included.  An id that the same client has in use
-  /// goes over to the new stream, and the old one ends with CANCELLED; one of another client:
-  /// INVALID_ARGUMENT.  VDB_GONE for an unknown vdb.
+  /// Starts a stream; `sink` receives everything that follows, including its end.  An id that the same client
+  /// already uses passes to the new stream, and the old one ends with CANCELLED; an id of another client is
+  /// refused with INVALID_ARGUMENT, an unknown vdb with VDB_GONE.
   void Open(const std::string& client_id, const orlane::zem::covedb::MonitorRequestMsg& request,
             std::shared_ptr<MonitorSink> sink);
 
-  /// All of it or, with a status that says why, nothing.
+  /// Changes the stream completely, or not at all; then the status says why.
   rpc::Status Configure(const std::string& client_id,
                         const orlane::zem::covedb::ConfigureMonitorRequestMsg& request,
                         orlane::zem::covedb::ConfigureMonitorResponseMsg* response);
 
-  /// Tells the streams of one batch.
+  /// Sends the changes of one batch to the streams.
   void Publish(const std::vector<ObjectChange>& changes);
 
-  /// The mark alone, to the streams of `vdb_id`; gives how many there are.
+  /// Sends only the barrier mark to the streams of `vdb_id`; returns their number.
   size_t SendBarrier(uint16_t vdb_id);
 
-  /// The client's side has ended.
+  /// The client has ended the stream.
   void Ended(const MonitorSink& sink);
-  /// The sink takes answers again.
+  /// The sink accepts answers again.
   void Drain(const MonitorSink& sink);
 
-  /// Ends the streams of a vdb, or those of a monitor id (all for an empty one); gives how many there were.
+  /// Ends the streams of a vdb, or those of a monitor id (an empty one: all); returns their number.
   size_t EndVDb(uint16_t vdb_id, const rpc::Status& status);
   size_t EndMonitor(const std::string& monitor_id, const rpc::Status& status);
 
   std::vector<MonitorInfo> Streams() const;
 
-  /// The values of the next `count` updates are replaced by bytes that are no message.
+  /// Replaces the values of the next `count` updates by bytes that no message can begin with.
   void SetGarbage(int count) { garbage_ = count; }
 
  private:
@@ -90,7 +90,7 @@ class MonitorHub {
     std::deque<orlane::zem::covedb::MonitorResponseMsg> behind;
     size_t behind_bytes = 0;
     uint64_t updates = 0;
-    bool lost = false;  // ended while it was being written to
+    bool lost = false;  // ended during a write to its sink
   };
   using StreamList = std::list<Stream>;
 
@@ -110,7 +110,7 @@ class MonitorHub {
   int garbage_ = 0;
 };
 
-/// Bytes that no protobuf message begins with.
+/// Bytes with which no protobuf message begins.
 extern const char kGarbage[];
 
 }  // namespace zem::sim

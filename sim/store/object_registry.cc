@@ -23,7 +23,7 @@ using rpc::StatusCode;
 constexpr std::string_view kHex = "hex:";
 constexpr std::string_view kText = "text:";
 
-// The field's own bytes, so that any type of field can be a key.
+// Returns the field's encoded bytes, so that a field of any type can be the key.
 std::string KeyBytes(const Message& message, const FieldDescriptor& field) {
   const google::protobuf::Reflection& reflection = *message.GetReflection();
   if (field.cpp_type() == FieldDescriptor::CPPTYPE_STRING) return reflection.GetString(message, &field);

@@ -65,7 +65,7 @@ Status ObjectStore::ApplyOne(const proto::ModifyMsg& change, std::vector<ObjectC
     return Invalid("a change has to hold exactly one of put, delete, flush, patch, copy");
   std::vector<uint16_t> targets;
 
-  // The checks that all kinds share, then the key of those that have one.
+  // First the checks that all kinds of changes share, then the key, where a change has one.
   const auto prepare = [&](const auto& message) {
     Status status = CheckType(message.has_object_type(), message.object_type());
     return status.ok() ? Targets(message.vdb_id(), &targets) : status;
@@ -121,7 +121,7 @@ Status ObjectStore::Merge(ObjectType type, const ObjectValue& before, const std:
     *after = std::make_shared<const std::string>(patch);
     return Status();
   }
-  // Bytes that follow each other merge, as messages do.
+  // Concatenated encodings parse as the merge of the messages.
   if (!merged->ParsePartialFromString(*before + patch)) {
     return Status(StatusCode::kBadValue, "the patch is no " + merged->GetTypeName());
   }
@@ -160,7 +160,7 @@ void ObjectStore::Set(uint16_t vdb_id, ObjectType type, const std::string& key, 
   } else if (found != objects.end()) {
     objects.erase(found);
   } else {
-    return;  // nothing there, nothing to tell
+    return;  // the object did not exist, so nothing changes
   }
   changes.push_back(std::move(change));
 }
@@ -193,7 +193,7 @@ Status ObjectStore::CreateVDb(const std::string& name, uint16_t* vdb_id) {
   if (name.empty()) return Invalid("a vdb needs a name");
   if (VDbId(name)) return Status(StatusCode::kAlreadyExists, "there is a vdb \"" + name + "\"");
   if (last_vdb_id_ == UINT16_MAX) return Status(StatusCode::kResourceExhausted, "no vdb id is left");
-  // Ids are not used twice: a client may still hold the old one.
+  // Ids are never reused, because a client may still hold the old one.
   *vdb_id = ++last_vdb_id_;
   vdbs_[*vdb_id].name = name;
   return Status();

@@ -13,21 +13,21 @@
 
 namespace zem::sim {
 
-/// An object's bytes; shared with those who are told of them.
+/// An object's bytes, shared with the streams to which they are sent.
 using ObjectValue = std::shared_ptr<const std::string>;
 
-/// What became of one object.
+/// The change of one object.
 struct ObjectChange {
   uint16_t vdb_id = 0;
   ObjectType type{};
   std::string key;
-  ObjectValue before;  // null: there was none
-  ObjectValue after;   // null: it is gone
+  ObjectValue before;  // null: the object did not exist
+  ObjectValue after;   // null: the object was deleted
 };
 
-/// The objects of all virtual databases.  Of the vdbs, 1 is there from the start.
+/// The objects of all virtual databases.  The vdb with id 1 always exists.
 ///
-/// Threads: none of its own; the owner guards it.
+/// Threads: not thread-safe; the owner's lock guards it.
 class ObjectStore {
  public:
   static constexpr uint16_t kDefaultVDb = 1;
@@ -35,26 +35,26 @@ class ObjectStore {
 
   explicit ObjectStore(const ObjectRegistry& registry);
 
-  /// Makes all changes of the batch, in order, or none.  `changes` gets what happened to each object.
-  /// INVALID_ARGUMENT: a change without content, type, object or key; UNKNOWN_TYPE: a type that the schema
-  /// lacks; BAD_VALUE: an object that does not parse; NOT_FOUND: a vdb or copy source that is not there.
+  /// Makes all changes of the batch, in order, or none.  `changes` receives the change of each object.
+  /// INVALID_ARGUMENT: a change without content, type, object or key; UNKNOWN_TYPE: a type that is not in the
+  /// schema; BAD_VALUE: an object that cannot be parsed; NOT_FOUND: an unknown vdb or copy source.
   rpc::Status Apply(const std::vector<orlane::zem::covedb::ModifyRequestMsg>& batch,
                     std::vector<ObjectChange>* changes);
 
-  /// Null when the vdb is unknown.
+  /// Returns null when the vdb is unknown.
   const std::map<ObjectType, Objects>* Find(uint16_t vdb_id) const;
-  /// Empty when there are none.
+  /// Returns an empty list when there are no objects.
   const Objects& All(uint16_t vdb_id, ObjectType type) const;
 
   bool HasVDb(uint16_t vdb_id) const { return vdbs_.count(vdb_id) != 0; }
-  /// ALREADY_EXISTS, or INVALID_ARGUMENT for an empty name.
+  /// Fails with ALREADY_EXISTS, or with INVALID_ARGUMENT for an empty name.
   rpc::Status CreateVDb(const std::string& name, uint16_t* vdb_id);
-  /// NOT_FOUND; INVALID_ARGUMENT for the default one.
+  /// Fails with NOT_FOUND, or with INVALID_ARGUMENT for the default vdb.
   rpc::Status DeleteVDb(const std::string& name, uint16_t* vdb_id);
   std::optional<uint16_t> VDbId(const std::string& name) const;
   std::vector<std::pair<uint16_t, std::string>> VDbs() const;
 
-  /// Types with higher numbers are unknown to this store; the schema text ends with this one.
+  /// Types with higher numbers are unknown to this store; the schema text ends with this type.
   void SetLastType(ObjectType type) { last_type_ = type; }
   ObjectType last_type() const { return last_type_; }
 
@@ -82,7 +82,7 @@ class ObjectStore {
   ObjectType last_type_;
 };
 
-/// The schema as the store tells it: "enum ObjectType { ... }", up to `last_type`.
+/// The schema text that the store returns: "enum ObjectType { ... }", up to `last_type`.
 std::string SchemaText(ObjectType last_type);
 
 }  // namespace zem::sim

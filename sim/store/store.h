@@ -16,14 +16,14 @@
 
 namespace zem::sim {
 
-/// The store behind its calls and commands: objects, and the streams that are told of each change.
+/// The store behind its calls and commands: the objects, and the streams that receive each change.
 ///
 /// Threads: all operations from any thread.  `registry` has to outlive it.
 class Store {
  public:
   explicit Store(const ObjectRegistry& registry);
 
-  /// All changes of the batch, told to the streams as one, or none.
+  /// Makes all changes of the batch, or none, and sends them to the streams as one run of updates.
   rpc::Status Modify(const std::vector<orlane::zem::covedb::ModifyRequestMsg>& batch);
   rpc::Status Get(const orlane::zem::covedb::GetRequestMsg& request,
                   orlane::zem::covedb::GetResponseMsg* response) const;
@@ -31,7 +31,7 @@ class Store {
                     orlane::zem::covedb::QueryResponseMsg* response) const;
 
   rpc::Status CreateVDb(const std::string& name, uint16_t* vdb_id);
-  /// Its streams end with VDB_GONE.
+  /// Deletes the vdb; its streams end with VDB_GONE.
   rpc::Status DeleteVDb(const std::string& name);
   std::vector<std::pair<uint16_t, std::string>> VDbs() const;
 
@@ -44,7 +44,7 @@ class Store {
   void StreamWritable(const MonitorSink& sink);
 
   size_t SendBarrier(uint16_t vdb_id);
-  /// An empty id ends all.
+  /// Ends the streams of a monitor id; an empty id ends all.
   size_t EndStreams(const std::string& monitor_id, const rpc::Status& status);
   std::vector<MonitorInfo> Streams() const;
   void SetUpdateGarbage(int count);
@@ -56,7 +56,7 @@ class Store {
   };
   std::vector<TypeCount> Counts() const;
 
-  /// What the schema calls tell, and, by `last_type`, which types exist.
+  /// Sets what the schema calls return and, with `last_type`, which types exist.
   void SetSchema(std::string version, ObjectType last_type);
   std::string SchemaVersion() const;
   std::string Schema() const;

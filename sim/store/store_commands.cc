@@ -1,4 +1,4 @@
-// The store's command table.  Types are names or numbers, "@VDB" behind one names a vdb other than 1.
+// The store's command table.  Types are names or numbers; "@VDB" after a type selects a vdb other than 1.
 
 #include <chrono>
 #include <stdexcept>
@@ -17,7 +17,7 @@ namespace {
 namespace proto = orlane::zem::covedb;
 using rpc::Status;
 
-// What a handler throws is answered with its text.
+// The text of an exception becomes the error in the answer.
 [[noreturn]] void Refuse(const std::string& text) { throw std::invalid_argument(text); }
 
 int64_t ParseNumber(const std::string& text, int64_t least, int64_t most) {
@@ -67,7 +67,7 @@ class StoreCommands {
     return std::move(*object);
   }
 
-  // Put, patch and delete are alike but for the member that they set.
+  // Put, patch and delete differ only in the member that they set.
   template <class Message>
   void Change(Message* (proto::ModifyMsg::*member)(), const Arguments& arguments, const Reply& reply) const {
     const Place place = ParsePlace(arguments[0]);
@@ -106,7 +106,7 @@ class StoreCommands {
     Answer(reply, daemon_.store().Modify({request}));
   }
 
-  // An object and the controller's barrier behind it, as one transaction.
+  // Writes an object, followed by the controller's barrier, in one transaction.
   void Transaction(const Arguments& arguments, const Reply& reply) const {
     proto::ModifyRequestMsg request;
     const auto add = [&request](ObjectType type, std::string object) {

@@ -17,7 +17,7 @@ StoreDaemon::StoreDaemon(AsioZemProvider& provider, const std::string& endpoint,
   Listen();
 }
 
-// What waits holds the faults that hold it.
+// Calls that wait hold a reference to the faults, which hold the calls: the cycle is broken here.
 StoreDaemon::~StoreDaemon() { faults_->DropWaiting(); }
 
 void StoreDaemon::Listen() {
@@ -26,7 +26,7 @@ void StoreDaemon::Listen() {
   builder.AddListeningEndpoint(net::Endpoint(endpoint_));
   RegisterStoreServices(builder, store_, faults_);
   server_ = builder.BuildStarted();
-  // Whoever came by the port that the system chose has to find it again.
+  // If the system chose the port, it has to be the same when the store listens again.
   const net::Endpoint asked(endpoint_);
   if (asked.port() == 0) endpoint_ = "tcp://" + asked.address() + ":" + std::to_string(server_->port());
 }
@@ -37,7 +37,7 @@ void StoreDaemon::StopListening() {
 }
 
 void StoreDaemon::DropConnections() {
-  // Without a server there are none, and nobody is to reach the store.
+  // Without a server there are no connections, and the store has to stay unreachable.
   if (!server_) return;
   StopListening();
   Listen();

@@ -18,7 +18,7 @@ namespace zem::sim {
 
 class CommandTable;
 
-/// The store daemon: a store, its faults, and the server that offers it.  Objects last as long as it does.
+/// The store daemon: a store, its faults, and the server that offers it.  Objects are kept only in memory.
 ///
 /// Threads: all operations from any thread, one at a time.  Ownership: the provider and the registry have to
 /// outlive it.
@@ -32,9 +32,9 @@ class StoreDaemon {
   StoreFaults& faults() { return *faults_; }
   uint16_t port() const;
 
-  /// Clients lose their channels, and find the store again if it listens: nothing is forgotten.
+  /// Closes all connections.  Clients reconnect if the store listens; no object is lost.
   void DropConnections();
-  /// Nobody reaches the store until `Listen`.
+  /// Stops listening until `Listen` is called.
   void StopListening();
   void Listen();
 
@@ -46,8 +46,7 @@ class StoreDaemon {
   std::unique_ptr<rpc::Server> server_;
 };
 
-/// The commands by which a person or a scenario works on the daemon.  `daemon` and `registry` have to outlive
-/// the table.
+/// Registers the commands for the daemon.  `daemon` and `registry` have to outlive the table.
 void RegisterStoreCommands(CommandTable& table, StoreDaemon& daemon, const ObjectRegistry& registry);
 
 }  // namespace zem::sim

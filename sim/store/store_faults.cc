@@ -57,7 +57,7 @@ void StoreFaults::SetFrozen(bool frozen) {
 }
 
 void StoreFaults::DropWaiting() {
-  std::vector<Waiting> waiting;  // goes after the lock
+  std::vector<Waiting> waiting;  // destroyed after the lock is released
   const std::lock_guard lock(state_->mutex);
   waiting.swap(state_->waiting);
 }

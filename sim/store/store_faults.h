@@ -22,44 +22,45 @@ class AsioZemProvider;
 
 namespace zem::sim {
 
-/// The names of all calls that faults can be set for.
+/// The names of all calls for which faults can be set.
 inline constexpr std::array<std::string_view, 12> kStoreCalls = {
     "Get",      "Query",     "Modify",           "CreateVDb",        "DeleteVDb",
     "GetVDbId", "Monitor",   "ConfigureMonitor", "GetSchemaVersion", "GetSchema",
     "Echo",     "GetVersion"};
 
-/// What goes wrong with the store's calls, at somebody's wish.
+/// Faults that tests and operators inject into the store's calls.
 ///
 /// Threads: all operations from any thread.
 class StoreFaults {
  public:
   explicit StoreFaults(AsioZemProvider& provider);
 
-  /// The next `count` calls of `method` end with `code`; -1 is all of them, 0 none.
+  /// The next `count` calls of `method` end with `code`; -1 means all, 0 none.
   void SetStatus(const std::string& method, int code, int count);
-  /// Calls of `method` are served so much later; zero is at once.
+  /// Calls of `method` are served after this delay; zero serves them at once.
   void SetDelay(const std::string& method, Duration delay);
-  /// The next `count` answers of "Get" or "Query" carry values that are no messages.
+  /// The next `count` answers of "Get" or "Query" carry values that cannot be parsed.
   void SetGarbage(const std::string& method, int count);
-  /// While frozen, calls are taken and not served; they are when it ends.
+  /// While frozen, calls are accepted but not served; they are served when the freeze ends.
   void SetFrozen(bool frozen);
-  /// Forgets the calls that wait while frozen; they get no answer.
+  /// Drops the calls that wait because of a freeze; they get no answer.
   void DropWaiting();
-  /// Nothing goes wrong any longer.
+  /// Ends all faults.
   void Clear();
 
-  /// Serves a call: `serve` gets the status code that the call has to end with, 0 for none; at once, or later
-  /// on the provider's threads.
+  /// Serves a call: `serve` is called with the status code with which the call has to end, 0 for none; at
+  /// once, or later on a thread of the provider.
   void Pass(std::string_view method, std::function<void(int code)> serve);
-  /// True when a call of `method` would be served at once and without fault; it then counts as served.
+  /// Returns true when a call of `method` would be served at once and without a fault; it is then counted as
+  /// served.
   bool PassAtOnce(std::string_view method);
 
   bool TakeGarbage(std::string_view method);
 
-  /// The newest `count` requests of each method are kept from now on; 0 keeps none.
+  /// From now on keeps the newest `count` requests of each method; 0 keeps none.
   void KeepRequests(size_t count);
   void NoteRequest(std::string_view method, const google::protobuf::Message& request);
-  /// The newest `count` that were kept, oldest first, in text format.
+  /// The newest `count` of the kept requests, oldest first, in text format.
   std::vector<std::string> Requests(const std::string& method, size_t count) const;
 
   struct Seen {
@@ -67,7 +68,7 @@ class StoreFaults {
     uint64_t calls = 0;
     uint64_t failed = 0;
   };
-  /// The calls of each method so far.
+  /// The number of calls of each method so far.
   std::vector<Seen> Calls() const;
 
  private:

@@ -19,13 +19,14 @@ using rpc::CallHandle;
 using rpc::ServerContext;
 using rpc::Status;
 
-// A call whose peer has gone takes no answer; that is its own end, and nobody is left to tell.
+// An answer to a client that has disconnected is refused.  That is ignored: the call has ended with the
+// connection.
 template <class Response>
 void Answer(CallHandle<Response>& call, const Status& status, const Response& response) {
   [[maybe_unused]] const bool taken = status.ok() ? call.Finish(response) : call.Close(status);
 }
 
-// Serves one call of `method`, as far as the faults let it: `serve` fills the response.
+// Serves one call of `method` unless a fault prevents it; `serve` fills the response.
 template <class Request, class Response, class Serve>
 void ServeCall(StoreFaults& faults, const char* method, const Request& request, CallHandle<Response> call,
                Serve serve) {
@@ -160,7 +161,7 @@ class CoveDbService final : public proto::CoveDb::Service {
   }
 
  private:
-  // Gathers a batch; it is applied when it is complete.
+  // Collects a batch; it is applied when it is complete.
   class Batch final : public rpc::RequestObserver<proto::ModifyRequestMsg> {
    public:
     Batch(std::shared_ptr<Store> store, std::shared_ptr<StoreFaults> faults,
@@ -176,11 +177,11 @@ class CoveDbService final : public proto::CoveDb::Service {
     }
 
     void End(const Status& status) override {
-      if (!status.ok()) return;  // the client broke off: nothing of the batch counts
+      if (!status.ok()) return;  // the client aborted the call: nothing of the batch is applied
       auto batch = std::make_shared<std::vector<proto::ModifyRequestMsg>>(std::move(batch_));
       faults_->Pass("Modify", [store = store_, call = call_, ended = ended_, batch](int code) mutable {
-        // Its client has sent it again by another connection, perhaps with later writes: too late for this
-        // one.
+        // The client has sent the batch again on another connection, perhaps with later writes, so this copy
+        // is too old to be applied.
         if (*ended) return;
         const Status result = code == 0 ? store->Modify(*batch) : Status(code, "as the fault says");
         Answer(call, result, proto::ModifyResponseMsg());

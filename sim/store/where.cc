@@ -23,7 +23,7 @@ using rpc::Status;
 using rpc::StatusCode;
 using Path = std::vector<const FieldDescriptor*>;
 
-// Nothing when the path leads to no field.
+// Returns nothing when the path does not lead to a field.
 std::optional<Path> Resolve(const Message& prototype, std::string_view text) {
   Path path;
   const google::protobuf::Descriptor* level = prototype.GetDescriptor();

@@ -9,12 +9,13 @@ namespace zem::sim {
 
 class ObjectRegistry;
 
-/// INVALID_ARGUMENT when the statement names no type, or a condition that objects of the type cannot meet: an
-/// unknown field, no operator, a value that is no number for a number, a type that is not registered.
+/// Returns INVALID_ARGUMENT when the statement names no type, or has a condition that objects of the type
+/// cannot meet: an unknown field, no operator, a text where the field is a number, or a type that is not
+/// registered.
 rpc::Status CheckStatement(const ObjectRegistry& registry,
                            const orlane::zem::covedb::StatementMsg& statement);
 
-/// Whether a statement that was checked selects the object.
+/// Whether a statement that passed the check selects the object.
 bool Matches(const ObjectRegistry& registry, const orlane::zem::covedb::StatementMsg& statement,
              const std::string& object);
 

@@ -51,9 +51,8 @@ bool LibraryFolder::Restore(const std::string& name, std::string* error) const {
   return !code;
 }
 
-// The loader finds a function by a hash of its name and then compares the name.  The table of names stands at
-// the beginning of the file: with another name there the hash leads to a function that is not the one looked
-// for.
+// The loader finds a function by a hash of its name and then compares the name.  The table of names is at the
+// beginning of the file.  With another name there, the hash leads to an entry whose name does not match.
 bool LibraryFolder::LackSymbol(const std::string& name, const std::string& symbol, std::string* error) const {
   if (!Known(name, error)) return false;
   auto bytes = tree::ReadFile(Built() + "/" + name);

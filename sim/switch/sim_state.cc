@@ -33,7 +33,7 @@ void SetList(cJSON* object, const char* name, const std::vector<std::string>& te
   for (const std::string& text : texts) cJSON_AddItemToArray(list, cJSON_CreateString(text.c_str()));
 }
 
-// A value as people see it: a text without its zero, anything else as it is.
+// A value for display: a text without its terminating zero, anything else unchanged.
 std::string Shown(std::string bytes) {
   if (!bytes.empty() && bytes.find('\0') == bytes.size() - 1) bytes.pop_back();
   return bytes;
@@ -190,7 +190,7 @@ std::vector<std::string> SwitchState::Live() const {
 }
 
 void SwitchState::ClearLogs() {
-  // The libraries have them open.
+  // Truncated and not removed, because the libraries have them open.
   for (const std::string& path : {tree::CallsFile(), tree::ViolationsFile()}) {
     if (tree::Exists(path) && ::truncate(path.c_str(), 0) != 0) static_cast<void>(tree::RemoveFile(path));
   }

@@ -11,14 +11,14 @@
 
 namespace zem::sim {
 
-/// The state of the host's switches from outside: what the libraries have done, and what the host does to
-/// them.
+/// Access from outside to the state of the host's switches: reads what the libraries have done, and does what
+/// the host does to its switches.
 ///
-/// Threads: all operations from any thread; others may change the same tree meanwhile.
-/// Errors: false or nothing when what is named is not there.
+/// Threads: all operations from any thread; other processes may change the same tree at the same time.
+/// Errors: false or nothing when the named object does not exist.
 class SwitchState {
  public:
-  /// Makes the folders of the tree under ZEM_SIM_ROOT.
+  /// Creates the folders of the tree under ZEM_SIM_ROOT.
   SwitchState();
 
   struct Switch {
@@ -28,13 +28,13 @@ class SwitchState {
     std::vector<std::string> zones;
     std::vector<std::string> uplinks;
   };
-  /// Also over one that is there, whose ports stay.
+  /// Also replaces a switch that exists; its ports stay.
   [[nodiscard]] bool MakeSwitch(const Switch& host_switch);
   [[nodiscard]] bool RemoveSwitch(const std::string& id);
   std::vector<std::string> SwitchIds() const;
 
   std::vector<std::string> Ports(const std::string& dvs) const;
-  /// Values by name; texts without the zero behind them.
+  /// Values by name; a text is returned without its terminating zero.
   std::map<std::string, std::string> PortProperties(const std::string& dvs, const std::string& port) const;
   std::optional<std::string> PortProperty(const std::string& dvs, const std::string& port,
                                           const std::string& name) const;
@@ -46,21 +46,21 @@ class SwitchState {
   [[nodiscard]] bool SetSwitchProperty(const std::string& dvs, const std::string& place,
                                        const std::string& name, const std::string& bytes);
 
-  /// The host starts anew: no switch has ports, no router is on one.
+  /// Simulates a restart of the host: switches lose their ports, and routers leave their switches.
   void RebootHost();
-  /// One switch forgets its ports.
+  /// Removes all ports of one switch.
   [[nodiscard]] bool LosePorts(const std::string& dvs);
 
-  /// Adds a rule behind the others; false with the reason in `error` when it does not read.
+  /// Adds a rule after the existing ones.  Returns false with the reason in `error` when it cannot be parsed.
   [[nodiscard]] bool AddFault(std::string_view line, std::string* error);
-  /// Those of one function, or all for an empty name.
+  /// Removes the rules of one function, or all for an empty name.
   void ClearFaults(std::string_view function);
   std::vector<std::string> Faults() const;
 
-  /// The lines of the logs, oldest first; those of calls that hold `part`.
+  /// The lines of the logs, oldest first; of the calls, only the lines that contain `part`.
   std::vector<std::string> Calls(std::string_view part = {}) const;
   std::vector<std::string> Violations() const;
-  /// "DVSData_Alloc: 2 of process 17", for what a living process has been given and not given back.
+  /// Lines such as "DVSData_Alloc: 2 of process 17": objects that a running process has got and not released.
   std::vector<std::string> Live() const;
   void ClearLogs();
 };

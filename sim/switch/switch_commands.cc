@@ -17,7 +17,7 @@
 namespace zem::sim {
 namespace {
 
-constexpr size_t kMostLines = 1000;  // of a log in one answer
+constexpr size_t kMostLines = 1000;  // log lines in one answer
 
 Json FileJson(const std::string& path) { return Json(ReadJson(path).release()); }
 
@@ -36,7 +36,7 @@ Json Strings(const std::vector<std::string>& texts) {
   return list;
 }
 
-// The newest lines, each a JSON object of its own.
+// Returns the newest lines, each as a JSON object.
 Json LogLines(const std::vector<std::string>& lines) {
   Json list = JsonArray();
   for (size_t i = lines.size() - std::min(lines.size(), kMostLines); i < lines.size(); ++i) {
@@ -186,7 +186,7 @@ class SwitchCommands {
 
   static std::string NoSwitch(const std::string& name) { return "no switch \"" + name + "\""; }
 
-  // People give the name.
+  // Accepts a switch's name in place of its id.
   static std::string IdOf(const std::string& text) {
     const std::string id = SwitchIdOfName(text);
     return id.empty() ? text : id;

@@ -6,7 +6,7 @@ class CommandTable;
 class LibraryFolder;
 class SwitchState;
 
-/// Registers "switch/..." commands.  Both have to outlive the table's use.
+/// Registers the "switch/..." commands.  Both arguments have to outlive the table.
 void RegisterSwitchCommands(CommandTable& table, SwitchState& state, LibraryFolder& libraries);
 
 }  // namespace zem::sim

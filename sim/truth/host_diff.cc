@@ -28,7 +28,7 @@ std::string Text(const cJSON* object, const char* name) {
   return cJSON_IsString(member) ? member->valuestring : "";
 }
 
-// A uuid in the host's form: pairs of digits with blanks, and "-" behind the eighth.
+// Formats a uuid as the host does: pairs of digits separated by blanks, and "-" after the eighth.
 std::string HostForm(const std::string& uuid) {
   if (uuid.find(' ') != std::string::npos) return uuid;
   std::string digits;

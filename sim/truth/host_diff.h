@@ -11,29 +11,29 @@ class HostConfigMsg;
 
 namespace zem::sim {
 
-/// A switch as the host has it.
+/// A switch of the host.
 struct HostSwitchState {
   std::string id;
   std::string name;
   std::string kind;
   int64_t mtu = 0;
   std::vector<std::string> zones;
-  /// "pnic~uplink".
+  /// Entries of the form "pnic~uplink".
   std::vector<std::string> pnics;
-  /// Devices.
+  /// Device names.
   std::vector<std::string> endpoints;
-  /// The digits of the router's MAC address; empty without router.
+  /// The digits of the router's MAC address; empty: no router.
   std::string router;
   bool operator==(const HostSwitchState&) const = default;
 };
 
-/// What is in the tree of the host's switches.
+/// Reads the switches from the host's tree.
 std::vector<HostSwitchState> ReadHostSwitches();
 
-/// What a host that has realized `config` has.
+/// The switches of a host that has realized `config`.
 std::vector<HostSwitchState> WantedHostSwitches(const orlane::zem::switching::HostConfigMsg& config);
 
-/// A line for each thing that the host lacks, or has too much, against `config`; none: they agree.
+/// One line for each difference: what the host lacks, or has in excess, compared with `config`.
 std::vector<std::string> DiffHost(const orlane::zem::switching::HostConfigMsg& config,
                                   const std::string& host_node_id);
 

@@ -179,11 +179,12 @@ class Picture {
     }
   }
 
-  // VMs that are off because their last port operation failed.
+  // Lists the VMs that are off because their last port operation failed.
   std::vector<std::string> FailedVnics() const {
     std::map<std::string, VmStep> last;
     for (VmStep& step : view_.machines.Log("", 10000)) {
-      // The last step of an undone change is its undoing.
+      // An operation id ending in "u" undoes a failed change; the failed step before it is the interesting
+      // one.
       if (!step.op_id.ends_with('u')) last[step.vm + " " + step.device] = std::move(step);
     }
     std::vector<std::string> lines;
@@ -204,7 +205,7 @@ class Picture {
   const NodeView& view_;
   const Json host_;
   const std::vector<VirtualMachine> machines_;
-  std::map<std::string, std::string> names_;  // of vNICs, by what ports call them
+  std::map<std::string, std::string> names_;  // vNICs by the name that ports use
   std::string text_;
 };
 

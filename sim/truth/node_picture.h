@@ -12,7 +12,7 @@ class LogSink;
 class Manager;
 class VirtualMachines;
 
-/// Everything that a picture of the node is drawn from.
+/// The sources of a picture of the node.
 struct NodeView {
   const HostState& host;
   VirtualMachines& machines;
@@ -20,12 +20,13 @@ struct NodeView {
   const HostManagement& host_management;
   const DaemonProcess& daemon;
   const LogSink& log;
-  /// Ports of a switch, and VMs, that are drawn one by one.
+  /// Largest number of ports of a switch, and of VMs, that are listed one by one.
   size_t most = 20;
 };
 
-/// The node for people, in lines: its switches with uplinks, endpoints and ports, its interfaces and VMs, and
-/// what is not as the manager wants it, with what the daemon and the port operations said about it.
+/// Describes the node in readable lines: its switches with uplinks, endpoints and ports, its interfaces and
+/// VMs, and every difference from the manager's wishes, with the messages of the daemon and the port
+/// operations about it.
 std::string DrawNode(const NodeView& view);
 
 }  // namespace zem::sim

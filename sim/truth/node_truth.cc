@@ -88,7 +88,7 @@ Lines CheckAllVifs(VirtualMachines& machines, Manager& manager, const HostState&
 
 Lines CheckInterfaces(const HostState& host, const orlane::zem::switching::HostConfigMsg& config) {
   Lines lines;
-  std::map<std::string, std::string> wanted;  // VIFs by device; empty: on none
+  std::map<std::string, std::string> wanted;  // VIFs by device; empty: on no port
   for (const auto& move : config.qub_if_migration().to_lswitches()) wanted[move.device()] = move.vif_id();
   for (const auto& move : config.qub_if_migration().to_vsw_or_psw()) wanted[move.device()] = "";
   const Json state = host.Read();
@@ -125,7 +125,7 @@ Lines CheckSecurityPort(Manager& manager, const std::string& dvs, const std::str
     lines.push_back("port " + port + " of the host holds VIF [" + use->vif + "], the manager has " + vif +
                     (place ? " on " + place->port : std::string(" nowhere")));
   }
-  // What was noted before the VIF came or went again is no longer owed.
+  // A pending note is obsolete once the VIF has been attached or detached again.
   if (use->pending == (use->vif == vif ? "attach_port" : "detach_port"))
     lines.push_back("port " + port + " of the host still owes " + use->pending);
   return lines;

@@ -62,7 +62,7 @@ class Check {
       if (!owned && !interface) {
         Say("port " + place.port + " holds VIF " + vif + ", which nobody uses");
       }
-      // What was noted before the VIF came or went again is no longer owed.
+      // A pending note is obsolete once the VIF has been attached or detached again.
       if (!interface && use->pending == (owned ? kAttachPending : kDetachPending)) {
         Say("port " + place.port + ": the manager was not told of " + use->pending);
       }
@@ -88,8 +88,8 @@ class Check {
         Say(machine.name + ": the file of port " + place.port + " is torn");
         continue;
       }
-      // It would give the port that VIF when the port is made anew, and the VIF a second port.  A VIF of
-      // another VM is in the copy of that VM's files.
+      // When the port is made again from such a file, it would get that VIF, which would then be on two
+      // ports.  The VIF of another VM is legitimate in a copy of that VM's files.
       if (!knowledge_.files_written) continue;
       const bool own = std::any_of(machine.vnics.begin(), machine.vnics.end(),
                                    [&](const auto& vnic) { return vnic.second.vif == written->vif; });

@@ -10,20 +10,20 @@
 
 namespace zem::sim {
 
-/// Who knows what of the host's VIFs.
+/// What each party knows of the host's VIFs.
 struct VifKnowledge {
   std::vector<VirtualMachine> machines;
-  /// VIFs of the host's own interfaces, which stand on ports as well.
+  /// VIFs of the host's own interfaces, which are on ports as well.
   std::set<std::string> interfaces;
-  /// What the manager has, nothing when it keeps no VIFs.
+  /// The manager's table; nothing when the manager keeps no VIFs.
   std::optional<std::vector<VifPlace>> manager;
-  /// The host as the manager calls it; places of others are no concern of this one.
+  /// The host's id at the manager; entries of other hosts are ignored.
   std::string host;
-  /// Every port file could be written when it had to be.
+  /// True when every port file could be written.
   bool files_written = true;
 };
 
-/// Where ports, their files, VMs and the manager disagree; one line for each finding.
+/// Reports where ports, their files, VMs and the manager disagree; one line for each finding.
 std::vector<std::string> CheckVifs(const VifKnowledge& knowledge);
 
 }  // namespace zem::sim

@@ -8,8 +8,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-// Feeds every file of the given folders to the function; finding none is a failure, for it would hide a lost
-// corpus.
+// Passes every file of the given folders to the fuzz function.  Finding no file is a failure, because it
+// would hide a lost corpus.
 int main(int argc, char** argv) {
   size_t files = 0;
   for (int i = 1; i < argc; ++i) {

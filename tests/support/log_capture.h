@@ -12,11 +12,11 @@
 
 namespace zem::test {
 
-/// Keeps the lines that the process logs while it exists, instead of giving them to syslog; one at a time.
-/// The level of the logger is `level` meanwhile.
+/// Keeps the lines that the process logs while the object exists, instead of sending them to syslog; only one
+/// object at a time.  During that time the logger's level is `level`.
 ///
-/// Threads: all operations from any thread; make and destroy it while no other thread logs, or live with
-/// lines that go to syslog.
+/// Threads: all operations from any thread.  Construct and destroy it while no other thread logs; otherwise
+/// some lines may go to syslog.
 class LogCapture {
  public:
   explicit LogCapture(LibraryLogLevel level = kLogTrace)
@@ -32,9 +32,9 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  /// Whole lines, from "ZEM" on, in the order of emission.
+  /// Whole lines, beginning with "ZEM", in the order in which they were logged.
   std::vector<std::string> Lines() const { return Store().Lines(); }
-  /// The texts behind the structured data.
+  /// Only the texts after the structured data.
   std::vector<std::string> Texts() const {
     std::vector<std::string> texts = Lines();
     for (std::string& line : texts) {

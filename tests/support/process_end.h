@@ -8,7 +8,7 @@
 
 namespace zem::test {
 
-/// Waits, in real time, until the process has ended; whoever adopted it may not have waited for it yet.
+/// Waits, in real time, until the process has ended; its new parent may not have reaped it yet.
 inline bool HasEnded(pid_t pid) {
   for (int i = 0; i < 1000; ++i) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");

@@ -14,15 +14,15 @@
 
 namespace zem::test {
 
-/// Tests whose bodies run in a forked child with namespaces of its own, where GoogleTest cannot report: they
-/// return 0 for success and use SANDBOX_EXPECT.
+/// Tests whose bodies run in a forked child with its own namespaces, where GoogleTest cannot report.  A body
+/// returns 0 for success and uses SANDBOX_EXPECT.
 class SandboxTest : public ::testing::Test {
  protected:
   int Run(const std::function<int()>& body) {
     return sim::RunInSandbox({directory_.Path(), "/bin/true"}, body);
   }
 
-  /// What the body sees as its node's directory.
+  /// The node's directory as the body sees it.
   TempDir directory_;
 };
 
@@ -33,7 +33,7 @@ inline size_t OpenDescriptors() {
 
 }  // namespace zem::test
 
-/// The first expectation that does not hold is printed with what the LogCapture `log` has, and ends the body
+/// Prints the first expectation that does not hold, with the lines in the LogCapture `log`, and ends the body
 /// with 1.
 #define SANDBOX_EXPECT(condition)                                            \
   do {                                                                       \

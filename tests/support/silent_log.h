@@ -4,7 +4,7 @@
 
 namespace zem::test {
 
-/// Throws the log away for as long as the process lives: a fuzz target's inputs would fill it.
+/// Discards the log for as long as the process lives, because a fuzz target's inputs would fill it.
 inline void SilenceLog() {
   static const bool silent = [] {
     Logger::SetEmitter([](int, const char*) {});

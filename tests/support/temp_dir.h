@@ -10,7 +10,7 @@
 
 namespace zem::test {
 
-/// A directory of its own under the system's temporary one, gone with the object.
+/// A new directory under the system's temporary one; it is deleted with the object.
 class TempDir {
  public:
   TempDir() {
@@ -28,7 +28,7 @@ class TempDir {
   std::string Path() const { return path_; }
   std::string Path(const std::string& name) const { return path_ / name; }
 
-  /// Writes a file and gives its path.
+  /// Writes a file and returns its path.
   std::string Write(const std::string& name, const std::string& content) const {
     std::ofstream(Path(name), std::ios::binary) << content;
     return Path(name);

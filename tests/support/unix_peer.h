@@ -10,8 +10,8 @@
 
 namespace zem::test {
 
-/// The other end of a Unix stream socket, driven by the test's thread: it waits in real time, while a virtual
-/// clock moves on.
+/// The other end of a Unix stream socket, driven by the test's thread.  It waits in real time, even if a
+/// virtual clock advances meanwhile.
 class UnixPeer {
  public:
   explicit UnixPeer(const std::string& path) : listener_(OpenUnixStream()) {
@@ -34,7 +34,7 @@ class UnixPeer {
               static_cast<ssize_t>(bytes.size()));
   }
 
-  /// Exactly `size` bytes, or what came before the stream's end.
+  /// Reads exactly `size` bytes, or fewer at the end of the stream.
   std::string Receive(size_t size) {
     std::string bytes(size, '\0');
     size_t got = 0;

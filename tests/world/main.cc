@@ -41,7 +41,7 @@ int Live(const zem::world::WorldLife::Options& options) {
           std::fprintf(options.log, "frame %s\n", line.c_str());
         std::fflush(options.log);
       }
-      // What is wrong already may hang at its end.
+      // A node that already failed may hang when it is destroyed.
       if (!lines.empty()) ::_exit(1);
     }
     return 0;
@@ -52,7 +52,7 @@ int Live(const zem::world::WorldLife::Options& options) {
   }
 }
 
-// The first process of a sandbox inherits whatever the agent leaves behind, and has to take its end.
+// The first process of a sandbox inherits the processes that the agent leaves behind and has to reap them.
 int LiveAndReap(const zem::world::WorldLife::Options& options) {
   const pid_t life = ::fork();
   if (life == 0) ::_exit(Live(options));
@@ -65,7 +65,7 @@ int LiveAndReap(const zem::world::WorldLife::Options& options) {
 }
 
 int LiveInSandbox(zem::world::WorldLife::Options options, const std::string& log) {
-  // The sandbox hides the folder.
+  // Opened here, because the sandbox hides the folder.
   if (!log.empty()) options.log = std::fopen((log + "." + std::to_string(options.seed)).c_str(), "w");
   char directory[] = "/tmp/zem-world.XXXXXX";
   if (::mkdtemp(directory) == nullptr) return 1;
@@ -79,7 +79,7 @@ int LiveInSandbox(zem::world::WorldLife::Options options, const std::string& log
 }  // namespace
 
 int main(int argc, char** argv) {
-  // The loader looks for the host's libraries where it was told at its start.
+  // The loader reads its search path only at the start of the process.
   const std::string libraries = zem::sim::LibraryFolder::Built();
   const char* const path = std::getenv(kLibraryPath);
   if (path == nullptr || libraries != path) {

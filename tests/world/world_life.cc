@@ -71,7 +71,7 @@ WorldLife::WorldLife(const Options& options)
     vnic.ls = kNetworks[Pick(kNetworks.size())];
     sim::Vnic second;
     second.ls = "db";
-    // A second interface that stays where it is, so that an operation on one must leave the other alone.
+    // A second interface that stays where it is: an operation on one must not affect the other.
     node_.machines->Create({VmName(static_cast<uint64_t>(i))}, "/var/datastore",
                            i % 2 == 0 ? std::map<std::string, sim::Vnic>{{"eth0", vnic}}
                                       : std::map<std::string, sim::Vnic>{{"eth0", vnic}, {"eth1", second}});
@@ -115,7 +115,7 @@ Lines WorldLife::Run() {
   running_ = true;
   node_.clock.RunFor(2min);
   SendConfig();
-  // A store always knows the node that it is for.
+  // A store always knows its own node.
   PutSwitches();
   node_.clock.RunFor(1min);
   const TimePoint end = node_.clock.Now() + std::chrono::seconds(static_cast<int64_t>(options_.hours * 3600));

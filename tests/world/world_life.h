@@ -20,18 +20,18 @@
 
 namespace zem::world {
 
-/// Logical switches that VMs are on; the first two in the zone of the first host switch.
+/// Logical switches of the VMs; the first two are in the zone of the first host switch.
 inline constexpr std::array kNetworks = {"web", "app", "db", "log"};
 inline constexpr int kVms = 6;
-/// A VM that is a copy of another.
+/// The name of a VM that is a copy of another.
 inline constexpr const char* kClone = "clone";
-/// Ports of the host's own on the first switch, whose VMs are on a port group and secured there.
+/// Ports of the host's own on the first switch; their VMs are on a port group, with security settings.
 inline constexpr int kSecurityPorts = 2;
-/// Their port group.
+/// The port group of these VMs.
 inline constexpr const char* kPortGroup = "dvportgroup-7";
-/// The vertical that carries the realization.
+/// The vertical that carries the realization's messages.
 inline constexpr const char* kVertical = "SwitchingVertical";
-/// The host's interface that moves between its port group and a logical switch.
+/// The host interface that moves between its port group and a logical switch.
 inline constexpr const char* kInterface = "knl1";
 
 std::string VmName(uint64_t number);
@@ -39,26 +39,26 @@ std::string ZoneOf(size_t network);
 std::string SecurityPort(int number);
 std::string SecurityVif(int number);
 
-/// A node's random life by a seed: everything that peers may ask, everything that may go wrong, and between
-/// them moments of quiet in which all that must be true is looked at.
+/// A node's random life by a seed: everything that peers may request, every fault that may occur, and in
+/// between quiet moments in which all invariants are checked.
 ///
-/// Threads: the one that made the node's clock; changes of VMs run on threads of their own meanwhile.
+/// Threads: the thread that made the node's clock; changes of VMs run on threads of their own.
 class WorldLife {
  public:
   struct Options {
     uint64_t seed = 1;
-    /// Simulated.
+    /// In simulated time.
     double hours = 24;
-    /// Of the agent; null: nowhere.
+    /// Receives the agent's log; null: no log.
     std::FILE* log = nullptr;
     bool verbose = false;
-    /// Parts of the names of operations and misfortunes that do not happen, to narrow a failure down.
+    /// Parts of the names of operations and misfortunes to leave out, in order to narrow a failure down.
     std::vector<std::string> without;
   };
   explicit WorldLife(const Options& options);
   ~WorldLife();
 
-  /// Empty: all was true at each quiet.
+  /// Returns an empty text when every check held.
   std::vector<std::string> Run();
 
  private:
@@ -76,7 +76,7 @@ class WorldLife {
   void Do(const std::vector<Step>& steps);
   int WeightOf(const Step& step) const;
 
-  // What peers ask.
+  // Requests of peers.
   void SendConfig();
   void MoveInterface();
   void SendMove(bool in);
@@ -97,7 +97,7 @@ class WorldLife {
   void ToggleSecurityPort();
   void RestartAgent();
 
-  // What goes wrong.
+  // Misfortunes.
   void StopProxy();
   void StartProxy();
   void BreakConnection();
@@ -124,7 +124,7 @@ class WorldLife {
   std::string FirstSwitch();
   void AskAgain(const std::string& vm);
   void Modify(const orlane::zem::covedb::ModifyRequestMsg& request);
-  /// Gives the message's number among those sent.
+  /// Returns the message's number among those sent.
   int Send(const std::string& member, const google::protobuf::Message& message);
   std::optional<int> OutcomeOf(int number);
   int AwaitOutcome(int number);
@@ -144,7 +144,7 @@ class WorldLife {
   void LeaveSwitches(std::vector<std::string>* lines);
   void RemoveAndReturn(std::vector<std::string>* lines);
   void AllVmsOff(std::vector<std::string>* lines);
-  /// Waits for `check` to find nothing; what it found last is added.
+  /// Repeats `check` until it finds nothing; otherwise its last finding is reported.
   void Await(const std::function<std::vector<std::string>()>& check, std::vector<std::string>* lines);
 
   const Options options_;
@@ -154,20 +154,20 @@ class WorldLife {
   orlane::zem::switching::HostConfigMsg wanted_;
   int last_config_ = -1;
   std::set<uint32_t> switches_;
-  /// They come from the manager itself, not from the store.
+  /// Logical switches come from the manager itself, not from the store.
   const bool managed_;
   struct SentSwitch {
     int32_t revision;
-    uint64_t after;  // what the manager had received before
+    uint64_t after;  // number of messages that the manager had received before
   };
   std::map<std::string, SentSwitch> sent_switches_;  // since the last complete list
-  std::set<std::string> listed_;                     // in that list
-  std::optional<int> list_;                          // its number among the messages sent
+  std::set<std::string> listed_;                     // in the last complete list
+  std::optional<int> list_;                          // number of the list among the messages sent
   uint64_t barrier_ = 0;
   uint64_t again_ = 0;
-  uint64_t moves_ = 0;          // of the host's interface
-  std::string file_migration_;  // the last id that a tool asked for, while its outcome is owed
-  bool other_uplinks_ = false;  // a tool has changed the host behind the manager's back
+  uint64_t moves_ = 0;          // moves of the host's interface
+  std::string file_migration_;  // the last id that a tool requested, while its outcome is pending
+  bool other_uplinks_ = false;  // a tool has changed the uplinks without the manager's knowledge
   bool running_ = false;
   std::list<NativeThread> changes_;
 
@@ -175,10 +175,11 @@ class WorldLife {
   int sent_ = 0;
   std::map<int, int> ends_;
   std::map<int, int> outcomes_;
-  std::set<std::string> unsure_;  // VMs with an operation that did not end well
+  std::set<std::string> unsure_;  // VMs whose last operation failed
   std::set<std::string> busy_;
 
-  /// Last: what its end still calls back uses all of the above.
+  /// Declared last, so that it is destroyed first: its destructor still runs callbacks that use all of the
+  /// above.
   WorldNode node_;
 };
 

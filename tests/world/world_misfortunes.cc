@@ -63,7 +63,7 @@ void WorldLife::FailStoreCall() {
 }
 
 void WorldLife::EndStreams() {
-  // The store has forgotten the stream, or has lost the thread of what it has told.
+  // The store has forgotten the stream, or has lost its position in it.
   constexpr std::array kCodes = {2, 12};
   node_.store->store().EndStreams("", rpc::Status(kCodes[Pick(2)], "the store ends it"));
 }
@@ -78,7 +78,7 @@ void WorldLife::FailCommand() {
   constexpr std::array kReplies = {"reply\tthe host refuses", "reply\t|~,;ok||~~|=garbage"};
   const bool call = Chance(2);
   const char* const what = call ? kCalls[Pick(kCalls.size())] : kTexts[Pick(kTexts.size())];
-  // A call says by its status alone whether it was carried out; one that claims so is believed.
+  // Only statuses that mean failure are injected: a call that claims success is believed.
   const char* const how = Chance(2) ? kEnds[Pick(kEnds.size())] : call ? "status\t0" : kReplies[Pick(2)];
   node_.host.AddFault(std::string(what) + "\t" + std::to_string(Pick(2)) + "\t1\t" + how);
 }

@@ -18,7 +18,7 @@
 namespace zem::world {
 namespace {
 
-// Batches close soon, so that a life has many of them.
+// Batches close soon, so that a life contains many of them.
 constexpr const char* kRealizationOptions =
     "{\"mp\": {\"lsMsgBatchInterval\": 4, \"lsMsgIncomingWaitInBatch\": 1}, \"resync\": {\"intervalInSec\": "
     "600}}\n";

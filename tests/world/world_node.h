@@ -34,20 +34,20 @@ inline constexpr const char* kInfoEndpoint = "tcp://127.0.0.1:9004";
 inline constexpr const char* kForwardingEndpoint = "tcp://127.0.0.1:4096";
 inline constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 
-/// The agent's state files, on a small disk of their own.
+/// The agent's state files, on a small file system of their own.
 inline constexpr const char* kStateFolder = "/etc/orlane/zema";
 
-/// The realization with its clients of the manager and the store, and every peer that it meets, in one
-/// process on the virtual clock.  Lives in a sandbox: files, the management script and the commands of the
-/// host are the real ones of the simulated node, and time stands still while those processes work.
+/// The realization with its clients of the manager and the store, and every peer that it deals with, in one
+/// process on the virtual clock.  Runs in a sandbox: files, the management script and the commands of the
+/// host are the simulated node's real ones, and virtual time stands still while those processes work.
 class WorldNode {
  public:
-  /// Lines of the agent's log go to `log`; null: nowhere.
+  /// Writes the agent's log lines to `log`; null: no log.
   explicit WorldNode(std::FILE* log);
   ~WorldNode();
 
   void StartAgent();
-  /// In order, as at a SIGTERM that the daemon heeds.
+  /// Stops in order, like a daemon that handles SIGTERM.
   void StopAgent();
   Tarvik::ZemaApp& app() { return *app_; }
   covedb::CoveDbClient& store_client() { return *store_client_; }

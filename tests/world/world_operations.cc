@@ -28,7 +28,7 @@ constexpr const char* kSecuredVm = "/var/datastore/secured/secured.cfg";
 constexpr const char* kVnicSocket = "/etc/orlane/zemaVifDvp";
 constexpr const char* kMigrationFile = "/tmp/zem/mvr_vnics_migration.json";
 constexpr const char* kHostGroup = "Host Network";
-// First digits of what the manager gives the host's interface.
+// First digits of the VIFs that the manager assigns to the host's interface.
 constexpr const char* kInterfaceVif = "d0";
 constexpr const char* kInterfacePort = "e0";
 
@@ -37,7 +37,7 @@ std::string NumberedUuid(const std::string& kind, uint64_t number) {
   return kind + "000000-0000-4000-8000-" + std::string(12 - digits.size(), '0') + digits;
 }
 
-// -1: the answer has none.
+// -1: the answer has no code.
 int CodeOf(const std::string& answer) {
   const sim::Json json(cJSON_Parse(answer.c_str()));
   const cJSON* const bulk = cJSON_GetObjectItemCaseSensitive(json.get(), "logical_switch_bulk");
@@ -94,7 +94,7 @@ bool WorldLife::InterfaceIsOut() {
   return kind != nullptr && std::string_view(kind) == "standard";
 }
 
-// Also from one logical switch to another.
+// Also moves it from one logical switch to another.
 void WorldLife::MoveInterface() { SendMove(InterfaceIsOut() || Chance(3)); }
 
 void WorldLife::SendMove(bool in) {
@@ -109,7 +109,7 @@ void WorldLife::SendMove(bool in) {
   last_config_ = Send("HostConfigMsg", wanted_);
 }
 
-// A tool of the host leaves a file, with the uplinks of the switch as it knows them, and asks for it.
+// A tool of the host writes a file with the switch's uplinks as it knows them, and requests the migration.
 void WorldLife::MoveInterfaceByFile() {
   if (!running_) return;
   ++moves_;
@@ -158,7 +158,7 @@ void WorldLife::Modify(const orlane::zem::covedb::ModifyRequestMsg& request) {
   if (!status.ok()) Say("the store refused: " + std::to_string(status.code()));
 }
 
-// Without the store: the manager itself says which logical switches the host has.
+// Without the store, the manager itself sends the logical switches of the host.
 void WorldLife::SendSwitches(const std::set<uint32_t>& numbers, bool put) {
   switching::LogicalSwitchMsg message;
   ++barrier_;
@@ -219,19 +219,20 @@ void WorldLife::DeleteSwitches() {
     std::set<uint32_t> numbers;
     for (uint32_t i = 0; i < range.count; ++i) numbers.insert(range.first + i);
     for (const uint32_t number : numbers) switches_.erase(number);
-    // Sometimes the manager has seen nothing for too long, and says all anew.
+    // Sometimes the manager has had no contact for too long, and sends the complete list again.
     if (Chance(3)) return static_cast<void>(SendAllSwitches());
     SendSwitches(numbers, false);
     return node_.clock.RunFor(10s);
   }
   Modify(sim::DeleteLogicalSwitches(range, ++barrier_));
   for (uint32_t i = 0; i < range.count; ++i) switches_.erase(range.first + i);
-  // One that returns within the same batch stays away, as it has to: a controller gives it another id, or
-  // time.
+  // A switch that returns within the same batch stays away, as required: a controller gives it another id, or
+  // waits.
   node_.clock.RunFor(10s);
 }
 
-// Half of a transaction arrives, the connection goes, and what it held is gone when the store is there again.
+// Half of a transaction arrives, then the connection breaks; that half must be discarded when the store is
+// back.
 void WorldLife::CutTransaction() {
   if (managed_) return;
   const sim::SwitchRange range{static_cast<uint32_t>(1000 + Pick(1000)), 5, 2, 1};
@@ -246,7 +247,7 @@ void WorldLife::CutTransaction() {
   node_.store->Listen();
 }
 
-// --- What the host asks.
+// --- Requests of the host.
 
 void WorldLife::Launch(const std::string& vm, std::function<Steps()> change) {
   {
@@ -263,7 +264,7 @@ void WorldLife::Launch(const std::string& vm, std::function<Steps()> change) {
         why = step.op_id + ": " + (step.problem.empty() ? step.text : step.problem);
       }
     } catch (const std::runtime_error& error) {
-      // The host itself does not do it: the VM is off, say.
+      // The host itself fails, for example because the VM is off.
       why = error.what();
     }
     const std::lock_guard lock(mutex_);
@@ -305,7 +306,7 @@ void WorldLife::FailMove() {
     const auto found = node_.machines->Find(vm);
     if (found.empty() || found.front().vnics.at("eth0").ls == to) return Steps();
     Steps steps = node_.machines->MoveFail(vm, "eth0", to, back, {});
-    // A vNIC that the host has not connected again comes back with the VM.
+    // A vNIC that the host has not connected again returns with the VM.
     if (!back) {
       const std::lock_guard lock(mutex_);
       unsure_.insert(vm);
@@ -314,7 +315,7 @@ void WorldLife::FailMove() {
   });
 }
 
-// The VM runs on another host for a while; the manager knows it there.
+// The VM runs on another host for a while, and the manager has it there.
 void WorldLife::LiveMove() {
   const std::string vm = VmName(Pick(kVms));
   const Duration away = std::chrono::seconds(Pick(120));
@@ -352,7 +353,7 @@ void WorldLife::RelocateVm() {
   Launch(vm, [this, vm, folder] { return node_.machines->Relocate(vm, folder, {}); });
 }
 
-// Its folder is copied with the files of its ports.
+// The folder is copied together with the files of its ports.
 void WorldLife::CloneVm() {
   const std::string vm = VmName(Pick(kVms));
   if (!node_.machines->Find(kClone).empty()) return;
@@ -401,7 +402,7 @@ void WorldLife::ToggleSecurityPort() {
 
 void WorldLife::RestartAgent() {
   running_ = false;
-  // What it has not begun is not its any more.
+  // A migration that the stopped agent had not begun is dropped, so no outcome of it is expected.
   file_migration_.clear();
   node_.StopAgent();
   node_.clock.RunFor(std::chrono::milliseconds(Pick(60'000)));

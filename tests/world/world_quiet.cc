@@ -28,7 +28,7 @@ constexpr uint32_t kDetach = 2;
 constexpr uint32_t kLeaveMaintenance = 0;
 constexpr uint32_t kEnterMaintenance = 1;
 constexpr const char* kResultFile = "/tmp/zem/mvr_vnics_migration_result.txt";
-// Longer than the longest way back of everything: the stubs' spread, app-init, the store's reading, a resync.
+// Longer than the longest recovery: the stubs' spread, app-init, the reading of the store, a resync.
 constexpr auto kQuiet = 4min;
 constexpr auto kPatience = 10min;
 constexpr auto kLongestCall = 2min;
@@ -79,7 +79,7 @@ std::optional<int> WorldLife::OutcomeOf(int number) {
   return found == outcomes_.end() ? std::nullopt : std::optional(found->second);
 }
 
-// -1 also when nothing comes.
+// Also returns -1 when there is no answer.
 int WorldLife::AwaitOutcome(int number) {
   for (int i = 0; i < 150 && !OutcomeOf(number); ++i) node_.clock.RunFor(1s);
   return OutcomeOf(number).value_or(-1);
@@ -101,8 +101,8 @@ std::string WorldLife::StoredChecksum() {
   return "(no answer)";
 }
 
-// The manager sends again what was not answered with success, or what the checksum does not confirm, and
-// nothing else: what both confirm must hold.
+// The manager repeats only what was not answered with success or what the checksum does not confirm.
+// Everything that both confirm must be in force.
 void WorldLife::SettleConfig(Lines* lines) {
   if (std::exchange(other_uplinks_, false)) SendConfig();
   for (int attempt = 0; attempt < 5; ++attempt) {
@@ -134,8 +134,8 @@ void WorldLife::AskAgain(const std::string& vm) {
   }
 }
 
-// What the host has acknowledged last of a logical switch is so; of what was not sent since, the last list
-// holds.
+// The state of a logical switch that the host acknowledged last has to be in force; for switches not sent
+// since the last list, that list counts.
 Lines WorldLife::CheckAcknowledged() {
   Lines lines;
   const sim::Json networks = node_.host.Networks();
@@ -181,7 +181,7 @@ Lines WorldLife::CheckSwitches() {
   return sim::CheckNetworks(node_.host, node_.store->store(), switches_, managed_ ? 0 : barrier_);
 }
 
-// The manager says all anew until the host has taken it.
+// The manager sends the complete list until the host has accepted it.
 void WorldLife::SettleSwitches(Lines* lines) {
   if (!managed_) return Await([this] { return CheckSwitches(); }, lines);
   Await([this] { return CheckAcknowledged(); }, lines);
@@ -203,7 +203,7 @@ void WorldLife::SettleMaintenance(Lines* lines) {
   lines->push_back("maintenance mode is not left");
 }
 
-// No VM is on.  A restart must not bring the node out of it.
+// Only while no VM is on.  A restart must not end the maintenance mode.
 void WorldLife::CheckMaintenance(Lines* lines) {
   Say("maintenance");
   const int number = SendMaintenance(kEnterMaintenance);
@@ -227,7 +227,7 @@ void WorldLife::CheckMaintenance(Lines* lines) {
   Await([this] { return sim::CheckHealth(node_.switches, "up"); }, lines);
 }
 
-// What a tool has asked for has an outcome in its file, good or bad.
+// Every request of a tool has an outcome in its file, good or bad.
 void WorldLife::CheckFileMigration(Lines* lines) {
   if (file_migration_.empty()) return;
   Await(
@@ -241,7 +241,7 @@ void WorldLife::CheckFileMigration(Lines* lines) {
   file_migration_.clear();
 }
 
-// The channel to the manager is whole, and nothing of what was under way is left in its tables.
+// The channel to the manager is whole, and its tables have no entries left from earlier work.
 Lines WorldLife::CheckChannel() {
   const auto client = std::dynamic_pointer_cast<MpaClientPrivateBase>(ClientRegistry::Get(kVertical));
   if (client == nullptr) return {"the vertical has no client"};
@@ -292,10 +292,9 @@ void WorldLife::RemoveClone(Lines* lines) {
   node_.machines->Delete(kClone, false);
 }
 
-// A host whose operation did not end well asks again, as an operation of its own: off, wherever it may be,
-// and on.
+// After a failed operation the host begins a new one: it powers the VM off, wherever it may be, and on again.
 void WorldLife::HealVms() {
-  // Nobody is answered at a port group, so what failed while the manager was away is said again.
+  // Requests at a port group get no answer, so those that failed while the manager was away are repeated.
   const std::string dvs = FirstSwitch();
   for (int i = 0; i < kSecurityPorts; ++i) {
     const auto use = sim::ReadPortUse({dvs, SecurityPort(i)});
@@ -358,7 +357,7 @@ void WorldLife::AllVmsOff(Lines* lines) {
   }
 }
 
-// Interfaces and port groups give back what they have of the switches.
+// Interfaces and port groups release what they hold of the switches.
 void WorldLife::LeaveSwitches(Lines* lines) {
   for (int i = 0; i < kSecurityPorts; ++i) AskSecurityPort(i, false);
   if (!InterfaceIsOut()) {
@@ -369,7 +368,7 @@ void WorldLife::LeaveSwitches(Lines* lines) {
   node_.clock.RunFor(10s);
 }
 
-// The manager gives the host up, in the middle of whatever the store says, and takes it back later.
+// The manager removes the host in the middle of the store's changes, and adds it again later.
 void WorldLife::RemoveAndReturn(Lines* lines) {
   AllVmsOff(lines);
   if (!lines->empty()) return;
@@ -405,7 +404,7 @@ void WorldLife::RemoveAndReturn(Lines* lines) {
   }
   sent_switches_.clear();
   list_.reset();
-  // What was under way when the host was given up must not come back behind it.
+  // Work in progress when the host was removed must not reappear afterwards.
   node_.clock.RunFor(30s);
   Await([this, &removal] { return sim::CheckHost(node_.host, removal); }, lines);
   if (!reset) Await([this] { return sim::CheckNetworks(node_.host, node_.store->store(), {}, 0); }, lines);
@@ -416,7 +415,7 @@ void WorldLife::RemoveAndReturn(Lines* lines) {
   SettleConfig(lines);
   PutSwitches();
   node_.clock.RunFor(30s);
-  // Whoever says which switches there are writes them anew for a host that comes back.
+  // The source of the logical switches writes them again for a host that comes back.
   for (const uint32_t number : std::set<uint32_t>(managed_ ? std::set<uint32_t>() : switches_)) {
     ++barrier_;
     Modify(sim::PutLogicalSwitches({number, 1, 2, static_cast<int32_t>(barrier_)}, barrier_, true));

@@ -10,8 +10,8 @@
 #include "sim/switch/tree/live_count.h"
 #include "sim/switch/tree/state_tree.h"
 
-// A handle is only followed when it is known to live, so that a caller's mistake ends in the log of
-// violations and not in the process's memory.
+// A handle is dereferenced only when it is known to be allocated, so that a caller's mistake is recorded in
+// the log of violations and does not corrupt the process's memory.
 
 namespace zem::sim {
 namespace {

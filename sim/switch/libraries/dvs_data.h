@@ -3,16 +3,16 @@
 #include "platform/switchlib/switchlib.h"
 #include "sim/switch/tree/value_list.h"
 
-/// What the library's handle points to.
+/// The object to which the library's handle points.
 struct DVSData {
   zem::sim::ValueList list;
 };
 
 namespace zem::sim {
 
-/// Whether the handle is one that was made and not freed.
+/// Returns true when the handle was allocated and has not been freed.
 bool IsLiveHandle(const DVSData* data);
-/// A copy that the caller of the library frees.  0, or DVS_FAILURE.
+/// Makes a copy that the caller of the library has to free.  Returns 0 or DVS_FAILURE.
 uint32_t GiveBytes(std::string_view bytes, void** out, uint32_t* length);
 
 }  // namespace zem::sim

@@ -7,7 +7,7 @@
 #include "sim/switch/tree/library_call.h"
 #include "sim/switch/tree/state_tree.h"
 
-// The state of switches that a process loads to look a switch up by its name: a list of ids with their names.
+// The switch state that a process loads to find a switch by its name: a list of ids with their names.
 
 struct DVSSwitch {
   std::string name;

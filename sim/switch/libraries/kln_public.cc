@@ -9,15 +9,15 @@
 #include "sim/switch/tree/port_table.h"
 #include "sim/switch/tree/state_tree.h"
 
-// The ports and properties of the switches, as files of the tree.  What a caller gives is checked as a kernel
-// would: a name that is no name is "not found" where something is looked for, and a bad argument where
-// something is made.
+// The ports and properties of the switches, as files of the tree.  Arguments are checked as a kernel would
+// check them: an invalid name is "not found" in a look-up, and a bad argument in a call that creates
+// something.
 
 using namespace zem::sim;
 
 namespace {
 
-std::atomic<int> listings{0};  // callers that are in a port list
+std::atomic<int> listings{0};  // callers that are inside a port list
 
 bool Good(const char* name) { return name != nullptr && tree::GoodName(name); }
 
@@ -40,7 +40,8 @@ uint32_t GiveState(const std::optional<ValueList>& state, LibraryCall& call, voi
   return call.Result(GiveBytes(bytes, buffer, length));
 }
 
-// The answer to a port list, built where the caller gets it: a switch may have tens of thousands of ports.
+// The answer to a port list, built directly in the buffer for the caller: a switch may have tens of thousands
+// of ports.
 class PortRecords {
  public:
   ~PortRecords() { std::free(data_); }
@@ -54,7 +55,7 @@ class PortRecords {
   uint32_t length() const {
     return static_cast<uint32_t>(sizeof(DVSPortListHeader) + count_ * sizeof(DVSPortRecord));
   }
-  /// Null without memory.
+  /// Null when memory is exhausted.
   void* Take() {
     if (!Reserve(count_)) return nullptr;
     const DVSPortListHeader header{static_cast<uint32_t>(count_), 0};
@@ -83,7 +84,7 @@ std::string SwitchPropertyPath(const char* dvs, const char* folder, const char* 
   return tree::SwitchDir(dvs) + "/" + folder + "/" + property;
 }
 
-// The value of a teaming has to be as long as it says.
+// A teaming value has to have the length that it states.
 bool WellFormed(const char* property, std::string_view value) {
   const std::string_view name = property;
   if (name != "com.orlane.vswitch.teaming") return true;

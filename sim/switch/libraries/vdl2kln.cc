@@ -47,7 +47,7 @@ OpenHandles handles;
 
 std::string EndpointFile(const std::string& device) { return tree::KnlnicsDir() + "/" + device + ".json"; }
 
-// The endpoint of the switch; null with the reason in `error`.
+// Returns the endpoint of the switch; null with the reason in `error`.
 JsonFile Endpoint(const char* name, const char* device, int* error) {
   if (SwitchIdOfName(name).empty()) {
     *error = ENOENT;
@@ -72,7 +72,7 @@ int HealthyEndpoints(const std::string& name) {
   return healthy;
 }
 
-// Results of these calls: 0, or -1 with the reason in errno.
+// The result of these calls: 0, or -1 with the reason in errno.
 int Finish(LibraryCall& call, int error) {
   errno = error;
   return static_cast<int>(call.Result(error == 0 ? 0 : UINT32_MAX));

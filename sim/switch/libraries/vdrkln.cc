@@ -6,7 +6,8 @@
 #include "sim/switch/tree/library_call.h"
 #include "sim/switch/tree/state_tree.h"
 
-// A router that is taken off a switch is busy with it for as many looks as "unloadPolls" of its file says.
+// A router that is removed from a switch reports "busy" for as many queries as "unloadPolls" in its file
+// says.
 
 using namespace zem::sim;
 

@@ -9,7 +9,7 @@
 namespace zem::sim {
 namespace {
 
-// The blank-separated words of a line; quotes hold blanks together and go.
+// Splits a line at blanks; quotes keep blanks in a word and are removed.
 std::vector<std::string> Words(std::string_view line) {
   std::vector<std::string> words;
   std::string word;

@@ -8,7 +8,7 @@
 
 namespace zem::sim {
 
-/// What a call is about; null where it is about no such thing.
+/// The objects that a call concerns; null where it concerns none of that kind.
 struct CallSubject {
   const char* function;
   const char* dvs = nullptr;
@@ -17,8 +17,8 @@ struct CallSubject {
 };
 
 /// One line of the file of faults: `function [sw=ID] [port=KEY] [prop=NAME] [skip=N] [count=N] [ret=CODE]
-/// [errno=N] [delay_ms=N] [hang]`; a value with blanks stands in double quotes.  Without `count` it is for
-/// good.
+/// [errno=N] [delay_ms=N] [hang]`; a value with blanks is put in double quotes.  Without `count` the rule is
+/// permanent.
 struct FaultRule {
   std::string function;
   std::optional<std::string> dvs;
@@ -35,15 +35,15 @@ struct FaultRule {
   std::string Line() const;
 };
 
-/// Nothing, with the reason in `error`, when the line does not read.
+/// Returns nothing, with the reason in `error`, when the line cannot be parsed.
 std::optional<FaultRule> ParseFaultRule(std::string_view line, std::string* error);
 
-/// The rules of the tree, in order; lines that do not read are left out.
+/// The rules of the tree, in order; lines that cannot be parsed are left out.
 std::vector<FaultRule> ReadFaultRules();
-/// All of them anew.  The caller holds the tree's lock.
+/// Replaces all rules.  The caller holds the tree's lock.
 void WriteFaultRules(const std::vector<FaultRule>& rules);
 
-/// The first rule for this call whose skip has been used up, with its count taken down.
+/// Returns the first rule that matches this call and whose skip is used up, and decrements its count.
 std::optional<FaultRule> TakeFault(const CallSubject& call);
 
 }  // namespace zem::sim

@@ -12,18 +12,18 @@ struct JsonFileDelete {
 };
 using JsonFile = std::unique_ptr<cJSON, JsonFileDelete>;
 
-/// Null when the file is not there or does not read.
+/// Returns null when the file does not exist or cannot be parsed.
 JsonFile ReadJson(const std::string& path);
 [[nodiscard]] bool WriteJson(const std::string& path, const cJSON* value);
-/// Empty when there is no such text.
+/// Returns an empty text when there is no such member.
 std::string JsonString(const cJSON* object, const char* name);
-/// 0 when there is no such number.
+/// Returns 0 when there is no such number.
 int JsonNumber(const cJSON* object, const char* name);
 void SetJson(cJSON* object, const char* name, const std::string& text);
 void SetJson(cJSON* object, const char* name, int number);
 void SetJson(cJSON* object, const char* name, bool value);
 
-/// The id of the switch that has the name; empty for none.
+/// Returns the id of the switch with this name; empty when there is none.
 std::string SwitchIdOfName(const std::string& name);
 
 }  // namespace zem::sim

@@ -11,7 +11,7 @@
 
 #include "sim/switch/tree/state_tree.h"
 
-// There when the caller is killed at chosen steps (sim/killpoints).
+// Defined only when the process is to be killed at chosen steps (sim/killpoints).
 extern "C" __attribute__((weak, visibility("default"))) void zem_kill_point_begin(const char* function,
                                                                                   const char* subject);
 extern "C" __attribute__((weak, visibility("default"))) void zem_kill_point_end();
@@ -19,9 +19,9 @@ extern "C" __attribute__((weak, visibility("default"))) void zem_kill_point_end(
 namespace zem::sim {
 namespace {
 
-constexpr long kHangStep = 20'000'000;  // nanoseconds between looks whether the rule has gone
+constexpr long kHangStep = 20'000'000;  // nanoseconds between checks whether the rule still exists
 
-// A log that is open as long as the library is; lines go in whole.
+// A log that is open for as long as the library is loaded; each line is written whole.
 class LineLog {
  public:
   void Write(const std::string& path, const std::string& line) {
@@ -72,7 +72,7 @@ bool StillHangs(const CallSubject& subject) {
                      [&](const FaultRule& rule) { return rule.hang && rule.Matches(subject); });
 }
 
-// What only reads, or works on the caller's own memory, leaves nothing behind.
+// Calls that only read, or work on the caller's own memory, do not change the host.
 bool ChangesHost(std::string_view function) {
   constexpr std::string_view kHarmless[] = {"DVSData_", "DVSState_", "Get", "Find", "List", "Release"};
   return std::none_of(std::begin(kHarmless), std::end(kHarmless),
@@ -124,8 +124,8 @@ void Violation(const char* function, std::string_view what) {
   std::string line = "{\"pid\":" + std::to_string(::getpid());
   AppendText(&line, "function", function);
   AppendText(&line, "what", what);
-  // Opened each time: there are few, and the last ones come when the library goes and takes its objects
-  // along.
+  // The file is opened for each violation: there are few, and the last ones are logged while the library is
+  // unloaded and its static objects are destroyed.
   LineLog().Write(tree::ViolationsFile(), line + "}\n");
 }
 

@@ -9,12 +9,13 @@
 
 #include "sim/switch/tree/fault_rules.h"
 
-/// Functions of the libraries: only these leave the shared object.
+/// Marks the functions that the shared object exports; all others are hidden.
 #define ZEM_SIM_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace zem::sim {
 
-/// One call of a library: waits as the faults say when it begins, and is in the log of calls when it ends.
+/// One call of a library: applies the faults when it begins, and writes a line to the log of calls when it
+/// ends.
 class LibraryCall {
  public:
   explicit LibraryCall(const CallSubject& subject);
@@ -22,12 +23,12 @@ class LibraryCall {
   LibraryCall(const LibraryCall&) = delete;
   LibraryCall& operator=(const LibraryCall&) = delete;
 
-  /// A fault takes the call's place: then `result()` and errno are set.
+  /// True when a fault replaces the call: `result()` and errno are then set.
   bool fails() const { return fails_; }
   uint32_t result() const { return result_; }
   int error_number() const { return error_number_; }
 
-  /// Notes the outcome and gives it.
+  /// Records the result and returns it.
   uint32_t Result(uint32_t result) { return result_ = result; }
   void SetLength(uint32_t length) { length_ = length; }
 
@@ -40,7 +41,7 @@ class LibraryCall {
   bool fails_ = false;
 };
 
-/// A rule of the library that its caller broke.
+/// Logs that the caller broke a rule of the library.
 void Violation(const char* function, std::string_view what);
 
 }  // namespace zem::sim

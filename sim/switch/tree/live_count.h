@@ -8,13 +8,14 @@
 
 namespace zem::sim {
 
-/// How many objects of one kind this process has been given and not given back, kept in a file of the tree,
-/// so that others see it while the process lives, whatever ends it.
+/// The number of objects of one kind that this process has got and not released.  It is kept in a file of the
+/// tree, so that other processes can read it while this one lives, and so that it is right however this one
+/// ends.
 ///
 /// Threads: all operations from any.
 class LiveCount {
  public:
-  /// `kind` is part of a file's name and lives forever.
+  /// `kind` becomes part of a file's name and has to live as long as the process.
   explicit LiveCount(const char* kind) : kind_(kind) {}
   ~LiveCount();
   LiveCount(const LiveCount&) = delete;
@@ -27,10 +28,10 @@ class LiveCount {
 
   const char* const kind_;
   std::once_flag once_;
-  std::atomic<int64_t>* counter_ = nullptr;  // shared with whoever reads the file
+  std::atomic<int64_t>* counter_ = nullptr;  // mapped from the file, shared with its readers
 };
 
-/// Of the processes that live: what has been given to one and not given back.
+/// The objects that running processes have got and not released.
 struct LiveObjects {
   int pid;
   std::string kind;

@@ -54,7 +54,7 @@ bool GoodName(std::string_view name) {
 }
 
 TreeLock::TreeLock(Kind kind) : fd_(::open((Root() + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
-  if (fd_ < 0) return;  // no tree: nothing to keep apart, and every call says that nothing is there
+  if (fd_ < 0) return;  // no tree, so nothing to lock; every call then reports "not found"
   while (::flock(fd_, kind == Kind::kShared ? LOCK_SH : LOCK_EX) != 0 && errno == EINTR) {
   }
 }
@@ -102,7 +102,7 @@ bool RemoveFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
 bool RemoveTree(const std::string& path) {
   const std::string gone = HiddenBeside(path);
   if (::rename(path.c_str(), gone.c_str()) != 0) return false;
-  std::error_code ignored;  // what is left of it is hidden
+  std::error_code ignored;  // a remainder stays hidden
   std::filesystem::remove_all(gone, ignored);
   return true;
 }

@@ -7,11 +7,11 @@
 #include <string_view>
 #include <vector>
 
-/// The files that hold the state of the host's kernel, for the libraries that stand in for it and for those
-/// who watch it.  It lives as long as the tree does: a daemon that starts again finds the host as it left it.
+/// The files that hold the state of the host's kernel, for the libraries that stand in for it and for
+/// observers.  They outlive the daemon: when it starts again, it finds the host as it left it.
 ///
-/// Reading needs no lock, since files and ports appear and go by one rename; what changes several things, or
-/// depends on what is there, holds TreeLock.
+/// Readers need no lock, since files and ports appear and disappear by a single rename.  A change of several
+/// things, or one that depends on the present state, holds a TreeLock.
 namespace zem::sim::tree {
 
 /// ZEM_SIM_ROOT, or "/var/run/orlane/sim".
@@ -25,10 +25,10 @@ std::string FaultsFile();
 std::string CallsFile();
 std::string ViolationsFile();
 
-/// May be a name in the tree: neither empty nor hidden, no "/", at most 255 bytes.
+/// Whether `name` may be a name in the tree: neither empty nor hidden, no "/", at most 255 bytes.
 bool GoodName(std::string_view name);
 
-/// Keeps all others in all processes from changing the tree.
+/// Prevents changes of the tree by all other threads and processes.
 class TreeLock {
  public:
   enum class Kind { kShared, kExclusive };
@@ -43,21 +43,21 @@ class TreeLock {
 
 bool Exists(const std::string& path);
 std::optional<std::string> ReadFile(const std::string& path);
-/// Under another name first; false when the folder is not there.
+/// Writes under another name and renames; false when the folder does not exist.
 [[nodiscard]] bool WriteFile(const std::string& path, std::string_view bytes);
-/// False when there was none.
+/// Returns false when there was no such file.
 [[nodiscard]] bool RemoveFile(const std::string& path);
-/// Out of sight at once, then bit by bit; false when there was none.
+/// Hides the folder by a rename and then deletes it; false when there was none.
 [[nodiscard]] bool RemoveTree(const std::string& path);
-/// A name next to `path` that nobody sees or has.
+/// A hidden name next to `path` that nothing else uses.
 std::string HiddenBeside(const std::string& path);
-/// The names that are not hidden, as the system gives them.  Nothing when there is no such folder.
+/// The names that are not hidden, in the system's order.  Nothing when there is no such folder.
 std::optional<std::vector<std::string>> List(const std::string& path);
 
-/// The same without a list.  False when there is no such folder.
+/// Passes the names to a callback instead of collecting them.  Returns false when there is no such folder.
 [[nodiscard]] bool ForEachName(const std::string& path, const std::function<void(std::string_view)>& each);
 
-/// A property: its flags, and its bytes.
+/// A property: its flags and its bytes.
 struct Property {
   uint32_t flags = 0;
   std::string bytes;

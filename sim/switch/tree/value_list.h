@@ -8,8 +8,8 @@
 
 namespace zem::sim {
 
-/// Named values in an order, and their serialised form: "DVSD", version, whole length, number of items, then
-/// for each: flags, length of the name (16 bits), length of the value, name, value.  Little endian, no
+/// Named values in order, and their serialised form: "DVSD", version, total length, number of items, then for
+/// each item: flags, length of the name (16 bits), length of the value, name, value.  Little endian, no
 /// padding.
 class ValueList {
  public:
@@ -24,10 +24,10 @@ class ValueList {
 
   /// Replaces the value of the name, or adds it.
   void Update(std::string_view name, std::string_view value, uint32_t flags);
-  /// False when it was not there.
+  /// Returns false when there is no such name.
   bool Remove(std::string_view name);
   std::string Serialize() const;
-  /// Nothing for anything but such a form; what is behind its end is ignored.
+  /// Parses the serialised form; nothing when the bytes are malformed.  Bytes after its end are ignored.
   static std::optional<ValueList> Deserialize(std::string_view bytes);
 
  private:
