@@ -43,8 +43,8 @@ bool ClientRegistry::Register(AsioZemProvider& provider, MpaReceiveCallback call
   const std::shared_ptr<MpaClient> client = MakeMpaClient(
       {provider, std::move(callback), name, id, client_type, port, std::chrono::microseconds(ack_timeout_us),
        std::chrono::microseconds(retry_timeout_us), std::move(bus), &DeliverFromBus});
-  clients.by_name[name] = client;
   client->CreateAppSpecificInstance(client);
+  clients.by_name[name] = client;
   return true;
 }
 
@@ -81,7 +81,7 @@ void ClientRegistry::Deliver(rmqClientMessage* message) {
     client->Deliver(message);
     return;
   }
-  ZLOG_ERROR("00106", "No callback function for app type %s", app_type.c_str());
+  MpaClient::LogNoCallback(app_type);
   std::free(message->free_block);
   message->free_block = nullptr;
 }

@@ -136,11 +136,15 @@ bool MpaClient::CompleteAppInitHandshake(uint32_t, bool) {
   return false;
 }
 
+void MpaClient::LogNoCallback(const std::string& app_type) {
+  ZLOG_ERROR("00106", "No callback function for app type %s", app_type.c_str());
+}
+
 void MpaClient::Deliver(rmqClientMessage* message) {
   if (registered_) {
     HandleMessage(message);
   } else {
-    ZLOG_ERROR("00106", "No callback function for app type %s", app_type_.c_str());
+    LogNoCallback(app_type_);
   }
   std::free(message->free_block);
   message->free_block = nullptr;

@@ -101,6 +101,8 @@ class MpaClient {
 
   /// Passes a record to the vertical and frees its `free_block`.
   void Deliver(rmqClientMessage* message);
+  /// Logs that a record is dropped because nobody is registered for it any more.
+  static void LogNoCallback(const std::string& app_type);
 
   /// Ends the app-init handshake of that number.  Returns true when the vertical is initialised by it.
   virtual bool CompleteAppInitHandshake(uint32_t sequence, bool success);

@@ -143,7 +143,7 @@ void MpaClientAppSpecific::SendStateToVertical(BusMessageType msg_type, int flag
 
 void MpaClientAppSpecific::SendMsgToVertical(const BusRecord& record, int) {
   const auto owner = client();
-  if (!owner) return;
+  if (!owner) return MpaClient::LogNoCallback(app_type_);
   rmqClientMessage message = record.message();
   owner->Deliver(&message);
 }

@@ -127,6 +127,7 @@ std::shared_ptr<MpaClient> VerticalClient::client() const { return ClientRegistr
 
 void VerticalClient::Register() {
   receiver_->Open();
+  asked_ = true;
   owns_registration_ = ClientRegistry::Register(
       provider_, [receiver = receiver_](rmqClientMessage* message) { receiver->Receive(*message); },
       vertical_.name, vertical_.app_id, kClientType, kPort, kAckTimeoutUs,
@@ -134,11 +135,12 @@ void VerticalClient::Register() {
 }
 
 void VerticalClient::Start() {
-  if (!registered()) Register();
+  if (!asked_) Register();
   if (const auto stub = client()) stub->Start(nullptr);
 }
 
 void VerticalClient::Stop() {
+  asked_ = false;
   if (!std::exchange(owns_registration_, false)) return;
   if (const auto stub = client()) stub->Stop();
   ClientRegistry::Unregister(vertical_.name);

@@ -75,7 +75,7 @@ class VerticalClient {
   /// Registers the vertical with the manager client; nothing arrives before Start.  Throws what the manager
   /// client throws.  When the name is registered already, that registration stays and the records go to it.
   void Register();
-  /// Registers the vertical, unless its name is registered already, and has the manager client connect it.
+  /// Registers the vertical unless Register has been called, and has the manager client connect it.
   void Start();
   /// Ends a registration that this object has made.  Waits for a callback that is running; no callback starts
   /// afterwards.  Not to be called from a callback.
@@ -112,6 +112,7 @@ class VerticalClient {
   AsioZemProvider& provider_;
   const Vertical& vertical_;
   const std::shared_ptr<Receiver> receiver_;
+  bool asked_ = false;  // Register has been called since the last Stop
   bool owns_registration_ = false;
 };
 
