@@ -131,7 +131,11 @@ void WorldLife::MoveInterfaceByFile() {
       << "{\"request_id\": \"" << file_migration_ << "\", \"migrate_to_ndvs\": " << (in ? "true" : "false")
       << ", \"host_switches\": [{\"host_switch_id\": \"" << sim::kSecondSwitch << "\", \"pnics\": [" << pnics
       << "], \"vnics\": [{\"vnic_id\": \"" << kInterface << "\", " << place << "}]}]}";
-  Say(node_.app().Migrate(false, true));
+  // The agent that has not started yet refuses at once, and then nothing is written into the result file.
+  const std::string refused = node_.app().Migrate(false, true);
+  if (refused.empty()) return;
+  Say(refused);
+  file_migration_.clear();
 }
 
 int WorldLife::SendMaintenance(uint32_t state) {
