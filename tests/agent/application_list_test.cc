@@ -85,7 +85,7 @@ class ApplicationListTest : public ::testing::Test {
 
 // Every phase walks the table in its own order and leaves out what was not created or not started.
 TEST_F(ApplicationListTest, EachPhaseHasItsOrder) {
-  const std::array table = {
+  static const std::array table = {
       ApplicationRow{.name = "a",
                      .make = &MakeFake<'a'>,
                      .start_line = "A Start...",
@@ -128,7 +128,7 @@ TEST_F(ApplicationListTest, EachPhaseHasItsOrder) {
 
 // The agent is of no use without some applications: their failed start ends it.
 TEST_F(ApplicationListTest, AFailedStartMayEndTheAgent) {
-  const std::array table = {
+  static const std::array table = {
       ApplicationRow{.name = "a", .make = &MakeFake<'a', false>, .start_failure = StartFailure::kEndsAgent}};
   Create(table, true);
   EXPECT_THROW(list_->Start(), std::runtime_error);
