@@ -15,7 +15,7 @@ namespace zem::Tarvik {
 /// Threads: all operations by the main thread.
 class ApplicationList {
  public:
-  /// `enter_step` is called with the name of each step that may take long.
+  /// `table` outlives the list.  `enter_step` is called with the name of each step that may take long.
   ApplicationList(std::span<const ApplicationRow> table, bool host_role,
                   std::function<void(const char* step)> enter_step);
   /// Destroys the applications that are left.
