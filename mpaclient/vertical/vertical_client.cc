@@ -127,11 +127,11 @@ std::shared_ptr<MpaClient> VerticalClient::client() const { return ClientRegistr
 
 void VerticalClient::Register() {
   receiver_->Open();
-  asked_ = true;
   owns_registration_ = ClientRegistry::Register(
       provider_, [receiver = receiver_](rmqClientMessage* message) { receiver->Receive(*message); },
       vertical_.name, vertical_.app_id, kClientType, kPort, kAckTimeoutUs,
       static_cast<uint64_t>(vertical_.traits.bus_retry.count()));
+  asked_ = true;
 }
 
 void VerticalClient::Start() {
