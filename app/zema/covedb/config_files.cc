@@ -4,10 +4,8 @@
 #include <openssl/evp.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <utility>
 
 #include "framework/log/log.h"
@@ -38,28 +36,6 @@ bool IsOurs(const HostConfigMsg& message) {
 }
 bool IsOurs(const MaintenanceModeConfigMsg& message) {
   return message.has_id() || message.has_transport_node_id() || message.has_revision() || message.has_state();
-}
-
-// The file of the mark: records of "NAME LENGTH\n", followed by LENGTH bytes and a newline.
-constexpr std::array<std::string_view, 3> kKinds = {"configuration", "removal", "reset"};
-
-void AddRecord(std::string_view name, std::string_view value, std::string* text) {
-  text->append(name).append(" ").append(std::to_string(value.size())).append("\n").append(value).append("\n");
-}
-
-// Returns nothing at the end of the text, and where it is not a record.
-std::optional<std::pair<std::string_view, std::string_view>> TakeRecord(std::string_view* rest) {
-  const size_t end = rest->find('\n');
-  const size_t blank = rest->substr(0, end).find(' ');
-  if (end == std::string_view::npos || blank == std::string_view::npos) return std::nullopt;
-  size_t length = 0;
-  const char* const number_end = rest->data() + end;
-  const auto [stop, error] = std::from_chars(rest->data() + blank + 1, number_end, length);
-  const std::string_view behind = rest->substr(end + 1);
-  if (error != std::errc() || stop != number_end || length >= behind.size()) return std::nullopt;
-  const std::pair record(rest->substr(0, blank), behind.substr(0, length));
-  *rest = behind.substr(length + 1);
-  return record;
 }
 
 void SetError(std::string* error, const char* text) {
@@ -114,81 +90,6 @@ bool ConfigFiles::RetrieveHostConfigMsgFromFile(HostConfigMsg* message, std::str
   }
   *message = std::move(read);
   return true;
-}
-
-bool ConfigFiles::BeginApply(const UnfinishedApply& apply) {
-  const std::lock_guard lock(mutex_);
-  ++apply_number_;
-  not_in_force_ = false;
-  std::string text;
-  AddRecord("kind", kKinds[static_cast<size_t>(apply.kind)], &text);
-  AddRecord("message", apply.message, &text);
-  AddRecord("header", apply.header, &text);
-  AddRecord("correlation_id", apply.correlation_id, &text);
-  AddRecord("reply_to", apply.reply_to, &text);
-  AddRecord("migration_request", apply.migration_request, &text);
-  AddRecord("migration_result_file", apply.migration_result_file, &text);
-  for (const auto& [id, mac] : apply.routers_before) {
-    AddRecord("switch", id, &text);
-    AddRecord("router", mac, &text);
-  }
-  for (const std::string& vif : apply.leaving_vifs) AddRecord("leaving_vif", vif, &text);
-  std::string reason;
-  if (WriteFileWhole(ApplyMark(), text, &reason) == FileWrite::kDone) return true;
-  ZLOG_ERROR("44062", "[%s] Failed to write to the host config file [%s], error [%s].\n", __func__,
-             ApplyMark().c_str(), reason.c_str());
-  return false;
-}
-
-uint64_t ConfigFiles::apply_number() {
-  const std::lock_guard lock(mutex_);
-  return apply_number_;
-}
-
-void ConfigFiles::EndApply(uint64_t number) {
-  const std::lock_guard lock(mutex_);
-  if (number == apply_number_) EndApplyLocked();
-}
-
-void ConfigFiles::EndApply() {
-  const std::lock_guard lock(mutex_);
-  EndApplyLocked();
-}
-
-void ConfigFiles::EndApplyLocked() {
-  not_in_force_ = false;
-  if (const int reason = RemoveFile(ApplyMark()); reason != 0) {
-    ZLOG_ERROR("44065", "[%s] Failed to delete host config file [%s]: %s\n", __func__, ApplyMark().c_str(),
-               GetErrMsg(reason).c_str());
-  }
-}
-
-// A mark that cannot be read, or was written by an agent that recorded less, still says that an application
-// was under way.
-std::optional<UnfinishedApply> ConfigFiles::ApplyUnfinished() const {
-  std::string text;
-  const int reason = ReadFileWhole(ApplyMark(), kMaxFile, &text);
-  if (reason == ENOENT) return std::nullopt;
-  UnfinishedApply apply;
-  std::string switch_id;
-  std::string_view rest = text;
-  while (const auto record = TakeRecord(&rest)) {
-    const auto& [name, value] = *record;
-    if (name == "kind") {
-      const auto kind = std::find(kKinds.begin(), kKinds.end(), value);
-      if (kind != kKinds.end()) apply.kind = static_cast<UnfinishedApply::Kind>(kind - kKinds.begin());
-    }
-    if (name == "message") apply.message = value;
-    if (name == "header") apply.header = value;
-    if (name == "correlation_id") apply.correlation_id = value;
-    if (name == "reply_to") apply.reply_to = value;
-    if (name == "migration_request") apply.migration_request = value;
-    if (name == "migration_result_file") apply.migration_result_file = value;
-    if (name == "switch") switch_id = value;
-    if (name == "router") apply.routers_before[switch_id] = value;
-    if (name == "leaving_vif") apply.leaving_vifs.emplace_back(value);
-  }
-  return apply;
 }
 
 bool ConfigFiles::HasHostConfigFile() const { return ::access(paths_.host_config.c_str(), F_OK) == 0; }

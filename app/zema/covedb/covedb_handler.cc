@@ -2,12 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <ctime>
-#include <optional>
 #include <utility>
 
-#include "app/zema/covedb/edge_codec.h"
-#include "app/zema/covedb/host_config_codec.h"
 #include "covedbclient/codec/address_codec.h"
 #include "covedbclient/codec/object_dispatcher.h"
 #include "covedbclient/statements.h"
@@ -15,7 +11,6 @@
 #include "platform/provider/timer.h"
 #include "platform/provider/weak_call.h"
 #include "platform/rpc/status.h"
-#include "proto/config/config.pb.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/covedb/runtime_objects.pb.h"
 #include "proto/covedb/switching_objects.pb.h"
@@ -39,32 +34,8 @@ constexpr auto kDesiredConfig = {ObjectType::TN_DESIRED_CONFIG_1,   ObjectType::
 constexpr auto kFullSync = {ObjectType::OPAQUE_LOG_SWITCH_CONFIG, ObjectType::TRANSPORT_NODE_CONFIG,
                             ObjectType::BARRIER};
 
-constexpr uint32_t kRuntimeStatus = 5;
-constexpr uint32_t kBarrierSize = 8;
 // The longest time, in intervals, by which repeated scheduling can delay a complete reading.
 constexpr int kMaxIntervals = 4;
-
-constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg";
-constexpr const char* kMmodeType = "com.orlane.zem.switching.MaintenanceModeConfigMsg";
-constexpr const char* kControllersType = "com.orlane.zem.config.MpLcpMsg";
-
-template <class Object>
-store::PutMsg* AddPut(ModifyRequestMsg* request, ObjectType type, const Object& object) {
-  store::PutMsg* const put = request->add_modify_msg()->mutable_put_msg();
-  put->set_object_type(type);
-  put->set_object(object.SerializeAsString());
-  return put;
-}
-
-void AddFlush(ModifyRequestMsg* request, ObjectType type) {
-  request->add_modify_msg()->mutable_flush_msg()->set_object_type(type);
-}
-
-void AddBarrier(ModifyRequestMsg* request, uint64_t barrier) {
-  store::ProcessedBarrierMsg processed;
-  processed.set_value(barrier);
-  AddPut(request, ObjectType::PROCESSED_BARRIER, processed)->set_size(kBarrierSize);
-}
 
 // A request for one object by its type and keys, or for all objects of the type.
 store::ObjectRequestMsg Wanted(ObjectType type) {
@@ -73,93 +44,11 @@ store::ObjectRequestMsg Wanted(ObjectType type) {
   return wanted;
 }
 
-template <class Uuids>
-void AddError(const std::string& text, const Uuids& uuids, store::RuntimeStatusMsg* status) {
-  store::RealizationErrorMsg* const error = status->add_realization_error();
-  error->set_error_text(text);
-  for (const std::string& uuid : uuids) {
-    if (!UUID_FromString(uuid, error->add_entity())) error->mutable_entity()->RemoveLast();
-  }
-}
-
-// The time as "ctime" prints it, including its newline.
-std::string WriteTime() {
-  const std::time_t now = std::chrono::system_clock::to_time_t(Clock::Process().WallNow());
-  char text[32];
-  return ::ctime_r(&now, text) == nullptr ? std::string() : std::string(text);
-}
-
-// --- The requests by which an edge stores a message; empty when the message cannot be stored.
-
-using Requests = std::list<ModifyRequestMsg>;
-
-Requests HostConfigRequests(store::RealizedHostConfigMsg stored, const std::string& header) {
-  stored.mutable_amqp_header()->set_header(header);
-  stored.set_write_time(WriteTime());
-  Requests requests(1);
-  AddFlush(&requests.back(), ObjectType::HOST_CONFIG);
-  AddPut(&requests.back(), ObjectType::HOST_CONFIG, stored);
-  return requests;
-}
-
-std::optional<Requests> HostConfigRequestsOf(const RawBusMessage& message) {
-  orlane::zem::switching::HostConfigMsg config;
-  if (!config.ParseFromString(message.payload)) {
-    ZLOG_ERROR("41512", "Failed to parse HostConfigMsg message");
-    return std::nullopt;
-  }
-  std::unique_ptr<store::RealizedHostConfigMsg> stored = CoveDbHandler::EncodeHostConfig(config);
-  if (stored == nullptr) return std::nullopt;
-  return HostConfigRequests(std::move(*stored), message.header);
-}
-
-std::optional<Requests> MmodeRequests(const RawBusMessage& message) {
-  orlane::zem::switching::MaintenanceModeConfigMsg config;
-  if (!config.ParseFromString(message.payload)) {
-    ZLOG_ERROR("41512", "Failed to parse maintenance mode config message");
-    return std::nullopt;
-  }
-  store::MaintenanceModeConfigMsg stored;
-  if (EncodeMaintenanceModeConfigMsg(config, &stored) != 0) {
-    ZLOG_ERROR("44091", "Error Encoding Maintainence Mode Config Message into db format");
-    return std::nullopt;
-  }
-  stored.mutable_amqp_header()->set_header(message.header);
-  stored.set_write_time(WriteTime());
-  Requests requests(1);
-  AddFlush(&requests.back(), ObjectType::MAINTENANCE_MODE_CONFIG);
-  AddPut(&requests.back(), ObjectType::MAINTENANCE_MODE_CONFIG, stored);
-  return requests;
-}
-
-std::optional<Requests> ControllerRequests(const RawBusMessage& message) {
-  orlane::zem::config::MpLcpMsg controllers;
-  if (!controllers.ParseFromString(message.payload)) {
-    ZLOG_ERROR("ERR_MSG_CONTROLLER_LIST_PARSE_FAIL", "Failed to parse ControllerList message");
-    return std::nullopt;
-  }
-  std::list<store::ControllerInfoMsg> stored;
-  if (EncodeControllerInfoMsgs(controllers, &stored) != 0) {
-    ZLOG_ERROR("44091", "Error Encoding Controller List Message into db format");
-    return std::nullopt;
-  }
-  Requests requests(1);
-  AddFlush(&requests.back(), ObjectType::CONTROLLER_INFO);
-  for (const store::ControllerInfoMsg& controller : stored) {
-    AddPut(&requests.back(), ObjectType::CONTROLLER_INFO, controller);
-  }
-  return requests;
-}
-
-constexpr std::pair<const char*, std::optional<Requests> (*)(const RawBusMessage&)> kStoredTypes[] = {
-    {kHostConfigType, HostConfigRequestsOf},
-    {kMmodeType, MmodeRequests},
-    {kControllersType, ControllerRequests},
-};
-
 }  // namespace
 
-CoveDbHandler::CoveDbHandler(Settings settings) : settings_(std::move(settings)) {}
+CoveDbHandler::CoveDbHandler(Settings settings)
+    : settings_(std::move(settings)),
+      writer_({settings_.client, settings_.maintenance_action, settings_.keep_alive}, pending_) {}
 
 CoveDbHandler::~CoveDbHandler() {
   if (timer_) timer_->Cancel();
@@ -326,17 +215,7 @@ void CoveDbHandler::OnBarrier() {
   settings_.enqueue(CovedbUpdateKind::kEndOfTransaction, MonitorUpdateMsg(), origin);
 }
 
-// --- Writes.
-
-void CoveDbHandler::Modify(std::list<ModifyRequestMsg> requests) {
-  settings_.client->Modify(std::move(requests), [keep_alive = settings_.keep_alive] {});
-}
-
-void CoveDbHandler::Modify(ModifyRequestMsg request) {
-  std::list<ModifyRequestMsg> requests;
-  requests.push_back(std::move(request));
-  Modify(std::move(requests));
-}
+// --- The removal of the desired configuration.
 
 void CoveDbHandler::SetOnFlush(std::function<void()> on_flush) {
   const Synchronizer lock(*this, __FILE__, __LINE__);
@@ -345,8 +224,10 @@ void CoveDbHandler::SetOnFlush(std::function<void()> on_flush) {
 
 void CoveDbHandler::FlushDesiredConfig(std::function<void()> done) {
   ZLOG_INFO("Flushing transport node desired config from covedb.");
-  Requests requests;
-  for (const ObjectType type : kDesiredConfig) AddFlush(&requests.emplace_back(), type);
+  std::list<ModifyRequestMsg> requests;
+  for (const ObjectType type : kDesiredConfig) {
+    requests.emplace_back().add_modify_msg()->mutable_flush_msg()->set_object_type(type);
+  }
   std::function<void()> on_flush;
   {
     const Synchronizer lock(*this, __FILE__, __LINE__);
@@ -397,70 +278,6 @@ void CoveDbHandler::ResumeMonitors() {
     flushed_ = false;
   }
   ConfigureMonitors();
-}
-
-int CoveDbHandler::SaveMessage(const RawBusMessage* message) {
-  if (message == nullptr) {
-    ZLOG_ERROR("41519", "Client Message is NULL");
-    return -1;
-  }
-  if (message->payload.empty()) {
-    ZLOG_ERROR("41519", "Invalid/Empty payload received of length [%ld]",
-               static_cast<long>(message->payload.size()));
-    return -1;
-  }
-  Requests requests;
-  for (const auto& [type, make] : kStoredTypes) {
-    if (message->type != type) continue;
-    std::optional<Requests> made = make(*message);
-    if (!made) return -1;
-    requests = std::move(*made);
-    if (type == kMmodeType && settings_.maintenance_action) settings_.maintenance_action(*message);
-  }
-  if (requests.empty()) {
-    ZLOG_DEBUG("Size of Modify Request List is 0");
-    return 0;
-  }
-  Modify(std::move(requests));
-  return 0;
-}
-
-std::unique_ptr<store::RealizedHostConfigMsg> CoveDbHandler::EncodeHostConfig(
-    const orlane::zem::switching::HostConfigMsg& config) {
-  auto stored = std::make_unique<store::RealizedHostConfigMsg>();
-  if (EncodeHostConfigMsg(config, stored.get()) == 0) return stored;
-  ZLOG_ERROR("44091", "Error Encoding Host Config Message into db format");
-  return nullptr;
-}
-
-void CoveDbHandler::SaveHostConfig(store::RealizedHostConfigMsg stored, const std::string& header) {
-  Modify(HostConfigRequests(std::move(stored), header));
-}
-
-void CoveDbHandler::WriteProcessedBarrier(uint64_t barrier) {
-  ModifyRequestMsg request;
-  AddBarrier(&request, barrier);
-  Modify(std::move(request));
-}
-
-void CoveDbHandler::WriteRealized(uint64_t barrier) { WriteFullSyncResult(nullptr, {}, barrier); }
-
-void CoveDbHandler::WriteRealizationError(const std::string& text, const std::vector<std::string>& uuids,
-                                          uint64_t barrier) {
-  std::set<std::string> all(uuids.begin(), uuids.end());
-  for (std::string& uuid : pending_.GetPendingLsKeys()) all.insert(std::move(uuid));
-  WriteFullSyncResult(&text, {all.begin(), all.end()}, barrier);
-}
-
-void CoveDbHandler::WriteFullSyncResult(const std::string* error, const std::vector<std::string>& uuids,
-                                        uint64_t barrier) {
-  store::RuntimeStatusMsg status;
-  status.set_status(kRuntimeStatus);
-  if (error != nullptr) AddError(*error, uuids, &status);
-  ModifyRequestMsg request;
-  AddPut(&request, ObjectType::RUNTIME_STATUS, status);
-  if (barrier != 0) AddBarrier(&request, barrier);
-  Modify(std::move(request));
 }
 
 // --- Reads again.

@@ -10,19 +10,11 @@
 #include <vector>
 
 #include "app/zema/covedb/pending_logical_switches.h"
+#include "app/zema/covedb/store_writer.h"
 #include "covedbclient/covedb_client_interface.h"
 #include "framework/tasks/synchronizable.h"
 #include "mpaclient/bus/raw_bus_message.h"
 #include "platform/core/clock.h"
-
-namespace orlane::zem {
-namespace covedb {
-class RealizedHostConfigMsg;
-}  // namespace covedb
-namespace switching {
-class HostConfigMsg;
-}  // namespace switching
-}  // namespace orlane::zem
 
 namespace zem {
 class Timer;
@@ -110,26 +102,6 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   /// The number of flushes so far.  Work from another epoch is void.
   uint64_t epoch();
 
-  /// Stores a message on an edge or gateway.  Returns 0, also for a message that is not stored; -1 on
-  /// failure.
-  [[nodiscard]] int SaveMessage(const RawBusMessage* message);
-
-  /// Converts a host configuration to the store's form; returns null, with an error line, when that is not
-  /// possible.  For a caller that changes the message before it knows whether the message will be stored.
-  static std::unique_ptr<orlane::zem::covedb::RealizedHostConfigMsg> EncodeHostConfig(
-      const orlane::zem::switching::HostConfigMsg& config);
-  /// Stores the configuration with the bus header of its message.
-  void SaveHostConfig(orlane::zem::covedb::RealizedHostConfigMsg stored, const std::string& header);
-
-  void WriteProcessedBarrier(uint64_t barrier);
-  /// Writes a status without errors, and the barrier unless it is 0, which means that there is none.
-  void WriteRealized(uint64_t barrier);
-  /// Writes an error for `uuids` and for everything that is pending; the barrier is treated as above.
-  void WriteRealizationError(const std::string& text, const std::vector<std::string>& uuids,
-                             uint64_t barrier);
-  /// Writes the outcome of a full sync: a null `error` means success; `uuids` are written in their order.
-  void WriteFullSyncResult(const std::string* error, const std::vector<std::string>& uuids, uint64_t barrier);
-
   /// Records that the switch has to be realized; returns false when a flush has made the update void.
   [[nodiscard]] bool AddPendingLs(const std::string& uuid, covedb::MonitorUpdateMsg update, uint64_t epoch);
 
@@ -143,6 +115,8 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   void SetLsRealizationViaCcp(bool on);
 
   PendingLogicalSwitches& pending() { return pending_; }
+  /// What the realization writes to the store.
+  StoreWriter& writer() { return writer_; }
   bool channel_up();
   bool initial_sync_done();
 
@@ -165,11 +139,10 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   void HandleFullSyncCallback(const Objects& objects, const rpc::Status& status, uint64_t epoch);
   void HandleLogicalSwitchMsgCallback(const Objects& objects, const rpc::Status& status, uint64_t epoch);
   bool IsVoid(const char* operation, uint64_t epoch);
-  void Modify(covedb::ModifyRequestMsg request);
-  void Modify(std::list<covedb::ModifyRequestMsg> requests);
 
   const Settings settings_;
   PendingLogicalSwitches pending_;
+  StoreWriter writer_;
   // Held while updates are handed over, so that the updates of one reading stay together; locked before the
   // object's own lock.
   std::mutex hand_over_;

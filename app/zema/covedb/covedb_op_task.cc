@@ -18,7 +18,7 @@ CoveDbOpTask::~CoveDbOpTask() = default;
 
 void CoveDbOpTask::Run() {
   SetThreadName("zema:coveDbTask");
-  if (handler_->SaveMessage(&message_) < 0) {
+  if (handler_->writer().SaveMessage(&message_) < 0) {
     ZLOG_ERROR("44092", "Error persisting configuration Messages to DB");
   } else {
     ZLOG_INFO("Successfully written message [%s] to coveDB", message_.type.c_str());

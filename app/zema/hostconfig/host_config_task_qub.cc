@@ -126,7 +126,7 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   {
     const MonitorLock lock(monitor_);
     if (context_->store != nullptr && in_store_ == InStore::kYes) {
-      for_store_ = CoveDbHandler::EncodeHostConfig(message_);
+      for_store_ = StoreWriter::EncodeHostConfig(message_);
     }
     TakeHealth();
     if (!IsRemoval() && !reset) {
@@ -158,7 +158,7 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   // If the mark cannot be written, the configuration file cannot be written either, and that error is
   // reported.
   mark_ = Mark(reset);
-  context_->files.BeginApply(mark_);
+  context_->files.apply_mark().Begin(mark_);
   Persist();
   switches = ConfigureSwitches(upgrade, reset, extra_config);
   if (switches != Switches::kFailed) {
@@ -278,7 +278,7 @@ void HostConfigTaskQub::Persist() {
   }
   if (context_->store != nullptr && in_store_ == InStore::kYes) {
     if (for_store_ != nullptr) {
-      context_->store->SaveHostConfig(std::move(*for_store_), header_);
+      context_->store->writer().SaveHostConfig(std::move(*for_store_), header_);
       for_store_.reset();
     } else {
       ZLOG_ERROR("44092", "Error persisting configuration Messages to DB");
@@ -314,7 +314,7 @@ class HostConfigTaskQub::RemovalEnd {
     const auto live = context_.lock();
     if (!live) return;
     live->follow_ups.RunBehind([context = context_, number = number_] {
-      if (const auto still = context.lock()) still->files.EndApply(number);
+      if (const auto still = context.lock()) still->files.apply_mark().End(number);
     });
   }
 
@@ -324,8 +324,8 @@ class HostConfigTaskQub::RemovalEnd {
 };
 
 void HostConfigTaskQub::EndApply() {
-  if (removal_end_ == nullptr) return context_->files.EndApply();
-  removal_end_->OfHost(context_->files.apply_number());
+  if (removal_end_ == nullptr) return context_->files.apply_mark().End();
+  removal_end_->OfHost(context_->files.apply_mark().number());
 }
 
 void HostConfigTaskQub::RemoveNode() {
@@ -380,7 +380,7 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
     all.insert(vifs.begin(), vifs.end());
     mark_.leaving_vifs.assign(all.begin(), all.end());
     // If the mark cannot be written, the VIFs are left on their ports, but only if this process ends now.
-    static_cast<void>(context_->files.BeginApply(mark_));
+    static_cast<void>(context_->files.apply_mark().Begin(mark_));
   };
   settings.left_before = left_before_;
   settings.set_del_zem_running = [this](bool on) { context_->state.del_zem_running = on; };
@@ -497,7 +497,7 @@ constexpr Duration kLastFinishDelay = std::chrono::minutes(10);
 // Returns true when nothing is left to be finished.
 bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
   using Kind = UnfinishedApply::Kind;
-  const auto unfinished = context->files.ApplyUnfinished();
+  const auto unfinished = context->files.apply_mark().Unfinished();
   if (!unfinished) return true;
   switching::HostConfigMsg message;
   const bool read = message.ParseFromString(unfinished->message);
@@ -510,7 +510,7 @@ bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
         !context->files.RetrieveHostConfigMsgFromFile(&message, &error)) {
       ZLOG_ERROR("41531", "[%s] the configuration that was under way cannot be finished: %s", __func__,
                  error.c_str());
-      context->files.EndApply();
+      context->files.apply_mark().End();
       return true;
     }
     ZLOG_INFO("[%s] HostConfigMsg [%s] revision [%s] was under way when the agent ended, applying it again",
@@ -532,14 +532,14 @@ bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
 
 void FinishWithin(const std::shared_ptr<HostConfigContext>& context, Duration next_delay) {
   if (TryToFinish(context)) return;
-  context->files.SetNotInForce();
+  context->files.apply_mark().SetNotInForce();
   ZLOG_INFO("[%s] what was under way is tried again in [%ld] seconds", __func__,
             static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(next_delay).count()));
   context->follow_ups.RunLater(next_delay, [weak = std::weak_ptr<HostConfigContext>(context), next_delay] {
     const auto live = weak.lock();
     // A newer configuration has been applied in the meantime, or was refused and its error sent to the
     // manager.
-    if (!live || !live->files.not_in_force()) return;
+    if (!live || !live->files.apply_mark().not_in_force()) return;
     FinishWithin(live, std::min(2 * next_delay, kLastFinishDelay));
   });
 }

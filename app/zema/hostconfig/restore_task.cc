@@ -34,7 +34,8 @@ void RestoreTask::Run() {
   if (files_.RetrieveHostConfigMsgFromFile(&config, &error)) checksum = ComputeChecksum(config);
   // The manager sends a configuration again when its checksum differs, so a stored one that is not in force
   // is given a different checksum.
-  if (files_.not_in_force() && !checksum.empty()) checksum = Sha256Hex("not in force " + checksum);
+  if (files_.apply_mark().not_in_force() && !checksum.empty())
+    checksum = Sha256Hex("not in force " + checksum);
   if (checksum.empty()) {
     reply.set_id(message_.id());
   } else {

@@ -43,7 +43,7 @@ void CovedbUpdateTask::Run() {
                static_cast<int>(kind_));
     return;
   }
-  if (store_ && barrier_ != 0) store_->WriteProcessedBarrier(barrier_);
+  if (store_ && barrier_ != 0) store_->writer().WriteProcessedBarrier(barrier_);
 }
 
 void CovedbUpdateTask::RunOn(DbSvcTaskThread& thread) {

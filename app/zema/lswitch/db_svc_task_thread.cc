@@ -227,11 +227,11 @@ void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t
   }
   if (done) {
     full_sync_pending_ = false;
-    context_->store->WriteFullSyncResult(nullptr, {}, barrier);
+    context_->store->writer().WriteFullSyncResult(nullptr, {}, barrier);
   } else {
     ZLOG_INFO("Schedule Logical Switch Full sync");
     context_->store->ScheduleFullSyncRead(epoch);
-    context_->store->WriteFullSyncResult(&error, sync.Uuids(), barrier);
+    context_->store->writer().WriteFullSyncResult(&error, sync.Uuids(), barrier);
   }
   ZLOG_INFO("[%s] Logical Switch Full Sync complete", __func__);
 }

@@ -147,7 +147,7 @@ void LogicalSwitchMsgTask::Batcher::RunLocked() {
   const bool owes = owes_barrier_ || apply_.count(CoveDbHandler::kReplyTo) != 0 ||
                     deletes_.count(CoveDbHandler::kReplyTo) != 0;
   if (last == chunks_.rend() && owes && barrier_ != 0 && context_->store) {
-    context_->store->WriteProcessedBarrier(barrier_);
+    context_->store->writer().WriteProcessedBarrier(barrier_);
   }
   owes_barrier_ = false;
   chunks_.clear();
@@ -231,7 +231,7 @@ void LogicalSwitchMsgTask::Batcher::RefuseLs(const std::string& reply_to, const 
   ZLOG_ERROR("42033", "[%s] %s\n", __func__, error.c_str());
   if (!context_->store || !IsStore(reply_to)) return;
   context_->store->pending().RemovePendingLs(uuid);
-  context_->store->WriteRealizationError(error, {uuid}, 0);
+  context_->store->writer().WriteRealizationError(error, {uuid}, 0);
 }
 
 // Adds the chunk to the plan when it is full; with a limit of 0, adds it in any case.
@@ -263,7 +263,7 @@ void LogicalSwitchMsgTask::Batcher::Send(const Chunk& chunk, bool last_of_store)
   if (!context_->store) return;
   store_failed_ = store_failed_ || IsStore(chunk.reply_to);
   const std::vector<std::string> uuids = Uuids(chunk.acks);
-  context_->store->WriteRealizationError(error, uuids, barrier);
+  context_->store->writer().WriteRealizationError(error, uuids, barrier);
   context_->store->ScheduleLsRead(uuids, context_->store->epoch());
 }
 
@@ -324,9 +324,9 @@ void LogicalSwitchMsgTask::Batcher::SendAckToStore(const Chunk& chunk, uint64_t 
   for (const auto& [uuid, revision] : chunk.acks) context_->store->pending().RemoveRealized(uuid, revision);
   if (!last_of_store) return;
   if (!store_failed_) {
-    context_->store->WriteRealized(barrier);
+    context_->store->writer().WriteRealized(barrier);
   } else if (barrier != 0) {
-    context_->store->WriteProcessedBarrier(barrier);
+    context_->store->writer().WriteProcessedBarrier(barrier);
   }
 }
 

@@ -103,16 +103,16 @@ class FileSizeLimit {
 
 // The store may answer a removal long after the node has got its next configuration.
 TEST_F(ConfigFilesTest, ALateEndLeavesTheMarkOfANewerApplication) {
-  ASSERT_TRUE(files.BeginApply({}));
-  const uint64_t first = files.apply_number();
+  ASSERT_TRUE(files.apply_mark().Begin({}));
+  const uint64_t first = files.apply_mark().number();
   UnfinishedApply second;
   second.leaving_vifs = {"v1", "v2"};
-  ASSERT_TRUE(files.BeginApply(second));
-  files.EndApply(first);
-  ASSERT_TRUE(files.ApplyUnfinished());
-  EXPECT_EQ(files.ApplyUnfinished()->leaving_vifs, second.leaving_vifs);
-  files.EndApply(files.apply_number());
-  EXPECT_FALSE(files.ApplyUnfinished());
+  ASSERT_TRUE(files.apply_mark().Begin(second));
+  files.apply_mark().End(first);
+  ASSERT_TRUE(files.apply_mark().Unfinished());
+  EXPECT_EQ(files.apply_mark().Unfinished()->leaving_vifs, second.leaving_vifs);
+  files.apply_mark().End(files.apply_mark().number());
+  EXPECT_FALSE(files.apply_mark().Unfinished());
 }
 
 // A disk that fills up in the middle of a write must cost the new configuration, not the old one.

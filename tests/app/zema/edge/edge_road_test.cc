@@ -32,7 +32,7 @@ class EdgeRoadTest : public StoreFixture {
     message.type = type;
     message.payload = payload;
     message.header = "H";
-    const int result = handler->SaveMessage(&message);
+    const int result = handler->writer().SaveMessage(&message);
     clock.RunFor(1s);
     return result;
   }
@@ -117,7 +117,7 @@ TEST_F(EdgeRoadTest, AMessageThatCannotBeStoredIsReported) {
       EXPECT_TRUE(log.Contains(line.substr(0, bracket))) << line;
     }
   }
-  EXPECT_EQ(handler->SaveMessage(nullptr), -1);
+  EXPECT_EQ(handler->writer().SaveMessage(nullptr), -1);
   EXPECT_THAT(Stored(ObjectType::HOST_CONFIG), IsEmpty());
 }
 

@@ -20,7 +20,7 @@ TEST_F(HostConfigTest, SwitchesComeAndGo) {
   EXPECT_THAT(Apply(kNode + std::string("revision: \"2\" ") + kOne), HasSubstr("error_code: 0"));
   EXPECT_THAT(state->SwitchIds(), ElementsAre(kVlanSwitch));
   EXPECT_EQ(RouterOf(kOverlay), "none");
-  EXPECT_FALSE(files.ApplyUnfinished());
+  EXPECT_FALSE(files.apply_mark().Unfinished());
 }
 
 // The node's file is removed before its switches are, so the mark has to say that a removal was under way.
@@ -35,13 +35,13 @@ TEST_F(HostConfigTest, ARemovalThatWasCutIsFinishedByTheNextStart) {
         reset ? RemoveHostSwitches(process->context) : Apply(R"(id: "c1" revision: "-1")");
       };
       EXPECT_THROW(remove(), Killed);
-      ASSERT_TRUE(files.ApplyUnfinished());
+      ASSERT_TRUE(files.apply_mark().Unfinished());
       StartProcess();
       FinishHostConfig(process->context);
       EXPECT_THAT(state->SwitchIds(), IsEmpty());
       EXPECT_EQ(RouterOf(kOverlay), "none");
       EXPECT_FALSE(files.HasHostConfigFile());
-      EXPECT_FALSE(files.ApplyUnfinished());
+      EXPECT_FALSE(files.apply_mark().Unfinished());
       EXPECT_FALSE(process->host.id());
       EXPECT_TRUE(script.Heard("15:")) << "the host forgets its node id";
     }
@@ -74,7 +74,7 @@ TEST_F(HostConfigTest, AnInterruptedMigrationByFileGetsItsOutcome) {
   EXPECT_TRUE(script.Heard("migrateToLS"));
   EXPECT_THAT(dir.Read("result"), HasSubstr("\"request_id\": \"k1\""));
   EXPECT_THAT(dir.Read("result"), HasSubstr("\"result\": \"Success\""));
-  EXPECT_FALSE(files.ApplyUnfinished());
+  EXPECT_FALSE(files.apply_mark().Unfinished());
 }
 
 // When the agent starts again, no stored message contains the switch that leaves.
@@ -96,8 +96,8 @@ TEST_F(HostConfigTest, AConfigurationThatAStartCannotFinishIsRetriedUntilItSucce
   StartProcess();
   script.Script("CheckQUBiVersion70AndUnusedCkln()", {"busy"});
   FinishHostConfig(process->context);
-  EXPECT_TRUE(files.not_in_force());
-  ASSERT_TRUE(files.ApplyUnfinished());
+  EXPECT_TRUE(files.apply_mark().not_in_force());
+  ASSERT_TRUE(files.apply_mark().Unfinished());
   EXPECT_EQ(process->follow_ups.later_after, 30s);
   for (const auto next : {60s, 120s, 240s, 480s, 600s, 600s}) {
     std::exchange(process->follow_ups.later, nullptr)();
@@ -107,13 +107,13 @@ TEST_F(HostConfigTest, AConfigurationThatAStartCannotFinishIsRetriedUntilItSucce
   script.before = [](const std::string&) { throw std::runtime_error("bad alloc"); };
   std::exchange(process->follow_ups.later, nullptr)();
   ASSERT_TRUE(process->follow_ups.later);
-  EXPECT_TRUE(files.not_in_force());
+  EXPECT_TRUE(files.apply_mark().not_in_force());
   script.before = nullptr;
   script.Script("CheckQUBiVersion70AndUnusedCkln()", {"ok|1,0"});
   const auto last = std::exchange(process->follow_ups.later, nullptr);
   last();
-  EXPECT_FALSE(files.not_in_force());
-  EXPECT_FALSE(files.ApplyUnfinished());
+  EXPECT_FALSE(files.apply_mark().not_in_force());
+  EXPECT_FALSE(files.apply_mark().Unfinished());
   EXPECT_FALSE(process->follow_ups.later);
   EXPECT_EQ(RouterOf(kOverlay), "connected");
   script.commands.clear();
@@ -129,7 +129,7 @@ TEST_F(HostConfigTest, ANewerConfigurationEndsTheTriesToFinishTheOneBefore) {
   FinishHostConfig(process->context);
   ASSERT_TRUE(process->follow_ups.later);
   EXPECT_THAT(Apply(kNode + std::string("revision: \"2\" ") + kOne), HasSubstr("busy"));
-  EXPECT_FALSE(files.not_in_force()) << "this failure the manager knows";
+  EXPECT_FALSE(files.apply_mark().not_in_force()) << "this failure the manager knows";
   script.commands.clear();
   process->follow_ups.later();
   EXPECT_THAT(script.commands, IsEmpty());
@@ -158,7 +158,7 @@ TEST_F(HostConfigTest, AConfigurationFinishedAtTheStartHasItsFollowUpsAndNoWait)
   StartProcess();
   script.unused_ckln = true;
   FinishHostConfig(process->context);
-  EXPECT_FALSE(files.ApplyUnfinished());
+  EXPECT_FALSE(files.apply_mark().Unfinished());
   EXPECT_THAT(process->follow_ups.notes, ElementsAre("hot swap"));
 }
 

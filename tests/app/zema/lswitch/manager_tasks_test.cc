@@ -87,7 +87,7 @@ TEST_F(ManagerTasksTest, ChecksumsReportTheConfigurationOfTheHostOrItsAbsence) {
   run();
   EXPECT_THAT(manager.Take(), ElementsAre(host_part, host_part + " logical_switch_checksum: \"12ab\""));
   // The stored configuration is not in force on the host: the manager must not take it for applied.
-  files.SetNotInForce();
+  files.apply_mark().SetNotInForce();
   run();
   EXPECT_THAT(manager.Take(), ElementsAre(testing::AllOf(testing::HasSubstr("id: \"a\" checksum: \""),
                                                          testing::Not(testing::HasSubstr("ba7816bf")))));
