@@ -13,13 +13,9 @@
 #include "platform/core/clock_factor.h"
 #include "sim/control/control_server.h"
 #include "sim/dataplane/dataplane_agent.h"
-#include "sim/dataplane/dataplane_commands.h"
-#include "sim/host/host_commands.h"
 #include "sim/host/raw_sockets.h"
 #include "sim/killpoints/kill_page.h"
-#include "sim/manager/manager_commands.h"
-#include "sim/manager/vif_commands.h"
-#include "sim/node/vm_commands.h"
+#include "sim/node/peer_table.h"
 #include "sim/sandbox/sandbox.h"
 #include "sim/switch/switch_commands.h"
 
@@ -84,12 +80,7 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
     daemon_->SetEnvironment(kClockFactorVariable, factor);
   }
 
-  RegisterStoreCommands(store_commands_, *store_, registry_);
-  RegisterManagerCommands(manager_commands_, *manager_);
-  RegisterVifCommands(manager_commands_, *manager_);
-  RegisterDataplaneCommands(dataplane_commands_, *dataplane_);
-  RegisterHostCommands(host_commands_, host_state_);
-  RegisterVmCommands(vm_commands_, *machines_, *manager_, host_state_);
+  MakePeers();
   RegisterSwitchCommands(commands_, switch_state_, libraries_);
   RegisterNodeCommands(commands_, *this);
   control_ =
@@ -101,9 +92,22 @@ Node::~Node() {
   daemon_.reset();
   control_provider_.StopAndWait(true);
   control_.reset();
+  while (!peers_.empty()) peers_.pop_back();
   manager_.reset();
   store_provider_.StopAndWait(true);
   store_.reset();
+}
+
+void Node::MakePeers() {
+  const PeerContext context{options_,    control_provider_, *store_,    registry_,     *manager_, *dataplane_,
+                            host_state_, *host_management_, *machines_, switch_state_, *daemon_};
+  for (const PeerRow& row : PeerTable()) {
+    PeerEntry& entry = peers_.emplace_back();
+    entry.name = row.name;
+    entry.help = row.help;
+    entry.peer = row.make(context);
+    entry.peer->Register(entry.commands);
+  }
 }
 
 void Node::WriteFiles() {

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <list>
 #include <memory>
 #include <string>
 
 #include "platform/provider/provider.h"
 #include "sim/control/command_table.h"
+#include "sim/control/peer.h"
 #include "sim/host/edge_service.h"
 #include "sim/host/host_management.h"
 #include "sim/host/host_state.h"
@@ -69,6 +71,7 @@ class Node {
   friend void RegisterNodeCommands(CommandTable& table, Node& node);
 
   void WriteFiles();
+  void MakePeers();
 
   const NodeOptions options_;
   AsioZemProvider control_provider_;
@@ -90,11 +93,14 @@ class Node {
   std::unique_ptr<KillSwitch> kill_switch_;
   std::unique_ptr<DaemonProcess> daemon_;
 
-  CommandTable store_commands_;
-  CommandTable manager_commands_;
-  CommandTable dataplane_commands_;
-  CommandTable host_commands_;
-  CommandTable vm_commands_;
+  struct PeerEntry {
+    std::string name;
+    std::string help;
+    std::unique_ptr<Peer> peer;
+    CommandTable commands;
+  };
+  // In the order of the table; a list, because the commands refer to their entry.
+  std::list<PeerEntry> peers_;
   CommandTable commands_;
   std::unique_ptr<ControlServer> control_;
 };

@@ -348,7 +348,7 @@ void ShowSteps(const KillSwitch& kill_switch, const Arguments& arguments, const 
 }
 
 // Makes a peer's command table available behind one word.
-void Forward(CommandTable& table, const char* name, const char* help, const CommandTable& to) {
+void Forward(CommandTable& table, const std::string& name, const std::string& help, const CommandTable& to) {
   Command command;
   command.name = name;
   command.usage = "COMMAND...";
@@ -367,14 +367,22 @@ void Forward(CommandTable& table, const char* name, const char* help, const Comm
 void RegisterNodeCommands(CommandTable& table, Node& node) {
   constexpr size_t kMany = 100;
   Node* const n = &node;
-  Forward(table, "store", "The store daemon; \"store help\" lists its commands.", n->store_commands_);
-  Forward(table, "manager", "Proxy, APHs and manager; \"manager help\" lists their commands.",
-          n->manager_commands_);
-  Forward(table, "dataplane", "The dataplane agent; \"dataplane help\" lists its commands.",
-          n->dataplane_commands_);
-  Forward(table, "host", "The host and its management script; \"host help\" lists its commands.",
-          n->host_commands_);
-  Forward(table, "vm", "The host's VMs; \"vm help\" lists their commands.", n->vm_commands_);
+  for (const Node::PeerEntry& entry : n->peers_) {
+    Forward(table, entry.name, entry.help, entry.commands);
+  }
+  table.Register({"violations", "",
+                  "Shows what the daemon did that a real peer would not have accepted, by peer.", 0, 0,
+                  [n](const Arguments&, const Reply& reply) {
+                    Json result = JsonObject();
+                    for (const Node::PeerEntry& entry : n->peers_) {
+                      const std::vector<std::string> violations = entry.peer->Violations();
+                      if (violations.empty()) continue;
+                      Json lines = JsonArray();
+                      for (const std::string& violation : violations) AddItem(lines.get(), violation);
+                      AddMember(result.get(), entry.name.c_str(), std::move(lines));
+                    }
+                    reply.Ok(std::move(result));
+                  }});
   table.Register(
       {"diff", "[BACK]",
        "Shows what the host lacks or has too much against the manager's last HostConfigMsg, or the "
@@ -392,7 +400,13 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
          NodeView view{n->host_state_,       *n->machines_, *n->manager_,
                        *n->host_management_, *n->daemon_,   *n->log_};
          if (all) view.most = std::numeric_limits<size_t>::max();
-         reply.Ok(Json(cJSON_CreateString(DrawNode(view).c_str())));
+         std::string picture = DrawNode(view);
+         for (const Node::PeerEntry& entry : n->peers_) {
+           const std::vector<std::string> lines = entry.peer->Draw(view.most);
+           if (!lines.empty()) picture += '\n';
+           for (const std::string& line : lines) picture += line + '\n';
+         }
+         reply.Ok(Json(cJSON_CreateString(picture.c_str())));
        }});
   table.Register({"resync", "now [SECONDS]",
                   "Lets the manager's proxy go and come, so that the daemon compares host and ports, and "

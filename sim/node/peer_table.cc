@@ -1,0 +1,88 @@
+// The node's peers, one row each.  A class adapts a peer to the node; it adds nothing else.
+
+#include "sim/node/peer_table.h"
+
+#include <array>
+#include <utility>
+
+#include "sim/dataplane/dataplane_commands.h"
+#include "sim/host/host_commands.h"
+#include "sim/host/host_management.h"
+#include "sim/manager/manager_commands.h"
+#include "sim/manager/vif_commands.h"
+#include "sim/node/vm_commands.h"
+#include "sim/store/store_daemon.h"
+#include "sim/switch/sim_state.h"
+
+namespace zem::sim {
+namespace {
+
+// A peer that the node itself owns: the row only leads to its commands.
+class OwnedByNode : public Peer {
+ public:
+  explicit OwnedByNode(const PeerContext& context) : context_(context) {}
+
+ protected:
+  const PeerContext context_;
+};
+
+class StorePeer final : public OwnedByNode {
+ public:
+  using OwnedByNode::OwnedByNode;
+  void Register(CommandTable& table) override {
+    RegisterStoreCommands(table, context_.store, context_.registry);
+  }
+};
+
+class ManagerPeer final : public OwnedByNode {
+ public:
+  using OwnedByNode::OwnedByNode;
+  void Register(CommandTable& table) override {
+    RegisterManagerCommands(table, context_.manager);
+    RegisterVifCommands(table, context_.manager);
+  }
+};
+
+class DataplanePeer final : public OwnedByNode {
+ public:
+  using OwnedByNode::OwnedByNode;
+  void Register(CommandTable& table) override { RegisterDataplaneCommands(table, context_.dataplane); }
+};
+
+class HostPeer final : public OwnedByNode {
+ public:
+  using OwnedByNode::OwnedByNode;
+  void Register(CommandTable& table) override { RegisterHostCommands(table, context_.host); }
+  std::vector<std::string> Violations() const override {
+    std::vector<std::string> all = context_.switches.Violations();
+    for (std::string& violation : context_.host_management.violations()) all.push_back(std::move(violation));
+    return all;
+  }
+};
+
+class VmPeer final : public OwnedByNode {
+ public:
+  using OwnedByNode::OwnedByNode;
+  void Register(CommandTable& table) override {
+    RegisterVmCommands(table, context_.machines, context_.manager, context_.host);
+  }
+};
+
+template <class Row>
+std::unique_ptr<Peer> Make(const PeerContext& context) {
+  return std::make_unique<Row>(context);
+}
+
+constexpr std::array kPeers = {
+    PeerRow{"store", "The store daemon; \"store help\" lists its commands.", &Make<StorePeer>},
+    PeerRow{"manager", "Proxy, APHs and manager; \"manager help\" lists their commands.", &Make<ManagerPeer>},
+    PeerRow{"dataplane", "The dataplane agent; \"dataplane help\" lists its commands.", &Make<DataplanePeer>},
+    PeerRow{"host", "The host and its management script; \"host help\" lists its commands.", &Make<HostPeer>},
+    PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},
+};
+
+}  // namespace
+
+std::span<const PeerRow> PeerTable() { return kPeers; }
+
+}  // namespace zem::sim
