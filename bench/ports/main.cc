@@ -137,7 +137,7 @@ Figures Measure(zem::sim::SwitchState& state, size_t ports, const std::function<
   for (int round = 0; round < kRounds; ++round) {
     best.peer = std::min(best.peer, Seconds(peer) * 1e6 / static_cast<double>(ports));
     best.ours = std::min(best.ours, Seconds(ours) * 1e6 / static_cast<double>(ports));
-    state.ClearLogs();
+    state.journal().Clear();
   }
   return best;
 }

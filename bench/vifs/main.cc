@@ -65,7 +65,7 @@ void Print(const std::string& name, const char* metric, double ours, double peer
 // Reduces a call in the library's log to its kind, without time and port.
 std::vector<std::string> Made(World& world) {
   std::vector<std::string> calls;
-  for (const std::string& line : world.state().Calls("\"function\"")) {
+  for (const std::string& line : world.state().journal().Calls("\"function\"")) {
     const auto value = [&](const std::string& name) {
       const size_t at = line.find("\"" + name + "\":\"");
       if (at == std::string::npos) return std::string();
@@ -145,7 +145,7 @@ class Bench {
     const double peer = by_size_[2].peer / by_size_[0].peer;
     Print("growth-100-to-10000", "times", ours, peer, peer / ours);
     Memory();
-    Require(world_.state().Violations().empty(), "a rule of the library was broken");
+    Require(world_.state().journal().Violations().empty(), "a rule of the library was broken");
     return 0;
   }
 
@@ -154,7 +154,7 @@ class Bench {
   void CheckCalls() {
     const auto made = [this](const std::function<void(const std::vector<Vif>&)>& attach) {
       const auto vifs = world_.NewVifs(1);
-      world_.state().ClearLogs();
+      world_.state().journal().Clear();
       attach(vifs);
       std::vector<std::string> calls = Made(world_);
       world_.Check(vifs);
@@ -181,7 +181,7 @@ class Bench {
     *seconds = Seconds([&] { took = attach(vifs); });
     world_.Check(vifs);
     world_.Remove(vifs);
-    world_.state().ClearLogs();
+    world_.state().journal().Clear();
     return took;
   }
 
@@ -216,7 +216,7 @@ class Bench {
       detach = std::min(detach, Seconds([&] { agent_.DetachFirst(vifs, vifs.size()); }));
       world_.TakeMoved(vifs);
       world_.Remove(vifs);
-      world_.state().ClearLogs();
+      world_.state().journal().Clear();
     }
     if (size == 0) first_move_ = {attach, detach};
     const auto print = [&](const char* half, double ours, double first) {

@@ -55,9 +55,6 @@ bool IsReport(const Message& message) {
   return std::find(kReports.begin(), kReports.end(), message.GetDescriptor()->name()) != kReports.end();
 }
 
-// Per kind of message; enough to find which one a host has realized.
-constexpr size_t kSentRemembered = 8;
-
 }  // namespace
 
 // Passes what one APH's services receive to the manager, together with the APH's name.
@@ -82,7 +79,7 @@ class Manager::Sink final : public MpSink {
   Aph* const aph_;
 };
 
-Manager::Manager(Options options) : options_(std::move(options)) {}
+Manager::Manager(Options options) : options_(std::move(options)), record_(options_.remembered) {}
 
 Manager::~Manager() {
   std::map<std::string, std::unique_ptr<Aph>> ended;
@@ -216,10 +213,7 @@ void Manager::Receive(const Aph& aph, const std::string& vertical, const std::st
     received.type = "unparsable";
     received.json = "{}";
   }
-  std::lock_guard lock(mutex_);
-  received.number = ++last_number_;
-  received_.push_back(std::move(received));
-  if (received_.size() > options_.remembered) received_.pop_front();
+  record_.AddReceived(std::move(received));
 }
 
 void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnifiedMsg& request, bool app_init,
@@ -334,39 +328,16 @@ std::string Manager::Send(const SendRequest& request, std::function<void(HostAns
   std::lock_guard lock(mutex_);
   const auto aph = aphs_.find(target);
   if (aph == aphs_.end()) return target.empty() ? "there is no master" : "no APH " + target;
-  std::deque<std::string>& sent = last_sent_[request.member];
-  sent.push_front(member->SerializeAsString());
-  if (sent.size() > kSentRemembered) sent.pop_back();
+  record_.AddSent(request.member, member->SerializeAsString());
   aph->second->Call(*vertical, message, request.publish, request.timeout, std::move(done));
   return {};
 }
 
-std::optional<std::string> Manager::LastSent(const std::string& member, size_t back) const {
-  std::lock_guard lock(mutex_);
-  const auto found = last_sent_.find(member);
-  if (found == last_sent_.end() || back >= found->second.size()) return std::nullopt;
-  return found->second[back];
-}
-
-std::string Manager::AnswerJson(const std::string& vertical, const HostAnswer& answer) {
+std::string AnswerJson(const std::string& vertical, const HostAnswer& answer) {
   const ManagerVertical* const known = FindManagerVertical(vertical);
   const auto unified = New(known->mp_prototype());
   if (!unified->ParseFromString(answer.message.payload())) return "{}";
   return ToJson(*unified);
-}
-
-std::vector<Received> Manager::ReceivedFrom(const std::string& vertical, uint64_t after) const {
-  std::vector<Received> matching;
-  std::lock_guard lock(mutex_);
-  for (const Received& each : received_) {
-    if (each.number > after && (vertical.empty() || each.vertical == vertical)) matching.push_back(each);
-  }
-  return matching;
-}
-
-uint64_t Manager::received_count() const {
-  std::lock_guard lock(mutex_);
-  return last_number_;
 }
 
 std::map<std::string, uint64_t> Manager::served_app_inits() const {

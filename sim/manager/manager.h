@@ -1,6 +1,5 @@
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "sim/manager/aph.h"
+#include "sim/manager/message_record.h"
 #include "sim/manager/proxy.h"
 #include "sim/manager/vif_table.h"
 
@@ -31,19 +31,6 @@ struct AnswerRule {
   std::string text;
   /// Number of requests that the rule applies to; negative: all.
   int count = -1;
-};
-
-/// A message received from a host.
-struct Received {
-  uint64_t number;
-  std::string aph;
-  std::string vertical;
-  std::string host;
-  bool publish;
-  std::string type;
-  std::string correlation_id;
-  std::string tracking_id;
-  std::string json;
 };
 
 /// The central manager behind one node's proxy, with its APHs: keeps which APH is master, records what hosts
@@ -100,17 +87,11 @@ class Manager {
   };
   /// Calls a host.  Returns an empty text when the request was sent, otherwise what is wrong with it.
   std::string Send(const SendRequest& request, std::function<void(HostAnswer)> done);
-  /// The bytes of the last sent message of a kind, selected by its short name, or of the `back`th before it;
-  /// nothing when it was never sent or has been dropped.
-  std::optional<std::string> LastSent(const std::string& member, size_t back = 0) const;
-  /// Converts the unified message of an answer to JSON.
-  static std::string AnswerJson(const std::string& vertical, const HostAnswer& answer);
-
   /// The table of VIFs.  It answers requests about VIFs as soon as it knows a logical switch.
   VifTable& vifs() { return vifs_; }
 
-  std::vector<Received> ReceivedFrom(const std::string& vertical, uint64_t after) const;
-  uint64_t received_count() const;
+  /// What the manager received and sent.
+  const MessageRecord& record() const { return record_; }
   /// Number of app-init requests of a vertical that the present master has served.
   std::map<std::string, uint64_t> served_app_inits() const;
 
@@ -129,16 +110,17 @@ class Manager {
 
   const Options options_;
   VifTable vifs_;
+  MessageRecord record_;
 
   mutable std::mutex mutex_;  // guards all below
   std::shared_ptr<Proxy> proxy_;
   std::map<std::string, std::unique_ptr<Aph>> aphs_;
   std::map<std::string, bool> listed_;
   std::map<std::pair<std::string, bool>, AnswerRule> rules_;
-  std::deque<Received> received_;
-  uint64_t last_number_ = 0;
   std::map<std::string, uint64_t> served_;
-  std::map<std::string, std::deque<std::string>> last_sent_;  // by member name, newest first
 };
+
+/// Converts the unified message of an answer to JSON.
+std::string AnswerJson(const std::string& vertical, const HostAnswer& answer);
 
 }  // namespace zem::sim

@@ -64,7 +64,7 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
         const auto at = begin.time_since_epoch();
         AddMember(result.get(), "sent_at_us",
                   static_cast<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(at).count()));
-        AddMember(result.get(), "answer", Json(cJSON_Parse(Manager::AnswerJson(vertical, answer).c_str())));
+        AddMember(result.get(), "answer", Json(cJSON_Parse(AnswerJson(vertical, answer).c_str())));
         reply.Ok(std::move(result));
       });
   if (!error.empty()) return reply.Fail(error);
@@ -83,7 +83,7 @@ void ReceivedCommand(const Manager& manager, const Arguments& arguments, const R
     after = static_cast<uint64_t>(*number);
   }
   Json messages = JsonArray();
-  for (const Received& each : manager.ReceivedFrom(vertical, after)) {
+  for (const Received& each : manager.record().ReceivedFrom(vertical, after)) {
     Json item = JsonObject();
     AddMember(item.get(), "number", each.number);
     AddMember(item.get(), "aph", each.aph);
@@ -183,7 +183,7 @@ Json State(Manager& manager) {
   for (const auto& [vertical, count] : manager.served_app_inits())
     AddMember(served.get(), vertical.c_str(), count);
   AddMember(result.get(), "served_app_inits", std::move(served));
-  AddMember(result.get(), "received", manager.received_count());
+  AddMember(result.get(), "received", manager.record().received_count());
   if (const auto proxy = manager.proxy()) {
     AddMember(result.get(), "subscribers", static_cast<uint64_t>(proxy->subscribers()));
     Json ids = JsonArray();

@@ -300,7 +300,7 @@ void ShowRaw(const RawListeners& listeners, const Reply& reply) {
 void ShowDiff(const Manager& manager, const HostState& host, const Arguments& arguments, const Reply& reply) {
   size_t back = 0;
   if (!arguments.empty()) back = static_cast<size_t>(Seconds(arguments[0]).value_or(0));
-  const auto sent = manager.LastSent("HostConfigMsg", back);
+  const auto sent = manager.record().LastSent("HostConfigMsg", back);
   if (!sent) return reply.Fail("the manager has sent no such HostConfigMsg");
   orlane::zem::switching::HostConfigMsg config;
   if (!config.ParseFromString(*sent)) return reply.Fail("the last HostConfigMsg does not parse");

@@ -54,7 +54,7 @@ class HostPeer final : public OwnedByNode {
   using OwnedByNode::OwnedByNode;
   void Register(CommandTable& table) override { RegisterHostCommands(table, context_.host); }
   std::vector<std::string> Violations() const override {
-    std::vector<std::string> all = context_.switches.Violations();
+    std::vector<std::string> all = context_.switches.journal().Violations();
     for (std::string& violation : context_.host_management.violations()) all.push_back(std::move(violation));
     return all;
   }

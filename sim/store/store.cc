@@ -102,32 +102,32 @@ Status Store::ConfigureMonitor(const std::string& client_id, const proto::Config
   return monitors_.Configure(client_id, request, response);
 }
 
-void Store::StreamEnded(const MonitorSink& sink) {
+void StoreStreams::Ended(const MonitorSink& sink) {
   const std::lock_guard lock(mutex_);
   monitors_.Ended(sink);
 }
 
-void Store::StreamWritable(const MonitorSink& sink) {
+void StoreStreams::Writable(const MonitorSink& sink) {
   const std::lock_guard lock(mutex_);
   monitors_.Drain(sink);
 }
 
-size_t Store::SendBarrier(uint16_t vdb_id) {
+size_t StoreStreams::SendBarrier(uint16_t vdb_id) {
   const std::lock_guard lock(mutex_);
   return monitors_.SendBarrier(vdb_id);
 }
 
-size_t Store::EndStreams(const std::string& monitor_id, const Status& status) {
+size_t StoreStreams::End(const std::string& monitor_id, const Status& status) {
   const std::lock_guard lock(mutex_);
   return monitors_.EndMonitor(monitor_id, status);
 }
 
-std::vector<MonitorInfo> Store::Streams() const {
+std::vector<MonitorInfo> StoreStreams::List() const {
   const std::lock_guard lock(mutex_);
   return monitors_.Streams();
 }
 
-void Store::SetUpdateGarbage(int count) {
+void StoreStreams::SetGarbage(int count) {
   const std::lock_guard lock(mutex_);
   monitors_.SetGarbage(count);
 }

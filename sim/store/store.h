@@ -16,6 +16,28 @@
 
 namespace zem::sim {
 
+/// The streams of a store: what their transport reports, and what a fault does to them.
+///
+/// Threads: all operations from any thread.
+class StoreStreams {
+ public:
+  StoreStreams(std::mutex& mutex, MonitorHub& monitors) : mutex_(mutex), monitors_(monitors) {}
+
+  void Ended(const MonitorSink& sink);
+  void Writable(const MonitorSink& sink);
+
+  size_t SendBarrier(uint16_t vdb_id);
+  /// Ends the streams of a monitor id; an empty id ends all.
+  size_t End(const std::string& monitor_id, const rpc::Status& status);
+  std::vector<MonitorInfo> List() const;
+  /// The next updates (negative: all) carry bytes that are no message.
+  void SetGarbage(int count);
+
+ private:
+  std::mutex& mutex_;  // the store's
+  MonitorHub& monitors_;
+};
+
 /// The store behind its calls and commands: the objects, and the streams that receive each change.
 ///
 /// Threads: all operations from any thread.  `registry` has to outlive it.
@@ -40,14 +62,8 @@ class Store {
   rpc::Status ConfigureMonitor(const std::string& client_id,
                                const orlane::zem::covedb::ConfigureMonitorRequestMsg& request,
                                orlane::zem::covedb::ConfigureMonitorResponseMsg* response);
-  void StreamEnded(const MonitorSink& sink);
-  void StreamWritable(const MonitorSink& sink);
-
-  size_t SendBarrier(uint16_t vdb_id);
-  /// Ends the streams of a monitor id; an empty id ends all.
-  size_t EndStreams(const std::string& monitor_id, const rpc::Status& status);
-  std::vector<MonitorInfo> Streams() const;
-  void SetUpdateGarbage(int count);
+  /// The open streams.
+  StoreStreams& streams() { return streams_; }
 
   struct TypeCount {
     uint16_t vdb_id;
@@ -66,6 +82,7 @@ class Store {
   const ObjectRegistry& registry_;
   ObjectStore objects_;
   MonitorHub monitors_;
+  StoreStreams streams_{mutex_, monitors_};
   std::string schema_version_ = "3.2.1";
 };
 

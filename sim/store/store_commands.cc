@@ -60,6 +60,84 @@ class StoreCommands {
  public:
   StoreCommands(StoreDaemon& daemon, const ObjectRegistry& registry) : daemon_(daemon), registry_(registry) {}
 
+  void Register(CommandTable& table) const {
+    const StoreCommands& c = *this;
+    using A = const Arguments&;
+    using R = const Reply&;
+    table.Register({"put", "TYPE[@VDB] OBJECT", "Sets an object.", 2, 2,
+                    [c](A a, R r) { c.Change(&proto::ModifyMsg::mutable_put_msg, a, r); }, true});
+    table.Register({"patch", "TYPE[@VDB] OBJECT", "Merges into an object, or makes it.", 2, 2,
+                    [c](A a, R r) { c.Change(&proto::ModifyMsg::mutable_patch_msg, a, r); }, true});
+    table.Register({"delete", "TYPE[@VDB] OBJECT", "Removes the object that has the key of OBJECT.", 2, 2,
+                    [c](A a, R r) { c.Change(&proto::ModifyMsg::mutable_delete_msg, a, r); }, true});
+    table.Register(
+        {"flush", "TYPE[@VDB]", "Removes all objects of a type.", 1, 1, [c](A a, R r) { c.Flush(a, r); }});
+    table.Register({"copy", "TYPE[@VDB] TO_VDB [OBJECT]",
+                    "Copies all objects of a type, or one, to another vdb.", 2, 3,
+                    [c](A a, R r) { c.Copy(a, r); }, true});
+    table.Register({"modify", "REQUEST",
+                    "Makes the changes of a ModifyRequestMsg (text format) as one batch.", 1, 1,
+                    [c](A a, R r) { c.Modify(a, r); }, true});
+    table.Register(
+        {"transaction", "BARRIER [TYPE OBJECT]",
+         "Sets an object and the controller's barrier as one batch; PROCESSED_BARRIER then tells how far the "
+         "agent has come.",
+         1, 3, [c](A a, R r) { c.Transaction(a, r); }, true});
+    table.Register({"switches/put", "COUNT BARRIER [FIRST [ZONES [REVISION]]]",
+                    "Sets the transport node, so many logical switches (\"ls-FIRST\" and on) and a barrier "
+                    "as one batch.",
+                    2, 5, [c](A a, R r) { c.PutSwitches(a, r); }});
+    table.Register({"switches/delete", "COUNT BARRIER [FIRST]",
+                    "Removes logical switches that switches/put has set, with a barrier, as one batch.", 2, 3,
+                    [c](A a, R r) { c.DeleteSwitches(a, r); }});
+    table.Register({"get", "TYPE[@VDB] [OBJECT]",
+                    "Shows all objects of a type, or the one that has the key of OBJECT.", 1, 2,
+                    [c](A a, R r) { c.Get(a, r); }, true});
+    table.Register({"query", "TYPE[@VDB] PATH OPERATOR VALUE", "Shows the objects that meet a condition.", 4,
+                    4, [c](A a, R r) { c.Query(a, r); }, true});
+    table.Register(
+        {"list", "", "Shows how many objects there are, by vdb and type.", 0, 0, [c](A, R r) { c.List(r); }});
+    table.Register({"vdb/list", "", "Shows the vdbs.", 0, 0, [c](A, R r) { c.ListVDbs(r); }});
+    table.Register({"vdb/create", "NAME", "Makes a vdb.", 1, 1, [c](A a, R r) { c.CreateVDb(a, r); }});
+    table.Register({"vdb/delete", "NAME", "Deletes a vdb and ends its monitors with status 9.", 1, 1,
+                    [c](A a, R r) { Answer(r, c.daemon_.store().DeleteVDb(a[0])); }});
+    table.Register({"monitors", "", "Shows the monitor streams.", 0, 0, [c](A, R r) { c.ListMonitors(r); }});
+    table.Register({"barrier", "[VDB]", "Sends the barrier mark alone to the monitors of a vdb.", 0, 1,
+                    [c](A a, R r) { c.Barrier(a, r); }});
+    table.Register(
+        {"calls", "[METHOD [COUNT]]",
+         "Shows how many calls came, by method; or the newest COUNT requests (10) of one that were kept, "
+         "oldest first, as they came.",
+         0, 2, [c](A a, R r) { a.empty() ? c.Calls(r) : c.CallsKept(a, r); }});
+    table.Register({"calls/keep", "COUNT", "Keeps so many requests of each method from now on; 0 is none.", 1,
+                    1, [c](A a, R r) { c.CallsKeep(a, r); }});
+    table.Register({"schema", "[VERSION [LAST_TYPE]]", "Sets and shows what the schema calls tell.", 0, 2,
+                    [c](A a, R r) { c.Schema(a, r); }});
+    table.Register({"fault/status", "METHOD CODE [COUNT]",
+                    "Ends the next COUNT calls (1; -1 is all) with a status; code 0 ends it.", 2, 3,
+                    [c](A a, R r) { c.FaultStatus(a, r); }});
+    table.Register({"fault/delay", "METHOD MILLISECONDS", "Serves calls so much later.", 2, 2,
+                    [c](A a, R r) { c.FaultDelay(a, r); }});
+    table.Register(
+        {"fault/garbage", "Get|Query|Monitor [COUNT]",
+         "Puts bytes that are no message in place of values: answers of Get and Query, updates of Monitor.",
+         1, 2, [c](A a, R r) { c.FaultGarbage(a, r); }});
+    table.Register({"fault/freeze", "on|off", "Takes calls and does not serve them.", 1, 1,
+                    [c](A a, R r) { c.FaultFreeze(a, r); }});
+    table.Register({"fault/end", "CODE [MONITOR]", "Ends the monitor streams, or one, with a status.", 1, 2,
+                    [c](A a, R r) { c.EndStreams(a, r); }});
+    table.Register({"fault/drop", "",
+                    "Drops all connections; clients may come back at once, unless listening is off.", 0, 0,
+                    [c](A, R r) {
+                      c.daemon_.DropConnections();
+                      r.Ok();
+                    }});
+    table.Register({"fault/listen", "on|off", "While off nobody reaches the store.", 1, 1,
+                    [c](A a, R r) { c.FaultListen(a, r); }});
+    table.Register({"fault/clear", "", "Ends all faults.", 0, 0, [c](A, R r) { c.FaultClear(r); }});
+  }
+
+ private:
   std::string Object(ObjectType type, const std::string& text) const {
     std::string error;
     std::optional<std::string> object = registry_.FromText(type, text, &error);
@@ -228,7 +306,7 @@ class StoreCommands {
 
   void ListMonitors(const Reply& reply) const {
     Json list = JsonArray();
-    for (const MonitorInfo& info : daemon_.store().Streams()) {
+    for (const MonitorInfo& info : daemon_.store().streams().List()) {
       Json entry = JsonObject();
       AddMember(entry.get(), "monitor", info.monitor_id);
       AddMember(entry.get(), "client", info.client_id);
@@ -251,13 +329,13 @@ class StoreCommands {
 
   void Barrier(const Arguments& arguments, const Reply& reply) const {
     const uint32_t vdb = arguments.empty() ? ObjectStore::kDefaultVDb : ParseVDb(arguments[0]);
-    ReplyCount(reply, daemon_.store().SendBarrier(static_cast<uint16_t>(vdb)));
+    ReplyCount(reply, daemon_.store().streams().SendBarrier(static_cast<uint16_t>(vdb)));
   }
 
   void EndStreams(const Arguments& arguments, const Reply& reply) const {
     const int code = static_cast<int>(ParseNumber(arguments[0], 1, UINT16_MAX));
     const std::string monitor = arguments.size() > 1 ? arguments[1] : std::string();
-    ReplyCount(reply, daemon_.store().EndStreams(monitor, Status(code, "as the fault says")));
+    ReplyCount(reply, daemon_.store().streams().End(monitor, Status(code, "as the fault says")));
   }
 
   void FaultStatus(const Arguments& arguments, const Reply& reply) const {
@@ -276,7 +354,7 @@ class StoreCommands {
   void FaultGarbage(const Arguments& arguments, const Reply& reply) const {
     const int count = arguments.size() > 1 ? static_cast<int>(ParseNumber(arguments[1], 0, INT32_MAX)) : 1;
     if (arguments[0] == "Monitor") {
-      daemon_.store().SetUpdateGarbage(count);
+      daemon_.store().streams().SetGarbage(count);
     } else if (arguments[0] == "Get" || arguments[0] == "Query") {
       daemon_.faults().SetGarbage(arguments[0], count);
     } else {
@@ -303,7 +381,7 @@ class StoreCommands {
 
   void FaultClear(const Reply& reply) const {
     daemon_.faults().Clear();
-    daemon_.store().SetUpdateGarbage(0);
+    daemon_.store().streams().SetGarbage(0);
     daemon_.Listen();
     reply.Ok();
   }
@@ -345,7 +423,6 @@ class StoreCommands {
     reply.Ok(std::move(result));
   }
 
- private:
   StoreDaemon& daemon_;
   const ObjectRegistry& registry_;
 };
@@ -353,79 +430,7 @@ class StoreCommands {
 }  // namespace
 
 void RegisterStoreCommands(CommandTable& table, StoreDaemon& daemon, const ObjectRegistry& registry) {
-  const StoreCommands c(daemon, registry);
-  using A = const Arguments&;
-  using R = const Reply&;
-  table.Register({"put", "TYPE[@VDB] OBJECT", "Sets an object.", 2, 2,
-                  [c](A a, R r) { c.Change(&proto::ModifyMsg::mutable_put_msg, a, r); }, true});
-  table.Register({"patch", "TYPE[@VDB] OBJECT", "Merges into an object, or makes it.", 2, 2,
-                  [c](A a, R r) { c.Change(&proto::ModifyMsg::mutable_patch_msg, a, r); }, true});
-  table.Register({"delete", "TYPE[@VDB] OBJECT", "Removes the object that has the key of OBJECT.", 2, 2,
-                  [c](A a, R r) { c.Change(&proto::ModifyMsg::mutable_delete_msg, a, r); }, true});
-  table.Register(
-      {"flush", "TYPE[@VDB]", "Removes all objects of a type.", 1, 1, [c](A a, R r) { c.Flush(a, r); }});
-  table.Register({"copy", "TYPE[@VDB] TO_VDB [OBJECT]",
-                  "Copies all objects of a type, or one, to another vdb.", 2, 3,
-                  [c](A a, R r) { c.Copy(a, r); }, true});
-  table.Register({"modify", "REQUEST", "Makes the changes of a ModifyRequestMsg (text format) as one batch.",
-                  1, 1, [c](A a, R r) { c.Modify(a, r); }, true});
-  table.Register(
-      {"transaction", "BARRIER [TYPE OBJECT]",
-       "Sets an object and the controller's barrier as one batch; PROCESSED_BARRIER then tells how far the "
-       "agent has come.",
-       1, 3, [c](A a, R r) { c.Transaction(a, r); }, true});
-  table.Register(
-      {"switches/put", "COUNT BARRIER [FIRST [ZONES [REVISION]]]",
-       "Sets the transport node, so many logical switches (\"ls-FIRST\" and on) and a barrier as one batch.",
-       2, 5, [c](A a, R r) { c.PutSwitches(a, r); }});
-  table.Register({"switches/delete", "COUNT BARRIER [FIRST]",
-                  "Removes logical switches that switches/put has set, with a barrier, as one batch.", 2, 3,
-                  [c](A a, R r) { c.DeleteSwitches(a, r); }});
-  table.Register({"get", "TYPE[@VDB] [OBJECT]",
-                  "Shows all objects of a type, or the one that has the key of OBJECT.", 1, 2,
-                  [c](A a, R r) { c.Get(a, r); }, true});
-  table.Register({"query", "TYPE[@VDB] PATH OPERATOR VALUE", "Shows the objects that meet a condition.", 4, 4,
-                  [c](A a, R r) { c.Query(a, r); }, true});
-  table.Register(
-      {"list", "", "Shows how many objects there are, by vdb and type.", 0, 0, [c](A, R r) { c.List(r); }});
-  table.Register({"vdb/list", "", "Shows the vdbs.", 0, 0, [c](A, R r) { c.ListVDbs(r); }});
-  table.Register({"vdb/create", "NAME", "Makes a vdb.", 1, 1, [c](A a, R r) { c.CreateVDb(a, r); }});
-  table.Register({"vdb/delete", "NAME", "Deletes a vdb and ends its monitors with status 9.", 1, 1,
-                  [&daemon](A a, R r) { Answer(r, daemon.store().DeleteVDb(a[0])); }});
-  table.Register({"monitors", "", "Shows the monitor streams.", 0, 0, [c](A, R r) { c.ListMonitors(r); }});
-  table.Register({"barrier", "[VDB]", "Sends the barrier mark alone to the monitors of a vdb.", 0, 1,
-                  [c](A a, R r) { c.Barrier(a, r); }});
-  table.Register(
-      {"calls", "[METHOD [COUNT]]",
-       "Shows how many calls came, by method; or the newest COUNT requests (10) of one that were kept, "
-       "oldest first, as they came.",
-       0, 2, [c](A a, R r) { a.empty() ? c.Calls(r) : c.CallsKept(a, r); }});
-  table.Register({"calls/keep", "COUNT", "Keeps so many requests of each method from now on; 0 is none.", 1,
-                  1, [c](A a, R r) { c.CallsKeep(a, r); }});
-  table.Register({"schema", "[VERSION [LAST_TYPE]]", "Sets and shows what the schema calls tell.", 0, 2,
-                  [c](A a, R r) { c.Schema(a, r); }});
-  table.Register({"fault/status", "METHOD CODE [COUNT]",
-                  "Ends the next COUNT calls (1; -1 is all) with a status; code 0 ends it.", 2, 3,
-                  [c](A a, R r) { c.FaultStatus(a, r); }});
-  table.Register({"fault/delay", "METHOD MILLISECONDS", "Serves calls so much later.", 2, 2,
-                  [c](A a, R r) { c.FaultDelay(a, r); }});
-  table.Register(
-      {"fault/garbage", "Get|Query|Monitor [COUNT]",
-       "Puts bytes that are no message in place of values: answers of Get and Query, updates of Monitor.", 1,
-       2, [c](A a, R r) { c.FaultGarbage(a, r); }});
-  table.Register({"fault/freeze", "on|off", "Takes calls and does not serve them.", 1, 1,
-                  [c](A a, R r) { c.FaultFreeze(a, r); }});
-  table.Register({"fault/end", "CODE [MONITOR]", "Ends the monitor streams, or one, with a status.", 1, 2,
-                  [c](A a, R r) { c.EndStreams(a, r); }});
-  table.Register({"fault/drop", "",
-                  "Drops all connections; clients may come back at once, unless listening is off.", 0, 0,
-                  [&daemon](A, R r) {
-                    daemon.DropConnections();
-                    r.Ok();
-                  }});
-  table.Register({"fault/listen", "on|off", "While off nobody reaches the store.", 1, 1,
-                  [c](A a, R r) { c.FaultListen(a, r); }});
-  table.Register({"fault/clear", "", "Ends all faults.", 0, 0, [c](A, R r) { c.FaultClear(r); }});
+  StoreCommands(daemon, registry).Register(table);
 }
 
 }  // namespace zem::sim

@@ -135,11 +135,11 @@ class CoveDbService final : public proto::CoveDb::Service {
     context.SetOnClose([weak, store = store_](const Status&) {
       if (const auto closed = weak.lock()) {
         closed->ended = true;
-        store->StreamEnded(*closed);
+        store->streams().Ended(*closed);
       }
     });
     context.SetOnWritable([weak, store = store_] {
-      if (const auto writable = weak.lock()) store->StreamWritable(*writable);
+      if (const auto writable = weak.lock()) store->streams().Writable(*writable);
     });
     faults_->NoteRequest("Monitor", request);
     faults_->Pass("Monitor", [store = store_, sink, request, client = context.client_id()](int code) {

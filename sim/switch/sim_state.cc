@@ -1,12 +1,9 @@
 #include "sim/switch/sim_state.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 
 #include "sim/switch/tree/json_file.h"
-#include "sim/switch/tree/live_count.h"
 #include "sim/switch/tree/port_table.h"
 #include "sim/switch/tree/state_tree.h"
 
@@ -14,18 +11,6 @@ namespace zem::sim {
 namespace {
 
 constexpr uint32_t kFlags = 16;
-
-std::vector<std::string> Lines(const std::string& path, std::string_view part) {
-  std::vector<std::string> lines;
-  const std::string text = tree::ReadFile(path).value_or("");
-  for (size_t at = 0; at < text.size();) {
-    const size_t end = std::min(text.find('\n', at), text.size());
-    std::string line = text.substr(at, end - at);
-    if (line.find(part) != std::string::npos) lines.push_back(std::move(line));
-    at = end + 1;
-  }
-  return lines;
-}
 
 void SetList(cJSON* object, const char* name, const std::vector<std::string>& texts) {
   cJSON_DeleteItemFromObjectCaseSensitive(object, name);
@@ -172,28 +157,6 @@ std::vector<std::string> SwitchState::Faults() const {
   std::vector<std::string> lines;
   for (const FaultRule& rule : ReadFaultRules()) lines.push_back(rule.Line());
   return lines;
-}
-
-std::vector<std::string> SwitchState::Calls(std::string_view part) const {
-  return Lines(tree::CallsFile(), part);
-}
-
-std::vector<std::string> SwitchState::Violations() const { return Lines(tree::ViolationsFile(), {}); }
-
-std::vector<std::string> SwitchState::Live() const {
-  std::vector<std::string> lines;
-  for (const LiveObjects& objects : ReadLiveObjects()) {
-    lines.push_back(objects.kind + ": " + std::to_string(objects.count) + " of process " +
-                    std::to_string(objects.pid));
-  }
-  return lines;
-}
-
-void SwitchState::ClearLogs() {
-  // Truncated and not removed, because the libraries have them open.
-  for (const std::string& path : {tree::CallsFile(), tree::ViolationsFile()}) {
-    if (tree::Exists(path) && ::truncate(path.c_str(), 0) != 0) static_cast<void>(tree::RemoveFile(path));
-  }
 }
 
 }  // namespace zem::sim

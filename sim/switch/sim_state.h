@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "sim/switch/library_journal.h"
 #include "sim/switch/tree/fault_rules.h"
 
 namespace zem::sim {
@@ -57,12 +58,8 @@ class SwitchState {
   void ClearFaults(std::string_view function);
   std::vector<std::string> Faults() const;
 
-  /// The lines of the logs, oldest first; of the calls, only the lines that contain `part`.
-  std::vector<std::string> Calls(std::string_view part = {}) const;
-  std::vector<std::string> Violations() const;
-  /// Lines such as "DVSData_Alloc: 2 of process 17": objects that a running process has got and not released.
-  std::vector<std::string> Live() const;
-  void ClearLogs();
+  /// What the libraries logged about their callers.
+  LibraryJournal journal() const { return {}; }
 };
 
 }  // namespace zem::sim

@@ -160,7 +160,7 @@ class SwitchCommands {
   }
 
   void Calls(const Arguments& arguments, const Reply& reply) const {
-    reply.Ok(LogLines(state_.Calls(arguments.empty() ? std::string() : arguments[0])));
+    reply.Ok(LogLines(state_.journal().Calls(arguments.empty() ? std::string() : arguments[0])));
   }
 
   SwitchState& state() const { return state_; }
@@ -243,13 +243,13 @@ void RegisterSwitchCommands(CommandTable& table, SwitchState& state, LibraryFold
                   "Takes a library from the daemon's loader, gives it back, or gives one without a function.",
                   2, 3, [c](A a, R r) { c.Library(a, r); }});
   table.Register({"switch/violations", "", "Shows the rules of the libraries that the daemon broke.", 0, 0,
-                  [c](A, R r) { r.Ok(LogLines(c.state().Violations())); }});
+                  [c](A, R r) { r.Ok(LogLines(c.state().journal().Violations())); }});
   table.Register({"switch/live", "", "Shows what the libraries gave and have not got back, as it stands.", 0,
-                  0, [c](A, R r) { r.Ok(Strings(c.state().Live())); }});
+                  0, [c](A, R r) { r.Ok(Strings(c.state().journal().Live())); }});
   table.Register({"switch/calls", "[PART]", "Shows the last calls, or those whose line holds PART.", 0, 1,
                   [c](A a, R r) { c.Calls(a, r); }});
   table.Register({"switch/clear-logs", "", "Empties the logs of calls and violations.", 0, 0, [c](A, R r) {
-                    c.state().ClearLogs();
+                    c.state().journal().Clear();
                     r.Ok();
                   }});
 }

@@ -153,7 +153,7 @@ class Picture {
     Line("");
     std::vector<std::string> lines;
     const std::string id = Text(host_.get(), {"transportNodeId"});
-    if (const auto sent = view_.manager.LastSent("HostConfigMsg")) {
+    if (const auto sent = view_.manager.record().LastSent("HostConfigMsg")) {
       orlane::zem::switching::HostConfigMsg config;
       if (config.ParseFromString(*sent)) lines = DiffHost(config, id);
     }

@@ -144,7 +144,7 @@ Lines CheckHealth(const SwitchState& switches, const std::string& state) {
 
 Lines CheckManners(const SwitchState& switches, const HostManagement& management) {
   Lines lines;
-  for (const std::string& line : switches.Violations()) lines.push_back("switch library: " + line);
+  for (const std::string& line : switches.journal().Violations()) lines.push_back("switch library: " + line);
   for (const std::string& line : management.violations()) lines.push_back("host management: " + line);
   for (const std::string& id : management.outstanding()) {
     lines.push_back("host management: [" + id + "] was never answered");

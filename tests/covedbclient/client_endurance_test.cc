@@ -74,7 +74,7 @@ class ClientEnduranceTest : public ClientFixture {
       case 6:
         return daemon->faults().SetDelay(kCalls[Pick(4)], std::chrono::milliseconds(Pick(3000)));
       case 7:
-        daemon->store().EndStreams("", Status(StatusCode::kResyncRequired));
+        daemon->store().streams().End("", Status(StatusCode::kResyncRequired));
         return;
       default:
         client->EnableMonitorSessionCreation();
@@ -135,7 +135,7 @@ TEST_F(ClientEnduranceTest, ADayOfLosses) {
     ASSERT_EQ(AtStore(), wanted) << "quarter " << quarter;
     ASSERT_EQ(mirror, wanted) << "quarter " << quarter;
     // A stream whose id was renewed while it was being asked for again lives on beside its successor.
-    ASSERT_FALSE(daemon->store().Streams().empty()) << "quarter " << quarter;
+    ASSERT_FALSE(daemon->store().streams().List().empty()) << "quarter " << quarter;
   }
   EXPECT_TRUE(exits.empty());
 }

@@ -109,7 +109,7 @@ class ClientFixture : public testing::Test {
     ASSERT_TRUE(daemon->store().Modify({requests.begin(), requests.end()}).ok());
   }
   std::string MonitorId() {
-    const auto streams = daemon->store().Streams();
+    const auto streams = daemon->store().streams().List();
     return streams.size() == 1 ? streams[0].monitor_id : std::to_string(streams.size()) + " streams";
   }
   int64_t Pending() { return agent.metrics().gauge("/zem/covedb/client/pending_request/count").value(); }

@@ -34,7 +34,7 @@ TEST_F(ClientMonitorsTest, UpdatesAndBarriersReachTheModules) {
   ASSERT_TRUE(client->ConfigureMonitor({}, {Watch(kType)}, 9, 1));
   clock.RunFor(1s);
   EXPECT_EQ(Calls("ConfigureMonitor"), 1u);
-  EXPECT_THAT(daemon->store().Streams()[0].types, IsEmpty());
+  EXPECT_THAT(daemon->store().streams().List()[0].types, IsEmpty());
 }
 
 TEST_F(ClientMonitorsTest, ATypeAddedToARunningStreamIsReplayed) {
@@ -79,7 +79,7 @@ TEST_F(ClientMonitorsTest, TheEndOfAStreamDecidesWhatFollows) {
   PutAtStore("a");
   Settle();
   const auto end = [this](int code) {
-    daemon->store().EndStreams("", Status(code));
+    daemon->store().streams().End("", Status(code));
     clock.RunFor(1s);
     return TakeEvents();
   };
@@ -143,11 +143,11 @@ TEST_F(ClientMonitorsTest, AVDbIsWatchedUntilItIsDeleted) {
   PutAtStore("one");
   PutAtStore("two", {2});
   EXPECT_THAT(Settle(), ElementsAre("6:7two", "6|"));
-  EXPECT_EQ(daemon->store().Streams().size(), 2u);
+  EXPECT_EQ(daemon->store().streams().List().size(), 2u);
   ASSERT_TRUE(client->DeleteVDb("x", nullptr, 2));
   clock.RunFor(1s);
   EXPECT_FALSE(client->RemoveMonitorSession(2)) << "the end of its stream removed it";
-  EXPECT_EQ(daemon->store().Streams().size(), 1u);
+  EXPECT_EQ(daemon->store().streams().List().size(), 1u);
 }
 
 TEST_F(ClientMonitorsTest, UpdatesOfARemovedSessionGoNowhere) {
@@ -166,7 +166,7 @@ TEST_F(ClientMonitorsTest, AStreamOfARemovedSessionIsNotTheNewOnes) {
   ASSERT_TRUE(client->AddMonitorSession(1));
   WatchType(4);
   Settle();
-  EXPECT_EQ(daemon->store().Streams().size(), 2u);
+  EXPECT_EQ(daemon->store().streams().List().size(), 2u);
   PutAtStore("a");
   EXPECT_THAT(Settle(), ElementsAre("4:7a", "4|"));
 }
@@ -174,7 +174,7 @@ TEST_F(ClientMonitorsTest, AStreamOfARemovedSessionIsNotTheNewOnes) {
 TEST_F(ClientMonitorsTest, GarbageReachesTheModuleAsItCame) {
   WatchType(4);
   Connect();
-  daemon->store().SetUpdateGarbage(1);
+  daemon->store().streams().SetGarbage(1);
   PutAtStore("a");
   PutAtStore("b");
   EXPECT_THAT(Settle(), ElementsAre("4:7garbage", "4|", "4:7b", "4|"));

@@ -124,7 +124,7 @@ class SchemaCheckTest : public ClientFixture {
     EXPECT_THAT(TakeEvents(), ElementsAre("down"));
   }
   std::vector<ObjectType> Watched() {
-    const auto streams = daemon->store().Streams();
+    const auto streams = daemon->store().streams().List();
     return streams.size() == 1 ? streams[0].types : std::vector<ObjectType>();
   }
 };

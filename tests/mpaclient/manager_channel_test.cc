@@ -71,7 +71,7 @@ TEST_F(ChannelTest, RequestOfTheManagerIsAnsweredOnItsCall) {
   ASSERT_EQ(manager->Send(request, [&](const sim::HostAnswer& a) { answer = a; }), "");
   clock.RunFor(milliseconds(10));
   ASSERT_TRUE(answer.status.ok()) << answer.status.ToString();
-  EXPECT_THAT(sim::Manager::AnswerJson(kSwitching, answer), ::testing::HasSubstr("\"revision\":\"7\""));
+  EXPECT_THAT(sim::AnswerJson(kSwitching, answer), ::testing::HasSubstr("\"revision\":\"7\""));
   EXPECT_EQ(answer.message.ctrl_header().correlation_id(), "c-1");
   const Seen record = SeenBy(kSwitching).back();
   EXPECT_EQ(record.header.type_id, kHostConfigType);
@@ -108,9 +108,10 @@ TEST_F(ChannelTest, AnswerToAnEndedCallIsSentOnce) {
     ask(kLldp, "RawPayloadMsg");
     EXPECT_EQ(Send(kLldp, kRmqClientRpcResponse, header, "", kAph1), 0);
     clock.RunFor(milliseconds(10));
-    EXPECT_EQ(
-        std::ranges::count(manager->ReceivedFrom(kSwitching, 0), "slow", &sim::Received::correlation_id), 1);
-    EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).size(), 0u);
+    EXPECT_EQ(std::ranges::count(manager->record().ReceivedFrom(kSwitching, 0), "slow",
+                                 &sim::Received::correlation_id),
+              1);
+    EXPECT_EQ(manager->record().ReceivedFrom(kLldp, 0).size(), 0u);
   }
 }
 
@@ -233,7 +234,7 @@ TEST_F(ChannelTest, OutboundRoads) {
   EXPECT_EQ(answer.header.correlation_id, header.correlation_id);
   EXPECT_EQ(answer.header.type_id, header.type_id);
   EXPECT_EQ(answer.payload, vif.SerializeAsString());
-  const sim::Received received = manager->ReceivedFrom(kSwitching, 0).back();
+  const sim::Received received = manager->record().ReceivedFrom(kSwitching, 0).back();
   EXPECT_EQ(received.aph, kAph1);
   EXPECT_EQ(received.host, kTn);
   EXPECT_EQ(received.tracking_id, header.correlation_id);
@@ -244,9 +245,9 @@ TEST_F(ChannelTest, OutboundRoads) {
   header.correlation_id = "not a uuid";
   ASSERT_EQ(Send(kLldp, kRmqClientPublish, header, "raw bytes", kAph2), 0);
   clock.RunFor(milliseconds(10));
-  EXPECT_EQ(manager->ReceivedFrom(kSwitching, 0).back().aph, kAph2);
-  EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).back().aph, kAph1);
-  EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).back().tracking_id.size(), 36u);
+  EXPECT_EQ(manager->record().ReceivedFrom(kSwitching, 0).back().aph, kAph2);
+  EXPECT_EQ(manager->record().ReceivedFrom(kLldp, 0).back().aph, kAph1);
+  EXPECT_EQ(manager->record().ReceivedFrom(kLldp, 0).back().tracking_id.size(), 36u);
 
   // An answer whose call is gone still finds its asker as a publish, from this vertical only.
   header.type_id = kHostConfigType;
@@ -254,7 +255,7 @@ TEST_F(ChannelTest, OutboundRoads) {
   EXPECT_EQ(Send(kSwitching, kRmqClientRpcResponse, header, "", kAph2), 0);
   EXPECT_EQ(Send(kLldp, kRmqClientRpcResponse, header, "", kAph2), -1);
   clock.RunFor(milliseconds(10));
-  EXPECT_EQ(manager->ReceivedFrom(kSwitching, 0).back().correlation_id, "gone");
+  EXPECT_EQ(manager->record().ReceivedFrom(kSwitching, 0).back().correlation_id, "gone");
 
   // What cannot be sent says so.
   header.type_id = "com.orlane.zem.switching.Nonsense";
@@ -282,7 +283,7 @@ TEST_F(ChannelTest, OneRecordToEachAph) {
   rmqClientMessage message = record.message();
   EXPECT_EQ(ClientRegistry::Get(kLldp)->SendMessageTo(&message, "nobody", nullptr), -1);
   clock.RunFor(milliseconds(10));
-  EXPECT_EQ(manager->ReceivedFrom(kLldp, 0).size(), 2u);
+  EXPECT_EQ(manager->record().ReceivedFrom(kLldp, 0).size(), 2u);
 }
 
 // A master change to an APH that has a stub needs no new stub, only a handshake.
@@ -427,7 +428,7 @@ TEST_F(ChannelTest, RefusedAppInitIsRetried) {
   Register(kSwitching);
   proxy_client->Start();
   clock.RunFor(kReady);
-  const auto requests = [this] { return manager->ReceivedFrom(kSwitching, 0).size(); };
+  const auto requests = [this] { return manager->record().ReceivedFrom(kSwitching, 0).size(); };
   ASSERT_EQ(requests(), 1u);
   // The first request came within the spread of up to 5 of these 6 seconds.
   size_t expected = 1;

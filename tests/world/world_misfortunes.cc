@@ -65,7 +65,7 @@ void WorldLife::FailStoreCall() {
 void WorldLife::EndStreams() {
   // The store has forgotten the stream, or has lost its position in it.
   constexpr std::array kCodes = {2, 12};
-  node_.store->store().EndStreams("", rpc::Status(kCodes[Pick(2)], "the store ends it"));
+  node_.store->store().streams().End("", rpc::Status(kCodes[Pick(2)], "the store ends it"));
 }
 
 void WorldLife::FailCommand() {

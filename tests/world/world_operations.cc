@@ -67,7 +67,7 @@ int WorldLife::Send(const std::string& member, const google::protobuf::Message& 
     number = ++sent_;
   }
   const std::string error = node_.manager->Send(request, [this, number](const sim::HostAnswer& answer) {
-    const int code = answer.status.ok() ? CodeOf(sim::Manager::AnswerJson(kVertical, answer)) : -1;
+    const int code = answer.status.ok() ? CodeOf(sim::AnswerJson(kVertical, answer)) : -1;
     const std::lock_guard lock(mutex_);
     ++ends_[number];
     outcomes_[number] = code;
@@ -166,7 +166,7 @@ void WorldLife::Modify(const orlane::zem::covedb::ModifyRequestMsg& request) {
 void WorldLife::SendSwitches(const std::set<uint32_t>& numbers, bool put) {
   switching::LogicalSwitchMsg message;
   ++barrier_;
-  const uint64_t before = node_.manager->received_count();
+  const uint64_t before = node_.manager->record().received_count();
   for (const uint32_t number : numbers) {
     auto* const info = message.add_logical_switch_info();
     info->set_transport_zone_id(sim::TransportZoneUuid(1));

@@ -86,11 +86,11 @@ int WorldLife::AwaitOutcome(int number) {
 }
 
 std::string WorldLife::StoredChecksum() {
-  const uint64_t before = node_.manager->received_count();
+  const uint64_t before = node_.manager->record().received_count();
   AskChecksum();
   for (int i = 0; i < 60; ++i) {
     node_.clock.RunFor(1s);
-    for (const sim::Received& each : node_.manager->ReceivedFrom(kVertical, before)) {
+    for (const sim::Received& each : node_.manager->record().ReceivedFrom(kVertical, before)) {
       if (each.type != "com.orlane.zem.switching.ChecksumMsg") continue;
       const sim::Json json(cJSON_Parse(each.json.c_str()));
       const cJSON* const message = cJSON_GetObjectItemCaseSensitive(json.get(), "checksum");
@@ -153,7 +153,7 @@ Lines WorldLife::CheckAcknowledged() {
       }
     }
   }
-  for (const sim::Received& each : node_.manager->ReceivedFrom(kVertical, 0)) {
+  for (const sim::Received& each : node_.manager->record().ReceivedFrom(kVertical, 0)) {
     if (each.type != "com.orlane.zem.switching.LogicalSwitchMsg") continue;
     const sim::Json json(cJSON_Parse(each.json.c_str()));
     const cJSON* const message = cJSON_GetObjectItemCaseSensitive(json.get(), "logical_switch");

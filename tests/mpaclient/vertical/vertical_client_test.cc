@@ -134,7 +134,7 @@ TEST_F(VerticalClientTest, TheRowMakesTheRecord) {
   EXPECT_FALSE(client.Send(type, "\xff\xff", "", ""));
   EXPECT_TRUE(log.Contains("[SendMsg] failed to send message (type:com.orlane.zem.config.MpLcpMsg) to mpa"));
   clock.RunFor(milliseconds(10));
-  const auto received = manager->ReceivedFrom(kController, 0);
+  const auto received = manager->record().ReceivedFrom(kController, 0);
   ASSERT_FALSE(received.empty());
   EXPECT_EQ(received.back().correlation_id, "c-2");
 }

@@ -85,7 +85,7 @@ TEST_F(MonitorHubTest, StreamBeginsWithWhatIsThereAndFollowsBatches) {
   Modify({Delete("never")});
   EXPECT_EQ(sink->Take(), "");
   EXPECT_EQ(Open("empty", {})->Take(), "| ") << "the mark alone tells that nothing is there";
-  EXPECT_EQ(store.SendBarrier(1), 2u);
+  EXPECT_EQ(store.streams().SendBarrier(1), 2u);
   EXPECT_EQ(sink->Take(), "| ");
 }
 
@@ -131,7 +131,7 @@ TEST_F(MonitorHubTest, ConfigureChangesARunningStreamOrNothing) {
   EXPECT_EQ(Configure({}, {}, {UpdateOf(ObjectType::BARRIER, {}, {})}), invalid);
   EXPECT_EQ(Configure({}, {}, {UpdateOf(kType, {}, {Where("id", WhereMsg::EQUAL, "a")})}), invalid);
   EXPECT_EQ(Configure({}, {Watch(kType)}, {}, "stranger"), invalid);
-  EXPECT_EQ(store.Streams()[0].types, std::vector{kType});
+  EXPECT_EQ(store.streams().List()[0].types, std::vector{kType});
   EXPECT_EQ(sink->Take(), "");
 
   EXPECT_EQ(Configure({}, {Watch(kType)}, {}), 0);
@@ -145,7 +145,7 @@ TEST_F(MonitorHubTest, IdsBelongToTheirClientAndVDbsEndTheirStreams) {
   EXPECT_EQ(first->closed, -1);
   const auto second = Open("m", {});
   EXPECT_EQ(first->closed, static_cast<int>(StatusCode::kCancelled));
-  EXPECT_EQ(store.Streams().size(), 1u);
+  EXPECT_EQ(store.streams().List().size(), 1u);
   EXPECT_EQ(Open("n", {}, "agent", 7)->closed, static_cast<int>(StatusCode::kVdbGone));
   EXPECT_EQ(Open("", {})->closed, static_cast<int>(StatusCode::kInvalidArgument));
   EXPECT_EQ(Open("n", {Watch(kType), Watch(kType)})->closed, static_cast<int>(StatusCode::kInvalidArgument));
@@ -156,8 +156,8 @@ TEST_F(MonitorHubTest, IdsBelongToTheirClientAndVDbsEndTheirStreams) {
   ASSERT_TRUE(store.DeleteVDb("x").ok());
   EXPECT_EQ(other->closed, static_cast<int>(StatusCode::kVdbGone));
   EXPECT_EQ(second->closed, -1);
-  store.StreamEnded(*second);
-  EXPECT_THAT(store.Streams(), IsEmpty());
+  store.streams().Ended(*second);
+  EXPECT_THAT(store.streams().List(), IsEmpty());
 }
 
 // A client that stops reading must neither lose updates silently nor fill the store's memory.
@@ -175,11 +175,11 @@ TEST_F(MonitorHubTest, SlowStreamsCatchUpOrEnd) {
   put(1000);
   put(2000);
   EXPECT_EQ(slow->text, "");
-  EXPECT_GT(store.Streams()[0].behind_bytes, 3000u);
+  EXPECT_GT(store.streams().List()[0].behind_bytes, 3000u);
   slow->full = false;
-  store.StreamWritable(*slow);
+  store.streams().Writable(*slow);
   EXPECT_EQ(slow->Take(), "7 | 7 | ");
-  EXPECT_EQ(store.Streams()[0].behind_bytes, 0u);
+  EXPECT_EQ(store.streams().List()[0].behind_bytes, 0u);
 
   slow->full = true;
   for (int i = 0; i < 5; ++i) put((size_t{2} << 20) + static_cast<size_t>(i));

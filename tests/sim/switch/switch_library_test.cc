@@ -87,7 +87,7 @@ TEST_F(SwitchLibraryTest, WhatASwitchRefuses) {
   for (const auto& row : cases) EXPECT_EQ(Add(row.dvs, row.port, row.bytes), row.code) << row.dvs << row.port;
   EXPECT_EQ(Add(kDvs, std::string(47, 'k'), good + std::string(100, '\0')), 0U);
   EXPECT_THAT(state->Ports(kDvs), SizeIs(2));
-  EXPECT_THAT(state->Violations(), IsEmpty());
+  EXPECT_THAT(state->journal().Violations(), IsEmpty());
 }
 
 TEST_F(SwitchLibraryTest, VolatilePropertiesDoNotOutliveThePort) {
@@ -106,15 +106,15 @@ TEST_F(SwitchLibraryTest, VolatilePropertiesDoNotOutliveThePort) {
   ASSERT_THAT(read->items(), SizeIs(1));
   EXPECT_EQ(read->items()[0].name, "com.orlane.stays");
   EXPECT_EQ(get(kDvs, "lp-1", 99, &buffer, &length), DVS_BAD_ARGUMENT);
-  EXPECT_THAT(state->Violations(), ElementsAre(HasSubstr("a format other than 100")));
+  EXPECT_THAT(state->journal().Violations(), ElementsAre(HasSubstr("a format other than 100")));
 }
 
 // Each rule that is broken has to show, or tests that look for none prove nothing.
 TEST_F(SwitchLibraryTest, BrokenRulesAreToldAndEndNobody) {
   const auto told = [&](const char* what) {
-    EXPECT_THAT(state->Violations(), Contains(HasSubstr(what)));
-    state->ClearLogs();
-    EXPECT_THAT(state->Violations(), IsEmpty());
+    EXPECT_THAT(state->journal().Violations(), Contains(HasSubstr(what)));
+    state->journal().Clear();
+    EXPECT_THAT(state->journal().Violations(), IsEmpty());
   };
   DVSData* data = nullptr;
   const auto alloc = As<uint32_t(DVSData**)>("DVSData_Alloc");
@@ -157,11 +157,12 @@ TEST_F(SwitchLibraryTest, WhatWasNotGivenBackIsToldAsItStands) {
   DVSData* second = nullptr;
   ASSERT_EQ(alloc(&first), 0U);
   ASSERT_EQ(alloc(&second), 0U);
-  EXPECT_THAT(state->Live(), ElementsAre("DVSData_Alloc: 2 of process " + std::to_string(::getpid())));
+  EXPECT_THAT(state->journal().Live(),
+              ElementsAre("DVSData_Alloc: 2 of process " + std::to_string(::getpid())));
   const auto free_list = As<uint32_t(DVSData*)>("DVSData_Free");
   EXPECT_EQ(free_list(first), 0U);
   EXPECT_EQ(free_list(second), 0U);
-  EXPECT_THAT(state->Live(), IsEmpty());
+  EXPECT_THAT(state->journal().Live(), IsEmpty());
 }
 
 TEST_F(SwitchLibraryTest, StateOfTheProcessGivesIdsByName) {
@@ -176,7 +177,7 @@ TEST_F(SwitchLibraryTest, StateOfTheProcessGivesIdsByName) {
   EXPECT_EQ(find("ks-9"), nullptr);
   ASSERT_NE(find("ks-1"), nullptr);
   EXPECT_STREQ(As<const char*(const DVSSwitch*)>("DVS_SwitchId")(find("ks-1")), kDvs);
-  EXPECT_THAT(state->Violations(), IsEmpty());
+  EXPECT_THAT(state->journal().Violations(), IsEmpty());
 }
 
 TEST_F(SwitchLibraryTest, FaultsComeInOrderAndAreUsedUp) {

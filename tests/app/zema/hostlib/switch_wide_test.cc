@@ -108,8 +108,8 @@ TEST_F(SwitchWideTest, HealthIsOnTheSwitchesAndAFailureIsTold) {
   health.setZemaLumReady();
   EXPECT_EQ(state->SwitchProperty(kOverlay, "host", status), "up");
   // "down", told twice, and "up": each switch is written to twice.
-  EXPECT_THAT(state->Calls("DVSKNL_HostPropSet"), SizeIs(4));
-  EXPECT_THAT(state->Calls("DVSKNL_HostPropClear"), IsEmpty()) << "there was nothing to clear";
+  EXPECT_THAT(state->journal().Calls("DVSKNL_HostPropSet"), SizeIs(4));
+  EXPECT_THAT(state->journal().Calls("DVSKNL_HostPropClear"), IsEmpty()) << "there was nothing to clear";
   Fault("DVSKNL_HostPropSet count=1 ret=0xbad0001");
   health.setZemaStatusDown();
   EXPECT_THAT(log.Texts(), Contains(HasSubstr("UpdateZemaHealth for DVS[" + std::string(kOverlay) +

@@ -409,7 +409,7 @@ TEST_F(StoreRoadTest, AStoredConfigurationIsAnsweredByItsHeaders) {
 
 TEST_F(StoreRoadTest, BadUpdatesAreLoggedAndHaveNoEffect) {
   Watch([] { return PutLogicalSwitches({1, 1, 1, 1}, 5, true); });
-  daemon->store().SetUpdateGarbage(1);
+  daemon->store().streams().SetGarbage(1);
   Change(PutLogicalSwitches({2, 1, 1, 1}, 6, false));
   clock.RunFor(10s);
   EXPECT_TRUE(log.Contains("an object of type 127 does not parse, skipped"));

@@ -21,7 +21,7 @@ class ManagerSenderTest : public ChannelTest {
                           nullptr);
   }
 
-  sim::Received Last() { return manager->ReceivedFrom(kSwitching, 0).back(); }
+  sim::Received Last() { return manager->record().ReceivedFrom(kSwitching, 0).back(); }
 
   OptionsStore options;
   VerticalClient vertical{provider, GetVertical(VerticalId::kSwitching), {}};

@@ -22,7 +22,7 @@ class PortOpsClearTest : public SwitchHostTest {
     Create(Description("lp-2", "z2"), "vif-2", Vm("vm2"));
     Create(Description("lp-3"), "vif-4", Vm("vm3"));
     log.Clear();
-    state->ClearLogs();
+    state->journal().Clear();
   }
 
   Outcome Clear(const std::string& zone, const std::string& port, const std::string& ls,
@@ -106,9 +106,9 @@ TEST_F(PortOpsClearTest, FileThatIsBehindItsPortIsSavedByTheNextTry) {
 
   ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, kVif));
   Fault("DVSKNL_PortDataClear port=lp-1 count=2 ret=0xbad0001");
-  state->ClearLogs();
+  state->journal().Clear();
   EXPECT_TRUE(Clear("z1", "lp-1", kLs, kVif, false));
-  const auto calls = state->Calls("lp-1");
+  const auto calls = state->journal().Calls("lp-1");
   const auto first = [&](const char* function) {
     return std::find_if(calls.begin(), calls.end(),
                         [&](const std::string& call) { return call.find(function) != std::string::npos; });
@@ -183,11 +183,11 @@ TEST_F(PortOpsClearTest, StaleLogicalPortGoesBeforeTheNewOneComes) {
     return ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kLogicalPortId, value);
   };
   EXPECT_TRUE(set("a"));
-  state->ClearLogs();
+  state->journal().Clear();
   EXPECT_TRUE(set("a"));
-  EXPECT_THAT(state->Calls("DVSKNL_PortDataSet"), IsEmpty());
+  EXPECT_THAT(state->journal().Calls("DVSKNL_PortDataSet"), IsEmpty());
   EXPECT_TRUE(set("b"));
-  EXPECT_THAT(state->Calls("DVSKNL_PortDataClear"), SizeIs(1));
+  EXPECT_THAT(state->journal().Calls("DVSKNL_PortDataClear"), SizeIs(1));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kLogicalPortId), "b");
 }
 
@@ -202,7 +202,7 @@ TEST_F(PortOpsClearTest, PortListsOfManyThreadsDoNotOverlap) {
     }
     for (const auto& thread : threads) thread->Join();
   }
-  EXPECT_THAT(state->Calls("DVSKNL_SwitchPortList"), SizeIs(8));
+  EXPECT_THAT(state->journal().Calls("DVSKNL_SwitchPortList"), SizeIs(8));
 }
 
 }  // namespace

@@ -123,12 +123,12 @@ TEST_F(PortOpsCreateTest, ExistingPortKeepsItsBlockAndGetsANewCookie) {
   const std::string cookie = Property(kOverlay, "lp-1", port_props::kConnectId);
   ASSERT_TRUE(state->SetPortProperty(kOverlay, "lp-1", port_props::kBlock, "false"));
   clock.RunFor(std::chrono::seconds(5));
-  state->ClearLogs();
+  state->journal().Clear();
   Create(Description("lp-1"), "vif-2", Vm("vm1"));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kBlock), "false");
   EXPECT_NE(Property(kOverlay, "lp-1", port_props::kConnectId), cookie);
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "vif-2");
-  EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
+  EXPECT_THAT(state->journal().Calls("DVSKNL_PortAdd"), IsEmpty());
   EXPECT_THAT(log.Texts(), Contains(HasSubstr("[PortOp] block setting now [false]")));
 }
 
@@ -146,7 +146,7 @@ TEST_F(PortOpsCreateTest, UnknownZoneChangesNothing) {
   EXPECT_EQ(ports.creation().CreatePort(Description("lp-1", "z9"), kVif, Vm("vm1"), true).error(),
             "Failed to create port lp-1 with VIF vif-1 because DVS id is not found by transport-zone id z9");
   EXPECT_THAT(log.Lines(), Contains(HasSubstr("errorCode=\"MPA44211\"")));
-  EXPECT_THAT(state->Calls(), IsEmpty());
+  EXPECT_THAT(state->journal().Calls(), IsEmpty());
 }
 
 // What keeps a port from being made, and what only leaves it incomplete, are failures alike.

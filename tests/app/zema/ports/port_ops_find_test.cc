@@ -57,11 +57,11 @@ TEST_F(PortOpsFindTest, AnotherDirectoryIsNotThePortThatWasMeant) {
 TEST_F(PortOpsFindTest, NothingIsReadFromTheDiskWithoutAVm) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
   ASSERT_TRUE(state->LosePorts(kOverlay));
-  state->ClearLogs();
+  state->journal().Clear();
   EXPECT_FALSE(Find(kVif, ""));
   EXPECT_FALSE(Find(kVif, "knlnic"));
   EXPECT_FALSE(Find("", Vm("vm1")));
-  EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
+  EXPECT_THAT(state->journal().Calls("DVSKNL_PortAdd"), IsEmpty());
 }
 
 // A switch that lost its ports: the one that was asked for comes back as it was, and no other.
@@ -90,7 +90,7 @@ TEST_F(PortOpsFindTest, PortsThatAreThereAreNeitherRemovedNorTakenFromAnotherVm)
   Create(Description("lp-2"), "vif-2", Vm("vm1"));
   fs::copy(dir.Path("vm1"), dir.Path("clone"), fs::copy_options::recursive);
   ASSERT_EQ(library.PortDataClear(kOverlay, "lp-1", port_props::kExternalId), 0U);
-  state->ClearLogs();
+  state->journal().Clear();
 
   EXPECT_FALSE(Find("vif-9", Vm("vm1")));
   EXPECT_FALSE(Find(kVif, Vm("clone")));
@@ -102,8 +102,8 @@ TEST_F(PortOpsFindTest, PortsThatAreThereAreNeitherRemovedNorTakenFromAnotherVm)
   ASSERT_TRUE(ports.properties().SetPortExtraConfig(kOverlay, "lp-1", port_props::kExternalId, "vif-3"));
   EXPECT_FALSE(Find(kVif, Vm("vm1")));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "vif-3");
-  EXPECT_THAT(state->Calls("DVSKNL_PortRemove"), IsEmpty());
-  EXPECT_THAT(state->Calls("DVSKNL_PortAdd"), IsEmpty());
+  EXPECT_THAT(state->journal().Calls("DVSKNL_PortRemove"), IsEmpty());
+  EXPECT_THAT(state->journal().Calls("DVSKNL_PortAdd"), IsEmpty());
 }
 
 TEST_F(PortOpsFindTest, OneSwitchThatCannotListKeepsNobodyFromTheOther) {
@@ -115,7 +115,7 @@ TEST_F(PortOpsFindTest, OneSwitchThatCannotListKeepsNobodyFromTheOther) {
 
 TEST_F(PortOpsFindTest, SwitchOfSeveralZonesIsListedOnce) {
   EXPECT_FALSE(Find(kVif, ""));
-  EXPECT_THAT(state->Calls("DVSKNL_SwitchPortList"), SizeIs(2));
+  EXPECT_THAT(state->journal().Calls("DVSKNL_SwitchPortList"), SizeIs(2));
 }
 
 TEST_F(PortOpsFindTest, PriorPortIsPutOnTheSwitchOfTheNewZoneAlone) {

@@ -39,7 +39,7 @@ class SwitchHostTest : public testing::Test {
   }
   ~SwitchHostTest() override {
     library.Close();
-    EXPECT_THAT(state->Violations(), testing::IsEmpty());
+    EXPECT_THAT(state->journal().Violations(), testing::IsEmpty());
   }
 
   static std::string BuiltLibrary(const std::string& name) {

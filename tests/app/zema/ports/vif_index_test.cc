@@ -32,7 +32,7 @@ class VifIndexTest : public SwitchHostTest {
     return found;
   }
 
-  size_t Lists() const { return state->Calls("DVSKNL_SwitchPortList").size(); }
+  size_t Lists() const { return state->journal().Calls("DVSKNL_SwitchPortList").size(); }
 };
 
 // Whatever was done to ports, by the agent or, told or seen by a new reading, by others: the index finds the
@@ -142,7 +142,7 @@ TEST_F(VifIndexTest, AnswersAsTheWalkOverAllPorts) {
 TEST_F(VifIndexTest, AttachAndDetachDoNotGoThroughPorts) {
   Create(Description("lp-1"), kVif, Vm("vm1"));
   ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-1", kVif));
-  state->ClearLogs();
+  state->journal().Clear();
   Create(Description("lp-2"), "vif-2", Vm("vm1"));
   ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2"));
   PortLocation found;
@@ -156,7 +156,7 @@ TEST_F(VifIndexTest, AttachAndDetachDoNotGoThroughPorts) {
   EXPECT_FALSE(ports.search().FindPortByVifUuid("vif-2", kLs, &path, &found));
   ASSERT_TRUE(ports.changes().FindAndClearExistingPortWithVifId(kLs, "vif-2"));
   EXPECT_EQ(Lists(), 0U);
-  EXPECT_THAT(state->Calls("lp-1"), IsEmpty());
+  EXPECT_THAT(state->journal().Calls("lp-1"), IsEmpty());
   // The same zones once more change nothing; another switch does.
   ports.zones().SetTzToDvsCache({{"z1", kOverlay, "KLN"}, {"z2", kVlanSwitch, "NVS"}});
   ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-2", "vif-2"));
@@ -175,7 +175,7 @@ TEST_F(VifIndexTest, PortsThatComeWithTheirVifAreKnown) {
   PortLocation found;
   std::string path = Vm("vm1");
   ASSERT_TRUE(ports.search().FindPortByVifUuid(kVif, kLs, &path, &found));
-  state->ClearLogs();
+  state->journal().Clear();
   ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("lp-9", kVif));
   EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
   EXPECT_EQ(Lists(), 0U);
@@ -189,7 +189,7 @@ TEST_F(VifIndexTest, PortsThatComeWithTheirVifAreKnown) {
   ports.holders().DoubtVif("vif-4");
   bool came = false;
   for (const unsigned lists : {2U, 2U, 0U}) {
-    state->ClearLogs();
+    state->journal().Clear();
     ASSERT_TRUE(ports.changes().ClearVifFromPort("", "", kLs, "vif-4", true));
     EXPECT_EQ(Lists(), lists);
     EXPECT_EQ(Property(kOverlay, "lp-1", port_props::kExternalId), "(none)");
@@ -232,7 +232,7 @@ TEST_F(VifIndexTest, WritesDuringReadingsStayKnown) {
     });
   }
   state->ClearFaults("");
-  state->ClearLogs();
+  state->journal().Clear();
   for (int i = 0; i < kPorts; ++i) {
     ASSERT_TRUE(ports.changes().ClearVifFromPortOtherThan("another", "vif-" + std::to_string(i)));
   }

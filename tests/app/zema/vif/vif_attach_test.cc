@@ -141,7 +141,7 @@ TEST_F(VifAttachTest, PortThatCannotBeLeftIsTakenBack) {
 
 TEST_F(VifAttachTest, SecurityOnlyPortIsTiedAndNotMade) {
   Create(Description("dvp-5", "z2"), "vif-stale", Vm("vm5"));
-  state->ClearLogs();
+  state->journal().Clear();
   Fault("DVSKNL_PortDataSet count=2 ret=0xbad0001");
   VifRequest request = Request(VifRequest::kAttach, kVif, "dvportgroup-7");
   request.security_switch_id = kVlanSwitch;
