@@ -25,10 +25,10 @@ set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g1 -fno-omit-frame-pointer")
 set(CMAKE_C_FLAGS_DEBUG "-O1 -g1 -fno-omit-frame-pointer")
 
 if(ZEM_SANITIZER STREQUAL "asan")
-  # The instrumentation hides from the compiler that a Boost optional is tested before it is read.
   # Not optimized: the compiler's passes over instrumented code take longer than the tests gain by them.
   set(CMAKE_CXX_FLAGS_DEBUG "-O0 -g1 -fno-omit-frame-pointer")
   set(CMAKE_C_FLAGS_DEBUG "-O0 -g1 -fno-omit-frame-pointer")
+  # The instrumentation hides from the compiler that a Boost optional is tested before it is read.
   set(zem_sanitize -fsanitize=address,undefined -fno-sanitize-recover=undefined -Wno-maybe-uninitialized)
 elseif(ZEM_SANITIZER STREQUAL "tsan")
   # Boost.Asio's fences are beside its locks, which the sanitizer does see.
