@@ -32,6 +32,7 @@ constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kAgentLink = "/run/orlane/zem-agent/zema_link";
 constexpr const char* kIssueFile = "/etc/zem_issue";
 constexpr const char* kOptionsFile = "/etc/orlane/zem-tarvik/zem-tarvik.xml";
+constexpr const char* kTrustStore = "/etc/orlane/zem/";
 constexpr const char* kRealizationFile = "/etc/orlane/zem-tarvik/zema.json";
 
 void Write(const std::string& path, const std::string& text) {
@@ -55,7 +56,7 @@ Manager::Options ManagerOptions(const NodeOptions& node) {
 
 }  // namespace
 
-Node::Node(NodeOptions options) : options_(std::move(options)) {
+Node::Node(NodeOptions options) : options_(std::move(options)), kafka_(kTrustStore) {
   WriteFiles();
   log_ = std::make_unique<LogSink>(kLogSocket, options_.follow_log ? &PrintLine : nullptr);
   health_ = std::make_unique<HealthSink>(kHealthSocket);
@@ -89,6 +90,7 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
   RegisterVifCommands(manager_commands_, *manager_);
   RegisterDataplaneCommands(dataplane_commands_, *dataplane_);
   RegisterHostCommands(host_commands_, host_state_);
+  RegisterKafkaCommands(kafka_commands_, kafka_);
   RegisterVmCommands(vm_commands_, *machines_, *manager_, host_state_);
   RegisterSwitchCommands(commands_, switch_state_, libraries_);
   RegisterNodeCommands(commands_, *this);

@@ -9,6 +9,7 @@
 #include "sim/host/host_management.h"
 #include "sim/host/host_state.h"
 #include "sim/host/virtual_machines.h"
+#include "sim/kafka/kafka_commands.h"
 #include "sim/manager/manager.h"
 #include "sim/sandbox/daemon_process.h"
 #include "sim/sandbox/host_setup.h"
@@ -87,6 +88,7 @@ class Node {
   std::unique_ptr<HostManagement> host_management_;
   std::unique_ptr<VirtualMachines> machines_;
   EdgeService edge_;
+  KafkaService kafka_;
   std::unique_ptr<KillSwitch> kill_switch_;
   std::unique_ptr<DaemonProcess> daemon_;
 
@@ -94,6 +96,7 @@ class Node {
   CommandTable manager_commands_;
   CommandTable dataplane_commands_;
   CommandTable host_commands_;
+  CommandTable kafka_commands_;
   CommandTable vm_commands_;
   CommandTable commands_;
   std::unique_ptr<ControlServer> control_;
