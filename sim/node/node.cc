@@ -14,6 +14,7 @@
 #include "sim/control/control_server.h"
 #include "sim/dataplane/dataplane_agent.h"
 #include "sim/dataplane/dataplane_commands.h"
+#include "sim/firewall/firewall_commands.h"
 #include "sim/host/host_commands.h"
 #include "sim/host/raw_sockets.h"
 #include "sim/killpoints/kill_page.h"
@@ -77,10 +78,12 @@ Node::Node(NodeOptions options) : options_(std::move(options)), kafka_(kTrustSto
   daemon_->SetEnvironment("LD_LIBRARY_PATH", kLoadedLibraries);
   const std::string kill_page = std::string(kNodeDirectory) + "/kill-page";
   kill_switch_ = std::make_unique<KillSwitch>(kill_page);
+  std::string preloaded = FilterDeviceLibrary();
   if (const std::string library = KillSwitch::Library(); !library.empty()) {
-    daemon_->SetEnvironment("LD_PRELOAD", library);
+    preloaded = library + ":" + preloaded;
     daemon_->SetEnvironment(kKillPageVariable, kill_page);
   }
+  if (!preloaded.empty()) daemon_->SetEnvironment("LD_PRELOAD", preloaded);
   if (const char* const factor = std::getenv(kClockFactorVariable)) {
     daemon_->SetEnvironment(kClockFactorVariable, factor);
   }
@@ -90,6 +93,7 @@ Node::Node(NodeOptions options) : options_(std::move(options)), kafka_(kTrustSto
   RegisterVifCommands(manager_commands_, *manager_);
   RegisterDataplaneCommands(dataplane_commands_, *dataplane_);
   RegisterHostCommands(host_commands_, host_state_);
+  RegisterFirewallCommands(firewall_commands_);
   RegisterKafkaCommands(kafka_commands_, kafka_);
   RegisterVmCommands(vm_commands_, *machines_, *manager_, host_state_);
   RegisterSwitchCommands(commands_, switch_state_, libraries_);
@@ -113,6 +117,7 @@ void Node::WriteFiles() {
   if (!options_.daemon_options.empty()) Write(kOptionsFile, options_.daemon_options);
   if (!options_.realization_options.empty()) Write(kRealizationFile, options_.realization_options);
   SetUpHost(options_.host);
+  SetUpFirewall();
   if (std::string error; !libraries_.Install(&error)) throw std::runtime_error(error);
 }
 

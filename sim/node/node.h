@@ -96,6 +96,7 @@ class Node {
   CommandTable manager_commands_;
   CommandTable dataplane_commands_;
   CommandTable host_commands_;
+  CommandTable firewall_commands_;
   CommandTable kafka_commands_;
   CommandTable vm_commands_;
   CommandTable commands_;

@@ -374,6 +374,7 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
           n->dataplane_commands_);
   Forward(table, "host", "The host and its management script; \"host help\" lists its commands.",
           n->host_commands_);
+  Forward(table, "fw", "The host's firewall; \"fw help\" lists its commands.", n->firewall_commands_);
   Forward(table, "kafka", "Kafka brokers; \"kafka help\" lists their commands.", n->kafka_commands_);
   Forward(table, "vm", "The host's VMs; \"vm help\" lists their commands.", n->vm_commands_);
   table.Register(
