@@ -13,6 +13,7 @@
 #include "platform/core/clock_factor.h"
 #include "sim/control/control_server.h"
 #include "sim/dataplane/dataplane_agent.h"
+#include "sim/firewall/firewall_commands.h"
 #include "sim/host/raw_sockets.h"
 #include "sim/killpoints/kill_page.h"
 #include "sim/node/peer_table.h"
@@ -72,10 +73,12 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
   daemon_->SetEnvironment("LD_LIBRARY_PATH", kLoadedLibraries);
   const std::string kill_page = std::string(kNodeDirectory) + "/kill-page";
   kill_switch_ = std::make_unique<KillSwitch>(kill_page);
+  std::string preloaded = FilterDeviceLibrary();
   if (const std::string library = KillSwitch::Library(); !library.empty()) {
-    daemon_->SetEnvironment("LD_PRELOAD", library);
+    preloaded = library + ":" + preloaded;
     daemon_->SetEnvironment(kKillPageVariable, kill_page);
   }
+  if (!preloaded.empty()) daemon_->SetEnvironment("LD_PRELOAD", preloaded);
   if (const char* const factor = std::getenv(kClockFactorVariable)) {
     daemon_->SetEnvironment(kClockFactorVariable, factor);
   }
@@ -115,6 +118,7 @@ void Node::WriteFiles() {
   if (!options_.daemon_options.empty()) Write(kOptionsFile, options_.daemon_options);
   if (!options_.realization_options.empty()) Write(kRealizationFile, options_.realization_options);
   SetUpHost(options_.host);
+  SetUpFirewall();
   if (std::string error; !libraries_.Install(&error)) throw std::runtime_error(error);
 }
 

@@ -6,8 +6,10 @@
 #include <utility>
 
 #include "sim/dataplane/dataplane_commands.h"
+#include "sim/firewall/firewall_commands.h"
 #include "sim/host/host_commands.h"
 #include "sim/host/host_management.h"
+#include "sim/kafka/kafka_commands.h"
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
 #include "sim/node/vm_commands.h"
@@ -16,6 +18,9 @@
 
 namespace zem::sim {
 namespace {
+
+// The folder of the host's key and certificate.
+constexpr const char* kTrustStore = "/etc/orlane/zem/";
 
 // A peer that the node itself owns: the row only leads to its commands.
 class OwnedByNode : public Peer {
@@ -68,6 +73,21 @@ class VmPeer final : public OwnedByNode {
   }
 };
 
+class FirewallPeer final : public Peer {
+ public:
+  explicit FirewallPeer(const PeerContext& /*context*/) {}
+  void Register(CommandTable& table) override { RegisterFirewallCommands(table); }
+};
+
+class KafkaPeer final : public Peer {
+ public:
+  explicit KafkaPeer(const PeerContext& /*context*/) : service_(kTrustStore) {}
+  void Register(CommandTable& table) override { RegisterKafkaCommands(table, service_); }
+
+ private:
+  KafkaService service_;
+};
+
 template <class Row>
 std::unique_ptr<Peer> Make(const PeerContext& context) {
   return std::make_unique<Row>(context);
@@ -78,6 +98,8 @@ constexpr std::array kPeers = {
     PeerRow{"manager", "Proxy, APHs and manager; \"manager help\" lists their commands.", &Make<ManagerPeer>},
     PeerRow{"dataplane", "The dataplane agent; \"dataplane help\" lists its commands.", &Make<DataplanePeer>},
     PeerRow{"host", "The host and its management script; \"host help\" lists its commands.", &Make<HostPeer>},
+    PeerRow{"fw", "The host's firewall; \"fw help\" lists its commands.", &Make<FirewallPeer>},
+    PeerRow{"kafka", "Kafka brokers; \"kafka help\" lists their commands.", &Make<KafkaPeer>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},
 };
 

@@ -7,6 +7,9 @@
 #include <charconv>
 #include <stdexcept>
 
+#include "proto/covedb/firewall_objects.pb.h"
+#include "proto/covedb/introspection_objects.pb.h"
+#include "proto/covedb/profile_objects.pb.h"
 #include "proto/covedb/runtime_objects.pb.h"
 #include "proto/covedb/scenario.pb.h"
 #include "proto/covedb/switching_objects.pb.h"
@@ -59,7 +62,15 @@ ObjectRegistry::ObjectRegistry() {
   Register(ObjectType::CONTROLLER_INFO, proto::ControllerInfoMsg::default_instance(), "uuid");
   Register(ObjectType::MAINTENANCE_MODE_CONFIG, proto::MaintenanceModeConfigMsg::default_instance(), "id");
   Register(ObjectType::REALIZED_HOST_CONFIG, proto::RealizedHostConfigMsg::default_instance(), "id");
-  Register(ObjectType::RUNTIME_STATUS, proto::RuntimeStatusMsg::default_instance(), "");
+  Register(ObjectType::RUNTIME_STATUS, proto::RuntimeStatusMsg::default_instance(), "status");
+  Register(ObjectType::GI_SOLUTION_INFO, proto::GiSolutionInfoMsg::default_instance(), "");
+  Register(ObjectType::VM_GROUP_RELATION, proto::VmGroupRelationMsg::default_instance(), "vm_id");
+  Register(ObjectType::CONTEXT_PROFILE, proto::ContextProfileMsg::default_instance(), "id");
+  Register(ObjectType::RULE, proto::RuleMsg::default_instance(), "id");
+  Register(ObjectType::RULE_SECTION, proto::RuleSectionMsg::default_instance(), "id");
+  Register(ObjectType::SECURITY_FEATURE_TOGGLE, proto::SecurityFeatureToggleMsg::default_instance(), "id");
+  Register(ObjectType::PROFILE, proto::ProfileMsg::default_instance(), "id");
+  Register(ObjectType::PROFILE_BINDING, proto::ProfileBindingMsg::default_instance(), "entity_id");
   Register(ObjectType::OPAQUE_LOG_SWITCH_CONFIG, proto::OpaqueLogSwitchConfigMsg::default_instance(), "id");
 }
 

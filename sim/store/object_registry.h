@@ -21,7 +21,7 @@ using orlane::zem::covedb::ObjectType;
 /// Threads: register first, by one thread; then all operations from any.
 class ObjectRegistry {
  public:
-  /// Registers ScenarioObjectMsg and the types that the realization reads and writes.
+  /// Registers ScenarioObjectMsg and the types that the agent reads and writes.
   ObjectRegistry();
 
   /// Whether an object without its key field is refused, or is the only object that may lack it.

@@ -18,7 +18,8 @@ bool Known(const std::string& name, std::string* error) {
 }  // namespace
 
 const std::vector<std::string>& LibraryFolder::Names() {
-  static const std::vector<std::string> names{"libklnPublic.so", "libvdl2kln.so", "libvdrkln.so"};
+  static const std::vector<std::string> names{"libklnPublic.so", "libvdl2kln.so", "libvdrkln.so",
+                                              "libzemfw.so"};
   return names;
 }
 

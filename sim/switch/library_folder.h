@@ -12,7 +12,7 @@ namespace zem::sim {
 /// Errors: false, with the reason in `error`.
 class LibraryFolder {
  public:
-  /// The names of the libraries: "libklnPublic.so", "libvdl2kln.so", "libvdrkln.so".
+  /// The names of the libraries: "libklnPublic.so", "libvdl2kln.so", "libvdrkln.so", "libzemfw.so".
   static const std::vector<std::string>& Names();
   /// The folder of the built libraries.
   static std::string Built();

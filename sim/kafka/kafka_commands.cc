@@ -1,0 +1,158 @@
+#include "sim/kafka/kafka_commands.h"
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/dynamic_message.h>
+#include <google/protobuf/util/json_util.h>
+
+#include <filesystem>
+#include <functional>
+#include <utility>
+
+#include "sim/control/command_options.h"
+#include "sim/control/command_table.h"
+#include "sim/control/hex.h"
+#include "sim/control/number.h"
+#include "sim/kafka/kafka_brokers.h"
+
+namespace zem::sim {
+namespace {
+
+constexpr int kBrokers = 3;
+constexpr int kMostBrokers = 9;
+constexpr int kLongestSlowMs = 60000;
+constexpr int64_t kPatienceSeconds = 5;
+
+using WithBrokers = std::function<void(KafkaBrokers&, const Arguments&, const Reply&)>;
+
+Json StateJson(const KafkaBrokers& brokers) {
+  const KafkaBrokers::Counters counters = brokers.counters();
+  Json result = JsonObject();
+  AddMember(result.get(), "plain", brokers.plain());
+  AddMember(result.get(), "tls", brokers.tls());
+  AddMember(result.get(), "handshakes", counters.handshakes);
+  AddMember(result.get(), "failed_handshakes", counters.failed_handshakes);
+  AddMember(result.get(), "connected", counters.connected);
+  return result;
+}
+
+// A message as JSON when `type` names one of the process's message types and the bytes are one; else as
+// hexadecimal digits.
+Json MessageJson(const std::string& bytes, const std::string& type) {
+  const auto* const descriptor =
+      google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
+  if (descriptor == nullptr) return Json(cJSON_CreateString(ToHex(bytes).c_str()));
+  const std::unique_ptr<google::protobuf::Message> message(
+      google::protobuf::MessageFactory::generated_factory()->GetPrototype(descriptor)->New());
+  std::string text;
+  if (!message->ParseFromString(bytes) ||
+      !google::protobuf::util::MessageToJsonString(*message, &text).ok()) {
+    return Json(cJSON_CreateString(ToHex(bytes).c_str()));
+  }
+  return Json(cJSON_Parse(text.c_str()));
+}
+
+void Read(const KafkaBrokers& brokers, const Arguments& arguments, const Reply& reply) {
+  const CommandOptions options(arguments, {"--as", "--wait"}, {});
+  if (!options.error().empty()) return reply.Fail(options.error());
+  if (options.positional().size() != 1) return reply.Fail("one topic");
+  const auto seconds = NumberOf<int64_t>(options.Value("--wait").value_or(std::to_string(kPatienceSeconds)));
+  if (!seconds || *seconds < 0) return reply.Fail("not a number of seconds");
+  const KafkaBrokers::Topic topic = brokers.Read(options.positional()[0], std::chrono::seconds(*seconds));
+  if (!topic.error.empty()) return reply.Fail(topic.error);
+  Json messages = JsonArray();
+  for (const std::string& bytes : topic.messages) {
+    AddItem(messages.get(), MessageJson(bytes, options.Value("--as").value_or("")));
+  }
+  Json result = JsonObject();
+  AddMember(result.get(), "count", static_cast<uint64_t>(topic.messages.size()));
+  AddMember(result.get(), "messages", std::move(messages));
+  reply.Ok(std::move(result));
+}
+
+void Start(KafkaService& service, const Arguments& arguments, const Reply& reply) {
+  const auto count = NumberOf<int>(arguments.empty() ? std::to_string(kBrokers) : arguments[0]);
+  if (!count || *count < 1 || *count > kMostBrokers) return reply.Fail("1 to 9 brokers");
+  const auto brokers = service.Start(*count);
+  if (!brokers) return reply.Fail("the brokers run");
+  reply.Ok(StateJson(*brokers));
+}
+
+}  // namespace
+
+KafkaService::KafkaService(std::string trust_store) : trust_store_(std::move(trust_store)) {}
+KafkaService::~KafkaService() = default;
+
+std::shared_ptr<KafkaBrokers> KafkaService::Start(int brokers) {
+  std::lock_guard lock(mutex_);
+  if (brokers_) return nullptr;
+  auto started = std::make_shared<KafkaBrokers>(brokers);
+  std::error_code ignored;  // a missing folder shows when the files are written
+  std::filesystem::create_directories(trust_store_, ignored);
+  started->WriteHostFiles(trust_store_);
+  brokers_ = started;
+  return started;
+}
+
+bool KafkaService::Stop() {
+  std::shared_ptr<KafkaBrokers> last;
+  std::lock_guard lock(mutex_);
+  last.swap(brokers_);
+  return last != nullptr;
+}
+
+std::shared_ptr<KafkaBrokers> KafkaService::brokers() const {
+  std::lock_guard lock(mutex_);
+  return brokers_;
+}
+
+void RegisterKafkaCommands(CommandTable& table, KafkaService& service) {
+  KafkaService* const s = &service;
+  const auto running = [s](WithBrokers act) {
+    return [s, act = std::move(act)](const Arguments& arguments, const Reply& reply) {
+      const auto brokers = s->brokers();
+      if (!brokers) return reply.Fail("the brokers do not run");
+      act(*brokers, arguments, reply);
+    };
+  };
+  constexpr const char* kFaults = "down|refuses|full|stuck|wrong-authority|wrong-name|expired";
+  table.Register({"start", "[BROKERS]",
+                  "Starts brokers (3), plain and over TLS, and writes the host's key and certificate.", 0, 1,
+                  [s](const Arguments& a, const Reply& r) { Start(*s, a, r); }});
+  table.Register(
+      {"stop", "", "Ends the brokers with all that they hold.", 0, 0, [s](const Arguments&, const Reply& r) {
+         if (!s->Stop()) return r.Fail("the brokers do not run");
+         r.Ok();
+       }});
+  table.Register({"state", "", "Shows the brokers' addresses, and the TLS connections.", 0, 0,
+                  running([](KafkaBrokers& b, const Arguments&, const Reply& r) { r.Ok(StateJson(b)); })});
+  table.Register({"authority", "", "Shows the certificate of the brokers' authority.", 0, 0,
+                  running([](KafkaBrokers& b, const Arguments&, const Reply& r) {
+                    r.Ok(Json(cJSON_CreateString(b.authority().c_str())));
+                  })});
+  table.Register({"break", kFaults, "Makes something wrong with the brokers.", 1, 1,
+                  running([](KafkaBrokers& b, const Arguments& a, const Reply& r) {
+                    const auto fault = BrokerFaultOf(a[0]);
+                    if (!fault) return r.Fail("no fault \"" + a[0] + "\"");
+                    b.Break(*fault);
+                    r.Ok();
+                  })});
+  table.Register({"mend", kFaults, "Ends what \"break\" began.", 1, 1,
+                  running([](KafkaBrokers& b, const Arguments& a, const Reply& r) {
+                    const auto fault = BrokerFaultOf(a[0]);
+                    if (!fault) return r.Fail("no fault \"" + a[0] + "\"");
+                    b.Mend(*fault);
+                    r.Ok();
+                  })});
+  table.Register({"slow", "MS", "Each answer of a broker takes so long; 0 ends it.", 1, 1,
+                  running([](KafkaBrokers& b, const Arguments& a, const Reply& r) {
+                    const auto ms = NumberOf<int>(a[0]);
+                    if (!ms || *ms < 0 || *ms > kLongestSlowMs) return r.Fail("0 to 60000 ms");
+                    b.SetSlow(*ms);
+                    r.Ok();
+                  })});
+  table.Register({"read", "[--as MESSAGE] [--wait SECONDS] TOPIC",
+                  "Shows what was sent to a topic: hexadecimal digits, or a message type's fields.", 1, 5,
+                  running([](KafkaBrokers& b, const Arguments& a, const Reply& r) { Read(b, a, r); })});
+}
+
+}  // namespace zem::sim

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace zem::sim {
+
+class CommandTable;
+class KafkaBrokers;
+
+/// The node's brokers, which run from "start" to "stop"; what they hold ends with them.
+///
+/// Threads: all operations from any thread.
+class KafkaService {
+ public:
+  /// The host's key and certificate are written to `trust_store`, which ends in "/", at each start.
+  explicit KafkaService(std::string trust_store);
+  ~KafkaService();
+
+  /// Returns null when the brokers run already.  Throws std::runtime_error.
+  std::shared_ptr<KafkaBrokers> Start(int brokers);
+  /// False when they do not run.
+  bool Stop();
+  /// Null while they do not run.
+  std::shared_ptr<KafkaBrokers> brokers() const;
+
+ private:
+  const std::string trust_store_;
+  mutable std::mutex mutex_;  // guards brokers_
+  std::shared_ptr<KafkaBrokers> brokers_;
+};
+
+/// The commands "start", "stop", "state", "authority", "break", "mend", "slow" and "read".
+void RegisterKafkaCommands(CommandTable& table, KafkaService& service);
+
+}  // namespace zem::sim
