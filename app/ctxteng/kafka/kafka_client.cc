@@ -33,7 +33,7 @@ struct TopicTexts {
 };
 constexpr std::array kTopicTexts = {
     TopicTexts{&KafkaConfig::context_topic, "Zemi: Empty Context topic, not creating topic object",
-               "Failed to create kafka context topic object, error: %s",
+               "Zemi: Failed to create kafka context topic object, error: %s",
                "Zemi: Empty Context kafka topic object, cannot send msg",
                "Zemi: Sending context msg over kafka channel %s"},
     TopicTexts{&KafkaConfig::metrics_topic, "Zemi: Empty Context Metrics topic, not creating topic object",
