@@ -47,11 +47,10 @@ class AgentSide {
   };
   class NoSwitches final : public zema::HealthPublisher {
    public:
-    bool SetProperty(const std::string&, const std::string&, const void*, size_t, uint32_t,
-                     std::string*) override {
-      return true;
+    Outcome SetProperty(const std::string&, const std::string&, const void*, size_t, uint32_t) override {
+      return Outcome::Done();
     }
-    bool RemoveProperty(const std::string&, const std::string&, std::string*) override { return true; }
+    Outcome RemoveProperty(const std::string&, const std::string&) override { return Outcome::Done(); }
     bool SecurityOnly() override { return false; }
   };
   class Sender final : public zema::VifSender {

@@ -90,8 +90,8 @@ void MessageDispatch::TakeHostConfig(const Incoming& message) {
   if (parsed.has_id()) ack.set_id(parsed.id());
   if (parsed.has_revision()) ack.set_revision(parsed.revision());
   requests_->AcknowledgeHostConfig(message.origin.reply_to, ack);
-  std::string error;
-  AddHostConfigTask(workers_, requests_->HostConfig(message.origin, std::move(parsed)), &error);
+  // A refused task is logged there, and the manager sends the configuration again.
+  static_cast<void>(AddHostConfigTask(workers_, requests_->HostConfig(message.origin, std::move(parsed))));
 }
 
 void MessageDispatch::TakeMaintenanceMode(const Incoming& message) {

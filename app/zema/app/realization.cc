@@ -474,10 +474,8 @@ std::string Realization::HostSwitchAndLSCleanup(bool force) { return impl_->Clea
 
 std::unique_ptr<Runnable> Realization::MakeVnicMigrationTask(bool vm_ports, bool knl_pnic) {
   VnicMigrationTask::Settings settings;
-  settings.create_ports = [vifs = impl_->vifs_](VmPortMap& ports, std::string* error) {
-    const Outcome created = PrecreatedPortMaker(*vifs).CreatePorts(ports);
-    if (!created) *error = created.error();
-    return created.done();
+  settings.create_ports = [vifs = impl_->vifs_](VmPortMap& ports) {
+    return PrecreatedPortMaker(*vifs).CreatePorts(ports);
   };
   settings.keep_ports = [host_management = &impl_->host_management_](std::shared_ptr<VmPortMap> ports) {
     host_management->SetPrecreatedPorts(std::move(ports));

@@ -360,21 +360,16 @@ HostConfigTaskQub::Switches HostConfigTaskQub::ConfigureSwitches(bool upgrade, b
     return Switches::kNotReached;
   }
   InterfaceMigrationSettings settings = MigrationSettings(context_->ports, options_);
-  settings.create_port = [this, create = std::move(settings.create_port)](
-                             const auto& entry, const std::string& zone, std::string* error) {
-    const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
-    return create(entry, zone, error);
+  // One operation on ports at a time.
+  const auto under_port_lock = [this](auto operation) {
+    return [this, operation = std::move(operation)](const auto&... arguments) {
+      const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
+      return operation(arguments...);
+    };
   };
-  settings.leave_port = [this, leave = std::move(settings.leave_port)](
-                            const auto& entry, const std::string& zone, std::string* error) {
-    const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
-    return leave(entry, zone, error);
-  };
-  settings.leave_ports = [this, leave = std::move(settings.leave_ports)](
-                             const std::string& vif, const std::string& kept, std::string* error) {
-    const Synchronizer lock(context_->port_lock, __FILE__, __LINE__);
-    return leave(vif, kept, error);
-  };
+  settings.create_port = under_port_lock(std::move(settings.create_port));
+  settings.leave_port = under_port_lock(std::move(settings.leave_port));
+  settings.leave_ports = under_port_lock(std::move(settings.leave_ports));
   settings.leaving = [this](const std::vector<std::string>& vifs) {
     std::set<std::string> all(mark_.leaving_vifs.begin(), mark_.leaving_vifs.end());
     all.insert(vifs.begin(), vifs.end());

@@ -60,8 +60,7 @@ void LeavingSwitches::ClearTeaming(const Config& config, const std::vector<HostD
   std::string failed;
   for (const std::string& id : Leaving(config, existing)) {
     ZLOG_INFO("Invoking GlobalPropClear with dvsId %s, to clear teaming", id.c_str());
-    std::string error;
-    if (!context_.switches.ClearTeaming(id, &error)) failed += error;
+    failed += context_.switches.ClearTeaming(id).error();
   }
   if (!failed.empty()) errors_.Add(ErrorSink::kSwitchStatus, failed);
 }
@@ -162,9 +161,9 @@ bool LeavingSwitches::UnloadRouters(const RouterMacs& after) {
     errors_.Add(ErrorSink::kGeneral, "UnsetVdrDvptrackingInDvses failed: [" + reply + "]");
     return false;
   }
-  if (context_.routers.WaitTillVdrUnloadDone(&error, kRouterUnloadLimit)) return true;
-  errors_.Add(ErrorSink::kGeneral, error);
-  return false;
+  const Outcome unloaded = context_.routers.WaitTillVdrUnloadDone(kRouterUnloadLimit);
+  if (!unloaded) errors_.Add(ErrorSink::kGeneral, unloaded.error());
+  return unloaded.done();
 }
 
 }  // namespace zem::zema

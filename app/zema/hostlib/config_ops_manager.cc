@@ -24,117 +24,107 @@ void LogTeaming(const char* what, const std::string& dvs, const SwitchTeaming& t
 
 }  // namespace
 
-bool ConfigOpsManager::Usable(std::string* error) const {
-  if (library_.loaded()) return true;
+Outcome ConfigOpsManager::Usable() const {
+  if (library_.loaded()) return Outcome::Done();
   ZLOG_ERROR("44201", "%s", kNotInitialized);
-  if (error != nullptr) *error = kNotInitialized;
-  return false;
+  return Outcome::Failed(kNotInitialized);
 }
 
-bool ConfigOpsManager::SetGlobal(const std::string& dvs, const char* property, std::string_view value,
-                                 std::string* error) {
+Outcome ConfigOpsManager::SetGlobal(const std::string& dvs, const char* property, std::string_view value) {
   const uint32_t result = properties_.GlobalPropSet(dvs, property, value, DVS_PROPERTY_FLAGS);
-  if (result == 0) return true;
+  if (result == 0) return Outcome::Done();
   const std::string text = SwitchErrorText(result);
   ZLOG_ERROR("ERR_GLOBAL_PROP_SET_FAILED", "Failed to configure [%s] on dvs [%s]: %s", property, dvs.c_str(),
              text.c_str());
-  *error = std::string("Failed to configure [") + property + "] on dvs [" + dvs + "]: " + text;
-  return false;
+  return Outcome::Failed(std::string("Failed to configure [") + property + "] on dvs [" + dvs + "]: " + text);
 }
 
-bool ConfigOpsManager::ClearGlobal(const std::string& dvs, const char* property, std::string* error) {
+Outcome ConfigOpsManager::ClearGlobal(const std::string& dvs, const char* property) {
   const uint32_t result = properties_.GlobalPropClear(dvs, property);
-  if (result == 0 || result == kSwitchNotFound) return true;
+  if (result == 0 || result == kSwitchNotFound) return Outcome::Done();
   const std::string text = SwitchErrorText(result);
   ZLOG_ERROR("ERR_GLOBAL_PROP_CLEAR_FAILED", "Failed to clear [%s] on dvs [%s]: %s", property, dvs.c_str(),
              text.c_str());
-  *error = std::string("Failed to clear [") + property + "] on dvs [" + dvs + "]: " + text;
-  return false;
+  return Outcome::Failed(std::string("Failed to clear [") + property + "] on dvs [" + dvs + "]: " + text);
 }
 
-bool ConfigOpsManager::ConfigureTeaming(const std::string& dvs, const SwitchTeaming& teaming,
-                                        std::string* error) {
-  if (!Usable(error)) return false;
+Outcome ConfigOpsManager::ConfigureTeaming(const std::string& dvs, const SwitchTeaming& teaming) {
+  if (Outcome usable = Usable(); !usable) return usable;
   LogTeaming("Configuring", dvs, teaming);
   const auto record = BuildTeamPolicy(teaming);
   if (!record) {
     ZLOG_ERROR("ERR_ALLOC_FAILED", "Failed to allocate VSTeamPolicy structure");
-    *error = "Failed to allocate VSTeamPolicy structure";
-    return false;
+    return Outcome::Failed("Failed to allocate VSTeamPolicy structure");
   }
-  return SetGlobal(dvs, port_props::kTeaming, *record, error);
+  return SetGlobal(dvs, port_props::kTeaming, *record);
 }
 
-bool ConfigOpsManager::ConfigureNamedTeaming(const std::string& dvs,
-                                             const std::vector<SwitchTeaming>& teamings, std::string* error) {
-  if (!Usable(error)) return false;
+Outcome ConfigOpsManager::ConfigureNamedTeaming(const std::string& dvs,
+                                                const std::vector<SwitchTeaming>& teamings) {
+  if (Outcome usable = Usable(); !usable) return usable;
   if (teamings.empty()) {
     ZLOG_INFO("Clearing Named Teaming policy on the Switch [%s]", dvs.c_str());
-    return ClearNamedTeaming(dvs, error);
+    return ClearNamedTeaming(dvs);
   }
   for (const SwitchTeaming& teaming : teamings) LogTeaming("Configuring named", dvs, teaming);
   const auto record = BuildTeamTable(kLogicalSwitchTeamings, teamings);
   if (!record) {
     ZLOG_ERROR("ERR_ALLOC_FAILED", "Failed to allocate LSTeamTable structure");
-    *error = "Failed to allocate LSTeamTable structure";
-    return false;
+    return Outcome::Failed("Failed to allocate LSTeamTable structure");
   }
-  return SetGlobal(dvs, port_props::kNamedTeaming, *record, error);
+  return SetGlobal(dvs, port_props::kNamedTeaming, *record);
 }
 
-bool ConfigOpsManager::ClearTeaming(const std::string& dvs, std::string* error) {
-  return Usable(error) && ClearGlobal(dvs, port_props::kTeaming, error);
+Outcome ConfigOpsManager::ClearTeaming(const std::string& dvs) {
+  Outcome usable = Usable();
+  return usable ? ClearGlobal(dvs, port_props::kTeaming) : usable;
 }
 
-bool ConfigOpsManager::ClearNamedTeaming(const std::string& dvs, std::string* error) {
-  return Usable(error) && ClearGlobal(dvs, port_props::kNamedTeaming, error);
+Outcome ConfigOpsManager::ClearNamedTeaming(const std::string& dvs) {
+  Outcome usable = Usable();
+  return usable ? ClearGlobal(dvs, port_props::kNamedTeaming) : usable;
 }
 
-bool ConfigOpsManager::GetTeaming(const std::string& dvs, uint32_t* team_type,
-                                  std::vector<std::string>* uplinks, std::string* error) {
-  if (!Usable(error)) return false;
+Outcome ConfigOpsManager::GetTeaming(const std::string& dvs, uint32_t* team_type,
+                                     std::vector<std::string>* uplinks) {
+  if (Outcome usable = Usable(); !usable) return usable;
   LibraryBuffer value;
   const uint32_t result = properties_.GlobalPropGet(dvs, port_props::kTeaming, &value);
   if (result == kSwitchNotFound) {  // not configured yet, or cleared
     *team_type = 0;
     uplinks->clear();
-    return true;
+    return Outcome::Done();
   }
   const std::string reason = result == 0 ? "invalid size." : SwitchErrorText(result);
   const auto teaming = result == 0 ? ReadTeamPolicy(value.bytes()) : std::nullopt;
   if (!teaming) {
     ZLOG_ERROR("ERR_GLOBAL_PROP_GET_FAILED", "Failed to get teaming policy for dvs [%s]: %s", dvs.c_str(),
                reason.c_str());
-    *error = "Failed to get teaming policy for dvs [" + dvs + "]: " + reason;
-    return false;
+    return Outcome::Failed("Failed to get teaming policy for dvs [" + dvs + "]: " + reason);
   }
   LogTeaming("Read", dvs, *teaming);
   *team_type = teaming->policy;
   *uplinks = teaming->active;
   uplinks->insert(uplinks->end(), teaming->standby.begin(), teaming->standby.end());
-  return true;
+  return Outcome::Done();
 }
 
-bool ConfigOpsManager::GetLacpNames(const std::string& dvs, std::vector<std::string>* names,
-                                    std::string* error) {
-  if (!Usable(error)) return false;
+Outcome ConfigOpsManager::GetLacpNames(const std::string& dvs, std::vector<std::string>* names) {
+  if (Outcome usable = Usable(); !usable) return usable;
   LibraryBuffer value;
   const uint32_t result = properties_.GlobalPropGet(dvs, port_props::kLacp, &value);
   names->clear();
-  if (result == kSwitchNotFound) return true;
+  if (result == kSwitchNotFound) return Outcome::Done();
   auto read = result == 0 ? ReadLacpNames(value.bytes()) : std::nullopt;
   if (read) {
     *names = std::move(*read);
-    return true;
+    return Outcome::Done();
   }
-  if (result == 0) {
-    *error = std::string("Failed to get lacp policy for dvs [") + dvs + "]: " + port_props::kLacp +
-             ": invalid size.";
-  } else {
-    *error = "Failed to get lacp policy for dvs [" + dvs + "]: " + SwitchErrorText(result);
-  }
-  ZLOG_ERROR("ERR_GLOBAL_PROP_GET_FAILED", "%s", error->c_str());
-  return false;
+  const std::string reason =
+      result == 0 ? std::string(port_props::kLacp) + ": invalid size." : SwitchErrorText(result);
+  std::string error = "Failed to get lacp policy for dvs [" + dvs + "]: " + reason;
+  ZLOG_ERROR("ERR_GLOBAL_PROP_GET_FAILED", "%s", error.c_str());
+  return Outcome::Failed(std::move(error));
 }
 
 uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string& property,
@@ -144,7 +134,7 @@ uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string
 
 uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string& property,
                                        std::string_view bytes, uint32_t flags) {
-  if (!Usable(nullptr)) return kSwitchNotLoaded;
+  if (!Usable()) return kSwitchNotLoaded;
   // The health record publishes "down" again when one part rises while others are down: an unchanged value is
   // not written.
   LibraryBuffer before;
@@ -158,7 +148,7 @@ uint32_t ConfigOpsManager::SetHostProp(const std::string& dvs, const std::string
 }
 
 uint32_t ConfigOpsManager::ClearHostProp(const std::string& dvs, const std::string& property) {
-  if (!Usable(nullptr)) return kSwitchNotLoaded;
+  if (!Usable()) return kSwitchNotLoaded;
   // Mostly at start there is nothing to clear: then the switch is not written to.
   LibraryBuffer value;
   if (properties_.HostPropGet(dvs, property.c_str(), &value) == kSwitchNotFound) return kSwitchNotFound;
@@ -172,7 +162,7 @@ uint32_t ConfigOpsManager::ClearHostProp(const std::string& dvs, const std::stri
 
 std::optional<std::string> ConfigOpsManager::GetHostProp(const std::string& dvs,
                                                          const std::string& property) {
-  if (!Usable(nullptr)) return std::nullopt;
+  if (!Usable()) return std::nullopt;
   LibraryBuffer value;
   const uint32_t result = properties_.HostPropGet(dvs, property.c_str(), &value);
   if (result == 0) return std::string(value.text());

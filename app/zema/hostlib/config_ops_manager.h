@@ -8,6 +8,7 @@
 
 #include "app/zema/hostlib/switch_properties.h"
 #include "app/zema/hostlib/switch_teaming.h"
+#include "framework/tasks/outcome.h"
 
 namespace zem::zema {
 
@@ -17,7 +18,7 @@ class SwitchLibrary;
 ///
 /// Threads: all operations from any thread.
 /// Ownership: holds the library by reference.
-/// Errors: the library's code, or false with the reason in `error`; all fail while the library is not loaded.
+/// Errors: the library's code, or an outcome with the reason; all fail while the library is not loaded.
 class ConfigOpsManager {
  public:
   /// Which table of named teamings.
@@ -25,21 +26,17 @@ class ConfigOpsManager {
 
   explicit ConfigOpsManager(SwitchLibrary& library) : library_(library), properties_(library) {}
 
-  [[nodiscard]] bool ConfigureTeaming(const std::string& dvs, const SwitchTeaming& teaming,
-                                      std::string* error);
+  Outcome ConfigureTeaming(const std::string& dvs, const SwitchTeaming& teaming);
   /// An empty list clears them.
-  [[nodiscard]] bool ConfigureNamedTeaming(const std::string& dvs, const std::vector<SwitchTeaming>& teamings,
-                                           std::string* error);
-  /// Returns true also when there was no teaming to clear.
-  [[nodiscard]] bool ClearTeaming(const std::string& dvs, std::string* error);
-  [[nodiscard]] bool ClearNamedTeaming(const std::string& dvs, std::string* error);
+  Outcome ConfigureNamedTeaming(const std::string& dvs, const std::vector<SwitchTeaming>& teamings);
+  /// Done also when there was no teaming to clear.
+  Outcome ClearTeaming(const std::string& dvs);
+  Outcome ClearNamedTeaming(const std::string& dvs);
   /// Reads the policy number and the uplinks, active ones first, then standby ones.  A switch without teaming
   /// gives 0 and no uplinks.
-  [[nodiscard]] bool GetTeaming(const std::string& dvs, uint32_t* team_type,
-                                std::vector<std::string>* uplinks, std::string* error);
+  Outcome GetTeaming(const std::string& dvs, uint32_t* team_type, std::vector<std::string>* uplinks);
   /// Reads the names of the link aggregation groups.  A switch without groups is no failure.
-  [[nodiscard]] bool GetLacpNames(const std::string& dvs, std::vector<std::string>* names,
-                                  std::string* error);
+  Outcome GetLacpNames(const std::string& dvs, std::vector<std::string>* names);
 
   /// Sets a text property of the switch on this host.
   uint32_t SetHostProp(const std::string& dvs, const std::string& property, const std::string& value);
@@ -51,9 +48,9 @@ class ConfigOpsManager {
   std::optional<std::string> GetHostProp(const std::string& dvs, const std::string& property);
 
  private:
-  bool Usable(std::string* error) const;
-  bool SetGlobal(const std::string& dvs, const char* property, std::string_view value, std::string* error);
-  bool ClearGlobal(const std::string& dvs, const char* property, std::string* error);
+  Outcome Usable() const;
+  Outcome SetGlobal(const std::string& dvs, const char* property, std::string_view value);
+  Outcome ClearGlobal(const std::string& dvs, const char* property);
 
   SwitchLibrary& library_;
   const SwitchProperties properties_;

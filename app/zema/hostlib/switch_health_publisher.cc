@@ -5,20 +5,17 @@
 
 namespace zem::zema {
 
-bool SwitchHealthPublisher::SetProperty(const std::string& host_switch, const std::string& name,
-                                        const void* data, size_t size, uint32_t flags, std::string* error) {
+Outcome SwitchHealthPublisher::SetProperty(const std::string& host_switch, const std::string& name,
+                                           const void* data, size_t size, uint32_t flags) {
   const uint32_t result =
       switches_.SetHostProp(host_switch, name, {static_cast<const char*>(data), size}, flags);
-  if (result != 0) *error = SwitchErrorText(result);
-  return result == 0;
+  return result == 0 ? Outcome::Done() : Outcome::Failed(SwitchErrorText(result));
 }
 
-bool SwitchHealthPublisher::RemoveProperty(const std::string& host_switch, const std::string& name,
-                                           std::string* error) {
+Outcome SwitchHealthPublisher::RemoveProperty(const std::string& host_switch, const std::string& name) {
   const uint32_t result = switches_.ClearHostProp(host_switch, name);
-  if (result == 0 || result == kSwitchNotFound) return true;
-  *error = SwitchErrorText(result);
-  return false;
+  if (result == 0 || result == kSwitchNotFound) return Outcome::Done();
+  return Outcome::Failed(SwitchErrorText(result));
 }
 
 }  // namespace zem::zema

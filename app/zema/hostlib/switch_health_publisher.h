@@ -4,6 +4,7 @@
 #include <string>
 
 #include "app/zema/state/health_record.h"
+#include "framework/tasks/outcome.h"
 
 namespace zem::zema {
 
@@ -17,10 +18,10 @@ class SwitchHealthPublisher final : public HealthPublisher {
  public:
   explicit SwitchHealthPublisher(ConfigOpsManager& switches) : switches_(switches) {}
 
-  bool SetProperty(const std::string& host_switch, const std::string& name, const void* data, size_t size,
-                   uint32_t flags, std::string* error) override;
+  Outcome SetProperty(const std::string& host_switch, const std::string& name, const void* data, size_t size,
+                      uint32_t flags) override;
   /// Returns true also when the property was absent.
-  bool RemoveProperty(const std::string& host_switch, const std::string& name, std::string* error) override;
+  Outcome RemoveProperty(const std::string& host_switch, const std::string& name) override;
   bool SecurityOnly() override { return security_only_.load(); }
 
   /// Whether this host serves only security; false until it is set.

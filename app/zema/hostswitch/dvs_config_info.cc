@@ -19,11 +19,11 @@ bool GetDvsConfigInfo(const std::vector<HostDvs>& switches, const TeamingReader&
   for (const HostDvs& dvs : switches) {
     DvsConfigInfo info;
     info.id = dvs.id;
-    std::string reason;
     std::vector<std::string> lags;
-    if (!get_teaming(dvs.id, &info.team_type, &info.uplinks, &reason) ||
-        !get_lacp_names(dvs.id, &lags, &reason)) {
-      *error += (error->empty() ? "" : "; ") + reason;
+    Outcome read = get_teaming(dvs.id, &info.team_type, &info.uplinks);
+    if (read) read = get_lacp_names(dvs.id, &lags);
+    if (!read) {
+      *error += (error->empty() ? "" : "; ") + read.error();
       good = false;
       continue;
     }

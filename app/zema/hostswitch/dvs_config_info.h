@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "app/zema/proxy/host_switch_lists.h"
+#include "framework/tasks/outcome.h"
 
 namespace zem::zema {
 
@@ -17,12 +18,10 @@ struct DvsConfigInfo {
   bool operator==(const DvsConfigInfo&) const = default;
 };
 
-/// Reads a switch's teaming and the names of its link aggregation groups.  Returns false and sets `error`
-/// when they cannot be read.
-using TeamingReader = std::function<bool(const std::string& dvs, uint32_t* team_type,
-                                         std::vector<std::string>* uplinks, std::string* error)>;
-using LacpNamesReader =
-    std::function<bool(const std::string& dvs, std::vector<std::string>* names, std::string* error)>;
+/// Reads a switch's teaming and the names of its link aggregation groups.
+using TeamingReader =
+    std::function<Outcome(const std::string& dvs, uint32_t* team_type, std::vector<std::string>* uplinks)>;
+using LacpNamesReader = std::function<Outcome(const std::string& dvs, std::vector<std::string>* names)>;
 
 /// Collects the record of each switch, in the order of `switches`.  A switch that cannot be read is left out
 /// and its reason added to `error`; the result is then false.

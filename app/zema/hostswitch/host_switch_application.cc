@@ -70,13 +70,14 @@ bool HostSwitchApplication::InvokeApplyHostSwitch(const std::vector<std::string>
 bool HostSwitchApplication::ConfigureVSTeaming(const Config& config) {
   bool good = true;
   for (const HostSwitchMsg& host_switch : config.host_switches()) {
-    std::string error;
-    if (!settings_.configure_teaming(host_switch.id(), TeamingOf(host_switch), &error) ||
-        !settings_.configure_named_teaming(host_switch.id(), NamedTeamingsOf(host_switch), &error)) {
-      ZLOG_ERROR("42009", "[%s] %s", __func__, error.c_str());
-      errors_.Add(ErrorSink::kGeneral, error);
-      good = false;
+    Outcome configured = settings_.configure_teaming(host_switch.id(), TeamingOf(host_switch));
+    if (configured) {
+      configured = settings_.configure_named_teaming(host_switch.id(), NamedTeamingsOf(host_switch));
     }
+    if (configured) continue;
+    ZLOG_ERROR("42009", "[%s] %s", __func__, configured.error().c_str());
+    errors_.Add(ErrorSink::kGeneral, configured.error());
+    good = false;
   }
   return good;
 }

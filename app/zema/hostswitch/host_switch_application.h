@@ -8,6 +8,7 @@
 #include "app/zema/migration/migration_message.h"
 #include "app/zema/proxy/lum_reply.h"
 #include "app/zema/proxy/switch_record.h"
+#include "framework/tasks/outcome.h"
 
 namespace zem::zema {
 
@@ -25,10 +26,9 @@ struct HostSwitchApplicationSettings {
   bool upgrade = false;
   /// Stores which switch realizes which transport zone.
   std::function<void(std::vector<TzDvs>)> set_tz_to_dvs_cache;
-  /// Applies a switch's teaming and its named teamings.  Returns false and sets `error` when that fails.
-  std::function<bool(const std::string& dvs, const SwitchTeaming& teaming, std::string* error)>
-      configure_teaming;
-  std::function<bool(const std::string& dvs, const std::vector<SwitchTeaming>& teamings, std::string* error)>
+  /// Applies a switch's teaming and its named teamings.
+  std::function<Outcome(const std::string& dvs, const SwitchTeaming& teaming)> configure_teaming;
+  std::function<Outcome(const std::string& dvs, const std::vector<SwitchTeaming>& teamings)>
       configure_named_teaming;
   EndpointIdOf endpoint_id_of;
   /// Called with false just before the switches change, and with true on every way out.

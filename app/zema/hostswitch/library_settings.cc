@@ -40,24 +40,16 @@ InterfaceMigrationSettings MigrationSettings(PortOpsManager& ports, const Realiz
   InterfaceMigrationSettings settings;
   settings.knl_types = options.knl_types_to_check_on_removing_pnic;
   settings.knl_ping_try_times = options.knl_ping_try_times;
-  const auto tell = [](const Outcome& outcome, std::string* error) {
-    if (!outcome) *error = outcome.error();
-    return outcome.done();
+  settings.create_port = [&ports](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone) {
+    return ports.creation().CreatePort(PortOf(entry, zone), entry.vif_id(), kKernelInterface,
+                                       (entry.port_flags() & kBlocked) != 0);
   };
-  settings.create_port = [&ports, tell](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
-                                        std::string* error) {
-    return tell(ports.creation().CreatePort(PortOf(entry, zone), entry.vif_id(), kKernelInterface,
-                                            (entry.port_flags() & kBlocked) != 0),
-                error);
+  settings.leave_port = [&ports](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone) {
+    return ports.changes().ClearVifFromPort(zone, entry.logical_port_id(), entry.lswitch_id(), entry.vif_id(),
+                                            false);
   };
-  settings.leave_port = [&ports, tell](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
-                                       std::string* error) {
-    return tell(ports.changes().ClearVifFromPort(zone, entry.logical_port_id(), entry.lswitch_id(),
-                                                 entry.vif_id(), false),
-                error);
-  };
-  settings.leave_ports = [&ports, tell](const std::string& vif, const std::string& kept, std::string* error) {
-    return tell(ports.changes().ClearVifFromPortOtherThan(kept, vif), error);
+  settings.leave_ports = [&ports](const std::string& vif, const std::string& kept) {
+    return ports.changes().ClearVifFromPortOtherThan(kept, vif);
   };
   return settings;
 }
@@ -69,14 +61,13 @@ HostSwitchApplicationSettings ApplicationSettings(TransportZones& zones, ConfigO
   settings.mode_standard_realization = options.host_switch_mode_standard_realization;
   settings.upgrade = upgrade;
   settings.set_tz_to_dvs_cache = [&zones](std::vector<TzDvs> list) { zones.SetTzToDvsCache(list); };
-  settings.configure_teaming = [&config](const std::string& dvs, const SwitchTeaming& teaming,
-                                         std::string* error) {
-    return config.ConfigureTeaming(dvs, teaming, error);
+  settings.configure_teaming = [&config](const std::string& dvs, const SwitchTeaming& teaming) {
+    return config.ConfigureTeaming(dvs, teaming);
   };
-  settings.configure_named_teaming =
-      [&config](const std::string& dvs, const std::vector<SwitchTeaming>& teamings, std::string* error) {
-        return config.ConfigureNamedTeaming(dvs, teamings, error);
-      };
+  settings.configure_named_teaming = [&config](const std::string& dvs,
+                                               const std::vector<SwitchTeaming>& teamings) {
+    return config.ConfigureNamedTeaming(dvs, teamings);
+  };
   settings.endpoint_id_of = [&endpoints](const std::string& switch_name, const std::string& device) {
     return endpoints.EndpointId(switch_name, device);
   };
@@ -105,13 +96,14 @@ DvsStatusOf DvsStatus(ConfigOpsManager& config) {
 }
 
 TeamingReader ReadTeaming(ConfigOpsManager& config) {
-  return [&config](const std::string& dvs, uint32_t* team_type, std::vector<std::string>* uplinks,
-                   std::string* error) { return config.GetTeaming(dvs, team_type, uplinks, error); };
+  return [&config](const std::string& dvs, uint32_t* team_type, std::vector<std::string>* uplinks) {
+    return config.GetTeaming(dvs, team_type, uplinks);
+  };
 }
 
 LacpNamesReader ReadLacpNames(ConfigOpsManager& config) {
-  return [&config](const std::string& dvs, std::vector<std::string>* names, std::string* error) {
-    return config.GetLacpNames(dvs, names, error);
+  return [&config](const std::string& dvs, std::vector<std::string>* names) {
+    return config.GetLacpNames(dvs, names);
   };
 }
 

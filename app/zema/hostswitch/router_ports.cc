@@ -132,28 +132,29 @@ void RouterPorts::VdrPortReconnection(const std::vector<DvsConfigInfo>& switches
   }
 }
 
-bool RouterPorts::WaitTillVdrUnloadDone(std::string* error, int seconds) {
+Outcome RouterPorts::WaitTillVdrUnloadDone(int seconds) {
+  std::string error;
   for (int waited = 0;; waited += kUnloadPollSeconds) {
     bool busy = false;
     const uint32_t result = library_.GetUnloadStatus(&busy);
     if (result != 0) {
-      *error = "WaitTillVdrUnloadDone failed with code " + std::to_string(result);
+      error = "WaitTillVdrUnloadDone failed with code " + std::to_string(result);
       break;
     }
-    if (!busy) return true;
+    if (!busy) return Outcome::Done();
     if (waited >= seconds) {
-      *error = "WaitTillVdrUnloadDone timed out after " + std::to_string(seconds) + " seconds";
+      error = "WaitTillVdrUnloadDone timed out after " + std::to_string(seconds) + " seconds";
       break;
     }
     ZLOG_INFO("WaitTillVdrUnloadDone sleeps for 2s before next retry; retries left %d",
               (seconds - waited) / kUnloadPollSeconds);
     if (!pause_(std::chrono::seconds(kUnloadPollSeconds))) {
-      *error = "WaitTillVdrUnloadDone ended because the agent stops";
+      error = "WaitTillVdrUnloadDone ended because the agent stops";
       break;
     }
   }
-  ZLOG_WARN("%s", error->c_str());
-  return false;
+  ZLOG_WARN("%s", error.c_str());
+  return Outcome::Failed(std::move(error));
 }
 
 }  // namespace zem::zema

@@ -8,6 +8,7 @@
 
 #include "app/zema/hostlib/router_library.h"
 #include "app/zema/hostswitch/dvs_config_info.h"
+#include "framework/tasks/outcome.h"
 #include "platform/core/clock.h"
 
 namespace zem::zema {
@@ -48,9 +49,8 @@ class RouterPorts {
   /// library still has.  After a restart of the host the library has none.
   void VdrPortReconnection(const std::vector<DvsConfigInfo>& switches, const Macs& macs);
 
-  /// Returns false and sets `error` when routers are still being unloaded after `seconds`, or when the daemon
-  /// is stopping.
-  [[nodiscard]] bool WaitTillVdrUnloadDone(std::string* error, int seconds);
+  /// Waits until no router is being unloaded; fails after `seconds`, and when the daemon is stopping.
+  Outcome WaitTillVdrUnloadDone(int seconds);
 
  private:
   RouterLibrary& library_;

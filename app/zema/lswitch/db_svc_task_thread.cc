@@ -213,8 +213,7 @@ bool DbSvcTaskThread::QueueLogicalSwitch(const orlane::zem::switching::LogicalSw
 
 void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t epoch) {
   FullSync sync = ReadCache();
-  std::string error;
-  bool done = false;
+  Outcome sent = Outcome::Done();
   {
     // Waits for a running batch, so that it cannot create switches again after the full sync.
     const Synchronizer lock(context_->fence, __FILE__, __LINE__);
@@ -223,15 +222,15 @@ void DbSvcTaskThread::ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t
     ClearPendingLs();
     context_->workers.ClearTasks(Worker::kLogicalSwitch);
     context_->fence.Supersede();
-    done = SendFullSync(sync, &error);
+    sent = SendFullSync(sync);
   }
-  if (done) {
+  if (sent) {
     full_sync_pending_ = false;
     context_->store->writer().WriteFullSyncResult(nullptr, {}, barrier);
   } else {
     ZLOG_INFO("Schedule Logical Switch Full sync");
     context_->store->ScheduleFullSyncRead(epoch);
-    context_->store->writer().WriteFullSyncResult(&error, sync.Uuids(), barrier);
+    context_->store->writer().WriteFullSyncResult(&sent.error(), sync.Uuids(), barrier);
   }
   ZLOG_INFO("[%s] Logical Switch Full Sync complete", __func__);
 }
@@ -272,12 +271,12 @@ DbSvcTaskThread::FullSync DbSvcTaskThread::ReadCache() {
   return sync;
 }
 
-bool DbSvcTaskThread::SendFullSync(FullSync& sync, std::string* error) {
+Outcome DbSvcTaskThread::SendFullSync(FullSync& sync) {
   if (sync.entries.empty()) {
     ZLOG_INFO("[%s] Received TN Config Msg with Zero Logical Switches", "ProcessLogicalSwitchFullSyncMsg");
     LogicalSwitchBulkMsg none;
     none.set_continuation_flag(kBegin);
-    return SendBulk(none, error);
+    return SendBulk(none);
   }
   for (size_t begin = 0; begin < sync.entries.size(); begin += kFullSyncChunk) {
     LogicalSwitchBulkMsg bulk;
@@ -302,20 +301,19 @@ bool DbSvcTaskThread::SendFullSync(FullSync& sync, std::string* error) {
       info->set_path(std::move(*entry.config->mutable_segment_path()));
       info->set_revision(entry.config->revision());
     }
-    if (!SendBulk(bulk, error)) return false;
+    if (Outcome sent = SendBulk(bulk); !sent) return sent;
   }
-  return true;
+  return Outcome::Done();
 }
 
-bool DbSvcTaskThread::SendBulk(const LogicalSwitchBulkMsg& bulk, std::string* error) {
+Outcome DbSvcTaskThread::SendBulk(const LogicalSwitchBulkMsg& bulk) {
   std::string out;
   if (context_->lum.InvokeRPC(LumOperation::kApplyLogicalSwitches, bulk.SerializeAsString(), &out) ==
       LumCommands::kRpcSucceeded) {
-    return true;
+    return Outcome::Done();
   }
-  *error = out;
   ZLOG_ERROR("42033", "Logical Switch Full Sync call to zemaLum failed: %s", out.c_str());
-  return false;
+  return Outcome::Failed(std::move(out));
 }
 
 void DbSvcTaskThread::SyncPending(uint64_t epoch) {

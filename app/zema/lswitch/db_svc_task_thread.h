@@ -8,6 +8,7 @@
 
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/lswitch/logical_switch_context.h"
+#include "framework/tasks/outcome.h"
 #include "framework/tasks/task_thread.h"
 #include "proto/covedb/covedb.pb.h"
 
@@ -71,8 +72,8 @@ class DbSvcTaskThread final : public TaskThread {
                           uint64_t barrier, uint64_t generation);
   void ProcessLogicalSwitchFullSyncMsg(uint64_t barrier, uint64_t epoch);
   FullSync ReadCache();
-  bool SendFullSync(FullSync& sync, std::string* error);
-  bool SendBulk(const orlane::zem::switching::LogicalSwitchBulkMsg& bulk, std::string* error);
+  Outcome SendFullSync(FullSync& sync);
+  Outcome SendBulk(const orlane::zem::switching::LogicalSwitchBulkMsg& bulk);
   void AddBarrierTask();
 
   const std::shared_ptr<LogicalSwitchContext> context_;

@@ -257,34 +257,30 @@ void LogicalSwitchMsgTask::Batcher::Send(const Chunk& chunk, bool last_of_store)
     ZLOG_INFO("[%s] sending [%lu] LS %s to zemaLum ...\n", operation,
               static_cast<unsigned long>(chunk.entries), chunk.is_apply ? "APPLY" : "DELETE");
   }
-  std::string error;
-  if (CallLumOpaqueNetwork(chunk.is_apply, chunk.payload, &error))
-    return SendAck(chunk, barrier, last_of_store);
+  const Outcome called = CallLumOpaqueNetwork(chunk.is_apply, chunk.payload);
+  if (called) return SendAck(chunk, barrier, last_of_store);
   if (!context_->store) return;
   store_failed_ = store_failed_ || IsStore(chunk.reply_to);
   const std::vector<std::string> uuids = Uuids(chunk.acks);
-  context_->store->writer().WriteRealizationError(error, uuids, barrier);
+  context_->store->writer().WriteRealizationError(called.error(), uuids, barrier);
   context_->store->ScheduleLsRead(uuids, context_->store->epoch());
 }
 
-bool LogicalSwitchMsgTask::Batcher::CallLumOpaqueNetwork(bool is_apply, const std::string& payload,
-                                                         std::string* error) {
+Outcome LogicalSwitchMsgTask::Batcher::CallLumOpaqueNetwork(bool is_apply, const std::string& payload) {
   if (context_->state.del_zem_running) {
     ZLOG_WARN("[%s] did NOT apply logical switch [%s] to corvd because del zem is running\n", __func__,
               payload.c_str());
-    *error = "del zem is running";
-    return false;
+    return Outcome::Failed("del zem is running");
   }
   const std::string command = (is_apply ? "createOpaqueNetwork(" : "deleteOpaqueNetwork(") + payload + ")";
   std::string reply;
   if (context_->lum.InvokeCommand(command, "ok", &reply) == LumCommands::kSucceeded) {
     ZLOG_INFO("[%s] applied logical switch [%s] to corvd\n", __func__, payload.c_str());
-    return true;
+    return Outcome::Done();
   }
   ZLOG_ERROR("42033", "[%s] failed to apply logical switch [%s] to corvd: %s\n", __func__, payload.c_str(),
              reply.c_str());
-  *error = reply;
-  return false;
+  return Outcome::Failed(std::move(reply));
 }
 
 // The reply-to decides, not the sender: a batch may hold updates of both the manager and the store.

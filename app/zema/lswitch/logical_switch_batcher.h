@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "app/zema/lswitch/logical_switch_msg_task.h"
+#include "framework/tasks/outcome.h"
 
 namespace zem::zema {
 
@@ -57,7 +58,7 @@ class LogicalSwitchMsgTask::Batcher final : public BatchRunnable {
   void RefuseLs(const std::string& reply_to, const std::string& uuid, const std::string& field);
   void CloseChunk(Chunk* chunk, size_t limit);
   void Send(const Chunk& chunk, bool last_of_store);
-  bool CallLumOpaqueNetwork(bool is_apply, const std::string& payload, std::string* error);
+  Outcome CallLumOpaqueNetwork(bool is_apply, const std::string& payload);
   void SendAck(const Chunk& chunk, uint64_t barrier, bool last_of_store);
   void SendAckToStore(const Chunk& chunk, uint64_t barrier, bool last_of_store);
 

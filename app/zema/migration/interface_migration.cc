@@ -180,10 +180,10 @@ void InterfaceMigration::LeaveWhatMoved(const std::vector<std::string>& of_inter
 
 void InterfaceMigration::LeavePorts(const std::string& vif, const std::string& kept) {
   if (vif.empty()) return;
-  std::string error;
-  if (settings_.leave_ports(vif, kept, &error)) return;
+  const Outcome left = settings_.leave_ports(vif, kept);
+  if (left) return;
   ZLOG_ERROR("42018", "[%s] VIF [%s] stays on a port that it has left: %s", __func__, vif.c_str(),
-             error.c_str());
+             left.error().c_str());
 }
 
 bool InterfaceMigration::CreatePorts(const HostSwitch& host_switch, const KnlMigration& migration,
@@ -191,10 +191,10 @@ bool InterfaceMigration::CreatePorts(const HostSwitch& host_switch, const KnlMig
   int created = 0;
   for (ToLogicalSwitch* entry : migration.to_logical_switch) {
     if (entry->is_vtep() || IsPnicsAlone(*entry)) continue;
-    std::string error;
     made->push_back(entry);
-    if (!settings_.create_port(*entry, ZoneOf(*entry, host_switch), &error)) {
-      const std::string text = "MigrateToLS(" + host_switch.id() + ") failed to create port: [" + error + "]";
+    if (const Outcome port = settings_.create_port(*entry, ZoneOf(*entry, host_switch)); !port) {
+      const std::string text =
+          "MigrateToLS(" + host_switch.id() + ") failed to create port: [" + port.error() + "]";
       ZLOG_ERROR("42010", "[%s] %s, cmd=[%s]\n", "MigrateToLogicalSwitch", text.c_str(),
                  entry->ShortDebugString().c_str());
       errors_.Add(ErrorSink::kGeneral, text);
@@ -261,13 +261,12 @@ void InterfaceMigration::TakeBackPorts(const HostSwitch& host_switch,
       ZLOG_INFO("[%s] port [%s] keeps its VIF, [%s] may be there", __func__, port, entry->device().c_str());
       continue;
     }
-    std::string error;
-    if (settings_.leave_port(*entry, ZoneOf(*entry, host_switch), &error)) {
+    if (const Outcome left = settings_.leave_port(*entry, ZoneOf(*entry, host_switch))) {
       ZLOG_INFO("[%s] port [%s] has no VIF any more, [%s] did not move", __func__, port,
                 entry->device().c_str());
     } else {
       ZLOG_ERROR("42017", "[%s] port [%s] keeps VIF [%s]: %s", __func__, port, entry->vif_id().c_str(),
-                 error.c_str());
+                 left.error().c_str());
     }
   }
 }

@@ -8,6 +8,7 @@
 
 #include "app/zema/migration/migration_message.h"
 #include "app/zema/proxy/switch_record.h"
+#include "framework/tasks/outcome.h"
 
 namespace zem::zema {
 
@@ -25,24 +26,24 @@ struct InterfaceMigrationSettings {
   /// failed.
   std::function<void(bool)> set_del_zem_running = [](bool) {};
   std::function<void()> flush_desired_config = [] {};
-  /// Creates the port that `entry` names on the switch of `zone`; returns false and sets `error` when that
-  /// fails.
-  std::function<bool(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
-                     std::string* error)>
+  /// Creates the port that `entry` names on the switch of `zone`.
+  std::function<Outcome(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry,
+                        const std::string& zone)>
       create_port;
   /// Removes the entry's VIF from the port that it names, on the switch of `zone`.
-  std::function<bool(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
-                     std::string* error)>
-      leave_port = [](const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg&, const std::string&,
-                      std::string*) { return true; };
+  std::function<Outcome(const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg& entry,
+                        const std::string& zone)>
+      leave_port = [](const orlane::zem::switching::QubMgmtIfToLogicSwitchMsg&, const std::string&) {
+        return Outcome::Done();
+      };
   /// Called, before the host is asked to move them out, with the VIFs of the interfaces: afterwards the
   /// host's list of interfaces no longer contains these VIFs.
   std::function<void(const std::vector<std::string>& vifs)> leaving = [](const std::vector<std::string>&) {};
   /// VIFs passed to `leaving` in an earlier process, which may not have removed them from their ports.
   std::vector<std::string> left_before;
   /// Removes the VIF from every port but `kept`.
-  std::function<bool(const std::string& vif, const std::string& kept, std::string* error)> leave_ports =
-      [](const std::string&, const std::string&, std::string*) { return true; };
+  std::function<Outcome(const std::string& vif, const std::string& kept)> leave_ports =
+      [](const std::string&, const std::string&) { return Outcome::Done(); };
 };
 
 /// Moves the host's kernel interfaces, vNICs and physical NICs between its own switches and the host

@@ -228,20 +228,22 @@ MigrationFile::Read MigrationFile::Load(MigrationRequest* request, std::string* 
     return read;
   }
   request->request_id = IdOfNow();
-  std::string reason;
-  if (WriteId(text, request->request_id, &reason)) return read;
-  *error = "Failed to write to file " + path_ + ", error: " + reason;
+  const Outcome written = WriteId(text, request->request_id);
+  if (written) return read;
+  *error = "Failed to write to file " + path_ + ", error: " + written.error();
   return Read::kNotIdentified;
 }
 
 // The id is inserted at the front, so that every other byte stays unchanged.
-bool MigrationFile::WriteId(const std::string& text, const std::string& id, std::string* error) const {
+Outcome MigrationFile::WriteId(const std::string& text, const std::string& id) const {
   const size_t open = text.find('{');
   const size_t next = text.find_first_not_of(kBlanks, open + 1);
   const bool alone = next != std::string::npos && text[next] == '}';
   const std::string member = std::string("\"") + kRequestId + "\": \"" + id + (alone ? "\"" : "\",");
   const std::string whole = text.substr(0, open + 1) + member + text.substr(open + 1);
-  return WriteFileWhole(path_, whole, error) == FileWrite::kDone;
+  std::string error;
+  if (WriteFileWhole(path_, whole, &error) == FileWrite::kDone) return Outcome::Done();
+  return Outcome::Failed(std::move(error));
 }
 
 bool ReadMigrationResult(const std::string& path, MigrationResult* result) {

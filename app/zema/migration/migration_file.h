@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "framework/tasks/outcome.h"
+
 namespace zem::zema {
 
 /// An interface in a migration file.
@@ -91,7 +93,7 @@ class MigrationFile {
   const std::string& path() const { return path_; }
 
  private:
-  bool WriteId(const std::string& text, const std::string& id, std::string* error) const;
+  Outcome WriteId(const std::string& text, const std::string& id) const;
 
   const std::string path_;
 };

@@ -108,8 +108,9 @@ void VnicMigrationTask::LoadPortDataFromVmsMigrationFile(const MigrationResult& 
     return;
   }
   auto ports = std::make_shared<VmPortMap>(VmPortsOf(request));
-  std::string error;
-  if (request.in && request.pre_create_dvports && !settings_.create_ports(*ports, &error)) Refuse(error);
+  if (request.in && request.pre_create_dvports) {
+    if (const Outcome created = settings_.create_ports(*ports); !created) Refuse(created.error());
+  }
   settings_.keep_ports(std::move(ports));
 }
 

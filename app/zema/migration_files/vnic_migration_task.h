@@ -9,6 +9,7 @@
 #include "app/zema/hostconfig/host_config_task_qub.h"
 #include "app/zema/migration/migration_file.h"
 #include "app/zema/migration_files/vm_port_request.h"
+#include "framework/tasks/outcome.h"
 
 namespace zem::zema {
 
@@ -24,7 +25,7 @@ class VnicMigrationTask final : public HostConfigTaskQub {
     std::string vms_file = "/tmp/zem/vm_map.json";
     std::string result_file = "/tmp/zem/mvr_vnics_migration_result.txt";
     /// Creates the ports; returns false with the reason at the first port that cannot be created.
-    std::function<bool(VmPortMap& ports, std::string* error)> create_ports;
+    std::function<Outcome(VmPortMap& ports)> create_ports;
     /// Keeps the ports for the VIFs' requests and replaces the ports kept before.
     std::function<void(std::shared_ptr<VmPortMap> ports)> keep_ports;
   };

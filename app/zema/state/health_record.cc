@@ -66,9 +66,8 @@ void HealthRecord::Fall(bool HealthRecord::*part, bool value) {
   std::lock_guard lock(mutex_);
   this->*part = value;
   if (!healthy_) return;
-  std::string error;
-  if (!PublishLocked(false, &error)) {
-    ZLOG_ERROR("42100", "[%s] Failed to update health status [%s]", __func__, error.c_str());
+  if (const Outcome published = PublishLocked(false); !published) {
+    ZLOG_ERROR("42100", "[%s] Failed to update health status [%s]", __func__, published.error().c_str());
   }
 }
 
@@ -103,39 +102,39 @@ int HealthRecord::resetZemaHealth() {
 }
 
 int HealthRecord::ResetLocked() {
-  std::string error;
-  if (PublishLocked(CheckLocked(), &error)) return 0;
-  ZLOG_ERROR("42100", "[%s] Failed to update health status [%s]", "resetZemaHealth", error.c_str());
+  const Outcome published = PublishLocked(CheckLocked());
+  if (published) return 0;
+  ZLOG_ERROR("42100", "[%s] Failed to update health status [%s]", "resetZemaHealth",
+             published.error().c_str());
   return -1;
 }
 
-bool HealthRecord::PublishLocked(bool up, std::string* error) {
-  bool all = true;
+Outcome HealthRecord::PublishLocked(bool up) {
+  std::string failures;
   const std::string word = up ? "up" : "down";
   for (const auto& [host_switch, mac] : router_macs_) {
     ZLOG_INFO("[%s] Setting zema health status for dvs [%s] : %s, noReplicateFlag: 0x%x", "updateZemaHealth",
               host_switch.c_str(), word.c_str(), kStatusFlags);
-    std::string reason;
-    if (!publisher_.SetProperty(host_switch, kStatusProperty, word.c_str(), word.size() + 1, kStatusFlags,
-                                &reason)) {
-      *error += "UpdateZemaHealth for DVS[" + host_switch + "] failed: " + reason;
-      all = false;
+    if (const Outcome set =
+            publisher_.SetProperty(host_switch, kStatusProperty, word.c_str(), word.size() + 1, kStatusFlags);
+        !set) {
+      failures += "UpdateZemaHealth for DVS[" + host_switch + "] failed: " + set.error();
     }
-    if (!PublishOverlay(host_switch, up, &reason)) {
-      *error += "UpdateDvsHealth for DVS[" + host_switch + "] failed: " + reason;
-      all = false;
+    if (const Outcome overlay = PublishOverlay(host_switch, up); !overlay) {
+      failures += "UpdateDvsHealth for DVS[" + host_switch + "] failed: " + overlay.error();
     }
   }
-  if (all) healthy_ = up;
-  return all;
+  if (!failures.empty()) return Outcome::Failed(std::move(failures));
+  healthy_ = up;
+  return Outcome::Done();
 }
 
-bool HealthRecord::PublishOverlay(const std::string& host_switch, bool up, std::string* error) {
-  if (!publisher_.SecurityOnly()) return publisher_.RemoveProperty(host_switch, kOverlayProperty, error);
+Outcome HealthRecord::PublishOverlay(const std::string& host_switch, bool up) {
+  if (!publisher_.SecurityOnly()) return publisher_.RemoveProperty(host_switch, kOverlayProperty);
   OverlayStatus status{};
   status.status = up ? kOverlayUp : kOverlayDown;
   std::strncpy(status.text, up ? "zema up" : "zema down", sizeof(status.text) - 1);
-  return publisher_.SetProperty(host_switch, kOverlayProperty, &status, sizeof(status), kOverlayFlags, error);
+  return publisher_.SetProperty(host_switch, kOverlayProperty, &status, sizeof(status), kOverlayFlags);
 }
 
 bool HealthRecord::healthy() const {

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 
+#include "framework/tasks/outcome.h"
 #include "platform/core/unique_fd.h"
 
 namespace zem::zema {
@@ -15,11 +16,10 @@ class HealthPublisher {
  public:
   virtual ~HealthPublisher() = default;
 
-  /// Sets a switch property by name; returns false and sets `error` when that fails.
-  virtual bool SetProperty(const std::string& host_switch, const std::string& name, const void* data,
-                           size_t size, uint32_t flags, std::string* error) = 0;
-  virtual bool RemoveProperty(const std::string& host_switch, const std::string& name,
-                              std::string* error) = 0;
+  /// Sets a switch property by name.
+  virtual Outcome SetProperty(const std::string& host_switch, const std::string& name, const void* data,
+                              size_t size, uint32_t flags) = 0;
+  virtual Outcome RemoveProperty(const std::string& host_switch, const std::string& name) = 0;
   /// Whether this host serves security alone, without an overlay.
   virtual bool SecurityOnly() = 0;
 };
@@ -73,8 +73,8 @@ class HealthRecord {
   void Fall(bool HealthRecord::*part, bool value);
   bool CheckLocked() const;
   int ResetLocked();
-  bool PublishLocked(bool up, std::string* error);
-  bool PublishOverlay(const std::string& host_switch, bool up, std::string* error);
+  Outcome PublishLocked(bool up);
+  Outcome PublishOverlay(const std::string& host_switch, bool up);
 
   HealthPublisher& publisher_;
   mutable std::mutex mutex_;  // guards all below; held while the status is set on a switch

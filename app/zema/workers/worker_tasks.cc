@@ -22,10 +22,10 @@ bool Offer(TaskQueues& queues, Worker worker, std::unique_ptr<Runnable> task, co
 
 }  // namespace
 
-bool AddHostConfigTask(TaskQueues& queues, std::unique_ptr<Runnable> task, std::string* error) {
-  if (Offer(queues, Worker::kHostSync, std::move(task), "HostConfigTask", "HostConfig")) return true;
-  if (error != nullptr) *error = kNoHostConfigThread;
-  return false;
+Outcome AddHostConfigTask(TaskQueues& queues, std::unique_ptr<Runnable> task) {
+  if (Offer(queues, Worker::kHostSync, std::move(task), "HostConfigTask", "HostConfig"))
+    return Outcome::Done();
+  return Outcome::Failed(kNoHostConfigThread);
 }
 
 bool AddVtepRecoveryTask(TaskQueues& queues, std::unique_ptr<Runnable> task) {

@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "framework/tasks/outcome.h"
+
 namespace zem {
 class Runnable;
 }  // namespace zem
@@ -16,7 +18,7 @@ class WorkerTable;
 // the task and returns false.
 
 /// Sets `error`, which may be null, to the text for the manager.
-bool AddHostConfigTask(TaskQueues& queues, std::unique_ptr<Runnable> task, std::string* error);
+Outcome AddHostConfigTask(TaskQueues& queues, std::unique_ptr<Runnable> task);
 bool AddVtepRecoveryTask(TaskQueues& queues, std::unique_ptr<Runnable> task);
 bool AddVtepAdminStateTask(TaskQueues& queues, std::unique_ptr<Runnable> task);
 bool AddHighPerformanceProfileTask(TaskQueues& queues, std::unique_ptr<Runnable> task);

@@ -142,7 +142,7 @@ class HostInHand final : public ManagerRequests {
     if (!ConvertDvsUuidsAndPopulateKnlMigrationMap(&config, &map, errors)) return;
     MigrationRecord record;
     InterfaceMigrationSettings settings;
-    settings.create_port = [](const auto&, const std::string&, std::string*) { return true; };
+    settings.create_port = [](const auto&, const std::string&) { return Outcome::Done(); };
     InterfaceMigration migration(lum, errors, record, std::move(settings));
     bool migrate = false;
     (void)migration.PrepareAndMigrate(&config, &map, &migrate, false);

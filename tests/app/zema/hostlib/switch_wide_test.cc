@@ -47,33 +47,32 @@ class SwitchWideTest : public SwitchHostTest {
 
 TEST_F(SwitchWideTest, TeamingComesBackAsItWasPut) {
   const SwitchTeaming teaming{"", 2, {"u1", "u2"}, {"u3"}, 1};
-  EXPECT_TRUE(switches.ConfigureTeaming(kOverlay, teaming, &error)) << error;
+  EXPECT_TRUE(switches.ConfigureTeaming(kOverlay, teaming));
   uint32_t type = 0;
   std::vector<std::string> uplinks;
-  EXPECT_TRUE(switches.GetTeaming(kOverlay, &type, &uplinks, &error)) << error;
+  EXPECT_TRUE(switches.GetTeaming(kOverlay, &type, &uplinks));
   EXPECT_EQ(type, 2U);
   EXPECT_THAT(uplinks, ElementsAre("u1", "u2", "u3"));
   EXPECT_EQ(ReadTeamPolicy(*BuildTeamPolicy(teaming)), teaming);
-  EXPECT_TRUE(switches.ClearTeaming(kOverlay, &error));
-  EXPECT_TRUE(switches.ClearTeaming(kOverlay, &error));
-  EXPECT_TRUE(switches.GetTeaming(kOverlay, &type, &uplinks, &error));
+  EXPECT_TRUE(switches.ClearTeaming(kOverlay));
+  EXPECT_TRUE(switches.ClearTeaming(kOverlay));
+  EXPECT_TRUE(switches.GetTeaming(kOverlay, &type, &uplinks));
   EXPECT_THAT(uplinks, IsEmpty());
 
-  EXPECT_FALSE(switches.ConfigureTeaming("ks-1", teaming, &error)) << "a name is no id";
-  EXPECT_FALSE(switches.ConfigureTeaming(kOverlay, {"", 0, {std::string(84, 'u')}, {}, 0}, &error));
-  EXPECT_EQ(error, "Failed to allocate VSTeamPolicy structure");
+  EXPECT_FALSE(switches.ConfigureTeaming("ks-1", teaming)) << "a name is no id";
+  EXPECT_EQ(switches.ConfigureTeaming(kOverlay, {"", 0, {std::string(84, 'u')}, {}, 0}).error(),
+            "Failed to allocate VSTeamPolicy structure");
 }
 
 TEST_F(SwitchWideTest, NoNamedTeamingsTakeTheTableAway) {
-  EXPECT_TRUE(
-      switches.ConfigureNamedTeaming(kOverlay, {{"a", 1, {"u1"}, {}, 0}, {"b", 2, {}, {"u2"}, 0}}, &error));
+  EXPECT_TRUE(switches.ConfigureNamedTeaming(kOverlay, {{"a", 1, {"u1"}, {}, 0}, {"b", 2, {}, {"u2"}, 0}}));
   const auto table = state->SwitchProperty(kOverlay, "global", port_props::kNamedTeaming);
   ASSERT_TRUE(table);
   LSTeamTable header;
   std::memcpy(&header, table->data(), sizeof(header));
   EXPECT_EQ(header.size, table->size());
   EXPECT_EQ(header.count, 2U);
-  EXPECT_TRUE(switches.ConfigureNamedTeaming(kOverlay, {}, &error));
+  EXPECT_TRUE(switches.ConfigureNamedTeaming(kOverlay, {}));
   EXPECT_FALSE(state->SwitchProperty(kOverlay, "global", port_props::kNamedTeaming));
 }
 
@@ -83,9 +82,9 @@ TEST_F(SwitchWideTest, RecordsOfAnotherLengthAreRefused) {
   std::string record(reinterpret_cast<const char*>(&table), sizeof(table));
   record += std::string(sizeof(DVSName), '\0') + "lag" + std::string(sizeof(DVSName) - 3, '\0');
   std::vector<std::string> names;
-  EXPECT_TRUE(switches.GetLacpNames(kOverlay, &names, &error));
+  EXPECT_TRUE(switches.GetLacpNames(kOverlay, &names));
   ASSERT_TRUE(state->SetSwitchProperty(kOverlay, "global", port_props::kLacp, record));
-  EXPECT_TRUE(switches.GetLacpNames(kOverlay, &names, &error)) << error;
+  EXPECT_TRUE(switches.GetLacpNames(kOverlay, &names));
   EXPECT_THAT(names, ElementsAre("", "lag"));
 
   table.count = 0x80000001;  // times the size of a name it would be small again in 32 bits
@@ -94,9 +93,8 @@ TEST_F(SwitchWideTest, RecordsOfAnotherLengthAreRefused) {
   for (const std::string& bytes : {wrong, record.substr(0, record.size() - 1), record.substr(0, 3),
                                    record.substr(0, 8) + std::string(2 * sizeof(DVSName), 'x')}) {
     ASSERT_TRUE(state->SetSwitchProperty(kOverlay, "global", port_props::kLacp, bytes));
-    EXPECT_FALSE(switches.GetLacpNames(kOverlay, &names, &error)) << bytes.size();
+    EXPECT_THAT(switches.GetLacpNames(kOverlay, &names).error(), HasSubstr("invalid size.")) << bytes.size();
   }
-  EXPECT_THAT(error, HasSubstr("invalid size."));
 }
 
 TEST_F(SwitchWideTest, HealthIsOnTheSwitchesAndAFailureIsTold) {
@@ -198,17 +196,16 @@ TEST_F(SwitchWideTest, UnloadIsWaitedForUpToItsLimit) {
     dir.Write("sim/switch/vdr/x.json", "{\"unloadPollsLeft\":" + std::to_string(polls) + "}");
   };
   busy_for(2);
-  EXPECT_TRUE(ports_of_router.WaitTillVdrUnloadDone(&error, 30));
+  EXPECT_TRUE(ports_of_router.WaitTillVdrUnloadDone(30));
   EXPECT_THAT(pauses, ElementsAre(std::chrono::seconds(2), std::chrono::seconds(2)));
   busy_for(100);
-  EXPECT_FALSE(ports_of_router.WaitTillVdrUnloadDone(&error, 30));
-  EXPECT_EQ(error, "WaitTillVdrUnloadDone timed out after 30 seconds");
+  EXPECT_EQ(ports_of_router.WaitTillVdrUnloadDone(30).error(),
+            "WaitTillVdrUnloadDone timed out after 30 seconds");
   EXPECT_THAT(pauses, SizeIs(15));
   running = false;
-  EXPECT_FALSE(ports_of_router.WaitTillVdrUnloadDone(&error, 30));
+  EXPECT_FALSE(ports_of_router.WaitTillVdrUnloadDone(30));
   Fault("VDRKNL_GetUnloadStatus count=1 ret=9");
-  EXPECT_FALSE(ports_of_router.WaitTillVdrUnloadDone(&error, 30));
-  EXPECT_EQ(error, "WaitTillVdrUnloadDone failed with code 9");
+  EXPECT_EQ(ports_of_router.WaitTillVdrUnloadDone(30).error(), "WaitTillVdrUnloadDone failed with code 9");
 }
 
 TEST_F(SwitchWideTest, LibraryThatIsMissingOrLacksAFunctionIsNotLoaded) {
@@ -231,8 +228,7 @@ TEST_F(SwitchWideTest, LibraryThatIsMissingOrLacksAFunctionIsNotLoaded) {
   EXPECT_FALSE(other.Open(&error));
   EXPECT_THAT(error, HasSubstr("libklnPublic.so"));
   ConfigOpsManager config(other);
-  EXPECT_FALSE(config.ClearTeaming(kOverlay, &error));
-  EXPECT_EQ(error, "Config ops manager methods are not initialized.");
+  EXPECT_EQ(config.ClearTeaming(kOverlay).error(), "Config ops manager methods are not initialized.");
   EXPECT_EQ(config.SetHostProp(kOverlay, "a", "b"), kSwitchNotLoaded);
   ASSERT_TRUE(folder.Restore("libklnPublic.so", &error));
   EXPECT_TRUE(other.Open(&error)) << error;

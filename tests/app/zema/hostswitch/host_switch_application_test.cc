@@ -228,16 +228,15 @@ TEST(HighPerformanceProfileTest, ANameIsQuotedForTheShell) {
 }
 
 TEST(DvsConfigInfoTest, LinkAggregationGroupsStandForTheirUplinks) {
-  const TeamingReader teaming = [](const std::string& dvs, uint32_t* type, std::vector<std::string>* uplinks,
-                                   std::string* error) {
+  const TeamingReader teaming = [](const std::string& dvs, uint32_t* type,
+                                   std::vector<std::string>* uplinks) {
     *type = 2;
     *uplinks = {"up1"};
-    *error = "no teaming of " + dvs;
-    return dvs != "s3";
+    return dvs != "s3" ? Outcome::Done() : Outcome::Failed("no teaming of " + dvs);
   };
-  const LacpNamesReader lacp = [](const std::string& dvs, std::vector<std::string>* names, std::string*) {
+  const LacpNamesReader lacp = [](const std::string& dvs, std::vector<std::string>* names) {
     if (dvs == "s2") *names = {"lag1"};
-    return true;
+    return Outcome::Done();
   };
   std::vector<DvsConfigInfo> infos;
   std::string error;
@@ -252,16 +251,14 @@ struct Application {
     settings.set_tz_to_dvs_cache = [this](std::vector<TzDvs> list) {
       for (const TzDvs& entry : list) steps.push_back("zone " + entry.zone + " " + entry.kind);
     };
-    settings.configure_teaming = [this](const std::string& dvs, const SwitchTeaming& teaming,
-                                        std::string* error) {
+    settings.configure_teaming = [this](const std::string& dvs, const SwitchTeaming& teaming) {
       steps.push_back("teaming " + dvs + " " + std::to_string(teaming.policy));
-      *error = teaming_error;
-      return teaming_error.empty();
+      return teaming_error.empty() ? Outcome::Done() : Outcome::Failed(teaming_error);
     };
     settings.configure_named_teaming = [this](const std::string& dvs,
-                                              const std::vector<SwitchTeaming>& teamings, std::string*) {
+                                              const std::vector<SwitchTeaming>& teamings) {
       steps.push_back("named " + dvs + " " + std::to_string(teamings.size()));
-      return true;
+      return Outcome::Done();
     };
     settings.endpoint_id_of = [](const std::string&, const std::string&) {
       return std::optional<uint32_t>(1);
@@ -273,7 +270,7 @@ struct Application {
     lum.Script("GetGuestLaneKnl(s2)", {"notFound"});
     lum.Script(kVtep1, {"ok|~ok|~ok|~ok|~ok|knl5~10.0.0.5~~ok~5"});
     lum.Script(kVtep2, {"ok|~ok|~ok|~ok|~ok"});
-    migration_settings.create_port = [](const auto&, const std::string&, std::string*) { return true; };
+    migration_settings.create_port = [](const auto&, const std::string&) { return Outcome::Done(); };
   }
 
   static constexpr const char* kVtep1 =

@@ -67,21 +67,18 @@ const std::string kVtepIn = In(kUuid, R"(device: "knl5" is_vtep: true lswitch_id
 
 struct Migration {
   Migration() {
-    settings.create_port = [this](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
-                                  std::string* error) {
+    settings.create_port = [this](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone) {
       ports.push_back(entry.logical_port_id() + "@" + zone);
-      *error = port_error;
-      return port_error.empty();
+      return port_error.empty() ? Outcome::Done() : Outcome::Failed(port_error);
     };
-    settings.leave_port = [this](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone,
-                                 std::string*) {
+    settings.leave_port = [this](const QubMgmtIfToLogicSwitchMsg& entry, const std::string& zone) {
       left.push_back(entry.logical_port_id() + "@" + zone);
-      return true;
+      return Outcome::Done();
     };
     settings.leaving = [this](const Texts& vifs) { leaving.insert(leaving.end(), vifs.begin(), vifs.end()); };
-    settings.leave_ports = [this](const std::string& vif, const std::string& kept, std::string*) {
+    settings.leave_ports = [this](const std::string& vif, const std::string& kept) {
       left.push_back(vif + " but " + kept);
-      return true;
+      return Outcome::Done();
     };
     settings.set_del_zem_running = [this](bool running) { calls += running ? "del " : "nodel "; };
     settings.flush_desired_config = [this] { calls += "flush "; };

@@ -233,10 +233,9 @@ class VnicMigrationTaskTest : public ::testing::Test {
   void Run(bool vm_ports, bool knl_pnic) {
     VnicMigrationTask::Settings settings{
         knl_, vms_, result_,
-        [this](VmPortMap& ports, std::string* error) {
+        [this](VmPortMap& ports) {
           created_ += ports.size();
-          *error = create_error_;
-          return create_error_.empty();
+          return create_error_.empty() ? Outcome::Done() : Outcome::Failed(create_error_);
         },
         [this](std::shared_ptr<VmPortMap> ports) { kept_ = std::move(ports); }};
     VnicMigrationTask(context_, std::move(settings), vm_ports, knl_pnic).Run();

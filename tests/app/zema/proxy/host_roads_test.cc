@@ -48,12 +48,12 @@ void WriteProperty(const std::string& directory, const std::string& name, const 
 }
 
 // Does what the switch library does for the port of an interface.
-bool CreatePort(const QubMgmtIfToLogicSwitchMsg& entry, const std::string&, std::string*) {
+Outcome CreatePort(const QubMgmtIfToLogicSwitchMsg& entry, const std::string&) {
   const std::string properties = std::string(kRoot) + "/switch/switches/" + entry.host_switch_id() +
                                  "/ports/" + entry.logical_port_id() + "/p";
   WriteProperty(properties, "com.orlane.port.extraConfig.vnic.external.id", entry.vif_id());
   WriteProperty(properties, "com.orlane.port.extraConfig.opaqueNetwork.id", entry.lswitch_id());
-  return true;
+  return Outcome::Done();
 }
 
 HostConfigMsg Config(const std::string& text) {
@@ -96,9 +96,10 @@ struct Agent {
     HostSwitchApplicationSettings settings;
     settings.mode_standard_realization = "auto";
     settings.set_tz_to_dvs_cache = [](std::vector<TzDvs>) {};
-    settings.configure_teaming = [](const std::string&, const SwitchTeaming&, std::string*) { return true; };
-    settings.configure_named_teaming = [](const std::string&, const std::vector<SwitchTeaming>&,
-                                          std::string*) { return true; };
+    settings.configure_teaming = [](const std::string&, const SwitchTeaming&) { return Outcome::Done(); };
+    settings.configure_named_teaming = [](const std::string&, const std::vector<SwitchTeaming>&) {
+      return Outcome::Done();
+    };
     settings.endpoint_id_of = [](const std::string&, const std::string& device) -> std::optional<uint32_t> {
       return device == "knl10" ? 1 : 2;
     };

@@ -13,20 +13,17 @@ namespace {
 // Switches that keep their properties.
 class Switches final : public HealthPublisher {
  public:
-  bool SetProperty(const std::string& host_switch, const std::string& name, const void* data, size_t size,
-                   uint32_t flags, std::string* error) override {
-    if (host_switch == broken) {
-      *error = "no such switch";
-      return false;
-    }
+  Outcome SetProperty(const std::string& host_switch, const std::string& name, const void* data, size_t size,
+                      uint32_t flags) override {
+    if (host_switch == broken) return Outcome::Failed("no such switch");
     properties[host_switch][name] = std::string(static_cast<const char*>(data), size);
     last_flags[name] = flags;
     ++writes;
-    return true;
+    return Outcome::Done();
   }
-  bool RemoveProperty(const std::string& host_switch, const std::string& name, std::string*) override {
+  Outcome RemoveProperty(const std::string& host_switch, const std::string& name) override {
     properties[host_switch].erase(name);
-    return true;
+    return Outcome::Done();
   }
   bool SecurityOnly() override { return security_only; }
 

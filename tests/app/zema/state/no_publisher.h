@@ -9,11 +9,10 @@ namespace zem::zema {
 /// A host without switches.
 class NoPublisher : public HealthPublisher {
  public:
-  bool SetProperty(const std::string&, const std::string&, const void*, size_t, uint32_t,
-                   std::string*) override {
-    return true;
+  Outcome SetProperty(const std::string&, const std::string&, const void*, size_t, uint32_t) override {
+    return Outcome::Done();
   }
-  bool RemoveProperty(const std::string&, const std::string&, std::string*) override { return true; }
+  Outcome RemoveProperty(const std::string&, const std::string&) override { return Outcome::Done(); }
   bool SecurityOnly() override { return false; }
 };
 

@@ -125,9 +125,8 @@ TEST_F(WorkerTableTest, ShutDownStartsNothing) {
 }
 
 TEST_F(WorkerTableTest, TasksForAMissingWorkerAreLoggedAndDestroyed) {
-  std::string error;
-  EXPECT_FALSE(AddHostConfigTask(table_, MakeTask(journal_, "host"), &error));
-  EXPECT_EQ(error, "HostConfigTask is ignored because of no HostConfig thread.");
+  EXPECT_EQ(AddHostConfigTask(table_, MakeTask(journal_, "host")).error(),
+            "HostConfigTask is ignored because of no HostConfig thread.");
   EXPECT_FALSE(AddVtepRecoveryTask(table_, MakeTask(journal_, "recovery")));
   EXPECT_FALSE(AddVtepAdminStateTask(table_, MakeTask(journal_, "admin")));
   EXPECT_FALSE(AddHighPerformanceProfileTask(table_, MakeTask(journal_, "profile")));
@@ -142,7 +141,7 @@ TEST_F(WorkerTableTest, TasksForAMissingWorkerAreLoggedAndDestroyed) {
 
   EXPECT_EQ(table_.StartWorker(Worker::kHostSync, "StartHostSyncTaskThread"), 0);
   EXPECT_EQ(table_.StartWorker(Worker::kHostSync, "StartHostSyncTaskThread"), 0);
-  EXPECT_TRUE(AddHostConfigTask(table_, MakeTask(journal_, "host"), &error));
+  EXPECT_TRUE(AddHostConfigTask(table_, MakeTask(journal_, "host")));
   EXPECT_TRUE(AddCklnHotSwapTask(table_, MakeTask(journal_, "swap"), 1));
   clock_.RunFor(std::chrono::seconds(2));
   EXPECT_THAT(journal_.Take(), ElementsAre("host", "swap"));
