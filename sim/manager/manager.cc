@@ -66,12 +66,15 @@ class Manager::Sink final : public MpSink {
                  const GenericUnifiedMsg& message) override {
     bool app_init = false;
     manager_->Receive(*aph_, vertical, host, message, true, &app_init);
+    if (const PeerHandler peer = manager_->PeerOf(vertical)) {
+      (void)peer({host, message.ctrl_header().correlation_id(), true, message.payload()});
+    }
   }
   void OnRequest(const std::string& vertical, const std::string& host, const GenericUnifiedMsg& message,
                  rpc::CallHandle<GenericUnifiedMsg> call) override {
     bool app_init = false;
     manager_->Receive(*aph_, vertical, host, message, false, &app_init);
-    manager_->Answer(aph_, vertical, message, app_init, std::move(call));
+    manager_->Answer(aph_, vertical, host, message, app_init, std::move(call));
   }
 
  private:
@@ -181,6 +184,17 @@ void Manager::SetRule(const std::string& vertical, bool app_init, AnswerRule rul
   rules_[{vertical, app_init}] = std::move(rule);
 }
 
+void Manager::SetPeer(const std::string& vertical, PeerHandler handler) {
+  std::lock_guard lock(mutex_);
+  peers_[vertical] = std::move(handler);
+}
+
+PeerHandler Manager::PeerOf(const std::string& vertical) const {
+  std::lock_guard lock(mutex_);
+  const auto found = peers_.find(vertical);
+  return found == peers_.end() ? PeerHandler() : found->second;
+}
+
 AnswerRule Manager::TakeRule(const std::string& vertical, bool app_init) {
   std::lock_guard lock(mutex_);
   for (const std::string& name : {vertical, std::string()}) {
@@ -216,7 +230,8 @@ void Manager::Receive(const Aph& aph, const std::string& vertical, const std::st
   record_.AddReceived(std::move(received));
 }
 
-void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnifiedMsg& request, bool app_init,
+void Manager::Answer(Aph* aph, const std::string& vertical, const std::string& host,
+                     const GenericUnifiedMsg& request, bool app_init,
                      rpc::CallHandle<GenericUnifiedMsg> call) {
   const AnswerRule rule = TakeRule(vertical, app_init);
   const ManagerVertical* const known = FindManagerVertical(vertical);
@@ -251,6 +266,9 @@ void Manager::Answer(Aph* aph, const std::string& vertical, const GenericUnified
             unified->GetReflection()->MutableMessage(unified.get(), field));
         config->set_sender(aph->id());
         SetType(unified.get(), WireTypeName(*field->message_type()));
+      } else if (const PeerHandler peer = PeerOf(vertical)) {
+        const auto served = peer({host, request.ctrl_header().correlation_id(), false, request.payload()});
+        if (!served || !unified->ParseFromString(*served)) return;
       } else {
         const auto asked = New(known->mp_prototype());
         if (!asked->ParseFromString(request.payload())) return;

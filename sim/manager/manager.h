@@ -33,6 +33,19 @@ struct AnswerRule {
   int count = -1;
 };
 
+/// A message as the manager's own service behind a vertical receives it.
+struct PeerMessage {
+  std::string host;
+  std::string correlation_id;
+  bool publish;
+  /// The vertical's unified message, serialized.
+  std::string payload;
+};
+
+/// The manager's own service behind a vertical.  Returns the serialized unified message that answers a
+/// request; nothing when there is no answer, which is so for every publish.
+using PeerHandler = std::function<std::optional<std::string>(const PeerMessage&)>;
+
 /// The central manager behind one node's proxy, with its APHs: keeps which APH is master, records what hosts
 /// send, answers according to rules, and calls the hosts.
 ///
@@ -73,6 +86,9 @@ class Manager {
   /// Sets the rule for one vertical ("" for all), separately for app-init requests and all others.
   void SetRule(const std::string& vertical, bool app_init, AnswerRule rule);
 
+  /// Lets `handler` receive the messages of a vertical, as far as its rule is to serve them; empty: nobody.
+  void SetPeer(const std::string& vertical, PeerHandler handler);
+
   struct SendRequest {
     std::string vertical;
     std::string aph;  // empty: the master
@@ -100,12 +116,13 @@ class Manager {
 
   void Receive(const Aph& aph, const std::string& vertical, const std::string& host,
                const GenericUnifiedMsg& message, bool publish, bool* app_init);
-  void Answer(Aph* aph, const std::string& vertical, const GenericUnifiedMsg& request, bool app_init,
-              rpc::CallHandle<GenericUnifiedMsg> call);
+  void Answer(Aph* aph, const std::string& vertical, const std::string& host,
+              const GenericUnifiedMsg& request, bool app_init, rpc::CallHandle<GenericUnifiedMsg> call);
   /// Returns false when the request is not one for the table.
   bool AnswerVif(Aph* aph, const GenericUnifiedMsg& request, const GenericUnifiedMsg& header, Duration delay,
                  rpc::CallHandle<GenericUnifiedMsg> call);
   void PublishLocked();
+  PeerHandler PeerOf(const std::string& vertical) const;
   AnswerRule TakeRule(const std::string& vertical, bool app_init);
 
   const Options options_;
@@ -117,6 +134,7 @@ class Manager {
   std::map<std::string, std::unique_ptr<Aph>> aphs_;
   std::map<std::string, bool> listed_;
   std::map<std::pair<std::string, bool>, AnswerRule> rules_;
+  std::map<std::string, PeerHandler> peers_;
   std::map<std::string, uint64_t> served_;
 };
 

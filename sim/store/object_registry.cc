@@ -9,6 +9,7 @@
 
 #include "proto/covedb/firewall_objects.pb.h"
 #include "proto/covedb/introspection_objects.pb.h"
+#include "proto/covedb/monitoring_objects.pb.h"
 #include "proto/covedb/profile_objects.pb.h"
 #include "proto/covedb/runtime_objects.pb.h"
 #include "proto/covedb/scenario.pb.h"
@@ -72,6 +73,15 @@ ObjectRegistry::ObjectRegistry() {
   Register(ObjectType::PROFILE, proto::ProfileMsg::default_instance(), "id");
   Register(ObjectType::PROFILE_BINDING, proto::ProfileBindingMsg::default_instance(), "entity_id");
   Register(ObjectType::OPAQUE_LOG_SWITCH_CONFIG, proto::OpaqueLogSwitchConfigMsg::default_instance(), "id");
+  Register(ObjectType::GLOBAL_CONFIG, proto::GlobalConfigMsg::default_instance(), "");
+  Register(ObjectType::EVENT_CONFIG, proto::EventConfigMsg::default_instance(), "name");
+  Register(ObjectType::DATA_COLLECTION_CONFIG, proto::DataCollectionConfigMsg::default_instance(),
+           "feature_stack_name");
+  Register(ObjectType::GLOBAL_COLLECTION_CONFIGURATION,
+           proto::GlobalCollectionConfigurationMsg::default_instance(), "");
+  Register(ObjectType::USER_DEFINED_FEATURE_STACK_COLLECTION_CONFIGURATION,
+           proto::UserDefinedFeatureStackCollectionConfigurationMsg::default_instance(),
+           "feature_stack_name");
 }
 
 void ObjectRegistry::Register(ObjectType type, const Message& prototype, const std::string& key_field,
