@@ -5,6 +5,7 @@
 #include <array>
 #include <boost/property_tree/ptree.hpp>
 
+#include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/probe/probe.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
@@ -66,6 +67,18 @@ class ProbeRow final : public Application {
   Probe probe_;
 };
 
+class AlarmsProviderRow final : public Application {
+ public:
+  explicit AlarmsProviderRow(const ApplicationContext& context)
+      : alarms_(std::make_shared<AlarmsProvider>(context.provider, context.store, AlarmsProvider::Files())) {}
+
+  bool Start() override { return alarms_->Start(); }
+  void Stop() override { alarms_->Stop(); }
+
+ private:
+  const std::shared_ptr<AlarmsProvider> alarms_;
+};
+
 class UpdateServiceRow final : public Application {
  public:
   explicit UpdateServiceRow(const ApplicationContext& context) : service_(context.update_service) {}
@@ -114,6 +127,14 @@ constexpr std::array kApplications = {
                    .create_rank = 20,
                    .stop_rank = 40},
     ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
+    ApplicationRow{.name = "AlarmsProvider",
+                   .make = &Make<AlarmsProviderRow>,
+                   .option = Mode::kAlarmsProvider,
+                   .thread_name = "Ops:Alarm",
+                   .start_line = "Alarms Provider Start...",
+                   .start_step = "alarms provider",
+                   .create_rank = 100,
+                   .stop_rank = 20},
     ApplicationRow{.name = "UPMService", .make = &Make<UpdateServiceRow>, .create_rank = 10, .stop_rank = 30},
 };
 

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+
+#include "app/alarmsprovider/events/reported_event.h"
+
+namespace zem::Tarvik {
+
+/// Events in the order in which they were reported.
+///
+/// Threads: none of its own; the owner guards it.
+class AlarmsProviderQueue {
+ public:
+  static constexpr size_t kCapacity = 0x10000;
+
+  /// Returns false when the queue is full.
+  [[nodiscard]] bool Push(SharedEvent event);
+  /// Removes the oldest event; null when there is none.
+  SharedEvent Pop();
+  /// Returns the oldest event; null when there is none.
+  SharedEvent Peek() const;
+  void Reset();
+
+  size_t size() const { return events_.size(); }
+
+ private:
+  std::deque<SharedEvent> events_;
+};
+
+}  // namespace zem::Tarvik

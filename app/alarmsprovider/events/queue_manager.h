@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "app/alarmsprovider/collector/collector_messages.h"
+#include "app/alarmsprovider/events/alarms_provider_queue.h"
+
+namespace zem {
+class AsioZemProvider;
+class Timer;
+}  // namespace zem
+
+namespace zem::Tarvik {
+
+class NodeIdCache;
+
+/// Sends alarm events to the collector in numbered reports of at most 1000 events, and an empty report as a
+/// heartbeat when there was nothing to send for 60 s.
+///
+/// A report that could not be sent is kept, and tried again at every tick before anything else is sent; the
+/// events behind it wait in the queue.
+///
+/// Threads: all operations from any thread.  The mutex is held while a report is sent, so that reports leave
+/// in the order of their numbers; sending does not wait for the collector.
+/// Limits: 65,536 events wait at most.
+class QueueManager : public std::enable_shared_from_this<QueueManager> {
+ public:
+  /// The three objects have to outlive the manager's last tick: call `Stop` before they end.
+  QueueManager(AsioZemProvider& provider, CollectorSender& owner, NodeIdCache& ids);
+  ~QueueManager();
+
+  void Start();
+  void Stop();
+  /// Drops the events and counts reports from 1 again.  A report that is kept is still the next one sent.
+  void Reset();
+  /// Returns false when the queue is full; the event is not kept then.
+  [[nodiscard]] bool Write(SharedEvent event);
+
+ private:
+  void Tick(uint64_t run);
+  void SendBatches();
+  bool PrepareReports(orlane::zem::monitoring::CollectorMpMsg* message);
+  void PrepareEmptyReport(orlane::zem::monitoring::CollectorMpMsg* message);
+
+  AsioZemProvider& provider_;
+  CollectorSender& owner_;
+  NodeIdCache& ids_;
+
+  std::mutex mutex_;  // guards what follows
+  AlarmsProviderQueue queue_;
+  std::unique_ptr<orlane::zem::monitoring::CollectorMpMsg> kept_;  // null: nothing to send again
+  int heartbeat_credit_;
+  uint32_t sequence_number_ = 0;
+  bool running_ = false;
+  uint64_t run_ = 0;  // counts the starts: a tick of an earlier start does nothing
+  std::shared_ptr<Timer> timer_;
+};
+
+}  // namespace zem::Tarvik
