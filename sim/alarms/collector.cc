@@ -42,6 +42,7 @@ enum HostType : uint32_t {
   kSync = 2,
   kResetAnswer = 3,
   kSourceSyncAnswer = 4,
+  kStatusFullSync = 5,
   kLeadershipAnswer = 6,
   kNoSuchType = 7,
 };
@@ -239,6 +240,10 @@ void Collector::TakeStatus(const MonitoringStatusReportMsg& report, const std::s
 // --- What the collector asks.
 
 std::string Collector::Ask(const CollectorHostMsg& message, Answered answered) {
+  if (message.msg_type() == kStatusFullSync) {
+    const std::lock_guard lock(mutex_);
+    status_restart_expected_ = true;
+  }
   orlane::zem::messaging::RawPayloadMsg raw;
   raw.set_payload(message.SerializeAsString());
   Manager::SendRequest request;

@@ -21,6 +21,7 @@
 
 #include "platform/core/clock_factor.h"
 #include "platform/core/thread.h"
+#include "sim/alarmpeers/peer_program.h"
 #include "sim/control/json.h"
 #include "sim/node/node.h"
 #include "sim/sandbox/sandbox.h"
@@ -245,6 +246,15 @@ int RunScenario(Words words) {
   return zem::sim::Scenario(node, std::cout).Run(lines, file) ? 0 : 1;
 }
 
+// Started by a node: the process of one of its alarm clients.
+int AlarmPeer(Words words) {
+  zem::sim::PeerSettings settings;
+  const std::string error = zem::sim::PeerSettings::FromWords(
+      {words.all.begin() + static_cast<ptrdiff_t>(words.next), words.all.end()}, &settings);
+  if (!error.empty()) throw std::runtime_error(error);
+  return zem::sim::RunAlarmPeer(settings);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -255,6 +265,7 @@ int main(int argc, char** argv) {
     if (verb == "check") return Check(words, argv[0]);
     if (verb == "ctl") return Control(words);
     if (verb == "scenario") return RunScenario(words);
+    if (verb == "alarm-peer") return AlarmPeer(words);
     std::fputs(kUsage, verb == "help" || verb == "--help" ? stdout : stderr);
     return verb == "help" || verb == "--help" ? 0 : kUsageError;
   } catch (const std::exception& error) {

@@ -5,6 +5,9 @@
 #include <array>
 #include <utility>
 
+#include "sim/alarmpeers/alarm_commands.h"
+#include "sim/alarmpeers/alarm_peers.h"
+#include "sim/alarms/collector.h"
 #include "sim/dataplane/dataplane_commands.h"
 #include "sim/firewall/firewall_commands.h"
 #include "sim/host/host_commands.h"
@@ -13,6 +16,7 @@
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
 #include "sim/node/vm_commands.h"
+#include "sim/sandbox/sandbox.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
 
@@ -88,6 +92,18 @@ class KafkaPeer final : public Peer {
   KafkaService service_;
 };
 
+class AlarmsPeer final : public Peer {
+ public:
+  explicit AlarmsPeer(const PeerContext& context) : collector_(context.manager), clients_(kNodeDirectory) {}
+  void Register(CommandTable& table) override { RegisterAlarmCommands(table, collector_, clients_); }
+  std::vector<std::string> Violations() const override { return collector_.state().violations; }
+  std::vector<std::string> Draw(size_t most) const override { return DrawAlarms(collector_, most); }
+
+ private:
+  Collector collector_;
+  AlarmPeers clients_;
+};
+
 template <class Row>
 std::unique_ptr<Peer> Make(const PeerContext& context) {
   return std::make_unique<Row>(context);
@@ -100,6 +116,8 @@ constexpr std::array kPeers = {
     PeerRow{"host", "The host and its management script; \"host help\" lists its commands.", &Make<HostPeer>},
     PeerRow{"fw", "The host's firewall; \"fw help\" lists its commands.", &Make<FirewallPeer>},
     PeerRow{"kafka", "Kafka brokers; \"kafka help\" lists their commands.", &Make<KafkaPeer>},
+    PeerRow{"alarm", "The collector and the alarm clients; \"alarm help\" lists their commands.",
+            &Make<AlarmsPeer>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},
 };
 

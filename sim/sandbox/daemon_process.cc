@@ -12,8 +12,8 @@
 
 namespace zem::sim {
 
-DaemonProcess::DaemonProcess(std::string path, std::string output_path)
-    : path_(std::move(path)), output_path_(std::move(output_path)) {
+DaemonProcess::DaemonProcess(std::string path, std::string output_path, std::vector<std::string> arguments)
+    : path_(std::move(path)), output_path_(std::move(output_path)), arguments_(std::move(arguments)) {
   environment_["PATH"] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 }
 
@@ -58,10 +58,15 @@ bool DaemonProcess::Start() {
   environment.reserve(variables.size() + 1);
   for (std::string& variable : variables) environment.push_back(variable.data());
   environment.push_back(nullptr);
-  std::string program = path_;
-  char* arguments[] = {program.data(), nullptr};
+  std::vector<std::string> words = arguments_;
+  words.insert(words.begin(), path_);
+  std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
   pid_t pid = 0;
-  const int result = posix_spawn(&pid, path_.c_str(), &actions, &attributes, arguments, environment.data());
+  const int result =
+      posix_spawn(&pid, path_.c_str(), &actions, &attributes, arguments.data(), environment.data());
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attributes);
   if (result != 0) throw std::system_error(result, std::generic_category(), "start " + path_);

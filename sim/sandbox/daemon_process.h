@@ -13,13 +13,13 @@
 
 namespace zem::sim {
 
-/// The daemon under test: the unmodified program, started and stopped as a service manager would.
+/// A program of the node, above all the daemon under test, started and stopped as a service manager would.
 ///
 /// Threads: all operations from any thread.
 class DaemonProcess {
  public:
-  /// The daemon's standard output and error are written to `output_path`.
-  DaemonProcess(std::string path, std::string output_path);
+  /// The program's standard output and error are written to `output_path`.
+  DaemonProcess(std::string path, std::string output_path, std::vector<std::string> arguments = {});
   ~DaemonProcess();
 
   void SetEnvironment(const std::string& name, const std::string& value);
@@ -39,6 +39,7 @@ class DaemonProcess {
 
   const std::string path_;
   const std::string output_path_;
+  const std::vector<std::string> arguments_;
   mutable std::mutex mutex_;  // guards what follows
   Condition ended_;
   std::map<std::string, std::string> environment_;

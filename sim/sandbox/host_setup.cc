@@ -17,6 +17,10 @@ namespace fs = std::filesystem;
 constexpr const char* kTools = "/usr/local/bin/";
 constexpr const char* kCommandLine = "/opt/orlane/zem-cli/bin/scripts";
 constexpr const char* kPerformanceFolder = "/usr/lib/orlane/high-performance-dp";
+constexpr const char* kAgentTools = "/opt/orlane/zem-tarvik/libexec";
+constexpr const char* kCentralConfigTool = "zem-central-node-config-update";
+// The alarm libraries' own folder, which the agent only writes to.
+constexpr const char* kAlarmFolder = "/var/run/orlane/zem-monitoring";
 constexpr const char* kProxyTools = "/opt/orlane/zem-cli/bin/";
 constexpr const char* kControllerFile = "/etc/orlane/zem/controller-info.xml";
 // The file's content after the host's installation.
@@ -53,6 +57,9 @@ void SetUpHost(const HostSetup& setup) {
   fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
   fs::create_directories(kCommandLine);
   fs::copy_file(scripts / "zemcli", fs::path(kCommandLine) / "zemcli", fs::copy_options::overwrite_existing);
+  fs::copy_file(scripts / kCentralConfigTool, fs::path(kAgentTools) / kCentralConfigTool,
+                fs::copy_options::overwrite_existing);
+  fs::create_directories(kAlarmFolder);
   fs::create_directories(kPerformanceFolder);
   for (const char* file : {"hp_dp_script.py", "simstate.py"}) {
     fs::create_symlink(scripts / file, fs::path(kPerformanceFolder) / file);
