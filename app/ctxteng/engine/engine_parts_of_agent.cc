@@ -1,0 +1,18 @@
+#include "app/ctxteng/engine/engine_parts_of_agent.h"
+
+#include "app/ctxteng/engine/ctxt_core.h"
+#include "app/ctxteng/firewall/dfw_connector.h"
+#include "app/ctxteng/guest/endvat_lib.h"
+#include "app/ctxteng/handler/sample_client.h"
+
+namespace Ctxt {
+
+EngineParts PartsOfAgent(zem::AsioZemProvider&) {
+  EngineParts parts;
+  parts.make_library = &MakeEndvatLib;
+  parts.firewall = &DfwUtil::DfwConnector::GetInstance();
+  parts.clients.sample = SampleClient::GetInstance();
+  return parts;
+}
+
+}  // namespace Ctxt
