@@ -100,6 +100,7 @@ void CtxtCore::Shutdown(uint32_t client_ids) {
   } catch (const EndvatApiError& error) {
     ZLOG_CTX_ERROR(177, "CtxtCore: Failed to unload Context library, error: %s", error.what());
   }
+  SetEndvatLib(nullptr);
   ZLOG_INFO("CtxtCore: Unloaded Context library");
   if (run == nullptr) return;
   if (run->parts.channel != nullptr) run->parts.channel->Shutdown();

@@ -22,6 +22,11 @@ constexpr size_t kMostKept = 1000;
 
 [[noreturn]] void Refuse(const std::string& why) { throw std::invalid_argument(why); }
 
+bool Changes(Operation operation) {
+  return operation == Operation::kSetData || operation == Operation::kSetMask ||
+         operation == Operation::kConfigureMux;
+}
+
 Answer Status(uint32_t status) {
   Answer answer;
   answer.status = status;
@@ -81,8 +86,19 @@ Answer GuestWorld::Ask(const Question& question) {
   }
   ++questions_[OperationName(question.operation)];
   const Guest* const guest = FindId(question.guest);
-  Answer answer = AnswerLocked(question);
-  faults_.Spoil(question, guest == nullptr ? std::string() : guest->name, &answer);
+  const std::string name = guest == nullptr ? std::string() : guest->name;
+  Answer answer;
+  if (Changes(question.operation)) {
+    // What is refused changes nothing.
+    faults_.Spoil(question, name, &answer);
+    if (answer.status != 0) return answer;
+    const uint32_t delay = answer.delay_ms;
+    answer = AnswerLocked(question);
+    answer.delay_ms = delay;
+    return answer;
+  }
+  answer = AnswerLocked(question);
+  faults_.Spoil(question, name, &answer);
   return answer;
 }
 
