@@ -29,11 +29,11 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CliServer", "Probe", "UPMService"));
+  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Probe", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "ZemaApp", "Probe"));
+              ElementsAre("UPMService", "CliServer", "ZemaApp", "CtxtEng", "Probe"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("UPMService", "CliServer", "Probe", "ZemaApp"));
+              ElementsAre("UPMService", "CliServer", "CtxtEng", "Probe", "ZemaApp"));
 }
 
 std::vector<std::string> events;

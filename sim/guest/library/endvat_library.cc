@@ -85,7 +85,9 @@ ENDVAT_STATUS EndvatLibrary::EnableCallbacks() {
   if (handlers_.vm == nullptr) return ENDVAT_ERROR_WRONG_CALL_ORDER;
   for (uint32_t i = 0; i <= worker_count_; ++i) workers_.push_back(std::make_unique<CallbackWorker>(*this));
   state_ = State::kEnabled;
-  const auto instance = static_cast<uint64_t>(::getpid()) << 32 ^
+  // On a virtual clock two loads may be at the same time, and at the same address.
+  static std::atomic<uint64_t> loads{0};
+  const auto instance = ++loads ^ static_cast<uint64_t>(::getpid()) << 32 ^
                         static_cast<uint64_t>(Clock::Process().Now().time_since_epoch().count()) ^
                         reinterpret_cast<uint64_t>(this);
   link_->Start(instance, most_undelivered_, [this](const Event& event) { Take(event); });
