@@ -64,7 +64,7 @@ void PartnerSolutions::Take(const orlane::zem::ouvi::GiSolutionInfoMsg& info, bo
         "OuviConfig: SVM with SolnID: %s and ServiceInstanceId: %s has been un-deployed or re-deployed. "
         "Resetting all active alarms for this SVM",
         solution.c_str(), instance.c_str());
-    if (!alarm_.ResetAll(instance)) ZLOG_WARN("OuviConfig: the alarms of %s stay", instance.c_str());
+    alarm_.ResetAll(instance);
   }
 }
 

@@ -15,13 +15,13 @@ class MuxPort {
 };
 
 /// The alarm that a partner's service VM has lost its channel ("ENDPOINT_PROTECTION_PARTNER_CHANNEL_DOWN"),
-/// by the id of the service instance.  False when it could not be posted.
+/// by the id of the service instance.  `Raise` and `Reset` give false when it could not be posted.
 class PartnerAlarm {
  public:
   virtual ~PartnerAlarm() = default;
   virtual bool Raise(const std::string& service_instance_id) = 0;
   virtual bool Reset(const std::string& service_instance_id) = 0;
-  virtual bool ResetAll(const std::string& service_instance_id) = 0;
+  virtual void ResetAll(const std::string& service_instance_id) = 0;
   virtual void Shutdown() = 0;
 };
 

@@ -30,7 +30,7 @@ class Alarm final : public PartnerAlarm {
  public:
   bool Raise(const std::string& id) override { return Note("raise " + id); }
   bool Reset(const std::string& id) override { return Note("reset " + id); }
-  bool ResetAll(const std::string& id) override { return Note("reset all " + id); }
+  void ResetAll(const std::string& id) override { Note("reset all " + id); }
   void Shutdown() override { Note("shutdown"); }
   std::vector<std::string> Take() { return std::exchange(calls_, {}); }
   bool works = true;
