@@ -268,11 +268,8 @@ void AMConfig::OnBarrier(const Update& update) {
   if (!barrier.ParseFromString(update.object())) throw CtxtException("a barrier cannot be parsed");
   ZLOG_DEBUG("AMConfig : Barrier number updated :%lu ", barrier.value());
   std::lock_guard lock(mutex_);
-  if (replaying_) {
-    barrier_ = barrier.value();
-  } else {
-    PostBarrier(barrier.value());
-  }
+  barrier_ = barrier.value();
+  if (!replaying_) PostBarrier();
 }
 
 // --- All that the store has.
@@ -295,7 +292,7 @@ void AMConfig::TakeBarrier() {
   replaying_ = false;
   Post(Everything());
   before_.clear();
-  if (const auto barrier = std::exchange(barrier_, std::nullopt)) PostBarrier(*barrier);
+  PostBarrier();
 }
 
 // With the mutex: each VM's rule, and the end of those that had one and have none.
@@ -345,6 +342,9 @@ void AMConfig::TakeObjects(const std::list<store::TypedObjectMsg>& objects, cons
     ZLOG_CTX_ERROR(355, "AMConfig: CoveDbGetCallback rpc status failure: %d",
                    static_cast<int>(status.code()));
     SendStatus(health_, ConfigStatus::kAmFailed);
+    // The store does not answer, but what it said last still holds.
+    std::lock_guard lock(mutex_);
+    Post(Everything());
     return;
   }
   try {
@@ -408,8 +408,11 @@ void AMConfig::Refill(const std::list<store::TypedObjectMsg>& objects) {
   }
   orlane::zem::ouvi::MuxConfigMsg config;
   AddVms(everything, &config);
-  if (!replaying_) before_.clear();
   PostConfig(config);
+  if (replaying_) return;
+  before_.clear();
+  // The queue may have been emptied with the write-back of a barrier in it.
+  PostBarrier();
 }
 
 // --- To the multiplexer.
@@ -493,9 +496,11 @@ uint32_t AMConfig::PushToMux(orlane::zem::ouvi::MuxConfigMsg* config) {
   return status;
 }
 
-// The write-back goes through the queue of the pushes, so that it follows those that the barrier is about.
-void AMConfig::PostBarrier(uint64_t value) {
-  pusher_.Post([client = store_, value] {
+// With the mutex.  The write-back goes through the queue of the pushes, so that it follows those that the
+// barrier is about.
+void AMConfig::PostBarrier() {
+  if (!barrier_) return;
+  pusher_.Post([client = store_, value = *barrier_] {
     store::ProcessedBarrierMsg processed;
     processed.set_component(kIntrospectionComponent);
     processed.set_value(value);

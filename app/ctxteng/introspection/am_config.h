@@ -80,7 +80,7 @@ class AMConfig : public std::enable_shared_from_this<AMConfig> {
   // has.
   void Post(const VmChanges& changes);
   void PostConfig(const orlane::zem::ouvi::MuxConfigMsg& config);
-  void PostBarrier(uint64_t value);
+  void PostBarrier();
   void Fail(ConfigStatus status, const std::string& entity);
 
   MuxPusher& pusher_;
@@ -92,7 +92,7 @@ class AMConfig : public std::enable_shared_from_this<AMConfig> {
   AmTables tables_;
   VmChanges before_;  // the effective rules before the store began to send all it has
   bool replaying_ = true;
-  std::optional<uint64_t> barrier_;  // came while replaying
+  std::optional<uint64_t> barrier_;  // the last one
   bool channel_up_ = false;
 };
 

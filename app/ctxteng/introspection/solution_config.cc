@@ -112,7 +112,7 @@ void SolutionConfig::TakeObject(int type, const std::string& bytes) {
   });
 }
 
-void SolutionConfig::Process(const std::string& bytes) {
+void SolutionConfig::Process(std::string bytes) {
   try {
     orlane::zem::covedb::GiSolutionInfoMsg stored;
     if (!stored.ParseFromString(bytes)) throw CtxtException("the solution config cannot be parsed");
@@ -125,7 +125,8 @@ void SolutionConfig::Process(const std::string& bytes) {
     }
     *info->add_gi_svm() = own_;
     for (const auto& svm : stored.gi_svm()) *info->add_gi_svm() = ToMux(svm);
-    solutions_.Take(*info, std::exchange(first_, false));
+    solutions_.Take(*info, !last_);
+    last_ = std::move(bytes);
     const bool done = pusher_.Push(config) == 0;
     if (!done) ZLOG_WARN("Failed to push SolutionConfig to MUX");
     SendStatus(health_, done ? ConfigStatus::kSolutionDone : ConfigStatus::kSolutionRefused);
@@ -155,8 +156,18 @@ void SolutionConfig::HandleMuxReconnect() {
         if (const auto self = weak.lock()) self->TakeObjects(objects, status);
       },
       zem::covedb::kDefaultVDb);
-  // A store that is away sends its solutions again when it is back.
-  if (!asked) SendStatus(health_, ConfigStatus::kSolutionFailed);
+  if (asked) return;
+  SendStatus(health_, ConfigStatus::kSolutionFailed);
+  ProcessLast();
+}
+
+// The store does not answer, but what it said last still holds.
+void SolutionConfig::ProcessLast() {
+  const std::weak_ptr<SolutionConfig> weak = weak_from_this();
+  pusher_.Post([weak] {
+    const auto self = weak.lock();
+    if (self) self->Process(self->last_.value_or(""));
+  });
 }
 
 void SolutionConfig::TakeObjects(const std::list<orlane::zem::covedb::TypedObjectMsg>& objects,
@@ -167,10 +178,16 @@ void SolutionConfig::TakeObjects(const std::list<orlane::zem::covedb::TypedObjec
     ZLOG_CTX_ERROR(355, "OuviConfig: CoveDbGetCallback rpc status failure: %d",
                    static_cast<int>(status.code()));
     SendStatus(health_, ConfigStatus::kSolutionFailed);
+    ProcessLast();
     return;
   }
   if (objects.empty()) {
     ZLOG_INFO("OuviConfig: Solution config msg size <=0 received from CoveDB");
+    // The engine itself is a solution of every node.
+    const std::weak_ptr<SolutionConfig> weak = weak_from_this();
+    pusher_.Post([weak] {
+      if (const auto self = weak.lock()) self->Process("");
+    });
     return;
   }
   for (const auto& object : objects) TakeObject(object.object_type(), object.object());

@@ -2,6 +2,8 @@
 
 #include <list>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "proto/context/mux_config.pb.h"
 
@@ -41,14 +43,15 @@ class SolutionConfig : public std::enable_shared_from_this<SolutionConfig> {
   void TakeObjects(const std::list<orlane::zem::covedb::TypedObjectMsg>& objects,
                    const zem::rpc::Status& status);
   void TakeObject(int type, const std::string& bytes);
-  void Process(const std::string& bytes);
+  void Process(std::string bytes);
+  void ProcessLast();
 
   MuxPusher& pusher_;
   PartnerSolutions& solutions_;
   ConfigHealth& health_;
   const orlane::zem::ouvi::GiSvmMsg own_;
   std::shared_ptr<zem::covedb::CoveDbClientInterface> store_;
-  bool first_ = true;  // owned by the pusher's thread
+  std::optional<std::string> last_;  // what the store said last; owned by the pusher's thread
 };
 
 }  // namespace Ctxt

@@ -217,6 +217,32 @@ TEST_F(OuviConfigTest, ReturnOfTheMultiplexerSendsEverythingAgain) {
   EXPECT_THAT(mux.by_rule(), ElementsAre(Pair(kVm, "77/gold_RA_DETECT_PREVENT/77")));
 }
 
+// Without solutions in the store the engine's own end point is all there is; without answers of the store,
+// what it said last holds.
+TEST_F(OuviConfigTest, ReturnOfTheMultiplexerDoesNotDependOnTheStore) {
+  Start();
+  const auto bounce = [this] {
+    mux.Forget();
+    ouvi.HandleMuxDisconnected();
+    ouvi.HandleMuxConnected();
+    Run();
+  };
+  bounce();
+  EXPECT_EQ(mux.solutions().gi_svm_size(), 1);
+  Write({Solutions({{"s1", "i1"}}), Groups(kVm, {"g"}), Profile(), Put(ObjectType::RULE, Rule(1, {"g"}))});
+  daemon->faults().SetStatus("Get", 14, 2);
+  health.Take();
+  bounce();
+  EXPECT_THAT(health.Take(), testing::UnorderedElementsAre(203, 303, 200, 300));
+  EXPECT_EQ(mux.solutions().gi_svm_size(), 2);
+  EXPECT_EQ(mux.by_rule().size(), 1U);
+  daemon->StopListening();
+  network.Break(zem::covedb::test::kEndpoint);
+  clock.RunFor(std::chrono::seconds(1));
+  bounce();
+  EXPECT_EQ(mux.solutions().gi_svm_size(), 2);
+}
+
 TEST_F(OuviConfigTest, RulesAreFollowedThroughEachKindOfChange) {
   Start();
   Write({Profile(), Put(ObjectType::RULE, Rule(1, {"g"})), Groups(kVm, {"other"})});
