@@ -124,6 +124,14 @@ std::shared_ptr<KafkaBrokers> KafkaService::brokers() const {
   return brokers_;
 }
 
+std::vector<std::string> KafkaService::Draw() const {
+  const auto running = brokers();
+  if (!running) return {};
+  const KafkaBrokers::Counters counters = running->counters();
+  return {"kafka: brokers at " + running->tls() + ", " + std::to_string(counters.connected) +
+          " TLS connections, " + std::to_string(counters.failed_handshakes) + " failed handshakes"};
+}
+
 void RegisterKafkaCommands(CommandTable& table, KafkaService& service) {
   KafkaService* const s = &service;
   const auto running = [s](WithBrokers act) {

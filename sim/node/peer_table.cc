@@ -83,12 +83,14 @@ class FirewallPeer final : public Peer {
  public:
   explicit FirewallPeer(const PeerContext& /*context*/) {}
   void Register(CommandTable& table) override { RegisterFirewallCommands(table); }
+  std::vector<std::string> Draw(size_t most) const override { return DrawFirewall(most); }
 };
 
 class KafkaPeer final : public Peer {
  public:
   explicit KafkaPeer(const PeerContext& /*context*/) : service_(kTrustStore) {}
   void Register(CommandTable& table) override { RegisterKafkaCommands(table, service_); }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return service_.Draw(); }
 
  private:
   KafkaService service_;
