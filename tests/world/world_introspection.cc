@@ -301,8 +301,8 @@ void WorldIntrospection::ChangeObjects(Random& random, const Modify& modify) {
 
 void WorldIntrospection::SetMux(bool there) {
   if (std::exchange(mux_there_, there) == there) return;
-  if (!there) mux_.Forget();
-  mux_.status = there ? 0 : kMuxSocketGone;
+  if (!there) mux_->Forget();
+  mux_->status = there ? 0 : kMuxSocketGone;
   if (!ouvi_) return;
   if (there) {
     ouvi_->HandleMuxConnected();
@@ -339,19 +339,19 @@ void WorldIntrospection::Calm() {
 
 Lines WorldIntrospection::Check(const sim::Store& store) {
   Lines lines;
-  Compare("rule", WantedByRule(store), mux_.by_rule(), &lines);
-  Compare("profile", WantedByProfile(store), mux_.by_profile(), &lines);
+  Compare("rule", WantedByRule(store), mux_->by_rule(), &lines);
+  Compare("profile", WantedByProfile(store), mux_->by_profile(), &lines);
   std::string wanted = "100";
   for (const auto& info : Objects<proto::GiSolutionInfoMsg>(store, proto::GI_SOLUTION_INFO)) {
     for (const auto& svm : info.gi_svm()) wanted += " " + svm.solution_id() + "=" + svm.service_instance_id();
   }
   std::string had;
-  const orlane::zem::ouvi::GiSolutionInfoMsg solutions = mux_.solutions();
+  const orlane::zem::ouvi::GiSolutionInfoMsg solutions = mux_->solutions();
   for (const auto& svm : solutions.gi_svm()) {
     had += had.empty() ? svm.solution_id() : " " + svm.solution_id() + "=" + svm.service_instance_id();
   }
   if (had != wanted) lines.push_back("the multiplexer has the solutions " + had + " instead of " + wanted);
-  for (const std::string& instance : alarm_.raised()) {
+  for (const std::string& instance : alarm_->raised()) {
     lines.push_back("the alarm of " + instance + " stands without reason");
   }
   return lines;

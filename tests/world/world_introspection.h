@@ -74,9 +74,9 @@ class WorldIntrospection {
   void SetMux(bool there);
   void SetServiceVm(const std::string& solution, bool there);
 
-  Ctxt::test::MuxStore mux_;
-  Alarm alarm_;
-  Health health_;
+  const std::shared_ptr<Ctxt::test::MuxStore> mux_ = std::make_shared<Ctxt::test::MuxStore>();
+  const std::shared_ptr<Alarm> alarm_ = std::make_shared<Alarm>();
+  const std::shared_ptr<Health> health_ = std::make_shared<Health>();
   std::shared_ptr<upm::UPMService> profiles_;
   std::unique_ptr<Ctxt::OuviConfig> ouvi_;
   bool begun_ = false;

@@ -4,6 +4,7 @@
 #include "app/ctxteng/firewall/dfw_connector.h"
 #include "app/ctxteng/guest/endvat_lib.h"
 #include "app/ctxteng/handler/sample_client.h"
+#include "app/ctxteng/introspection/ouvi_introspection.h"
 
 namespace Ctxt {
 
@@ -12,6 +13,7 @@ EngineParts PartsOfAgent(zem::AsioZemProvider&) {
   parts.make_library = &MakeEndvatLib;
   parts.firewall = &DfwUtil::DfwConnector::GetInstance();
   parts.clients.sample = SampleClient::GetInstance();
+  parts.introspection = std::make_shared<OuviIntrospection>(nullptr, nullptr);
   return parts;
 }
 

@@ -84,7 +84,8 @@ struct AMConfig::Dispatch {
   }};
 };
 
-AMConfig::AMConfig(MuxPusher& pusher, ConfigHealth& health) : pusher_(pusher), health_(health) {}
+AMConfig::AMConfig(std::shared_ptr<MuxPusher> pusher, std::shared_ptr<ConfigHealth> health)
+    : pusher_(std::move(pusher)), health_(std::move(health)) {}
 AMConfig::~AMConfig() = default;
 
 void AMConfig::Start(std::shared_ptr<zem::covedb::CoveDbClientInterface> client) {
@@ -341,7 +342,7 @@ void AMConfig::TakeObjects(const std::list<store::TypedObjectMsg>& objects, cons
   if (!status.ok()) {
     ZLOG_CTX_ERROR(355, "AMConfig: CoveDbGetCallback rpc status failure: %d",
                    static_cast<int>(status.code()));
-    SendStatus(health_, ConfigStatus::kAmFailed);
+    SendStatus(*health_, ConfigStatus::kAmFailed);
     // The store does not answer, but what it said last still holds.
     std::lock_guard lock(mutex_);
     Post(Everything());
@@ -461,7 +462,7 @@ void AMConfig::Post(const VmChanges& changes) {
 
 void AMConfig::PostConfig(const orlane::zem::ouvi::MuxConfigMsg& config) {
   const std::weak_ptr<AMConfig> weak = weak_from_this();
-  pusher_.Post([weak, config = orlane::zem::ouvi::MuxConfigMsg(config)]() mutable {
+  pusher_->Post([weak, config = orlane::zem::ouvi::MuxConfigMsg(config)]() mutable {
     const auto self = weak.lock();
     if (!self) return;
     const std::string vm = config.vm_info_size() == 1 ? config.vm_info(0).entity_uuid() : "";
@@ -484,13 +485,13 @@ uint32_t AMConfig::PushToMux(orlane::zem::ouvi::MuxConfigMsg* config) {
   if (ZLOG_WANTS(zem::kLogDebug)) {
     ZLOG_DEBUG("Config data sent to mux is %s", config->ShortDebugString().c_str());
   }
-  const uint32_t status = pusher_.Push(*config);
+  const uint32_t status = pusher_->Push(*config);
   if (status == kMuxSocketGone) ZLOG_WARN("AMConfig: Failed to push AMConfig to MUX");
   if (status == 0) {
-    SendStatus(health_, ConfigStatus::kAmDone);
+    SendStatus(*health_, ConfigStatus::kAmDone);
     errors_.Clear(RealizationErrors::kRefused);
   } else {
-    SendStatus(health_, ConfigStatus::kAmRefused);
+    SendStatus(*health_, ConfigStatus::kAmRefused);
     errors_.Add(RealizationErrors::kRefused, ConfigStatusText(ConfigStatus::kAmRefused), "");
   }
   return status;
@@ -500,7 +501,7 @@ uint32_t AMConfig::PushToMux(orlane::zem::ouvi::MuxConfigMsg* config) {
 // barrier is about.
 void AMConfig::PostBarrier() {
   if (!barrier_) return;
-  pusher_.Post([client = store_, value = *barrier_] {
+  pusher_->Post([client = store_, value = *barrier_] {
     store::ProcessedBarrierMsg processed;
     processed.set_component(kIntrospectionComponent);
     processed.set_value(value);
@@ -514,7 +515,7 @@ void AMConfig::PostBarrier() {
 }
 
 void AMConfig::Fail(ConfigStatus status, const std::string& entity) {
-  SendStatus(health_, status);
+  SendStatus(*health_, status);
   errors_.Add(RealizationErrors::kProcessing, ConfigStatusText(status), entity);
 }
 

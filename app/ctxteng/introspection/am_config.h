@@ -40,8 +40,7 @@ class MuxPusher;
 /// the pusher's thread pushes.
 class AMConfig : public std::enable_shared_from_this<AMConfig> {
  public:
-  /// The references outlive the pusher's tasks.
-  AMConfig(MuxPusher& pusher, ConfigHealth& health);
+  AMConfig(std::shared_ptr<MuxPusher> pusher, std::shared_ptr<ConfigHealth> health);
   virtual ~AMConfig();
 
   /// `store` may be null.
@@ -83,8 +82,8 @@ class AMConfig : public std::enable_shared_from_this<AMConfig> {
   void PostBarrier();
   void Fail(ConfigStatus status, const std::string& entity);
 
-  MuxPusher& pusher_;
-  ConfigHealth& health_;
+  const std::shared_ptr<MuxPusher> pusher_;
+  const std::shared_ptr<ConfigHealth> health_;
   RealizationErrors errors_;
   std::shared_ptr<zem::covedb::CoveDbClientInterface> store_;
 

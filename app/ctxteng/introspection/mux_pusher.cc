@@ -16,7 +16,8 @@ constexpr zem::LogSource kLog{"tarvik", "ctxteng"};
 
 }  // namespace
 
-MuxPusher::MuxPusher(MuxPort& port, Task resend) : port_(port), resend_(std::move(resend)) {}
+MuxPusher::MuxPusher(std::shared_ptr<MuxPort> port, Task resend)
+    : port_(std::move(port)), resend_(std::move(resend)) {}
 
 MuxPusher::~MuxPusher() { Stop(); }
 
@@ -77,14 +78,14 @@ uint32_t MuxPusher::Push(const orlane::zem::ouvi::MuxConfigMsg& config) {
     throw CtxtProtobufError("Failed to serialize MuxConfigMsg");
   }
   const uint64_t connects = connects_;
-  uint32_t status = port_.ConfigureMux(bytes);
+  uint32_t status = port_->ConfigureMux(bytes);
   if (status == 0) return status;
   MuxState unknown = UNINITIALIZED;
   if (state_.compare_exchange_strong(unknown, MUX_DISCONNECTED)) {
     ZLOG_INFO("Changing muxConnectionState from UNINITIALIZED to MUX_DISCONNECTED");
   }
   // The multiplexer came while the push was on its way to nobody, and what its coming sent may not have this.
-  if (connects_ != connects) status = port_.ConfigureMux(bytes);
+  if (connects_ != connects) status = port_->ConfigureMux(bytes);
   return status;
 }
 

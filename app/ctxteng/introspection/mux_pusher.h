@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 
 #include "platform/core/condition.h"
@@ -35,7 +36,7 @@ class MuxPusher {
   static constexpr size_t kMostTasks = 4096;
 
   /// `resend` posts all configurations anew; it runs on the pusher's thread.
-  MuxPusher(MuxPort& port, Task resend);
+  MuxPusher(std::shared_ptr<MuxPort> port, Task resend);
   ~MuxPusher();
   MuxPusher(const MuxPusher&) = delete;
   MuxPusher& operator=(const MuxPusher&) = delete;
@@ -56,7 +57,7 @@ class MuxPusher {
  private:
   void Run();
 
-  MuxPort& port_;
+  const std::shared_ptr<MuxPort> port_;
   const Task resend_;
   std::atomic<MuxState> state_{UNINITIALIZED};
   std::atomic<uint64_t> connects_{0};

@@ -13,15 +13,16 @@ constexpr zem::LogSource kLog{"tarvik", "ctxteng"};
 
 }  // namespace
 
-OuviConfig::OuviConfig(MuxPort& port, PartnerAlarm& alarm, ConfigHealth& health)
-    : alarm_(alarm),
-      solutions_(alarm),
-      pusher_(port, [this] { ResendAll(); }),
+OuviConfig::OuviConfig(const std::shared_ptr<MuxPort>& port, std::shared_ptr<PartnerAlarm> alarm,
+                       const std::shared_ptr<ConfigHealth>& health)
+    : alarm_(std::move(alarm)),
+      solutions_(std::make_shared<PartnerSolutions>(alarm_)),
+      pusher_(std::make_shared<MuxPusher>(port, [this] { ResendAll(); })),
       vm_config_(std::make_shared<VmConfig>(pusher_, health)),
       solution_config_(std::make_shared<SolutionConfig>(pusher_, solutions_, health)),
       am_config_(std::make_shared<AMConfig>(pusher_, health)) {}
 
-OuviConfig::~OuviConfig() { pusher_.Stop(); }
+OuviConfig::~OuviConfig() { pusher_->Stop(); }
 
 void OuviConfig::Start(std::shared_ptr<zem::covedb::CoveDbClientInterface> store,
                        std::shared_ptr<zem::upm::UPMService> profile_service) {
@@ -32,8 +33,8 @@ void OuviConfig::Start(std::shared_ptr<zem::covedb::CoveDbClientInterface> store
 
 void OuviConfig::Shutdown() {
   ZLOG_INFO("OuviConfig: Shutdown");
-  pusher_.Stop();
-  alarm_.Shutdown();
+  pusher_->Stop();
+  alarm_->Shutdown();
 }
 
 void OuviConfig::ResendAll() {
@@ -44,7 +45,7 @@ void OuviConfig::ResendAll() {
 
 void OuviConfig::HandleMuxConnected() {
   ZLOG_INFO("OuviConfig: Handle Mux connect");
-  switch (pusher_.state()) {
+  switch (pusher_->state()) {
     case UNINITIALIZED:
       ZLOG_INFO("OuviConfig: Mux connecting for first time case");
       SetMuxState(MUX_CONNECTED);
@@ -56,14 +57,14 @@ void OuviConfig::HandleMuxConnected() {
       ZLOG_INFO("OuviConfig: Mux reconnect case");
       ResendAll();
       SetMuxState(MUX_CONNECTED);
-      solutions_.MuxReconnected();
+      solutions_->MuxReconnected();
       return;
   }
 }
 
 void OuviConfig::HandleMuxDisconnected() {
   ZLOG_INFO("OuviConfig: Handle Mux disconnected");
-  switch (pusher_.state()) {
+  switch (pusher_->state()) {
     case UNINITIALIZED:
       ZLOG_INFO("OuviConfig: Mux disconnect received without a connect!");
       SetMuxState(MUX_DISCONNECTED);
@@ -74,7 +75,7 @@ void OuviConfig::HandleMuxDisconnected() {
     case MUX_CONNECTED:
       ZLOG_INFO("OuviConfig: Mux disconnect case");
       SetMuxState(MUX_DISCONNECTED);
-      solutions_.MuxDisconnected();
+      solutions_->MuxDisconnected();
       return;
   }
 }

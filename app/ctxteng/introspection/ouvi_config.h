@@ -28,8 +28,8 @@ class VmConfig;
 /// Threads: `Start` and `Shutdown` by the owner; the rest from any thread.
 class OuviConfig {
  public:
-  /// The references outlive the object.
-  OuviConfig(MuxPort& port, PartnerAlarm& alarm, ConfigHealth& health);
+  OuviConfig(const std::shared_ptr<MuxPort>& port, std::shared_ptr<PartnerAlarm> alarm,
+             const std::shared_ptr<ConfigHealth>& health);
   ~OuviConfig();
   OuviConfig(const OuviConfig&) = delete;
   OuviConfig& operator=(const OuviConfig&) = delete;
@@ -41,24 +41,26 @@ class OuviConfig {
 
   void HandleMuxConnected();
   void HandleMuxDisconnected();
-  void HandleSvmDisconnected(const std::string& solution_id) { solutions_.SvmDisconnected(solution_id); }
-  void HandleSvmConnected(const std::string& solution_id) { solutions_.SvmConnected(solution_id); }
+  void HandleSvmDisconnected(const std::string& solution_id) { solutions_->SvmDisconnected(solution_id); }
+  void HandleSvmConnected(const std::string& solution_id) { solutions_->SvmConnected(solution_id); }
 
   void SetServiceInstanceId(const std::string& solution_id, const std::string& id) {
-    solutions_.SetServiceInstanceId(solution_id, id);
+    solutions_->SetServiceInstanceId(solution_id, id);
   }
   std::string GetServiceInstanceId(const std::string& solution_id) {
-    return solutions_.GetServiceInstanceId(solution_id);
+    return solutions_->GetServiceInstanceId(solution_id);
   }
-  void SetMuxState(MuxState state) { pusher_.SetState(state); }
-  MuxState mux_state() const { return pusher_.state(); }
+  void SetMuxState(MuxState state) { pusher_->SetState(state); }
+  MuxState mux_state() const { return pusher_->state(); }
 
  private:
   void ResendAll();
 
-  PartnerAlarm& alarm_;
-  PartnerSolutions solutions_;
-  MuxPusher pusher_;
+  // Shared with the configurations, in whose callbacks the store or the profile service may still be when
+  // this object goes.
+  const std::shared_ptr<PartnerAlarm> alarm_;
+  const std::shared_ptr<PartnerSolutions> solutions_;
+  const std::shared_ptr<MuxPusher> pusher_;
   const std::shared_ptr<VmConfig> vm_config_;
   const std::shared_ptr<SolutionConfig> solution_config_;
   const std::shared_ptr<AMConfig> am_config_;

@@ -64,7 +64,7 @@ void PartnerSolutions::Take(const orlane::zem::ouvi::GiSolutionInfoMsg& info, bo
         "OuviConfig: SVM with SolnID: %s and ServiceInstanceId: %s has been un-deployed or re-deployed. "
         "Resetting all active alarms for this SVM",
         solution.c_str(), instance.c_str());
-    alarm_.ResetAll(instance);
+    alarm_->ResetAll(instance);
   }
 }
 
@@ -105,7 +105,7 @@ void PartnerSolutions::MuxDisconnected() {
         "OuviConfig: SVM with SolnID: %s and ServiceInstanceId: %s has been disconnected from MUX due to MUX "
         "failure.",
         solution.c_str(), instance.c_str());
-    if (alarm_.Raise(instance)) {
+    if (alarm_->Raise(instance)) {
       ZLOG_INFO(
           "OuviConfig: Successfully raised ENDPOINT_PROTECTION_PARTNER_CHANNEL_DOWN alarm for MUX disconnect "
           "event of solution: %s with ServiceInstanceId: %s",
@@ -144,7 +144,7 @@ void PartnerSolutions::MuxReconnected() {
     }
   }
   for (const auto& [solution, instance] : back) {
-    if (alarm_.Reset(instance)) {
+    if (alarm_->Reset(instance)) {
       ZLOG_INFO(
           "OuviConfig: Successfully reset previous ENDPOINT_PROTECTION_PARTNER_CHANNEL_DOWN alarm on MUX "
           "connect event for SolutionID: %s and ServiceInstanceId: %s",
@@ -175,7 +175,7 @@ void PartnerSolutions::SvmDisconnected(const std::string& solution_id) {
         solution_id.c_str());
     return;
   }
-  if (alarm_.Raise(instance)) {
+  if (alarm_->Raise(instance)) {
     ZLOG_INFO(
         "OuviConfig: Successfully raised alarm for SVM to MUX disconnected for SolutionID: %s and "
         "ServiceInstanceId: %s",
@@ -209,7 +209,7 @@ void PartnerSolutions::SvmConnected(const std::string& solution_id) {
         solution_id.c_str());
     return;
   }
-  if (alarm_.Reset(instance)) {
+  if (alarm_->Reset(instance)) {
     ZLOG_INFO(
         "OuviConfig: Successfully reset alarm for SVM to MUX disconnected for SolutionID: %s and "
         "ServiceInstanceId: %s",

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -21,7 +22,7 @@ class PartnerAlarm;
 /// Threads: all operations from any thread; the alarm is called with no lock held.
 class PartnerSolutions {
  public:
-  explicit PartnerSolutions(PartnerAlarm& alarm) : alarm_(alarm) {}
+  explicit PartnerSolutions(std::shared_ptr<PartnerAlarm> alarm) : alarm_(std::move(alarm)) {}
 
   /// Takes a new solution configuration.  A solution that has gone, or has another service instance now,
   /// loses all its alarms, unless this is the first configuration.
@@ -45,7 +46,7 @@ class PartnerSolutions {
 
   List LeftOrChanged(const Instances& now);
 
-  PartnerAlarm& alarm_;
+  const std::shared_ptr<PartnerAlarm> alarm_;
   Locks::Mutex solutions_mutex_;  // guards the next two
   Instances solution_map_;
   Instances svm_down_map_;

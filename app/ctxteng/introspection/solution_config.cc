@@ -58,21 +58,25 @@ ouvi::GiSvmMsg ToMux(const orlane::zem::covedb::GiSvmMsg& stored) {
 
 }  // namespace
 
-SolutionConfig::SolutionConfig(MuxPusher& pusher, PartnerSolutions& solutions, ConfigHealth& health)
-    : pusher_(pusher), solutions_(solutions), health_(health), own_(OwnSvm()) {}
+SolutionConfig::SolutionConfig(std::shared_ptr<MuxPusher> pusher, std::shared_ptr<PartnerSolutions> solutions,
+                               std::shared_ptr<ConfigHealth> health)
+    : pusher_(std::move(pusher)),
+      solutions_(std::move(solutions)),
+      health_(std::move(health)),
+      own_(OwnSvm()) {}
 
 void SolutionConfig::Start(std::shared_ptr<zem::covedb::CoveDbClientInterface> store) {
   store_ = std::move(store);
   ouvi::MuxConfigMsg config;
   *config.mutable_sol_info()->add_gi_svm() = own_;
   ZLOG_INFO("OuviConfig: Added context engine to config message");
-  if (pusher_.Push(config) == 0) {
+  if (pusher_->Push(config) == 0) {
     ZLOG_INFO("OuviConfig: Configured Mux with context engine config");
-    SendStatus(health_, ConfigStatus::kSolutionDone);
+    SendStatus(*health_, ConfigStatus::kSolutionDone);
   } else {
     ZLOG_ERROR("ERR_CTXT_MUX_CTXTENG_CONFIG",
                "OuviConfig: Failed to configure Mux with context engine config");
-    SendStatus(health_, ConfigStatus::kSolutionRefused);
+    SendStatus(*health_, ConfigStatus::kSolutionRefused);
   }
   if (!store_) return;
   const std::weak_ptr<SolutionConfig> weak = weak_from_this();
@@ -86,7 +90,7 @@ void SolutionConfig::Start(std::shared_ptr<zem::covedb::CoveDbClientInterface> s
   if (!store_->ConfigureMonitor(zem::covedb::MonitorStatementsFor({GI_SOLUTION_INFO}), {}, kModuleId,
                                 zem::covedb::kDefaultVDb)) {
     ZLOG_CTX_ERROR(356, "OuviConfig: Failed to configure Ouvi solution config monitor in CoveDB");
-    SendStatus(health_, ConfigStatus::kSolutionNotMonitored);
+    SendStatus(*health_, ConfigStatus::kSolutionNotMonitored);
     return;
   }
   ZLOG_INFO("OuviConfig: Successsfully configured Ouvi solution config monitor in CoveDB");
@@ -107,7 +111,7 @@ void SolutionConfig::TakeObject(int type, const std::string& bytes) {
     return;
   }
   const std::weak_ptr<SolutionConfig> weak = weak_from_this();
-  pusher_.Post([weak, bytes] {
+  pusher_->Post([weak, bytes] {
     if (const auto self = weak.lock()) self->Process(bytes);
   });
 }
@@ -125,22 +129,22 @@ void SolutionConfig::Process(std::string bytes) {
     }
     *info->add_gi_svm() = own_;
     for (const auto& svm : stored.gi_svm()) *info->add_gi_svm() = ToMux(svm);
-    solutions_.Take(*info, !last_);
+    solutions_->Take(*info, !last_);
     last_ = std::move(bytes);
-    const bool done = pusher_.Push(config) == 0;
+    const bool done = pusher_->Push(config) == 0;
     if (!done) ZLOG_WARN("Failed to push SolutionConfig to MUX");
-    SendStatus(health_, done ? ConfigStatus::kSolutionDone : ConfigStatus::kSolutionRefused);
+    SendStatus(*health_, done ? ConfigStatus::kSolutionDone : ConfigStatus::kSolutionRefused);
   } catch (const CtxtProtobufError& error) {
     ZLOG_ERROR("ERR_CTXT_SERIALIZE__MSG",
                "OuviConfig: Error in serializing solution config protobuf message, error: %s", error.what());
-    SendStatus(health_, ConfigStatus::kSolutionNotSerialized);
+    SendStatus(*health_, ConfigStatus::kSolutionNotSerialized);
   } catch (const std::exception& error) {
     ZLOG_CTX_ERROR(351, "OuviConfig: Error in processing Covedb solution config update message, error: %s",
                    error.what());
-    SendStatus(health_, ConfigStatus::kSolutionFailed);
+    SendStatus(*health_, ConfigStatus::kSolutionFailed);
   } catch (...) {
     ZLOG_CTX_ERROR(351, "OuviConfig: Unhandled exception in processing solution config updates");
-    SendStatus(health_, ConfigStatus::kSolutionFailed);
+    SendStatus(*health_, ConfigStatus::kSolutionFailed);
   }
 }
 
@@ -157,14 +161,14 @@ void SolutionConfig::HandleMuxReconnect() {
       },
       zem::covedb::kDefaultVDb);
   if (asked) return;
-  SendStatus(health_, ConfigStatus::kSolutionFailed);
+  SendStatus(*health_, ConfigStatus::kSolutionFailed);
   ProcessLast();
 }
 
 // The store does not answer, but what it said last still holds.
 void SolutionConfig::ProcessLast() {
   const std::weak_ptr<SolutionConfig> weak = weak_from_this();
-  pusher_.Post([weak] {
+  pusher_->Post([weak] {
     const auto self = weak.lock();
     if (self) self->Process(self->last_.value_or(""));
   });
@@ -177,7 +181,7 @@ void SolutionConfig::TakeObjects(const std::list<orlane::zem::covedb::TypedObjec
   if (!status.ok()) {
     ZLOG_CTX_ERROR(355, "OuviConfig: CoveDbGetCallback rpc status failure: %d",
                    static_cast<int>(status.code()));
-    SendStatus(health_, ConfigStatus::kSolutionFailed);
+    SendStatus(*health_, ConfigStatus::kSolutionFailed);
     ProcessLast();
     return;
   }
@@ -185,7 +189,7 @@ void SolutionConfig::TakeObjects(const std::list<orlane::zem::covedb::TypedObjec
     ZLOG_INFO("OuviConfig: Solution config msg size <=0 received from CoveDB");
     // The engine itself is a solution of every node.
     const std::weak_ptr<SolutionConfig> weak = weak_from_this();
-    pusher_.Post([weak] {
+    pusher_->Post([weak] {
       if (const auto self = weak.lock()) self->Process("");
     });
     return;

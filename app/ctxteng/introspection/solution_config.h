@@ -30,8 +30,8 @@ class PartnerSolutions;
 /// Threads: `Start` by the owner; the rest from any thread.
 class SolutionConfig : public std::enable_shared_from_this<SolutionConfig> {
  public:
-  /// The references outlive the pusher's tasks.
-  SolutionConfig(MuxPusher& pusher, PartnerSolutions& solutions, ConfigHealth& health);
+  SolutionConfig(std::shared_ptr<MuxPusher> pusher, std::shared_ptr<PartnerSolutions> solutions,
+                 std::shared_ptr<ConfigHealth> health);
 
   /// Pushes the engine's own end point at once, and follows the solutions in the store; `store` may be null.
   void Start(std::shared_ptr<zem::covedb::CoveDbClientInterface> store);
@@ -46,9 +46,9 @@ class SolutionConfig : public std::enable_shared_from_this<SolutionConfig> {
   void Process(std::string bytes);
   void ProcessLast();
 
-  MuxPusher& pusher_;
-  PartnerSolutions& solutions_;
-  ConfigHealth& health_;
+  const std::shared_ptr<MuxPusher> pusher_;
+  const std::shared_ptr<PartnerSolutions> solutions_;
+  const std::shared_ptr<ConfigHealth> health_;
   const orlane::zem::ouvi::GiSvmMsg own_;
   std::shared_ptr<zem::covedb::CoveDbClientInterface> store_;
   std::optional<std::string> last_;  // what the store said last; owned by the pusher's thread

@@ -95,7 +95,7 @@ void VmConfig::TakeProfiles(const std::vector<ProfileUpdate>& updates, bool full
             full_sync ? "TRUE" : "FALSE");
   if (updates.empty()) return;
   const std::weak_ptr<VmConfig> weak = weak_from_this();
-  pusher_.Post([weak, updates] {
+  pusher_->Post([weak, updates] {
     if (const auto self = weak.lock()) self->Process(updates);
   });
 }
@@ -105,20 +105,20 @@ void VmConfig::Process(const std::vector<ProfileUpdate>& updates) {
     ouvi::MuxConfigMsg config;
     for (const ProfileUpdate& update : updates) AddUpdate(update, &config);
     Dump(config);
-    const bool done = pusher_.Push(config) == 0;
+    const bool done = pusher_->Push(config) == 0;
     if (!done) ZLOG_WARN("Failed to push VMConfig to MUX");
-    SendStatus(health_, done ? ConfigStatus::kVmDone : ConfigStatus::kVmRefused);
+    SendStatus(*health_, done ? ConfigStatus::kVmDone : ConfigStatus::kVmRefused);
   } catch (const CtxtProtobufError& error) {
     ZLOG_CTX_ERROR(152, "OuviConfig: Error in serializing VM config protobuf message, error: %s",
                    error.what());
-    SendStatus(health_, ConfigStatus::kVmNotSerialized);
+    SendStatus(*health_, ConfigStatus::kVmNotSerialized);
   } catch (const std::exception& error) {
     ZLOG_CTX_ERROR(351, "OuviConfig: Error in processing UPM VM config update message, error: %s",
                    error.what());
-    SendStatus(health_, ConfigStatus::kVmFailed);
+    SendStatus(*health_, ConfigStatus::kVmFailed);
   } catch (...) {
     ZLOG_CTX_ERROR(351, "OuviConfig: Unhandled exception in processing vm config updates");
-    SendStatus(health_, ConfigStatus::kVmFailed);
+    SendStatus(*health_, ConfigStatus::kVmFailed);
   }
   ZLOG_DEBUG("OuviConfig: UpmMonitorCallback exit");
 }

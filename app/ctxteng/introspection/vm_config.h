@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "platform/upm/profile.h"
@@ -19,8 +20,8 @@ class MuxPusher;
 /// Threads: `Start` by the owner; the rest from any thread.
 class VmConfig : public std::enable_shared_from_this<VmConfig> {
  public:
-  /// The references outlive the pusher's tasks.
-  VmConfig(MuxPusher& pusher, ConfigHealth& health) : pusher_(pusher), health_(health) {}
+  VmConfig(std::shared_ptr<MuxPusher> pusher, std::shared_ptr<ConfigHealth> health)
+      : pusher_(std::move(pusher)), health_(std::move(health)) {}
 
   /// `profile_service` may be null.
   void Start(std::shared_ptr<zem::upm::UPMService> profile_service);
@@ -30,8 +31,8 @@ class VmConfig : public std::enable_shared_from_this<VmConfig> {
   void TakeProfiles(const std::vector<zem::upm::ProfileUpdate>& updates, bool full_sync);
   void Process(const std::vector<zem::upm::ProfileUpdate>& updates);
 
-  MuxPusher& pusher_;
-  ConfigHealth& health_;
+  const std::shared_ptr<MuxPusher> pusher_;
+  const std::shared_ptr<ConfigHealth> health_;
   std::shared_ptr<zem::upm::UPMService> profile_service_;
 };
 

@@ -17,9 +17,10 @@ class MuxPusherTest : public testing::Test {
 
   zem::VirtualClock clock;
   zem::test::LogCapture log;
-  test::MuxStore mux;
+  const std::shared_ptr<test::MuxStore> mux_port = std::make_shared<test::MuxStore>();
+  test::MuxStore& mux = *mux_port;
   std::atomic<int> resends{0};
-  MuxPusher pusher{mux, [this] { ++resends; }};
+  MuxPusher pusher{mux_port, [this] { ++resends; }};
 };
 
 TEST_F(MuxPusherTest, FailedPushMovesOnlyAnUnknownState) {

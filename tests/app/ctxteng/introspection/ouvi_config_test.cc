@@ -167,11 +167,14 @@ class OuviConfigTest : public zem::covedb::test::ClientFixture {
     return texts;
   }
 
-  test::MuxStore mux;
-  Alarm alarm;
-  Health health;
+  const std::shared_ptr<test::MuxStore> mux_port = std::make_shared<test::MuxStore>();
+  test::MuxStore& mux = *mux_port;
+  const std::shared_ptr<Alarm> alarm_port = std::make_shared<Alarm>();
+  Alarm& alarm = *alarm_port;
+  const std::shared_ptr<Health> health_port = std::make_shared<Health>();
+  Health& health = *health_port;
   std::shared_ptr<zem::upm::UPMService> service = std::make_shared<zem::upm::UPMService>(client);
-  OuviConfig ouvi{mux, alarm, health};
+  OuviConfig ouvi{mux_port, alarm_port, health_port};
 };
 
 TEST_F(OuviConfigTest, EngineAndSolutionsReachTheMultiplexer) {
