@@ -6,6 +6,7 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include "app/alarmsprovider/service/alarms_provider.h"
+#include "app/ctxteng/engine/ctxt_eng.h"
 #include "app/probe/probe.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
@@ -35,6 +36,20 @@ class RealizationRow final : public Application {
 
  private:
   ZemaApp zema_;
+};
+
+class ContextEngineRow final : public Application {
+ public:
+  explicit ContextEngineRow(const ApplicationContext& context)
+      : engine_(context.provider, context.store, context.update_service) {}
+
+  std::vector<CliCommand> Commands() override { return engine_.Commands(); }
+  bool Start() override { return engine_.Start() == 0; }
+  void WaitStarted() override { engine_.WaitForStart(); }
+  void Stop() override { engine_.Stop(); }
+
+ private:
+  CtxtEng engine_;
 };
 
 class CliServerRow final : public Application {
@@ -119,6 +134,16 @@ constexpr std::array kApplications = {
                    .wait_step = "controller list",
                    .create_rank = 90,
                    .stop_rank = 140},
+    ApplicationRow{.name = "CtxtEng",
+                   .make = &Make<ContextEngineRow>,
+                   .option = Mode::kCtxtEng,
+                   .thread_name = "Main:Ctxt_st",
+                   .start_line = "CtxtEng Start...",
+                   .wait_line = "Waiting for CtxtEng Start...",
+                   .start_step = "context engine",
+                   .wait_step = "context engine's clients",
+                   .create_rank = 110,
+                   .stop_rank = 110},
     ApplicationRow{.name = "CliServer",
                    .make = &Make<CliServerRow>,
                    .host_role = true,

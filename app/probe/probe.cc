@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 
+#include "app/probe/kafka_probe.h"
 #include "covedbclient/covedb_client_interface.h"
 #include "covedbclient/statements.h"
 #include "framework/dataplane/lcp_adapter.h"
@@ -91,7 +92,10 @@ class Probe::Impl {
 
   void Stop() {
     for (const auto& [name, client] : verticals_) client->Stop();
+    kafka_.Stop();
   }
+
+  std::vector<CliCommand> KafkaCommands() { return kafka_.Commands(); }
 
   Outcome Send(const std::string& vertical, const std::string& kind, const std::string& type,
                const std::string& hex) {
@@ -187,6 +191,7 @@ class Probe::Impl {
   const boost::intrusive_ptr<LcpAdapter> lcp_adapter_;
   std::map<std::string, std::unique_ptr<VerticalClient>> verticals_;
   const std::vector<std::string> object_types_;
+  KafkaProbe kafka_;
 };
 
 Probe::Probe(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store,
@@ -207,18 +212,21 @@ std::vector<CliCommand> Probe::Commands() {
       reply.Error(outcome.error());
     }
   };
-  return {{"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
-           [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
-             answer(std::move(reply), impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]));
-           }},
-          {"probe/lcp", "<hex>", 1, 1,
-           [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
-             answer(std::move(reply), impl->SendToDataplane(arguments[0]));
-           }},
-          {"probe/put", "<type> <text>", 2, 2,
-           [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
-             answer(std::move(reply), impl->Put(arguments[0], arguments[1]));
-           }}};
+  std::vector<CliCommand> commands = {
+      {"probe/send", "<vertical> <request|publish> <type> <hex>", 4, 4,
+       [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
+         answer(std::move(reply), impl->Send(arguments[0], arguments[1], arguments[2], arguments[3]));
+       }},
+      {"probe/lcp", "<hex>", 1, 1,
+       [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
+         answer(std::move(reply), impl->SendToDataplane(arguments[0]));
+       }},
+      {"probe/put", "<type> <text>", 2, 2,
+       [impl = impl_.get(), answer](const CliArguments& arguments, CliReply reply) {
+         answer(std::move(reply), impl->Put(arguments[0], arguments[1]));
+       }}};
+  for (CliCommand& command : impl_->KafkaCommands()) commands.push_back(std::move(command));
+  return commands;
 }
 
 }  // namespace zem::Tarvik

@@ -39,7 +39,7 @@ class Probe {
 
   /// "probe/send VERTICAL KIND TYPE HEX": sends a record of the given kind ("request" or "publish") to the
   /// manager.  "probe/lcp HEX": sends an LcpDpMsg to the dataplane agent.  "probe/put TYPE TEXT": puts an
-  /// object into the store and logs when the store has taken it.
+  /// object into the store and logs when the store has taken it.  "probe/kafka...": see KafkaProbe.
   /// The object outlives the command server.
   std::vector<CliCommand> Commands();
 

@@ -155,4 +155,24 @@ void RegisterFirewallCommands(CommandTable& table) {
                   1, 1, Device});
 }
 
+std::vector<std::string> DrawFirewall(size_t most) {
+  const std::vector<firewall::Filter> filters = firewall::Filters();
+  const std::vector<firewall::Connection> connections = firewall::Connections();
+  if (filters.empty() && connections.empty()) return {};
+  std::vector<std::string> lines = {"firewall: " + std::to_string(filters.size()) + " filters, " +
+                                    std::to_string(connections.size()) + " connections, " +
+                                    std::to_string(firewall::Memberships().size()) + " memberships"};
+  for (const firewall::Connection& connection : connections) {
+    if (lines.size() > most) {
+      lines.push_back("  ... and " + std::to_string(connections.size() - most) + " more");
+      break;
+    }
+    std::string line = "  " + connection.vm_uuid + " vNIC " + std::to_string(connection.vnic) + ": " +
+                       connection.key + " of " + connection.user;
+    if (connection.process != 0) line += ", process " + std::to_string(connection.process);
+    lines.push_back(std::move(line));
+  }
+  return lines;
+}
+
 }  // namespace zem::sim

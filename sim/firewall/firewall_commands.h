@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace zem::sim {
 
@@ -16,5 +17,8 @@ std::string FilterDeviceLibrary();
 
 /// The commands "show", "filter", "counters", "remove", "forget", "restart", "device".
 void RegisterFirewallCommands(CommandTable& table);
+
+/// The firewall's part of the node's picture: the connections that it knows, by vNIC, and the users.
+std::vector<std::string> DrawFirewall(size_t most);
 
 }  // namespace zem::sim

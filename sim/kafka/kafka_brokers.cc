@@ -132,6 +132,7 @@ void KafkaBrokers::WriteHostFiles(const std::string& folder) const {
   const KeyPair host = ClientPair();
   WriteFile(folder + "host-privkey.pem", host.key);
   WriteFile(folder + "host-cert.pem", host.certificate);
+  WriteFile(folder + "broker-authority.pem", authority());
 }
 
 void KafkaBrokers::UseCertificate(const KeyPair& pair) {

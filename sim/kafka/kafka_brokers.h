@@ -44,8 +44,8 @@ class KafkaBrokers {
   /// A certificate that the brokers accept from a client.
   KeyPair ClientPair() const { return authority_.Sign("host", "127.0.0.1", 30); }
 
-  /// Writes "host-privkey.pem" and "host-cert.pem" into `folder`, which ends in "/".  Throws
-  /// std::runtime_error.
+  /// Writes "host-privkey.pem", "host-cert.pem" and "broker-authority.pem" into `folder`, which ends in "/".
+  /// Throws std::runtime_error.
   void WriteHostFiles(const std::string& folder) const;
 
   void Break(BrokerFault fault);

@@ -1,13 +1,16 @@
 #include "sim/kafka/kafka_commands.h"
 
 #include <google/protobuf/descriptor.h>
-#include <google/protobuf/dynamic_message.h>
+#include <google/protobuf/message.h>
 #include <google/protobuf/util/json_util.h>
 
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <utility>
 
+#include "proto/context/ids.pb.h"
+#include "proto/context/pace.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/command_table.h"
 #include "sim/control/hex.h"
@@ -20,7 +23,7 @@ namespace {
 constexpr int kBrokers = 3;
 constexpr int kMostBrokers = 9;
 constexpr int kLongestSlowMs = 60000;
-constexpr int64_t kPatienceSeconds = 5;
+constexpr int64_t kPatienceSeconds = 60;
 
 using WithBrokers = std::function<void(KafkaBrokers&, const Arguments&, const Reply&)>;
 
@@ -35,20 +38,31 @@ Json StateJson(const KafkaBrokers& brokers) {
   return result;
 }
 
-// A message as JSON when `type` names one of the process's message types and the bytes are one; else as
-// hexadecimal digits.
-Json MessageJson(const std::string& bytes, const std::string& type) {
-  const auto* const descriptor =
-      google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
-  if (descriptor == nullptr) return Json(cJSON_CreateString(ToHex(bytes).c_str()));
-  const std::unique_ptr<google::protobuf::Message> message(
-      google::protobuf::MessageFactory::generated_factory()->GetPrototype(descriptor)->New());
-  std::string text;
-  if (!message->ParseFromString(bytes) ||
-      !google::protobuf::util::MessageToJsonString(*message, &text).ok()) {
-    return Json(cJSON_CreateString(ToHex(bytes).c_str()));
+// The messages that the agent sends.
+const google::protobuf::Message* Prototype(const std::string& name) {
+  using orlane::zem::context::ids::EventInfoMsg;
+  using orlane::zem::context::ids::PcapInfoMsg;
+  using orlane::zem::pace::PaceContextInfoMsg;
+  const std::initializer_list<const google::protobuf::Message*> prototypes = {
+      &EventInfoMsg::default_instance(), &PcapInfoMsg::default_instance(),
+      &PaceContextInfoMsg::default_instance()};
+  for (const google::protobuf::Message* prototype : prototypes) {
+    if (prototype->GetDescriptor()->name() == name) return prototype;
   }
-  return Json(cJSON_Parse(text.c_str()));
+  return nullptr;
+}
+
+// A message as JSON when the bytes are one of the type; else as hexadecimal digits.
+Json MessageJson(const std::string& bytes, const google::protobuf::Message* prototype) {
+  std::string text;
+  if (prototype != nullptr) {
+    const std::unique_ptr<google::protobuf::Message> message(prototype->New());
+    if (message->ParseFromString(bytes) &&
+        google::protobuf::util::MessageToJsonString(*message, &text).ok()) {
+      return Json(cJSON_Parse(text.c_str()));
+    }
+  }
+  return Json(cJSON_CreateString(ToHex(bytes).c_str()));
 }
 
 void Read(const KafkaBrokers& brokers, const Arguments& arguments, const Reply& reply) {
@@ -57,11 +71,16 @@ void Read(const KafkaBrokers& brokers, const Arguments& arguments, const Reply& 
   if (options.positional().size() != 1) return reply.Fail("one topic");
   const auto seconds = NumberOf<int64_t>(options.Value("--wait").value_or(std::to_string(kPatienceSeconds)));
   if (!seconds || *seconds < 0) return reply.Fail("not a number of seconds");
+  const google::protobuf::Message* prototype = nullptr;
+  if (const auto type = options.Value("--as")) {
+    prototype = Prototype(*type);
+    if (prototype == nullptr) return reply.Fail("no message " + *type);
+  }
   const KafkaBrokers::Topic topic = brokers.Read(options.positional()[0], std::chrono::seconds(*seconds));
   if (!topic.error.empty()) return reply.Fail(topic.error);
   Json messages = JsonArray();
   for (const std::string& bytes : topic.messages) {
-    AddItem(messages.get(), MessageJson(bytes, options.Value("--as").value_or("")));
+    AddItem(messages.get(), MessageJson(bytes, prototype));
   }
   Json result = JsonObject();
   AddMember(result.get(), "count", static_cast<uint64_t>(topic.messages.size()));
@@ -103,6 +122,14 @@ bool KafkaService::Stop() {
 std::shared_ptr<KafkaBrokers> KafkaService::brokers() const {
   std::lock_guard lock(mutex_);
   return brokers_;
+}
+
+std::vector<std::string> KafkaService::Draw() const {
+  const auto running = brokers();
+  if (!running) return {};
+  const KafkaBrokers::Counters counters = running->counters();
+  return {"kafka: brokers at " + running->tls() + ", " + std::to_string(counters.connected) +
+          " TLS connections, " + std::to_string(counters.failed_handshakes) + " failed handshakes"};
 }
 
 void RegisterKafkaCommands(CommandTable& table, KafkaService& service) {
@@ -150,7 +177,7 @@ void RegisterKafkaCommands(CommandTable& table, KafkaService& service) {
                     b.SetSlow(*ms);
                     r.Ok();
                   })});
-  table.Register({"read", "[--as MESSAGE] [--wait SECONDS] TOPIC",
+  table.Register({"read", "[--as EventInfoMsg|PcapInfoMsg|PaceContextInfoMsg] [--wait SECONDS] TOPIC",
                   "Shows what was sent to a topic: hexadecimal digits, or a message type's fields.", 1, 5,
                   running([](KafkaBrokers& b, const Arguments& a, const Reply& r) { Read(b, a, r); })});
 }

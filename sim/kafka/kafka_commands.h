@@ -3,6 +3,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace zem::sim {
 
@@ -24,6 +25,8 @@ class KafkaService {
   bool Stop();
   /// Null while they do not run.
   std::shared_ptr<KafkaBrokers> brokers() const;
+  /// The brokers' part of the node's picture.
+  std::vector<std::string> Draw() const;
 
  private:
   const std::string trust_store_;

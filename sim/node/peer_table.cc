@@ -3,6 +3,8 @@
 #include "sim/node/peer_table.h"
 
 #include <array>
+#include <chrono>
+#include <memory>
 #include <utility>
 
 #include "sim/alarmpeers/alarm_commands.h"
@@ -10,6 +12,10 @@
 #include "sim/alarms/collector.h"
 #include "sim/dataplane/dataplane_commands.h"
 #include "sim/firewall/firewall_commands.h"
+#include "sim/guest/guest_commands.h"
+#include "sim/guest/guest_picture.h"
+#include "sim/guest/mux_peer.h"
+#include "sim/guest/world/guest_world.h"
 #include "sim/host/host_commands.h"
 #include "sim/host/host_management.h"
 #include "sim/kafka/kafka_commands.h"
@@ -81,12 +87,14 @@ class FirewallPeer final : public Peer {
  public:
   explicit FirewallPeer(const PeerContext& /*context*/) {}
   void Register(CommandTable& table) override { RegisterFirewallCommands(table); }
+  std::vector<std::string> Draw(size_t most) const override { return DrawFirewall(most); }
 };
 
 class KafkaPeer final : public Peer {
  public:
   explicit KafkaPeer(const PeerContext& /*context*/) : service_(kTrustStore) {}
   void Register(CommandTable& table) override { RegisterKafkaCommands(table, service_); }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return service_.Draw(); }
 
  private:
   KafkaService service_;
@@ -104,6 +112,40 @@ class AlarmsPeer final : public Peer {
   AlarmPeers clients_;
 };
 
+// The guests outlive the daemon, and the multiplexer's deaths.
+constexpr const char* kGuestFolder = "/run/orlane/guests";
+constexpr const char* kMuxSocket = "/run/orlane/zem-context-mux/48655";
+constexpr std::chrono::seconds kGuestTick{10};
+
+class GuestPeer final : public Peer {
+ public:
+  explicit GuestPeer(const PeerContext& /*context*/)
+      : world_(std::make_shared<guest::GuestWorld>(kGuestFolder)) {
+    shared_ = world_;
+  }
+  void Register(CommandTable& table) override { guest::RegisterGuestCommands(table, *world_); }
+  std::vector<std::string> Violations() const override { return world_->violations(); }
+  std::vector<std::string> Draw(size_t most) const override { return guest::DrawGuests(*world_, most); }
+
+  /// The world that the multiplexer's row serves; its row comes later.
+  static std::shared_ptr<guest::GuestWorld> World() { return shared_.lock(); }
+
+ private:
+  const std::shared_ptr<guest::GuestWorld> world_;
+  static inline std::weak_ptr<guest::GuestWorld> shared_;
+};
+
+class MuxRow final : public Peer {
+ public:
+  explicit MuxRow(const PeerContext& /*context*/)
+      : world_(GuestPeer::World()), peer_(*world_, kMuxSocket, kGuestTick) {}
+  void Register(CommandTable& table) override { guest::RegisterMuxCommands(table, *world_, peer_); }
+
+ private:
+  const std::shared_ptr<guest::GuestWorld> world_;
+  guest::MuxPeer peer_;
+};
+
 template <class Row>
 std::unique_ptr<Peer> Make(const PeerContext& context) {
   return std::make_unique<Row>(context);
@@ -118,6 +160,8 @@ constexpr std::array kPeers = {
     PeerRow{"kafka", "Kafka brokers; \"kafka help\" lists their commands.", &Make<KafkaPeer>},
     PeerRow{"alarm", "The collector and the alarm clients; \"alarm help\" lists their commands.",
             &Make<AlarmsPeer>},
+    PeerRow{"guest", "The host's guests; \"guest help\" lists their commands.", &Make<GuestPeer>},
+    PeerRow{"mux", "The guests' multiplexer; \"mux help\" lists its commands.", &Make<MuxRow>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},
 };
 

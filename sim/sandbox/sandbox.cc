@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -90,6 +91,14 @@ void RaiseLoopback() {
   Check(::ioctl(socket.get(), SIOCGIFFLAGS, &request), "loopback");
   request.ifr_flags |= IFF_UP | IFF_RUNNING;
   Check(::ioctl(socket.get(), SIOCSIFFLAGS, &request), "loopback");
+  // A resolver that is asked for configured families alone does not count 127.0.0.1 and would refuse each
+  // address.
+  std::strncpy(request.ifr_name, "lo:1", sizeof(request.ifr_name) - 1);
+  sockaddr_in second{};
+  second.sin_family = AF_INET;
+  second.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+  std::memcpy(&request.ifr_addr, &second, sizeof(second));
+  Check(::ioctl(socket.get(), SIOCSIFADDR, &request), "second loopback address");
 }
 
 // Returns no descriptor for an empty name.

@@ -19,7 +19,7 @@ bool Known(const std::string& name, std::string* error) {
 
 const std::vector<std::string>& LibraryFolder::Names() {
   static const std::vector<std::string> names{"libklnPublic.so", "libvdl2kln.so", "libvdrkln.so",
-                                              "libzemfw.so"};
+                                              "libzemfw.so", "libEndvat.so"};
   return names;
 }
 

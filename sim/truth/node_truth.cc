@@ -34,10 +34,13 @@ uint64_t ProcessedBarrier(const Store& store) {
   store_proto::GetRequestMsg request;
   request.add_object_request()->set_object_type(store_proto::ObjectType::PROCESSED_BARRIER);
   store_proto::GetResponseMsg response;
-  if (!store.Get(request, &response).ok() || response.object_size() == 0) return 0;
-  store_proto::ProcessedBarrierMsg barrier;
-  if (!barrier.ParseFromString(response.object(0).object())) return 0;
-  return barrier.value();
+  if (!store.Get(request, &response).ok()) return 0;
+  for (const auto& object : response.object()) {
+    store_proto::ProcessedBarrierMsg barrier;
+    // Those with a component are of other parts of the agent.
+    if (barrier.ParseFromString(object.object()) && !barrier.has_component()) return barrier.value();
+  }
+  return 0;
 }
 
 }  // namespace

@@ -30,11 +30,11 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
   EXPECT_THAT(Names(rows, nullptr),
-              ElementsAre("ZemaApp", "CliServer", "Probe", "AlarmsProvider", "UPMService"));
+              ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Probe", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "ZemaApp", "AlarmsProvider", "Probe"));
+              ElementsAre("UPMService", "CliServer", "ZemaApp", "AlarmsProvider", "CtxtEng", "Probe"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Probe", "ZemaApp"));
+              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "CtxtEng", "Probe", "ZemaApp"));
 }
 
 std::vector<std::string> events;

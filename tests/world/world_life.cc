@@ -37,6 +37,7 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"clone a VM", 2, &WorldLife::CloneVm},
       {"secure or release a port", 5, &WorldLife::ToggleSecurityPort},
       {"restart the agent", 1, &WorldLife::RestartAgent},
+      {"change solutions, profiles or rules", 12, &WorldLife::ChangeProtection},
   };
   return steps;
 }
@@ -58,6 +59,8 @@ const std::vector<WorldLife::Step>& WorldLife::Misfortunes() {
       {"the host management goes or comes", 2, &WorldLife::DropHostManagement},
       {"the disk fills up", 1, &WorldLife::FillDisk},
       {"the tool of maintenance mode fails", 1, &WorldLife::FailMaintenanceTool},
+      {"the multiplexer goes or comes", 4, &WorldLife::BounceMultiplexer},
+      {"a service VM goes or comes", 3, &WorldLife::MoveServiceVm},
   };
   return steps;
 }

@@ -96,6 +96,7 @@ class WorldLife {
   void CloneVm();
   void ToggleSecurityPort();
   void RestartAgent();
+  void ChangeProtection();
 
   // Misfortunes.
   void StopProxy();
@@ -113,6 +114,8 @@ class WorldLife {
   void DropHostManagement();
   void FillDisk();
   void FailMaintenanceTool();
+  void BounceMultiplexer();
+  void MoveServiceVm();
 
   void Calm();
   void Launch(const std::string& vm, std::function<sim::VirtualMachines::Steps()> change);

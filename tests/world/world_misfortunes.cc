@@ -118,4 +118,7 @@ void WorldLife::DropHostManagement() {
   }
 }
 
+void WorldLife::BounceMultiplexer() { node_.introspection.BounceMux(random_); }
+void WorldLife::MoveServiceVm() { node_.introspection.MoveServiceVm(random_); }
+
 }  // namespace zem::world

@@ -89,11 +89,13 @@ void WorldNode::StartAgent() {
   app_ = std::make_unique<Tarvik::ZemaApp>(*provider_, nullptr, store_client_);
   app_->Start(false, false, false);
   proxy_client_->Start();
+  introspection.StartAgent(store_client_);
 }
 
 void WorldNode::StopAgent() {
   Tarvik::CloseShutdownPipe();
   proxy_client_->Stop();
+  introspection.StopAgent();
   app_->Stop(0);
   app_.reset();
   proxy_client_.reset();

@@ -13,6 +13,7 @@
 #include "sim/manager/manager.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
+#include "tests/world/world_introspection.h"
 
 namespace zem {
 class TnProxyClientCommon;
@@ -68,6 +69,7 @@ class WorldNode {
   std::unique_ptr<sim::Manager> manager;
   std::unique_ptr<sim::HostManagement> host_management;
   std::unique_ptr<sim::VirtualMachines> machines;
+  WorldIntrospection introspection;
 
  private:
   std::unique_ptr<AsioZemProvider> provider_;

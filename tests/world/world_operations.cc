@@ -414,4 +414,9 @@ void WorldLife::RestartAgent() {
   running_ = true;
 }
 
+void WorldLife::ChangeProtection() {
+  node_.introspection.ChangeObjects(
+      random_, [this](const orlane::zem::covedb::ModifyRequestMsg& request) { Modify(request); });
+}
+
 }  // namespace zem::world

@@ -17,6 +17,7 @@ namespace {
 
 constexpr zem::LogSource kLog{"tarvik", "ctxteng"};
 constexpr int kScanSeconds = 60;
+constexpr auto kLongestWait = std::chrono::seconds(10);
 constexpr FW_Pair kLibraryOptions[] = {{"FWIODeviceName", FW_DEVICE}};
 
 }  // namespace
@@ -99,7 +100,11 @@ int DfwConnector::GetFilters(const std::string& agent) {
   {
     std::unique_lock lock(scan_mutex_);
     const uint64_t begun = scans_begun_;
-    scan_ended_.Wait(lock, [this] { return !scanning_; });
+    // The caller is a thread of a guest, which a driver that hangs must not take along.
+    if (!scan_ended_.WaitFor(lock, kLongestWait, [this] { return !scanning_; })) {
+      ZLOG_WARN("DfwConnector: The filters are being read for too long, not waiting any more");
+      return kFailed;
+    }
     // One that began after this call sees what this call is about.
     if (scans_begun_ > begun && last_agent_ == agent) return last_scan_good_ ? kDone : kFailed;
     scanning_ = true;

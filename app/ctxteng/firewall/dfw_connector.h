@@ -52,8 +52,9 @@ class DfwConnector {
   virtual int AddUser(const DfwUserProcessInfo& info);
   /// As `AddUser`, with the process.
   virtual int AddUserAndProcess(const DfwUserProcessInfo& info);
-  /// Reads the filters of `agent`; calls that come while the device is being read share the next reading.
-  /// Returns 1, or 0 when the reading failed; then no guest has a filter until the next one.
+  /// Reads the filters of `agent`; calls that come while the device is being read share the next reading, and
+  /// wait at most 10 seconds for the one that runs.  Returns 1, or 0 when the reading failed; then no guest
+  /// has a filter until the next one.
   virtual int GetFilters(const std::string& agent);
   /// Whether the sum of the counters of all filters moved between the last two scans of the minute.  False
   /// before the first successful one.

@@ -111,6 +111,8 @@ KafkaClient::KafkaClient(const KafkaConfig& config, KafkaAlarm* alarm, KafkaDeli
 
 KafkaClient::~KafkaClient() {
   StopPolling();
+  // Not behind the flush: a client that replaces this one may raise the alarm of the same brokers meanwhile.
+  if (alarm_raised_.exchange(false)) alarm_->Clear(brokers_);
   if (producer_ != nullptr) {
     ZLOG_INFO("Zemi: Flushing final messages over kafka");
     if (rd_kafka_flush(producer_, LibraryMs(static_cast<int>(flush_seconds_ * 1000))) !=
@@ -121,7 +123,6 @@ KafkaClient::~KafkaClient() {
     }
     DestroyProducer();
   }
-  if (alarm_raised_.exchange(false)) alarm_->Clear(brokers_);
 }
 
 bool KafkaClient::MakeProducer(const KafkaConfig& config) {

@@ -47,6 +47,8 @@ TEST_F(FirewallCommandsTest, FiltersAndMemberships) {
                                      R"("bypassed":"18446744073709551615","dropped":2,"vif":false})"));
   ASSERT_TRUE(firewall::PutMembership({"S-1", 1, {"S-2"}, 4000}));
   ASSERT_TRUE(firewall::PutConnection({"vm 1", 4000, "6 a b", "S-1", 0}));
+  EXPECT_THAT(DrawFirewall(20), testing::ElementsAre("firewall: 1 filters, 1 connections, 1 memberships",
+                                                     "  vm 1 vNIC 4000: 6 a b of S-1"));
   EXPECT_THAT(Run("forget S-1"), HasSubstr("\"ok\":true"));
   EXPECT_THAT(Run("forget S-1"), HasSubstr("no membership"));
   EXPECT_FALSE(firewall::Connections().empty());

@@ -1,0 +1,98 @@
+#include "app/ctxteng/engine/ctxt_eng.h"
+
+#include <boost/property_tree/ptree.hpp>
+
+#include "app/ctxteng/base/exceptions.h"
+#include "app/ctxteng/engine/ctxt_core.h"
+#include "app/ctxteng/engine/ctxt_options.h"
+#include "app/ctxteng/engine/engine_parts_of_agent.h"
+#include "app/ctxteng/engine/protocol_mask_commands.h"
+#include "framework/log/log.h"
+
+namespace {
+
+constexpr zem::LogSource kLog{"tarvik", "ctxteng"};
+
+}  // namespace
+
+using Ctxt::CtxtCore;
+
+struct CtxtEng::Options {
+  std::string path;
+  boost::property_tree::ptree whole;
+  boost::property_tree::ptree engine;
+  CtxtCore::Settings settings;
+};
+
+CtxtEng::CtxtEng(zem::AsioZemProvider& provider, std::shared_ptr<zem::covedb::CoveDbClientInterface> store,
+                 std::shared_ptr<zem::upm::UPMService> profiles)
+    : CtxtEng(provider, std::move(store), std::move(profiles), &Ctxt::PartsOfAgent, Ctxt::kCtxtOptionsPath) {}
+
+CtxtEng::CtxtEng(zem::AsioZemProvider& provider, std::shared_ptr<zem::covedb::CoveDbClientInterface> store,
+                 std::shared_ptr<zem::upm::UPMService> profiles, MakeParts make_parts,
+                 std::string options_path)
+    : provider_(provider),
+      store_(std::move(store)),
+      profiles_(std::move(profiles)),
+      make_parts_(std::move(make_parts)),
+      options_(std::make_unique<Options>()) {
+  options_->path = std::move(options_path);
+}
+
+CtxtEng::~CtxtEng() = default;
+
+int CtxtEng::Start() {
+  ZLOG_INFO("CtxtEng: Starting Context Engine");
+  if (!LoadOptions()) {
+    ZLOG_CTX_ERROR(2, "CtxtEng: Failed to load config file %s", options_->path.c_str());
+    CtxtCore::GetInstance().NotifyStarted();
+    return -1;
+  }
+  const CtxtCore::Settings& settings = options_->settings;
+  ZLOG_INFO("CtxtEng: Configuration:");
+  ZLOG_INFO("\tListen port: %s", settings.listen_port.c_str());
+  ZLOG_INFO("\tnumWorkerThreads: %s", settings.worker_threads.c_str());
+  ZLOG_INFO("\tmaxEventsPerVm: %s", settings.max_events_per_vm.c_str());
+  ZLOG_INFO("\tclients: %u", settings.client_ids);
+  ZLOG_INFO("CtxtEng: Initializing Context core client bmap :: %x ", settings.client_ids);
+  InitializeCore();
+  ZLOG_INFO("CtxtEng: Waiting for events from guest agents...");
+  return 0;
+}
+
+bool CtxtEng::LoadOptions() {
+  options_->settings = {};
+  if (!LoadCtxtOptions(options_->path, &options_->whole, &options_->engine, &options_->settings))
+    return false;
+  if ((options_->settings.client_ids & Ctxt::kIdsBit) != 0) options_->settings.param.provider = &provider_;
+  return true;
+}
+
+// Whatever fails here, the agent's other applications do not wait for the engine.
+void CtxtEng::InitializeCore() {
+  CtxtCore& core = CtxtCore::GetInstance();
+  try {
+    core.Initialize(options_->settings, make_parts_(provider_), store_, profiles_);
+    return;
+  } catch (const Ctxt::CtxtInvalidParameterError& error) {
+    ZLOG_CTX_ERROR(3, "CtxtEng: Critical exception, %s", error.what());
+  } catch (const Ctxt::CtxtException& error) {
+    ZLOG_CTX_ERROR(3, "CtxtEng: Crtical exception, %s", error.what());
+  } catch (const std::exception& error) {
+    ZLOG_CTX_ERROR(3, "CtxtEng: Crtical exception : %s", error.what());
+  } catch (...) {
+    ZLOG_CTX_ERROR(3, "CtxtEng: Unhandled critical exception during init");
+  }
+  core.NotifyStarted();
+}
+
+void CtxtEng::WaitForStart() { CtxtCore::GetInstance().WaitForStart(); }
+
+void CtxtEng::Stop() {
+  CtxtCore::GetInstance().Shutdown(options_->settings.client_ids);
+  ZLOG_INFO("CtxtEng: Exiting Context Engine");
+}
+
+std::vector<zem::Tarvik::CliCommand> CtxtEng::Commands() {
+  return Ctxt::ProtocolMaskCommands(CtxtCore::GetInstance().guests());
+}
