@@ -19,8 +19,9 @@ Question Of(Operation operation, uint32_t kind = 0, uint64_t number = 0, uint64_
 
 class SimEndvatLib final : public Ctxt::IEndvatLib {
  public:
-  explicit SimEndvatLib(GuestWorld& world)
-      : library_([&world](const std::string&, uint32_t) { return std::make_unique<MemoryLink>(world); }) {}
+  SimEndvatLib(GuestWorld& world, WrapNetworkHandler wrap)
+      : library_([&world](const std::string&, uint32_t) { return std::make_unique<MemoryLink>(world); }),
+        wrap_(wrap) {}
 
   ENDVAT_STATUS EndvatGetSolutionId(void* b, uint32_t* l) override {
     return library_.Query(Needs::kServiceVm, nullptr, Of(Operation::kSolutionId), b, l);
@@ -42,7 +43,7 @@ class SimEndvatLib final : public Ctxt::IEndvatLib {
     return library_.Init(version, keys, values, out);
   }
   ENDVAT_STATUS EndvatRegisterNetworkEventHandler(ENDVAT_NETWORK_HANDLER h) override {
-    return library_.Register(&Handlers::network, h);
+    return library_.Register(&Handlers::network, wrap_ != nullptr ? wrap_(h) : h);
   }
   ENDVAT_STATUS EndvatRegisterTimerEventHandler(ENDVAT_TIMER_HANDLER h) override {
     return library_.Register(&Handlers::timer, h);
@@ -113,12 +114,13 @@ class SimEndvatLib final : public Ctxt::IEndvatLib {
 
  private:
   EndvatLibrary library_;
+  const WrapNetworkHandler wrap_;
 };
 
 }  // namespace
 
-std::shared_ptr<Ctxt::IEndvatLib> MakeSimEndvatLib(GuestWorld& world) {
-  return std::make_shared<SimEndvatLib>(world);
+std::shared_ptr<Ctxt::IEndvatLib> MakeSimEndvatLib(GuestWorld& world, WrapNetworkHandler wrap) {
+  return std::make_shared<SimEndvatLib>(world, wrap);
 }
 
 }  // namespace zem::sim::guest

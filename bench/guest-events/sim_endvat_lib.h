@@ -8,7 +8,10 @@
 
 namespace zem::sim::guest {
 
-/// The guest event library over a world of the same process.
-std::shared_ptr<Ctxt::IEndvatLib> MakeSimEndvatLib(GuestWorld& world);
+/// Puts another handler of network events in front of the caller's.
+using WrapNetworkHandler = ENDVAT_NETWORK_HANDLER (*)(ENDVAT_NETWORK_HANDLER handler);
+
+/// The guest event library over a world of the same process.  `wrap` may be null.
+std::shared_ptr<Ctxt::IEndvatLib> MakeSimEndvatLib(GuestWorld& world, WrapNetworkHandler wrap = nullptr);
 
 }  // namespace zem::sim::guest

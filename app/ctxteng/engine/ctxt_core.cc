@@ -69,11 +69,16 @@ void CtxtCore::Initialize(const Settings& settings, EngineParts parts,
                           const std::shared_ptr<zem::covedb::CoveDbClientInterface>& store,
                           const std::shared_ptr<zem::upm::UPMService>& profiles) {
   guests_.SetProtocolMask(kProtocolBits);
-  auto run = std::make_shared<Run>();
+  if (!something_left_inside_) {
+    run_ = nullptr;
+    runs_.clear();
+  }
+  runs_.push_back(std::make_unique<Run>());
+  Run* const run = runs_.back().get();
   run->parts = std::move(parts);
   run->handler = std::make_unique<CtxtClientHandler>(run->parts.clients, users_, *run->parts.firewall);
   run->mux = std::make_unique<MuxEvents>(run->parts.introspection, run->parts.health);
-  run_.store(run);
+  run_ = run;
   CloseEndvatQueries(false);
   gate_.Open();
   if (run->parts.channel != nullptr) run->parts.channel->Initialize();
@@ -89,9 +94,12 @@ void CtxtCore::Shutdown(uint32_t client_ids) {
   ZLOG_INFO("CtxtCore: Shutdown");
   // Callbacks that run have to be out before their records go; those that come are turned away.
   CloseEndvatQueries(true);
-  if (!gate_.Close(kCallbackPatience)) ZLOG_WARN("CtxtCore: A callback has not returned, going on");
-  const auto run = run_.load();
-  if (run != nullptr) run->handler->Shutdown(client_ids);
+  if (!gate_.Close(kCallbackPatience)) {
+    something_left_inside_ = true;
+    ZLOG_WARN("CtxtCore: A callback has not returned, going on");
+  }
+  Run* const run = run_;
+  if (run != nullptr && !run->handler->Shutdown(client_ids)) something_left_inside_ = true;
   guests_.Clear();
   users_.ClearMetadata();
   users_.ClearSessions();
@@ -109,7 +117,7 @@ void CtxtCore::Shutdown(uint32_t client_ids) {
 }
 
 uint32_t CtxtCore::active_clients() const {
-  const auto run = run_.load();
+  Run* const run = run_;
   return run == nullptr ? 0 : run->handler->active_clients();
 }
 
@@ -175,7 +183,7 @@ void CtxtCore::TimerEventHandler(void* data) {
   }
   ++vm->timer_events;
   vm->last_timer_event = WallMilliseconds() / 1000;
-  const auto run = run_.load();
+  Run* const run = run_;
   Contain("timer", [&] { run->handler->Timer(vm); });
   HandTheMaskOver(*vm);
   const uint32_t tick = vm->tick++;

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app/ctxteng/base/client_param.h"
 #include "app/ctxteng/base/engine_parts.h"
@@ -95,8 +96,11 @@ class CtxtCore {
   StartBarrier barrier_;
   GuestTable guests_;
   UserTables users_;
-  // Kept after a shutdown until the next start: a callback that hung may still be in it.
-  std::atomic<std::shared_ptr<Run>> run_;
+  // A run is kept after its shutdown, since a callback or a client's start that hung may still be in it.  The
+  // next start frees it when nothing was left inside.
+  std::vector<std::unique_ptr<Run>> runs_;
+  std::atomic<Run*> run_{nullptr};
+  bool something_left_inside_ = false;
 };
 
 }  // namespace Ctxt

@@ -71,10 +71,10 @@ const char* IpVersionName(uint32_t version) {
 
 std::string Hexadecimal(std::string_view bytes) {
   constexpr const char* kDigits = "0123456789abcdef";
-  std::string text;
-  for (const char byte : bytes) {
-    text += kDigits[static_cast<uint8_t>(byte) >> 4];
-    text += kDigits[static_cast<uint8_t>(byte) & 15];
+  std::string text(bytes.size() * 2, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    text[2 * i] = kDigits[static_cast<uint8_t>(bytes[i]) >> 4];
+    text[2 * i + 1] = kDigits[static_cast<uint8_t>(bytes[i]) & 15];
   }
   return text;
 }
@@ -201,9 +201,9 @@ void ConnInfoBuilder::TakeGroups(Work& work) const {
               info.dest_port, info.vc_uuid.c_str());
     return;
   }
-  const Groups groups = GroupsOf(work.vm, buffer);
+  Groups groups = GroupsOf(work.vm, buffer);
   info.group_count = groups.count;
-  for (const std::string& sid : groups.sids) info.group_keys.push_back(DfwKey(work.vm, sid, 0));
+  info.group_keys = std::move(groups.sids);  // a SID is its own key
   for (const uint32_t id : groups.ids) info.group_keys.push_back(DfwKey(work.vm, {}, id));
 }
 

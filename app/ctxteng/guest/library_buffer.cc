@@ -21,8 +21,11 @@ constexpr size_t kIpTextSize = 40;
 
 std::string Narrow(std::string_view bytes) {
   const size_t step = bytes.size() >= 2 && bytes[1] == '\0' ? 2 : 1;
-  std::string text;
-  for (size_t i = 0; i < bytes.size() && bytes[i] != '\0'; i += step) text += bytes[i];
+  if (step == 1) return std::string(bytes.substr(0, bytes.find('\0')));
+  size_t length = 0;
+  while (length * 2 < bytes.size() && bytes[length * 2] != '\0') ++length;
+  std::string text(length, '\0');
+  for (size_t i = 0; i < length; ++i) text[i] = bytes[i * 2];
   return text;
 }
 

@@ -148,11 +148,14 @@ void CtxtClientHandler::EnableCallbacks() {
                    EndvatUtil::ErrorName(unloaded));
 }
 
-void CtxtClientHandler::Shutdown(uint32_t client_ids) {
+bool CtxtClientHandler::Shutdown(uint32_t client_ids) {
+  bool start_ended = true;
   if (start_up_ != nullptr) {
     std::unique_lock lock(start_up_->mutex);
     start_up_->cancelled = true;
-    if (!start_up_->changed.WaitFor(lock, kStartUpPatience, [this] { return start_up_->ended; }))
+    start_ended = start_up_->changed.WaitFor(lock, kStartUpPatience, [this] { return start_up_->ended; });
+    lock.unlock();
+    if (!start_ended)
       ZLOG_WARN("CtxtClientHandler: The clients are still being initialized, going on without them");
   }
   ZLOG_INFO("CtxtClientHandler: Shutting down client ids: %u", client_ids);
@@ -165,6 +168,7 @@ void CtxtClientHandler::Shutdown(uint32_t client_ids) {
   }
   ShutdownClient(kSampleBit, kSampleBit, clients_.sample, "Sample");
   ZLOG_INFO("CtxtClientHandler: Active clients: %u", active_clients());
+  return start_ended;
 }
 
 void CtxtClientHandler::ShutdownClient(uint32_t client_ids, uint32_t bit,

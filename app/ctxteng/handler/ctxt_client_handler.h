@@ -37,7 +37,8 @@ class CtxtClientHandler {
                   const std::shared_ptr<zem::covedb::CoveDbClientInterface>& store,
                   const std::shared_ptr<zem::upm::UPMService>& profiles, std::function<void()> started);
   /// Ends the clients.  Waits for the start-up thread, 10 seconds at most; one that is late enables nothing.
-  void Shutdown(uint32_t client_ids);
+  /// Returns false when it is still running: the handler then has to outlive it.
+  [[nodiscard]] bool Shutdown(uint32_t client_ids);
 
   void VmPowerOn(const GuestTable::Record& vm);
   void VmPowerOff(const GuestTable::Record& vm);
