@@ -42,13 +42,13 @@ using EventSourcePollCallback = std::function<void(const uint16_t* event_types, 
 /// The functions below return an EventSourceStatus.
 ///
 /// Threads: any thread; one source's Create, Set...Callback, Start and Destroy one after the other. Callbacks
-/// run on a thread of the source and may block.
+/// run on a thread of the source and may block, except the first one, which Start calls.
 
 /// Makes a source; `name` (1 to 256 bytes) is its source id.
 [[nodiscard]] int EventSource_CreateEx(const char* name, uint16_t feature_id, EventSourceHandle* handle);
 
-/// Before Start.  The callback gets the configuration of all events of the feature after the start, and of
-/// each event that changes.
+/// Before Start.  Start calls the callback with the configuration of all events of the feature before it
+/// returns; later calls have the events that changed.
 [[nodiscard]] int EventSource_SetConfigCallback(EventSourceHandle handle, EventSourceConfigCallback callback);
 
 /// Before Start.  The callback is called once a minute, and sets the samples of these events.

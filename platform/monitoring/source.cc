@@ -39,9 +39,10 @@ void EventSource::SetPollCallback(std::vector<uint16_t> event_types, EventSource
 void EventSource::Start() {
   if (started_.exchange(true)) return;
   subscription_->Start();
+  // Here, so that nothing is raised before its owner knows whether the event is disabled.
+  if (config_callback_) ReadConfigs();
   callback_provider_->RunAsync(1);
   if (config_callback_) {
-    callback_provider_->dispatcher().Post([this] { ReadConfigs(); });
     callback_provider_->timers().ScheduleRepeated(
         kConfigPeriod, [this] { ReadConfigs(); }, TimerOptions::Default);
   }

@@ -56,6 +56,7 @@ class WorldIntrospection {
  private:
   class Alarm final : public Ctxt::PartnerAlarm {
    public:
+    void Start() override {}
     bool Raise(const std::string& id) override;
     bool Reset(const std::string& id) override;
     void ResetAll(const std::string& id) override;

@@ -75,8 +75,9 @@ void OnMessage(const std::shared_ptr<CtxtMsg>& message) {
 }  // namespace
 
 CtxtHealth& CtxtHealth::GetInstance() {
-  static CtxtHealth instance;
-  return instance;
+  // Never destroyed: its thread looks at the guests, which go earlier.
+  static auto* const instance = new CtxtHealth();
+  return *instance;
 }
 
 CtxtHealth::CtxtHealth() {

@@ -26,6 +26,7 @@ OuviConfig::~OuviConfig() { pusher_->Stop(); }
 
 void OuviConfig::Start(std::shared_ptr<zem::covedb::CoveDbClientInterface> store,
                        std::shared_ptr<zem::upm::UPMService> profile_service) {
+  alarm_->Start();
   vm_config_->Start(std::move(profile_service));
   solution_config_->Start(store);
   am_config_->Start(store);

@@ -18,6 +18,7 @@ class LibraryPort final : public MuxPort {
 
 class NoAlarm final : public PartnerAlarm {
  public:
+  void Start() override {}
   bool Raise(const std::string&) override { return false; }
   bool Reset(const std::string&) override { return false; }
   void ResetAll(const std::string&) override {}

@@ -19,6 +19,8 @@ class MuxPort {
 class PartnerAlarm {
  public:
   virtual ~PartnerAlarm() = default;
+  /// Before any other operation; again after a Shutdown.
+  virtual void Start() = 0;
   virtual bool Raise(const std::string& service_instance_id) = 0;
   virtual bool Reset(const std::string& service_instance_id) = 0;
   virtual void ResetAll(const std::string& service_instance_id) = 0;

@@ -28,6 +28,7 @@ constexpr const char* kJson =
 
 class Alarm final : public PartnerAlarm {
  public:
+  void Start() override {}
   bool Raise(const std::string& id) override { return Note("raise " + id); }
   bool Reset(const std::string& id) override { return Note("reset " + id); }
   void ResetAll(const std::string& id) override { Note("reset all " + id); }
