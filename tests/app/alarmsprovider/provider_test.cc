@@ -281,7 +281,7 @@ TEST_F(AlarmsProviderTest, RequestsAreAnsweredOnceWhateverClientsDo) {
         Case{AlarmClient::Fault::kSilent, "", false}}) {
     log.Clear();
     subscribing.SetFault(each.fault);
-    const uint64_t sent = manager->received_count();
+    const uint64_t sent = manager->record().received_count();
     const auto answer = Ask(SyncOf("b", 15));
     EXPECT_EQ(answer.has_value(), each.in_time) << each.text;
     EXPECT_TRUE(log.Contains(each.text)) << each.text;
@@ -289,7 +289,7 @@ TEST_F(AlarmsProviderTest, RequestsAreAnsweredOnceWhateverClientsDo) {
     clock.RunFor(62s);
     EXPECT_EQ(log.Count("Sending message (type:com.orlane.zem.monitoring.CollectorMpMsg"), 2U)
         << each.text << ": one answer and one heartbeat";
-    EXPECT_EQ(manager->received_count() - sent, 1U) << each.text;
+    EXPECT_EQ(manager->record().received_count() - sent, 1U) << each.text;
   }
   EXPECT_EQ(subscribing.state().refused_answers, 1U);
 
@@ -409,11 +409,12 @@ TEST_F(AlarmsProviderTest, ATakenPortAndAStop) {
   auto server = rpc::ServerBuilder(other.rpc()).AddListeningEndpoint(net::Endpoint(kPort)).BuildStarted();
   EXPECT_FALSE(StartProvider());
   EXPECT_TRUE(log.Contains("Alarm clients cannot be served at tcp://127.0.0.1:9100"));
+  clock.RunFor(1s);
   alarms->Stop();
   alarms.reset();
   server.reset();
-  other.StopAndWait(true);
   clock.RunFor(1s);
+  other.StopAndWait(true);
 
   AddClient(AlarmClient::Kind::kSubscribing, "b").Raise({15, kEntity}, "{}");
   StartAll();
