@@ -213,7 +213,8 @@ void Collector::TakeEvents(const MonitoringEventReportMsg& report, const std::st
         if (instance.status() == 0) {
           state_.open.erase(key);
         } else {
-          state_.open[std::move(key)] = {instance.status(), feature.source_id(), instance.context()};
+          state_.open[std::move(key)] = {instance.status(), feature.source_id(), instance.context(),
+                                         ++versions_};
         }
       }
     }
@@ -306,13 +307,15 @@ void Collector::CheckSources(const std::set<std::string>& sources) {
     if (const auto entity = ParseUuid(std::get<2>(key))) SetUuid(*entity, sync->mutable_entity_id());
     sync->set_source_id(instance.source_id);
     ++checks_;
-    provider_->timers().Schedule(kFollowUpDelay, [this, message, key = key] {
-      const auto done = [this, key](const std::optional<CollectorMpMsg>& answer) {
+    provider_->timers().Schedule(kFollowUpDelay, [this, message, key = key, asked = instance.version] {
+      const auto done = [this, key, asked](const std::optional<CollectorMpMsg>& answer) {
         const std::lock_guard lock(mutex_);
         --checks_;
-        if (answer && answer->sync_response().has_status() && answer->sync_response().status() == 0) {
-          state_.open.erase(key);
-        }
+        const auto found = state_.open.find(key);
+        // A report that came after the question says more than the answer.
+        if (found == state_.open.end() || found->second.version != asked) return;
+        if (!answer || !answer->sync_response().has_status()) return FullSyncSoon();
+        if (answer->sync_response().status() == 0) state_.open.erase(found);
       };
       if (!Ask(message, done).empty()) done(std::nullopt);
     });

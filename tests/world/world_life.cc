@@ -37,6 +37,8 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"clone a VM", 2, &WorldLife::CloneVm},
       {"secure or release a port", 5, &WorldLife::ToggleSecurityPort},
       {"restart the agent", 1, &WorldLife::RestartAgent},
+      {"raise or clear an alarm", 12, &WorldLife::RaiseOrClearAlarm},
+      {"report a status", 4, &WorldLife::ReportStatus},
   };
   return steps;
 }
@@ -58,12 +60,16 @@ const std::vector<WorldLife::Step>& WorldLife::Misfortunes() {
       {"the host management goes or comes", 2, &WorldLife::DropHostManagement},
       {"the disk fills up", 1, &WorldLife::FillDisk},
       {"the tool of maintenance mode fails", 1, &WorldLife::FailMaintenanceTool},
+      {"an alarm client goes or comes", 3, &WorldLife::AlarmClientGoesOrComes},
+      {"an alarm client misbehaves", 3, &WorldLife::AlarmClientMisbehaves},
+      {"the collector misanswers", 2, &WorldLife::CollectorMisanswers},
   };
   return steps;
 }
 
 WorldLife::WorldLife(const Options& options)
     : options_(options), random_(options.seed), managed_(options.seed % 4 == 3), node_(options.log) {
+  alarms_ = std::make_unique<WorldAlarms>(*node_.manager, [this](uint64_t below) { return Pick(below); });
   for (size_t i = 0; i < kNetworks.size(); ++i) node_.manager->vifs().AddSwitch(kNetworks[i], ZoneOf(i));
   node_.manager->vifs().AddSwitch(kPortGroup, sim::kZones[0]);
   for (int i = 0; i < kVms; ++i) {

@@ -414,4 +414,7 @@ void WorldLife::RestartAgent() {
   running_ = true;
 }
 
+void WorldLife::RaiseOrClearAlarm() { alarms_->RaiseOrClear(); }
+void WorldLife::ReportStatus() { alarms_->ReportStatus(); }
+
 }  // namespace zem::world

@@ -59,6 +59,7 @@ void WorldLife::Calm() {
     node_.manager->AddAph(aph, false);
   }
   node_.manager->SetMaster(kAphs[Pick(3)]);
+  alarms_->Calm();
   JoinVms();
   node_.clock.RunFor(kQuiet);
 }
@@ -341,6 +342,7 @@ Lines WorldLife::CheckAll() {
   SettleSwitches(&lines);
   Await([this] { return CheckPorts(); }, &lines);
   Await([this] { return CheckChannel(); }, &lines);
+  Await([this] { return alarms_->Check(); }, &lines);
   Await([this] { return sim::CheckHealth(node_.switches, "up"); }, &lines);
   Await([this] { return sim::CheckManners(node_.switches, *node_.host_management); }, &lines);
   if (lines.empty() && Chance(2)) RemoveClone(&lines);
