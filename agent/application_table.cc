@@ -6,6 +6,7 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include "app/alarmsprovider/service/alarms_provider.h"
+#include "app/ctxteng/alarms/alarm_command.h"
 #include "app/probe/probe.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
@@ -72,6 +73,7 @@ class AlarmsProviderRow final : public Application {
   explicit AlarmsProviderRow(const ApplicationContext& context)
       : alarms_(std::make_shared<AlarmsProvider>(context.provider, context.store, AlarmsProvider::Files())) {}
 
+  std::vector<CliCommand> Commands() override { return {Ctxt::SetAlarmCommand()}; }
   bool Start() override { return alarms_->Start(); }
   void Stop() override { alarms_->Stop(); }
 

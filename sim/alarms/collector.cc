@@ -42,7 +42,6 @@ enum HostType : uint32_t {
   kSync = 2,
   kResetAnswer = 3,
   kSourceSyncAnswer = 4,
-  kStatusFullSync = 5,
   kLeadershipAnswer = 6,
   kNoSuchType = 7,
 };
@@ -133,7 +132,7 @@ std::optional<std::string> Collector::AnswerTo(const CollectorMpMsg& message,
       answer.mutable_reset_response()->set_result(agreed);
       if (agreed) {
         state_.sources.clear();
-        restart_expected_ = kept_allowed_ = status_restart_expected_ = true;
+        restart_expected_ = kept_allowed_ = true;
         FullSyncSoon();
       }
       break;
@@ -225,14 +224,12 @@ void Collector::TakeEvents(const MonitoringEventReportMsg& report, const std::st
 
 void Collector::TakeStatus(const MonitoringStatusReportMsg& report, const std::string& correlation_id) {
   const uint32_t sequence = report.sequence_number();
-  if (sequence != state_.status_sequence + 1 && !(status_restart_expected_ && sequence == 1)) {
-    // A publish that was on its way when the master went is lost, so that a gap is no fault of the host.
-    if (sequence <= state_.status_sequence) {
-      Violation("status report " + std::to_string(sequence) + " after " +
-                std::to_string(state_.status_sequence));
-    }
+  // A host that starts again counts from 1 and does not wait for its reset; a publish that was on its way
+  // when the master went is lost.  But no number comes twice.
+  if (sequence <= state_.status_sequence && sequence != 1) {
+    Violation("status report " + std::to_string(sequence) + " after " +
+              std::to_string(state_.status_sequence));
   }
-  status_restart_expected_ = status_restart_expected_ && sequence != 1;
   state_.status_sequence = sequence;
   Keep({true, sequence, correlation_id, static_cast<size_t>(report.status_vertical_report_size()),
         report.ShortDebugString()});
@@ -241,10 +238,6 @@ void Collector::TakeStatus(const MonitoringStatusReportMsg& report, const std::s
 // --- What the collector asks.
 
 std::string Collector::Ask(const CollectorHostMsg& message, Answered answered) {
-  if (message.msg_type() == kStatusFullSync) {
-    const std::lock_guard lock(mutex_);
-    status_restart_expected_ = true;
-  }
   orlane::zem::messaging::RawPayloadMsg raw;
   raw.set_payload(message.SerializeAsString());
   Manager::SendRequest request;

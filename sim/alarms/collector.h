@@ -124,7 +124,6 @@ class Collector {
   bool full_sync_due_ = false;
   int checks_ = 0;  // under way
   uint64_t versions_ = 0;
-  bool status_restart_expected_ = true;
 };
 
 }  // namespace zem::sim
