@@ -21,6 +21,7 @@
 #include "app/alarmsprovider/status/status_queue_manager.h"
 #include "framework/log/logger.h"
 #include "platform/provider/provider.h"
+#include "platform/provider/timer.h"
 #include "platform/rpc/server.h"
 #include "platform/rpc/stub_factory.h"
 #include "platform/rpc/transport.h"
