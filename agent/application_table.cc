@@ -6,6 +6,7 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include "app/alarmsprovider/service/alarms_provider.h"
+#include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
 #include "app/probe/probe.h"
 #include "app/zema/app/zema_app.h"
@@ -56,6 +57,7 @@ class CliServerRow final : public Application {
  public:
   explicit CliServerRow(const ApplicationContext& context) : server_(context.cli_server) {}
 
+  std::vector<CliCommand> Commands() override { return {Ctxt::SetAlarmCommand()}; }
   bool Start() override {
     server_->Start();
     return true;

@@ -42,7 +42,6 @@ enum HostType : uint32_t {
   kSync = 2,
   kResetAnswer = 3,
   kSourceSyncAnswer = 4,
-  kStatusFullSync = 5,
   kLeadershipAnswer = 6,
   kNoSuchType = 7,
 };
@@ -133,7 +132,7 @@ std::optional<std::string> Collector::AnswerTo(const CollectorMpMsg& message,
       answer.mutable_reset_response()->set_result(agreed);
       if (agreed) {
         state_.sources.clear();
-        restart_expected_ = kept_allowed_ = status_restart_expected_ = true;
+        restart_expected_ = kept_allowed_ = true;
         FullSyncSoon();
       }
       break;
@@ -213,7 +212,8 @@ void Collector::TakeEvents(const MonitoringEventReportMsg& report, const std::st
         if (instance.status() == 0) {
           state_.open.erase(key);
         } else {
-          state_.open[std::move(key)] = {instance.status(), feature.source_id(), instance.context()};
+          state_.open[std::move(key)] = {instance.status(), feature.source_id(), instance.context(),
+                                         ++versions_};
         }
       }
     }
@@ -224,14 +224,12 @@ void Collector::TakeEvents(const MonitoringEventReportMsg& report, const std::st
 
 void Collector::TakeStatus(const MonitoringStatusReportMsg& report, const std::string& correlation_id) {
   const uint32_t sequence = report.sequence_number();
-  if (sequence != state_.status_sequence + 1 && !(status_restart_expected_ && sequence == 1)) {
-    // A publish that was on its way when the master went is lost, so that a gap is no fault of the host.
-    if (sequence <= state_.status_sequence) {
-      Violation("status report " + std::to_string(sequence) + " after " +
-                std::to_string(state_.status_sequence));
-    }
+  // A host that starts again counts from 1 and does not wait for its reset; a publish that was on its way
+  // when the master went is lost.  But no number comes twice.
+  if (sequence <= state_.status_sequence && sequence != 1) {
+    Violation("status report " + std::to_string(sequence) + " after " +
+              std::to_string(state_.status_sequence));
   }
-  status_restart_expected_ = status_restart_expected_ && sequence != 1;
   state_.status_sequence = sequence;
   Keep({true, sequence, correlation_id, static_cast<size_t>(report.status_vertical_report_size()),
         report.ShortDebugString()});
@@ -240,10 +238,6 @@ void Collector::TakeStatus(const MonitoringStatusReportMsg& report, const std::s
 // --- What the collector asks.
 
 std::string Collector::Ask(const CollectorHostMsg& message, Answered answered) {
-  if (message.msg_type() == kStatusFullSync) {
-    const std::lock_guard lock(mutex_);
-    status_restart_expected_ = true;
-  }
   orlane::zem::messaging::RawPayloadMsg raw;
   raw.set_payload(message.SerializeAsString());
   Manager::SendRequest request;
@@ -306,13 +300,15 @@ void Collector::CheckSources(const std::set<std::string>& sources) {
     if (const auto entity = ParseUuid(std::get<2>(key))) SetUuid(*entity, sync->mutable_entity_id());
     sync->set_source_id(instance.source_id);
     ++checks_;
-    provider_->timers().Schedule(kFollowUpDelay, [this, message, key = key] {
-      const auto done = [this, key](const std::optional<CollectorMpMsg>& answer) {
+    provider_->timers().Schedule(kFollowUpDelay, [this, message, key = key, asked = instance.version] {
+      const auto done = [this, key, asked](const std::optional<CollectorMpMsg>& answer) {
         const std::lock_guard lock(mutex_);
         --checks_;
-        if (answer && answer->sync_response().has_status() && answer->sync_response().status() == 0) {
-          state_.open.erase(key);
-        }
+        const auto found = state_.open.find(key);
+        // A report that came after the question says more than the answer.
+        if (found == state_.open.end() || found->second.version != asked) return;
+        if (!answer || !answer->sync_response().has_status()) return FullSyncSoon();
+        if (answer->sync_response().status() == 0) state_.open.erase(found);
       };
       if (!Ask(message, done).empty()) done(std::nullopt);
     });

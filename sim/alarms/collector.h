@@ -65,6 +65,8 @@ class Collector {
     uint32_t status = 0;
     std::string source_id;
     std::string context;
+    /// Grows with each report of the event.
+    uint64_t version = 0;
   };
   /// A report of events or of status.
   struct Report {
@@ -121,7 +123,7 @@ class Collector {
   bool kept_allowed_ = true;      // one report of before the restart may come first
   bool full_sync_due_ = false;
   int checks_ = 0;  // under way
-  bool status_restart_expected_ = true;
+  uint64_t versions_ = 0;
 };
 
 }  // namespace zem::sim

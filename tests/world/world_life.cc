@@ -38,6 +38,8 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"secure or release a port", 5, &WorldLife::ToggleSecurityPort},
       {"restart the agent", 1, &WorldLife::RestartAgent},
       {"change solutions, profiles or rules", 12, &WorldLife::ChangeProtection},
+      {"raise or clear an alarm", 12, &WorldLife::RaiseOrClearAlarm},
+      {"report a status", 4, &WorldLife::ReportStatus},
   };
   return steps;
 }
@@ -61,12 +63,16 @@ const std::vector<WorldLife::Step>& WorldLife::Misfortunes() {
       {"the tool of maintenance mode fails", 1, &WorldLife::FailMaintenanceTool},
       {"the multiplexer goes or comes", 4, &WorldLife::BounceMultiplexer},
       {"a service VM goes or comes", 3, &WorldLife::MoveServiceVm},
+      {"an alarm client goes or comes", 3, &WorldLife::AlarmClientGoesOrComes},
+      {"an alarm client misbehaves", 3, &WorldLife::AlarmClientMisbehaves},
+      {"the collector misanswers", 2, &WorldLife::CollectorMisanswers},
   };
   return steps;
 }
 
 WorldLife::WorldLife(const Options& options)
     : options_(options), random_(options.seed), managed_(options.seed % 4 == 3), node_(options.log) {
+  alarms_ = std::make_unique<WorldAlarms>(*node_.manager, [this](uint64_t below) { return Pick(below); });
   for (size_t i = 0; i < kNetworks.size(); ++i) node_.manager->vifs().AddSwitch(kNetworks[i], ZoneOf(i));
   node_.manager->vifs().AddSwitch(kPortGroup, sim::kZones[0]);
   for (int i = 0; i < kVms; ++i) {

@@ -16,6 +16,7 @@
 #include "platform/core/thread.h"
 #include "proto/switching/switching.pb.h"
 #include "sim/manager/manager.h"
+#include "tests/world/world_alarms.h"
 #include "tests/world/world_node.h"
 
 namespace zem::world {
@@ -97,6 +98,8 @@ class WorldLife {
   void ToggleSecurityPort();
   void RestartAgent();
   void ChangeProtection();
+  void RaiseOrClearAlarm();
+  void ReportStatus();
 
   // Misfortunes.
   void StopProxy();
@@ -116,6 +119,9 @@ class WorldLife {
   void FailMaintenanceTool();
   void BounceMultiplexer();
   void MoveServiceVm();
+  void AlarmClientGoesOrComes();
+  void AlarmClientMisbehaves();
+  void CollectorMisanswers();
 
   void Calm();
   void Launch(const std::string& vm, std::function<sim::VirtualMachines::Steps()> change);
@@ -181,9 +187,9 @@ class WorldLife {
   std::set<std::string> unsure_;  // VMs whose last operation failed
   std::set<std::string> busy_;
 
-  /// Declared last, so that it is destroyed first: its destructor still runs callbacks that use all of the
-  /// above.
+  /// Declared behind all that its destructor's callbacks still use.
   WorldNode node_;
+  std::unique_ptr<WorldAlarms> alarms_;
 };
 
 }  // namespace zem::world

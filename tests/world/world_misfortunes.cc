@@ -17,7 +17,7 @@ void WorldLife::StopProxy() { node_.manager->StopProxy(); }
 void WorldLife::StartProxy() { node_.manager->StartProxy(); }
 
 void WorldLife::BreakConnection() {
-  constexpr std::array kEndpoints = {kInfoEndpoint, kForwardingEndpoint, kStoreEndpoint};
+  constexpr std::array kEndpoints = {kInfoEndpoint, kForwardingEndpoint, kStoreEndpoint, kAlarmsEndpoint};
   node_.network.Break(kEndpoints[Pick(kEndpoints.size())]);
 }
 
@@ -106,6 +106,10 @@ void WorldLife::FillDisk() {
 void WorldLife::FailMaintenanceTool() {
   std::ofstream(sim::HostState::DefaultRoot() + "/host/zemcli.result") << "1 the host has other worries\n";
 }
+
+void WorldLife::AlarmClientGoesOrComes() { alarms_->ClientGoesOrComes(); }
+void WorldLife::AlarmClientMisbehaves() { alarms_->ClientMisbehaves(); }
+void WorldLife::CollectorMisanswers() { alarms_->CollectorMisanswers(); }
 
 void WorldLife::DropHostManagement() {
   switch (Pick(3)) {

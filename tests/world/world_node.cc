@@ -5,6 +5,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/zema/app/zema_app.h"
 #include "covedbclient/covedb_client.h"
 #include "framework/log/logger.h"
@@ -88,6 +89,9 @@ void WorldNode::StartAgent() {
   provider_->RunAsync(5);
   app_ = std::make_unique<Tarvik::ZemaApp>(*provider_, nullptr, store_client_);
   app_->Start(false, false, false);
+  alarms_ =
+      std::make_shared<Tarvik::AlarmsProvider>(*provider_, store_client_, Tarvik::AlarmsProvider::Files());
+  if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
 }
@@ -96,7 +100,9 @@ void WorldNode::StopAgent() {
   Tarvik::CloseShutdownPipe();
   proxy_client_->Stop();
   introspection.StopAgent();
+  alarms_->Stop();
   app_->Stop(0);
+  alarms_.reset();
   app_.reset();
   proxy_client_.reset();
   store_client_.reset();

@@ -18,8 +18,9 @@
 namespace zem {
 class TnProxyClientCommon;
 namespace Tarvik {
+class AlarmsProvider;
 class ZemaApp;
-}
+}  // namespace Tarvik
 namespace covedb {
 class CoveDbClient;
 }
@@ -34,13 +35,15 @@ inline constexpr const char* kAphs[] = {"0a000000-0000-4000-8000-000000000001",
 inline constexpr const char* kInfoEndpoint = "tcp://127.0.0.1:9004";
 inline constexpr const char* kForwardingEndpoint = "tcp://127.0.0.1:4096";
 inline constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
+inline constexpr const char* kAlarmsEndpoint = "tcp://127.0.0.1:9100";
 
 /// The agent's state files, on a small file system of their own.
 inline constexpr const char* kStateFolder = "/etc/orlane/zema";
 
-/// The realization with its clients of the manager and the store, and every peer that it deals with, in one
-/// process on the virtual clock.  Runs in a sandbox: files, the management script and the commands of the
-/// host are the simulated node's real ones, and virtual time stands still while those processes work.
+/// The realization and the alarms provider with their clients of the manager and the store, and every peer
+/// that it deals with, in one process on the virtual clock.  Runs in a sandbox: files, the management script
+/// and the commands of the host are the simulated node's real ones, and virtual time stands still while those
+/// processes work.
 class WorldNode {
  public:
   /// Writes the agent's log lines to `log`; null: no log.
@@ -76,6 +79,7 @@ class WorldNode {
   std::shared_ptr<covedb::CoveDbClient> store_client_;
   std::shared_ptr<TnProxyClientCommon> proxy_client_;
   std::unique_ptr<Tarvik::ZemaApp> app_;
+  std::shared_ptr<Tarvik::AlarmsProvider> alarms_;
 };
 
 }  // namespace zem::world

@@ -418,5 +418,7 @@ void WorldLife::ChangeProtection() {
   node_.introspection.ChangeObjects(
       random_, [this](const orlane::zem::covedb::ModifyRequestMsg& request) { Modify(request); });
 }
+void WorldLife::RaiseOrClearAlarm() { alarms_->RaiseOrClear(); }
+void WorldLife::ReportStatus() { alarms_->ReportStatus(); }
 
 }  // namespace zem::world

@@ -3,6 +3,8 @@
 
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "framework/node/platform_info.h"
+#include "platform/monitoring/event_configs.h"
+#include "platform/monitoring/event_source.h"
 #include "platform/provider/timer.h"
 #include "platform/rpc/stub_factory.h"
 #include "proto/monitoring/monitoring_services.rpc.h"
@@ -402,19 +404,77 @@ TEST_F(AlarmsProviderTest, LeadershipChangesAreForwardedByAnAppliance) {
   caller.StopAndWait(true);
 }
 
-// Another program on the port must not keep the daemon from its other work, and a stop must end everything.
-TEST_F(AlarmsProviderTest, ATakenPortAndAStop) {
-  AsioZemProvider other;
-  other.RunAsync(1);
-  auto server = rpc::ServerBuilder(other.rpc()).AddListeningEndpoint(net::Endpoint(kPort)).BuildStarted();
-  EXPECT_FALSE(StartProvider());
-  EXPECT_TRUE(log.Contains("Alarm clients cannot be served at tcp://127.0.0.1:9100"));
+// The daemon's own alarms take the same way as those of any other client, and outlive the provider.
+TEST_F(AlarmsProviderTest, EventSourcesReachTheCollector) {
+  EventSourceHandle source = nullptr;
+  EXPECT_EQ(EventSource_CreateEx("", 33, &source), kEventSourceInvalidArgument);
+  ASSERT_EQ(EventSource_CreateEx("ctxteng", 33, &source), kEventSourceOk);
+  std::vector<uint16_t> configured;
+  int polls = 0;
+  const std::vector<uint16_t> polled = {55, 63};
+  ASSERT_EQ(EventSource_SetConfigCallback(source,
+                                          [&](const std::vector<EventSourceConfig>& configs) {
+                                            for (const auto& each : configs)
+                                              configured.push_back(each.event_type_id);
+                                          }),
+            kEventSourceOk);
+  ASSERT_EQ(EventSource_SetPollCallback(source, polled.data(), polled.size(),
+                                        [&](const uint16_t* types, size_t count) {
+                                          EXPECT_EQ(std::vector<uint16_t>(types, types + count), polled);
+                                          ++polls;
+                                        }),
+            kEventSourceOk);
+  EXPECT_EQ(EventSource_SetEventInstanceSample(source, 15, 1, 2, true, "{}"), kEventSourceNotStarted);
+  EXPECT_EQ(EventSource_SetEventInstanceSample(nullptr, 15, 1, 2, true, "{}"), kEventSourceNoHandle);
+  ASSERT_EQ(EventSource_Start(source), kEventSourceOk);
+  // Before there is a provider.
+  ASSERT_EQ(EventSource_SetEventInstanceSample(source, 15, 1, 2, true, "{\"n\":1}"), kEventSourceOk);
+  StartAll();
+  ASSERT_EQ(EventSource_SetEventInstanceSample(source, 17, 1, 2, true, nullptr), kEventSourceOk);
+  ASSERT_EQ(EventSource_SetEventInstanceSample(source, 19, 1, 3, true, nullptr), kEventSourceOk);
+  clock.RunFor(6s);
+  EXPECT_THAT(Open(), ElementsAre("ctxteng:15", "ctxteng:17", "ctxteng:19"));
+  EXPECT_THAT(collector->state().sources, ElementsAre("ctxteng"));
+  EXPECT_THAT(configured, testing::AllOf(testing::SizeIs(12), testing::Contains(55)));
+  const EventSourceEntity gone{1, 3};
+  ASSERT_EQ(EventSource_UpdateDeletedEntities(source, 19, &gone, 1), kEventSourceOk);
+  ASSERT_EQ(EventSource_SetEventInstanceSample(source, 17, 1, 2, false, nullptr), kEventSourceOk);
+  clock.RunFor(60s);
+  EXPECT_THAT(Open(), ElementsAre("ctxteng:15"));
+  EXPECT_GE(polls, 1);
   alarms->Stop();
   alarms.reset();
-  server.reset();
-  other.StopAndWait(true);
-  clock.RunFor(1s);
+  ASSERT_EQ(EventSource_SetEventInstanceSample(source, 19, 1, 3, true, nullptr), kEventSourceOk);
+  ASSERT_TRUE(StartProvider());
+  clock.RunFor(60s);
+  Calm();
+  EXPECT_THAT(Open(), ElementsAre("ctxteng:15", "ctxteng:19"));
+  EventSource_Destroy(source);
+  EXPECT_THAT(collector->state().violations, IsEmpty());
+}
 
+// A customization in the file must reach the source that has the event, once, and its end too.
+TEST(EventConfigsTest, OnlyChangesAreReported) {
+  const test::TempDir folder;
+  monitoring::EventConfigs configs(13, folder.Path("events"));
+  ASSERT_THAT(configs.Changed(), SizeIs(1)) << "the catalogue's, without a file";
+  EXPECT_THAT(configs.Changed(), IsEmpty());
+  folder.Write(
+      "events",
+      "{\"endpoint_protection.partner_channel_down\": {\"is_disabled\": \"true\", \"threshold\": \"7\"},"
+      " \"intrusion_detection.process_down\": {\"is_disabled\": \"true\"}}");
+  const auto changed = configs.Changed();
+  ASSERT_THAT(changed, SizeIs(1));
+  EXPECT_TRUE(changed[0].is_disabled);
+  EXPECT_EQ(changed[0].threshold, 7U);
+  folder.Write("events", "{\"endpoint_prot");
+  EXPECT_THAT(configs.Changed(), IsEmpty()) << "a file that does not read says nothing";
+  folder.Write("events", "{}");
+  ASSERT_THAT(configs.Changed(), SizeIs(1));
+}
+
+// After a stop nothing may be sent any more, by whichever timer or client.
+TEST_F(AlarmsProviderTest, AStopEndsEverything) {
   AddClient(AlarmClient::Kind::kSubscribing, "b").Raise({15, kEntity}, "{}");
   StartAll();
   EXPECT_THAT(Open(), ElementsAre("b:15"));
