@@ -50,6 +50,16 @@ bool ProfileTables::Apply(const proto::MonitorUpdateMsg& update) {
   return true;
 }
 
+bool ProfileTables::IsRepetition(const proto::MonitorUpdateMsg& update) const {
+  if (IsDelete(update) || !update.old_object().empty()) return false;
+  proto::ProfileMsg profile;
+  proto::ProfileBindingMsg binding;
+  if (update.object_type() == proto::PROFILE) {
+    return profile.ParseFromString(update.object()) && profiles_.count(profile.id()) != 0;
+  }
+  return binding.ParseFromString(update.object()) && bindings_.count(binding.entity_id()) != 0;
+}
+
 ProfileTables::Effective ProfileTables::Of(uint32_t entity_type, const std::vector<uint32_t>& types) const {
   Effective effective;
   for (const auto& [entity, binding] : bindings_) {

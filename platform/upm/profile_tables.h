@@ -17,6 +17,9 @@ class ProfileTables {
  public:
   /// Takes one change of the store.  False, and nothing changes, when the object cannot be read.
   [[nodiscard]] bool Apply(const orlane::zem::covedb::MonitorUpdateMsg& update);
+  /// True when `update` sets an object that is known and does not say what it was before: the store sends all
+  /// that it has again.
+  bool IsRepetition(const orlane::zem::covedb::MonitorUpdateMsg& update) const;
 
   using Effective = std::map<std::string, std::vector<Profile>>;
   /// The profiles of `types`, by entity of `entity_type`, in the order in which each entity lists them.

@@ -9,6 +9,7 @@
 #include "framework/log/log.h"
 #include "platform/core/condition.h"
 #include "platform/core/thread.h"
+#include "platform/rpc/status.h"
 #include "platform/upm/profile_tables.h"
 
 // The store's callbacks only change tables.  At each barrier, behind which the tables are what the store has,
@@ -37,12 +38,14 @@ struct Registration {
 class UPMService::Impl : public std::enable_shared_from_this<Impl> {
  public:
   // Once, when there is a user.
-  void Watch(covedb::CoveDbClientInterface& store) {
+  void Watch(const std::shared_ptr<covedb::CoveDbClientInterface>& client) {
     {
       std::lock_guard lock(mutex_);
       if (watching_ || registrations_.empty()) return;
       watching_ = true;
+      store_ = client;
     }
+    covedb::CoveDbClientInterface& store = *client;
     const std::weak_ptr<Impl> weak = weak_from_this();
     // Gives false when an earlier service of the process has registered them.
     static_cast<void>(store.RegisterMonitorCallback(
@@ -101,14 +104,53 @@ class UPMService::Impl : public std::enable_shared_from_this<Impl> {
     bool taken = false;
     {
       std::lock_guard lock(mutex_);
+      if (!replaying_ && tables_.IsRepetition(update)) repeated_ = true;
       taken = (replaying_ ? incoming_ : tables_).Apply(update);
     }
     if (!taken) ZLOG_WARN("A profile of the store cannot be read");
   }
 
   void TakeBarrier() {
+    std::shared_ptr<covedb::CoveDbClientInterface> store;
+    {
+      std::lock_guard lock(mutex_);
+      const bool repeated = std::exchange(repeated_, false) && !replaying_;
+      Complete();
+      if (repeated) store = store_.lock();
+    }
+    if (store) AskForAll(*store);
+  }
+
+  // The stream of the store was opened anew within one connection, and what was deleted in the gap was not
+  // told.
+  void AskForAll(covedb::CoveDbClientInterface& store) {
+    std::list<covedb::ObjectRequestMsg> requests(2);
+    requests.front().set_object_type(orlane::zem::covedb::PROFILE);
+    requests.back().set_object_type(orlane::zem::covedb::PROFILE_BINDING);
+    const bool asked = store.Get(
+        requests,
+        [weak = weak_from_this()](const std::list<covedb::TypedObjectMsg>& objects,
+                                  const rpc::Status& status) {
+          if (const auto self = weak.lock(); self && status.ok()) self->TakeAll(objects);
+        },
+        covedb::kDefaultVDb);
+    if (!asked) ZLOG_DEBUG("The store is away; it sends all profiles when it is back");
+  }
+
+  void TakeAll(const std::list<covedb::TypedObjectMsg>& objects) {
+    ProfileTables all;
+    for (const covedb::TypedObjectMsg& object : objects) {
+      covedb::MonitorUpdateMsg update;
+      update.set_object_type(object.object_type());
+      update.set_object(object.object());
+      if (!all.Apply(update)) ZLOG_WARN("A profile of the store cannot be read");
+    }
     std::lock_guard lock(mutex_);
-    Complete();
+    if (replaying_) return;  // the connection is another one by now
+    tables_ = std::move(all);
+    ++connection_;
+    dirty_ = true;
+    changed_.NotifyAll();
   }
 
   void TakeChannel(bool up) {
@@ -188,6 +230,8 @@ class UPMService::Impl : public std::enable_shared_from_this<Impl> {
   ProfileTables incoming_;
   std::list<Registration> registrations_;
   bool watching_ = false;
+  std::weak_ptr<covedb::CoveDbClientInterface> store_;
+  bool repeated_ = false;  // since the last barrier the store has told what it had told already
   bool up_ = false;
   bool replaying_ = true;
   bool dirty_ = false;
@@ -206,7 +250,7 @@ void UPMService::Start() {
   if (!store_) return;
   impl_->StartThread();
   started_ = true;
-  impl_->Watch(*store_);
+  impl_->Watch(store_);
 }
 
 void UPMService::Stop() {
@@ -216,7 +260,7 @@ void UPMService::Stop() {
 
 void UPMService::Register(uint32_t entity_type, std::vector<uint32_t> types, ProfileCallback callback) {
   impl_->Add({entity_type, std::move(types), std::move(callback), {}, 0});
-  if (started_) impl_->Watch(*store_);
+  if (started_) impl_->Watch(store_);
 }
 
 std::vector<ProfileUpdate> UPMService::QueryEffective(uint32_t profile_type, uint32_t entity_type) const {

@@ -142,6 +142,7 @@ void AMConfig::OnVmGroups(const Update& update) {
   if (relation.now) now = GroupsOf(*relation.now);
   {
     std::lock_guard lock(mutex_);
+    if (relation.now && !relation.old && !tables_.GroupsOf(vm).empty()) sent_again_ = true;
     const AmTables::Groups old = relation.old ? GroupsOf(*relation.old) : tables_.GroupsOf(vm);
     for (const std::string& group : now) {
       ZLOG_DEBUG("AMConfig : New Group ID:  %s, VM UUID %s", group.c_str(), vm.c_str());
@@ -173,6 +174,7 @@ void AMConfig::OnContextProfile(const Update& update) {
   }
   if (!config) return;
   const std::string& id = profile.now->id();
+  if (!profile.old && tables_.Profile(id) != nullptr) sent_again_ = true;
   const VmChanges changes = tables_.SetProfile(id, *config);
   ZLOG_DEBUG("AMConfig: Updated config for contextprofile Id : %s", id.c_str());
   for (const auto& [vm, change] : changes) {
@@ -288,12 +290,21 @@ void AMConfig::TakeChannel(bool up) {
 
 void AMConfig::TakeBarrier() {
   ZLOG_DEBUG("AMConfig: CoveDbBarrierCallback entered");
-  std::lock_guard lock(mutex_);
-  if (!replaying_) return;
-  replaying_ = false;
-  Post(Everything());
-  before_.clear();
-  PostBarrier();
+  {
+    std::lock_guard lock(mutex_);
+    const bool again = std::exchange(sent_again_, false);
+    if (replaying_) {
+      replaying_ = false;
+      Post(Everything());
+      before_.clear();
+      PostBarrier();
+      return;
+    }
+    if (!again) return;
+  }
+  // The stream of the store was opened anew within one connection, and what was deleted in the gap was not
+  // told.
+  AskForAll();
 }
 
 // With the mutex: each VM's rule, and the end of those that had one and have none.
@@ -315,6 +326,10 @@ void AMConfig::HandleMuxReconnect() {
       return;  // the store sends all it has when it is back
     }
   }
+  AskForAll();
+}
+
+void AMConfig::AskForAll() {
   std::list<store::ObjectRequestMsg> requests;
   for (const auto type :
        {store::VM_GROUP_RELATION, store::RULE_SECTION, store::RULE, store::CONTEXT_PROFILE}) {

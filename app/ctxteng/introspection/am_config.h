@@ -72,6 +72,7 @@ class AMConfig : public std::enable_shared_from_this<AMConfig> {
   void OnBarrier(const Update& update);
   VmChanges ReplaceRule(const orlane::zem::covedb::RuleMsg* old, const orlane::zem::covedb::RuleMsg* now);
   VmChanges Everything() const;
+  void AskForAll();
 
   // With the mutex: adds the entries of `changes` to `config`.
   void AddVms(const VmChanges& changes, orlane::zem::ouvi::MuxConfigMsg* config) const;
@@ -92,6 +93,7 @@ class AMConfig : public std::enable_shared_from_this<AMConfig> {
   VmChanges before_;  // the effective rules before the store began to send all it has
   bool replaying_ = true;
   std::optional<uint64_t> barrier_;  // the last one
+  bool sent_again_ = false;          // the store has told what it had told already
   bool channel_up_ = false;
 };
 

@@ -116,6 +116,19 @@ TEST_F(UpmServiceTest, EachConnectionBeginsWithACompleteList) {
   EXPECT_THAT(TakeCalls(), ElementsAre("full vm2:a>"));
 }
 
+// The store may end a stream within a connection; what is removed before the next one opens is not told.
+TEST_F(UpmServiceTest, RemovalBetweenTwoStreamsIsFound) {
+  Connect();
+  service.Start();
+  Register();
+  Write({Profile("p1", GI_SERVICE, "a"), Binding("vm1", {"p1"}), Binding("vm2", {"p1"})});
+  TakeCalls();
+  daemon->store().streams().End("", covedb::test::Status(2, "forgotten"));
+  Write({Unbind("vm1")});
+  EXPECT_THAT(TakeCalls(), ElementsAre("full vm2:a>a vm1:a>"));
+  EXPECT_THAT(TakeCalls(), IsEmpty());
+}
+
 TEST(UpmServiceWithoutStoreTest, NeverCalls) {
   UPMService service(nullptr);
   service.Start();

@@ -298,6 +298,17 @@ TEST_F(OuviConfigTest, BarriersAndTheStoresReturn) {
               ElementsAre("component: 13 value: 42"));
 }
 
+// The store may end a stream within a connection; what is removed before the next one opens is not told.
+TEST_F(OuviConfigTest, RemovalBetweenTwoStreamsIsFound) {
+  Start();
+  Write({Profile(), Put(ObjectType::RULE, Rule(1, {"g"})), Groups(kVm, {"g"})});
+  EXPECT_EQ(mux.by_rule().size(), 1U);
+  daemon->store().streams().End("", zem::rpc::Status(2, "forgotten"));
+  Write({Delete(ObjectType::RULE, Rule(1, {}))});
+  Run();
+  EXPECT_THAT(mux.by_rule(), IsEmpty());
+}
+
 TEST_F(OuviConfigTest, RefusalIsAnErrorOfTheNodeUntilAPushSucceeds) {
   Start();
   Write({Profile(), Put(ObjectType::RULE, Rule(1, {"g"})), Groups(kVm, {"g"})});
