@@ -171,7 +171,7 @@ int main(int argc, char** argv) {
       {.listen_port = "48655", .worker_threads = "2", .max_events_per_vm = "50", .client_ids = clients},
       parts, nullptr, nullptr);
   core.WaitForStart();
-  WaitFor([&] { return client->record.load() != nullptr && world.guest("d1").data_set; });
+  WaitFor([&] { return client->record.load() != nullptr && world.guest("d1").data_set(); });
 
   const int calls = events * 50;
   void* const data = client->record.load();

@@ -165,7 +165,7 @@ Json GuestJson(const Guest& guest) {
   AddMember(json.get(), "on", guest.on);
   AddMember(json.get(), "uuid", guest.vc_uuid);
   AddMember(json.get(), "mask", guest.mask);
-  AddMember(json.get(), "data", guest.data_set);
+  AddMember(json.get(), "data", guest.data_set());
   Json sessions = JsonArray();
   for (const auto& [id, session] : guest.sessions) {
     Json item = JsonObject();

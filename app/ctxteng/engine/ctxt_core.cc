@@ -185,7 +185,8 @@ void CtxtCore::TimerEventHandler(void* data) {
   vm->last_timer_event = WallMilliseconds() / 1000;
   Run* const run = run_;
   Contain("timer", [&] { run->handler->Timer(vm); });
-  HandTheMaskOver(*vm);
+  // Another record has taken this one's place: the mask that the table knows is for the new run.
+  if (guests_.Find(vm->vc_uuid) == vm) HandTheMaskOver(*vm);
   const uint32_t tick = vm->tick++;
   Contain("timer", [&] {
     if (FetchGiInfo(*vm, tick)) run->handler->GiInfo(vm);

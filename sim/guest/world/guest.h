@@ -66,7 +66,8 @@ struct Guest {
   bool on = false;
   uint64_t run = 0;
   uint64_t mask = 0;
-  bool data_set = false;
+  /// The run for which the library's caller has set its data.
+  uint64_t data_run = 0;
   uint32_t undelivered = 0;
 
   std::map<std::string, User> users;
@@ -83,6 +84,7 @@ struct Guest {
     uint64_t refused = 0;  // with a verdict other than 1
   } counts;
 
+  bool data_set() const { return data_run == run && run != 0; }
   bool windows() const { return system == System::kWindows || system == System::kMultiSession; }
 };
 

@@ -52,7 +52,7 @@ uint64_t GuestWorld::Attach(uint64_t instance, uint32_t most_undelivered, Sink s
     guest.undelivered = 0;
     if (instance == instance_) continue;
     guest.mask = 0;
-    guest.data_set = false;
+    guest.data_run = 0;
   }
   if (instance != instance_) missed_.clear();
   instance_ = instance;
@@ -164,9 +164,8 @@ Answer GuestWorld::AnswerOfGuestLocked(Guest& guest, const Question& question) {
       }
       return Status(ENDVAT_ERROR_NOT_FOUND);
     case Operation::kSetData:
-      if (guest.data_set && question.number == guest.run)
-        violations_.push_back("data set twice for " + guest.name);
-      guest.data_set = true;
+      if (guest.data_run == question.number) violations_.push_back("data set twice for " + guest.name);
+      guest.data_run = question.number;
       return {};
     case Operation::kGetMask: {
       Answer answer;
@@ -224,7 +223,7 @@ void GuestWorld::PowerOnLocked(Guest& guest) {
   guest.on = true;
   guest.run = ++last_run_;
   guest.mask = 0;
-  guest.data_set = false;
+  guest.data_run = 0;
   guest.undelivered = 0;
   EmitLocked({.kind = Event::Kind::kPowerOn, .guest = guest.id, .run = guest.run});
 }
