@@ -61,8 +61,22 @@ void QueueManager::Reset() {
 }
 
 bool QueueManager::Write(SharedEvent event) {
-  const std::lock_guard lock(mutex_);
   event->enqueue_time = Clock::Process().Now();
+  const std::lock_guard lock(mutex_);
+  return Append(std::move(event));
+}
+
+bool QueueManager::WriteAll(std::vector<SharedEvent> events) {
+  const TimePoint now = Clock::Process().Now();
+  const std::lock_guard lock(mutex_);
+  for (SharedEvent& event : events) {
+    event->enqueue_time = now;
+    if (!Append(std::move(event))) return false;
+  }
+  return true;
+}
+
+bool QueueManager::Append(SharedEvent event) {
   if (!queue_.Push(std::move(event))) {
     ZLOG_INFO("Provider queue is full.");
     return false;

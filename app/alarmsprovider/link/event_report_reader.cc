@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "app/alarmsprovider/events/queue_manager.h"
 #include "app/alarmsprovider/events/reported_event.h"
@@ -42,28 +44,35 @@ bool IsTooLarge(const MonitoringProcessEventReportRequestMsg& report) {
 // Returns false when the queue is full.
 bool QueueInstances(const MonitoringEventFeatureReportMsg& feature, const MonitoringEventTypeStatusMsg& type,
                     QueueManager& queue) {
+  // The events are parts of one block, which ends with the last of them: they leave the queue together
+  // anyway.
+  const auto block =
+      std::make_shared<std::vector<ReportedEvent>>(static_cast<size_t>(type.event_instance_status_size()));
+  std::vector<SharedEvent> events;
+  events.reserve(block->size());
+  auto next = block->begin();
   for (const auto& instance : type.event_instance_status()) {
-    auto event = std::make_shared<ReportedEvent>();
-    event->source_id = feature.source_id();
-    event->qubio_id = feature.qubio_id();
-    event->feature_id = static_cast<uint16_t>(feature.feature_id());
-    event->event_type_id = static_cast<uint16_t>(type.event_type_id());
-    event->entity_id = UuidText(instance.entity_id());
     if (!Fits<uint8_t>(instance.status())) {
       ZLOG_WARN("Status %u of entity %s is no status of an event", instance.status(),
-                event->entity_id.c_str());
+                UuidText(instance.entity_id()).c_str());
       continue;
     }
-    event->status = static_cast<uint8_t>(instance.status());
-    event->context = instance.context();
+    ReportedEvent& event = *next++;
+    event.source_id = feature.source_id();
+    event.qubio_id = feature.qubio_id();
+    event.entity_id = UuidText(instance.entity_id());
+    event.feature_id = static_cast<uint16_t>(feature.feature_id());
+    event.event_type_id = static_cast<uint16_t>(type.event_type_id());
+    event.status = static_cast<uint8_t>(instance.status());
+    event.context = instance.context();
     ZLOG_DEBUG(
         "%s: sourceId: %s, qubioId: %s, featureId: %u, eventTypeId: %u, entityId: %s, status: %d, context: "
         "%s",
-        kOperation, event->source_id.c_str(), event->qubio_id.c_str(), event->feature_id,
-        event->event_type_id, event->entity_id.c_str(), event->status, event->context.c_str());
-    if (!queue.Write(std::move(event))) return false;
+        kOperation, event.source_id.c_str(), event.qubio_id.c_str(), event.feature_id, event.event_type_id,
+        event.entity_id.c_str(), event.status, event.context.c_str());
+    events.emplace_back(block, &event);
   }
-  return true;
+  return queue.WriteAll(std::move(events));
 }
 
 }  // namespace
