@@ -1,5 +1,7 @@
 #include "app/alarmsprovider/events/queue_manager.h"
 
+#include <google/protobuf/arena.h>
+
 #include <chrono>
 #include <utility>
 
@@ -59,8 +61,22 @@ void QueueManager::Reset() {
 }
 
 bool QueueManager::Write(SharedEvent event) {
-  const std::lock_guard lock(mutex_);
   event->enqueue_time = Clock::Process().Now();
+  const std::lock_guard lock(mutex_);
+  return Append(std::move(event));
+}
+
+bool QueueManager::WriteAll(std::vector<SharedEvent> events) {
+  const TimePoint now = Clock::Process().Now();
+  const std::lock_guard lock(mutex_);
+  for (SharedEvent& event : events) {
+    event->enqueue_time = now;
+    if (!Append(std::move(event))) return false;
+  }
+  return true;
+}
+
+bool QueueManager::Append(SharedEvent event) {
   if (!queue_.Push(std::move(event))) {
     ZLOG_INFO("Provider queue is full.");
     return false;
@@ -81,14 +97,16 @@ void QueueManager::Tick(uint64_t run) {
 void QueueManager::SendBatches() {
   ZLOG_DEBUG("Queue Manager starts to batch and send events");
   for (;;) {
-    auto message = std::make_unique<CollectorMpMsg>();
+    // A report has thousands of small parts, which end together.
+    google::protobuf::Arena arena;
+    auto* const message = google::protobuf::Arena::CreateMessage<CollectorMpMsg>(&arena);
     message->set_msg_type(CollectorMpType::kEventReport);
-    if (!PrepareReports(message.get())) {
+    if (!PrepareReports(message)) {
       if (heartbeat_credit_ != 0) {
         ZLOG_DEBUG("Queue manager: Heart beat credit = %d.", heartbeat_credit_);
         return;
       }
-      PrepareEmptyReport(message.get());
+      PrepareEmptyReport(message);
     }
     const std::string correlation_id = RandomUuidText();
     ZLOG_DEBUG("Sending eventReport to MP with sequence number %u and correlationId: %s.",
@@ -96,7 +114,7 @@ void QueueManager::SendBatches() {
     if (!owner_.SendToCollector(*message, correlation_id, kRmqClientPublish)) {
       ZLOG_ERROR("OPS60004", "Collector is unable to receive reports (correlation id:%s).",
                  correlation_id.c_str());
-      kept_ = std::move(message);
+      kept_ = std::make_unique<CollectorMpMsg>(*message);
       return;
     }
     kept_ = nullptr;

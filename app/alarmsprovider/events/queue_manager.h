@@ -38,8 +38,12 @@ class QueueManager : public std::enable_shared_from_this<QueueManager> {
   void Reset();
   /// Returns false when the queue is full; the event is not kept then.
   [[nodiscard]] bool Write(SharedEvent event);
+  /// Writes the events in order, with one time of arrival, until the queue is full.  Returns false when not
+  /// all of them fit.
+  [[nodiscard]] bool WriteAll(std::vector<SharedEvent> events);
 
  private:
+  bool Append(SharedEvent event);
   void Tick(uint64_t run);
   void SendBatches();
   bool PrepareReports(orlane::zem::monitoring::CollectorMpMsg* message);

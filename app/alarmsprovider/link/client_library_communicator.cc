@@ -130,7 +130,13 @@ void ClientLibraryCommunicator::OnConnectionDown(const rpc::ConnectionInfo& info
 void ClientLibraryCommunicator::RequestStub(const std::string& peer_id) {
   {
     const std::lock_guard lock(peers_mutex_);
-    if (stubs_coming_.size() >= kMaxClients || !stubs_coming_.insert(peer_id).second) return;
+    const auto coming = stubs_coming_.find(peer_id);
+    if (coming != stubs_coming_.end()) {
+      coming->second = true;
+      return;
+    }
+    if (stubs_coming_.size() >= kMaxClients) return;
+    stubs_coming_.emplace(peer_id, false);
   }
   ZLOG_INFO("Scheduling stub create for Endpoint (%s)", peer_id.c_str());
   rpc::StubRequest request;
@@ -145,12 +151,16 @@ void ClientLibraryCommunicator::RequestStub(const std::string& peer_id) {
 }
 
 void ClientLibraryCommunicator::OnStub(const std::string& peer_id, std::optional<JavaClient::Stub> stub) {
+  bool again = false;
   {
     const std::lock_guard lock(peers_mutex_);
+    again = stubs_coming_[peer_id] && peers_.count(peer_id) != 0;
     stubs_coming_.erase(peer_id);
   }
   if (!stub) {
     ZLOG_INFO("Stub creation failed for (%s)", peer_id.c_str());
+    // The time-out was that of an earlier connection.
+    if (again) RequestStub(peer_id);
     return;
   }
   ZLOG_INFO("Stub created successfully for (%s)", peer_id.c_str());

@@ -81,9 +81,9 @@ class ClientLibraryCommunicator : public std::enable_shared_from_this<ClientLibr
 
   ClientTable clients_;
 
-  std::mutex peers_mutex_;              // guards the two below
-  std::map<std::string, int> peers_;    // announced ids of clients, with the number of their connections
-  std::set<std::string> stubs_coming_;  // ids whose stub is being made
+  std::mutex peers_mutex_;            // guards the two below
+  std::map<std::string, int> peers_;  // announced ids of clients, with the number of their connections
+  std::map<std::string, bool> stubs_coming_;  // ids whose stub is being made; true: asked for again since
 
   std::mutex status_timer_mutex_;  // guards the timer
   std::shared_ptr<Timer> status_timer_;
