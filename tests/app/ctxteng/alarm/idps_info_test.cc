@@ -3,9 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "app/ctxteng/alarm/entity_id.h"
+#include "platform/core/thread.h"
 #include "tests/app/ctxteng/alarm/host_tools.h"
 #include "tests/app/ctxteng/alarm/recorded_event_source.h"
 #include "tests/support/log_capture.h"
@@ -150,9 +149,9 @@ TEST_F(IdpsInfoTest, AnInterruptEndsACommandThatHangs) {
   const auto info = Make();
   auto events = info->Events();
   tools.Hang("hvprobe");
-  std::thread interrupt([&] { info->Interrupt(); });
+  zem::NativeThread interrupt([&] { info->Interrupt(); });
   EXPECT_EQ(Sample(events, 0, 1), 0u);
-  interrupt.join();
+  interrupt.Join();
 }
 
 }  // namespace
