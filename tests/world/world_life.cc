@@ -38,6 +38,7 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"secure or release a port", 5, &WorldLife::ToggleSecurityPort},
       {"restart the agent", 1, &WorldLife::RestartAgent},
       {"change solutions, profiles or rules", 12, &WorldLife::ChangeProtection},
+      {"guests, users and connections change", 8, &WorldLife::ChangeGuests},
       {"raise or clear an alarm", 12, &WorldLife::RaiseOrClearAlarm},
       {"report a status", 4, &WorldLife::ReportStatus},
   };

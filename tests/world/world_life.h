@@ -98,6 +98,7 @@ class WorldLife {
   void ToggleSecurityPort();
   void RestartAgent();
   void ChangeProtection();
+  void ChangeGuests();
   void RaiseOrClearAlarm();
   void ReportStatus();
 

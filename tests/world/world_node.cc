@@ -55,6 +55,7 @@ WorldNode::WorldNode(std::FILE* log) {
   for (const char* aph : kAphs) manager->AddAph(aph, aph == kAphs[0]);
   host_management = std::make_unique<sim::HostManagement>();
   machines = std::make_unique<sim::VirtualMachines>(*host_management, host.VmFile());
+  guests = std::make_unique<WorldGuests>();
   if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
 }
 
@@ -94,11 +95,13 @@ void WorldNode::StartAgent() {
   if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
+  guests->StartAgent();
 }
 
 void WorldNode::StopAgent() {
   Tarvik::CloseShutdownPipe();
   proxy_client_->Stop();
+  guests->StopAgent();
   introspection.StopAgent();
   alarms_->Stop();
   app_->Stop(0);

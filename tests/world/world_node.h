@@ -13,6 +13,7 @@
 #include "sim/manager/manager.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
+#include "tests/world/world_guests.h"
 #include "tests/world/world_introspection.h"
 
 namespace zem {
@@ -73,6 +74,7 @@ class WorldNode {
   std::unique_ptr<sim::HostManagement> host_management;
   std::unique_ptr<sim::VirtualMachines> machines;
   WorldIntrospection introspection;
+  std::unique_ptr<WorldGuests> guests;
 
  private:
   std::unique_ptr<AsioZemProvider> provider_;

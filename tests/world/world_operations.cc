@@ -418,6 +418,7 @@ void WorldLife::ChangeProtection() {
   node_.introspection.ChangeObjects(
       random_, [this](const orlane::zem::covedb::ModifyRequestMsg& request) { Modify(request); });
 }
+void WorldLife::ChangeGuests() { node_.guests->Change(random_); }
 void WorldLife::RaiseOrClearAlarm() { alarms_->RaiseOrClear(); }
 void WorldLife::ReportStatus() { alarms_->ReportStatus(); }
 

@@ -76,7 +76,11 @@ void CtxtClientHandler::Initialize(uint32_t client_ids, const CtxtClientParam& p
       {.name = "ctxt:start", .detached = true},
       [this, client_ids, param, store, started = std::move(started), start_up = start_up_] {
         InitializeClients(client_ids, param, store, *start_up);
-        if (!start_up->Cancelled()) EnableCallbacks();
+        try {
+          if (!start_up->Cancelled()) EnableCallbacks();
+        } catch (...) {
+          // It has been logged; the thread's end is as far up as it goes.
+        }
         started();
         std::lock_guard lock(start_up->mutex);
         start_up->ended = true;
@@ -175,7 +179,11 @@ void CtxtClientHandler::ShutdownClient(uint32_t client_ids, uint32_t bit,
                                        const std::shared_ptr<ICtxtClient>& client, const char* name) {
   if ((client_ids & bit) == 0 || !Active(bit)) return;
   ZLOG_INFO("CtxtClientHandler: Shutting down client %s", name);
-  client->Shutdown();
+  try {
+    client->Shutdown();
+  } catch (const std::exception& error) {
+    ZLOG_WARN("CtxtClientHandler: The client %s failed to shut down: %s", name, error.what());
+  }
   active_clients_ &= ~bit;
   monitors_->SetActive(active_clients_);
 }
