@@ -5,7 +5,7 @@
 #include <boost/algorithm/string/split.hpp>
 #include <stdexcept>
 
-#include "platform/core/jhash.h"
+#include "platform/hash/jhash.h"
 #include "proto/context/mux_config.pb.h"
 #include "sim/control/command_options.h"
 #include "sim/control/number.h"

@@ -6,7 +6,7 @@
 #include "app/ctxteng/guest/endvat_util.h"
 #include "app/ctxteng/guest/user_tables.h"
 #include "framework/log/log.h"
-#include "platform/core/jhash.h"
+#include "platform/hash/jhash.h"
 
 namespace Ctxt {
 namespace {

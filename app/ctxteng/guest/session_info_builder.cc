@@ -5,7 +5,7 @@
 #include "app/ctxteng/guest/event_keys.h"
 #include "app/ctxteng/guest/user_tables.h"
 #include "framework/log/log.h"
-#include "platform/core/jhash.h"
+#include "platform/hash/jhash.h"
 
 namespace Ctxt {
 namespace {

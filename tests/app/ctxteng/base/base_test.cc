@@ -5,7 +5,7 @@
 #include "app/ctxteng/base/exceptions.h"
 #include "app/ctxteng/base/locks.h"
 #include "app/ctxteng/base/lru_cache.h"
-#include "platform/core/jhash.h"
+#include "platform/hash/jhash.h"
 #include "tests/support/log_capture.h"
 
 namespace Ctxt {

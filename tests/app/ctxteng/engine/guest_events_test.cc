@@ -1,4 +1,4 @@
-#include "platform/core/jhash.h"
+#include "platform/hash/jhash.h"
 #include "tests/app/ctxteng/engine/engine_fixture.h"
 
 namespace Ctxt::test {

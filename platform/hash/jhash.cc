@@ -1,4 +1,4 @@
-#include "platform/core/jhash.h"
+#include "platform/hash/jhash.h"
 
 #include <bit>
 #include <cstddef>
