@@ -63,6 +63,8 @@ void PutOrDelete(Random& random, proto::ModifyRequestMsg* request, proto::Object
 
 void ChangeSolutions(Random& random, proto::ModifyRequestMsg* request) {
   proto::GiSolutionInfoMsg info;
+  // An object without a byte, as one without node and solutions would be, says nothing.
+  info.mutable_transport_node_id()->set_first(1);
   for (uint64_t i = 0; i < kSolutions; ++i) {
     if (random() % 3 == 0) continue;
     auto* const svm = info.add_gi_svm();

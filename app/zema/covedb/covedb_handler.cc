@@ -104,10 +104,12 @@ void CoveDbHandler::ConfigureMonitors() {
       WeakCall(
           weak_from_this(), [](CoveDbHandler& handler) { handler.OnBarrier(); }, [] {}),
       covedb::kDefaultVDb);
+  // Before the streams: the first mark closes a complete reading, and a stream that others have asked for may
+  // be at its mark already, with nothing but the types that they share with this module.
+  const bool configured = Configure(true);
   // While the store is away, the next connection enables the sessions.  Enabling them once is enough, because
   // the store begins each connection with all objects.
   if (!enabled) enabled = client.EnableMonitorSessionCreation();
-  const bool configured = Configure(true);
   if (configured) {
     ZLOG_INFO("Successfully Configured Monitor");
   } else {
