@@ -17,6 +17,7 @@ namespace {
 constexpr const char* kProgram = "/proc/self/exe";
 constexpr const char* kVerb = "alarm-peer";
 constexpr auto kStartTime = std::chrono::seconds(10);
+constexpr auto kEndTime = std::chrono::seconds(10);
 
 }  // namespace
 
@@ -45,6 +46,8 @@ bool AlarmPeers::Signal(const std::string& id, int signal) {
   const auto found = peers_.find(id);
   if (found == peers_.end() || !found->second.process->Kill(signal)) return false;
   if (signal == SIGSTOP || signal == SIGCONT) found->second.stopped = signal == SIGSTOP;
+  // Nothing holds up this one, and the client may be started again by the next command.
+  if (signal == SIGKILL) static_cast<void>(found->second.process->Wait(kEndTime));
   return true;
 }
 
