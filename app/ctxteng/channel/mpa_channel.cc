@@ -83,10 +83,15 @@ void MpaChannel::RegisterClient(const std::string& app_id, const std::string& ap
   try {
     ClientInfo info{app_id, app_type, std::move(callback), true, stub};
     const std::unique_lock lock(clients_lock_);
+    // A stop has looked at the clients already: it would wait for the close of this one for ever.
+    if (stopping_) throw CtxtChannelError("RMQ client came during the stop");
     replaced = !clients_.insert_or_assign(app_type, std::move(info)).second;
   } catch (const std::bad_alloc&) {
     zem::ClientRegistry::Unregister(app_type);
     throw CtxtMemoryAllocationError("ClientInfo", 48);
+  } catch (...) {
+    zem::ClientRegistry::Unregister(app_type);
+    throw;
   }
   if (replaced)
     ZLOG_INFO("MpaChannel: Resetting existing entry with appType: %s, appId: %s in the map", app_type.c_str(),

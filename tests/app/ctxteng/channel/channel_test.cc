@@ -174,6 +174,17 @@ TEST_F(CtxtChannelTest, StopEndsTheThread) {
   EXPECT_EQ(zem::ClientRegistry::Get("IDFW-Vertical"), nullptr);
 }
 
+TEST_F(CtxtChannelTest, ClientThatComesAfterTheStopIsRefused) {
+  Stop();
+  EXPECT_THROW(RegisterIdfw(), CtxtChannelError);
+  EXPECT_EQ(zem::ClientRegistry::Get("IDFW-Vertical"), nullptr);
+  channel.Initialize(provider);
+  running = true;
+  RegisterIdfw();
+  Arrive(zem::kRmqMpRpcResponse, Ack(), "");
+  EXPECT_THAT(received, SizeIs(1));
+}
+
 TEST(RecordQueueTest, DropsWhatComesPastTheBound) {
   zem::test::LogCapture log(zem::kLogError);
   RecordQueue queue;
