@@ -65,13 +65,15 @@ TEST_F(OptionsTest, FileThatIsNone) {
 // Absent options keep their defaults, and the keys of a client count only while it is enabled.
 TEST_F(OptionsTest, ValuesAndDefaults) {
   const std::string idfw =
-      "<IdfwConfig><CacheLimit>7</CacheLimit><AckTimeout>x</AckTimeout><WellKnownSids><!-- the system -->"
+      "<IdfwConfig><CacheLimit>7</CacheLimit><AckTimeout>x</AckTimeout><TimerInterval>-1</"
+      "TimerInterval><WellKnownSids><!-- the system -->"
       "<Sid>S-1-5-18</Sid><Sid>S-1-5-19</Sid></WellKnownSids></IdfwConfig>";
   ASSERT_TRUE(Load(Metrics("4", "50", "48655") + kIdfwOn + idfw +
                    "<CoreConfig><EnableProcessHash>false</EnableProcessHash></CoreConfig>"));
   EXPECT_EQ(settings.client_ids, kIdfwBit);
   EXPECT_EQ(settings.param.cacheLimit, 7u);
   EXPECT_EQ(settings.param.ackTimeout, 10u);
+  EXPECT_EQ(settings.param.timerInterval, 60u);
   EXPECT_FALSE(settings.param.enableProcessHash);
   EXPECT_TRUE(settings.param.useOldProcessHashMethod);
   EXPECT_THAT(settings.param.wellKnownSids, ElementsAre("S-1-5-18", "S-1-5-19"));
