@@ -215,7 +215,14 @@ void MpaChannel::Deliver() {
       ++released;
     } else if (message.msg_type == zem::kRmqMpRpcRequest || message.msg_type == zem::kRmqMpRpcResponse ||
                message.msg_type == zem::kRmqClientPublish) {
-      Process(*record);
+      // Nothing that one message does may end the thread, and the process with it.
+      try {
+        Process(*record);
+      } catch (const std::exception& error) {
+        ZLOG_WARN("MpaChannel: The message for %s is lost: %s", app_type.c_str(), error.what());
+      } catch (...) {
+        ZLOG_WARN("MpaChannel: The message for %s is lost", app_type.c_str());
+      }
     } else {
       ZLOG_INFO("MpaChannel: Not processing message type: %d", message.msg_type);
     }
@@ -262,11 +269,7 @@ void MpaChannel::Process(const BusRecord& record) {
       message->payloadType.c_str(), static_cast<long>(message->payloadLen), message->correlationId.c_str(),
       message->replyTo.c_str());
   message->payload = DeserializePayload(message->payloadType, record.payload());
-  try {
-    client.callback(message, client.app_id);
-  } catch (const std::exception& error) {
-    ZLOG_WARN("MpaChannel: The client %s failed on a message: %s", client.app_id.c_str(), error.what());
-  }
+  client.callback(message, client.app_id);
 }
 
 bool MpaChannel::AnyConnected() const {
