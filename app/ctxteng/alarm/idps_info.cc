@@ -192,6 +192,11 @@ bool IdpsInfo::Raise(const std::string& brokers, bool raised) {
       JsonText({{"transport_node_name", conditions_.transport_node()}, {"messaging_broker_ip", brokers}});
   ZLOG_INFO("IdpsAlarm: Kafka context: %s", context.c_str());
   Ctxt::alarms::PostAlarm(kFeature, node, kKafkaBrokersDown, context, raised);
+  if (raised && !conditions_.enabled()) {
+    // Switched off meanwhile: the reset of all alarms that comes with it may have been before this one.
+    Ctxt::alarms::PostAlarm(kFeature, node, kKafkaBrokersDown, context, false);
+    return false;
+  }
   return true;
 }
 

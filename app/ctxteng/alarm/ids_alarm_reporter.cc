@@ -58,6 +58,10 @@ IdsAlarmReporter::IdsAlarmReporter(PollConditions conditions)
 IdsAlarmReporter::~IdsAlarmReporter() { Shutdown(); }
 
 void IdsAlarmReporter::Initialize() {
+  // What a shutdown before this start has left would end each look at the folder at once.
+  eventfd_t ignored = 0;
+  static_cast<void>(::eventfd_read(interrupt_.get(), &ignored));
+  raised_ = {};
   char hostname[kHostnameSize] = {};
   // A name that fills the field has no end.
   if (::gethostname(hostname, sizeof(hostname)) == 0 && hostname[sizeof(hostname) - 1] == '\0') {

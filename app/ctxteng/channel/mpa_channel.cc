@@ -83,10 +83,15 @@ void MpaChannel::RegisterClient(const std::string& app_id, const std::string& ap
   try {
     ClientInfo info{app_id, app_type, std::move(callback), true, stub};
     const std::unique_lock lock(clients_lock_);
+    // A stop has looked at the clients already: it would wait for the close of this one for ever.
+    if (stopping_) throw CtxtChannelError("RMQ client came during the stop");
     replaced = !clients_.insert_or_assign(app_type, std::move(info)).second;
   } catch (const std::bad_alloc&) {
     zem::ClientRegistry::Unregister(app_type);
     throw CtxtMemoryAllocationError("ClientInfo", 48);
+  } catch (...) {
+    zem::ClientRegistry::Unregister(app_type);
+    throw;
   }
   if (replaced)
     ZLOG_INFO("MpaChannel: Resetting existing entry with appType: %s, appId: %s in the map", app_type.c_str(),
@@ -210,7 +215,14 @@ void MpaChannel::Deliver() {
       ++released;
     } else if (message.msg_type == zem::kRmqMpRpcRequest || message.msg_type == zem::kRmqMpRpcResponse ||
                message.msg_type == zem::kRmqClientPublish) {
-      Process(*record);
+      // Nothing that one message does may end the thread, and the process with it.
+      try {
+        Process(*record);
+      } catch (const std::exception& error) {
+        ZLOG_WARN("MpaChannel: The message for %s is lost: %s", app_type.c_str(), error.what());
+      } catch (...) {
+        ZLOG_WARN("MpaChannel: The message for %s is lost", app_type.c_str());
+      }
     } else {
       ZLOG_INFO("MpaChannel: Not processing message type: %d", message.msg_type);
     }
@@ -257,11 +269,7 @@ void MpaChannel::Process(const BusRecord& record) {
       message->payloadType.c_str(), static_cast<long>(message->payloadLen), message->correlationId.c_str(),
       message->replyTo.c_str());
   message->payload = DeserializePayload(message->payloadType, record.payload());
-  try {
-    client.callback(message, client.app_id);
-  } catch (const std::exception& error) {
-    ZLOG_WARN("MpaChannel: The client %s failed on a message: %s", client.app_id.c_str(), error.what());
-  }
+  client.callback(message, client.app_id);
 }
 
 bool MpaChannel::AnyConnected() const {

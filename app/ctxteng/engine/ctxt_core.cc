@@ -145,13 +145,16 @@ void CtxtCore::PowerOn(ENDVAT_HANDLE handle) {
   ++vm->vm_events;
   ZLOG_INFO("CtxtCore: Power On VM VCUUID: %s, BiosUUID: %s, gcfPath: %s", vm->vc_uuid.c_str(),
             vm->bios_uuid.c_str(), vm->gcf_path.c_str());
+  const GuestTable::Record before = guests_.Find(vm->vc_uuid);
   guests_.Add(vm);
   const uint32_t status = EndvatLib()->EndvatSetVMData(handle, vm.get());
   if (status != ENDVAT_SUCCESS) {
     ZLOG_WARN("CtxtCore: Failed to set the data of VM VCUUID: %s, error: %s", vm->vc_uuid.c_str(),
               EndvatUtil::ErrorName(status));
-    // The library would hand out a null record, so nobody could take this one out again.
+    // The library would hand out a null record, so nobody could take this one out again.  The record that it
+    // has pushed out goes back in: the clients know the guest by it, and learn of its end through it.
     (void)guests_.Remove(vm);
+    if (before != nullptr && guests_.Resolve(before.get()) == before) guests_.Add(before);
     return;
   }
   run_.load()->handler->VmPowerOn(vm);

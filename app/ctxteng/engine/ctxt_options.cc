@@ -4,6 +4,7 @@
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
 #include <cstdio>
+#include <limits>
 #include <optional>
 
 #include "framework/log/log.h"
@@ -117,9 +118,12 @@ class Reader {
 
   bool Enabled(const char* key) const { return tree_.get(key, false); }
 
-  template <class T>
-  void Take(const char* key, T* value) const {
-    *value = tree_.get(key, *value);
+  void Take(const char* key, bool* value) const { *value = tree_.get(key, *value); }
+  void Take(const char* key, std::string* value) const { *value = tree_.get(key, *value); }
+  // As a wider number first: the conversion would make 4294967295 of -1, and with it a queue without a bound.
+  void Take(const char* key, uint32_t* value) const {
+    const auto number = tree_.get<int64_t>(key, *value);
+    if (number >= 0 && number <= std::numeric_limits<uint32_t>::max()) *value = static_cast<uint32_t>(number);
   }
 
   void ReadCore() {

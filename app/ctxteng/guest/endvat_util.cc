@@ -130,9 +130,16 @@ uint32_t QuerySystemInfo(uint32_t kind, const QueryTexts& texts, const char* old
       });
 }
 
-void TakeUser(const LibraryBuffer& buffer, std::string* name, std::string* domain) {
+// A library that calls it a success to have nothing has not answered.
+uint32_t Answered(uint32_t status, const LibraryBuffer& buffer) {
+  return status == ENDVAT_SUCCESS && !buffer ? ENDVAT_ERROR_UNSUCCESSFUL : status;
+}
+
+uint32_t TakeUser(uint32_t status, const LibraryBuffer& buffer, std::string* name, std::string* domain) {
+  if (Answered(status, buffer) != ENDVAT_SUCCESS) return Answered(status, buffer);
   *name = buffer.TextAt(0);
   *domain = buffer.TextAt(12);
+  return ENDVAT_SUCCESS;
 }
 
 }  // namespace
@@ -256,8 +263,7 @@ uint32_t QuerySidInfo(ENDVAT_HANDLE handle, const std::string& sid, std::string*
         ZLOG_CTX_ERROR(tag, "EndvatUtil: Failed to query sid info, error: %s sid: %s", ErrorName(error),
                        sid.c_str());
       });
-  if (status == ENDVAT_SUCCESS) TakeUser(buffer, name, domain);
-  return status;
+  return TakeUser(status, buffer, name, domain);
 }
 
 uint32_t QueryUidInfo(ENDVAT_HANDLE handle, uint32_t uid, std::string* name, std::string* domain) {
@@ -272,8 +278,7 @@ uint32_t QueryUidInfo(ENDVAT_HANDLE handle, uint32_t uid, std::string* name, std
         ZLOG_CTX_ERROR(tag, "EndvatUtil: Failed to query Linux uid info, error: %s uid: %u", ErrorName(error),
                        uid);
       });
-  if (status == ENDVAT_SUCCESS) TakeUser(buffer, name, domain);
-  return status;
+  return TakeUser(status, buffer, name, domain);
 }
 
 uint32_t UpdateEventsMask(uint64_t mask, bool enable, bool exact) {
@@ -322,7 +327,7 @@ uint32_t GetSolutionId(std::string* id) {
                          "EndvatUtil: Failed to get Solution Id, error: %s", ErrorName(error));
         }
       });
-  if (status != ENDVAT_SUCCESS) return status;
+  if (Answered(status, buffer) != ENDVAT_SUCCESS) return Answered(status, buffer);
   const std::string_view text = buffer.RawTextAt(0);
   *id = text.substr(0, text.find('\0'));
   ZLOG_INFO("EndvatUtil: Solution ID for MUX alarm: [%s]", id->c_str());
@@ -335,7 +340,7 @@ uint32_t GetHealthStatus(std::string* text) {
       Query(kHealthStatus, &buffer, [](IEndvatLib& library, void* bytes, uint32_t* length) {
         return library.EndvatGetHealthStatus(bytes, length);
       });
-  if (status != ENDVAT_SUCCESS) return status;
+  if (Answered(status, buffer) != ENDVAT_SUCCESS) return Answered(status, buffer);
   *text = buffer.RawTextAt(0);
   ZLOG_INFO("EndvatUtil: Context health status: [%s]", text->c_str());
   return status;

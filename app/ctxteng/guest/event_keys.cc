@@ -17,9 +17,15 @@ Groups GroupsOf(const VmData& vm, const LibraryBuffer& buffer) {
   const uint32_t said = buffer.Number<uint16_t>(0);
   const size_t item = vm.os.os_type == kWindows ? 12 : 4;
   size_t at = 2;
+  // Texts that lie in the buffer side by side cannot be longer than it; descriptors that all point to the
+  // same long text would make more of it than there is memory.
+  size_t text_left = buffer.size();
   for (; groups.count < said && buffer.Has(at, item); ++groups.count, at += item) {
     if (vm.os.os_type == kWindows) {
-      groups.sids.push_back(buffer.TextAt(at));
+      std::string sid = buffer.TextAt(at);
+      if (sid.size() > text_left) break;
+      text_left -= sid.size();
+      groups.sids.push_back(std::move(sid));
     } else {
       groups.ids.push_back(buffer.Number<uint32_t>(at));
     }

@@ -137,6 +137,7 @@ uint32_t FetchUserInfo(const VmData& vm, UserTables& users) {
   const auto count = buffer.Number<uint32_t>(0);
   ZLOG_INFO("Context: Total logons: %u", count);
   size_t at = kFirst;
+  size_t text_left = buffer.size();  // as for groups: no more text than the buffer can hold
   for (uint32_t i = 0; i < count && buffer.Has(at, kRecord); ++i, at += kRecord) {
     const auto state = buffer.Number<uint32_t>(at + 4);
     if (state != kActive) continue;
@@ -145,6 +146,9 @@ uint32_t FetchUserInfo(const VmData& vm, UserTables& users) {
     user->user_name = buffer.TextAt(at + 8);
     user->domain_name = buffer.TextAt(at + 20);
     user->sid = buffer.TextAt(at + 32);
+    const size_t text = user->user_name.size() + user->domain_name.size() + user->sid.size();
+    if (text > text_left) break;
+    text_left -= text;
     ZLOG_INFO("Context: Query Logon Session %u : ID [%lu] State [%d],Username [%s] Domain [%s] Sid [%s]", i,
               static_cast<unsigned long>(user->session_id), static_cast<int>(state), user->user_name.c_str(),
               user->domain_name.c_str(), user->sid.c_str());

@@ -71,21 +71,22 @@ void CtxtClientHandler::Initialize(uint32_t client_ids, const CtxtClientParam& p
                    error.what());
   }
   ZLOG_INFO("CtxtClientHandler: Initializing context clients");
-  start_up_ = std::make_shared<StartUp>();
-  zem::NativeThread thread(
-      {.name = "ctxt:start", .detached = true},
-      [this, client_ids, param, store, started = std::move(started), start_up = start_up_] {
-        InitializeClients(client_ids, param, store, *start_up);
-        try {
-          if (!start_up->Cancelled()) EnableCallbacks();
-        } catch (...) {
-          // It has been logged; the thread's end is as far up as it goes.
-        }
-        started();
-        std::lock_guard lock(start_up->mutex);
-        start_up->ended = true;
-        start_up->changed.NotifyAll();
-      });
+  // Known to the stop only when there is a thread that it can wait for.
+  const auto start_up = std::make_shared<StartUp>();
+  zem::NativeThread thread({.name = "ctxt:start", .detached = true},
+                           [this, client_ids, param, store, started = std::move(started), start_up] {
+                             InitializeClients(client_ids, param, store, *start_up);
+                             try {
+                               if (!start_up->Cancelled()) EnableCallbacks();
+                             } catch (...) {
+                               // It has been logged; the thread's end is as far up as it goes.
+                             }
+                             started();
+                             std::lock_guard lock(start_up->mutex);
+                             start_up->ended = true;
+                             start_up->changed.NotifyAll();
+                           });
+  start_up_ = start_up;
   ZLOG_INFO("CtxtClientHandler: InitializeClients thread started");
 }
 

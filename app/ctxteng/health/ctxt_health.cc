@@ -146,8 +146,8 @@ void CtxtHealth::SendHealthStatus() {
     const auto guest = guests.find(vc_uuid);
     return guest == guests.end() ? nullptr : guest->second;
   };
-  Send(std::make_shared<HealthStatusMsg>(BuildHealthReport(text, find)));
-  ZLOG_INFO("CtxtHealth: Sent context health message to MP");
+  if (Send(std::make_shared<HealthStatusMsg>(BuildHealthReport(text, find))))
+    ZLOG_INFO("CtxtHealth: Sent context health message to MP");
 }
 
 void CtxtHealth::SendStatus(uint32_t code, const std::string& text) {
@@ -155,16 +155,15 @@ void CtxtHealth::SendStatus(uint32_t code, const std::string& text) {
   status->set_status_code(code);
   status->set_error_msg(text);
   status->set_timestamp(WallMilliseconds());
-  Send(std::move(status));
-  ZLOG_INFO("CtxtHealth: Sent context error health message to MP");
+  if (Send(std::move(status))) ZLOG_INFO("CtxtHealth: Sent context error health message to MP");
 }
 
 void CtxtHealth::SendMuxDisconnected() {
   SendStatus(kMuxDisconnected, "zem-context-mux disconnected from Context Engine");
 }
 
-void CtxtHealth::Send(std::shared_ptr<HealthStatusMsg> status) {
-  if (!settings_.applies) return;
+bool CtxtHealth::Send(std::shared_ptr<HealthStatusMsg> status) {
+  if (!settings_.applies) return false;
   ZLOG_INFO("CtxtHealth: Sending health message");
   if (ZLOG_WANTS(::zem::kLogTrace)) {
     constexpr const char* kRow = "----------------------------------------";
@@ -181,7 +180,7 @@ void CtxtHealth::Send(std::shared_ptr<HealthStatusMsg> status) {
   message->payloadLen = status->ByteSizeLong();
   message->payload = std::move(status);
   // The channel logs a failure.
-  static_cast<void>(settings_.send(message, true));
+  return settings_.send(message, true) >= 0;
 }
 
 }  // namespace Ctxt

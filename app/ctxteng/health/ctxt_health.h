@@ -55,7 +55,7 @@ class CtxtHealth {
   void SendMuxDisconnected();
 
  private:
-  void Send(std::shared_ptr<orlane::zem::context::HealthStatusMsg> status);
+  [[nodiscard]] bool Send(std::shared_ptr<orlane::zem::context::HealthStatusMsg> status);
   void LogStatistics();
 
   Settings settings_;

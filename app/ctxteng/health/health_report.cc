@@ -51,25 +51,68 @@ constexpr size_t kMaskBits = 64;
 
 constexpr std::array<std::string_view, 5> kDistributions = {"ubuntu", "rhel", "suse", "sles", "centos"};
 
-// Counts how deep the elements lie in each other before the parser does, which would end up without a stack.
-void CheckBounds(const std::string& xml) {
-  if (xml.size() > kMaxText) throw std::length_error("the text has " + std::to_string(xml.size()) + " bytes");
-  int depth = 0;
-  for (size_t at = xml.find('<'); at != std::string::npos; at = xml.find('<', at + 1)) {
-    const char next = at + 1 < xml.size() ? xml[at + 1] : '\0';
-    if (next == '!' || next == '?') continue;
-    if (next == '/') {
-      --depth;
-      continue;
+// Measures how deep the elements lie in each other before the parser meets them, which would end up without a
+// stack.  Divides the text as the parser does: what looks like a tag in a comment, a section of characters or
+// a value counts for nothing, in either direction.
+class DepthCheck {
+ public:
+  explicit DepthCheck(std::string_view xml) : rest_(xml) {}
+
+  /// Throws std::runtime_error; a text that it gives up on is one that the parser refuses.
+  void Run() {
+    int depth = 0;
+    for (SkipPast("<"); !rest_.empty(); SkipPast("<")) {
+      if (rest_.starts_with("!--")) {
+        SkipPast("-->");
+      } else if (rest_.starts_with("![CDATA[")) {
+        SkipPast("]]>");
+      } else if (rest_.starts_with("?")) {
+        SkipPast("?>");
+      } else if (rest_.starts_with("!")) {
+        throw std::runtime_error("declarations are not read");
+      } else if (rest_.starts_with("/")) {
+        --depth;
+      } else if (OpensElement() && ++depth > kMaxDepth) {
+        throw std::length_error("elements lie too deep in each other");
+      }
     }
-    const size_t end = xml.find('>', at);
-    if (end == std::string::npos || xml[end - 1] != '/') ++depth;
-    if (depth > kMaxDepth) throw std::length_error("elements lie too deep in each other");
   }
-}
+
+ private:
+  static constexpr std::string_view kBlanks = " \t\r\n";
+
+  void Skip(size_t count) { rest_.remove_prefix(std::min(count, rest_.size())); }
+  void SkipBlanks() { Skip(rest_.find_first_not_of(kBlanks)); }
+  void SkipPast(std::string_view end) {
+    const size_t at = rest_.find(end);
+    Skip(at == std::string_view::npos ? at : at + end.size());
+  }
+  // Behind the '<' of a tag, whose attributes it takes.  False for an element that ends with its tag.
+  bool OpensElement() {
+    Skip(rest_.find_first_of(" \t\r\n/>?"));
+    for (SkipBlanks(); !rest_.empty() && rest_[0] != '>' && rest_[0] != '/'; SkipBlanks()) {
+      const size_t name = rest_.find_first_of(" \t\r\n/<>=?!");
+      if (name == 0) throw std::runtime_error("an attribute has no name");
+      Skip(name);
+      SkipBlanks();
+      if (!rest_.starts_with("=")) throw std::runtime_error("an attribute has no value");
+      Skip(1);
+      SkipBlanks();
+      if (!rest_.starts_with("'") && !rest_.starts_with("\""))
+        throw std::runtime_error("a value has no quotes");
+      const std::string_view quote = rest_.substr(0, 1);
+      Skip(1);
+      SkipPast(quote);
+    }
+    return !rest_.starts_with("/");
+  }
+
+  std::string_view rest_;
+};
 
 pt::ptree Parse(const std::string& xml) {
-  CheckBounds(xml);
+  if (xml.size() > kMaxText) throw std::length_error("the text has " + std::to_string(xml.size()) + " bytes");
+  DepthCheck(xml).Run();
   std::istringstream in(xml);
   pt::ptree tree;
   pt::read_xml(in, tree, pt::xml_parser::trim_whitespace | pt::xml_parser::no_comments);

@@ -53,6 +53,9 @@ void OuviIntrospection::SvmConnected(const std::string& solution_id) {
 void OuviIntrospection::SvmDisconnected(const std::string& solution_id) {
   config_->HandleSvmDisconnected(solution_id);
 }
-void OuviIntrospection::Shutdown() { config_->Shutdown(); }
+void OuviIntrospection::Shutdown() {
+  // An engine whose library has failed stops without having come to its configuration.
+  if (config_ != nullptr) config_->Shutdown();
+}
 
 }  // namespace Ctxt

@@ -20,7 +20,11 @@ class IdpsInfoTest : public testing::Test {
   std::unique_ptr<IdpsInfo> Make(const std::string& dpu_id = "") {
     return std::make_unique<IdpsInfo>(IdpsConditions{.enabled = [this] { return enabled; },
                                                      .has_rules = [this] { return has_rules; },
-                                                     .transport_node = [] { return std::string("tn-1"); },
+                                                     .transport_node =
+                                                         [this] {
+                                                           if (switched_off_meanwhile) enabled = false;
+                                                           return std::string("tn-1");
+                                                         },
                                                      .dpu_id = dpu_id});
   }
   static uint32_t Sample(std::vector<Ctxt::AlarmEvent>& events, size_t index, uint64_t round) {
@@ -34,6 +38,7 @@ class IdpsInfoTest : public testing::Test {
   zem::test::HostTools tools;
   bool enabled = true;
   bool has_rules = true;
+  bool switched_off_meanwhile = false;
 };
 
 TEST_F(IdpsInfoTest, OneReadingServesAllLevelsOfThreeRounds) {
@@ -141,6 +146,10 @@ TEST_F(IdpsInfoTest, TheBrokersAlarmIsRaisedOnlyWhileIntrusionDetectionIsOn) {
   EXPECT_FALSE(library.Get("ids", 83).raised);
   EXPECT_FALSE(info->Raise("b", true));
   EXPECT_EQ(library.Get("ids", 83).changes, 2);
+  enabled = true;
+  switched_off_meanwhile = true;
+  EXPECT_FALSE(info->Raise("b", true));
+  EXPECT_FALSE(library.Get("ids", 83).raised) << "nobody would clear it";
   Ctxt::alarms::Register(kFeature, nullptr);
 }
 

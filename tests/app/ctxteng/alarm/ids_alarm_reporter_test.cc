@@ -87,6 +87,9 @@ TEST_F(IdsAlarmReporterTest, AFailedStartLeavesNoSourceAndAnAlarmThatIsNotTakenI
   library.Fail(std::nullopt);
   library.Poll(kSource, {55});
   EXPECT_EQ(log.Count("Successful to raise"), 1u);
+  tools.Set("du", "31937 /var/log\n");
+  library.Poll(kSource, {77});
+  EXPECT_TRUE(Raised(77)) << "the failed starts have not ended this check";
 }
 
 }  // namespace

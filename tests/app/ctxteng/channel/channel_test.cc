@@ -155,6 +155,17 @@ TEST_F(CtxtChannelTest, SendWithoutAManagerFails) {
   EXPECT_EQ(log.Count("errorCode=\"CTX251\""), 2u);
 }
 
+TEST_F(CtxtChannelTest, ClientThatFailsLosesItsMessageOnly) {
+  RegisterIdfw();
+  on_message = [calls = 0]() mutable {
+    if (++calls == 1) throw std::runtime_error("no luck");
+    if (calls == 2) throw calls;
+  };
+  for (int i = 0; i < 3; ++i) Arrive(zem::kRmqMpRpcResponse, Ack(), "");
+  EXPECT_THAT(received, SizeIs(1));
+  EXPECT_EQ(log.Count("MpaChannel: The message for IDFW-Vertical is lost"), 2u);
+}
+
 // The thread ends although no client is registered, and although one is at work; what waits then is not
 // delivered to a client that has shut down.
 TEST_F(CtxtChannelTest, StopEndsTheThread) {
@@ -172,6 +183,17 @@ TEST_F(CtxtChannelTest, StopEndsTheThread) {
   EXPECT_TRUE(log.Contains("MpaChannel: Released 1 messages that came during the stop"));
   EXPECT_TRUE(log.Contains("MpaChannel: Ending RMQ msg handling thread."));
   EXPECT_EQ(zem::ClientRegistry::Get("IDFW-Vertical"), nullptr);
+}
+
+TEST_F(CtxtChannelTest, ClientThatComesAfterTheStopIsRefused) {
+  Stop();
+  EXPECT_THROW(RegisterIdfw(), CtxtChannelError);
+  EXPECT_EQ(zem::ClientRegistry::Get("IDFW-Vertical"), nullptr);
+  channel.Initialize(provider);
+  running = true;
+  RegisterIdfw();
+  Arrive(zem::kRmqMpRpcResponse, Ack(), "");
+  EXPECT_THAT(received, SizeIs(1));
 }
 
 TEST(RecordQueueTest, DropsWhatComesPastTheBound) {

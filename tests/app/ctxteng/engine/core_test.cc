@@ -90,6 +90,19 @@ TEST_F(CoreTest, AnnouncedAgainTheGuestStays) {
   EXPECT_THAT(world.violations(), IsEmpty());
 }
 
+// The library refuses the new run's record and ends the old run: the clients must learn that the guest is
+// gone.
+TEST_F(CoreTest, AnnouncedAgainWithoutARecordTheGuestStillEnds) {
+  Start();
+  AddGuest("d1", System::kWindows, kDesktopUuid);
+  world.SetFault({.operation = zem::sim::guest::Operation::kSetData, .status = ENDVAT_ERROR_TIMEOUT});
+  world.Reannounce();
+  clock.Settle();
+  EXPECT_TRUE(log.Contains("CtxtCore: Failed to set the data of VM"));
+  EXPECT_THAT(idfw->guests, IsEmpty());
+  EXPECT_EQ(core.guests().Find(kDesktopKey), nullptr);
+}
+
 // What belongs to a guest that is off must not be found by the next guest with its name.
 TEST_F(CoreTest, PowerOffForgetsTheUsers) {
   Start();

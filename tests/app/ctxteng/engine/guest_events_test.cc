@@ -170,6 +170,19 @@ TEST_F(GuestEventsTest, LostAnswers) {
   EXPECT_EQ(world.guest("d1").counts.refused, 0u);
 }
 
+// A name that the library does not give must not be remembered as an empty one.
+TEST_F(GuestEventsTest, UserWithoutAnAnswerIsAskedForAgain) {
+  StartWithDesktop();
+  world.SetFault({.operation = Operation::kSidInfo, .garbage = Garbage::kZero});
+  Connect("d1");
+  world.ClearFaults();
+  Connect("d1");
+  ASSERT_EQ(idfw->connections.size(), 2u);
+  EXPECT_FALSE(idfw->connections[0].missed_login);
+  EXPECT_TRUE(idfw->connections[1].missed_login);
+  EXPECT_EQ(idfw->connections[1].username, "alice");
+}
+
 // A guest can write what it likes into its answers: nothing outside the buffer may be read.
 TEST_F(GuestEventsTest, GarbageInEveryAnswer) {
   StartWithDesktop();

@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 
 #include <boost/property_tree/ptree.hpp>
+#include <cstring>
 #include <fstream>
 
 #include "app/ctxteng/engine/ctxt_options.h"
+#include "app/ctxteng/guest/event_keys.h"
 #include "app/ctxteng/guest/gcf_file.h"
 #include "app/ctxteng/guest/library_buffer.h"
 #include "tests/support/log_capture.h"
@@ -65,13 +67,15 @@ TEST_F(OptionsTest, FileThatIsNone) {
 // Absent options keep their defaults, and the keys of a client count only while it is enabled.
 TEST_F(OptionsTest, ValuesAndDefaults) {
   const std::string idfw =
-      "<IdfwConfig><CacheLimit>7</CacheLimit><AckTimeout>x</AckTimeout><WellKnownSids><!-- the system -->"
+      "<IdfwConfig><CacheLimit>7</CacheLimit><AckTimeout>x</AckTimeout><TimerInterval>-1</"
+      "TimerInterval><WellKnownSids><!-- the system -->"
       "<Sid>S-1-5-18</Sid><Sid>S-1-5-19</Sid></WellKnownSids></IdfwConfig>";
   ASSERT_TRUE(Load(Metrics("4", "50", "48655") + kIdfwOn + idfw +
                    "<CoreConfig><EnableProcessHash>false</EnableProcessHash></CoreConfig>"));
   EXPECT_EQ(settings.client_ids, kIdfwBit);
   EXPECT_EQ(settings.param.cacheLimit, 7u);
   EXPECT_EQ(settings.param.ackTimeout, 10u);
+  EXPECT_EQ(settings.param.timerInterval, 60u);
   EXPECT_FALSE(settings.param.enableProcessHash);
   EXPECT_TRUE(settings.param.useOldProcessHashMethod);
   EXPECT_THAT(settings.param.wellKnownSids, ElementsAre("S-1-5-18", "S-1-5-19"));
@@ -126,6 +130,26 @@ TEST_F(OptionsTest, ConfigurationFileOfAGuest) {
   EXPECT_TRUE(log.Contains("file may not exist"));
   EXPECT_EQ(EndvatUtil::CanonicalVcUuid(key), "502a1122-3344-5566-7788-99aabbccdd01");
   EXPECT_EQ(EndvatUtil::CanonicalVcUuid(key.substr(1)), "");
+}
+
+// Descriptors that all point to one long text must not multiply it.
+TEST(LibraryBufferTest, GroupsHaveNoMoreTextThanTheBuffer) {
+  constexpr uint16_t kCount = 1000;
+  constexpr uint32_t kLength = 20000;
+  LibraryBuffer buffer;
+  ASSERT_TRUE(buffer.Allocate(2 + 12 * kCount + kLength));
+  std::memcpy(buffer.data(), &kCount, sizeof(kCount));
+  char* const text = buffer.data() + 2 + 12 * kCount;
+  std::memset(text, 'S', kLength);
+  for (size_t i = 0; i < kCount; ++i) {
+    std::memcpy(buffer.data() + 2 + 12 * i, &kLength, sizeof(kLength));
+    std::memcpy(buffer.data() + 6 + 12 * i, &text, sizeof(text));
+  }
+  VmData vm;
+  vm.os.os_type = kWindows;
+  const Groups groups = GroupsOf(vm, buffer);
+  EXPECT_EQ(groups.count, 1u);
+  EXPECT_THAT(groups.sids, ElementsAre(std::string(kLength, 'S')));
 }
 
 TEST(LibraryBufferTest, TextsAreNarrowed) {

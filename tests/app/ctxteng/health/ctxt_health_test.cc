@@ -30,7 +30,7 @@ class CtxtHealthTest : public testing::Test {
              [this](const std::shared_ptr<CtxtMsg>& message, bool is_request) {
                EXPECT_TRUE(is_request);
                sent.push_back(message);
-               return -1;
+               return send_status;
              },
          .guests = [this] { return guests; },
          .read_health =
@@ -54,6 +54,7 @@ class CtxtHealthTest : public testing::Test {
   CtxtHealth::Guests guests;
   std::string health_text = "no xml";
   uint32_t read_status = 0;
+  int send_status = 0;
   std::string registered;
   CtxtHealth::Callback on_message;
   std::vector<std::shared_ptr<CtxtMsg>> sent;
@@ -67,6 +68,7 @@ TEST_F(CtxtHealthTest, AReportGoesToTheManagerAndItsAnswerIsLogged) {
   read_status = 6;
   health.SendHealthStatus();
   health.SendMuxDisconnected();
+  EXPECT_EQ(log.Count("CtxtHealth: Sent context"), 2u);
   ASSERT_EQ(sent.size(), 2u) << "nothing is sent when the library has no report";
   EXPECT_THAT(Sent(0), testing::HasSubstr("status_code: 10"));
   EXPECT_THAT(Sent(1), testing::StartsWith("status_code: 12 error_msg: \"zem-context-mux disconnected from "
@@ -78,6 +80,9 @@ TEST_F(CtxtHealthTest, AReportGoesToTheManagerAndItsAnswerIsLogged) {
   ack->set_error_msg("full");
   Ack("com.orlane.zem.context.HealthStatusAckMsg", ack);
   EXPECT_TRUE(log.Contains("ack msg from MP, status: 3, error msg: full"));
+  send_status = -1;
+  health.SendMuxDisconnected();
+  EXPECT_EQ(log.Count("CtxtHealth: Sent context"), 2u) << "the third has not gone out";
   Ack("com.orlane.zem.context.HealthStatusAckMsg", nullptr);
   Ack("com.orlane.zem.context.HealthStatusMsg", ack);
   EXPECT_TRUE(log.Contains("CtxtHealth: Invalid payload type: com.orlane.zem.context.HealthStatusMsg"));

@@ -181,11 +181,21 @@ TEST_F(HealthReportTest, TheDistributionIsRecognisedInItsIdOrDescription) {
 TEST_F(HealthReportTest, ATextThatCannotBeReadSaysSo) {
   std::string deep;
   for (int i = 0; i < 100000; ++i) deep += "<a>";
+  // What makes a tag look closed, or closes one that is none.
+  std::string hidden_by_values;
+  for (int i = 0; i < 100000; ++i) hidden_by_values += "<a b='/>'>";
+  std::string closers;
+  for (int i = 0; i < 100000; ++i) closers += "</a>";
   const std::string bad[] = {
       "",
       "<a",
       "<a></b>",
       deep,
+      hidden_by_values,
+      "<!--" + closers + "-->" + deep,
+      "<a><![CDATA[" + closers + "]]>" + deep,
+      "<!DOCTYPE " + closers + ">" + deep,
+      "<a b=\"" + closers + "\">" + deep,
       "<a>" + std::string(size_t{5} * 1024 * 1024, 'x') + "</a>",
       "<PalisadeEndpointSecurity/>",
       Report("<ObjectEvent><objectType>1</objectType></ObjectEvent>"),

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "app/ctxteng/introspection/ouvi_introspection.h"
 #include "platform/core/uuid.h"
 #include "platform/upm/upm_service.h"
 #include "proto/context/agent_config.pb.h"
@@ -354,6 +355,11 @@ TEST_F(OuviConfigTest, PartnerAlarmFollowsServiceVmAndMultiplexer) {
   Write({Solutions({{"s1", "i10"}, {"s2", "i2"}})});
   EXPECT_THAT(alarm.Take(), ElementsAre("reset all i9"));
   EXPECT_EQ(ouvi.GetServiceInstanceId("s1"), "i10");
+}
+
+TEST(OuviIntrospectionTest, StopsWithoutHavingStarted) {
+  OuviIntrospection introspection(nullptr, nullptr);
+  introspection.Shutdown();
 }
 
 TEST_F(OuviConfigTest, DisconnectBeforeAnyConnectRaisesNothing) {
