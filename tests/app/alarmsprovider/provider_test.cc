@@ -280,6 +280,7 @@ TEST_F(AlarmsProviderTest, RequestsAreAnsweredOnceWhateverClientsDo) {
         Case{AlarmClient::Fault::kUnknownId, "No pending call with correlationId: ", false},
         Case{AlarmClient::Fault::kBare, "Reason: Empty source-id. Empty msg type.", false},
         Case{AlarmClient::Fault::kWrongType, "Invalid message received from sub client", true},
+        Case{AlarmClient::Fault::kOtherKind, "Handle client response, sourceId = b", true},
         Case{AlarmClient::Fault::kSilent, "", false}}) {
     log.Clear();
     subscribing.SetFault(each.fault);
