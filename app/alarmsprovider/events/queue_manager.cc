@@ -19,6 +19,9 @@ namespace {
 constexpr LogSource kLog{"tarvik", "alarmsprovider"};
 
 constexpr size_t kMaxEventsPerReport = 1000;
+// Half of what one message may carry: a report that is too large for the way would never leave, and nothing
+// behind it.
+constexpr size_t kMaxTextPerReport = 8 << 20;
 constexpr int kHeartbeatCredit = 12;
 constexpr auto kTick = std::chrono::seconds(5);
 constexpr double kSendThreshold = 0.5;
@@ -132,9 +135,10 @@ bool QueueManager::PrepareReports(CollectorMpMsg* message) {
   }
   ZLOG_DEBUG("Queue Manager reads events");
   std::vector<SharedEvent> events;
-  while (events.size() < kMaxEventsPerReport) {
+  for (size_t text = 0; events.size() < kMaxEventsPerReport && text < kMaxTextPerReport;) {
     SharedEvent event = queue_.Pop();
     if (event == nullptr) break;
+    text += event->TextBytes();
     events.push_back(std::move(event));
   }
   if (events.empty()) return false;
