@@ -140,6 +140,25 @@ TEST_F(ConfigTest, AReconnectionLeavesWhatTheStoreHas) {
   EXPECT_EQ(Customizations(), "{\n}\n");
 }
 
+// A store that dies as soon as it is back has not said that there are no customizations.
+TEST_F(ConfigTest, AStoreThatGoesAgainLeavesTheFile) {
+  const auto sync = std::make_shared<ConfigSyncManager>(
+      ConfigSyncManager::Paths{folder.Path("own.json"), {folder.Path("script"), Override()}});
+  sync->Start();
+  store::EventConfigMsg event;
+  event.set_name("kept");
+  sync->Update(event);
+  ASSERT_TRUE(sync->Write());
+  sync->Clear();
+  sync->StoreGone();
+  clock.RunFor(90s);
+  EXPECT_THAT(folder.Read("own.json"), HasSubstr("kept"));
+  sync->Clear();
+  clock.RunFor(60s);
+  EXPECT_EQ(folder.Read("own.json"), "{\n}\n");
+  sync->Stop();
+}
+
 // A disk that is full or a folder that is missing must leave the old file whole.
 TEST_F(ConfigTest, AFailedWriteLeavesTheFile) {
   PutEvent("first");
