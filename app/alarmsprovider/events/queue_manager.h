@@ -46,7 +46,8 @@ class QueueManager : public std::enable_shared_from_this<QueueManager> {
   bool Append(SharedEvent event);
   void Tick(uint64_t run);
   void SendBatches();
-  bool PrepareReports(orlane::zem::monitoring::CollectorMpMsg* message);
+  /// Adds the size of the texts to `text`.
+  bool PrepareReports(orlane::zem::monitoring::CollectorMpMsg* message, size_t* text);
   void PrepareEmptyReport(orlane::zem::monitoring::CollectorMpMsg* message);
 
   AsioZemProvider& provider_;

@@ -18,8 +18,8 @@ constexpr LogSource kLog{"tarvik", "alarmsprovider"};
 
 constexpr size_t kCapacity = 1024;
 constexpr size_t kBatchSize = 32;
-// Reports are taken together up to this size: one message of all of them could be too large to leave, and
-// would be the next one at every tick.
+// Reports are taken together up to this size: a message that is larger than the connection takes is lost,
+// though it counts as sent.
 constexpr size_t kMaxBatchBytes = 8 << 20;
 constexpr auto kTick = std::chrono::seconds(10);
 
