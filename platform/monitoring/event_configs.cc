@@ -1,6 +1,8 @@
 #include "platform/monitoring/event_configs.h"
 
 #include <boost/property_tree/json_parser.hpp>
+#include <cmath>
+#include <limits>
 #include <optional>
 #include <utility>
 
@@ -26,7 +28,13 @@ EventSourceConfig ConfigOf(const CatalogueEvent& event, const ptree& customizati
   const auto found = customizations.find(std::string(event.name));
   if (found == customizations.not_found()) return config;
   config.is_disabled = found->second.get("is_disabled", false);
-  config.threshold = found->second.get("threshold", config.threshold);
+  // A customization that says nothing about the threshold is written with 0.
+  const auto threshold = found->second.get<uint32_t>("threshold", 0);
+  if (threshold != 0) config.threshold = threshold;
+  const auto with_fraction = found->second.get<double>("threshold_floating_point", 0);
+  if (with_fraction > 0 && with_fraction <= std::numeric_limits<uint32_t>::max()) {
+    config.threshold = static_cast<uint32_t>(std::ceil(with_fraction));
+  }
   return config;
 }
 

@@ -30,6 +30,7 @@ constexpr std::array kFaults = {
     FaultName{"doubled", AlarmClient::Fault::kDoubled},
     FaultName{"unknown-id", AlarmClient::Fault::kUnknownId},
     FaultName{"wrong-type", AlarmClient::Fault::kWrongType},
+    FaultName{"other-kind", AlarmClient::Fault::kOtherKind},
     FaultName{"bare", AlarmClient::Fault::kBare},
 };
 
@@ -105,7 +106,7 @@ void RegisterClient(CommandTable& table, AlarmClient& client) {
                     c->Clear(key);
                     reply.Ok();
                   }});
-  table.Register({"fault", "none|silence|late|doubled|unknown-id|wrong-type|bare",
+  table.Register({"fault", "none|silence|late|doubled|unknown-id|wrong-type|other-kind|bare",
                   "How the client answers from now on.", 1, 1,
                   [c](const Arguments& arguments, const Reply& reply) {
                     for (const FaultName& each : kFaults) {

@@ -192,6 +192,7 @@ struct AlarmClient::Inner : std::enable_shared_from_this<Inner> {
     if (!response.has_msg_type()) return;
     if (fault_now() == Fault::kUnknownId) response.set_correlation_id(RandomUuidText());
     if (fault_now() == Fault::kWrongType) response.set_msg_type(kNoSuchAnswer);
+    if (fault_now() == Fault::kOtherKind) response.set_msg_type(kFullSyncAnswer);
     if (fault_now() == Fault::kBare) {
       response.clear_source_id();
       response.clear_msg_type();

@@ -59,6 +59,7 @@ class AlarmClient {
     kDoubled,    // twice
     kUnknownId,  // a subscriber: under a correlation id that nobody has used
     kWrongType,  // a subscriber: with a type that does not exist
+    kOtherKind,  // a subscriber: as if a full sync had been asked for
     kBare,       // a subscriber: with nothing but the correlation id
   };
   void SetFault(Fault fault);

@@ -37,6 +37,8 @@ std::string FailureOf(const ChildResult& result) {
   }
 }
 
+void LogOverride() { ZLOG_INFO("Local config override present, skipping central config update"); }
+
 }  // namespace
 
 CentralConfig::CentralConfig(AsioZemProvider& provider, Paths paths)
@@ -50,9 +52,10 @@ void CentralConfig::Set(const std::string& text) {
     const std::lock_guard lock(mutex_);
     last_text_ = text;
     override_present_ = present;
+    next_text_.clear();  // out of date
   }
   if (present) {
-    ZLOG_INFO("Local config override present, skipping central config update");
+    LogOverride();
   } else if (!text.empty()) {
     ScheduleScript(text);
   }
@@ -85,6 +88,8 @@ void CentralConfig::ScheduleScript(std::string text) {
 
 void CentralConfig::RunScripts() {
   for (;;) {
+    // The text may have waited for minutes behind another one.
+    const bool present = OverridePresent();
     std::string text;
     {
       const std::lock_guard lock(mutex_);
@@ -93,8 +98,13 @@ void CentralConfig::RunScripts() {
         scheduled_ = false;
         return;
       }
+      if (present) override_present_ = true;
     }
-    RunScript(text);
+    if (present) {
+      LogOverride();
+    } else {
+      RunScript(text);
+    }
   }
 }
 

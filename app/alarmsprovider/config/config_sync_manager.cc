@@ -52,13 +52,20 @@ void ConfigSyncManager::Delete(const std::string& name) {
 
 void ConfigSyncManager::Clear() {
   const std::lock_guard lock(mutex_);
-  if (!customizations_.empty()) ticks_to_write_ = kTicksAfterClear;
+  if (!customizations_.empty()) cleared_ = true;
+  if (cleared_) ticks_to_write_ = kTicksAfterClear;
   customizations_.Clear();
+}
+
+void ConfigSyncManager::StoreGone() {
+  const std::lock_guard lock(mutex_);
+  ticks_to_write_ = 0;
 }
 
 bool ConfigSyncManager::Write() {
   const std::lock_guard lock(mutex_);
   ticks_to_write_ = 0;
+  cleared_ = false;
   return customizations_.Write();
 }
 
@@ -68,7 +75,9 @@ void ConfigSyncManager::Tick() {
   central_config_->CheckOverride();
   const std::lock_guard lock(mutex_);
   // A write that fails has been logged; the next change of a customization tries again.
-  if (ticks_to_write_ > 0 && --ticks_to_write_ == 0) (void)customizations_.Write();
+  if (ticks_to_write_ == 0 || --ticks_to_write_ > 0) return;
+  cleared_ = false;
+  (void)customizations_.Write();
 }
 
 }  // namespace zem::Tarvik

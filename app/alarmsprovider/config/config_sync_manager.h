@@ -34,6 +34,8 @@ class ConfigSyncManager : public std::enable_shared_from_this<ConfigSyncManager>
   void Delete(const std::string& name);
   /// If no `Write` follows, the file is written within a minute: the store may have nothing to say any more.
   void Clear();
+  /// The store has gone, maybe before it said anything: the file stays as it is until the next `Clear`.
+  void StoreGone();
   /// Writes the file of customizations.  Returns false, after a log line, when it is as it was.
   bool Write();
 
@@ -50,7 +52,8 @@ class ConfigSyncManager : public std::enable_shared_from_this<ConfigSyncManager>
 
   std::mutex mutex_;  // guards what follows, and is held while the file is written
   EventCustomizations customizations_;
-  int ticks_to_write_ = 0;  // 0: the file is as the customizations are
+  bool cleared_ = false;    // and not written since
+  int ticks_to_write_ = 0;  // 0: no tick has to write the file
 };
 
 }  // namespace zem::Tarvik

@@ -66,7 +66,7 @@ void CovedbEventHandler::Start() {
 void CovedbEventHandler::Stop() { config_sync_->Stop(); }
 
 void CovedbEventHandler::OnChannelStatus(bool up) {
-  if (!up) return;
+  if (!up) return config_sync_->StoreGone();
   // The monitors begin again with all objects.
   config_sync_->Clear();
   const std::lock_guard lock(mutex_);

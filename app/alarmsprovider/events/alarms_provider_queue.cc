@@ -21,7 +21,9 @@ void LogEvent(const char* operation, const SharedEvent& event) {
 }  // namespace
 
 bool AlarmsProviderQueue::Push(SharedEvent event) {
-  if (events_.size() >= kCapacity) return false;
+  const size_t bytes = event->TextBytes();
+  if (events_.size() >= kCapacity || text_bytes_ + bytes > kMaxTextBytes) return false;
+  text_bytes_ += bytes;
   events_.push_back(std::move(event));
   return true;
 }
@@ -31,6 +33,7 @@ SharedEvent AlarmsProviderQueue::Pop() {
   if (!events_.empty()) {
     event = std::move(events_.front());
     events_.pop_front();
+    text_bytes_ -= event->TextBytes();
   }
   LogEvent(__func__, event);
   return event;
@@ -45,6 +48,7 @@ SharedEvent AlarmsProviderQueue::Peek() const {
 void AlarmsProviderQueue::Reset() {
   ZLOG_INFO("AlarmsProviderQueue resets");
   events_.clear();
+  text_bytes_ = 0;
 }
 
 }  // namespace zem::Tarvik

@@ -13,6 +13,8 @@ namespace zem::Tarvik {
 class AlarmsProviderQueue {
  public:
   static constexpr size_t kCapacity = 0x10000;
+  /// Any local process may report events with long contexts.
+  static constexpr size_t kMaxTextBytes = 256 << 20;
 
   /// Returns false when the queue is full.
   [[nodiscard]] bool Push(SharedEvent event);
@@ -26,6 +28,7 @@ class AlarmsProviderQueue {
 
  private:
   std::deque<SharedEvent> events_;
+  size_t text_bytes_ = 0;  // of the events
 };
 
 }  // namespace zem::Tarvik

@@ -19,6 +19,10 @@ namespace {
 constexpr LogSource kLog{"tarvik", "alarmsprovider"};
 
 constexpr size_t kMaxEventsPerReport = 1000;
+// Half of what one message may carry, and of what may wait on the connection to leave: what is over those
+// limits is lost, though it counts as sent.
+constexpr size_t kMaxTextPerReport = 8 << 20;
+constexpr size_t kMaxTextAtOnce = 8 << 20;
 constexpr int kHeartbeatCredit = 12;
 constexpr auto kTick = std::chrono::seconds(5);
 constexpr double kSendThreshold = 0.5;
@@ -96,12 +100,12 @@ void QueueManager::Tick(uint64_t run) {
 
 void QueueManager::SendBatches() {
   ZLOG_DEBUG("Queue Manager starts to batch and send events");
-  for (;;) {
+  for (size_t text = 0;;) {
     // A report has thousands of small parts, which end together.
     google::protobuf::Arena arena;
     auto* const message = google::protobuf::Arena::CreateMessage<CollectorMpMsg>(&arena);
     message->set_msg_type(CollectorMpType::kEventReport);
-    if (!PrepareReports(message)) {
+    if (!PrepareReports(message, &text)) {
       if (heartbeat_credit_ != 0) {
         ZLOG_DEBUG("Queue manager: Heart beat credit = %d.", heartbeat_credit_);
         return;
@@ -119,22 +123,26 @@ void QueueManager::SendBatches() {
     }
     kept_ = nullptr;
     const SharedEvent oldest = queue_.Peek();
-    if (oldest == nullptr || Clock::Process().Now() - oldest->enqueue_time < kTick) break;
+    const bool old = oldest != nullptr && Clock::Process().Now() - oldest->enqueue_time >= kTick;
+    if (!old || text >= kMaxTextAtOnce) break;
   }
   heartbeat_credit_ = kHeartbeatCredit;
   ZLOG_DEBUG("Event batch sent.");
 }
 
-bool QueueManager::PrepareReports(CollectorMpMsg* message) {
+bool QueueManager::PrepareReports(CollectorMpMsg* message, size_t* text) {
   if (kept_ != nullptr) {
     *message = *kept_;
+    *text += message->ByteSizeLong();
     return true;
   }
   ZLOG_DEBUG("Queue Manager reads events");
   std::vector<SharedEvent> events;
-  while (events.size() < kMaxEventsPerReport) {
+  for (size_t taken = 0; events.size() < kMaxEventsPerReport && taken < kMaxTextPerReport;) {
     SharedEvent event = queue_.Pop();
     if (event == nullptr) break;
+    taken += event->TextBytes();
+    *text += event->TextBytes();
     events.push_back(std::move(event));
   }
   if (events.empty()) return false;

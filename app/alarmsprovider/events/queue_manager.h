@@ -25,7 +25,7 @@ class NodeIdCache;
 ///
 /// Threads: all operations from any thread.  The mutex is held while a report is sent, so that reports leave
 /// in the order of their numbers; sending does not wait for the collector.
-/// Limits: 65,536 events wait at most.
+/// Limits: 65,536 events with 256 MiB of text wait at most; a report carries a little over 8 MiB of text.
 class QueueManager : public std::enable_shared_from_this<QueueManager> {
  public:
   /// The three objects have to outlive the manager's last tick: call `Stop` before they end.
@@ -46,7 +46,8 @@ class QueueManager : public std::enable_shared_from_this<QueueManager> {
   bool Append(SharedEvent event);
   void Tick(uint64_t run);
   void SendBatches();
-  bool PrepareReports(orlane::zem::monitoring::CollectorMpMsg* message);
+  /// Adds the size of the texts to `text`.
+  bool PrepareReports(orlane::zem::monitoring::CollectorMpMsg* message, size_t* text);
   void PrepareEmptyReport(orlane::zem::monitoring::CollectorMpMsg* message);
 
   AsioZemProvider& provider_;

@@ -22,6 +22,8 @@ struct ReportedEvent {
   std::string context;
   /// Set by the queue.
   TimePoint enqueue_time{};
+
+  size_t TextBytes() const { return source_id.size() + qubio_id.size() + entity_id.size() + context.size(); }
 };
 
 using SharedEvent = std::shared_ptr<ReportedEvent>;

@@ -91,6 +91,8 @@ void CppPythonClient::HandleResponse(const Response& response) {
   switch (response.msg_type()) {
     case SubClientResponseType::kFullSync:
       ZLOG_DEBUG("Got FullSync rsp from sub client");
+      // A sync that is answered in this way has no answer any more, and the collector waits for one.
+      context->CompleteWithoutResult();
       return;
     case SubClientResponseType::kSync:
       ZLOG_INFO("Got Sync rsp from sub client");

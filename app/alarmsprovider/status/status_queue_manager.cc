@@ -18,6 +18,9 @@ constexpr LogSource kLog{"tarvik", "alarmsprovider"};
 
 constexpr size_t kCapacity = 1024;
 constexpr size_t kBatchSize = 32;
+// Reports are taken together up to this size: a message that is larger than the connection takes is lost,
+// though it counts as sent.
+constexpr size_t kMaxBatchBytes = 8 << 20;
 constexpr auto kTick = std::chrono::seconds(10);
 
 }  // namespace
@@ -112,7 +115,10 @@ void StatusQueueManager::Tick(uint64_t run) {
   combined->set_sequence_number(++sequence_number_);
   SetNodeIds(ids_, combined);
   std::vector<std::shared_ptr<Report>> taken;
+  size_t bytes = 0;
   while (!reports_.empty() && taken.size() < kBatchSize) {
+    bytes += reports_.front()->ByteSizeLong();
+    if (!taken.empty() && bytes > kMaxBatchBytes) break;
     taken.push_back(std::move(reports_.front()));
     reports_.pop_front();
     combined->mutable_status_vertical_report()->MergeFrom(taken.back()->status_vertical_report());

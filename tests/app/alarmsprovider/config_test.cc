@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <thread>
 
 #include "app/alarmsprovider/config/covedb_event_handler.h"
 #include "app/alarmsprovider/config/event_customizations.h"
@@ -140,6 +141,25 @@ TEST_F(ConfigTest, AReconnectionLeavesWhatTheStoreHas) {
   EXPECT_EQ(Customizations(), "{\n}\n");
 }
 
+// A store that dies as soon as it is back has not said that there are no customizations.
+TEST_F(ConfigTest, AStoreThatGoesAgainLeavesTheFile) {
+  const auto sync = std::make_shared<ConfigSyncManager>(
+      ConfigSyncManager::Paths{folder.Path("own.json"), {folder.Path("script"), Override()}});
+  sync->Start();
+  store::EventConfigMsg event;
+  event.set_name("kept");
+  sync->Update(event);
+  ASSERT_TRUE(sync->Write());
+  sync->Clear();
+  sync->StoreGone();
+  clock.RunFor(90s);
+  EXPECT_THAT(folder.Read("own.json"), HasSubstr("kept"));
+  sync->Clear();
+  clock.RunFor(60s);
+  EXPECT_EQ(folder.Read("own.json"), "{\n}\n");
+  sync->Stop();
+}
+
 // A disk that is full or a folder that is missing must leave the old file whole.
 TEST_F(ConfigTest, AFailedWriteLeavesTheFile) {
   PutEvent("first");
@@ -230,6 +250,25 @@ TEST_F(ConfigTest, TheScriptRunsOncePerTextUnlessOverridden) {
   std::filesystem::remove(folder.Path("script"));
   PutCentral("four");
   EXPECT_EQ(log.Count("Failed to call central config update script: "), 2U);
+}
+
+// A script may take minutes, and what waits behind it may be out of date when its turn comes.
+TEST_F(ConfigTest, ATextThatWaitedIsGivenOnlyIfItStillHolds) {
+  WriteScript("cat >> " + folder.Path("journal") + "\nwhile [ ! -e " + folder.Path("go") + " ]; do :; done");
+  const auto sync = std::make_shared<ConfigSyncManager>(
+      ConfigSyncManager::Paths{folder.Path("own.json"), {folder.Path("script"), Override()}});
+  sync->Start();
+  sync->SetCentralConfig("one ");
+  while (!std::ifstream(folder.Path("journal")) || Journal().empty()) std::this_thread::yield();
+  sync->SetCentralConfig("two ");
+  folder.Write("override", "");
+  folder.Write("go", "");
+  clock.RunFor(60s);
+  EXPECT_EQ(Journal(), "one ") << "the override came first";
+  std::filesystem::remove(Override());
+  clock.RunFor(60s);
+  EXPECT_EQ(Journal(), "one two ");
+  sync->Stop();
 }
 
 }  // namespace

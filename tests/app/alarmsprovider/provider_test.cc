@@ -280,6 +280,7 @@ TEST_F(AlarmsProviderTest, RequestsAreAnsweredOnceWhateverClientsDo) {
         Case{AlarmClient::Fault::kUnknownId, "No pending call with correlationId: ", false},
         Case{AlarmClient::Fault::kBare, "Reason: Empty source-id. Empty msg type.", false},
         Case{AlarmClient::Fault::kWrongType, "Invalid message received from sub client", true},
+        Case{AlarmClient::Fault::kOtherKind, "Handle client response, sourceId = b", true},
         Case{AlarmClient::Fault::kSilent, "", false}}) {
     log.Clear();
     subscribing.SetFault(each.fault);
@@ -467,6 +468,19 @@ TEST(EventConfigsTest, OnlyChangesAreReported) {
   ASSERT_THAT(changed, SizeIs(1));
   EXPECT_TRUE(changed[0].is_disabled);
   EXPECT_EQ(changed[0].threshold, 7U);
+
+  monitoring::EventConfigs memory(33, folder.Path("events"));
+  const auto threshold_of = [&memory](uint16_t type) {
+    for (const EventSourceConfig& config : memory.Changed()) {
+      if (config.event_type_id == type) return config.threshold;
+    }
+    return 0U;
+  };
+  folder.Write("events", "{\"intrusion_detection.memory_usage_high\": {\"threshold\": \"0\"}}");
+  EXPECT_EQ(threshold_of(15), 75U) << "no threshold was set: with 0 the alarm would always stand";
+  folder.Write("events",
+               "{\"intrusion_detection.memory_usage_high\": {\"threshold_floating_point\": \"59.5\"}}");
+  EXPECT_EQ(threshold_of(15), 60U);
   folder.Write("events", "{\"endpoint_prot");
   EXPECT_THAT(configs.Changed(), IsEmpty()) << "a file that does not read says nothing";
   folder.Write("events", "{}");

@@ -226,6 +226,31 @@ TEST_F(QueuesTest, TheQueueSendsAtHalfAndRefusesWhenFull) {
   EXPECT_THAT(Reports(), SizeIs(1)) << "a stopped queue sends nothing";
 }
 
+// What is larger than the connection takes, in one message or at once, is lost, though it counts as sent.
+TEST_F(QueuesTest, LongTextsMakeMoreMessages) {
+  const std::string context(kMaxContextBytes, 'x');
+  for (int i = 0; i < 300; ++i) ASSERT_TRUE(events->Write(Event(1, 2, kEntityA, context)));
+  orlane::zem::monitoring::MonitoringStatusReportMsg status;
+  status.add_status_vertical_report()->set_payload(std::string(5 << 20, 'x'));
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(statuses->Enqueue(status));
+  events->Start();
+  clock.RunFor(5s);
+  EXPECT_THAT(road.sent, SizeIs(1)) << "the rest waits for the next ticks";
+  clock.RunFor(15s);
+  size_t sent = 0;
+  for (const CollectorMpMsg& message : road.sent) sent += EventsIn(message);
+  EXPECT_EQ(sent, 300U);
+  events->Stop();
+  statuses->Start();
+  clock.RunFor(40s);
+  EXPECT_THAT(road.sent, SizeIs(6)) << "three of each queue";
+  for (const CollectorMpMsg& message : road.sent) EXPECT_LT(message.ByteSizeLong(), 9U << 20);
+
+  bool fits = true;
+  for (int i = 0; fits && i < 5000; ++i) fits = events->Write(Event(1, 2, kEntityA, context));
+  EXPECT_FALSE(fits) << "memory is bounded, not only the number of events";
+}
+
 // A source's report with an entry that says too little loses that entry alone.
 TEST_F(QueuesTest, ReportsOfClientsLoseOnlyTheirBadEntries) {
   MonitoringProcessEventReportRequestMsg report;
