@@ -105,6 +105,7 @@ class UPMService::Impl : public std::enable_shared_from_this<Impl> {
     {
       std::lock_guard lock(mutex_);
       if (!replaying_ && tables_.IsRepetition(update)) repeated_ = true;
+      heard_ = true;
       taken = (replaying_ ? incoming_ : tables_).Apply(update);
     }
     if (!taken) ZLOG_WARN("A profile of the store cannot be read");
@@ -159,6 +160,7 @@ class UPMService::Impl : public std::enable_shared_from_this<Impl> {
     up_ = up;
     replaying_ = true;
     incoming_ = {};
+    heard_ = false;
     silent_at_ = Clock::Process().Now() + kSilentConnection;
     changed_.NotifyAll();
   }
@@ -177,11 +179,10 @@ class UPMService::Impl : public std::enable_shared_from_this<Impl> {
   void Run() {
     std::unique_lock lock(mutex_);
     while (!stopping_) {
-      if (up_ && replaying_ &&
-          !changed_.WaitUntil(lock, silent_at_, [this] { return Awake() || !replaying_; })) {
+      if (Silent() && !changed_.WaitUntil(lock, silent_at_, [this] { return Awake() || !Silent(); })) {
         Complete();
       }
-      changed_.Wait(lock, [this] { return Awake() || (up_ && replaying_); });
+      changed_.Wait(lock, [this] { return Awake() || Silent(); });
       if (stopping_ || !dirty_) continue;
       dirty_ = false;
       if (connection_ != 0) TellAll(lock);
@@ -189,6 +190,8 @@ class UPMService::Impl : public std::enable_shared_from_this<Impl> {
   }
 
   bool Awake() const { return stopping_ || dirty_; }
+  // What has begun ends with a barrier, however long it takes; the tables are not whole before it.
+  bool Silent() const { return up_ && replaying_ && !heard_; }
 
   // A registration is never removed, so it stays where it is while the lock is free.
   void TellAll(std::unique_lock<std::mutex>& lock) {
@@ -233,6 +236,7 @@ class UPMService::Impl : public std::enable_shared_from_this<Impl> {
   std::weak_ptr<covedb::CoveDbClientInterface> store_;
   bool repeated_ = false;  // since the last barrier the store has told what it had told already
   bool up_ = false;
+  bool heard_ = false;  // this connection has brought something
   bool replaying_ = true;
   bool dirty_ = false;
   bool stopping_ = false;

@@ -202,6 +202,9 @@ void KafkaClient::SendTo(Topic topic, const google::protobuf::MessageLite& msg) 
     ZLOG_DEBUG("Zemi: Successfully sent msg over kafka over topic: %s", name);
   }
   rd_kafka_poll(producer_, 0);
+  // The alarm is for the client's own thread, which may have found the queue empty while this one ran the
+  // report.
+  if (alarm_unsettled_) Wake();
 }
 
 void KafkaClient::StartPolling() {
@@ -217,6 +220,11 @@ void KafkaClient::StartPolling() {
 // Runs on a thread of the client's own, which also carries the alarm's calls.
 void KafkaClient::Poll() {
   while (!stopping_) {
+    // The library wakes this thread when its queue stops being empty.  So the queue is emptied before each
+    // wait, the first one as well: reports may have come before the library knew whom to wake.
+    while (!stopping_ && rd_kafka_poll(producer_, 0) > 0) {
+    }
+    SettleAlarm();
     pollfd wake{wake_.get(), POLLIN, 0};
     zem::PollIdle(&wake, 1, -1);
     uint64_t count = 0;
@@ -224,20 +232,21 @@ void KafkaClient::Poll() {
       ZLOG_WARN("Zemi: The Kafka client polls no more: %s", zem::Tarvik::Util::GetErrMsg(errno).c_str());
       return;
     }
-    while (!stopping_ && rd_kafka_poll(producer_, 0) > 0) {
-    }
-    SettleAlarm();
   }
 }
 
 void KafkaClient::StopPolling() {
   if (!poller_.joinable()) return;
   stopping_ = true;
+  Wake();
+  poller_.Join();
+}
+
+void KafkaClient::Wake() {
   if (::write(wake_.get(), &kWake, sizeof(kWake)) < 0) {
     // A full counter wakes the thread as well.
     ZLOG_TRACE("Zemi: the Kafka client's thread is awake already");
   }
-  poller_.Join();
 }
 
 void KafkaClient::TakeDelivery(const rd_kafka_message_t& message) {

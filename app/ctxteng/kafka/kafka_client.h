@@ -78,6 +78,7 @@ class KafkaClient {
   void StartPolling();
   void Poll();
   void StopPolling();
+  void Wake();
   void TakeDelivery(const rd_kafka_message_s& message);
   void TakeStatistics(const char* json, size_t length);
   void TakeError(int code);

@@ -91,6 +91,7 @@ void CoveDbHandler::ConfigureMonitors() {
     monitored_ = true;
     // The store sends all objects again to a new monitor.
     initial_sync_done_ = false;
+    switches_begun_ = false;
     enabled = enabled_;
   }
   covedb::CoveDbClientInterface& client = *settings_.client;
@@ -104,12 +105,11 @@ void CoveDbHandler::ConfigureMonitors() {
       WeakCall(
           weak_from_this(), [](CoveDbHandler& handler) { handler.OnBarrier(); }, [] {}),
       covedb::kDefaultVDb);
-  // Before the streams: the first mark closes a complete reading, and a stream that others have asked for may
-  // be at its mark already, with nothing but the types that they share with this module.
-  const bool configured = Configure(true);
   // While the store is away, the next connection enables the sessions.  Enabling them once is enough, because
   // the store begins each connection with all objects.
   if (!enabled) enabled = client.EnableMonitorSessionCreation();
+  ReadBarrier();
+  const bool configured = Configure(true);
   if (configured) {
     ZLOG_INFO("Successfully Configured Monitor");
   } else {
@@ -118,6 +118,28 @@ void CoveDbHandler::ConfigureMonitors() {
   const Synchronizer lock(*this, __FILE__, __LINE__);
   enabled_ = enabled;
   monitored_ = configured;
+}
+
+// The store does not repeat a type that other parts watch already, and the barrier is one.
+void CoveDbHandler::ReadBarrier() {
+  const uint64_t epoch = this->epoch();
+  const bool asked = settings_.client->Get(
+      {Wanted(ObjectType::BARRIER)},
+      WeakCall(
+          weak_from_this(),
+          [epoch](CoveDbHandler& handler, const Objects& objects, const rpc::Status& status) {
+            if (!status.ok() || handler.IsVoid("ReadBarrier", epoch)) return;
+            for (const store::TypedObjectMsg& object : objects) {
+              if (!object.has_object()) continue;
+              MonitorUpdateMsg update;
+              update.set_object_type(object.object_type());
+              update.set_object(object.object());
+              handler.OnUpdate(update);
+            }
+          },
+          [] {}),
+      covedb::kDefaultVDb);
+  if (!asked) ZLOG_DEBUG("The store is away; it sends the barrier when it is back");
 }
 
 void CoveDbHandler::RemoveMonitors() {
@@ -142,6 +164,7 @@ void CoveDbHandler::OnChannelStatus(bool up) {
     channel_up_ = up;
     if (!up) {
       initial_sync_done_ = false;
+      switches_begun_ = false;
       ++connection_;
     }
     if (!rises) return;
@@ -173,6 +196,10 @@ void CoveDbHandler::OnUpdate(const MonitorUpdateMsg& update) {
     const Synchronizer lock(*this, __FILE__, __LINE__);
     // The update was on its way when the monitors were removed.
     if (!monitored_) return;
+    const ObjectType type = update.object_type();
+    if (type == ObjectType::TRANSPORT_NODE_CONFIG || type == ObjectType::OPAQUE_LOG_SWITCH_CONFIG) {
+      switches_begun_ = true;
+    }
     origin = {!initial_sync_done_, epoch_, connection_};
     via_ccp = ls_realization_via_ccp_;
   }
@@ -212,7 +239,9 @@ void CoveDbHandler::OnBarrier() {
     const Synchronizer lock(*this, __FILE__, __LINE__);
     if (!monitored_) return;
     origin = {!initial_sync_done_, epoch_, connection_};
-    if (channel_up_) initial_sync_done_ = true;
+    // The stream is shared: a mark without any switch or node may belong to what other parts watch, and must
+    // not close a reading that has not begun.
+    if (channel_up_ && switches_begun_) initial_sync_done_ = true;
   }
   settings_.enqueue(CovedbUpdateKind::kEndOfTransaction, MonitorUpdateMsg(), origin);
 }

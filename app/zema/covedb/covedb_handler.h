@@ -132,6 +132,7 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   void OnVifState(const covedb::MonitorUpdateMsg& update, const CovedbOrigin& origin, bool via_ccp);
   void OnBarrier();
   bool Configure(bool add);
+  void ReadBarrier();
   void Schedule(Read read, Duration delay);
   void OnTimer(uint64_t schedule);
   void ReadAll(uint64_t epoch);
@@ -149,6 +150,7 @@ class CoveDbHandler final : public Synchronizable, public std::enable_shared_fro
   // The object's own lock guards what follows.
   bool channel_up_ = false;
   bool initial_sync_done_ = false;
+  bool switches_begun_ = false;  // the reading has brought a switch or the node
   bool ls_realization_via_ccp_ = true;
   bool monitored_ = false;
   bool enabled_ = false;

@@ -177,6 +177,14 @@ TEST_F(KafkaClientTest, AlarmIsRaisedOnceAndClearedWhenTheBrokersAreBack) {
   EXPECT_TRUE(Eventually([&] { return deliveries.succeeded == 2; })) << "what waited is sent";
 }
 
+// The refusal may come before the client's thread waits for reports.
+TEST_F(KafkaClientTest, IdleClientNoticesBrokersThatWereNeverThere) {
+  config.brokers = "127.0.0.1:1,";
+  const auto client = Make();
+  ASSERT_TRUE(alarm.WaitFor(1));
+  EXPECT_EQ(alarm.calls().front(), "raise 127.0.0.1:1,");
+}
+
 // An alarm that was not wanted at first is raised later, and one that stands ends with its client.
 TEST_F(KafkaClientTest, AlarmThatWasNotWantedIsTriedAgain) {
   alarm.wanted = false;

@@ -7,6 +7,7 @@
 #include "app/zema/lswitch/db_svc_task_thread.h"
 #include "app/zema/lswitch/logical_switch_batcher.h"
 #include "app/zema/workers/worker_table.h"
+#include "covedbclient/statements.h"
 #include "framework/tasks/function_task.h"
 #include "mpaclient/bus/bus_record.h"
 #include "proto/covedb/runtime_objects.pb.h"
@@ -274,6 +275,35 @@ TEST_F(StoreRoadTest, AReconnectMakesAFullSyncAndASecondConfigureDoesNot) {
   handler->ConfigureMonitors();
   clock.RunFor(20s);
   EXPECT_THAT(host.TakeCalls(), ElementsAre("op 11 flag 0 zones 1 switches 1"));
+}
+
+// The store repeats no type that another part still watches: the barrier alone must not end a reading.
+TEST_F(StoreRoadTest, ASecondConfigureReadsAllAlthoughOthersWatchTheBarrier) {
+  constexpr uint32_t kOther = 77;
+  const auto barrier = covedb::MonitorStatementsFor({ObjectType::BARRIER, ObjectType::TRANSPORT_NODE_CONFIG});
+  ASSERT_TRUE(client->ConfigureMonitor(barrier, {}, kOther, covedb::kDefaultVDb));
+  Watch([] { return PutLogicalSwitches({1, 3, 1, 1}, 5, true); });
+  handler->FlushDesiredConfig();
+  clock.RunFor(20s);
+  Change(PutLogicalSwitches({7, 1, 1, 1}, 6, true));
+  clock.RunFor(20s);
+  handler->ConfigureMonitors();
+  clock.RunFor(2min);
+  EXPECT_THAT(host.TakeCalls(), ElementsAre("op 11 flag 0 zones 1 switches 1"));
+  EXPECT_EQ(Barrier(), "value: 6");
+}
+
+TEST_F(StoreRoadTest, AStreamThatOthersOpenedMakesOneFullSync) {
+  constexpr uint32_t kOther = 77;
+  ASSERT_TRUE(client->ConfigureMonitor(covedb::MonitorStatementsFor({ObjectType::BARRIER}), {}, kOther,
+                                       covedb::kDefaultVDb));
+  Change(PutLogicalSwitches({1, 3, 1, 1}, 5, true));
+  client->StartAsync();
+  clock.RunFor(20s);
+  Connect();
+  clock.RunFor(2min);
+  EXPECT_THAT(host.TakeCalls(), ElementsAre("op 11 flag 0 zones 1 switches 3"));
+  EXPECT_EQ(Barrier(), "value: 5");
 }
 
 covedb::MonitorUpdateMsg Update(ObjectType type, const google::protobuf::Message& object, int operation) {
