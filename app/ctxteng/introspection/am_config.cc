@@ -282,7 +282,7 @@ void AMConfig::TakeChannel(bool up) {
   if (up == channel_up_) return;
   channel_up_ = up;
   if (!up) return;
-  if (!replaying_) before_ = tables_.All();
+  if (!replaying_) KeepBefore();
   replaying_ = true;
   barrier_.reset();
   tables_ = {};
@@ -296,7 +296,7 @@ void AMConfig::TakeBarrier() {
     if (replaying_) {
       replaying_ = false;
       Post(Everything());
-      before_.clear();
+      ForgetBefore();
       PostBarrier();
       return;
     }
@@ -305,6 +305,16 @@ void AMConfig::TakeBarrier() {
   // The stream of the store was opened anew within one connection, and what was deleted in the gap was not
   // told.
   AskForAll();
+}
+
+void AMConfig::KeepBefore() {
+  before_ = tables_.All();
+  tables_before_ = std::move(tables_);
+}
+
+void AMConfig::ForgetBefore() {
+  before_.clear();
+  tables_before_ = {};
 }
 
 // With the mutex: each VM's rule, and the end of those that had one and have none.
@@ -375,7 +385,7 @@ void AMConfig::TakeObjects(const std::list<store::TypedObjectMsg>& objects, cons
 void AMConfig::Refill(const std::list<store::TypedObjectMsg>& objects) {
   std::lock_guard lock(mutex_);
   // The handlers are for single changes, so the objects go through them as if the store had just sent them.
-  if (!replaying_) before_ = tables_.All();
+  if (!replaying_) KeepBefore();
   tables_ = {};
   AmTables& tables = tables_;
   for (const store::TypedObjectMsg& object : objects) {
@@ -426,7 +436,7 @@ void AMConfig::Refill(const std::list<store::TypedObjectMsg>& objects) {
   AddVms(everything, &config);
   PostConfig(config);
   if (replaying_) return;
-  before_.clear();
+  ForgetBefore();
   // The queue may have been emptied with the write-back of a barrier in it.
   PostBarrier();
 }
@@ -437,7 +447,11 @@ void AMConfig::AddVms(const VmChanges& changes, orlane::zem::ouvi::MuxConfigMsg*
   for (const auto& [vm_id, change] : changes) {
     const RuleEntry& rule = change.rule;
     ZLOG_DEBUG("AMConfig : Looking up for profile : %s", rule.profile_id.c_str());
-    const MpsConfig* const profile = tables_.Profile(rule.profile_id);
+    const MpsConfig* profile = tables_.Profile(rule.profile_id);
+    // The profile may have gone together with its last rule.
+    if (profile == nullptr && change.operation == kMuxDelete) {
+      profile = tables_before_.Profile(rule.profile_id);
+    }
     if (profile == nullptr) continue;
     auto* const vm = config->add_vm_info();
     vm->set_entity_uuid(vm_id);

@@ -71,6 +71,9 @@ class AMConfig : public std::enable_shared_from_this<AMConfig> {
   void OnSection(const Update& update);
   void OnBarrier(const Update& update);
   VmChanges ReplaceRule(const orlane::zem::covedb::RuleMsg* old, const orlane::zem::covedb::RuleMsg* now);
+  // With the mutex: what the store had told before it begins anew, until the new state is complete.
+  void KeepBefore();
+  void ForgetBefore();
   VmChanges Everything() const;
   void AskForAll();
 
@@ -91,6 +94,7 @@ class AMConfig : public std::enable_shared_from_this<AMConfig> {
   std::mutex mutex_;  // guards all below; nothing that waits is called under it
   AmTables tables_;
   VmChanges before_;  // the effective rules before the store began to send all it has
+  AmTables tables_before_;
   bool replaying_ = true;
   std::optional<uint64_t> barrier_;  // the last one
   bool sent_again_ = false;          // the store has told what it had told already

@@ -290,7 +290,10 @@ TEST_F(OuviConfigTest, BarriersAndTheStoresReturn) {
   EXPECT_THAT(Objects<proto::ProcessedBarrierMsg>(ObjectType::PROCESSED_BARRIER),
               ElementsAre("component: 13 value: 41"));
   network.Break(zem::covedb::test::kEndpoint);
-  const auto requests = zem::covedb::test::Requests({Delete(ObjectType::RULE, Rule(1, {})), Barrier(42)});
+  proto::ContextProfileMsg profile;
+  profile.set_id("p1");
+  const auto requests = zem::covedb::test::Requests(
+      {Delete(ObjectType::RULE, Rule(1, {})), Delete(ObjectType::CONTEXT_PROFILE, profile), Barrier(42)});
   ASSERT_TRUE(daemon->store().Modify({requests.begin(), requests.end()}).ok());
   EXPECT_THAT(mux.by_rule(), ElementsAre(Pair(kVm, "77/gold_RA_DETECT_PREVENT/77")));
   clock.RunFor(std::chrono::seconds(20));
