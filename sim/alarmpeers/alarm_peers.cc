@@ -45,6 +45,8 @@ bool AlarmPeers::Signal(const std::string& id, int signal) {
   const auto found = peers_.find(id);
   if (found == peers_.end() || !found->second.process->Kill(signal)) return false;
   if (signal == SIGSTOP || signal == SIGCONT) found->second.stopped = signal == SIGSTOP;
+  // The agent may see the end of the connection before the process is gone, and a test starts it again then.
+  if (signal == SIGKILL) (void)found->second.process->Wait(kStartTime);
   return true;
 }
 
