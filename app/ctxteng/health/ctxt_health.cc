@@ -65,8 +65,10 @@ void OnAck(const CtxtMsg& message) {
 void OnMessage(const std::shared_ptr<CtxtMsg>& message) {
   try {
     if (message != nullptr) OnAck(*message);
-  } catch (const std::bad_alloc& error) {
+  } catch (const CtxtMemoryAllocationError& error) {
     ZLOG_CTX_ERROR(1054, "CtxtHealth: Failed to allocate memory, %s", error.what());
+  } catch (const std::bad_alloc&) {
+    ZLOG_CTX_ERROR(1054, "CtxtHealth: Failed to allocate memory, bad_alloc exception");
   } catch (...) {
     ZLOG_CTX_ERROR(301, "CtxtHealth: Unhandled exception occured while processing health ack message");
   }
