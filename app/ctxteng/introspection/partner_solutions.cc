@@ -159,33 +159,61 @@ void PartnerSolutions::MuxReconnected() {
   }
 }
 
-void PartnerSolutions::SvmDisconnected(const std::string& solution_id) {
-  ZLOG_INFO("OuviConfig: Handle SVM to MUX disconnected");
+struct PartnerSolutions::SvmTexts {
+  const char* begin;
+  const char* system;
+  const char* no_instance;
+  bool (PartnerAlarm::*post)(const std::string& instance);
+  const char* posted;
+  int failure_tag;
+  const char* failure;
+};
+
+constexpr PartnerSolutions::SvmTexts PartnerSolutions::kSvmDown = {
+    "OuviConfig: Handle SVM to MUX disconnected",
+    "OuviConfig: Won't raise alarm for SVM to MUX disconnected for SolutionID: %s",
+    "OuviConfig: ServiceInstanceId is empty, cannot raise alarm for SVM to MUX disconnected for "
+    "SolutionID: %s.",
+    &PartnerAlarm::Raise,
+    "OuviConfig: Successfully raised alarm for SVM to MUX disconnected for SolutionID: %s and "
+    "ServiceInstanceId: %s",
+    175,
+    "OuviConfig: Failed to raise alarm for SVM to MUX disconnected for SolutionID: %s and "
+    "ServiceInstanceId: %s"};
+constexpr PartnerSolutions::SvmTexts PartnerSolutions::kSvmUp = {
+    "OuviConfig: Handle SVM to MUX connected",
+    "OuviConfig: Won't suppress any alarm for SVM to MUX connected for SolutionID: %s",
+    "OuviConfig: ServiceInstanceId is empty, cannot suppress alarm for MUX to SVM connected for "
+    "SolutionID : %s.",
+    &PartnerAlarm::Reset,
+    "OuviConfig: Successfully reset alarm for SVM to MUX disconnected for SolutionID: %s and "
+    "ServiceInstanceId: %s",
+    174,
+    "OuviConfig: Failed to reset alarm for SVM to MUX disconnected for SolutionID: %s and "
+    "ServiceInstanceId: %s"};
+
+std::string PartnerSolutions::PostSvm(const SvmTexts& texts, const std::string& solution_id) {
+  ZLOG_INFO("%s", texts.begin);
   if (IsSystem(solution_id)) {
-    ZLOG_INFO("OuviConfig: Won't raise alarm for SVM to MUX disconnected for SolutionID: %s",
-              solution_id.c_str());
-    return;
+    ZLOG_INFO(texts.system, solution_id.c_str());
+    return {};
   }
-  const std::string instance = GetServiceInstanceId(solution_id);
+  std::string instance = GetServiceInstanceId(solution_id);
   if (instance.empty()) {
-    ZLOG_CTX_ERROR(
-        353,
-        "OuviConfig: ServiceInstanceId is empty, cannot raise alarm for SVM to MUX disconnected for "
-        "SolutionID: %s.",
-        solution_id.c_str());
-    return;
+    ZLOG_CTX_ERROR(353, texts.no_instance, solution_id.c_str());
+    return {};
   }
-  if (alarm_->Raise(instance)) {
-    ZLOG_INFO(
-        "OuviConfig: Successfully raised alarm for SVM to MUX disconnected for SolutionID: %s and "
-        "ServiceInstanceId: %s",
-        solution_id.c_str(), instance.c_str());
+  if ((*alarm_.*texts.post)(instance)) {
+    ZLOG_INFO(texts.posted, solution_id.c_str(), instance.c_str());
   } else {
-    ZLOG_CTX_ERROR(175,
-                   "OuviConfig: Failed to raise alarm for SVM to MUX disconnected for SolutionID: %s and "
-                   "ServiceInstanceId: %s",
-                   solution_id.c_str(), instance.c_str());
+    ZLOG_CTX_ERROR(texts.failure_tag, texts.failure, solution_id.c_str(), instance.c_str());
   }
+  return instance;
+}
+
+void PartnerSolutions::SvmDisconnected(const std::string& solution_id) {
+  const std::string instance = PostSvm(kSvmDown, solution_id);
+  if (instance.empty()) return;
   const Locks::ScopedLock lock(solutions_mutex_);
   if (svm_down_map_.emplace(solution_id, instance).second) {
     ZLOG_INFO("OuviConfig: Successfully added solution: %s with serviceInstanceId: %s to SVM disconnect map",
@@ -194,32 +222,8 @@ void PartnerSolutions::SvmDisconnected(const std::string& solution_id) {
 }
 
 void PartnerSolutions::SvmConnected(const std::string& solution_id) {
-  ZLOG_INFO("OuviConfig: Handle SVM to MUX connected");
-  if (IsSystem(solution_id)) {
-    ZLOG_INFO("OuviConfig: Won't suppress any alarm for SVM to MUX connected for SolutionID: %s",
-              solution_id.c_str());
-    return;
-  }
-  const std::string instance = GetServiceInstanceId(solution_id);
-  if (instance.empty()) {
-    ZLOG_CTX_ERROR(
-        353,
-        "OuviConfig: ServiceInstanceId is empty, cannot suppress alarm for MUX to SVM connected for "
-        "SolutionID : %s.",
-        solution_id.c_str());
-    return;
-  }
-  if (alarm_->Reset(instance)) {
-    ZLOG_INFO(
-        "OuviConfig: Successfully reset alarm for SVM to MUX disconnected for SolutionID: %s and "
-        "ServiceInstanceId: %s",
-        solution_id.c_str(), instance.c_str());
-  } else {
-    ZLOG_CTX_ERROR(174,
-                   "OuviConfig: Failed to reset alarm for SVM to MUX disconnected for SolutionID: %s and "
-                   "ServiceInstanceId: %s",
-                   solution_id.c_str(), instance.c_str());
-  }
+  const std::string instance = PostSvm(kSvmUp, solution_id);
+  if (instance.empty()) return;
   const Locks::ScopedLock lock(solutions_mutex_);
   if (svm_down_map_.erase(solution_id) != 0) {
     ZLOG_INFO(

@@ -44,7 +44,14 @@ class PartnerSolutions {
   using Instances = std::unordered_map<std::string, std::string>;
   using List = std::vector<std::pair<std::string, std::string>>;
 
+  // What a service VM's way to or from the multiplexer does to its alarm, and the lines about it.
+  struct SvmTexts;
+  static const SvmTexts kSvmDown;
+  static const SvmTexts kSvmUp;
+
   List LeftOrChanged(const Instances& now);
+  // The service instance whose alarm was posted, or should have been; empty when there is none to post.
+  std::string PostSvm(const SvmTexts& texts, const std::string& solution_id);
 
   const std::shared_ptr<PartnerAlarm> alarm_;
   Locks::Mutex solutions_mutex_;  // guards the next two
