@@ -111,25 +111,35 @@ std::string NodeIdCache::ManagerUuid() {
 }
 
 std::string NodeIdCache::TransportNodeUuid(const char* label) {
-  std::string uuid;
-  if (const auto proxy = TnProxyClientCommon::getInstance()) {
-    uuid = proxy->getTnUuidStr();
-  } else {
-    ZLOG_INFO("tnProxyClient is invalid");
-  }
-  const bool named_by_proxy = !uuid.empty();
-  if (!named_by_proxy) {
-    try {
-      uuid = UuidOfHostConfig(files_.host);
-    } catch (const std::exception& error) {
-      ZLOG_INFO("Could not read node uuid. %s", error.what());
+  std::string before;
+  {
+    // The proxy is asked under the mutex, so that no other caller puts back what it has read before a change.
+    const std::lock_guard lock(mutex_);
+    std::string uuid;
+    if (const auto proxy = TnProxyClientCommon::getInstance()) {
+      uuid = proxy->getTnUuidStr();
+    } else {
+      ZLOG_INFO("tnProxyClient is invalid");
     }
+    if (!uuid.empty()) {
+      if (uuid != node_uuid_) {
+        ZLOG_INFO("%s changes from %s to %s", label, node_uuid_.c_str(), uuid.c_str());
+        node_uuid_ = std::move(uuid);
+      }
+      ZLOG_DEBUG("Got %s: %s", label, node_uuid_.c_str());
+      return node_uuid_;
+    }
+    before = node_uuid_;
+  }
+  std::string uuid;
+  try {
+    uuid = UuidOfHostConfig(files_.host);
+  } catch (const std::exception& error) {
+    ZLOG_INFO("Could not read node uuid. %s", error.what());
   }
   const std::lock_guard lock(mutex_);
-  if (named_by_proxy && uuid != node_uuid_) {
-    ZLOG_INFO("%s changes from %s to %s", label, node_uuid_.c_str(), uuid.c_str());
-  }
-  if (!uuid.empty()) node_uuid_ = uuid;
+  // What the proxy has said while the file was read is newer.
+  if (!uuid.empty() && node_uuid_ == before) node_uuid_ = std::move(uuid);
   ZLOG_DEBUG("Got %s: %s", label, node_uuid_.c_str());
   return node_uuid_;
 }
