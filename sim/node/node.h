@@ -26,6 +26,9 @@ namespace zem::sim {
 class ControlServer;
 class DataplaneAgent;
 class RawListeners;
+namespace guest {
+class GuestWorld;
+}
 
 /// Folder in which the daemon's loader finds the host's libraries.
 inline constexpr const char* kLoadedLibraries = "/run/zem-libraries";
@@ -90,6 +93,7 @@ class Node {
   std::unique_ptr<HostManagement> host_management_;
   std::unique_ptr<VirtualMachines> machines_;
   EdgeService edge_;
+  std::unique_ptr<guest::GuestWorld> guests_;
   std::unique_ptr<KillSwitch> kill_switch_;
   std::unique_ptr<DaemonProcess> daemon_;
 

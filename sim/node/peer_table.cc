@@ -112,37 +112,28 @@ class AlarmsPeer final : public Peer {
   AlarmPeers clients_;
 };
 
-// The guests outlive the daemon, and the multiplexer's deaths.
-constexpr const char* kGuestFolder = "/run/orlane/guests";
 constexpr const char* kMuxSocket = "/run/orlane/zem-context-mux/48655";
 constexpr std::chrono::seconds kGuestTick{10};
 
 class GuestPeer final : public Peer {
  public:
-  explicit GuestPeer(const PeerContext& /*context*/)
-      : world_(std::make_shared<guest::GuestWorld>(kGuestFolder)) {
-    shared_ = world_;
-  }
-  void Register(CommandTable& table) override { guest::RegisterGuestCommands(table, *world_); }
-  std::vector<std::string> Violations() const override { return world_->violations(); }
-  std::vector<std::string> Draw(size_t most) const override { return guest::DrawGuests(*world_, most); }
-
-  /// The world that the multiplexer's row serves; its row comes later.
-  static std::shared_ptr<guest::GuestWorld> World() { return shared_.lock(); }
+  explicit GuestPeer(const PeerContext& context) : world_(context.guests) {}
+  void Register(CommandTable& table) override { guest::RegisterGuestCommands(table, world_); }
+  std::vector<std::string> Violations() const override { return world_.violations(); }
+  std::vector<std::string> Draw(size_t most) const override { return guest::DrawGuests(world_, most); }
 
  private:
-  const std::shared_ptr<guest::GuestWorld> world_;
-  static inline std::weak_ptr<guest::GuestWorld> shared_;
+  guest::GuestWorld& world_;
 };
 
 class MuxRow final : public Peer {
  public:
-  explicit MuxRow(const PeerContext& /*context*/)
-      : world_(GuestPeer::World()), peer_(*world_, kMuxSocket, kGuestTick) {}
-  void Register(CommandTable& table) override { guest::RegisterMuxCommands(table, *world_, peer_); }
+  explicit MuxRow(const PeerContext& context)
+      : world_(context.guests), peer_(world_, kMuxSocket, kGuestTick) {}
+  void Register(CommandTable& table) override { guest::RegisterMuxCommands(table, world_, peer_); }
 
  private:
-  const std::shared_ptr<guest::GuestWorld> world_;
+  guest::GuestWorld& world_;
   guest::MuxPeer peer_;
 };
 

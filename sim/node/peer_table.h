@@ -21,6 +21,9 @@ class StoreDaemon;
 class SwitchState;
 class VirtualMachines;
 struct NodeOptions;
+namespace guest {
+class GuestWorld;
+}
 
 /// What the node has before it makes its peers.  All of it outlives them.
 struct PeerContext {
@@ -34,6 +37,8 @@ struct PeerContext {
   HostManagement& host_management;
   VirtualMachines& machines;
   const SwitchState& switches;
+  /// The guests, which outlive the daemon and the multiplexer's deaths.
+  guest::GuestWorld& guests;
   /// Not started yet: a peer may set variables for it.
   DaemonProcess& daemon;
 };
