@@ -1,12 +1,17 @@
 #include "app/ctxteng/engine/ctxt_eng.h"
 
+#include <algorithm>
 #include <boost/property_tree/ptree.hpp>
+#include <iterator>
 
 #include "app/ctxteng/base/exceptions.h"
 #include "app/ctxteng/engine/ctxt_core.h"
 #include "app/ctxteng/engine/ctxt_options.h"
 #include "app/ctxteng/engine/engine_parts_of_agent.h"
 #include "app/ctxteng/engine/protocol_mask_commands.h"
+#include "app/ctxteng/idsevents/ids_commands.h"
+#include "app/ctxteng/idsevents/ids_counters.h"
+#include "app/ctxteng/idsqueue/node_records.h"
 #include "framework/log/log.h"
 
 namespace {
@@ -94,5 +99,9 @@ void CtxtEng::Stop() {
 }
 
 std::vector<zem::Tarvik::CliCommand> CtxtEng::Commands() {
-  return Ctxt::ProtocolMaskCommands(CtxtCore::GetInstance().guests());
+  auto commands = Ctxt::ProtocolMaskCommands(CtxtCore::GetInstance().guests());
+  std::ranges::move(
+      IdsEvtEng::IdsStatisticsCommands(IdsEvtEng::IdsCounters::Process(), IdsEvtEng::NodeRecords::Process()),
+      std::back_inserter(commands));
+  return commands;
 }
