@@ -1,6 +1,8 @@
 #include "app/ctxteng/engine/ctxt_eng.h"
 
+#include <algorithm>
 #include <boost/property_tree/ptree.hpp>
+#include <iterator>
 
 #include "app/ctxteng/base/exceptions.h"
 #include "app/ctxteng/engine/ctxt_core.h"
@@ -11,6 +13,9 @@
 #include "app/ctxteng/idfw/idfw.h"
 #include "app/ctxteng/idfw/idfw_commands.h"
 #include "app/ctxteng/ids/ids_command.h"
+#include "app/ctxteng/idsevents/ids_commands.h"
+#include "app/ctxteng/idsevents/ids_counters.h"
+#include "app/ctxteng/idsqueue/node_records.h"
 #include "framework/log/log.h"
 
 namespace {
@@ -103,5 +108,8 @@ std::vector<zem::Tarvik::CliCommand> CtxtEng::Commands() {
   commands.push_back(
       Ctxt::IdfwStatusCommand(*Ctxt::IdfwOfAgent(), [&core] { return core.active_clients(); }));
   commands.push_back(Ctxt::IdsStatusCommand(*Ctxt::IdsOfAgent()));
+  std::ranges::move(
+      IdsEvtEng::IdsStatisticsCommands(IdsEvtEng::IdsCounters::Process(), IdsEvtEng::NodeRecords::Process()),
+      std::back_inserter(commands));
   return commands;
 }

@@ -16,8 +16,10 @@ namespace IdsEvtEng {
 
 class IIdsServices;
 struct IdsCounters;
+class Workers;
 
-/// What the engine meets beside its client.  The references outlive the engine.
+/// What the engine meets.  The references outlive the engine, and a thread that `Stop` had to leave behind in
+/// one of their calls.
 struct EngineSurroundings {
   IIdsServices& services;
   Ctxt::CtxtChannel& channel;
@@ -31,8 +33,8 @@ struct EngineSurroundings {
 /// Takes the alerts and captures of the host's detection process to the manager and to Kafka, and its raw
 /// lines to an external logger.
 ///
-/// Threads: `Start` and `Stop` by the owner, one after the other.  `Stop` returns within a second whatever a
-/// peer does, and leaves the queues as they are; the destructor stops as well.
+/// Threads: `Start` and `Stop` by the owner, once each.  `Stop` returns within a second whatever a peer does;
+/// what waits in the queues is not sent.  The destructor stops as well.
 class IdsEvtEngine {
  public:
   /// Throws std::runtime_error when a queue is to hold more than 65534 entries.
@@ -42,13 +44,19 @@ class IdsEvtEngine {
   IdsEvtEngine& operator=(const IdsEvtEngine&) = delete;
 
   /// Registers with the channel and starts the threads.  -1, after a log line, when a thread could not be
-  /// made; what the channel throws is passed on.
+  /// made.  Throws what the channel throws.
   int Start();
   void Stop();
 
  private:
   struct Parts;
-  const std::unique_ptr<Parts> parts_;
+
+  void Register();
+  void StartThreads();
+
+  const std::shared_ptr<Parts> parts_;
+  const std::unique_ptr<Workers> workers_;
+  bool running_ = false;
 };
 
 }  // namespace IdsEvtEng
