@@ -14,7 +14,7 @@ enum class QueuePush { kDone, kFull, kFailed };
 /// A bounded queue without a lock: a ring whose places carry the number of the turn for which they are free
 /// or filled.  Places are counted exactly, so that the queue takes `max` values and not one more or less.
 ///
-/// Threads: all operations from any thread.
+/// Threads: `TryPop` by one at a time, which the caller sees to; the rest from any thread.
 template <class T>
 class EventQueue {
  public:
@@ -50,21 +50,14 @@ class EventQueue {
   }
 
   bool TryPop(T* value) {
-    size_t at = tail_.load(std::memory_order_relaxed);
-    while (true) {
-      Slot& slot = slots_[at & turn_mask_];
-      const auto lead = static_cast<ptrdiff_t>(slot.turn.load(std::memory_order_acquire) - (at + 1));
-      if (lead == 0 && tail_.compare_exchange_weak(at, at + 1, std::memory_order_relaxed)) {
-        *value = std::move(slot.value);
-        slot.value = T();
-        slot.turn.store(at + slots_.size(), std::memory_order_release);
-        // Behind the place, which whoever is let in by the count then finds free.
-        count_.fetch_sub(1, std::memory_order_release);
-        return true;
-      }
-      if (lead < 0) return false;
-      if (lead > 0) at = tail_.load(std::memory_order_relaxed);
-    }
+    Slot& slot = slots_[tail_ & turn_mask_];
+    if (slot.turn.load(std::memory_order_acquire) != tail_ + 1) return false;
+    *value = std::exchange(slot.value, T());
+    slot.turn.store(tail_ + slots_.size(), std::memory_order_release);
+    ++tail_;
+    // Behind the place, which whoever is let in by the count then finds free.
+    count_.fetch_sub(1, std::memory_order_release);
+    return true;
   }
 
   /// Values that are in the queue or on their way in or out.
@@ -82,7 +75,7 @@ class EventQueue {
   const size_t turn_mask_;
   alignas(64) std::atomic<uint32_t> count_{0};
   alignas(64) std::atomic<size_t> head_{0};
-  alignas(64) std::atomic<size_t> tail_{0};
+  alignas(64) size_t tail_ = 0;
 };
 
 }  // namespace Ctxt::PaceClient

@@ -15,7 +15,7 @@ struct FlowQueues {
   /// At most 1,000,000 entries each.
   FlowQueues(uint32_t connections_max, uint32_t vms_max, uint32_t users_max);
 
-  /// Drops what they hold.
+  /// Drops what they hold; as `TryPop`.
   void Clear();
 
   EventQueue<std::shared_ptr<const ConnInfo>> connections;

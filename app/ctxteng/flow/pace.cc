@@ -280,6 +280,7 @@ void Pace::Reset() {
     settings_ = {};
     // What the aggregator has already is void by this number; it is the only one that touches it.
     ++collection_;
+    // With the lock, which the aggregator holds as well while it takes events out.
     queues_->Clear();
     guests_.SetEventMaskForAllVms(kZemiClient, 0);
   }

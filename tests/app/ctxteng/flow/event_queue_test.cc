@@ -3,8 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <thread>
 #include <vector>
+
+#include "platform/core/thread.h"
 
 namespace Ctxt::PaceClient {
 namespace {
@@ -35,10 +36,10 @@ TEST(EventQueueTest, EachValueThatWasTakenComesOutOnce) {
   const auto token = std::make_shared<int>(0);
   using Value = std::pair<std::shared_ptr<int>, int>;
   EventQueue<Value> queue(64);
-  std::vector<std::atomic<int>> seen(kProducers * kEach);
+  std::vector<int> seen(kProducers * kEach);
   std::atomic<int> refused{0};
   std::atomic<bool> ended{false};
-  std::vector<std::thread> threads;
+  std::vector<zem::NativeThread> threads;
   for (int producer = 0; producer < kProducers; ++producer) {
     threads.emplace_back([&, producer] {
       for (int i = 0; i < kEach; ++i) {
@@ -48,22 +49,19 @@ TEST(EventQueueTest, EachValueThatWasTakenComesOutOnce) {
       }
     });
   }
-  std::vector<std::thread> consumers;
-  for (int consumer = 0; consumer < 2; ++consumer) {
-    consumers.emplace_back([&] {
-      Value value;
-      while (true) {
-        const bool last = ended;
-        while (queue.TryPop(&value)) ++seen[static_cast<size_t>(value.second)];
-        if (last) return;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  zem::NativeThread consumer([&] {
+    Value value;
+    while (true) {
+      const bool last = ended;
+      while (queue.TryPop(&value)) ++seen[static_cast<size_t>(value.second)];
+      if (last) return;
+    }
+  });
+  for (zem::NativeThread& thread : threads) thread.Join();
   ended = true;
-  for (std::thread& thread : consumers) thread.join();
+  consumer.Join();
   int taken = 0;
-  for (const auto& times : seen) {
+  for (const int times : seen) {
     ASSERT_LE(times, 1);
     taken += times;
   }
