@@ -7,6 +7,8 @@
 #include "app/ctxteng/engine/ctxt_options.h"
 #include "app/ctxteng/engine/engine_parts_of_agent.h"
 #include "app/ctxteng/engine/protocol_mask_commands.h"
+#include "app/ctxteng/idfw/idfw.h"
+#include "app/ctxteng/idfw/idfw_commands.h"
 #include "framework/log/log.h"
 
 namespace {
@@ -94,5 +96,9 @@ void CtxtEng::Stop() {
 }
 
 std::vector<zem::Tarvik::CliCommand> CtxtEng::Commands() {
-  return Ctxt::ProtocolMaskCommands(CtxtCore::GetInstance().guests());
+  CtxtCore& core = CtxtCore::GetInstance();
+  auto commands = Ctxt::ProtocolMaskCommands(core.guests());
+  commands.push_back(
+      Ctxt::IdfwStatusCommand(*Ctxt::IdfwOfAgent(), [&core] { return core.active_clients(); }));
+  return commands;
 }

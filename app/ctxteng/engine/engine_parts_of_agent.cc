@@ -11,6 +11,7 @@
 #include "app/ctxteng/guest/endvat_util.h"
 #include "app/ctxteng/handler/sample_client.h"
 #include "app/ctxteng/health/ctxt_health.h"
+#include "app/ctxteng/idfw/idfw.h"
 #include "app/ctxteng/introspection/ouvi_introspection.h"
 #include "app/ctxteng/introspection/surroundings.h"
 #include "framework/log/log.h"
@@ -91,11 +92,20 @@ class ChannelDownAlarm final : public PartnerAlarm {
 
 }  // namespace
 
+const std::shared_ptr<Idfw>& IdfwOfAgent() {
+  return Idfw::GetInstance(CtxtCore::GetInstance().guests(), CtxtChannel::GetInstance());
+}
+
 EngineParts PartsOfAgent(zem::AsioZemProvider& provider) {
   EngineParts parts;
   parts.make_library = &MakeEndvatLib;
   parts.firewall = &DfwUtil::DfwConnector::GetInstance();
   parts.clients.sample = SampleClient::GetInstance();
+  parts.clients.idfw = IdfwOfAgent();
+  parts.clients.idfw_updates = IdfwOfAgent();
+  parts.clients.is_well_known_sid = [idfw = IdfwOfAgent()](const std::string& sid) {
+    return idfw->IsUserIgnored(sid);
+  };
   parts.introspection = std::make_shared<OuviIntrospection>(std::make_shared<ChannelDownAlarm>(),
                                                             std::make_shared<HealthOfConfig>());
   parts.health = std::make_shared<HealthOfAgent>();
