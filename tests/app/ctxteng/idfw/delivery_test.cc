@@ -3,13 +3,13 @@
 #include <chrono>
 #include <map>
 #include <random>
-#include <thread>
 
 #include "app/ctxteng/base/exceptions.h"
 #include "app/ctxteng/idfw/login_logoff_info_cache.h"
 #include "app/ctxteng/idfw/login_logoff_info_messenger.h"
 #include "app/ctxteng/idfw/login_logoff_info_router.h"
 #include "app/ctxteng/idfw/login_logoff_signal.h"
+#include "platform/core/thread.h"
 #include "platform/core/virtual_clock.h"
 #include "tests/app/ctxteng/idfw/fake_channel.h"
 #include "tests/support/log_capture.h"
@@ -410,7 +410,7 @@ TEST(LoginLogoffInfoCacheTest, NothingIsLostBetweenManyProducersAndTheConsumer) 
   LoginLogoffInfoCache cache(8, 50, signal);
   std::atomic<int> running = 3;
   uint64_t consumed = 0;
-  std::vector<std::thread> producers;
+  std::vector<zem::NativeThread> producers;
   for (uint32_t of = 0; of < 3; ++of) {
     producers.emplace_back([&] {
       for (uint32_t i = 0; i < kEach; ++i) cache.Add(Login(i));
@@ -425,7 +425,7 @@ TEST(LoginLogoffInfoCacheTest, NothingIsLostBetweenManyProducersAndTheConsumer) 
     consumed += round;
   };
   while (running > 0) consume();
-  for (std::thread& producer : producers) producer.join();
+  for (zem::NativeThread& producer : producers) producer.Join();
   consume();
   EXPECT_EQ(cache.Size(), 0u);
   EXPECT_EQ(consumed + cache.dropped(), 3u * kEach);
