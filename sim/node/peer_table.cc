@@ -18,10 +18,13 @@
 #include "sim/guest/world/guest_world.h"
 #include "sim/host/host_commands.h"
 #include "sim/host/host_management.h"
+#include "sim/idfw/logon_commands.h"
+#include "sim/idfw/logon_receiver.h"
 #include "sim/kafka/kafka_commands.h"
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
 #include "sim/node/vm_commands.h"
+#include "sim/sandbox/daemon_process.h"
 #include "sim/sandbox/sandbox.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
@@ -112,6 +115,18 @@ class AlarmsPeer final : public Peer {
   AlarmPeers clients_;
 };
 
+class LogonPeer final : public Peer {
+ public:
+  explicit LogonPeer(const PeerContext& context)
+      : receiver_(context.manager, [&daemon = context.daemon] { return daemon.starts(); }) {}
+  void Register(CommandTable& table) override { RegisterLogonCommands(table, receiver_); }
+  std::vector<std::string> Violations() const override { return receiver_.state().violations; }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return DrawLogons(receiver_); }
+
+ private:
+  LogonReceiver receiver_;
+};
+
 constexpr const char* kMuxSocket = "/run/orlane/zem-context-mux/48655";
 constexpr std::chrono::seconds kGuestTick{10};
 
@@ -151,6 +166,7 @@ constexpr std::array kPeers = {
     PeerRow{"kafka", "Kafka brokers; \"kafka help\" lists their commands.", &Make<KafkaPeer>},
     PeerRow{"alarm", "The collector and the alarm clients; \"alarm help\" lists their commands.",
             &Make<AlarmsPeer>},
+    PeerRow{"idfw", "The manager's receiver of logons; \"idfw help\" lists its commands.", &Make<LogonPeer>},
     PeerRow{"guest", "The host's guests; \"guest help\" lists their commands.", &Make<GuestPeer>},
     PeerRow{"mux", "The guests' multiplexer; \"mux help\" lists its commands.", &Make<MuxRow>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},

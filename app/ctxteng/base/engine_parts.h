@@ -54,6 +54,10 @@ class IEngineChannel {
 
 /// Updates of the local store that concern a client.  On the store client's threads; an operation hands over
 /// and returns.
+///
+/// Each connection to the store begins with all objects that it has.  `StoreBegins` comes before them and
+/// `StoreComplete` behind them: what a client knows and has not been told again in between was deleted while
+/// the store was away.  Objects may change meanwhile, and another beginning may come before the end.
 class IStoreUpdates {
  public:
   virtual ~IStoreUpdates() = default;
@@ -61,6 +65,8 @@ class IStoreUpdates {
   virtual void GlobalConfig(const orlane::zem::covedb::MonitorUpdateMsg&) {}
   virtual void Rule(const orlane::zem::covedb::MonitorUpdateMsg&) {}
   virtual void RuleSection(const orlane::zem::covedb::MonitorUpdateMsg&) {}
+  virtual void StoreBegins() = 0;
+  virtual void StoreComplete() = 0;
 };
 
 }  // namespace Ctxt

@@ -8,7 +8,11 @@
 #include "app/ctxteng/engine/ctxt_core.h"
 #include "app/ctxteng/engine/ctxt_options.h"
 #include "app/ctxteng/engine/engine_parts_of_agent.h"
+#include "app/ctxteng/engine/ids_of_agent.h"
 #include "app/ctxteng/engine/protocol_mask_commands.h"
+#include "app/ctxteng/idfw/idfw.h"
+#include "app/ctxteng/idfw/idfw_commands.h"
+#include "app/ctxteng/ids/ids_command.h"
 #include "app/ctxteng/idsevents/ids_commands.h"
 #include "app/ctxteng/idsevents/ids_counters.h"
 #include "app/ctxteng/idsqueue/node_records.h"
@@ -99,7 +103,11 @@ void CtxtEng::Stop() {
 }
 
 std::vector<zem::Tarvik::CliCommand> CtxtEng::Commands() {
-  auto commands = Ctxt::ProtocolMaskCommands(CtxtCore::GetInstance().guests());
+  CtxtCore& core = CtxtCore::GetInstance();
+  auto commands = Ctxt::ProtocolMaskCommands(core.guests());
+  commands.push_back(
+      Ctxt::IdfwStatusCommand(*Ctxt::IdfwOfAgent(), [&core] { return core.active_clients(); }));
+  commands.push_back(Ctxt::IdsStatusCommand(*Ctxt::IdsOfAgent()));
   std::ranges::move(
       IdsEvtEng::IdsStatisticsCommands(IdsEvtEng::IdsCounters::Process(), IdsEvtEng::NodeRecords::Process()),
       std::back_inserter(commands));

@@ -25,6 +25,19 @@ void LogUsage() {
                  "needs to be specified.");
 }
 
+// A number of the identity firewall; none of them makes sense as 0.
+struct IdfwNumber {
+  const char* key;
+  uint32_t CtxtClientParam::*member;
+};
+constexpr std::array kIdfwNumbers = {
+    IdfwNumber{"IdfwConfig.CacheLimit", &CtxtClientParam::cacheLimit},
+    IdfwNumber{"IdfwConfig.TimerInterval", &CtxtClientParam::timerInterval},
+    IdfwNumber{"IdfwConfig.AckTimeout", &CtxtClientParam::ackTimeout},
+    IdfwNumber{"IdfwConfig.CacheThreshold", &CtxtClientParam::cacheThreshold},
+    IdfwNumber{"IdfwConfig.MaxBackoffCounter", &CtxtClientParam::maxBackoffCounter},
+};
+
 // An option of intrusion detection: one that may be absent keeps its default without a word; a zero or an
 // empty text gives the default and the warning.
 struct IdsNumber {
@@ -131,6 +144,7 @@ class Reader {
     Take("CoreConfig.UserMetadataCacheSize", &param.userMetadataCacheSize);
     Take("CoreConfig.EnableProcessHash", &param.enableProcessHash);
     Take("CoreConfig.UseOldProcessHashMethod", &param.useOldProcessHashMethod);
+    Take("CoreConfig.DpuId", &param.dpuId);
     ZLOG_INFO("CtxtEng: EnableProcessHash: %s", param.enableProcessHash ? "true" : "false");
     ZLOG_INFO("CtxtEng: useOldProcessHashMethod: %s", param.useOldProcessHashMethod ? "true" : "false");
   }
@@ -143,11 +157,13 @@ class Reader {
     settings_.client_ids |= kIdfwBit;
     ZLOG_INFO("CtxtEng: IDFW client is enabled");
     CtxtClientParam& param = settings_.param;
-    Take("IdfwConfig.CacheLimit", &param.cacheLimit);
-    Take("IdfwConfig.TimerInterval", &param.timerInterval);
-    Take("IdfwConfig.AckTimeout", &param.ackTimeout);
-    Take("IdfwConfig.CacheThreshold", &param.cacheThreshold);
-    Take("IdfwConfig.MaxBackoffCounter", &param.maxBackoffCounter);
+    for (const IdfwNumber& row : kIdfwNumbers) {
+      const uint32_t standard = param.*row.member;
+      Take(row.key, &(param.*row.member));
+      if (param.*row.member != 0) continue;
+      param.*row.member = standard;
+      ZLOG_WARN("CtxtEng: %s must be greater than 0, using default of %u", row.key, standard);
+    }
     if (const auto sids = tree_.get_child_optional("IdfwConfig.WellKnownSids")) {
       for (const auto& [name, sid] : *sids) param.wellKnownSids.push_back(sid.data());
     }

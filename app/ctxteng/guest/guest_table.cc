@@ -108,6 +108,16 @@ void GuestTable::SetProtocolMask(uint64_t mask) {
 }
 
 void GuestTable::SetEventMask(const std::string& vc_uuid, uint32_t client_type, uint64_t mask) {
+  SetEventMaskOf(vc_uuid, client_type, mask);
+}
+
+void GuestTable::SetEventMask(const std::string& vc_uuid, uint32_t client_type,
+                              const std::atomic<uint64_t>& mask) {
+  SetEventMaskOf(vc_uuid, client_type, mask);
+}
+
+template <class Mask>
+void GuestTable::SetEventMaskOf(const std::string& vc_uuid, uint32_t client_type, const Mask& mask) {
   bool known = false;
   bool valid = false;
   {

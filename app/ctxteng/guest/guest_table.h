@@ -45,6 +45,9 @@ class GuestTable {
   uint64_t GetProtocolMask() const { return protocol_mask_; }
   void SetProtocolMask(uint64_t mask);
   void SetEventMask(const std::string& vc_uuid, uint32_t client_type, uint64_t mask);
+  /// The same with what a client wants at the moment in which the table is changed: the wish may change while
+  /// a guest comes, and whichever of the two is second then sets the newer mask.
+  void SetEventMask(const std::string& vc_uuid, uint32_t client_type, const std::atomic<uint64_t>& mask);
   void SetEventMaskForAllVms(uint32_t client_type, uint64_t mask);
 
   static bool IsNetworkEventEnabled(VmData& vm, uint32_t client_type, uint32_t connection_type);
@@ -75,6 +78,8 @@ class GuestTable {
     return live_[reinterpret_cast<uintptr_t>(data) / alignof(VmData) % kParts];
   }
   const Live& LiveOf(const void* data) const { return const_cast<GuestTable*>(this)->LiveOf(data); }
+  template <class Mask>
+  void SetEventMaskOf(const std::string& vc_uuid, uint32_t client_type, const Mask& mask);
   void SetMaskLocked(VmData& vm, VmData::EventMask& mask, uint64_t value);
 
   mutable Locks::Mutex mutex_;  // guards power_on_vm_map_ and every change of a mask

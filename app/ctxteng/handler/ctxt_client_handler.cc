@@ -63,7 +63,7 @@ void CtxtClientHandler::Initialize(uint32_t client_ids, const CtxtClientParam& p
   if ((client_ids & kZemiBit) != 0 && clients_.pace != nullptr) clients_.pace->RegisterUpmMonitor(profiles);
   if ((client_ids & kIdsBit) != 0 && clients_.ids != nullptr) clients_.ids->RegisterUpmMonitor(profiles);
   try {
-    if (store != nullptr) monitors_->Configure(client_ids, *store);
+    if (store != nullptr) monitors_->Configure(client_ids, store);
   } catch (const CtxtCoveDbMonitorError& error) {
     ZLOG_CTX_ERROR(103,
                    "CtxtClientHandler: Critical exception while configuring covedb monitor, behavior may be "
