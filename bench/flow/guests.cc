@@ -134,9 +134,7 @@ void MeasureReports(int percent) {
   double build = 1e12;
   double peer = 1e12;
   Ctxt::PaceClient::ReportBuilder builder;
-  const auto report = [&](const auto& send) {
-    builder.Build(aggregator.guests(), {1, 2}, send);
-  };
+  const auto report = [&](const auto& send) { builder.Build(aggregator.guests(), {1, 2}, send); };
   for (int i = 0; i < reports; ++i) {
     Fill(queues, connections);
     const auto begin = SteadyClock::now();
