@@ -15,7 +15,7 @@ namespace Ctxt {
 namespace {
 
 std::optional<std::string> UserName(uint32_t user_hash) {
-  const auto user = CtxtCore::GetInstance().users().FindUser(user_hash);
+  const auto user = CtxtCore::GetInstance().users().FindUserByHash(user_hash);
   if (user == nullptr) return std::nullopt;
   return user->user_name;
 }

@@ -129,7 +129,7 @@ UserTables::Value UserTables::FindUser(uint32_t hash, const std::string& user_ke
   return found && (*found)->sid == user_key ? *found : nullptr;
 }
 
-UserTables::Value UserTables::FindUser(uint32_t hash) const {
+UserTables::Value UserTables::FindUserByHash(uint32_t hash) const {
   const auto cache = metadata();
   return cache == nullptr ? nullptr : cache->Get(hash).value_or(nullptr);
 }
