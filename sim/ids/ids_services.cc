@@ -60,8 +60,8 @@ void IdsServices::TakeEvents(const PeerMessage& message) {
   for (const auto& info : events.event_info()) {
     std::string text;
     static_cast<void>(google::protobuf::util::MessageToJsonString(info, &text));
-    newest_.push_back(std::move(text));
-    if (newest_.size() > kEntriesKept) newest_.pop_front();
+    newest_.push_front(std::move(text));
+    if (newest_.size() > kEntriesKept) newest_.pop_back();
   }
 }
 
@@ -75,7 +75,7 @@ void IdsServices::TakePcaps(const PeerMessage& message) {
 std::vector<std::string> IdsServices::Newest(size_t most) const {
   const std::lock_guard lock(mutex_);
   const size_t count = std::min(most, newest_.size());
-  return {newest_.end() - static_cast<ptrdiff_t>(count), newest_.end()};
+  return {newest_.begin(), newest_.begin() + static_cast<ptrdiff_t>(count)};
 }
 
 }  // namespace zem::sim

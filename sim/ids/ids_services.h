@@ -23,7 +23,7 @@ class IdsServices {
   IdsServices(const IdsServices&) = delete;
   IdsServices& operator=(const IdsServices&) = delete;
 
-  /// The newest entries of alerts, in text format, oldest first.
+  /// The newest entries of alerts, as JSON, newest first.
   std::vector<std::string> Newest(size_t most) const;
 
  private:
