@@ -94,6 +94,8 @@ function(zem_test name)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zem_options ${ARG_LINK} GTest::gmock GTest::gtest GTest::gtest_main)
+  # The code under test is optimized, the cases around it are not: that takes almost half of their compile time.
+  target_compile_options(${name} PRIVATE -O0)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
     PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${ARG_ENVIRONMENT}")
 endfunction()

@@ -23,9 +23,9 @@ class MpStubOf final : public MpStub {
  public:
   explicit MpStubOf(typename Service::Stub stub) : stub_(std::move(stub)) {}
 
-  void MsgHandler(const rpc::ClientContext& context, const GenericUnifiedMsg& message,
-                  rpc::CallObserver<VoidMsg>* observer) override {
-    stub_.MsgHandler(context, message, observer);
+  rpc::CallHandle<VoidMsg> MsgHandler(const rpc::ClientContext& context, const GenericUnifiedMsg& message,
+                                      rpc::CallObserver<VoidMsg>* observer) override {
+    return stub_.MsgHandler(context, message, observer);
   }
   rpc::CallHandle<GenericUnifiedMsg> RpcMsgHandler(const rpc::ClientContext& context,
                                                    const GenericUnifiedMsg& message,

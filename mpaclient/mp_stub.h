@@ -23,8 +23,9 @@ class MpStub {
   using VoidMsg = orlane::zem::VoidMsg;
 
   virtual ~MpStub() = default;
-  virtual void MsgHandler(const rpc::ClientContext& context, const GenericUnifiedMsg& message,
-                          rpc::CallObserver<VoidMsg>* observer) = 0;
+  virtual rpc::CallHandle<VoidMsg> MsgHandler(const rpc::ClientContext& context,
+                                              const GenericUnifiedMsg& message,
+                                              rpc::CallObserver<VoidMsg>* observer) = 0;
   virtual rpc::CallHandle<GenericUnifiedMsg> RpcMsgHandler(
       const rpc::ClientContext& context, const GenericUnifiedMsg& message,
       rpc::CallObserver<GenericUnifiedMsg>* observer) = 0;

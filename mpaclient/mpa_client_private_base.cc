@@ -118,8 +118,14 @@ int MpaClientPrivateBase::MsgHandler(const GenericUnifiedMsg& message, const std
     }
     return -1;
   }
-  stub->MsgHandler(rpc::ClientContext(proxy_client_->getTnUuidStr()), message, owned.release());
-  return 0;
+  const auto call =
+      stub->MsgHandler(rpc::ClientContext(proxy_client_->getTnUuidStr()), message, owned.release());
+  // What the connection turns down at once, because it is going or too much waits in it, was not sent: the
+  // caller may keep its message.
+  const auto status = call.FinalStatus();
+  if (!status || status->ok()) return 0;
+  ZLOG_INFO("[%s] MsgHandler : not sent, %s", app_type_.c_str(), status->ToString().c_str());
+  return -1;
 }
 
 int MpaClientPrivateBase::RpcMsgHandler(const GenericUnifiedMsg& message, const std::string& aph,

@@ -16,10 +16,9 @@
 #include <vector>
 
 #include "app/ctxteng/engine/ctxt_core.h"
-#include "app/ctxteng/firewall/dfw_connector.h"
-#include "app/ctxteng/firewall/fw_lib.h"
 #include "app/ctxteng/guest/endvat_lib.h"
-#include "bench/guest-events/sim_endvat_lib.h"
+#include "bench/guest-events/bench_engine.h"
+#include "bench/guest-events/endurance.h"
 #include "framework/log/logger.h"
 #include "platform/core/thread.h"
 #include "sim/guest/world/guest_world.h"
@@ -27,32 +26,12 @@
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
+using zem::bench::AddGuest;
+using zem::bench::CountingClient;
+using zem::bench::StartEngine;
 using zem::sim::guest::GuestWorld;
 
-constexpr const char* kUuid = "502a1122-3344-5566-7788-99aabbccdd01";
 constexpr int kRounds = 9;
-
-class NoFirewall final : public Ctxt::DfwUtil::DfwConnector {
- public:
-  NoFirewall() : DfwConnector([] { return std::unique_ptr<Ctxt::IFwLib>(); }) {}
-  void Initialize() override {}
-  void Stop() override {}
-  int AddUserGroupMembership(const Ctxt::DfwUserProcessInfo&) override { return kDone; }
-  int AddUser(const Ctxt::DfwUserProcessInfo&) override { return kDone; }
-  int AddUserAndProcess(const Ctxt::DfwUserProcessInfo&) override { return kDone; }
-  int GetFilters(const std::string&) override { return 1; }
-};
-
-class Client final : public Ctxt::ICtxtClient {
- public:
-  void Initialize(const CtxtClientParam&,
-                  const std::shared_ptr<zem::covedb::CoveDbClientInterface>&) override {}
-  void VmPowerOnEventHandler(const std::shared_ptr<Ctxt::VmData>& vm) override { record = vm.get(); }
-  void VmPowerOffEventHandler(const std::shared_ptr<Ctxt::VmData>&) override {}
-  void Shutdown() override {}
-
-  std::atomic<Ctxt::VmData*> record{nullptr};
-};
 
 // The engine's handler, and the sums of what the callbacks took.
 ENDVAT_NETWORK_HANDLER engine_handler = nullptr;
@@ -129,52 +108,22 @@ void WaitFor(const Done& done) {
   while (!done()) zem::SleepFor(std::chrono::milliseconds(1));
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  const int events = argc > 1 ? std::atoi(argv[1]) : 20000;
-  if (events < 1) return 2;
-  zem::Logger::logLevel = zem::kLogInfo;
-  zem::Logger::SetEmitter([](int, const char*) {});
-  const std::string folder = std::filesystem::temp_directory_path() / "zem-bench-guests";
+void RunEvents(const std::string& folder, int events) {
   GuestWorld world(folder);
-  world.AddGuest({.name = "d1", .vc_uuid = kUuid}, std::string("vc.uuid = \"") + kUuid + "\"\n");
-  world.SetUser("d1", "alice",
-                {.name = "alice",
-                 .domain = "corp",
-                 .sid = "S-1-5-21-1-1-1-1001",
-                 .groups = {"S-1-5-21-1-1-1-513", "S-1-5-32-545"}});
-  world.PowerOn("d1");
-  world.StartProcess("d1", {.pid = 100,
-                            .ctime = 7,
-                            .user = "alice",
-                            .name = "C:\\Program Files\\a.exe",
-                            .command_line = "a.exe --verbose",
-                            .hash = std::string(32, '\x5a')});
-
-  NoFirewall firewall;
-  const auto client = std::make_shared<Client>();
+  AddGuest(world, 1);
+  zem::bench::NoFirewall firewall;
+  const auto client = std::make_shared<CountingClient>();
   Ctxt::CtxtCore& core = Ctxt::CtxtCore::GetInstance();
-  Ctxt::EngineParts parts;
-  parts.firewall = &firewall;
-  parts.clients.idfw = client;
-  parts.clients.ids = client;
-  parts.clients.pace = client;
-  parts.make_library = [&world] {
-    return zem::sim::guest::MakeSimEndvatLib(world, [](ENDVAT_NETWORK_HANDLER handler) {
-      engine_handler = handler;
-      return &MeasuringHandler;
-    });
-  };
-  const uint32_t clients = Ctxt::kIdfwBit | Ctxt::kIdsBit | Ctxt::kZemiBit;
-  core.Initialize(
-      {.listen_port = "48655", .worker_threads = "2", .max_events_per_vm = "50", .client_ids = clients},
-      parts, nullptr, nullptr);
-  core.WaitForStart();
-  WaitFor([&] { return client->record.load() != nullptr && world.guest("d1").data_set(); });
+  StartEngine(world, firewall, client, true, [](ENDVAT_NETWORK_HANDLER handler) {
+    engine_handler = handler;
+    return &MeasuringHandler;
+  });
+  const std::string name = zem::bench::NameOf(1);
+  const std::string uuid = zem::bench::UuidOf(1);
+  WaitFor([&] { return client->record() != nullptr && world.guest(name).data_set(); });
 
   const int calls = events * 50;
-  void* const data = client->record.load();
+  void* const data = client->record();
   volatile ENDVAT_NETWORK_HANDLER empty = &EmptyHandler;
   const double empty_ns = PerCall(calls, 1, [&] { empty(0, nullptr, data); });
   const double unwanted_ns = PerCall(calls, 1, [&] { engine_handler(0, nullptr, data); });
@@ -184,30 +133,47 @@ int main(int argc, char** argv) {
   std::printf("guest-events unwanted-two-threads ns ours=%.0f peer=%.0f ratio=%.2f\n", unwanted_two_ns,
               unwanted_ns, unwanted_ns / unwanted_two_ns);
 
-  core.guests().SetEventMask(kUuid, Ctxt::kIdfwClient, 0x48);
-  world.Tick("d1");
-  WaitFor([&] { return world.guest("d1").mask == 0xE48; });
-  const zem::sim::guest::Socket socket{.pid = 100,
-                                       .source_ip = "10.0.0.1",
-                                       .source_port = 4000,
-                                       .destination_ip = "10.0.0.2",
-                                       .destination_port = 443};
+  core.guests().SetEventMask(uuid, Ctxt::kIdfwClient, 0x48);
+  world.Tick(name);
+  WaitFor([&] { return world.guest(name).mask == 0xE48; });
   std::vector<double> ratios;
   for (int round = 0; round < kRounds; ++round) {
     engine_ns = 0;
     bare_ns = 0;
     measured = 0;
     for (int i = 0; i < events / kRounds + 1; ++i) {
-      world.Close("d1", world.Connect("d1", socket));
-      WaitFor([&] { return world.guest("d1").undelivered < 40; });
+      world.Close(name, world.Connect(name, zem::bench::Connection()));
+      WaitFor([&] { return world.guest(name).undelivered < 40; });
     }
-    WaitFor([&] { return world.guest("d1").undelivered == 0; });
+    WaitFor([&] { return world.guest(name).undelivered == 0; });
     ratios.push_back(static_cast<double>(engine_ns) / static_cast<double>(bare_ns));
   }
   const double bare = static_cast<double>(bare_ns) / measured;
   std::printf("guest-events wanted ns ours=%.0f peer=%.0f ratio=%.2f\n", bare * Median(ratios), bare,
               1 / Median(ratios));
-  core.Shutdown(clients);
+  core.Shutdown(zem::bench::kClients);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  zem::Logger::logLevel = zem::kLogInfo;
+  zem::Logger::SetEmitter([](int, const char*) {});
+  const std::string folder = std::filesystem::temp_directory_path() / "zem-bench-guests";
+  const std::string mode = argc > 1 ? argv[1] : "20000";
+  int failed = 0;
+  if (mode == "overload") {
+    failed = zem::bench::RunOverload(folder, argc > 2 ? std::atof(argv[2]) : 60);
+  } else if (mode == "restarts") {
+    failed = zem::bench::RunRestarts(folder, argc > 2 ? std::atoi(argv[2]) : 1000);
+  } else if (const int events = std::atoi(mode.c_str()); events > 0) {
+    RunEvents(folder, events);
+    failed = zem::bench::RunOverload(folder, events / 2e4);
+    failed += zem::bench::RunRestarts(folder, events / 20);
+  } else {
+    std::fprintf(stderr, "usage: bench_guest-events [EVENTS | overload [SECONDS] | restarts [COUNT]]\n");
+    return 2;
+  }
   std::filesystem::remove_all(folder);
-  return 0;
+  return failed == 0 ? 0 : 1;
 }

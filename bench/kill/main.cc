@@ -18,8 +18,8 @@
 #include <string>
 
 #include "bench/build_folder.h"
-#include "bench/kill/kill_sweep.h"
 #include "bench/kill/stream.h"
+#include "bench/kill/sweep/kill_sweep.h"
 #include "bench/kill/vif_stream.h"
 #include "platform/core/thread.h"
 #include "sim/scenario/node_process.h"

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "bench/kill/checksum_question.h"
+#include "bench/kill/requests/checksum_question.h"
 #include "sim/scenario/node_process.h"
 
 namespace zem::bench {

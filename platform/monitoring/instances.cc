@@ -9,6 +9,8 @@ namespace {
 
 constexpr size_t kMaxInstances = 65536;
 constexpr size_t kMaxPerReport = 100;
+// Below this number an instance that was cleared is kept: a sample of it every minute is then no news.
+constexpr size_t kMaxKept = 4096;
 
 }  // namespace
 
@@ -69,8 +71,9 @@ bool Instances::NextReport(orlane::zem::monitoring::MonitoringProcessEventReport
 void Instances::ReportFailed() { to_report_.merge(std::exchange(reporting_, {})); }
 
 void Instances::ReportTaken() {
-  // Entities come and go: an instance that was cleared, and whose end is known, need not be kept.
+  // Entities come and go: of many, those that were cleared, and whose end is known, need not be kept.
   for (const Key& key : reporting_) {
+    if (instances_.size() <= kMaxKept) break;
     const auto known = instances_.find(key);
     if (known != instances_.end() && !known->second.raised && to_report_.count(key) == 0) {
       instances_.erase(known);

@@ -17,6 +17,7 @@ namespace {
 constexpr LogSource kLog{"tarvik", "alarmsprovider"};
 
 constexpr size_t kCapacity = 1024;
+constexpr size_t kMaxBytes = 64 << 20;
 constexpr size_t kBatchSize = 32;
 // Reports are taken together up to this size: a message that is larger than the connection takes is lost,
 // though it counts as sent.
@@ -67,6 +68,7 @@ void StatusQueueManager::Reset(bool clearSequence) {
   const std::lock_guard lock(mutex_);
   ZLOG_INFO("Status Queue Manager Reset");
   reports_.clear();
+  bytes_ = 0;
   if (clearSequence) sequence_number_ = 0;
 }
 
@@ -76,11 +78,13 @@ bool StatusQueueManager::Enqueue(const Report& report) {
     SendHeartbeat(report);
     return true;
   }
-  if (reports_.size() >= kCapacity) {
+  const size_t bytes = report.ByteSizeLong();
+  if (reports_.size() >= kCapacity || bytes_ + bytes > kMaxBytes) {
     ZLOG_WARN("Dropping update as status queue is full. Size: %lu. Will initiate full-sync.",
               static_cast<unsigned long>(reports_.size()));
     return false;
   }
+  bytes_ += bytes;
   reports_.push_back(std::make_shared<Report>(report));
   return true;
 }
@@ -117,14 +121,16 @@ void StatusQueueManager::Tick(uint64_t run) {
   std::vector<std::shared_ptr<Report>> taken;
   size_t bytes = 0;
   while (!reports_.empty() && taken.size() < kBatchSize) {
-    bytes += reports_.front()->ByteSizeLong();
-    if (!taken.empty() && bytes > kMaxBatchBytes) break;
+    const size_t next = reports_.front()->ByteSizeLong();
+    if (!taken.empty() && bytes + next > kMaxBatchBytes) break;
+    bytes += next;
     taken.push_back(std::move(reports_.front()));
     reports_.pop_front();
     combined->mutable_status_vertical_report()->MergeFrom(taken.back()->status_vertical_report());
   }
   const std::string correlation_id = RandomUuidText();
   if (owner_.SendToCollector(message, correlation_id, kRmqClientPublish)) {
+    bytes_ -= bytes;
     ZLOG_DEBUG("Sent AggSvc status report with %u members to collector with seq no %u",
                static_cast<unsigned>(combined->status_vertical_report_size()), sequence_number_);
     ZLOG_TRACE("AggSvc status report: %s", combined->ShortDebugString().c_str());

@@ -25,7 +25,7 @@ class NodeIdCache;
 ///
 /// Threads: all operations from any thread.  The mutex is held while a message is sent; sending does not wait
 /// for the collector.
-/// Limits: 1024 reports wait at most.
+/// Limits: 1024 reports of 64 MiB in all wait at most.
 class StatusQueueManager : public std::enable_shared_from_this<StatusQueueManager> {
  public:
   using Report = orlane::zem::monitoring::MonitoringStatusReportMsg;
@@ -52,6 +52,7 @@ class StatusQueueManager : public std::enable_shared_from_this<StatusQueueManage
 
   std::mutex mutex_;  // guards what follows
   std::deque<std::shared_ptr<Report>> reports_;
+  size_t bytes_ = 0;  // of reports_
   uint32_t sequence_number_ = 0;
   bool running_ = false;
   uint64_t run_ = 0;  // counts the starts: a tick of an earlier start does nothing

@@ -117,6 +117,7 @@ void PartnerSolutions::MuxDisconnected() {
                      "of solution: %s with ServiceInstanceId: %s",
                      solution.c_str(), instance.c_str());
     }
+    ResetIfReplaced(solution, instance);
   }
 }
 
@@ -211,9 +212,17 @@ std::string PartnerSolutions::PostSvm(const SvmTexts& texts, const std::string& 
   return instance;
 }
 
+// A list that was taken between the look at the instance and the alarm has reset an alarm that was not there
+// yet, and nobody would do it again.
+bool PartnerSolutions::ResetIfReplaced(const std::string& solution_id, const std::string& instance) {
+  if (GetServiceInstanceId(solution_id) == instance) return false;
+  alarm_->ResetAll(instance);
+  return true;
+}
+
 void PartnerSolutions::SvmDisconnected(const std::string& solution_id) {
   const std::string instance = PostSvm(kSvmDown, solution_id);
-  if (instance.empty()) return;
+  if (instance.empty() || ResetIfReplaced(solution_id, instance)) return;
   const Locks::ScopedLock lock(solutions_mutex_);
   if (svm_down_map_.emplace(solution_id, instance).second) {
     ZLOG_INFO("OuviConfig: Successfully added solution: %s with serviceInstanceId: %s to SVM disconnect map",

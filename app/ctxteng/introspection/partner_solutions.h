@@ -52,6 +52,7 @@ class PartnerSolutions {
   List LeftOrChanged(const Instances& now);
   // The service instance whose alarm was posted, or should have been; empty when there is none to post.
   std::string PostSvm(const SvmTexts& texts, const std::string& solution_id);
+  bool ResetIfReplaced(const std::string& solution_id, const std::string& instance);
 
   const std::shared_ptr<PartnerAlarm> alarm_;
   Locks::Mutex solutions_mutex_;  // guards the next two

@@ -1,6 +1,7 @@
 #include "app/ctxteng/introspection/realization_errors.h"
 
 #include <algorithm>
+#include <list>
 #include <utility>
 
 #include "covedbclient/covedb_client_interface.h"
@@ -70,22 +71,38 @@ void RealizationErrors::Clear(Code code) {
   if (Erase([code](const RealizationErrorMsg& error) { return error.code() == code; })) WriteErrors();
 }
 
+// One thread at a time writes, else a list could overtake the one that replaces it.  Whoever finds a writer
+// leaves the newer list to it: the store's client calls from here and is called, so no lock may be held.
 void RealizationErrors::WriteErrors() {
-  ZLOG_INFO("AMConfig : Writing error message");
-  orlane::zem::covedb::RuntimeStatusMsg status;
-  std::shared_ptr<zem::covedb::CoveDbClientInterface> store;
   {
     std::lock_guard lock(mutex_);
-    store = store_;
-    status.set_status(kIntrospectionStatus);
-    for (const RealizationErrorMsg& error : errors_) *status.add_realization_error() = error;
+    unwritten_ = true;
+    if (writing_) return;
+    writing_ = true;
   }
-  if (!store) return;
+  for (;;) {
+    orlane::zem::covedb::RuntimeStatusMsg status;
+    std::shared_ptr<zem::covedb::CoveDbClientInterface> store;
+    {
+      std::lock_guard lock(mutex_);
+      writing_ = std::exchange(unwritten_, false);
+      if (!writing_) return;
+      store = store_;
+      status.set_status(kIntrospectionStatus);
+      for (const RealizationErrorMsg& error : errors_) *status.add_realization_error() = error;
+    }
+    if (store) Write(*store, status);
+  }
+}
+
+void RealizationErrors::Write(zem::covedb::CoveDbClientInterface& store,
+                              const orlane::zem::covedb::RuntimeStatusMsg& status) {
+  ZLOG_INFO("AMConfig : Writing error message");
   std::list<orlane::zem::covedb::ModifyRequestMsg> requests(1);
   auto* const put = requests.back().add_modify_msg()->mutable_put_msg();
   put->set_object_type(orlane::zem::covedb::RUNTIME_STATUS);
   put->set_object(status.SerializeAsString());
-  store->Modify(std::move(requests), {});
+  store.Modify(std::move(requests), {});
 }
 
 }  // namespace Ctxt

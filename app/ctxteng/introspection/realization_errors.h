@@ -39,10 +39,14 @@ class RealizationErrors {
  private:
   template <class Predicate>
   bool Erase(Predicate predicate);
+  static void Write(zem::covedb::CoveDbClientInterface& store,
+                    const orlane::zem::covedb::RuntimeStatusMsg& status);
 
   std::mutex mutex_;  // guards all below
   std::shared_ptr<zem::covedb::CoveDbClientInterface> store_;
   std::vector<orlane::zem::covedb::RealizationErrorMsg> errors_;
+  bool writing_ = false;
+  bool unwritten_ = false;
 };
 
 }  // namespace Ctxt

@@ -319,6 +319,14 @@ TEST_F(QueuesTest, StatusReportsAreFlattenedAndKeptInOrder) {
   for (int i = 0; i < 1024; ++i) ASSERT_TRUE(Enqueue("z"));
   EXPECT_FALSE(Enqueue("z"));
   EXPECT_TRUE(log.Contains("Dropping update as status queue is full. Size: 1024. Will initiate full-sync."));
+
+  statuses->Reset(false);
+  const std::string large(16 << 20, 'x');
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(Enqueue(large));
+  EXPECT_FALSE(Enqueue(large) && Enqueue(large)) << "few reports fill the queue, too";
+  statuses->Start();
+  clock.RunFor(30s);
+  EXPECT_TRUE(Enqueue(large)) << "what is sent makes room";
 }
 
 // Without its ids a node must stay silent; with an id that is none the collector would file its alarms under

@@ -1,4 +1,4 @@
-#include "bench/kill/kill_sweep.h"
+#include "bench/kill/sweep/kill_sweep.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "bench/kill/sweep_node.h"
+#include "bench/kill/sweep/sweep_node.h"
 #include "platform/core/thread.h"
 
 namespace zem::bench {
@@ -49,7 +49,7 @@ void Base(SweepNode& node) {
   node.HaveInterface(false);
   node.BeConfigured({});
   node.HaveFewSwitches();
-  node.HaveBystander(true);
+  node.vm().TurnBystander(true);
 }
 
 void BaseWithVm(SweepNode& node) {
@@ -60,7 +60,7 @@ void BaseWithVm(SweepNode& node) {
 void Bare(SweepNode& node) {
   Base(node);
   node.HaveVm(false);
-  node.HaveBystander(false);
+  node.vm().TurnBystander(false);
 }
 
 }  // namespace
@@ -75,50 +75,50 @@ const std::vector<KillSweep::Operation>& KillSweep::Operations() {
   using Node = SweepNode&;
   using Interface = Shape::Interface;
   static const std::vector<Operation> operations = {
-      {"start", BaseWithVm, [](Node n) { n.Restart(); }},
-      {"first-config", [](Node n) { n.BeRemoved(); }, [](Node n) { n.SendConfig({}); }},
-      {"config-adds", BaseWithVm, [](Node n) { n.SendConfig(Rich()); }},
-      {"config-changes", BaseWithVm, [](Node n) { n.SendConfig(Changed()); }},
+      {"start", BaseWithVm, [](Node n) { n.run().Restart(); }},
+      {"first-config", [](Node n) { n.BeRemoved(); }, [](Node n) { n.manager().SendConfig({}); }},
+      {"config-adds", BaseWithVm, [](Node n) { n.manager().SendConfig(Rich()); }},
+      {"config-changes", BaseWithVm, [](Node n) { n.manager().SendConfig(Changed()); }},
       {"config-withdraws",
        [](Node n) {
          BaseWithVm(n);
          n.BeConfigured(Rich());
        },
-       [](Node n) { n.SendConfig({}); }},
-      {"interface-in", BaseWithVm, [](Node n) { n.SendConfig(WithInterface(Interface::kIn)); }},
+       [](Node n) { n.manager().SendConfig({}); }},
+      {"interface-in", BaseWithVm, [](Node n) { n.manager().SendConfig(WithInterface(Interface::kIn)); }},
       {"interface-out",
        [](Node n) {
          BaseWithVm(n);
          n.HaveInterface(true);
        },
-       [](Node n) { n.SendConfig(WithInterface(Interface::kOut)); }},
+       [](Node n) { n.manager().SendConfig(WithInterface(Interface::kOut)); }},
       {"performance", BaseWithVm,
        [](Node n) {
          Shape shape;
          shape.performance = true;
-         n.SendConfig(shape);
+         n.manager().SendConfig(shape);
        }},
-      {"removal", Bare, [](Node n) { n.SendRemoval(); }},
-      {"reset", Bare, [](Node n) { n.Reset(); }},
-      {"maintenance-on", Bare, [](Node n) { n.SetMaintenance(true); }},
+      {"removal", Bare, [](Node n) { n.manager().SendRemoval(); }},
+      {"reset", Bare, [](Node n) { n.manager().Reset(); }},
+      {"maintenance-on", Bare, [](Node n) { n.manager().SetMaintenance(true); }},
       {"maintenance-off",
        [](Node n) {
          Bare(n);
-         n.SetMaintenance(true);
+         n.manager().SetMaintenance(true);
          n.Settle();
        },
-       [](Node n) { n.SetMaintenance(false); }},
-      {"switches-put", Base, [](Node n) { n.PutSwitches(); }},
+       [](Node n) { n.manager().SetMaintenance(false); }},
+      {"switches-put", Base, [](Node n) { n.store().PutSwitches(); }},
       {"switches-delete",
        [](Node n) {
          Base(n);
-         n.PutSwitches();
+         n.store().PutSwitches();
          n.Settle();
        },
-       [](Node n) { n.DeleteSwitches(); }},
-      {"manager-switch", Base, [](Node n) { n.SendSwitch(); }},
-      {"controllers", Base, [](Node n) { n.SendControllers(); }},
-      {"file-in", BaseWithVm, [](Node n) { n.MigrateByFile(true); }},
+       [](Node n) { n.store().DeleteSwitches(); }},
+      {"manager-switch", Base, [](Node n) { n.manager().SendSwitch(); }},
+      {"controllers", Base, [](Node n) { n.manager().SendControllers(); }},
+      {"file-in", BaseWithVm, [](Node n) { n.host().MigrateByFile(true); }},
       {"file-out",
        [](Node n) {
          BaseWithVm(n);
@@ -126,48 +126,48 @@ const std::vector<KillSweep::Operation>& KillSweep::Operations() {
          // The manager's last configuration leaves the interface where the tool put it.
          n.BeConfigured({});
        },
-       [](Node n) { n.MigrateByFile(false); }},
+       [](Node n) { n.host().MigrateByFile(false); }},
       {"power-on",
        [](Node n) {
          Base(n);
          n.HaveVm(false);
        },
-       [](Node n) { n.PowerOn(); }},
-      {"power-off", BaseWithVm, [](Node n) { n.PowerOff(); }},
-      {"move", BaseWithVm, [](Node n) { n.Move(); }},
-      {"move-fail", BaseWithVm, [](Node n) { n.FailMove(); }},
-      {"live-out", BaseWithVm, [](Node n) { n.LiveOut(); }},
+       [](Node n) { n.vm().PowerOn(); }},
+      {"power-off", BaseWithVm, [](Node n) { n.vm().PowerOff(); }},
+      {"move", BaseWithVm, [](Node n) { n.vm().Move(); }},
+      {"move-fail", BaseWithVm, [](Node n) { n.vm().FailMove(); }},
+      {"live-out", BaseWithVm, [](Node n) { n.vm().LiveOut(); }},
       {"live-in",
        [](Node n) {
          Base(n);
          n.HaveVmAway();
        },
-       [](Node n) { n.LiveIn(); }},
-      {"relocate", BaseWithVm, [](Node n) { n.Relocate(); }},
-      {"restore", BaseWithVm, [](Node n) { n.RestoreByManager(); }},
+       [](Node n) { n.vm().LiveIn(); }},
+      {"relocate", BaseWithVm, [](Node n) { n.vm().Relocate(); }},
+      {"restore", BaseWithVm, [](Node n) { n.manager().RestoreVif(); }},
       {"busy-config", BaseWithVm,
        [](Node n) {
-         n.PutSwitches();
-         n.Move();
-         n.SendConfig(Rich());
+         n.store().PutSwitches();
+         n.vm().Move();
+         n.manager().SendConfig(Rich());
        }},
       {"busy-removal", Bare,
        [](Node n) {
-         n.PutSwitchesUnheard();
-         n.SendRemoval();
+         n.store().PutSwitchesUnheard();
+         n.manager().SendRemoval();
        }},
       {"security-on",
        [](Node n) {
          Base(n);
          n.HaveSecurityPort(false);
        },
-       [](Node n) { n.TieSecurityPort(true); }},
+       [](Node n) { n.host().TieSecurityPort(true); }},
       {"security-off",
        [](Node n) {
          Base(n);
          n.HaveSecurityPort(true);
        },
-       [](Node n) { n.TieSecurityPort(false); }},
+       [](Node n) { n.host().TieSecurityPort(false); }},
   };
   return operations;
 }
@@ -259,11 +259,11 @@ void KillSweep::RunOperation(const Operation& operation, Row* row) {
 uint32_t KillSweep::CountSteps(const Operation& operation) {
   SweepNode& node = Node();
   operation.prepare(node);
-  node.node().Do("daemon/kill-at 0");
+  node.run().node().Do("daemon/kill-at 0");
   operation.begin(node);
   AwaitDeath();
-  const Json steps = node.node().Do("daemon/steps " + std::string(options_.list ? "4000" : "0"));
-  node.node().Do("daemon/kill-at never");
+  const Json steps = node.run().node().Do("daemon/steps " + std::string(options_.list ? "4000" : "0"));
+  node.run().node().Do("daemon/kill-at never");
   node.Settle();
   if (options_.list) {
     int number = 0;
@@ -279,7 +279,7 @@ uint32_t KillSweep::CountSteps(const Operation& operation) {
 
 // Returns false when the operation was over, and the daemon served again, before it was killed.
 bool KillSweep::AwaitDeath() {
-  sim::NodeProcess& node = node_->node();
+  sim::NodeProcess& node = node_->run().node();
   const TimePoint begin = Clock::Process().Now();
   TimePoint ended{};
   for (;;) {
@@ -288,7 +288,7 @@ bool KillSweep::AwaitDeath() {
       return true;
     }
     const TimePoint now = Clock::Process().Now();
-    if (ended == TimePoint{} && node_->OperationsEnded() && node_->Serves()) ended = now;
+    if (ended == TimePoint{} && node_->run().OperationsEnded() && node_->run().Serves()) ended = now;
     if (ended != TimePoint{} && now - ended > kCalm) return false;
     if (now - begin > kLongestOperation) return false;
     SleepFor(kLook);
@@ -298,27 +298,27 @@ bool KillSweep::AwaitDeath() {
 bool KillSweep::KillOnce(const Operation& operation, Kill* kill, Row* row) {
   SweepNode& node = Node();
   operation.prepare(node);
-  node.node().Do("daemon/kill-at " + std::to_string(kill->step) + (kill->after ? " after" : " before"));
+  node.run().node().Do("daemon/kill-at " + std::to_string(kill->step) + (kill->after ? " after" : " before"));
   operation.begin(node);
   const bool died = AwaitDeath();
   if (!died) {
-    node.node().Do("daemon/kill-at never");
+    node.run().node().Do("daemon/kill-at never");
     node.Settle();
     return false;
   }
-  kill->name = TextAt(node.node().Do("daemon/steps").get(), "step");
-  node.node().Do("daemon/kill-at " + std::to_string(kill->second));
-  node.node().Do("daemon/start");
+  kill->name = TextAt(node.run().node().Do("daemon/steps").get(), "step");
+  node.run().node().Do("daemon/kill-at " + std::to_string(kill->second));
+  node.run().node().Do("daemon/start");
   if (kill->second != 0 && AwaitDeath()) {
     ++row->second_kills;
-    kill->second_name = TextAt(node.node().Do("daemon/steps").get(), "step");
-    node.node().Do("daemon/start");
+    kill->second_name = TextAt(node.run().node().Do("daemon/steps").get(), "step");
+    node.run().node().Do("daemon/start");
   }
   if (recovery_steps_ == 0) {
     AwaitDeath();
-    recovery_steps_ = static_cast<uint32_t>(NumberAt(node.node().Do("daemon/steps").get(), "steps"));
+    recovery_steps_ = static_cast<uint32_t>(NumberAt(node.run().node().Do("daemon/steps").get(), "steps"));
   }
-  node.node().Do("daemon/kill-at never");
+  node.run().node().Do("daemon/kill-at never");
   node.Settle();
   return true;
 }
@@ -342,7 +342,7 @@ void KillSweep::Report(const Operation& operation, const Kill& kill, const std::
     std::string name = options_.logs + "/" + operation.name + "-" + std::to_string(kill.step) +
                        (kill.after ? "-after" : "-before") + "-" + std::to_string(kill.second);
     try {
-      const Json found = node_->node().Do("log/find . " + std::to_string(kLogLines));
+      const Json found = node_->run().node().Do("log/find . " + std::to_string(kLogLines));
       std::ofstream out(name);
       const cJSON* line = nullptr;
       cJSON_ArrayForEach(line, sim::At(found.get(), "lines")) out << TextAt(line, "text") << "\n";

@@ -1,4 +1,4 @@
-#include "bench/kill/checksum_question.h"
+#include "bench/kill/requests/checksum_question.h"
 
 #include <stdexcept>
 #include <utility>

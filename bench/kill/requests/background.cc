@@ -1,4 +1,4 @@
-#include "bench/kill/background.h"
+#include "bench/kill/requests/background.h"
 
 #include <cjson/cJSON.h>
 
