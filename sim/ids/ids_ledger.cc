@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <functional>
 #include <utility>
 
 #include "proto/context/ids.pb.h"
@@ -60,7 +61,8 @@ void IdsLedger::AnnounceCapture(uint64_t flow_id, uint64_t snip_ts_us, const std
   }
   Capture& capture = captures_[key];
   ++capture.announced.count;
-  capture.bytes = bytes;
+  capture.size = bytes.size();
+  capture.hash = std::hash<std::string>()(bytes);
 }
 
 void IdsLedger::Take(const EventInfoMsg& message) {
@@ -111,7 +113,8 @@ void IdsLedger::Judge(const PcapMsg& pcap) {
     return;
   }
   Capture& capture = found->second;
-  if (pcap.has_data() && (pcap.data() != capture.bytes || pcap.length() != capture.bytes.size()))
+  if (pcap.has_data() &&
+      (pcap.length() != capture.size || std::hash<std::string>()(pcap.data()) != capture.hash))
     Violation("other bytes than the file's: " + name);
   if (++capture.announced.arrived > capture.announced.count)
     Violation("a capture more often than it was announced: " + name);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -56,7 +57,8 @@ class IdsLedger {
   };
   struct Capture {
     Announced announced;
-    std::string bytes;
+    size_t size = 0;
+    size_t hash = 0;  // of its bytes
   };
   using CaptureKey = std::pair<uint64_t, uint64_t>;
 

@@ -56,11 +56,13 @@ WorldNode::WorldNode(std::FILE* log) {
   host_management = std::make_unique<sim::HostManagement>();
   machines = std::make_unique<sim::VirtualMachines>(*host_management, host.VmFile());
   guests = std::make_unique<WorldGuests>();
+  ids = std::make_unique<WorldIds>(*manager);
   if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
 }
 
 WorldNode::~WorldNode() {
   if (app_) StopAgent();
+  ids.reset();
   machines.reset();
   host_management.reset();
   manager.reset();
@@ -93,6 +95,7 @@ void WorldNode::StartAgent() {
   alarms_ =
       std::make_shared<Tarvik::AlarmsProvider>(*provider_, store_client_, Tarvik::AlarmsProvider::Files());
   if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
+  ids->StartAgent(*provider_);
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
   guests->StartAgent();
@@ -102,6 +105,7 @@ void WorldNode::StopAgent() {
   Tarvik::CloseShutdownPipe();
   proxy_client_->Stop();
   guests->StopAgent();
+  ids->StopAgent();
   introspection.StopAgent();
   alarms_->Stop();
   app_->Stop(0);
