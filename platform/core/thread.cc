@@ -92,6 +92,21 @@ void NativeThread::Join() {
   if (result != 0) throw std::system_error(result, std::generic_category(), "pthread_join");
 }
 
+bool NativeThread::JoinUntil(TimePoint deadline) {
+  {
+    std::unique_lock lock(state_->mutex);
+    if (!state_->changed.WaitUntil(lock, deadline, [this] { return state_->ended; })) return false;
+  }
+  Join();
+  return true;
+}
+
+void NativeThread::Detach() {
+  pthread_detach(id_);
+  state_.reset();
+  detached_ = true;
+}
+
 int NativeThread::Cancel() { return pthread_cancel(id_); }
 
 void SleepFor(std::chrono::nanoseconds duration) {

@@ -39,6 +39,7 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"restart the agent", 1, &WorldLife::RestartAgent},
       {"change solutions, profiles or rules", 12, &WorldLife::ChangeProtection},
       {"guests, users and connections change", 8, &WorldLife::ChangeGuests},
+      {"alerts and captures are announced", 8, &WorldLife::AnnounceAlerts},
       {"raise or clear an alarm", 12, &WorldLife::RaiseOrClearAlarm},
       {"report a status", 4, &WorldLife::ReportStatus},
   };
@@ -66,6 +67,7 @@ const std::vector<WorldLife::Step>& WorldLife::Misfortunes() {
       {"a service VM goes or comes", 3, &WorldLife::MoveServiceVm},
       {"an alarm client goes or comes", 3, &WorldLife::AlarmClientGoesOrComes},
       {"an alarm client misbehaves", 3, &WorldLife::AlarmClientMisbehaves},
+      {"the alerts' logger or Kafka goes or comes", 3, &WorldLife::DisturbAlerts},
       {"the collector misanswers", 2, &WorldLife::CollectorMisanswers},
       {"the receiver of logons misanswers", 3, &WorldLife::LogonsMisanswered},
   };

@@ -99,6 +99,7 @@ class WorldLife {
   void RestartAgent();
   void ChangeProtection();
   void ChangeGuests();
+  void AnnounceAlerts();
   void RaiseOrClearAlarm();
   void ReportStatus();
 
@@ -120,6 +121,7 @@ class WorldLife {
   void FailMaintenanceTool();
   void BounceMultiplexer();
   void MoveServiceVm();
+  void DisturbAlerts();
   void AlarmClientGoesOrComes();
   void AlarmClientMisbehaves();
   void CollectorMisanswers();

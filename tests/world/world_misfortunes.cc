@@ -124,6 +124,7 @@ void WorldLife::DropHostManagement() {
 }
 
 void WorldLife::BounceMultiplexer() { node_.introspection.BounceMux(random_); }
+void WorldLife::DisturbAlerts() { node_.ids->Disturb(random_); }
 void WorldLife::MoveServiceVm() { node_.introspection.MoveServiceVm(random_); }
 
 }  // namespace zem::world

@@ -56,12 +56,14 @@ WorldNode::WorldNode(std::FILE* log, bool small_logon_cache) {
   host_management = std::make_unique<sim::HostManagement>();
   machines = std::make_unique<sim::VirtualMachines>(*host_management, host.VmFile());
   guests = std::make_unique<WorldGuests>(*manager, store->store(), small_logon_cache);
+  ids = std::make_unique<WorldIds>(*manager);
   if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
 }
 
 WorldNode::~WorldNode() {
   if (app_) StopAgent();
   guests.reset();
+  ids.reset();
   machines.reset();
   host_management.reset();
   manager.reset();
@@ -94,6 +96,7 @@ void WorldNode::StartAgent() {
   alarms_ =
       std::make_shared<Tarvik::AlarmsProvider>(*provider_, store_client_, Tarvik::AlarmsProvider::Files());
   if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
+  ids->StartAgent(*provider_);
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
   guests->StartAgent(*provider_, store_client_);
@@ -103,6 +106,7 @@ void WorldNode::StopAgent() {
   Tarvik::CloseShutdownPipe();
   proxy_client_->Stop();
   guests->StopAgent();
+  ids->StopAgent();
   introspection.StopAgent();
   alarms_->Stop();
   app_->Stop(0);
