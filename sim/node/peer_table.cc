@@ -17,6 +17,7 @@
 #include "sim/guest/guest_picture.h"
 #include "sim/guest/mux_peer.h"
 #include "sim/guest/world/guest_world.h"
+#include "sim/host/detection_commands.h"
 #include "sim/host/host_commands.h"
 #include "sim/host/host_management.h"
 #include "sim/idfw/logon_commands.h"
@@ -32,6 +33,7 @@
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
 #include "sim/node/vm_commands.h"
+#include "sim/profiles/profile_commands.h"
 #include "sim/sandbox/daemon_process.h"
 #include "sim/sandbox/sandbox.h"
 #include "sim/store/store_daemon.h"
@@ -105,7 +107,21 @@ class KafkaPeer final : public OwnedByNode {
     RegisterKafkaCommands(table, context_.kafka);
     RegisterKafkaProfileCommand(table, context_.kafka);
   }
+  std::vector<std::string> Violations() const override { return context_.kafka.Violations(); }
   std::vector<std::string> Draw(size_t /*most*/) const override { return context_.kafka.Draw(); }
+};
+
+class ProfilePeer final : public OwnedByNode {
+ public:
+  using OwnedByNode::OwnedByNode;
+  void Register(CommandTable& table) override { RegisterProfileCommands(table, context_.store.store()); }
+};
+
+class DetectionPeer final : public Peer {
+ public:
+  explicit DetectionPeer(const PeerContext& /*context*/) {}
+  void Register(CommandTable& table) override { RegisterDetectionCommands(table); }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return DrawDetection(); }
 };
 
 class AlarmsPeer final : public Peer {
@@ -198,6 +214,9 @@ constexpr std::array kPeers = {
     PeerRow{"host", "The host and its management script; \"host help\" lists its commands.", &Make<HostPeer>},
     PeerRow{"fw", "The host's firewall; \"fw help\" lists its commands.", &Make<FirewallPeer>},
     PeerRow{"kafka", "Kafka brokers; \"kafka help\" lists their commands.", &Make<KafkaPeer>},
+    PeerRow{"profile", "The node's profiles; \"profile help\" lists its commands.", &Make<ProfilePeer>},
+    PeerRow{"detection", "The intrusion detection process; \"detection help\" lists its commands.",
+            &Make<DetectionPeer>},
     PeerRow{"alarm", "The collector and the alarm clients; \"alarm help\" lists their commands.",
             &Make<AlarmsPeer>},
     PeerRow{"idfw", "The manager's receiver of logons; \"idfw help\" lists its commands.", &Make<LogonPeer>},

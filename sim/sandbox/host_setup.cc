@@ -55,6 +55,10 @@ void SetUpHost(const HostSetup& setup) {
                 fs::copy_options::overwrite_existing);
   std::ofstream(kControllerFile) << kNoControllers;
   fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
+  for (const char* tool : {"hvprobe", "memstats", "du"}) {
+    fs::copy_file(scripts / "detection-tool", std::string(kTools) + tool,
+                  fs::copy_options::overwrite_existing);
+  }
   fs::create_directories(kCommandLine);
   fs::copy_file(scripts / "zemcli", fs::path(kCommandLine) / "zemcli", fs::copy_options::overwrite_existing);
   fs::copy_file(scripts / kCentralConfigTool, fs::path(kAgentTools) / kCentralConfigTool,

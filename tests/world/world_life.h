@@ -125,6 +125,7 @@ class WorldLife {
   void AlarmClientGoesOrComes();
   void AlarmClientMisbehaves();
   void CollectorMisanswers();
+  void LogonsMisanswered();
 
   void Calm();
   void Launch(const std::string& vm, std::function<sim::VirtualMachines::Steps()> change);

@@ -110,6 +110,7 @@ void WorldLife::FailMaintenanceTool() {
 void WorldLife::AlarmClientGoesOrComes() { alarms_->ClientGoesOrComes(); }
 void WorldLife::AlarmClientMisbehaves() { alarms_->ClientMisbehaves(); }
 void WorldLife::CollectorMisanswers() { alarms_->CollectorMisanswers(); }
+void WorldLife::LogonsMisanswered() { node_.guests->Misanswer(random_); }
 
 void WorldLife::DropHostManagement() {
   switch (Pick(3)) {

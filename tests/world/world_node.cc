@@ -40,7 +40,7 @@ void Write(const std::string& path, const std::string& text) {
 
 }  // namespace
 
-WorldNode::WorldNode(std::FILE* log) {
+WorldNode::WorldNode(std::FILE* log, bool small_logon_cache) {
   log_file = log;
   Logger::SetEmitter(&EmitToFile);
   InstallLibraryLogBridge();
@@ -55,13 +55,14 @@ WorldNode::WorldNode(std::FILE* log) {
   for (const char* aph : kAphs) manager->AddAph(aph, aph == kAphs[0]);
   host_management = std::make_unique<sim::HostManagement>();
   machines = std::make_unique<sim::VirtualMachines>(*host_management, host.VmFile());
-  guests = std::make_unique<WorldGuests>();
+  guests = std::make_unique<WorldGuests>(*manager, store->store(), small_logon_cache);
   ids = std::make_unique<WorldIds>(*manager);
   if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
 }
 
 WorldNode::~WorldNode() {
   if (app_) StopAgent();
+  guests.reset();
   ids.reset();
   machines.reset();
   host_management.reset();
@@ -98,7 +99,7 @@ void WorldNode::StartAgent() {
   ids->StartAgent(*provider_);
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
-  guests->StartAgent();
+  guests->StartAgent(*provider_, store_client_);
 }
 
 void WorldNode::StopAgent() {

@@ -48,8 +48,8 @@ inline constexpr const char* kStateFolder = "/etc/orlane/zema";
 /// processes work.
 class WorldNode {
  public:
-  /// Writes the agent's log lines to `log`; null: no log.
-  explicit WorldNode(std::FILE* log);
+  /// Writes the agent's log lines to `log`; null: no log.  With a small cache logons are dropped.
+  explicit WorldNode(std::FILE* log, bool small_logon_cache = false);
   ~WorldNode();
 
   void StartAgent();
