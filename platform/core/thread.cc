@@ -92,6 +92,12 @@ void NativeThread::Join() {
   if (result != 0) throw std::system_error(result, std::generic_category(), "pthread_join");
 }
 
+void NativeThread::Detach() {
+  if (!joinable()) return;
+  detached_ = true;
+  pthread_detach(id_);
+}
+
 int NativeThread::Cancel() { return pthread_cancel(id_); }
 
 void SleepFor(std::chrono::nanoseconds duration) {

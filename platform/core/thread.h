@@ -39,6 +39,9 @@ class NativeThread {
   /// Waits for the end of the body.  Throws std::system_error.
   void Join();
 
+  /// Lets the body run on by itself: it is not joined any more.  Also from the body.
+  void Detach();
+
   /// Asks for a deferred cancellation: the body unwinds at its next wait.  Returns the system call's result.
   int Cancel();
 
