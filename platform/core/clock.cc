@@ -31,6 +31,12 @@ class RealClock final : public Clock {
     if (factor_ == 1 || time == TimePoint::max()) return time;
     return TimePoint(std::chrono::duration_cast<Duration>(time.time_since_epoch() / factor_));
   }
+  WallTime FromMachine(WallTime time) const override {
+    if (factor_ == 1) return time;
+    const Duration ago = std::chrono::system_clock::now() - time;
+    const Duration steady = std::chrono::steady_clock::now().time_since_epoch() - ago;
+    return time + std::chrono::duration_cast<WallTime::duration>(Scaled(steady) - steady);
+  }
 
  private:
   // From the machine's start on, so that it is the same time in every process.

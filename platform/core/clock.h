@@ -36,6 +36,9 @@ class Clock {
   /// When it is `time` here, on the steady clock by which the operating system wakes waiters.
   virtual std::chrono::steady_clock::time_point OnMachine(TimePoint time) const { return time; }
 
+  /// What the wall shows here when the machine's shows `time`: for the stamps that the kernel gives files.
+  virtual WallTime FromMachine(WallTime time) const { return time; }
+
   /// True when time moves only while everybody waits.  The operations below then have an effect; on the real
   /// clock they do nothing, because the operating system wakes the waiters.
   virtual bool IsVirtual() const { return false; }

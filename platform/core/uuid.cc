@@ -60,6 +60,20 @@ std::optional<boost::uuids::uuid> ParseUuid(std::string_view text) {
   return uuid;
 }
 
+std::optional<boost::uuids::uuid> ParseUuidDigits(std::string_view text) {
+  boost::uuids::uuid uuid;
+  size_t digits = 0;
+  for (const char c : text) {
+    if (c == ' ' || c == '-') continue;
+    const int digit = HexDigit(c);
+    if (digit < 0 || digits == 2 * uuid.size()) return std::nullopt;
+    uint8_t& byte = uuid.data[digits / 2];
+    byte = static_cast<uint8_t>(digits % 2 == 0 ? digit << 4 : byte | digit);
+    ++digits;
+  }
+  return digits == 2 * uuid.size() ? std::optional(uuid) : std::nullopt;
+}
+
 std::pair<uint64_t, uint64_t> UuidHalves(const boost::uuids::uuid& uuid) {
   return {boost::endian::load_big_u64(uuid.data), boost::endian::load_big_u64(uuid.data + 8)};
 }

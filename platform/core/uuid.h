@@ -20,6 +20,9 @@ std::string UuidText(const boost::uuids::uuid& uuid);
 /// Nothing unless `text` is 36 characters of the usual form.
 std::optional<boost::uuids::uuid> ParseUuid(std::string_view text);
 
+/// As `ParseUuid`, for the 32 digits of a uuid with blanks and dashes at any place.
+std::optional<boost::uuids::uuid> ParseUuidDigits(std::string_view text);
+
 /// The two halves of a uuid as big-endian numbers, the way messages carry it.
 std::pair<uint64_t, uint64_t> UuidHalves(const boost::uuids::uuid& uuid);
 boost::uuids::uuid UuidFromHalves(uint64_t first, uint64_t second);

@@ -48,6 +48,8 @@ struct CtxtClientParam {
   uint32_t cacheThreshold = 100;  // percent
   uint32_t maxBackoffCounter = 8;
   std::vector<std::string> wellKnownSids;
+  /// The id of the host's DPU; empty on a host without one.
+  std::string dpuId;
   IdsParam ids;
   /// Set when intrusion detection is enabled.
   zem::AsioZemProvider* provider = nullptr;

@@ -1,14 +1,21 @@
 #include "app/ctxteng/engine/ctxt_eng.h"
 
+#include <algorithm>
 #include <boost/property_tree/ptree.hpp>
+#include <iterator>
 
 #include "app/ctxteng/base/exceptions.h"
 #include "app/ctxteng/engine/ctxt_core.h"
 #include "app/ctxteng/engine/ctxt_options.h"
 #include "app/ctxteng/engine/engine_parts_of_agent.h"
+#include "app/ctxteng/engine/ids_of_agent.h"
 #include "app/ctxteng/engine/protocol_mask_commands.h"
 #include "app/ctxteng/idfw/idfw.h"
 #include "app/ctxteng/idfw/idfw_commands.h"
+#include "app/ctxteng/ids/ids_command.h"
+#include "app/ctxteng/idsevents/ids_commands.h"
+#include "app/ctxteng/idsevents/ids_counters.h"
+#include "app/ctxteng/idsqueue/node_records.h"
 #include "framework/log/log.h"
 
 namespace {
@@ -100,5 +107,9 @@ std::vector<zem::Tarvik::CliCommand> CtxtEng::Commands() {
   auto commands = Ctxt::ProtocolMaskCommands(core.guests());
   commands.push_back(
       Ctxt::IdfwStatusCommand(*Ctxt::IdfwOfAgent(), [&core] { return core.active_clients(); }));
+  commands.push_back(Ctxt::IdsStatusCommand(*Ctxt::IdsOfAgent()));
+  std::ranges::move(
+      IdsEvtEng::IdsStatisticsCommands(IdsEvtEng::IdsCounters::Process(), IdsEvtEng::NodeRecords::Process()),
+      std::back_inserter(commands));
   return commands;
 }

@@ -45,7 +45,7 @@ class CtxtEng {
   void WaitForStart();
   void Stop();
 
-  /// "get/protocolMask", "set/protocolMask", "get/idfwStatus".
+  /// "get/protocolMask", "set/protocolMask", "get/idfwStatus", "get/idsStatus".
   std::vector<zem::Tarvik::CliCommand> Commands();
 
  private:

@@ -144,6 +144,7 @@ class Reader {
     Take("CoreConfig.UserMetadataCacheSize", &param.userMetadataCacheSize);
     Take("CoreConfig.EnableProcessHash", &param.enableProcessHash);
     Take("CoreConfig.UseOldProcessHashMethod", &param.useOldProcessHashMethod);
+    Take("CoreConfig.DpuId", &param.dpuId);
     ZLOG_INFO("CtxtEng: EnableProcessHash: %s", param.enableProcessHash ? "true" : "false");
     ZLOG_INFO("CtxtEng: useOldProcessHashMethod: %s", param.useOldProcessHashMethod ? "true" : "false");
   }

@@ -6,12 +6,14 @@
 #include "app/ctxteng/alarm/ouvi_alarm.h"
 #include "app/ctxteng/channel/ctxt_channel.h"
 #include "app/ctxteng/engine/ctxt_core.h"
+#include "app/ctxteng/engine/ids_of_agent.h"
 #include "app/ctxteng/firewall/dfw_connector.h"
 #include "app/ctxteng/guest/endvat_lib.h"
 #include "app/ctxteng/guest/endvat_util.h"
 #include "app/ctxteng/handler/sample_client.h"
 #include "app/ctxteng/health/ctxt_health.h"
 #include "app/ctxteng/idfw/idfw.h"
+#include "app/ctxteng/ids/ids.h"
 #include "app/ctxteng/introspection/ouvi_introspection.h"
 #include "app/ctxteng/introspection/surroundings.h"
 #include "framework/log/log.h"
@@ -103,6 +105,8 @@ EngineParts PartsOfAgent(zem::AsioZemProvider& provider) {
   parts.clients.sample = SampleClient::GetInstance();
   parts.clients.idfw = IdfwOfAgent();
   parts.clients.idfw_updates = IdfwOfAgent();
+  parts.clients.ids = IdsOfAgent();
+  parts.clients.ids_updates = IdsOfAgent();
   parts.clients.is_well_known_sid = [idfw = IdfwOfAgent()](const std::string& sid) {
     return idfw->IsUserIgnored(sid);
   };

@@ -129,6 +129,11 @@ UserTables::Value UserTables::FindUser(uint32_t hash, const std::string& user_ke
   return found && (*found)->sid == user_key ? *found : nullptr;
 }
 
+UserTables::Value UserTables::FindUserByHash(uint32_t hash) const {
+  const auto cache = metadata();
+  return cache == nullptr ? nullptr : cache->Get(hash).value_or(nullptr);
+}
+
 void UserTables::PutUser(uint32_t hash, Value value) {
   if (const auto cache = metadata()) cache->Put(hash, std::move(value));
 }

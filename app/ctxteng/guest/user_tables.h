@@ -44,6 +44,8 @@ class UserTables {
 
   /// The user whose key is `user_key`: another one whose key has the same hash is not it.
   Value FindUser(uint32_t hash, const std::string& user_key) const;
+  /// The user whose key has this hash, for a caller that knows no more.
+  Value FindUserByHash(uint32_t hash) const;
   void PutUser(uint32_t hash, Value value);
   void RemoveUser(uint32_t hash);
 

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <string>
 
-#include "app/ctxteng/guest/gcf_file.h"
 #include "app/ctxteng/idfw/login_logoff_info.h"
 #include "framework/log/log.h"
 #include "platform/core/uuid.h"
@@ -22,7 +21,7 @@ constexpr uint32_t kIpVersions = 2;
 constexpr uint32_t kNoIpVersion = 65535;
 
 bool FillId(const std::string& text, orlane::zem::UuidMsg* id) {
-  const auto uuid = zem::ParseUuid(EndvatUtil::CanonicalVcUuid(text));
+  const auto uuid = zem::ParseUuidDigits(text);
   zem::SetUuid(uuid.value_or(boost::uuids::uuid{}), id);
   return uuid.has_value();
 }

@@ -1,5 +1,7 @@
 #include "app/ctxteng/idfw/login_logoff_info_messenger.h"
 
+#include <google/protobuf/arena.h>
+
 #include <charconv>
 #include <chrono>
 #include <new>
@@ -26,6 +28,8 @@ constexpr const char* kMsgType = "com.orlane.zem.context";
 constexpr const char* kAppId = "8888";
 constexpr const char* kAppType = "IDFW-Vertical";
 constexpr size_t kMostNameless = 1000;
+constexpr size_t kFirstBlock = 4096;
+constexpr size_t kLargestBlock = 65536;
 
 // Throws when the text is anything but a decimal number.
 uint64_t NumberOf(const std::string& text) {
@@ -80,7 +84,13 @@ bool LoginLogoffInfoMessenger::SendNext(LoginLogoffInfoCache& cache, bool retry_
 
 std::shared_ptr<LoginLogoffInfoMessenger::EventMsg> LoginLogoffInfoMessenger::Drain(
     LoginLogoffInfoCache& cache) {
-  auto events = std::make_shared<EventMsg>();
+  // A batch is many small messages: they are made in one piece of memory and go with it.
+  google::protobuf::ArenaOptions options;
+  options.start_block_size = kFirstBlock;
+  options.max_block_size = kLargestBlock;
+  const auto arena = std::make_shared<google::protobuf::Arena>(options);
+  const std::shared_ptr<EventMsg> events(arena,
+                                         google::protobuf::Arena::CreateMessage<EventMsg>(arena.get()));
   cache.ConsumeAll([&](const LoginLogoffInfo& info) {
     if (FillLoginLogoffEvent(info, events->add_login_logoff_event())) return;
     if (nameless_.size() >= kMostNameless || !nameless_.insert(info.vcUuid + ' ' + info.biosUuid).second)

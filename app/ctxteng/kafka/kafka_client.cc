@@ -291,6 +291,7 @@ void KafkaClient::TakeError(int code) {
 
 void KafkaClient::SettleAlarm() {
   if (!alarm_unsettled_.exchange(false) || alarm_ == nullptr) return;
+  const std::lock_guard lock(alarm_mutex_);
   const bool down = brokers_down_;
   if (down == alarm_raised_) return;
   if (down) {
@@ -298,6 +299,13 @@ void KafkaClient::SettleAlarm() {
     return;
   }
   ZLOG_INFO("Zemi: Kafka transmission alarm cleared");
+  alarm_raised_ = false;
+  alarm_->Clear(brokers_);
+}
+
+void KafkaClient::ClearAlarm() {
+  if (alarm_ == nullptr) return;
+  const std::lock_guard lock(alarm_mutex_);
   alarm_raised_ = false;
   alarm_->Clear(brokers_);
 }

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "platform/core/thread.h"
@@ -62,6 +63,9 @@ class KafkaClient {
   /// Whether the client could be made; says nothing about the brokers.
   bool IsReady() const { return ready_; }
   bool alarm_raised() const { return alarm_raised_; }
+  /// Clears the alarm also when this client has not raised it.  While the brokers stay down, the client asks
+  /// for it again with its next report.
+  void ClearAlarm();
 
   void SendContext(const google::protobuf::MessageLite& msg);
   void SendEvent(const google::protobuf::MessageLite& msg);
@@ -92,6 +96,7 @@ class KafkaClient {
   const uint32_t flush_seconds_ = 10;
 
   KafkaAlarm* const alarm_;
+  std::mutex alarm_mutex_;  // held while the alarm is told, so that alarm_raised_ is what it was told last
   KafkaDeliveries& deliveries_;
   // The library's callbacks only note what the alarm should be; SettleAlarm acts on it.
   std::atomic<bool> brokers_down_{false};

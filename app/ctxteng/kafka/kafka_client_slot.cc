@@ -37,6 +37,11 @@ class KafkaClientSlot::Reaper {
     // The threads are joined with the list, behind the lock.
   }
 
+  void Resume() {
+    std::lock_guard lock(mutex_);
+    stopped_ = false;
+  }
+
  private:
   struct Ending {
     std::shared_ptr<std::atomic<bool>> ended;
@@ -71,6 +76,7 @@ KafkaClientSlot::~KafkaClientSlot() { Shutdown(); }
 void KafkaClientSlot::Replace(std::unique_ptr<KafkaClient> client) {
   std::shared_ptr<KafkaClient> next;
   if (client) {
+    reaper_->Resume();
     next = std::shared_ptr<KafkaClient>(client.release(), [reaper = reaper_](KafkaClient* last) {
       reaper->Take(std::unique_ptr<KafkaClient>(last));
     });

@@ -23,7 +23,7 @@ class KafkaClientSlot {
   /// Null while there is none.
   std::shared_ptr<KafkaClient> Get() const;
 
-  /// Drops the client and waits until it, and those before it, are destroyed.
+  /// Drops the client and waits until it, and those before it, are destroyed.  Another one may follow.
   void Shutdown();
 
  private:

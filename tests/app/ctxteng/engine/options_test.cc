@@ -80,6 +80,13 @@ TEST_F(OptionsTest, ValuesAndDefaults) {
   EXPECT_TRUE(settings.param.useOldProcessHashMethod);
   EXPECT_THAT(settings.param.wellKnownSids, ElementsAre("S-1-5-18", "S-1-5-19"));
 
+  ASSERT_TRUE(Load(Metrics("4", "50", "48655") + kIdfwOn +
+                   "<IdfwConfig><CacheLimit>0</CacheLimit><MaxBackoffCounter>0</MaxBackoffCounter></"
+                   "IdfwConfig>"));
+  EXPECT_EQ(settings.param.cacheLimit, 1000u);
+  EXPECT_EQ(settings.param.maxBackoffCounter, 8u);
+  EXPECT_TRUE(log.Contains("IdfwConfig.CacheLimit must be greater than 0, using default of 1000"));
+
   ASSERT_TRUE(
       Load(Metrics("4", "50", "48655") + "<clients><sampleClient>true</sampleClient></clients>" + idfw));
   EXPECT_EQ(settings.client_ids, kSampleBit);

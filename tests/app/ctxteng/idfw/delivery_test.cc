@@ -1,14 +1,15 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <map>
 #include <random>
-#include <thread>
 
 #include "app/ctxteng/base/exceptions.h"
 #include "app/ctxteng/idfw/login_logoff_info_cache.h"
 #include "app/ctxteng/idfw/login_logoff_info_messenger.h"
 #include "app/ctxteng/idfw/login_logoff_info_router.h"
 #include "app/ctxteng/idfw/login_logoff_signal.h"
+#include "platform/core/thread.h"
 #include "platform/core/virtual_clock.h"
 #include "tests/app/ctxteng/idfw/fake_channel.h"
 #include "tests/support/log_capture.h"
@@ -317,6 +318,90 @@ TEST_F(DeliveryTest, FormOfTheEvents) {
   EXPECT_EQ(log.Count("has no uuid, the manager gets 0 for it"), 1u);
 }
 
+// A million logons over a link that does everything wrong by seed: each of them was received in one batch,
+// was counted as dropped out of the full cache, or was in a batch that is counted as replaced.
+class CountTest : public DeliveryTest, public testing::WithParamInterface<uint64_t> {
+ protected:
+  static constexpr uint32_t kLogons = 1000000;
+
+  struct Batch {
+    size_t hash;
+    int events;
+    bool received = false;
+  };
+
+  // A batch's way; the result is the channel's.
+  int Travel(const std::string& id) {
+    const auto sent = std::exchange(channel.sent, {}).back();
+    const auto [batch, is_new] =
+        batches.try_emplace(id, Batch{std::hash<std::string>()(sent.bytes), sent.events});
+    if (is_new) Note(sent.bytes);
+    EXPECT_EQ(batch->second.hash, std::hash<std::string>()(sent.bytes)) << "a batch stays as it is";
+    const uint64_t fate = good_link ? kFates : random() % kFates;
+    if (fate < 3) return -1;
+    batch->second.received = true;
+    if (fate < 5) {
+      channel.Ack(id, 5, "busy");
+    } else if (fate < 6) {
+      channel.Ack(std::to_string(random() % 1000));
+    } else if (fate < 7) {
+      channel.Arrive(test::FakeChannel::kAckType, id, nullptr);
+    } else if (fate < 9) {
+      late.push_back(id);
+    } else if (fate > 10) {
+      channel.Ack(id);
+    }
+    return 0;
+  }
+  void Note(const std::string& bytes) {
+    LoginLogoffEventMsg message;
+    ASSERT_TRUE(message.ParseFromString(bytes));
+    for (const auto& event : message.login_logoff_event()) {
+      EXPECT_FALSE(seen.at(event.session_id())) << "in two batches";
+      seen[event.session_id()] = true;
+    }
+  }
+
+  static constexpr uint64_t kFates = 20;
+  std::mt19937_64 random{GetParam()};
+  bool good_link = false;
+  std::map<std::string, Batch> batches;
+  std::vector<bool> seen = std::vector<bool>(kLogons);
+  std::vector<std::string> late;
+};
+
+TEST_P(CountTest, AMillionLogonsAreAllAccountedFor) {
+  zem::Logger::logLevel.store(zem::kLogFatal);
+  channel.on_send = [this](const std::string& id) { return Travel(id); };
+  settings.cache_threshold = 80;
+  Start();
+  while (given < kLogons) {
+    const uint64_t burst = random() % 50 == 0 ? 3000 : random() % 400;
+    Give(static_cast<uint32_t>(std::min<uint64_t>(burst, kLogons - given)));
+    clock.RunFor(std::chrono::milliseconds(random() % 60000));
+    for (const std::string& id : std::exchange(late, {})) channel.Ack(id);
+    clock.Settle();
+  }
+  good_link = true;
+  clock.RunFor(seconds(3000));
+  EXPECT_EQ(router->cache().Size(), 0u);
+  uint64_t received = 0;
+  uint64_t gone = 0;
+  for (const auto& [id, batch] : batches)
+    (batch.received ? received : gone) += static_cast<uint64_t>(batch.events);
+  const uint64_t dropped = router->cache().dropped();
+  const uint64_t replaced = router->messenger().replaced();
+  EXPECT_EQ(received + gone + dropped, kLogons);
+  EXPECT_LE(gone, replaced) << "a batch was given up without being counted";
+  EXPECT_GT(dropped, 0u);
+  EXPECT_GT(gone, 0u);
+  RecordProperty("received", std::to_string(received));
+  RecordProperty("dropped", std::to_string(dropped));
+  RecordProperty("replaced", std::to_string(replaced));
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, CountTest, testing::Values(1, 2, 3));
+
 // Every event is received, counted as dropped or still there, whatever the producers do at once.
 TEST(LoginLogoffInfoCacheTest, NothingIsLostBetweenManyProducersAndTheConsumer) {
   zem::test::LogCapture log(zem::kLogFatal);
@@ -325,7 +410,7 @@ TEST(LoginLogoffInfoCacheTest, NothingIsLostBetweenManyProducersAndTheConsumer) 
   LoginLogoffInfoCache cache(8, 50, signal);
   std::atomic<int> running = 3;
   uint64_t consumed = 0;
-  std::vector<std::thread> producers;
+  std::vector<zem::NativeThread> producers;
   for (uint32_t of = 0; of < 3; ++of) {
     producers.emplace_back([&] {
       for (uint32_t i = 0; i < kEach; ++i) cache.Add(Login(i));
@@ -340,7 +425,7 @@ TEST(LoginLogoffInfoCacheTest, NothingIsLostBetweenManyProducersAndTheConsumer) 
     consumed += round;
   };
   while (running > 0) consume();
-  for (std::thread& producer : producers) producer.join();
+  for (zem::NativeThread& producer : producers) producer.Join();
   consume();
   EXPECT_EQ(cache.Size(), 0u);
   EXPECT_EQ(consumed + cache.dropped(), 3u * kEach);
