@@ -20,6 +20,10 @@
 #include "sim/host/host_management.h"
 #include "sim/idfw/logon_commands.h"
 #include "sim/idfw/logon_receiver.h"
+#include "sim/inventory/host_inventory.h"
+#include "sim/inventory/inventory_commands.h"
+#include "sim/inventory/inventory_daemon.h"
+#include "sim/inventory/manager_inventory.h"
 #include "sim/kafka/kafka_commands.h"
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
@@ -127,6 +131,22 @@ class LogonPeer final : public Peer {
   LogonReceiver receiver_;
 };
 
+constexpr const char* kInventorySocket = "/etc/orlane/QubDiscoveryAgent";
+
+class InventoryPeer final : public Peer {
+ public:
+  explicit InventoryPeer(const PeerContext& context)
+      : host_(context.host, context.machines), daemon_(host_, kInventorySocket), manager_(context.manager) {}
+  void Register(CommandTable& table) override { RegisterInventoryCommands(table, host_, daemon_, manager_); }
+  std::vector<std::string> Violations() const override { return manager_.state().violations; }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return DrawInventory(manager_); }
+
+ private:
+  HostInventory host_;
+  InventoryDaemon daemon_;
+  ManagerInventory manager_;
+};
+
 constexpr const char* kMuxSocket = "/run/orlane/zem-context-mux/48655";
 constexpr std::chrono::seconds kGuestTick{10};
 
@@ -167,6 +187,9 @@ constexpr std::array kPeers = {
     PeerRow{"alarm", "The collector and the alarm clients; \"alarm help\" lists their commands.",
             &Make<AlarmsPeer>},
     PeerRow{"idfw", "The manager's receiver of logons; \"idfw help\" lists its commands.", &Make<LogonPeer>},
+    PeerRow{"inventory",
+            "The host's inventory at its daemon and at the manager; \"inventory help\" lists its commands.",
+            &Make<InventoryPeer>},
     PeerRow{"guest", "The host's guests; \"guest help\" lists their commands.", &Make<GuestPeer>},
     PeerRow{"mux", "The guests' multiplexer; \"mux help\" lists its commands.", &Make<MuxRow>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},
