@@ -46,6 +46,7 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(BSON REQUIRED IMPORTED_TARGET libbson-1.0)
 pkg_check_modules(CJSON REQUIRED IMPORTED_TARGET libcjson)
 pkg_check_modules(RDKAFKA REQUIRED IMPORTED_TARGET rdkafka)
+pkg_check_modules(PCAP REQUIRED IMPORTED_TARGET libpcap)
 find_package(GTest REQUIRED)
 find_package(benchmark REQUIRED)
 

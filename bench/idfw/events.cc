@@ -8,10 +8,12 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "app/ctxteng/channel/ctxt_channel.h"
 #include "app/ctxteng/channel/mpa_channel.h"
+#include "app/ctxteng/guest/guest_table.h"
 #include "app/ctxteng/idfw/login_logoff_event_listener.h"
 #include "app/ctxteng/idfw/login_logoff_info_cache.h"
 #include "app/ctxteng/idfw/login_logoff_info_messenger.h"
@@ -21,6 +23,7 @@
 #include "bench/soak/measures.h"
 #include "platform/core/clock.h"
 #include "platform/core/thread.h"
+#include "platform/core/uuid.h"
 #include "proto/context/idfw.pb.h"
 
 namespace zem::bench {
@@ -218,7 +221,37 @@ std::unique_ptr<LoginLogoffInfo> Logon(uint32_t number) {
   return info;
 }
 
+// The manager turns the feature on and off on a host of many guests.
+void MeasureToggle() {
+  constexpr uint32_t kGuests = 2000;
+  Ctxt::GuestTable guests;
+  std::unordered_map<std::string, uint64_t> bare;
+  std::mutex mutex;
+  for (uint32_t n = 0; n < kGuests; ++n) {
+    const auto vm = std::make_shared<Ctxt::VmData>();
+    vm->vc_uuid = RandomUuidText();
+    bare[vm->vc_uuid] = 0;
+    guests.Add(vm);
+  }
+  std::vector<double> ours;
+  std::vector<double> peer;
+  for (int round = 0; round < 10 * kRounds; ++round) {
+    const uint64_t mask = round % 2 == 0 ? 0x48 : 0;
+    Instant begin = Now();
+    guests.SetEventMaskForAllVms(Ctxt::kIdfwClient, mask);
+    ours.push_back(std::chrono::duration<double, std::micro>(Now() - begin).count());
+    begin = Now();
+    {
+      const std::lock_guard lock(mutex);
+      for (auto& [key, value] : bare) value = mask;
+    }
+    peer.push_back(std::chrono::duration<double, std::micro>(Now() - begin).count());
+  }
+  PrintLine("idfw", "toggle-of-2000-guests", "us", Median(ours), Median(peer));
+}
+
 bool RunEvents(uint32_t events) {
+  MeasureToggle();
   CompareProducers(events, 1);
   CompareProducers(events, 4);
   MeasureDuringASend(events);

@@ -16,8 +16,8 @@ int main(int argc, char** argv) {
   const zem::bench::LogCounter counter;
   zem::Logger::logLevel = zem::kLogInfo;
   const auto part = [percent](int whole) { return std::max(whole * percent / 100, 1); };
-  const bool good = zem::bench::RunEvents(static_cast<uint32_t>(part(50000))) &
-                    zem::bench::RunBatches(part(100)) &
-                    zem::bench::RunLimit(static_cast<uint32_t>(part(100000)));
+  bool good = zem::bench::RunEvents(static_cast<uint32_t>(part(50000)));
+  good = zem::bench::RunBatches(part(100)) && good;
+  good = zem::bench::RunLimit(static_cast<uint32_t>(part(100000))) && good;
   return good ? 0 : 1;
 }

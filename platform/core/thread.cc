@@ -92,10 +92,20 @@ void NativeThread::Join() {
   if (result != 0) throw std::system_error(result, std::generic_category(), "pthread_join");
 }
 
+bool NativeThread::JoinUntil(TimePoint deadline) {
+  {
+    std::unique_lock lock(state_->mutex);
+    if (!state_->changed.WaitUntil(lock, deadline, [this] { return state_->ended; })) return false;
+  }
+  Join();
+  return true;
+}
+
 void NativeThread::Detach() {
   if (!joinable()) return;
-  detached_ = true;
   pthread_detach(id_);
+  state_.reset();
+  detached_ = true;
 }
 
 int NativeThread::Cancel() { return pthread_cancel(id_); }

@@ -39,7 +39,10 @@ class NativeThread {
   /// Waits for the end of the body.  Throws std::system_error.
   void Join();
 
-  /// Lets the body run on by itself: it is not joined any more.  Also from the body.
+  /// Joins a thread that ends by `deadline`; false when it does not.  Throws std::system_error.
+  bool JoinUntil(std::chrono::steady_clock::time_point deadline);
+
+  /// Leaves the thread to itself.  What its body uses must live on.
   void Detach();
 
   /// Asks for a deferred cancellation: the body unwinds at its next wait.  Returns the system call's result.

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <utility>
 
 #include "proto/context/ids.pb.h"
@@ -88,6 +89,51 @@ void Read(const KafkaBrokers& brokers, const Arguments& arguments, const Reply& 
   reply.Ok(std::move(result));
 }
 
+Json Texts(const std::vector<std::string>& texts) {
+  Json list = JsonArray();
+  for (const std::string& text : texts) AddItem(list.get(), text);
+  return list;
+}
+
+Json Names(const std::map<std::string, std::string>& names) {
+  Json object = JsonObject();
+  for (const auto& [key, name] : names) AddMember(object.get(), key.c_str(), name);
+  return object;
+}
+
+Json FlowJson(const FlowRecords& records) {
+  Json result = JsonObject();
+  AddMember(result.get(), "messages", records.messages);
+  AddMember(result.get(), "bytes", records.bytes);
+  AddMember(result.get(), "empty", records.empty);
+  AddMember(result.get(), "sites", Texts({records.sites.begin(), records.sites.end()}));
+  AddMember(result.get(), "violations", Texts(records.violations));
+  Json guests = JsonArray();
+  for (const auto& [id, guest] : records.guests) {
+    Json item = JsonObject();
+    AddMember(item.get(), "id", id);
+    Json events = JsonArray();
+    for (const uint32_t type : guest.vm_events) AddItem(events.get(), Json(cJSON_CreateNumber(type)));
+    AddMember(item.get(), "vm_events", std::move(events));
+    AddMember(item.get(), "services", Texts(guest.services));
+    AddMember(item.get(), "sessions", Texts(guest.sessions));
+    AddMember(item.get(), "processes", Names(guest.processes));
+    AddMember(item.get(), "users", Names(guest.users));
+    AddItem(guests.get(), std::move(item));
+  }
+  AddMember(result.get(), "guests", std::move(guests));
+  return result;
+}
+
+void ShowFlow(KafkaService& service, const KafkaBrokers& brokers, const Arguments& arguments,
+              const Reply& reply) {
+  const KafkaBrokers::Topic topic = brokers.Read(arguments[0], std::chrono::seconds(kPatienceSeconds));
+  if (!topic.error.empty()) return reply.Fail(topic.error);
+  FlowRecords records = JudgeFlowRecords(topic.messages);
+  reply.Ok(FlowJson(records));
+  service.NoteFlowRecords(std::move(records));
+}
+
 void Start(KafkaService& service, const Arguments& arguments, const Reply& reply) {
   const auto count = NumberOf<int>(arguments.empty() ? std::to_string(kBrokers) : arguments[0]);
   if (!count || *count < 1 || *count > kMostBrokers) return reply.Fail("1 to 9 brokers");
@@ -128,8 +174,27 @@ std::vector<std::string> KafkaService::Draw() const {
   const auto running = brokers();
   if (!running) return {};
   const KafkaBrokers::Counters counters = running->counters();
-  return {"kafka: brokers at " + running->tls() + ", " + std::to_string(counters.connected) +
-          " TLS connections, " + std::to_string(counters.failed_handshakes) + " failed handshakes"};
+  std::vector<std::string> lines = {"kafka: brokers at " + running->tls() + ", " +
+                                    std::to_string(counters.connected) + " TLS connections, " +
+                                    std::to_string(counters.failed_handshakes) + " failed handshakes"};
+  std::lock_guard lock(mutex_);
+  for (const auto& [id, guest] : flow_records_.guests) {
+    lines.push_back("flow records: " + id + ", " + std::to_string(guest.services.size()) + " sockets of " +
+                    std::to_string(guest.processes.size()) + " processes, " +
+                    std::to_string(guest.sessions.size()) + " sessions of " +
+                    std::to_string(guest.users.size()) + " users");
+  }
+  return lines;
+}
+
+void KafkaService::NoteFlowRecords(FlowRecords records) {
+  std::lock_guard lock(mutex_);
+  flow_records_ = std::move(records);
+}
+
+std::vector<std::string> KafkaService::Violations() const {
+  std::lock_guard lock(mutex_);
+  return flow_records_.violations;
 }
 
 void RegisterKafkaCommands(CommandTable& table, KafkaService& service) {
@@ -180,6 +245,9 @@ void RegisterKafkaCommands(CommandTable& table, KafkaService& service) {
   table.Register({"read", "[--as EventInfoMsg|PcapInfoMsg|PaceContextInfoMsg] [--wait SECONDS] TOPIC",
                   "Shows what was sent to a topic: hexadecimal digits, or a message type's fields.", 1, 5,
                   running([](KafkaBrokers& b, const Arguments& a, const Reply& r) { Read(b, a, r); })});
+  table.Register(
+      {"flow", "TOPIC", "Shows, guest by guest, what the flow records of a topic say.", 1, 1,
+       running([s](KafkaBrokers& b, const Arguments& a, const Reply& r) { ShowFlow(*s, b, a, r); })});
 }
 
 }  // namespace zem::sim

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "sim/kafka/flow_records.h"
+
 namespace zem::sim {
 
 class CommandTable;
@@ -28,13 +30,18 @@ class KafkaService {
   /// The brokers' part of the node's picture.
   std::vector<std::string> Draw() const;
 
+  /// The flow records that were judged last.
+  void NoteFlowRecords(FlowRecords records);
+  std::vector<std::string> Violations() const;
+
  private:
   const std::string trust_store_;
-  mutable std::mutex mutex_;  // guards brokers_
+  mutable std::mutex mutex_;  // guards both
   std::shared_ptr<KafkaBrokers> brokers_;
+  FlowRecords flow_records_;
 };
 
-/// The commands "start", "stop", "state", "authority", "break", "mend", "slow" and "read".
+/// The commands "start", "stop", "state", "authority", "break", "mend", "slow", "read" and "flow".
 void RegisterKafkaCommands(CommandTable& table, KafkaService& service);
 
 }  // namespace zem::sim

@@ -16,6 +16,7 @@
 #include "sim/firewall/firewall_commands.h"
 #include "sim/guest/world/guest_world.h"
 #include "sim/host/raw_sockets.h"
+#include "sim/kafka/kafka_commands.h"
 #include "sim/killpoints/kill_page.h"
 #include "sim/node/peer_table.h"
 #include "sim/sandbox/sandbox.h"
@@ -30,6 +31,8 @@ constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kAgentLink = "/run/orlane/zem-agent/zema_link";
 constexpr const char* kIssueFile = "/etc/zem_issue";
 constexpr const char* kOptionsFile = "/etc/orlane/zem-tarvik/zem-tarvik.xml";
+// The folder of the host's key and certificate.
+constexpr const char* kTrustStore = "/etc/orlane/zem/";
 constexpr const char* kGuestFolder = "/run/orlane/guests";
 constexpr const char* kRealizationFile = "/etc/orlane/zem-tarvik/zema.json";
 
@@ -105,8 +108,10 @@ Node::~Node() {
 
 void Node::MakePeers() {
   guests_ = std::make_unique<guest::GuestWorld>(kGuestFolder);
-  const PeerContext context{options_,    control_provider_, *store_,    registry_,     *manager_, *dataplane_,
-                            host_state_, *host_management_, *machines_, switch_state_, *guests_,  *daemon_};
+  kafka_ = std::make_unique<KafkaService>(kTrustStore);
+  const PeerContext context{options_,    control_provider_, *store_,           registry_,  *manager_,
+                            *dataplane_, host_state_,       *host_management_, *machines_, switch_state_,
+                            *guests_,    *kafka_,           *daemon_};
   for (const PeerRow& row : PeerTable()) {
     PeerEntry& entry = peers_.emplace_back();
     entry.name = row.name;

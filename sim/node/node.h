@@ -25,6 +25,7 @@ namespace zem::sim {
 
 class ControlServer;
 class DataplaneAgent;
+class KafkaService;
 class RawListeners;
 namespace guest {
 class GuestWorld;
@@ -94,6 +95,7 @@ class Node {
   std::unique_ptr<VirtualMachines> machines_;
   EdgeService edge_;
   std::unique_ptr<guest::GuestWorld> guests_;
+  std::unique_ptr<KafkaService> kafka_;
   std::unique_ptr<KillSwitch> kill_switch_;
   std::unique_ptr<DaemonProcess> daemon_;
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <memory>
+#include <stdexcept>
 #include <utility>
 
 #include "sim/alarmpeers/alarm_commands.h"
@@ -16,18 +17,27 @@
 #include "sim/guest/guest_picture.h"
 #include "sim/guest/mux_peer.h"
 #include "sim/guest/world/guest_world.h"
+#include "sim/host/detection_commands.h"
 #include "sim/host/host_commands.h"
 #include "sim/host/host_management.h"
 #include "sim/idfw/logon_commands.h"
 #include "sim/idfw/logon_receiver.h"
+#include "sim/ids/detection_process.h"
+#include "sim/ids/ids_commands.h"
+#include "sim/ids/ids_ledger.h"
+#include "sim/ids/ids_services.h"
+#include "sim/ids/log_collector.h"
 #include "sim/inventory/host_inventory.h"
 #include "sim/inventory/inventory_commands.h"
 #include "sim/inventory/inventory_daemon.h"
 #include "sim/inventory/manager_inventory.h"
+#include "sim/kafka/kafka_brokers.h"
 #include "sim/kafka/kafka_commands.h"
+#include "sim/kafka/kafka_profile.h"
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
 #include "sim/node/vm_commands.h"
+#include "sim/profiles/profile_commands.h"
 #include "sim/sandbox/daemon_process.h"
 #include "sim/sandbox/sandbox.h"
 #include "sim/store/store_daemon.h"
@@ -35,9 +45,6 @@
 
 namespace zem::sim {
 namespace {
-
-// The folder of the host's key and certificate.
-constexpr const char* kTrustStore = "/etc/orlane/zem/";
 
 // A peer that the node itself owns: the row only leads to its commands.
 class OwnedByNode : public Peer {
@@ -97,14 +104,28 @@ class FirewallPeer final : public Peer {
   std::vector<std::string> Draw(size_t most) const override { return DrawFirewall(most); }
 };
 
-class KafkaPeer final : public Peer {
+class KafkaPeer final : public OwnedByNode {
  public:
-  explicit KafkaPeer(const PeerContext& /*context*/) : service_(kTrustStore) {}
-  void Register(CommandTable& table) override { RegisterKafkaCommands(table, service_); }
-  std::vector<std::string> Draw(size_t /*most*/) const override { return service_.Draw(); }
+  using OwnedByNode::OwnedByNode;
+  void Register(CommandTable& table) override {
+    RegisterKafkaCommands(table, context_.kafka);
+    RegisterKafkaProfileCommand(table, context_.kafka);
+  }
+  std::vector<std::string> Violations() const override { return context_.kafka.Violations(); }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return context_.kafka.Draw(); }
+};
 
- private:
-  KafkaService service_;
+class ProfilePeer final : public OwnedByNode {
+ public:
+  using OwnedByNode::OwnedByNode;
+  void Register(CommandTable& table) override { RegisterProfileCommands(table, context_.store.store()); }
+};
+
+class DetectionPeer final : public Peer {
+ public:
+  explicit DetectionPeer(const PeerContext& /*context*/) {}
+  void Register(CommandTable& table) override { RegisterDetectionCommands(table); }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return DrawDetection(); }
 };
 
 class AlarmsPeer final : public Peer {
@@ -147,6 +168,35 @@ class InventoryPeer final : public Peer {
   ManagerInventory manager_;
 };
 
+constexpr const char* kAlertSocket = "/var/log/zem-idps/eve.socket";
+constexpr const char* kCaptures = "/var/log/zem-idps/pcaps";
+constexpr const char* kLoggerSocket = "/var/log/zem-idps/zem-idps-events.socket";
+constexpr std::chrono::seconds kBrokersPatience{60};
+
+class IdsPeer final : public Peer {
+ public:
+  explicit IdsPeer(const PeerContext& context)
+      : detection_(kAlertSocket, kCaptures, ledger_),
+        services_(context.manager, ledger_),
+        peers_{detection_, logger_, services_, ledger_, [&kafka = context.kafka](const std::string& topic) {
+                 const auto brokers = kafka.brokers();
+                 if (!brokers) throw std::runtime_error("the brokers do not run");
+                 auto read = brokers->Read(topic, kBrokersPatience);
+                 if (!read.error.empty()) throw std::runtime_error(read.error);
+                 return std::move(read.messages);
+               }} {}
+  void Register(CommandTable& table) override { RegisterIdsCommands(table, peers_); }
+  std::vector<std::string> Violations() const override { return ledger_.violations(); }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return DrawIds(peers_); }
+
+ private:
+  IdsLedger ledger_;
+  DetectionProcess detection_;
+  LogCollector logger_{kLoggerSocket};
+  IdsServices services_;
+  const IdsPeers peers_;
+};
+
 constexpr const char* kMuxSocket = "/run/orlane/zem-context-mux/48655";
 constexpr std::chrono::seconds kGuestTick{10};
 
@@ -184,12 +234,17 @@ constexpr std::array kPeers = {
     PeerRow{"host", "The host and its management script; \"host help\" lists its commands.", &Make<HostPeer>},
     PeerRow{"fw", "The host's firewall; \"fw help\" lists its commands.", &Make<FirewallPeer>},
     PeerRow{"kafka", "Kafka brokers; \"kafka help\" lists their commands.", &Make<KafkaPeer>},
+    PeerRow{"profile", "The node's profiles; \"profile help\" lists its commands.", &Make<ProfilePeer>},
+    PeerRow{"detection", "The intrusion detection process; \"detection help\" lists its commands.",
+            &Make<DetectionPeer>},
     PeerRow{"alarm", "The collector and the alarm clients; \"alarm help\" lists their commands.",
             &Make<AlarmsPeer>},
     PeerRow{"idfw", "The manager's receiver of logons; \"idfw help\" lists its commands.", &Make<LogonPeer>},
     PeerRow{"inventory",
             "The host's inventory at its daemon and at the manager; \"inventory help\" lists its commands.",
             &Make<InventoryPeer>},
+    PeerRow{"ids", "The detection process and its logger; \"ids help\" lists their commands.",
+            &Make<IdsPeer>},
     PeerRow{"guest", "The host's guests; \"guest help\" lists their commands.", &Make<GuestPeer>},
     PeerRow{"mux", "The guests' multiplexer; \"mux help\" lists its commands.", &Make<MuxRow>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},

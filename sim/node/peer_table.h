@@ -15,6 +15,7 @@ class DaemonProcess;
 class DataplaneAgent;
 class HostManagement;
 class HostState;
+class KafkaService;
 class Manager;
 class ObjectRegistry;
 class StoreDaemon;
@@ -39,6 +40,8 @@ struct PeerContext {
   const SwitchState& switches;
   /// The guests, which outlive the daemon and the multiplexer's deaths.
   guest::GuestWorld& guests;
+  /// The brokers, which other rows read.
+  KafkaService& kafka;
   /// Not started yet: a peer may set variables for it.
   DaemonProcess& daemon;
 };

@@ -39,6 +39,7 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"restart the agent", 1, &WorldLife::RestartAgent},
       {"change solutions, profiles or rules", 12, &WorldLife::ChangeProtection},
       {"guests, users and connections change", 8, &WorldLife::ChangeGuests},
+      {"alerts and captures are announced", 8, &WorldLife::AnnounceAlerts},
       {"raise or clear an alarm", 12, &WorldLife::RaiseOrClearAlarm},
       {"report a status", 4, &WorldLife::ReportStatus},
   };
@@ -66,13 +67,18 @@ const std::vector<WorldLife::Step>& WorldLife::Misfortunes() {
       {"a service VM goes or comes", 3, &WorldLife::MoveServiceVm},
       {"an alarm client goes or comes", 3, &WorldLife::AlarmClientGoesOrComes},
       {"an alarm client misbehaves", 3, &WorldLife::AlarmClientMisbehaves},
+      {"the alerts' logger or Kafka goes or comes", 3, &WorldLife::DisturbAlerts},
       {"the collector misanswers", 2, &WorldLife::CollectorMisanswers},
+      {"the receiver of logons misanswers", 3, &WorldLife::LogonsMisanswered},
   };
   return steps;
 }
 
 WorldLife::WorldLife(const Options& options)
-    : options_(options), random_(options.seed), managed_(options.seed % 4 == 3), node_(options.log) {
+    : options_(options),
+      random_(options.seed),
+      managed_(options.seed % 4 == 3),
+      node_(options.log, options.seed % 2 == 0) {
   alarms_ = std::make_unique<WorldAlarms>(*node_.manager, [this](uint64_t below) { return Pick(below); });
   for (size_t i = 0; i < kNetworks.size(); ++i) node_.manager->vifs().AddSwitch(kNetworks[i], ZoneOf(i));
   node_.manager->vifs().AddSwitch(kPortGroup, sim::kZones[0]);

@@ -99,6 +99,7 @@ class WorldLife {
   void RestartAgent();
   void ChangeProtection();
   void ChangeGuests();
+  void AnnounceAlerts();
   void RaiseOrClearAlarm();
   void ReportStatus();
 
@@ -120,9 +121,11 @@ class WorldLife {
   void FailMaintenanceTool();
   void BounceMultiplexer();
   void MoveServiceVm();
+  void DisturbAlerts();
   void AlarmClientGoesOrComes();
   void AlarmClientMisbehaves();
   void CollectorMisanswers();
+  void LogonsMisanswered();
 
   void Calm();
   void Launch(const std::string& vm, std::function<sim::VirtualMachines::Steps()> change);

@@ -110,6 +110,7 @@ void WorldLife::FailMaintenanceTool() {
 void WorldLife::AlarmClientGoesOrComes() { alarms_->ClientGoesOrComes(); }
 void WorldLife::AlarmClientMisbehaves() { alarms_->ClientMisbehaves(); }
 void WorldLife::CollectorMisanswers() { alarms_->CollectorMisanswers(); }
+void WorldLife::LogonsMisanswered() { node_.guests->Misanswer(random_); }
 
 void WorldLife::DropHostManagement() {
   switch (Pick(3)) {
@@ -123,6 +124,7 @@ void WorldLife::DropHostManagement() {
 }
 
 void WorldLife::BounceMultiplexer() { node_.introspection.BounceMux(random_); }
+void WorldLife::DisturbAlerts() { node_.ids->Disturb(random_); }
 void WorldLife::MoveServiceVm() { node_.introspection.MoveServiceVm(random_); }
 
 }  // namespace zem::world

@@ -40,7 +40,7 @@ void Write(const std::string& path, const std::string& text) {
 
 }  // namespace
 
-WorldNode::WorldNode(std::FILE* log) {
+WorldNode::WorldNode(std::FILE* log, bool small_logon_cache) {
   log_file = log;
   Logger::SetEmitter(&EmitToFile);
   InstallLibraryLogBridge();
@@ -55,12 +55,15 @@ WorldNode::WorldNode(std::FILE* log) {
   for (const char* aph : kAphs) manager->AddAph(aph, aph == kAphs[0]);
   host_management = std::make_unique<sim::HostManagement>();
   machines = std::make_unique<sim::VirtualMachines>(*host_management, host.VmFile());
-  guests = std::make_unique<WorldGuests>();
+  guests = std::make_unique<WorldGuests>(*manager, store->store(), small_logon_cache);
+  ids = std::make_unique<WorldIds>(*manager);
   if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
 }
 
 WorldNode::~WorldNode() {
   if (app_) StopAgent();
+  guests.reset();
+  ids.reset();
   machines.reset();
   host_management.reset();
   manager.reset();
@@ -93,15 +96,17 @@ void WorldNode::StartAgent() {
   alarms_ =
       std::make_shared<Tarvik::AlarmsProvider>(*provider_, store_client_, Tarvik::AlarmsProvider::Files());
   if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
+  ids->StartAgent(*provider_);
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
-  guests->StartAgent();
+  guests->StartAgent(*provider_, store_client_);
 }
 
 void WorldNode::StopAgent() {
   Tarvik::CloseShutdownPipe();
   proxy_client_->Stop();
   guests->StopAgent();
+  ids->StopAgent();
   introspection.StopAgent();
   alarms_->Stop();
   app_->Stop(0);

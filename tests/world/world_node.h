@@ -14,6 +14,7 @@
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
 #include "tests/world/world_guests.h"
+#include "tests/world/world_ids.h"
 #include "tests/world/world_introspection.h"
 
 namespace zem {
@@ -47,8 +48,8 @@ inline constexpr const char* kStateFolder = "/etc/orlane/zema";
 /// processes work.
 class WorldNode {
  public:
-  /// Writes the agent's log lines to `log`; null: no log.
-  explicit WorldNode(std::FILE* log);
+  /// Writes the agent's log lines to `log`; null: no log.  With a small cache logons are dropped.
+  explicit WorldNode(std::FILE* log, bool small_logon_cache = false);
   ~WorldNode();
 
   void StartAgent();
@@ -75,6 +76,7 @@ class WorldNode {
   std::unique_ptr<sim::VirtualMachines> machines;
   WorldIntrospection introspection;
   std::unique_ptr<WorldGuests> guests;
+  std::unique_ptr<WorldIds> ids;
 
  private:
   std::unique_ptr<AsioZemProvider> provider_;

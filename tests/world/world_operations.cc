@@ -419,6 +419,7 @@ void WorldLife::ChangeProtection() {
       random_, [this](const orlane::zem::covedb::ModifyRequestMsg& request) { Modify(request); });
 }
 void WorldLife::ChangeGuests() { node_.guests->Change(random_); }
+void WorldLife::AnnounceAlerts() { node_.ids->Announce(random_); }
 void WorldLife::RaiseOrClearAlarm() { alarms_->RaiseOrClear(); }
 void WorldLife::ReportStatus() { alarms_->ReportStatus(); }
 

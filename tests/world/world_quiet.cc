@@ -61,6 +61,7 @@ void WorldLife::Calm() {
   node_.manager->SetMaster(kAphs[Pick(3)]);
   node_.introspection.Calm();
   node_.guests->Calm();
+  node_.ids->Calm();
   alarms_->Calm();
   JoinVms();
   node_.clock.RunFor(kQuiet);
@@ -346,6 +347,7 @@ Lines WorldLife::CheckAll() {
   Await([this] { return CheckChannel(); }, &lines);
   Await([this] { return node_.introspection.Check(node_.store->store()); }, &lines);
   Await([this] { return node_.guests->Check([this] { node_.clock.Settle(); }); }, &lines);
+  Await([this] { return node_.ids->Check(); }, &lines);
   Await([this] { return alarms_->Check(); }, &lines);
   Await([this] { return sim::CheckHealth(node_.switches, "up"); }, &lines);
   Await([this] { return sim::CheckManners(node_.switches, *node_.host_management); }, &lines);

@@ -8,12 +8,14 @@
 #include "app/ctxteng/engine/ctxt_core.h"
 #include "app/ctxteng/engine/ids_of_agent.h"
 #include "app/ctxteng/firewall/dfw_connector.h"
+#include "app/ctxteng/flow/pace.h"
 #include "app/ctxteng/guest/endvat_lib.h"
 #include "app/ctxteng/guest/endvat_util.h"
 #include "app/ctxteng/handler/sample_client.h"
 #include "app/ctxteng/health/ctxt_health.h"
 #include "app/ctxteng/idfw/idfw.h"
 #include "app/ctxteng/ids/ids.h"
+#include "app/ctxteng/idsevents/ids_counters.h"
 #include "app/ctxteng/introspection/ouvi_introspection.h"
 #include "app/ctxteng/introspection/surroundings.h"
 #include "framework/log/log.h"
@@ -92,6 +94,15 @@ class ChannelDownAlarm final : public PartnerAlarm {
   void Shutdown() override { OuviAlarm::GetInstance().Shutdown(); }
 };
 
+// Its brokers' alarm is the one of intrusion detection: there is one for the node.
+const std::shared_ptr<PaceClient::Pace>& PaceOfAgent() {
+  // Never destroyed: guests' threads may be in it while the process ends.
+  static const auto& pace = *new auto(
+      std::make_shared<PaceClient::Pace>(CtxtCore::GetInstance().guests(), &IdsOfAgent()->kafka_alarm(),
+                                         IdsEvtEng::IdsCounters::Process().deliveries));
+  return pace;
+}
+
 }  // namespace
 
 const std::shared_ptr<Idfw>& IdfwOfAgent() {
@@ -107,6 +118,7 @@ EngineParts PartsOfAgent(zem::AsioZemProvider& provider) {
   parts.clients.idfw_updates = IdfwOfAgent();
   parts.clients.ids = IdsOfAgent();
   parts.clients.ids_updates = IdsOfAgent();
+  parts.clients.pace = PaceOfAgent();
   parts.clients.is_well_known_sid = [idfw = IdfwOfAgent()](const std::string& sid) {
     return idfw->IsUserIgnored(sid);
   };

@@ -157,7 +157,9 @@ Idfw::Counts Idfw::Count() const {
 
 // --- The feature toggle.
 
-void Idfw::FeatureToggle(const orlane::zem::covedb::MonitorUpdateMsg& update) { master_switch_.Take(update); }
+void Idfw::OnFeatureToggle(const orlane::zem::covedb::MonitorUpdateMsg& update) {
+  master_switch_.Take(update);
+}
 
 void Idfw::StoreBegins() { master_switch_.StoreBegins(); }
 

@@ -1,7 +1,6 @@
 #include "app/ctxteng/idfw/login_logoff_event.h"
 
 #include <array>
-#include <cstring>
 #include <string>
 
 #include "app/ctxteng/idfw/login_logoff_info.h"
@@ -45,7 +44,7 @@ bool FillLoginLogoffEvent(const LoginLogoffInfo& info, orlane::zem::context::idf
   if (info.clientIpType < kIpVersions) {
     auto* const client = event->mutable_client_ip();
     client->set_type(info.clientIpType + 1);
-    client->set_address(info.clientIp.data(), strnlen(info.clientIp.data(), info.clientIp.size()));
+    client->set_address(std::string(info.ClientIpText()));
   } else if (info.clientIpType == kNoIpVersion) {
     ZLOG_INFO("Idfw: Address type not specified for login/logoff event client IP");
   } else {

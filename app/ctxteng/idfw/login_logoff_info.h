@@ -1,8 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace Ctxt {
 
@@ -22,6 +24,11 @@ struct LoginLogoffInfo {
   uint32_t eventType = 0;
   std::string vcUuid;
   std::string biosUuid;
+
+  std::string_view ClientIpText() const {
+    return {clientIp.data(),
+            static_cast<size_t>(std::find(clientIp.begin(), clientIp.end(), '\0') - clientIp.begin())};
+  }
 };
 
 }  // namespace Ctxt

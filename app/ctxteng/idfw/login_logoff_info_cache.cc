@@ -25,8 +25,7 @@ void Dump(const LoginLogoffInfo& info) {
   ZLOG_TRACE("\tEvent timestamp: %lu", info.timestamp);
   ZLOG_TRACE("\tSession ID: %u", info.sessionId);
   ZLOG_TRACE("\tEvent Type: %d", static_cast<int>(info.eventType));
-  ZLOG_TRACE("\tClient ip %s",
-             std::string(info.clientIp.data(), strnlen(info.clientIp.data(), info.clientIp.size())).c_str());
+  ZLOG_TRACE("\tClient ip %s", std::string(info.ClientIpText()).c_str());
   ZLOG_TRACE("\tClient type %u", info.clientIpType);
   ZLOG_TRACE("Idfw: Dump LOGIN/LOGOFF INFO DONE");
 }
@@ -56,7 +55,7 @@ bool LoginLogoffInfoCache::Reserve(uint32_t* size) {
 
 std::unique_ptr<LoginLogoffInfo> LoginLogoffInfoCache::Pop() {
   LoginLogoffInfo* info = nullptr;
-  if (!queue_.pop(info)) return nullptr;
+  if (!queue_.Pop(&info)) return nullptr;
   --size_;
   return std::unique_ptr<LoginLogoffInfo>(info);
 }
@@ -66,7 +65,7 @@ void LoginLogoffInfoCache::Add(std::unique_ptr<LoginLogoffInfo> info) {
   uint32_t size = 0;
   for (int tries = 0;;) {
     if (Reserve(&size)) {
-      if (queue_.bounded_push(info.get())) break;
+      if (queue_.Push(info.get())) break;
       --size_;
     }
     if (Pop() != nullptr) {

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <atomic>
-#include <boost/lockfree/queue.hpp>
 #include <cstdint>
 #include <functional>
 #include <memory>
 
 #include "app/ctxteng/idfw/login_logoff_info.h"
+#include "platform/core/lock_free_queue.h"
 
 namespace Ctxt {
 
@@ -50,7 +50,7 @@ class LoginLogoffInfoCache {
   const uint32_t cache_limit_;
   const uint32_t cache_threshold_;
   const std::shared_ptr<LoginLogoffSignal> signal_;
-  boost::lockfree::queue<LoginLogoffInfo*> queue_;
+  zem::LockFreeQueue<LoginLogoffInfo*> queue_;
   // Places taken.  Rises before an entry goes into the queue and falls after it has left, so that the queue
   // never holds more, and its pool of nodes is always enough.
   // On a cache line of its own: every thread writes it.

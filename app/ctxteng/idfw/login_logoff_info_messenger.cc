@@ -89,8 +89,7 @@ std::shared_ptr<LoginLogoffInfoMessenger::EventMsg> LoginLogoffInfoMessenger::Dr
   options.start_block_size = kFirstBlock;
   options.max_block_size = kLargestBlock;
   const auto arena = std::make_shared<google::protobuf::Arena>(options);
-  const std::shared_ptr<EventMsg> events(arena,
-                                         google::protobuf::Arena::CreateMessage<EventMsg>(arena.get()));
+  std::shared_ptr<EventMsg> events(arena, google::protobuf::Arena::CreateMessage<EventMsg>(arena.get()));
   cache.ConsumeAll([&](const LoginLogoffInfo& info) {
     if (FillLoginLogoffEvent(info, events->add_login_logoff_event())) return;
     if (nameless_.size() >= kMostNameless || !nameless_.insert(info.vcUuid + ' ' + info.biosUuid).second)

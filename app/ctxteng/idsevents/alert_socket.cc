@@ -5,6 +5,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 
@@ -22,8 +24,9 @@ constexpr zem::LogSource kLog{"tarvik", "idsevt"};
 
 constexpr std::chrono::seconds kWait{10};
 constexpr std::chrono::seconds kAfterFailure{1};
-// Datagrams that are received between two looks at the interruption.
-constexpr int kMostInARow = 64;
+// What is received by one call of the system, at most, and its memory.
+constexpr size_t kMostDatagrams = 16;
+constexpr size_t kMostBytes = 1 << 20;
 constexpr uint32_t kLinesOfAKind = 10;
 LineBudget g_receive_errors{kLinesOfAKind};
 LineBudget g_other_lines{kLinesOfAKind};
@@ -60,8 +63,10 @@ bool AlertSocket::Open() {
     ZLOG_CTX_ERROR(725, "Failed to set flags on listen fd for socket %s", name);
     return false;
   }
-  // One byte more than is received, for the text's end.
-  buffer_.resize(size_t{param_.idsSocketRecvLen} + 1);
+  // The system has no datagram that is larger than this.
+  datagram_size_ = std::clamp<size_t>(param_.idsSocketRecvLen, 1, kMostBytes);
+  datagrams_ = std::clamp<size_t>(kMostBytes / datagram_size_, 1, kMostDatagrams);
+  buffers_.resize(datagrams_ * (datagram_size_ + 1));
   return true;
 }
 
@@ -79,9 +84,7 @@ void AlertSocket::Run() {
 void AlertSocket::WaitAndReceive() {
   switch (interruption_.WaitFor(socket_.get(), POLLIN, kWait)) {
     case Interruption::Wait::kReady:
-      for (int i = 0; i < kMostInARow && Receive(i == 0); ++i) {
-      }
-      return;
+      return Receive();
     case Interruption::Wait::kFailed:
       ZLOG_CTX_ERROR(727, "Select error on socket %s, errno = %d", param_.idsSocketName.c_str(), errno);
       interruption_.SleepFor(kAfterFailure);
@@ -92,20 +95,31 @@ void AlertSocket::WaitAndReceive() {
   }
 }
 
-// False when nothing was there.
-bool AlertSocket::Receive(bool first) {
-  const ssize_t length = ::recv(socket_.get(), buffer_.data(), buffer_.size() - 1, 0);
+void AlertSocket::Receive() {
+  std::array<iovec, kMostDatagrams> buffers{};
+  std::array<mmsghdr, kMostDatagrams> messages{};
+  for (size_t i = 0; i < datagrams_; ++i) {
+    buffers[i] = {&buffers_[i * (datagram_size_ + 1)], datagram_size_};
+    messages[i].msg_hdr.msg_iov = &buffers[i];
+    messages[i].msg_hdr.msg_iovlen = 1;
+  }
+  const int received =
+      ::recvmmsg(socket_.get(), messages.data(), static_cast<unsigned>(datagrams_), MSG_DONTWAIT, nullptr);
+  if (received < 0) return TakeReceived(nullptr, received, errno);
+  for (size_t i = 0; i < static_cast<size_t>(received); ++i)
+    TakeReceived(static_cast<char*>(buffers[i].iov_base), messages[i].msg_len, 0);
+}
+
+void AlertSocket::TakeReceived(char* bytes, ssize_t length, int error) {
   if (length <= 0) {
-    if (length < 0 && !first) return false;
     if (g_receive_errors.Allows())
       ZLOG_CTX_ERROR(726, "Error receiving on socket %s, ret = %d, errno = %d", param_.idsSocketName.c_str(),
-                     static_cast<int>(length), length < 0 ? errno : 0);
-    return length == 0;
+                     static_cast<int>(length), error);
+    return;
   }
-  buffer_[static_cast<size_t>(length)] = '\0';
-  ZLOG_DEBUG("Data received on socket: len = %d, %s", static_cast<int>(length), buffer_.c_str());
-  Take(std::string_view(buffer_).substr(0, static_cast<size_t>(length)));
-  return true;
+  bytes[length] = '\0';
+  ZLOG_DEBUG("Data received on socket: len = %d, %s", static_cast<int>(length), bytes);
+  Take(std::string_view(bytes, static_cast<size_t>(length)));
 }
 
 void AlertSocket::Take(std::string_view datagram) {

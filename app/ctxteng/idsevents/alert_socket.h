@@ -1,7 +1,11 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "app/ctxteng/base/client_param.h"
 #include "app/ctxteng/idsevents/intake.h"
@@ -39,7 +43,8 @@ class AlertSocket {
  private:
   bool Open();
   void WaitAndReceive();
-  bool Receive(bool first);
+  void Receive();
+  void TakeReceived(char* bytes, ssize_t length, int error);
   void KeepForLogger(std::string_view text);
 
   const IdsParam& param_;
@@ -48,7 +53,9 @@ class AlertSocket {
   IIdsServices& services_;
   Interruption& interruption_;
   zem::UniqueFd socket_;
-  std::string buffer_;
+  size_t datagram_size_ = 0;  // of one buffer, its closing zero not counted
+  size_t datagrams_ = 0;      // received at once
+  std::vector<char> buffers_;
   JsonLine line_;  // kept for its memory
 };
 

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,15 +12,9 @@ namespace IdsEvtEng {
 
 /// Threads that end together.
 ///
-/// Threads: one owner.
+/// Threads: one owner.  The destructor joins, without a limit, what `Join` was not called for.
 class Workers {
  public:
-  Workers();
-  /// Joins, without a limit, what `Join` was not called for.
-  ~Workers();
-  Workers(const Workers&) = delete;
-  Workers& operator=(const Workers&) = delete;
-
   /// Throws std::system_error when the system refuses the thread.
   void Start(std::string name, std::function<void()> body);
 
@@ -29,14 +23,7 @@ class Workers {
   size_t Join(zem::Duration patience);
 
  private:
-  struct Ended;
-  struct Worker {
-    zem::NativeThread thread;
-    size_t number;
-  };
-
-  const std::shared_ptr<Ended> ended_;
-  std::vector<Worker> workers_;
+  std::vector<zem::NativeThread> threads_;
 };
 
 }  // namespace IdsEvtEng

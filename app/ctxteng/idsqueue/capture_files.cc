@@ -113,31 +113,35 @@ void CaptureFiles::RemoveStale(zem::Duration age) const {
   });
 }
 
-// The usual name, or another one for the same numbers, say with leading zeros.
-std::string CaptureFiles::Reader::NameOf(CaptureKey key) {
-  std::string usual = UsualName(key);
-  if (::faccessat(folder_.get(), usual.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return usual;
+// By the usual name, or by another one for the same numbers, say with leading zeros.
+zem::UniqueFd CaptureFiles::Reader::Open(CaptureKey key, std::string* name) {
+  constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  *name = UsualName(key);
+  zem::UniqueFd usual(::openat(folder_.get(), name->c_str(), kFlags));
+  if (usual || errno != ENOENT) return usual;
   if (!std::exchange(walked_, true)) {
-    files_.Walk([this](int /*folder*/, const char* name) {
-      const auto found = ParseCaptureName(name);
-      if (!found || UsualName(*found) == name || unusual_names_.size() >= kMostUnusualNames) return;
-      unusual_names_.try_emplace(*found, name);
+    files_.Walk([this, key](int /*folder*/, const char* entry) {
+      const auto found = ParseCaptureName(entry);
+      if (!found) return;
+      if (*found != key)
+        ZLOG_TRACE("not matching with flowId: %lu, snipTsUs: %lu, flowIdF: %lu, snipTsUsF: %lu", key.flow_id,
+                   key.snip_ts_us, found->flow_id, found->snip_ts_us);
+      if (UsualName(*found) != entry && unusual_names_.size() < kMostUnusualNames)
+        unusual_names_.try_emplace(*found, entry);
     });
   }
   const auto unusual = unusual_names_.find(key);
-  if (unusual != unusual_names_.end()) return unusual->second;
-  ZLOG_TRACE("not matching with flowId: %lu, snipTsUs: %lu, flowIdF: %lu, snipTsUsF: %lu", key.flow_id,
-             key.snip_ts_us, uint64_t{0}, uint64_t{0});
-  return usual;
+  if (unusual == unusual_names_.end()) return {};
+  *name = unusual->second;
+  return zem::UniqueFd(::openat(folder_.get(), name->c_str(), kFlags));
 }
 
 std::optional<Capture> CaptureFiles::Reader::Read(CaptureKey key, size_t most, bool remove) {
   if (!std::exchange(opened_, true))
     folder_.Reset(::open(files_.directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!folder_) return std::nullopt;
-  const std::string name = NameOf(key);
-  const zem::UniqueFd fd(
-      ::openat(folder_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  std::string name;
+  const zem::UniqueFd fd = Open(key, &name);
   struct stat file {};
   if (!fd || ::fstat(fd.get(), &file) != 0 || !S_ISREG(file.st_mode)) return std::nullopt;
   ZLOG_DEBUG("matched with flowId: %lu, snipTsUs: %lu", key.flow_id, key.snip_ts_us);

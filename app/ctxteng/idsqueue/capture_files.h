@@ -65,7 +65,7 @@ class CaptureFiles {
     std::optional<Capture> Read(CaptureKey key, size_t most, bool remove);
 
    private:
-    std::string NameOf(CaptureKey key);
+    zem::UniqueFd Open(CaptureKey key, std::string* name);
 
     const CaptureFiles& files_;
     bool opened_ = false;

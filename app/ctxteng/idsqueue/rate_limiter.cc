@@ -40,10 +40,17 @@ RateLimiter::Slot& RateLimiter::Touch(const std::string& key, int64_t now) {
   if (found == by_key_.end()) {
     slots_.push_back({key, 0, 0, {}});
     by_key_.emplace(slots_.back().key, std::prev(slots_.end()));
+  } else if (found->second->last_seen == now) {
+    // Its place among the slots of this second does not matter, and its neighbours are far away in memory.
+    return Count(&*found->second, now);
   } else {
     slots_.splice(slots_.end(), slots_, found->second);
   }
-  Slot& slot = slots_.back();
+  return Count(&slots_.back(), now);
+}
+
+RateLimiter::Slot& RateLimiter::Count(Slot* counted, int64_t now) {
+  Slot& slot = *counted;
   ForgetOldSeconds(&slot, now);
   slot.last_seen = now;
   ++slot.count;
@@ -52,7 +59,7 @@ RateLimiter::Slot& RateLimiter::Touch(const std::string& key, int64_t now) {
     ++seconds_;
   }
   ++slot.seconds.back().second;
-  while (slots_.size() > kMostSlots || (seconds_ > kMostSeconds && slots_.size() > 1)) DropQuietest();
+  while (slots_.size() > kMostSlots || (seconds_ > kMostSeconds && &slots_.front() != &slot)) DropQuietest();
   return slot;
 }
 

@@ -5,6 +5,7 @@
 #include <list>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -45,6 +46,7 @@ class RateLimiter {
   };
 
   Slot& Touch(const std::string& key, int64_t now);
+  Slot& Count(Slot* slot, int64_t now);
   void Expire(int64_t now);
   void ForgetOldSeconds(Slot* slot, int64_t now);
   void DropQuietest();

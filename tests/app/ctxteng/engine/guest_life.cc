@@ -32,6 +32,18 @@ UserTables& Users() { return CtxtCore::GetInstance().users(); }
 
 }  // namespace
 
+GuestLife::Client GuestLife::ClientOf(RecordingClient& client) {
+  return {.guests =
+              [&client] {
+                std::lock_guard lock(client.mutex);
+                std::set<std::string> known;
+                for (const auto& [key, vm] : client.guests) known.insert(key);
+                return known;
+              },
+          .turn = [](bool on) { Guests().SetEventMaskForAllVms(kIdfwClient, on ? 0x48 : 0); },
+          .wants = [](const Guest&) { return true; }};
+}
+
 void GuestLife::AddGuests() {
   for (int i = 0; i < kGuests; ++i) {
     Guest guest;
@@ -100,7 +112,7 @@ void GuestLife::Step(const Number& number) {
       return;
     }
     case 11:
-      return Guests().SetEventMaskForAllVms(kIdfwClient, number(2) == 0 ? 0 : 0x48);
+      return client_.turn(number(2) != 0);
     case 12:
       return Guests().SetProtocolMask(number(2) == 0 ? 0x600 : 0xE00);
     default:
@@ -114,7 +126,7 @@ void GuestLife::Calm() {
     std::lock_guard lock(firewall_.mutex);
     firewall_.reachable = true;
   }
-  Guests().SetEventMaskForAllVms(kIdfwClient, 0x48);
+  client_.turn(true);
   Guests().SetProtocolMask(0xE00);
   world_.Tick({});
 }
@@ -135,12 +147,7 @@ GuestLife::Lines GuestLife::Check(const std::function<void()>& settle) {
     if (guest.mask != 0xE48) lines.push_back(guest.name + " has the mask " + std::to_string(guest.mask));
     CheckConnection(guest, settle, &lines);
   }
-  std::set<std::string> known;
-  {
-    std::lock_guard lock(client_.mutex);
-    for (const auto& [key, vm] : client_.guests) known.insert(key);
-  }
-  if (known != on) lines.push_back("the client knows other guests than those that are on");
+  if (client_.guests() != on) lines.push_back("the client knows other guests than those that are on");
   if (Guests().All().size() != on.size()) lines.push_back("the table has guests that there are not");
   return lines;
 }
@@ -175,12 +182,19 @@ void GuestLife::CheckConnection(const Guest& guest, const std::function<void()>&
   world_.Close(guest.name, world_.Connect(guest.name, Tcp(kProgram)));
   settle();
   std::lock_guard lock(firewall_.mutex);
+  if (!client_.wants(guest)) {
+    if (firewall_.connections.size() != before)
+      lines->push_back(guest.name + " had a connection that the firewall should not know");
+    return;
+  }
   if (firewall_.connections.size() != before + 1)
     return lines->push_back(guest.name + " had a connection that the firewall does not know");
   const DfwUserProcessInfo& info = firewall_.connections.back();
   const std::string key = guest.windows() ? std::string(kAlice) : "L-" + guest.vc_uuid + ":1000";
   if (info.nc_vc_uuid != guest.vc_uuid || info.user_dfw_key != key)
     lines->push_back(guest.name + " had a connection for " + info.user_dfw_key);
+  if (guest.windows() && firewall_.groups[key] != guest.users.at("alice").groups)
+    lines->push_back(guest.name + " has a user with other groups at the firewall");
   if (firewall_.connections.size() > 1000) firewall_.connections.clear();
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sim/guest/world/guest_world.h"
@@ -19,8 +21,19 @@ class GuestLife {
   using Number = std::function<int(int below)>;
   using Lines = std::vector<std::string>;
 
-  GuestLife(zem::sim::guest::GuestWorld& world, FakeFirewall& firewall, RecordingClient& client)
-      : world_(world), firewall_(firewall), client_(client) {}
+  /// The client for which the engine takes events, as one that wants those of the identity firewall.
+  struct Client {
+    /// The keys of the guests that it knows.
+    std::function<std::set<std::string>()> guests;
+    /// Lets it want events, or none.
+    std::function<void(bool on)> turn;
+    /// Whether it lets the firewall know the connections of such a guest.
+    std::function<bool(const zem::sim::guest::Guest& guest)> wants;
+  };
+  static Client ClientOf(RecordingClient& client);
+
+  GuestLife(zem::sim::guest::GuestWorld& world, FakeFirewall& firewall, Client client)
+      : world_(world), firewall_(firewall), client_(std::move(client)) {}
 
   /// Desktops, a multi-session host and a Linux, all on.
   void AddGuests();
@@ -39,7 +52,7 @@ class GuestLife {
 
   zem::sim::guest::GuestWorld& world_;
   FakeFirewall& firewall_;
-  RecordingClient& client_;
+  const Client client_;
 };
 
 }  // namespace Ctxt::test

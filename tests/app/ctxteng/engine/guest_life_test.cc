@@ -17,7 +17,7 @@ TEST_P(GuestLifeTest, AtRestTheEngineKnowsWhatTheGuestsSay) {
   const auto number = [&random](int below) {
     return static_cast<int>(random() % static_cast<unsigned>(below));
   };
-  GuestLife life(world, firewall, *idfw);
+  GuestLife life(world, firewall, GuestLife::ClientOf(*idfw));
   Start();
   life.AddGuests();
   for (int step = 1; step <= kSteps; ++step) {

@@ -175,7 +175,7 @@ TEST(NodeRecordsTest, SequencesOfProducer) {
   NodeRecords nodes;
   const auto take = [&nodes](uint32_t sequence) {
     nodes.Take("n", sequence, 2);
-    const auto& r = nodes.All().front().second;
+    const NodeRecords::Record r = nodes.All().front().second;
     return std::vector{r.old_seq, r.drop_count, r.rcv_count, r.oop_count};
   };
   using Words = std::vector<uint32_t>;

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+
+#include "app/ctxteng/flow/vm_info.h"
+#include "app/ctxteng/kafka/site_id.h"
+
+namespace orlane::zem::pace {
+class PaceContextInfoMsg;
+}
+
+namespace Ctxt::PaceClient {
+
+/// A report is cut into messages below this size: brokers refuse one above 1,000,000 bytes.
+constexpr size_t kMostReportBytes = 900000;
+
+/// Makes the messages of a report and hands each to `send`, which may not keep it.  A message holds whole
+/// guests as far as they fit; one that is too large by itself is told in several messages.  A guest whose id
+/// is no uuid is left out.  Without any guest there is one message, which names the site alone.
+void BuildReport(const VmMap& guests, SiteId::Halves site,
+                 const std::function<void(const orlane::zem::pace::PaceContextInfoMsg&)>& send);
+
+}  // namespace Ctxt::PaceClient
