@@ -58,6 +58,7 @@ void SetUpHost(const HostSetup& setup) {
   // "/bin" and "/sbin" are links into "/usr".
   for (const char* tool : {"/usr/bin/qubcfg-knlnic", "/usr/sbin/localcli", "/usr/bin/qubcfg-nics"}) {
     fs::create_symlink(scripts / "hosttool", tool);
+  }
   for (const char* tool : {"hvprobe", "memstats", "du"}) {
     fs::copy_file(scripts / "detection-tool", std::string(kTools) + tool,
                   fs::copy_options::overwrite_existing);
