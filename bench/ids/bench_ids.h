@@ -33,7 +33,7 @@ double Best(int rounds, Measure measure) {
 }
 
 /// An intrusion detection client without Kafka.
-class PlainServices final : public IdsEvtEng::IIdsServices {
+class PlainServices : public IdsEvtEng::IIdsServices {
  public:
   bool IsKafkaReady() override { return false; }
   int SendKafkaEvent(const orlane::zem::context::ids::EventInfoMsg&) override { return -1; }
@@ -54,6 +54,7 @@ void RunConsumer(int rounds);
 void RunLimiter(int rounds);
 void RunBatches(int rounds);
 void RunCaptures(int rounds);
+void RunReplacement(int rounds);
 void RunRoad(int rounds);
 
 }  // namespace zem::bench

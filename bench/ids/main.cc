@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
     zem::bench::RunLimiter(rounds);
     zem::bench::RunBatches(rounds);
     zem::bench::RunCaptures(rounds);
+    zem::bench::RunReplacement(rounds);
     zem::bench::RunRoad(rounds);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "bench_ids: %s\n", error.what());

@@ -168,7 +168,7 @@ uint64_t DetectionProcess::SendGarbage() {
       "{\"event_type\":\"stats\"}",
       "{\"event_type\":\"alert\"",
       "{\"event_type\":\"alert\",\"a\":" + std::string(1000, '['),
-      "\xff\xfe\x00\x01",
+      std::string("\xff\xfe\0\1", 4),
       "{\"event_type\":\"alert\",\"src_port\":1e999,\"b\":\"\\ud800",
       "{\"event_type\":\"alert\",\"pad\":\"" + std::string(100000, 'x') + "\"}",
       "{\"event_type\":{\"event_type\":\"alert\"}}",

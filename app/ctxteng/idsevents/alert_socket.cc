@@ -145,7 +145,7 @@ void AlertSocket::Take(std::string_view datagram) {
         ZLOG_CTX_ERROR(729, "%s: Parsing JSON string returns invalid value", "ConsumeIdsEvents");
       break;
   }
-  if (services_.IsExternalLoggingEnabled()) KeepForLogger(text);
+  if (!text.empty() && services_.IsExternalLoggingEnabled()) KeepForLogger(text);
 }
 
 void AlertSocket::KeepForLogger(std::string_view text) {

@@ -48,7 +48,7 @@ class EventSenders::Batch {
 
   void Send() {
     while (next_ < events_.size() && Add(*events_[next_])) events_[next_++].reset();
-    if (message_->event_info_size() == 0) {
+    if (message_ == nullptr || message_->event_info_size() == 0) {
       ZLOG_WARN("Event info message dropped since event info can not be attached");
       return;
     }

@@ -26,7 +26,7 @@ namespace {
 
 constexpr zem::LogSource kLog{"tarvik", "idsevt"};
 
-constexpr std::chrono::seconds kPatience{1};
+constexpr std::chrono::seconds kPatience{5};
 
 int Signed(uint32_t value) { return static_cast<int>(value); }
 

@@ -33,8 +33,8 @@ struct EngineSurroundings {
 /// Takes the alerts and captures of the host's detection process to the manager and to Kafka, and its raw
 /// lines to an external logger.
 ///
-/// Threads: `Start` and `Stop` by the owner, once each.  `Stop` returns within a second whatever a peer does;
-/// what waits in the queues is not sent.  The destructor stops as well.
+/// Threads: `Start` and `Stop` by the owner, once each.  `Stop` waits for a peer that hangs 5 seconds at
+/// most; what waits in the queues is not sent.  The destructor stops as well.
 class IdsEvtEngine {
  public:
   /// Throws std::runtime_error when a queue is to hold more than 65534 entries.

@@ -28,6 +28,19 @@ void Count(bool sent, uint64_t entries, uint64_t alerts, RoadCounters* counters)
 
 }  // namespace
 
+// The lines of one kind of message.
+struct KafkaRoad::KafkaTexts {
+  const char* not_ready;
+  const char* sending;
+  const char* failed;
+};
+constexpr KafkaRoad::KafkaTexts KafkaRoad::kEventTexts = {
+    "Failed to to send. IDS kafka is not initialized", "Sending kafka event to ZEM-i and QRD : %s  bytes: %d",
+    "Sending kafka event msg to ZEM-i and QRD failed"};
+constexpr KafkaRoad::KafkaTexts KafkaRoad::kPcapTexts = {
+    "Failed to to send IDS kafka is not initialized", "Sending pcap event to ZEM-i and QRD : %s  bytes: %d",
+    "Sending pcap event msg to ZEM-i and QRD failed"};
+
 size_t ManagerRoad::most_bytes() const { return kMostToManager; }
 size_t KafkaRoad::most_bytes() const { return kMostToKafka; }
 
@@ -69,30 +82,30 @@ bool ManagerRoad::Forward(const Ctxt::CtxtMsg& message, uint64_t entries, uint64
 }
 
 void KafkaRoad::Send(std::shared_ptr<EventInfoMsg> message, uint64_t alerts) {
-  bool sent = false;
-  if (!services_.IsKafkaReady()) {
-    ZLOG_WARN("Failed to to send. IDS kafka is not initialized");
-  } else {
-    ZLOG_DEBUG("Sending kafka event to ZEM-i and QRD : %s  bytes: %d", message->GetTypeName().c_str(),
-               static_cast<int>(message->ByteSizeLong()));
-    sent = services_.SendKafkaEvent(*message) >= 0;
-    if (!sent) ZLOG_WARN("Sending kafka event msg to ZEM-i and QRD failed");
-  }
+  const bool sent = Send(*message, kEventTexts, [&] { return services_.SendKafkaEvent(*message); });
   Count(sent, static_cast<uint64_t>(message->event_info_size()), alerts, &counters_.kafka);
 }
 
 void KafkaRoad::Send(std::shared_ptr<PcapInfoMsg> message) {
-  bool sent = false;
-  if (!services_.IsKafkaReady()) {
-    ZLOG_WARN("Failed to to send IDS kafka is not initialized");
-  } else {
-    ZLOG_DEBUG("Sending pcap event to ZEM-i and QRD : %s  bytes: %d", message->GetTypeName().c_str(),
-               static_cast<int>(message->ByteSizeLong()));
-    sent = services_.SendKafkaPcap(*message) >= 0;
-    if (!sent) ZLOG_WARN("Sending pcap event msg to ZEM-i and QRD failed");
-  }
+  const bool sent = Send(*message, kPcapTexts, [&] { return services_.SendKafkaPcap(*message); });
   const auto entries = static_cast<uint64_t>(message->pcap_size());
   Count(sent, entries, entries, &counters_.pcap_kafka);
+}
+
+template <class Give>
+bool KafkaRoad::Send(const google::protobuf::Message& message, const KafkaTexts& texts, Give give) {
+  if (!services_.IsKafkaReady()) {
+    ZLOG_WARN("%s", texts.not_ready);
+    return false;
+  }
+  ZLOG_DEBUG(texts.sending, message.GetTypeName().c_str(), static_cast<int>(message.ByteSizeLong()));
+  try {
+    if (give() >= 0) return true;
+  } catch (const std::exception& error) {
+    ZLOG_WARN("The message %s was not sent: %s", message.GetTypeName().c_str(), error.what());
+  }
+  ZLOG_WARN("%s", texts.failed);
+  return false;
 }
 
 }  // namespace IdsEvtEng

@@ -11,6 +11,9 @@ namespace Ctxt {
 class CtxtChannel;
 struct CtxtMsg;
 }  // namespace Ctxt
+namespace google::protobuf {
+class Message;
+}
 namespace orlane::zem::context::ids {
 class EventInfoMsg;
 class PcapInfoMsg;
@@ -76,6 +79,13 @@ class KafkaRoad final : public Road {
   size_t most_bytes() const override;
 
  private:
+  struct KafkaTexts;
+  static const KafkaTexts kEventTexts;
+  static const KafkaTexts kPcapTexts;
+
+  template <class Give>
+  bool Send(const google::protobuf::Message& message, const KafkaTexts& texts, Give give);
+
   IIdsServices& services_;
   IdsCounters& counters_;
 };

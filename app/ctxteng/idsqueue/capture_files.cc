@@ -113,13 +113,8 @@ void CaptureFiles::RemoveStale(zem::Duration age) const {
   });
 }
 
-// By the usual name, or by another one for the same numbers, say with leading zeros.
-zem::UniqueFd CaptureFiles::Reader::Open(CaptureKey key, std::string* name) {
-  constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  *name = UsualName(key);
-  zem::UniqueFd usual(::openat(folder_.get(), name->c_str(), kFlags));
-  if (usual || errno != ENOENT) return usual;
-  if (!std::exchange(walked_, true)) {
+void CaptureFiles::Reader::FindUnusualNames(CaptureKey key) {
+  try {
     files_.Walk([this, key](int /*folder*/, const char* entry) {
       const auto found = ParseCaptureName(entry);
       if (!found) return;
@@ -129,7 +124,19 @@ zem::UniqueFd CaptureFiles::Reader::Open(CaptureKey key, std::string* name) {
       if (UsualName(*found) != entry && unusual_names_.size() < kMostUnusualNames)
         unusual_names_.try_emplace(*found, entry);
     });
+  } catch (const std::system_error& error) {
+    // The captures of the usual names are found all the same.
+    ZLOG_WARN("The folder of captures cannot be read: %s", error.what());
   }
+}
+
+// By the usual name, or by another one for the same numbers, say with leading zeros.
+zem::UniqueFd CaptureFiles::Reader::Open(CaptureKey key, std::string* name) {
+  constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  *name = UsualName(key);
+  zem::UniqueFd usual(::openat(folder_.get(), name->c_str(), kFlags));
+  if (usual || errno != ENOENT) return usual;
+  if (!std::exchange(walked_, true)) FindUnusualNames(key);
   const auto unusual = unusual_names_.find(key);
   if (unusual == unusual_names_.end()) return {};
   *name = unusual->second;

@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "platform/core/clock.h"
@@ -18,7 +19,10 @@ class Interruption;
 struct CaptureKey {
   uint64_t flow_id = 0;
   uint64_t snip_ts_us = 0;
-  auto operator<=>(const CaptureKey&) const = default;
+  bool operator==(const CaptureKey&) const = default;
+  bool operator<(const CaptureKey& other) const {
+    return std::tie(flow_id, snip_ts_us) < std::tie(other.flow_id, other.snip_ts_us);
+  }
 };
 
 /// The capture that a file of this name holds: the name up to its last point is a number, any character and a
@@ -66,6 +70,7 @@ class CaptureFiles {
 
    private:
     zem::UniqueFd Open(CaptureKey key, std::string* name);
+    void FindUnusualNames(CaptureKey key);
 
     const CaptureFiles& files_;
     bool opened_ = false;

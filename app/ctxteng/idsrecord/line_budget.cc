@@ -12,7 +12,9 @@ constexpr zem::Duration kPeriod = std::chrono::seconds(10);
 
 bool LineBudget::Allows(zem::TimePoint now) {
   const int64_t now_ns = now.time_since_epoch().count();
-  if (now_ns >= end_ns_.load(std::memory_order_relaxed)) {
+  const int64_t left_ns = end_ns_.load(std::memory_order_relaxed) - now_ns;
+  // A period that ends later than a period from now is one of another clock.
+  if (left_ns <= 0 || left_ns > kPeriod.count()) {
     end_ns_.store(now_ns + kPeriod.count(), std::memory_order_relaxed);
     left_.store(lines_ - 1, std::memory_order_relaxed);
     if (const uint64_t left_out = left_out_.exchange(0, std::memory_order_relaxed); left_out > 0)

@@ -20,7 +20,7 @@ class LineBudget {
 
  private:
   const uint32_t lines_;
-  std::atomic<int64_t> end_ns_{INT64_MIN};
+  std::atomic<int64_t> end_ns_{0};
   std::atomic<uint32_t> left_{0};
   std::atomic<uint64_t> left_out_{0};
 };
