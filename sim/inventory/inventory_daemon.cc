@@ -16,7 +16,6 @@
 namespace zem::sim {
 namespace {
 
-constexpr auto kLook = std::chrono::milliseconds(50);
 constexpr auto kLong = std::chrono::hours(1);
 constexpr size_t kMostRequests = 1000;
 constexpr size_t kMostRequest = 4096;
@@ -24,8 +23,8 @@ constexpr int kBacklog = 4;
 
 }  // namespace
 
-InventoryDaemon::InventoryDaemon(HostInventory& host, std::string path)
-    : host_(host), path_(std::move(path)), wake_(::eventfd(0, EFD_CLOEXEC)) {
+InventoryDaemon::InventoryDaemon(HostInventory& host, std::string path, Duration look)
+    : host_(host), path_(std::move(path)), look_(look), wake_(::eventfd(0, EFD_CLOEXEC)) {
   Start();
 }
 
@@ -188,7 +187,7 @@ InventoryDaemon::Lines InventoryDaemon::Updates() {
       return lines;
     }
     pollfd wait{wake_.get(), POLLIN, 0};
-    static_cast<void>(PollUntil(&wait, 1, Clock::Process().Now() + kLook));
+    static_cast<void>(PollUntil(&wait, 1, Clock::Process().Now() + look_));
   }
 }
 

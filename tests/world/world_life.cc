@@ -40,6 +40,7 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"change solutions, profiles or rules", 12, &WorldLife::ChangeProtection},
       {"guests, users and connections change", 8, &WorldLife::ChangeGuests},
       {"alerts and captures are announced", 8, &WorldLife::AnnounceAlerts},
+      {"the inventory changes", 6, &WorldLife::ChangeInventory},
       {"raise or clear an alarm", 12, &WorldLife::RaiseOrClearAlarm},
       {"report a status", 4, &WorldLife::ReportStatus},
   };
@@ -68,6 +69,7 @@ const std::vector<WorldLife::Step>& WorldLife::Misfortunes() {
       {"an alarm client goes or comes", 3, &WorldLife::AlarmClientGoesOrComes},
       {"an alarm client misbehaves", 3, &WorldLife::AlarmClientMisbehaves},
       {"the alerts' logger or Kafka goes or comes", 3, &WorldLife::DisturbAlerts},
+      {"the inventory's daemon or manager fails", 4, &WorldLife::DisturbInventory},
       {"the collector misanswers", 2, &WorldLife::CollectorMisanswers},
       {"the receiver of logons misanswers", 3, &WorldLife::LogonsMisanswered},
   };

@@ -100,6 +100,7 @@ class WorldLife {
   void ChangeProtection();
   void ChangeGuests();
   void AnnounceAlerts();
+  void ChangeInventory();
   void RaiseOrClearAlarm();
   void ReportStatus();
 
@@ -122,6 +123,7 @@ class WorldLife {
   void BounceMultiplexer();
   void MoveServiceVm();
   void DisturbAlerts();
+  void DisturbInventory();
   void AlarmClientGoesOrComes();
   void AlarmClientMisbehaves();
   void CollectorMisanswers();

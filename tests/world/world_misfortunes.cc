@@ -125,6 +125,8 @@ void WorldLife::DropHostManagement() {
 
 void WorldLife::BounceMultiplexer() { node_.introspection.BounceMux(random_); }
 void WorldLife::DisturbAlerts() { node_.ids->Disturb(random_); }
+
+void WorldLife::DisturbInventory() { node_.inventory->Disturb(random_); }
 void WorldLife::MoveServiceVm() { node_.introspection.MoveServiceVm(random_); }
 
 }  // namespace zem::world

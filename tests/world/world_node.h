@@ -16,6 +16,7 @@
 #include "tests/world/world_guests.h"
 #include "tests/world/world_ids.h"
 #include "tests/world/world_introspection.h"
+#include "tests/world/world_inventory.h"
 
 namespace zem {
 class TnProxyClientCommon;
@@ -77,6 +78,7 @@ class WorldNode {
   WorldIntrospection introspection;
   std::unique_ptr<WorldGuests> guests;
   std::unique_ptr<WorldIds> ids;
+  std::unique_ptr<WorldInventory> inventory;
 
  private:
   std::unique_ptr<AsioZemProvider> provider_;
