@@ -91,8 +91,8 @@ class WorldGuests::Spy final : public Ctxt::ICtxtClient, public Ctxt::IStoreUpda
   }
   void Shutdown() override { idfw()->Shutdown(); }
 
-  void FeatureToggle(const orlane::zem::covedb::MonitorUpdateMsg& update) override {
-    if (const auto client = idfw()) client->FeatureToggle(update);
+  void OnFeatureToggle(const orlane::zem::covedb::MonitorUpdateMsg& update) override {
+    if (const auto client = idfw()) client->OnFeatureToggle(update);
   }
   void StoreBegins() override {
     if (const auto client = idfw()) client->StoreBegins();

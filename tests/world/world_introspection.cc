@@ -199,6 +199,7 @@ ByVm WantedByProfile(const sim::Store& store) {
   }
   ByVm wanted;
   for (const auto& binding : Objects<proto::ProfileBindingMsg>(store, proto::PROFILE_BINDING)) {
+    if (binding.entity_type() != upm::ENTITY_VM) continue;
     const auto profile = profiles.find(binding.profile_id(0));
     if (profile != profiles.end()) wanted[binding.entity_id()] = profile->second;
   }

@@ -39,6 +39,8 @@ class WorldIntrospection {
 
   void StartAgent(const std::shared_ptr<covedb::CoveDbClientInterface>& store);
   void StopAgent();
+  /// The node's profile service, while the agent runs.
+  const std::shared_ptr<upm::UPMService>& profiles() const { return profiles_; }
 
   using Modify = std::function<void(const orlane::zem::covedb::ModifyRequestMsg& request)>;
   /// A transaction of one to five random changes of the store's objects.

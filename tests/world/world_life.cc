@@ -41,6 +41,7 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"guests, users and connections change", 8, &WorldLife::ChangeGuests},
       {"alerts and captures are announced", 8, &WorldLife::AnnounceAlerts},
       {"the inventory changes", 6, &WorldLife::ChangeInventory},
+      {"guests work for the flow records", 10, &WorldLife::MoveGuests},
       {"raise or clear an alarm", 12, &WorldLife::RaiseOrClearAlarm},
       {"report a status", 4, &WorldLife::ReportStatus},
   };
@@ -70,6 +71,7 @@ const std::vector<WorldLife::Step>& WorldLife::Misfortunes() {
       {"an alarm client misbehaves", 3, &WorldLife::AlarmClientMisbehaves},
       {"the alerts' logger or Kafka goes or comes", 3, &WorldLife::DisturbAlerts},
       {"the inventory's daemon or manager fails", 4, &WorldLife::DisturbInventory},
+      {"flow records are switched, or their brokers go or come", 4, &WorldLife::DisturbFlow},
       {"the collector misanswers", 2, &WorldLife::CollectorMisanswers},
       {"the receiver of logons misanswers", 3, &WorldLife::LogonsMisanswered},
   };

@@ -101,6 +101,7 @@ class WorldLife {
   void ChangeGuests();
   void AnnounceAlerts();
   void ChangeInventory();
+  void MoveGuests();
   void RaiseOrClearAlarm();
   void ReportStatus();
 
@@ -124,6 +125,7 @@ class WorldLife {
   void MoveServiceVm();
   void DisturbAlerts();
   void DisturbInventory();
+  void DisturbFlow();
   void AlarmClientGoesOrComes();
   void AlarmClientMisbehaves();
   void CollectorMisanswers();

@@ -62,6 +62,7 @@ WorldNode::WorldNode(std::FILE* log, bool small_logon_cache) {
   guests = std::make_unique<WorldGuests>(*manager, store->store(), small_logon_cache);
   ids = std::make_unique<WorldIds>(*manager);
   inventory = std::make_unique<WorldInventory>(host, *machines, *manager);
+  flow = std::make_unique<WorldFlow>(store->store());
   if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
 }
 
@@ -108,11 +109,13 @@ void WorldNode::StartAgent() {
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
   guests->StartAgent(*provider_, store_client_);
+  flow->StartAgent(introspection.profiles());
 }
 
 void WorldNode::StopAgent() {
   Tarvik::CloseShutdownPipe();
   proxy_client_->Stop();
+  flow->StopAgent();
   guests->StopAgent();
   ids->StopAgent();
   inventory->StopAgent();

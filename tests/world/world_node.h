@@ -13,6 +13,7 @@
 #include "sim/manager/manager.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
+#include "tests/world/world_flow.h"
 #include "tests/world/world_guests.h"
 #include "tests/world/world_ids.h"
 #include "tests/world/world_introspection.h"
@@ -77,6 +78,7 @@ class WorldNode {
   std::unique_ptr<sim::VirtualMachines> machines;
   WorldIntrospection introspection;
   std::unique_ptr<WorldGuests> guests;
+  std::unique_ptr<WorldFlow> flow;
   std::unique_ptr<WorldIds> ids;
   std::unique_ptr<WorldInventory> inventory;
 

@@ -419,6 +419,8 @@ void WorldLife::ChangeProtection() {
       random_, [this](const orlane::zem::covedb::ModifyRequestMsg& request) { Modify(request); });
 }
 void WorldLife::ChangeGuests() { node_.guests->Change(random_); }
+void WorldLife::MoveGuests() { node_.flow->Change(random_); }
+
 void WorldLife::AnnounceAlerts() { node_.ids->Announce(random_); }
 
 void WorldLife::ChangeInventory() { node_.inventory->Change(random_); }

@@ -61,10 +61,10 @@ class IEngineChannel {
 class IStoreUpdates {
  public:
   virtual ~IStoreUpdates() = default;
-  virtual void FeatureToggle(const orlane::zem::covedb::MonitorUpdateMsg& update) = 0;
-  virtual void GlobalConfig(const orlane::zem::covedb::MonitorUpdateMsg&) {}
-  virtual void Rule(const orlane::zem::covedb::MonitorUpdateMsg&) {}
-  virtual void RuleSection(const orlane::zem::covedb::MonitorUpdateMsg&) {}
+  virtual void OnFeatureToggle(const orlane::zem::covedb::MonitorUpdateMsg& update) = 0;
+  virtual void OnGlobalConfig(const orlane::zem::covedb::MonitorUpdateMsg&) {}
+  virtual void OnRule(const orlane::zem::covedb::MonitorUpdateMsg&) {}
+  virtual void OnRuleSection(const orlane::zem::covedb::MonitorUpdateMsg&) {}
   virtual void StoreBegins() = 0;
   virtual void StoreComplete() = 0;
 };

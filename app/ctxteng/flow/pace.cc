@@ -231,6 +231,11 @@ void Pace::SystemEventHandler(const std::shared_ptr<const UserSessionInfo>& sess
   }
 }
 
+uint64_t Pace::collection() const {
+  const std::shared_lock lock(config_mutex_);
+  return collection_;
+}
+
 void Pace::SendContextInfo(const orlane::zem::pace::PaceContextInfoMsg& msg) {
   const auto client = kafka_.client();
   if (!client) {

@@ -62,6 +62,8 @@ class Pace : public ICtxtClient, public std::enable_shared_from_this<Pace> {
   virtual void SendContextInfo(const orlane::zem::pace::PaceContextInfoMsg& msg);
 
   bool collection_enabled() const { return collection_enabled_; }
+  /// How often the collection was switched off.
+  uint64_t collection() const;
   const FlowStatistics& statistics() const { return statistics_; }
 
  private:
@@ -94,7 +96,7 @@ class Pace : public ICtxtClient, public std::enable_shared_from_this<Pace> {
   mutable std::shared_mutex config_mutex_;
   std::atomic<bool> collection_enabled_{false};
   CollectionSettings settings_;
-  uint64_t collection_ = 0;  // counts how often the collection was switched off
+  uint64_t collection_ = 0;
 
   // The aggregator thread's.
   Aggregator aggregator_;

@@ -119,20 +119,20 @@ IStoreUpdates* StoreMonitors::UpdatesOf(uint32_t bit, const std::shared_ptr<ISto
 
 void StoreMonitors::SecurityToggleCallback(const Update& update) {
   ZLOG_INFO("CtxtClientHandler: Security feature toggle callback detected");
-  if (auto* const idfw = UpdatesOf(kIdfwBit, clients_.idfw_updates)) idfw->FeatureToggle(update);
-  if (auto* const ids = UpdatesOf(kIdsBit, clients_.ids_updates)) ids->FeatureToggle(update);
+  if (auto* const idfw = UpdatesOf(kIdfwBit, clients_.idfw_updates)) idfw->OnFeatureToggle(update);
+  if (auto* const ids = UpdatesOf(kIdsBit, clients_.ids_updates)) ids->OnFeatureToggle(update);
 }
 
 void StoreMonitors::TakeGlobalConfig(const Update& update) {
-  if (auto* const ids = UpdatesOf(kIdsBit, clients_.ids_updates)) ids->GlobalConfig(update);
+  if (auto* const ids = UpdatesOf(kIdsBit, clients_.ids_updates)) ids->OnGlobalConfig(update);
 }
 
 void StoreMonitors::TakeRule(const Update& update) {
-  if (auto* const ids = UpdatesOf(kIdsBit, clients_.ids_updates)) ids->Rule(update);
+  if (auto* const ids = UpdatesOf(kIdsBit, clients_.ids_updates)) ids->OnRule(update);
 }
 
 void StoreMonitors::TakeRuleSection(const Update& update) {
-  if (auto* const ids = UpdatesOf(kIdsBit, clients_.ids_updates)) ids->RuleSection(update);
+  if (auto* const ids = UpdatesOf(kIdsBit, clients_.ids_updates)) ids->OnRuleSection(update);
 }
 
 // --- All that the store has.

@@ -39,14 +39,10 @@ class Idfw final : public ICtxtClient, public IStoreUpdates {
                           const std::shared_ptr<VmData>& vm) override;
   void Shutdown() override;
 
-  void FeatureToggle(const orlane::zem::covedb::MonitorUpdateMsg& update) override {
-    OnFeatureToggle(update);
-  }
+  void OnFeatureToggle(const orlane::zem::covedb::MonitorUpdateMsg& update) override;
   void StoreBegins() override;
   void StoreComplete() override;
 
-  /// An update of the store's feature toggles.
-  void OnFeatureToggle(const orlane::zem::covedb::MonitorUpdateMsg& update);
   /// Whether the key is that of an account that the options list.
   bool IsUserIgnored(const std::string& user_key) const;
   /// Whether the manager has turned the feature on.

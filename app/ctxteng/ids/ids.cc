@@ -53,13 +53,13 @@ void Ids::Initialize(const CtxtClientParam& param,
   pcap_enabled_ = true;
   store_ = store;
   try {
+    worker_.Start();
     ZLOG_INFO("Ids: Start Alarm");
     alarms_.Start(param.ids.pcapDirPath, param.dpuId);
     ZLOG_INFO("Ids: Starting IDS event reporting");
     if (surroundings_.make_engine) engine_ = surroundings_.make_engine(param.ids, *this);
     if (engine_ != nullptr && engine_->Start() != 0)
       throw std::runtime_error("the event engine has not started");
-    worker_.Start();
   } catch (const std::exception& error) {
     ZLOG_CTX_ERROR(701, "Ids: Exception in IDS client initialization, behavior may be undefined %s",
                    error.what());
@@ -132,7 +132,7 @@ void Ids::ApplyToggle(bool enabled) {
   surroundings_.guests.SetEventMaskForAllVms(kIdsClient, event_mask_);
 }
 
-void Ids::GlobalConfig(const Update& update) {
+void Ids::OnGlobalConfig(const Update& update) {
   worker_.Post(kGlobalConfigWork, [this, update] { TakeGlobalConfig(update); });
 }
 

@@ -65,10 +65,10 @@ class Ids final : public ICtxtClient,
   void Shutdown() override;
 
   using Update = orlane::zem::covedb::MonitorUpdateMsg;
-  void FeatureToggle(const Update& update) override { toggle_.Take(update); }
-  void GlobalConfig(const Update& update) override;
-  void Rule(const Update& update) override { tenants_.OnRule(update); }
-  void RuleSection(const Update& update) override { tenants_.OnRuleSection(update); }
+  void OnFeatureToggle(const Update& update) override { toggle_.Take(update); }
+  void OnGlobalConfig(const Update& update) override;
+  void OnRule(const Update& update) override { tenants_.OnRule(update); }
+  void OnRuleSection(const Update& update) override { tenants_.OnRuleSection(update); }
   void StoreBegins() override;
   void StoreComplete() override;
 
@@ -98,7 +98,7 @@ class Ids final : public ICtxtClient,
   std::atomic<bool> external_logging_{false};
   std::atomic<uint64_t> event_mask_{0};
   std::atomic<bool> pcap_enabled_{true};
-  Ctxt::FeatureToggle toggle_;
+  FeatureToggle toggle_;
   RuleTenants tenants_;
   IdsAlarms alarms_;
   IdsKafka kafka_;

@@ -14,8 +14,8 @@ using testing::IsEmpty;
 /// Writes down what a client is told: "begins", "complete", and the operation and type of each update.
 class Recorder final : public IStoreUpdates {
  public:
-  void FeatureToggle(const store::MonitorUpdateMsg& update) override { Add(update); }
-  void Rule(const store::MonitorUpdateMsg& update) override { Add(update); }
+  void OnFeatureToggle(const store::MonitorUpdateMsg& update) override { Add(update); }
+  void OnRule(const store::MonitorUpdateMsg& update) override { Add(update); }
   void StoreBegins() override { told.push_back("begins"); }
   void StoreComplete() override { told.push_back("complete"); }
   std::vector<std::string> Take() { return std::exchange(told, {}); }

@@ -120,7 +120,7 @@ TEST_F(IdfwTest, FeatureToggle) {
        }) {
     SCOPED_TRACE(step.line);
     log.Clear();
-    idfw.FeatureToggle(step.update);
+    idfw.OnFeatureToggle(step.update);
     EXPECT_TRUE(log.Contains(step.line)) << testing::PrintToString(log.Texts());
     EXPECT_EQ(idfw.GetStatus(), step.enabled);
     EXPECT_EQ(MaskOf(vm), step.enabled ? 0xE48u : 0xE00u);
@@ -130,7 +130,7 @@ TEST_F(IdfwTest, FeatureToggle) {
 // A guest that comes later has the mask of then; one whose power-on meets the toggle gets the newer one.
 TEST_F(IdfwTest, GuestsThatComeLaterFollowTheToggle) {
   Start();
-  idfw.FeatureToggle(Update(kU1, kSet, {{5, 1}}));
+  idfw.OnFeatureToggle(Update(kU1, kSet, {{5, 1}}));
   const auto vm = AddGuest("vm-1");
   EXPECT_EQ(MaskOf(vm), 0xE48u);
   idfw.Initialize(param, nullptr);
@@ -140,9 +140,9 @@ TEST_F(IdfwTest, GuestsThatComeLaterFollowTheToggle) {
 
 TEST_F(IdfwTest, AToggleThatWasDeletedDuringAnOutageIsOff) {
   Start();
-  idfw.FeatureToggle(Update(kU1, kSet, {{5, 1}}));
+  idfw.OnFeatureToggle(Update(kU1, kSet, {{5, 1}}));
   idfw.StoreBegins();
-  idfw.FeatureToggle(Update(kU1, kSet, {{5, 1}}));
+  idfw.OnFeatureToggle(Update(kU1, kSet, {{5, 1}}));
   idfw.StoreComplete();
   EXPECT_TRUE(idfw.GetStatus());
   idfw.StoreBegins();
@@ -185,7 +185,7 @@ TEST_F(IdfwTest, LogonsGoToTheManagerOnlyWhileTheFeatureIsOn) {
   Logon(vm);
   clock.RunFor(seconds(60));
   EXPECT_TRUE(channel.sent.empty());
-  idfw.FeatureToggle(Update(kU1, kSet, {{5, 1}}));
+  idfw.OnFeatureToggle(Update(kU1, kSet, {{5, 1}}));
   Logon(vm);
   Logon(vm, SESSION_TYPE_INVALID);
   EXPECT_EQ(idfw.Count().waiting, 2u);
@@ -209,7 +209,7 @@ TEST_F(IdfwTest, StartThatFails) {
   channel.refuses = true;
   Start();
   EXPECT_TRUE(log.Contains("Idfw: Critical exception in IDFW, behavior may be undefined - "));
-  idfw.FeatureToggle(Update(kU1, kSet, {{5, 1}}));
+  idfw.OnFeatureToggle(Update(kU1, kSet, {{5, 1}}));
   Logon(AddGuest("vm-1"));
   EXPECT_TRUE(log.Contains("Idfw: The client has not started"));
   channel.refuses = false;

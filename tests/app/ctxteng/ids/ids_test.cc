@@ -75,14 +75,14 @@ class IdsTest : public testing::Test {
     auto* const feature = toggle.add_feature();
     feature->set_feature(4);
     feature->set_status(on);
-    ids->FeatureToggle(Update(store::SECURITY_FEATURE_TOGGLE, toggle));
+    ids->OnFeatureToggle(Update(store::SECURITY_FEATURE_TOGGLE, toggle));
   }
   void Publish(std::optional<bool> publish, const std::optional<std::string>& topic = {}) {
     store::GlobalConfigMsg config;
     auto* const events = config.mutable_ids_event_config();
     if (publish) events->set_publish_east_west(*publish);
     if (topic) events->set_data_topic(*topic);
-    ids->GlobalConfig(Update(store::GLOBAL_CONFIG, config));
+    ids->OnGlobalConfig(Update(store::GLOBAL_CONFIG, config));
   }
   static RuleTenants::Update Update(store::ObjectType type, const google::protobuf::MessageLite& object) {
     RuleTenants::Update update;
@@ -126,7 +126,7 @@ class IdsTest : public testing::Test {
   // What was told before is done when this has been.
   void Settle() {
     const size_t before = log.Count("Ids: ids global/event config absent from message");
-    ids->GlobalConfig(Update(store::GLOBAL_CONFIG, store::GlobalConfigMsg()));
+    ids->OnGlobalConfig(Update(store::GLOBAL_CONFIG, store::GlobalConfigMsg()));
     ASSERT_TRUE(
         Eventually([&] { return log.Count("Ids: ids global/event config absent from message") > before; }));
   }
@@ -296,7 +296,7 @@ TEST_F(IdsTest, ANewStartKnowsNothingOfTheLast) {
   Tell({Agent()});
   store::GlobalConfigMsg config;
   config.mutable_ids_global_config()->set_external_logging(true);
-  ids->GlobalConfig(Update(store::GLOBAL_CONFIG, config));
+  ids->OnGlobalConfig(Update(store::GLOBAL_CONFIG, config));
   ASSERT_TRUE(Eventually([&] { return ids->IsKafkaReady() && ids->IsExternalLoggingEnabled(); }));
   EXPECT_NE(alarms::Find(33), nullptr);
   ids->Shutdown();
