@@ -11,6 +11,7 @@
 #include "app/probe/probe.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
+#include "app/zemda/service/discovery_agent.h"
 #include "platform/provider/work_group.h"
 #include "platform/upm/upm_service.h"
 
@@ -51,6 +52,17 @@ class ContextEngineRow final : public Application {
 
  private:
   CtxtEng engine_;
+};
+
+class DiscoveryRow final : public Application {
+ public:
+  explicit DiscoveryRow(const ApplicationContext& context) : agent_(context.provider, context.store) {}
+
+  bool Start() override { return agent_.start() == 1; }
+  void Stop() override { agent_.stop(); }
+
+ private:
+  ZemDa::DiscoveryAgent agent_;
 };
 
 class CliServerRow final : public Application {
@@ -153,6 +165,15 @@ constexpr std::array kApplications = {
                    .start_step = "command server",
                    .create_rank = 20,
                    .stop_rank = 40},
+    ApplicationRow{.name = "ZemDa",
+                   .make = &Make<DiscoveryRow>,
+                   .option = Mode::kZemda,
+                   .host_role = true,
+                   .thread_name = "Main:zemda_st",
+                   .start_line = "ZemDa Start...",
+                   .start_step = "discovery agent",
+                   .create_rank = 120,
+                   .stop_rank = 145},
     ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
     ApplicationRow{.name = "AlarmsProvider",
                    .make = &Make<AlarmsProviderRow>,

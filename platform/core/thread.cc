@@ -102,6 +102,7 @@ bool NativeThread::JoinUntil(TimePoint deadline) {
 }
 
 void NativeThread::Detach() {
+  if (!joinable()) return;
   pthread_detach(id_);
   state_.reset();
   detached_ = true;

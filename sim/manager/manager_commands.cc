@@ -76,14 +76,10 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
 
 void ReceivedCommand(const Manager& manager, const Arguments& arguments, const Reply& reply) {
   const std::string vertical = !arguments.empty() && arguments[0] != "all" ? arguments[0] : "";
-  uint64_t after = 0;
-  if (arguments.size() > 1) {
-    const auto number = NumberOf<int64_t>(arguments[1]);
-    if (!number || *number < 0) return reply.Fail("not a number: " + arguments[1]);
-    after = static_cast<uint64_t>(*number);
-  }
+  const std::string type = arguments.size() > 1 ? "." + arguments[1] : "";
   Json messages = JsonArray();
-  for (const Received& each : manager.record().ReceivedFrom(vertical, after)) {
+  for (const Received& each : manager.record().ReceivedFrom(vertical, 0)) {
+    if (!each.type.ends_with(type)) continue;
     Json item = JsonObject();
     AddMember(item.get(), "number", each.number);
     AddMember(item.get(), "aph", each.aph);
@@ -209,8 +205,8 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
                   2, kMany,
                   [m](const Arguments& arguments, const Reply& reply) { Send(*m, arguments, reply); }});
   table.Register(
-      {"received", "[VERTICAL|all] [AFTER]", "Shows what hosts have sent, after a number if given.", 0, 2,
-       [m](const Arguments& arguments, const Reply& reply) { ReceivedCommand(*m, arguments, reply); }});
+      {"received", "[VERTICAL|all] [TYPE]", "Shows what hosts have sent, such as of type HostConfigAckMsg.",
+       0, 2, [m](const Arguments& arguments, const Reply& reply) { ReceivedCommand(*m, arguments, reply); }});
   table.Register({"answer", "[--count N] [--delay-ms N] VERTICAL|all app-init|request KIND [STATUS|TEXT]",
                   "Says how requests of hosts are answered: serve, status, never, garbage, wrong-type, text.",
                   3, kMany,

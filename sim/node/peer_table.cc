@@ -27,6 +27,10 @@
 #include "sim/ids/ids_ledger.h"
 #include "sim/ids/ids_services.h"
 #include "sim/ids/log_collector.h"
+#include "sim/inventory/host_inventory.h"
+#include "sim/inventory/inventory_commands.h"
+#include "sim/inventory/inventory_daemon.h"
+#include "sim/inventory/manager_inventory.h"
 #include "sim/kafka/kafka_brokers.h"
 #include "sim/kafka/kafka_commands.h"
 #include "sim/kafka/kafka_profile.h"
@@ -148,6 +152,22 @@ class LogonPeer final : public Peer {
   LogonReceiver receiver_;
 };
 
+constexpr const char* kInventorySocket = "/etc/orlane/QubDiscoveryAgent";
+
+class InventoryPeer final : public Peer {
+ public:
+  explicit InventoryPeer(const PeerContext& context)
+      : host_(context.host, context.machines), daemon_(host_, kInventorySocket), manager_(context.manager) {}
+  void Register(CommandTable& table) override { RegisterInventoryCommands(table, host_, daemon_, manager_); }
+  std::vector<std::string> Violations() const override { return manager_.state().violations; }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return DrawInventory(manager_); }
+
+ private:
+  HostInventory host_;
+  InventoryDaemon daemon_;
+  ManagerInventory manager_;
+};
+
 constexpr const char* kAlertSocket = "/var/log/zem-idps/eve.socket";
 constexpr const char* kCaptures = "/var/log/zem-idps/pcaps";
 constexpr const char* kLoggerSocket = "/var/log/zem-idps/zem-idps-events.socket";
@@ -220,6 +240,9 @@ constexpr std::array kPeers = {
     PeerRow{"alarm", "The collector and the alarm clients; \"alarm help\" lists their commands.",
             &Make<AlarmsPeer>},
     PeerRow{"idfw", "The manager's receiver of logons; \"idfw help\" lists its commands.", &Make<LogonPeer>},
+    PeerRow{"inventory",
+            "The host's inventory at its daemon and at the manager; \"inventory help\" lists its commands.",
+            &Make<InventoryPeer>},
     PeerRow{"ids", "The detection process and its logger; \"ids help\" lists their commands.",
             &Make<IdsPeer>},
     PeerRow{"guest", "The host's guests; \"guest help\" lists their commands.", &Make<GuestPeer>},

@@ -55,6 +55,10 @@ void SetUpHost(const HostSetup& setup) {
                 fs::copy_options::overwrite_existing);
   std::ofstream(kControllerFile) << kNoControllers;
   fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
+  // "/bin" and "/sbin" are links into "/usr".
+  for (const char* tool : {"/usr/bin/qubcfg-knlnic", "/usr/sbin/localcli", "/usr/bin/qubcfg-nics"}) {
+    fs::create_symlink(scripts / "hosttool", tool);
+  }
   for (const char* tool : {"hvprobe", "memstats", "du"}) {
     fs::copy_file(scripts / "detection-tool", std::string(kTools) + tool,
                   fs::copy_options::overwrite_existing);

@@ -130,7 +130,8 @@ void MakeMounts(const SandboxOptions& options) {
   Mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
   Mount("tmpfs", "/run", "tmpfs", MS_NOSUID, "mode=755");
   MakeDirectories("/run/zem-layers");
-  for (const char* path : {"/etc", "/opt", "/usr/local", "/usr/lib", "/usr/lib64", "/var"})
+  for (const char* path :
+       {"/etc", "/opt", "/usr/local", "/usr/lib", "/usr/lib64", "/usr/bin", "/usr/sbin", "/var"})
     Overlay("/run/zem-layers", path);
   Mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID, "mode=1777");
   Mount("tmpfs", "/var/log", "tmpfs", MS_NOSUID, "mode=755");

@@ -9,6 +9,7 @@
 
 #include "proto/covedb/firewall_objects.pb.h"
 #include "proto/covedb/introspection_objects.pb.h"
+#include "proto/covedb/inventory_objects.pb.h"
 #include "proto/covedb/monitoring_objects.pb.h"
 #include "proto/covedb/profile_objects.pb.h"
 #include "proto/covedb/runtime_objects.pb.h"
@@ -69,6 +70,8 @@ ObjectRegistry::ObjectRegistry() {
   Register(ObjectType::CONTEXT_PROFILE, proto::ContextProfileMsg::default_instance(), "id");
   Register(ObjectType::RULE, proto::RuleMsg::default_instance(), "id");
   Register(ObjectType::RULE_SECTION, proto::RuleSectionMsg::default_instance(), "id");
+  Register(ObjectType::VM_CONFIG, proto::VmConfigMsg::default_instance(), "id");
+  Register(ObjectType::DA_VIF, proto::DaVifMsg::default_instance(), "vif_id");
   Register(ObjectType::SECURITY_FEATURE_TOGGLE, proto::SecurityFeatureToggleMsg::default_instance(), "id");
   Register(ObjectType::PROFILE, proto::ProfileMsg::default_instance(), "id");
   Register(ObjectType::PROFILE_BINDING, proto::ProfileBindingMsg::default_instance(), "entity_id");

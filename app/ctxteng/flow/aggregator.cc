@@ -107,6 +107,8 @@ bool Aggregator::HasRoom() {
 }
 
 VmInfo& Aggregator::GuestOf(const std::string& vc_uuid) {
+  // What a guest does comes in bursts.
+  if (last_guest_ != nullptr && last_guest_->first == vc_uuid) return last_guest_->second;
   const auto [found, is_new] = guests_.try_emplace(vc_uuid);
   if (is_new) {
     ZLOG_DEBUG("Zemi: VM map entry for vcUuid: %s not found, creating one", vc_uuid.c_str());
@@ -114,6 +116,7 @@ VmInfo& Aggregator::GuestOf(const std::string& vc_uuid) {
   } else {
     ZLOG_DEBUG("Zemi: VM map entry for vcUuid: %s found", vc_uuid.c_str());
   }
+  last_guest_ = &*found;
   return found->second;
 }
 
@@ -141,8 +144,7 @@ void Aggregator::Take(std::shared_ptr<const ConnInfo> connection) {
               {connection->sid, connection->uid, connection->username, connection->domainname,
                connection->group_count, connection->group_hash});
   }
-  std::string key = ProcessKey(*connection);
-  const auto [process, is_new] = guest.processes.try_emplace(key);
+  const auto [process, is_new] = guest.processes.try_emplace(ProcessKey(*connection));
   process->second.pid = connection->pid;
   process->second.ctime = connection->ctime;
   if (is_new) {
@@ -153,7 +155,7 @@ void Aggregator::Take(std::shared_ptr<const ConnInfo> connection) {
     if (kind.conn_type != connection->conn_type) continue;
     Count(statistics_.service_events);
     Count(statistics_.*kind.counter);
-    guest.service_events.push_back({kind.type, std::move(key), std::move(connection)});
+    guest.service_events.push_back({kind.type, &process->first, std::move(connection)});
     return;
   }
   ZLOG_DEBUG("Skipping service event type: %d", static_cast<int>(connection->conn_type));
@@ -194,6 +196,7 @@ void Aggregator::EnterUser(VmInfo& guest, const std::string& key, UserInfo user)
 }
 
 void Aggregator::Clear() {
+  last_guest_ = nullptr;
   guests_.clear();
   events_ = 0;
 }

@@ -38,6 +38,7 @@ class Aggregator {
 
   FlowStatistics& statistics_;
   VmMap guests_;
+  VmMap::value_type* last_guest_ = nullptr;  // the one that an event was of last
   uint32_t events_ = 0;
 };
 

@@ -1,7 +1,5 @@
 #include "app/ctxteng/flow/context_report.h"
 
-#include <google/protobuf/arena.h>
-
 #include <memory>
 #include <new>
 
@@ -15,7 +13,6 @@ namespace Ctxt::PaceClient {
 namespace {
 
 namespace pace = orlane::zem::pace;
-using google::protobuf::Arena;
 
 constexpr zem::LogSource kLog{"tarvik", "ctxteng"};
 
@@ -63,7 +60,7 @@ void Fill(const ServiceEvent& event, pace::ServiceEventMsg* msg) {
   msg->set_event_type(event.type);
   static_cast<void>(FillIpAddress(event.connection->dest_ip, msg->mutable_dest_ip()));
   msg->set_dest_port(event.connection->dest_port);
-  msg->set_process_map_key(event.process_map_key);
+  msg->set_process_map_key(*event.process_map_key);
 }
 
 void Fill(const UserEvent& event, pace::UserEventMsg* msg) {
@@ -126,9 +123,10 @@ void ForEach(const VmInfo& guest, const Add& add) {
 
 class Report {
  public:
-  using Send = std::function<void(const pace::PaceContextInfoMsg&)>;
+  using Send = ReportBuilder::Send;
 
-  Report(SiteId::Halves site, const Send& send) : site_(site), send_(send) {
+  Report(SiteId::Halves site, pace::PaceContextInfoMsg* message, const Send& send)
+      : site_(site), send_(send), message_(message) {
     if (site_ == SiteId::Halves()) {
       ZLOG_CTX_ERROR(735, "Zemi: Error during retreiving site id. Getting default value 0");
     }
@@ -162,8 +160,7 @@ class Report {
   static size_t SizeOf(const google::protobuf::MessageLite& part) { return part.ByteSizeLong() + kFrame; }
 
   void Begin() {
-    arena_.Reset();
-    message_ = Arena::CreateMessage<pace::PaceContextInfoMsg>(&arena_);
+    message_->Clear();
     message_->mutable_guest_info();
     if (site_ != SiteId::Halves()) {
       message_->mutable_site_id()->set_first(site_.first);
@@ -208,18 +205,20 @@ class Report {
 
   const SiteId::Halves site_;
   const Send& send_;
-  Arena arena_;
-  pace::PaceContextInfoMsg* message_ = nullptr;
+  pace::PaceContextInfoMsg* const message_;
   size_t size_ = 0;
   bool sent_ = false;
 };
 
 }  // namespace
 
-void BuildReport(const VmMap& guests, SiteId::Halves site,
-                 const std::function<void(const pace::PaceContextInfoMsg&)>& send) {
+ReportBuilder::ReportBuilder() = default;
+ReportBuilder::~ReportBuilder() = default;
+
+void ReportBuilder::Build(const VmMap& guests, SiteId::Halves site, const Send& send) {
   try {
-    Report report(site, send);
+    if (!message_) message_ = std::make_unique<pace::PaceContextInfoMsg>();
+    Report report(site, message_.get(), send);
     for (const auto& [vc_uuid, guest] : guests) {
       const auto uuid = zem::ParseUuid(vc_uuid);
       if (!uuid) {

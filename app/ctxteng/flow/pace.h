@@ -8,6 +8,7 @@
 #include "app/ctxteng/base/ictxt_client.h"
 #include "app/ctxteng/flow/aggregator.h"
 #include "app/ctxteng/flow/collection_settings.h"
+#include "app/ctxteng/flow/context_report.h"
 #include "app/ctxteng/flow/flow_queues.h"
 #include "app/ctxteng/flow/flow_statistics.h"
 #include "app/ctxteng/kafka/config_worker.h"
@@ -97,6 +98,7 @@ class Pace : public ICtxtClient, public std::enable_shared_from_this<Pace> {
 
   // The aggregator thread's.
   Aggregator aggregator_;
+  ReportBuilder report_builder_;
   uint64_t aggregated_collection_ = 0;
 
   zem::StopSignal stop_;

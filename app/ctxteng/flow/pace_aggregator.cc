@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "app/ctxteng/base/exceptions.h"
-#include "app/ctxteng/flow/context_report.h"
 #include "app/ctxteng/flow/pace.h"
 #include "framework/log/log.h"
 #include "proto/context/pace.pb.h"
@@ -92,10 +91,11 @@ bool Pace::TakeEvents(uint32_t* interval_ms) {
 
 void Pace::Report() {
   try {
-    BuildReport(aggregator_.guests(), site_.Get(), [this](const orlane::zem::pace::PaceContextInfoMsg& msg) {
-      Dump(msg);
-      SendContextInfo(msg);
-    });
+    report_builder_.Build(aggregator_.guests(), site_.Get(),
+                          [this](const orlane::zem::pace::PaceContextInfoMsg& msg) {
+                            Dump(msg);
+                            SendContextInfo(msg);
+                          });
   } catch (const CtxtException& error) {
     ZLOG_CTX_ERROR(613, "Zemi: Failed to generate guest info msg, error %s", error.what());
     throw;

@@ -30,7 +30,8 @@ struct VmEvent {
 
 struct ServiceEvent {
   uint32_t type = LISTEN_START;
-  std::string process_map_key;
+  /// The key in the guest's table of processes, which keeps it.
+  const std::string* process_map_key = nullptr;
   /// The connection event with address, port and time.
   std::shared_ptr<const ConnInfo> connection;
 };

@@ -29,15 +29,16 @@ VmInfo Guest(int processes, size_t line) {
     connection->cmdline.assign(line, 'c');
     connection->dest_ip = "10.0.0.1";
     const std::string key = std::to_string(i);
-    guest.processes[key] = {1, 2, connection};
-    guest.service_events.push_back({LISTEN_START, key, connection});
+    const auto process = guest.processes.try_emplace(key, ProcessInfo{1, 2, connection}).first;
+    guest.service_events.push_back({LISTEN_START, &process->first, connection});
   }
   return guest;
 }
 
 std::vector<pace::PaceContextInfoMsg> Messages(const VmMap& guests, SiteId::Halves site = {1, 2}) {
+  static ReportBuilder builder;  // what is left of one report must not show in the next
   std::vector<pace::PaceContextInfoMsg> messages;
-  BuildReport(guests, site, [&](const pace::PaceContextInfoMsg& msg) { messages.push_back(msg); });
+  builder.Build(guests, site, [&](const pace::PaceContextInfoMsg& msg) { messages.push_back(msg); });
   return messages;
 }
 

@@ -117,6 +117,17 @@ TEST_F(StoreMonitorsTest, WhatWasDeletedDuringAnOutageIsMissingBetweenBeginningA
   EXPECT_THAT(ids->Take(), ElementsAre("begins", "complete"));
 }
 
+// The answer that there are objects overtakes the objects: the end is behind them.
+TEST_F(StoreMonitorsTest, TheEndWaitsForTheObjects) {
+  Start(kIdfwBit, kIdfwBit);
+  Toggle(true);
+  Run();
+  idfw->Take();
+  daemon->faults().SetDelay("Monitor", std::chrono::milliseconds(500));
+  Outage([] {});
+  EXPECT_THAT(idfw->Take(), ElementsAre("begins", "7:195", "complete"));
+}
+
 TEST_F(StoreMonitorsTest, AStoreThatDoesNotAnswerIsAskedAgain) {
   Start(kIdfwBit, kIdfwBit);
   daemon->faults().SetStatus("Get", 14, 2);

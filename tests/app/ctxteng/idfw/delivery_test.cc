@@ -238,6 +238,7 @@ TEST_F(DeliveryTest, ThePassingOfTheThresholdSends) {
   Give(1);
   clock.RunFor(seconds(60));
   Give(991);
+  for (int i = 0; i < 5; ++i) Give(1);
   EXPECT_THAT(channel.sent, SizeIs(3)) << "the failed batch, at the timer and at the threshold";
   channel.AckAll();
   clock.RunFor(seconds(240));
