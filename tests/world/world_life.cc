@@ -39,7 +39,7 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"restart the agent", 1, &WorldLife::RestartAgent},
       {"change solutions, profiles or rules", 12, &WorldLife::ChangeProtection},
       {"guests, users and connections change", 8, &WorldLife::ChangeGuests},
-      {"alerts and captures are announced", 8, &WorldLife::AnnounceAlerts},
+      {"alerts and captures are announced", 12, &WorldLife::AnnounceAlerts},
       {"raise or clear an alarm", 12, &WorldLife::RaiseOrClearAlarm},
       {"report a status", 4, &WorldLife::ReportStatus},
   };
