@@ -39,7 +39,7 @@ const std::vector<WorldLife::Step>& WorldLife::Operations() {
       {"restart the agent", 1, &WorldLife::RestartAgent},
       {"change solutions, profiles or rules", 12, &WorldLife::ChangeProtection},
       {"guests, users and connections change", 8, &WorldLife::ChangeGuests},
-      {"alerts and captures are announced", 8, &WorldLife::AnnounceAlerts},
+      {"alerts and captures are announced", 12, &WorldLife::AnnounceAlerts},
       {"the inventory changes", 6, &WorldLife::ChangeInventory},
       {"guests work for the flow records", 10, &WorldLife::MoveGuests},
       {"raise or clear an alarm", 12, &WorldLife::RaiseOrClearAlarm},
