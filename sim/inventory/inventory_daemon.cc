@@ -1,6 +1,5 @@
 #include "sim/inventory/inventory_daemon.h"
 
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,21 +9,22 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/core/poll.h"
 #include "platform/core/unix_socket.h"
 #include "sim/inventory/inventory_lines.h"
 
 namespace zem::sim {
 namespace {
 
-constexpr auto kLook = std::chrono::milliseconds(50);
+constexpr auto kLong = std::chrono::hours(1);
 constexpr size_t kMostRequests = 1000;
 constexpr size_t kMostRequest = 4096;
 constexpr int kBacklog = 4;
 
 }  // namespace
 
-InventoryDaemon::InventoryDaemon(HostInventory& host, std::string path)
-    : host_(host), path_(std::move(path)), wake_(::eventfd(0, EFD_CLOEXEC)) {
+InventoryDaemon::InventoryDaemon(HostInventory& host, std::string path, Duration look)
+    : host_(host), path_(std::move(path)), look_(look), wake_(::eventfd(0, EFD_CLOEXEC)) {
   Start();
 }
 
@@ -81,7 +81,7 @@ std::vector<std::string> InventoryDaemon::Requests() const {
 void InventoryDaemon::Serve() {
   while (!stopping_) {
     pollfd waits[2] = {{listener_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
-    if (::poll(waits, 2, -1) < 0 || waits[1].revents != 0) continue;
+    if (PollUntil(waits, 2, Clock::Process().Now() + kLong) <= 0 || waits[1].revents != 0) continue;
     const UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (client) ServeClient(client.get());
   }
@@ -91,7 +91,7 @@ void InventoryDaemon::ServeClient(int client) {
   std::string received;
   while (!stopping_) {
     pollfd waits[2] = {{client, POLLIN, 0}, {wake_.get(), POLLIN, 0}};
-    if (::poll(waits, 2, -1) < 0 || waits[1].revents != 0) continue;
+    if (PollUntil(waits, 2, Clock::Process().Now() + kLong) <= 0 || waits[1].revents != 0) continue;
     char bytes[512];
     const ssize_t got = ::recv(client, bytes, sizeof(bytes), 0);
     if (got <= 0) return;
@@ -162,7 +162,7 @@ InventoryDaemon::Lines InventoryDaemon::FullSync() {
 }
 
 InventoryDaemon::Lines InventoryDaemon::Updates() {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(hold_ms_);
+  const TimePoint limit = Clock::Process().Now() + std::chrono::milliseconds(hold_ms_);
   for (;;) {
     InventoryFacts now = host_.Read();
     Lines lines;
@@ -182,12 +182,12 @@ InventoryDaemon::Lines InventoryDaemon::Updates() {
       }
       if (!lines.empty()) told_ = std::move(now);
     }
-    if (!lines.empty() || stopping_ || std::chrono::steady_clock::now() >= limit) {
+    if (!lines.empty() || stopping_ || Clock::Process().Now() >= limit) {
       lines.emplace_back("done");
       return lines;
     }
     pollfd wait{wake_.get(), POLLIN, 0};
-    static_cast<void>(::poll(&wait, 1, static_cast<int>(kLook.count())));
+    static_cast<void>(PollUntil(&wait, 1, Clock::Process().Now() + look_));
   }
 }
 

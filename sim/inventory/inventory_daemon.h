@@ -1,12 +1,14 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/core/clock.h"
 #include "platform/core/thread.h"
 #include "platform/core/unique_fd.h"
 #include "sim/inventory/host_inventory.h"
@@ -28,7 +30,8 @@ class InventoryDaemon {
     int noise = 0;
   };
 
-  InventoryDaemon(HostInventory& host, std::string path);
+  /// Looks at the host at this interval while a client waits for news.
+  InventoryDaemon(HostInventory& host, std::string path, Duration look = std::chrono::milliseconds(50));
   ~InventoryDaemon();
 
   void Start();
@@ -53,6 +56,7 @@ class InventoryDaemon {
 
   HostInventory& host_;
   const std::string path_;
+  const Duration look_;
   std::atomic<int> hold_ms_{1000};
   UniqueFd listener_;
   UniqueFd wake_;

@@ -85,7 +85,7 @@ void WorldIds::Announce(std::mt19937_64& random) {
         detection_.SendCapture(++flows_, 7, static_cast<uint32_t>(random() % 8));
       break;
     default:
-      detection_.SendBurst(random() % 1000, static_cast<uint32_t>(random()));
+      detection_.SendBurst(random() % 3000, static_cast<uint32_t>(random()));
   }
 }
 

@@ -100,6 +100,7 @@ class WorldLife {
   void ChangeProtection();
   void ChangeGuests();
   void AnnounceAlerts();
+  void ChangeInventory();
   void MoveGuests();
   void RaiseOrClearAlarm();
   void ReportStatus();
@@ -123,6 +124,7 @@ class WorldLife {
   void BounceMultiplexer();
   void MoveServiceVm();
   void DisturbAlerts();
+  void DisturbInventory();
   void DisturbFlow();
   void AlarmClientGoesOrComes();
   void AlarmClientMisbehaves();

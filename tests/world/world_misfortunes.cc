@@ -127,6 +127,8 @@ void WorldLife::BounceMultiplexer() { node_.introspection.BounceMux(random_); }
 void WorldLife::DisturbFlow() { node_.flow->Disturb(random_); }
 
 void WorldLife::DisturbAlerts() { node_.ids->Disturb(random_); }
+
+void WorldLife::DisturbInventory() { node_.inventory->Disturb(random_); }
 void WorldLife::MoveServiceVm() { node_.introspection.MoveServiceVm(random_); }
 
 }  // namespace zem::world

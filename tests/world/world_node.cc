@@ -20,6 +20,10 @@ namespace zem::world {
 namespace {
 
 // Batches close soon, so that a life contains many of them.
+// A lost acknowledgement may not outlast a quiet moment.
+constexpr const char* kDiscoveryOptions =
+    "<config><zemda><CommunicationHandler><ackTimeout>30</ackTimeout></CommunicationHandler></zemda></"
+    "config>";
 constexpr const char* kRealizationOptions =
     "{\"mp\": {\"lsMsgBatchInterval\": 4, \"lsMsgIncomingWaitInBatch\": 1}, \"resync\": {\"intervalInSec\": "
     "600}}\n";
@@ -57,6 +61,7 @@ WorldNode::WorldNode(std::FILE* log, bool small_logon_cache) {
   machines = std::make_unique<sim::VirtualMachines>(*host_management, host.VmFile());
   guests = std::make_unique<WorldGuests>(*manager, store->store(), small_logon_cache);
   ids = std::make_unique<WorldIds>(*manager);
+  inventory = std::make_unique<WorldInventory>(host, *machines, *manager);
   flow = std::make_unique<WorldFlow>(store->store());
   if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
 }
@@ -65,6 +70,7 @@ WorldNode::~WorldNode() {
   if (app_) StopAgent();
   guests.reset();
   ids.reset();
+  inventory.reset();
   machines.reset();
   host_management.reset();
   manager.reset();
@@ -75,6 +81,7 @@ WorldNode::~WorldNode() {
 void WorldNode::WriteHost() {
   Write("/etc/zem_issue", "node-type: zem-qub\n");
   Write("/etc/orlane/zem-tarvik/zema.json", kRealizationOptions);
+  Write("/etc/orlane/zem-tarvik/zem-da.xml", kDiscoveryOptions);
   std::filesystem::create_directories("/run/orlane");
   sim::HostSetup setup;
   setup.pnics += ",vmnic6";
@@ -98,6 +105,7 @@ void WorldNode::StartAgent() {
       std::make_shared<Tarvik::AlarmsProvider>(*provider_, store_client_, Tarvik::AlarmsProvider::Files());
   if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
   ids->StartAgent(*provider_);
+  inventory->StartAgent(*provider_, store_client_);
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
   guests->StartAgent(*provider_, store_client_);
@@ -110,6 +118,7 @@ void WorldNode::StopAgent() {
   flow->StopAgent();
   guests->StopAgent();
   ids->StopAgent();
+  inventory->StopAgent();
   introspection.StopAgent();
   alarms_->Stop();
   app_->Stop(0);

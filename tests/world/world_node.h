@@ -17,6 +17,7 @@
 #include "tests/world/world_guests.h"
 #include "tests/world/world_ids.h"
 #include "tests/world/world_introspection.h"
+#include "tests/world/world_inventory.h"
 
 namespace zem {
 class TnProxyClientCommon;
@@ -79,6 +80,7 @@ class WorldNode {
   std::unique_ptr<WorldGuests> guests;
   std::unique_ptr<WorldFlow> flow;
   std::unique_ptr<WorldIds> ids;
+  std::unique_ptr<WorldInventory> inventory;
 
  private:
   std::unique_ptr<AsioZemProvider> provider_;

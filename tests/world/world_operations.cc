@@ -422,6 +422,8 @@ void WorldLife::ChangeGuests() { node_.guests->Change(random_); }
 void WorldLife::MoveGuests() { node_.flow->Change(random_); }
 
 void WorldLife::AnnounceAlerts() { node_.ids->Announce(random_); }
+
+void WorldLife::ChangeInventory() { node_.inventory->Change(random_); }
 void WorldLife::RaiseOrClearAlarm() { alarms_->RaiseOrClear(); }
 void WorldLife::ReportStatus() { alarms_->ReportStatus(); }
 

@@ -23,6 +23,9 @@ constexpr uint32_t kVersion = 1;
 constexpr size_t kEntryFrame = 64;
 constexpr size_t kMessageFrame = 128;
 
+// Minutes; more than 150 years would not fit into nanoseconds.
+constexpr uint32_t kLongestCleanFreq = 50'000'000;
+
 constexpr const char* kNothing = "Pcap message dropped since file can not be attached";
 
 }  // namespace
@@ -137,7 +140,7 @@ void PcapSenders::RunCleaner() {
     ZLOG_CTX_ERROR(737, "invalid pcap file path: %s", files_.directory().c_str());
     return;
   }
-  const std::chrono::minutes period(param_.pcapCleanFreq);
+  const std::chrono::minutes period(std::min(param_.pcapCleanFreq, kLongestCleanFreq));
   do {
     Fenced(738, "Exception in Cleanup Stale Pcap, error %s", "Exception in Cleanup Stale Pcap", nullptr,
            [this, period] { files_.RemoveStale(period); });

@@ -29,60 +29,65 @@ int RateLimiter::Test(const IdsEvent& event, int64_t now) {
     Expire(now);
     key_ = std::to_string(event.signature_id);
     key_.append(1, ':').append(event.vm_uuid).append(1, ' ').append(AttackerOf(event));
-    if (Touch(key_, now).count <= threshold_) return 0;
+    if (Count(now) <= threshold_) return 0;
   }
   if (g_limited.Allows()) ZLOG_INFO("Rate limiting event %s", LogText(event).c_str());
   return 1;
 }
 
-RateLimiter::Slot& RateLimiter::Touch(const std::string& key, int64_t now) {
-  const auto found = by_key_.find(key);
-  if (found == by_key_.end()) {
-    slots_.push_back({key, 0, 0, {}});
-    by_key_.emplace(slots_.back().key, std::prev(slots_.end()));
-  } else if (found->second->last_seen == now) {
-    // Its place among the slots of this second does not matter, and its neighbours are far away in memory.
-    return Count(&*found->second, now);
-  } else {
-    slots_.splice(slots_.end(), slots_, found->second);
+// Counts an alert of `key_`.
+uint64_t RateLimiter::Count(int64_t now) {
+  const auto [found, is_new] = slots_.try_emplace(key_);
+  Entry* const entry = &*found;
+  Slot& slot = entry->second;
+  // Among the slots of one second the place does not matter, and its neighbours are far away in memory.
+  if (is_new || slot.last_seen != now) {
+    if (!is_new) Remove(entry);
+    BeginSecond(&slot, now);
+    Append(entry);
   }
-  return Count(&slots_.back(), now);
-}
-
-RateLimiter::Slot& RateLimiter::Count(Slot* counted, int64_t now) {
-  Slot& slot = *counted;
-  ForgetOldSeconds(&slot, now);
-  slot.last_seen = now;
-  ++slot.count;
-  if (slot.seconds.empty() || slot.seconds.back().first != now) {
-    slot.seconds.emplace_back(now, 0);
-    ++seconds_;
-  }
-  ++slot.seconds.back().second;
-  while (slots_.size() > kMostSlots || (seconds_ > kMostSeconds && &slots_.front() != &slot)) DropQuietest();
-  return slot;
+  ++slot.in_second;
+  const uint64_t count = ++slot.count;
+  while (slots_.size() > kMostSlots || (seconds_ > kMostSeconds && quietest_ != entry)) DropQuietest();
+  return count;
 }
 
 void RateLimiter::Expire(int64_t now) {
-  while (!slots_.empty() && slots_.front().last_seen < now - expiration_secs_) DropQuietest();
+  while (quietest_ != nullptr && quietest_->second.last_seen < now - expiration_secs_) DropQuietest();
 }
 
-void RateLimiter::ForgetOldSeconds(Slot* slot, int64_t now) {
-  const int64_t oldest = now - expiration_secs_;
-  auto kept = slot->seconds.begin();
-  while (kept != slot->seconds.end() && kept->first < oldest) {
-    slot->count -= kept->second;
-    ++kept;
+void RateLimiter::BeginSecond(Slot* slot, int64_t now) {
+  if (slot->in_second > 0) {
+    slot->before.emplace_back(slot->last_seen, slot->in_second);
+    ++seconds_;
   }
-  seconds_ -= static_cast<size_t>(kept - slot->seconds.begin());
-  slot->seconds.erase(slot->seconds.begin(), kept);
+  slot->last_seen = now;
+  slot->in_second = 0;
+  const int64_t oldest = now - expiration_secs_;
+  auto kept = slot->before.begin();
+  for (; kept != slot->before.end() && kept->first < oldest; ++kept) slot->count -= kept->second;
+  seconds_ -= static_cast<size_t>(kept - slot->before.begin());
+  slot->before.erase(slot->before.begin(), kept);
+}
+
+void RateLimiter::Append(Entry* entry) {
+  entry->second.quieter = loudest_;
+  entry->second.louder = nullptr;
+  (loudest_ != nullptr ? loudest_->second.louder : quietest_) = entry;
+  loudest_ = entry;
+}
+
+void RateLimiter::Remove(Entry* entry) {
+  const Slot& slot = entry->second;
+  (slot.quieter != nullptr ? slot.quieter->second.louder : quietest_) = slot.louder;
+  (slot.louder != nullptr ? slot.louder->second.quieter : loudest_) = slot.quieter;
 }
 
 void RateLimiter::DropQuietest() {
-  Slot& slot = slots_.front();
-  seconds_ -= slot.seconds.size();
-  by_key_.erase(slot.key);
-  slots_.pop_front();
+  Entry* const entry = quietest_;
+  seconds_ -= entry->second.before.size();
+  Remove(entry);
+  slots_.erase(slots_.find(entry->first));
 }
 
 size_t RateLimiter::slots() const {

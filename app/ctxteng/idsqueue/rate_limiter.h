@@ -2,10 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <list>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -37,27 +35,34 @@ class RateLimiter {
 
  private:
   struct Slot;
-  using Slots = std::list<Slot>;
+  using Slots = std::unordered_map<std::string, Slot>;
+  using Entry = Slots::value_type;
+  // The second of the last alert stands in the slot itself, as most slots have no other.
   struct Slot {
-    std::string key;
     int64_t last_seen = 0;
-    uint64_t count = 0;
-    std::vector<std::pair<int64_t, uint64_t>> seconds;  // with the alerts of each, in order
+    uint64_t count = 0;                                // in the window
+    uint64_t in_second = 0;                            // of them, those of the last second
+    std::vector<std::pair<int64_t, uint64_t>> before;  // the earlier seconds with their alerts, in order
+    Entry* quieter = nullptr;
+    Entry* louder = nullptr;
   };
 
-  Slot& Touch(const std::string& key, int64_t now);
-  Slot& Count(Slot* slot, int64_t now);
+  uint64_t Count(int64_t now);
   void Expire(int64_t now);
-  void ForgetOldSeconds(Slot* slot, int64_t now);
+  void BeginSecond(Slot* slot, int64_t now);
+  void Append(Entry* entry);
+  void Remove(Entry* entry);
   void DropQuietest();
 
   const uint32_t threshold_;
   const uint32_t expiration_secs_;
   mutable std::mutex mutex_;  // guards all below
   std::string key_;           // kept for its memory
-  Slots slots_;               // the one of the last alert is at the end
-  std::unordered_map<std::string_view, Slots::iterator> by_key_;
-  size_t seconds_ = 0;  // of all slots
+  Slots slots_;
+  // The slots in the order of their last alerts.
+  Entry* quietest_ = nullptr;
+  Entry* loudest_ = nullptr;
+  size_t seconds_ = 0;  // in all `before`
 };
 
 }  // namespace IdsEvtEng

@@ -72,6 +72,20 @@ TEST(VirtualClockTest, APollEndsAtItsMomentOrWithItsDescriptor) {
   EXPECT_THAT(ended, ElementsAre(10, 20, 20));
 }
 
+// An owner that cannot wait for ever joins what ends in time, and leaves the rest.
+TEST(NativeThreadTest, JoinsOnlyWhatEndsInTime) {
+  VirtualClock clock;
+  NativeThread early([] { SleepFor(seconds(1)); });
+  NativeThread late([] { SleepFor(seconds(10)); });
+  const TimePoint deadline = clock.Now() + seconds(5);
+  EXPECT_TRUE(early.JoinUntil(deadline));
+  EXPECT_FALSE(early.joinable());
+  EXPECT_FALSE(late.JoinUntil(deadline));
+  EXPECT_EQ(clock.Now(), deadline);
+  EXPECT_TRUE(late.joinable());
+  EXPECT_TRUE(late.JoinUntil(deadline + seconds(6)));
+}
+
 // Between a notification and the waking of its waiter no deadline may slip by.
 TEST(VirtualClockTest, ANotificationCountsAsWork) {
   VirtualClock clock;
