@@ -40,6 +40,8 @@ void Pace::Initialize(const CtxtClientParam& param,
   ZLOG_INFO("Zemi: Initialize: Max conn event Q Size: %d, Max VM event Q Size: %d, Max User event Q Size: %d",
             static_cast<int>(param.networkEventQueueSize), static_cast<int>(param.vmEventQueueSize),
             static_cast<int>(param.userEventQueueSize));
+  if (!param.enableProcessHash)
+    ZLOG_WARN("Zemi: Without process hashes all processes of a user are reported as one");
   site_.Forget();
   queues_ = std::make_shared<FlowQueues>(param.networkEventQueueSize, param.vmEventQueueSize,
                                          param.userEventQueueSize);
