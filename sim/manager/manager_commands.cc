@@ -76,9 +76,11 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
 
 void ReceivedCommand(const Manager& manager, const Arguments& arguments, const Reply& reply) {
   const std::string vertical = !arguments.empty() && arguments[0] != "all" ? arguments[0] : "";
-  const std::string type = arguments.size() > 1 ? "." + arguments[1] : "";
+  const std::string which = arguments.size() > 1 ? arguments[1] : "0";
+  const auto after = NumberOf<uint64_t>(which);
+  const std::string type = after ? "" : "." + which;
   Json messages = JsonArray();
-  for (const Received& each : manager.record().ReceivedFrom(vertical, 0)) {
+  for (const Received& each : manager.record().ReceivedFrom(vertical, after.value_or(0))) {
     if (!each.type.ends_with(type)) continue;
     Json item = JsonObject();
     AddMember(item.get(), "number", each.number);
@@ -205,8 +207,9 @@ void RegisterManagerCommands(CommandTable& table, Manager& manager) {
                   2, kMany,
                   [m](const Arguments& arguments, const Reply& reply) { Send(*m, arguments, reply); }});
   table.Register(
-      {"received", "[VERTICAL|all] [TYPE]", "Shows what hosts have sent, such as of type HostConfigAckMsg.",
-       0, 2, [m](const Arguments& arguments, const Reply& reply) { ReceivedCommand(*m, arguments, reply); }});
+      {"received", "[VERTICAL|all] [AFTER|TYPE]",
+       "Shows what hosts have sent, after a number or of a type such as HostConfigAckMsg.", 0, 2,
+       [m](const Arguments& arguments, const Reply& reply) { ReceivedCommand(*m, arguments, reply); }});
   table.Register({"answer", "[--count N] [--delay-ms N] VERTICAL|all app-init|request KIND [STATUS|TEXT]",
                   "Says how requests of hosts are answered: serve, status, never, garbage, wrong-type, text.",
                   3, kMany,

@@ -141,20 +141,24 @@ TEST_F(ObjectStoreTest, ConditionsSelectByAnyOfThem) {
     EXPECT_FALSE(CheckStatement(registry, Watch(kType, {bad}).statement()).ok()) << bad.ShortDebugString();
   }
   EXPECT_FALSE(
-      CheckStatement(registry, Watch(ObjectType::DA_VIF, {is("id", WhereMsg::EQUAL, "a")}).statement()).ok());
+      CheckStatement(
+          registry,
+          Watch(ObjectType::IP_REPUTATION_RECORD_EVENT, {is("id", WhereMsg::EQUAL, "a")}).statement())
+          .ok());
   EXPECT_FALSE(CheckStatement(registry, proto::StatementMsg()).ok());
 }
 
 TEST_F(ObjectStoreTest, ObjectsReadFromTextAndShowThemselves) {
   std::string error;
-  EXPECT_EQ(registry.FromText(ObjectType::DA_VIF, "hex:00fF", &error), std::string("\0\xff", 2));
+  EXPECT_EQ(registry.FromText(ObjectType::IP_REPUTATION_RECORD_EVENT, "hex:00fF", &error),
+            std::string("\0\xff", 2));
   EXPECT_EQ(registry.FromText(kType, "text:any \"thing\"", &error), "any \"thing\"");
-  EXPECT_EQ(registry.ToText(ObjectType::DA_VIF, std::string("\0\xff", 2)), "hex:00ff");
+  EXPECT_EQ(registry.ToText(ObjectType::IP_REPUTATION_RECORD_EVENT, std::string("\0\xff", 2)), "hex:00ff");
   for (const char* bad : {"hex:0", "hex:zz", "id: a"}) {
     EXPECT_EQ(registry.FromText(kType, bad, &error), std::nullopt) << bad;
   }
   EXPECT_THAT(error, testing::HasSubstr("line 1, column 5"));
-  EXPECT_EQ(registry.FromText(ObjectType::DA_VIF, "id: 'a'", &error), std::nullopt);
+  EXPECT_EQ(registry.FromText(ObjectType::IP_REPUTATION_RECORD_EVENT, "id: 'a'", &error), std::nullopt);
   EXPECT_EQ(ParseObjectType("127"), ObjectType::OPAQUE_LOG_SWITCH_CONFIG);
   EXPECT_EQ(ParseObjectType("VIF_STATE"), ObjectType::VIF_STATE);
   for (const char* bad : {"", "3", "127x", "vif_state"}) EXPECT_EQ(ParseObjectType(bad), std::nullopt) << bad;
