@@ -300,6 +300,27 @@ TEST_F(IdsTest, TheBrokersAlarmIsRaisedAndClearedWithTheFeature) {
   EXPECT_TRUE(Eventually([&] { return !alarms.Get(kSource, 83).raised; }));
 }
 
+// The flow context client's Kafka client reports to the same alarm.
+TEST_F(IdsTest, TheBrokersAlarmStandsUntilTheLastClientClearsIt) {
+  Toggle(true);
+  Settle();
+  PaceClient::KafkaAlarm& alarm = ids->kafka_alarm();
+  const int one = 1;
+  const int other = 2;
+  EXPECT_TRUE(alarm.Raise(&one, "b,"));
+  EXPECT_TRUE(alarm.Raise(&other, "b,"));
+  alarm.Clear(&one, "b,");
+  EXPECT_TRUE(alarms.Get(kSource, 83).raised);
+  alarm.Clear(&other, "b,");
+  EXPECT_FALSE(alarms.Get(kSource, 83).raised);
+  EXPECT_TRUE(alarm.Raise(&other, "b,"));
+  EXPECT_TRUE(alarm.Stands(&other));
+  Toggle(false);
+  Settle();
+  EXPECT_FALSE(alarms.Get(kSource, 83).raised);
+  EXPECT_FALSE(alarm.Stands(&other)) << "so that it is raised again when the feature comes back";
+}
+
 TEST_F(IdsTest, TheNodesIdIsAskedForEachTime) {
   orlane::zem::UuidMsg uuid;
   has_proxy = false;
