@@ -94,6 +94,21 @@ TEST(RateLimiterTest, LimitsAsTheWindowSlides) {
   EXPECT_TRUE(log.Contains("Rate limiting event src:10.0.0.1"));
 }
 
+// Else a host whose clock was corrected would hold an attacker's alerts back until the old time comes again.
+TEST(RateLimiterTest, ClockThatIsSetBackBeginsANewWindow) {
+  zem::test::LogCapture log;
+  RateLimiter limiter(1, 600);
+  for (int64_t now = 100000; now < 100010; ++now) limiter.Test(Event("10.0.0.9"), now);
+  limiter.Test(Event("10.0.0.8"), 100020);
+  EXPECT_EQ(limiter.Test(Event("10.0.0.9"), 5000), 0);
+  EXPECT_EQ(limiter.slots(), 1U);
+  // A small step is within the window, and what came after it goes as it ages.
+  RateLimiter small_step(3, 600);
+  for (const int64_t now : {5000, 4400, 5000}) EXPECT_EQ(small_step.Test(Event(), now), 0);
+  EXPECT_EQ(small_step.Test(Event(), 5010), 0) << "that of 4400 is gone";
+  EXPECT_EQ(small_step.Test(Event(), 5011), 1);
+}
+
 TEST(RateLimiterTest, WhoIsLimited) {
   zem::test::LogCapture log;
   const auto limited = [](IdsEvent second, uint32_t threshold = 1, int64_t now = 9) {
