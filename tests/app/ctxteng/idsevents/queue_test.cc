@@ -270,10 +270,18 @@ TEST_F(CaptureFilesTest, OnlyPlainFilesCount) {
 TEST_F(CaptureFilesTest, StaleFilesGo) {
   const std::string old = Write("1.1.pcap", "x", 3601);
   const std::string young = Write("2.2.pcap", "x", 3600);
+  const auto at = [](const std::string& path, time_t seconds) {
+    const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+    EXPECT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    return path;
+  };
+  const std::string oldest = at(Write("3.3.pcap", "x", 0), -20'000'000'000);
+  const std::string future = at(Write("4.4.pcap", "x", 0), 15'000'000'000);
   std::filesystem::create_directory(folder.Path() + "/sub");
   const auto an_hour = std::chrono::hours(1);
   files.RemoveStale(an_hour);
-  EXPECT_FALSE(std::filesystem::exists(old));
+  EXPECT_FALSE(std::filesystem::exists(old) || std::filesystem::exists(oldest));
+  EXPECT_TRUE(std::filesystem::exists(future));
   EXPECT_TRUE(std::filesystem::exists(young) && std::filesystem::exists(folder.Path() + "/sub"));
   EXPECT_TRUE(log.Contains("Removing stale pcap file: " + old));
   EXPECT_THROW(CaptureFiles("/nowhere", interruption).RemoveStale(an_hour), std::system_error);
