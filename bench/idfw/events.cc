@@ -93,7 +93,9 @@ void CompareProducers(uint32_t events, uint32_t producers) {
         }));
     ours.push_back(PerEvent(
         events, producers, [&](std::unique_ptr<LoginLogoffInfo> info) { listener.OnEvent(std::move(info)); },
-        [&] { cache->ConsumeAll([&](const LoginLogoffInfo& info) { taken += info.sessionId; }); }));
+        [&] {
+          cache->ConsumeAll([&](const LoginLogoffInfo& info) { return (taken += info.sessionId, true); });
+        }));
   }
   if (taken == 0) std::printf("# nothing was taken\n");
   PrintLine("idfw", "on-event-" + std::to_string(producers), "ns", Median(ours), Median(peer));

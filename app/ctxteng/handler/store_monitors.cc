@@ -83,9 +83,9 @@ void StoreMonitors::Configure(uint32_t client_ids,
 }
 
 void StoreMonitors::SetActive(uint32_t active) {
-  active_ = active;
   {
     std::lock_guard lock(mutex_);
+    active_ = active;
     if ((dropped_ & active) == 0 || !channel_up_) return;
   }
   Ask(kTries);
@@ -95,8 +95,11 @@ void StoreMonitors::Take(const Update& update) {
   {
     std::lock_guard lock(mutex_);
     ++updates_;
+    Dispatch(update);
+    // While the store sends all that it has, each update would outdate the answer.
+    if (replaying_ || !std::exchange(gave_up_, false)) return;
   }
-  Dispatch(update);
+  Ask(kTries);
 }
 
 void StoreMonitors::Dispatch(const Update& update) {
@@ -112,7 +115,6 @@ void StoreMonitors::Dispatch(const Update& update) {
 
 IStoreUpdates* StoreMonitors::UpdatesOf(uint32_t bit, const std::shared_ptr<IStoreUpdates>& updates) {
   if ((active_ & bit) != 0) return updates.get();
-  std::lock_guard lock(mutex_);
   dropped_ |= bit;
   return nullptr;
 }
@@ -145,9 +147,10 @@ void StoreMonitors::TakeChannel(bool up) {
     if (!up) return;
     ++connections_;
     replaying_ = true;
+    gave_up_ = false;
     updates_before_ = updates_;
+    TellClients(&IStoreUpdates::StoreBegins);
   }
-  TellClients(&IStoreUpdates::StoreBegins);
   Ask(kTries);
 }
 
@@ -155,8 +158,10 @@ void StoreMonitors::TakeBarrier() {
   {
     std::lock_guard lock(mutex_);
     if (!std::exchange(replaying_, false)) return;
+    TellClients(&IStoreUpdates::StoreComplete);
+    if (!std::exchange(gave_up_, false)) return;
   }
-  TellClients(&IStoreUpdates::StoreComplete);
+  Ask(kTries);
 }
 
 void StoreMonitors::TellClients(void (IStoreUpdates::*what)()) {
@@ -166,7 +171,12 @@ void StoreMonitors::TellClients(void (IStoreUpdates::*what)()) {
 
 void StoreMonitors::Ask(int tries) {
   const auto store = store_.lock();
-  if (store == nullptr || tries == 0) return;
+  if (store == nullptr) return;
+  if (tries == 0) {
+    std::lock_guard lock(mutex_);
+    gave_up_ = (dropped_ & active_) != 0;
+    return;
+  }
   std::list<orlane::zem::covedb::ObjectRequestMsg> requests;
   for (const int type : types_) requests.emplace_back().set_object_type(static_cast<ObjectType>(type));
   Question question{0, 0, false, tries - 1};
@@ -189,26 +199,31 @@ void StoreMonitors::Ask(int tries) {
 void StoreMonitors::TakeObjects(const Question& question,
                                 const std::list<orlane::zem::covedb::TypedObjectMsg>& objects,
                                 const zem::rpc::Status& status) {
-  bool values = false;
-  bool complete = false;
   {
     std::lock_guard lock(mutex_);
     if (question.connection != connections_ || !channel_up_) return;
     // An update that came meanwhile may be newer than the answer.
-    values = status.ok() && question.for_values && question.updates == updates_;
+    const bool values = status.ok() && question.for_values && question.updates == updates_;
     // What the store has is still on its way to the monitor, and ends with a barrier, if there is anything.
-    complete = status.ok() && replaying_ && objects.empty() && updates_ == updates_before_;
-    if (complete) replaying_ = false;
-    if (values) dropped_ &= ~active_;
-    const bool open = (question.for_values && !values) || (replaying_ && updates_ == updates_before_);
-    if (!open && !values && !complete) return;
+    const bool complete = status.ok() && replaying_ && objects.empty() && updates_ == updates_before_;
+    if (complete) {
+      replaying_ = false;
+      TellClients(&IStoreUpdates::StoreComplete);
+    }
+    if (values) {
+      dropped_ &= ~active_;
+      DispatchObjects(objects);
+    }
+    if (values || complete) return;
+    const bool open = question.for_values || (replaying_ && updates_ == updates_before_);
+    if (!open) return;
   }
-  if (!status.ok()) {
+  if (!status.ok())
     ZLOG_WARN("CtxtClientHandler: The store does not tell what it has: %s", status.ToString().c_str());
-  }
-  if (complete) TellClients(&IStoreUpdates::StoreComplete);
-  if (!values && !complete) return Ask(question.tries);
-  if (!values) return;
+  Ask(question.tries);
+}
+
+void StoreMonitors::DispatchObjects(const std::list<orlane::zem::covedb::TypedObjectMsg>& objects) {
   for (const auto& object : objects) {
     Update update;
     orlane::zem::covedb::ObjectOpMsg operation;

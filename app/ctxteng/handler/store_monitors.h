@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -39,14 +38,13 @@ class StoreMonitors : public std::enable_shared_from_this<StoreMonitors> {
   /// The clients whose updates are delivered from now on.
   void SetActive(uint32_t active);
 
-  /// An update of the feature toggles.
-  void SecurityToggleCallback(const Update& update);
-
  private:
   struct Question;
 
   void Take(const Update& update);
+  // From here to TakeRuleSection: with the mutex.
   void Dispatch(const Update& update);
+  void SecurityToggleCallback(const Update& update);
   void TakeGlobalConfig(const Update& update);
   void TakeRule(const Update& update);
   void TakeRuleSection(const Update& update);
@@ -55,22 +53,29 @@ class StoreMonitors : public std::enable_shared_from_this<StoreMonitors> {
   void Ask(int tries);
   void TakeObjects(const Question& question, const std::list<orlane::zem::covedb::TypedObjectMsg>& objects,
                    const zem::rpc::Status& status);
-  // The updates of a client; null, and noted, when it is not active.
+  // With the mutex.
+  void DispatchObjects(const std::list<orlane::zem::covedb::TypedObjectMsg>& objects);
+  // The updates of a client; null, and noted, when it is not active.  With the mutex.
   IStoreUpdates* UpdatesOf(uint32_t bit, const std::shared_ptr<IStoreUpdates>& updates);
+  // With the mutex.
   void TellClients(void (IStoreUpdates::*what)());
 
   const ClientSet clients_;
   std::weak_ptr<zem::covedb::CoveDbClientInterface> store_;
   std::vector<int> types_;
-  std::atomic<uint32_t> active_{0};
 
-  std::mutex mutex_;  // guards what follows; never held over a call
+  // Guards what follows, and is held while the clients are told, which hand over and return: the store's
+  // answers come on other threads than its updates, and an old value may not overtake a newer one.  Never
+  // held over a call of the store.
+  std::mutex mutex_;
+  uint32_t active_ = 0;
   bool channel_up_ = false;
   bool replaying_ = false;       // a connection's objects are on their way
   uint64_t connections_ = 0;     // to the store
   uint64_t updates_ = 0;         // ever
   uint64_t updates_before_ = 0;  // when the connection began
   uint32_t dropped_ = 0;         // clients for which an update came too early
+  bool gave_up_ = false;         // reading what was dropped; the next occasion begins anew
 };
 
 }  // namespace Ctxt

@@ -26,9 +26,18 @@ constexpr SecurityFeature kFeature{
 constexpr uint32_t kIcmp = 1;
 constexpr uint32_t kIcmpV6 = 58;
 
+// A guest's agent may send any text; one that is no name could neither be kept nor sent with others.
+constexpr size_t kMostName = 4096;
+
+std::string NameOf(const std::string& text, const VmData& vm) {
+  if (text.size() <= kMostName) return text;
+  ZLOG_WARN("Idfw: A name of %zu bytes from VM %s is cut", text.size(), vm.vc_uuid.c_str());
+  return text.substr(0, kMostName);
+}
+
 void FillFrom(const UserSessionInfo& session, const VmData& vm, LoginLogoffInfo* info) {
-  info->userName = session.user_name;
-  info->domainName = session.domain_name;
+  info->userName = NameOf(session.user_name, vm);
+  info->domainName = NameOf(session.domain_name, vm);
   ZLOG_DEBUG("Idfw: Received system event for VM of vc.uuid: %s and bios uuid: %s", vm.vc_uuid.c_str(),
              vm.bios_uuid.c_str());
   info->vcUuid = vm.vc_uuid;

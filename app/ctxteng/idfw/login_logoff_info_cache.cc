@@ -88,11 +88,10 @@ void LoginLogoffInfoCache::Add(std::unique_ptr<LoginLogoffInfo> info) {
   signal_->changed.NotifyAll();
 }
 
-void LoginLogoffInfoCache::ConsumeAll(const std::function<void(const LoginLogoffInfo& info)>& handler) {
+void LoginLogoffInfoCache::ConsumeAll(const std::function<bool(const LoginLogoffInfo& info)>& handler) {
   for (uint32_t left = cache_limit_; left > 0; --left) {
     const auto info = Pop();
-    if (info == nullptr) return;
-    handler(*info);
+    if (info == nullptr || !handler(*info)) return;
   }
 }
 

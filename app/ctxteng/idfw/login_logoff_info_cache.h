@@ -38,8 +38,9 @@ class LoginLogoffInfoCache {
   uint64_t dropped() const { return dropped_; }
 
   void Add(std::unique_ptr<LoginLogoffInfo> info);
-  /// Hands out what is in the cache: at most as much as fits into it, so that it ends also in a storm.
-  void ConsumeAll(const std::function<void(const LoginLogoffInfo& info)>& handler);
+  /// Hands out what is in the cache: at most as much as fits into it, so that it ends also in a storm.  Ends
+  /// as well when the handler, which has taken what it was given, wants no more: it then returns false.
+  void ConsumeAll(const std::function<bool(const LoginLogoffInfo& info)>& handler);
 
  private:
   bool Passes(uint32_t size) const { return size > cache_threshold_ / 100.0 * cache_limit_; }

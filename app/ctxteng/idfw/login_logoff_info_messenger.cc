@@ -28,6 +28,10 @@ constexpr const char* kMsgType = "com.orlane.zem.context";
 constexpr const char* kAppId = "8888";
 constexpr const char* kAppType = "IDFW-Vertical";
 constexpr size_t kMostNameless = 1000;
+// A frame to the manager has at most 16 MiB, and a batch that is above would fail at every try.  What an
+// event has beside its names is estimated, generously.
+constexpr size_t kMostBytes = size_t{8} << 20;
+constexpr size_t kEventFrame = 256;
 constexpr size_t kFirstBlock = 4096;
 constexpr size_t kLargestBlock = 65536;
 
@@ -62,24 +66,27 @@ void LoginLogoffInfoMessenger::Disconnect() { ZLOG_INFO("Idfw: Disconnect Messen
 // --- Batches.
 
 bool LoginLogoffInfoMessenger::SendNext(LoginLogoffInfoCache& cache, bool retry_pending) {
-  if (pending_msg_ == nullptr || !retry_pending) {
-    auto events = Drain(cache);
-    if (events->login_logoff_event_size() > 0) {
-      if (pending_msg_ != nullptr) {
-        const int lost = pending_event_msg_->login_logoff_event_size();
-        replaced_ += static_cast<uint64_t>(lost);
-        ZLOG_WARN("Idfw: The cache is full, %d events of the batch %s are dropped", lost,
-                  pending_msg_->correlationId.c_str());
-      }
-      pending_msg_ = MakeMessage(events);
-      pending_event_msg_ = std::move(events);
-    }
+  if (pending_msg_ == nullptr || !retry_pending) TakeBatch(cache);
+  while (pending_msg_ != nullptr) {
+    if (!Send()) return false;
+    pending_msg_.reset();
+    pending_event_msg_.reset();
+    if (more_) TakeBatch(cache);
   }
-  if (pending_msg_ == nullptr) return true;
-  if (!Send()) return false;
-  pending_msg_.reset();
-  pending_event_msg_.reset();
   return true;
+}
+
+void LoginLogoffInfoMessenger::TakeBatch(LoginLogoffInfoCache& cache) {
+  auto events = Drain(cache);
+  if (events->login_logoff_event_size() == 0) return;
+  if (pending_msg_ != nullptr) {
+    const int lost = pending_event_msg_->login_logoff_event_size();
+    replaced_ += static_cast<uint64_t>(lost);
+    ZLOG_WARN("Idfw: The cache is full, %d events of the batch %s are dropped", lost,
+              pending_msg_->correlationId.c_str());
+  }
+  pending_msg_ = MakeMessage(events);
+  pending_event_msg_ = std::move(events);
 }
 
 std::shared_ptr<LoginLogoffInfoMessenger::EventMsg> LoginLogoffInfoMessenger::Drain(
@@ -90,13 +97,16 @@ std::shared_ptr<LoginLogoffInfoMessenger::EventMsg> LoginLogoffInfoMessenger::Dr
   options.max_block_size = kLargestBlock;
   const auto arena = std::make_shared<google::protobuf::Arena>(options);
   std::shared_ptr<EventMsg> events(arena, google::protobuf::Arena::CreateMessage<EventMsg>(arena.get()));
+  size_t bytes = 0;
   cache.ConsumeAll([&](const LoginLogoffInfo& info) {
-    if (FillLoginLogoffEvent(info, events->add_login_logoff_event())) return;
-    if (nameless_.size() >= kMostNameless || !nameless_.insert(info.vcUuid + ' ' + info.biosUuid).second)
-      return;
-    ZLOG_WARN("Idfw: The guest %s with bios uuid %s has no uuid, the manager gets 0 for it",
-              info.vcUuid.c_str(), info.biosUuid.c_str());
+    if (!FillLoginLogoffEvent(info, events->add_login_logoff_event()) && nameless_.size() < kMostNameless &&
+        nameless_.insert(info.vcUuid + ' ' + info.biosUuid).second)
+      ZLOG_WARN("Idfw: The guest %s with bios uuid %s has no uuid, the manager gets 0 for it",
+                info.vcUuid.c_str(), info.biosUuid.c_str());
+    bytes += kEventFrame + info.sid.size() + info.userName.size() + info.domainName.size();
+    return bytes < kMostBytes;
   });
+  more_ = bytes >= kMostBytes;
   return events;
 }
 

@@ -33,8 +33,8 @@ class LoginLogoffInfoMessenger final : public BaseLoginLogoffInfoMessenger,
   bool Send() override;
   std::shared_ptr<CtxtMsg> MakeMessage(const std::shared_ptr<EventMsg>& events) override;
 
-  /// Sends the pending batch; without one, or when it is not to be tried again, all that the cache holds.
-  /// False when it was not acknowledged.
+  /// Sends the pending batch; without one, or when it is not to be tried again, all that the cache holds, in
+  /// as many messages as that needs.  False when one was not acknowledged.
   bool SendNext(LoginLogoffInfoCache& cache, bool retry_pending);
 
   /// Events of batches that gave way to newer ones, ever.
@@ -45,11 +45,13 @@ class LoginLogoffInfoMessenger final : public BaseLoginLogoffInfoMessenger,
 
   void Receive(const CtxtMsg& message);
   bool Check(const std::string& correlation_id, int32_t status, const std::string& error) const;
+  void TakeBatch(LoginLogoffInfoCache& cache);
   std::shared_ptr<EventMsg> Drain(LoginLogoffInfoCache& cache);
 
   CtxtChannel& channel_;
   std::shared_ptr<CtxtMsg> pending_msg_;
   std::shared_ptr<EventMsg> pending_event_msg_;
+  bool more_ = false;  // waited in the cache when the pending batch was full
   uint64_t next_correlation_id_ = 0;
   const uint32_t ack_timeout_;
   AckHandler ack_handler_;  // under the signal's mutex

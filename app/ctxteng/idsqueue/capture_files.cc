@@ -49,9 +49,11 @@ bool ReadAll(int fd, size_t size, std::string* bytes) {
   return true;
 }
 
+// A file system knows times that nanoseconds in 64 bits do not reach.
 zem::WallTime LastWrite(const struct stat& file) {
-  const auto since_epoch =
-      std::chrono::seconds(file.st_mtim.tv_sec) + std::chrono::nanoseconds(file.st_mtim.tv_nsec);
+  constexpr time_t kLatest = 9'000'000'000;
+  const auto since_epoch = std::chrono::seconds(std::clamp<time_t>(file.st_mtim.tv_sec, 0, kLatest)) +
+                           std::chrono::nanoseconds(file.st_mtim.tv_nsec);
   return zem::WallTime(std::chrono::duration_cast<zem::WallTime::duration>(since_epoch));
 }
 

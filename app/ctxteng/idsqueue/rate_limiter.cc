@@ -52,8 +52,14 @@ uint64_t RateLimiter::Count(int64_t now) {
   return count;
 }
 
+// A second that is ahead by more than the window was counted before the wall clock was set back; it would
+// hold up what stands behind it until the clock has come that far again.
+bool RateLimiter::Outside(int64_t second, int64_t now) const {
+  return second < now - expiration_secs_ || second > now + expiration_secs_;
+}
+
 void RateLimiter::Expire(int64_t now) {
-  while (quietest_ != nullptr && quietest_->second.last_seen < now - expiration_secs_) DropQuietest();
+  while (quietest_ != nullptr && Outside(quietest_->second.last_seen, now)) DropQuietest();
 }
 
 void RateLimiter::BeginSecond(Slot* slot, int64_t now) {
@@ -63,11 +69,12 @@ void RateLimiter::BeginSecond(Slot* slot, int64_t now) {
   }
   slot->last_seen = now;
   slot->in_second = 0;
-  const int64_t oldest = now - expiration_secs_;
-  auto kept = slot->before.begin();
-  for (; kept != slot->before.end() && kept->first < oldest; ++kept) slot->count -= kept->second;
-  seconds_ -= static_cast<size_t>(kept - slot->before.begin());
-  slot->before.erase(slot->before.begin(), kept);
+  // All of them: also a small step back leaves seconds ahead of the others.
+  seconds_ -= std::erase_if(slot->before, [&](const auto& second) {
+    const bool outside = Outside(second.first, now);
+    if (outside) slot->count -= second.second;
+    return outside;
+  });
 }
 
 void RateLimiter::Append(Entry* entry) {

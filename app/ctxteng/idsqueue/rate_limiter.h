@@ -42,12 +42,13 @@ class RateLimiter {
     int64_t last_seen = 0;
     uint64_t count = 0;                                // in the window
     uint64_t in_second = 0;                            // of them, those of the last second
-    std::vector<std::pair<int64_t, uint64_t>> before;  // the earlier seconds with their alerts, in order
+    std::vector<std::pair<int64_t, uint64_t>> before;  // the earlier seconds with their alerts
     Entry* quieter = nullptr;
     Entry* louder = nullptr;
   };
 
   uint64_t Count(int64_t now);
+  bool Outside(int64_t second, int64_t now) const;
   void Expire(int64_t now);
   void BeginSecond(Slot* slot, int64_t now);
   void Append(Entry* entry);

@@ -153,5 +153,19 @@ TEST_F(StoreMonitorsTest, ClientThatIsLateReadsTheStore) {
   EXPECT_THAT(idfw->Take(), IsEmpty());
 }
 
+// Once the tries are used up there was nobody to ask again, and the client stayed without the toggle.
+TEST_F(StoreMonitorsTest, ClientThatIsLateIsNotForgottenWhenTheStoreRefuses) {
+  Start(kIdfwBit | kIdsBit, kIdsBit);
+  Toggle(true);
+  Run();
+  daemon->faults().SetStatus("Get", 14, 4);
+  monitors->SetActive(kIdfwBit | kIdsBit);
+  Run();
+  EXPECT_THAT(idfw->Take(), IsEmpty());
+  Rule(7);
+  Run();
+  EXPECT_THAT(idfw->Take(), ElementsAre("7:195"));
+}
+
 }  // namespace
 }  // namespace Ctxt

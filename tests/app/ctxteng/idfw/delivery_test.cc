@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <random>
@@ -97,6 +98,33 @@ TEST_F(DeliveryTest, BatchIsARequestWithItsIdAndAllThatWaits) {
                 channel.last.payloadType,
             "com.orlane.zem.context 8888 IDFW-Vertical com.orlane.zem.context.idfw.LoginLogoffEventMsg");
   EXPECT_EQ(channel.last.payloadLen, channel.sent[1].bytes.size());
+}
+
+// A batch above what a frame holds would fail at each try, and nothing would come after it.
+TEST_F(DeliveryTest, WhatOneMessageCannotHoldComesInSeveral) {
+  constexpr size_t kLargest = 9 << 20;
+  constexpr int kEvents = 5000;
+  settings.cache_limit = kEvents;
+  channel.on_send = [](const std::string&) { return -1; };
+  Start();
+  for (int i = 0; i < kEvents; ++i) {
+    auto info = Login(given++);
+    info->userName.assign(4000, 'u');
+    router->listener().OnEvent(std::move(info));
+  }
+  clock.RunFor(seconds(60));
+  EXPECT_THAT(Ids(), ElementsAre("0")) << "one at a time";
+  channel.AckAll();
+  clock.RunFor(seconds(120));
+  EXPECT_THAT(Ids(), ElementsAre("0", "0", "1", "2"));
+  std::vector<uint32_t> sessions;
+  for (size_t i = 1; i < channel.sent.size(); ++i) {
+    EXPECT_LT(channel.sent[i].bytes.size(), kLargest);
+    for (const uint32_t session : SessionsOf(i)) sessions.push_back(session);
+  }
+  ASSERT_THAT(sessions, SizeIs(kEvents));
+  EXPECT_TRUE(std::is_sorted(sessions.begin(), sessions.end()));
+  EXPECT_EQ(router->messenger().replaced(), 0u);
 }
 
 // Waits of 60, 120, 240, 480 and 960 seconds; the last of them sends nothing, and the row begins again.
@@ -420,7 +448,7 @@ TEST(LoginLogoffInfoCacheTest, NothingIsLostBetweenManyProducersAndTheConsumer) 
   }
   const auto consume = [&] {
     uint32_t round = 0;
-    cache.ConsumeAll([&](const LoginLogoffInfo&) { ++round; });
+    cache.ConsumeAll([&](const LoginLogoffInfo&) { return ++round > 0; });
     EXPECT_LE(round, cache.cache_limit()) << "a batch ends also in a storm";
     EXPECT_LE(cache.Size(), cache.cache_limit());
     consumed += round;

@@ -62,10 +62,11 @@ class IdfwTest : public testing::Test {
     update.set_operation(op.SerializeAsString());
     return update;
   }
-  void Logon(const std::shared_ptr<VmData>& vm, uint32_t type = SESSION_TYPE_LOGON) {
+  void Logon(const std::shared_ptr<VmData>& vm, uint32_t type = SESSION_TYPE_LOGON,
+             const std::string& user = "alice") {
     auto session = std::make_shared<UserSessionInfo>();
     session->vc_uuid = vm->vc_uuid;
-    session->user_name = "alice";
+    session->user_name = user;
     session->domain_name = "corp";
     session->session_id = 3;
     session->session_type = type;
@@ -187,7 +188,7 @@ TEST_F(IdfwTest, LogonsGoToTheManagerOnlyWhileTheFeatureIsOn) {
   EXPECT_TRUE(channel.sent.empty());
   idfw.OnFeatureToggle(Update(kU1, kSet, {{5, 1}}));
   Logon(vm);
-  Logon(vm, SESSION_TYPE_INVALID);
+  Logon(vm, SESSION_TYPE_INVALID, std::string(5000, 'u'));
   EXPECT_EQ(idfw.Count().waiting, 2u);
   clock.RunFor(seconds(60));
   ASSERT_EQ(channel.sent.size(), 1u);
@@ -202,6 +203,7 @@ TEST_F(IdfwTest, LogonsGoToTheManagerOnlyWhileTheFeatureIsOn) {
   EXPECT_EQ(event.vm_id().second(), 0x778899aabbccdd01u);
   EXPECT_GT(event.timestamp(), 0u);
   EXPECT_FALSE(batch.login_logoff_event(1).has_event_type());
+  EXPECT_EQ(batch.login_logoff_event(1).user().user_name(), std::string(4096, 'u'));
 }
 
 // Without its channel the client starts when it is initialised again, and until then drops what comes.

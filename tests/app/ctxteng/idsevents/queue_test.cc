@@ -94,6 +94,21 @@ TEST(RateLimiterTest, LimitsAsTheWindowSlides) {
   EXPECT_TRUE(log.Contains("Rate limiting event src:10.0.0.1"));
 }
 
+// Else a host whose clock was corrected would hold an attacker's alerts back until the old time comes again.
+TEST(RateLimiterTest, ClockThatIsSetBackBeginsANewWindow) {
+  zem::test::LogCapture log;
+  RateLimiter limiter(1, 600);
+  for (int64_t now = 100000; now < 100010; ++now) limiter.Test(Event("10.0.0.9"), now);
+  limiter.Test(Event("10.0.0.8"), 100020);
+  EXPECT_EQ(limiter.Test(Event("10.0.0.9"), 5000), 0);
+  EXPECT_EQ(limiter.slots(), 1U);
+  // A small step is within the window, and what came after it goes as it ages.
+  RateLimiter small_step(3, 600);
+  for (const int64_t now : {5000, 4400, 5000}) EXPECT_EQ(small_step.Test(Event(), now), 0);
+  EXPECT_EQ(small_step.Test(Event(), 5010), 0) << "that of 4400 is gone";
+  EXPECT_EQ(small_step.Test(Event(), 5011), 1);
+}
+
 TEST(RateLimiterTest, WhoIsLimited) {
   zem::test::LogCapture log;
   const auto limited = [](IdsEvent second, uint32_t threshold = 1, int64_t now = 9) {
@@ -255,10 +270,18 @@ TEST_F(CaptureFilesTest, OnlyPlainFilesCount) {
 TEST_F(CaptureFilesTest, StaleFilesGo) {
   const std::string old = Write("1.1.pcap", "x", 3601);
   const std::string young = Write("2.2.pcap", "x", 3600);
+  const auto at = [](const std::string& path, time_t seconds) {
+    const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+    EXPECT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    return path;
+  };
+  const std::string oldest = at(Write("3.3.pcap", "x", 0), -20'000'000'000);
+  const std::string future = at(Write("4.4.pcap", "x", 0), 15'000'000'000);
   std::filesystem::create_directory(folder.Path() + "/sub");
   const auto an_hour = std::chrono::hours(1);
   files.RemoveStale(an_hour);
-  EXPECT_FALSE(std::filesystem::exists(old));
+  EXPECT_FALSE(std::filesystem::exists(old) || std::filesystem::exists(oldest));
+  EXPECT_TRUE(std::filesystem::exists(future));
   EXPECT_TRUE(std::filesystem::exists(young) && std::filesystem::exists(folder.Path() + "/sub"));
   EXPECT_TRUE(log.Contains("Removing stale pcap file: " + old));
   EXPECT_THROW(CaptureFiles("/nowhere", interruption).RemoveStale(an_hour), std::system_error);
