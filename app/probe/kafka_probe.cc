@@ -21,12 +21,14 @@ constexpr uint32_t kMostAlerts = 100000;
 
 void KafkaProbe::Stop() { slot_.Shutdown(); }
 
-bool KafkaProbe::Raise(const std::string& brokers) {
+bool KafkaProbe::Raise(Client, const std::string& brokers) {
   ZLOG_INFO("Kafka alarm raised: %s", brokers.c_str());
   return true;
 }
 
-void KafkaProbe::Clear(const std::string& brokers) { ZLOG_INFO("Kafka alarm cleared: %s", brokers.c_str()); }
+void KafkaProbe::Clear(Client, const std::string& brokers) {
+  ZLOG_INFO("Kafka alarm cleared: %s", brokers.c_str());
+}
 
 Outcome KafkaProbe::Make(const CliArguments& arguments) {
   orlane::zem::context::CommonAgentHostConfigMsg agent;

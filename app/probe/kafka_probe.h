@@ -27,8 +27,8 @@ class KafkaProbe final : public Ctxt::PaceClient::KafkaAlarm {
   /// certificate file.
   std::vector<CliCommand> Commands();
 
-  bool Raise(const std::string& brokers) override;
-  void Clear(const std::string& brokers) override;
+  bool Raise(Client client, const std::string& brokers) override;
+  void Clear(Client client, const std::string& brokers) override;
 
  private:
   Outcome Make(const CliArguments& arguments);

@@ -28,6 +28,9 @@ constexpr auto kPatience = std::chrono::seconds(90);
 constexpr size_t kReportsKept = 5000;
 constexpr size_t kViolationsKept = 100;
 
+// Longer than a host holds events back while it can send.
+constexpr auto kSecondLook = std::chrono::seconds(30);
+
 enum MpType : uint32_t {
   kReset = 1,
   kEventReport = 2,
@@ -147,6 +150,13 @@ std::optional<std::string> Collector::AnswerTo(const CollectorMpMsg& message,
       if (agreed) {
         state_.sources.insert(named.begin(), named.end());
         CheckSources(named);
+        // Events of an earlier life of a source may still wait in the host's queue.
+        ++checks_;
+        provider_->timers().Schedule(kSecondLook, [this, named] {
+          const std::lock_guard again(mutex_);
+          --checks_;
+          CheckSources(named);
+        });
       }
       break;
     }
@@ -187,7 +197,9 @@ void Collector::JudgeEventSequence(uint32_t sequence) {
   } else if (sequence == state_.event_sequence + 1) {
     // In order, or on its way before the restart.
   } else if (restart_expected_ && kept_allowed_) {
+    // It could not be sent before the restart: what it says of an event may have been over by then.
     kept_allowed_ = false;
+    FullSyncSoon();
     return;
   } else if (sequence > state_.event_sequence + 1) {
     ++state_.gaps;

@@ -35,8 +35,8 @@ struct PeerMessage;
 ///
 /// - A reset that it agrees to, and a gap in the numbers of the event reports, make it ask for a full sync
 ///   after a second: it then forgets the events that stand and takes them from the reports.
-/// - A source sync makes it ask for each event of those sources that stands: one that does not any more is
-///   closed.
+/// - A source sync makes it ask for each event of those sources that stands, at once and half a minute later:
+///   one that does not any more is closed.
 ///
 /// Threads: all operations from any thread but the manager's.
 class Collector {

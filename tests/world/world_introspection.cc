@@ -265,6 +265,9 @@ void WorldIntrospection::StopAgent() {
   profiles_->Stop();
   ouvi_.reset();
   profiles_.reset();
+  // What the library configured lasts as long as its load, as the guests' masks do: the next agent could not
+  // take back what was deleted while there was none.
+  mux_->Forget();
 }
 
 void WorldIntrospection::ChangeObjects(Random& random, const Modify& modify) {

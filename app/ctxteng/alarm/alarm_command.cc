@@ -36,7 +36,8 @@ void SetThreshold(const CliArguments& arguments, CliReply reply) {
     reply.Ok("FeatureId invalid, threshold not set");
     return;
   }
-  manager->UpdateEventConfig(event_type, false, threshold);
+  // An event that the manager has switched off stays off.
+  manager->UpdateEventConfig(event_type, manager->IsDisabled(event_type), threshold);
   reply.Ok("Status OK");
 }
 

@@ -230,6 +230,12 @@ void AlarmManager::UpdateEventConfig(uint16_t event_type, bool disabled, uint32_
   ZLOG_INFO("AlarmMgr: Event config update for eventTypeId %u", event_type);
 }
 
+bool AlarmManager::IsDisabled(uint16_t event_type) const {
+  const std::lock_guard lock(run_mutex_);
+  const auto run = run_.find(event_type);
+  return run != run_.end() && run->second.disabled;
+}
+
 void AlarmManager::OnConfig(const std::vector<EventSourceConfig>& configs) {
   ZLOG_INFO("AlarmMgr: Config change for featureID %u", feature_id_);
   for (const EventSourceConfig& config : configs) {

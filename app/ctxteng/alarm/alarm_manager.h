@@ -58,6 +58,7 @@ class AlarmManager : public IAlarmMgr {
   int PostAlarm(const std::string& entity_id, uint16_t event_type, const std::string& context,
                 bool raised) override;
   void UpdateEventConfig(uint16_t event_type, bool disabled, uint32_t threshold) override;
+  bool IsDisabled(uint16_t event_type) const override;
 
  private:
   struct Run {
@@ -83,7 +84,7 @@ class AlarmManager : public IAlarmMgr {
   const std::vector<AlarmEvent> events_;
   const std::function<void()> interrupt_;
 
-  std::mutex run_mutex_;
+  mutable std::mutex run_mutex_;
   std::map<uint16_t, Run> run_;  // by event type
   std::mutex handle_mutex_;      // held while the source is used, so that Stop waits for a post
   EventSourceHandle handle_ = nullptr;

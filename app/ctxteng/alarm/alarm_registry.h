@@ -27,6 +27,8 @@ class IAlarmMgr {
   virtual int PostAlarm(const std::string& entity_id, uint16_t event_type, const std::string& context,
                         bool raised) = 0;
   virtual void UpdateEventConfig(uint16_t event_type, bool disabled, uint32_t threshold) = 0;
+  /// Whether the configuration has switched the event off; false for an unknown one.
+  virtual bool IsDisabled(uint16_t) const { return false; }
 };
 
 /// The alarm managers of the process by feature.  An unknown feature is ignored, unless an operation says

@@ -93,6 +93,8 @@ void Pace::Report() {
   try {
     report_builder_.Build(aggregator_.guests(), site_.Get(),
                           [this](const orlane::zem::pace::PaceContextInfoMsg& msg) {
+                            // Switched off meanwhile: the rest of the report is void, too.
+                            if (collection() != aggregated_collection_) return;
                             Dump(msg);
                             SendContextInfo(msg);
                           });

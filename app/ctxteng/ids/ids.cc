@@ -51,6 +51,8 @@ void Ids::Initialize(const CtxtClientParam& param,
   external_logging_ = false;
   event_mask_ = 0;
   pcap_enabled_ = true;
+  global_config_known_ = false;
+  global_config_seen_ = true;
   store_ = store;
   try {
     worker_.Start();
@@ -139,21 +141,29 @@ void Ids::OnGlobalConfig(const Update& update) {
 void Ids::StoreBegins() {
   toggle_.StoreBegins();
   tenants_.StoreBegins();
+  worker_.Post(kGlobalConfigWork, [this] { global_config_seen_ = !global_config_known_; });
 }
 
 void Ids::StoreComplete() {
   toggle_.StoreComplete();
   tenants_.StoreComplete();
+  worker_.Post(kGlobalConfigWork, [this] {
+    if (!std::exchange(global_config_seen_, true)) ForgetGlobalConfig();
+  });
 }
 
 void Ids::TakeGlobalConfig(const Update& update) {
   try {
     if (!IsOfType(update, store::GLOBAL_CONFIG)) return;
     store::GlobalConfigMsg config;
-    if (!config.ParseFromString(update.object())) {
+    store::ObjectOpMsg operation;
+    if (!config.ParseFromString(update.object()) || !operation.ParseFromString(update.operation())) {
       ZLOG_ERROR("IDSERR_FAIL_PARSE_COVEDB", "Failed to parse Global Config message");
       return;
     }
+    // It comes with its last value, which does not hold any more.
+    if (operation.operation() == store::ObjectOpMsg::DELETE) return ForgetGlobalConfig();
+    global_config_known_ = global_config_seen_ = true;
     TakeGlobalConfig(config);
   } catch (const std::exception& error) {
     ZLOG_CTX_ERROR(351, "Ids: Exception in processing global config monitor updates. error: %s",
@@ -161,6 +171,14 @@ void Ids::TakeGlobalConfig(const Update& update) {
   } catch (...) {
     ZLOG_CTX_ERROR(351, "Ids: Unknown exception in processing common agent host config updates");
   }
+}
+
+// As one that switches everything off.
+void Ids::ForgetGlobalConfig() {
+  ZLOG_INFO("Ids: The global config is gone; external logging and kafka are switched off");
+  global_config_known_ = false;
+  external_logging_ = false;
+  kafka_.TakeEventConfig({}, pcap_enabled_);
 }
 
 void Ids::TakeGlobalConfig(const store::GlobalConfigMsg& config) {

@@ -89,6 +89,7 @@ class Ids final : public ICtxtClient,
 
  private:
   void TakeGlobalConfig(const Update& update);
+  void ForgetGlobalConfig();
   void TakeGlobalConfig(const orlane::zem::covedb::GlobalConfigMsg& config);
   void ToggleChanged(bool enabled);
   void ApplyToggle(bool enabled);
@@ -102,6 +103,9 @@ class Ids final : public ICtxtClient,
   RuleTenants tenants_;
   IdsAlarms alarms_;
   IdsKafka kafka_;
+  // The worker's.
+  bool global_config_known_ = false;
+  bool global_config_seen_ = true;  // since the store began to send all that it has
   ConfigWorker worker_;
   /// Held by the registration with the profile service that counts; the service never forgets one.
   std::shared_ptr<void> registration_;

@@ -7,10 +7,12 @@
 #include "app/ctxteng/alarm/entity_id.h"
 #include "app/ctxteng/alarm/idps_info.h"
 #include "app/ctxteng/alarm/ids_alarm_reporter.h"
+#include "framework/log/log.h"
 
 namespace Ctxt {
 namespace {
 
+constexpr zem::LogSource kLog{"tarvik", "ctxteng"};
 constexpr const char* kName = "IdpsHostAlarm";
 
 }  // namespace
@@ -42,6 +44,7 @@ void IdsAlarms::Stop() {
   {
     const std::lock_guard lock(mutex_);
     info.swap(info_);
+    raised_by_.clear();
   }
   // Another owner's manager of the feature, in the same process, stays.
   if (!info) return;
@@ -50,20 +53,34 @@ void IdsAlarms::Stop() {
   if (manager) manager->Stop();
 }
 
-void IdsAlarms::ResetAll() { alarms::ResetAllAlarms(IdpsAlarm::kFeature); }
-
-std::shared_ptr<IdpsAlarm::IdpsInfo> IdsAlarms::info() const {
+void IdsAlarms::ResetAll() {
   const std::lock_guard lock(mutex_);
-  return info_;
+  raised_by_.clear();
+  alarms::ResetAllAlarms(IdpsAlarm::kFeature);
 }
 
-bool IdsAlarms::Raise(const std::string& brokers) {
-  const auto alarm = info();
-  return alarm && alarm->Raise(brokers, true);
+bool IdsAlarms::Raise(Client client, const std::string& brokers) {
+  const std::lock_guard lock(mutex_);
+  if (!info_ || !info_->Raise(brokers, true)) return false;
+  raised_by_.insert(client);
+  return true;
 }
 
-void IdsAlarms::Clear(const std::string& brokers) {
-  if (const auto alarm = info()) static_cast<void>(alarm->Raise(brokers, false));
+void IdsAlarms::Clear(Client client, const std::string& brokers) {
+  const std::lock_guard lock(mutex_);
+  raised_by_.erase(client);
+  if (!info_) return;
+  if (raised_by_.empty()) {
+    static_cast<void>(info_->Raise(brokers, false));
+  } else {
+    ZLOG_INFO("Ids: The Kafka alarm stays for another client's brokers, without those of this one: %s",
+              brokers.c_str());
+  }
+}
+
+bool IdsAlarms::Stands(Client client) const {
+  const std::lock_guard lock(mutex_);
+  return raised_by_.count(client) != 0;
 }
 
 }  // namespace Ctxt

@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "app/ctxteng/kafka/kafka_client.h"
@@ -41,16 +42,17 @@ class IdsAlarms final : public PaceClient::KafkaAlarm {
   /// Clears the alarms that this host's detection may have raised.
   void ResetAll();
 
-  bool Raise(const std::string& brokers) override;
-  void Clear(const std::string& brokers) override;
+  bool Raise(Client client, const std::string& brokers) override;
+  void Clear(Client client, const std::string& brokers) override;
+  bool Stands(Client client) const override;
 
  private:
-  std::shared_ptr<IdpsAlarm::IdpsInfo> info() const;
-
   const Conditions conditions_;
   std::unique_ptr<IdsPollAlarm::IdsAlarmReporter> reporter_;
-  mutable std::mutex mutex_;  // guards info_
+  // Guards all below, and is held while the alarm is posted: the library does not wait.
+  mutable std::mutex mutex_;
   std::shared_ptr<IdpsAlarm::IdpsInfo> info_;
+  std::set<Client> raised_by_;
 };
 
 }  // namespace Ctxt

@@ -112,7 +112,7 @@ KafkaClient::KafkaClient(const KafkaConfig& config, KafkaAlarm* alarm, KafkaDeli
 KafkaClient::~KafkaClient() {
   StopPolling();
   // Not behind the flush: a client that replaces this one may raise the alarm of the same brokers meanwhile.
-  if (alarm_raised_.exchange(false)) alarm_->Clear(brokers_);
+  if (alarm_raised_.exchange(false)) alarm_->Clear(this, brokers_);
   if (producer_ != nullptr) {
     ZLOG_INFO("Zemi: Flushing final messages over kafka");
     if (rd_kafka_flush(producer_, LibraryMs(static_cast<int>(flush_seconds_ * 1000))) !=
@@ -293,21 +293,21 @@ void KafkaClient::SettleAlarm() {
   if (!alarm_unsettled_.exchange(false) || alarm_ == nullptr) return;
   const std::lock_guard lock(alarm_mutex_);
   const bool down = brokers_down_;
-  if (down == alarm_raised_) return;
   if (down) {
-    alarm_raised_ = alarm_->Raise(brokers_);
+    if (!alarm_raised_ || !alarm_->Stands(this)) alarm_raised_ = alarm_->Raise(this, brokers_);
     return;
   }
+  if (!alarm_raised_) return;
   ZLOG_INFO("Zemi: Kafka transmission alarm cleared");
   alarm_raised_ = false;
-  alarm_->Clear(brokers_);
+  alarm_->Clear(this, brokers_);
 }
 
 void KafkaClient::ClearAlarm() {
   if (alarm_ == nullptr) return;
   const std::lock_guard lock(alarm_mutex_);
   alarm_raised_ = false;
-  alarm_->Clear(brokers_);
+  alarm_->Clear(this, brokers_);
 }
 
 }  // namespace Ctxt::PaceClient

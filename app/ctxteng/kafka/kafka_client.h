@@ -25,15 +25,22 @@ struct KafkaConfig;
 
 namespace Ctxt::PaceClient {
 
-/// Where a client reports that its brokers are down or back.
+/// Where clients report that their brokers are down or back.  Several share one alarm: it stands until each
+/// client that has raised it has cleared it.
 ///
-/// Threads: called by the client's own thread, and by the one that destroys the client; it may block them.
+/// Threads: called by a client's own thread, and by the one that destroys the client; it may block them.
 class KafkaAlarm {
  public:
+  /// Only tells clients apart.
+  using Client = const void*;
+
   virtual ~KafkaAlarm() = default;
   /// Returns false when the alarm is not wanted now; the client asks again while the brokers stay down.
-  virtual bool Raise(const std::string& brokers) = 0;
-  virtual void Clear(const std::string& brokers) = 0;
+  virtual bool Raise(Client client, const std::string& brokers) = 0;
+  virtual void Clear(Client client, const std::string& brokers) = 0;
+  /// False when what the client has raised was taken back over its head; the client then raises it again
+  /// while the brokers stay down.
+  virtual bool Stands(Client) const { return true; }
 };
 
 /// The deliveries that the library reported, of all topics and clients ("pcap-sent-kafka-succeed" and

@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "app/zemda/collector/text_repair.h"
+#include "app/zemda/inventory/reply_reader.h"
 #include "framework/log/log.h"
 #include "platform/core/poll.h"
 #include "platform/core/unix_socket.h"
@@ -34,12 +34,8 @@ constexpr auto kNoLimit = hours(24 * 365);
 constexpr size_t kPiece = 1023;
 constexpr size_t kMostLine = 1 << 20;
 constexpr size_t kMostReply = 64 << 20;
-
-ReplyLine Split(const std::string& line) {
-  const size_t at = line.find('=');
-  if (at == std::string::npos) return {RepairText(line), {}};
-  return {RepairText(line.substr(0, at)), RepairText(line.substr(at + 1))};
-}
+// Each costs far more than its bytes.
+constexpr size_t kMostLines = 4 << 20;
 
 }  // namespace
 
@@ -104,7 +100,24 @@ bool DaLumProxy::AwaitHost() {
 
 // --- Requests.
 
+// What came behind the last reply belongs to no request.  As the next one's beginning it would shift all that
+// follow, and a change would be taken for everything.
+bool DaLumProxy::DropLeftover() {
+  size_t dropped = received_.size();
+  received_.clear();
+  searched_ = 0;
+  for (std::array<char, kPiece> piece; dropped <= kMostLine;) {
+    const ssize_t got = ::recv(socket_.get(), piece.data(), piece.size(), MSG_DONTWAIT);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;  // an end is found by the read of the reply
+    dropped += static_cast<size_t>(got);
+  }
+  if (dropped > 0) ZLOG_WARN("%zu bytes behind the end of a reply are dropped", dropped);
+  return dropped <= kMostLine;
+}
+
 bool DaLumProxy::Send(const std::string& request) {
+  if (!DropLeftover()) return false;
   const std::string line = request + "\n";
   // A line fits into the socket of a daemon that reads.
   return ::send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
@@ -157,9 +170,9 @@ std::optional<std::vector<ReplyLine>> DaLumProxy::Ask(const char* request, const
   for (size_t bytes = 0; good;) {
     const auto line = ReadLine(lines.empty() ? first : kSilence);
     bytes += line ? line->size() + 1 : 0;
-    good = line && bytes <= kMostReply;
+    good = line && bytes <= kMostReply && lines.size() < kMostLines;
     if (!good) break;
-    lines.push_back(Split(*line));
+    lines.push_back(SplitLine(*line));
     if (*line == "done") return lines;
   }
   ZLOG_WARN("Reading reply from socket failed.");

@@ -14,8 +14,8 @@ namespace ZemDa {
 /// The connection to the host's inventory daemon.
 ///
 /// Threads: the collector's.  All waits end at an interruption, which leaves them by Interrupted.
-/// Limits: a line of 1 MiB, a reply of 64 MiB; beyond them, and after two minutes of silence within a reply,
-/// the request fails.
+/// Limits: a line of 1 MiB, a reply of 64 MiB and 4 Mi lines; beyond them, and after two minutes of silence
+/// within a reply, the request fails.
 class DaLumProxy {
  public:
   /// `interruption` outlives the proxy.
@@ -37,6 +37,7 @@ class DaLumProxy {
 
  private:
   bool TryConnect();
+  bool DropLeftover();
   bool Send(const std::string& request);
   bool Fill(zem::Duration limit);
   std::optional<std::string> ReadLine(zem::Duration limit);

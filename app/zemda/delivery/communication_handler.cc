@@ -53,6 +53,11 @@ void CommunicationHandler::InitiateMPAClient() {
   ZLOG_INFO("InitiateMPAClient completed.");
 }
 
+void CommunicationHandler::BeginStop() {
+  const std::lock_guard sending(send_mutex_);
+  stopping_ = true;
+}
+
 void CommunicationHandler::Stop() {
   stopping_ = true;
   if (!std::exchange(started_, false)) return;
@@ -209,13 +214,13 @@ void CommunicationHandler::Disarm() {
 
 void CommunicationHandler::HandleSyncInit() {
   ZLOG_INFO("Received SYNC_INIT from MP.");
+  const std::lock_guard sending(send_mutex_);
+  if (stopping_) return;
+  Disarm();
+  ZLOG_INFO("Starting DC and DS - Start");
+  sender_->SetState(DataSender::kDoSyncInit);
   bool was_data = false;
   {
-    const std::lock_guard sending(send_mutex_);
-    if (stopping_) return;
-    Disarm();
-    ZLOG_INFO("Starting DC and DS - Start");
-    sender_->SetState(DataSender::kDoSyncInit);
     const std::lock_guard lock(state_mutex_);
     was_data = last_sent_was_data_;
   }

@@ -32,8 +32,8 @@ class CommunicationHandler final : public DataSender::Road {
   ~CommunicationHandler() override;
 
   void InitiateMPAClient();
-  /// From here on no thread of the sender or the collector is started.
-  void BeginStop() { stopping_ = true; }
+  /// Once it has returned, no thread of the sender or the collector is started and nothing is sent.
+  void BeginStop();
   /// Ends the road, the receive thread and both timers.
   void Stop();
 
@@ -61,7 +61,9 @@ class CommunicationHandler final : public DataSender::Road {
   const std::shared_ptr<RxQueue> inbox_ = std::make_shared<RxQueue>();
   std::atomic<bool> stopping_{false};
   bool started_ = false;
-  std::mutex send_mutex_;   // held over a send, so that the timer, the state and the id belong together
+  // Held over a send, so that the timer, the state and the id belong together, and over the start of threads,
+  // so that none comes behind a stop.
+  std::mutex send_mutex_;
   std::mutex state_mutex_;  // guards what follows
   bool last_sent_was_data_ = false;
   std::string last_correlation_id_;

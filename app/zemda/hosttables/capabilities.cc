@@ -7,6 +7,7 @@
 #include <set>
 #include <sstream>
 
+#include "app/zemda/base/text_repair.h"
 #include "framework/log/log.h"
 #include "proto/ida/ida.pb.h"
 
@@ -32,12 +33,15 @@ void ReadFile(const fs::path& path, orlane::zem::ida::HostMsg* host) {
         boost::property_tree::xml_parser::no_comments | boost::property_tree::xml_parser::trim_whitespace);
     for (const auto& [name, child] : tree.get_child("capabilityList")) {
       if (name != "capability") continue;
+      const auto text = [&child = child](const char* what) {
+        return RepairText(child.get<std::string>(what, ""));
+      };
       auto* const entry = host->add_capability_entry();
-      entry->set_key(child.get<std::string>("key", ""));
-      entry->set_description(child.get<std::string>("description", ""));
-      entry->set_version(child.get<std::string>("version", ""));
-      entry->set_detail(child.get<std::string>("detail", ""));
-      entry->set_detailtype(child.get<std::string>("detailtype", ""));
+      entry->set_key(text("key"));
+      entry->set_description(text("description"));
+      entry->set_version(text("version"));
+      entry->set_detail(text("detail"));
+      entry->set_detailtype(text("detailtype"));
     }
   } catch (const std::exception& error) {
     ZLOG_ERROR("MPA20007", "Error in parsing XML file '%s': %s", path.c_str(), error.what());

@@ -4,6 +4,7 @@
 #include <sstream>
 #include <utility>
 
+#include "app/zemda/base/text_repair.h"
 #include "app/zemda/inventory/property_tables.h"
 #include "framework/log/log.h"
 
@@ -29,6 +30,12 @@ std::string DeviceOf(const std::string& path) {
 }
 
 }  // namespace
+
+ReplyLine SplitLine(const std::string& line) {
+  const size_t at = line.find('=');
+  if (at == std::string::npos) return {RepairText(line), {}};
+  return {RepairText(line.substr(0, at)), RepairText(line.substr(at + 1))};
+}
 
 bool ReplyReader::AtBlockEnd() const {
   return at_ >= lines_.size() || lines_[at_].key == "ChangeDataEnd" || lines_[at_].key == "done";

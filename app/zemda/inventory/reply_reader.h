@@ -9,6 +9,9 @@
 
 namespace ZemDa {
 
+/// A line of a reply without its end; what is no UTF-8 in it is replaced.
+ReplyLine SplitLine(const std::string& line);
+
 /// Reads the blocks of a reply of the inventory daemon, one after the other.  What does not belong where it
 /// stands is passed over; an incomplete record is dropped with a log line.
 class ReplyReader {

@@ -162,10 +162,13 @@ void VmConfigMsgHandler::ProcessFullSync(const IdaMsg& message) {
       ZLOG_ERROR("MPA24001", "Unable to parse VmConfigMsg");
       continue;
     }
+    // A VM that waited for its external id may come and go in one message; the last says what it is.
     if (Leaves(object)) {
+      to_modify.erase(vm.id());
       to_delete[vm.id()] = std::move(vm);
       continue;
     }
+    to_delete.erase(vm.id());
     if (const auto known = stored.find(vm.id()); known != stored.end()) {
       vm = known->second;
       static_cast<void>(Convert(object.virtual_machine(), &vm));  // as before

@@ -100,6 +100,8 @@ void DiscoveryAgent::stop() {
     return;
   }
   if (parts_->handler != nullptr) parts_->handler->BeginStop();
+  // The collector may wait for its turn behind a read of the sender's.
+  if (parts_->store_reads != nullptr) parts_->store_reads->Request();
   const auto end = [](Thread* thread) {
     if (thread == nullptr || !thread->started()) return;
     thread->Stop();
@@ -107,7 +109,6 @@ void DiscoveryAgent::stop() {
   };
   end(parts_->collector.get());
   ZLOG_INFO("Shutting down Data Sender");
-  if (parts_->store_reads != nullptr) parts_->store_reads->Request();
   end(parts_->sender.get());
   ZLOG_INFO("Shutting down MPA Client");
   if (parts_->handler != nullptr) parts_->handler->Stop();

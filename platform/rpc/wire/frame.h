@@ -34,17 +34,18 @@ constexpr uint8_t kFlagText = 4;
 constexpr uint8_t kFlagNoMessage = 8;
 
 constexpr size_t kFrameHeaderSize = 16;
-constexpr uint32_t kDataLimit = 16 << 20;
+/// What a host with 100,000 objects reports in one message.
+constexpr uint32_t kDataLimit = 64 << 20;
 constexpr uint32_t kControlLimit = 1 << 20;
 constexpr uint32_t kHelloLimit = 64 << 10;
 constexpr uint32_t kHeadersLimit = 64 << 10;
 constexpr int kIdsLimit = 1024;
 constexpr size_t kCallsLimit = 65536;
 constexpr size_t kChannelsLimit = 4096;
-/// Above this much unsent, writes are refused; above four times as much, the peer is given up.
+/// Above this much unsent, writes are refused; above four times as much and a message, the peer is given up.
 constexpr size_t kUnsentLimit = 16 << 20;
 constexpr size_t kUnsentResume = kUnsentLimit / 2;
-constexpr size_t kUnsentGiveUp = 4 * kUnsentLimit;
+constexpr size_t kUnsentGiveUp = 4 * kUnsentLimit + kDataLimit;
 /// How far a batch serializes ahead of the socket.
 constexpr size_t kBatchAhead = 256 << 10;
 

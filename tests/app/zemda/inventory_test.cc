@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "app/zemda/collector/text_repair.h"
+#include "app/zemda/base/text_repair.h"
 #include "app/zemda/inventory/host_records.h"
 #include "app/zemda/inventory/qub_inventory_parser.h"
 #include "app/zemda/inventory/vm_records.h"

@@ -194,15 +194,19 @@ TEST_F(RecordsTest, VmsFollowTheMessages) {
   message.Clear();
   message.set_message_type(1);
   *message.add_inventory_object()->mutable_virtual_machine() = Vm("12", "");
-  auto* const gone = message.add_inventory_object();
+  auto* gone = message.add_inventory_object();
   gone->set_operation(ida::InventoryObjectMsg::LEAVE);
   *gone->mutable_virtual_machine() = Vm("13", "e13");
   Do([&] { vms.process(message); });
   EXPECT_THAT(Vms(), ElementsAre("12 e12 bios instance"));
   message.Clear();
   message.set_message_type(0);
+  *message.add_inventory_object()->mutable_virtual_machine() = Vm("14", "e14");
+  gone = message.add_inventory_object();
+  gone->set_operation(ida::InventoryObjectMsg::LEAVE);
+  *gone->mutable_virtual_machine() = Vm("14", "e14");
   Do([&] { vms.process(message); });
-  EXPECT_THAT(Vms(), IsEmpty());
+  EXPECT_THAT(Vms(), IsEmpty()) << "one that came and went in the message, too";
 }
 
 TEST_F(RecordsTest, StoreThatIsAway) {

@@ -253,7 +253,7 @@ TEST_F(RpcTest, AnEndedCallLetsGoOfItsWritableHook) {
 TEST_F(RpcTest, APeerThatTakesNoAnswersIsGivenUp) {
   Serve();
   auto stub = Stub();
-  constexpr int kCalls = 5;
+  constexpr int kCalls = 9;
   for (int i = 0; i < kCalls; ++i) stub.Echo(ClientContext(), Text("hold"), Observe("c"));
   clock_.Settle();
   network_.Freeze(kEndpoint, true);
@@ -270,10 +270,10 @@ TEST_F(RpcTest, AMessageOverTheFrameLimitIsRefused) {
   Serve();
   auto stub = Stub();
   EchoMsg huge;
-  huge.set_payload(std::string(17 << 20, 'x'));
+  huge.set_payload(std::string(65 << 20, 'x'));
   stub.Echo(ClientContext(), huge, Observe("c"));
   EchoMsg large;
-  large.set_payload(std::string(15 << 20, 'x'));
+  large.set_payload(std::string(63 << 20, 'x'));
   stub.Echo(ClientContext(), large, Observe("d"));
   clock_.Settle();
   EXPECT_THAT(journal_.Take(), ElementsAre("c status 11", "d next store:", "d status 0"));

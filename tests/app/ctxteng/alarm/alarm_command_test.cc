@@ -28,9 +28,11 @@ class RecordingManager final : public IAlarmMgr {
     calls.push_back("post " + entity + " " + std::to_string(type) + (raised ? " up" : " down"));
     return 0;
   }
-  void UpdateEventConfig(uint16_t type, bool, uint32_t threshold) override {
-    calls.push_back("threshold " + std::to_string(type) + " " + std::to_string(threshold));
+  void UpdateEventConfig(uint16_t type, bool disabled, uint32_t threshold) override {
+    calls.push_back((disabled ? "off " : "threshold ") + std::to_string(type) + " " +
+                    std::to_string(threshold));
   }
+  bool IsDisabled(uint16_t type) const override { return type == 19; }
 
   std::vector<std::string> calls;
 };
@@ -54,6 +56,7 @@ TEST(SetAlarmTest, ThresholdsReachTheManagerOfTheFeature) {
   EXPECT_EQ(RunCommand({"0x0f", "80"}), "Status OK");
   EXPECT_EQ(RunCommand({"35", "0x10"}), "Status OK");
   EXPECT_EQ(RunCommand({"65551", "7"}), "Status OK") << "the event type has 16 bits";
+  EXPECT_EQ(RunCommand({"19", "90"}), "Status OK");
   EXPECT_EQ(RunCommand({"13", "1"}), "Event type not supported via this CLI, threshold not set");
   EXPECT_TRUE(log.Contains("CliServer: Setting threshold 16 on IDS Alarms EventTypeId: 35"));
   alarms::AddEntity(33, "e", 15);
@@ -61,8 +64,8 @@ TEST(SetAlarmTest, ThresholdsReachTheManagerOfTheFeature) {
   alarms::PostAlarm(34, "e", 15, "{}", true);
   alarms::Register(33, nullptr);
   alarms::AddEntity(33, "f", 15);
-  EXPECT_THAT(manager->calls, ElementsAre("threshold 15 80", "threshold 35 16", "threshold 15 7", "add e 15",
-                                          "post e 15 up"));
+  EXPECT_THAT(manager->calls, ElementsAre("threshold 15 80", "threshold 35 16", "threshold 15 7", "off 19 90",
+                                          "add e 15", "post e 15 up"));
 }
 
 }  // namespace

@@ -83,6 +83,8 @@ TEST_F(AlarmManagerTest, ADisabledEventForgetsItsSamplesAndTakesANewThreshold) {
   values = {90, 90, 90};
   Pass(minutes(3));
   library.Configure(kSource, {{kShare, true, 20}, {55, true, 0}});
+  EXPECT_TRUE(manager.IsDisabled(kShare));
+  EXPECT_FALSE(manager.IsDisabled(kSingle));
   Pass(minutes(1));
   library.Configure(kSource, {{kShare, false, 20}});
   values = {30, 30, 10, 10};

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "app/ctxteng/guest/guest_table.h"
+#include "platform/core/thread.h"
 #include "platform/core/uuid.h"
 #include "platform/core/virtual_clock.h"
 #include "platform/upm/upm_service.h"
@@ -40,8 +41,10 @@ class RecordedPace final : public Pace {
   void SendContextInfo(const pace::PaceContextInfoMsg& msg) override {
     reports.push_back(msg);
     Pace::SendContextInfo(msg);
+    if (const auto then = std::exchange(after_next_report, nullptr)) then();
   }
   std::vector<pace::PaceContextInfoMsg> reports;
+  std::function<void()> after_next_report;
 };
 
 class PaceTest : public testing::Test {
@@ -237,6 +240,24 @@ TEST_F(PaceTest, ACollectionKnowsNothingOfTheOneBefore) {
     EXPECT_EQ(guest.service_event_size() + guest.user_event_size() + guest.process_entry_size(), 0);
     Tell({HostConfig(false)});
   }
+}
+
+TEST_F(PaceTest, AReportThatIsSwitchedOffInItsMiddleEndsThere) {
+  Start();
+  const auto vm = Add(1);
+  Tell({HostConfig(true)});
+  for (uint64_t process = 1; process <= 200; ++process) {
+    const auto connection = Connection(*vm);
+    connection->process_dfw_key = process;
+    connection->cmdline.assign(10000, 'x');
+    client->NetworkEventHandler(connection, vm);
+  }
+  client->after_next_report = [this] {
+    profiles->tell({{2, "node", {HostConfig(false)}, {}}, {2, "node", {HostConfig(true)}, {}}}, false);
+    zem::SleepFor(milliseconds(1));
+  };
+  clock.RunFor(minutes(1) + milliseconds(10));
+  EXPECT_EQ(Reports().size(), 1U) << "the rest belongs to no collection any more";
 }
 
 TEST_F(PaceTest, ManySocketsOfAProcessAreOneProcess) {

@@ -84,10 +84,11 @@ class IdsTest : public testing::Test {
     if (topic) events->set_data_topic(*topic);
     ids->OnGlobalConfig(Update(store::GLOBAL_CONFIG, config));
   }
-  static RuleTenants::Update Update(store::ObjectType type, const google::protobuf::MessageLite& object) {
+  static RuleTenants::Update Update(store::ObjectType type, const google::protobuf::MessageLite& object,
+                                    store::ObjectOpMsg::Operation what = store::ObjectOpMsg::SET) {
     RuleTenants::Update update;
     store::ObjectOpMsg operation;
-    operation.set_operation(store::ObjectOpMsg::SET);
+    operation.set_operation(what);
     update.set_object_type(type);
     update.set_object(object.SerializeAsString());
     update.set_operation(operation.SerializeAsString());
@@ -169,6 +170,29 @@ TEST_F(IdsTest, TheToggleDecidesWhichEventsGuestsReport) {
   ids->StoreBegins();
   ids->StoreComplete();
   EXPECT_FALSE(ids->IsEnabled()) << "deleted while the store was away";
+}
+
+// The store tells the last value of what it deletes.
+TEST_F(IdsTest, AGlobalConfigThatIsGoneSwitchesOff) {
+  Tell({Agent()});
+  store::GlobalConfigMsg config;
+  config.mutable_ids_global_config()->set_external_logging(true);
+  config.mutable_ids_event_config()->set_publish_east_west(true);
+  const auto is_on = [&] { return ids->IsKafkaReady() && ids->IsExternalLoggingEnabled(); };
+  const auto is_off = [&] { return !ids->IsKafkaReady() && !ids->IsExternalLoggingEnabled(); };
+  ids->OnGlobalConfig(Update(store::GLOBAL_CONFIG, config));
+  ASSERT_TRUE(Eventually(is_on));
+  ids->OnGlobalConfig(Update(store::GLOBAL_CONFIG, config, store::ObjectOpMsg::DELETE));
+  EXPECT_TRUE(Eventually(is_off));
+
+  ids->StoreBegins();
+  ids->OnGlobalConfig(Update(store::GLOBAL_CONFIG, config));
+  ids->StoreComplete();
+  Settle();
+  EXPECT_TRUE(is_on()) << "the store had it when it came back";
+  ids->StoreBegins();
+  ids->StoreComplete();
+  EXPECT_TRUE(Eventually(is_off)) << "deleted while the store was away";
 }
 
 // Settings come from two sides, and neither side repeats itself.
@@ -274,6 +298,27 @@ TEST_F(IdsTest, TheBrokersAlarmIsRaisedAndClearedWithTheFeature) {
   ids->SendKafkaEvent(Event(2));
   brokers.Mend(zem::sim::BrokerFault::kDown);
   EXPECT_TRUE(Eventually([&] { return !alarms.Get(kSource, 83).raised; }));
+}
+
+// The flow context client's Kafka client reports to the same alarm.
+TEST_F(IdsTest, TheBrokersAlarmStandsUntilTheLastClientClearsIt) {
+  Toggle(true);
+  Settle();
+  PaceClient::KafkaAlarm& alarm = ids->kafka_alarm();
+  const int one = 1;
+  const int other = 2;
+  EXPECT_TRUE(alarm.Raise(&one, "b,"));
+  EXPECT_TRUE(alarm.Raise(&other, "b,"));
+  alarm.Clear(&one, "b,");
+  EXPECT_TRUE(alarms.Get(kSource, 83).raised);
+  alarm.Clear(&other, "b,");
+  EXPECT_FALSE(alarms.Get(kSource, 83).raised);
+  EXPECT_TRUE(alarm.Raise(&other, "b,"));
+  EXPECT_TRUE(alarm.Stands(&other));
+  Toggle(false);
+  Settle();
+  EXPECT_FALSE(alarms.Get(kSource, 83).raised);
+  EXPECT_FALSE(alarm.Stands(&other)) << "so that it is raised again when the feature comes back";
 }
 
 TEST_F(IdsTest, TheNodesIdIsAskedForEachTime) {

@@ -29,11 +29,12 @@ constexpr auto kPatience = std::chrono::seconds(1000);
 
 class Alarm final : public KafkaAlarm {
  public:
-  bool Raise(const std::string& brokers) override {
+  bool Raise(Client, const std::string& brokers) override {
     Note("raise " + brokers);
     return wanted;
   }
-  void Clear(const std::string& brokers) override { Note("clear " + brokers); }
+  void Clear(Client, const std::string& brokers) override { Note("clear " + brokers); }
+  bool Stands(Client) const override { return stands; }
 
   bool WaitFor(size_t count) {
     std::unique_lock lock(mutex_);
@@ -44,6 +45,7 @@ class Alarm final : public KafkaAlarm {
     return calls_;
   }
   std::atomic<bool> wanted{true};
+  std::atomic<bool> stands{true};
 
  private:
   void Note(std::string call) {
@@ -196,6 +198,9 @@ TEST_F(KafkaClientTest, AlarmThatWasNotWantedIsTriedAgain) {
     EXPECT_FALSE(client->alarm_raised());
     alarm.wanted = true;
     ASSERT_TRUE(Eventually([&] { return client->alarm_raised(); }));
+    alarm.stands = false;
+    ASSERT_TRUE(alarm.WaitFor(alarm.calls().size() + 1)) << "taken back by somebody else";
+    EXPECT_EQ(alarm.calls().back(), "raise " + config.brokers);
   }
   EXPECT_EQ(alarm.calls().back(), "clear " + config.brokers);
   EXPECT_EQ(deliveries.failed, 1U) << "what was given up counts";

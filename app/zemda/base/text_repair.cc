@@ -1,4 +1,4 @@
-#include "app/zemda/collector/text_repair.h"
+#include "app/zemda/base/text_repair.h"
 
 #include <cstddef>
 #include <cstdint>
