@@ -15,10 +15,13 @@
 #include "app/ctxteng/idsrecord/event_reader.h"
 #include "app/ctxteng/idsrecord/line_budget.h"
 #include "framework/log/log.h"
+#include "framework/process/error_text.h"
 #include "platform/core/unix_socket.h"
 
 namespace IdsEvtEng {
 namespace {
+
+using zem::Tarvik::Util::GetErrMsg;
 
 constexpr zem::LogSource kLog{"tarvik", "idsevt"};
 
@@ -35,7 +38,10 @@ LineBudget g_full_logger{kLinesOfAKind};
 bool Bind(int fd, const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() > zem::kMaxUnixPath) return false;
+  if (path.size() > zem::kMaxUnixPath) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
   path.copy(address.sun_path, path.size());
   return ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
@@ -51,7 +57,9 @@ bool AlertSocket::Open() {
   }
   ::unlink(name);
   if (!Bind(socket_.get(), param_.idsSocketName)) {
+    const std::string reason = GetErrMsg(errno);
     ZLOG_CTX_ERROR(724, "Failed to bind to socket %s", name);
+    ZLOG_WARN("No alert will be received: %s", reason.c_str());
     return false;
   }
   const int flags = ::fcntl(socket_.get(), F_GETFL);

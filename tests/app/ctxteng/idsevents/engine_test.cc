@@ -345,6 +345,7 @@ TEST_F(EngineTest, WhatCannotBeUsedEndsOneThreadAlone) {
   Start();
   EXPECT_TRUE(log.Contains("invalid pcap file path: " + param.pcapDirPath));
   EXPECT_TRUE(log.Contains("Failed to bind to socket " + param.idsSocketName));
+  EXPECT_TRUE(log.Contains("No alert will be received: No such file"));
   engine->Stop();
   EXPECT_TRUE(log.Contains("critical event processing thread interrupted, exiting"));
   EXPECT_FALSE(log.Contains("errorCode=\"CTX712\""));
