@@ -92,14 +92,9 @@ void StoreMonitors::SetActive(uint32_t active) {
 }
 
 void StoreMonitors::Take(const Update& update) {
-  {
-    std::lock_guard lock(mutex_);
-    ++updates_;
-    Dispatch(update);
-    // While the store sends all that it has, each update would outdate the answer.
-    if (replaying_ || !std::exchange(gave_up_, false)) return;
-  }
-  Ask(kTries);
+  std::lock_guard lock(mutex_);
+  ++updates_;
+  Dispatch(update);
 }
 
 void StoreMonitors::Dispatch(const Update& update) {
@@ -157,8 +152,8 @@ void StoreMonitors::TakeChannel(bool up) {
 void StoreMonitors::TakeBarrier() {
   {
     std::lock_guard lock(mutex_);
-    if (!std::exchange(replaying_, false)) return;
-    TellClients(&IStoreUpdates::StoreComplete);
+    if (std::exchange(replaying_, false)) TellClients(&IStoreUpdates::StoreComplete);
+    // Not at an update: while a batch of them arrives, each would outdate the answer.
     if (!std::exchange(gave_up_, false)) return;
   }
   Ask(kTries);

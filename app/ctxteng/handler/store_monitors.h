@@ -75,7 +75,7 @@ class StoreMonitors : public std::enable_shared_from_this<StoreMonitors> {
   uint64_t updates_ = 0;         // ever
   uint64_t updates_before_ = 0;  // when the connection began
   uint32_t dropped_ = 0;         // clients for which an update came too early
-  bool gave_up_ = false;         // reading what was dropped; the next occasion begins anew
+  bool gave_up_ = false;         // reading what was dropped; the next barrier begins anew
 };
 
 }  // namespace Ctxt

@@ -37,7 +37,10 @@ LoginLogoffInfoCache::LoginLogoffInfoCache(uint32_t cache_limit, uint32_t cache_
     : cache_limit_(std::clamp(cache_limit, 1U, kMostEntries)),
       cache_threshold_(cache_threshold),
       signal_(std::move(signal)),
-      queue_(cache_limit_) {}
+      queue_(cache_limit_) {
+  if (cache_limit != cache_limit_)
+    ZLOG_WARN("Idfw: A cache limit of %u is out of range, using %u", cache_limit, cache_limit_);
+}
 
 LoginLogoffInfoCache::~LoginLogoffInfoCache() {
   while (Pop() != nullptr) {

@@ -32,9 +32,7 @@ const char* NameOf(Class c) { return c == Class::kCritical ? "critical" : "non-c
 class EventSenders::Batch {
  public:
   Batch(EventSenders& senders, EventMerge* merge, Road* road, bool to_kafka)
-      : senders_(senders), events_(merge->events()), road_(*road), to_kafka_(to_kafka) {
-    Begin();
-  }
+      : senders_(senders), events_(merge->events()), road_(*road), to_kafka_(to_kafka) {}
   ~Batch() {
     uint64_t entries = 0;
     uint64_t alerts = alerts_;
@@ -47,6 +45,7 @@ class EventSenders::Batch {
   Batch& operator=(const Batch&) = delete;
 
   void Send() {
+    Begin();
     while (next_ < events_.size() && Add(*events_[next_])) events_[next_++].reset();
     if (message_ == nullptr || message_->event_info_size() == 0) {
       ZLOG_WARN("Event info message dropped since event info can not be attached");

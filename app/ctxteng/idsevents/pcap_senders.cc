@@ -37,7 +37,7 @@ class PcapSenders::Batch {
   Batch(PcapSenders& senders, Road* road, bool remove)
       : senders_(senders), road_(*road), remove_(remove), reader_(senders.files_) {}
   ~Batch() {
-    const auto entries = message_ == nullptr ? 0 : static_cast<uint64_t>(message_->pcap_size());
+    const auto entries = in_hand_ + (message_ == nullptr ? 0 : static_cast<uint64_t>(message_->pcap_size()));
     road_.pcap_counters().proto_dropped += entries;
     road_.pcap_counters().alert_dropped += entries;
   }
@@ -47,8 +47,10 @@ class PcapSenders::Batch {
   void Add(const IdsEvent& notice) {
     ZLOG_DEBUG("Event type: %s flow id: %lu, snipTsUs: %lu",
                notice.event_type == kAlertEvent ? "Alert" : "Other", notice.flow_id, notice.snip_ts_us);
+    in_hand_ = 1;
     if (message_ == nullptr) Begin();
     message_->add_pcap();
+    in_hand_ = 0;
     ++added_;
     PcapMsg* entry = message_->mutable_pcap(message_->pcap_size() - 1);
     if (notice.flow_id != 0 && notice.snip_ts_us != 0) SetCaptureId(notice, entry->mutable_pcap_id());
@@ -103,6 +105,7 @@ class PcapSenders::Batch {
   std::shared_ptr<PcapInfoMsg> message_;
   size_t bytes_ = 0;
   size_t added_ = 0;
+  uint64_t in_hand_ = 0;  // the notice that is not in the message yet
 };
 
 PcapSenders::PcapSenders(const IdsParam& param, Intake& intake, const CaptureFiles& files, Road& manager,
@@ -169,15 +172,23 @@ void PcapSenders::SendKafkaBatch() {
   ZLOG_INFO("Ids: numEvents: %d", static_cast<int>(count));
   Batch batch(*this, &kafka_, false);
   std::vector<std::unique_ptr<IdsEvent>> notices;
-  while (notices.size() < count && !interruption_.stopped()) {
-    auto notice = queue.Pop();
-    if (notice == nullptr) break;
-    notices.push_back(std::move(notice));
-    if (batch.added() < param_.maxPcapsPerProto) batch.Add(*notices.back());
+  const auto go_on = [this, &notices] {
+    for (auto& notice : notices) intake_.AddPcap(std::move(notice));
+  };
+  try {
+    while (notices.size() < count && !interruption_.stopped()) {
+      auto notice = queue.Pop();
+      if (notice == nullptr) break;
+      notices.push_back(std::move(notice));
+      if (batch.added() < param_.maxPcapsPerProto) batch.Add(*notices.back());
+    }
+  } catch (...) {
+    go_on();
+    throw;
   }
   ZLOG_INFO("Total pcaps: %d", static_cast<int>(batch.added()));
   // Only now: the manager's sender removes the files.
-  for (auto& notice : notices) intake_.AddPcap(std::move(notice));
+  go_on();
   ZLOG_INFO("Sending batch of %d pcap events to Kafka", static_cast<int>(batch.added()));
   batch.Send();
 }

@@ -433,9 +433,14 @@ INSTANTIATE_TEST_SUITE_P(Seeds, CountTest, testing::Values(1, 2, 3));
 
 // Every event is received, counted as dropped or still there, whatever the producers do at once.
 TEST(LoginLogoffInfoCacheTest, NothingIsLostBetweenManyProducersAndTheConsumer) {
-  zem::test::LogCapture log(zem::kLogFatal);
   constexpr uint32_t kEach = 50000;
   const auto signal = std::make_shared<LoginLogoffSignal>();
+  {
+    zem::test::LogCapture warnings;
+    EXPECT_EQ(LoginLogoffInfoCache(200000, 50, signal).cache_limit(), LoginLogoffInfoCache::kMostEntries);
+    EXPECT_TRUE(warnings.Contains("Idfw: A cache limit of 200000 is out of range, using 100000"));
+  }
+  zem::test::LogCapture log(zem::kLogFatal);
   LoginLogoffInfoCache cache(8, 50, signal);
   std::atomic<int> running = 3;
   uint64_t consumed = 0;

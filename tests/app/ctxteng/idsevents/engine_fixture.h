@@ -100,7 +100,10 @@ class ServicesStub final : public IIdsServices {
     uuid->set_first(1);
     return true;
   }
-  void GetSiteId(orlane::zem::UuidMsg* uuid) override { uuid->set_first(42); }
+  void GetSiteId(orlane::zem::UuidMsg* uuid) override {
+    if (site_fails) throw std::runtime_error("no site");
+    uuid->set_first(42);
+  }
   bool FillTenantContext(uint32_t, orlane::zem::TenantContextMsg* tenant) override {
     tenant->set_org("o");
     return true;
@@ -112,6 +115,7 @@ class ServicesStub final : public IIdsServices {
 
   std::atomic<bool> kafka_ready{false};
   std::atomic<bool> external_logging{false};
+  std::atomic<bool> site_fails{false};
   std::atomic<int> kafka_status{0};
   std::mutex mutex;  // guards what follows
   std::vector<EventInfoMsg> events;

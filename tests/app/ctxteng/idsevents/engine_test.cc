@@ -145,6 +145,28 @@ TEST_F(EngineTest, BatchThatTheManagerDoesNotTakeIsCountedAndGone) {
   EXPECT_EQ(counters.manager.alert_sent, 1U);
 }
 
+// What a round had in its hands when it failed is counted, and captures go on to the manager all the same.
+TEST_F(EngineTest, RoundThatFailsLosesNothingUncounted) {
+  services.kafka_ready = true;
+  services.site_fails = true;
+  Start();
+  for (int i = 0; i < 3; ++i) Send(kAlert);
+  CaptureFile(1);
+  Send(NoticeOf(1));
+  Seconds(2);
+  EXPECT_EQ(counters.kafka.alert_dropped, 3U);
+  EXPECT_EQ(counters.pcap_kafka.alert_dropped, 1U);
+  EXPECT_EQ(counters.pcap_total, 1U);
+  Seconds(5);
+  EXPECT_EQ(counters.manager.alert_dropped, 3U);
+  EXPECT_EQ(counters.pcap_manager.alert_dropped, 1U);
+  services.site_fails = false;
+  Send(kAlert);
+  Seconds(5);
+  EXPECT_EQ(counters.kafka.alert_sent, 1U);
+  EXPECT_EQ(counters.manager.alert_sent, 1U);
+}
+
 // A frame to the manager has its limit, whatever the queues hold.
 TEST_F(EngineTest, LargeBatchGoesInSeveralMessages) {
   param.criticalQSize = 1000;
