@@ -110,6 +110,11 @@ void AckThread::WaitOnce() {
   zem::SetThreadName("DA:ackwait");
   const uint64_t seconds = DaProperties::Get()->AckTimeout() + zem::RandomNumber() % kSpreadS;
   interruption().SleepFor(std::chrono::seconds(seconds));
+  {
+    // The answer may have come, or another message gone, in the moment in which the time was up.
+    const std::lock_guard lock(mutex_);
+    if (!armed_ || arming != armings_) return;
+  }
   ZLOG_INFO("Ack Thread timedout.");
   timed_out_();
   {
