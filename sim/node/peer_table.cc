@@ -33,7 +33,6 @@
 #include "sim/inventory/manager_inventory.h"
 #include "sim/kafka/kafka_brokers.h"
 #include "sim/kafka/kafka_commands.h"
-#include "sim/kafka/kafka_profile.h"
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
 #include "sim/node/vm_commands.h"
@@ -107,10 +106,7 @@ class FirewallPeer final : public Peer {
 class KafkaPeer final : public OwnedByNode {
  public:
   using OwnedByNode::OwnedByNode;
-  void Register(CommandTable& table) override {
-    RegisterKafkaCommands(table, context_.kafka);
-    RegisterKafkaProfileCommand(table, context_.kafka);
-  }
+  void Register(CommandTable& table) override { RegisterKafkaCommands(table, context_.kafka); }
   std::vector<std::string> Violations() const override { return context_.kafka.Violations(); }
   std::vector<std::string> Draw(size_t /*most*/) const override { return context_.kafka.Draw(); }
 };
