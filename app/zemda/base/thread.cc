@@ -40,7 +40,8 @@ void Thread::Start() {
       ZLOG_DEBUG("Ending () for thread. [%s]", name_.c_str());
     });
   } catch (const std::system_error& error) {
-    throw boost::thread_resource_error(error.code().value(), error.what());
+    ZLOG_WARN("Thread [%s] cannot be started: %s", name_.c_str(), error.what());
+    return;
   }
   ZLOG_DEBUG("Thread [%s] started.", name_.c_str());
 }

@@ -26,7 +26,8 @@ class Thread {
   Thread(const Thread&) = delete;
   Thread& operator=(const Thread&) = delete;
 
-  /// Nothing when there is a thread already.  Throws boost::thread_resource_error when the system has none.
+  /// Nothing when there is a thread already.  When the system has none, that is logged, and another call
+  /// tries again.
   void Start();
   /// Requests an interruption and returns.
   void Stop();

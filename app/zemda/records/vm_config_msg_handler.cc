@@ -86,26 +86,31 @@ VmConfigMsgHandler::VmConfigMsgHandler(std::shared_ptr<CoveDBConnectionHandler> 
                                        Interruption* interruption)
     : records_(std::move(store), kKind, interruption) {}
 
-void VmConfigMsgHandler::Modify(const VmConfigMsg& vm) {
-  if (vm.id().empty()) {
-    ZLOG_ERROR("MPA24001", "Modify() received a vmConfig with NO id set. Aborting call");
-    return;
-  }
-  ZLOG_DEBUG("Modify VM with id %s in CoveDB", vm.id().c_str());
-  ZLOG_INFO("Writing vmconfig msg in CoveDB id : %s  external id : %s", vm.id().c_str(),
-            vm.external_id().c_str());
-  records_.Put(vm.id(), vm.SerializeAsString());
-}
+struct VmConfigMsgHandler::WriteTexts {
+  const char* no_id;
+  const char* begin;
+  const char* line;
+  void (StoreRecords::*write)(const std::string& key, std::string object);
+};
 
-void VmConfigMsgHandler::Delete(const VmConfigMsg& vm) {
+constexpr VmConfigMsgHandler::WriteTexts VmConfigMsgHandler::kModify = {
+    "Modify() received a vmConfig with NO id set. Aborting call", "Modify VM with id %s in CoveDB",
+    "Writing vmconfig msg in CoveDB id : %s  external id : %s", &StoreRecords::Put};
+constexpr VmConfigMsgHandler::WriteTexts VmConfigMsgHandler::kDelete = {
+    "Delete() received a vmConfig with NO id set. Aborting call", "Delete VM with id %s in CoveDB",
+    "Deleting vmconfig msg in CoveDB id : %s  external id : %s", &StoreRecords::Delete};
+
+void VmConfigMsgHandler::Modify(const VmConfigMsg& vm) { Write(kModify, vm); }
+void VmConfigMsgHandler::Delete(const VmConfigMsg& vm) { Write(kDelete, vm); }
+
+void VmConfigMsgHandler::Write(const WriteTexts& texts, const VmConfigMsg& vm) {
   if (vm.id().empty()) {
-    ZLOG_ERROR("MPA24001", "Delete() received a vmConfig with NO id set. Aborting call");
+    ZLOG_ERROR("MPA24001", "%s", texts.no_id);
     return;
   }
-  ZLOG_DEBUG("Delete VM with id %s in CoveDB", vm.id().c_str());
-  ZLOG_INFO("Deleting vmconfig msg in CoveDB id : %s  external id : %s", vm.id().c_str(),
-            vm.external_id().c_str());
-  records_.Delete(vm.id(), vm.SerializeAsString());
+  ZLOG_DEBUG(texts.begin, vm.id().c_str());
+  ZLOG_INFO(texts.line, vm.id().c_str(), vm.external_id().c_str());
+  (records_.*texts.write)(vm.id(), vm.SerializeAsString());
 }
 
 bool VmConfigMsgHandler::Get(const VmConfigMsg& vm, std::vector<VmConfigMsg>* found) {

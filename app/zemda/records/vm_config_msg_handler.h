@@ -38,6 +38,11 @@ class VmConfigMsgHandler {
   void process(const IdaMsg& message);
 
  private:
+  struct WriteTexts;
+  static const WriteTexts kModify;
+  static const WriteTexts kDelete;
+
+  void Write(const WriteTexts& texts, const VmConfigMsg& vm);
   void ProcessUpdate(const IdaMsg& message);
   void ProcessFullSync(const IdaMsg& message);
 
