@@ -8,6 +8,8 @@
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
+#include "app/pktcap/service/pktcap_app.h"
+#include "app/pktcap/service/pktcap_commands.h"
 #include "app/probe/probe.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
@@ -63,6 +65,18 @@ class DiscoveryRow final : public Application {
 
  private:
   ZemDa::DiscoveryAgent agent_;
+};
+
+class PktCapRow final : public Application {
+ public:
+  explicit PktCapRow(const ApplicationContext& context) : app_(context.provider) {}
+
+  std::vector<CliCommand> Commands() override { return PktCapCommands(app_); }
+  bool Start() override { return app_.Start(); }
+  void Stop() override { app_.Stop(); }
+
+ private:
+  PktCapApp app_;
 };
 
 class CliServerRow final : public Application {
@@ -174,6 +188,15 @@ constexpr std::array kApplications = {
                    .start_step = "discovery agent",
                    .create_rank = 120,
                    .stop_rank = 145},
+    ApplicationRow{.name = "PktCapApp",
+                   .make = &Make<PktCapRow>,
+                   .option = Mode::kPktCap,
+                   .host_role = true,
+                   .thread_name = "Main:Pktcap_st",
+                   .start_line = "Pktcap Start...",
+                   .start_step = "packet capture",
+                   .create_rank = 30,
+                   .stop_rank = 50},
     ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
     ApplicationRow{.name = "AlarmsProvider",
                    .make = &Make<AlarmsProviderRow>,
