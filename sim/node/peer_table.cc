@@ -41,6 +41,8 @@
 #include "sim/sandbox/sandbox.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
+#include "sim/uploads/upload_commands.h"
+#include "sim/uploads/upload_sink.h"
 
 namespace zem::sim {
 namespace {
@@ -218,6 +220,21 @@ class MuxRow final : public Peer {
   guest::MuxPeer peer_;
 };
 
+// HTTPS; the network is the node's own.
+constexpr uint16_t kUploadPort = 443;
+// Below the node's folder, where its users find the files from outside.
+constexpr const char* kUploads = "/run/zem-node/uploads";
+
+class UploadPeer final : public Peer {
+ public:
+  explicit UploadPeer(const PeerContext& /*context*/) {}
+  void Register(CommandTable& table) override { RegisterUploadCommands(table, sink_); }
+  std::vector<std::string> Violations() const override { return sink_.state().violations; }
+
+ private:
+  UploadSink sink_{kUploads, kUploadPort};
+};
+
 template <class Row>
 std::unique_ptr<Peer> Make(const PeerContext& context) {
   return std::make_unique<Row>(context);
@@ -243,6 +260,8 @@ constexpr std::array kPeers = {
             &Make<IdsPeer>},
     PeerRow{"guest", "The host's guests; \"guest help\" lists their commands.", &Make<GuestPeer>},
     PeerRow{"mux", "The guests' multiplexer; \"mux help\" lists its commands.", &Make<MuxRow>},
+    PeerRow{"uploads", "The manager's target for files; \"uploads help\" lists its commands.",
+            &Make<UploadPeer>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},
 };
 
