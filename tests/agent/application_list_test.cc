@@ -29,14 +29,14 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "ZemDa", "Probe",
-                                                "AlarmsProvider", "UPMService"));
-  EXPECT_THAT(
-      Names(rows, &ApplicationRow::create_rank),
-      ElementsAre("UPMService", "CliServer", "ZemaApp", "AlarmsProvider", "CtxtEng", "ZemDa", "Probe"));
-  EXPECT_THAT(
-      Names(rows, &ApplicationRow::stop_rank),
-      ElementsAre("AlarmsProvider", "UPMService", "CliServer", "CtxtEng", "Probe", "ZemaApp", "ZemDa"));
+  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa",
+                                                "Probe", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
+              ElementsAre("UPMService", "CliServer", "Traceflow", "ZemaApp", "AlarmsProvider", "CtxtEng",
+                          "ZemDa", "Probe"));
+  EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
+              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Traceflow", "CtxtEng", "Probe",
+                          "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
