@@ -11,6 +11,7 @@
 #include "app/pktcap/service/pktcap_app.h"
 #include "app/pktcap/service/pktcap_commands.h"
 #include "app/probe/probe.h"
+#include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
 #include "app/zemda/service/discovery_agent.h"
@@ -54,6 +55,21 @@ class ContextEngineRow final : public Application {
 
  private:
   CtxtEng engine_;
+};
+
+class TraceflowRow final : public Application {
+ public:
+  explicit TraceflowRow(const ApplicationContext& context)
+      : traceflow_(std::make_shared<TraceflowApp>(context.provider, context.lcp_adapter)) {}
+
+  bool Start() override {
+    traceflow_->Start();
+    return true;
+  }
+  void Stop() override { traceflow_->Stop(); }
+
+ private:
+  const std::shared_ptr<TraceflowApp> traceflow_;
 };
 
 class DiscoveryRow final : public Application {
@@ -179,6 +195,15 @@ constexpr std::array kApplications = {
                    .start_step = "command server",
                    .create_rank = 20,
                    .stop_rank = 40},
+    ApplicationRow{.name = "Traceflow",
+                   .make = &Make<TraceflowRow>,
+                   .option = Mode::kTraceflow,
+                   .host_role = true,
+                   .thread_name = "Main:Traceflow_st",
+                   .start_line = "Traceflow Start...",
+                   .start_step = "traceflow",
+                   .create_rank = 60,
+                   .stop_rank = 90},
     ApplicationRow{.name = "ZemDa",
                    .make = &Make<DiscoveryRow>,
                    .option = Mode::kZemda,

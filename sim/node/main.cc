@@ -88,6 +88,7 @@ std::string DaemonBeside(const char* program) {
 int RunNode(Words words, const char* program) {
   zem::sim::SandboxOptions sandbox{kDefaultDirectory, DaemonBeside(program), ZEM_SIM_HOST,
                                    zem::sim::LibraryFolder::Built()};
+  sandbox.agent_scripts = ZEM_AGENT_SCRIPTS;
   zem::sim::NodeOptions node;
   while (!words.empty()) {
     const std::string option = words.Take();

@@ -12,6 +12,8 @@
 #include "sim/alarmpeers/alarm_peers.h"
 #include "sim/alarms/collector.h"
 #include "sim/dataplane/dataplane_commands.h"
+#include "sim/dataplane/trace_agent.h"
+#include "sim/dataplane/trace_commands.h"
 #include "sim/firewall/firewall_commands.h"
 #include "sim/guest/guest_commands.h"
 #include "sim/guest/guest_picture.h"
@@ -41,6 +43,8 @@
 #include "sim/sandbox/sandbox.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
+#include "sim/uploads/upload_commands.h"
+#include "sim/uploads/upload_sink.h"
 
 namespace zem::sim {
 namespace {
@@ -71,10 +75,19 @@ class ManagerPeer final : public OwnedByNode {
   }
 };
 
+constexpr const char* kTraceCaptures = "/tmp/livetrace/pktcap";
+
 class DataplanePeer final : public OwnedByNode {
  public:
-  using OwnedByNode::OwnedByNode;
-  void Register(CommandTable& table) override { RegisterDataplaneCommands(table, context_.dataplane); }
+  explicit DataplanePeer(const PeerContext& context)
+      : OwnedByNode(context), traces_(context.dataplane, kTraceCaptures) {}
+  void Register(CommandTable& table) override {
+    RegisterDataplaneCommands(table, context_.dataplane);
+    RegisterTraceCommands(table, traces_);
+  }
+
+ private:
+  TraceAgent traces_;
 };
 
 class HostPeer final : public OwnedByNode {
@@ -218,6 +231,21 @@ class MuxRow final : public Peer {
   guest::MuxPeer peer_;
 };
 
+// HTTPS; the network is the node's own.
+constexpr uint16_t kUploadPort = 443;
+// Below the node's folder, where its users find the files from outside.
+constexpr const char* kUploads = "/run/zem-node/uploads";
+
+class UploadPeer final : public Peer {
+ public:
+  explicit UploadPeer(const PeerContext& /*context*/) {}
+  void Register(CommandTable& table) override { RegisterUploadCommands(table, sink_); }
+  std::vector<std::string> Violations() const override { return sink_.state().violations; }
+
+ private:
+  UploadSink sink_{kUploads, kUploadPort};
+};
+
 template <class Row>
 std::unique_ptr<Peer> Make(const PeerContext& context) {
   return std::make_unique<Row>(context);
@@ -243,6 +271,8 @@ constexpr std::array kPeers = {
             &Make<IdsPeer>},
     PeerRow{"guest", "The host's guests; \"guest help\" lists their commands.", &Make<GuestPeer>},
     PeerRow{"mux", "The guests' multiplexer; \"mux help\" lists its commands.", &Make<MuxRow>},
+    PeerRow{"uploads", "The manager's target for files; \"uploads help\" lists its commands.",
+            &Make<UploadPeer>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},
 };
 

@@ -48,6 +48,11 @@ void SetUpHost(const HostSetup& setup) {
   WriteTool("uname", "#!/bin/sh\n[ \"$*\" = \"-s -r\" ] || exec /usr/bin/uname \"$@\"\necho Hypercore " +
                          Quoted(setup.version) + "\n");
   WriteTool("orlane", "#!/bin/sh\necho " + Quoted(setup.product) + "\n");
+  if (fs::exists(kAgentScripts)) {
+    for (const fs::directory_entry& script : fs::directory_iterator(kAgentScripts)) {
+      fs::create_symlink(script.path(), fs::path(kAgentTools) / script.path().filename());
+    }
+  }
   const fs::path scripts(kHostScripts);
   if (!fs::exists(scripts / "simstate.py")) return;
   fs::create_directories(kProxyTools);

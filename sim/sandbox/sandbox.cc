@@ -115,6 +115,13 @@ void BindFolder(const UniqueFd& folder, const std::string& target) {
   Bind("/proc/self/fd/" + std::to_string(folder.get()), target);
 }
 
+// For files of the source tree.
+void BindReadOnly(const UniqueFd& folder, const std::string& target) {
+  if (!folder) return;
+  BindFolder(folder, target);
+  Mount(nullptr, target, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr);
+}
+
 void MakeMounts(const SandboxOptions& options) {
   // These are opened before the new mounts hide them.
   const UniqueFd directory(::open(options.directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -123,6 +130,7 @@ void MakeMounts(const SandboxOptions& options) {
   if (!daemon) Fail("open " + options.daemon);
 
   const UniqueFd scripts = OpenFolder(options.host_scripts);
+  const UniqueFd agent_scripts = OpenFolder(options.agent_scripts);
   const UniqueFd libraries = OpenFolder(options.libraries);
   const UniqueFd datastore = OpenFolder(options.datastore);
 
@@ -147,14 +155,15 @@ void MakeMounts(const SandboxOptions& options) {
   }
   WriteFile(kDaemonPath, "");
   Bind("/proc/self/fd/" + std::to_string(daemon.get()), kDaemonPath);
-  BindFolder(scripts, kHostScripts);
-  // Read-only, because the scripts are files of the source tree.
-  if (scripts) Mount(nullptr, kHostScripts, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr);
+  BindReadOnly(scripts, kHostScripts);
+  BindReadOnly(agent_scripts, kAgentScripts);
   BindFolder(libraries, options.libraries);
   BindFolder(datastore, kDatastore);
   MakeDirectories("/usr/local/bin");
-  if (::access("/usr/bin/python3", X_OK) == 0 && ::access("/usr/local/bin/python", F_OK) != 0) {
-    Check(::symlink("/usr/bin/python3", "/usr/local/bin/python"), "python");
+  // The daemon calls it by name and by path; the machine need not have either.
+  for (const char* python : {"/usr/local/bin/python", "/usr/bin/python"}) {
+    if (::access("/usr/bin/python3", X_OK) != 0 || ::access(python, F_OK) == 0) continue;
+    Check(::symlink("/usr/bin/python3", python), "python");
   }
 }
 

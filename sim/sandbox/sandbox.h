@@ -23,10 +23,13 @@ struct SandboxOptions {
   std::string libraries = "";
   /// A folder that is mounted at kDatastore and may be shared with another node; empty: the node's own.
   std::string datastore = "";
+  /// The agent's own scripts, mounted at kAgentScripts; empty: none.
+  std::string agent_scripts = "";
 };
 
 inline constexpr const char* kNodeDirectory = "/run/zem-node";
 inline constexpr const char* kHostScripts = "/usr/lib64/orlane/zem-tarvik/pylum/zema";
+inline constexpr const char* kAgentScripts = "/usr/lib64/orlane/zem-tarvik/libexec";
 inline constexpr const char* kDatastore = "/var/datastore";
 inline constexpr const char* kDaemonPath = "/opt/orlane/zem-tarvik/bin/zem-tarvik";
 

@@ -29,14 +29,14 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "ZemDa", "PktCapApp",
-                                                "Probe", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa",
+                                                "PktCapApp", "Probe", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "PktCapApp", "ZemaApp", "AlarmsProvider", "CtxtEng",
-                          "ZemDa", "Probe"));
+              ElementsAre("UPMService", "CliServer", "PktCapApp", "Traceflow", "ZemaApp", "AlarmsProvider",
+                          "CtxtEng", "ZemDa", "Probe"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "PktCapApp", "CtxtEng", "Probe",
-                          "ZemaApp", "ZemDa"));
+              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "PktCapApp", "Traceflow", "CtxtEng",
+                          "Probe", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;

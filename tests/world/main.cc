@@ -70,6 +70,7 @@ int LiveInSandbox(zem::world::WorldLife::Options options, const std::string& log
   char directory[] = "/tmp/zem-world.XXXXXX";
   if (::mkdtemp(directory) == nullptr) return 1;
   zem::sim::SandboxOptions sandbox{directory, "/bin/true", ZEM_SIM_HOST, zem::sim::LibraryFolder::Built()};
+  sandbox.agent_scripts = ZEM_AGENT_SCRIPTS;
   const int code = zem::sim::RunInSandbox(sandbox, [&options] { return LiveAndReap(options); });
   std::error_code ignored;
   std::filesystem::remove_all(directory, ignored);
