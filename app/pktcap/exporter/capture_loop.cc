@@ -90,9 +90,10 @@ void CaptureLoop::Wait() {
       {output_.waits_for(), POLLOUT, 0},
       {ends_.stop_fd, POLLIN, 0}};
   const TimePoint look = Clock::Process().Now() + kLook;
-  // Until the stream has begun, the tools work for us.
-  const int ready = reader_.has_header() ? PollUntil(waits, std::size(waits), look)
-                                         : PollAnswer(waits, std::size(waits), look);
+  // While they start, the tools work for us.
+  const int ready = reader_.has_header() || waited_ ? PollUntil(waits, std::size(waits), look)
+                                                    : PollAnswer(waits, std::size(waits), look);
+  waited_ = waited_ || ready == 0;
   if (ready < 0 && errno != EINTR) Fail(kWaitFailed);
   if (ready <= 0) return;
   output_ready_ = waits[0].revents != 0;

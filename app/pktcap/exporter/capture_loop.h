@@ -82,6 +82,7 @@ class CaptureLoop {
   Failure failure_;
   bool output_ready_ = false;
   bool output_ended_ = false;
+  bool waited_ = false;  // for the tools, in vain
 };
 
 /// Reads what a tool has printed on its errors, without waiting, into the log.  Closes the pipe at its end.

@@ -65,11 +65,11 @@ PktCapApp::PktCapApp(AsioZemProvider& provider, CaptureTools tools)
       vertical_(provider, GetVertical(VerticalId::kPacketCapture),
                 {.intercept = [this](const VerticalRecord& record) { return Receive(record); }}),
       sessions_(std::make_unique<CaptureSessions>(provider.metrics(), tools_,
-                                                  [this](const SessionStatus& status) { Report(status); })),
-      aside_(std::make_unique<TaskThread>("pktcap:aside", kMostAside)) {}
+                                                  [this](const SessionStatus& status) { Report(status); })) {}
 
 PktCapApp::~PktCapApp() {
   if (running_) Stop();
+  if (aside_ == nullptr) return;
   aside_->Stop();
   aside_->Join();
 }
@@ -127,7 +127,10 @@ void PktCapApp::StartLocal(const std::string& id, const PktCapRequestMsg& reques
 bool PktCapApp::StopLocal(const std::string& id) { return sessions_->StopLocal(id); }
 
 bool PktCapApp::RunAside(std::function<void()> work) {
-  std::call_once(aside_started_, [this] { aside_->Start(); });
+  std::call_once(aside_started_, [this] {
+    aside_ = std::make_unique<TaskThread>("pktcap:aside", kMostAside);
+    aside_->Start();
+  });
   if (!aside_->TakesRequest()) return false;
   aside_->AddTask(std::make_unique<FunctionTask>(std::move(work)), false);
   return true;
