@@ -29,14 +29,15 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa",
-                                                "Probe", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(Names(rows, nullptr),
+              ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "Lldp", "Probe",
+                          "LumClient", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "Traceflow", "ZemaApp", "AlarmsProvider", "CtxtEng",
-                          "ZemDa", "Probe"));
+              ElementsAre("UPMService", "CliServer", "Lldp", "Traceflow", "ZemaApp", "AlarmsProvider",
+                          "LumClient", "CtxtEng", "ZemDa", "Probe"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Traceflow", "CtxtEng", "Probe",
-                          "ZemaApp", "ZemDa"));
+              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Lldp", "LumClient", "Traceflow",
+                          "CtxtEng", "Probe", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
