@@ -30,13 +30,13 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
   EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa",
-                                                "Probe", "AlarmsProvider", "UPMService"));
+                                                "Livetrace", "Probe", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "Traceflow", "ZemaApp", "AlarmsProvider", "CtxtEng",
-                          "ZemDa", "Probe"));
+              ElementsAre("UPMService", "CliServer", "Livetrace", "Traceflow", "ZemaApp", "AlarmsProvider",
+                          "CtxtEng", "ZemDa", "Probe"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Traceflow", "CtxtEng", "Probe",
-                          "ZemaApp", "ZemDa"));
+              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Livetrace", "Traceflow", "CtxtEng",
+                          "Probe", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
