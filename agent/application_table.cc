@@ -8,6 +8,8 @@
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
+#include "app/livetrace/livetrace_app.h"
+#include "app/livetrace/livetrace_commands.h"
 #include "app/lldp/lldp.h"
 #include "app/probe/probe.h"
 #include "app/traceflow/traceflow_app.h"
@@ -77,6 +79,22 @@ class TraceflowRow final : public Application {
 
  private:
   const std::shared_ptr<TraceflowApp> traceflow_;
+};
+
+class LivetraceRow final : public Application {
+ public:
+  explicit LivetraceRow(const ApplicationContext& context)
+      : livetrace_(LivetraceApp::Create(context.provider, context.lcp_adapter, {})) {}
+
+  std::vector<CliCommand> Commands() override { return LivetraceCommands(); }
+  bool Start() override {
+    livetrace_->Start();
+    return true;
+  }
+  void Stop() override { livetrace_->Stop(); }
+
+ private:
+  const std::shared_ptr<LivetraceApp> livetrace_;
 };
 
 class DiscoveryRow final : public Application {
@@ -256,6 +274,15 @@ constexpr std::array kApplications = {
                    .start_step = "LLDP",
                    .create_rank = 40,
                    .stop_rank = 60},
+    ApplicationRow{.name = "Livetrace",
+                   .make = &Make<LivetraceRow>,
+                   .option = Mode::kLivetrace,
+                   .host_role = true,
+                   .thread_name = "Main:Livetrace_st",
+                   .start_line = "Livetrace Start...",
+                   .start_step = "live trace",
+                   .create_rank = 50,
+                   .stop_rank = 80},
     ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
     ApplicationRow{.name = "LumClient",
                    .make = &Make<LumClientRow>,
