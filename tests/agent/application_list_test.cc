@@ -31,13 +31,13 @@ TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
   EXPECT_THAT(Names(rows, nullptr),
               ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "Lldp", "Livetrace",
-                          "Probe", "LumClient", "AlarmsProvider", "UPMService"));
+                          "LumClient", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
               ElementsAre("UPMService", "CliServer", "Lldp", "Livetrace", "Traceflow", "ZemaApp",
                           "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa", "Probe"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
               ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Lldp", "Livetrace", "Traceflow",
-                          "LumClient", "CtxtEng", "Probe", "ZemaApp", "ZemDa"));
+                          "LumClient", "CtxtEng", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
