@@ -3,18 +3,21 @@
 #include "agent/application_table.h"
 
 #include <array>
-#include <boost/property_tree/ptree.hpp>
 
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
+#include "app/livetrace/livetrace_app.h"
+#include "app/livetrace/livetrace_commands.h"
+#include "app/lldp/lldp.h"
 #include "app/pktcap/service/pktcap_app.h"
 #include "app/pktcap/service/pktcap_commands.h"
-#include "app/probe/probe.h"
 #include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
 #include "app/zemda/service/discovery_agent.h"
+#include "framework/hostapi/lum_client.h"
+#include "framework/hostapi/lum_command.h"
 #include "platform/provider/work_group.h"
 #include "platform/upm/upm_service.h"
 
@@ -27,10 +30,16 @@ bool IsOn(Mode mode) {
   return on != 0;
 }
 
+// The realization while it exists, for applications that have to see the host's configurations.
+ZemaApp* the_realization = nullptr;
+
 class RealizationRow final : public Application {
  public:
   explicit RealizationRow(const ApplicationContext& context)
-      : zema_(context.provider, nullptr, context.store) {}
+      : zema_(context.provider, nullptr, context.store) {
+    the_realization = &zema_;
+  }
+  ~RealizationRow() override { the_realization = nullptr; }
 
   std::vector<CliCommand> Commands() override { return ZemaCommands(zema_); }
   bool Start() override {
@@ -72,6 +81,22 @@ class TraceflowRow final : public Application {
   const std::shared_ptr<TraceflowApp> traceflow_;
 };
 
+class LivetraceRow final : public Application {
+ public:
+  explicit LivetraceRow(const ApplicationContext& context)
+      : livetrace_(LivetraceApp::Create(context.provider, context.lcp_adapter, {})) {}
+
+  std::vector<CliCommand> Commands() override { return LivetraceCommands(); }
+  bool Start() override {
+    livetrace_->Start();
+    return true;
+  }
+  void Stop() override { livetrace_->Stop(); }
+
+ private:
+  const std::shared_ptr<LivetraceApp> livetrace_;
+};
+
 class DiscoveryRow final : public Application {
  public:
   explicit DiscoveryRow(const ApplicationContext& context) : agent_(context.provider, context.store) {}
@@ -110,20 +135,43 @@ class CliServerRow final : public Application {
   const boost::intrusive_ptr<CliServer> server_;
 };
 
-class ProbeRow final : public Application {
+class LumClientRow final : public Application {
  public:
-  ProbeRow(const ApplicationContext& context, const boost::property_tree::ptree& options)
-      : probe_(context.provider, context.store, context.lcp_adapter, options) {}
+  explicit LumClientRow(const ApplicationContext& context)
+      : client_(new LumClient(context.provider, context.framework_group)) {
+    LumClient::Install(client_);
+  }
+  ~LumClientRow() override { LumClient::Install(nullptr); }
 
-  std::vector<CliCommand> Commands() override { return probe_.Commands(); }
+  std::vector<CliCommand> Commands() override { return {LumCommand()}; }
   bool Start() override {
-    probe_.Start();
+    client_->Start();
     return true;
   }
-  void Stop() override { probe_.Stop(); }
+  void Stop() override { client_->Stop(); }
 
  private:
-  Probe probe_;
+  const boost::intrusive_ptr<LumClient> client_;
+};
+
+constexpr uint32_t kLldpModule = 1;
+
+class LldpRow final : public Application {
+ public:
+  explicit LldpRow(const ApplicationContext& context) : lldp_(context.provider) {}
+
+  bool Start() override {
+    lldp_.Start(LumClient::Instance());
+    if (the_realization != nullptr) {
+      the_realization->RegisterHostCfgMsgCallBack(kLldpModule,
+                                                  [](const orlane::zem::switching::HostConfigMsg&) {});
+    }
+    return true;
+  }
+  void Stop() override { lldp_.Stop(); }
+
+ private:
+  Lldp lldp_;
 };
 
 class AlarmsProviderRow final : public Application {
@@ -155,13 +203,6 @@ class UpdateServiceRow final : public Application {
 template <class Row>
 std::unique_ptr<Application> Make(const ApplicationContext& context) {
   return std::make_unique<Row>(context);
-}
-
-// Only for options that have a `probe` element.
-std::unique_ptr<Application> MakeProbe(const ApplicationContext& context) {
-  const auto options = OptionsTree().get_child_optional("probe");
-  if (!options) return nullptr;
-  return std::make_unique<ProbeRow>(context, *options);
 }
 
 constexpr std::array kApplications = {
@@ -222,7 +263,30 @@ constexpr std::array kApplications = {
                    .start_step = "packet capture",
                    .create_rank = 30,
                    .stop_rank = 50},
-    ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
+    ApplicationRow{.name = "Lldp",
+                   .make = &Make<LldpRow>,
+                   .option = Mode::kLldp,
+                   .host_role = true,
+                   .thread_name = "Main:lldp_st",
+                   .start_line = "Lldp Start...",
+                   .start_step = "LLDP",
+                   .create_rank = 40,
+                   .stop_rank = 60},
+    ApplicationRow{.name = "Livetrace",
+                   .make = &Make<LivetraceRow>,
+                   .option = Mode::kLivetrace,
+                   .host_role = true,
+                   .thread_name = "Main:Livetrace_st",
+                   .start_line = "Livetrace Start...",
+                   .start_step = "live trace",
+                   .create_rank = 50,
+                   .stop_rank = 80},
+    ApplicationRow{.name = "LumClient",
+                   .make = &Make<LumClientRow>,
+                   .start_line = "LumClient Start...",
+                   .start_step = "host API client",
+                   .create_rank = 105,
+                   .stop_rank = 100},
     ApplicationRow{.name = "AlarmsProvider",
                    .make = &Make<AlarmsProviderRow>,
                    .option = Mode::kAlarmsProvider,

@@ -75,6 +75,7 @@ void SetUpHost(const HostSetup& setup) {
   fs::create_directories(kProxyTools);
   fs::copy_file(scripts / "zem-appctl", std::string(kProxyTools) + "zem-appctl",
                 fs::copy_options::overwrite_existing);
+  fs::create_symlink(scripts / "zemLum.py", scripts.parent_path() / "zemLum.py");
   std::ofstream(kControllerFile) << kNoControllers;
   for (const char* const ps : {"/usr/local/bin/ps", "/usr/bin/ps"}) {
     fs::copy_file(scripts / "ps", ps, fs::copy_options::overwrite_existing);

@@ -29,14 +29,15 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa",
-                                                "PktCapApp", "Probe", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(Names(rows, nullptr),
+              ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "PktCapApp", "Lldp",
+                          "Livetrace", "LumClient", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "PktCapApp", "Traceflow", "ZemaApp", "AlarmsProvider",
-                          "CtxtEng", "ZemDa", "Probe"));
+              ElementsAre("UPMService", "CliServer", "PktCapApp", "Lldp", "Livetrace", "Traceflow", "ZemaApp",
+                          "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "PktCapApp", "Traceflow", "CtxtEng",
-                          "Probe", "ZemaApp", "ZemDa"));
+              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "PktCapApp", "Lldp", "Livetrace",
+                          "Traceflow", "LumClient", "CtxtEng", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
