@@ -11,7 +11,7 @@ namespace {
 
 // A helper that answers as the file "mode" says, anew for each request.
 constexpr const char* kHelper = R"(
-import json, os, sys, time
+import json, os, signal, sys
 folder = os.path.dirname(os.path.abspath(__file__))
 open(folder + "/starts", "a").write("x")
 while True:
@@ -27,7 +27,7 @@ while True:
     if mode == "header": data = b"LENGTH: 0x00010\n" + body
     if mode == "long": data = b"LENGTH: 1048576\n" + body
     if mode == "half": data = data[:30]
-    if mode == "hang": time.sleep(1000)
+    if mode == "hang": signal.pause()
     sys.stdout.buffer.write(data)
     sys.stdout.buffer.flush()
     if mode in ("half", "exit"): sys.exit()
