@@ -10,6 +10,7 @@
 #include "app/ctxteng/engine/ctxt_eng.h"
 #include "app/lldp/lldp.h"
 #include "app/probe/probe.h"
+#include "app/supportbundle/support_bundle_client.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
 #include "app/zemda/service/discovery_agent.h"
@@ -128,6 +129,17 @@ class LldpRow final : public Application {
   Lldp lldp_;
 };
 
+class SupportBundleRow final : public Application {
+ public:
+  explicit SupportBundleRow(const ApplicationContext& context) : client_(context.provider) {}
+
+  bool Start() override { return client_.Start(); }
+  void Stop() override { client_.Stop(); }
+
+ private:
+  SupportBundleClient client_;
+};
+
 class ProbeRow final : public Application {
  public:
   ProbeRow(const ApplicationContext& context, const boost::property_tree::ptree& options)
@@ -238,6 +250,14 @@ constexpr std::array kApplications = {
                    .start_step = "host API client",
                    .create_rank = 105,
                    .stop_rank = 100},
+    ApplicationRow{.name = "SupportBundle",
+                   .make = &Make<SupportBundleRow>,
+                   .option = Mode::kSupportBundleClient,
+                   .thread_name = "Main:sbc_st",
+                   .start_line = "Sbundle Start...",
+                   .start_step = "support bundles",
+                   .create_rank = 70,
+                   .stop_rank = 25},
     ApplicationRow{.name = "AlarmsProvider",
                    .make = &Make<AlarmsProviderRow>,
                    .option = Mode::kAlarmsProvider,

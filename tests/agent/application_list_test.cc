@@ -29,14 +29,15 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "ZemDa", "Lldp", "Probe",
-                                                "LumClient", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(Names(rows, nullptr),
+              ElementsAre("ZemaApp", "CtxtEng", "CliServer", "ZemDa", "Lldp", "Probe", "LumClient",
+                          "SupportBundle", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "Lldp", "ZemaApp", "AlarmsProvider", "LumClient",
-                          "CtxtEng", "ZemDa", "Probe"));
+              ElementsAre("UPMService", "CliServer", "Lldp", "SupportBundle", "ZemaApp", "AlarmsProvider",
+                          "LumClient", "CtxtEng", "ZemDa", "Probe"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Lldp", "LumClient", "CtxtEng",
-                          "Probe", "ZemaApp", "ZemDa"));
+              ElementsAre("AlarmsProvider", "SupportBundle", "UPMService", "CliServer", "Lldp", "LumClient",
+                          "CtxtEng", "Probe", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
