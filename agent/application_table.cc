@@ -8,9 +8,12 @@
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
+#include "app/livetrace/livetrace_app.h"
+#include "app/livetrace/livetrace_commands.h"
 #include "app/lldp/lldp.h"
 #include "app/probe/probe.h"
 #include "app/supportbundle/support_bundle_client.h"
+#include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
 #include "app/zemda/service/discovery_agent.h"
@@ -62,6 +65,37 @@ class ContextEngineRow final : public Application {
 
  private:
   CtxtEng engine_;
+};
+
+class TraceflowRow final : public Application {
+ public:
+  explicit TraceflowRow(const ApplicationContext& context)
+      : traceflow_(std::make_shared<TraceflowApp>(context.provider, context.lcp_adapter)) {}
+
+  bool Start() override {
+    traceflow_->Start();
+    return true;
+  }
+  void Stop() override { traceflow_->Stop(); }
+
+ private:
+  const std::shared_ptr<TraceflowApp> traceflow_;
+};
+
+class LivetraceRow final : public Application {
+ public:
+  explicit LivetraceRow(const ApplicationContext& context)
+      : livetrace_(LivetraceApp::Create(context.provider, context.lcp_adapter, {})) {}
+
+  std::vector<CliCommand> Commands() override { return LivetraceCommands(); }
+  bool Start() override {
+    livetrace_->Start();
+    return true;
+  }
+  void Stop() override { livetrace_->Stop(); }
+
+ private:
+  const std::shared_ptr<LivetraceApp> livetrace_;
 };
 
 class DiscoveryRow final : public Application {
@@ -225,6 +259,15 @@ constexpr std::array kApplications = {
                    .start_step = "command server",
                    .create_rank = 20,
                    .stop_rank = 40},
+    ApplicationRow{.name = "Traceflow",
+                   .make = &Make<TraceflowRow>,
+                   .option = Mode::kTraceflow,
+                   .host_role = true,
+                   .thread_name = "Main:Traceflow_st",
+                   .start_line = "Traceflow Start...",
+                   .start_step = "traceflow",
+                   .create_rank = 60,
+                   .stop_rank = 90},
     ApplicationRow{.name = "ZemDa",
                    .make = &Make<DiscoveryRow>,
                    .option = Mode::kZemda,
@@ -243,6 +286,15 @@ constexpr std::array kApplications = {
                    .start_step = "LLDP",
                    .create_rank = 40,
                    .stop_rank = 60},
+    ApplicationRow{.name = "Livetrace",
+                   .make = &Make<LivetraceRow>,
+                   .option = Mode::kLivetrace,
+                   .host_role = true,
+                   .thread_name = "Main:Livetrace_st",
+                   .start_line = "Livetrace Start...",
+                   .start_step = "live trace",
+                   .create_rank = 50,
+                   .stop_rank = 80},
     ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
     ApplicationRow{.name = "LumClient",
                    .make = &Make<LumClientRow>,

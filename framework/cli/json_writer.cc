@@ -2,10 +2,27 @@
 
 #include <cjson/cJSON.h>
 
+#include <cstdio>
 #include <new>
 #include <utility>
 
 namespace zem {
+
+std::string JsonQuoted(std::string_view text) {
+  constexpr unsigned char kFirstPlain = 0x20;
+  std::string quoted = "\"";
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) < kFirstPlain) {
+      char code[sizeof("\\u0000")];
+      std::snprintf(code, sizeof(code), "\\u%04x", static_cast<unsigned>(c));
+      quoted += code;
+      continue;
+    }
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
+  }
+  return quoted + '"';
+}
 
 JsonValue::JsonValue(cJSON* value) : value_(value) {
   if (value == nullptr) throw std::bad_alloc();

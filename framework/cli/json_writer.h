@@ -9,6 +9,9 @@ struct cJSON;
 
 namespace zem {
 
+/// `text` as a JSON string, its quotes included.  Bytes from 0x80 on stand as they are.
+std::string JsonQuoted(std::string_view text);
+
 /// Builds JSON whose members keep the order in which they were added; text out of it is compact.
 ///
 ///     JsonValue reply = JsonValue::Array();

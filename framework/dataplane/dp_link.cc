@@ -37,6 +37,13 @@ class LinkSocket final : public SharedSocket {
   }
 };
 
+// Returns false.
+bool LogNotQueued(bool whole) {
+  if (whole) ZLOG_ERROR("OPS00002", "Msg Queue is full!");
+  ZLOG_ERROR("OPS00002", "DpLink: failed to put a message into queue");
+  return false;
+}
+
 }  // namespace
 
 // Reads the frames of one connection after the other.
@@ -172,12 +179,13 @@ void DpLink::ScheduleReopen() {
 }
 
 bool DpLink::Send(LcpFrame frame) {
-  if (frame != nullptr) {
-    if (outgoing_.Push(std::move(frame))) return true;
-    ZLOG_ERROR("OPS00002", "Msg Queue is full!");
-  }
-  ZLOG_ERROR("OPS00002", "DpLink: failed to put a message into queue");
-  return false;
+  const bool whole = frame != nullptr;
+  return (whole && outgoing_.Push(std::move(frame))) || LogNotQueued(whole);
+}
+
+bool DpLink::TrySend(LcpFrame frame) {
+  const bool whole = frame != nullptr;
+  return (whole && outgoing_.TryPush(std::move(frame))) || LogNotQueued(whole);
 }
 
 void DpLink::StartTimerLocked() {

@@ -34,6 +34,8 @@ class DataplaneLink : public RefCounted<DataplaneLink, IRefCountable> {
   virtual void ScheduleReopen() = 0;
   /// Takes the frame; false when it was not queued.
   virtual bool Send(LcpFrame frame) = 0;
+  /// The same, but never waits.
+  virtual bool TrySend(LcpFrame frame) = 0;
 
  protected:
   DataplaneLink(ReceiveCallback receive, StartCallback start, HealthCallback health)
@@ -68,6 +70,9 @@ class DpLink final : public DataplaneLink {
 
   /// Waits while 1024 frames are queued.  False, with an error line, for a null frame and after Stop.
   bool Send(LcpFrame frame) override;
+
+  /// False, with an error line, also when 1024 frames are queued.
+  bool TrySend(LcpFrame frame) override;
 
  private:
   using Socket = std::shared_ptr<SharedSocket>;

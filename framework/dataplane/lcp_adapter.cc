@@ -75,19 +75,30 @@ void LcpAdapter::Stop() {
   if (link_ != nullptr) link_->Stop();
 }
 
-bool LcpAdapter::Send(uint8_t frame_type, const orlane::zem::lcp::LcpDpMsg& message) {
+std::optional<LcpFrame> LcpAdapter::FrameOf(uint8_t frame_type,
+                                            const orlane::zem::lcp::LcpDpMsg& message) const {
   ZLOG_DEBUG("Send msg to zem-agent, msg is %s", message.DebugString().c_str());
-  if (link_ == nullptr) return false;
+  if (link_ == nullptr) return std::nullopt;
   const size_t size = kLcpHeaderSize + message.ByteSizeLong();
-  if (size > kMaxLcpFrame || !message.IsInitialized()) return false;
+  if (size > kMaxLcpFrame || !message.IsInitialized()) return std::nullopt;
   LcpFrame frame(static_cast<uint8_t*>(std::malloc(size)));
   if (frame != nullptr) {
     WriteLcpHeader(frame_type, static_cast<uint32_t>(size), frame.get());
     if (!message.SerializeToArray(frame.get() + kLcpHeaderSize, static_cast<int>(size - kLcpHeaderSize))) {
-      return false;
+      return std::nullopt;
     }
   }
-  return link_->Send(std::move(frame));
+  return frame;
+}
+
+bool LcpAdapter::Send(uint8_t frame_type, const orlane::zem::lcp::LcpDpMsg& message) {
+  auto frame = FrameOf(frame_type, message);
+  return frame && link_->Send(std::move(*frame));
+}
+
+bool LcpAdapter::TrySend(uint8_t frame_type, const orlane::zem::lcp::LcpDpMsg& message) {
+  auto frame = FrameOf(frame_type, message);
+  return frame && link_->TrySend(std::move(*frame));
 }
 
 void LcpAdapter::RegisterHandler(const std::string& type_name, Handler handler) {

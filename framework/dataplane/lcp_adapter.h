@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "framework/dataplane/lcp_frame.h"
 #include "platform/core/ref_counted.h"
 
 namespace google::protobuf {
@@ -46,12 +48,18 @@ class LcpAdapter : public RefCounted<LcpAdapter, IRefCountable> {
   /// False when it was not queued: it is above 16 MiB, not complete, or the link was stopped.
   [[nodiscard]] bool Send(uint8_t frame_type, const orlane::zem::lcp::LcpDpMsg& message);
 
+  /// The same, but never waits: false also while the link's queue is full.
+  [[nodiscard]] bool TrySend(uint8_t frame_type, const orlane::zem::lcp::LcpDpMsg& message);
+
   /// The handler of the sub-messages with the protobuf type `type_name`; replaces one of the same type. Stays
   /// for the life of the adapter.
   void RegisterHandler(const std::string& type_name, Handler handler);
 
  private:
   class Inbox;
+
+  // Nothing when the message cannot be a frame; null inside when there is no memory for one.
+  std::optional<LcpFrame> FrameOf(uint8_t frame_type, const orlane::zem::lcp::LcpDpMsg& message) const;
 
   boost::intrusive_ptr<DataplaneLink> link_;
   std::string socket_path_;

@@ -214,6 +214,11 @@ VerticalClient::Sent VerticalClient::SendPrepared(const Outgoing& message, const
   return why == MpaClient::SendFailure::kNoRoad ? Sent::kNoRoad : Sent::kRefused;
 }
 
+int VerticalClient::ResultOf(Sent result) {
+  if (result == Sent::kSent) return 0;
+  return result == Sent::kNotConnected ? kBusNoSession : -1;
+}
+
 void VerticalClient::LogNotSent(Sent reason, const std::string& type) const {
   const LogSource& log = vertical_.records.log;
   switch (reason) {

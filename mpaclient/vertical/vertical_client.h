@@ -101,6 +101,8 @@ class VerticalClient {
                      const std::string& correlation_id, const std::string& reply_to) const;
   /// Sends to the proxy `aph`, or to the master when it is empty.
   [[nodiscard]] Sent SendPrepared(const Outgoing& message, const std::string& aph = "") const;
+  /// The number by which log lines tell how a message was sent: 0 for kSent.
+  static int ResultOf(Sent result);
   /// Logs why a message of `type` was not sent.
   void LogNotSent(Sent reason, const std::string& type) const;
 

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -216,10 +217,21 @@ void DataplaneAgent::Read(const Client& client) {
   if (got <= 0) return EndClient(client, got == 0 ? "closed by the client" : std::strerror(errno));
   bool sound;
   {
-    std::lock_guard lock(mutex_);
-    if (client_ != client) return;
-    unread_.append(bytes.data(), static_cast<size_t>(got));
-    sound = TakeFrames();
+    const std::lock_guard calling(observer_mutex_);
+    std::vector<Frame> taken;
+    {
+      std::lock_guard lock(mutex_);
+      if (client_ != client) return;
+      unread_.append(bytes.data(), static_cast<size_t>(got));
+      const uint64_t before = last_number_;
+      sound = TakeFrames();
+      for (size_t i = frames_.size() - std::min(frames_.size(), last_number_ - before); i < frames_.size();
+           ++i)
+        taken.push_back(frames_[i]);
+    }
+    if (observer_.frame) {
+      for (const Frame& frame : taken) observer_.frame(frame);
+    }
   }
   if (!sound) EndClient(client, "the client sent a bad frame");
 }
@@ -241,11 +253,20 @@ bool DataplaneAgent::TakeFrames() {
 }
 
 void DataplaneAgent::EndClient(const Client& client, const std::string& why) {
-  std::lock_guard lock(mutex_);
-  if (client_ != client) return;
-  client->Shutdown();
-  client_ = nullptr;
-  last_end_ = why;
+  const std::lock_guard calling(observer_mutex_);
+  {
+    std::lock_guard lock(mutex_);
+    if (client_ != client) return;
+    client->Shutdown();
+    client_ = nullptr;
+    last_end_ = why;
+  }
+  if (observer_.end) observer_.end();
+}
+
+void DataplaneAgent::SetObserver(Observer observer) {
+  const std::lock_guard calling(observer_mutex_);
+  observer_ = std::move(observer);
 }
 
 }  // namespace zem::sim

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -58,6 +59,12 @@ class DataplaneAgent {
     std::string last_end;
   };
 
+  /// What else follows the link; runs on the agent's thread and only queues.
+  struct Observer {
+    std::function<void(const Frame& frame)> frame;
+    std::function<void()> end;
+  };
+
   /// Listens at `path`.  Throws std::system_error when it cannot.
   explicit DataplaneAgent(std::string path);
   ~DataplaneAgent();
@@ -78,6 +85,9 @@ class DataplaneAgent {
   /// While off, the agent does not read, so the client's data stays in the socket.
   void SetReading(bool on);
 
+  /// No call of the observer of before is running when this returns.
+  void SetObserver(Observer observer);
+
   State state() const;
   /// The frames whose number is greater than `after`, oldest first.
   std::vector<Frame> Received(uint64_t after) const;
@@ -95,6 +105,9 @@ class DataplaneAgent {
   void Wake();
 
   UniqueFd wake_;
+
+  std::mutex observer_mutex_;  // guards observer_, held over its calls; taken before mutex_
+  Observer observer_;
 
   mutable std::mutex mutex_;  // guards what follows
   std::string path_;

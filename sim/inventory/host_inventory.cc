@@ -65,13 +65,19 @@ HostFacts HostInventory::ReadHost() const {
   const Json host = host_.Read();
   const cJSON* each = nullptr;
   cJSON_ArrayForEach(each, At(host.get(), "pnics")) {
-    facts.interfaces[each->string] = {.mac = TextAt(each, "mac")};
+    const cJSON* const owner = At(each, "owner");
+    facts.interfaces[each->string] = {.mac = TextAt(each, "mac"),
+                                      .connected_switch = owner ? TextAt(owner, "switch") : std::string(),
+                                      .backing = owner ? TextAt(owner, "kind") : std::string()};
   }
   cJSON_ArrayForEach(each, At(host.get(), "interfaces")) {
     facts.interfaces[each->string] = {.is_virtual = true,
                                       .is_management = TextAt(each, "type") == "management",
                                       .mac = TextAt(each, "mac"),
-                                      .address = TextAt(each, "ip")};
+                                      .address = TextAt(each, "ip"),
+                                      .connected_switch = TextAt(At(each, "where"), "switch"),
+                                      .backing = TextAt(At(each, "where"), "kind"),
+                                      .attachment = TextAt(At(each, "where"), "vif")};
   }
   facts.properties = host_properties_;
   facts.properties["config.product.version"] = TextAt(host.get(), "version");

@@ -41,6 +41,12 @@ struct InterfaceFacts {
   bool is_management = false;
   std::string mac;
   std::string address;  // of virtual ones
+  /// The switch that it is on; empty when it is on none.
+  std::string connected_switch;
+  /// What kind of switch that is.
+  std::string backing;
+  /// Of a virtual one on a logical switch.
+  std::string attachment;
 
   bool operator==(const InterfaceFacts&) const = default;
 };

@@ -153,7 +153,7 @@ InventoryDaemon::Lines InventoryDaemon::FullSync() {
   for (const auto& [id, vm] : told_.vms) {
     if (now.vms.count(id) == 0) AddVmLeave(vm, &lines);
   }
-  AddHostBlock("enter", now.host, &lines);
+  AddHostBlock("enter", nullptr, now.host, &lines);
   for (const auto& [id, vm] : now.vms) AddVmBlock(vm, &lines);
   lines.emplace_back("done");
   told_ = std::move(now);
@@ -168,7 +168,7 @@ InventoryDaemon::Lines InventoryDaemon::Updates() {
     Lines lines;
     {
       const std::lock_guard lock(mutex_);
-      if (told_.host != now.host) AddHostBlock("modify", now.host, &lines);
+      if (told_.host != now.host) AddHostBlock("modify", &told_.host, now.host, &lines);
       for (const auto& [id, vm] : told_.vms) {
         if (now.vms.count(id) == 0) AddVmLeave(vm, &lines);
       }

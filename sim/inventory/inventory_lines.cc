@@ -11,6 +11,9 @@ std::string OneLine(std::string text) {
   return text;
 }
 
+// "empty" clears the value of a virtual interface.
+std::string Cleared(const std::string& value) { return value.empty() ? "empty" : value; }
+
 void AddChange(const std::string& name, const std::string& value, InventoryLines* lines) {
   lines->push_back("Name=" + name);
   lines->push_back("Operation=assign");
@@ -18,11 +21,10 @@ void AddChange(const std::string& name, const std::string& value, InventoryLines
 }
 
 void AddDevice(uint32_t key, const VnicFacts& nic, InventoryLines* lines) {
-  const auto text = [](const std::string& value) { return value.empty() ? "empty" : value; };
   lines->push_back("MacAddress=" + nic.mac);
   lines->push_back("MacKey=" + std::to_string(key));
   lines->push_back("DevName=Network adapter " + std::to_string(key - 3999));
-  lines->push_back(std::string("LportAttachmentId=") + text(nic.attachment));
+  lines->push_back("LportAttachmentId=" + Cleared(nic.attachment));
   lines->push_back("BackingType=OpaqueNetwork");
   for (const char* const absent : {"BackingName", "BackingPortSwitchUuid", "BackingPortPortgroupKey",
                                    "BackingPortPortKey", "BackingPortConnectionCookie"}) {
@@ -49,7 +51,8 @@ const char* PowerOf(const VmFacts& vm) { return vm.on ? "poweredOn" : "poweredOf
 
 }  // namespace
 
-void AddHostBlock(const char* update_type, const HostFacts& host, InventoryLines* lines) {
+void AddHostBlock(const char* update_type, const HostFacts* before, const HostFacts& host,
+                  InventoryLines* lines) {
   lines->push_back(std::string("UpdateType=") + update_type);
   lines->push_back("ObjectType=Host");
   for (const auto& [name, interface] : host.interfaces) {
@@ -61,6 +64,23 @@ void AddHostBlock(const char* update_type, const HostFacts& host, InventoryLines
   lines->push_back("ChangeDataStart");
   AddChange("config.network.nics", "Changed", lines);
   AddChange("config.network.switches", "Changed", lines);
+  // The agent reads the tables of all interfaces anew, so each of them gets its values again.
+  for (const auto& [name, interface] : host.interfaces) {
+    if (!interface.is_virtual) {
+      const std::string switches = "config.network.switches." + name;
+      AddChange(switches, interface.connected_switch, lines);
+      AddChange(switches + ".BackingType", interface.backing, lines);
+      continue;
+    }
+    const std::string vnic = "config.network.nics.vnic." + name;
+    if (before != nullptr) {
+      const auto known = before->interfaces.find(name);
+      if (known == before->interfaces.end() || known->second != interface) AddChange(vnic, "Changed", lines);
+    }
+    AddChange(vnic + ".LportAttachmentId", Cleared(interface.attachment), lines);
+    AddChange(vnic + ".ConnectedSwitch", Cleared(interface.connected_switch), lines);
+    AddChange(vnic + ".BackingType", Cleared(interface.backing), lines);
+  }
   for (const auto& [name, value] : host.properties) AddChange(name, value, lines);
   lines->push_back("ChangeDataEnd");
 }

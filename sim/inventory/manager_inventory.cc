@@ -134,6 +134,9 @@ void ManagerInventory::ApplyObject(const ida::InventoryObjectMsg& object) {
       Interface& interface = state_.interfaces[each.name()];
       interface.is_virtual = each.kind() == ida::InterfaceMsg::VIRTUAL;
       interface.is_management = each.is_management();
+      interface.connected_switch = each.connected_switch();
+      interface.backing = each.backing_type();
+      interface.attachment = each.lport_attachment_id();
       for (const auto& entry : each.interface_entry()) {
         interface.mac = entry.mac_address();
         if (!entry.ip_address().empty()) interface.address = entry.ip_address();
@@ -245,6 +248,10 @@ std::vector<std::string> InventoryDiff(const InventoryFacts& host, const Manager
     }
     Differ("interface " + name + ": MAC", interface.mac, known->second.mac, &lines);
     Differ("interface " + name + ": address", interface.address, known->second.address, &lines);
+    Differ("interface " + name + ": switch", interface.connected_switch, known->second.connected_switch,
+           &lines);
+    Differ("interface " + name + ": backing", interface.backing, known->second.backing, &lines);
+    Differ("interface " + name + ": attachment", interface.attachment, known->second.attachment, &lines);
     if (interface.is_virtual != known->second.is_virtual ||
         interface.is_management != known->second.is_management)
       lines.push_back("interface " + name + ": it is another kind at the manager");

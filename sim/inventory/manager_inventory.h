@@ -55,6 +55,9 @@ class ManagerInventory {
     bool is_management = false;
     std::string mac;
     std::string address;
+    std::string connected_switch;
+    std::string backing;
+    std::string attachment;
   };
   struct State {
     uint64_t full_syncs = 0;

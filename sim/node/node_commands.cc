@@ -114,6 +114,16 @@ Json DaemonJson(const DaemonProcess& daemon) {
     if (key == "VmRSS:") AddMember(result.get(), "resident_kib", value);
     if (key == "Threads:") AddMember(result.get(), "threads", value);
   }
+  // Behind the name in parentheses: the state, ten numbers, then user and system time.
+  std::ifstream stat(proc + "/stat");
+  stat.ignore(std::numeric_limits<std::streamsize>::max(), ')');
+  std::string passed;
+  for (int i = 0; i < 11; ++i) stat >> passed;
+  int64_t user = 0;
+  int64_t system = 0;
+  stat >> user >> system;
+  const auto ticks = static_cast<int64_t>(::sysconf(_SC_CLK_TCK));
+  AddMember(result.get(), "processor_ms", (user + system) * 1000 / ticks);
   std::error_code error;
   const std::filesystem::directory_iterator descriptors(proc + "/fd", error);
   AddMember(result.get(), "descriptors",

@@ -12,6 +12,8 @@
 #include "sim/alarmpeers/alarm_peers.h"
 #include "sim/alarms/collector.h"
 #include "sim/dataplane/dataplane_commands.h"
+#include "sim/dataplane/trace_agent.h"
+#include "sim/dataplane/trace_commands.h"
 #include "sim/firewall/firewall_commands.h"
 #include "sim/guest/guest_commands.h"
 #include "sim/guest/guest_picture.h"
@@ -75,10 +77,19 @@ class ManagerPeer final : public OwnedByNode {
   }
 };
 
+constexpr const char* kTraceCaptures = "/tmp/livetrace/pktcap";
+
 class DataplanePeer final : public OwnedByNode {
  public:
-  using OwnedByNode::OwnedByNode;
-  void Register(CommandTable& table) override { RegisterDataplaneCommands(table, context_.dataplane); }
+  explicit DataplanePeer(const PeerContext& context)
+      : OwnedByNode(context), traces_(context.dataplane, kTraceCaptures) {}
+  void Register(CommandTable& table) override {
+    RegisterDataplaneCommands(table, context_.dataplane);
+    RegisterTraceCommands(table, traces_);
+  }
+
+ private:
+  TraceAgent traces_;
 };
 
 class HostPeer final : public OwnedByNode {

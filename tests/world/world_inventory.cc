@@ -1,7 +1,12 @@
 #include "tests/world/world_inventory.h"
 
+#include <arpa/inet.h>
+
+#include <algorithm>
 #include <chrono>
+#include <map>
 #include <set>
+#include <utility>
 
 #include "app/zemda/service/discovery_agent.h"
 #include "proto/covedb/covedb.pb.h"
@@ -12,12 +17,71 @@
 namespace zem::world {
 namespace {
 
+namespace storage = orlane::zem::covedb;
+
 constexpr const char* kSocket = "/etc/orlane/QubDiscoveryAgent";
 // A look at the host costs real time.
 constexpr auto kLook = std::chrono::seconds(5);
 constexpr int kHoldMs = 30'000;
 constexpr uint32_t kFirstKey = 4000;
 constexpr int kChecksOfAnAnswer = 12;
+
+template <class Message>
+std::vector<Message> Records(const sim::Store& store, storage::ObjectType type) {
+  storage::GetRequestMsg request;
+  request.add_object_request()->set_object_type(type);
+  storage::GetResponseMsg response;
+  std::vector<Message> records;
+  if (!store.Get(request, &response).ok()) return records;
+  for (const auto& object : response.object()) records.emplace_back().ParseFromString(object.object());
+  return records;
+}
+
+// A logical port's attachment as host and store have it; addresses in the form of the wire.
+struct Attachment {
+  std::set<std::string> owners;
+  std::set<std::pair<uint64_t, std::string>> bindings;
+};
+
+std::string WireAddress(const std::string& text) {
+  std::string bytes(sizeof(in6_addr), '\0');
+  if (inet_pton(AF_INET, text.c_str(), bytes.data()) == 1) {
+    bytes.resize(sizeof(in_addr));
+  } else {
+    inet_pton(AF_INET6, text.c_str(), bytes.data());
+  }
+  return bytes;
+}
+
+std::map<std::string, Attachment> AttachmentsOf(const sim::InventoryFacts& facts) {
+  std::map<std::string, Attachment> all;
+  for (const auto& [mo_id, vm] : facts.vms) {
+    if (vm.external_id.empty()) continue;
+    for (const auto& [key, nic] : vm.vnics) {
+      if (nic.attachment.empty()) continue;
+      Attachment& attachment = all[nic.attachment];
+      attachment.owners.insert(std::to_string(mo_id));
+      std::string digits = nic.mac;
+      std::erase(digits, ':');
+      for (const std::string& address : nic.addresses)
+        attachment.bindings.emplace(std::stoull(digits, nullptr, 16), WireAddress(address));
+    }
+  }
+  return all;
+}
+
+Attachment AttachmentOf(const storage::DaVifMsg& vif) {
+  Attachment attachment;
+  attachment.owners.insert(vif.owner_vm_local_id().begin(), vif.owner_vm_local_id().end());
+  for (const auto& binding : vif.address_binding()) {
+    const auto& ip = binding.ip_address();
+    const uint32_t v4 = htonl(ip.ipv4());
+    attachment.bindings.emplace(
+        binding.mac_address().value(),
+        ip.has_ipv4() ? std::string(reinterpret_cast<const char*>(&v4), sizeof(v4)) : ip.ipv6());
+  }
+  return attachment;
+}
 
 }  // namespace
 
@@ -30,8 +94,13 @@ WorldInventory::WorldInventory(const sim::HostState& host, sim::VirtualMachines&
 WorldInventory::~WorldInventory() = default;
 
 void WorldInventory::StartAgent(AsioZemProvider& provider,
-                                std::shared_ptr<covedb::CoveDbClientInterface> store) {
-  agent_ = std::make_unique<ZemDa::DiscoveryAgent>(provider, std::move(store));
+                                std::shared_ptr<covedb::CoveDbClientInterface> client,
+                                const sim::Store& records) {
+  const auto attached = AttachmentsOf(host_.Read());
+  for (const auto& vif : Records<storage::DaVifMsg>(records, storage::DA_VIF)) {
+    if (attached.count(vif.vif_id()) == 0) orphans_.insert(vif.vif_id());
+  }
+  agent_ = std::make_unique<ZemDa::DiscoveryAgent>(provider, std::move(client));
   agent_->start();
 }
 
@@ -91,23 +160,45 @@ void WorldInventory::Calm() {
 std::vector<std::string> WorldInventory::Check(const sim::Store& store) {
   const auto facts = host_.Read();
   std::vector<std::string> lines = InventoryDiff(facts, manager_.state());
+  CheckVms(facts, store, &lines);
+  if (!lines.empty() && ++checks_ % kChecksOfAnAnswer == 1) static_cast<void>(manager_.AskFullSync());
+  CheckAttachments(facts, store, &lines);
+  for (const std::string& violation : manager_.state().violations) lines.push_back(violation);
+  return lines;
+}
+
+void WorldInventory::CheckVms(const sim::InventoryFacts& facts, const sim::Store& store,
+                              std::vector<std::string>* lines) {
   std::set<std::string> wanted;
   for (const auto& [mo_id, vm] : facts.vms) {
     if (!vm.external_id.empty()) wanted.insert(std::to_string(mo_id));
   }
-  orlane::zem::covedb::GetRequestMsg request;
-  request.add_object_request()->set_object_type(orlane::zem::covedb::VM_CONFIG);
-  orlane::zem::covedb::GetResponseMsg response;
-  if (!store.Get(request, &response).ok()) lines.emplace_back("the store does not tell its VMs");
-  for (const auto& object : response.object()) {
-    orlane::zem::covedb::VmConfigMsg vm;
-    if (!vm.ParseFromString(object.object()) || wanted.erase(vm.id()) == 0)
-      lines.push_back("the store has a VM that is gone: " + vm.id());
+  for (const auto& vm : Records<storage::VmConfigMsg>(store, storage::VM_CONFIG)) {
+    if (wanted.erase(vm.id()) == 0) lines->push_back("the store has a VM that is gone: " + vm.id());
   }
-  for (const std::string& id : wanted) lines.push_back("the store lacks the VM " + id);
-  if (!lines.empty() && ++checks_ % kChecksOfAnAnswer == 1) static_cast<void>(manager_.AskFullSync());
-  for (const std::string& violation : manager_.state().violations) lines.push_back(violation);
-  return lines;
+  for (const std::string& id : wanted) lines->push_back("the store lacks the VM " + id);
+}
+
+void WorldInventory::CheckAttachments(const sim::InventoryFacts& facts, const sim::Store& store,
+                                      std::vector<std::string>* lines) {
+  std::map<std::string, Attachment> wanted = AttachmentsOf(facts);
+  for (const auto& vif : Records<storage::DaVifMsg>(store, storage::DA_VIF)) {
+    const auto found = wanted.find(vif.vif_id());
+    if (found == wanted.end()) {
+      if (orphans_.count(vif.vif_id()) == 0)
+        lines->push_back("the store has an attachment that is gone: " + vif.vif_id());
+      continue;
+    }
+    const Attachment is = AttachmentOf(vif);
+    // An owner that left while no agent saw it stays.
+    if (!std::includes(is.owners.begin(), is.owners.end(), found->second.owners.begin(),
+                       found->second.owners.end()))
+      lines->push_back("the store's attachment " + vif.vif_id() + " lacks an owner");
+    if (is.bindings != found->second.bindings)
+      lines->push_back("the store's attachment " + vif.vif_id() + " has other addresses than the host");
+    wanted.erase(found);
+  }
+  for (const auto& [id, attachment] : wanted) lines->push_back("the store lacks the attachment " + id);
 }
 
 }  // namespace zem::world

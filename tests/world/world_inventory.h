@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,7 +37,9 @@ class WorldInventory {
   WorldInventory(const sim::HostState& host, sim::VirtualMachines& machines, sim::Manager& manager);
   ~WorldInventory();
 
-  void StartAgent(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store);
+  /// `records` is the store as it is now, `client` the agent's way to it.
+  void StartAgent(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> client,
+                  const sim::Store& records);
   void StopAgent();
 
   /// A VM gets another name, guest or address.
@@ -48,11 +51,17 @@ class WorldInventory {
   std::vector<std::string> Check(const sim::Store& store);
 
  private:
+  void CheckVms(const sim::InventoryFacts& facts, const sim::Store& store, std::vector<std::string>* lines);
+  void CheckAttachments(const sim::InventoryFacts& facts, const sim::Store& store,
+                        std::vector<std::string>* lines);
+
   sim::VirtualMachines& machines_;
   sim::HostInventory host_;
   sim::InventoryDaemon daemon_;
   sim::ManagerInventory manager_;
   std::unique_ptr<ZemDa::DiscoveryAgent> agent_;
+  // Attachments that ended while no agent saw it: nobody removes their records.
+  std::set<std::string> orphans_;
   int checks_ = 0;  // since the manager asked
 };
 

@@ -105,7 +105,7 @@ void WorldNode::StartAgent() {
       std::make_shared<Tarvik::AlarmsProvider>(*provider_, store_client_, Tarvik::AlarmsProvider::Files());
   if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
   ids->StartAgent(*provider_);
-  inventory->StartAgent(*provider_, store_client_);
+  inventory->StartAgent(*provider_, store_client_, store->store());
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
   guests->StartAgent(*provider_, store_client_);

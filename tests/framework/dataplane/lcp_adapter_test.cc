@@ -105,6 +105,16 @@ TEST_F(LcpAdapterTest, SendsFramesOfTheGivenType) {
   EXPECT_FALSE(adapter_->Send(1, LcpDpMsg()));
 }
 
+// While the agent is away its frames gather; who may not wait is refused when no more are taken.
+TEST_F(LcpAdapterTest, AFullQueueRefusesWhoMayNotWait) {
+  Start(directory_.Path("link"));
+  LcpDpMsg message;
+  message.set_version(1);
+  for (int i = 0; i < 1024; ++i) ASSERT_TRUE(adapter_->TrySend(1, message)) << i;
+  EXPECT_FALSE(adapter_->TrySend(1, message));
+  EXPECT_TRUE(capture_.Contains("Msg Queue is full!"));
+}
+
 TEST_F(LcpAdapterTest, LongPathIsCut) {
   std::string path = directory_.Path("");
   path.append(200 - path.size(), 'l');

@@ -1,0 +1,75 @@
+#include "app/livetrace/livetrace_uploader.h"
+
+#include <unistd.h>
+
+#include <system_error>
+
+#include "framework/cli/json_writer.h"
+#include "framework/log/log.h"
+#include "framework/process/command.h"
+
+namespace zem::Tarvik {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "livetrace"};
+
+constexpr size_t kLongestName = 255;
+
+}  // namespace
+
+bool IsCaptureName(const std::string& name) {
+  return !name.empty() && name.size() <= kLongestName && name != "." && name != ".." &&
+         name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+}
+
+LivetraceUploader::LivetraceUploader(std::vector<std::string> command, File file,
+                                     LivetraceSession::UploadTarget target, Completion completion)
+    : command_(std::move(command)),
+      file_(std::move(file)),
+      target_(std::move(target)),
+      completion_(std::move(completion)) {}
+
+LivetraceUploader::~LivetraceUploader() { Join(); }
+
+bool LivetraceUploader::Start() {
+  NativeThread::Options options;
+  options.name = "livetrace-up";
+  try {
+    thread_ = NativeThread(std::move(options), [this] {
+      Upload();
+      done_ = true;
+    });
+  } catch (const std::system_error& error) {
+    ZLOG_WARN("No thread for the upload of %s: %s", file_.local_path.c_str(), error.what());
+    return false;
+  }
+  return true;
+}
+
+void LivetraceUploader::Join() {
+  if (thread_.joinable()) thread_.Join();
+}
+
+std::string LivetraceUploader::Request() const {
+  return "{\"local_path\": " + JsonQuoted(file_.local_path) + ", \"generate_id\": " + JsonQuoted(target_.id) +
+         ", \"manager_info\": {\"manager_uri\":" + JsonQuoted(file_.target_path) +
+         ",\n\"server\": " + JsonQuoted(target_.server) + ", \"port\": " + std::to_string(target_.port) +
+         ", \"thumbprint\": " + JsonQuoted(target_.thumbprint) + "}}";
+}
+
+void LivetraceUploader::Upload() {
+  const std::string request = Request();
+  ZLOG_INFO("Start uploading file %s", file_.local_path.c_str());
+  const int result = ExecuteCmd(command_, request, &stop_);
+  ZLOG_INFO("Finished uploading file %s: ret=%d, inStr: %s", file_.local_path.c_str(), result,
+            request.c_str());
+  RemoveFile();
+  if (!stop_) completion_();
+}
+
+void LivetraceUploader::RemoveFile() const {
+  if (::unlink(file_.local_path.c_str()) != 0)
+    ZLOG_WARN("Failed to delete file %s", file_.local_path.c_str());
+}
+
+}  // namespace zem::Tarvik

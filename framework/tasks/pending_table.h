@@ -1,0 +1,93 @@
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "platform/core/clock.h"
+
+namespace zem {
+
+/// Requests that wait for an answer from elsewhere, by the key that the answer names.  Each entry leaves the
+/// table exactly once, with its answer or by its age, and whoever takes it serves it with no lock held.
+///
+/// Threads: all operations from any thread.  The functions that are passed in run under the table's lock.
+template <class Key, class Value, class Hash = std::hash<Key>>
+class PendingTable {
+ public:
+  enum class Added { kAdded, kFull, kExists };
+
+  explicit PendingTable(size_t capacity) : capacity_(capacity) {}
+
+  /// `value` is untouched unless it was added.  A full table is found before a key that exists.
+  [[nodiscard]] Added Add(const Key& key, Value&& value) {
+    const TimePoint now = Clock::Process().Now();
+    const std::lock_guard lock(mutex_);
+    if (entries_.size() >= capacity_) return Added::kFull;
+    if (entries_.contains(key)) return Added::kExists;
+    entries_.emplace(key, Entry{now, std::move(value)});
+    return Added::kAdded;
+  }
+
+  std::optional<Value> Take(const Key& key) {
+    const std::lock_guard lock(mutex_);
+    const auto found = entries_.find(key);
+    if (found == entries_.end()) return std::nullopt;
+    std::optional<Value> value(std::move(found->second.value));
+    entries_.erase(found);
+    return value;
+  }
+
+  /// Takes the entries that have been here for `age` or longer.
+  std::vector<Value> TakeOlder(Duration age) {
+    const TimePoint now = Clock::Process().Now();
+    return TakeEntries([&](const Entry& entry) { return now - entry.since >= age; });
+  }
+
+  /// Takes the entries for which `wanted` is true.
+  std::vector<Value> TakeIf(const std::function<bool(const Value&)>& wanted) {
+    return TakeEntries([&](const Entry& entry) { return wanted(entry.value); });
+  }
+
+  /// Changes an entry if it is still here.
+  void Change(const Key& key, const std::function<void(Value&)>& change) {
+    const std::lock_guard lock(mutex_);
+    const auto found = entries_.find(key);
+    if (found != entries_.end()) change(found->second.value);
+  }
+
+  size_t size() const {
+    const std::lock_guard lock(mutex_);
+    return entries_.size();
+  }
+
+ private:
+  struct Entry {
+    TimePoint since;
+    Value value;
+  };
+
+  template <class Wanted>
+  std::vector<Value> TakeEntries(const Wanted& wanted) {
+    std::vector<Value> taken;
+    const std::lock_guard lock(mutex_);
+    for (auto entry = entries_.begin(); entry != entries_.end();) {
+      if (wanted(entry->second)) {
+        taken.push_back(std::move(entry->second.value));
+        entry = entries_.erase(entry);
+      } else {
+        ++entry;
+      }
+    }
+    return taken;
+  }
+
+  const size_t capacity_;
+  mutable std::mutex mutex_;  // guards entries_
+  std::unordered_map<Key, Entry, Hash> entries_;
+};
+
+}  // namespace zem
