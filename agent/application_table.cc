@@ -8,6 +8,7 @@
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
+#include "app/ipreputation/ip_reputation_comm_mgr.h"
 #include "app/livetrace/livetrace_app.h"
 #include "app/livetrace/livetrace_commands.h"
 #include "app/lldp/lldp.h"
@@ -163,6 +164,17 @@ class LldpRow final : public Application {
   Lldp lldp_;
 };
 
+class IpReputationRow final : public Application {
+ public:
+  explicit IpReputationRow(const ApplicationContext& context) : manager_(context.provider, context.store) {}
+
+  bool Start() override { return manager_.Start(); }
+  void Stop() override { manager_.Stop(); }
+
+ private:
+  IpReputationCommMgr manager_;
+};
+
 class SupportBundleRow final : public Application {
  public:
   explicit SupportBundleRow(const ApplicationContext& context) : client_(context.provider) {}
@@ -302,6 +314,13 @@ constexpr std::array kApplications = {
                    .start_step = "host API client",
                    .create_rank = 105,
                    .stop_rank = 100},
+    ApplicationRow{.name = "IpReputation",
+                   .make = &Make<IpReputationRow>,
+                   .thread_name = "Main::IpReputation_st",
+                   .start_line = "Ip Reputation Client start",
+                   .start_step = "IP reputation",
+                   .create_rank = 130,
+                   .stop_rank = 120},
     ApplicationRow{.name = "SupportBundle",
                    .make = &Make<SupportBundleRow>,
                    .option = Mode::kSupportBundleClient,
