@@ -10,6 +10,7 @@
 #include "app/livetrace/livetrace_app.h"
 #include "app/livetrace/livetrace_commands.h"
 #include "app/lldp/lldp.h"
+#include "app/supportbundle/support_bundle_client.h"
 #include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
@@ -160,6 +161,17 @@ class LldpRow final : public Application {
   Lldp lldp_;
 };
 
+class SupportBundleRow final : public Application {
+ public:
+  explicit SupportBundleRow(const ApplicationContext& context) : client_(context.provider) {}
+
+  bool Start() override { return client_.Start(); }
+  void Stop() override { client_.Stop(); }
+
+ private:
+  SupportBundleClient client_;
+};
+
 class AlarmsProviderRow final : public Application {
  public:
   explicit AlarmsProviderRow(const ApplicationContext& context)
@@ -264,6 +276,14 @@ constexpr std::array kApplications = {
                    .start_step = "host API client",
                    .create_rank = 105,
                    .stop_rank = 100},
+    ApplicationRow{.name = "SupportBundle",
+                   .make = &Make<SupportBundleRow>,
+                   .option = Mode::kSupportBundleClient,
+                   .thread_name = "Main:sbc_st",
+                   .start_line = "Sbundle Start...",
+                   .start_step = "support bundles",
+                   .create_rank = 70,
+                   .stop_rank = 25},
     ApplicationRow{.name = "AlarmsProvider",
                    .make = &Make<AlarmsProviderRow>,
                    .option = Mode::kAlarmsProvider,

@@ -31,13 +31,13 @@ TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
   EXPECT_THAT(Names(rows, nullptr),
               ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "Lldp", "Livetrace",
-                          "LumClient", "AlarmsProvider", "UPMService"));
+                          "LumClient", "SupportBundle", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "Lldp", "Livetrace", "Traceflow", "ZemaApp",
-                          "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa", "Probe"));
+              ElementsAre("UPMService", "CliServer", "Lldp", "Livetrace", "Traceflow", "SupportBundle",
+                          "ZemaApp", "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Lldp", "Livetrace", "Traceflow",
-                          "LumClient", "CtxtEng", "ZemaApp", "ZemDa"));
+              ElementsAre("AlarmsProvider", "SupportBundle", "UPMService", "CliServer", "Lldp", "Livetrace",
+                          "Traceflow", "LumClient", "CtxtEng", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
