@@ -3,7 +3,6 @@
 #include "agent/application_table.h"
 
 #include <array>
-#include <boost/property_tree/ptree.hpp>
 
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
@@ -12,7 +11,6 @@
 #include "app/livetrace/livetrace_app.h"
 #include "app/livetrace/livetrace_commands.h"
 #include "app/lldp/lldp.h"
-#include "app/probe/probe.h"
 #include "app/supportbundle/support_bundle_client.h"
 #include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
@@ -186,22 +184,6 @@ class SupportBundleRow final : public Application {
   SupportBundleClient client_;
 };
 
-class ProbeRow final : public Application {
- public:
-  ProbeRow(const ApplicationContext& context, const boost::property_tree::ptree& options)
-      : probe_(context.provider, context.store, context.lcp_adapter, options) {}
-
-  std::vector<CliCommand> Commands() override { return probe_.Commands(); }
-  bool Start() override {
-    probe_.Start();
-    return true;
-  }
-  void Stop() override { probe_.Stop(); }
-
- private:
-  Probe probe_;
-};
-
 class AlarmsProviderRow final : public Application {
  public:
   explicit AlarmsProviderRow(const ApplicationContext& context)
@@ -231,13 +213,6 @@ class UpdateServiceRow final : public Application {
 template <class Row>
 std::unique_ptr<Application> Make(const ApplicationContext& context) {
   return std::make_unique<Row>(context);
-}
-
-// Only for options that have a `probe` element.
-std::unique_ptr<Application> MakeProbe(const ApplicationContext& context) {
-  const auto options = OptionsTree().get_child_optional("probe");
-  if (!options) return nullptr;
-  return std::make_unique<ProbeRow>(context, *options);
 }
 
 constexpr std::array kApplications = {
@@ -307,7 +282,6 @@ constexpr std::array kApplications = {
                    .start_step = "live trace",
                    .create_rank = 50,
                    .stop_rank = 80},
-    ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
     ApplicationRow{.name = "LumClient",
                    .make = &Make<LumClientRow>,
                    .start_line = "LumClient Start...",

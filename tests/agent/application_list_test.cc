@@ -29,16 +29,15 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa",
-                                                "Lldp", "Livetrace", "Probe", "LumClient", "IpReputation",
-                                                "SupportBundle", "AlarmsProvider", "UPMService"));
-  EXPECT_THAT(
-      Names(rows, &ApplicationRow::create_rank),
-      ElementsAre("UPMService", "CliServer", "Lldp", "Livetrace", "Traceflow", "SupportBundle", "ZemaApp",
-                  "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa", "IpReputation", "Probe"));
+  EXPECT_THAT(Names(rows, nullptr),
+              ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "Lldp", "Livetrace",
+                          "LumClient", "IpReputation", "SupportBundle", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
+              ElementsAre("UPMService", "CliServer", "Lldp", "Livetrace", "Traceflow", "SupportBundle",
+                          "ZemaApp", "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa", "IpReputation"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
               ElementsAre("AlarmsProvider", "SupportBundle", "UPMService", "CliServer", "Lldp", "Livetrace",
-                          "Traceflow", "LumClient", "CtxtEng", "IpReputation", "Probe", "ZemaApp", "ZemDa"));
+                          "Traceflow", "LumClient", "CtxtEng", "IpReputation", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
