@@ -32,11 +32,11 @@ TEST(ApplicationTableTest, Orders) {
   EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa",
                                                 "Livetrace", "Probe", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "Livetrace", "Traceflow", "ZemaApp", "AlarmsProvider",
-                          "CtxtEng", "ZemDa", "Probe"));
+              ElementsAre("UPMService", "HealthCheck", "CliServer", "Livetrace", "Traceflow", "ZemaApp",
+                          "AlarmsProvider", "CtxtEng", "ZemDa", "Probe"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Livetrace", "Traceflow", "CtxtEng",
-                          "Probe", "ZemaApp", "ZemDa"));
+              ElementsAre("AlarmsProvider", "UPMService", "HealthCheck", "CliServer", "HealthCheck",
+                          "Livetrace", "Traceflow", "CtxtEng", "Probe", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
