@@ -245,7 +245,8 @@ void Agent::Impl::StartStore() {
   cli_server_->AddCommands(ManagerCommands());
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
   applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { watchdog_->Enter(step); });
-  applications_->Create({*provider_, store_client_, lcp_adapter_, cli_server_, update_service_});
+  applications_->Create(
+      {*provider_, store_client_, lcp_adapter_, cli_server_, update_service_, framework_group_});
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
 }
 

@@ -12,6 +12,7 @@
 
 namespace zem {
 class AsioZemProvider;
+class WorkGroup;
 namespace covedb {
 class CoveDbClientInterface;
 }
@@ -48,6 +49,8 @@ struct ApplicationContext {
   boost::intrusive_ptr<LcpAdapter> lcp_adapter;
   boost::intrusive_ptr<CliServer> cli_server;
   std::shared_ptr<upm::UPMService> update_service;
+  /// For loops that live as long as the application, and for work that may take its time.
+  boost::intrusive_ptr<WorkGroup> framework_group;
 };
 
 /// What a start that fails means for the agent.

@@ -11,11 +11,14 @@
 #include "app/healthcheck/health_check.h"
 #include "app/livetrace/livetrace_app.h"
 #include "app/livetrace/livetrace_commands.h"
+#include "app/lldp/lldp.h"
 #include "app/probe/probe.h"
 #include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
 #include "app/zemda/service/discovery_agent.h"
+#include "framework/hostapi/lum_client.h"
+#include "framework/hostapi/lum_command.h"
 #include "platform/provider/work_group.h"
 #include "platform/upm/upm_service.h"
 
@@ -28,10 +31,16 @@ bool IsOn(Mode mode) {
   return on != 0;
 }
 
+// The realization while it exists, for applications that have to see the host's configurations.
+ZemaApp* the_realization = nullptr;
+
 class RealizationRow final : public Application {
  public:
   explicit RealizationRow(const ApplicationContext& context)
-      : zema_(context.provider, nullptr, context.store) {}
+      : zema_(context.provider, nullptr, context.store) {
+    the_realization = &zema_;
+  }
+  ~RealizationRow() override { the_realization = nullptr; }
 
   std::vector<CliCommand> Commands() override { return ZemaCommands(zema_); }
   bool Start() override {
@@ -128,6 +137,45 @@ class CliServerRow final : public Application {
 
  private:
   const boost::intrusive_ptr<CliServer> server_;
+};
+
+class LumClientRow final : public Application {
+ public:
+  explicit LumClientRow(const ApplicationContext& context)
+      : client_(new LumClient(context.provider, context.framework_group)) {
+    LumClient::Install(client_);
+  }
+  ~LumClientRow() override { LumClient::Install(nullptr); }
+
+  std::vector<CliCommand> Commands() override { return {LumCommand()}; }
+  bool Start() override {
+    client_->Start();
+    return true;
+  }
+  void Stop() override { client_->Stop(); }
+
+ private:
+  const boost::intrusive_ptr<LumClient> client_;
+};
+
+constexpr uint32_t kLldpModule = 1;
+
+class LldpRow final : public Application {
+ public:
+  explicit LldpRow(const ApplicationContext& context) : lldp_(context.provider) {}
+
+  bool Start() override {
+    lldp_.Start(LumClient::Instance());
+    if (the_realization != nullptr) {
+      the_realization->RegisterHostCfgMsgCallBack(kLldpModule,
+                                                  [](const orlane::zem::switching::HostConfigMsg&) {});
+    }
+    return true;
+  }
+  void Stop() override { lldp_.Stop(); }
+
+ private:
+  Lldp lldp_;
 };
 
 class ProbeRow final : public Application {
@@ -233,6 +281,15 @@ constexpr std::array kApplications = {
                    .start_step = "discovery agent",
                    .create_rank = 120,
                    .stop_rank = 145},
+    ApplicationRow{.name = "Lldp",
+                   .make = &Make<LldpRow>,
+                   .option = Mode::kLldp,
+                   .host_role = true,
+                   .thread_name = "Main:lldp_st",
+                   .start_line = "Lldp Start...",
+                   .start_step = "LLDP",
+                   .create_rank = 40,
+                   .stop_rank = 60},
     ApplicationRow{.name = "HealthCheck",
                    .make = &Make<HealthCheckRow>,
                    .option = Mode::kHealthCheck,
@@ -252,6 +309,12 @@ constexpr std::array kApplications = {
                    .create_rank = 50,
                    .stop_rank = 80},
     ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
+    ApplicationRow{.name = "LumClient",
+                   .make = &Make<LumClientRow>,
+                   .start_line = "LumClient Start...",
+                   .start_step = "host API client",
+                   .create_rank = 105,
+                   .stop_rank = 100},
     ApplicationRow{.name = "AlarmsProvider",
                    .make = &Make<AlarmsProviderRow>,
                    .option = Mode::kAlarmsProvider,

@@ -114,6 +114,8 @@ constexpr std::array kSwitchingSends = {
 constexpr std::array kControllerSends = {
     SentType{"com.orlane.zem.config.MpLcpMsg", kRmqClientRpcRequest, nullptr, "EMPTY"}};
 
+constexpr std::array kLldpSends = {SentType{"com.orlane.zem.lldp.LldpInterfacesMsg", kRmqClientRpcResponse}};
+
 #define ZEM_PROTOTYPES(package, stem) \
   &Prototype<orlane::zem::package::stem##MpUnifiedMsg>, &Prototype<orlane::zem::package::stem##HostUnifiedMsg>
 #define ZEM_CLASSES(client, host, observer, stem) \
@@ -128,7 +130,8 @@ constexpr std::array kVerticals = {
              kAppInit, kTraceflowTypes, ZEM_PROTOTYPES(traceflow, Traceflow)},
     Vertical{VerticalId::kLldp, "LldpVertical", "0",
              ZEM_CLASSES("Lldp", "LldpHostService", "LldpServiceObserver", Lldp), kPlain, kRaw,
-             ZEM_PROTOTYPES(lldp, Lldp)},
+             ZEM_PROTOTYPES(lldp, Lldp),
+             VerticalRecords{.sent = kLldpSends, .log = {"tarvik", "lldp"}, .request_type = "interfaces"}},
     Vertical{VerticalId::kSupportBundle, "SupportBundle", "unused",
              ZEM_CLASSES("SupportBundle", "SupportBundleHostService", "SupportBundleServiceObserver",
                          SupportBundle),

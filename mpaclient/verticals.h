@@ -78,6 +78,8 @@ struct VerticalRecords {
   LogSource log{"mpa-client"};
   /// The name of the receive callback in log lines; null for the vertical's name.
   const char* receiver = nullptr;
+  /// The header's "request_type"; null for headers without it.
+  const char* request_type = nullptr;
 };
 
 /// A row of the table of verticals: everything that is different between two verticals.

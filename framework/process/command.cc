@@ -40,13 +40,15 @@ constexpr const char* kEndTexts[] = {
 class CommandWait {
  public:
   explicit CommandWait(const Util::CommandBounds& bounds)
-      : stop_fd_(bounds.stop_fd), deadline_(Clock::Process().Now() + bounds.limit) {}
+      : shutdown_fd_(bounds.through_shutdown ? -1 : fdShutdown[0].load()),
+        stop_fd_(bounds.stop_fd),
+        deadline_(Clock::Process().Now() + bounds.limit) {}
 
   // kWhole: it is ready.
   CommandEnd For(int fd) const {
     if (fd < 0) return CommandEnd::kFailed;
     for (;;) {
-      pollfd waits[] = {{fd, POLLIN, 0}, {fdShutdown[0], POLLIN, 0}, {stop_fd_, POLLIN, 0}};
+      pollfd waits[] = {{fd, POLLIN, 0}, {shutdown_fd_, POLLIN, 0}, {stop_fd_, POLLIN, 0}};
       const int ready = PollAnswer(waits, std::size(waits), deadline_);
       if (ready < 0 && errno == EINTR) continue;
       if (ready < 0) return CommandEnd::kFailed;
@@ -58,6 +60,7 @@ class CommandWait {
   }
 
  private:
+  const int shutdown_fd_;
   const int stop_fd_;
   const TimePoint deadline_;
 };

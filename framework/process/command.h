@@ -34,6 +34,8 @@ struct CommandBounds {
   Duration limit = std::chrono::minutes(2);
   /// -1, or a descriptor that becomes readable when the command has to end.
   int stop_fd = -1;
+  /// For what the stop itself has to do: the shutdown does not end the command.
+  bool through_shutdown = false;
 };
 
 /// Runs a shell command and appends what it prints (at most 16 MiB) to `*output`.  Returns the exit code, or

@@ -18,7 +18,16 @@ namespace {
 constexpr LogSource kLog{"tarvik", "framework"};
 
 constexpr int kConnectRetries = 60;
+constexpr auto kConnectPause = std::chrono::seconds(1);
 constexpr int kInterruptWaitSeconds = 10;
+
+// Returns false when no further try is wanted: at the shutdown, or when `stop_fd` is readable.
+bool WaitForNextTry(int stop_fd) {
+  LetOthersWork();
+  pollfd waits[2] = {{stop_fd, POLLIN, 0}, {fdShutdown[0], POLLIN, 0}};
+  PollUntil(waits, 2, Clock::Process().Now() + kConnectPause);
+  return waits[0].revents == 0 && waits[1].revents == 0;
+}
 
 // After an interrupt: true when the caller shall go on.
 bool GoesOnAfterInterrupt() {
@@ -39,7 +48,7 @@ int Readiness(const pollfd (&waits)[2], int ready, bool* shutdown) {
 
 }  // namespace
 
-int ConnectToUnixSocket(const std::string& path, bool retry) {
+int ConnectToUnixSocket(const std::string& path, bool retry, int stop_fd) {
   if (path.size() > kMaxUnixPath) {
     ZLOG_ERROR("ERR_SOCK_PATH_TOO_LONG", "[%s] path [%s] is longer than %lud\n", __func__, path.c_str(),
                static_cast<unsigned long>(kMaxUnixPath));
@@ -55,9 +64,7 @@ int ConnectToUnixSocket(const std::string& path, bool retry) {
   while (result != 0 && retry && retries < kConnectRetries) {
     ++retries;
     ZLOG_DEBUG("[%s] Retrying connecting: rc=[%d] [%s]\n", __func__, -1, std::strerror(result));
-    bool shutdown = false;
-    LetOthersWork();
-    if (Util::IsReadyToBeRead(-1, &shutdown, 1) < 0 || shutdown) break;
+    if (!WaitForNextTry(stop_fd)) break;
     result = ConnectUnix(fd.get(), path);
   }
   if (result != 0) {

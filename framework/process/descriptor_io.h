@@ -11,8 +11,8 @@
 namespace zem::Tarvik {
 
 /// Connects to the Unix socket `path` (at most 107 bytes).  Returns a descriptor that the caller closes, or
-/// -1. With `retry` it tries up to 60 more times, a second apart.
-[[nodiscard]] int ConnectToUnixSocket(const std::string& path, bool retry);
+/// -1. With `retry` it tries up to 60 more times, a second apart, until `stop_fd` (-1 for none) is readable.
+[[nodiscard]] int ConnectToUnixSocket(const std::string& path, bool retry, int stop_fd = -1);
 
 /// Reads until `length` bytes are there or the stream ends; `*got` is the total.  Returns 0, or -1 on
 /// failure. An interrupt during the shutdown ends the reading short, with 0.

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/algorithm/string/trim.hpp>
@@ -114,12 +115,28 @@ std::string ScriptChild::KillByName() {
 }
 
 void ScriptChild::Kill() {
-  if (pipe_.pid <= 0) return;
+  if (pipe_.pid <= 0) {
+    if (pipe_.fd >= 0) ::close(pipe_.fd);
+    pipe_ = {-1, -1};
+    return;
+  }
   // With its group: the shell, and a script that hung before it took its name and was not found by it.
   if (::kill(-pipe_.pid, SIGKILL) != 0) ::kill(pipe_.pid, SIGKILL);
   std::string error;
   if (Util::ClosePipeQub(&pipe_, &error) < 0) ZLOG_DEBUG("[%s] %s", __func__, error.c_str());
   pipe_ = {-1, -1};
+}
+
+void ScriptChild::Reap() {
+  if (pipe_.pid <= 0) return;
+  siginfo_t end{};
+  if (::waitid(P_PID, static_cast<id_t>(pipe_.pid), &end, WEXITED | WNOHANG | WNOWAIT) == 0) {
+    if (end.si_pid == 0) return;
+    // What it has started may go on; until its exit is taken, the group's id is not another's.
+    ::kill(-pipe_.pid, SIGKILL);
+    ::waitpid(pipe_.pid, nullptr, 0);
+  }
+  pipe_.pid = -1;
 }
 
 void ScriptChild::WaitForEnd() {

@@ -65,8 +65,12 @@ class ScriptChild {
   std::string KillByName();
   /// Kills the child with its group and waits for its end.  No effect when there is none.
   void Kill();
+  /// Takes the child's exit if it has ended, so that it is not listed as a process any more; does not wait.
+  void Reap();
   /// The shell that `Spawn` started; -1 when there is none.
   pid_t child() const { return pipe_.pid; }
+  /// The pipe with what the script prints; -1 when there is none.
+  int output() const { return pipe_.fd; }
 
   /// Waits until the connection ends or `WakeWatcher` is called; returns at once when there is no connection.
   void WaitForEnd();

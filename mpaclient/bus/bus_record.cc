@@ -60,6 +60,7 @@ constexpr std::array kTextKeys = {
     TextKey{"app_id", &BusHeader::app_id},
     TextKey{"session-id", &BusHeader::session_id},
     TextKey{"amqp-message-id", &BusHeader::message_id},
+    TextKey{"request_type", &BusHeader::request_type},
     TextKey{kMessageTypeKey, &BusHeader::msg_class},
 };
 constexpr const char* kVdrRequestKey = "vdr-request-id";

@@ -50,6 +50,7 @@ struct BusHeader {
   std::string app_id;                     ///< "app_id"
   std::string session_id;                 ///< "session-id"
   std::string message_id;                 ///< "amqp-message-id"
+  std::string request_type;               ///< "request_type"
   std::string msg_class;                  ///< "msg_type" as a text: the class that carries the message
   std::optional<int64_t> vdr_request_id;  ///< "vdr-request-id"
   std::optional<int64_t> msg_type;        ///< "msg_type" as a number, unless it is a text

@@ -193,6 +193,7 @@ VerticalClient::Outgoing VerticalClient::PrepareAs(BusMessageType record, const 
     header.msg_class = vertical_.records.msg_class;
     header.message_id = RandomUuidText();
   }
+  if (vertical_.records.request_type != nullptr) header.request_type = vertical_.records.request_type;
   const auto stub = client();
   Outgoing message{BusRecord(record), type, header.message_id};
   message.record.SetApp(vertical_.name, vertical_.app_id)

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <optional>
 
@@ -14,6 +12,7 @@
 #include "sim/control/command_table.h"
 #include "sim/control/number.h"
 #include "sim/host/host_state.h"
+#include "sim/host/named_processes.h"
 
 namespace zem::sim {
 namespace {
@@ -46,18 +45,6 @@ constexpr Fault kFaults[] = {
 std::string PatternOf(const std::string& what) {
   if (what.starts_with("op ")) return "^" + what + "$";
   return "^" + what + "(\\(|=|$)";
-}
-
-std::vector<pid_t> Processes() {
-  std::vector<pid_t> found;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    const auto pid = NumberOf<pid_t>(entry.path().filename().string());
-    if (!pid) continue;
-    std::string name;
-    std::getline(std::ifstream(entry.path() / "comm"), name);
-    if (name == kProcessName) found.push_back(*pid);
-  }
-  return found;
 }
 
 void AddFault(const HostState& state, const Arguments& arguments, const Reply& reply) {
@@ -129,7 +116,7 @@ void SetReload(const HostState& state, const Arguments& arguments, const Reply& 
 }
 
 void Kill(const Reply& reply) {
-  const std::vector<pid_t> processes = Processes();
+  const std::vector<pid_t> processes = ProcessesNamed(kProcessName);
   Json killed = JsonArray();
   for (const pid_t pid : processes) {
     if (::kill(pid, SIGKILL) != 0 && errno != ESRCH) return reply.Fail(std::strerror(errno));
@@ -192,7 +179,8 @@ void RegisterHostCommands(CommandTable& table, const HostState& state) {
   table.Register({"kill", "", "Kills the management script.", 0, 0, [](A, R r) { Kill(r); }});
   table.Register({"processes", "", "Shows the management script's processes.", 0, 0, [](A, R r) {
                     Json pids = JsonArray();
-                    for (const pid_t pid : Processes()) AddItem(pids.get(), std::to_string(pid));
+                    for (const pid_t pid : ProcessesNamed(kProcessName))
+                      AddItem(pids.get(), std::to_string(pid));
                     r.Ok(std::move(pids));
                   }});
   table.Register(

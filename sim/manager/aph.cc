@@ -91,9 +91,15 @@ void Aph::Call(const ManagerVertical& vertical, const GenericUnifiedMsg& message
           pending->done({rpc::Status(status.code(), "the host cannot be reached"), {}});
           return;
         }
+        std::shared_ptr<HostStub> first;
         {
+          // Another call may have had the same thought: its stub stays, since calls are on it.
           std::lock_guard lock(mutex_);
-          stubs_[name] = made;
+          first = stubs_.try_emplace(name, made).first->second;
+        }
+        if (first != made) {
+          Start(first, std::move(*pending));
+          return;
         }
         made->SetOnStreamDown([this, name, weak = std::weak_ptr<HostStub>(made)](rpc::CloseReason) {
           std::lock_guard lock(mutex_);

@@ -17,6 +17,7 @@ namespace {
 
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
+using orlane::zem::messaging::RawPayloadMsg;
 
 class ErrorText final : public google::protobuf::io::ErrorCollector {
  public:
@@ -47,6 +48,8 @@ std::string ToJson(const Message& message) {
 
 std::unique_ptr<Message> New(const Message& prototype) { return std::unique_ptr<Message>(prototype.New()); }
 
+// The member of a vertical whose messages travel unparsed.
+constexpr std::string_view kRawMember = "RawPayloadMsg";
 constexpr const char* kVifVertical = "SwitchingVertical";
 
 constexpr std::array kReports = {"HostConfigAckMsg", "TransportNodeEventMsg", "ChecksumMsg"};
@@ -331,12 +334,17 @@ std::string Manager::Send(const SendRequest& request, std::function<void(HostAns
   if (vertical == nullptr) return "no vertical " + request.vertical;
   if (vertical->make_stub == nullptr) return request.vertical + " serves no calls";
   const auto unified = New(vertical->host_prototype());
-  const FieldDescriptor* const field = FindMember(*unified, request.member);
+  const Message* const raw = FindRawMessage(*unified, request.member);
+  const FieldDescriptor* const field =
+      FindMember(*unified, raw != nullptr ? kRawMember : std::string_view(request.member));
   if (field == nullptr) return "no message " + request.member + " in " + unified->GetTypeName();
   Message* const member = unified->GetReflection()->MutableMessage(unified.get(), field);
-  const std::string error = ParseText(request.text, member);
-  if (!error.empty()) return member->GetTypeName() + " " + error;
-  SetType(unified.get(), request.type.empty() ? WireTypeName(*field->message_type()) : request.type);
+  const auto content = raw != nullptr ? New(*raw) : nullptr;
+  Message* const spoken = content ? content.get() : member;
+  const std::string error = ParseText(request.text, spoken);
+  if (!error.empty()) return spoken->GetTypeName() + " " + error;
+  if (content) static_cast<RawPayloadMsg*>(member)->set_payload(content->SerializeAsString());
+  SetType(unified.get(), request.type.empty() ? WireTypeName(*spoken->GetDescriptor()) : request.type);
   GenericUnifiedMsg message;
   message.set_payload(unified->SerializeAsString());
   const std::string id = request.correlation_id.value_or(RandomUuidText());
@@ -357,7 +365,13 @@ std::string AnswerJson(const std::string& vertical, const HostAnswer& answer) {
   const ManagerVertical* const known = FindManagerVertical(vertical);
   const auto unified = New(known->mp_prototype());
   if (!unified->ParseFromString(answer.message.payload())) return "{}";
-  return ToJson(*unified);
+  const Message* const raw = FindRawMessage(*unified, TypeOf(*unified));
+  const Message* const payload = SetMember(*unified);
+  if (raw == nullptr || payload == nullptr) return ToJson(*unified);
+  const auto content = New(*raw);
+  if (!content->ParseFromString(static_cast<const RawPayloadMsg*>(payload)->payload()))
+    return ToJson(*unified);
+  return ToJson(*content);
 }
 
 std::map<std::string, uint64_t> Manager::served_app_inits() const {

@@ -11,10 +11,12 @@
 #include "proto/healthcheck/healthcheck_vertical.rpc.h"
 #include "proto/ida/ida_vertical.rpc.h"
 #include "proto/livetrace/livetrace_vertical.rpc.h"
+#include "proto/lldp/lldp.pb.h"
 #include "proto/lldp/lldp_vertical.rpc.h"
 #include "proto/messaging/l2_vertical.rpc.h"
 #include "proto/monitoring/monitoring_vertical.rpc.h"
 #include "proto/packetcapture/packetcapture_vertical.rpc.h"
+#include "proto/support_bundle/support_bundle.pb.h"
 #include "proto/support_bundle/support_bundle_vertical.rpc.h"
 #include "proto/switching/switching_unified.pb.h"
 #include "proto/traceflow/traceflow_vertical.rpc.h"
@@ -142,6 +144,16 @@ std::vector<ManagerVertical> MakeTable() {
 #undef ZEM_SERVICES
 #undef ZEM_SERVICE
 
+// The messages of the verticals whose messages travel unparsed.
+constexpr std::array kRawMessages = {
+    &Prototype<orlane::zem::lldp::LldpInterfacesRequestMsg>,
+    &Prototype<orlane::zem::lldp::LldpInterfacesMsg>,
+    &Prototype<orlane::zem::support_bundle::BundleGenerationRequestMsg>,
+    &Prototype<orlane::zem::support_bundle::BundleStatusRequestMsg>,
+    &Prototype<orlane::zem::support_bundle::BundleGenerationCancellationRequestMsg>,
+    &Prototype<orlane::zem::support_bundle::BundleStatusResponseMsg>,
+};
+
 const FieldDescriptor* TypeField(const Message& unified) {
   return unified.GetDescriptor()->FindFieldByName("type");
 }
@@ -188,6 +200,17 @@ const FieldDescriptor* FindMember(const Message& unified, std::string_view name)
         name == WireTypeName(*field->message_type())) {
       return field;
     }
+  }
+  return nullptr;
+}
+
+const Message* FindRawMessage(const Message& unified, std::string_view name) {
+  const std::string_view last = name.substr(name.rfind('.') + 1);
+  for (const auto prototype : kRawMessages) {
+    const auto* const descriptor = prototype().GetDescriptor();
+    if (descriptor->name() == last &&
+        descriptor->file()->package() == unified.GetDescriptor()->file()->package())
+      return &prototype();
   }
   return nullptr;
 }

@@ -66,6 +66,11 @@ const google::protobuf::Message* SetMember(const google::protobuf::Message& unif
 const google::protobuf::FieldDescriptor* FindMember(const google::protobuf::Message& unified,
                                                     std::string_view name);
 
+/// Returns the prototype of the message that travels unparsed in the vertical of `unified` and whose name,
+/// short or on the wire, is `name`; null when there is none.
+const google::protobuf::Message* FindRawMessage(const google::protobuf::Message& unified,
+                                                std::string_view name);
+
 std::string TypeOf(const google::protobuf::Message& unified);
 void SetType(google::protobuf::Message* unified, const std::string& type);
 

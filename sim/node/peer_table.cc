@@ -22,6 +22,7 @@
 #include "sim/host/detection_commands.h"
 #include "sim/host/host_commands.h"
 #include "sim/host/host_management.h"
+#include "sim/host/neighbour_commands.h"
 #include "sim/idfw/logon_commands.h"
 #include "sim/idfw/logon_receiver.h"
 #include "sim/ids/detection_process.h"
@@ -99,6 +100,14 @@ class HostPeer final : public OwnedByNode {
     for (std::string& violation : context_.host_management.violations()) all.push_back(std::move(violation));
     return all;
   }
+};
+
+class NeighbourPeer final : public OwnedByNode {
+ public:
+  using OwnedByNode::OwnedByNode;
+  void Register(CommandTable& table) override { RegisterNeighbourCommands(table, context_.host); }
+  std::vector<std::string> Violations() const override { return NeighbourViolations(); }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return DrawNeighbours(); }
 };
 
 class VmPeer final : public OwnedByNode {
@@ -256,6 +265,8 @@ constexpr std::array kPeers = {
     PeerRow{"manager", "Proxy, APHs and manager; \"manager help\" lists their commands.", &Make<ManagerPeer>},
     PeerRow{"dataplane", "The dataplane agent; \"dataplane help\" lists its commands.", &Make<DataplanePeer>},
     PeerRow{"host", "The host and its management script; \"host help\" lists its commands.", &Make<HostPeer>},
+    PeerRow{"lldp", "The neighbours of the host's interfaces; \"lldp help\" lists its commands.",
+            &Make<NeighbourPeer>},
     PeerRow{"fw", "The host's firewall; \"fw help\" lists its commands.", &Make<FirewallPeer>},
     PeerRow{"kafka", "Kafka brokers; \"kafka help\" lists their commands.", &Make<KafkaPeer>},
     PeerRow{"profile", "The node's profiles; \"profile help\" lists its commands.", &Make<ProfilePeer>},

@@ -58,6 +58,7 @@ void SetUpHost(const HostSetup& setup) {
   fs::create_directories(kProxyTools);
   fs::copy_file(scripts / "zem-appctl", std::string(kProxyTools) + "zem-appctl",
                 fs::copy_options::overwrite_existing);
+  fs::create_symlink(scripts / "zemLum.py", scripts.parent_path() / "zemLum.py");
   std::ofstream(kControllerFile) << kNoControllers;
   fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
   // "/bin" and "/sbin" are links into "/usr".

@@ -29,14 +29,15 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr), ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa",
-                                                "Livetrace", "Probe", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(Names(rows, nullptr),
+              ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "Lldp", "HealthCheck",
+                          "Livetrace", "Probe", "LumClient", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "HealthCheck", "CliServer", "Livetrace", "Traceflow", "ZemaApp",
-                          "AlarmsProvider", "CtxtEng", "ZemDa", "Probe"));
+              ElementsAre("UPMService", "HealthCheck", "CliServer", "Lldp", "Livetrace", "Traceflow",
+                          "ZemaApp", "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa", "Probe"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "HealthCheck", "CliServer", "HealthCheck",
-                          "Livetrace", "Traceflow", "CtxtEng", "Probe", "ZemaApp", "ZemDa"));
+              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Lldp", "HealthCheck", "Livetrace",
+                          "Traceflow", "LumClient", "CtxtEng", "Probe", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
