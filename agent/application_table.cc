@@ -7,6 +7,7 @@
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
+#include "app/healthcheck/health_check.h"
 #include "app/ipreputation/ip_reputation_comm_mgr.h"
 #include "app/livetrace/livetrace_app.h"
 #include "app/livetrace/livetrace_commands.h"
@@ -79,6 +80,21 @@ class TraceflowRow final : public Application {
 
  private:
   const std::shared_ptr<TraceflowApp> traceflow_;
+};
+
+class HealthCheckRow final : public Application {
+ public:
+  explicit HealthCheckRow(const ApplicationContext& context)
+      : check_(std::make_shared<HealthCheck>(context.provider)) {}
+
+  bool Start() override {
+    check_->Start();
+    return true;
+  }
+  void Stop() override { check_->Stop(); }
+
+ private:
+  const std::shared_ptr<HealthCheck> check_;
 };
 
 class LivetraceRow final : public Application {
@@ -273,6 +289,15 @@ constexpr std::array kApplications = {
                    .start_step = "LLDP",
                    .create_rank = 40,
                    .stop_rank = 60},
+    ApplicationRow{.name = "HealthCheck",
+                   .make = &Make<HealthCheckRow>,
+                   .option = Mode::kHealthCheck,
+                   .host_role = true,
+                   .thread_name = "Main::Health_st",
+                   .start_line = "Healthcheck Start...",
+                   .start_step = "health check",
+                   .create_rank = 15,
+                   .stop_rank = 70},
     ApplicationRow{.name = "Livetrace",
                    .make = &Make<LivetraceRow>,
                    .option = Mode::kLivetrace,
