@@ -7,11 +7,14 @@
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
+#include "app/healthcheck/health_check.h"
+#include "app/ipreputation/ip_reputation_comm_mgr.h"
 #include "app/livetrace/livetrace_app.h"
 #include "app/livetrace/livetrace_commands.h"
 #include "app/lldp/lldp.h"
 #include "app/pktcap/service/pktcap_app.h"
 #include "app/pktcap/service/pktcap_commands.h"
+#include "app/supportbundle/support_bundle_client.h"
 #include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
@@ -79,6 +82,21 @@ class TraceflowRow final : public Application {
 
  private:
   const std::shared_ptr<TraceflowApp> traceflow_;
+};
+
+class HealthCheckRow final : public Application {
+ public:
+  explicit HealthCheckRow(const ApplicationContext& context)
+      : check_(std::make_shared<HealthCheck>(context.provider)) {}
+
+  bool Start() override {
+    check_->Start();
+    return true;
+  }
+  void Stop() override { check_->Stop(); }
+
+ private:
+  const std::shared_ptr<HealthCheck> check_;
 };
 
 class LivetraceRow final : public Application {
@@ -172,6 +190,28 @@ class LldpRow final : public Application {
 
  private:
   Lldp lldp_;
+};
+
+class IpReputationRow final : public Application {
+ public:
+  explicit IpReputationRow(const ApplicationContext& context) : manager_(context.provider, context.store) {}
+
+  bool Start() override { return manager_.Start(); }
+  void Stop() override { manager_.Stop(); }
+
+ private:
+  IpReputationCommMgr manager_;
+};
+
+class SupportBundleRow final : public Application {
+ public:
+  explicit SupportBundleRow(const ApplicationContext& context) : client_(context.provider) {}
+
+  bool Start() override { return client_.Start(); }
+  void Stop() override { client_.Stop(); }
+
+ private:
+  SupportBundleClient client_;
 };
 
 class AlarmsProviderRow final : public Application {
@@ -272,6 +312,15 @@ constexpr std::array kApplications = {
                    .start_step = "LLDP",
                    .create_rank = 40,
                    .stop_rank = 60},
+    ApplicationRow{.name = "HealthCheck",
+                   .make = &Make<HealthCheckRow>,
+                   .option = Mode::kHealthCheck,
+                   .host_role = true,
+                   .thread_name = "Main::Health_st",
+                   .start_line = "Healthcheck Start...",
+                   .start_step = "health check",
+                   .create_rank = 15,
+                   .stop_rank = 70},
     ApplicationRow{.name = "Livetrace",
                    .make = &Make<LivetraceRow>,
                    .option = Mode::kLivetrace,
@@ -287,6 +336,21 @@ constexpr std::array kApplications = {
                    .start_step = "host API client",
                    .create_rank = 105,
                    .stop_rank = 100},
+    ApplicationRow{.name = "IpReputation",
+                   .make = &Make<IpReputationRow>,
+                   .thread_name = "Main::IpReputation_st",
+                   .start_line = "Ip Reputation Client start",
+                   .start_step = "IP reputation",
+                   .create_rank = 130,
+                   .stop_rank = 120},
+    ApplicationRow{.name = "SupportBundle",
+                   .make = &Make<SupportBundleRow>,
+                   .option = Mode::kSupportBundleClient,
+                   .thread_name = "Main:sbc_st",
+                   .start_line = "Sbundle Start...",
+                   .start_step = "support bundles",
+                   .create_rank = 70,
+                   .stop_rank = 25},
     ApplicationRow{.name = "AlarmsProvider",
                    .make = &Make<AlarmsProviderRow>,
                    .option = Mode::kAlarmsProvider,
