@@ -94,9 +94,10 @@ void PktCapApp::Stop() {
   requests_->Clear();
   requests_->Stop();
   sessions_->Stop();
+  // Before the thread ends that started its helper, which would take the helper along.
+  proxy_->Stop();
   requests_->Join();
   vertical_.Stop();
-  proxy_->Stop();
 }
 
 std::vector<std::pair<std::string, PktCapRequestMsg>> PktCapApp::Sessions() const {
