@@ -468,8 +468,19 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
       session->completed = true;
     }
   }
-  if (refused) refused->RemoveFile();
+  if (refused) {
+    refused->RemoveFile();
+  } else {
+    RemoveUnwanted(message.pcap_file_name());
+  }
   Publish(ending);
+}
+
+// A capture that nobody has asked for, or whose session has gone, would stay for ever.
+void LivetraceApp::RemoveUnwanted(const std::string& capture) const {
+  std::error_code error;
+  if (IsCaptureName(capture) && std::filesystem::remove(settings_.captures + capture, error))
+    ZLOG_INFO("Removed the capture %s, which no session uploads", capture.c_str());
 }
 
 std::shared_ptr<LivetraceUploader> LivetraceApp::BeginUploadLocked(const SessionPtr& session,

@@ -107,6 +107,7 @@ class LivetraceApp : public std::enable_shared_from_this<LivetraceApp> {
   void Evict();
   void JoinEndedUploads();
   void RemoveLeftCaptures() const;
+  void RemoveUnwanted(const std::string& capture) const;
 
   AsioZemProvider& provider_;
   const boost::intrusive_ptr<LcpAdapter> lcp_adapter_;

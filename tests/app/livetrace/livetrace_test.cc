@@ -1,3 +1,5 @@
+#include <signal.h>
+
 #include <filesystem>
 
 #include "app/livetrace/livetrace_app.h"
@@ -22,6 +24,7 @@ constexpr const char* kOnboard = "LivetraceOnboardMsg";
 class LivetraceTest : public DataplaneChannelTest {
  protected:
   LivetraceTest() {
+    ::signal(SIGPIPE, SIG_IGN);  // as in the daemon
     std::filesystem::create_directory(directory.Path("captures"));
     Serve("cat > " + directory.Path("request"));
   }
@@ -222,7 +225,7 @@ TEST_F(LivetraceTest, TheCaptureIsUploadedBeforeTheBarrier) {
                 "\", \"generate_id\": \"u\\\"1\", \"manager_info\": "
                 "{\"manager_uri\":\"api/v1/livetraces/18/capturefile/u\\\"1\",\n\"server\": \"10.0.0.9\", "
                 "\"port\": 443, \"thumbprint\": \"ab\"}}");
-  Serve("exit 3");
+  Serve("cat > /dev/null; exit 3");
   RequestUpload(19);
   Status(19, 0, 0);
   Barrier(19, 0, Capture("b.pcap"));
@@ -243,6 +246,12 @@ TEST_F(LivetraceTest, ACapturesNameIsNoPath) {
   EXPECT_THAT(SentTypes(), IsEmpty());
   EXPECT_FALSE(std::filesystem::exists(directory.Path("request")));
   EXPECT_FALSE(IsCaptureName(std::string(256, 'a')));
+  directory.Write("kept", "");
+  Barrier(99, 0, "pcap_file_name: \"../kept\" ");
+  Barrier(99, 0, Capture("d.pcap"));
+  EXPECT_THAT(SentTypes(), ElementsAre(kBarrier, kBarrier));
+  EXPECT_THAT(Captures(), IsEmpty()) << "nobody else would remove what no session uploads";
+  EXPECT_TRUE(std::filesystem::exists(directory.Path("kept")));
 }
 
 // A script that hangs holds up neither a second barrier nor the deletion, and nothing of it is told.
