@@ -3,7 +3,6 @@
 #include <filesystem>
 
 #include "app/livetrace/livetrace_app.h"
-#include "app/livetrace/livetrace_uploader.h"
 #include "tests/app/dataplane_channel.h"
 
 namespace zem::Tarvik {
@@ -245,7 +244,7 @@ TEST_F(LivetraceTest, ACapturesNameIsNoPath) {
   EXPECT_EQ(log.Count("Failed to figure out pcap filename from barrier msg, session 0x3"), 8U);
   EXPECT_THAT(SentTypes(), IsEmpty());
   EXPECT_FALSE(std::filesystem::exists(directory.Path("request")));
-  EXPECT_FALSE(IsCaptureName(std::string(256, 'a')));
+  EXPECT_FALSE(CaptureFolder::IsName(std::string(256, 'a')));
   directory.Write("kept", "");
   Barrier(99, 0, "pcap_file_name: \"../kept\" ");
   Barrier(99, 0, Capture("d.pcap"));
@@ -278,6 +277,24 @@ TEST_F(LivetraceTest, LeftCapturesGoAtTheStart) {
   std::filesystem::create_directory(directory.Path("captures/kept"));
   Serve("true");
   EXPECT_THAT(Captures(), ElementsAre("kept"));
+}
+
+// Below the folder of everybody, somebody else may have put a link in the captures' place, or may write to
+// it.
+TEST_F(LivetraceTest, NothingIsRemovedFromAFolderThatIsNotOurs) {
+  Capture("a");
+  const CaptureFolder folder(directory.Path("captures") + "/");
+  std::filesystem::permissions(directory.Path("captures"), std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::add);
+  EXPECT_THAT(folder.RemoveAll(), IsEmpty());
+  std::filesystem::permissions(directory.Path("captures"), std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::remove);
+  std::filesystem::create_directory_symlink(directory.Path("captures"), directory.Path("link-to"));
+  EXPECT_FALSE(CaptureFolder(directory.Path("link-to") + "/").Remove("a"));
+  std::filesystem::create_directory_symlink(directory.Path(), directory.Path("around"));
+  EXPECT_FALSE(CaptureFolder(directory.Path("around/captures/")).Remove("a"));
+  EXPECT_THAT(folder.RemoveAll(), ElementsAre("a"));
+  EXPECT_FALSE(folder.Remove("a"));
 }
 
 TEST_F(LivetraceTest, TheTableIsBounded) {
