@@ -31,6 +31,7 @@
 #include "framework/process/memory_return.h"
 #include "framework/process/shutdown_pipe.h"
 #include "mpaclient/proxy/tn_proxy_client_common.h"
+#include "platform/core/thread.h"
 #include "platform/core/thread_name.h"
 #include "platform/daemonhealth/daemon_health_service.h"
 #include "platform/metrics/metrics.h"
@@ -101,6 +102,15 @@ void ExitAtOnce(int) {
   } else {
     ::_Exit(0);
   }
+}
+
+// The store has refused a write for good.  The line that says so is the reason for the end, so it and what
+// waits before it still go to the log; nothing of this thread's may go on meanwhile.
+[[noreturn]] void EndWithLog(int code) {
+  std::fflush(nullptr);
+  if (the_syslog == nullptr) ::_Exit(code);
+  the_syslog->Exit(code);
+  for (;;) SleepFor(std::chrono::hours(1));
 }
 
 void InstallExitHandlers() {
@@ -236,7 +246,7 @@ void Agent::Impl::StartStore() {
   ZLOG_DEBUG(":Connecting to Covedb on Host end point %s ", kStoreEndpoint);
   if ((GetNodeType() & kStoreNodes) != 0 || IsEdgeOrPcg()) {
     store_client_ = std::make_shared<covedb::CoveDbClient>(kStoreClientId, kStoreEndpoint, *provider_,
-                                                           nullptr, true, true, false);
+                                                           nullptr, true, true, false, &EndWithLog);
     store_client_->StartAsync();
   }
   update_service_ = std::make_shared<upm::UPMService>(store_client_);

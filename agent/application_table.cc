@@ -3,16 +3,16 @@
 #include "agent/application_table.h"
 
 #include <array>
-#include <boost/property_tree/ptree.hpp>
 
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
 #include "app/healthcheck/health_check.h"
+#include "app/ipreputation/ip_reputation_comm_mgr.h"
 #include "app/livetrace/livetrace_app.h"
 #include "app/livetrace/livetrace_commands.h"
 #include "app/lldp/lldp.h"
-#include "app/probe/probe.h"
+#include "app/supportbundle/support_bundle_client.h"
 #include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
 #include "app/zema/app/zema_commands.h"
@@ -178,20 +178,26 @@ class LldpRow final : public Application {
   Lldp lldp_;
 };
 
-class ProbeRow final : public Application {
+class IpReputationRow final : public Application {
  public:
-  ProbeRow(const ApplicationContext& context, const boost::property_tree::ptree& options)
-      : probe_(context.provider, context.store, context.lcp_adapter, options) {}
+  explicit IpReputationRow(const ApplicationContext& context) : manager_(context.provider, context.store) {}
 
-  std::vector<CliCommand> Commands() override { return probe_.Commands(); }
-  bool Start() override {
-    probe_.Start();
-    return true;
-  }
-  void Stop() override { probe_.Stop(); }
+  bool Start() override { return manager_.Start(); }
+  void Stop() override { manager_.Stop(); }
 
  private:
-  Probe probe_;
+  IpReputationCommMgr manager_;
+};
+
+class SupportBundleRow final : public Application {
+ public:
+  explicit SupportBundleRow(const ApplicationContext& context) : client_(context.provider) {}
+
+  bool Start() override { return client_.Start(); }
+  void Stop() override { client_.Stop(); }
+
+ private:
+  SupportBundleClient client_;
 };
 
 class AlarmsProviderRow final : public Application {
@@ -223,13 +229,6 @@ class UpdateServiceRow final : public Application {
 template <class Row>
 std::unique_ptr<Application> Make(const ApplicationContext& context) {
   return std::make_unique<Row>(context);
-}
-
-// Only for options that have a `probe` element.
-std::unique_ptr<Application> MakeProbe(const ApplicationContext& context) {
-  const auto options = OptionsTree().get_child_optional("probe");
-  if (!options) return nullptr;
-  return std::make_unique<ProbeRow>(context, *options);
 }
 
 constexpr std::array kApplications = {
@@ -308,13 +307,27 @@ constexpr std::array kApplications = {
                    .start_step = "live trace",
                    .create_rank = 50,
                    .stop_rank = 80},
-    ApplicationRow{.name = "Probe", .make = &MakeProbe, .create_rank = 150, .stop_rank = 130},
     ApplicationRow{.name = "LumClient",
                    .make = &Make<LumClientRow>,
                    .start_line = "LumClient Start...",
                    .start_step = "host API client",
                    .create_rank = 105,
                    .stop_rank = 100},
+    ApplicationRow{.name = "IpReputation",
+                   .make = &Make<IpReputationRow>,
+                   .thread_name = "Main::IpReputation_st",
+                   .start_line = "Ip Reputation Client start",
+                   .start_step = "IP reputation",
+                   .create_rank = 130,
+                   .stop_rank = 120},
+    ApplicationRow{.name = "SupportBundle",
+                   .make = &Make<SupportBundleRow>,
+                   .option = Mode::kSupportBundleClient,
+                   .thread_name = "Main:sbc_st",
+                   .start_line = "Sbundle Start...",
+                   .start_step = "support bundles",
+                   .create_rank = 70,
+                   .stop_rank = 25},
     ApplicationRow{.name = "AlarmsProvider",
                    .make = &Make<AlarmsProviderRow>,
                    .option = Mode::kAlarmsProvider,

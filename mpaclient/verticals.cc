@@ -116,6 +116,9 @@ constexpr std::array kControllerSends = {
 
 constexpr std::array kLldpSends = {SentType{"com.orlane.zem.lldp.LldpInterfacesMsg", kRmqClientRpcResponse}};
 
+constexpr std::array kSupportBundleSends = {
+    SentType{"com.orlane.zem.support_bundle.SupportBundle.BundleStatusResponseMsg", kRmqClientRpcResponse}};
+
 #define ZEM_PROTOTYPES(package, stem) \
   &Prototype<orlane::zem::package::stem##MpUnifiedMsg>, &Prototype<orlane::zem::package::stem##HostUnifiedMsg>
 #define ZEM_CLASSES(client, host, observer, stem) \
@@ -136,7 +139,8 @@ constexpr std::array kVerticals = {
              ZEM_CLASSES("SupportBundle", "SupportBundleHostService", "SupportBundleServiceObserver",
                          SupportBundle),
              VerticalTraits{.secret = true, .only_serves = true}, kRaw,
-             ZEM_PROTOTYPES(support_bundle, SupportBundle)},
+             ZEM_PROTOTYPES(support_bundle, SupportBundle),
+             VerticalRecords{.sent = kSupportBundleSends, .log = {"tarvik", "supportbundle"}}},
     Vertical{VerticalId::kIda, "INVENTORY_DISCOVERY_APPLICATION", "INVENTORY_DISCOVERY_APPLICATION",
              ZEM_CLASSES("Ida", "IdaHostService", "IdaServiceObserver", Ida),
              VerticalTraits{.needs_app_init = true, .old_type_names = true}, kIdaTypes,

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 
 #include "platform/core/poll.h"
 #include "platform/knluser/knluser.h"
@@ -54,7 +55,7 @@ std::vector<const char*> Pointers(const std::vector<std::string>& texts) {
 ChildProcess::ChildProcess(Options options)
     : options_(std::move(options)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-ChildProcess::~ChildProcess() = default;
+ChildProcess::~ChildProcess() { WipeInput(); }
 
 void ChildProcess::Stop() {
   const uint64_t one = 1;
@@ -146,6 +147,11 @@ void ChildProcess::WriteInput(ChildResult* result) {
     written_ += static_cast<size_t>(part);
   }
   input_.Reset();
+  WipeInput();
+}
+
+void ChildProcess::WipeInput() {
+  if (options_.secret_input) ::explicit_bzero(options_.input.data(), options_.input.size());
 }
 
 // Reads at most `pieces`, so that a stream without end leaves time for the flags.  False when the child has

@@ -53,6 +53,8 @@ class ChildProcess {
     /// Nothing: this process's.
     std::optional<std::vector<std::string>> environment;
     std::string input;
+    /// The input is overwritten when it has been written, or cannot be.
+    bool secret_input = false;
     /// Looked at once a second; may be null.
     const std::atomic<bool>* stop = nullptr;
     /// Zero: none.
@@ -84,6 +86,7 @@ class ChildProcess {
   [[nodiscard]] bool Start(ChildResult* result);
   void Serve(ChildResult* result);
   void WriteInput(ChildResult* result);
+  void WipeInput();
   bool Drain(UniqueFd& pipe, int pieces, bool is_output, std::string* kept);
   void AskToEnd(ChildEnd why);
   void NextStep();

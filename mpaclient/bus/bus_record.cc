@@ -149,6 +149,24 @@ std::optional<BusHeader> BusHeader::Of(const rmqClientMessage& message) {
   return Decode({message.header, *length});
 }
 
+void VisitBusHeader(const rmqClientMessage& message,
+                    const std::function<void(const BusHeaderElement&)>& visit) {
+  const std::optional<size_t> length =
+      message.header == nullptr ? std::nullopt : HeaderLength(message.header);
+  bson_t document;
+  bson_iter_t element;
+  if (!length || !bson_init_static(&document, message.header, *length) ||
+      !bson_validate(&document, BSON_VALIDATE_UTF8, nullptr) || !bson_iter_init(&element, &document)) {
+    return;
+  }
+  while (bson_iter_next(&element)) {
+    BusHeaderElement seen{static_cast<int>(bson_iter_type(&element)), bson_iter_key(&element), nullptr, {}};
+    if (BSON_ITER_HOLDS_UTF8(&element)) seen.text = bson_iter_utf8(&element, nullptr);
+    if (BSON_ITER_HOLDS_INT(&element)) seen.number = bson_iter_as_int64(&element);
+    visit(seen);
+  }
+}
+
 BusRecord::~BusRecord() { std::free(free_block_); }
 
 BusRecord::BusRecord(BusRecord&& other) noexcept : BusRecord(other.type_) { *this = std::move(other); }

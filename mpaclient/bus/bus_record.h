@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -66,6 +67,18 @@ struct BusHeader {
   /// than 64 KiB.
   static std::optional<BusHeader> Of(const rmqClientMessage& message);
 };
+
+/// One element of a record's header.
+struct BusHeaderElement {
+  int type;  ///< of BSON
+  const char* key;
+  const char* text;  ///< null unless it is a text
+  std::optional<int64_t> number;
+};
+
+/// Calls `visit` for each element of the header of a record, as far as it is well-formed.
+void VisitBusHeader(const rmqClientMessage& message,
+                    const std::function<void(const BusHeaderElement&)>& visit);
 
 /// Owns the buffers of a record.  `message()` is the plain record that points into them.
 class BusRecord {

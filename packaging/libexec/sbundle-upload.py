@@ -17,6 +17,7 @@ should be, or does not let us in; 2 the request is wrong; 1 everything else, wit
 
 import base64
 import binascii
+import ctypes
 import hashlib
 import hmac
 import http.client
@@ -39,6 +40,7 @@ PASSWORD_BEGIN = '"password": "'
 PASSWORD_END = '"}}}}'
 
 EXIT_FAILED, EXIT_USAGE, EXIT_IDENTITY = 1, 2, 4
+PR_SET_PDEATHSIG = 1
 
 
 class Refused(Exception):
@@ -192,6 +194,8 @@ def send_to_file_server(path, info):
 def main(arguments):
     # The caller ends us by an interrupt; a trace of where that found us helps nobody.
     signal.signal(signal.SIGINT, signal.SIG_DFL)
+    # Nobody would wait for the outcome once the agent is gone.
+    ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGTERM, 0, 0, 0)
     try:
         text = sys.stdin.read(LONGEST_REQUEST + 1)
         if len(text) > LONGEST_REQUEST:

@@ -19,6 +19,7 @@
 #include "sim/guest/guest_picture.h"
 #include "sim/guest/mux_peer.h"
 #include "sim/guest/world/guest_world.h"
+#include "sim/host/bundle_commands.h"
 #include "sim/host/detection_commands.h"
 #include "sim/host/host_commands.h"
 #include "sim/host/host_management.h"
@@ -108,6 +109,12 @@ class NeighbourPeer final : public OwnedByNode {
   void Register(CommandTable& table) override { RegisterNeighbourCommands(table, context_.host); }
   std::vector<std::string> Violations() const override { return NeighbourViolations(); }
   std::vector<std::string> Draw(size_t /*most*/) const override { return DrawNeighbours(); }
+};
+
+class BundlePeer final : public Peer {
+ public:
+  explicit BundlePeer(const PeerContext& /*context*/) {}
+  void Register(CommandTable& table) override { RegisterBundleCommands(table); }
 };
 
 class VmPeer final : public OwnedByNode {
@@ -267,6 +274,8 @@ constexpr std::array kPeers = {
     PeerRow{"host", "The host and its management script; \"host help\" lists its commands.", &Make<HostPeer>},
     PeerRow{"lldp", "The neighbours of the host's interfaces; \"lldp help\" lists its commands.",
             &Make<NeighbourPeer>},
+    PeerRow{"bundle", "The scripts of support bundles; \"bundle help\" lists their commands.",
+            &Make<BundlePeer>},
     PeerRow{"fw", "The host's firewall; \"fw help\" lists its commands.", &Make<FirewallPeer>},
     PeerRow{"kafka", "Kafka brokers; \"kafka help\" lists their commands.", &Make<KafkaPeer>},
     PeerRow{"profile", "The node's profiles; \"profile help\" lists its commands.", &Make<ProfilePeer>},

@@ -73,6 +73,11 @@ void SetUpHost(const HostSetup& setup) {
   fs::copy_file(scripts / "zemcli", fs::path(kCommandLine) / "zemcli", fs::copy_options::overwrite_existing);
   fs::copy_file(scripts / kCentralConfigTool, fs::path(kAgentTools) / kCentralConfigTool,
                 fs::copy_options::overwrite_existing);
+  // The agent's own scripts for bundles run behind one that keeps a journal and can fail.
+  for (const char* script : {"sbundle-collect.py", "sbundle-upload.py"}) {
+    fs::remove(fs::path(kAgentTools) / script);
+    fs::copy_file(scripts / "bundle-script", fs::path(kAgentTools) / script);
+  }
   fs::create_directories(kAlarmFolder);
   fs::create_directories(kPerformanceFolder);
   for (const char* file : {"hp_dp_script.py", "simstate.py"}) {

@@ -76,6 +76,7 @@ ObjectRegistry::ObjectRegistry() {
   Register(ObjectType::PROFILE, proto::ProfileMsg::default_instance(), "id");
   Register(ObjectType::PROFILE_BINDING, proto::ProfileBindingMsg::default_instance(), "entity_id");
   Register(ObjectType::OPAQUE_LOG_SWITCH_CONFIG, proto::OpaqueLogSwitchConfigMsg::default_instance(), "id");
+  Register(ObjectType::IP_REPUTATION_RECORD_EVENT, proto::IpReputationRecordEventMsg::default_instance(), "");
   Register(ObjectType::GLOBAL_CONFIG, proto::GlobalConfigMsg::default_instance(), "");
   Register(ObjectType::EVENT_CONFIG, proto::EventConfigMsg::default_instance(), "name");
   Register(ObjectType::DATA_COLLECTION_CONFIG, proto::DataCollectionConfigMsg::default_instance(),

@@ -64,8 +64,7 @@ TEST_F(AgentLifecycleTest, StartsServesAndStopsInOrder) {
         WriteFile(Tarvik::kOptionsPath,
                   "<config><tarvik><log><level>6</level></log><app><zemaApp>false</zemaApp></"
                   "app><metrics><collector><file>/tmp/m.json</file>"
-                  "<intervalSec>1</intervalSec></collector></metrics><probe><verticals>SwitchingVertical"
-                  "</verticals><objectTypes>221</objectTypes></probe></tarvik></config>");
+                  "<intervalSec>1</intervalSec></collector></metrics></tarvik></config>");
         AsioZemProvider store_provider;
         sim::ObjectRegistry registry;
         sim::StoreDaemon store(store_provider, "tcp://127.0.0.1:2480", registry);

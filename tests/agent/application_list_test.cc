@@ -29,15 +29,18 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr),
-              ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "Lldp", "HealthCheck",
-                          "Livetrace", "Probe", "LumClient", "AlarmsProvider", "UPMService"));
-  EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "HealthCheck", "CliServer", "Lldp", "Livetrace", "Traceflow",
-                          "ZemaApp", "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa", "Probe"));
-  EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "UPMService", "CliServer", "Lldp", "HealthCheck", "Livetrace",
-                          "Traceflow", "LumClient", "CtxtEng", "Probe", "ZemaApp", "ZemDa"));
+  EXPECT_THAT(
+      Names(rows, nullptr),
+      ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "Lldp", "HealthCheck", "Livetrace",
+                  "LumClient", "IpReputation", "SupportBundle", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(
+      Names(rows, &ApplicationRow::create_rank),
+      ElementsAre("UPMService", "HealthCheck", "CliServer", "Lldp", "Livetrace", "Traceflow", "SupportBundle",
+                  "ZemaApp", "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa", "IpReputation"));
+  EXPECT_THAT(
+      Names(rows, &ApplicationRow::stop_rank),
+      ElementsAre("AlarmsProvider", "SupportBundle", "UPMService", "CliServer", "Lldp", "HealthCheck",
+                  "Livetrace", "Traceflow", "LumClient", "CtxtEng", "IpReputation", "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;

@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "app/zemda/base/text_repair.h"
+
 namespace ZemDa {
 namespace {
 
@@ -32,7 +34,9 @@ bool ColumnTable::ReadHeader(std::string_view header, std::span<const char* cons
 
 std::string ColumnTable::Cell(std::string_view line, size_t column) const {
   if (column + 1 >= positions_.size() || positions_[column] >= line.size()) return {};
-  return std::string(Trim(line.substr(positions_[column], positions_[column + 1] - positions_[column])));
+  // The positions are bytes, so a cut may fall into a character.
+  return RepairText(
+      std::string(Trim(line.substr(positions_[column], positions_[column + 1] - positions_[column]))));
 }
 
 std::vector<std::string_view> LinesOf(std::string_view text) {

@@ -106,6 +106,12 @@ TEST_F(HostTablesTest, CellsByTheirColumns) {
                    "reporting its ENS feature."));
 }
 
+// A message with half a character in it would be refused by the manager, and with it the whole inventory.
+TEST_F(HostTablesTest, NoCellHasHalfACharacter) {
+  outputs["/bin/qubcfg-knlnic -l"] += "interface-\xc3\xa9           IPv4\n";
+  EXPECT_THAT(Names(Read()), testing::Contains("interface-?"));
+}
+
 TEST_F(HostTablesTest, TablesThatCannotBeHad) {
   outputs["/bin/qubcfg-knlnic -l"] = "Interface  Port Group  IP Family\nknl0 x IPv4\n";
   outputs["/bin/qubcfg-nics -e"] = "qubcfg-nics: invalid option -- 'e'\n";

@@ -1,3 +1,5 @@
+#include <google/protobuf/stubs/logging.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <sstream>
@@ -13,6 +15,11 @@
 namespace {
 
 using orlane::zem::ida::InventoryObjectMsg;
+
+// Text that is no UTF-8 is only logged where it is written, and refused where it is read.
+void EndOnForeignText(google::protobuf::LogLevel level, const char*, int, const std::string&) {
+  if (level >= google::protobuf::LOGLEVEL_ERROR) std::abort();
+}
 
 void Check(const InventoryObjectMsg& record) {
   InventoryObjectMsg read;
@@ -39,6 +46,7 @@ void CheckVm(const ZemDa::InventoryUpdate& update, const ZemDa::QubVM& vm) {
 // tools behind the next ones.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   zem::test::SilenceLog();
+  google::protobuf::SetLogHandler(&EndOnForeignText);
   std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
   std::string full;
   std::string update;

@@ -1,0 +1,30 @@
+#include "app/supportbundle/support_bundle_status_check_thread.h"
+
+#include "framework/log/log.h"
+
+namespace zem::Tarvik {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "supportbundle"};
+
+constexpr auto kPeriod = std::chrono::seconds(5);
+constexpr std::chrono::duration<double> kPatience{3000.0};
+
+}  // namespace
+
+void SupportBundleStatusCheckThread::Run() {
+  ZLOG_INFO("Support bundle status thread started");
+  while (!stop_.WaitFor(kPeriod)) Look();
+}
+
+void SupportBundleStatusCheckThread::Look() {
+  LockWorkerInfo info(info_);
+  if (!IsInProgress(info.state()) || info.state() == BundleStatus::kBeingCancelled) return;
+  if (info.SinceContact() <= kPatience) return;
+  ZLOG_INFO("No status message received within last %f seconds, canceling active request", kPatience.count());
+  // The worker takes none but a requested one: that would be cancelled by nobody.
+  info.SetState(info.state() == BundleStatus::kRequested ? BundleStatus::kCancelled
+                                                         : BundleStatus::kBeingCancelled);
+}
+
+}  // namespace zem::Tarvik

@@ -1,0 +1,189 @@
+#include "app/supportbundle/support_bundle_worker_thread.h"
+
+#include <array>
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/replace.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <boost/algorithm/string/trim.hpp>
+#include <deque>
+#include <exception>
+#include <filesystem>
+#include <optional>
+
+#include "app/supportbundle/bundle_script.h"
+#include "app/supportbundle/temp_bundle_link_resource.h"
+#include "app/supportbundle/upload_text.h"
+#include "framework/log/log.h"
+
+namespace zem::Tarvik {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "supportbundle"};
+
+constexpr auto kPollPeriod = std::chrono::seconds(5);
+constexpr const char* kFolder = "/tmp";
+// How the collecting script's bundles begin.
+constexpr const char* kBundlePrefix = "zem-sbundle-";
+constexpr size_t kMostPrinted = 1024;
+constexpr size_t kMostStateText = 64 * 1024;
+constexpr std::string_view kFileServerMark = "FS";
+constexpr int kUploadRefused = 4;
+
+struct CollectResult {
+  int exit_status;
+  BundleStatus status;
+};
+constexpr std::array kCollectResults = {
+    CollectResult{124, BundleStatus::kCollectTimedOut}, CollectResult{4, BundleStatus::kCollect4Or63},
+    CollectResult{63, BundleStatus::kCollect4Or63},     CollectResult{64, BundleStatus::kCollect64},
+    CollectResult{68, BundleStatus::kCollect68},        CollectResult{70, BundleStatus::kCollect70},
+    CollectResult{27, BundleStatus::kCollect27},
+};
+
+BundleStatus StatusOfCollect(int exit_status) {
+  for (const CollectResult& row : kCollectResults) {
+    if (row.exit_status == exit_status) return row.status;
+  }
+  return BundleStatus::kFailed;
+}
+
+// What a script has said, as it may stand in the log.
+std::string Printed(std::string text, const BundleRequest& request) {
+  if (!request.file_password.empty()) boost::replace_all(text, request.file_password, "******");
+  if (text.size() > kMostPrinted) text.resize(kMostPrinted);
+  return text;
+}
+
+// The bundles that a script names, each on a line of its own; removed with the object.
+class NamedBundles {
+ public:
+  explicit NamedBundles(const std::string& output) {
+    std::deque<std::string> lines;
+    boost::split(lines, output, boost::is_any_of("\n"));
+    for (std::string& line : lines) {
+      boost::trim(line);
+      if (line.starts_with('/') && line.size() < kMostPrinted) held_.emplace_back(line);
+    }
+  }
+
+ private:
+  std::deque<TempBundleLinkResource> held_;
+};
+
+// An agent that was killed has left its bundle.
+void RemoveLeftovers() {
+  std::error_code unreadable;
+  for (const auto& entry : std::filesystem::directory_iterator(kFolder, unreadable)) {
+    if (!entry.path().filename().string().starts_with(kBundlePrefix)) continue;
+    ZLOG_INFO("%s was left by an agent before", entry.path().c_str());
+    const TempBundleLinkResource removed(entry.path());
+  }
+}
+
+}  // namespace
+
+void SupportBundleWorkerThread::Stop() {
+  stopping_ = true;
+  stop_.Stop();
+}
+
+void SupportBundleWorkerThread::Reset() {
+  stopping_ = false;
+  stop_.Reset();
+}
+
+void SupportBundleWorkerThread::Run() {
+  ZLOG_INFO("Support bundle worker thread started");
+  RemoveLeftovers();
+  while (!stop_.WaitFor(kPollPeriod)) Pass();
+}
+
+void SupportBundleWorkerThread::Pass() {
+  BundleRequest request;
+  {
+    LockWorkerInfo info(info_);
+    if (info.state() != BundleStatus::kRequested) return;
+    info.SetState(BundleStatus::kInWork);
+    request = info.request();
+    info.request().WipePassword();
+  }
+  try {
+    Process(request);
+  } catch (const std::exception& error) {
+    Finish(BundleStatus::kFailed);
+    ZLOG_ERROR("OPS60008", "std::exception while processing support bundle message: %s\n", error.what());
+  } catch (...) {
+    Finish(BundleStatus::kFailed);
+    ZLOG_ERROR("OPS60012", "caught unknown exception\n");
+  }
+  request.WipePassword();
+}
+
+void SupportBundleWorkerThread::Finish(BundleStatus status) { LockWorkerInfo(info_).SetState(status); }
+
+void SupportBundleWorkerThread::Process(BundleRequest& request) {
+  ZLOG_INFO("Processing new bundle request");
+  std::string output;
+  std::string error;
+  const int result =
+      ExecuteCmd({scripts_.interpreter, scripts_.collect, kFolder, request.first_text, request.content,
+                  std::to_string(request.number), request.flag ? "true" : "false"},
+                 "", &output, &error, &stopping_);
+  const NamedBundles bundles(output);
+  if (result != 0) {
+    const std::string out = Printed(output, request);
+    const std::string err = Printed(error, request);
+    ZLOG_ERROR("OPS60014", "Error invoking collect script, ret: %d, output: %s, error: %s\n", result,
+               out.c_str(), err.c_str());
+    ZLOG_INFO("Bundle request failed, rc: %d, out: %s, err: %s", result, out.c_str(), err.c_str());
+    Finish(StatusOfCollect(result));
+    return;
+  }
+  {
+    LockWorkerInfo info(info_);
+    if (info.state() == BundleStatus::kBeingCancelled) {
+      info.SetState(BundleStatus::kCancelled);
+      return;
+    }
+  }
+  boost::trim(output);
+  Upload(request, output);
+}
+
+void SupportBundleWorkerThread::Upload(BundleRequest& request, const std::string& local_path) {
+  std::optional<std::string> text = UploadText(request, local_path);
+  if (!text) {
+    ZLOG_WARN("a value of the bundle's request has a control character, the bundle is not sent");
+    Finish(BundleStatus::kUploadFailed);
+    return;
+  }
+  ZLOG_INFO("Uploading bundle");
+  std::string output;
+  std::string error;
+  const int result = ExecuteCmd({scripts_.interpreter, scripts_.upload, local_path}, std::move(*text),
+                                &output, &error, &stopping_);
+  if (result != 0) {
+    const std::string out = Printed(output, request);
+    const std::string err = Printed(error, request);
+    ZLOG_ERROR("OPS60015", "Error invoking upload script, ret: %d, output: %s, error: %s\n", result,
+               out.c_str(), err.c_str());
+    ZLOG_INFO("Bundle upload failed, rc: %d, out: %s, err: %s", result, out.c_str(), err.c_str());
+    Finish(result == kUploadRefused ? BundleStatus::kUpload4 : BundleStatus::kUploadFailed);
+    return;
+  }
+  if (output.size() > kMostStateText) output.resize(kMostStateText);
+  const bool to_file_server = output.starts_with(kFileServerMark);
+  {
+    LockWorkerInfo info(info_);
+    info.SetState(to_file_server ? BundleStatus::kAtFileServer : BundleStatus::kAtManager);
+    info.SetStateText(std::move(output));
+  }
+  if (to_file_server) {
+    ZLOG_INFO("Successfully authenticated and uploaded bundle to file server: %s",
+              request.file_server.c_str());
+  } else {
+    ZLOG_INFO("Successfully uploaded bundle to manager");
+  }
+}
+
+}  // namespace zem::Tarvik

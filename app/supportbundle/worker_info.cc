@@ -1,0 +1,26 @@
+#include "app/supportbundle/worker_info.h"
+
+#include <openssl/crypto.h>
+
+#include "framework/log/log.h"
+
+namespace zem::Tarvik {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "supportbundle"};
+
+}  // namespace
+
+void BundleRequest::WipePassword() {
+  OPENSSL_cleanse(file_password.data(), file_password.size());
+  file_password.clear();
+}
+
+void LockWorkerInfo::SetState(BundleStatus state) {
+  ZLOG_DEBUG("bundle %s: status %u to %u", info_.request_.generate_id.c_str(),
+             static_cast<unsigned>(info_.state_), static_cast<unsigned>(state));
+  info_.state_ = state;
+  info_.state_text_.clear();
+}
+
+}  // namespace zem::Tarvik
