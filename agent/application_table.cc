@@ -12,6 +12,8 @@
 #include "app/livetrace/livetrace_app.h"
 #include "app/livetrace/livetrace_commands.h"
 #include "app/lldp/lldp.h"
+#include "app/pktcap/service/pktcap_app.h"
+#include "app/pktcap/service/pktcap_commands.h"
 #include "app/supportbundle/support_bundle_client.h"
 #include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
@@ -122,6 +124,18 @@ class DiscoveryRow final : public Application {
 
  private:
   ZemDa::DiscoveryAgent agent_;
+};
+
+class PktCapRow final : public Application {
+ public:
+  explicit PktCapRow(const ApplicationContext& context) : app_(context.provider) {}
+
+  std::vector<CliCommand> Commands() override { return PktCapCommands(app_); }
+  bool Start() override { return app_.Start(); }
+  void Stop() override { app_.Stop(); }
+
+ private:
+  PktCapApp app_;
 };
 
 class CliServerRow final : public Application {
@@ -280,6 +294,15 @@ constexpr std::array kApplications = {
                    .start_step = "discovery agent",
                    .create_rank = 120,
                    .stop_rank = 145},
+    ApplicationRow{.name = "PktCapApp",
+                   .make = &Make<PktCapRow>,
+                   .option = Mode::kPktCap,
+                   .host_role = true,
+                   .thread_name = "Main:Pktcap_st",
+                   .start_line = "Pktcap Start...",
+                   .start_step = "packet capture",
+                   .create_rank = 30,
+                   .stop_rank = 50},
     ApplicationRow{.name = "Lldp",
                    .make = &Make<LldpRow>,
                    .option = Mode::kLldp,

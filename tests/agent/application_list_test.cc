@@ -31,16 +31,16 @@ TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
   EXPECT_THAT(
       Names(rows, nullptr),
-      ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "Lldp", "HealthCheck", "Livetrace",
-                  "LumClient", "IpReputation", "SupportBundle", "AlarmsProvider", "UPMService"));
-  EXPECT_THAT(
-      Names(rows, &ApplicationRow::create_rank),
-      ElementsAre("UPMService", "HealthCheck", "CliServer", "Lldp", "Livetrace", "Traceflow", "SupportBundle",
-                  "ZemaApp", "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa", "IpReputation"));
-  EXPECT_THAT(
-      Names(rows, &ApplicationRow::stop_rank),
-      ElementsAre("AlarmsProvider", "SupportBundle", "UPMService", "CliServer", "Lldp", "HealthCheck",
-                  "Livetrace", "Traceflow", "LumClient", "CtxtEng", "IpReputation", "ZemaApp", "ZemDa"));
+      ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "PktCapApp", "Lldp", "HealthCheck",
+                  "Livetrace", "LumClient", "IpReputation", "SupportBundle", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
+              ElementsAre("UPMService", "HealthCheck", "CliServer", "PktCapApp", "Lldp", "Livetrace",
+                          "Traceflow", "SupportBundle", "ZemaApp", "AlarmsProvider", "LumClient", "CtxtEng",
+                          "ZemDa", "IpReputation"));
+  EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
+              ElementsAre("AlarmsProvider", "SupportBundle", "UPMService", "CliServer", "PktCapApp", "Lldp",
+                          "HealthCheck", "Livetrace", "Traceflow", "LumClient", "CtxtEng", "IpReputation",
+                          "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;
