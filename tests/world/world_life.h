@@ -101,6 +101,7 @@ class WorldLife {
   void ChangeGuests();
   void AnnounceAlerts();
   void ChangeInventory();
+  void TracePackets();
   void Capture();
   void MoveGuests();
   void RaiseOrClearAlarm();
@@ -126,6 +127,7 @@ class WorldLife {
   void MoveServiceVm();
   void DisturbAlerts();
   void DisturbInventory();
+  void DisturbTraces();
   void DisturbCapture();
   void DisturbFlow();
   void AlarmClientGoesOrComes();
