@@ -101,6 +101,7 @@ class WorldLife {
   void ChangeGuests();
   void AnnounceAlerts();
   void ChangeInventory();
+  void AskServices();
   void MoveGuests();
   void RaiseOrClearAlarm();
   void ReportStatus();
@@ -125,6 +126,7 @@ class WorldLife {
   void MoveServiceVm();
   void DisturbAlerts();
   void DisturbInventory();
+  void DisturbServices();
   void DisturbFlow();
   void AlarmClientGoesOrComes();
   void AlarmClientMisbehaves();

@@ -62,6 +62,7 @@ WorldNode::WorldNode(std::FILE* log, bool small_logon_cache) {
   guests = std::make_unique<WorldGuests>(*manager, store->store(), small_logon_cache);
   ids = std::make_unique<WorldIds>(*manager);
   inventory = std::make_unique<WorldInventory>(host, *machines, *manager);
+  services = std::make_unique<WorldServices>(*manager, store->store());
   flow = std::make_unique<WorldFlow>(store->store());
   if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
 }
@@ -71,6 +72,7 @@ WorldNode::~WorldNode() {
   guests.reset();
   ids.reset();
   inventory.reset();
+  services.reset();
   machines.reset();
   host_management.reset();
   manager.reset();
@@ -106,6 +108,7 @@ void WorldNode::StartAgent() {
   if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
   ids->StartAgent(*provider_);
   inventory->StartAgent(*provider_, store_client_, store->store());
+  services->StartAgent(*provider_, store_client_);
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
   guests->StartAgent(*provider_, store_client_);
@@ -119,6 +122,7 @@ void WorldNode::StopAgent() {
   guests->StopAgent();
   ids->StopAgent();
   inventory->StopAgent();
+  services->StopAgent();
   introspection.StopAgent();
   alarms_->Stop();
   app_->Stop(0);

@@ -18,6 +18,7 @@
 #include "tests/world/world_ids.h"
 #include "tests/world/world_introspection.h"
 #include "tests/world/world_inventory.h"
+#include "tests/world/world_services.h"
 
 namespace zem {
 class TnProxyClientCommon;
@@ -81,6 +82,7 @@ class WorldNode {
   std::unique_ptr<WorldFlow> flow;
   std::unique_ptr<WorldIds> ids;
   std::unique_ptr<WorldInventory> inventory;
+  std::unique_ptr<WorldServices> services;
 
  private:
   std::unique_ptr<AsioZemProvider> provider_;

@@ -63,6 +63,7 @@ void WorldLife::Calm() {
   node_.guests->Calm();
   node_.ids->Calm();
   node_.inventory->Calm();
+  node_.services->Calm();
   node_.flow->Calm();
   alarms_->Calm();
   JoinVms();
@@ -351,6 +352,7 @@ Lines WorldLife::CheckAll() {
   Await([this] { return node_.guests->Check([this] { node_.clock.Settle(); }); }, &lines);
   Await([this] { return node_.ids->Check(); }, &lines);
   Await([this] { return node_.inventory->Check(node_.store->store()); }, &lines);
+  Await([this] { return node_.services->Check(); }, &lines);
   Await([this] { return node_.flow->Check(); }, &lines);
   Await([this] { return alarms_->Check(); }, &lines);
   Await([this] { return sim::CheckHealth(node_.switches, "up"); }, &lines);
