@@ -7,10 +7,13 @@
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/ctxteng/alarm/alarm_command.h"
 #include "app/ctxteng/engine/ctxt_eng.h"
+#include "app/healthcheck/health_check.h"
 #include "app/ipreputation/ip_reputation_comm_mgr.h"
 #include "app/livetrace/livetrace_app.h"
 #include "app/livetrace/livetrace_commands.h"
 #include "app/lldp/lldp.h"
+#include "app/pktcap/service/pktcap_app.h"
+#include "app/pktcap/service/pktcap_commands.h"
 #include "app/supportbundle/support_bundle_client.h"
 #include "app/traceflow/traceflow_app.h"
 #include "app/zema/app/zema_app.h"
@@ -81,6 +84,21 @@ class TraceflowRow final : public Application {
   const std::shared_ptr<TraceflowApp> traceflow_;
 };
 
+class HealthCheckRow final : public Application {
+ public:
+  explicit HealthCheckRow(const ApplicationContext& context)
+      : check_(std::make_shared<HealthCheck>(context.provider)) {}
+
+  bool Start() override {
+    check_->Start();
+    return true;
+  }
+  void Stop() override { check_->Stop(); }
+
+ private:
+  const std::shared_ptr<HealthCheck> check_;
+};
+
 class LivetraceRow final : public Application {
  public:
   explicit LivetraceRow(const ApplicationContext& context)
@@ -106,6 +124,18 @@ class DiscoveryRow final : public Application {
 
  private:
   ZemDa::DiscoveryAgent agent_;
+};
+
+class PktCapRow final : public Application {
+ public:
+  explicit PktCapRow(const ApplicationContext& context) : app_(context.provider) {}
+
+  std::vector<CliCommand> Commands() override { return PktCapCommands(app_); }
+  bool Start() override { return app_.Start(); }
+  void Stop() override { app_.Stop(); }
+
+ private:
+  PktCapApp app_;
 };
 
 class CliServerRow final : public Application {
@@ -264,6 +294,15 @@ constexpr std::array kApplications = {
                    .start_step = "discovery agent",
                    .create_rank = 120,
                    .stop_rank = 145},
+    ApplicationRow{.name = "PktCapApp",
+                   .make = &Make<PktCapRow>,
+                   .option = Mode::kPktCap,
+                   .host_role = true,
+                   .thread_name = "Main:Pktcap_st",
+                   .start_line = "Pktcap Start...",
+                   .start_step = "packet capture",
+                   .create_rank = 30,
+                   .stop_rank = 50},
     ApplicationRow{.name = "Lldp",
                    .make = &Make<LldpRow>,
                    .option = Mode::kLldp,
@@ -273,6 +312,15 @@ constexpr std::array kApplications = {
                    .start_step = "LLDP",
                    .create_rank = 40,
                    .stop_rank = 60},
+    ApplicationRow{.name = "HealthCheck",
+                   .make = &Make<HealthCheckRow>,
+                   .option = Mode::kHealthCheck,
+                   .host_role = true,
+                   .thread_name = "Main::Health_st",
+                   .start_line = "Healthcheck Start...",
+                   .start_step = "health check",
+                   .create_rank = 15,
+                   .stop_rank = 70},
     ApplicationRow{.name = "Livetrace",
                    .make = &Make<LivetraceRow>,
                    .option = Mode::kLivetrace,

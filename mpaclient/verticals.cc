@@ -126,8 +126,9 @@ constexpr std::array kSupportBundleSends = {
 
 constexpr std::array kVerticals = {
     Vertical{VerticalId::kPacketCapture, "PacketCapture", "PacketCapture",
-             ZEM_CLASSES("Pktcap", "PktcapHostService", "PktcapServiceObserver", PacketCapture), kPlain, kRaw,
-             ZEM_PROTOTYPES(packetcapture, PacketCapture)},
+             // Whoever has an upload's token may write the manager's file.
+             ZEM_CLASSES("Pktcap", "PktcapHostService", "PktcapServiceObserver", PacketCapture),
+             VerticalTraits{.secret = true}, kRaw, ZEM_PROTOTYPES(packetcapture, PacketCapture)},
     Vertical{VerticalId::kTraceflow, "Traceflow", "Traceflow",
              ZEM_CLASSES("Traceflow", "TraceflowHostService", "TraceflowServiceObserver", Traceflow),
              kAppInit, kTraceflowTypes, ZEM_PROTOTYPES(traceflow, Traceflow)},

@@ -83,8 +83,9 @@ bool ChildProcess::Start(ChildResult* result) {
   const char* const* const environment_or_ours = options_.environment ? environment.data() : environ;
   const int descriptors[3] = {in.read.get(), out.write.get(), err.write.get()};
   pid_t pid = -1;
-  const int failed = KnluserCompat_ForkExec(argv.data(), environment_or_ours, descriptors,
-                                            options_.own_group ? KNLUSER_NEW_GROUP : 0, &pid);
+  const int flags = (options_.own_group ? KNLUSER_NEW_GROUP : 0) |
+                    (options_.ends_with_thread ? KNLUSER_ENDS_WITH_THREAD : 0);
+  const int failed = KnluserCompat_ForkExec(argv.data(), environment_or_ours, descriptors, flags, &pid);
   if (failed != 0) {
     result->end = ChildEnd::kNotStarted;
     result->value = failed;

@@ -66,6 +66,8 @@ class ChildProcess {
     std::function<void(std::string_view)> on_output;
     /// Signals go to the child and all that it started.
     bool own_group = false;
+    /// The child is killed when the runner's thread ends with the process, in whatever way.
+    bool ends_with_thread = false;
     Duration step = std::chrono::seconds(2);
   };
 

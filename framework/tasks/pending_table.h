@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <unordered_map>
@@ -28,7 +30,7 @@ class PendingTable {
     const std::lock_guard lock(mutex_);
     if (entries_.size() >= capacity_) return Added::kFull;
     if (entries_.contains(key)) return Added::kExists;
-    entries_.emplace(key, Entry{now, std::move(value)});
+    entries_.emplace(key, Entry{++last_number_, now, std::move(value)});
     return Added::kAdded;
   }
 
@@ -41,13 +43,13 @@ class PendingTable {
     return value;
   }
 
-  /// Takes the entries that have been here for `age` or longer.
+  /// Takes the entries that have been here for `age` or longer, in the order in which they came.
   std::vector<Value> TakeOlder(Duration age) {
     const TimePoint now = Clock::Process().Now();
     return TakeEntries([&](const Entry& entry) { return now - entry.since >= age; });
   }
 
-  /// Takes the entries for which `wanted` is true.
+  /// Takes the entries for which `wanted` is true, in the order in which they came.
   std::vector<Value> TakeIf(const std::function<bool(const Value&)>& wanted) {
     return TakeEntries([&](const Entry& entry) { return wanted(entry.value); });
   }
@@ -66,28 +68,34 @@ class PendingTable {
 
  private:
   struct Entry {
+    uint64_t number;
     TimePoint since;
     Value value;
   };
 
   template <class Wanted>
   std::vector<Value> TakeEntries(const Wanted& wanted) {
-    std::vector<Value> taken;
-    const std::lock_guard lock(mutex_);
-    for (auto entry = entries_.begin(); entry != entries_.end();) {
-      if (wanted(entry->second)) {
-        taken.push_back(std::move(entry->second.value));
-        entry = entries_.erase(entry);
-      } else {
-        ++entry;
+    std::map<uint64_t, Value> taken;
+    {
+      const std::lock_guard lock(mutex_);
+      for (auto entry = entries_.begin(); entry != entries_.end();) {
+        if (wanted(entry->second)) {
+          taken.emplace(entry->second.number, std::move(entry->second.value));
+          entry = entries_.erase(entry);
+        } else {
+          ++entry;
+        }
       }
     }
-    return taken;
+    std::vector<Value> values;
+    for (auto& [number, value] : taken) values.push_back(std::move(value));
+    return values;
   }
 
   const size_t capacity_;
-  mutable std::mutex mutex_;  // guards entries_
+  mutable std::mutex mutex_;  // guards what follows
   std::unordered_map<Key, Entry, Hash> entries_;
+  uint64_t last_number_ = 0;
 };
 
 }  // namespace zem

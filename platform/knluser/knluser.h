@@ -20,6 +20,9 @@ int KnluserCompat_POpen(const char* command, const char* mode, KnluserCompat_Pip
 
 /// The child leads a process group of its own, so that a signal to the group reaches what it started.
 #define KNLUSER_NEW_GROUP 1
+/// The child is killed when the calling thread ends, so that it does not outlive this process, however that
+/// ends.  For threads that outlive their children.
+#define KNLUSER_ENDS_WITH_THREAD 2
 
 /// Runs the program argv[0] (searched in PATH unless it holds a slash).  `argv` and `environment` end with
 /// null; `descriptors` become 0, 1 and 2 of the child and stay open here; -1 is "/dev/null".

@@ -50,6 +50,18 @@ std::unique_ptr<Message> New(const Message& prototype) { return std::unique_ptr<
 
 // The member of a vertical whose messages travel unparsed.
 constexpr std::string_view kRawMember = "RawPayloadMsg";
+// Shows what travels unparsed as the message that it is.
+std::string UnifiedJson(const Message& unified) {
+  const Message* const raw = FindRawMessage(unified, TypeOf(unified));
+  const Message* const payload = SetMember(unified);
+  if (raw == nullptr || payload == nullptr) return ToJson(unified);
+  const auto content = New(*raw);
+  if (!content->ParseFromString(static_cast<const RawPayloadMsg*>(payload)->payload())) {
+    return ToJson(unified);
+  }
+  return ToJson(*content);
+}
+
 constexpr const char* kVifVertical = "SwitchingVertical";
 
 constexpr std::array kReports = {"HostConfigAckMsg", "TransportNodeEventMsg", "ChecksumMsg"};
@@ -223,7 +235,7 @@ void Manager::Receive(const Aph& aph, const std::string& vertical, const std::st
   const auto unified = New(known->mp_prototype());
   if (unified->ParseFromString(message.payload())) {
     received.type = TypeOf(*unified);
-    received.json = ToJson(*unified);
+    received.json = UnifiedJson(*unified);
     const Message* const member = SetMember(*unified);
     *app_init = dynamic_cast<const orlane::zem::messaging::appinit::AppInitMsg*>(member) != nullptr;
   } else {
@@ -365,13 +377,7 @@ std::string AnswerJson(const std::string& vertical, const HostAnswer& answer) {
   const ManagerVertical* const known = FindManagerVertical(vertical);
   const auto unified = New(known->mp_prototype());
   if (!unified->ParseFromString(answer.message.payload())) return "{}";
-  const Message* const raw = FindRawMessage(*unified, TypeOf(*unified));
-  const Message* const payload = SetMember(*unified);
-  if (raw == nullptr || payload == nullptr) return ToJson(*unified);
-  const auto content = New(*raw);
-  if (!content->ParseFromString(static_cast<const RawPayloadMsg*>(payload)->payload()))
-    return ToJson(*unified);
-  return ToJson(*content);
+  return UnifiedJson(*unified);
 }
 
 std::map<std::string, uint64_t> Manager::served_app_inits() const {

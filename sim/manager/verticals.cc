@@ -15,6 +15,7 @@
 #include "proto/lldp/lldp_vertical.rpc.h"
 #include "proto/messaging/l2_vertical.rpc.h"
 #include "proto/monitoring/monitoring_vertical.rpc.h"
+#include "proto/packetcapture/packetcapture.pb.h"
 #include "proto/packetcapture/packetcapture_vertical.rpc.h"
 #include "proto/support_bundle/support_bundle.pb.h"
 #include "proto/support_bundle/support_bundle_vertical.rpc.h"
@@ -152,6 +153,8 @@ constexpr std::array kRawMessages = {
     &Prototype<orlane::zem::support_bundle::BundleStatusRequestMsg>,
     &Prototype<orlane::zem::support_bundle::BundleGenerationCancellationRequestMsg>,
     &Prototype<orlane::zem::support_bundle::BundleStatusResponseMsg>,
+    &Prototype<orlane::zem::packetcapture::PktCapManagerToHostMsg>,
+    &Prototype<orlane::zem::packetcapture::PktCapHostToManagerMsg>,
 };
 
 const FieldDescriptor* TypeField(const Message& unified) {
@@ -205,7 +208,7 @@ const FieldDescriptor* FindMember(const Message& unified, std::string_view name)
 }
 
 const Message* FindRawMessage(const Message& unified, std::string_view name) {
-  const std::string_view last = name.substr(name.rfind('.') + 1);
+  const std::string_view last = name.substr(name.find_last_of(".$") + 1);
   for (const auto prototype : kRawMessages) {
     const auto* const descriptor = prototype().GetDescriptor();
     if (descriptor->name() == last &&

@@ -11,6 +11,7 @@
 #include "sim/alarmpeers/alarm_commands.h"
 #include "sim/alarmpeers/alarm_peers.h"
 #include "sim/alarms/collector.h"
+#include "sim/capture/capture_commands.h"
 #include "sim/dataplane/dataplane_commands.h"
 #include "sim/dataplane/trace_agent.h"
 #include "sim/dataplane/trace_commands.h"
@@ -177,6 +178,16 @@ class LogonPeer final : public Peer {
   LogonReceiver receiver_;
 };
 
+class CapturePeer final : public Peer {
+ public:
+  explicit CapturePeer(const PeerContext& /*context*/) {}
+  void Register(CommandTable& table) override { capture::RegisterCaptureCommands(table, host_); }
+  std::vector<std::string> Draw(size_t /*most*/) const override { return capture::DrawCapture(); }
+
+ private:
+  capture::CaptureHost host_;
+};
+
 constexpr const char* kInventorySocket = "/etc/orlane/QubDiscoveryAgent";
 
 class InventoryPeer final : public Peer {
@@ -287,6 +298,10 @@ constexpr std::array kPeers = {
     PeerRow{"inventory",
             "The host's inventory at its daemon and at the manager; \"inventory help\" lists its commands.",
             &Make<InventoryPeer>},
+    PeerRow{
+        "capture",
+        "Traffic at the host's capture points, and the capture tools; \"capture help\" lists the commands.",
+        &Make<CapturePeer>},
     PeerRow{"ids", "The detection process and its logger; \"ids help\" lists their commands.",
             &Make<IdsPeer>},
     PeerRow{"guest", "The host's guests; \"guest help\" lists their commands.", &Make<GuestPeer>},

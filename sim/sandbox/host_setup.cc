@@ -8,6 +8,7 @@
 
 #include "framework/process/child_process.h"
 #include "sim/sandbox/sandbox.h"
+#include "sim/switch/library_folder.h"
 
 namespace zem::sim {
 namespace {
@@ -18,6 +19,8 @@ constexpr const char* kTools = "/usr/local/bin/";
 constexpr const char* kCommandLine = "/opt/orlane/zem-cli/bin/scripts";
 constexpr const char* kPerformanceFolder = "/usr/lib/orlane/high-performance-dp";
 constexpr const char* kAgentTools = "/opt/orlane/zem-tarvik/libexec";
+// The capture tools' own programs; the names are those of the processes.
+constexpr const char* kCapturePrograms = "/usr/lib/orlane/capture";
 constexpr const char* kCentralConfigTool = "zem-central-node-config-update";
 // The alarm libraries' own folder, which the agent only writes to.
 constexpr const char* kAlarmFolder = "/var/run/orlane/zem-monitoring";
@@ -42,6 +45,20 @@ std::string Quoted(const std::string& text) {
   return quoted + "'";
 }
 
+void SetUpCaptureTools(const fs::path& scripts) {
+  const fs::path programs(kCapturePrograms);
+  fs::create_directories(programs / "python");
+  fs::create_symlink("/usr/bin/python3", programs / "python/pktcap-uw");
+  // A copy, because a security profile of the machine may be bound to the original's path.
+  if (fs::exists("/usr/bin/tcpdump")) fs::copy_file("/usr/bin/tcpdump", programs / "pktcap-uw");
+  const fs::path filter = fs::path(LibraryFolder::Built()) / "tcpdump-uw";
+  if (fs::exists(filter)) fs::create_symlink(filter, "/usr/bin/tcpdump-uw");
+  fs::create_symlink(scripts / "pktcap-uw", "/usr/bin/pktcap-uw");
+  for (const char* tool : {"find_portid", "knlctlProxy"}) {
+    fs::create_symlink(scripts / tool, fs::path(kAgentTools) / tool);
+  }
+}
+
 }  // namespace
 
 void SetUpHost(const HostSetup& setup) {
@@ -60,7 +77,10 @@ void SetUpHost(const HostSetup& setup) {
                 fs::copy_options::overwrite_existing);
   fs::create_symlink(scripts / "zemLum.py", scripts.parent_path() / "zemLum.py");
   std::ofstream(kControllerFile) << kNoControllers;
-  fs::copy_file(scripts / "ps", std::string(kTools) + "ps", fs::copy_options::overwrite_existing);
+  for (const char* const ps : {"/usr/local/bin/ps", "/usr/bin/ps"}) {
+    fs::copy_file(scripts / "ps", ps, fs::copy_options::overwrite_existing);
+  }
+  SetUpCaptureTools(scripts);
   // "/bin" and "/sbin" are links into "/usr".
   for (const char* tool : {"/usr/bin/qubcfg-knlnic", "/usr/sbin/localcli", "/usr/bin/qubcfg-nics"}) {
     fs::create_symlink(scripts / "hosttool", tool);

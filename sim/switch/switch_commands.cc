@@ -12,6 +12,7 @@
 #include "sim/switch/sim_state.h"
 #include "sim/switch/tree/json_file.h"
 #include "sim/switch/tree/state_tree.h"
+#include "sim/switch/tree/uplinks.h"
 #include "sim/switch/vif_ports.h"
 
 namespace zem::sim {
@@ -138,6 +139,36 @@ class SwitchCommands {
     Answer(reply, set, "cannot set it on port \"" + arguments[1] + "\"");
   }
 
+  static void SetUplink(const Arguments& arguments, const Reply& reply) {
+    const CommandOptions options(arguments, {"--mtu", "--vlans", "--alias", "--garble"}, {});
+    if (!options.error().empty()) return reply.Fail(options.error());
+    if (options.positional().size() != 2) return reply.Fail("a switch and an uplink");
+    const std::string dvs = IdOf(options.positional()[0]);
+    const std::string& uplink = options.positional()[1];
+    uplinks::Settings settings = uplinks::SettingsOf(dvs, uplink);
+    if (const auto mtu = options.Value("--mtu")) {
+      if (std::from_chars(mtu->data(), mtu->data() + mtu->size(), settings.mtu).ec != std::errc())
+        return reply.Fail("not a number: " + *mtu);
+    }
+    if (const auto vlans = options.Value("--vlans")) settings.vlans = *vlans;
+    if (const auto alias = options.Value("--alias")) settings.alias = *alias;
+    if (const auto garble = options.Value("--garble")) settings.garble = *garble == "none" ? "" : *garble;
+    Answer(reply, uplinks::Configure(dvs, uplink, settings), "no such switch, or no ranges of VLANs");
+  }
+
+  void SetHostProperty(const Arguments& arguments, const Reply& reply) const {
+    const auto bytes = FromHex(arguments[2]);
+    if (!bytes) return reply.Fail("not pairs of hexadecimal digits");
+    Answer(reply, state_.SetSwitchProperty(IdOf(arguments[0]), "host", arguments[1], *bytes),
+           NoSwitch(arguments[0]));
+  }
+
+  static void ClearHostProperty(const Arguments& arguments, const Reply& reply) {
+    const tree::TreeLock lock;
+    Answer(reply, tree::RemoveFile(tree::SwitchDir(IdOf(arguments[0])) + "/host/" + arguments[1]),
+           "no such property");
+  }
+
   void Fault(const Arguments& arguments, const Reply& reply) const {
     std::string error;
     const bool added = state_.AddFault(arguments[0], &error);
@@ -222,6 +253,15 @@ void RegisterSwitchCommands(CommandTable& table, SwitchState& state, LibraryFold
   table.Register({"switch/set-port", "SWITCH PORT PROPERTY TEXT",
                   "Sets a property of a port, as the host may.", 4, 4,
                   [c](A a, R r) { c.SetProperty(a, r); }});
+  table.Register({"switch/uplink",
+                  "[--mtu N] [--vlans A-B,C] [--alias TEXT] [--garble none|mtu|vlan|mtu-count|vlan-count] "
+                  "SWITCH UPLINK",
+                  "Says what the other end of an uplink carries, and how its results are wrong.", 2, kMany,
+                  [](A a, R r) { SwitchCommands::SetUplink(a, r); }});
+  table.Register({"switch/set-host", "SWITCH PROPERTY HEX", "Sets a switch's property of this host.", 3, 3,
+                  [c](A a, R r) { c.SetHostProperty(a, r); }});
+  table.Register({"switch/clear-host", "SWITCH PROPERTY", "Takes it away again.", 2, 2,
+                  [](A a, R r) { SwitchCommands::ClearHostProperty(a, r); }});
   table.Register({"switch/reboot", "", "The host starts anew: no switch has ports, no router is on one.", 0,
                   0, [c](A, R r) {
                     c.state().RebootHost();

@@ -29,15 +29,18 @@ std::vector<std::string> Names(std::vector<ApplicationRow> rows, int Application
 // here.
 TEST(ApplicationTableTest, Orders) {
   const std::vector<ApplicationRow> rows(ApplicationTable().begin(), ApplicationTable().end());
-  EXPECT_THAT(Names(rows, nullptr),
-              ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "Lldp", "Livetrace",
-                          "LumClient", "IpReputation", "SupportBundle", "AlarmsProvider", "UPMService"));
+  EXPECT_THAT(
+      Names(rows, nullptr),
+      ElementsAre("ZemaApp", "CtxtEng", "CliServer", "Traceflow", "ZemDa", "PktCapApp", "Lldp", "HealthCheck",
+                  "Livetrace", "LumClient", "IpReputation", "SupportBundle", "AlarmsProvider", "UPMService"));
   EXPECT_THAT(Names(rows, &ApplicationRow::create_rank),
-              ElementsAre("UPMService", "CliServer", "Lldp", "Livetrace", "Traceflow", "SupportBundle",
-                          "ZemaApp", "AlarmsProvider", "LumClient", "CtxtEng", "ZemDa", "IpReputation"));
+              ElementsAre("UPMService", "HealthCheck", "CliServer", "PktCapApp", "Lldp", "Livetrace",
+                          "Traceflow", "SupportBundle", "ZemaApp", "AlarmsProvider", "LumClient", "CtxtEng",
+                          "ZemDa", "IpReputation"));
   EXPECT_THAT(Names(rows, &ApplicationRow::stop_rank),
-              ElementsAre("AlarmsProvider", "SupportBundle", "UPMService", "CliServer", "Lldp", "Livetrace",
-                          "Traceflow", "LumClient", "CtxtEng", "IpReputation", "ZemaApp", "ZemDa"));
+              ElementsAre("AlarmsProvider", "SupportBundle", "UPMService", "CliServer", "PktCapApp", "Lldp",
+                          "HealthCheck", "Livetrace", "Traceflow", "LumClient", "CtxtEng", "IpReputation",
+                          "ZemaApp", "ZemDa"));
 }
 
 std::vector<std::string> events;

@@ -102,6 +102,7 @@ class WorldLife {
   void AnnounceAlerts();
   void ChangeInventory();
   void AskServices();
+  void Capture();
   void MoveGuests();
   void RaiseOrClearAlarm();
   void ReportStatus();
@@ -127,6 +128,7 @@ class WorldLife {
   void DisturbAlerts();
   void DisturbInventory();
   void DisturbServices();
+  void DisturbCapture();
   void DisturbFlow();
   void AlarmClientGoesOrComes();
   void AlarmClientMisbehaves();

@@ -126,6 +126,7 @@ void WorldLife::DropHostManagement() {
 void WorldLife::BounceMultiplexer() { node_.introspection.BounceMux(random_); }
 void WorldLife::DisturbFlow() { node_.flow->Disturb(random_); }
 
+void WorldLife::DisturbCapture() { node_.capture->Disturb(random_); }
 void WorldLife::DisturbAlerts() { node_.ids->Disturb(random_); }
 
 void WorldLife::DisturbServices() { node_.services->Disturb(random_); }

@@ -13,6 +13,7 @@
 #include "sim/manager/manager.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
+#include "tests/world/world_capture.h"
 #include "tests/world/world_flow.h"
 #include "tests/world/world_guests.h"
 #include "tests/world/world_ids.h"
@@ -83,6 +84,7 @@ class WorldNode {
   std::unique_ptr<WorldIds> ids;
   std::unique_ptr<WorldInventory> inventory;
   std::unique_ptr<WorldServices> services;
+  std::unique_ptr<WorldCapture> capture;
 
  private:
   std::unique_ptr<AsioZemProvider> provider_;

@@ -64,6 +64,7 @@ void WorldLife::Calm() {
   node_.ids->Calm();
   node_.inventory->Calm();
   node_.services->Calm();
+  node_.capture->Calm();
   node_.flow->Calm();
   alarms_->Calm();
   JoinVms();
@@ -353,6 +354,8 @@ Lines WorldLife::CheckAll() {
   Await([this] { return node_.ids->Check(); }, &lines);
   Await([this] { return node_.inventory->Check(node_.store->store()); }, &lines);
   Await([this] { return node_.services->Check(); }, &lines);
+  Await([this] { return node_.capture->Check(); }, &lines);
+  if (lines.empty() && Chance(4)) Await([this] { return node_.capture->CheckOne(); }, &lines);
   Await([this] { return node_.flow->Check(); }, &lines);
   Await([this] { return alarms_->Check(); }, &lines);
   Await([this] { return sim::CheckHealth(node_.switches, "up"); }, &lines);

@@ -8,6 +8,7 @@
 #include "sim/switch/tree/library_call.h"
 #include "sim/switch/tree/port_table.h"
 #include "sim/switch/tree/state_tree.h"
+#include "sim/switch/tree/uplinks.h"
 
 // The ports and properties of the switches, as files of the tree.  Arguments are checked as a kernel would
 // check them: an invalid name is "not found" in a look-up, and a bad argument in a call that creates
@@ -95,6 +96,29 @@ bool WellFormed(const char* property, std::string_view value) {
   return policy.size == value.size() && value.size() == sizeof(policy) + names * sizeof(DVSName);
 }
 
+constexpr std::string_view kCheckParam = "com.orlane.vswitch.vlanmtucheck.param";
+constexpr std::string_view kCheckDeploy = "com.orlane.vswitch.vlanmtucheck.deploy";
+constexpr std::string_view kDeployed("\x01\0\0\0\0", 5);
+constexpr size_t kCheckBitmap = 512;
+constexpr uint32_t kCheckParamFlags = 8;
+constexpr std::string_view kUplinkPorts = "com.orlane.common.host.uplinkPorts";
+
+// A test of VLANs and MTU begins with its deployment, over the VLANs that were set before; the caller holds
+// the tree's lock.
+void FollowCheck(const char* function, const std::string& dvs, std::string_view property,
+                 std::string_view bytes, uint32_t flags) {
+  if (property == kCheckParam) {
+    if (bytes.size() != kCheckBitmap || flags != kCheckParamFlags)
+      Violation(function, "VLANs to test that are no bitmap of 512 bytes with the flag 8");
+  } else if (property == kCheckDeploy) {
+    if (bytes != kDeployed || flags != DVS_PROPERTY_FLAGS) {
+      Violation(function, "a test's deployment other than 1, 0, 0, 0, 0 with the flag 16");
+    } else {
+      uplinks::BeginCheck(dvs);
+    }
+  }
+}
+
 uint32_t SetSwitchProperty(const char* function, const char* folder, const char* dvs, const char* property,
                            const void* value, uint32_t length, uint32_t flags) {
   LibraryCall call({function, dvs, nullptr, property});
@@ -106,6 +130,7 @@ uint32_t SetSwitchProperty(const char* function, const char* folder, const char*
   const tree::TreeLock lock;
   const bool written =
       tree::WriteFile(SwitchPropertyPath(dvs, folder, property), tree::PropertyFile(flags, bytes));
+  if (written) FollowCheck(function, dvs, property, bytes, flags);
   return call.Result(written ? 0 : DVS_NOT_FOUND);
 }
 
@@ -114,7 +139,10 @@ uint32_t GetSwitchProperty(const char* function, const char* folder, const char*
   LibraryCall call({function, dvs, nullptr, property});
   if (call.fails()) return call.result();
   if (!Good(dvs) || !Good(property)) return call.Result(DVS_NOT_FOUND);
-  return Give(tree::ReadProperty(SwitchPropertyPath(dvs, folder, property)), call, value, length);
+  auto found = tree::ReadProperty(SwitchPropertyPath(dvs, folder, property));
+  if (!found && property == kUplinkPorts && tree::Exists(tree::SwitchDir(dvs) + "/meta.json"))
+    found = {DVS_PROPERTY_FLAGS, uplinks::PortList(dvs)};
+  return Give(found, call, value, length);
 }
 
 uint32_t ClearSwitchProperty(const char* function, const char* folder, const char* dvs,
@@ -123,6 +151,7 @@ uint32_t ClearSwitchProperty(const char* function, const char* folder, const cha
   if (call.fails()) return call.result();
   if (!Good(dvs) || !Good(property)) return call.Result(DVS_NOT_FOUND);
   const tree::TreeLock lock;
+  if (property == kCheckParam || property == kCheckDeploy) uplinks::EndCheck(dvs);
   return call.Result(tree::RemoveFile(SwitchPropertyPath(dvs, folder, property)) ? 0 : DVS_NOT_FOUND);
 }
 
@@ -178,7 +207,12 @@ ZEM_SIM_EXPORT uint32_t DVSKNL_PortDataGet(const char* dvs, const char* port, co
   LibraryCall call({__func__, dvs, port, property});
   if (call.fails()) return call.result();
   if (!Good(dvs) || !Good(port) || !Good(property)) return call.Result(DVS_NOT_FOUND);
-  return Give(tree::ReadProperty(ports::PropertyPath(dvs, port, property)), call, value, length);
+  auto found = tree::ReadProperty(ports::PropertyPath(dvs, port, property));
+  if (!found) {
+    if (auto of_uplink = uplinks::PortValue(dvs, port, property))
+      found = {DVS_PROPERTY_FLAGS, std::move(*of_uplink)};
+  }
+  return Give(found, call, value, length);
 }
 
 ZEM_SIM_EXPORT uint32_t DVSKNL_PortDataClear(const char* dvs, const char* port, const char* property) {

@@ -50,6 +50,8 @@ TEST(KnluserTest, BadArgumentsAndMissingPrograms) {
   const int descriptors[3] = {-1, -1, -1};
   pid_t pid = -1;
   EXPECT_EQ(KnluserCompat_ForkExec(argv, none, descriptors, 0, &pid), ENOENT);
+  EXPECT_EQ(KnluserCompat_ForkExec(argv, none, descriptors, KNLUSER_ENDS_WITH_THREAD, &pid), ENOENT);
+  EXPECT_EQ(::waitpid(-1, nullptr, 0), -1) << "a child that has become no program is not left behind";
   EXPECT_EQ(KnluserCompat_ForkExec(none, none, descriptors, 0, &pid), EINVAL);
 }
 
@@ -97,6 +99,46 @@ TEST(KnluserTest, StandardDescriptorsMayBeSwapped) {
   write_end.Reset();
   EXPECT_EQ(ReadAll(read_end.get()), "out\nerr\n");
   EXPECT_EQ(ExitCode(pid), 0);
+}
+
+// A tool of the host that outlives a killed daemon holds what it works on for ever.
+TEST(KnluserTest, TiedChildEndsWithItsParent) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const UniqueFd out(ends[0]);
+  UniqueFd in(ends[1]);
+  const char* const environment[] = {"PATH=/usr/bin:/bin", nullptr};
+  const pid_t parent = ::fork();
+  if (parent == 0) {
+    // The shell's own descriptors and signals are printed, then it stays for ever, deaf to what asks it to
+    // end.
+    const char* const argv[] = {
+        "sh", "-c",
+        "trap '' TERM INT HUP; ls /proc/self/fd | tr '\\n' ' '; grep SigBlk /proc/self/status; "
+        "while :; do sleep 0.1; done",
+        nullptr};
+    const int descriptors[3] = {-1, in.get(), -1};
+    pid_t pid = -1;
+    const int result = KnluserCompat_ForkExec(argv, environment, descriptors,
+                                              KNLUSER_ENDS_WITH_THREAD | KNLUSER_NEW_GROUP, &pid);
+    in.Reset();
+    if (result == 0) ::pause();
+    ::_exit(result);
+  }
+  in.Reset();
+  std::string text;
+  char piece[256];
+  while (text.find("SigBlk") == std::string::npos || text.back() != '\n') {
+    const ssize_t got = ::read(out.get(), piece, sizeof(piece));
+    ASSERT_GT(got, 0);
+    text.append(piece, static_cast<size_t>(got));
+  }
+  EXPECT_EQ(text.substr(0, 8), "0 1 2 3 ") << "3 is that of the list itself";
+  EXPECT_NE(text.find("SigBlk:\t0000000000000000"), std::string::npos) << text;
+  ::kill(parent, SIGKILL);
+  EXPECT_EQ(ExitCode(parent), -SIGKILL);
+  // The end of the stream is the end of the last process that holds it.
+  EXPECT_EQ(ReadAll(out.get()), "");
 }
 
 }  // namespace

@@ -1,0 +1,111 @@
+#include "app/pktcap/service/pktcap_uploader.h"
+
+#include <string.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "app/pktcap/tools/tool_process.h"
+#include "framework/log/log.h"
+
+namespace zem::Tarvik {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "pktcap"};
+
+constexpr auto kUploadLimit = std::chrono::minutes(30);
+constexpr const char* kHidden = "******";
+constexpr size_t kLongestErrorLine = 1024;
+constexpr unsigned char kFirstPlain = 0x20;
+
+// As the inside of a JSON string.
+std::string Escaped(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    if (c == '"' || c == '\\') {
+      escaped += '\\';
+      escaped += c;
+    } else if (static_cast<unsigned char>(c) < kFirstPlain) {
+      char code[8];
+      std::snprintf(code, sizeof(code), "\\u%04x", static_cast<unsigned>(c));
+      escaped += code;
+    } else {
+      escaped += c;
+    }
+  }
+  return escaped;
+}
+
+std::string UploadPath(const std::string& session_id, const std::string& token) {
+  return "api/v1/pktcap/session/" + session_id + "/capturefile/" + token;
+}
+
+}  // namespace
+
+void WipeText(std::string* text) {
+  ::explicit_bzero(text->data(), text->capacity());
+  text->clear();
+}
+
+UploadTarget::~UploadTarget() {
+  WipeText(&token);
+  WipeText(&fingerprint);
+}
+
+PktcapUploader::PktcapUploader(const CaptureTools& tools, std::string session_id, std::string file,
+                               const UploadTarget& target)
+    : tools_(tools), session_id_(std::move(session_id)), file_(std::move(file)), target_(target) {}
+
+PktcapUploader::~PktcapUploader() {
+  WipeText(&target_.token);
+  WipeText(&target_.fingerprint);
+  // What is printed is what is left of them.
+  ZLOG_INFO("Session %s uploader destructed, token %s, url %s and thumbprint %s cleared.",
+            session_id_.c_str(), target_.token.c_str(), "", target_.fingerprint.c_str());
+}
+
+std::string PktcapUploader::Input(const std::string& token) const {
+  return "{\n"
+         "\t\"local_path\":\"" +
+         Escaped(file_) +
+         "\",\n"
+         "\t\"generate_id\":\"" +
+         Escaped(token) +
+         "\",\n"
+         "\t\"manager_info\":{\n"
+         "\t\t\"manager_uri\":\"" +
+         Escaped(UploadPath(session_id_, token)) +
+         "\",\n"
+         "\t\t\"port\":" +
+         target_.port +
+         ",\n"
+         "\t\t\"server\":\"" +
+         Escaped(target_.server) +
+         "\",\n"
+         "\t\t\"thumbprint\":\"" +
+         Escaped(target_.fingerprint) +
+         "\"}\n"
+         "}\n";
+}
+
+bool PktcapUploader::Run() {
+  // Whoever has the token may write the file.
+  ZLOG_INFO("Session %s starts to uploading file %s, parameters %s", session_id_.c_str(), file_.c_str(),
+            Input(kHidden).c_str());
+  std::string output;
+  std::string errors;
+  std::string input = Input(target_.token);
+  const int result = InvokeCmd({tools_.python, tools_.upload}, input, &output, &errors,
+                               {.stop = &stop_, .limit = kUploadLimit});
+  WipeText(&input);
+  if (result == 0) {
+    ZLOG_INFO("Session %s uploaded file %s", session_id_.c_str(), file_.c_str());
+    return true;
+  }
+  errors.resize(std::min(errors.size(), kLongestErrorLine));
+  ZLOG_WARN("Session %s failed to upload file %s, ret %d, error %s", session_id_.c_str(), file_.c_str(),
+            result, errors.c_str());
+  return false;
+}
+
+}  // namespace zem::Tarvik

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/pktcap/tools/port_lookup.h"
+#include "platform/core/unique_fd.h"
+
+struct cJSON;
+
+namespace zem::Tarvik {
+
+/// A process of the host as its kernel lists it.
+struct HostWorld {
+  uint64_t world_id = 0;
+  uint64_t cartel_id = 0;
+  uint64_t parent_cartel_id = 0;
+  uint64_t sched_group_id = 0;
+  uint64_t world_group_id = 0;
+  uint64_t cartel_group_id = 0;
+  uint64_t session_id = 0;
+  std::string world_name;
+  std::string world_type;
+  std::string world_state;
+  std::string wait_reason;
+  uint64_t used_time = 0;
+  std::string command_line;
+  std::string security_domain;
+};
+
+/// The host's proxy of its kernel, a helper process that answers requests one after the other on its standard
+/// streams.  Started at the first request; a helper that dies, hangs or speaks nonsense is replaced.
+///
+/// Threads: `Worlds` by one long-lived thread, `RequestStop` from any, `Stop` when no request runs.
+class KnlctlProxy {
+ public:
+  static constexpr unsigned kAttempts = 10;
+
+  explicit KnlctlProxy(const CaptureTools& tools);
+  ~KnlctlProxy();
+  KnlctlProxy(const KnlctlProxy&) = delete;
+  KnlctlProxy& operator=(const KnlctlProxy&) = delete;
+
+  /// The host's processes; nothing, after a log line, when they cannot be had.  Blocks, up to half a minute.
+  std::optional<std::vector<HostWorld>> Worlds();
+
+  /// Ends a request that is under way, and all to come.
+  void RequestStop();
+  /// Ends the helper.
+  void Stop();
+
+ private:
+  [[nodiscard]] bool Request(const char* url, std::string* body);
+  [[nodiscard]] bool Attempt(const char* url, std::string* body);
+  [[nodiscard]] bool StartHelper();
+  void EndHelper();
+  [[nodiscard]] bool Send(const std::string& bytes, TimePoint deadline);
+  [[nodiscard]] bool Receive(char* bytes, size_t size, TimePoint deadline);
+  [[nodiscard]] bool WaitFor(short events, TimePoint deadline);
+
+  const CaptureTools& tools_;
+  std::atomic<bool> stopped_{false};
+  const UniqueFd wake_;
+  std::mutex mutex_;  // guards all below; held while a request runs
+  pid_t helper_ = -1;
+  UniqueFd stream_;  // both of the helper's standard streams
+};
+
+}  // namespace zem::Tarvik
