@@ -102,6 +102,7 @@ class WorldLife {
   void AnnounceAlerts();
   void ChangeInventory();
   void TracePackets();
+  void AskServices();
   void Capture();
   void MoveGuests();
   void RaiseOrClearAlarm();
@@ -128,6 +129,7 @@ class WorldLife {
   void DisturbAlerts();
   void DisturbInventory();
   void DisturbTraces();
+  void DisturbServices();
   void DisturbCapture();
   void DisturbFlow();
   void AlarmClientGoesOrComes();

@@ -63,6 +63,7 @@ WorldNode::WorldNode(std::FILE* log, bool small_logon_cache) {
   ids = std::make_unique<WorldIds>(*manager);
   inventory = std::make_unique<WorldInventory>(host, *machines, *manager);
   traces = std::make_unique<WorldTraces>(*manager, *machines);
+  services = std::make_unique<WorldServices>(*manager, store->store());
   capture = std::make_unique<WorldCapture>(clock, *manager);
   flow = std::make_unique<WorldFlow>(store->store());
   if (Tarvik::LoadPlatformInfo() != 0) throw std::runtime_error("the node has no platform");
@@ -74,6 +75,7 @@ WorldNode::~WorldNode() {
   ids.reset();
   inventory.reset();
   traces.reset();
+  services.reset();
   capture.reset();
   machines.reset();
   host_management.reset();
@@ -111,6 +113,7 @@ void WorldNode::StartAgent() {
   ids->StartAgent(*provider_);
   inventory->StartAgent(*provider_, store_client_, store->store());
   traces->StartAgent(*provider_);
+  services->StartAgent(*provider_, store_client_);
   capture->StartAgent(*provider_);
   proxy_client_->Start();
   introspection.StartAgent(store_client_);
@@ -126,6 +129,7 @@ void WorldNode::StopAgent() {
   ids->StopAgent();
   traces->StopAgent();
   inventory->StopAgent();
+  services->StopAgent();
   capture->StopAgent();
   introspection.StopAgent();
   alarms_->Stop();
