@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstring>
+#include <new>
 #include <utility>
 
 #include "framework/hostapi/lum_client.h"
@@ -98,10 +98,14 @@ void LldpQub::Answer(const Question& question) {
     ZLOG_ERROR("OPS00202", "Failed to communicate With lldp Lum");
     return;
   }
-  const auto message =
-      vertical_.Prepare(kAnswerType, std::move(answer), question.correlation_id, question.reply_to);
-  if (!message || vertical_.SendPrepared(*message) != VerticalClient::Sent::kSent) {
-    ZLOG_ERROR("MPA00103", "Error While Sending to ZEM %d \n", -1);
+  try {
+    const auto message =
+        vertical_.Prepare(kAnswerType, std::move(answer), question.correlation_id, question.reply_to);
+    if (!message || vertical_.SendPrepared(*message) != VerticalClient::Sent::kSent) {
+      ZLOG_ERROR("MPA00103", "Error While Sending to ZEM %d \n", -1);
+    }
+  } catch (const std::bad_alloc&) {
+    ZLOG_ERROR("OPS00003", "Failed to allocate response message");
   }
 }
 

@@ -152,6 +152,7 @@ void SupportBundleClient::Generate(std::string_view payload, const Road& road) {
   } else {
     ZLOG_INFO("New bundle request received");
   }
+  request.WipePassword();
   SendStatus(generate_id, status, status == BundleStatus::kBusy ? kBusyText : "", road.reply_to,
              road.correlation_id);
 }
@@ -188,6 +189,7 @@ void SupportBundleClient::Cancel(std::string_view payload, const Road& road) {
         info.SetState(BundleStatus::kBeingCancelled);
       } else if (info.state() == BundleStatus::kRequested) {
         info.SetState(BundleStatus::kCancelled);
+        info.request().WipePassword();
       } else {
         too_late = true;
       }

@@ -23,8 +23,12 @@ void SupportBundleStatusCheckThread::Look() {
   if (info.SinceContact() <= kPatience) return;
   ZLOG_INFO("No status message received within last %f seconds, canceling active request", kPatience.count());
   // The worker takes none but a requested one: that would be cancelled by nobody.
-  info.SetState(info.state() == BundleStatus::kRequested ? BundleStatus::kCancelled
-                                                         : BundleStatus::kBeingCancelled);
+  if (info.state() == BundleStatus::kRequested) {
+    info.SetState(BundleStatus::kCancelled);
+    info.request().WipePassword();
+  } else {
+    info.SetState(BundleStatus::kBeingCancelled);
+  }
 }
 
 }  // namespace zem::Tarvik

@@ -101,6 +101,8 @@ class WorldLife {
   void ChangeGuests();
   void AnnounceAlerts();
   void ChangeInventory();
+  void TracePackets();
+  void AskServices();
   void Capture();
   void MoveGuests();
   void RaiseOrClearAlarm();
@@ -126,6 +128,8 @@ class WorldLife {
   void MoveServiceVm();
   void DisturbAlerts();
   void DisturbInventory();
+  void DisturbTraces();
+  void DisturbServices();
   void DisturbCapture();
   void DisturbFlow();
   void AlarmClientGoesOrComes();

@@ -19,6 +19,8 @@
 #include "tests/world/world_ids.h"
 #include "tests/world/world_introspection.h"
 #include "tests/world/world_inventory.h"
+#include "tests/world/world_services.h"
+#include "tests/world/world_traces.h"
 
 namespace zem {
 class TnProxyClientCommon;
@@ -82,6 +84,8 @@ class WorldNode {
   std::unique_ptr<WorldFlow> flow;
   std::unique_ptr<WorldIds> ids;
   std::unique_ptr<WorldInventory> inventory;
+  std::unique_ptr<WorldTraces> traces;
+  std::unique_ptr<WorldServices> services;
   std::unique_ptr<WorldCapture> capture;
 
  private:

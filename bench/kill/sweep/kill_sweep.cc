@@ -162,6 +162,8 @@ const std::vector<KillSweep::Operation>& KillSweep::Operations() {
          n.HaveSecurityPort(false);
        },
        [](Node n) { n.host().TieSecurityPort(true); }},
+      {"bundle", Base, [](Node n) { n.services().AskForBundle(); }},
+      {"neighbours", Base, [](Node n) { n.services().AskForNeighbours(); }},
       {"security-off",
        [](Node n) {
          Base(n);

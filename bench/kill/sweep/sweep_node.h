@@ -5,6 +5,7 @@
 #include "bench/kill/sweep/sweep_host.h"
 #include "bench/kill/sweep/sweep_manager.h"
 #include "bench/kill/sweep/sweep_run.h"
+#include "bench/kill/sweep/sweep_services.h"
 #include "bench/kill/sweep/sweep_store.h"
 #include "bench/kill/sweep/sweep_vm.h"
 
@@ -25,6 +26,7 @@ class SweepNode {
   SweepStore& store() { return store_; }
   SweepHost& host() { return host_; }
   SweepVm& vm() { return vm_; }
+  SweepServices& services() { return services_; }
 
   // The states in which operations begin.  Each function waits until the state is reached.
   void BeConfigured(const Shape& shape);
@@ -50,6 +52,7 @@ class SweepNode {
   SweepHost host_{run_};
   SweepVm vm_{run_};
   SweepManager manager_{run_, store_, host_};
+  SweepServices services_{run_};
 };
 
 }  // namespace zem::bench

@@ -37,7 +37,8 @@ class IpReputationTest : public ChannelTest {
     if (with_store) {
       store_provider_.RunAsync(1);
       daemon_ = std::make_unique<sim::StoreDaemon>(store_provider_, kStore, registry_);
-      client_ = std::make_shared<covedb::CoveDbClient>("tarvik-agent", kStore, provider, nullptr, true, true, false);
+      client_ = std::make_shared<covedb::CoveDbClient>("tarvik-agent", kStore, provider, nullptr, true, true,
+                                                       false);
       client_->StartAsync();
     }
     if (with_manager) StartManager();
