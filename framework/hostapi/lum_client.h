@@ -38,7 +38,7 @@ class LumClient : public RefCounted<LumClient, IRefCountable> {
   };
   using LinkStatus = std::pair<std::string, int>;
 
-  /// Nobody has started yet, or Stop has.  The numbers appear in the log.
+  /// The numbers appear in the log.
   enum class State {
     kStarting = 1,       // from the first look for an earlier process until the links are connected
     kRunning = 2,        // until a link fails
