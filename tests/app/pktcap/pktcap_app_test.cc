@@ -169,7 +169,7 @@ TEST_F(PktCapAppTest, WhereTheFileGoesMayBeSaidEarly) {
       "port: 1 "
       "fingerprint: \"aa\" } }");
   Ask("operation { op_type: 2 session_id: \"s\" }");
-  clock.RunFor(seconds(30));
+  RunUntil([this] { return Told().size() == 5 && app->List().empty(); });
   EXPECT_THAT(Told(), ElementsAre("answer " + Status("s", 1), "answer " + Status("s", 2),
                                   "answer " + Status("s", 2), Status("s", 2),
                                   Status("s", 4, R"(,"error_kind":5,"error_text":"file transfer error")")));
@@ -267,7 +267,8 @@ TEST_F(PktCapAppTest, AStopEndsSessionsWithoutReports) {
   for (const char* const id : {"a", "b", "c"}) {
     Ask("operation { op_type: 4 session_id: \"" + std::string(id) + "\" request { " + kFile + " } }");
   }
-  clock.RunFor(seconds(4));
+  RunUntil([this] { return Told().size() == 3; });
+  ASSERT_EQ(Told().size(), 3u);
   EXPECT_THAT(Told().at(2), HasSubstr("max active session reached on host"));
   app->Stop();
   EXPECT_TRUE(log.Contains("PacketCapture: Stop\n") || log.Contains("PacketCapture: Stop"));
