@@ -1,5 +1,6 @@
 #include "app/pktcap/tools/port_lookup.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include "framework/log/log.h"
@@ -15,6 +16,12 @@ constexpr const char* kProbe = "orlane-vprobe";
 // No key of a port or switch is longer.
 constexpr size_t kLongestWord = 128;
 
+// A word becomes an argument of a tool.
+bool IsKey(const std::string& word) {
+  return word.size() <= kLongestWord &&
+         std::all_of(word.begin(), word.end(), [](char c) { return c > ' ' && c < 0x7f; });
+}
+
 }  // namespace
 
 bool FindSwitchPortId(const CaptureTools& tools, const std::string& kind, const std::string& value,
@@ -28,7 +35,7 @@ bool FindSwitchPortId(const CaptureTools& tools, const std::string& kind, const 
   std::string port;
   std::string switch_word;
   words >> port >> switch_word;
-  if (result != 0 || port.empty() || port.size() > kLongestWord || switch_word.size() > kLongestWord) {
+  if (result != 0 || port.empty() || !IsKey(port) || !IsKey(switch_word)) {
     ZLOG_INFO("%s: not found switchport and switch id: ret %d", __func__, result);
     return false;
   }

@@ -21,6 +21,7 @@ class ParametersTest : public ::testing::Test {
                    "\ncase \"$1 $2\" in '--vnic vm1') echo 12 ks-1;; '--vnic 77') echo 13;; "
                    "'--switchport 12') echo 12;; '--vdrport r1') echo 14 ks-1;; '--knl knl0') echo 1;; "
                    "'--uplink vmnic0') echo 2;; '--dvsport lp-1') echo 15 ks-1;; '--fcport f1') echo 3;; "
+                   "'--knl broken') printf '1\\001';; "
                    "*) exit 1;; esac\n");
     host_.tools.python = "/bin/sh";
     host_.tools.find_port = dir_.Path("find");
@@ -53,6 +54,7 @@ TEST_F(ParametersTest, ChecksEachValueWithItsOwnError) {
         {"dir", "in", 25},      {"dir", "dual", 0},    {"vlan", "x", 0},      {"", "", 1}}) {
     EXPECT_EQ(parameters.Set(c.name, c.value, nullptr), c.error) << c.name << " " << c.value;
   }
+  EXPECT_EQ(parameters.Set("knlnic", "broken", nullptr), 4) << "no port is named so";
   host_.is_version_65 = true;
   EXPECT_EQ(CaptureParameters(host_).Set("dir", "dual", nullptr), 25);
   host_.node_kind = 4;
