@@ -148,6 +148,7 @@ bool InventoryDaemon::Reply(int client, const Lines& lines) {
 
 InventoryDaemon::Lines InventoryDaemon::FullSync() {
   InventoryFacts now = host_.Read();
+  if (observer_) observer_(now);
   const std::lock_guard lock(mutex_);
   Lines lines;
   for (const auto& [id, vm] : told_.vms) {

@@ -41,6 +41,8 @@ class InventoryDaemon {
   /// "Updates" without news is answered after so many milliseconds.
   void SetHold(int milliseconds) { hold_ms_ = milliseconds; }
   void SetFaults(const Faults& faults);
+  /// Gets what each full sync tells, on the daemon's thread.  Set it before a client connects.
+  void SetObserver(std::function<void(const InventoryFacts&)> observer) { observer_ = std::move(observer); }
   /// The newest requests, oldest first.
   std::vector<std::string> Requests() const;
 
@@ -61,6 +63,7 @@ class InventoryDaemon {
   UniqueFd listener_;
   UniqueFd wake_;
   std::atomic<bool> stopping_{false};
+  std::function<void(const InventoryFacts&)> observer_;
   mutable std::mutex mutex_;  // guards what follows
   Faults faults_;
   std::vector<std::string> requests_;
