@@ -1,7 +1,6 @@
 #include "app/livetrace/livetrace_app.h"
 
 #include <chrono>
-#include <filesystem>
 
 #include "app/livetrace/livetrace_uploader.h"
 #include "framework/dataplane/lcp_adapter.h"
@@ -101,7 +100,8 @@ LivetraceApp::LivetraceApp(AsioZemProvider& provider, boost::intrusive_ptr<LcpAd
                            Settings settings)
     : provider_(provider),
       lcp_adapter_(std::move(lcp_adapter)),
-      settings_(std::move(settings)),
+      captures_(std::move(settings.captures)),
+      upload_command_(std::move(settings.upload_command)),
       vertical_(provider, GetVertical(VerticalId::kLivetrace),
                 {.intercept = [this](const VerticalRecord& record) {
                   Receive(record);
@@ -190,12 +190,8 @@ bool LivetraceApp::running() const {
 
 // A capture from before this start belongs to no session of ours, and nobody else would remove it.
 void LivetraceApp::RemoveLeftCaptures() const {
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(settings_.captures, error)) {
-    std::error_code failure;
-    if (entry.is_directory(failure) || !std::filesystem::remove(entry.path(), failure)) continue;
-    ZLOG_INFO("Removed the capture %s, which was left behind", entry.path().c_str());
-  }
+  for (const std::string& capture : captures_.RemoveAll())
+    ZLOG_INFO("Removed the capture %s, which was left behind", captures_.PathOf(capture).c_str());
 }
 
 std::vector<std::pair<uint64_t, std::string>> LivetraceApp::ListSessions() const {
@@ -454,7 +450,7 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
         return;
       }
       if (!session->upload.server.empty()) {
-        if (!IsCaptureName(message.pcap_file_name())) {
+        if (!CaptureFolder::IsName(message.pcap_file_name())) {
           ZLOG_ERROR("OPS07005", "Failed to figure out pcap filename from barrier msg, session 0x%lx",
                      session->id);
           return;
@@ -468,17 +464,27 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
       session->completed = true;
     }
   }
-  if (refused) refused->RemoveFile();
+  if (refused) {
+    refused->RemoveFile();
+  } else {
+    RemoveUnwanted(message.pcap_file_name());
+  }
   Publish(ending);
+}
+
+// A capture that nobody has asked for, or whose session has gone, would stay for ever.
+void LivetraceApp::RemoveUnwanted(const std::string& capture) const {
+  if (captures_.Remove(capture))
+    ZLOG_INFO("Removed the capture %s, which no session uploads", captures_.PathOf(capture).c_str());
 }
 
 std::shared_ptr<LivetraceUploader> LivetraceApp::BeginUploadLocked(const SessionPtr& session,
                                                                    const Ending& ending) {
   const LivetraceUploader::File file{
-      settings_.captures + ending.barrier.pcap_file_name(),
+      captures_.PathOf(ending.barrier.pcap_file_name()),
       "api/v1/livetraces/" + std::to_string(session->id) + "/capturefile/" + session->upload.id};
   const auto told = std::make_shared<Ending>(ending);
-  const auto uploader = std::make_shared<LivetraceUploader>(settings_.upload_command, file, session->upload,
+  const auto uploader = std::make_shared<LivetraceUploader>(upload_command_, file, session->upload,
                                                             [weak = weak_from_this(), session, told] {
                                                               if (const auto self = weak.lock())
                                                                 self->UploadDone(session, *told);

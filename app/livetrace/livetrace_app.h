@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/livetrace/capture_folder.h"
 #include "app/livetrace/livetrace_session.h"
 #include "app/livetrace/session_table.h"
 #include "mpaclient/vertical/vertical_client.h"
@@ -107,10 +108,12 @@ class LivetraceApp : public std::enable_shared_from_this<LivetraceApp> {
   void Evict();
   void JoinEndedUploads();
   void RemoveLeftCaptures() const;
+  void RemoveUnwanted(const std::string& capture) const;
 
   AsioZemProvider& provider_;
   const boost::intrusive_ptr<LcpAdapter> lcp_adapter_;
-  const Settings settings_;
+  const CaptureFolder captures_;
+  const std::vector<std::string> upload_command_;
 
   mutable std::mutex mutex_;  // guards what follows; nothing is sent or waited for under it
   bool running_ = false;

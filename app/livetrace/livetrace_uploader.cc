@@ -13,14 +13,7 @@ namespace {
 
 constexpr LogSource kLog{"tarvik", "livetrace"};
 
-constexpr size_t kLongestName = 255;
-
 }  // namespace
-
-bool IsCaptureName(const std::string& name) {
-  return !name.empty() && name.size() <= kLongestName && name != "." && name != ".." &&
-         name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
-}
 
 LivetraceUploader::LivetraceUploader(std::vector<std::string> command, File file,
                                      LivetraceSession::UploadTarget target, Completion completion)

@@ -56,7 +56,4 @@ class LivetraceUploader {
   NativeThread thread_;
 };
 
-/// Whether a capture's name, which the dataplane has given, is that of a file in the captures' folder.
-bool IsCaptureName(const std::string& name);
-
 }  // namespace zem::Tarvik

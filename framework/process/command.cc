@@ -109,6 +109,8 @@ int ExecuteCmd(const std::vector<std::string>& argv, std::string input, const st
   options.environment = std::vector<std::string>{"PYTHONIOENCODING=utf-8"};
   options.input = std::move(input);
   options.stop = stop;
+  // A daemon that dies leaves nobody who would end it.
+  options.ends_with_thread = true;
   ChildProcess child(std::move(options));
   const ChildResult result = child.Run();
   switch (result.end) {

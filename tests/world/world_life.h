@@ -101,6 +101,7 @@ class WorldLife {
   void ChangeGuests();
   void AnnounceAlerts();
   void ChangeInventory();
+  void TracePackets();
   void AskServices();
   void Capture();
   void MoveGuests();
@@ -127,6 +128,7 @@ class WorldLife {
   void MoveServiceVm();
   void DisturbAlerts();
   void DisturbInventory();
+  void DisturbTraces();
   void DisturbServices();
   void DisturbCapture();
   void DisturbFlow();

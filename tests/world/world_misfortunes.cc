@@ -129,6 +129,7 @@ void WorldLife::DisturbFlow() { node_.flow->Disturb(random_); }
 void WorldLife::DisturbCapture() { node_.capture->Disturb(random_); }
 void WorldLife::DisturbAlerts() { node_.ids->Disturb(random_); }
 
+void WorldLife::DisturbTraces() { node_.traces->Disturb(random_); }
 void WorldLife::DisturbServices() { node_.services->Disturb(random_); }
 void WorldLife::DisturbInventory() { node_.inventory->Disturb(random_); }
 void WorldLife::MoveServiceVm() { node_.introspection.MoveServiceVm(random_); }

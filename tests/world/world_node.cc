@@ -62,6 +62,7 @@ WorldNode::WorldNode(std::FILE* log, bool small_logon_cache) {
   guests = std::make_unique<WorldGuests>(*manager, store->store(), small_logon_cache);
   ids = std::make_unique<WorldIds>(*manager);
   inventory = std::make_unique<WorldInventory>(host, *machines, *manager);
+  traces = std::make_unique<WorldTraces>(*manager, *machines);
   services = std::make_unique<WorldServices>(*manager, store->store());
   capture = std::make_unique<WorldCapture>(clock, *manager);
   flow = std::make_unique<WorldFlow>(store->store());
@@ -73,6 +74,7 @@ WorldNode::~WorldNode() {
   guests.reset();
   ids.reset();
   inventory.reset();
+  traces.reset();
   services.reset();
   capture.reset();
   machines.reset();
@@ -110,6 +112,7 @@ void WorldNode::StartAgent() {
   if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
   ids->StartAgent(*provider_);
   inventory->StartAgent(*provider_, store_client_, store->store());
+  traces->StartAgent(*provider_);
   services->StartAgent(*provider_, store_client_);
   capture->StartAgent(*provider_);
   proxy_client_->Start();
@@ -124,6 +127,7 @@ void WorldNode::StopAgent() {
   flow->StopAgent();
   guests->StopAgent();
   ids->StopAgent();
+  traces->StopAgent();
   inventory->StopAgent();
   services->StopAgent();
   capture->StopAgent();

@@ -20,6 +20,7 @@
 #include "tests/world/world_introspection.h"
 #include "tests/world/world_inventory.h"
 #include "tests/world/world_services.h"
+#include "tests/world/world_traces.h"
 
 namespace zem {
 class TnProxyClientCommon;
@@ -83,6 +84,7 @@ class WorldNode {
   std::unique_ptr<WorldFlow> flow;
   std::unique_ptr<WorldIds> ids;
   std::unique_ptr<WorldInventory> inventory;
+  std::unique_ptr<WorldTraces> traces;
   std::unique_ptr<WorldServices> services;
   std::unique_ptr<WorldCapture> capture;
 

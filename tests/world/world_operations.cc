@@ -423,6 +423,7 @@ void WorldLife::MoveGuests() { node_.flow->Change(random_); }
 
 void WorldLife::AnnounceAlerts() { node_.ids->Announce(random_); }
 
+void WorldLife::TracePackets() { node_.traces->Ask(random_); }
 void WorldLife::AskServices() { node_.services->Ask(random_); }
 void WorldLife::ChangeInventory() { node_.inventory->Change(random_); }
 void WorldLife::Capture() { node_.capture->Operate(random_); }

@@ -63,6 +63,7 @@ void WorldLife::Calm() {
   node_.guests->Calm();
   node_.ids->Calm();
   node_.inventory->Calm();
+  node_.traces->Calm();
   node_.services->Calm();
   node_.capture->Calm();
   node_.flow->Calm();
@@ -353,6 +354,7 @@ Lines WorldLife::CheckAll() {
   Await([this] { return node_.guests->Check([this] { node_.clock.Settle(); }); }, &lines);
   Await([this] { return node_.ids->Check(); }, &lines);
   Await([this] { return node_.inventory->Check(node_.store->store()); }, &lines);
+  Await([this] { return node_.traces->Check([this](Duration time) { node_.clock.RunFor(time); }); }, &lines);
   Await([this] { return node_.services->Check(); }, &lines);
   Await([this] { return node_.capture->Check(); }, &lines);
   if (lines.empty() && Chance(4)) Await([this] { return node_.capture->CheckOne(); }, &lines);

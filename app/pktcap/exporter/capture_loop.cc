@@ -84,11 +84,12 @@ void CaptureLoop::LookAtCaptureTool() {
 
 void CaptureLoop::Wait() {
   output_ready_ = false;
-  pollfd waits[] = {
-      {*ends_.output && !output_ended_ && output_.HasRoom() ? ends_.output->get() : -1, POLLIN, 0},
-      {ends_.errors->get(), POLLIN, 0},
-      {output_.waits_for(), POLLOUT, 0},
-      {ends_.stop_fd, POLLIN, 0}};
+  // What is not taken would pile up.
+  const bool reads = !output_ended_ && output_.HasRoom() && !LimitReached(output_.taken());
+  pollfd waits[] = {{reads ? ends_.output->get() : -1, POLLIN, 0},
+                    {ends_.errors->get(), POLLIN, 0},
+                    {output_.waits_for(), POLLOUT, 0},
+                    {ends_.stop_fd, POLLIN, 0}};
   const TimePoint look = Clock::Process().Now() + kLook;
   // While they start, the tools work for us.
   const int ready = reader_.has_header() || waited_ ? PollUntil(waits, std::size(waits), look)

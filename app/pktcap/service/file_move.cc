@@ -19,9 +19,14 @@ constexpr LogSource kLog{"tarvik", "pktcap"};
 
 constexpr size_t kPiece = 1 << 20;
 
+// Never replaces what is there.  Returns 0 or an errno.
 int Rename(const std::string& from, const std::string& to) {
   if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-  return errno;
+  if (errno != EINVAL) return errno;
+  // This file system cannot promise it in one call.
+  if (::link(from.c_str(), to.c_str()) != 0) return errno;
+  ::unlink(from.c_str());
+  return 0;
 }
 
 // Returns 0 or an errno.

@@ -69,6 +69,7 @@ PktCapApp::PktCapApp(AsioZemProvider& provider, CaptureTools tools)
 
 PktCapApp::~PktCapApp() {
   if (running_) Stop();
+  aside_stop_ = true;
   if (aside_ == nullptr) return;
   aside_->Stop();
   aside_->Join();
@@ -77,6 +78,7 @@ PktCapApp::~PktCapApp() {
 bool PktCapApp::Start() {
   host_ = CaptureParameters::Host::Own();
   host_.tools = tools_;
+  aside_stop_ = false;
   proxy_ = std::make_unique<KnlctlProxy>(tools_);
   sessions_->Start();
   requests_ = std::make_unique<TaskThread>("pktcap:req", kMostRequests);
@@ -88,21 +90,17 @@ bool PktCapApp::Start() {
 
 void PktCapApp::Stop() {
   ZLOG_INFO("%s: Stop\n", kName);
+  aside_stop_ = true;
   running_ = false;
   // A request that is under way waits for the host.
   proxy_->RequestStop();
   requests_->Clear();
   requests_->Stop();
   sessions_->Stop();
+  // Before the thread ends that started its helper, which would take the helper along.
+  proxy_->Stop();
   requests_->Join();
   vertical_.Stop();
-  proxy_->Stop();
-}
-
-std::vector<std::pair<std::string, PktCapRequestMsg>> PktCapApp::Sessions() const {
-  std::vector<std::pair<std::string, PktCapRequestMsg>> all;
-  for (SessionView& view : sessions_->List()) all.emplace_back(std::move(view.id), std::move(view.request));
-  return all;
 }
 
 std::vector<SessionView> PktCapApp::List() const { return sessions_->List(); }

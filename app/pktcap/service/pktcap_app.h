@@ -6,7 +6,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "app/pktcap/exporter/capture_parameters.h"
@@ -53,7 +52,6 @@ class PktCapApp {
   bool running() const { return running_; }
 
   /// The sessions with their requests.
-  std::vector<std::pair<std::string, orlane::zem::packetcapture::PktCapRequestMsg>> Sessions() const;
   std::vector<SessionView> List() const;
   std::optional<SessionView> Find(const std::string& id) const;
 
@@ -68,6 +66,8 @@ class PktCapApp {
   /// Runs `work` on a thread that may block for some seconds, also while the application does not run.  False
   /// when too much waits there.
   [[nodiscard]] bool RunAside(std::function<void()> work);
+  /// Set when that work has to end.
+  const std::atomic<bool>* aside_stop() const { return &aside_stop_; }
   const CaptureTools& tools() const { return tools_; }
 
  private:
@@ -100,6 +100,7 @@ class PktCapApp {
   std::unique_ptr<TaskThread> requests_;
   std::unique_ptr<TaskThread> aside_;
   std::once_flag aside_started_;
+  std::atomic<bool> aside_stop_{false};
   std::atomic<bool> running_{false};
 };
 

@@ -148,7 +148,7 @@ JsonValue SessionJson(const SessionView& session) {
 void Status(PktCapApp& app, CliReply reply) {
   const auto shared = std::make_shared<CliReply>(std::move(reply));
   const bool taken = app.RunAside([&app, shared] {
-    const bool probe = !FindVProbeProcess(app.tools(), nullptr).empty();
+    const bool probe = !FindVProbeProcess(app.tools(), app.aside_stop()).empty();
     shared->Ok(CaptureStatusText(app.running(), probe));
   });
   if (!taken) shared->Error("Busy");

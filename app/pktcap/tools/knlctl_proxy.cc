@@ -9,8 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -27,10 +25,6 @@ constexpr LogSource kLog{"tarvik", "pktcap"};
 
 constexpr const char* kListUrl = "/world/all";
 constexpr const char* kMethod = "GET";
-constexpr const char* kLengthWord = "LENGTH: ";
-constexpr size_t kHeaderSize = 16;
-constexpr size_t kLengthDigits = 7;
-constexpr size_t kLongestBody = 1'048'575;
 constexpr size_t kPiece = 4096;
 constexpr auto kAttemptLimit = std::chrono::seconds(3);
 constexpr auto kTermLimit = std::chrono::milliseconds(500);
@@ -51,64 +45,6 @@ std::string EncodeRequest(const char* url) {
   cJSON_AddObjectToObject(request.get(), "request");
   const std::unique_ptr<char, CFree> text(cJSON_PrintUnformatted(request.get()));
   return text ? std::string(text.get()) : std::string();
-}
-
-// Nothing unless the 16 bytes are the word, a right-aligned number and the line's end.
-std::optional<size_t> BodyLength(const char* header) {
-  const size_t word = std::strlen(kLengthWord);
-  if (std::memcmp(header, kLengthWord, word) != 0 || header[kHeaderSize - 1] != '\n') return std::nullopt;
-  size_t length = 0;
-  bool digits = false;
-  for (size_t i = word; i < word + kLengthDigits; ++i) {
-    if (header[i] == ' ' && !digits) continue;
-    if (std::isdigit(static_cast<unsigned char>(header[i])) == 0) return std::nullopt;
-    digits = true;
-    length = length * 10 + static_cast<size_t>(header[i] - '0');
-  }
-  return digits && length <= kLongestBody ? std::optional(length) : std::nullopt;
-}
-
-struct NumberField {
-  const char* name;
-  uint64_t HostWorld::*field;
-};
-constexpr std::array kNumbers = {
-    NumberField{"worldId", &HostWorld::world_id},
-    NumberField{"cartelId", &HostWorld::cartel_id},
-    NumberField{"parentCartelId", &HostWorld::parent_cartel_id},
-    NumberField{"schedGroupId", &HostWorld::sched_group_id},
-    NumberField{"worldGroupId", &HostWorld::world_group_id},
-    NumberField{"cartelGroupId", &HostWorld::cartel_group_id},
-    NumberField{"sessionId", &HostWorld::session_id},
-    NumberField{"usedTime", &HostWorld::used_time},
-};
-
-struct TextField {
-  const char* name;
-  std::string HostWorld::*field;
-};
-constexpr std::array kTexts = {
-    TextField{"worldName", &HostWorld::world_name},
-    TextField{"worldType", &HostWorld::world_type},
-    TextField{"worldState", &HostWorld::world_state},
-    TextField{"waitReason", &HostWorld::wait_reason},
-    TextField{"commandLine", &HostWorld::command_line},
-    TextField{"securityDomain", &HostWorld::security_domain},
-};
-
-HostWorld WorldOf(const cJSON* element) {
-  HostWorld world;
-  for (const NumberField& number : kNumbers) {
-    const cJSON* const item = cJSON_GetObjectItemCaseSensitive(element, number.name);
-    if (cJSON_IsNumber(item) && item->valuedouble >= 0) {
-      world.*number.field = static_cast<uint64_t>(std::min(item->valuedouble, 9e15));
-    }
-  }
-  for (const TextField& text : kTexts) {
-    const char* const value = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(element, text.name));
-    if (value != nullptr) world.*text.field = value;
-  }
-  return world;
 }
 
 }  // namespace
@@ -132,33 +68,25 @@ void KnlctlProxy::Stop() {
 
 std::optional<std::vector<HostWorld>> KnlctlProxy::Worlds() {
   const std::lock_guard lock(mutex_);
-  std::string body;
-  if (!Request(kListUrl, &body)) {
+  WorldReply reply;
+  if (!Request(kListUrl, &reply)) {
     ZLOG_WARN("knlctlProxy failed to retrieve process lists: %s", "no answer");
     return std::nullopt;
   }
-  const Json reply(cJSON_ParseWithLength(body.data(), body.size()));
-  const cJSON* const status = cJSON_GetObjectItemCaseSensitive(reply.get(), "status");
-  const cJSON* const list = cJSON_GetObjectItemCaseSensitive(reply.get(), "response");
-  if (status->valuedouble != 0 || !cJSON_IsArray(list)) {
-    const char* const text = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(reply.get(), "error_msg"));
-    const char* const why = text != nullptr ? text : "no list";
+  if (reply.status != 0 || !reply.worlds) {
+    const char* const why = reply.error.empty() ? "no list" : reply.error.c_str();
     ZLOG_WARN("knlctlProxy returned an error: %s at %s", why, kListUrl);
     ZLOG_WARN("knlctlProxy failed to retrieve process lists: %s", why);
     return std::nullopt;
   }
   ZLOG_DEBUG("knlctlProxy performed %s at %s successfully", kMethod, kListUrl);
-  std::vector<HostWorld> worlds;
-  const cJSON* element = nullptr;
-  cJSON_ArrayForEach(element, list) worlds.push_back(WorldOf(element));
-  ZLOG_INFO("Found %lu worlds", static_cast<unsigned long>(worlds.size()));
-  return worlds;
+  ZLOG_INFO("Found %lu worlds", static_cast<unsigned long>(reply.worlds->size()));
+  return std::move(reply.worlds);
 }
 
-// True with the text of a JSON object that has a numeric status.
-bool KnlctlProxy::Request(const char* url, std::string* body) {
+bool KnlctlProxy::Request(const char* url, WorldReply* reply) {
   for (unsigned attempt = 1; attempt <= kAttempts && !stopped_; ++attempt) {
-    if (Attempt(url, body)) return true;
+    if (Attempt(url, reply)) return true;
     // Whatever it says later would be taken for the answer to the next request.
     EndHelper();
     if (!stopped_) {
@@ -168,12 +96,12 @@ bool KnlctlProxy::Request(const char* url, std::string* body) {
   return false;
 }
 
-bool KnlctlProxy::Attempt(const char* url, std::string* body) {
+bool KnlctlProxy::Attempt(const char* url, WorldReply* reply) {
   if (helper_ < 0 && !StartHelper()) return false;
   const TimePoint deadline = Clock::Process().Now() + kAttemptLimit;
   const std::string text = EncodeRequest(url);
-  char header[kHeaderSize + 1];
-  if (text.empty() || text.size() > kLongestBody) {
+  char header[kProxyHeaderSize + 1];
+  if (text.empty() || text.size() > kLongestProxyBody) {
     ZLOG_WARN("knlctlProxy failed to encode request: %s", url);
     return false;
   }
@@ -181,22 +109,25 @@ bool KnlctlProxy::Attempt(const char* url, std::string* body) {
   ZLOG_DEBUG("knlctlProxy requested request hdr: %s", header);
   ZLOG_DEBUG("knlctlProxy requested request body: %s", text.c_str());
   if (!Send(header + text, deadline)) return false;
-  char reply[kHeaderSize];
+  std::string answer(kProxyHeaderSize, '\0');
   std::optional<size_t> length;
-  if (Receive(reply, sizeof(reply), deadline)) {
-    ZLOG_DEBUG("knlctlProxy retrieved response hdr: %s", std::string(reply, sizeof(reply)).c_str());
-    length = BodyLength(reply);
+  if (Receive(answer.data(), answer.size(), deadline)) {
+    ZLOG_DEBUG("knlctlProxy retrieved response hdr: %s", answer.c_str());
+    length = ProxyBodyLength(answer);
   }
-  body->resize(length.value_or(0));
-  if (!length || !Receive(body->data(), *length, deadline)) {
+  answer.resize(length.value_or(0));
+  if (!length || !Receive(answer.data(), *length, deadline)) {
     ZLOG_WARN("knlctlProxy failed to read response: %s", length ? "body" : "header");
     return false;
   }
-  ZLOG_DEBUG("knlctlProxy retrieved response body: %s", body->c_str());
-  const Json parsed(cJSON_ParseWithLength(body->data(), body->size()));
-  if (cJSON_IsNumber(cJSON_GetObjectItemCaseSensitive(parsed.get(), "status"))) return true;
-  ZLOG_WARN("knlctlProxy failed to read response: %s", "no status");
-  return false;
+  ZLOG_DEBUG("knlctlProxy retrieved response body: %s", answer.c_str());
+  auto parsed = ParseWorldReply(answer);
+  if (!parsed) {
+    ZLOG_WARN("knlctlProxy failed to read response: %s", "no status");
+    return false;
+  }
+  *reply = std::move(*parsed);
+  return true;
 }
 
 bool KnlctlProxy::StartHelper() {

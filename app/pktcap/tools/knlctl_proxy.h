@@ -3,36 +3,16 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "app/pktcap/tools/port_lookup.h"
+#include "app/pktcap/tools/world_list.h"
 #include "platform/core/unique_fd.h"
 
-struct cJSON;
-
 namespace zem::Tarvik {
-
-/// A process of the host as its kernel lists it.
-struct HostWorld {
-  uint64_t world_id = 0;
-  uint64_t cartel_id = 0;
-  uint64_t parent_cartel_id = 0;
-  uint64_t sched_group_id = 0;
-  uint64_t world_group_id = 0;
-  uint64_t cartel_group_id = 0;
-  uint64_t session_id = 0;
-  std::string world_name;
-  std::string world_type;
-  std::string world_state;
-  std::string wait_reason;
-  uint64_t used_time = 0;
-  std::string command_line;
-  std::string security_domain;
-};
 
 /// The host's proxy of its kernel, a helper process that answers requests one after the other on its standard
 /// streams.  Started at the first request; a helper that dies, hangs or speaks nonsense is replaced.
@@ -56,8 +36,8 @@ class KnlctlProxy {
   void Stop();
 
  private:
-  [[nodiscard]] bool Request(const char* url, std::string* body);
-  [[nodiscard]] bool Attempt(const char* url, std::string* body);
+  [[nodiscard]] bool Request(const char* url, WorldReply* reply);
+  [[nodiscard]] bool Attempt(const char* url, WorldReply* reply);
   [[nodiscard]] bool StartHelper();
   void EndHelper();
   [[nodiscard]] bool Send(const std::string& bytes, TimePoint deadline);

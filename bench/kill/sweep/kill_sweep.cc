@@ -170,6 +170,7 @@ const std::vector<KillSweep::Operation>& KillSweep::Operations() {
          n.HaveSecurityPort(true);
        },
        [](Node n) { n.host().TieSecurityPort(false); }},
+      {"capture", Base, [](Node n) { n.host().Capture(); }},
   };
   return operations;
 }

@@ -71,6 +71,25 @@ void SweepHost::TieSecurityPort(bool tied) {
       });
 }
 
+// Nobody repeats a capture that the daemon's death has ended.
+void SweepHost::Capture() {
+  const std::string name = "capture-" + std::to_string(run_.NextNumber());
+  const std::string file = "/var/" + name + ".pcap";
+  run_.Begin(
+      [name, file](Background::Node& node) {
+        const std::string reason =
+            node.Try("cli packet-capture/start " + name + " knl knl0 dir in file " + file + " -- duration 3");
+        return reason.empty() ? node.Until("file/read --hex " + file, [](const cJSON*) { return true; })
+                              : reason;
+      },
+      [](const std::string&) {});
+}
+
+std::string SweepHost::CaptureDisagreement() {
+  const Json left = run_.node().Do("capture leftovers");
+  return NumberAt(left.get(), "count") == 0 ? "" : "a capture has left" + Lines(sim::At(left.get(), "lines"));
+}
+
 void SweepHost::MakeSecurityPort() {
   const Json ports = run_.node().Do("switch/ports ks-2");
   if (sim::JsonText(ports.get()).find("dvp-1") == std::string::npos)

@@ -18,6 +18,8 @@ class SweepHost {
   // The operations: requested without waiting.
   void MigrateByFile(bool in);
   void TieSecurityPort(bool tied);
+  /// An operator's capture at an interface, which is over after a moment.
+  void Capture();
 
   void MakeSecurityPort();
   bool security_tied() const { return security_tied_; }
@@ -28,6 +30,8 @@ class SweepHost {
 
   /// What is wrong with the security port; empty when all is right.
   std::string SecurityDisagreement();
+  /// What captures have left on the host; empty when nothing is.
+  std::string CaptureDisagreement();
 
  private:
   static bool IsTied(const cJSON* ports);

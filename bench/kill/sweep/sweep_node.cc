@@ -123,6 +123,7 @@ std::string SweepNode::Disagreement() {
   if (text.empty()) text = vm_.Disagreement();
   if (text.empty() && manager_.configured()) text = host_.SecurityDisagreement();
   if (text.empty()) text = manager_.ControllersDisagreement();
+  if (text.empty()) text = host_.CaptureDisagreement();
   if (text.empty()) text = services_.Disagreement();
   return text;
 }

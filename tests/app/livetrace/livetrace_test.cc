@@ -1,7 +1,8 @@
+#include <signal.h>
+
 #include <filesystem>
 
 #include "app/livetrace/livetrace_app.h"
-#include "app/livetrace/livetrace_uploader.h"
 #include "tests/app/dataplane_channel.h"
 
 namespace zem::Tarvik {
@@ -22,6 +23,7 @@ constexpr const char* kOnboard = "LivetraceOnboardMsg";
 class LivetraceTest : public DataplaneChannelTest {
  protected:
   LivetraceTest() {
+    ::signal(SIGPIPE, SIG_IGN);  // as in the daemon
     std::filesystem::create_directory(directory.Path("captures"));
     Serve("cat > " + directory.Path("request"));
   }
@@ -222,7 +224,7 @@ TEST_F(LivetraceTest, TheCaptureIsUploadedBeforeTheBarrier) {
                 "\", \"generate_id\": \"u\\\"1\", \"manager_info\": "
                 "{\"manager_uri\":\"api/v1/livetraces/18/capturefile/u\\\"1\",\n\"server\": \"10.0.0.9\", "
                 "\"port\": 443, \"thumbprint\": \"ab\"}}");
-  Serve("exit 3");
+  Serve("cat > /dev/null; exit 3");
   RequestUpload(19);
   Status(19, 0, 0);
   Barrier(19, 0, Capture("b.pcap"));
@@ -242,7 +244,13 @@ TEST_F(LivetraceTest, ACapturesNameIsNoPath) {
   EXPECT_EQ(log.Count("Failed to figure out pcap filename from barrier msg, session 0x3"), 8U);
   EXPECT_THAT(SentTypes(), IsEmpty());
   EXPECT_FALSE(std::filesystem::exists(directory.Path("request")));
-  EXPECT_FALSE(IsCaptureName(std::string(256, 'a')));
+  EXPECT_FALSE(CaptureFolder::IsName(std::string(256, 'a')));
+  directory.Write("kept", "");
+  Barrier(99, 0, "pcap_file_name: \"../kept\" ");
+  Barrier(99, 0, Capture("d.pcap"));
+  EXPECT_THAT(SentTypes(), ElementsAre(kBarrier, kBarrier));
+  EXPECT_THAT(Captures(), IsEmpty()) << "nobody else would remove what no session uploads";
+  EXPECT_TRUE(std::filesystem::exists(directory.Path("kept")));
 }
 
 // A script that hangs holds up neither a second barrier nor the deletion, and nothing of it is told.
@@ -269,6 +277,24 @@ TEST_F(LivetraceTest, LeftCapturesGoAtTheStart) {
   std::filesystem::create_directory(directory.Path("captures/kept"));
   Serve("true");
   EXPECT_THAT(Captures(), ElementsAre("kept"));
+}
+
+// Below the folder of everybody, somebody else may have put a link in the captures' place, or may write to
+// it.
+TEST_F(LivetraceTest, NothingIsRemovedFromAFolderThatIsNotOurs) {
+  Capture("a");
+  const CaptureFolder folder(directory.Path("captures") + "/");
+  std::filesystem::permissions(directory.Path("captures"), std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::add);
+  EXPECT_THAT(folder.RemoveAll(), IsEmpty());
+  std::filesystem::permissions(directory.Path("captures"), std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::remove);
+  std::filesystem::create_directory_symlink(directory.Path("captures"), directory.Path("link-to"));
+  EXPECT_FALSE(CaptureFolder(directory.Path("link-to") + "/").Remove("a"));
+  std::filesystem::create_directory_symlink(directory.Path(), directory.Path("around"));
+  EXPECT_FALSE(CaptureFolder(directory.Path("around/captures/")).Remove("a"));
+  EXPECT_THAT(folder.RemoveAll(), ElementsAre("a"));
+  EXPECT_FALSE(folder.Remove("a"));
 }
 
 TEST_F(LivetraceTest, TheTableIsBounded) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "app/pktcap/service/pktcap_commands.h"
+#include "framework/cli/cli_reply_queue.h"
 #include "framework/node/platform_info.h"
 #include "proto/packetcapture/packetcapture.pb.h"
 #include "tests/app/pktcap/pcap_bytes.h"
@@ -27,11 +28,7 @@ constexpr const char* kFile = "cap_type: 2 cap_value: \"knl0\" cap_mode: 1 direc
 class PktCapAppTest : public ChannelTest {
  protected:
   PktCapAppTest() {
-    HostIdentity host;
-    host.issue_path = dir.Write("issue", "node-type: zem-qub\n");
-    const HostIdentity before = SetHostIdentity(host);
-    EXPECT_EQ(LoadPlatformInfo(), 0);
-    SetHostIdentity(before);
+    BeNode("zem-qub");
     dir.Write("stream", Header() + Record(1, 1, "aaaa"));
     SetTool("capture", "while [ \"$1\" != -o ]; do shift; done\ncat " + dir.Path("stream") + " > \"$2\"\n");
     SetTool("filter", "exec cat \"$2\"\n");
@@ -55,6 +52,13 @@ class PktCapAppTest : public ChannelTest {
 
   void SetTool(const std::string& name, const std::string& text) {
     std::filesystem::permissions(dir.Write(name, "#!/bin/sh\n" + text), std::filesystem::perms::owner_all);
+  }
+  void BeNode(const std::string& type) {
+    HostIdentity host;
+    host.issue_path = dir.Write("issue", "node-type: " + type + "\n");
+    const HostIdentity before = SetHostIdentity(host);
+    EXPECT_EQ(LoadPlatformInfo(), 0);
+    SetHostIdentity(before);
   }
   void StartApp() {
     app = std::make_unique<PktCapApp>(provider, tools);
@@ -182,6 +186,44 @@ TEST_F(PktCapAppTest, AnOperatorsFileGoesWhereItIsWanted) {
   EXPECT_THAT(Told(), IsEmpty());
   EXPECT_THAT(app->List(), IsEmpty());
   EXPECT_TRUE(NothingIsLeft());
+}
+
+// Without the application operators are told so, and what the node can do all the same.
+TEST_F(PktCapAppTest, CommandsWithoutTheApplication) {
+  SetTool("none", "echo '7 other'; echo '12 orlane-vprobe'\n");
+  PktCapApp app_that_is_off(provider, tools);
+  const auto queue = std::make_shared<CliReplyQueue>();
+  queue->Open();
+  std::map<std::string, std::string> replies;
+  for (const CliCommand& command : PktCapCommands(app_that_is_off)) {
+    command.handler(CliArguments(7, "x"), CliReply(queue, 1));
+    clock.RunFor(seconds(1));
+    const auto answers = queue->Take();
+    ASSERT_EQ(answers.size(), 1u) << command.name;
+    replies[command.name] = (answers[0].ok ? "ok " : "error ") + answers[0].text;
+  }
+  for (const char* const name : {"list", "get", "start", "stop"}) {
+    EXPECT_EQ(replies[std::string("packet-capture/") + name], "error Not running") << name;
+  }
+  EXPECT_EQ(replies["packet-capture/query"], "error Not implemented");
+  EXPECT_EQ(replies["packet-capture/status"],
+            R"(ok {"RUNNING_STATUS":false,"IS_QUB_PLATFORM":true,"IS_QUB_65":false,"IS_FABRIC_NODE":true,)"
+            R"("IS_IPV6_FILTER_CAPABLE":true,"MAX_PACKET_CAPTURE_SESSIONS":2,"DEFAULT_SNAPLEN":65535,)"
+            R"("VPROBE_RUNNING":true})");
+  for (const auto& [type, flags] : std::initializer_list<std::pair<const char*, const char*>>{
+           {"zem-manager", R"("IS_MANAGER_NODE":true,"IS_CLUSTER_NODE":true)"},
+           {"zem-controller", R"("IS_CONTROLLER_NODE":true,"IS_CLUSTER_NODE":true)"},
+           {"zem-policy-manager", R"("IS_POLICY_MANAGER_NODE":true,"IS_CLUSTER_NODE":true)"},
+           {"zem-kvm", R"("IS_KVM_PLATFORM":true,"IS_FABRIC_NODE":true)"},
+           {"zem-edge", R"("IS_EDGE_PLATFORM":true,"IS_FABRIC_NODE":true)"},
+           {"zem-public-cloud-gateway", R"("IS_PCG":true,"IS_EDGE_PLATFORM":true,"IS_FABRIC_NODE":true)"},
+       }) {
+    BeNode(type);
+    EXPECT_THAT(CaptureStatusText(true, false),
+                HasSubstr(R"({"RUNNING_STATUS":true,)" + std::string(flags) + R"(,"IS_IPV6)"))
+        << type;
+  }
+  BeNode("zem-qub");
 }
 
 // With a look-up that hangs, requests pile up to the limit; the one beyond is refused at once, and the stop
