@@ -64,7 +64,8 @@ std::string UnifiedJson(const Message& unified) {
 
 constexpr const char* kVifVertical = "SwitchingVertical";
 
-constexpr std::array kReports = {"HostConfigAckMsg", "TransportNodeEventMsg", "ChecksumMsg"};
+constexpr std::array kReports = {"HostConfigAckMsg", "TransportNodeEventMsg", "ChecksumMsg",
+                                 "PktCapHostToManagerMsg"};
 
 bool IsReport(const Message& message) {
   return std::find(kReports.begin(), kReports.end(), message.GetDescriptor()->name()) != kReports.end();
@@ -295,7 +296,8 @@ void Manager::Answer(Aph* aph, const std::string& vertical, const std::string& h
         if (field == nullptr) return;
         // A pure report is accepted without being echoed: the same message in the other direction would be a
         // request.
-        if (!IsReport(*member)) {
+        const Message* const raw = FindRawMessage(*asked, TypeOf(*asked));
+        if (!IsReport(raw != nullptr ? *raw : *member)) {
           unified->GetReflection()->MutableMessage(unified.get(), field)->CopyFrom(*member);
           SetType(unified.get(), TypeOf(*asked));
         }
