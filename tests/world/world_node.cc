@@ -124,12 +124,12 @@ void WorldNode::StartAgent() {
 void WorldNode::StopAgent() {
   Tarvik::CloseShutdownPipe();
   proxy_client_->Stop();
+  services->StopAgent();
   flow->StopAgent();
   guests->StopAgent();
   ids->StopAgent();
   traces->StopAgent();
   inventory->StopAgent();
-  services->StopAgent();
   capture->StopAgent();
   introspection.StopAgent();
   alarms_->Stop();
