@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <map>
 #include <set>
 #include <utility>
@@ -70,6 +71,12 @@ std::map<std::string, Attachment> AttachmentsOf(const sim::InventoryFacts& facts
   return all;
 }
 
+std::set<std::string> AttachmentsIn(const sim::InventoryFacts& facts) {
+  std::set<std::string> ids;
+  for (const auto& [id, attachment] : AttachmentsOf(facts)) ids.insert(id);
+  return ids;
+}
+
 Attachment AttachmentOf(const storage::DaVifMsg& vif) {
   Attachment attachment;
   attachment.owners.insert(vif.owner_vm_local_id().begin(), vif.owner_vm_local_id().end());
@@ -93,23 +100,28 @@ WorldInventory::WorldInventory(const sim::HostState& host, sim::VirtualMachines&
       daemon_(host_, kSocket, kLook),
       manager_(manager) {
   daemon_.SetHold(kHoldMs);
-  daemon_.SetObserver([this](const sim::InventoryFacts& facts) { NoteOrphans(facts); });
+  daemon_.SetObserver([this](const sim::InventoryFacts& before, const sim::InventoryFacts& now) {
+    NoteUntold(AttachmentsIn(before), now);
+  });
 }
 
 WorldInventory::~WorldInventory() = default;
 
 void WorldInventory::StartAgent(AsioZemProvider& provider,
                                 std::shared_ptr<covedb::CoveDbClientInterface> store) {
+  // What the agent of before has put there, whatever it still knew of it.
+  std::set<std::string> stored;
+  for (const auto& vif : Records<storage::DaVifMsg>(store_, storage::DA_VIF)) stored.insert(vif.vif_id());
+  NoteUntold(stored, host_.Read());
   agent_ = std::make_unique<ZemDa::DiscoveryAgent>(provider, std::move(store));
   agent_->start();
 }
 
-void WorldInventory::NoteOrphans(const sim::InventoryFacts& facts) {
-  const auto attached = AttachmentsOf(facts);
+void WorldInventory::NoteUntold(const std::set<std::string>& before, const sim::InventoryFacts& now) {
+  const std::set<std::string> attached = AttachmentsIn(now);
   const std::lock_guard lock(mutex_);
-  for (const auto& vif : Records<storage::DaVifMsg>(store_, storage::DA_VIF)) {
-    if (attached.count(vif.vif_id()) == 0) orphans_.insert(vif.vif_id());
-  }
+  std::set_difference(before.begin(), before.end(), attached.begin(), attached.end(),
+                      std::inserter(orphans_, orphans_.end()));
 }
 
 void WorldInventory::StopAgent() {

@@ -53,7 +53,7 @@ class WorldInventory {
  private:
   void CheckVms(const sim::InventoryFacts& facts, std::vector<std::string>* lines) const;
   void CheckAttachments(const sim::InventoryFacts& facts, std::vector<std::string>* lines) const;
-  void NoteOrphans(const sim::InventoryFacts& facts);
+  void NoteUntold(const std::set<std::string>& before, const sim::InventoryFacts& now);
 
   sim::VirtualMachines& machines_;
   const sim::Store& store_;
