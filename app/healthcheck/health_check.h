@@ -39,7 +39,8 @@ class HealthCheck : public std::enable_shared_from_this<HealthCheck> {
   void Init();
   void MakeChecker();
   void Receive(const VerticalRecord& record);
-  PendingResponse FillResponse(const VerticalRecord& record) const;
+  PendingResponse FillResponse(const VerticalRecord& record,
+                               orlane::zem::healthcheck::HealthCheckRequestMsg request) const;
   bool Accept(PendingResponse response);
   void PostPoll();
   void Poll();

@@ -1,5 +1,6 @@
 #include "app/livetrace/livetrace_app.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "app/livetrace/livetrace_uploader.h"
@@ -46,7 +47,7 @@ constexpr auto kSessionLife = seconds(900);
 constexpr int32_t kTimedOut = 5;
 constexpr size_t kMostObservations = 10'000;
 constexpr size_t kMostObservedBytes = size_t{8} << 20;
-constexpr size_t kMostUploads = 32;
+constexpr std::ptrdiff_t kMostUploads = 32;
 constexpr uint8_t kLcpMessageFrame = 1;
 
 std::weak_ptr<LivetraceApp>& TheInstance() {
@@ -489,7 +490,8 @@ std::shared_ptr<LivetraceUploader> LivetraceApp::BeginUploadLocked(const Session
                                                               if (const auto self = weak.lock())
                                                                 self->UploadDone(session, *told);
                                                             });
-  if (uploads_.size() >= kMostUploads) {
+  const auto running = [](const auto& upload) { return !upload->done(); };
+  if (std::ranges::count_if(uploads_, running) >= kMostUploads) {
     ZLOG_WARN("Too many uploads, the capture of session 0x%lx is not sent", session->id);
   } else if (running_ && uploader->Start()) {
     session->uploader = uploader;

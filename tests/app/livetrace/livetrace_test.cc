@@ -232,6 +232,14 @@ TEST_F(LivetraceTest, TheCaptureIsUploadedBeforeTheBarrier) {
   EXPECT_THAT(SentTypes(), ElementsAre(kBarrier));
   EXPECT_THAT(Captures(), IsEmpty());
   EXPECT_TRUE(log.Contains("Finished uploading file " + directory.Path("captures/b.pcap") + ": ret=3"));
+  // Uploads that have ended do not count against those that begin, whether or not they were joined.
+  for (uint64_t id = 100; id < 166; ++id) {
+    RequestUpload(id);
+    Barrier(id, 0, Capture("c.pcap"));
+    clock.RunFor(milliseconds(5));
+  }
+  EXPECT_EQ(log.Count("Finished uploading file"), 68U);
+  EXPECT_FALSE(log.Contains("Too many uploads"));
 }
 
 // The name of a capture comes from outside, and a file of that name is read and removed as root.
