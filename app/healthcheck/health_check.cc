@@ -72,6 +72,7 @@ void HealthCheck::Init() {
 }
 
 void HealthCheck::Stop() {
+  stopping_ = true;
   if (checker_) checker_->Stop();
   vertical_.Stop();
   if (poll_timer_) poll_timer_->Cancel();
@@ -139,7 +140,7 @@ void HealthCheck::PostPoll() {
 void HealthCheck::Poll() {
   poll_posted_ = false;
   // One by one: behind a switch library that hangs, the others still wait, are counted and are evicted.
-  for (size_t left = waiting_.size(); left > 0; --left) {
+  for (size_t left = waiting_.size(); left > 0 && !stopping_; --left) {
     auto response = waiting_.TakeFirst([](const PendingResponse& entry) { return entry.answered; });
     if (!response) return;
     if (checker_ && checker_->Supports(response->request) && checker_->Accepts(response->request)) {

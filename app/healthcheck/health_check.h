@@ -55,6 +55,7 @@ class HealthCheck : public std::enable_shared_from_this<HealthCheck> {
   const HealthReports reports_;
   std::shared_ptr<HealthChecker> checker_;  // null when the host has no switch library
   std::atomic<bool> poll_posted_{false};
+  std::atomic<bool> stopping_{false};
   CheckWorker worker_;
 };
 
