@@ -402,6 +402,7 @@ void LivetraceApp::TakeStatus(const LivetraceStatusMsg& status) {
   const std::lock_guard lock(mutex_);
   table_.Clear(session);
   RetireLocked(session);
+  ZLOG_INFO("Session 0x%lx is deleted", session->id);
 }
 
 void LivetraceApp::TakeInvalidation(const LivetraceInvalidationMsg& invalidation) {
@@ -441,6 +442,7 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
   Ending ending{message, std::nullopt};
   FillNodeId(&ending.barrier);
   std::shared_ptr<LivetraceUploader> refused;
+  bool dropped = false;
   {
     const std::lock_guard lock(mutex_);
     const SessionPtr session = table_.Find(message.metadata());
@@ -448,9 +450,8 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
     if (session != nullptr && !session->completed) {
       if (session->uploader != nullptr) {
         ZLOG_WARN("Session 0x%lx is uploading, its second barrier is dropped", session->id);
-        return;
-      }
-      if (!session->upload.server.empty()) {
+        dropped = true;
+      } else if (!session->upload.server.empty()) {
         if (!CaptureFolder::IsName(message.pcap_file_name())) {
           ZLOG_ERROR("OPS07005", "Failed to figure out pcap filename from barrier msg, session 0x%lx",
                      session->id);
@@ -462,7 +463,7 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
       } else {
         ending.response = TakeObservations(session.get());
       }
-      session->completed = true;
+      session->completed = !dropped;
     }
   }
   if (refused) {
@@ -470,13 +471,20 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
   } else {
     RemoveUnwanted(message.pcap_file_name());
   }
-  Publish(ending);
+  if (!dropped) Publish(ending);
 }
 
 // A capture that nobody has asked for, or whose session has gone, would stay for ever.
 void LivetraceApp::RemoveUnwanted(const std::string& capture) const {
-  if (captures_.Remove(capture))
-    ZLOG_INFO("Removed the capture %s, which no session uploads", captures_.PathOf(capture).c_str());
+  const std::string path = captures_.PathOf(capture);
+  {
+    const std::lock_guard lock(mutex_);
+    const auto sends = [&path](const auto& upload) {
+      return !upload->done() && upload->local_path() == path;
+    };
+    if (std::ranges::any_of(uploads_, sends)) return;
+  }
+  if (captures_.Remove(capture)) ZLOG_INFO("Removed the capture %s, which no session uploads", path.c_str());
 }
 
 std::shared_ptr<LivetraceUploader> LivetraceApp::BeginUploadLocked(const SessionPtr& session,

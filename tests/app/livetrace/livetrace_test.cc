@@ -271,6 +271,11 @@ TEST_F(LivetraceTest, ADeletionDoesNotWaitForTheUpload) {
   Barrier(4, 0, named);
   EXPECT_TRUE(log.Contains("Session 0x4 is uploading, its second barrier is dropped"));
   EXPECT_EQ(log.Count("Start uploading file"), 1U);
+  EXPECT_THAT(Captures(), ElementsAre("c.pcap"));
+  Barrier(4, 1, Capture("of-the-other-side.pcap"));
+  Barrier(99, 0, named);
+  EXPECT_THAT(Captures(), ElementsAre("c.pcap")) << "what is dropped leaves no file, what is sent stays";
+  EXPECT_THAT(SentTypes(), ElementsAre(kBarrier)) << "that of the unknown session";
   Ask(kVertical, "LivetraceMsg", "delete_request { " + Meta(4, 0) + "}", true);
   EXPECT_TRUE(log.Contains("Session 0x4 is deleted"));
   app->Stop();
