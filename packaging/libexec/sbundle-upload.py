@@ -29,6 +29,7 @@ import ssl
 import subprocess
 import sys
 import tempfile
+import urllib.parse
 
 LONGEST_REQUEST = 1 << 20
 CONNECT_SECONDS = 20
@@ -41,6 +42,8 @@ PASSWORD_END = '"}}}}'
 
 EXIT_FAILED, EXIT_USAGE, EXIT_IDENTITY = 1, 2, 4
 PR_SET_PDEATHSIG = 1
+# What a path may hold as it is; ids and tokens hold anything.
+PATH_CHARACTERS = "/:@!$&'()*+,;="
 
 
 class Refused(Exception):
@@ -109,6 +112,11 @@ def connect(hosts, port):
 def send_to_manager(path, request):
     info = request["manager_info"]
     uri = info.get("manager_uri") or f"api/v1/support-bundle/{request['generate_id']}/file"
+    target = "/" + urllib.parse.quote(uri.lstrip("/"), safe=PATH_CHARACTERS, errors="surrogateescape")
+    upload_id = request["generate_id"]
+    # The HTTP library's own refusal would show it.
+    if not (upload_id.isascii() and upload_id.isprintable()):
+        raise Refused("the request's generate_id does not fit into a header", EXIT_USAGE)
     wanted = fingerprint_bytes(info["thumbprint"])
     with open(path, "rb") as content:
         size = os.fstat(content.fileno()).st_size
@@ -124,10 +132,10 @@ def send_to_manager(path, request):
             secure.settimeout(SILENCE_SECONDS)
             connection = http.client.HTTPSConnection(host, int(info["port"]))
             connection.sock = secure
-            connection.putrequest("PUT", "/" + uri.lstrip("/"))
+            connection.putrequest("PUT", target)
             connection.putheader("Content-Type", "application/octet-stream")
             connection.putheader("Content-Length", str(size))
-            connection.putheader("X-Upload-Id", request["generate_id"])
+            connection.putheader("X-Upload-Id", upload_id)
             connection.endheaders()
             left = size
             while left > 0:

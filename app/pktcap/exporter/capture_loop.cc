@@ -98,7 +98,12 @@ void CaptureLoop::Wait() {
   if (ready < 0 && errno != EINTR) Fail(kWaitFailed);
   if (ready <= 0) return;
   output_ready_ = waits[0].revents != 0;
-  if (waits[1].revents != 0) LogToolErrors(session_, ends_.errors);
+  if (waits[1].revents != 0) HearErrors();
+}
+
+void CaptureLoop::HearErrors() {
+  const std::string text = LogToolErrors(session_, ends_.errors);
+  if (!reader_.has_header() && heard_.size() + text.size() <= kErrorSize) heard_ += text;
 }
 
 CaptureLoop::Step CaptureLoop::ServeOutput() {
@@ -159,8 +164,13 @@ bool CaptureLoop::Passes(const PcapRecord& record) {
 CaptureLoop::Step CaptureLoop::EndOfStream() {
   ends_.output->Reset();
   output_ended_ = true;
+  if (reader_.has_header()) return Step::kOn;
   // The tool has never begun to capture.
-  if (!reader_.has_header() && *ends_.capture < 0) return Fail(kNotLaunched);
+  if (*ends_.capture < 0) return Fail(kNotLaunched);
+  // Most likely an expression that the filter does not take: the capture is empty, and its outcome tells
+  // nobody.
+  HearErrors();
+  ZLOG_WARN("Session %s: the filter has ended before its stream began: %s", session_.c_str(), heard_.c_str());
   return Step::kOn;
 }
 
@@ -169,17 +179,18 @@ CaptureLoop::Step CaptureLoop::Fail(const char* text) {
   return Step::kEnd;
 }
 
-void LogToolErrors(const std::string& session, UniqueFd* errors) {
-  if (!*errors) return;
+std::string LogToolErrors(const std::string& session, UniqueFd* errors) {
+  if (!*errors) return {};
   char text[kErrorSize + 1];
   const ssize_t got = ::read(errors->get(), text, kErrorSize);
-  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return {};
   if (got <= 0) {
     errors->Reset();
-    return;
+    return {};
   }
   text[got] = '\0';
   ZLOG_DEBUG("Session %s: %s\n", session.c_str(), text);
+  return {text, static_cast<size_t>(got)};
 }
 
 }  // namespace zem::Tarvik

@@ -66,6 +66,7 @@ class CaptureLoop {
   [[nodiscard]] bool LimitReached(PacketCounts counts) const;
   void LookAtCaptureTool();
   void Wait();
+  void HearErrors();
   Step ServeOutput();
   [[nodiscard]] bool ReadPass();
   [[nodiscard]] const char* TakeRecords();
@@ -83,9 +84,11 @@ class CaptureLoop {
   bool output_ready_ = false;
   bool output_ended_ = false;
   bool waited_ = false;  // for the tools, in vain
+  std::string heard_;    // what the filter has printed on its errors before its stream began
 };
 
-/// Reads what a tool has printed on its errors, without waiting, into the log.  Closes the pipe at its end.
-void LogToolErrors(const std::string& session, UniqueFd* errors);
+/// Reads what a tool has printed on its errors, without waiting, into the log, and returns it.  Closes the
+/// pipe at its end.
+std::string LogToolErrors(const std::string& session, UniqueFd* errors);
 
 }  // namespace zem::Tarvik

@@ -132,7 +132,8 @@ int PktcapExporter::Run() {
         result = Note(failed);
       }
     }
-    output->Finish();
+    const char* const failed = output->Finish();
+    if (failed != nullptr && result == 0) result = Note(failed);
   }
   StopTools(&tools);
   const auto passed = std::chrono::duration_cast<std::chrono::seconds>(Clock::Process().Now() - begin);

@@ -224,7 +224,7 @@ void CaptureSessions::StreamEnded(const Session& session, int result) {
 }
 
 void CaptureSessions::MoveToDestination(const Session& session) {
-  const bool moved = !stopping_ && MoveFile(session->file, session->destination);
+  const bool moved = !stopping_ && MoveFile(session->file, session->destination, stopping_);
   if (!moved) ::unlink(session->file.c_str());
   static_cast<void>(Leave(session, moved ? SessionState::kDone : SessionState::kFailed,
                           moved ? SessionError::kNone : SessionError::kNotLaunched));

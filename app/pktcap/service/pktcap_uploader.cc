@@ -94,10 +94,8 @@ bool PktcapUploader::Run() {
             Input(kHidden).c_str());
   std::string output;
   std::string errors;
-  std::string input = Input(target_.token);
-  const int result = InvokeCmd({tools_.python, tools_.upload}, input, &output, &errors,
+  const int result = InvokeCmd({tools_.python, tools_.upload}, Input(target_.token), &output, &errors,
                                {.stop = &stop_, .limit = kUploadLimit});
-  WipeText(&input);
   if (result == 0) {
     ZLOG_INFO("Session %s uploaded file %s", session_id_.c_str(), file_.c_str());
     return true;

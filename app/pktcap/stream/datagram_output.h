@@ -35,7 +35,7 @@ class DatagramOutput final : public PacketOutput {
   [[nodiscard]] const char* TakeHeader(std::string_view) override { return nullptr; }
   [[nodiscard]] const char* Take(const PcapRecord& record) override;
   [[nodiscard]] const char* Flush() override;
-  void Finish() override {}
+  [[nodiscard]] const char* Finish() override { return nullptr; }
 
   bool HasRoom() const override { return queued() <= kMostQueued; }
   int waits_for() const override { return queued() > 0 ? socket_.get() : -1; }

@@ -37,7 +37,10 @@ const char* FileOutput::Flush() {
   return nullptr;
 }
 
-void FileOutput::Finish() { ::fsync(file_.get()); }
+// Some file systems find only now that there is no room.
+const char* FileOutput::Finish() {
+  return ::fsync(file_.get()) == 0 || errno == EINVAL ? nullptr : kWriteFailed;
+}
 
 // Returns how many bytes were written; fewer than asked for on failure.
 size_t FileOutput::Write(std::string_view bytes) const {

@@ -16,7 +16,7 @@ class FileOutput final : public PacketOutput {
   [[nodiscard]] const char* TakeHeader(std::string_view header) override;
   [[nodiscard]] const char* Take(const PcapRecord& record) override;
   [[nodiscard]] const char* Flush() override;
-  void Finish() override;
+  [[nodiscard]] const char* Finish() override;
 
  private:
   size_t Write(std::string_view bytes) const;

@@ -30,7 +30,7 @@ class PacketOutput {
   /// Hands on what was taken, as much as the other side takes without waiting.
   [[nodiscard]] virtual const char* Flush() = 0;
   /// After the last packet.
-  virtual void Finish() = 0;
+  [[nodiscard]] virtual const char* Finish() = 0;
 
   /// What has left.
   PacketCounts sent() const { return sent_; }

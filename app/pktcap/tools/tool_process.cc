@@ -102,6 +102,7 @@ int InvokeCmd(const std::vector<std::string>& argv, std::string input, std::stri
   options.argv = argv;
   options.environment = std::vector<std::string>{kEnvironment};
   options.input = std::move(input);
+  options.secret_input = true;
   options.stop = end.stop;
   options.time_limit = end.limit;
   options.output_limit = kOutputLimit;

@@ -30,8 +30,9 @@ struct CommandEnd {
   Duration limit{0};
 };
 
-/// Runs a program to its end.  What it prints (the last 64 KiB of each) goes to `output` and `error_text`.
-/// Returns its exit status, -1 when it could not be started or did not end by itself.
+/// Runs a program to its end.  `input` may hold secrets; it is overwritten.  What the program prints (the
+/// last 64 KiB of each) goes to `output` and `error_text`. Returns its exit status, -1 when it could not be
+/// started or did not end by itself.
 [[nodiscard]] int InvokeCmd(const std::vector<std::string>& argv, std::string input, std::string* output,
                             std::string* error_text, const CommandEnd& end);
 

@@ -152,6 +152,14 @@ TEST_F(ExporterTest, ACaptureToolThatDiesEarlyFailsTheSession) {
   EXPECT_TRUE(NoChildIsLeft());
 }
 
+// An expression that the filter does not take would pass for a quiet link.
+TEST_F(ExporterTest, AFilterThatEndsAtOnceIsInTheLog) {
+  SetTool("capture", "exec sleep 1000\n");
+  SetTool("filter", "echo 'syntax error' >&2\nexit 1\n");
+  EXPECT_EQ(Make()->Run(), 0);
+  EXPECT_TRUE(log_.Contains("Session s: the filter has ended before its stream began: syntax error"));
+}
+
 // The end of the duration is a good end, with an empty file when nothing came.
 TEST_F(ExporterTest, ADurationThatPassesIsNoFailure) {
   SetTool("capture", "exec sleep 1000\n");

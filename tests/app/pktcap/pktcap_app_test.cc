@@ -181,6 +181,8 @@ TEST_F(PktCapAppTest, AnOperatorsFileGoesWhereItIsWanted) {
   StartApp();
   char shared[] = "/dev/shm/zem-pktcap-XXXXXX";
   ASSERT_NE(::mkdtemp(shared), nullptr);
+  const std::string theirs = std::string(shared) + "/f.tmp";
+  std::ofstream(theirs) << "an operator's";
   orlane::zem::packetcapture::PktCapRequestMsg request;
   ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(kFile, &request));
   std::string error = "none";
@@ -194,6 +196,7 @@ TEST_F(PktCapAppTest, AnOperatorsFileGoesWhereItIsWanted) {
   EXPECT_EQ(error, "mine");
   std::ifstream file(std::string(shared) + "/f", std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), dir.Read("stream"));
+  EXPECT_TRUE(std::filesystem::exists(theirs));
   std::filesystem::remove_all(shared);
   EXPECT_THAT(Told(), IsEmpty());
   EXPECT_THAT(app->List(), IsEmpty());

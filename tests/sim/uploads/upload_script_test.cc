@@ -27,10 +27,11 @@ class UploadScriptTest : public ::testing::Test {
     return Tarvik::ChildProcess(std::move(options)).Run();
   }
   // The form with the target's path.
-  std::string Capture(const std::string& thumbprint) const {
-    return "{\n\t\"local_path\":\"" + file_ +
-           "\",\n\t\"generate_id\":\"t1\",\n\t\"manager_info\":{\n\t\t\"manager_uri\":\"" +
-           "api/v1/pktcap/session/s1/capturefile/t1\",\n\t\t\"port\":" + std::to_string(sink_.state().port) +
+  std::string Capture(const std::string& thumbprint, const std::string& session = "s1",
+                      const std::string& token = "t1") const {
+    return "{\n\t\"local_path\":\"" + file_ + "\",\n\t\"generate_id\":\"" + token +
+           "\",\n\t\"manager_info\":{\n\t\t\"manager_uri\":\"" + "api/v1/pktcap/session/" + session +
+           "/capturefile/" + token + "\",\n\t\t\"port\":" + std::to_string(sink_.state().port) +
            ",\n\t\t\"server\":\"127.0.0.1\",\n\t\t\"thumbprint\":\"" + thumbprint + "\"}\n}\n";
   }
   std::string Bundle(const std::string& rest) const {
@@ -62,6 +63,19 @@ TEST_F(UploadScriptTest, FileArrivesWholeUnderItsTargetInBothForms) {
   for (const UploadSink::Upload& upload : uploads) {
     EXPECT_EQ(upload.status, 201U);
     EXPECT_TRUE(folder_.Read(upload.file.substr(folder_.Path().size() + 1)) == content_);
+  }
+}
+
+// Whoever reads the agent's log must not learn a token from a refusal.
+TEST_F(UploadScriptTest, IdsAndTokensMayHoldAnything) {
+  const std::string known = sink_.state().thumbprint;
+  EXPECT_EQ(Send(Capture(known, "my 1\u00e9?%#", "a=+b")).value, 0);
+  ASSERT_EQ(sink_.state().uploads.size(), 1U);
+  EXPECT_EQ(sink_.state().uploads[0].target, "/api/v1/pktcap/session/my%201%C3%A9%3F%25%23/capturefile/a=+b");
+  for (const std::string token : {"secret\\r\\nX: y", "secret\u20ac"}) {
+    const Tarvik::ChildResult sent = Send(Capture(known, "s1", token));
+    EXPECT_EQ(sent.value, kUsage);
+    EXPECT_THAT(sent.errors, ::testing::Not(HasSubstr("secret")));
   }
 }
 
