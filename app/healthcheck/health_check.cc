@@ -11,6 +11,8 @@
 namespace zem::Tarvik {
 namespace {
 
+using orlane::zem::healthcheck::HealthCheckRequestMsg;
+
 constexpr LogSource kLog{"tarvik", "healthcheck"};
 
 constexpr size_t kMostWaiting = 32;
@@ -70,6 +72,7 @@ void HealthCheck::Init() {
 }
 
 void HealthCheck::Stop() {
+  stopping_ = true;
   if (checker_) checker_->Stop();
   vertical_.Stop();
   if (poll_timer_) poll_timer_->Cancel();
@@ -86,19 +89,22 @@ void HealthCheck::Receive(const VerticalRecord& record) {
   if (record.raw.routing_key != nullptr) ZLOG_DEBUG("Routing key: %s", record.raw.routing_key);
   if (record.raw.content_type != nullptr) ZLOG_DEBUG("Content type: %s", record.raw.content_type);
   ZLOG_DEBUG("Payload len: %lld", static_cast<long long>(record.raw.payload_len));
-  PendingResponse response = FillResponse(record);
+  HealthCheckRequestMsg request;
   const std::string_view payload = record.payload();
-  if (!response.request.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
+  if (!request.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
     ZLOG_ERROR("MPA00105", "Failed to parse MPA message payload");
     return;
   }
-  if (!Accept(std::move(response))) ZLOG_ERROR("OPS04001", "Failed to prepare RPC response");
+  if (!Accept(FillResponse(record, std::move(request))))
+    ZLOG_ERROR("OPS04001", "Failed to prepare RPC response");
 }
 
-PendingResponse HealthCheck::FillResponse(const VerticalRecord& record) const {
+PendingResponse HealthCheck::FillResponse(const VerticalRecord& record, HealthCheckRequestMsg request) const {
   ZLOG_INFO("[%s] correlationId is %s", __func__, record.header.correlation_id.c_str());
   ZLOG_INFO("[%s] replyTo is %s", __func__, record.header.reply_to.c_str());
-  return {.reply_to = record.header.reply_to, .correlation_id = record.header.correlation_id, .request = {}};
+  return {.reply_to = record.header.reply_to,
+          .correlation_id = record.header.correlation_id,
+          .request = std::move(request)};
 }
 
 bool HealthCheck::Accept(PendingResponse response) {
@@ -133,12 +139,14 @@ void HealthCheck::PostPoll() {
 
 void HealthCheck::Poll() {
   poll_posted_ = false;
-  for (PendingResponse& response :
-       waiting_.TakeIf([](const PendingResponse& entry) { return entry.answered; })) {
-    if (checker_ && checker_->Supports(response.request) && checker_->Accepts(response.request)) {
-      checker_->Check(std::move(response));
+  // One by one: behind a switch library that hangs, the others still wait, are counted and are evicted.
+  for (size_t left = waiting_.size(); left > 0 && !stopping_; --left) {
+    auto response = waiting_.TakeFirst([](const PendingResponse& entry) { return entry.answered; });
+    if (!response) return;
+    if (checker_ && checker_->Supports(response->request) && checker_->Accepts(response->request)) {
+      checker_->Check(std::move(*response));
     } else {
-      reports_.PublishStatus(response, HealthReports::kNoChecker);
+      reports_.PublishStatus(*response, HealthReports::kNoChecker);
     }
   }
 }

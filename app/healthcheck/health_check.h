@@ -39,7 +39,8 @@ class HealthCheck : public std::enable_shared_from_this<HealthCheck> {
   void Init();
   void MakeChecker();
   void Receive(const VerticalRecord& record);
-  PendingResponse FillResponse(const VerticalRecord& record) const;
+  PendingResponse FillResponse(const VerticalRecord& record,
+                               orlane::zem::healthcheck::HealthCheckRequestMsg request) const;
   bool Accept(PendingResponse response);
   void PostPoll();
   void Poll();
@@ -54,6 +55,7 @@ class HealthCheck : public std::enable_shared_from_this<HealthCheck> {
   const HealthReports reports_;
   std::shared_ptr<HealthChecker> checker_;  // null when the host has no switch library
   std::atomic<bool> poll_posted_{false};
+  std::atomic<bool> stopping_{false};
   CheckWorker worker_;
 };
 

@@ -67,6 +67,7 @@ bool VlanMtuChecker::Init() {
 }
 
 void VlanMtuChecker::Stop() {
+  stopped_ = true;
   if (check_timer_) check_timer_->Cancel();
 }
 
@@ -77,6 +78,7 @@ void VlanMtuChecker::Check(PendingResponse response) {
   if (!request.has_vlan_mtu()) return;
   const std::string& name = request.vlan_mtu().switch_name();
   const std::string dvs = SwitchIdFor(name);
+  if (stopped_) return;
   ZLOG_INFO("Received VLAN-MTU check request for DVS %s", name.c_str());
   std::vector<VlanRange> ranges;
   for (const VlanMtuRangeMsg& range : request.vlan_mtu().range())
@@ -131,7 +133,7 @@ void VlanMtuChecker::PostCollection() {
 void VlanMtuChecker::CollectTests() {
   collection_posted_ = false;
   const TimePoint now = Clock::Process().Now();
-  for (auto entry = tests_.begin(); entry != tests_.end();) {
+  for (auto entry = tests_.begin(); entry != tests_.end() && !stopped_;) {
     const Test& test = entry->second;
     const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(now - test.start);
     if (elapsed <= std::chrono::seconds(test.test_time_s)) {
@@ -159,7 +161,10 @@ void VlanMtuChecker::Collect(const std::string& name, const Test& test) const {
   HealthCheckReportMsg report;
   *report.mutable_round_id() = test.round_id;
   auto& entries = *report.mutable_vlan_mtu_report();
-  for (const std::string& port : *ports) *entries.add_entry() = ReadUplink(dvs, port);
+  for (const std::string& port : *ports) {
+    if (stopped_) return;
+    *entries.add_entry() = ReadUplink(dvs, port);
+  }
   if (reports_.Publish(report))
     ZLOG_INFO("Succeeded in sending VLAN-MTU check results for DVS %s", name.c_str());
   if (ClearProperties(dvs) != 0) ZLOG_WARN("Failed to remove health check instance from KLN %s", dvs.c_str());

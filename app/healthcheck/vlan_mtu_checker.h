@@ -63,6 +63,7 @@ class VlanMtuChecker final : public HealthChecker, public std::enable_shared_fro
   std::map<std::string, Test> tests_;  // by the switch's name; of the worker
   std::shared_ptr<Timer> check_timer_;
   std::atomic<bool> collection_posted_{false};
+  std::atomic<bool> stopped_{false};  // no further switch or uplink is asked for
 };
 
 }  // namespace zem::Tarvik

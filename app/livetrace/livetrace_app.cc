@@ -1,5 +1,6 @@
 #include "app/livetrace/livetrace_app.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "app/livetrace/livetrace_uploader.h"
@@ -46,7 +47,7 @@ constexpr auto kSessionLife = seconds(900);
 constexpr int32_t kTimedOut = 5;
 constexpr size_t kMostObservations = 10'000;
 constexpr size_t kMostObservedBytes = size_t{8} << 20;
-constexpr size_t kMostUploads = 32;
+constexpr std::ptrdiff_t kMostUploads = 32;
 constexpr uint8_t kLcpMessageFrame = 1;
 
 std::weak_ptr<LivetraceApp>& TheInstance() {
@@ -401,6 +402,7 @@ void LivetraceApp::TakeStatus(const LivetraceStatusMsg& status) {
   const std::lock_guard lock(mutex_);
   table_.Clear(session);
   RetireLocked(session);
+  ZLOG_INFO("Session 0x%lx is deleted", session->id);
 }
 
 void LivetraceApp::TakeInvalidation(const LivetraceInvalidationMsg& invalidation) {
@@ -440,6 +442,7 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
   Ending ending{message, std::nullopt};
   FillNodeId(&ending.barrier);
   std::shared_ptr<LivetraceUploader> refused;
+  bool dropped = false;
   {
     const std::lock_guard lock(mutex_);
     const SessionPtr session = table_.Find(message.metadata());
@@ -447,9 +450,8 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
     if (session != nullptr && !session->completed) {
       if (session->uploader != nullptr) {
         ZLOG_WARN("Session 0x%lx is uploading, its second barrier is dropped", session->id);
-        return;
-      }
-      if (!session->upload.server.empty()) {
+        dropped = true;
+      } else if (!session->upload.server.empty()) {
         if (!CaptureFolder::IsName(message.pcap_file_name())) {
           ZLOG_ERROR("OPS07005", "Failed to figure out pcap filename from barrier msg, session 0x%lx",
                      session->id);
@@ -461,7 +463,7 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
       } else {
         ending.response = TakeObservations(session.get());
       }
-      session->completed = true;
+      session->completed = !dropped;
     }
   }
   if (refused) {
@@ -469,13 +471,20 @@ void LivetraceApp::TakeBarrier(const LivetraceBarrierMsg& message) {
   } else {
     RemoveUnwanted(message.pcap_file_name());
   }
-  Publish(ending);
+  if (!dropped) Publish(ending);
 }
 
 // A capture that nobody has asked for, or whose session has gone, would stay for ever.
 void LivetraceApp::RemoveUnwanted(const std::string& capture) const {
-  if (captures_.Remove(capture))
-    ZLOG_INFO("Removed the capture %s, which no session uploads", captures_.PathOf(capture).c_str());
+  const std::string path = captures_.PathOf(capture);
+  {
+    const std::lock_guard lock(mutex_);
+    const auto sends = [&path](const auto& upload) {
+      return !upload->done() && upload->local_path() == path;
+    };
+    if (std::ranges::any_of(uploads_, sends)) return;
+  }
+  if (captures_.Remove(capture)) ZLOG_INFO("Removed the capture %s, which no session uploads", path.c_str());
 }
 
 std::shared_ptr<LivetraceUploader> LivetraceApp::BeginUploadLocked(const SessionPtr& session,
@@ -489,7 +498,8 @@ std::shared_ptr<LivetraceUploader> LivetraceApp::BeginUploadLocked(const Session
                                                               if (const auto self = weak.lock())
                                                                 self->UploadDone(session, *told);
                                                             });
-  if (uploads_.size() >= kMostUploads) {
+  const auto running = [](const auto& upload) { return !upload->done(); };
+  if (std::ranges::count_if(uploads_, running) >= kMostUploads) {
     ZLOG_WARN("Too many uploads, the capture of session 0x%lx is not sent", session->id);
   } else if (running_ && uploader->Start()) {
     session->uploader = uploader;

@@ -39,6 +39,7 @@ class LivetraceUploader {
   bool done() const { return done_; }
   void Join();
 
+  const std::string& local_path() const { return file_.local_path; }
   /// What the script reads.
   std::string Request() const;
   /// Removes the file; a failure is logged.

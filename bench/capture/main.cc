@@ -2,11 +2,7 @@
 //
 //     bench_capture [PACKETS]
 //
-// file    the loop reads a stream from a pipe and writes a file; tcpdump does the same with the same bytes
-// chain   the whole session, with tcpdump as the filter, less the second that it waits for its tools; tcpdump
-// filters alone stream  the loop reads the stream from a pipe and sends it in GRE; a loop of sendmmsg sends
-// datagrams that are ready growth  how much more memory a capture of a hundred times the length takes, in
-// KiB; 8 MiB are allowed
+// The cases and their goals are in README.md.
 
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -111,6 +111,8 @@ int ExecuteCmd(const std::vector<std::string>& argv, std::string input, const st
   options.stop = stop;
   // A daemon that dies leaves nobody who would end it.
   options.ends_with_thread = true;
+  // Whoever stops the command waits for it: each of the three signals gets a second.
+  options.step = std::chrono::seconds(1);
   ChildProcess child(std::move(options));
   const ChildResult result = child.Run();
   switch (result.end) {

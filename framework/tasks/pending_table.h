@@ -46,12 +46,35 @@ class PendingTable {
   /// Takes the entries that have been here for `age` or longer, in the order in which they came.
   std::vector<Value> TakeOlder(Duration age) {
     const TimePoint now = Clock::Process().Now();
-    return TakeEntries([&](const Entry& entry) { return now - entry.since >= age; });
+    std::map<uint64_t, Value> taken;
+    {
+      const std::lock_guard lock(mutex_);
+      for (auto entry = entries_.begin(); entry != entries_.end();) {
+        if (now - entry->second.since >= age) {
+          taken.emplace(entry->second.number, std::move(entry->second.value));
+          entry = entries_.erase(entry);
+        } else {
+          ++entry;
+        }
+      }
+    }
+    std::vector<Value> values;
+    for (auto& [number, value] : taken) values.push_back(std::move(value));
+    return values;
   }
 
-  /// Takes the entries for which `wanted` is true, in the order in which they came.
-  std::vector<Value> TakeIf(const std::function<bool(const Value&)>& wanted) {
-    return TakeEntries([&](const Entry& entry) { return wanted(entry.value); });
+  /// Takes the oldest of the entries for which `wanted` is true.
+  std::optional<Value> TakeFirst(const std::function<bool(const Value&)>& wanted) {
+    const std::lock_guard lock(mutex_);
+    auto first = entries_.end();
+    for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
+      const bool older = first == entries_.end() || entry->second.number < first->second.number;
+      if (older && wanted(entry->second.value)) first = entry;
+    }
+    if (first == entries_.end()) return std::nullopt;
+    std::optional<Value> value(std::move(first->second.value));
+    entries_.erase(first);
+    return value;
   }
 
   /// Changes an entry if it is still here.
@@ -72,25 +95,6 @@ class PendingTable {
     TimePoint since;
     Value value;
   };
-
-  template <class Wanted>
-  std::vector<Value> TakeEntries(const Wanted& wanted) {
-    std::map<uint64_t, Value> taken;
-    {
-      const std::lock_guard lock(mutex_);
-      for (auto entry = entries_.begin(); entry != entries_.end();) {
-        if (wanted(entry->second)) {
-          taken.emplace(entry->second.number, std::move(entry->second.value));
-          entry = entries_.erase(entry);
-        } else {
-          ++entry;
-        }
-      }
-    }
-    std::vector<Value> values;
-    for (auto& [number, value] : taken) values.push_back(std::move(value));
-    return values;
-  }
 
   const size_t capacity_;
   mutable std::mutex mutex_;  // guards what follows

@@ -117,9 +117,14 @@ bool InventoryDaemon::Answer(int client, const std::string& request) {
       return ::send(client, text.data(), text.size(), MSG_NOSIGNAL) > 0;
     }
   }
-  if (request == "FullSync") return Reply(client, FullSync());
-  if (request == "Updates") return Reply(client, Updates());
-  return Reply(client, {"done"});
+  const bool full = request == "FullSync";
+  if (!full && request != "Updates") return Reply(client, {"done"});
+  InventoryFacts now;
+  const Lines lines = full ? FullSync(&now) : Updates(&now);
+  if (!Reply(client, lines)) return false;
+  const std::lock_guard lock(mutex_);
+  told_ = std::move(now);
+  return true;
 }
 
 bool InventoryDaemon::Reply(int client, const Lines& lines) {
@@ -146,33 +151,32 @@ bool InventoryDaemon::Reply(int client, const Lines& lines) {
   return !cut;
 }
 
-InventoryDaemon::Lines InventoryDaemon::FullSync() {
-  InventoryFacts now = host_.Read();
+InventoryDaemon::Lines InventoryDaemon::FullSync(InventoryFacts* now) {
+  *now = host_.Read();
   const std::lock_guard lock(mutex_);
+  if (observer_) observer_(told_, *now);
   Lines lines;
   for (const auto& [id, vm] : told_.vms) {
-    if (now.vms.count(id) == 0) AddVmLeave(vm, &lines);
+    if (now->vms.count(id) == 0) AddVmLeave(vm, &lines);
   }
-  AddHostBlock("enter", nullptr, now.host, &lines);
-  for (const auto& [id, vm] : now.vms) AddVmBlock(vm, &lines);
+  AddHostBlock("enter", nullptr, now->host, &lines);
+  for (const auto& [id, vm] : now->vms) AddVmBlock(vm, &lines);
   lines.emplace_back("done");
-  told_ = std::move(now);
-  has_told_ = true;
   return lines;
 }
 
-InventoryDaemon::Lines InventoryDaemon::Updates() {
+InventoryDaemon::Lines InventoryDaemon::Updates(InventoryFacts* now) {
   const TimePoint limit = Clock::Process().Now() + std::chrono::milliseconds(hold_ms_);
   for (;;) {
-    InventoryFacts now = host_.Read();
+    *now = host_.Read();
     Lines lines;
     {
       const std::lock_guard lock(mutex_);
-      if (told_.host != now.host) AddHostBlock("modify", &told_.host, now.host, &lines);
+      if (told_.host != now->host) AddHostBlock("modify", &told_.host, now->host, &lines);
       for (const auto& [id, vm] : told_.vms) {
-        if (now.vms.count(id) == 0) AddVmLeave(vm, &lines);
+        if (now->vms.count(id) == 0) AddVmLeave(vm, &lines);
       }
-      for (const auto& [id, vm] : now.vms) {
+      for (const auto& [id, vm] : now->vms) {
         const auto known = told_.vms.find(id);
         if (known == told_.vms.end()) {
           AddVmBlock(vm, &lines);
@@ -180,7 +184,6 @@ InventoryDaemon::Lines InventoryDaemon::Updates() {
           AddVmChange(known->second, vm, &lines);
         }
       }
-      if (!lines.empty()) told_ = std::move(now);
     }
     if (!lines.empty() || stopping_ || Clock::Process().Now() >= limit) {
       lines.emplace_back("done");

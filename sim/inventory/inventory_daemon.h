@@ -41,6 +41,10 @@ class InventoryDaemon {
   /// "Updates" without news is answered after so many milliseconds.
   void SetHold(int milliseconds) { hold_ms_ = milliseconds; }
   void SetFaults(const Faults& faults);
+  /// Gets what was told last and what a full sync tells now, on the daemon's thread.  Set it before a client
+  /// connects.
+  using Observer = std::function<void(const InventoryFacts& before, const InventoryFacts& now)>;
+  void SetObserver(Observer observer) { observer_ = std::move(observer); }
   /// The newest requests, oldest first.
   std::vector<std::string> Requests() const;
 
@@ -51,8 +55,8 @@ class InventoryDaemon {
   void ServeClient(int client);
   bool Answer(int client, const std::string& request);
   bool Reply(int client, const Lines& lines);
-  Lines FullSync();
-  Lines Updates();
+  Lines FullSync(InventoryFacts* now);
+  Lines Updates(InventoryFacts* now);
 
   HostInventory& host_;
   const std::string path_;
@@ -61,11 +65,11 @@ class InventoryDaemon {
   UniqueFd listener_;
   UniqueFd wake_;
   std::atomic<bool> stopping_{false};
+  Observer observer_;
   mutable std::mutex mutex_;  // guards what follows
   Faults faults_;
   std::vector<std::string> requests_;
   InventoryFacts told_;
-  bool has_told_ = false;
   std::unique_ptr<NativeThread> thread_;
 };
 

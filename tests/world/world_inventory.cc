@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <map>
 #include <set>
 #include <utility>
@@ -70,6 +71,12 @@ std::map<std::string, Attachment> AttachmentsOf(const sim::InventoryFacts& facts
   return all;
 }
 
+std::set<std::string> AttachmentsIn(const sim::InventoryFacts& facts) {
+  std::set<std::string> ids;
+  for (const auto& [id, attachment] : AttachmentsOf(facts)) ids.insert(id);
+  return ids;
+}
+
 Attachment AttachmentOf(const storage::DaVifMsg& vif) {
   Attachment attachment;
   attachment.owners.insert(vif.owner_vm_local_id().begin(), vif.owner_vm_local_id().end());
@@ -86,22 +93,35 @@ Attachment AttachmentOf(const storage::DaVifMsg& vif) {
 }  // namespace
 
 WorldInventory::WorldInventory(const sim::HostState& host, sim::VirtualMachines& machines,
-                               sim::Manager& manager)
-    : machines_(machines), host_(host, machines), daemon_(host_, kSocket, kLook), manager_(manager) {
+                               sim::Manager& manager, const sim::Store& store)
+    : machines_(machines),
+      store_(store),
+      host_(host, machines),
+      daemon_(host_, kSocket, kLook),
+      manager_(manager) {
   daemon_.SetHold(kHoldMs);
+  daemon_.SetObserver([this](const sim::InventoryFacts& before, const sim::InventoryFacts& now) {
+    NoteUntold(AttachmentsIn(before), now);
+  });
 }
 
 WorldInventory::~WorldInventory() = default;
 
 void WorldInventory::StartAgent(AsioZemProvider& provider,
-                                std::shared_ptr<covedb::CoveDbClientInterface> client,
-                                const sim::Store& records) {
-  const auto attached = AttachmentsOf(host_.Read());
-  for (const auto& vif : Records<storage::DaVifMsg>(records, storage::DA_VIF)) {
-    if (attached.count(vif.vif_id()) == 0) orphans_.insert(vif.vif_id());
-  }
-  agent_ = std::make_unique<ZemDa::DiscoveryAgent>(provider, std::move(client));
+                                std::shared_ptr<covedb::CoveDbClientInterface> store) {
+  // What the agent of before has put there, whatever it still knew of it.
+  std::set<std::string> stored;
+  for (const auto& vif : Records<storage::DaVifMsg>(store_, storage::DA_VIF)) stored.insert(vif.vif_id());
+  NoteUntold(stored, host_.Read());
+  agent_ = std::make_unique<ZemDa::DiscoveryAgent>(provider, std::move(store));
   agent_->start();
+}
+
+void WorldInventory::NoteUntold(const std::set<std::string>& before, const sim::InventoryFacts& now) {
+  const std::set<std::string> attached = AttachmentsIn(now);
+  const std::lock_guard lock(mutex_);
+  std::set_difference(before.begin(), before.end(), attached.begin(), attached.end(),
+                      std::inserter(orphans_, orphans_.end()));
 }
 
 void WorldInventory::StopAgent() {
@@ -157,32 +177,32 @@ void WorldInventory::Calm() {
   checks_ = 0;
 }
 
-std::vector<std::string> WorldInventory::Check(const sim::Store& store) {
+std::vector<std::string> WorldInventory::Check() {
   const auto facts = host_.Read();
   std::vector<std::string> lines = InventoryDiff(facts, manager_.state());
-  CheckVms(facts, store, &lines);
+  CheckVms(facts, &lines);
   if (!lines.empty() && ++checks_ % kChecksOfAnAnswer == 1) static_cast<void>(manager_.AskFullSync());
-  CheckAttachments(facts, store, &lines);
+  CheckAttachments(facts, &lines);
   for (const std::string& violation : manager_.state().violations) lines.push_back(violation);
   return lines;
 }
 
-void WorldInventory::CheckVms(const sim::InventoryFacts& facts, const sim::Store& store,
-                              std::vector<std::string>* lines) {
+void WorldInventory::CheckVms(const sim::InventoryFacts& facts, std::vector<std::string>* lines) const {
   std::set<std::string> wanted;
   for (const auto& [mo_id, vm] : facts.vms) {
     if (!vm.external_id.empty()) wanted.insert(std::to_string(mo_id));
   }
-  for (const auto& vm : Records<storage::VmConfigMsg>(store, storage::VM_CONFIG)) {
+  for (const auto& vm : Records<storage::VmConfigMsg>(store_, storage::VM_CONFIG)) {
     if (wanted.erase(vm.id()) == 0) lines->push_back("the store has a VM that is gone: " + vm.id());
   }
   for (const std::string& id : wanted) lines->push_back("the store lacks the VM " + id);
 }
 
-void WorldInventory::CheckAttachments(const sim::InventoryFacts& facts, const sim::Store& store,
-                                      std::vector<std::string>* lines) {
+void WorldInventory::CheckAttachments(const sim::InventoryFacts& facts,
+                                      std::vector<std::string>* lines) const {
   std::map<std::string, Attachment> wanted = AttachmentsOf(facts);
-  for (const auto& vif : Records<storage::DaVifMsg>(store, storage::DA_VIF)) {
+  const std::lock_guard lock(mutex_);
+  for (const auto& vif : Records<storage::DaVifMsg>(store_, storage::DA_VIF)) {
     const auto found = wanted.find(vif.vif_id());
     if (found == wanted.end()) {
       if (orphans_.count(vif.vif_id()) == 0)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <random>
 #include <set>
 #include <string>
@@ -34,12 +35,11 @@ namespace zem::world {
 /// Threads: the thread of the life.
 class WorldInventory {
  public:
-  WorldInventory(const sim::HostState& host, sim::VirtualMachines& machines, sim::Manager& manager);
+  WorldInventory(const sim::HostState& host, sim::VirtualMachines& machines, sim::Manager& manager,
+                 const sim::Store& store);
   ~WorldInventory();
 
-  /// `records` is the store as it is now, `client` the agent's way to it.
-  void StartAgent(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> client,
-                  const sim::Store& records);
+  void StartAgent(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbClientInterface> store);
   void StopAgent();
 
   /// A VM gets another name, guest or address.
@@ -48,20 +48,23 @@ class WorldInventory {
   void Disturb(std::mt19937_64& random);
   void Calm();
   /// Where manager and store are not what the host is.  A manager that lacks something asks for everything.
-  std::vector<std::string> Check(const sim::Store& store);
+  std::vector<std::string> Check();
 
  private:
-  void CheckVms(const sim::InventoryFacts& facts, const sim::Store& store, std::vector<std::string>* lines);
-  void CheckAttachments(const sim::InventoryFacts& facts, const sim::Store& store,
-                        std::vector<std::string>* lines);
+  void CheckVms(const sim::InventoryFacts& facts, std::vector<std::string>* lines) const;
+  void CheckAttachments(const sim::InventoryFacts& facts, std::vector<std::string>* lines) const;
+  void NoteUntold(const std::set<std::string>& before, const sim::InventoryFacts& now);
 
   sim::VirtualMachines& machines_;
+  const sim::Store& store_;
+  // A full sync tells what there is, and of what is gone only the VMs.  An attachment that has ended before
+  // it, unseen by an agent, keeps its record for good.
+  mutable std::mutex mutex_;  // guards orphans_
+  std::set<std::string> orphans_;
   sim::HostInventory host_;
   sim::InventoryDaemon daemon_;
   sim::ManagerInventory manager_;
   std::unique_ptr<ZemDa::DiscoveryAgent> agent_;
-  // Attachments that ended while no agent saw it: nobody removes their records.
-  std::set<std::string> orphans_;
   int checks_ = 0;  // since the manager asked
 };
 

@@ -61,7 +61,7 @@ WorldNode::WorldNode(std::FILE* log, bool small_logon_cache) {
   machines = std::make_unique<sim::VirtualMachines>(*host_management, host.VmFile());
   guests = std::make_unique<WorldGuests>(*manager, store->store(), small_logon_cache);
   ids = std::make_unique<WorldIds>(*manager);
-  inventory = std::make_unique<WorldInventory>(host, *machines, *manager);
+  inventory = std::make_unique<WorldInventory>(host, *machines, *manager, store->store());
   traces = std::make_unique<WorldTraces>(*manager, *machines);
   services = std::make_unique<WorldServices>(*manager, store->store());
   capture = std::make_unique<WorldCapture>(clock, *manager);
@@ -111,7 +111,7 @@ void WorldNode::StartAgent() {
       std::make_shared<Tarvik::AlarmsProvider>(*provider_, store_client_, Tarvik::AlarmsProvider::Files());
   if (!alarms_->Start()) throw std::runtime_error("the alarms provider does not start");
   ids->StartAgent(*provider_);
-  inventory->StartAgent(*provider_, store_client_, store->store());
+  inventory->StartAgent(*provider_, store_client_);
   traces->StartAgent(*provider_);
   services->StartAgent(*provider_, store_client_);
   capture->StartAgent(*provider_);
@@ -124,12 +124,12 @@ void WorldNode::StartAgent() {
 void WorldNode::StopAgent() {
   Tarvik::CloseShutdownPipe();
   proxy_client_->Stop();
+  services->StopAgent();
   flow->StopAgent();
   guests->StopAgent();
   ids->StopAgent();
   traces->StopAgent();
   inventory->StopAgent();
-  services->StopAgent();
   capture->StopAgent();
   introspection.StopAgent();
   alarms_->Stop();

@@ -353,7 +353,7 @@ Lines WorldLife::CheckAll() {
   Await([this] { return node_.introspection.Check(node_.store->store()); }, &lines);
   Await([this] { return node_.guests->Check([this] { node_.clock.Settle(); }); }, &lines);
   Await([this] { return node_.ids->Check(); }, &lines);
-  Await([this] { return node_.inventory->Check(node_.store->store()); }, &lines);
+  Await([this] { return node_.inventory->Check(); }, &lines);
   Await([this] { return node_.traces->Check([this](Duration time) { node_.clock.RunFor(time); }); }, &lines);
   Await([this] { return node_.services->Check(); }, &lines);
   Await([this] { return node_.capture->Check(); }, &lines);

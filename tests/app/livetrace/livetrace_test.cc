@@ -232,6 +232,14 @@ TEST_F(LivetraceTest, TheCaptureIsUploadedBeforeTheBarrier) {
   EXPECT_THAT(SentTypes(), ElementsAre(kBarrier));
   EXPECT_THAT(Captures(), IsEmpty());
   EXPECT_TRUE(log.Contains("Finished uploading file " + directory.Path("captures/b.pcap") + ": ret=3"));
+  // Uploads that have ended do not count against those that begin, whether or not they were joined.
+  for (uint64_t id = 100; id < 166; ++id) {
+    RequestUpload(id);
+    Barrier(id, 0, Capture("c.pcap"));
+    clock.RunFor(milliseconds(5));
+  }
+  EXPECT_EQ(log.Count("Finished uploading file"), 68U);
+  EXPECT_FALSE(log.Contains("Too many uploads"));
 }
 
 // The name of a capture comes from outside, and a file of that name is read and removed as root.
@@ -263,6 +271,11 @@ TEST_F(LivetraceTest, ADeletionDoesNotWaitForTheUpload) {
   Barrier(4, 0, named);
   EXPECT_TRUE(log.Contains("Session 0x4 is uploading, its second barrier is dropped"));
   EXPECT_EQ(log.Count("Start uploading file"), 1U);
+  EXPECT_THAT(Captures(), ElementsAre("c.pcap"));
+  Barrier(4, 1, Capture("of-the-other-side.pcap"));
+  Barrier(99, 0, named);
+  EXPECT_THAT(Captures(), ElementsAre("c.pcap")) << "what is dropped leaves no file, what is sent stays";
+  EXPECT_THAT(SentTypes(), ElementsAre(kBarrier)) << "that of the unknown session";
   Ask(kVertical, "LivetraceMsg", "delete_request { " + Meta(4, 0) + "}", true);
   EXPECT_TRUE(log.Contains("Session 0x4 is deleted"));
   app->Stop();

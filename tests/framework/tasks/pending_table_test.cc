@@ -32,7 +32,12 @@ TEST(PendingTableTest, EachEntryIsTakenOnce) {
   EXPECT_EQ(refused, "refused");
   table.Change("z", [](std::string& value) { value += "!"; });
   table.Change("gone", [](std::string&) { ADD_FAILURE(); });
-  EXPECT_THAT(table.TakeIf([](const std::string&) { return true; }), ElementsAre("of z!", "of m"));
+  const auto any = [](const std::string&) { return true; };
+  EXPECT_EQ(table.TakeFirst([](const std::string& value) { return value != "of z!"; }), "of m");
+  EXPECT_EQ(table.Add("b", "of b"), Table::Added::kAdded);
+  EXPECT_EQ(table.TakeFirst(any), "of z!");
+  EXPECT_EQ(table.TakeFirst(any), "of b");
+  EXPECT_EQ(table.TakeFirst(any), std::nullopt);
   EXPECT_EQ(table.size(), 0U);
 }
 
