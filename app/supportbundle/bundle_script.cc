@@ -14,11 +14,12 @@ namespace {
 constexpr LogSource kLog{"tarvik", "supportbundle"};
 
 constexpr size_t kOutputLimit = 1024 * 1024;
+constexpr int kTimedOut = 124;
 
 }  // namespace
 
 int ExecuteCmd(const std::vector<std::string>& argv, std::string input, std::string* output,
-               std::string* error, const std::atomic<bool>* stop) {
+               std::string* error, const std::atomic<bool>* stop, Duration limit, pid_t* pid) {
   ChildProcess::Options options;
   options.argv = argv;
   options.environment = std::vector<std::string>{"PYTHONIOENCODING=utf-8"};
@@ -27,8 +28,10 @@ int ExecuteCmd(const std::vector<std::string>& argv, std::string input, std::str
   options.output_limit = kOutputLimit;
   options.own_group = true;
   options.stop = stop;
+  options.time_limit = limit;
   ChildProcess child(std::move(options));
   ChildResult result = child.Run();
+  *pid = result.pid;
   *output = std::move(result.output);
   *error = std::move(result.errors);
   switch (result.end) {
@@ -41,6 +44,10 @@ int ExecuteCmd(const std::vector<std::string>& argv, std::string input, std::str
     case ChildEnd::kNotStarted:
       ZLOG_ERROR("OPS60010", "%s: Fork failed. errno=%d\n", __func__, result.value);
       return -1;
+    case ChildEnd::kTimedOut:
+      ZLOG_ERROR("OPS60010", "%s: process terminated abnormally, err=%s, status=%d\n", __func__,
+                 "it took too long", kTimedOut);
+      return kTimedOut;
     default: {
       const int number = result.end == ChildEnd::kSignalled ? result.value : 0;
       ZLOG_ERROR("OPS60010", "%s: process terminated abnormally, err=%s, status=%d\n", __func__,

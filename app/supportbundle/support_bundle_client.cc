@@ -142,9 +142,9 @@ void SupportBundleClient::Generate(std::string_view payload, const Road& road) {
       status = BundleStatus::kBusy;
       generate_id = info.request().generate_id;
     } else {
+      info.request() = std::move(request);
       info.SetState(BundleStatus::kRequested);
       info.Touch();
-      info.request() = std::move(request);
     }
   }
   if (status == BundleStatus::kBusy) {

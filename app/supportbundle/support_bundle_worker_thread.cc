@@ -70,13 +70,15 @@ class NamedBundles {
   std::deque<TempBundleLinkResource> held_;
 };
 
-// An agent that was killed has left its bundle.
-void RemoveLeftovers() {
+// Removes the bundles whose names end so.
+void RemoveLeftovers(const std::string& name_end, const char* whose) {
   std::error_code unreadable;
-  for (const auto& entry : std::filesystem::directory_iterator(kFolder, unreadable)) {
-    if (!entry.path().filename().string().starts_with(kBundlePrefix)) continue;
-    ZLOG_INFO("%s was left by an agent before", entry.path().c_str());
-    const TempBundleLinkResource removed(entry.path());
+  for (std::filesystem::directory_iterator at(kFolder, unreadable), end; !unreadable && at != end;
+       at.increment(unreadable)) {
+    const std::string name = at->path().filename().string();
+    if (!name.starts_with(kBundlePrefix) || !name.ends_with(name_end)) continue;
+    ZLOG_INFO("%s was left by %s", at->path().c_str(), whose);
+    const TempBundleLinkResource removed(at->path());
   }
 }
 
@@ -94,7 +96,7 @@ void SupportBundleWorkerThread::Reset() {
 
 void SupportBundleWorkerThread::Run() {
   ZLOG_INFO("Support bundle worker thread started");
-  RemoveLeftovers();
+  RemoveLeftovers("", "an agent before");
   while (!stop_.WaitFor(kPollPeriod)) Pass();
 }
 
@@ -125,12 +127,15 @@ void SupportBundleWorkerThread::Process(BundleRequest& request) {
   ZLOG_INFO("Processing new bundle request");
   std::string output;
   std::string error;
+  pid_t pid = -1;
   const int result =
       ExecuteCmd({scripts_.interpreter, scripts_.collect, kFolder, request.first_text, request.content,
                   std::to_string(request.number), request.flag ? "true" : "false"},
-                 "", &output, &error, &stopping_);
+                 "", &output, &error, &stopping_, scripts_.collect_limit, &pid);
   const NamedBundles bundles(output);
   if (result != 0) {
+    // A script that was killed has told no name.
+    if (pid > 0) RemoveLeftovers("-" + std::to_string(pid) + ".tgz", "a script that was ended");
     const std::string out = Printed(output, request);
     const std::string err = Printed(error, request);
     ZLOG_ERROR("OPS60014", "Error invoking collect script, ret: %d, output: %s, error: %s\n", result,
@@ -160,8 +165,9 @@ void SupportBundleWorkerThread::Upload(BundleRequest& request, const std::string
   ZLOG_INFO("Uploading bundle");
   std::string output;
   std::string error;
+  pid_t pid = -1;
   const int result = ExecuteCmd({scripts_.interpreter, scripts_.upload, local_path}, std::move(*text),
-                                &output, &error, &stopping_);
+                                &output, &error, &stopping_, scripts_.upload_limit, &pid);
   if (result != 0) {
     const std::string out = Printed(output, request);
     const std::string err = Printed(error, request);

@@ -15,6 +15,10 @@ struct BundleScripts {
   std::string interpreter = "/usr/bin/python";
   std::string collect = "/opt/orlane/zem-tarvik/libexec/sbundle-collect.py";
   std::string upload = "/opt/orlane/zem-tarvik/libexec/sbundle-upload.py";
+  // The scripts watch their own time; this is for one that is stopped or stuck, which would hold up all
+  // bundles to come.  An upload may send a gigabyte over a slow line.
+  Duration collect_limit = std::chrono::minutes(15);
+  Duration upload_limit = std::chrono::hours(6);
 };
 
 /// Takes the manager's request, collects the bundle and sends it.  Whatever happens, no bundle is left

@@ -22,7 +22,8 @@ constexpr const char* kTemporary = "/tmp";
 // files only the owner may, and in a folder of our own user as well.
 bool IsBelowTemporary(const fs::path& path) {
   const fs::path relative = path.lexically_relative(kTemporary);
-  if (!path.is_absolute() || path != path.lexically_normal() || relative.empty() || !path.has_filename())
+  if (!path.is_absolute() || path != path.lexically_normal() || relative.empty() || relative == "." ||
+      !path.has_filename())
     return false;
   fs::path folder = kTemporary;
   for (const fs::path& part : relative.parent_path()) {

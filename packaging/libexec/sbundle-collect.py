@@ -20,6 +20,7 @@ error of this script; 124 it took longer than ten minutes; 27 somebody ended it.
 import ctypes
 import fnmatch
 import gzip
+import html
 import io
 import json
 import os
@@ -31,6 +32,7 @@ import subprocess
 import sys
 import tarfile
 import time
+import urllib.parse
 import xml.etree.ElementTree
 
 EXIT_FOLDER, EXIT_ENDED, EXIT_SPACE, EXIT_USAGE, EXIT_NOTHING, EXIT_BROKEN, EXIT_TIME = 4, 27, 63, 64, 68, 70, 124
@@ -62,18 +64,50 @@ TOOL_SECONDS = 10
 COMMAND_SOCKET = "/var/run/orlane/zem-tarvik/tarvik-cli"
 COMMAND_SECONDS = 3
 LONGEST_ANSWER = 8 << 20
+# Commands without an answer, after which no more are asked.
+MOST_SILENT = 3
 
-NAME = r"(?:pass(?:wd|word|phrase)?|pwd|secret|token|private_?key|api_?key|credentials?|psk|community)"
+NAME = (r"(?:pass(?:wd|word|phrase|code)?|pwd|secret|token|credentials?|psk|community|cookie|jsessionid"
+        r"|(?:private|api|access|encryption|shared|signing)[ _-]?key)")
 SECRET_NAME = re.compile(NAME, re.IGNORECASE)
-# NAME=VALUE, "NAME": "VALUE", <NAME>VALUE</NAME>, NAME VALUE of an attribute.
-ASSIGNED = re.compile(r"""(?P<name>[\w.-]*""" + NAME + r"""[\w.-]*)(?P<mark>["']?\s*(?:[:=]|\\u003d)\s*)"""
-                      r"""(?P<value>"(?:\\.|[^"\\\n])*"|'[^'\n]*'|[^\s"',;<>&}\]]+)""", re.IGNORECASE)
-ELEMENT = re.compile(r"(?P<open><(?P<tag>[\w:.-]*" + NAME + r"[\w:.-]*)(?:\s[^<>]*)?>)(?P<value>[^<]*)(?=</(?P=tag)\s*>)",
-                     re.IGNORECASE)
-SCHEME = re.compile(r"\b(?P<name>Bearer|Basic)\s+(?P<value>[A-Za-z0-9+/=._~-]{6,})")
-USER_INFO = re.compile(r"(?P<open>://[^\s/:@]+:)(?P<value>[^\s/@]+)(?=@)")
-KEY_BEGIN = re.compile(r"-----BEGIN [A-Z ]*PRIVATE KEY-----")
-KEY_END = re.compile(r"-----END [A-Z ]*PRIVATE KEY-----")
+# One of these stands in every line that the patterns below can match: looking for them is what makes most lines cheap.
+WORDS = ("pass", "pwd", "secret", "token", "credential", "psk", "community", "cookie", "jsessionid", "key", "authorization",
+         "bearer", "basic", "://", "eyj", "$")
+# All repetitions within a word have a limit, else a long word would take the square of its length.
+REST = r"[\w.-]{0,64}"
+QUOTED = r"""[bu]?(?:"(?:\\.|[^"\\\n])*"|'(?:\\.|[^'\\\n])*')|(?P<slashes>\\+)(?P<quote>["']).*?(?P=slashes)(?P=quote)"""
+# NAME=VALUE, "NAME": VALUE, NAME="VALUE" of an attribute, also as a text within a text.  Without quotes around the name the
+# value goes on to the next blank.
+ASSIGNED = re.compile(
+    r"(?P<open>" + NAME + REST + r"""(?:(?P<quoted>\\*["']|&quot;|%22)?\s*(?::=|=>|==?|:|\\u003d|%3D)\s*))"""
+    r"(?P<value>" + QUOTED + r"""|\\*["'].*|\{[^{}\n]*\}|\[[^\[\]\n]*\]|[{\[].*|(?(quoted)[^\s"',;<>&}\]]+|\S+))""",
+    re.IGNORECASE)
+NEXT_LINE = re.compile(r"(?P<open>" + NAME + REST + r"""["']\s*:\s*\n\s*)(?P<value>"(?:\\.|[^"\\\n])*")""", re.IGNORECASE)
+# "name": "NAME", "value": "VALUE", with anything between that is no other object.
+PAIR = re.compile(r"""(?P<open>["'][\w .:-]{0,64}?""" + NAME + REST + r"""\\*["'][^<>{}\n]{0,200}?\bvalue\\*["']?\s*[:=]\s*)"""
+                  r"(?P<value>" + QUOTED + ")", re.IGNORECASE)
+OPTION = re.compile(r"(?P<open>(?:--?[\w.-]{0,64}?" + NAME + REST + r"|\bsshpass\s+-p)\s+)(?P<value>" + QUOTED + r"|\S+)",
+                    re.IGNORECASE)
+ELEMENT = re.compile(r"(?P<open><(?P<tag>[\w:.-]{0,64}?" + NAME + r"[\w:.-]{0,64})(?:\s[^<>]*)?>)"
+                     r"(?P<value>(?:<!\[CDATA\[.*?\]\]>|[^<])+)(?=</(?P=tag)\s*>)", re.IGNORECASE | re.DOTALL)
+ESCAPED_ELEMENT = re.compile(r"(?P<open>&lt;(?P<tag>[\w:.-]{0,64}?" + NAME + r"[\w:.-]{0,64})&gt;)"
+                             r"(?P<value>.{1,1024}?)(?=&lt;/(?P=tag)&gt;)", re.IGNORECASE)
+HEADER = re.compile(r"""(?P<open>authorization\\*["']?\s*[:=]\s*)(?P<value>""" + QUOTED + r"|.*)", re.IGNORECASE)
+SCHEME = re.compile(r"(?P<open>\b(?:Bearer|Basic)\s+)(?P<value>[A-Za-z0-9+/=._~-]{6,})", re.IGNORECASE)
+USER_INFO = re.compile(r"""(?P<open>://[^\s/:@]{0,256}:)(?P<value>[^\s"'<>]{1,512})(?=@)""")
+WEB_TOKEN = re.compile(r"(?P<open>)(?P<value>\beyJ[\w-]{5,4096}\.[\w-]{5,4096}\.[\w-]*)")
+HASH = re.compile(r"(?P<open>\$(?:1|2[abxy]|5|6|y)\$)(?P<value>[\w./$=,-]{8,})")
+IN_LINES = (HEADER, SCHEME, PAIR, ASSIGNED, OPTION, ESCAPED_ELEMENT, USER_INFO, WEB_TOKEN, HASH)
+# Of a key whose first line was cut off.
+KEY_LINE = re.compile(r"\s*[A-Za-z0-9+/=]{60,}\s*")
+KEY_BEGIN = re.compile(r"-{4,5} ?BEGIN [A-Z0-9 ]*PRIVATE KEY(?: BLOCK)? ?-{4,5}")
+KEY_END = re.compile(r"-{4,5} ?END [A-Z0-9 ]*PRIVATE KEY(?: BLOCK)? ?-{4,5}")
+# Says nothing by itself, under whatever name it stands.
+NO_SECRET = re.compile(r"(?:true|false|yes|no|null|none|\d{1,3})?", re.IGNORECASE)
+
+
+def hide(match):
+    return match.group("open") + HIDDEN
 
 
 class Failed(Exception):
@@ -87,22 +121,35 @@ class Secrets:
 
     def __init__(self):
         self.known = set()
+        # Too short to be looked for anywhere but as a whole value of an option.
+        self.short = set()
 
     def learn(self, value):
         value = value.strip().strip("\"'")
-        if len(value) >= SHORTEST_SECRET and value != HIDDEN:
-            self.known.add(value)
+        if HIDDEN in value or NO_SECRET.fullmatch(value):
+            return
+        if len(value) < SHORTEST_SECRET:
+            self.short.add(value)
+            return
+        # A text holds it as its own format writes it.
+        self.known.update((value, json.dumps(value)[1:-1], json.dumps(value, ensure_ascii=False)[1:-1],
+                           html.escape(value), html.escape(value, quote=False), urllib.parse.quote(value, safe="")))
+        for line in value.splitlines():
+            if len(line.strip()) >= SHORTEST_SECRET:
+                self.known.add(line.strip())
 
     def learn_from(self, text):
-        for pattern in (ASSIGNED, ELEMENT, USER_INFO):
+        for pattern in (ASSIGNED, PAIR, NEXT_LINE, ELEMENT, USER_INFO):
             for match in pattern.finditer(text):
-                self.learn(match.group("value"))
+                if not match.group("value").startswith(("{", "[")):
+                    self.learn(match.group("value").rstrip(",;"))
 
     def learn_below(self, node, hidden=False):
         """The values of a JSON document that stand below a secret's name."""
         if isinstance(node, dict):
+            named = any(isinstance(node.get(key), str) and SECRET_NAME.search(node[key]) for key in ("name", "key"))
             for name, value in node.items():
-                self.learn_below(value, hidden or SECRET_NAME.search(name) is not None)
+                self.learn_below(value, hidden or SECRET_NAME.search(name) is not None or (named and name == "value"))
         elif isinstance(node, list):
             for value in node:
                 self.learn_below(value, hidden)
@@ -111,13 +158,14 @@ class Secrets:
 
     def learn_tree(self, element, hidden=False):
         hidden = hidden or SECRET_NAME.search(element.tag) is not None
+        named = any(SECRET_NAME.search(element.get(key, "")) for key in ("name", "key"))
         for name, value in element.attrib.items():
-            if hidden or SECRET_NAME.search(name):
+            if hidden or SECRET_NAME.search(name) or (named and name == "value"):
                 self.learn(value)
-        if hidden and element.text:
+        if (hidden or named) and element.text:
             self.learn(element.text)
         for child in element:
-            self.learn_tree(child, hidden)
+            self.learn_tree(child, hidden or named)
 
     def learn_option(self, text):
         self.learn_from(text)
@@ -130,28 +178,42 @@ class Secrets:
         except xml.etree.ElementTree.ParseError:
             pass
 
-    def clean_line(self, line):
-        line = ASSIGNED.sub(lambda match: match.group("name") + match.group("mark") + HIDDEN, line)
-        line = ELEMENT.sub(lambda match: match.group("open") + HIDDEN, line)
-        line = SCHEME.sub(lambda match: match.group("name") + " " + HIDDEN, line)
-        line = USER_INFO.sub(lambda match: match.group("open") + HIDDEN, line)
+    def clean_option(self, text):
+        text = self.clean(text)
+        for value in self.short:
+            text = re.sub(r"(?<=[>\"'])(\s*)" + re.escape(value) + r"(?=\s*[<\"'])", r"\1" + HIDDEN, text)
+        return text
+
+    def clean(self, text):
+        text = text.replace("\0", "")
         # The longest first, since one may be a part of another.
         for value in sorted(self.known, key=len, reverse=True):
-            line = line.replace(value, HIDDEN)
-        return line
+            text = text.replace(value, HIDDEN)
+        text = NEXT_LINE.sub(hide, ELEMENT.sub(hide, text))
+        return "".join(self.without_keys(text.splitlines(keepends=True)))
 
-    def clean(self, lines):
-        """Without private keys, which stand on lines of their own."""
+    def without_keys(self, lines):
+        """The lines, each cleaned; without private keys, which stand on lines of their own."""
         in_key = False
         for line in lines:
-            if not in_key and KEY_BEGIN.search(line):
+            if not in_key and "BEGIN" in line and KEY_BEGIN.search(line):
                 in_key = not KEY_END.search(line)
                 yield HIDDEN + "\n"
-                continue
-            if in_key:
+            elif in_key:
                 in_key = not KEY_END.search(line)
-                continue
-            yield self.clean_line(line)
+            elif KEY_LINE.fullmatch(line):
+                yield HIDDEN + "\n"
+            else:
+                yield self.clean_line(line)
+
+    @staticmethod
+    def clean_line(line):
+        lower = line.lower()
+        if not any(word in lower for word in WORDS):
+            return line
+        for pattern in IN_LINES:
+            line = pattern.sub(hide, line)
+        return line
 
 
 def allowed_files(patterns):
@@ -174,9 +236,11 @@ def allowed_files(patterns):
 
 def open_allowed(path):
     fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
-    if not stat.S_ISREG(os.fstat(fd).st_mode):
+    info = os.fstat(fd)
+    # Another name of a file from elsewhere would bring that file along.
+    if not stat.S_ISREG(info.st_mode) or info.st_nlink > 1:
         os.close(fd)
-        raise OSError("no regular file any more")
+        raise OSError("no regular file of its own")
     return os.fdopen(fd, "rb")
 
 
@@ -204,7 +268,7 @@ class Bundle:
         self.members += 1
 
     def add_text(self, name, text, modified=None):
-        self.add(name, "".join(self.secrets.clean(text.splitlines(keepends=True))).encode("utf-8", "replace"), modified)
+        self.add(name, self.secrets.clean(text).encode("utf-8", "replace"), modified)
 
     def note(self, name, text):
         self.notes.append("%s: %s\n" % (name, text))
@@ -219,7 +283,8 @@ class Bundle:
 
 def read_option(path):
     with open_allowed(path) as file:
-        return file.read(LARGEST_OPTION).decode("utf-8", "replace")
+        # Also one in an encoding of two bytes can be searched then.
+        return file.read(LARGEST_OPTION).decode("utf-8", "replace").replace("\0", "")
 
 
 def add_options(bundle):
@@ -234,7 +299,7 @@ def add_options(bundle):
         texts.append((path, text, info.st_mtime))
     # Only when all are known: one file may repeat what is secret in another.
     for path, text, modified in texts:
-        bundle.add_text("options" + path, text, modified)
+        bundle.add("options" + path, bundle.secrets.clean_option(text).encode("utf-8", "replace"), modified)
 
 
 def read_log(path, limit):
@@ -286,19 +351,39 @@ def ask(client, method, number):
     raise OSError("the answer is too long")
 
 
+def connected():
+    client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    try:
+        client.settimeout(COMMAND_SECONDS)
+        client.connect(COMMAND_SOCKET)
+    except OSError:
+        client.close()
+        raise
+    return client
+
+
 def add_answers(bundle):
     """What the agent answers to each of its "get/..." commands; nothing of a dead one, and no long wait for one that hangs."""
-    client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    client.settimeout(COMMAND_SECONDS)
     try:
-        client.connect(COMMAND_SOCKET)
-        names = re.findall(r"^\s*(get/\S+)", ask(client, "list-commands", 0), re.MULTILINE)
-        for number, name in enumerate(names, 1):
-            bundle.add_text("commands/" + name.replace("/", "_"), ask(client, name, number) + "\n")
+        with connected() as client:
+            names = re.findall(r"^\s*(get/\S+)", ask(client, "list-commands", 0), re.MULTILINE)
     except (OSError, KeyError, TypeError, AttributeError) as error:
         bundle.note("commands", "the agent does not answer: %s" % error)
-    finally:
-        client.close()
+        return
+    silent = 0
+    for number, name in enumerate(names, 1):
+        try:
+            # A connection each: an answer that is late belongs to no other command.
+            with connected() as client:
+                text = ask(client, name, number) + "\n"
+        except (OSError, KeyError, TypeError, AttributeError) as error:
+            bundle.note("commands/" + name, "no answer: %s" % error)
+            silent += 1
+            if silent == MOST_SILENT:
+                bundle.note("commands", "the agent does not answer any more")
+                return
+            continue
+        bundle.add_text("commands/" + name.replace("/", "_"), text)
 
 
 def agents():

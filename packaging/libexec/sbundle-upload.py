@@ -155,7 +155,7 @@ def send_to_manager(path, request):
 
 def known_hosts(server, port, wanted):
     """The server's line for known_hosts, when its key is the expected one."""
-    scan = subprocess.run(["ssh-keyscan", "-T", str(CONNECT_SECONDS), "-p", str(port), server],
+    scan = subprocess.run(["ssh-keyscan", "-T", str(CONNECT_SECONDS), "-p", str(port), "--", server],
                           stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
     lines = [line for line in scan.stdout.splitlines() if line and not line.startswith("#")]
     if not lines:
@@ -199,9 +199,17 @@ def send_to_file_server(path, info):
     return f"FS {os.path.basename(path)} sent to {server}"
 
 
+def ended(number, _frame):
+    # The next one comes when the caller has lost patience; it must not break the way out off.
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    signal.signal(signal.SIGTERM, signal.SIG_IGN)
+    raise SystemExit(128 + number)
+
+
 def main(arguments):
-    # The caller ends us by an interrupt; a trace of where that found us helps nobody.
-    signal.signal(signal.SIGINT, signal.SIG_DFL)
+    # On the way out the client of the file server ends as well, and its folder goes.
+    signal.signal(signal.SIGINT, ended)
+    signal.signal(signal.SIGTERM, ended)
     # Nobody would wait for the outcome once the agent is gone.
     ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGTERM, 0, 0, 0)
     try:

@@ -39,10 +39,11 @@ class AnswersKept final : public SupportBundleClient {
 class SupportBundleTest : public ChannelTest {
  protected:
   // Shell scripts: the collecting one and the sending one, whose first argument is the bundle.
-  void Start(const std::string& collect, const std::string& upload) {
-    client_ = std::make_unique<AnswersKept>(
-        provider,
-        BundleScripts{"/bin/sh", directory_.Write("collect", collect), directory_.Write("upload", upload)});
+  void Start(const std::string& collect, const std::string& upload,
+             Duration limit = std::chrono::minutes(1)) {
+    client_ = std::make_unique<AnswersKept>(provider,
+                                            BundleScripts{"/bin/sh", directory_.Write("collect", collect),
+                                                          directory_.Write("upload", upload), limit, limit});
     ASSERT_TRUE(client_->Start());
   }
   ~SupportBundleTest() override {
@@ -113,6 +114,24 @@ TEST_F(SupportBundleTest, APass) {
   clock.RunFor(seconds(10));
   EXPECT_EQ(Status("h"), (Answer{"h", 11, ""})) << "and a cancelled one is not begun";
   EXPECT_EQ(log.Count(kPassword), 0U);
+}
+
+// Neither a script that is killed before it names its bundle nor one that is stuck holds anything up.
+TEST_F(SupportBundleTest, ScriptsThatAreKilledOrStuck) {
+  const std::string bundle = "/tmp/zem-sbundle-test-";
+  Start("echo $$ > " + directory_.Path("pid") + "; touch " + bundle + "$$.tgz; [ -e " +
+            directory_.Path("stuck") + " ] && exec sleep 1000; kill -KILL $$",
+        "exit 1", seconds(2));
+  for (const uint32_t status : {13U, 14U}) {
+    Generate("g");
+    clock.RunFor(seconds(6));
+    if (status == 14U) clock.RunFor(seconds(2));
+    EXPECT_EQ(Status("g"), (Answer{"g", status, ""}));
+    std::string pid = directory_.Read("pid");
+    pid.pop_back();
+    EXPECT_FALSE(std::filesystem::exists(bundle + pid + ".tgz"));
+    directory_.Write("stuck", "");
+  }
 }
 
 // A script that prints what it was given must not put it into the log.

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "framework/process/child_process.h"
 #include "sim/uploads/upload_sink.h"
 #include "tests/support/temp_dir.h"
@@ -117,6 +119,29 @@ TEST_F(UploadScriptTest, PasswordMayHoldAnythingAndIsNeverShown) {
   EXPECT_THAT(sent.errors, HasSubstr("shows no host key")) << "the request was understood";
   EXPECT_THAT(sent.output + sent.errors, ::testing::Not(HasSubstr("ss\"")));
   EXPECT_TRUE(sink_.state().uploads.empty()) << "what is for the file server does not go to the manager";
+}
+
+// The agent's stop interrupts the script while the client of the file server runs.
+TEST_F(UploadScriptTest, NothingIsLeftWhenItIsEnded) {
+  std::filesystem::create_directory(folder_.Path("bin"));
+  folder_.Write("bin/ssh-keyscan", "#!/bin/sh\necho h ssh-ed25519 AAAA\n");
+  folder_.Write("bin/scp",
+                "#!/bin/sh\nkill -INT $PPID\nsleep 2\ntouch " + folder_.Path("still-there") + "\n");
+  for (const char* tool : {"bin/ssh-keyscan", "bin/scp"})
+    std::filesystem::permissions(folder_.Path(tool), std::filesystem::perms::owner_all);
+  std::filesystem::create_directory(folder_.Path("tmp"));
+  Tarvik::ChildProcess::Options options;
+  options.argv = {"/usr/bin/python3", std::string(ZEM_AGENT_SCRIPTS) + "/sbundle-upload.py"};
+  options.environment = {"PATH=" + folder_.Path("bin") + ":/usr/bin:/bin", "TMPDIR=" + folder_.Path("tmp")};
+  // The fingerprint is the one of the three bytes of the key.
+  options.input = Bundle(
+      ", \"file_server_info\": {\"server\": \"h\", \"port\": 22, \"uri\": \"/d\", \"protocol\": {\"name\": "
+      "\"scp\", \"ssh_fingerprint\": \"709e80c88487a2411e1ee4dfb9f22a861492d20c4765150c0c794abd70f8147c\", "
+      "\"authentication_scheme\": {\"scheme_name\": \"password\", \"username\": \"u\", \"password\": "
+      "\"p\"}}}");
+  EXPECT_EQ(Tarvik::ChildProcess(std::move(options)).Run().value, 128 + 2);
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.Path("tmp")));
+  EXPECT_FALSE(std::filesystem::exists(folder_.Path("still-there")));
 }
 
 TEST_F(UploadScriptTest, WrongRequestsAreRefusedWithAReason) {
