@@ -80,7 +80,7 @@ TEST_F(MonitorHubTest, StreamBeginsWithWhatIsThereAndFollowsBatches) {
   Modify({Put("a"), Put("b")});
   const auto sink = Open("m", {Watch(kType)});
   EXPECT_EQ(sink->Take(), "7a 7b | ");
-  Modify({Put("c"), Delete("a"), Put("x", {}, ObjectType::IP_REPUTATION_RECORD_EVENT)});
+  Modify({Put("c"), Delete("a"), Put("x", {}, ObjectType::TN_DESIRED_CONFIG_23)});
   EXPECT_EQ(sink->Take(), "7c 8a | ") << "one mark for the batch, and nothing of other types";
   Modify({Delete("never")});
   EXPECT_EQ(sink->Take(), "");
@@ -127,8 +127,7 @@ TEST_F(MonitorHubTest, ConfigureChangesARunningStreamOrNothing) {
 
   const int invalid = static_cast<int>(StatusCode::kInvalidArgument);
   EXPECT_EQ(Configure({Watch(kType)}, {}, {}), invalid);
-  EXPECT_EQ(Configure({Watch(ObjectType::IP_REPUTATION_RECORD_EVENT)}, {Watch(ObjectType::BARRIER)}, {}),
-            invalid);
+  EXPECT_EQ(Configure({Watch(ObjectType::TN_DESIRED_CONFIG_23)}, {Watch(ObjectType::BARRIER)}, {}), invalid);
   EXPECT_EQ(Configure({}, {}, {UpdateOf(ObjectType::BARRIER, {}, {})}), invalid);
   EXPECT_EQ(Configure({}, {}, {UpdateOf(kType, {}, {Where("id", WhereMsg::EQUAL, "a")})}), invalid);
   EXPECT_EQ(Configure({}, {Watch(kType)}, {}, "stranger"), invalid);
@@ -163,12 +162,12 @@ TEST_F(MonitorHubTest, IdsBelongToTheirClientAndVDbsEndTheirStreams) {
 
 // A client that stops reading must neither lose updates silently nor fill the store's memory.
 TEST_F(MonitorHubTest, SlowStreamsCatchUpOrEnd) {
-  const auto slow = Open("m", {Watch(ObjectType::IP_REPUTATION_RECORD_EVENT)});
-  const auto other = Open("n", {Watch(ObjectType::IP_REPUTATION_RECORD_EVENT)});
+  const auto slow = Open("m", {Watch(ObjectType::TN_DESIRED_CONFIG_23)});
+  const auto other = Open("n", {Watch(ObjectType::TN_DESIRED_CONFIG_23)});
   slow->Take();
   const auto put = [this](size_t bytes) {
     std::vector<proto::ModifyRequestMsg> batch(1);
-    *batch[0].add_modify_msg() = Put("x", {}, ObjectType::IP_REPUTATION_RECORD_EVENT);
+    *batch[0].add_modify_msg() = Put("x", {}, ObjectType::TN_DESIRED_CONFIG_23);
     batch[0].mutable_modify_msg(0)->mutable_put_msg()->set_object(std::string(bytes, 'x'));
     ASSERT_TRUE(store.Modify(batch).ok());
   };
