@@ -98,7 +98,7 @@ BLOCK = re.compile(r"(?P<open>" + NAME + REST + r"""["']\s*:\s*[{\[])(?P<value>(
 ESCAPED_ELEMENT = re.compile(r"(?P<open>&lt;(?P<tag>[\w:.-]{0,64}?" + NAME + r"[\w:.-]{0,64})&gt;)"
                              r"(?P<value>.{1,1024}?)(?=&lt;/(?P=tag)&gt;)", re.IGNORECASE)
 HEADER = re.compile(r"""(?P<open>authorization\\*["']?\s*[:=]\s*)(?P<value>""" + QUOTED + r"|.*)", re.IGNORECASE)
-SCHEME = re.compile(r"(?P<open>\b(?:Bearer|Basic)\s+)(?P<value>[A-Za-z0-9+/=._~-]{6,})", re.IGNORECASE)
+SCHEME = re.compile(r"(?P<open>\b(?:[Bb]earer|Basic)\s+)(?P<value>[A-Za-z0-9+/=._~-]{6,})")
 USER_INFO = re.compile(r"""(?P<open>//[^\s/:@]{0,256}:)(?P<value>[^\s"'<>]{1,512})(?=@)""")
 WEB_TOKEN = re.compile(r"(?P<open>)(?P<value>\beyJ[\w-]{5,4096}\.[\w-]{5,4096}\.[\w-]*)")
 HASH = re.compile(r"(?P<open>\$(?:1|2[abxy]|5|6|y)\$)(?P<value>[\w./$=,-]{8,})")
