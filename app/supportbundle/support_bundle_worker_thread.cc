@@ -54,15 +54,18 @@ std::string Printed(std::string text, const BundleRequest& request) {
   return text;
 }
 
-// The bundles that a script names, each on a line of its own; removed with the object.
+// The bundles that a script names, each on a line of its own; removed with the object.  Among other lines
+// only what is surely a bundle counts: a script may list the files that it has read.
 class NamedBundles {
  public:
   explicit NamedBundles(const std::string& output) {
     std::deque<std::string> lines;
-    boost::split(lines, output, boost::is_any_of("\n"));
+    boost::split(lines, boost::trim_copy(output), boost::is_any_of("\n"));
     for (std::string& line : lines) {
       boost::trim(line);
-      if (line.starts_with('/') && line.size() < kMostPrinted) held_.emplace_back(line);
+      const bool is_bundle =
+          lines.size() == 1 || std::filesystem::path(line).filename().string().starts_with(kBundlePrefix);
+      if (is_bundle && line.starts_with('/') && line.size() < kMostPrinted) held_.emplace_back(line);
     }
   }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <boost/algorithm/string/trim.hpp>
+#include <utility>
 
 #include "framework/hostapi/script_output.h"
 #include "framework/log/log.h"
@@ -117,6 +118,8 @@ void LumClient::HandleErrorTimer() {
   {
     const std::lock_guard lock(state_mutex_);
     error_timer_.reset();
+    // A start may go on for long, with failures; each must not take another thread of the group.
+    if (std::exchange(reset_waits_, true)) return;
   }
   Enqueue([this] { LinkErrorHandleInt(); });
 }
@@ -141,6 +144,10 @@ void LumClient::Start() {
 void LumClient::LinkErrorHandleInt() {
   ZLOG_INFO("LinkErrorHandleInt call...");
   const std::lock_guard sequence(sequence_mutex_);
+  {
+    const std::lock_guard lock(state_mutex_);
+    reset_waits_ = false;
+  }
   // A start that was under way may have healed the failure already.
   if (!Going() || (state() == State::kRunning && AllUp())) return;
   Reset();

@@ -111,6 +111,7 @@ class LumClient : public RefCounted<LumClient, IRefCountable> {
   State state_ = State::kStopped;
   std::map<std::string, boost::intrusive_ptr<LumLink>> links_;
   std::shared_ptr<Timer> error_timer_;
+  bool reset_waits_ = false;  // for the sequence that is running; one is enough
 };
 
 }  // namespace zem::Tarvik

@@ -72,7 +72,7 @@ NAME = (r"(?:pass(?:wd|word|phrase|code)?|pwd|secret|token|credentials?|psk|comm
 SECRET_NAME = re.compile(NAME, re.IGNORECASE)
 # One of these stands in every line that the patterns below can match: looking for them is what makes most lines cheap.
 WORDS = ("pass", "pwd", "secret", "token", "credential", "psk", "community", "cookie", "jsessionid", "key", "authorization",
-         "bearer", "basic", "://", "eyj", "$")
+         "bearer", "basic", "//", "eyj", "$")
 # All repetitions within a word have a limit, else a long word would take the square of its length.
 REST = r"[\w.-]{0,64}"
 QUOTED = r"""[bu]?(?:"(?:\\.|[^"\\\n])*"|'(?:\\.|[^'\\\n])*')|(?P<slashes>\\+)(?P<quote>["']).*?(?P=slashes)(?P=quote)"""
@@ -83,18 +83,23 @@ ASSIGNED = re.compile(
     r"(?P<value>" + QUOTED + r"""|\\*["'].*|\{[^{}\n]*\}|\[[^\[\]\n]*\]|[{\[].*|(?(quoted)[^\s"',;<>&}\]]+|\S+))""",
     re.IGNORECASE)
 NEXT_LINE = re.compile(r"(?P<open>" + NAME + REST + r"""["']\s*:\s*\n\s*)(?P<value>"(?:\\.|[^"\\\n])*")""", re.IGNORECASE)
+# Whether the two that go over several lines can match at all.
+OPENED = re.compile(r"""["'][^\S\n]*:[^\S\n]*[{\[\n]""")
 # "name": "NAME", "value": "VALUE", with anything between that is no other object.
 PAIR = re.compile(r"""(?P<open>["'][\w .:-]{0,64}?""" + NAME + REST + r"""\\*["'][^<>{}\n]{0,200}?\bvalue\\*["']?\s*[:=]\s*)"""
                   r"(?P<value>" + QUOTED + ")", re.IGNORECASE)
 OPTION = re.compile(r"(?P<open>(?:--?[\w.-]{0,64}?" + NAME + REST + r"|\bsshpass\s+-p)\s+)(?P<value>" + QUOTED + r"|\S+)",
                     re.IGNORECASE)
 ELEMENT = re.compile(r"(?P<open><(?P<tag>[\w:.-]{0,64}?" + NAME + r"[\w:.-]{0,64})(?:\s[^<>]*)?>)"
-                     r"(?P<value>(?:<!\[CDATA\[.*?\]\]>|[^<])+)(?=</(?P=tag)\s*>)", re.IGNORECASE | re.DOTALL)
+                     r"(?P<value>(?:[^<]+|.{1,1024}?))(?=</(?P=tag)\s*>)", re.IGNORECASE | re.DOTALL)
+# Of a document over several lines, which may be a broken one.
+BLOCK = re.compile(r"(?P<open>" + NAME + REST + r"""["']\s*:\s*[{\[])(?P<value>(?:[^{}\[\]]|[{\[][^{}\[\]]*[}\]])+)""",
+                   re.IGNORECASE)
 ESCAPED_ELEMENT = re.compile(r"(?P<open>&lt;(?P<tag>[\w:.-]{0,64}?" + NAME + r"[\w:.-]{0,64})&gt;)"
                              r"(?P<value>.{1,1024}?)(?=&lt;/(?P=tag)&gt;)", re.IGNORECASE)
 HEADER = re.compile(r"""(?P<open>authorization\\*["']?\s*[:=]\s*)(?P<value>""" + QUOTED + r"|.*)", re.IGNORECASE)
-SCHEME = re.compile(r"(?P<open>\b(?:Bearer|Basic)\s+)(?P<value>[A-Za-z0-9+/=._~-]{6,})", re.IGNORECASE)
-USER_INFO = re.compile(r"""(?P<open>://[^\s/:@]{0,256}:)(?P<value>[^\s"'<>]{1,512})(?=@)""")
+SCHEME = re.compile(r"(?P<open>\b(?:[Bb]earer|Basic)\s+)(?P<value>[A-Za-z0-9+/=._~-]{6,})")
+USER_INFO = re.compile(r"""(?P<open>//[^\s/:@]{0,256}:)(?P<value>[^\s"'<>]{1,512})(?=@)""")
 WEB_TOKEN = re.compile(r"(?P<open>)(?P<value>\beyJ[\w-]{5,4096}\.[\w-]{5,4096}\.[\w-]*)")
 HASH = re.compile(r"(?P<open>\$(?:1|2[abxy]|5|6|y)\$)(?P<value>[\w./$=,-]{8,})")
 IN_LINES = (HEADER, SCHEME, PAIR, ASSIGNED, OPTION, ESCAPED_ELEMENT, USER_INFO, WEB_TOKEN, HASH)
@@ -141,7 +146,7 @@ class Secrets:
     def learn_from(self, text):
         for pattern in (ASSIGNED, PAIR, NEXT_LINE, ELEMENT, USER_INFO):
             for match in pattern.finditer(text):
-                if not match.group("value").startswith(("{", "[")):
+                if not match.group("value").startswith(("{", "[")) and "<" not in match.group("value"):
                     self.learn(match.group("value").rstrip(",;"))
 
     def learn_below(self, node, hidden=False):
@@ -185,11 +190,13 @@ class Secrets:
         return text
 
     def clean(self, text):
-        text = text.replace("\0", "")
+        text = text.replace("\0", "").lstrip("\ufeff")
         # The longest first, since one may be a part of another.
         for value in sorted(self.known, key=len, reverse=True):
             text = text.replace(value, HIDDEN)
-        text = NEXT_LINE.sub(hide, ELEMENT.sub(hide, text))
+        text = ELEMENT.sub(hide, text)
+        if OPENED.search(text):
+            text = NEXT_LINE.sub(hide, BLOCK.sub(hide, text))
         return "".join(self.without_keys(text.splitlines(keepends=True)))
 
     def without_keys(self, lines):

@@ -119,8 +119,9 @@ TEST_F(SupportBundleTest, APass) {
 // Neither a script that is killed before it names its bundle nor one that is stuck holds anything up.
 TEST_F(SupportBundleTest, ScriptsThatAreKilledOrStuck) {
   const std::string bundle = "/tmp/zem-sbundle-test-";
-  Start("echo $$ > " + directory_.Path("pid") + "; touch " + bundle + "$$.tgz; [ -e " +
-            directory_.Path("stuck") + " ] && exec sleep 1000; kill -KILL $$",
+  Start("echo read; echo " + directory_.Write("listed", "") + "; echo $$ > " + directory_.Path("pid") +
+            "; touch " + bundle + "$$.tgz; [ -e " + directory_.Path("stuck") +
+            " ] && exec sleep 1000; kill -KILL $$",
         "exit 1", seconds(2));
   for (const uint32_t status : {13U, 14U}) {
     Generate("g");
@@ -130,6 +131,8 @@ TEST_F(SupportBundleTest, ScriptsThatAreKilledOrStuck) {
     std::string pid = directory_.Read("pid");
     pid.pop_back();
     EXPECT_FALSE(std::filesystem::exists(bundle + pid + ".tgz"));
+    EXPECT_TRUE(std::filesystem::exists(directory_.Path("listed")))
+        << "no bundle, though the script names it";
     directory_.Write("stuck", "");
   }
 }
