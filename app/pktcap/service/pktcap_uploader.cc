@@ -3,9 +3,9 @@
 #include <string.h>
 
 #include <algorithm>
-#include <cstdio>
 
 #include "app/pktcap/tools/tool_process.h"
+#include "framework/cli/json_writer.h"
 #include "framework/log/log.h"
 
 namespace zem::Tarvik {
@@ -16,25 +16,6 @@ constexpr LogSource kLog{"tarvik", "pktcap"};
 constexpr auto kUploadLimit = std::chrono::minutes(30);
 constexpr const char* kHidden = "******";
 constexpr size_t kLongestErrorLine = 1024;
-constexpr unsigned char kFirstPlain = 0x20;
-
-// As the inside of a JSON string.
-std::string Escaped(const std::string& text) {
-  std::string escaped;
-  for (const char c : text) {
-    if (c == '"' || c == '\\') {
-      escaped += '\\';
-      escaped += c;
-    } else if (static_cast<unsigned char>(c) < kFirstPlain) {
-      char code[8];
-      std::snprintf(code, sizeof(code), "\\u%04x", static_cast<unsigned>(c));
-      escaped += code;
-    } else {
-      escaped += c;
-    }
-  }
-  return escaped;
-}
 
 std::string UploadPath(const std::string& session_id, const std::string& token) {
   return "api/v1/pktcap/session/" + session_id + "/capturefile/" + token;
@@ -65,27 +46,10 @@ PktcapUploader::~PktcapUploader() {
 }
 
 std::string PktcapUploader::Input(const std::string& token) const {
-  return "{\n"
-         "\t\"local_path\":\"" +
-         Escaped(file_) +
-         "\",\n"
-         "\t\"generate_id\":\"" +
-         Escaped(token) +
-         "\",\n"
-         "\t\"manager_info\":{\n"
-         "\t\t\"manager_uri\":\"" +
-         Escaped(UploadPath(session_id_, token)) +
-         "\",\n"
-         "\t\t\"port\":" +
-         target_.port +
-         ",\n"
-         "\t\t\"server\":\"" +
-         Escaped(target_.server) +
-         "\",\n"
-         "\t\t\"thumbprint\":\"" +
-         Escaped(target_.fingerprint) +
-         "\"}\n"
-         "}\n";
+  return "{\n\t\"local_path\":" + JsonQuoted(file_) + ",\n\t\"generate_id\":" + JsonQuoted(token) +
+         ",\n\t\"manager_info\":{\n\t\t\"manager_uri\":" + JsonQuoted(UploadPath(session_id_, token)) +
+         ",\n\t\t\"port\":" + target_.port + ",\n\t\t\"server\":" + JsonQuoted(target_.server) +
+         ",\n\t\t\"thumbprint\":" + JsonQuoted(target_.fingerprint) + "}\n}\n";
 }
 
 bool PktcapUploader::Run() {
