@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "platform/core/text_repair.h"
+
 namespace zem {
 
 std::string JsonQuoted(std::string_view text) {
@@ -37,7 +39,7 @@ JsonValue JsonValue::Object() { return JsonValue(cJSON_CreateObject()); }
 JsonValue JsonValue::Array() { return JsonValue(cJSON_CreateArray()); }
 
 JsonValue& JsonValue::Add(const char* key, const char* text) {
-  return Add(key, JsonValue(cJSON_CreateString(text)));
+  return Add(key, JsonValue(cJSON_CreateString(RepairText(text).c_str())));
 }
 JsonValue& JsonValue::Add(const char* key, bool value) {
   return Add(key, JsonValue(cJSON_CreateBool(value)));
@@ -58,7 +60,9 @@ JsonValue& JsonValue::Append(JsonValue value) {
   cJSON_AddItemToArray(value_.get(), value.value_.release());
   return *this;
 }
-JsonValue& JsonValue::Append(const char* text) { return Append(JsonValue(cJSON_CreateString(text))); }
+JsonValue& JsonValue::Append(const char* text) {
+  return Append(JsonValue(cJSON_CreateString(RepairText(text).c_str())));
+}
 
 std::string JsonValue::Text() const {
   const std::unique_ptr<char, void (*)(void*)> text(cJSON_PrintUnformatted(value_.get()), &cJSON_free);

@@ -7,8 +7,8 @@
 #include <set>
 #include <sstream>
 
-#include "app/zemda/base/text_repair.h"
 #include "framework/log/log.h"
+#include "platform/core/text_repair.h"
 #include "proto/ida/ida.pb.h"
 
 namespace ZemDa {
@@ -34,7 +34,7 @@ void ReadFile(const fs::path& path, orlane::zem::ida::HostMsg* host) {
     for (const auto& [name, child] : tree.get_child("capabilityList")) {
       if (name != "capability") continue;
       const auto text = [&child = child](const char* what) {
-        return RepairText(child.get<std::string>(what, ""));
+        return zem::RepairText(child.get<std::string>(what, ""));
       };
       auto* const entry = host->add_capability_entry();
       entry->set_key(text("key"));

@@ -2,7 +2,7 @@
 
 #include <charconv>
 
-#include "app/zemda/base/text_repair.h"
+#include "platform/core/text_repair.h"
 
 namespace ZemDa {
 namespace {
@@ -35,7 +35,7 @@ bool ColumnTable::ReadHeader(std::string_view header, std::span<const char* cons
 std::string ColumnTable::Cell(std::string_view line, size_t column) const {
   if (column + 1 >= positions_.size() || positions_[column] >= line.size()) return {};
   // The positions are bytes, so a cut may fall into a character.
-  return RepairText(
+  return zem::RepairText(
       std::string(Trim(line.substr(positions_[column], positions_[column + 1] - positions_[column]))));
 }
 

@@ -3,11 +3,11 @@
 #include <optional>
 #include <utility>
 
-#include "app/zemda/base/text_repair.h"
 #include "app/zemda/hosttables/capabilities.h"
 #include "app/zemda/hosttables/physical_interfaces.h"
 #include "app/zemda/hosttables/virtual_interfaces.h"
 #include "framework/log/log.h"
+#include "platform/core/text_repair.h"
 
 namespace ZemDa {
 namespace {
@@ -22,7 +22,7 @@ constexpr size_t kMostReply = 1024;
 std::optional<std::string> Table(const HostTables::Run& run, const char* command, const char* description) {
   std::string output;
   const int status = run({command, description}, &output);
-  output = RepairText(std::move(output));
+  output = zem::RepairText(std::move(output));
   if (status == 0) return output;
   ZLOG_ERROR("MPA20006", "Failed to execute command %s with reply %s", command,
              output.substr(0, kMostReply).c_str());
@@ -44,7 +44,7 @@ void HostTables::AddInterfaces(const std::map<std::string, std::string>& propert
   AddPhysicalInterfaces(*physical, properties, host);
   std::string flags;
   const int status = run_({kFastPath, "fast path features"}, &flags);
-  flags = RepairText(std::move(flags));
+  flags = zem::RepairText(std::move(flags));
   if (status != 0 || !IsFastPathTable(flags)) {
     ZLOG_DEBUG("Host probably does not support ENS feature. Therefore command %s with reply %s", kFastPath,
                flags.substr(0, kMostReply).c_str());

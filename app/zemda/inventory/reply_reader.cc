@@ -4,9 +4,9 @@
 #include <sstream>
 #include <utility>
 
-#include "app/zemda/base/text_repair.h"
 #include "app/zemda/inventory/property_tables.h"
 #include "framework/log/log.h"
+#include "platform/core/text_repair.h"
 
 namespace ZemDa {
 namespace {
@@ -33,8 +33,8 @@ std::string DeviceOf(const std::string& path) {
 
 ReplyLine SplitLine(const std::string& line) {
   const size_t at = line.find('=');
-  if (at == std::string::npos) return {RepairText(line), {}};
-  return {RepairText(line.substr(0, at)), RepairText(line.substr(at + 1))};
+  if (at == std::string::npos) return {zem::RepairText(line), {}};
+  return {zem::RepairText(line.substr(0, at)), zem::RepairText(line.substr(at + 1))};
 }
 
 bool ReplyReader::AtBlockEnd() const {

@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "app/zemda/base/text_repair.h"
 #include "app/zemda/inventory/host_records.h"
 #include "app/zemda/inventory/qub_inventory_parser.h"
 #include "app/zemda/inventory/vm_records.h"
+#include "platform/core/text_repair.h"
 #include "proto/ida/ida.pb.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
@@ -187,10 +187,10 @@ TEST_F(InventoryTest, HostIsToldAgainOnlyWhenItChanges) {
 }
 
 TEST(TextRepairTest, OnlyWhatIsNoTextIsReplaced) {
-  EXPECT_EQ(RepairText("n\xc3\xa4me \xe2\x82\xac \xf0\x9f\x98\x80"),
+  EXPECT_EQ(zem::RepairText("n\xc3\xa4me \xe2\x82\xac \xf0\x9f\x98\x80"),
             "n\xc3\xa4me \xe2\x82\xac \xf0\x9f\x98\x80");
-  EXPECT_EQ(RepairText("a\xff\x80z\xc3"), "a??z?");
-  EXPECT_EQ(RepairText("\xed\xa0\x80\xc0\xaf\xf4\x90\x80\x80"), "?????????");
+  EXPECT_EQ(zem::RepairText("a\xff\x80z\xc3"), "a??z?");
+  EXPECT_EQ(zem::RepairText("\xed\xa0\x80\xc0\xaf\xf4\x90\x80\x80"), "?????????");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "framework/cli/builtin_commands.h"
+#include "framework/cli/json_writer.h"
 #include "framework/process/child_process.h"
 #include "platform/core/unique_fd.h"
 #include "platform/core/unix_socket.h"
@@ -283,6 +284,16 @@ TEST_F(CliServerTest, SignalsStayTheDaemons) {
     ::sigaction(signal, nullptr, &action);
     EXPECT_EQ(action.sa_handler, SIG_DFL) << signal;
   }
+}
+
+// A name comes from the manager; one byte that is no UTF-8 would cost the reader the whole answer.
+TEST(JsonValueTest, TextIsAlwaysUtf8) {
+  EXPECT_EQ(JsonValue::Object()
+                .Add("name",
+                     "w\xff"
+                     "b \xc3\xa9")
+                .Text(),
+            "{\"name\":\"w?b \xc3\xa9\"}");
 }
 
 }  // namespace

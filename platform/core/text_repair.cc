@@ -1,9 +1,9 @@
-#include "app/zemda/base/text_repair.h"
+#include "platform/core/text_repair.h"
 
 #include <cstddef>
 #include <cstdint>
 
-namespace ZemDa {
+namespace zem {
 namespace {
 
 // The length of the character that begins at `at`, 0 when there is none.
@@ -36,4 +36,4 @@ std::string RepairText(std::string text) {
   return text;
 }
 
-}  // namespace ZemDa
+}  // namespace zem
