@@ -1,8 +1,7 @@
 #include "app/supportbundle/worker_info.h"
 
-#include <openssl/crypto.h>
-
 #include "framework/log/log.h"
+#include "platform/core/wipe_text.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -11,10 +10,7 @@ constexpr LogSource kLog{"tarvik", "supportbundle"};
 
 }  // namespace
 
-void BundleRequest::WipePassword() {
-  OPENSSL_cleanse(file_password.data(), file_password.size());
-  file_password.clear();
-}
+void BundleRequest::WipePassword() { WipeText(&file_password); }
 
 void LockWorkerInfo::SetState(BundleStatus state) {
   ZLOG_DEBUG("bundle %s: status %u to %u", info_.request_.generate_id.c_str(),

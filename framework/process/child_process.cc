@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "platform/core/poll.h"
+#include "platform/core/wipe_text.h"
 #include "platform/knluser/knluser.h"
 
 namespace zem::Tarvik {
@@ -152,7 +153,7 @@ void ChildProcess::WriteInput(ChildResult* result) {
 }
 
 void ChildProcess::WipeInput() {
-  if (options_.secret_input) ::explicit_bzero(options_.input.data(), options_.input.size());
+  if (options_.secret_input) WipeText(&options_.input);
 }
 
 // Reads at most `pieces`, so that a stream without end leaves time for the flags.  False when the child has

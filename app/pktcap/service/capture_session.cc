@@ -2,6 +2,7 @@
 
 #include "app/pktcap/service/capture_points.h"
 #include "framework/log/log.h"
+#include "platform/core/wipe_text.h"
 
 namespace zem::Tarvik {
 namespace {

@@ -1,12 +1,11 @@
 #include "app/pktcap/service/pktcap_uploader.h"
 
-#include <string.h>
-
 #include <algorithm>
 
 #include "app/pktcap/tools/tool_process.h"
 #include "framework/cli/json_writer.h"
 #include "framework/log/log.h"
+#include "platform/core/wipe_text.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -22,11 +21,6 @@ std::string UploadPath(const std::string& session_id, const std::string& token) 
 }
 
 }  // namespace
-
-void WipeText(std::string* text) {
-  ::explicit_bzero(text->data(), text->capacity());
-  text->clear();
-}
 
 UploadTarget::~UploadTarget() {
   WipeText(&token);

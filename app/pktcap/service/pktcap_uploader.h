@@ -22,9 +22,6 @@ struct UploadTarget {
   std::string fingerprint;
 };
 
-/// Overwrites a text in memory and empties it.
-void WipeText(std::string* text);
-
 /// Hands one capture file to the host's upload helper.
 ///
 /// Threads: `Run` once, by a long-lived thread; `RequestStop` from any, also before.
