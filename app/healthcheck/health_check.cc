@@ -107,7 +107,7 @@ PendingResponse HealthCheck::FillResponse(const VerticalRecord& record, HealthCh
           .request = std::move(request)};
 }
 
-bool HealthCheck::Accept(PendingResponse response) {
+bool HealthCheck::Accept(const PendingResponse& response) {
   const std::string round = UuidText(response.request.round_id());
   // The entry may be taken and served as soon as it is told of, and the table's copy goes with it.
   PendingResponse waiting = response;

@@ -41,7 +41,7 @@ class HealthCheck : public std::enable_shared_from_this<HealthCheck> {
   void Receive(const VerticalRecord& record);
   PendingResponse FillResponse(const VerticalRecord& record,
                                orlane::zem::healthcheck::HealthCheckRequestMsg request) const;
-  bool Accept(PendingResponse response);
+  bool Accept(const PendingResponse& response);
   void PostPoll();
   void Poll();
   void Evict();

@@ -493,11 +493,11 @@ std::shared_ptr<LivetraceUploader> LivetraceApp::BeginUploadLocked(const Session
       captures_.PathOf(ending.barrier.pcap_file_name()),
       "api/v1/livetraces/" + std::to_string(session->id) + "/capturefile/" + session->upload.id};
   const auto told = std::make_shared<Ending>(ending);
-  const auto uploader = std::make_shared<LivetraceUploader>(upload_command_, file, session->upload,
-                                                            [weak = weak_from_this(), session, told] {
-                                                              if (const auto self = weak.lock())
-                                                                self->UploadDone(session, *told);
-                                                            });
+  auto uploader = std::make_shared<LivetraceUploader>(upload_command_, file, session->upload,
+                                                      [weak = weak_from_this(), session, told] {
+                                                        if (const auto self = weak.lock())
+                                                          self->UploadDone(session, *told);
+                                                      });
   const auto running = [](const auto& upload) { return !upload->done(); };
   if (std::ranges::count_if(uploads_, running) >= kMostUploads) {
     ZLOG_WARN("Too many uploads, the capture of session 0x%lx is not sent", session->id);

@@ -13,7 +13,7 @@ namespace {
 
 constexpr LogSource kLog{"tarvik", "supportbundle"};
 
-constexpr size_t kOutputLimit = 1024 * 1024;
+constexpr size_t kOutputLimit = size_t{1} << 20U;
 constexpr int kTimedOut = 124;
 
 }  // namespace

@@ -142,7 +142,7 @@ void SupportBundleClient::Generate(std::string_view payload, const Road& road) {
       status = BundleStatus::kBusy;
       generate_id = info.request().generate_id;
     } else {
-      info.request() = std::move(request);
+      std::swap(info.request(), request);
       info.SetState(BundleStatus::kRequested);
       info.Touch();
     }

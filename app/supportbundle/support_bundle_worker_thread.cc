@@ -25,7 +25,7 @@ constexpr const char* kFolder = "/tmp";
 // How the collecting script's bundles begin.
 constexpr const char* kBundlePrefix = "zem-sbundle-";
 constexpr size_t kMostPrinted = 1024;
-constexpr size_t kMostStateText = 64 * 1024;
+constexpr size_t kMostStateText = size_t{64} << 10U;
 constexpr std::string_view kFileServerMark = "FS";
 constexpr int kUploadRefused = 4;
 

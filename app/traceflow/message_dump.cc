@@ -58,9 +58,10 @@ TextFormat::Printer MakePrinter() {
   printer.SetSingleLineMode(true);
   // The printer owns what it registers.
   auto mac = std::make_unique<AddressPrinter>(&MacText);
-  if (printer.RegisterMessagePrinter(MacAddressMsg::descriptor(), mac.get())) mac.release();
+  if (printer.RegisterMessagePrinter(MacAddressMsg::descriptor(), mac.get()))
+    static_cast<void>(mac.release());
   auto ip = std::make_unique<AddressPrinter>(&IpText);
-  if (printer.RegisterMessagePrinter(IpAddressMsg::descriptor(), ip.get())) ip.release();
+  if (printer.RegisterMessagePrinter(IpAddressMsg::descriptor(), ip.get())) static_cast<void>(ip.release());
   return printer;
 }
 

@@ -59,6 +59,7 @@ class PendingTable {
       }
     }
     std::vector<Value> values;
+    values.reserve(taken.size());
     for (auto& [number, value] : taken) values.push_back(std::move(value));
     return values;
   }

@@ -37,7 +37,7 @@ std::vector<std::string> PortsOf(const std::string& dvs) {
 
 std::string FirstUplink(const cJSON* meta) {
   const cJSON* const pnics = cJSON_GetObjectItemCaseSensitive(meta, "pnics");
-  const std::string uplink = JsonString(cJSON_GetArrayItem(pnics, 0), "uplink");
+  std::string uplink = JsonString(cJSON_GetArrayItem(pnics, 0), "uplink");
   if (!uplink.empty()) return uplink;
   const cJSON* const first = cJSON_GetArrayItem(cJSON_GetObjectItemCaseSensitive(meta, "uplinks"), 0);
   return cJSON_IsString(first) ? first->valuestring : "";

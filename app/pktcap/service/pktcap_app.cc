@@ -60,8 +60,7 @@ PktCapHostToManagerMsg MessageOf(const SessionStatus& status) {
 }  // namespace
 
 PktCapApp::PktCapApp(AsioZemProvider& provider, CaptureTools tools)
-    : provider_(provider),
-      tools_(std::move(tools)),
+    : tools_(std::move(tools)),
       vertical_(provider, GetVertical(VerticalId::kPacketCapture),
                 {.intercept = [this](const VerticalRecord& record) { return Receive(record); }}),
       sessions_(std::make_unique<CaptureSessions>(provider.metrics(), tools_,

@@ -91,7 +91,6 @@ class PktCapApp {
   void Send(Kind kind, const Request& context,
             const orlane::zem::packetcapture::PktCapHostToManagerMsg& message);
 
-  AsioZemProvider& provider_;
   const CaptureTools tools_;
   CaptureParameters::Host host_;  // written by Start, before requests arrive
   VerticalClient vertical_;

@@ -27,7 +27,7 @@ namespace {
 constexpr LogSource kLog{"tarvik", "pktcap"};
 
 constexpr const char* kEnvironment = "PYTHONPATH=/opt/orlane/zem-tarvik/libexec/python";
-constexpr size_t kOutputLimit = 64 * 1024;
+constexpr size_t kOutputLimit = size_t{64} << 10U;
 constexpr auto kBlindLook = std::chrono::milliseconds(50);
 constexpr auto kTerminated = std::chrono::milliseconds(200);
 constexpr auto kKilled = std::chrono::seconds(2);
@@ -81,6 +81,7 @@ pid_t Popen(const std::vector<std::string>& argv, const int descriptors[3]) {
   }
   ZLOG_INFO("Invoke cmd: %s", line.c_str());
   std::vector<const char*> words;
+  words.reserve(argv.size() + 1);
   for (const std::string& word : argv) words.push_back(word.c_str());
   words.push_back(nullptr);
   const char* const environment[] = {kEnvironment, nullptr};
