@@ -10,8 +10,11 @@ set(ZEM_SANITIZER "" CACHE STRING "asan, tsan or fuzz")
 
 find_program(ZEM_CCACHE ccache)
 if(ZEM_CCACHE)
-  set(CMAKE_C_COMPILER_LAUNCHER ${ZEM_CCACHE})
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${ZEM_CCACHE})
+  # What one checkout has compiled serves every other one; precompiled headers take the two forms of sloppiness.
+  set(zem_launcher /usr/bin/env CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_NOHASHDIR=1
+    CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} ${ZEM_CCACHE})
+  set(CMAKE_C_COMPILER_LAUNCHER ${zem_launcher})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${zem_launcher})
 endif()
 find_program(ZEM_MOLD mold)
 if(ZEM_MOLD)
@@ -57,11 +60,39 @@ target_compile_definitions(zem_options INTERFACE
   BOOST_BIND_GLOBAL_PLACEHOLDERS BOOST_ASIO_NO_DEPRECATED BOOST_ASIO_SEPARATE_COMPILATION)
 target_link_libraries(zem_options INTERFACE Threads::Threads)
 
+# Most of a source's compile time goes into the standard library's headers.  Sources still include what they use; a
+# build with ZEM_PRECOMPILED off tells who does not.
+option(ZEM_PRECOMPILED "Compile with precompiled headers" ON)
+if(ZEM_PRECOMPILED)
+  file(WRITE ${CMAKE_BINARY_DIR}/precompiled/holder.cc "int main() { return 0; }\n")
+  foreach(kind IN ITEMS library program test)
+    if(kind STREQUAL "library")
+      add_library(zem_precompiled_${kind} STATIC ${CMAKE_BINARY_DIR}/precompiled/holder.cc)
+    else()
+      # A program's code is compiled for another place than a library's.
+      add_executable(zem_precompiled_${kind} EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/precompiled/holder.cc)
+    endif()
+    target_precompile_headers(zem_precompiled_${kind} PRIVATE ${CMAKE_SOURCE_DIR}/cmake/precompiled.h)
+    target_link_libraries(zem_precompiled_${kind} PRIVATE zem_options)
+  endforeach()
+  target_precompile_headers(zem_precompiled_test PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+  target_link_libraries(zem_precompiled_test PRIVATE GTest::gmock GTest::gtest)
+  target_compile_options(zem_precompiled_test PRIVATE -O0)
+endif()
+
+# zem_precompiled(target library|program|test)
+function(zem_precompiled target kind)
+  if(ZEM_PRECOMPILED)
+    target_precompile_headers(${target} REUSE_FROM zem_precompiled_${kind})
+  endif()
+endfunction()
+
 # zem_library(name SOURCES ... LINK ...): a folder's static library.
 function(zem_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK;PRIVATE_LINK" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   target_link_libraries(${name} PUBLIC zem_options ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK})
+  zem_precompiled(${name} library)
 endfunction()
 
 # zem_folder(name LINK ... PRIVATE_LINK ...): the library of a folder in which every class is one source.
@@ -76,6 +107,7 @@ function(zem_executable name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zem_options ${ARG_LINK})
+  zem_precompiled(${name} program)
 endfunction()
 
 # zem_test(name LABEL unit|e2e SOURCES ... LINK ...): a GoogleTest program; each case is a CTest of its own.
@@ -96,6 +128,7 @@ function(zem_test name)
   target_link_libraries(${name} PRIVATE zem_options ${ARG_LINK} GTest::gmock GTest::gtest GTest::gtest_main)
   # The code under test is optimized, the cases around it are not: that takes almost half of their compile time.
   target_compile_options(${name} PRIVATE -O0)
+  zem_precompiled(${name} test)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
     PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${ARG_ENVIRONMENT}")
 endfunction()
@@ -110,6 +143,7 @@ function(zem_fuzz name)
   else()
     add_executable(${name} ${ARG_SOURCE} ${CMAKE_SOURCE_DIR}/tests/support/corpus_main.cc)
     target_link_libraries(${name} PRIVATE zem_options ${ARG_LINK})
+    zem_precompiled(${name} program)
     add_test(NAME ${name}.Corpus COMMAND ${name} ${ARG_CORPUS})
     set_tests_properties(${name}.Corpus PROPERTIES LABELS unit TIMEOUT 120)
   endif()
