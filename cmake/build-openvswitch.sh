@@ -22,7 +22,8 @@ if [ ! -f "$target/done" ]; then
     echo "build-openvswitch: building the library once (about a minute and a half), log in $log" >&2
     if ! (
       cd "$work"
-      ./configure --disable-ssl --disable-libcapng --disable-shared PYTHON3=/usr/bin/python3 CFLAGS="-O2 -g -fPIC"
+      ./configure --disable-ssl --disable-libcapng --disable-shared PYTHON3=/usr/bin/python3 \
+        CFLAGS="-O2 -g1 -fPIC -fstack-protector-strong -fstack-clash-protection -D_FORTIFY_SOURCE=2 -ffile-prefix-map=$work=."
       printf 'include Makefile\nbuilt-sources: $(BUILT_SOURCES)\n' >built-sources.mk
       make -f built-sources.mk -j"$(nproc)" built-sources
       make -j"$(nproc)" lib/libopenvswitch.la

@@ -15,6 +15,7 @@
 #include "framework/cli/cli_reply_queue.h"
 #include "framework/log/log.h"
 #include "platform/core/clock.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/unique_fd.h"
 #include "platform/provider/work_group.h"
 
@@ -150,6 +151,7 @@ void CliServer::Run() {
     ZLOG_ERROR("OPS00302", "Cannot create Tarvik unixctl server: %s", std::strerror(error));
     return;
   }
+  const LoopThread loop("commands", LoopKind::kPrompt);
   server_of_thread = this;
   replies_->Open();
   RegisterNewCommands();
@@ -227,6 +229,7 @@ void CliServer::Handle(unixctl_conn* connection, const char* name, const CliArgu
   const uint64_t request = ++last_request_;
   pending_.emplace(request, connection);
   try {
+    const LoopStep step(command->name);
     command->handler(arguments, CliReply(replies_, request));
   } catch (const std::exception& e) {
     ZLOG_ERROR("OPS00302", "CliServer: command %s failed: %s", name, e.what());

@@ -6,6 +6,7 @@
 #include "framework/log/log.h"
 #include "framework/tasks/exception.h"
 #include "framework/tasks/thread_log_context.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread_name.h"
 
 namespace zem {
@@ -37,6 +38,7 @@ void BatchTaskThread::Run() {
   void* const self = this;
   SetThreadName("zema:" + name());
   SetThreadLogContext(name());
+  const LoopThread loop(name(), LoopKind::kWorker);
   ZLOG_INFO("[%s:%p] started (batchInterval=%d waitThreshold=%d)...", name().c_str(), self, batch_interval_,
             wait_threshold_);
   for (Came came; (came = WaitForTasks(kPollSeconds)) != Came::kStopped;) {
@@ -108,7 +110,10 @@ bool BatchTaskThread::FeedTask(Runnable& task) {
   }
   try {
     batcher_->UpdateBatcher(&task);
-    if (batcher_->Count() == 0) task.Run();
+    if (batcher_->Count() == 0) {
+      const LoopStep step(task.what());
+      task.Run();
+    }
   } catch (const std::exception& e) {
     ZLOG_ERROR("41000", "[%s:%p] : non-batchable task threw exception [%s]", name().c_str(), self, e.what());
   }
@@ -119,6 +124,7 @@ void BatchTaskThread::RunBatch(int elapsed) {
   void* const self = this;
   ZLOG_DEBUG("[%s:%p] batcher run starts...: tasks in [%d] sec", name().c_str(), self, elapsed);
   try {
+    const LoopStep step(batcher_->what());
     batcher_->Run();
   } catch (const std::exception& e) {
     ZLOG_ERROR("41000", "[%s:%p] : batch task threw exception [%s]", name().c_str(), self, e.what());

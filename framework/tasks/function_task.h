@@ -12,6 +12,7 @@ class FunctionTask final : public Runnable {
  public:
   explicit FunctionTask(std::function<void()> work) : work_(std::move(work)) {}
   void Run() override { work_(); }
+  const char* what() const override { return work_.target_type().name(); }
   bool IsBatchable() const override { return false; }
 
  private:

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <typeinfo>
+
 namespace zem {
 
 /// Anything that can be executed.
@@ -15,6 +17,9 @@ class Runnable {
 
   /// Whether a batching worker may absorb it instead of running it.
   virtual bool IsBatchable() const { return true; }
+
+  /// What it is, for whoever looks at the loop that runs it; lives as long as the process.
+  virtual const char* what() const { return typeid(*this).name(); }
 };
 
 /// Gathers batchable tasks and handles them in one run; by the thread of its worker only.

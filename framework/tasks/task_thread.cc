@@ -4,6 +4,7 @@
 
 #include "framework/log/log.h"
 #include "framework/tasks/thread_log_context.h"
+#include "platform/core/loop_monitor.h"
 
 // The queue is taken whole by swapping, so the monitor is held for the same short time however long it is;
 // tasks run without it.
@@ -125,6 +126,7 @@ size_t TaskThread::queue_length() {
 void TaskThread::Run() {
   void* const self = this;
   SetThreadLogContext(name_);
+  const LoopThread loop(name_, LoopKind::kWorker);
   ZLOG_INFO("TaskThread [%s:%p] starts processing tasks", name_.c_str(), self);
   TaskList tasks;
   for (;;) {
@@ -173,6 +175,7 @@ void TaskThread::RunTask(std::unique_ptr<Runnable> task, Round round) {
   void* const address = task.get();
   ZLOG_DEBUG("TaskThread [%s:%p] runs task [%p]", name_.c_str(), self, address);
   try {
+    const LoopStep step(task->what());
     Execute(*task);
   } catch (const std::exception& e) {
     const char* const kind = round == Round::kLowPriority ? "low-priority task" : "task";

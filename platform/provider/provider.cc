@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/core/lib_log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread.h"
 #include "platform/metrics/metrics.h"
 #include "platform/provider/timer_queue.h"
@@ -30,13 +31,18 @@ class IoDispatcher final : public Dispatcher {
   void Post(std::function<void()> function) override {
     if (Clock::Process().IsVirtual()) {
       boost::asio::post(
-          io_, [function = std::move(function), token = std::make_shared<WorkToken>()] { function(); });
+          io_, [function = std::move(function), token = std::make_shared<WorkToken>()] { Call(function); });
     } else {
-      boost::asio::post(io_, std::move(function));
+      boost::asio::post(io_, [function = std::move(function)] { Call(function); });
     }
   }
 
  private:
+  static void Call(const std::function<void()>& function) {
+    const LoopStep step(function.target_type().name());
+    function();
+  }
+
   boost::asio::io_context& io_;
 };
 
@@ -58,6 +64,7 @@ class AsioZemProvider::Impl {
   }
 
   void Loop() {
+    const LoopThread loop(name.empty() ? "provider" : name, LoopKind::kPrompt);
     const void* const outer = std::exchange(current_loop, this);
     for (;;) {
       try {

@@ -2,6 +2,8 @@
 
 #include <boost/asio/post.hpp>
 
+#include "platform/core/loop_monitor.h"
+
 namespace zem {
 
 const TimerOptions TimerOptions::Default{};
@@ -143,7 +145,9 @@ void TimerQueue::Expire() {
       queue.Insert(entry);
     }
   } again{*this, due};
-  if (function) function();
+  if (!function) return;
+  const LoopStep step(function.target_type().name());
+  function();
 }
 
 }  // namespace zem

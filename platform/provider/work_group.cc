@@ -1,6 +1,7 @@
 #include "platform/provider/work_group.h"
 
 #include "platform/core/lib_log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/metrics/metrics.h"
 
 namespace zem {
@@ -10,6 +11,7 @@ class FunctionItem final : public WorkItem {
  public:
   explicit FunctionItem(std::function<void()> function) : function_(std::move(function)) {}
   void Run() override { function_(); }
+  const char* what() const override { return function_.target_type().name(); }
 
  private:
   std::function<void()> function_;
@@ -53,6 +55,7 @@ bool WorkGroup::Enqueue(std::shared_ptr<WorkItem> item) {
 }
 
 void WorkGroup::Work() {
+  const LoopThread loop(name_, LoopKind::kWorker);
   std::unique_lock lock(mutex_);
   for (;;) {
     while (queue_.empty()) {
@@ -71,6 +74,7 @@ void WorkGroup::Work() {
     queued_time_.Record(begin - item->enqueued_);
     lock.unlock();
     try {
+      const LoopStep step(item->what());
       item->Run();
     } catch (const std::exception& error) {
       ZEM_LIB_LOG(Library::kNet, kLogError, "work group %s: an item threw: %s", name_.c_str(), error.what());

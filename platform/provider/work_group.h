@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <typeinfo>
 #include <vector>
 
 #include "platform/core/condition.h"
@@ -27,6 +28,8 @@ class WorkItem {
  public:
   virtual ~WorkItem() = default;
   virtual void Run() = 0;
+  /// What it does, for whoever looks at the loop that runs it; lives as long as the process.
+  virtual const char* what() const { return typeid(*this).name(); }
 
  private:
   friend class WorkGroup;
@@ -39,6 +42,7 @@ class WorkItemImpl final : public WorkItem {
  public:
   explicit WorkItemImpl(boost::intrusive_ptr<T> object) : object_(std::move(object)) {}
   void Run() override { object_->Run(); }
+  const char* what() const override { return typeid(T).name(); }
 
  private:
   boost::intrusive_ptr<T> object_;

@@ -6,6 +6,7 @@
 
 #include "platform/core/clock.h"
 #include "platform/core/lib_log.h"
+#include "platform/core/loop_monitor.h"
 
 namespace zem::rpc {
 namespace {
@@ -53,6 +54,7 @@ void Strand::Drain() {
       queue_.pop_front();
     }
     try {
+      const LoopStep step(function.target_type().name());
       const FlushScope scope;
       function();
     } catch (const std::exception& error) {
