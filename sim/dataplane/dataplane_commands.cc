@@ -32,7 +32,7 @@ std::string FrameOf(const CommandOptions& options, const std::string& body, std:
     const auto text = options.Value(name);
     if (!text) return;
     const auto number = Number(*text, most);
-    if (!number) *error = Text("%s takes a number up to %u", name, most);
+    if (!number) *error = std::string(name) + " takes a number up to " + std::to_string(most);
     *field = static_cast<std::remove_reference_t<decltype(*field)>>(number.value_or(0));
   };
   take("--type", UINT8_MAX, &header.type);
