@@ -19,6 +19,7 @@
 #include "agent/build_info.h"
 #include "agent/combined_message.h"
 #include "agent/manager_commands.h"
+#include "agent/service_notifier.h"
 #include "agent/start_watchdog.h"
 #include "covedbclient/covedb_client.h"
 #include "framework/cli/builtin_commands.h"
@@ -144,7 +145,14 @@ class Agent::Impl {
   void StartHealthService();
   void Serving();
 
+  void Enter(const char* step) {
+    watchdog_->Enter(step);
+    service_.Starting(step);
+  }
+
   const Settings settings_;
+  // Watches the loops until the last of them has ended.
+  ServiceNotifier service_;
   std::optional<StartWatchdog> watchdog_;
   bool host_role_ = false;
 
@@ -210,7 +218,7 @@ bool Agent::Impl::LoadConfiguration() {
 
 // Creates the event provider, determines the role, and starts what the role needs first.
 void Agent::Impl::StartFrame() {
-  watchdog_->Enter("event provider");
+  Enter("event provider");
   OptionsTree().put("provider.stop_on_signals", false);
   provider_ = std::make_unique<AsioZemProvider>(OptionsTree(), "");
   host_role_ = !IsZemManager() && !IsZemController() && !IsUnifiedAppliance();
@@ -227,7 +235,7 @@ void Agent::Impl::StartFrame() {
 }
 
 void Agent::Impl::StartStore() {
-  watchdog_->Enter("framework work group");
+  Enter("framework work group");
   framework_group_ = new WorkGroup("framework", provider_->metrics(), WorkGroup::kUnbounded);
   framework_group_->Start(kFrameworkThreads);
   StartMemoryReturn();
@@ -242,7 +250,7 @@ void Agent::Impl::StartStore() {
   ZLOG_TO(kMpaLog, kLogInfo, "Starting MPA client event loop thread...");
   TnProxyClientCommon::Init(kProxyClientId, kProxyEndpoint, kProxyStubsEndpoint);
 
-  watchdog_->Enter("store client");
+  Enter("store client");
   ZLOG_DEBUG(":Connecting to Covedb on Host end point %s ", kStoreEndpoint);
   if ((GetNodeType() & kStoreNodes) != 0 || IsEdgeOrPcg()) {
     store_client_ = std::make_shared<covedb::CoveDbClient>(kStoreClientId, kStoreEndpoint, *provider_,
@@ -254,7 +262,7 @@ void Agent::Impl::StartStore() {
   cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
-  applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { watchdog_->Enter(step); });
+  applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { Enter(step); });
   applications_->Create(
       {*provider_, store_client_, lcp_adapter_, cli_server_, update_service_, framework_group_});
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
@@ -275,7 +283,7 @@ void Agent::Impl::StartMemoryReturn() {
 }
 
 void Agent::Impl::StartHealthService() {
-  watchdog_->Enter("health service");
+  Enter("health service");
   orlane::zem::ProductVersionMsg version;
   version.set_major(kHealthMajor);
   version.set_minor(kHealthMinor);
@@ -289,17 +297,19 @@ void Agent::Impl::StartHealthService() {
 }
 
 void Agent::Impl::Serving() {
-  watchdog_->Enter("proxy client");
+  Enter("proxy client");
   // Started last, so that every vertical is registered when the connection comes up.
   TnProxyClientCommon::getInstance()->Start();
   SetThreadName(kMainThreadName);
   if (settings_.handle_signals) InstallExitHandlers();
   watchdog_.reset();
+  service_.Serving(*provider_);
 }
 
 void Agent::Impl::Serve() { provider_->Run(kProviderThreads); }
 
 void Agent::Impl::Stop() {
+  service_.Stopping();
   CloseShutdownPipe();
   memory_timer_->Cancel();
   ZLOG_TO(kMpaLog, kLogInfo, "Stopping MPA client event loop thread...");

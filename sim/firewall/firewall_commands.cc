@@ -9,6 +9,7 @@
 #include "sim/control/command_options.h"
 #include "sim/control/command_table.h"
 #include "sim/control/number.h"
+#include "sim/data/data_folder.h"
 #include "sim/firewall/tree/firewall_tree.h"
 
 namespace zem::sim {
@@ -123,7 +124,7 @@ void SetUpFirewall() {
 }
 
 std::string FilterDeviceLibrary() {
-  std::string path = std::string(ZEM_SIM_LIBRARIES) + "/libzemgatr.so";
+  std::string path = DataFolder::Get().libraries + "/libzemgatr.so";
   return ::access(path.c_str(), R_OK) == 0 ? path : std::string();
 }
 

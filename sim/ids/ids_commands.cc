@@ -8,6 +8,7 @@
 #include "sim/control/command_options.h"
 #include "sim/control/command_table.h"
 #include "sim/control/number.h"
+#include "sim/data/data_folder.h"
 #include "sim/ids/detection_process.h"
 #include "sim/ids/ids_ledger.h"
 #include "sim/ids/ids_services.h"
@@ -98,7 +99,7 @@ void Snip(const IdsPeers& peers, const Arguments& arguments, const Reply& reply)
 }
 
 std::string PathOf(const std::string& file) {
-  return file.find('/') == std::string::npos ? ZEM_SIM_SCENARIOS + file : file;
+  return file.find('/') == std::string::npos ? DataFolder::Get().scenarios + '/' + file : file;
 }
 
 void Received(const IdsPeers& peers, const Reply& reply) {

@@ -23,11 +23,11 @@
 #include "platform/core/thread.h"
 #include "sim/alarmpeers/peer_program.h"
 #include "sim/control/json.h"
+#include "sim/data/data_folder.h"
 #include "sim/node/node.h"
 #include "sim/sandbox/sandbox.h"
 #include "sim/scenario/control_client.h"
 #include "sim/scenario/scenario.h"
-#include "sim/switch/library_folder.h"
 
 namespace {
 
@@ -47,7 +47,7 @@ constexpr const char* kUsage =
     "       zem-node check FILE [OPTIONS]       runs a scenario on a node of its own\n"
     "options of run and check:\n"
     "  --dir DIR        the node's folder: control socket and daemon output (/tmp/zem-node)\n"
-    "  --daemon FILE    the daemon's program (zem-tarvik beside this one)\n"
+    "  --daemon FILE    the daemon's program (that of the same build, or the installed one)\n"
     "  --options FILE   the daemon's XML options\n"
     "  --zema FILE      the realization's JSON options\n"
     "  --datastore FOLDER  where VMs are made, for several nodes that see the same (the node's own)\n"
@@ -79,16 +79,16 @@ std::string DaemonBeside(const char* program) {
   const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
   path = size > 0 ? path.substr(0, static_cast<size_t>(size)) : program;
   const std::string here = path.substr(0, path.rfind('/'));
-  for (const std::string& candidate : {here + "/zem-tarvik", here + "/../../agent/zem-tarvik"}) {
+  for (const std::string& candidate : {here + "/zem-tarvik", here + "/../../agent/zem-tarvik", std::string(zem::sim::kDaemonPath)}) {
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   return here + "/zem-tarvik";
 }
 
 int RunNode(Words words, const char* program) {
-  zem::sim::SandboxOptions sandbox{kDefaultDirectory, DaemonBeside(program), ZEM_SIM_HOST,
-                                   zem::sim::LibraryFolder::Built()};
-  sandbox.agent_scripts = ZEM_AGENT_SCRIPTS;
+  zem::sim::SandboxOptions sandbox{kDefaultDirectory, DaemonBeside(program),
+                                   zem::sim::DataFolder::Get().host, zem::sim::DataFolder::Get().libraries};
+  sandbox.agent_scripts = zem::sim::DataFolder::Get().agent_scripts;
   zem::sim::NodeOptions node;
   while (!words.empty()) {
     const std::string option = words.Take();

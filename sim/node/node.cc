@@ -97,8 +97,9 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
 }
 
 Node::~Node() {
-  daemon_.reset();
+  daemon_->Kill(SIGKILL);
   control_provider_.StopAndWait(true);
+  daemon_.reset();
   control_.reset();
   while (!peers_.empty()) peers_.pop_back();
   manager_.reset();

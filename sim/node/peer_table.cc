@@ -44,6 +44,8 @@
 #include "sim/profiles/profile_commands.h"
 #include "sim/sandbox/daemon_process.h"
 #include "sim/sandbox/sandbox.h"
+#include "sim/service/service_commands.h"
+#include "sim/service/service_manager.h"
 #include "sim/store/store_daemon.h"
 #include "sim/switch/sim_state.h"
 #include "sim/uploads/upload_commands.h"
@@ -110,6 +112,15 @@ class NeighbourPeer final : public OwnedByNode {
   void Register(CommandTable& table) override { RegisterNeighbourCommands(table, context_.host); }
   std::vector<std::string> Violations() const override { return NeighbourViolations(); }
   std::vector<std::string> Draw(size_t /*most*/) const override { return DrawNeighbours(); }
+};
+
+class ServicePeer final : public Peer {
+ public:
+  explicit ServicePeer(const PeerContext& context) : service_(context.control_provider, context.daemon) {}
+  void Register(CommandTable& table) override { RegisterServiceCommands(table, service_); }
+
+ private:
+  ServiceManager service_;
 };
 
 class BundlePeer final : public Peer {
@@ -308,6 +319,7 @@ constexpr std::array kPeers = {
     PeerRow{"mux", "The guests' multiplexer; \"mux help\" lists its commands.", &Make<MuxRow>},
     PeerRow{"uploads", "The manager's target for files; \"uploads help\" lists its commands.",
             &Make<UploadPeer>},
+    PeerRow{"service", "The host's service manager; \"service help\" lists its commands.", &Make<ServicePeer>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},
 };
 

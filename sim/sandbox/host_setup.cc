@@ -7,8 +7,8 @@
 #include <stdexcept>
 
 #include "framework/process/child_process.h"
+#include "sim/data/data_folder.h"
 #include "sim/sandbox/sandbox.h"
-#include "sim/switch/library_folder.h"
 
 namespace zem::sim {
 namespace {
@@ -51,7 +51,7 @@ void SetUpCaptureTools(const fs::path& scripts) {
   fs::create_symlink("/usr/bin/python3", programs / "python/pktcap-uw");
   // A copy, because a security profile of the machine may be bound to the original's path.
   if (fs::exists("/usr/bin/tcpdump")) fs::copy_file("/usr/bin/tcpdump", programs / "pktcap-uw");
-  const fs::path filter = fs::path(LibraryFolder::Built()) / "tcpdump-uw";
+  const fs::path filter = fs::path(DataFolder::Get().libraries) / "tcpdump-uw";
   if (fs::exists(filter)) fs::create_symlink(filter, "/usr/bin/tcpdump-uw");
   fs::create_symlink(scripts / "pktcap-uw", "/usr/bin/pktcap-uw");
   for (const char* tool : {"find_portid", "knlctlProxy"}) {
@@ -67,7 +67,9 @@ void SetUpHost(const HostSetup& setup) {
   WriteTool("orlane", "#!/bin/sh\necho " + Quoted(setup.product) + "\n");
   if (fs::exists(kAgentScripts)) {
     for (const fs::directory_entry& script : fs::directory_iterator(kAgentScripts)) {
-      fs::create_symlink(script.path(), fs::path(kAgentTools) / script.path().filename());
+      const fs::path tool = fs::path(kAgentTools) / script.path().filename();
+      fs::remove(tool);
+      fs::create_symlink(script.path(), tool);
     }
   }
   const fs::path scripts(kHostScripts);

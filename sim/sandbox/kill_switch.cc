@@ -11,12 +11,12 @@
 
 #include "platform/core/unique_fd.h"
 #include "sim/killpoints/kill_page.h"
-#include "sim/switch/library_folder.h"
+#include "sim/data/data_folder.h"
 
 namespace zem::sim {
 
 std::string KillSwitch::Library() {
-  std::string path = LibraryFolder::Built() + "/libkillpoints.so";
+  std::string path = DataFolder::Get().libraries + "/libkillpoints.so";
   return ::access(path.c_str(), R_OK) == 0 ? path : std::string();
 }
 

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <system_error>
 
@@ -145,6 +146,9 @@ void MakeMounts(const SandboxOptions& options) {
   Mount("tmpfs", "/var/log", "tmpfs", MS_NOSUID, "mode=755");
   MakeDevices();
 
+  const bool installed = options.daemon == kDaemonPath;
+  // What an agent that is installed on the machine is told is not meant for the node's.
+  if (!installed) std::filesystem::remove_all("/etc/orlane");
   MakeDirectories(kNodeDirectory);
   Bind("/proc/self/fd/" + std::to_string(directory.get()), kNodeDirectory);
   for (const char* path :
@@ -153,8 +157,10 @@ void MakeMounts(const SandboxOptions& options) {
         "/opt/orlane/zem-tarvik/bin", "/opt/orlane/zem-tarvik/libexec"}) {
     MakeDirectories(path);
   }
-  WriteFile(kDaemonPath, "");
-  Bind("/proc/self/fd/" + std::to_string(daemon.get()), kDaemonPath);
+  if (!installed) {
+    WriteFile(kDaemonPath, "");
+    Bind("/proc/self/fd/" + std::to_string(daemon.get()), kDaemonPath);
+  }
   BindReadOnly(scripts, kHostScripts);
   BindReadOnly(agent_scripts, kAgentScripts);
   BindFolder(libraries, options.libraries);

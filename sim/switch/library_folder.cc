@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "sim/data/data_folder.h"
 #include "sim/switch/tree/state_tree.h"
 
 namespace zem::sim {
@@ -23,7 +24,7 @@ const std::vector<std::string>& LibraryFolder::Names() {
   return names;
 }
 
-std::string LibraryFolder::Built() { return ZEM_SIM_LIBRARIES; }
+std::string LibraryFolder::Built() { return DataFolder::Get().libraries; }
 
 bool LibraryFolder::Install(std::string* error) const {
   std::error_code code;

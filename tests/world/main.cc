@@ -19,7 +19,7 @@
 #include "platform/core/random.h"
 #include "sim/host/host_state.h"
 #include "sim/sandbox/sandbox.h"
-#include "sim/switch/library_folder.h"
+#include "sim/data/data_folder.h"
 #include "tests/world/world_life.h"
 
 namespace {
@@ -69,8 +69,9 @@ int LiveInSandbox(zem::world::WorldLife::Options options, const std::string& log
   if (!log.empty()) options.log = std::fopen((log + "." + std::to_string(options.seed)).c_str(), "w");
   char directory[] = "/tmp/zem-world.XXXXXX";
   if (::mkdtemp(directory) == nullptr) return 1;
-  zem::sim::SandboxOptions sandbox{directory, "/bin/true", ZEM_SIM_HOST, zem::sim::LibraryFolder::Built()};
-  sandbox.agent_scripts = ZEM_AGENT_SCRIPTS;
+  zem::sim::SandboxOptions sandbox{directory, "/bin/true", zem::sim::DataFolder::Get().host,
+                                   zem::sim::DataFolder::Get().libraries};
+  sandbox.agent_scripts = zem::sim::DataFolder::Get().agent_scripts;
   const int code = zem::sim::RunInSandbox(sandbox, [&options] { return LiveAndReap(options); });
   std::error_code ignored;
   std::filesystem::remove_all(directory, ignored);
@@ -81,7 +82,7 @@ int LiveInSandbox(zem::world::WorldLife::Options options, const std::string& log
 
 int main(int argc, char** argv) {
   // The loader reads its search path only at the start of the process.
-  const std::string libraries = zem::sim::LibraryFolder::Built();
+  const std::string libraries = zem::sim::DataFolder::Get().libraries;
   const char* const path = std::getenv(kLibraryPath);
   if (path == nullptr || libraries != path) {
     ::setenv(kLibraryPath, libraries.c_str(), 1);
