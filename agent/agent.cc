@@ -20,16 +20,19 @@
 #include "agent/combined_message.h"
 #include "agent/manager_commands.h"
 #include "agent/start_watchdog.h"
+#include "agent/status_sources.h"
 #include "covedbclient/covedb_client.h"
 #include "framework/cli/builtin_commands.h"
 #include "framework/cli/cli_server.h"
 #include "framework/dataplane/lcp_adapter.h"
 #include "framework/log/log.h"
 #include "framework/log/syslog_sink.h"
+#include "framework/node/host_identity.h"
 #include "framework/node/options.h"
 #include "framework/node/platform_info.h"
 #include "framework/process/memory_return.h"
 #include "framework/process/shutdown_pipe.h"
+#include "framework/status/status_board.h"
 #include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/core/thread.h"
 #include "platform/core/thread_name.h"
@@ -71,6 +74,7 @@ constexpr uint32_t kMetricIntervalS = 20;
 constexpr uint32_t kHeartbeatS = 5;
 constexpr uint32_t kHeartbeatStaleS = 30;
 constexpr auto kMemoryReturnPeriod = std::chrono::seconds(10);
+constexpr auto kStatusPeriod = std::chrono::seconds(1);
 constexpr int kTarvikThreads = 4;
 constexpr int kFrameworkThreads = 10;
 constexpr int kProviderThreads = 5;
@@ -141,8 +145,10 @@ class Agent::Impl {
   void StartFrame();
   void StartStore();
   void StartMemoryReturn();
+  void StartStatus();
   void StartHealthService();
   void Serving();
+  void EnterStep(const char* step);
 
   const Settings settings_;
   std::optional<StartWatchdog> watchdog_;
@@ -160,6 +166,8 @@ class Agent::Impl {
   std::unique_ptr<sha::ShaPmClient> health_client_;
   std::shared_ptr<covedb::CoveDbClient> store_client_;
   std::shared_ptr<upm::UPMService> update_service_;
+  std::shared_ptr<StatusBoard> status_;
+  std::shared_ptr<Timer> status_timer_;
   boost::intrusive_ptr<CliServer> cli_server_;
   std::optional<ApplicationList> applications_;
   std::unique_ptr<rpc::Server> health_server_;
@@ -211,8 +219,9 @@ bool Agent::Impl::LoadConfiguration() {
 // Creates the event provider, determines the role, and starts what the role needs first.
 void Agent::Impl::StartFrame() {
   watchdog_->Enter("event provider");
-  OptionsTree().put("provider.stop_on_signals", false);
-  provider_ = std::make_unique<AsioZemProvider>(OptionsTree(), "");
+  boost::property_tree::ptree provider_options;
+  provider_options.put("provider.stop_on_signals", false);
+  provider_ = std::make_unique<AsioZemProvider>(provider_options, "");
   host_role_ = !IsZemManager() && !IsZemController() && !IsUnifiedAppliance();
   if (host_role_) {
     const bool gateway = IsPublicCloudGateway();
@@ -221,8 +230,11 @@ void Agent::Impl::StartFrame() {
     lcp_adapter_ = new LcpAdapter(tarvik_group_, gateway ? kGatewayLink : kAgentLink);
     lcp_adapter_->Start(*provider_);
   }
-  if (const auto collector = OptionsTree().get_child_optional("metrics.collector")) {
-    metrics_collector_ = std::make_unique<metrics::MetricsCollector>(*provider_, *collector);
+  if (OptionSectionGiven("metrics.collector")) {
+    boost::property_tree::ptree collector;
+    collector.put("file", OptionText("metrics.collector.file"));
+    collector.put("intervalSec", OptionNumber("metrics.collector.intervalSec"));
+    metrics_collector_ = std::make_unique<metrics::MetricsCollector>(*provider_, collector);
   }
 }
 
@@ -250,14 +262,30 @@ void Agent::Impl::StartStore() {
     store_client_->StartAsync();
   }
   update_service_ = std::make_shared<upm::UPMService>(store_client_);
+  StartStatus();
   cli_server_ = new CliServer(framework_group_);
   cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
-  applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { watchdog_->Enter(step); });
+  cli_server_->AddCommands(
+      {StatusCommand(status_, BuildInfo::c_str(), [] { return Host().id().value_or(std::string()); })});
+  applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { EnterStep(step); });
   applications_->Create(
-      {*provider_, store_client_, lcp_adapter_, cli_server_, update_service_, framework_group_});
+      {*provider_, store_client_, lcp_adapter_, cli_server_, update_service_, framework_group_, status_});
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
+}
+
+void Agent::Impl::EnterStep(const char* step) {
+  watchdog_->Enter(step);
+  if (status_) status_->SetPhase(StatusBoard::Phase::kStarting, step);
+}
+
+void Agent::Impl::StartStatus() {
+  status_ = std::make_shared<StatusBoard>(framework_group_);
+  status_->AddSource("manager", &DescribeManager);
+  status_->AddSource("store", [this](std::vector<PartState>* parts) { DescribeStore(store_client_.get(), parts); });
+  status_timer_ = provider_->timers().ScheduleRepeated(
+      kStatusPeriod, [status = status_] { status->Refresh(); }, TimerOptions::Default);
 }
 
 // Runs on the work group's threads, because it may take some milliseconds.
@@ -275,7 +303,7 @@ void Agent::Impl::StartMemoryReturn() {
 }
 
 void Agent::Impl::StartHealthService() {
-  watchdog_->Enter("health service");
+  EnterStep("health service");
   orlane::zem::ProductVersionMsg version;
   version.set_major(kHealthMajor);
   version.set_minor(kHealthMinor);
@@ -289,17 +317,21 @@ void Agent::Impl::StartHealthService() {
 }
 
 void Agent::Impl::Serving() {
-  watchdog_->Enter("proxy client");
+  EnterStep("proxy client");
   // Started last, so that every vertical is registered when the connection comes up.
   TnProxyClientCommon::getInstance()->Start();
   SetThreadName(kMainThreadName);
   if (settings_.handle_signals) InstallExitHandlers();
   watchdog_.reset();
+  status_->SetPhase(StatusBoard::Phase::kServing);
 }
 
 void Agent::Impl::Serve() { provider_->Run(kProviderThreads); }
 
 void Agent::Impl::Stop() {
+  status_->SetPhase(StatusBoard::Phase::kStopping);
+  status_timer_->Cancel();
+  status_->Close();
   CloseShutdownPipe();
   memory_timer_->Cancel();
   ZLOG_TO(kMpaLog, kLogInfo, "Stopping MPA client event loop thread...");
@@ -321,6 +353,7 @@ void Agent::Impl::Stop() {
   health_server_.reset();
   applications_.reset();
   cli_server_.reset();
+  status_.reset();
   update_service_.reset();
   wft::WorkflowUtil::Init(nullptr, "");
   store_client_.reset();
