@@ -19,11 +19,14 @@
 #include "agent/build_info.h"
 #include "agent/combined_message.h"
 #include "agent/manager_commands.h"
+#include "agent/metrics_report.h"
+#include "agent/metrics_socket.h"
 #include "agent/start_watchdog.h"
 #include "agent/status_sources.h"
 #include "covedbclient/covedb_client.h"
 #include "framework/cli/builtin_commands.h"
 #include "framework/cli/cli_server.h"
+#include "framework/cli/json_writer.h"
 #include "framework/dataplane/lcp_adapter.h"
 #include "framework/log/log.h"
 #include "framework/log/syslog_sink.h"
@@ -38,6 +41,7 @@
 #include "platform/core/thread_name.h"
 #include "platform/daemonhealth/daemon_health_service.h"
 #include "platform/metrics/metrics.h"
+#include "platform/metrics/queue_gauge.h"
 #include "platform/provider/metrics_collector.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/timer.h"
@@ -78,6 +82,9 @@ constexpr auto kStatusPeriod = std::chrono::seconds(1);
 constexpr int kTarvikThreads = 4;
 constexpr int kFrameworkThreads = 10;
 constexpr int kProviderThreads = 5;
+
+// The queue of the store client's writes.
+constexpr std::string_view kStoreQueue = "storeModifications";
 
 // The node types that have a local store.
 constexpr uint32_t kStoreNodes = kNodeQub | kNodeKvm | kNodeBareMetalServer | kNodeBareMetalContainer;
@@ -146,6 +153,8 @@ class Agent::Impl {
   void StartStore();
   void StartMemoryReturn();
   void StartStatus();
+  void StartMetrics();
+  void GetStore(CliReply reply) const;
   void StartHealthService();
   void Serving();
   void EnterStep(const char* step);
@@ -168,6 +177,8 @@ class Agent::Impl {
   std::shared_ptr<upm::UPMService> update_service_;
   std::shared_ptr<StatusBoard> status_;
   std::shared_ptr<Timer> status_timer_;
+  std::unique_ptr<MetricsReport> metrics_report_;
+  std::unique_ptr<MetricsSocket> metrics_socket_;
   boost::intrusive_ptr<CliServer> cli_server_;
   std::optional<ApplicationList> applications_;
   std::unique_ptr<rpc::Server> health_server_;
@@ -266,9 +277,13 @@ void Agent::Impl::StartStore() {
   cli_server_ = new CliServer(framework_group_);
   cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
+  cli_server_->AddCommands(
+      {{"get/options", "", 0, 0,
+        [](const CliArguments&, CliReply reply) { reply.Ok(OptionsInForce()); }}});
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
   cli_server_->AddCommands(
       {StatusCommand(status_, BuildInfo::c_str(), [] { return Host().id().value_or(std::string()); })});
+  StartMetrics();
   applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { EnterStep(step); });
   applications_->Create(
       {*provider_, store_client_, lcp_adapter_, cli_server_, update_service_, framework_group_, status_});
@@ -278,6 +293,32 @@ void Agent::Impl::StartStore() {
 void Agent::Impl::EnterStep(const char* step) {
   watchdog_->Enter(step);
   if (status_) status_->SetPhase(StatusBoard::Phase::kStarting, step);
+}
+
+// "get/store": the connection's state, and the writes that wait for it.
+void Agent::Impl::GetStore(CliReply reply) const {
+  if (store_client_ == nullptr) return reply.Error("This node has no local store");
+  uint64_t pending = 0;
+  for (const QueueGauge::Reading& queue : QueueGauge::ReadAll()) {
+    if (queue.name == kStoreQueue) pending += queue.depth;
+  }
+  JsonValue answer = JsonValue::Object();
+  answer.Add("state", covedb::ClientStateName(store_client_->state())).Add("pending_writes", pending);
+  reply.Ok(answer.Text());
+}
+
+void Agent::Impl::StartMetrics() {
+  std::vector<boost::intrusive_ptr<WorkGroup>> groups = {framework_group_};
+  if (tarvik_group_) groups.push_back(tarvik_group_);
+  metrics_report_ = std::make_unique<MetricsReport>(*provider_, status_, std::move(groups));
+  cli_server_->AddCommands(
+      {{"get/metrics", "", 0, 0,
+        [this](const CliArguments&, CliReply reply) { reply.Ok(metrics_report_->Text()); }},
+       {"get/store", "", 0, 0, [this](const CliArguments&, CliReply reply) { GetStore(std::move(reply)); }}});
+  const std::string path = OptionText("metrics.socket");
+  if (path.empty()) return;
+  metrics_socket_ = std::make_unique<MetricsSocket>(path, [this] { return metrics_report_->Text(); });
+  if (!metrics_socket_->Start()) metrics_socket_.reset();
 }
 
 void Agent::Impl::StartStatus() {
@@ -329,6 +370,7 @@ void Agent::Impl::Serving() {
 void Agent::Impl::Serve() { provider_->Run(kProviderThreads); }
 
 void Agent::Impl::Stop() {
+  metrics_socket_.reset();
   status_->SetPhase(StatusBoard::Phase::kStopping);
   status_timer_->Cancel();
   status_->Close();
@@ -353,6 +395,7 @@ void Agent::Impl::Stop() {
   health_server_.reset();
   applications_.reset();
   cli_server_.reset();
+  metrics_report_.reset();
   status_.reset();
   update_service_.reset();
   wft::WorkflowUtil::Init(nullptr, "");

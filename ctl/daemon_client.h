@@ -22,6 +22,7 @@ class DaemonClient {
   Json AskJson(const std::string& command, const std::vector<std::string>& arguments = {}) const;
 
   const std::string& socket_path() const { return path_; }
+  int64_t timeout_ms() const { return timeout_.count(); }
 
  private:
   const std::string path_;

@@ -30,6 +30,11 @@ std::vector<Json> Json::elements() const {
 size_t Json::size() const { return cJSON_IsArray(value_) ? static_cast<size_t>(cJSON_GetArraySize(value_)) : 0; }
 
 std::string Json::text() const {
+  if (cJSON_IsArray(value_)) {
+    std::string list;
+    for (const Json& element : elements()) list += (list.empty() ? "" : ", ") + element.text();
+    return list;
+  }
   if (cJSON_IsString(value_)) return value_->valuestring;
   if (cJSON_IsBool(value_)) return cJSON_IsTrue(value_) ? "yes" : "no";
   if (!cJSON_IsNumber(value_)) return {};

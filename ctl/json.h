@@ -25,7 +25,7 @@ class Json {
   std::vector<Json> elements() const;
   size_t size() const;
 
-  /// The text of a string, the digits of a number, "yes" or "no"; empty for anything else.
+  /// The text of a string, the digits of a number, "yes" or "no", the texts of an array; empty for anything else.
   std::string text() const;
   /// 0 for what is not a number.
   double number() const;

@@ -6,14 +6,28 @@ namespace zem::ctl {
 
 extern const Subcommand kStatus;
 extern const Subcommand kVerticals;
+extern const Subcommand kSwitches;
+extern const Subcommand kPorts;
+extern const Subcommand kVifs;
 extern const Subcommand kTasks;
 extern const Subcommand kQueues;
-extern const Subcommand kOptions;
+extern const Subcommand kGuests;
+extern const Subcommand kAlarms;
+extern const Subcommand kCaptures;
+extern const Subcommand kInventory;
+extern const Subcommand kStore;
 extern const Subcommand kLog;
+extern const Subcommand kOptions;
+extern const Subcommand kMetrics;
+extern const Subcommand kWatch;
+extern const Subcommand kBundle;
 
 namespace {
 
-constexpr std::array kSubcommands = {&kStatus, &kVerticals, &kTasks, &kQueues, &kOptions, &kLog};
+constexpr std::array kSubcommands = {
+    &kStatus, &kVerticals, &kSwitches,  &kPorts, &kVifs, &kTasks,   &kQueues,  &kGuests, &kAlarms,
+    &kCaptures, &kInventory, &kStore, &kLog,   &kOptions, &kMetrics, &kWatch, &kBundle,
+};
 
 }  // namespace
 

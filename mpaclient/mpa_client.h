@@ -126,6 +126,7 @@ class MpaClient {
     Duration state_age{};
   };
   Figures figures() const;
+  const metrics::Latency& callback_time() const { return callback_time_; }
   int32_t cookie() const { return connection_->cookie(); }
 
  protected:

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string_view>
 
@@ -72,7 +73,11 @@ class Checker {
       if (node->type() != xml::node_element) continue;
       const std::string key = above + std::string(node->name(), node->name_size());
       if (IsSection(key)) {
-        Look(*node, key + ".");
+        if (sections_.insert(key).second) {
+          Look(*node, key + ".");
+        } else {
+          Add(*node, key, "is a section that was there before; only the first one counts");
+        }
       } else {
         LookAtOption(*node, key);
       }
@@ -102,6 +107,7 @@ class Checker {
   std::string parsed_;  // the parser writes into it
   xml::xml_document<char> document_;
   std::map<std::string_view, std::string> given_;
+  std::set<std::string> sections_;
   OptionCheck* check_ = nullptr;
 };
 
