@@ -88,7 +88,8 @@ void Keep(SpanRecord record) {
 
 }  // namespace
 
-Span::Span(std::optional<SpanRecord> record) : record_(std::move(record)), outer_(current_span) {
+Span::Span(std::string_view name, std::optional<SpanRecord> record)
+    : record_(std::move(record)), outer_(current_span), step_(name) {
   current_span = this;
 }
 
@@ -116,7 +117,7 @@ Stats WorkflowUtil::GetStats() { return {TheTracing().child.Read(), TheTracing()
 Span WorkflowUtil::StartRootSpan(std::string_view name, TraceLevel level, bool batch) {
   AtomicSpanStats& stats = TheTracing().root;
   ++stats.total_requests;
-  return Span(MakeRecord(name, level, batch, stats, TraceContext()));
+  return Span(name, MakeRecord(name, level, batch, stats, TraceContext()));
 }
 
 Span WorkflowUtil::StartChildSpan(std::string_view name, TraceLevel level, bool batch) {
@@ -124,13 +125,13 @@ Span WorkflowUtil::StartChildSpan(std::string_view name, TraceLevel level, bool 
   ++stats.total_requests;
   if (current_span == nullptr) {
     ++stats.no_parent_errors;
-    return Span(std::nullopt);
+    return Span(name, std::nullopt);
   }
   if (!current_span->recorded()) {
     ++stats.sampled_out;
-    return Span(std::nullopt);
+    return Span(name, std::nullopt);
   }
-  return Span(MakeRecord(name, level, batch, stats, current_span->context()));
+  return Span(name, MakeRecord(name, level, batch, stats, current_span->context()));
 }
 
 Span WorkflowUtil::StartChildSpan(std::string_view name, TraceLevel level, const TraceContext& parent) {
@@ -138,13 +139,19 @@ Span WorkflowUtil::StartChildSpan(std::string_view name, TraceLevel level, const
   ++stats.total_requests;
   if (!parent.valid()) {
     ++stats.invalid_context_errors;
-    return Span(std::nullopt);
+    return Span(name, std::nullopt);
   }
-  return Span(MakeRecord(name, level, false, stats, parent));
+  return Span(name, MakeRecord(name, level, false, stats, parent));
 }
 
 void WorkflowUtil::SetCurSpanTag(std::string_view key, std::string_view value) {
-  if (current_span == nullptr || !current_span->record_) return;
+  if (current_span == nullptr) return;
+  if (key == tags::kErrorMessage) {
+    current_span->step_.Result(value, true);
+  } else if (key != tags::kError) {
+    current_span->step_.Detail(key, value);
+  }
+  if (!current_span->record_) return;
   auto& tags = current_span->record_->tags;
   if (tags.size() < kMaxTags) tags.emplace_back(key, value);
 }

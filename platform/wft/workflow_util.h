@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/core/clock.h"
+#include "platform/timeline/step.h"
 
 /// Workflow tracing: which step of which workflow touched which object, as spans kept in memory and logged
 /// when they end.
@@ -71,7 +72,8 @@ struct SpanRecord {
 };
 
 /// A step under way; the current span of its thread from construction to destruction, which must be in the
-/// order of a stack.  When the tracing does not want it, it is empty and costs nothing more.
+/// order of a stack.  When the tracing does not want it, it is empty and costs nothing more.  It is a step of the
+/// thread's operation as well (platform/timeline), whatever the trace level; so its name has to live forever.
 class Span {
  public:
   ~Span();
@@ -83,10 +85,11 @@ class Span {
 
  private:
   friend class WorkflowUtil;
-  Span(std::optional<SpanRecord> record);
+  Span(std::string_view name, std::optional<SpanRecord> record);
 
   std::optional<SpanRecord> record_;
   Span* outer_;
+  timeline::Step step_;
 };
 
 /// Threads: all operations from any thread.

@@ -1,0 +1,116 @@
+#include "platform/timeline/segment.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "platform/core/thread_name.h"
+
+// A segment is a list in chunks of memory that only grow.  Its thread links what it has written with a release,
+// so a reader needs no lock and the writer never waits for one: the cost of a step is two readings of the
+// clock and some stores.
+
+namespace zem::timeline {
+namespace {
+
+constexpr size_t kChunkBytes = 2048;
+constexpr size_t kMostText = 240;
+
+size_t Aligned(size_t size) { return (size + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1); }
+
+}  // namespace
+
+struct Segment::Chunk {
+  Chunk* before;
+  size_t used;
+  alignas(std::max_align_t) char bytes[kChunkBytes];
+};
+
+Segment::Segment(Operation& operation) : operation_(operation), thread_(ThreadName()) {}
+
+Segment::~Segment() {
+  while (chunks_ != nullptr) {
+    Chunk* const before = chunks_->before;
+    delete chunks_;
+    chunks_ = before;
+  }
+}
+
+void* Segment::Allocate(size_t size, bool important) {
+  size = Aligned(size);
+  if (chunks_ == nullptr || kChunkBytes - chunks_->used < size) {
+    if (!operation_.Take(sizeof(Chunk), important)) return nullptr;
+    auto* const fresh = new (std::nothrow) Chunk;
+    if (fresh == nullptr) return nullptr;
+    fresh->before = chunks_;
+    fresh->used = 0;
+    chunks_ = fresh;
+  }
+  void* const place = chunks_->bytes + chunks_->used;
+  chunks_->used += size;
+  return place;
+}
+
+std::string_view Segment::Keep(std::string_view text, bool important) {
+  text = text.substr(0, kMostText);
+  if (text.empty()) return {};
+  void* const place = Allocate(text.size(), important);
+  if (place == nullptr) return {};
+  std::memcpy(place, text.data(), text.size());
+  return {static_cast<const char*>(place), text.size()};
+}
+
+StepRecord* Segment::Begin(std::string_view name, TimePoint start, bool important) {
+  void* const place = Allocate(sizeof(StepRecord), important);
+  if (place == nullptr) {
+    operation_.left_out_.fetch_add(1, std::memory_order_relaxed);
+    return nullptr;
+  }
+  auto* const step = new (place) StepRecord;
+  step->name = name;
+  step->start = start;
+  step->depth = depth;
+  (last_ == nullptr ? first_ : last_->next).store(step, std::memory_order_release);
+  last_ = step;
+  return step;
+}
+
+void Segment::AddText(StepRecord* step, std::string_view key, std::string_view text) {
+  void* const place = Allocate(sizeof(TextPart), false);
+  if (place == nullptr) return;
+  auto* const part = new (place) TextPart;
+  part->key = key;
+  part->text = Keep(text, false);
+  (step->last_part == nullptr ? step->parts : step->last_part->next).store(part, std::memory_order_release);
+  step->last_part = part;
+}
+
+void Segment::End(StepRecord* step, TimePoint now) {
+  step->duration_ns.store(std::max<int64_t>(0, (now - step->start).count()), std::memory_order_release);
+}
+
+void Segment::Read(TimePoint begun, std::vector<StepReading>* steps) const {
+  const auto micros = [](int64_t ns) { return ns / 1000; };
+  for (const StepRecord* step = first_.load(std::memory_order_acquire); step != nullptr;
+       step = step->next.load(std::memory_order_acquire)) {
+    StepReading& reading = steps->emplace_back();
+    reading.name = step->name;
+    reading.thread = thread_;
+    reading.depth = step->depth;
+    reading.start_us = micros((step->start - begun).count());
+    const int64_t duration = step->duration_ns.load(std::memory_order_acquire);
+    reading.duration_us = duration < 0 ? -1 : micros(duration);
+    if (duration >= 0) {
+      reading.failed = step->failed;
+      reading.result = step->result;
+    }
+    for (const TextPart* part = step->parts.load(std::memory_order_acquire); part != nullptr;
+         part = part->next.load(std::memory_order_acquire)) {
+      if (!reading.detail.empty()) reading.detail += ' ';
+      if (!part->key.empty()) (reading.detail += part->key) += '=';
+      reading.detail += part->text;
+    }
+  }
+}
+
+}  // namespace zem::timeline

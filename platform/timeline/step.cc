@@ -1,0 +1,66 @@
+#include "platform/timeline/step.h"
+
+#include <cstdio>
+
+#include "platform/timeline/segment.h"
+
+namespace zem::timeline {
+
+Step::Step(std::string_view name, std::string_view detail) : record_(nullptr) {
+  Segment* const segment = CurrentSegment();
+  if (segment == nullptr) return;
+  record_ = segment->Begin(name, Clock::Process().Now(), false);
+  ++segment->depth;
+  if (record_ != nullptr && !detail.empty()) segment->AddText(record_, {}, detail);
+  counted_ = segment;
+}
+
+Step::~Step() {
+  if (counted_ == nullptr) return;
+  --counted_->depth;
+  if (record_ != nullptr) counted_->End(record_, Clock::Process().Now());
+}
+
+void Step::Detail(std::string_view key, std::string_view value) {
+  if (record_ != nullptr) counted_->AddText(record_, key, value);
+}
+
+void Step::Result(std::string_view text, bool failed) {
+  if (record_ == nullptr) {
+    // What failed is told even when there was no room for the step.
+    if (failed && counted_ != nullptr) Note("failed", text, true);
+    return;
+  }
+  record_->result = counted_->Keep(text, failed);
+  record_->failed = failed;
+}
+
+void Step::ResultCode(uint32_t code) {
+  if (record_ == nullptr && code == 0) return;
+  if (code == 0) return Result("0", false);
+  char text[16];
+  const int length = std::snprintf(text, sizeof(text), "0x%x", code);
+  Result({text, static_cast<size_t>(length)}, true);
+}
+
+void Note(std::string_view name, std::string_view detail, bool failed) {
+  Segment* const segment = CurrentSegment();
+  if (segment == nullptr) return;
+  const TimePoint now = Clock::Process().Now();
+  StepRecord* const step = segment->Begin(name, now, true);
+  if (step == nullptr) return;
+  step->result = segment->Keep(detail, true);
+  step->failed = failed;
+  segment->End(step, now);
+}
+
+void Waited(std::string_view name, TimePoint since, std::string_view detail) {
+  Segment* const segment = CurrentSegment();
+  if (segment == nullptr) return;
+  StepRecord* const step = segment->Begin(name, since, true);
+  if (step == nullptr) return;
+  if (!detail.empty()) segment->AddText(step, {}, detail);
+  segment->End(step, Clock::Process().Now());
+}
+
+}  // namespace zem::timeline

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "platform/core/clock.h"
+
+namespace zem::timeline {
+
+class Segment;
+struct StepRecord;
+
+/// A step of the thread's operation, from construction to destruction, in the order of a stack.  Outside of
+/// an operation it is one load and one branch.  `name` has to live forever.
+class Step {
+ public:
+  explicit Step(std::string_view name, std::string_view detail = {});
+  ~Step();
+  Step(const Step&) = delete;
+  Step& operator=(const Step&) = delete;
+
+  /// Whether it is recorded; for texts that only a step needs.
+  bool recorded() const { return record_ != nullptr; }
+  void Detail(std::string_view key, std::string_view value);
+  /// How it ended; at most once.
+  void Result(std::string_view text, bool failed);
+  /// A library's code; 0 is success.
+  void ResultCode(uint32_t code);
+
+ private:
+  StepRecord* record_;
+  Segment* counted_ = nullptr;  // whose depth it is part of
+};
+
+/// A moment of the thread's operation, such as "received".
+void Note(std::string_view name, std::string_view detail, bool failed = false);
+
+/// A wait of the thread's operation that ends now.
+void Waited(std::string_view name, TimePoint since, std::string_view detail = {});
+
+}  // namespace zem::timeline
