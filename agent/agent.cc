@@ -324,6 +324,11 @@ void Agent::Impl::StartMetrics() {
 void Agent::Impl::StartStatus() {
   status_ = std::make_shared<StatusBoard>(framework_group_);
   status_->AddSource("manager", &DescribeManager);
+  if (lcp_adapter_) {
+    status_->AddSource("dataplane link", [adapter = lcp_adapter_](std::vector<PartState>* parts) {
+      DescribeDataplane(*adapter, parts);
+    });
+  }
   status_->AddSource("store", [this](std::vector<PartState>* parts) { DescribeStore(store_client_.get(), parts); });
   status_timer_ = provider_->timers().ScheduleRepeated(
       kStatusPeriod, [status = status_] { status->Refresh(); }, TimerOptions::Default);

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "covedbclient/covedb_client.h"
+#include "framework/dataplane/lcp_adapter.h"
 #include "mpaclient/client_registry.h"
 #include "mpaclient/proxy/tn_proxy_client_common.h"
 
@@ -43,6 +44,12 @@ void DescribeManager(std::vector<PartState>* parts) {
   const bool reachable = manager.fault.empty();
   parts->push_back(std::move(manager));
   if (reachable) DescribeVerticals(parts);
+}
+
+void DescribeDataplane(const LcpAdapter& adapter, std::vector<PartState>* parts) {
+  const bool up = adapter.connected();
+  parts->push_back({"dataplane link", up ? "" : "the dataplane agent is not connected",
+                    up ? "" : "the daemon connects by itself within five seconds when that agent runs"});
 }
 
 void DescribeStore(const covedb::CoveDbClient* client, std::vector<PartState>* parts) {

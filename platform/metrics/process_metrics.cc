@@ -43,7 +43,7 @@ T& Find(Figures<T> Process::*table, MetricId id, std::string_view label) {
 
 std::string Number(double value) {
   std::array<char, 40> text;
-  std::snprintf(text.data(), text.size(), "%.9g", value);
+  std::snprintf(text.data(), text.size(), "%.15g", value);
   return text.data();
 }
 
