@@ -278,8 +278,7 @@ void Agent::Impl::StartStore() {
   cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
   cli_server_->AddCommands(
-      {{"get/options", "", 0, 0,
-        [](const CliArguments&, CliReply reply) { reply.Ok(OptionsInForce()); }}});
+      {{"get/options", "", 0, 0, [](const CliArguments&, CliReply reply) { reply.Ok(OptionsInForce()); }}});
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
   cli_server_->AddCommands(
       {StatusCommand(status_, BuildInfo::c_str(), [] { return Host().id().value_or(std::string()); })});
@@ -329,7 +328,8 @@ void Agent::Impl::StartStatus() {
       DescribeDataplane(*adapter, parts);
     });
   }
-  status_->AddSource("store", [this](std::vector<PartState>* parts) { DescribeStore(store_client_.get(), parts); });
+  status_->AddSource("store",
+                     [this](std::vector<PartState>* parts) { DescribeStore(store_client_.get(), parts); });
   status_timer_ = provider_->timers().ScheduleRepeated(
       kStatusPeriod, [status = status_] { status->Refresh(); }, TimerOptions::Default);
 }

@@ -36,8 +36,8 @@ class Application {
   /// What operators may ask of the application, also while it is not started.  The application outlives the
   /// command server.
   virtual std::vector<CliCommand> Commands() { return {}; }
-  /// Appends how the application's parts are, with what it expects on this node: what is not wanted here is no
-  /// fault.  From any thread, from the return of Start until Stop is called; memory work only.
+  /// Appends how the application's parts are, with what it expects on this node: what is not wanted here is
+  /// no fault.  From any thread, from the return of Start until Stop is called; memory work only.
   virtual void Describe(std::vector<PartState>* parts) { static_cast<void>(parts); }
   /// Returns false, after a log line, when the application does not serve.
   [[nodiscard]] virtual bool Start() = 0;

@@ -8,7 +8,6 @@
 
 namespace {
 
-
 // "--check [FILE]" tells what is wrong with an options file, and ends; the exit code is 1 when anything is.
 int Check(const char* path) {
   const zem::Tarvik::OptionCheck check = zem::Tarvik::CheckOptions(path);
@@ -25,7 +24,8 @@ int Check(const char* path) {
 
 int main(int argc, char** argv) {
   if (argc > 1) {
-    if (std::string_view(argv[1]) == "--check" && argc <= 3) return Check(argc == 3 ? argv[2] : zem::Tarvik::kOptionsPath);
+    if (std::string_view(argv[1]) == "--check" && argc <= 3)
+      return Check(argc == 3 ? argv[2] : zem::Tarvik::kOptionsPath);
     std::fputs("Usage: zem-tarvik [--check [FILE]]\n", stderr);
     return 2;
   }

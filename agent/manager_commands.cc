@@ -50,6 +50,8 @@ CliCommand StopCommand(std::function<void()> stop) {
           }};
 }
 
-std::vector<CliCommand> ManagerCommands() { return {MpaClientCommand(&Rows), {"get/verticals", "", 0, 0, &GetVerticals}}; }
+std::vector<CliCommand> ManagerCommands() {
+  return {MpaClientCommand(&Rows), {"get/verticals", "", 0, 0, &GetVerticals}};
+}
 
 }  // namespace zem::Tarvik

@@ -19,6 +19,9 @@ namespace {
 using metrics::MetricId;
 using metrics::MetricWriter;
 
+// The store client's own gauge.
+constexpr const char* kStorePending = "/zem/covedb/client/pending_request/count";
+
 double Seconds(Duration duration) { return std::chrono::duration<double>(duration).count(); }
 
 // Loops and queues of one name are shown as one; of too many names, the later ones as "other".
@@ -105,12 +108,14 @@ std::string MetricsReport::Text() const {
   WriteQueues(&writer);
   WriteVerticals(&writer);
   metrics::Registry& registry = provider_.metrics();
+  writer.WriteGauge(MetricId::kStorePending, {}, static_cast<double>(registry.gauge(kStorePending).value()));
   for (const auto& group : groups_) {
     const std::string& name = group->name();
     const auto waiting = static_cast<double>(registry.gauge("work_group/queue/length", name).value());
     writer.WriteGauge(MetricId::kGroupQueue, name, waiting);
     writer.WriteHistogram(MetricId::kGroupWait, name, registry.latency("work_group/item/queued_time", name));
-    writer.WriteHistogram(MetricId::kGroupWork, name, registry.latency("work_group/item/processing_time", name));
+    writer.WriteHistogram(MetricId::kGroupWork, name,
+                          registry.latency("work_group/item/processing_time", name));
   }
   writer.WriteProcessFigures();
   return writer.Text();

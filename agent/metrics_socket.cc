@@ -46,12 +46,12 @@ class MetricsSocket::Server {
 
   void Start() {
     struct stat facts {};
-    // One that a daemon before this one has left.
-    if (::lstat(path_.c_str(), &facts) == 0 && S_ISSOCK(facts.st_mode)) ::unlink(path_.c_str());
+    if (::lstat(path_.c_str(), &facts) == 0 && S_ISSOCK(facts.st_mode)) RemoveOld();
     acceptor_.open(Protocol());
     acceptor_.bind(Protocol::endpoint(path_));
     bound_ = true;
-    if (::chmod(path_.c_str(), kOwnerAndGroup) != 0) throw std::system_error(errno, std::generic_category(), "chmod");
+    if (::chmod(path_.c_str(), kOwnerAndGroup) != 0)
+      throw std::system_error(errno, std::generic_category(), "chmod");
     acceptor_.listen();
     Accept();
     NativeThread::Options options;
@@ -60,6 +60,15 @@ class MetricsSocket::Server {
   }
 
  private:
+  // A daemon before this one may have left its socket; one that somebody serves stays.
+  void RemoveOld() {
+    Protocol::socket probe(io_);
+    beast::error_code error;
+    probe.connect(Protocol::endpoint(path_), error);
+    if (!error) throw std::runtime_error("another process serves there");
+    ::unlink(path_.c_str());
+  }
+
   // One client, for as many requests as it has.
   struct Client {
     explicit Client(Protocol::socket socket) : stream(std::move(socket)) {}

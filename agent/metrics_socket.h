@@ -6,8 +6,8 @@
 
 namespace zem::Tarvik {
 
-/// Serves the metrics over HTTP on a unix socket, as monitoring scrapes them: every GET of "/metrics" is answered with the
-/// text that `report` gives.
+/// Serves the metrics over HTTP on a unix socket, as monitoring scrapes them: every GET of "/metrics" is
+/// answered with the text that `report` gives.
 ///
 /// Threads: one of its own, which also runs `report`.
 /// Limits: 16 connections; a request has at most 8 KiB, and comes within 5 seconds.
@@ -19,8 +19,8 @@ class MetricsSocket {
   MetricsSocket(const MetricsSocket&) = delete;
   MetricsSocket& operator=(const MetricsSocket&) = delete;
 
-  /// Makes the socket.  Returns false, after an error line, when that is not possible.  A file that is no socket is left
-  /// where it is.
+  /// Makes the socket.  Returns false, after an error line, when that is not possible.  A file that is no
+  /// socket is left where it is.
   [[nodiscard]] bool Start();
 
  private:

@@ -24,9 +24,10 @@ void DescribeVerticals(std::vector<PartState>* parts) {
     parts->push_back({"verticals", {}, {}});
     return;
   }
-  parts->push_back({"verticals",
-                    std::to_string(count) + " of " + std::to_string(clients.size()) + " have no road: " + down,
-                    "each one connects by itself within a minute; if one does not, the manager's side of it refuses"});
+  parts->push_back(
+      {"verticals",
+       std::to_string(count) + " of " + std::to_string(clients.size()) + " have no road: " + down,
+       "each one connects by itself within a minute; if one does not, the manager's side of it refuses"});
 }
 
 }  // namespace

@@ -11,18 +11,20 @@
 #include "ctl/outcome.h"
 #include "ctl/screen.h"
 #include "ctl/subcommand.h"
+#include "platform/core/clock.h"
 
-// What a developer asks for first, in one text file: the answers of all commands at one time.  What cannot be had is
-// written down as well, because that is part of the picture.
+// What a developer asks for first, in one text file: the answers of all commands at one time.  What cannot be
+// had is written down as well, because that is part of the picture.
 
 namespace zem::ctl {
 namespace {
 
 namespace po = boost::program_options;
 
-constexpr std::array kQuestions = {"get/status",   "get/verticals", "get/tasks",    "get/queueFigures", "get/store",
-                                   "get/switches", "get/ports",     "get/guests",   "get/alarms",       "get/captures",
-                                   "get/inventory", "get/options",  "get/loglevel", "get/lum",          "get/metrics"};
+constexpr std::array kQuestions = {"get/status",   "get/verticals", "get/tasks",     "get/queueFigures",
+                                   "get/store",    "get/switches",  "get/ports",     "get/guests",
+                                   "get/alarms",   "get/captures",  "get/inventory", "get/options",
+                                   "get/loglevel", "get/lum",       "get/metrics"};
 constexpr mode_t kOwnerOnly = 0600;
 
 void Declare(po::options_description* options, po::positional_options_description* arguments) {
@@ -31,7 +33,7 @@ void Declare(po::options_description* options, po::positional_options_descriptio
 }
 
 std::string DefaultName() {
-  const std::time_t now = std::time(nullptr);
+  const std::time_t now = std::chrono::system_clock::to_time_t(Clock::Process().WallNow());
   std::tm parts{};
   ::gmtime_r(&now, &parts);
   std::array<char, 64> name;
@@ -49,7 +51,8 @@ void WriteAll(int fd, const std::string& path, std::string_view text) {
 }
 
 int Run(const Work& work) {
-  const std::string path = work.options.count("file") != 0 ? work.options["file"].as<std::string>() : DefaultName();
+  const std::string path =
+      work.options.count("file") != 0 ? work.options["file"].as<std::string>() : DefaultName();
   std::string text;
   int code = kHealthy;
   for (const char* const question : kQuestions) {
@@ -79,7 +82,8 @@ int Run(const Work& work) {
 }  // namespace
 
 extern const Subcommand kBundle;
-const Subcommand kBundle{"bundle", " [FILE]", "Writes the answers of all commands to a file, for whoever looks at a fault",
+const Subcommand kBundle{"bundle", " [FILE]",
+                         "Writes the answers of all commands to a file, for whoever looks at a fault",
                          &Declare, &Run};
 
 }  // namespace zem::ctl

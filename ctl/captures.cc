@@ -16,13 +16,12 @@ constexpr std::array kColumns = {
     Column{"state", "STATE"},
 };
 
-int Run(const Work& work) {
-  return ShowList(work, "get/captures", "captures", kColumns, "No capture runs.");
-}
+int Run(const Work& work) { return ShowList(work, "get/captures", "captures", kColumns, "No capture runs."); }
 
 }  // namespace
 
 extern const Subcommand kCaptures;
-const Subcommand kCaptures{"captures", "", "The packet captures, of operators and of the manager", nullptr, &Run};
+const Subcommand kCaptures{"captures", "", "The packet captures, of operators and of the manager", nullptr,
+                           &Run};
 
 }  // namespace zem::ctl

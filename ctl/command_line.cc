@@ -1,5 +1,5 @@
-// Words are read twice: first the options of the program, which may stand anywhere, then what is left by the table row of
-// the subcommand.
+// Words are read twice: first the options of the program, which may stand anywhere, then what is left by the
+// table row of the subcommand.
 
 #include <algorithm>
 #include <boost/program_options.hpp>
@@ -44,14 +44,16 @@ void ShowHelp(const po::options_description& options) {
     std::cout << "  " << subcommand->name << subcommand->arguments << std::string(width - used + 2, ' ')
               << subcommand->summary << '\n';
   }
-  std::cout << '\n' << options << "\nExit codes: 0 healthy, 1 degraded or refused, 2 usage, 3 no daemon answers.\n";
+  std::cout << '\n'
+            << options << "\nExit codes: 0 healthy, 1 degraded or refused, 2 usage, 3 no daemon answers.\n";
 }
 
 void ShowHelp(const Subcommand& subcommand, const po::options_description& own) {
-  std::cout << "Usage: zem-tarvikctl " << subcommand.name << subcommand.arguments << "\n\n" << subcommand.summary << '\n';
+  std::cout << "Usage: zem-tarvikctl " << subcommand.name << subcommand.arguments << "\n\n"
+            << subcommand.summary << '\n';
   for (const auto& option : own.options()) {
-    std::cout << "  " << option->format_name() << ' ' << option->format_parameter() << "  " << option->description()
-              << '\n';
+    std::cout << "  " << option->format_name() << ' ' << option->format_parameter() << "  "
+              << option->description() << '\n';
   }
 }
 
@@ -61,7 +63,8 @@ const Subcommand& Chosen(const std::string& name) {
   for (const Subcommand* subcommand : Subcommands()) names.push_back(subcommand->name);
   const std::string_view nearest = NearestName(name, names);
   throw Failure(kUsage, "there is no command \"" + Printable(name) + "\"" +
-                            (nearest.empty() ? "; --help shows all" : "; did you mean \"" + std::string(nearest) + "\"?"));
+                            (nearest.empty() ? "; --help shows all"
+                                             : "; did you mean \"" + std::string(nearest) + "\"?"));
 }
 
 int Run(const std::vector<std::string>& words) {
@@ -97,7 +100,8 @@ int Run(const std::vector<std::string>& words) {
     throw Failure(kUsage, "--timeout takes 1 to " + std::to_string(kLongestTimeoutMs) + " milliseconds");
   }
   po::variables_map own_options;
-  po::store(po::command_line_parser(left).options(own).positional(arguments).style(kStyle).run(), own_options);
+  po::store(po::command_line_parser(left).options(own).positional(arguments).style(kStyle).run(),
+            own_options);
   po::notify(own_options);
 
   const DaemonClient daemon(options["socket"].as<std::string>(), std::chrono::milliseconds(timeout_ms));

@@ -32,7 +32,8 @@ std::string DaemonClient::Ask(const std::string& command, const std::vector<std:
 Json DaemonClient::AskJson(const std::string& command, const std::vector<std::string>& arguments) const {
   const std::string text = Ask(command, arguments);
   Json json = Json::Parse(text);
-  if (!json) throw Failure(kDegraded, "the answer to \"" + command + "\" is not JSON: " + text.substr(0, 200));
+  if (!json)
+    throw Failure(kDegraded, "the answer to \"" + command + "\" is not JSON: " + text.substr(0, 200));
   return json;
 }
 

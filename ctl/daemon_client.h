@@ -8,15 +8,15 @@
 
 namespace zem::ctl {
 
-/// Asks the daemon's command socket.  Each question has a connection of its own, so that one that is answered late
-/// leaves nothing behind for the next.
+/// Asks the daemon's command socket.  Each question has a connection of its own, so that one that is answered
+/// late leaves nothing behind for the next.
 class DaemonClient {
  public:
   DaemonClient(std::string socket_path, std::chrono::milliseconds timeout)
       : path_(std::move(socket_path)), timeout_(timeout) {}
 
-  /// The daemon's answer.  Throws Failure: kNoDaemon when none answers within the time, kDegraded with the daemon's
-  /// words when it refuses.
+  /// The daemon's answer.  Throws Failure: kNoDaemon when none answers within the time, kDegraded with the
+  /// daemon's words when it refuses.
   std::string Ask(const std::string& command, const std::vector<std::string>& arguments = {}) const;
   /// The same for an answer that is JSON; one that is not is a Failure, too.
   Json AskJson(const std::string& command, const std::vector<std::string>& arguments = {}) const;

@@ -20,7 +20,8 @@ int ShowFacts(const Work& work, const char* command, std::span<const Column> fac
   for (const Column& fact : facts) width = std::max(width, std::string_view(fact.heading).size());
   for (const Column& fact : facts) {
     const std::string heading(fact.heading);
-    work.screen.Line(heading + std::string(width - heading.size() + 2, ' ') + Shown(answer[fact.member], fact.show));
+    work.screen.Line(heading + std::string(width - heading.size() + 2, ' ') +
+                     Shown(answer[fact.member], fact.show));
   }
   return kHealthy;
 }
@@ -53,10 +54,13 @@ int RunAlarms(const Work& work) { return ShowFacts(work, "get/alarms", kAlarmFac
 }  // namespace
 
 extern const Subcommand kInventory;
-const Subcommand kInventory{"inventory", "", "How the host's inventory gets to the manager", nullptr, &RunInventory};
+const Subcommand kInventory{"inventory", "", "How the host's inventory gets to the manager", nullptr,
+                            &RunInventory};
 extern const Subcommand kStore;
-const Subcommand kStore{"store", "", "The connection to the local store, and what waits for it", nullptr, &RunStore};
+const Subcommand kStore{"store", "", "The connection to the local store, and what waits for it", nullptr,
+                        &RunStore};
 extern const Subcommand kAlarms;
-const Subcommand kAlarms{"alarms", "", "The conversation with the alarm collector, and its sources", nullptr, &RunAlarms};
+const Subcommand kAlarms{"alarms", "", "The conversation with the alarm collector, and its sources", nullptr,
+                         &RunAlarms};
 
 }  // namespace zem::ctl

@@ -13,13 +13,12 @@ constexpr std::array kColumns = {
     Column{"network_events", "NETWORK", Show::kNumber},
 };
 
-int Run(const Work& work) {
-  return ShowList(work, "get/guests", "guests", kColumns, "No guest is on.");
-}
+int Run(const Work& work) { return ShowList(work, "get/guests", "guests", kColumns, "No guest is on."); }
 
 }  // namespace
 
 extern const Subcommand kGuests;
-const Subcommand kGuests{"guests", "", "The guests that the context engine knows, with their events", nullptr, &Run};
+const Subcommand kGuests{"guests", "", "The guests that the context engine knows, with their events", nullptr,
+                         &Run};
 
 }  // namespace zem::ctl

@@ -8,7 +8,8 @@
 namespace zem::ctl {
 
 Json Json::Parse(const std::string& text) {
-  std::shared_ptr<cJSON> root(cJSON_ParseWithLengthOpts(text.c_str(), text.size() + 1, nullptr, 1), &cJSON_Delete);
+  std::shared_ptr<cJSON> root(cJSON_ParseWithLengthOpts(text.c_str(), text.size() + 1, nullptr, 1),
+                              &cJSON_Delete);
   const cJSON* const value = root.get();
   return Json(std::move(root), value);
 }
@@ -27,7 +28,9 @@ std::vector<Json> Json::elements() const {
   return elements;
 }
 
-size_t Json::size() const { return cJSON_IsArray(value_) ? static_cast<size_t>(cJSON_GetArraySize(value_)) : 0; }
+size_t Json::size() const {
+  return cJSON_IsArray(value_) ? static_cast<size_t>(cJSON_GetArraySize(value_)) : 0;
+}
 
 std::string Json::text() const {
   if (cJSON_IsArray(value_)) {

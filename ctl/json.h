@@ -10,8 +10,8 @@ struct cJSON;
 
 namespace zem::ctl {
 
-/// A JSON value out of an answer, or a part of one; a part keeps the whole alive.  Reading what is not there gives
-/// empty values, since an older daemon leaves out what it does not know.
+/// A JSON value out of an answer, or a part of one; a part keeps the whole alive.  Reading what is not there
+/// gives empty values, since an older daemon leaves out what it does not know.
 class Json {
  public:
   Json() = default;
@@ -25,7 +25,8 @@ class Json {
   std::vector<Json> elements() const;
   size_t size() const;
 
-  /// The text of a string, the digits of a number, "yes" or "no", the texts of an array; empty for anything else.
+  /// The text of a string, the digits of a number, "yes" or "no", the texts of an array; empty for anything
+  /// else.
   std::string text() const;
   /// 0 for what is not a number.
   double number() const;

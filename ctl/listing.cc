@@ -17,12 +17,12 @@ struct StateColour {
   Colour colour;
 };
 constexpr std::array kStateColours = {
-    StateColour{"ok", Colour::kGood},           StateColour{"up", Colour::kGood},
-    StateColour{"healthy", Colour::kGood},      StateColour{"running", Colour::kGood},
-    StateColour{"waiting", Colour::kGood},      StateColour{"starting", Colour::kWarning},
-    StateColour{"stopping", Colour::kWarning},  StateColour{"busy", Colour::kWarning},
-    StateColour{"degraded", Colour::kBad},      StateColour{"down", Colour::kBad},
-    StateColour{"failed", Colour::kBad},        StateColour{"stuck", Colour::kBad},
+    StateColour{"ok", Colour::kGood},          StateColour{"up", Colour::kGood},
+    StateColour{"healthy", Colour::kGood},     StateColour{"running", Colour::kGood},
+    StateColour{"waiting", Colour::kGood},     StateColour{"starting", Colour::kWarning},
+    StateColour{"stopping", Colour::kWarning}, StateColour{"busy", Colour::kWarning},
+    StateColour{"degraded", Colour::kBad},     StateColour{"down", Colour::kBad},
+    StateColour{"failed", Colour::kBad},       StateColour{"stuck", Colour::kBad},
 };
 
 struct Unit {
@@ -31,13 +31,15 @@ struct Unit {
 };
 
 std::string Scaled(double value, std::span<const Unit> units) {
-  const auto unit = std::find_if(units.begin(), units.end() - 1, [value](const Unit& u) { return value >= u.size; });
+  const auto unit =
+      std::find_if(units.begin(), units.end() - 1, [value](const Unit& u) { return value >= u.size; });
   std::array<char, 48> text;
-  std::snprintf(text.data(), text.size(), value == 0 || unit->size == 1 ? "%.0f %s" : "%.1f %s", value / unit->size,
-                unit->name);
+  std::snprintf(text.data(), text.size(), value == 0 || unit->size == 1 ? "%.0f %s" : "%.1f %s",
+                value / unit->size, unit->name);
   return text.data();
 }
-constexpr std::array kByteUnits = {Unit{1 << 30, "GiB"}, Unit{1 << 20, "MiB"}, Unit{1 << 10, "KiB"}, Unit{1, "B"}};
+constexpr std::array kByteUnits = {Unit{1 << 30, "GiB"}, Unit{1 << 20, "MiB"}, Unit{1 << 10, "KiB"},
+                                   Unit{1, "B"}};
 constexpr std::array kMicroUnits = {Unit{1e6, "s"}, Unit{1e3, "ms"}, Unit{1, "us"}};
 
 Colour ColourOf(const std::string& state) {

@@ -27,8 +27,9 @@ struct Column {
 /// The objects of `rows`, an array, as a table; `none` is the line for an empty one.
 void ShowTable(Screen& screen, const Json& rows, std::span<const Column> columns, const char* none);
 
-/// Asks the daemon for `command`, whose answer is an object with the array `member`, and prints that: the whole answer
-/// for programs, the table for people, with a line when the daemon left rows out.  Returns the exit code.
+/// Asks the daemon for `command`, whose answer is an object with the array `member`, and prints that: the
+/// whole answer for programs, the table for people, with a line when the daemon left rows out.  Returns the
+/// exit code.
 int ShowList(const Work& work, const char* command, const char* member, std::span<const Column> columns,
              const char* none);
 

@@ -14,7 +14,8 @@ namespace {
 
 namespace po = boost::program_options;
 
-constexpr std::array<std::string_view, 7> kLevels = {"off", "fatal", "error", "warn", "info", "debug", "trace"};
+constexpr std::array<std::string_view, 7> kLevels = {"off",  "fatal", "error", "warn",
+                                                     "info", "debug", "trace"};
 // What stands in the daemon's answer before the level.
 constexpr std::string_view kBeforeLevel = "level is: ";
 
@@ -36,8 +37,9 @@ int Run(const Work& work) {
     for (const std::string_view name : kLevels) known = known || name == level;
     if (!known) {
       const std::string_view nearest = NearestName(level, kLevels);
-      throw Failure(kUsage, "there is no level \"" + level + "\"" +
-                                (nearest.empty() ? std::string() : "; did you mean \"" + std::string(nearest) + "\"?"));
+      throw Failure(
+          kUsage, "there is no level \"" + level + "\"" +
+                      (nearest.empty() ? std::string() : "; did you mean \"" + std::string(nearest) + "\"?"));
     }
     work.daemon.Ask("set/loglevel", {level});
   }
@@ -53,7 +55,8 @@ int Run(const Work& work) {
 }  // namespace
 
 extern const Subcommand kLog;
-const Subcommand kLog{"log", " [LEVEL]", "Shows the level of the daemon's log lines, or sets it until the next start",
-                      &Declare, &Run};
+const Subcommand kLog{"log", " [LEVEL]",
+                      "Shows the level of the daemon's log lines, or sets it until the next start", &Declare,
+                      &Run};
 
 }  // namespace zem::ctl

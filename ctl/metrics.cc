@@ -19,6 +19,7 @@ int Run(const Work& work) {
 }  // namespace
 
 extern const Subcommand kMetrics;
-const Subcommand kMetrics{"metrics", "", "All metrics in the text form of the usual monitoring", nullptr, &Run};
+const Subcommand kMetrics{"metrics", "", "All metrics in the text form of the usual monitoring", nullptr,
+                          &Run};
 
 }  // namespace zem::ctl

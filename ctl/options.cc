@@ -15,7 +15,7 @@ namespace {
 namespace po = boost::program_options;
 
 constexpr std::array kColumns = {
-    Column{"key", "OPTION"}, Column{"value", "VALUE"},     Column{"default", "DEFAULT"},
+    Column{"key", "OPTION"},  Column{"value", "VALUE"},   Column{"default", "DEFAULT"},
     Column{"range", "RANGE"}, Column{"effect", "EFFECT"},
 };
 
@@ -50,6 +50,7 @@ int Run(const Work& work) {
 
 extern const Subcommand kOptions;
 const Subcommand kOptions{"options", " [--check FILE]",
-                          "The daemon's options with their values, or what it would make of a file", &Declare, &Run};
+                          "The daemon's options with their values, or what it would make of a file", &Declare,
+                          &Run};
 
 }  // namespace zem::ctl

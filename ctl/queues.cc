@@ -15,11 +15,14 @@ constexpr std::array kColumns = {
     Column{"dropped", "DROPPED", Show::kNumber},
 };
 
-int Run(const Work& work) { return ShowList(work, "get/queueFigures", "queues", kColumns, "There is no queue."); }
+int Run(const Work& work) {
+  return ShowList(work, "get/queueFigures", "queues", kColumns, "There is no queue.");
+}
 
 }  // namespace
 
 extern const Subcommand kQueues;
-const Subcommand kQueues{"queues", "", "The process's queues: how many wait, the longest wait, drops", nullptr, &Run};
+const Subcommand kQueues{"queues", "", "The process's queues: how many wait, the longest wait, drops",
+                         nullptr, &Run};
 
 }  // namespace zem::ctl

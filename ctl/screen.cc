@@ -24,8 +24,9 @@ struct ColourCode {
   Colour colour;
   const char* code;
 };
-constexpr std::array kCodes = {ColourCode{Colour::kGood, "\033[32m"}, ColourCode{Colour::kWarning, "\033[33m"},
-                               ColourCode{Colour::kBad, "\033[31m"}, ColourCode{Colour::kFaint, "\033[2m"}};
+constexpr std::array kCodes = {ColourCode{Colour::kGood, "\033[32m"},
+                               ColourCode{Colour::kWarning, "\033[33m"}, ColourCode{Colour::kBad, "\033[31m"},
+                               ColourCode{Colour::kFaint, "\033[2m"}};
 
 // Characters, not bytes.
 size_t Width(std::string_view text) {
@@ -51,7 +52,8 @@ bool Screen::WantsColours() {
 }
 
 std::string Screen::Painted(std::string_view text, Colour colour) const {
-  const auto code = std::find_if(kCodes.begin(), kCodes.end(), [colour](const ColourCode& c) { return c.colour == colour; });
+  const auto code = std::find_if(kCodes.begin(), kCodes.end(),
+                                 [colour](const ColourCode& c) { return c.colour == colour; });
   if (!colours_ || code == kCodes.end()) return std::string(text);
   return code->code + std::string(text) + "\033[0m";
 }

@@ -8,8 +8,8 @@ namespace zem::ctl {
 
 enum class Colour { kNone, kGood, kWarning, kBad, kFaint };
 
-/// What people read: lines and tables on the standard output.  Names in answers come from the manager and from guests,
-/// so whatever could steer a terminal is replaced.
+/// What people read: lines and tables on the standard output.  Names in answers come from the manager and
+/// from guests, so whatever could steer a terminal is replaced.
 class Screen {
  public:
   explicit Screen(bool colours) : colours_(colours) {}

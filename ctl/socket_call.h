@@ -14,8 +14,8 @@ enum socket_call_end {
   SOCKET_CALL_LATE,      ///< the answer did not come in time; no text
 };
 
-/// Calls `command` on the socket at `path` and waits at most `timeout_ms` for all of it: connecting, sending and the
-/// answer.  `*text` is null or the caller's to free.
+/// Calls `command` on the socket at `path` and waits at most `timeout_ms` for all of it: connecting, sending
+/// and the answer.  `*text` is null or the caller's to free.
 enum socket_call_end socket_call(const char* path, long long timeout_ms, const char* command,
                                  const char* const* arguments, size_t count, char** text);
 

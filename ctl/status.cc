@@ -21,7 +21,8 @@ void ShowBrief(const Json& status, Screen& screen, Colour colour) {
   std::string line = status["state"].text();
   const char* separator = ": ";
   for (const Json& fault : status["faults"].elements()) {
-    line += separator + fault["part"].text() + " (" + fault["what"].text() + ", " + Age(fault["seconds"].number()) + ")";
+    line += separator + fault["part"].text() + " (" + fault["what"].text() + ", " +
+            Age(fault["seconds"].number()) + ")";
     separator = "; ";
   }
   screen.Line(line, colour);
@@ -49,7 +50,9 @@ void ShowFull(const Json& status, Screen& screen, Colour colour) {
 int Run(const Work& work) {
   const Json status = work.daemon.AskJson("get/status");
   const std::string state = status["state"].text();
-  const Colour colour = state == kHealthyState ? Colour::kGood : state == "degraded" ? Colour::kBad : Colour::kWarning;
+  const Colour colour = state == kHealthyState ? Colour::kGood
+                        : state == "degraded"  ? Colour::kBad
+                                               : Colour::kWarning;
   if (work.json) {
     PrintJson(status);
   } else if (work.options.count("brief") != 0) {
@@ -63,7 +66,8 @@ int Run(const Work& work) {
 }  // namespace
 
 extern const Subcommand kStatus;
-const Subcommand kStatus{"status", " [--brief]", "Whether the daemon does all of its work; if not, why, since when, and what heals it",
-                         &Declare, &Run};
+const Subcommand kStatus{
+    "status", " [--brief]",
+    "Whether the daemon does all of its work; if not, why, since when, and what heals it", &Declare, &Run};
 
 }  // namespace zem::ctl

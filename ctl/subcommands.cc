@@ -25,8 +25,8 @@ extern const Subcommand kBundle;
 namespace {
 
 constexpr std::array kSubcommands = {
-    &kStatus, &kVerticals, &kSwitches,  &kPorts, &kVifs, &kTasks,   &kQueues,  &kGuests, &kAlarms,
-    &kCaptures, &kInventory, &kStore, &kLog,   &kOptions, &kMetrics, &kWatch, &kBundle,
+    &kStatus,   &kVerticals, &kSwitches, &kPorts, &kVifs,    &kTasks,   &kQueues, &kGuests, &kAlarms,
+    &kCaptures, &kInventory, &kStore,    &kLog,   &kOptions, &kMetrics, &kWatch,  &kBundle,
 };
 
 }  // namespace

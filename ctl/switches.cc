@@ -6,12 +6,9 @@ namespace zem::ctl {
 namespace {
 
 constexpr std::array kColumns = {
-    Column{"name", "SWITCH"},
-    Column{"id", "ID"},
-    Column{"mode", "MODE"},
-    Column{"mtu", "MTU", Show::kNumber},
-    Column{"uplinks", "UPLINKS"},
-    Column{"endpoints", "ENDPOINTS"},
+    Column{"name", "SWITCH"},     Column{"id", "ID"},
+    Column{"mode", "MODE"},       Column{"mtu", "MTU", Show::kNumber},
+    Column{"uplinks", "UPLINKS"}, Column{"endpoints", "ENDPOINTS"},
 };
 
 int Run(const Work& work) {

@@ -21,6 +21,7 @@ int Run(const Work& work) { return ShowList(work, "get/tasks", "tasks", kColumns
 }  // namespace
 
 extern const Subcommand kTasks;
-const Subcommand kTasks{"tasks", "", "The process's loops: what each does now, and its longest step", nullptr, &Run};
+const Subcommand kTasks{"tasks", "", "The process's loops: what each does now, and its longest step", nullptr,
+                        &Run};
 
 }  // namespace zem::ctl

@@ -23,6 +23,7 @@ int Run(const Work& work) {
 }  // namespace
 
 extern const Subcommand kVerticals;
-const Subcommand kVerticals{"verticals", "", "The manager's verticals: state, calls, how long they took", nullptr, &Run};
+const Subcommand kVerticals{"verticals", "", "The manager's verticals: state, calls, how long they took",
+                            nullptr, &Run};
 
 }  // namespace zem::ctl

@@ -33,10 +33,12 @@ int Run(const Work& work) {
   if (work.options.count("command") == 0) throw Failure(kUsage, "watch takes a command");
   std::vector<std::string> words = work.options["command"].as<std::vector<std::string>>();
   if (words.front() == "watch") throw Failure(kUsage, "watch cannot watch itself");
-  words.insert(words.end(), {"--socket", work.daemon.socket_path(), "--timeout", std::to_string(work.daemon.timeout_ms())});
+  words.insert(words.end(), {"--socket", work.daemon.socket_path(), "--timeout",
+                             std::to_string(work.daemon.timeout_ms())});
   if (work.json) words.emplace_back("--json");
   const double seconds = work.options["interval"].as<double>();
-  if (!(seconds >= kShortest && seconds <= kLongest)) throw Failure(kUsage, "--interval takes 0.1 to 3600 seconds");
+  if (!(seconds >= kShortest && seconds <= kLongest))
+    throw Failure(kUsage, "--interval takes 0.1 to 3600 seconds");
   const unsigned times = work.options["times"].as<unsigned>();
   const bool clear = ::isatty(STDOUT_FILENO) != 0 && !work.json;
   for (unsigned done = 1;; ++done) {
@@ -50,6 +52,7 @@ int Run(const Work& work) {
 }  // namespace
 
 extern const Subcommand kWatch;
-const Subcommand kWatch{"watch", " COMMAND...", "Repeats a command, also while the daemon is away", &Declare, &Run};
+const Subcommand kWatch{"watch", " COMMAND...", "Repeats a command, also while the daemon is away", &Declare,
+                        &Run};
 
 }  // namespace zem::ctl

@@ -103,12 +103,9 @@ int MpaClient::SendMessageTo(rmqClientMessage* message, const std::string& aph, 
 
 MpaClient::Figures MpaClient::figures() const {
   constexpr double kMost = 0.99;
-  return {received_.count(),
-          sent_.count(),
-          send_failures_.value(),
-          callback_time_.QuantileUs(kMost),
-          callback_time_.max_us(),
-          connection_->state_age()};
+  return {received_.count(),       sent_.count(),
+          send_failures_.value(),  callback_time_.QuantileUs(kMost),
+          callback_time_.max_us(), connection_->state_age()};
 }
 
 std::map<std::string, bool> MpaClient::Aphs() const {

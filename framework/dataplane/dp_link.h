@@ -1,7 +1,7 @@
 #pragma once
 
-#include <boost/intrusive_ptr.hpp>
 #include <atomic>
+#include <boost/intrusive_ptr.hpp>
 #include <functional>
 #include <memory>
 #include <mutex>

@@ -14,8 +14,8 @@ inline constexpr const char* kOptionsPath = "/etc/orlane/zem-tarvik/zem-tarvik.x
 /// The tree that LoadOptions has filled, for tests: code reads options by the functions below.
 boost::property_tree::ptree& OptionsTree();
 
-/// The value in force of an option: the file's where it has a good one, otherwise the table's default.  By the main
-/// thread, or after the start from any.
+/// The value in force of an option: the file's where it has a good one, otherwise the table's default.  By
+/// the main thread, or after the start from any.
 bool OptionFlag(OptionKey key);
 int64_t OptionNumber(OptionKey key);
 std::string OptionText(OptionKey key);

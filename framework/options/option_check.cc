@@ -1,5 +1,5 @@
-// The daemon's reading loses the lines.  Its parser is the one of boost's property tree underneath, which is used here
-// directly: a name's place in the text gives its line.
+// The daemon's reading loses the lines.  Its parser is the one of boost's property tree underneath, which is
+// used here directly: a name's place in the text gives its line.
 
 #include "framework/options/option_check.h"
 
@@ -60,7 +60,8 @@ class Checker {
 
   static bool IsSection(const std::string& key) {
     return std::any_of(std::begin(kOptionRows), std::end(kOptionRows), [&key](const OptionRow& row) {
-      return row.key.size() > key.size() && row.key.substr(0, key.size()) == key && row.key[key.size()] == '.';
+      return row.key.size() > key.size() && row.key.substr(0, key.size()) == key &&
+             row.key[key.size()] == '.';
     });
   }
 

@@ -5,8 +5,8 @@
 #include <span>
 #include <string_view>
 
-/// Every option of the daemon's file, its type, range and default: what the daemon reads and what checks a file are this
-/// one table.
+/// Every option of the daemon's file, its type, range and default: what the daemon reads and what checks a
+/// file are this one table.
 namespace zem::Tarvik {
 
 enum class OptionType : uint8_t { kFlag, kNumber, kText };
@@ -35,7 +35,8 @@ constexpr OptionRow TextOption(std::string_view key, std::string_view standard, 
 }
 
 inline constexpr OptionRow kOptionRows[] = {
-    NumberOption("log.level", 0, 6, "5", "the least severe line that is logged: 0 off, 1 fatal ... 5 debug, 6 trace"),
+    NumberOption("log.level", 0, 6, "5",
+                 "the least severe line that is logged: 0 off, 1 fatal ... 5 debug, 6 trace"),
     NumberOption("log.metrics", 0, 6, "4", "the same for the metrics library"),
     NumberOption("log.net", 0, 6, "4", "the same for the network library"),
     NumberOption("log.rpc", 0, 6, "4", "the same for the RPC library"),

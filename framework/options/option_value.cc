@@ -88,7 +88,8 @@ std::string ValueFault(const OptionRow& row, const std::string& text) {
   const bool good = row.type == OptionType::kText || (row.type == OptionType::kFlag && ParseFlag(text)) ||
                     (row.type == OptionType::kNumber && ParseNumber(row, text));
   if (good) return {};
-  return "\"" + text + "\" is not " + RangeText(row) + "; the default " + std::string(row.standard) + " is taken";
+  return "\"" + text + "\" is not " + RangeText(row) + "; the default " + std::string(row.standard) +
+         " is taken";
 }
 
 std::string OptionsText(const std::vector<OptionFault>& faults,

@@ -9,8 +9,8 @@
 
 namespace zem::Tarvik {
 
-/// The values in force of options whose text in the file is `given`: nothing, or one that is no value of the option, gives
-/// the default.
+/// The values in force of options whose text in the file is `given`: nothing, or one that is no value of the
+/// option, gives the default.
 bool FlagValue(const OptionRow& row, const std::optional<std::string>& given);
 int64_t NumberValue(const OptionRow& row, const std::optional<std::string>& given);
 std::string TextValue(const OptionRow& row, const std::optional<std::string>& given);

@@ -46,7 +46,8 @@ const char* StateWord(const StatusBoard::Report& report) {
   return kPhaseWords.at(static_cast<size_t>(report.phase));
 }
 
-std::string StatusText(const StatusBoard::Report& report, const std::string& version, const std::string& node_id) {
+std::string StatusText(const StatusBoard::Report& report, const std::string& version,
+                       const std::string& node_id) {
   JsonValue faults = JsonValue::Array();
   for (const StatusBoard::Fault& fault : report.faults) {
     JsonValue row = JsonValue::Object();
@@ -102,7 +103,8 @@ void StatusBoard::Refresh() {
     reading_since_ = {Clock::Process().Now(), Clock::Process().WallNow()};
     reading_source_ = "work group " + work_group_->name();
   }
-  const bool queued = work_group_->Enqueue(MakeWorkItem([self = shared_from_this()] { self->ReadSources(); }));
+  const bool queued =
+      work_group_->Enqueue(MakeWorkItem([self = shared_from_this()] { self->ReadSources(); }));
   if (queued) return;
   std::lock_guard lock(mutex_);
   reading_ = false;  // the daemon is stopping
@@ -135,7 +137,8 @@ void StatusBoard::ReadSources() {
 void StatusBoard::AddOwnParts(std::vector<PartState>* parts) {
   for (const LoopReading& loop : LoopThread::ReadAll()) {
     if (loop.kind != LoopKind::kPrompt || !loop.busy || loop.age < kLoopPatience) continue;
-    parts->push_back({"loop " + loop.name, "does not answer: at \"" + loop.step + "\" for " + Seconds(loop.age),
+    parts->push_back({"loop " + loop.name,
+                      "does not answer: at \"" + loop.step + "\" for " + Seconds(loop.age),
                       "ends with that step; if it does not, restart the daemon and keep its log"});
   }
   struct Sum {
@@ -159,11 +162,12 @@ void StatusBoard::AddOwnParts(std::vector<PartState>* parts) {
     if (sum.dropped > queue.dropped) queue.last = now;
     queue.dropped = sum.dropped;
     if (!queue.last || now - *queue.last > kDropMemory) continue;
-    parts->push_back({"queue " + name,
-                      std::to_string(sum.dropped) + " dropped, " + std::to_string(sum.depth) + " of " +
-                          std::to_string(sum.limit) + " wait",
-                      "told for 10 minutes after the last drop; what feeds the queue must slow down, or what it waits "
-                      "for must answer"});
+    parts->push_back(
+        {"queue " + name,
+         std::to_string(sum.dropped) + " dropped, " + std::to_string(sum.depth) + " of " +
+             std::to_string(sum.limit) + " wait",
+         "told for 10 minutes after the last drop; what feeds the queue must slow down, or what it waits "
+         "for must answer"});
   }
   queue_drops_ = std::move(drops);
 }
@@ -202,13 +206,15 @@ StatusBoard::Report StatusBoard::Read() {
                              phase_since_.wall,
                              now - phase_since_.time});
   };
-  if (phase_ == Phase::kStarting) phase_fault("the start is at \"" + step_ + "\"", "ends with the start's last step");
+  if (phase_ == Phase::kStarting)
+    phase_fault("the start is at \"" + step_ + "\"", "ends with the start's last step");
   if (phase_ == Phase::kStopping) phase_fault("the daemon is stopping", "start the daemon");
   if (reading_) {
-    report.faults.push_back({{reading_source_, "does not tell its state; what follows is from before",
-                              "ends when the part goes on; if it does not, restart the daemon and keep its log"},
-                             reading_since_.wall,
-                             now - reading_since_.time});
+    report.faults.push_back(
+        {{reading_source_, "does not tell its state; what follows is from before",
+          "ends when the part goes on; if it does not, restart the daemon and keep its log"},
+         reading_since_.wall,
+         now - reading_since_.time});
   }
   for (const PartState& state : parts_) {
     if (state.fault.empty()) {
@@ -222,11 +228,10 @@ StatusBoard::Report StatusBoard::Read() {
 
 CliCommand StatusCommand(std::shared_ptr<StatusBoard> board, std::string version,
                          std::function<std::string()> node_id) {
-  return {"get/status", "", 0, 0,
-          [board = std::move(board), version = std::move(version), node_id = std::move(node_id)](const CliArguments&,
-                                                                                                 CliReply reply) {
-            reply.Ok(StatusText(board->Read(), version, node_id()));
-          }};
+  return {
+      "get/status", "", 0, 0,
+      [board = std::move(board), version = std::move(version), node_id = std::move(node_id)](
+          const CliArguments&, CliReply reply) { reply.Ok(StatusText(board->Read(), version, node_id())); }};
 }
 
 }  // namespace zem::Tarvik

@@ -22,8 +22,9 @@ namespace zem::Tarvik {
 
 /// Knows which parts of the daemon do not do their work, and since when.
 ///
-/// The sources look at their parts' real state, each time anew.  They are read on the work group, never by who asks: a
-/// part that does not let itself be looked at is told as such, and delays nobody by more than kPatience.
+/// The sources look at their parts' real state, each time anew.  They are read on the work group, never by
+/// who asks: a part that does not let itself be looked at is told as such, and delays nobody by more than
+/// kPatience.
 ///
 /// Threads: all operations from any thread.  Always held by a shared pointer.
 class StatusBoard : public std::enable_shared_from_this<StatusBoard> {
@@ -108,6 +109,7 @@ class StatusBoard : public std::enable_shared_from_this<StatusBoard> {
 };
 
 /// "get/status": the board's report with the process's version and `node_id`, which may be empty.
-CliCommand StatusCommand(std::shared_ptr<StatusBoard> board, std::string version, std::function<std::string()> node_id);
+CliCommand StatusCommand(std::shared_ptr<StatusBoard> board, std::string version,
+                         std::function<std::string()> node_id);
 
 }  // namespace zem::Tarvik

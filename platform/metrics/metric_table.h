@@ -61,8 +61,8 @@ struct MetricRow {
   /// As the monitoring sees it; a histogram's has _bucket, _sum and _count behind it.
   std::string_view name;
   MetricKind kind;
-  /// The one label; empty for a metric without.  A metric has at most kMostLabelValues of them; what comes later is
-  /// counted under "other".
+  /// The one label; empty for a metric without.  A metric has at most kMostLabelValues of them; what comes
+  /// later is counted under "other".
   std::string_view label;
   std::string_view help;
 };
@@ -70,13 +70,16 @@ struct MetricRow {
 inline constexpr size_t kMostLabelValues = 64;
 
 inline constexpr MetricRow kMetricRows[] = {
-    {MetricId::kBuildInfo, "zem_tarvik_build_info", MetricKind::kGauge, "version", "1 for the version that runs"},
-    {MetricId::kUptime, "zem_tarvik_uptime_seconds", MetricKind::kGauge, "", "Time since the start of the daemon"},
+    {MetricId::kBuildInfo, "zem_tarvik_build_info", MetricKind::kGauge, "version",
+     "1 for the version that runs"},
+    {MetricId::kUptime, "zem_tarvik_uptime_seconds", MetricKind::kGauge, "",
+     "Time since the start of the daemon"},
     {MetricId::kDegraded, "zem_tarvik_degraded", MetricKind::kGauge, "",
      "1 while a part of the daemon does not do its work, and during start and stop"},
     {MetricId::kPartFault, "zem_tarvik_part_fault", MetricKind::kGauge, "part",
      "1 for a part that does not do its work, 0 for one that does"},
-    {MetricId::kLoopSteps, "zem_tarvik_loop_steps_total", MetricKind::kCounter, "loop", "Steps that the loop began"},
+    {MetricId::kLoopSteps, "zem_tarvik_loop_steps_total", MetricKind::kCounter, "loop",
+     "Steps that the loop began"},
     {MetricId::kLoopLongest, "zem_tarvik_loop_longest_step_seconds", MetricKind::kGauge, "loop",
      "The loop's longest step since its start"},
     {MetricId::kLoopAge, "zem_tarvik_loop_step_age_seconds", MetricKind::kGauge, "loop",
@@ -97,8 +100,8 @@ inline constexpr MetricRow kMetricRows[] = {
      "Records received from the manager"},
     {MetricId::kVerticalSent, "zem_tarvik_vertical_sent_total", MetricKind::kCounter, "vertical",
      "Records sent to the manager"},
-    {MetricId::kVerticalSendFailures, "zem_tarvik_vertical_send_failures_total", MetricKind::kCounter, "vertical",
-     "Records that could not be sent"},
+    {MetricId::kVerticalSendFailures, "zem_tarvik_vertical_send_failures_total", MetricKind::kCounter,
+     "vertical", "Records that could not be sent"},
     {MetricId::kVerticalCallback, "zem_tarvik_vertical_callback_seconds", MetricKind::kHistogram, "vertical",
      "How long the vertical's callback took for a record"},
     {MetricId::kGroupQueue, "zem_tarvik_work_group_queue", MetricKind::kGauge, "group",

@@ -114,7 +114,8 @@ void MetricWriter::WriteHistogram(MetricId id, std::string_view label, const Lat
     place += name + "_bucket" + Labels(row, label, Number(seconds)) + " " + std::to_string(below) + "\n";
   }
   place += name + "_bucket" + Labels(row, label, "+Inf") + " " + std::to_string(reading.count) + "\n";
-  place += name + "_sum" + Labels(row, label, {}) + " " + Number(static_cast<double>(reading.sum_us) * kMicro) + "\n";
+  place += name + "_sum" + Labels(row, label, {}) + " " +
+           Number(static_cast<double>(reading.sum_us) * kMicro) + "\n";
   place += name + "_count" + Labels(row, label, {}) + " " + std::to_string(reading.count) + "\n";
 }
 
@@ -124,7 +125,8 @@ void MetricWriter::WriteProcessFigures() {
   for (const MetricRow& row : kMetricRows) {
     const auto at = static_cast<size_t>(row.id);
     for (const auto& [label, counter] : process.counters[at]) WriteCounter(row.id, label, counter.value());
-    for (const auto& [label, gauge] : process.gauges[at]) WriteGauge(row.id, label, static_cast<double>(gauge.value()));
+    for (const auto& [label, gauge] : process.gauges[at])
+      WriteGauge(row.id, label, static_cast<double>(gauge.value()));
     for (const auto& [label, latency] : process.latencies[at]) WriteHistogram(row.id, label, latency);
   }
 }

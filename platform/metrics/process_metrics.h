@@ -9,8 +9,8 @@
 
 namespace zem::metrics {
 
-/// The process's figure of a row of the table, for code that has no provider at hand.  It lives as long as the process:
-/// whoever counts often keeps the reference.  `label` is the label's value.
+/// The process's figure of a row of the table, for code that has no provider at hand.  It lives as long as
+/// the process: whoever counts often keeps the reference.  `label` is the label's value.
 ///
 /// Threads: any.  The look-up takes a lock, the counting none.
 Counter& CounterOf(MetricId id, std::string_view label = {});
@@ -31,7 +31,8 @@ class CallTimer {
   const TimePoint begin_;
 };
 
-/// Writes metrics in the Prometheus text form.  Rows come in the order of the table; a row without a value is left out.
+/// Writes metrics in the Prometheus text form.  Rows come in the order of the table; a row without a value is
+/// left out.
 class MetricWriter {
  public:
   void WriteCounter(MetricId id, std::string_view label, uint64_t value);

@@ -87,7 +87,8 @@ std::string ProgramBeside(const char* program, const std::string& name, const st
 }
 
 int RunNode(Words words, const char* program) {
-  zem::sim::SandboxOptions sandbox{kDefaultDirectory, ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"), ZEM_SIM_HOST,
+  zem::sim::SandboxOptions sandbox{kDefaultDirectory,
+                                   ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"), ZEM_SIM_HOST,
                                    zem::sim::LibraryFolder::Built()};
   sandbox.agent_scripts = ZEM_AGENT_SCRIPTS;
   zem::sim::NodeOptions node;

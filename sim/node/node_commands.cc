@@ -228,7 +228,8 @@ void Tarvikctl(const std::string& program, const Arguments& arguments, const Rep
     AddMember(result.get(), "ms", int64_t{took.count()});
     AddMember(result.get(), "text", ended.output);
     AddMember(result.get(), "errors", ended.errors);
-    if (Json parsed{cJSON_Parse(ended.output.c_str())}; parsed) AddMember(result.get(), "json", std::move(parsed));
+    if (Json parsed{cJSON_Parse(ended.output.c_str())}; parsed)
+      AddMember(result.get(), "json", std::move(parsed));
     reply.Ok(std::move(result));
   });
 }
@@ -541,8 +542,9 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   }});
   table.Register({"cli", "COMMAND [ARGUMENT...]", "Runs a command on the daemon's command socket.", 1, kMany,
                   [](const Arguments& arguments, const Reply& reply) { Cli(arguments, reply); }});
-  table.Register({"tarvikctl", "[WORD...]", "Runs the operators' program; answers its code and what it printed.", 0,
-                  kMany, [n](const Arguments& arguments, const Reply& reply) {
+  table.Register({"tarvikctl", "[WORD...]",
+                  "Runs the operators' program; answers its code and what it printed.", 0, kMany,
+                  [n](const Arguments& arguments, const Reply& reply) {
                     Tarvikctl(n->options_.tarvikctl, arguments, reply);
                   }});
   table.Register({"stop", "", "Ends the node.", 0, 0, [n](const Arguments&, const Reply& reply) {

@@ -110,7 +110,8 @@ void CtxtEng::SetFault(std::string CtxtEng::*fault, const char* what) {
 }
 
 void CtxtEng::Describe(std::vector<zem::Tarvik::PartState>* parts) const {
-  constexpr const char* kRestart = "repair what the log names, then restart the daemon; the engine starts once";
+  constexpr const char* kRestart =
+      "repair what the log names, then restart the daemon; the engine starts once";
   zem::Tarvik::PartState engine{"context engine", {}, {}};
   zem::Tarvik::PartState library{"guest library", {}, {}};
   {
@@ -127,7 +128,8 @@ void CtxtEng::Describe(std::vector<zem::Tarvik::PartState>* parts) const {
   for (const Ctxt::PaceClient::KafkaClient::Reading& client : Ctxt::PaceClient::KafkaClient::ReadAll()) {
     zem::Tarvik::PartState state{"kafka " + client.brokers, {}, {}};
     if (client.down) {
-      state.fault = "all brokers are down; messages wait, and are given up when 64 MiB wait or five minutes pass";
+      state.fault =
+          "all brokers are down; messages wait, and are given up when 64 MiB wait or five minutes pass";
       state.heals = "the client connects by itself when a broker can be reached";
     }
     parts->push_back(std::move(state));

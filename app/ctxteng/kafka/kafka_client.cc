@@ -126,7 +126,8 @@ KafkaClient::KafkaClient(const KafkaConfig& config, KafkaAlarm* alarm, KafkaDeli
 std::vector<KafkaClient::Reading> KafkaClient::ReadAll() {
   std::vector<Reading> readings;
   const std::lock_guard lock(All().mutex);
-  for (const KafkaClient* const client : All().clients) readings.push_back({client->brokers_, client->brokers_down_});
+  for (const KafkaClient* const client : All().clients)
+    readings.push_back({client->brokers_, client->brokers_down_});
   return readings;
 }
 

@@ -255,7 +255,8 @@ std::vector<CliCommand> PktCapCommands(PktCapApp& app) {
        [](const CliArguments&, CliReply reply) { reply.Error("Not implemented"); }},
       {"packet-capture/list", "", 0, 0,
        when_running([&app](const CliArguments&, CliReply reply) { ListSessions(app, std::move(reply)); })},
-      {"get/captures", "", 0, 0, [&app](const CliArguments&, CliReply reply) { GetCaptures(app, std::move(reply)); }},
+      {"get/captures", "", 0, 0,
+       [&app](const CliArguments&, CliReply reply) { GetCaptures(app, std::move(reply)); }},
       {"packet-capture/get", "<session-id>", 1, 1,
        when_running([&app](const CliArguments& words, CliReply reply) {
          GetSession(app, words[kId], std::move(reply));

@@ -13,6 +13,7 @@
 #include "app/zema/app/io_service.h"
 #include "app/zema/app/message_dispatch.h"
 #include "app/zema/app/realization.h"
+#include "app/zema/app/set_up_state.h"
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/covedb/covedb_op_task.h"
@@ -57,27 +58,6 @@ constexpr const char* kNotStarted = "The realization has not started yet";
 // The callback that keeps what operators see; behind those of the applications.
 constexpr uint32_t kViewModule = 1000;
 
-struct SetUpFailure {
-  int result;
-  const char* fault;
-  const char* heals;
-};
-constexpr std::array kSetUpFailures = {
-    SetUpFailure{zema::Realization::kHostUnknown, "the host does not tell its version",
-                 "look whether the host's own commands work"},
-    SetUpFailure{zema::Realization::kBadOptions, "the options file zema.json is missing or cannot be read",
-                 "put a good /etc/orlane/zem-tarvik/zema.json in its place"},
-    SetUpFailure{zema::Realization::kNoProxy, "the host's management script does not start",
-                 "look for the script's process and its last lines in the log"},
-    SetUpFailure{zema::Realization::kNoSwitchHandler, "the thread for the host's requests does not start",
-                 "look for a limit on threads or memory"},
-    SetUpFailure{zema::Realization::kNoWorkers, "the threads of the realization do not start",
-                 "look for a limit on threads or memory; the log tells more"},
-    SetUpFailure{zema::Realization::kNoSwitchLibrary, "the host's switch library cannot be loaded",
-                 "install the library libklnPublic.so; the log tells what is missing of it"},
-    SetUpFailure{zema::Realization::kClearMode, "the options ask to clear the host", "take \"clear\" out of the options"},
-};
-
 constexpr int kFirstRetryDelay = 30;  // seconds; doubled each time
 
 // Managers from 2.5 on keep logical switches in the store.
@@ -119,8 +99,8 @@ class ZemaApp::Impl {
   std::shared_ptr<zema::MessageDispatch> dispatch_;
   std::shared_ptr<Timer> controller_timer_;
   bool on_smart_nic_ = false;
-  int attempts_ = 0;       // at the set-up
-  int last_failure_ = 0;   // of the attempts
+  int attempts_ = 0;      // at the set-up
+  int last_failure_ = 0;  // of the attempts
   TimePoint next_attempt_;
   SwitchesView switches_;
 
@@ -525,29 +505,18 @@ void ZemaApp::Impl::Describe(std::vector<PartState>* parts) const {
   PartState set_up{"realization", {}, {}};
   {
     const std::lock_guard lock(mutex_);
-    if (!started_) {
-      const auto failure = std::find_if(kSetUpFailures.begin(), kSetUpFailures.end(),
-                                        [this](const SetUpFailure& f) { return f.result == last_failure_; });
-      const bool failed = last_failure_ != zema::Realization::kDone && failure != kSetUpFailures.end();
-      set_up.fault = failed ? std::string("not set up: ") + failure->fault : "is being set up";
-      set_up.heals = failed ? std::string(failure->heals) + "; " : std::string();
-      if (next_attempt_ == TimePoint()) {
-        set_up.heals += "attempt " + std::to_string(attempts_) + " runs";
-      } else {
-        const auto left = std::chrono::duration_cast<std::chrono::seconds>(next_attempt_ - Clock::Process().Now());
-        set_up.heals += "the next attempt is in " + std::to_string(std::max<int64_t>(0, left.count())) + " s";
-      }
-    }
+    if (!started_) set_up = SetUpState(attempts_, last_failure_, next_attempt_);
   }
   const bool done = set_up.fault.empty();
   parts->push_back(std::move(set_up));
   const auto current = done ? started_realization() : nullptr;
   if (current == nullptr || current->health() == nullptr) return;
   zema::HealthRecord& health = *current->health();
-  parts->push_back(health.lum_ready()
-                       ? PartState{"host management script", {}, {}}
-                       : PartState{"host management script", "does not answer",
-                                   "the daemon starts it again by itself; look for its last lines in the log"});
+  parts->push_back(
+      health.lum_ready()
+          ? PartState{"host management script", {}, {}}
+          : PartState{"host management script", "does not answer",
+                      "the daemon starts it again by itself; look for its last lines in the log"});
   if (!on_smart_nic_) {
     parts->push_back(health.opaque_socket_connected()
                          ? PartState{"host management link", {}, {}}

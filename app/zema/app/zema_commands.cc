@@ -72,8 +72,10 @@ void GetSwitches(const ZemaApp& app, CliReply reply) {
 void GetPorts(const ZemaApp& app, const char* member, bool by_vif, CliReply reply) {
   PortsView view = app.Ports(kMostRows);
   std::sort(view.ports.begin(), view.ports.end(), [by_vif](const PortView& left, const PortView& right) {
-    return by_vif ? std::tie(left.vif, left.host_switch, left.port) < std::tie(right.vif, right.host_switch, right.port)
-                  : std::tie(left.host_switch, left.port, left.vif) < std::tie(right.host_switch, right.port, right.vif);
+    return by_vif ? std::tie(left.vif, left.host_switch, left.port) <
+                        std::tie(right.vif, right.host_switch, right.port)
+                  : std::tie(left.host_switch, left.port, left.vif) <
+                        std::tie(right.host_switch, right.port, right.vif);
   });
   JsonValue rows = JsonValue::Array();
   for (const PortView& port : view.ports) {

@@ -10,7 +10,8 @@ void HostConfigTask::Run() {
     const metrics::CallTimer timer(metrics::MetricId::kHostConfigs, {});
     ApplyHostConfig(false, false);
   }
-  if (!errors_.texts().empty() || errors_.code() != 0) metrics::CounterOf(metrics::MetricId::kHostConfigFailures).Add();
+  if (!errors_.texts().empty() || errors_.code() != 0)
+    metrics::CounterOf(metrics::MetricId::kHostConfigFailures).Add();
   if (sender_ == nullptr) return;
   sender_->HostConfigReply(correlation_id_, reply_to_, BuildReply());
 }

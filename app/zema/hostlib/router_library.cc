@@ -44,7 +44,7 @@ uint32_t RouterLibrary::PlumbVdrConnection(const std::string& dvs, const char* p
   names.reserve(uplinks.size());
   for (const std::string& uplink : uplinks) names.push_back(uplink.c_str());
   return Measured(calls_.plumb, dvs.c_str(), port, mac.data(), teaming, names.data(),
-                      static_cast<uint32_t>(names.size()));
+                  static_cast<uint32_t>(names.size()));
 }
 
 uint32_t RouterLibrary::UnPlumbVdrConnection(const std::string& dvs) const {

@@ -101,7 +101,7 @@ uint32_t SwitchLibrary::PortDataSet(const std::string& dvs, const std::string& p
                                     std::string_view value) const {
   if (!loaded()) return kSwitchNotLoaded;
   return Measured(calls_.port_data_set, dvs.c_str(), port.c_str(), property, value.data(), Length(value),
-                              DVS_PROPERTY_FLAGS);
+                  DVS_PROPERTY_FLAGS);
 }
 
 uint32_t SwitchLibrary::PortDataGet(const std::string& dvs, const std::string& port, const char* property,
@@ -133,7 +133,7 @@ uint32_t SwitchLibrary::PersistentPortStateGet(const std::string& dvs, const std
                                                LibraryBuffer* state) const {
   if (!loaded()) return kSwitchNotLoaded;
   return Measured(calls_.persistent_port_state_get, dvs.c_str(), port.c_str(), DVS_FORMAT, state->data(),
-                                          state->length());
+                  state->length());
 }
 
 uint32_t SwitchLibrary::SwitchPortList(const std::string& dvs, PortList* ports) const {

@@ -1,8 +1,8 @@
 #include "app/zema/ports/vif_index.h"
 
+#include <algorithm>
 #include <boost/multi_index/hashed_index.hpp>
 #include <boost/multi_index/member.hpp>
-#include <algorithm>
 #include <boost/multi_index_container.hpp>
 #include <set>
 #include <utility>

@@ -107,7 +107,8 @@ class VifIndex {
     std::string vif;
     PortLocation at;
   };
-  /// At most `most` of the VIFs with their ports, in no order; nothing while only a reading of all ports can answer.
+  /// At most `most` of the VIFs with their ports, in no order; nothing while only a reading of all ports can
+  /// answer.
   std::optional<std::vector<Holding>> Holdings(size_t most) const;
 
  private:

@@ -42,7 +42,7 @@ class DiscoveryAgent {
   zem::AsioZemProvider& provider_;
   const std::shared_ptr<zem::covedb::CoveDbClientInterface> store_;
   std::unique_ptr<Parts> parts_;
-  mutable std::mutex mutex_;              // guards sender_
+  mutable std::mutex mutex_;            // guards sender_
   std::shared_ptr<DataSender> sender_;  // of parts_, for operators
 };
 

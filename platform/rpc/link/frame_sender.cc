@@ -92,8 +92,7 @@ void FrameSender::AppendEnd(uint32_t channel, uint32_t call, const Status& statu
 
 // Over the first limit the reading stops; over the last one the connection ends, whoever appended.
 void FrameSender::LimitUnsent() {
-  metrics::CounterOf(metrics::MetricId::kRpcLimits, "unsent").Add();
-  over_limit_ = true;
+  if (!over_limit_.exchange(true)) metrics::CounterOf(metrics::MetricId::kRpcLimits, "unsent").Add();
   if (unsent() <= kUnsentGiveUp || std::exchange(given_up_, true)) return;
   ZEM_LIB_LOG(Library::kNet, kLogWarning, "%s: the peer does not read, giving it up", text_.c_str());
   CloseSoon(CloseReason::kConnectionLost);

@@ -50,14 +50,16 @@ TEST_F(OptionCheckTest, EachFaultIsToldAtItsLine) {
     EXPECT_THAT(check.faults[0].what, HasSubstr(c.what));
     EXPECT_FALSE(check.unusable);
   }
-  EXPECT_THAT(FaultLines("f", Check("<config><tarvik>\n<x/></tarvik></config>")), HasSubstr("f:2: x is no option"));
+  EXPECT_THAT(FaultLines("f", Check("<config><tarvik>\n<x/></tarvik></config>")),
+              HasSubstr("f:2: x is no option"));
 }
 
 // The daemon does not start with these, so the check may not call them good.
 TEST_F(OptionCheckTest, UnusableFilesAreToldAsSuch) {
-  for (const std::string& text : {std::string(), std::string("<config>"), std::string("<config><other/></config>"),
-                                  std::string("<tarvik/>"), std::string("\0\xff", 2), std::string("<config><tarvik></config>"),
-                                  "<config><tarvik>" + std::string(2 << 20, ' ') + "</tarvik></config>"}) {
+  for (const std::string& text :
+       {std::string(), std::string("<config>"), std::string("<config><other/></config>"),
+        std::string("<tarvik/>"), std::string("\0\xff", 2), std::string("<config><tarvik></config>"),
+        "<config><tarvik>" + std::string(2 << 20, ' ') + "</tarvik></config>"}) {
     const OptionCheck check = Check(text);
     EXPECT_TRUE(check.unusable) << text.substr(0, 40);
     EXPECT_EQ(check.faults.size(), 1u);
@@ -71,10 +73,12 @@ TEST_F(OptionCheckTest, GoodFileHasItsValuesInForce) {
   const OptionCheck check =
       Check("<config><tarvik><log><level> 3 </level></log><app><lldp>0</lldp></app></tarvik></config>");
   EXPECT_TRUE(check.faults.empty()) << FaultLines("f", check);
-  EXPECT_THAT(check.json, HasSubstr("\"key\":\"log.level\",\"type\":\"number\",\"range\":\"0 to 6\",\"default\":\"5\","
-                                    "\"value\":\"3\",\"set\":true"));
-  EXPECT_THAT(check.json, HasSubstr("\"key\":\"app.lldp\",\"type\":\"flag\",\"range\":\"true or false\",\"default\":"
-                                    "\"true\",\"value\":\"false\",\"set\":true"));
+  EXPECT_THAT(check.json,
+              HasSubstr("\"key\":\"log.level\",\"type\":\"number\",\"range\":\"0 to 6\",\"default\":\"5\","
+                        "\"value\":\"3\",\"set\":true"));
+  EXPECT_THAT(check.json,
+              HasSubstr("\"key\":\"app.lldp\",\"type\":\"flag\",\"range\":\"true or false\",\"default\":"
+                        "\"true\",\"value\":\"false\",\"set\":true"));
 }
 
 // The commented file that is installed shows every option once, with the default of the table.
@@ -94,8 +98,8 @@ TEST_F(OptionCheckTest, InstalledFileShowsTheTable) {
   }
 }
 
-// A key that code reads beside the table would be one that the check calls unknown.  The functions that read options
-// take keys of the table alone; this finds code that goes around them.
+// A key that code reads beside the table would be one that the check calls unknown.  The functions that read
+// options take keys of the table alone; this finds code that goes around them.
 TEST(OptionTableTest, NobodyReadsTheTreeItself) {
   namespace fs = std::filesystem;
   for (const char* folder : {"agent", "app", "framework", "platform", "mpaclient", "covedbclient"}) {

@@ -24,7 +24,9 @@ class StatusBoardTest : public ::testing::Test {
   StatusBoardTest() {
     group_->Start(1);
     board_->SetPhase(StatusBoard::Phase::kServing);
-    board_->AddSource("store", [this](std::vector<PartState>* parts) { parts->push_back({"store", fault_, "wait"}); });
+    board_->AddSource("store", [this](std::vector<PartState>* parts) {
+      parts->push_back({"store", fault_, "wait"});
+    });
   }
   ~StatusBoardTest() override {
     board_->Close();

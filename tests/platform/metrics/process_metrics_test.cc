@@ -55,7 +55,8 @@ TEST(MetricWriterTest, HistogramIsCumulative) {
   EXPECT_THAT(text, HasSubstr("_sum 7201.000382\n"));
 }
 
-// Label values may come from a peer; without a bound it would fill the memory of this process and of monitoring.
+// Label values may come from a peer; without a bound it would fill the memory of this process and of
+// monitoring.
 TEST(ProcessMetricsTest, LabelsAreBounded) {
   for (size_t i = 0; i < kMostLabelValues + 10; ++i) {
     CounterOf(MetricId::kScriptErrors, "command" + std::to_string(i)).Add();
