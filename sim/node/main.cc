@@ -74,22 +74,26 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
-std::string DaemonBeside(const char* program) {
+// A program of the daemon's package: in the folder of this one, or where the build has it.
+std::string ProgramBeside(const char* program, const std::string& name, const std::string& built) {
   std::string path(4096, '\0');
   const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
   path = size > 0 ? path.substr(0, static_cast<size_t>(size)) : program;
   const std::string here = path.substr(0, path.rfind('/'));
-  for (const std::string& candidate : {here + "/zem-tarvik", here + "/../../agent/zem-tarvik", std::string(zem::sim::kDaemonPath)}) {
+  for (const std::string& candidate :
+       {here + "/" + name, here + "/../../" + built, "/opt/orlane/zem-tarvik/bin/" + name, "/usr/bin/" + name}) {
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
-  return here + "/zem-tarvik";
+  return here + "/" + name;
 }
 
 int RunNode(Words words, const char* program) {
-  zem::sim::SandboxOptions sandbox{kDefaultDirectory, DaemonBeside(program),
-                                   zem::sim::DataFolder::Get().host, zem::sim::DataFolder::Get().libraries};
-  sandbox.agent_scripts = zem::sim::DataFolder::Get().agent_scripts;
+  const zem::sim::DataFolder& data = zem::sim::DataFolder::Get();
+  zem::sim::SandboxOptions sandbox{kDefaultDirectory, ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"),
+                                   data.host, data.libraries};
+  sandbox.agent_scripts = data.agent_scripts;
   zem::sim::NodeOptions node;
+  node.tarvikctl = ProgramBeside(program, "zem-tarvikctl", "ctl/zem-tarvikctl");
   while (!words.empty()) {
     const std::string option = words.Take();
     if (option == "--dir") {

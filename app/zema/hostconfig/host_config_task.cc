@@ -1,11 +1,17 @@
 #include "app/zema/hostconfig/host_config_task.h"
 
 #include "app/zema/manager/mpa_message_sender.h"
+#include "platform/metrics/process_metrics.h"
 
 namespace zem::zema {
 
 void HostConfigTask::Run() {
-  ApplyHostConfig(false, false);
+  {
+    const metrics::CallTimer timer(metrics::MetricId::kHostConfigs, {});
+    ApplyHostConfig(false, false);
+  }
+  if (!errors_.texts().empty() || errors_.code() != 0)
+    metrics::CounterOf(metrics::MetricId::kHostConfigFailures).Add();
   if (sender_ == nullptr) return;
   sender_->HostConfigReply(correlation_id_, reply_to_, BuildReply());
 }

@@ -3,8 +3,21 @@
 #include <utility>
 
 #include "app/zema/hostlib/switch_library.h"
+#include "platform/metrics/process_metrics.h"
 
 namespace zem::zema {
+namespace {
+
+template <class Function, class... Arguments>
+uint32_t Measured(Function function, Arguments... arguments) {
+  const metrics::CallTimer timer(metrics::MetricId::kLibrary, "router");
+  const uint32_t result = function(arguments...);
+  if (result != 0) metrics::CounterOf(metrics::MetricId::kLibraryErrors, "router").Add();
+  return result;
+}
+
+}  // namespace
+
 RouterLibrary::RouterLibrary(std::string file) : library_(std::move(file)) {}
 RouterLibrary::~RouterLibrary() = default;
 
@@ -21,7 +34,7 @@ bool RouterLibrary::Open(std::string* error) { return library_.Open(Symbols(), e
 void RouterLibrary::Close() { library_.Close(Symbols()); }
 
 uint32_t RouterLibrary::GetVMAC(const std::string& dvs, Mac* mac) const {
-  return loaded() ? calls_.get_vmac(dvs.c_str(), mac->data()) : kSwitchNotLoaded;
+  return loaded() ? Measured(calls_.get_vmac, dvs.c_str(), mac->data()) : kSwitchNotLoaded;
 }
 
 uint32_t RouterLibrary::PlumbVdrConnection(const std::string& dvs, const char* port, const Mac& mac,
@@ -30,18 +43,18 @@ uint32_t RouterLibrary::PlumbVdrConnection(const std::string& dvs, const char* p
   std::vector<const char*> names;
   names.reserve(uplinks.size());
   for (const std::string& uplink : uplinks) names.push_back(uplink.c_str());
-  return calls_.plumb(dvs.c_str(), port, mac.data(), teaming, names.data(),
-                      static_cast<uint32_t>(names.size()));
+  return Measured(calls_.plumb, dvs.c_str(), port, mac.data(), teaming, names.data(),
+                  static_cast<uint32_t>(names.size()));
 }
 
 uint32_t RouterLibrary::UnPlumbVdrConnection(const std::string& dvs) const {
-  return loaded() ? calls_.unplumb(dvs.c_str()) : kSwitchNotLoaded;
+  return loaded() ? Measured(calls_.unplumb, dvs.c_str()) : kSwitchNotLoaded;
 }
 
 uint32_t RouterLibrary::GetUnloadStatus(bool* busy) const {
   if (!loaded()) return kSwitchNotLoaded;
   int number = 0;
-  const uint32_t result = calls_.get_unload_status(&number);
+  const uint32_t result = Measured(calls_.get_unload_status, &number);
   *busy = number != 0;
   return result;
 }

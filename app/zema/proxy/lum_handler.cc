@@ -13,6 +13,7 @@
 #include "framework/process/error_text.h"
 #include "framework/process/shutdown_pipe.h"
 #include "platform/core/poll.h"
+#include "platform/metrics/process_metrics.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {
@@ -158,7 +159,12 @@ int LumHandler::InvokeCommandInternal(const std::string& command, const std::str
     SpawnPyLumInternal();
     return kFailed;
   }
-  return Ask(command, expected, out);
+  // Without the arguments, which would make a metric of each call.
+  const std::string_view name = std::string_view(command).substr(0, command.find('('));
+  const metrics::CallTimer timer(metrics::MetricId::kScript, name);
+  const int result = Ask(command, expected, out);
+  if (result != kSucceeded) metrics::CounterOf(metrics::MetricId::kScriptErrors, name).Add();
+  return result;
 }
 
 int LumHandler::Ask(const std::string& command, const std::string& expected, std::string* out) {

@@ -13,6 +13,7 @@
 #include "framework/tasks/thread_log_context.h"
 #include "platform/core/condition.h"
 #include "platform/core/thread_name.h"
+#include "platform/metrics/process_metrics.h"
 
 namespace zem::zema {
 namespace {
@@ -266,7 +267,11 @@ void HandlerPool::Process(HandlerThread& handler, VifRequest& request) {
     request.turn.reset();
   }
   if (request.request) reply_(request);
-  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::Process().Now() - begun);
+  const Duration duration = Clock::Process().Now() - begun;
+  const std::string operation = request.KindText();
+  metrics::LatencyOf(metrics::MetricId::kVifOperations, operation).Record(duration);
+  if (!request.error_text.empty()) metrics::CounterOf(metrics::MetricId::kVifFailures, operation).Add();
+  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(duration);
   ZLOG_INFO("[%s] Handler [%ld] done with request [%s] in time %llu\n", kThreadTag, handler.Number(),
             text.c_str(), static_cast<unsigned long long>(took.count()));
 }
