@@ -30,6 +30,8 @@
 #include "framework/node/platform_info.h"
 #include "framework/process/memory_return.h"
 #include "framework/process/shutdown_pipe.h"
+#include "framework/timeline/timeline_file.h"
+#include "framework/timeline/why_command.h"
 #include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/core/thread.h"
 #include "platform/core/thread_name.h"
@@ -58,6 +60,8 @@ constexpr const char* kProxyClientId = "tarvik";
 constexpr const char* kProxyEndpoint = "tcp://127.0.0.1:9004";
 constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
 constexpr const char* kStoreClientId = "tarvik-agent";
+// In the folder of the realization's other state, whose operations it tells of.
+constexpr const char* kTimelinesPath = "/etc/orlane/zema/failed_operations.jsonl";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
 // Every process of the host may connect to the health service.
@@ -160,6 +164,7 @@ class Agent::Impl {
   std::unique_ptr<sha::ShaPmClient> health_client_;
   std::shared_ptr<covedb::CoveDbClient> store_client_;
   std::shared_ptr<upm::UPMService> update_service_;
+  std::optional<TimelineFile> timelines_;
   boost::intrusive_ptr<CliServer> cli_server_;
   std::optional<ApplicationList> applications_;
   std::unique_ptr<rpc::Server> health_server_;
@@ -253,6 +258,8 @@ void Agent::Impl::StartStore() {
   cli_server_ = new CliServer(framework_group_);
   cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
+  timelines_.emplace(kTimelinesPath);
+  cli_server_->AddCommands({WhyCommand(*timelines_)});
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
   applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { watchdog_->Enter(step); });
   applications_->Create(
@@ -321,6 +328,7 @@ void Agent::Impl::Stop() {
   health_server_.reset();
   applications_.reset();
   cli_server_.reset();
+  timelines_.reset();
   update_service_.reset();
   wft::WorkflowUtil::Init(nullptr, "");
   store_client_.reset();

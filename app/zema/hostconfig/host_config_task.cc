@@ -1,21 +1,26 @@
 #include "app/zema/hostconfig/host_config_task.h"
 
 #include "app/zema/manager/mpa_message_sender.h"
+#include "platform/timeline/operation.h"
 
 namespace zem::zema {
 
 void HostConfigTask::Run() {
   ApplyHostConfig(false, false);
-  if (sender_ == nullptr) return;
-  sender_->HostConfigReply(correlation_id_, reply_to_, BuildReply());
+  if (sender_ != nullptr) sender_->HostConfigReply(correlation_id_, reply_to_, BuildReply());
+  timeline::Finish(timeline::Current(), ErrorText());
+}
+
+std::string HostConfigTask::ErrorText() const {
+  std::string text;
+  for (const std::string& error : errors_.texts()) text += error + "; ";
+  if (text.empty() && errors_.code() != 0) text = "ErrorCode=" + std::to_string(errors_.code());
+  return text;
 }
 
 HostConfigTask::HostConfigMsg HostConfigTask::BuildReply() {
   HostConfigMsg reply = message_;
-  std::string text;
-  for (const std::string& error : errors_.texts()) text += error + "; ";
-  if (text.empty() && errors_.code() != 0) text = "ErrorCode=" + std::to_string(errors_.code());
-  reply.set_error_text(text);
+  reply.set_error_text(ErrorText());
   reply.set_error_code(errors_.code());
   reply.clear_endpoint_ids();
   for (const uint32_t id : endpoint_ids_) reply.add_endpoint_ids(id);
