@@ -85,7 +85,7 @@ if(ZEM_PRECOMPILED)
       # A program's code is compiled for another place than a library's.
       add_executable(zem_precompiled_${kind} EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/precompiled/holder.cc)
     endif()
-    target_precompile_headers(zem_precompiled_${kind} PRIVATE ${CMAKE_SOURCE_DIR}/cmake/precompiled.h)
+    target_precompile_headers(zem_precompiled_${kind} PRIVATE <cmake/precompiled.h>)
     target_link_libraries(zem_precompiled_${kind} PRIVATE zem_options)
   endforeach()
   target_precompile_headers(zem_precompiled_test PRIVATE <gmock/gmock.h> <gtest/gtest.h>)

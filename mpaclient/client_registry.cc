@@ -39,14 +39,20 @@ bool ClientRegistry::Register(AsioZemProvider& provider, MpaReceiveCallback call
     ZLOG_ERROR("00106", "%s is registered already, the second registration is refused", name.c_str());
     return false;
   }
-  if (!bus) bus = new RmqClient;
-  const std::shared_ptr<MpaClient> client = MakeMpaClient(
+  clients.by_name[name] = Make(
       {provider, std::move(callback), name, id, client_type, port, std::chrono::microseconds(ack_timeout_us),
        std::chrono::microseconds(retry_timeout_us), std::move(bus), &DeliverFromBus});
-  client->CreateAppSpecificInstance(client);
-  clients.by_name[name] = client;
   return true;
 }
+
+std::shared_ptr<MpaClient> ClientRegistry::Make(MpaClientArguments arguments) {
+  if (!arguments.bus) arguments.bus = new RmqClient;
+  std::shared_ptr<MpaClient> client = MakeMpaClient(std::move(arguments));
+  client->CreateAppSpecificInstance(client);
+  return client;
+}
+
+void ClientRegistry::Retire(MpaClient& client) { client.HandleUnregister(); }
 
 std::shared_ptr<MpaClient> ClientRegistry::Get(const std::string& name) {
   Clients& clients = TheClients();

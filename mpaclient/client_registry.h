@@ -21,6 +21,10 @@ class ClientRegistry {
   static bool Register(AsioZemProvider& provider, MpaReceiveCallback callback, const std::string& name,
                        const std::string& id, uint32_t client_type, uint16_t port, uint64_t ack_timeout_us,
                        uint64_t retry_timeout_us, boost::intrusive_ptr<RmqClientInterface> bus = nullptr);
+  /// Makes a client that is not found by its name, for a process in which several agents live; Retire ends
+  /// it as Unregister does the others.  Without a bus it is given the library's.
+  static std::shared_ptr<MpaClient> Make(MpaClientArguments arguments);
+  static void Retire(MpaClient& client);
   /// Null when the vertical is not registered.
   static std::shared_ptr<MpaClient> Get(const std::string& name);
   static void Unregister(const std::string& name);

@@ -64,7 +64,8 @@ TEST_F(LoopMonitorTest, StepInProgressIsSeenFromOutside) {
   EXPECT_EQ(Named("worker").longest, std::chrono::seconds(9));
 }
 
-// A loop that lives in another one's step (the command server in a work group) is no endless step of that one.
+// A loop that lives in another one's step (the command server in a work group) is no endless step of that
+// one.
 TEST_F(LoopMonitorTest, InnerLoopSuspendsTheOuterOne) {
   const LoopThread outer("outer", LoopKind::kWorker);
   const LoopStep step("life of the inner one");
