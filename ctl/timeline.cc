@@ -116,8 +116,8 @@ std::string TookText(double micros) {
 void ShowTimeline(Screen& screen, const Json& operation) {
   const std::string state = operation["state"].text();
   screen.Line(operation["kind"].text() + ": " + operation["what"].text());
-  screen.Line("  " + state + (state == kUnderWay ? " for " : " after ") + TookText(operation["duration_us"].number()) +
-                  ", begun " + Begun(operation) +
+  screen.Line("  " + state + (state == kUnderWay ? " for " : " after ") +
+                  TookText(operation["duration_us"].number()) + ", begun " + Begun(operation) +
                   (operation["earlier_life"].is_true() ? ", in an earlier life of the daemon" : ""),
               ColourOf(state));
   if (const std::string error = operation["error"].text(); !error.empty()) {
@@ -134,10 +134,11 @@ void ShowTimeline(Screen& screen, const Json& operation) {
   std::vector<Screen::Row> rows;
   for (const Json& step : operation["steps"].elements()) {
     const bool failed = step["failed"].is_true();
-    rows.push_back({{TookText(step["start_us"].number() < 0 ? 0 : step["start_us"].number()), Colour::kFaint, true},
-                    {TookText(step["duration_us"].number()), Colour::kNone, true},
-                    {step["thread"].text(), Colour::kFaint},
-                    {StepText(step), failed ? Colour::kBad : Colour::kNone}});
+    rows.push_back(
+        {{TookText(step["start_us"].number() < 0 ? 0 : step["start_us"].number()), Colour::kFaint, true},
+         {TookText(step["duration_us"].number()), Colour::kNone, true},
+         {step["thread"].text(), Colour::kFaint},
+         {StepText(step), failed ? Colour::kBad : Colour::kNone}});
   }
   screen.Line("");
   screen.Table({"AT", "TOOK", "THREAD", "STEP"}, rows);
@@ -176,11 +177,13 @@ std::string TraceEvents(const Json& operations) {
     AddBar(events, title, process, 0, begun, lasted, operation);
     std::map<std::string, int> threads;
     for (const Json& step : operation["steps"].elements()) {
-      const auto [thread, added] = threads.try_emplace(step["thread"].text(), static_cast<int>(threads.size()) + 1);
+      const auto [thread, added] =
+          threads.try_emplace(step["thread"].text(), static_cast<int>(threads.size()) + 1);
       if (added) events.Name("thread_name", thread->first, process, thread->second);
       const double start = step["start_us"].number();
       const double took = step["duration_us"].number();
-      AddBar(events, step["name"].text(), process, thread->second, begun + start, took < 0 ? lasted - start : took, step);
+      AddBar(events, step["name"].text(), process, thread->second, begun + start,
+             took < 0 ? lasted - start : took, step);
     }
   }
   return events.Text();

@@ -17,8 +17,8 @@ void ShowTimeline(Screen& screen, const Json& operation);
 /// The list of operations without their steps.
 void ShowOperations(Screen& screen, const Json& operations);
 
-/// The operations in the trace event form that trace viewers open: a process for each operation, a row for each
-/// thread.
+/// The operations in the trace event form that trace viewers open: a process for each operation, a row for
+/// each thread.
 std::string TraceEvents(const Json& operations);
 
 }  // namespace zem::ctl

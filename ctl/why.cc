@@ -14,8 +14,9 @@ namespace {
 namespace po = boost::program_options;
 
 void Declare(po::options_description* options, po::positional_options_description* arguments) {
-  options->add_options()("id", po::value<std::string>(),
-                         "a host configuration, an operation, a VIF, a switch (id or name), a node; a list without it")(
+  options->add_options()(
+      "id", po::value<std::string>(),
+      "a host configuration, an operation, a VIF, a switch (id or name), a node; a list without it")(
       "all", "show every operation of it in full, not only the newest one")(
       "trace", po::value<std::string>(), "write FILE in the trace event form that trace viewers open");
   arguments->add("id", 1);
@@ -48,8 +49,9 @@ int Run(const Work& work) {
   }
   if (all.size() > shown) {
     work.screen.Line("");
-    work.screen.Line(std::to_string(all.size()) + " operations are known, the newest is shown; --all shows each:",
-                     Colour::kFaint);
+    work.screen.Line(
+        std::to_string(all.size()) + " operations are known, the newest is shown; --all shows each:",
+        Colour::kFaint);
     ShowOperations(work.screen, operations);
   }
   return kHealthy;
@@ -58,8 +60,8 @@ int Run(const Work& work) {
 }  // namespace
 
 extern const Subcommand kWhy;
-const Subcommand kWhy{"why", " [ID] [--all] [--trace FILE]",
-                      "What became of an operation, step by step, also when it failed before the last restart", &Declare,
-                      &Run};
+const Subcommand kWhy{
+    "why", " [ID] [--all] [--trace FILE]",
+    "What became of an operation, step by step, also when it failed before the last restart", &Declare, &Run};
 
 }  // namespace zem::ctl

@@ -79,6 +79,7 @@ Operation::Operation(uint64_t number, Kind kind, std::string_view what,
       what_(what),
       begun_(Clock::Process().Now()),
       begun_wall_(Clock::Process().WallNow()) {
+  keys_.reserve(keys.size());
   for (const std::string_view key : keys) AddKey(key);
 }
 
