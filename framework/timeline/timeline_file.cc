@@ -20,6 +20,7 @@ namespace {
 constexpr LogSource kLog{"tarvik", "framework"};
 constexpr size_t kMostBytes = size_t{1} << 20;
 constexpr size_t kMostWaiting = 128;
+constexpr mode_t kMode = 0600;  // it names VMs and their files
 
 std::vector<std::string_view> Lines(std::string_view text) {
   std::vector<std::string_view> lines;
@@ -104,7 +105,7 @@ void TimelineFile::Save(const timeline::Operation& operation) {
 }
 
 bool TimelineFile::Append(const std::string& line) {
-  UniqueFd fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
+  UniqueFd fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, kMode));
   struct stat status {};
   if (!fd || ::fstat(fd.get(), &status) != 0) return false;
   if (static_cast<size_t>(status.st_size) + line.size() > kMostBytes) {
@@ -114,7 +115,8 @@ bool TimelineFile::Append(const std::string& line) {
     const size_t half = bytes.find('\n', bytes.size() > kMostBytes / 2 ? bytes.size() - kMostBytes / 2 : 0);
     bytes.erase(0, half == std::string::npos ? bytes.size() : half + 1);
     torn_ = false;
-    return WriteFileWhole(path_, bytes + line, &error) == FileWrite::kDone;
+    return WriteFileWhole(path_, bytes + line, &error) == FileWrite::kDone &&
+           ::chmod(path_.c_str(), kMode) == 0;
   }
   const std::string text = (torn_ ? "\n" : "") + line;
   const ssize_t written = ::write(fd.get(), text.data(), text.size());

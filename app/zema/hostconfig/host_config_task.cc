@@ -1,14 +1,23 @@
 #include "app/zema/hostconfig/host_config_task.h"
 
+#include <optional>
+
+#include "app/zema/hostconfig/host_config_timeline.h"
 #include "app/zema/manager/mpa_message_sender.h"
-#include "platform/timeline/operation.h"
 
 namespace zem::zema {
 
 void HostConfigTask::Run() {
+  // A configuration of the manager has begun with its message; the host's own tools have none.
+  timeline::OperationPtr operation = timeline::Current();
+  std::optional<timeline::Scope> scope;
+  if (!operation) {
+    operation = BeginHostConfig(message_, "of the host's own tools");
+    scope.emplace(operation);
+  }
   ApplyHostConfig(false, false);
   if (sender_ != nullptr) sender_->HostConfigReply(correlation_id_, reply_to_, BuildReply());
-  timeline::Finish(timeline::Current(), ErrorText());
+  timeline::Finish(operation, ErrorText());
 }
 
 std::string HostConfigTask::ErrorText() const {
