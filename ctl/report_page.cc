@@ -119,7 +119,7 @@ document.getElementById("subtitle").textContent = "made " + text(data.made);
       draw(svg, "rect", {x: 10, y: y, width: width - 20, height: 30, rx: 5, fill: "#e8f0fe", stroke: "#4c8bf5"});
       draw(svg, "text", {x: 20, y: y + 20, "font-weight": 600}, short(one.name || one.id, 60));
       draw(svg, "text", {x: width - 20, y: y + 20, "text-anchor": "end", class: "small"},
-        mine.length + " ports, " + mine.filter(vifOf).length + " with a VIF" + (one.mtu ? ", MTU " + text(one.mtu) : ""));
+        mine.length + " ports, " + mine.filter(vifOf).length + " with a VIF" + (one.mtu ? ", MTU " + text(one.mtu) : "") + (list(one.endpoints).length ? ", endpoints " + short(list(one.endpoints).map(nameOf).join(" "), 70) : ""));
       y += 38;
       mine.slice(0, most).forEach((port, i) => {
         const used = vifOf(port), fault = port.pending || port.error;

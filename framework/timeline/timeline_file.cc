@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 
 #include "framework/log/log.h"
@@ -20,6 +21,9 @@ namespace {
 constexpr LogSource kLog{"tarvik", "framework"};
 constexpr size_t kMostBytes = size_t{1} << 20;
 constexpr size_t kMostWaiting = 128;
+constexpr auto kLook = std::chrono::seconds(5);
+constexpr auto kLong = std::chrono::seconds(10);
+constexpr size_t kMostLong = 64;
 constexpr mode_t kMode = 0600;  // it names VMs and their files
 
 std::vector<std::string_view> Lines(std::string_view text) {
@@ -66,7 +70,11 @@ void TimelineFile::Load() {
   for (const std::string_view line : Lines(bytes)) {
     if (auto operation = ReadTimeline(line)) {
       operation->earlier_life = true;
-      earlier_.push_back(std::move(*operation));
+      // The last line of an operation counts.
+      std::erase_if(earlier_, [&](const timeline::OperationReading& before) {
+        return before.number == operation->number && before.begun == operation->begun;
+      });
+      if (operation->state != timeline::State::kDone) earlier_.push_back(std::move(*operation));
     } else {
       ++skipped;
     }
@@ -78,13 +86,37 @@ void TimelineFile::Load() {
 void TimelineFile::Write() {
   std::unique_lock lock(mutex_);
   for (;;) {
-    changed_.Wait(lock, [this] { return stopped_ || !waiting_.empty(); });
-    if (waiting_.empty()) return;
-    const timeline::OperationPtr operation = std::move(waiting_.front());
-    waiting_.pop_front();
+    const bool any = changed_.WaitFor(lock, kLook, [this] { return stopped_ || !waiting_.empty(); });
+    if (any && waiting_.empty()) return;
+    timeline::OperationPtr operation;
+    if (any) {
+      operation = std::move(waiting_.front());
+      waiting_.pop_front();
+    }
     lock.unlock();
-    Save(*operation);
+    if (operation) {
+      std::erase(long_, operation);
+      Save(*operation);
+    } else {
+      SaveLong();
+    }
     lock.lock();
+  }
+}
+
+void TimelineFile::SaveLong() {
+  std::erase_if(long_, [this](const timeline::OperationPtr& each) {
+    if (each->state() == timeline::State::kUnderWay) return false;
+    // One that failed is written for that.
+    if (each->state() == timeline::State::kDone) Save(*each);
+    return true;
+  });
+  for (const timeline::OperationPtr& each : timeline::Find({}, SIZE_MAX)) {
+    if (each->state() != timeline::State::kUnderWay || each->age() < kLong || long_.size() >= kMostLong)
+      continue;
+    if (std::find(long_.begin(), long_.end(), each) != long_.end()) continue;
+    Save(*each);
+    long_.push_back(each);
   }
 }
 

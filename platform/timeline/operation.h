@@ -72,6 +72,8 @@ class Operation {
   bool Has(std::string_view key) const;
   uint64_t number() const { return number_; }
   size_t bytes() const { return bytes_; }
+  /// Since its begin.
+  Duration age() const { return Clock::Process().Now() - begun_; }
   State state() const;
   Kind kind() const { return kind_; }
   OperationReading Read() const;

@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "framework/timeline/timeline_json.h"
+#include "platform/core/virtual_clock.h"
 #include "platform/timeline/step.h"
 #include "tests/support/temp_dir.h"
 
@@ -79,6 +80,28 @@ TEST_F(TimelineFileTest, TheFileStaysSmallAndKeepsTheNewest) {
   const std::vector<std::string> remembered = Remembered();
   ASSERT_GT(remembered.size(), 5u);
   EXPECT_EQ(remembered.front(), "vif-59");
+}
+
+// A configuration hangs and the daemon is killed for it: the next life tells where it hung.  One that came to
+// its end after all is not told of.
+TEST_F(TimelineFileTest, WhatHangsIsWrittenDownBeforeTheKill) {
+  VirtualClock clock;
+  {
+    const TimelineFile file(path_);
+    const timeline::OperationPtr slow = timeline::Begin(Kind::kVif, "attach", {"slow"});
+    const timeline::OperationPtr hung = timeline::Begin(Kind::kHostConfig, "revision 1", {"hung"});
+    const timeline::Scope scope(hung);
+    const timeline::Step step("waits for the script");
+    clock.RunFor(std::chrono::seconds(16));
+    timeline::Finish(slow, {});
+    clock.RunFor(std::chrono::seconds(6));
+    std::filesystem::copy_file(path_, path_ + ".killed");
+  }
+  const TimelineFile next(path_ + ".killed");
+  ASSERT_THAT(next.earlier(), testing::SizeIs(1));
+  EXPECT_EQ(next.earlier()[0].state, timeline::State::kUnderWay);
+  EXPECT_EQ(next.earlier()[0].steps.at(0).name, "waits for the script");
+  EXPECT_EQ(next.earlier()[0].steps.at(0).duration_us, -1);
 }
 
 // A folder that is missing must not cost the daemon anything but the file.
