@@ -37,6 +37,8 @@
 #include "framework/process/memory_return.h"
 #include "framework/process/shutdown_pipe.h"
 #include "framework/status/status_board.h"
+#include "framework/timeline/timeline_file.h"
+#include "framework/timeline/why_command.h"
 #include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/core/thread.h"
 #include "platform/core/thread_name.h"
@@ -66,6 +68,8 @@ constexpr const char* kProxyClientId = "tarvik";
 constexpr const char* kProxyEndpoint = "tcp://127.0.0.1:9004";
 constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
 constexpr const char* kStoreClientId = "tarvik-agent";
+// In the folder of the realization's other state, whose operations it tells of.
+constexpr const char* kTimelinesPath = "/etc/orlane/zema/failed_operations.jsonl";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
 // Every process of the host may connect to the health service.
@@ -182,6 +186,7 @@ class Agent::Impl {
   std::shared_ptr<Timer> status_timer_;
   std::unique_ptr<MetricsReport> metrics_report_;
   std::unique_ptr<MetricsSocket> metrics_socket_;
+  std::optional<TimelineFile> timelines_;
   boost::intrusive_ptr<CliServer> cli_server_;
   std::optional<ApplicationList> applications_;
   std::unique_ptr<rpc::Server> health_server_;
@@ -282,6 +287,8 @@ void Agent::Impl::StartStore() {
   cli_server_->AddCommands(ManagerCommands());
   cli_server_->AddCommands(
       {{"get/options", "", 0, 0, [](const CliArguments&, CliReply reply) { reply.Ok(OptionsInForce()); }}});
+  timelines_.emplace(kTimelinesPath);
+  cli_server_->AddCommands({WhyCommand(*timelines_)});
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
   cli_server_->AddCommands(
       {StatusCommand(status_, BuildInfo::c_str(), [] { return Host().id().value_or(std::string()); })});
@@ -408,6 +415,7 @@ void Agent::Impl::Stop() {
   cli_server_.reset();
   metrics_report_.reset();
   status_.reset();
+  timelines_.reset();
   update_service_.reset();
   wft::WorkflowUtil::Init(nullptr, "");
   store_client_.reset();

@@ -21,7 +21,8 @@ Latency& LatencyOf(MetricId id, std::string_view label = {});
 class CallTimer {
  public:
   CallTimer(MetricId latency, std::string_view label)
-      : latency_(LatencyOf(latency, label)), begin_(Clock::Process().Now()) {}
+      : CallTimer(LatencyOf(latency, label)) {}
+  explicit CallTimer(Latency& latency) : latency_(latency), begin_(Clock::Process().Now()) {}
   ~CallTimer() { latency_.Record(Clock::Process().Now() - begin_); }
   CallTimer(const CallTimer&) = delete;
   CallTimer& operator=(const CallTimer&) = delete;

@@ -14,6 +14,7 @@
 #include "platform/core/condition.h"
 #include "platform/core/thread_name.h"
 #include "platform/metrics/process_metrics.h"
+#include "platform/timeline/step.h"
 
 namespace zem::zema {
 namespace {
@@ -89,6 +90,7 @@ void HandlerPool::Stop() {
 void HandlerPool::AddRequest(std::shared_ptr<VifRequest> request) {
   std::shared_ptr<HandlerThread> handler;
   bool full = false;
+  request->BeginTimeline();
   {
     const std::lock_guard lock(mutex_);
     if (stopped_) {
@@ -124,6 +126,7 @@ void HandlerPool::Refuse(VifRequest& request) {
             kMostPending);
   if (request.error_text.empty()) request.error_text = kTooManyWait;
   reply_(request);
+  timeline::Finish(request.carried.operation(), request.error_text);
 }
 
 // A thread counts from its start, so that a burst before the first one is ready makes no more than the limit.
@@ -258,6 +261,8 @@ void HandlerPool::ProcessAndGoOn(HandlerThread& handler, VifRequest& request) {
 
 void HandlerPool::Process(HandlerThread& handler, VifRequest& request) {
   const std::string text = request.ToString();
+  const timeline::Scope scope(request.carried.operation());
+  timeline::Waited("waits for a thread", request.carried.since());
   const TimePoint begun = Clock::Process().Now();
   ZLOG_INFO("[%s] Handler [%ld] processing request [%s] ...\n", kThreadTag, handler.Number(), text.c_str());
   if (request.error_text.empty()) {
@@ -266,7 +271,16 @@ void HandlerPool::Process(HandlerThread& handler, VifRequest& request) {
     // A request that has failed already is only answered: the next one on the VIF does not wait for that.
     request.turn.reset();
   }
-  if (request.request) reply_(request);
+  if (request.request) {
+    timeline::Step answer("answers the host");
+    reply_(request);
+    if (!request.error_text.empty()) {
+      answer.Result(request.error_text, true);
+    } else {
+      answer.Result(request.result_text.empty() ? "done" : request.result_text, false);
+    }
+  }
+  timeline::Finish(request.carried.operation(), request.error_text);
   const Duration duration = Clock::Process().Now() - begun;
   const std::string operation = request.KindText();
   metrics::LatencyOf(metrics::MetricId::kVifOperations, operation).Record(duration);
