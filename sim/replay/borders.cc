@@ -135,7 +135,8 @@ void Borders::TakeFiles(ControlClient& node) {
     if (!cJSON_IsString(name)) continue;
     const std::string_view text = name->valuestring;
     if (std::ranges::any_of(kOtherFiles, [&](std::string_view end) { return text.ends_with(end); })) continue;
-    const std::string path = std::string(kStateFolder) + "/" + name->valuestring;
+    std::string path = kStateFolder;
+    path.append("/").append(name->valuestring);
     const Json content = Ask(node, "file/read --hex " + path);
     if (content) Add("file " + path, JsonText(content.get()));
   }
