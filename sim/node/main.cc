@@ -86,8 +86,8 @@ std::string ProgramBeside(const char* program, const std::string& name, const st
   const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
   path = size > 0 ? path.substr(0, static_cast<size_t>(size)) : program;
   const std::string here = path.substr(0, path.rfind('/'));
-  for (const std::string& candidate :
-       {here + "/" + name, here + "/../../" + built, "/opt/orlane/zem-tarvik/bin/" + name, "/usr/bin/" + name}) {
+  for (const std::string& candidate : {here + "/" + name, here + "/../../" + built,
+                                       "/opt/orlane/zem-tarvik/bin/" + name, "/usr/bin/" + name}) {
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   return here + "/" + name;
@@ -95,8 +95,8 @@ std::string ProgramBeside(const char* program, const std::string& name, const st
 
 int RunNode(Words words, const char* program) {
   const zem::sim::DataFolder& data = zem::sim::DataFolder::Get();
-  zem::sim::SandboxOptions sandbox{kDefaultDirectory, ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"),
-                                   data.host, data.libraries};
+  zem::sim::SandboxOptions sandbox{
+      kDefaultDirectory, ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"), data.host, data.libraries};
   sandbox.agent_scripts = data.agent_scripts;
   zem::sim::NodeOptions node;
   node.tarvikctl = ProgramBeside(program, "zem-tarvikctl", "ctl/zem-tarvikctl");
@@ -245,8 +245,9 @@ int Record(Words words, const char* program) {
       return;
     }
     // A command that is repeated until its answer is right has done its work the last time.
-    if (!recording.events.empty() && recording.events.back().command == command) recording.events.pop_back();
-    recording.events.push_back({at_ms, command, answer});
+    const bool again = !recording.events.empty() && recording.events.back().command == command;
+    if (again) recording.events.pop_back();
+    recording.events.push_back({at_ms, command, answer, again});
   });
   const bool held = zem::sim::Scenario(client, std::cout).Run(lines, file);
   client.SetObserver({});

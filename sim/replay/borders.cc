@@ -102,10 +102,13 @@ void Borders::TakeCommands(ControlClient& node) {
     const std::string data = TextOf(frame, "data");
     std::string line = TextOf(frame, "operation") + " " + data + " -> " + TextOf(frame, "status") + " " +
                        TextOf(frame, "reply");
+    // Different commands come from different threads.
+    const std::string name = data.substr(0, data.find('('));
+    const std::string group = "script " + (name.size() < data.size() ? name : TextOf(frame, "operation"));
     if (IsQuestionOfScript(data)) {
-      AddQuestion("script", std::move(line));
+      AddQuestion(group, std::move(line));
     } else {
-      Add("script", std::move(line));
+      Add(group, std::move(line));
     }
   }
 }
