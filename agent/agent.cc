@@ -19,23 +19,32 @@
 #include "agent/build_info.h"
 #include "agent/combined_message.h"
 #include "agent/manager_commands.h"
+#include "agent/metrics_report.h"
+#include "agent/metrics_socket.h"
 #include "agent/service_notifier.h"
 #include "agent/start_watchdog.h"
+#include "agent/status_sources.h"
 #include "covedbclient/covedb_client.h"
 #include "framework/cli/builtin_commands.h"
 #include "framework/cli/cli_server.h"
+#include "framework/cli/json_writer.h"
 #include "framework/dataplane/lcp_adapter.h"
 #include "framework/log/log.h"
 #include "framework/log/syslog_sink.h"
+#include "framework/node/host_identity.h"
 #include "framework/node/options.h"
 #include "framework/node/platform_info.h"
 #include "framework/process/memory_return.h"
 #include "framework/process/shutdown_pipe.h"
+#include "framework/status/status_board.h"
+#include "framework/timeline/timeline_file.h"
+#include "framework/timeline/why_command.h"
 #include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "platform/core/thread.h"
 #include "platform/core/thread_name.h"
 #include "platform/daemonhealth/daemon_health_service.h"
 #include "platform/metrics/metrics.h"
+#include "platform/metrics/queue_gauge.h"
 #include "platform/provider/metrics_collector.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/timer.h"
@@ -59,6 +68,8 @@ constexpr const char* kProxyClientId = "tarvik";
 constexpr const char* kProxyEndpoint = "tcp://127.0.0.1:9004";
 constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
 constexpr const char* kStoreClientId = "tarvik-agent";
+// In the folder of the realization's other state, whose operations it tells of.
+constexpr const char* kTimelinesPath = "/etc/orlane/zema/failed_operations.jsonl";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
 // Every process of the host may connect to the health service.
@@ -72,9 +83,13 @@ constexpr uint32_t kMetricIntervalS = 20;
 constexpr uint32_t kHeartbeatS = 5;
 constexpr uint32_t kHeartbeatStaleS = 30;
 constexpr auto kMemoryReturnPeriod = std::chrono::seconds(10);
+constexpr auto kStatusPeriod = std::chrono::seconds(1);
 constexpr int kTarvikThreads = 4;
 constexpr int kFrameworkThreads = 10;
 constexpr int kProviderThreads = 5;
+
+// The queue of the store client's writes.
+constexpr std::string_view kStoreQueue = "storeModifications";
 
 // The node types that have a local store.
 constexpr uint32_t kStoreNodes = kNodeQub | kNodeKvm | kNodeBareMetalServer | kNodeBareMetalContainer;
@@ -142,13 +157,12 @@ class Agent::Impl {
   void StartFrame();
   void StartStore();
   void StartMemoryReturn();
+  void StartStatus();
+  void StartMetrics();
+  void GetStore(CliReply reply) const;
   void StartHealthService();
   void Serving();
-
-  void Enter(const char* step) {
-    watchdog_->Enter(step);
-    service_.Starting(step);
-  }
+  void EnterStep(const char* step);
 
   const Settings settings_;
   // Watches the loops until the last of them has ended.
@@ -168,6 +182,11 @@ class Agent::Impl {
   std::unique_ptr<sha::ShaPmClient> health_client_;
   std::shared_ptr<covedb::CoveDbClient> store_client_;
   std::shared_ptr<upm::UPMService> update_service_;
+  std::shared_ptr<StatusBoard> status_;
+  std::shared_ptr<Timer> status_timer_;
+  std::unique_ptr<MetricsReport> metrics_report_;
+  std::unique_ptr<MetricsSocket> metrics_socket_;
+  std::optional<TimelineFile> timelines_;
   boost::intrusive_ptr<CliServer> cli_server_;
   std::optional<ApplicationList> applications_;
   std::unique_ptr<rpc::Server> health_server_;
@@ -218,9 +237,10 @@ bool Agent::Impl::LoadConfiguration() {
 
 // Creates the event provider, determines the role, and starts what the role needs first.
 void Agent::Impl::StartFrame() {
-  Enter("event provider");
-  OptionsTree().put("provider.stop_on_signals", false);
-  provider_ = std::make_unique<AsioZemProvider>(OptionsTree(), "");
+  EnterStep("event provider");
+  boost::property_tree::ptree provider_options;
+  provider_options.put("provider.stop_on_signals", false);
+  provider_ = std::make_unique<AsioZemProvider>(provider_options, "");
   host_role_ = !IsZemManager() && !IsZemController() && !IsUnifiedAppliance();
   if (host_role_) {
     const bool gateway = IsPublicCloudGateway();
@@ -229,13 +249,16 @@ void Agent::Impl::StartFrame() {
     lcp_adapter_ = new LcpAdapter(tarvik_group_, gateway ? kGatewayLink : kAgentLink);
     lcp_adapter_->Start(*provider_);
   }
-  if (const auto collector = OptionsTree().get_child_optional("metrics.collector")) {
-    metrics_collector_ = std::make_unique<metrics::MetricsCollector>(*provider_, *collector);
+  if (OptionSectionGiven("metrics.collector")) {
+    boost::property_tree::ptree collector;
+    collector.put("file", OptionText("metrics.collector.file"));
+    collector.put("intervalSec", OptionNumber("metrics.collector.intervalSec"));
+    metrics_collector_ = std::make_unique<metrics::MetricsCollector>(*provider_, collector);
   }
 }
 
 void Agent::Impl::StartStore() {
-  Enter("framework work group");
+  EnterStep("framework work group");
   framework_group_ = new WorkGroup("framework", provider_->metrics(), WorkGroup::kUnbounded);
   framework_group_->Start(kFrameworkThreads);
   StartMemoryReturn();
@@ -250,7 +273,7 @@ void Agent::Impl::StartStore() {
   ZLOG_TO(kMpaLog, kLogInfo, "Starting MPA client event loop thread...");
   TnProxyClientCommon::Init(kProxyClientId, kProxyEndpoint, kProxyStubsEndpoint);
 
-  Enter("store client");
+  EnterStep("store client");
   ZLOG_DEBUG(":Connecting to Covedb on Host end point %s ", kStoreEndpoint);
   if ((GetNodeType() & kStoreNodes) != 0 || IsEdgeOrPcg()) {
     store_client_ = std::make_shared<covedb::CoveDbClient>(kStoreClientId, kStoreEndpoint, *provider_,
@@ -258,14 +281,68 @@ void Agent::Impl::StartStore() {
     store_client_->StartAsync();
   }
   update_service_ = std::make_shared<upm::UPMService>(store_client_);
+  StartStatus();
   cli_server_ = new CliServer(framework_group_);
   cli_server_->AddCommands(BuiltinCommands());
   cli_server_->AddCommands(ManagerCommands());
+  cli_server_->AddCommands(
+      {{"get/options", "", 0, 0, [](const CliArguments&, CliReply reply) { reply.Ok(OptionsInForce()); }}});
+  timelines_.emplace(kTimelinesPath);
+  cli_server_->AddCommands({WhyCommand(*timelines_)});
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
-  applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { Enter(step); });
+  cli_server_->AddCommands(
+      {StatusCommand(status_, BuildInfo::c_str(), [] { return Host().id().value_or(std::string()); })});
+  StartMetrics();
+  applications_.emplace(ApplicationTable(), host_role_, [this](const char* step) { EnterStep(step); });
   applications_->Create(
-      {*provider_, store_client_, lcp_adapter_, cli_server_, update_service_, framework_group_});
+      {*provider_, store_client_, lcp_adapter_, cli_server_, update_service_, framework_group_, status_});
   if (store_client_) wft::WorkflowUtil::Init(store_client_, kProcessName);
+}
+
+void Agent::Impl::EnterStep(const char* step) {
+  watchdog_->Enter(step);
+  service_.Starting(step);
+  if (status_) status_->SetPhase(StatusBoard::Phase::kStarting, step);
+}
+
+// "get/store": the connection's state, and the writes that wait for it.
+void Agent::Impl::GetStore(CliReply reply) const {
+  if (store_client_ == nullptr) return reply.Error("This node has no local store");
+  uint64_t pending = 0;
+  for (const QueueGauge::Reading& queue : QueueGauge::ReadAll()) {
+    if (queue.name == kStoreQueue) pending += queue.depth;
+  }
+  JsonValue answer = JsonValue::Object();
+  answer.Add("state", covedb::ClientStateName(store_client_->state())).Add("pending_writes", pending);
+  reply.Ok(answer.Text());
+}
+
+void Agent::Impl::StartMetrics() {
+  std::vector<boost::intrusive_ptr<WorkGroup>> groups = {framework_group_};
+  if (tarvik_group_) groups.push_back(tarvik_group_);
+  metrics_report_ = std::make_unique<MetricsReport>(*provider_, status_, std::move(groups));
+  cli_server_->AddCommands(
+      {{"get/metrics", "", 0, 0,
+        [this](const CliArguments&, CliReply reply) { reply.Ok(metrics_report_->Text()); }},
+       {"get/store", "", 0, 0, [this](const CliArguments&, CliReply reply) { GetStore(std::move(reply)); }}});
+  const std::string path = OptionText("metrics.socket");
+  if (path.empty()) return;
+  metrics_socket_ = std::make_unique<MetricsSocket>(path, [this] { return metrics_report_->Text(); });
+  if (!metrics_socket_->Start()) metrics_socket_.reset();
+}
+
+void Agent::Impl::StartStatus() {
+  status_ = std::make_shared<StatusBoard>(framework_group_);
+  status_->AddSource("manager", &DescribeManager);
+  if (lcp_adapter_) {
+    status_->AddSource("dataplane link", [adapter = lcp_adapter_](std::vector<PartState>* parts) {
+      DescribeDataplane(*adapter, parts);
+    });
+  }
+  status_->AddSource("store",
+                     [this](std::vector<PartState>* parts) { DescribeStore(store_client_.get(), parts); });
+  status_timer_ = provider_->timers().ScheduleRepeated(
+      kStatusPeriod, [status = status_] { status->Refresh(); }, TimerOptions::Default);
 }
 
 // Runs on the work group's threads, because it may take some milliseconds.
@@ -283,7 +360,7 @@ void Agent::Impl::StartMemoryReturn() {
 }
 
 void Agent::Impl::StartHealthService() {
-  Enter("health service");
+  EnterStep("health service");
   orlane::zem::ProductVersionMsg version;
   version.set_major(kHealthMajor);
   version.set_minor(kHealthMinor);
@@ -297,12 +374,13 @@ void Agent::Impl::StartHealthService() {
 }
 
 void Agent::Impl::Serving() {
-  Enter("proxy client");
+  EnterStep("proxy client");
   // Started last, so that every vertical is registered when the connection comes up.
   TnProxyClientCommon::getInstance()->Start();
   SetThreadName(kMainThreadName);
   if (settings_.handle_signals) InstallExitHandlers();
   watchdog_.reset();
+  status_->SetPhase(StatusBoard::Phase::kServing);
   service_.Serving(*provider_);
 }
 
@@ -310,6 +388,10 @@ void Agent::Impl::Serve() { provider_->Run(kProviderThreads); }
 
 void Agent::Impl::Stop() {
   service_.Stopping();
+  metrics_socket_.reset();
+  status_->SetPhase(StatusBoard::Phase::kStopping);
+  status_timer_->Cancel();
+  status_->Close();
   CloseShutdownPipe();
   memory_timer_->Cancel();
   ZLOG_TO(kMpaLog, kLogInfo, "Stopping MPA client event loop thread...");
@@ -331,6 +413,9 @@ void Agent::Impl::Stop() {
   health_server_.reset();
   applications_.reset();
   cli_server_.reset();
+  metrics_report_.reset();
+  status_.reset();
+  timelines_.reset();
   update_service_.reset();
   wft::WorkflowUtil::Init(nullptr, "");
   store_client_.reset();

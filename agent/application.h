@@ -9,6 +9,7 @@
 #include "framework/cli/cli_server.h"
 #include "framework/dataplane/lcp_adapter.h"
 #include "framework/node/options.h"
+#include "framework/status/part_state.h"
 
 namespace zem {
 class AsioZemProvider;
@@ -23,9 +24,11 @@ class UPMService;
 
 namespace zem::Tarvik {
 
+class StatusBoard;
+
 /// One application of the agent, as the main thread sees it.
 ///
-/// Threads: all operations by the main thread, in the order in which they are declared.
+/// Threads: all operations but Describe by the main thread, in the order in which they are declared.
 class Application {
  public:
   virtual ~Application() = default;
@@ -33,6 +36,9 @@ class Application {
   /// What operators may ask of the application, also while it is not started.  The application outlives the
   /// command server.
   virtual std::vector<CliCommand> Commands() { return {}; }
+  /// Appends how the application's parts are, with what it expects on this node: what is not wanted here is
+  /// no fault.  From any thread, from the return of Start until Stop is called; memory work only.
+  virtual void Describe(std::vector<PartState>* parts) { static_cast<void>(parts); }
   /// Returns false, after a log line, when the application does not serve.
   [[nodiscard]] virtual bool Start() = 0;
   /// Returns when the application has come so far that the proxy connection may come up.
@@ -51,6 +57,8 @@ struct ApplicationContext {
   std::shared_ptr<upm::UPMService> update_service;
   /// For loops that live as long as the application, and for work that may take its time.
   boost::intrusive_ptr<WorkGroup> framework_group;
+  /// Null for a test that asks for no status.
+  std::shared_ptr<StatusBoard> status;
 };
 
 /// What a start that fails means for the agent.

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "framework/log/log.h"
+#include "framework/status/status_board.h"
 #include "platform/core/thread_name.h"
 
 namespace zem::Tarvik {
@@ -43,6 +44,7 @@ void ApplicationList::Enter(const char* step) const {
 }
 
 void ApplicationList::Create(const ApplicationContext& context) {
+  status_ = context.status;
   for (Entry* const entry : By(&ApplicationRow::create_rank)) {
     entry->application = entry->row->make(context);
     if (entry->application) context.cli_server->AddCommands(entry->application->Commands());
@@ -57,10 +59,24 @@ void ApplicationList::Start() {
     if (row.thread_name != nullptr) SetThreadName(row.thread_name);
     if (row.start_line != nullptr) ZLOG_INFO("%s", row.start_line);
     entry.started = true;
-    if (!entry.application->Start() && row.start_failure == StartFailure::kEndsAgent) {
+    const bool serves = entry.application->Start();
+    if (!serves && row.start_failure == StartFailure::kEndsAgent) {
       throw std::runtime_error(std::string(row.name) + " failed to start");
     }
+    AddToStatus(entry, serves);
   }
+}
+
+void ApplicationList::AddToStatus(const Entry& entry, bool serves) {
+  if (!status_) return;
+  status_->AddSource(entry.row->name, [&entry, serves](std::vector<PartState>* parts) {
+    if (serves) {
+      entry.application->Describe(parts);
+    } else {
+      parts->push_back({entry.row->name, "did not start, and the daemon serves without it",
+                        "the log tells why; repair that, then restart the daemon"});
+    }
+  });
 }
 
 void ApplicationList::WaitStarted() {

@@ -42,10 +42,13 @@ class ApplicationList {
 
   bool Wanted(const ApplicationRow& row) const;
   void Enter(const char* step) const;
+  /// `serves` is what the start gave.
+  void AddToStatus(const Entry& entry, bool serves);
   /// The entries in ascending order of one of the ranks.
   std::vector<Entry*> By(int ApplicationRow::*rank);
 
   std::vector<Entry> entries_;  // in the order of the table
+  std::shared_ptr<StatusBoard> status_;
   const bool host_role_;
   const std::function<void(const char*)> enter_step_;
 };

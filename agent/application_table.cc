@@ -45,6 +45,7 @@ class RealizationRow final : public Application {
   ~RealizationRow() override { the_realization = nullptr; }
 
   std::vector<CliCommand> Commands() override { return ZemaCommands(zema_); }
+  void Describe(std::vector<PartState>* parts) override { zema_.Describe(parts); }
   bool Start() override {
     return zema_.Start(IsOn(Mode::kOvsDpdk), IsOn(Mode::kOvsDpdkCreateVif), IsOn(Mode::kLacpBonding)) == 0;
   }
@@ -61,6 +62,7 @@ class ContextEngineRow final : public Application {
       : engine_(context.provider, context.store, context.update_service) {}
 
   std::vector<CliCommand> Commands() override { return engine_.Commands(); }
+  void Describe(std::vector<PartState>* parts) override { engine_.Describe(parts); }
   bool Start() override { return engine_.Start() == 0; }
   void WaitStarted() override { engine_.WaitForStart(); }
   void Stop() override { engine_.Stop(); }
@@ -119,6 +121,8 @@ class DiscoveryRow final : public Application {
  public:
   explicit DiscoveryRow(const ApplicationContext& context) : agent_(context.provider, context.store) {}
 
+  std::vector<CliCommand> Commands() override { return agent_.Commands(); }
+  void Describe(std::vector<PartState>* parts) override { agent_.Describe(parts); }
   bool Start() override { return agent_.start() == 1; }
   void Stop() override { agent_.stop(); }
 
@@ -162,6 +166,15 @@ class LumClientRow final : public Application {
   ~LumClientRow() override { LumClient::Install(nullptr); }
 
   std::vector<CliCommand> Commands() override { return {LumCommand()}; }
+  void Describe(std::vector<PartState>* parts) override {
+    std::vector<LumClient::LinkStatus> links;
+    client_->GetLinkStatus(&links);
+    for (const auto& [path, status] : links) {
+      const bool up = status == LumLink::kUp;
+      parts->push_back({"host API " + path, up ? "" : "is not connected",
+                        up ? "" : "the daemon starts the host's API script again by itself"});
+    }
+  }
   bool Start() override {
     client_->Start();
     return true;
@@ -219,6 +232,8 @@ class AlarmsProviderRow final : public Application {
   explicit AlarmsProviderRow(const ApplicationContext& context)
       : alarms_(std::make_shared<AlarmsProvider>(context.provider, context.store, AlarmsProvider::Files())) {}
 
+  std::vector<CliCommand> Commands() override { return alarms_->Commands(); }
+  void Describe(std::vector<PartState>* parts) override { alarms_->Describe(parts); }
   bool Start() override { return alarms_->Start(); }
   void Stop() override { alarms_->Stop(); }
 

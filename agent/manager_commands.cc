@@ -1,6 +1,7 @@
 #include "agent/manager_commands.h"
 
 #include "framework/cli/builtin_commands.h"
+#include "framework/cli/json_writer.h"
 #include "framework/log/log.h"
 #include "mpaclient/client_registry.h"
 
@@ -17,6 +18,28 @@ std::vector<MpaClientRow> Rows() {
   return rows;
 }
 
+// The verticals in order of name, with what they have sent and received.
+void GetVerticals(const CliArguments&, CliReply reply) {
+  JsonValue rows = JsonValue::Array();
+  for (const auto& [name, client] : ClientRegistry::All()) {
+    const MpaClient::Figures figures = client->figures();
+    const auto age = std::chrono::duration_cast<std::chrono::seconds>(figures.state_age);
+    JsonValue row = JsonValue::Object();
+    row.Add("name", name)
+        .Add("state", client->connection_state() == MpaClient::kConnected ? "up" : "down")
+        .Add("seconds", int64_t{age.count()})
+        .Add("received", figures.received)
+        .Add("sent", figures.sent)
+        .Add("failed", figures.send_failures)
+        .Add("p99_us", figures.callback_p99_us)
+        .Add("max_us", figures.callback_max_us);
+    rows.Append(std::move(row));
+  }
+  JsonValue answer = JsonValue::Object();
+  answer.Add("verticals", std::move(rows));
+  reply.Ok(answer.Text());
+}
+
 }  // namespace
 
 CliCommand StopCommand(std::function<void()> stop) {
@@ -27,6 +50,8 @@ CliCommand StopCommand(std::function<void()> stop) {
           }};
 }
 
-std::vector<CliCommand> ManagerCommands() { return {MpaClientCommand(&Rows)}; }
+std::vector<CliCommand> ManagerCommands() {
+  return {MpaClientCommand(&Rows), {"get/verticals", "", 0, 0, &GetVerticals}};
+}
 
 }  // namespace zem::Tarvik

@@ -56,7 +56,7 @@ add_compile_options(${zem_sanitize})
 add_link_options(${zem_sanitize})
 
 find_package(Threads REQUIRED)
-find_package(Boost 1.74 REQUIRED COMPONENTS thread system filesystem chrono date_time regex)
+find_package(Boost 1.74 REQUIRED COMPONENTS thread system filesystem chrono date_time regex program_options)
 find_package(OpenSSL REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(BSON REQUIRED IMPORTED_TARGET libbson-1.0)

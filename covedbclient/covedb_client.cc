@@ -11,6 +11,7 @@
 #include "covedbclient/client_log.h"
 #include "covedbclient/response_observer.h"
 #include "platform/metrics/metrics.h"
+#include "platform/metrics/process_metrics.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/timer.h"
 #include "platform/provider/weak_call.h"
@@ -56,6 +57,11 @@ bool IsUnrecoverable(const rpc::Status& status) {
     default:
       return false;
   }
+}
+
+void CountCall(const char* call, TimePoint sent, const rpc::Status& status) {
+  metrics::LatencyOf(metrics::MetricId::kStoreCalls, call).Record(Clock::Process().Now() - sent);
+  if (!status.ok()) metrics::CounterOf(metrics::MetricId::kStoreCallErrors, call).Add();
 }
 
 void EndProcess(int code) {
@@ -349,7 +355,9 @@ void CoveDbClient::SendModifyRequest() {
   struct Nothing {};
   auto* const observer = new ResponseObserver<ModifyResponseMsg, Nothing>(
       "Received Modify response", [](const ModifyResponseMsg&, Nothing&) {},
-      [weak = weak_from_this(), callbacks = batch->callbacks](Nothing&, const rpc::Status& status) {
+      [weak = weak_from_this(), callbacks = batch->callbacks, sent = Clock::Process().Now()](
+          Nothing&, const rpc::Status& status) {
+        CountCall("modify", sent, status);
         if (const auto client = weak.lock()) {
           client->OnModifyStatus(callbacks, status);
         } else {

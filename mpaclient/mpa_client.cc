@@ -53,7 +53,9 @@ MpaClient::MpaClient(MpaClientArguments arguments)
       port_(arguments.port),
       receive_callback_(std::move(arguments.callback)),
       received_(provider_.metrics().frequency("rmq/msg/rx", "app=" + app_type_)),
-      sent_(provider_.metrics().frequency("rmq/msg/tx", "app=" + app_type_)) {}
+      sent_(provider_.metrics().frequency("rmq/msg/tx", "app=" + app_type_)),
+      send_failures_(provider_.metrics().counter("rmq/msg/tx_failed", "app=" + app_type_)),
+      callback_time_(provider_.metrics().latency("rmq/msg/rx_time", "app=" + app_type_)) {}
 
 MpaClient::~MpaClient() = default;
 
@@ -91,8 +93,19 @@ int MpaClient::SendMessageTo(rmqClientMessage* message, const std::string& aph, 
   const int result = over_bus ? connection_->Send(message) : SendMsgViaTnProxy(message, aph, &failure);
   if (over_bus && result != 0) failure = SendFailure::kRefused;
   if (why != nullptr) *why = failure;
-  if (result == 0) sent_.Mark();
+  if (result == 0) {
+    sent_.Mark();
+  } else {
+    send_failures_.Add();
+  }
   return result;
+}
+
+MpaClient::Figures MpaClient::figures() const {
+  constexpr double kMost = 0.99;
+  return {received_.count(),       sent_.count(),
+          send_failures_.value(),  callback_time_.QuantileUs(kMost),
+          callback_time_.max_us(), connection_->state_age()};
 }
 
 std::map<std::string, bool> MpaClient::Aphs() const {
@@ -194,6 +207,7 @@ void MpaClient::HandleMessage(rmqClientMessage* message) {
   const TimePoint begin = Clock::Process().Now();
   receive_callback_(message);
   const auto took = Clock::Process().Now() - begin;
+  callback_time_.Record(took);
   if (took > kSlowCallback) {
     ZLOG_INFO("Vertical (%s) rx-callback took (%ld) msecs", name,
               static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count()));

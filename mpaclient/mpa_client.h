@@ -11,6 +11,7 @@
 #include "mpaclient/bus/bus_connection.h"
 #include "mpaclient/bus/bus_record.h"
 #include "mpaclient/bus/rmq_client.h"
+#include "platform/core/clock.h"
 #include "platform/rpc/client.h"
 
 namespace orlane::zem {
@@ -25,8 +26,10 @@ namespace zem {
 class AsioZemProvider;
 class TnProxyClientCommon;
 namespace metrics {
+class Counter;
 class Frequency;
-}
+class Latency;
+}  // namespace metrics
 
 /// Receives the records of a vertical.  The record and its buffers are the client's and live until the
 /// callback returns.
@@ -110,6 +113,20 @@ class MpaClient {
 
   bool IsConnected() const { return connection_->acknowledged(); }
   ConnectionState connection_state() const { return connection_->state(); }
+
+  /// What the vertical has sent and received since the start of the process.
+  struct Figures {
+    uint64_t received = 0;
+    uint64_t sent = 0;
+    uint64_t send_failures = 0;
+    /// Of the vertical's own callback, for 99 of 100 records and for the slowest.
+    uint64_t callback_p99_us = 0;
+    uint64_t callback_max_us = 0;
+    /// How long the connection has been in its state.
+    Duration state_age{};
+  };
+  Figures figures() const;
+  const metrics::Latency& callback_time() const { return callback_time_; }
   int32_t cookie() const { return connection_->cookie(); }
 
  protected:
@@ -143,6 +160,8 @@ class MpaClient {
   const ReceiveCallback receive_callback_;
   metrics::Frequency& received_;
   metrics::Frequency& sent_;
+  metrics::Counter& send_failures_;
+  metrics::Latency& callback_time_;
   std::atomic<bool> registered_{true};
 };
 

@@ -6,6 +6,7 @@
 
 #include "framework/cli/json_writer.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/metrics/queue_gauge.h"
 #include "platform/wft/workflow_util.h"
 
@@ -13,6 +14,9 @@ namespace zem::Tarvik {
 namespace {
 
 constexpr LogSource kLog{"tarvik", "framework"};
+
+// A loop that promises to be prompt and is not.
+constexpr Duration kLoopPatience = std::chrono::seconds(1);
 
 // A level that commands show and set; `name` stands in the texts before the word "log" or "logging".
 struct LevelRow {
@@ -133,6 +137,53 @@ void GetQueues(const CliArguments&, CliReply reply) {
   reply.Ok(queues.Text());
 }
 
+int64_t Micros(Duration duration) {
+  return std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
+}
+
+void GetQueueFigures(const CliArguments&, CliReply reply) {
+  JsonValue queues = JsonValue::Array();
+  for (const QueueGauge::Reading& reading : QueueGauge::ReadAll()) {
+    JsonValue queue = JsonValue::Object();
+    queue.Add("name", reading.name)
+        .Add("depth", uint64_t{reading.depth})
+        .Add("limit", uint64_t{reading.limit})
+        .Add("most", uint64_t{reading.most})
+        .Add("oldest_us", int64_t{Micros(reading.oldest)})
+        .Add("longest_wait_us", int64_t{Micros(reading.longest_wait)})
+        .Add("dropped", reading.dropped);
+    queues.Append(std::move(queue));
+  }
+  JsonValue answer = JsonValue::Object();
+  answer.Add("queues", std::move(queues));
+  reply.Ok(answer.Text());
+}
+
+const char* LoopWord(const LoopReading& loop) {
+  if (!loop.busy) return "waiting";
+  return loop.kind == LoopKind::kPrompt && loop.age >= kLoopPatience ? "stuck" : "busy";
+}
+
+// What each loop does, and the longest that it ever took.
+void GetTasks(const CliArguments&, CliReply reply) {
+  JsonValue loops = JsonValue::Array();
+  for (const LoopReading& loop : LoopThread::ReadAll()) {
+    JsonValue row = JsonValue::Object();
+    row.Add("name", loop.name)
+        .Add("kind", loop.kind == LoopKind::kPrompt ? "prompt" : "worker")
+        .Add("state", LoopWord(loop))
+        .Add("steps", loop.steps)
+        .Add("step", loop.step)
+        .Add("age_us", int64_t{Micros(loop.age)})
+        .Add("longest_us", int64_t{Micros(loop.longest)})
+        .Add("longest_step", loop.longest_step);
+    loops.Append(std::move(row));
+  }
+  JsonValue answer = JsonValue::Object();
+  answer.Add("tasks", std::move(loops));
+  reply.Ok(answer.Text());
+}
+
 const char* ConnectionWord(int status) {
   switch (status) {
     case 1:
@@ -160,6 +211,8 @@ std::vector<CliCommand> BuiltinCommands() {
   commands.push_back({"get/lib-wft/tracelevel", "", 0, 0, &GetTraceLevel});
   commands.push_back({"get/lib-wft/stats", "", 0, 0, &GetStats});
   commands.push_back({"get/queues", "", 0, 0, &GetQueues});
+  commands.push_back({"get/queueFigures", "", 0, 0, &GetQueueFigures});
+  commands.push_back({"get/tasks", "", 0, 0, &GetTasks});
   return commands;
 }
 

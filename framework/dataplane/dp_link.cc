@@ -213,6 +213,7 @@ void DpLink::ConnectLocked() {
     return;
   }
   socket_ = std::make_shared<LinkSocket>(std::move(fd));
+  connected_ = true;
   ZLOG_INFO("Connected to %s socket %s", kFamily, path_.c_str());
 }
 
@@ -225,6 +226,7 @@ void DpLink::DisconnectLocked() {
   if (socket_ == nullptr) return;
   socket_->Shutdown();
   socket_ = nullptr;
+  connected_ = false;
 }
 
 void DpLink::CheckHealth() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <boost/intrusive_ptr.hpp>
 #include <functional>
 #include <memory>
@@ -36,6 +37,8 @@ class DataplaneLink : public RefCounted<DataplaneLink, IRefCountable> {
   virtual bool Send(LcpFrame frame) = 0;
   /// The same, but never waits.
   virtual bool TrySend(LcpFrame frame) = 0;
+  /// Whether there is a connection now.  Takes no lock.
+  bool connected() const { return connected_; }
 
  protected:
   DataplaneLink(ReceiveCallback receive, StartCallback start, HealthCallback health)
@@ -45,6 +48,7 @@ class DataplaneLink : public RefCounted<DataplaneLink, IRefCountable> {
   const StartCallback start_;
   const HealthCallback health_;
   std::mutex connection_mutex_;
+  std::atomic<bool> connected_{false};
 };
 
 /// The link over a Unix stream socket.  It reconnects by itself, within 5 seconds, for as long as it runs;

@@ -101,6 +101,8 @@ bool LcpAdapter::TrySend(uint8_t frame_type, const orlane::zem::lcp::LcpDpMsg& m
   return frame && link_->TrySend(std::move(*frame));
 }
 
+bool LcpAdapter::connected() const { return link_ != nullptr && link_->connected(); }
+
 void LcpAdapter::RegisterHandler(const std::string& type_name, Handler handler) {
   inbox_->Register(type_name, std::move(handler));
 }

@@ -51,6 +51,9 @@ class LcpAdapter : public RefCounted<LcpAdapter, IRefCountable> {
   /// The same, but never waits: false also while the link's queue is full.
   [[nodiscard]] bool TrySend(uint8_t frame_type, const orlane::zem::lcp::LcpDpMsg& message);
 
+  /// Whether the dataplane agent is connected.
+  bool connected() const;
+
   /// The handler of the sub-messages with the protobuf type `type_name`; replaces one of the same type. Stays
   /// for the life of the adapter.
   void RegisterHandler(const std::string& type_name, Handler handler);

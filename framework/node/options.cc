@@ -6,6 +6,7 @@
 
 #include "framework/log/log.h"
 #include "framework/node/platform_info.h"
+#include "framework/options/option_value.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::Tarvik {
@@ -15,14 +16,15 @@ using boost::property_tree::ptree;
 
 constexpr LogSource kLog{"tarvik", "framework"};
 
+constexpr std::string_view kYes = "true";
+
 constexpr uint32_t kAnyNode = ~0u;
 constexpr uint32_t kEdgeNodes = kNodeEdge | kNodePublicCloudGateway;
 constexpr uint32_t kBundleGate = 0;  // asks IsKnownNodeForBundle
 
 struct ModeRow {
   Mode mode;
-  const char* key;
-  bool initially;
+  OptionKey key;
   uint32_t nodes;  // elsewhere the option is false
   const char* setter;
   bool colon;  // the setter's line has one behind the name
@@ -30,24 +32,24 @@ struct ModeRow {
 
 // In the order of setting, which shows in the log.
 constexpr std::array kModes = {
-    ModeRow{Mode::kHealthCheck, "app.healthcheck", true, kAnyNode, "SetHealthCheckMode", true},
-    ModeRow{Mode::kCtxtEng, "app.ctxteng", true, kAnyNode, "SetCtxtEngMode", true},
-    ModeRow{Mode::kEdgeIdsEvt, "app.edgeids", false, kEdgeNodes, "SetEdgeIdsEvtMode", true},
-    ModeRow{Mode::kZemda, "app.zemda", true, kAnyNode & ~kNodeEdge, "SetZemdaMode", true},
-    ModeRow{Mode::kSampleClient, "app.sampleClient", false, kAnyNode, "SetSampleClientMode", true},
-    ModeRow{Mode::kTraceflow, "app.traceflow", true, kAnyNode, "SetTraceflowAppMode", true},
-    ModeRow{Mode::kPktCap, "app.pktcap", true, kAnyNode, "SetPktCapMode", true},
-    ModeRow{Mode::kLldp, "app.lldp", true, kAnyNode, "SetLldpMode", true},
-    ModeRow{Mode::kAlarmsProvider, "app.alarmsprovider", true, kAnyNode, "SetAlarmsProviderMode", true},
-    ModeRow{Mode::kSupportBundleClient, "app.supportBundleClient", true, kBundleGate,
-            "SetSupportBundleClientMode", true},
-    ModeRow{Mode::kZemaApp, "app.zemaApp", true, kRealizationNodes, "SetZemaAppMode", true},
-    ModeRow{Mode::kEdgesvc, "app.edgesvc", true, kEdgeNodes, "SetEdgesvcMode", false},
-    ModeRow{Mode::kOvsDpdk, "ovs.dpdk", false, kAnyNode, "SetOvsDpdkMode", false},
-    ModeRow{Mode::kOvsDpdkCreateVif, "ovs.dpdk_create_vif", false, kAnyNode, "SetOvsDpdkCreateVif", false},
-    ModeRow{Mode::kLacpBonding, "lacp.allowBalanceTCP", false, kAnyNode, "SetLacpBonding", false},
-    ModeRow{Mode::kLivetrace, "app.livetrace", true, kAnyNode, "SetLivetraceAppMode", true},
-    ModeRow{Mode::kBmsConfigurator, "app.bmsconfigurator", true, kAnyNode, "SetBMSConfiguratorMode", false},
+    ModeRow{Mode::kHealthCheck, "app.healthcheck", kAnyNode, "SetHealthCheckMode", true},
+    ModeRow{Mode::kCtxtEng, "app.ctxteng", kAnyNode, "SetCtxtEngMode", true},
+    ModeRow{Mode::kEdgeIdsEvt, "app.edgeids", kEdgeNodes, "SetEdgeIdsEvtMode", true},
+    ModeRow{Mode::kZemda, "app.zemda", kAnyNode & ~kNodeEdge, "SetZemdaMode", true},
+    ModeRow{Mode::kSampleClient, "app.sampleClient", kAnyNode, "SetSampleClientMode", true},
+    ModeRow{Mode::kTraceflow, "app.traceflow", kAnyNode, "SetTraceflowAppMode", true},
+    ModeRow{Mode::kPktCap, "app.pktcap", kAnyNode, "SetPktCapMode", true},
+    ModeRow{Mode::kLldp, "app.lldp", kAnyNode, "SetLldpMode", true},
+    ModeRow{Mode::kAlarmsProvider, "app.alarmsprovider", kAnyNode, "SetAlarmsProviderMode", true},
+    ModeRow{Mode::kSupportBundleClient, "app.supportBundleClient", kBundleGate, "SetSupportBundleClientMode",
+            true},
+    ModeRow{Mode::kZemaApp, "app.zemaApp", kRealizationNodes, "SetZemaAppMode", true},
+    ModeRow{Mode::kEdgesvc, "app.edgesvc", kEdgeNodes, "SetEdgesvcMode", false},
+    ModeRow{Mode::kOvsDpdk, "ovs.dpdk", kAnyNode, "SetOvsDpdkMode", false},
+    ModeRow{Mode::kOvsDpdkCreateVif, "ovs.dpdk_create_vif", kAnyNode, "SetOvsDpdkCreateVif", false},
+    ModeRow{Mode::kLacpBonding, "lacp.allowBalanceTCP", kAnyNode, "SetLacpBonding", false},
+    ModeRow{Mode::kLivetrace, "app.livetrace", kAnyNode, "SetLivetraceAppMode", true},
+    ModeRow{Mode::kBmsConfigurator, "app.bmsconfigurator", kAnyNode, "SetBMSConfiguratorMode", false},
 };
 constexpr size_t kModeCount = static_cast<size_t>(Mode::kCount);
 static_assert(kModes.size() == kModeCount);
@@ -62,7 +64,9 @@ const ModeRow& RowOf(Mode mode) {
 uint8_t& Flag(Mode mode) {
   static std::array<uint8_t, kModeCount> flags = [] {
     std::array<uint8_t, kModeCount> initial{};
-    for (const ModeRow& row : kModes) initial[static_cast<size_t>(row.mode)] = row.initially;
+    for (const ModeRow& row : kModes) {
+      initial[static_cast<size_t>(row.mode)] = row.key.row().standard == kYes ? 1 : 0;
+    }
     return initial;
   }();
   return flags[static_cast<size_t>(mode)];
@@ -73,14 +77,14 @@ bool Permitted(const ModeRow& row) {
   return (GetNodeType() & row.nodes) != 0;
 }
 
-int ReadNumber(const char* key, int fallback, int maximum) {
-  const int value = OptionsTree().get<int>(key, fallback);
-  return value >= 0 && value <= maximum ? value : fallback;
+std::optional<std::string> GivenText(const OptionRow& row) {
+  const auto text = OptionsTree().get_optional<std::string>(std::string(row.key));
+  return text ? std::optional(*text) : std::nullopt;
 }
 
-void ReadLibraryLevel(const char* key, Library library) {
-  LibraryLevel(library) = ReadNumber(key, kLogInfo, kLogTrace);
-}
+int Level(OptionKey key) { return static_cast<int>(OptionNumber(key)); }
+
+void ReadLibraryLevel(OptionKey key, Library library) { LibraryLevel(library) = Level(key); }
 
 }  // namespace
 
@@ -104,24 +108,35 @@ bool LoadOptions(const std::string& path) {
   }
 }
 
+bool OptionFlag(OptionKey key) { return FlagValue(key.row(), GivenText(key.row())); }
+
+int64_t OptionNumber(OptionKey key) { return NumberValue(key.row(), GivenText(key.row())); }
+
+std::string OptionText(OptionKey key) { return TextValue(key.row(), GivenText(key.row())); }
+
+bool OptionSectionGiven(const char* section) { return OptionsTree().get_child_optional(section).has_value(); }
+
+std::string OptionsInForce() {
+  return OptionsText({}, [](const OptionRow& row) { return GivenText(row); });
+}
+
 void ApplyLoggingOptions() {
-  SetLogLevel(static_cast<uint32_t>(ReadNumber("log.level", kLogDebug, kLogTrace)));
+  SetLogLevel(static_cast<uint32_t>(Level("log.level")));
   ReadLibraryLevel("log.metrics", Library::kMetrics);
   ReadLibraryLevel("log.net", Library::kNet);
   ReadLibraryLevel("log.rpc", Library::kRpc);
   ReadLibraryLevel("log.sha", Library::kSha);
-  Logger::SetConsoleCopy(OptionsTree().get<bool>("log.outputToConsole", false));
+  Logger::SetConsoleCopy(OptionFlag("log.outputToConsole"));
 }
 
 void ApplyTracingOptions() {
-  wft::WorkflowUtil::SetTraceLevel(ReadNumber("tracing.trace_level", wft::kTraceInfo, wft::kTraceTrace));
+  wft::WorkflowUtil::SetTraceLevel(Level("tracing.trace_level"));
   ReadLibraryLevel("tracing.log_level", Library::kWorkflow);
 }
 
 void ApplyModeOptions() {
   for (const ModeRow& row : kModes) {
-    const bool wanted = OptionsTree().get<bool>(row.key, Flag(row.mode) != 0);
-    SetMode(row.mode, wanted && Permitted(row));
+    SetMode(row.mode, OptionFlag(row.key) && Permitted(row));
   }
 }
 

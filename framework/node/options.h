@@ -4,13 +4,26 @@
 #include <cstdint>
 #include <string>
 
+#include "framework/options/option_table.h"
+
 /// The daemon's options: one XML file, read once by the main thread before others start.
 namespace zem::Tarvik {
 
 inline constexpr const char* kOptionsPath = "/etc/orlane/zem-tarvik/zem-tarvik.xml";
 
-/// The tree that LoadOptions has filled; the event provider reads its own keys from it.
+/// The tree that LoadOptions has filled, for tests: code reads options by the functions below.
 boost::property_tree::ptree& OptionsTree();
+
+/// The value in force of an option: the file's where it has a good one, otherwise the table's default.  By
+/// the main thread, or after the start from any.
+bool OptionFlag(OptionKey key);
+int64_t OptionNumber(OptionKey key);
+std::string OptionText(OptionKey key);
+/// Whether the file has this section, empty or not.
+bool OptionSectionGiven(const char* section);
+
+/// Every option with the value in force: "get/options" of the command socket.
+std::string OptionsInForce();
 
 /// Reads the children of `config.tarvik`.  False, with an error line, when the file is unreadable, not XML or
 /// without them; the tree is then as it was.

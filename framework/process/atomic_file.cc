@@ -9,6 +9,7 @@
 
 #include "framework/process/error_text.h"
 #include "platform/core/unique_fd.h"
+#include "platform/timeline/step.h"
 
 // A rename replaces a name atomically, but only what was synced before survives a power cut: the bytes first,
 // then the name, then the folder that holds the name.
@@ -41,7 +42,9 @@ bool SyncFolder(const std::string& folder) {
 
 }  // namespace
 
-FileWrite WriteFileWhole(const std::string& path, std::string_view bytes, std::string* error) {
+namespace {
+
+FileWrite Replace(const std::string& path, std::string_view bytes, std::string* error) {
   const std::string temporary = path + ".tmp";
   UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!fd) {
@@ -69,6 +72,19 @@ FileWrite WriteFileWhole(const std::string& path, std::string_view bytes, std::s
     return FileWrite::kNotWritten;
   }
   return FileWrite::kDone;
+}
+
+}  // namespace
+
+FileWrite WriteFileWhole(const std::string& path, std::string_view bytes, std::string* error) {
+  timeline::Step step("writes a file", path);
+  const FileWrite result = Replace(path, bytes, error);
+  if (result == FileWrite::kDone) {
+    step.Result("done", false);
+  } else {
+    step.Result(*error, true);
+  }
+  return result;
 }
 
 int ReadFileWhole(const std::string& path, size_t limit, std::string* bytes) {

@@ -19,6 +19,7 @@
 #include "platform/core/poll.h"
 #include "platform/core/unique_fd.h"
 #include "platform/knluser/knluser.h"
+#include "platform/timeline/step.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -98,9 +99,13 @@ void EndGroup(pid_t pid, bool ask) {
   ::kill(-pid, SIGKILL);
 }
 
-}  // namespace
+void TellEnd(int status, std::string_view error, timeline::Step* step) {
+  if (!step->recorded()) return;
+  const std::string text = "exit code " + std::to_string(status);
+  step->Result(error.empty() ? text : error, status != 0);
+}
 
-int ExecuteCmd(const std::vector<std::string>& argv, std::string input, const std::atomic<bool>* stop) {
+int Execute(const std::vector<std::string>& argv, std::string input, const std::atomic<bool>* stop) {
   std::fflush(stdin);
   std::fflush(stdout);
   std::fflush(stderr);
@@ -142,6 +147,15 @@ int ExecuteCmd(const std::vector<std::string>& argv, std::string input, const st
   return result.value;
 }
 
+}  // namespace
+
+int ExecuteCmd(const std::vector<std::string>& argv, std::string input, const std::atomic<bool>* stop) {
+  timeline::Step step("runs a command", argv.empty() ? std::string_view() : argv.front());
+  const int status = Execute(argv, std::move(input), stop);
+  TellEnd(status, {}, &step);
+  return status;
+}
+
 namespace Util {
 
 int ClosePipeQub(KnluserCompat_Pipe* handle, std::string* error) {
@@ -165,6 +179,7 @@ int ClosePipeQub(KnluserCompat_Pipe* handle, std::string* error) {
 }
 
 int ExecuteCmd(const std::string& command, std::string_view input, std::string* error) {
+  timeline::Step step("runs a command", command);
   std::fflush(stdin);
   KnluserCompat_Pipe handle{-1, -1};
   if (const int result = KnluserCompat_POpen(command.c_str(), "w", &handle); result != 0) {
@@ -181,9 +196,12 @@ int ExecuteCmd(const std::string& command, std::string_view input, std::string* 
     *error = "write failed: " + message;
     std::string ignored;
     ClosePipeQub(&handle, &ignored);
+    TellEnd(-1, *error, &step);
     return -1;
   }
-  return ClosePipeQub(&handle, error);
+  const int status = ClosePipeQub(&handle, error);
+  TellEnd(status, status < 0 ? *error : std::string(), &step);
+  return status;
 }
 
 int ReadCmdOutput(const std::string& command, std::string* output, std::string* error) {
@@ -192,6 +210,7 @@ int ReadCmdOutput(const std::string& command, std::string* output, std::string* 
 
 int ReadCmdOutput(const std::string& command, std::string* output, std::string* error,
                   const CommandBounds& bounds) {
+  timeline::Step step("runs a command", command);
   std::fflush(stdout);
   KnluserCompat_Pipe handle{-1, -1};
   if (const int result = KnluserCompat_POpen(command.c_str(), "r", &handle); result != 0) {
@@ -208,9 +227,10 @@ int ReadCmdOutput(const std::string& command, std::string* output, std::string* 
   if (status < 0) {
     ZLOG_ERROR("ERR_QUB_PCLOSE_FAIL", "ClosePipeQub failed %s: %s", command.c_str(), error->c_str());
   }
-  if (end == CommandEnd::kWhole) return status;
-  *error = kEndTexts[static_cast<size_t>(end)];
-  return -1;
+  if (end != CommandEnd::kWhole) *error = kEndTexts[static_cast<size_t>(end)];
+  const int result = end == CommandEnd::kWhole ? status : -1;
+  TellEnd(result, result < 0 ? *error : std::string(), &step);
+  return result;
 }
 
 }  // namespace Util

@@ -2,6 +2,8 @@
 
 #include <typeinfo>
 
+#include "platform/timeline/operation.h"
+
 namespace zem {
 
 /// Anything that can be executed.
@@ -15,11 +17,17 @@ class Runnable {
 
   virtual ~Runnable() = default;
 
+  /// The operation that the thread that made it worked for: whoever runs it works for that one, too.
+  const timeline::Carried& carried() const { return carried_; }
+
   /// Whether a batching worker may absorb it instead of running it.
   virtual bool IsBatchable() const { return true; }
 
   /// What it is, for whoever looks at the loop that runs it; lives as long as the process.
   virtual const char* what() const { return typeid(*this).name(); }
+
+ private:
+  timeline::Carried carried_;
 };
 
 /// Gathers batchable tasks and handles them in one run; by the thread of its worker only.

@@ -5,6 +5,7 @@
 #include "framework/log/log.h"
 #include "framework/tasks/thread_log_context.h"
 #include "platform/core/loop_monitor.h"
+#include "platform/timeline/step.h"
 
 // The queue is taken whole by swapping, so the monitor is held for the same short time however long it is;
 // tasks run without it.
@@ -174,10 +175,16 @@ void TaskThread::RunTask(std::unique_ptr<Runnable> task, Round round) {
   void* const self = this;
   void* const address = task.get();
   ZLOG_DEBUG("TaskThread [%s:%p] runs task [%p]", name_.c_str(), self, address);
+  const timeline::OperationPtr operation = task->carried().operation();
+  const timeline::Scope scope(operation);
+  if (operation) timeline::Waited("waits in a queue", task->carried().since(), name_);
   try {
     const LoopStep step(task->what());
     Execute(*task);
+    // All other kinds are ended by who knows their outcome; a setting that failed was ended with its answer.
+    if (operation && operation->kind() == timeline::Kind::kHostSetting) timeline::Finish(operation, {});
   } catch (const std::exception& e) {
+    timeline::Finish(operation, e.what());
     const char* const kind = round == Round::kLowPriority ? "low-priority task" : "task";
     ZLOG_ERROR("41004", "TaskThread [%s:%p] : %s [%p] threw exception [%s]", name_.c_str(), self, kind,
                address, e.what());

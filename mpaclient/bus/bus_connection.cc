@@ -2,6 +2,7 @@
 
 #include "framework/log/log.h"
 #include "mpaclient/bus/bus_record.h"
+#include "platform/core/clock.h"
 #include "platform/core/thread_name.h"
 #include "platform/metrics/metrics.h"
 #include "platform/provider/provider.h"
@@ -91,7 +92,7 @@ void BusConnection::EndRoad(boost::intrusive_ptr<RmqClientInterface>* released) 
     std::swap(cookie, cookie_);
     if (reconnect_timer_) reconnect_timer_->Cancel();
     reconnect_timer_.reset();
-    status_ = Status::kDown;
+    SetStatusLocked(Status::kDown);
     bus = bus_;
     if (released != nullptr) released->swap(bus_);
   }
@@ -120,15 +121,26 @@ BusConnection::Status BusConnection::WithRoad(Status status, State state) {
   return acknowledged ? Status::kAcknowledgedNoRoad : Status::kDown;
 }
 
+void BusConnection::SetStatusLocked(Status status) {
+  const State before = state_word();
+  status_ = status;
+  if (state_word() != before) since_ = Clock::Process().Now();
+}
+
+Duration BusConnection::state_age() const {
+  const std::shared_lock lock(mutex_);
+  return Clock::Process().Now() - since_;
+}
+
 void BusConnection::SetRoad(State state) {
   const std::lock_guard lock(mutex_);
-  status_ = WithRoad(status_, state);
+  SetStatusLocked(WithRoad(status_, state));
 }
 
 void BusConnection::TakeAck() {
   const std::lock_guard lock(mutex_);
   SetThreadName("ops:Active");
-  status_ = Status::kAcknowledged;
+  SetStatusLocked(Status::kAcknowledged);
 }
 
 bool BusConnection::TakeClose(int32_t cookie) {
@@ -145,7 +157,7 @@ bool BusConnection::TakeClose(int32_t cookie) {
     if (state_word() != kConnected) {
       ZLOG_WARN("[%s] Got CLOSE Message in state %d\n", name_, static_cast<int>(state_word()));
     }
-    status_ = Status::kDown;
+    SetStatusLocked(Status::kDown);
     cookie_ = -1;
     epoch = epoch_;
   }
@@ -184,7 +196,7 @@ void BusConnection::Connect(uint64_t epoch) {
     if (status_ == Status::kUp && cookie_ > 0) {
       ZLOG_DEBUG("[%s] Already conncted to [%d] but didn't receive RMQ_CLIENT_REGISTRATION_ACK. \n", name_,
                  cookie_);
-      status_ = Status::kDown;
+      SetStatusLocked(Status::kDown);
       std::swap(stale, cookie_);
     }
   }
@@ -203,7 +215,7 @@ void BusConnection::Connect(uint64_t epoch) {
     const std::lock_guard lock(mutex_);
     ended = epoch != epoch_;
     if (!ended) {
-      status_ = Status::kUp;
+      SetStatusLocked(Status::kUp);
       cookie_ = cookie;
     }
   }

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "mpaclient/bus/rmq_client.h"
+#include "platform/core/clock.h"
 
 namespace zem {
 
@@ -65,6 +66,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   /// Whether the last record of the two kinds was an ACK.
   bool acknowledged() const;
   State state() const;
+  /// How long it has been in that state.
+  Duration state_age() const;
   /// -1 when there is none.
   int32_t cookie() const;
 
@@ -85,6 +88,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   State state_word() const {
     return status_ == Status::kUp || status_ == Status::kAcknowledged ? kConnected : kDisconnected;
   }
+  void SetStatusLocked(Status status);
   void Connect(uint64_t epoch);
   void EndRoad(boost::intrusive_ptr<RmqClientInterface>* released);
   void ScheduleTimer(std::chrono::microseconds delay, uint64_t epoch);
@@ -99,6 +103,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   mutable std::shared_mutex mutex_;  // taken alone or after the attempt's; guards what follows
   boost::intrusive_ptr<RmqClientInterface> bus_;
   Status status_ = Status::kDown;
+  TimePoint since_ = Clock::Process().Now();  // in the state that operators see
   int32_t cookie_ = -1;
   std::shared_ptr<Timer> reconnect_timer_;
   uint64_t epoch_ = 0;  // raised by each start and end

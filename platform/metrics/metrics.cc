@@ -26,6 +26,16 @@ uint64_t Latency::QuantileUs(double share) const {
   return 0;
 }
 
+Latency::Reading Latency::Read() const {
+  Reading reading;
+  reading.sum_us = sum_us();
+  for (size_t i = 0; i < kBuckets; ++i) {
+    reading.buckets[i] = buckets_[i].load(std::memory_order_relaxed);
+    reading.count += reading.buckets[i];
+  }
+  return reading;
+}
+
 template <class T>
 T& Registry::Find(Table<T>& table, std::string_view name, std::string_view tag) {
   std::lock_guard lock(mutex_);

@@ -57,6 +57,14 @@ class Latency {
   /// Upper bound of the bucket that holds the given share (0 to 1) of the records.
   uint64_t QuantileUs(double share) const;
 
+  /// All of it; bucket i counts the records below 2^i microseconds that are in no bucket before.
+  struct Reading {
+    uint64_t count = 0;  ///< of all buckets together
+    uint64_t sum_us = 0;
+    std::array<uint64_t, kBuckets> buckets{};
+  };
+  Reading Read() const;
+
  private:
   std::atomic<uint64_t> count_{0};
   std::atomic<uint64_t> sum_us_{0};

@@ -72,9 +72,10 @@ size_t QueueGauge::depth() const {
 
 QueueGauge::Reading QueueGauge::Read() const {
   const std::lock_guard lock(mutex_);
-  Reading reading{name_, limit_, since_.size(), most_, longest_wait_, dropped_};
+  Reading reading{name_, limit_, since_.size(), most_, longest_wait_, dropped_, Duration::zero()};
   if (!since_.empty()) {
-    reading.longest_wait = std::max(reading.longest_wait, Duration(Clock::Process().Now() - since_.front()));
+    reading.oldest = Clock::Process().Now() - since_.front();
+    reading.longest_wait = std::max(reading.longest_wait, reading.oldest);
   }
   return reading;
 }

@@ -49,6 +49,8 @@ class QueueGauge {
     /// Of those that have left, and of the oldest one that still waits.
     Duration longest_wait{};
     uint64_t dropped = 0;
+    /// How long the oldest element has waited; zero for an empty queue.
+    Duration oldest{};
   };
   Reading Read() const;
 

@@ -7,9 +7,9 @@
 
 #include "platform/timeline/segment.h"
 
-// Operations are in the ring from their begin, so that one that hangs can be asked about.  The ring has a share
-// for each kind and one more for those that failed, which nothing but other failures pushes out; together they
-// stay below kMostBytes.
+// Operations are in the ring from their begin, so that one that hangs can be asked about.  The ring has a
+// share for each kind and one more for those that failed, which nothing but other failures pushes out;
+// together they stay below kMostBytes.
 
 namespace zem::timeline {
 namespace {
@@ -22,18 +22,18 @@ constexpr size_t kLeastOfKind = 8;  // also when memory is short
 constexpr size_t kMostBytes = size_t{8} << 20;
 constexpr size_t kMostOperationBytes = size_t{64} << 10;
 constexpr size_t kReserveBytes = size_t{16} << 10;  // of these, for what is important
-constexpr size_t kMostKeys = 64;
+constexpr size_t kMostKeys = 128;
 constexpr size_t kLongestKey = 128;
 constexpr size_t kLongestError = 1024;
 
 std::atomic<size_t> all_bytes{0};
 std::atomic<uint64_t> last_number{0};
-std::atomic<void (*)(const OperationPtr&)> failure_hook{nullptr};
 
 struct Ring {
   std::mutex mutex;  // guards all below; before an operation's own
   std::array<std::deque<OperationPtr>, kKinds> kinds;
   std::deque<OperationPtr> failed;
+  std::shared_ptr<const std::function<void(const OperationPtr&)>> failure_hook;
 
   // What leaves is destroyed by the caller, without the lock.
   void Shrink(std::vector<OperationPtr>* gone) {
@@ -79,6 +79,7 @@ Operation::Operation(uint64_t number, Kind kind, std::string_view what,
       what_(what),
       begun_(Clock::Process().Now()),
       begun_wall_(Clock::Process().WallNow()) {
+  keys_.reserve(keys.size());
   for (const std::string_view key : keys) AddKey(key);
 }
 
@@ -160,13 +161,15 @@ OperationPtr Begin(Kind kind, std::string_view what, std::initializer_list<std::
 void Finish(const OperationPtr& operation, std::string_view error) {
   if (!operation || !operation->End(error) || error.empty()) return;
   std::vector<OperationPtr> gone;
+  std::shared_ptr<const std::function<void(const OperationPtr&)>> hook;
   {
     Ring& ring = TheRing();
     const std::lock_guard lock(ring.mutex);
+    hook = ring.failure_hook;
     ring.failed.push_back(operation);
     ring.Shrink(&gone);
   }
-  if (auto* const hook = failure_hook.load()) hook(operation);
+  if (hook) (*hook)(operation);
 }
 
 OperationPtr Current() { return current_operation; }
@@ -187,7 +190,12 @@ std::vector<OperationPtr> Find(std::string_view key, size_t most) {
   return all;
 }
 
-void SetFailureHook(void (*hook)(const OperationPtr& operation)) { failure_hook = hook; }
+void SetFailureHook(std::function<void(const OperationPtr& operation)> hook) {
+  auto shared =
+      hook ? std::make_shared<const std::function<void(const OperationPtr&)>>(std::move(hook)) : nullptr;
+  const std::lock_guard lock(TheRing().mutex);
+  TheRing().failure_hook.swap(shared);
+}
 
 void Clear() {
   std::vector<OperationPtr> gone;
@@ -201,7 +209,9 @@ void Clear() {
 }
 
 Scope::Scope(OperationPtr operation)
-    : operation_(std::move(operation)), outer_(std::move(current_operation)), outer_segment_(current_segment) {
+    : operation_(std::move(operation)),
+      outer_(std::move(current_operation)),
+      outer_segment_(current_segment) {
   current_segment = operation_ ? operation_->NewSegment() : nullptr;
   current_operation = operation_;
 }

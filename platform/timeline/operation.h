@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
@@ -56,7 +57,7 @@ class Segment;
 /// One operation and its steps.
 ///
 /// Threads: all operations from any.  Its threads write without locks, each into a segment of its own.
-/// Limits: 64 KiB of steps and texts, 64 keys; a text is cut at 240 bytes, a key at 128.
+/// Limits: 64 KiB of steps and texts, 128 keys; a text is cut at 240 bytes, a key at 128.
 class Operation {
  public:
   /// Only `Begin` makes one.
@@ -71,6 +72,8 @@ class Operation {
   bool Has(std::string_view key) const;
   uint64_t number() const { return number_; }
   size_t bytes() const { return bytes_; }
+  /// Since its begin.
+  Duration age() const { return Clock::Process().Now() - begun_; }
   State state() const;
   Kind kind() const { return kind_; }
   OperationReading Read() const;
@@ -106,8 +109,8 @@ using OperationPtr = std::shared_ptr<Operation>;
 /// Begins an operation, which from now on is found by each of `keys`.
 OperationPtr Begin(Kind kind, std::string_view what, std::initializer_list<std::string_view> keys);
 
-/// Ends an operation: with an error unless `error` is empty.  Only the first call has an effect, and null none.
-/// What its threads still do afterwards is added to its steps.
+/// Ends an operation: with an error unless `error` is empty.  Only the first call has an effect, and null
+/// none. What its threads still do afterwards is added to its steps.
 void Finish(const OperationPtr& operation, std::string_view error);
 
 /// The operation for which this thread works; null outside of one.
@@ -116,8 +119,9 @@ OperationPtr Current();
 /// Every operation that `key` names, or all without a key; newest first, at most `most`.
 std::vector<OperationPtr> Find(std::string_view key, size_t most);
 
-/// Called once for each operation that fails, on its own thread: it may only take leaf locks.
-void SetFailureHook(void (*hook)(const OperationPtr& operation));
+/// Called once for each operation that fails, on the thread that ends it: it may only take leaf locks.  Null:
+/// none.
+void SetFailureHook(std::function<void(const OperationPtr& operation)> hook);
 
 /// Forgets all operations; for tests.
 void Clear();

@@ -6,17 +6,20 @@
 
 #include "platform/core/thread_name.h"
 
-// A segment is a list in chunks of memory that only grow.  Its thread links what it has written with a release,
-// so a reader needs no lock and the writer never waits for one: the cost of a step is two readings of the
-// clock and some stores.
+// A segment is a list in chunks of memory that only grow.  Its thread links what it has written with a
+// release, so a reader needs no lock and the writer never waits for one: the cost of a step is two readings
+// of the clock and some stores.
 
 namespace zem::timeline {
 namespace {
 
 constexpr size_t kChunkBytes = 2048;
 constexpr size_t kMostText = 240;
+constexpr size_t kCrowdedBytes = size_t{24} << 10;
 
-size_t Aligned(size_t size) { return (size + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1); }
+size_t Aligned(size_t size) {
+  return (size + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
+}
 
 }  // namespace
 
@@ -75,6 +78,14 @@ StepRecord* Segment::Begin(std::string_view name, TimePoint start, bool importan
   return step;
 }
 
+StepRecord* Segment::Join(std::string_view name) {
+  if (last_ == nullptr || last_->name.data() != name.data() || last_->depth != depth) return nullptr;
+  if (last_->failed || last_->duration_ns.load(std::memory_order_relaxed) < 0) return nullptr;
+  if (operation_.bytes() < kCrowdedBytes) return nullptr;
+  last_->count.fetch_add(1, std::memory_order_relaxed);
+  return last_;
+}
+
 void Segment::AddText(StepRecord* step, std::string_view key, std::string_view text) {
   void* const place = Allocate(sizeof(TextPart), false);
   if (place == nullptr) return;
@@ -103,6 +114,9 @@ void Segment::Read(TimePoint begun, std::vector<StepReading>* steps) const {
     if (duration >= 0) {
       reading.failed = step->failed;
       reading.result = step->result;
+    }
+    if (const uint32_t count = step->count.load(std::memory_order_relaxed); count > 1) {
+      reading.detail = std::to_string(count) + " calls, the first one:";
     }
     for (const TextPart* part = step->parts.load(std::memory_order_acquire); part != nullptr;
          part = part->next.load(std::memory_order_acquire)) {

@@ -24,11 +24,12 @@ struct StepRecord {
   std::string_view name;
   TimePoint start;
   uint32_t depth = 0;
-  bool failed = false;          // before `end_ns`
-  std::string_view result;      // before `end_ns`
+  bool failed = false;      // before `end_ns`
+  std::string_view result;  // before `end_ns`
   std::atomic<TextPart*> parts{nullptr};
   TextPart* last_part = nullptr;
   std::atomic<int64_t> duration_ns{-1};
+  std::atomic<uint32_t> count{1};  // calls that this record stands for
   std::atomic<StepRecord*> next{nullptr};
 };
 
@@ -44,6 +45,9 @@ class Segment {
 
   /// Null when the operation has no room left.
   StepRecord* Begin(std::string_view name, TimePoint start, bool important);
+  /// The step before, when it has this name and the operation has so many steps that alike ones share a
+  /// record; else null.
+  StepRecord* Join(std::string_view name);
   void AddText(StepRecord* step, std::string_view key, std::string_view text);
   void End(StepRecord* step, TimePoint now);
   /// A copy of `text` that lives as long as the segment; cut, empty when there is no room.

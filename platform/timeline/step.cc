@@ -9,9 +9,11 @@ namespace zem::timeline {
 Step::Step(std::string_view name, std::string_view detail) : record_(nullptr) {
   Segment* const segment = CurrentSegment();
   if (segment == nullptr) return;
-  record_ = segment->Begin(name, Clock::Process().Now(), false);
+  record_ = segment->Join(name);
+  joined_ = record_ != nullptr;
+  if (!joined_) record_ = segment->Begin(name, Clock::Process().Now(), false);
   ++segment->depth;
-  if (record_ != nullptr && !detail.empty()) segment->AddText(record_, {}, detail);
+  if (record_ != nullptr && !joined_ && !detail.empty()) segment->AddText(record_, {}, detail);
   counted_ = segment;
 }
 
@@ -22,12 +24,12 @@ Step::~Step() {
 }
 
 void Step::Detail(std::string_view key, std::string_view value) {
-  if (record_ != nullptr) counted_->AddText(record_, key, value);
+  if (record_ != nullptr && !joined_) counted_->AddText(record_, key, value);
 }
 
 void Step::Result(std::string_view text, bool failed) {
-  if (record_ == nullptr) {
-    // What failed is told even when there was no room for the step.
+  if (record_ == nullptr || joined_) {
+    // What failed is told even when the step has no record of its own.
     if (failed && counted_ != nullptr) Note("failed", text, true);
     return;
   }
@@ -42,6 +44,8 @@ void Step::ResultCode(uint32_t code) {
   const int length = std::snprintf(text, sizeof(text), "0x%x", code);
   Result({text, static_cast<size_t>(length)}, true);
 }
+
+bool Recording() { return CurrentSegment() != nullptr; }
 
 void Note(std::string_view name, std::string_view detail, bool failed) {
   Segment* const segment = CurrentSegment();

@@ -30,7 +30,11 @@ class Step {
  private:
   StepRecord* record_;
   Segment* counted_ = nullptr;  // whose depth it is part of
+  bool joined_ = false;         // the record is of an earlier step, too
 };
+
+/// Whether steps of this thread are recorded; for texts that only a step needs.
+bool Recording();
 
 /// A moment of the thread's operation, such as "received".
 void Note(std::string_view name, std::string_view detail, bool failed = false);

@@ -72,8 +72,9 @@ struct SpanRecord {
 };
 
 /// A step under way; the current span of its thread from construction to destruction, which must be in the
-/// order of a stack.  When the tracing does not want it, it is empty and costs nothing more.  It is a step of the
-/// thread's operation as well (platform/timeline), whatever the trace level; so its name has to live forever.
+/// order of a stack.  When the tracing does not want it, it is empty and costs nothing more.  It is a step of
+/// the thread's operation as well (platform/timeline), whatever the trace level; so its name has to live
+/// forever.
 class Span {
  public:
   ~Span();
@@ -81,6 +82,8 @@ class Span {
   Span& operator=(const Span&) = delete;
 
   bool recorded() const { return record_.has_value(); }
+  /// How it ended; only the timeline keeps that.
+  void Result(std::string_view text, bool failed) { step_.Result(text, failed); }
   TraceContext context() const { return record_ ? record_->context : TraceContext(); }
 
  private:

@@ -25,6 +25,7 @@
 #include "sim/control/json.h"
 #include "sim/data/data_folder.h"
 #include "sim/node/node.h"
+#include "sim/replay/recording.h"
 #include "sim/sandbox/sandbox.h"
 #include "sim/scenario/control_client.h"
 #include "sim/scenario/scenario.h"
@@ -45,7 +46,12 @@ constexpr const char* kUsage =
     "                                           unless --json; \"ctl help\" lists them\n"
     "       zem-node scenario [--dir DIR] FILE  runs the commands and expectations of a file\n"
     "       zem-node check FILE [OPTIONS]       runs a scenario on a node of its own\n"
-    "options of run and check:\n"
+    "       zem-node record OUT FILE [OPTIONS]  the same, and writes down what was done to the node and what "
+    "its\n"
+    "                                           daemon did at its borders\n"
+    "       zem-node replay FILE [--daemon FILE] [--clock-factor N]\n"
+    "                                           does it to another daemon and prints the differences\n"
+    "options of run, check and record:\n"
     "  --dir DIR        the node's folder: control socket and daemon output (/tmp/zem-node)\n"
     "  --daemon FILE    the daemon's program (that of the same build, or the installed one)\n"
     "  --options FILE   the daemon's XML options\n"
@@ -75,23 +81,26 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
-std::string DaemonBeside(const char* program) {
+// A program of the daemon's package: in the folder of this one, or where the build has it.
+std::string ProgramBeside(const char* program, const std::string& name, const std::string& built) {
   std::string path(4096, '\0');
   const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
   path = size > 0 ? path.substr(0, static_cast<size_t>(size)) : program;
   const std::string here = path.substr(0, path.rfind('/'));
   for (const std::string& candidate :
-       {here + "/zem-tarvik", here + "/../../agent/zem-tarvik", std::string(zem::sim::kDaemonPath)}) {
+       {here + "/" + name, here + "/../../" + built, "/opt/orlane/zem-tarvik/bin/" + name, "/usr/bin/" + name}) {
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
-  return here + "/zem-tarvik";
+  return here + "/" + name;
 }
 
 int RunNode(Words words, const char* program) {
-  zem::sim::SandboxOptions sandbox{kDefaultDirectory, DaemonBeside(program), zem::sim::DataFolder::Get().host,
-                                   zem::sim::DataFolder::Get().libraries};
-  sandbox.agent_scripts = zem::sim::DataFolder::Get().agent_scripts;
+  const zem::sim::DataFolder& data = zem::sim::DataFolder::Get();
+  zem::sim::SandboxOptions sandbox{kDefaultDirectory, ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"),
+                                   data.host, data.libraries};
+  sandbox.agent_scripts = data.agent_scripts;
   zem::sim::NodeOptions node;
+  node.tarvikctl = ProgramBeside(program, "zem-tarvikctl", "ctl/zem-tarvikctl");
   while (!words.empty()) {
     const std::string option = words.Take();
     if (option == "--dir") {
@@ -198,6 +207,92 @@ int Check(Words words, const char* program) {
   return held ? 0 : 1;
 }
 
+// The value of an option that the node will read, too.
+std::string ValueOf(const Words& words, const std::string& option) {
+  for (size_t i = words.next; i + 1 < words.all.size(); ++i) {
+    if (words.all[i] == option) return words.all[i + 1];
+  }
+  return "";
+}
+
+int FactorOf(const std::string& text) {
+  const int factor = text.empty() ? 1 : std::atoi(text.c_str());
+  if (factor < 1 || factor > 100) throw std::runtime_error("no clock factor: " + text);
+  return factor;
+}
+
+// The time of a node whose clock runs so fast.
+int64_t NodeMs(zem::Duration on_machine, int factor) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(on_machine).count() * factor;
+}
+
+int Record(Words words, const char* program) {
+  const std::string out = words.Take();
+  const std::string file = words.Take();
+  std::ifstream lines(file);
+  if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
+  zem::sim::Recording recording;
+  if (const std::string path = ValueOf(words, "--options"); !path.empty())
+    recording.daemon_options = ReadFile(path);
+  if (const std::string path = ValueOf(words, "--zema"); !path.empty())
+    recording.realization_options = ReadFile(path);
+  recording.clock_factor = FactorOf(ValueOf(words, "--clock-factor"));
+  ChildNode node(words, program);
+  ControlClient client(node.control(), kNodeStart);
+  ControlClient looks(node.control());
+  const zem::TimePoint begun = zem::Clock::Process().Now();
+  int64_t at_ms = 0;
+  client.SetObserver([&](const std::string& command, const std::string& answer) {
+    if (answer.empty()) {
+      at_ms = NodeMs(zem::Clock::Process().Now() - begun, recording.clock_factor);
+      if (zem::sim::ForgetsBorders(command)) recording.borders.Take(looks);
+      return;
+    }
+    // A command that is repeated until its answer is right has done its work the last time.
+    if (!recording.events.empty() && recording.events.back().command == command) recording.events.pop_back();
+    recording.events.push_back({at_ms, command, answer});
+  });
+  const bool held = zem::sim::Scenario(client, std::cout).Run(lines, file);
+  client.SetObserver({});
+  recording.borders.Take(client);
+  recording.Write(out);
+  if (held) node.Stop(client);
+  return held ? 0 : 1;
+}
+
+int Replay(Words words, const char* program) {
+  const std::string file = words.Take();
+  const zem::sim::Recording recording = zem::sim::Recording::Read(file);
+  char folder[] = "/tmp/zem-replay.XXXXXX";
+  if (::mkdtemp(folder) == nullptr) throw std::runtime_error(std::strerror(errno));
+  const std::string options = std::string(folder) + "/options.xml";
+  const std::string realization = std::string(folder) + "/zema.json";
+  if (ValueOf(words, "--clock-factor").empty()) {
+    words.all.insert(words.all.end(), {"--clock-factor", std::to_string(recording.clock_factor)});
+  }
+  if (!recording.daemon_options.empty()) {
+    std::ofstream(options) << recording.daemon_options;
+    words.all.insert(words.all.end(), {"--options", options});
+  }
+  if (!recording.realization_options.empty()) {
+    std::ofstream(realization) << recording.realization_options;
+    words.all.insert(words.all.end(), {"--zema", realization});
+  }
+  size_t differences = 0;
+  {
+    ChildNode node(words, program);
+    ControlClient client(node.control(), kNodeStart);
+    differences = zem::sim::Replay(recording, client, FactorOf(ValueOf(words, "--clock-factor")), std::cout);
+    node.Stop(client);
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(folder, ignored);
+  std::cout << (differences == 0 ? std::string("no difference")
+                                 : std::to_string(differences) + " differences")
+            << "\n";
+  return differences == 0 ? 0 : 1;
+}
+
 std::string Directory(Words* words) {
   if (!words->empty() && words->all[words->next] == "--dir") {
     words->Take();
@@ -269,6 +364,8 @@ int main(int argc, char** argv) {
     const std::string verb = words.Take();
     if (verb == "run") return RunNode(words, argv[0]);
     if (verb == "check") return Check(words, argv[0]);
+    if (verb == "record") return Record(words, argv[0]);
+    if (verb == "replay") return Replay(words, argv[0]);
     if (verb == "ctl") return Control(words);
     if (verb == "scenario") return RunScenario(words);
     if (verb == "alarm-peer") return AlarmPeer(words);

@@ -41,6 +41,8 @@ struct NodeOptions {
   static constexpr const char* kRealizationOptions =
       "{\"mp\": {\"lsMsgBatchInterval\": 4, \"lsMsgIncomingWaitInBatch\": 1}}\n";
 
+  /// The operators' program, for "tarvikctl".
+  std::string tarvikctl;
   /// The exact content of "/etc/zem_issue"; empty: no file.
   std::string issue = "node-type: zem-qub\n";
   /// The daemon's options file; empty: none.

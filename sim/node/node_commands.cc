@@ -211,6 +211,29 @@ void SmallDisk(const Reply& reply, const std::function<Json()>& change) {
 }
 
 // Runs a command on the daemon's command socket, with the client that operators use.
+// Whatever its exit code, the program's end is the answer.
+void Tarvikctl(const std::string& program, const Arguments& arguments, const Reply& reply) {
+  InBackground([program, arguments, reply] {
+    Tarvik::ChildProcess::Options options;
+    options.argv = {program};
+    options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
+    options.time_limit = kCliPatience;
+    options.output_limit = kMaxFile;
+    const TimePoint begun = Clock::Process().Now();
+    const Tarvik::ChildResult ended = Tarvik::ChildProcess(std::move(options)).Run();
+    if (ended.end != Tarvik::ChildEnd::kExited) return reply.Fail(program + " did not end by itself");
+    Json result = JsonObject();
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::Process().Now() - begun);
+    AddMember(result.get(), "code", ended.value);
+    AddMember(result.get(), "ms", int64_t{took.count()});
+    AddMember(result.get(), "text", ended.output);
+    AddMember(result.get(), "errors", ended.errors);
+    if (Json parsed{cJSON_Parse(ended.output.c_str())}; parsed)
+      AddMember(result.get(), "json", std::move(parsed));
+    reply.Ok(std::move(result));
+  });
+}
+
 void Cli(const Arguments& arguments, const Reply& reply) {
   InBackground([arguments, reply] {
     Tarvik::ChildProcess::Options options;
@@ -519,6 +542,11 @@ void RegisterNodeCommands(CommandTable& table, Node& node) {
                   }});
   table.Register({"cli", "COMMAND [ARGUMENT...]", "Runs a command on the daemon's command socket.", 1, kMany,
                   [](const Arguments& arguments, const Reply& reply) { Cli(arguments, reply); }});
+  table.Register({"tarvikctl", "[WORD...]",
+                  "Runs the operators' program; answers its code and what it printed.", 0, kMany,
+                  [n](const Arguments& arguments, const Reply& reply) {
+                    Tarvikctl(n->options_.tarvikctl, arguments, reply);
+                  }});
   table.Register({"stop", "", "Ends the node.", 0, 0, [n](const Arguments&, const Reply& reply) {
                     reply.Ok();
                     // Scheduled, so that the answer is sent first.

@@ -37,6 +37,15 @@ ControlClient::ControlClient(const std::string& path, Duration patience) {
 }
 
 std::string ControlClient::Execute(std::string_view command) {
+  if (!observer_) return Exchange(command);
+  const std::string text(command);
+  observer_(text, {});
+  std::string answer = Exchange(command);
+  observer_(text, answer);
+  return answer;
+}
+
+std::string ControlClient::Exchange(std::string_view command) {
   std::string line(command);
   line.push_back('\n');
   for (size_t sent = 0; sent < line.size();) {

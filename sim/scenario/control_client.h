@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -19,9 +20,16 @@ class ControlClient {
   /// Throws std::system_error when the node has closed the connection.
   std::string Execute(std::string_view command);
 
+  /// Called before each command, with an empty answer, and behind it.
+  using Observer = std::function<void(const std::string& command, const std::string& answer)>;
+  void SetObserver(Observer observer) { observer_ = std::move(observer); }
+
  private:
   UniqueFd socket_;
+  std::string Exchange(std::string_view command);
+
   std::string received_;
+  Observer observer_;
 };
 
 }  // namespace zem::sim

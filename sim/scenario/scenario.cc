@@ -22,6 +22,7 @@ namespace {
 constexpr auto kPollInterval = std::chrono::milliseconds(100);
 constexpr double kLogPatience = 2;  // seconds; log lines arrive on a socket of their own and may be late
 constexpr auto kLeftPatience = std::chrono::seconds(10);
+constexpr int kLogTail = 40;
 constexpr size_t kMaxShown = 2000;
 
 long long NowNs() { return Clock::Process().Now().time_since_epoch().count(); }
@@ -158,8 +159,8 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
   const Numbered* failed = nullptr;
   if (!Lines(all.data(), all.data() + all.size(), &failed)) {
     out_ << "\n"
-         << name << ":" << failed->number << ": " << failed->text << "\n  did not hold: " << problem_ << "\n"
-         << std::flush;
+         << name << ":" << failed->number << ": " << failed->text << "\n  did not hold: " << problem_ << "\n";
+    PrintLogTail();
     return false;
   }
   EndStep();
@@ -219,6 +220,16 @@ bool Scenario::Lines(const Numbered* begin, const Numbered* end, const Numbered*
     line = done;
   }
   return true;
+}
+
+// The daemon's last words tell more than the line that did not hold, and nobody may be there to ask for them.
+void Scenario::PrintLogTail() {
+  const Json parsed{cJSON_Parse(node_.Execute("log/find . " + std::to_string(kLogTail)).c_str())};
+  const cJSON* const lines = parsed ? Find(parsed.get(), "result.lines") : nullptr;
+  out_ << "  the end of the log:\n";
+  const cJSON* line = nullptr;
+  cJSON_ArrayForEach(line, lines) out_ << "    " << Shorten(Text(Find(line, "text"))) << "\n";
+  out_ << std::flush;
 }
 
 unsigned long long Scenario::LastLogNumber() {

@@ -59,6 +59,7 @@ class Scenario {
   bool Keep(const std::string& text);
   void EndStep();
   bool NothingIsLeft();
+  void PrintLogTail();
   unsigned long long LastLogNumber();
 
   std::string Execute(const std::string& command);

@@ -9,6 +9,7 @@
 #include "app/alarmsprovider/events/event_report.h"
 #include "framework/log/log.h"
 #include "mpaclient/bus/bus_record.h"
+#include "platform/metrics/process_metrics.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/timer.h"
 #include "proto/monitoring/monitoring.pb.h"
@@ -80,8 +81,14 @@ bool QueueManager::WriteAll(std::vector<SharedEvent> events) {
   return true;
 }
 
+QueueManager::Waiting QueueManager::waiting() {
+  const std::lock_guard lock(mutex_);
+  return {queue_.size(), sequence_number_, kept_ != nullptr};
+}
+
 bool QueueManager::Append(SharedEvent event) {
   if (!queue_.Push(std::move(event))) {
+    metrics::CounterOf(metrics::MetricId::kAlarmsDropped).Add();
     ZLOG_INFO("Provider queue is full.");
     return false;
   }
@@ -154,6 +161,7 @@ bool QueueManager::PrepareReports(CollectorMpMsg* message, size_t* text) {
 void QueueManager::PrepareEmptyReport(CollectorMpMsg* message) {
   auto* const report = message->mutable_event_report();
   report->set_sequence_number(++sequence_number_);
+  metrics::CounterOf(metrics::MetricId::kAlarmsDelivered).Add();
   SetNodeIds(ids_, report);
 }
 

@@ -42,6 +42,14 @@ class QueueManager : public std::enable_shared_from_this<QueueManager> {
   /// all of them fit.
   [[nodiscard]] bool WriteAll(std::vector<SharedEvent> events);
 
+  /// What waits for the collector, and how many reports were sent since the last reset.
+  struct Waiting {
+    size_t elements = 0;
+    uint32_t sent = 0;
+    bool kept = false;  ///< a report could not be sent and is tried again
+  };
+  Waiting waiting();
+
  private:
   bool Append(SharedEvent event);
   void Tick(uint64_t run);

@@ -11,6 +11,7 @@
 #include "app/alarmsprovider/service/collector_reset.h"
 #include "app/alarmsprovider/service/source_sync.h"
 #include "app/alarmsprovider/status/status_queue_manager.h"
+#include "framework/cli/json_writer.h"
 #include "framework/log/log.h"
 #include "framework/node/platform_info.h"
 #include "mpaclient/bus/bus_record.h"
@@ -273,6 +274,40 @@ void AlarmsProvider::HandleLeadershipChange(const LeadershipChangedRequestMsg& r
       "Sent leadership changed req for correlation-id: %s, source-id: %s, feature-id: %s, eventtype-id: %s",
       correlation_id.c_str(), request.source_id().c_str(), std::to_string(request.feature_id()).c_str(),
       boost::algorithm::join(event_types, " ").c_str());
+}
+
+void AlarmsProvider::Describe(std::vector<PartState>* parts) const {
+  PartState collector{"alarm collector", {}, {}};
+  if (!reset_->done()) {
+    collector.fault = "has not agreed to the conversation; events wait";
+    collector.heals = "the daemon asks again at least every minute; the manager's collector has to answer";
+  } else if (event_queue_->waiting().kept) {
+    collector.fault = "a report could not be sent; events wait behind it";
+    collector.heals = "it is tried again at every tick; the manager has to be reachable";
+  }
+  parts->push_back(std::move(collector));
+}
+
+std::vector<CliCommand> AlarmsProvider::Commands() {
+  return {{"get/alarms", "", 0, 0, [this](const CliArguments&, CliReply reply) {
+             const QueueManager::Waiting events = event_queue_->waiting();
+             std::set<std::string> ids;
+             communicator_->CollectSourceIds(&ids);
+             JsonValue sources = JsonValue::Array();
+             for (const std::string& id : ids) {
+               JsonValue row = JsonValue::Object();
+               row.Add("source", id);
+               sources.Append(std::move(row));
+             }
+             JsonValue answer = JsonValue::Object();
+             answer.Add("collector_agreed", reset_->done())
+                 .Add("reports_sent", uint64_t{events.sent})
+                 .Add("report_kept", events.kept)
+                 .Add("events_waiting", uint64_t{events.elements})
+                 .Add("status_waiting", uint64_t{status_queue_->waiting()})
+                 .Add("sources", std::move(sources));
+             reply.Ok(answer.Text());
+           }}};
 }
 
 }  // namespace zem::Tarvik

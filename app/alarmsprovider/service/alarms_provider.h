@@ -9,6 +9,8 @@
 #include "app/alarmsprovider/collector/node_id_cache.h"
 #include "app/alarmsprovider/config/covedb_event_handler.h"
 #include "app/alarmsprovider/link/provider_host.h"
+#include "framework/cli/cli_command.h"
+#include "framework/status/part_state.h"
 #include "mpaclient/vertical/vertical_client.h"
 
 namespace orlane::zem::monitoring {
@@ -46,6 +48,11 @@ class AlarmsProvider final : public std::enable_shared_from_this<AlarmsProvider>
   /// Returns false, after an error line, when alarm clients cannot be served.
   [[nodiscard]] bool Start();
   void Stop();
+
+  /// The state of the conversation with the collector.
+  void Describe(std::vector<PartState>* parts) const;
+  /// "get/alarms".
+  std::vector<CliCommand> Commands();
 
   [[nodiscard]] bool SendToCollector(const orlane::zem::monitoring::CollectorMpMsg& message,
                                      const std::string& correlation_id, int32_t bus_type) override;

@@ -40,6 +40,11 @@ void CollectorReset::ScheduleLocked() {
       });
 }
 
+bool CollectorReset::done() {
+  const std::lock_guard lock(mutex_);
+  return reset_done_;
+}
+
 void CollectorReset::Send() {
   const std::lock_guard lock(mutex_);
   if (reset_done_ || stopped_) return;

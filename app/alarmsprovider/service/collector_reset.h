@@ -32,6 +32,8 @@ class CollectorReset : public std::enable_shared_from_this<CollectorReset> {
   void Stop();
   /// Takes an answer of the collector.  Only the answer to the last request counts.
   void HandleResponse(const std::string& correlation_id, bool result);
+  /// The collector has agreed.
+  bool done();
 
  private:
   void Send();

@@ -89,6 +89,11 @@ bool StatusQueueManager::Enqueue(const Report& report) {
   return true;
 }
 
+size_t StatusQueueManager::waiting() {
+  const std::lock_guard lock(mutex_);
+  return reports_.size();
+}
+
 void StatusQueueManager::SendHeartbeat(const Report& heartbeat) {
   CollectorMpMsg message;
   message.set_msg_type(CollectorMpType::kStatusReport);

@@ -41,6 +41,8 @@ class StatusQueueManager : public std::enable_shared_from_this<StatusQueueManage
   /// Queues a copy; a heartbeat is sent at once instead.  Returns false when the report was dropped because
   /// the queue is full.
   [[nodiscard]] bool Enqueue(const Report& report);
+  /// How many reports wait for the collector.
+  size_t waiting();
 
  private:
   void SendHeartbeat(const Report& heartbeat);

@@ -12,6 +12,7 @@
 #include "app/ctxteng/guest/vm_data_reader.h"
 #include "app/ctxteng/handler/ctxt_client_handler.h"
 #include "framework/log/log.h"
+#include "platform/metrics/process_metrics.h"
 
 namespace Ctxt {
 namespace {
@@ -53,6 +54,11 @@ const EndvatHandlers kHandlers = {
           ZLOG_CTX_ERROR(179, "CtxtCore: Panic handler called from EndvatLib, behavior may be undefined");
         },
 };
+
+void CountEvent() {
+  static zem::metrics::Counter& events = zem::metrics::CounterOf(zem::metrics::MetricId::kGuestEvents);
+  events.Add();
+}
 
 }  // namespace
 
@@ -122,6 +128,7 @@ uint32_t CtxtCore::active_clients() const {
 }
 
 void CtxtCore::VmEventHandler(uint32_t type, ENDVAT_HANDLE handle, void* data) {
+  CountEvent();
   const CallbackGate::Pass pass(gate_);
   if (!pass) return;
   if (type == 0) {
@@ -205,6 +212,7 @@ void CtxtCore::HandTheMaskOver(VmData& vm) {
 }
 
 uint32_t CtxtCore::NetworkEventHandler(uint32_t type, ENDVAT_HANDLE handle, void* data) {
+  CountEvent();
   const CallbackGate::Pass pass(gate_);
   if (!pass) return kVerdict;
   const GuestTable::Record vm = guests_.Resolve(data);
@@ -217,6 +225,7 @@ uint32_t CtxtCore::NetworkEventHandler(uint32_t type, ENDVAT_HANDLE handle, void
 }
 
 void CtxtCore::SystemEventHandler(uint32_t type, ENDVAT_HANDLE handle, void* data) {
+  CountEvent();
   const CallbackGate::Pass pass(gate_);
   if (!pass) return;
   const GuestTable::Record vm = guests_.Resolve(data);

@@ -67,6 +67,7 @@ class CtxtCore {
 
   void WaitForStart() { barrier_.WaitForStart(); }
   void NotifyStarted() { barrier_.NotifyStarted(); }
+  bool started() { return barrier_.open(); }
 
   GuestTable& guests() { return guests_; }
   UserTables& users() { return users_; }

@@ -8,6 +8,7 @@
 #include "app/ctxteng/engine/ctxt_core.h"
 #include "app/ctxteng/engine/ctxt_options.h"
 #include "app/ctxteng/engine/engine_parts_of_agent.h"
+#include "app/ctxteng/engine/guests_command.h"
 #include "app/ctxteng/engine/ids_of_agent.h"
 #include "app/ctxteng/engine/protocol_mask_commands.h"
 #include "app/ctxteng/idfw/idfw.h"
@@ -16,6 +17,7 @@
 #include "app/ctxteng/idsevents/ids_commands.h"
 #include "app/ctxteng/idsevents/ids_counters.h"
 #include "app/ctxteng/idsqueue/node_records.h"
+#include "app/ctxteng/kafka/kafka_client.h"
 #include "framework/log/log.h"
 
 namespace {
@@ -83,16 +85,55 @@ void CtxtEng::InitializeCore() {
   try {
     core.Initialize(options_->settings, make_parts_(provider_), store_, profiles_);
     return;
+  } catch (const Ctxt::EndvatApiError& error) {
+    ZLOG_CTX_ERROR(3, "CtxtEng: Crtical exception, %s", error.what());
+    SetFault(&CtxtEng::library_fault_, error.what());
   } catch (const Ctxt::CtxtInvalidParameterError& error) {
     ZLOG_CTX_ERROR(3, "CtxtEng: Critical exception, %s", error.what());
+    SetFault(&CtxtEng::engine_fault_, error.what());
   } catch (const Ctxt::CtxtException& error) {
     ZLOG_CTX_ERROR(3, "CtxtEng: Crtical exception, %s", error.what());
+    SetFault(&CtxtEng::engine_fault_, error.what());
   } catch (const std::exception& error) {
     ZLOG_CTX_ERROR(3, "CtxtEng: Crtical exception : %s", error.what());
+    SetFault(&CtxtEng::engine_fault_, error.what());
   } catch (...) {
     ZLOG_CTX_ERROR(3, "CtxtEng: Unhandled critical exception during init");
+    SetFault(&CtxtEng::engine_fault_, "an unknown exception");
   }
   core.NotifyStarted();
+}
+
+void CtxtEng::SetFault(std::string CtxtEng::*fault, const char* what) {
+  const std::lock_guard lock(mutex_);
+  this->*fault = what;
+}
+
+void CtxtEng::Describe(std::vector<zem::Tarvik::PartState>* parts) const {
+  constexpr const char* kRestart =
+      "repair what the log names, then restart the daemon; the engine starts once";
+  zem::Tarvik::PartState engine{"context engine", {}, {}};
+  zem::Tarvik::PartState library{"guest library", {}, {}};
+  {
+    const std::lock_guard lock(mutex_);
+    if (!library_fault_.empty()) library = {library.part, library_fault_, kRestart};
+    if (!engine_fault_.empty()) engine = {engine.part, engine_fault_, kRestart};
+  }
+  if (!library.fault.empty()) engine = {engine.part, "did not start without the guest library", kRestart};
+  if (engine.fault.empty() && !CtxtCore::GetInstance().started()) {
+    engine = {engine.part, "is starting", "ends when its clients have started"};
+  }
+  parts->push_back(std::move(library));
+  parts->push_back(std::move(engine));
+  for (const Ctxt::PaceClient::KafkaClient::Reading& client : Ctxt::PaceClient::KafkaClient::ReadAll()) {
+    zem::Tarvik::PartState state{"kafka " + client.brokers, {}, {}};
+    if (client.down) {
+      state.fault =
+          "all brokers are down; messages wait, and are given up when 64 MiB wait or five minutes pass";
+      state.heals = "the client connects by itself when a broker can be reached";
+    }
+    parts->push_back(std::move(state));
+  }
 }
 
 void CtxtEng::WaitForStart() { CtxtCore::GetInstance().WaitForStart(); }
@@ -105,6 +146,7 @@ void CtxtEng::Stop() {
 std::vector<zem::Tarvik::CliCommand> CtxtEng::Commands() {
   CtxtCore& core = CtxtCore::GetInstance();
   auto commands = Ctxt::ProtocolMaskCommands(core.guests());
+  commands.push_back(Ctxt::GuestsCommand(core.guests()));
   commands.push_back(
       Ctxt::IdfwStatusCommand(*Ctxt::IdfwOfAgent(), [&core] { return core.active_clients(); }));
   commands.push_back(Ctxt::IdsStatusCommand(*Ctxt::IdsOfAgent()));

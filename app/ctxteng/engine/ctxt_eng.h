@@ -2,10 +2,12 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "framework/cli/cli_command.h"
+#include "framework/status/part_state.h"
 
 namespace zem {
 class AsioZemProvider;
@@ -45,7 +47,10 @@ class CtxtEng {
   void WaitForStart();
   void Stop();
 
-  /// "get/protocolMask", "set/protocolMask", "get/idfwStatus", "get/idsStatus".
+  /// The states of the engine, the guest event library, and the Kafka clients.  From any thread.
+  void Describe(std::vector<zem::Tarvik::PartState>* parts) const;
+
+  /// "get/protocolMask", "set/protocolMask", "get/idfwStatus", "get/idsStatus", "get/guests".
   std::vector<zem::Tarvik::CliCommand> Commands();
 
  private:
@@ -53,10 +58,14 @@ class CtxtEng {
 
   bool LoadOptions();
   void InitializeCore();
+  void SetFault(std::string CtxtEng::*fault, const char* what);
 
   zem::AsioZemProvider& provider_;
   const std::shared_ptr<zem::covedb::CoveDbClientInterface> store_;
   const std::shared_ptr<zem::upm::UPMService> profiles_;
   const MakeParts make_parts_;
   const std::unique_ptr<Options> options_;
+  mutable std::mutex mutex_;  // guards what follows
+  std::string engine_fault_;
+  std::string library_fault_;
 };

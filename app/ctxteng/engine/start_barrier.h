@@ -15,6 +15,10 @@ class StartBarrier {
   /// any longer.
   void WaitForStart();
   void NotifyStarted();
+  bool open() {
+    const std::lock_guard lock(mutex_);
+    return started_;
+  }
 
  private:
   std::mutex mutex_;  // guards started_

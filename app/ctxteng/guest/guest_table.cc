@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "framework/log/log.h"
+#include "platform/metrics/process_metrics.h"
 
 namespace Ctxt {
 namespace {
@@ -32,6 +33,7 @@ void GuestTable::Add(const Record& vm) {
     const Locks::ScopedLock lock(mutex_);
     Record& entry = power_on_vm_map_[vm->vc_uuid];
     old = std::exchange(entry, vm);
+    CountLocked();
   }
   if (old == nullptr) return;
   ZLOG_INFO(
@@ -59,6 +61,7 @@ bool GuestTable::Remove(const Record& vm) {
     const auto found = power_on_vm_map_.find(vm->vc_uuid);
     if (found != power_on_vm_map_.end() && found->second == vm) {
       power_on_vm_map_.erase(found);
+      CountLocked();
       return true;
     }
   }
@@ -67,10 +70,16 @@ bool GuestTable::Remove(const Record& vm) {
   return false;
 }
 
+void GuestTable::CountLocked() const {
+  static zem::metrics::Gauge& guests = zem::metrics::GaugeOf(zem::metrics::MetricId::kGuests);
+  guests.Set(static_cast<int64_t>(power_on_vm_map_.size()));
+}
+
 void GuestTable::Clear() {
   {
     const Locks::ScopedLock lock(mutex_);
     power_on_vm_map_.clear();
+    CountLocked();
   }
   for (Live& live : live_) {
     const std::unique_lock lock(live.mutex);

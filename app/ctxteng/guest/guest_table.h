@@ -80,6 +80,7 @@ class GuestTable {
   const Live& LiveOf(const void* data) const { return const_cast<GuestTable*>(this)->LiveOf(data); }
   template <class Mask>
   void SetEventMaskOf(const std::string& vc_uuid, uint32_t client_type, const Mask& mask);
+  void CountLocked() const;
   void SetMaskLocked(VmData& vm, VmData::EventMask& mask, uint64_t value);
 
   mutable Locks::Mutex mutex_;  // guards power_on_vm_map_ and every change of a mask

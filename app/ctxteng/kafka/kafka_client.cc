@@ -72,6 +72,16 @@ struct QueueDelete {
   void operator()(rd_kafka_queue_t* queue) const { rd_kafka_queue_destroy(queue); }
 };
 
+struct AllClients {
+  std::mutex mutex;  // guards clients
+  std::vector<const KafkaClient*> clients;
+};
+
+AllClients& All() {
+  static AllClients& all = *new AllClients();  // clients may end after the process's statics
+  return all;
+}
+
 }  // namespace
 
 // The library's entry points.
@@ -94,6 +104,10 @@ struct KafkaClient::Callbacks {
 
 KafkaClient::KafkaClient(const KafkaConfig& config, KafkaAlarm* alarm, KafkaDeliveries& deliveries)
     : brokers_(config.brokers), alarm_(alarm), deliveries_(deliveries) {
+  {
+    const std::lock_guard lock(All().mutex);
+    All().clients.push_back(this);
+  }
   if (!MakeProducer(config)) return;
   if (!MakeTopics(config)) {
     DestroyProducer();
@@ -109,7 +123,19 @@ KafkaClient::KafkaClient(const KafkaConfig& config, KafkaAlarm* alarm, KafkaDeli
   }
 }
 
+std::vector<KafkaClient::Reading> KafkaClient::ReadAll() {
+  std::vector<Reading> readings;
+  const std::lock_guard lock(All().mutex);
+  for (const KafkaClient* const client : All().clients)
+    readings.push_back({client->brokers_, client->brokers_down_});
+  return readings;
+}
+
 KafkaClient::~KafkaClient() {
+  {
+    const std::lock_guard lock(All().mutex);
+    std::erase(All().clients, this);
+  }
   StopPolling();
   // Not behind the flush: a client that replaces this one may raise the alarm of the same brokers meanwhile.
   if (alarm_raised_.exchange(false)) alarm_->Clear(this, brokers_);

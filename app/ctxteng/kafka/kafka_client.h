@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "platform/core/thread.h"
 #include "platform/core/unique_fd.h"
@@ -70,6 +71,13 @@ class KafkaClient {
   /// Whether the client could be made; says nothing about the brokers.
   bool IsReady() const { return ready_; }
   bool alarm_raised() const { return alarm_raised_; }
+  struct Reading {
+    std::string brokers;
+    bool down = false;  ///< the library has said that all brokers are down, and none is back
+  };
+  /// Of all clients of the process.  From any thread.
+  static std::vector<Reading> ReadAll();
+
   /// Clears the alarm also when this client has not raised it.  While the brokers stay down, the client asks
   /// for it again with its next report.
   void ClearAlarm();

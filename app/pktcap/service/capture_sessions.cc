@@ -8,6 +8,7 @@
 
 #include "app/pktcap/service/file_move.h"
 #include "framework/log/log.h"
+#include "platform/metrics/process_metrics.h"
 #include "platform/provider/work_group.h"
 
 namespace zem::Tarvik {
@@ -20,6 +21,10 @@ constexpr std::string_view kRandomPart = "XXXXXX";
 
 SessionView ViewOf(const CaptureSession& session) {
   return {session.id, session.request, session.destination, session.state};
+}
+
+void CountSessions(size_t sessions) {
+  metrics::GaugeOf(metrics::MetricId::kCaptures).Set(static_cast<int64_t>(sessions));
 }
 
 }  // namespace
@@ -102,6 +107,7 @@ SessionStatus CaptureSessions::Reserve(const Session& session, size_t tools) {
   }
   if (stopping_) return SessionStatus::Failed(session->id, SessionError::kNotLaunched);
   sessions_.emplace(session->id, session);
+  CountSessions(sessions_.size());
   ++exporters_running_;
   return {session->id, SessionState::kRunning, SessionError::kNone};
 }
@@ -155,6 +161,7 @@ bool CaptureSessions::StopLocal(const std::string& id) {
     }
     dropped = found->second;
     sessions_.erase(found);
+    CountSessions(sessions_.size());
   }
   if (!dropped->file.empty()) ::unlink(dropped->file.c_str());
   return true;
@@ -269,6 +276,7 @@ bool CaptureSessions::Leave(const Session& session, SessionState state, SessionE
     if (stopping_ || !IsListed(session)) return false;
     session->state = state;
     sessions_.erase(session->id);
+    CountSessions(sessions_.size());
   }
   ZLOG_INFO("Session %s finished with status %s", session->id.c_str(), SessionErrorText(error));
   return true;

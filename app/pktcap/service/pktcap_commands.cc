@@ -128,6 +128,20 @@ std::string ParseStart(const CliArguments& words, PktCapRequestMsg* request, std
   return {};
 }
 
+const char* StateWord(SessionState state) {
+  switch (state) {
+    case SessionState::kRunning:
+      return "running";
+    case SessionState::kCaptured:
+      return "captured";
+    case SessionState::kDone:
+      return "done";
+    case SessionState::kFailed:
+      return "failed";
+  }
+  return "unknown";
+}
+
 JsonValue SessionJson(const SessionView& session) {
   const PktCapRequestMsg& request = session.request;
   const CapturePoint* const point = FindCapturePoint(request.cap_type());
@@ -173,6 +187,32 @@ void ListSessions(PktCapApp& app, CliReply reply) {
   reply.Ok(list.Text());
 }
 
+// The same for programs that want names of their own kind, also while the application does not run.
+void GetCaptures(PktCapApp& app, CliReply reply) {
+  JsonValue list = JsonValue::Array();
+  if (app.running()) {
+    for (const SessionView& session : app.List()) {
+      const PktCapRequestMsg& request = session.request;
+      const CapturePoint* const point = FindCapturePoint(request.cap_type());
+      const char* const direction = DirectionWord(request.direction());
+      const bool stream = request.cap_mode() == kStreamMode;
+      JsonValue row = JsonValue::Object();
+      row.Add("id", session.id)
+          .Add("interface_type", point != nullptr ? point->parameter : "")
+          .Add("interface", request.cap_value())
+          .Add("direction", direction != nullptr ? direction : "")
+          .Add("mode", stream ? "stream" : "file")
+          .Add("target", stream ? request.stream_address() : session.destination)
+          .Add("seconds", request.cap_duration())
+          .Add("state", StateWord(session.state));
+      list.Append(std::move(row));
+    }
+  }
+  JsonValue answer = JsonValue::Object();
+  answer.Add("running", app.running()).Add("captures", std::move(list));
+  reply.Ok(answer.Text());
+}
+
 void GetSession(PktCapApp& app, const std::string& id, CliReply reply) {
   const auto session = app.Find(id);
   session ? reply.Ok(SessionJson(*session).Text()) : reply.Error(kNotFound);
@@ -215,6 +255,8 @@ std::vector<CliCommand> PktCapCommands(PktCapApp& app) {
        [](const CliArguments&, CliReply reply) { reply.Error("Not implemented"); }},
       {"packet-capture/list", "", 0, 0,
        when_running([&app](const CliArguments&, CliReply reply) { ListSessions(app, std::move(reply)); })},
+      {"get/captures", "", 0, 0,
+       [&app](const CliArguments&, CliReply reply) { GetCaptures(app, std::move(reply)); }},
       {"packet-capture/get", "<session-id>", 1, 1,
        when_running([&app](const CliArguments& words, CliReply reply) {
          GetSession(app, words[kId], std::move(reply));

@@ -2,9 +2,11 @@
 
 #include <iterator>
 
+#include "app/zema/hostconfig/host_config_timeline.h"
 #include "app/zema/workers/worker_tasks.h"
 #include "framework/log/log.h"
 #include "framework/tasks/runnable.h"
+#include "platform/timeline/step.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {
@@ -56,6 +58,13 @@ void MessageDispatch::ProcessReceiveMessages(const std::string& message_key, con
         requests_->Refuse(message.origin, row.type, std::string(payload), kTooManyWait);
         return;
       }
+      // The others begin theirs when they know whose they are.
+      timeline::OperationPtr setting;
+      if (row.worker == Worker::kHostSync && row.take != &MessageDispatch::TakeHostConfig) {
+        setting = timeline::Begin(timeline::Kind::kHostSetting, row.type, {row.type, correlation_id});
+      }
+      const timeline::Scope scope(setting);
+      timeline::Note("received", {});
       (this->*row.take)(message);
       return;
     }
@@ -89,6 +98,9 @@ void MessageDispatch::TakeHostConfig(const Incoming& message) {
   if (parsed.has_transport_node_id()) ack.set_transport_node_id(parsed.transport_node_id());
   if (parsed.has_id()) ack.set_id(parsed.id());
   if (parsed.has_revision()) ack.set_revision(parsed.revision());
+  const timeline::Scope scope(BeginHostConfig(parsed, "of the manager, revision " + parsed.revision()));
+  timeline::Note("received", std::to_string(message.payload.size()) + " bytes, " +
+                                 std::to_string(parsed.host_switches_size()) + " switches");
   requests_->AcknowledgeHostConfig(message.origin.reply_to, ack);
   // A refused task is logged there, and the manager sends the configuration again.
   static_cast<void>(AddHostConfigTask(workers_, requests_->HostConfig(message.origin, std::move(parsed))));

@@ -454,6 +454,10 @@ void Realization::Stop(int reason) { impl_->Stop(reason); }
 
 HealthRecord* Realization::health() { return impl_->health_.get(); }
 
+const VifIndex* Realization::vif_index() {
+  return impl_->ports_ == nullptr ? nullptr : &impl_->ports_->index();
+}
+
 std::shared_ptr<HostConfigContext> Realization::host_config() { return impl_->host_config_; }
 
 std::shared_ptr<LogicalSwitchContext> Realization::logical_switches() { return impl_->logical_switches_; }

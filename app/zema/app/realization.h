@@ -22,6 +22,7 @@ class CoveDbHandler;
 class HealthRecord;
 class HostConfigCallbacks;
 class ManagerSender;
+class VifIndex;
 class WorkerTable;
 class ZemManager;
 struct HostConfigContext;
@@ -81,6 +82,8 @@ class Realization {
   void Stop(int reason);
 
   HealthRecord* health();
+  /// Null until the host configuration can be served.
+  const VifIndex* vif_index();
   /// Null until the host configuration can be served.
   std::shared_ptr<HostConfigContext> host_config();
   std::shared_ptr<LogicalSwitchContext> logical_switches();

@@ -1,5 +1,7 @@
 #include "app/zema/app/zema_app.h"
 
+#include <algorithm>
+#include <array>
 #include <cinttypes>
 #include <mutex>
 #include <stdexcept>
@@ -11,6 +13,7 @@
 #include "app/zema/app/io_service.h"
 #include "app/zema/app/message_dispatch.h"
 #include "app/zema/app/realization.h"
+#include "app/zema/app/set_up_state.h"
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/covedb/covedb_op_task.h"
@@ -18,6 +21,7 @@
 #include "app/zema/lswitch/covedb_update_task.h"
 #include "app/zema/manager/manager_replies.h"
 #include "app/zema/manager/manager_sender.h"
+#include "app/zema/ports/vif_index.h"
 #include "app/zema/state/health_record.h"
 #include "app/zema/state/host_config_state.h"
 #include "app/zema/state/realization_options.h"
@@ -51,6 +55,9 @@ constexpr const char* kHostConfigType = "com.orlane.zem.switching.HostConfigMsg"
 
 constexpr const char* kNotStarted = "The realization has not started yet";
 
+// The callback that keeps what operators see; behind those of the applications.
+constexpr uint32_t kViewModule = 1000;
+
 constexpr int kFirstRetryDelay = 30;  // seconds; doubled each time
 
 // Managers from 2.5 on keep logical switches in the store.
@@ -77,6 +84,9 @@ class ZemaApp::Impl {
   void Reset(std::function<void(std::string)> done);
   std::string ReloadOptions();
   std::string Migrate(bool vm_ports, bool knl_pnic);
+  void Describe(std::vector<PartState>* parts) const;
+  SwitchesView Switches() const;
+  PortsView Ports(size_t most) const;
 
   AsioZemProvider& provider_;
   const std::shared_ptr<covedb::CoveDbClientInterface> store_client_;
@@ -88,8 +98,14 @@ class ZemaApp::Impl {
   std::shared_ptr<zema::Realization> realization_;
   std::shared_ptr<zema::MessageDispatch> dispatch_;
   std::shared_ptr<Timer> controller_timer_;
+  bool on_smart_nic_ = false;
+  int attempts_ = 0;      // at the set-up
+  int last_failure_ = 0;  // of the attempts
+  TimePoint next_attempt_;
+  SwitchesView switches_;
 
  private:
+  void KeepView(const switching::HostConfigMsg& config);
   void StartUp();
   std::shared_ptr<controller::ControllerContext> MakeControllerContext();
   std::shared_ptr<zema::Realization> MakeRealization();
@@ -140,7 +156,9 @@ ZemaApp::Impl::Impl(AsioZemProvider& provider, std::shared_ptr<covedb::CoveDbCli
                           if (edge_) TakeOnEdge(record);
                         }}),
       edge_maintenance_(zema::EdgeService(), replies_),
-      edge_((GetNodeType() & kEdgeNodes) != 0) {}
+      edge_((GetNodeType() & kEdgeNodes) != 0) {
+  callbacks_.Register(kViewModule, [this](const switching::HostConfigMsg& config) { KeepView(config); });
+}
 
 std::shared_ptr<controller::ControllerContext> ZemaApp::Impl::MakeControllerContext() {
   controller::ControllerFile::Settings file;
@@ -262,6 +280,11 @@ void ZemaApp::Impl::StartUp() {
       const std::lock_guard lock(mutex_);
       realization_ = realization;
     }
+    {
+      const std::lock_guard lock(mutex_);
+      ++attempts_;
+      next_attempt_ = TimePoint();
+    }
     const int result = SetUpOf(*realization);
     if (ShutdownRequested()) {
       ZLOG_INFO("[%s] Agent is shutting down, abort zemaApp start ", "StartUpTask");
@@ -277,6 +300,8 @@ void ZemaApp::Impl::StartUp() {
     {
       const std::lock_guard lock(mutex_);
       realization_.reset();
+      last_failure_ = result;
+      next_attempt_ = Clock::Process().Now() + std::chrono::seconds(delay);
     }
     realization.reset();
     if (WaitForShutdown(std::chrono::seconds(delay))) return;
@@ -299,7 +324,9 @@ void ZemaApp::Impl::MakeDispatch(const std::shared_ptr<zema::Realization>& reali
 }
 
 void ZemaApp::Impl::SetStarted() {
+  const bool on_smart_nic = options_.Snapshot().on_smart_nic;
   const std::lock_guard lock(mutex_);
+  on_smart_nic_ = on_smart_nic;
   started_ = true;
   changed_.NotifyAll();
 }
@@ -431,6 +458,81 @@ std::string ZemaApp::Impl::Migrate(bool vm_ports, bool knl_pnic) {
 
 std::string ZemaApp::Impl::ReloadOptions() { return options_.Reload(); }
 
+// --- What operators see.
+
+void ZemaApp::Impl::KeepView(const switching::HostConfigMsg& config) {
+  SwitchesView view;
+  view.known = true;
+  view.config_id = config.id();
+  view.revision = config.revision();
+  for (const switching::HostSwitchMsg& message : config.host_switches()) {
+    SwitchView host_switch;
+    host_switch.id = message.id();
+    host_switch.name = message.name();
+    host_switch.mode = switching::HostSwitchMsg::SwitchMode_Name(message.switch_mode());
+    host_switch.mtu = message.mtu();
+    for (const auto& pnic : message.pnic()) host_switch.uplinks.push_back(pnic.device_name());
+    for (const auto& endpoint : message.vteps()) host_switch.endpoints.push_back(endpoint.device_name());
+    view.switches.push_back(std::move(host_switch));
+  }
+  const std::lock_guard lock(mutex_);
+  switches_ = std::move(view);
+}
+
+SwitchesView ZemaApp::Impl::Switches() const {
+  SwitchesView view;
+  {
+    const std::lock_guard lock(mutex_);
+    view = switches_;
+  }
+  return view;
+}
+
+PortsView ZemaApp::Impl::Ports(size_t most) const {
+  PortsView view;
+  const auto current = started_realization();
+  const zema::VifIndex* const index = current ? current->vif_index() : nullptr;
+  if (index == nullptr) return view;
+  const auto holdings = index->Holdings(most);
+  if (!holdings) return view;
+  view.known = true;
+  view.total = std::max(index->size(), holdings->size());
+  for (const auto& [vif, at] : *holdings) view.ports.push_back({vif, at.dvs, at.port});
+  return view;
+}
+
+void ZemaApp::Impl::Describe(std::vector<PartState>* parts) const {
+  PartState set_up{"realization", {}, {}};
+  {
+    const std::lock_guard lock(mutex_);
+    if (!started_) set_up = SetUpState(attempts_, last_failure_, next_attempt_);
+  }
+  const bool done = set_up.fault.empty();
+  parts->push_back(std::move(set_up));
+  const auto current = done ? started_realization() : nullptr;
+  if (current == nullptr || current->health() == nullptr) return;
+  zema::HealthRecord& health = *current->health();
+  parts->push_back(
+      health.lum_ready()
+          ? PartState{"host management script", {}, {}}
+          : PartState{"host management script", "does not answer",
+                      "the daemon starts it again by itself; look for its last lines in the log"});
+  if (!on_smart_nic_) {
+    parts->push_back(health.opaque_socket_connected()
+                         ? PartState{"host management link", {}, {}}
+                         : PartState{"host management link", "the host's management daemon is not connected",
+                                     "that daemon connects by itself when it runs; look whether it does"});
+  }
+  if (health.in_tn_mmode()) {
+    parts->push_back({"maintenance mode", "the manager has put this node into maintenance mode",
+                      "the manager takes it out again"});
+  }
+  if (health.status_down()) {
+    parts->push_back({"node status", "the last configuration shows this host as down",
+                      "a configuration of the manager that shows it as up"});
+  }
+}
+
 ZemaApp::ZemaApp(AsioZemProvider& provider, boost::intrusive_ptr<WorkGroup>,
                  std::shared_ptr<covedb::CoveDbClientInterface> store)
     : impl_(std::make_unique<Impl>(provider, std::move(store))) {}
@@ -464,6 +566,10 @@ void ZemaApp::RegisterHostCfgMsgCallBack(uint32_t module_id, HostConfigCallback 
 }
 
 void ZemaApp::Reset(std::function<void(std::string)> done) { impl_->Reset(std::move(done)); }
+
+void ZemaApp::Describe(std::vector<PartState>* parts) const { impl_->Describe(parts); }
+SwitchesView ZemaApp::Switches() const { return impl_->Switches(); }
+PortsView ZemaApp::Ports(size_t most) const { return impl_->Ports(most); }
 
 std::string ZemaApp::ReloadOptions() { return impl_->ReloadOptions(); }
 

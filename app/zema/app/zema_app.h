@@ -4,6 +4,10 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "app/zema/app/realization_view.h"
+#include "framework/status/part_state.h"
 
 namespace orlane::zem::switching {
 class HostConfigMsg;
@@ -59,6 +63,12 @@ class ZemaApp {
   /// already; its outcome is written to a file.  Returns an empty text, or the reason why the migration is
   /// refused.
   std::string Migrate(bool vm_ports, bool knl_pnic);
+
+  /// Appends the states of the realization's parts: its set-up, the host's management, maintenance mode.
+  void Describe(std::vector<PartState>* parts) const;
+  SwitchesView Switches() const;
+  /// At most `most` ports.
+  PortsView Ports(size_t most) const;
 
  private:
   class Impl;

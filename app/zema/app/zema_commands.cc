@@ -1,6 +1,10 @@
 #include "app/zema/app/zema_commands.h"
 
+#include <algorithm>
+#include <tuple>
+
 #include "app/zema/app/zema_app.h"
+#include "framework/cli/json_writer.h"
 #include "framework/log/log.h"
 
 namespace zem::Tarvik {
@@ -34,6 +38,58 @@ void Migrate(ZemaApp& app, const CliArguments& arguments, CliReply reply) {
   Answer(reply, app.Migrate(vm_ports, knl_pnic), done.c_str());
 }
 
+// What one answer holds at most.
+constexpr size_t kMostRows = 2'000;
+
+JsonValue Texts(const std::vector<std::string>& texts) {
+  JsonValue list = JsonValue::Array();
+  for (const std::string& text : texts) list.Append(text.c_str());
+  return list;
+}
+
+void GetSwitches(const ZemaApp& app, CliReply reply) {
+  const SwitchesView view = app.Switches();
+  JsonValue switches = JsonValue::Array();
+  for (const SwitchView& row : view.switches) {
+    JsonValue json = JsonValue::Object();
+    json.Add("name", row.name)
+        .Add("id", row.id)
+        .Add("mode", row.mode)
+        .Add("mtu", row.mtu)
+        .Add("uplinks", Texts(row.uplinks))
+        .Add("endpoints", Texts(row.endpoints));
+    switches.Append(std::move(json));
+  }
+  JsonValue answer = JsonValue::Object();
+  answer.Add("known", view.known)
+      .Add("config_id", view.config_id)
+      .Add("revision", view.revision)
+      .Add("switches", std::move(switches));
+  reply.Ok(answer.Text());
+}
+
+// The same rows in two orders: by switch and port, or by VIF.
+void GetPorts(const ZemaApp& app, const char* member, bool by_vif, CliReply reply) {
+  PortsView view = app.Ports(kMostRows);
+  std::sort(view.ports.begin(), view.ports.end(), [by_vif](const PortView& left, const PortView& right) {
+    return by_vif ? std::tie(left.vif, left.host_switch, left.port) <
+                        std::tie(right.vif, right.host_switch, right.port)
+                  : std::tie(left.host_switch, left.port, left.vif) <
+                        std::tie(right.host_switch, right.port, right.vif);
+  });
+  JsonValue rows = JsonValue::Array();
+  for (const PortView& port : view.ports) {
+    JsonValue json = JsonValue::Object();
+    json.Add("vif", port.vif).Add("switch", port.host_switch).Add("port", port.port);
+    rows.Append(std::move(json));
+  }
+  JsonValue answer = JsonValue::Object();
+  answer.Add("known", view.known)
+      .Add("left_out", uint64_t{view.total - view.ports.size()})
+      .Add(member, std::move(rows));
+  reply.Ok(answer.Text());
+}
+
 }  // namespace
 
 std::vector<CliCommand> ZemaCommands(ZemaApp& app) {
@@ -47,6 +103,12 @@ std::vector<CliCommand> ZemaCommands(ZemaApp& app) {
            Answer(*shared, std::move(error), "Removed all host switches and logical switches");
          });
        }},
+      {"get/switches", "", 0, 0,
+       [&app](const CliArguments&, CliReply reply) { GetSwitches(app, std::move(reply)); }},
+      {"get/ports", "", 0, 0,
+       [&app](const CliArguments&, CliReply reply) { GetPorts(app, "ports", false, std::move(reply)); }},
+      {"get/vifs", "", 0, 0,
+       [&app](const CliArguments&, CliReply reply) { GetPorts(app, "vifs", true, std::move(reply)); }},
       {"zema/reload_options", "", 0, 0, [&app](const CliArguments&, CliReply reply) {
          ZLOG_INFO("CliServer: reloading zema options from file");
          Answer(reply, app.ReloadOptions(), "Reloaded zema options from file");

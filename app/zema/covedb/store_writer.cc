@@ -11,6 +11,8 @@
 #include "covedbclient/codec/address_codec.h"
 #include "framework/log/log.h"
 #include "platform/core/clock.h"
+#include "platform/timeline/operation.h"
+#include "platform/timeline/step.h"
 #include "proto/config/config.pb.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/covedb/runtime_objects.pb.h"
@@ -140,7 +142,12 @@ StoreWriter::StoreWriter(Settings settings, PendingLogicalSwitches& pending)
     : settings_(std::move(settings)), pending_(pending) {}
 
 void StoreWriter::Modify(std::list<ModifyRequestMsg> requests) {
-  settings_.client->Modify(std::move(requests), [keep_alive = settings_.keep_alive] {});
+  settings_.client->Modify(std::move(requests),
+                           [keep_alive = settings_.keep_alive, carried = timeline::Carried()] {
+                             if (!carried.operation()) return;
+                             const timeline::Scope scope(carried.operation());
+                             timeline::Waited("writes to the store", carried.since());
+                           });
 }
 
 void StoreWriter::Modify(ModifyRequestMsg request) {

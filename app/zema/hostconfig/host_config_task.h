@@ -28,6 +28,9 @@ class HostConfigTask : public MpaMessageTask<orlane::zem::switching::HostConfigM
   /// The message as the application has changed it, with the errors and the endpoints' ids.
   virtual HostConfigMsg BuildReply();
 
+  /// All errors in one text; empty when there were none.
+  std::string ErrorText() const;
+
  protected:
   ErrorSink errors_;
   std::set<uint32_t> endpoint_ids_;

@@ -8,6 +8,7 @@
 #include "app/zema/covedb/covedb_handler.h"
 #include "app/zema/hostconfig/follow_up_tasks.h"
 #include "app/zema/hostconfig/host_config_context.h"
+#include "app/zema/hostconfig/host_config_timeline.h"
 #include "app/zema/hostconfig/host_switch_preparation.h"
 #include "app/zema/hostconfig/port_opaque_data.h"
 #include "app/zema/hostconfig/router_reconnection.h"
@@ -27,6 +28,7 @@
 #include "framework/node/host_identity.h"
 #include "framework/tasks/task_thread.h"
 #include "platform/core/thread_name.h"
+#include "platform/timeline/step.h"
 #include "proto/covedb/switching_objects.pb.h"
 
 namespace zem::zema {
@@ -475,9 +477,13 @@ void HostConfigTaskQub::ForgiveRoutersOfLeft(const std::vector<HostDvs>& before)
 
 std::string RemoveHostSwitches(const std::shared_ptr<HostConfigContext>& context) {
   ZLOG_INFO("[%s] clearing HostConfig...\n", "REST_RemoveHostSwitch");
+  const timeline::OperationPtr operation =
+      timeline::Begin(timeline::Kind::kHostConfig, "reset: removal of the host's switches", {"reset"});
+  const timeline::Scope scope(operation);
   HostConfigTaskQub task(context, nullptr, "", "", {}, HostConfigTaskQub::InStore::kNo, "");
   task.ApplyHostConfig(false, true);
   const auto reply = task.BuildReply();
+  timeline::Finish(operation, reply.error_text());
   if (reply.error_code() == 0) return "";
   ZLOG_ERROR("41531", "[%s] ApplyHostConfig error, Error: %s", "REST_RemoveHostSwitch",
              reply.error_text().c_str());
@@ -514,12 +520,18 @@ bool TryToFinish(const std::shared_ptr<HostConfigContext>& context) {
     if (!read) ZLOG_WARN("[%s] the message of the removal is lost", __func__);
     ZLOG_INFO("[%s] the removal of this node was under way when the agent ended, finishing it", __func__);
   }
+  const timeline::OperationPtr operation =
+      BeginHostConfig(message, "what was under way when the agent ended, revision " + message.revision());
+  const timeline::Scope scope(operation);
   HostConfigTaskQub task(
       context, nullptr, unfinished->correlation_id, unfinished->reply_to, std::move(message),
       in_store ? HostConfigTaskQub::InStore::kYes : HostConfigTaskQub::InStore::kNo, unfinished->header);
   try {
-    return task.Finish(*unfinished);
+    const bool finished = task.Finish(*unfinished);
+    timeline::Finish(operation, task.ErrorText());
+    return finished;
   } catch (const std::exception& e) {
+    timeline::Finish(operation, e.what());
     ZLOG_ERROR("41531", "[%s] ApplyHostConfig caught exception: %s", __func__, e.what());
     return false;
   }

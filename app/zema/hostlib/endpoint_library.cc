@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "app/zema/hostlib/library_step.h"
 #include "framework/log/log.h"
 
 namespace zem::zema {
@@ -39,11 +40,15 @@ bool EndpointLibrary::Open(std::string* error) { return library_.Open(Symbols(),
 void EndpointLibrary::Close() { library_.Close(Symbols()); }
 
 template <class Function, class... Arguments>
-EndpointLibrary::Outcome EndpointLibrary::Call(Function function, Arguments... arguments) {
+EndpointLibrary::Outcome EndpointLibrary::Call(const char* name, const std::string& on, Function function,
+                                               Arguments... arguments) {
   if (function == nullptr) return {-1, kNoEndpointLibrary};
+  LibraryStep step(name, on);
   errno = 0;
   const int result = function(arguments...);
-  return {result, result == 0 ? 0 : errno};
+  const Outcome outcome{result, result == 0 ? 0 : errno};
+  step(static_cast<uint32_t>(ErrorOf(outcome)));
+  return outcome;
 }
 
 std::optional<uint32_t> EndpointLibrary::EndpointId(const std::string& switch_name,
@@ -59,7 +64,7 @@ std::optional<uint32_t> EndpointLibrary::EndpointId(const std::string& switch_na
   }
   uint32_t id = 0;
   std::memcpy(&id, knlnic, sizeof(id));
-  const Outcome released = Call(calls_.release_knlnic, knlnic);
+  const Outcome released = Call("VDL2KNL_ReleaseKnlnic", device, calls_.release_knlnic, knlnic);
   if (released.result != 0) {
     ZLOG_WARN("[%s] Endpoint [%s] was not released, error code [%d]", __func__, device.c_str(),
               released.error);
@@ -69,30 +74,35 @@ std::optional<uint32_t> EndpointLibrary::EndpointId(const std::string& switch_na
 
 EndpointLibrary::Outcome EndpointLibrary::SetKnlnicState(const std::string& switch_name,
                                                          const std::string& device, int state) const {
-  return Call(calls_.set_knlnic_state, switch_name.c_str(), device.c_str(), 0U, state);
+  return Call("VDL2KNL_SetKnlnicState", device, calls_.set_knlnic_state, switch_name.c_str(), device.c_str(),
+              0U, state);
 }
 
 EndpointLibrary::Outcome EndpointLibrary::RecoverKnlnic(const std::string& switch_name,
                                                         const std::string& device) const {
-  return Call(calls_.recover_knlnic, switch_name.c_str(), device.c_str(), 0U);
+  return Call("VDL2KNL_TEPHARecoverKnlnic", device, calls_.recover_knlnic, switch_name.c_str(),
+              device.c_str(), 0U);
 }
 
 int EndpointLibrary::SetTEPHA(const std::string& dvs, bool enabled) {
   int error = 0;
-  const Outcome outcome = Call(calls_.set_tepha, dvs.c_str(), enabled ? 1 : 0, &error);
+  const Outcome outcome =
+      Call("VDL2KNL_SetTEPHA", dvs, calls_.set_tepha, dvs.c_str(), enabled ? 1 : 0, &error);
   return ErrorOf(outcome);
 }
 int EndpointLibrary::SetTEPHAAutoRecover(const std::string& dvs, bool enabled) {
-  return ErrorOf(Call(calls_.set_auto_recover, dvs.c_str(), enabled ? 1 : 0));
+  return ErrorOf(
+      Call("VDL2KNL_SetTEPHAAutoRecover", dvs, calls_.set_auto_recover, dvs.c_str(), enabled ? 1 : 0));
 }
 int EndpointLibrary::SetTEPHAAutoRecoverStartTime(const std::string& dvs, uint32_t seconds) {
-  return ErrorOf(Call(calls_.set_start_time, dvs.c_str(), seconds));
+  return ErrorOf(
+      Call("VDL2KNL_SetTEPHAAutoRecoverStartTime", dvs, calls_.set_start_time, dvs.c_str(), seconds));
 }
 int EndpointLibrary::SetTEPHAAutoRecoverBackoff(const std::string& dvs, uint32_t seconds) {
-  return ErrorOf(Call(calls_.set_backoff, dvs.c_str(), seconds));
+  return ErrorOf(Call("VDL2KNL_SetTEPHAAutoRecoverBackoff", dvs, calls_.set_backoff, dvs.c_str(), seconds));
 }
 int EndpointLibrary::SetTEPHATimeout(const std::string& dvs, uint32_t seconds) {
-  return ErrorOf(Call(calls_.set_timeout, dvs.c_str(), seconds));
+  return ErrorOf(Call("VDL2KNL_SetTEPHATimeout", dvs, calls_.set_timeout, dvs.c_str(), seconds));
 }
 
 }  // namespace zem::zema

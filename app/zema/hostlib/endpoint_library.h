@@ -58,7 +58,7 @@ class EndpointLibrary final : public TepHaLibrary {
   };
   std::vector<DynamicLibrary::Symbol> Symbols();
   template <class Function, class... Arguments>
-  static Outcome Call(Function function, Arguments... arguments);
+  static Outcome Call(const char* name, const std::string& on, Function function, Arguments... arguments);
 
   DynamicLibrary library_;
   Calls calls_;

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "app/zema/hostlib/library_step.h"
 #include "app/zema/hostlib/switch_library.h"
 
 namespace zem::zema {
@@ -21,7 +22,8 @@ bool RouterLibrary::Open(std::string* error) { return library_.Open(Symbols(), e
 void RouterLibrary::Close() { library_.Close(Symbols()); }
 
 uint32_t RouterLibrary::GetVMAC(const std::string& dvs, Mac* mac) const {
-  return loaded() ? calls_.get_vmac(dvs.c_str(), mac->data()) : kSwitchNotLoaded;
+  if (!loaded()) return kSwitchNotLoaded;
+  return LibraryStep("VDRKNL_GetVMAC", dvs)(calls_.get_vmac(dvs.c_str(), mac->data()));
 }
 
 uint32_t RouterLibrary::PlumbVdrConnection(const std::string& dvs, const char* port, const Mac& mac,
@@ -30,18 +32,19 @@ uint32_t RouterLibrary::PlumbVdrConnection(const std::string& dvs, const char* p
   std::vector<const char*> names;
   names.reserve(uplinks.size());
   for (const std::string& uplink : uplinks) names.push_back(uplink.c_str());
-  return calls_.plumb(dvs.c_str(), port, mac.data(), teaming, names.data(),
-                      static_cast<uint32_t>(names.size()));
+  return LibraryStep("VDRKNL_PlumbVdrConnection", dvs, port)(calls_.plumb(
+      dvs.c_str(), port, mac.data(), teaming, names.data(), static_cast<uint32_t>(names.size())));
 }
 
 uint32_t RouterLibrary::UnPlumbVdrConnection(const std::string& dvs) const {
-  return loaded() ? calls_.unplumb(dvs.c_str()) : kSwitchNotLoaded;
+  if (!loaded()) return kSwitchNotLoaded;
+  return LibraryStep("VDRKNL_UnPlumbVdrConnection", dvs)(calls_.unplumb(dvs.c_str()));
 }
 
 uint32_t RouterLibrary::GetUnloadStatus(bool* busy) const {
   if (!loaded()) return kSwitchNotLoaded;
   int number = 0;
-  const uint32_t result = calls_.get_unload_status(&number);
+  const uint32_t result = Measured(calls_.get_unload_status, &number);
   *busy = number != 0;
   return result;
 }

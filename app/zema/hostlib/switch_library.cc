@@ -5,6 +5,8 @@
 #include <mutex>
 #include <utility>
 
+#include "app/zema/hostlib/library_step.h"
+
 namespace zem::zema {
 namespace {
 
@@ -20,6 +22,7 @@ constexpr std::pair<uint32_t, const char*> kCodeTexts[] = {
 
 uint32_t Length(std::string_view bytes) { return static_cast<uint32_t>(bytes.size()); }
 
+// A port that is not there is an answer, not a fault.
 }  // namespace
 
 std::string SwitchErrorText(uint32_t code) {
@@ -72,28 +75,32 @@ void SwitchLibrary::Close() { library_.Close(Symbols()); }
 uint32_t SwitchLibrary::PortAdd(const std::string& dvs, const std::string& port,
                                 std::string_view data) const {
   if (!loaded()) return kSwitchNotLoaded;
-  return calls_.port_add(dvs.c_str(), port.c_str(), data.data(), Length(data));
+  return LibraryStep("DVSKNL_PortAdd", dvs,
+                     port)(calls_.port_add(dvs.c_str(), port.c_str(), data.data(), Length(data)));
 }
 
 uint32_t SwitchLibrary::PortRemove(const std::string& dvs, const std::string& port) const {
-  return loaded() ? calls_.port_remove(dvs.c_str(), port.c_str()) : kSwitchNotLoaded;
+  if (!loaded()) return kSwitchNotLoaded;
+  return LibraryStep("DVSKNL_PortRemove", dvs, port)(calls_.port_remove(dvs.c_str(), port.c_str()));
 }
 
 uint32_t SwitchLibrary::PortFind(const std::string& dvs, const std::string& port) const {
-  return loaded() ? calls_.port_find(dvs.c_str(), port.c_str()) : kSwitchNotLoaded;
+  if (!loaded()) return kSwitchNotLoaded;
+  return LibraryStep("DVSKNL_PortFind", dvs, port)(calls_.port_find(dvs.c_str(), port.c_str()));
 }
 
 uint32_t SwitchLibrary::PortDataSet(const std::string& dvs, const std::string& port, const char* property,
                                     std::string_view value) const {
   if (!loaded()) return kSwitchNotLoaded;
-  return calls_.port_data_set(dvs.c_str(), port.c_str(), property, value.data(), Length(value),
-                              DVS_PROPERTY_FLAGS);
+  return LibraryStep("DVSKNL_PortDataSet", dvs, port, property)(calls_.port_data_set(
+      dvs.c_str(), port.c_str(), property, value.data(), Length(value), DVS_PROPERTY_FLAGS));
 }
 
 uint32_t SwitchLibrary::PortDataGet(const std::string& dvs, const std::string& port, const char* property,
                                     LibraryBuffer* value) const {
   if (!loaded()) return kSwitchNotLoaded;
-  return calls_.port_data_get(dvs.c_str(), port.c_str(), property, value->data(), value->length());
+  return LibraryStep("DVSKNL_PortDataGet", dvs, port, property)(
+      calls_.port_data_get(dvs.c_str(), port.c_str(), property, value->data(), value->length()));
 }
 
 uint32_t SwitchLibrary::PortTextGet(const std::string& dvs, const std::string& port, const char* property,
@@ -106,20 +113,23 @@ uint32_t SwitchLibrary::PortTextGet(const std::string& dvs, const std::string& p
 
 uint32_t SwitchLibrary::PortDataClear(const std::string& dvs, const std::string& port,
                                       const char* property) const {
-  return loaded() ? calls_.port_data_clear(dvs.c_str(), port.c_str(), property) : kSwitchNotLoaded;
+  if (!loaded()) return kSwitchNotLoaded;
+  return LibraryStep("DVSKNL_PortDataClear", dvs, port,
+                     property)(calls_.port_data_clear(dvs.c_str(), port.c_str(), property));
 }
 
 uint32_t SwitchLibrary::PortStateGet(const std::string& dvs, const std::string& port,
                                      LibraryBuffer* state) const {
   if (!loaded()) return kSwitchNotLoaded;
-  return calls_.port_state_get(dvs.c_str(), port.c_str(), state->data(), state->length());
+  return LibraryStep("DVSKNL_PortStateGet", dvs,
+                     port)(calls_.port_state_get(dvs.c_str(), port.c_str(), state->data(), state->length()));
 }
 
 uint32_t SwitchLibrary::PersistentPortStateGet(const std::string& dvs, const std::string& port,
                                                LibraryBuffer* state) const {
   if (!loaded()) return kSwitchNotLoaded;
-  return calls_.persistent_port_state_get(dvs.c_str(), port.c_str(), DVS_FORMAT, state->data(),
-                                          state->length());
+  return LibraryStep("DVSKNL_PersistentPortStateGet", dvs, port)(calls_.persistent_port_state_get(
+      dvs.c_str(), port.c_str(), DVS_FORMAT, state->data(), state->length()));
 }
 
 uint32_t SwitchLibrary::SwitchPortList(const std::string& dvs, PortList* ports) const {
@@ -128,7 +138,8 @@ uint32_t SwitchLibrary::SwitchPortList(const std::string& dvs, PortList* ports) 
   uint32_t result = 0;
   {
     std::lock_guard lock(port_list_mutex);
-    result = calls_.switch_port_list(dvs.c_str(), fresh.buffer_.data(), fresh.buffer_.length());
+    result = LibraryStep("DVSKNL_SwitchPortList", dvs)(
+        calls_.switch_port_list(dvs.c_str(), fresh.buffer_.data(), fresh.buffer_.length()));
   }
   if (result != 0) return result;
   const std::string_view bytes = fresh.buffer_.bytes();

@@ -17,6 +17,7 @@
 #include "app/zema/workers/task_queues.h"
 #include "covedbclient/codec/address_codec.h"
 #include "framework/log/log.h"
+#include "platform/timeline/operation.h"
 #include "platform/wft/workflow_util.h"
 #include "proto/covedb/switching_objects.pb.h"
 #include "proto/switching/switching.pb.h"
@@ -308,10 +309,18 @@ Outcome DbSvcTaskThread::SendFullSync(FullSync& sync) {
 
 Outcome DbSvcTaskThread::SendBulk(const LogicalSwitchBulkMsg& bulk) {
   std::string out;
+  const timeline::OperationPtr operation =
+      timeline::Begin(timeline::Kind::kLogicalSwitch, "part of a full sync", {});
+  for (const auto& zone : bulk.logical_switches_of_tz()) {
+    for (const auto& info : zone.logical_switch_info()) operation->AddKey(info.logical_switch_id());
+  }
+  const timeline::Scope scope(operation);
   if (context_->lum.InvokeRPC(LumOperation::kApplyLogicalSwitches, bulk.SerializeAsString(), &out) ==
       LumCommands::kRpcSucceeded) {
+    timeline::Finish(operation, {});
     return Outcome::Done();
   }
+  timeline::Finish(operation, out.empty() ? "the management proxy refused" : out);
   ZLOG_ERROR("42033", "Logical Switch Full Sync call to zemaLum failed: %s", out.c_str());
   return Outcome::Failed(std::move(out));
 }

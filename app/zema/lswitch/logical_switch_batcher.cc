@@ -13,6 +13,7 @@
 #include "app/zema/state/realization_options.h"
 #include "app/zema/workers/task_queues.h"
 #include "framework/log/log.h"
+#include "platform/timeline/operation.h"
 
 // A batch is first planned in chunks and then sent, because only the whole plan shows which chunk is the last
 // one of the store; its acknowledgement may carry the barrier.
@@ -257,7 +258,13 @@ void LogicalSwitchMsgTask::Batcher::Send(const Chunk& chunk, bool last_of_store)
     ZLOG_INFO("[%s] sending [%lu] LS %s to zemaLum ...\n", operation,
               static_cast<unsigned long>(chunk.entries), chunk.is_apply ? "APPLY" : "DELETE");
   }
+  const timeline::OperationPtr operation_timeline = timeline::Begin(
+      timeline::Kind::kLogicalSwitch,
+      std::to_string(chunk.entries) + (chunk.is_apply ? " to make or change" : " to remove"), {});
+  for (const auto& [uuid, revision] : chunk.acks) operation_timeline->AddKey(uuid);
+  const timeline::Scope scope(operation_timeline);
   const Outcome called = CallLumOpaqueNetwork(chunk.is_apply, chunk.payload);
+  timeline::Finish(operation_timeline, called.error());
   if (called) return SendAck(chunk, barrier, last_of_store);
   if (!context_->store) return;
   store_failed_ = store_failed_ || IsStore(chunk.reply_to);

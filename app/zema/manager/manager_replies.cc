@@ -4,6 +4,7 @@
 
 #include "app/zema/manager/manager_sender.h"
 #include "framework/log/log.h"
+#include "platform/timeline/step.h"
 #include "proto/switching/switching.pb.h"
 
 namespace zem::zema {
@@ -15,6 +16,15 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kLogicalSwitchAck = "LogicalSwitchACK";
 
+// An answer that tells of a failure ends the operation that it belongs to.
+template <class Reply>
+void EndIfFailed(const Reply& reply) {
+  const timeline::OperationPtr operation = timeline::Current();
+  if (!operation || operation->kind() != timeline::Kind::kHostSetting || reply.error_code() == 0) return;
+  timeline::Finish(operation, reply.error_text().empty() ? "ErrorCode=" + std::to_string(reply.error_code())
+                                                         : reply.error_text());
+}
+
 }  // namespace
 
 bool ManagerReplies::Send(const char* operation, const google::protobuf::MessageLite& message,
@@ -23,8 +33,10 @@ bool ManagerReplies::Send(const char* operation, const google::protobuf::Message
   ZLOG_INFO("[%s] sending %s, correlationId [%s], replyTo [%s]", operation, type.c_str(),
             correlation_id.c_str(), reply_to.c_str());
   std::string message_id;
+  timeline::Step step("sends to the manager", type);
   if (!sender_.SendMsg(type, message.SerializeAsString(), correlation_id, reply_to, &message_id)) {
     ZLOG_ERROR("00103", "[%s] %s was not sent", operation, type.c_str());
+    step.Result("not sent", true);
     return false;
   }
   ZLOG_INFO("[%s] sent %s, message id [%s]", operation, type.c_str(), message_id.c_str());
@@ -43,6 +55,7 @@ bool ManagerReplies::SendHostConfigAckMsg(const std::string& reply_to,
 
 bool ManagerReplies::TnMmodeConfigReply(const std::string& correlation_id, const std::string& reply_to,
                                         const switching::MaintenanceModeConfigResultMsg& reply) {
+  EndIfFailed(reply);
   return Send(__func__, reply, correlation_id, reply_to);
 }
 

@@ -10,6 +10,7 @@
 #include "framework/node/host_identity.h"
 #include "platform/core/clock.h"
 #include "platform/core/condition.h"
+#include "platform/timeline/step.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {
@@ -162,7 +163,12 @@ void ZemManager::Call(const Texts& texts, VifSender::Attachment attachment, cons
   };
   const int timeout = options_.Snapshot().vif_operation_timeout;
   std::string message_id;
-  const bool sent = sender_.SendVIFAttachmentInfo(attachment, &message_id);
+  bool sent = false;
+  {
+    timeline::Step step("asks the manager", rpc_id);
+    sent = sender_.SendVIFAttachmentInfo(attachment, &message_id);
+    step.Result(sent ? "sent" : "not sent", !sent);
+  }
   // After such a long send no time is left for an answer.
   if (!sent || elapsed() > timeout) {
     ZLOG_ERROR("41541", "[%s] RPC call [%s] to ZEM management plane failed in sending.\n", texts.operation,
@@ -189,14 +195,19 @@ void ZemManager::Call(const Texts& texts, VifSender::Attachment attachment, cons
 bool ZemManager::WaitForResult(const std::string& rpc_id, Thread* waiter, int seconds, PortAttached* out) {
   const TimePoint deadline = Clock::Process().Now() + std::chrono::seconds(seconds);
   const auto answer = Find(rpc_id);
+  timeline::Step step("waits for the manager's answer");
   {
     const MonitorReleased released(waiter);
     std::unique_lock lock(answer->mutex);
     answer->changed.WaitUntil(lock, deadline, [&] { return answer->result != nullptr || answer->ended; });
   }
   auto result = GetResultOfPendingRPC(rpc_id);
-  if (!result) return false;
+  if (!result) {
+    step.Result("no answer", true);
+    return false;
+  }
   *out = std::move(*result);
+  step.Result(out->error.empty() ? out->port_id : out->error, !out->error.empty());
   return true;
 }
 

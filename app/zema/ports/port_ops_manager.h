@@ -39,6 +39,7 @@ class PortOpsManager {
   PortSearch& search() { return search_; }
   PortCreation& creation() { return creation_; }
   PortChanges& changes() { return changes_; }
+  const VifIndex& index() const { return index_; }
 
  private:
   VifIndex index_;

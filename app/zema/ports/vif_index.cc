@@ -1,5 +1,6 @@
 #include "app/zema/ports/vif_index.h"
 
+#include <algorithm>
 #include <boost/multi_index/hashed_index.hpp>
 #include <boost/multi_index/member.hpp>
 #include <boost/multi_index_container.hpp>
@@ -126,6 +127,18 @@ void VifIndex::SetNowhere(const std::string& vif) {
 bool VifIndex::IsNowhere(const std::string& vif) const {
   std::lock_guard lock(lock_);
   return nowhere_.contains(vif);
+}
+
+std::optional<std::vector<VifIndex::Holding>> VifIndex::Holdings(size_t most) const {
+  const std::lock_guard lock(lock_);
+  if (table_ == nullptr) return std::nullopt;
+  std::vector<Holding> holdings;
+  holdings.reserve(std::min(most, table_->entries.size()));
+  for (const Entry& entry : table_->entries) {
+    if (holdings.size() >= most) break;
+    holdings.push_back({entry.vif, {*entry.dvs, entry.port}});
+  }
+  return holdings;
 }
 
 size_t VifIndex::size() const {

@@ -103,6 +103,14 @@ class VifIndex {
 
   size_t size() const;
 
+  struct Holding {
+    std::string vif;
+    PortLocation at;
+  };
+  /// At most `most` of the VIFs with their ports, in no order; nothing while only a reading of all ports can
+  /// answer.
+  std::optional<std::vector<Holding>> Holdings(size_t most) const;
+
  private:
   using Table = Reading::Table;
   struct Written {

@@ -36,4 +36,9 @@ std::string VifRequest::ToString() const {
          "] ls:[" + ls_id + "] gcf:[" + gcf_path + "] lp:[" + port_id + "]";
 }
 
+void VifRequest::BeginTimeline() {
+  carried = timeline::Carried(
+      timeline::Begin(timeline::Kind::kVif, KindText(), {op_id, vif_id, ls_id, port_id, gcf_path}));
+}
+
 }  // namespace zem::zema

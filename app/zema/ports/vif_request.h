@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/timeline/operation.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {
@@ -32,6 +33,9 @@ struct VifRequest {
   /// For the log.
   std::string ToString() const;
 
+  /// Begins the timeline of the operation.
+  void BeginTimeline();
+
   /// The raw request, when it came from the host's socket and has to be answered; else null.
   std::shared_ptr<CorvdRequest> request;
   std::string op_id;
@@ -54,6 +58,8 @@ struct VifRequest {
   bool precreated = false;
   std::string security_switch_id;
   wft::TraceContext trace;
+  /// Its timeline, and since when it waits.
+  timeline::Carried carried{nullptr};
   std::string state_text;
   /// The request's place among the operations on its VIF, released when the operation ends.
   std::shared_ptr<VifTurn> turn;

@@ -13,6 +13,8 @@
 #include "framework/process/error_text.h"
 #include "framework/process/shutdown_pipe.h"
 #include "platform/core/poll.h"
+#include "platform/metrics/process_metrics.h"
+#include "platform/timeline/step.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {
@@ -138,27 +140,51 @@ int LumHandler::SetUp(std::string user, std::string third) {
   return SpawnPyLumInternal();
 }
 
+namespace {
+
+// Only a wait that is worth a line is a step.
+TimePoint WaitBegin() { return timeline::Recording() ? Clock::Process().Now() : TimePoint(); }
+
+void WaitEnd(TimePoint asked) {
+  constexpr auto kShort = std::chrono::milliseconds(1);
+  if (!timeline::Recording() || Clock::Process().Now() - asked < kShort) return;
+  timeline::Waited("waits for the management proxy", asked);
+}
+
+}  // namespace
+
 int LumHandler::InvokeCommand(const std::string& command, const std::string& expected, std::string* out) {
+  const TimePoint asked = WaitBegin();
   const Synchronizer lock(*this, __FILE__, __LINE__);
+  WaitEnd(asked);
   return InvokeCommandInternal(command, expected, out);
 }
 
 int LumHandler::InvokeRPC(LumOperation operation, std::string_view data, std::string* out) {
+  const TimePoint asked = WaitBegin();
   const Synchronizer lock(*this, __FILE__, __LINE__);
+  WaitEnd(asked);
   return InvokeRPCInternal(operation, data, out);
 }
 
 int LumHandler::InvokeCommandInternal(const std::string& command, const std::string& expected,
                                       std::string* out) {
-  const auto span = WorkflowUtil::StartChildSpan("Lumhandler.InvokeCommandInternal", wft::kTraceDebug);
+  auto span = WorkflowUtil::StartChildSpan("Lumhandler.InvokeCommandInternal", wft::kTraceDebug);
   WorkflowUtil::SetCurSpanTag("command", command);
   if (!connected()) {
     ZLOG_ERROR("42065", "[%s] LumHandler not initialized", __func__);
     *out = kNotInitialized;
+    span.Result(*out, true);
     SpawnPyLumInternal();
     return kFailed;
   }
-  return Ask(command, expected, out);
+  // Without the arguments, which would make a metric of each call.
+  const std::string_view name = std::string_view(command).substr(0, command.find('('));
+  const metrics::CallTimer timer(metrics::MetricId::kScript, name);
+  const int result = Ask(command, expected, out);
+  if (result != kSucceeded) metrics::CounterOf(metrics::MetricId::kScriptErrors, name).Add();
+  span.Result(*out, result != kSucceeded);
+  return result;
 }
 
 int LumHandler::Ask(const std::string& command, const std::string& expected, std::string* out) {
@@ -196,7 +222,13 @@ int LumHandler::Ask(const std::string& command, const std::string& expected, std
 }
 
 int LumHandler::InvokeRPCInternal(LumOperation operation, std::string_view data, std::string* out) {
-  const auto span = WorkflowUtil::StartChildSpan("LumHandler.InvokeRPCInternal", wft::kTraceDebug);
+  auto span = WorkflowUtil::StartChildSpan("LumHandler.InvokeRPCInternal", wft::kTraceDebug);
+  const int result = CallRpc(operation, data, out);
+  span.Result(result == kRpcSucceeded ? "succeeded" : *out, result != kRpcSucceeded);
+  return result;
+}
+
+int LumHandler::CallRpc(LumOperation operation, std::string_view data, std::string* out) {
   WorkflowUtil::SetCurSpanTag("function", std::to_string(static_cast<uint32_t>(operation)));
   if (!connected()) {
     ZLOG_ERROR("42065", "[%s] LumHandler not initialized", __func__);

@@ -90,6 +90,8 @@ class LumHandler : public Synchronizable, public LumCommands {
  private:
   enum class Sent { kWhole, kNoHeader, kNoData };
 
+  int CallRpc(LumOperation operation, std::string_view data, std::string* out);
+
   int SpawnPyLumInternal();
   bool KillPrior();
   bool Spawn();

@@ -145,12 +145,15 @@ void ResyncRound::Sync(const Commands& commands, const char* name, int kind, con
     request.ls_id = command.ls_id;
     request.gcf_path = command.gcf_path;
     request.port_id = command.port_id;
+    request.BeginTimeline();
     try {
+      const timeline::Scope scope(request.carried.operation());
       const MonitorLock monitor(waiter);
       vif_handler_.DoVifPortOperation(request, waiter);
     } catch (const std::exception& e) {
       if (request.error_text.empty()) request.error_text = e.what();
     }
+    timeline::Finish(request.carried.operation(), request.error_text);
     if (!request.error_text.empty()) {
       report(command.text, request.error_text);
     } else {

@@ -147,6 +147,11 @@ bool HealthRecord::shutting_down() const {
   return shutting_down_;
 }
 
+bool HealthRecord::opaque_socket_connected() const {
+  std::lock_guard lock(mutex_);
+  return opaque_socket_connected_;
+}
+
 bool HealthRecord::mpa_connected() const {
   std::lock_guard lock(mutex_);
   return mpa_connected_;

@@ -63,6 +63,7 @@ class HealthRecord {
   bool healthy() const;
   bool shutting_down() const;
   bool mpa_connected() const;
+  bool opaque_socket_connected() const;
   bool in_tn_mmode() const;
   bool lum_ready() const;
   bool status_down() const;

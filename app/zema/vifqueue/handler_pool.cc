@@ -13,6 +13,8 @@
 #include "framework/tasks/thread_log_context.h"
 #include "platform/core/condition.h"
 #include "platform/core/thread_name.h"
+#include "platform/metrics/process_metrics.h"
+#include "platform/timeline/step.h"
 
 namespace zem::zema {
 namespace {
@@ -88,6 +90,7 @@ void HandlerPool::Stop() {
 void HandlerPool::AddRequest(std::shared_ptr<VifRequest> request) {
   std::shared_ptr<HandlerThread> handler;
   bool full = false;
+  request->BeginTimeline();
   {
     const std::lock_guard lock(mutex_);
     if (stopped_) {
@@ -123,6 +126,7 @@ void HandlerPool::Refuse(VifRequest& request) {
             kMostPending);
   if (request.error_text.empty()) request.error_text = kTooManyWait;
   reply_(request);
+  timeline::Finish(request.carried.operation(), request.error_text);
 }
 
 // A thread counts from its start, so that a burst before the first one is ready makes no more than the limit.
@@ -257,6 +261,8 @@ void HandlerPool::ProcessAndGoOn(HandlerThread& handler, VifRequest& request) {
 
 void HandlerPool::Process(HandlerThread& handler, VifRequest& request) {
   const std::string text = request.ToString();
+  const timeline::Scope scope(request.carried.operation());
+  timeline::Waited("waits for a thread", request.carried.since());
   const TimePoint begun = Clock::Process().Now();
   ZLOG_INFO("[%s] Handler [%ld] processing request [%s] ...\n", kThreadTag, handler.Number(), text.c_str());
   if (request.error_text.empty()) {
@@ -265,8 +271,21 @@ void HandlerPool::Process(HandlerThread& handler, VifRequest& request) {
     // A request that has failed already is only answered: the next one on the VIF does not wait for that.
     request.turn.reset();
   }
-  if (request.request) reply_(request);
-  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::Process().Now() - begun);
+  if (request.request) {
+    timeline::Step answer("answers the host");
+    reply_(request);
+    if (!request.error_text.empty()) {
+      answer.Result(request.error_text, true);
+    } else {
+      answer.Result(request.result_text.empty() ? "done" : request.result_text, false);
+    }
+  }
+  timeline::Finish(request.carried.operation(), request.error_text);
+  const Duration duration = Clock::Process().Now() - begun;
+  const std::string operation = request.KindText();
+  metrics::LatencyOf(metrics::MetricId::kVifOperations, operation).Record(duration);
+  if (!request.error_text.empty()) metrics::CounterOf(metrics::MetricId::kVifFailures, operation).Add();
+  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(duration);
   ZLOG_INFO("[%s] Handler [%ld] done with request [%s] in time %llu\n", kThreadTag, handler.Number(),
             text.c_str(), static_cast<unsigned long long>(took.count()));
 }

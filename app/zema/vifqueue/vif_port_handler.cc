@@ -12,6 +12,7 @@
 #include "app/zema/vif/site_config.h"
 #include "app/zema/vifqueue/resync_state.h"
 #include "framework/log/log.h"
+#include "platform/timeline/step.h"
 #include "platform/wft/workflow_util.h"
 
 namespace zem::zema {
@@ -96,7 +97,10 @@ bool VifPortHandler::AwaitTurn(VifRequest& request) {
     request.turn =
         IsResync(request) ? in_process_->TakeOnlyTurn(request.vif_id) : in_process_->TakeTurn(request.vif_id);
   }
-  return request.turn && request.turn->Await();
+  timeline::Step wait("waits for earlier operations on the VIF");
+  const bool came = request.turn && request.turn->Await();
+  if (!came) wait.Result("not its turn", true);
+  return came;
 }
 
 // During a migration of interfaces the host sends requests under the migration's id.  They are deferred,

@@ -59,6 +59,7 @@ DataSender::~DataSender() {
 void DataSender::SetState(State state) {
   const State before = state_.exchange(state);
   if (before == state) return;
+  state_since_ = zem::Clock::Process().Now();
   ZLOG_INFO("Changed DS state from [%s] to [%s]", kStates[before].name, kStates[state].name);
   zem::SetThreadName(kStates[state].thread_name);
 }
@@ -162,6 +163,7 @@ void DataSender::TakeOfFullSync(IdaMsg* batch) {
 void DataSender::Send(IdaMsg* batch) {
   ZLOG_INFO("Size of chunk message being sent to MP [%d]", batch->inventory_object_size());
   road_->SendMsg(*batch, true);
+  ++messages_sent_;
   sent_(*batch);
   batch->Clear();
 }

@@ -7,6 +7,7 @@
 
 #include "app/zemda/base/data_collector.h"
 #include "app/zemda/base/thread.h"
+#include "platform/core/clock.h"
 
 namespace orlane::zem::ida {
 class IdaMsg;
@@ -44,6 +45,11 @@ class DataSender final : public Thread {
   /// Also names the calling thread by the state.
   void SetState(State state);
   State state() const { return state_; }
+  /// How long it has been in its state.
+  zem::Duration state_age() const { return zem::Clock::Process().Now() - state_since_.load(); }
+  /// Records that wait, and messages handed to the road since the start.
+  size_t waiting() const { return queue_->size(); }
+  uint64_t sent() const { return messages_sent_; }
   /// Something was sent: the time without a message begins anew.
   void ResetIdle() { idle_count_ = 0; }
 
@@ -60,7 +66,9 @@ class DataSender final : public Thread {
   const std::function<void(const IdaMsg&)> sent_;
   Road* road_ = nullptr;
   std::atomic<State> state_{kWaiting};
+  std::atomic<zem::TimePoint> state_since_{zem::Clock::Process().Now()};
   std::atomic<uint32_t> idle_count_{0};
+  std::atomic<uint64_t> messages_sent_{0};
 };
 
 }  // namespace ZemDa

@@ -10,6 +10,7 @@
 #include "app/zemda/delivery/data_sender.h"
 #include "app/zemda/records/covedb_connection_handler.h"
 #include "app/zemda/records/vm_config_msg_handler.h"
+#include "framework/cli/json_writer.h"
 #include "framework/log/log.h"
 #include "platform/provider/provider.h"
 #include "proto/ida/ida.pb.h"
@@ -35,6 +36,21 @@ class QubCollectorProxy final : public DataCollectorProxyBase {
   }
   int32_t host_type() const override { return HostInfo::kQub; }
 };
+
+// Between a message and its acknowledgement the sender waits, too.
+constexpr auto kAnswerPatience = std::chrono::minutes(2);
+
+const char* StateWord(DataSender::State state) {
+  switch (state) {
+    case DataSender::kWaitingForData:
+      return "up to date";
+    case DataSender::kWaiting:
+      return "waiting for the manager";
+    case DataSender::kDoSyncInit:
+      return "sending everything";
+  }
+  return "unknown";
+}
 
 }  // namespace
 
@@ -73,6 +89,10 @@ int DiscoveryAgent::start() {
   parts_->sender = std::make_shared<DataSender>(
       parts_->queue,
       [vms = parts_->vms.get()](const orlane::zem::ida::IdaMsg& message) { vms->process(message); });
+  {
+    const std::lock_guard lock(mutex_);
+    sender_ = parts_->sender;
+  }
   ZLOG_INFO("Creating DataCollector %s.", host->TypeName().c_str());
   QubCollectorProxy::Create();
   DataCollectorProxyBase* const proxy = DataCollectorProxyBase::Find(host->host_type());
@@ -87,6 +107,37 @@ int DiscoveryAgent::start() {
   parts_->handler->InitiateMPAClient();
   store->connect(store_);
   return 1;
+}
+
+void DiscoveryAgent::Describe(std::vector<zem::Tarvik::PartState>* parts) const {
+  std::shared_ptr<DataSender> sender;
+  {
+    const std::lock_guard lock(mutex_);
+    sender = sender_;
+  }
+  if (sender == nullptr) return;
+  zem::Tarvik::PartState inventory{"inventory", {}, {}};
+  if (sender->state() == DataSender::kWaiting && sender->state_age() > kAnswerPatience) {
+    inventory.fault = "the manager does not ask for the inventory, or does not acknowledge it";
+    inventory.heals = "it is sent in full when the manager's inventory service answers";
+  }
+  parts->push_back(std::move(inventory));
+}
+
+std::vector<zem::Tarvik::CliCommand> DiscoveryAgent::Commands() {
+  return {{"get/inventory", "", 0, 0, [this](const zem::Tarvik::CliArguments&, zem::Tarvik::CliReply reply) {
+             std::shared_ptr<DataSender> sender;
+             {
+               const std::lock_guard lock(mutex_);
+               sender = sender_;
+             }
+             if (sender == nullptr) return reply.Error("Not running");
+             zem::JsonValue answer = zem::JsonValue::Object();
+             answer.Add("state", StateWord(sender->state()))
+                 .Add("records_waiting", uint64_t{sender->waiting()})
+                 .Add("messages_sent", sender->sent());
+             reply.Ok(answer.Text());
+           }}};
 }
 
 void DiscoveryAgent::stop() {

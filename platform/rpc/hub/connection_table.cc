@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/core/lib_log.h"
+#include "platform/metrics/process_metrics.h"
 
 namespace zem::rpc {
 
@@ -121,6 +122,7 @@ bool ConnectionTable::MayAcceptLocked(ServerParts& server, size_t limit) const {
   if (full && !server.refuses_connections) {
     ZEM_LIB_LOG(Library::kNet, kLogWarning, "%zu connections accepted, closing further ones", limit);
   }
+  if (full) metrics::CounterOf(metrics::MetricId::kRpcLimits, "connections").Add();
   server.refuses_connections = full;
   return !full;
 }

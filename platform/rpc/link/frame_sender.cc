@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/core/lib_log.h"
+#include "platform/metrics/process_metrics.h"
 
 // The idea: every thread serializes its frames into one buffer under one mutex.  A thread that then finds
 // no other one writing takes the whole buffer to the socket.  Inside callbacks that is done once, when
@@ -91,7 +92,7 @@ void FrameSender::AppendEnd(uint32_t channel, uint32_t call, const Status& statu
 
 // Over the first limit the reading stops; over the last one the connection ends, whoever appended.
 void FrameSender::LimitUnsent() {
-  over_limit_ = true;
+  if (!over_limit_.exchange(true)) metrics::CounterOf(metrics::MetricId::kRpcLimits, "unsent").Add();
   if (unsent() <= kUnsentGiveUp || std::exchange(given_up_, true)) return;
   ZEM_LIB_LOG(Library::kNet, kLogWarning, "%s: the peer does not read, giving it up", text_.c_str());
   CloseSoon(CloseReason::kConnectionLost);

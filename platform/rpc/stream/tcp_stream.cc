@@ -1,5 +1,6 @@
 #include "platform/core/clock.h"
 #include "platform/core/lib_log.h"
+#include "platform/metrics/process_metrics.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/timer.h"
 #include "platform/rpc/stream/byte_stream.h"
@@ -20,6 +21,16 @@
 
 namespace zem::rpc {
 namespace {
+
+void CountSent(size_t bytes) {
+  static metrics::Counter& sent = metrics::CounterOf(metrics::MetricId::kRpcSent);
+  sent.Add(bytes);
+}
+
+void CountReceived(size_t bytes) {
+  static metrics::Counter& received = metrics::CounterOf(metrics::MetricId::kRpcReceived);
+  received.Add(bytes);
+}
 
 using boost::asio::ip::tcp;
 using ErrorCode = boost::system::error_code;
@@ -49,6 +60,7 @@ class TcpStream final : public ByteStream, public std::enable_shared_from_this<T
         boost::asio::buffer(data, size),
         [self = shared_from_this(), reader = std::move(reader)](const ErrorCode& error, size_t received) {
           const WorkToken token;
+          if (!error) CountReceived(received);
           self->strand_->Dispatch([self, reader, size = error ? 0 : received] {
             if (!self->closed_) reader->OnRead(size);
           });
@@ -57,6 +69,7 @@ class TcpStream final : public ByteStream, public std::enable_shared_from_this<T
 
   ssize_t TryWrite(const char* data, size_t size) override {
     const ssize_t written = ::send(fd_, data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (written > 0) CountSent(static_cast<size_t>(written));
     if (written >= 0) return written;
     return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? 0 : -1;
   }

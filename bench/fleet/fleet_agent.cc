@@ -1,0 +1,59 @@
+#include "bench/fleet/fleet_agent.h"
+
+#include <chrono>
+
+#include "bench/fleet/fleet_manager.h"
+#include "mpaclient/client_registry.h"
+#include "mpaclient/mpa_client.h"
+#include "mpaclient/proxy/tn_proxy_client_common.h"
+#include "mpaclient/verticals.h"
+
+namespace zem::fleet {
+namespace {
+
+// As the daemon registers its verticals.
+constexpr uint32_t kClientType = 1;
+constexpr uint16_t kPort = 9002;
+constexpr std::chrono::microseconds kAckTimeout{30'000'000};
+
+}  // namespace
+
+FleetAgent::FleetAgent(AsioZemProvider& provider, int host)
+    : provider_(provider), host_(host), vertical_count_(AllVerticals().size()) {}
+
+FleetAgent::~FleetAgent() { Stop(); }
+
+void FleetAgent::Start() {
+  if (running()) return;
+  open_ = std::make_shared<std::atomic<size_t>>(0);
+  // Clients take the process's proxy client when they are made and keep it; the next agent makes another.
+  TnProxyClientCommon::Init("tarvik", FleetManager::InfoEndpoint(host_),
+                            FleetManager::ForwardingEndpoint(host_));
+  proxy_ = TnProxyClientCommon::getInstance();
+  for (const Vertical& vertical : AllVerticals()) {
+    // The manager opens and closes a vertical in turn.
+    auto callback = [open = open_](rmqClientMessage* message) {
+      if (message->msg_type == kRmqClientRegistrationAck) ++*open;
+      if (message->msg_type == kRmqClientClose) --*open;
+    };
+    clients_.push_back(
+        ClientRegistry::Make({provider_, std::move(callback), vertical.name, vertical.app_id, kClientType,
+                              kPort, kAckTimeout, vertical.traits.bus_retry, nullptr, nullptr}));
+    clients_.back()->Start(nullptr);
+  }
+  proxy_->Start();
+  TnProxyClientCommon::Release();
+}
+
+void FleetAgent::Stop() {
+  if (!running()) return;
+  proxy_->Stop();
+  for (const auto& client : clients_) {
+    client->Stop();
+    ClientRegistry::Retire(*client);
+  }
+  clients_.clear();
+  proxy_.reset();
+}
+
+}  // namespace zem::fleet

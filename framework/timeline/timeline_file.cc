@@ -1,0 +1,159 @@
+#include "framework/timeline/timeline_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <utility>
+
+#include "framework/log/log.h"
+#include "framework/process/atomic_file.h"
+#include "framework/process/error_text.h"
+#include "framework/timeline/timeline_json.h"
+#include "platform/core/unique_fd.h"
+
+namespace zem::Tarvik {
+namespace {
+
+constexpr LogSource kLog{"tarvik", "framework"};
+constexpr size_t kMostBytes = size_t{1} << 20;
+constexpr size_t kMostWaiting = 128;
+constexpr auto kLook = std::chrono::seconds(5);
+constexpr auto kLong = std::chrono::seconds(10);
+constexpr size_t kMostLong = 64;
+constexpr mode_t kMode = 0600;  // it names VMs and their files
+
+std::vector<std::string_view> Lines(std::string_view text) {
+  std::vector<std::string_view> lines;
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    if (end != 0) lines.push_back(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return lines;
+}
+
+}  // namespace
+
+TimelineFile::TimelineFile(std::string path) : path_(std::move(path)) {
+  Load();
+  writer_ = NativeThread({.name = "timelines"}, [this] { Write(); });
+  timeline::SetFailureHook([this](const timeline::OperationPtr& operation) {
+    const std::lock_guard lock(mutex_);
+    if (waiting_.size() == kMostWaiting) waiting_.pop_front();
+    waiting_.push_back(operation);
+    changed_.NotifyOne();
+  });
+}
+
+TimelineFile::~TimelineFile() {
+  timeline::SetFailureHook(nullptr);
+  {
+    const std::lock_guard lock(mutex_);
+    stopped_ = true;
+    changed_.NotifyOne();
+  }
+  writer_.Join();
+}
+
+void TimelineFile::Load() {
+  std::string bytes;
+  if (const int error = ReadFileWhole(path_, 2 * kMostBytes, &bytes); error != 0) {
+    if (error != ENOENT) ZLOG_WARN("[%s] %s: %s", __func__, path_.c_str(), Util::GetErrMsg(error).c_str());
+    return;
+  }
+  torn_ = !bytes.empty() && bytes.back() != '\n';
+  size_t skipped = 0;
+  for (const std::string_view line : Lines(bytes)) {
+    if (auto operation = ReadTimeline(line)) {
+      operation->earlier_life = true;
+      // The last line of an operation counts.
+      std::erase_if(earlier_, [&](const timeline::OperationReading& before) {
+        return before.number == operation->number && before.begun == operation->begun;
+      });
+      if (operation->state != timeline::State::kDone) earlier_.push_back(std::move(*operation));
+    } else {
+      ++skipped;
+    }
+  }
+  std::reverse(earlier_.begin(), earlier_.end());
+  if (skipped != 0) ZLOG_WARN("[%s] %zu lines of %s cannot be read", __func__, skipped, path_.c_str());
+}
+
+void TimelineFile::Write() {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    const bool any = changed_.WaitFor(lock, kLook, [this] { return stopped_ || !waiting_.empty(); });
+    if (any && waiting_.empty()) return;
+    timeline::OperationPtr operation;
+    if (any) {
+      operation = std::move(waiting_.front());
+      waiting_.pop_front();
+    }
+    lock.unlock();
+    if (operation) {
+      std::erase(long_, operation);
+      Save(*operation);
+    } else {
+      SaveLong();
+    }
+    lock.lock();
+  }
+}
+
+void TimelineFile::SaveLong() {
+  std::erase_if(long_, [this](const timeline::OperationPtr& each) {
+    if (each->state() == timeline::State::kUnderWay) return false;
+    // One that failed is written for that.
+    if (each->state() == timeline::State::kDone) Save(*each);
+    return true;
+  });
+  for (const timeline::OperationPtr& each : timeline::Find({}, SIZE_MAX)) {
+    if (each->state() != timeline::State::kUnderWay || each->age() < kLong || long_.size() >= kMostLong)
+      continue;
+    if (std::find(long_.begin(), long_.end(), each) != long_.end()) continue;
+    Save(*each);
+    long_.push_back(each);
+  }
+}
+
+void TimelineFile::Save(const timeline::Operation& operation) {
+  std::string line;
+  try {
+    line = TimelineJson(operation.Read(), true).Text() + '\n';
+  } catch (const std::bad_alloc&) {
+    ZLOG_WARN("[%s] no memory for a timeline of %zu bytes", __func__, operation.bytes());
+    return;
+  }
+  const bool saved = Append(line);
+  if (!saved && !broken_) {
+    ZLOG_WARN("[%s] failed operations are not kept for the next start: %s: %s", __func__, path_.c_str(),
+              Util::GetErrMsg(errno).c_str());
+  }
+  broken_ = !saved;
+}
+
+bool TimelineFile::Append(const std::string& line) {
+  UniqueFd fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, kMode));
+  struct stat status {};
+  if (!fd || ::fstat(fd.get(), &status) != 0) return false;
+  if (static_cast<size_t>(status.st_size) + line.size() > kMostBytes) {
+    std::string bytes;
+    std::string error;
+    if (ReadFileWhole(path_, 2 * kMostBytes, &bytes) != 0) bytes.clear();
+    const size_t half = bytes.find('\n', bytes.size() > kMostBytes / 2 ? bytes.size() - kMostBytes / 2 : 0);
+    bytes.erase(0, half == std::string::npos ? bytes.size() : half + 1);
+    torn_ = false;
+    return WriteFileWhole(path_, bytes + line, &error) == FileWrite::kDone &&
+           ::chmod(path_.c_str(), kMode) == 0;
+  }
+  const std::string text = (torn_ ? "\n" : "") + line;
+  const ssize_t written = ::write(fd.get(), text.data(), text.size());
+  torn_ = written > 0 && written != static_cast<ssize_t>(text.size());
+  return written == static_cast<ssize_t>(text.size());
+}
+
+}  // namespace zem::Tarvik

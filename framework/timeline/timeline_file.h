@@ -1,0 +1,56 @@
+#pragma once
+
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/core/condition.h"
+#include "platform/core/thread.h"
+#include "platform/timeline/operation.h"
+
+namespace zem::Tarvik {
+
+/// The failed operations of this life of the process and of earlier ones, in a file: a line of JSON each, in
+/// the order in which they failed.  One that takes long is written down meanwhile, so that a daemon that
+/// hangs can be killed and explained.  A thread of its own writes, so nobody waits for the disk; a daemon
+/// that is killed loses at most what failed in the moment before.
+///
+/// Limits: the file has 1 MiB at most, its older half goes; 128 operations wait to be written, the oldest is
+/// given up.  Errors: what cannot be read is skipped; a file that cannot be written is logged once until it
+/// can.
+/// Threads: all operations from any.
+class TimelineFile {
+ public:
+  /// Reads the file, and follows the operations that fail from now on.
+  explicit TimelineFile(std::string path);
+  /// Writes what waits.
+  ~TimelineFile();
+  TimelineFile(const TimelineFile&) = delete;
+  TimelineFile& operator=(const TimelineFile&) = delete;
+
+  /// Operations of earlier lives that failed, or had not ended when they were last written down; newest
+  /// first.
+  const std::vector<timeline::OperationReading>& earlier() const { return earlier_; }
+
+ private:
+  void Load();
+  void Write();
+  /// Writes down what has been under way for long, and the end of what was written down so.
+  void SaveLong();
+  void Save(const timeline::Operation& operation);
+  bool Append(const std::string& line);
+
+  const std::string path_;
+  std::vector<timeline::OperationReading> earlier_;
+  std::vector<timeline::OperationPtr> long_;  // written down while under way; by the thread
+  bool broken_ = false;                       // by the thread
+  bool torn_ = false;                         // the last line has no end; by the thread
+  std::mutex mutex_;                          // guards what follows; a leaf
+  Condition changed_;
+  std::deque<timeline::OperationPtr> waiting_;
+  bool stopped_ = false;
+  NativeThread writer_;
+};
+
+}  // namespace zem::Tarvik

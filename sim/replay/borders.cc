@@ -1,0 +1,167 @@
+#include "sim/replay/borders.h"
+
+#include <algorithm>
+#include <array>
+#include <ostream>
+#include <stdexcept>
+
+#include "sim/control/json.h"
+#include "sim/scenario/control_client.h"
+
+namespace zem::sim {
+namespace {
+
+constexpr size_t kMostShown = 20;
+constexpr const char* kStateFolder = "/etc/orlane/zema";
+// Names and times of one life.
+constexpr std::array<std::string_view, 2> kOtherFiles = {"failed_operations.jsonl", ".tmp"};
+constexpr std::array kVerticals = {"SwitchingVertical", "ControllerMgmtVertical"};
+constexpr std::array kStoreTypes = {"112", "116", "123", "125"};
+constexpr std::array<std::string_view, 7> kQuestions = {"Get", "get", "Is", "Check", "check", "ping", "VM"};
+
+std::string TextOf(const cJSON* object, const char* name) {
+  const cJSON* const member = cJSON_GetObjectItemCaseSensitive(object, name);
+  if (member == nullptr) return "";
+  return cJSON_IsString(member) ? member->valuestring : JsonText(member);
+}
+
+Json Ask(ControlClient& node, const std::string& command) {
+  Json answer(cJSON_Parse(node.Execute(command).c_str()));
+  if (!answer || !cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(answer.get(), "ok"))) return nullptr;
+  return Json(cJSON_DetachItemFromObjectCaseSensitive(answer.get(), "result"));
+}
+
+bool IsQuestionOfLibrary(const std::string& function) {
+  return function.find("Get") != std::string::npos || function.find("Find") != std::string::npos ||
+         function.find("List") != std::string::npos;
+}
+
+bool IsQuestionOfScript(const std::string& data) {
+  return std::ranges::any_of(kQuestions, [&](std::string_view begin) { return data.starts_with(begin); });
+}
+
+// The lines of `left` that `right` has not as often.
+std::vector<std::string> Missing(const std::vector<std::string>& left,
+                                 const std::vector<std::string>& right) {
+  std::map<std::string, long> counts;
+  for (const std::string& line : right) ++counts[line];
+  std::vector<std::string> missing;
+  for (const std::string& line : left) {
+    if (--counts[line] < 0) missing.push_back(line);
+  }
+  return missing;
+}
+
+void Print(const char* mark, const std::vector<std::string>& lines, std::ostream& out) {
+  for (size_t i = 0; i < std::min(lines.size(), kMostShown); ++i)
+    out << "  " << mark << " " << lines[i] << "\n";
+  if (lines.size() > kMostShown) out << "  " << mark << " and " << lines.size() - kMostShown << " more\n";
+}
+
+}  // namespace
+
+bool ForgetsBorders(std::string_view command) {
+  return command.starts_with("switch/clear-logs") || command.starts_with("switch/reboot");
+}
+
+void Borders::Take(ControlClient& node) {
+  TakeCalls(node);
+  TakeCommands(node);
+  TakeMessages(node);
+  TakeObjects(node);
+  TakeFiles(node);
+}
+
+void Borders::AddQuestion(const std::string& group, std::string line) {
+  std::vector<std::string>& lines = groups_[group + ", questions"];
+  if (std::ranges::find(lines, line) == lines.end()) lines.push_back(std::move(line));
+}
+
+void Borders::TakeCalls(ControlClient& node) {
+  const Json calls = Ask(node, "switch/calls");
+  const cJSON* call = nullptr;
+  cJSON_ArrayForEach(call, calls.get()) {
+    const std::string function = TextOf(call, "function");
+    const std::string property = TextOf(call, "prop");
+    const std::string group = "library " + TextOf(call, "sw") + " " + TextOf(call, "port");
+    std::string line = function + (property.empty() ? "" : " " + property) + " -> " + TextOf(call, "result");
+    // Objects in memory alone; those on the node have a switch.
+    if (TextOf(call, "sw").empty()) continue;
+    if (IsQuestionOfLibrary(function)) {
+      AddQuestion(group, std::move(line));
+    } else {
+      Add(group, line + ", " + TextOf(call, "length") + " bytes");
+    }
+  }
+}
+
+void Borders::TakeCommands(ControlClient& node) {
+  const Json frames = Ask(node, "host frames 100000");
+  const cJSON* frame = nullptr;
+  cJSON_ArrayForEach(frame, frames.get()) {
+    const std::string data = TextOf(frame, "data");
+    std::string line = TextOf(frame, "operation") + " " + data + " -> " + TextOf(frame, "status") + " " +
+                       TextOf(frame, "reply");
+    if (IsQuestionOfScript(data)) {
+      AddQuestion("script", std::move(line));
+    } else {
+      Add("script", std::move(line));
+    }
+  }
+}
+
+void Borders::TakeMessages(ControlClient& node) {
+  for (const char* const vertical : kVerticals) {
+    const Json received = Ask(node, std::string("manager received ") + vertical);
+    const cJSON* message = nullptr;
+    cJSON_ArrayForEach(message, cJSON_GetObjectItemCaseSensitive(received.get(), "messages")) {
+      Add(std::string("manager ") + vertical, TextOf(message, "type") + " " + TextOf(message, "message"));
+    }
+  }
+}
+
+void Borders::TakeObjects(ControlClient& node) {
+  for (const char* const type : kStoreTypes) {
+    const Json objects = Ask(node, std::string("store get ") + type);
+    const cJSON* object = nullptr;
+    cJSON_ArrayForEach(object, objects.get()) Add(std::string("store ") + type, TextOf(object, "object"));
+  }
+}
+
+void Borders::TakeFiles(ControlClient& node) {
+  const Json names = Ask(node, std::string("file/list ") + kStateFolder);
+  const cJSON* name = nullptr;
+  cJSON_ArrayForEach(name, names.get()) {
+    if (!cJSON_IsString(name)) continue;
+    const std::string_view text = name->valuestring;
+    if (std::ranges::any_of(kOtherFiles, [&](std::string_view end) { return text.ends_with(end); })) continue;
+    const std::string path = std::string(kStateFolder) + "/" + name->valuestring;
+    const Json content = Ask(node, "file/read --hex " + path);
+    if (content) Add("file " + path, JsonText(content.get()));
+  }
+}
+
+size_t Borders::Compare(const Borders& other, std::ostream& out) const {
+  Groups all = groups_;
+  for (const auto& [name, lines] : other.groups_) all.try_emplace(name);
+  size_t differing = 0;
+  for (const auto& [name, unused] : all) {
+    static const std::vector<std::string> kNone;
+    const auto mine = groups_.find(name);
+    const auto theirs = other.groups_.find(name);
+    const std::vector<std::string>& left = mine == groups_.end() ? kNone : mine->second;
+    const std::vector<std::string>& right = theirs == other.groups_.end() ? kNone : theirs->second;
+    const std::vector<std::string> gone = Missing(left, right);
+    const std::vector<std::string> added = Missing(right, left);
+    const bool question = name.ends_with(", questions");
+    if (gone.empty() && added.empty() && (question || left == right)) continue;
+    ++differing;
+    out << name << "\n";
+    Print("-", gone, out);
+    Print("+", added, out);
+    if (gone.empty() && added.empty()) out << "  the same, in another order\n";
+  }
+  return differing;
+}
+
+}  // namespace zem::sim

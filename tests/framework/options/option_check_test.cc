@@ -1,0 +1,116 @@
+#include "framework/options/option_check.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <boost/property_tree/ptree.hpp>
+#include <boost/property_tree/xml_parser.hpp>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "tests/support/temp_dir.h"
+
+namespace zem::Tarvik {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+struct OptionCheckTest : ::testing::Test {
+  OptionCheck Check(const std::string& text) { return CheckOptions(directory.Write("tarvik.xml", text)); }
+  test::TempDir directory;
+};
+
+// A fault that is told at another line, or not at all, sends the operator to the wrong place.
+TEST_F(OptionCheckTest, EachFaultIsToldAtItsLine) {
+  struct Case {
+    const char* lines;
+    int line;
+    const char* key;
+    const char* what;
+  };
+  for (const Case& c : {
+           Case{"<log>\n<!-- a\n b -->\n<level>7</level></log>", 5, "log.level", "not 0 to 6; the default 5"},
+           Case{"<log><level>-1</level></log>", 2, "log.level", "not 0 to 6"},
+           Case{"<log><level>99999999999999999999</level></log>", 2, "log.level", "not 0 to 6"},
+           Case{"<log><level>5x</level></log>", 2, "log.level", "not 0 to 6"},
+           Case{"<app>\n<lldp>yes</lldp></app>", 3, "app.lldp", "not true or false; the default true"},
+           Case{"<app>\n\n<ctxtegn>true</ctxtegn></app>", 4, "app.ctxtegn", "did you mean app.ctxteng?"},
+           Case{"<sometimes/>", 2, "sometimes", "is no option, and is ignored"},
+           Case{"<app><lldp>1</lldp>\n<lldp>0</lldp></app>", 3, "app.lldp", "the first one counts"},
+           Case{"<app/>\n<app><lldp>0</lldp></app>", 3, "app", "only the first one counts"},
+       }) {
+    const OptionCheck check = Check(std::string("<config><tarvik>\n") + c.lines + "</tarvik></config>");
+    ASSERT_EQ(check.faults.size(), 1u) << c.lines;
+    EXPECT_EQ(check.faults[0].line, c.line) << c.lines;
+    EXPECT_EQ(check.faults[0].key, c.key);
+    EXPECT_THAT(check.faults[0].what, HasSubstr(c.what));
+    EXPECT_FALSE(check.unusable);
+  }
+  EXPECT_THAT(FaultLines("f", Check("<config><tarvik>\n<x/></tarvik></config>")),
+              HasSubstr("f:2: x is no option"));
+}
+
+// The daemon does not start with these, so the check may not call them good.
+TEST_F(OptionCheckTest, UnusableFilesAreToldAsSuch) {
+  for (const std::string& text :
+       {std::string(), std::string("<config>"), std::string("<config><other/></config>"),
+        std::string("<tarvik/>"), std::string("\0\xff", 2), std::string("<config><tarvik></config>"),
+        "<config><tarvik>" + std::string(2 << 20, ' ') + "</tarvik></config>"}) {
+    const OptionCheck check = Check(text);
+    EXPECT_TRUE(check.unusable) << text.substr(0, 40);
+    EXPECT_EQ(check.faults.size(), 1u);
+    EXPECT_THAT(check.json, HasSubstr("\"key\":\"log.level\""));
+  }
+  EXPECT_TRUE(CheckOptions(directory.Path("missing")).unusable);
+  EXPECT_TRUE(CheckOptions(directory.Path()).unusable);
+}
+
+TEST_F(OptionCheckTest, GoodFileHasItsValuesInForce) {
+  const OptionCheck check =
+      Check("<config><tarvik><log><level> 3 </level></log><app><lldp>0</lldp></app></tarvik></config>");
+  EXPECT_TRUE(check.faults.empty()) << FaultLines("f", check);
+  EXPECT_THAT(check.json,
+              HasSubstr("\"key\":\"log.level\",\"type\":\"number\",\"range\":\"0 to 6\",\"default\":\"5\","
+                        "\"value\":\"3\",\"set\":true"));
+  EXPECT_THAT(check.json,
+              HasSubstr("\"key\":\"app.lldp\",\"type\":\"flag\",\"range\":\"true or false\",\"default\":"
+                        "\"true\",\"value\":\"false\",\"set\":true"));
+}
+
+// The commented file that is installed shows every option once, with the default of the table.
+TEST_F(OptionCheckTest, InstalledFileShowsTheTable) {
+  std::ostringstream text;
+  text << std::ifstream(ZEM_SOURCE_FOLDER "/packaging/zem-tarvik.xml").rdbuf();
+  // Uncommented, it has to be good, and to set everything to its default.
+  const std::string all = std::regex_replace(text.str(), std::regex("<!-- (<.*>) -->"), "$1");
+  const OptionCheck check = Check(all);
+  EXPECT_TRUE(check.faults.empty()) << FaultLines("zem-tarvik.xml", check);
+  EXPECT_THAT(check.json, Not(HasSubstr("\"set\":false")));
+  std::istringstream xml(all);
+  boost::property_tree::ptree tree;
+  boost::property_tree::read_xml(xml, tree, boost::property_tree::xml_parser::trim_whitespace);
+  for (const OptionRow& row : kOptionRows) {
+    EXPECT_EQ(tree.get("config.tarvik." + std::string(row.key), "missing"), row.standard) << row.key;
+  }
+}
+
+// A key that code reads beside the table would be one that the check calls unknown.  The functions that read
+// options take keys of the table alone; this finds code that goes around them.
+TEST(OptionTableTest, NobodyReadsTheTreeItself) {
+  namespace fs = std::filesystem;
+  for (const char* folder : {"agent", "app", "framework", "platform", "mpaclient", "covedbclient"}) {
+    for (const auto& entry : fs::recursive_directory_iterator(fs::path(ZEM_SOURCE_FOLDER) / folder)) {
+      if (!entry.is_regular_file() || entry.path().filename().string().starts_with("options.")) continue;
+      std::ostringstream text;
+      text << std::ifstream(entry.path()).rdbuf();
+      EXPECT_EQ(text.str().find("OptionsTree("), std::string::npos) << entry.path();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zem::Tarvik

@@ -1,0 +1,164 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "platform/core/thread.h"
+#include "platform/core/virtual_clock.h"
+#include "platform/timeline/operation.h"
+#include "platform/timeline/step.h"
+#include "platform/wft/workflow_util.h"
+
+namespace zem::timeline {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::SizeIs;
+
+class TimelineTest : public testing::Test {
+ protected:
+  ~TimelineTest() override {
+    SetFailureHook(nullptr);
+    Clear();
+  }
+  std::vector<std::string> NamesOf(const OperationReading& reading) {
+    std::vector<std::string> names;
+    for (const StepReading& step : reading.steps) names.push_back(std::string(step.depth, '>') + step.name);
+    return names;
+  }
+};
+
+// A step that is booked to another thread, at another time or depth, sends the operator to the wrong place.
+TEST_F(TimelineTest, OneOperationIsFollowedThroughItsThreads) {
+  VirtualClock clock;
+  const OperationPtr operation = Begin(Kind::kVif, "attach", {"vif-1", "", "web", "vif-1"});
+  Carried carried(operation);
+  NativeThread worker({.name = "worker"}, [&] {
+    SleepFor(milliseconds(30));
+    const Scope scope(carried.operation());
+    Waited("queue", carried.since());
+    Step call("call", "on port");
+    SleepFor(milliseconds(5));
+    {
+      Step inner("inner");
+      inner.Result("refused", true);
+    }
+    call.ResultCode(0);
+  });
+  worker.Join();
+  EXPECT_FALSE(Recording());
+  Note("of nobody", "a thread without an operation");
+  Finish(operation, "refused");
+  Finish(operation, "a second end");
+
+  const OperationReading reading = operation->Read();
+  EXPECT_THAT(reading.keys, ElementsAre("vif-1", "web"));
+  EXPECT_EQ(reading.state, State::kFailed);
+  EXPECT_EQ(reading.error, "refused");
+  EXPECT_THAT(NamesOf(reading), ElementsAre("queue", "call", ">inner"));
+  EXPECT_EQ(reading.steps[0].duration_us, 30'000);
+  EXPECT_EQ(reading.steps[1].start_us, 30'000);
+  EXPECT_EQ(reading.steps[1].duration_us, 5'000);
+  EXPECT_EQ(reading.steps[1].detail, "on port");
+  EXPECT_EQ(reading.steps[1].result, "0");
+  EXPECT_TRUE(reading.steps[2].failed);
+  EXPECT_EQ(reading.steps[2].thread, "worker");
+}
+
+// The trace level is for the tracing: with it off an operator still has to see the steps.
+TEST_F(TimelineTest, SpansAreStepsAtEveryTraceLevel) {
+  wft::WorkflowUtil::SetTraceLevel(wft::kTraceOff);
+  const OperationPtr operation = Begin(Kind::kVif, "attach", {});
+  const wft::Stats before = wft::WorkflowUtil::GetStats();
+  {
+    const Scope scope(operation);
+    const wft::Span root = wft::WorkflowUtil::StartRootSpan("root", wft::kTraceInfo);
+    wft::WorkflowUtil::SetCurSpanTag(wft::tags::kVif, "vif-1");
+    const wft::Span child = wft::WorkflowUtil::StartChildSpan("child", wft::kTraceDebug);
+    wft::WorkflowUtil::SetCurSpanTag(wft::tags::kErrorMessage, "no port");
+    EXPECT_FALSE(root.recorded());
+  }
+  wft::WorkflowUtil::SetTraceLevel(wft::kTraceInfo);
+  EXPECT_EQ(wft::WorkflowUtil::GetStats().child.sampled_out, before.child.sampled_out + 1);
+  const OperationReading reading = operation->Read();
+  ASSERT_THAT(NamesOf(reading), ElementsAre("root", ">child"));
+  EXPECT_EQ(reading.steps[0].detail, "VIF=vif-1");
+  EXPECT_EQ(reading.steps[1].result, "no port");
+  EXPECT_TRUE(reading.steps[1].failed);
+}
+
+// A walk over thousands of ports must not take the place of the failure behind it.
+TEST_F(TimelineTest, ALongOperationKeepsItsEndAndItsBound) {
+  const OperationPtr operation = Begin(Kind::kHostConfig, "revision 2", {"c-1"});
+  {
+    const Scope scope(operation);
+    for (int i = 0; i < 5'000; ++i) {
+      const Step get("get", std::string(1'000, 'x'));
+    }
+    for (int i = 0; i < 5'000; ++i) {
+      const Step set(i % 2 == 0 ? "set" : "clear", "port");
+    }
+    Step last("last");
+    last.Result("the reason", true);
+    Note("answered", "error");
+  }
+  const OperationReading reading = operation->Read();
+  EXPECT_LE(operation->bytes(), size_t{64} << 10);
+  EXPECT_GT(reading.left_out, 1'000u);
+  EXPECT_EQ(reading.steps.back().name, "answered");
+  const StepReading& failure = reading.steps[reading.steps.size() - 2];
+  EXPECT_EQ(failure.result, "the reason");
+  EXPECT_TRUE(failure.failed);
+  uint64_t gets = 0;
+  for (const StepReading& step : reading.steps) gets += step.name == "get" ? 1 : 0;
+  EXPECT_LT(gets, 200u);
+}
+
+// A boot storm of VMs must not push out the configuration before it, nor the one VIF that failed.
+TEST_F(TimelineTest, AStormOfOneKindLeavesTheOthers) {
+  Finish(Begin(Kind::kHostConfig, "revision 1", {"c-1"}), {});
+  Finish(Begin(Kind::kVif, "attach", {"vif-bad"}), "refused");
+  for (int i = 0; i < 1'000; ++i) {
+    const OperationPtr operation = Begin(Kind::kVif, "attach", {"vif-" + std::to_string(i)});
+    const Scope scope(operation);
+    for (int step = 0; step < 500; ++step) Note("step", std::string(200, 'x'));
+    Finish(operation, {});
+  }
+  EXPECT_THAT(Find("c-1", 10), SizeIs(1));
+  EXPECT_THAT(Find("vif-bad", 10), SizeIs(1));
+  EXPECT_THAT(Find("vif-999", 10), SizeIs(1));
+  EXPECT_THAT(Find("vif-0", 10), SizeIs(0));
+  size_t bytes = 0;
+  for (const OperationPtr& each : Find({}, 10'000)) bytes += each->bytes();
+  EXPECT_LE(bytes, size_t{9} << 20);
+  EXPECT_THAT(Find({}, 3), SizeIs(3));
+}
+
+// An operation that hangs is asked about while its threads write; the sanitizers watch.
+TEST_F(TimelineTest, ItIsReadWhileItIsWritten) {
+  const OperationPtr operation = Begin(Kind::kVif, "attach", {"vif-1"});
+  std::atomic<int> running{2};
+  const auto write = [&] {
+    const Scope scope(operation);
+    for (int i = 0; i < 300; ++i) {
+      Step step("step");
+      step.Detail("key", "value");
+      step.Result("done", i % 3 == 0);
+      operation->AddKey("key " + std::to_string(i));
+    }
+    --running;
+  };
+  NativeThread one(write);
+  NativeThread two(write);
+  while (running != 0) {
+    for (const StepReading& step : operation->Read().steps)
+      ASSERT_TRUE(step.duration_us < 0 || step.result == "done");
+  }
+  one.Join();
+  two.Join();
+  EXPECT_THAT(operation->Read().keys, SizeIs(128));
+}
+
+}  // namespace
+}  // namespace zem::timeline
