@@ -2,6 +2,7 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <vector>
 
