@@ -44,7 +44,7 @@ uint32_t RouterLibrary::UnPlumbVdrConnection(const std::string& dvs) const {
 uint32_t RouterLibrary::GetUnloadStatus(bool* busy) const {
   if (!loaded()) return kSwitchNotLoaded;
   int number = 0;
-  const uint32_t result = Measured(calls_.get_unload_status, &number);
+  const uint32_t result = LibraryStep("VDRKNL_GetUnloadStatus", {})(calls_.get_unload_status(&number));
   *busy = number != 0;
   return result;
 }
