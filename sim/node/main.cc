@@ -87,8 +87,8 @@ std::string ProgramBeside(const char* program, const std::string& name, const st
   const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
   path = size > 0 ? path.substr(0, static_cast<size_t>(size)) : program;
   const std::string here = path.substr(0, path.rfind('/'));
-  for (const std::string& candidate :
-       {here + "/" + name, here + "/../../" + built, "/opt/orlane/zem-tarvik/bin/" + name, "/usr/bin/" + name}) {
+  for (const std::string& candidate : {here + "/" + name, here + "/../../" + built,
+                                       "/opt/orlane/zem-tarvik/bin/" + name, "/usr/bin/" + name}) {
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   return here + "/" + name;
@@ -96,8 +96,8 @@ std::string ProgramBeside(const char* program, const std::string& name, const st
 
 int RunNode(Words words, const char* program) {
   const zem::sim::DataFolder& data = zem::sim::DataFolder::Get();
-  zem::sim::SandboxOptions sandbox{kDefaultDirectory, ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"),
-                                   data.host, data.libraries};
+  zem::sim::SandboxOptions sandbox{
+      kDefaultDirectory, ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"), data.host, data.libraries};
   sandbox.agent_scripts = data.agent_scripts;
   zem::sim::NodeOptions node;
   node.tarvikctl = ProgramBeside(program, "zem-tarvikctl", "ctl/zem-tarvikctl");
