@@ -6,6 +6,7 @@
 #include "framework/dataplane/lcp_adapter.h"
 #include "mpaclient/client_registry.h"
 #include "mpaclient/proxy/tn_proxy_client_common.h"
+#include "mpaclient/verticals.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -17,6 +18,9 @@ void DescribeVerticals(std::vector<PartState>* parts) {
   const auto clients = ClientRegistry::All();
   for (const auto& [name, client] : clients) {
     if (client->connection_state() == MpaClient::kConnected) continue;
+    // One that only serves is never told that it is served.
+    const Vertical* const vertical = FindVertical(name);
+    if (vertical != nullptr && vertical->traits.only_serves) continue;
     down += (count++ == 0 ? "" : ", ") + name;
   }
   if (clients.empty()) return;

@@ -19,22 +19,36 @@ constexpr std::chrono::microseconds kAckTimeout{30'000'000};
 }  // namespace
 
 FleetAgent::FleetAgent(AsioZemProvider& provider, int host)
-    : provider_(provider), host_(host), vertical_count_(AllVerticals().size()) {}
+    : provider_(provider),
+      host_(host),
+      open_(std::make_shared<std::vector<std::atomic<bool>>>(AllVerticals().size())) {}
 
 FleetAgent::~FleetAgent() { Stop(); }
 
+bool FleetAgent::ready() const {
+  return Waiting().empty();
+}
+
+std::vector<std::string> FleetAgent::Waiting() const {
+  std::vector<std::string> names;
+  for (size_t i = 0; i < open_->size(); ++i) {
+    // What only serves is not told that it is served.
+    if (!(*open_)[i] && !AllVerticals()[i].traits.only_serves) names.emplace_back(AllVerticals()[i].name);
+  }
+  return names;
+}
+
 void FleetAgent::Start() {
   if (running()) return;
-  open_ = std::make_shared<std::atomic<size_t>>(0);
+  open_ = std::make_shared<std::vector<std::atomic<bool>>>(AllVerticals().size());
   // Clients take the process's proxy client when they are made and keep it; the next agent makes another.
   TnProxyClientCommon::Init("tarvik", FleetManager::InfoEndpoint(host_),
                             FleetManager::ForwardingEndpoint(host_));
   proxy_ = TnProxyClientCommon::getInstance();
   for (const Vertical& vertical : AllVerticals()) {
-    // The manager opens and closes a vertical in turn.
-    auto callback = [open = open_](rmqClientMessage* message) {
-      if (message->msg_type == kRmqClientRegistrationAck) ++*open;
-      if (message->msg_type == kRmqClientClose) --*open;
+    auto callback = [open = open_, index = clients_.size()](rmqClientMessage* message) {
+      if (message->msg_type == kRmqClientRegistrationAck) (*open)[index] = true;
+      if (message->msg_type == kRmqClientClose) (*open)[index] = false;
     };
     clients_.push_back(
         ClientRegistry::Make({provider_, std::move(callback), vertical.name, vertical.app_id, kClientType,

@@ -30,13 +30,15 @@ class FleetAgent {
 
   bool running() const { return proxy_ != nullptr; }
   /// The manager serves every vertical.
-  bool ready() const { return open_->load() == vertical_count_; }
+  bool ready() const;
+  /// Names of the verticals that the manager does not serve.
+  std::vector<std::string> Waiting() const;
 
  private:
   AsioZemProvider& provider_;
   const int host_;
-  const size_t vertical_count_;
-  std::shared_ptr<std::atomic<size_t>> open_ = std::make_shared<std::atomic<size_t>>(0);
+  // One for each vertical; the clients' callbacks may outlive the agent.
+  std::shared_ptr<std::vector<std::atomic<bool>>> open_;
   std::shared_ptr<TnProxyClientCommon> proxy_;
   std::vector<std::shared_ptr<MpaClient>> clients_;
 };

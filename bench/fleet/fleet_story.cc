@@ -93,6 +93,18 @@ int Fabric::stores_connected() const {
   }));
 }
 
+std::string Fabric::Missing() const {
+  std::string text = std::to_string(hosts() - ready()) + " hosts are never ready, " +
+                     std::to_string(hosts() - stores_connected()) + " have no store;";
+  for (const auto& agent : agents_) {
+    if (agent->ready()) continue;
+    text += " the first waits for:";
+    for (const std::string& name : agent->Waiting()) text.append(" ").append(name);
+    break;
+  }
+  return text;
+}
+
 void Fabric::Step(Seconds* seconds) {
   const Load before = manager_->load();
   clock_.RunFor(kStep);
@@ -102,7 +114,7 @@ void Fabric::Step(Seconds* seconds) {
 void Fabric::UntilReady(Seconds* seconds) {
   for (int waited = 0; ready() < hosts() || stores_connected() < hosts(); ++waited) {
     if (waited == kPatienceS)
-      throw std::runtime_error("hosts that are never ready: " + std::to_string(hosts() - ready()));
+      throw std::runtime_error(Missing());
     Step(seconds);
   }
 }

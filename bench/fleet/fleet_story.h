@@ -45,6 +45,8 @@ class Fabric {
  private:
   using Seconds = std::vector<Second>;
 
+  /// What a story waits for in vain.
+  std::string Missing() const;
   void Step(Seconds* seconds);
   void UntilReady(Seconds* seconds);
   void Start(Seconds* seconds);
