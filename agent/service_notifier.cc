@@ -80,7 +80,9 @@ void ServiceNotifier::Feed() {
   do {
     const std::string hung = WhatHangs();
     if (hung.empty()) {
-      Tell(told ? std::string("WATCHDOG=1\nSTATUS=") + kServing : "WATCHDOG=1");
+      std::string fed = "WATCHDOG=1";
+      if (told) fed.append("\nSTATUS=").append(kServing);
+      Tell(fed);
       if (told) ZLOG_INFO("All loops run again, the service manager's watchdog is fed");
       told = false;
     } else if (!told) {
