@@ -54,7 +54,8 @@ void WriteLoops(MetricWriter* writer) {
     Loop& loop = Place(loops, reading.name);
     loop.steps += reading.steps;
     loop.longest = std::max(loop.longest, reading.longest);
-    loop.age = std::max(loop.age, reading.age);
+    // A worker's step may last: some are loops themselves, which end with the daemon.
+    if (reading.kind == LoopKind::kPrompt) loop.age = std::max(loop.age, reading.age);
   }
   for (const auto& [name, loop] : loops) {
     writer->WriteCounter(MetricId::kLoopSteps, name, loop.steps);
