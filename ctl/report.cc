@@ -9,6 +9,7 @@
 #include "ctl/report_page.h"
 #include "ctl/screen.h"
 #include "ctl/subcommand.h"
+#include "platform/core/clock.h"
 
 namespace zem::ctl {
 namespace {
@@ -85,7 +86,7 @@ void AddOperations(const DaemonClient& daemon, std::string* data) {
 }
 
 std::string UtcNow() {
-  const std::time_t now = std::time(nullptr);
+  const std::time_t now = std::chrono::system_clock::to_time_t(Clock::Process().WallNow());
   std::tm utc{};
   ::gmtime_r(&now, &utc);
   std::array<char, 32> text;

@@ -21,12 +21,15 @@ extern const Subcommand kOptions;
 extern const Subcommand kMetrics;
 extern const Subcommand kWatch;
 extern const Subcommand kBundle;
+extern const Subcommand kWhy;
+extern const Subcommand kReport;
 
 namespace {
 
 constexpr std::array kSubcommands = {
-    &kStatus,   &kVerticals, &kSwitches, &kPorts, &kVifs,    &kTasks,   &kQueues, &kGuests, &kAlarms,
-    &kCaptures, &kInventory, &kStore,    &kLog,   &kOptions, &kMetrics, &kWatch,  &kBundle,
+    &kStatus,  &kVerticals, &kSwitches, &kPorts,     &kVifs,   &kTasks, &kQueues,
+    &kGuests,  &kAlarms,    &kCaptures, &kInventory, &kStore,  &kLog,   &kOptions,
+    &kMetrics, &kWatch,     &kBundle,   &kWhy,       &kReport,
 };
 
 }  // namespace

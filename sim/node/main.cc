@@ -58,6 +58,7 @@ constexpr const char* kUsage =
     "  --zema FILE      the realization's JSON options\n"
     "  --datastore FOLDER  where VMs are made, for several nodes that see the same (the node's own)\n"
     "  --second         check alone: another node like it, which sees the same VMs' folders\n"
+    "  --launcher WORDS a program that becomes the daemon, whose path is put behind the words\n"
     "  --issue TEXT     the identity file's text; \"\" leaves it away\n"
     "  --clock-factor N all of the node lives N times as fast, up to 100 (1)\n"
     "  --no-daemon      the daemon is started by \"daemon/start\"\n"
@@ -86,8 +87,8 @@ std::string ProgramBeside(const char* program, const std::string& name, const st
   const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
   path = size > 0 ? path.substr(0, static_cast<size_t>(size)) : program;
   const std::string here = path.substr(0, path.rfind('/'));
-  for (const std::string& candidate :
-       {here + "/" + name, here + "/../../" + built, "/opt/orlane/zem-tarvik/bin/" + name, "/usr/bin/" + name}) {
+  for (const std::string& candidate : {here + "/" + name, here + "/../../" + built,
+                                       "/opt/orlane/zem-tarvik/bin/" + name, "/usr/bin/" + name}) {
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   return here + "/" + name;
@@ -95,8 +96,8 @@ std::string ProgramBeside(const char* program, const std::string& name, const st
 
 int RunNode(Words words, const char* program) {
   const zem::sim::DataFolder& data = zem::sim::DataFolder::Get();
-  zem::sim::SandboxOptions sandbox{kDefaultDirectory, ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"),
-                                   data.host, data.libraries};
+  zem::sim::SandboxOptions sandbox{
+      kDefaultDirectory, ProgramBeside(program, "zem-tarvik", "agent/zem-tarvik"), data.host, data.libraries};
   sandbox.agent_scripts = data.agent_scripts;
   zem::sim::NodeOptions node;
   node.tarvikctl = ProgramBeside(program, "zem-tarvikctl", "ctl/zem-tarvikctl");
@@ -115,6 +116,9 @@ int RunNode(Words words, const char* program) {
     } else if (option == "--clock-factor") {
       // Set before the clock is read for the first time; the daemon inherits the variable.
       ::setenv(zem::kClockFactorVariable, words.Take().c_str(), 1);
+    } else if (option == "--launcher") {
+      std::istringstream launcher(words.Take());
+      for (std::string word; launcher >> word;) node.launcher.push_back(word);
     } else if (option == "--issue") {
       node.issue = words.Take();
     } else if (option == "--no-daemon") {
@@ -245,8 +249,9 @@ int Record(Words words, const char* program) {
       return;
     }
     // A command that is repeated until its answer is right has done its work the last time.
-    if (!recording.events.empty() && recording.events.back().command == command) recording.events.pop_back();
-    recording.events.push_back({at_ms, command, answer});
+    const bool again = !recording.events.empty() && recording.events.back().command == command;
+    if (again) recording.events.pop_back();
+    recording.events.push_back({at_ms, command, answer, again});
   });
   const bool held = zem::sim::Scenario(client, std::cout).Run(lines, file);
   client.SetObserver({});

@@ -102,10 +102,13 @@ void Borders::TakeCommands(ControlClient& node) {
     const std::string data = TextOf(frame, "data");
     std::string line = TextOf(frame, "operation") + " " + data + " -> " + TextOf(frame, "status") + " " +
                        TextOf(frame, "reply");
+    // Different commands come from different threads.
+    const std::string name = data.substr(0, data.find('('));
+    const std::string group = "script " + (name.size() < data.size() ? name : TextOf(frame, "operation"));
     if (IsQuestionOfScript(data)) {
-      AddQuestion("script", std::move(line));
+      AddQuestion(group, std::move(line));
     } else {
-      Add("script", std::move(line));
+      Add(group, std::move(line));
     }
   }
 }
@@ -135,7 +138,8 @@ void Borders::TakeFiles(ControlClient& node) {
     if (!cJSON_IsString(name)) continue;
     const std::string_view text = name->valuestring;
     if (std::ranges::any_of(kOtherFiles, [&](std::string_view end) { return text.ends_with(end); })) continue;
-    const std::string path = std::string(kStateFolder) + "/" + name->valuestring;
+    std::string path = kStateFolder;
+    path.append("/").append(name->valuestring);
     const Json content = Ask(node, "file/read --hex " + path);
     if (content) Add("file " + path, JsonText(content.get()));
   }

@@ -17,6 +17,7 @@ struct Recording {
     int64_t at_ms = 0;  ///< of the node's time, from the first one on
     std::string command;
     std::string answer;
+    bool awaited = false;  ///< it was repeated until the answer was this one
   };
 
   std::string daemon_options;       ///< the daemon's XML options, as text
