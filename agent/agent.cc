@@ -333,7 +333,9 @@ void Agent::Impl::StartMetrics() {
 
 void Agent::Impl::StartStatus() {
   status_ = std::make_shared<StatusBoard>(framework_group_);
-  status_->AddSource("manager", &DescribeManager);
+  status_->AddSource("manager", [proxy = TnProxyClientCommon::getInstance()](std::vector<PartState>* parts) {
+    DescribeManager(*proxy, parts);
+  });
   if (lcp_adapter_) {
     status_->AddSource("dataplane link", [adapter = lcp_adapter_](std::vector<PartState>* parts) {
       DescribeDataplane(*adapter, parts);

@@ -4,6 +4,7 @@
 #include "framework/cli/json_writer.h"
 #include "framework/log/log.h"
 #include "mpaclient/client_registry.h"
+#include "mpaclient/verticals.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -18,6 +19,13 @@ std::vector<MpaClientRow> Rows() {
   return rows;
 }
 
+// A vertical that only answers has no road of its own.
+const char* StateWord(const std::string& name, const MpaClient& client) {
+  const Vertical* const vertical = FindVertical(name);
+  if (vertical != nullptr && vertical->traits.only_serves) return "serves";
+  return client.connection_state() == MpaClient::kConnected ? "up" : "down";
+}
+
 // The verticals in order of name, with what they have sent and received.
 void GetVerticals(const CliArguments&, CliReply reply) {
   JsonValue rows = JsonValue::Array();
@@ -26,7 +34,7 @@ void GetVerticals(const CliArguments&, CliReply reply) {
     const auto age = std::chrono::duration_cast<std::chrono::seconds>(figures.state_age);
     JsonValue row = JsonValue::Object();
     row.Add("name", name)
-        .Add("state", client->connection_state() == MpaClient::kConnected ? "up" : "down")
+        .Add("state", StateWord(name, *client))
         .Add("seconds", int64_t{age.count()})
         .Add("received", figures.received)
         .Add("sent", figures.sent)

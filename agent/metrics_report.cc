@@ -7,6 +7,7 @@
 #include "agent/build_info.h"
 #include "framework/status/status_board.h"
 #include "mpaclient/client_registry.h"
+#include "mpaclient/verticals.h"
 #include "platform/core/loop_monitor.h"
 #include "platform/metrics/process_metrics.h"
 #include "platform/metrics/queue_gauge.h"
@@ -53,7 +54,8 @@ void WriteLoops(MetricWriter* writer) {
     Loop& loop = Place(loops, reading.name);
     loop.steps += reading.steps;
     loop.longest = std::max(loop.longest, reading.longest);
-    loop.age = std::max(loop.age, reading.age);
+    // A worker's step may last: some are loops themselves, which end with the daemon.
+    if (reading.kind == LoopKind::kPrompt) loop.age = std::max(loop.age, reading.age);
   }
   for (const auto& [name, loop] : loops) {
     writer->WriteCounter(MetricId::kLoopSteps, name, loop.steps);
@@ -86,8 +88,12 @@ void WriteQueues(MetricWriter* writer) {
 void WriteVerticals(MetricWriter* writer) {
   for (const auto& [name, client] : ClientRegistry::All()) {
     const MpaClient::Figures figures = client->figures();
-    const bool up = client->connection_state() == MpaClient::kConnected;
-    writer->WriteGauge(MetricId::kVerticalUp, name, up ? 1 : 0);
+    const Vertical* const vertical = FindVertical(name);
+    // One that only answers has no road of its own.
+    if (vertical == nullptr || !vertical->traits.only_serves) {
+      const bool up = client->connection_state() == MpaClient::kConnected;
+      writer->WriteGauge(MetricId::kVerticalUp, name, up ? 1 : 0);
+    }
     writer->WriteCounter(MetricId::kVerticalReceived, name, figures.received);
     writer->WriteCounter(MetricId::kVerticalSent, name, figures.sent);
     writer->WriteCounter(MetricId::kVerticalSendFailures, name, figures.send_failures);

@@ -15,34 +15,36 @@ namespace {
 void DescribeVerticals(std::vector<PartState>* parts) {
   std::string down;
   size_t count = 0;
-  const auto clients = ClientRegistry::All();
-  for (const auto& [name, client] : clients) {
+  size_t asking = 0;
+  for (const auto& [name, client] : ClientRegistry::All()) {
+    const Vertical* const vertical = FindVertical(name);
+    // One that only answers has no road of its own.
+    if (vertical != nullptr && vertical->traits.only_serves) continue;
+    ++asking;
     if (client->connection_state() == MpaClient::kConnected) continue;
     // One that only serves is never told that it is served.
     const Vertical* const vertical = FindVertical(name);
     if (vertical != nullptr && vertical->traits.only_serves) continue;
     down += (count++ == 0 ? "" : ", ") + name;
   }
-  if (clients.empty()) return;
+  if (asking == 0) return;
   if (count == 0) {
     parts->push_back({"verticals", {}, {}});
     return;
   }
   parts->push_back(
-      {"verticals",
-       std::to_string(count) + " of " + std::to_string(clients.size()) + " have no road: " + down,
+      {"verticals", std::to_string(count) + " of " + std::to_string(asking) + " have no road: " + down,
        "each one connects by itself within a minute; if one does not, the manager's side of it refuses"});
 }
 
 }  // namespace
 
-void DescribeManager(std::vector<PartState>* parts) {
-  const auto proxy = TnProxyClientCommon::getInstance();
+void DescribeManager(const TnProxyClientCommon& proxy, std::vector<PartState>* parts) {
   PartState manager{"manager", {}, {}};
-  if (proxy == nullptr || !proxy->connected_for_forwarding()) {
+  if (!proxy.connected_for_forwarding()) {
     manager.fault = "no connection to the node's message proxy (port 4096)";
     manager.heals = "the daemon connects by itself when the proxy runs; look whether it does";
-  } else if (proxy->aphs().empty()) {
+  } else if (proxy.aphs().empty()) {
     manager.fault = "the node's message proxy knows no proxy at the manager (port 9004)";
     manager.heals = "the list comes from the proxy when the node is joined and the manager can be reached";
   }

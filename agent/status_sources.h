@@ -5,6 +5,9 @@
 
 #include "framework/status/part_state.h"
 
+namespace zem {
+class TnProxyClientCommon;
+}
 namespace zem::covedb {
 class CoveDbClient;
 }
@@ -16,7 +19,7 @@ class LcpAdapter;
 /// The states of the agent's links that belong to no application, for the operators' status.
 
 /// "manager": the local proxy and the manager-side proxies behind it; "verticals": those whose road is down.
-void DescribeManager(std::vector<PartState>* parts);
+void DescribeManager(const TnProxyClientCommon& proxy, std::vector<PartState>* parts);
 /// "dataplane link".
 void DescribeDataplane(const LcpAdapter& adapter, std::vector<PartState>* parts);
 /// "store".  `client` may be null on a node without one.

@@ -99,14 +99,18 @@ int Run(const std::vector<std::string>& words) {
   if (timeout_ms < 1 || timeout_ms > kLongestTimeoutMs) {
     throw Failure(kUsage, "--timeout takes 1 to " + std::to_string(kLongestTimeoutMs) + " milliseconds");
   }
+  po::command_line_parser parser(left);
+  parser.options(own).positional(arguments).style(kStyle);
+  if (subcommand.passes_words_on) parser.allow_unregistered();
+  const po::parsed_options own_parsed = parser.run();
   po::variables_map own_options;
-  po::store(po::command_line_parser(left).options(own).positional(arguments).style(kStyle).run(),
-            own_options);
+  po::store(own_parsed, own_options);
   po::notify(own_options);
 
   const DaemonClient daemon(options["socket"].as<std::string>(), std::chrono::milliseconds(timeout_ms));
   Screen screen(Screen::WantsColours());
-  return subcommand.run({daemon, screen, options.count("json") != 0, own_options});
+  return subcommand.run({daemon, screen, options.count("json") != 0, own_options,
+                         po::collect_unrecognized(own_parsed.options, po::include_positional)});
 }
 
 }  // namespace

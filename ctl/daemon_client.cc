@@ -16,8 +16,12 @@ std::string DaemonClient::Ask(const std::string& command, const std::vector<std:
       socket_call(path_.c_str(), timeout_.count(), command.c_str(), words.data(), words.size(), &raw);
   const std::unique_ptr<char, decltype(&std::free)> text(raw, &std::free);
   switch (end) {
-    case SOCKET_CALL_ANSWERED:
-      return text.get();
+    case SOCKET_CALL_ANSWERED: {
+      // The protocol ends an answer with a line's end.
+      std::string answer = text.get();
+      while (!answer.empty() && answer.back() == '\n') answer.pop_back();
+      return answer;
+    }
     case SOCKET_CALL_REFUSED:
       throw Failure(kDegraded, text.get());
     case SOCKET_CALL_LATE:

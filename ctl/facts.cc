@@ -35,7 +35,6 @@ constexpr std::array kInventoryFacts = {
 constexpr std::array kStoreFacts = {
     Column{"state", "connection"},
     Column{"pending_writes", "writes waiting", Show::kNumber},
-    Column{"schema", "schema"},
 };
 
 constexpr std::array kAlarmFacts = {

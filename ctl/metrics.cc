@@ -12,7 +12,7 @@ namespace {
 int Run(const Work& work) {
   if (work.json) throw Failure(kUsage, "metrics are text for monitoring; there is no JSON of them");
   const std::string text = work.daemon.Ask("get/metrics");
-  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::printf("%s\n", text.c_str());
   return kHealthy;
 }
 

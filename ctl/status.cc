@@ -29,7 +29,7 @@ void ShowBrief(const Json& status, Screen& screen, Colour colour) {
 }
 
 void ShowFull(const Json& status, Screen& screen, Colour colour) {
-  screen.Line("zem-tarvik " + status["version"].text() + " on node " +
+  screen.Line(status["version"].text() + " on node " +
               (status["node_id"].text().empty() ? "without an id" : status["node_id"].text()) + ", up " +
               Age(status["uptime_seconds"].number()));
   screen.Line(status["state"].text(), colour);

@@ -24,6 +24,8 @@ struct Work {
   bool json;
   /// The subcommand's own options and arguments.
   const boost::program_options::variables_map& options;
+  /// What a subcommand that passes words on was given beside its own options, in order.
+  std::vector<std::string> words = {};
 };
 
 /// A row of the program's table.
@@ -37,6 +39,8 @@ struct Subcommand {
                   boost::program_options::positional_options_description* arguments);
   /// Returns the exit code; throws Failure.
   int (*run)(const Work& work);
+  /// It runs another command: options that are not its own are that one's.
+  bool passes_words_on = false;
 };
 
 /// All of them, in the order of the help.

@@ -30,8 +30,8 @@ void Declare(po::options_description* options, po::positional_options_descriptio
 
 // A daemon that goes away and comes back is what one watches for, so only wrong words end it.
 int Run(const Work& work) {
-  if (work.options.count("command") == 0) throw Failure(kUsage, "watch takes a command");
-  std::vector<std::string> words = work.options["command"].as<std::vector<std::string>>();
+  if (work.words.empty()) throw Failure(kUsage, "watch takes a command");
+  std::vector<std::string> words = work.words;
   if (words.front() == "watch") throw Failure(kUsage, "watch cannot watch itself");
   words.insert(words.end(), {"--socket", work.daemon.socket_path(), "--timeout",
                              std::to_string(work.daemon.timeout_ms())});
@@ -52,7 +52,7 @@ int Run(const Work& work) {
 }  // namespace
 
 extern const Subcommand kWatch;
-const Subcommand kWatch{"watch", " COMMAND...", "Repeats a command, also while the daemon is away", &Declare,
-                        &Run};
+const Subcommand kWatch{"watch",  " COMMAND...", "Repeats a command, also while the daemon is away",
+                        &Declare, &Run,          true};
 
 }  // namespace zem::ctl

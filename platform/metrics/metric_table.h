@@ -83,7 +83,7 @@ inline constexpr MetricRow kMetricRows[] = {
     {MetricId::kLoopLongest, "zem_tarvik_loop_longest_step_seconds", MetricKind::kGauge, "loop",
      "The loop's longest step since its start"},
     {MetricId::kLoopAge, "zem_tarvik_loop_step_age_seconds", MetricKind::kGauge, "loop",
-     "How long the loop has been at its step; 0 while it waits"},
+     "How long a loop that waits for nothing but its own work has been at its step; otherwise 0"},
     {MetricId::kQueueDepth, "zem_tarvik_queue_depth", MetricKind::kGauge, "queue", "Elements that wait"},
     {MetricId::kQueueMost, "zem_tarvik_queue_most", MetricKind::kGauge, "queue", "The most that ever waited"},
     {MetricId::kQueueLimit, "zem_tarvik_queue_limit", MetricKind::kGauge, "queue",

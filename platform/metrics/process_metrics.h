@@ -20,8 +20,7 @@ Latency& LatencyOf(MetricId id, std::string_view label = {});
 /// Measures from construction to destruction.
 class CallTimer {
  public:
-  CallTimer(MetricId latency, std::string_view label)
-      : CallTimer(LatencyOf(latency, label)) {}
+  CallTimer(MetricId latency, std::string_view label) : CallTimer(LatencyOf(latency, label)) {}
   explicit CallTimer(Latency& latency) : latency_(latency), begin_(Clock::Process().Now()) {}
   ~CallTimer() { latency_.Record(Clock::Process().Now() - begin_); }
   CallTimer(const CallTimer&) = delete;
