@@ -58,6 +58,7 @@ constexpr const char* kUsage =
     "  --zema FILE      the realization's JSON options\n"
     "  --datastore FOLDER  where VMs are made, for several nodes that see the same (the node's own)\n"
     "  --second         check alone: another node like it, which sees the same VMs' folders\n"
+    "  --launcher WORDS a program that becomes the daemon, whose path is put behind the words\n"
     "  --issue TEXT     the identity file's text; \"\" leaves it away\n"
     "  --clock-factor N all of the node lives N times as fast, up to 100 (1)\n"
     "  --no-daemon      the daemon is started by \"daemon/start\"\n"
@@ -115,6 +116,9 @@ int RunNode(Words words, const char* program) {
     } else if (option == "--clock-factor") {
       // Set before the clock is read for the first time; the daemon inherits the variable.
       ::setenv(zem::kClockFactorVariable, words.Take().c_str(), 1);
+    } else if (option == "--launcher") {
+      std::istringstream launcher(words.Take());
+      for (std::string word; launcher >> word;) node.launcher.push_back(word);
     } else if (option == "--issue") {
       node.issue = words.Take();
     } else if (option == "--no-daemon") {

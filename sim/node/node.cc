@@ -74,7 +74,10 @@ Node::Node(NodeOptions options) : options_(std::move(options)) {
   listeners_ = std::make_unique<RawListeners>(control_provider_.io());
   host_management_ = std::make_unique<HostManagement>();
   machines_ = std::make_unique<VirtualMachines>(*host_management_, host_state_.VmFile());
-  daemon_ = std::make_unique<DaemonProcess>(kDaemonPath, std::string(kNodeDirectory) + "/daemon.out");
+  std::vector<std::string> words = options_.launcher;
+  words.push_back(kDaemonPath);
+  daemon_ = std::make_unique<DaemonProcess>(words.front(), std::string(kNodeDirectory) + "/daemon.out",
+                                            std::vector<std::string>(words.begin() + 1, words.end()));
   daemon_->SetEnvironment("LD_LIBRARY_PATH", kLoadedLibraries);
   const std::string kill_page = std::string(kNodeDirectory) + "/kill-page";
   kill_switch_ = std::make_unique<KillSwitch>(kill_page);

@@ -3,6 +3,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/provider/provider.h"
 #include "sim/control/command_table.h"
@@ -54,6 +55,8 @@ struct NodeOptions {
   std::vector<std::string> aphs = {"0a000000-0000-4000-8000-000000000001",
                                    "0a000000-0000-4000-8000-000000000002",
                                    "0a000000-0000-4000-8000-000000000003"};
+  /// Words that start a program which becomes the daemon, whose path is put behind them; empty: none.
+  std::vector<std::string> launcher;
   bool start_daemon = true;
   /// Copies the daemon's log to standard output.
   bool follow_log = false;

@@ -41,6 +41,7 @@
 #include "sim/manager/manager_commands.h"
 #include "sim/manager/vif_commands.h"
 #include "sim/node/vm_commands.h"
+#include "sim/outsider/outsider_commands.h"
 #include "sim/profiles/profile_commands.h"
 #include "sim/sandbox/daemon_process.h"
 #include "sim/sandbox/sandbox.h"
@@ -112,6 +113,12 @@ class NeighbourPeer final : public OwnedByNode {
   void Register(CommandTable& table) override { RegisterNeighbourCommands(table, context_.host); }
   std::vector<std::string> Violations() const override { return NeighbourViolations(); }
   std::vector<std::string> Draw(size_t /*most*/) const override { return DrawNeighbours(); }
+};
+
+class OutsiderPeer final : public Peer {
+ public:
+  explicit OutsiderPeer(const PeerContext& /*context*/) {}
+  void Register(CommandTable& table) override { RegisterOutsiderCommands(table); }
 };
 
 class ServicePeer final : public Peer {
@@ -319,7 +326,10 @@ constexpr std::array kPeers = {
     PeerRow{"mux", "The guests' multiplexer; \"mux help\" lists its commands.", &Make<MuxRow>},
     PeerRow{"uploads", "The manager's target for files; \"uploads help\" lists its commands.",
             &Make<UploadPeer>},
-    PeerRow{"service", "The host's service manager; \"service help\" lists its commands.", &Make<ServicePeer>},
+    PeerRow{"outsider", "An unprivileged user's program; \"outsider help\" lists its commands.",
+            &Make<OutsiderPeer>},
+    PeerRow{"service", "The host's service manager; \"service help\" lists its commands.",
+            &Make<ServicePeer>},
     PeerRow{"vm", "The host's VMs; \"vm help\" lists their commands.", &Make<VmPeer>},
 };
 

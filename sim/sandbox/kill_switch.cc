@@ -10,8 +10,8 @@
 #include <system_error>
 
 #include "platform/core/unique_fd.h"
-#include "sim/killpoints/kill_page.h"
 #include "sim/data/data_folder.h"
+#include "sim/killpoints/kill_page.h"
 
 namespace zem::sim {
 

@@ -15,9 +15,9 @@ namespace zem::sim {
 struct SandboxOptions {
   /// An existing folder on the machine, for sockets and files that are used from outside.
   std::string directory;
-  /// The program that is installed at kDaemonPath.  When it is the one that the machine has there, the node has
-  /// the machine's installation with its options, and packages can be installed in it; otherwise "/etc/orlane"
-  /// starts empty.
+  /// The program that is installed at kDaemonPath.  When it is the one that the machine has there, the node
+  /// has the machine's installation with its options, and packages can be installed in it; otherwise
+  /// "/etc/orlane" starts empty.
   std::string daemon;
   /// A folder that is mounted at kHostScripts; empty: none.
   std::string host_scripts = "";

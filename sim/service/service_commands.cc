@@ -37,26 +37,30 @@ Json StateJson(const ServiceManager::State& state) {
 }  // namespace
 
 void RegisterServiceCommands(CommandTable& table, ServiceManager& service) {
-  table.Register({"state", "", "Shows what the daemon told: ready, status, how often it fed the watchdog.", 0, 0,
-                  [&service](const Arguments&, const Reply& reply) { reply.Ok(StateJson(service.state())); }});
-  table.Register({"watchdog", "SECONDS|off",
-                  "The daemon's next starts have a watchdog: silent for that long it is killed and restarted.",
-                  1, 1, [&service](const Arguments& arguments, const Reply& reply) {
-                    const auto seconds = NumberOf<uint32_t>(arguments[0] == "off" ? "0" : arguments[0]);
-                    if (!seconds || *seconds > kMostSeconds) return reply.Fail("up to 3600 seconds, or off");
-                    service.SetWatchdog(std::chrono::seconds(*seconds));
-                    reply.Ok();
-                  }});
-  table.Register({"block", "PATH",
-                  "Puts a pipe without a reader at a path: whoever opens it to write hangs, until \"unblock\".",
-                  1, 1, [](const Arguments& arguments, const Reply& reply) {
-                    if (::mkfifo(arguments[0].c_str(), 0600) < 0) return reply.Fail(std::strerror(errno));
-                    reply.Ok();
-                  }});
+  table.Register(
+      {"state", "", "Shows what the daemon told: ready, status, how often it fed the watchdog.", 0, 0,
+       [&service](const Arguments&, const Reply& reply) { reply.Ok(StateJson(service.state())); }});
+  table.Register(
+      {"watchdog", "SECONDS|off",
+       "The daemon's next starts have a watchdog: silent for that long it is killed and restarted.", 1, 1,
+       [&service](const Arguments& arguments, const Reply& reply) {
+         const auto seconds = NumberOf<uint32_t>(arguments[0] == "off" ? "0" : arguments[0]);
+         if (!seconds || *seconds > kMostSeconds) return reply.Fail("up to 3600 seconds, or off");
+         service.SetWatchdog(std::chrono::seconds(*seconds));
+         reply.Ok();
+       }});
+  table.Register(
+      {"block", "PATH",
+       "Puts a pipe without a reader at a path: whoever opens it to write hangs, until \"unblock\".", 1, 1,
+       [](const Arguments& arguments, const Reply& reply) {
+         if (::mkfifo(arguments[0].c_str(), 0600) < 0) return reply.Fail(std::strerror(errno));
+         reply.Ok();
+       }});
   table.Register({"unblock", "PATH", "Takes the pipe away, and lets go who hangs at it.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) {
                     const UniqueFd reader(::open(arguments[0].c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-                    if (!reader || ::unlink(arguments[0].c_str()) < 0) return reply.Fail(std::strerror(errno));
+                    if (!reader || ::unlink(arguments[0].c_str()) < 0)
+                      return reply.Fail(std::strerror(errno));
                     reply.Ok();
                   }});
 }

@@ -42,7 +42,8 @@ int Bind() {
 ServiceManager::ServiceManager(AsioZemProvider& provider, DaemonProcess& daemon)
     : daemon_(daemon), socket_(provider.io(), Bind()) {
   daemon_.SetEnvironment("NOTIFY_SOCKET", kSocket);
-  timer_ = provider.timers().ScheduleRepeated(kLookPeriod, [this] { Look(); }, TimerOptions::Default);
+  timer_ = provider.timers().ScheduleRepeated(
+      kLookPeriod, [this] { Look(); }, TimerOptions::Default);
   Wait();
 }
 

@@ -21,9 +21,9 @@ namespace zem::sim {
 
 class DaemonProcess;
 
-/// The service manager's side of the daemon: the socket on which the daemon tells how it is, and the watchdog,
-/// which kills and restarts a daemon that has been silent for too long.  As for a unit with NotifyAccess=main,
-/// only the daemon's own process is listened to.
+/// The service manager's side of the daemon: the socket on which the daemon tells how it is, and the
+/// watchdog, which kills and restarts a daemon that has been silent for too long.  As for a unit with
+/// NotifyAccess=main, only the daemon's own process is listened to.
 ///
 /// Threads: the provider's; operations from any thread.
 class ServiceManager {

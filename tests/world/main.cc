@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "platform/core/random.h"
+#include "sim/data/data_folder.h"
 #include "sim/host/host_state.h"
 #include "sim/sandbox/sandbox.h"
-#include "sim/data/data_folder.h"
 #include "tests/world/world_life.h"
 
 namespace {

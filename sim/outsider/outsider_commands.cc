@@ -1,0 +1,139 @@
+#include "sim/outsider/outsider_commands.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "sim/control/command_table.h"
+#include "sim/control/number.h"
+
+namespace zem::sim {
+namespace {
+
+constexpr uid_t kNobody = 65534;
+constexpr int kNotAnOutsider = 255;
+
+struct Attempt {
+  std::string path;
+  sockaddr_storage address{};
+  socklen_t address_size = 0;
+  int type = SOCK_STREAM;
+  int number = 0;
+};
+
+int OpenTo(const Attempt& attempt, int flags) {
+  const int fd = ::open(attempt.path.c_str(), flags | O_CLOEXEC | O_NONBLOCK);
+  return fd >= 0 ? 0 : errno;
+}
+int Read(const Attempt& attempt) { return OpenTo(attempt, O_RDONLY); }
+int Write(const Attempt& attempt) { return OpenTo(attempt, O_WRONLY); }
+int Run(const Attempt& attempt) { return ::access(attempt.path.c_str(), X_OK) == 0 ? 0 : errno; }
+int Make(const Attempt& attempt) {
+  const int fd = ::open(attempt.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) return errno;
+  ::unlink(attempt.path.c_str());
+  return 0;
+}
+int Connect(const Attempt& attempt) {
+  const int fd = ::socket(attempt.address.ss_family, attempt.type | SOCK_CLOEXEC, 0);
+  if (fd < 0) return errno;
+  return ::connect(fd, reinterpret_cast<const sockaddr*>(&attempt.address), attempt.address_size) == 0
+             ? 0
+             : errno;
+}
+int Signal(const Attempt& attempt) { return ::kill(attempt.number, 0) == 0 ? 0 : errno; }
+
+// The child of a process with threads may only make system calls.
+std::optional<int> AsNobody(int (*what)(const Attempt&), const Attempt& attempt) {
+  const pid_t child = ::fork();
+  if (child < 0) return std::nullopt;
+  if (child == 0) {
+    const bool outside = ::setgroups(0, nullptr) == 0 && ::setresgid(kNobody, kNobody, kNobody) == 0 &&
+                         ::setresuid(kNobody, kNobody, kNobody) == 0;
+    ::_exit(outside ? what(attempt) : kNotAnOutsider);
+  }
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) == kNotAnOutsider) return std::nullopt;
+  return WEXITSTATUS(status);
+}
+
+void Answer(int (*what)(const Attempt&), const Attempt& attempt, const Reply& reply) {
+  const auto error = AsNobody(what, attempt);
+  if (!error) return reply.Fail("no process of an unprivileged user");
+  Json json = JsonObject();
+  AddMember(json.get(), "outcome", *error == 0 ? "permitted" : std::strerror(*error));
+  reply.Ok(std::move(json));
+}
+
+// "PORT" is TCP at 127.0.0.1, "ADDRESS:PORT" at another address; anything with a "/" is a socket in the file
+// system.
+bool AddressOf(const std::string& text, Attempt* attempt) {
+  if (text.find('/') != std::string::npos) {
+    auto* const address = reinterpret_cast<sockaddr_un*>(&attempt->address);
+    if (text.size() >= sizeof(address->sun_path)) return false;
+    address->sun_family = AF_UNIX;
+    std::memcpy(address->sun_path, text.data(), text.size());
+    attempt->address_size = sizeof(*address);
+    return true;
+  }
+  const size_t colon = text.rfind(':');
+  const std::string host = colon == std::string::npos ? "127.0.0.1" : text.substr(0, colon);
+  const auto port = NumberOf<uint16_t>(colon == std::string::npos ? text : text.substr(colon + 1));
+  auto* const address = reinterpret_cast<sockaddr_in*>(&attempt->address);
+  address->sin_family = AF_INET;
+  address->sin_port = htons(port.value_or(0));
+  attempt->address_size = sizeof(*address);
+  return port && ::inet_pton(AF_INET, host.c_str(), &address->sin_addr) == 1;
+}
+
+}  // namespace
+
+void RegisterOutsiderCommands(CommandTable& table) {
+  struct Row {
+    const char* name;
+    const char* help;
+    int (*what)(const Attempt&);
+  };
+  constexpr Row kFiles[] = {{"read", "Opens a file or folder for reading.", &Read},
+                            {"write", "Opens a file for writing, and changes nothing.", &Write},
+                            {"make", "Makes a new file, and takes it away again.", &Make},
+                            {"run", "Asks whether it may execute a file.", &Run}};
+  for (const Row& row : kFiles) {
+    table.Register(
+        {row.name, "PATH", row.help, 1, 1, [what = row.what](const Arguments& arguments, const Reply& reply) {
+           Attempt attempt;
+           attempt.path = arguments[0];
+           Answer(what, attempt, reply);
+         }});
+  }
+  table.Register({"connect", "PATH|PORT|ADDRESS:PORT [datagram]", "Connects to a socket.", 1, 2,
+                  [](const Arguments& arguments, const Reply& reply) {
+                    Attempt attempt;
+                    if (!AddressOf(arguments[0], &attempt)) return reply.Fail("no address");
+                    if (arguments.size() > 1) attempt.type = SOCK_DGRAM;
+                    Answer(&Connect, attempt, reply);
+                  }});
+  table.Register({"signal", "PID", "Asks whether it may send a process signals.", 1, 1,
+                  [](const Arguments& arguments, const Reply& reply) {
+                    const auto pid = NumberOf<int>(arguments[0]);
+                    if (!pid || *pid <= 0) return reply.Fail("no process id");
+                    Attempt attempt;
+                    attempt.number = *pid;
+                    Answer(&Signal, attempt, reply);
+                  }});
+}
+
+}  // namespace zem::sim
