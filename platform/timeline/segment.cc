@@ -79,19 +79,22 @@ StepRecord* Segment::Begin(std::string_view name, TimePoint start, bool importan
 }
 
 StepRecord* Segment::Join(std::string_view name) {
+  if (operation_.bytes() < kCrowdedBytes) return nullptr;
   if (last_ == nullptr || last_->name.data() != name.data() || last_->depth != depth) return nullptr;
   if (last_->failed || last_->duration_ns.load(std::memory_order_relaxed) < 0) return nullptr;
-  if (operation_.bytes() < kCrowdedBytes) return nullptr;
   last_->count.fetch_add(1, std::memory_order_relaxed);
   return last_;
 }
 
 void Segment::AddText(StepRecord* step, std::string_view key, std::string_view text) {
-  void* const place = Allocate(sizeof(TextPart), false);
+  text = text.substr(0, kMostText);
+  void* const place = Allocate(sizeof(TextPart) + text.size(), false);
   if (place == nullptr) return;
   auto* const part = new (place) TextPart;
+  char* const bytes = static_cast<char*>(place) + sizeof(TextPart);
+  std::memcpy(bytes, text.data(), text.size());
   part->key = key;
-  part->text = Keep(text, false);
+  part->text = {bytes, text.size()};
   (step->last_part == nullptr ? step->parts : step->last_part->next).store(part, std::memory_order_release);
   step->last_part = part;
 }

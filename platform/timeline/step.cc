@@ -6,21 +6,28 @@
 
 namespace zem::timeline {
 
-Step::Step(std::string_view name, std::string_view detail) : record_(nullptr) {
-  Segment* const segment = CurrentSegment();
-  if (segment == nullptr) return;
-  record_ = segment->Join(name);
+Step::Step(std::string_view name, std::string_view detail)
+    : Step(name, CurrentSegment() == nullptr ? TimePoint() : Clock::Process().Now()) {
+  if (record_ != nullptr && !joined_ && !detail.empty()) counted_->AddText(record_, {}, detail);
+}
+
+Step::Step(std::string_view name, TimePoint start) : record_(nullptr), counted_(CurrentSegment()) {
+  if (counted_ == nullptr) return;
+  record_ = counted_->Join(name);
   joined_ = record_ != nullptr;
-  if (!joined_) record_ = segment->Begin(name, Clock::Process().Now(), false);
-  ++segment->depth;
-  if (record_ != nullptr && !joined_ && !detail.empty()) segment->AddText(record_, {}, detail);
-  counted_ = segment;
+  if (!joined_) record_ = counted_->Begin(name, start, false);
+  ++counted_->depth;
 }
 
 Step::~Step() {
   if (counted_ == nullptr) return;
   --counted_->depth;
-  if (record_ != nullptr) counted_->End(record_, Clock::Process().Now());
+  if (record_ != nullptr && !ended_) counted_->End(record_, Clock::Process().Now());
+}
+
+void Step::End(TimePoint now) {
+  if (record_ != nullptr) counted_->End(record_, now);
+  ended_ = true;
 }
 
 void Step::Detail(std::string_view key, std::string_view value) {

@@ -15,6 +15,8 @@ struct StepRecord;
 class Step {
  public:
   explicit Step(std::string_view name, std::string_view detail = {});
+  /// For a caller that has read the clock for purposes of its own.
+  Step(std::string_view name, TimePoint start);
   ~Step();
   Step(const Step&) = delete;
   Step& operator=(const Step&) = delete;
@@ -24,13 +26,16 @@ class Step {
   void Detail(std::string_view key, std::string_view value);
   /// How it ended; at most once.
   void Result(std::string_view text, bool failed);
+  /// It ended at `now`, rather than with this object.
+  void End(TimePoint now);
   /// A library's code; 0 is success.
   void ResultCode(uint32_t code);
 
  private:
   StepRecord* record_;
-  Segment* counted_ = nullptr;  // whose depth it is part of
-  bool joined_ = false;         // the record is of an earlier step, too
+  Segment* counted_;  // whose depth it is part of
+  bool ended_ = false;
+  bool joined_ = false;  // the record is of an earlier step, too
 };
 
 /// Whether steps of this thread are recorded; for texts that only a step needs.

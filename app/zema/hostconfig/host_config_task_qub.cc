@@ -148,6 +148,10 @@ void HostConfigTaskQub::ApplyHostConfig(bool upgrade, bool reset) {
   if (!PreCheck(first, upgrade, reset)) return;
   const MonitorLock lock(monitor_);
   if (!ConvertDvsUuidsAndPopulateKnlMigrationMap(&message_, &migration_map_, errors_)) return;
+  if (const timeline::OperationPtr operation = timeline::Current()) {
+    // The lists of the node's switches show the host's form of their ids.
+    for (const auto& host_switch : message_.host_switches()) operation->AddKey(host_switch.id());
+  }
   Switches switches = Switches::kNotReached;
   {
     InterfaceMigration check(context_->lum, errors_, context_->migration, {});

@@ -18,7 +18,7 @@ class LibraryStep {
   /// `function` has to live forever.
   explicit LibraryStep(std::string_view function, std::string_view on, std::string_view port = {},
                        std::string_view property = {})
-      : figures_(FiguresOf(function)), timer_(figures_.latency), step_(function) {
+      : figures_(FiguresOf(function)), begun_(Clock::Process().Now()), step_(function, begun_) {
     if (!step_.recorded()) return;
     char text[192];
     size_t length = 0;
@@ -34,12 +34,16 @@ class LibraryStep {
 
   /// Takes the library's result and returns it.
   uint32_t operator()(uint32_t code) {
+    // One reading of the clock for both.
+    const TimePoint now = Clock::Process().Now();
+    figures_.latency.Record(now - begun_);
     if (code != 0 && code != kSwitchNotFound) figures_.errors.Add();
     if (code == 0 || !step_.recorded()) {
       step_.ResultCode(code);
     } else {
       step_.Result(SwitchErrorText(code), code != kSwitchNotFound);
     }
+    step_.End(now);
     return code;
   }
 
@@ -58,7 +62,7 @@ class LibraryStep {
   }
 
   const Figures& figures_;
-  const metrics::CallTimer timer_;
+  const TimePoint begun_;
   timeline::Step step_;
 };
 
