@@ -98,12 +98,18 @@ endif()
 function(zem_precompiled target kind)
   if(ZEM_PRECOMPILED)
     target_precompile_headers(${target} REUSE_FROM zem_precompiled_${kind})
+    get_target_property(sources ${target} SOURCES)
+    foreach(source IN LISTS sources)
+      if(source IN_LIST zem_not_precompiled)
+        set_source_files_properties(${source} PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
+      endif()
+    endforeach()
   endif()
 endfunction()
 
 # In these sources g++ 12 takes the standard library's string concatenation for a write beyond the string, when it inlines
 # it from a precompiled header in a hardened build.
-set(zem_not_precompiled borders.cc service_notifier.cc edge_service.cc lum_handler.cc config_ops_manager.cc high_performance_profile.cc
+set(zem_not_precompiled service_notifier.cc world_services.cc world_traces.cc edge_service.cc lum_handler.cc config_ops_manager.cc high_performance_profile.cc
   mmode_config_task.cc port_opaque_data.cc resync_round.cc dataplane_commands.cc host_setup.cc detection_commands.cc
   capture_tools.cc node.cc firewall_commands.cc)
 
@@ -113,11 +119,6 @@ function(zem_library name)
   add_library(${name} STATIC ${ARG_SOURCES})
   target_link_libraries(${name} PUBLIC zem_options ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK})
   zem_precompiled(${name} library)
-  foreach(source IN LISTS ARG_SOURCES)
-    if(source IN_LIST zem_not_precompiled)
-      set_source_files_properties(${source} PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
-    endif()
-  endforeach()
 endfunction()
 
 # zem_folder(name LINK ... PRIVATE_LINK ...): the library of a folder in which every class is one source.
