@@ -25,9 +25,7 @@ FleetAgent::FleetAgent(AsioZemProvider& provider, int host)
 
 FleetAgent::~FleetAgent() { Stop(); }
 
-bool FleetAgent::ready() const {
-  return Waiting().empty();
-}
+bool FleetAgent::ready() const { return Waiting().empty(); }
 
 std::vector<std::string> FleetAgent::Waiting() const {
   std::vector<std::string> names;

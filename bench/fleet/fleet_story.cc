@@ -16,8 +16,9 @@ constexpr auto kStep = std::chrono::seconds(1);
 constexpr int kPatienceS = 600;
 constexpr int kManagerAwayS = 60;
 constexpr int kStoreAwayS = 60;
-// An upgrade takes a hundredth of the fabric at a time, and a host is away this long.
-constexpr int kWaves = 100;
+constexpr int kListS = 10;
+// An upgrade takes a twentieth of the fabric at a time, and a host is away this long.
+constexpr int kWaves = 20;
 constexpr int kUpgradeS = 5;
 
 std::string StoreEndpoint(int host) {
@@ -113,8 +114,7 @@ void Fabric::Step(Seconds* seconds) {
 
 void Fabric::UntilReady(Seconds* seconds) {
   for (int waited = 0; ready() < hosts() || stores_connected() < hosts(); ++waited) {
-    if (waited == kPatienceS)
-      throw std::runtime_error(Missing());
+    if (waited == kPatienceS) throw std::runtime_error(Missing());
     Step(seconds);
   }
 }
@@ -134,11 +134,12 @@ void Fabric::RestartManager(Seconds* seconds) {
 }
 
 void Fabric::ChangeAphs(Seconds* seconds) {
+  // A vertical counts as served until its agent has seen the new list.
   manager_->MoveMaster();
-  Step(seconds);
+  for (int i = 0; i < kListS; ++i) Step(seconds);
   UntilReady(seconds);
   manager_->ReplaceAph();
-  Step(seconds);
+  for (int i = 0; i < kListS; ++i) Step(seconds);
   UntilReady(seconds);
 }
 
