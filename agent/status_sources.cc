@@ -22,9 +22,6 @@ void DescribeVerticals(std::vector<PartState>* parts) {
     if (vertical != nullptr && vertical->traits.only_serves) continue;
     ++asking;
     if (client->connection_state() == MpaClient::kConnected) continue;
-    // One that only serves is never told that it is served.
-    const Vertical* const vertical = FindVertical(name);
-    if (vertical != nullptr && vertical->traits.only_serves) continue;
     down += (count++ == 0 ? "" : ", ") + name;
   }
   if (asking == 0) return;

@@ -109,7 +109,7 @@ endfunction()
 
 # In these sources g++ 12 takes the standard library's string concatenation for a write beyond the string, when it inlines
 # it from a precompiled header in a hardened build.
-set(zem_not_precompiled service_notifier.cc world_services.cc world_traces.cc edge_service.cc lum_handler.cc config_ops_manager.cc high_performance_profile.cc
+set(zem_not_precompiled borders.cc service_notifier.cc world_services.cc world_traces.cc edge_service.cc lum_handler.cc config_ops_manager.cc high_performance_profile.cc
   mmode_config_task.cc port_opaque_data.cc resync_round.cc dataplane_commands.cc host_setup.cc detection_commands.cc
   capture_tools.cc node.cc firewall_commands.cc)
 
