@@ -99,7 +99,7 @@ if(ZEM_PRECOMPILED)
   target_compile_options(zem_precompiled_test PRIVATE -O0 -U_FORTIFY_SOURCE)
 endif()
 
-# In these sources the same goes for another warning, which is worth having in all others.
+# In these sources the same goes for other warnings, which are worth having in all others.
 set(zem_false_overflow edge_service.cc lum_handler.cc config_ops_manager.cc high_performance_profile.cc mmode_config_task.cc
   port_opaque_data.cc resync_round.cc dataplane_commands.cc host_setup.cc detection_commands.cc capture_tools.cc node.cc
   firewall_commands.cc borders.cc service_notifier.cc world_services.cc world_traces.cc vm_worker.cc sweep/sweep_host.cc
@@ -112,7 +112,8 @@ function(zem_precompiled target kind)
     get_target_property(sources ${target} SOURCES)
     foreach(source IN LISTS sources)
       if(source IN_LIST zem_false_overflow)
-        set_source_files_properties(${source} PROPERTIES COMPILE_OPTIONS -Wno-stringop-overflow)
+        set_source_files_properties(${source} PROPERTIES COMPILE_OPTIONS
+          "-Wno-stringop-overflow;-Wno-stringop-overread;-Wno-restrict")
       endif()
     endforeach()
   endif()
