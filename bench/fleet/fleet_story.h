@@ -70,6 +70,7 @@ class Fabric {
   std::vector<std::shared_ptr<covedb::CoveDbClient>> store_clients_;
   std::unique_ptr<FleetManager> manager_;
   std::vector<std::unique_ptr<FleetAgent>> agents_;
+  Load counted_;  // up to the last second that was told
   size_t bytes_without_agents_ = 0;
 };
 
