@@ -69,7 +69,7 @@ constexpr const char* kProxyEndpoint = "tcp://127.0.0.1:9004";
 constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
 constexpr const char* kStoreClientId = "tarvik-agent";
 // In the folder of the realization's other state, whose operations it tells of.
-constexpr const char* kTimelinesPath = "/etc/orlane/zema/failed_operations.jsonl";
+constexpr const char* kTimelinesPath = "/etc/orlane/zem-tarvik/failed_operations.jsonl";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
 // Every process of the host may connect to the health service.

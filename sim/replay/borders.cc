@@ -14,7 +14,7 @@ namespace {
 constexpr size_t kMostShown = 20;
 constexpr const char* kStateFolder = "/etc/orlane/zema";
 // Names and times of one life.
-constexpr std::array<std::string_view, 2> kOtherFiles = {"failed_operations.jsonl", ".tmp"};
+constexpr std::array<std::string_view, 1> kOtherFiles = {".tmp"};
 constexpr std::array kVerticals = {"SwitchingVertical", "ControllerMgmtVertical"};
 constexpr std::array kStoreTypes = {"112", "116", "123", "125"};
 constexpr std::array<std::string_view, 7> kQuestions = {"Get", "get", "Is", "Check", "check", "ping", "VM"};
