@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <span>
 #include <string_view>
 
@@ -75,16 +76,18 @@ constexpr const OptionRow* FindOption(std::string_view key) {
   return nullptr;
 }
 
-/// A key that the table has; any other does not compile.
+/// A key that the table has; any other does not compile.  It keeps the row's place, because sanitized builds
+/// do not take a comparison of addresses for constant.
 class OptionKey {
  public:
-  consteval OptionKey(const char* key) : row_(FindOption(key)) {  // NOLINT(google-explicit-constructor)
-    if (row_ == nullptr) throw "the table of options does not have this key";
+  consteval OptionKey(const char* key) {  // NOLINT(google-explicit-constructor)
+    while (index_ < std::size(kOptionRows) && kOptionRows[index_].key != key) ++index_;
+    if (index_ == std::size(kOptionRows)) throw "the table of options does not have this key";
   }
-  constexpr const OptionRow& row() const { return *row_; }
+  constexpr const OptionRow& row() const { return kOptionRows[index_]; }
 
  private:
-  const OptionRow* row_;
+  size_t index_ = 0;
 };
 
 }  // namespace zem::Tarvik
