@@ -142,20 +142,36 @@ const char* StateWord(SessionState state) {
   return "unknown";
 }
 
-JsonValue SessionJson(const SessionView& session) {
+// The members of a session in an answer.  Operators' and programs' commands tell the same in other words.
+struct SessionNames {
+  const char* id;
+  const char* type;
+  const char* interface;
+  const char* duration;
+};
+constexpr SessionNames kOperatorNames{"sessionId", "interfaceType", "interfaceName", "duration"};
+constexpr SessionNames kProgramNames{"id", "interface_type", "interface", "seconds"};
+
+// All but the state, which comes last.
+JsonValue SessionFacts(const SessionView& session, const SessionNames& names) {
   const PktCapRequestMsg& request = session.request;
   const CapturePoint* const point = FindCapturePoint(request.cap_type());
   const char* const direction = DirectionWord(request.direction());
   const bool stream = request.cap_mode() == kStreamMode;
   JsonValue json = JsonValue::Object();
-  json.Add("sessionId", session.id)
-      .Add("interfaceType", point != nullptr ? point->parameter : "")
-      .Add("interfaceName", request.cap_value())
+  json.Add(names.id, session.id)
+      .Add(names.type, point != nullptr ? point->parameter : "")
+      .Add(names.interface, request.cap_value())
       .Add("direction", direction != nullptr ? direction : "")
       .Add("mode", stream ? "stream" : "file")
       .Add("target", stream ? request.stream_address() : session.destination)
-      .Add("duration", request.cap_duration())
-      .Add("state", static_cast<unsigned>(session.state));
+      .Add(names.duration, request.cap_duration());
+  return json;
+}
+
+JsonValue SessionJson(const SessionView& session) {
+  JsonValue json = SessionFacts(session, kOperatorNames);
+  json.Add("state", static_cast<unsigned>(session.state));
   return json;
 }
 
@@ -192,19 +208,8 @@ void GetCaptures(PktCapApp& app, CliReply reply) {
   JsonValue list = JsonValue::Array();
   if (app.running()) {
     for (const SessionView& session : app.List()) {
-      const PktCapRequestMsg& request = session.request;
-      const CapturePoint* const point = FindCapturePoint(request.cap_type());
-      const char* const direction = DirectionWord(request.direction());
-      const bool stream = request.cap_mode() == kStreamMode;
-      JsonValue row = JsonValue::Object();
-      row.Add("id", session.id)
-          .Add("interface_type", point != nullptr ? point->parameter : "")
-          .Add("interface", request.cap_value())
-          .Add("direction", direction != nullptr ? direction : "")
-          .Add("mode", stream ? "stream" : "file")
-          .Add("target", stream ? request.stream_address() : session.destination)
-          .Add("seconds", request.cap_duration())
-          .Add("state", StateWord(session.state));
+      JsonValue row = SessionFacts(session, kProgramNames);
+      row.Add("state", StateWord(session.state));
       list.Append(std::move(row));
     }
   }
