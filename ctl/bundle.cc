@@ -21,10 +21,10 @@ namespace {
 
 namespace po = boost::program_options;
 
-constexpr std::array kQuestions = {"get/status",   "get/verticals", "get/tasks",     "get/queueFigures",
-                                   "get/store",    "get/switches",  "get/ports",     "get/guests",
-                                   "get/alarms",   "get/captures",  "get/inventory", "get/options",
-                                   "get/loglevel", "get/lum",       "get/metrics"};
+constexpr std::array kQuestions = {
+    "get/status",  "get/verticals", "get/tasks",  "get/queueFigures", "get/store",    "get/switches",
+    "get/ports",   "get/vifs",      "get/guests", "get/alarms",       "get/captures", "get/inventory",
+    "get/options", "get/loglevel",  "get/lum",    "get/why",          "get/metrics"};
 constexpr mode_t kOwnerOnly = 0600;
 
 void Declare(po::options_description* options, po::positional_options_description* arguments) {
