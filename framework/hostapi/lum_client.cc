@@ -74,7 +74,10 @@ void LumClient::Register(const boost::intrusive_ptr<LumLink>& link) {
   // A link that fails is in use, and its user may have let go of the client.
   link->SetErrorCallback(
       [self = boost::intrusive_ptr<LumClient>(this)](LumLink* failed) { self->LinkErrorHandle(failed); });
-  links_[link->path()] = link;
+  boost::intrusive_ptr<LumLink>& current = links_[link->path()];
+  // A link that is replaced is its user's alone: its failure must not reset the others.
+  if (current && current != link) current->SetErrorCallback(nullptr);
+  current = link;
 }
 
 void LumClient::Unregister(const std::string& path) {

@@ -15,6 +15,8 @@ namespace {
 
 constexpr size_t kChunkBytes = 2048;
 constexpr size_t kMostText = 240;
+// Stands for a result that the operation has no memory left for, so that it does not read as none.
+constexpr std::string_view kLeftOut = "(left out)";
 constexpr size_t kCrowdedBytes = size_t{24} << 10;
 
 size_t Aligned(size_t size) {
@@ -58,7 +60,7 @@ std::string_view Segment::Keep(std::string_view text, bool important) {
   text = text.substr(0, kMostText);
   if (text.empty()) return {};
   void* const place = Allocate(text.size(), important);
-  if (place == nullptr) return {};
+  if (place == nullptr) return kLeftOut;
   std::memcpy(place, text.data(), text.size());
   return {static_cast<const char*>(place), text.size()};
 }

@@ -105,6 +105,19 @@ TEST_F(LumClientTest, AFailureHasOneReset) {
   EXPECT_EQ(log_.Count("LumClient Reset..."), 1U);
 }
 
+TEST_F(LumClientTest, AReplacedLinkResetsNothing) {
+  test::UnixPeer peer(directory_.Path("a"));
+  const auto old = Link("a");
+  client_->Start();
+  clock_.RunFor(seconds(1));
+  peer.Accept();
+  const auto link = Link("a");
+  peer.Close();
+  Fail(*old);
+  EXPECT_EQ(client_->state(), LumClient::State::kRunning);
+  EXPECT_EQ(client_->spawns, 1);
+}
+
 // A link fails before the start is through: the start's end must not hide that.
 TEST_F(LumClientTest, AFailureDuringTheStartIsHealed) {
   test::UnixPeer peer(directory_.Path("a"));
