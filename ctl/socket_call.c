@@ -89,8 +89,8 @@ static enum socket_call_end call(const char* path, long long timeout_ms, const c
   return end;
 }
 
-/* The library writes to the socket as a daemon does that ignores SIGPIPE.  This program wants the signal for its
- * own output, whose reader may leave. */
+/* The library writes to the socket as a daemon does that ignores SIGPIPE.  This program wants the signal for
+ * its own output, whose reader may leave. */
 enum socket_call_end socket_call(const char* path, long long timeout_ms, const char* command,
                                  const char* const* arguments, size_t count, char** text) {
   struct sigaction ignored = {.sa_handler = SIG_IGN};

@@ -11,6 +11,7 @@
 #include <set>
 #include <sstream>
 
+#include "framework/options/option_table.h"
 #include "tests/support/temp_dir.h"
 
 namespace zem::Tarvik {
