@@ -13,6 +13,7 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -49,15 +50,16 @@ constexpr const char* kHost =
 constexpr const char* kEngine =
     "file/write /etc/orlane/zem-tarvik/zem-ctxteng.xml "
     "\"<config><ctxteng><metrics><numWorkerThreads>4</numWorkerThreads><maxEventsPerVm>50</maxEventsPerVm>"
-    "<listenPort>48655</listenPort></metrics><clients><sampleClient>true</sampleClient></clients></ctxteng>"
+    "<listenPort>48655</listenPort></metrics><clients><ZemiClient>true</ZemiClient></clients></ctxteng>"
     "</config>\"";
 
 void SetUp(NodeProcess& node) {
   node.Do(kEngine);
   for (int i = 1; i <= kGuests; ++i) {
     const std::string number = std::to_string(i);
-    node.Do("guest add g" + number + " --os windows --uuid \"50 2a 11 22 33 44 55 66-77 88 99 aa bb cc dd 0" +
-            number + "\"");
+    const std::string uuid = "\"50 2a 11 22 33 44 55 66-77 88 99 aa bb cc dd 0" + number + "\"";
+    node.Do("fw filter " + uuid + " 500" + number);
+    node.Do("guest add g" + number + " --os windows --uuid " + uuid);
     node.Do("guest user g" + number + " ann --id S-1-5-21-7-1001 --domain shop");
     node.Do("guest logon g" + number + " ann --session 1");
     node.Do("guest proc g" + number + " 101 --user ann --exe C:\\\\web.exe");
@@ -73,7 +75,14 @@ void SetUp(NodeProcess& node) {
   node.Await("host-management", kPatience,
              [](const cJSON* state) { return cJSON_IsTrue(At(state, "connected")) != 0; });
   node.Do("vm create --count " + std::to_string(kVms) + " vm eth0::web");
-  node.Do("guest tick");
+  // The guests' events come while the manager wants reports of flows.
+  const std::string brokers = TextAt(node.Do("kafka start 1").get(), "tls");
+  node.Do("profile agent " + brokers);
+  node.Do("profile flow on --interval 1");
+  node.Await("guest show", kPatience, [&node](const cJSON* guests) {
+    node.Do("guest tick");
+    return NumberAt(cJSON_GetArrayItem(guests, 0), "mask") != 0;
+  });
 }
 
 // Repeats its commands until the end; each storm has a connection of its own to the node.
@@ -141,6 +150,13 @@ std::vector<Row> Ask(NodeProcess& node, std::chrono::seconds time) {
   return rows;
 }
 
+double GuestEvents(NodeProcess& node) {
+  constexpr std::string_view kMetric = "\nzem_tarvik_guest_events_total ";
+  const std::string text = TextAt(node.Do("tarvikctl metrics").get(), "text");
+  const size_t at = text.find(kMetric);
+  return at == std::string::npos ? 0 : std::strtod(text.c_str() + at + kMetric.size(), nullptr);
+}
+
 void Tell(const char* phase, const std::vector<Row>& rows) {
   for (size_t i = 0; i < rows.size(); ++i) {
     const double p99 = rows[i].At(0.99);
@@ -165,11 +181,14 @@ int Run(int seconds) {
     storms.push_back("guest storm g" + std::to_string(i) +
                      " --pid 101 --from 10.0.0.1 --to 10.0.0.2@80 --count 2000");
   }
+  const double events = GuestEvents(node);
   Storm guests(node, storms);
   Storm vifs(node, {"vm power-on vm-*", "vm power-off vm-*"});
   Tell("load", Ask(node, time));
-  std::printf("# meanwhile: %d operations on interfaces, %d connections of guests\n", vifs.End() * kVms,
-              guests.End() * 2000);
+  const int operations = vifs.End() * kVms;
+  guests.End();
+  std::printf("# meanwhile: %d operations on interfaces, %.0f events of guests\n", operations,
+              GuestEvents(node) - events);
   for (const Storm* const storm : {&guests, &vifs}) {
     if (!storm->error().empty()) throw std::runtime_error(storm->error());
   }
