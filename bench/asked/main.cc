@@ -157,6 +157,16 @@ double GuestEvents(NodeProcess& node) {
   return at == std::string::npos ? 0 : std::strtod(text.c_str() + at + kMetric.size(), nullptr);
 }
 
+// What the command socket's thread itself took for its longest command: the rest of a wait is the machine's.
+double LongestCommandMs(NodeProcess& node) {
+  const Json answer = node.Do("tarvikctl tasks --json");
+  const cJSON* task = nullptr;
+  cJSON_ArrayForEach(task, At(answer.get(), "json.tasks")) {
+    if (TextAt(task, "name") == "commands") return NumberAt(task, "longest_us") / 1e3;
+  }
+  return 0;
+}
+
 void Tell(const char* phase, const std::vector<Row>& rows) {
   for (size_t i = 0; i < rows.size(); ++i) {
     const double p99 = rows[i].At(0.99);
@@ -187,6 +197,7 @@ int Run(int seconds) {
   Tell("load", Ask(node, time));
   const int operations = vifs.End() * kVms;
   guests.End();
+  std::printf("# longest step of the command socket's thread: %.1f ms\n", LongestCommandMs(node));
   std::printf("# meanwhile: %d operations on interfaces, %.0f events of guests\n", operations,
               GuestEvents(node) - events);
   for (const Storm* const storm : {&guests, &vifs}) {
