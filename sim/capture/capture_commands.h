@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "sim/capture/gre_receiver.h"
+#include "sim/capture/tap_server.h"
 #include "sim/capture/traffic.h"
 
 namespace zem::sim {
@@ -16,6 +17,7 @@ namespace zem::sim::capture {
 
 /// What the node has of packet capture beside the tools.
 struct CaptureHost {
+  TapServer taps;
   Traffic traffic;
   std::mutex mutex;  // guards receiver
   std::unique_ptr<GreReceiver> receiver;

@@ -9,34 +9,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <sstream>
 #include <stdexcept>
 
-#include "framework/process/child_process.h"
 #include "platform/core/unique_fd.h"
+#include "sim/capture/capture_point.h"
 
 namespace zem::sim::capture {
 namespace {
-
-constexpr const char* kScript = "/usr/lib64/orlane/zem-tarvik/pylum/zema/capture_points.py";
-
-struct Ends {
-  std::string guest;
-  std::string host;
-};
-
-Ends Resolve(const std::string& point) {
-  Tarvik::ChildProcess::Options options;
-  options.argv = {"/usr/bin/python3", kScript, "resolve", point};
-  const Tarvik::ChildResult result = Tarvik::ChildProcess(std::move(options)).Run();
-  Ends ends;
-  std::istringstream words(result.output);
-  words >> ends.guest >> ends.host;
-  if (result.end != Tarvik::ChildEnd::kExited || result.value != 0 || ends.host.empty()) {
-    throw std::runtime_error(result.errors.empty() ? "no capture point " + point : result.errors);
-  }
-  return ends;
-}
 
 // Sends frames at one device.
 class Sender {
@@ -64,7 +43,7 @@ class Sender {
 }  // namespace
 
 uint64_t Traffic::Inject(const std::string& point, const Frame& frame, uint64_t count, bool to_guest) {
-  const Ends ends = Resolve(point);
+  const PointEnds ends = ResolvePoint(point);
   const Sender sender(to_guest ? ends.host : ends.guest);
   const uint64_t first = next_.fetch_add(count);
   for (uint64_t i = 0; i < count; ++i) sender.Send(FrameBytes(frame, first + i));
@@ -72,7 +51,7 @@ uint64_t Traffic::Inject(const std::string& point, const Frame& frame, uint64_t 
 }
 
 void Traffic::StartFlow(const std::string& point, const Frame& frame, unsigned per_second) {
-  const Ends ends = Resolve(point);
+  const PointEnds ends = ResolvePoint(point);
   static_cast<void>(FrameBytes(frame, 0));
   auto flow = std::make_unique<Flow>();
   Flow* const started = flow.get();

@@ -3,8 +3,7 @@
 virtual Ethernet devices in the node's network.  What is sent at the guest's end of the pair comes in at the point; what
 is sent at the host's end goes out there.
 
-usage: capture_points.py interface KIND NAME     prints the host's end of the point
-       capture_points.py resolve POINT           prints both ends; POINT is VM.DEVICE or KIND:NAME
+usage: capture_points.py resolve POINT           prints both ends; POINT is VM.DEVICE or KIND:NAME
        capture_points.py make KIND NAME          makes a point that is not in the switch tree, such as a dvfilter
 
 Exit status: 0, or 1 when the host has no such point.
@@ -112,8 +111,6 @@ def resolve(state, point):
 def main(words):
     if len(words) == 3 and words[0] == "make":
         ends = ends_of(words[1], words[2])
-    elif len(words) == 3 and words[0] == "interface":
-        ends = resolve(simstate.State(), "%s:%s" % (words[1], words[2]))
     elif len(words) == 2 and words[0] == "resolve":
         ends = resolve(simstate.State(), words[1])
     else:
@@ -122,7 +119,7 @@ def main(words):
     if ends is None:
         print("the host has no such capture point: " + " ".join(words[1:]), file=sys.stderr)
         return 1
-    print(ends[1] if words[0] == "interface" else " ".join(ends))
+    print(" ".join(ends))
     return 0
 
 

@@ -4,8 +4,10 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "sim/control/command_table.h"
 #include "sim/control/number.h"
@@ -23,6 +26,10 @@ namespace {
 
 constexpr uid_t kNobody = 65534;
 constexpr int kNotAnOutsider = 255;
+constexpr size_t kLongestFolder = 256;
+// Their number is the exit status of the process that has them.
+constexpr int kLargestCrowd = 250;
+constexpr int kCrowdPatienceMs = 2000;
 
 struct Attempt {
   std::string path;
@@ -52,7 +59,43 @@ int Connect(const Attempt& attempt) {
              ? 0
              : errno;
 }
+// A folder of its own with a file in it, both left behind.
+int Plant(const Attempt& attempt) {
+  const size_t slash = attempt.path.rfind('/');
+  if (slash == std::string::npos || slash >= kLongestFolder) return EINVAL;
+  char folder[kLongestFolder] = {};
+  attempt.path.copy(folder, slash);
+  if (::mkdir(folder, 0755) < 0 && errno != EEXIST) return errno;
+  return ::open(attempt.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644) < 0 ? errno : 0;
+}
 int Signal(const Attempt& attempt) { return ::kill(attempt.number, 0) == 0 ? 0 : errno; }
+
+// So many connections at a time.  Returns how many of them the other side lets stand.
+int Crowd(const Attempt& attempt) {
+  pollfd connections[kLargestCrowd];
+  for (int i = 0; i < attempt.number; ++i) {
+    connections[i] = {::socket(attempt.address.ss_family, attempt.type | SOCK_CLOEXEC, 0), POLLIN, 0};
+    if (::connect(connections[i].fd, reinterpret_cast<const sockaddr*>(&attempt.address),
+                  attempt.address_size) < 0) {
+      ::close(std::exchange(connections[i].fd, -1));
+    }
+  }
+  // Those that are refused are closed one after another.
+  int standing = attempt.number;
+  for (bool moved = true; moved && standing > 0;) {
+    moved = ::poll(connections, static_cast<nfds_t>(attempt.number), kCrowdPatienceMs) > 0;
+    standing = 0;
+    for (int i = 0; i < attempt.number; ++i) {
+      char byte;
+      if (connections[i].fd >= 0 && connections[i].revents != 0 &&
+          ::recv(connections[i].fd, &byte, sizeof(byte), MSG_DONTWAIT) <= 0) {
+        ::close(std::exchange(connections[i].fd, -1));
+      }
+      standing += connections[i].fd >= 0 ? 1 : 0;
+    }
+  }
+  return standing;
+}
 
 // The child of a process with threads may only make system calls.
 std::optional<int> AsNobody(int (*what)(const Attempt&), const Attempt& attempt) {
@@ -110,6 +153,7 @@ void RegisterOutsiderCommands(CommandTable& table) {
   constexpr Row kFiles[] = {{"read", "Opens a file or folder for reading.", &Read},
                             {"write", "Opens a file for writing, and changes nothing.", &Write},
                             {"make", "Makes a new file, and takes it away again.", &Make},
+                            {"plant", "Makes a file, with its folder, and leaves both.", &Plant},
                             {"run", "Asks whether it may execute a file.", &Run}};
   for (const Row& row : kFiles) {
     table.Register(
@@ -125,6 +169,20 @@ void RegisterOutsiderCommands(CommandTable& table) {
                     if (!AddressOf(arguments[0], &attempt)) return reply.Fail("no address");
                     if (arguments.size() > 1) attempt.type = SOCK_DGRAM;
                     Answer(&Connect, attempt, reply);
+                  }});
+  table.Register({"crowd", "PATH|PORT|ADDRESS:PORT COUNT",
+                  "Connects so often at a time; shows how many connections are let stand.", 2, 2,
+                  [](const Arguments& arguments, const Reply& reply) {
+                    Attempt attempt;
+                    const auto count = NumberOf<int>(arguments[1]);
+                    if (!AddressOf(arguments[0], &attempt)) return reply.Fail("no address");
+                    if (!count || *count < 1 || *count > kLargestCrowd) return reply.Fail("up to 250");
+                    attempt.number = *count;
+                    const auto standing = AsNobody(&Crowd, attempt);
+                    if (!standing) return reply.Fail("no process of an unprivileged user");
+                    Json json = JsonObject();
+                    AddMember(json.get(), "standing", *standing);
+                    reply.Ok(std::move(json));
                   }});
   table.Register({"signal", "PID", "Asks whether it may send a process signals.", 1, 1,
                   [](const Arguments& arguments, const Reply& reply) {

@@ -49,10 +49,9 @@ void SetUpCaptureTools(const fs::path& scripts) {
   const fs::path programs(kCapturePrograms);
   fs::create_directories(programs / "python");
   fs::create_symlink("/usr/bin/python3", programs / "python/pktcap-uw");
-  // A copy, because a security profile of the machine may be bound to the original's path.
-  if (fs::exists("/usr/bin/tcpdump")) fs::copy_file("/usr/bin/tcpdump", programs / "pktcap-uw");
-  const fs::path filter = fs::path(DataFolder::Get().libraries) / "tcpdump-uw";
-  if (fs::exists(filter)) fs::create_symlink(filter, "/usr/bin/tcpdump-uw");
+  const fs::path built(DataFolder::Get().libraries);
+  if (fs::exists(built / "pktcap-uw")) fs::create_symlink(built / "pktcap-uw", programs / "pktcap-uw");
+  if (fs::exists(built / "tcpdump-uw")) fs::create_symlink(built / "tcpdump-uw", "/usr/bin/tcpdump-uw");
   fs::create_symlink(scripts / "pktcap-uw", "/usr/bin/pktcap-uw");
   for (const char* tool : {"find_portid", "knlctlProxy"}) {
     fs::create_symlink(scripts / tool, fs::path(kAgentTools) / tool);

@@ -50,10 +50,11 @@ class DataplaneChannelTest : public ChannelTest {
     const TimePoint begin = clock.Now();
     sim::Manager::SendRequest request{
         .vertical = vertical, .member = member, .text = text, .publish = publish};
-    const std::string error = manager->Send(request, [this, number, begin,
+    // A request without an answer is answered when the manager ends, after this object's own members.
+    const std::string error = manager->Send(request, [this, kept = answers_, number, begin,
                                                       vertical](const sim::HostAnswer& answer) {
       const std::lock_guard lock(mutex);
-      answers[number] = {answer.status.ok() ? sim::AnswerJson(vertical, answer) : answer.status.ToString(),
+      (*kept)[number] = {answer.status.ok() ? sim::AnswerJson(vertical, answer) : answer.status.ToString(),
                          clock.Now() - begin};
     });
     ASSERT_EQ(error, "");
@@ -104,7 +105,12 @@ class DataplaneChannelTest : public ChannelTest {
   std::unique_ptr<sim::DataplaneAgent> dataplane;
   boost::intrusive_ptr<Tarvik::LcpAdapter> adapter;
   size_t asked = 0;
-  std::map<size_t, Answer> answers;  // guarded by `mutex` while the clock runs
+
+ private:
+  const std::shared_ptr<std::map<size_t, Answer>> answers_ = std::make_shared<std::map<size_t, Answer>>();
+
+ protected:
+  std::map<size_t, Answer>& answers = *answers_;  // guarded by `mutex` while the clock runs
 
  private:
   metrics::Registry registry_;

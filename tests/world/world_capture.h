@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/capture/tap_server.h"
 #include "sim/capture/traffic.h"
 #include "sim/uploads/upload_sink.h"
 
@@ -64,6 +65,7 @@ class WorldCapture {
   VirtualClock& clock_;
   sim::Manager& manager_;
   sim::UploadSink sink_;
+  sim::capture::TapServer taps_;
   sim::capture::Traffic traffic_;
   std::unique_ptr<Tarvik::PktCapApp> app_;
   int sessions_ = 0;

@@ -54,6 +54,7 @@
 #include "framework/node/platform_info.h"
 #include "framework/process/atomic_file.h"
 #include "framework/process/command.h"
+#include "framework/process/own_folder.h"
 #include "framework/process/shutdown_pipe.h"
 #include "framework/tasks/thread_log_context.h"
 #include "platform/core/stop_signal.h"
@@ -322,6 +323,11 @@ void Realization::Impl::PrepareHost() {
 }
 
 void Realization::Impl::RestoreHostSwitch() {
+  if (OthersWriteBeside(settings_.backup_file)) {
+    ZLOG_ERROR("41531", "[%s] The backup %s is not read: others may write in its folder", __func__,
+               settings_.backup_file.c_str());
+    return;
+  }
   std::string bytes;
   if (ReadFileWhole(settings_.backup_file, kMaxBackup, &bytes) != 0) {
     ZLOG_INFO("Could not find backup host config - not an upgrade");

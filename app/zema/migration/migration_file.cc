@@ -12,6 +12,7 @@
 #include "framework/log/log.h"
 #include "framework/process/atomic_file.h"
 #include "framework/process/error_text.h"
+#include "framework/process/own_folder.h"
 #include "platform/core/clock.h"
 
 namespace zem::zema {
@@ -30,6 +31,7 @@ constexpr const char* kOwnFailure = "Failed";
 constexpr const char* kResult = "result";
 constexpr const char* kSuccess = "Success";
 constexpr const char* kFailed = "Failed; error messages:\n";
+constexpr const char* kOpenFolder = "others may write in its folder";
 
 // The parser is recursive, one call for each level.
 constexpr int kDeepest = 16;
@@ -209,6 +211,10 @@ MigrationFile::Read MigrationFile::Parse(const std::string& text, MigrationReque
 }
 
 MigrationFile::Read MigrationFile::Load(MigrationRequest* request, std::string* error) {
+  if (OthersWriteBeside(path_)) {
+    *error = path_ + ": " + kOpenFolder;
+    return Read::kUnreadable;
+  }
   std::string text;
   const int result = ReadFileWhole(path_, kLongest, &text);
   if (result == ENOENT || (result == 0 && text.find_first_not_of(kBlanks) == std::string::npos)) {
@@ -248,6 +254,10 @@ Outcome MigrationFile::WriteId(const std::string& text, const std::string& id) c
 
 bool ReadMigrationResult(const std::string& path, MigrationResult* result) {
   constexpr const char* kName = "readKnlMigrationResultFile";
+  if (OthersWriteBeside(path)) {
+    ZLOG_WARN("[%s] %s: %s", kName, path.c_str(), kOpenFolder);
+    return false;
+  }
   std::string text;
   const int failed = ReadFileWhole(path, MigrationFile::kLongest, &text);
   if (failed == ENOENT || (failed == 0 && text.empty())) {
@@ -294,7 +304,11 @@ void SaveMigrationResult(const std::string& path, const MigrationResult& ids,
   std::string error;
   try {
     pt::write_json(out, tree);
-    if (WriteFileWhole(path, out.str(), &error) == FileWrite::kDone) return;
+    if (OthersWriteBeside(path)) {
+      error = kOpenFolder;
+    } else if (WriteFileWhole(path, out.str(), &error) == FileWrite::kDone) {
+      return;
+    }
   } catch (const pt::json_parser_error& e) {
     error = e.what();
   }

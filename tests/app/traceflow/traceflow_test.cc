@@ -110,6 +110,7 @@ TEST_F(TraceflowTest, SilenceIsAnsweredForEachOpenRound) {
 // status finds nobody.
 TEST_F(TraceflowTest, WithoutTheDataplaneAgent) {
   dataplane->Die();
+  clock.Settle();  // what the link takes for sent before it knows would be lost
   Request(1);
   clock.RunFor(seconds(5));
   EXPECT_THAT(AnswerText(0), HasSubstr("\"status\":5"));

@@ -5,6 +5,9 @@
 #include <gmock/gmock.h>
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "app/zema/covedb/config_files.h"
 #include "app/zema/hostconfig/host_config_context.h"
@@ -310,6 +313,36 @@ TEST_F(VnicMigrationTaskTest, PortsOfVmsAreMadeAndKeptForTheirVifs) {
   EXPECT_EQ(kept_->at("v1")->op_code, VifRequest::kDetach);
   EXPECT_TRUE(kept_->at("v1")->spec);
   EXPECT_THAT(Result(), HasSubstr("r2"));
+}
+
+// In "/tmp" any user can make the folder first, with a request in it, or with a link where the result goes.
+TEST_F(VnicMigrationTaskTest, AFolderWhereOthersMayWriteIsNotTrusted) {
+  namespace fs = std::filesystem;
+  const fs::path folder(directory_.Path());
+  directory_.Write("vms", R"({"request_id": "r1", "migrate_to_ndvs": false, "host_switches": [{"vnics": [
+      {"vnic_id": "uuid-1:4000", "vif_id": "v1", "port_group_name": "VM Network"}]}]})");
+  const std::string victim = directory_.Write("victim", "precious");
+  fs::create_symlink(victim, result_ + ".tmp");
+  const test::LogCapture log;
+  fs::permissions(folder, fs::perms::all);
+  Run(true, false);
+  EXPECT_EQ(kept_, nullptr);
+  EXPECT_TRUE(log.Contains("vms: others may write in its folder"));
+  EXPECT_EQ(directory_.Read("victim"), "precious");
+  EXPECT_FALSE(fs::exists(result_));
+
+  fs::permissions(folder, fs::perms::owner_all);
+  const fs::path link = folder / "link";
+  fs::create_directory_symlink(folder, link);
+  MigrationRequest request;
+  std::string error;
+  EXPECT_EQ(MigrationFile(link / "vms").Load(&request, &error), Read::kUnreadable);
+  ASSERT_EQ(::chown(folder.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(MigrationFile(vms_).Load(&request, &error), Read::kUnreadable);
+  ASSERT_EQ(::chown(folder.c_str(), ::geteuid(), ::getegid()), 0);
+  fs::remove(result_ + ".tmp");
+  Run(true, false);
+  EXPECT_EQ(kept_->size(), 1u);
 }
 
 TEST_F(VnicMigrationTaskTest, AFailureIsWrittenToTheResultFileAndRetried) {
