@@ -104,15 +104,18 @@ class XmlChecker {
     return nullptr;
   }
 
-  void Look(OptionFindings* findings) const { Look(*section_, {}, findings); }
+  void Look(OptionFindings* findings) { Look(*section_, {}, findings); }
 
  private:
-  int LineOf(const char* place) const {
-    const auto end = text_.begin() + (place - parsed_.data());
-    return 1 + static_cast<int>(std::count(text_.begin(), end, '\n'));
+  // Places are asked for in the order of the text, so that each line is counted once.
+  int LineOf(const char* place) {
+    const auto at = place - parsed_.data();
+    line_ += static_cast<int>(std::count(text_.begin() + counted_, text_.begin() + at, '\n'));
+    counted_ = at;
+    return line_;
   }
 
-  void Look(const Node& parent, const std::string& above, OptionFindings* findings) const {
+  void Look(const Node& parent, const std::string& above, OptionFindings* findings) {
     for (const Node* node = parent.first_node(); node != nullptr; node = node->next_sibling()) {
       if (node->type() != xml::node_element) continue;
       const std::string key = above + NameOf(*node);
@@ -145,6 +148,8 @@ class XmlChecker {
   std::string parsed_;  // the parser writes into it
   xml::xml_document<char> document_;
   const Node* section_ = nullptr;
+  std::ptrdiff_t counted_ = 0;
+  int line_ = 1;
 };
 
 class JsonChecker {
@@ -260,7 +265,11 @@ std::string FaultLines(const std::string& path, const OptionCheck& check) {
   for (const OptionFault& fault : check.faults) {
     lines += path;
     if (fault.line > 0) lines += ":" + std::to_string(fault.line);
-    lines += ": " + (fault.key.empty() ? std::string() : fault.key + " ") + fault.what + "\n";
+    std::string text = (fault.key.empty() ? std::string() : fault.key + " ") + fault.what;
+    // A name in a file may have any bytes, also those that steer a terminal.
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' '; }, '?');
+    lines += ": " + text + "\n";
   }
   return lines;
 }

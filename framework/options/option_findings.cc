@@ -30,8 +30,8 @@ OptionFindings::Kind OptionFindings::KindOf(const std::string& above, const std:
   const bool can_be_found = name.find('.') == std::string::npos;
   if (can_be_found && IsSection(key)) {
     if (sections_.insert(key).second) return Kind::kSection;
-    if (check_.faults.size() >= kMostFaults) return Kind::kKnown;
-    check_.faults.push_back({line, key, "is a section that was there before; only the first one counts"});
+    if (HasRoom(line))
+      check_.faults.push_back({line, key, "is a section that was there before; only the first one counts"});
     return Kind::kKnown;
   }
   const OptionRow* const row = can_be_found ? Find(key) : nullptr;
@@ -42,8 +42,16 @@ OptionFindings::Kind OptionFindings::KindOf(const std::string& above, const std:
   return row->type == OptionType::kList ? Kind::kList : Kind::kValue;
 }
 
+// The first fault for which there is none says so.
+bool OptionFindings::HasRoom(int line) {
+  if (check_.faults.size() < kMostFaults) return true;
+  if (check_.faults.size() == kMostFaults)
+    check_.faults.push_back({line, {}, "has more such faults, which are not told"});
+  return false;
+}
+
 void OptionFindings::TellUnknown(const std::string& key, int line) {
-  if (check_.faults.size() >= kMostFaults) return;
+  if (!HasRoom(line)) return;
   std::vector<std::string_view> names;
   for (const OptionRow& known : file_.rows) names.push_back(known.key);
   const std::string_view nearest = NearestName(key, names);
@@ -56,7 +64,7 @@ void OptionFindings::TellUnknown(const std::string& key, int line) {
 void OptionFindings::Value(const std::string& key, const std::string& text, int line) {
   const OptionRow* const row = Find(key);
   const bool first = given_.try_emplace(row->key, Found{text, line}).second;
-  if (!first && check_.faults.size() < kMostFaults)
+  if (!first && HasRoom(line))
     check_.faults.push_back({line, key, "stands here again; the first one counts"});
 }
 

@@ -36,6 +36,7 @@ class OptionFindings {
   bool IsSection(const std::string& key) const;
   bool Counts(const OptionRow& row) const;
   void Refuse(int line, std::string_view key, const std::string& what);
+  bool HasRoom(int line);
   void TellUnknown(const std::string& key, int line);
 
   struct Found {

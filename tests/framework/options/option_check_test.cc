@@ -61,6 +61,8 @@ TEST_F(OptionCheckTest, EachFaultIsToldAtItsLine) {
   }
   EXPECT_THAT(FaultLines("f", Check("<config><tarvik>\n<x/></tarvik></config>")),
               HasSubstr("f:2: x is no option"));
+  EXPECT_THAT(FaultLines("f", Check("<config><tarvik><x\x1b[2J/></tarvik></config>")),
+              HasSubstr("f:1: x?[2J is no option"));
 }
 
 // The files of the daemon's parts have rules that the daemon's own does not have.
@@ -136,6 +138,14 @@ TEST_F(OptionCheckTest, UnusableFilesAreToldAsSuch) {
   }
   EXPECT_TRUE(CheckOptions(directory.Path("missing")).unusable);
   EXPECT_TRUE(CheckOptions(directory.Path()).unusable);
+}
+
+// A file with a fault in each of its many lines is told in time, and not for ever.
+TEST_F(OptionCheckTest, ManyFaultsAreCut) {
+  const OptionCheck check = Check("<config><tarvik>" + Repeated("<x/>\n", 100'000) + "</tarvik></config>");
+  ASSERT_EQ(check.faults.size(), 201u);
+  EXPECT_EQ(check.faults.back().line, 201);
+  EXPECT_EQ(check.faults.back().what, "has more such faults, which are not told");
 }
 
 TEST_F(OptionCheckTest, GoodFileHasItsValuesInForce) {
