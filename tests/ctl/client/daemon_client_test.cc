@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <regex>
-#include <thread>
 
 #include "ctl/outcome.h"
+#include "platform/core/thread.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/unix_peer.h"
 
@@ -27,7 +27,7 @@ class DaemonClientTest : public ::testing::Test {
   Outcome Ask(const Serve& serve) {
     const std::string path = folder_.Path("socket" + std::to_string(++asked_));
     test::UnixPeer peer(path);
-    std::thread daemon([&] {
+    NativeThread daemon([&] {
       peer.Accept();
       serve(peer);
     });
@@ -37,7 +37,7 @@ class DaemonClientTest : public ::testing::Test {
     } catch (const Failure& failure) {
       outcome = {failure.code(), failure.what()};
     }
-    daemon.join();
+    daemon.Join();
     return outcome;
   }
   // Reads the question, and answers under its id.
