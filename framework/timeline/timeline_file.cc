@@ -13,6 +13,7 @@
 #include "framework/process/atomic_file.h"
 #include "framework/process/error_text.h"
 #include "framework/timeline/timeline_json.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/unique_fd.h"
 
 namespace zem::Tarvik {
@@ -84,6 +85,7 @@ void TimelineFile::Load() {
 }
 
 void TimelineFile::Write() {
+  const LoopThread loop("timelines", LoopKind::kWorker);
   std::unique_lock lock(mutex_);
   for (;;) {
     const bool any = changed_.WaitFor(lock, kLook, [this] { return stopped_ || !waiting_.empty(); });
@@ -94,11 +96,14 @@ void TimelineFile::Write() {
       waiting_.pop_front();
     }
     lock.unlock();
-    if (operation) {
-      std::erase(long_, operation);
-      Save(*operation);
-    } else {
-      SaveLong();
+    {
+      const LoopStep step("save");
+      if (operation) {
+        std::erase(long_, operation);
+        Save(*operation);
+      } else {
+        SaveLong();
+      }
     }
     lock.lock();
   }
