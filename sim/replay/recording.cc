@@ -135,6 +135,8 @@ Recording Recording::Read(const std::string& path) {
       } else if (NumberAt(line.get(), "end", INT32_MAX) == number - 1) {
         if (std::getline(in, text)) throw std::runtime_error("something stands behind the end");
         return recording;
+      } else if (cJSON_HasObjectItem(line.get(), "end") != 0) {
+        throw std::runtime_error("the end counts another number of lines");
       } else {
         throw std::runtime_error("neither a command nor a border");
       }
