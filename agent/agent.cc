@@ -153,6 +153,7 @@ class Agent::Impl {
   }
 
  private:
+  void RefuseStart(const std::string& text);
   bool LoadConfiguration();
   void StartFrame();
   void StartStore();
@@ -197,16 +198,14 @@ int Agent::Impl::Start() {
   MemoryReturn::Configure();
   InstallLibraryLogBridge();
   if (LoadPlatformInfo() != 0) {
-    std::fputs("Error: Failed to load platform information.\n", stdout);
-    std::fflush(stdout);
+    RefuseStart("Error: Failed to load platform information.\n");
     return -1;
   }
   if (!LoadConfiguration()) return -1;
   watchdog_.emplace();
   StartFrame();
   if (!OpenShutdownPipe()) {
-    std::fputs("Error: Initializing Shutdown Pipe.\n", stdout);
-    std::fflush(stdout);
+    RefuseStart("Error: Initializing Shutdown Pipe.\n");
     return -1;
   }
   StartStore();
@@ -217,11 +216,17 @@ int Agent::Impl::Start() {
   return 0;
 }
 
+void Agent::Impl::RefuseStart(const std::string& text) {
+  std::fputs(text.c_str(), stdout);
+  std::fflush(stdout);
+  service_.NotStarted(text);
+}
+
 bool Agent::Impl::LoadConfiguration() {
   const char* const path = settings_.options_path;
   if (!LoadOptions(path)) {
-    std::printf("Error: ZEM Tarvik failed to start.\nConfiguration file %s is invalid.\n", path);
-    std::fflush(stdout);
+    RefuseStart(std::string("Error: ZEM Tarvik failed to start.\nConfiguration file ") + path +
+                " is invalid.\n");
     return false;
   }
   ApplyLoggingOptions();

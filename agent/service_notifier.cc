@@ -2,8 +2,10 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <utility>
 #include <vector>
 
 #include "framework/log/log.h"
@@ -17,6 +19,7 @@ constexpr LogSource kLog{"tarvik", "framework"};
 constexpr int kFeedsPerTimeout = 4;
 constexpr int kHangsPerTimeout = 2;
 constexpr const char* kServing = "Serving";
+constexpr const char* kStopping = "Stopping";
 
 // The children of the daemon do not inherit the variables.
 Duration WatchdogOfService() {
@@ -37,6 +40,13 @@ void ServiceNotifier::TellStatus(const std::string& text) { Tell("STATUS=" + tex
 
 void ServiceNotifier::Starting(const char* step) { TellStatus(std::string("Starting: ") + step); }
 
+// A line break would end the status.
+void ServiceNotifier::NotStarted(std::string reason) {
+  while (reason.ends_with('\n')) reason.pop_back();
+  std::replace(reason.begin(), reason.end(), '\n', ' ');
+  TellStatus("Not started: " + reason);
+}
+
 void ServiceNotifier::Serving(AsioZemProvider& provider) {
   {
     const std::lock_guard lock(mutex_);
@@ -52,7 +62,7 @@ void ServiceNotifier::Serving(AsioZemProvider& provider) {
 void ServiceNotifier::Stopping() {
   const std::lock_guard lock(mutex_);
   provider_ = nullptr;
-  TellStatus("Stopping");
+  TellStatus(kStopping);
 }
 
 std::string ServiceNotifier::HungLoop(std::span<const LoopReading> loops, Duration limit) {
@@ -63,6 +73,11 @@ std::string ServiceNotifier::HungLoop(std::span<const LoopReading> loops, Durati
            " seconds: " + loop.step;
   }
   return {};
+}
+
+const char* ServiceNotifier::Phase() {
+  const std::lock_guard lock(mutex_);
+  return provider_ != nullptr ? kServing : kStopping;
 }
 
 // Loops that wait are asked, too: the provider has to run what the call before has posted to it.
@@ -81,7 +96,7 @@ void ServiceNotifier::Feed() {
     const std::string hung = WhatHangs();
     if (hung.empty()) {
       std::string fed = "WATCHDOG=1";
-      if (told) fed.append("\nSTATUS=").append(kServing);
+      if (told) fed.append("\nSTATUS=").append(Phase());
       Tell(fed);
       if (told) ZLOG_INFO("All loops run again, the service manager's watchdog is fed");
       told = false;

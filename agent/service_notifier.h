@@ -35,6 +35,8 @@ class ServiceNotifier {
 
   /// Shows the step of the start that begins now.
   void Starting(const char* step);
+  /// Shows why the start has ended, which stays to be seen until the next one.
+  void NotStarted(std::string reason);
   /// The start is done.  From now on the watchdog is fed, for which `provider` has to run what is posted to
   /// it, until `Stopping`.
   void Serving(AsioZemProvider& provider);
@@ -48,6 +50,7 @@ class ServiceNotifier {
  private:
   void Feed();
   std::string WhatHangs();
+  const char* Phase();
   void TellStatus(const std::string& text);
 
   const Duration watchdog_;  // zero: none

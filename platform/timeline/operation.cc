@@ -9,7 +9,8 @@
 
 // Operations are in the ring from their begin, so that one that hangs can be asked about.  The ring has a
 // share for each kind and one more for those that failed, which nothing but other failures pushes out;
-// together they stay below kMostBytes.
+// together they stay below kMostBytes.  Those under way are the last to go: in a storm the ones that hang are
+// the oldest.
 
 namespace zem::timeline {
 namespace {
@@ -17,6 +18,8 @@ namespace {
 constexpr std::array<const char*, kKinds> kKindNames = {"host configuration", "host setting",
                                                         "logical switches", "VIF operation"};
 constexpr size_t kMostOfKind = 128;
+constexpr size_t kMostUnderWay = 1024;
+constexpr int kLooks = 8;  // at operations under way, for one that has ended
 constexpr size_t kMostFailed = 128;
 constexpr size_t kLeastOfKind = 8;  // also when memory is short
 constexpr size_t kMostBytes = size_t{8} << 20;
@@ -38,7 +41,7 @@ struct Ring {
   // What leaves is destroyed by the caller, without the lock.
   void Shrink(std::vector<OperationPtr>* gone) {
     for (auto& kind : kinds) {
-      while (kind.size() > kMostOfKind) Drop(&kind, gone);
+      ShrinkKind(&kind, gone);
     }
     while (failed.size() > kMostFailed) Drop(&failed, gone);
     size_t left = all_bytes.load(std::memory_order_relaxed);
@@ -47,6 +50,19 @@ struct Ring {
       while (left > kMostBytes && share->size() > kLeastOfKind) {
         left -= std::min(left, share->front()->bytes());
         Drop(share, gone);
+      }
+    }
+  }
+
+  // Those under way go to the back, so that each call has few to look at.
+  static void ShrinkKind(std::deque<OperationPtr>* kind, std::vector<OperationPtr>* gone) {
+    for (int looks = 0; kind->size() > kMostOfKind;) {
+      if (kind->size() <= kMostUnderWay && kind->front()->state() == State::kUnderWay) {
+        if (++looks == kLooks) return;
+        kind->push_back(std::move(kind->front()));
+        kind->pop_front();
+      } else {
+        Drop(kind, gone);
       }
     }
   }
@@ -94,6 +110,10 @@ bool Operation::Take(size_t size, bool important) {
 }
 
 Segment* Operation::NewSegment() {
+  if (!Take(sizeof(Segment), true)) {
+    left_out_.fetch_add(1, std::memory_order_relaxed);
+    return nullptr;
+  }
   auto segment = std::make_unique<Segment>(*this);
   Segment* const made = segment.get();
   const std::lock_guard lock(mutex_);

@@ -16,7 +16,6 @@
 #include <cstring>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "sim/control/command_table.h"
 #include "sim/control/number.h"
@@ -70,31 +69,32 @@ int Plant(const Attempt& attempt) {
 }
 int Signal(const Attempt& attempt) { return ::kill(attempt.number, 0) == 0 ? 0 : errno; }
 
-// So many connections at a time.  Returns how many of them the other side lets stand.
+// So many connections at a time.  Returns on how many of them the other side begins to speak, which a server
+// does that greets, before it closes them.
 int Crowd(const Attempt& attempt) {
   pollfd connections[kLargestCrowd];
   for (int i = 0; i < attempt.number; ++i) {
     connections[i] = {::socket(attempt.address.ss_family, attempt.type | SOCK_CLOEXEC, 0), POLLIN, 0};
     if (::connect(connections[i].fd, reinterpret_cast<const sockaddr*>(&attempt.address),
                   attempt.address_size) < 0) {
-      ::close(std::exchange(connections[i].fd, -1));
+      connections[i].fd = -1;
     }
   }
-  // Those that are refused are closed one after another.
-  int standing = attempt.number;
-  for (bool moved = true; moved && standing > 0;) {
-    moved = ::poll(connections, static_cast<nfds_t>(attempt.number), kCrowdPatienceMs) > 0;
-    standing = 0;
+  int greeted = 0;
+  for (int open = attempt.number; open > 0;) {
+    if (::poll(connections, static_cast<nfds_t>(attempt.number), kCrowdPatienceMs) <= 0) break;
+    open = 0;
     for (int i = 0; i < attempt.number; ++i) {
       char byte;
-      if (connections[i].fd >= 0 && connections[i].revents != 0 &&
-          ::recv(connections[i].fd, &byte, sizeof(byte), MSG_DONTWAIT) <= 0) {
-        ::close(std::exchange(connections[i].fd, -1));
+      if (connections[i].fd >= 0 && connections[i].revents != 0) {
+        greeted += ::recv(connections[i].fd, &byte, sizeof(byte), MSG_DONTWAIT) > 0 ? 1 : 0;
+        // It stays open: a place that is given back would be taken by the next one.
+        connections[i].fd = -1;
       }
-      standing += connections[i].fd >= 0 ? 1 : 0;
+      open += connections[i].fd >= 0 ? 1 : 0;
     }
   }
-  return standing;
+  return greeted;
 }
 
 // The child of a process with threads may only make system calls.
@@ -171,17 +171,17 @@ void RegisterOutsiderCommands(CommandTable& table) {
                     Answer(&Connect, attempt, reply);
                   }});
   table.Register({"crowd", "PATH|PORT|ADDRESS:PORT COUNT",
-                  "Connects so often at a time; shows how many connections are let stand.", 2, 2,
-                  [](const Arguments& arguments, const Reply& reply) {
+                  "Connects so often at a time; shows on how many connections a server that greets does so.",
+                  2, 2, [](const Arguments& arguments, const Reply& reply) {
                     Attempt attempt;
                     const auto count = NumberOf<int>(arguments[1]);
                     if (!AddressOf(arguments[0], &attempt)) return reply.Fail("no address");
                     if (!count || *count < 1 || *count > kLargestCrowd) return reply.Fail("up to 250");
                     attempt.number = *count;
-                    const auto standing = AsNobody(&Crowd, attempt);
-                    if (!standing) return reply.Fail("no process of an unprivileged user");
+                    const auto greeted = AsNobody(&Crowd, attempt);
+                    if (!greeted) return reply.Fail("no process of an unprivileged user");
                     Json json = JsonObject();
-                    AddMember(json.get(), "standing", *standing);
+                    AddMember(json.get(), "greeted", *greeted);
                     reply.Ok(std::move(json));
                   }});
   table.Register({"signal", "PID", "Asks whether it may send a process signals.", 1, 1,
