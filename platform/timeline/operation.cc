@@ -19,7 +19,7 @@ constexpr std::array<const char*, kKinds> kKindNames = {"host configuration", "h
                                                         "logical switches", "VIF operation"};
 constexpr size_t kMostOfKind = 128;
 constexpr size_t kMostUnderWay = 1024;
-constexpr int kLooks = 8;  // at operations under way, for one that has ended
+constexpr int kLooks = 2;  // at operations under way, for one that has ended
 constexpr size_t kMostFailed = 128;
 constexpr size_t kLeastOfKind = 8;  // also when memory is short
 constexpr size_t kMostBytes = size_t{8} << 20;
@@ -31,6 +31,8 @@ constexpr size_t kLongestError = 1024;
 
 std::atomic<size_t> all_bytes{0};
 std::atomic<uint64_t> last_number{0};
+// More operations than a share has when nothing is under way: each end makes room then.
+std::atomic<bool> crowded{false};
 
 struct Ring {
   std::mutex mutex;  // guards all below; before an operation's own
@@ -40,9 +42,12 @@ struct Ring {
 
   // What leaves is destroyed by the caller, without the lock.
   void Shrink(std::vector<OperationPtr>* gone) {
+    bool any_crowded = false;
     for (auto& kind : kinds) {
       ShrinkKind(&kind, gone);
+      any_crowded = any_crowded || kind.size() > kMostOfKind;
     }
+    crowded.store(any_crowded, std::memory_order_relaxed);
     while (failed.size() > kMostFailed) Drop(&failed, gone);
     size_t left = all_bytes.load(std::memory_order_relaxed);
     for (const auto& operation : *gone) left -= std::min(left, operation->bytes());
@@ -179,14 +184,17 @@ OperationPtr Begin(Kind kind, std::string_view what, std::initializer_list<std::
 }
 
 void Finish(const OperationPtr& operation, std::string_view error) {
-  if (!operation || !operation->End(error) || error.empty()) return;
+  if (!operation || !operation->End(error)) return;
+  if (error.empty() && !crowded.load(std::memory_order_relaxed)) return;
   std::vector<OperationPtr> gone;
   std::shared_ptr<const std::function<void(const OperationPtr&)>> hook;
   {
     Ring& ring = TheRing();
     const std::lock_guard lock(ring.mutex);
-    hook = ring.failure_hook;
-    ring.failed.push_back(operation);
+    if (!error.empty()) {
+      hook = ring.failure_hook;
+      ring.failed.push_back(operation);
+    }
     ring.Shrink(&gone);
   }
   if (hook) (*hook)(operation);
