@@ -22,6 +22,10 @@ enum class OutOfRange : uint8_t {
   kRefused,  ///< does not use the file
 };
 
+/// The range of a number that has no narrower one.
+inline constexpr int64_t kLeastWhole = std::numeric_limits<int32_t>::min();
+inline constexpr int64_t kMostWhole = std::numeric_limits<int32_t>::max();
+
 /// One option of a file.
 struct OptionRow {
   /// Below the file's section.

@@ -128,6 +128,7 @@ std::string RangeText(const OptionRow& row) {
     case OptionType::kFlag:
       return "true or false";
     case OptionType::kNumber:
+      if (row.least == kLeastWhole && row.most == kMostWhole) return "a whole number of 32 bits";
       return std::to_string(row.least) + " to " + std::to_string(row.most);
     case OptionType::kText:
       if (row.most > 0) return std::to_string(row.least) + " to " + std::to_string(row.most) + " characters";

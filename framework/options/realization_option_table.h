@@ -1,18 +1,16 @@
 #pragma once
 
 #include <cstdint>
-#include <limits>
 
 #include "framework/options/option_row.h"
 
 /// Every option of the realization's file.
 namespace zem::Tarvik {
 
-inline constexpr int64_t kMostRealizationNumber = std::numeric_limits<int32_t>::max();
-
+/// The part that uses a number decides what one below zero means to it; most take it as none.
 constexpr OptionRow RealizationNumber(std::string_view key, std::string_view standard,
-                                      std::string_view effect, int64_t least = 0) {
-  return NumberOption(key, least, kMostRealizationNumber, standard, effect);
+                                      std::string_view effect, int64_t least = kLeastWhole) {
+  return NumberOption(key, least, kMostWhole, standard, effect);
 }
 
 inline constexpr OptionRow kRealizationOptionRows[] = {
@@ -62,8 +60,7 @@ inline constexpr OptionRow kRealizationOptionRows[] = {
     FlagOption("resync.disabled", false, "there are no such passes"),
     RealizationNumber("resync.vmCheckFrequency", "200", "passes between two looks at the VMs"),
     TextOption("lum.noVxlanStack", "unset", "true: the host's proxy makes no stack for endpoints"),
-    NumberOption("lum.knlPingTryTimes", std::numeric_limits<int32_t>::min(), kMostRealizationNumber, "4",
-                 "pings after a migration; below 1 there is none"),
+    RealizationNumber("lum.knlPingTryTimes", "4", "pings after a migration; below 1 there is none"),
     RealizationNumber("lum.opaqueNetworkApplyMax", "1000", "switches that are told to the host at a time", 1)
         .Refused(),
     RealizationNumber("lum.opaqueNetworkDeleteMax", "1000", "switches that are taken back at a time", 1)

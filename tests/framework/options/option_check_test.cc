@@ -106,6 +106,8 @@ TEST_F(OptionCheckTest, EveryFileOfTheDaemonIsChecked) {
                 "the file is not used", true},
            Case{"{\"resync\": {\n\"intervallInSec\": 5}}", 2, "resync.intervallInSec",
                 "did you mean resync.intervalInSec?", false},
+           Case{"{\"resync\": {\"intervalInSec\": 4294967296}}", 1, "resync.intervalInSec",
+                "not a whole number of 32 bits; the default 3600 is taken", false},
            Case{"{\"resync.disabled\": true}", 1, "resync.disabled", "is no option", false},
            Case{"{\n\"mp\": {,}}", 2, "", "is not JSON", true},
        }) {
