@@ -333,7 +333,16 @@ void Agent::Impl::StartMetrics() {
   const std::string path = OptionText("metrics.socket");
   if (path.empty()) return;
   metrics_socket_ = std::make_unique<MetricsSocket>(path, [this] { return metrics_report_->Text(); });
-  if (!metrics_socket_->Start()) metrics_socket_.reset();
+  const bool served = metrics_socket_->Start();
+  if (!served) metrics_socket_.reset();
+  status_->AddSource("metrics socket", [path, served](std::vector<PartState>* parts) {
+    PartState socket{"metrics socket", {}, {}};
+    if (!served) {
+      socket.fault = path + " cannot be served";
+      socket.heals = "repair what the log names, then restart the daemon";
+    }
+    parts->push_back(std::move(socket));
+  });
 }
 
 void Agent::Impl::StartStatus() {

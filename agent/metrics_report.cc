@@ -57,6 +57,7 @@ void WriteLoops(MetricWriter* writer) {
     // A worker's step may last: some are loops themselves, which end with the daemon.
     if (reading.kind == LoopKind::kPrompt) loop.age = std::max(loop.age, reading.age);
   }
+  for (const auto& [name, steps] : LoopThread::StepsBefore()) Place(loops, name).steps += steps;
   for (const auto& [name, loop] : loops) {
     writer->WriteCounter(MetricId::kLoopSteps, name, loop.steps);
     writer->WriteGauge(MetricId::kLoopLongest, name, Seconds(loop.longest));
@@ -75,6 +76,7 @@ void WriteQueues(MetricWriter* writer) {
     queue.oldest = std::max(queue.oldest, reading.oldest);
     queue.longest_wait = std::max(queue.longest_wait, reading.longest_wait);
   }
+  for (const auto& [name, dropped] : QueueGauge::DroppedBefore()) Place(queues, name).dropped += dropped;
   for (const auto& [name, queue] : queues) {
     writer->WriteGauge(MetricId::kQueueDepth, name, static_cast<double>(queue.depth));
     writer->WriteGauge(MetricId::kQueueMost, name, static_cast<double>(queue.most));

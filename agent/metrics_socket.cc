@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread.h"
 
 namespace zem::Tarvik {
@@ -56,7 +57,10 @@ class MetricsSocket::Server {
     Accept();
     NativeThread::Options options;
     options.name = "metrics";
-    thread_ = NativeThread(std::move(options), [this] { io_.run(); });
+    thread_ = NativeThread(std::move(options), [this] {
+      const LoopThread loop("metrics", LoopKind::kPrompt);
+      io_.run();
+    });
   }
 
  private:
@@ -114,14 +118,17 @@ class MetricsSocket::Server {
 
   void Answer(const SharedClient& client) {
     const auto& request = client->request->get();
+    const LoopStep step("answer");
     client->answer = {};
     client->answer.version(request.version());
     client->answer.keep_alive(request.keep_alive());
     client->answer.set(http::field::content_type, kTextForm);
-    if (request.method() != http::verb::get) {
+    const auto target = request.target().substr(0, request.target().find('?'));
+    if (request.method() != http::verb::get && request.method() != http::verb::head) {
       client->answer.result(http::status::method_not_allowed);
+      client->answer.set(http::field::allow, "GET, HEAD");
       client->answer.body() = "only GET is served\n";
-    } else if (request.target() != kTarget) {
+    } else if (target != kTarget) {
       client->answer.result(http::status::not_found);
       client->answer.body() = "the metrics are at /metrics\n";
     } else {
@@ -129,6 +136,8 @@ class MetricsSocket::Server {
       client->answer.body() = report_();
     }
     client->answer.prepare_payload();
+    // The length stays that of the answer to a GET.
+    if (request.method() == http::verb::head) client->answer.body().clear();
     client->stream.expires_after(kPatience);
     http::async_write(client->stream, client->answer, [this, client](const beast::error_code& error, size_t) {
       if (!error && client->answer.keep_alive()) Read(client);

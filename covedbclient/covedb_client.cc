@@ -11,7 +11,6 @@
 #include "covedbclient/client_log.h"
 #include "covedbclient/response_observer.h"
 #include "platform/metrics/metrics.h"
-#include "platform/metrics/process_metrics.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/timer.h"
 #include "platform/provider/weak_call.h"
@@ -57,11 +56,6 @@ bool IsUnrecoverable(const rpc::Status& status) {
     default:
       return false;
   }
-}
-
-void CountCall(const char* call, TimePoint sent, const rpc::Status& status) {
-  metrics::LatencyOf(metrics::MetricId::kStoreCalls, call).Record(Clock::Process().Now() - sent);
-  if (!status.ok()) metrics::CounterOf(metrics::MetricId::kStoreCallErrors, call).Add();
 }
 
 void EndProcess(int code) {
@@ -354,10 +348,8 @@ void CoveDbClient::SendModifyRequest() {
   ZLOG_DEBUG("Sending modification %s to CoveDb", ShortText(*batch->requests).c_str());
   struct Nothing {};
   auto* const observer = new ResponseObserver<ModifyResponseMsg, Nothing>(
-      "Received Modify response", [](const ModifyResponseMsg&, Nothing&) {},
-      [weak = weak_from_this(), callbacks = batch->callbacks, sent = Clock::Process().Now()](
-          Nothing&, const rpc::Status& status) {
-        CountCall("modify", sent, status);
+      "modify", "Received Modify response", [](const ModifyResponseMsg&, Nothing&) {},
+      [weak = weak_from_this(), callbacks = batch->callbacks](Nothing&, const rpc::Status& status) {
         if (const auto client = weak.lock()) {
           client->OnModifyStatus(callbacks, status);
         } else {

@@ -27,9 +27,10 @@ void GatherObjects(const Response& response, std::list<TypedObjectMsg>& objects)
 }
 
 template <class Response>
-auto* ObjectsObserver(const char* received, ObjectsCallback callback) {
+auto* ObjectsObserver(const char* call, const char* received, ObjectsCallback callback) {
   using Objects = std::list<TypedObjectMsg>;
-  return new ResponseObserver<Response, Objects>(received, GatherObjects<Response>, std::move(callback));
+  return new ResponseObserver<Response, Objects>(call, received, GatherObjects<Response>,
+                                                 std::move(callback));
 }
 
 }  // namespace
@@ -41,8 +42,9 @@ bool CoveDbClient::Get(const std::list<ObjectRequestMsg>& requests, ObjectsCallb
   proto::GetRequestMsg request;
   for (const ObjectRequestMsg& object : requests) *request.add_object_request() = object;
   if (vdb_id != 0) request.set_vdb_id(vdb_id);
-  covedb_stub_->Get(context_, request,
-                    ObjectsObserver<proto::GetResponseMsg>("Received Get response", std::move(callback)));
+  covedb_stub_->Get(
+      context_, request,
+      ObjectsObserver<proto::GetResponseMsg>("get", "Received Get response", std::move(callback)));
   return true;
 }
 
@@ -54,7 +56,7 @@ bool CoveDbClient::Query(const StatementMsg& statement, ObjectsCallback callback
   if (vdb_id != 0) request.set_vdb_id(vdb_id);
   covedb_stub_->Query(
       context_, request,
-      ObjectsObserver<proto::QueryResponseMsg>("Received Query response", std::move(callback)));
+      ObjectsObserver<proto::QueryResponseMsg>("query", "Received Query response", std::move(callback)));
   return true;
 }
 
@@ -67,7 +69,7 @@ bool CoveDbClient::CreateVDb(const std::string& name,
   covedb_stub_->CreateVDb(
       context_, request,
       new ResponseObserver<proto::CreateVDbResponseMsg, uint32_t>(
-          "Received CreateVDb response",
+          "createVDb", "Received CreateVDb response",
           [](const proto::CreateVDbResponseMsg& response, uint32_t& id) { id = response.vdb_id(); },
           std::move(callback)));
   return true;
@@ -84,7 +86,7 @@ bool CoveDbClient::DeleteVDb(const std::string& name, std::function<void(const r
   covedb_stub_->DeleteVDb(
       context_, request,
       new ResponseObserver<proto::DeleteVDbResponseMsg, Nothing>(
-          "Received DeleteVDb response", [](const proto::DeleteVDbResponseMsg&, Nothing&) {},
+          "deleteVDb", "Received DeleteVDb response", [](const proto::DeleteVDbResponseMsg&, Nothing&) {},
           [callback = std::move(callback)](Nothing&, const rpc::Status& status) {
             if (callback) callback(status);
           }));
@@ -99,7 +101,7 @@ bool CoveDbClient::GetVDbId(const std::string& name,
   if (!name.empty()) request.set_name(name);
   covedb_stub_->GetVDbId(context_, request,
                          new ResponseObserver<proto::GetVDbIdResponseMsg, std::list<VDbMsg>>(
-                             "Received GetVDb response",
+                             "getVDbId", "Received GetVDb response",
                              [](const proto::GetVDbIdResponseMsg& response, std::list<VDbMsg>& ids) {
                                ids.insert(ids.end(), response.vdb().begin(), response.vdb().end());
                              },
@@ -116,7 +118,7 @@ bool CoveDbClient::Echo(const std::string& text,
   daemon_health_stub_->Echo(
       context_, request,
       new ResponseObserver<daemon::EchoMsg, std::string>(
-          "Received Echo response",
+          "echo", "Received Echo response",
           [](const daemon::EchoMsg& response, std::string& echo) { echo = response.text(); },
           std::move(callback)));
   return true;
@@ -143,7 +145,7 @@ bool CoveDbClient::GetServerSchemaVersion(
   };
   ops_stub_->GetSchemaVersion(context_, proto::GetSchemaVersionRequestMsg(),
                               new ResponseObserver<proto::GetSchemaVersionResponseMsg, std::string>(
-                                  "Received Get Schema Version Response",
+                                  "getSchemaVersion", "Received Get Schema Version Response",
                                   [](const proto::GetSchemaVersionResponseMsg& response,
                                      std::string& version) { version = response.version(); },
                                   std::move(done)));
@@ -169,7 +171,7 @@ bool CoveDbClient::GetServerSchema(
   };
   ops_stub_->GetSchema(context_, proto::GetSchemaRequestMsg(),
                        new ResponseObserver<proto::GetSchemaResponseMsg, proto::GetSchemaResponseMsg>(
-                           "Received Get Schema Response",
+                           "getSchema", "Received Get Schema Response",
                            [](const proto::GetSchemaResponseMsg& response,
                               proto::GetSchemaResponseMsg& schema) { schema = response; },
                            std::move(done)));

@@ -116,7 +116,7 @@ void CoveDbClient::SendConfigureMonitor(uint16_t vdb_id, proto::ConfigureMonitor
   struct Nothing {};
   covedb_stub_->ConfigureMonitor(context_, request,
                                  new ResponseObserver<proto::ConfigureMonitorResponseMsg, Nothing>(
-                                     nullptr,
+                                     "configureMonitor", nullptr,
                                      [](const proto::ConfigureMonitorResponseMsg& response, Nothing&) {
                                        ZLOG_DEBUG("Object types and ids currently monitored by CoveDB: %s",
                                                   response.ShortDebugString().c_str());

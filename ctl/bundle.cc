@@ -4,6 +4,7 @@
 #include <array>
 #include <boost/program_options.hpp>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 
@@ -21,10 +22,10 @@ namespace {
 
 namespace po = boost::program_options;
 
-constexpr std::array kQuestions = {"get/status",   "get/verticals", "get/tasks",     "get/queueFigures",
-                                   "get/store",    "get/switches",  "get/ports",     "get/guests",
-                                   "get/alarms",   "get/captures",  "get/inventory", "get/options",
-                                   "get/loglevel", "get/lum",       "get/metrics"};
+constexpr std::array kQuestions = {
+    "get/status",  "get/verticals", "get/tasks",  "get/queueFigures", "get/store",    "get/switches",
+    "get/ports",   "get/vifs",      "get/guests", "get/alarms",       "get/captures", "get/inventory",
+    "get/options", "get/loglevel",  "get/lum",    "get/why",          "get/metrics"};
 constexpr mode_t kOwnerOnly = 0600;
 
 void Declare(po::options_description* options, po::positional_options_description* arguments) {
@@ -74,8 +75,13 @@ int Run(const Work& work) {
     ::unlink(path.c_str());
     throw;
   }
-  if (::fsync(fd) != 0 || ::close(fd) != 0) throw Failure(kDegraded, path + ": " + std::strerror(errno));
-  work.screen.Line(path);
+  const bool synced = ::fsync(fd) == 0;
+  if (::close(fd) != 0 || !synced) throw Failure(kDegraded, path + ": " + std::strerror(errno));
+  if (work.json) {
+    std::printf("{\"file\":%s}\n", Json::Quoted(path).c_str());
+  } else {
+    work.screen.Line(path);
+  }
   return code;
 }
 

@@ -20,6 +20,8 @@ namespace po = boost::program_options;
 constexpr const char* kSocketPath = "/var/run/orlane/zem-tarvik/tarvik-cli";
 constexpr int kDefaultTimeoutMs = 2'000;
 constexpr int kLongestTimeoutMs = 600'000;
+// Of a word that is none, in a message.
+constexpr size_t kMostShown = 64;
 // Without abbreviations: one that works today would be ambiguous, or mean another option, tomorrow.
 constexpr int kStyle = po::command_line_style::default_style & ~po::command_line_style::allow_guessing;
 
@@ -62,9 +64,11 @@ const Subcommand& Chosen(const std::string& name) {
   std::vector<std::string_view> names;
   for (const Subcommand* subcommand : Subcommands()) names.push_back(subcommand->name);
   const std::string_view nearest = NearestName(name, names);
-  throw Failure(kUsage, "there is no command \"" + Printable(name) + "\"" +
-                            (nearest.empty() ? "; --help shows all"
-                                             : "; did you mean \"" + std::string(nearest) + "\"?"));
+  const char* const what = name.starts_with('-') ? "option" : "command";
+  throw Failure(
+      kUsage,
+      "there is no " + std::string(what) + " \"" + Printable(name.substr(0, kMostShown)) + "\"" +
+          (nearest.empty() ? "; --help shows all" : "; did you mean \"" + std::string(nearest) + "\"?"));
 }
 
 int Run(const std::vector<std::string>& words) {
@@ -126,6 +130,9 @@ int RunWords(const std::vector<std::string>& words) {
   } catch (const po::error& wrong) {
     code = kUsage;
     error = wrong.what();
+  } catch (const std::exception& failure) {
+    code = kDegraded;
+    error = failure.what();
   }
   // What was printed may have met a full disk or a reader that left; the code must not say that all was told.
   std::cout.flush();

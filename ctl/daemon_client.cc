@@ -14,23 +14,22 @@ std::string DaemonClient::Ask(const std::string& command, const std::vector<std:
   char* raw = nullptr;
   const socket_call_end end =
       socket_call(path_.c_str(), timeout_.count(), command.c_str(), words.data(), words.size(), &raw);
-  const std::unique_ptr<char, decltype(&std::free)> text(raw, &std::free);
+  const std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
+  std::string text = raw == nullptr ? "" : raw;
+  // The protocol ends what it carries with a line's end.
+  while (!text.empty() && text.back() == '\n') text.pop_back();
   switch (end) {
-    case SOCKET_CALL_ANSWERED: {
-      // The protocol ends an answer with a line's end.
-      std::string answer = text.get();
-      while (!answer.empty() && answer.back() == '\n') answer.pop_back();
-      return answer;
-    }
+    case SOCKET_CALL_ANSWERED:
+      return text;
     case SOCKET_CALL_REFUSED:
-      throw Failure(kDegraded, text.get());
+      throw Failure(kDegraded, text);
     case SOCKET_CALL_LATE:
       throw Failure(kNoDaemon, "the daemon did not answer \"" + command + "\" on " + path_ + " within " +
                                    std::to_string(timeout_.count()) + " ms");
     case SOCKET_CALL_FAILED:
       break;
   }
-  throw Failure(kNoDaemon, "no daemon answers on " + path_ + ": " + text.get());
+  throw Failure(kNoDaemon, "no daemon answers on " + path_ + ": " + text);
 }
 
 Json DaemonClient::AskJson(const std::string& command, const std::vector<std::string>& arguments) const {

@@ -4,6 +4,9 @@
 
 #include <array>
 #include <charconv>
+#include <cmath>
+
+#include "platform/core/text_repair.h"
 
 namespace zem::ctl {
 
@@ -12,6 +15,12 @@ Json Json::Parse(const std::string& text) {
                               &cJSON_Delete);
   const cJSON* const value = root.get();
   return Json(std::move(root), value);
+}
+
+std::string Json::Quoted(const std::string& text) {
+  const std::unique_ptr<cJSON, void (*)(cJSON*)> value(cJSON_CreateString(RepairText(text).c_str()),
+                                                       &cJSON_Delete);
+  return Json(std::shared_ptr<cJSON>(), value.get()).Compact();
 }
 
 Json Json::operator[](const char* key) const {
@@ -41,8 +50,14 @@ std::string Json::text() const {
   if (cJSON_IsString(value_)) return value_->valuestring;
   if (cJSON_IsBool(value_)) return cJSON_IsTrue(value_) ? "yes" : "no";
   if (!cJSON_IsNumber(value_)) return {};
+  // Whole numbers without an exponent, as long as a double holds them exactly.
+  constexpr double kMostWhole = 1e15;
+  const double value = value_->valuedouble;
+  const bool whole = std::abs(value) < kMostWhole && std::trunc(value) == value;
   std::array<char, 32> digits;
-  const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), value_->valuedouble);
+  const auto [end, error] =
+      whole ? std::to_chars(digits.data(), digits.data() + digits.size(), static_cast<int64_t>(value))
+            : std::to_chars(digits.data(), digits.data() + digits.size(), value);
   return error == std::errc() ? std::string(digits.data(), end) : std::string();
 }
 

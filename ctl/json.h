@@ -18,6 +18,9 @@ class Json {
   /// An empty one when `text` is not JSON.
   static Json Parse(const std::string& text);
 
+  /// `text` as a JSON string, its quotes included.
+  static std::string Quoted(const std::string& text);
+
   explicit operator bool() const { return value_ != nullptr; }
 
   Json operator[](const char* key) const;

@@ -33,6 +33,9 @@ void ShowTable(Screen& screen, const Json& rows, std::span<const Column> columns
 int ShowList(const Work& work, const char* command, const char* member, std::span<const Column> columns,
              const char* none);
 
+/// The subcommands that show a list.
+std::span<const Subcommand> ListSubcommands();
+
 /// Prints `answer` on one line.
 void PrintJson(const Json& answer);
 

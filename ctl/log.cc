@@ -45,7 +45,7 @@ int Run(const Work& work) {
   }
   const std::string level = CurrentLevel(work.daemon);
   if (work.json) {
-    std::printf("{\"level\":\"%s\"}\n", Printable(level).c_str());
+    std::printf("{\"level\":%s}\n", Json::Quoted(level).c_str());
   } else {
     work.screen.Line(level);
   }

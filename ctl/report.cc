@@ -37,22 +37,12 @@ void Declare(po::options_description* options, po::positional_options_descriptio
   arguments->add("file", 1);
 }
 
-// `text` in quotes, for the page's data.
-std::string Quoted(const std::string& text) {
-  std::string quoted = "\"";
-  for (const char c : Printable(text)) {
-    if (c == '"' || c == '\\') quoted += '\\';
-    quoted += c;
-  }
-  return quoted + '"';
-}
-
 std::string Answer(const DaemonClient& daemon, const Source& source) {
   try {
     return daemon.AskJson(source.command).Compact();
   } catch (const Failure& failure) {
     if (failure.code() == kNoDaemon) throw;
-    return std::string("{\"refused\":") + Quoted(failure.what()) + "}";
+    return std::string("{\"refused\":") + Json::Quoted(failure.what()) + "}";
   }
 }
 
@@ -96,14 +86,14 @@ std::string UtcNow() {
 int Run(const Work& work) {
   if (work.options.count("file") == 0) throw Failure(kUsage, "report needs the name of the page to write");
   const std::string path = work.options["file"].as<std::string>();
-  std::string data = "{\"made\":" + Quoted(UtcNow());
+  std::string data = "{\"made\":" + Json::Quoted(UtcNow());
   for (const Source& source : kSources)
     data += std::string(",\"") + source.name + "\":" + Answer(work.daemon, source);
   AddOperations(work.daemon, &data);
   data += "}";
   WriteOutputFile(path, ReportPage(data));
   if (work.json) {
-    std::printf("{\"file\":%s}\n", Quoted(path).c_str());
+    std::printf("{\"file\":%s}\n", Json::Quoted(path).c_str());
   } else {
     work.screen.Line(path + " is written; it opens in any browser, without a network");
   }

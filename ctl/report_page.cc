@@ -84,7 +84,7 @@ document.getElementById("subtitle").textContent = "made " + text(data.made);
   if (status.state) make(part, "p", status.state, status.state === "healthy" ? "good" : status.state === "degraded" ? "bad" : "warn");
   for (const fault of objects(status.faults)) {
     make(part, "p", text(fault.part) + ": " + text(fault.what), "bad");
-    make(part, "p", "since " + text(fault.since) + "; healed by " + text(fault.heals));
+    make(part, "p", "since " + text(fault.since) + "; what heals it: " + text(fault.heals));
   }
   if (list(status.well).length) make(part, "p", "well: " + list(status.well).map(text).join(", "), "faint");
 }
@@ -190,8 +190,9 @@ function timeline(parent, one, open) {
   const failed = shown.filter(one => one.state === "failed");
   if (failed.length) make(part, "h2", "Failed");
   failed.forEach((one, i) => timeline(part, one, i === 0));
-  make(part, "h2", "Newest others");
-  shown.filter(one => one.state !== "failed").forEach(one => timeline(part, one, one.state === "under way"));
+  const others = shown.filter(one => one.state !== "failed");
+  if (others.length) make(part, "h2", "Newest others");
+  others.forEach(one => timeline(part, one, one.state === "under way"));
 }
 
 // ---- Queues and latencies.

@@ -4,6 +4,7 @@
 #include "ctl/socket_call.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -12,6 +13,7 @@
 #include <openvswitch/json.h>
 #include <openvswitch/poll-loop.h>
 #include <openvswitch/util.h>
+#include <openvswitch/vlog.h>
 #include <stream.h>
 #include <timeval.h>
 
@@ -64,7 +66,7 @@ static enum socket_call_end exchange(struct jsonrpc* rpc, struct json* id, long 
   }
 }
 
-enum socket_call_end socket_call(const char* path, long long timeout_ms, const char* command,
+static enum socket_call_end call(const char* path, long long timeout_ms, const char* command,
                                  const char* const* arguments, size_t count, char** text) {
   const long long deadline = time_msec() + timeout_ms;
   struct stream* stream = NULL;
@@ -84,5 +86,19 @@ enum socket_call_end socket_call(const char* path, long long timeout_ms, const c
   const enum socket_call_end end = exchange(rpc, id, deadline, text);
   json_destroy(id);
   jsonrpc_close(rpc);
+  return end;
+}
+
+/* The library writes to the socket as a daemon does that ignores SIGPIPE.  This program wants the signal for
+ * its own output, whose reader may leave. */
+enum socket_call_end socket_call(const char* path, long long timeout_ms, const char* command,
+                                 const char* const* arguments, size_t count, char** text) {
+  struct sigaction ignored = {.sa_handler = SIG_IGN};
+  struct sigaction before;
+  sigaction(SIGPIPE, &ignored, &before);
+  /* What the library has to say comes back as a reason. */
+  vlog_set_levels(NULL, VLF_CONSOLE, VLL_OFF);
+  const enum socket_call_end end = call(path, timeout_ms, command, arguments, count, text);
+  sigaction(SIGPIPE, &before, NULL);
   return end;
 }

@@ -50,6 +50,7 @@ void ShowFull(const Json& status, Screen& screen, Colour colour) {
 int Run(const Work& work) {
   const Json status = work.daemon.AskJson("get/status");
   const std::string state = status["state"].text();
+  if (state.empty()) throw Failure(kDegraded, "the daemon's answer to \"get/status\" tells no state");
   const Colour colour = state == kHealthyState ? Colour::kGood
                         : state == "degraded"  ? Colour::kBad
                                                : Colour::kWarning;

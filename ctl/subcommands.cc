@@ -1,19 +1,12 @@
-#include <array>
+#include <vector>
 
+#include "ctl/listing.h"
 #include "ctl/subcommand.h"
 
 namespace zem::ctl {
 
 extern const Subcommand kStatus;
-extern const Subcommand kVerticals;
-extern const Subcommand kSwitches;
-extern const Subcommand kPorts;
-extern const Subcommand kVifs;
-extern const Subcommand kTasks;
-extern const Subcommand kQueues;
-extern const Subcommand kGuests;
 extern const Subcommand kAlarms;
-extern const Subcommand kCaptures;
 extern const Subcommand kInventory;
 extern const Subcommand kStore;
 extern const Subcommand kLog;
@@ -24,20 +17,19 @@ extern const Subcommand kBundle;
 extern const Subcommand kWhy;
 extern const Subcommand kReport;
 
-namespace {
-
-constexpr std::array kSubcommands = {
-    &kStatus,  &kVerticals, &kSwitches, &kPorts,     &kVifs,   &kTasks, &kQueues,
-    &kGuests,  &kAlarms,    &kCaptures, &kInventory, &kStore,  &kLog,   &kOptions,
-    &kMetrics, &kWatch,     &kBundle,   &kWhy,       &kReport,
-};
-
-}  // namespace
-
-std::span<const Subcommand* const> Subcommands() { return kSubcommands; }
+std::span<const Subcommand* const> Subcommands() {
+  static const std::vector<const Subcommand*> subcommands = [] {
+    std::vector<const Subcommand*> all = {&kStatus};
+    for (const Subcommand& list : ListSubcommands()) all.push_back(&list);
+    all.insert(all.end(), {&kAlarms, &kInventory, &kStore, &kLog, &kOptions, &kMetrics, &kWatch, &kBundle,
+                           &kWhy, &kReport});
+    return all;
+  }();
+  return subcommands;
+}
 
 const Subcommand* FindSubcommand(std::string_view name) {
-  for (const Subcommand* subcommand : kSubcommands) {
+  for (const Subcommand* subcommand : Subcommands()) {
     if (subcommand->name == name) return subcommand;
   }
   return nullptr;

@@ -2,12 +2,14 @@
 
 #include <cjson/cJSON.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
 #include <map>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "ctl/screen.h"
 
@@ -18,6 +20,7 @@ constexpr const char* kFailed = "failed";
 constexpr const char* kUnderWay = "under way";
 constexpr size_t kIndent = 2;
 constexpr size_t kMostKeys = 8;
+constexpr double kDeepest = 64;
 
 Colour ColourOf(const std::string& state) {
   if (state == kFailed) return Colour::kBad;
@@ -25,7 +28,7 @@ Colour ColourOf(const std::string& state) {
 }
 
 std::string StepText(const Json& step) {
-  std::string text(kIndent * static_cast<size_t>(step["depth"].number()), ' ');
+  std::string text(kIndent * static_cast<size_t>(std::clamp(step["depth"].number(), 0.0, kDeepest)), ' ');
   text += step["name"].text();
   if (const std::string detail = step["detail"].text(); !detail.empty()) text += " " + detail;
   if (const std::string result = step["result"].text(); !result.empty()) text += " -> " + result;
@@ -81,6 +84,40 @@ void AddText(cJSON* arguments, const Json& from, const char* name) {
   const std::string text = from[name].text();
   if (!text.empty()) Events::Checked(cJSON_AddStringToObject(arguments, name, text.c_str()));
 }
+
+// The rows of one thread: viewers want the bars of a row to lie within each other or apart.  A wait began
+// while the thread was at other work, so it may need a row of its own.
+class Rows {
+ public:
+  Rows(Events& events, int process) : events_(events), process_(process) {}
+
+  /// The row for a bar; `took` is cut by what the rounding of its times adds.  Bars come by their start.
+  int Place(const std::string& thread, double start, double* took) {
+    std::vector<Row>& rows = threads_[thread];
+    for (Row& row : rows) {
+      while (!row.ends.empty() && row.ends.back() <= start) row.ends.pop_back();
+      if (!row.ends.empty() && start + *took > row.ends.back() + kRounding) continue;
+      if (!row.ends.empty()) *took = std::min(*took, row.ends.back() - start);
+      row.ends.push_back(start + *took);
+      return row.number;
+    }
+    rows.push_back({++last_, {start + *took}});
+    const std::string more = rows.size() == 1 ? "" : " (" + std::to_string(rows.size()) + ")";
+    events_.Name("thread_name", thread + more, process_, last_);
+    return last_;
+  }
+
+ private:
+  static constexpr double kRounding = 2;  // microseconds
+  struct Row {
+    int number;
+    std::vector<double> ends;  // of the bars around the next one, the outermost first
+  };
+  Events& events_;
+  const int process_;
+  int last_ = 0;
+  std::map<std::string, std::vector<Row>> threads_;
+};
 
 // `thread` 0 is the operation as a whole.
 void AddBar(Events& events, const std::string& name, int process, int thread, double start, double took,
@@ -175,15 +212,13 @@ std::string TraceEvents(const Json& operations) {
     events.Name("thread_name", "operation", process, 0);
     const double lasted = operation["duration_us"].number();
     AddBar(events, title, process, 0, begun, lasted, operation);
-    std::map<std::string, int> threads;
+    Rows rows(events, process);
     for (const Json& step : operation["steps"].elements()) {
-      const auto [thread, added] =
-          threads.try_emplace(step["thread"].text(), static_cast<int>(threads.size()) + 1);
-      if (added) events.Name("thread_name", thread->first, process, thread->second);
       const double start = step["start_us"].number();
-      const double took = step["duration_us"].number();
-      AddBar(events, step["name"].text(), process, thread->second, begun + start,
-             took < 0 ? lasted - start : took, step);
+      double took = step["duration_us"].number();
+      if (took < 0) took = std::max(0.0, lasted - start);
+      const int row = rows.Place(step["thread"].text(), start, &took);
+      AddBar(events, step["name"].text(), process, row, begun + start, took, step);
     }
   }
   return events.Text();

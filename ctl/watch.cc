@@ -23,7 +23,7 @@ constexpr double kLongest = 3'600;
 void Declare(po::options_description* options, po::positional_options_description* arguments) {
   options->add_options()("interval", po::value<double>()->default_value(2)->value_name("SECONDS"),
                          "how long to wait between two times")(
-      "times", po::value<unsigned>()->default_value(0)->value_name("N"), "end after so many; 0 goes on")(
+      "times", po::value<int>()->default_value(0)->value_name("N"), "end after so many; 0 goes on")(
       "command", po::value<std::vector<std::string>>(), "the command and its arguments");
   arguments->add("command", -1);
 }
@@ -39,9 +39,10 @@ int Run(const Work& work) {
   const double seconds = work.options["interval"].as<double>();
   if (!(seconds >= kShortest && seconds <= kLongest))
     throw Failure(kUsage, "--interval takes 0.1 to 3600 seconds");
-  const unsigned times = work.options["times"].as<unsigned>();
+  const int times = work.options["times"].as<int>();
+  if (times < 0) throw Failure(kUsage, "--times takes 0, for no end, or how often");
   const bool clear = ::isatty(STDOUT_FILENO) != 0 && !work.json;
-  for (unsigned done = 1;; ++done) {
+  for (int done = 1;; done = done < times ? done + 1 : 1) {
     if (clear) std::fputs(kClear, stdout);
     const int code = RunWords(words);
     if (code == kUsage || done == times || std::ferror(stdout) != 0) return code;

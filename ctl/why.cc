@@ -25,6 +25,7 @@ void Declare(po::options_description* options, po::positional_options_descriptio
 int Run(const Work& work) {
   std::vector<std::string> arguments;
   if (work.options.count("id") != 0) arguments.push_back(work.options["id"].as<std::string>());
+  if (!arguments.empty() && arguments.front().empty()) throw Failure(kUsage, "the id is empty");
   if (arguments.empty() && work.options.count("trace") != 0) {
     throw Failure(kUsage, "--trace needs an id; \"why\" alone lists what there is");
   }

@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -23,7 +24,11 @@ void CheckWorker::Start() {
   NativeThread::Options options;
   options.name = kName;
   thread_ = NativeThread(std::move(options), [queue = queue_] {
-    while (const auto task = queue->Pop()) (*task)();
+    const LoopThread loop(kName, LoopKind::kWorker);
+    while (const auto task = queue->Pop()) {
+      const LoopStep step("check");
+      (*task)();
+    }
   });
 }
 

@@ -10,6 +10,7 @@
 #include "covedbclient/statements.h"
 #include "framework/log/log.h"
 #include "mpaclient/proxy/tn_proxy_client_common.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/uuid.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/covedb/firewall_objects.pb.h"
@@ -117,6 +118,7 @@ void IpReputationMsgHandler::TakeRecord(const store::MonitorUpdateMsg& update) {
 // --- The reports.
 
 void IpReputationMsgHandler::ProcessIpReputationMessages() {
+  const LoopThread loop("ipReputation", LoopKind::kWorker);
   try {
     do {
       ReportOnce();
@@ -130,6 +132,7 @@ void IpReputationMsgHandler::ProcessIpReputationMessages() {
 }
 
 void IpReputationMsgHandler::ReportOnce() {
+  const LoopStep step("report");
   const uint32_t count = curr_record_count_;
   ZLOG_DEBUG("Sending to MP Data received");
   ZLOG_DEBUG("currRecordCount %u", count);

@@ -7,6 +7,7 @@
 // The port files are in memory, or in FOLDER.
 
 #include <malloc.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/zema/ports/vif_timelines.h"
 #include "bench/vifs/agent_side.h"
 #include "bench/vifs/bare_side.h"
 #include "bench/vifs/world.h"
@@ -34,6 +36,7 @@ namespace zem::bench {
 namespace {
 
 constexpr int kRounds = 5;
+constexpr int kPairs = 4;  // with and without timelines, in each round
 constexpr size_t kAttaches = 1000;
 constexpr size_t kOneByOne = 500;
 constexpr size_t kMoves = 500;
@@ -49,6 +52,15 @@ double Seconds(const std::function<void()>& work) {
   const auto begun = std::chrono::steady_clock::now();
   work();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
+}
+
+double ProcessorSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  const auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+  };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 double Percentile(std::vector<double> values, double share) {
@@ -135,6 +147,7 @@ class Bench {
               by_size_[0].peer / by_size_[0].ours);
         Latency();
         Logged();
+        Timelines();
       }
       const double ours = by_size_[i].ours * 1e6 / kAttaches;
       const double peer = by_size_[i].peer * 1e6 / kAttaches;
@@ -235,6 +248,31 @@ class Bench {
           best.peer / best.ours);
     std::printf("# %zu lines for an attach\n",
                 (LogSocket::lines - before) / kAttaches / static_cast<size_t>(rounds_));
+  }
+
+  // Processor time, because the difference is less than what other work on the machine does to the clock's.
+  // One of each in turn, and the median of the pairs.
+  void Timelines() {
+    std::vector<double> with;
+    std::vector<double> without;
+    std::vector<double> times;
+    for (int pair = 0; pair < kPairs * rounds_; ++pair) {
+      const bool first = pair % 2 == 0;
+      for (const bool keep : {first, !first}) {
+        zema::KeepVifTimelines(keep);
+        const auto vifs = world_.NewVifs(kAttaches);
+        const double begun = ProcessorSeconds();
+        agent_.Attach(vifs, vifs.size());
+        (keep ? with : without).push_back((ProcessorSeconds() - begun) * 1e6 / kAttaches);
+        world_.Check(vifs);
+        world_.Remove(vifs);
+        world_.state().journal().Clear();
+      }
+      times.push_back(without.back() / with.back());
+    }
+    zema::KeepVifTimelines(true);
+    Print("timelines", "processor_us_per_attach", Percentile(with, 0.5), Percentile(without, 0.5),
+          Percentile(times, 0.5));
   }
 
   void Latency() {

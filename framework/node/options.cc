@@ -6,6 +6,7 @@
 
 #include "framework/log/log.h"
 #include "framework/node/platform_info.h"
+#include "framework/options/option_table.h"
 #include "framework/options/option_value.h"
 #include "platform/wft/workflow_util.h"
 
@@ -117,7 +118,7 @@ std::string OptionText(OptionKey key) { return TextValue(key.row(), GivenText(ke
 bool OptionSectionGiven(const char* section) { return OptionsTree().get_child_optional(section).has_value(); }
 
 std::string OptionsInForce() {
-  return OptionsText({}, [](const OptionRow& row) { return GivenText(row); });
+  return OptionsText(kOptionRows, {}, [](const OptionRow& row) { return GivenText(row); });
 }
 
 void ApplyLoggingOptions() {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +10,13 @@ namespace zem::Tarvik {
 /// What the daemon would make of a file.
 struct OptionCheck {
   std::vector<OptionFault> faults;  ///< in order of the lines
-  /// The daemon would not start with it.
+  /// The daemon, or the part of it that reads the file, would not use it.
   bool unusable = false;
-  std::string json;  ///< every option with its value in force, and the faults
+  std::string json;  ///< every option of the file with its value in force, and the faults
 };
 
-/// Reads the options file at `path` as the daemon does.
+/// Reads one of the daemon's files of options at `path` as the daemon does; its content tells which one it
+/// is.
 OptionCheck CheckOptions(const std::string& path);
 
 /// "FILE:LINE: KEY: what", a line each; empty when all is well.

@@ -3,37 +3,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
-#include <span>
 #include <string_view>
+
+#include "framework/options/option_row.h"
 
 /// Every option of the daemon's file, its type, range and default: what the daemon reads and what checks a
 /// file are this one table.
 namespace zem::Tarvik {
-
-enum class OptionType : uint8_t { kFlag, kNumber, kText };
-
-struct OptionRow {
-  /// Below `config.tarvik`.
-  std::string_view key;
-  OptionType type;
-  /// Of a number, both included.
-  int64_t least;
-  int64_t most;
-  /// As it would stand in the file.
-  std::string_view standard;
-  std::string_view effect;
-};
-
-constexpr OptionRow FlagOption(std::string_view key, bool standard, std::string_view effect) {
-  return {key, OptionType::kFlag, 0, 1, standard ? "true" : "false", effect};
-}
-constexpr OptionRow NumberOption(std::string_view key, int64_t least, int64_t most, std::string_view standard,
-                                 std::string_view effect) {
-  return {key, OptionType::kNumber, least, most, standard, effect};
-}
-constexpr OptionRow TextOption(std::string_view key, std::string_view standard, std::string_view effect) {
-  return {key, OptionType::kText, 0, 0, standard, effect};
-}
 
 inline constexpr OptionRow kOptionRows[] = {
     NumberOption("log.level", 0, 6, "5",
@@ -68,26 +44,6 @@ inline constexpr OptionRow kOptionRows[] = {
     TextOption("metrics.socket", "", "a unix socket that serves the metrics over HTTP; none while empty"),
 };
 
-/// Null when there is no such option.
-constexpr const OptionRow* FindOption(std::string_view key) {
-  for (const OptionRow& row : kOptionRows) {
-    if (row.key == key) return &row;
-  }
-  return nullptr;
-}
-
-/// A key that the table has; any other does not compile.  It keeps the row's place, because sanitized builds
-/// do not take a comparison of addresses for constant.
-class OptionKey {
- public:
-  consteval OptionKey(const char* key) {  // NOLINT(google-explicit-constructor)
-    while (index_ < std::size(kOptionRows) && kOptionRows[index_].key != key) ++index_;
-    if (index_ == std::size(kOptionRows)) throw "the table of options does not have this key";
-  }
-  constexpr const OptionRow& row() const { return kOptionRows[index_]; }
-
- private:
-  size_t index_ = 0;
-};
+using OptionKey = KeyOf<kOptionRows>;
 
 }  // namespace zem::Tarvik

@@ -4,8 +4,11 @@
 
 #include <array>
 #include <charconv>
+#include <limits>
 #include <memory>
 #include <new>
+
+#include "platform/core/text_repair.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -24,14 +27,55 @@ std::optional<bool> ParseFlag(std::string_view text) {
   return std::nullopt;
 }
 
-std::optional<int64_t> ParseNumber(const OptionRow& row, std::string_view text) {
+std::optional<int64_t> ParseNumber(std::string_view text) {
   int64_t number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return number >= row.least && number <= row.most ? std::optional(number) : std::nullopt;
+  if (end != text.data() + text.size() || text.empty()) return std::nullopt;
+  if (error == std::errc()) return number;
+  if (error != std::errc::result_out_of_range) return std::nullopt;
+  return text.front() == '-' ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
 }
 
-constexpr std::array kTypeWords = {"flag", "number", "text"};
+bool InRange(const OptionRow& row, int64_t number) { return number >= row.least && number <= row.most; }
+
+bool FitsLength(const OptionRow& row, const std::string& text) {
+  const auto length = static_cast<int64_t>(text.size());
+  return length >= row.least && (row.most == 0 || length <= row.most);
+}
+
+// As it is for a number that makes the file unusable: who refuses the file tells of it.
+int64_t OutsideNumber(const OptionRow& row, int64_t number) {
+  switch (row.out_of_range) {
+    case OutOfRange::kInstead:
+      return row.instead;
+    case OutOfRange::kRefused:
+      return number;
+    case OutOfRange::kDefault:
+      break;
+  }
+  return *ParseNumber(row.standard);
+}
+
+// A value as a message shows it: whole for what somebody has typed, and without what steers a terminal.
+std::string Shown(const std::string& text) {
+  constexpr size_t kMostShown = 64;
+  constexpr unsigned char kFirstPrintable = 0x20;
+  std::string shown = RepairText(text.substr(0, kMostShown));
+  for (char& c : shown) {
+    if (static_cast<unsigned char>(c) < kFirstPrintable) c = '?';
+  }
+  return shown + (text.size() > kMostShown ? "..." : "");
+}
+
+std::string ConsequenceText(const OptionRow& row, const std::string& text) {
+  const bool in_place = row.type == OptionType::kNumber && ParseNumber(text).has_value();
+  if (row.out_of_range == OutOfRange::kInstead && in_place) return std::to_string(row.instead) + " is taken";
+  if (row.out_of_range == OutOfRange::kRefused && (in_place || row.type == OptionType::kText))
+    return "the file is not used";
+  return "the default " + std::string(row.standard) + " is taken";
+}
+
+constexpr std::array kTypeWords = {"flag", "number", "text", "list"};
 
 using JsonPointer = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
 
@@ -41,7 +85,7 @@ JsonPointer Made(cJSON* value) {
 }
 
 void AddText(const JsonPointer& object, const char* name, const std::string& text) {
-  cJSON_AddStringToObject(object.get(), name, text.c_str());
+  cJSON_AddStringToObject(object.get(), name, RepairText(text).c_str());
 }
 
 }  // namespace
@@ -52,12 +96,15 @@ bool FlagValue(const OptionRow& row, const std::optional<std::string>& given) {
 }
 
 int64_t NumberValue(const OptionRow& row, const std::optional<std::string>& given) {
-  const std::optional<int64_t> value = given ? ParseNumber(row, *given) : std::nullopt;
-  return value ? *value : *ParseNumber(row, row.standard);
+  const std::optional<int64_t> number = given ? ParseNumber(*given) : std::nullopt;
+  if (!number) return *ParseNumber(row.standard);
+  return InRange(row, *number) ? *number : OutsideNumber(row, *number);
 }
 
 std::string TextValue(const OptionRow& row, const std::optional<std::string>& given) {
-  return given ? *given : std::string(row.standard);
+  if (!given) return std::string(row.standard);
+  return FitsLength(row, *given) || row.out_of_range == OutOfRange::kRefused ? *given
+                                                                             : std::string(row.standard);
 }
 
 std::string ValueInForce(const OptionRow& row, const std::optional<std::string>& given) {
@@ -67,36 +114,50 @@ std::string ValueInForce(const OptionRow& row, const std::optional<std::string>&
     case OptionType::kNumber:
       return std::to_string(NumberValue(row, given));
     case OptionType::kText:
+      return TextValue(row, given);
+    case OptionType::kList:
       break;
   }
-  return TextValue(row, given);
+  return given.value_or(std::string());
 }
+
+bool IsNumber(const std::string& text) { return ParseNumber(text).has_value(); }
 
 std::string RangeText(const OptionRow& row) {
   switch (row.type) {
     case OptionType::kFlag:
       return "true or false";
     case OptionType::kNumber:
+      if (row.least == kLeastWhole && row.most == kMostWhole) return "a whole number of 32 bits";
       return std::to_string(row.least) + " to " + std::to_string(row.most);
     case OptionType::kText:
+      if (row.most > 0) return std::to_string(row.least) + " to " + std::to_string(row.most) + " characters";
+      return row.least > 0 ? "text, not empty" : "text";
+    case OptionType::kList:
       break;
   }
-  return "text";
+  return "list of texts";
 }
 
 std::string ValueFault(const OptionRow& row, const std::string& text) {
-  const bool good = row.type == OptionType::kText || (row.type == OptionType::kFlag && ParseFlag(text)) ||
-                    (row.type == OptionType::kNumber && ParseNumber(row, text));
+  bool good = true;
+  if (row.type == OptionType::kFlag) {
+    good = ParseFlag(text).has_value();
+  } else if (row.type == OptionType::kNumber) {
+    const std::optional<int64_t> number = ParseNumber(text);
+    good = number && InRange(row, *number);
+  } else if (row.type == OptionType::kText) {
+    good = FitsLength(row, text);
+  }
   if (good) return {};
-  return "\"" + text + "\" is not " + RangeText(row) + "; the default " + std::string(row.standard) +
-         " is taken";
+  return "\"" + Shown(text) + "\" is not " + RangeText(row) + "; " + ConsequenceText(row, text);
 }
 
-std::string OptionsText(const std::vector<OptionFault>& faults,
+std::string OptionsText(std::span<const OptionRow> rows, const std::vector<OptionFault>& faults,
                         const std::function<std::optional<std::string>(const OptionRow&)>& given) {
   const JsonPointer answer = Made(cJSON_CreateObject());
   cJSON* const options = cJSON_AddArrayToObject(answer.get(), "options");
-  for (const OptionRow& row : kOptionRows) {
+  for (const OptionRow& row : rows) {
     const std::optional<std::string> text = given(row);
     JsonPointer object = Made(cJSON_CreateObject());
     AddText(object, "key", std::string(row.key));

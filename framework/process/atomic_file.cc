@@ -44,9 +44,9 @@ bool SyncFolder(const std::string& folder) {
 
 namespace {
 
-FileWrite Replace(const std::string& path, std::string_view bytes, std::string* error) {
+FileWrite Replace(const std::string& path, std::string_view bytes, std::string* error, mode_t mode) {
   const std::string temporary = path + ".tmp";
-  UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
   if (!fd) {
     *error = Tarvik::Util::GetErrMsg(errno);
     return FileWrite::kNotOpened;
@@ -76,9 +76,9 @@ FileWrite Replace(const std::string& path, std::string_view bytes, std::string* 
 
 }  // namespace
 
-FileWrite WriteFileWhole(const std::string& path, std::string_view bytes, std::string* error) {
+FileWrite WriteFileWhole(const std::string& path, std::string_view bytes, std::string* error, mode_t mode) {
   timeline::Step step("writes a file", path);
-  const FileWrite result = Replace(path, bytes, error);
+  const FileWrite result = Replace(path, bytes, error, mode);
   if (result == FileWrite::kDone) {
     step.Result("done", false);
   } else {
@@ -88,7 +88,8 @@ FileWrite WriteFileWhole(const std::string& path, std::string_view bytes, std::s
 }
 
 int ReadFileWhole(const std::string& path, size_t limit, std::string* bytes) {
-  const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // A pipe in the file's place must not hold up its reader.
+  const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd) return errno;
   struct stat status {};
   if (::fstat(fd.get(), &status) != 0) return errno;

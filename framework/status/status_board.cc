@@ -198,7 +198,9 @@ StatusBoard::Fault StatusBoard::FaultOf(PartState state, TimePoint now) const {
 StatusBoard::Report StatusBoard::Read() {
   Refresh();
   std::unique_lock lock(mutex_);
-  changed_.WaitFor(lock, kPatience, [this] { return !reading_; });
+  // A reading that hangs has had its time; whoever asks next waits no more for it.
+  const Duration age = reading_ ? Clock::Process().Now() - reading_since_.time : Duration::zero();
+  if (age < kPatience) changed_.WaitFor(lock, kPatience - age, [this] { return !reading_; });
   const TimePoint now = Clock::Process().Now();
   Report report{phase_, now - started_, {}, {}};
   const auto phase_fault = [&](std::string what, std::string heals) {

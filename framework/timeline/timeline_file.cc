@@ -13,6 +13,7 @@
 #include "framework/process/atomic_file.h"
 #include "framework/process/error_text.h"
 #include "framework/timeline/timeline_json.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/unique_fd.h"
 
 namespace zem::Tarvik {
@@ -21,8 +22,8 @@ namespace {
 constexpr LogSource kLog{"tarvik", "framework"};
 constexpr size_t kMostBytes = size_t{1} << 20;
 constexpr size_t kMostWaiting = 128;
-constexpr auto kLook = std::chrono::seconds(5);
-constexpr auto kLong = std::chrono::seconds(10);
+constexpr auto kLook = std::chrono::seconds(1);
+constexpr auto kLong = std::chrono::seconds(2);
 constexpr size_t kMostLong = 64;
 constexpr mode_t kMode = 0600;  // it names VMs and their files
 
@@ -84,27 +85,33 @@ void TimelineFile::Load() {
 }
 
 void TimelineFile::Write() {
+  const LoopThread loop("timelines", LoopKind::kWorker);
   std::unique_lock lock(mutex_);
   for (;;) {
     const bool any = changed_.WaitFor(lock, kLook, [this] { return stopped_ || !waiting_.empty(); });
-    if (any && waiting_.empty()) return;
+    if (any && waiting_.empty()) break;
     timeline::OperationPtr operation;
     if (any) {
       operation = std::move(waiting_.front());
       waiting_.pop_front();
     }
     lock.unlock();
-    if (operation) {
-      std::erase(long_, operation);
-      Save(*operation);
-    } else {
-      SaveLong();
+    {
+      const LoopStep step("save");
+      if (operation) {
+        std::erase(long_, operation);
+        Save(*operation);
+      } else {
+        SaveUnderWay(kLong);
+      }
     }
     lock.lock();
   }
+  lock.unlock();
+  SaveUnderWay(Duration::zero());
 }
 
-void TimelineFile::SaveLong() {
+void TimelineFile::SaveUnderWay(Duration age) {
   std::erase_if(long_, [this](const timeline::OperationPtr& each) {
     if (each->state() == timeline::State::kUnderWay) return false;
     // One that failed is written for that.
@@ -112,7 +119,7 @@ void TimelineFile::SaveLong() {
     return true;
   });
   for (const timeline::OperationPtr& each : timeline::Find({}, SIZE_MAX)) {
-    if (each->state() != timeline::State::kUnderWay || each->age() < kLong || long_.size() >= kMostLong)
+    if (each->state() != timeline::State::kUnderWay || each->age() < age || long_.size() >= kMostLong)
       continue;
     if (std::find(long_.begin(), long_.end(), each) != long_.end()) continue;
     Save(*each);
@@ -128,18 +135,20 @@ void TimelineFile::Save(const timeline::Operation& operation) {
     ZLOG_WARN("[%s] no memory for a timeline of %zu bytes", __func__, operation.bytes());
     return;
   }
-  const bool saved = Append(line);
-  if (!saved && !broken_) {
+  const std::string error = Append(line);
+  if (!error.empty() && !broken_) {
     ZLOG_WARN("[%s] failed operations are not kept for the next start: %s: %s", __func__, path_.c_str(),
-              Util::GetErrMsg(errno).c_str());
+              error.c_str());
   }
-  broken_ = !saved;
+  broken_ = !error.empty();
 }
 
-bool TimelineFile::Append(const std::string& line) {
-  UniqueFd fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, kMode));
+std::string TimelineFile::Append(const std::string& line) {
+  UniqueFd fd(
+      ::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kMode));
   struct stat status {};
-  if (!fd || ::fstat(fd.get(), &status) != 0) return false;
+  if (!fd || ::fstat(fd.get(), &status) != 0) return Util::GetErrMsg(errno);
+  if (!S_ISREG(status.st_mode)) return "not a file";
   if (static_cast<size_t>(status.st_size) + line.size() > kMostBytes) {
     std::string bytes;
     std::string error;
@@ -147,13 +156,18 @@ bool TimelineFile::Append(const std::string& line) {
     const size_t half = bytes.find('\n', bytes.size() > kMostBytes / 2 ? bytes.size() - kMostBytes / 2 : 0);
     bytes.erase(0, half == std::string::npos ? bytes.size() : half + 1);
     torn_ = false;
-    return WriteFileWhole(path_, bytes + line, &error) == FileWrite::kDone &&
-           ::chmod(path_.c_str(), kMode) == 0;
+    static_cast<void>(WriteFileWhole(path_, bytes + line, &error, kMode));
+    return error;
   }
   const std::string text = (torn_ ? "\n" : "") + line;
   const ssize_t written = ::write(fd.get(), text.data(), text.size());
-  torn_ = written > 0 && written != static_cast<ssize_t>(text.size());
-  return written == static_cast<ssize_t>(text.size());
+  if (written < 0) return Util::GetErrMsg(errno);
+  if (written == static_cast<ssize_t>(text.size())) {
+    torn_ = false;
+    return "";
+  }
+  torn_ = torn_ || written > 0;
+  return Util::GetErrMsg(ENOSPC);
 }
 
 }  // namespace zem::Tarvik

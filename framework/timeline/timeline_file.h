@@ -12,9 +12,10 @@
 namespace zem::Tarvik {
 
 /// The failed operations of this life of the process and of earlier ones, in a file: a line of JSON each, in
-/// the order in which they failed.  One that takes long is written down meanwhile, so that a daemon that
-/// hangs can be killed and explained.  A thread of its own writes, so nobody waits for the disk; a daemon
-/// that is killed loses at most what failed in the moment before.
+/// the order in which they failed.  One that takes more than two seconds is written down meanwhile, and what
+/// is under way when the daemon stops is written down then, so that a daemon that hangs can be killed and
+/// explained.  A thread of its own writes, so nobody waits for the disk; a daemon that is killed loses what
+/// failed in the moment before, and what had begun within the last three seconds.
 ///
 /// Limits: the file has 1 MiB at most, its older half goes; 128 operations wait to be written, the oldest is
 /// given up.  Errors: what cannot be read is skipped; a file that cannot be written is logged once until it
@@ -36,10 +37,11 @@ class TimelineFile {
  private:
   void Load();
   void Write();
-  /// Writes down what has been under way for long, and the end of what was written down so.
-  void SaveLong();
+  /// Writes down what has been under way for `age`, and the end of what was written down so.
+  void SaveUnderWay(Duration age);
   void Save(const timeline::Operation& operation);
-  bool Append(const std::string& line);
+  /// Returns why the line could not be written; empty when it was.
+  std::string Append(const std::string& line);
 
   const std::string path_;
   std::vector<timeline::OperationReading> earlier_;

@@ -2,6 +2,7 @@
 
 #include <cjson/cJSON.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <ctime>
@@ -17,6 +18,7 @@ using timeline::StepReading;
 constexpr std::array kStates = {"under way", "done", "failed"};
 constexpr size_t kMostSteps = 4096;
 constexpr size_t kMostKeys = 256;
+constexpr int64_t kDeepest = 64;
 
 int64_t Micros(WallTime time) {
   return std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
@@ -115,7 +117,7 @@ std::optional<OperationReading> ReadTimeline(std::string_view text) {
     step.thread = TextOf(each, "thread");
     step.start_us = NumberOf(each, "start_us");
     step.duration_us = NumberOf(each, "duration_us");
-    step.depth = static_cast<uint32_t>(NumberOf(each, "depth"));
+    step.depth = static_cast<uint32_t>(std::clamp<int64_t>(NumberOf(each, "depth"), 0, kDeepest));
     step.failed = cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(each, "failed")) != 0;
   }
   return operation;

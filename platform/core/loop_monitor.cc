@@ -100,8 +100,10 @@ class LoopThread::Loop {
 namespace {
 
 struct AllLoops {
-  std::mutex mutex;  // guards loops
+  std::mutex mutex;  // guards all below
   std::vector<std::shared_ptr<void>> loops;
+  // By name; a count that fell would look like a new start.
+  std::map<std::string, uint64_t> steps_before;
 };
 
 // Never destroyed: loops of static objects leave it at the very end.
@@ -127,9 +129,16 @@ LoopThread::~LoopThread() {
   {
     const std::lock_guard lock(All().mutex);
     std::erase_if(All().loops, [this](const auto& loop) { return loop.get() == loop_.get(); });
+    const LoopReading last = loop_->Read();
+    All().steps_before[last.name] += last.steps;
   }
   loop_of_thread = outer_;
   if (outer_ != nullptr) outer_->Resume(loop_->outer_step);
+}
+
+std::map<std::string, uint64_t> LoopThread::StepsBefore() {
+  const std::lock_guard lock(All().mutex);
+  return All().steps_before;
 }
 
 std::vector<LoopReading> LoopThread::ReadAll() {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -50,6 +51,8 @@ class LoopThread {
 
   /// Of all loops of the process, in the order in which they began.  From any thread.
   static std::vector<LoopReading> ReadAll();
+  /// By name, the steps of the loops that have ended.  Loops have few names.
+  static std::map<std::string, uint64_t> StepsBefore();
 
  private:
   friend class LoopStep;

@@ -10,8 +10,10 @@ namespace zem {
 namespace {
 
 struct AllGauges {
-  std::mutex mutex;  // guards gauges
+  std::mutex mutex;  // guards all below
   std::vector<const QueueGauge*> gauges;
+  // By name, what queues that have gone had dropped: a count that fell would look like a new start.
+  std::map<std::string, uint64_t> dropped_before;
 };
 
 // Never destroyed: queues of static objects leave it at the very end.
@@ -30,6 +32,7 @@ QueueGauge::QueueGauge(std::string name, size_t limit) : name_(std::move(name)),
 QueueGauge::~QueueGauge() {
   const std::lock_guard lock(All().mutex);
   std::erase(All().gauges, this);
+  if (dropped_ != 0) All().dropped_before[name_] += dropped_;
 }
 
 void QueueGauge::Entered() {
@@ -78,6 +81,11 @@ QueueGauge::Reading QueueGauge::Read() const {
     reading.longest_wait = std::max(reading.longest_wait, reading.oldest);
   }
   return reading;
+}
+
+std::map<std::string, uint64_t> QueueGauge::DroppedBefore() {
+  const std::lock_guard lock(All().mutex);
+  return All().dropped_before;
 }
 
 std::vector<QueueGauge::Reading> QueueGauge::ReadAll() {

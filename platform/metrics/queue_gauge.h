@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -56,6 +57,8 @@ class QueueGauge {
 
   /// Of all queues of the process, in the order in which they were made.
   static std::vector<Reading> ReadAll();
+  /// By name, what the queues that have gone had dropped.  Queues have few names.
+  static std::map<std::string, uint64_t> DroppedBefore();
 
  private:
   const std::string name_;

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "platform/core/lib_log.h"
+#include "platform/core/loop_monitor.h"
 #include "proto/sha/sha.pb.h"
 
 namespace zem::sha {
@@ -98,6 +99,7 @@ uint64_t ShaPmClient::dropped() const {
 
 // Builders and the socket are used without the lock, so a registration never waits for either.
 void ShaPmClient::Loop() {
+  const LoopThread loop("sha", LoopKind::kWorker);
   std::unique_lock lock(mutex_);
   while (running_) {
     const TimePoint now = Clock::Process().Now();
@@ -140,6 +142,7 @@ void ShaPmClient::Loop() {
 }
 
 void ShaPmClient::Collect(const std::string& name, const Metric& metric) {
+  const LoopStep step("metric");
   AgentReportMsg report;
   report.mutable_metric()->set_name(name);
   try {
@@ -153,6 +156,7 @@ void ShaPmClient::Collect(const std::string& name, const Metric& metric) {
 }
 
 void ShaPmClient::SendHeartbeat(uint32_t interval_s, uint32_t stale_after_s) {
+  const LoopStep step("heartbeat");
   AgentReportMsg report;
   report.mutable_heartbeat()->set_interval_s(interval_s);
   report.mutable_heartbeat()->set_stale_after_s(stale_after_s);

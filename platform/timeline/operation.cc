@@ -9,7 +9,8 @@
 
 // Operations are in the ring from their begin, so that one that hangs can be asked about.  The ring has a
 // share for each kind and one more for those that failed, which nothing but other failures pushes out;
-// together they stay below kMostBytes.
+// together they stay below kMostBytes.  Those under way are the last to go: in a storm the ones that hang are
+// the oldest.
 
 namespace zem::timeline {
 namespace {
@@ -17,6 +18,8 @@ namespace {
 constexpr std::array<const char*, kKinds> kKindNames = {"host configuration", "host setting",
                                                         "logical switches", "VIF operation"};
 constexpr size_t kMostOfKind = 128;
+constexpr size_t kMostUnderWay = 1024;
+constexpr int kLooks = 2;  // at operations under way, for one that has ended
 constexpr size_t kMostFailed = 128;
 constexpr size_t kLeastOfKind = 8;  // also when memory is short
 constexpr size_t kMostBytes = size_t{8} << 20;
@@ -28,6 +31,8 @@ constexpr size_t kLongestError = 1024;
 
 std::atomic<size_t> all_bytes{0};
 std::atomic<uint64_t> last_number{0};
+// More operations than a share has when nothing is under way: each end makes room then.
+std::atomic<bool> crowded{false};
 
 struct Ring {
   std::mutex mutex;  // guards all below; before an operation's own
@@ -37,9 +42,12 @@ struct Ring {
 
   // What leaves is destroyed by the caller, without the lock.
   void Shrink(std::vector<OperationPtr>* gone) {
+    bool any_crowded = false;
     for (auto& kind : kinds) {
-      while (kind.size() > kMostOfKind) Drop(&kind, gone);
+      ShrinkKind(&kind, gone);
+      any_crowded = any_crowded || kind.size() > kMostOfKind;
     }
+    crowded.store(any_crowded, std::memory_order_relaxed);
     while (failed.size() > kMostFailed) Drop(&failed, gone);
     size_t left = all_bytes.load(std::memory_order_relaxed);
     for (const auto& operation : *gone) left -= std::min(left, operation->bytes());
@@ -47,6 +55,19 @@ struct Ring {
       while (left > kMostBytes && share->size() > kLeastOfKind) {
         left -= std::min(left, share->front()->bytes());
         Drop(share, gone);
+      }
+    }
+  }
+
+  // Those under way go to the back, so that each call has few to look at.
+  static void ShrinkKind(std::deque<OperationPtr>* kind, std::vector<OperationPtr>* gone) {
+    for (int looks = 0; kind->size() > kMostOfKind;) {
+      if (kind->size() <= kMostUnderWay && kind->front()->state() == State::kUnderWay) {
+        if (++looks == kLooks) return;
+        kind->push_back(std::move(kind->front()));
+        kind->pop_front();
+      } else {
+        Drop(kind, gone);
       }
     }
   }
@@ -94,6 +115,10 @@ bool Operation::Take(size_t size, bool important) {
 }
 
 Segment* Operation::NewSegment() {
+  if (!Take(sizeof(Segment), true)) {
+    left_out_.fetch_add(1, std::memory_order_relaxed);
+    return nullptr;
+  }
   auto segment = std::make_unique<Segment>(*this);
   Segment* const made = segment.get();
   const std::lock_guard lock(mutex_);
@@ -159,14 +184,17 @@ OperationPtr Begin(Kind kind, std::string_view what, std::initializer_list<std::
 }
 
 void Finish(const OperationPtr& operation, std::string_view error) {
-  if (!operation || !operation->End(error) || error.empty()) return;
+  if (!operation || !operation->End(error)) return;
+  if (error.empty() && !crowded.load(std::memory_order_relaxed)) return;
   std::vector<OperationPtr> gone;
   std::shared_ptr<const std::function<void(const OperationPtr&)>> hook;
   {
     Ring& ring = TheRing();
     const std::lock_guard lock(ring.mutex);
-    hook = ring.failure_hook;
-    ring.failed.push_back(operation);
+    if (!error.empty()) {
+      hook = ring.failure_hook;
+      ring.failed.push_back(operation);
+    }
     ring.Shrink(&gone);
   }
   if (hook) (*hook)(operation);

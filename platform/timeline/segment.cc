@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <new>
+#include <utility>
 
 #include "platform/core/thread_name.h"
 
@@ -31,25 +33,64 @@ struct Segment::Chunk {
   alignas(std::max_align_t) char bytes[kChunkBytes];
 };
 
+// Chunks that are free again.  An operation is forgotten by another thread than those that wrote it, and
+// giving its memory back to the allocator and taking it anew would cost more than all its steps.
+class Segment::FreeChunks {
+ public:
+  /// Null without memory.
+  Chunk* Take() {
+    {
+      const std::lock_guard lock(mutex_);
+      if (first_ != nullptr) {
+        --count_;
+        return std::exchange(first_, first_->before);
+      }
+    }
+    return new (std::nothrow) Chunk;
+  }
+
+  /// Takes a whole list; only its last chunk is looked at, since the others are in nobody's cache any more.
+  void Give(Chunk* newest, Chunk* oldest, size_t count) {
+    if (newest == nullptr) return;
+    {
+      const std::lock_guard lock(mutex_);
+      if (count_ + count <= kMostFree) {
+        count_ += count;
+        oldest->before = std::exchange(first_, newest);
+        return;
+      }
+    }
+    while (newest != nullptr) delete std::exchange(newest, newest->before);
+  }
+
+  static FreeChunks& Get() {
+    static FreeChunks* const chunks = new FreeChunks;  // operations end until the process does
+    return *chunks;
+  }
+
+ private:
+  static constexpr size_t kMostFree = 512;
+
+  std::mutex mutex_;  // guards what follows; a leaf
+  Chunk* first_ = nullptr;
+  size_t count_ = 0;
+};
+
 Segment::Segment(Operation& operation) : operation_(operation), thread_(ThreadName()) {}
 
-Segment::~Segment() {
-  while (chunks_ != nullptr) {
-    Chunk* const before = chunks_->before;
-    delete chunks_;
-    chunks_ = before;
-  }
-}
+Segment::~Segment() { FreeChunks::Get().Give(chunks_, oldest_, count_); }
 
 void* Segment::Allocate(size_t size, bool important) {
   size = Aligned(size);
   if (chunks_ == nullptr || kChunkBytes - chunks_->used < size) {
     if (!operation_.Take(sizeof(Chunk), important)) return nullptr;
-    auto* const fresh = new (std::nothrow) Chunk;
+    Chunk* const fresh = FreeChunks::Get().Take();
     if (fresh == nullptr) return nullptr;
     fresh->before = chunks_;
     fresh->used = 0;
     chunks_ = fresh;
+    if (oldest_ == nullptr) oldest_ = fresh;
+    ++count_;
   }
   void* const place = chunks_->bytes + chunks_->used;
   chunks_->used += size;

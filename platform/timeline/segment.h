@@ -59,11 +59,14 @@ class Segment {
 
  private:
   struct Chunk;
+  class FreeChunks;
   void* Allocate(size_t size, bool important);
 
   Operation& operation_;
   const std::string thread_;
-  Chunk* chunks_ = nullptr;
+  Chunk* chunks_ = nullptr;  // the newest one; each has the one before
+  Chunk* oldest_ = nullptr;
+  size_t count_ = 0;
   std::atomic<StepRecord*> first_{nullptr};
   StepRecord* last_ = nullptr;
 };

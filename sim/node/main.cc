@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -24,8 +25,12 @@
 #include "sim/alarmpeers/peer_program.h"
 #include "sim/control/json.h"
 #include "sim/data/data_folder.h"
+#include "sim/fleet/fleet_program.h"
 #include "sim/node/node.h"
+#include "sim/replay/expected_differences.h"
+#include "sim/replay/recorder.h"
 #include "sim/replay/recording.h"
+#include "sim/replay/replayer.h"
 #include "sim/sandbox/sandbox.h"
 #include "sim/scenario/control_client.h"
 #include "sim/scenario/scenario.h"
@@ -49,8 +54,13 @@ constexpr const char* kUsage =
     "       zem-node record OUT FILE [OPTIONS]  the same, and writes down what was done to the node and what "
     "its\n"
     "                                           daemon did at its borders\n"
-    "       zem-node replay FILE [--daemon FILE] [--clock-factor N]\n"
-    "                                           does it to another daemon and prints the differences\n"
+    "       zem-node replay FILE [--daemon FILE] [--clock-factor N] [--expected NOTES]\n"
+    "                                           does it to another daemon and prints the differences, but "
+    "not those "
+    "that\n"
+    "                                           NOTES announce in blocks that begin with ```differences\n"
+    "       zem-node fleet [HOSTS] [STORY ...] [--curve FILE]\n"
+    "                                           many hosts before one manager, and what they put on it\n"
     "options of run, check and record:\n"
     "  --dir DIR        the node's folder: control socket and daemon output (/tmp/zem-node)\n"
     "  --daemon FILE    the daemon's program (that of the same build, or the installed one)\n"
@@ -221,11 +231,6 @@ int FactorOf(const std::string& text) {
   return factor;
 }
 
-// The time of a node whose clock runs so fast.
-int64_t NodeMs(zem::Duration on_machine, int factor) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(on_machine).count() * factor;
-}
-
 int Record(Words words, const char* program) {
   const std::string out = words.Take();
   const std::string file = words.Take();
@@ -240,58 +245,69 @@ int Record(Words words, const char* program) {
   ChildNode node(words, program);
   ControlClient client(node.control(), kNodeStart);
   ControlClient looks(node.control());
-  const zem::TimePoint begun = zem::Clock::Process().Now();
-  int64_t at_ms = 0;
-  client.SetObserver([&](const std::string& command, const std::string& answer) {
-    if (answer.empty()) {
-      at_ms = NodeMs(zem::Clock::Process().Now() - begun, recording.clock_factor);
-      if (zem::sim::ForgetsBorders(command)) recording.borders.Take(looks);
-      return;
-    }
-    // A command that is repeated until its answer is right has done its work the last time.
-    const bool again = !recording.events.empty() && recording.events.back().command == command;
-    if (again) recording.events.pop_back();
-    recording.events.push_back({at_ms, command, answer, again});
-  });
+  zem::sim::Recorder recorder(client, looks, std::move(recording));
   const bool held = zem::sim::Scenario(client, std::cout).Run(lines, file);
-  client.SetObserver({});
-  recording.borders.Take(client);
-  recording.Write(out);
+  recorder.Finish().Write(out);
   if (held) node.Stop(client);
   return held ? 0 : 1;
 }
 
+// A folder that ends with this object.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    if (::mkdtemp(path_) == nullptr)
+      throw std::runtime_error(std::string(path_) + ": " + std::strerror(errno));
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+  /// The path of a new file with this text.
+  std::string Write(const std::string& name, const std::string& text) const {
+    std::string path = std::string(path_) + "/" + name;
+    std::ofstream out(path);
+    out << text;
+    if (!out.flush()) throw std::runtime_error(path + " cannot be written");
+    return path;
+  }
+
+ private:
+  char path_[32] = "/tmp/zem-replay.XXXXXX";
+};
+
 int Replay(Words words, const char* program) {
   const std::string file = words.Take();
   const zem::sim::Recording recording = zem::sim::Recording::Read(file);
-  char folder[] = "/tmp/zem-replay.XXXXXX";
-  if (::mkdtemp(folder) == nullptr) throw std::runtime_error(std::strerror(errno));
-  const std::string options = std::string(folder) + "/options.xml";
-  const std::string realization = std::string(folder) + "/zema.json";
+  zem::sim::ExpectedDifferences expected;
+  if (const auto option = std::find(words.all.begin(), words.all.end(), "--expected");
+      option != words.all.end()) {
+    if (option + 1 == words.all.end()) throw std::runtime_error("--expected needs a file");
+    expected = zem::sim::ExpectedDifferences::Read(option[1]);
+    words.all.erase(option, option + 2);
+  }
   if (ValueOf(words, "--clock-factor").empty()) {
     words.all.insert(words.all.end(), {"--clock-factor", std::to_string(recording.clock_factor)});
   }
+  const ScratchFolder folder;
   if (!recording.daemon_options.empty()) {
-    std::ofstream(options) << recording.daemon_options;
-    words.all.insert(words.all.end(), {"--options", options});
+    words.all.insert(words.all.end(), {"--options", folder.Write("options.xml", recording.daemon_options)});
   }
   if (!recording.realization_options.empty()) {
-    std::ofstream(realization) << recording.realization_options;
-    words.all.insert(words.all.end(), {"--zema", realization});
+    words.all.insert(words.all.end(), {"--zema", folder.Write("zema.json", recording.realization_options)});
   }
-  size_t differences = 0;
-  {
-    ChildNode node(words, program);
-    ControlClient client(node.control(), kNodeStart);
-    differences = zem::sim::Replay(recording, client, FactorOf(ValueOf(words, "--clock-factor")), std::cout);
-    node.Stop(client);
-  }
-  std::error_code ignored;
-  std::filesystem::remove_all(folder, ignored);
-  std::cout << (differences == 0 ? std::string("no difference")
-                                 : std::to_string(differences) + " differences")
+  ChildNode node(words, program);
+  ControlClient client(node.control(), kNodeStart);
+  const int factor = FactorOf(ValueOf(words, "--clock-factor"));
+  const std::vector<zem::sim::Difference> differences = zem::sim::Replayer(recording, client, factor).Run();
+  node.Stop(client);
+  const size_t unexpected = zem::sim::Judge(differences, std::move(expected), std::cout);
+  std::cout << (unexpected == 0 ? std::string("no difference") : std::to_string(unexpected) + " differences")
             << "\n";
-  return differences == 0 ? 0 : 1;
+  return unexpected == 0 ? 0 : 1;
 }
 
 std::string Directory(Words* words) {
@@ -348,6 +364,18 @@ int RunScenario(Words words) {
   return zem::sim::Scenario(node, std::cout).Run(lines, file) ? 0 : 1;
 }
 
+int Fleet(const Words& words) {
+  try {
+    zem::fleet::FleetOrder order = zem::fleet::ReadFleetOrder({words.all.begin() + 1, words.all.end()});
+    order.over_time = true;
+    zem::fleet::RunFleet(order, std::cout);
+    return 0;
+  } catch (const std::invalid_argument& error) {
+    std::fprintf(stderr, "zem-node: %s\n%s", error.what(), kUsage);
+    return kUsageError;
+  }
+}
+
 // Started by a node: the process of one of its alarm clients.
 int AlarmPeer(Words words) {
   zem::sim::PeerSettings settings;
@@ -367,6 +395,7 @@ int main(int argc, char** argv) {
     if (verb == "check") return Check(words, argv[0]);
     if (verb == "record") return Record(words, argv[0]);
     if (verb == "replay") return Replay(words, argv[0]);
+    if (verb == "fleet") return Fleet(words);
     if (verb == "ctl") return Control(words);
     if (verb == "scenario") return RunScenario(words);
     if (verb == "alarm-peer") return AlarmPeer(words);

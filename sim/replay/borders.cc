@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <ostream>
-#include <stdexcept>
+#include <utility>
 
 #include "sim/control/json.h"
 #include "sim/scenario/control_client.h"
@@ -11,12 +10,12 @@
 namespace zem::sim {
 namespace {
 
-constexpr size_t kMostShown = 20;
 constexpr const char* kStateFolder = "/etc/orlane/zema";
 // Names and times of one life.
 constexpr std::array<std::string_view, 1> kOtherFiles = {".tmp"};
 constexpr std::array kVerticals = {"SwitchingVertical", "ControllerMgmtVertical"};
 constexpr std::array kStoreTypes = {"112", "116", "123", "125"};
+constexpr std::string_view kQuestionGroup = ", questions";
 constexpr std::array<std::string_view, 7> kQuestions = {"Get", "get", "Is", "Check", "check", "ping", "VM"};
 
 std::string TextOf(const cJSON* object, const char* name) {
@@ -52,12 +51,6 @@ std::vector<std::string> Missing(const std::vector<std::string>& left,
   return missing;
 }
 
-void Print(const char* mark, const std::vector<std::string>& lines, std::ostream& out) {
-  for (size_t i = 0; i < std::min(lines.size(), kMostShown); ++i)
-    out << "  " << mark << " " << lines[i] << "\n";
-  if (lines.size() > kMostShown) out << "  " << mark << " and " << lines.size() - kMostShown << " more\n";
-}
-
 }  // namespace
 
 bool ForgetsBorders(std::string_view command) {
@@ -65,15 +58,33 @@ bool ForgetsBorders(std::string_view command) {
 }
 
 void Borders::Take(ControlClient& node) {
-  TakeCalls(node);
-  TakeCommands(node);
-  TakeMessages(node);
+  TakeActions(node);
   TakeObjects(node);
   TakeFiles(node);
 }
 
+void Borders::TakeActions(ControlClient& node) {
+  TakeCalls(node);
+  TakeCommands(node);
+  TakeMessages(node);
+}
+
+void Borders::TakeForgotten(ControlClient& node) { TakeCalls(node); }
+
+Borders::Counts Borders::Actions(ControlClient& node) const {
+  Borders now;
+  now.TakeActions(node);
+  Counts counts;
+  for (const Groups* const groups : {&groups_, &std::as_const(now.groups_)}) {
+    for (const auto& [group, lines] : *groups) {
+      if (!group.ends_with(kQuestionGroup)) counts[group] += lines.size();
+    }
+  }
+  return counts;
+}
+
 void Borders::AddQuestion(const std::string& group, std::string line) {
-  std::vector<std::string>& lines = groups_[group + ", questions"];
+  std::vector<std::string>& lines = groups_[group + std::string(kQuestionGroup)];
   if (std::ranges::find(lines, line) == lines.end()) lines.push_back(std::move(line));
 }
 
@@ -145,10 +156,10 @@ void Borders::TakeFiles(ControlClient& node) {
   }
 }
 
-size_t Borders::Compare(const Borders& other, std::ostream& out) const {
+std::vector<Difference> Borders::Compare(const Borders& other) const {
   Groups all = groups_;
   for (const auto& [name, lines] : other.groups_) all.try_emplace(name);
-  size_t differing = 0;
+  std::vector<Difference> differences;
   for (const auto& [name, unused] : all) {
     static const std::vector<std::string> kNone;
     const auto mine = groups_.find(name);
@@ -157,15 +168,13 @@ size_t Borders::Compare(const Borders& other, std::ostream& out) const {
     const std::vector<std::string>& right = theirs == other.groups_.end() ? kNone : theirs->second;
     const std::vector<std::string> gone = Missing(left, right);
     const std::vector<std::string> added = Missing(right, left);
-    const bool question = name.ends_with(", questions");
-    if (gone.empty() && added.empty() && (question || left == right)) continue;
-    ++differing;
-    out << name << "\n";
-    Print("-", gone, out);
-    Print("+", added, out);
-    if (gone.empty() && added.empty()) out << "  the same, in another order\n";
+    for (const std::string& line : gone) differences.push_back({name, '-', line});
+    for (const std::string& line : added) differences.push_back({name, '+', line});
+    if (gone.empty() && added.empty() && !name.ends_with(kQuestionGroup) && left != right) {
+      differences.push_back({name, '~', {}});
+    }
   }
-  return differing;
+  return differences;
 }
 
 }  // namespace zem::sim

@@ -36,12 +36,12 @@ ControlClient::ControlClient(const std::string& path, Duration patience) {
   }
 }
 
-std::string ControlClient::Execute(std::string_view command) {
+std::string ControlClient::Execute(std::string_view command, bool again) {
   if (!observer_) return Exchange(command);
   const std::string text(command);
-  observer_(text, {});
+  observer_(text, {}, again);
   std::string answer = Exchange(command);
-  observer_(text, answer);
+  observer_(text, answer, again);
   return answer;
 }
 

@@ -18,10 +18,12 @@ class ControlClient {
   explicit ControlClient(const std::string& path, Duration patience = Duration::zero());
 
   /// Throws std::system_error when the node has closed the connection.
-  std::string Execute(std::string_view command);
+  std::string Execute(std::string_view command) { return Execute(command, false); }
+  /// The same; `again` tells the observer that it is the last one, once more, in wait for another answer.
+  std::string Execute(std::string_view command, bool again);
 
   /// Called before each command, with an empty answer, and behind it.
-  using Observer = std::function<void(const std::string& command, const std::string& answer)>;
+  using Observer = std::function<void(const std::string& command, const std::string& answer, bool again)>;
   void SetObserver(Observer observer) { observer_ = std::move(observer); }
 
  private:

@@ -142,9 +142,9 @@ bool IsOk(const std::string& answer) {
 Scenario::Scenario(ControlClient& node, std::ostream& out, ControlClient* second)
     : node_(node), second_(second), out_(out) {}
 
-std::string Scenario::Execute(const std::string& command) {
+std::string Scenario::Execute(const std::string& command, bool again) {
   std::string rest = command;
-  if (!TakePrefix(&rest, "second ")) return node_.Execute(command);
+  if (!TakePrefix(&rest, "second ")) return node_.Execute(command, again);
   return second_ != nullptr ? second_->Execute(rest) : R"({"ok":false,"error":"there is no second node"})";
 }
 
@@ -283,10 +283,10 @@ void Scenario::EndStep() {
   step_.clear();
 }
 
-bool Scenario::Command(const std::string& line, Outcome wanted) {
+bool Scenario::Command(const std::string& line, Outcome wanted, bool again) {
   last_command_ = line;
   const long long begin = NowNs();
-  last_answer_ = Execute(line);
+  last_answer_ = Execute(line, again);
   const double ms = static_cast<double>(NowNs() - begin) / 1e6;
   out_ << "   > " << line << "   (" << std::fixed << std::setprecision(1) << ms << " ms)\n" << std::flush;
   if (wanted == Outcome::kAny || IsOk(last_answer_) == (wanted == Outcome::kOk)) return true;
@@ -303,8 +303,8 @@ bool Scenario::Await(const std::string& text) {
   }
   const std::string command = Trim(text.substr(static_cast<size_t>(end - text.data())));
   const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(seconds * 1e9));
-  for (;;) {
-    if (Command(command, Outcome::kOk)) return true;
+  for (bool again = false;; again = true) {
+    if (Command(command, Outcome::kOk, again)) return true;
     if (Clock::Process().Now() >= deadline) return false;
     SleepFor(kPollInterval);
   }
@@ -360,11 +360,11 @@ bool Scenario::Expect(const std::string& text) {
     problem_ = "no such line since the step began";
     return false;
   }
-  const std::string again = file ? "file/read " + Quote(condition->path) : last_command_;
+  const std::string repeated = file ? "file/read " + Quote(condition->path) : last_command_;
   const bool refusal = condition->path == "error";
   const std::string path = file ? "result.text" : (refusal ? "" : "result.") + condition->path;
   const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(condition->within * 1e9));
-  std::string answer = file ? Execute(again) : last_answer_;
+  std::string answer = file ? Execute(repeated) : last_answer_;
   for (;;) {
     const Json parsed{cJSON_Parse(answer.c_str())};
     const std::string found = Text(Find(parsed.get(), path));
@@ -380,7 +380,7 @@ bool Scenario::Expect(const std::string& text) {
       return false;
     }
     SleepFor(kPollInterval);
-    answer = Execute(again);
+    answer = Execute(repeated, true);
   }
 }
 

@@ -52,7 +52,7 @@ class Scenario {
   bool Lines(const Numbered* begin, const Numbered* end, const Numbered** failed);
   bool Line(const std::string& text);
   enum class Outcome { kOk, kRefusal, kAny };
-  bool Command(const std::string& line, Outcome wanted);
+  bool Command(const std::string& line, Outcome wanted, bool again = false);
   bool Expect(const std::string& condition);
   bool Await(const std::string& text);
   bool Show(const std::string& path);
@@ -62,7 +62,7 @@ class Scenario {
   void PrintLogTail();
   unsigned long long LastLogNumber();
 
-  std::string Execute(const std::string& command);
+  std::string Execute(const std::string& command, bool again = false);
 
   ControlClient& node_;
   ControlClient* const second_;

@@ -18,6 +18,7 @@
 #include "sim/manager/manager.h"
 #include "tests/world/world_alarms.h"
 #include "tests/world/world_node.h"
+#include "tests/world/world_truth.h"
 
 namespace zem::world {
 
@@ -166,6 +167,7 @@ class WorldLife {
   void RemoveClone(std::vector<std::string>* lines);
   void LeaveSwitches(std::vector<std::string>* lines);
   void RemoveAndReturn(std::vector<std::string>* lines);
+  void TakeAPeerAway(std::vector<std::string>* lines);
   void AllVmsOff(std::vector<std::string>* lines);
   /// Repeats `check` until it finds nothing; otherwise its last finding is reported.
   void Await(const std::function<std::vector<std::string>()>& check, std::vector<std::string>* lines);
@@ -201,6 +203,7 @@ class WorldLife {
   std::set<std::string> unsure_;  // VMs whose last operation failed
   std::set<std::string> busy_;
 
+  WorldTruth truth_{node_};
   /// Declared behind all that its destructor's callbacks still use.
   WorldNode node_;
   std::unique_ptr<WorldAlarms> alarms_;

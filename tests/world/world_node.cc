@@ -5,6 +5,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "agent/status_sources.h"
 #include "app/alarmsprovider/service/alarms_provider.h"
 #include "app/zema/app/zema_app.h"
 #include "covedbclient/covedb_client.h"
@@ -119,6 +120,13 @@ void WorldNode::StartAgent() {
   introspection.StartAgent(store_client_);
   guests->StartAgent(*provider_, store_client_);
   flow->StartAgent(introspection.profiles());
+}
+
+void WorldNode::Describe(std::vector<Tarvik::PartState>* parts) const {
+  Tarvik::DescribeManager(*proxy_client_, parts);
+  Tarvik::DescribeStore(store_client_.get(), parts);
+  app_->Describe(parts);
+  alarms_->Describe(parts);
 }
 
 void WorldNode::StopAgent() {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/core/virtual_clock.h"
 #include "platform/provider/provider.h"
@@ -27,6 +28,7 @@ class TnProxyClientCommon;
 namespace Tarvik {
 class AlarmsProvider;
 class ZemaApp;
+struct PartState;
 }  // namespace Tarvik
 namespace covedb {
 class CoveDbClient;
@@ -62,6 +64,8 @@ class WorldNode {
   void StopAgent();
   Tarvik::ZemaApp& app() { return *app_; }
   covedb::CoveDbClient& store_client() { return *store_client_; }
+  /// The parts of the operators' status.
+  void Describe(std::vector<Tarvik::PartState>* parts) const;
 
   VirtualClock clock;
   rpc::MemoryNetwork network;

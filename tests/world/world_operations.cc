@@ -4,7 +4,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string_view>
+#include <utility>
 
 #include "app/zema/app/zema_app.h"
 #include "platform/core/uuid.h"
@@ -66,12 +68,18 @@ int WorldLife::Send(const std::string& member, const google::protobuf::Message& 
     const std::lock_guard lock(mutex_);
     number = ++sent_;
   }
-  const std::string error = node_.manager->Send(request, [this, number](const sim::HostAnswer& answer) {
-    const int code = answer.status.ok() ? CodeOf(sim::AnswerJson(kVertical, answer)) : -1;
-    const std::lock_guard lock(mutex_);
-    ++ends_[number];
-    outcomes_[number] = code;
-  });
+  std::optional<std::pair<std::string, std::string>> config;
+  if (const auto* const sent = dynamic_cast<const switching::HostConfigMsg*>(&message)) {
+    config.emplace(sent->id(), sent->revision());
+  }
+  const std::string error =
+      node_.manager->Send(request, [this, number, config](const sim::HostAnswer& answer) {
+        const int code = answer.status.ok() ? CodeOf(sim::AnswerJson(kVertical, answer)) : -1;
+        if (config) truth_.ConfigAnswered(config->first, config->second, code);
+        const std::lock_guard lock(mutex_);
+        ++ends_[number];
+        outcomes_[number] = code;
+      });
   if (!error.empty()) {
     const std::lock_guard lock(mutex_);
     ends_[number] = 1;
@@ -409,6 +417,7 @@ void WorldLife::RestartAgent() {
   // A migration that the stopped agent had not begun is dropped, so no outcome of it is expected.
   file_migration_.clear();
   node_.StopAgent();
+  truth_.AgentStops();
   node_.clock.RunFor(std::chrono::milliseconds(Pick(60'000)));
   node_.StartAgent();
   running_ = true;

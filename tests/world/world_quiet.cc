@@ -1,9 +1,12 @@
 #include "tests/world/world_life.h"
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 #include "app/zema/app/zema_app.h"
@@ -362,9 +365,39 @@ Lines WorldLife::CheckAll() {
   Await([this] { return alarms_->Check(); }, &lines);
   Await([this] { return sim::CheckHealth(node_.switches, "up"); }, &lines);
   Await([this] { return sim::CheckManners(node_.switches, *node_.host_management); }, &lines);
+  Await([this] { return truth_.CheckWhy(); }, &lines);
+  Await([this] { return truth_.CheckStatus(); }, &lines);
+  const Lines uncounted = truth_.CheckMetrics();
+  lines.insert(lines.end(), uncounted.begin(), uncounted.end());
+  if (lines.empty() && Chance(4)) TakeAPeerAway(&lines);
   if (lines.empty() && Chance(2)) RemoveClone(&lines);
   if (lines.empty() && Chance(3)) RemoveAndReturn(&lines);
   return lines;
+}
+
+// The status tells of a peer that is away, and no longer when it is back.
+void WorldLife::TakeAPeerAway(Lines* lines) {
+  struct Peer {
+    const char* part;
+    std::function<void()> go;
+    std::function<void()> come;
+  };
+  const std::array peers = {
+      Peer{"manager", [this] { node_.manager->StopProxy(); }, [this] { node_.manager->StartProxy(); }},
+      Peer{"store", [this] { node_.store->StopListening(); }, [this] { node_.store->Listen(); }},
+      Peer{"host management link", [this] { node_.host_management->Stop(); },
+           [this] { node_.host_management->Start(); }},
+  };
+  const Peer& peer = peers[Pick(peers.size())];
+  Say(std::string("away for the status: ") + peer.part);
+  peer.go();
+  // The store's client keeps a connection that it has.
+  if (peer.part == std::string_view("store")) node_.network.Break(kStoreEndpoint);
+  node_.clock.RunFor(10s);
+  if (!truth_.IsAtFault(peer.part))
+    lines->push_back(std::string("the status does not miss the ") + peer.part);
+  peer.come();
+  Await([this] { return truth_.CheckStatus(); }, lines);
 }
 
 void WorldLife::AllVmsOff(Lines* lines) {

@@ -8,6 +8,7 @@
 #include "app/ctxteng/alarm/entity_id.h"
 #include "app/ctxteng/alarm/json_text.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 
 namespace Ctxt {
 namespace {
@@ -78,11 +79,13 @@ void AlarmManager::Stop() {
 }
 
 void AlarmManager::Work() {
+  const zem::LoopThread loop("ctxt:alarm", zem::LoopKind::kWorker);
   for (uint64_t round = 1; !stop_.WaitFor(kRound); ++round) RunRound(round);
   ZLOG_INFO("AlarmMgr: alarmMgr stopped");
 }
 
 void AlarmManager::RunRound(uint64_t round) {
+  const zem::LoopStep step("samples");
   const zem::TimePoint start = zem::Clock::Process().Now();
   for (const AlarmEvent& event : events_) {
     const std::vector<std::string> entities = TakeDue(event, start);

@@ -7,6 +7,7 @@
 #include "app/ctxteng/channel/payload_types.h"
 #include "framework/log/log.h"
 #include "mpaclient/client_registry.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/uuid.h"
 
 namespace Ctxt {
@@ -200,10 +201,12 @@ void MpaChannel::Receive(const rmqClientMessage& message) {
 }
 
 void MpaChannel::Deliver() {
+  const zem::LoopThread loop("ctxt:receive", zem::LoopKind::kWorker);
   size_t released = 0;
   // A stop is over when every client has been closed and what they had sent is out of the queue.
   const auto ended = [this] { return stopping_ && !AnyConnected(); };
   while (const auto record = queue_.Pop(ended)) {
+    const zem::LoopStep step("message");
     const rmqClientMessage message = record->message();
     const std::string app_type = message.app_type != nullptr ? message.app_type : "";
     ZLOG_DEBUG("MpaChannel: Dequeued %s msg, app type: %s\n", BusMessageTypeName(message.msg_type),

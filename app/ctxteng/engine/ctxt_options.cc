@@ -4,20 +4,18 @@
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
 #include <cstdio>
-#include <limits>
 #include <optional>
 
 #include "framework/log/log.h"
+#include "framework/options/context_option_table.h"
+#include "framework/options/option_value.h"
 
 namespace Ctxt {
 namespace {
 
 constexpr zem::LogSource kLog{"tarvik", "ctxteng"};
 
-// The start parameters are kept in buffers of these sizes.
-constexpr size_t kWorkerThreadsSize = 4;
-constexpr size_t kMaxEventsSize = 2;
-constexpr size_t kListenPortSize = 5;
+using Key = zem::Tarvik::ContextOptionKey;
 
 void LogUsage() {
   ZLOG_CTX_ERROR(1,
@@ -27,7 +25,7 @@ void LogUsage() {
 
 // A number of the identity firewall; none of them makes sense as 0.
 struct IdfwNumber {
-  const char* key;
+  Key key;
   uint32_t CtxtClientParam::*member;
 };
 constexpr std::array kIdfwNumbers = {
@@ -38,70 +36,68 @@ constexpr std::array kIdfwNumbers = {
     IdfwNumber{"IdfwConfig.MaxBackoffCounter", &CtxtClientParam::maxBackoffCounter},
 };
 
-// An option of intrusion detection: one that may be absent keeps its default without a word; a zero or an
-// empty text gives the default and the warning.
+// An option of intrusion detection: one that may be absent keeps its default without a word; a value that it
+// does not take gives the default and the warning.
 struct IdsNumber {
-  const char* key;
+  Key key;
   uint32_t IdsParam::*member;
-  bool optional;
   const char* warning;
 };
 struct IdsText {
-  const char* key;
+  Key key;
   std::string IdsParam::*member;
-  bool optional;
   const char* warning;
 };
 constexpr std::array kIdsNumbers = {
-    IdsNumber{"IdsConfig.criticalQSize", &IdsParam::criticalQSize, false,
+    IdsNumber{"IdsConfig.criticalQSize", &IdsParam::criticalQSize,
               "Critical queue size must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.nonCriticalQSize", &IdsParam::nonCriticalQSize, false,
+    IdsNumber{"IdsConfig.nonCriticalQSize", &IdsParam::nonCriticalQSize,
               "Non critical queue size must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.kafkaQSize", &IdsParam::kafkaQSize, false,
+    IdsNumber{"IdsConfig.kafkaQSize", &IdsParam::kafkaQSize,
               "Kafka queue size must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.extLogQSize", &IdsParam::extLogQSize, false,
+    IdsNumber{"IdsConfig.extLogQSize", &IdsParam::extLogQSize,
               "External logging  queue size must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.criticalPcapQSize", &IdsParam::criticalPcapQSize, true,
+    IdsNumber{"IdsConfig.criticalPcapQSize", &IdsParam::criticalPcapQSize,
               "Critical pcap queue size must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.nonCriticalPcapQSize", &IdsParam::nonCriticalPcapQSize, true,
+    IdsNumber{"IdsConfig.nonCriticalPcapQSize", &IdsParam::nonCriticalPcapQSize,
               "Non critical pcap queue size must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.pcapKafkaQSize", &IdsParam::pcapKafkaQSize, true,
+    IdsNumber{"IdsConfig.pcapKafkaQSize", &IdsParam::pcapKafkaQSize,
               "Kafka pcap queue size must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.criticalSendFreqS", &IdsParam::criticalSendFreqS, false,
+    IdsNumber{"IdsConfig.criticalSendFreqS", &IdsParam::criticalSendFreqS,
               "Critical queue send frequency must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.nonCriticalSendFreqS", &IdsParam::nonCriticalSendFreqS, false,
+    IdsNumber{"IdsConfig.nonCriticalSendFreqS", &IdsParam::nonCriticalSendFreqS,
               "Non critical queue send frequency must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.criticalSendPcapFreqS", &IdsParam::criticalSendPcapFreqS, true,
+    IdsNumber{"IdsConfig.criticalSendPcapFreqS", &IdsParam::criticalSendPcapFreqS,
               "pcap critical sending frequency must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.nonCriticalSendPcapFreqS", &IdsParam::nonCriticalSendPcapFreqS, true,
+    IdsNumber{"IdsConfig.nonCriticalSendPcapFreqS", &IdsParam::nonCriticalSendPcapFreqS,
               "pcap sending frequency must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.maxPcapsPerProto", &IdsParam::maxPcapsPerProto, true,
+    IdsNumber{"IdsConfig.maxPcapsPerProto", &IdsParam::maxPcapsPerProto,
               "pcap per proto must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.sendKafkaFreqS", &IdsParam::sendKafkaFreqS, false,
+    IdsNumber{"IdsConfig.sendKafkaFreqS", &IdsParam::sendKafkaFreqS,
               "Kafka queue send frequency must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.sendPcapKafkaFreqS", &IdsParam::sendPcapKafkaFreqS, false,
+    IdsNumber{"IdsConfig.sendPcapKafkaFreqS", &IdsParam::sendPcapKafkaFreqS,
               "Pcap kafka queue send frequency must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.extLogSendFreqS", &IdsParam::extLogSendFreqS, false,
+    IdsNumber{"IdsConfig.extLogSendFreqS", &IdsParam::extLogSendFreqS,
               "External log queue send frequency must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.pcapCleanFreq", &IdsParam::pcapCleanFreq, false,
+    IdsNumber{"IdsConfig.pcapCleanFreq", &IdsParam::pcapCleanFreq,
               "Pcap stale file cleanup frequency must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.idsCriticalSeverity", &IdsParam::idsCriticalSeverity, false,
+    IdsNumber{"IdsConfig.idsCriticalSeverity", &IdsParam::idsCriticalSeverity,
               "Ids critical severity must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.idsSocketRecvLen", &IdsParam::idsSocketRecvLen, false,
+    IdsNumber{"IdsConfig.idsSocketRecvLen", &IdsParam::idsSocketRecvLen,
               "Ids engine socket receive len must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.rateLimitThresholdCrit", &IdsParam::rateLimitThresholdCrit, true,
+    IdsNumber{"IdsConfig.rateLimitThresholdCrit", &IdsParam::rateLimitThresholdCrit,
               "Threshold for rate limiting critical events must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.rateLimitThresholdNonCrit", &IdsParam::rateLimitThresholdNonCrit, true,
+    IdsNumber{"IdsConfig.rateLimitThresholdNonCrit", &IdsParam::rateLimitThresholdNonCrit,
               "Threshold for rate limiting non-critical events must be greater than 0, using default of %d"},
-    IdsNumber{"IdsConfig.rateLimitExpirationSecs", &IdsParam::rateLimitExpirationSecs, true,
+    IdsNumber{"IdsConfig.rateLimitExpirationSecs", &IdsParam::rateLimitExpirationSecs,
               "Expiration time of rate limiting slots must be greater than 0, using default of %d"},
 };
 constexpr std::array kIdsTexts = {
-    IdsText{"IdsConfig.pcapDirPath", &IdsParam::pcapDirPath, true,
+    IdsText{"IdsConfig.pcapDirPath", &IdsParam::pcapDirPath,
             "IDS engine pcap directory must be provided, using default path %s"},
-    IdsText{"IdsConfig.idsSocketName", &IdsParam::idsSocketName, false,
+    IdsText{"IdsConfig.idsSocketName", &IdsParam::idsSocketName,
             "IDS engine socket name must be provided, using default path %s"},
-    IdsText{"IdsConfig.extLogSocketName", &IdsParam::extLogSocketName, false,
+    IdsText{"IdsConfig.extLogSocketName", &IdsParam::extLogSocketName,
             "IDS engine external socket name must be provided, using default path %s"},
 };
 
@@ -111,10 +107,8 @@ class Reader {
       : tree_(tree), settings_(settings) {}
 
   bool Read() {
-    settings_.worker_threads = tree_.get("metrics.numWorkerThreads", std::string());
-    settings_.max_events_per_vm = tree_.get("metrics.maxEventsPerVm", std::string());
-    if (!Fits(settings_.worker_threads, kWorkerThreadsSize) ||
-        !Fits(settings_.max_events_per_vm, kMaxEventsSize)) {
+    if (!TakeStart("metrics.numWorkerThreads", &settings_.worker_threads) ||
+        !TakeStart("metrics.maxEventsPerVm", &settings_.max_events_per_vm)) {
       LogUsage();
       return false;
     }
@@ -127,16 +121,28 @@ class Reader {
   }
 
  private:
-  static bool Fits(const std::string& text, size_t most) { return !text.empty() && text.size() <= most; }
+  std::optional<std::string> Given(const Key& key) const {
+    const auto text = tree_.get_optional<std::string>(std::string(key.row().key));
+    return text ? std::optional(*text) : std::nullopt;
+  }
+  bool Enabled(const Key& key) const { return zem::Tarvik::FlagValue(key.row(), Given(key)); }
 
-  bool Enabled(const char* key) const { return tree_.get(key, false); }
-
-  void Take(const char* key, bool* value) const { *value = tree_.get(key, *value); }
-  void Take(const char* key, std::string* value) const { *value = tree_.get(key, *value); }
-  // As a wider number first: the conversion would make 4294967295 of -1, and with it a queue without a bound.
-  void Take(const char* key, uint32_t* value) const {
-    const auto number = tree_.get<int64_t>(key, *value);
-    if (number >= 0 && number <= std::numeric_limits<uint32_t>::max()) *value = static_cast<uint32_t>(number);
+  void Take(const Key& key, bool* value) const { *value = Enabled(key); }
+  void Take(const Key& key, std::string* value) const {
+    *value = zem::Tarvik::TextValue(key.row(), Given(key));
+  }
+  void Take(const Key& key, uint32_t* value) const {
+    *value = static_cast<uint32_t>(zem::Tarvik::NumberValue(key.row(), Given(key)));
+  }
+  // A start parameter, without which the engine does not start.
+  bool TakeStart(const Key& key, std::string* value) const {
+    Take(key, value);
+    return zem::Tarvik::ValueFault(key.row(), *value).empty();
+  }
+  // Something is given, and it is no value of the option.
+  bool IsWrong(const Key& key) const {
+    const std::optional<std::string> text = Given(key);
+    return text && !zem::Tarvik::ValueFault(key.row(), *text).empty();
   }
 
   void ReadCore() {
@@ -158,13 +164,13 @@ class Reader {
     ZLOG_INFO("CtxtEng: IDFW client is enabled");
     CtxtClientParam& param = settings_.param;
     for (const IdfwNumber& row : kIdfwNumbers) {
-      const uint32_t standard = param.*row.member;
       Take(row.key, &(param.*row.member));
-      if (param.*row.member != 0) continue;
-      param.*row.member = standard;
-      ZLOG_WARN("CtxtEng: %s must be greater than 0, using default of %u", row.key, standard);
+      if (!IsWrong(row.key)) continue;
+      ZLOG_WARN("CtxtEng: %s must be greater than 0, using default of %u",
+                std::string(row.key.row().key).c_str(), param.*row.member);
     }
-    if (const auto sids = tree_.get_child_optional("IdfwConfig.WellKnownSids")) {
+    constexpr Key kSids = "IdfwConfig.WellKnownSids";
+    if (const auto sids = tree_.get_child_optional(std::string(kSids.row().key))) {
       for (const auto& [name, sid] : *sids) param.wellKnownSids.push_back(sid.data());
     }
   }
@@ -177,28 +183,22 @@ class Reader {
     settings_.client_ids |= kIdsBit;
     IdsParam& ids = settings_.param.ids;
     for (const IdsNumber& row : kIdsNumbers) {
-      if (!Present(row.key, row.optional)) return false;
-      const uint32_t standard = ids.*row.member;
+      if (!IsPresent(row.key)) return false;
       Take(row.key, &(ids.*row.member));
-      if (ids.*row.member != 0) continue;
-      ids.*row.member = standard;
-      ZLOG_WARN(row.warning, static_cast<int>(standard));
+      if (IsWrong(row.key)) ZLOG_WARN(row.warning, static_cast<int>(ids.*row.member));
     }
     for (const IdsText& row : kIdsTexts) {
-      if (!Present(row.key, row.optional)) return false;
-      const std::string standard = ids.*row.member;
+      if (!IsPresent(row.key)) return false;
       Take(row.key, &(ids.*row.member));
-      if (!(ids.*row.member).empty()) continue;
-      ids.*row.member = standard;
-      ZLOG_WARN(row.warning, standard.c_str());
+      if (IsWrong(row.key)) ZLOG_WARN(row.warning, (ids.*row.member).c_str());
     }
     ZLOG_INFO("CtxtEng: IDS client is enabled");
     return true;
   }
 
-  bool Present(const char* key, bool optional) const {
-    if (optional || tree_.get_child_optional(key)) return true;
-    ZLOG_WARN("CtxtEng: The option %s is missing", key);
+  bool IsPresent(const Key& key) const {
+    if (!key.row().needed || Given(key)) return true;
+    ZLOG_WARN("CtxtEng: The option %s is missing", std::string(key.row().key).c_str());
     return false;
   }
 
@@ -223,9 +223,9 @@ class Reader {
       LogUsage();
       return false;
     }
-    settings_.listen_port = tree_.get("metrics.listenPort", std::string());
+    const bool good = TakeStart("metrics.listenPort", &settings_.listen_port);
     if (settings_.listen_port.empty()) std::fputs("Missing port\n", stderr);
-    if (Fits(settings_.listen_port, kListenPortSize)) return true;
+    if (good) return true;
     LogUsage();
     return false;
   }

@@ -5,6 +5,7 @@
 #include "app/ctxteng/base/exceptions.h"
 #include "app/ctxteng/firewall/fw_lib.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/firewall/filter_device.h"
 
 // A scan takes as long as the driver takes, and guests need their filters meanwhile.  So the new map is built
@@ -72,6 +73,7 @@ void DfwConnector::Stop() {
 }
 
 void DfwConnector::RunScans() {
+  const zem::LoopThread loop("ctxt:fwFilters", zem::LoopKind::kWorker);
   while (!stop_.stopped()) {
     ZLOG_DEBUG("DfwConnector: Fetching VM filters");
     if (!ScanCounters(kAgent)) {
@@ -85,6 +87,7 @@ void DfwConnector::RunScans() {
 // The counters move the flags in the scans of the minute alone: a guest that powers on between two of them
 // must not reset a flag that nobody has seen yet.
 bool DfwConnector::ScanCounters(const std::string& agent) {
+  const zem::LoopStep step("scan of filters");
   {
     std::unique_lock lock(scan_mutex_);
     scan_ended_.Wait(lock, [this] { return !scanning_; });

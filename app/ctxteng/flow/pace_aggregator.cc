@@ -7,6 +7,7 @@
 #include "app/ctxteng/base/exceptions.h"
 #include "app/ctxteng/flow/pace.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "proto/context/pace.pb.h"
 
 namespace Ctxt::PaceClient {
@@ -37,6 +38,7 @@ void Pace::StartAggregator() {
 }
 
 void Pace::AggregatorThread() {
+  const zem::LoopThread loop("ctxt:aggregator", zem::LoopKind::kWorker);
   {
     const std::shared_lock lock(config_mutex_);
     ZLOG_INFO("Zemi: Aggregator thread wait interval: %ums, collection interval: %ums ", kWaitIntervalMs,
@@ -45,6 +47,7 @@ void Pace::AggregatorThread() {
   try {
     uint32_t iter = 0;
     while (!stop_.WaitFor(std::chrono::milliseconds(kWaitIntervalMs))) {
+      const zem::LoopStep step("aggregate and report");
       if (!Aggregate(&iter)) continue;
       Report();
       iter = 0;

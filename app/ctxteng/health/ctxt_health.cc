@@ -11,6 +11,7 @@
 #include "app/ctxteng/base/vm_data.h"
 #include "framework/log/log.h"
 #include "platform/core/clock.h"
+#include "platform/core/loop_monitor.h"
 #include "proto/context/ouvi.pb.h"
 
 namespace Ctxt {
@@ -107,6 +108,7 @@ void CtxtHealth::Initialize(Settings settings) {
     zem::NativeThread::Options options;
     options.name = "ctxt:health";
     statistics_ = zem::NativeThread(std::move(options), [this] {
+      const zem::LoopThread loop("ctxt:health", zem::LoopKind::kWorker);
       do LogStatistics();
       while (!stop_.WaitFor(kStatisticsInterval));
       ZLOG_INFO("ContextHealthStatsThread interrupted, exiting");
@@ -124,6 +126,7 @@ void CtxtHealth::Shutdown() {
 }
 
 void CtxtHealth::LogStatistics() {
+  const zem::LoopStep step("statistics");
   std::string line = "CtxtHealth: Stats: ";
   const int64_t now = WallSeconds();
   for (const auto& [vc_uuid, guest] : settings_.guests()) {

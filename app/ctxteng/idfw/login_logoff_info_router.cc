@@ -10,6 +10,7 @@
 #include "app/ctxteng/idfw/login_logoff_info_messenger.h"
 #include "app/ctxteng/idfw/login_logoff_signal.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 
 namespace Ctxt {
 namespace {
@@ -56,6 +57,7 @@ void LoginLogoffInfoRouter::Start() {
 }
 
 void LoginLogoffInfoRouter::Run() {
+  const zem::LoopThread loop("ctxt:idfw", zem::LoopKind::kWorker);
   for (;;) {
     const uint64_t sleep_s = std::min(backoff_counter_ * settings_.timer_interval, kLongestSleepS);
     bool threshold = false;
@@ -80,6 +82,7 @@ void LoginLogoffInfoRouter::Run() {
 }
 
 void LoginLogoffInfoRouter::SendStep() {
+  const zem::LoopStep step("send logons");
   if (backoff_counter_ > settings_.max_backoff_counter) {
     backoff_counter_ = 1;
     ZLOG_INFO("Idfw: Reach the max retry for sending a login/logoff msg to MP. Restart backoff counts");

@@ -7,6 +7,7 @@
 #include "app/ctxteng/base/exceptions.h"
 #include "app/ctxteng/introspection/surroundings.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "proto/context/mux_config.pb.h"
 
 namespace Ctxt {
@@ -54,6 +55,7 @@ void MuxPusher::Stop() {
 }
 
 void MuxPusher::Run() {
+  const zem::LoopThread loop("ctxt:muxPush", zem::LoopKind::kWorker);
   std::unique_lock lock(mutex_);
   for (;;) {
     changed_.Wait(lock, [this] { return stopping_ || !tasks_.empty(); });
@@ -62,6 +64,7 @@ void MuxPusher::Run() {
     tasks_.pop_front();
     lock.unlock();
     try {
+      const zem::LoopStep step("multiplexer");
       task();
     } catch (const std::exception& error) {
       ZLOG_CTX_ERROR(351, "OuviConfig: Exception in configuring Mux, error: %s", error.what());

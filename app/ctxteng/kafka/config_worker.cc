@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 
 namespace Ctxt {
 namespace {
@@ -59,6 +60,7 @@ size_t ConfigWorker::waiting() const {
 }
 
 void ConfigWorker::Run() {
+  const zem::LoopThread loop("ctxt:config", zem::LoopKind::kWorker);
   std::unique_lock lock(mutex_);
   while (true) {
     changed_.Wait(lock, [this] { return !open_ || !tasks_.empty(); });
@@ -67,6 +69,7 @@ void ConfigWorker::Run() {
     tasks_.pop_front();
     lock.unlock();
     try {
+      const zem::LoopStep step("configuration");
       task();
     } catch (const std::exception& error) {
       ZLOG_WARN("A change of configuration failed: %s", error.what());

@@ -13,6 +13,7 @@
 #include "app/ctxteng/kafka/kafka_settings.h"
 #include "framework/log/log.h"
 #include "framework/process/error_text.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/poll.h"
 
 namespace Ctxt::PaceClient {
@@ -245,12 +246,16 @@ void KafkaClient::StartPolling() {
 
 // Runs on a thread of the client's own, which also carries the alarm's calls.
 void KafkaClient::Poll() {
+  const zem::LoopThread loop("ctxt:kafkaPoll", zem::LoopKind::kWorker);
   while (!stopping_) {
     // The library wakes this thread when its queue stops being empty.  So the queue is emptied before each
     // wait, the first one as well: reports may have come before the library knew whom to wake.
-    while (!stopping_ && rd_kafka_poll(producer_, 0) > 0) {
+    {
+      const zem::LoopStep step("reports");
+      while (!stopping_ && rd_kafka_poll(producer_, 0) > 0) {
+      }
+      SettleAlarm();
     }
-    SettleAlarm();
     pollfd wake{wake_.get(), POLLIN, 0};
     zem::PollIdle(&wake, 1, -1);
     uint64_t count = 0;

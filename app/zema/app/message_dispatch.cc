@@ -17,10 +17,28 @@ namespace switching = orlane::zem::switching;
 constexpr LogSource kLog{"tarvik", "zema"};
 constexpr const char* kTag = "ProcessReceiveMessages";
 constexpr std::string_view kPrefix = "com.orlane.zem.switching.";
+constexpr const char* kNotTaken = "No worker takes the request.";
 constexpr const char* kTooManyWait = "Too many requests wait to be realized.";
 
 bool Parse(std::string_view payload, google::protobuf::Message* message) {
-  return message->ParseFromArray(payload.data(), static_cast<int>(payload.size()));
+  if (message->ParseFromArray(payload.data(), static_cast<int>(payload.size()))) return true;
+  timeline::Finish(timeline::Current(), "the message cannot be parsed");
+  return false;
+}
+
+// A request about an endpoint is asked for by its switch and its device.
+template <class EndpointRequest>
+void AddKeys(const EndpointRequest& request) {
+  const timeline::OperationPtr operation = timeline::Current();
+  if (!operation) return;
+  operation->AddKey(request.request_id());
+  operation->AddKey(request.switch_id());
+  operation->AddKey(request.device_name());
+}
+
+// The task ends its operation; when there is none, nobody else does.
+void EndUnless(bool taken) {
+  if (!taken) timeline::Finish(timeline::Current(), kNotTaken);
 }
 
 }  // namespace
@@ -55,7 +73,10 @@ void MessageDispatch::ProcessReceiveMessages(const std::string& message_key, con
       if (std::string_view(type).substr(kPrefix.size()) != row.type) continue;
       const Incoming message{message_key, payload, {&sender_, correlation_id, reply_to, header}};
       if (row.worker && !workers_.TakesRequest(*row.worker)) {
+        const timeline::OperationPtr refused = BeginRefused(row, message);
+        const timeline::Scope scope(refused);
         requests_->Refuse(message.origin, row.type, std::string(payload), kTooManyWait);
+        timeline::Finish(refused, kTooManyWait);
         return;
       }
       // The others begin theirs when they know whose they are.
@@ -72,6 +93,16 @@ void MessageDispatch::ProcessReceiveMessages(const std::string& message_key, con
   ZLOG_ERROR("41521", "[%s] Unsupported message type [%s] from MPA\n", kTag, type.c_str());
 }
 
+// A request that finds no room has an answer, which has to be explained as well.
+timeline::OperationPtr MessageDispatch::BeginRefused(const Row& row, const Incoming& message) {
+  if (row.take == &MessageDispatch::TakeHostConfig) {
+    switching::HostConfigMsg parsed;
+    return Parse(message.payload, &parsed) ? BeginHostConfig(parsed, "of the manager, refused") : nullptr;
+  }
+  if (row.worker != Worker::kHostSync) return nullptr;
+  return timeline::Begin(timeline::Kind::kHostSetting, row.type, {row.type, message.origin.correlation_id});
+}
+
 void MessageDispatch::TakeLogicalSwitch(const Incoming& message) {
   switching::LogicalSwitchMsg parsed;
   if (!Parse(message.payload, &parsed)) {
@@ -84,8 +115,8 @@ void MessageDispatch::TakeLogicalSwitch(const Incoming& message) {
 }
 
 void MessageDispatch::TakeLogicalSwitchBulk(const Incoming& message) {
-  workers_.AddTask(Worker::kHostSync,
-                   requests_->LogicalSwitchFullSync(message.origin, std::string(message.payload)));
+  EndUnless(workers_.AddTask(Worker::kHostSync,
+                             requests_->LogicalSwitchFullSync(message.origin, std::string(message.payload))));
 }
 
 void MessageDispatch::TakeHostConfig(const Incoming& message) {
@@ -103,7 +134,8 @@ void MessageDispatch::TakeHostConfig(const Incoming& message) {
                                  std::to_string(parsed.host_switches_size()) + " switches");
   requests_->AcknowledgeHostConfig(message.origin.reply_to, ack);
   // A refused task is logged there, and the manager sends the configuration again.
-  static_cast<void>(AddHostConfigTask(workers_, requests_->HostConfig(message.origin, std::move(parsed))));
+  EndUnless(static_cast<bool>(
+      AddHostConfigTask(workers_, requests_->HostConfig(message.origin, std::move(parsed)))));
 }
 
 void MessageDispatch::TakeMaintenanceMode(const Incoming& message) {
@@ -112,9 +144,9 @@ void MessageDispatch::TakeMaintenanceMode(const Incoming& message) {
     ZLOG_ERROR("41512", "[%s] Failed to parse maintenance mode config message\n", kTag);
     return;
   }
-  if (auto task = requests_->MaintenanceMode(message.origin, parsed)) {
-    workers_.AddTask(Worker::kHostSync, std::move(task));
-  }
+  if (const auto operation = timeline::Current()) operation->AddKey(parsed.id());
+  auto task = requests_->MaintenanceMode(message.origin, parsed);
+  EndUnless(task && workers_.AddTask(Worker::kHostSync, std::move(task)));
 }
 
 void MessageDispatch::TakeChecksum(const Incoming& message) {
@@ -136,9 +168,10 @@ void MessageDispatch::TakeHostProfile(const Incoming& message) {
   auto task = requests_->HostProfile(message.origin, parsed);
   if (task == nullptr) {
     requests_->RefuseHostProfile(message.origin, "Error creating HostProfile task");
+    EndUnless(false);
     return;
   }
-  workers_.AddTask(Worker::kHostSync, std::move(task));
+  EndUnless(workers_.AddTask(Worker::kHostSync, std::move(task)));
 }
 
 void MessageDispatch::RefuseMigrationToKln(const Incoming&) {
@@ -151,12 +184,14 @@ void MessageDispatch::TakeVtepRecovery(const Incoming& message) {
     ZLOG_ERROR("41512", "[%s] Failed to parse Vtep Recovery message\n", kTag);
     return;
   }
+  AddKeys(parsed);
   auto task = requests_->VtepRecovery(message.origin, parsed);
   if (task == nullptr) {
     ZLOG_ERROR("44411", "Failed to create VtepRecoveryTask");
+    EndUnless(false);
     return;
   }
-  AddVtepRecoveryTask(workers_, std::move(task));
+  EndUnless(AddVtepRecoveryTask(workers_, std::move(task)));
 }
 
 void MessageDispatch::TakeVtepAdminState(const Incoming& message) {
@@ -165,12 +200,14 @@ void MessageDispatch::TakeVtepAdminState(const Incoming& message) {
     ZLOG_ERROR("41512", "[%s] Failed to parse Vtep Admin State message\n", kTag);
     return;
   }
+  AddKeys(parsed);
   auto task = requests_->VtepAdminState(message.origin, parsed);
   if (task == nullptr) {
     ZLOG_ERROR("44411", "Failed to create vtepAdminStateTask");
+    EndUnless(false);
     return;
   }
-  AddVtepAdminStateTask(workers_, std::move(task));
+  EndUnless(AddVtepAdminStateTask(workers_, std::move(task)));
 }
 
 void MessageDispatch::TakeVtepIpSync(const Incoming& message) {

@@ -7,6 +7,7 @@
 
 #include "app/zema/app/manager_requests.h"
 #include "app/zema/workers/worker_table.h"
+#include "platform/timeline/operation.h"
 
 namespace orlane::zem::switching {
 class VifMsg;
@@ -42,6 +43,8 @@ class MessageDispatch {
   };
   static const Row kRows[];
 
+  /// Null when no timeline is kept of such requests.
+  static timeline::OperationPtr BeginRefused(const Row& row, const Incoming& message);
   void TakeLogicalSwitch(const Incoming& message);
   void TakeLogicalSwitchBulk(const Incoming& message);
   void TakeVif(const Incoming& message);

@@ -1,6 +1,7 @@
 #include "app/zema/app/zema_commands.h"
 
 #include <algorithm>
+#include <map>
 #include <tuple>
 
 #include "app/zema/app/zema_app.h"
@@ -77,10 +78,16 @@ void GetPorts(const ZemaApp& app, const char* member, bool by_vif, CliReply repl
                   : std::tie(left.host_switch, left.port, left.vif) <
                         std::tie(right.host_switch, right.port, right.vif);
   });
+  std::map<std::string, std::string> names;
+  for (const SwitchView& host_switch : app.Switches().switches) names[host_switch.id] = host_switch.name;
   JsonValue rows = JsonValue::Array();
   for (const PortView& port : view.ports) {
+    const auto name = names.find(port.host_switch);
     JsonValue json = JsonValue::Object();
-    json.Add("vif", port.vif).Add("switch", port.host_switch).Add("port", port.port);
+    json.Add("vif", port.vif)
+        .Add("switch", port.host_switch)
+        .Add("switch_name", name == names.end() ? std::string() : name->second)
+        .Add("port", port.port);
     rows.Append(std::move(json));
   }
   JsonValue answer = JsonValue::Object();

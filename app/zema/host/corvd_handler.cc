@@ -16,6 +16,7 @@
 #include "framework/process/host_socket.h"
 #include "framework/tasks/exception.h"
 #include "framework/tasks/thread_log_context.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread_name.h"
 
 namespace zem::zema {
@@ -92,6 +93,7 @@ void CorvdHandler::EndSources() {
 }
 
 void CorvdHandler::Run() {
+  const LoopThread loop("corvd", LoopKind::kWorker);
   SetThreadLogContext(kTag);
   ZLOG_INFO("[%s] CorvdHandler started...\n", kTag);
   StartSources();
@@ -161,6 +163,7 @@ bool CorvdHandler::Serve() {
         ZLOG_ERROR("42032", "[%s] waiting for socket to be ready failed\n", kTag);
         return any;
     }
+    const LoopStep step("request of the host");
     std::shared_ptr<CorvdRequest> request = ReadFrame();
     if (!request) return any;
     if (!any) vif_handler_->HostCame();

@@ -15,6 +15,7 @@
 #include "framework/process/host_socket.h"
 #include "framework/tasks/exception.h"
 #include "framework/tasks/thread_log_context.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread_name.h"
 #include "proto/switching/switching.pb.h"
 
@@ -60,6 +61,7 @@ void VifDvportThread::Stop() {
 }
 
 void VifDvportThread::Run() {
+  const LoopThread loop("vifDvport", LoopKind::kWorker);
   SetThreadLogContext(kTag);
   SetThreadName("zema:VifDvport");
   if (!Listen()) return;
@@ -110,6 +112,7 @@ bool VifDvportThread::Listen() {
 void VifDvportThread::Serve(int connection) {
   std::string data;
   while (WaitToRead(connection, stop_event_.get()) == Result::kDone) {
+    const LoopStep step("update of an interface");
     int32_t length = 0;
     const auto read = [&](void* into, size_t size) {
       return host_socket::ReadWhole(connection, stop_event_.get(), into, size, kFrameLimit);

@@ -1,5 +1,6 @@
 #include "app/zema/hostconfig/host_config_task.h"
 
+#include <exception>
 #include <optional>
 
 #include "app/zema/hostconfig/host_config_timeline.h"
@@ -16,9 +17,12 @@ void HostConfigTask::Run() {
     operation = BeginHostConfig(message_, "of the host's own tools");
     scope.emplace(operation);
   }
-  {
+  try {
     const metrics::CallTimer timer(metrics::MetricId::kHostConfigs, {});
     ApplyHostConfig(false, false);
+  } catch (const std::exception& e) {
+    timeline::Finish(operation, e.what());
+    throw;
   }
   if (!errors_.texts().empty() || errors_.code() != 0)
     metrics::CounterOf(metrics::MetricId::kHostConfigFailures).Add();

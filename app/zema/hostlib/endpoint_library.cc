@@ -54,9 +54,14 @@ EndpointLibrary::Outcome EndpointLibrary::Call(const char* name, const std::stri
 std::optional<uint32_t> EndpointLibrary::EndpointId(const std::string& switch_name,
                                                     const std::string& device) const {
   int error = kNoEndpointLibrary;
-  void* const knlnic = calls_.get_knlnic == nullptr ? nullptr
-                                                    : calls_.get_knlnic(switch_name.c_str(), device.c_str(),
-                                                                        nullptr, nullptr, nullptr, &error);
+  void* knlnic = nullptr;
+  if (calls_.get_knlnic != nullptr) {
+    LibraryStep step("VDL2KNL_GetKnlnic", device);
+    error = 0;
+    knlnic = calls_.get_knlnic(switch_name.c_str(), device.c_str(), nullptr, nullptr, nullptr, &error);
+    if (knlnic == nullptr && error == 0) error = ENOENT;
+    step(knlnic == nullptr ? static_cast<uint32_t>(error) : 0);
+  }
   if (knlnic == nullptr) {
     ZLOG_WARN("[%s] No endpoint [%s] on switch [%s], error code [%d]", __func__, device.c_str(),
               switch_name.c_str(), error);

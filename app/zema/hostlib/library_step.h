@@ -57,8 +57,10 @@ class LibraryStep {
   };
   static const Figures& FiguresOf(std::string_view function) {
     static const Figures router("router");
+    static const Figures endpoint("endpoint");
     static const Figures others("switch");
-    return function.starts_with("VDRKNL") ? router : others;
+    if (function.starts_with("VDRKNL")) return router;
+    return function.starts_with("VDL2KNL") ? endpoint : others;
   }
 
   const Figures& figures_;

@@ -264,7 +264,8 @@ void LogicalSwitchMsgTask::Batcher::Send(const Chunk& chunk, bool last_of_store)
   for (const auto& [uuid, revision] : chunk.acks) operation_timeline->AddKey(uuid);
   const timeline::Scope scope(operation_timeline);
   const Outcome called = CallLumOpaqueNetwork(chunk.is_apply, chunk.payload);
-  timeline::Finish(operation_timeline, called.error());
+  timeline::Finish(operation_timeline,
+                   !called && called.error().empty() ? "the management proxy refused" : called.error());
   if (called) return SendAck(chunk, barrier, last_of_store);
   if (!context_->store) return;
   store_failed_ = store_failed_ || IsStore(chunk.reply_to);

@@ -16,13 +16,36 @@ constexpr LogSource kLog{"tarvik", "zema"};
 
 constexpr const char* kLogicalSwitchAck = "LogicalSwitchACK";
 
+constexpr uint32_t kProfileFailed = 2;
+
+std::string TextOr(const std::string& text, const char* code_name, int64_t code) {
+  return text.empty() ? code_name + std::string("=") + std::to_string(code) : text;
+}
+
+// What an answer tells of a failure; empty when it tells of success.
+std::string ErrorIn(const switching::MaintenanceModeConfigResultMsg& reply) {
+  return reply.error_code() == 0 ? "" : TextOr(reply.error_text(), "ErrorCode", reply.error_code());
+}
+
+std::string ErrorIn(const switching::HostProfileMsg& reply) {
+  return reply.status() != kProfileFailed ? "" : TextOr(reply.error_text(), "Status", reply.status());
+}
+
+std::string ErrorIn(const switching::LogicalSwitchBulkMsg& reply) {
+  return reply.status() == 0 ? "" : TextOr(reply.error_text(), "Status", reply.status());
+}
+
+template <class EndpointReply>
+std::string ErrorIn(const EndpointReply& reply) {
+  return reply.result() == 0 ? "" : TextOr(reply.result_text(), "Result", reply.result());
+}
+
 // An answer that tells of a failure ends the operation that it belongs to.
 template <class Reply>
 void EndIfFailed(const Reply& reply) {
   const timeline::OperationPtr operation = timeline::Current();
-  if (!operation || operation->kind() != timeline::Kind::kHostSetting || reply.error_code() == 0) return;
-  timeline::Finish(operation, reply.error_text().empty() ? "ErrorCode=" + std::to_string(reply.error_code())
-                                                         : reply.error_text());
+  if (!operation || operation->kind() != timeline::Kind::kHostSetting) return;
+  if (const std::string error = ErrorIn(reply); !error.empty()) timeline::Finish(operation, error);
 }
 
 }  // namespace
@@ -61,11 +84,13 @@ bool ManagerReplies::TnMmodeConfigReply(const std::string& correlation_id, const
 
 bool ManagerReplies::VtepRecoveryReply(const std::string& correlation_id, const std::string& reply_to,
                                        const switching::VTEPRecoveryResultMsg& reply) {
+  EndIfFailed(reply);
   return Send(__func__, reply, correlation_id, reply_to);
 }
 
 bool ManagerReplies::VtepAdminStateReply(const std::string& correlation_id, const std::string& reply_to,
                                          const switching::VTEPAdminStateMgmtResultMsg& reply) {
+  EndIfFailed(reply);
   return Send(__func__, reply, correlation_id, reply_to);
 }
 
@@ -77,6 +102,7 @@ bool ManagerReplies::LogicalSwitchReply(const std::string& reply_to,
 bool ManagerReplies::LogicalSwitchFullSyncReply(const std::string& correlation_id,
                                                 const std::string& reply_to,
                                                 const switching::LogicalSwitchBulkMsg& reply) {
+  EndIfFailed(reply);
   return Send(__func__, reply, correlation_id, reply_to);
 }
 
@@ -92,6 +118,7 @@ bool ManagerReplies::SendRestoreReplyMsg(const std::string& reply_to,
 
 bool ManagerReplies::HostProfileReply(const std::string& correlation_id, const std::string& reply_to,
                                       const switching::HostProfileMsg& reply) {
+  EndIfFailed(reply);
   return Send(__func__, reply, correlation_id, reply_to);
 }
 

@@ -1,5 +1,9 @@
 #include "app/zema/ports/vif_request.h"
 
+#include <atomic>
+
+#include "app/zema/ports/vif_timelines.h"
+
 namespace zem::zema {
 namespace {
 
@@ -22,6 +26,8 @@ constexpr KindName kNames[] = {
     {VifRequest::kFetchSiteConfig, "CORVD_FETCH_SITECONFIG"},
 };
 
+std::atomic<bool> keeps_timelines{true};
+
 }  // namespace
 
 std::string VifRequest::KindText() const {
@@ -36,7 +42,10 @@ std::string VifRequest::ToString() const {
          "] ls:[" + ls_id + "] gcf:[" + gcf_path + "] lp:[" + port_id + "]";
 }
 
+void KeepVifTimelines(bool keep) { keeps_timelines = keep; }
+
 void VifRequest::BeginTimeline() {
+  if (!keeps_timelines.load(std::memory_order_relaxed)) return;
   carried = timeline::Carried(
       timeline::Begin(timeline::Kind::kVif, KindText(), {op_id, vif_id, ls_id, port_id, gcf_path}));
 }

@@ -12,6 +12,7 @@
 #include "framework/process/descriptor_io.h"
 #include "framework/process/error_text.h"
 #include "framework/process/shutdown_pipe.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/poll.h"
 #include "platform/metrics/process_metrics.h"
 #include "platform/timeline/step.h"
@@ -109,12 +110,14 @@ void LumHandler::EndWatching() {
 }
 
 void LumHandler::Watch() {
+  const LoopThread loop("zema:lumWatch", LoopKind::kWorker);
   Duration pause = settings_.respawn_pause;
   while (!watching_ends_.stopped() && !settings_.shutting_down()) {
     child_.WaitForEnd();
     if (watching_ends_.stopped() || settings_.shutting_down()) return;
     bool connected = true;
     {
+      const LoopStep step("start of the host management script");
       const Synchronizer lock(*this, __FILE__, __LINE__);
       if (child_.HasEnded()) {
         ZLOG_ERROR("42061", "[%s] zemaLum.py has ended. Restarting python process..", __func__);

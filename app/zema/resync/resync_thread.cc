@@ -11,6 +11,7 @@
 #include "framework/log/log.h"
 #include "framework/node/host_identity.h"
 #include "framework/tasks/thread_log_context.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread_name.h"
 
 namespace zem::zema {
@@ -75,6 +76,7 @@ bool ResyncThread::Wanted() const {
 }
 
 void ResyncThread::Run() {
+  const LoopThread loop("resync", LoopKind::kWorker);
   SetThreadLogContext(kTag);
   ZLOG_INFO("[%s] Resync thread [%ld] started, waiting for host-id to be set...\n", kTag,
             static_cast<long>(ThreadId()));
@@ -109,6 +111,7 @@ bool ResyncThread::AwaitPipe() {
 
 // Runs a round; returns the seconds until the next one.
 int ResyncThread::Round() {
+  const LoopStep step("round");
   const RealizationOptions options = settings_.options->Snapshot();
   ZLOG_INFO("[%s] Resync vmCheckFrequency:%d iterations", kTag, options.resync_vm_check_frequency);
   ZLOG_INFO("[%s] Resync interval: %d secs", kTag, options.resync_interval);

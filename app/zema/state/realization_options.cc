@@ -6,10 +6,15 @@
 #include <boost/property_tree/ptree.hpp>
 #include <charconv>
 #include <filesystem>
+#include <iterator>
+#include <limits>
 #include <optional>
+#include <type_traits>
 #include <variant>
 
 #include "framework/log/log.h"
+#include "framework/options/option_value.h"
+#include "framework/options/realization_option_table.h"
 
 namespace zem::zema {
 namespace {
@@ -24,64 +29,83 @@ constexpr int kVifTimeoutOfRecentHosts = 55;
 using Member =
     std::variant<int RealizationOptions::*, bool RealizationOptions::*, std::string RealizationOptions::*>;
 
-struct OptionRow {
-  const char* key;
+struct Setting {
+  Tarvik::RealizationOptionKey key;
   Member member;
 };
 
 using O = RealizationOptions;
-constexpr std::array kOptions = {
-    OptionRow{"hostConfig.HostConfigReplyTimeout", &O::host_config_reply_timeout},
-    OptionRow{"hostConfig.knlTypesToCheckOnRemovingPnic", &O::knl_types_to_check_on_removing_pnic},
-    OptionRow{"hostConfig.dvsReadyPollTimeout", &O::dvs_ready_poll_timeout},
-    OptionRow{"hostConfig.cklnHotSwapInitDelay", &O::ckln_hot_swap_init_delay},
-    OptionRow{"hostConfig.cklnHotSwapRetryInterval", &O::ckln_hot_swap_retry_interval},
-    OptionRow{"hostConfig.snicHostConfigReplyTimeout", &O::snic_host_config_reply_timeout},
-    OptionRow{"hostConfig.hostSwitchModeStandardRealization", &O::host_switch_mode_standard_realization},
-    OptionRow{"zema.HealthUpdateRetryCount", &O::health_update_retry_count},
-    OptionRow{"zema.IfupTimeoutInSec", &O::ifup_timeout},
-    OptionRow{"zema.runAsRoot", &O::run_as_root},
-    OptionRow{"zema.group", &O::group},
-    OptionRow{"zema.controller-info", &O::controller_info},
-    OptionRow{"zema.preCheckHealth", &O::pre_check_health},
-    OptionRow{"zema.logLevel", &O::log_level},
-    OptionRow{"zema.onSmartNic", &O::on_smart_nic},
-    OptionRow{"vtepDhcpIpTimeoutConfig.vtepDhcpIpFetchingTimeout", &O::vtep_dhcp_ip_fetching_timeout},
-    OptionRow{"vtepOperations.snicVtepOperationsRpcTimeout", &O::snic_vtep_operations_rpc_timeout},
-    OptionRow{"highPerformanceProfile.retryIntervalSec", &O::high_performance_retry_interval},
-    OptionRow{"mp.vifOperationTimeout", &O::vif_operation_timeout},
-    OptionRow{"mp.lsAckBatchInterval", &O::ls_ack_batch_interval},
-    OptionRow{"mp.lsIncomingWaitInBatch", &O::ls_incoming_wait_in_batch},
-    OptionRow{"mp.lsMsgBatchInterval", &O::ls_msg_batch_interval},
-    OptionRow{"mp.lsMsgIncomingWaitInBatch", &O::ls_msg_incoming_wait_in_batch},
-    OptionRow{"mp.lsDbRetryInterval", &O::ls_db_retry_interval},
-    OptionRow{"resync.intervalInSec", &O::resync_interval},
-    OptionRow{"resync.disabled", &O::resync_disabled},
-    OptionRow{"resync.vmCheckFrequency", &O::resync_vm_check_frequency},
-    OptionRow{"lum.noVxlanStack", &O::no_vxlan_stack},
-    OptionRow{"lum.knlPingTryTimes", &O::knl_ping_try_times},
-    OptionRow{"lum.opaqueNetworkApplyMax", &O::opaque_network_apply_max},
-    OptionRow{"lum.opaqueNetworkDeleteMax", &O::opaque_network_delete_max},
-    OptionRow{"lum.maxRetryZemaLumReady", &O::max_retry_zema_lum_ready},
-    OptionRow{"guestLaneInterface.deviceName", &O::guest_lane_device_name},
-    OptionRow{"guestLaneInterface.ip", &O::guest_lane_ip},
-    OptionRow{"guestLaneInterface.netmask", &O::guest_lane_netmask},
-    OptionRow{"scaleSimulation.state", &O::scale_simulation_state},
-    OptionRow{"scaleSimulation.numLp", &O::scale_simulation_num_lp},
-    OptionRow{"scaleSimulation.batchSize", &O::scale_simulation_batch_size},
-    OptionRow{"scaleSimulation.batchIntervalSec", &O::scale_simulation_batch_interval},
-    OptionRow{"scaleSimulation.tzUuid", &O::scale_simulation_tz_uuid},
-    OptionRow{"scaleSimulation.lsList", &O::scale_simulation_ls_list},
+constexpr std::array kSettings = {
+    Setting{"hostConfig.HostConfigReplyTimeout", &O::host_config_reply_timeout},
+    Setting{"hostConfig.knlTypesToCheckOnRemovingPnic", &O::knl_types_to_check_on_removing_pnic},
+    Setting{"hostConfig.dvsReadyPollTimeout", &O::dvs_ready_poll_timeout},
+    Setting{"hostConfig.cklnHotSwapInitDelay", &O::ckln_hot_swap_init_delay},
+    Setting{"hostConfig.cklnHotSwapRetryInterval", &O::ckln_hot_swap_retry_interval},
+    Setting{"hostConfig.snicHostConfigReplyTimeout", &O::snic_host_config_reply_timeout},
+    Setting{"hostConfig.hostSwitchModeStandardRealization", &O::host_switch_mode_standard_realization},
+    Setting{"zema.HealthUpdateRetryCount", &O::health_update_retry_count},
+    Setting{"zema.IfupTimeoutInSec", &O::ifup_timeout},
+    Setting{"zema.runAsRoot", &O::run_as_root},
+    Setting{"zema.group", &O::group},
+    Setting{"zema.controller-info", &O::controller_info},
+    Setting{"zema.preCheckHealth", &O::pre_check_health},
+    Setting{"zema.logLevel", &O::log_level},
+    Setting{"zema.onSmartNic", &O::on_smart_nic},
+    Setting{"vtepDhcpIpTimeoutConfig.vtepDhcpIpFetchingTimeout", &O::vtep_dhcp_ip_fetching_timeout},
+    Setting{"vtepOperations.snicVtepOperationsRpcTimeout", &O::snic_vtep_operations_rpc_timeout},
+    Setting{"highPerformanceProfile.retryIntervalSec", &O::high_performance_retry_interval},
+    Setting{"mp.vifOperationTimeout", &O::vif_operation_timeout},
+    Setting{"mp.lsAckBatchInterval", &O::ls_ack_batch_interval},
+    Setting{"mp.lsIncomingWaitInBatch", &O::ls_incoming_wait_in_batch},
+    Setting{"mp.lsMsgBatchInterval", &O::ls_msg_batch_interval},
+    Setting{"mp.lsMsgIncomingWaitInBatch", &O::ls_msg_incoming_wait_in_batch},
+    Setting{"mp.lsDbRetryInterval", &O::ls_db_retry_interval},
+    Setting{"resync.intervalInSec", &O::resync_interval},
+    Setting{"resync.disabled", &O::resync_disabled},
+    Setting{"resync.vmCheckFrequency", &O::resync_vm_check_frequency},
+    Setting{"lum.noVxlanStack", &O::no_vxlan_stack},
+    Setting{"lum.knlPingTryTimes", &O::knl_ping_try_times},
+    Setting{"lum.opaqueNetworkApplyMax", &O::opaque_network_apply_max},
+    Setting{"lum.opaqueNetworkDeleteMax", &O::opaque_network_delete_max},
+    Setting{"lum.maxRetryZemaLumReady", &O::max_retry_zema_lum_ready},
+    Setting{"guestLaneInterface.deviceName", &O::guest_lane_device_name},
+    Setting{"guestLaneInterface.ip", &O::guest_lane_ip},
+    Setting{"guestLaneInterface.netmask", &O::guest_lane_netmask},
+    Setting{"scaleSimulation.state", &O::scale_simulation_state},
+    Setting{"scaleSimulation.numLp", &O::scale_simulation_num_lp},
+    Setting{"scaleSimulation.batchSize", &O::scale_simulation_batch_size},
+    Setting{"scaleSimulation.batchIntervalSec", &O::scale_simulation_batch_interval},
+    Setting{"scaleSimulation.tzUuid", &O::scale_simulation_tz_uuid},
+    Setting{"scaleSimulation.lsList", &O::scale_simulation_ls_list},
 };
 
-// A value of the wrong type leaves the default.
-void ReadOption(const ptree& tree, const OptionRow& row, RealizationOptions* options) {
+static_assert(kSettings.size() == std::size(Tarvik::kRealizationOptionRows));
+
+constexpr Tarvik::RealizationOptionKey kVifTimeout = "mp.vifOperationTimeout";
+
+std::optional<std::string> GivenText(const ptree& tree, const Tarvik::OptionRow& row) {
+  const auto text = tree.get_optional<std::string>(std::string(row.key));
+  return text ? std::optional(*text) : std::nullopt;
+}
+
+void ReadOption(const ptree& tree, const Setting& setting, RealizationOptions* options) {
+  const Tarvik::OptionRow& row = setting.key.row();
+  const std::optional<std::string> given = GivenText(tree, row);
   std::visit(
       [&](auto member) {
         auto& value = options->*member;
-        value = tree.get(row.key, value);
+        if constexpr (std::is_same_v<decltype(member), bool RealizationOptions::*>) {
+          value = Tarvik::FlagValue(row, given);
+        } else if constexpr (std::is_same_v<decltype(member), int RealizationOptions::*>) {
+          // One that makes the file unusable may be any.
+          value = static_cast<int>(std::clamp<int64_t>(Tarvik::NumberValue(row, given),
+                                                       std::numeric_limits<int>::min(),
+                                                       std::numeric_limits<int>::max()));
+        } else {
+          value = Tarvik::TextValue(row, given);
+        }
       },
-      row.member);
+      setting.member);
 }
 
 std::array<int, 3> VersionNumbers(const std::string& version) {
@@ -164,8 +188,10 @@ std::optional<RealizationOptions> ReadOptions(const std::string& file, Realizati
     ZLOG_DEBUG("%s", e.what());
     return std::nullopt;
   }
-  for (const OptionRow& row : kOptions) ReadOption(tree, row, &options);
-  options.vif_operation_timeout = std::max(options.vif_operation_timeout, kLeastVifTimeout);
+  for (const Setting& setting : kSettings) ReadOption(tree, setting, &options);
+  const auto vif_timeout = GivenText(tree, kVifTimeout.row());
+  if (!vif_timeout || !Tarvik::IsNumber(*vif_timeout))
+    options.vif_operation_timeout = DefaultVifTimeout(host);
   if (!IsValid(options)) return std::nullopt;
   return options;
 }

@@ -69,6 +69,8 @@ struct RealizationOptions {
   bool debug = false;
   bool clear = false;
   bool force = false;
+
+  bool operator==(const RealizationOptions&) const = default;
 };
 
 /// What the host reports about itself, as far as the options depend on it.

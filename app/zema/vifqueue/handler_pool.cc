@@ -250,11 +250,13 @@ void HandlerPool::ProcessAndGoOn(HandlerThread& handler, VifRequest& request) {
   try {
     Process(handler, request);
   } catch (const std::exception& e) {
+    timeline::Finish(request.carried.operation(), e.what());
     ZLOG_ERROR("42000", "[%s] caught exception: %s\n", kThreadTag, e.what());
     if (std::string_view(e.what()) != kMutexGone) return;
     ZLOG_ERROR("42000", "The exception is related to boost mutex, hence throwing exception.");
     throw;
   } catch (...) {
+    timeline::Finish(request.carried.operation(), "unknown exception");
     ZLOG_ERROR("42000", "[%s] caught Unknown Exception: %s\n", kThreadTag, request.ToString().c_str());
   }
 }

@@ -3,10 +3,13 @@
 #include <boost/property_tree/xml_parser.hpp>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "framework/log/log.h"
+#include "framework/options/discovery_option_table.h"
+#include "framework/options/option_value.h"
 
 namespace ZemDa {
 namespace {
@@ -14,10 +17,7 @@ namespace {
 constexpr zem::LogSource kLog{"tarvik", "zemda"};
 
 constexpr const char* kSubtree = "config.zemda";
-constexpr const char* kAckTimeout = "CommunicationHandler.ackTimeout";
-constexpr uint32_t kDefaultAckTimeout = 1200;
-constexpr uint32_t kMostAckTimeout = 3600;
-constexpr uint32_t kInsteadOfMore = 600;
+constexpr zem::Tarvik::DiscoveryOptionKey kAckTimeout = "CommunicationHandler.ackTimeout";
 
 struct Current {
   std::mutex mutex;  // guards properties
@@ -66,13 +66,16 @@ std::shared_ptr<const DaProperties> DaProperties::Get() {
 }
 
 uint32_t DaProperties::AckTimeout() const {
-  const auto value = trees_->zemda.get_optional<uint32_t>(kAckTimeout);
-  if (!value) {
+  const zem::Tarvik::OptionRow& row = kAckTimeout.row();
+  const std::string key(row.key);
+  std::optional<std::string> given;
+  if (const auto text = trees_->zemda.get_optional<std::string>(key)) given = *text;
+  const auto seconds = static_cast<uint32_t>(zem::Tarvik::NumberValue(row, given));
+  if (!given || !zem::Tarvik::IsNumber(*given)) {
     ZLOG_ERROR("MPA20008", "Error occurred while loading property %s, setting it to default value %d",
-               kAckTimeout, static_cast<int>(kDefaultAckTimeout));
-    return kDefaultAckTimeout;
+               key.c_str(), static_cast<int>(seconds));
   }
-  return *value > kMostAckTimeout ? kInsteadOfMore : *value;
+  return seconds;
 }
 
 }  // namespace ZemDa

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread.h"
 
 namespace ZemDa {
@@ -31,6 +32,7 @@ void Thread::Start() {
   ZLOG_DEBUG("Starting thread [%s].", name_.c_str());
   try {
     thread_ = std::make_shared<zem::NativeThread>([this] {
+      const zem::LoopThread loop("DA:" + name_, zem::LoopKind::kWorker);
       ZLOG_DEBUG("Starting () for thread. [%s]", name_.c_str());
       try {
         (*this)();

@@ -6,6 +6,7 @@
 
 #include "app/zemda/base/da_properties.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/random.h"
 #include "platform/core/thread_name.h"
 
@@ -116,6 +117,7 @@ void AckThread::WaitOnce() {
     if (!armed_ || arming != armings_) return;
   }
   ZLOG_INFO("Ack Thread timedout.");
+  const zem::LoopStep step("acknowledgement is late");
   timed_out_();
   {
     const std::lock_guard lock(mutex_);

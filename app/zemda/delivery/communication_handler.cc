@@ -6,6 +6,7 @@
 #include "app/zemda/base/host_info.h"
 #include "framework/log/log.h"
 #include "mpaclient/bus/bus_record.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread.h"
 #include "platform/core/uuid.h"
 #include "proto/ida/ida.pb.h"
@@ -140,9 +141,11 @@ void CommunicationHandler::OnRecord(const rmqClientMessage& record) {
 }
 
 void CommunicationHandler::ReceiveLoop() {
+  const zem::LoopThread loop("DA:rx", zem::LoopKind::kWorker);
   while (!stopping_) {
     const auto received = inbox_->remove();
     if (stopping_) break;
+    const zem::LoopStep step("message of the manager");
     if (received->type == zem::kRmqClientRegistrationAck) {
       HandleRegistration();
     } else if (received->type == zem::kRmqClientClose) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/random.h"
 #include "platform/core/thread_name.h"
 #include "proto/ida/ida.pb.h"
@@ -126,6 +127,7 @@ void DataSender::WaitForManager() {
 
 // The collector may clear the queue at any moment, and begin a full sync, which stays in the queue here.
 void DataSender::SendUpdates(size_t most, IdaMsg* batch) {
+  const zem::LoopStep step("updates");
   batch->Clear();
   const auto is_update = [](const DcMsg& record) { return record.type() == DcMsg::DMT_UPDATE; };
   for (; most > 0; --most) {
@@ -138,6 +140,7 @@ void DataSender::SendUpdates(size_t most, IdaMsg* batch) {
 }
 
 void DataSender::TakeOfFullSync(IdaMsg* batch) {
+  const zem::LoopStep step("full sync");
   auto record = queue_->remove_if([](const DcMsg&) { return true; });
   if (!record) return;
   switch (record->type()) {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 
 namespace ZemDa {
 namespace {
@@ -39,6 +40,7 @@ void MessageMonitor::operator()() {
     try {
       interruption().SleepFor(std::chrono::seconds(kSeconds));
       ZLOG_INFO("Message Monitor Timer timedout, initiating full sync");
+      const zem::LoopStep step("full sync is due");
       timed_out_();
     } catch (const Interrupted&) {
       ZLOG_DEBUG("Message Monitor Timer Thread interrupted.");

@@ -105,7 +105,7 @@ bool Take(int tap, Packet* packet) {
   packet->length = static_cast<size_t>(length);
   packet->bytes.resize(std::min(packet->length, kSnapLength));
   packet->outgoing = from.sll_pkttype == PACKET_OUTGOING;
-  ::gettimeofday(&packet->time, nullptr);
+  packet->time = {};
   for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
     if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_TIMESTAMP) {
       std::memcpy(&packet->time, CMSG_DATA(header), sizeof(packet->time));

@@ -37,8 +37,8 @@ TEST(ReportPageTest, NothingInTheDataCanLeaveItsElement) {
   EXPECT_THAT(page, HasSubstr("default-src 'none'"));
 }
 
-// The page as a browser sees it: everything drawn, hostile names as text.  Where there is no browser, only
-// the test above holds; the browser is too large for every build to install it.
+// The page as a browser sees it: everything drawn, hostile names as text.  CI installs one
+// ("tools/install-packages browser"); where there is none, only the test above holds.
 TEST(ReportPageTest, ABrowserDrawsItWithoutANetwork) {
   if (std::system("command -v chromium >/dev/null 2>&1") != 0) GTEST_SKIP() << "chromium is not installed";
   const test::TempDir dir;

@@ -28,6 +28,26 @@ TEST(TraceEventsTest, EveryStepIsABarOfItsThread) {
   EXPECT_THAT(names, testing::IsSupersetOf({"VIF operation: attach", "operation", "one", "two"}));
 }
 
+// Viewers draw bars that cross each other wrongly: a wait that began during other work has a row of its own,
+// and what is only rounded is cut.
+TEST(TraceEventsTest, BarsOfARowLieWithinEachOther) {
+  const Json operations = Json::Parse(
+      R"([{"kind":"k","what":"w","begun_us":0,"duration_us":100,"state":"done","steps":[
+    {"name":"outer","thread":"one","start_us":10,"duration_us":50},
+    {"name":"inner","thread":"one","start_us":20,"duration_us":41},
+    {"name":"waits","thread":"one","start_us":30,"duration_us":60},
+    {"name":"next","thread":"one","start_us":61,"duration_us":9}]}])");
+  std::vector<std::string> bars;
+  for (const Json& event : Json::Parse(TraceEvents(operations))["traceEvents"].elements()) {
+    if (event["ph"].text() == "M" && event["tid"].text() == "2") bars.push_back(event["args"]["name"].text());
+    if (event["ph"].text() != "X" || event["tid"].text() == "0") continue;
+    bars.push_back(event["tid"].text() + " " + event["name"].text() + " " + event["ts"].text() + "+" +
+                   event["dur"].text());
+  }
+  EXPECT_THAT(bars, testing::ElementsAre("1 outer 10+50", "1 inner 20+40", "one (2)", "2 waits 30+60",
+                                         "1 next 61+9"));
+}
+
 TEST(TookTextTest, EachUnitHasItsRange) {
   EXPECT_EQ(TookText(-1), "under way");
   EXPECT_EQ(TookText(0), "0 us");

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -102,6 +103,24 @@ TEST_F(TimelineFileTest, WhatHangsIsWrittenDownBeforeTheKill) {
   EXPECT_EQ(next.earlier()[0].state, timeline::State::kUnderWay);
   EXPECT_EQ(next.earlier()[0].steps.at(0).name, "waits for the script");
   EXPECT_EQ(next.earlier()[0].steps.at(0).duration_us, -1);
+}
+
+// An orderly stop in the first moments of an operation: the next life tells that it had begun.
+TEST_F(TimelineFileTest, WhatIsUnderWayAtAStopIsWrittenDown) {
+  {
+    const TimelineFile file(path_);
+    timeline::Finish(timeline::Begin(Kind::kVif, "attach", {"good"}), {});
+    const timeline::OperationPtr begun = timeline::Begin(Kind::kVif, "attach", {"begun"});
+  }
+  EXPECT_THAT(Remembered(), ElementsAre("begun"));
+}
+
+// A pipe in the file's place would hold up the start for ever.
+TEST_F(TimelineFileTest, APipeInItsPlaceIsLeftAlone) {
+  ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+  Live({"vif-1"});
+  EXPECT_THAT(Remembered(), IsEmpty());
+  EXPECT_TRUE(std::filesystem::is_fifo(path_));
 }
 
 // A folder that is missing must not cost the daemon anything but the file.

@@ -81,6 +81,15 @@ TEST_F(LoopMonitorTest, InnerLoopSuspendsTheOuterOne) {
   EXPECT_EQ(Named("outer").age, Duration::zero());
 }
 
+TEST_F(LoopMonitorTest, StepsOutliveTheirLoop) {
+  for (uint64_t life = 1; life <= 2; ++life) {
+    const LoopThread loop("mortal", LoopKind::kWorker);
+    const LoopStep step("work");
+    EXPECT_EQ(LoopThread::StepsBefore()["mortal"], life - 1);
+  }
+  EXPECT_EQ(LoopThread::StepsBefore()["mortal"], 2u);
+}
+
 TEST_F(LoopMonitorTest, WorkGroupTellsWhatItRuns) {
   metrics::Registry registry;
   const boost::intrusive_ptr<WorkGroup> group(new WorkGroup("some group", registry, WorkGroup::kUnbounded));

@@ -5,6 +5,8 @@
 
 #include <set>
 
+#include "platform/metrics/queue_gauge.h"
+
 namespace zem::metrics {
 namespace {
 
@@ -68,6 +70,23 @@ TEST(ProcessMetricsTest, LabelsAreBounded) {
   EXPECT_THAT(text, HasSubstr("{command=\"command0\"} 2\n"));
   EXPECT_THAT(text, HasSubstr("{command=\"other\"} 10\n"));
   EXPECT_THAT(text, Not(HasSubstr("command=\"command" + std::to_string(kMostLabelValues) + "\"")));
+}
+
+// The sum over the queues of one name would fall with each that goes, which monitoring takes for a new start,
+// and the rest of it for new drops.
+TEST(QueueGaugeTest, DropsOutliveTheirQueue) {
+  const auto before = [] { return QueueGauge::DroppedBefore()["short-lived"]; };
+  {
+    QueueGauge first("short-lived");
+    QueueGauge second("short-lived");
+    first.Refused();
+    second.Entered();
+    second.Dropped(1);
+    EXPECT_EQ(before(), 0u);
+  }
+  EXPECT_EQ(before(), 2u);
+  { QueueGauge("short-lived").Refused(); }
+  EXPECT_EQ(before(), 3u);
 }
 
 }  // namespace

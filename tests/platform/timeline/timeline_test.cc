@@ -136,6 +136,30 @@ TEST_F(TimelineTest, AStormOfOneKindLeavesTheOthers) {
   EXPECT_THAT(Find({}, 3), SizeIs(3));
 }
 
+// In a storm those that hang are the oldest, and the ones that are asked about.
+TEST_F(TimelineTest, WhatIsUnderWayStaysInAStorm) {
+  std::vector<OperationPtr> hung;
+  for (int i = 0; i < 200; ++i) hung.push_back(Begin(Kind::kVif, "attach", {"hung-" + std::to_string(i)}));
+  for (int i = 0; i < 2'000; ++i) Finish(Begin(Kind::kVif, "attach", {"vif-" + std::to_string(i)}), {});
+  for (int i = 0; i < 200; ++i) EXPECT_THAT(Find("hung-" + std::to_string(i), 2), SizeIs(1)) << i;
+  for (const OperationPtr& each : hung) Finish(each, {});
+  for (int i = 0; i < 200; ++i) Finish(Begin(Kind::kVif, "attach", {"late-" + std::to_string(i)}), {});
+  EXPECT_THAT(Find({}, 10'000), SizeIs(128));
+  for (int i = 0; i < 5'000; ++i) hung.push_back(Begin(Kind::kVif, "attach", {}));
+  EXPECT_THAT(Find({}, 10'000), SizeIs(1'024));
+}
+
+// An operation that hands over work without end must not grow with it.
+TEST_F(TimelineTest, ManyHandOversAreBounded) {
+  const OperationPtr operation = Begin(Kind::kVif, "attach", {});
+  for (int i = 0; i < 100'000; ++i) {
+    const Scope scope(operation);
+    Note("step", "done");
+  }
+  EXPECT_LE(operation->bytes(), size_t{64} << 10);
+  EXPECT_GT(operation->Read().left_out, 1'000u);
+}
+
 // An operation that hangs is asked about while its threads write; the sanitizers watch.
 TEST_F(TimelineTest, ItIsReadWhileItIsWritten) {
   for (int round = 0; round < 10; ++round) {

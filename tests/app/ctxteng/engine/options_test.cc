@@ -94,6 +94,55 @@ TEST_F(OptionsTest, ValuesAndDefaults) {
   EXPECT_THAT(settings.param.wellKnownSids, IsEmpty());
 }
 
+// A default of the table that is not the one of the code would change what a file leaves out.
+TEST_F(OptionsTest, DefaultsOfTheTableAreThoseOfTheCode) {
+  ASSERT_TRUE(Load(Metrics("4", "50", "48655") +
+                   "<clients><IdfwClient>1</IdfwClient><IdsClient>1</IdsClient><ZemiClient>1</ZemiClient>"
+                   "</clients><IdsConfig><criticalQSize/><nonCriticalQSize/><kafkaQSize/><extLogQSize/>"
+                   "<criticalSendFreqS/><nonCriticalSendFreqS/><sendKafkaFreqS/><sendPcapKafkaFreqS/>"
+                   "<extLogSendFreqS/><pcapCleanFreq/><idsCriticalSeverity/><idsSocketName/>"
+                   "<idsSocketRecvLen/><extLogSocketName/></IdsConfig>"));
+  const auto numbers = [](const CtxtClientParam& p) {
+    const IdsParam& i = p.ids;
+    return std::vector<uint32_t>{p.userMetadataCacheSize,
+                                 p.enableProcessHash,
+                                 p.useOldProcessHashMethod,
+                                 p.cacheLimit,
+                                 p.timerInterval,
+                                 p.ackTimeout,
+                                 p.cacheThreshold,
+                                 p.maxBackoffCounter,
+                                 p.networkEventQueueSize,
+                                 p.vmEventQueueSize,
+                                 p.userEventQueueSize,
+                                 i.criticalQSize,
+                                 i.nonCriticalQSize,
+                                 i.kafkaQSize,
+                                 i.extLogQSize,
+                                 i.criticalPcapQSize,
+                                 i.nonCriticalPcapQSize,
+                                 i.pcapKafkaQSize,
+                                 i.criticalSendFreqS,
+                                 i.nonCriticalSendFreqS,
+                                 i.criticalSendPcapFreqS,
+                                 i.nonCriticalSendPcapFreqS,
+                                 i.maxPcapsPerProto,
+                                 i.sendKafkaFreqS,
+                                 i.sendPcapKafkaFreqS,
+                                 i.extLogSendFreqS,
+                                 i.pcapCleanFreq,
+                                 i.idsCriticalSeverity,
+                                 i.idsSocketRecvLen,
+                                 i.rateLimitThresholdCrit,
+                                 i.rateLimitThresholdNonCrit,
+                                 i.rateLimitExpirationSecs};
+  };
+  EXPECT_EQ(numbers(settings.param), numbers(CtxtClientParam()));
+  EXPECT_EQ(settings.param.ids.pcapDirPath, IdsParam().pcapDirPath);
+  EXPECT_EQ(settings.param.ids.idsSocketName, IdsParam().idsSocketName);
+  EXPECT_EQ(settings.param.ids.extLogSocketName, IdsParam().extLogSocketName);
+}
+
 TEST_F(OptionsTest, IntrusionDetectionNeedsItsOptions) {
   const std::string head = Metrics("4", "50", "48655") + "<clients><IdsClient>true</IdsClient></clients>";
   const std::string needed =

@@ -9,6 +9,7 @@
 #include "framework/tasks/function_task.h"
 #include "framework/tasks/task_thread.h"
 #include "platform/core/condition.h"
+#include "platform/timeline/operation.h"
 #include "proto/switching/switching.pb.h"
 #include "tests/app/zema/lswitch/fake_sender.h"
 #include "tests/support/log_capture.h"
@@ -43,6 +44,18 @@ class MessageDispatchTest : public ::testing::Test, public ManagerRequests {
   ~MessageDispatchTest() override {
     workers_.StopTaskThreads();
     workers_.DeleteTaskThreadObjects();
+    timeline::Clear();
+  }
+
+  // How the operations ended that were begun so far: "ID error", or "ID" and what they are else.
+  static std::set<std::string> Ends() {
+    std::set<std::string> ends;
+    for (const timeline::OperationPtr& each : timeline::Find({}, SIZE_MAX)) {
+      const timeline::OperationReading reading = each->Read();
+      ends.insert(reading.keys.at(0) + ": " +
+                  (reading.state == timeline::State::kUnderWay ? "under way" : reading.error));
+    }
+    return ends;
   }
 
   std::unique_ptr<Runnable> HostConfig(const RequestOrigin& origin,
@@ -185,6 +198,11 @@ TEST_F(MessageDispatchTest, ARequestTooManyIsAnsweredWithItsReason) {
                 "VtepAdminState corr reply result_text: " + reason + " request_id: \"s\" result: -1",
             }));
   EXPECT_TRUE(made_.empty()) << "no acknowledgement";
+  const std::string why = ": Too many requests wait to be realized.";
+  EXPECT_EQ(Ends(),
+            (std::set<std::string>{"c1" + why, "MaintenanceModeConfigMsg" + why, "LogicalSwitchBulkMsg" + why,
+                                   "HostProfileMsg" + why, "VTEPRecoveryRequestMsg" + why,
+                                   "VTEPAdminStateMgmtRequestMsg" + why}));
   {
     const std::lock_guard lock(mutex_);
     gone = true;
@@ -221,6 +239,11 @@ TEST_F(MessageDispatchTest, AMessageThatDoesNotParseIsLoggedAndDropped) {
     EXPECT_TRUE(log.Contains(c.line)) << c.type;
   }
   EXPECT_EQ(made_, std::vector<std::string>{"refused Failed to parse Host Profile message"});
+  // Nobody else ends what went no further.
+  const std::string why = ": the message cannot be parsed";
+  EXPECT_EQ(Ends(),
+            (std::set<std::string>{"MaintenanceModeConfigMsg" + why, "HostProfileMsg" + why,
+                                   "VTEPRecoveryRequestMsg" + why, "VTEPAdminStateMgmtRequestMsg" + why}));
 }
 
 TEST_F(MessageDispatchTest, UnknownEmptyAndUnservedMessagesAreLogged) {
@@ -240,6 +263,8 @@ TEST_F(MessageDispatchTest, UnknownEmptyAndUnservedMessagesAreLogged) {
   EXPECT_TRUE(log.Contains("NULL/empty payload of length [0]"));
   EXPECT_TRUE(log.Contains("Failed to create VtepRecoveryTask"));
   EXPECT_EQ(made_, std::vector<std::string>{"refused Error creating HostProfile task"});
+  EXPECT_EQ(Ends(), (std::set<std::string>{"VTEPRecoveryRequestMsg: No worker takes the request.",
+                                           "HostProfileMsg: No worker takes the request."}));
 }
 
 TEST_F(MessageDispatchTest, AnAnswerAboutAVifWakesItsCaller) {

@@ -1,12 +1,16 @@
 #include "app/zema/manager/manager_sender.h"
 
+#include "app/zema/manager/manager_replies.h"
 #include "app/zema/state/realization_options.h"
+#include "platform/timeline/operation.h"
+#include "proto/switching/switching.pb.h"
 #include "proto/switching/vif.pb.h"
 #include "tests/mpaclient/channel_fixture.h"
 
 namespace zem::zema {
 namespace {
 
+namespace switching = orlane::zem::switching;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
@@ -111,6 +115,50 @@ TEST_F(ManagerSenderTest, RestoreResponseIsTriedFourTimes) {
   EXPECT_EQ(clock.Now() - begin, 4 * seconds(15) + 3 * seconds(15));
   EXPECT_TRUE(log.Contains("Error sending VIF Restore message ID [m-1] for VIF [vif]. Retries left: [0]"));
   EXPECT_TRUE(log.Contains("VIF Restore [m-1] reply not sent. Retries exhausted."));
+}
+
+// An answer of failure must not stand as done when an operator asks why.
+TEST_F(ManagerSenderTest, AnAnswerOfFailureEndsItsOperation) {
+  StartManager();
+  Register(kSwitching);
+  proxy_client->Start();
+  clock.RunFor(seconds(6));
+  ManagerReplies replies(sender);
+  const auto error_of = [](const auto& send) {
+    const timeline::OperationPtr operation = timeline::Begin(timeline::Kind::kHostSetting, "setting", {});
+    {
+      const timeline::Scope scope(operation);
+      send();
+    }
+    const timeline::OperationReading reading = operation->Read();
+    return reading.state == timeline::State::kFailed ? reading.error : "(not failed)";
+  };
+  switching::MaintenanceModeConfigResultMsg mode;
+  switching::VTEPRecoveryResultMsg recovery;
+  switching::VTEPAdminStateMgmtResultMsg state;
+  switching::HostProfileMsg profile;
+  switching::LogicalSwitchBulkMsg sync;
+  recovery.set_result_text("sent");
+  profile.set_status(1);
+  const auto errors = [&] {
+    return std::vector<std::string>{
+        error_of([&] { replies.TnMmodeConfigReply("c", kAph1, mode); }),
+        error_of([&] { replies.VtepRecoveryReply("c", kAph1, recovery); }),
+        error_of([&] { replies.VtepAdminStateReply("c", kAph1, state); }),
+        error_of([&] { replies.HostProfileReply("c", kAph1, profile); }),
+        error_of([&] { replies.LogicalSwitchFullSyncReply("c", kAph1, sync); }),
+    };
+  };
+  EXPECT_EQ(errors(), std::vector<std::string>(5, "(not failed)"));
+  mode.set_error_code(8750);
+  recovery.set_result(-1);
+  state.set_result(22);
+  profile.set_status(2);
+  profile.set_error_text("no such profile");
+  sync.set_status(1);
+  EXPECT_EQ(errors(),
+            (std::vector<std::string>{"ErrorCode=8750", "sent", "Result=22", "no such profile", "Status=1"}));
+  timeline::Clear();
 }
 
 }  // namespace

@@ -40,6 +40,17 @@ TEST_F(RealizationOptionsTest, ValuesOfEachTypeAndDefaults) {
   EXPECT_EQ(options.vif_operation_timeout, 55);
 }
 
+// "clear" reads no file, so its options are the code's own defaults.
+TEST_F(RealizationOptionsTest, DefaultsOfTheTableAreThoseOfTheCode) {
+  OptionsStore from_file(File("{}"));
+  OptionsStore from_code("/nowhere");
+  ASSERT_EQ(from_file.Parse({}, host), 0);
+  ASSERT_EQ(from_code.Parse({"clear"}, host), 0);
+  RealizationOptions expected = from_code.Snapshot();
+  expected.clear = false;
+  EXPECT_EQ(from_file.Snapshot(), expected);
+}
+
 TEST_F(RealizationOptionsTest, VifTimeoutDependsOnTheHostAndIsNeverBelow25) {
   struct Case {
     const char* version;

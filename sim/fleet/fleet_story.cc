@@ -1,4 +1,4 @@
-#include "bench/fleet/fleet_story.h"
+#include "sim/fleet/fleet_story.h"
 
 #include <unistd.h>
 

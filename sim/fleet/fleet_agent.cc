@@ -1,12 +1,12 @@
-#include "bench/fleet/fleet_agent.h"
+#include "sim/fleet/fleet_agent.h"
 
 #include <chrono>
 
-#include "bench/fleet/fleet_manager.h"
 #include "mpaclient/client_registry.h"
 #include "mpaclient/mpa_client.h"
 #include "mpaclient/proxy/tn_proxy_client_common.h"
 #include "mpaclient/verticals.h"
+#include "sim/fleet/fleet_manager.h"
 
 namespace zem::fleet {
 namespace {

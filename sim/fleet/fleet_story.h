@@ -5,10 +5,10 @@
 #include <string_view>
 #include <vector>
 
-#include "bench/fleet/fleet_agent.h"
-#include "bench/fleet/fleet_manager.h"
 #include "platform/core/virtual_clock.h"
 #include "platform/rpc/memory_network.h"
+#include "sim/fleet/fleet_agent.h"
+#include "sim/fleet/fleet_manager.h"
 #include "sim/store/store_daemon.h"
 
 namespace zem::covedb {

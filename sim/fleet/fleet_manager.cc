@@ -1,4 +1,4 @@
-#include "bench/fleet/fleet_manager.h"
+#include "sim/fleet/fleet_manager.h"
 
 #include <cstdio>
 
