@@ -317,7 +317,7 @@ bool KillSweep::KillOnce(const Operation& operation, Kill* kill, Row* row) {
     kill->second_name = TextAt(node.run().node().Do("daemon/steps").get(), "step");
     node.run().node().Do("daemon/start");
   }
-  if (recovery_steps_ == 0) {
+  if (recovery_steps_ == 0 && kill->second_name.empty()) {
     AwaitDeath();
     recovery_steps_ = static_cast<uint32_t>(NumberAt(node.run().node().Do("daemon/steps").get(), "steps"));
   }
