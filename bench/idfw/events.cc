@@ -204,7 +204,9 @@ bool CountThroughLimit(uint32_t events, std::chrono::milliseconds delay) {
   // Each drop is an error line of two tags.
   const auto lines = static_cast<double>(LogCounter::bad_lines() - bad_lines);
   PrintLine("idfw", name, "drop-lines", lines, static_cast<double>(2 * dropped));
-  return manager.sent + dropped == events && replaced == 0 && lines == static_cast<double>(2 * dropped);
+  // The sender's loop tells once that a step takes longer than a quarter of a second.
+  const double others = lines - static_cast<double>(2 * dropped);
+  return manager.sent + dropped == events && replaced == 0 && others >= 0 && others <= 1;
 }
 
 }  // namespace
