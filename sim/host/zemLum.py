@@ -214,6 +214,9 @@ def main():
         signal.signal(signal.SIGTERM, signal.SIG_IGN)
     if action != "no-name":
         ctypes.CDLL(None).prctl(PR_SET_NAME, NAME, 0, 0, 0)
+    # A daemon that was killed before this could be found by its name: its unit would have ended both.
+    if os.getppid() == 1:
+        sys.exit(1)
     if action == "no-listen":
         time.sleep(3600)
     if action == "late-listen":
