@@ -1,6 +1,8 @@
 #include "platform/provider/timer_queue.h"
 
 #include <boost/asio/post.hpp>
+#include <utility>
+#include <vector>
 
 #include "platform/core/loop_monitor.h"
 
@@ -36,8 +38,12 @@ std::shared_ptr<Timer> TimerQueue::Add(Duration delay, Duration period, std::fun
   entry->owner = weak_from_this();
   entry->function = std::move(function);
   entry->period = period;
+  std::function<void()> dropped;
   std::lock_guard lock(mutex_);
-  if (closed_) return entry;
+  if (closed_) {
+    dropped = std::exchange(entry->function, nullptr);
+    return entry;
+  }
   entry->key = Key(Clock::Process().Now() + std::max(delay, Duration::zero()), ++last_id_);
   Insert(entry);
   return entry;
@@ -60,11 +66,15 @@ void TimerQueue::Cancel(Entry& entry) {
   entries_.erase(found);
 }
 
+// Functions go even where somebody holds the timer: what they own often is that somebody, and the two would
+// keep each other for ever.
 void TimerQueue::Close() {
-  std::map<Key, std::shared_ptr<Entry>> dropped;
+  std::vector<std::function<void()>> dropped;  // destroyed after the lock
+  std::map<Key, std::shared_ptr<Entry>> entries;
   std::lock_guard lock(mutex_);
   closed_ = true;
-  dropped.swap(entries_);
+  entries.swap(entries_);
+  for (const auto& [key, entry] : entries) dropped.push_back(std::exchange(entry->function, nullptr));
   ++arming_;
   if (alarm_ != 0) Clock::Process().CancelAlarm(alarm_);
   wake_.cancel();
@@ -136,8 +146,12 @@ void TimerQueue::Expire() {
     const std::shared_ptr<Entry>& entry;
     ~Again() {
       if (entry->period <= Duration::zero()) return;
+      std::function<void()> dropped;
       std::lock_guard lock(queue.mutex_);
-      if (entry->cancelled || queue.closed_) return;
+      if (entry->cancelled || queue.closed_) {
+        dropped = std::exchange(entry->function, nullptr);
+        return;
+      }
       const TimePoint now = Clock::Process().Now();
       TimePoint next = entry->key.first + entry->period;
       if (next <= now) next += entry->period * ((now - next) / entry->period + 1);

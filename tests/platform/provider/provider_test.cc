@@ -50,6 +50,28 @@ TEST_F(ProviderTest, RepeatedTimersKeepTheirPaceAndSwallowWhatTheyMissed) {
   EXPECT_THAT(calls, ElementsAre(10000, 20000, 50000, 60000, 70000));
 }
 
+// An attempt holds its timer, whose function holds the attempt.
+TEST_F(ProviderTest, TheStopFreesWhatTimersAndTheirOwnersHoldOfEachOther) {
+  struct Attempt {
+    std::shared_ptr<Timer> timer;
+  };
+  std::vector<std::weak_ptr<Attempt>> attempts;
+  const auto begin = [&](bool repeated) {
+    const auto attempt = std::make_shared<Attempt>();
+    attempts.push_back(attempt);
+    attempt->timer = repeated ? provider_.timers().ScheduleRepeated(
+                                    seconds(1), [attempt] {}, TimerOptions::Default)
+                              : provider_.timers().Schedule(seconds(60), [attempt] {});
+  };
+  begin(false);
+  begin(true);
+  clock_.RunFor(seconds(2));
+  provider_.StopAndWait(false);
+  begin(false);
+  begin(true);
+  for (const auto& attempt : attempts) EXPECT_TRUE(attempt.expired());
+}
+
 TEST_F(ProviderTest, ACancelledTimerDoesNotRunAlsoFromItsOwnFunction) {
   std::atomic<int> calls = 0;
   const auto cancelled = provider_.timers().Schedule(seconds(1), [&] { calls += 100; });
