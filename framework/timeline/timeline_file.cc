@@ -152,7 +152,10 @@ std::string TimelineFile::Append(const std::string& line) {
   if (static_cast<size_t>(status.st_size) + line.size() > kMostBytes) {
     std::string bytes;
     std::string error;
-    if (ReadFileWhole(path_, 2 * kMostBytes, &bytes) != 0) bytes.clear();
+    if (const int unread = ReadFileWhole(path_, 2 * kMostBytes, &bytes); unread != 0) {
+      ZLOG_WARN("[%s] %s begins anew: %s", __func__, path_.c_str(), Util::GetErrMsg(unread).c_str());
+      bytes.clear();
+    }
     const size_t half = bytes.find('\n', bytes.size() > kMostBytes / 2 ? bytes.size() - kMostBytes / 2 : 0);
     bytes.erase(0, half == std::string::npos ? bytes.size() : half + 1);
     torn_ = false;

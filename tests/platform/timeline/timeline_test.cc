@@ -184,6 +184,8 @@ TEST_F(TimelineTest, ItIsReadWhileItIsWritten) {
     one.Join();
     two.Join();
     EXPECT_THAT(operation->Read().keys, SizeIs(81));
+    for (int i = 0; i < 300; ++i) operation->AddKey("key " + std::to_string(i));
+    EXPECT_THAT(operation->Read().keys, SizeIs(128));
   }
 }
 
