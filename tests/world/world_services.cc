@@ -7,6 +7,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <utility>
 
 #include "app/ipreputation/ip_reputation_comm_mgr.h"
@@ -65,6 +66,14 @@ std::string InterfaceOf(const std::string& answer) {
   return name != nullptr ? name : "";
 }
 
+// Whether an answer is the first byte of one that has an interface: the tag of that field, which is no
+// message.
+bool IsFirstByte(const std::string& answer) {
+  const sim::Json json(cJSON_Parse(answer.c_str()));
+  const char* const payload = cJSON_GetStringValue(Member(Member(json.get(), "raw_payload"), "payload"));
+  return payload != nullptr && std::string_view(payload) == "Cg==";
+}
+
 int StatusOf(const std::string& answer) {
   const sim::Json json(cJSON_Parse(answer.c_str()));
   const cJSON* const status = Member(json.get(), "status");
@@ -116,6 +125,9 @@ class PlayedHostApi final : public Tarvik::LumClient {
 
   std::atomic<int> refusals{0};
   std::atomic<bool> deaf{false};
+  /// Before the answer to the question for `interface` goes out with a length of one byte; set before the
+  /// start.
+  std::function<void(const std::string& interface)> on_cut;
 
  private:
   void End() {
@@ -149,8 +161,8 @@ class PlayedHostApi final : public Tarvik::LumClient {
       if (got <= 0) return true;
       const std::string text(request, static_cast<size_t>(got));
       std::string answer = "ok";
+      orlane::zem::lldp::LldpInterfacesRequestMsg question;
       if (text.starts_with("rpcquery\n")) {
-        orlane::zem::lldp::LldpInterfacesRequestMsg question;
         question.ParseFromString(text.substr(9));
         orlane::zem::lldp::LldpInterfacesMsg interfaces;
         interfaces.add_interface()->set_name(question.interface());
@@ -162,7 +174,10 @@ class PlayedHostApi final : public Tarvik::LumClient {
       if (fault == Fault::kSilent) continue;
       if (fault == Fault::kEmpty) answer.clear();
       uint32_t header[2] = {0xdeadbeef, static_cast<uint32_t>(answer.size())};
-      if (fault == Fault::kWrongLength) header[1] = 1;
+      if (fault == Fault::kWrongLength) {
+        header[1] = 1;
+        if (!question.interface().empty()) on_cut(question.interface());
+      }
       if (fault == Fault::kNonsense) header[1] = 0x7fffffff;
       std::string reply(reinterpret_cast<const char*>(header), sizeof(header));
       reply += answer;
@@ -193,6 +208,10 @@ void WorldServices::StartAgent(AsioZemProvider& provider,
   work_group_ = new WorkGroup("framework", provider.metrics(), WorkGroup::kUnbounded);
   work_group_->Start(3);
   api_ = new PlayedHostApi(provider, work_group_);
+  api_->on_cut = [this](const std::string& interface) {
+    const std::lock_guard lock(mutex_);
+    cut_.insert(interface);
+  };
   lldp_ = std::make_unique<Tarvik::Lldp>(provider);
   lldp_->Start(api_);
   api_->Start();
@@ -236,7 +255,10 @@ int WorldServices::Send(const std::string& vertical, const std::string& member, 
     ++call.ends;
     if (!answer.status.ok()) return;
     call.answer = sim::AnswerJson(vertical, answer);
-    if (vertical == kLldp && InterfaceOf(call.answer) != call.question)
+    // The agent passes on what it is given, so a cut answer arrives as its first byte and nothing else.
+    const bool as_given =
+        cut_.contains(call.question) ? IsFirstByte(call.answer) : InterfaceOf(call.answer) == call.question;
+    if (vertical == kLldp && !as_given)
       violations_.push_back("the question for " + call.question + " got the answer " + call.answer);
   });
   if (!error.empty()) {

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -79,9 +80,10 @@ class WorldServices {
   std::unique_ptr<Tarvik::SupportBundleClient> bundles_;
   std::unique_ptr<Tarvik::IpReputationCommMgr> reputation_;
 
-  std::mutex mutex_;  // guards the two below, which the manager's threads write
+  std::mutex mutex_;  // guards the three below, which the manager's and the process's threads write
   std::map<int, Call> calls_;
   std::vector<std::string> violations_;
+  std::set<std::string> cut_;  // questions whose answer the process called shorter than it was
 
   int sent_ = 0;
   int bundle_ = 0;
