@@ -70,6 +70,8 @@ constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
 constexpr const char* kStoreClientId = "tarvik-agent";
 // In the folder of the realization's other state, whose operations it tells of.
 constexpr const char* kTimelinesPath = "/etc/orlane/zem-tarvik/failed_operations.jsonl";
+// In memory: marks are written while operations run.
+constexpr const char* kMarksPath = "/var/run/orlane/zem-tarvik/.operations_under_way";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
 // Every process of the host may connect to the health service.
@@ -292,7 +294,7 @@ void Agent::Impl::StartStore() {
   cli_server_->AddCommands(ManagerCommands());
   cli_server_->AddCommands(
       {{"get/options", "", 0, 0, [](const CliArguments&, CliReply reply) { reply.Ok(OptionsInForce()); }}});
-  timelines_.emplace(kTimelinesPath);
+  timelines_.emplace(kTimelinesPath, kMarksPath);
   cli_server_->AddCommands({WhyCommand(*timelines_)});
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
   cli_server_->AddCommands(

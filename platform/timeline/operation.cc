@@ -5,6 +5,7 @@
 #include <deque>
 #include <utility>
 
+#include "platform/timeline/marks.h"
 #include "platform/timeline/segment.h"
 
 // Operations are in the ring from their begin, so that one that hangs can be asked about.  The ring has a
@@ -39,6 +40,7 @@ struct Ring {
   std::array<std::deque<OperationPtr>, kKinds> kinds;
   std::deque<OperationPtr> failed;
   std::shared_ptr<const std::function<void(const OperationPtr&)>> failure_hook;
+  std::shared_ptr<MarkTable> marks;
 
   // What leaves is destroyed by the caller, without the lock.
   void Shrink(std::vector<OperationPtr>* gone) {
@@ -104,7 +106,22 @@ Operation::Operation(uint64_t number, Kind kind, std::string_view what,
   for (const std::string_view key : keys) AddKey(key);
 }
 
-Operation::~Operation() { all_bytes.fetch_sub(bytes_, std::memory_order_relaxed); }
+Operation::~Operation() {
+  Unmark();
+  all_bytes.fetch_sub(bytes_, std::memory_order_relaxed);
+}
+
+// Without the lock: whoever could end it or add a key has not got it yet.
+void Operation::MarkIn(std::shared_ptr<MarkTable> table) {
+  mark_ = table->Take(number_, kind_, begun_wall_, what_);
+  if (mark_ == nullptr) return;
+  marks_ = std::move(table);
+  for (const std::string& key : keys_) MarkTable::AddKey(mark_, key);
+}
+
+void Operation::Unmark() {
+  if (mark_ != nullptr) marks_->Free(std::exchange(mark_, nullptr));
+}
 
 bool Operation::Take(size_t size, bool important) {
   const size_t limit = important ? kMostOperationBytes : kMostOperationBytes - kReserveBytes;
@@ -132,6 +149,7 @@ void Operation::AddKey(std::string_view key) {
   const std::lock_guard lock(mutex_);
   if (keys_.size() >= kMostKeys || std::find(keys_.begin(), keys_.end(), key) != keys_.end()) return;
   keys_.emplace_back(key);
+  if (mark_ != nullptr) MarkTable::AddKey(mark_, key);
 }
 
 bool Operation::End(std::string_view error) {
@@ -141,6 +159,7 @@ bool Operation::End(std::string_view error) {
   state_ = error.empty() ? State::kDone : State::kFailed;
   error_ = error.substr(0, kLongestError);
   ended_ = now;
+  Unmark();
   return true;
 }
 
@@ -176,10 +195,15 @@ OperationReading Operation::Read() const {
 OperationPtr Begin(Kind kind, std::string_view what, std::initializer_list<std::string_view> keys) {
   auto operation = std::make_shared<Operation>(++last_number, kind, what, keys);
   std::vector<OperationPtr> gone;
-  Ring& ring = TheRing();
-  const std::lock_guard lock(ring.mutex);
-  ring.kinds[static_cast<size_t>(kind)].push_back(operation);
-  ring.Shrink(&gone);
+  std::shared_ptr<MarkTable> marks;
+  {
+    Ring& ring = TheRing();
+    const std::lock_guard lock(ring.mutex);
+    ring.kinds[static_cast<size_t>(kind)].push_back(operation);
+    ring.Shrink(&gone);
+    marks = ring.marks;
+  }
+  if (marks) operation->MarkIn(std::move(marks));
   return operation;
 }
 
@@ -223,6 +247,11 @@ void SetFailureHook(std::function<void(const OperationPtr& operation)> hook) {
       hook ? std::make_shared<const std::function<void(const OperationPtr&)>>(std::move(hook)) : nullptr;
   const std::lock_guard lock(TheRing().mutex);
   TheRing().failure_hook.swap(shared);
+}
+
+void SetMarks(std::shared_ptr<MarkTable> marks) {
+  const std::lock_guard lock(TheRing().mutex);
+  TheRing().marks.swap(marks);
 }
 
 void Clear() {

@@ -52,6 +52,8 @@ struct OperationReading {
   bool earlier_life = false;
 };
 
+class MarkTable;
+struct MarkSlot;
 class Segment;
 
 /// One operation and its steps.
@@ -80,9 +82,14 @@ class Operation {
 
  private:
   friend class Scope;
+  friend std::shared_ptr<Operation> Begin(Kind kind, std::string_view what,
+                                          std::initializer_list<std::string_view> keys);
   friend void Finish(const std::shared_ptr<Operation>& operation, std::string_view error);
   friend class Segment;
 
+  /// Until its end it is marked in `table`.  Before anybody else has it.
+  void MarkIn(std::shared_ptr<MarkTable> table);
+  void Unmark();
   /// False when it had ended before.
   bool End(std::string_view error);
   Segment* NewSegment();
@@ -102,6 +109,8 @@ class Operation {
   State state_ = State::kUnderWay;
   std::string error_;
   TimePoint ended_;
+  std::shared_ptr<MarkTable> marks_;
+  MarkSlot* mark_ = nullptr;
 };
 
 using OperationPtr = std::shared_ptr<Operation>;
@@ -122,6 +131,9 @@ std::vector<OperationPtr> Find(std::string_view key, size_t most);
 /// Called once for each operation that fails, on the thread that ends it: it may only take leaf locks.  Null:
 /// none.
 void SetFailureHook(std::function<void(const OperationPtr& operation)> hook);
+
+/// Operations that begin from now on are marked in `marks` until they end.  Null: nowhere.
+void SetMarks(std::shared_ptr<MarkTable> marks);
 
 /// Forgets all operations; for tests.
 void Clear();
