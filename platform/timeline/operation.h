@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/core/clock.h"
+#include "platform/timeline/key_list.h"
 
 /// Timelines: what became of each operation of the agent (a host configuration, an operation on a VIF, ...),
 /// step by step through every thread, kept in memory so that an operator can ask why.
@@ -92,6 +93,7 @@ class Operation {
   void Unmark();
   /// False when it had ended before.
   bool End(std::string_view error);
+  /// Null when there is no room for one.
   Segment* NewSegment();
   /// False when the operation has no room for `size` more bytes; `important` may use a reserve.
   bool Take(size_t size, bool important);
@@ -104,8 +106,9 @@ class Operation {
   std::atomic<size_t> bytes_{0};
   std::atomic<uint64_t> left_out_{0};
   mutable std::mutex mutex_;  // guards what follows; a leaf
-  std::vector<std::string> keys_;
-  std::vector<std::unique_ptr<Segment>> segments_;
+  KeyList keys_;
+  Segment* first_segment_ = nullptr;  // each has the one after it
+  Segment* last_segment_ = nullptr;
   State state_ = State::kUnderWay;
   std::string error_;
   TimePoint ended_;
