@@ -75,7 +75,7 @@ TEST_F(KnlctlProxyTest, GivesUpAfterTenAttempts) {
     KnlctlProxy proxy(tools_);
     EXPECT_FALSE(proxy.Worlds().has_value()) << mode;
     EXPECT_EQ(log_.Count("Retry again at /world/all"), 10u) << mode;
-    EXPECT_EQ(dir_.Read("starts").size(), 10u) << mode;
+    EXPECT_EQ(dir_.Read("starts").size(), 10u) << mode << ::testing::PrintToString(log_.Texts());
   }
   dir_.Write("mode", "refuse");
   log_.Clear();
