@@ -38,6 +38,7 @@ void SeedInventions(std::string seed) {
   Inventions& all = All();
   const std::lock_guard lock(all.mutex);
   all.seed = std::move(seed);
+  all.made.clear();
 }
 
 }  // namespace zem::sim

@@ -12,7 +12,7 @@ namespace zem::sim {
 /// Threads: any.
 std::string InventedUuidText(const std::string& purpose);
 
-/// Called once, before the first uuid is made up.
+/// Begins anew with this seed; an empty one is none.
 void SeedInventions(std::string seed);
 
 }  // namespace zem::sim

@@ -74,6 +74,7 @@ constexpr const char* kUsage =
     "  --second         check alone: another node like it, which sees the same VMs' folders\n"
     "  --launcher WORDS a program that becomes the daemon, whose path is put behind the words\n"
     "  --issue TEXT     the identity file's text; \"\" leaves it away\n"
+    "  --seed TEXT      names that peers make up follow from it (random; record and replay choose it)\n"
     "  --clock-factor N all of the node lives N times as fast, up to 100 (1)\n"
     "  --no-daemon      the daemon is started by \"daemon/start\"\n"
     "  --follow         prints the daemon's log\n"
