@@ -3,12 +3,12 @@
 #include <array>
 #include <atomic>
 #include <boost/intrusive_ptr.hpp>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include "framework/hostapi/lum_link.h"
 #include "mpaclient/vertical/vertical_client.h"
+#include "platform/core/long_mutex.h"
 #include "platform/core/ref_counted.h"
 #include "platform/core/stop_signal.h"
 #include "platform/provider/bounded_queue.h"
@@ -72,7 +72,7 @@ class LldpQub : public RefCounted<LldpQub, IRefCountable> {
   BoundedQueue<Question> questions_;
   StopSignal ping_stop_;
 
-  std::mutex exchange_mutex_;  // held over a whole exchange with the host; guards the buffers
+  LongMutex exchange_mutex_;  // held over a whole exchange with the host; guards the buffers
   std::array<char, kBufferSize> received_;
   std::array<char, kBufferSize> sent_;
 };

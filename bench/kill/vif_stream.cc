@@ -36,6 +36,15 @@ std::string HostSwitch(int number) {
          (number == 1 ? " overlay: true }" : " }");
 }
 
+bool Lists(sim::NodeProcess& node, const std::string& folder, std::string_view name) {
+  const Json names = node.Do("file/list " + folder);
+  const cJSON* each = nullptr;
+  cJSON_ArrayForEach(each, names.get()) {
+    if (cJSON_IsString(each) && each->valuestring == name) return true;
+  }
+  return false;
+}
+
 double MonotonicSeconds() {
   return std::chrono::duration<double>(Clock::Process().Now().time_since_epoch()).count();
 }
@@ -188,7 +197,10 @@ size_t VifStream::drafts() {
   const cJSON* machine = nullptr;
   cJSON_ArrayForEach(machine, sim::At(machines.get(), "list")) {
     const std::string path = sim::TextAt(machine, "path");
-    const Json files = node_.Do("file/list " + path.substr(0, path.rfind('/')) + "/.dvsData");
+    const std::string folder = path.substr(0, path.rfind('/'));
+    // A VM that was never on has no files of ports.
+    if (!Lists(node_, folder, ".dvsData")) continue;
+    const Json files = node_.Do("file/list " + folder + "/.dvsData");
     const cJSON* file = nullptr;
     cJSON_ArrayForEach(file, files.get()) {
       const std::string name = cJSON_IsString(file) ? file->valuestring : "";

@@ -12,6 +12,7 @@
 
 #include "framework/hostapi/lum_link.h"
 #include "framework/process/script_child.h"
+#include "platform/core/long_mutex.h"
 #include "platform/core/stop_signal.h"
 
 namespace zem {
@@ -102,7 +103,7 @@ class LumClient : public RefCounted<LumClient, IRefCountable> {
   StopSignal stop_;
   std::atomic<bool> last_{false};  // the stop's own sequence runs, which nothing ends
 
-  std::mutex sequence_mutex_;  // held over a start, stop or reset; guards child_ and output_
+  LongMutex sequence_mutex_;  // held over a start, stop or reset; guards child_ and output_
   ScriptChild child_;
   std::unique_ptr<ScriptOutput> output_;
 

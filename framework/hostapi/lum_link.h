@@ -8,6 +8,7 @@
 #include <string>
 
 #include "platform/core/clock.h"
+#include "platform/core/long_mutex.h"
 #include "platform/core/ref_counted.h"
 #include "platform/core/unique_fd.h"
 
@@ -73,7 +74,7 @@ class LumLink : public RefCounted<LumLink, IRefCountable> {
   const UniqueFd stop_;  // readable from Stop on
   std::atomic<int> status_{kDown};
 
-  std::mutex mutex_;        // held over each operation on the connection
+  LongMutex mutex_;         // held over each operation on the connection
   uint64_t exchange_ = 0;   // the connection on which the exchange began; 0: none; guarded by mutex_
   std::mutex state_mutex_;  // guards all below; after mutex_
   ErrorCallback error_callback_;

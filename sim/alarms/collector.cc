@@ -75,6 +75,7 @@ Collector::State Collector::state() const {
   const std::lock_guard lock(mutex_);
   State state = state_;
   state.busy = full_sync_due_ || checks_ > 0;
+  if (!status_fall_.empty()) state.violations.push_back(status_fall_);
   return state;
 }
 
@@ -129,6 +130,7 @@ std::optional<std::string> Collector::AnswerTo(const CollectorMpMsg& message,
   switch (message.msg_type()) {
     case kReset:
       ++state_.resets;
+      status_may_fall_ = std::exchange(status_fall_, "").empty();
       state_.node_id = UuidText(message.reset_request().node_id());
       state_.endpoint_id = UuidText(message.reset_request().endpoint_id());
       answer.set_msg_type(kResetAnswer);
@@ -196,11 +198,16 @@ void Collector::JudgeEventSequence(uint32_t sequence) {
     restart_expected_ = false;
   } else if (sequence == state_.event_sequence + 1) {
     // In order, or on its way before the restart.
+    if (!restart_expected_) kept_allowed_ = false;
   } else if (restart_expected_ && kept_allowed_) {
     // It could not be sent before the restart: what it says of an event may have been over by then.
     kept_allowed_ = false;
     FullSyncSoon();
     return;
+  } else if (kept_allowed_ && sequence == 1 && state_.event_sequence == 1) {
+    // Then the one before was such a report, with the number of a first one, and this is the restart's.
+    kept_allowed_ = false;
+    FullSyncSoon();
   } else if (sequence > state_.event_sequence + 1) {
     ++state_.gaps;
     FullSyncSoon();
@@ -249,11 +256,16 @@ void Collector::NoteChange(const InstanceKey& key, const Instance& instance) {
 
 void Collector::TakeStatus(const MonitoringStatusReportMsg& report, const std::string& correlation_id) {
   const uint32_t sequence = report.sequence_number();
-  // A host that starts again counts from 1 and does not wait for its reset; a publish that was on its way
-  // when the master went is lost.  But no number comes twice.
+  // A host that starts again counts from 1 and does not wait for its reset, and its first reports may be lost
+  // on their way: a number that falls belongs to the reset before it, or to one that comes.
   if (sequence <= state_.status_sequence && sequence != 1) {
-    Violation("status report " + std::to_string(sequence) + " after " +
-              std::to_string(state_.status_sequence));
+    if (!std::exchange(status_may_fall_, false)) {
+      if (!status_fall_.empty()) Violation(status_fall_);
+      status_fall_ =
+          "status report " + std::to_string(sequence) + " after " + std::to_string(state_.status_sequence);
+    }
+  } else if (sequence <= state_.status_sequence + 1) {
+    status_may_fall_ = false;
   }
   state_.status_sequence = sequence;
   Keep({true, sequence, correlation_id, static_cast<size_t>(report.status_vertical_report_size()),

@@ -128,6 +128,8 @@ class Collector {
   bool follow_ups_ = true;
   bool restart_expected_ = true;  // the next report may have any number, one of them after it number 1
   bool kept_allowed_ = true;      // one report of before the restart may come first
+  bool status_may_fall_ = false;  // the host has started again since its last report of status
+  std::string status_fall_;       // a number that fell, a fault unless the host's reset is still on its way
   bool full_sync_due_ = false;
   int checks_ = 0;                        // under way
   std::map<InstanceKey, Instance> said_;  // by the last report of each event

@@ -31,6 +31,7 @@
 #include "sim/node/node.h"
 #include "sim/sandbox/sandbox.h"
 #include "sim/sandbox/small_disk.h"
+#include "sim/scenario/patience.h"
 #include "sim/sinks/health_caller.h"
 #include "sim/sinks/log_commands.h"
 #include "sim/truth/host_diff.h"
@@ -42,7 +43,7 @@ namespace {
 constexpr const char* kCliSocket = "/run/orlane/zem-tarvik/tarvik-cli";
 constexpr const char* kCliClient = "/usr/bin/ovs-appctl";
 constexpr auto kFarewell = std::chrono::milliseconds(100);
-constexpr auto kCliPatience = std::chrono::seconds(20);
+constexpr double kCliPatience = 20;
 constexpr size_t kMaxFile = size_t{1024} * 1024;
 
 std::optional<double> Seconds(const std::string& text) {
@@ -134,7 +135,7 @@ Json DaemonJson(const DaemonProcess& daemon) {
 void WaitForEnd(DaemonProcess& daemon, const Arguments& arguments, const Reply& reply) {
   const double seconds = arguments.empty() ? 10 : Seconds(arguments[0]).value_or(10);
   InBackground([&daemon, seconds, reply] {
-    const auto status = daemon.Wait(ToDuration(seconds));
+    const auto status = daemon.Wait(ToDuration(Patience(seconds)));
     if (!status) return reply.Fail("the daemon still runs");
     Json result = JsonObject();
     AddMember(result.get(), "ended_by", WaitStatusText(*status));
@@ -217,7 +218,7 @@ void Tarvikctl(const std::string& program, const Arguments& arguments, const Rep
     Tarvik::ChildProcess::Options options;
     options.argv = {program};
     options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
-    options.time_limit = kCliPatience;
+    options.time_limit = ToDuration(Patience(kCliPatience));
     options.output_limit = kMaxFile;
     const TimePoint begun = Clock::Process().Now();
     const Tarvik::ChildResult ended = Tarvik::ChildProcess(std::move(options)).Run();
@@ -239,7 +240,7 @@ void Cli(const Arguments& arguments, const Reply& reply) {
     Tarvik::ChildProcess::Options options;
     options.argv = {kCliClient, "-t", kCliSocket};
     options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
-    options.time_limit = kCliPatience;
+    options.time_limit = ToDuration(Patience(kCliPatience));
     options.output_limit = kMaxFile;
     const Tarvik::ChildResult ended = Tarvik::ChildProcess(std::move(options)).Run();
     if (ended.end != Tarvik::ChildEnd::kExited || ended.value != 0) {

@@ -15,15 +15,21 @@
 #include "platform/core/thread.h"
 #include "sim/control/json.h"
 #include "sim/scenario/control_client.h"
+#include "sim/scenario/patience.h"
 
 namespace zem::sim {
 namespace {
 
 constexpr auto kPollInterval = std::chrono::milliseconds(100);
 constexpr double kLogPatience = 2;  // seconds; log lines arrive on a socket of their own and may be late
-constexpr auto kLeftPatience = std::chrono::seconds(10);
+constexpr double kLeftPatience = 10;
 constexpr int kLogTail = 40;
 constexpr size_t kMaxShown = 2000;
+
+// The end of a wait for something that has to come true.
+TimePoint EndOfPatience(double seconds) {
+  return Clock::Process().Now() + Duration(static_cast<int64_t>(Patience(seconds) * 1e9));
+}
 
 long long NowNs() { return Clock::Process().Now().time_since_epoch().count(); }
 
@@ -176,7 +182,7 @@ bool Scenario::Run(std::istream& lines, const std::string& name) {
 
 // Waits for a while, because an operation may still be in progress when the last line holds.
 bool Scenario::NothingIsLeft() {
-  for (const TimePoint end = Clock::Process().Now() + kLeftPatience;;) {
+  for (const TimePoint end = EndOfPatience(kLeftPatience);;) {
     const Json answer{cJSON_Parse(node_.Execute("switch/live").c_str())};
     const cJSON* const left = answer ? Find(answer.get(), "result") : nullptr;
     if (cJSON_GetArraySize(left) == 0) return true;
@@ -302,7 +308,7 @@ bool Scenario::Await(const std::string& text) {
     return false;
   }
   const std::string command = Trim(text.substr(static_cast<size_t>(end - text.data())));
-  const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(seconds * 1e9));
+  const TimePoint deadline = EndOfPatience(seconds);
   for (bool again = false;; again = true) {
     if (Command(command, Outcome::kOk, again)) return true;
     if (Clock::Process().Now() >= deadline) return false;
@@ -349,7 +355,7 @@ bool Scenario::Expect(const std::string& text) {
     return false;
   }
   if (condition->path == "log" && condition->operation == "~") {
-    const double within = std::max(condition->within, kLogPatience);
+    const double within = Patience(std::max(condition->within, kLogPatience));
     const std::string answer = node_.Execute("log/wait " + Quote(condition->value) + " " +
                                              std::to_string(within) + " " + std::to_string(step_log_));
     const Json parsed{cJSON_Parse(answer.c_str())};
@@ -363,7 +369,7 @@ bool Scenario::Expect(const std::string& text) {
   const std::string repeated = file ? "file/read " + Quote(condition->path) : last_command_;
   const bool refusal = condition->path == "error";
   const std::string path = file ? "result.text" : (refusal ? "" : "result.") + condition->path;
-  const TimePoint deadline = Clock::Process().Now() + Duration(static_cast<int64_t>(condition->within * 1e9));
+  const TimePoint deadline = EndOfPatience(condition->within);
   std::string answer = file ? Execute(repeated) : last_answer_;
   for (;;) {
     const Json parsed{cJSON_Parse(answer.c_str())};

@@ -3,13 +3,13 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "app/pktcap/tools/port_lookup.h"
 #include "app/pktcap/tools/world_list.h"
+#include "platform/core/long_mutex.h"
 #include "platform/core/unique_fd.h"
 
 namespace zem::Tarvik {
@@ -47,7 +47,7 @@ class KnlctlProxy {
   const CaptureTools& tools_;
   std::atomic<bool> stopped_{false};
   const UniqueFd wake_;
-  std::mutex mutex_;  // guards all below; held while a request runs
+  LongMutex mutex_;  // guards all below; held while a request runs
   pid_t helper_ = -1;
   UniqueFd stream_;  // both of the helper's standard streams
 };

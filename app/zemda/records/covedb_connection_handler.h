@@ -5,6 +5,8 @@
 #include <memory>
 #include <mutex>
 
+#include "platform/core/long_mutex.h"
+
 namespace orlane::zem::covedb {
 class ModifyRequestMsg;
 class ObjectRequestMsg;
@@ -38,12 +40,12 @@ class CoveDBConnectionHandler {
   bool get(const std::list<orlane::zem::covedb::ObjectRequestMsg>& requests, ObjectsCallback callback);
 
   /// Held over a read: the agent has one at a time.
-  std::mutex& read_mutex() { return read_mutex_; }
+  zem::LongMutex& read_mutex() { return read_mutex_; }
 
  private:
   std::shared_ptr<zem::covedb::CoveDbClientInterface> Store();
 
-  std::mutex read_mutex_;
+  zem::LongMutex read_mutex_;
   std::mutex mutex_;  // guards store_
   std::shared_ptr<zem::covedb::CoveDbClientInterface> store_;
 };

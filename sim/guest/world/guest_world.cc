@@ -99,6 +99,11 @@ Answer GuestWorld::Ask(const Question& question) {
   }
   answer = AnswerLocked(question);
   faults_.Spoil(question, name, &answer);
+  const bool for_groups =
+      question.operation == Operation::kSessionInfo
+          ? question.kind == ENDVAT_SESSION_GROUPS
+          : question.operation == Operation::kProcessInfo && question.kind == ENDVAT_PROCESS_GROUPS;
+  if (for_groups && answer.status != 0) ++refused_groups_;
   return answer;
 }
 
@@ -486,6 +491,11 @@ Guest GuestWorld::guest(const std::string& name) const {
 std::map<std::string, uint64_t> GuestWorld::questions() const {
   std::lock_guard lock(mutex_);
   return questions_;
+}
+
+uint64_t GuestWorld::refused_groups() const {
+  std::lock_guard lock(mutex_);
+  return refused_groups_;
 }
 
 std::vector<std::string> GuestWorld::violations() const {

@@ -76,6 +76,8 @@ class GuestWorld {
   /// How often each question was asked.
   std::map<std::string, uint64_t> questions() const;
   std::vector<std::string> violations() const;
+  /// Questions for a user's groups that had no answer, such as those of a session that had ended already.
+  uint64_t refused_groups() const;
 
  private:
   Guest& Find(const std::string& name);
@@ -109,6 +111,7 @@ class GuestWorld {
   Faults faults_;
   std::map<std::string, uint64_t> questions_;
   std::vector<std::string> violations_;
+  uint64_t refused_groups_ = 0;
 };
 
 }  // namespace zem::sim::guest

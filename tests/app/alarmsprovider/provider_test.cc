@@ -253,6 +253,33 @@ TEST_F(AlarmsProviderTest, TheCollectorHasWhatTheClientsSay) {
 
 // The collector waits for a sync and gets one answer, whatever a client does; for a full sync it does not
 // wait.
+// A report that found no road is kept with its number over the full sync that comes next, and that number may
+// be the one with which the count starts again.
+TEST_F(AlarmsProviderTest, AReportThatWasKeptOverAFullSyncIsNoFault) {
+  StartAll();
+  AlarmClient& client = AddClient(AlarmClient::Kind::kSubscribing, "a");
+  clock.RunFor(10s);
+  for (uint32_t i = 0; i < 8; ++i) {
+    ASSERT_EQ(collector->AskFullSync([](const auto&) {}), "");
+    clock.RunFor(100ms);
+    manager->StopProxy();
+    client.Raise({i, kEntity}, "{}");
+    clock.RunFor(std::chrono::milliseconds(6000 + 600 * i));
+    manager->StartProxy();
+    bool answered = false;
+    for (int tries = 0; tries < 100 && !answered; ++tries) {
+      static_cast<void>(
+          collector->AskFullSync([&answered](const auto& answer) { answered |= answer.has_value(); }));
+      clock.RunFor(300ms);
+    }
+    clock.RunFor(60s);
+    Calm();
+  }
+  EXPECT_GE(log.Count("Collector is unable to receive reports"), 8U);
+  EXPECT_THAT(collector->state().violations, IsEmpty());
+  EXPECT_THAT(Open(), SizeIs(8));
+}
+
 TEST_F(AlarmsProviderTest, RequestsAreAnsweredOnceWhateverClientsDo) {
   StartAll();
   AlarmClient& serving = AddClient(AlarmClient::Kind::kServing, "a");
@@ -365,6 +392,35 @@ TEST_F(AlarmsProviderTest, LostStatusReportsLeadToOneFullSync) {
 }
 
 // Only an appliance has a leadership to tell of.
+// Of a host that starts again the first report may be lost, and the second has a number that was there
+// before.
+TEST_F(AlarmsProviderTest, StatusReportsCountAnewAfterAStart) {
+  constexpr const char* kForwarding = "tcp://127.0.0.1:4096";
+  StartAll();
+  status = std::make_unique<sim::StatusClient>();
+  for (int i = 0; i < 3; ++i) {
+    status->Set("x", std::to_string(i));
+    clock.RunFor(12s);
+  }
+  const uint32_t before = collector->state().status_sequence;
+  ASSERT_GE(before, 2U);
+  alarms->Stop();
+  ASSERT_TRUE(StartProvider());
+  const uint64_t resets = collector->state().resets;
+  for (int i = 0; i < 200 && collector->state().resets == resets; ++i) clock.RunFor(100ms);
+  network.Freeze(kForwarding, true);
+  status->Set("x", "lost");
+  clock.RunFor(11s);
+  network.Break(kForwarding);
+  network.Freeze(kForwarding, false);
+  clock.RunFor(12s);
+  status->Set("x", "taken");
+  clock.RunFor(30s);
+  EXPECT_LE(collector->state().status_sequence, before);
+  EXPECT_GE(collector->state().status_sequence, 2U);
+  EXPECT_THAT(collector->state().violations, IsEmpty());
+}
+
 TEST_F(AlarmsProviderTest, LeadershipChangesAreForwardedByAnAppliance) {
   StartAll();
   rpc::StubRequest request;

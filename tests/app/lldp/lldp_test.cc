@@ -122,6 +122,16 @@ TEST_F(LldpTest, ASilentHostHoldsNobodyElse) {
   EXPECT_THAT(Answers(), testing::Each("none"));
 }
 
+// The sign of life that falls due meanwhile waits for its turn, and the question's time runs on.
+TEST_F(LldpTest, ASilentHostDoesNotHoldTheSignOfLife) {
+  clock.RunFor(seconds(9));
+  Ask("x");
+  clock.RunFor(seconds(5));
+  EXPECT_TRUE(log.Contains("No data received, timeout"));
+  EXPECT_TRUE(log.Contains("Failed to ping LldpLum"));
+  EXPECT_EQ(log.Count("LinkErrorHandle for"), 1U);
+}
+
 TEST_F(LldpTest, LengthsAtTheLimits) {
   struct Case {
     std::string payload;

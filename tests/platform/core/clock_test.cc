@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/core/condition.h"
+#include "platform/core/long_mutex.h"
 #include "platform/core/poll.h"
 #include "platform/core/retry_policy.h"
 #include "platform/core/stop_signal.h"
@@ -182,6 +183,24 @@ TEST(ThreadTest, CancelUnwindsAWaiterOnBothClocks) {
     }
     other.Join();
   }
+}
+
+// Who waits for the lock does not keep its holder's moment from coming.
+TEST(LongMutexTest, IsHeldAcrossAWaitOfTheVirtualClock) {
+  VirtualClock clock;
+  const TimePoint begin = clock.Now();
+  LongMutex mutex;
+  std::vector<int64_t> entered;
+  std::vector<NativeThread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&] {
+      const std::lock_guard lock(mutex);
+      entered.push_back((clock.Now() - begin) / seconds(1));
+      SleepFor(seconds(5));
+    });
+  }
+  clock.RunFor(seconds(20));
+  EXPECT_THAT(entered, ElementsAre(0, 5, 10));
 }
 
 TEST(StopSignalTest, EndsASleepEarly) {

@@ -30,6 +30,7 @@ class FakeFirewall final : public DfwUtil::DfwConnector {
     calls.push_back("groups " + info.user_dfw_key);
     if (!reachable) return kFailed;
     groups[info.user_dfw_key] = info.group_keys;
+    if (info.group_keys.empty()) ++told_no_groups;
     return kDone;
   }
   int AddUser(const DfwUserProcessInfo& info) override { return Add("user ", info); }
@@ -40,6 +41,7 @@ class FakeFirewall final : public DfwUtil::DfwConnector {
   bool reachable = true;
   bool always_wants_groups = false;
   std::map<std::string, std::vector<std::string>> groups;
+  uint64_t told_no_groups = 0;
   std::vector<std::string> calls;
   std::vector<DfwUserProcessInfo> connections;
 

@@ -8,6 +8,7 @@
 #include "app/ctxteng/kafka/kafka_client_slot.h"
 #include "app/ctxteng/kafka/kafka_config.h"
 #include "platform/core/condition.h"
+#include "platform/core/loop_monitor.h"
 #include "proto/context/ids.pb.h"
 #include "proto/context/pace.pb.h"
 #include "sim/kafka/kafka_brokers.h"
@@ -246,6 +247,7 @@ TEST_F(KafkaClientTest, ReplacedClientEndsBehindTheOwnersBack) {
   EXPECT_EQ(slot.Get(), nullptr);
   EXPECT_LT(zem::Clock::Process().Now() - begin, std::chrono::seconds(9));
   slot.Shutdown();
+  EXPECT_EQ(zem::LoopThread::StepsBefore()["ctxt:kafkaEnd"], 4U) << "what a long end does is told";
   EXPECT_EQ(deliveries.failed, 4U);
   EXPECT_EQ(log.Count("Zemi: Flushing final messages over kafka"), 4U);
 }
