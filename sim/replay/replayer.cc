@@ -139,7 +139,9 @@ std::vector<Difference> Replayer::Run() {
     if (HasEnded(i)) {
       // Everything that follows from it would only be waited for.
       const std::string end = ResultMember(node_.Execute("daemon/wait 0"), "ended_by");
-      differences.push_back({"the daemon has ended", '+', end + ", before: " + Short(event.command)});
+      differences.push_back(
+          {"the daemon has ended", '+',
+           (end.empty() ? "it cannot be started" : end) + ", before: " + Short(event.command)});
       ended_ = true;
       break;
     }
