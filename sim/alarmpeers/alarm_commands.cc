@@ -106,6 +106,13 @@ void ShowReports(const Collector& collector, const Arguments& arguments, const R
   reply.Ok(std::move(reports));
 }
 
+void ShowChanges(const Collector& collector, const Reply& reply) {
+  Json changes = JsonArray();
+  for (const Collector::Change& change : collector.state().changes)
+    AddItem(changes.get(), InstanceJson(change.key, change.instance));
+  reply.Ok(std::move(changes));
+}
+
 // Answers a command with what the host says.
 Collector::Answered ReplyWith(const Reply& reply) {
   return [reply](const std::optional<CollectorMpMsg>& answer) {
@@ -262,6 +269,8 @@ void RegisterAlarmCommands(CommandTable& table, Collector& collector, AlarmPeers
   table.Register(
       {"collector/reports", "[COUNT]", "Shows the last reports of events and status.", 0, 1,
        [c](const Arguments& arguments, const Reply& reply) { ShowReports(*c, arguments, reply); }});
+  table.Register({"collector/changes", "", "Shows what became of each event, a report of the same left out.",
+                  0, 0, [c](const Arguments&, const Reply& reply) { ShowChanges(*c, reply); }});
   table.Register({"collector/answers", "true|false|never|garbage|no-type|unknown-type",
                   "How the collector answers resets and source syncs.", 1, 1,
                   [c](const Arguments& arguments, const Reply& reply) {

@@ -228,6 +228,7 @@ void Collector::TakeEvents(const MonitoringEventReportMsg& report, const std::st
         ++events;
         InstanceKey key{feature.feature_id(), type.event_type_id(), UuidText(instance.entity_id()),
                         feature.qubio_id()};
+        NoteChange(key, {instance.status(), feature.source_id(), instance.context(), 0});
         if (instance.status() == 0) {
           state_.open.erase(key);
         } else {
@@ -239,6 +240,18 @@ void Collector::TakeEvents(const MonitoringEventReportMsg& report, const std::st
   }
   if (events == 0) ++state_.heartbeats;
   Keep({false, report.sequence_number(), correlation_id, events, report.ShortDebugString()});
+}
+
+// A full sync repeats what is known, and how many events are in one report depends on the pace; what each of
+// them went through does not.
+void Collector::NoteChange(const InstanceKey& key, const Instance& instance) {
+  Instance& before = said_[key];
+  const bool same = before.status == instance.status && before.source_id == instance.source_id &&
+                    before.context == instance.context;
+  before = instance;
+  if (same) return;
+  state_.changes.push_back({key, instance});
+  if (state_.changes.size() > kReportsKept) state_.changes.pop_front();
 }
 
 void Collector::TakeStatus(const MonitoringStatusReportMsg& report, const std::string& correlation_id) {

@@ -77,6 +77,11 @@ class Collector {
     size_t members = 0;
     std::string text;
   };
+  /// What a report said of an event, where it is something else than the last one said.
+  struct Change {
+    InstanceKey key;
+    Instance instance;
+  };
   struct State {
     uint64_t resets = 0;
     std::string node_id;
@@ -93,6 +98,7 @@ class Collector {
     /// A full sync or a check of an event is due or under way.
     bool busy = false;
     std::deque<Report> reports;
+    std::deque<Change> changes;
     std::vector<std::string> violations;
   };
   State state() const;
@@ -109,6 +115,7 @@ class Collector {
   void CheckIds(const std::string& node_id, const std::string& endpoint_id);
   void Violation(const std::string& text);
   void Keep(Report report);
+  void NoteChange(const InstanceKey& key, const Instance& instance);
   void FullSyncSoon();
   void CheckSources(const std::set<std::string>& sources);
 
@@ -124,7 +131,8 @@ class Collector {
   bool status_may_fall_ = false;  // the host has started again since its last report of status
   std::string status_fall_;       // a number that fell, a fault unless the host's reset is still on its way
   bool full_sync_due_ = false;
-  int checks_ = 0;  // under way
+  int checks_ = 0;                        // under way
+  std::map<InstanceKey, Instance> said_;  // by the last report of each event
   uint64_t versions_ = 0;
 };
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/core/uuid.h"
+#include "sim/control/invented_id.h"
 #include "sim/switch/tree/state_tree.h"
 
 namespace zem::sim {
@@ -165,12 +165,12 @@ std::vector<VirtualMachine> VirtualMachines::Create(const std::vector<std::strin
       throw std::runtime_error("no name for a VM: " + name);
     if (!Find(name).empty()) throw std::runtime_error("there is a VM " + name);
     VirtualMachine machine;
-    machine.uuid = RandomUuidText();
+    machine.uuid = InventedUuidText("VM " + name);
     machine.name = name;
     machine.path = folder + "/" + name + "/" + name + ".cfg";
     machine.vnics = vnics;
     for (auto& [device, vnic] : machine.vnics) {
-      if (vnic.vif.empty()) vnic.vif = RandomUuidText();
+      if (vnic.vif.empty()) vnic.vif = InventedUuidText("VIF of " + name + " " + device);
     }
     fs::create_directories(machine.folder());
     Save(machine);
@@ -185,12 +185,12 @@ void VirtualMachines::Clone(const std::string& name, const std::string& copy) {
   if (!Find(copy).empty()) throw std::runtime_error("there is a VM " + copy);
   const std::string source = machine.folder();
   const std::string old_file = machine.path.substr(machine.path.rfind('/') + 1);
-  machine.uuid = RandomUuidText();
+  machine.uuid = InventedUuidText("VM " + copy);
   machine.name = copy;
   machine.path = source.substr(0, source.rfind('/')) + "/" + copy + "/" + copy + ".cfg";
   machine.on = false;
   for (auto& [device, vnic] : machine.vnics) {
-    vnic = Vnic{RandomUuidText(), vnic.ls, "", "", vnic.port_group, false};
+    vnic = Vnic{InventedUuidText("VIF of " + copy + " " + device), vnic.ls, "", "", vnic.port_group, false};
   }
   fs::remove_all(machine.folder());
   fs::copy(source, machine.folder(), fs::copy_options::recursive);

@@ -8,6 +8,7 @@
 
 #include "platform/core/uuid.h"
 #include "sim/control/command_options.h"
+#include "sim/control/invented_id.h"
 #include "sim/control/number.h"
 #include "sim/manager/manager.h"
 
@@ -39,7 +40,9 @@ void Send(Manager& manager, const Arguments& arguments, const Reply& reply) {
     request.text = text.str();
   }
   request.aph = options.Value("--aph").value_or("");
-  request.correlation_id = options.Value("--correlation").value_or(RandomUuidText());
+  const auto correlation = options.Value("--correlation");
+  request.correlation_id =
+      correlation ? *correlation : InventedUuidText("message to " + request.vertical + " " + request.member);
   request.with_header = !options.Has("--no-header");
   request.publish = options.Has("--publish");
   if (const auto timeout = options.Value("--timeout")) {

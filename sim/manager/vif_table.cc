@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "platform/core/uuid.h"
 #include "proto/switching/vif.pb.h"
+#include "sim/control/invented_id.h"
 
 namespace zem::sim {
 namespace {
@@ -122,7 +122,8 @@ void VifTable::AttachLocked(const Vif& asked, const VifRule& rule, Vif* answer, 
     record->answer = "error " + answer->error_text();
     return;
   }
-  const std::string vif = asked.vif_id().empty() ? RandomUuidText() : asked.vif_id();
+  const std::string vif =
+      asked.vif_id().empty() ? InventedUuidText("VIF in " + asked.logical_switch_id()) : asked.vif_id();
   VifPlace& place = places_[vif];
   if (!place.ls.empty() && place.ls != asked.logical_switch_id()) {
     answer->set_old_logical_switch_id(place.ls);
@@ -177,7 +178,7 @@ const std::string& VifTable::PortLocked(const std::string& vif, const std::strin
                                         const std::string& hint) {
   std::string& port = ports_[{vif, ls}];
   if (!hint.empty() && hint != port && owners_.try_emplace(hint, vif).first->second == vif) port = hint;
-  if (port.empty()) port = RandomUuidText();
+  if (port.empty()) port = InventedUuidText("port of " + vif + " in " + ls);
   owners_[port] = vif;
   return port;
 }

@@ -22,11 +22,15 @@
 
 #include "platform/core/clock_factor.h"
 #include "platform/core/thread.h"
+#include "platform/core/uuid.h"
 #include "sim/alarmpeers/peer_program.h"
+#include "sim/control/invented_id.h"
 #include "sim/control/json.h"
 #include "sim/data/data_folder.h"
 #include "sim/fleet/fleet_program.h"
+#include "sim/node/interruption.h"
 #include "sim/node/node.h"
+#include "sim/replay/border_table.h"
 #include "sim/replay/expected_differences.h"
 #include "sim/replay/recorder.h"
 #include "sim/replay/recording.h"
@@ -70,6 +74,7 @@ constexpr const char* kUsage =
     "  --second         check alone: another node like it, which sees the same VMs' folders\n"
     "  --launcher WORDS a program that becomes the daemon, whose path is put behind the words\n"
     "  --issue TEXT     the identity file's text; \"\" leaves it away\n"
+    "  --seed TEXT      names that peers make up follow from it (random; record and replay choose it)\n"
     "  --clock-factor N all of the node lives N times as fast, up to 100 (1)\n"
     "  --no-daemon      the daemon is started by \"daemon/start\"\n"
     "  --follow         prints the daemon's log\n"
@@ -131,6 +136,8 @@ int RunNode(Words words, const char* program) {
       for (std::string word; launcher >> word;) node.launcher.push_back(word);
     } else if (option == "--issue") {
       node.issue = words.Take();
+    } else if (option == "--seed") {
+      zem::sim::SeedInventions(words.Take());
     } else if (option == "--no-daemon") {
       node.start_daemon = false;
     } else if (option == "--follow") {
@@ -146,17 +153,19 @@ int RunNode(Words words, const char* program) {
   return zem::sim::RunInSandbox(sandbox, [&node] { return zem::sim::Node(node).Run(); });
 }
 
-// A node in a folder of its own; both end with this object.
+// A node in a folder of its own; both end with this object, or when this program is interrupted.
 class ChildNode {
  public:
   ChildNode(Words words, const char* program) {
-    if (::mkdtemp(directory_) == nullptr)
-      throw std::runtime_error(std::string(directory_) + ": " + std::strerror(errno));
-    words.all.insert(words.all.end(), {"--dir", directory_});
+    words.all.insert(words.all.end(), {"--dir", folder_.path()});
     process_ = ::fork();
     if (process_ < 0) throw std::runtime_error(std::strerror(errno));
-    if (process_ > 0) return;
+    if (process_ > 0) {
+      ending_ = zem::sim::Interruption::Get().Add([process = process_] { End(process); });
+      return;
+    }
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    zem::sim::Interruption::LetPass();
     int code = 1;
     try {
       code = RunNode(words, program);
@@ -166,11 +175,13 @@ class ChildNode {
     ::_exit(code);
   }
   ~ChildNode() {
-    if (!stopped_) ::kill(process_, SIGTERM);
-    int status = 0;
-    ::waitpid(process_, &status, 0);
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
+    ending_.reset();
+    if (stopped_) {
+      int status = 0;
+      ::waitpid(process_, &status, 0);
+    } else {
+      End(process_);
+    }
   }
   ChildNode(const ChildNode&) = delete;
   ChildNode& operator=(const ChildNode&) = delete;
@@ -179,12 +190,19 @@ class ChildNode {
     client.Execute("stop");
     stopped_ = true;
   }
-  std::string control() const { return std::string(directory_) + "/control"; }
+  std::string control() const { return folder_.path() + "/control"; }
 
  private:
-  char directory_[32] = "/tmp/zem-check.XXXXXX";
+  static void End(pid_t process) {
+    ::kill(process, SIGTERM);
+    int status = 0;
+    ::waitpid(process, &status, 0);
+  }
+
+  const zem::sim::ScratchFolder folder_{"zem-check"};
   pid_t process_ = -1;
   bool stopped_ = false;
+  std::shared_ptr<void> ending_;
 };
 
 // Runs a scenario on a new node, or on two that share the VMs' folders.
@@ -192,11 +210,11 @@ int Check(Words words, const char* program) {
   const std::string file = words.Take();
   std::ifstream lines(file);
   if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
-  char datastore[] = "/tmp/zem-datastore.XXXXXX";
   const bool two = std::erase(words.all, "--second") != 0;
+  std::unique_ptr<zem::sim::ScratchFolder> datastore;
   if (two) {
-    if (::mkdtemp(datastore) == nullptr) throw std::runtime_error(std::strerror(errno));
-    words.all.insert(words.all.end(), {"--datastore", datastore});
+    datastore = std::make_unique<zem::sim::ScratchFolder>("zem-datastore");
+    words.all.insert(words.all.end(), {"--datastore", datastore->path()});
   }
   bool held = false;
   {
@@ -212,17 +230,16 @@ int Check(Words words, const char* program) {
       std::fprintf(stderr, "zem-node: %s\n", error.what());
     }
   }
-  std::error_code ignored;
-  if (two) std::filesystem::remove_all(datastore, ignored);
   return held ? 0 : 1;
 }
 
-// The value of an option that the node will read, too.
-std::string ValueOf(const Words& words, const std::string& option) {
-  for (size_t i = words.next; i + 1 < words.all.size(); ++i) {
-    if (words.all[i] == option) return words.all[i + 1];
-  }
-  return "";
+// A program that can be started; refused here, since a node without its daemon looks like a daemon that does
+// nothing.
+std::string ProgramAt(const std::string& path) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error) || ::access(path.c_str(), X_OK) != 0)
+    throw std::runtime_error("--daemon: " + path + " is no program");
+  return path;
 }
 
 int FactorOf(const std::string& text) {
@@ -231,77 +248,100 @@ int FactorOf(const std::string& text) {
   return factor;
 }
 
+// A node that has everything from the recording but its events.
+Words WordsOf(const zem::sim::Recording& recording, const zem::sim::ScratchFolder& folder) {
+  Words words;
+  words.all = {"--no-daemon", "--seed", recording.seed, "--issue", recording.issue};
+  if (!recording.daemon_options.empty())
+    words.all.insert(words.all.end(), {"--options", folder.Write("options.xml", recording.daemon_options)});
+  if (!recording.realization_options.empty())
+    words.all.insert(words.all.end(), {"--zema", folder.Write("zema.json", recording.realization_options)});
+  return words;
+}
+
+// The next word of an option.
+std::string Value(Words& words, const std::string& option) {
+  if (words.empty()) throw std::invalid_argument(option + " needs a value");
+  return words.Take();
+}
+
+// Begins as the recorded day did.
+void BeginDay(const zem::sim::Recording& recording, ControlClient& client) {
+  zem::sim::KeepBorders(client);
+  if (recording.daemon_started) client.Execute("daemon/start");
+}
+
 int Record(Words words, const char* program) {
   const std::string out = words.Take();
   const std::string file = words.Take();
   std::ifstream lines(file);
   if (!lines) throw std::runtime_error(file + ": " + std::strerror(errno));
   zem::sim::Recording recording;
-  if (const std::string path = ValueOf(words, "--options"); !path.empty())
-    recording.daemon_options = ReadFile(path);
-  if (const std::string path = ValueOf(words, "--zema"); !path.empty())
-    recording.realization_options = ReadFile(path);
-  recording.clock_factor = FactorOf(ValueOf(words, "--clock-factor"));
-  ChildNode node(words, program);
+  recording.issue = zem::sim::NodeOptions().issue;
+  recording.seed = zem::RandomUuidText();
+  Words others;
+  while (!words.empty()) {
+    const std::string option = words.Take();
+    if (option == "--options") {
+      recording.daemon_options = ReadFile(Value(words, option));
+    } else if (option == "--zema") {
+      recording.realization_options = ReadFile(Value(words, option));
+    } else if (option == "--issue") {
+      recording.issue = Value(words, option);
+    } else if (option == "--no-daemon") {
+      recording.daemon_started = false;
+    } else if (option == "--clock-factor") {
+      recording.clock_factor = FactorOf(Value(words, option));
+    } else if (option == "--daemon") {
+      others.all.insert(others.all.end(), {option, ProgramAt(Value(words, option))});
+    } else if (option == "--follow") {
+      others.all.push_back(option);
+    } else {
+      throw std::invalid_argument("a recording has no " + option);
+    }
+  }
+  zem::sim::Recording::Draft draft(out);
+  const auto no_draft = zem::sim::Interruption::Get().Add([path = draft.path()] { ::unlink(path.c_str()); });
+  const zem::sim::ScratchFolder folder("zem-record");
+  Words node_words = WordsOf(recording, folder);
+  others.all.insert(others.all.end(), {"--clock-factor", std::to_string(recording.clock_factor)});
+  node_words.all.insert(node_words.all.end(), others.all.begin(), others.all.end());
+  ChildNode node(node_words, program);
   ControlClient client(node.control(), kNodeStart);
   ControlClient looks(node.control());
+  BeginDay(recording, looks);
   zem::sim::Recorder recorder(client, looks, std::move(recording));
   const bool held = zem::sim::Scenario(client, std::cout).Run(lines, file);
-  recorder.Finish().Write(out);
+  draft.Finish(recorder.Finish());
   if (held) node.Stop(client);
   return held ? 0 : 1;
 }
-
-// A folder that ends with this object.
-class ScratchFolder {
- public:
-  ScratchFolder() {
-    if (::mkdtemp(path_) == nullptr)
-      throw std::runtime_error(std::string(path_) + ": " + std::strerror(errno));
-  }
-  ~ScratchFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-  /// The path of a new file with this text.
-  std::string Write(const std::string& name, const std::string& text) const {
-    std::string path = std::string(path_) + "/" + name;
-    std::ofstream out(path);
-    out << text;
-    if (!out.flush()) throw std::runtime_error(path + " cannot be written");
-    return path;
-  }
-
- private:
-  char path_[32] = "/tmp/zem-replay.XXXXXX";
-};
 
 int Replay(Words words, const char* program) {
   const std::string file = words.Take();
   const zem::sim::Recording recording = zem::sim::Recording::Read(file);
   zem::sim::ExpectedDifferences expected;
-  if (const auto option = std::find(words.all.begin(), words.all.end(), "--expected");
-      option != words.all.end()) {
-    if (option + 1 == words.all.end()) throw std::runtime_error("--expected needs a file");
-    expected = zem::sim::ExpectedDifferences::Read(option[1]);
-    words.all.erase(option, option + 2);
+  int factor = recording.clock_factor;
+  const zem::sim::ScratchFolder folder("zem-replay");
+  Words node_words = WordsOf(recording, folder);
+  while (!words.empty()) {
+    const std::string option = words.Take();
+    if (option == "--expected") {
+      expected = zem::sim::ExpectedDifferences::Read(Value(words, option));
+    } else if (option == "--clock-factor") {
+      factor = FactorOf(Value(words, option));
+    } else if (option == "--daemon") {
+      node_words.all.insert(node_words.all.end(), {option, ProgramAt(Value(words, option))});
+    } else if (option == "--follow") {
+      node_words.all.push_back(option);
+    } else {
+      throw std::invalid_argument("a replay has no " + option);
+    }
   }
-  if (ValueOf(words, "--clock-factor").empty()) {
-    words.all.insert(words.all.end(), {"--clock-factor", std::to_string(recording.clock_factor)});
-  }
-  const ScratchFolder folder;
-  if (!recording.daemon_options.empty()) {
-    words.all.insert(words.all.end(), {"--options", folder.Write("options.xml", recording.daemon_options)});
-  }
-  if (!recording.realization_options.empty()) {
-    words.all.insert(words.all.end(), {"--zema", folder.Write("zema.json", recording.realization_options)});
-  }
-  ChildNode node(words, program);
+  node_words.all.insert(node_words.all.end(), {"--clock-factor", std::to_string(factor)});
+  ChildNode node(node_words, program);
   ControlClient client(node.control(), kNodeStart);
-  const int factor = FactorOf(ValueOf(words, "--clock-factor"));
+  BeginDay(recording, client);
   const std::vector<zem::sim::Difference> differences = zem::sim::Replayer(recording, client, factor).Run();
   node.Stop(client);
   const size_t unexpected = zem::sim::Judge(differences, std::move(expected), std::cout);
@@ -401,6 +441,9 @@ int main(int argc, char** argv) {
     if (verb == "alarm-peer") return AlarmPeer(words);
     std::fputs(kUsage, verb == "help" || verb == "--help" ? stdout : stderr);
     return verb == "help" || verb == "--help" ? 0 : kUsageError;
+  } catch (const std::invalid_argument& error) {
+    std::fprintf(stderr, "zem-node: %s\n%s", error.what(), kUsage);
+    return kUsageError;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "zem-node: %s\n", error.what());
     return 1;

@@ -33,6 +33,7 @@ class Recorder {
   Recording recording_;
   const TimePoint begun_;
   int64_t at_ms_ = 0;
+  bool daemon_ran_ = false;
   Borders::Counts seen_;  // before the last command
   Borders::Counts more_;  // what of it is more than before the command before
 };

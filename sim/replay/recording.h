@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/core/unique_fd.h"
 #include "sim/replay/borders.h"
 
 namespace zem::sim {
@@ -14,7 +15,8 @@ struct Recording {
     int64_t at_ms = 0;  ///< of the node's time, from the first one on
     std::string command;
     std::string answer;
-    bool awaited = false;  ///< it was repeated until the answer was this one
+    bool awaited = false;    ///< it was repeated until the answer was this one
+    bool daemon_ran = true;  ///< when the command was given
     /// What the daemon had done by then, where it is more than before the last event: the command may have
     /// been given in the knowledge of it.
     Borders::Counts seen;
@@ -22,24 +24,36 @@ struct Recording {
 
   std::string daemon_options;       ///< the daemon's XML options, as text
   std::string realization_options;  ///< the realization's JSON options
+  std::string issue;                ///< the identity file's text
+  std::string seed;                 ///< of the names that the peers make up
+  bool daemon_started = true;       ///< by the node; otherwise by a command
   int clock_factor = 1;
   std::vector<Event> events;
   Borders borders;
 
-  /// A line of JSON for each part, and one at the end that counts them.
-  void Write(const std::string& path) const;
+  /// A file that a recording will be written to: it is there under its name when it is whole, or not at all.
+  class Draft {
+   public:
+    /// Throws std::runtime_error when the file cannot be made, before a day is spent on it.
+    explicit Draft(std::string path);
+    ~Draft();
+    Draft(const Draft&) = delete;
+    Draft& operator=(const Draft&) = delete;
+
+    /// A line of JSON for each part, and one at the end that counts them.
+    void Finish(const Recording& recording);
+    /// Its name until then.
+    const std::string& path() const { return draft_; }
+
+   private:
+    const std::string path_;
+    const std::string draft_;
+    UniqueFd file_;
+  };
+
   /// Throws std::runtime_error for a file of another kind or version, one that is cut off, and a line that is
   /// neither a command nor a border.
   static Recording Read(const std::string& path);
 };
-
-/// Whether a command was taken; the rest of an answer holds times and numbers of its life.
-bool WasTaken(const std::string& answer);
-
-/// What shows what the daemon has done by then, without times of its life.
-bool ShowsState(const std::string& command);
-
-/// What only looks, and is compared at the borders anyway.
-bool OnlyLooks(const std::string& command);
 
 }  // namespace zem::sim

@@ -1,10 +1,12 @@
 #include "sim/replay/replayer.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <ostream>
 
 #include "platform/core/thread.h"
 #include "sim/control/json.h"
+#include "sim/replay/answers.h"
 #include "sim/scenario/control_client.h"
 
 namespace zem::sim {
@@ -18,13 +20,20 @@ constexpr auto kLater = std::chrono::seconds(5);
 constexpr auto kAnswerWork = std::chrono::seconds(1);
 constexpr auto kCauseWork = std::chrono::seconds(10);
 constexpr auto kLook = std::chrono::milliseconds(20);
+// Commands within which a recorded daemon that was told to end has ended.
+constexpr size_t kOrderedEnd = 5;
 constexpr std::string_view kLogPlace = "log/find . 1";
 
-std::string LastNumber(const std::string& answer) {
+std::string ResultMember(const std::string& answer, const char* name) {
   const Json parsed(cJSON_ParseWithLength(answer.data(), answer.size()));
   const cJSON* const result = cJSON_GetObjectItemCaseSensitive(parsed.get(), "result");
-  const cJSON* const number = cJSON_GetObjectItemCaseSensitive(result, "last_number");
-  return cJSON_IsNumber(number) ? JsonText(number) : "";
+  const cJSON* const member = cJSON_GetObjectItemCaseSensitive(result, name);
+  return cJSON_IsString(member) ? member->valuestring : cJSON_IsNumber(member) ? JsonText(member) : "";
+}
+
+void Replace(const std::string& name, const std::string& other, std::string* text) {
+  for (size_t at = text->find(name); at != std::string::npos; at = text->find(name, at + other.size()))
+    text->replace(at, name.size(), other);
 }
 
 std::string Short(const std::string& text) { return text.substr(0, kMostShown); }
@@ -35,6 +44,7 @@ Replayer::Replayer(const Recording& recording, ControlClient& node, int clock_fa
     : recording_(recording), node_(node), clock_factor_(clock_factor) {}
 
 TimePoint Replayer::Patience(Duration least) const {
+  if (ended_) return Clock::Process().Now();
   return Clock::Process().Now() + std::max<Duration>(least, Duration(kLater) / clock_factor_);
 }
 
@@ -58,31 +68,48 @@ void Replayer::Await(const Recording::Event& event) {
   }
 }
 
-std::string Replayer::Translated(const std::string& command) const {
-  const size_t blank = command.rfind(' ');
-  if (!command.starts_with("log/") || blank == std::string::npos) return command;
-  const auto place = log_places_.find(command.substr(blank + 1));
-  return place == log_places_.end() || command == kLogPlace ? command
-                                                            : command.substr(0, blank + 1) + place->second;
+// A daemon that has ended where the recorded one ran on for a while; it may end a little sooner or later by
+// order.
+bool Replayer::HasEnded(size_t next) {
+  const auto& events = recording_.events;
+  for (size_t i = next; i < std::min(next + kOrderedEnd, events.size()); ++i) {
+    if (!events[i].daemon_ran) return false;
+  }
+  return !DaemonRuns(node_);
 }
 
-void Replayer::LearnLogPlace(const Recording::Event& event, const std::string& answer) {
-  if (event.command != kLogPlace) return;
-  const std::string recorded = LastNumber(event.answer);
-  const std::string here = LastNumber(answer);
-  if (!recorded.empty() && !here.empty()) log_places_[recorded] = here;
+std::string Replayer::Translated(const std::string& command) const {
+  std::string translated = command;
+  for (const auto& [name, here] : names_) Replace(name, here, &translated);
+  const size_t blank = command.rfind(' ');
+  if (!command.starts_with("log/") || blank == std::string::npos || command == kLogPlace) return translated;
+  const auto place = log_places_.find(command.substr(blank + 1));
+  return place == log_places_.end() ? translated : command.substr(0, blank + 1) + place->second;
+}
+
+void Replayer::Learn(const Recording::Event& event, const std::string& answer) {
+  const auto learn = [&](const char* member, std::map<std::string, std::string>* names) {
+    const std::string recorded = ResultMember(event.answer, member);
+    const std::string here = ResultMember(answer, member);
+    if (!recorded.empty() && !here.empty()) (*names)[recorded] = here;
+  };
+  if (event.command == kLogPlace) learn("last_number", &log_places_);
+  // A key cannot be made from a seed.
+  if (event.command == "uploads state") learn("thumbprint", &names_);
 }
 
 std::string Replayer::Execute(const Recording::Event& event) {
   const std::string command = Translated(event.command);
+  const AnswerPart recorded = ComparablePart(event.command, event.answer);
   // What came after it happened in the knowledge of this answer.
-  const bool awaited = event.awaited || ShowsState(event.command);
+  const bool awaited = event.awaited || recorded.only_asks;
   const bool looks = OnlyLooks(event.command);
-  const TimePoint latest = Patience(looks ? Duration(kCauseWork) : Duration(kAnswerWork));
+  const bool patient = looks || recorded.judged;
+  const TimePoint latest = Patience(patient ? Duration(kCauseWork) : Duration(kAnswerWork));
   std::string answer = node_.Execute(command);
   const auto differs = [&] {
     if (looks) return WasTaken(event.answer) && !WasTaken(answer);
-    return awaited && answer != event.answer;
+    return awaited && ComparablePart(event.command, answer).text != recorded.text;
   };
   while (differs() && Clock::Process().Now() < latest) {
     SleepFor(kLook);
@@ -91,12 +118,12 @@ std::string Replayer::Execute(const Recording::Event& event) {
   return answer;
 }
 
-std::vector<Difference> Replayer::AtBorders() {
-  // What the last command set off may still be on its way.
+std::vector<Difference> Replayer::AtBorders(const Borders& recorded) {
+  // What the last command set off may still be on its way, also what the recorded daemon did not do.
   for (const TimePoint latest = Patience(kCauseWork);;) {
     Borders whole = forgotten_;
-    whole.Take(node_);
-    std::vector<Difference> differences = recording_.borders.Compare(whole);
+    whole.TakeAtRest(node_, latest - Clock::Process().Now());
+    std::vector<Difference> differences = recorded.Compare(whole, likeness_);
     if (differences.empty() || Clock::Process().Now() >= latest) return differences;
     SleepFor(kLook);
   }
@@ -104,21 +131,64 @@ std::vector<Difference> Replayer::AtBorders() {
 
 std::vector<Difference> Replayer::Run() {
   begun_ = Clock::Process().Now();
+  Borders recorded_answers;
+  Borders answers;
   std::vector<Difference> differences;
-  for (const Recording::Event& event : recording_.events) {
+  for (size_t i = 0; i < recording_.events.size(); ++i) {
+    const Recording::Event& event = recording_.events[i];
+    if (HasEnded(i)) {
+      // Everything that follows from it would only be waited for.
+      const std::string end = ResultMember(node_.Execute("daemon/wait 0"), "ended_by");
+      differences.push_back(
+          {"the daemon has ended", '+',
+           (end.empty() ? "it cannot be started" : end) + ", before: " + Short(event.command)});
+      ended_ = true;
+      break;
+    }
     Await(event);
     if (ForgetsBorders(event.command)) forgotten_.TakeForgotten(node_);
+    likeness_.Give(Translated(event.command));
     const std::string answer = Execute(event);
-    LearnLogPlace(event, answer);
-    if (OnlyLooks(event.command) || WasTaken(answer) == WasTaken(event.answer)) continue;
+    Learn(event, answer);
+    if (OnlyLooks(event.command)) continue;
     const std::string group = "answer to: " + Short(event.command);
-    differences.push_back({group, '-', Short(event.answer)});
-    differences.push_back({group, '+', Short(answer)});
+    const AnswerPart recorded = ComparablePart(event.command, event.answer);
+    if (!recorded.judged && WasTaken(answer) == WasTaken(event.answer)) continue;
+    recorded_answers.Add(group, recorded.text);
+    answers.Add(group, ComparablePart(event.command, answer).text);
   }
-  const std::vector<Difference> at_borders = AtBorders();
+  Borders recorded = recording_.borders;
+  for (const auto& [name, here] : names_) {
+    recorded.Rename(name, here);
+    recorded_answers.Rename(name, here);
+  }
+  const std::vector<Difference> in_answers = recorded_answers.Compare(answers, likeness_);
+  differences.insert(differences.end(), in_answers.begin(), in_answers.end());
+  const std::vector<Difference> at_borders = AtBorders(recorded);
   differences.insert(differences.end(), at_borders.begin(), at_borders.end());
   return differences;
 }
+
+namespace {
+
+// Lines hold bytes of any kind.
+std::string Printable(const std::string& text) {
+  std::string printable;
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) >= ' ' && c != 0x7f) {
+      printable.push_back(c);
+    } else if (c == '\n') {
+      printable += "\\n";
+    } else {
+      char piece[sizeof("\\xff")];
+      std::snprintf(piece, sizeof(piece), "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+      printable += piece;
+    }
+  }
+  return printable;
+}
+
+}  // namespace
 
 size_t Judge(const std::vector<Difference>& differences, ExpectedDifferences expected, std::ostream& out) {
   size_t groups = 0;
@@ -135,13 +205,13 @@ size_t Judge(const std::vector<Difference>& differences, ExpectedDifferences exp
       group = &each.group;
       lines = 0;
       ++groups;
-      out << each.group << "\n";
+      out << Printable(each.group) << "\n";
     }
     if (++lines > kMostLines) continue;
     if (each.mark == '~') {
       out << "  the same, in another order\n";
     } else {
-      out << "  " << each.mark << " " << each.line << "\n";
+      out << "  " << each.mark << " " << Printable(each.line) << "\n";
     }
   }
   if (lines > kMostLines) out << "  and " << lines - kMostLines << " more\n";

@@ -31,11 +31,13 @@ class Replayer {
  private:
   void Await(const Recording::Event& event);
   std::string Execute(const Recording::Event& event);
-  /// Line numbers of the recorded log become those of this one.
+  /// Line numbers of the recorded log become those of this one, and names those of this node.
   std::string Translated(const std::string& command) const;
-  void LearnLogPlace(const Recording::Event& event, const std::string& answer);
+  void Learn(const Recording::Event& event, const std::string& answer);
+  /// Before the `next` event.
+  bool HasEnded(size_t next);
   TimePoint Patience(Duration least) const;
-  std::vector<Difference> AtBorders();
+  std::vector<Difference> AtBorders(const Borders& recorded);
 
   const Recording& recording_;
   ControlClient& node_;
@@ -44,6 +46,9 @@ class Replayer {
   Borders forgotten_;
   std::map<std::string, size_t> owed_;  // what this daemon has not done, by group
   std::map<std::string, std::string> log_places_;
+  std::map<std::string, std::string> names_;  // of the recorded node, and of this one
+  bool ended_ = false;                        // the daemon, which should run
+  Likeness likeness_;                         // what the day gives
 };
 
 /// Prints the differences that are not `expected`, some lines of each group, and what is expected and is not

@@ -1,5 +1,7 @@
 // The store's command table.  Types are names or numbers; "@VDB" after a type selects a vdb other than 1.
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <stdexcept>
 #include <string>
@@ -7,6 +9,7 @@
 
 #include "proto/covedb/runtime_objects.pb.h"
 #include "sim/control/command_table.h"
+#include "sim/control/hex.h"
 #include "sim/control/number.h"
 #include "sim/store/logical_switches.h"
 #include "sim/store/store_daemon.h"
@@ -16,6 +19,8 @@ namespace {
 
 namespace proto = orlane::zem::covedb;
 using rpc::Status;
+
+constexpr int64_t kMostKept = 100'000;
 
 // The text of an exception becomes the error in the answer.
 [[noreturn]] void Refuse(const std::string& text) { throw std::invalid_argument(text); }
@@ -109,6 +114,13 @@ class StoreCommands {
          "Shows how many calls came, by method; or the newest COUNT requests (10) of one that were kept, "
          "oldest first, as they came.",
          0, 2, [c](A a, R r) { a.empty() ? c.Calls(r) : c.CallsKept(a, r); }});
+    table.Register(
+        {"changes", "[COUNT]",
+         "Shows the objects that the newest COUNT (100000) kept Modify requests change, oldest first.", 0, 1,
+         [c](A a, R r) { c.Changes(a, r); }});
+    table.Register({"reads", "[COUNT]",
+                    "Shows what the newest COUNT (100000) kept requests of each reading call asked for.", 0,
+                    1, [c](A a, R r) { c.Reads(a, r); }});
     table.Register({"calls/keep", "COUNT", "Keeps so many requests of each method from now on; 0 is none.", 1,
                     1, [c](A a, R r) { c.CallsKeep(a, r); }});
     table.Register({"schema", "[VERSION [LAST_TYPE]]", "Sets and shows what the schema calls tell.", 0, 2,
@@ -406,8 +418,71 @@ class StoreCommands {
     reply.Ok(std::move(result));
   }
 
+  template <class Request>
+  std::vector<Request> Kept(const char* method, const Arguments& arguments) const {
+    const size_t count = arguments.empty() ? kMostKept : ParseNumber(arguments[0], 1, kMostKept);
+    std::vector<Request> requests;
+    for (const std::string& text : daemon_.faults().Requests(method, count)) {
+      std::string error;
+      if (!ParseMessageText(text, &requests.emplace_back(), &error)) Refuse("a kept request: " + error);
+    }
+    return requests;
+  }
+
+  Json ChangeJson(const char* change, ObjectType type, const std::string* object,
+                  const google::protobuf::RepeatedField<uint32_t>& vdbs) const {
+    Json entry = JsonObject();
+    std::string key;
+    if (object == nullptr || !registry_.Key(type, *object, &key).ok()) key.clear();
+    const bool shown = std::ranges::all_of(key, [](unsigned char c) { return std::isprint(c) != 0; });
+    AddMember(entry.get(), "key", shown ? key : ToHex(key));
+    AddMember(entry.get(), "change", change);
+    AddMember(entry.get(), "type", ObjectType_Name(type));
+    Json numbers = JsonArray();
+    for (const uint32_t vdb : vdbs) cJSON_AddItemToArray(numbers.get(), cJSON_CreateNumber(vdb));
+    AddMember(entry.get(), "vdbs", std::move(numbers));
+    if (object != nullptr) AddMember(entry.get(), "object", registry_.ToText(type, *object));
+    return entry;
+  }
+
+  void Changes(const Arguments& arguments, const Reply& reply) const {
+    Json list = JsonArray();
+    for (const auto& request : Kept<proto::ModifyRequestMsg>("Modify", arguments)) {
+      for (const proto::ModifyMsg& each : request.modify_msg()) {
+        const auto add = [&](const char* change, const auto& message, const std::string* object) {
+          AddItem(list.get(), ChangeJson(change, message.object_type(), object, message.vdb_id()));
+        };
+        if (each.has_put_msg()) add("put", each.put_msg(), &each.put_msg().object());
+        if (each.has_patch_msg()) add("patch", each.patch_msg(), &each.patch_msg().object());
+        if (each.has_delete_msg()) add("delete", each.delete_msg(), &each.delete_msg().object());
+        if (each.has_flush_msg()) add("flush", each.flush_msg(), nullptr);
+        if (each.has_copy_msg()) {
+          const proto::CopyMsg& copy = each.copy_msg();
+          add("copy", copy, copy.has_object() ? &copy.object() : nullptr);
+        }
+      }
+    }
+    reply.Ok(std::move(list));
+  }
+
+  void Reads(const Arguments& arguments, const Reply& reply) const {
+    Json list = JsonArray();
+    const auto add = [&](const char* call, const google::protobuf::Message& request) {
+      Json entry = JsonObject();
+      AddMember(entry.get(), "call", call);
+      AddMember(entry.get(), "request", request.ShortDebugString());
+      AddItem(list.get(), std::move(entry));
+    };
+    for (const auto& each : Kept<proto::GetRequestMsg>("Get", arguments)) add("Get", each);
+    for (const auto& each : Kept<proto::QueryRequestMsg>("Query", arguments)) add("Query", each);
+    for (const auto& each : Kept<proto::MonitorRequestMsg>("Monitor", arguments)) add("Monitor", each);
+    for (const auto& each : Kept<proto::ConfigureMonitorRequestMsg>("ConfigureMonitor", arguments))
+      add("ConfigureMonitor", each);
+    reply.Ok(std::move(list));
+  }
+
   void CallsKeep(const Arguments& arguments, const Reply& reply) const {
-    daemon_.faults().KeepRequests(ParseNumber(arguments[0], 0, 10000));
+    daemon_.faults().KeepRequests(ParseNumber(arguments[0], 0, kMostKept));
     reply.Ok();
   }
 

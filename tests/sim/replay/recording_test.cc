@@ -15,11 +15,11 @@ class RecordingTest : public testing::Test {
   RecordingTest() {
     recording_.daemon_options = "<config>\n</config>";
     recording_.clock_factor = 5;
-    recording_.events.push_back({7, "log/wait \"up\x01\"", "{\"ok\":true}", false, {}});
+    recording_.events.push_back({7, "log/wait \"up\x01\"", "{\"ok\":true}", false, true, {}});
     recording_.events.push_back(
-        {1'000, "vm power-on \xc3\xa9", "{\"ok\":false}", true, {{"script apply", 3}}});
+        {1'000, "vm power-on \xc3\xa9", "{\"ok\":false}", true, false, {{"script apply", 3}}});
     recording_.borders.Add("file a", "{\"hex\":\"00ff\"}");
-    recording_.Write(path_);
+    Recording::Draft(path_).Finish(recording_);
     text_ = dir_.Read("day");
   }
   // Why a file with this text is refused; empty when it is not.
@@ -48,6 +48,8 @@ TEST_F(RecordingTest, IsReadAsItWasWritten) {
   EXPECT_EQ(read.events[1].command, recording_.events[1].command);
   EXPECT_EQ(read.events[1].at_ms, 1'000);
   EXPECT_TRUE(read.events[1].awaited);
+  EXPECT_TRUE(read.events[0].daemon_ran);
+  EXPECT_FALSE(read.events[1].daemon_ran);
   EXPECT_EQ(read.events[1].seen, recording_.events[1].seen);
   EXPECT_EQ(read.borders.groups(), recording_.borders.groups());
 }
@@ -69,7 +71,7 @@ TEST_F(RecordingTest, WhatNoRecorderWritesIsRefused) {
     const char* to;
     const char* why;
   };
-  for (const Case& c : {Case{"\"version\":2", "\"version\":1", "no recording of version 2"},
+  for (const Case& c : {Case{"\"version\":3", "\"version\":1", "no recording of version 3"},
                         Case{"\"clock_factor\":5", "\"clock_factor\":0", "no clock factor"},
                         Case{"\"clock_factor\":5", "\"clock_factor\":1e300", "no clock factor"},
                         Case{"\"at_ms\":7", "\"at_ms\":-7", "is no time"},
