@@ -75,7 +75,9 @@ TEST_F(KnlctlProxyTest, GivesUpAfterTenAttempts) {
     KnlctlProxy proxy(tools_);
     EXPECT_FALSE(proxy.Worlds().has_value()) << mode;
     EXPECT_EQ(log_.Count("Retry again at /world/all"), 10u) << mode;
-    EXPECT_EQ(dir_.Read("starts").size(), 10u) << mode;
+    // On a busy machine the time of an attempt may be over before its helper has told of its start.
+    EXPECT_GT(dir_.Read("starts").size(), 1u) << mode;
+    EXPECT_LE(dir_.Read("starts").size(), 10u) << mode;
   }
   dir_.Write("mode", "refuse");
   log_.Clear();
@@ -96,7 +98,7 @@ TEST_F(KnlctlProxyTest, AStopEndsARequestAtOnce) {
   const TimePoint begin = Clock::Process().Now();
   proxy.RequestStop();
   request.Join();
-  EXPECT_LT(Clock::Process().Now() - begin, std::chrono::seconds(8));
+  EXPECT_LT(Clock::Process().Now() - begin, std::chrono::seconds(25)) << "all attempts take 30 s and more";
   EXPECT_TRUE(log_.Contains("knlctlProxy daemon stopped as pid"));
 }
 
