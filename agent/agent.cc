@@ -44,7 +44,6 @@
 #include "platform/core/thread_name.h"
 #include "platform/daemonhealth/daemon_health_service.h"
 #include "platform/metrics/metrics.h"
-#include "platform/metrics/queue_gauge.h"
 #include "platform/provider/metrics_collector.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/timer.h"
@@ -70,6 +69,8 @@ constexpr const char* kProxyStubsEndpoint = "tcp://127.0.0.1:4096";
 constexpr const char* kStoreClientId = "tarvik-agent";
 // In the folder of the realization's other state, whose operations it tells of.
 constexpr const char* kTimelinesPath = "/etc/orlane/zem-tarvik/failed_operations.jsonl";
+// In memory: marks are written while operations run.
+constexpr const char* kMarksPath = "/var/run/orlane/zem-tarvik/.operations_under_way";
 constexpr const char* kStoreEndpoint = "tcp://127.0.0.1:2480";
 constexpr const char* kHealthEndpoint = "tcp://127.0.0.1:4098";
 // Every process of the host may connect to the health service.
@@ -87,9 +88,6 @@ constexpr auto kStatusPeriod = std::chrono::seconds(1);
 constexpr int kTarvikThreads = 4;
 constexpr int kFrameworkThreads = 10;
 constexpr int kProviderThreads = 5;
-
-// The queue of the store client's writes.
-constexpr std::string_view kStoreQueue = "storeModifications";
 
 // The node types that have a local store.
 constexpr uint32_t kStoreNodes = kNodeQub | kNodeKvm | kNodeBareMetalServer | kNodeBareMetalContainer;
@@ -292,7 +290,7 @@ void Agent::Impl::StartStore() {
   cli_server_->AddCommands(ManagerCommands());
   cli_server_->AddCommands(
       {{"get/options", "", 0, 0, [](const CliArguments&, CliReply reply) { reply.Ok(OptionsInForce()); }}});
-  timelines_.emplace(kTimelinesPath);
+  timelines_.emplace(kTimelinesPath, kMarksPath);
   cli_server_->AddCommands({WhyCommand(*timelines_)});
   cli_server_->AddCommands({StopCommand([this] { Interrupt(); })});
   cli_server_->AddCommands(
@@ -313,10 +311,7 @@ void Agent::Impl::EnterStep(const char* step) {
 // "get/store": the connection's state, and the writes that wait for it.
 void Agent::Impl::GetStore(CliReply reply) const {
   if (store_client_ == nullptr) return reply.Error("This node has no local store");
-  uint64_t pending = 0;
-  for (const QueueGauge::Reading& queue : QueueGauge::ReadAll()) {
-    if (queue.name == kStoreQueue) pending += queue.depth;
-  }
+  const uint64_t pending = StoreWrites().depth;
   JsonValue answer = JsonValue::Object();
   answer.Add("state", covedb::ClientStateName(store_client_->state())).Add("pending_writes", pending);
   reply.Ok(answer.Text());

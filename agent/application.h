@@ -83,7 +83,8 @@ struct ApplicationRow {
   const char* start_line = nullptr;
   /// The line before the wait; null for an application that is not waited for.
   const char* wait_line = nullptr;
-  /// The names of the two steps in the start watchdog's lines; null keeps the step.
+  /// The names of the two steps in the start watchdog's lines; null keeps the step.  The first is also the
+  /// application's name in the status.
   const char* start_step = nullptr;
   const char* wait_step = nullptr;
   /// The applications are created and stopped in ascending order of these ranks, and destroyed in descending

@@ -69,11 +69,13 @@ void ApplicationList::Start() {
 
 void ApplicationList::AddToStatus(const Entry& entry, bool serves) {
   if (!status_) return;
-  status_->AddSource(entry.row->name, [&entry, serves](std::vector<PartState>* parts) {
+  // A row's own name is of the code; operators know the part by the step.
+  const char* const part = entry.row->start_step != nullptr ? entry.row->start_step : entry.row->name;
+  status_->AddSource(part, [&entry, part, serves](std::vector<PartState>* parts) {
     if (serves) {
       entry.application->Describe(parts);
     } else {
-      parts->push_back({entry.row->name, "did not start, and the daemon serves without it",
+      parts->push_back({part, "did not start, and the daemon serves without it",
                         "the log tells why; repair that, then restart the daemon"});
     }
   });

@@ -374,7 +374,11 @@ constexpr std::array kApplications = {
                    .start_step = "alarms provider",
                    .create_rank = 100,
                    .stop_rank = 20},
-    ApplicationRow{.name = "UPMService", .make = &Make<UpdateServiceRow>, .create_rank = 10, .stop_rank = 30},
+    ApplicationRow{.name = "UPMService",
+                   .make = &Make<UpdateServiceRow>,
+                   .start_step = "profiles",
+                   .create_rank = 10,
+                   .stop_rank = 30},
 };
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "framework/status/part_state.h"
+#include "platform/metrics/queue_gauge.h"
 
 namespace zem {
 class TnProxyClientCommon;
@@ -16,7 +17,10 @@ namespace zem::Tarvik {
 
 class LcpAdapter;
 
-/// The states of the agent's links that belong to no application, for the operators' status.
+// The states of the agent's links that belong to no application, for the operators' status.
+
+/// The queue of the store client's writes.
+QueueGauge::Reading StoreWrites();
 
 /// "manager": the local proxy and the manager-side proxies behind it; "verticals": those whose road is down.
 void DescribeManager(const TnProxyClientCommon& proxy, std::vector<PartState>* parts);

@@ -74,13 +74,13 @@ void ModifyQueue::Append(Requests requests, std::function<void()> done) {
 
 ModifyQueue::Entry* ModifyQueue::TakeBatch() {
   if (pending_modification_requests_.empty() || pending_modification_requests_.front().sent) return nullptr;
-  while (gauge_.depth() > 0) gauge_.Left();
   Entry& first = pending_modification_requests_.front();
   first.sent = true;
   const auto second = std::next(pending_modification_requests_.begin());
   for (auto entry = second; entry != pending_modification_requests_.end(); ++entry) {
     first.requests->splice(first.requests->end(), *entry->requests);
     first.callbacks.splice(first.callbacks.end(), entry->callbacks);
+    first.appended += entry->appended;
   }
   pending_modification_requests_.erase(second, pending_modification_requests_.end());
   Show();
@@ -91,7 +91,9 @@ ModifyQueue::Entry* ModifyQueue::Front() {
   return pending_modification_requests_.empty() ? nullptr : &pending_modification_requests_.front();
 }
 
+// Only now do they wait no more: a store that takes a batch and does not answer is seen by it.
 void ModifyQueue::PopFront() {
+  for (size_t left = pending_modification_requests_.front().appended; left > 0; --left) gauge_.Left();
   pending_modification_requests_.pop_front();
   Show();
 }
@@ -107,8 +109,8 @@ void ModifyQueue::Purge(uint16_t vdb_id) {
       ++entry;
       continue;
     }
+    gauge_.Dropped(entry->appended);
     entry = pending_modification_requests_.erase(entry);
-    gauge_.Dropped(1);
   }
   Show();
 }

@@ -42,6 +42,7 @@ class ModifyQueue {
     std::shared_ptr<Requests> requests;
     Callbacks callbacks;
     bool sent = false;
+    size_t appended = 1;  ///< how many entries it is made of
   };
 
   /// `count` always shows the number of entries; it has to outlive the queue.

@@ -1,6 +1,7 @@
 #include <cstdio>
 
 #include "ctl/daemon_client.h"
+#include "ctl/metrics_text.h"
 #include "ctl/outcome.h"
 #include "ctl/screen.h"
 #include "ctl/subcommand.h"
@@ -8,10 +9,9 @@
 namespace zem::ctl {
 namespace {
 
-// The text is for programs already, so there is no JSON of it.
 int Run(const Work& work) {
-  if (work.json) throw Failure(kUsage, "metrics are text for monitoring; there is no JSON of them");
-  const std::string text = work.daemon.Ask("get/metrics");
+  const std::string answer = work.daemon.Ask("get/metrics");
+  const std::string text = work.json ? MetricsJson(answer) : answer;
   std::printf("%s\n", text.c_str());
   return kHealthy;
 }

@@ -7,6 +7,7 @@
 #include "framework/cli/json_writer.h"
 #include "framework/log/log.h"
 #include "framework/process/command.h"
+#include "platform/core/loop_monitor.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -29,7 +30,11 @@ bool LivetraceUploader::Start() {
   options.name = "livetrace-up";
   try {
     thread_ = NativeThread(std::move(options), [this] {
-      Upload();
+      const LoopThread loop("livetrace-up", LoopKind::kWorker);
+      {
+        const LoopStep step("upload of a capture");
+        Upload();
+      }
       done_ = true;
     });
   } catch (const std::system_error& error) {

@@ -8,6 +8,7 @@
 #include "framework/hostapi/lum_client.h"
 #include "framework/log/log.h"
 #include "mpaclient/verticals.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread_name.h"
 #include "platform/provider/work_group.h"
 
@@ -89,10 +90,12 @@ void LldpQub::Receive(const VerticalRecord& record) {
 
 void LldpQub::SendLoop() {
   SetThreadName(kSendThread);
+  const LoopThread loop("lldp:send", LoopKind::kWorker);
   while (const auto question = questions_.Pop()) Answer(*question);
 }
 
 void LldpQub::Answer(const Question& question) {
+  const LoopStep step("question of the manager");
   std::string answer;
   if (RpcCommand(kQuery, question.payload, &answer) <= 0) {
     ZLOG_ERROR("OPS00202", "Failed to communicate With lldp Lum");
@@ -112,7 +115,9 @@ void LldpQub::Answer(const Question& question) {
 // --- The host's side.
 
 void LldpQub::PingLoop() {
+  const LoopThread loop("lldp:ping", LoopKind::kWorker);
   while (!ping_stop_.WaitFor(kPingPeriod)) {
+    const LoopStep step("ping of the host API");
     std::string answer;
     if (RpcCommand(kPing, "", &answer) > 0 || ping_stop_.stopped()) continue;
     ZLOG_ERROR("OPS00207", "Failed to ping LldpLum");

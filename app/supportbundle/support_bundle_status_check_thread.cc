@@ -1,6 +1,7 @@
 #include "app/supportbundle/support_bundle_status_check_thread.h"
 
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -14,10 +15,12 @@ constexpr std::chrono::duration<double> kPatience{3000.0};
 
 void SupportBundleStatusCheckThread::Run() {
   ZLOG_INFO("Support bundle status thread started");
+  const LoopThread loop("sbundle:status", LoopKind::kWorker);
   while (!stop_.WaitFor(kPeriod)) Look();
 }
 
 void SupportBundleStatusCheckThread::Look() {
+  const LoopStep step("look at the request");
   LockWorkerInfo info(info_);
   if (!IsInProgress(info.state()) || info.state() == BundleStatus::kBeingCancelled) return;
   if (info.SinceContact() <= kPatience) return;

@@ -14,6 +14,7 @@
 #include "app/supportbundle/temp_bundle_link_resource.h"
 #include "app/supportbundle/upload_text.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 
 namespace zem::Tarvik {
 namespace {
@@ -99,6 +100,7 @@ void SupportBundleWorkerThread::Reset() {
 
 void SupportBundleWorkerThread::Run() {
   ZLOG_INFO("Support bundle worker thread started");
+  const LoopThread loop("sbundle:work", LoopKind::kWorker);
   RemoveLeftovers("", "an agent before");
   while (!stop_.WaitFor(kPollPeriod)) Pass();
 }
@@ -127,6 +129,7 @@ void SupportBundleWorkerThread::Pass() {
 void SupportBundleWorkerThread::Finish(BundleStatus status) { LockWorkerInfo(info_).SetState(status); }
 
 void SupportBundleWorkerThread::Process(BundleRequest& request) {
+  const LoopStep step("bundle");
   ZLOG_INFO("Processing new bundle request");
   std::string output;
   std::string error;

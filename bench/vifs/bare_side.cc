@@ -39,7 +39,7 @@ BareSide::BareSide(World& world)
         waiter.answered.notify_one();
       }) {}
 
-std::vector<double> BareSide::Attach(const std::vector<Vif>& vifs, size_t threads) {
+std::vector<double> BareSide::Attach(const std::vector<Vif>& vifs, size_t threads, bool in_turn) {
   std::vector<double> took(vifs.size());
   std::atomic<size_t> next{0};
   std::mutex mutex;
@@ -50,7 +50,7 @@ std::vector<double> BareSide::Attach(const std::vector<Vif>& vifs, size_t thread
       try {
         for (size_t i = next++; i < vifs.size(); i = next++) {
           const double begun = Now();
-          AttachOne(vifs[i], number);
+          AttachOne(vifs[i], number, in_turn);
           took[i] = Now() - begun;
         }
       } catch (const std::exception& error) {
@@ -64,7 +64,7 @@ std::vector<double> BareSide::Attach(const std::vector<Vif>& vifs, size_t thread
   return took;
 }
 
-void BareSide::AttachOne(const Vif& vif, size_t number) {
+void BareSide::AttachOne(const Vif& vif, size_t number, bool in_turn) {
   Waiter& waiter = *waiters_[number];
   instant_.Ask(true, std::to_string(number), vif.id, World::kLs);
   std::unique_ptr<zema::PortAttached> port;
@@ -73,6 +73,8 @@ void BareSide::AttachOne(const Vif& vif, size_t number) {
     waiter.answered.wait(lock, [&] { return waiter.port != nullptr; });
     port = std::move(waiter.port);
   }
+  std::unique_lock turn(turn_, std::defer_lock);
+  if (in_turn) turn.lock();
   CreatePort(*port, vif);
 }
 

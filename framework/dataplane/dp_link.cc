@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/poll.h"
 #include "platform/core/unix_socket.h"
 #include "platform/provider/provider.h"
@@ -76,6 +77,7 @@ class DpLink::Receiver {
 
   // Takes what is there.  False when the connection is of no more use.
   bool Read(const SharedSocket& socket) {
+    const LoopStep step("frames of the dataplane agent");
     for (;;) {
       const std::span<uint8_t> space = reader_.Space();
       const ssize_t got = ::recv(socket.fd(), space.data(), space.size(), MSG_DONTWAIT);
@@ -241,11 +243,13 @@ DpLink::Socket DpLink::CurrentSocket() {
 }
 
 void DpLink::ReceiveLoop() {
+  const LoopThread loop("dataplane:rx", LoopKind::kWorker);
   Receiver receiver(*this);
   while (!stop_.stopped()) receiver.Step();
 }
 
 void DpLink::SendLoop() {
+  const LoopThread loop("dataplane:tx", LoopKind::kWorker);
   while (!stop_.stopped()) {
     if (CurrentSocket() == nullptr) {
       stop_.WaitFor(kReopenPeriod);
@@ -267,6 +271,7 @@ void DpLink::SendLoop() {
 }
 
 bool DpLink::SendWhole(const Socket& socket, const LcpFrame& frame) {
+  const LoopStep step("frame to the dataplane agent");
   const uint32_t length = ReadLcpHeader(frame.get()).length;
   uint32_t offset = 0;
   while (offset < length) {

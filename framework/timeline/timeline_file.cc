@@ -39,8 +39,14 @@ std::vector<std::string_view> Lines(std::string_view text) {
 
 }  // namespace
 
-TimelineFile::TimelineFile(std::string path) : path_(std::move(path)) {
+TimelineFile::TimelineFile(std::string path, const std::string& marks_path) : path_(std::move(path)) {
   Load();
+  if (!marks_path.empty()) {
+    marks_.emplace(marks_path);
+    TakeInterrupted();
+    // Only now: a start that is killed before has them still.
+    marks_->BeginAnew();
+  }
   writer_ = NativeThread({.name = "timelines"}, [this] { Write(); });
   timeline::SetFailureHook([this](const timeline::OperationPtr& operation) {
     const std::lock_guard lock(mutex_);
@@ -84,10 +90,37 @@ void TimelineFile::Load() {
   if (skipped != 0) ZLOG_WARN("[%s] %zu lines of %s cannot be read", __func__, skipped, path_.c_str());
 }
 
+void TimelineFile::TakeInterrupted() {
+  std::string lines;
+  for (const timeline::OperationReading& marked : marks_->interrupted()) {
+    const auto known = std::find_if(earlier_.begin(), earlier_.end(), [&](const auto& each) {
+      return each.number == marked.number && each.begun == marked.begun;
+    });
+    timeline::OperationReading interrupted = marked;
+    if (known != earlier_.end()) {
+      // It failed, and was killed before the mark went; or an earlier start has told of it.
+      if (known->state == timeline::State::kFailed) continue;
+      // It was written down while it ran, with its steps.
+      interrupted.steps = std::move(known->steps);
+      interrupted.left_out = known->left_out;
+      interrupted.duration_us = std::max(interrupted.duration_us, known->duration_us);
+      earlier_.erase(known);
+    }
+    lines += TimelineJson(interrupted, true).Text() + '\n';
+    earlier_.insert(earlier_.begin(), std::move(interrupted));
+  }
+  if (lines.empty()) return;
+  const std::string error = Append(lines);
+  if (error.empty()) return;
+  ZLOG_WARN("[%s] what was interrupted is known to this life alone: %s: %s", __func__, path_.c_str(),
+            error.c_str());
+}
+
 void TimelineFile::Write() {
   const LoopThread loop("timelines", LoopKind::kWorker);
   std::unique_lock lock(mutex_);
   for (;;) {
+    if (marks_) marks_->Alive();
     const bool any = changed_.WaitFor(lock, kLook, [this] { return stopped_ || !waiting_.empty(); });
     if (any && waiting_.empty()) break;
     timeline::OperationPtr operation;

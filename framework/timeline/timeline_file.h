@@ -2,9 +2,11 @@
 
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "framework/timeline/mark_file.h"
 #include "platform/core/condition.h"
 #include "platform/core/thread.h"
 #include "platform/timeline/operation.h"
@@ -14,8 +16,9 @@ namespace zem::Tarvik {
 /// The failed operations of this life of the process and of earlier ones, in a file: a line of JSON each, in
 /// the order in which they failed.  One that takes more than two seconds is written down meanwhile, and what
 /// is under way when the daemon stops is written down then, so that a daemon that hangs can be killed and
-/// explained.  A thread of its own writes, so nobody waits for the disk; a daemon that is killed loses what
-/// failed in the moment before, and what had begun within the last three seconds.
+/// explained.  A thread of its own writes, so nobody waits for the disk.  Of what had begun within the last
+/// three seconds before a kill, the marks (MarkFile) still tell that it was under way, though not its steps;
+/// lost is what failed in the moment before.
 ///
 /// Limits: the file has 1 MiB at most, its older half goes; 128 operations wait to be written, the oldest is
 /// given up.  Errors: what cannot be read is skipped; a file that cannot be written is logged once until it
@@ -23,8 +26,9 @@ namespace zem::Tarvik {
 /// Threads: all operations from any.
 class TimelineFile {
  public:
-  /// Reads the file, and follows the operations that fail from now on.
-  explicit TimelineFile(std::string path);
+  /// Reads the file, adds what the end of the life before has interrupted, and follows the operations that
+  /// fail from now on.  `marks_path` is the file of the marks; empty for none.
+  explicit TimelineFile(std::string path, const std::string& marks_path = {});
   /// Writes what waits.
   ~TimelineFile();
   TimelineFile(const TimelineFile&) = delete;
@@ -36,6 +40,8 @@ class TimelineFile {
 
  private:
   void Load();
+  /// Adds what was marked when the life before ended.
+  void TakeInterrupted();
   void Write();
   /// Writes down what has been under way for `age`, and the end of what was written down so.
   void SaveUnderWay(Duration age);
@@ -45,6 +51,7 @@ class TimelineFile {
 
   const std::string path_;
   std::vector<timeline::OperationReading> earlier_;
+  std::optional<MarkFile> marks_;
   std::vector<timeline::OperationPtr> long_;  // written down while under way; by the thread
   bool broken_ = false;                       // by the thread
   bool torn_ = false;                         // the last line has no end; by the thread

@@ -2,6 +2,7 @@
 
 #include "framework/log/log.h"
 #include "mpaclient/bus/bus_record.h"
+#include "platform/core/loop_monitor.h"
 
 namespace zem {
 namespace {
@@ -27,6 +28,8 @@ int RmqClient::InitNETClient_Custom(const char* app_type, const char* app_id, in
 int RmqClient::StopNETEventLoop() { return rmqClient_StopNETEventLoop(); }
 
 void RmqClientEventLoopThread::Run() {
+  // Otherwise its life would be one endless step of the work group.
+  const LoopThread loop("bus", LoopKind::kPrompt);
   if (const int result = rmqClient_NETEventLoop(0); result != 0) {
     ZLOG_WARN("bus event loop ended: %d (%s)", result, BusErrorName(result));
   }

@@ -5,6 +5,7 @@
 #include <deque>
 #include <utility>
 
+#include "platform/timeline/marks.h"
 #include "platform/timeline/segment.h"
 
 // Operations are in the ring from their begin, so that one that hangs can be asked about.  The ring has a
@@ -25,8 +26,6 @@ constexpr size_t kLeastOfKind = 8;  // also when memory is short
 constexpr size_t kMostBytes = size_t{8} << 20;
 constexpr size_t kMostOperationBytes = size_t{64} << 10;
 constexpr size_t kReserveBytes = size_t{16} << 10;  // of these, for what is important
-constexpr size_t kMostKeys = 128;
-constexpr size_t kLongestKey = 128;
 constexpr size_t kLongestError = 1024;
 
 std::atomic<size_t> all_bytes{0};
@@ -39,6 +38,7 @@ struct Ring {
   std::array<std::deque<OperationPtr>, kKinds> kinds;
   std::deque<OperationPtr> failed;
   std::shared_ptr<const std::function<void(const OperationPtr&)>> failure_hook;
+  std::shared_ptr<MarkTable> marks;
 
   // What leaves is destroyed by the caller, without the lock.
   void Shrink(std::vector<OperationPtr>* gone) {
@@ -100,11 +100,29 @@ Operation::Operation(uint64_t number, Kind kind, std::string_view what,
       what_(what),
       begun_(Clock::Process().Now()),
       begun_wall_(Clock::Process().WallNow()) {
-  keys_.reserve(keys.size());
-  for (const std::string_view key : keys) AddKey(key);
+  for (const std::string_view key : keys) keys_.Add(key);
 }
 
-Operation::~Operation() { all_bytes.fetch_sub(bytes_, std::memory_order_relaxed); }
+Operation::~Operation() {
+  Unmark();
+  Segment::Release(first_segment_);
+  all_bytes.fetch_sub(bytes_, std::memory_order_relaxed);
+}
+
+// Without the lock: whoever could end it or add a key has not got it yet.
+void Operation::MarkIn(std::shared_ptr<MarkTable> table) {
+  mark_ = table->Take(number_, kind_, begun_wall_, what_);
+  if (mark_ == nullptr) return;
+  marks_ = std::move(table);
+  keys_.ForEach([this](std::string_view key) {
+    MarkTable::AddKey(mark_, key);
+    return true;
+  });
+}
+
+void Operation::Unmark() {
+  if (mark_ != nullptr) marks_->Free(std::exchange(mark_, nullptr));
+}
 
 bool Operation::Take(size_t size, bool important) {
   const size_t limit = important ? kMostOperationBytes : kMostOperationBytes - kReserveBytes;
@@ -115,23 +133,21 @@ bool Operation::Take(size_t size, bool important) {
 }
 
 Segment* Operation::NewSegment() {
-  if (!Take(sizeof(Segment), true)) {
+  Segment* const made = Segment::Make(*this);
+  if (made == nullptr) {
     left_out_.fetch_add(1, std::memory_order_relaxed);
     return nullptr;
   }
-  auto segment = std::make_unique<Segment>(*this);
-  Segment* const made = segment.get();
   const std::lock_guard lock(mutex_);
-  segments_.push_back(std::move(segment));
+  (last_segment_ == nullptr ? first_segment_ : last_segment_->next) = made;
+  last_segment_ = made;
   return made;
 }
 
 void Operation::AddKey(std::string_view key) {
-  if (key.empty()) return;
-  key = key.substr(0, kLongestKey);
   const std::lock_guard lock(mutex_);
-  if (keys_.size() >= kMostKeys || std::find(keys_.begin(), keys_.end(), key) != keys_.end()) return;
-  keys_.emplace_back(key);
+  key = keys_.Add(key);
+  if (mark_ != nullptr && !key.empty()) MarkTable::AddKey(mark_, key);
 }
 
 bool Operation::End(std::string_view error) {
@@ -141,6 +157,7 @@ bool Operation::End(std::string_view error) {
   state_ = error.empty() ? State::kDone : State::kFailed;
   error_ = error.substr(0, kLongestError);
   ended_ = now;
+  Unmark();
   return true;
 }
 
@@ -151,7 +168,7 @@ State Operation::state() const {
 
 bool Operation::Has(std::string_view key) const {
   const std::lock_guard lock(mutex_);
-  return std::find(keys_.begin(), keys_.end(), key) != keys_.end();
+  return keys_.Has(key);
 }
 
 OperationReading Operation::Read() const {
@@ -162,12 +179,16 @@ OperationReading Operation::Read() const {
   reading.begun = begun_wall_;
   reading.left_out = left_out_;
   const std::lock_guard lock(mutex_);
-  reading.keys = keys_;
+  keys_.ForEach([&](std::string_view key) {
+    reading.keys.emplace_back(key);
+    return true;
+  });
   reading.state = state_;
   reading.error = error_;
   const TimePoint end = state_ == State::kUnderWay ? Clock::Process().Now() : ended_;
   reading.duration_us = std::chrono::duration_cast<std::chrono::microseconds>(end - begun_).count();
-  for (const auto& segment : segments_) segment->Read(begun_, &reading.steps);
+  for (const Segment* segment = first_segment_; segment != nullptr; segment = segment->next)
+    segment->Read(&reading.steps);
   std::stable_sort(reading.steps.begin(), reading.steps.end(),
                    [](const StepReading& a, const StepReading& b) { return a.start_us < b.start_us; });
   return reading;
@@ -176,10 +197,15 @@ OperationReading Operation::Read() const {
 OperationPtr Begin(Kind kind, std::string_view what, std::initializer_list<std::string_view> keys) {
   auto operation = std::make_shared<Operation>(++last_number, kind, what, keys);
   std::vector<OperationPtr> gone;
-  Ring& ring = TheRing();
-  const std::lock_guard lock(ring.mutex);
-  ring.kinds[static_cast<size_t>(kind)].push_back(operation);
-  ring.Shrink(&gone);
+  std::shared_ptr<MarkTable> marks;
+  {
+    Ring& ring = TheRing();
+    const std::lock_guard lock(ring.mutex);
+    ring.kinds[static_cast<size_t>(kind)].push_back(operation);
+    ring.Shrink(&gone);
+    marks = ring.marks;
+  }
+  if (marks) operation->MarkIn(std::move(marks));
   return operation;
 }
 
@@ -223,6 +249,11 @@ void SetFailureHook(std::function<void(const OperationPtr& operation)> hook) {
       hook ? std::make_shared<const std::function<void(const OperationPtr&)>>(std::move(hook)) : nullptr;
   const std::lock_guard lock(TheRing().mutex);
   TheRing().failure_hook.swap(shared);
+}
+
+void SetMarks(std::shared_ptr<MarkTable> marks) {
+  const std::lock_guard lock(TheRing().mutex);
+  TheRing().marks.swap(marks);
 }
 
 void Clear() {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/core/clock.h"
+#include "platform/timeline/key_list.h"
 
 /// Timelines: what became of each operation of the agent (a host configuration, an operation on a VIF, ...),
 /// step by step through every thread, kept in memory so that an operator can ask why.
@@ -52,6 +53,8 @@ struct OperationReading {
   bool earlier_life = false;
 };
 
+class MarkTable;
+struct MarkSlot;
 class Segment;
 
 /// One operation and its steps.
@@ -80,11 +83,17 @@ class Operation {
 
  private:
   friend class Scope;
+  friend std::shared_ptr<Operation> Begin(Kind kind, std::string_view what,
+                                          std::initializer_list<std::string_view> keys);
   friend void Finish(const std::shared_ptr<Operation>& operation, std::string_view error);
   friend class Segment;
 
+  /// Until its end it is marked in `table`.  Before anybody else has it.
+  void MarkIn(std::shared_ptr<MarkTable> table);
+  void Unmark();
   /// False when it had ended before.
   bool End(std::string_view error);
+  /// Null when there is no room for one.
   Segment* NewSegment();
   /// False when the operation has no room for `size` more bytes; `important` may use a reserve.
   bool Take(size_t size, bool important);
@@ -97,11 +106,14 @@ class Operation {
   std::atomic<size_t> bytes_{0};
   std::atomic<uint64_t> left_out_{0};
   mutable std::mutex mutex_;  // guards what follows; a leaf
-  std::vector<std::string> keys_;
-  std::vector<std::unique_ptr<Segment>> segments_;
+  KeyList keys_;
+  Segment* first_segment_ = nullptr;  // each has the one after it
+  Segment* last_segment_ = nullptr;
   State state_ = State::kUnderWay;
   std::string error_;
   TimePoint ended_;
+  std::shared_ptr<MarkTable> marks_;
+  MarkSlot* mark_ = nullptr;
 };
 
 using OperationPtr = std::shared_ptr<Operation>;
@@ -122,6 +134,9 @@ std::vector<OperationPtr> Find(std::string_view key, size_t most);
 /// Called once for each operation that fails, on the thread that ends it: it may only take leaf locks.  Null:
 /// none.
 void SetFailureHook(std::function<void(const OperationPtr& operation)> hook);
+
+/// Operations that begin from now on are marked in `marks` until they end.  Null: nowhere.
+void SetMarks(std::shared_ptr<MarkTable> marks);
 
 /// Forgets all operations; for tests.
 void Clear();

@@ -8,7 +8,6 @@
 namespace zem::timeline {
 
 class Segment;
-struct StepRecord;
 
 /// A step of the thread's operation, from construction to destruction, in the order of a stack.  Outside of
 /// an operation it is one load and one branch.  `name` has to live forever.
@@ -22,7 +21,7 @@ class Step {
   Step& operator=(const Step&) = delete;
 
   /// Whether it is recorded; for texts that only a step needs.
-  bool recorded() const { return record_ != nullptr; }
+  bool recorded() const { return state_ != State::kNone; }
   void Detail(std::string_view key, std::string_view value);
   /// How it ended; at most once.
   void Result(std::string_view text, bool failed);
@@ -32,10 +31,17 @@ class Step {
   void ResultCode(uint32_t code);
 
  private:
-  StepRecord* record_;
-  Segment* counted_;  // whose depth it is part of
+  enum class State : uint8_t {
+    kNone,
+    kRecorded,
+    kJoined,  // the record is of an earlier step, too
+  };
+
+  Segment* const counted_;  // whose depth it is part of
+  const TimePoint start_;
+  uint32_t depth_ = 0;
+  State state_ = State::kNone;
   bool ended_ = false;
-  bool joined_ = false;  // the record is of an earlier step, too
 };
 
 /// Whether steps of this thread are recorded; for texts that only a step needs.

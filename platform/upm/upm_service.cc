@@ -8,6 +8,7 @@
 #include "covedbclient/statements.h"
 #include "framework/log/log.h"
 #include "platform/core/condition.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread.h"
 #include "platform/rpc/status.h"
 #include "platform/upm/profile_tables.h"
@@ -177,6 +178,7 @@ class UPMService::Impl : public std::enable_shared_from_this<Impl> {
   }
 
   void Run() {
+    const LoopThread loop("upm", LoopKind::kWorker);
     std::unique_lock lock(mutex_);
     while (!stopping_) {
       if (Silent() && !changed_.WaitUntil(lock, silent_at_, [this] { return Awake() || !Silent(); })) {
@@ -207,6 +209,7 @@ class UPMService::Impl : public std::enable_shared_from_this<Impl> {
   }
 
   static void Tell(Registration* registration, const ProfileTables::Effective& now, bool full) {
+    const LoopStep step("profiles to a user");
     std::vector<ProfileUpdate> updates;
     for (const auto& [entity, profiles] : now) {
       const auto told = registration->told.find(entity);

@@ -8,6 +8,8 @@
 #include <stdexcept>
 
 #include "agent/application_table.h"
+#include "framework/status/status_board.h"
+#include "platform/core/virtual_clock.h"
 #include "platform/provider/provider.h"
 #include "platform/provider/work_group.h"
 #include "tests/support/log_capture.h"
@@ -79,7 +81,7 @@ class ApplicationListTest : public ::testing::Test {
   void Create(std::span<const ApplicationRow> table, bool host_role) {
     list_ = std::make_unique<ApplicationList>(
         table, host_role, [](const char* step) { events.push_back(std::string("step ") + step); });
-    list_->Create({provider_, nullptr, nullptr, new CliServer(group_), nullptr});
+    list_->Create({provider_, nullptr, nullptr, new CliServer(group_), nullptr, nullptr, status_});
   }
 
   static std::vector<std::string> Events() { return std::exchange(events, {}); }
@@ -87,6 +89,7 @@ class ApplicationListTest : public ::testing::Test {
   test::LogCapture log_;
   AsioZemProvider provider_;
   boost::intrusive_ptr<WorkGroup> group_;
+  std::shared_ptr<StatusBoard> status_;
   std::unique_ptr<ApplicationList> list_;
 };
 
@@ -139,6 +142,24 @@ TEST_F(ApplicationListTest, AFailedStartMayEndTheAgent) {
       ApplicationRow{.name = "a", .make = &MakeFake<'a', false>, .start_failure = StartFailure::kEndsAgent}};
   Create(table, true);
   EXPECT_THROW(list_->Start(), std::runtime_error);
+}
+
+// An operator who reads the status does not know the code's names of the applications.
+TEST_F(ApplicationListTest, TheStatusNamesWhatDidNotStartAsOperatorsKnowIt) {
+  static const std::array table = {
+      ApplicationRow{.name = "CtxtA", .make = &MakeFake<'a', false>, .start_step = "context engine"},
+      ApplicationRow{.name = "b", .make = &MakeFake<'b', false>}};
+  VirtualClock clock;  // the reading may take its time
+  group_->Start(1);
+  status_ = std::make_shared<StatusBoard>(group_);
+  Create(table, true);
+  list_->Start();
+  status_->SetPhase(StatusBoard::Phase::kServing);
+  std::vector<std::string> named;
+  for (const StatusBoard::Fault& fault : status_->Read().faults) named.push_back(fault.state.part);
+  EXPECT_THAT(named, ElementsAre("context engine", "b"));
+  status_->Close();
+  group_->Stop();
 }
 
 }  // namespace

@@ -33,6 +33,13 @@ class ModifyQueueTest : public testing::Test {
     return texts;
   }
 
+  static size_t Waiting() {
+    for (const QueueGauge::Reading& reading : QueueGauge::ReadAll()) {
+      if (reading.name == "storeModifications") return reading.depth;
+    }
+    return 0;
+  }
+
   metrics::Gauge gauge;
   ModifyQueue queue{gauge};
   std::vector<int> done;
@@ -53,10 +60,12 @@ TEST_F(ModifyQueueTest, OneBatchIsUnderWayAndTheNextTakesAllThatQueued) {
   EXPECT_THAT(Batch(), ElementsAre("a:", "b:", "c:"));
   EXPECT_EQ(queue.Front()->requests, before) << "the list itself is sent again, not a copy";
   EXPECT_EQ(gauge.value(), 1);
+  EXPECT_EQ(Waiting(), 3u) << "the store has answered none of them";
   for (const auto& callback : queue.Front()->callbacks) callback();
   EXPECT_THAT(done, ElementsAre(1, 2, 3));
   queue.PopFront();
   EXPECT_EQ(gauge.value(), 0);
+  EXPECT_EQ(Waiting(), 0u);
 }
 
 TEST_F(ModifyQueueTest, PurgeRewritesOnlyWhatIsNotUnderWay) {

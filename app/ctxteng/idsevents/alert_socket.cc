@@ -16,6 +16,7 @@
 #include "app/ctxteng/idsrecord/line_budget.h"
 #include "framework/log/log.h"
 #include "framework/process/error_text.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/unix_socket.h"
 
 namespace IdsEvtEng {
@@ -104,6 +105,7 @@ void AlertSocket::WaitAndReceive() {
 }
 
 void AlertSocket::Receive() {
+  const zem::LoopStep step("datagrams of the detection");
   std::array<iovec, kMostDatagrams> buffers{};
   std::array<mmsghdr, kMostDatagrams> messages{};
   for (size_t i = 0; i < datagrams_; ++i) {

@@ -8,6 +8,7 @@
 #include "app/ctxteng/idsevents/ids_services.h"
 #include "app/ctxteng/idsqueue/event_merge.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "proto/context/ids.pb.h"
 
 namespace IdsEvtEng {
@@ -135,6 +136,7 @@ void EventSenders::SendBatch(Class c) {
   Intake::EventQueue& queue = intake_.events(c);
   const uint32_t count = queue.count();
   if (count == 0) return;
+  const zem::LoopStep step("alerts to the manager");
   EventMerge merge(count);
   while (merge.added() < count) {
     auto event = queue.Pop();
@@ -149,6 +151,7 @@ void EventSenders::SendBatch(Class c) {
 void EventSenders::SendKafkaBatch() {
   const uint32_t count = intake_.kafka_events().count();
   if (count == 0) return;
+  const zem::LoopStep step("alerts to Kafka");
   EventMerge merge(count);
   while (merge.added() < count) {
     auto event = intake_.kafka_events().Pop();

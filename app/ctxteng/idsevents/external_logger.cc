@@ -12,6 +12,7 @@
 #include "app/ctxteng/idsrecord/tenant_line.h"
 #include "framework/log/log.h"
 #include "framework/process/error_text.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/unix_socket.h"
 
 namespace IdsEvtEng {
@@ -80,6 +81,7 @@ bool ExternalLogger::SendBatch() {
   uint32_t popped = 0;
   for (;;) {
     if (in_hand_.empty()) {
+      const zem::LoopStep step("next line");
       std::unique_ptr<std::string> line = popped++ < waiting ? lines_.Pop() : nullptr;
       if (line == nullptr) return true;
       in_hand_ = AddTenant(std::move(*line), tenant_of_);
@@ -101,12 +103,16 @@ bool ExternalLogger::SendBatch() {
 ExternalLogger::Sent ExternalLogger::SendLine(const std::string& line) {
   size_t sent = 0;
   while (sent < line.size()) {
-    const ssize_t part = ::send(socket_.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
-    if (part >= 0) {
-      sent += static_cast<size_t>(part);
-      continue;
+    int error = 0;
+    {
+      const zem::LoopStep step("send of a line");
+      const ssize_t part = ::send(socket_.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+      if (part >= 0) {
+        sent += static_cast<size_t>(part);
+        continue;
+      }
+      error = errno;
     }
-    const int error = errno;
     if (error == EINTR) continue;
     if (error == EAGAIN) {
       // A peer that does not read keeps this thread waiting and lets the queue fill.

@@ -8,6 +8,7 @@
 #include "app/ctxteng/idsevents/ids_services.h"
 #include "app/ctxteng/idsrecord/event_info.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "proto/context/ids.pb.h"
 
 namespace IdsEvtEng {
@@ -146,7 +147,10 @@ void PcapSenders::RunCleaner() {
   const std::chrono::minutes period(std::min(param_.pcapCleanFreq, kLongestCleanFreq));
   do {
     Fenced(738, "Exception in Cleanup Stale Pcap, error %s", "Exception in Cleanup Stale Pcap", nullptr,
-           [this, period] { files_.RemoveStale(period); });
+           [this, period] {
+             const zem::LoopStep step("removal of old captures");
+             files_.RemoveStale(period);
+           });
   } while (!interruption_.SleepFor(period));
   ZLOG_INFO("Cleanup Stale Pcap thread interrupted, exiting");
 }
@@ -155,6 +159,7 @@ void PcapSenders::SendBatch(Class c) {
   PcapQueue& queue = intake_.pcaps(c);
   const uint32_t count = std::min(queue.count(), param_.maxPcapsPerProto);
   if (count == 0) return;
+  const zem::LoopStep step("captures to the manager");
   Batch batch(*this, &manager_, true);
   while (batch.added() < count && !interruption_.stopped()) {
     const auto notice = queue.Pop();
@@ -169,6 +174,7 @@ void PcapSenders::SendKafkaBatch() {
   PcapQueue& queue = intake_.kafka_pcaps();
   const uint32_t count = queue.count();
   if (count == 0) return;
+  const zem::LoopStep step("captures to Kafka");
   ZLOG_INFO("Ids: numEvents: %d", static_cast<int>(count));
   Batch batch(*this, &kafka_, false);
   std::vector<std::unique_ptr<IdsEvent>> notices;

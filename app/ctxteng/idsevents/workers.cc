@@ -2,12 +2,17 @@
 
 #include <utility>
 
+#include "platform/core/loop_monitor.h"
+
 namespace IdsEvtEng {
 
 void Workers::Start(std::string name, std::function<void()> body) {
   zem::NativeThread::Options options;
-  options.name = std::move(name);
-  threads_.emplace_back(std::move(options), std::move(body));
+  options.name = name;
+  threads_.emplace_back(std::move(options), [name = std::move(name), body = std::move(body)] {
+    const zem::LoopThread loop(name, zem::LoopKind::kWorker);
+    body();
+  });
 }
 
 size_t Workers::Join(zem::Duration patience) {

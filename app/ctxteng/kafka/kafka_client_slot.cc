@@ -7,6 +7,7 @@
 
 #include "app/ctxteng/kafka/kafka_client.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread.h"
 
 namespace Ctxt::PaceClient {
@@ -58,7 +59,11 @@ class KafkaClientSlot::Reaper {
     ending.thread = zem::NativeThread(
         std::move(options),
         [last = std::shared_ptr<KafkaClient>(std::move(client)), ended = ending.ended]() mutable {
-          last.reset();
+          const zem::LoopThread loop("ctxt:kafkaEnd", zem::LoopKind::kWorker);
+          {
+            const zem::LoopStep step("flush and end of a client");
+            last.reset();
+          }
           *ended = true;
         });
     endings_.push_back(std::move(ending));

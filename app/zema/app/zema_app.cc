@@ -9,6 +9,7 @@
 #include "app/controller/controller_context.h"
 #include "app/controller/controller_list_app.h"
 #include "app/zema/app/host_config_callbacks.h"
+#include "app/zema/app/host_config_state.h"
 #include "app/zema/app/host_requests.h"
 #include "app/zema/app/io_service.h"
 #include "app/zema/app/message_dispatch.h"
@@ -523,6 +524,7 @@ void ZemaApp::Impl::Describe(std::vector<PartState>* parts) const {
                          : PartState{"host management link", "the host's management daemon is not connected",
                                      "that daemon connects by itself when it runs; look whether it does"});
   }
+  parts->push_back(HostConfigState());
   if (health.in_tn_mmode()) {
     parts->push_back({"maintenance mode", "the manager has put this node into maintenance mode",
                       "the manager takes it out again"});

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -64,8 +66,9 @@ std::string DraftOf(const std::string& path) {
       switch_end == std::string::npos || switch_end == 0 ? switch_end : path.rfind('/', switch_end - 1);
   const std::string folder = folder_end == std::string::npos ? "." : path.substr(0, folder_end);
   char name[32];
-  // While a VM moves, two hosts may write here, so the name of the draft is random.
-  std::snprintf(name, sizeof(name), "/.%016llx.tmp", static_cast<unsigned long long>(RandomNumber()));
+  // While a VM moves, two hosts may write here, so the names of a process begin at a random one.
+  static std::atomic<uint64_t> number{RandomNumber()};
+  std::snprintf(name, sizeof(name), "/.%016llx.tmp", static_cast<unsigned long long>(number++));
   return folder + name;
 }
 

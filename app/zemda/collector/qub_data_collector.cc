@@ -8,6 +8,7 @@
 #include "app/zemda/inventory/vm_records.h"
 #include "app/zemda/records/covedb_connection_handler.h"
 #include "framework/log/log.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/thread_name.h"
 #include "proto/ida/ida.pb.h"
 
@@ -115,6 +116,7 @@ bool QubDataCollector::Step(Reply* reply) {
 }
 
 void QubDataCollector::ParseAndPush(const Reply& reply) {
+  const zem::LoopStep step("reply of the host");
   refused_ = false;
   const auto objects = parser_.Parse(reply);
   for (const InventoryUpdate& update : objects) {

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "app/livetrace/livetrace_app.h"
+#include "platform/core/loop_monitor.h"
 #include "tests/app/dataplane_channel.h"
 
 namespace zem::Tarvik {
@@ -10,6 +11,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -74,6 +76,12 @@ class LivetraceTest : public DataplaneChannelTest {
     for (const auto& entry : std::filesystem::directory_iterator(directory.Path("captures")))
       names.push_back(entry.path().filename());
     return names;
+  }
+  static std::vector<std::string> BusyLoops() {
+    std::vector<std::string> busy;
+    for (const LoopReading& loop : LoopThread::ReadAll())
+      if (loop.busy) busy.push_back(loop.name + ": " + loop.step);
+    return busy;
   }
   std::string AnswerText(size_t number) {
     const std::lock_guard lock(mutex);
@@ -271,6 +279,7 @@ TEST_F(LivetraceTest, ADeletionDoesNotWaitForTheUpload) {
   Barrier(4, 0, named);
   EXPECT_TRUE(log.Contains("Session 0x4 is uploading, its second barrier is dropped"));
   EXPECT_EQ(log.Count("Start uploading file"), 1U);
+  EXPECT_THAT(BusyLoops(), Contains("livetrace-up: upload of a capture"));
   EXPECT_THAT(Captures(), ElementsAre("c.pcap"));
   Barrier(4, 1, Capture("of-the-other-side.pcap"));
   Barrier(99, 0, named);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "mpaclient/bus/rmq_client.h"
+#include "platform/core/loop_monitor.h"
 #include "platform/core/virtual_clock.h"
 #include "platform/metrics/metrics.h"
 #include "platform/provider/work_group.h"
@@ -127,6 +128,10 @@ TEST(RmqClientTest, RefusesConnectionsAndRunsItsLoop) {
   const boost::intrusive_ptr<RmqClientEventLoopThread> loop(new RmqClientEventLoopThread);
   ASSERT_TRUE(group->Enqueue(std::make_shared<WorkItemImpl<RmqClientEventLoopThread>>(loop)));
   clock.Settle();
+  for (const LoopReading& each : LoopThread::ReadAll()) {
+    EXPECT_FALSE(each.busy) << each.name << ": the loop's life is no step of the work group";
+  }
+  EXPECT_EQ(LoopThread::ReadAll().back().name, "bus");
   EXPECT_EQ(client->NETEventLoop(0), -2017);
   EXPECT_EQ(client->StopNETEventLoop(), 0);
   group->Stop();

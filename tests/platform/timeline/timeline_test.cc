@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <optional>
 
 #include "platform/core/thread.h"
@@ -95,7 +96,7 @@ TEST_F(TimelineTest, ALongOperationKeepsItsEndAndItsBound) {
   {
     const Scope scope(operation);
     for (int i = 0; i < 5'000; ++i) {
-      const Step get("get", std::string(1'000, 'x'));
+      const Step get("get", std::to_string(i) + std::string(1'000, 'x'));
     }
     for (int i = 0; i < 5'000; ++i) {
       const Step set(i % 2 == 0 ? "set" : "clear", "port");
@@ -147,6 +148,53 @@ TEST_F(TimelineTest, WhatIsUnderWayStaysInAStorm) {
   EXPECT_THAT(Find({}, 10'000), SizeIs(128));
   for (int i = 0; i < 5'000; ++i) hung.push_back(Begin(Kind::kVif, "attach", {}));
   EXPECT_THAT(Find({}, 10'000), SizeIs(1'024));
+}
+
+// A record keeps only what differs from the one before; whoever reads it must not see that.
+TEST_F(TimelineTest, TextsReadAsTheyWereGiven) {
+  const OperationPtr operation = Begin(Kind::kVif, "attach", {});
+  const OperationPtr other = Begin(Kind::kVif, "detach", {});
+  const std::string longest(300, 'y');
+  std::vector<std::string> given;
+  {
+    const Scope scope(operation);
+    for (const std::string& text :
+         {std::string("switch port-1 alias"), std::string("switch port-1 block"),
+          std::string("switch port-1"), std::string(), std::string("switch port-2"), longest, longest}) {
+      Step call("call", text);
+      {
+        const Scope inner_scope(other);
+        Note("elsewhere", "switch");
+        Step inner("inner", text + "!");
+        inner.Detail("key", text);
+      }
+      call.Detail("port", "port-1");
+      given.push_back(text.substr(0, 240) + (text.empty() ? "" : " ") + "port=port-1");
+    }
+  }
+  std::vector<std::string> read;
+  for (const StepReading& step : operation->Read().steps) read.push_back(step.detail);
+  EXPECT_EQ(read, given);
+  EXPECT_EQ(other->Read().steps.at(1).detail, "switch port-1 alias! key=switch port-1 alias");
+  EXPECT_EQ(other->Read().steps.back().detail, longest.substr(0, 240) + " key=" + longest.substr(0, 240));
+}
+
+// However deep and full, a step that has ended reads as ended.
+TEST_F(TimelineTest, DeepAndFullStepsHaveTheirEnds) {
+  const OperationPtr operation = Begin(Kind::kVif, "attach", {});
+  const Scope scope(operation);
+  const std::function<void(int)> descend = [&](int left) {
+    Step step(left % 2 == 0 ? "even" : "odd", std::to_string(left));
+    if (left > 0) descend(left - 1);
+    step.Result(std::string(100, 'r'), left == 39);
+  };
+  for (int i = 0; i < 50; ++i) descend(40);
+  const OperationReading reading = operation->Read();
+  EXPECT_GT(reading.left_out, 0u);
+  EXPECT_LE(operation->bytes(), size_t{64} << 10);
+  for (const StepReading& step : reading.steps) EXPECT_GE(step.duration_us, 0) << step.name << step.detail;
+  for (const StepReading& step : reading.steps)
+    EXPECT_EQ(step.failed, step.detail == "39" || step.name == "failed");
 }
 
 // An operation that hands over work without end must not grow with it.

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "platform/core/loop_monitor.h"
 #include "proto/covedb/profile_objects.pb.h"
 #include "tests/covedbclient/client_fixture.h"
 
@@ -96,6 +97,21 @@ TEST_F(UpmServiceTest, UserGetsTheCompleteListAndThenWhatChanges) {
 }
 
 // What was removed while the store was away must reach the user, and what did not change must not be lost.
+// A user that takes its time is found by who looks at the loops.
+TEST_F(UpmServiceTest, UserThatHangsIsAStepOfTheLoop) {
+  std::string busy;
+  service.Register(ENTITY_VM, {GI_SERVICE}, [&busy](const std::vector<ProfileUpdate>&, bool) {
+    for (const LoopReading& loop : LoopThread::ReadAll())
+      if (loop.name == "upm") busy = loop.step;
+  });
+  Connect();
+  service.Start();
+  Write({Profile("p1", GI_SERVICE, "a"), Binding("vm-1", {"p1"})});
+  clock.RunFor(std::chrono::seconds(1));
+  service.Stop();
+  EXPECT_EQ(busy, "profiles to a user");
+}
+
 TEST_F(UpmServiceTest, EachConnectionBeginsWithACompleteList) {
   Connect();
   service.Start();

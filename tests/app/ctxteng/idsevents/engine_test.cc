@@ -6,12 +6,14 @@
 #include "app/ctxteng/idsevents/ids_commands.h"
 #include "app/ctxteng/idsqueue/node_records.h"
 #include "framework/cli/cli_reply_queue.h"
+#include "platform/core/loop_monitor.h"
 
 namespace IdsEvtEng {
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::IsSupersetOf;
 using testing::SizeIs;
 
 std::string AlertFrom(int attacker) {
@@ -370,6 +372,32 @@ TEST_F(EngineTest, StopIsPromptInEveryState) {
   EXPECT_EQ(log.Count("Interrupting IDS event processing threads"), 1U);
   engine.reset();
   manager.clients["1801"].callback(nullptr);
+}
+
+// A thread that hangs in a peer's call has to be found by who looks.
+TEST_F(EngineTest, EachThreadIsALoopWithSteps) {
+  Start();
+  Send(kAlert);
+  manager.SetHangs(true);
+  Seconds(5);
+  std::map<std::string, std::string> steps;
+  for (const zem::LoopReading& loop : zem::LoopThread::ReadAll()) steps[loop.name] = loop.step;
+  EXPECT_THAT(steps,
+              IsSupersetOf(std::map<std::string, std::string>{{"ids:critical", "alerts to the manager"},
+                                                              {"ids:nonCritical", ""},
+                                                              {"ids:kafka", ""},
+                                                              {"ids:consumer", ""},
+                                                              {"ids:extLog", ""},
+                                                              {"ids:critPcap", ""},
+                                                              {"ids:ncritPcap", ""},
+                                                              {"ids:pcapKafka", ""},
+                                                              {"ids:pcapClean", ""}}));
+  manager.SetHangs(false);
+  engine->Stop();
+  auto counts = zem::LoopThread::StepsBefore();
+  EXPECT_EQ(counts["ids:critical"], 1U);
+  EXPECT_EQ(counts["ids:consumer"], 1U);
+  EXPECT_EQ(counts["ids:pcapClean"], 1U);
 }
 
 size_t Threads() {

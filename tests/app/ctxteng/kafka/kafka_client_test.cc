@@ -8,6 +8,7 @@
 #include "app/ctxteng/kafka/kafka_client_slot.h"
 #include "app/ctxteng/kafka/kafka_config.h"
 #include "platform/core/condition.h"
+#include "platform/core/loop_monitor.h"
 #include "proto/context/ids.pb.h"
 #include "proto/context/pace.pb.h"
 #include "sim/kafka/kafka_brokers.h"
@@ -252,6 +253,7 @@ TEST_F(KafkaClientTest, ReplacedClientEndsBehindTheOwnersBack) {
   }
   EXPECT_TRUE(at_once);
   slot.Shutdown();
+  EXPECT_EQ(zem::LoopThread::StepsBefore()["ctxt:kafkaEnd"], clients) << "what a long end does is told";
   EXPECT_EQ(deliveries.failed, clients);
   EXPECT_EQ(log.Count("Zemi: Flushing final messages over kafka"), clients);
 }
