@@ -92,7 +92,7 @@ TEST_F(KnlctlProxyTest, AStopEndsARequestAtOnce) {
   dir_.Write("mode", "hang");
   KnlctlProxy proxy(tools_);
   NativeThread request([&] { EXPECT_FALSE(proxy.Worlds().has_value()); });
-  SleepFor(std::chrono::seconds(2));
+  SleepFor(std::chrono::seconds(1));
   const TimePoint begin = Clock::Process().Now();
   proxy.RequestStop();
   request.Join();
