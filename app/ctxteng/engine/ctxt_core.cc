@@ -83,7 +83,8 @@ void CtxtCore::Initialize(const Settings& settings, EngineParts parts,
   Run* const run = runs_.back().get();
   run->parts = std::move(parts);
   run->handler = std::make_unique<CtxtClientHandler>(run->parts.clients, users_, *run->parts.firewall);
-  run->mux = std::make_unique<MuxEvents>(run->parts.introspection, run->parts.health);
+  mux_away_ = false;
+  run->mux = std::make_unique<MuxEvents>(run->parts.introspection, run->parts.health, mux_away_);
   run_ = run;
   CloseEndvatQueries(false);
   gate_.Open();

@@ -68,6 +68,8 @@ class CtxtCore {
   void WaitForStart() { barrier_.WaitForStart(); }
   void NotifyStarted() { barrier_.NotifyStarted(); }
   bool started() { return barrier_.open(); }
+  /// The guests' multiplexer was there and has gone.
+  bool mux_away() const { return mux_away_; }
 
   GuestTable& guests() { return guests_; }
   UserTables& users() { return users_; }
@@ -102,6 +104,7 @@ class CtxtCore {
   std::vector<std::unique_ptr<Run>> runs_;
   std::atomic<Run*> run_{nullptr};
   bool something_left_inside_ = false;
+  std::atomic<bool> mux_away_{false};
 };
 
 }  // namespace Ctxt

@@ -123,6 +123,14 @@ void CtxtEng::Describe(std::vector<zem::Tarvik::PartState>* parts) const {
   if (engine.fault.empty() && !CtxtCore::GetInstance().started()) {
     engine = {engine.part, "is starting", "ends when its clients have started"};
   }
+  if (library.fault.empty()) {
+    zem::Tarvik::PartState mux{"guest multiplexer", {}, {}};
+    if (CtxtCore::GetInstance().mux_away()) {
+      mux.fault = "has gone; no guest can be seen";
+      mux.heals = "the guest library connects by itself when zem-context-mux runs; look whether it does";
+    }
+    parts->push_back(std::move(mux));
+  }
   parts->push_back(std::move(library));
   parts->push_back(std::move(engine));
   for (const Ctxt::PaceClient::KafkaClient::Reading& client : Ctxt::PaceClient::KafkaClient::ReadAll()) {

@@ -54,12 +54,14 @@ void MuxEvents::Handle(uint32_t type) {
   switch (type) {
     case 0:
       ZLOG_INFO("CtxtCore: Received Mux connect from context-library");
+      away_ = false;
       Guarded(kConnected, [this] {
         if (introspection_ != nullptr) introspection_->MuxConnected();
       });
       break;
     case 1:
       ZLOG_INFO("CtxtCore: Received Mux disconnect from context-library");
+      away_ = true;
       Disconnected();
       break;
     case 2:

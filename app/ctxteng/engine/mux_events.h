@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -13,8 +14,10 @@ namespace Ctxt {
 /// Threads: `Handle` from any thread; one event at a time.
 class MuxEvents {
  public:
-  MuxEvents(std::shared_ptr<IIntrospection> introspection, std::shared_ptr<IContextHealth> health)
-      : introspection_(std::move(introspection)), health_(std::move(health)) {}
+  /// `away` tells whether the multiplexer has gone; it outlives the object.
+  MuxEvents(std::shared_ptr<IIntrospection> introspection, std::shared_ptr<IContextHealth> health,
+            std::atomic<bool>& away)
+      : introspection_(std::move(introspection)), health_(std::move(health)), away_(away) {}
 
   void Handle(uint32_t type);
 
@@ -24,6 +27,7 @@ class MuxEvents {
 
   const std::shared_ptr<IIntrospection> introspection_;
   const std::shared_ptr<IContextHealth> health_;
+  std::atomic<bool>& away_;
   std::mutex mutex_;  // orders the events; held while a part is called, which may not wait for another event
 };
 

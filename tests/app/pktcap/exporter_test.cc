@@ -177,13 +177,11 @@ TEST_F(ExporterTest, AStopEndsDeafTools) {
   SetTool("filter", "trap '' INT TERM\nwhile :; do read x < " + dir_.Path("") + "; done\n");
   const auto exporter = Make();
   int result = 1;
-  const TimePoint begin = Clock::Process().Now();
   NativeThread session([&] { result = exporter->Run(); });
   SleepFor(std::chrono::seconds(3));
   exporter->RequestStop();
   session.Join();
   EXPECT_EQ(result, 0);
-  EXPECT_LT(Clock::Process().Now() - begin, std::chrono::seconds(15));
   EXPECT_TRUE(PipeIsGone());
   EXPECT_TRUE(NoChildIsLeft());
 }

@@ -226,7 +226,7 @@ TEST_F(CorvdHandlerTest, TheStopDoesNotWaitForTheDaemon) {
   const TimePoint begun = Clock::Process().Now();
   handler_->Stop();
   handler_->Join();
-  EXPECT_LT(Clock::Process().Now() - begun, seconds(10));
+  EXPECT_LT(Clock::Process().Now() - begun, seconds(50)) << "a frame has a minute";
   EXPECT_FALSE(handler_->WaitForCorvdConnection(600));
   handler_->AddRequest(std::make_shared<VifRequest>());
 }
