@@ -38,7 +38,9 @@ class Segment {
   void EndJoined(uint32_t step_depth, TimePoint now);
 
   uint32_t depth = 0;
-  Segment* next = nullptr;  // of its operation, which guards it
+  // Of its operation, which guards them:
+  Segment* next = nullptr;
+  uint64_t thread_number = 0;
 
   void Read(std::vector<StepReading>* steps) const;
 

@@ -197,13 +197,23 @@ TEST_F(TimelineTest, DeepAndFullStepsHaveTheirEnds) {
     EXPECT_EQ(step.failed, step.detail == "39" || step.name == "failed");
 }
 
-// An operation that hands over work without end must not grow with it.
+// An operation that hands over work without end must not grow with it; below its bound none of it is left
+// out.
 TEST_F(TimelineTest, ManyHandOversAreBounded) {
-  const OperationPtr operation = Begin(Kind::kVif, "attach", {});
-  for (int i = 0; i < 100'000; ++i) {
-    const Scope scope(operation);
-    Note("step", "done");
-  }
+  const OperationPtr operation = Begin(Kind::kHostConfig, "revision 1", {});
+  const auto hand_over = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      const Scope scope(operation);
+      const Step outer("outer");
+      const Scope again(operation);
+      Note("step", "done");
+    }
+  };
+  hand_over(100);
+  EXPECT_EQ(operation->Read().left_out, 0u);
+  EXPECT_THAT(operation->Read().steps, SizeIs(200));
+  EXPECT_EQ(operation->Read().steps.back().depth, 1u);
+  hand_over(100'000);
   EXPECT_LE(operation->bytes(), size_t{64} << 10);
   EXPECT_GT(operation->Read().left_out, 1'000u);
 }
