@@ -3,6 +3,7 @@
 #include <cjson/cJSON.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <memory>
@@ -18,6 +19,7 @@ namespace zem::ctl {
 namespace {
 
 constexpr std::string_view kBlanks = " \t";
+constexpr std::array<std::string_view, 4> kSampleEnds = {"", "_bucket", "_sum", "_count"};
 
 cJSON* Checked(cJSON* value) {
   if (value == nullptr) throw std::bad_alloc();
@@ -127,11 +129,16 @@ class Families {
     samples_ = Checked(cJSON_AddArrayToObject(family_, "samples"));
   }
 
+  // A histogram's samples have more behind the name.
+  bool BelongsToFamily(std::string_view name) const {
+    if (name_.empty() || !name.starts_with(name_)) return false;
+    return std::ranges::find(kSampleEnds, name.substr(name_.size())) != kSampleEnds.end();
+  }
+
   bool AddSample(Line line) {
     const std::string name(line.Name());
     if (name.empty()) return false;
-    // A histogram's samples have more behind the name.
-    if (name_.empty() || !name.starts_with(name_)) Begin(name);
+    if (!BelongsToFamily(name)) Begin(name);
     cJSON* const sample = Checked(cJSON_CreateObject());
     cJSON_AddItemToArray(samples_, sample);
     AddText(sample, "name", name);

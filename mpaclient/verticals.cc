@@ -169,7 +169,9 @@ constexpr std::array kVerticals = {
              kRaw, ZEM_PROTOTYPES(monitoring, Collector)},
     Vertical{VerticalId::kLivetrace, "livetrace", "livetrace",
              ZEM_CLASSES("Livetrace", "LivetraceHostService", "LivetraceServiceObserver", Livetrace),
-             kAppInit, kLivetraceTypes, ZEM_PROTOTYPES(livetrace, Livetrace)},
+             // As with captures: the id of an upload lets its owner write.
+             VerticalTraits{.needs_app_init = true, .secret = true}, kLivetraceTypes,
+             ZEM_PROTOTYPES(livetrace, Livetrace)},
     Vertical{VerticalId::kIpReputation, "ZEM-IpReputationEventService", "ZEM-IpReputationEventService",
              ZEM_CLASSES("IpReputation", nullptr, "IpReputationServiceObserver", IpReputation), kPlain,
              kIpReputationTypes, ZEM_PROTOTYPES(firewall, IpReputation)},

@@ -489,9 +489,8 @@ void LivetraceApp::RemoveUnwanted(const std::string& capture) const {
 
 std::shared_ptr<LivetraceUploader> LivetraceApp::BeginUploadLocked(const SessionPtr& session,
                                                                    const Ending& ending) {
-  const LivetraceUploader::File file{
-      captures_.PathOf(ending.barrier.pcap_file_name()),
-      "api/v1/livetraces/" + std::to_string(session->id) + "/capturefile/" + session->upload.id};
+  const LivetraceUploader::File file{captures_.PathOf(ending.barrier.pcap_file_name()),
+                                     "api/v1/livetraces/" + std::to_string(session->id) + "/capturefile/"};
   const auto told = std::make_shared<Ending>(ending);
   auto uploader = std::make_shared<LivetraceUploader>(upload_command_, file, session->upload,
                                                       [weak = weak_from_this(), session, told] {

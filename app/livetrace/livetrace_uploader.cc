@@ -14,6 +14,8 @@ namespace {
 
 constexpr LogSource kLog{"tarvik", "livetrace"};
 
+constexpr const char* kHidden = "******";
+
 }  // namespace
 
 LivetraceUploader::LivetraceUploader(std::vector<std::string> command, File file,
@@ -48,19 +50,19 @@ void LivetraceUploader::Join() {
   if (thread_.joinable()) thread_.Join();
 }
 
-std::string LivetraceUploader::Request() const {
-  return "{\"local_path\": " + JsonQuoted(file_.local_path) + ", \"generate_id\": " + JsonQuoted(target_.id) +
-         ", \"manager_info\": {\"manager_uri\":" + JsonQuoted(file_.target_path) +
+std::string LivetraceUploader::Request(const std::string& id) const {
+  return "{\"local_path\": " + JsonQuoted(file_.local_path) + ", \"generate_id\": " + JsonQuoted(id) +
+         ", \"manager_info\": {\"manager_uri\":" + JsonQuoted(file_.target_folder + id) +
          ",\n\"server\": " + JsonQuoted(target_.server) + ", \"port\": " + std::to_string(target_.port) +
          ", \"thumbprint\": " + JsonQuoted(target_.thumbprint) + "}}";
 }
 
 void LivetraceUploader::Upload() {
-  const std::string request = Request();
   ZLOG_INFO("Start uploading file %s", file_.local_path.c_str());
-  const int result = ExecuteCmd(command_, request, &stop_);
+  const int result = ExecuteCmd(command_, Request(target_.id), &stop_);
+  // Whoever has the upload's id may write the file.
   ZLOG_INFO("Finished uploading file %s: ret=%d, inStr: %s", file_.local_path.c_str(), result,
-            request.c_str());
+            Request(kHidden).c_str());
   RemoveFile();
   if (!stop_) completion_();
 }

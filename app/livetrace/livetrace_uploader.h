@@ -18,7 +18,8 @@ class LivetraceUploader {
  public:
   struct File {
     std::string local_path;
-    std::string target_path;
+    /// Where on the manager; ends with a slash, and the upload's id follows.
+    std::string target_folder;
   };
   /// Runs on the upload's thread, after the file has gone, unless the upload was stopped.
   using Completion = std::function<void()>;
@@ -40,13 +41,13 @@ class LivetraceUploader {
   void Join();
 
   const std::string& local_path() const { return file_.local_path; }
-  /// What the script reads.
-  std::string Request() const;
   /// Removes the file; a failure is logged.
   void RemoveFile() const;
 
  private:
   void Upload();
+  /// What the script reads, with `id` as the upload's id.
+  std::string Request(const std::string& id) const;
 
   const std::vector<std::string> command_;
   const File file_;

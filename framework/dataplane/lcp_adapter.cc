@@ -17,6 +17,14 @@ constexpr LogSource kLog{"tarvik", "framework"};
 
 constexpr uint8_t kMessageFrame = 1;
 
+// Whoever has an upload's id may write the manager's file.
+std::string Printed(const orlane::zem::lcp::LcpDpMsg& message) {
+  if (!message.livetrace().request().has_upload_id()) return message.DebugString();
+  orlane::zem::lcp::LcpDpMsg shown = message;
+  shown.mutable_livetrace()->mutable_request()->set_upload_id("******");
+  return shown.DebugString();
+}
+
 }  // namespace
 
 class LcpAdapter::Inbox {
@@ -77,7 +85,7 @@ void LcpAdapter::Stop() {
 
 std::optional<LcpFrame> LcpAdapter::FrameOf(uint8_t frame_type,
                                             const orlane::zem::lcp::LcpDpMsg& message) const {
-  ZLOG_DEBUG("Send msg to zem-agent, msg is %s", message.DebugString().c_str());
+  ZLOG_DEBUG("Send msg to zem-agent, msg is %s", Printed(message).c_str());
   if (link_ == nullptr) return std::nullopt;
   const size_t size = kLcpHeaderSize + message.ByteSizeLong();
   if (size > kMaxLcpFrame || !message.IsInitialized()) return std::nullopt;

@@ -92,6 +92,13 @@ void TimelineFile::Load() {
 
 void TimelineFile::TakeInterrupted() {
   std::string lines;
+  std::string error;
+  // In pieces that leave the file its bound.
+  const auto write = [&] {
+    std::string failed = lines.empty() ? "" : Append(lines);
+    if (!failed.empty()) error = std::move(failed);
+    lines.clear();
+  };
   for (const timeline::OperationReading& marked : marks_->interrupted()) {
     const auto known = std::find_if(earlier_.begin(), earlier_.end(), [&](const auto& each) {
       return each.number == marked.number && each.begun == marked.begun;
@@ -108,9 +115,9 @@ void TimelineFile::TakeInterrupted() {
     }
     lines += TimelineJson(interrupted, true).Text() + '\n';
     earlier_.insert(earlier_.begin(), std::move(interrupted));
+    if (lines.size() > kMostBytes / 4) write();
   }
-  if (lines.empty()) return;
-  const std::string error = Append(lines);
+  write();
   if (error.empty()) return;
   ZLOG_WARN("[%s] what was interrupted is known to this life alone: %s: %s", __func__, path_.c_str(),
             error.c_str());

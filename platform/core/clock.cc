@@ -28,11 +28,11 @@ class RealClock final : public Clock {
            std::chrono::duration_cast<WallTime::duration>(Scaled(steady) - steady);
   }
   TimePoint OnMachine(TimePoint time) const override {
-    if (factor_ == 1 || time == TimePoint::max()) return time;
-    return TimePoint(std::chrono::duration_cast<Duration>(time.time_since_epoch() / factor_));
+    if (Factor() == 1 || time == TimePoint::max()) return time;
+    return TimePoint(std::chrono::duration_cast<Duration>(time.time_since_epoch() / Factor()));
   }
   WallTime FromMachine(WallTime time) const override {
-    if (factor_ == 1) return time;
+    if (Factor() == 1) return time;
     const Duration ago = std::chrono::system_clock::now() - time;
     const Duration steady = std::chrono::steady_clock::now().time_since_epoch() - ago;
     return time + std::chrono::duration_cast<WallTime::duration>(Scaled(steady) - steady);
@@ -41,10 +41,15 @@ class RealClock final : public Clock {
  private:
   // From the machine's start on, so that it is the same time in every process.
   Duration Scaled(Duration since_start) const {
-    return factor_ == 1 ? since_start : std::chrono::duration_cast<Duration>(since_start * factor_);
+    return Factor() == 1 ? since_start : std::chrono::duration_cast<Duration>(since_start * Factor());
   }
 
-  const double factor_ = FactorFromEnvironment();
+  // Read when the time is asked for the first time: a program may have a thread before it knows how fast its
+  // child is to live.
+  static double Factor() {
+    static const double factor = FactorFromEnvironment();
+    return factor;
+  }
 };
 
 Clock& Real() {

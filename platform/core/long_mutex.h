@@ -16,7 +16,12 @@ class LongMutex {
  public:
   void lock() {
     std::unique_lock lock(mutex_);
-    freed_.Wait(lock, [this] { return !held_; });
+    try {
+      freed_.Wait(lock, [this] { return !held_; });
+    } catch (...) {  // a cancellation; it may have taken the notification of another waiter
+      if (!held_) freed_.NotifyOne();
+      throw;
+    }
     held_ = true;
   }
 

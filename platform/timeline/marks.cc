@@ -67,7 +67,7 @@ std::optional<OperationReading> ReadSlot(const MarkSlot& slot, int64_t alive_us)
   reading.number = slot.number;
   reading.kind = KindName(static_cast<Kind>(slot.kind));
   reading.begun = WallTime(std::chrono::microseconds(slot.begun_us));
-  reading.duration_us = std::max<int64_t>(0, alive_us - slot.begun_us);
+  reading.duration_us = std::max<int64_t>(0, std::clamp<int64_t>(alive_us, 0, kLatest) - slot.begun_us);
   reading.state = State::kFailed;
   reading.error = kError;
   reading.earlier_life = true;

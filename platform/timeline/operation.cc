@@ -83,6 +83,13 @@ Ring& TheRing() {
   return *ring;
 }
 
+// Differs for every thread of the process, also after one has ended.
+uint64_t ThreadNumber() {
+  static std::atomic<uint64_t> last{0};
+  thread_local const uint64_t number = ++last;
+  return number;
+}
+
 thread_local Segment* current_segment = nullptr;
 // Beside the segment, so that the common question needs no reference to be counted.
 thread_local OperationPtr current_operation;
@@ -132,12 +139,21 @@ bool Operation::Take(size_t size, bool important) {
   return true;
 }
 
-Segment* Operation::NewSegment() {
+// A thread that takes up the operation again goes on where it was: a configuration is handed to and fro more
+// often than there is room for segments.
+Segment* Operation::SegmentOfThread() {
+  const uint64_t thread = ThreadNumber();
+  {
+    const std::lock_guard lock(mutex_);
+    for (Segment* each = first_segment_; each != nullptr; each = each->next)
+      if (each->thread_number == thread) return each;
+  }
   Segment* const made = Segment::Make(*this);
   if (made == nullptr) {
     left_out_.fetch_add(1, std::memory_order_relaxed);
     return nullptr;
   }
+  made->thread_number = thread;
   const std::lock_guard lock(mutex_);
   (last_segment_ == nullptr ? first_segment_ : last_segment_->next) = made;
   last_segment_ = made;
@@ -271,7 +287,7 @@ Scope::Scope(OperationPtr operation)
     : operation_(std::move(operation)),
       outer_(std::move(current_operation)),
       outer_segment_(current_segment) {
-  current_segment = operation_ ? operation_->NewSegment() : nullptr;
+  current_segment = operation_ ? operation_->SegmentOfThread() : nullptr;
   current_operation = operation_;
 }
 

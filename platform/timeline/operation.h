@@ -93,8 +93,8 @@ class Operation {
   void Unmark();
   /// False when it had ended before.
   bool End(std::string_view error);
-  /// Null when there is no room for one.
-  Segment* NewSegment();
+  /// The segment of the calling thread; null when there is no room for one.
+  Segment* SegmentOfThread();
   /// False when the operation has no room for `size` more bytes; `important` may use a reserve.
   bool Take(size_t size, bool important);
 

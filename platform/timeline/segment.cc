@@ -250,7 +250,7 @@ void Segment::AddText(uint32_t step_depth, std::string_view key, std::string_vie
   place[kDetailHead - 1] = static_cast<char>(common);
   std::memcpy(place + kDetailHead, text.data(), text.size());
   Publish();
-  std::memcpy(&recent.text[common], text.data(), text.size());
+  std::memcpy(recent.text.data() + common, text.data(), text.size());
   recent.length = common + text.size();
   recent.segment = this;
 }
@@ -292,7 +292,9 @@ void Segment::End(uint32_t step_depth, TimePoint start, TimePoint now) {
   if (last_.depth == step_depth) last_.end = place;
 }
 
-void Segment::EndJoined(TimePoint now) {
+void Segment::EndJoined(uint32_t step_depth, TimePoint now) {
+  // With steps in it, the last one is one of them.
+  if (last_.depth != step_depth) return;
   const int64_t duration = std::max<int64_t>(0, SinceBegin(now) - last_.start_us);
   const uint8_t flags = Head(WordAt(last_.end).load(std::memory_order_relaxed)).byte;
   WordAt(last_.end).store(Pack(Entry::kEnd, last_.depth, flags, duration), std::memory_order_relaxed);
@@ -374,8 +376,10 @@ class Segment::Reader {
 void Segment::Read(std::vector<StepReading>* steps) const {
   Reader reader(thread_, steps);
   size_t at = kFirstEntry;
-  for (Chunk* chunk = oldest_; chunk != nullptr; chunk = chunk->next.load(std::memory_order_acquire)) {
-    reader.Read(chunk, std::exchange(at, 0));
+  for (Chunk* chunk = oldest_; chunk != nullptr;) {
+    // Before the chunk's entries: only a chunk that had a next one then has got all of its own.
+    Chunk* const next = chunk->next.load(std::memory_order_acquire);
+    reader.Read(std::exchange(chunk, next), std::exchange(at, 0));
   }
 }
 

@@ -33,11 +33,14 @@ class Segment {
   void AddText(uint32_t step_depth, std::string_view key, std::string_view text);
   void Result(uint32_t step_depth, std::string_view text, bool failed, bool important);
   void End(uint32_t step_depth, TimePoint start, TimePoint now);
-  /// The end of a step that is one more call of the step before.
-  void EndJoined(TimePoint now);
+  /// The end of a step that is one more call of the step before, whose end moves unless other steps began in
+  /// this one.
+  void EndJoined(uint32_t step_depth, TimePoint now);
 
   uint32_t depth = 0;
-  Segment* next = nullptr;  // of its operation, which guards it
+  // Of its operation, which guards them:
+  Segment* next = nullptr;
+  uint64_t thread_number = 0;
 
   void Read(std::vector<StepReading>* steps) const;
 

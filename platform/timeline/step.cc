@@ -30,7 +30,7 @@ Step::~Step() {
 
 void Step::End(TimePoint now) {
   if (state_ == State::kRecorded) counted_->End(depth_, start_, now);
-  if (state_ == State::kJoined) counted_->EndJoined(now);
+  if (state_ == State::kJoined) counted_->EndJoined(depth_, now);
   ended_ = true;
 }
 

@@ -118,13 +118,15 @@ bool IsQuestionOfScript(const std::string& data) {
 }
 
 std::string GroupOf(const char* form, const cJSON* item) {
-  std::string group = form;
-  for (size_t begin = group.find('{'); begin != std::string::npos; begin = group.find('{')) {
-    const size_t end = group.find('}', begin);
-    const std::string name = group.substr(begin + 1, end - begin - 1);
-    group.replace(begin, end + 1 - begin, TextOf(item, name.c_str()));
+  std::string group;
+  std::string_view left = form;
+  for (size_t begin = left.find('{'); begin != std::string_view::npos; begin = left.find('{')) {
+    const size_t end = left.find('}', begin);
+    const std::string name(left.substr(begin + 1, end - begin - 1));
+    group.append(left.substr(0, begin)).append(TextOf(item, name.c_str()));
+    left.remove_prefix(end + 1);
   }
-  return group;
+  return group.append(left);
 }
 
 void ReadRow(ControlClient& node, const Row& row, const BorderReader& read) {

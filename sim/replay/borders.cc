@@ -49,14 +49,23 @@ std::string QuestionIn(const std::string& alike) {
   return arrow == std::string::npos ? std::string() : alike.substr(0, arrow);
 }
 
-// A question that was asked in one life alone shows the pace; one that got another answer shows the daemon.
-void DropUnasked(Lines* lines, const Lines& other) {
-  std::set<std::string> asked;
-  for (const Line& line : other) asked.insert(QuestionIn(line.alike));
-  std::erase_if(*lines, [&](const Line& line) {
-    const std::string question = QuestionIn(line.alike);
-    return !question.empty() && !asked.contains(question);
-  });
+// A question that was asked in one life alone shows the pace, and so does an answer that one life got besides
+// one that both got: it asked at one more moment.  A question that got no answer alike shows the daemon.
+void KeepDisputed(Lines* left, Lines* right) {
+  std::map<std::string, std::set<std::string>> answers;  // in the right one
+  for (const Line& line : *right) answers[QuestionIn(line.alike)].insert(line.alike);
+  std::map<std::string, bool> agreed;
+  for (const Line& line : *left) {
+    const auto asked = answers.find(QuestionIn(line.alike));
+    if (asked != answers.end()) agreed[asked->first] |= asked->second.contains(line.alike);
+  }
+  for (Lines* const lines : {left, right}) {
+    std::erase_if(*lines, [&](const Line& line) {
+      const std::string question = QuestionIn(line.alike);
+      const auto both = agreed.find(question);
+      return !question.empty() && (both == agreed.end() || both->second);
+    });
+  }
 }
 
 // The lines of `left` that `right` has not as often.
@@ -146,10 +155,7 @@ std::vector<Difference> Borders::Compare(const Borders& other, Likeness likeness
   for (const auto& [name, unused] : all) {
     Lines left = LinesOf(groups_, name, likeness);
     Lines right = LinesOf(other.groups_, name, likeness);
-    if (name.ends_with(kQuestionGroup)) {
-      DropUnasked(&left, right);
-      DropUnasked(&right, left);
-    }
+    if (name.ends_with(kQuestionGroup)) KeepDisputed(&left, &right);
     const std::vector<std::string> gone = Missing(left, right);
     const std::vector<std::string> added = Missing(right, left);
     for (const std::string& line : gone) differences.push_back({name, '-', line});

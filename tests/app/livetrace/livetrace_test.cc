@@ -232,6 +232,7 @@ TEST_F(LivetraceTest, TheCaptureIsUploadedBeforeTheBarrier) {
                 "\", \"generate_id\": \"u\\\"1\", \"manager_info\": "
                 "{\"manager_uri\":\"api/v1/livetraces/18/capturefile/u\\\"1\",\n\"server\": \"10.0.0.9\", "
                 "\"port\": 443, \"thumbprint\": \"ab\"}}");
+  EXPECT_FALSE(log.Contains("u\\\"1")) << "the upload's id is the manager's permission to write";
   Serve("cat > /dev/null; exit 3");
   RequestUpload(19);
   Status(19, 0, 0);

@@ -41,9 +41,10 @@ TEST(MetricsTextTest, WhatTheDaemonWritesComesBack) {
 TEST(MetricsTextTest, OtherTextsOfTheForm) {
   EXPECT_EQ(MetricsJson(""), R"({"metrics":[]})");
   EXPECT_EQ(
-      MetricsJson("# a remark\n\nx{} NaN 1700000000\n# TYPE y counter\ny +3\n"),
+      MetricsJson("# a remark\n\nx{} NaN 1700000000\n# TYPE y counter\ny +3\nyy_sum 4\n"),
       R"({"metrics":[{"name":"x","type":"untyped","help":"","samples":[{"name":"x","labels":{},"value":null}]},)"
-      R"({"name":"y","help":"","samples":[{"name":"y","labels":{},"value":3}],"type":"counter"}]})");
+      R"({"name":"y","help":"","samples":[{"name":"y","labels":{},"value":3}],"type":"counter"},)"
+      R"({"name":"yy_sum","type":"untyped","help":"","samples":[{"name":"yy_sum","labels":{},"value":4}]}]})");
   for (const char* const text : {"x", "x ", "x{", "x{a} 1", "x{a=\"b} 1", "x{a=\"b\\\"} 1", "x 1y",
                                  "x{a=\"b\"", "{} 1", "# TYPE  gauge"}) {
     EXPECT_THROW(MetricsJson(std::string("y 1\n") + text), Failure) << text;

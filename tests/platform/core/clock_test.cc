@@ -203,6 +203,30 @@ TEST(LongMutexTest, IsHeldAcrossAWaitOfTheVirtualClock) {
   EXPECT_THAT(entered, ElementsAre(0, 5, 10));
 }
 
+// A waiter that is cancelled just when the lock is free has been told so in place of the next one.
+TEST(LongMutexTest, ACancelledWaiterLeavesTheLockToTheNext) {
+  for (int round = 0; round < 200 && !HasFailure(); ++round) {
+    VirtualClock clock;
+    LongMutex mutex;
+    std::atomic<bool> entered{false};
+    mutex.lock();
+    NativeThread cancelled([&] { const std::lock_guard lock(mutex); });
+    clock.RunFor(seconds(1));
+    NativeThread next([&] {
+      const std::lock_guard lock(mutex);
+      entered = true;
+    });
+    clock.RunFor(seconds(1));
+    mutex.unlock();
+    cancelled.Cancel();
+    clock.RunFor(seconds(1));
+    EXPECT_TRUE(entered) << round;
+    // Lets it go in any case.
+    mutex.lock();
+    mutex.unlock();
+  }
+}
+
 TEST(StopSignalTest, EndsASleepEarly) {
   VirtualClock clock;
   StopSignal stop;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
 
 #include "platform/core/thread.h"
 
@@ -93,6 +94,10 @@ TEST_F(MarksTest, DamagedMarksAreNotTold) {
     EXPECT_EQ(damage(at, value), 0) << at << " " << value;
     EXPECT_EQ(damaged_, 1u);
   }
+  constexpr size_t kAlive = 16;
+  const int64_t long_ago = std::numeric_limits<int64_t>::min();
+  std::memcpy(memory_.get() + kAlive, &long_ago, sizeof(long_ago));
+  EXPECT_EQ(Read()->at(0).duration_us, 0);
   EXPECT_EQ(MarkTable::Read({memory_.get(), MarkTable::kBytes - 1}, &damaged_), std::nullopt);
   memory_.get()[3] = std::byte{0};
   EXPECT_EQ(Read(), std::nullopt);

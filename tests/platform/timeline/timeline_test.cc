@@ -197,13 +197,23 @@ TEST_F(TimelineTest, DeepAndFullStepsHaveTheirEnds) {
     EXPECT_EQ(step.failed, step.detail == "39" || step.name == "failed");
 }
 
-// An operation that hands over work without end must not grow with it.
+// An operation that hands over work without end must not grow with it; below its bound none of it is left
+// out.
 TEST_F(TimelineTest, ManyHandOversAreBounded) {
-  const OperationPtr operation = Begin(Kind::kVif, "attach", {});
-  for (int i = 0; i < 100'000; ++i) {
-    const Scope scope(operation);
-    Note("step", "done");
-  }
+  const OperationPtr operation = Begin(Kind::kHostConfig, "revision 1", {});
+  const auto hand_over = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      const Scope scope(operation);
+      const Step outer("outer");
+      const Scope again(operation);
+      Note("step", "done");
+    }
+  };
+  hand_over(100);
+  EXPECT_EQ(operation->Read().left_out, 0u);
+  EXPECT_THAT(operation->Read().steps, SizeIs(200));
+  EXPECT_EQ(operation->Read().steps.back().depth, 1u);
+  hand_over(100'000);
   EXPECT_LE(operation->bytes(), size_t{64} << 10);
   EXPECT_GT(operation->Read().left_out, 1'000u);
 }
@@ -256,6 +266,64 @@ TEST_F(TimelineTest, AResultWithoutRoomSaysSo) {
       ASSERT_EQ(step.result, detail);
   }
   EXPECT_GT(left_out, 0);
+}
+
+// A reader that is in one chunk while the writer goes on to the next one must not miss what came between.
+TEST_F(TimelineTest, AReaderSeesEverythingUpToAMoment) {
+  for (int round = 0; round < 20; ++round) {
+    const OperationPtr operation = Begin(Kind::kVif, "attach", {"vif-1"});
+    std::atomic<bool> done{false};
+    NativeThread writer([&] {
+      const Scope scope(operation);
+      for (int i = 0; i < 400; ++i) const Step step("step", "switch port " + std::to_string(i));
+      done = true;
+    });
+    for (bool last = false; !last;) {
+      last = done;
+      const std::vector<StepReading> steps = operation->Read().steps;
+      for (size_t i = 0; i < steps.size(); ++i) {
+        const bool open = steps[i].duration_us < 0 && i + 1 == steps.size();
+        if (open && steps[i].detail.empty()) continue;
+        ASSERT_EQ(steps[i].detail, "switch port " + std::to_string(i));
+        ASSERT_TRUE(open || steps[i].duration_us >= 0) << i;
+      }
+    }
+    writer.Join();
+    EXPECT_THAT(operation->Read().steps, SizeIs(400));
+  }
+}
+
+// Steps that share a record may have others in them, whose times are their own.
+TEST_F(TimelineTest, AJoinedStepLeavesTheTimesOfThoseInIt) {
+  VirtualClock clock;
+  const OperationPtr operation = Begin(Kind::kVif, "attach", {});
+  const Scope scope(operation);
+  const std::string detail(200, 'x');
+  for (int i = 0; operation->bytes() < (size_t{30} << 10); ++i)
+    const Step fill(i % 2 == 0 ? "a" : "b", detail);
+  { const Step port("port"); }
+  {
+    Step port("port");
+    { const Step inner("inner"); }
+    Note("answered", "yes");
+    SleepFor(milliseconds(7));
+    port.Result("refused", true);
+    SleepFor(milliseconds(5));
+  }
+  const std::vector<StepReading> steps = operation->Read().steps;
+  ASSERT_GT(steps.size(), 4u);
+  EXPECT_THAT(steps[steps.size() - 4].detail, testing::StartsWith("2 calls"));
+  for (size_t i = steps.size() - 3; i < steps.size(); ++i)
+    EXPECT_EQ(steps[i].duration_us, 0) << steps[i].name;
+}
+
+// Two calls in a row on names of the greatest length.
+TEST_F(TimelineTest, TheSameLongestTextTwice) {
+  const OperationPtr operation = Begin(Kind::kVif, "attach", {});
+  const Scope scope(operation);
+  const std::string longest(300, 'y');
+  for (int i = 0; i < 3; ++i) const Step call("call", longest);
+  for (const StepReading& step : operation->Read().steps) EXPECT_EQ(step.detail, longest.substr(0, 240));
 }
 
 }  // namespace

@@ -84,6 +84,9 @@ TEST(DifferencesTest, AQuestionCountsWhereBothHaveAskedIt) {
   EXPECT_TRUE(first.Compare(second).empty());
   second.Add("library p1, questions", "PropGet b -> 1");
   EXPECT_EQ(first.Compare(second).size(), 2u);
+  // One life has asked at one more moment, when the answer was another one.
+  first.Add("library p1, questions", "PropGet b -> 1");
+  EXPECT_TRUE(first.Compare(second).empty());
 }
 
 TEST(AnswersTest, WhatTheDaemonSaidIsJudgedWithoutItsMeasures) {
