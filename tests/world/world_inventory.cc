@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <map>
 #include <set>
@@ -12,6 +14,7 @@
 #include "app/zemda/service/discovery_agent.h"
 #include "proto/covedb/covedb.pb.h"
 #include "proto/covedb/inventory_objects.pb.h"
+#include "sim/host/host_state.h"
 #include "sim/host/virtual_machines.h"
 #include "sim/store/store.h"
 
@@ -26,6 +29,11 @@ constexpr auto kLook = std::chrono::seconds(5);
 constexpr int kHoldMs = 30'000;
 constexpr uint32_t kFirstKey = 4000;
 constexpr int kChecksOfAnAnswer = 12;
+constexpr const char* kToolFaults[] = {"qubcfg-knlnic exit 3", "qubcfg-knlnic column TSO MSS",
+                                       "qubcfg-knlnic cut 20", "localcli nothing",
+                                       "localcli exit 1",      "qubcfg-nics column ENS Driven"};
+
+std::string ToolFaultsFile() { return sim::HostState::DefaultRoot() + "/host/inventory-tools"; }
 
 template <class Message>
 std::vector<Message> Records(const sim::Store& store, storage::ObjectType type) {
@@ -152,7 +160,7 @@ void WorldInventory::Change(std::mt19937_64& random) {
 void WorldInventory::Disturb(std::mt19937_64& random) {
   using Answers = sim::ManagerInventory::Answers;
   constexpr Answers kBad[] = {Answers::kNever, Answers::kGarbage, Answers::kForeignType};
-  switch (random() % 5) {
+  switch (random() % 6) {
     case 0:
       daemon_.running() ? daemon_.Stop() : daemon_.Start();
       break;
@@ -165,12 +173,18 @@ void WorldInventory::Disturb(std::mt19937_64& random) {
       manager_.Forget();
       static_cast<void>(manager_.AskFullSync());  // there may be nobody to be asked
       break;
+    case 3:
+      std::ofstream(ToolFaultsFile()) << kToolFaults[random() % std::size(kToolFaults)] << "\n";
+      // The agent reads the tables when something of the host changes.
+      host_.SetHostProperty("config.product.build", std::to_string(random() % 1000));
+      break;
     default:
       manager_.SetAnswers(kBad[random() % 3], 1 + static_cast<int>(random() % 3));
   }
 }
 
 void WorldInventory::Calm() {
+  std::filesystem::remove(ToolFaultsFile());
   daemon_.SetFaults({});
   daemon_.Start();
   manager_.SetAnswers(sim::ManagerInventory::Answers::kGood, 0);

@@ -44,7 +44,8 @@ class WorldInventory {
 
   /// A VM gets another name, guest or address.
   void Change(std::mt19937_64& random);
-  /// The daemon goes or comes, or breaks off; the manager does not answer, or loses its inventory.
+  /// The daemon goes or comes, or breaks off; the manager does not answer, or loses its inventory; a tool of
+  /// the host fails, or prints another table.
   void Disturb(std::mt19937_64& random);
   void Calm();
   /// Where manager and store are not what the host is.  A manager that lacks something asks for everything.

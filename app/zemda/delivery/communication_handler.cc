@@ -92,18 +92,17 @@ void CommunicationHandler::SendMsg(const IdaMsg& message, bool ack_thread) {
   }
   const std::lock_guard sending(send_mutex_);
   if (stopping_) return;
-  uint64_t arming = 0;
-  if (ack_thread) {
-    arming = ack_thread_.Arm();
-    sender_->SetState(DataSender::kWaiting);
-  }
+  const uint64_t arming = ack_thread ? ack_thread_.Arm() : 0;
   sender_->ResetIdle();
   const std::string id = zem::RandomUuidText();
   ZLOG_DEBUG("Generated Correlation Id is : %s", id.c_str());
   std::string previous;
   {
-    // Before the send: a quick acknowledgement may be there before it returns.
+    // Before the send: a quick acknowledgement may be there before it returns.  Together with the state: the
+    // acknowledgement of the message before may come twice, and must not free the sender from its wait for
+    // this.
     const std::lock_guard lock(state_mutex_);
+    if (ack_thread) sender_->SetState(DataSender::kWaiting);
     previous = std::exchange(last_correlation_id_, id);
     last_arming_ = arming;
     last_sent_was_data_ = message.message_type() != kCommandMessage;

@@ -106,7 +106,8 @@ InventoryObjectMsg DeviceRecord(const InventoryObjectMsg& owner, const std::stri
     auto* const entry = vni->add_vni_entry();
     entry->set_key(ida::VNI_PROPERTY_MAC_KEY);
     entry->set_value(key);
-    if (!device.tells_addresses) return object;
+    const bool leaves = object.operation() == InventoryObjectMsg::LEAVE;
+    if (!device.tells_addresses && !leaves) return object;
     auto* const info = vni->add_ip_address_info();
     info->set_source(kGuestSource);
     for (const std::string& address : device.addresses) info->add_address(address);

@@ -1,6 +1,7 @@
 #include "app/zemda/records/store_records.h"
 
 #include <chrono>
+#include <mutex>
 #include <utility>
 
 #include "app/zemda/base/interruption.h"
@@ -69,7 +70,8 @@ StoreRecords::StoreRecords(std::shared_ptr<CoveDBConnectionHandler> store, const
     : store_(std::move(store)),
       kind_(kind),
       interruption_(interruption),
-      own_(std::make_shared<Unacknowledged>()) {}
+      own_(std::make_shared<Unacknowledged>()),
+      number_(std::make_shared<std::atomic<uint32_t>>(0)) {}
 
 StoreRecords::~StoreRecords() = default;
 
@@ -96,11 +98,7 @@ void StoreRecords::Write(const std::string& key, std::string object, bool put) {
   }
 }
 
-uint32_t StoreRecords::NextNumber() {
-  const std::lock_guard lock(mutex_);
-  number_ = (number_ + 1) % kNumbers;
-  return number_;
-}
+void StoreRecords::NextNumber() { *number_ = (*number_ + 1) % kNumbers; }
 
 std::optional<StoreRecords::Objects> StoreRecords::Read(const std::string& key, const std::string& object) {
   if (!object.empty()) {
@@ -122,16 +120,17 @@ std::optional<StoreRecords::Objects> StoreRecords::Read(const std::string& key, 
 
 std::optional<StoreRecords::Objects> StoreRecords::Ask(const std::string& object) {
   const std::lock_guard one_at_a_time(store_->read_mutex());
-  const uint32_t number = NextNumber();
+  NextNumber();
+  const uint32_t number = *number_;
   const auto request = std::make_shared<Request>();
   std::list<store::ObjectRequestMsg> asked(1);
   asked.back().set_object_type(static_cast<store::ObjectType>(kind_.type));
   if (!object.empty()) asked.back().set_object(object);
-  const auto take = [request, number, &kind = kind_](const CoveDBConnectionHandler::Objects& objects,
-                                                     const zem::rpc::Status& status) {
+  const auto take = [request, number, current = number_, &kind = kind_](
+                        const CoveDBConnectionHandler::Objects& objects, const zem::rpc::Status& status) {
     const std::lock_guard lock(request->mutex);
     if (request->over) {
-      ZLOG_ERROR(kind.tag, kind.older, static_cast<int>(number), static_cast<int>((number + 1) % kNumbers));
+      ZLOG_ERROR(kind.tag, kind.older, static_cast<int>(number), static_cast<int>(current->load()));
       return;
     }
     if (!status.ok()) ZLOG_ERROR(kind.tag, "%s", kind.bad_status);

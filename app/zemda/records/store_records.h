@@ -1,10 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -52,15 +52,15 @@ class StoreRecords {
   struct Request;
 
   void Write(const std::string& key, std::string object, bool put);
-  uint32_t NextNumber();
+  void NextNumber();
   std::optional<Objects> Ask(const std::string& object);
 
   const std::shared_ptr<CoveDBConnectionHandler> store_;
   const RecordKind& kind_;
   Interruption* const interruption_;
   const std::shared_ptr<Unacknowledged> own_;
-  std::mutex mutex_;  // guards number_
-  uint32_t number_ = 0;
+  // Of the current read; it changes with the read mutex held only, and late callbacks look at it.
+  const std::shared_ptr<std::atomic<uint32_t>> number_;
 };
 
 }  // namespace ZemDa

@@ -1,9 +1,12 @@
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/zemda/base/da_properties.h"
@@ -189,6 +192,32 @@ TEST_F(DeliveryTest, FullSyncThenUpdatesOneAtATime) {
   EXPECT_THAT(road->Take(), ElementsAre("1:1"));
   ASSERT_EQ(processed.size(), 3u);
   EXPECT_EQ(processed[1].inventory_object_size(), 2);
+}
+
+// The manager may say it twice, and the second time just as the next message is on its way.
+TEST_F(DeliveryTest, AcknowledgementThatComesAgain) {
+  Begin();
+  road->Command(2, road->last_id);
+  Run();
+  EXPECT_EQ(sender->state(), DataSender::kWaitingForData);
+  static std::function<void(const std::string&)> on_line;
+  static std::atomic<int> answered;
+  answered = -1;
+  on_line = [this](const std::string& line) {
+    if (answered >= 0 && line.find("Received ACK") != std::string::npos) ++answered;
+    if (answered >= 0 || line.find("Generated Correlation Id is") == std::string::npos) return;
+    answered = 0;
+    road->Command(2, road->last_id);
+    while (answered == 0) std::this_thread::yield();
+  };
+  const auto before = zem::Logger::SetEmitter([](int, const char* line) { on_line(line); });
+  Push(DcMsg::DMT_UPDATE);
+  Run();
+  Push(DcMsg::DMT_UPDATE);
+  Run();
+  zem::Logger::SetEmitter(before);
+  EXPECT_EQ(answered, 1);
+  EXPECT_THAT(road->Take(), ElementsAre("1:1")) << "it is still outstanding";
 }
 
 // The acknowledgement may be there before the send returns; it must not be taken for a stranger's.

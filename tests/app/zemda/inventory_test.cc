@@ -137,6 +137,8 @@ TEST_F(InventoryTest, RecordsOfAVm) {
   EXPECT_EQ(records[2].virtual_network_interface().vni_entry_size(), 1);
   EXPECT_EQ(records[3].virtual_network_interface().id(), "e1-4001");
   EXPECT_EQ(records[3].operation(), ida::InventoryObjectMsg::LEAVE) << "the VM itself stays";
+  ASSERT_EQ(records[3].virtual_network_interface().ip_address_info_size(), 1) << "it has no addresses";
+  EXPECT_THAT(records[3].virtual_network_interface().ip_address_info(0).address(), IsEmpty());
 
   QubVM known_empty;
   known_empty.no_runtime_devices = true;

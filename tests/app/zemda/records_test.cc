@@ -247,7 +247,7 @@ TEST_F(RecordsTest, LateAnswer) {
   store::DaVifMsg other;
   other.set_vif_id("vif-2");
   Do([&] { EXPECT_FALSE(reads.GetVif(&other)); });
-  EXPECT_TRUE(log.Contains("Older callback received 1, current 2."));
+  EXPECT_TRUE(log.Contains("Older callback received 1, current 3."));
   daemon->faults().SetGarbage("Get", 1);
   Do([&] { EXPECT_FALSE(reads.GetVif(&vif)); });
   EXPECT_TRUE(log.Contains("Error: Unable to parse VifMsg from coveDb"));
