@@ -64,8 +64,7 @@ void Interruption::Wait() {
   ::_exit(kSignalExit + signal);
 }
 
-std::shared_ptr<void> Interruption::Add(std::function<void()> clear) {
-  const std::lock_guard lock(mutex_);
+std::shared_ptr<void> Interruption::Add(const Held&, std::function<void()> clear) {
   const auto at = clear_.insert(clear_.end(), std::move(clear));
   return {nullptr, [this, at](void*) {
             const std::lock_guard inner(mutex_);
@@ -76,13 +75,14 @@ std::shared_ptr<void> Interruption::Add(std::function<void()> clear) {
 ScratchFolder::ScratchFolder(const std::string& name)
     : path_(std::filesystem::temp_directory_path() / (name + ".XXXXXX")) {
   Interruption& interruption = Interruption::Get();
+  const Interruption::Held held = interruption.Hold();
   if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error(path_ + ": " + std::strerror(errno));
-  ending_ = interruption.Add([path = path_] { Remove(path); });
+  ending_ = interruption.Add(held, [path = path_] { Remove(path); });
 }
 
 ScratchFolder::~ScratchFolder() {
-  ending_.reset();
   Remove(path_);
+  ending_.reset();
 }
 
 std::string ScratchFolder::Write(const std::string& name, const std::string& text) const {

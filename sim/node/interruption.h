@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 namespace zem::sim {
 
@@ -19,9 +20,14 @@ class Interruption {
   /// In a new process: the signals do again what they do by default.
   static void LetPass();
 
+  using Held = std::unique_lock<std::mutex>;
+  /// While it is held, an interruption waits: what is made meanwhile is added before anything is cleared.
+  Held Hold() { return Held(mutex_); }
+
   /// `clear` runs at an interruption, those that were added last first, unless the returned object is gone by
   /// then.
-  std::shared_ptr<void> Add(std::function<void()> clear);
+  std::shared_ptr<void> Add(const Held& held, std::function<void()> clear);
+  std::shared_ptr<void> Add(std::function<void()> clear) { return Add(Hold(), std::move(clear)); }
 
  private:
   Interruption();

@@ -158,10 +158,12 @@ class ChildNode {
  public:
   ChildNode(Words words, const char* program) {
     words.all.insert(words.all.end(), {"--dir", folder_.path()});
+    zem::sim::Interruption& interruption = zem::sim::Interruption::Get();
+    const zem::sim::Interruption::Held held = interruption.Hold();
     process_ = ::fork();
     if (process_ < 0) throw std::runtime_error(std::strerror(errno));
     if (process_ > 0) {
-      ending_ = zem::sim::Interruption::Get().Add([process = process_] { End(process); });
+      ending_ = interruption.Add(held, [process = process_] { End(process); });
       return;
     }
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -175,13 +177,13 @@ class ChildNode {
     ::_exit(code);
   }
   ~ChildNode() {
-    ending_.reset();
     if (stopped_) {
       int status = 0;
       ::waitpid(process_, &status, 0);
     } else {
       End(process_);
     }
+    ending_.reset();
   }
   ChildNode(const ChildNode&) = delete;
   ChildNode& operator=(const ChildNode&) = delete;
