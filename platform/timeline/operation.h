@@ -60,7 +60,8 @@ class Segment;
 /// One operation and its steps.
 ///
 /// Threads: all operations from any.  Its threads write without locks, each into a segment of its own.
-/// Limits: 64 KiB of steps and texts, 128 keys; a text is cut at 240 bytes, a key at 128.
+/// Limits: 64 KiB of steps and texts, 128 keys, 32 steps in one another; a text is cut at 240 bytes, a key at
+/// 128.
 class Operation {
  public:
   /// Only `Begin` makes one.

@@ -6,6 +6,7 @@
 
 #include "proto/context/idfw_vertical.pb.h"
 #include "sim/manager/manager.h"
+#include "sim/manager/send_errors.h"
 
 namespace zem::sim {
 namespace {
@@ -158,8 +159,8 @@ void LogonReceiver::SendForeign(uint64_t id) {
   request.type = kAckType;
   request.correlation_id = std::to_string(id + kForeign);
   request.timeout = std::chrono::seconds(1);
-  // While no master is there, nobody sends it.
-  static_cast<void>(manager_.Send(request, [](const HostAnswer&) {}));
+  const std::string error = manager_.Send(request, [](const HostAnswer&) {});
+  if (!error.empty() && error != kNoMaster) Violation("a foreign acknowledgement was not sent: " + error);
 }
 
 }  // namespace zem::sim

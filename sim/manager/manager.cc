@@ -11,6 +11,7 @@
 #include "platform/provider/timer.h"
 #include "proto/messaging/appinit.pb.h"
 #include "proto/switching/switching_unified.pb.h"
+#include "sim/manager/send_errors.h"
 
 namespace zem::sim {
 namespace {
@@ -369,7 +370,7 @@ std::string Manager::Send(const SendRequest& request, std::function<void(HostAns
   const std::string target = request.aph.empty() ? Master() : request.aph;
   std::lock_guard lock(mutex_);
   const auto aph = aphs_.find(target);
-  if (aph == aphs_.end()) return target.empty() ? "there is no master" : "no APH " + target;
+  if (aph == aphs_.end()) return request.aph.empty() ? kNoMaster : "no APH " + target;
   record_.AddSent(request.member, member->SerializeAsString());
   aph->second->Call(*vertical, message, request.publish, request.timeout, std::move(done));
   return {};
